@@ -1,0 +1,55 @@
+# Fails on an include that points down the list: a file may include what stands above its folder
+# and its own folder, never below. Run as a test: cmake -DROOT=<tree> -P CheckLayers.cmake
+set(layers
+    utils protocol/src client tools/kelmctl
+    service/src/config service/src/records service/src/execution
+    service/src/scheduling/mapping service/src/scheduling/tasks service/src/scheduling/devices
+    service/src/devices service/src/managers service/src/shell)
+# Folders that stand beside the service and see only the first two layers.
+set(outside client tools/kelmctl)
+
+set(bad 0)
+list(LENGTH layers count)
+math(EXPR last "${count} - 1")
+foreach(index RANGE ${last})
+    list(GET layers ${index} folder)
+    file(GLOB files ${ROOT}/${folder}/*.h ${ROOT}/${folder}/*.cpp)
+    if(folder STREQUAL "utils")
+        file(GLOB more ${ROOT}/utils/platform/linux/*.h ${ROOT}/utils/platform/linux/*.cpp)
+        list(APPEND files ${more})
+    endif()
+    foreach(file IN LISTS files)
+        file(STRINGS ${file} includes REGEX "^#include \"")
+        foreach(line IN LISTS includes)
+            string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" path "${line}")
+            foreach(other RANGE ${last})
+                list(GET layers ${other} target)
+                string(REGEX REPLACE "^service/src/" "" prefix "${target}")
+                get_filename_component(directory "${path}" DIRECTORY)
+                if(directory STREQUAL prefix OR (prefix STREQUAL "utils" AND directory MATCHES "^utils"))
+                    set(wrong FALSE)
+                    if(other GREATER index)
+                        set(wrong TRUE)
+                    elseif(target IN_LIST outside AND NOT target STREQUAL folder
+                           AND NOT (target STREQUAL "client" AND folder STREQUAL "tools/kelmctl"))
+                        set(wrong TRUE)
+                    elseif(folder IN_LIST outside AND target MATCHES "^service")
+                        set(wrong TRUE)
+                    elseif(folder STREQUAL "service/src/scheduling/mapping"
+                           AND NOT target MATCHES "utils|protocol|config|mapping")
+                        set(wrong TRUE)
+                    elseif(folder STREQUAL "service/src/scheduling/devices" AND target MATCHES "scheduling/tasks")
+                        set(wrong TRUE)
+                    endif()
+                    if(wrong)
+                        message(SEND_ERROR "${file}: includes ${path}, which stands below ${folder}")
+                        set(bad 1)
+                    endif()
+                endif()
+            endforeach()
+        endforeach()
+    endforeach()
+endforeach()
+if(NOT bad)
+    message(STATUS "includes follow the layers")
+endif()

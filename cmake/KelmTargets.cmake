@@ -1,0 +1,86 @@
+# The helpers by which the folders become targets, and the compiler flags that all share.
+
+add_library(kelm_flags INTERFACE)
+target_compile_options(kelm_flags INTERFACE
+    -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wfloat-conversion -Werror
+    # Both compilers must take the same scheduling decisions from the same floats.
+    -ffp-contract=off
+    -fno-omit-frame-pointer)
+target_include_directories(kelm_flags INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/service/src)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(kelm_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
+endif()
+if(KELM_SANITIZE)
+    target_compile_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE} -fno-sanitize-recover=all)
+    target_link_options(kelm_flags INTERFACE -fsanitize=${KELM_SANITIZE})
+    if(KELM_SANITIZE MATCHES "undefined")
+        target_compile_options(kelm_flags INTERFACE -fsanitize=float-cast-overflow)
+    endif()
+endif()
+
+find_program(KELM_CCACHE ccache)
+if(KELM_CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER
+        env CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_NOHASHDIR=1 ${KELM_CCACHE})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        target_compile_options(kelm_flags INTERFACE -fpch-preprocess)
+    endif()
+endif()
+
+# Collects the sources of some folders, without descending, into `out`.
+function(kelm_sources out)
+    cmake_parse_arguments(ARG "" "" "FOLDER;EXCLUDE" ${ARGN})
+    set(sources)
+    foreach(folder IN LISTS ARG_FOLDER)
+        file(GLOB found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
+        list(APPEND sources ${found})
+    endforeach()
+    foreach(name IN LISTS ARG_EXCLUDE)
+        list(FILTER sources EXCLUDE REGEX "/${name}$")
+    endforeach()
+    set(${out} ${sources} PARENT_SCOPE)
+endfunction()
+
+# kelm_library(name FOLDER dir... [EXCLUDE file...] [DEPENDS target...]): the static library kelm_<name>.
+function(kelm_library name)
+    cmake_parse_arguments(ARG "" "" "FOLDER;EXCLUDE;DEPENDS" ${ARGN})
+    kelm_sources(sources FOLDER ${ARG_FOLDER} EXCLUDE ${ARG_EXCLUDE})
+    if(sources)
+        add_library(kelm_${name} STATIC ${sources})
+        target_link_libraries(kelm_${name} PUBLIC kelm_flags ${ARG_DEPENDS})
+    else()
+        add_library(kelm_${name} INTERFACE)
+        target_link_libraries(kelm_${name} INTERFACE kelm_flags ${ARG_DEPENDS})
+    endif()
+endfunction()
+
+# kelm_program(name [FOLDER dir...] [SOURCES file...] DEPENDS target...)
+function(kelm_program name)
+    cmake_parse_arguments(ARG "" "" "FOLDER;SOURCES;DEPENDS" ${ARGN})
+    kelm_sources(sources FOLDER ${ARG_FOLDER})
+    foreach(file IN LISTS ARG_SOURCES)
+        if(EXISTS ${PROJECT_SOURCE_DIR}/${file})
+            list(APPEND sources ${PROJECT_SOURCE_DIR}/${file})
+        endif()
+    endforeach()
+    if(sources)
+        add_executable(${name} ${sources})
+        target_link_libraries(${name} PRIVATE kelm_flags ${ARG_DEPENDS})
+    endif()
+endfunction()
+
+# kelm_test(name DEPENDS target... [PROPERTIES ...]): tests/<name>/*.cpp as the program test_<name>,
+# one ctest case a test, so that each runs in a process of its own.
+function(kelm_test name)
+    cmake_parse_arguments(ARG "" "" "DEPENDS;PROPERTIES" ${ARGN})
+    kelm_sources(sources FOLDER tests/${name})
+    if(NOT sources)
+        return()
+    endif()
+    add_executable(test_${name} ${sources})
+    target_link_libraries(test_${name} PRIVATE kelm_flags ${ARG_DEPENDS} GTest::gmock_main)
+    target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+    target_precompile_headers(test_${name} REUSE_FROM kelm_test_pch)
+    gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
+        PROPERTIES TIMEOUT 300 ${ARG_PROPERTIES})
+endfunction()

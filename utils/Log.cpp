@@ -1,0 +1,50 @@
+#include "utils/Log.h"
+
+#include <cstring>
+#include <iostream>
+#include <sstream>
+
+#include "utils/ThreadUtils.h"
+#include "utils/TimeHelper.h"
+
+namespace kelm {
+
+namespace {
+
+// Levels from here on print their whole tag.
+constexpr uint32_t kFirstWholeTag = 64;
+
+const char* lastComponent(const char* path) {
+    const char* slash = std::strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+}  // namespace
+
+const char* colorBegin(LogLevel level) {
+    if (level == LOG_LEVEL_ERROR || level == LOG_LEVEL_FATAL) return "\033[1;31;40m";
+    return level == LOG_LEVEL_WARN ? "\033[1;36;40m" : "";
+}
+
+const char* colorEnd(LogLevel level) { return colorBegin(level)[0] != '\0' ? "\033[0m" : ""; }
+
+void Log::setLog4cppInitFile(const std::string&) {}
+
+void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t line,
+                    const char* object, const char* format, std::span<const FormatArg> args) {
+    MutexLock lock(m_mutex);
+    std::ostringstream text;
+    text << colorBegin(level) << m_prefix << "[" << getCurrentTime() << "]"
+         << "[" << ThreadUtils::getThreadId() << "]";
+    if (level < kFirstWholeTag) {
+        text << tag[0];
+    } else {
+        text << tag;
+    }
+    text << "[" << lastComponent(file) << ":" << line << "]";
+    if (object != nullptr) text << "[" << object << "]";
+    text << " " << StringHelper::formatArgs(format, args) << m_suffix << colorEnd(level) << "\n";
+    std::cout << text.str();
+}
+
+}  // namespace kelm

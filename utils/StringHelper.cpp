@@ -1,0 +1,16 @@
+#include "utils/StringHelper.h"
+
+#include <boost/format.hpp>
+#include <exception>
+
+std::string StringHelper::formatArgs(const char* format, std::span<const FormatArg> args) {
+    try {
+        boost::format formatter(format);
+        for (const FormatArg& arg : args) {
+            std::visit([&formatter](const auto& value) { formatter % value; }, arg.value());
+        }
+        return formatter.str();
+    } catch (const std::exception& error) {
+        return std::string(format) + "[BoostError: " + error.what() + "]";
+    }
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class ThreadUtils {
+ public:
+    static int getProcessId();
+    // The kernel's id of the calling thread.
+    static int getThreadId();
+    // Names the calling thread; the kernel keeps 15 characters.
+    static void setName(const std::string& name);
+    static std::string getName();
+    // A null buffer, or one below 16 bytes, is left alone.
+    static void getName(char* buffer, unsigned long size);
+    // The processor's time stamp counter.
+    static uint64_t getRdtsc();
+    static std::string getHostname();
+    // Adds a line for the calling thread to "thread.info" in the current directory, which the first
+    // call of the process starts anew. Never follows a link.
+    static void saveThreadInfo(const std::string& name);
+};

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <chrono>
+#include <ctime>
+#include <string>
+
+class TimeHelper {
+ public:
+    // localtime_r; false if an argument is null.
+    static bool localtimeSafe(const time_t* time, tm* result);
+};
+
+namespace kelm {
+
+// All in local time.
+// strftime of the point into at most 23 characters.
+std::string putTime(std::chrono::system_clock::time_point point, const char* format);
+// Now as HH:MM:SS, a point and four digits of the second.
+std::string getCurrentTime();
+// HH:MM:SS, a point and three digits of milliseconds.
+std::string formatTimeMilli(std::chrono::system_clock::time_point point);
+
+}  // namespace kelm
