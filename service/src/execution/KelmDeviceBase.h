@@ -1,0 +1,147 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "utils/FpsCounter.h"
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+#include "utils/UtilizationCounter.h"
+
+namespace kelm {
+
+class KelmGraph;
+class KelmTask;
+
+// One of the five sizes that a graph needs for its buffers.
+enum KelmGraphInfo : int {
+    GRAPH_INFO_INPUT = 0,
+    GRAPH_INFO_OUTPUT = 1,
+    GRAPH_INFO_TIME_TAKEN = 2,
+    GRAPH_INFO_DEBUG = 3,
+    GRAPH_INFO_THERMAL = 4,
+};
+
+// A named accelerator that is opened, holds a current graph, takes tensors and gives results. The
+// operations here fix the order of locks, checks and statistics; the ...Impl steps are the device's.
+//
+// A root is made by name; a clone of it serves one slave worker, shares the device id and moves the
+// root's count of tasks in flight.
+//
+// Threads: a slave worker's two threads run tensors and results at once, graph operations on one of
+// them; any thread reads the statistics. Int results are KelmError or library statuses, 0 is good.
+// Locks: m_deviceMutex, then m_graphInfoMutex, then a counter's.
+class KelmDeviceBase : public NonCopyable {
+ public:
+    using TimePoint = std::chrono::system_clock::time_point;
+    using Factory = std::function<std::unique_ptr<KelmDeviceBase>(const std::string& name)>;
+
+    explicit KelmDeviceBase(const std::string& name);  // a root
+    explicit KelmDeviceBase(KelmDeviceBase* parent);   // a clone; the parent outlives it
+    virtual ~KelmDeviceBase();
+
+    virtual std::unique_ptr<KelmDeviceBase> clone() = 0;
+    // Whether the status means that the device is lost.
+    virtual bool isHardwareError(int error);
+    virtual void setFifoCapacity(unsigned int capacity);
+    virtual void setMaxCacheGraphNumber(int number);
+    // Reads the temperature anew.
+    virtual int updateThermal();
+    virtual std::vector<KelmGraph*> getCachedGraphList();
+    virtual std::vector<std::string> getCachedGraphNames();
+
+    [[nodiscard]] int openDevice() EXCLUDES(m_deviceMutex);
+    void closeDevice() EXCLUDES(m_deviceMutex);
+    [[nodiscard]] int resetDevice() EXCLUDES(m_deviceMutex);
+    // A graph of the current graph's content is already there: 0, with nothing done.
+    [[nodiscard]] int allocateGraph(KelmGraph* graph) EXCLUDES(m_deviceMutex);
+    // `keepCached` lets the device keep the graph's image for a fast return.
+    [[nodiscard]] int deallocateGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_deviceMutex);
+    [[nodiscard]] int loadTensor(KelmTask* task);
+    [[nodiscard]] int getResult(KelmTask* task);
+
+    float getThermal() const { return m_thermal.load(); }
+    int32_t getThermalThrottlingLevel() const { return m_thermalThrottlingLevel.load(); }
+    uint32_t getDeviceId() const { return m_deviceId.load(); }
+    // MB.
+    uint32_t getMemorySize() const { return m_memorySize.load(); }
+    const std::string& getName() const { return m_name; }
+    bool isFailed() const { return m_deviceFailed.load(); }
+    KelmGraph* getCurrentGraph() EXCLUDES(m_graphInfoMutex);
+    // Empty without a current graph, as the next three are 0 or false without their graph.
+    std::string getCurrentGraphName() EXCLUDES(m_graphInfoMutex);
+    std::string getPreviousGraphName() EXCLUDES(m_graphInfoMutex);
+    uint32_t getCurrentInferenceCount() EXCLUDES(m_graphInfoMutex);
+    uint32_t getPreviousInferenceCount() EXCLUDES(m_graphInfoMutex);
+    bool getCurrentGraphLoadTime(TimePoint& time) EXCLUDES(m_graphInfoMutex);
+    bool getPreviousGraphLoadTime(TimePoint& time) EXCLUDES(m_graphInfoMutex);
+    bool getPreviousGraphUnloadTime(TimePoint& time) EXCLUDES(m_graphInfoMutex);
+    // Results per second; 0 on a failed device.
+    float getFps() EXCLUDES(m_graphInfoMutex);
+    // Busy share of the last seconds, 0 to 1; 0 on a failed device.
+    float getDeviceUtilization();
+
+    static bool verifyGraph(const KelmGraph* graph);
+    // Whether both are there and have the same content.
+    static bool compareGraph(const KelmGraph* a, const KelmGraph* b);
+    void increaseCacheTaskNum() EXCLUDES(m_graphInfoMutex);
+    void decreaseCacheTaskNum() EXCLUDES(m_graphInfoMutex);
+
+    // The one switch between simulation and hardware, asked anew at each call.
+    static void initPlatform();
+    [[nodiscard]] static int resetAllDevices();
+    // Null when this build has no class for the configured kind of device.
+    static std::unique_ptr<KelmDeviceBase> create(const std::string& name);
+    [[nodiscard]] static int getGraphInfo(const char* data, size_t size, KelmGraphInfo what,
+                                          size_t& result);
+    // Stores the number of simulated devices when simulation is on and `count` is not null.
+    static bool isFakeDeviceModeEnabled(int* count);
+    // Makes create() use `factory`; null restores the configured kind. For tests, before any use.
+    static void setFactory(Factory factory);
+
+ protected:
+    virtual int openDevice(const char* name) REQUIRES(m_deviceMutex) = 0;  // sets m_opened
+    virtual int closeDeviceImpl() REQUIRES(m_deviceMutex) = 0;
+    virtual int allocateGraphImpl(KelmGraph* graph) REQUIRES(m_deviceMutex) = 0;
+    virtual int deallocateGraphImpl(KelmGraph* graph, bool keepCached)
+        REQUIRES(m_deviceMutex) = 0;
+    virtual int loadTensorImpl(KelmTask* task) = 0;
+    virtual int getResultImpl(KelmTask* task) = 0;
+    virtual int hardwareResetDeviceCore() REQUIRES(m_deviceMutex);
+    // Moves the current graph's statistics to the previous slots.
+    void resetGraphInfo() EXCLUDES(m_graphInfoMutex);
+
+    Mutex m_deviceMutex;
+    bool m_opened GUARDED_BY(m_deviceMutex) = false;
+    // Atomics: written at open or by the device's own threads, read by anyone for display.
+    std::atomic<uint32_t> m_deviceId;
+    std::atomic<uint32_t> m_memorySize{512};
+    std::atomic<bool> m_deviceFailed{false};
+    std::atomic<float> m_thermal{0.0f};
+    std::atomic<int32_t> m_thermalThrottlingLevel{0};
+    KelmDeviceBase* const m_parent;
+
+ private:
+    const std::string m_name;
+
+    Mutex m_graphInfoMutex ACQUIRED_AFTER(m_deviceMutex);
+    KelmGraph* m_currentGraph GUARDED_BY(m_graphInfoMutex) = nullptr;
+    std::string m_currentGraphName GUARDED_BY(m_graphInfoMutex);
+    std::string m_previousGraphName GUARDED_BY(m_graphInfoMutex);
+    int32_t m_cacheTaskNum GUARDED_BY(m_graphInfoMutex) = 0;
+    uint32_t m_currentInferenceCount GUARDED_BY(m_graphInfoMutex) = 0;
+    uint32_t m_previousInferenceCount GUARDED_BY(m_graphInfoMutex) = 0;
+    TimePoint m_currentGraphLoadTime GUARDED_BY(m_graphInfoMutex);
+    TimePoint m_previousGraphLoadTime GUARDED_BY(m_graphInfoMutex);
+    TimePoint m_previousGraphUnloadTime GUARDED_BY(m_graphInfoMutex);
+    FpsCounter m_fpsCounter;
+    UtilizationCounter m_utilizationCounter;
+};
+
+}  // namespace kelm

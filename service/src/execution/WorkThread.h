@@ -1,0 +1,98 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+#include "utils/ThreadPool.h"
+
+namespace kelm {
+
+class DeviceSchedulerBase;
+class KelmDeviceBase;
+class KelmGraph;
+class KelmTask;
+class SlaveWorker;
+
+// One device in the service: the root device, and one slave worker with a clone of it for each
+// graph that the device may run at once. The own pool does what must be serial per device and needs
+// no slave worker.
+//
+// Threads: any. Owns: device, clones, slave workers. Borrows graphs, until their unload is done.
+// Locks: m_mutex, held across a post to a slave worker's pool and across resetDevice().
+class WorkThread : public NonCopyable {
+ public:
+    // Opens the device and blocks until its slave workers exist; see isReady().
+    WorkThread(const std::string& deviceName, int32_t subclass, int32_t slaveWorkerNum,
+               int32_t maxCachedGraphNum);
+    // Waits for the slave workers to drain; takes as long as the device's tasks.
+    ~WorkThread();
+
+    // False when the device failed to open, or destruction has begun.
+    bool isReady() EXCLUDES(m_mutex);
+    const std::string& getName() const { return m_name; }
+    int32_t getSubclass() const { return m_subclass; }
+    // The root device, null when it failed to open.
+    KelmDeviceBase* getDevice() const { return m_device.get(); }
+    // The scheduler that the worker belongs to; borrowed.
+    void setDeviceScheduler(DeviceSchedulerBase* scheduler) { m_deviceScheduler = scheduler; }
+    DeviceSchedulerBase* getDeviceScheduler() const { return m_deviceScheduler; }
+
+    // Sum of the clones' results per second.
+    float getTotalFps() EXCLUDES(m_mutex);
+    std::vector<KelmDeviceBase*> getDevices() EXCLUDES(m_mutex);
+    std::vector<std::string> getStates() EXCLUDES(m_mutex);
+    // Name of the first assigned graph, or empty.
+    std::string getGraphName() EXCLUDES(m_mutex);
+    // The assigned graphs.
+    std::set<KelmGraph*> getGraphs() EXCLUDES(m_mutex);
+
+    // Hands the task to the slot of its graph, or back when there is none.
+    void enqueueLoadTensor(KelmTask* task) EXCLUDES(m_mutex);
+    // The task scheduler has let go of this worker for the graph.
+    void enqueueAbortApplyTaskDone(KelmGraph* graph) EXCLUDES(m_mutex);
+    // Futures of a KelmError.
+    std::shared_future<int> enqueueLoadGraph(KelmGraph* graph) EXCLUDES(m_mutex);
+    std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached)
+        EXCLUDES(m_mutex);
+    // `userParam` is the request message, answered through the result sink.
+    void enqueueResetDevice(int socket, void* userParam);
+    // The slave worker's load failed: frees its slot.
+    void enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker);
+    // Frees each slot that holds the graph.
+    void removeInvalidGraph(KelmGraph* graph) EXCLUDES(m_mutex);
+
+ private:
+    struct Slot;
+
+    void init();
+    bool openDevice();
+    void createSlaveWorker(int32_t slaveWorkerNum) EXCLUDES(m_mutex);
+    void destroySlaveWorker() EXCLUDES(m_mutex);
+    void notifyLoadGraphError(SlaveWorker* slaveWorker) EXCLUDES(m_mutex);
+    void resetDevice(int socket, void* userParam) EXCLUDES(m_mutex);
+    std::shared_future<int> answer(int result);
+
+    const std::string m_name;
+    const std::string m_deviceName;
+    const int32_t m_subclass;
+    const int32_t m_slaveWorkerNum;
+    const int32_t m_maxCachedGraphNum;
+    int32_t m_maxInferenceNumber = 1;  // tasks in flight per slave worker; fixed after construction
+    std::unique_ptr<KelmDeviceBase> m_device;
+    // Atomic: set by the device manager after the scheduler may already know the worker.
+    std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
+
+    Mutex m_mutex;
+    bool m_stopped GUARDED_BY(m_mutex) = false;
+    std::vector<Slot> m_slots GUARDED_BY(m_mutex);
+    ThreadPool m_pool;  // last: its jobs use all of the above
+};
+
+}  // namespace kelm

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kelm {
+
+class KelmClient;
+
+// Port: whoever knows the clients. Any thread; takes the directory's lock for a moment.
+class ClientDirectory {
+ public:
+    // False for id 0, an unknown client and one that is leaving.
+    virtual bool verifyClient(uint64_t clientId) = 0;
+    // Null for an unknown client. The record lives until the client's last task has ended, so the
+    // caller must hold a task of that client, or be the one that confirms its departure.
+    virtual KelmClient* getClientById(uint64_t clientId) = 0;
+    // The client's name, or nothing for an unknown client.
+    virtual std::optional<std::string> getClientName(uint64_t clientId) = 0;
+
+ protected:
+    ~ClientDirectory() = default;
+};
+
+}  // namespace kelm

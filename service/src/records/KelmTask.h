@@ -1,0 +1,104 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessagePtr.h"
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm {
+
+class KelmClient;
+class KelmGraph;
+class KelmTaskParam;
+
+enum KelmTaskStatus : int32_t {
+    TASK_STATUS_CREATED = 0,
+    TASK_STATUS_QUEUED = 1,   // waits for a worker
+    TASK_STATUS_LOADING = 2,  // being handed to the device
+    TASK_STATUS_LOADED = 3,   // the device has the input
+    TASK_STATUS_DONE = 4,     // the result is there, good or bad
+    TASK_STATUS_LAST = 7,     // the highest value that setStatus accepts
+};
+
+// One inference request from its arrival to its last answer.
+//
+// Created and deleted by the task manager only. One thread works on a task at a time, since the
+// pointer is handed on by queueing; the mutex protects what crosses that rule.
+//
+// Owns: its parameters and a held-back done message. Borrows client and graph, which outlive it.
+// Locks: m_mutex is a leaf.
+class KelmTask : public NonCopyable {
+ public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    // Takes over `taskParam`. Copies the request, whose pointers are never used from the copy.
+    // `client` may be null.
+    KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskParam* taskParam,
+             const KelmMsgReqInferTask* request);
+    ~KelmTask();
+
+    // Records come from a free list: one is made and given back for every request.
+    static void* operator new(size_t size);
+    static void operator delete(void* block);
+
+    uint64_t getId() const { return m_id; }
+    uint64_t getClientId() const { return m_clientId; }
+    const std::string& getClientName() const { return m_clientName; }
+    KelmGraph* getGraph() const { return m_graph; }
+    KelmTaskParam* getTaskParam() const { return m_taskParam.get(); }
+    const KelmMsgReqInferTask& getCreateTaskRequest() const { return m_createTaskRequest; }
+
+    // Only sets a flag: whoever holds the task next sees it and acts on it.
+    void cancel() EXCLUDES(m_mutex);
+    bool isCanceled() EXCLUDES(m_mutex);
+
+    // How many times the input was offered to a device.
+    void addLoadCount() EXCLUDES(m_mutex);
+    int32_t getLoadCount() EXCLUDES(m_mutex);
+
+    // Also notes the time; a value above TASK_STATUS_LAST is ignored.
+    void setStatus(int32_t status) EXCLUDES(m_mutex);
+    int32_t getStatus() EXCLUDES(m_mutex);
+    std::string getTimeToKelmHal() EXCLUDES(m_mutex);
+    std::string getTimeToTaskQueue() EXCLUDES(m_mutex);
+
+    // Order of the two answers: the done message waits here until the create response is out.
+    // True: the task keeps the message, the caller keeps its hands off task and message.
+    bool setTaskDoneResponse(MessagePtr& message) EXCLUDES(m_mutex);
+    // The create response is out. A message in the result obliges the caller to send it and then
+    // to destroy the task.
+    MessagePtr setSendCreateResponseDone() EXCLUDES(m_mutex);
+
+    // One line of the phases in milliseconds, for the log.
+    std::string getSummary() EXCLUDES(m_mutex);
+    // One line for diagnostics.
+    std::string getDescription() EXCLUDES(m_mutex);
+
+ private:
+    const uint64_t m_id;
+    KelmClient* const m_client;
+    uint64_t m_clientId = 0;
+    std::string m_clientName;  // kept for after the client is gone
+    KelmGraph* const m_graph;
+    std::unique_ptr<KelmTaskParam> m_taskParam;
+    const KelmMsgReqInferTask m_createTaskRequest;
+
+    Mutex m_mutex;
+    int32_t m_loadCount GUARDED_BY(m_mutex) = 0;
+    int32_t m_status GUARDED_BY(m_mutex) = TASK_STATUS_CREATED;
+    bool m_isCanceled GUARDED_BY(m_mutex) = false;
+    bool m_isCreateRspSent GUARDED_BY(m_mutex) = false;
+    MessagePtr m_taskDoneMsg GUARDED_BY(m_mutex);
+    TimePoint m_timeToKelmHal GUARDED_BY(m_mutex);
+    TimePoint m_timeToTaskQueue GUARDED_BY(m_mutex);
+    TimePoint m_timeToTevoHal GUARDED_BY(m_mutex);
+    TimePoint m_timeTevoLoaded GUARDED_BY(m_mutex);
+    TimePoint m_timeGotResult GUARDED_BY(m_mutex);
+};
+
+}  // namespace kelm

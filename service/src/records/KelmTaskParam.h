@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+
+#include "protocol/src/KelmMessage.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm {
+
+// The three tensor buffers of a task. Its destruction closes their descriptors.
+//
+// Threads: the one that works on the task. Owns: the descriptors and mappings of the buffers.
+class KelmTaskParam : public NonCopyable {
+ public:
+    // The caller owns the result. The buffers come by value, their descriptors become owned.
+    static KelmTaskParam* create(const KelmBuffer& input, const KelmBuffer& output,
+                                 const KelmBuffer& aux);
+    ~KelmTaskParam();
+
+    // Blocks come from a free list: one is made and given back for every task.
+    static void* operator new(size_t size);
+    static void operator delete(void* block);
+
+    KelmBuffer& getInputBuffer() { return m_inputBuffer; }
+    KelmBuffer& getOutputBuffer() { return m_outputBuffer; }
+    KelmBuffer& getAuxBuffer() { return m_auxBuffer; }
+    void setOutputBufferProvided(bool provided) { m_outputBufferProvided = provided; }
+    void setAuxBufferProvided(bool provided) { m_auxBufferProvided = provided; }
+    bool isOutputBufferProvided() const { return m_outputBufferProvided; }
+    bool isAuxBufferProvided() const { return m_auxBufferProvided; }
+
+ private:
+    KelmTaskParam(const KelmBuffer& input, const KelmBuffer& output, const KelmBuffer& aux);
+    static void releaseBuffer(KelmBuffer& buffer);
+
+    KelmBuffer m_inputBuffer;
+    KelmBuffer m_outputBuffer;
+    KelmBuffer m_auxBuffer;
+    bool m_outputBufferProvided = false;
+    bool m_auxBufferProvided = false;
+};
+
+}  // namespace kelm
