@@ -15,6 +15,10 @@ class Ring {
     size_t size() const { return m_count; }
     T& front() { return m_slots[m_head]; }
     const T& front() const { return m_slots[m_head]; }
+    T& back() { return at(m_count - 1); }
+    // The element at a distance from the front.
+    T& at(size_t index) { return m_slots[(m_head + index) & mask()]; }
+    const T& at(size_t index) const { return m_slots[(m_head + index) & mask()]; }
 
     void pushBack(T value) {
         growIfFull();

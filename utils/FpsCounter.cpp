@@ -1,0 +1,70 @@
+#include "utils/FpsCounter.h"
+
+#include <algorithm>
+
+namespace kelm {
+
+namespace {
+
+// From this many stamps on, events share a stamp over a longer time than a millisecond, so that a
+// window of any length costs some tens of kilobytes at the most.
+constexpr size_t kFineStamps = 1024;
+
+int64_t wholeMillis(FpsCounter::Clock::duration time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+std::string orDefault(const std::string& text, const char* fallback) {
+    return text.empty() ? fallback : text;
+}
+
+}  // namespace
+
+std::string makeCounterName(const std::string& category, const std::string& object,
+                            const std::string& counter) {
+    return orDefault(category, "CategoryUnknown") + "::" + orDefault(object, "ObjectUnknown") +
+           "::" + orDefault(counter, "Fps");
+}
+
+FpsCounter::FpsCounter(const std::string& category, const std::string& object,
+                       const std::string& counter, NowFunction now)
+    : m_name(makeCounterName(category, object, counter)), m_now(now) {}
+
+void FpsCounter::evictUnsafe(Clock::time_point now) {
+    while (!m_timePoints.empty() &&
+           wholeMillis(now - m_timePoints.front().time) >= m_bufferTimeMs) {
+        m_count -= m_timePoints.popFront().count;
+    }
+}
+
+void FpsCounter::update() {
+    const Clock::time_point now = m_now();
+    MutexLock lock(m_mutex);
+    evictUnsafe(now);
+    const bool fine = m_timePoints.size() < kFineStamps;
+    const int64_t shared = fine ? 1 : std::max<int64_t>(1, m_bufferTimeMs / int64_t{kFineStamps});
+    if (!m_timePoints.empty() && wholeMillis(now - m_timePoints.back().time) < shared) {
+        ++m_timePoints.back().count;
+    } else {
+        m_timePoints.pushBack({now, 1});
+    }
+    ++m_count;
+}
+
+float FpsCounter::getFps() {
+    const Clock::time_point now = m_now();
+    MutexLock lock(m_mutex);
+    evictUnsafe(now);
+    if (m_count < 2) return 0.0f;
+    const int64_t age = wholeMillis(now - m_timePoints.front().time);
+    // Deliberate: an age of 0 gives infinity, which the callers take as it comes.
+    return static_cast<float>(m_count) * 1000.0f / static_cast<float>(std::min(m_bufferTimeMs, age));
+}
+
+void FpsCounter::reset() {
+    MutexLock lock(m_mutex);
+    m_timePoints.clear();
+    m_count = 0;
+}
+
+}  // namespace kelm

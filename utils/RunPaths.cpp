@@ -1,0 +1,18 @@
+#include "utils/RunPaths.h"
+
+#include <cstdlib>
+
+namespace kelm {
+
+std::string RunPaths::directory() {
+    const char* directory = std::getenv("KELM_RUN_DIR");
+    return directory != nullptr && *directory != '\0' ? directory : "/var/tmp";
+}
+
+std::string RunPaths::serviceSocket() { return directory() + "/kelm_service.sock"; }
+std::string RunPaths::snapshotSocket() { return directory() + "/kelm_snapshot.sock"; }
+std::string RunPaths::aliveMutex() { return directory() + "/kelm_service_alive.mutex"; }
+std::string RunPaths::readyMutex() { return directory() + "/kelm_service_ready.mutex"; }
+std::string RunPaths::startExitMutex() { return directory() + "/kelm_start_exit.mutex"; }
+
+}  // namespace kelm

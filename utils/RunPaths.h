@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace kelm {
+
+// Where the sockets and lock files lie: "/var/tmp", or the directory that the environment variable
+// KELM_RUN_DIR names, which lets two services run on one machine. Service, client library and tools
+// all ask here.
+class RunPaths {
+ public:
+    static std::string directory();
+    static std::string serviceSocket();
+    static std::string snapshotSocket();
+    static std::string aliveMutex();
+    static std::string readyMutex();
+    static std::string startExitMutex();
+};
+
+}  // namespace kelm

@@ -1,0 +1,106 @@
+#include "utils/UtilizationCounter.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "utils/FpsCounter.h"
+
+namespace kelm {
+
+namespace {
+
+// From this many records on, a period joins the record before it if that one began recently.
+constexpr size_t kFineRecords = 1024;
+constexpr float kSharedRecordMs = 5.0f;
+
+}  // namespace
+
+UtilizationCounter::UtilizationCounter(const std::string& category, const std::string& object,
+                                       const std::string& counter, NowFunction now)
+    : m_name(makeCounterName(category, object, counter)), m_now(now) {}
+
+float UtilizationCounter::millis(Clock::duration time) {
+    return std::chrono::duration<float, std::milli>(time).count();
+}
+
+void UtilizationCounter::dropEndedBeforeUnsafe(Clock::time_point windowStart) {
+    while (!m_records.empty() && !isOpen(m_records.front())) {
+        const Record& first = m_records.front();
+        if (first.duration > millis(windowStart - first.startTime)) break;
+        m_records.popFront();
+    }
+}
+
+void UtilizationCounter::openRecordUnsafe(Clock::time_point now) {
+    if (m_records.size() >= kFineRecords) {
+        Record& last = m_records.back();
+        if (millis(now - last.startTime) < kSharedRecordMs) {
+            last = {kOpen, now, last.before + last.duration};
+            return;
+        }
+    }
+    m_records.pushBack({kOpen, now, 0.0f});
+}
+
+void UtilizationCounter::start() {
+    const Clock::time_point now = m_now();
+    MutexLock lock(m_mutex);
+    dropEndedBeforeUnsafe(now - std::chrono::milliseconds(m_bufferTimeMs));
+    if (m_records.empty() || !isOpen(m_records.back())) {
+        openRecordUnsafe(now);
+    } else {
+        m_records.back().startTime = now;
+        std::cout << "invoked start() successively";
+    }
+}
+
+void UtilizationCounter::stop() {
+    const Clock::time_point now = m_now();
+    MutexLock lock(m_mutex);
+    if (m_records.empty() || !isOpen(m_records.back())) {
+        std::cout << "invoke start() first please";
+        return;
+    }
+    Record& last = m_records.back();
+    last.duration = last.before + millis(now - last.startTime);
+    last.before = 0.0f;
+}
+
+void UtilizationCounter::clipUnsafe(Clock::time_point windowStart) {
+    while (!m_records.empty() && m_records.front().startTime < windowStart) {
+        Record& first = m_records.front();
+        if (isOpen(first)) {
+            first.startTime = windowStart;
+            return;
+        }
+        first.duration -= millis(windowStart - first.startTime);
+        first.startTime = windowStart;
+        if (first.duration > 0.0f) return;
+        m_records.popFront();
+    }
+}
+
+float UtilizationCounter::getUtilization() {
+    const Clock::time_point now = m_now();
+    MutexLock lock(m_mutex);
+    clipUnsafe(now - std::chrono::milliseconds(m_bufferTimeMs));
+    if (m_records.empty()) return 0.0f;
+    float sum = 0.0f;
+    for (size_t i = 0; i < m_records.size(); ++i) {
+        const Record& record = m_records.at(i);
+        sum += isOpen(record) ? record.before + millis(now - record.startTime) : record.duration;
+    }
+    const float result = sum / static_cast<float>(m_bufferTimeMs);
+    if (m_verbose) {
+        std::cout << "[" << m_name << "] " << sum << " / " << m_bufferTimeMs << " = " << result
+                  << "\n";
+    }
+    return result;
+}
+
+void UtilizationCounter::reset() {
+    MutexLock lock(m_mutex);
+    m_records.clear();
+}
+
+}  // namespace kelm
