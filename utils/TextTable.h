@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kelm {
+
+// A table of one column of labels and one cell per object, for the snapshots in the log.
+class TextTable {
+ public:
+    // Widths in characters, without the blanks and borders around them.
+    TextTable(size_t labelWidth, size_t cellWidth);
+
+    void row(const std::string& label, const std::vector<std::string>& cells);
+    // A line across `cells` columns.
+    void rule(size_t cells);
+    const std::string& text() const { return m_text; }
+
+ private:
+    const size_t m_labelWidth;
+    const size_t m_cellWidth;
+    std::string m_text;
+};
+
+}  // namespace kelm

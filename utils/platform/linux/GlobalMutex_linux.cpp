@@ -1,0 +1,71 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "utils/GlobalMutex.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+GlobalMutex::GlobalMutex(const std::string& path, bool closeOnExec) : m_path(path) {
+    if (path.empty()) return;
+    const int flags = O_RDONLY | O_CREAT | (closeOnExec ? O_CLOEXEC : 0);
+    const int fd = ::open(path.c_str(), flags, 0660);
+    if (fd < 0) {
+        LOG_ERROR("Error: Open GlobalMutex %s failed. errno = %d [%s]", m_path, errno,
+                  std::strerror(errno));
+        return;
+    }
+    m_fd = fd;
+}
+
+GlobalMutex::~GlobalMutex() {
+    if (m_fd > 0) ::close(m_fd);
+}
+
+bool GlobalMutex::isOpen() const {
+    if (m_fd > 0) return true;
+    LOG_ERROR("Error: GlobalMutex %s is not initialized.", m_path);
+    return false;
+}
+
+bool GlobalMutex::lock() {
+    MutexLock guard(m_mutex);
+    if (!isOpen()) return false;
+    while (::flock(m_fd, LOCK_EX) != 0) {
+        if (errno == EINTR) continue;
+        LOG_ERROR("Error: Lock GlobalMutex(%s) failed. errno = %d [%s]", m_path, errno,
+                  std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+bool GlobalMutex::lock(long timeoutMillisec) {
+    MutexLock guard(m_mutex);
+    if (!isOpen()) return false;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillisec);
+    while (::flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+bool GlobalMutex::trylock() {
+    MutexLock guard(m_mutex);
+    return isOpen() && ::flock(m_fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+bool GlobalMutex::unlock() {
+    MutexLock guard(m_mutex);
+    return isOpen() && ::flock(m_fd, LOCK_UN) == 0;
+}
+
+}  // namespace kelm
