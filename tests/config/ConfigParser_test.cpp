@@ -1,0 +1,169 @@
+#include "utils/ConfigParser.h"
+
+#include "InstallDir.h"
+#include "utils/Log.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+
+// A parser over files written for the test, the last one on top.
+class ConfigParserTest : public ::testing::Test {
+ protected:
+    ConfigParserTest() { ::testing::internal::CaptureStdout(); }
+    ~ConfigParserTest() override {
+        if (m_capturing) ::testing::internal::GetCapturedStdout();
+    }
+
+    bool load(const std::string& text) {
+        return m_parser.appendConfigFile(m_dir.write("file" + std::to_string(m_files++), text),
+                                         true);
+    }
+    std::string log() {
+        m_capturing = false;
+        return ::testing::internal::GetCapturedStdout();
+    }
+
+    const TempDir& m_dir = installDir();
+    ConfigParser m_parser;
+    int m_files = 0;
+    bool m_capturing = true;
+};
+
+TEST_F(ConfigParserTest, BadValueHidesTheOlderFiles) {
+    ASSERT_TRUE(load(R"({"a": {"number": 5, "flag": true, "real": 0.5, "kept": 9}})"));
+    ASSERT_TRUE(load(R"({"a": {"number": "five", "flag": "maybe", "real": "x"}})"));
+    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a.number", 1), 5);
+    EXPECT_TRUE(m_parser.parseBooleanFromConfigList("a.flag", false));
+    EXPECT_EQ(m_parser.parseDoubleFromConfigList("a.real", 1.0), 0.5);
+    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a.kept", 1), 9);
+    EXPECT_EQ(m_parser.parseStringFromConfigList("a.number", ""), "five");
+    EXPECT_THAT(log(), Not(HasSubstr("Error")));
+}
+
+TEST_F(ConfigParserTest, UnusableFileIsPutOnTheStack) {
+    const struct {
+        const char* text;
+        const char* message;
+    } rows[] = {
+        {R"({"a": "http://host"})", "is not in json format"},
+        {"", "is not in json format"},
+        {R"({"a": 1)", "is not in json format"},
+        {"{}", "is empty"},
+        {"// nothing but this\n{ // and this\n}", "is empty"},
+    };
+    for (const auto& row : rows) EXPECT_FALSE(load(row.text)) << row.text;
+    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/none", true));
+    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/silent", false));
+    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 7), 7);
+    const std::string text = log();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_THAT(text, HasSubstr("Error: config file '" + m_dir.path() + "/file" +
+                                    std::to_string(i) + "' " + rows[i].message));
+    }
+    EXPECT_THAT(text, HasSubstr("/none' is not exist"));
+    EXPECT_THAT(text, Not(HasSubstr("/silent")));
+}
+
+TEST_F(ConfigParserTest, CommentIsReadAsJson) {
+    EXPECT_TRUE(load("// head\n{ \"a\": 3 // tail }\n}\n"));
+    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 0), 3);
+}
+
+TEST_F(ConfigParserTest, SwitchIsOnForAnotherWord) {
+    ASSERT_TRUE(load(R"({"a": "on", "b": "ON", "c": true, "d": " on"})"));
+    EXPECT_TRUE(m_parser.isSwitchTurnedOn("a", "off"));
+    for (const char* key : {"b", "c", "d"})
+        EXPECT_FALSE(m_parser.isSwitchTurnedOn(key, "on")) << key;
+    EXPECT_TRUE(m_parser.isSwitchTurnedOn("missing", "on"));
+}
+
+TEST_F(ConfigParserTest, SubclassElementOfTheWrongFileOrPlaceIsUsed) {
+    ASSERT_TRUE(load(R"({"s": [{"subclass": 0, "k": 1}, {"subclass": 1, "k": 2},
+                              {"subclass": 2, "k": 3}]})"));
+    ASSERT_TRUE(load(R"({"s": [{"subclass": 1}, {"subclass": 1, "k": 20},
+                              {"k": 99}, {"subclass": 2, "k": 30}]})"));
+    const auto value = [this](int subclass) {
+        return m_parser.parseIntegerFromConfigListWithSubclass("s", "k", subclass, -1);
+    };
+    EXPECT_EQ(value(0), 1);
+    EXPECT_EQ(value(1), 20);
+    EXPECT_EQ(value(2), 3);  // the element without a subclass hides the one behind it
+    EXPECT_EQ(value(3), -1);
+    EXPECT_THAT(log(), HasSubstr("Error: invalid value type, path=s.k subclass=1"));
+}
+
+TEST_F(ConfigParserTest, BrokenTagMapPassesForNone) {
+    ASSERT_TRUE(
+        load(R"({"s": [{"subclass": 0, "tags": {"a": 1, "nested": {"x": 1}, "b": 2, "a": 5}},
+                              {"subclass": 1, "tags": {"a": 1, "bad": "one", "c": 3}},
+                              {"subclass": 2, "tags": {"old": 4}}]})"));
+    ASSERT_TRUE(load(R"({"s": [{"subclass": 2}]})"));
+    std::map<std::string, unsigned long> tags{{"stale", 1}};
+    const auto parse = [&](int subclass) {
+        return m_parser.parseTagMapFromConfigList("s", "tags", subclass, tags);
+    };
+    EXPECT_TRUE(parse(0));
+    EXPECT_THAT(tags, ElementsAre(Pair("a", 1), Pair("b", 2)));
+    EXPECT_FALSE(parse(1));
+    EXPECT_THAT(tags, ElementsAre(Pair("a", 1)));
+    EXPECT_TRUE(parse(2));
+    EXPECT_THAT(tags, ElementsAre(Pair("old", 4)));
+    EXPECT_TRUE(parse(3));
+    EXPECT_THAT(tags, IsEmpty());
+    EXPECT_THAT(log(), HasSubstr("Error: invalid key-value pair, subclass=1 key=bad"));
+}
+
+TEST_F(ConfigParserTest, InvalidFirmwareIsBooted) {
+    const std::string image = m_dir.write("lib/tevo/image", "x");
+    const std::string standard = m_dir.write("lib/tevo/TevoAPI-zv4810.tvfrm", "x");
+    ASSERT_TRUE(load(R"({"fw": [{"name": "old", "num": 1, "path": "image"}]})"));
+    ASSERT_TRUE(load(R"({"fw": [{"name": "default", "num": 0, "path": "default"},
+                               {"name": "x", "num": 0, "path": "image"},
+                               {"name": "y", "num": 1, "path": ""},
+                               {"name": "z", "num": 1, "path": "missing"},
+                               {"name": "w", "num": 2, "path": "image"}]})"));
+    std::vector<firmwareConfig> list = m_parser.parseFwFromConfigList("fw", "firmware list");
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_EQ(list[0].path, standard);
+    EXPECT_EQ(list[1].path, image);
+    EXPECT_EQ(list[1].num, 2);
+
+    // A bad element ends its file; what was read stays and the older file follows.
+    ASSERT_TRUE(load(R"({"fw": [{"name": "v", "num": 1, "path": "image"}, {"num": "one"}]})"));
+    ASSERT_TRUE(load(R"({"fw": [{"name": "u", "num": "one", "path": "image"}]})"));
+    list = m_parser.parseFwFromConfigList("fw", "firmware list");
+    ASSERT_EQ(list.size(), 3U);
+    EXPECT_EQ(list[0].name, "v");
+    const std::string text = log();
+    EXPECT_THAT(text, HasSubstr("Error: invalid bootNum 0 for firmware x, skip this firmware"));
+    EXPECT_THAT(text, HasSubstr("Error: invalid firmwarePath \"\" for non-default firmware"));
+    EXPECT_THAT(text, HasSubstr("/lib/tevo/missing\""));
+    EXPECT_THAT(text, HasSubstr("Error: firmware list"));
+}
+
+TEST_F(ConfigParserTest, LogSwitchSetsAnotherLevel) {
+    EXPECT_EQ(getLogLevel(&m_parser), 0xCCU);
+    const struct {
+        const char* key;
+        unsigned int bit;
+    } rows[] = {{"log_process", 0x01},  {"log_debug", 0x02}, {"log_info", 0x04}, {"log_warn", 0x08},
+                {"log_frequent", 0x10}, {"log_error", 0x40}, {"log_fatal", 0x80}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.key);
+        const bool isOn = (0xCCU & row.bit) != 0;
+        ConfigParser parser;
+        const std::string text = std::string(R"({"log_level": {")") + row.key + R"(": ")" +
+                                 (isOn ? "off" : "on") + "\"}}";
+        ASSERT_TRUE(parser.appendConfigFile(m_dir.write("log", text), true));
+        EXPECT_EQ(getLogLevel(&parser), 0xCCU ^ row.bit);
+    }
+}
+
+}  // namespace
+}  // namespace kelm
