@@ -1,0 +1,174 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "protocol/src/KelmError.h"
+#include "records/PrintInfoListener.h"
+#include "scheduling/devices/GraphPlacementListener.h"
+#include "utils/Mutex.h"
+#include "utils/Singleton.h"
+#include "utils/ThreadPool.h"
+
+namespace kelm {
+
+class KelmGraph;
+struct GraphBlob;
+
+// Owns every graph record. Merges identical graphs, so that one blob is loaded once however many
+// clients ask for it, and deletes a record only when its tasks have ended and no device holds it.
+//
+// A graph is loading (in m_graphs and m_responseLists), then loaded (in m_graphs and
+// m_loadedGraphs), then going away (in m_deallocatingGraphs only), then deleted. A failed first load
+// ends it too; its record then stays in m_failedGraphs until no task refers to it.
+//
+// Notices name a graph by its pointer, and comparing pointers is safe: the device side's last word on
+// a graph is its failed first load or the answer to our one unload request, the task side's last
+// word the answer to our one notice. A record is deleted only when both were handled here, on the
+// pool's one thread in order of arrival, so no notice in the queue can name a deleted graph.
+//
+// A request (`userParam`) is the client's message: it is answered exactly once, or released where no
+// answer is given. Texts and blobs in it live until then.
+//
+// Threads: handlers run on the pool's one thread; getGraphById() on any, onPrintInfo() on the
+// printer's, removeAllGraphs() on the stopping one.
+// Owns: the records. Locks: m_mutex, then a graph's, then a pool's. No call that can block is made
+// under m_mutex.
+class GraphManager : public Singleton<GraphManager>,
+                     public PrintInfoListener,
+                     public GraphPlacementListener {
+ public:
+    GraphManager();
+    ~GraphManager() override;
+
+    // By path, then by buffer. Both are answered with the graph, or without one and an error.
+    void enqueueCreateGraph(uint64_t clientId, const char* graphPath, const char* graphName,
+                            const char* tag, const char* streamId, int32_t subclass,
+                            int32_t expectDevices, int socket, void* userParam);
+    void enqueueCreateGraph(uint64_t clientId, const char* graphData, uint64_t graphDataSize,
+                            const char* graphName, const char* tag, const char* streamId,
+                            int32_t subclass, int32_t expectDevices, int socket, void* userParam);
+    void enqueueDestroyGraph(uint64_t clientId, uint64_t graphId, int socket, void* userParam);
+    void enqueueQueryBufferSize(uint64_t clientId, uint64_t graphId, int socket, void* userParam);
+
+    void enqueueNotifyLoadGraphDone(KelmGraph* graph, KelmError error) override;
+    void enqueueNotifyUnloadGraphDone(KelmGraph* graph) override;
+    // No task of the graph is left, and none will come.
+    void enqueueNotifyAllTasksDone(KelmGraph* graph);
+    // The client is leaving: its shares in graphs end.
+    void enqueueNotifyClientInDestroy(uint64_t clientId);
+
+    // Null for a graph that is unknown or going away. On the task manager's main thread the record
+    // lives at least until the call's handler ends, since the notice of its end queues behind that.
+    KelmGraph* getGraphById(uint64_t graphId) EXCLUDES(m_mutex);
+
+    // The way down, after the clients have gone: takes every graph out of existence and waits, for
+    // a bounded time, until the last record is deleted. Nothing is answered any more afterwards.
+    void removeAllGraphs() EXCLUDES(m_mutex);
+
+    void onPrintInfo() override EXCLUDES(m_mutex);
+
+ private:
+    // Where an answer goes.
+    struct Response {
+        int socket = -1;
+        void* userParam = nullptr;
+    };
+    struct CreateRequest {
+        uint64_t clientId;
+        const char* graphName;
+        const char* tag;
+        const char* streamId;
+        int32_t subclass;
+        int32_t expectDevices;
+        Response response;
+    };
+    struct CreateAnswer {
+        KelmGraph* graph;
+        KelmError error;
+    };
+    struct Deallocation {
+        bool unloadDone = false;
+        bool allTasksDone = false;
+    };
+    // Reads or borrows the blob and digests it; an empty digest is failure.
+    using BlobLoader = std::function<GraphBlob()>;
+
+    void createGraphByPath(const CreateRequest& request, const char* graphPath) EXCLUDES(m_mutex);
+    void createGraph(const CreateRequest& request, const BlobLoader& loadBlob) EXCLUDES(m_mutex);
+    // The answer, or nothing when it comes with the outcome of a load.
+    std::optional<CreateAnswer> enterGraphUnsafe(const CreateRequest& request, GraphBlob& blob)
+        REQUIRES(m_mutex);
+    std::optional<CreateAnswer> joinTwinUnsafe(const CreateRequest& request, const std::string& hash,
+                                               bool& joined) REQUIRES(m_mutex);
+    std::optional<CreateAnswer> loadNewGraphUnsafe(const CreateRequest& request, GraphBlob& blob)
+        REQUIRES(m_mutex);
+    bool isTwin(const KelmGraph& graph, const CreateRequest& request, const std::string& hash);
+    KelmGraph* getLoadedGraph(const CreateRequest& request, const std::string& hash)
+        REQUIRES(m_mutex);
+    KelmGraph* getLoadingGraph(const CreateRequest& request, const std::string& hash)
+        REQUIRES(m_mutex);
+    void dumpGraph(KelmGraph* graph);
+
+    void notifyLoadGraphDone(KelmGraph* graph, KelmError error) EXCLUDES(m_mutex);
+    void failLoadUnsafe(KelmGraph* graph, KelmError error) REQUIRES(m_mutex);
+
+    void destroyGraph(uint64_t clientId, uint64_t graphId, const Response& response)
+        EXCLUDES(m_mutex);
+    KelmError giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId, const Response& response)
+        REQUIRES(m_mutex);
+    // Takes the graph out of all lists but the last and starts both sides of its end. Requests that
+    // still waited for its load are released.
+    void retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    void notifyDeallocatedGraph(KelmGraph* graph) REQUIRES(m_mutex);
+    void notifyUnloadGraphDone(KelmGraph* graph) EXCLUDES(m_mutex);
+    void notifyAllTasksDone(KelmGraph* graph) EXCLUDES(m_mutex);
+    void confirmUnsafe(KelmGraph* graph, bool Deallocation::*confirmation) REQUIRES(m_mutex);
+    void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
+    // Waits for what is queued on the pool now.
+    void drainPoolUntil(std::chrono::steady_clock::time_point deadline);
+
+    void queryBufferSize(uint64_t clientId, uint64_t graphId, const Response& response)
+        EXCLUDES(m_mutex);
+    void sendCreateGraphResponse(const CreateAnswer& answer, const Response& response);
+    void sendDestroyGraphResponse(KelmError error, const Response& response);
+    void sendQueryBufferSizeResponse(uint64_t outputBufferSize, uint64_t auxBufferSize,
+                                     KelmError error, const Response& response);
+    // After the way down nobody is left to answer to: releases the request and returns true.
+    bool dropResponse(const Response& response);
+
+    void printGraphFps() REQUIRES(m_mutex);
+    void snapshot(const char* label) REQUIRES(m_mutex);
+
+    Mutex m_mutex;
+    int32_t m_graphNum GUARDED_BY(m_mutex) = 0;  // created and not yet finally destroyed
+    // Fixed after construction.
+    int32_t m_maxGraphNum = INT32_MAX;
+    const bool m_printFps;
+    const bool m_dumpGraph;
+    const bool m_debugProcess;
+    const bool m_snapshotBase;
+    std::string m_dumpPath;
+    // Atomic: an id is drawn without regard to any other field.
+    std::atomic<uint64_t> m_nextGraphId{1};
+    const std::string m_graphIdentity;
+    std::set<KelmGraph*> m_loadedGraphs GUARDED_BY(m_mutex);
+    // One entry per graph whose load is under way: the create requests that wait for its outcome.
+    std::map<KelmGraph*, std::vector<Response>> m_responseLists GUARDED_BY(m_mutex);
+    std::map<KelmGraph*, Deallocation> m_deallocatingGraphs GUARDED_BY(m_mutex);
+    std::set<KelmGraph*> m_failedGraphs GUARDED_BY(m_mutex);  // not counted in m_graphNum
+    std::map<uint64_t, KelmGraph*> m_graphs GUARDED_BY(m_mutex);  // what clients can name
+    CondVar m_goneCond;  // a graph has been taken out of existence
+    // Atomic: set once on the way down, and read wherever an answer would go out.
+    std::atomic<bool> m_stopped{false};
+    ThreadPool m_pool;  // last: the others outlive its thread
+};
+
+}  // namespace kelm
