@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessagePtr.h"
+
+// Sending and receiving of the client protocol.
+//
+// Who owns the descriptors of a message:
+// - A message built here to be sent owns none. kelmSendMessage duplicates them into the peer, and
+//   the sender closes its own when it likes.
+// - A received message owns what its `fd` array names; -1 is no descriptor. The buffers of an
+//   infer request and `testFd` repeat those numbers without owning them. kelmReleaseMessage closes
+//   what is still in the array.
+// - takeTaskBuffers moves the three buffers of an infer request, with their descriptors, to the
+//   caller, who passes them on to KelmTaskParam::create. What nobody takes goes with the message.
+// - A descriptor that no buffer wants (a role that does not exist, a role named twice, one more
+//   than the array has room for) is closed while the message is being received.
+// - Received into a caller's record, descriptors and inner buffers are the caller's: see
+//   kelmReleaseContents.
+//
+// Threads: any; one reader and one writer per connection at a time.
+
+namespace kelm {
+
+// A buffer that this process prepared for blocks from the peer. A message that names a receive
+// address is believed only if the address is in the list of the one who receives.
+struct PreparedBuffer {
+    void* address;
+    uint64_t size;
+};
+using PreparedBuffers = std::span<const PreparedBuffer>;
+
+// A zeroed record of a type with `type` and `size` set; null for a type without a record.
+KelmMsgBase* kelmAllocMessage(KelmMsgType type);
+
+// 0, or -1 after any failure, which is logged. The message stays the caller's.
+int kelmSendMessage(int connectionId, KelmMsgBase* message);
+
+// The next message, which the caller owns; null after any failure, which is logged. The connection
+// is left for the caller to close.
+KelmMsgBase* kelmReceiveMessage(int connectionId, PreparedBuffers prepared = {});
+
+// The same into the caller's record of `size` bytes, of which there are at least 488. Returns the
+// message's size, 0 or below on failure; nothing is left to release then.
+int kelmReceiveMessage(int connectionId, KelmMsgBase* message, size_t size,
+                       PreparedBuffers prepared = {});
+
+// Frees the inner buffers and closes the descriptors of a received record in a caller's memory.
+void kelmReleaseContents(KelmMsgBase* message);
+
+// Moves the three buffers out of a received infer request: their descriptors are the caller's now.
+void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer& output,
+                     KelmBuffer& aux);
+
+// Whether a record of `size` bytes is one that the rest of the system may look into: type, size,
+// counts and, by type, descriptors and blocks. Pure; called for each received message before
+// anything of it is used.
+bool checkMessage(const KelmMsgBase& message, size_t size);
+
+// Between the fields of a message and its lists of descriptors and blocks, by type. 0, or -1 for a
+// null message (errno EINVAL) and for one that its type does not allow.
+int flatMessage(KelmMsgBase* message);
+int unflatMessage(KelmMsgBase* message);
+
+// Where block `index` of a message that is being received goes; null refuses it.
+void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared = {});
+// A block that is freed with the message, with free(); null if the message has five already.
+void* allocInnerBuffer(KelmMsgBase* message, size_t size);
+
+}  // namespace kelm

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "protocol/src/KelmMessage.h"
+#include "utils/NonCopyable.h"
+
+namespace IPC {
+class ConnectionBase;
+}
+
+namespace kelm {
+
+// Collects records for one connection and writes several with one system call: the same bytes in
+// the same order. Records with descriptors or blocks, and those too large to collect, go out at
+// once, after what was collected.
+//
+// Threads: the connection's one writer. Owns: a share of the connection, so that its number goes
+// to no other while records wait here. What is not flushed at destruction is dropped.
+class MessageWriter : public NonCopyable {
+ public:
+    static constexpr size_t kCapacity = 16384;
+
+    explicit MessageWriter(int connectionId);
+    ~MessageWriter();
+
+    // The message stays the caller's. -1 if a write failed; what was collected is dropped then.
+    int append(KelmMsgBase* message);
+    // Writes what is collected.
+    int flush();
+    bool empty() const { return m_used == 0; }
+
+ private:
+    const int m_connectionId;
+    const std::shared_ptr<IPC::ConnectionBase> m_connection;  // null: the number had none
+    std::unique_ptr<std::byte[]> m_bytes;
+    size_t m_used = 0;
+};
+
+}  // namespace kelm

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <tuple>
+
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+
+namespace IPC {
+
+class Poller;
+struct PollEvent;
+
+// Mode, user and group that a socket file gets; an empty name means no change.
+using AccessAttribute = std::tuple<int, std::string, std::string>;
+
+constexpr int IPC_CONN_FD_MAX = 2048;
+
+// One end of a channel, known to the rest of the system by a small number of its own, which is
+// free again only when the object is gone. Connections live in shared pointers: whoever holds one
+// (a send, a receive, a client's record) keeps both the object and its number.
+//
+// Threads: one reader and one writer at a time; close, shutdown and look-ups from any thread.
+// Owns: its number. An accepted connection belongs to the registry (adopt) until close(number).
+// Locks: the registry's mutex and m_baseMutex, both leaves.
+class ConnectionBase : public kelm::NonCopyable,
+                       public std::enable_shared_from_this<ConnectionBase> {
+ public:
+    // The lowest free number is taken; none left is a fault of this program. The poller may be
+    // null, for one who only reads and writes; otherwise it lives in a shared pointer.
+    explicit ConnectionBase(Poller* poller);
+    virtual ~ConnectionBase();
+
+    // The kernel's descriptor, -1 when closed.
+    virtual int nativeHandle() = 0;
+    // Without `bytesRead` all of `size` is read, however long it takes; with it, what is there.
+    // An error or an end of the stream in the middle raises.
+    virtual void read(void* buffer, int size, int* bytesRead) = 0;
+    // Returns when all bytes are out; raises on an error.
+    virtual void write(const void* buffer, int size) = 0;
+    // Receives one descriptor, which the caller owns.
+    virtual void read(int& fd) = 0;
+    // Passes one descriptor; the caller keeps its own.
+    virtual void write(int fd) = 0;
+    virtual void create(const std::string& path, AccessAttribute attribute) = 0;
+    virtual bool connect(const std::string& path) = 0;
+    virtual void listen() = 0;
+    virtual void accept(ConnectionBase* listener) = 0;
+    // Idempotent. Reads and writes in progress on other threads end with an error.
+    virtual void close() = 0;
+    // False once closed or shut down.
+    virtual bool connected() = 0;
+    // From here to unblockPoller the connection makes no event, buffered messages included.
+    virtual void blockPoller() = 0;
+    virtual void unblockPoller() = 0;
+    virtual void notify(int fd, int peerFd, unsigned long events, PollEvent* event) = 0;
+    // Ends one or both directions (`how` as for the system call), operations in progress included.
+    virtual void shutdown(int how) = 0;
+    // Whether bytes wait in the connection's own buffer, of which the kernel knows nothing.
+    virtual bool hasBufferedData() = 0;
+
+    // Ends reads and writes at once, those in progress on other threads included.
+    void shutdown();
+
+    int getSimulateFD() const { return m_simulateFD; }
+    // A text for messages: the client's name once it is known.
+    void setUser(const std::string& user) EXCLUDES(m_baseMutex);
+    std::string getUser() EXCLUDES(m_baseMutex);
+
+    // The connection of a number, null if there is none.
+    static std::shared_ptr<ConnectionBase> findConnection(int id);
+    // The same, raising "Can't find connection for fd(...)" if there is none.
+    static std::shared_ptr<ConnectionBase> getConnectionById(int id);
+    // Makes the registry an owner of the connection, until close(number).
+    static void adopt(const std::shared_ptr<ConnectionBase>& connection);
+    // Closes the connection of a number, if there is one. The registry's share goes to the poller,
+    // which drops it at its next wait.
+    static void close(int id);
+    // shutdown(how) for every connected connection of the process.
+    static void shutdownAll(int how);
+
+ protected:
+    // For a number from reserveNumber().
+    ConnectionBase(Poller* poller, int number);
+    // The lowest free number, now taken; -1 if none is left.
+    static int reserveNumber();
+    static void releaseNumber(int number);
+    // Lets look-ups find the connection; the last step of its construction.
+    void publish();
+
+    std::shared_ptr<Poller> getPoller() EXCLUDES(m_baseMutex);
+
+ private:
+    friend class Poller;
+
+    void setPoller(std::weak_ptr<Poller> poller) EXCLUDES(m_baseMutex);
+    // Takes the registry's share out, if it has one.
+    static std::shared_ptr<ConnectionBase> disown(int id);
+
+    kelm::Mutex m_baseMutex;
+    std::weak_ptr<Poller> m_poller GUARDED_BY(m_baseMutex);
+    const int m_simulateFD;
+    std::string m_user GUARDED_BY(m_baseMutex);
+    // Atomic: set by the reader, cleared by the poller. Whether the poller's list of connections
+    // with buffered bytes has this one.
+    std::atomic<bool> m_listedAsBuffered{false};
+};
+
+}  // namespace IPC

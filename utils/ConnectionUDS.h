@@ -1,0 +1,92 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "utils/ConnectionBase.h"
+#include "utils/ReceiveBuffer.h"
+
+namespace IPC {
+
+// A Unix-domain stream socket that carries bytes and descriptors. EMPTY at first; create() binds,
+// listen() gives LISTENING, accept() or connect() CONNECTED, close() EMPTY from any state. A failed
+// step leaves the descriptor to close().
+//
+// Threads: as the base. The one reader fills a buffer of the connection with one system call for
+// several reads. A descriptor is closed only when the last read or write has left it.
+// Owns: the socket and, after create(), the socket file.
+// Locks: m_mutex, then the poller's and the base's.
+class ConnectionUDS : public ConnectionBase {
+ public:
+    explicit ConnectionUDS(Poller* poller);
+    ~ConnectionUDS() override;
+
+    // A new connection, or null if all numbers are in use: for what comes in from outside.
+    static std::shared_ptr<ConnectionUDS> tryMake(Poller* poller);
+
+    int nativeHandle() override EXCLUDES(m_mutex);
+    void read(void* buffer, int size, int* bytesRead) override EXCLUDES(m_mutex);
+    void write(const void* buffer, int size) override EXCLUDES(m_mutex);
+    void read(int& fd) override EXCLUDES(m_mutex);
+    void write(int fd) override EXCLUDES(m_mutex);
+    // An empty path stands for a file named after the process. A file left there by an earlier
+    // run is replaced. Names are cut silently at 107 characters, here and in connect().
+    void create(const std::string& path, AccessAttribute attribute) override EXCLUDES(m_mutex);
+    bool connect(const std::string& path) override EXCLUDES(m_mutex);
+    void listen() override EXCLUDES(m_mutex);
+    void accept(ConnectionBase* listener) override EXCLUDES(m_mutex);
+    void close() override EXCLUDES(m_mutex);
+    bool connected() override EXCLUDES(m_mutex);
+    void blockPoller() override EXCLUDES(m_mutex);
+    void unblockPoller() override EXCLUDES(m_mutex);
+    void notify(int fd, int peerFd, unsigned long events, PollEvent* event) override
+        EXCLUDES(m_mutex);
+    using ConnectionBase::shutdown;
+    void shutdown(int how) override EXCLUDES(m_mutex);
+    bool hasBufferedData() override { return m_input.size() != 0; }
+
+    // On a listener: takes the next waiting peer and turns it away.
+    void refuse() EXCLUDES(m_mutex);
+
+ private:
+    enum State { EMPTY = 0, LISTENING = 1, CONNECTED = 2 };
+    class Use;
+
+    ConnectionUDS(Poller* poller, int number);
+
+    // The descriptor for one operation, which keeps it open until endUse(); -1 when closed.
+    int beginUse() EXCLUDES(m_mutex);
+    void endUse() EXCLUDES(m_mutex);
+    void requireEmpty(const char* text) EXCLUDES(m_mutex);
+    void openSocket() EXCLUDES(m_mutex);
+    void enterState(State state) EXCLUDES(m_mutex);
+    void addToPoller();
+    void requireOpenedOnce() EXCLUDES(m_mutex);
+    void setConnectionAccessAttribute(const std::string& path, const AccessAttribute& attribute);
+
+    void set_block_mode(int fd, bool blocking);
+    void readAll(int fd, char* target, int size);
+    void readSome(int fd, char* target, int size, int* bytesRead);
+    // Bytes from the buffer or, when that is empty, from the kernel: the system call's result.
+    ssize_t receive(int fd, char* target, size_t size);
+    void fillForDescriptor(int fd);
+    void noteUnread();
+    [[noreturn]] void raiseReadFailed(int leftBytes, bool ended);
+
+    std::atomic<bool> m_pollBlocked{false};  // atomic: set from any thread, read by the poller's
+    int m_fd GUARDED_BY(m_mutex) = -1;
+    std::string m_path GUARDED_BY(m_mutex);  // the socket file, if this connection made it
+    int m_state GUARDED_BY(m_mutex) = EMPTY;
+    kelm::Mutex m_mutex;
+
+    int m_users GUARDED_BY(m_mutex) = 0;       // operations inside the descriptor
+    int m_retiredFd GUARDED_BY(m_mutex) = -1;  // closed, but for the operations still inside
+    bool m_openedOnce GUARDED_BY(m_mutex) = false;
+    bool m_shutDown GUARDED_BY(m_mutex) = false;
+
+    bool m_blocking = true;  // the mode of the descriptor; belongs to the reader
+    ReceiveBuffer m_input;
+};
+
+}  // namespace IPC

@@ -1,0 +1,9 @@
+#pragma once
+
+// The connection layer: a readiness poller and Unix-domain stream connections.
+
+#include "utils/ConnectionBase.h"
+#include "utils/ConnectionUDS.h"
+#include "utils/PollBlocker.h"
+#include "utils/PollEvent.h"
+#include "utils/Poller.h"

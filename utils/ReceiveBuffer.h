@@ -1,0 +1,51 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+
+#include "utils/UniqueFd.h"
+
+namespace IPC {
+
+// What the control data of a received segment looked like; for the report of a missing descriptor.
+struct ControlReport {
+    size_t cmsgLen = 0;
+    int cmsgLevel = 0;
+    int cmsgType = 0;
+    size_t controlLen = 0;
+    int numFd = 0;
+};
+
+// Bytes that one system call brought and that nobody has asked for yet. The kernel ends what it
+// returns with the first segment that carries a descriptor, so at most one descriptor is held, and
+// it belongs to the last byte. Reading past that byte without asking for the descriptor closes it.
+//
+// Threads: the connection's reader, but for size(). Owns: the descriptor.
+class ReceiveBuffer {
+ public:
+    static constexpr size_t kCapacity = 16384;
+
+    // Unread bytes.
+    size_t size() const { return m_unread.load(std::memory_order_seq_cst); }
+    // Receives into the empty buffer; the result is the system call's.
+    ssize_t fill(int socket);
+    // Takes up to `size` bytes, copied to `target` unless that is null; returns their number.
+    size_t take(void* target, size_t size);
+    // As take(), but a descriptor that came with the bytes goes to `descriptor`, unless it has one.
+    size_t takeDescriptor(size_t size, kelm::UniqueFd& descriptor, ControlReport& report);
+
+ private:
+    size_t advance(void* target, size_t size);
+    void readControl(struct msghdr& message);
+
+    std::unique_ptr<std::byte[]> m_bytes;  // made at the first use: listeners need none
+    size_t m_begin = 0;
+    std::atomic<size_t> m_unread{0};  // atomic: the poller looks at it
+    kelm::UniqueFd m_descriptor;
+    ControlReport m_report;
+};
+
+}  // namespace IPC
