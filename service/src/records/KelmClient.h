@@ -23,7 +23,9 @@ class KelmClient : public NonCopyable {
     ~KelmClient();
 
     uint64_t getId() const { return m_id; }
-    const std::string& getName() const { return m_name; }
+    const std::string& getName() const { return *m_name; }
+    // The name for those who keep it beyond the client's life.
+    const std::shared_ptr<const std::string>& getSharedName() const { return m_name; }
     int getSocket() const;
     const std::shared_ptr<ClientConnection>& getConnection() const { return m_connection; }
     uint16_t getApiMajorVersion() const { return m_apiMajorVersion; }
@@ -48,7 +50,7 @@ class KelmClient : public NonCopyable {
 
  private:
     const uint64_t m_id;
-    const std::string m_name;
+    const std::shared_ptr<const std::string> m_name;
     const std::shared_ptr<ClientConnection> m_connection;
     const uint16_t m_apiMajorVersion;
     const uint16_t m_apiMinorVersion;
@@ -59,7 +61,7 @@ class KelmClient : public NonCopyable {
     uint64_t m_waitingInferenceNum GUARDED_BY(m_mutex) = 0;
     uint32_t m_taskCount GUARDED_BY(m_mutex) = 0;
     FpsCounter m_fpsCounter;
-    uint32_t m_maxTaskNumber = UINT32_MAX;  // fixed after construction
+    const uint32_t m_maxTaskNumber;  // all ones: no limit
 };
 
 }  // namespace kelm

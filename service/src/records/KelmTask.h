@@ -48,7 +48,7 @@ class KelmTask : public NonCopyable {
 
     uint64_t getId() const { return m_id; }
     uint64_t getClientId() const { return m_clientId; }
-    const std::string& getClientName() const { return m_clientName; }
+    const std::string& getClientName() const { return *m_clientName; }
     KelmGraph* getGraph() const { return m_graph; }
     KelmTaskParam* getTaskParam() const { return m_taskParam.get(); }
     const KelmMsgReqInferTask& getCreateTaskRequest() const { return m_createTaskRequest; }
@@ -80,10 +80,14 @@ class KelmTask : public NonCopyable {
     std::string getDescription() EXCLUDES(m_mutex);
 
  private:
+    // Where the time of a status goes, null for a status without one.
+    TimePoint* stampUnsafe(int32_t status) REQUIRES(m_mutex);
+
     const uint64_t m_id;
     KelmClient* const m_client;
-    uint64_t m_clientId = 0;
-    std::string m_clientName;  // kept for after the client is gone
+    // Kept for after the client is gone.
+    const uint64_t m_clientId;
+    const std::shared_ptr<const std::string> m_clientName;
     KelmGraph* const m_graph;
     std::unique_ptr<KelmTaskParam> m_taskParam;
     const KelmMsgReqInferTask m_createTaskRequest;

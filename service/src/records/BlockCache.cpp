@@ -1,0 +1,63 @@
+#include "records/BlockCache.h"
+
+#include <new>
+
+#if defined(__has_feature)
+#define KELM_HAS_FEATURE(feature) __has_feature(feature)
+#else
+#define KELM_HAS_FEATURE(feature) 0
+#endif
+
+namespace kelm {
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    KELM_HAS_FEATURE(address_sanitizer) || KELM_HAS_FEATURE(thread_sanitizer)
+constexpr bool kKeepBlocks = false;
+#else
+constexpr bool kKeepBlocks = true;
+#endif
+
+}  // namespace
+
+BlockCache::~BlockCache() {
+    while (m_free != nullptr) {
+        FreeBlock* const block = m_free;
+        m_free = block->next;
+        ::operator delete(block);
+    }
+}
+
+void* BlockCache::take() {
+    {
+        MutexLock lock(m_mutex);
+        if (m_free != nullptr) {
+            FreeBlock* const block = m_free;
+            m_free = block->next;
+            --m_freeNum;
+            return block;
+        }
+    }
+    return ::operator new(m_blockSize);
+}
+
+void BlockCache::give(void* block) noexcept {
+    if (block == nullptr) return;
+    if (kKeepBlocks) {
+        MutexLock lock(m_mutex);
+        if (m_freeNum < m_maxBlocks) {
+            m_free = ::new (block) FreeBlock{m_free};
+            ++m_freeNum;
+            return;
+        }
+    }
+    ::operator delete(block);
+}
+
+size_t BlockCache::keptBlocks() {
+    MutexLock lock(m_mutex);
+    return m_freeNum;
+}
+
+}  // namespace kelm

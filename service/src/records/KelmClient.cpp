@@ -1,0 +1,87 @@
+#include "records/KelmClient.h"
+
+#include <utility>
+
+#include "config/ServiceConfigParser.h"
+#include "records/ClientConnection.h"
+
+namespace kelm {
+
+namespace {
+
+uint32_t configuredMaxTaskNumber() {
+    const int limit = ServiceConfigParser::instance().getClientMaxTaskNumber();
+    return limit > 0 ? static_cast<uint32_t>(limit) : UINT32_MAX;
+}
+
+}  // namespace
+
+KelmClient::KelmClient(uint64_t id, std::string name, std::shared_ptr<ClientConnection> connection,
+                       uint16_t apiMajorVersion, uint16_t apiMinorVersion)
+    : m_id(id),
+      m_name(std::make_shared<const std::string>(std::move(name))),
+      m_connection(std::move(connection)),
+      m_apiMajorVersion(apiMajorVersion),
+      m_apiMinorVersion(apiMinorVersion),
+      m_fpsCounter("Client", *m_name, "Fps"),
+      m_maxTaskNumber(configuredMaxTaskNumber()) {
+    m_fpsCounter.m_bufferTimeMs = ServiceConfigParser::instance().getFpsBufferTimeLength();
+}
+
+// Closes the connection unless another client record shares it.
+KelmClient::~KelmClient() = default;
+
+int KelmClient::getSocket() const { return m_connection ? m_connection->getSocket() : -1; }
+
+bool KelmClient::isRunning() {
+    MutexLock lock(m_mutex);
+    return m_running;
+}
+
+void KelmClient::setRunningState(bool running) {
+    MutexLock lock(m_mutex);
+    m_running = running;
+}
+
+bool KelmClient::allowInferTask() {
+    MutexLock lock(m_mutex);
+    return m_taskCount < m_maxTaskNumber;
+}
+
+void KelmClient::increaseTaskCount() {
+    MutexLock lock(m_mutex);
+    ++m_taskCount;
+}
+
+void KelmClient::decreaseTaskCount() {
+    MutexLock lock(m_mutex);
+    --m_taskCount;
+    m_fpsCounter.update();
+}
+
+void KelmClient::increaseInferenceTimes() {
+    MutexLock lock(m_mutex);
+    ++m_inferenceTimes;
+}
+
+uint64_t KelmClient::getInferenceTimes() {
+    MutexLock lock(m_mutex);
+    return m_inferenceTimes;
+}
+
+void KelmClient::increaseWaitingInferenceNum() {
+    MutexLock lock(m_mutex);
+    ++m_waitingInferenceNum;
+}
+
+void KelmClient::decreaseWaitingInferenceNum() {
+    MutexLock lock(m_mutex);
+    --m_waitingInferenceNum;
+}
+
+uint64_t KelmClient::getWaitingInferenceNum() {
+    MutexLock lock(m_mutex);
+    return m_waitingInferenceNum;
+}
+
+}  // namespace kelm

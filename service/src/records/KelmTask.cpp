@@ -1,0 +1,165 @@
+#include "records/KelmTask.h"
+
+#include <new>
+#include <utility>
+
+#include "records/BlockCache.h"
+#include "records/KelmClient.h"
+#include "records/KelmGraph.h"
+#include "records/KelmTaskParam.h"
+#include "utils/Log.h"
+#include "utils/StringHelper.h"
+#include "utils/TimeHelper.h"
+
+namespace kelm {
+
+namespace {
+
+// Tasks in flight beyond this number are rare enough for the heap.
+constexpr size_t kBlocksToKeep = 512;
+constexpr size_t kDescribedNameLength = 10;
+
+// Never destroyed: a task may end while static objects are going.
+BlockCache& blockCache() {
+    static BlockCache& obj = *new BlockCache(sizeof(KelmTask), kBlocksToKeep);
+    return obj;
+}
+
+int64_t wholeMillis(KelmTask::TimePoint::duration time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+std::shared_ptr<const std::string> nameOf(KelmClient* client) {
+    static const auto kNoName = std::make_shared<const std::string>();
+    return client != nullptr ? client->getSharedName() : kNoName;
+}
+
+}  // namespace
+
+KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskParam* taskParam,
+                   const KelmMsgReqInferTask* request)
+    : m_id(id),
+      m_client(client),
+      m_clientId(client != nullptr ? client->getId() : 0),
+      m_clientName(nameOf(client)),
+      m_graph(graph),
+      m_taskParam(taskParam),
+      m_createTaskRequest(*request),
+      m_timeToKelmHal(std::chrono::system_clock::now()) {
+    if (m_client != nullptr) m_client->increaseTaskCount();
+    m_graph->increaseTaskCount();
+}
+
+// The counts of client and graph go down after the last use of the two: from then on they may go.
+KelmTask::~KelmTask() {
+    if (m_taskParam) {
+        LOG_DEBUG("[TrackFd] close: clientId=%lu graphId=%lu inFd=%d outFd=%d auxFd=%d", m_clientId,
+                  m_graph->getId(), m_taskParam->getInputBuffer().fd,
+                  m_taskParam->getOutputBuffer().fd, m_taskParam->getAuxBuffer().fd);
+        m_taskParam.reset();
+    }
+    if (m_client != nullptr) m_client->decreaseTaskCount();
+    m_graph->decreaseTaskCount();
+    if (!m_isCreateRspSent || m_taskDoneMsg) {
+        LOG_WARN("m_isCreateRspSent=%d, m_taskDoneMsg=%p", static_cast<int>(m_isCreateRspSent),
+                 m_taskDoneMsg.get());
+    }
+}
+
+void* KelmTask::operator new(size_t size) {
+    if (size != sizeof(KelmTask)) return ::operator new(size);
+    return blockCache().take();
+}
+
+void KelmTask::operator delete(void* block) { blockCache().give(block); }
+
+void KelmTask::cancel() {
+    MutexLock lock(m_mutex);
+    m_isCanceled = true;
+}
+
+bool KelmTask::isCanceled() {
+    MutexLock lock(m_mutex);
+    return m_isCanceled;
+}
+
+void KelmTask::addLoadCount() {
+    MutexLock lock(m_mutex);
+    ++m_loadCount;
+}
+
+int32_t KelmTask::getLoadCount() {
+    MutexLock lock(m_mutex);
+    return m_loadCount;
+}
+
+KelmTask::TimePoint* KelmTask::stampUnsafe(int32_t status) {
+    TimePoint* const stamps[] = {&m_timeToKelmHal, &m_timeToTaskQueue, &m_timeToTevoHal,
+                                 &m_timeTevoLoaded, &m_timeGotResult};
+    if (status < TASK_STATUS_CREATED || status > TASK_STATUS_DONE) return nullptr;
+    return stamps[status];
+}
+
+void KelmTask::setStatus(int32_t status) {
+    if (status > TASK_STATUS_LAST) return;
+    const TimePoint now = std::chrono::system_clock::now();
+    MutexLock lock(m_mutex);
+    m_status = status;
+    if (TimePoint* const stamp = stampUnsafe(status)) *stamp = now;
+}
+
+int32_t KelmTask::getStatus() {
+    MutexLock lock(m_mutex);
+    return m_status;
+}
+
+std::string KelmTask::getTimeToKelmHal() {
+    MutexLock lock(m_mutex);
+    return formatTimeMilli(m_timeToKelmHal);
+}
+
+std::string KelmTask::getTimeToTaskQueue() {
+    MutexLock lock(m_mutex);
+    return formatTimeMilli(m_timeToTaskQueue);
+}
+
+bool KelmTask::setTaskDoneResponse(MessagePtr& message) {
+    MutexLock lock(m_mutex);
+    if (m_isCreateRspSent) return false;
+    m_taskDoneMsg = std::move(message);
+    return true;
+}
+
+MessagePtr KelmTask::setSendCreateResponseDone() {
+    MutexLock lock(m_mutex);
+    m_isCreateRspSent = true;
+    return std::move(m_taskDoneMsg);
+}
+
+std::string KelmTask::getSummary() {
+    MutexLock lock(m_mutex);
+    const bool wasQueued = m_timeToTaskQueue != TimePoint();
+    const TimePoint pushed = wasQueued ? m_timeToTaskQueue : m_timeToTevoHal;
+    return StringHelper::format(
+        "taskId=%lu PushPhase=%ldms WaitPhase=%ldms LoadPhase=%ldms ExecPhase=%ldms", m_id,
+        wholeMillis(pushed - m_timeToKelmHal), wholeMillis(m_timeToTevoHal - pushed),
+        wholeMillis(m_timeTevoLoaded - m_timeToTevoHal),
+        wholeMillis(m_timeGotResult - m_timeTevoLoaded));
+}
+
+std::string KelmTask::getDescription() {
+    const std::string graphName = m_graph->getName();  // first: the task's mutex is a leaf
+    MutexLock lock(m_mutex);
+    return StringHelper::format(
+               "TaskId: %lu, Client: %-10s, ClientId: %08lu, Status: %-2d, GraphName: %-10s, "
+               "GraphPtr: %p",
+               m_id, getClientName().substr(0, kDescribedNameLength), m_clientId, m_status,
+               graphName.substr(0, kDescribedNameLength), m_graph) +
+           ", TimeToKelmHal: " + formatTimeMilli(m_timeToKelmHal) +
+           ", TimeToTaskQueue: " + formatTimeMilli(m_timeToTaskQueue) +
+           ", TimeToTevoHal: " + formatTimeMilli(m_timeToTevoHal) +
+           ", TimeTevoLoaded: " + formatTimeMilli(m_timeTevoLoaded) +
+           ", TimeGotResult: " + formatTimeMilli(m_timeGotResult);
+}
+
+}  // namespace kelm

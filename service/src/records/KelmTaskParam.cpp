@@ -1,0 +1,51 @@
+#include "records/KelmTaskParam.h"
+
+#include <new>
+
+#include "records/BlockCache.h"
+#include "records/BufferAllocator.h"
+
+namespace kelm {
+
+namespace {
+
+// Tasks in flight beyond this number are rare enough for the heap.
+constexpr size_t kBlocksToKeep = 512;
+
+// Never destroyed: a block may come back while static objects are going.
+BlockCache& blockCache() {
+    static BlockCache& obj = *new BlockCache(sizeof(KelmTaskParam), kBlocksToKeep);
+    return obj;
+}
+
+}  // namespace
+
+KelmTaskParam* KelmTaskParam::create(const KelmBuffer& input, const KelmBuffer& output,
+                                     const KelmBuffer& aux) {
+    return new KelmTaskParam(input, output, aux);
+}
+
+KelmTaskParam::KelmTaskParam(const KelmBuffer& input, const KelmBuffer& output,
+                             const KelmBuffer& aux)
+    : m_inputBuffer(input), m_outputBuffer(output), m_auxBuffer(aux) {}
+
+KelmTaskParam::~KelmTaskParam() {
+    releaseBuffer(m_inputBuffer);
+    releaseBuffer(m_outputBuffer);
+    releaseBuffer(m_auxBuffer);
+}
+
+// A descriptor is closed whatever the buffer's type says: the type is the client's word, and no
+// descriptor of a task may stay open.
+void KelmTaskParam::releaseBuffer(KelmBuffer& buffer) {
+    (void)BufferAllocator::instance().free(&buffer);  // fails on null only
+}
+
+void* KelmTaskParam::operator new(size_t size) {
+    if (size != sizeof(KelmTaskParam)) return ::operator new(size);
+    return blockCache().take();
+}
+
+void KelmTaskParam::operator delete(void* block) { blockCache().give(block); }
+
+}  // namespace kelm
