@@ -29,7 +29,8 @@ enum KelmGraphInfo : int {
 };
 
 // A named accelerator that is opened, holds a current graph, takes tensors and gives results. The
-// operations here fix the order of locks, checks and statistics; the ...Impl steps are the device's.
+// operations here fix the order of locks, checks and statistics; the ...Impl steps are the
+// device's.
 //
 // A root is made by name; a clone of it serves one slave worker, shares the device id and moves the
 // root's count of tasks in flight.
@@ -63,6 +64,8 @@ class KelmDeviceBase : public NonCopyable {
     [[nodiscard]] int allocateGraph(KelmGraph* graph) EXCLUDES(m_deviceMutex);
     // `keepCached` lets the device keep the graph's image for a fast return.
     [[nodiscard]] int deallocateGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_deviceMutex);
+    // The record of the graph may go while the device can no longer release it: keeps no pointer.
+    void forgetGraph(KelmGraph* graph) EXCLUDES(m_deviceMutex);
     [[nodiscard]] int loadTensor(KelmTask* task);
     [[nodiscard]] int getResult(KelmTask* task);
 
@@ -109,11 +112,12 @@ class KelmDeviceBase : public NonCopyable {
     virtual int openDevice(const char* name) REQUIRES(m_deviceMutex) = 0;  // sets m_opened
     virtual int closeDeviceImpl() REQUIRES(m_deviceMutex) = 0;
     virtual int allocateGraphImpl(KelmGraph* graph) REQUIRES(m_deviceMutex) = 0;
-    virtual int deallocateGraphImpl(KelmGraph* graph, bool keepCached)
-        REQUIRES(m_deviceMutex) = 0;
+    virtual int deallocateGraphImpl(KelmGraph* graph, bool keepCached) REQUIRES(m_deviceMutex) = 0;
     virtual int loadTensorImpl(KelmTask* task) = 0;
     virtual int getResultImpl(KelmTask* task) = 0;
-    virtual int hardwareResetDeviceCore() REQUIRES(m_deviceMutex);
+    virtual int hardwareResetDeviceCore();  // any thread: a failing call may get here too
+    // Drops what the device knows of the graph by its address; handles stay for the destructor.
+    virtual void forgetGraphImpl(KelmGraph* graph) REQUIRES(m_deviceMutex);
     // Moves the current graph's statistics to the previous slots.
     void resetGraphInfo() EXCLUDES(m_graphInfoMutex);
 
@@ -125,9 +129,15 @@ class KelmDeviceBase : public NonCopyable {
     std::atomic<bool> m_deviceFailed{false};
     std::atomic<float> m_thermal{0.0f};
     std::atomic<int32_t> m_thermalThrottlingLevel{0};
-    KelmDeviceBase* const m_parent;
+    KelmDeviceBase* const m_parent;  // the device this one was cloned from, null for a root
 
  private:
+    KelmDeviceBase(KelmDeviceBase* parent, const std::string& name, uint32_t deviceId);
+    void setCurrentGraph(KelmGraph* graph) EXCLUDES(m_graphInfoMutex);
+    void countResult() EXCLUDES(m_graphInfoMutex);
+
+    // Atomic: devices are made on several threads. Shared by all, so that ids never repeat.
+    static std::atomic<uint32_t> m_deviceIdCounter;
     const std::string m_name;
 
     Mutex m_graphInfoMutex ACQUIRED_AFTER(m_deviceMutex);

@@ -25,7 +25,8 @@ class SlaveWorker;
 // no slave worker.
 //
 // Threads: any. Owns: device, clones, slave workers. Borrows graphs, until their unload is done.
-// Locks: m_mutex, held across a post to a slave worker's pool and across resetDevice().
+// Locks: m_mutex, held across a notice to a slave worker's pool and across resetDevice(). Not held
+// while the slave workers drain: the answers that they wait for come through here.
 class WorkThread : public NonCopyable {
  public:
     // Opens the device and blocks until its slave workers exist; see isReady().
@@ -59,8 +60,7 @@ class WorkThread : public NonCopyable {
     void enqueueAbortApplyTaskDone(KelmGraph* graph) EXCLUDES(m_mutex);
     // Futures of a KelmError.
     std::shared_future<int> enqueueLoadGraph(KelmGraph* graph) EXCLUDES(m_mutex);
-    std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached)
-        EXCLUDES(m_mutex);
+    std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_mutex);
     // `userParam` is the request message, answered through the result sink.
     void enqueueResetDevice(int socket, void* userParam);
     // The slave worker's load failed: frees its slot.
@@ -71,10 +71,16 @@ class WorkThread : public NonCopyable {
  private:
     struct Slot;
 
-    void init();
+    void init() EXCLUDES(m_mutex);
     bool openDevice();
-    void createSlaveWorker(int32_t slaveWorkerNum) EXCLUDES(m_mutex);
+    void createSlaveWorker() EXCLUDES(m_mutex);
     void destroySlaveWorker() EXCLUDES(m_mutex);
+    std::vector<SlaveWorker*> getSlaveWorkers() EXCLUDES(m_mutex);
+    Slot* findSlotUnsafe(KelmGraph* graph) REQUIRES(m_mutex);  // null: the first free one
+    bool handToSlot(KelmTask* task) EXCLUDES(m_mutex);
+
+    // On the pool.
+    int deallocateGraph(KelmGraph* graph, bool keepCached);
     void notifyLoadGraphError(SlaveWorker* slaveWorker) EXCLUDES(m_mutex);
     void resetDevice(int socket, void* userParam) EXCLUDES(m_mutex);
     std::shared_future<int> answer(int result);

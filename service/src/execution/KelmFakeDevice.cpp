@@ -1,0 +1,197 @@
+#include "execution/KelmFakeDevice.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+
+#include "config/ServiceConfigParser.h"
+#include "protocol/src/KelmError.h"
+#include "records/KelmGraph.h"
+#include "records/KelmTask.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr int kLoadTimedOut = -1;
+constexpr int kResultTimedOut = -8;
+// MB; a simulated graph weighs the same whatever its size.
+constexpr uint32_t kGraphMemory = 10;
+constexpr double kDefaultAllocMs = 5.0;
+constexpr double kDefaultLoadMs = 5.0;
+constexpr double kDefaultResultMs = 10.0;
+
+// Bytes, in the order of KelmGraphInfo.
+constexpr size_t kGraphInfo[] = {36000, 4000, 300, 120, 104};
+
+LatencyDistribution makeLatency(int configuredMs, double defaultMs) {
+    return LatencyDistribution(configuredMs < 0 ? defaultMs : configuredMs,
+                               ServiceConfigParser::instance().getFakeDeviceLatencyStddev());
+}
+
+}  // namespace
+
+KelmFakeDevice::KelmFakeDevice(const std::string& name)
+    : KelmDeviceBase(name),
+      m_logName(name),
+      m_debugProcess(ServiceConfigParser::instance().isDeviceDebugProcessEnabled()),
+      m_randomEngine(std::random_device("default")()),
+      m_allocGraphLatency(
+          makeLatency(ServiceConfigParser::instance().getAllocGraphLatency(), kDefaultAllocMs)),
+      m_loadTensorLatency(
+          makeLatency(ServiceConfigParser::instance().getLoadTensorLatency(), kDefaultLoadMs)),
+      m_getResultLatency(
+          makeLatency(ServiceConfigParser::instance().getGetResultLatency(), kDefaultResultMs)) {
+    std::srand(static_cast<unsigned int>(std::time(nullptr)));
+    readSettings();
+}
+
+KelmFakeDevice::KelmFakeDevice(KelmFakeDevice* parent)
+    : KelmDeviceBase(parent),
+      m_logName(parent->m_logName),
+      m_debugProcess(parent->m_debugProcess),
+      m_capacity(parent->m_capacity),
+      m_waitTimeoutSeconds(parent->m_waitTimeoutSeconds),
+      // A root runs no tasks, so nothing moves its engine while it is copied.
+      m_randomEngine(parent->m_randomEngine),
+      m_allocGraphLatency(parent->m_allocGraphLatency),
+      m_loadTensorLatency(parent->m_loadTensorLatency),
+      m_getResultLatency(parent->m_getResultLatency) {}
+
+KelmFakeDevice::~KelmFakeDevice() {
+    KelmGraph* const graph = getCurrentGraph();
+    if (m_graphLoaded && graph != nullptr) (void)deallocateGraph(graph, false);  // always succeeds
+    if (m_deviceOpened) closeDevice();
+}
+
+void KelmFakeDevice::readSettings() {
+    const ServiceConfigParser& config = ServiceConfigParser::instance();
+    const int capacity = config.getFakeDeviceQueueCapacity();
+    if (capacity > 0) m_capacity = static_cast<size_t>(capacity);
+    const int timeoutMs = config.getFakeDeviceWaitTimeout();
+    // Deliberate: whole seconds, so that a time-out below 1000 ms fails at once.
+    if (timeoutMs > 0) m_waitTimeoutSeconds = static_cast<uint64_t>(timeoutMs / 1000);
+}
+
+std::unique_ptr<KelmDeviceBase> KelmFakeDevice::clone() {
+    return std::make_unique<KelmFakeDevice>(this);
+}
+
+int KelmFakeDevice::getGraphInfo(const char*, size_t, KelmGraphInfo what, size_t& result) {
+    if (what < GRAPH_INFO_INPUT || what > GRAPH_INFO_THERMAL) return KELM_ERROR_INVALID_PARAM;
+    result = kGraphInfo[what];
+    return KELM_OK;
+}
+
+int KelmFakeDevice::openDevice(const char*) {
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call openDevice()");
+    m_opened = true;
+    m_deviceOpened = true;
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called openDevice()");
+    return KELM_OK;
+}
+
+int KelmFakeDevice::closeDeviceImpl() {
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call closeDevice()");
+    m_opened = false;
+    m_deviceOpened = false;
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called closeDevice()");
+    return KELM_OK;
+}
+
+int KelmFakeDevice::allocateGraphImpl(KelmGraph* graph) {
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call allocateGraph()");
+    const SteadyTime start = std::chrono::steady_clock::now();
+    m_graphLoaded = true;
+    graph->setMemReq(kGraphMemory);
+    graph->appendCachedDevice(m_logName);
+    graph->appendRunningDevice(m_logName);
+    long latency = 0;
+    {
+        MutexLock lock(m_mutex);
+        latency = m_allocGraphLatency.draw(m_randomEngine);
+    }
+    LatencyDistribution::sleep(latency);
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called allocateGraph(), spendTime=%.2fms",
+                millisSince(start));
+    return KELM_OK;
+}
+
+int KelmFakeDevice::deallocateGraphImpl(KelmGraph* graph, bool) {
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call deallocateGraph()");
+    m_graphLoaded = false;
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called deallocateGraph()");
+    graph->removeCachedDevice(m_logName);
+    graph->removeRunningDevice(m_logName);
+    return KELM_OK;
+}
+
+void KelmFakeDevice::forgetGraphImpl(KelmGraph* graph) { (void)deallocateGraphImpl(graph, false); }
+
+bool KelmFakeDevice::waitOnceUnsafe(CondVar& condition) {
+    const auto deadline =
+        std::chrono::system_clock::now() + std::chrono::seconds(m_waitTimeoutSeconds);
+    if (condition.waitUntil(m_mutex, deadline)) return true;
+    errno = ETIME;
+    return false;
+}
+
+int KelmFakeDevice::loadTensorImpl(KelmTask* task) {
+    MutexLock lock(m_mutex);
+    // Deliberate: one wait, with the room not looked at again. A wake-up may put one task too many
+    // into the queue, which grows.
+    if (m_taskQueue.size() >= m_capacity && !waitOnceUnsafe(m_notFull)) return kLoadTimedOut;
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call loadTensor(), taskId=%lu",
+                task->getId());
+    const SteadyTime start = std::chrono::steady_clock::now();
+    LatencyDistribution::sleep(m_loadTensorLatency.draw(m_randomEngine));
+    m_taskQueue.pushBack(task);
+    m_notEmpty.notifyOne();
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
+                "called loadTensor(), taskId=%lu, spendTime=%.2fms", task->getId(),
+                millisSince(start));
+    return KELM_OK;
+}
+
+bool KelmFakeDevice::takeResult(KelmTask* task, float& spentMs) {
+    MutexLock lock(m_mutex);
+    if (m_taskQueue.empty() && !waitOnceUnsafe(m_notEmpty)) return false;
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call getResult(), taskId=%lu",
+                task->getId());
+    const SteadyTime start = std::chrono::steady_clock::now();
+    LatencyDistribution::sleep(m_getResultLatency.draw(m_randomEngine));
+    // One wait only, so a wake-up proves nothing: without a task there is no result.
+    if (m_taskQueue.empty()) {
+        errno = ETIME;
+        return false;
+    }
+    // Which task comes out does not matter: the device keeps no tie between result and task.
+    m_taskQueue.popFront();
+    m_notFull.notifyOne();
+    spentMs = millisSince(start);
+    LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
+                "called getResult(), taskId=%lu, spendTime=%.2fms", task->getId(), spentMs);
+    return true;
+}
+
+int KelmFakeDevice::getResultImpl(KelmTask* task) {
+    float spentMs = 0.0f;
+    if (!takeResult(task, spentMs)) return kResultTimedOut;
+    if (KelmGraph* graph = getCurrentGraph()) graph->updateInferenceTime(spentMs);
+    return KELM_OK;
+}
+
+int KelmFakeDevice::updateThermal() {
+    const float thermal = static_cast<float>(std::rand() % 5000 + 4500) / 100.0f;
+    m_thermal = thermal;
+    m_thermalThrottlingLevel = thermal >= 85.0f ? 1 : 0;
+    return KELM_OK;
+}
+
+float KelmFakeDevice::millisSince(SteadyTime start) {
+    const std::chrono::duration<float, std::milli> spent = std::chrono::steady_clock::now() - start;
+    return spent.count();
+}
+
+}  // namespace kelm

@@ -1,0 +1,170 @@
+#include "execution/SlaveWorker.h"
+
+#include <algorithm>
+
+#include "config/ServiceConfigParser.h"
+#include "execution/KelmDeviceBase.h"
+#include "execution/SubmitNotice.h"
+#include "execution/TaskExchange.h"
+#include "execution/WorkThread.h"
+#include "protocol/src/KelmError.h"
+#include "records/KelmGraph.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr uint64_t kPoolLimit = 50;
+constexpr std::chrono::seconds kCheckInterval{1};
+// How long a worker that goes still waits for the scheduler's word, in turns of a tenth of a
+// second: a request that is on its way names this worker, but there may be nobody left to answer.
+constexpr long kAbortTurnMs = 100;
+constexpr int kAbortTurnsWhenStopping = 10;
+// Slots of the running tasks to start with; a few more or less are no matter.
+constexpr uint64_t kUsualRunningTasks = 16;
+
+// In the order of the states.
+constexpr const char* kStateNames[] = {"INIT",      "WAIT_GRAPH", "LOAD_GRAPH", "UNLOAD_GRAPH",
+                                       "WAIT_TASK", "RUNNING",    "QX_ERROR"};
+
+}  // namespace
+
+SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDeviceBase* device,
+                         uint64_t maxRunningTasks)
+    : m_name(name),
+      m_workThread(workThread),
+      m_device(device),
+      m_debugProcess(ServiceConfigParser::instance().isDeviceWorkThreadDebugProcessEnabled()),
+      m_maxRunningTasks(maxRunningTasks),
+      m_abortSemaphore(0, 0),
+      m_resultPool(name + "G", 1, kPoolLimit),
+      m_inputPool(name + "I", 1, kPoolLimit) {
+    m_runningTasks.reserve(std::min(maxRunningTasks, kUsualRunningTasks));
+    m_state = STATE_WAIT_GRAPH;
+}
+
+SlaveWorker::~SlaveWorker() {
+    stop();
+    KelmGraph* const graph = getGraph();
+    if (graph != nullptr) (void)m_device->deallocateGraph(graph, false);  // nobody is left to tell
+}
+
+void SlaveWorker::stop() {
+    m_isDeviceValid = false;
+    m_isApplyEnabled = false;
+    m_isStopping = true;
+    while (!m_inputPool.waitIdleFor(kCheckInterval)) {
+    }
+    while (!m_resultPool.waitIdleFor(kCheckInterval)) {
+    }
+}
+
+const char* SlaveWorker::getState() const { return kStateNames[m_state.load()]; }
+
+std::shared_future<int> SlaveWorker::enqueueLoadGraph(KelmGraph* graph) {
+    m_loadsUnderWay.fetch_add(1);
+    return submitNotice(m_inputPool, [this, graph] {
+        m_onInputThread.assertHeld();
+        return loadGraph(graph);
+    });
+}
+
+std::shared_future<int> SlaveWorker::enqueueUnloadGraph(KelmGraph* graph, bool keepCached) {
+    return submitNotice(m_inputPool, [this, graph, keepCached] {
+        m_onInputThread.assertHeld();
+        return unloadGraph(graph, keepCached);
+    });
+}
+
+int SlaveWorker::loadGraph(KelmGraph* graph) {
+    const int rc = allocateGraph(graph);
+    m_loadsUnderWay.fetch_sub(1);
+    if (rc == KELM_OK) return KELM_OK;
+    m_workThread->enqueueNotifyLoadGraphError(this);
+    handleDeviceError(rc);
+    return rc;
+}
+
+int SlaveWorker::allocateGraph(KelmGraph* graph) {
+    if (!m_isDeviceValid) return KELM_ERROR_DEVICE_FAILED;
+    if (graph == m_graph) return KELM_OK;
+    m_state = STATE_LOAD_GRAPH;
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call allocateGraph(%s)", graph->getName());
+    const int rc = m_device->allocateGraph(graph);
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called allocateGraph(%s)", graph->getName());
+    if (rc != KELM_OK) {
+        LOG_ERROR("[%s] Error: allocateGraph(%s) failed, rc=%d", m_name, graph->getName(), rc);
+        return rc;
+    }
+    m_state = STATE_WAIT_TASK;
+    m_graph = graph;
+    applyNextTask();
+    return KELM_OK;
+}
+
+int SlaveWorker::unloadGraph(KelmGraph* graph, bool keepCached) {
+    if (getGraph() != graph) return KELM_OK;  // the load failed, or it was never loaded here
+    abortApplyTask();
+    waitNoRunningTask();
+    waitAbortApplyTaskDone();
+    if (!m_isDeviceValid) {
+        // Once this unload is answered the record may be deleted.
+        m_device->forgetGraph(graph);
+        m_graph = nullptr;
+        return KELM_ERROR_DEVICE_FAILED;
+    }
+    return deallocateGraph(graph, keepCached);
+}
+
+int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
+    m_state = STATE_UNLOAD_GRAPH;
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call deallocateGraph(%s)", graph->getName());
+    const int rc = m_device->deallocateGraph(graph, keepCached);
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called deallocateGraph(%s)", graph->getName());
+    m_graph = nullptr;
+    m_state = STATE_WAIT_GRAPH;
+    if (rc != KELM_OK) {
+        LOG_ERROR("[%s] Error: deallocateGraph(%s) failed, rc=%d", m_name, graph->getName(), rc);
+        handleDeviceError(rc);
+    }
+    return rc;
+}
+
+void SlaveWorker::applyNextTask() {
+    if (!m_isApplyEnabled) return;
+    Port<TaskExchange>::notify<&TaskExchange::enqueueScheduleWorker>(m_workThread, getGraph());
+}
+
+void SlaveWorker::abortApplyTask() {
+    // An answer that nobody waited for must not pass for the one that is asked for here.
+    m_abortSemaphore.resetValue(0);
+    Port<TaskExchange>::notify<&TaskExchange::enqueueDescheduleWorker>(m_workThread, getGraph());
+}
+
+void SlaveWorker::waitAbortApplyTaskDone() {
+    int turnsLeft = kAbortTurnsWhenStopping;
+    while (!m_abortSemaphore.waitFor(kAbortTurnMs)) {
+        if (m_isStopping && --turnsLeft == 0) return;
+    }
+}
+
+void SlaveWorker::waitNoRunningTask() {
+    MutexLock lock(m_mutex);
+    while (!m_runningTasks.empty()) {
+        (void)m_noRunningCond.waitFor(m_mutex, kCheckInterval);
+        LOG_PROC_OF(m_name.c_str(), m_debugProcess, "m_runningTasks.size()=%lu",
+                    m_runningTasks.size());
+    }
+}
+
+// A device failure turns everything back from here on; what is on the device comes back through
+// getResult().
+void SlaveWorker::handleDeviceError(int rc) {
+    if (!m_device->isHardwareError(rc) || !m_isDeviceValid.exchange(false)) return;
+    m_isApplyEnabled = false;
+    m_state = STATE_ERROR;
+}
+
+}  // namespace kelm

@@ -1,0 +1,244 @@
+#include "execution/WorkThread.h"
+
+#include <algorithm>
+
+#include "config/ServiceConfigParser.h"
+#include "execution/KelmDeviceBase.h"
+#include "execution/ResultSink.h"
+#include "execution/SlaveWorker.h"
+#include "execution/SubmitNotice.h"
+#include "execution/TaskExchange.h"
+#include "protocol/src/KelmError.h"
+#include "records/KelmGraph.h"
+#include "records/KelmTask.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr uint64_t kPoolLimit = 100;
+// The device's queues take what is in flight and a little more, so that they never hold up a feed.
+constexpr unsigned int kSpareFifoPlaces = 2;
+
+}  // namespace
+
+struct WorkThread::Slot {
+    std::unique_ptr<KelmDeviceBase> device;
+    std::unique_ptr<SlaveWorker> slaveWorker;  // goes before its device
+    KelmGraph* graph = nullptr;                // assigned; null for a free slot
+};
+
+WorkThread::WorkThread(const std::string& deviceName, int32_t subclass, int32_t slaveWorkerNum,
+                       int32_t maxCachedGraphNum)
+    : m_name("Wt" + deviceName),
+      m_deviceName(deviceName),
+      m_subclass(subclass),
+      m_slaveWorkerNum(slaveWorkerNum),
+      m_maxCachedGraphNum(maxCachedGraphNum),
+      m_pool(m_name, 1, kPoolLimit) {
+    init();
+}
+
+WorkThread::~WorkThread() {
+    {
+        MutexLock lock(m_mutex);
+        m_stopped = true;
+    }
+    destroySlaveWorker();
+}
+
+void WorkThread::init() {
+    if (!openDevice()) {
+        MutexLock lock(m_mutex);
+        m_stopped = true;
+        return;
+    }
+    m_device->setMaxCacheGraphNumber(m_maxCachedGraphNum);
+    const int32_t inferences = ServiceConfigParser::instance().getMaxInferenceNumber();
+    if (inferences >= 2) m_maxInferenceNumber = inferences;
+    m_device->setFifoCapacity(static_cast<unsigned int>(m_maxInferenceNumber) + kSpareFifoPlaces);
+    createSlaveWorker();
+}
+
+bool WorkThread::openDevice() {
+    m_device = KelmDeviceBase::create(m_deviceName);
+    const int rc = m_device ? m_device->openDevice() : KELM_ERROR_INVALID_DEVICE;
+    if (rc == KELM_OK) return true;
+    LOG_ERROR("Error: open device failed, rc=%d", rc);
+    m_device.reset();
+    return false;
+}
+
+void WorkThread::createSlaveWorker() {
+    for (int32_t index = 0; index < m_slaveWorkerNum; ++index) {
+        Slot slot;
+        slot.device = m_device->clone();
+        slot.slaveWorker = std::make_unique<SlaveWorker>(
+            m_name + "S" + std::to_string(index), this, slot.device.get(),
+            static_cast<uint64_t>(m_maxInferenceNumber));
+        MutexLock lock(m_mutex);
+        m_slots.push_back(std::move(slot));
+    }
+}
+
+std::vector<SlaveWorker*> WorkThread::getSlaveWorkers() {
+    MutexLock lock(m_mutex);
+    std::vector<SlaveWorker*> workers;
+    for (const Slot& slot : m_slots) workers.push_back(slot.slaveWorker.get());
+    return workers;
+}
+
+void WorkThread::destroySlaveWorker() {
+    // They stay in their slots while they drain: an unload waits for an answer that finds it there.
+    for (SlaveWorker* slaveWorker : getSlaveWorkers()) slaveWorker->stop();
+    std::vector<Slot> slots;
+    {
+        MutexLock lock(m_mutex);
+        slots.swap(m_slots);
+    }
+    for (Slot& slot : slots) {
+        slot.slaveWorker.reset();
+        slot.device.reset();
+    }
+}
+
+bool WorkThread::isReady() {
+    MutexLock lock(m_mutex);
+    return !m_stopped;
+}
+
+float WorkThread::getTotalFps() {
+    MutexLock lock(m_mutex);
+    float total = 0.0f;
+    for (const Slot& slot : m_slots) total += slot.device->getFps();
+    return total;
+}
+
+std::vector<KelmDeviceBase*> WorkThread::getDevices() {
+    MutexLock lock(m_mutex);
+    std::vector<KelmDeviceBase*> devices;
+    for (const Slot& slot : m_slots) devices.push_back(slot.device.get());
+    return devices;
+}
+
+std::vector<std::string> WorkThread::getStates() {
+    MutexLock lock(m_mutex);
+    std::vector<std::string> states;
+    for (const Slot& slot : m_slots) states.emplace_back(slot.slaveWorker->getState());
+    return states;
+}
+
+std::string WorkThread::getGraphName() {
+    MutexLock lock(m_mutex);
+    for (const Slot& slot : m_slots) {
+        if (slot.graph != nullptr) return slot.graph->getName();
+    }
+    return {};
+}
+
+std::set<KelmGraph*> WorkThread::getGraphs() {
+    MutexLock lock(m_mutex);
+    std::set<KelmGraph*> graphs;
+    for (const Slot& slot : m_slots) {
+        if (slot.graph != nullptr) graphs.insert(slot.graph);
+    }
+    return graphs;
+}
+
+WorkThread::Slot* WorkThread::findSlotUnsafe(KelmGraph* graph) {
+    for (Slot& slot : m_slots) {
+        if (slot.graph == graph) return &slot;
+    }
+    return nullptr;
+}
+
+bool WorkThread::handToSlot(KelmTask* task) {
+    MutexLock lock(m_mutex);
+    if (m_stopped) return false;
+    Slot* const slot = findSlotUnsafe(task->getGraph());
+    if (slot == nullptr) return false;
+    slot->slaveWorker->enqueueLoadTensor(task);
+    return true;
+}
+
+void WorkThread::enqueueLoadTensor(KelmTask* task) {
+    if (handToSlot(task)) return;
+    // The graph has left the worker in the meantime.
+    Port<TaskExchange>::notify<&TaskExchange::enqueueReturnTask>(task);
+}
+
+void WorkThread::enqueueAbortApplyTaskDone(KelmGraph* graph) {
+    MutexLock lock(m_mutex);
+    // By the slave worker's own graph: the slot is freed as soon as the unload is queued.
+    const auto holds = [graph](const Slot& slot) { return slot.slaveWorker->getGraph() == graph; };
+    const auto slot = std::find_if(m_slots.begin(), m_slots.end(), holds);
+    if (slot != m_slots.end()) slot->slaveWorker->enqueueAbortApplyTaskDone();
+}
+
+std::shared_future<int> WorkThread::answer(int result) {
+    return submitNotice(m_pool, [result] { return result; });
+}
+
+std::shared_future<int> WorkThread::enqueueLoadGraph(KelmGraph* graph) {
+    MutexLock lock(m_mutex);
+    if (m_stopped) return answer(KELM_ERROR_DEVICE_FAILED);
+    if (findSlotUnsafe(graph) != nullptr) return answer(KELM_OK);
+    Slot* const slot = findSlotUnsafe(nullptr);
+    if (slot == nullptr) return answer(KELM_ERROR_TOO_MANY_GRAPH);
+    slot->graph = graph;
+    return slot->slaveWorker->enqueueLoadGraph(graph);
+}
+
+std::shared_future<int> WorkThread::enqueueUnloadGraph(KelmGraph* graph, bool keepCached) {
+    MutexLock lock(m_mutex);
+    if (Slot* slot = findSlotUnsafe(graph)) {
+        slot->graph = nullptr;
+        return slot->slaveWorker->enqueueUnloadGraph(graph, keepCached);
+    }
+    return submitNotice(m_pool,
+                        [this, graph, keepCached] { return deallocateGraph(graph, keepCached); });
+}
+
+int WorkThread::deallocateGraph(KelmGraph* graph, bool keepCached) {
+    if (m_device == nullptr) return KELM_OK;  // a device that never opened holds nothing
+    return m_device->deallocateGraph(graph, keepCached);
+}
+
+void WorkThread::removeInvalidGraph(KelmGraph* graph) {
+    MutexLock lock(m_mutex);
+    for (Slot& slot : m_slots) {
+        if (slot.graph == graph) slot.graph = nullptr;
+    }
+}
+
+void WorkThread::enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker) {
+    m_pool.postNotice([this, slaveWorker] { notifyLoadGraphError(slaveWorker); });
+}
+
+void WorkThread::notifyLoadGraphError(SlaveWorker* slaveWorker) {
+    MutexLock lock(m_mutex);
+    for (Slot& slot : m_slots) {
+        // Occupied: the slot was freed before this notice came and has a later graph by now.
+        const bool own = slot.slaveWorker.get() == slaveWorker;
+        if (own && !slaveWorker->isOccupied()) slot.graph = nullptr;
+    }
+}
+
+void WorkThread::enqueueResetDevice(int socket, void* userParam) {
+    m_pool.post([this, socket, userParam] { resetDevice(socket, userParam); });
+}
+
+void WorkThread::resetDevice(int socket, void* userParam) {
+    int result = KELM_ERROR_INVALID_DEVICE;
+    {
+        // Deliberate: nothing is assigned to the device while it is being reset.
+        MutexLock lock(m_mutex);
+        if (m_device != nullptr) result = m_device->resetDevice();
+    }
+    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(
+        static_cast<KelmError>(result), socket, userParam);
+}
+
+}  // namespace kelm
