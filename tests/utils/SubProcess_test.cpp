@@ -1,0 +1,136 @@
+#include "utils/platform/linux/SubProcess.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "fakes/Eventually.h"
+#include "fakes/TempDir.h"
+#include "utils/DaemonHelper.h"
+#include "utils/platform/linux/ProcessHelper.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Milliseconds = std::chrono::milliseconds;
+
+// Children are small shell scripts that note in a file how they were called.
+class SubProcessTest : public ::testing::Test {
+ protected:
+    std::string script(const std::string& name, const std::string& body) {
+        const std::string path = m_dir.write(name, "#!/bin/sh\n" + body);
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        return path;
+    }
+    // A child that notes its call.
+    std::string noting(const std::string& rest) {
+        return script("child", "echo \"$$ $*\" >> " + m_dir.path() + "/calls\n" + rest);
+    }
+    std::vector<std::string> calls() const {
+        std::vector<std::string> lines;
+        std::ifstream file(m_dir.path() + "/calls");
+        for (std::string line; std::getline(file, line);) lines.push_back(line);
+        return lines;
+    }
+    bool waitForCalls(size_t count) {
+        return eventually([&] { return calls().size() >= count; });
+    }
+    static size_t threadCount() {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+    }
+    static int pidOf(const std::string& call) { return std::stoi(call); }
+
+    TempDir m_dir;
+};
+
+TEST_F(SubProcessTest, DeadChildStaysDeadOrDoesNotKnowOfIt) {
+    int last = 0;
+    {
+        SubProcess process({noting("case \"$*\" in *--recover*) exec sleep 60;; esac"), "-c", "x"});
+        EXPECT_FALSE(process.enableDaemon(true));
+        ASSERT_TRUE(process.execute(false));
+        EXPECT_TRUE(process.poll());
+        ASSERT_TRUE(process.enableDaemon(true));
+        ASSERT_TRUE(waitForCalls(2));
+        EXPECT_THAT(calls()[0], ::testing::EndsWith(" -c x"));
+        EXPECT_THAT(calls()[1], ::testing::EndsWith(" -c x --recover"));
+
+        ::kill(pidOf(calls()[1]), SIGKILL);
+        ASSERT_TRUE(waitForCalls(3));
+        EXPECT_THAT(calls()[2], ::testing::EndsWith(" -c x --recover"));
+        last = pidOf(calls()[2]);
+    }
+    EXPECT_TRUE(eventually([last] { return ::kill(last, 0) != 0; }));
+}
+
+TEST_F(SubProcessTest, ChildThatDiesAtOnceIsStartedInACircle) {
+    SubProcess process({noting("exit 1")});
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(process.execute(false));
+    (void)process.enableDaemon(true);
+    ASSERT_TRUE(waitForCalls(4));
+    // Pauses of 100, 200 and 400 ms.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, Milliseconds(700));
+}
+
+TEST_F(SubProcessTest, ChildrenReapedBySomebodyElseMakeTheThreadSpin) {
+    ::testing::internal::CaptureStdout();
+    const size_t threads = threadCount();
+    const auto old = ::signal(SIGCHLD, SIG_IGN);  // children vanish without a wait
+    {
+        SubProcess process({noting("exec sleep 60")});
+        EXPECT_TRUE(process.execute(false));
+        EXPECT_TRUE(process.enableDaemon(true));
+        EXPECT_TRUE(waitForCalls(1));
+        ::kill(pidOf(calls().at(0)), SIGKILL);
+        EXPECT_TRUE(eventually([&] { return threadCount() == threads; }));
+    }
+    ::signal(SIGCHLD, old);
+    const std::string text = ::testing::internal::GetCapturedStdout();
+    const std::string error = "Failed to check subprocess status";
+    ASSERT_THAT(text, HasSubstr(error));
+    EXPECT_EQ(text.find(error), text.rfind(error));
+    EXPECT_EQ(calls().size(), 1U);
+}
+
+TEST_F(SubProcessTest, ProgramThatCannotRunGoesUnnoticed) {
+    ::testing::internal::CaptureStdout();
+    SubProcess none({});
+    EXPECT_FALSE(none.execute(true));
+    SubProcess process({m_dir.path() + "/none"});
+    EXPECT_TRUE(process.execute(true));
+    siginfo_t info{};
+    while (::waitid(P_ALL, 0, &info, WEXITED) == 0 && info.si_code != CLD_EXITED) {
+    }
+    EXPECT_EQ(info.si_status, 1);
+    const std::string text = ::testing::internal::GetCapturedStdout();
+    EXPECT_THAT(text, HasSubstr("create Daemon failed with empty argument vector"));
+    EXPECT_THAT(text, HasSubstr("Failed to start subprocess\n"));
+}
+
+TEST_F(SubProcessTest, KillByNameAsksForAnotherName) {
+    script("bin/pkill", "echo \"$*\" >> " + m_dir.path() + "/calls");
+    const ScopedEnv path("PATH", m_dir.path() + "/bin:/usr/bin:/bin");
+    ProcessHelper::killProcessByName(nullptr);
+    ProcessHelper::killProcessByName("kelm-test-tool");
+    EXPECT_THAT(calls(), ElementsAre("kelm-test-tool"));
+}
+
+TEST_F(SubProcessTest, DaemonLosesItsArgumentsOrHoldsItsParent) {
+    ::testing::internal::CaptureStdout();
+    DaemonHelper::createDaemon({});
+    DaemonHelper::createDaemon({m_dir.write("plain", "")});
+    const std::string text = ::testing::internal::GetCapturedStdout();
+    EXPECT_THAT(text, HasSubstr("Error: empty argument vector as input"));
+    EXPECT_THAT(text, HasSubstr("/plain has no execute permission."));
+
+    DaemonHelper::createDaemon({noting("exec sleep 60 > /dev/null"), "-c", "file"});
+    ASSERT_TRUE(waitForCalls(1));
+    EXPECT_THAT(calls()[0], ::testing::EndsWith(" -c file"));
+    ::kill(pidOf(calls()[0]), SIGKILL);
+}
+
+}  // namespace
+}  // namespace kelm
