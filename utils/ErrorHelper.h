@@ -16,17 +16,18 @@ extern bool break_on_error;
                                      int errorNumber, bool fatal);
 
 // The text "CR_ASSERT(condition) failed. " and the words, as a fatal error.
-[[noreturn]] void assertionFailed(const char* condition, std::initializer_list<std::string_view> words,
-                                  const char* file, int line);
+[[noreturn]] void assertionFailed(const char* condition,
+                                  std::initializer_list<std::string_view> words, const char* file,
+                                  int line);
 
 }  // namespace kelm
 
 // For this program's own faults, never for what a client sent: ends the process.
-#define CR_ASSERT(condition, ...)                                                       \
-    do {                                                                                \
-        if (!(condition)) {                                                             \
-            ::kelm::assertionFailed(#condition, {__VA_ARGS__}, __FILE__, __LINE__);     \
-        }                                                                               \
+#define CR_ASSERT(condition, ...)                                                   \
+    do {                                                                            \
+        if (!(condition)) {                                                         \
+            ::kelm::assertionFailed(#condition, {__VA_ARGS__}, __FILE__, __LINE__); \
+        }                                                                           \
     } while (false)
 
 // An error of a layer that reports by exceptions, with the current errno.

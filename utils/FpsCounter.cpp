@@ -58,7 +58,8 @@ float FpsCounter::getFps() {
     if (m_count < 2) return 0.0f;
     const int64_t age = wholeMillis(now - m_timePoints.front().time);
     // Deliberate: an age of 0 gives infinity, which the callers take as it comes.
-    return static_cast<float>(m_count) * 1000.0f / static_cast<float>(std::min(m_bufferTimeMs, age));
+    return static_cast<float>(m_count) * 1000.0f /
+           static_cast<float>(std::min(m_bufferTimeMs, age));
 }
 
 void FpsCounter::reset() {

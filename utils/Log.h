@@ -14,11 +14,11 @@ namespace kelm {
 
 // Levels are single bits, so a set of levels is a mask.
 enum LogLevel : uint32_t {
-    LOG_LEVEL_PROC = 0x01,   // step by step; switched on per component
+    LOG_LEVEL_PROC = 0x01,  // step by step; switched on per component
     LOG_LEVEL_DEBUG = 0x02,
     LOG_LEVEL_INFO = 0x04,
     LOG_LEVEL_WARN = 0x08,
-    LOG_LEVEL_FREQ = 0x10,   // one line a task; switched on per component
+    LOG_LEVEL_FREQ = 0x10,  // one line a task; switched on per component
     LOG_LEVEL_ERROR = 0x40,
     LOG_LEVEL_FATAL = 0x80,
 };
@@ -69,16 +69,18 @@ class Log : public Singleton<Log> {
 }  // namespace kelm
 
 // The arguments are not evaluated unless the line is written.
-#define KELM_LOG(enabled, level, tag, object, ...)                                             \
-    do {                                                                                       \
-        if ((enabled) && ::kelm::Log::instance().isEnabled(level)) {                           \
-            ::kelm::Log::instance().doLog(true, level, tag, __FILE__, __LINE__, object,        \
-                                          __VA_ARGS__);                                        \
-        }                                                                                      \
+#define KELM_LOG(enabled, level, tag, object, ...)                                      \
+    do {                                                                                \
+        if ((enabled) && ::kelm::Log::instance().isEnabled(level)) {                    \
+            ::kelm::Log::instance().doLog(true, level, tag, __FILE__, __LINE__, object, \
+                                          __VA_ARGS__);                                 \
+        }                                                                               \
     } while (false)
 
-#define LOG_PROC(enabled, ...) KELM_LOG(enabled, ::kelm::LOG_LEVEL_PROC, "PROC", nullptr, __VA_ARGS__)
-#define LOG_FREQ(enabled, ...) KELM_LOG(enabled, ::kelm::LOG_LEVEL_FREQ, "FREQ", nullptr, __VA_ARGS__)
+#define LOG_PROC(enabled, ...) \
+    KELM_LOG(enabled, ::kelm::LOG_LEVEL_PROC, "PROC", nullptr, __VA_ARGS__)
+#define LOG_FREQ(enabled, ...) \
+    KELM_LOG(enabled, ::kelm::LOG_LEVEL_FREQ, "FREQ", nullptr, __VA_ARGS__)
 #define LOG_DEBUG(...) KELM_LOG(true, ::kelm::LOG_LEVEL_DEBUG, "DEBUG", nullptr, __VA_ARGS__)
 #define LOG_INFO(...) KELM_LOG(true, ::kelm::LOG_LEVEL_INFO, "INFO", nullptr, __VA_ARGS__)
 #define LOG_WARN(...) KELM_LOG(true, ::kelm::LOG_LEVEL_WARN, "WARN", nullptr, __VA_ARGS__)

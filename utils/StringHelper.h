@@ -40,12 +40,16 @@ class FormatArg {
         } else if constexpr (std::is_floating_point_v<Plain>) {
             return static_cast<double>(value);
         } else if constexpr (std::is_signed_v<Plain>) {
-            if constexpr (sizeof(Plain) <= 4) return static_cast<int32_t>(value);
-            else return static_cast<int64_t>(value);
+            if constexpr (sizeof(Plain) <= 4)
+                return static_cast<int32_t>(value);
+            else
+                return static_cast<int64_t>(value);
         } else {
             static_assert(std::is_integral_v<Plain>, "no printf directive prints this type");
-            if constexpr (sizeof(Plain) <= 4) return static_cast<uint32_t>(value);
-            else return static_cast<uint64_t>(value);
+            if constexpr (sizeof(Plain) <= 4)
+                return static_cast<uint32_t>(value);
+            else
+                return static_cast<uint64_t>(value);
         }
     }
 

@@ -26,8 +26,7 @@ std::string shortenText(std::string_view text, size_t width) {
     if (text.size() <= width) return std::string(text);
     if (width <= kWidestHeadOnly) return std::string(text.substr(0, width));
     const size_t part = (width - kEllipsisWidth) / 2;
-    return std::string(text.substr(0, part)) + "..." +
-           std::string(text.substr(text.size() - part));
+    return std::string(text.substr(0, part)) + "..." + std::string(text.substr(text.size() - part));
 }
 
 std::string formatFixed(double value, int decimals) {

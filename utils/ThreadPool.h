@@ -89,8 +89,8 @@ class ThreadPool : public NonCopyable {
 
     // Belongs to the thread of a one-thread pool: what it took out of m_queue under one lock.
     Ring<InlineTask> m_batch;
-    // Atomics: read outside the lock, so that a hand-off costs one lock and not three. A task in the
-    // batch counts against the limit until it starts.
+    // Atomics: read outside the lock, so that a hand-off costs one lock and not three. A task in
+    // the batch counts against the limit until it starts.
     std::atomic<uint64_t> m_batchSize{0};
     std::atomic<uint64_t> m_urgentSize{0};
     std::atomic<uint64_t> m_queueSize{0};

@@ -61,9 +61,11 @@ void ThreadUtils::saveThreadInfo(const std::string& name) {
     kelm::MutexLock lock(mutex);
     // A planted link in a shared current directory must not make the service write elsewhere.
     const int mode = counter == 0 ? O_TRUNC : O_APPEND;
-    kelm::UniqueFd file(::open("thread.info", O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | mode, 0644));
-    const std::string line = "[" + std::to_string(counter) + "] threadId=" +
-                             std::to_string(getThreadId()) + " threadName=" + name + "\n";
+    kelm::UniqueFd file(
+        ::open("thread.info", O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | mode, 0644));
+    const std::string line = "[" + std::to_string(counter) +
+                             "] threadId=" + std::to_string(getThreadId()) + " threadName=" + name +
+                             "\n";
     ++counter;
     if (file && ::write(file.get(), line.data(), line.size()) < 0) return;
 }

@@ -18,7 +18,8 @@ std::string formatWithFraction(std::chrono::system_clock::time_point point, long
     const auto micros =
         std::chrono::duration_cast<microseconds>(point.time_since_epoch()).count() % 1000000;
     std::array<char, 16> fraction{};
-    std::snprintf(fraction.data(), fraction.size(), ".%0*ld", digits, static_cast<long>(micros) / unit);
+    std::snprintf(fraction.data(), fraction.size(), ".%0*ld", digits,
+                  static_cast<long>(micros) / unit);
     return putTime(point, "%T") + fraction.data();
 }
 

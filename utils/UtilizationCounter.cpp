@@ -35,11 +35,11 @@ void UtilizationCounter::openRecordUnsafe(Clock::time_point now) {
     if (m_records.size() >= kFineRecords) {
         Record& last = m_records.back();
         if (millis(now - last.startTime) < kSharedRecordMs) {
-            last = {kOpen, now, last.before + last.duration};
+            last = {kOpen, last.startTime, now, last.duration};
             return;
         }
     }
-    m_records.pushBack({kOpen, now, 0.0f});
+    m_records.pushBack({kOpen, now, now, 0.0f});
 }
 
 void UtilizationCounter::start() {
@@ -49,7 +49,7 @@ void UtilizationCounter::start() {
     if (m_records.empty() || !isOpen(m_records.back())) {
         openRecordUnsafe(now);
     } else {
-        m_records.back().startTime = now;
+        m_records.back().startTime = m_records.back().openedAt = now;
         std::cout << "invoked start() successively";
     }
 }
@@ -62,7 +62,7 @@ void UtilizationCounter::stop() {
         return;
     }
     Record& last = m_records.back();
-    last.duration = last.before + millis(now - last.startTime);
+    last.duration = last.before + millis(now - last.openedAt);
     last.before = 0.0f;
 }
 
@@ -71,6 +71,8 @@ void UtilizationCounter::clipUnsafe(Clock::time_point windowStart) {
         Record& first = m_records.front();
         if (isOpen(first)) {
             first.startTime = windowStart;
+            first.openedAt = std::max(first.openedAt, windowStart);
+            first.before = 0.0f;
             return;
         }
         first.duration -= millis(windowStart - first.startTime);
@@ -88,7 +90,7 @@ float UtilizationCounter::getUtilization() {
     float sum = 0.0f;
     for (size_t i = 0; i < m_records.size(); ++i) {
         const Record& record = m_records.at(i);
-        sum += isOpen(record) ? record.before + millis(now - record.startTime) : record.duration;
+        sum += isOpen(record) ? record.before + millis(now - record.openedAt) : record.duration;
     }
     const float result = sum / static_cast<float>(m_bufferTimeMs);
     if (m_verbose) {

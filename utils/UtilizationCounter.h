@@ -31,7 +31,8 @@ class UtilizationCounter {
     struct Record {
         float duration = kOpen;  // milliseconds; kOpen while the busy period lasts
         Clock::time_point startTime;
-        float before = 0.0f;     // milliseconds of closed periods that share this record
+        Clock::time_point openedAt;  // start of the period that lasts
+        float before = 0.0f;         // milliseconds of the periods that share this record with it
     };
     static constexpr float kOpen = -1.0f;
 

@@ -9,7 +9,8 @@ struct ErrorRow {
     const char* name;
 };
 
-#define ERROR_ROW(name) {name, #name}
+#define ERROR_ROW(name) \
+    { name, #name }
 constexpr ErrorRow kErrorRows[] = {
     ERROR_ROW(KELM_OK),
     ERROR_ROW(KELM_ERROR_INVALID_DEVICE),

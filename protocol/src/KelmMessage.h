@@ -58,7 +58,7 @@ struct KelmMsgBase {
     uint32_t padding;
     uint64_t size;  // of the whole record
     uint32_t fdNum;
-    int32_t fd[kMaxMessageFds];  // on reception the receiver's own numbers, -1 for none
+    int32_t fd[kMaxMessageFds];       // on reception the receiver's own numbers, -1 for none
     uint32_t fdType[kMaxMessageFds];  // KelmFdRole
     uint32_t dataNum;
     uint64_t data[kMaxMessageBlocks];  // addresses; on reception in the receiver
@@ -81,14 +81,14 @@ enum KelmBufferType : uint32_t { KELM_BUFFER_ION = 1, KELM_BUFFER_SHARE_MEMORY =
 
 // One shared tensor buffer: a descriptor, or a named shared memory object.
 struct KelmBuffer {
-    uint32_t type;  // KelmBufferType
+    uint32_t type;      // KelmBufferType
     uint32_t auxFlags;  // auxiliary buffer: blocks wanted; 1 time taken, 2 thermal, 4 debug info
     char name[64];
     uint64_t shareMemory;  // the receiver's mapping object
     int32_t fd;
     uint32_t padding;
     uint64_t buffer;  // the receiver's mapping
-    uint64_t size;  // bytes
+    uint64_t size;    // bytes
     int32_t ionHandle;
     uint32_t padding2;
     uint8_t reserved[8];

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs what the build needs from Debian, as root or through sudo. Sourced or run; does nothing
+# when all of it is there.
+set -euo pipefail
+
+kelm_packages=(
+    g++ cmake ninja-build ccache
+    libboost-dev libboost-program-options-dev libboost-filesystem-dev libboost-system-dev
+    libboost-thread-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+    nlohmann-json3-dev "$@")
+
+kelm_missing=()
+for package in "${kelm_packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" ||
+        kelm_missing+=("$package")
+done
+if [ ${#kelm_missing[@]} -gt 0 ]; then
+    as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y \
+        --no-install-recommends "${kelm_missing[@]}"
+fi

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Installs the packages, builds and runs all tests: release, AddressSanitizer with UBSan,
+# ThreadSanitizer, the clang analysis build and the format check. Ends with one summary line.
+#
+#   scripts/test.sh              everything
+#   scripts/test.sh --only STEP  one of: release asan tsan clang format
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+steps=(format release asan tsan clang)
+if [ "${1:-}" = "--only" ]; then
+    [ $# -eq 2 ] || { echo "usage: scripts/test.sh [--only STEP]" >&2; exit 2; }
+    steps=("$2")
+fi
+
+./scripts/packages.sh clang clang-format clang-tidy || exit 1
+jobs=$(nproc)
+# Every finding of a sanitizer is a failure.
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+build() { # preset
+    cmake --preset "$1" >"build-$1.log" 2>&1 && cmake --build --preset "$1" >>"build-$1.log" 2>&1 ||
+        { tail -n 60 "build-$1.log"; return 1; }
+    rm -f "build-$1.log"
+}
+
+run_tests() { # preset
+    build "$1" && ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$jobs"
+}
+
+run_step() { # step
+    case "$1" in
+        release | asan | tsan) run_tests "$1" ;;
+        clang) build clang ;;
+        format) git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror ;;
+        *) echo "no step '$1'" >&2; return 2 ;;
+    esac
+}
+
+summary=""
+status=0
+for step in "${steps[@]}"; do
+    echo "== $step"
+    start=$SECONDS
+    if run_step "$step"; then verdict=ok; else verdict=FAILED; status=1; fi
+    summary+=" $step:$verdict($((SECONDS - start))s)"
+done
+echo "summary:$summary"
+exit $status

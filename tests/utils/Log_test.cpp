@@ -1,0 +1,93 @@
+#include "utils/Log.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
+
+namespace kelm {
+namespace {
+
+template <class Action>
+std::string outputOf(Action action) {
+    ::testing::internal::CaptureStdout();
+    action();
+    return ::testing::internal::GetCapturedStdout();
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+    ~LogTest() override { Log::instance().setLogLevel(0xCC); }
+};
+
+TEST_F(LogTest, BothGatesDecideAndClosedOnesEvaluateNothing) {
+    int evaluated = 0;
+    const auto touch = [&] { return ++evaluated; };
+    Log::instance().setLogLevel(0xFF);
+    EXPECT_EQ(outputOf([&] { LOG_PROC(false, "%d", touch()); }), "");
+    Log::instance().setLogLevel(0xFE);
+    EXPECT_EQ(outputOf([&] { LOG_PROC(true, "%d", touch()); }), "");
+    Log::instance().setLogLevel(0);
+    EXPECT_EQ(outputOf([&] { LOG_ERROR("%d", touch()); }), "");
+    EXPECT_EQ(evaluated, 0);
+}
+
+TEST_F(LogTest, LinesHaveTheirParts) {
+    const struct {
+        const char* what;
+        std::function<void()> log;
+        const char* pattern;
+    } rows[] = {
+        {"info", [] { LOG_INFO("n=%d", 3); },
+         R"(\[\d\d:\d\d:\d\d\.\d{4}\]\[\d+\]I\[Log_test\.cpp:\d+\] n=3\n)"},
+        {"error in red, reset before the newline", [] { LOG_ERROR("%s failed", "x"); },
+         "\033\\[1;31;40m\\[.*\\]\\[\\d+\\]ERROR\\[Log_test\\.cpp:\\d+\\] x failed\033\\[0m\n"},
+        {"warning in cyan", [] { LOG_WARN("w"); }, "\033\\[1;36;40m\\[.*\\]W\\[.*\\] w\033\\[0m\n"},
+        {"object", [] { LOG_INFO_OF("dev0", "m"); }, R"(\[.*\]I\[Log_test\.cpp:\d+\]\[dev0\] m\n)"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const std::string text = outputOf(row.log);
+        EXPECT_TRUE(std::regex_match(text, std::regex(row.pattern))) << text;
+    }
+}
+
+TEST_F(LogTest, BadFormatsAreShownAndNeverThrown) {
+    EXPECT_THAT(StringHelper::format("a=%d b=%d", 1),
+                ::testing::StartsWith("a=%d b=%d[BoostError: "));
+    EXPECT_THAT(StringHelper::format("a=%d", 1, 2), ::testing::StartsWith("a=%d[BoostError: "));
+}
+
+TEST(StringHelperTest, ValuesPrintAsTheirDirectivesSay) {
+    enum Colour : int32_t { kRed = -5 };
+    EXPECT_EQ(StringHelper::format("%lu %d %x %.2f %s %c %d", uint64_t{1} << 63, kRed, -1, 2.0f / 3,
+                                   std::string("t"), 'c', uint8_t{65}),
+              "9223372036854775808 -5 ffffffff 0.67 t c 65");
+}
+
+TEST(StringHelperTest, FixedTextsAreReadAndWrittenWithinBounds) {
+    const char unterminated[4] = {'a', 'b', 'c', 'd'};
+    EXPECT_EQ(StringHelper::readBounded(unterminated), "abcd");
+    char small[4];
+    EXPECT_EQ(StringHelper::copyStringSafe(small, "abcdef"), 3u);
+    EXPECT_STREQ(small, "abc");
+}
+
+TEST(TextHelperTest, TextsAreShortenedInTheMiddleAndNeverCutByAlignment) {
+    EXPECT_EQ(shortenText("abcdefghijklmnopqrst", 17), "abcdefg...nopqrst");
+    EXPECT_EQ(shortenText("abcdefgh", 5), "abcde");
+    EXPECT_EQ(shortenText("short", 17), "short");
+    EXPECT_EQ(alignLeft("ab", 4) + "|" + alignRight("ab", 4) + "|" + alignLeft("abcde", 4),
+              "ab  |  ab|abcde");
+}
+
+TEST(TimeHelperTest, FractionsKeepTheirLeadingZeros) {
+    const auto point = std::chrono::system_clock::time_point() + std::chrono::seconds(5) +
+                       std::chrono::microseconds(7100);
+    EXPECT_THAT(formatTimeMilli(point), ::testing::EndsWith(":05.007"));
+}
+
+}  // namespace
+}  // namespace kelm
