@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -20,22 +21,22 @@
 namespace kelm {
 
 class KelmGraph;
-struct GraphBlob;
+class GraphBlob;
 
 // Owns every graph record. Merges identical graphs, so that one blob is loaded once however many
 // clients ask for it, and deletes a record only when its tasks have ended and no device holds it.
 //
 // A graph is loading (in m_graphs and m_responseLists), then loaded (in m_graphs and
-// m_loadedGraphs), then going away (in m_deallocatingGraphs only), then deleted. A failed first load
-// ends it too; its record then stays in m_failedGraphs until no task refers to it.
+// m_loadedGraphs), then going away (in m_deallocatingGraphs only), then deleted. A failed first
+// load ends it too; its record then stays in m_failedGraphs until no task refers to it.
 //
-// Notices name a graph by its pointer, and comparing pointers is safe: the device side's last word on
-// a graph is its failed first load or the answer to our one unload request, the task side's last
+// Notices name a graph by its pointer, and comparing pointers is safe: the device side's last word
+// on a graph is its failed first load or the answer to our one unload request, the task side's last
 // word the answer to our one notice. A record is deleted only when both were handled here, on the
 // pool's one thread in order of arrival, so no notice in the queue can name a deleted graph.
 //
-// A request (`userParam`) is the client's message: it is answered exactly once, or released where no
-// answer is given. Texts and blobs in it live until then.
+// A request (`userParam`) is the client's message: it is answered exactly once, or released where
+// no answer is given. Texts and blobs in it live until then.
 //
 // Threads: handlers run on the pool's one thread; getGraphById() on any, onPrintInfo() on the
 // printer's, removeAllGraphs() on the stopping one.
@@ -106,16 +107,14 @@ class GraphManager : public Singleton<GraphManager>,
     // The answer, or nothing when it comes with the outcome of a load.
     std::optional<CreateAnswer> enterGraphUnsafe(const CreateRequest& request, GraphBlob& blob)
         REQUIRES(m_mutex);
-    std::optional<CreateAnswer> joinTwinUnsafe(const CreateRequest& request, const std::string& hash,
-                                               bool& joined) REQUIRES(m_mutex);
     std::optional<CreateAnswer> loadNewGraphUnsafe(const CreateRequest& request, GraphBlob& blob)
         REQUIRES(m_mutex);
-    bool isTwin(const KelmGraph& graph, const CreateRequest& request, const std::string& hash);
+    bool isTwin(KelmGraph& graph, const CreateRequest& request, const std::string& hash) const;
     KelmGraph* getLoadedGraph(const CreateRequest& request, const std::string& hash)
         REQUIRES(m_mutex);
     KelmGraph* getLoadingGraph(const CreateRequest& request, const std::string& hash)
         REQUIRES(m_mutex);
-    void dumpGraph(KelmGraph* graph);
+    void dumpGraph(KelmGraph& graph);
 
     void notifyLoadGraphDone(KelmGraph* graph, KelmError error) EXCLUDES(m_mutex);
     void failLoadUnsafe(KelmGraph* graph, KelmError error) REQUIRES(m_mutex);
@@ -127,10 +126,13 @@ class GraphManager : public Singleton<GraphManager>,
     // Takes the graph out of all lists but the last and starts both sides of its end. Requests that
     // still waited for its load are released.
     void retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    void releaseWaitingUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
     void notifyDeallocatedGraph(KelmGraph* graph) REQUIRES(m_mutex);
     void notifyUnloadGraphDone(KelmGraph* graph) EXCLUDES(m_mutex);
     void notifyAllTasksDone(KelmGraph* graph) EXCLUDES(m_mutex);
-    void confirmUnsafe(KelmGraph* graph, bool Deallocation::*confirmation) REQUIRES(m_mutex);
+    // The record when this was the last confirmation, else null.
+    std::unique_ptr<KelmGraph> confirmUnsafe(KelmGraph* graph, bool Deallocation::*confirmation)
+        REQUIRES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
     // Waits for what is queued on the pool now.
     void drainPoolUntil(std::chrono::steady_clock::time_point deadline);
@@ -163,7 +165,7 @@ class GraphManager : public Singleton<GraphManager>,
     // One entry per graph whose load is under way: the create requests that wait for its outcome.
     std::map<KelmGraph*, std::vector<Response>> m_responseLists GUARDED_BY(m_mutex);
     std::map<KelmGraph*, Deallocation> m_deallocatingGraphs GUARDED_BY(m_mutex);
-    std::set<KelmGraph*> m_failedGraphs GUARDED_BY(m_mutex);  // not counted in m_graphNum
+    std::set<KelmGraph*> m_failedGraphs GUARDED_BY(m_mutex);      // not counted in m_graphNum
     std::map<uint64_t, KelmGraph*> m_graphs GUARDED_BY(m_mutex);  // what clients can name
     CondVar m_goneCond;  // a graph has been taken out of existence
     // Atomic: set once on the way down, and read wherever an answer would go out.

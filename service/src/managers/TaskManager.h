@@ -29,9 +29,9 @@ class TaskSchedulerBase;
 // and status requests, and destroys tasks. Here the graph manager and the client manager learn that
 // the last task of a departing graph or client has ended.
 //
-// A task is pinned while a call to the scheduler that names it is under way: its records come from a
-// free list, so the answer of the scheduler could otherwise meet another task at the same address.
-// The end of a pinned task waits for the last such answer.
+// A task is pinned while a call to the scheduler that names it is under way: its records come from
+// a free list, so the answer of the scheduler could otherwise meet another task at the same
+// address. The end of a pinned task waits for the last such answer.
 //
 // A request (`userParam`) is the client's message: it is answered exactly once.
 //
@@ -48,8 +48,8 @@ class TaskManager final : public Singleton<TaskManager>,
     ~TaskManager();
 
     // Passes on `taskParam`, which is given back with a refused request.
-    void enqueueCreateTask(uint64_t clientId, uint64_t graphId, KelmTaskParam* taskParam, int socket,
-                           void* userParam);
+    void enqueueCreateTask(uint64_t clientId, uint64_t graphId, KelmTaskParam* taskParam,
+                           int socket, void* userParam);
     // A null `userParam` wants no answer.
     void enqueueCancelTask(uint64_t clientId, uint64_t taskId, int socket, void* userParam);
     void enqueueQueryTaskStatus(uint64_t clientId, uint64_t taskId, int socket, void* userParam);
@@ -99,7 +99,8 @@ class TaskManager final : public Singleton<TaskManager>,
     void createTask(uint64_t clientId, uint64_t graphId, std::unique_ptr<KelmTaskParam> taskParam,
                     const Response& response) EXCLUDES(m_mutex);
     // The two records, or the reason of a refusal.
-    KelmError admitTask(uint64_t clientId, uint64_t graphId, KelmClient*& client, KelmGraph*& graph);
+    KelmError admitTask(uint64_t clientId, uint64_t graphId, KelmClient*& client,
+                        KelmGraph*& graph);
     void enterTask(KelmTask* task, uint64_t clientId, const Response& response) EXCLUDES(m_mutex);
     void scheduleTaskDone(KelmTask* task, bool accepted) EXCLUDES(m_mutex);
     // -1: no such task; -2: its create request is not waiting; 0 with the place of the answer.
@@ -155,7 +156,7 @@ class TaskManager final : public Singleton<TaskManager>,
     // In order of the requests for each task, in which the scheduler answers them too.
     std::multimap<KelmTask*, Response> m_cancelResponses GUARDED_BY(m_mutex);
     std::vector<const DyingTask*> m_dyingTasks GUARDED_BY(m_mutex);  // one per destroying thread
-    std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);  // departing clients
+    std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);      // departing clients
     std::map<KelmGraph*, GraphCount> m_graphTaskCounts GUARDED_BY(m_mutex);  // departing graphs
     // Atomic: set once in the destructor, and read wherever an answer would go out.
     std::atomic<bool> m_stopping{false};

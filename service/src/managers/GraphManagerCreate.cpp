@@ -1,0 +1,223 @@
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include "devices/DeviceManagerCreator.h"
+#include "execution/KelmDeviceBase.h"
+#include "managers/ClientManager.h"
+#include "managers/GraphBlob.h"
+#include "managers/GraphManager.h"
+#include "managers/TaskManager.h"
+#include "records/KelmGraph.h"
+#include "utils/FileHelper.h"
+#include "utils/Log.h"
+#include "utils/StringHelper.h"
+#include "utils/ThreadUtils.h"
+#include "utils/TimeHelper.h"
+
+namespace kelm {
+namespace {
+
+struct InfoRow {
+    KelmGraphInfo what;
+    void (KelmGraph::*store)(uint64_t size);
+};
+
+constexpr InfoRow kInfoRows[] = {
+    {GRAPH_INFO_INPUT, &KelmGraph::setInputBufferSize},
+    {GRAPH_INFO_OUTPUT, &KelmGraph::setOutputBufferSize},
+    {GRAPH_INFO_TIME_TAKEN, &KelmGraph::setTimeTakensSize},
+    {GRAPH_INFO_DEBUG, &KelmGraph::setDebugBufferSize},
+    {GRAPH_INFO_THERMAL, &KelmGraph::setThermalBufferSize},
+};
+
+// Fills the buffer sizes from the blob's header; false if that cannot be read.
+bool getGraphInfo(KelmGraph& graph) {
+    for (const InfoRow& row : kInfoRows) {
+        size_t size = 0;
+        if (KelmDeviceBase::getGraphInfo(graph.getData(), graph.getDataSize(), row.what, size) !=
+            0) {
+            return false;
+        }
+        (graph.*row.store)(size);
+    }
+    return true;
+}
+
+// What of a client's text may be part of a file name: no other directory, no hidden file.
+std::string makeDumpStem(const std::string& graphName) {
+    std::string stem = FileHelper::getFileNameStem(graphName);
+    std::erase(stem, '/');
+    stem.erase(0, stem.find_first_not_of('.'));
+    return stem;
+}
+
+std::string makeDumpFileName(KelmGraph& graph) {
+    static std::atomic<uint64_t> dumpCounter{0};
+    constexpr size_t kHashTail = 6;
+    const std::string& hash = graph.getHash();
+    return makeDumpStem(graph.getName()) + "_" +
+           putTime(std::chrono::system_clock::now(), "%Y%m%d_%H%M%S") + "_" +
+           std::to_string(ThreadUtils::getThreadId()) + "_" +
+           std::to_string(dumpCounter.fetch_add(1)) + "_sha256_" +
+           hash.substr(hash.size() < kHashTail ? 0 : hash.size() - kHashTail) + ".graph";
+}
+
+}  // namespace
+
+void GraphManager::createGraphByPath(const CreateRequest& request, const char* graphPath) {
+    if (!GraphBlob::isGraphFile(graphPath)) {
+        LOG_ERROR("Error: invalid graphPath '%s'", graphPath);
+        sendCreateGraphResponse({nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED}, request.response);
+        return;
+    }
+    createGraph(request, [graphPath] { return GraphBlob::fromFile(graphPath); });
+}
+
+void GraphManager::createGraph(const CreateRequest& request, const BlobLoader& loadBlob) {
+    LOG_PROC(m_debugProcess, "[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p",
+             request.clientId, request.graphName, request.response.socket,
+             request.response.userParam);
+    if (!ClientManager::instance().verifyClient(request.clientId)) {
+        LOG_ERROR("Error: invalid clientId %lu", request.clientId);
+        sendCreateGraphResponse({nullptr, KELM_ERROR_INVALID_CLIENT}, request.response);
+        return;
+    }
+    GraphBlob blob = loadBlob();
+    if (blob.getHash().empty()) {
+        LOG_ERROR("Error: no valid sha256 value");
+        sendCreateGraphResponse({nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED}, request.response);
+        return;
+    }
+    std::optional<CreateAnswer> answer;
+    {
+        MutexLock lock(m_mutex);
+        answer = enterGraphUnsafe(request, blob);
+    }
+    // The graph of the answer lives on without the mutex: only this thread deletes one.
+    if (answer) sendCreateGraphResponse(*answer, request.response);
+}
+
+std::optional<GraphManager::CreateAnswer> GraphManager::enterGraphUnsafe(
+    const CreateRequest& request, GraphBlob& blob) {
+    if (m_stopped.load()) return CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
+    // Deliberate: the limit comes first, so that it refuses a share in a loaded graph too.
+    if (m_graphNum == m_maxGraphNum) {
+        LOG_ERROR("Error: exceed max graph number supported");
+        LOG_PROC(m_debugProcess,
+                 "[CreateGraph#1] exceed max graph number, send response to client(%lu)",
+                 request.clientId);
+        return CreateAnswer{nullptr, KELM_ERROR_TOO_MANY_GRAPH};
+    }
+    if (KelmGraph* loaded = getLoadedGraph(request, blob.getHash())) {
+        LOG_PROC(m_debugProcess,
+                 "[CreateGraph#1] found loaded graph(%lu), send response to client(%lu)",
+                 loaded->getId(), request.clientId);
+        loaded->appendName(request.clientId, request.graphName);
+        return CreateAnswer{loaded, KELM_OK};
+    }
+    if (KelmGraph* loading = getLoadingGraph(request, blob.getHash())) {
+        LOG_PROC(m_debugProcess, "[CreateGraph#1] found loading graph(%lu), add to response list",
+                 loading->getId());
+        loading->appendName(request.clientId, request.graphName);
+        m_responseLists[loading].push_back(request.response);
+        return std::nullopt;
+    }
+    return loadNewGraphUnsafe(request, blob);
+}
+
+std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraphUnsafe(
+    const CreateRequest& request, GraphBlob& blob) {
+    const uint64_t id = m_nextGraphId.fetch_add(1);
+    std::unique_ptr<KelmGraph> record =
+        blob.makeGraph(id, request.clientId, request.graphName, request.expectDevices);
+    if (!record) {
+        // A client chose the size, so this ends the request and not the service.
+        LOG_ERROR("new operation error");
+        return CreateAnswer{nullptr, KELM_ERROR_OUT_OF_MEMORY};
+    }
+    dumpGraph(*record);
+    if (!getGraphInfo(*record)) {
+        LOG_ERROR("Error: invalid format of graph(%lu)", id);
+        return CreateAnswer{nullptr, KELM_ERROR_INVALID_GRAPH_FORMAT};
+    }
+    record->setTag(request.tag);
+    record->setStreamId(request.streamId);
+    record->setInterfaceSubclass(request.subclass);
+
+    KelmGraph* graph = record.release();
+    m_graphs.emplace(id, graph);
+    ++m_graphNum;
+    m_responseLists[graph].push_back(request.response);
+    // Under the mutex, so that no unload request can come before it. It only queues, and without a
+    // device manager for the subclass the failure comes as a notice too.
+    (void)DeviceManagerCreator::instance().enqueueLoadGraph(graph);
+    LOG_PROC(m_debugProcess, "[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p",
+             request.clientId, id, request.graphName, request.response.userParam);
+    return std::nullopt;
+}
+
+bool GraphManager::isTwin(KelmGraph& graph, const CreateRequest& request,
+                          const std::string& hash) const {
+    return graph.getHash() == hash && graph.getTag() == request.tag &&
+           graph.getStreamId() == request.streamId &&
+           graph.getInterfaceSubclass() == request.subclass &&
+           (m_graphIdentity != "name" || graph.getName() == request.graphName);
+}
+
+KelmGraph* GraphManager::getLoadedGraph(const CreateRequest& request, const std::string& hash) {
+    for (KelmGraph* graph : m_loadedGraphs) {
+        if (isTwin(*graph, request, hash)) return graph;
+    }
+    return nullptr;
+}
+
+KelmGraph* GraphManager::getLoadingGraph(const CreateRequest& request, const std::string& hash) {
+    for (const auto& [graph, responses] : m_responseLists) {
+        if (isTwin(*graph, request, hash)) return graph;
+    }
+    return nullptr;
+}
+
+void GraphManager::dumpGraph(KelmGraph& graph) {
+    if (!m_dumpGraph) return;
+    const std::string file = FileHelper::joinPath(m_dumpPath, makeDumpFileName(graph));
+    if (graph.dumpToFile(file)) {
+        LOG_INFO("graph [%s] has been dumped to local file '%s'", graph.getName(), file);
+    } else {
+        LOG_ERROR("Error: dump graph [%s] to local file '%s' failed", graph.getName(), file);
+    }
+}
+
+void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
+    std::vector<Response> waiting;
+    {
+        MutexLock lock(m_mutex);
+        const auto entry = m_responseLists.find(graph);
+        if (entry == m_responseLists.end()) return;  // destroyed while it loaded
+        waiting = std::move(entry->second);
+        m_responseLists.erase(entry);
+        if (error == KELM_OK) {
+            LOG_INFO("Load graph success, graphId=%lu graphName=%s", graph->getId(),
+                     graph->getName());
+            m_loadedGraphs.insert(graph);
+        } else {
+            failLoadUnsafe(graph, error);
+        }
+    }
+    const CreateAnswer answer{error == KELM_OK ? graph : nullptr, error};
+    for (const Response& response : waiting) sendCreateGraphResponse(answer, response);
+}
+
+void GraphManager::failLoadUnsafe(KelmGraph* graph, KelmError error) {
+    LOG_ERROR("Error: load graph failed, graphId=%lu graphName=%s error=%d", graph->getId(),
+              graph->getName(), error);
+    m_graphs.erase(graph->getId());
+    --m_graphNum;
+    // No client has been told the id, but one can guess it: a task may refer to the record.
+    m_failedGraphs.insert(graph);
+    TaskManager::instance().enqueueNotifyGraphInDestroy(graph);
+    m_goneCond.notifyAll();
+}
+
+}  // namespace kelm

@@ -1,0 +1,83 @@
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "managers/GraphManager.h"
+#include "records/KelmGraph.h"
+#include "utils/Log.h"
+#include "utils/StringHelper.h"
+#include "utils/TextHelper.h"
+#include "utils/TextTable.h"
+
+namespace kelm {
+namespace {
+
+constexpr size_t kLabelWidth = 12;
+constexpr size_t kCellWidth = 17;
+
+std::string formatPendingTime(KelmGraph& graph) {
+    KelmGraph::TimePoint start;
+    if (!graph.getStartPendingTime(start)) return "00:00:00";
+    const int64_t seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now() - start)
+            .count();
+    return StringHelper::format("%02ld:%02ld:%02ld", seconds / 3600, seconds / 60 % 60,
+                                seconds % 60);
+}
+
+struct Row {
+    const char* label;
+    std::string (*cell)(KelmGraph& graph);
+};
+
+constexpr Row kRows[] = {
+    {"graphId", [](KelmGraph& graph) { return std::to_string(graph.getId()); }},
+    {"graphName", [](KelmGraph& graph) { return shortenText(graph.getName(), kCellWidth); }},
+    {"fpsIn", [](KelmGraph& graph) { return formatFixed(graph.getFpsIn(), 2); }},
+    {"fpsOut", [](KelmGraph& graph) { return formatFixed(graph.getFpsOut(), 2); }},
+    {"inferTimes", [](KelmGraph& graph) { return std::to_string(graph.getInferenceTimes()); }},
+    {"waitTaskNum", [](KelmGraph& graph) { return std::to_string(graph.getNumWaitTasks()); }},
+    {"isPending",
+     [](KelmGraph& graph) -> std::string { return graph.isPending() ? "True" : "False"; }},
+    {"pendingTime", &formatPendingTime},
+    {"outCycleNum", [](KelmGraph& graph) { return std::to_string(graph.getOutCycleNum()); }},
+    {"avgInferTime", [](KelmGraph& graph) { return formatFixed(graph.getAvgInferTime(), 2); }},
+    {"devReqNum", [](KelmGraph& graph) { return formatFixed(graph.getDevReqNum(), 2); }},
+    {"deviceNum",
+     [](KelmGraph& graph) {
+         return std::to_string(graph.getCachedDeviceNum()) + " / " +
+                std::to_string(graph.getRunningDeviceNum());
+     }},
+    {"graphTag", [](KelmGraph& graph) { return shortenText(graph.getTag(), kCellWidth); }},
+    {"streamId", [](KelmGraph& graph) { return shortenText(graph.getStreamId(), kCellWidth); }},
+};
+
+}  // namespace
+
+void GraphManager::onPrintInfo() {
+    MutexLock lock(m_mutex);
+    if (m_printFps) printGraphFps();
+    if (m_snapshotBase) snapshot("RegularPrint");
+}
+
+void GraphManager::printGraphFps() {
+    std::string text = StringHelper::format("GraphFps(count=%lu):\n", m_loadedGraphs.size());
+    for (KelmGraph* graph : m_loadedGraphs) {
+        text += " [" + graph->getName() + "] = (in) " + formatFixed(graph->getFpsIn(), 2) +
+                " (out) " + formatFixed(graph->getFpsOut(), 2) + "\n";
+    }
+    LOG_INFO("%s", text);
+}
+
+void GraphManager::snapshot(const char* label) {
+    TextTable table(kLabelWidth, kCellWidth);
+    for (const Row& row : kRows) {
+        std::vector<std::string> cells;
+        for (KelmGraph* graph : m_loadedGraphs) cells.push_back(row.cell(*graph));
+        table.row(row.label, cells);
+    }
+    table.rule(m_loadedGraphs.size());
+    LOG_INFO("%s", StringHelper::format("GraphSnapshot(%s):\n", label) + table.text());
+}
+
+}  // namespace kelm
