@@ -1,0 +1,36 @@
+#pragma once
+
+#include "utils/GlobalMutex.h"
+#include "utils/Singleton.h"
+
+namespace kelm {
+
+// The three lock files by which client libraries and tools tell the service's phase: alive from
+// before anything else is started, ready once clients are served, start-exit once the service is
+// about to leave.
+//
+// Threads: the main thread only.
+// Locks: alive and ready are never given back; the kernel drops them when the process ends.
+class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
+ public:
+    // Tries the alive lock, and gives the files their group and mode.
+    ServiceDaemonHelper();
+
+    // False if another service holds the alive lock.
+    bool isLocked() const { return m_isLocked; }
+    void daemonReadyToServe();
+    // From here a client that wants the service waits until this process has gone.
+    void daemonReadyToStop();
+    void daemonCancelStop();
+    void daemonStop();
+
+ private:
+    void updateMutexFileAtrribute();
+
+    bool m_isLocked = false;
+    GlobalMutex m_aliveMutex;
+    GlobalMutex m_readyMutex;
+    GlobalMutex m_startExitMutex;
+};
+
+}  // namespace kelm

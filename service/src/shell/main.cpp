@@ -1,0 +1,168 @@
+#include <malloc.h>
+
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <list>
+#include <string>
+
+#include "config/ServiceConfigParser.h"
+#include "managers/MessageDispatcher.h"
+#include "managers/wiring.h"
+#include "shell/CommandLineParser.h"
+#include "shell/ExitLimit.h"
+#include "shell/ExitSignal.h"
+#include "shell/ServiceDaemonHelper.h"
+#include "utils/CommonHelper.h"
+#include "utils/DaemonHelper.h"
+#include "utils/FileHelper.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr int kFailure = -1;
+constexpr int kFailureStatus = 255;  // what the shell sees of it
+// From the wish to end to the end: clients, graphs and workers have shorter limits of their own.
+constexpr std::chrono::milliseconds kTimeToEnd{8000};
+
+CommandLineParser cmdlineParser;
+
+void startDaemon(int argc, char** argv) {
+    std::list<std::string> args(argv, argv + argc);
+    args.remove("-d");
+    args.remove("--daemon");
+    DaemonHelper::createDaemon(args);
+}
+
+void setupEnvironment() {
+    // Threads share two heaps: one for each would keep the service's memory several times over.
+    ::mallopt(M_ARENA_MAX, 2);
+    if (!CommonHelper::liftMaxOpenFileLimit()) {
+        std::cerr
+            << "## Warning: failed to lift max fd open count limitation for kelmdaemon.\n"
+               "##          This might lead to error (TOO MANY OPEN FILES) when there are too "
+               "many\n"
+               "##          kelm async clients sending task in a very fast speed.\n";
+    }
+}
+
+std::string getKelmInstallDir() {
+    std::string directory = CommonHelper::getKelmInstallDir();
+    if (directory.empty()) {
+        std::cerr << "## Error: Please specify KELM_INSTALL_DIR to KELM install path.\n"
+                     "   example:\n"
+                     "       $ export KELM_INSTALL_DIR=/path/to/kelm/install/dir\n\n";
+    }
+    return directory;
+}
+
+// Later files override earlier ones. A file that cannot be loaded stops nothing.
+void loadServiceConfigFiles(const std::string& kelmInstallDir) {
+    ServiceConfigParser& parser = ServiceConfigParser::instance();
+    parser.appendConfigFile(kelmInstallDir + "/config/kelm_service.config", true);
+    if (const char* home = FileHelper::getHome()) {
+        parser.appendConfigFile(std::string(home) + "/.kelm_service.config", false);
+    }
+    for (const std::string& file : cmdlineParser.getServiceConfigFiles()) {
+        parser.appendConfigFile(file, false);
+    }
+}
+
+bool takeAliveLock() {
+    if (ServiceDaemonHelper::instance().isLocked()) return true;
+    std::cout << "## Kelm service is already running.\n";
+    return false;
+}
+
+std::string getLog4cppInitFile(const std::string& kelmInstallDir) {
+    const char* home = FileHelper::getHome();
+    const std::string own =
+        std::string(home != nullptr ? home : "") + "/.kelmservicelog4cpp.config";
+    if (home != nullptr && FileHelper::exist(own)) return own;
+    const std::string common = kelmInstallDir + "/config/kelmservicelog4cpp.config";
+    return FileHelper::exist(common) ? common : "";
+}
+
+void setupLog(const std::string& kelmInstallDir) {
+    const ServiceConfigParser& parser = ServiceConfigParser::instance();
+    Log::instance().setLogLevel(parser.isDebugServiceEnabled() ? getLogLevel(&parser) : 0);
+    Log::instance().setLog4cppInitFile(getLog4cppInitFile(kelmInstallDir));
+}
+
+void sayGoodbye() {
+    LOG_INFO("SERVICE EXITS QUIETLY, GOODBYE!");
+    std::cout.flush();
+}
+
+int giveUp() {
+    ExitLimit::start(kTimeToEnd, kFailureStatus);
+    ServiceDaemonHelper::instance().daemonStop();
+    sayGoodbye();
+    return kFailure;
+}
+
+// Returns when the signal has come, or when the configured time has passed without a client.
+void waitUntilUnused(ExitSignal& signal) {
+    MessageDispatcher& dispatcher = MessageDispatcher::instance();
+    ServiceDaemonHelper& helper = ServiceDaemonHelper::instance();
+    const int waitSeconds = ServiceConfigParser::instance().getWaitSecondsBeforeExit();
+    while (!signal.isSet()) {
+        dispatcher.waitForIdleState();
+        if (waitSeconds < 0 || signal.isSet()) continue;
+        LOG_INFO("Wait %d seconds before main program exits", waitSeconds);
+        if (waitSeconds != 0) signal.sleepFor(std::chrono::seconds(waitSeconds));
+        // From here a client that finds the lock held waits for this process to go, so a client
+        // that is not seen now does not come any more.
+        helper.daemonReadyToStop();
+        if (!dispatcher.isWorking()) break;
+        helper.daemonCancelStop();
+    }
+    if (signal.isSet()) LOG_INFO("RECEIVE USER1 SIGNAL, EXIT SERVICE");
+}
+
+void stopService() {
+    ExitLimit::start(kTimeToEnd, 0);
+    ServiceDaemonHelper::instance().daemonStop();
+    MessageDispatcher::instance().stopService();
+    sayGoodbye();
+}
+
+int runService() {
+    std::signal(SIGPIPE, SIG_IGN);  // before the first socket: a dead client is an error code
+    connectPorts();
+    if (!MessageDispatcher::instance().isReady()) return giveUp();
+    ExitSignal signal([] {
+        ExitLimit::start(kTimeToEnd, 0);
+        MessageDispatcher::instance().getNotifiedOfZeroClient();
+    });
+    LOG_INFO("SERVICE IS READY ...");
+    std::cout.flush();
+    ServiceDaemonHelper::instance().daemonReadyToServe();
+    waitUntilUnused(signal);
+    stopService();
+    return 0;
+}
+
+}  // namespace
+
+}  // namespace kelm
+
+int main(int argc, char** argv) {
+    using namespace kelm;
+    Log::instance();  // built first, so that it is destroyed last
+    if (!cmdlineParser.parse(argc, argv)) return 0;
+    if (cmdlineParser.isRunAsDaemon()) {
+        startDaemon(argc, argv);
+        return 0;
+    }
+    setupEnvironment();
+    const std::string kelmInstallDir = getKelmInstallDir();
+    if (kelmInstallDir.empty()) return kFailure;
+    std::cout << "## KELM_INSTALL_DIR: " << kelmInstallDir << "\n";
+    loadServiceConfigFiles(kelmInstallDir);
+    if (!takeAliveLock()) return kFailure;
+    setupLog(kelmInstallDir);
+    return runService();
+}

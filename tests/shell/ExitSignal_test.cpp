@@ -1,0 +1,47 @@
+#include "shell/ExitSignal.h"
+
+#include <signal.h>
+
+#include "shell/ExitLimit.h"
+#include "utils/Semaphore.h"
+
+namespace kelm {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(ExitSignalTest, SignalDoesNotEndTheSleepOrTheWait) {
+    Semaphore idle(0, 0);
+    ExitSignal signal([&idle] { idle.post(); });
+    EXPECT_FALSE(signal.isSet());
+    const auto start = std::chrono::steady_clock::now();
+    std::thread sleeper([&signal] { signal.sleepFor(60s); });
+    ::raise(SIGUSR1);
+    EXPECT_TRUE(signal.isSet());
+    EXPECT_TRUE(idle.waitFor(10000));
+    sleeper.join();
+    signal.sleepFor(60s);  // the signal has come already
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+}
+
+TEST(ExitSignalTest, SignalAfterTheEndReachesADeadObject) {
+    int notices = 0;
+    {
+        const ExitSignal signal([&notices] { ++notices; });
+    }
+    ::raise(SIGUSR1);
+    EXPECT_EQ(notices, 0);
+}
+
+TEST(ExitLimitDeathTest, ThreadThatNeverEndsKeepsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto hang = [] {
+        ExitLimit::start(50ms, 3);
+        ExitLimit::start(1ms, 4);  // the first call counts
+        Semaphore(0, 0).wait();
+    };
+    EXPECT_EXIT(hang(), ::testing::ExitedWithCode(3), "");
+}
+
+}  // namespace
+}  // namespace kelm
