@@ -61,7 +61,6 @@ class ConnectionUDS : public ConnectionBase {
     void requireEmpty(const char* text) EXCLUDES(m_mutex);
     void openSocket() EXCLUDES(m_mutex);
     void enterState(State state) EXCLUDES(m_mutex);
-    void addToPoller();
     void requireOpenedOnce() EXCLUDES(m_mutex);
     void setConnectionAccessAttribute(const std::string& path, const AccessAttribute& attribute);
 

@@ -51,7 +51,7 @@ class Poller : public kelm::NonCopyable, public std::enable_shared_from_this<Pol
  private:
     static constexpr int kFastDescriptors = 1024;
     // After so many events out of buffers the kernel is looked at, so that no connection starves.
-    static constexpr int kBufferedInARow = 8;
+    static constexpr int kBufferedInARow = 4;
 
     void deleteClosed() EXCLUDES(m_deletionMutex);
     void runPosted() EXCLUDES(m_queueMutex);

@@ -32,6 +32,10 @@ class MessageWriter : public NonCopyable {
     bool empty() const { return m_used == 0; }
 
  private:
+    // Runs the writing; -1 for a connection that is not there and for what it raises, logged.
+    template <class Write>
+    int send(Write write);
+
     const int m_connectionId;
     const std::shared_ptr<IPC::ConnectionBase> m_connection;  // null: the number had none
     std::unique_ptr<std::byte[]> m_bytes;

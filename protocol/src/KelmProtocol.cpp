@@ -1,0 +1,99 @@
+#include "protocol/src/KelmProtocol.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "protocol/src/MessagePool.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+KelmMsgBase* kelmAllocMessage(KelmMsgType type) {
+    if (type >= kMessageTypes || KelmMessageSize[type] == 0) return nullptr;
+    const uint64_t size = KelmMessageSize[type];
+    KelmMsgBase* const message = messagePool::allocate(size);
+    if (message == nullptr) return nullptr;
+    std::memset(static_cast<void*>(message), 0, size);
+    message->type = type;
+    message->size = size;
+    return message;
+}
+
+namespace {
+
+void freeInnerBuffers(KelmMsgBase* message) {
+    const uint32_t count = std::min(message->innerBufferNum, kMaxMessageBlocks);
+    for (uint32_t i = 0; i < count; ++i)
+        std::free(reinterpret_cast<void*>(message->innerBuffer[i]));
+    message->innerBufferNum = 0;
+}
+
+void closeDescriptors(KelmMsgBase* message) {
+    const uint32_t count = std::min(message->fdNum, kMaxMessageFds);
+    for (uint32_t i = 0; i < count; ++i) {
+        if (message->fd[i] >= 0) (void)::close(message->fd[i]);
+        message->fd[i] = -1;
+    }
+}
+
+}  // namespace
+
+void kelmReleaseContents(KelmMsgBase* message) {
+    freeInnerBuffers(message);
+    closeDescriptors(message);
+}
+
+void kelmReleaseMessage(KelmMsgBase* message) {
+    if (message == nullptr) return;
+    freeInnerBuffers(message);
+    if (messagePool::ownsDescriptors(message)) closeDescriptors(message);
+    messagePool::release(message);
+}
+
+void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
+    if (message == nullptr || size == 0) return nullptr;
+    if (message->innerBufferNum >= kMaxMessageBlocks) return nullptr;
+    // Not touched before the bytes arrive: a peer's word alone costs address space, not memory.
+    void* const block = std::malloc(size);
+    if (block == nullptr) {
+        LOG_ERROR("Error: malloc %d bytes buffer failed.", size);
+        return nullptr;
+    }
+    message->innerBuffer[message->innerBufferNum++] = reinterpret_cast<uint64_t>(block);
+    return block;
+}
+
+namespace {
+
+bool isPrepared(PreparedBuffers prepared, uint64_t address, uint64_t size) {
+    return std::any_of(prepared.begin(), prepared.end(), [&](const PreparedBuffer& buffer) {
+        return reinterpret_cast<uint64_t>(buffer.address) == address && buffer.size >= size;
+    });
+}
+
+}  // namespace
+
+void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared) {
+    if (index >= message->dataNum || index >= kMaxMessageBlocks) return nullptr;
+    const auto size = static_cast<uint32_t>(message->dataSize[index]);
+    const uint32_t dataType = message->dataType[index];
+    const uint32_t recvNum = std::min(message->recvNum, kMaxMessageBlocks);
+    const uint32_t* const match =
+        std::find(message->recvType, message->recvType + recvNum, dataType);
+    const auto j = static_cast<uint32_t>(match - message->recvType);
+    if (j == recvNum) return allocInnerBuffer(message, size);
+    if (size > message->recvSize[j]) {
+        LOG_ERROR(
+            "Error: Prepared Buffer (size=%ld Byte) to                     recevie data "
+            "(dataType=%d) is not large enough. (Required %ld Bytes).",
+            message->recvSize[j], dataType, size);
+        return nullptr;
+    }
+    if (!isPrepared(prepared, message->recvData[j], size)) return allocInnerBuffer(message, size);
+    return reinterpret_cast<void*>(message->recvData[j]);
+}
+
+}  // namespace kelm

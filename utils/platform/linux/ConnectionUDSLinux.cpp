@@ -1,0 +1,231 @@
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#include "utils/ConnectionUDS.h"
+#include "utils/ErrorHelper.h"
+#include "utils/FileHelper.h"
+#include "utils/PollEvent.h"
+#include "utils/Poller.h"
+#include "utils/StringHelper.h"
+
+namespace IPC {
+
+namespace {
+
+constexpr int kBacklog = 5;
+constexpr size_t kMaxPathLength = sizeof(sockaddr_un::sun_path) - 1;
+
+struct Address {
+    sockaddr_un name = {};
+    socklen_t length = 0;
+};
+
+std::string cutPath(const std::string& path) { return path.substr(0, kMaxPathLength); }
+
+Address makeAddress(const std::string& path) {
+    Address address;
+    address.name.sun_family = AF_UNIX;
+    const size_t count = StringHelper::copyStringSafe(address.name.sun_path, path);
+    // The family, the name and its closing zero.
+    address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + count + 1);
+    return address;
+}
+
+int acceptOn(int listener) {
+    for (;;) {
+        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0 || errno != EINTR) return fd;
+    }
+}
+
+}  // namespace
+
+ConnectionUDS::ConnectionUDS(Poller* poller) : ConnectionBase(poller) {}
+
+ConnectionUDS::ConnectionUDS(Poller* poller, int number) : ConnectionBase(poller, number) {}
+
+ConnectionUDS::~ConnectionUDS() { ConnectionUDS::close(); }
+
+std::shared_ptr<ConnectionUDS> ConnectionUDS::tryMake(Poller* poller) {
+    const int number = reserveNumber();
+    if (number < 0) return nullptr;
+    return std::shared_ptr<ConnectionUDS>(new ConnectionUDS(poller, number));
+}
+
+int ConnectionUDS::nativeHandle() {
+    kelm::MutexLock lock(m_mutex);
+    return m_fd;
+}
+
+bool ConnectionUDS::connected() {
+    kelm::MutexLock lock(m_mutex);
+    return m_state == CONNECTED && !m_shutDown;
+}
+
+void ConnectionUDS::requireEmpty(const char* text) {
+    kelm::MutexLock lock(m_mutex);
+    if (m_state == EMPTY && m_fd < 0 && m_retiredFd < 0) return;
+    errno = 0;
+    KELM_THROW(text);
+}
+
+void ConnectionUDS::openSocket() {
+    kelm::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) KELM_THROW("ipc_connection_linux_UDS : socket() failed.");
+    kelm::MutexLock lock(m_mutex);
+    m_fd = fd.release();
+    m_openedOnce = true;
+}
+
+void ConnectionUDS::enterState(State state) {
+    {
+        kelm::MutexLock lock(m_mutex);
+        m_state = state;
+    }
+    publish();
+    if (const std::shared_ptr<Poller> poller = getPoller()) poller->add(this);
+}
+
+void ConnectionUDS::create(const std::string& path, AccessAttribute attribute) {
+    requireEmpty("state is not EMPTY when create()");
+    openSocket();
+    const std::string name =
+        cutPath(path.empty() ? StringHelper::format("/var/tmp/%05d", ::getpid()) : path);
+    (void)::unlink(name.c_str());
+    const Address address = makeAddress(name);
+    if (::bind(nativeHandle(), reinterpret_cast<const sockaddr*>(&address.name), address.length) !=
+        0) {
+        KELM_THROW("ipc_connection_linux_UDS : bind() failed.");
+    }
+    {
+        kelm::MutexLock lock(m_mutex);
+        m_path = name;
+    }
+    setConnectionAccessAttribute(name, attribute);
+}
+
+void ConnectionUDS::setConnectionAccessAttribute(const std::string& path,
+                                                 const AccessAttribute& attribute) {
+    const auto& [mode, user, group] = attribute;
+    if (FileHelper::updateAccessAttribute(path, group, user, mode)) return;
+    const int error = errno;
+    KELM_THROW(
+        StringHelper::format("failed to change attribute to file descriptor '%d', errno=%d (%s)",
+                             nativeHandle(), error, std::strerror(error)));
+}
+
+void ConnectionUDS::listen() {
+    if (::listen(nativeHandle(), kBacklog) != 0) KELM_THROW("listen failed");
+    enterState(LISTENING);
+}
+
+void ConnectionUDS::accept(ConnectionBase* listener) {
+    requireEmpty("state is not EMPTY when connect()");
+    errno = 0;
+    if (listener == nullptr) KELM_THROW("listener is null");
+    auto* const socket = dynamic_cast<ConnectionUDS*>(listener);
+    if (socket == nullptr) KELM_THROW("listener is not ipc_connection_linux_UDS");
+    const int fd = acceptOn(socket->nativeHandle());
+    if (fd < 0) KELM_THROW("accept failed");
+    {
+        kelm::MutexLock lock(m_mutex);
+        m_fd = fd;
+        m_openedOnce = true;
+    }
+    enterState(CONNECTED);
+}
+
+void ConnectionUDS::refuse() {
+    const kelm::UniqueFd unwanted(acceptOn(nativeHandle()));
+    if (!unwanted) KELM_THROW("accept failed");
+}
+
+bool ConnectionUDS::connect(const std::string& path) {
+    requireEmpty("state is not EMPTY when connect()");
+    openSocket();
+    const Address address = makeAddress(cutPath(path));
+    if (::connect(nativeHandle(), reinterpret_cast<const sockaddr*>(&address.name),
+                  address.length) != 0) {
+        close();
+        return false;
+    }
+    enterState(CONNECTED);
+    return true;
+}
+
+void ConnectionUDS::close() {
+    const std::shared_ptr<Poller> poller = getPoller();
+    kelm::MutexLock lock(m_mutex);
+    m_state = EMPTY;
+    if (m_fd < 0) return;
+    if (poller) poller->forget(m_fd);
+    if (m_users == 0) {
+        (void)::close(m_fd);
+    } else {
+        // Whoever is inside is thrown out, and the last one closes: the kernel must not give the
+        // number to another socket while a read or write still holds it.
+        (void)::shutdown(m_fd, SHUT_RDWR);
+        m_retiredFd = m_fd;
+    }
+    if (!m_path.empty()) (void)::unlink(m_path.c_str());
+    m_fd = -1;
+    m_path.clear();
+}
+
+int ConnectionUDS::beginUse() {
+    kelm::MutexLock lock(m_mutex);
+    if (m_fd >= 0) ++m_users;
+    return m_fd;
+}
+
+void ConnectionUDS::endUse() {
+    kelm::MutexLock lock(m_mutex);
+    --m_users;
+    if (m_users == 0 && m_retiredFd >= 0) (void)::close(std::exchange(m_retiredFd, -1));
+}
+
+void ConnectionUDS::shutdown(int how) {
+    kelm::MutexLock lock(m_mutex);
+    if (how == SHUT_RDWR) m_shutDown = true;
+    if (m_fd >= 0) (void)::shutdown(m_fd, how);
+}
+
+void ConnectionUDS::blockPoller() {
+    m_pollBlocked = true;
+    const std::shared_ptr<Poller> poller = getPoller();
+    kelm::MutexLock lock(m_mutex);
+    if (poller && m_fd >= 0) poller->suspend(m_fd);
+}
+
+void ConnectionUDS::unblockPoller() {
+    if (!m_pollBlocked.exchange(false)) return;
+    const std::shared_ptr<Poller> poller = getPoller();
+    if (!poller) return;
+    {
+        kelm::MutexLock lock(m_mutex);
+        if (m_fd >= 0) poller->resume(m_fd);
+    }
+    if (hasBufferedData()) poller->noteBuffered(*this);
+}
+
+void ConnectionUDS::notify(int, int, unsigned long events, PollEvent* event) {
+    constexpr unsigned long kHungUpEvents = EPOLLHUP | EPOLLRDHUP;
+    {
+        kelm::MutexLock lock(m_mutex);
+        if (m_state == EMPTY) return;
+    }
+    if (m_pollBlocked) return;
+    if ((events & EPOLLIN) != 0) event->flags |= kPollReadable;
+    if ((events & kHungUpEvents) != 0) event->flags |= kPollHungUp;
+    if (event->flags != 0) event->connection = shared_from_this();
+}
+
+}  // namespace IPC

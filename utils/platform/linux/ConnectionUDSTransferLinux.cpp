@@ -1,0 +1,235 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <sstream>
+#include <utility>
+
+#include "utils/ConnectionUDS.h"
+#include "utils/ErrorHelper.h"
+#include "utils/Poller.h"
+
+namespace IPC {
+
+namespace {
+
+constexpr size_t kDescriptorBytes = sizeof(int);  // the data that accompanies a descriptor
+
+bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+
+// Until the socket is ready again, or shut down; then the caller repeats its call.
+void waitFor(int fd, short events) {
+    pollfd entry = {fd, events, 0};
+    (void)::poll(&entry, 1, -1);
+}
+
+[[noreturn]] void raiseInvalidArgument(const char* text, int fd, const void* buffer, int size) {
+    std::ostringstream words;
+    words << text << fd << " buffer=" << buffer << " bufferSize=" << size;
+    errno = 0;
+    KELM_THROW(words.str());
+}
+
+int64_t elapsedMillisec(std::chrono::steady_clock::time_point since) {
+    const auto spent = std::chrono::steady_clock::now() - since;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(spent).count();
+}
+
+[[noreturn]] void raiseNoDescriptor(const ControlReport& report) {
+    std::ostringstream words;
+    words << "Error: could not get recv_fd from socket"
+          << " cmsg_len = " << report.cmsgLen << " cmsg_level = " << report.cmsgLevel
+          << " cmsg_type = " << report.cmsgType << " msg.msg_controllen = " << report.controlLen
+          << " num_fd = " << report.numFd << " CMSG_LEN(sizeof(int)) = " << CMSG_LEN(sizeof(int));
+    errno = 0;
+    KELM_THROW(words.str());
+}
+
+}  // namespace
+
+// Keeps the descriptor open, though perhaps shut down, while an operation is inside.
+class ConnectionUDS::Use {
+ public:
+    explicit Use(ConnectionUDS& connection)
+        : m_connection(connection), m_fd(connection.beginUse()) {}
+    ~Use() {
+        if (m_fd >= 0) m_connection.endUse();
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    int fd() const { return m_fd; }
+
+ private:
+    ConnectionUDS& m_connection;
+    const int m_fd;
+};
+
+void ConnectionUDS::write(const void* buffer, int size) {
+    const Use use(*this);
+    if (use.fd() <= 0 || buffer == nullptr || size <= 0) {
+        raiseInvalidArgument("invalid argument: m_fd=", use.fd(), buffer, size);
+    }
+    const char* next = static_cast<const char*>(buffer);
+    while (size > 0) {
+        const ssize_t count = ::send(use.fd(), next, static_cast<size_t>(size), MSG_NOSIGNAL);
+        if (count >= 0) {
+            next += count;
+            size -= static_cast<int>(count);
+        } else if (wouldBlock(errno)) {
+            waitFor(use.fd(), POLLOUT);
+        } else if (errno != EINTR) {
+            KELM_THROW("write socket(idx=" + std::to_string(getSimulateFD()) +
+                       ") failed, user=" + getUser());
+        }
+    }
+}
+
+void ConnectionUDS::read(void* buffer, int size, int* bytesRead) {
+    const Use use(*this);
+    if (use.fd() <= 0 || buffer == nullptr || size <= 0) {
+        raiseInvalidArgument("read got invalid argument. m_fd=", use.fd(), buffer, size);
+    }
+    set_block_mode(use.fd(), bytesRead == nullptr);
+    if (bytesRead == nullptr) {
+        readAll(use.fd(), static_cast<char*>(buffer), size);
+    } else {
+        readSome(use.fd(), static_cast<char*>(buffer), size, bytesRead);
+    }
+    noteUnread();
+}
+
+void ConnectionUDS::readAll(int fd, char* target, int size) {
+    while (size > 0) {
+        const ssize_t count = receive(fd, target, static_cast<size_t>(size));
+        if (count > 0) {
+            target += count;
+            size -= static_cast<int>(count);
+        } else if (count == 0) {
+            errno = 0;
+            raiseReadFailed(size, true);
+        } else if (wouldBlock(errno)) {
+            waitFor(fd, POLLIN);
+        } else if (errno != EINTR) {
+            raiseReadFailed(size, false);
+        }
+    }
+}
+
+void ConnectionUDS::readSome(int fd, char* target, int size, int* bytesRead) {
+    *bytesRead = 0;
+    for (;;) {
+        const ssize_t count = receive(fd, target, static_cast<size_t>(size));
+        if (count >= 0) {
+            *bytesRead = static_cast<int>(count);
+            return;
+        }
+        if (wouldBlock(errno)) return;
+        if (errno != EINTR) raiseReadFailed(size, false);
+    }
+}
+
+ssize_t ConnectionUDS::receive(int fd, char* target, size_t size) {
+    if (m_input.size() == 0) {
+        // A large block goes straight to its own memory.
+        if (size > ReceiveBuffer::kCapacity) return ::recv(fd, target, size, 0);
+        const ssize_t count = m_input.fill(fd);
+        if (count <= 0) return count;
+    }
+    return static_cast<ssize_t>(m_input.take(target, size));
+}
+
+void ConnectionUDS::noteUnread() {
+    if (!hasBufferedData() || m_pollBlocked) return;
+    if (const std::shared_ptr<Poller> poller = getPoller()) poller->noteBuffered(*this);
+}
+
+void ConnectionUDS::raiseReadFailed(int leftBytes, bool ended) {
+    std::string text =
+        "read socket(idx=" + std::to_string(getSimulateFD()) + ") failed, user=" + getUser();
+    if (ended) text += " leftBytes=" + std::to_string(leftBytes);
+    KELM_THROW(text);
+}
+
+void ConnectionUDS::set_block_mode(int fd, bool blocking) {
+    if (m_blocking == blocking) return;
+    const int flags = ::fcntl(fd, F_GETFL, 0);
+    if (flags < 0) return;
+    (void)::fcntl(fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);
+    m_blocking = blocking;
+}
+
+// A connection that another thread has closed is an error of the transfer; one that never had a
+// socket is a fault of this program.
+void ConnectionUDS::requireOpenedOnce() {
+    kelm::MutexLock lock(m_mutex);
+    if (!m_openedOnce) kelm::assertionFailed("m_fd > 0", {}, __FILE__, __LINE__);
+}
+
+void ConnectionUDS::write(int fd) {
+    requireOpenedOnce();
+    const Use use(*this);
+    iovec part = {&fd, kDescriptorBytes};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = CMSG_LEN(sizeof(int));
+    cmsghdr* const cmsg = CMSG_FIRSTHDR(&message);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(cmsg), &fd, sizeof(int));
+    while (::sendmsg(use.fd(), &message, MSG_NOSIGNAL) < 0) {
+        if (wouldBlock(errno)) {
+            waitFor(use.fd(), POLLOUT);
+        } else if (errno == EPIPE) {
+            KELM_THROW("Error: Read-end of socket " + std::to_string(getSimulateFD()) +
+                       " is closed\n");
+        } else if (errno != EINTR) {
+            KELM_THROW("Error: send fd(" + std::to_string(fd) + ") through socket(" +
+                       std::to_string(getSimulateFD()) + ") failed.\n");
+        }
+    }
+}
+
+void ConnectionUDS::read(int& fd) {
+    requireOpenedOnce();
+    const Use use(*this);
+    kelm::UniqueFd received;
+    ControlReport report;
+    size_t left = kDescriptorBytes;
+    while (left > 0) {
+        if (!hasBufferedData()) fillForDescriptor(use.fd());
+        left -= m_input.takeDescriptor(left, received, report);
+    }
+    noteUnread();
+    if (!received) raiseNoDescriptor(report);
+    fd = received.release();
+}
+
+void ConnectionUDS::fillForDescriptor(int fd) {
+    for (;;) {
+        const auto start = std::chrono::steady_clock::now();
+        const ssize_t count = m_input.fill(fd);
+        if (count > 0) return;
+        const std::string id = std::to_string(getSimulateFD());
+        const std::string spent = std::to_string(elapsedMillisec(start));
+        if (count == 0) {
+            errno = 0;
+            KELM_THROW("The peer has performed an orderly shutdown. socketFd=" + id +
+                       " spentTime=" + spent);
+        }
+        if (wouldBlock(errno)) {
+            waitFor(fd, POLLIN);
+        } else if (errno != EINTR) {
+            KELM_THROW("Error: receive fd through socket(" + id + ") failed. spentTime=" + spent);
+        }
+    }
+}
+
+}  // namespace IPC

@@ -1,0 +1,215 @@
+#include <sys/epoll.h>
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <mutex>
+#include <utility>
+
+#include "utils/ConnectionBase.h"
+#include "utils/ErrorHelper.h"
+#include "utils/Poller.h"
+
+namespace IPC {
+
+namespace {
+
+// A peer that is gone is told by an error of the write, never by a signal.
+void ignoreSigpipe() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction old = {};
+        if (::sigaction(SIGPIPE, nullptr, &old) == 0 && old.sa_handler == SIG_DFL) {
+            (void)::signal(SIGPIPE, SIG_IGN);
+        }
+    });
+}
+
+void blockSigpipe() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        sigset_t set;
+        ::sigemptyset(&set);
+        ::sigaddset(&set, SIGPIPE);
+        const int s = ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        if (s != 0) KELM_THROW("pthread_sigmask failed, s=" + std::to_string(s));
+    });
+}
+
+}  // namespace
+
+Poller::Poller() : m_epollFd(::epoll_create1(EPOLL_CLOEXEC)) {
+    CR_ASSERT(m_epollFd.get() >= 0, "Poll ctor: epoll_create failed.");
+    ignoreSigpipe();
+}
+
+Poller::~Poller() {
+    for (const auto& connection : takeAll()) {
+        (void)ConnectionBase::disown(connection->getSimulateFD());
+        connection->close();
+    }
+}
+
+void Poller::add(ConnectionBase* pconn) {
+    CR_ASSERT(pconn != NULL);
+    const std::weak_ptr<ConnectionBase> connection = pconn->weak_from_this();
+    CR_ASSERT(!connection.expired(), "a connection lives in a shared pointer");
+    const int descriptor = pconn->nativeHandle();
+    if (descriptor == -1) return;
+    pconn->setPoller(weak_from_this());
+    kelm::MutexLock lock(m_mapMutex);
+    if (!isMapped(descriptor)) registerDescriptor(descriptor);
+    if (descriptor < kFastDescriptors) {
+        m_fastMap[descriptor] = connection;
+    } else {
+        m_slowMap[descriptor] = connection;
+    }
+}
+
+void Poller::registerDescriptor(int descriptor) {
+    epoll_event event = {};
+    event.events = EPOLLIN | EPOLLRDHUP;
+    event.data.fd = descriptor;
+    if (::epoll_ctl(m_epollFd.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        KELM_THROW("add() epoll_ctl failed.");
+    }
+}
+
+void Poller::remove(ConnectionBase* pconn) {
+    CR_ASSERT(pconn != NULL);
+    const int descriptor = pconn->nativeHandle();
+    if (descriptor != -1) forget(descriptor);
+}
+
+void Poller::forget(int descriptor) {
+    kelm::MutexLock lock(m_mapMutex);
+    (void)::epoll_ctl(m_epollFd.get(), EPOLL_CTL_DEL, descriptor, nullptr);
+    if (descriptor < kFastDescriptors) {
+        m_fastMap[descriptor].reset();
+    } else {
+        m_slowMap.erase(descriptor);
+    }
+}
+
+// An empty event mask would still report the hang-up, over and over, so the descriptor leaves the
+// kernel's set and stays in the map.
+void Poller::suspend(int descriptor) {
+    kelm::MutexLock lock(m_mapMutex);
+    (void)::epoll_ctl(m_epollFd.get(), EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+void Poller::resume(int descriptor) {
+    kelm::MutexLock lock(m_mapMutex);
+    if (isMapped(descriptor)) registerDescriptor(descriptor);
+}
+
+bool Poller::isMapped(int descriptor) {
+    if (descriptor >= kFastDescriptors) return m_slowMap.contains(descriptor);
+    return !m_fastMap[descriptor].expired();
+}
+
+std::shared_ptr<ConnectionBase> Poller::find(int descriptor) {
+    kelm::MutexLock lock(m_mapMutex);
+    if (descriptor < kFastDescriptors) return m_fastMap[descriptor].lock();
+    const auto found = m_slowMap.find(descriptor);
+    return found == m_slowMap.end() ? nullptr : found->second.lock();
+}
+
+std::vector<std::shared_ptr<ConnectionBase>> Poller::takeAll() {
+    std::vector<std::shared_ptr<ConnectionBase>> all;
+    kelm::MutexLock lock(m_mapMutex);
+    for (std::weak_ptr<ConnectionBase>& entry : m_fastMap) all.push_back(entry.lock());
+    for (const auto& [descriptor, entry] : m_slowMap) all.push_back(entry.lock());
+    std::erase(all, nullptr);
+    return all;
+}
+
+bool Poller::wait(PollEvent* pevt, int timeoutMillisec) {
+    CR_ASSERT(pevt);
+    deleteClosed();
+    runPosted();
+    blockSigpipe();
+    if (m_bufferedInARow < kBufferedInARow && takeBuffered(pevt)) {
+        ++m_bufferedInARow;
+        return true;
+    }
+    const bool lookOnly = m_bufferedInARow >= kBufferedInARow;
+    m_bufferedInARow = 0;
+    if (!lookOnly) return waitKernel(pevt, timeoutMillisec);
+    if (waitKernel(pevt, 0) || takeBuffered(pevt)) return true;
+    return waitKernel(pevt, timeoutMillisec);
+}
+
+bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
+    epoll_event found = {};
+    const int count = ::epoll_wait(m_epollFd.get(), &found, 1, timeoutMillisec);
+    if (count == 0 || (count < 0 && errno == EINTR)) return false;
+    if (count < 0) KELM_THROW("epoll_wait() error.");
+    const int descriptor = found.data.fd;
+    const std::shared_ptr<ConnectionBase> connection = find(descriptor);
+    if (!connection) return false;
+    connection->notify(descriptor, descriptor, found.events, event);
+    return event->flags != 0;
+}
+
+bool Poller::takeBuffered(PollEvent* event) {
+    for (;;) {
+        std::shared_ptr<ConnectionBase> connection;
+        {
+            kelm::MutexLock lock(m_bufferedMutex);
+            if (m_buffered.empty()) return false;
+            connection = m_buffered.popFront().lock();
+        }
+        if (!connection) continue;
+        // Cleared before the look, so that bytes which come in between list it again.
+        connection->m_listedAsBuffered.store(false);
+        if (!connection->hasBufferedData()) continue;
+        const int descriptor = connection->nativeHandle();
+        connection->notify(descriptor, descriptor, EPOLLIN, event);
+        if (event->flags != 0) return true;
+    }
+}
+
+void Poller::noteBuffered(ConnectionBase& connection) {
+    if (connection.m_listedAsBuffered.exchange(true)) return;
+    kelm::MutexLock lock(m_bufferedMutex);
+    m_buffered.pushBack(connection.weak_from_this());
+}
+
+void Poller::post(std::function<void()> callable) {
+    kelm::MutexLock lock(m_queueMutex);
+    m_queue.push(std::move(callable));
+}
+
+void Poller::deleteLater(std::shared_ptr<ConnectionBase> connection) {
+    kelm::MutexLock lock(m_deletionMutex);
+    m_deletions.push_back(std::move(connection));
+}
+
+void Poller::deleteClosed() {
+    std::list<std::shared_ptr<ConnectionBase>> closed;  // they go after the lock does
+    if (!m_deletionMutex.tryLock()) return;             // busy: at the next wait
+    closed.swap(m_deletions);
+    m_deletionMutex.unlock();
+}
+
+void Poller::runPosted() {
+    for (;;) {
+        std::function<void()> callable;
+        {
+            kelm::MutexLock lock(m_queueMutex);
+            if (m_queue.empty()) return;
+            callable = std::move(m_queue.front());
+            m_queue.pop();
+        }
+        try {
+            callable();
+        } catch (const std::exception& e) {
+            std::cerr << "Exception in "
+                      << "wait" << e.what() << std::endl;
+        }
+    }
+}
+
+}  // namespace IPC
