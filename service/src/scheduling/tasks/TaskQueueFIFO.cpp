@@ -1,0 +1,44 @@
+#include "scheduling/tasks/TaskQueueFIFO.h"
+
+#include "records/KelmTask.h"
+
+namespace kelm {
+
+TaskQueueFIFO::~TaskQueueFIFO() { destroyAll(m_tasks); }
+
+bool TaskQueueFIFO::enqueue(KelmTask* task, bool head) {
+    MutexLock lock(m_mutex);
+    insertTask(m_tasks, task, head);
+    task->setStatus(TASK_STATUS_QUEUED);
+    return true;
+}
+
+KelmTask* TaskQueueFIFO::dequeue() {
+    MutexLock lock(m_mutex);
+    return m_tasks.empty() ? nullptr : m_tasks.popFront();
+}
+
+bool TaskQueueFIFO::removeTask(KelmTask* task) {
+    MutexLock lock(m_mutex);
+    return destroyOne(m_tasks, task);
+}
+
+bool TaskQueueFIFO::removeTask(unsigned long clientId) {
+    MutexLock lock(m_mutex);
+    (void)destroyOfClient(m_tasks, clientId);  // none is no failure here
+    return true;
+}
+
+std::string TaskQueueFIFO::getDescription() {
+    MutexLock lock(m_mutex);
+    std::string text = "WaitingTasks(count=" + std::to_string(m_tasks.size()) + "):\n";
+    appendDescription(text, m_tasks, 5);
+    return text;
+}
+
+uint64_t TaskQueueFIFO::size() {
+    MutexLock lock(m_mutex);
+    return m_tasks.size();
+}
+
+}  // namespace kelm

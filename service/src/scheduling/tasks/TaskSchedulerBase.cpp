@@ -1,0 +1,58 @@
+#include "scheduling/tasks/TaskSchedulerBase.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "utils/ThreadPool.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr uint64_t kTaskQueueLimit = 3000;
+constexpr uint64_t kWorkerQueueLimit = 1000;
+
+}  // namespace
+
+TaskSchedulerBase::TaskSchedulerBase(std::string name)
+    : m_name(std::move(name)),
+      m_taskPool(std::make_unique<ThreadPool>("TS.TaskSche", 1, kTaskQueueLimit)),
+      m_workerPool(std::make_unique<ThreadPool>("TS.WorkSche", 1, kWorkerQueueLimit)) {}
+
+TaskSchedulerBase::~TaskSchedulerBase() = default;
+
+void TaskSchedulerBase::stopPools() {
+    m_taskPool.reset();
+    m_workerPool.reset();
+}
+
+ThreadPool& TaskSchedulerBase::running(const std::unique_ptr<ThreadPool>& pool) {
+    if (!pool) throw std::runtime_error("failed to enqueue, threadPool is stopped");
+    return *pool;
+}
+
+void TaskSchedulerBase::enqueueScheduleTask(KelmTask* task) {
+    running(m_taskPool).post([this, task] { scheduleTask(task); });
+}
+
+void TaskSchedulerBase::enqueueRescheduleTask(KelmTask* task) {
+    running(m_taskPool).postNotice([this, task] { rescheduleTask(task); });
+}
+
+void TaskSchedulerBase::enqueueScheduleWorker(WorkThread* worker, KelmGraph* graph) {
+    running(m_workerPool).postNotice([this, worker, graph] { scheduleWorker(worker, graph); });
+}
+
+void TaskSchedulerBase::enqueueDescheduleWorker(WorkThread* worker, KelmGraph* graph) {
+    running(m_workerPool).postNotice([this, worker, graph] { descheduleWorker(worker, graph); });
+}
+
+void TaskSchedulerBase::enqueueDescheduleTask(KelmTask* task) {
+    running(m_workerPool).postNotice([this, task] { descheduleTask(task); });
+}
+
+void TaskSchedulerBase::enqueueDescheduleGraph(KelmGraph* graph) {
+    running(m_workerPool).postNotice([this, graph] { descheduleGraph(graph); });
+}
+
+}  // namespace kelm

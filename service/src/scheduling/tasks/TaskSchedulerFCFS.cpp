@@ -1,0 +1,335 @@
+#include "scheduling/tasks/TaskSchedulerFCFS.h"
+
+#include <utility>
+
+#include "config/ServiceConfigParser.h"
+#include "execution/WorkThread.h"
+#include "records/ClientDirectory.h"
+#include "records/InfoCollector.h"
+#include "records/KelmClient.h"
+#include "records/KelmGraph.h"
+#include "records/KelmTask.h"
+#include "scheduling/tasks/TaskQueueFIFO.h"
+#include "scheduling/tasks/TaskScheduleListener.h"
+#include "utils/ErrorHelper.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+namespace {
+
+using Listener = Port<TaskScheduleListener>;
+
+KelmClient* findClient(uint64_t clientId) {
+    return Port<ClientDirectory>::ask<&ClientDirectory::getClientById>(
+        static_cast<KelmClient*>(nullptr), clientId);
+}
+
+void destroyTask(KelmTask* task) {
+    Listener::notify<&TaskScheduleListener::enqueueDestroyTask>(task);
+}
+
+void destroyCanceledTask(KelmTask* task) {
+    LOG_INFO("Destroy task(%lu), reason=canceled", task->getId());
+    destroyTask(task);
+}
+
+void decreaseClientWaitingInferenceNum(const KelmTask* task) {
+    KelmClient* const client = findClient(task->getClientId());
+    if (client != nullptr) client->decreaseWaitingInferenceNum();
+}
+
+}  // namespace
+
+// Ends a hand-over on every way out.
+class TaskSchedulerFCFS::HandOverScope {
+ public:
+    explicit HandOverScope(TaskSchedulerFCFS& scheduler) : m_scheduler(scheduler) {}
+    ~HandOverScope() { m_scheduler.endHandOver(); }
+    HandOverScope(const HandOverScope&) = delete;
+    HandOverScope& operator=(const HandOverScope&) = delete;
+
+ private:
+    TaskSchedulerFCFS& m_scheduler;
+};
+
+TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name)
+    : TaskSchedulerFCFS(name, ForDerived{}) {
+    startPrinting();
+}
+
+TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name, ForDerived)
+    : TaskSchedulerBase(name),
+      m_snapshotBase(ServiceConfigParser::instance().getTaskSnapshotMode() == "base"),
+      m_debugProcess(ServiceConfigParser::instance().isTaskSchedulerDebugProcessEnabled()) {
+    const int limit = ServiceConfigParser::instance().getServerMaxTaskNumber();
+    if (limit > 0) m_maxWaitTasks = static_cast<uint64_t>(limit);
+}
+
+TaskSchedulerFCFS::~TaskSchedulerFCFS() { shutDown(); }
+
+void TaskSchedulerFCFS::startPrinting() {
+    if (!m_snapshotBase) return;
+    m_printing = true;
+    (void)Port<InfoCollector>::ask<&InfoCollector::registerListener>(false, this);
+}
+
+void TaskSchedulerFCFS::shutDown() {
+    if (std::exchange(m_printing, false)) {
+        Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
+    }
+    stopPools();
+}
+
+std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::createTaskQueue() {
+    return std::make_unique<TaskQueueFIFO>();
+}
+
+bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
+    if (task->isCanceled()) {
+        LOG_INFO("[TaskSchedule] Abort schedule canceled task(%lu)", task->getId());
+        return false;
+    }
+    if (m_maxWaitTasks > m_numWaitTasks.load()) return true;
+    LOG_WARN("[TaskSchedule] Exceed maxWaitTaks(%lu) at service end", m_maxWaitTasks);
+    LOG_PROC(m_debugProcess, "[Schedule#1] WARN: exceed maxWaitTaks(%lu)", m_maxWaitTasks);
+    return false;
+}
+
+void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
+    const uint64_t taskId = task->getId();  // once handed on, the task may have ended
+    KelmGraph* const graph = task->getGraph();
+    LOG_PROC(m_debugProcess, "[Schedule#0] schedule task(%lu) start", taskId);
+    if (!acceptTask(task)) {
+        LOG_PROC(m_debugProcess, "[Schedule#2] schedule task(%lu) finish", taskId);
+        Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, false);
+        return;
+    }
+    Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, true);
+    if (WorkThread* const worker = takeWorkerOrQueue(task, false)) {
+        const HandOverScope scope(*this);
+        LOG_PROC(m_debugProcess, "[Schedule#1] task(%lu) -> worker(%s)", taskId, worker->getName());
+        graph->updateFpsIn();
+        worker->enqueueLoadTensor(task);
+        graph->updateFpsOut();
+    } else {
+        LOG_PROC(m_debugProcess, "[Schedule#1] no worker for task(%lu) (nWaitTasks=%lu)", taskId,
+                 m_numWaitTasks.load());
+    }
+    LOG_PROC(m_debugProcess, "[Schedule#2] schedule task(%lu) finish", taskId);
+}
+
+// The rates are left alone: the task was counted when it was first scheduled. So is the limit.
+void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
+    const uint64_t taskId = task->getId();
+    LOG_PROC(m_debugProcess, "[Reschedule#0] re-schedule task(%lu) start", taskId);
+    if (task->isCanceled()) {
+        LOG_INFO("[TaskSchedule] Abort re-schedule canceled task(%lu)", taskId);
+        Listener::notify<&TaskScheduleListener::enqueueRescheduleTaskDone>(task, false);
+        LOG_PROC(m_debugProcess, "[Reschedule#2] re-schedule task(%lu) finish", taskId);
+        return;
+    }
+    Listener::notify<&TaskScheduleListener::enqueueRescheduleTaskDone>(task, true);
+    if (WorkThread* const worker = takeWorkerOrQueue(task, true)) {
+        const HandOverScope scope(*this);
+        LOG_PROC(m_debugProcess, "[Reschedule#1] task(%lu) -> worker(%s)", taskId,
+                 worker->getName());
+        worker->enqueueLoadTensor(task);
+    } else {
+        LOG_PROC(m_debugProcess, "[Reschedule#1] no worker for task(%lu) (nWaitTasks=%lu)", taskId,
+                 m_numWaitTasks.load());
+    }
+    LOG_PROC(m_debugProcess, "[Reschedule#2] re-schedule task(%lu) finish", taskId);
+}
+
+WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
+    WorkThread* const worker = dequeueWaitingWorker(task->getGraph());
+    return worker != nullptr ? worker : enqueueWaitingTask(task, head);
+}
+
+WorkThread* TaskSchedulerFCFS::dequeueWaitingWorker(KelmGraph* graph) {
+    MutexLock lock(m_mutex);
+    return dequeueWaitingWorkerUnsafe(graph);
+}
+
+WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
+    const auto entry = m_waitingWorkers.find(graph);
+    if (entry == m_waitingWorkers.end() || entry->second.empty()) return nullptr;
+    CR_ASSERT(m_handOver.worker == nullptr, "tasks have one thread");
+    m_handOver = {entry->second.popFront(), graph, 0};
+    return m_handOver.worker;
+}
+
+WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
+    // The client cannot go while the task lives, and the task is this thread's until it is queued.
+    KelmClient* const client = findClient(task->getClientId());
+    if (client == nullptr) {
+        destroyTask(task);
+        return nullptr;
+    }
+    {
+        MutexLock lock(m_mutex);
+        // A graph that goes cancels its tasks before descheduleGraph() empties its queue. A task
+        // that is not canceled here is queued before that; a canceled one would be queued for ever.
+        if (!task->isCanceled()) {
+            WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+            if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
+            return worker;
+        }
+    }
+    destroyCanceledTask(task);
+    return nullptr;
+}
+
+void TaskSchedulerFCFS::enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& client, bool head) {
+    KelmGraph* const graph = task->getGraph();
+    std::unique_ptr<TaskQueueBase>& queue = m_taskQueues[graph];
+    if (!queue) queue = createTaskQueue();
+    queue->enqueue(task, head);
+    m_numWaitTasks.fetch_add(1);
+    graph->updateFpsIn();
+    client.increaseWaitingInferenceNum();
+}
+
+void TaskSchedulerFCFS::endHandOver() {
+    HandOver ended;
+    {
+        MutexLock lock(m_mutex);
+        ended = std::exchange(m_handOver, HandOver());
+    }
+    for (; ended.deferredAborts > 0; --ended.deferredAborts) {
+        ended.worker->enqueueAbortApplyTaskDone(ended.graph);
+    }
+}
+
+void TaskSchedulerFCFS::scheduleWorker(WorkThread* worker, KelmGraph* graph) {
+    LOG_PROC(m_debugProcess, "[Schedule#0] schedule worker(%s) start", worker->getName());
+    if (KelmTask* const task = takeTaskOrWait(worker, graph)) {
+        LOG_PROC(m_debugProcess, "[Schedule#1] task(%lu) -> worker(%s)", task->getId(),
+                 worker->getName());
+        worker->enqueueLoadTensor(task);
+    } else {
+        LOG_PROC(m_debugProcess, "[Schedule#1] no task for worker(%s)", worker->getName());
+    }
+    LOG_PROC(m_debugProcess, "[Schedule#2] schedule worker(%s) finish", worker->getName());
+}
+
+KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph) {
+    for (;;) {
+        KelmTask* task = nullptr;
+        {
+            MutexLock lock(m_mutex);
+            task = dequeueWaitingTaskUnsafe(graph);
+            if (task == nullptr) {
+                enqueueWaitingWorkerUnsafe(worker, graph);
+                return nullptr;
+            }
+        }
+        decreaseClientWaitingInferenceNum(task);
+        if (!task->isCanceled()) return task;
+        destroyCanceledTask(task);
+    }
+}
+
+KelmTask* TaskSchedulerFCFS::dequeueWaitingTaskUnsafe(KelmGraph* graph) {
+    const auto entry = m_taskQueues.find(graph);
+    KelmTask* const task = entry != m_taskQueues.end() ? entry->second->dequeue() : nullptr;
+    if (task == nullptr) return nullptr;
+    m_numWaitTasks.fetch_sub(1);
+    graph->updateFpsOut();
+    return task;
+}
+
+void TaskSchedulerFCFS::enqueueWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
+    m_waitingWorkers[graph].pushBack(worker);
+}
+
+void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
+    const auto entry = m_waitingWorkers.find(graph);
+    if (entry == m_waitingWorkers.end()) return;
+    WorkerList& workers = entry->second;
+    bool found = false;
+    for (size_t left = workers.size(); left > 0; --left) {
+        WorkThread* const other = workers.popFront();
+        if (other == worker && !found) {
+            found = true;
+        } else {
+            workers.pushBack(other);
+        }
+    }
+    if (workers.empty()) m_waitingWorkers.erase(entry);
+}
+
+// This runs on the pool of scheduleWorker(), so no more tasks come from there once it is confirmed.
+void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
+    // Named first: once confirmed, both may be gone.
+    const std::string workerName = m_debugProcess ? worker->getName() : std::string();
+    const std::string graphName = m_debugProcess ? graph->getName() : std::string();
+    bool handedOver = false;
+    {
+        MutexLock lock(m_mutex);
+        removeWaitingWorkerUnsafe(worker, graph);
+        handedOver = m_handOver.worker == worker && m_handOver.graph == graph;
+        if (handedOver) ++m_handOver.deferredAborts;
+    }
+    if (!handedOver) worker->enqueueAbortApplyTaskDone(graph);
+    LOG_PROC(m_debugProcess, "[Deschedule] deschedule worker(%s) with graph(%s) done", workerName,
+             graphName);
+}
+
+void TaskSchedulerFCFS::descheduleTask(KelmTask* task) {
+    const uint64_t taskId = task->getId();  // once answered, the task may be gone
+    const bool removed = removeWaitingTask(task);
+    Listener::notify<&TaskScheduleListener::enqueueDescheduleTaskDone>(task, removed);
+    LOG_PROC(m_debugProcess, "[Deschedule] deschedule task(%lu) %s", taskId,
+             removed ? "success" : "failure");
+}
+
+// Deliberate: the graph's waiting count and the client's waiting number stay one too high for each
+// task that is canceled out of a queue; only the service's own limit gets its place back.
+bool TaskSchedulerFCFS::removeWaitingTask(KelmTask* task) {
+    MutexLock lock(m_mutex);
+    const auto entry = m_taskQueues.find(task->getGraph());
+    if (entry == m_taskQueues.end() || !entry->second->removeTask(task)) return false;
+    m_numWaitTasks.fetch_sub(1);
+    return true;
+}
+
+std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* graph) {
+    const auto entry = m_taskQueues.find(graph);
+    if (entry == m_taskQueues.end()) return nullptr;
+    std::unique_ptr<TaskQueueBase> queue = std::move(entry->second);
+    m_taskQueues.erase(entry);
+    m_numWaitTasks.fetch_sub(queue->size());
+    return queue;
+}
+
+void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
+    // Named first: once confirmed, the graph may be gone.
+    const std::string name = m_debugProcess ? graph->getName() : std::string();
+    LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", name);
+    std::unique_ptr<TaskQueueBase> queue;
+    uint64_t workerNum = 0;
+    {
+        MutexLock lock(m_mutex);
+        queue = takeQueueUnsafe(graph);
+        const auto entry = m_waitingWorkers.find(graph);
+        if (entry != m_waitingWorkers.end()) {
+            workerNum = entry->second.size();
+            m_waitingWorkers.erase(entry);
+        }
+    }
+    if (queue) {
+        LOG_PROC(m_debugProcess, "[Deschedule#1] delete task queue for graph(%s)", name);
+        queue.reset();  // destroys its tasks
+    }
+    if (workerNum > 0) {
+        LOG_PROC(m_debugProcess, "[Deschedule#2] erase %lu workers waiting for graph(%s)",
+                 workerNum, name);
+    }
+    Listener::notify<&TaskScheduleListener::enqueueDescheduleGraphDone>(graph);
+    LOG_PROC(m_debugProcess, "[Deschedule#3] deschedule graph(%s) done", name);
+}
+
+}  // namespace kelm

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "records/PrintInfoListener.h"
+#include "scheduling/tasks/TaskSchedulerBase.h"
+#include "utils/Mutex.h"
+#include "utils/Ring.h"
+
+namespace kelm {
+
+class KelmClient;
+class TaskQueueBase;
+
+// Pairs waiting tasks with waiting workers, graph by graph, in order of arrival. While m_mutex is
+// free a graph has queued tasks or listed workers, never both: who queues itself looks once more
+// under the same lock, and the second of the two makes the pair.
+//
+// Threads: overrides run on the base's two pools, onPrintInfo() on the printer's thread.
+// Owns: the queues and, through them, the queued tasks. Graphs are borrowed until
+// descheduleGraph(), workers until descheduleWorker() has been confirmed to them. A task event may
+// hold a worker (and so its graph) at that moment: then the end of that hand-over confirms, and
+// neither can go while the task's thread uses it.
+// Locks: m_mutex, then a queue's mutex, then a task's. No call into a worker is made under it,
+// since workers lock too.
+class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
+ public:
+    explicit TaskSchedulerFCFS(const std::string& name);
+    ~TaskSchedulerFCFS() override;  // destroys what is still queued
+
+    void scheduleTask(KelmTask* task) override EXCLUDES(m_mutex);
+    void rescheduleTask(KelmTask* task) override EXCLUDES(m_mutex);
+    void scheduleWorker(WorkThread* worker, KelmGraph* graph) override EXCLUDES(m_mutex);
+    void descheduleTask(KelmTask* task) override EXCLUDES(m_mutex);
+    void descheduleWorker(WorkThread* worker, KelmGraph* graph) override EXCLUDES(m_mutex);
+    void descheduleGraph(KelmGraph* graph) override EXCLUDES(m_mutex);
+    void onPrintInfo() override EXCLUDES(m_mutex);
+
+    uint64_t getNumWaitTasks() const { return m_numWaitTasks.load(); }
+
+ protected:
+    // For derived classes, whose constructor ends with startPrinting() and whose destructor starts
+    // with shutDown(): no thread may look at an object that is only partly there.
+    struct ForDerived {};
+    TaskSchedulerFCFS(const std::string& name, ForDerived);
+    void startPrinting();
+    void shutDown();
+
+    virtual std::unique_ptr<TaskQueueBase> createTaskQueue();
+
+ private:
+    using WorkerList = Ring<WorkThread*>;
+
+    // A task event's use of a worker that it took from the list; one at a time, as tasks have one
+    // thread.
+    struct HandOver {
+        WorkThread* worker = nullptr;
+        KelmGraph* graph = nullptr;
+        uint32_t deferredAborts = 0;  // confirmations that wait for the end
+    };
+    class HandOverScope;
+
+    // Whether the task may go on: not canceled, and room under the limit.
+    bool acceptTask(KelmTask* task);
+    // A worker for the task, with the hand-over begun; without one the task is queued.
+    WorkThread* takeWorkerOrQueue(KelmTask* task, bool head) EXCLUDES(m_mutex);
+    WorkThread* dequeueWaitingWorker(KelmGraph* graph) EXCLUDES(m_mutex);
+    WorkThread* dequeueWaitingWorkerUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    // Queues the task; or returns the worker that has been listed since the first look. A task that
+    // nobody may run any more is destroyed instead.
+    WorkThread* enqueueWaitingTask(KelmTask* task, bool head) EXCLUDES(m_mutex);
+    void enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& client, bool head) REQUIRES(m_mutex);
+    void endHandOver() EXCLUDES(m_mutex);
+
+    // The graph's next task that is not canceled; without one the worker is listed.
+    KelmTask* takeTaskOrWait(WorkThread* worker, KelmGraph* graph) EXCLUDES(m_mutex);
+    KelmTask* dequeueWaitingTaskUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    void enqueueWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) REQUIRES(m_mutex);
+    void removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) REQUIRES(m_mutex);
+    bool removeWaitingTask(KelmTask* task) EXCLUDES(m_mutex);
+    std::unique_ptr<TaskQueueBase> takeQueueUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+
+    void snapShotUnlocked(const char* label) EXCLUDES(m_mutex);
+    void appendGraphUnsafe(std::string& text, KelmGraph* graph) REQUIRES(m_mutex);
+
+    uint64_t m_maxWaitTasks = UINT64_MAX;  // fixed after construction, as the next two
+    bool m_snapshotBase;
+    bool m_debugProcess;
+    bool m_printing = false;  // constructors and destructors only
+    // Atomic: the limit and the log lines read it outside m_mutex.
+    std::atomic<uint64_t> m_numWaitTasks{0};
+
+    Mutex m_mutex;
+    std::map<KelmGraph*, std::unique_ptr<TaskQueueBase>> m_taskQueues GUARDED_BY(m_mutex);
+    // First in, first out. An emptied list stays for the worker's next turn, until a worker leaves;
+    // the key of an empty list is never followed.
+    std::map<KelmGraph*, WorkerList> m_waitingWorkers GUARDED_BY(m_mutex);
+    HandOver m_handOver GUARDED_BY(m_mutex);
+};
+
+}  // namespace kelm

@@ -1,0 +1,63 @@
+#include "scheduling/tasks/TaskSchedulerFactory.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "scheduling/tasks/TaskSchedulerFCFS.h"
+#include "scheduling/tasks/TaskSchedulerPolling.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+std::unique_ptr<TaskSchedulerBase> createPolling() {
+    return std::make_unique<TaskSchedulerPolling>("TS.Polling");
+}
+
+std::unique_ptr<TaskSchedulerBase> createFcfs() {
+    return std::make_unique<TaskSchedulerFCFS>("TS.FCFS");
+}
+
+struct SchedulerRow {
+    const char* keyword;
+    const char* message;
+    std::unique_ptr<TaskSchedulerBase> (*create)();
+};
+
+constexpr SchedulerRow kSchedulerRows[] = {
+    {"fcfs", "Info: ## TaskSchedulerFactory ## Created FCFS Task-Scheduler.", createFcfs},
+    {"polling", "Info: ## TaskSchedulerFactory ## Created Polling Task-Scheduler.", createPolling},
+};
+
+std::string toLowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+}  // namespace
+
+std::unique_ptr<TaskSchedulerBase> TaskSchedulerFactory::createScheduler(const char* name) {
+    return name != nullptr ? createScheduler(std::string(name)) : createDefaultScheduler();
+}
+
+std::unique_ptr<TaskSchedulerBase> TaskSchedulerFactory::createScheduler(const std::string& name) {
+    const std::string keyword = toLowerCase(name);
+    LOG_INFO("Pass in task scheduler name = %s, iname = %s.", name, keyword);
+    for (const SchedulerRow& row : kSchedulerRows) {
+        if (keyword != row.keyword) continue;
+        auto scheduler = row.create();
+        LOG_INFO("%s", row.message);
+        return scheduler;
+    }
+    return createDefaultScheduler();
+}
+
+std::unique_ptr<TaskSchedulerBase> TaskSchedulerFactory::createDefaultScheduler() {
+    LOG_INFO(
+        "Info: ## TaskSchedulerFactory ## Create default task scheduler -- TaskSchedulerPolling");
+    return createPolling();
+}
+
+}  // namespace kelm
