@@ -1,0 +1,47 @@
+#include "scheduling/devices/DeviceSchedulerActive.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr int kMaxDroppedPlans = 3;
+
+}  // namespace
+
+bool DeviceSchedulerActive::hasNewChangeRequest() {
+    MutexLock lock(m_requestMutex);
+    return !m_newRequests.empty();
+}
+
+// One wait and no loop: a spurious wake-up is a pass like any other.
+bool DeviceSchedulerActive::waitChangeRequestUntilTimeout() {
+    const auto deadline = std::chrono::system_clock::now() + m_interval;
+    MutexLock lock(m_requestMutex);
+    if (!m_stop && m_newRequests.empty()) (void)m_requestCond.waitUntil(m_requestMutex, deadline);
+    return !m_stop;
+}
+
+void DeviceSchedulerActive::schedule() {
+    int retries = 0;
+    while (waitChangeRequestUntilTimeout()) {
+        updateChangeRequest();
+        storeChangeRequests();
+        if (!mapResource()) {
+            restoreScene();
+            continue;
+        }
+        if (hasNewChangeRequest()) {
+            if (retries < kMaxDroppedPlans) {
+                ++retries;
+                restoreScene();
+                continue;
+            }
+            retries = 0;
+        }
+        // Deliberate: a commit that met no new requests leaves the count as it is, so that plans
+        // dropped before and after it add up to three.
+        commitChangeOperation();
+    }
+}
+
+}  // namespace kelm

@@ -1,0 +1,63 @@
+#include "scheduling/devices/DeviceSchedulerFactory.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "scheduling/devices/DeviceSchedulerSqueeze2.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+using SchedulerPtr = std::unique_ptr<DeviceSchedulerBase>;
+
+template <class Scheduler>
+SchedulerPtr make(const char* name) {
+    return std::make_unique<Scheduler>(name);
+}
+
+struct SchedulerRow {
+    const char* keyword;
+    const char* schedulerName;
+    const char* message;
+    SchedulerPtr (*create)(const char* name);
+};
+
+constexpr const char* kSqueezeName = "DS.Squeeze2";
+
+constexpr SchedulerRow kSchedulerRows[] = {
+    {"squeeze2", kSqueezeName,
+     "Info: ## DeviceSchedulerFacotry ## Created Squeeze Device-Scheduler2.",
+     &make<DeviceSchedulerSqueeze2>},
+};
+
+std::string toLower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+}  // namespace
+
+SchedulerPtr DeviceSchedulerFactory::createScheduler(const std::string& name) {
+    const std::string keyword = toLower(name);
+    LOG_DEBUG("Pass in device scheduler name = %s, iname = %s.", name, keyword);
+    for (const SchedulerRow& row : kSchedulerRows) {
+        if (keyword != row.keyword) continue;
+        LOG_INFO("%s", row.message);
+        return row.create(row.schedulerName);
+    }
+    return createDefaultScheduler();
+}
+
+SchedulerPtr DeviceSchedulerFactory::createScheduler(const char* name) {
+    return name != nullptr ? createScheduler(std::string(name)) : createDefaultScheduler();
+}
+
+SchedulerPtr DeviceSchedulerFactory::createDefaultScheduler() {
+    LOG_INFO("Info: ## DeviceSchedulerFacotry ## Create default scheduler -- SqueezeScheduler");
+    return make<DeviceSchedulerSqueeze2>(kSqueezeName);
+}
+
+}  // namespace kelm

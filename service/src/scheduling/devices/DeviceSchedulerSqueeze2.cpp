@@ -1,0 +1,149 @@
+#include "scheduling/devices/DeviceSchedulerSqueeze2.h"
+
+#include "execution/KelmDeviceBase.h"
+#include "execution/WorkThread.h"
+#include "records/KelmGraph.h"
+#include "scheduling/devices/PlugoutWorkerOperation.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+DeviceSchedulerSqueeze2::DeviceSchedulerSqueeze2(const char* name,
+                                                 std::chrono::nanoseconds interval)
+    : DeviceSchedulerActive(name, interval) {
+    m_retryLoadGraph = true;
+}
+
+DeviceSchedulerSqueeze2::~DeviceSchedulerSqueeze2() { join(); }
+
+void DeviceSchedulerSqueeze2::setMaxGraphNumPerDevice(int number) {
+    m_graphMapper.setMaxGraphNumPerDevice(number);
+}
+
+void DeviceSchedulerSqueeze2::setMaxPendingTaskNum(int number) {
+    m_graphMapper.setMaxPendingTaskNum(number);
+}
+
+void DeviceSchedulerSqueeze2::setMaxPendingCycle(int number) {
+    m_graphMapper.setMaxPendingCycle(number);
+}
+
+void DeviceSchedulerSqueeze2::handleLoadGraphFail(KelmGraph* graph) {
+    m_mappedGraphs.erase(graph);
+    (void)m_graphMapper.removeGraph(graph);  // false: the mapper had refused it
+}
+
+// A dead device refuses every load at once and would look like the freest of all.
+void DeviceSchedulerSqueeze2::handleLostWorker(WorkThread* worker) {
+    if (!m_mappedWorkers.contains(worker) || !m_lostWorkers.insert(worker).second) return;
+    LOG_WARN("Warn: the device of worker(%s) is lost, its graphs move", worker->getName());
+    (void)m_graphMapper.removeDevice(worker);
+}
+
+bool DeviceSchedulerSqueeze2::mapResource() {
+    forgetPass();
+    takeNewWorkers();
+    dropLeavingWorkers();
+    takeNewGraphs();
+    dropLeavingGraphs();
+    updateDemand();
+    m_mappedGraphs.insert(m_loadGraphs.begin(), m_loadGraphs.end());
+    if (!m_graphMapper.mapGraph()) {
+        LOG_ERROR("Error: mapGraph failed");
+        return false;
+    }
+    m_graphMapper.printAll();
+    tellPendingStates();
+    MapResult result = m_graphMapper.getGraphMapperResult();
+    adjustMapResult(result);
+    makeOperations(result);
+    return true;
+}
+
+void DeviceSchedulerSqueeze2::restoreScene() {
+    m_operations.clear();
+    for (WorkThread* worker : m_addWorkers) {  // stays known, with a fresh item and without a map
+        if (!m_mappedWorkers.contains(worker)) continue;
+        (void)m_graphMapper.removeDevice(worker);
+        addDevice(worker);
+    }
+    for (WorkThread* worker : m_passGoneWorkers) {
+        m_mappedWorkers.insert(worker);
+        if (!m_lostWorkers.contains(worker)) addDevice(worker);
+    }
+    for (KelmGraph* graph : m_passNewGraphs) {
+        m_mappedGraphs.erase(graph);
+        (void)m_graphMapper.removeGraph(graph);
+    }
+    for (KelmGraph* graph : m_passGoneGraphs) {
+        m_mappedGraphs.insert(graph);
+        (void)m_graphMapper.addGraph(graph, graph->getMemReq(), graph->getNumWaitTasks(),
+                                     graph->getName());
+    }
+    forgetPass();
+}
+
+void DeviceSchedulerSqueeze2::forgetPass() {
+    m_passNewGraphs.clear();
+    m_passGoneGraphs.clear();
+    m_passGoneWorkers.clear();
+}
+
+void DeviceSchedulerSqueeze2::addDevice(WorkThread* worker) {
+    (void)m_graphMapper.addDevice(worker, worker->getDevice()->getMemorySize(), worker->getName());
+}
+
+void DeviceSchedulerSqueeze2::takeNewWorkers() {
+    // A lost worker that a commit has plugged out is gone; a new one may live at its address.
+    std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
+        return !m_mappedWorkers.contains(worker);
+    });
+    for (WorkThread* worker : m_addWorkers) {
+        if (m_mappedWorkers.insert(worker).second) addDevice(worker);
+    }
+}
+
+void DeviceSchedulerSqueeze2::dropLeavingWorkers() {
+    for (WorkThread* worker : m_removeWorkers) {
+        if (m_mappedWorkers.erase(worker) == 0) continue;
+        m_operations.push_back(PlugoutWorkerOperation::create(worker));
+        LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
+        m_passGoneWorkers.insert(worker);
+        if (!m_lostWorkers.contains(worker)) (void)m_graphMapper.removeDevice(worker);
+    }
+}
+
+void DeviceSchedulerSqueeze2::takeNewGraphs() {
+    for (KelmGraph* graph : m_loadGraphs) {
+        if (m_mappedGraphs.contains(graph)) continue;
+        m_passNewGraphs.insert(graph);
+        // A graph that is refused gets no device, and its load fails for that.
+        (void)m_graphMapper.addGraph(graph, graph->getMemReq(), graph->getNumWaitTasks(),
+                                     graph->getName());
+    }
+}
+
+void DeviceSchedulerSqueeze2::dropLeavingGraphs() {
+    for (KelmGraph* graph : m_unloadGraphs) {
+        if (m_mappedGraphs.erase(graph) == 0) continue;
+        m_passGoneGraphs.insert(graph);
+        (void)m_graphMapper.removeGraph(graph);
+    }
+}
+
+void DeviceSchedulerSqueeze2::updateDemand() {
+    for (KelmGraph* graph : m_mappedGraphs) {
+        (void)m_graphMapper.updateGraph(graph, graph->getDevReqNum(), graph->getMemReq(),
+                                        graph->getNumWaitTasks());
+    }
+}
+
+// Deliberate: a pass without a new mapping tells every graph that it is not pending, also those
+// that are still switched out, since their demand was measured anew in this pass.
+void DeviceSchedulerSqueeze2::tellPendingStates() {
+    for (const auto& [graph, pending] : m_graphMapper.getGraphPendingState()) {
+        graph->setPendingState(pending);
+    }
+}
+
+}  // namespace kelm

@@ -1,0 +1,53 @@
+#include "scheduling/devices/LoadGraphOperation.h"
+
+#include <utility>
+
+#include "execution/WorkThread.h"
+#include "protocol/src/KelmError.h"
+#include "records/KelmGraph.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+std::unique_ptr<LoadGraphOperation> LoadGraphOperation::create(KelmGraph* graph,
+                                                               WorkThread* worker) {
+    if (graph == nullptr || worker == nullptr) {
+        LOG_ERROR("Forbid nullptr as input parameter");
+        return nullptr;
+    }
+    return std::unique_ptr<LoadGraphOperation>(new LoadGraphOperation(graph, worker));
+}
+
+LoadGraphOperation::LoadGraphOperation(KelmGraph* graph, WorkThread* worker)
+    : m_graph(graph), m_worker(worker), m_graphName(graph->getName()) {}
+
+void LoadGraphOperation::operation() {
+    LOG_PROC(m_debugProcess, "load [%s] to [%s]", m_graphName, m_worker->getName());
+    m_future = m_worker->enqueueLoadGraph(m_graph);
+}
+
+void LoadGraphOperation::wait() {
+    if (!m_future.valid()) return;
+    LOG_PROC(m_debugProcess, "wait load [%s] to [%s] done", m_graphName, m_worker->getName());
+    const std::shared_future<int> future = std::exchange(m_future, {});
+    m_retCode = future.get();
+    LOG_PROC(m_debugProcess, "load [%s] to [%s] done, retCode=%d", m_graphName, m_worker->getName(),
+             m_retCode);
+}
+
+bool LoadGraphOperation::isOperation(KelmGraph* graph, StatusChangeRequestType type) {
+    return type == REQUEST_LOAD_GRAPH && graph == m_graph;
+}
+
+// The worker frees the slot on its own later, and by then the graph's record may be gone.
+void LoadGraphOperation::releaseFailed() {
+    if (m_retCode != KELM_OK) m_worker->removeInvalidGraph(m_graph);
+}
+
+WorkThread* LoadGraphOperation::getLostWorker() const {
+    const bool lost =
+        m_retCode == KELM_ERROR_DEVICE_FAILED || m_retCode == KELM_ERROR_DEVICE_NOT_OPEN;
+    return lost ? m_worker : nullptr;
+}
+
+}  // namespace kelm

@@ -1,0 +1,40 @@
+#include "scheduling/devices/PlugoutWorkerOperation.h"
+
+#include "execution/WorkThread.h"
+#include "records/KelmGraph.h"
+#include "scheduling/devices/WorkerRemovalListener.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+std::unique_ptr<PlugoutWorkerOperation> PlugoutWorkerOperation::create(WorkThread* worker) {
+    if (worker == nullptr) {
+        LOG_ERROR("Forbid nullptr as input parameter");
+        return nullptr;
+    }
+    return std::unique_ptr<PlugoutWorkerOperation>(new PlugoutWorkerOperation(worker));
+}
+
+PlugoutWorkerOperation::PlugoutWorkerOperation(WorkThread* worker) : m_worker(worker) {}
+
+void PlugoutWorkerOperation::operation() {
+    for (KelmGraph* graph : m_worker->getGraphs()) {
+        const std::string graphName = graph->getName();
+        LOG_PROC(m_debugProcess, "unload [%s] from reset device [%s]", graphName,
+                 m_worker->getName());
+        m_futures[graph] = {graphName, m_worker->enqueueUnloadGraph(graph, false)};
+    }
+}
+
+void PlugoutWorkerOperation::wait() {
+    for (const auto& [graph, unload] : m_futures) {
+        LOG_PROC(m_debugProcess, "wait unload [%s] from reset device [%s] done", unload.graphName,
+                 m_worker->getName());
+        unload.future.wait();  // its value does not matter: the device is gone
+    }
+    LOG_PROC(m_debugProcess, "tell DM to delete reset device [%s]", m_worker->getName());
+    Port<WorkerRemovalListener>::notify<&WorkerRemovalListener::enqueueRemoveWorkerDone>(m_worker);
+}
+
+}  // namespace kelm

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+
+#include "scheduling/devices/StatusChangeRequest.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm {
+
+class KelmGraph;
+class WorkThread;
+
+// One unit of a device scheduler's plan: load this graph on that worker, unload it, or strip a
+// worker that goes away. execute() only hands the job to the worker, so that the operations of a
+// plan run in parallel; wait() collects the outcome. One that was never executed has no effect.
+//
+// Threads: the scheduling thread only; the job runs on the worker's.
+// Owns: the future of the job. Graph and worker are borrowed until wait() has returned, and not
+// followed after it but by releaseFailed().
+class StatusChangeOperation : public NonCopyable {
+ public:
+    virtual ~StatusChangeOperation() = default;
+
+    // Both throw what the worker's pools or the job throw.
+    virtual void execute();
+    // Blocks until the job is done, without a limit. Nothing to wait for: returns.
+    virtual void wait() {}
+    // What the job gave, 0 before.
+    virtual int32_t getRetCode() { return m_retCode; }
+    // Whether it does this to the graph.
+    virtual bool isOperation(KelmGraph* graph, StatusChangeRequestType type);
+
+    // After wait(): makes the worker forget a graph that it failed to load.
+    virtual void releaseFailed() {}
+    // After wait(): the worker, if its answer says that the device is gone, else null.
+    virtual WorkThread* getLostWorker() const { return nullptr; }
+    // The outcome in place of an exception that execute() or wait() threw.
+    void setFailed(int32_t retCode) { m_retCode = retCode; }
+
+ protected:
+    StatusChangeOperation();
+
+    virtual void operation() = 0;
+    virtual void preOperation() {}
+    virtual void postOperation() {}
+
+    int32_t m_retCode = 0;
+    const bool m_debugProcess;
+};
+
+}  // namespace kelm

@@ -1,0 +1,42 @@
+#include "scheduling/devices/UnloadGraphOperation.h"
+
+#include <utility>
+
+#include "execution/WorkThread.h"
+#include "records/KelmGraph.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+std::unique_ptr<UnloadGraphOperation> UnloadGraphOperation::create(KelmGraph* graph,
+                                                                   WorkThread* worker,
+                                                                   bool shallow) {
+    if (graph == nullptr || worker == nullptr) {
+        LOG_ERROR("Forbid nullptr as input parameter");
+        return nullptr;
+    }
+    return std::unique_ptr<UnloadGraphOperation>(new UnloadGraphOperation(graph, worker, shallow));
+}
+
+UnloadGraphOperation::UnloadGraphOperation(KelmGraph* graph, WorkThread* worker, bool shallow)
+    : m_shallow(shallow), m_graph(graph), m_worker(worker), m_graphName(graph->getName()) {}
+
+void UnloadGraphOperation::operation() {
+    LOG_PROC(m_debugProcess, "unload [%s] from [%s]", m_graphName, m_worker->getName());
+    m_future = m_worker->enqueueUnloadGraph(m_graph, m_shallow);
+}
+
+void UnloadGraphOperation::wait() {
+    if (!m_future.valid()) return;
+    LOG_PROC(m_debugProcess, "wait unload [%s] from [%s] done", m_graphName, m_worker->getName());
+    const std::shared_future<int> future = std::exchange(m_future, {});
+    m_retCode = future.get();
+    LOG_PROC(m_debugProcess, "unload [%s] from [%s] done, retCode=%d", m_graphName,
+             m_worker->getName(), m_retCode);
+}
+
+bool UnloadGraphOperation::isOperation(KelmGraph* graph, StatusChangeRequestType type) {
+    return type == REQUEST_UNLOAD_GRAPH && graph == m_graph;
+}
+
+}  // namespace kelm
