@@ -1,0 +1,193 @@
+#include "client/Client.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "client/ClientImpl.h"
+#include "utils/IPC.h"
+#include "utils/Log.h"
+#include "utils/RunPaths.h"
+#include "utils/StringHelper.h"
+#include "utils/UniqueMalloc.h"
+
+namespace kelm::client {
+
+namespace {
+
+constexpr uint16_t kApiMajorVersion = 2;
+constexpr uint16_t kApiMinorVersion = 0;
+
+template <class Request>
+Request makeRequest(KelmMsgType type) {
+    Request request{};
+    KelmMsgReq& head = reinterpret_cast<KelmMsgReq&>(request);
+    head.base.type = type;
+    head.base.size = sizeof(Request);
+    return request;
+}
+
+template <class Request>
+Request makeRequest(KelmMsgType type, uint64_t clientId) {
+    auto request = makeRequest<Request>(type);
+    request.clientId = clientId;
+    return request;
+}
+
+// The answer as its record, or null when it is of another type.
+template <class Response>
+const Response* answerAs(const MessagePtr& message, KelmMsgType type) {
+    return message->type == type ? reinterpret_cast<const Response*>(message.get()) : nullptr;
+}
+
+Error unexpectedAnswer() {
+    return {ErrorKind::kSystem, 0, "the service gave an answer of another kind; check its version"};
+}
+
+Result<Graph> readGraph(const Result<MessagePtr>& answer) {
+    if (!answer) return answer.error();
+    const auto* response =
+        answerAs<KelmMsgRspCreateGraph>(answer.value(), KELM_MESSAGE_CREATE_GRAPH_RSP);
+    if (response == nullptr) return unexpectedAnswer();
+    return Graph{response->graphId,         response->inputBufferSize, response->outputBufferSize,
+                 response->debugBufferSize, response->timeTakensSize,  response->thermalBufferSize};
+}
+
+KelmMsgReqCreateGraph makeCreateGraph(uint64_t clientId, const GraphOptions& options) {
+    auto request = makeRequest<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ, clientId);
+    request.subclass = options.subclass;
+    request.expectDevices = options.expectDevices;
+    StringHelper::copyStringSafe(request.graphName, options.name);
+    StringHelper::copyStringSafe(request.graphTag, options.tag);
+    StringHelper::copyStringSafe(request.streamId, options.streamId);
+    return request;
+}
+
+}  // namespace
+
+Client::Client(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+Client::~Client() = default;
+
+Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath) {
+    // The library is a guest: it writes nothing to its host's output.
+    Log::instance().setLogLevel(0);
+    const std::string path = socketPath.empty() ? RunPaths::serviceSocket() : socketPath;
+    try {
+        auto connection = std::make_shared<IPC::ConnectionUDS>(nullptr);
+        if (!connection->connect(path)) {
+            return Error(ErrorKind::kNotConnected, 0,
+                         "no service answers on " + path + "; start it or set KELM_RUN_DIR");
+        }
+        return std::unique_ptr<Client>(new Client(std::make_unique<Impl>(std::move(connection))));
+    } catch (const std::exception& error) {
+        return Error(ErrorKind::kSystem, 0, error.what());
+    }
+}
+
+Error Client::registerClient(const std::string& name, Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
+    StringHelper::copyStringSafe(request.clientName, name);
+    request.apiMajorVersion = kApiMajorVersion;
+    request.apiMinorVersion = kApiMinorVersion;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "register", deadline);
+    if (!answer) return answer.error();
+    m_impl->setClientId(reinterpret_cast<const KelmMsgRsp*>(answer.value().get())->clientId);
+    return {};
+}
+
+Error Client::unregister(Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ, clientId());
+    const Result<MessagePtr> answer = m_impl->call(request.head, "unregister", deadline);
+    return answer ? Error() : answer.error();
+}
+
+Result<Graph> Client::createGraphFromFile(const std::string& path, const GraphOptions& options,
+                                          Deadline deadline) {
+    // The service has a working directory of its own.
+    const UniqueMalloc<char> absolute(::realpath(path.c_str(), nullptr));
+    if (!absolute) return Error::fromErrno("finding " + path);
+    auto request = makeCreateGraph(clientId(), options);
+    if (std::strlen(absolute.get()) >= sizeof(request.graphPath)) {
+        return Error(ErrorKind::kSystem, 0, "the path of the graph file is too long");
+    }
+    StringHelper::copyStringSafe(request.graphPath, absolute.get());
+    return readGraph(m_impl->call(request.head, "create graph", deadline));
+}
+
+Result<Graph> Client::createGraph(std::span<const std::byte> blob, const GraphOptions& options,
+                                  Deadline deadline) {
+    if (blob.size() > UINT32_MAX) {
+        return Error(ErrorKind::kSystem, 0, "a graph has at most 4 GiB");
+    }
+    auto request = makeCreateGraph(clientId(), options);
+    request.graphData = reinterpret_cast<uint64_t>(blob.data());
+    request.graphDataSize = static_cast<uint32_t>(blob.size());
+    return readGraph(m_impl->call(request.head, "create graph", deadline));
+}
+
+Error Client::destroyGraph(uint64_t graphId, Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, clientId());
+    request.graphId = graphId;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "destroy graph", deadline);
+    return answer ? Error() : answer.error();
+}
+
+Result<BufferSizes> Client::queryBufferSize(uint64_t graphId, Deadline deadline) {
+    auto request =
+        makeRequest<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, clientId());
+    request.graphId = graphId;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "query buffer size", deadline);
+    if (!answer) return answer.error();
+    const auto* response =
+        answerAs<KelmMsgRspQueryBufferSize>(answer.value(), KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP);
+    if (response == nullptr) return unexpectedAnswer();
+    // On the wire the pair stands in the fields of input and output.
+    return BufferSizes{response->inputBufferSize, response->outputBufferSize};
+}
+
+void Client::inferAsync(const InferRequest& request, InferCallback done, AcceptCallback accepted,
+                        Deadline deadline) {
+    m_impl->infer(request, std::move(done), std::move(accepted), deadline);
+}
+
+std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {
+    auto promise = std::make_shared<std::promise<InferResult>>();
+    std::future<InferResult> result = promise->get_future();
+    inferAsync(
+        request, [promise](const InferResult& end) { promise->set_value(end); }, {}, deadline);
+    return result;
+}
+
+InferResult Client::infer(const InferRequest& request, Deadline deadline) {
+    return inferAsync(request, deadline).get();
+}
+
+Result<bool> Client::cancel(uint64_t taskId, Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ, clientId());
+    request.taskId = taskId;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "cancel", deadline);
+    if (!answer) return answer.error();
+    const auto* response =
+        answerAs<KelmMsgRspCancelTask>(answer.value(), KELM_MESSAGE_CANCEL_TASK_RSP);
+    if (response == nullptr) return unexpectedAnswer();
+    if (response->canceled != 0) m_impl->taskCanceled(taskId);
+    return response->canceled != 0;
+}
+
+Result<TaskStage> Client::queryTask(uint64_t taskId, Deadline deadline) {
+    auto request =
+        makeRequest<KelmMsgReqQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_REQ, clientId());
+    request.taskId = taskId;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "query task", deadline);
+    if (!answer) return answer.error();
+    const auto* response =
+        answerAs<KelmMsgRspQueryTaskStatus>(answer.value(), KELM_MESSAGE_QUERY_TASK_STATUS_RSP);
+    if (response == nullptr) return unexpectedAnswer();
+    return static_cast<TaskStage>(response->taskStatus);
+}
+
+uint64_t Client::clientId() const { return m_impl->clientId(); }
+bool Client::isConnected() const { return m_impl->isConnected(); }
+
+}  // namespace kelm::client

@@ -1,0 +1,123 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "client/Error.h"
+#include "client/TensorPool.h"
+
+namespace kelm::client {
+
+using Deadline = std::chrono::milliseconds;
+constexpr Deadline kDefaultDeadline{10000};
+// Loading a graph onto devices takes its time.
+constexpr Deadline kGraphDeadline{60000};
+
+// Which devices a graph asks for. `tag` and `streamId` pick reserved devices; empty means shared.
+struct GraphOptions {
+    std::string name = "unnamed";
+    std::string tag;
+    std::string streamId;
+    int32_t subclass = 0;
+    int32_t expectDevices = 1;
+};
+
+// A graph that the service has loaded, with the sizes in bytes of its buffers.
+struct Graph {
+    uint64_t id = 0;
+    uint64_t inputSize = 0;
+    uint64_t outputSize = 0;
+    uint64_t debugSize = 0;
+    uint64_t timeTakenSize = 0;
+    uint64_t thermalSize = 0;
+};
+
+struct BufferSizes {
+    uint64_t output = 0;
+    uint64_t aux = 0;
+};
+
+// The stages of a task, as a query tells them.
+enum class TaskStage : int32_t { kCreated = 0, kQueued = 1, kLoading = 2, kLoaded = 3, kDone = 4 };
+
+struct InferRequest {
+    uint64_t graphId = 0;
+    Tensor input;
+    Tensor output;
+    Tensor aux;             // kind kNone: none wanted
+    uint32_t auxFlags = 0;  // 1 time taken, 2 thermal, 4 debug info
+    uint64_t cookie0 = 0;   // come back with the result
+    uint64_t cookie1 = 0;
+};
+
+// How an inference ended. Latencies are 0 where the answer never came.
+struct InferResult {
+    Error error;
+    uint64_t taskId = 0;
+    uint64_t cookie0 = 0;
+    uint64_t cookie1 = 0;
+    std::chrono::nanoseconds acceptLatency{0};
+    std::chrono::nanoseconds resultLatency{0};
+};
+
+// Called exactly once per inference, on the client's own threads; must not block for long.
+using InferCallback = std::function<void(const InferResult&)>;
+// Called when the service has taken the task, before the result, with the task's id.
+using AcceptCallback = std::function<void(uint64_t taskId)>;
+
+// A connection to the service, one per process, shared by its threads.
+//
+// Every call takes a deadline and ends with an error that says what to do. When the connection is
+// lost, every pending call ends with kConnectionLost, and so does every later one.
+//
+// Threads: any. A callback may submit the next inference; it must not wait for one.
+class Client {
+ public:
+    // An empty path means the service's usual socket, or the one under KELM_RUN_DIR.
+    static Result<std::unique_ptr<Client>> connect(const std::string& socketPath = {});
+    ~Client();  // ends pending calls, closes the connection
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // A name of up to 31 characters. First call after connect.
+    Error registerClient(const std::string& name, Deadline deadline = kDefaultDeadline);
+    // Leaves in order; the connection is of no use afterwards.
+    Error unregister(Deadline deadline = kDefaultDeadline);
+
+    // The service reads the file itself.
+    Result<Graph> createGraphFromFile(const std::string& path, const GraphOptions& options,
+                                      Deadline deadline = kGraphDeadline);
+    Result<Graph> createGraph(std::span<const std::byte> blob, const GraphOptions& options,
+                              Deadline deadline = kGraphDeadline);
+    // Also cancels this client's tasks when others keep using the graph.
+    Error destroyGraph(uint64_t graphId, Deadline deadline = kDefaultDeadline);
+    Result<BufferSizes> queryBufferSize(uint64_t graphId, Deadline deadline = kDefaultDeadline);
+
+    // The buffers must stay as they are until the call has ended; after a timeout, until the
+    // connection has ended, since the task may still run.
+    void inferAsync(const InferRequest& request, InferCallback done, AcceptCallback accepted = {},
+                    Deadline deadline = kDefaultDeadline);
+    std::future<InferResult> inferAsync(const InferRequest& request,
+                                        Deadline deadline = kDefaultDeadline);
+    InferResult infer(const InferRequest& request, Deadline deadline = kDefaultDeadline);
+
+    // True if the task was still waiting: its call then ends with kCanceled. False: it runs on.
+    Result<bool> cancel(uint64_t taskId, Deadline deadline = kDefaultDeadline);
+    Result<TaskStage> queryTask(uint64_t taskId, Deadline deadline = kDefaultDeadline);
+
+    uint64_t clientId() const;
+    bool isConnected() const;
+
+ private:
+    class Impl;
+    explicit Client(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace kelm::client

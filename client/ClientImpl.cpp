@@ -1,0 +1,161 @@
+#include "client/ClientImpl.h"
+
+#include <future>
+#include <utility>
+
+#include "protocol/src/KelmProtocol.h"
+#include "utils/IPC.h"
+#include "utils/StringHelper.h"
+#include "utils/ThreadUtils.h"
+
+namespace kelm::client {
+
+namespace {
+
+struct Answer {
+    MessagePtr message;
+    Error error;
+};
+
+void fillBuffer(KelmBuffer& buffer, const Tensor& tensor) {
+    if (tensor.kind == Tensor::Kind::kNone) return;
+    buffer.size = tensor.size;
+    if (tensor.kind == Tensor::Kind::kDescriptor) {
+        buffer.type = KELM_BUFFER_ION;
+        buffer.fd = tensor.fd;
+    } else {
+        buffer.type = KELM_BUFFER_SHARE_MEMORY;
+        StringHelper::copyStringSafe(buffer.name, tensor.name);
+    }
+}
+
+KelmMsgReqInferTask makeInferRequest(uint64_t clientId, uint64_t sequence,
+                                     const InferRequest& request) {
+    KelmMsgReqInferTask message{};
+    message.head.base.type = KELM_MESSAGE_INFER_TASK_REQ;
+    message.head.base.size = sizeof(message);
+    message.head.reqSeqNo = sequence;
+    message.head.needResponse = 1;
+    message.clientId = clientId;
+    message.graphId = request.graphId;
+    message.taskCookie0 = request.cookie0;
+    message.taskCookie1 = request.cookie1;
+    fillBuffer(message.inputBuffer, request.input);
+    fillBuffer(message.outputBuffer, request.output);
+    fillBuffer(message.auxBuffer, request.aux);
+    message.auxBuffer.auxFlags = request.auxFlags;
+    message.auxBuffer.auxRequested = request.aux.kind != Tensor::Kind::kNone ? 1 : 0;
+    return message;
+}
+
+}  // namespace
+
+Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection)
+    : m_connection(std::move(connection)),
+      m_socket(m_connection->getSimulateFD()),
+      m_pending([this] { giveUpStuckSend(); }),
+      m_reader([this] { readRoutine(); }) {}
+
+Client::Impl::~Impl() {
+    m_connection->shutdown();
+    m_reader.join();
+    m_pending.closeAll(Error::connectionLost());
+    m_connection->close();
+}
+
+Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Deadline deadline) {
+    const Clock::time_point end = Clock::now() + deadline;
+    const uint64_t sequence = nextSequence();
+    request.reqSeqNo = sequence;
+    request.needResponse = 1;
+    auto promise = std::make_shared<std::promise<Answer>>();
+    std::future<Answer> future = promise->get_future();
+    const bool added =
+        m_pending.addCall(sequence, what, end, [promise](MessagePtr message, const Error& error) {
+            promise->set_value({std::move(message), error});
+        });
+    if (!added) return Error::connectionLost();
+    if (const Error error = send(request.base, end)) m_pending.fail(sequence, error);
+    Answer answer = future.get();
+    if (answer.error) return answer.error;
+    const auto* response = reinterpret_cast<const KelmMsgRsp*>(answer.message.get());
+    if (response->status != 0) return Error::fromStatus(response->status);
+    return std::move(answer.message);
+}
+
+void Client::Impl::infer(const InferRequest& request, InferCallback done, AcceptCallback accepted,
+                         Deadline deadline) {
+    const Clock::time_point end = Clock::now() + deadline;
+    const uint64_t sequence = nextSequence();
+    KelmMsgReqInferTask message = makeInferRequest(clientId(), sequence, request);
+    if (!isConnected()) {
+        InferResult result;
+        result.error = Error::connectionLost();
+        return done(result);
+    }
+    if (!m_pending.addInfer(sequence, end, request, done, std::move(accepted))) {
+        InferResult result;
+        result.error = Error::connectionLost();
+        return done(result);
+    }
+    if (const Error error = send(message.head.base, end)) m_pending.fail(sequence, error);
+}
+
+Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
+    {
+        MutexLock lock(m_sendMutex);
+        while (m_sending) {
+            if (!m_sendTurn.waitUntil(m_sendMutex, deadline) && m_sending) {
+                return Error::timeout("the request");
+            }
+        }
+        m_sending = true;
+        m_sendDeadline = deadline;
+    }
+    const bool sent = kelmSendMessage(m_socket, &message) == 0;
+    {
+        MutexLock lock(m_sendMutex);
+        m_sending = false;
+        m_sendTurn.notifyOne();
+    }
+    return sent ? Error() : Error::connectionLost();
+}
+
+void Client::Impl::giveUpStuckSend() {
+    MutexLock lock(m_sendMutex);
+    if (m_sending && m_sendDeadline <= Clock::now()) m_connection->shutdown();
+}
+
+void Client::Impl::readRoutine() {
+    ThreadUtils::setName("KelmReader");
+    while (m_connection->waitReadable()) {
+        MessagePtr message(kelmReceiveMessage(m_socket));
+        if (!message) break;
+        dispatch(std::move(message));
+    }
+    m_connected.store(false);
+    m_pending.closeAll(Error::connectionLost());
+}
+
+void Client::Impl::dispatch(MessagePtr message) {
+    switch (message->type) {
+        case KELM_MESSAGE_INFER_TASK_RSP: {
+            const auto& response = reinterpret_cast<const KelmMsgRspInferTask&>(*message);
+            m_pending.acceptInfer(response.head.reqSeqNo, response.head.status, response.taskId);
+            break;
+        }
+        case KELM_MESSAGE_TASK_DONE_EVT: {
+            const auto& event = reinterpret_cast<const KelmMsgEvtTaskDone&>(*message);
+            m_pending.finishInfer(event.reqSeqNo, event.status, event.taskId);
+            break;
+        }
+        default: {
+            if (message->size < sizeof(KelmMsgRsp)) break;  // an event that asks for nothing
+            const uint64_t sequence = reinterpret_cast<const KelmMsgRsp&>(*message).reqSeqNo;
+            m_pending.finishCall(sequence, std::move(message));
+            break;
+        }
+    }
+}
+
+}  // namespace kelm::client

@@ -1,0 +1,107 @@
+#include "client/Error.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "protocol/src/KelmError.h"
+
+namespace kelm::client {
+
+namespace {
+
+struct AdviceRow {
+    int32_t code;
+    const char* advice;
+};
+
+constexpr AdviceRow kAdvice[] = {
+    {KELM_ERROR_INVALID_DEVICE, "no such device; ask for the device list again"},
+    {KELM_ERROR_INVALID_PARAM,
+     "the request names something that this service does not offer; check subclass, tag and stream "
+     "id against its configuration"},
+    {KELM_ERROR_BUFFER_ALLOC_FAILED, "the service could not map a buffer; check its kind and size"},
+    {KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH, "the graph does not fit the device library"},
+    {KELM_ERROR_INVALID_CLIENT_NAME, "register with a name"},
+    {KELM_ERROR_INVALID_CLIENT,
+     "the service does not know this client; connect and register again"},
+    {KELM_ERROR_GRAPH_DIGEST_FAILED,
+     "the service could not read the graph; check that the file is regular and readable for it"},
+    {KELM_ERROR_INVALID_GRAPH, "no such graph; create it first"},
+    {KELM_ERROR_INVALID_GRAPH_FORMAT, "the file is no compiled graph for this device"},
+    {KELM_ERROR_INVALID_TASK, "no such task; it may have ended"},
+    {KELM_ERROR_INVALID_INPUT_BUFFER, "check kind and size of the input buffer"},
+    {KELM_ERROR_INVALID_OUTPUT_BUFFER, "check kind and size of the output buffer"},
+    {KELM_ERROR_INVALID_AUX_BUFFER, "check kind and size of the auxiliary buffer"},
+    {KELM_ERROR_MAP_INPUT_FAILED, "the service could not map the input buffer"},
+    {KELM_ERROR_MAP_OUTPUT_FAILED, "the service could not map the output buffer"},
+    {KELM_ERROR_MAP_AUX_FAILED, "the service could not map the auxiliary buffer"},
+    {KELM_ERROR_GRAPH_VERIFY_FAILED, "the graph has no data"},
+    {KELM_ERROR_NO_DEVICE_AVAILABLE, "no device can take the graph; plug one in or try later"},
+    {KELM_ERROR_TOO_MANY_TASK, "too many tasks wait; take some results before submitting more"},
+    {KELM_ERROR_TOO_MANY_GRAPH, "too many graphs exist; destroy one first"},
+    {KELM_ERROR_DEVICE_FAILED, "the device failed; try again, another one may take over"},
+    {KELM_ERROR_DEVICE_ALREADY_OPEN, "the device is open already"},
+    {KELM_ERROR_DEVICE_NOT_OPEN, "the device is closed; try again later"},
+    {KELM_ERROR_GRAPH_NOT_ALLOCATED, "the device lost the graph; try again"},
+    {KELM_ERROR_OUT_OF_MEMORY, "the service is out of memory"},
+    {KELM_ERROR_NO_RIGHTS, "the graph or task belongs to another client"},
+};
+
+const char* findAdvice(int32_t code) {
+    for (const AdviceRow& row : kAdvice) {
+        if (row.code == code) return row.advice;
+    }
+    return "see the log of the service";
+}
+
+}  // namespace
+
+Error Error::fromStatus(int32_t status) {
+    if (status == KELM_OK) return {};
+    const std::string head =
+        std::string(getErrorName(status)) + " (" + std::to_string(status) + ")";
+    return {ErrorKind::kService, status, head + ": " + findAdvice(status)};
+}
+
+Error Error::timeout(const std::string& what) {
+    return {ErrorKind::kTimeout, 0,
+            what + " got no answer before its deadline; give it more time or check the service"};
+}
+
+Error Error::connectionLost() {
+    return {ErrorKind::kConnectionLost, 0,
+            "the connection to the service is lost; connect and register again"};
+}
+
+Error Error::notConnected() {
+    return {ErrorKind::kNotConnected, 0,
+            "not connected to the service; connect and register first"};
+}
+
+Error Error::canceled() { return {ErrorKind::kCanceled, 0, "the task was canceled before it ran"}; }
+
+Error Error::fromErrno(const std::string& what) {
+    return {ErrorKind::kSystem, 0, what + " failed: " + std::strerror(errno)};
+}
+
+std::string Error::name() const {
+    switch (m_kind) {
+        case ErrorKind::kNone:
+            return "KELM_OK";
+        case ErrorKind::kService:
+            return getErrorName(m_code);
+        case ErrorKind::kTimeout:
+            return "timeout";
+        case ErrorKind::kConnectionLost:
+            return "connection lost";
+        case ErrorKind::kNotConnected:
+            return "not connected";
+        case ErrorKind::kCanceled:
+            return "canceled";
+        case ErrorKind::kSystem:
+            return "system error";
+    }
+    return "unknown";
+}
+
+}  // namespace kelm::client

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "client/Client.h"
+#include "protocol/src/MessagePtr.h"
+#include "utils/Mutex.h"
+
+namespace kelm::client {
+
+// What waits for an answer, by the sequence number of its request. Each entry ends exactly once:
+// with its answer, at its deadline, or when the connection is lost.
+//
+// Threads: any; callbacks run on the thread that ends the call, outside the lock.
+// Owns: the entries and the thread "KelmDeadline".
+class PendingCalls {
+ public:
+    using Clock = std::chrono::steady_clock;
+    // The answer, or null with the error that stands in its place.
+    using Reply = std::function<void(MessagePtr answer, const Error& error)>;
+
+    // `onOverdue` runs on the deadline thread whenever a deadline has passed.
+    explicit PendingCalls(std::function<void()> onOverdue);
+    ~PendingCalls();  // ends what is left with kConnectionLost
+
+    // False after closeAll(): the entry was not taken and nothing will be called.
+    bool addCall(uint64_t sequence, const char* what, Clock::time_point deadline, Reply reply);
+    bool addInfer(uint64_t sequence, Clock::time_point deadline, const InferRequest& request,
+                  InferCallback done, AcceptCallback accepted);
+
+    // A response has come; one for which nothing waits is dropped.
+    void finishCall(uint64_t sequence, MessagePtr answer);
+    void acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId);
+    void finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
+    // The task was taken back by cancel.
+    void cancelInfer(uint64_t taskId);
+    // The request could not be sent.
+    void fail(uint64_t sequence, const Error& error);
+    // Ends everything, now and for ever.
+    void closeAll(const Error& error);
+
+ private:
+    struct Entry {
+        Clock::time_point deadline;
+        Clock::time_point start;
+        const char* what = "";
+        Reply reply;         // set for calls
+        InferCallback done;  // set for inferences
+        AcceptCallback accepted;
+        InferResult result;
+    };
+    using Entries = std::unordered_map<uint64_t, Entry>;
+
+    bool add(uint64_t sequence, Entry entry) EXCLUDES(m_mutex);
+    // The entry, taken out; `found` tells whether there was one.
+    Entry take(uint64_t sequence, bool& found) EXCLUDES(m_mutex);
+    static void end(Entry& entry, const Error& error);
+    void deadlineRoutine() EXCLUDES(m_mutex);
+    std::vector<Entry> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
+
+    const std::function<void()> m_onOverdue;
+    Mutex m_mutex;
+    CondVar m_wake;
+    bool m_closed GUARDED_BY(m_mutex) = false;
+    bool m_stop GUARDED_BY(m_mutex) = false;
+    Entries m_entries GUARDED_BY(m_mutex);
+    std::vector<Entries::node_type> m_spareNodes GUARDED_BY(m_mutex);  // saves a heap call per call
+    Clock::time_point m_nextCheck GUARDED_BY(m_mutex) = Clock::time_point::max();
+    std::thread m_thread;
+};
+
+}  // namespace kelm::client

@@ -1,0 +1,168 @@
+#include "tools/kelmctl/BenchClient.h"
+
+#include <unistd.h>
+
+#include <numeric>
+#include <thread>
+
+#include "utils/StringHelper.h"
+
+namespace kelm::ctl {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPoll(1);
+constexpr client::Deadline kInferDeadline(30000);
+
+uint64_t nanosSince(std::chrono::steady_clock::time_point start) {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                     std::chrono::steady_clock::now() - start)
+                                     .count());
+}
+
+}  // namespace
+
+BenchClient::BenchClient(const BenchOptions& options, int index, BenchRegion& region)
+    : m_options(options),
+      m_index(index),
+      m_region(region),
+      m_lane(region.lanes[static_cast<size_t>(index)]) {}
+
+int BenchClient::run() {
+    if (const client::Error error = setUp()) return fail(error);
+    m_lane.stage = BenchStage::kReady;
+    waitForGo();
+    m_lane.stage = BenchStage::kRunning;
+    const Clock::time_point begin = Clock::now();
+    submitAll();
+    waitUntilDone();
+    m_lane.runNanos = nanosSince(begin);
+    const bool lost = [this] {
+        MutexLock lock(m_mutex);
+        return m_lost;
+    }();
+    if (lost) return fail(client::Error::connectionLost());
+    (void)m_client->unregister();  // the counts are complete; a service that leaves is no failure
+    m_lane.stage = BenchStage::kDone;
+    return 0;
+}
+
+int BenchClient::fail(const client::Error& error) {
+    error.text().copy(m_lane.failure.data(), m_lane.failure.size() - 1);
+    m_lane.stage = BenchStage::kFailed;
+    return 1;
+}
+
+client::Error BenchClient::setUp() {
+    auto connected = client::Client::connect();
+    if (!connected) return connected.error();
+    m_client = std::move(connected.value());
+    const std::string name = "bench-" + std::to_string(m_index);
+    if (client::Error error = m_client->registerClient(name)) return error;
+    const std::vector<int> weights = parseWeights(m_options, m_index);
+    MutexLock lock(m_mutex);
+    for (size_t i = 0; i < m_options.graphs.size(); ++i) {
+        if (weights[i] == 0) continue;
+        client::GraphOptions graphOptions;
+        graphOptions.name = m_options.graphs[i];
+        auto graph = m_client->createGraphFromFile(m_options.graphs[i], graphOptions);
+        if (!graph) return graph.error();
+        Source source;
+        source.graph = graph.value();
+        source.tensors =
+            std::make_unique<client::TensorPool>(source.graph.inputSize, source.graph.outputSize);
+        source.cell = i;
+        source.weight = weights[i];
+        m_sources.push_back(std::move(source));
+    }
+    return {};
+}
+
+void BenchClient::waitForGo() const {
+    const pid_t parent = ::getppid();
+    while (!m_region.go && ::getppid() == parent) std::this_thread::sleep_for(kPoll);
+}
+
+bool BenchClient::mayStartUnsafe() const {
+    if (m_lost || m_region.stop.load(std::memory_order_relaxed)) return false;
+    return m_options.count == 0 || m_started < m_options.count;
+}
+
+// Smooth weighted round robin: everyone earns its weight, the richest pays the sum.
+BenchClient::Source& BenchClient::nextSource() {
+    int sum = 0;
+    Source* richest = nullptr;
+    for (Source& source : m_sources) {
+        source.credit += source.weight;
+        sum += source.weight;
+        if (richest == nullptr || source.credit > richest->credit) richest = &source;
+    }
+    richest->credit -= sum;
+    return *richest;
+}
+
+void BenchClient::submitAll() {
+    for (int i = 0; i < m_options.depth; ++i) submit();
+}
+
+void BenchClient::submit() {
+    Source* source = nullptr;
+    {
+        MutexLock lock(m_mutex);
+        if (!mayStartUnsafe()) {
+            if (m_inFlight == 0) m_idle.notifyAll();
+            return;
+        }
+        source = &nextSource();
+        ++m_started;
+        ++m_inFlight;
+    }
+    auto slot = source->tensors->acquire();
+    if (!slot) {
+        client::InferResult result;
+        result.error = slot.error();
+        return finish(*source, result);
+    }
+    client::InferRequest request;
+    request.graphId = source->graph.id;
+    request.input = slot.value()->inputTensor();
+    request.output = slot.value()->outputTensor();
+    m_client->inferAsync(
+        request,
+        [this, source, held = slot.value()](const client::InferResult& result) {
+            finish(*source, result);
+        },
+        {}, kInferDeadline);
+}
+
+void BenchClient::finish(Source& source, const client::InferResult& result) {
+    BenchCell& cell = m_lane.cells[source.cell];
+    cell.requests.store(cell.requests.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_relaxed);
+    if (result.acceptLatency.count() > 0) {
+        cell.accept.add(static_cast<uint64_t>(result.acceptLatency.count()));
+    }
+    if (result.error) {
+        addError(cell, result.error.name().c_str());
+    } else {
+        cell.result.add(static_cast<uint64_t>(result.resultLatency.count()));
+        if (m_lane.firstResultNanos == 0) m_lane.firstResultNanos = nanosSince(m_start);
+    }
+    {
+        MutexLock lock(m_mutex);
+        --m_inFlight;
+        using client::ErrorKind;
+        const ErrorKind kind = result.error.kind();
+        if (kind == ErrorKind::kConnectionLost || kind == ErrorKind::kSystem) m_lost = true;
+    }
+    submit();
+}
+
+void BenchClient::waitUntilDone() {
+    MutexLock lock(m_mutex);
+    while (m_inFlight > 0 || mayStartUnsafe()) {
+        (void)m_idle.waitFor(m_mutex, std::chrono::milliseconds(100));
+    }
+}
+
+}  // namespace kelm::ctl

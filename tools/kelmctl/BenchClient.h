@@ -1,0 +1,66 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "client/Client.h"
+#include "tools/kelmctl/BenchOptions.h"
+#include "tools/kelmctl/BenchRegion.h"
+#include "utils/Mutex.h"
+
+namespace kelm::ctl {
+
+// One client process of a benchmark: keeps `depth` inferences in flight until the count is reached
+// or the parent says stop, and counts into its lane.
+//
+// Threads: run() on the process's main thread; results arrive on the client library's threads and
+// submit the next inference.
+class BenchClient {
+ public:
+    BenchClient(const BenchOptions& options, int index, BenchRegion& region);
+
+    // Exit status of the process.
+    int run();
+
+ private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Source {
+        client::Graph graph;
+        std::unique_ptr<client::TensorPool> tensors;
+        size_t cell = 0;
+        int weight = 0;
+        int credit = 0;
+    };
+
+    client::Error setUp();
+    void waitForGo() const;
+    void submitAll();
+    // Starts one inference, if the run goes on.
+    void submit();
+    void finish(Source& source, const client::InferResult& result);
+    // The graph whose turn it is by its weight.
+    Source& nextSource() REQUIRES(m_mutex);
+    bool mayStartUnsafe() const REQUIRES(m_mutex);
+    void waitUntilDone() EXCLUDES(m_mutex);
+    int fail(const client::Error& error);
+
+    const BenchOptions& m_options;
+    const int m_index;
+    BenchRegion& m_region;
+    BenchLane& m_lane;
+    const Clock::time_point m_start = Clock::now();
+    std::unique_ptr<client::Client> m_client;
+
+    Mutex m_mutex;
+    CondVar m_idle;
+    std::vector<Source> m_sources GUARDED_BY(m_mutex);
+    uint64_t m_started GUARDED_BY(m_mutex) = 0;
+    uint64_t m_inFlight GUARDED_BY(m_mutex) = 0;
+    bool m_lost GUARDED_BY(m_mutex) = false;
+};
+
+}  // namespace kelm::ctl

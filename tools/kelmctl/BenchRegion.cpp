@@ -1,0 +1,24 @@
+#include "tools/kelmctl/BenchRegion.h"
+
+#include <cstring>
+
+#include "utils/StringHelper.h"
+
+namespace kelm::ctl {
+
+void addError(BenchCell& cell, const char* name) {
+    for (size_t i = 0; i < cell.errors.size(); ++i) {
+        ErrorCount& error = cell.errors[i];
+        const bool last = i + 1 == cell.errors.size();
+        if (error.count.load() == 0) {
+            const std::string text = last ? "other" : name;
+            text.copy(error.name.data(), error.name.size() - 1);
+        } else if (!last && std::strcmp(error.name.data(), name) != 0) {
+            continue;
+        }
+        error.count.fetch_add(1);
+        return;
+    }
+}
+
+}  // namespace kelm::ctl

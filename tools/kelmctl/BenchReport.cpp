@@ -1,0 +1,219 @@
+#include "tools/kelmctl/BenchReport.h"
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "utils/FileHelper.h"
+#include "utils/TextHelper.h"
+
+namespace kelm::ctl {
+
+namespace {
+
+constexpr double kNanosPerMilli = 1e6;
+constexpr double kNanosPerSecond = 1e9;
+constexpr size_t kNameWidth = 18;
+constexpr size_t kNumberWidth = 9;
+
+struct Quantile {
+    const char* name;
+    double value;
+};
+constexpr Quantile kQuantiles[] = {{"p50", 0.5}, {"p90", 0.9}, {"p99", 0.99}, {"p99.9", 0.999}};
+
+double toMillis(uint64_t nanos) { return static_cast<double>(nanos) / kNanosPerMilli; }
+
+std::string number(double value, int decimals) {
+    return alignRight(formatFixed(value, decimals), kNumberWidth);
+}
+
+std::string latencyCells(const Histogram& histogram) {
+    std::string text = number(histogram.mean() / kNanosPerMilli, 3);
+    for (const Quantile& quantile : kQuantiles) {
+        text += number(toMillis(histogram.percentile(quantile.value)), 3);
+    }
+    return text + number(toMillis(histogram.max()), 3);
+}
+
+nlohmann::json latencyJson(const Histogram& histogram) {
+    nlohmann::json json{{"count", histogram.count()},
+                        {"mean_ms", histogram.mean() / kNanosPerMilli},
+                        {"max_ms", toMillis(histogram.max())}};
+    for (const Quantile& quantile : kQuantiles) {
+        json[std::string(quantile.name) + "_ms"] = toMillis(histogram.percentile(quantile.value));
+    }
+    return json;
+}
+
+}  // namespace
+
+struct BenchReport::Row {
+    std::string name;
+    std::unique_ptr<Histogram> accept = std::make_unique<Histogram>();
+    std::unique_ptr<Histogram> result = std::make_unique<Histogram>();
+    uint64_t requests = 0;
+    std::map<std::string, uint64_t> errors;
+    double seconds = 0.0;
+
+    void add(const BenchCell& cell) {
+        accept->addAll(cell.accept);
+        result->addAll(cell.result);
+        requests += cell.requests;
+        for (const ErrorCount& error : cell.errors) {
+            if (error.count > 0) errors[error.name.data()] += error.count;
+        }
+    }
+
+    double rate() const {
+        return seconds > 0.0 ? static_cast<double>(result->count()) / seconds : 0.0;
+    }
+
+    uint64_t errorCount() const {
+        uint64_t sum = 0;
+        for (const auto& [code, count] : errors) sum += count;
+        return sum;
+    }
+
+    std::string line(const char* kind, const Histogram& histogram) const {
+        return alignLeft(shortenText(name, kNameWidth), kNameWidth + 1) + alignLeft(kind, 7) +
+               number(static_cast<double>(requests), 0) +
+               number(static_cast<double>(errorCount()), 0) + number(rate(), 1) +
+               latencyCells(histogram) + "\n";
+    }
+
+    nlohmann::json json() const {
+        return {{"name", name},
+                {"requests", requests},
+                {"errors", errors},
+                {"results_per_second", rate()},
+                {"accept", latencyJson(*accept)},
+                {"result", latencyJson(*result)}};
+    }
+};
+
+double jainIndex(const std::vector<double>& shares) {
+    double sum = 0.0;
+    double squares = 0.0;
+    for (const double share : shares) {
+        sum += share;
+        squares += share * share;
+    }
+    if (squares <= 0.0) return 1.0;
+    return sum * sum / (static_cast<double>(shares.size()) * squares);
+}
+
+BenchReport::BenchReport(const BenchOptions& options, const BenchRegion& region)
+    : m_options(options), m_region(region) {}
+
+std::string BenchReport::graphName(size_t graph) const {
+    return FileHelper::getFileName(m_options.graphs[graph]);
+}
+
+double BenchReport::seconds(size_t client) const {
+    return static_cast<double>(m_region.lanes[client].runNanos) / kNanosPerSecond;
+}
+
+double BenchReport::longestSeconds() const {
+    double longest = 0.0;
+    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+        longest = std::max(longest, seconds(i));
+    }
+    return longest;
+}
+
+BenchReport::Row BenchReport::sumOfClient(size_t client) const {
+    Row row;
+    row.name = "client " + std::to_string(client);
+    row.seconds = seconds(client);
+    for (size_t i = 0; i < m_options.graphs.size(); ++i) {
+        row.add(m_region.lanes[client].cells[i]);
+    }
+    return row;
+}
+
+BenchReport::Row BenchReport::sumOfGraph(size_t graph) const {
+    Row row;
+    row.name = graphName(graph);
+    row.seconds = longestSeconds();
+    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+        row.add(m_region.lanes[i].cells[graph]);
+    }
+    return row;
+}
+
+double BenchReport::fairness() const {
+    std::vector<double> shares;
+    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+        shares.push_back(static_cast<double>(sumOfClient(i).result->count()));
+    }
+    return jainIndex(shares);
+}
+
+std::string BenchReport::table() const {
+    std::ostringstream text;
+    text << alignLeft("", kNameWidth + 1) << alignLeft("", 7);
+    for (const char* head : {"requests", "errors", "req/s", "mean ms"}) {
+        text << alignRight(head, kNumberWidth);
+    }
+    for (const Quantile& quantile : kQuantiles) text << alignRight(quantile.name, kNumberWidth);
+    text << alignRight("max", kNumberWidth) << "\n";
+    Row all;
+    all.name = "all";
+    all.seconds = longestSeconds();
+    std::vector<Row> rows;
+    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+        rows.push_back(sumOfClient(i));
+    }
+    for (size_t i = 0; i < m_options.graphs.size(); ++i) rows.push_back(sumOfGraph(i));
+    for (size_t client = 0; client < static_cast<size_t>(m_options.clients); ++client) {
+        for (size_t graph = 0; graph < m_options.graphs.size(); ++graph) {
+            all.add(m_region.lanes[client].cells[graph]);
+        }
+    }
+    rows.push_back(std::move(all));
+    for (const Row& row : rows) {
+        text << row.line("accept", *row.accept) << row.line("result", *row.result);
+    }
+    for (const auto& [code, count] : rows.back().errors) {
+        text << "error " << code << ": " << count << "\n";
+    }
+    text << "fairness over clients (Jain): " << formatFixed(fairness(), 4) << "\n";
+    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+        text << "client " << i << ": first result after "
+             << formatFixed(toMillis(m_region.lanes[i].firstResultNanos), 1) << " ms\n";
+    }
+    return text.str();
+}
+
+std::string BenchReport::json() const {
+    nlohmann::json json{{"clients", nlohmann::json::array()},
+                        {"graphs", nlohmann::json::array()},
+                        {"depth", m_options.depth},
+                        {"seconds", longestSeconds()},
+                        {"fairness", fairness()}};
+    double rate = 0.0;
+    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+        const Row row = sumOfClient(i);
+        rate += row.rate();
+        nlohmann::json client = row.json();
+        client["first_result_ms"] = toMillis(m_region.lanes[i].firstResultNanos);
+        for (size_t graph = 0; graph < m_options.graphs.size(); ++graph) {
+            Row cell;
+            cell.name = graphName(graph);
+            cell.seconds = seconds(i);
+            cell.add(m_region.lanes[i].cells[graph]);
+            client["graphs"].push_back(cell.json());
+        }
+        json["clients"].push_back(std::move(client));
+    }
+    for (size_t i = 0; i < m_options.graphs.size(); ++i) {
+        json["graphs"].push_back(sumOfGraph(i).json());
+    }
+    json["results_per_second"] = rate;
+    return json.dump(2) + "\n";
+}
+
+}  // namespace kelm::ctl

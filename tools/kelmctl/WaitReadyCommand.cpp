@@ -1,0 +1,43 @@
+#include "tools/kelmctl/WaitReadyCommand.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
+#include <chrono>
+#include <iostream>
+#include <string>
+#include <thread>
+
+#include "utils/RunPaths.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm::ctl {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPoll(20);
+
+// Tried as a shared lock, so that two that wait never take each other for the service.
+bool isLocked(const std::string& path) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file && ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+}  // namespace
+
+int runWaitReady(double timeoutSeconds) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
+    while (!isLocked(RunPaths::readyMutex())) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            std::cerr << "the service is not ready: nobody holds " << RunPaths::readyMutex()
+                      << "\n";
+            return 1;
+        }
+        std::this_thread::sleep_for(kPoll);
+    }
+    return 0;
+}
+
+}  // namespace kelm::ctl
