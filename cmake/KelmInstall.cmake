@@ -5,3 +5,13 @@ foreach(program kelmdaemon kelmctl)
     endif()
 endforeach()
 install(FILES config/kelm_service.config DESTINATION config)
+
+# The client library as libkelm, with the static libraries below it. Its headers include one another
+# as "client/...", so the folder keeps its name; pkg-config knows the rest.
+set_target_properties(kelm_client PROPERTIES OUTPUT_NAME kelm)
+foreach(library client protocol utils)
+    install(TARGETS kelm_${library} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endforeach()
+install(FILES client/Client.h client/Error.h client/TensorPool.h DESTINATION include/kelm/client)
+configure_file(cmake/kelm.pc.in kelm.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kelm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
