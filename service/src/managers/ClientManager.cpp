@@ -1,0 +1,285 @@
+#include "managers/ClientManager.h"
+
+#include "config/ServiceConfigParser.h"
+#include "managers/GraphManager.h"
+#include "managers/MessageDispatcher.h"
+#include "managers/ResultDispatcher.h"
+#include "managers/TaskManager.h"
+#include "protocol/src/MessagePtr.h"
+#include "records/ClientConnection.h"
+#include "records/InfoCollector.h"
+#include "records/KelmClient.h"
+#include "utils/IPC.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+ClientManager::ClientManager()
+    : m_printClientFps(ServiceConfigParser::instance().isPrintClientFpsEnabled()),
+      m_snapshot(ServiceConfigParser::instance().getClientSnapshotMode() == "base"),
+      m_debugProcess(ServiceConfigParser::instance().isClientManagerDebugProcessEnabled()),
+      m_pool("CltMgr", 1, 100) {
+    if (m_printClientFps || m_snapshot) {
+        Port<InfoCollector>::notify<&InfoCollector::registerListener>(this);
+    }
+}
+
+ClientManager::~ClientManager() {
+    Port<ClientDirectory>::disconnect();
+    LOG_PROC(m_debugProcess, "to destruct client manager");
+    Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
+    MutexLock lock(m_mutex);
+    LOG_PROC(m_debugProcess, "destroy all active clients(count=%lu)", m_idClientMap.size());
+    m_socketClientMap.clear();
+    m_idClientMap.clear();
+    LOG_PROC(m_debugProcess, "client manager destructed");
+}
+
+void ClientManager::enqueueRegisterClient(const char* name, uint16_t major, uint16_t minor,
+                                          int socket, void* msg) {
+    MessagePtr request(static_cast<KelmMsgBase*>(msg));
+    if (socket <= 0) {
+        LOG_ERROR("Error: invalid connect socket (%d)", socket);
+        return;
+    }
+    ConnectionPtr connection = IPC::ConnectionBase::findConnection(socket);
+    if (!connection) return;
+    m_pool.post([this, name, major, minor, connection = std::move(connection), msg] {
+        m_onPool.assertHeld();
+        registerClient(name, major, minor, connection, msg);
+    });
+    (void)request.release();
+}
+
+void ClientManager::registerClient(const char* name, uint16_t major, uint16_t minor,
+                                   const ConnectionPtr& connection, void* msg) {
+    MessagePtr request(static_cast<KelmMsgBase*>(msg));
+    const int socket = connection->getSimulateFD();
+    LOG_PROC(m_debugProcess,
+             "register client: clientName=%s apiMajorVersion=%u apiMinorVersion=%lu socket=%d",
+             name, major, minor, socket);
+    ResultDispatcher& results = ResultDispatcher::instance();
+    if (name == nullptr) {
+        LOG_ERROR("Error: client name cannot be null");
+        results.enqueueSendRegisterResponse(0, socket, KELM_ERROR_INVALID_CLIENT_NAME,
+                                            request.release());
+        return;
+    }
+    const uint64_t clientId = addClient(name, major, minor, connection);
+    if (clientId == 0) return;  // hung up at once; nobody waits for the answer
+    LOG_INFO("client(id:%lu) registered: clientName=%s socket=%d", clientId, name, socket);
+    LOG_PROC(m_debugProcess, "enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId,
+             socket);
+    results.enqueueSendRegisterResponse(clientId, socket, KELM_OK, request.release());
+}
+
+uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t minor,
+                                  const ConnectionPtr& connection) {
+    MutexLock lock(m_mutex);
+    // closeClient() closes a connection without a record under the same mutex, so that a record
+    // never stands for a peer whose hang-up has been seen already.
+    std::shared_ptr<ClientConnection> shared = shareConnectionUnsafe(connection);
+    if (!shared->isConnected()) return 0;
+    const uint64_t clientId = m_nextClientId++;
+    auto client = std::make_unique<KelmClient>(clientId, name, std::move(shared), major, minor);
+    m_socketClientMap[connection->getSimulateFD()] = client.get();
+    m_idClientMap.emplace(clientId, std::move(client));
+    return clientId;
+}
+
+std::shared_ptr<ClientConnection> ClientManager::shareConnectionUnsafe(
+    const ConnectionPtr& connection) {
+    const auto entry = m_socketClientMap.find(connection->getSimulateFD());
+    if (entry != m_socketClientMap.end()) return entry->second->getConnection();
+    return std::make_shared<ClientConnection>(connection);
+}
+
+void ClientManager::enqueueUnregisterClient(uint64_t clientId, int socket, void* msg) {
+    m_pool.post([this, clientId, socket, msg] {
+        m_onPool.assertHeld();
+        unregisterClient(clientId, socket, msg);
+    });
+}
+
+void ClientManager::unregisterClient(uint64_t clientId, int socket, void* msg) {
+    LOG_PROC(m_debugProcess, "unregister client: clientId=%lu socket=%d", clientId, socket);
+    std::string name;
+    bool found = false;
+    bool departs = false;
+    {
+        MutexLock lock(m_mutex);
+        if (KelmClient* client = getClientByIdUnsafe(clientId)) {
+            found = true;
+            departs = startDepartureUnsafe(*client, false);
+            name = client->getName();
+        }
+    }
+    ResultDispatcher& results = ResultDispatcher::instance();
+    if (!found) {
+        LOG_ERROR("Error: invalid clientId %lu", clientId);
+        results.enqueueSendUnregisterResponse(clientId, socket, KELM_ERROR_INVALID_CLIENT, msg);
+        return;
+    }
+    if (departs) notifyClientInDestroy(clientId);
+    results.enqueueSendUnregisterResponse(clientId, socket, KELM_OK, msg);
+    LOG_INFO("client(id:%lu) unregistered: clientName=%s socket=%d", clientId, name, socket);
+}
+
+void ClientManager::closeClient(int socket) {
+    LOG_PROC(m_debugProcess, "close client with socket(%d)", socket);
+    std::vector<uint64_t> departing;
+    {
+        MutexLock lock(m_mutex);
+        const auto entry = m_socketClientMap.find(socket);
+        if (entry == m_socketClientMap.end()) {
+            LOG_PROC(m_debugProcess, "no client found with socket(%d)", socket);
+            IPC::ConnectionBase::close(socket);
+            return;
+        }
+        departing = dropConnectionUnsafe(entry->second->getConnection());
+    }
+    for (const uint64_t clientId : departing) notifyClientInDestroy(clientId);
+}
+
+void ClientManager::removeAllClients() {
+    std::vector<uint64_t> departing;
+    {
+        MutexLock lock(m_mutex);
+        LOG_PROC(m_debugProcess, "remove all %lu clients", m_idClientMap.size());
+        for (const auto& [clientId, client] : m_idClientMap) {
+            client->getConnection()->shutdown();
+            if (startDepartureUnsafe(*client, true)) departing.push_back(clientId);
+        }
+    }
+    for (const uint64_t clientId : departing) notifyClientInDestroy(clientId);
+}
+
+bool ClientManager::startDepartureUnsafe(KelmClient& client, bool unregRspSent) {
+    client.setRunningState(false);
+    return m_unregisterPhaseMap.try_emplace(client.getId(), Phase{unregRspSent, false}).second;
+}
+
+std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
+    const std::shared_ptr<ClientConnection>& connection) {
+    connection->shutdown();
+    std::vector<uint64_t> departing;
+    for (const auto& [clientId, client] : m_idClientMap) {
+        if (client->getConnection() != connection) continue;
+        if (startDepartureUnsafe(*client, true)) departing.push_back(clientId);
+    }
+    return departing;
+}
+
+void ClientManager::notifyClientInDestroy(uint64_t clientId) {
+    LOG_PROC(m_debugProcess, "notify client(%lu) which is in destroy", clientId);
+    GraphManager::instance().enqueueNotifyClientInDestroy(clientId);
+    TaskManager::instance().enqueueNotifyClientInDestroy(clientId);
+}
+
+void ClientManager::enqueueNotifyAllTasksDone(uint64_t clientId) {
+    m_pool.postNotice([this, clientId] {
+        m_onPool.assertHeld();
+        notifyAllTasksDone(clientId);
+    });
+}
+
+void ClientManager::notifyAllTasksDone(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    const auto phase = m_unregisterPhaseMap.find(clientId);
+    if (phase == m_unregisterPhaseMap.end()) return;
+    phase->second.allTasksDone = true;
+    if (phase->second.unregRspSent) cleanClientUnsafe(clientId);
+}
+
+void ClientManager::enqueueNotifyUnregRspSent(uint64_t clientId) {
+    m_pool.postNotice([this, clientId] {
+        m_onPool.assertHeld();
+        notifyUnregRspSent(clientId);
+    });
+}
+
+void ClientManager::notifyUnregRspSent(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    const auto phase = m_unregisterPhaseMap.find(clientId);
+    if (phase == m_unregisterPhaseMap.end()) return;
+    phase->second.unregRspSent = true;
+    if (phase->second.allTasksDone) cleanClientUnsafe(clientId);
+}
+
+void ClientManager::cleanClientUnsafe(uint64_t clientId) {
+    m_unregisterPhaseMap.erase(clientId);
+    const auto client = m_idClientMap.find(clientId);
+    if (client == m_idClientMap.end()) return;
+    removeSocketEntryUnsafe(*client->second);
+    m_idClientMap.erase(client);
+    if (m_finished) return;
+    ResultDispatcher::instance().enqueueRemoveDedicatedThreadPool(clientId);
+    if (!m_idClientMap.empty()) return;
+    m_zeroClientCond.notifyAll();
+    MessageDispatcher::instance().getNotifiedOfZeroClient();
+}
+
+void ClientManager::removeSocketEntryUnsafe(const KelmClient& client) {
+    const auto entry = m_socketClientMap.find(client.getSocket());
+    if (entry == m_socketClientMap.end() || entry->second != &client) return;
+    m_socketClientMap.erase(entry);
+    // Another record of the same connection stands in, or its hang-up would find nobody.
+    for (const auto& [clientId, other] : m_idClientMap) {
+        if (other.get() != &client && other->getConnection() == client.getConnection()) {
+            m_socketClientMap[client.getSocket()] = other.get();
+        }
+    }
+}
+
+bool ClientManager::finish(std::chrono::milliseconds time) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    MutexLock lock(m_mutex);
+    while (!m_idClientMap.empty()) {
+        if (!m_zeroClientCond.waitUntil(m_mutex, deadline)) break;
+    }
+    m_finished = true;
+    return m_idClientMap.empty();
+}
+
+bool ClientManager::verifyClient(uint64_t clientId) {
+    if (clientId == 0) return false;
+    MutexLock lock(m_mutex);
+    KelmClient* client = getClientByIdUnsafe(clientId);
+    return client != nullptr && client->isRunning();
+}
+
+KelmClient* ClientManager::getClientById(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    return getClientByIdUnsafe(clientId);
+}
+
+KelmClient* ClientManager::getClientByIdUnsafe(uint64_t clientId) {
+    const auto client = m_idClientMap.find(clientId);
+    return client != m_idClientMap.end() ? client->second.get() : nullptr;
+}
+
+std::optional<std::string> ClientManager::getClientName(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    if (KelmClient* client = getClientByIdUnsafe(clientId)) return client->getName();
+    return std::nullopt;
+}
+
+int ClientManager::getSocketByClientId(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    KelmClient* client = getClientByIdUnsafe(clientId);
+    return client != nullptr ? client->getSocket() : -1;
+}
+
+std::shared_ptr<ClientConnection> ClientManager::getConnectionByClientId(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    KelmClient* client = getClientByIdUnsafe(clientId);
+    return client != nullptr ? client->getConnection() : nullptr;
+}
+
+bool ClientManager::isActive() {
+    MutexLock lock(m_mutex);
+    return !m_idClientMap.empty();
+}
+
+}  // namespace kelm

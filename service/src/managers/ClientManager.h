@@ -1,0 +1,124 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "records/ClientDirectory.h"
+#include "records/PrintInfoListener.h"
+#include "utils/Mutex.h"
+#include "utils/Singleton.h"
+#include "utils/ThreadPool.h"
+#include "utils/ThreadRole.h"
+
+namespace IPC {
+class ConnectionBase;
+}
+
+namespace kelm {
+
+class ClientConnection;
+
+// The registry of client processes. A client leaves by request or by vanishing; either way its
+// record goes only when its last message is out and its last task has ended, whichever is later.
+//
+// A record is running, then leaving (it has an entry in m_unregisterPhaseMap), then gone. Several
+// records may share one connection, which closes with the last of them.
+//
+// Threads: requests and notices run on the pool; the other operations on any thread.
+// Owns: the records. Locks: m_mutex, then a client's own, then those of the connection layer.
+class ClientManager : public Singleton<ClientManager>,
+                      public ClientDirectory,
+                      public PrintInfoListener {
+ public:
+    ClientManager();
+    ~ClientManager() override;
+
+    // `name` points into the request `msg`, which is owned from here on. Called on the thread that
+    // reads the socket, while the connection is open.
+    void enqueueRegisterClient(const char* name, uint16_t major, uint16_t minor, int socket,
+                               void* msg);
+    void enqueueUnregisterClient(uint64_t clientId, int socket, void* msg);
+    // No task of the client is left.
+    void enqueueNotifyAllTasksDone(uint64_t clientId);
+    // Its unregister response is on the socket, or will never be.
+    void enqueueNotifyUnregRspSent(uint64_t clientId);
+
+    // The peer of the connection has vanished: whoever registered over it leaves, without an
+    // answer, and a writer that waits for the peer ends at once.
+    void closeClient(int socket) EXCLUDES(m_mutex);
+    // The same for every client.
+    void removeAllClients() EXCLUDES(m_mutex);
+    // The way down, after removeAllClients(): waits until the last record is gone; false when the
+    // time is up first. A record that goes later tells nobody.
+    bool finish(std::chrono::milliseconds time) EXCLUDES(m_mutex);
+
+    bool verifyClient(uint64_t clientId) override EXCLUDES(m_mutex);
+    KelmClient* getClientById(uint64_t clientId) override EXCLUDES(m_mutex);
+    std::optional<std::string> getClientName(uint64_t clientId) override EXCLUDES(m_mutex);
+    // -1 for an unknown client.
+    int getSocketByClientId(uint64_t clientId) EXCLUDES(m_mutex);
+    // Null for an unknown client. While it is held, the number goes to nobody else.
+    std::shared_ptr<ClientConnection> getConnectionByClientId(uint64_t clientId) EXCLUDES(m_mutex);
+    // Whether there are clients.
+    bool isActive() EXCLUDES(m_mutex);
+
+    void onPrintInfo() override EXCLUDES(m_mutex);
+
+ private:
+    struct Phase {
+        bool unregRspSent = false;
+        bool allTasksDone = false;
+    };
+    using ConnectionPtr = std::shared_ptr<IPC::ConnectionBase>;
+
+    void registerClient(const char* name, uint16_t major, uint16_t minor,
+                        const ConnectionPtr& connection, void* msg) REQUIRES(m_onPool)
+        EXCLUDES(m_mutex);
+    // The new id, or 0 when the connection has gone meanwhile.
+    uint64_t addClient(const char* name, uint16_t major, uint16_t minor,
+                       const ConnectionPtr& connection) EXCLUDES(m_mutex);
+    void unregisterClient(uint64_t clientId, int socket, void* msg) REQUIRES(m_onPool)
+        EXCLUDES(m_mutex);
+    void notifyAllTasksDone(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    void notifyUnregRspSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
+
+    KelmClient* getClientByIdUnsafe(uint64_t clientId) REQUIRES(m_mutex);
+    std::shared_ptr<ClientConnection> shareConnectionUnsafe(const ConnectionPtr& connection)
+        REQUIRES(m_mutex);
+    // False for a client that was leaving already.
+    bool startDepartureUnsafe(KelmClient& client, bool unregRspSent) REQUIRES(m_mutex);
+    // Every client of the connection leaves; returns those that were not leaving yet.
+    std::vector<uint64_t> dropConnectionUnsafe(const std::shared_ptr<ClientConnection>& connection)
+        REQUIRES(m_mutex);
+    void cleanClientUnsafe(uint64_t clientId) REQUIRES(m_mutex);
+    void removeSocketEntryUnsafe(const KelmClient& client) REQUIRES(m_mutex);
+
+    void printClientFps() REQUIRES(m_mutex);
+    void snapshot(const char* reason) REQUIRES(m_mutex);
+    // One cell a client, in id order.
+    std::vector<std::string> cells(std::string (*format)(KelmClient&)) REQUIRES(m_mutex);
+
+    const bool m_printClientFps;
+    const bool m_snapshot;
+    const bool m_debugProcess;
+
+    Mutex m_mutex;
+    CondVar m_zeroClientCond;
+    bool m_finished GUARDED_BY(m_mutex) = false;
+    uint64_t m_nextClientId GUARDED_BY(m_mutex) = 1;
+    std::map<uint64_t, std::unique_ptr<KelmClient>> m_idClientMap GUARDED_BY(m_mutex);
+    std::map<int, KelmClient*> m_socketClientMap GUARDED_BY(m_mutex);  // the latest of each socket
+    std::map<uint64_t, Phase> m_unregisterPhaseMap GUARDED_BY(m_mutex);
+
+    ThreadRole m_onPool;
+    ThreadPool m_pool;  // last: its jobs use all of the above
+};
+
+}  // namespace kelm

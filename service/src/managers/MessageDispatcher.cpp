@@ -1,0 +1,243 @@
+#include "managers/MessageDispatcher.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "config/ServiceConfigParser.h"
+#include "devices/DeviceManagerCreator.h"
+#include "managers/ClientManager.h"
+#include "managers/GraphManager.h"
+#include "managers/ResultDispatcher.h"
+#include "managers/TaskManager.h"
+#include "protocol/src/KelmProtocol.h"
+#include "utils/AccessController.h"
+#include "utils/IPC.h"
+#include "utils/Log.h"
+#include "utils/RunPaths.h"
+#include "utils/ThreadUtils.h"
+
+namespace kelm {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int kPollMillisec = 100;  // a stop request is seen within this time
+constexpr milliseconds kAcceptPause{100};
+constexpr milliseconds kErrorPause{10};
+constexpr milliseconds kLookInterval{100};
+constexpr long kReadEndMillisec = 1000;   // for the listen thread, once nothing can be read
+constexpr long kWriteEndMillisec = 2000;  // and once nothing can be written either
+constexpr milliseconds kClientsEndTime{1000};
+
+}  // namespace
+
+MessageDispatcher::MessageDispatcher(const char* name)
+    : m_name(name),
+      m_debugProcess(ServiceConfigParser::instance().isMessageDispatcherDebugProcessEnabled()) {
+    init();
+}
+
+MessageDispatcher::~MessageDispatcher() {
+    if (m_ready && !m_stop) stopService();
+}
+
+void MessageDispatcher::init() {
+    try {
+        setupService();
+        initRequestHandlerMap();
+        setupListenThread();
+        m_ready = true;
+        LOG_INFO("Message Dispatcher initialization finished");
+    } catch (const std::invalid_argument& error) {
+        LOG_ERROR("%s", error.what());
+    } catch (...) {
+        LOG_ERROR("Please remove /var/tmp/kelm_*, and then try again.");
+    }
+    if (!m_ready) abandonStart();
+}
+
+// The order of construction is the order of the service's start, and backwards that of its end.
+void MessageDispatcher::setupService() {
+    m_deviceManagerCreator = &DeviceManagerCreator::instance();
+    m_clientManager = &ClientManager::instance();
+    m_graphManager = &GraphManager::instance();
+    m_taskManager = &TaskManager::instance();
+    m_resultDispatcher = &ResultDispatcher::instance();
+}
+
+void MessageDispatcher::setupListenThread() {
+    m_poller = std::make_shared<IPC::Poller>();
+    // The first connection of the process, so no client's number is ever 0.
+    m_listenConnection = std::make_shared<IPC::ConnectionUDS>(m_poller.get());
+    m_listenConnection->create(RunPaths::serviceSocket(),
+                               AccessController::instance().getAccessAttribute());
+    m_listenConnection->listen();
+    m_listenThread = std::thread([this] { listenThreadRoutine(); });
+}
+
+void MessageDispatcher::abandonStart() {
+    if (m_listenConnection) m_listenConnection->close();
+    m_listenConnection.reset();
+    m_poller.reset();
+    if (m_deviceManagerCreator != nullptr) m_deviceManagerCreator->stop();
+}
+
+bool MessageDispatcher::isWorking() { return m_clientManager->isActive(); }
+
+void MessageDispatcher::stopService() {
+    stopListenThread();
+    LOG_INFO("stop resultDispatcher");
+    m_resultDispatcher->stopSendResponse();
+    LOG_INFO("close epoll fd & listen fd");
+    m_listenConnection->close();
+    LOG_INFO("remove all clients");
+    m_clientManager->removeAllClients();
+    IPC::ConnectionBase::shutdownAll(SHUT_RDWR);  // those who have not registered, too
+    LOG_INFO("remove all graphs");
+    m_graphManager->removeAllGraphs();
+    if (!m_clientManager->finish(kClientsEndTime)) LOG_WARN("Warn: clients are left at the end");
+    // Before any static object is destroyed: their threads call into the managers.
+    m_deviceManagerCreator->stop();
+    m_listenConnection.reset();
+    m_poller.reset();
+    m_requestHandlerMap.clear();
+}
+
+void MessageDispatcher::stopListenThread() {
+    m_stop = true;
+    // A message of which only half has come must not hold the thread.
+    IPC::ConnectionBase::shutdownAll(SHUT_RD);
+    bool ended = m_listenEnded.waitFor(kReadEndMillisec);
+    if (!ended) {
+        // It waits for room in a queue, at whose far end a client does not read.
+        IPC::ConnectionBase::shutdownAll(SHUT_RDWR);
+        ended = m_listenEnded.waitFor(kWriteEndMillisec);
+    }
+    if (ended) {
+        m_listenThread.join();
+    } else {
+        LOG_ERROR("Error: the listen thread does not end, go on without it");
+        m_listenThread.detach();
+    }
+}
+
+void MessageDispatcher::listenThreadRoutine() {
+    m_onListenThread.assertHeld();
+    ThreadUtils::setName(m_name);
+    ThreadUtils::saveThreadInfo(m_name);
+    const std::shared_ptr<IPC::Poller> poller = m_poller;
+    IPC::PollEvent event;
+    while (!m_stop) {
+        event.clear();
+        try {
+            if (poller->wait(&event, kPollMillisec)) handleEvents(event);
+            handleTimers();
+        } catch (const std::exception& error) {
+            LOG_ERROR("Error: the listen thread goes on after: %s", error.what());
+            std::this_thread::sleep_for(kErrorPause);  // a fault that stays must not take a core
+        }
+    }
+    m_listenEnded.post();
+}
+
+void MessageDispatcher::handleEvents(const IPC::PollEvent& event) {
+    const int socket = event.connection->getSimulateFD();
+    if (event.isReadable()) {
+        if (event.connection == m_listenConnection) {
+            handleConnect();
+        } else if (!handleSocket(socket)) {
+            closeConnect(socket);
+            return;
+        }
+    }
+    if (event.isHungUp()) closeConnect(socket);
+}
+
+void MessageDispatcher::handleConnect() {
+    try {
+        auto connection = IPC::ConnectionUDS::tryMake(m_poller.get());
+        if (!connection) {
+            LOG_ERROR("Error: all %d connections are in use, a client is turned away",
+                      IPC::IPC_CONN_FD_MAX);
+            m_listenConnection->refuse();
+            pauseAccepting();
+            return;
+        }
+        connection->accept(m_listenConnection.get());
+        IPC::ConnectionBase::adopt(connection);
+        LOG_DEBUG("accept new connection: %d", connection->getSimulateFD());
+    } catch (const std::exception& error) {
+        LOG_ERROR("Error: a client cannot be accepted: %s", error.what());
+        pauseAccepting();
+    }
+}
+
+void MessageDispatcher::pauseAccepting() {
+    m_listenConnection->blockPoller();
+    m_acceptAgain = steady_clock::now() + kAcceptPause;
+}
+
+bool MessageDispatcher::handleSocket(int socket) {
+    MessagePtr request(kelmReceiveMessage(socket));
+    if (!request) {
+        LOG_INFO("failed to receive kelm message from socket (%d)", socket);
+        return false;
+    }
+    if (!handleMessage(request.get(), socket)) return false;
+    (void)request.release();
+    return true;
+}
+
+bool MessageDispatcher::handleMessage(KelmMsgBase* message, int socket) {
+    const auto handler = m_requestHandlerMap.find(message->type);
+    if (handler == m_requestHandlerMap.end()) {
+        LOG_ERROR("Error: invalid message type (%d)", message->type);
+        return false;
+    }
+    (this->*handler->second)(message, socket);
+    return true;
+}
+
+void MessageDispatcher::closeConnect(int socket) {
+    LOG_PROC(m_debugProcess, "block IPC connection(socket=%d)", socket);
+    if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
+        connection->blockPoller();
+    }
+    LOG_PROC(m_debugProcess, "close Client(socket=%d)", socket);
+    m_clientManager->closeClient(socket);
+}
+
+void MessageDispatcher::handleTimers() {
+    const auto now = steady_clock::now();
+    if (m_acceptAgain && now >= *m_acceptAgain) {
+        m_acceptAgain.reset();
+        m_listenConnection->unblockPoller();
+    }
+    if (m_leaving.empty() || now < m_nextLook) return;
+    m_nextLook = now + kLookInterval;
+    closeVanishedClients();
+}
+
+// A connection whose events are blocked does not tell when its peer has gone. Nobody would ever
+// close one whose client named an id that is not its own.
+void MessageDispatcher::closeVanishedClients() {
+    std::vector<std::weak_ptr<IPC::ConnectionBase>> stillThere;
+    for (const auto& leaving : m_leaving) {
+        const auto connection = leaving.lock();
+        if (!connection || !connection->connected()) continue;
+        pollfd state{connection->nativeHandle(), 0, 0};
+        if (::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLNVAL)) != 0) {
+            closeConnect(connection->getSimulateFD());
+        } else {
+            stillThere.push_back(leaving);
+        }
+    }
+    m_leaving.swap(stillThere);
+}
+
+}  // namespace kelm

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "protocol/src/KelmMessage.h"
+#include "utils/Semaphore.h"
+#include "utils/Singleton.h"
+#include "utils/ThreadRole.h"
+
+namespace IPC {
+class ConnectionBase;
+class ConnectionUDS;
+class Poller;
+struct PollEvent;
+}  // namespace IPC
+
+namespace kelm {
+
+class ClientManager;
+class DeviceManagerCreator;
+class GraphManager;
+class ResultDispatcher;
+class TaskManager;
+
+// The front door of the service: accepts clients, reads whole messages and hands each one to the
+// pool of the manager that it is for. Building it brings the service up, stopService() down.
+//
+// A request belongs to the manager that it was handed to, which passes it on to its answer; what
+// is not handed on is freed here.
+//
+// Threads: the listen thread reads every socket, and waits until a message is whole; the operations
+// below run on any. Owns: the listening socket, the poller and, through the connection layer, the
+// connections of those who have not registered. Borrows the managers, which outlive it.
+class MessageDispatcher final : public Singleton<MessageDispatcher> {
+ public:
+    explicit MessageDispatcher(const char* name = "MsgDispatcher");
+    ~MessageDispatcher();
+
+    // Whether the start has succeeded.
+    bool isReady() const { return m_ready; }
+    // Whether there are clients.
+    bool isWorking();
+    // Sleeps until the last client has gone, or somebody wants the sleeper to look around.
+    void waitForIdleState() { m_idleSemaphore.wait(); }
+    void getNotifiedOfZeroClient() { m_idleSemaphore.post(); }
+
+    // The way down, in bounded time whatever clients do.
+    void stopService();
+
+ private:
+    using Handler = void (MessageDispatcher::*)(KelmMsgBase* message, int socket);
+
+    void init();
+    void setupService();
+    void initRequestHandlerMap();
+    void setupListenThread();
+    // Ends what a start that failed has left running.
+    void abandonStart();
+    void stopListenThread();
+
+    void listenThreadRoutine();
+    void handleEvents(const IPC::PollEvent& event) REQUIRES(m_onListenThread);
+    void handleConnect() REQUIRES(m_onListenThread);
+    // False when the client is to be closed.
+    bool handleSocket(int socket) REQUIRES(m_onListenThread);
+    // True when the message belongs to whom it was handed to.
+    bool handleMessage(KelmMsgBase* message, int socket) REQUIRES(m_onListenThread);
+    void closeConnect(int socket) REQUIRES(m_onListenThread);
+    void pauseAccepting() REQUIRES(m_onListenThread);
+    // What is due by the clock: the end of a pause, and clients that vanished while leaving.
+    void handleTimers() REQUIRES(m_onListenThread);
+    void closeVanishedClients() REQUIRES(m_onListenThread);
+
+    void handleRegister(KelmMsgBase* message, int socket);
+    void handleUnregister(KelmMsgBase* message, int socket);
+    void handleCreateGraph(KelmMsgBase* message, int socket);
+    void handleDestroyGraph(KelmMsgBase* message, int socket);
+    void handleInferTask(KelmMsgBase* message, int socket);
+    void handleCancelTask(KelmMsgBase* message, int socket);
+    void handleQueryTaskStatus(KelmMsgBase* message, int socket);
+    void handleQueryBufferSize(KelmMsgBase* message, int socket);
+    void handleTestSendFd(KelmMsgBase* message, int socket);
+    void handleResetDevice(KelmMsgBase* message, int socket);
+
+    const std::string m_name;
+    bool m_ready = false;             // fixed after construction
+    std::atomic<bool> m_stop{false};  // atomic: set by the stopping thread, read by the listener
+    Semaphore m_idleSemaphore{0, 0};
+    Semaphore m_listenEnded{0, 0};
+    std::thread m_listenThread;
+    const bool m_debugProcess;
+    std::map<uint32_t, Handler> m_requestHandlerMap;  // by type; fixed while the thread runs
+    DeviceManagerCreator* m_deviceManagerCreator = nullptr;
+    ClientManager* m_clientManager = nullptr;
+    GraphManager* m_graphManager = nullptr;
+    TaskManager* m_taskManager = nullptr;
+    ResultDispatcher* m_resultDispatcher = nullptr;
+    std::shared_ptr<IPC::ConnectionUDS> m_listenConnection;
+    std::shared_ptr<IPC::Poller> m_poller;
+
+    ThreadRole m_onListenThread;
+    std::optional<std::chrono::steady_clock::time_point> m_acceptAgain GUARDED_BY(m_onListenThread);
+    // Connections that make no event any more since their client asked to leave.
+    std::vector<std::weak_ptr<IPC::ConnectionBase>> m_leaving GUARDED_BY(m_onListenThread);
+    std::chrono::steady_clock::time_point m_nextLook GUARDED_BY(m_onListenThread);
+};
+
+}  // namespace kelm

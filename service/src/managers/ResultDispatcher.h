@@ -1,0 +1,147 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "execution/ResultSink.h"
+#include "protocol/src/KelmError.h"
+#include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessagePtr.h"
+#include "records/PrintInfoListener.h"
+#include "utils/FpsCounter.h"
+#include "utils/Mutex.h"
+#include "utils/Singleton.h"
+#include "utils/ThreadPool.h"
+#include "utils/ThreadRole.h"
+
+namespace kelm {
+
+class ClientSender;
+class KelmClient;
+class KelmGraph;
+class KelmTask;
+
+// Builds every message that leaves the service and decides on which thread it is written. Building
+// is serial, on the main pool; writing is per client, so that a client that reads slowly stalls its
+// own messages only. A done message that is ready before the create response is out waits in its
+// task.
+//
+// Each send...Response answers `userParam`, the request message, exactly once and frees it; the
+// enqueue... of the same name may be called on any thread and blocks while the main pool is full.
+//
+// Threads: m_mainPool builds, m_senderPool writes what belongs to no client, one pool per client
+// writes that client's messages in order.
+// Owns: the clients' pools, and what is queued. Borrows tasks until it has passed them on.
+// Locks: m_dedicatedMutex, never held across a post or the end of a pool.
+class ResultDispatcher : public Singleton<ResultDispatcher>,
+                         public ResultSink,
+                         public PrintInfoListener {
+ public:
+    ResultDispatcher();
+    ~ResultDispatcher() override;
+
+    void enqueueSendRegisterResponse(uint64_t clientId, int socket, KelmError error,
+                                     void* userParam);
+    void enqueueSendUnregisterResponse(uint64_t clientId, int socket, KelmError error,
+                                       void* userParam);
+    // A null graph is a failure. The graph is read before the call returns.
+    void enqueueSendCreateGraphResponse(KelmGraph* graph, KelmError error, int socket,
+                                        void* userParam);
+    void enqueueSendDestroyGraphResponse(KelmError error, int socket, void* userParam);
+    void enqueueSendQueryBufferSizeResponse(uint64_t inputSize, uint64_t outputSize,
+                                            KelmError error, int socket, void* userParam);
+    // A null task is a refusal. The task is read before the call returns, and may be gone after.
+    void enqueueSendCreateTaskResponse(KelmTask* task, KelmError error, int socket,
+                                       void* userParam);
+    void enqueueSendCancelTaskResponse(bool canceled, KelmError error, int socket, void* userParam);
+    void enqueueSendQueryTaskStatusResponse(int32_t status, KelmError error, int socket,
+                                            void* userParam);
+    void enqueueSendResetDeviceResponse(KelmError error, int socket, void* userParam) override;
+    void enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) override;
+    // The client's record is gone.
+    void enqueueRemoveDedicatedThreadPool(uint64_t clientId);
+
+    // From here on no client gets a pool any more.
+    void stopSendResponse() EXCLUDES(m_dedicatedMutex);
+
+    void onPrintInfo() override;
+
+ private:
+    struct Answer;
+    struct GraphSizes;
+
+    // Building, on the main pool.
+    void sendRegisterResponse(uint64_t clientId, int socket, KelmError error, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendUnregisterResponse(uint64_t clientId, int socket, KelmError error, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendCreateGraphResponse(const GraphSizes& graph, KelmError error, int socket,
+                                 void* userParam) REQUIRES(m_onMainPool);
+    void sendDestroyGraphResponse(KelmError error, int socket, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendQueryBufferSizeResponse(uint64_t inputSize, uint64_t outputSize, KelmError error,
+                                     int socket, void* userParam) REQUIRES(m_onMainPool);
+    void sendCreateTaskResponse(uint64_t taskId, KelmError error, int socket, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendCancelTaskResponse(bool canceled, KelmError error, int socket, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendQueryTaskStatusResponse(int32_t status, KelmError error, int socket, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendResetDeviceResponse(KelmError error, int socket, void* userParam)
+        REQUIRES(m_onMainPool);
+    void sendTaskDoneResponse(KelmTask* task, KelmError error) REQUIRES(m_onMainPool);
+
+    // False, with the reason logged, when the request gets no answer.
+    bool checkInputParameters(const Answer& answer, const KelmMsgReq& request);
+    // The response with its head filled, or null when it is not to be sent.
+    MessagePtr makeResponse(const Answer& answer, const KelmMsgReq& request);
+    void deliver(const Answer& answer, MessagePtr message, uint64_t createdTaskId = 0)
+        REQUIRES(m_onMainPool);
+    // The client that is told of the end of the task, or null.
+    KelmClient* findReceiver(KelmTask& task);
+    MessagePtr makeTaskDoneMessage(KelmTask& task, KelmClient& client, KelmError error);
+    void cancelUnregisterResponse(uint64_t clientId) REQUIRES(m_onMainPool);
+    void destroyTask(KelmTask* task);
+
+    // Writing. With `createdTaskId` the message is the create response of that task.
+    void sendResponse(uint64_t clientId, int socket, MessagePtr message, uint64_t createdTaskId)
+        REQUIRES(m_onMainPool);
+    // For a client without a pool: written by "ResDpSend", or dropped if the client is leaving.
+    void sendWithoutPool(uint64_t clientId, int socket, MessagePtr message) REQUIRES(m_onMainPool);
+    void sendMessage(ClientSender& sender, int socket, MessagePtr message);
+    void notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId, int socket);
+    // The done message that waited for the create response is dropped with its task.
+    void dropHeldTaskDone(uint64_t taskId);
+
+    // The sender of the client, made when the client is known; null for an id that nobody has, and
+    // for a client whose sender is ending.
+    ClientSender* getDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
+        EXCLUDES(m_dedicatedMutex);
+    // Takes the client's pool out at once; it ends when it has written what is queued.
+    void removeDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
+        EXCLUDES(m_dedicatedMutex);
+    void deleteRetiredSender(const ClientSender* sender) REQUIRES(m_onMainPool)
+        EXCLUDES(m_dedicatedMutex);
+    void printServiceFps();
+
+    const bool m_debugProcess;
+    // Atomic: the sequence is one of the whole service.
+    std::atomic<uint64_t> m_evtSeqNo{0};
+    FpsCounter m_finishedTasks;
+
+    Mutex m_dedicatedMutex;
+    bool m_stopped GUARDED_BY(m_dedicatedMutex) = false;
+    std::map<uint64_t, std::unique_ptr<ClientSender>> m_dedicatedThreadPools
+        GUARDED_BY(m_dedicatedMutex);
+    // Taken out and still writing.
+    std::vector<std::unique_ptr<ClientSender>> m_retiredSenders GUARDED_BY(m_dedicatedMutex);
+
+    ThreadRole m_onMainPool;
+    ThreadPool m_senderPool;
+    ThreadPool m_mainPool;  // last: its jobs use all of the above
+};
+
+}  // namespace kelm

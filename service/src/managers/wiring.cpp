@@ -1,0 +1,36 @@
+#include "managers/wiring.h"
+
+#include "devices/DeviceManagerCreator.h"
+#include "execution/ResultSink.h"
+#include "execution/TaskExchange.h"
+#include "managers/ClientManager.h"
+#include "managers/GraphManager.h"
+#include "managers/ResultDispatcher.h"
+#include "managers/TaskManager.h"
+#include "records/ClientDirectory.h"
+#include "scheduling/devices/GraphPlacementListener.h"
+#include "scheduling/devices/WorkerRemovalListener.h"
+#include "scheduling/tasks/TaskScheduleListener.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+namespace {
+
+template <class Listener, class Manager>
+void connect() {
+    Port<Listener>::connect([]() -> Listener& { return Manager::instance(); });
+}
+
+}  // namespace
+
+void connectPorts() {
+    connect<ClientDirectory, ClientManager>();
+    connect<TaskExchange, TaskManager>();
+    connect<ResultSink, ResultDispatcher>();
+    connect<TaskScheduleListener, TaskManager>();
+    connect<GraphPlacementListener, GraphManager>();
+    connect<WorkerRemovalListener, DeviceManagerCreator>();
+}
+
+}  // namespace kelm
