@@ -5,10 +5,10 @@
 
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
+#include <boost/range/adaptor/reversed.hpp>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
-#include <ranges>
 #include <sstream>
 
 #include "utils/FileHelper.h"
@@ -116,7 +116,7 @@ void readFirmwareSection(const Tree& section, std::vector<firmwareConfig>& out) 
 struct ConfigParser::Impl {
     template <class T>
     T parseFromConfigList(const char* key, const T& def) const {
-        for (const Tree& tree : std::views::reverse(configTrees)) {
+        for (const Tree& tree : boost::adaptors::reverse(configTrees)) {
             if (std::optional<T> value = valueAt<T>(tree, key)) return *std::move(value);
         }
         return def;
@@ -195,7 +195,7 @@ int ConfigParser::parseIntegerFromConfigListWithSubclass(const char* section, co
         }
         return value.has_value();
     };
-    for (const Tree& tree : std::views::reverse(m_impl->configTrees)) {
+    for (const Tree& tree : boost::adaptors::reverse(m_impl->configTrees)) {
         if (visitSubclass(tree, section, subclass, readKey)) return *value;
     }
     return def;
@@ -203,7 +203,7 @@ int ConfigParser::parseIntegerFromConfigListWithSubclass(const char* section, co
 
 bool ConfigParser::parseTagMapFromConfigList(const char* section, const char* key, int subclass,
                                              std::map<std::string, unsigned long>& out) const {
-    for (const Tree& tree : std::views::reverse(m_impl->configTrees)) {
+    for (const Tree& tree : boost::adaptors::reverse(m_impl->configTrees)) {
         boost::optional<const Tree&> node;
         visitSubclass(tree, section, subclass, [&](const Tree& element) {
             node = element.get_child_optional(key);
@@ -218,7 +218,7 @@ bool ConfigParser::parseTagMapFromConfigList(const char* section, const char* ke
 std::vector<firmwareConfig> ConfigParser::parseFwFromConfigList(const char* section,
                                                                 const char* errorName) const {
     std::vector<firmwareConfig> firmwares;
-    for (const Tree& tree : std::views::reverse(m_impl->configTrees)) {
+    for (const Tree& tree : boost::adaptors::reverse(m_impl->configTrees)) {
         const auto elements = tree.get_child_optional(section);
         if (!elements) continue;
         try {
