@@ -25,6 +25,7 @@ class KelmFakeDevice final : public KelmDeviceBase {
     explicit KelmFakeDevice(KelmFakeDevice* parent);
     ~KelmFakeDevice() override;
 
+    using KelmDeviceBase::openDevice;
     std::unique_ptr<KelmDeviceBase> clone() override;
     int updateThermal() override;
 

@@ -1,0 +1,170 @@
+#include "execution/KelmDeviceBase.h"
+
+#include "TestConfig.h"
+#include "fakes/Eventually.h"
+#include "fakes/ScriptedDevice.h"
+#include "fakes/TestPch.h"
+#include "fakes/TestRecords.h"
+#include "protocol/src/KelmError.h"
+
+namespace kelm {
+
+namespace {
+
+using testing::ElementsAre;
+
+class KelmDeviceBaseTest : public testing::Test {
+ protected:
+    KelmDeviceBaseTest() { EXPECT_EQ(root.openDevice(), 0); }
+
+    std::shared_ptr<DeviceScript> script = std::make_shared<DeviceScript>();
+    ScriptedDevice root{"dev", script};
+    std::unique_ptr<KelmGraph> graph = makeTestGraph(1, "one");
+    std::unique_ptr<KelmTask> task = makeTestTask(1, graph.get());
+};
+
+}  // namespace
+
+TEST_F(KelmDeviceBaseTest, WorkIsRefusedInTheWrongState) {
+    ScriptedDevice closed("closed", script);
+    KelmGraph blank(9, 1, "blank", 1);
+    struct Row {
+        const char* what;
+        int result;
+        int expected;
+    };
+    const Row rows[] = {
+        {"open twice", root.openDevice(), KELM_ERROR_DEVICE_ALREADY_OPEN},
+        {"allocate on a closed device", closed.allocateGraph(graph.get()),
+         KELM_ERROR_DEVICE_NOT_OPEN},
+        {"reset of a closed device", closed.resetDevice(), KELM_ERROR_INVALID_DEVICE},
+        {"no graph", root.allocateGraph(nullptr), KELM_ERROR_GRAPH_VERIFY_FAILED},
+        {"a graph without data", root.allocateGraph(&blank), KELM_ERROR_GRAPH_VERIFY_FAILED},
+        {"deallocate nothing", root.deallocateGraph(nullptr, false), KELM_ERROR_INVALID_PARAM},
+        {"tensor without graph", root.loadTensor(task.get()), KELM_ERROR_GRAPH_NOT_ALLOCATED},
+        {"result without graph", root.getResult(task.get()), KELM_ERROR_GRAPH_NOT_ALLOCATED},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(row.result, row.expected);
+    }
+    EXPECT_EQ(script->count(DeviceCall::Allocate), 0);
+    EXPECT_EQ(script->count(DeviceCall::LoadTensor), 0);
+}
+
+TEST_F(KelmDeviceBaseTest, CloneSharesTheRootsIdentityAndTakesNoIdOfItsOwn) {
+    const auto clone = root.clone();
+    ScriptedDevice next("next", script);
+    EXPECT_EQ(clone->getDeviceId(), root.getDeviceId());
+    EXPECT_EQ(next.getDeviceId(), root.getDeviceId() + 1);
+    EXPECT_EQ(clone->getName(), "dev");
+    EXPECT_EQ(clone->allocateGraph(graph.get()), 0) << "a clone of an open device is open";
+}
+
+TEST_F(KelmDeviceBaseTest, SameContentIsNotLoadedTwice) {
+    const auto twin = makeTestGraph(2, "one");
+    ASSERT_EQ(root.allocateGraph(graph.get()), 0);
+    ASSERT_EQ(root.loadTensor(task.get()), 0);
+    ASSERT_EQ(root.getResult(task.get()), 0);
+    EXPECT_EQ(root.allocateGraph(twin.get()), 0);
+    EXPECT_EQ(script->count(DeviceCall::Allocate), 1);
+    EXPECT_EQ(root.getCurrentInferenceCount(), 1u);
+}
+
+TEST_F(KelmDeviceBaseTest, LeavingGraphBecomesThePreviousOne) {
+    const auto other = makeTestGraph(2, "two");
+    KelmDeviceBase::TimePoint time;
+    ASSERT_EQ(root.allocateGraph(graph.get()), 0);
+    EXPECT_TRUE(root.getCurrentGraphLoadTime(time));
+    EXPECT_FALSE(root.getPreviousGraphLoadTime(time));
+    ASSERT_EQ(root.loadTensor(task.get()), 0);
+    script->failAll(DeviceCall::GetResult, -1);
+    EXPECT_EQ(root.getResult(task.get()), -1);
+    EXPECT_EQ(graph->getInferenceTimes(), 1u) << "a failed result counts";
+
+    ASSERT_EQ(root.allocateGraph(other.get()), 0);
+    EXPECT_EQ(root.getCurrentGraphName(), "graph2");
+    EXPECT_EQ(root.getCurrentInferenceCount(), 0u);
+    EXPECT_EQ(root.getPreviousGraphName(), "graph1");
+    EXPECT_EQ(root.getPreviousInferenceCount(), 1u);
+
+    ASSERT_EQ(root.deallocateGraph(other.get(), false), 0);
+    EXPECT_EQ(root.getCurrentGraph(), nullptr);
+    EXPECT_EQ(root.getCurrentGraphName(), "");
+    EXPECT_EQ(root.getPreviousGraphName(), "graph2");
+    EXPECT_TRUE(root.getPreviousGraphUnloadTime(time));
+    EXPECT_FALSE(root.getCurrentGraphLoadTime(time));
+}
+
+TEST_F(KelmDeviceBaseTest, FailedLoadLeavesNoCurrentGraph) {
+    script->fail(DeviceCall::Allocate, 1, -3);
+    EXPECT_EQ(root.allocateGraph(graph.get()), -3);
+    EXPECT_EQ(graph->getLoadFailCount(), 1u);
+    EXPECT_EQ(root.getCurrentGraph(), nullptr);
+    EXPECT_EQ(root.allocateGraph(graph.get()), 0);
+}
+
+TEST_F(KelmDeviceBaseTest, DeviceThatCannotReleaseIsDoneFor) {
+    ASSERT_EQ(root.allocateGraph(graph.get()), 0);
+    script->fail(DeviceCall::Deallocate, 1, -6);
+    EXPECT_EQ(root.deallocateGraph(graph.get(), false), -6);
+    EXPECT_TRUE(root.isFailed());
+    EXPECT_EQ(root.getCurrentGraph(), nullptr) << "its record may be deleted now";
+    EXPECT_EQ(root.allocateGraph(graph.get()), KELM_ERROR_DEVICE_FAILED);
+    EXPECT_EQ(root.loadTensor(task.get()), KELM_ERROR_DEVICE_FAILED);
+    EXPECT_EQ(root.getResult(task.get()), KELM_ERROR_DEVICE_FAILED);
+    EXPECT_EQ(root.deallocateGraph(graph.get(), false), 0) << "graphs still come off";
+}
+
+TEST_F(KelmDeviceBaseTest, RootIsBusyFromTheFirstTaskInFlightToTheLast) {
+    const auto first = root.clone();
+    const auto second = root.clone();
+    ASSERT_EQ(first->allocateGraph(graph.get()), 0);
+    ASSERT_EQ(second->allocateGraph(graph.get()), 0);
+    EXPECT_EQ(root.getDeviceUtilization(), 0.0f);
+
+    // Overlapping tasks, one whose load fails and one whose result fails: a count that is off by
+    // one would leave the device busy for ever.
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(first->loadTensor(task.get()), 0);
+    ASSERT_EQ(second->loadTensor(task.get()), 0);
+    script->fail(DeviceCall::LoadTensor, 1, -1);
+    EXPECT_EQ(first->loadTensor(task.get()), -1);
+    EXPECT_EQ(first->getResult(task.get()), 0);
+    script->fail(DeviceCall::GetResult, 1, -1);
+    EXPECT_EQ(second->getResult(task.get()), -1);
+    const float busy = root.getDeviceUtilization();
+    EXPECT_FALSE(eventually([&] { return root.getDeviceUtilization() > busy + 0.004f; },
+                            std::chrono::milliseconds(50)))
+        << "still busy with nothing in flight";
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("invoke"), std::string::npos);
+}
+
+TEST(KelmDeviceBaseFactoryTest, AcceleratorsAreRefusedAndNotPretended) {
+    addTestConfig(R"({"fake_device_settings": {"enable_fake_device": false}})");
+    size_t size = 77;
+    int count = 77;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(KelmDeviceBase::create("1.2"), nullptr);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+    EXPECT_EQ(KelmDeviceBase::getGraphInfo("x", 1, GRAPH_INFO_INPUT, size),
+              KELM_ERROR_INVALID_DEVICE);
+    EXPECT_EQ(size, 77u);
+    EXPECT_EQ(KelmDeviceBase::resetAllDevices(), KELM_ERROR_INVALID_DEVICE);
+    EXPECT_FALSE(KelmDeviceBase::isFakeDeviceModeEnabled(&count));
+    EXPECT_EQ(count, 77);
+}
+
+TEST(KelmDeviceBaseFactoryTest, SwitchIsAskedAtEachCall) {
+    EXPECT_FALSE(KelmDeviceBase::isFakeDeviceModeEnabled(nullptr));
+    useFakeDevices(R"("fake_device_number": 5,)");
+    int count = 0;
+    EXPECT_TRUE(KelmDeviceBase::isFakeDeviceModeEnabled(nullptr));
+    EXPECT_TRUE(KelmDeviceBase::isFakeDeviceModeEnabled(&count));
+    EXPECT_EQ(count, 5);
+    EXPECT_EQ(KelmDeviceBase::resetAllDevices(), 0);
+    EXPECT_NE(KelmDeviceBase::create("Fake0"), nullptr);
+}
+
+}  // namespace kelm

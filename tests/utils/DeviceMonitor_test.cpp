@@ -1,0 +1,117 @@
+#include "utils/DeviceMonitor.h"
+
+#include "fakes/TestPch.h"
+
+namespace kelm {
+
+namespace {
+
+using testing::ElementsAre;
+
+// Notifies from its own thread, as the watcher of a bus does, until it is told to stop.
+class NotifyingImpl : public DeviceMonitorImpl {
+ public:
+    explicit NotifyingImpl(bool launches = true) : m_launches(launches) {}
+
+    void addDeviceFilter(int, int) override {}
+    bool launch() override {
+        if (!m_launches) return false;
+        m_thread = std::thread([this] {
+            do {
+                m_parent->notifyPluginDevice({"1.2", 1, 2, 0});
+            } while (!m_stopped);
+        });
+        return true;
+    }
+    void stop() override {
+        m_stopped = true;
+        m_thread.join();
+    }
+    std::vector<DeviceDesc> getDeviceList(int, int) override { return {}; }
+
+ private:
+    const bool m_launches;
+    std::atomic<bool> m_stopped{false};
+    std::thread m_thread;
+};
+
+}  // namespace
+
+TEST(DeviceMonitorTest, WithoutImplementationNothingIsPromised) {
+    DeviceMonitor monitor;
+    EXPECT_FALSE(monitor.addDeviceFilter(1, 2));
+    EXPECT_FALSE(monitor.launch());
+    EXPECT_TRUE(monitor.getDeviceList(1, 0).empty());
+    monitor.stop();
+}
+
+TEST(DeviceMonitorTest, FakeDevicesShareOneSubclassAndKeepTheirDefaultNumber) {
+    struct Row {
+        int asked;
+        size_t expected;
+    };
+    for (const Row row : {Row{0, 3}, Row{-1, 3}, Row{2, 2}}) {
+        SCOPED_TRACE(row.asked);
+        DeviceMonitor monitor;
+        monitor.setFakeMode(row.asked);
+        const std::vector<DeviceDesc> devices = monitor.getDeviceList(7, 8);
+        ASSERT_EQ(devices.size(), row.expected);
+        EXPECT_EQ(devices[1].name, "Fake1");
+        EXPECT_EQ(devices[1].vendorId, 7);
+        EXPECT_EQ(devices[1].productId, 8);
+        EXPECT_EQ(devices[1].interfaceSubclass, 0);
+    }
+}
+
+TEST(DeviceMonitorTest, NothingChangesAfterLaunchUntilStop) {
+    DeviceMonitor monitor;
+    monitor.setFakeMode(1);
+    EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
+    EXPECT_TRUE(monitor.launch());
+    EXPECT_FALSE(monitor.launch());
+    EXPECT_FALSE(monitor.addDeviceFilter(1, 2));
+    monitor.stop();
+    EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
+    EXPECT_TRUE(monitor.launch());
+}
+
+TEST(DeviceMonitorTest, FailedLaunchMayBeTriedAgainAndNeedsNoStop) {
+    DeviceMonitor monitor(std::make_unique<NotifyingImpl>(/*launches=*/false));
+    EXPECT_FALSE(monitor.launch());
+    EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
+    EXPECT_FALSE(monitor.launch());
+    monitor.stop();
+}
+
+TEST(DeviceMonitorTest, ListenersHearInOrderOfRegistrationUntilTheyLeave) {
+    DeviceMonitor monitor;
+    std::vector<std::string> heard;
+    const auto listener = [&heard](const std::string& who) {
+        return [&heard, who](const DeviceDesc& desc, DeviceMonitor::PlugType type) {
+            heard.push_back(who + std::to_string(type) + desc.name);
+        };
+    };
+    const unsigned long first = monitor.registerListen(listener("a"));
+    EXPECT_EQ(monitor.registerListen(listener("b")), first + 1);
+    monitor.notifyPluginDevice({"1.2", 1, 2, 0});
+    monitor.unregisterListen(first);
+    monitor.unregisterListen(77);
+    monitor.notifyPlugoutDevice({"1.2", 1, 2, 0});
+    EXPECT_THAT(heard, ElementsAre("a01.2", "b01.2", "b11.2"));
+}
+
+TEST(DeviceMonitorTest, StopJoinsAThreadThatIsJustNotifying) {
+    DeviceMonitor monitor(std::make_unique<NotifyingImpl>());
+    std::promise<void> first;
+    std::once_flag once;
+    monitor.registerListen([&](const DeviceDesc&, DeviceMonitor::PlugType) {
+        std::call_once(once, [&first] { first.set_value(); });
+    });
+    ASSERT_TRUE(monitor.launch());
+    first.get_future().wait();
+    monitor.stop();
+    EXPECT_FALSE(monitor.getDeviceList(1, 2).size() > 0);
+    monitor.stop();
+}
+
+}  // namespace kelm
