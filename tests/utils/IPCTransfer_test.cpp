@@ -1,0 +1,230 @@
+#include "fakes/Eventually.h"
+#include "fakes/SocketChannel.h"
+#include "utils/IPC.h"
+
+namespace {
+
+using IPC::ConnectionBase;
+using IPC::ConnectionUDS;
+using kelm::countDescriptors;
+using kelm::eventually;
+using kelm::isSameFile;
+using kelm::makeFile;
+using kelm::RawPeer;
+using kelm::SocketChannel;
+using kelm::UniqueFd;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+class IPCTransferTest : public testing::Test {
+ protected:
+    std::string readBytes(int size) {
+        std::string bytes(static_cast<size_t>(size), '\0');
+        connection->read(bytes.data(), size, nullptr);
+        return bytes;
+    }
+    UniqueFd readFd() {
+        int fd = -1;
+        connection->read(fd);
+        return UniqueFd(fd);
+    }
+
+    SocketChannel channel;
+    RawPeer peer{channel.path};
+    std::shared_ptr<ConnectionUDS> connection = channel.accept();
+};
+
+TEST_F(IPCTransferTest, DescriptorsKeepTheirPlaceAmongTheBytes) {
+    const UniqueFd first = makeFile();
+    const UniqueFd second = makeFile();
+    // The last case puts the accompanying bytes across the end of the receive buffer.
+    for (const int lead : {0, 10, static_cast<int>(IPC::ReceiveBuffer::kCapacity) - 2}) {
+        SCOPED_TRACE(lead);
+        const std::string leading(static_cast<size_t>(lead), 'a');
+        if (lead > 0) peer.send(leading);
+        peer.sendFds("1234", {first.get()});
+        peer.sendFds("5678", {second.get()});
+        peer.send("tail");
+        EXPECT_TRUE(lead == 0 || readBytes(lead) == leading);
+        const UniqueFd receivedFirst = readFd();
+        EXPECT_TRUE(isSameFile(first.get(), receivedFirst.get()));
+        EXPECT_TRUE((::fcntl(receivedFirst.get(), F_GETFD) & FD_CLOEXEC) != 0);
+        EXPECT_TRUE(isSameFile(second.get(), readFd().get()));
+        EXPECT_EQ("tail", readBytes(4));
+    }
+}
+
+TEST_F(IPCTransferTest, UnwantedDescriptorsAreClosed) {
+    const UniqueFd file = makeFile();
+    const size_t before = countDescriptors();
+    peer.sendFds("1234", {file.get()});
+    EXPECT_EQ("1234", readBytes(4));  // read as plain bytes
+    peer.sendFds("1234", {file.get(), file.get(), file.get()});
+    EXPECT_TRUE(isSameFile(file.get(), readFd().get()));  // the first one counts
+    peer.sendFds(std::string(20000, 'a'), {file.get()});
+    EXPECT_EQ(20000U, readBytes(20000).size());  // past the buffer
+    peer.sendFds("12345", std::vector<int>(253, file.get()));
+    EXPECT_THAT([&] { (void)readFd(); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("num_fd = 0")));
+    EXPECT_EQ("5", readBytes(1));
+    EXPECT_EQ(before, countDescriptors());
+    peer.sendFds("1234", {file.get()});
+    peer.send("5");
+    EXPECT_EQ("1", readBytes(1));
+    EXPECT_EQ(before + 1, countDescriptors());
+    ConnectionBase::close(connection->getSimulateFD());
+    connection.reset();
+    IPC::PollEvent event;
+    EXPECT_FALSE(channel.poller->wait(&event, 0));
+    EXPECT_EQ(before - 1, countDescriptors());
+}
+
+TEST_F(IPCTransferTest, MissingDescriptorIsReportedAndEndOfStreamTold) {
+    peer.send("1234");
+    EXPECT_THAT([&] { (void)readFd(); },
+                ThrowsMessage<std::runtime_error>(
+                    HasSubstr("Error: could not get recv_fd from socket cmsg_len = 0")));
+    peer.hangUp();
+    EXPECT_THAT([&] { (void)readFd(); },
+                ThrowsMessage<std::runtime_error>(
+                    HasSubstr("The peer has performed an orderly shutdown. socketFd=1")));
+}
+
+TEST_F(IPCTransferTest, SentDescriptorArrivesWithItsNumber) {
+    auto client = std::make_shared<ConnectionUDS>(nullptr);
+    ASSERT_TRUE(client->connect(channel.path));
+    const auto accepted = channel.accept();
+    const UniqueFd file = makeFile();
+    client->write(file.get());
+    int fd = -1;
+    accepted->read(fd);
+    const UniqueFd received(fd);
+    EXPECT_TRUE(isSameFile(file.get(), received.get()));
+    accepted->close();
+    EXPECT_THAT([&] { client->write(file.get()); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("Error: Read-end of socket")));
+    EXPECT_THAT([&] { accepted->write(file.get()); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("Error: send fd(")));
+}
+
+TEST_F(IPCTransferTest, HalfMessageOfAGonePeerTellsWhatIsMissing) {
+    connection->setUser("camera");
+    peer.send("12345");
+    peer.hangUp();
+    EXPECT_THAT(
+        [&] { (void)readBytes(8); },
+        ThrowsMessage<std::runtime_error>("read socket(idx=1) failed, user=camera leftBytes=3"));
+    EXPECT_THAT([&] { connection->write("a", 1); },
+                ThrowsMessage<std::runtime_error>("write socket(idx=1) failed, user=camera"));
+    EXPECT_THAT([&] { connection->read(nullptr, 4, nullptr); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("read got invalid argument. m_fd=")));
+}
+
+TEST_F(IPCTransferTest, NonBlockingReadTakesWhatIsThere) {
+    char bytes[8] = {};
+    int count = -1;
+    connection->read(bytes, sizeof(bytes), &count);
+    EXPECT_EQ(0, count);
+    peer.send("abc");
+    connection->read(bytes, 2, &count);
+    EXPECT_EQ(2, count);
+    connection->read(bytes, sizeof(bytes), &count);
+    EXPECT_EQ(1, count);
+    // The mode that the read left behind makes a full socket answer EAGAIN: no byte may be lost.
+    const std::string large(4 << 20, 'x');
+    std::thread writer([&] { connection->write(large.data(), static_cast<int>(large.size())); });
+    EXPECT_EQ(large, peer.receive(large.size()));
+    writer.join();
+    std::thread sender([&] {
+        EXPECT_TRUE(
+            eventually([&] { return RawPeer::pendingOn(connection->nativeHandle()) == 0; }));
+        peer.send("z");
+    });
+    EXPECT_EQ("z", readBytes(1));
+    sender.join();
+}
+
+// Each way to end a transfer that stands still, from another thread.
+TEST_F(IPCTransferTest, StuckTransfersEndFromOutside) {
+    struct Row {
+        const char* name;
+        bool writes;
+        void (*end)(ConnectionUDS& connection);
+        bool stillWrites;
+    };
+    const Row rows[] = {
+        {"shutdown ends a read", false, [](ConnectionUDS& c) { c.shutdown(); }, false},
+        {"close ends a read", false, [](ConnectionUDS& c) { c.close(); }, false},
+        {"all shut down for reading", false,
+         [](ConnectionUDS&) { ConnectionBase::shutdownAll(SHUT_RD); }, true},
+        {"shutdown ends a write", true, [](ConnectionUDS& c) { c.shutdown(); }, false},
+        {"close ends a write", true, [](ConnectionUDS& c) { c.close(); }, false},
+        {"all shut down", true, [](ConnectionUDS&) { ConnectionBase::shutdownAll(SHUT_RDWR); },
+         false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const RawPeer other(channel.path);
+        const auto stuck = channel.accept();
+        std::string block(4 << 20, 'x');
+        other.send("half");
+        std::thread worker([&] {
+            const int size = static_cast<int>(block.size());
+            EXPECT_ANY_THROW(row.writes ? stuck->write(block.data(), size)
+                                        : stuck->read(block.data(), size, nullptr));
+        });
+        EXPECT_TRUE(eventually([&] {
+            return row.writes ? other.pending() > 0
+                              : RawPeer::pendingOn(stuck->nativeHandle()) == 0;
+        }));
+        row.end(*stuck);
+        worker.join();
+        if (row.stillWrites) {
+            EXPECT_TRUE(stuck->connected());
+            stuck->write("answer", 6);
+            EXPECT_EQ("answer", other.receive(6));
+        } else {
+            EXPECT_FALSE(stuck->connected());
+        }
+    }
+}
+
+// A descriptor that is closed while a transfer is inside must not reach another file that gets its
+// number: each round opens new files as fast as it closes old ones.
+TEST_F(IPCTransferTest, CloseRacesWithTransfersAndReuse) {
+    const size_t before = countDescriptors();
+    for (int round = 0; round < 200; ++round) {
+        RawPeer other(channel.path);
+        const auto busy = channel.accept();
+        std::atomic<int> inside{0};
+        std::thread reader([&] {
+            char bytes[64];
+            inside.fetch_add(1);
+            try {
+                for (;;) busy->read(bytes, sizeof(bytes), nullptr);
+            } catch (const std::exception&) {
+            }
+        });
+        std::thread writer([&] {
+            inside.fetch_add(1);
+            try {
+                for (;;) busy->write("0123456789", 10);
+            } catch (const std::exception&) {
+            }
+        });
+        other.send(std::string(100, 'x'));
+        EXPECT_TRUE(eventually([&] { return inside.load() == 2; }));
+        ConnectionBase::close(busy->getSimulateFD());
+        const UniqueFd file = makeFile();
+        reader.join();
+        writer.join();
+        struct stat status = {};
+        EXPECT_EQ(0, ::fstat(file.get(), &status));
+        EXPECT_EQ(0, status.st_size);
+    }
+    IPC::PollEvent event;
+    EXPECT_FALSE(channel.poller->wait(&event, 0));
+    EXPECT_EQ(before, countDescriptors());
+}
+
+}  // namespace
