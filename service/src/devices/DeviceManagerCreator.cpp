@@ -1,0 +1,155 @@
+#include "devices/DeviceManagerCreator.h"
+
+#include <utility>
+
+#include "config/ServiceConfigParser.h"
+#include "devices/DeviceManager.h"
+#include "execution/KelmDeviceBase.h"
+#include "execution/ResultSink.h"
+#include "execution/WorkThread.h"
+#include "protocol/src/KelmError.h"
+#include "records/ClientDirectory.h"
+#include "records/KelmGraph.h"
+#include "scheduling/devices/GraphPlacementListener.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+
+namespace {
+
+// Simulated devices in place of real ones that the configuration does not identify.
+constexpr int kFakeDevicesWithoutIds = 3;
+
+void answerReset(KelmError error, int socket, void* userParam) {
+    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
+}
+
+}  // namespace
+
+DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
+    : m_deviceMonitor(std::move(impl)) {
+    initDeviceMonitor();
+    createDeviceManager();
+    launchDeviceMonitor();  // last: all managers exist before the first plug event
+}
+
+DeviceManagerCreator::~DeviceManagerCreator() {
+    Port<WorkerRemovalListener>::disconnect();
+    (void)stop();  // what does not stop is left behind by its owner
+}
+
+void DeviceManagerCreator::initDeviceMonitor() {
+    int count = 0;
+    if (KelmDeviceBase::isFakeDeviceModeEnabled(&count)) return m_deviceMonitor.setFakeMode(count);
+    KelmDeviceBase::initPlatform();
+    m_vendorId = ServiceConfigParser::instance().getDeviceVid();
+    m_productId = ServiceConfigParser::instance().getDevicePid();
+    if (m_vendorId != 0 && m_productId != 0) {
+        (void)m_deviceMonitor.addDeviceFilter(m_vendorId, m_productId);  // else no device is found
+        return;
+    }
+    LOG_WARN(
+        "Warn: no zorvan device avaliable, due to invalid vendorID/productID in config file, use "
+        "fake device instead.");
+    // Deliberate: only the monitor is switched. The devices of these names fail to open, and the
+    // service runs without a usable one.
+    m_deviceMonitor.setFakeMode(kFakeDevicesWithoutIds);
+}
+
+void DeviceManagerCreator::createDeviceManager() {
+    std::map<int, std::vector<std::string>> names;
+    for (const DeviceDesc& desc : m_deviceMonitor.getDeviceList(m_vendorId, m_productId)) {
+        names[desc.interfaceSubclass].push_back(desc.name);
+    }
+    for (const auto& [subclass, group] : names) {
+        const auto manager = DeviceManager::create("DeviceManager" + std::to_string(subclass));
+        manager->setDeviceList(subclass, group);
+        m_deviceManagers[subclass] = manager;
+        LOG_INFO("New device manager(%s) created with subclass(%d), deviceCount(%lu)",
+                 manager->getName(), subclass, group.size());
+    }
+}
+
+void DeviceManagerCreator::launchDeviceMonitor() {
+    m_listenerId = m_deviceMonitor.registerListen(
+        [this](const DeviceDesc& desc, DeviceMonitor::PlugType type) {
+            handlePlugEvent(desc, type);
+        });
+    if (!m_deviceMonitor.launch()) LOG_ERROR("Can not launch DeviceMonitor.");
+}
+
+// On the monitor's thread: the managers only queue.
+void DeviceManagerCreator::handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type) {
+    const int subclass = desc.interfaceSubclass;
+    const std::shared_ptr<DeviceManager> manager = findManager(subclass);
+    if (!manager) {
+        LOG_ERROR("Error: cannot find device manager with subclass(%d)", subclass);
+    } else if (type == DeviceMonitor::PLUGGED_IN) {
+        (void)manager->enqueuePluginDevice(subclass, desc.name);  // the subclass is the manager's
+    } else if (type == DeviceMonitor::PLUGGED_OUT) {
+        (void)manager->enqueuePlugoutDevice(subclass, desc.name);
+    }
+}
+
+std::shared_ptr<DeviceManager> DeviceManagerCreator::findManager(int subclass) const {
+    const auto found = m_deviceManagers.find(subclass);
+    return found != m_deviceManagers.end() ? found->second : nullptr;
+}
+
+bool DeviceManagerCreator::enqueueLoadGraph(KelmGraph* graph) {
+    const int subclass = graph->getInterfaceSubclass();
+    if (const auto manager = findManager(subclass)) {
+        manager->enqueueLoadGraph(graph);
+        return true;
+    }
+    LOG_ERROR("Error: cannot find device manager with subclass(%d)", subclass);
+    using Listener = GraphPlacementListener;
+    Port<Listener>::notify<&Listener::enqueueNotifyLoadGraphDone>(graph, KELM_ERROR_INVALID_PARAM);
+    return false;
+}
+
+bool DeviceManagerCreator::enqueueUnloadGraph(KelmGraph* graph) {
+    const int subclass = graph->getInterfaceSubclass();
+    if (const auto manager = findManager(subclass)) {
+        manager->enqueueUnloadGraph(graph);
+        return true;
+    }
+    // Deliberate: no completion follows, the result says that there is nothing to wait for.
+    LOG_ERROR("Error: cannot find device manager with subclass(%d)", subclass);
+    return false;
+}
+
+void DeviceManagerCreator::enqueueRemoveWorkerDone(WorkThread* worker) {
+    if (const auto manager = findManager(worker->getSubclass())) {
+        return manager->enqueueRemoveWorkerDone(worker);
+    }
+    LOG_ERROR("Error: cannot find device manager for removed worker(%s)", worker->getName());
+}
+
+void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t deviceId,
+                                              uint8_t resetAll, int socket, void* userParam) {
+    if (!Port<ClientDirectory>::ask<&ClientDirectory::verifyClient>(false, clientId)) {
+        LOG_ERROR("Error: invalid clientId(%lu)", clientId);
+        return answerReset(KELM_ERROR_INVALID_CLIENT, socket, userParam);
+    }
+    if (resetAll != 0) {
+        const auto result = static_cast<KelmError>(KelmDeviceBase::resetAllDevices());
+        return answerReset(result, socket, userParam);
+    }
+    for (const auto& [subclass, manager] : m_deviceManagers) {
+        if (!manager->hasDevice(deviceId)) continue;
+        return manager->enqueueResetDevice(clientId, deviceId, socket, userParam);
+    }
+    LOG_ERROR("Error: cannot find device manager with deviceId(%d)", deviceId);
+    answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
+}
+
+bool DeviceManagerCreator::stop() {
+    m_deviceMonitor.stop();
+    bool stopped = true;
+    for (const auto& [subclass, manager] : m_deviceManagers) stopped &= manager->stop();
+    return stopped;
+}
+
+}  // namespace kelm

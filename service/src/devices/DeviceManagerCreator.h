@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "scheduling/devices/WorkerRemovalListener.h"
+#include "utils/DeviceMonitor.h"
+#include "utils/Singleton.h"
+
+namespace kelm {
+
+class DeviceManager;
+class KelmGraph;
+
+// The door to the device side of the service: finds the devices at start, groups them by their
+// interface subclass, makes a manager for each group, and then routes graphs, resets and plug
+// events. With no device at start there is no manager; a device of a new subclass cannot join.
+//
+// Threads: any. The construction starts all devices and blocks until they are tried; stop() is
+// called by one thread.
+// Owns: the monitor and the managers.
+// Locks: none; the managers are fixed by the construction.
+class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
+                                   public WorkerRemovalListener {
+ public:
+    // Throws std::invalid_argument for a broken tag map in the configuration. `impl` watches the
+    // devices in place of the usual implementation.
+    explicit DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl = nullptr);
+    ~DeviceManagerCreator();
+
+    // False if no manager has the graph's subclass: a load is answered through the listener, but
+    // for an unload nothing follows, since the graph cannot have been loaded.
+    bool enqueueLoadGraph(KelmGraph* graph);
+    bool enqueueUnloadGraph(KelmGraph* graph);
+    // `userParam` is the request message, passed on to the answer.
+    void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, uint8_t resetAll, int socket,
+                            void* userParam);
+    void enqueueRemoveWorkerDone(WorkThread* worker) override;
+
+    // Ends monitor, schedulers and workers in bounded time; to be called before static objects go.
+    // False: a device does not answer, and what may still use it was left behind. The process
+    // should then leave without destroying its static objects.
+    bool stop();
+
+ private:
+    void initDeviceMonitor();
+    void createDeviceManager();
+    void launchDeviceMonitor();
+    void handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type);
+    // Null, with nothing logged, if there is none.
+    std::shared_ptr<DeviceManager> findManager(int subclass) const;
+
+    int m_vendorId = 0;
+    int m_productId = 0;
+    DeviceMonitor m_deviceMonitor;
+    std::map<int, std::shared_ptr<DeviceManager>> m_deviceManagers;  // by subclass
+    unsigned long m_listenerId = 0;
+};
+
+}  // namespace kelm
