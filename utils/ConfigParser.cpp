@@ -1,5 +1,9 @@
 // The JSON reader's own use of the bind library would otherwise print a deprecation note.
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
+// GCC takes the storage of an empty boost::optional for read when it also inserts sanitizer checks.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #include "utils/ConfigParser.h"
 
