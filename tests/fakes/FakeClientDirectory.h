@@ -15,7 +15,7 @@
 namespace kelm {
 
 // Clients without connections. Any thread.
-class FakeClientDirectory : public ClientDirectory {
+class FakeClientDirectory final : public ClientDirectory {
  public:
     KelmClient* add(uint64_t clientId, const std::string& name) {
         MutexLock lock(m_mutex);

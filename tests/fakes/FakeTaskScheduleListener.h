@@ -9,7 +9,7 @@
 namespace kelm {
 
 // Records what the task scheduler decides; destroys nothing. Any thread.
-class FakeTaskScheduleListener : public TaskScheduleListener {
+class FakeTaskScheduleListener final : public TaskScheduleListener {
  public:
     using Decision = std::pair<KelmTask*, bool>;
 

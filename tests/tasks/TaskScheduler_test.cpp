@@ -1,0 +1,347 @@
+#include "config/ServiceConfigParser.h"
+#include "execution/TaskExchange.h"
+#include "execution/WorkThread.h"
+#include "fakes/Eventually.h"
+#include "fakes/FakeClientDirectory.h"
+#include "fakes/FakeTaskScheduleListener.h"
+#include "fakes/ScriptedDevice.h"
+#include "fakes/TempDir.h"
+#include "fakes/TestRecords.h"
+#include "records/InfoCollector.h"
+#include "records/PrintInfoListener.h"
+#include "scheduling/tasks/TaskSchedulerBase.h"
+#include "scheduling/tasks/TaskSchedulerFCFS.h"
+#include "scheduling/tasks/TaskSchedulerFactory.h"
+#include "scheduling/tasks/TaskSchedulerPolling.h"
+#include "utils/Port.h"
+
+namespace kelm {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+
+void configure(const std::string& text) {
+    const TempDir dir;
+    ServiceConfigParser::instance().appendConfigFile(dir.write("test.config", text), false);
+}
+
+// A worker that has no slot for a graph gives a task back at once, on the thread that brings it;
+// so what comes here was handed to a worker.
+class ReturningExchange final : public TaskExchange {
+ public:
+    void enqueueScheduleWorker(WorkThread*, KelmGraph*) override {}
+    void enqueueDescheduleWorker(WorkThread*, KelmGraph*) override { ++descheduled; }
+    void enqueueReturnTask(KelmTask* task) override {
+        {
+            MutexLock lock(m_mutex);
+            m_returned.push_back(task);
+        }
+        if (const auto hook = std::exchange(onNextReturn, nullptr)) hook();
+    }
+    void enqueueDestroyTask(KelmTask*) override {}
+
+    std::vector<KelmTask*> returned() {
+        MutexLock lock(m_mutex);
+        return m_returned;
+    }
+
+    std::function<void()> onNextReturn;  // set before tasks are under way
+    std::atomic<int> descheduled{0};
+
+ private:
+    Mutex m_mutex;
+    std::vector<KelmTask*> m_returned GUARDED_BY(m_mutex);
+};
+
+class TaskSchedulerTest : public testing::Test {
+ protected:
+    TaskSchedulerTest() {
+        configure(R"({"service_settings": {"server_max_task_number": 0}})");
+        for (uint64_t clientId = 1; clientId <= 3; ++clientId) {
+            client[clientId] = clients.add(clientId, "client" + std::to_string(clientId));
+        }
+    }
+    KelmTask* makeTask(uint64_t clientId = 1) {
+        const KelmMsgReqInferTask request{};
+        tasks.push_back(std::make_unique<KelmTask>(tasks.size() + 1, client[clientId], graph.get(),
+                                                   nullptr, &request));
+        (void)tasks.back()->setSendCreateResponseDone();  // or its end would be logged
+        return tasks.back().get();
+    }
+    // The tasks that reached a worker, in order.
+    std::vector<KelmTask*> delivered() { return exchange.returned(); }
+    void scheduleWorkers(TaskSchedulerBase& scheduler, int count) {
+        for (; count > 0; --count) scheduler.scheduleWorker(&worker, graph.get());
+    }
+
+    FakeTaskScheduleListener listener;
+    ScopedPort<TaskScheduleListener> listenerPort{listener};
+    FakeClientDirectory clients;
+    ScopedPort<ClientDirectory> clientPort{clients};
+    ReturningExchange exchange;
+    ScopedPort<TaskExchange> exchangePort{exchange};
+    ScriptedDevices devices;
+    std::unique_ptr<KelmGraph> graph = makeTestGraph(1, "content");
+    std::map<uint64_t, KelmClient*> client;
+    std::vector<std::unique_ptr<KelmTask>> tasks;
+    WorkThread worker{"device", 1, /*slaveWorkerNum=*/0, 0};
+};
+
+TEST_F(TaskSchedulerTest, TaskOrWorkerMissesTheOtherThatWaits) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    KelmTask* const first = makeTask();
+    scheduler.scheduleWorker(&worker, graph.get());
+    scheduler.scheduleTask(first);
+    EXPECT_THAT(delivered(), ElementsAre(first));
+    KelmTask* const second = makeTask();
+    scheduler.scheduleTask(second);
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 1u);
+    EXPECT_EQ(client[1]->getWaitingInferenceNum(), 1u);
+    scheduler.scheduleWorker(&worker, graph.get());
+    EXPECT_THAT(delivered(), ElementsAre(first, second));
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+    EXPECT_EQ(client[1]->getWaitingInferenceNum(), 0u);
+    EXPECT_EQ(graph->getNumWaitTasks(), 0u);
+    EXPECT_THAT(listener.scheduled(), ElementsAre(Pair(first, true), Pair(second, true)));
+}
+
+TEST_F(TaskSchedulerTest, WorkerThatComesBetweenLookAndQueueWaitsForEver) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    for (const bool returned : {false, true}) {
+        SCOPED_TRACE(returned);
+        KelmTask* const task = makeTask();
+        clients.onNextSearch([&] { scheduler.scheduleWorker(&worker, graph.get()); });
+        if (returned) {
+            scheduler.rescheduleTask(task);
+        } else {
+            scheduler.scheduleTask(task);
+        }
+        ASSERT_FALSE(delivered().empty());
+        EXPECT_EQ(delivered().back(), task);
+        EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+        EXPECT_EQ(graph->getNumWaitTasks(), 0u);
+    }
+}
+
+TEST_F(TaskSchedulerTest, LoneClientStallsWhenItsTaskCrossesTheWorker) {
+    constexpr size_t kRounds = 3000;
+    TaskSchedulerPolling scheduler("TS.Polling");
+    for (size_t round = 1; round <= kRounds; ++round) {
+        scheduler.enqueueScheduleTask(makeTask());
+        scheduler.enqueueScheduleWorker(&worker, graph.get());
+        ASSERT_TRUE(eventually([&] { return delivered().size() == round; })) << round;
+    }
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+}
+
+TEST_F(TaskSchedulerTest, ReturnedTaskLosesItsPlace) {
+    TaskSchedulerFCFS scheduler("TS.FCFS");
+    KelmTask* const waiting = makeTask(1);
+    KelmTask* const returned = makeTask(2);
+    scheduler.scheduleTask(waiting);
+    scheduler.rescheduleTask(returned);
+    scheduleWorkers(scheduler, 2);
+    EXPECT_THAT(delivered(), ElementsAre(returned, waiting));
+    EXPECT_THAT(listener.rescheduled(), ElementsAre(Pair(returned, true)));
+    returned->cancel();
+    scheduler.rescheduleTask(returned);
+    EXPECT_EQ(listener.rescheduled().back(), FakeTaskScheduleListener::Decision(returned, false));
+}
+
+TEST_F(TaskSchedulerTest, LimitCountsMoreOrLessThanWaitingTasks) {
+    configure(R"({"service_settings": {"server_max_task_number": 2}})");
+    TaskSchedulerPolling scheduler("TS.Polling");
+    scheduleWorkers(scheduler, 1);
+    for (int i = 0; i < 4; ++i) scheduler.scheduleTask(makeTask());
+    // The first went to the worker, two wait, the fourth is too many.
+    EXPECT_EQ(delivered().size(), 1u);
+    EXPECT_FALSE(listener.scheduled().back().second);
+    EXPECT_TRUE(listener.scheduled()[2].second);
+    scheduler.rescheduleTask(makeTask());  // no limit for what comes back
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 3u);
+}
+
+TEST_F(TaskSchedulerTest, CanceledTaskReachesAWorker) {
+    TaskSchedulerFCFS scheduler("TS.FCFS");
+    KelmTask* const atOnce = makeTask();
+    atOnce->cancel();
+    scheduler.scheduleTask(atOnce);
+    EXPECT_THAT(listener.scheduled(), ElementsAre(Pair(atOnce, false)));
+
+    KelmTask* const queued = makeTask();
+    KelmTask* const next = makeTask();
+    scheduler.scheduleTask(queued);
+    scheduler.scheduleTask(next);
+    queued->cancel();
+    scheduleWorkers(scheduler, 1);
+    EXPECT_THAT(delivered(), ElementsAre(next));
+    EXPECT_THAT(listener.destroyed(), ElementsAre(queued));
+    EXPECT_EQ(graph->getNumWaitTasks(), 0u);
+    EXPECT_EQ(client[1]->getWaitingInferenceNum(), 0u);
+
+    // With nothing but canceled tasks the worker has to wait, or the next task finds none.
+    KelmTask* const last = makeTask();
+    scheduler.scheduleTask(last);
+    last->cancel();
+    scheduleWorkers(scheduler, 1);
+    KelmTask* const found = makeTask();
+    scheduler.scheduleTask(found);
+    EXPECT_THAT(delivered(), ElementsAre(next, found));
+}
+
+TEST_F(TaskSchedulerTest, CancelOfAQueuedTaskTidiesTheWaitingNumbers) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    KelmTask* const task = makeTask();
+    scheduler.scheduleTask(task);
+    scheduler.descheduleTask(task);
+    scheduler.descheduleTask(task);
+    EXPECT_THAT(listener.descheduled(), ElementsAre(Pair(task, true), Pair(task, false)));
+    EXPECT_THAT(listener.destroyed(), ElementsAre(task));
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+    // Both are meant to stay one too high.
+    EXPECT_EQ(graph->getNumWaitTasks(), 1u);
+    EXPECT_EQ(client[1]->getWaitingInferenceNum(), 1u);
+}
+
+TEST_F(TaskSchedulerTest, TaskOfAVanishedClientIsQueued) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    KelmTask* const task = makeTask(3);
+    clients.hide(3);
+    scheduler.scheduleTask(task);
+    EXPECT_THAT(listener.scheduled(), ElementsAre(Pair(task, true)));
+    EXPECT_THAT(listener.destroyed(), ElementsAre(task));
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+}
+
+TEST_F(TaskSchedulerTest, TaskOverlooksThatItsGraphHasLeft) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    KelmTask* const task = makeTask();
+    clients.onNextSearch([&] {
+        task->cancel();
+        scheduler.descheduleGraph(graph.get());
+    });
+    scheduler.scheduleTask(task);
+    EXPECT_THAT(listener.destroyed(), ElementsAre(task));
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+}
+
+TEST_F(TaskSchedulerTest, GraphLeavesTasksOrWorkersBehind) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    KelmTask* const task = makeTask();
+    scheduler.scheduleTask(task);
+    scheduler.descheduleGraph(graph.get());
+    EXPECT_THAT(listener.destroyed(), ElementsAre(task));
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
+    scheduleWorkers(scheduler, 2);
+    scheduler.descheduleGraph(graph.get());
+    scheduler.descheduleGraph(graph.get());  // with neither it only confirms
+    EXPECT_THAT(listener.descheduledGraphs(), ElementsAre(graph.get(), graph.get(), graph.get()));
+    scheduler.scheduleTask(makeTask());
+    EXPECT_THAT(delivered(), IsEmpty());
+}
+
+TEST_F(TaskSchedulerTest, WorkersAreServedOutOfTurnOrAfterTheyLeft) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    WorkThread one("one", 1, 1, 1);
+    WorkThread two("two", 1, 1, 1);
+    ASSERT_EQ(one.enqueueLoadGraph(graph.get()).get(), 0);
+    ASSERT_EQ(two.enqueueLoadGraph(graph.get()).get(), 0);
+    for (WorkThread* waiting : {&one, &two, &worker}) {
+        scheduler.scheduleWorker(waiting, graph.get());
+    }
+    scheduler.descheduleWorker(&worker, graph.get());
+    KelmTask* const first = makeTask();
+    KelmTask* const second = makeTask();
+    KelmTask* const third = makeTask();
+    for (KelmTask* task : {first, second, third}) scheduler.scheduleTask(task);
+    EXPECT_TRUE(eventually([&] { return devices["two"].count(DeviceCall::GetResult) == 1; }));
+    EXPECT_TRUE(eventually([&] { return devices["one"].count(DeviceCall::GetResult) == 1; }));
+    EXPECT_THAT(devices["one"].loadedTasks(), ElementsAre(first));
+    EXPECT_THAT(devices["two"].loadedTasks(), ElementsAre(second));
+    EXPECT_THAT(delivered(), IsEmpty());
+    EXPECT_EQ(scheduler.getNumWaitTasks(), 1u);
+}
+
+// A confirmed worker may be destroyed, and its graph with it, while the task's thread uses both.
+TEST_F(TaskSchedulerTest, WorkerIsLetGoDuringAHandOver) {
+    TaskSchedulerPolling scheduler("TS.Polling");
+    WorkThread leaving("leaving", 1, 1, 1);
+    ASSERT_EQ(leaving.enqueueLoadGraph(graph.get()).get(), 0);
+    scheduler.scheduleWorker(&leaving, graph.get());
+    // From here on the slot is free, so that the task comes back on the hand-over's own thread.
+    const std::shared_future<int> unloaded = leaving.enqueueUnloadGraph(graph.get(), false);
+    ASSERT_TRUE(eventually([&] { return exchange.descheduled == 1; }));
+    bool early = true;
+    exchange.onNextReturn = [&] {
+        scheduler.descheduleWorker(&leaving, graph.get());
+        early = unloaded.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready;
+    };
+    scheduler.scheduleTask(makeTask());
+    EXPECT_FALSE(early);
+    EXPECT_EQ(unloaded.get(), 0);
+}
+
+TEST_F(TaskSchedulerTest, TasksOutliveTheScheduler) {
+    {
+        TaskSchedulerPolling scheduler("TS.Polling");
+        for (int i = 0; i < 50; ++i) scheduler.enqueueScheduleTask(makeTask());
+    }
+    EXPECT_EQ(listener.destroyed().size(), 50u);
+}
+
+TEST_F(TaskSchedulerTest, NameSelectsTheWrongScheduler) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"fcfs", "TS.FCFS"},       {"FCFS", "TS.FCFS"},     {"Polling", "TS.Polling"},
+        {"lottery", "TS.Polling"}, {nullptr, "TS.Polling"}, {"", "TS.Polling"}};
+    for (const auto& [keyword, name] : rows) {
+        SCOPED_TRACE(keyword != nullptr ? keyword : "null");
+        const auto scheduler = TaskSchedulerFactory::createScheduler(keyword);
+        EXPECT_EQ(scheduler->getName(), name);
+        EXPECT_EQ(dynamic_cast<TaskSchedulerPolling*>(scheduler.get()) != nullptr,
+                  std::string(name) == "TS.Polling");
+    }
+}
+
+class FakeInfoCollector final : public InfoCollector {
+ public:
+    bool registerListener(PrintInfoListener* listener) override {
+        listeners.insert(listener);
+        return true;
+    }
+    void unregisterListener(PrintInfoListener* listener) override { listeners.erase(listener); }
+
+    std::set<PrintInfoListener*> listeners;
+};
+
+TEST_F(TaskSchedulerTest, SnapshotMissesWhatWaitsOrItsListenerStays) {
+    FakeInfoCollector collector;
+    const ScopedPort<InfoCollector> port(collector);
+    configure(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "base"}}})");
+    {
+        TaskSchedulerPolling scheduler("TS.Polling");
+        ASSERT_THAT(collector.listeners, ElementsAre(&scheduler));
+        const auto other = makeTestGraph(2, "other");
+        scheduler.scheduleTask(makeTask());
+        scheduler.scheduleWorker(&worker, other.get());
+        testing::internal::CaptureStdout();
+        (*collector.listeners.begin())->onPrintInfo();
+        const std::string text = testing::internal::GetCapturedStdout();
+        EXPECT_THAT(text, HasSubstr("TaskSnapshot(Regular)\n----------------------------- "
+                                    "TS.Polling ------------------------------\nTime: "));
+        EXPECT_THAT(text, HasSubstr("GraphName: [graph1]\n"
+                                    "  WaitingTasks(numClients=1 numTasks=1):\n"));
+        EXPECT_THAT(text, HasSubstr("  WaitingWorkers(numWaitWorkers=0):\n"));
+        EXPECT_THAT(text, HasSubstr("GraphName: [graph2]\n  WaitingTasks(numWaitTasks=0):\n"
+                                    "  WaitingWorkers(numWaitWorkers=1): [Wtdevice]\n"));
+    }
+    EXPECT_THAT(collector.listeners, IsEmpty());
+    configure(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "none"}}})");
+    TaskSchedulerFCFS quiet("TS.FCFS");
+    EXPECT_THAT(collector.listeners, IsEmpty());
+}
+
+}  // namespace
+}  // namespace kelm
