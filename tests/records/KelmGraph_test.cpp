@@ -1,0 +1,163 @@
+#include "records/KelmGraph.h"
+
+#include <filesystem>
+#include <limits>
+
+#include "fakes/FakeClientDirectory.h"
+#include "fakes/TempDir.h"
+#include "records/GraphDemand.h"
+#include "utils/Digest.h"
+#include "utils/Log.h"
+#include "utils/Port.h"
+
+namespace kelm {
+namespace {
+
+using testing::ElementsAre;
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+std::string readText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(GraphDemandTest, RequestOrFactorIsOff) {
+    const struct {
+        const char* what;
+        GraphLoad load;  // inference time, waiting, in, out
+        float request;
+        float factor;
+    } rows[] = {
+        {"backlog over the output rate", {10.0f, 20, 100.0f, 40.0f}, 0.75f, 1.0f},
+        {"no output yet: the device's own rate", {10.0f, 20, 100.0f, 0.0f}, 0.55f, 1.0f},
+        {"nothing arrives: the backlog alone", {10.0f, 20, 0.0f, 40.0f}, 0.5f, 1.0f},
+        {"neither arrivals nor backlog", {10.0f, 0, 0.0f, 0.0f}, 0.0f, 1.0f},
+        {"keeps up, barely above a whole number", {10.0f, 0, 610.0f, 610.0f}, 3.05f, 1.5f},
+        {"keeps up, well above it", {10.0f, 0, 640.0f, 640.0f}, 3.2f, 1.0f},
+        {"falls behind", {10.0f, 0, 610.0f, 500.0f}, 3.05f, 1.0f},
+        {"has a backlog", {10.0f, 1, 600.0f, 600.0f}, 3.005f, 1.0f},
+        {"output without arrivals is infinitely enough", {10.0f, 0, 0.0f, 5.0f}, 0.0f, 1.5f},
+        {"two arrivals in a millisecond", {10.0f, 0, kInfinity, 5.0f}, kInfinity, 1.0f},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_FLOAT_EQ(computeDeviceRequest(row.load), row.request);
+        EXPECT_EQ(computeDevReqFactor(row.request, row.load), row.factor);
+    }
+}
+
+TEST(KelmGraphTest, DemandIgnoresTheBacklogOrTheMissingMeasure) {
+    KelmGraph graph(1, 1, "graph", 1);
+    for (int i = 0; i < 8; ++i) graph.updateFpsIn();
+    EXPECT_EQ(graph.getDevReqNum(), 0.5f);  // not measured yet
+    KelmGraph measured(2, 1, "measured", 1);
+    measured.updateInferenceTime(10.0f);
+    measured.updateFpsIn();  // one arrival is no rate yet
+    EXPECT_EQ(measured.getFpsIn(), 0.0f);
+    EXPECT_FLOAT_EQ(measured.getDevReqNum(), 1.0f / 200.0f);
+    for (int i = 0; i < 39; ++i) measured.updateFpsOut(), measured.updateFpsIn();
+    Log::instance().setLogLevel(LOG_LEVEL_DEBUG);
+    testing::internal::CaptureStdout();
+    (void)measured.getDevReqNum();
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::ContainsRegex(
+                    "\\[graph:measured\\] [0-9a-z.]+ / 200.00 \\* \\(1.0 \\+ 1 / [0-9a-z.]+\\) "
+                    "\\* 1.00 = [0-9a-z.]+"));
+    Log::instance().setLogLevel(LOG_LEVEL_ERROR | LOG_LEVEL_WARN);
+}
+
+TEST(KelmGraphTest, InferenceTimesKeepNonsenseOrGrow) {
+    KelmGraph graph(1, 1, "graph", 1);
+    for (const float nonsense : {0.0f, -1.0f, kInfinity, -kInfinity, kNaN}) {
+        graph.updateInferenceTime(nonsense);
+    }
+    EXPECT_EQ(graph.getAvgInferTime(), 0.0f);
+    for (int i = 0; i < 100; ++i) graph.updateInferenceTime(1000.0f);
+    for (int i = 0; i < 200; ++i) graph.updateInferenceTime(i < 100 ? 1.0f : 3.0f);
+    EXPECT_FLOAT_EQ(graph.getAvgInferTime(), 2.0f);
+}
+
+TEST(KelmGraphTest, WaitingNumberFallsBelowZero) {
+    KelmGraph graph(1, 1, "graph", 1);
+    graph.updateFpsIn();
+    graph.updateFpsIn();
+    graph.updateFpsOut();
+    EXPECT_EQ(graph.getNumWaitTasks(), 1u);
+    graph.updateFpsOut();
+    graph.updateFpsOut();
+    EXPECT_EQ(graph.getNumWaitTasks(), 0u);
+}
+
+TEST(KelmGraphTest, PendingCyclesAreMiscounted) {
+    KelmGraph graph(1, 1, "graph", 1);
+    const KelmGraph::TimePoint untouched{};
+    KelmGraph::TimePoint since = untouched;
+    EXPECT_FALSE(graph.getStartPendingTime(since));
+    EXPECT_EQ(since, untouched);
+    for (const uint32_t cycles : {0u, 1u, 2u}) {
+        graph.setPendingState(true);
+        EXPECT_EQ(graph.getOutCycleNum(), cycles);
+    }
+    EXPECT_TRUE(graph.getStartPendingTime(since));
+    EXPECT_NE(since, untouched);
+    graph.setPendingState(false);
+    EXPECT_EQ(graph.getOutCycleNum(), 0u);
+    EXPECT_FALSE(graph.isPending());
+}
+
+TEST(KelmGraphTest, UsersOrTheirNamesAreMixedUp) {
+    FakeClientDirectory clients;
+    const ScopedPort<ClientDirectory> port(clients);
+    KelmGraph graph(1, 9, "nine", 1);
+    graph.appendName(4, "four");
+    graph.appendName(7, "seven");
+    graph.appendName(4, "vier");
+    clients.add(9, "client9");
+    clients.add(4, "client4");
+    EXPECT_THAT(graph.getClientNames(), ElementsAre("client4", "client9"));  // 7 is gone
+    graph.spliceGraphName();
+    EXPECT_EQ(graph.getName(), "vier;seven;nine");
+    EXPECT_FALSE(graph.removeUser(5));
+    for (const uint64_t clientId : {4, 7, 9}) EXPECT_TRUE(graph.removeUser(clientId));
+    EXPECT_FALSE(graph.isRunning());
+    EXPECT_EQ(KelmGraph(2, 1, nullptr, 1).getName(), "unnamed");
+}
+
+TEST(KelmGraphTest, BlobIsBorrowedOrItsHashDiffers) {
+    const TempDir dir;
+    std::string bytes(3 << 20, 'x');
+    const std::string hash = sha256ForString(bytes);
+    const std::string path = dir.write("graph.bin", bytes);
+    const KelmGraph fromBuffer(1, 1, bytes.data(), bytes.size(), "a", 1);
+    KelmGraph fromFile(2, 1, path.c_str(), "b", 1);
+    bytes.assign(bytes.size(), 'y');
+    for (const KelmGraph* graph : {&fromBuffer, static_cast<const KelmGraph*>(&fromFile)}) {
+        EXPECT_EQ(graph->getHash(), hash);
+        ASSERT_EQ(graph->getDataSize(), bytes.size());
+        EXPECT_EQ(graph->getData()[0], 'x');
+    }
+    EXPECT_EQ(fromFile.getPath(), path);
+    EXPECT_EQ(fromFile.getMemReq(), 3u);
+    const KelmGraph missing(3, 1, "/no/such/file", "c", 1);
+    EXPECT_EQ(missing.getHash(), "");
+    EXPECT_EQ(missing.getData(), nullptr);
+}
+
+TEST(KelmGraphTest, DumpIsIncompleteOrFollowsAPlantedLink) {
+    const TempDir dir;
+    KelmGraph graph(1, 1, "content", 7, "graph", 1);
+    const std::string path = dir.path() + "/new/folder/graph.dump";
+    EXPECT_TRUE(graph.dumpToFile(path));
+    EXPECT_EQ(readText(path), "content");
+    const std::string victim = dir.write("victim", "precious");
+    std::filesystem::create_symlink(victim, dir.path() + "/link");
+    EXPECT_FALSE(graph.dumpToFile(dir.path() + "/link"));
+    EXPECT_EQ(readText(victim), "precious");
+    KelmGraph empty(2, 1, "graph", 1);
+    EXPECT_FALSE(empty.dumpToFile(dir.path() + "/empty"));
+}
+
+}  // namespace
+}  // namespace kelm

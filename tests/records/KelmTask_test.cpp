@@ -1,0 +1,149 @@
+#include "records/KelmTask.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "config/ServiceConfigParser.h"
+#include "fakes/TempDir.h"
+#include "protocol/src/KelmProtocol.h"
+#include "records/BlockCache.h"
+#include "records/BufferAllocator.h"
+#include "records/KelmClient.h"
+#include "records/KelmGraph.h"
+#include "records/KelmTaskParam.h"
+
+namespace kelm {
+namespace {
+
+using testing::MatchesRegex;
+
+bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
+int openSomething() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
+
+KelmBuffer bufferOf(uint32_t type, int fd) {
+    KelmBuffer buffer{};
+    buffer.type = type;
+    buffer.fd = fd;
+    return buffer;
+}
+
+class KelmTaskTest : public testing::Test {
+ protected:
+    std::unique_ptr<KelmTask> makeTask(KelmTaskParam* param = nullptr) {
+        return std::make_unique<KelmTask>(7, &client, &graph, param, &request);
+    }
+    static MessagePtr makeDoneMessage() {
+        return MessagePtr(kelmAllocMessage(KELM_MESSAGE_TASK_DONE_EVT));
+    }
+
+    KelmClient client{3, "a client with a long name", nullptr, 2, 1};
+    KelmGraph graph{5, 3, "a graph with a long name", 1};
+    KelmMsgReqInferTask request{};
+};
+
+// The task goes with whatever it still holds: a leak or a double release shows under ASan.
+TEST_F(KelmTaskTest, DoneMessageOvertakesTheCreateAnswerOrIsLost) {
+    const auto early = makeTask();
+    MessagePtr message = makeDoneMessage();
+    const KelmMsgBase* const sent = message.get();
+    EXPECT_TRUE(early->setTaskDoneResponse(message));
+    EXPECT_EQ(message, nullptr);
+    EXPECT_EQ(early->setSendCreateResponseDone().get(), sent);
+    EXPECT_EQ(early->setSendCreateResponseDone(), nullptr);
+
+    const auto late = makeTask();
+    EXPECT_EQ(late->setSendCreateResponseDone(), nullptr);
+    message = makeDoneMessage();
+    EXPECT_FALSE(late->setTaskDoneResponse(message));
+    EXPECT_NE(message, nullptr);
+
+    const auto neverSent = makeTask();
+    EXPECT_TRUE(neverSent->setTaskDoneResponse(message));
+}
+
+TEST_F(KelmTaskTest, DescriptorsStayOpenOrOthersAreClosed) {
+    std::vector<int> fds;
+    for (int i = 0; i < 3; ++i) fds.push_back(openSomething());
+    // The type is the client's word: an unknown one does not keep a descriptor open.
+    auto task = makeTask(KelmTaskParam::create(bufferOf(KELM_BUFFER_ION, fds[0]),
+                                               bufferOf(KELM_BUFFER_SHARE_MEMORY, fds[1]),
+                                               bufferOf(77, fds[2])));
+    for (const int fd : fds) EXPECT_TRUE(isOpen(fd));
+    task.reset();
+    for (const int fd : fds) EXPECT_FALSE(isOpen(fd));
+
+    const bool hadInput = isOpen(0);
+    delete KelmTaskParam::create(bufferOf(1, 0), bufferOf(1, -1), bufferOf(2, 0));
+    EXPECT_EQ(isOpen(0), hadInput);
+}
+
+TEST_F(KelmTaskTest, BufferFreedTwiceClosesAStrangersDescriptor) {
+    KelmBuffer buffer = bufferOf(KELM_BUFFER_ION, openSomething());
+    const int fd = buffer.fd;
+    EXPECT_EQ(BufferAllocator::instance().free(&buffer), KELM_OK);
+    const int stranger = openSomething();
+    EXPECT_EQ(stranger, fd);
+    EXPECT_EQ(BufferAllocator::instance().free(&buffer), KELM_OK);
+    EXPECT_TRUE(isOpen(stranger));
+    ::close(stranger);
+    EXPECT_EQ(BufferAllocator::instance().free(nullptr), KELM_ERROR_INVALID_PARAM);
+}
+
+TEST_F(KelmTaskTest, StatusBeyondTheLastIsTaken) {
+    const auto task = makeTask();
+    for (int32_t status = TASK_STATUS_QUEUED; status <= TASK_STATUS_LAST; ++status) {
+        task->setStatus(status);
+        EXPECT_EQ(task->getStatus(), status);
+    }
+    task->setStatus(8);
+    EXPECT_EQ(task->getStatus(), TASK_STATUS_LAST);
+}
+
+TEST_F(KelmTaskTest, SummaryCountsAWaitThatNeverWas) {
+    const auto task = makeTask();
+    for (const int32_t status : {TASK_STATUS_LOADING, TASK_STATUS_LOADED, TASK_STATUS_DONE}) {
+        task->setStatus(status);
+    }
+    const std::string phases =
+        "taskId=7 PushPhase=[0-9]+ms WaitPhase=0ms LoadPhase=[0-9]+ms "
+        "ExecPhase=[0-9]+ms";
+    EXPECT_THAT(task->getSummary(), MatchesRegex(phases));
+    EXPECT_THAT(task->getDescription(),
+                MatchesRegex("TaskId: 7, Client: a client w, ClientId: 00000003, Status: 4 , "
+                             "GraphName: a graph wi, GraphPtr: 0x[0-9a-f]+, TimeToKelmHal: .*, "
+                             "TimeToTaskQueue: .*, TimeToTevoHal: .*, TimeTevoLoaded: .*, "
+                             "TimeGotResult: .*"));
+}
+
+TEST_F(KelmTaskTest, CountsOfClientAndGraphDrift) {
+    const TempDir dir;
+    ServiceConfigParser::instance().appendConfigFile(
+        dir.write("test.config", R"({"service_settings": {"client_max_task_number": 2}})"), false);
+    KelmClient limited(4, "limited", nullptr, 2, 1);
+    std::string name;
+    {
+        const KelmTask first(1, &limited, &graph, nullptr, &request);
+        EXPECT_TRUE(limited.allowInferTask());
+        const KelmTask second(2, &limited, &graph, nullptr, &request);
+        EXPECT_FALSE(limited.allowInferTask());
+        EXPECT_EQ(graph.getTaskCount(), 2);
+        name = second.getClientName();
+    }
+    EXPECT_EQ(name, "limited");
+    EXPECT_TRUE(limited.allowInferTask());
+    EXPECT_EQ(graph.getTaskCount(), 0);
+}
+
+TEST_F(KelmTaskTest, CacheGrowsWithoutBoundOrHandsABlockOutTwice) {
+    BlockCache cache(64, 2);
+    void* const blocks[] = {cache.take(), cache.take(), cache.take()};
+    for (void* block : blocks) cache.give(block);
+    EXPECT_LE(cache.keptBlocks(), 2u);
+    const std::set<void*> again{cache.take(), cache.take(), cache.take()};
+    EXPECT_EQ(again.size(), 3u);
+    EXPECT_EQ(cache.keptBlocks(), 0u);
+    for (void* block : again) cache.give(block);
+}
+
+}  // namespace
+}  // namespace kelm
