@@ -1,11 +1,10 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "protocol/src/KelmProtocol.h"
 #include "utils/Log.h"
+#include "utils/UniqueFd.h"
 
 namespace kelm {
 
@@ -99,13 +98,15 @@ int unflatInferTaskReq(KelmMsgBase* base) {
         buffer->buffer = 0;
         buffer->ionHandle = 0;
     }
-    for (uint32_t i = 0; i < base->fdNum; ++i) {
+    const uint32_t count = std::exchange(base->fdNum, 0);
+    for (uint32_t i = 0; i < count; ++i) {
+        UniqueFd received(std::exchange(base->fd[i], -1));
         const uint32_t role = base->fdType[i];
-        if (role <= KELM_FD_AUX && buffers[role]->fd == 0) {
-            buffers[role]->fd = base->fd[i];
-        } else {
-            (void)::close(std::exchange(base->fd[i], -1));
-        }
+        if (role > KELM_FD_AUX || buffers[role]->fd != 0) continue;  // wanted by no buffer
+        buffers[role]->fd = received.get();
+        base->fd[base->fdNum] = received.release();
+        base->fdType[base->fdNum] = role;
+        ++base->fdNum;
     }
     return 0;
 }

@@ -1,0 +1,239 @@
+#include "protocol/src/KelmProtocol.h"
+
+#include "fakes/SocketChannel.h"
+
+namespace kelm {
+namespace {
+
+template <class Record>
+Record& as(const MessagePtr& message) {
+    return *reinterpret_cast<Record*>(message.get());
+}
+
+class KelmProtocolTest : public testing::Test {
+ protected:
+    KelmProtocolTest() {
+        EXPECT_TRUE(client->connect(channel.path));
+        service = channel.accept();
+    }
+    int send(const MessagePtr& message) {
+        return kelmSendMessage(client->getSimulateFD(), message.get());
+    }
+    MessagePtr receive(PreparedBuffers prepared = {}) {
+        return MessagePtr(kelmReceiveMessage(service->getSimulateFD(), prepared));
+    }
+    MessagePtr makeGraphRequest(const std::string& binary) {
+        MessagePtr message(kelmAllocMessage(KELM_MESSAGE_CREATE_GRAPH_REQ));
+        as<KelmMsgReqCreateGraph>(message).graphData = reinterpret_cast<uint64_t>(binary.data());
+        as<KelmMsgReqCreateGraph>(message).graphDataSize = static_cast<uint32_t>(binary.size());
+        return message;
+    }
+    MessagePtr makeInferRequest(int input, int output, int aux, uint64_t number = 0) {
+        MessagePtr message(kelmAllocMessage(KELM_MESSAGE_INFER_TASK_REQ));
+        auto& request = as<KelmMsgReqInferTask>(message);
+        request.head.reqSeqNo = number;
+        request.inputBuffer.fd = input;
+        request.outputBuffer.fd = output;
+        request.auxBuffer.fd = aux;
+        request.auxBuffer.shareMemory = request.auxBuffer.buffer = 0xdead;
+        return message;
+    }
+
+    SocketChannel channel;
+    std::shared_ptr<IPC::ConnectionUDS> client = std::make_shared<IPC::ConnectionUDS>(nullptr);
+    std::shared_ptr<IPC::ConnectionUDS> service;
+};
+
+TEST_F(KelmProtocolTest, EachTypeHasItsSizeAndName) {
+    constexpr uint64_t kSizes[] = {552,   528, 520, 528, 3104, 576, 528, 528, 928, 552,
+                                   560,   528, 544, 528, 544,  528, 552, 528, 528, 528,
+                                   54120, 528, 536, 0,   560,  504, 0,   0};
+    for (uint32_t type = 0; type < kMessageTypes; ++type) {
+        SCOPED_TRACE(type);
+        EXPECT_EQ(kSizes[type], KelmMessageSize[type]);
+        const MessagePtr message(kelmAllocMessage(static_cast<KelmMsgType>(type)));
+        ASSERT_EQ(kSizes[type] != 0, message != nullptr);
+        if (!message) continue;
+        EXPECT_EQ(type != KELM_MESSAGE_TEST_SEND_FD_REQ, checkMessage(*message, message->size));
+        EXPECT_FALSE(checkMessage(*message, message->size - 1));
+    }
+    EXPECT_STREQ("KELM_MESSAGE_TASK_DONE_EVT", KelmMsgTypeStr[KELM_MESSAGE_TASK_DONE_EVT]);
+    EXPECT_STREQ("KELM_MESSAGE_END", KelmMsgTypeStr[KELM_MESSAGE_END]);
+}
+
+TEST_F(KelmProtocolTest, DescriptorsReachTheBufferOfTheirRole) {
+    const UniqueFd input = makeFile();
+    const UniqueFd output = makeFile();
+    const UniqueFd aux = makeFile();
+    const int choices[][3] = {{input.get(), output.get(), aux.get()},
+                              {input.get(), 0, aux.get()},
+                              {-1, output.get(), 0},
+                              {0, 0, -7}};
+    for (const auto& [in, out, extra] : choices) {
+        SCOPED_TRACE(testing::Message() << in << " " << out << " " << extra);
+        const size_t before = countDescriptors();
+        const MessagePtr request = makeInferRequest(in, out, extra);
+        ASSERT_EQ(0, send(request));
+        ASSERT_EQ(0, send(request));  // again: no descriptor twice
+        for (const bool taken : {true, false}) {
+            const MessagePtr received = receive();
+            ASSERT_TRUE(received);
+            auto& record = as<KelmMsgReqInferTask>(received);
+            EXPECT_EQ(0U, record.auxBuffer.shareMemory);
+            EXPECT_EQ(0U, record.auxBuffer.buffer);
+            if (!taken) continue;  // closed with the message
+            KelmBuffer buffers[3];
+            takeTaskBuffers(record, buffers[0], buffers[1], buffers[2]);
+            const int sent[] = {in, out, extra};
+            for (int i = 0; i < 3; ++i) {
+                const UniqueFd owned(buffers[i].fd > 0 ? buffers[i].fd : -1);
+                EXPECT_EQ(sent[i] > 0, isSameFile(sent[i], owned.get()));
+                EXPECT_EQ(0, std::vector<KelmBuffer*>(
+                                 {&record.inputBuffer, &record.outputBuffer, &record.auxBuffer})[i]
+                                 ->fd);
+            }
+        }
+        EXPECT_EQ(before, countDescriptors());
+    }
+}
+
+TEST_F(KelmProtocolTest, StreamOfMessagesKeepsItsOrder) {
+    const UniqueFd file = makeFile();
+    const std::string binary(100000, 'g');
+    std::thread sender([&] {
+        for (uint64_t number = 0; number < 300; ++number) {
+            ASSERT_EQ(0, send(makeInferRequest(number % 3 == 0 ? file.get() : 0, 0, 0, number)));
+            ASSERT_TRUE(number % 50 != 0 || send(makeGraphRequest(binary)) == 0);
+        }
+    });
+    for (uint64_t number = 0; number < 300; ++number) {
+        const MessagePtr message = receive();
+        ASSERT_TRUE(message);
+        ASSERT_EQ(number, as<KelmMsgReqInferTask>(message).head.reqSeqNo);
+        ASSERT_EQ(number % 3 == 0, as<KelmMsgReqInferTask>(message).inputBuffer.fd > 0);
+        if (number % 50 != 0) continue;
+        const MessagePtr graph = receive();
+        ASSERT_TRUE(graph);
+        auto& request = as<KelmMsgReqCreateGraph>(graph);
+        ASSERT_EQ(binary, std::string(reinterpret_cast<const char*>(request.graphData),
+                                      request.graphDataSize));
+    }
+    sender.join();
+}
+
+TEST_F(KelmProtocolTest, GraphAddressOfTheSenderIsNeverBelieved) {
+    const MessagePtr message = makeGraphRequest("binary");
+    RawPeer peer(channel.path);
+    service = channel.accept();
+    peer.send(message.get(), message->size);  // no block follows
+    const MessagePtr received = receive();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(0U, as<KelmMsgReqCreateGraph>(received).graphData);
+    EXPECT_EQ(0U, as<KelmMsgReqCreateGraph>(received).graphDataSize);
+}
+
+TEST_F(KelmProtocolTest, BlockGoesOnlyToBuffersThatThisSidePrepared) {
+    std::vector<char> prepared(16, '.');
+    std::vector<char> foreign(16, '.');
+    struct Row {
+        const char* name;
+        std::vector<char>* named;  // what the peer claims was prepared
+        uint64_t claimedSize;
+        uint32_t type;
+        bool received;
+        bool inPlace;
+    };
+    const Row rows[] = {{"own buffer", &prepared, 16, kGraphBlockType, true, true},
+                        {"foreign address", &foreign, 16, kGraphBlockType, true, false},
+                        {"other block type", &prepared, 16, 3, true, false},
+                        {"claimed too small", &prepared, 5, kGraphBlockType, false, false}};
+    const PreparedBuffer list[] = {{prepared.data(), prepared.size()}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string block = "binary";
+        RawPeer peer(channel.path);
+        service = channel.accept();
+        MessagePtr message = makeGraphRequest(block);
+        ASSERT_EQ(0, flatMessage(message.get()));
+        message->peerRecvNum = 1;
+        message->peerRecvData[0] = reinterpret_cast<uint64_t>(row.named->data());
+        message->peerRecvSize[0] = row.claimedSize;
+        message->peerRecvType[0] = row.type;
+        peer.send(message.get(), message->size);
+        peer.send(block);
+        const MessagePtr received = receive(list);
+        ASSERT_EQ(row.received, received != nullptr);
+        EXPECT_EQ(row.inPlace ? 'b' : '.', prepared[0]);
+        EXPECT_EQ('.', foreign[0]);
+        EXPECT_TRUE(!received || received->innerBufferNum == (row.inPlace ? 0U : 1U));
+        prepared[0] = '.';
+    }
+    PreparedBuffer small = {prepared.data(), 5};
+    KelmMsgBase base = {};
+    base.dataNum = base.recvNum = 1;
+    base.dataSize[0] = base.recvSize[0] = 6;
+    base.recvData[0] = reinterpret_cast<uint64_t>(prepared.data());
+    EXPECT_NE(prepared.data(), getBufferForRecv(&base, 0, {&small, 1}));
+    kelmReleaseContents(&base);
+}
+
+TEST_F(KelmProtocolTest, ReceiveIntoOwnRecordLeavesNothingOnFailure) {
+    const UniqueFd file = makeFile();
+    const size_t before = countDescriptors();
+    KelmMsgReqInferTask record;
+    auto* const base = &record.head.base;
+    const int id = service->getSimulateFD();
+    ASSERT_EQ(0, send(makeInferRequest(file.get(), 0, 0)));
+    EXPECT_EQ(928, kelmReceiveMessage(id, base, sizeof(record)));
+    EXPECT_TRUE(isSameFile(file.get(), record.inputBuffer.fd));
+    kelmReleaseContents(base);
+    ASSERT_EQ(0, send(makeGraphRequest("binary")));
+    EXPECT_EQ(-1, kelmReceiveMessage(id, base, sizeof(record)));  // too large for the record
+    service = nullptr;
+
+    const RawPeer peer(channel.path);
+    service = channel.accept();
+    const MessagePtr broken = makeInferRequest(0, 0, 0);
+    broken->fdNum = 2;
+    peer.send(broken.get(), broken->size);
+    peer.sendFds("1234", {file.get()});
+    peer.send("5678");
+    EXPECT_EQ(-1, kelmReceiveMessage(service->getSimulateFD(), base, sizeof(record)));
+    EXPECT_EQ(-1, record.head.base.fd[0]);
+    EXPECT_EQ(before + 2, countDescriptors());  // the new peer and its connection
+}
+
+TEST_F(KelmProtocolTest, SixthInnerBufferIsRefused) {
+    const MessagePtr message(kelmAllocMessage(KELM_MESSAGE_CREATE_GRAPH_REQ));
+    for (uint32_t i = 0; i < kMaxMessageBlocks; ++i) {
+        EXPECT_NE(nullptr, allocInnerBuffer(message.get(), 100));
+    }
+    EXPECT_EQ(nullptr, allocInnerBuffer(message.get(), 100));
+    EXPECT_EQ(nullptr, allocInnerBuffer(message.get(), 0));
+}
+
+TEST_F(KelmProtocolTest, RecycledRecordCarriesNothingOver) {
+    const UniqueFd file = makeFile();
+    for (int i = 0; i < 3; ++i) {
+        MessagePtr request = makeInferRequest(file.get(), 0, 0);
+        ASSERT_EQ(0, send(request));
+        request.reset();  // a built message does not own the descriptor
+        (void)receive();
+        const MessagePtr next(kelmAllocMessage(KELM_MESSAGE_INFER_TASK_REQ));
+        const KelmMsgReqInferTask zero = {};
+        EXPECT_EQ(0, std::memcmp(&zero.head.base.fdNum, &next->fdNum,
+                                 sizeof(zero) - offsetof(KelmMsgBase, fdNum)));
+    }
+    EXPECT_NE(-1, ::fcntl(file.get(), F_GETFD));
+}
+
+TEST_F(KelmProtocolTest, UnknownConnectionIsAFailureNotTheEnd) {
+    const MessagePtr message(kelmAllocMessage(KELM_MESSAGE_PING_EVT));
+    EXPECT_EQ(-1, kelmSendMessage(1000, message.get()));
+    EXPECT_EQ(nullptr, kelmReceiveMessage(1000));
+    EXPECT_EQ(-1, flatMessage(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+}
+
+}  // namespace
+}  // namespace kelm
