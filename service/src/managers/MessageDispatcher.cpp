@@ -89,8 +89,8 @@ void MessageDispatcher::abandonStart() {
 
 bool MessageDispatcher::isWorking() { return m_clientManager->isActive(); }
 
-void MessageDispatcher::stopService() {
-    stopListenThread();
+bool MessageDispatcher::stopService() {
+    bool ended = stopListenThread();
     LOG_INFO("stop resultDispatcher");
     m_resultDispatcher->stopSendResponse();
     LOG_INFO("close epoll fd & listen fd");
@@ -100,15 +100,16 @@ void MessageDispatcher::stopService() {
     IPC::ConnectionBase::shutdownAll(SHUT_RDWR);  // those who have not registered, too
     LOG_INFO("remove all graphs");
     m_graphManager->removeAllGraphs();
-    if (!m_clientManager->finish(kClientsEndTime)) LOG_WARN("Warn: clients are left at the end");
-    // Before any static object is destroyed: their threads call into the managers.
-    m_deviceManagerCreator->stop();
+    ended &= m_clientManager->finish(kClientsEndTime);
+    // Before any static object is destroyed: the devices' threads call into the managers.
+    ended &= m_deviceManagerCreator->stop();
     m_listenConnection.reset();
     m_poller.reset();
     m_requestHandlerMap.clear();
+    return ended;
 }
 
-void MessageDispatcher::stopListenThread() {
+bool MessageDispatcher::stopListenThread() {
     m_stop = true;
     // A message of which only half has come must not hold the thread.
     IPC::ConnectionBase::shutdownAll(SHUT_RD);
@@ -124,6 +125,7 @@ void MessageDispatcher::stopListenThread() {
         LOG_ERROR("Error: the listen thread does not end, go on without it");
         m_listenThread.detach();
     }
+    return ended;
 }
 
 void MessageDispatcher::listenThreadRoutine() {

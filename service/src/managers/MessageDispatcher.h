@@ -51,8 +51,10 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     void waitForIdleState() { m_idleSemaphore.wait(); }
     void getNotifiedOfZeroClient() { m_idleSemaphore.post(); }
 
-    // The way down, in bounded time whatever clients do.
-    void stopService();
+    // The way down, in bounded time whatever clients and devices do. False if something did not
+    // end: static objects are still in use then, and the process should leave without destroying
+    // them.
+    bool stopService();
 
  private:
     using Handler = void (MessageDispatcher::*)(KelmMsgBase* message, int socket);
@@ -63,7 +65,7 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     void setupListenThread();
     // Ends what a start that failed has left running.
     void abandonStart();
-    void stopListenThread();
+    bool stopListenThread();
 
     void listenThreadRoutine();
     void handleEvents(const IPC::PollEvent& event) REQUIRES(m_onListenThread);
