@@ -6,19 +6,20 @@
 #include <sys/file.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fakes/Eventually.h"
 #include "fakes/TempDir.h"
+#include "utils/Mutex.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
@@ -33,7 +34,8 @@ namespace kelm {
 //     service.signal(SIGUSR1);
 //     EXPECT_EQ(service.waitExit(), 0);
 //
-// The destructor kills the child, if it still runs, by its id.
+// Its output goes to a terminal of its own, so that every line can be seen at once. The destructor
+// kills the child, if it still runs, by its id.
 class ServiceProcess {
  public:
     // `overrides` is JSON that is read over the base configuration, key by key.
@@ -47,25 +49,30 @@ class ServiceProcess {
             ::kill(m_pid, SIGKILL);
             ::waitpid(m_pid, nullptr, 0);
         }
+        if (m_reader.joinable()) m_reader.join();
     }
     ServiceProcess(const ServiceProcess&) = delete;
     ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-    // Starts the program that KELM_TEST_DAEMON names; `environment` is added as NAME=value.
+    // Starts the program that KELM_TEST_DAEMON names.
+    // `environment`, as NAME=value, goes before what is set here.
     void start(const std::vector<std::string>& args = {},
                const std::vector<std::string>& environment = {}) {
         const char* program = std::getenv("KELM_TEST_DAEMON");
         if (program == nullptr) throw std::runtime_error("KELM_TEST_DAEMON is not set");
         std::vector<std::string> argvText{program};
         argvText.insert(argvText.end(), args.begin(), args.end());
-        std::vector<std::string> envText{"KELM_RUN_DIR=" + runDir(),
-                                         "KELM_INSTALL_DIR=" + dir() + "/install",
-                                         "HOME=" + dir() + "/home", "PATH=/usr/bin:/bin"};
-        for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-            if (const char* value = std::getenv(name))
-                envText.push_back(name + ("=" + std::string(value)));
+        std::vector<std::string> envText = environment;  // the first of a name counts
+        for (const std::string& text :
+             {"KELM_RUN_DIR=" + runDir(), "KELM_INSTALL_DIR=" + dir() + "/install",
+              "HOME=" + dir() + "/home", std::string("PATH=/usr/bin:/bin")}) {
+            envText.push_back(text);
         }
-        envText.insert(envText.end(), environment.begin(), environment.end());
+        for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+            if (const char* value = std::getenv(name)) {
+                envText.push_back(std::string(name) + "=" + value);
+            }
+        }
         spawn(pointers(argvText), pointers(envText));
     }
 
@@ -83,6 +90,7 @@ class ServiceProcess {
         if (m_pid > 0 && ::poll(&ended, 1, static_cast<int>(limit.count())) == 1) {
             ::waitpid(m_pid, &m_status, 0);
             m_pid = -1;
+            m_reader.join();
         }
         return m_pid < 0 && WIFEXITED(m_status) ? std::optional<int>(WEXITSTATUS(m_status))
                                                 : std::nullopt;
@@ -100,9 +108,8 @@ class ServiceProcess {
 
     // What the service has written to its standard output and error streams so far.
     std::string log() const {
-        std::ostringstream text;
-        text << std::ifstream(dir() + "/log").rdbuf();
-        return text.str();
+        MutexLock lock(m_mutex);
+        return m_log;
     }
     bool waitLog(const std::string& words) const {
         return eventually([&] { return log().find(words) != std::string::npos; });
@@ -136,17 +143,32 @@ class ServiceProcess {
     }
 
     void spawn(const std::vector<char*>& argv, const std::vector<char*>& environment) {
-        const UniqueFd output(
-            ::open((dir() + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+        ::grantpt(master.get());
+        ::unlockpt(master.get());
+        const UniqueFd terminal(::open(::ptsname(master.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        termios plain{};
+        ::cfmakeraw(&plain);
+        ::tcsetattr(terminal.get(), TCSANOW, &plain);
         m_pid = ::fork();
         if (m_pid < 0) throw std::runtime_error("fork failed");
         if (m_pid == 0) {
-            ::dup2(output.get(), STDOUT_FILENO);
-            ::dup2(output.get(), STDERR_FILENO);
+            ::dup2(terminal.get(), STDOUT_FILENO);
+            ::dup2(terminal.get(), STDERR_FILENO);
             if (::chdir(dir().c_str()) == 0) ::execve(argv[0], argv.data(), environment.data());
             ::_exit(127);
         }
         m_pidFd.reset(static_cast<int>(::syscall(SYS_pidfd_open, m_pid, 0)));
+        m_reader = std::thread([this, fd = std::move(master)] { readLog(fd.get()); });
+    }
+
+    // Until the child has closed its end.
+    void readLog(int fd) {
+        char bytes[4096];
+        for (ssize_t count = 0; (count = ::read(fd, bytes, sizeof(bytes))) > 0;) {
+            MutexLock lock(m_mutex);
+            m_log.append(bytes, static_cast<size_t>(count));
+        }
     }
 
     bool hasEnded() const {
@@ -158,6 +180,9 @@ class ServiceProcess {
     pid_t m_pid = -1;
     UniqueFd m_pidFd;
     int m_status = 0;
+    mutable Mutex m_mutex;
+    std::string m_log GUARDED_BY(m_mutex);
+    std::thread m_reader;
 };
 
 }  // namespace kelm

@@ -1,0 +1,156 @@
+#include <sys/stat.h>
+
+#include "fakes/RawClient.h"
+#include "fakes/ServiceProcess.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr Milliseconds kTimeToEnd{12000};  // the service's own limit and some air
+
+const char* const kLeaveAtOnce = R"({"service_settings": {"wait_seconds_before_exit": 0}})";
+const char* const kLeaveLater = R"({"service_settings": {"wait_seconds_before_exit": 300}})";
+
+TEST(LifecycleTest, LockTellsTheWrongPhaseOrSignalDoesNotEndTheService) {
+    ServiceProcess service;
+    service.start();
+    ASSERT_TRUE(service.waitReady()) << service.log();
+    EXPECT_TRUE(service.isHeld("kelm_service_alive.mutex"));
+    EXPECT_FALSE(service.isHeld("kelm_start_exit.mutex"));
+    EXPECT_TRUE(RawClient(service.socketPath()).connected());
+
+    service.signal(SIGUSR1);
+    EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
+    EXPECT_THAT(service.log(), HasSubstr("RECEIVE USER1 SIGNAL, EXIT SERVICE"));
+    EXPECT_THAT(service.log(), HasSubstr("SERVICE EXITS QUIETLY, GOODBYE!"));
+    EXPECT_THAT(service.log(), Not(HasSubstr("leave without waiting")));
+    EXPECT_FALSE(service.isHeld("kelm_service_alive.mutex"));
+    EXPECT_FALSE(service.isHeld("kelm_service_ready.mutex"));
+}
+
+TEST(LifecycleTest, SecondInstanceDisturbsTheFirst) {
+    ServiceProcess first;
+    first.start();
+    ASSERT_TRUE(first.waitReady()) << first.log();
+    struct stat before {};
+    ASSERT_EQ(::stat(first.socketPath().c_str(), &before), 0);
+
+    ServiceProcess second;
+    second.start({}, {"KELM_RUN_DIR=" + first.runDir()});
+    EXPECT_EQ(second.waitExit(), 255);
+    EXPECT_THAT(second.log(), HasSubstr("## Kelm service is already running."));
+    struct stat after {};
+    ASSERT_EQ(::stat(first.socketPath().c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_NE(RawClient(first.socketPath()).registerClient("still served"), 0U);
+}
+
+TEST(LifecycleTest, ServiceStaysAfterItsLastClient) {
+    ServiceProcess service(kLeaveAtOnce);
+    service.start();
+    ASSERT_TRUE(service.waitReady()) << service.log();
+    RawClient stays(service.socketPath());
+    ASSERT_NE(stays.registerClient("stays"), 0U);
+    {
+        RawClient leaves(service.socketPath());
+        const uint64_t id = leaves.registerClient("leaves");
+        EXPECT_EQ(leaves.unregisterClient(id), 0);
+    }
+    EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+    EXPECT_TRUE(service.isHeld("kelm_service_ready.mutex"));
+    stays.close();
+    EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
+    EXPECT_THAT(service.log(), HasSubstr("Wait 0 seconds before main program exits"));
+    EXPECT_THAT(service.log(), Not(HasSubstr("RECEIVE USER1 SIGNAL")));
+}
+
+TEST(LifecycleTest, SignalDuringTheLastWaitIsSleptOver) {
+    for (const bool withClient : {false, true}) {
+        SCOPED_TRACE(withClient);
+        ServiceProcess service(kLeaveLater);
+        service.start();
+        ASSERT_TRUE(service.waitReady()) << service.log();
+        EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+        ASSERT_TRUE(service.waitLog("Wait 300 seconds before main program exits"));
+        RawClient late(service.socketPath());
+        EXPECT_TRUE(!withClient || late.registerClient("late") != 0);
+        service.signal(SIGUSR1);
+        EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
+        EXPECT_THAT(service.log(), HasSubstr("RECEIVE USER1 SIGNAL, EXIT SERVICE"));
+    }
+}
+
+TEST(LifecycleTest, ClientHoldingTheStartExitLockKeepsTheServiceForEver) {
+    ServiceProcess service(kLeaveAtOnce);
+    service.start();
+    ASSERT_TRUE(service.waitReady()) << service.log();
+    const std::string path = service.runDir() + "/kelm_start_exit.mutex";
+    const UniqueFd lock(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+    EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+    ASSERT_TRUE(service.waitLog("Wait 0 seconds before main program exits"));
+    service.signal(SIGUSR1);
+    EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
+}
+
+TEST(LifecycleTest, FailedStartHangsOrPassesForSuccess) {
+    const std::string tagMap =
+        R"({"scheduler_config": [{"subclass": 0, "graph_tag_map": {"a": "x"}}]})";
+    const struct {
+        const char* name;
+        std::string overrides;
+        bool socketIsDirectory;
+        const char* words;
+    } rows[] = {
+        {"tag map", tagMap, false, "invalid key-value pair, subclass=0 key=a"},
+        {"socket", "", true, "Please remove /var/tmp/kelm_*, and then try again."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ServiceProcess service(row.overrides);
+        if (row.socketIsDirectory) service.files().write("run/kelm_service.sock/file", "");
+        service.start();
+        EXPECT_EQ(service.waitExit(kTimeToEnd), 255) << service.log();
+        EXPECT_THAT(service.log(), HasSubstr(row.words));
+        EXPECT_THAT(service.log(), HasSubstr("SERVICE EXITS QUIETLY, GOODBYE!"));
+    }
+}
+
+TEST(LifecycleTest, CommandLineStartsTheServiceOrReadsTheConfiguration) {
+    const struct {
+        std::vector<std::string> args;
+        std::vector<std::string> environment;
+        int status;
+        const char* words;
+    } rows[] = {
+        {{"--list"}, {}, 0, "  - Task polling scheduler [name: \"polling\"]"},
+        {{"--help"}, {}, 0, "Usage:"},
+        {{"--nonsense"}, {}, 0, "Invalid commandline, detailed error:"},
+        {{}, {"KELM_INSTALL_DIR="}, 255, "## Error: Please specify KELM_INSTALL_DIR"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.words);
+        ServiceProcess service;
+        service.start(row.args, row.environment);
+        EXPECT_EQ(service.waitExit(), row.status);
+        EXPECT_THAT(service.log(), HasSubstr(row.words));
+        EXPECT_THAT(service.log(), Not(HasSubstr("has been loaded")));
+    }
+}
+
+TEST(LifecycleTest, DaemonNeedsAForegroundRun) {
+    ServiceProcess service(kLeaveAtOnce);
+    service.start({"-d", "-c", "none"});
+    EXPECT_TRUE(eventually([&] { return service.isHeld("kelm_service_ready.mutex"); }));
+    EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+    EXPECT_TRUE(eventually([&] { return !service.isHeld("kelm_service_alive.mutex"); }));
+    EXPECT_EQ(service.waitExit(), 0);
+    EXPECT_THAT(service.log(), HasSubstr("## Specified config file: none"));
+}
+
+}  // namespace
+}  // namespace kelm
