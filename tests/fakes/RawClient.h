@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "protocol/src/KelmError.h"
 #include "protocol/src/KelmMessage.h"
 #include "utils/UniqueFd.h"
 

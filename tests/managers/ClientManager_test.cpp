@@ -1,0 +1,133 @@
+#include "managers/ClientManager.h"
+
+#include "managers/RunningService.h"
+#include "protocol/src/KelmProtocol.h"
+#include "records/KelmClient.h"
+
+namespace kelm {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+bool requestAnswered(RawClient& client, uint64_t clientId) {
+    auto request = RawClient::request<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+    request.clientId = clientId;
+    request.graphId = 999;
+    return client.call<KelmMsgRsp>(request, KELM_MESSAGE_DESTROY_GRAPH_RSP).status ==
+           KELM_ERROR_INVALID_GRAPH;
+}
+
+}  // namespace
+
+TEST(ClientManagerTest, IdsAreNeverReusedAndTheSocketClosesAfterTheAnswer) {
+    RunningService service;
+    for (uint64_t expected = 1; expected <= 3; ++expected) {
+        RawClient client(service.path());
+        EXPECT_EQ(client.registerClient(""), expected);
+        EXPECT_EQ(client.unregisterClient(expected), KELM_OK);
+        EXPECT_TRUE(client.waitClosed());
+    }
+}
+
+TEST(ClientManagerTest, RecordLeavesSocketToTheOtherOnIt) {
+    RunningService service;
+    ClientManager& clients = ClientManager::instance();
+    RawClient shared(service.path());
+    RawClient other(service.path());
+    const uint64_t first = shared.registerClient("first");
+    const uint64_t second = shared.registerClient("second");
+    const uint64_t third = other.registerClient("third");
+    const struct {
+        uint64_t leaves;
+        uint64_t stays;
+    } rows[] = {{first, second}, {shared.registerClient("fourth"), second}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.leaves);
+        // Asked for on another connection, since the one that asks is not read any more.
+        RawClient messenger(service.path());
+        auto request = RawClient::request<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+        request.clientId = row.leaves;
+        ASSERT_TRUE(messenger.send(request));
+        EXPECT_TRUE(shared.receiveType(KELM_MESSAGE_UNREGISTER_RSP));
+        EXPECT_TRUE(eventually([&] { return clients.getSocketByClientId(row.leaves) == -1; }));
+        EXPECT_TRUE(requestAnswered(shared, row.stays));
+    }
+    shared.close();  // found through its number, which the later record had
+    EXPECT_TRUE(eventually([&] { return clients.getSocketByClientId(second) == -1; }));
+    EXPECT_TRUE(requestAnswered(other, third));
+}
+
+TEST(ClientManagerTest, ClientThatHangsUpAtOnceLeavesNothingBehind) {
+    RunningService service;
+    const auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
+    for (int i = 0; i < 100; ++i) {
+        RawClient client(service.path());
+        ASSERT_TRUE(client.send(request));
+    }
+    EXPECT_TRUE(eventually(
+        [&] { return RunningService::noConnections() && !service.dispatcher().isWorking(); }));
+}
+
+TEST(ClientManagerTest, RegistrationWaitingBehindHangUpMakesNoRecord) {
+    RunningService service;
+    RawClient client(service.path());
+    ASSERT_NE(client.registerClient("probe"), 0u);  // accepted, and the first after the listener
+    const auto connection = IPC::ConnectionBase::findConnection(1);
+    ASSERT_TRUE(connection);
+    connection->shutdown();
+    auto* request = kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ);
+    ClientManager::instance().enqueueRegisterClient("late", 2, 0, 1, request);
+    ClientManager::instance().enqueueRegisterClient("none", 2, 0, 0,
+                                                    kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ));
+    EXPECT_TRUE(eventually([] { return !RunningService::dispatcher().isWorking(); }));
+    EXPECT_FALSE(ClientManager::instance().getClientName(2));
+}
+
+TEST(ClientManagerTest, LastDepartureWakesTheIdleWaiterOnce) {
+    RunningService service;
+    RawClient first(service.path());
+    RawClient second(service.path());
+    const uint64_t id = first.registerClient("first");
+    ASSERT_NE(second.registerClient("second"), 0u);
+    EXPECT_EQ(first.unregisterClient(id), KELM_OK);
+    EXPECT_TRUE(service.dispatcher().isWorking());
+    auto idle = std::async(std::launch::async, [&] { service.dispatcher().waitForIdleState(); });
+    second.close();
+    EXPECT_EQ(idle.wait_for(10s), std::future_status::ready);
+    EXPECT_FALSE(service.dispatcher().isWorking());
+    service.dispatcher().getNotifiedOfZeroClient();  // in case the line above has failed
+}
+
+TEST(ClientManagerTest, UnregisterWithoutResponseStillEndsTheClient) {
+    RunningService service;
+    RawClient client(service.path());
+    auto request = RawClient::request<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+    request.clientId = client.registerClient("terse");
+    request.head.needResponse = 0;
+    ASSERT_TRUE(client.send(request));
+    EXPECT_FALSE(client.receive());
+    EXPECT_TRUE(client.waitClosed());
+}
+
+TEST(ClientManagerTest, SnapshotTableKeepsItsShape) {
+    RunningService service(
+        R"({"debug_settings": {"info_printer": {"client_snapshot_mode": "base", "client_fps": "on"}}})");
+    RawClient client(service.path());
+    ASSERT_EQ(client.registerClient("camera"), 1u);
+    testing::internal::CaptureStdout();
+    ClientManager::instance().onPrintInfo();
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(text, testing::HasSubstr("ClientFps(count=1):\n [camera] = 0.00\n"));
+    EXPECT_THAT(text, testing::HasSubstr("ClientSnapshot(RegularPrint):\n"
+                                         "+--------------+-------------------+\n"
+                                         "| clientId     | 1                 |\n"
+                                         "+--------------+-------------------+\n"
+                                         "| clientName   | camera            |\n"
+                                         "| clientFps    | 0.00              |\n"
+                                         "| inferTimes   | 0                 |\n"
+                                         "| waitNum      | 0                 |\n"
+                                         "+--------------+-------------------+\n"));
+}
+
+}  // namespace kelm
