@@ -1,0 +1,269 @@
+#include "fakes/Eventually.h"
+#include "schedulers/SchedulerRig.h"
+#include "scheduling/devices/DeviceSchedulerActive.h"
+#include "scheduling/devices/DeviceSchedulerFactory.h"
+#include "scheduling/devices/DeviceSchedulerLazy.h"
+#include "scheduling/devices/LoadGraphOperation.h"
+#include "scheduling/devices/PlugoutWorkerOperation.h"
+#include "scheduling/devices/UnloadGraphOperation.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+
+// Does what the test says.
+class ScriptedOperation : public StatusChangeOperation {
+ public:
+    using Step = std::function<void()>;
+    ScriptedOperation(KelmGraph* graph, Step execute, Step wait)
+        : m_graph(graph), m_execute(std::move(execute)), m_wait(std::move(wait)) {}
+
+    void wait() override {
+        if (m_wait) m_wait();
+    }
+    bool isOperation(KelmGraph* graph, StatusChangeRequestType type) override {
+        return graph == m_graph && type == REQUEST_LOAD_GRAPH;
+    }
+
+ protected:
+    void operation() override {
+        if (m_execute) m_execute();
+    }
+
+ private:
+    KelmGraph* const m_graph;
+    const Step m_execute;
+    const Step m_wait;
+};
+
+// Plans as the test says and writes down what it is asked to do.
+class ScriptedActive : public DeviceSchedulerActive {
+ public:
+    // Gets the number of the plan, from 1, and the operations to fill.
+    using Plan = std::function<bool(int, std::list<std::unique_ptr<StatusChangeOperation>>&)>;
+
+    explicit ScriptedActive(Plan plan, std::chrono::nanoseconds interval = kInterval)
+        : DeviceSchedulerActive("DS.Test", interval), m_plan(std::move(plan)) {}
+    ~ScriptedActive() override { join(); }
+
+    void handleLoadGraphFail(KelmGraph*) override {}
+    bool hasEnded() const { return m_ended; }
+    std::string protocol() {
+        MutexLock lock(m_mutex);
+        return m_protocol;
+    }
+    void write(const std::string& text) {
+        MutexLock lock(m_mutex);
+        m_protocol += text;
+    }
+
+ protected:
+    bool mapResource() override REQUIRES(m_onSchedulingThread) {
+        write("P" + std::to_string(m_unloadGraphs.size()) + " ");
+        return m_plan(++m_planNumber, m_operations);
+    }
+    void restoreScene() override REQUIRES(m_onSchedulingThread) {
+        m_operations.clear();
+        write("R ");
+    }
+    void schedule() override REQUIRES(m_onSchedulingThread) {
+        DeviceSchedulerActive::schedule();
+        m_ended = true;
+    }
+
+ private:
+    const Plan m_plan;
+    int m_planNumber = 0;
+    std::atomic<bool> m_ended{false};
+    Mutex m_mutex;
+    std::string m_protocol GUARDED_BY(m_mutex);
+};
+
+// Unload requests are never followed, so any address will do.
+KelmGraph* fakeGraph(uintptr_t number) { return reinterpret_cast<KelmGraph*>(number * 64); }
+
+class DeviceSchedulerTest : public SchedulerRig {};
+
+TEST_F(DeviceSchedulerTest, BurstOfRequestsDropsAtMostThreePlansInARow) {
+    std::unique_ptr<ScriptedActive> scheduler;
+    scheduler = std::make_unique<ScriptedActive>([&](int plan, auto& operations) {
+        operations.push_back(std::make_unique<ScriptedOperation>(
+            nullptr, [&] { scheduler->write("C "); }, nullptr));
+        if (plan <= 4) scheduler->unloadGraph(fakeGraph(static_cast<uintptr_t>(plan) + 1));
+        return true;
+    });
+    scheduler->unloadGraph(fakeGraph(1));
+    scheduler->start();
+    EXPECT_TRUE(eventually([&] { return m_placement.unloads().size() == 5; }));
+    EXPECT_TRUE(scheduler->stop(std::chrono::seconds(10)));
+    // The fourth plan is committed although one more request came; the fifth takes that.
+    EXPECT_EQ(scheduler->protocol(), "P1 R P2 R P3 R P4 C P1 C ");
+}
+
+TEST_F(DeviceSchedulerTest, FailedPlanComesBackByItselfWithTheSameWork) {
+    ScriptedActive scheduler([](int plan, auto&) { return plan > 2; },
+                             std::chrono::milliseconds(1));
+    scheduler.unloadGraph(fakeGraph(1));
+    scheduler.start();
+    EXPECT_TRUE(eventually([&] { return !m_placement.unloads().empty(); }));
+    EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
+    EXPECT_TRUE(scheduler.protocol().starts_with("P1 R P1 R P1 "));
+    EXPECT_THAT(m_placement.unloads(), ElementsAre(fakeGraph(1)));
+}
+
+TEST_F(DeviceSchedulerTest, ExceptionCountsAsThatOperationsFailureAndEndsNothing) {
+    const auto throws = [] { throw std::runtime_error("pool is stopped"); };
+    KelmGraph* const inExecute = makeGraph();
+    KelmGraph* const inWait = makeGraph();
+    bool otherRan = false;
+    ScriptedActive scheduler([&](int plan, auto& operations) {
+        if (plan > 1) return true;
+        operations.push_back(std::make_unique<ScriptedOperation>(inExecute, throws, nullptr));
+        operations.push_back(std::make_unique<ScriptedOperation>(inWait, nullptr, throws));
+        operations.push_back(std::make_unique<ScriptedOperation>(
+            nullptr, [&] { otherRan = true; }, nullptr));
+        return true;
+    });
+    scheduler.loadGraph(inExecute);
+    scheduler.loadGraph(inWait);
+    scheduler.start();
+    EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 2; }));
+    EXPECT_THAT(m_placement.loads(),
+                ::testing::UnorderedElementsAre(Pair(inExecute, KELM_ERROR_DEVICE_FAILED),
+                                                Pair(inWait, KELM_ERROR_DEVICE_FAILED)));
+    EXPECT_TRUE(otherRan);
+    scheduler.unloadGraph(inWait);
+    EXPECT_TRUE(eventually([&] { return !m_placement.unloads().empty(); }));
+}
+
+TEST_F(DeviceSchedulerTest, GraphWithoutOperationIsRefusedForWantOfADevice) {
+    ScriptedActive scheduler([](int, auto&) { return true; });
+    KelmGraph* const graph = makeGraph();
+    scheduler.loadGraph(graph);
+    scheduler.loadGraph(graph);
+    scheduler.start();
+    EXPECT_TRUE(eventually([&] { return !m_placement.loads().empty(); }));
+    EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
+    EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(graph, KELM_ERROR_NO_DEVICE_AVAILABLE)));
+}
+
+TEST_F(DeviceSchedulerTest, OperationWithoutEndDoesNotHoldUpTheStop) {
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> waiting{false};
+    KelmGraph* const graph = makeGraph();
+    // Never destroyed, as its thread outlives the stop.
+    static ScriptedActive* scheduler = nullptr;
+    scheduler = new ScriptedActive([&, released](int, auto& operations) {
+        operations.push_back(std::make_unique<ScriptedOperation>(graph, nullptr, [&, released] {
+            waiting = true;
+            released.wait();
+        }));
+        return true;
+    });
+    scheduler->loadGraph(graph);
+    scheduler->start();
+    ASSERT_TRUE(eventually([&] { return waiting.load(); }));
+    EXPECT_FALSE(scheduler->stop(std::chrono::milliseconds(1)));
+    EXPECT_FALSE(scheduler->stop(std::chrono::milliseconds(1)));
+    deleteGraph(graph);  // the thread must not look at it when the device answers after all
+    release.set_value();
+    EXPECT_TRUE(eventually([&] { return scheduler->hasEnded(); }));
+    EXPECT_THAT(m_placement.loads(), IsEmpty());
+}
+
+// Writes down how it classified the workers, then loads what it is asked to on the idle ones.
+class RecordingLazy : public DeviceSchedulerLazy {
+ public:
+    struct View {
+        std::set<WorkThread*> idle;
+        std::map<KelmGraph*, std::vector<WorkThread*>> busy;
+    };
+
+    RecordingLazy() : DeviceSchedulerLazy("DS.Lazy") {}
+    ~RecordingLazy() override { join(); }
+
+    void handleLoadGraphFail(KelmGraph*) override {}
+    View view() {
+        MutexLock lock(m_mutex);
+        return m_view;
+    }
+
+ protected:
+    bool mapResource() override REQUIRES(m_onSchedulingThread) {
+        MutexLock lock(m_mutex);
+        m_view = {m_idleWorkers, m_graphWorkers};
+        for (WorkThread* worker : m_removeWorkers) {
+            m_operations.push_back(PlugoutWorkerOperation::create(worker));
+        }
+        for (KelmGraph* graph : m_loadGraphs) {
+            for (WorkThread* worker : m_idleWorkers) {
+                m_operations.push_back(LoadGraphOperation::create(graph, worker));
+            }
+        }
+        return true;
+    }
+
+ private:
+    Mutex m_mutex;
+    View m_view GUARDED_BY(m_mutex);
+};
+
+TEST_F(DeviceSchedulerTest, LazySchedulerSeesWorkersAsTheyAreInEachPass) {
+    RecordingLazy scheduler;
+    WorkThread* const first = makeWorker("a");
+    WorkThread* const second = makeWorker("b");
+    WorkThread* const brief = makeWorker("c");
+    KelmGraph* const graph = makeGraph();
+    scheduler.addWorker(first);
+    scheduler.loadGraph(graph);
+    scheduler.start();
+    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
+    EXPECT_THAT(scheduler.view().idle, ElementsAre(first));
+
+    scheduler.addWorker(second);
+    scheduler.unloadGraph(fakeGraph(1));
+    ASSERT_TRUE(eventually([&] { return m_placement.unloads().size() == 1; }));
+    scheduler.unloadGraph(fakeGraph(2));
+    ASSERT_TRUE(eventually([&] { return m_placement.unloads().size() == 2; }));
+    EXPECT_THAT(scheduler.view().idle, ElementsAre(second));
+    EXPECT_THAT(scheduler.view().busy, ElementsAre(Pair(graph, ElementsAre(first))));
+
+    scheduler.removeWorker(first);
+    ASSERT_TRUE(eventually([&] { return !m_removal.removed().empty(); }));
+    scheduler.addWorker(brief);
+    scheduler.removeWorker(brief);
+    ASSERT_TRUE(eventually([&] { return m_removal.removed().size() == 2; }));
+    scheduler.unloadGraph(fakeGraph(3));
+    ASSERT_TRUE(eventually([&] { return m_placement.unloads().size() == 3; }));
+    EXPECT_THAT(scheduler.view().idle, ElementsAre(second));
+    EXPECT_THAT(scheduler.view().busy, IsEmpty());
+}
+
+TEST_F(DeviceSchedulerTest, StopThatComesBeforeTheWaitIsNotLost) {
+    for (int round = 0; round < 200; ++round) {
+        RecordingLazy scheduler;
+        scheduler.start();
+        ASSERT_TRUE(scheduler.stop(std::chrono::seconds(10)));
+    }
+}
+
+TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {
+    EXPECT_EQ(LoadGraphOperation::create(nullptr, makeWorker("a")), nullptr);
+    EXPECT_EQ(UnloadGraphOperation::create(makeGraph(), nullptr, true), nullptr);
+    EXPECT_EQ(PlugoutWorkerOperation::create(nullptr), nullptr);
+}
+
+TEST_F(DeviceSchedulerTest, FactoryFallsBackToTheDefaultAndIgnoresCase) {
+    for (const char* name :
+         {"squeeze2", "SQueeZe2", "", "no such kind", static_cast<const char*>(nullptr)}) {
+        SCOPED_TRACE(name != nullptr ? name : "(null)");
+        EXPECT_EQ(DeviceSchedulerFactory::createScheduler(name)->getName(), "DS.Squeeze2");
+    }
+}
+
+}  // namespace
+}  // namespace kelm
