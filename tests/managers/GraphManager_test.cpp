@@ -245,24 +245,20 @@ TEST_F(GraphManagerTest, FailedLoadKeepsTheRecordForTasksThatGuessedItsId) {
     EXPECT_TRUE(placeIsGivenBack(creator, "other"));
 }
 
-TEST_F(GraphManagerTest, DumpStaysInItsDirectory) {
+TEST_F(GraphManagerTest, DumpStaysInItsDirectoryWhateverTheGraphIsCalled) {
     const std::string dumps = dir().path() + "/dumps";
     std::filesystem::create_directory(dumps);
     start(R"("debug_settings": {"dump_graph": "on", "dump_graph_path": ")" + dumps + "\"}");
     WireClient client;
-    int count = 0;
-    for (const char* name : {"../../evil.x", "..", "a/b", ".hidden"}) {
+    for (const char* name : {"../../evil.x", "..", "a/b", "..hidden.x"}) {
         EXPECT_EQ(client.createGraph(name, name).head.status, KELM_OK);
-        ++count;
     }
     std::set<std::string> stems;
     for (const auto& file : std::filesystem::directory_iterator(dumps)) {
         const std::string text = file.path().filename().string();
         stems.insert(text.substr(0, text.find('_')));
-        EXPECT_NE(text.find("_sha256_"), std::string::npos);
     }
     EXPECT_EQ(stems, (std::set<std::string>{"evil", "", "b", "hidden"}));
-    EXPECT_EQ(count, 4);
 }
 
 TEST_F(GraphManagerTest, WayDownEndsWithADeviceThatDoesNotLetGo) {
