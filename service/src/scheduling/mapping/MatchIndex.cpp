@@ -1,10 +1,19 @@
 #include "scheduling/mapping/MatchIndex.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <numeric>
+#include <limits>
 
 namespace kelm {
+
+namespace {
+
+constexpr size_t kNone = std::numeric_limits<size_t>::max();
+constexpr uint64_t kNothingHere = std::numeric_limits<uint64_t>::max();
+constexpr uint64_t kAnyMemory = std::numeric_limits<uint32_t>::max();
+
+}  // namespace
 
 MatchIndex::MatchIndex(const GraphItemSet& graphs) {
     m_entries.reserve(graphs.size());
@@ -16,106 +25,111 @@ MatchIndex::MatchIndex(const GraphItemSet& graphs) {
         return left.fraction != right.fraction ? left.fraction < right.fraction
                                                : left.rank < right.rank;
     });
-    for (size_t begin = 0, end = 0; begin < m_entries.size(); begin = end) {
-        while (end < m_entries.size() && m_entries[end].fraction == m_entries[begin].fraction)
-            ++end;
+    markGroups();
+    buildTree();
+}
+
+void MatchIndex::markGroups() {
+    const size_t size = m_entries.size();
+    for (size_t begin = 0, end = 0; begin < size; begin = end) {
+        while (end < size && m_entries[end].fraction == m_entries[begin].fraction) ++end;
         for (size_t i = begin; i < end; ++i) {
-            m_entries[i].groupBegin = begin;
-            m_entries[i].groupEnd = end;
+            m_entries[i].groupBegin = static_cast<uint32_t>(begin);
+            m_entries[i].groupEnd = static_cast<uint32_t>(end);
         }
     }
-    m_after.resize(m_entries.size() + 1);
-    std::iota(m_after.begin(), m_after.end(), size_t{0});
-    m_before = m_after;
 }
 
-size_t MatchIndex::atOrAfter(size_t index) {
-    while (index < m_entries.size()) {
-        if (m_after[index] == index) {
-            if (!isGone(index)) return index;
-            m_after[index] = index + 1;
-        }
-        m_after[index] = m_after[m_after[index]];
-        index = m_after[index];
+void MatchIndex::buildTree() {
+    m_leaves = std::bit_ceil(std::max<size_t>(m_entries.size(), 1));
+    m_least.assign(2 * m_leaves, kNothingHere);
+    for (size_t i = 0; i < m_entries.size(); ++i) {
+        m_least[m_leaves + i] = m_entries[i].graph->memReq;
     }
-    return m_entries.size();
+    for (size_t node = m_leaves - 1; node > 0; --node) {
+        m_least[node] = std::min(m_least[2 * node], m_least[2 * node + 1]);
+    }
 }
 
-size_t MatchIndex::endBefore(size_t index) {
-    while (index > 0) {
-        if (m_before[index] == index) {
-            if (!isGone(index - 1)) return index;
-            m_before[index] = index - 1;
-        }
-        m_before[index] = m_before[m_before[index]];
-        index = m_before[index];
+bool MatchIndex::eraseIfGone(size_t index, const GraphItem* except) {
+    const GraphItem* graph = m_entries[index].graph;
+    if (graph != except && graph->devReqScaled > 0.0f) return false;
+    size_t node = m_leaves + index;
+    m_least[node] = kNothingHere;
+    for (node /= 2; node > 0; node /= 2) {
+        m_least[node] = std::min(m_least[2 * node], m_least[2 * node + 1]);
     }
-    return 0;
+    return true;
+}
+
+size_t MatchIndex::firstFitting(size_t begin, const Query& query) {
+    if (begin >= m_entries.size()) return kNone;
+    size_t index = search(begin, query.memory, 1);
+    while (index != kNone && eraseIfGone(index, query.except)) {
+        index = search(index, query.memory, 1);
+    }
+    return index;
+}
+
+size_t MatchIndex::lastFitting(size_t end, const Query& query) {
+    if (end == 0) return kNone;
+    size_t index = search(end - 1, query.memory, 0);
+    while (index != kNone && eraseIfGone(index, query.except)) {
+        index = search(index, query.memory, 0);
+    }
+    return index;
+}
+
+// The nearest entry to the right (side 1) or to the left (side 0), the one at `index` included.
+size_t MatchIndex::search(size_t index, uint64_t memory, size_t side) const {
+    size_t node = m_leaves + index;
+    while (m_least[node] > memory) {
+        while (node % 2 == side) node /= 2;  // a child on that side has no sibling further on
+        if (node <= 1) return kNone;
+        node = side == 1 ? node + 1 : node - 1;
+    }
+    while (node < m_leaves) {
+        const size_t nearer = 2 * node + 1 - side;
+        node = m_least[nearer] <= memory ? nearer : 2 * node + side;
+    }
+    return node - m_leaves;
 }
 
 GraphItem* MatchIndex::smallest() {
-    const size_t first = atOrAfter(0);
-    return first < m_entries.size() ? m_entries[first].graph : nullptr;
+    const size_t index = firstFitting(0, {kAnyMemory, nullptr});
+    return index != kNone ? m_entries[index].graph : nullptr;
 }
 
-// One search for a partner: the best seen so far, and what a candidate must do to beat it.
-class MatchIndex::Search {
- public:
-    Search(MatchIndex& index, const GraphItem& graph, uint32_t memSize)
-        : m_index(index),
-          m_graph(graph),
-          m_memSize(memSize),
-          m_best(std::fabs(1.0f - graph.devReqScaled)) {}
-
-    // Looks at the graphs of one fraction. False: too far off already, and so are all beyond it.
-    bool visitGroup(const Entry& group) {
-        const float distance = std::fabs(m_graph.devReqScaled + group.fraction - 1.0f);
-        if (distance > m_best || (m_chosen == nullptr && distance == m_best)) return false;
-        const Entry* candidate = firstFitting(group);
-        if (candidate == nullptr) return true;
-        // Sums of different fractions may round to the same distance: then the walk decides.
-        if (m_chosen == nullptr || distance < m_best || candidate->rank < m_chosen->rank) {
-            m_chosen = candidate;
-            m_best = distance;
-        }
-        return true;
-    }
-
-    GraphItem* chosen() const { return m_chosen != nullptr ? m_chosen->graph : nullptr; }
-
- private:
-    const Entry* firstFitting(const Entry& group) {
-        for (size_t i = m_index.atOrAfter(group.groupBegin); i < group.groupEnd;
-             i = m_index.atOrAfter(i + 1)) {
-            const Entry& entry = m_index.m_entries[i];
-            if (entry.graph == &m_graph) continue;
-            if (uint64_t{entry.graph->memReq} + m_graph.memReq <= m_memSize) return &entry;
-        }
-        return nullptr;
-    }
-
-    MatchIndex& m_index;
-    const GraphItem& m_graph;
-    const uint32_t m_memSize;
-    float m_best;
-    const Entry* m_chosen = nullptr;
-};
-
 GraphItem* MatchIndex::nearest(const GraphItem& graph, uint32_t memSize) {
+    if (graph.memReq > memSize) return nullptr;
+    const Query query{uint64_t{memSize} - graph.memReq, &graph};
+    const Entry* chosen = nullptr;
+    float best = std::fabs(1.0f - graph.devReqScaled);
+    // Looks at the graphs of one fraction. False: too far off already, and so are all beyond it.
+    const auto offerGroup = [&](const Entry& group) {
+        const float distance = std::fabs(graph.devReqScaled + group.fraction - 1.0f);
+        if (distance > best || (chosen == nullptr && distance == best)) return false;
+        const Entry& first = m_entries[firstFitting(group.groupBegin, query)];
+        // Sums of different fractions may round to the same distance: then the walk decides.
+        if (chosen == nullptr || distance < best || first.rank < chosen->rank) chosen = &first;
+        best = distance;
+        return true;
+    };
     // The sum grows with the fraction, so the distance from one device only grows to either side
     // of the place where the sum passes it.
     const auto middle = std::partition_point(
         m_entries.begin(), m_entries.end(),
         [&](const Entry& entry) { return graph.devReqScaled + entry.fraction <= 1.0f; });
     const size_t split = static_cast<size_t>(middle - m_entries.begin());
-    Search search(*this, graph, memSize);
-    for (size_t end = endBefore(split); end > 0; end = endBefore(m_entries[end - 1].groupBegin)) {
-        if (!search.visitGroup(m_entries[end - 1])) break;
+    for (size_t i = lastFitting(split, query); i != kNone;
+         i = lastFitting(m_entries[i].groupBegin, query)) {
+        if (!offerGroup(m_entries[i])) break;
     }
-    for (size_t i = atOrAfter(split); i < m_entries.size(); i = atOrAfter(m_entries[i].groupEnd)) {
-        if (!search.visitGroup(m_entries[i])) break;
+    for (size_t i = firstFitting(split, query); i != kNone;
+         i = firstFitting(m_entries[i].groupEnd, query)) {
+        if (!offerGroup(m_entries[i])) break;
     }
-    return search.chosen();
+    return chosen != nullptr ? chosen->graph : nullptr;
 }
 
 }  // namespace kelm

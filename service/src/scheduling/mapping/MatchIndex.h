@@ -9,8 +9,9 @@
 namespace kelm {
 
 // Graphs sorted by the fraction of a device that they still ask for, to find a partner without
-// looking at all of them. A graph whose `devReqScaled` has been set to 0 counts as gone; no other
-// change of it is allowed while the index lives. Graphs are borrowed for that time.
+// looking at all of them, and with a tree of the least memory above, so that partners that do not
+// fit cost nothing either. A graph whose `devReqScaled` has been set to 0 counts as gone; no other
+// change of a graph is allowed while the index lives. Graphs are borrowed for that time.
 class MatchIndex {
  public:
     // In walk order; each asks for more than 0.
@@ -20,28 +21,36 @@ class MatchIndex {
     GraphItem* smallest();
     // The graph that together with `graph` comes nearest to one whole device, the first in the walk
     // among equals; null if none comes nearer than `graph` alone. Both must fit into `memSize`.
+    // `graph` itself is no longer a partner for others from then on.
     GraphItem* nearest(const GraphItem& graph, uint32_t memSize);
 
  private:
     struct Entry {
         float fraction;
         uint32_t rank;  // place in the walk
-        size_t groupBegin;
-        size_t groupEnd;  // entries of the same fraction
+        uint32_t groupBegin;
+        uint32_t groupEnd;  // entries of the same fraction
         GraphItem* graph;
     };
-    class Search;
 
-    bool isGone(size_t index) const { return !(m_entries[index].graph->devReqScaled > 0.0f); }
-    // The next entry that is not gone: at `index` or after it, else the size.
-    size_t atOrAfter(size_t index);
-    // The last entry that is not gone before `index`, plus one, or 0.
-    size_t endBefore(size_t index);
+    struct Query {
+        uint64_t memory;          // that a graph may ask for at most
+        const GraphItem* except;  // counts as gone
+    };
+
+    void markGroups();
+    void buildTree();
+    // The first entry from `begin` on, and the last one before `end`, that answers the query;
+    // kNone if there is none.
+    size_t firstFitting(size_t begin, const Query& query);
+    size_t lastFitting(size_t end, const Query& query);
+    size_t search(size_t index, uint64_t memory, size_t side) const;
+    // Erases an entry whose graph is gone; false if it is not.
+    bool eraseIfGone(size_t index, const GraphItem* except);
 
     std::vector<Entry> m_entries;
-    // Where to look next from an entry that is gone; shortened at each look.
-    std::vector<size_t> m_after;
-    std::vector<size_t> m_before;
+    size_t m_leaves = 1;            // a power of two
+    std::vector<uint64_t> m_least;  // least memory below each node; node 1 is the root
 };
 
 }  // namespace kelm
