@@ -1,0 +1,235 @@
+#include "devices/DeviceManager.h"
+
+#include "devices/DevicesRig.h"
+#include "fakes/Eventually.h"
+#include "scheduling/devices/WorkerRemovalListener.h"
+#include "utils/StringHelper.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::Pair;
+
+constexpr int kSubclass = 0;
+
+// Hands the workers that are let go back to the manager.
+class RemovalRelay final : public WorkerRemovalListener {
+ public:
+    explicit RemovalRelay(DeviceManager& manager) : m_manager(manager) {}
+    void enqueueRemoveWorkerDone(WorkThread* worker) override {
+        m_manager.enqueueRemoveWorkerDone(worker);
+    }
+
+ private:
+    DeviceManager& m_manager;
+};
+
+class DeviceManagerTest : public DevicesRig {
+ protected:
+    void SetUp() override {
+        configure(R"({"service_settings": {"update_thermal_interval": 0,
+                                           "max_cached_graph_number": 4},
+                      "scheduler_config": [{"subclass": 0, "max_graph_per_device": 2,
+                                            "graph_tag_map": {}}]})");
+    }
+    // With a long wait for old workers, unless the case is about the limits.
+    std::shared_ptr<DeviceManager> makeManager(const std::vector<std::string>& names) {
+        const auto manager = DeviceManager::create(
+            "DeviceManager0", {std::chrono::seconds(30), std::chrono::seconds(60)});
+        manager->setDeviceList(kSubclass, names);
+        return manager;
+    }
+    bool hasOpened(const std::string& name, int times) {
+        return eventually([&] { return m_devices[name].count(DeviceCall::Open) == times; });
+    }
+};
+
+TEST_F(DeviceManagerTest, NumbersOfGraphsAreClamped) {
+    struct Case {
+        int perDevice, cached, usedPerDevice, usedCached;
+    };
+    for (const Case& testCase : {Case{5, 1, 2, 2}, Case{0, 3, 1, 3}}) {
+        SCOPED_TRACE(testCase.perDevice);
+        configure(StringHelper::format(
+            R"({"service_settings": {"max_cached_graph_number": %d},
+                "scheduler_config": [{"subclass": 0, "max_graph_per_device": %d}]})",
+            testCase.cached, testCase.perDevice));
+        const auto manager = makeManager({"a"});
+        KelmGraph* const graph = makeGraph();
+        manager->enqueueLoadGraph(graph);
+        EXPECT_EQ(graph->getMaxGraphNumPerDevice(), testCase.usedPerDevice);
+        EXPECT_EQ(m_devices["a"].maxCacheGraphNumber(), testCase.usedCached);
+        EXPECT_TRUE(manager->stop());
+    }
+}
+
+TEST_F(DeviceManagerTest, LoadsThatNoSchedulerTakesAreRefusedAtOnce) {
+    KelmGraph* const tagged = makeGraph();
+    tagged->setTag("camera");
+    KelmGraph* const streamed = makeGraph();
+    streamed->setStreamId("stream");
+    KelmGraph* const plain = makeGraph();
+    m_devices["dead"].failAll(DeviceCall::Open, KELM_ERROR_INVALID_DEVICE);
+    const auto manager = makeManager({"dead"});
+    EXPECT_EQ(manager->getWorkerNum(), 0u);
+    for (KelmGraph* graph : {tagged, streamed, plain}) manager->enqueueLoadGraph(graph);
+    EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(tagged, KELM_ERROR_INVALID_PARAM),
+                                                 Pair(streamed, KELM_ERROR_INVALID_PARAM),
+                                                 Pair(plain, KELM_ERROR_NO_DEVICE_AVAILABLE)));
+    // A destroy that crosses the refusal is confirmed all the same.
+    manager->enqueueUnloadGraph(tagged);
+    EXPECT_TRUE(eventually([&] { return m_placement.unloads().size() == 1; }));
+}
+
+TEST_F(DeviceManagerTest, ReservedDevicesWithoutTheirSchedulerStayInUse) {
+    configure(R"({"scheduler_config": [{"subclass": 0, "stream_device_number": 1,
+                                        "graph_tag_map": {"camera": 1}}]})");
+    const auto manager = makeManager({"a"});
+    manager->enqueueLoadGraph(makeGraph());
+    EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
+    EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(m_graphs[0].get(), KELM_OK)));
+}
+
+TEST_F(DeviceManagerTest, BrokenTagMapEndsTheStart) {
+    configure(R"({"scheduler_config": [{"subclass": 0, "graph_tag_map": {"camera": "many"}}]})");
+    EXPECT_THROW(makeManager({"a"}), std::invalid_argument);
+    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 0);
+}
+
+TEST_F(DeviceManagerTest, PlugEventsOfADeviceActInTheirOrder) {
+    const auto manager = makeManager({});
+    RemovalRelay relay(*manager);
+    ScopedPort<WorkerRemovalListener> port(relay);
+    m_devices["a"].block(DeviceCall::Open);
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "a"));
+    ASSERT_TRUE(hasOpened("a", 1));
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "a"));  // is being made: dropped
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "a"));
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "a"));
+    EXPECT_FALSE(manager->enqueuePlugoutDevice(kSubclass + 1, "a"));
+    m_devices["a"].release(DeviceCall::Open);
+    EXPECT_TRUE(hasOpened("a", 2));
+    EXPECT_TRUE(eventually([&] { return manager->getWorkerNum() == 1; }));
+    EXPECT_TRUE(manager->stop());
+    EXPECT_EQ(manager->getResetTimes("a"), 1);
+    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 2);
+}
+
+TEST_F(DeviceManagerTest, RemovalOfAnUnknownDeviceIsNotCounted) {
+    const auto manager = makeManager({"a"});
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "b"));
+    EXPECT_TRUE(manager->stop());
+    EXPECT_EQ(manager->getResetTimes("b"), 0);
+}
+
+TEST_F(DeviceManagerTest, DeviceOpensAnewOnlyAfterItsOldWorkerIsGone) {
+    const auto manager = makeManager({"a"});
+    RemovalRelay relay(*manager);
+    ScopedPort<WorkerRemovalListener> port(relay);
+    KelmGraph* const graph = makeGraph();
+    manager->enqueueLoadGraph(graph);
+    ASSERT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 1; }));
+    m_devices["a"].block(DeviceCall::Deallocate);
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "a"));  // its removal was never seen
+    ASSERT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Deallocate) == 1; }));
+    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 1);
+    m_devices["a"].release(DeviceCall::Deallocate);
+    EXPECT_TRUE(hasOpened("a", 2));
+    // The graph comes back to the device with the scheduler's next pass.
+    EXPECT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 1; }));
+}
+
+TEST_F(DeviceManagerTest, OldWorkerThatNeverGoesDelaysTheNewOneButDoesNotStopIt) {
+    auto manager = DeviceManager::create("DeviceManager0",
+                                         {std::chrono::seconds(30), std::chrono::milliseconds(1)});
+    manager->setDeviceList(kSubclass, {"a"});
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "a"));  // nobody answers the removal
+    EXPECT_TRUE(hasOpened("a", 2));
+    EXPECT_TRUE(eventually([&] { return manager->getWorkerNum() == 1; }));
+    EXPECT_TRUE(manager->stop());
+}
+
+TEST_F(DeviceManagerTest, StopTakesGraphsOffTheDevicesAndCanBeRepeated) {
+    const auto manager = makeManager({"a"});
+    KelmGraph* const graph = makeGraph();
+    manager->enqueueLoadGraph(graph);
+    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
+    EXPECT_TRUE(manager->stop());
+    EXPECT_THAT(m_devices["a"].deallocated(), ElementsAre(Pair(graph, false)));
+    EXPECT_TRUE(manager->stop());
+    EXPECT_EQ(manager->getWorkerNum(), 0u);
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "b"));
+    EXPECT_EQ(m_devices["b"].count(DeviceCall::Open), 0);
+}
+
+TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsLeftBehindAtTheStop) {
+    // Kept, as the threads that are left behind may still use it.
+    static auto* const graph = makeTestGraph(1, "content").release();
+    auto manager = DeviceManager::create("DeviceManager0",
+                                         {std::chrono::milliseconds(10), std::chrono::seconds(60)});
+    manager->setDeviceList(kSubclass, {"a"});
+    m_devices["a"].block(DeviceCall::Allocate);
+    manager->enqueueLoadGraph(graph);
+    ASSERT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Allocate) == 1; }));
+    EXPECT_FALSE(manager->stop());
+    manager.reset();
+    m_devices["a"].release(DeviceCall::Allocate);
+    EXPECT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 1; }));
+}
+
+TEST_F(DeviceManagerTest, FloodOfResetsOfABusyDeviceIsRefusedAndBlocksNobody) {
+    const auto manager = makeManager({"a"});
+    uint32_t deviceId = 0;
+    while (!manager->hasDevice(deviceId)) ++deviceId;
+    m_devices["a"].block(DeviceCall::Reset);
+    constexpr size_t kResets = 1000;
+    for (size_t reset = 0; reset < kResets; ++reset) {
+        manager->enqueueResetDevice(1, deviceId, 5, nullptr);
+    }
+    EXPECT_FALSE(m_results.resets().empty());
+    EXPECT_THAT(m_results.resets(),
+                ::testing::Each(Field(&FakeResultSink::Reset::error, KELM_ERROR_INVALID_DEVICE)));
+    m_devices["a"].release(DeviceCall::Reset);
+    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kResets; }));
+}
+
+// A device whose temperature reading takes as long as the test wants.
+class SlowThermalDevice : public ScriptedDevice {
+ public:
+    struct Control {
+        std::atomic<int> begun{0};
+        std::shared_future<void> go;
+    };
+    SlowThermalDevice(const std::string& name, Control& control)
+        : ScriptedDevice(name, std::make_shared<DeviceScript>()), m_control(control) {}
+    int updateThermal() override {
+        ++m_control.begun;
+        m_control.go.wait();
+        return 0;
+    }
+
+ private:
+    Control& m_control;
+};
+
+TEST_F(DeviceManagerTest, ThermalReadingBlocksNeitherTheManagerNorTheDeletion) {
+    configure(R"({"service_settings": {"update_thermal_interval": 3600000}})");
+    std::promise<void> go;
+    SlowThermalDevice::Control control{0, go.get_future().share()};
+    KelmDeviceBase::setFactory([&](const std::string& name) {
+        return std::make_unique<SlowThermalDevice>(name, control);
+    });
+    const auto manager = makeManager({"a"});
+    RemovalRelay relay(*manager);
+    ScopedPort<WorkerRemovalListener> port(relay);
+    ASSERT_TRUE(eventually([&] { return control.begun == 1; }));
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "a"));
+    EXPECT_TRUE(eventually([&] { return manager->getWorkerNum() == 0; }));
+    go.set_value();
+    EXPECT_TRUE(manager->stop());  // although the next reading is due in an hour
+}
+
+}  // namespace
+}  // namespace kelm
