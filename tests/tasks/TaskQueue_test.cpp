@@ -23,11 +23,13 @@ class TaskQueueTest : public testing::Test {
         const KelmMsgReqInferTask request{};
         m_tasks.push_back(std::make_unique<KelmTask>(static_cast<uint64_t>(name), client, &m_graph,
                                                      nullptr, &request));
+        (void)m_tasks.back()->setSendCreateResponseDone();  // or its end would be logged
         return m_tasks.back().get();
     }
+    // The last one of the name.
     KelmTask* find(char name) {
-        for (const auto& task : m_tasks) {
-            if (task->getId() == static_cast<uint64_t>(name)) return task.get();
+        for (auto task = m_tasks.rbegin(); task != m_tasks.rend(); ++task) {
+            if (nameOf(task->get()) == name) return task->get();
         }
         return nullptr;
     }
@@ -94,7 +96,6 @@ TEST_F(TaskQueueTest, PollingServesClientsOutOfTurn) {
         TaskQueuePolling queue;
         EXPECT_EQ(run(queue, row.script), "");
         EXPECT_EQ(destroyed().substr(before), row.destroyed);
-        m_tasks.clear();
     }
 }
 
@@ -112,7 +113,6 @@ TEST_F(TaskQueueTest, FirstComeServesOutOfOrder) {
         TaskQueueFIFO queue;
         EXPECT_EQ(run(queue, row.script), "");
         EXPECT_EQ(destroyed().substr(before), row.destroyed);
-        m_tasks.clear();
     }
 }
 
