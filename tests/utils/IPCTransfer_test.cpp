@@ -100,7 +100,7 @@ TEST_F(IPCTransferTest, SentDescriptorArrivesWithItsNumber) {
     accepted->read(fd);
     const UniqueFd received(fd);
     EXPECT_TRUE(isSameFile(file.get(), received.get()));
-    accepted->close();
+    ConnectionBase::close(accepted->getSimulateFD());
     EXPECT_THAT([&] { client->write(file.get()); },
                 ThrowsMessage<std::runtime_error>(HasSubstr("Error: Read-end of socket")));
     EXPECT_THAT([&] { accepted->write(file.get()); },
@@ -154,11 +154,13 @@ TEST_F(IPCTransferTest, StuckTransfersEndFromOutside) {
     };
     const Row rows[] = {
         {"shutdown ends a read", false, [](ConnectionUDS& c) { c.shutdown(); }, false},
-        {"close ends a read", false, [](ConnectionUDS& c) { c.close(); }, false},
+        {"close ends a read", false,
+         [](ConnectionUDS& c) { ConnectionBase::close(c.getSimulateFD()); }, false},
         {"all shut down for reading", false,
          [](ConnectionUDS&) { ConnectionBase::shutdownAll(SHUT_RD); }, true},
         {"shutdown ends a write", true, [](ConnectionUDS& c) { c.shutdown(); }, false},
-        {"close ends a write", true, [](ConnectionUDS& c) { c.close(); }, false},
+        {"close ends a write", true,
+         [](ConnectionUDS& c) { ConnectionBase::close(c.getSimulateFD()); }, false},
         {"all shut down", true, [](ConnectionUDS&) { ConnectionBase::shutdownAll(SHUT_RDWR); },
          false},
     };
