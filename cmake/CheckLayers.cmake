@@ -1,5 +1,6 @@
 # Fails on an include that points down the list: a file may include what stands above its folder
 # and its own folder, never below. Run as a test: cmake -DROOT=<tree> -P CheckLayers.cmake
+cmake_policy(VERSION 3.25)
 set(layers
     utils protocol/src client tools/kelmctl
     service/src/config service/src/records service/src/execution
