@@ -42,11 +42,17 @@ KelmMsgBase head(uint32_t type, uint64_t size) {
     return record;
 }
 
+struct Flood {
+    int requests;
+    bool registered;
+};
+
 // Sends requests and reads no answer, until so many are out or the service takes no more.
-void floodWithoutReading(RawClient& client, int requests) {
-    const uint64_t id = client.registerClient("mute");
+void floodWithoutReading(RawClient& client, const Flood& flood) {
+    constexpr uint64_t kNobody = 4711;
+    const uint64_t id = flood.registered ? client.registerClient("mute") : kNobody;
     const auto request = RawClient::inferRequest(id, 12345, 1);
-    for (int i = 0; i < requests; ++i) {
+    for (int i = 0; i < flood.requests; ++i) {
         pollfd state{client.fd(), POLLOUT, 0};
         if (::poll(&state, 1, 500) != 1) return;
         ASSERT_TRUE(client.send(request));
@@ -174,6 +180,9 @@ TEST(MessageDispatcherTest, RunningOutOfNumbersTurnsAwayNewClientsOnly) {
 }
 
 TEST(MessageDispatcherTest, RunningOutOfDescriptorsDelaysNewClientsOnly) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer opens descriptors for its own checks";
+#endif
     RunningService service;
     RawClient early(service.path());
     const uint64_t id = early.registerClient("early");
@@ -185,12 +194,12 @@ TEST(MessageDispatcherTest, RunningOutOfDescriptorsDelaysNewClientsOnly) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
     ASSERT_TRUE(pending.send(request));
-    EXPECT_EQ(early.unregisterClient(id), KELM_OK);
+    EXPECT_EQ(early.unregisterClient(id), KELM_OK);  // served meanwhile
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_TRUE(pending.receiveType(KELM_MESSAGE_REGISTER_RSP));
 }
 
-class MuteClientTest : public testing::TestWithParam<int> {};
+class MuteClientTest : public testing::TestWithParam<Flood> {};
 
 TEST_P(MuteClientTest, ItsDepartureFreesTheService) {
     RunningService service;
@@ -209,7 +218,9 @@ TEST_P(MuteClientTest, ItDoesNotHoldUpTheStop) {
     EXPECT_TRUE(mute.waitClosed());
 }
 
-INSTANTIATE_TEST_SUITE_P(Floods, MuteClientTest, testing::Values(kSomeRequests, kAllThatFits));
+INSTANTIATE_TEST_SUITE_P(Floods, MuteClientTest,
+                         testing::Values(Flood{kSomeRequests, true}, Flood{kAllThatFits, true},
+                                         Flood{kAllThatFits, false}));
 
 TEST(MessageDispatcherTest, StopIsNotHeldUpByHalfMessage) {
     RunningService service;

@@ -67,7 +67,7 @@ void ClientManager::registerClient(const char* name, uint16_t major, uint16_t mi
         return;
     }
     const uint64_t clientId = addClient(name, major, minor, connection);
-    if (clientId == 0) return;  // hung up at once; nobody waits for the answer
+    if (clientId == 0) return;  // nobody waits for the answer
     LOG_INFO("client(id:%lu) registered: clientName=%s socket=%d", clientId, name, socket);
     LOG_PROC(m_debugProcess, "enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId,
              socket);
@@ -80,7 +80,7 @@ uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t min
     // closeClient() closes a connection without a record under the same mutex, so that a record
     // never stands for a peer whose hang-up has been seen already.
     std::shared_ptr<ClientConnection> shared = shareConnectionUnsafe(connection);
-    if (!shared->isConnected()) return 0;
+    if (m_closed || !shared->isConnected()) return 0;
     const uint64_t clientId = m_nextClientId++;
     auto client = std::make_unique<KelmClient>(clientId, name, std::move(shared), major, minor);
     m_socketClientMap[connection->getSimulateFD()] = client.get();
@@ -147,6 +147,7 @@ void ClientManager::removeAllClients() {
     {
         MutexLock lock(m_mutex);
         LOG_PROC(m_debugProcess, "remove all %lu clients", m_idClientMap.size());
+        m_closed = true;
         for (const auto& [clientId, client] : m_idClientMap) {
             client->getConnection()->shutdown();
             if (startDepartureUnsafe(*client, true)) departing.push_back(clientId);
@@ -239,7 +240,9 @@ bool ClientManager::finish(std::chrono::milliseconds time) {
         if (!m_zeroClientCond.waitUntil(m_mutex, deadline)) break;
     }
     m_finished = true;
-    return m_idClientMap.empty();
+    const bool empty = m_idClientMap.empty();
+    lock.unlock();
+    return m_pool.waitIdleFor(time) && empty;
 }
 
 bool ClientManager::verifyClient(uint64_t clientId) {

@@ -52,10 +52,10 @@ class ClientManager : public Singleton<ClientManager>,
     // The peer of the connection has vanished: whoever registered over it leaves, without an
     // answer, and a writer that waits for the peer ends at once.
     void closeClient(int socket) EXCLUDES(m_mutex);
-    // The same for every client.
+    // The same for every client; nobody can register any more.
     void removeAllClients() EXCLUDES(m_mutex);
-    // The way down, after removeAllClients(): waits until the last record is gone; false when the
-    // time is up first. A record that goes later tells nobody.
+    // The way down, after removeAllClients(): waits until the last record is gone and the pool has
+    // nothing to do; false when the time is up first. A record that goes later tells nobody.
     bool finish(std::chrono::milliseconds time) EXCLUDES(m_mutex);
 
     bool verifyClient(uint64_t clientId) override EXCLUDES(m_mutex);
@@ -80,7 +80,7 @@ class ClientManager : public Singleton<ClientManager>,
     void registerClient(const char* name, uint16_t major, uint16_t minor,
                         const ConnectionPtr& connection, void* msg) REQUIRES(m_onPool)
         EXCLUDES(m_mutex);
-    // The new id, or 0 when the connection has gone meanwhile.
+    // The new id, or 0 when the connection has gone meanwhile or the service is ending.
     uint64_t addClient(const char* name, uint16_t major, uint16_t minor,
                        const ConnectionPtr& connection) EXCLUDES(m_mutex);
     void unregisterClient(uint64_t clientId, int socket, void* msg) REQUIRES(m_onPool)
@@ -111,7 +111,8 @@ class ClientManager : public Singleton<ClientManager>,
 
     Mutex m_mutex;
     CondVar m_zeroClientCond;
-    bool m_finished GUARDED_BY(m_mutex) = false;
+    bool m_closed GUARDED_BY(m_mutex) = false;    // nobody registers any more
+    bool m_finished GUARDED_BY(m_mutex) = false;  // nobody is told of a record's end any more
     uint64_t m_nextClientId GUARDED_BY(m_mutex) = 1;
     std::map<uint64_t, std::unique_ptr<KelmClient>> m_idClientMap GUARDED_BY(m_mutex);
     std::map<int, KelmClient*> m_socketClientMap GUARDED_BY(m_mutex);  // the latest of each socket

@@ -33,6 +33,7 @@ constexpr milliseconds kLookInterval{100};
 constexpr long kReadEndMillisec = 1000;   // for the listen thread, once nothing can be read
 constexpr long kWriteEndMillisec = 2000;  // and once nothing can be written either
 constexpr milliseconds kClientsEndTime{1000};
+constexpr milliseconds kTasksEndTime{1000};
 
 }  // namespace
 
@@ -103,6 +104,8 @@ bool MessageDispatcher::stopService() {
     ended &= m_clientManager->finish(kClientsEndTime);
     // Before any static object is destroyed: the devices' threads call into the managers.
     ended &= m_deviceManagerCreator->stop();
+    // A stranger's requests may still be queued, and their answers need the other managers.
+    ended &= m_taskManager->waitIdleFor(kTasksEndTime);
     m_listenConnection.reset();
     m_poller.reset();
     m_requestHandlerMap.clear();

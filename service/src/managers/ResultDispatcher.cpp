@@ -75,6 +75,11 @@ void ResultDispatcher::stopSendResponse() {
     m_stopped = true;
 }
 
+bool ResultDispatcher::isStopped() {
+    MutexLock lock(m_dedicatedMutex);
+    return m_stopped;
+}
+
 void ResultDispatcher::sendResponse(uint64_t clientId, int socket, MessagePtr message,
                                     uint64_t createdTaskId) {
     ClientSender* sender = getDedicatedThreadPool(clientId);
@@ -99,7 +104,7 @@ void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr
             clients.enqueueNotifyUnregRspSent(clientId);
         return;
     }
-    if (socket <= 0) return;  // no client and no connection: nobody to tell
+    if (socket <= 0 || isStopped()) return;  // no client and no connection: nobody to tell
     m_senderPool.post([this, socket, message = std::move(message)] {
         const int result = kelmSendMessage(socket, message.get());
         if (result != 0) {

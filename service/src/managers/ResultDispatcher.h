@@ -64,7 +64,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     // The client's record is gone.
     void enqueueRemoveDedicatedThreadPool(uint64_t clientId);
 
-    // From here on no client gets a pool any more.
+    // From here on no client gets a pool any more, and strangers get no answer.
     void stopSendResponse() EXCLUDES(m_dedicatedMutex);
 
     void onPrintInfo() override;
@@ -125,6 +125,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
         EXCLUDES(m_dedicatedMutex);
     void deleteRetiredSender(const ClientSender* sender) REQUIRES(m_onMainPool)
         EXCLUDES(m_dedicatedMutex);
+    bool isStopped() EXCLUDES(m_dedicatedMutex);
     void printServiceFps();
 
     const bool m_debugProcess;

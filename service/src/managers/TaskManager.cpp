@@ -271,6 +271,10 @@ MessagePtr TaskManager::notifyCreateResponseSent(uint64_t taskId, KelmTask*& tas
     return held;
 }
 
+bool TaskManager::waitIdleFor(std::chrono::milliseconds time) {
+    return m_pool->waitIdleFor(time) && m_destroyPool->waitIdleFor(time);
+}
+
 bool TaskManager::verifyClient(uint64_t clientId) {
     return ClientManager::instance().verifyClient(clientId);
 }

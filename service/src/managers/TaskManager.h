@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -72,6 +73,9 @@ class TaskManager final : public Singleton<TaskManager>,
     // The create response of the task has been written, or will never be. A message in the result
     // obliges the caller to send it and then to destroy `task`; otherwise `task` is null.
     MessagePtr notifyCreateResponseSent(uint64_t taskId, KelmTask*& task) EXCLUDES(m_mutex);
+
+    // True when both pools have nothing to do within the time, which is for each of them.
+    bool waitIdleFor(std::chrono::milliseconds time);
 
  private:
     // Where an answer goes.
