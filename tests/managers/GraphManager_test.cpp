@@ -5,8 +5,8 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <functional>
+#include <iostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -259,6 +259,37 @@ TEST_F(GraphManagerTest, DumpStaysInItsDirectoryWhateverTheGraphIsCalled) {
         stems.insert(text.substr(0, text.find('_')));
     }
     EXPECT_EQ(stems, (std::set<std::string>{"evil", "", "b", "hidden"}));
+}
+
+// Each of them sends a notice to the pool that is busy with them, whose queue is shorter.
+TEST_F(GraphManagerTest, BurstOfCreatesThatFailAtOnceDoesNotStandStill) {
+    start();
+    WireClient client;
+    constexpr int kRequests = 300;
+    for (int i = 0; i < kRequests; ++i) client.sendCreateGraph(std::to_string(i), "graph", "", 7);
+    for (int i = 0; i < kRequests; ++i) {
+        ASSERT_EQ(client.receive<KelmMsgRspCreateGraph>().head.status, KELM_ERROR_INVALID_PARAM);
+    }
+}
+
+TEST_F(GraphManagerTest, PrintsOneColumnForEachLoadedGraph) {
+    start(R"("debug_settings": {"info_printer": {"graph_fps": "on", "graph_snapshot_mode": "base",
+             "enable": false}})");
+    WireClient client;
+    EXPECT_EQ(client.createGraph("blob", "a_name_of_20_letters").head.status, KELM_OK);
+    testing::internal::CaptureStdout();
+    GraphManager::instance().onPrintInfo();
+    std::cout.flush();
+    const std::string text = testing::internal::GetCapturedStdout();
+    for (const char* part :
+         {"GraphFps(count=1):\n [a_name_of_20_letters] = (in) 0.00 (out) 0.00\n",
+          "GraphSnapshot(RegularPrint):\n| graphId      | 1                 |\n"
+          "| graphName    | a_name_...letters |\n",
+          "| pendingTime  | 00:00:00          |\n", "| devReqNum    | 0.50              |\n",
+          "| deviceNum    | 1 / 1             |\n",
+          "| streamId     |                   |\n+--------------+-------------------+\n"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << part << "\nin\n" << text;
+    }
 }
 
 TEST_F(GraphManagerTest, WayDownEndsWithADeviceThatDoesNotLetGo) {

@@ -57,13 +57,13 @@ TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
     ASSERT_TRUE(eventually([&] { return client.queryTaskStatus(task).taskStatus == 1; }));
     EXPECT_EQ(other.cancelTask(task).head.status, KELM_ERROR_NO_RIGHTS);
     EXPECT_EQ(other.queryTaskStatus(task).head.status, KELM_ERROR_NO_RIGHTS);
-    // Both requests go out at once: neither may be lost, and only one can succeed.
+    // Both requests go out at once: each is answered, in whatever order, and one succeeds.
     client.sendCancel(task);
     client.sendCancel(task);
     const auto first = client.receive<KelmMsgRspCancelTask>();
-    EXPECT_EQ(first.head.status, KELM_OK);
-    EXPECT_EQ(first.canceled, 1);
-    EXPECT_EQ(client.receive<KelmMsgRspCancelTask>().canceled, 0);
+    const auto second = client.receive<KelmMsgRspCancelTask>();
+    EXPECT_EQ(first.canceled + second.canceled, 1);
+    EXPECT_EQ((first.canceled ? first : second).head.status, KELM_OK);
     EXPECT_TRUE(queued.isClosed());
     EXPECT_EQ(client.cancelTask(task).head.status, KELM_ERROR_INVALID_TASK);
     const auto gone = client.queryTaskStatus(task);
