@@ -28,12 +28,6 @@ class RemovalRelay final : public WorkerRemovalListener {
 
 class DeviceManagerTest : public DevicesRig {
  protected:
-    void SetUp() override {
-        configure(R"({"service_settings": {"update_thermal_interval": 0,
-                                           "max_cached_graph_number": 4},
-                      "scheduler_config": [{"subclass": 0, "max_graph_per_device": 2,
-                                            "graph_tag_map": {}}]})");
-    }
     // With a long wait for old workers, unless the case is about the limits.
     std::shared_ptr<DeviceManager> makeManager(const std::vector<std::string>& names) {
         const auto manager = DeviceManager::create(

@@ -21,6 +21,14 @@ namespace kelm {
 // Scripted devices, listeners that record, and a configuration of the test's own.
 class DevicesRig : public ::testing::Test {
  protected:
+    void SetUp() override {
+        configure(R"({"fake_device_settings": {"enable_fake_device": false},
+                      "device_settings": {"device_vid": "0x1", "device_pid": "0x1"},
+                      "service_settings": {"update_thermal_interval": 0},
+                      "scheduler_config": [{"subclass": 0, "max_graph_per_device": 2,
+                                            "graph_tag_map": {}},
+                                           {"subclass": 2, "graph_tag_map": {}}]})");
+    }
     // Goes on top of what earlier cases of this process have set.
     void configure(const std::string& json) {
         const std::string path = m_dir.write("test.config", json);

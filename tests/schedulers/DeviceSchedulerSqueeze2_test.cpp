@@ -205,6 +205,39 @@ TEST_F(DeviceSchedulerSqueeze2Test, DroppedPlanGivesBackOnlyWhatItTookOut) {
     EXPECT_THAT(worker->getGraphs(), IsEmpty());
 }
 
+// Takes a graph and dies: the graph no longer counts it.
+class DyingDevice : public ScriptedDevice {
+ public:
+    using ScriptedDevice::ScriptedDevice;
+    std::unique_ptr<KelmDeviceBase> clone() override { return std::make_unique<DyingDevice>(this); }
+
+ protected:
+    int allocateGraphImpl(KelmGraph* graph) override {
+        const int rc = ScriptedDevice::allocateGraphImpl(graph);
+        graph->removeCachedDevice(getName());
+        return rc;
+    }
+};
+
+TEST_F(DeviceSchedulerSqueeze2Test, GraphIsNotGivenUpWhileAWorkerRefersToIt) {
+    KelmDeviceBase::setFactory([](const std::string& name) {
+        return std::make_unique<DyingDevice>(name, std::make_shared<DeviceScript>());
+    });
+    WorkThread* const worker = makeWorker("a");
+    m_scheduler.addWorker(worker);
+    KelmGraph* const graph = makeGraph();
+    graph->increaseLoadFailCount();
+    graph->increaseLoadFailCount();
+    m_scheduler.loadGraph(graph);
+    m_scheduler.pass();
+    m_scheduler.pass();
+    EXPECT_THAT(worker->getGraphs(), ElementsAre(graph));
+    EXPECT_THAT(m_placement.loads(), IsEmpty());
+    m_scheduler.removeWorker(worker);
+    m_scheduler.pass();
+    EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(graph, KELM_ERROR_NO_DEVICE_AVAILABLE)));
+}
+
 // Workers by rising address, as the map orders them, with their caches and targets as letters.
 TEST_F(DeviceSchedulerSqueeze2Test, SetsMoveToTheWorkersThatHaveThemCached) {
     struct Case {
