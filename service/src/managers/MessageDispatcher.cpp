@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -30,10 +31,14 @@ constexpr int kPollMillisec = 100;  // a stop request is seen within this time
 constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kErrorPause{10};
 constexpr milliseconds kLookInterval{100};
-constexpr long kReadEndMillisec = 1000;   // for the listen thread, once nothing can be read
-constexpr long kWriteEndMillisec = 2000;  // and once nothing can be written either
-constexpr milliseconds kClientsEndTime{1000};
-constexpr milliseconds kTasksEndTime{1000};
+constexpr long kReadEndMillisec = 1000;       // for the listen thread, once nothing can be read
+constexpr long kWriteEndMillisec = 2000;      // and once nothing can be written either
+constexpr milliseconds kQueuesEndTime{4000};  // for what is queued, graphs included
+
+milliseconds timeUntil(steady_clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+    return std::max(left, milliseconds(0));
+}
 
 }  // namespace
 
@@ -96,16 +101,17 @@ bool MessageDispatcher::stopService() {
     m_resultDispatcher->stopSendResponse();
     LOG_INFO("close epoll fd & listen fd");
     m_listenConnection->close();
+    const auto deadline = steady_clock::now() + kQueuesEndTime;
     LOG_INFO("remove all clients");
     m_clientManager->removeAllClients();
     IPC::ConnectionBase::shutdownAll(SHUT_RDWR);  // those who have not registered, too
     LOG_INFO("remove all graphs");
     m_graphManager->removeAllGraphs();
-    ended &= m_clientManager->finish(kClientsEndTime);
+    ended &= m_clientManager->finish(timeUntil(deadline));
     // Before any static object is destroyed: the devices' threads call into the managers.
     ended &= m_deviceManagerCreator->stop();
     // A stranger's requests may still be queued, and their answers need the other managers.
-    ended &= m_taskManager->waitIdleFor(kTasksEndTime);
+    ended &= m_taskManager->waitIdleFor(timeUntil(deadline));
     m_listenConnection.reset();
     m_poller.reset();
     m_requestHandlerMap.clear();
