@@ -11,6 +11,7 @@
 #include "utils/ConnectionUDS.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Poller.h"
+#include "utils/StringHelper.h"
 
 namespace IPC {
 
@@ -230,17 +231,19 @@ void ConnectionUDS::fillForDescriptor(int fd) {
         const auto start = std::chrono::steady_clock::now();
         const ssize_t count = m_input.fill(fd);
         if (count > 0) return;
-        const std::string id = std::to_string(getSimulateFD());
-        const std::string spent = std::to_string(elapsedMillisec(start));
+        const int64_t spent = elapsedMillisec(start);
         if (count == 0) {
             errno = 0;
-            KELM_THROW("The peer has performed an orderly shutdown. socketFd=" + id +
-                       " spentTime=" + spent);
+            KELM_THROW(StringHelper::format(
+                "The peer has performed an orderly shutdown. socketFd=%d spentTime=%ld",
+                getSimulateFD(), spent));
         }
         if (wouldBlock(errno)) {
             waitFor(fd, POLLIN);
         } else if (errno != EINTR) {
-            KELM_THROW("Error: receive fd through socket(" + id + ") failed. spentTime=" + spent);
+            KELM_THROW(
+                StringHelper::format("Error: receive fd through socket(%d) failed. spentTime=%ld",
+                                     getSimulateFD(), spent));
         }
     }
 }

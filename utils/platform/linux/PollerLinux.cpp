@@ -52,7 +52,7 @@ Poller::~Poller() {
 }
 
 void Poller::add(ConnectionBase* pconn) {
-    CR_ASSERT(pconn != NULL);
+    CR_ASSERT(pconn != NULL);  // NOLINT(modernize-use-nullptr): the words of the report
     const std::weak_ptr<ConnectionBase> connection = pconn->weak_from_this();
     CR_ASSERT(!connection.expired(), "a connection lives in a shared pointer");
     const int descriptor = pconn->nativeHandle();
@@ -77,7 +77,7 @@ void Poller::registerDescriptor(int descriptor) {
 }
 
 void Poller::remove(ConnectionBase* pconn) {
-    CR_ASSERT(pconn != NULL);
+    CR_ASSERT(pconn != NULL);  // NOLINT(modernize-use-nullptr): the words of the report
     const int descriptor = pconn->nativeHandle();
     if (descriptor != -1) forget(descriptor);
 }
