@@ -1,12 +1,12 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
 
 #include "GraphMapperProbe.h"
 #include "utils/Log.h"
 
 namespace kelm {
 namespace {
-
-using testing::ElementsAre;
 
 // Graphs by their keys' index, in the order of their places.
 using Places = std::vector<std::vector<size_t>>;
@@ -76,6 +76,30 @@ TEST(GraphMapperMapping, PlanAndMatchOfThreeDevicesComeOutAsWorkedOut) {
     EXPECT_EQ(probe.stableDevices(), 1u);
 }
 
+TEST(GraphMapperMapping, ScoresTellHowMuchOfADeviceStays) {
+    struct Row {
+        std::vector<size_t> real;
+        std::vector<int> scores;
+    };
+    const Row rows[] = {{{0}, {4, 0, 2}},    {{1}, {0, 2, 0}},    {{2, 3}, {0, 1, 0}},
+                        {{0, 3}, {3, 0, 4}}, {{0, 1}, {3, 0, 1}}, {{3, 0}, {0, 0, 4}}};
+    Pool pool(3, 2, {1.4f, 0.9f, 0.2f, 0.5f});
+    ASSERT_EQ(pool.m_probe.buildPlan(3), 0);
+    for (const Row& row : rows) {
+        pool.enforce(0, row.real);
+        for (size_t i = 0; i < row.scores.size(); ++i) {
+            DeviceItem* shadow = pool.m_probe.shadows()[i];
+            SCOPED_TRACE(shadow->dump());
+            EXPECT_EQ(GraphMapperProbe::compare(&pool.m_probe.device(0), shadow), row.scores[i]);
+            if (row.scores[i] == 0) continue;
+            // Turned, and left so.
+            EXPECT_EQ(shadow->graphs.find(0), pool.m_probe.device(0).graphs.find(0));
+        }
+    }
+    pool.m_probe.device(0).devStatus = MAPPER_GRAPH_NONE;
+    EXPECT_EQ(GraphMapperProbe::compare(&pool.m_probe.device(0), pool.m_probe.shadows()[2]), 0);
+}
+
 TEST(GraphMapperMapping, ResultIsWhatTheDevicesHold) {
     Pool pool(3, 2, {1.4f, 0.9f, 0.2f, 0.5f});
     pool.enforce(0, {0});
@@ -104,7 +128,12 @@ TEST(GraphMapperMapping, DemandsAtTheEdgesOfTheRulesGetTheirDevices) {
         {"one graph is copied onto all", 3, 2, {0.4f}, 0, {{0}, {0}, {0}}},
         {"no demand, no device", 3, 2, {0.0f, 0.0f}, 0, {{}, {}, {}}},
         {"no demand of many, no device", 1, 2, {0.0f, 0.0f}, 0, {{}}},
-        {"a demand near nothing is still one", 2, 2, {1e-40f}, 0, {{0}, {0}}},
+        {"a demand near nothing is still one",
+         2,
+         2,
+         {std::numeric_limits<float>::denorm_min()},
+         0,
+         {{0}, {0}}},
         {"fractions that find no place", 3, 1, {2.4f, 0.3f, 0.3f}, 1, {{0}, {0}, {1}}},
         {"more graphs than places", 1, 2, {1.0f, 1.0f, 1.0f}, 1, {{}}},
         {"a pair parts for a free device", 3, 2, {0.1f, 0.1f, 0.1f, 0.1f}, 0, {{0}, {2, 3}, {1}}},

@@ -10,6 +10,8 @@ namespace kelm {
 namespace {
 
 constexpr double kMasterPart = 0.618;  // of the whole demand
+// Of a device: so much more does not give the master another one.
+constexpr float kMasterSlack = 0.1f;
 constexpr size_t kLeastGraphsForMaster = 5;
 constexpr size_t kLeastDevicesForMaster = 2;  // one for the master, one for the others
 constexpr int32_t kHardFailure = -1;
@@ -338,7 +340,7 @@ int32_t GraphMapper::mapRunGraphMaster(uint32_t deviceNum) {
 // At least one device is left for the other graphs.
 uint32_t GraphMapper::getMasterDeviceNum(uint32_t deviceNum) {
     const float devReq = m_masterGraph->devReq;
-    uint32_t masterNum = cutToUnsigned(std::ceil(devReq - 0.1f));
+    uint32_t masterNum = cutToUnsigned(std::ceil(devReq - kMasterSlack));
     if (masterNum < deviceNum) return masterNum;
     const float part = static_cast<float>(deviceNum) * devReq / getRunGraphSumDevReq();
     masterNum = cutToUnsigned(std::floor(0.5f + part));
