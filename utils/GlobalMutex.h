@@ -23,10 +23,10 @@ class GlobalMutex {
     bool lock(long timeoutMillisec) EXCLUDES(m_mutex);
     bool trylock() EXCLUDES(m_mutex);
     bool unlock() EXCLUDES(m_mutex);
-
- private:
+    // False, logged as an ERROR, if the file could not be opened.
     bool isOpen() const;
 
+ private:
     Mutex m_mutex;
     const std::string m_path;
     int m_fd = 0;  // 0 when not open; fixed after construction

@@ -28,7 +28,7 @@ TEST(ServiceDaemonHelperTest, LockTellsTheWrongPhase) {
 
         helper.daemonReadyToServe();
         EXPECT_FALSE(isFree(RunPaths::readyMutex()));
-        helper.daemonReadyToStop();
+        EXPECT_TRUE(helper.daemonReadyToStop(1000));
         EXPECT_FALSE(isFree(RunPaths::startExitMutex()));
         helper.daemonCancelStop();
         EXPECT_TRUE(isFree(RunPaths::startExitMutex()));

@@ -95,6 +95,7 @@ TEST(LifecycleTest, ClientHoldingTheStartExitLockKeepsTheServiceForEver) {
     ASSERT_TRUE(service.waitLog("Wait 0 seconds before main program exits"));
     service.signal(SIGUSR1);
     EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
+    EXPECT_THAT(service.log(), Not(HasSubstr("leave without waiting")));
 }
 
 TEST(LifecycleTest, FailedStartHangsOrPassesForSuccess) {

@@ -17,7 +17,10 @@ ServiceDaemonHelper::ServiceDaemonHelper()
 
 void ServiceDaemonHelper::daemonReadyToServe() { m_readyMutex.lock(); }
 
-void ServiceDaemonHelper::daemonReadyToStop() { m_startExitMutex.lock(); }
+bool ServiceDaemonHelper::daemonReadyToStop(long timeoutMillisec) {
+    // A file that cannot be opened would never be locked; the service leaves without it.
+    return !m_startExitMutex.isOpen() || m_startExitMutex.lock(timeoutMillisec);
+}
 
 void ServiceDaemonHelper::daemonCancelStop() { m_startExitMutex.unlock(); }
 

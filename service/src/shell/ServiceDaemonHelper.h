@@ -19,8 +19,9 @@ class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
     // False if another service holds the alive lock.
     bool isLocked() const { return m_isLocked; }
     void daemonReadyToServe();
-    // From here a client that wants the service waits until this process has gone.
-    void daemonReadyToStop();
+    // From here a client that wants the service waits until this process has gone. False if the
+    // time is up first: a client that is starting the service holds the lock.
+    bool daemonReadyToStop(long timeoutMillisec);
     void daemonCancelStop();
     void daemonStop();
 

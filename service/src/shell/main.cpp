@@ -26,6 +26,7 @@ constexpr int kFailure = -1;
 constexpr int kFailureStatus = 255;  // what the shell sees of it
 // From the wish to end to the end: clients, graphs and workers have shorter limits of their own.
 constexpr std::chrono::milliseconds kTimeToEnd{8000};
+constexpr long kLookForSignalMillisec = 100;
 
 CommandLineParser cmdlineParser;
 
@@ -115,7 +116,8 @@ void waitUntilUnused(ExitSignal& signal) {
         if (waitSeconds != 0) signal.sleepFor(std::chrono::seconds(waitSeconds));
         // From here a client that finds the lock held waits for this process to go, so a client
         // that is not seen now does not come any more.
-        helper.daemonReadyToStop();
+        while (!helper.daemonReadyToStop(kLookForSignalMillisec) && !signal.isSet()) {
+        }
         if (!dispatcher.isWorking()) break;
         helper.daemonCancelStop();
     }
@@ -125,8 +127,9 @@ void waitUntilUnused(ExitSignal& signal) {
 void stopService() {
     ExitLimit::start(kTimeToEnd, 0);
     ServiceDaemonHelper::instance().daemonStop();
-    MessageDispatcher::instance().stopService();
+    const bool ended = MessageDispatcher::instance().stopService();
     sayGoodbye();
+    if (!ended) ExitLimit::leave(0);  // static objects are still in use
 }
 
 int runService() {
