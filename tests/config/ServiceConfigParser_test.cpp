@@ -131,14 +131,17 @@ TEST(ServiceConfigParserTest, GetterReadsTheWrongKeyOrDefault) {
     }
 }
 
-TEST(ServiceConfigParserTest, ShippedFileChangesADefaultOrForgetsAKey) {
+TEST(ServiceConfigParserTest, ShippedFileOrManualForgetsAKeyOrChangesADefault) {
     const std::string text = readFile(kRoot / "config/kelm_service.config");
+    const std::string manual = readFile(kRoot / "docs/configuration.md");
     Parser parser;
     ASSERT_TRUE(parser.appendConfigFile(installDir().write("shipped", text), true));
     for (const KeyRow& row : kKeys) {
         SCOPED_TRACE(row.key);
         EXPECT_EQ(row.getter(parser), row.byDefault);
-        EXPECT_THAT(text, HasSubstr("\"" + row.key.substr(row.key.rfind('.') + 1) + "\""));
+        const std::string name = row.key.substr(row.key.rfind('.') + 1);
+        EXPECT_THAT(text, HasSubstr("\"" + name + "\""));
+        EXPECT_THAT(manual, HasSubstr("`" + name + "`"));
     }
 }
 
