@@ -1,0 +1,64 @@
+#include "system/ChildProcess.h"
+#include "system/LoadClient.h"
+#include "system/SystemFixture.h"
+
+// Without optimisation or under a sanitizer the figures say nothing.
+#ifdef NDEBUG
+
+namespace kelm {
+namespace {
+
+constexpr size_t kMegabyte = 1 << 20;
+
+class MemoryTest : public SystemFixture {
+ protected:
+    // Two clients that do so many tasks together.
+    void runTasks(uint64_t tasks) {
+        SharedMemory<LoadBoard> board;
+        std::vector<ChildProcess> clients;
+        for (int i = 0; i < 2; ++i) {
+            LoadPlan plan;
+            plan.name = "memory";
+            plan.count = tasks / 2;
+            clients.emplace_back([&] { return LoadClient(path(), plan, *board).run(); });
+        }
+        for (ChildProcess& client : clients) ASSERT_EQ(client.wait(), "");
+    }
+};
+
+TEST_F(MemoryTest, IdleServiceTakesTooMuch) {
+    start(0);
+    EXPECT_LT(resident(), 25 * kMegabyte);
+}
+
+TEST_F(MemoryTest, TasksLeaveMemoryBehind) {
+    start(0);
+    ASSERT_NO_FATAL_FAILURE(runTasks(10000));
+    const size_t before = resident();
+    ASSERT_NO_FATAL_FAILURE(runTasks(300000));
+    EXPECT_LE(resident(), before + 2 * kMegabyte);
+}
+
+TEST_F(MemoryTest, VanishingClientsLeaveMemoryOrDescriptorsBehind) {
+    start(0);
+    const auto live = [this](int index) {
+        RawClient client(path());
+        const uint64_t id = client.registerClient("short lived");
+        const uint64_t graph =
+            client.createGraph(id, "graph", "graph " + std::to_string(index % 3));
+        return graph != 0 && client.send(RawClient::inferRequest(id, graph, 1));
+    };
+    ASSERT_TRUE(live(0));
+    ASSERT_TRUE(serves());
+    const size_t memoryBefore = resident();
+    const size_t descriptorsBefore = descriptors();
+    for (int i = 0; i < 2000; ++i) ASSERT_TRUE(live(i)) << i;
+    EXPECT_TRUE(serves());
+    EXPECT_TRUE(eventually([&] { return descriptors() == descriptorsBefore; })) << descriptors();
+    EXPECT_LE(resident(), memoryBefore + 2 * kMegabyte);
+}
+
+}  // namespace
+}  // namespace kelm
+
+#endif

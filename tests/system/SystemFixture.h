@@ -1,0 +1,99 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "fakes/RawClient.h"
+#include "fakes/ServiceProcess.h"
+
+namespace kelm {
+
+// A case meets the real service and passes only if that ends in time with status 0, in order and
+// without a finding of a sanitizer.
+class SystemFixture : public ::testing::Test {
+ protected:
+    // Under a sanitizer everything takes several times as long.
+#if defined(__SANITIZE_THREAD__)
+    static constexpr bool kSlow = true;
+#else
+    static constexpr bool kSlow = false;
+#endif
+    static constexpr std::chrono::milliseconds kTimeToEnd{10000};
+
+    // Three simulated devices whose two steps of a task take so long each. `settings` are further
+    // members of "service_settings".
+    void start(int latencyMs, const std::string& settings = "") {
+        const std::string latency = std::to_string(latencyMs);
+        m_service.emplace(R"({"fake_device_settings": {"fake_device_number": 3,)"
+                          R"("load_tensor_latency": )" +
+                          latency + R"(, "get_result_latency": )" + latency +
+                          R"(}, "service_settings": {)" + settings + "}}");
+        m_service->start();
+        ASSERT_TRUE(m_service->waitReady()) << lastLines();
+    }
+
+    void TearDown() override {
+        if (m_service && m_service->pid() > 0) endService();
+    }
+
+    void endService() {
+        m_service->signal(SIGUSR1);
+        EXPECT_EQ(m_service->waitExit(kTimeToEnd), 0) << lastLines();
+        const std::string log = m_service->log();
+        for (const char* words : {"Sanitizer", "runtime error", "leave without waiting"}) {
+            const size_t at = log.find(words);
+            EXPECT_EQ(at, std::string::npos) << log.substr(at == std::string::npos ? 0 : at, 6000);
+        }
+    }
+
+    ServiceProcess& service() { return *m_service; }
+    std::string path() const { return m_service->socketPath(); }
+
+    size_t descriptors() const { return entries("fd"); }
+    size_t threads() const { return entries("task"); }
+    // Resident memory in bytes.
+    size_t resident() const {
+        std::ifstream file(process("statm"));
+        size_t total = 0;
+        size_t pages = 0;
+        file >> total >> pages;
+        return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    }
+
+    // Whether a client gets all that it asks for: a whole life on a connection of its own.
+    bool serves() const {
+        RawClient client(path());
+        const uint64_t id = client.registerClient("probe");
+        const uint64_t graph = client.createGraph(id, "probe", "graph of the probe");
+        return id != 0 && graph != 0 && infers(client, id, graph) &&
+               client.unregisterClient(id) == KELM_OK && client.waitClosed();
+    }
+    static bool infers(RawClient& client, uint64_t id, uint64_t graph) {
+        return client.send(RawClient::inferRequest(id, graph, 1)) &&
+               client.receiveType(KELM_MESSAGE_TASK_DONE_EVT).has_value();
+    }
+
+    std::string lastLines() const {
+        const std::string log = m_service->log();
+        constexpr size_t kEnough = 4000;
+        return log.size() > kEnough ? log.substr(log.size() - kEnough) : log;
+    }
+
+ private:
+    std::string process(const char* file) const {
+        return "/proc/" + std::to_string(m_service->pid()) + "/" + file;
+    }
+    size_t entries(const char* folder) const {
+        const std::filesystem::directory_iterator all(process(folder));
+        return static_cast<size_t>(std::distance(begin(all), end(all)));
+    }
+
+    std::optional<ServiceProcess> m_service;
+};
+
+}  // namespace kelm
