@@ -228,7 +228,11 @@ TEST(MessageDispatcherTest, StopIsNotHeldUpByHalfMessage) {
     RawClient idle(service.path());  // never registers
     const auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
     ASSERT_TRUE(slow.sendBytes(&request, sizeof(request) / 2));
-    EXPECT_FALSE(RawClient(service.path()).send(request) && idle.receive(50ms));
+    const auto beingRead = [&slow] {
+        int unread = -1;
+        return ::ioctl(slow.fd(), TIOCOUTQ, &unread) == 0 && unread == 0;
+    };
+    ASSERT_TRUE(eventually(beingRead));
     EXPECT_TRUE(service.stopWithin(8s));
     EXPECT_TRUE(slow.waitClosed());
     EXPECT_TRUE(idle.waitClosed());

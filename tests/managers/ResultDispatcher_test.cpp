@@ -4,6 +4,7 @@
 
 #include "managers/RunningService.h"
 #include "protocol/src/KelmProtocol.h"
+#include "utils/Log.h"
 
 namespace kelm {
 
@@ -105,6 +106,26 @@ TEST(ResultDispatcherTest, ResponseEchoesTheRequest) {
     request.head.base.recvNum = 0xffffffff;
     const auto cut = client.call<KelmMsgRsp>(request, KELM_MESSAGE_DESTROY_GRAPH_RSP);
     EXPECT_LE(cut.base.peerRecvNum, kMaxMessageBlocks);
+}
+
+TEST(ResultDispatcherTest, CanceledCancelAnswerKeepsItsOldWords) {
+    RunningService service(R"({"debug_settings": {"debug_process": {"result_dispatcher": "on"}}})");
+    Log::instance().setLogLevel(LOG_LEVEL_PROC);
+    RawClient client(service.path());
+    auto cancel = RawClient::request<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ);
+    cancel.clientId = client.registerClient("client");
+    cancel.head.needResponse = 0;
+    auto query = RawClient::request<KelmMsgReqQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_REQ);
+    query.clientId = cancel.clientId;
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(client.send(cancel));
+    const auto answer = client.call<KelmMsgRspQueryTaskStatus>(
+        query, KELM_MESSAGE_QUERY_TASK_STATUS_RSP);  // queued behind it
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(answer.head.status, KELM_ERROR_INVALID_TASK);
+    EXPECT_EQ(answer.taskStatus, -1);
+    EXPECT_THAT(text, testing::HasSubstr("cancel sendQueryTaskStatusResponse: clientId=1"));
+    EXPECT_THAT(text, testing::HasSubstr("sendQueryTaskStatusResponse(rspSeqNo=1): clientId=1"));
 }
 
 TEST(ResultDispatcherTest, AnswerForUnknownClientMakesNoThread) {

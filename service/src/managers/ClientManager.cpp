@@ -81,6 +81,7 @@ uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t min
     // never stands for a peer whose hang-up has been seen already.
     std::shared_ptr<ClientConnection> shared = shareConnectionUnsafe(connection);
     if (m_closed || !shared->isConnected()) return 0;
+    // Deliberate: a second registration on a connection is a second client, as clients rely on.
     const uint64_t clientId = m_nextClientId++;
     auto client = std::make_unique<KelmClient>(clientId, name, std::move(shared), major, minor);
     m_socketClientMap[connection->getSimulateFD()] = client.get();

@@ -193,6 +193,8 @@ void MessageDispatcher::pauseAccepting() {
     m_acceptAgain = steady_clock::now() + kAcceptPause;
 }
 
+// Deliberate: waits until the message is whole, and all others with it, since clients write whole
+// messages.
 bool MessageDispatcher::handleSocket(int socket) {
     MessagePtr request(kelmReceiveMessage(socket));
     if (!request) {

@@ -61,6 +61,7 @@ void MessageDispatcher::handleUnregister(KelmMsgBase* message, int socket) {
     const auto& request = as<KelmMsgReqUnregister>(message);
     LOG_PROC(m_debugProcess, "remove socket %d from listening list", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
+        // Deliberate: for good, also if the client turns out to be unknown.
         connection->blockPoller();
         m_leaving.push_back(connection);
     }
