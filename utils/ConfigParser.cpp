@@ -160,7 +160,7 @@ bool ConfigParser::appendConfigFile(const std::string& path, bool reportMissing)
     m_impl->configTrees.push_back(tree);
     m_impl->configFiles.push_back(path);
     LOG_INFO("Config file '%s' has been loaded", path);
-    if (liesUnderInstallDir(path)) m_impl->defaultConfigTree = std::move(tree);
+    if (liesUnderInstallDir(path)) m_impl->defaultConfigTree = tree;
     return true;
 }
 

@@ -82,7 +82,7 @@ std::string getLog4cppInitFile(const std::string& kelmInstallDir) {
     const std::string own =
         std::string(home != nullptr ? home : "") + "/.kelmservicelog4cpp.config";
     if (home != nullptr && FileHelper::exist(own)) return own;
-    const std::string common = kelmInstallDir + "/config/kelmservicelog4cpp.config";
+    std::string common = kelmInstallDir + "/config/kelmservicelog4cpp.config";
     return FileHelper::exist(common) ? common : "";
 }
 
