@@ -78,10 +78,10 @@ bool takeAliveLock() {
 }
 
 std::string getLog4cppInitFile(const std::string& kelmInstallDir) {
-    const char* home = FileHelper::getHome();
-    const std::string own =
-        std::string(home != nullptr ? home : "") + "/.kelmservicelog4cpp.config";
-    if (home != nullptr && FileHelper::exist(own)) return own;
+    if (const char* home = FileHelper::getHome()) {
+        std::string own = std::string(home) + "/.kelmservicelog4cpp.config";
+        if (FileHelper::exist(own)) return own;
+    }
     std::string common = kelmInstallDir + "/config/kelmservicelog4cpp.config";
     return FileHelper::exist(common) ? common : "";
 }
