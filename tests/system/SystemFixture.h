@@ -74,8 +74,10 @@ class SystemFixture : public ::testing::Test {
                client.unregisterClient(id) == KELM_OK && client.waitClosed();
     }
     static bool infers(RawClient& client, uint64_t id, uint64_t graph) {
-        return client.send(RawClient::inferRequest(id, graph, 1)) &&
-               client.receiveType(KELM_MESSAGE_TASK_DONE_EVT).has_value();
+        if (!client.send(RawClient::inferRequest(id, graph, 1))) return false;
+        const auto answer = client.receiveType(KELM_MESSAGE_INFER_TASK_RSP);
+        return answer && answer->as<KelmMsgRsp>().status == KELM_OK &&
+               client.receiveType(KELM_MESSAGE_TASK_DONE_EVT);
     }
 
     std::string lastLines() const {
