@@ -69,6 +69,12 @@ class WireClient {
               std::string_view block = {}) {
         EXPECT_TRUE(m_raw.send(request, descriptors, block));
     }
+    // The next answer to a create request; what comes before it is dropped.
+    uint64_t receiveGraphId() {
+        const auto message = m_raw.receiveType(KELM_MESSAGE_CREATE_GRAPH_RSP);
+        EXPECT_TRUE(message);
+        return message ? message->as<KelmMsgRspCreateGraph>().graphId : 0;
+    }
     // The next message, zeroed if none or another one comes.
     template <class Response>
     Response receive() {
@@ -103,10 +109,13 @@ class WireClient {
         send(request);
         return receive<KelmMsgRspCreateGraph>();
     }
-    int32_t destroyGraph(uint64_t graphId, uint64_t clientId = 0) {
+    void sendDestroyGraph(uint64_t graphId, uint64_t clientId = 0) {
         auto request = make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, clientId);
         request.graphId = graphId;
         send(request);
+    }
+    int32_t destroyGraph(uint64_t graphId, uint64_t clientId = 0) {
+        sendDestroyGraph(graphId, clientId);
         return receive<KelmMsgRsp>().status;
     }
     KelmMsgRspQueryBufferSize queryBufferSize(uint64_t graphId, uint64_t clientId = 0) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "managers/GraphManager.h"
@@ -190,6 +192,37 @@ TEST_F(TaskManagerTest, GraphThatGoesAwayTakesItsQueuedTasksAlong) {
     device().release(DeviceCall::LoadTensor);
     for (const DescriptorProbe& input : inputs) EXPECT_TRUE(input.isClosed());
     EXPECT_TRUE(placeIsGivenBack(client, "other"));
+}
+
+// Clients share two graphs, guess each other's task ids and leave in the middle of everything.
+TEST_F(TaskManagerTest, ClientsThatComeAndGoLeaveNothingBehind) {
+    start(R"("service_settings": {"max_graph_number": 4})");
+    std::vector<std::thread> processes;
+    for (unsigned seed = 0; seed < 4; ++seed) {
+        processes.emplace_back([seed] {
+            std::minstd_rand random(seed + 1);
+            for (int life = 0; life < 25; ++life) {
+                WireClient client;
+                client.sendCreateGraph(random() % 2 == 0 ? "one" : "two");
+                const uint64_t graph = client.receiveGraphId();
+                for (int request = 0; request < 20; ++request) {
+                    DescriptorProbe input;
+                    client.sendInfer(graph, input, 0, random() % 8 != 0);
+                    if (random() % 3 == 0) client.sendCancel(random() % 2000);
+                    if (random() % 16 == 0) client.sendDestroyGraph(graph);
+                }
+                const bool asked = random() % 2 == 0;
+                EXPECT_TRUE(!asked || client.unregister());
+                client.hangUp();
+            }
+        });
+    }
+    for (std::thread& process : processes) process.join();
+    EXPECT_TRUE(noClientIsLeft());
+    WireClient last;
+    for (const char* blob : {"three", "four", "five", "six"}) {
+        EXPECT_TRUE(placeIsGivenBack(last, blob));
+    }
 }
 
 }  // namespace
