@@ -160,7 +160,9 @@ TEST_F(DeviceManagerTest, StopTakesGraphsOffTheDevicesAndCanBeRepeated) {
 
 TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsLeftBehindAtTheStop) {
     // Kept, as the threads that are left behind may still use it.
-    static auto* const graph = makeTestGraph(1, "content").release();
+    static auto* const kept = new std::vector<std::unique_ptr<KelmGraph>>;
+    kept->push_back(makeTestGraph(1, "content"));
+    KelmGraph* const graph = kept->back().get();
     auto manager = DeviceManager::create("DeviceManager0",
                                          {std::chrono::milliseconds(10), std::chrono::seconds(60)});
     manager->setDeviceList(kSubclass, {"a"});

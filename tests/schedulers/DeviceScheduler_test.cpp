@@ -156,8 +156,8 @@ TEST_F(DeviceSchedulerTest, OperationWithoutEndDoesNotHoldUpTheStop) {
     std::atomic<bool> waiting{false};
     KelmGraph* const graph = makeGraph();
     // Never destroyed, as its thread outlives the stop.
-    static ScriptedActive* scheduler = nullptr;
-    scheduler = new ScriptedActive([&, released](int, auto& operations) {
+    static auto* const kept = new std::list<ScriptedActive>;
+    ScriptedActive* const scheduler = &kept->emplace_back([&, released](int, auto& operations) {
         operations.push_back(std::make_unique<ScriptedOperation>(graph, nullptr, [&, released] {
             waiting = true;
             released.wait();
