@@ -1,0 +1,162 @@
+#include "client/Client.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "fakes/Eventually.h"
+#include "fakes/TempDir.h"
+#include "protocol/src/KelmError.h"
+#include "protocol/src/KelmMessage.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm::client {
+namespace {
+
+using std::chrono::milliseconds;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr milliseconds kShort{50};
+
+// Listens where a service would, and neither reads nor answers unless told to.
+class SilentService {
+ public:
+    SilentService() : m_listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path().copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const auto* name = reinterpret_cast<const sockaddr*>(&address);
+        EXPECT_EQ(::bind(m_listener.get(), name, sizeof(address)), 0);
+        EXPECT_EQ(::listen(m_listener.get(), 5), 0);
+    }
+
+    std::string path() const { return m_dir.path() + "/socket"; }
+    std::unique_ptr<Client> connect() {
+        auto client = Client::connect(path());
+        EXPECT_TRUE(client);
+        m_peer.reset(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        return std::move(client.value());
+    }
+    template <class Record>
+    void send(const Record& record) {
+        EXPECT_EQ(::send(m_peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(sizeof(record)));
+    }
+    void hangUp() { m_peer.reset(); }
+
+ private:
+    TempDir m_dir;
+    UniqueFd m_listener;
+    UniqueFd m_peer;
+};
+
+// Counts how inferences ended.
+struct Ends {
+    std::atomic<int> lost{0};
+    std::atomic<int> others{0};
+
+    InferCallback callback() {
+        return [this](const InferResult& result) {
+            ++(result.error.kind() == ErrorKind::kConnectionLost ? lost : others);
+        };
+    }
+};
+
+TEST(ClientTest, SilentServiceHoldsACallBeyondItsDeadline) {
+    SilentService service;
+    const auto client = service.connect();
+    const std::byte blob[10] = {};
+    EXPECT_EQ(client->registerClient("name", kShort).kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(client->createGraph(blob, {}, kShort).error().kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(client->cancel(1, kShort).error().kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(client->infer({}, kShort).error.kind(), ErrorKind::kTimeout);
+    EXPECT_TRUE(client->isConnected());
+}
+
+TEST(ClientTest, LateAnswerIsTakenForThatOfAnotherCall) {
+    SilentService service;
+    const auto client = service.connect();
+    EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
+    KelmMsgRspQueryTaskStatus late = {};
+    late.head.base.type = KELM_MESSAGE_QUERY_TASK_STATUS_RSP;
+    late.head.base.size = sizeof(late);
+    late.head.reqSeqNo = 1;
+    service.send(late);
+    EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
+    EXPECT_TRUE(client->isConnected());
+}
+
+TEST(ClientTest, RequestThatCannotBeWrittenHoldsTheCallers) {
+    constexpr int kMoreThanTheSocketHolds = 2000;
+    SilentService service;
+    const auto client = service.connect();
+    Ends ends;
+    for (int i = 0; i < kMoreThanTheSocketHolds; ++i) {
+        client->inferAsync({}, ends.callback(), {}, milliseconds(500));
+    }
+    // The first ones reach their deadline; then the stuck write is given up, and all else ends.
+    EXPECT_TRUE(eventually([&] { return !client->isConnected(); }));
+    EXPECT_TRUE(eventually([&] { return ends.lost + ends.others == kMoreThanTheSocketHolds; }));
+    EXPECT_EQ(client->registerClient("name").kind(), ErrorKind::kConnectionLost);
+}
+
+TEST(ClientTest, LostConnectionLeavesCallsPendingOrEndsThemTwice) {
+    constexpr int kCalls = 50;
+    const struct {
+        const char* what;
+        void (*lose)(SilentService& service, std::unique_ptr<Client>& client);
+    } rows[] = {
+        {"hang-up", [](SilentService& service, std::unique_ptr<Client>&) { service.hangUp(); }},
+        {"nonsense",
+         [](SilentService& service, std::unique_ptr<Client>&) { service.send(KelmMsgBase{}); }},
+        {"destroyed", [](SilentService&, std::unique_ptr<Client>& client) { client.reset(); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        SilentService service;
+        auto client = service.connect();
+        Ends ends;
+        for (int i = 0; i < kCalls; ++i) client->inferAsync({}, ends.callback());
+        auto future = client->inferAsync({});
+        row.lose(service, client);
+        EXPECT_EQ(future.get().error.kind(), ErrorKind::kConnectionLost);
+        EXPECT_TRUE(eventually([&] { return ends.lost == kCalls; }));
+        if (client) {
+            EXPECT_EQ(client->infer({}).error.kind(), ErrorKind::kConnectionLost);
+            EXPECT_EQ(client->queryTask(1).error().kind(), ErrorKind::kConnectionLost);
+        }
+        client.reset();
+        EXPECT_EQ(ends.lost, kCalls);
+        EXPECT_EQ(ends.others, 0);
+    }
+}
+
+TEST(ClientTest, WhatCannotBeReachedIsNotTold) {
+    const auto nobody = Client::connect("/nonexistent/socket");
+    ASSERT_FALSE(nobody);
+    EXPECT_EQ(nobody.error().kind(), ErrorKind::kNotConnected);
+    EXPECT_THAT(nobody.error().text(), HasSubstr("/nonexistent/socket"));
+    SilentService service;
+    const auto graph = service.connect()->createGraphFromFile("/nonexistent/graph", {});
+    EXPECT_EQ(graph.error().kind(), ErrorKind::kSystem);
+    EXPECT_THAT(graph.error().text(), HasSubstr("/nonexistent/graph"));
+}
+
+TEST(ErrorTest, CodeWithoutNameOrAdvice) {
+    int known = 0;
+    for (int32_t code = -200; code < 0; ++code) {
+        const std::string name = getErrorName(code);
+        if (name == "unknown") continue;
+        const Error error = Error::fromStatus(code);
+        EXPECT_EQ(error.name(), name);
+        EXPECT_THAT(error.text(), StartsWith(name + " (" + std::to_string(code) + "): "));
+        EXPECT_THAT(error.text(), ::testing::Not(HasSubstr("see the log"))) << name;
+        ++known;
+    }
+    EXPECT_EQ(known, 26);
+    EXPECT_FALSE(Error::fromStatus(KELM_OK));
+    EXPECT_THAT(Error::fromStatus(-9999).text(), HasSubstr("-9999"));
+}
+
+}  // namespace
+}  // namespace kelm::client

@@ -1,0 +1,60 @@
+#include "client/TensorPool.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include "utils/UniqueFd.h"
+
+namespace kelm::client {
+namespace {
+
+bool nameExists(const Tensor& tensor) {
+    return static_cast<bool>(UniqueFd(::shm_open(tensor.name.c_str(), O_RDWR, 0)));
+}
+
+std::byte firstByteOf(const Tensor& tensor) {
+    const UniqueFd file(::shm_open(tensor.name.c_str(), O_RDONLY, 0));
+    std::byte byte{};
+    EXPECT_EQ(::pread(file.get(), &byte, 1, 0), 1);
+    return byte;
+}
+
+TEST(TensorPoolTest, SlotIsNotReusedOrGivenToTwo) {
+    TensorPool pool(100, 50);
+    auto first = pool.acquire().value();
+    const auto second = pool.acquire().value();
+    const std::string name = first->inputTensor().name;
+    EXPECT_NE(name, second->inputTensor().name);
+    EXPECT_NE(name, first->outputTensor().name);
+    EXPECT_EQ(first->input().size(), 100U);
+    EXPECT_EQ(first->outputTensor().size, 50U);
+    first->input()[0] = std::byte{42};
+    EXPECT_EQ(firstByteOf(first->inputTensor()), std::byte{42});
+    first.reset();
+    EXPECT_EQ(pool.acquire().value()->inputTensor().name, name);
+}
+
+TEST(TensorPoolTest, NamesOutliveThePool) {
+    auto pool = std::make_unique<TensorPool>(100, 50);
+    auto held = pool->acquire().value();
+    auto given = pool->acquire().value();
+    const Tensor tensors[] = {given->inputTensor(), given->outputTensor(), held->inputTensor(),
+                              held->outputTensor()};
+    given.reset();
+    for (const Tensor& tensor : tensors) EXPECT_TRUE(nameExists(tensor));
+    pool.reset();
+    EXPECT_FALSE(nameExists(tensors[0]));
+    EXPECT_FALSE(nameExists(tensors[1]));
+    held->output()[49] = std::byte{1};  // a handle may outlive the pool
+    held.reset();
+    for (const Tensor& tensor : tensors) EXPECT_FALSE(nameExists(tensor)) << tensor.name;
+}
+
+TEST(TensorPoolTest, MemoryThatCannotBeHadIsNoError) {
+    const auto slot = TensorPool(100, size_t{1} << 62).acquire();
+    ASSERT_FALSE(slot);
+    EXPECT_EQ(slot.error().kind(), ErrorKind::kSystem);
+}
+
+}  // namespace
+}  // namespace kelm::client
