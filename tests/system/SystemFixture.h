@@ -17,12 +17,6 @@ namespace kelm {
 // without a finding of a sanitizer.
 class SystemFixture : public ::testing::Test {
  protected:
-    // Under a sanitizer everything takes several times as long.
-#if defined(__SANITIZE_THREAD__)
-    static constexpr bool kSlow = true;
-#else
-    static constexpr bool kSlow = false;
-#endif
     static constexpr std::chrono::milliseconds kTimeToEnd{10000};
 
     // Three simulated devices whose two steps of a task take so long each. `settings` are further
