@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "client/ClientImpl.h"
+#include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/RunPaths.h"
@@ -72,6 +73,7 @@ Client::~Client() = default;
 Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath) {
     // The library is a guest: it writes nothing to its host's output.
     Log::instance().setLogLevel(0);
+    quiet_errors = true;
     const std::string path = socketPath.empty() ? RunPaths::serviceSocket() : socketPath;
     try {
         auto connection = std::make_shared<IPC::ConnectionUDS>(nullptr);

@@ -15,6 +15,7 @@
 namespace kelm {
 
 bool break_on_error = false;
+std::atomic<bool> quiet_errors{false};
 
 namespace {
 
@@ -54,6 +55,8 @@ void installTerminateHandler() {
 
 void errorWithException(const std::string& message, const char* file, int line, int errorNumber,
                         bool fatal) {
+    const bool ends = break_on_error || fatal;
+    if (!ends && quiet_errors) throw std::runtime_error(message);
     installTerminateHandler();
     std::ostringstream text;
     text << "error at " << file << ":" << line << "\n\t" << message << "\n";
@@ -61,7 +64,7 @@ void errorWithException(const std::string& message, const char* file, int line, 
         text << "\t(" << errorNumber << ") " << std::generic_category().message(errorNumber);
     }
     std::cerr << text.str();
-    if (!break_on_error && !fatal) throw std::runtime_error(message);
+    if (!ends) throw std::runtime_error(message);
     crash();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <initializer_list>
 #include <string>
@@ -9,6 +10,11 @@ namespace kelm {
 
 // Set, every error below ends the process; for debugging only.
 extern bool break_on_error;
+
+// Set, errors that do not end the process are only thrown: for a library within another program,
+// whose error stream and terminate handler are not ours. Atomic: connections are made by any
+// thread.
+extern std::atomic<bool> quiet_errors;
 
 // Writes the message with its place to the standard error stream, then throws std::runtime_error
 // with the message, or, if `fatal`, crashes the process. `errorNumber` 0 means no errno text.

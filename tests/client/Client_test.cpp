@@ -90,6 +90,7 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsTheCallers) {
     constexpr int kMoreThanTheSocketHolds = 2000;
     SilentService service;
     const auto client = service.connect();
+    testing::internal::CaptureStderr();
     Ends ends;
     for (int i = 0; i < kMoreThanTheSocketHolds; ++i) {
         client->inferAsync({}, ends.callback(), {}, milliseconds(500));
@@ -98,6 +99,7 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsTheCallers) {
     EXPECT_TRUE(eventually([&] { return !client->isConnected(); }));
     EXPECT_TRUE(eventually([&] { return ends.lost + ends.others == kMoreThanTheSocketHolds; }));
     EXPECT_EQ(client->registerClient("name").kind(), ErrorKind::kConnectionLost);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the host's, not the library's
 }
 
 TEST(ClientTest, LostConnectionLeavesCallsPendingOrEndsThemTwice) {
