@@ -52,8 +52,8 @@ void FpsCounter::update() {
 }
 
 float FpsCounter::getFps() {
-    const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);
+    const Clock::time_point now = m_now();  // under the lock: never before a stamp
     evictUnsafe(now);
     if (m_count < 2) return 0.0f;
     const int64_t age = wholeMillis(now - m_timePoints.front().time);

@@ -42,9 +42,11 @@ void UtilizationCounter::openRecordUnsafe(Clock::time_point now) {
     m_records.pushBack({kOpen, now, now, 0.0f});
 }
 
+// The time is taken under the lock, here and below, so that it never runs backwards: a duration
+// below zero would stand for a period that lasts.
 void UtilizationCounter::start() {
-    const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);
+    const Clock::time_point now = m_now();
     dropEndedBeforeUnsafe(now - std::chrono::milliseconds(m_bufferTimeMs));
     if (m_records.empty() || !isOpen(m_records.back())) {
         openRecordUnsafe(now);
@@ -55,8 +57,8 @@ void UtilizationCounter::start() {
 }
 
 void UtilizationCounter::stop() {
-    const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);
+    const Clock::time_point now = m_now();
     if (m_records.empty() || !isOpen(m_records.back())) {
         std::cout << "invoke start() first please";
         return;
@@ -83,8 +85,8 @@ void UtilizationCounter::clipUnsafe(Clock::time_point windowStart) {
 }
 
 float UtilizationCounter::getUtilization() {
-    const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);
+    const Clock::time_point now = m_now();
     clipUnsafe(now - std::chrono::milliseconds(m_bufferTimeMs));
     if (m_records.empty()) return 0.0f;
     float sum = 0.0f;
