@@ -63,6 +63,7 @@ class ConnectionUDS : public ConnectionBase {
     void endUse() EXCLUDES(m_mutex);
     void requireEmpty(const char* text) EXCLUDES(m_mutex);
     void openSocket() EXCLUDES(m_mutex);
+    void takeSocket(int fd) EXCLUDES(m_mutex);
     void enterState(State state) EXCLUDES(m_mutex);
     void requireOpenedOnce() EXCLUDES(m_mutex);
     void setConnectionAccessAttribute(const std::string& path, const AccessAttribute& attribute);

@@ -133,6 +133,29 @@ TEST(IPCTest, StaleSocketFileIsReplacedAndRemovedByItsListenerOnly) {
     EXPECT_FALSE(client->connected());
 }
 
+TEST(IPCTest, ReusedConnectionCarriesNothingOver) {
+    SocketChannel channel;
+    auto client = std::make_shared<ConnectionUDS>(channel.poller.get());
+    for (const char* sent : {"ab", "cd"}) {
+        SCOPED_TRACE(sent);
+        ASSERT_TRUE(client->connect(channel.path));
+        EXPECT_TRUE(client->connected());
+        const auto accepted = channel.accept();
+        accepted->write(sent, 2);
+        PollEvent event;
+        ASSERT_TRUE(nextEvent(channel, event));
+        EXPECT_EQ(client, event.connection);
+        char byte = 0;
+        int count = 0;
+        client->read(&byte, 1, &count);  // the second byte stays in the connection
+        EXPECT_EQ(sent[0], byte);
+        client->blockPoller();
+        client->shutdown();
+        client->close();
+        ConnectionBase::close(accepted->getSimulateFD());
+    }
+}
+
 TEST(IPCTest, LongPathIsCutAlikeOnBothSides) {
     SocketChannel channel;
     const std::string fits = channel.path + std::string(107 - channel.path.size(), 'x');

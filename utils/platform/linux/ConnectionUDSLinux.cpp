@@ -80,9 +80,18 @@ void ConnectionUDS::requireEmpty(const char* text) {
 void ConnectionUDS::openSocket() {
     kelm::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) KELM_THROW("ipc_connection_linux_UDS : socket() failed.");
+    takeSocket(fd.release());
+}
+
+void ConnectionUDS::takeSocket(int fd) {
+    // Nothing of an earlier peer may reach the new one.
+    (void)m_input.take(nullptr, m_input.size());
+    m_blocking = true;
+    m_pollBlocked = false;
     kelm::MutexLock lock(m_mutex);
-    m_fd = fd.release();
+    m_fd = fd;
     m_openedOnce = true;
+    m_shutDown = false;
 }
 
 void ConnectionUDS::enterState(State state) {
@@ -135,11 +144,7 @@ void ConnectionUDS::accept(ConnectionBase* listener) {
     if (socket == nullptr) KELM_THROW("listener is not ipc_connection_linux_UDS");
     const int fd = acceptOn(socket->nativeHandle());
     if (fd < 0) KELM_THROW("accept failed");
-    {
-        kelm::MutexLock lock(m_mutex);
-        m_fd = fd;
-        m_openedOnce = true;
-    }
+    takeSocket(fd);
     enterState(CONNECTED);
 }
 
