@@ -40,7 +40,10 @@ void blockSigpipe() {
 }  // namespace
 
 Poller::Poller() : m_epollFd(::epoll_create1(EPOLL_CLOEXEC)) {
-    CR_ASSERT(m_epollFd.get() >= 0, "Poll ctor: epoll_create failed.");
+    if (!m_epollFd) {
+        kelm::assertionFailed("m_epollFd >= 0", {"Poll ctor: epoll_create failed."}, __FILE__,
+                              __LINE__);
+    }
     ignoreSigpipe();
 }
 
