@@ -59,10 +59,10 @@ void ThreadUtils::saveThreadInfo(const std::string& name) {
     static kelm::Mutex mutex;
     static unsigned long counter = 0;
     kelm::MutexLock lock(mutex);
-    // A planted link in a shared current directory must not make the service write elsewhere.
-    const int mode = counter == 0 ? O_TRUNC : O_APPEND;
-    kelm::UniqueFd file(
-        ::open("thread.info", O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | mode, 0644));
+    // What somebody planted in a shared current directory must neither make the service write
+    // elsewhere (a link) nor hold it (a FIFO).
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    kelm::UniqueFd file(::open("thread.info", kFlags | (counter == 0 ? O_TRUNC : O_APPEND), 0644));
     const std::string line = "[" + std::to_string(counter) +
                              "] threadId=" + std::to_string(getThreadId()) + " threadName=" + name +
                              "\n";
