@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <memory>
 
 #include "utils/Log.h"
 
@@ -31,10 +33,12 @@ bool FileHelper::readFile(const char* path, unsigned long size, char* buffer) {
 
 bool FileHelper::writeFile(const char* path, unsigned long size, const char* buffer) {
     if (path == nullptr || size == 0 || buffer == nullptr) return false;
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "wb"),
+                                                               &std::fclose);
     if (!file) return false;
-    file.write(buffer, static_cast<std::streamsize>(size));
-    if (!file) std::cerr << "wrote less than " << size << " bytes\n";
+    (void)std::setvbuf(file.get(), nullptr, _IONBF, 0);  // so that the count is what was written
+    const size_t written = std::fwrite(buffer, 1, size, file.get());
+    if (written != size) std::cerr << "wrote " << written << " of " << size << " bytes\n";
     return true;
 }
 
