@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -37,7 +39,16 @@ void startDaemon(int argc, char** argv) {
     DaemonHelper::createDaemon(args);
 }
 
+// A service that was started without them would write its log into the first file or socket that
+// gets the number, and 0 counts as no descriptor in many places.
+void occupyStandardDescriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = ::open("/dev/null", O_RDWR);
+    if (fd > STDERR_FILENO) ::close(fd);
+}
+
 void setupEnvironment() {
+    occupyStandardDescriptors();
     // Threads share two heaps: one for each would keep the service's memory several times over.
     ::mallopt(M_ARENA_MAX, 2);
     if (!CommonHelper::liftMaxOpenFileLimit()) {
