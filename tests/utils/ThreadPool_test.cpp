@@ -60,12 +60,15 @@ TEST(ThreadPoolTest, FullQueueHoldsProducersButNotNoticesNorItself) {
     });
     pool.post([&ran] { ++ran; });
     for (int i = 0; i < 5; ++i) pool.postNotice([&ran] { ++ran; });
+    std::atomic<bool> entered{false};
     std::atomic<bool> through{false};
     std::thread producer([&] {
+        entered = true;
         pool.post([&ran] { ++ran; });
         through = true;
     });
-    std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return entered.load(); }));
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
     EXPECT_FALSE(through);
     gate.open();
     producer.join();
