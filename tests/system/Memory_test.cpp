@@ -35,12 +35,13 @@ TEST_F(MemoryTest, TasksLeaveMemoryBehind) {
     start(0);
     ASSERT_NO_FATAL_FAILURE(runTasks(10000));
     const size_t before = resident();
-    ASSERT_NO_FATAL_FAILURE(runTasks(300000));
+    ASSERT_NO_FATAL_FAILURE(runTasks(1000000));
     EXPECT_LE(resident(), before + 2 * kMegabyte);
 }
 
 TEST_F(MemoryTest, VanishingClientsLeaveMemoryOrDescriptorsBehind) {
     start(0);
+    const size_t descriptorsBefore = descriptors();
     const auto live = [this](int index) {
         RawClient client(path());
         const uint64_t id = client.registerClient("short lived");
@@ -51,7 +52,6 @@ TEST_F(MemoryTest, VanishingClientsLeaveMemoryOrDescriptorsBehind) {
     ASSERT_TRUE(live(0));
     ASSERT_TRUE(serves());
     const size_t memoryBefore = resident();
-    const size_t descriptorsBefore = descriptors();
     for (int i = 0; i < 2000; ++i) ASSERT_TRUE(live(i)) << i;
     EXPECT_TRUE(serves());
     EXPECT_TRUE(eventually([&] { return descriptors() == descriptorsBefore; })) << descriptors();

@@ -48,8 +48,20 @@ class SystemFixture : public ::testing::Test {
     ServiceProcess& service() { return *m_service; }
     std::string path() const { return m_service->socketPath(); }
 
-    size_t descriptors() const { return entries("fd"); }
-    size_t threads() const { return entries("task"); }
+    // Without the file to which each thread adds its name as it starts.
+    size_t descriptors() const {
+        const auto counts = [](const std::filesystem::path& entry) {
+            std::error_code gone;
+            const auto target = std::filesystem::read_symlink(entry, gone);
+            return !gone && target.filename() != "thread.info";
+        };
+        const std::filesystem::directory_iterator all(process("fd"));
+        return static_cast<size_t>(std::count_if(begin(all), end(all), counts));
+    }
+    size_t threads() const {
+        const std::filesystem::directory_iterator all(process("task"));
+        return static_cast<size_t>(std::distance(begin(all), end(all)));
+    }
     // Resident memory in bytes.
     size_t resident() const {
         std::ifstream file(process("statm"));
@@ -83,10 +95,6 @@ class SystemFixture : public ::testing::Test {
  private:
     std::string process(const char* file) const {
         return "/proc/" + std::to_string(m_service->pid()) + "/" + file;
-    }
-    size_t entries(const char* folder) const {
-        const std::filesystem::directory_iterator all(process(folder));
-        return static_cast<size_t>(std::distance(begin(all), end(all)));
     }
 
     std::optional<ServiceProcess> m_service;
