@@ -149,6 +149,32 @@ TEST(ResultDispatcherTest, AnswerForUnknownClientMakesNoThread) {
     EXPECT_EQ(countThreads(), threads);
 }
 
+// When the request was refused nobody had the id; a client has it when the answer goes out.
+TEST(ResultDispatcherTest, RefusedUnregisterCostsANewClientItsAnswers) {
+    RunningService service;
+    RawClient client(service.path());
+    const uint64_t id = client.registerClient("new");
+    const auto makeRequest = [id](KelmMsgType type) {
+        KelmMsgBase* const message = kelmAllocMessage(type);
+        reinterpret_cast<KelmMsgReq*>(message)->needResponse = 1;
+        if (type == KELM_MESSAGE_DESTROY_GRAPH_REQ) {
+            reinterpret_cast<KelmMsgReqDestroyGraph*>(message)->clientId = id;
+        }
+        return message;
+    };
+    constexpr int kRounds = 20;
+    ResultDispatcher& results = ResultDispatcher::instance();
+    for (int i = 0; i < kRounds; ++i) {
+        results.enqueueSendUnregisterResponse(id, 1, KELM_ERROR_INVALID_CLIENT,
+                                              makeRequest(KELM_MESSAGE_UNREGISTER_REQ));
+        results.enqueueSendDestroyGraphResponse(KELM_OK, 1,
+                                                makeRequest(KELM_MESSAGE_DESTROY_GRAPH_REQ));
+    }
+    for (int i = 0; i < kRounds; ++i) {
+        ASSERT_TRUE(client.receiveType(KELM_MESSAGE_DESTROY_GRAPH_RSP)) << i;
+    }
+}
+
 TEST(ResultDispatcherTest, PoolOfDepartedClientEnds) {
     RunningService service;
     ASSERT_TRUE(service.serves());

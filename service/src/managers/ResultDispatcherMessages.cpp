@@ -206,7 +206,8 @@ void ResultDispatcher::sendUnregisterResponse(uint64_t clientId, int socket, Kel
     } else {
         cancelUnregisterResponse(clientId);
     }
-    removeDedicatedThreadPool(clientId);
+    // An id that nobody had may be a new client's by now, who keeps its pool.
+    if (error == KELM_OK) removeDedicatedThreadPool(clientId);
 }
 
 void ResultDispatcher::cancelUnregisterResponse(uint64_t clientId) {
