@@ -39,7 +39,7 @@ std::string errnoText() { return std::generic_category().message(errno); }
 
 ResultDispatcher::ResultDispatcher()
     : m_debugProcess(ServiceConfigParser::instance().isResultDispatcherDebugProcessEnabled()),
-      m_finishedTasks("KelmService", "", "FinishedTasks"),
+      m_finishedTasks("", "KelmService", "FinishedTasks"),
       m_senderPool("ResDpSend", 1, 500),
       m_mainPool("ResDp", 1, 30000) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
@@ -173,8 +173,13 @@ ClientSender* ResultDispatcher::getDedicatedThreadPool(uint64_t clientId) {
     if (m_stopped || retired || ClientManager::instance().getSocketByClientId(clientId) <= 0) {
         return nullptr;
     }
-    return m_dedicatedThreadPools.emplace(clientId, std::make_unique<ClientSender>(clientId))
-        .first->second.get();
+    try {
+        return m_dedicatedThreadPools.emplace(clientId, std::make_unique<ClientSender>(clientId))
+            .first->second.get();
+    } catch (const std::system_error& error) {  // no threads left
+        LOG_ERROR("Error: nothing can be sent to client(id:%lu): %s", clientId, error.what());
+        return nullptr;
+    }
 }
 
 void ResultDispatcher::enqueueRemoveDedicatedThreadPool(uint64_t clientId) {
@@ -197,6 +202,7 @@ void ResultDispatcher::removeDedicatedThreadPool(uint64_t clientId) {
     // A client that does not read must not hold up this thread, so the pool ends itself: its last
     // job asks for the deletion, which then has only to join an idle thread.
     sender->postNotice([this, sender] {
+        sender->flush();
         m_mainPool.postNotice([this, sender] {
             m_onMainPool.assertHeld();
             deleteRetiredSender(sender);
