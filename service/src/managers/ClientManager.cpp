@@ -38,18 +38,21 @@ ClientManager::~ClientManager() {
 
 void ClientManager::enqueueRegisterClient(const char* name, uint16_t major, uint16_t minor,
                                           int socket, void* msg) {
-    MessagePtr request(static_cast<KelmMsgBase*>(msg));
+    ConnectionPtr connection;
     if (socket <= 0) {
         LOG_ERROR("Error: invalid connect socket (%d)", socket);
+    } else {
+        connection = IPC::ConnectionBase::findConnection(socket);
+    }
+    if (!connection) {
+        kelmReleaseMessage(static_cast<KelmMsgBase*>(msg));
         return;
     }
-    ConnectionPtr connection = IPC::ConnectionBase::findConnection(socket);
-    if (!connection) return;
+    // If this throws, the request is still the caller's, as with every other kind of request.
     m_pool.post([this, name, major, minor, connection = std::move(connection), msg] {
         m_onPool.assertHeld();
         registerClient(name, major, minor, connection, msg);
     });
-    (void)request.release();
 }
 
 void ClientManager::registerClient(const char* name, uint16_t major, uint16_t minor,
