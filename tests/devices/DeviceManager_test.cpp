@@ -145,6 +145,25 @@ TEST_F(DeviceManagerTest, OldWorkerThatNeverGoesDelaysTheNewOneButDoesNotStopIt)
     EXPECT_TRUE(manager->stop());
 }
 
+TEST_F(DeviceManagerTest, StopDoesNotOpenADeviceThatItsOldWorkerStillHolds) {
+    // Kept, as the threads that are left behind may still use it.
+    static auto* const kept = new std::vector<std::unique_ptr<KelmGraph>>;
+    kept->push_back(makeTestGraph(1, "content"));
+    KelmGraph* const graph = kept->back().get();
+    const auto manager = DeviceManager::create(
+        "DeviceManager0", {std::chrono::milliseconds(10), std::chrono::seconds(60)});
+    manager->setDeviceList(kSubclass, {"a"});
+    manager->enqueueLoadGraph(graph);
+    ASSERT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 1; }));
+    m_devices["a"].block(DeviceCall::Deallocate);
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "a"));  // its removal was never seen
+    ASSERT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Deallocate) == 1; }));
+    EXPECT_FALSE(manager->stop());
+    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 1);
+    m_devices["a"].release(DeviceCall::Deallocate);
+    EXPECT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 0; }));
+}
+
 TEST_F(DeviceManagerTest, StopTakesGraphsOffTheDevicesAndCanBeRepeated) {
     const auto manager = makeManager({"a"});
     KelmGraph* const graph = makeGraph();

@@ -32,7 +32,9 @@ bool DeviceManager::beginCreation(const std::string& name) {
     if (m_stopping || !m_creatingDevices.insert(name).second) return false;
     (void)destroyWorkThread(name);
     waitOldWorkerGone(name);
-    return true;
+    // The wait also ends for a stop, with the old worker perhaps still on the device.
+    if (m_stopping) m_creatingDevices.erase(name);
+    return !m_stopping;
 }
 
 void DeviceManager::waitOldWorkerGone(const std::string& name) {
