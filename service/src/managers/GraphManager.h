@@ -104,11 +104,13 @@ class GraphManager : public Singleton<GraphManager>,
 
     void createGraphByPath(const CreateRequest& request, const char* graphPath) EXCLUDES(m_mutex);
     void createGraph(const CreateRequest& request, const BlobLoader& loadBlob) EXCLUDES(m_mutex);
-    // The answer, or nothing when it comes with the outcome of a load.
-    std::optional<CreateAnswer> enterGraphUnsafe(const CreateRequest& request, GraphBlob& blob)
-        REQUIRES(m_mutex);
-    std::optional<CreateAnswer> loadNewGraphUnsafe(const CreateRequest& request, GraphBlob& blob)
-        REQUIRES(m_mutex);
+    // False if the graph is a new one. Else the answer, or none when it comes with the outcome of a
+    // load.
+    bool joinGraphUnsafe(const CreateRequest& request, const std::string& hash,
+                         std::optional<CreateAnswer>& answer) REQUIRES(m_mutex);
+    // The answer of a refusal, or nothing when it comes with the outcome of the load.
+    std::optional<CreateAnswer> loadNewGraph(const CreateRequest& request, GraphBlob& blob)
+        EXCLUDES(m_mutex);
     bool isTwin(KelmGraph& graph, const CreateRequest& request, const std::string& hash) const;
     KelmGraph* getLoadedGraph(const CreateRequest& request, const std::string& hash)
         REQUIRES(m_mutex);

@@ -90,44 +90,48 @@ void GraphManager::createGraph(const CreateRequest& request, const BlobLoader& l
         return;
     }
     std::optional<CreateAnswer> answer;
+    bool joined = false;
     {
         MutexLock lock(m_mutex);
-        answer = enterGraphUnsafe(request, blob);
+        joined = joinGraphUnsafe(request, blob.getHash(), answer);
     }
+    if (!joined) answer = loadNewGraph(request, blob);
     // The graph of the answer lives on without the mutex: only this thread deletes one.
     if (answer) sendCreateGraphResponse(*answer, request.response);
 }
 
-std::optional<GraphManager::CreateAnswer> GraphManager::enterGraphUnsafe(
-    const CreateRequest& request, GraphBlob& blob) {
-    if (m_stopped.load()) return CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
+bool GraphManager::joinGraphUnsafe(const CreateRequest& request, const std::string& hash,
+                                   std::optional<CreateAnswer>& answer) {
     // Deliberate: the limit comes first, so that it refuses a share in a loaded graph too.
     if (m_graphNum == m_maxGraphNum) {
         LOG_ERROR("Error: exceed max graph number supported");
         LOG_PROC(m_debugProcess,
                  "[CreateGraph#1] exceed max graph number, send response to client(%lu)",
                  request.clientId);
-        return CreateAnswer{nullptr, KELM_ERROR_TOO_MANY_GRAPH};
+        answer = CreateAnswer{nullptr, KELM_ERROR_TOO_MANY_GRAPH};
+        return true;
     }
-    if (KelmGraph* loaded = getLoadedGraph(request, blob.getHash())) {
+    if (KelmGraph* loaded = getLoadedGraph(request, hash)) {
         LOG_PROC(m_debugProcess,
                  "[CreateGraph#1] found loaded graph(%lu), send response to client(%lu)",
                  loaded->getId(), request.clientId);
         loaded->appendName(request.clientId, request.graphName);
-        return CreateAnswer{loaded, KELM_OK};
+        answer = CreateAnswer{loaded, KELM_OK};
+        return true;
     }
-    if (KelmGraph* loading = getLoadingGraph(request, blob.getHash())) {
-        LOG_PROC(m_debugProcess, "[CreateGraph#1] found loading graph(%lu), add to response list",
-                 loading->getId());
-        loading->appendName(request.clientId, request.graphName);
-        m_responseLists[loading].push_back(request.response);
-        return std::nullopt;
-    }
-    return loadNewGraphUnsafe(request, blob);
+    KelmGraph* loading = getLoadingGraph(request, hash);
+    if (loading == nullptr) return false;
+    LOG_PROC(m_debugProcess, "[CreateGraph#1] found loading graph(%lu), add to response list",
+             loading->getId());
+    loading->appendName(request.clientId, request.graphName);
+    m_responseLists[loading].push_back(request.response);
+    return true;
 }
 
-std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraphUnsafe(
-    const CreateRequest& request, GraphBlob& blob) {
+// The record is made without the mutex, for which every new task waits: a blob can be large, and a
+// dump slow. Twins and the limit stay as they were found, since only this thread enters graphs.
+std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(const CreateRequest& request,
+                                                                     GraphBlob& blob) {
     const uint64_t id = m_nextGraphId.fetch_add(1);
     std::unique_ptr<KelmGraph> record =
         blob.makeGraph(id, request.clientId, request.graphName, request.expectDevices);
@@ -145,6 +149,8 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraphUnsafe(
     record->setStreamId(request.streamId);
     record->setInterfaceSubclass(request.subclass);
 
+    MutexLock lock(m_mutex);
+    if (m_stopped.load()) return CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
     KelmGraph* graph = record.release();
     m_graphs.emplace(id, graph);
     ++m_graphNum;
