@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "fakes/RawClient.h"
@@ -28,7 +29,7 @@ class SystemFixture : public ::testing::Test {
                           latency + R"(, "get_result_latency": )" + latency +
                           R"(}, "service_settings": {)" + settings + "}}");
         m_service->start();
-        ASSERT_TRUE(m_service->waitReady()) << lastLines();
+        if (!m_service->waitReady()) throw std::runtime_error("not ready: " + lastLines());
     }
 
     void TearDown() override {
