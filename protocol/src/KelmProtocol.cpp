@@ -53,6 +53,10 @@ void kelmReleaseMessage(KelmMsgBase* message) {
     messagePool::release(message);
 }
 
+void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer) {
+    messagePool::setOrigin(&answer, messagePool::origin(&request));
+}
+
 void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
     if (message == nullptr || size == 0) return nullptr;
     if (message->innerBufferNum >= kMaxMessageBlocks) return nullptr;

@@ -37,6 +37,10 @@ using PreparedBuffers = std::span<const PreparedBuffer>;
 // A zeroed record of a type with `type` and `size` set; null for a type without a record.
 KelmMsgBase* kelmAllocMessage(KelmMsgType type);
 
+// Lets an answer keep the connection that its request came on: until the answer is released, the
+// number of that connection goes to no other. Both are records of this library's making.
+void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer);
+
 // 0, or -1 after any failure, which is logged. The message stays the caller's.
 int kelmSendMessage(int connectionId, KelmMsgBase* message);
 

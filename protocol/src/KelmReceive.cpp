@@ -101,9 +101,10 @@ bool receiveRest(IPC::ConnectionBase& connection, KelmMsgBase* message, Prepared
     return unflatMessage(message) == 0;
 }
 
-MessagePtr receive(IPC::ConnectionBase& connection, PreparedBuffers prepared) {
+MessagePtr receive(const std::shared_ptr<IPC::ConnectionBase>& connection,
+                   PreparedBuffers prepared) {
     KelmMsgBase head;
-    if (!kelmReceiveMessageBase(connection, head)) {
+    if (!kelmReceiveMessageBase(*connection, head)) {
         LOG_ERROR("Error: recv KelmMsgBase failed");
         return nullptr;
     }
@@ -115,7 +116,8 @@ MessagePtr receive(IPC::ConnectionBase& connection, PreparedBuffers prepared) {
     }
     std::memcpy(static_cast<void*>(message.get()), &head, sizeof(head));
     messagePool::setOwnsDescriptors(message.get());
-    return receiveRest(connection, message.get(), prepared) ? std::move(message) : nullptr;
+    messagePool::setOrigin(message.get(), connection);
+    return receiveRest(*connection, message.get(), prepared) ? std::move(message) : nullptr;
 }
 
 }  // namespace
@@ -123,7 +125,7 @@ MessagePtr receive(IPC::ConnectionBase& connection, PreparedBuffers prepared) {
 KelmMsgBase* kelmReceiveMessage(int connectionId, PreparedBuffers prepared) {
     try {
         const auto connection = IPC::ConnectionBase::getConnectionById(connectionId);
-        return receive(*connection, prepared).release();
+        return receive(connection, prepared).release();
     } catch (const std::exception& e) {
         LOG_ERROR("%s", e.what());
         return nullptr;

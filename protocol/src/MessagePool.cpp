@@ -11,9 +11,10 @@ namespace kelm::messagePool {
 namespace {
 
 struct alignas(std::max_align_t) Header {
-    Header* next;  // in a free list
-    uint16_t sizeClass;
-    bool ownsDescriptors;
+    Header* next = nullptr;  // in a free list
+    uint16_t sizeClass = 0;
+    bool ownsDescriptors = false;
+    std::shared_ptr<const void> origin;
 };
 
 struct FreeList {
@@ -90,20 +91,33 @@ KelmMsgBase* allocate(size_t size) {
     Header* block = sizeClass == kNotKept ? nullptr : takeKept(sizeClass);
     if (block == nullptr) {
         const size_t room = sizeClass == kNotKept ? size : pool().lists[sizeClass].recordSize;
-        block = static_cast<Header*>(std::malloc(sizeof(Header) + room));
+        void* const memory = std::malloc(sizeof(Header) + room);
+        if (memory == nullptr) return nullptr;
+        block = ::new (memory) Header;
     }
-    if (block == nullptr) return nullptr;
-    *block = Header{nullptr, sizeClass, false};
+    block->sizeClass = sizeClass;
+    block->ownsDescriptors = false;
     return reinterpret_cast<KelmMsgBase*>(block + 1);
 }
 
 void release(KelmMsgBase* message) {
     Header* const block = headerOf(message);
-    if (!keep(block)) std::free(block);
+    block->origin.reset();
+    if (keep(block)) return;
+    block->~Header();
+    std::free(block);
 }
 
 bool ownsDescriptors(const KelmMsgBase* message) { return headerOf(message)->ownsDescriptors; }
 
 void setOwnsDescriptors(KelmMsgBase* message) { headerOf(message)->ownsDescriptors = true; }
+
+const std::shared_ptr<const void>& origin(const KelmMsgBase* message) {
+    return headerOf(message)->origin;
+}
+
+void setOrigin(KelmMsgBase* message, std::shared_ptr<const void> connection) {
+    headerOf(message)->origin = std::move(connection);
+}
 
 }  // namespace kelm::messagePool

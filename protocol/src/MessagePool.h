@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
 #include "protocol/src/KelmMessage.h"
 
@@ -17,5 +18,10 @@ void release(KelmMsgBase* message);
 // Whether the descriptors in the record's `fd` array are closed with it.
 bool ownsDescriptors(const KelmMsgBase* message);
 void setOwnsDescriptors(KelmMsgBase* message);
+
+// The connection that the record came on, or that its answer goes to; kept until the record is
+// released, so that meanwhile the connection's number goes to no other.
+const std::shared_ptr<const void>& origin(const KelmMsgBase* message);
+void setOrigin(KelmMsgBase* message, std::shared_ptr<const void> connection);
 
 }  // namespace kelm::messagePool

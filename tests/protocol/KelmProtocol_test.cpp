@@ -227,6 +227,26 @@ TEST_F(KelmProtocolTest, RecycledRecordCarriesNothingOver) {
     EXPECT_NE(-1, ::fcntl(file.get(), F_GETFD));
 }
 
+TEST_F(KelmProtocolTest, AnswerNeverReachesAStrangerWhoGotTheNumberOfItsConnection) {
+    ASSERT_EQ(0, send(MessagePtr(kelmAllocMessage(KELM_MESSAGE_PING_EVT))));
+    MessagePtr request = receive();
+    const int number = service->getSimulateFD();
+    IPC::ConnectionBase::close(number);
+    service.reset();
+    IPC::PollEvent event;
+    (void)channel.poller->wait(&event, 0);  // drops the registry's share
+    MessagePtr answer(kelmAllocMessage(KELM_MESSAGE_PING_EVT));
+    kelmShareOrigin(*request, *answer);
+    request.reset();
+    {
+        const auto stranger = std::make_shared<IPC::ConnectionUDS>(nullptr);
+        EXPECT_NE(number, stranger->getSimulateFD());
+    }
+    EXPECT_EQ(-1, kelmSendMessage(number, answer.get()));
+    answer.reset();
+    EXPECT_EQ(number, std::make_shared<IPC::ConnectionUDS>(nullptr)->getSimulateFD());
+}
+
 TEST_F(KelmProtocolTest, UnknownConnectionIsAFailureNotTheEnd) {
     const MessagePtr message(kelmAllocMessage(KELM_MESSAGE_PING_EVT));
     EXPECT_EQ(-1, kelmSendMessage(1000, message.get()));

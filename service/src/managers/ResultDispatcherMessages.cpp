@@ -153,6 +153,8 @@ MessagePtr ResultDispatcher::makeResponse(const Answer& answer, const KelmMsgReq
     if (!checkInputParameters(answer, request)) return nullptr;
     MessagePtr message = allocate(answer.type, wordsOf(answer.type).record);
     fillHead(request, answer.clientId, answer.error, as<KelmMsgRsp>(message));
+    // The answer may go out by the connection's number, after its peer has hung up.
+    kelmShareOrigin(request.base, *message);
     return message;
 }
 
