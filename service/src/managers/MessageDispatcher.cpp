@@ -228,8 +228,8 @@ void MessageDispatcher::closeConnect(int socket) {
 void MessageDispatcher::handleTimers() {
     const auto now = steady_clock::now();
     if (m_acceptAgain && now >= *m_acceptAgain) {
-        m_acceptAgain.reset();
         m_listenConnection->unblockPoller();
+        m_acceptAgain.reset();  // last: when that fails, the next turn tries again
     }
     if (m_leaving.empty() || now < m_nextLook) return;
     m_nextLook = now + kLookInterval;

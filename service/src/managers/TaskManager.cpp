@@ -223,8 +223,8 @@ void TaskManager::descheduleTaskDone(KelmTask* task, bool removed) {
     Response response;
     {
         MutexLock lock(m_mutex);
-        const auto waiting = m_cancelResponses.find(task);
-        if (waiting == m_cancelResponses.end()) return;
+        const auto waiting = m_cancelResponses.lower_bound(task);  // the oldest one
+        if (waiting == m_cancelResponses.end() || waiting->first != task) return;
         response = waiting->second;
         m_cancelResponses.erase(waiting);
     }

@@ -214,9 +214,12 @@ void ConnectionUDS::unblockPoller() {
     if (!m_pollBlocked.exchange(false)) return;
     const std::shared_ptr<Poller> poller = getPoller();
     if (!poller) return;
-    {
+    try {
         kelm::MutexLock lock(m_mutex);
         if (m_fd >= 0) poller->resume(m_fd);
+    } catch (...) {
+        m_pollBlocked = true;  // the caller may try again
+        throw;
     }
     if (hasBufferedData()) poller->noteBuffered(*this);
 }
