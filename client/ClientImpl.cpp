@@ -128,11 +128,7 @@ void Client::Impl::giveUpStuckSend() {
 
 void Client::Impl::readRoutine() {
     ThreadUtils::setName("KelmReader");
-    while (m_connection->waitReadable()) {
-        MessagePtr message(kelmReceiveMessage(m_socket));
-        if (!message) break;
-        dispatch(std::move(message));
-    }
+    while (MessagePtr message{kelmReceiveMessage(m_socket)}) dispatch(std::move(message));
     m_connected.store(false);
     m_pending.closeAll(Error::connectionLost());
 }

@@ -46,9 +46,6 @@ class ConnectionUDS : public ConnectionBase {
     void shutdown(int how) override EXCLUDES(m_mutex);
     bool hasBufferedData() override { return m_input.size() != 0; }
 
-    // Waits until there is something to read; false, without an error, at the end of the stream and
-    // once the connection is closed or shut down. For the reader.
-    bool waitReadable() EXCLUDES(m_mutex);
     // On a listener: takes the next waiting peer and turns it away.
     void refuse() EXCLUDES(m_mutex);
 

@@ -103,19 +103,6 @@ void ConnectionUDS::read(void* buffer, int size, int* bytesRead) {
     noteUnread();
 }
 
-bool ConnectionUDS::waitReadable() {
-    if (hasBufferedData()) return true;
-    const Use use(*this);
-    if (use.fd() < 0) return false;
-    set_block_mode(use.fd(), true);
-    for (;;) {
-        char first = 0;
-        const ssize_t count = ::recv(use.fd(), &first, sizeof(first), MSG_PEEK);
-        if (count >= 0) return count > 0;
-        if (errno != EINTR) return false;
-    }
-}
-
 void ConnectionUDS::readAll(int fd, char* target, int size) {
     while (size > 0) {
         const ssize_t count = receive(fd, target, static_cast<size_t>(size));
