@@ -40,7 +40,8 @@ void pinToOneCpu() {
 
 pid_t start(const std::vector<std::string>& arguments, const fs::path& log) {
     std::vector<char*> argv;
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     const pid_t pid = ::fork();
     if (pid != 0) return pid;
@@ -96,9 +97,9 @@ class Service {
     ExchangeResult measure(const Load& load, double seconds) {
         const fs::path json = m_directory / "report.json";
         const int status = waitFor(
-            start({program("kelmctl"), "bench", "--clients", std::to_string(load.clients), "--depth",
-                   std::to_string(load.depth), "--seconds", std::to_string(seconds), "--graph",
-                   "a.graph", "--graph", "b.graph", "--json", json.string()},
+            start({program("kelmctl"), "bench", "--clients", std::to_string(load.clients),
+                   "--depth", std::to_string(load.depth), "--seconds", std::to_string(seconds),
+                   "--graph", "a.graph", "--graph", "b.graph", "--json", json.string()},
                   m_directory / "ctl.log"));
         if (status != 0) std::fprintf(stderr, "kelmctl bench ended with status %d\n", status);
         const nlohmann::json report = nlohmann::json::parse(std::ifstream(json));
@@ -129,9 +130,10 @@ int main(int argc, char** argv) {
         const ExchangeResult bare = kelm::bench::runBareExchange(
             load.clients, load.depth, std::chrono::milliseconds(static_cast<int>(seconds * 1000)));
         const ExchangeResult full = service.measure(load, seconds);
-        std::printf("%d clients x depth %-5d %12.0f %12.0f %12.1f %12.1f %8.3f %8.2f\n", load.clients,
-                    load.depth, bare.requestsPerSecond, full.requestsPerSecond, bare.medianMicros,
-                    full.medianMicros, full.requestsPerSecond / bare.requestsPerSecond,
+        std::printf("%d clients x depth %-5d %12.0f %12.0f %12.1f %12.1f %8.3f %8.2f\n",
+                    load.clients, load.depth, bare.requestsPerSecond, full.requestsPerSecond,
+                    bare.medianMicros, full.medianMicros,
+                    full.requestsPerSecond / bare.requestsPerSecond,
                     full.medianMicros / bare.medianMicros);
     }
     return 0;

@@ -6,10 +6,10 @@ namespace kelm {
 
 // The one error enumeration: status of every response and result of device operations. It shares
 // its number space with the small negative statuses of the accelerator library.
-enum [[nodiscard]] KelmError : int32_t {
+enum [[nodiscard]] KelmError : int32_t{
     KELM_OK = 0,
-    KELM_ERROR_INVALID_DEVICE = -4,   // no such device; device reset failed
-    KELM_ERROR_INVALID_PARAM = -5,    // bad argument, no manager for a subclass, nothing reserved
+    KELM_ERROR_INVALID_DEVICE = -4,  // no such device; device reset failed
+    KELM_ERROR_INVALID_PARAM = -5,   // bad argument, no manager for a subclass, nothing reserved
     KELM_ERROR_BUFFER_ALLOC_FAILED = -104,
     KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH = -105,
     KELM_ERROR_INVALID_CLIENT_NAME = -107,
