@@ -31,6 +31,15 @@ if(KELM_CCACHE)
     endif()
 endif()
 
+# The precompiled standard headers, made once and shared by every library. The analysis build goes
+# without, so that a missing include is found.
+option(KELM_PCH "Precompile the standard headers" ON)
+if(KELM_PCH)
+    add_library(kelm_pch STATIC ${PROJECT_SOURCE_DIR}/cmake/PchAnchor.cpp)
+    target_link_libraries(kelm_pch PRIVATE kelm_flags)
+    target_precompile_headers(kelm_pch PRIVATE ${PROJECT_SOURCE_DIR}/cmake/StandardPch.h)
+endif()
+
 # Collects the sources of some folders, without descending, into `out`.
 function(kelm_sources out)
     cmake_parse_arguments(ARG "" "" "FOLDER;EXCLUDE" ${ARGN})
@@ -52,6 +61,9 @@ function(kelm_library name)
     if(sources)
         add_library(kelm_${name} STATIC ${sources})
         target_link_libraries(kelm_${name} PUBLIC kelm_flags ${ARG_DEPENDS})
+        if(KELM_PCH)
+            target_precompile_headers(kelm_${name} REUSE_FROM kelm_pch)
+        endif()
     else()
         add_library(kelm_${name} INTERFACE)
         target_link_libraries(kelm_${name} INTERFACE kelm_flags ${ARG_DEPENDS})

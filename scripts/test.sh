@@ -30,9 +30,15 @@ run_tests() { # preset
     build "$1" && ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$jobs"
 }
 
+# Benchmarks are built and run, for a moment; their times decide nothing here.
+run_benches() {
+    build/release/bench/mapper_bench --benchmark_min_time=0.1 && build/release/bench/service_bench 1
+}
+
 run_step() { # step
     case "$1" in
-        release | asan | tsan) run_tests "$1" ;;
+        release) run_tests release && run_benches ;;
+        asan | tsan) run_tests "$1" ;;
         clang) build clang ;;
         format) git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror ;;
         *) echo "no step '$1'" >&2; return 2 ;;

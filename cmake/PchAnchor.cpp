@@ -1,0 +1,1 @@
+// Only there so that the precompiled standard headers have a target of their own.
