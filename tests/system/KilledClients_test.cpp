@@ -127,7 +127,8 @@ TEST_F(KilledClientsTest, VanishedClientTakesFromOthersOrLeavesSomethingBehind) 
     EXPECT_TRUE(serves());
     EXPECT_TRUE(eventually([&] { return descriptors() == descriptorsBefore; }))
         << descriptors() << " and not " << descriptorsBefore;
-    EXPECT_TRUE(eventually([&] { return threads() == threadsBefore; }))
+    // A thread of the start may still have been there.
+    EXPECT_TRUE(eventually([&] { return threads() <= threadsBefore; }))
         << threads() << " and not " << threadsBefore;
 }
 
