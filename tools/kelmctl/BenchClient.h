@@ -53,7 +53,6 @@ class BenchClient {
     BenchRegion& m_region;
     BenchLane& m_lane;
     const Clock::time_point m_start = Clock::now();
-    std::unique_ptr<client::Client> m_client;
 
     Mutex m_mutex;
     CondVar m_idle;
@@ -61,6 +60,9 @@ class BenchClient {
     uint64_t m_started GUARDED_BY(m_mutex) = 0;
     uint64_t m_inFlight GUARDED_BY(m_mutex) = 0;
     bool m_lost GUARDED_BY(m_mutex) = false;
+
+    // Last, so that it goes first: its threads may still be on their way out of finish().
+    std::unique_ptr<client::Client> m_client;
 };
 
 }  // namespace kelm::ctl

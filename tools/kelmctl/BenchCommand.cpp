@@ -57,7 +57,12 @@ class Children {
     void start(const BenchOptions& options, int index, BenchRegion& region) {
         const pid_t pid = ::fork();
         if (pid < 0) throw std::runtime_error("cannot start a client process");
-        if (pid == 0) ::_exit(BenchClient(options, index, region).run());
+        if (pid == 0) {
+            // A statement of its own: the client must be gone, and with it the names of its shared
+            // memory, before the process goes without destroying anything.
+            const int status = BenchClient(options, index, region).run();
+            ::_exit(status);
+        }
         m_running.push_back(pid);
     }
 
