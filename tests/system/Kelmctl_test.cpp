@@ -23,6 +23,14 @@ class KelmctlTest : public SystemFixture {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
+    static std::set<std::string> sharedMemory() {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+            names.insert(entry.path());
+        }
+        return names;
+    }
+
     std::string m_output;
 };
 
@@ -77,6 +85,22 @@ TEST_F(KelmctlTest, BenchReportDoesNotAddUp) {
         EXPECT_EQ(sumOf(client["graphs"], "requests"), kCount);
         EXPECT_EQ(client["graphs"][0]["requests"], kCount * 3 / 4);
     }
+}
+
+TEST_F(KelmctlTest, BenchLeavesSharedMemoryBehind) {
+    start(0);
+    service().useRunDir();
+    const std::string graph = service().files().write("graph", "a graph");
+    const std::set<std::string> before = sharedMemory();
+    EXPECT_EQ(run("bench --clients 2 --count 50 --graph " + graph), 0) << m_output;
+    std::set<std::string> added = sharedMemory();
+    // Others on this machine may have some too, for a while.
+    EXPECT_TRUE(eventually([&] {
+        std::erase_if(added, [&](const std::string& name) {
+            return before.count(name) != 0 || !std::filesystem::exists(name);
+        });
+        return added.empty();
+    })) << added.size();
 }
 
 TEST_F(KelmctlTest, WaitReadyTellsTheWrongState) {
