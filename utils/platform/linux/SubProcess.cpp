@@ -73,7 +73,8 @@ bool SubProcess::State::execute() {
     std::vector<char*> argv;
     for (std::string& argument : m_arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    const std::string message = std::string(kStartFailed) + "\n";
+    std::string message(kStartFailed);
+    message += '\n';
     const pid_t pid = ::fork();
     if (pid == 0) runChild(argv.data(), message);
     m_pid = pid;
