@@ -148,9 +148,9 @@ Result<BufferSizes> Client::queryBufferSize(uint64_t graphId, Deadline deadline)
     return BufferSizes{response->inputBufferSize, response->outputBufferSize};
 }
 
-void Client::inferAsync(const InferRequest& request, InferCallback done, AcceptCallback accepted,
-                        Deadline deadline) {
-    m_impl->infer(request, std::move(done), std::move(accepted), deadline);
+void Client::inferAsync(const InferRequest& request, const InferCallback& done,
+                        AcceptCallback accepted, Deadline deadline) {
+    m_impl->infer(request, done, std::move(accepted), deadline);
 }
 
 std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {

@@ -101,8 +101,8 @@ class Client {
 
     // The buffers must stay as they are until the call has ended; after a timeout, until the
     // connection has ended, since the task may still run.
-    void inferAsync(const InferRequest& request, InferCallback done, AcceptCallback accepted = {},
-                    Deadline deadline = kDefaultDeadline);
+    void inferAsync(const InferRequest& request, const InferCallback& done,
+                    AcceptCallback accepted = {}, Deadline deadline = kDefaultDeadline);
     std::future<InferResult> inferAsync(const InferRequest& request,
                                         Deadline deadline = kDefaultDeadline);
     InferResult infer(const InferRequest& request, Deadline deadline = kDefaultDeadline);

@@ -83,17 +83,12 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
     return std::move(answer.message);
 }
 
-void Client::Impl::infer(const InferRequest& request, InferCallback done, AcceptCallback accepted,
-                         Deadline deadline) {
+void Client::Impl::infer(const InferRequest& request, const InferCallback& done,
+                         AcceptCallback accepted, Deadline deadline) {
     const Clock::time_point end = Clock::now() + deadline;
     const uint64_t sequence = nextSequence();
     KelmMsgReqInferTask message = makeInferRequest(clientId(), sequence, request);
-    if (!isConnected()) {
-        InferResult result;
-        result.error = Error::connectionLost();
-        return done(result);
-    }
-    if (!m_pending.addInfer(sequence, end, request, done, std::move(accepted))) {
+    if (!isConnected() || !m_pending.addInfer(sequence, end, request, done, std::move(accepted))) {
         InferResult result;
         result.error = Error::connectionLost();
         return done(result);

@@ -30,7 +30,7 @@ class Client::Impl {
 
     // Sends a request that has an answer and waits for it. `what` names the call in a timeout.
     Result<MessagePtr> call(KelmMsgReq& request, const char* what, Deadline deadline);
-    void infer(const InferRequest& request, InferCallback done, AcceptCallback accepted,
+    void infer(const InferRequest& request, const InferCallback& done, AcceptCallback accepted,
                Deadline deadline);
     void taskCanceled(uint64_t taskId) { m_pending.cancelInfer(taskId); }
 

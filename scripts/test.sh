@@ -13,7 +13,7 @@ if [ "${1:-}" = "--only" ]; then
     steps=("$2")
 fi
 
-./scripts/packages.sh git clang clang-format || exit 1
+./scripts/packages.sh git clang clang-format clang-tidy || exit 1
 jobs=$(nproc)
 # Every finding of a sanitizer is a failure.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
@@ -35,11 +35,17 @@ run_benches() {
     build/release/bench/mapper_bench --benchmark_min_time=0.1 && build/release/bench/service_bench 1
 }
 
+# Every finding is an error; see .clang-tidy for the list of checks.
+run_tidy() {
+    git ls-files 'service/*.cpp' 'utils/*.cpp' 'protocol/*.cpp' 'client/*.cpp' 'tools/*.cpp' |
+        xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
+}
+
 run_step() { # step
     case "$1" in
         release) run_tests release && run_benches ;;
         asan | tsan) run_tests "$1" ;;
-        clang) build clang ;;
+        clang) build clang && run_tidy ;;
         format) git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror ;;
         *) echo "no step '$1'" >&2; return 2 ;;
     esac

@@ -72,9 +72,13 @@ std::vector<DeviceDesc> DeviceMonitor::getDeviceList(int vendorId, int productId
     return m_impl->getDeviceList(vendorId, productId);
 }
 
-void DeviceMonitor::notifyPluginDevice(DeviceDesc desc) { notifyListeners(desc, PLUGGED_IN); }
+void DeviceMonitor::notifyPluginDevice(const DeviceDesc& desc) {
+    notifyListeners(desc, PLUGGED_IN);
+}
 
-void DeviceMonitor::notifyPlugoutDevice(DeviceDesc desc) { notifyListeners(desc, PLUGGED_OUT); }
+void DeviceMonitor::notifyPlugoutDevice(const DeviceDesc& desc) {
+    notifyListeners(desc, PLUGGED_OUT);
+}
 
 void DeviceMonitor::notifyListeners(const DeviceDesc& desc, PlugType type) {
     MutexLock lock(m_mutex);

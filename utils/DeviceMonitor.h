@@ -40,8 +40,8 @@ class DeviceMonitor : public NonCopyable {
     std::vector<DeviceDesc> getDeviceList(int vendorId, int productId) EXCLUDES(m_mutex);
 
     // From the implementation: calls each listener, in the order of the ids.
-    void notifyPluginDevice(DeviceDesc desc) EXCLUDES(m_mutex);
-    void notifyPlugoutDevice(DeviceDesc desc) EXCLUDES(m_mutex);
+    void notifyPluginDevice(const DeviceDesc& desc) EXCLUDES(m_mutex);
+    void notifyPlugoutDevice(const DeviceDesc& desc) EXCLUDES(m_mutex);
 
  private:
     void setImpl(std::shared_ptr<DeviceMonitorImpl> impl) EXCLUDES(m_mutex);

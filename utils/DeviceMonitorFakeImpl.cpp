@@ -27,6 +27,7 @@ void DeviceMonitorFakeImpl::stop() {}
 
 std::vector<DeviceDesc> DeviceMonitorFakeImpl::getDeviceList(int vendorId, int productId) {
     std::vector<DeviceDesc> devices;
+    devices.reserve(static_cast<size_t>(m_deviceCount));
     for (int index = 0; index < m_deviceCount; ++index) {
         devices.push_back({"Fake" + std::to_string(index), vendorId, productId, 0});
     }

@@ -17,7 +17,7 @@ namespace kelm {
 namespace {
 
 std::string settleDumpPath() {
-    const std::string configured = ServiceConfigParser::instance().getGraphDumpPath();
+    std::string configured = ServiceConfigParser::instance().getGraphDumpPath();
     if (!configured.empty()) {
         if (FileHelper::isDirectory(configured)) return configured;
         LOG_WARN("Warn: Invalid graph dump path: there is no directory '%s'", configured);
