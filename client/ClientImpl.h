@@ -19,6 +19,7 @@ namespace kelm::client {
 // The connection behind a Client: one thread reads answers, any thread writes requests, one at a
 // time.
 //
+// Threads: any may call; callbacks run on the reading and the deadline thread.
 // Owns: the connection, the reading thread "KelmReader" and the pending calls.
 // Locks: m_sendMutex, a leaf; not held while writing.
 class Client::Impl {

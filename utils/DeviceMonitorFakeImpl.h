@@ -7,6 +7,8 @@
 namespace kelm {
 
 // A fixed set of simulated devices, which never come or go.
+//
+// Threads: the owner's; its own thread ends at once.
 class DeviceMonitorFakeImpl : public DeviceMonitorImpl {
  public:
     // `deviceCount` below 1 gives the usual number.

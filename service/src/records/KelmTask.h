@@ -27,9 +27,10 @@ enum KelmTaskStatus : int32_t {
 
 // One inference request from its arrival to its last answer.
 //
-// Created and deleted by the task manager only. One thread works on a task at a time, since the
-// pointer is handed on by queueing; the mutex protects what crosses that rule.
+// Created and deleted by the task manager only.
 //
+// Threads: one works on a task at a time, since the pointer is handed on by queueing; the mutex
+// protects what crosses that rule.
 // Owns: its parameters and a held-back done message. Borrows client and graph, which outlive it.
 // Locks: m_mutex is a leaf.
 class KelmTask : public NonCopyable {
