@@ -3,7 +3,7 @@
 cmake_policy(VERSION 3.25)
 set(layers
     utils protocol/src client tools/kelmctl
-    service/src/config service/src/records service/src/execution
+    service/src/config service/src/reporting service/src/records service/src/execution
     service/src/scheduling/mapping service/src/scheduling/tasks service/src/scheduling/devices
     service/src/devices service/src/managers service/src/shell)
 # Folders that stand beside the service and see only the first two layers.

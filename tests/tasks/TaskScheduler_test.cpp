@@ -3,12 +3,12 @@
 #include "execution/WorkThread.h"
 #include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
+#include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "fakes/ScriptedDevice.h"
 #include "fakes/TempDir.h"
 #include "fakes/TestRecords.h"
-#include "records/InfoCollector.h"
-#include "records/PrintInfoListener.h"
+#include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 #include "scheduling/tasks/TaskSchedulerFactory.h"
@@ -305,29 +305,18 @@ TEST_F(TaskSchedulerTest, NameSelectsTheWrongScheduler) {
     }
 }
 
-class FakeInfoCollector final : public InfoCollector {
- public:
-    bool registerListener(PrintInfoListener* listener) override {
-        listeners.insert(listener);
-        return true;
-    }
-    void unregisterListener(PrintInfoListener* listener) override { listeners.erase(listener); }
-
-    std::set<PrintInfoListener*> listeners;
-};
-
 TEST_F(TaskSchedulerTest, SnapshotMissesWhatWaitsOrItsListenerStays) {
     FakeInfoCollector collector;
     const ScopedPort<InfoCollector> port(collector);
     configure(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "base"}}})");
     {
         TaskSchedulerPolling scheduler("TS.Polling");
-        ASSERT_THAT(collector.listeners, ElementsAre(&scheduler));
+        ASSERT_THAT(collector.listeners(), ElementsAre(&scheduler));
         const auto other = makeTestGraph(2, "other");
         scheduler.scheduleTask(makeTask());
         scheduler.scheduleWorker(&worker, other.get());
         testing::internal::CaptureStdout();
-        (*collector.listeners.begin())->onPrintInfo();
+        (*collector.listeners().begin())->onPrintInfo();
         const std::string text = testing::internal::GetCapturedStdout();
         EXPECT_THAT(text, HasSubstr("TaskSnapshot(Regular)\n----------------------------- "
                                     "TS.Polling ------------------------------\nTime: "));
@@ -337,10 +326,10 @@ TEST_F(TaskSchedulerTest, SnapshotMissesWhatWaitsOrItsListenerStays) {
         EXPECT_THAT(text, HasSubstr("GraphName: [graph2]\n  WaitingTasks(numWaitTasks=0):\n"
                                     "  WaitingWorkers(numWaitWorkers=1): [Wtdevice]\n"));
     }
-    EXPECT_THAT(collector.listeners, IsEmpty());
+    EXPECT_THAT(collector.listeners(), IsEmpty());
     configure(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "none"}}})");
     TaskSchedulerFCFS quiet("TS.FCFS");
-    EXPECT_THAT(collector.listeners, IsEmpty());
+    EXPECT_THAT(collector.listeners(), IsEmpty());
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "records/ClientDirectory.h"
-#include "records/PrintInfoListener.h"
+#include "reporting/PrintInfoListener.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadPool.h"

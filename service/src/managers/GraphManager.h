@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "protocol/src/KelmError.h"
-#include "records/PrintInfoListener.h"
+#include "reporting/PrintInfoListener.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"

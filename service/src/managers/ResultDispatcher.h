@@ -10,7 +10,7 @@
 #include "protocol/src/KelmError.h"
 #include "protocol/src/KelmMessage.h"
 #include "protocol/src/MessagePtr.h"
-#include "records/PrintInfoListener.h"
+#include "reporting/PrintInfoListener.h"
 #include "utils/FpsCounter.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"

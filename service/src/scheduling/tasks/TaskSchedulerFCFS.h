@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "records/PrintInfoListener.h"
+#include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "utils/Mutex.h"
 #include "utils/Ring.h"

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kelm {
+
+// What the managers tell about themselves for one status query. Lists of one group are parallel,
+// one row an entry, and not cut to what the answer has room for.
+//
+// Threads: shared by the pools of the managers without a lock; each writes only its own fields, and
+// the answer is built after the last has finished.
+struct KelmStatus {
+    virtual ~KelmStatus() = default;
+
+    float serviceFps = 0.0f;
+
+    std::vector<std::string> deviceNames;
+    std::vector<float> deviceFps;
+    std::vector<std::string> deviceGraphNames;
+    std::vector<float> deviceThermals;  // degrees Celsius
+    std::vector<uint32_t> deviceIds;
+    std::vector<int32_t> deviceSubclasses;
+
+    std::vector<std::string> graphNames;
+    std::vector<float> graphFpsIn;
+    std::vector<float> graphFpsOut;
+
+    std::vector<std::string> clientNames;
+    std::vector<float> clientFps;
+
+    std::string deviceSchedulerName;
+    std::string taskSchedulerName;
+};
+
+// The same with whom it is for.
+struct KelmStatusExtend : KelmStatus {
+    uint64_t clientId = 0;
+    uint64_t queryType = 0;
+    int socket = -1;
+    void* request = nullptr;  // the request message, owned until the answer is built
+    // Atomic: lowered by whoever finishes a part.
+    std::atomic<uint8_t> pendingParts{0};
+};
+
+}  // namespace kelm
