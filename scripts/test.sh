@@ -13,7 +13,7 @@ if [ "${1:-}" = "--only" ]; then
     steps=("$2")
 fi
 
-./scripts/packages.sh git clang clang-format clang-tidy || exit 1
+./scripts/packages.sh git clang clang-format clang-tidy umockdev libumockdev-dev || exit 1
 jobs=$(nproc)
 # Every finding of a sanitizer is a failure.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1

@@ -13,6 +13,7 @@
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/platform/linux/DeviceMonitorZorvanImpl.h"
 
 namespace kelm {
 
@@ -25,10 +26,16 @@ void answerReset(KelmError error, int socket, void* userParam) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
 }
 
+// Simulated devices need no bus: the machine may have none.
+std::unique_ptr<DeviceMonitorImpl> createUsualImpl() {
+    if (KelmDeviceBase::isFakeDeviceModeEnabled(nullptr)) return nullptr;
+    return std::make_unique<DeviceMonitorZorvanImpl>();
+}
+
 }  // namespace
 
 DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
-    : m_deviceMonitor(std::move(impl)) {
+    : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()) {
     initDeviceMonitor();
     createDeviceManager();
     launchDeviceMonitor();  // last: all managers exist before the first plug event
