@@ -1,11 +1,14 @@
 #include "client/Client.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
 #include "client/ClientImpl.h"
+#include "client/Decode.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -70,14 +73,15 @@ KelmMsgReqCreateGraph makeCreateGraph(uint64_t clientId, const GraphOptions& opt
 Client::Client(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 Client::~Client() = default;
 
-Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath) {
+Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath, Deadline deadline) {
     // The library is a guest: it writes nothing to its host's output.
     Log::instance().setLogLevel(0);
     quiet_errors = true;
     const std::string path = socketPath.empty() ? RunPaths::serviceSocket() : socketPath;
     try {
         auto connection = std::make_shared<IPC::ConnectionUDS>(nullptr);
-        if (!connection->connect(path)) {
+        if (!connection->connect(path, std::max(deadline, Deadline(1)))) {
+            if (errno == EAGAIN) return Error::timeout("connecting to " + path);
             return Error(ErrorKind::kNotConnected, 0,
                          "no service answers on " + path + "; start it or set KELM_RUN_DIR");
         }
@@ -187,6 +191,23 @@ Result<TaskStage> Client::queryTask(uint64_t taskId, Deadline deadline) {
         answerAs<KelmMsgRspQueryTaskStatus>(answer.value(), KELM_MESSAGE_QUERY_TASK_STATUS_RSP);
     if (response == nullptr) return unexpectedAnswer();
     return static_cast<TaskStage>(response->taskStatus);
+}
+
+Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) {
+    if (parts.bits() == 0) {
+        // The service would not answer.
+        return Error(ErrorKind::kSystem, 0, "the query asks for nothing; name at least one part");
+    }
+    // Client rows come only beside graph rows.
+    if (parts.has(StatusPart::kClients)) parts = parts | StatusPart::kGraphs;
+    auto request = makeRequest<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, clientId());
+    request.queryType = parts.bits();
+    const Result<MessagePtr> answer = m_impl->call(request.head, "query status", deadline);
+    if (!answer) return answer.error();
+    const auto* response =
+        answerAs<KelmMsgRspQueryStatus>(answer.value(), KELM_MESSAGE_QUERY_STATUS_RSP);
+    if (response == nullptr) return unexpectedAnswer();
+    return decodeStatus(*response);
 }
 
 uint64_t Client::clientId() const { return m_impl->clientId(); }

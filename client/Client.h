@@ -10,6 +10,7 @@
 #include <string>
 
 #include "client/Error.h"
+#include "client/Status.h"
 #include "client/TensorPool.h"
 
 namespace kelm::client {
@@ -80,7 +81,8 @@ using AcceptCallback = std::function<void(uint64_t taskId)>;
 class Client {
  public:
     // An empty path means the service's usual socket, or the one under KELM_RUN_DIR.
-    static Result<std::unique_ptr<Client>> connect(const std::string& socketPath = {});
+    static Result<std::unique_ptr<Client>> connect(const std::string& socketPath = {},
+                                                   Deadline deadline = kDefaultDeadline);
     ~Client();  // ends pending calls, closes the connection
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -110,6 +112,10 @@ class Client {
     // True if the task was still waiting: its call then ends with kCanceled. False: it runs on.
     Result<bool> cancel(uint64_t taskId, Deadline deadline = kDefaultDeadline);
     Result<TaskStage> queryTask(uint64_t taskId, Deadline deadline = kDefaultDeadline);
+
+    // What the service is doing; see Status.h for what each part fills.
+    Result<ServiceStatus> queryStatus(StatusParts parts = StatusParts::all(),
+                                      Deadline deadline = kDefaultDeadline);
 
     uint64_t clientId() const;
     bool isConnected() const;

@@ -12,7 +12,9 @@ set_target_properties(kelm_client PROPERTIES OUTPUT_NAME kelm)
 foreach(library client protocol utils)
     install(TARGETS kelm_${library} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endforeach()
-install(FILES client/Client.h client/Error.h client/TensorPool.h DESTINATION include/kelm/client)
+install(FILES client/Client.h client/Error.h client/Snapshot.h client/SnapshotReader.h
+              client/Status.h client/TensorPool.h
+        DESTINATION include/kelm/client)
 # Relative, so that the prefix may be moved or given at the installation.
 file(RELATIVE_PATH KELM_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/kelm.pc.in kelm.pc @ONLY)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -34,6 +35,9 @@ class ConnectionUDS : public ConnectionBase {
     // run is replaced. Names are cut silently at 107 characters, here and in connect().
     void create(const std::string& path, AccessAttribute attribute) override EXCLUDES(m_mutex);
     bool connect(const std::string& path) override EXCLUDES(m_mutex);
+    // Gives up with errno EAGAIN when a listener that stands still has no room in its queue for so
+    // long; 0 waits for ever.
+    bool connect(const std::string& path, std::chrono::milliseconds limit) EXCLUDES(m_mutex);
     void listen() override EXCLUDES(m_mutex);
     void accept(ConnectionBase* listener) override EXCLUDES(m_mutex);
     void close() override EXCLUDES(m_mutex);

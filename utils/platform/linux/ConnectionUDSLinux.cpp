@@ -1,5 +1,6 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -37,6 +38,12 @@ Address makeAddress(const std::string& path) {
     // The family, the name and its closing zero.
     address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + count + 1);
     return address;
+}
+
+// Also limits the wait of connect(); 0 is no limit.
+void limitSends(int socket, std::chrono::milliseconds limit) {
+    const timeval time{limit.count() / 1000, (limit.count() % 1000) * 1000};
+    (void)::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof(time));
 }
 
 int acceptOn(int listener) {
@@ -154,14 +161,22 @@ void ConnectionUDS::refuse() {
 }
 
 bool ConnectionUDS::connect(const std::string& path) {
+    return connect(path, std::chrono::milliseconds(0));
+}
+
+bool ConnectionUDS::connect(const std::string& path, std::chrono::milliseconds limit) {
     requireEmpty("state is not EMPTY when connect()");
     openSocket();
     const Address address = makeAddress(cutPath(path));
+    limitSends(nativeHandle(), limit);
     if (::connect(nativeHandle(), reinterpret_cast<const sockaddr*>(&address.name),
                   address.length) != 0) {
+        const int error = errno;
         close();
+        errno = error;
         return false;
     }
+    limitSends(nativeHandle(), std::chrono::milliseconds(0));
     enterState(CONNECTED);
     return true;
 }

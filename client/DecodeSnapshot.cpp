@@ -1,0 +1,80 @@
+#include <algorithm>
+#include <cstring>
+
+#include "client/Decode.h"
+#include "utils/StringHelper.h"
+
+namespace kelm::client {
+
+namespace {
+
+// The count of the device rows stays 0 on the wire; a row that nobody wrote is all zeros.
+bool isInUse(const InfoDeviceRow& row) {
+    static constexpr InfoDeviceRow kUnused{};
+    return std::memcmp(&row, &kUnused, sizeof(row)) != 0;
+}
+
+DeviceSnapshot decodeDevice(const InfoDeviceRow& row) {
+    DeviceSnapshot device;
+    device.id = row.deviceId;
+    device.thermal = finiteOrZero(row.thermal);
+    device.throttlingLevel = row.thermalThrottlingLevel;
+    for (size_t i = 0; i < rowsOf(row.currentGraphCount, kPackageDeviceGraphs); ++i) {
+        device.current.push_back({StringHelper::readBounded(row.currentGraphName[i]),
+                                  StringHelper::readBounded(row.currentGraphLoadTime[i]),
+                                  row.currentInferenceCount[i], rateOrZero(row.currentFps[i])});
+    }
+    for (size_t i = 0; i < rowsOf(row.previousGraphCount, kPackageDeviceGraphs); ++i) {
+        device.previous.push_back({StringHelper::readBounded(row.previousGraphName[i]),
+                                   StringHelper::readBounded(row.previousGraphLoadTime[i]),
+                                   StringHelper::readBounded(row.previousGraphUnloadTime[i]),
+                                   row.previousInferenceCount[i]});
+    }
+    return device;
+}
+
+GraphSnapshot decodeGraph(const InfoGraphRow& row) {
+    GraphSnapshot graph;
+    graph.id = row.graphId;
+    graph.name = StringHelper::readBounded(row.graphName);
+    graph.fpsIn = rateOrZero(row.fpsIn);
+    graph.fpsOut = rateOrZero(row.fpsOut);
+    graph.runningDevices = countOrZero(row.runningDeviceNum);
+    graph.inferences = row.inferenceTimes;
+    graph.waitingTasks = row.waitingTaskNum;
+    graph.clientCount = countOrZero(row.clientNum);
+    for (size_t i = 0; i < rowsOf(row.clientNum, kPackageClients); ++i) {
+        graph.clients.push_back(StringHelper::readBounded(row.clientNames[i]));
+    }
+    return graph;
+}
+
+ClientSnapshot decodeClient(const InfoClientRow& row) {
+    return {row.clientId,        StringHelper::readBounded(row.clientName),
+            row.apiMajorVersion, row.apiMinorVersion,
+            row.inferenceTimes,  row.waitingInferenceNum};
+}
+
+uint64_t megabytes(int64_t value) { return static_cast<uint64_t>(std::max<int64_t>(value, 0)); }
+
+}  // namespace
+
+Snapshot decodeSnapshot(const InfoPackage& package) {
+    Snapshot snapshot;
+    for (const InfoDeviceRow& row : package.devices) {
+        if (isInUse(row)) snapshot.devices.push_back(decodeDevice(row));
+    }
+    snapshot.graphCount = countOrZero(package.graphCount);
+    for (size_t i = 0; i < rowsOf(package.graphCount, kPackageGraphs); ++i) {
+        snapshot.graphs.push_back(decodeGraph(package.graphs[i]));
+    }
+    snapshot.clientCount = countOrZero(package.clientCount);
+    for (size_t i = 0; i < rowsOf(package.clientCount, kPackageClients); ++i) {
+        snapshot.clients.push_back(decodeClient(package.clients[i]));
+    }
+    snapshot.memory = {megabytes(package.memVirtMB), megabytes(package.memResMB),
+                       megabytes(package.memShrMB), megabytes(package.memTotalMB)};
+    return snapshot;
+}
+
+}  // namespace kelm::client
