@@ -77,13 +77,53 @@ TEST_F(DeviceManagerTest, LoadsThatNoSchedulerTakesAreRefusedAtOnce) {
     EXPECT_TRUE(eventually([&] { return m_placement.unloads().size() == 1; }));
 }
 
-TEST_F(DeviceManagerTest, ReservedDevicesWithoutTheirSchedulerStayInUse) {
+TEST_F(DeviceManagerTest, FirstDevicesFillTheQuotasAndALaterOneTakesWhatIsShort) {
     configure(R"({"scheduler_config": [{"subclass": 0, "stream_device_number": 1,
-                                        "graph_tag_map": {"camera": 1}}]})");
-    const auto manager = makeManager({"a"});
-    manager->enqueueLoadGraph(makeGraph());
-    EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
-    EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(m_graphs[0].get(), KELM_OK)));
+                                        "graph_tag_map": {"camera": 1, "door": 2}}]})");
+    const auto manager = makeManager({"a", "b", "c", "d", "e", "f"});
+    RemovalRelay relay(*manager);
+    ScopedPort<WorkerRemovalListener> port(relay);
+    KelmGraph* const graphs[] = {makeGraph(), makeGraph(), makeGraph(), makeGraph()};
+    graphs[0]->setTag("camera");
+    graphs[1]->setTag("door");
+    graphs[2]->setStreamId("stream");
+    for (KelmGraph* graph : graphs) manager->enqueueLoadGraph(graph);
+    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 4; }));
+    EXPECT_THAT(m_placement.loads(),
+                ::testing::Each(Field(&std::pair<KelmGraph*, KelmError>::second, KELM_OK)));
+    const auto loadsOf = [&](const std::string& names) {
+        std::vector<int> loads;
+        for (const char name : names) {
+            loads.push_back(m_devices[{name}].count(DeviceCall::Allocate));
+        }
+        return loads;
+    };
+    EXPECT_THAT(loadsOf("abcd"), ElementsAre(1, 1, 1, 1));
+    EXPECT_EQ(graphs[0]->getRunningDeviceNum(), 1);
+    EXPECT_EQ(graphs[1]->getRunningDeviceNum(), 2);
+    EXPECT_EQ(graphs[2]->getRunningDeviceNum(), 1);
+
+    // A quota is short now, and its graph gets the device that comes without being asked for.
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "b"));
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "d"));
+    ASSERT_TRUE(eventually([&] { return manager->getWorkerNum() == 4; }));
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "g"));
+    EXPECT_TRUE(eventually([&] { return loadsOf("g") == std::vector{1}; }));
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "h"));
+    EXPECT_TRUE(eventually([&] { return loadsOf("h") == std::vector{1}; }));
+    EXPECT_TRUE(eventually([&] { return graphs[2]->getRunningDeviceNum() == 1; }));
+
+    // Two devices were left for the others, and no graph of theirs lives on reserved ones.
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "e"));
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "f"));
+    ASSERT_TRUE(eventually([&] { return manager->getWorkerNum() == 4; }));
+    KelmGraph* const late = makeGraph();
+    testing::internal::CaptureStdout();
+    manager->enqueueLoadGraph(late);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                ::testing::ContainsRegex("Error: No device available in "
+                                         "SqueezeScheduler\\(.+\\), SqueezeDeviceNumber=0"));
+    EXPECT_EQ(m_placement.loads().back(), std::pair(late, KELM_ERROR_NO_DEVICE_AVAILABLE));
 }
 
 TEST_F(DeviceManagerTest, BrokenTagMapEndsTheStart) {

@@ -26,7 +26,7 @@ class DevicesRig : public ::testing::Test {
                       "device_settings": {"device_vid": "0x1", "device_pid": "0x1"},
                       "service_settings": {"update_thermal_interval": 0},
                       "scheduler_config": [{"subclass": 0, "max_graph_per_device": 2,
-                                            "graph_tag_map": {}},
+                                            "stream_device_number": 0, "graph_tag_map": {}},
                                            {"subclass": 2, "graph_tag_map": {}}]})");
     }
     // Goes on top of what earlier cases of this process have set.

@@ -83,6 +83,24 @@ void DeviceManager::loadServiceSettings() {
 }
 
 void DeviceManager::createDeviceScheduler() {
+    SchedulerSlot& tag = m_schedulers[TAG];
+    if (tag.deviceNum != 0) {
+        tag.scheduler = DeviceSchedulerFactory::createScheduler("tag");
+        tag.scheduler->setTagMap(m_graphTagMap);
+        LOG_INFO("## TagScheduler created, which requires %lu workers ##", tag.deviceNum);
+        tag.scheduler->start();
+    }
+    SchedulerSlot& stream = m_schedulers[STREAM];
+    if (stream.deviceNum != 0) {
+        stream.scheduler = DeviceSchedulerFactory::createScheduler("stream");
+        stream.scheduler->setStreamDeviceNum(stream.deviceNum);
+        LOG_INFO("## StreamScheduler created, which requires %lu workers ##", stream.deviceNum);
+        stream.scheduler->start();
+    }
+    createSqueezeScheduler();
+}
+
+void DeviceManager::createSqueezeScheduler() {
     auto scheduler = DeviceSchedulerFactory::createScheduler("squeeze2");
     if (!scheduler) {
         LOG_ERROR("Error: failed to create SqueezeScheduler");

@@ -94,6 +94,7 @@ class DeviceManager : public NonCopyable {
 
     void loadServiceSettings();
     void createDeviceScheduler();
+    void createSqueezeScheduler();
 
     // Workers coming.
     void createWorkThread(const std::string& name, int subclass) EXCLUDES(m_mutex);

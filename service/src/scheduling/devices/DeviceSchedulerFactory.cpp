@@ -4,6 +4,8 @@
 #include <cctype>
 
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
+#include "scheduling/devices/DeviceSchedulerStream.h"
+#include "scheduling/devices/DeviceSchedulerTag.h"
 #include "utils/Log.h"
 
 namespace kelm {
@@ -27,6 +29,10 @@ struct SchedulerRow {
 constexpr const char* kSqueezeName = "DS.Squeeze2";
 
 constexpr SchedulerRow kSchedulerRows[] = {
+    {"tag", "DS.Tag", "Info: ## DeviceSchedulerFacotry ## Created Tag Device-Scheduler.",
+     &make<DeviceSchedulerTag>},
+    {"stream", "DS.Stream", "Info: ## DeviceSchedulerFacotry ## Created Stream Device-Scheduler.",
+     &make<DeviceSchedulerStream>},
     {"squeeze2", kSqueezeName,
      "Info: ## DeviceSchedulerFacotry ## Created Squeeze Device-Scheduler2.",
      &make<DeviceSchedulerSqueeze2>},

@@ -1,6 +1,8 @@
 #include "scheduling/devices/DeviceSchedulerLazy.h"
 
 #include "execution/WorkThread.h"
+#include "scheduling/devices/PlugoutWorkerOperation.h"
+#include "utils/Log.h"
 
 namespace kelm {
 
@@ -12,18 +14,38 @@ bool DeviceSchedulerLazy::waitChangeRequest() {
 }
 
 void DeviceSchedulerLazy::schedule() {
-    while (waitChangeRequest()) {
-        updateChangeRequest();
-        storeChangeRequests();
-        collectAndClassify();
-        if (mapResource()) commitChangeOperation();
-    }
+    while (waitChangeRequest()) makePass();
+}
+
+void DeviceSchedulerLazy::makePass() {
+    updateChangeRequest();
+    storeChangeRequests();
+    collectAndClassify();
+    if (mapResource()) commitChangeOperation();
+}
+
+void DeviceSchedulerLazy::handleLostWorker(WorkThread* worker) {
+    if (!m_lostWorkers.insert(worker).second) return;
+    LOG_WARN("Warn: the device of worker(%s) is lost, it gets no more graphs", worker->getName());
+}
+
+WorkThread* DeviceSchedulerLazy::takeIdleWorker() {
+    return m_idleWorkers.extract(m_idleWorkers.begin()).value();
+}
+
+void DeviceSchedulerLazy::makePlugout(WorkThread* worker) {
+    m_operations.push_back(PlugoutWorkerOperation::create(worker));
+    LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
 }
 
 // A worker that came and goes in the same pass is not idle: nothing may be loaded onto it.
 void DeviceSchedulerLazy::collectAndClassify() {
     m_idleWorkers.clear();
     m_graphWorkers.clear();
+    // A lost worker that has been plugged out is gone; a new one may live at its address.
+    std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
+        return !m_workers.contains(worker);
+    });
     for (WorkThread* worker : m_addWorkers) {
         if (!m_removeWorkers.contains(worker)) m_idleWorkers.insert(worker);
     }
@@ -35,7 +57,7 @@ void DeviceSchedulerLazy::collectAndClassify() {
 void DeviceSchedulerLazy::classify(WorkThread* worker) {
     const std::set<KelmGraph*> graphs = worker->getGraphs();
     if (graphs.empty()) {
-        m_idleWorkers.insert(worker);
+        if (!m_lostWorkers.contains(worker)) m_idleWorkers.insert(worker);
         return;
     }
     for (KelmGraph* graph : graphs) {

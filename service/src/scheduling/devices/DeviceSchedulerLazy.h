@@ -9,7 +9,8 @@
 namespace kelm {
 
 // A device scheduler that acts on requests only. Before each plan it asks the workers anew who is
-// idle and who runs what.
+// idle and who runs what, so that a load that failed and a worker that was lost leave nothing to
+// repair: what they had taken is free again in the next view.
 //
 // Threads, owns, locks: as the base.
 class DeviceSchedulerLazy : public DeviceSchedulerBase {
@@ -21,6 +22,14 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
     virtual bool mapResource() REQUIRES(m_onSchedulingThread) = 0;
 
     void schedule() REQUIRES(m_onSchedulingThread) override;
+    void handleLostWorker(WorkThread* worker) REQUIRES(m_onSchedulingThread) override;
+
+    // One pass, from the requests to the answers.
+    void makePass() REQUIRES(m_onSchedulingThread);
+
+    // For plans. The worker that is taken is not idle any more; there must be one.
+    WorkThread* takeIdleWorker() REQUIRES(m_onSchedulingThread);
+    void makePlugout(WorkThread* worker) REQUIRES(m_onSchedulingThread);
 
     // The workers that stay or come, without a graph and by graph. Rebuilt before each plan.
     std::set<WorkThread*> m_idleWorkers GUARDED_BY(m_onSchedulingThread);
@@ -31,6 +40,9 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
     bool waitChangeRequest() EXCLUDES(m_requestMutex);
     void collectAndClassify() REQUIRES(m_onSchedulingThread);
     void classify(WorkThread* worker) REQUIRES(m_onSchedulingThread);
+
+    // Held workers whose device is gone. They refuse every load, so they are never idle.
+    std::set<WorkThread*> m_lostWorkers GUARDED_BY(m_onSchedulingThread);
 };
 
 }  // namespace kelm

@@ -1,0 +1,88 @@
+#include "scheduling/devices/DeviceSchedulerStream.h"
+
+#include "execution/WorkThread.h"
+#include "records/KelmGraph.h"
+#include "scheduling/devices/LoadGraphOperation.h"
+#include "scheduling/devices/UnloadGraphOperation.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+DeviceSchedulerStream::~DeviceSchedulerStream() { join(); }
+
+void DeviceSchedulerStream::handleLoadGraphFail(KelmGraph* graph) {
+    m_displacedGraphs.erase(graph);
+}
+
+bool DeviceSchedulerStream::mapResource() {
+    forgetPlacedGraphs();
+    handleUnloadGraph();
+    handleRemoveWorker();
+    placeDisplacedGraphs();
+    handleLoadGraph();
+    return true;
+}
+
+void DeviceSchedulerStream::forgetPlacedGraphs() {
+    std::erase_if(m_displacedGraphs, [this](KelmGraph* graph) REQUIRES(m_onSchedulingThread) {
+        return m_graphWorkers.contains(graph);
+    });
+}
+
+// The workers that come free count as idle at once: a load that follows on one of them waits there
+// for the unload.
+void DeviceSchedulerStream::handleUnloadGraph() {
+    for (KelmGraph* graph : m_unloadGraphs) {
+        m_displacedGraphs.erase(graph);  // its record may go once the unload is answered
+        const auto loaded = m_graphWorkers.extract(graph);
+        if (loaded.empty()) {
+            LOG_ERROR("Error: cannot find loaded graph %s", graph->getName());
+            continue;
+        }
+        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
+        m_idleWorkers.insert(loaded.mapped().begin(), loaded.mapped().end());
+    }
+}
+
+void DeviceSchedulerStream::handleRemoveWorker() {
+    for (WorkThread* worker : m_removeWorkers) {
+        makePlugout(worker);
+        for (KelmGraph* graph : worker->getGraphs()) {
+            if (needsNewWorker(graph)) m_displacedGraphs.insert(graph);
+        }
+    }
+}
+
+// Not one that is going away, nor one that this pass loads anyway or that another worker has.
+bool DeviceSchedulerStream::needsNewWorker(KelmGraph* graph) {
+    return !m_unloadGraphs.contains(graph) && !m_loadGraphs.contains(graph) &&
+           !m_graphWorkers.contains(graph);
+}
+
+void DeviceSchedulerStream::placeDisplacedGraphs() {
+    for (KelmGraph* graph : m_displacedGraphs) {
+        if (m_idleWorkers.empty()) return;
+        makeLoad(graph, takeIdleWorker());
+    }
+}
+
+void DeviceSchedulerStream::handleLoadGraph() {
+    for (KelmGraph* graph : m_loadGraphs) {
+        if (m_idleWorkers.empty()) return;
+        makeLoad(graph, takeIdleWorker());
+    }
+}
+
+void DeviceSchedulerStream::makeUnload(KelmGraph* graph, WorkThread* worker) {
+    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s streamId=%s worker=%s)",
+             graph->getName(), graph->getStreamId(), worker->getName());
+    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
+}
+
+void DeviceSchedulerStream::makeLoad(KelmGraph* graph, WorkThread* worker) {
+    LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s streamId=%s worker=%s)",
+             graph->getName(), graph->getStreamId(), worker->getName());
+    m_operations.push_back(LoadGraphOperation::create(graph, worker));
+}
+
+}  // namespace kelm

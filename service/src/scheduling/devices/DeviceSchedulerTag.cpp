@@ -1,0 +1,116 @@
+#include "scheduling/devices/DeviceSchedulerTag.h"
+
+#include <algorithm>
+
+#include "execution/WorkThread.h"
+#include "records/KelmGraph.h"
+#include "scheduling/devices/LoadGraphOperation.h"
+#include "scheduling/devices/UnloadGraphOperation.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+// Clients choose the tags that they ask for: only so many unknown ones are remembered.
+constexpr size_t kMaxKnownTags = 1000;
+
+}  // namespace
+
+DeviceSchedulerTag::~DeviceSchedulerTag() { join(); }
+
+// The worker has let go of a failed load by now, so the next count finds its headcount free.
+void DeviceSchedulerTag::handleLoadGraphFail(KelmGraph* graph) {
+    releaseTag(graph);
+    // Deliberate: an unknown tag that was refused counts from now on as one without devices.
+    if (m_tagMap.size() < kMaxKnownTags) m_tagMap.try_emplace(graph->getTag(), 0);
+}
+
+bool DeviceSchedulerTag::mapResource() {
+    countFreeHeads();
+    handleUnloadGraph();
+    handleRemoveWorker();
+    handleLoadGraph();
+    handlePendingGraph();
+    return true;
+}
+
+// Workers that leave in this pass are not in the view, so what they held is free.
+void DeviceSchedulerTag::countFreeHeads() {
+    for (const auto& [tag, headcount] : m_headcounts) m_tagMap[tag] = headcount;
+    for (const auto& [graph, workers] : m_graphWorkers) {
+        unsigned long& free = m_tagMap[graph->getTag()];
+        free -= std::min<unsigned long>(free, workers.size());
+    }
+}
+
+// The workers that come free count as idle at once: a load that follows on one of them waits there
+// for the unload.
+void DeviceSchedulerTag::handleUnloadGraph() {
+    for (KelmGraph* graph : m_unloadGraphs) {
+        const auto entry = m_tagMap.find(graph->getTag());
+        if (entry == m_tagMap.end()) {
+            LOG_ERROR("Error: invalid graph tag '%s'", graph->getTag());
+            continue;
+        }
+        releaseTag(graph);
+        const auto loaded = m_graphWorkers.extract(graph);
+        if (loaded.empty()) continue;
+        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
+        m_idleWorkers.insert(loaded.mapped().begin(), loaded.mapped().end());
+        entry->second += loaded.mapped().size();
+    }
+}
+
+// Only the holder lets go of the tag: a second graph of it may come and go meanwhile.
+void DeviceSchedulerTag::releaseTag(KelmGraph* graph) {
+    const auto holder = m_tagGraphs.find(graph->getTag());
+    if (holder != m_tagGraphs.end() && holder->second == graph) m_tagGraphs.erase(holder);
+}
+
+void DeviceSchedulerTag::handleRemoveWorker() {
+    for (WorkThread* worker : m_removeWorkers) makePlugout(worker);
+}
+
+void DeviceSchedulerTag::handleLoadGraph() {
+    for (KelmGraph* graph : m_loadGraphs) {
+        if (m_idleWorkers.empty()) return;
+        const auto entry = m_tagMap.find(graph->getTag());
+        if (entry == m_tagMap.end()) {
+            LOG_ERROR("Error: invalid graph tag '%s'", graph->getTag());
+            continue;
+        }
+        if (entry->second == 0) {
+            LOG_ERROR("Error: no headcount for graph tag '%s'", graph->getTag());
+            continue;
+        }
+        makeLoads(graph, entry->second);
+        m_tagGraphs.try_emplace(graph->getTag(), graph);
+    }
+}
+
+// After a device was lost or a new one came.
+void DeviceSchedulerTag::handlePendingGraph() {
+    for (auto& [tag, free] : m_tagMap) {
+        if (m_idleWorkers.empty()) return;
+        const auto holder = m_tagGraphs.find(tag);
+        if (holder != m_tagGraphs.end()) makeLoads(holder->second, free);
+    }
+}
+
+void DeviceSchedulerTag::makeUnload(KelmGraph* graph, WorkThread* worker) {
+    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s graphTag=%s worker=%s)",
+             graph->getName(), graph->getTag(), worker->getName());
+    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
+}
+
+void DeviceSchedulerTag::makeLoads(KelmGraph* graph, unsigned long& free) {
+    for (; free > 0 && !m_idleWorkers.empty(); --free) {
+        WorkThread* const worker = takeIdleWorker();
+        LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s graphTag=%s worker=%s)",
+                 graph->getName(), graph->getTag(), worker->getName());
+        m_operations.push_back(LoadGraphOperation::create(graph, worker));
+    }
+}
+
+}  // namespace kelm
