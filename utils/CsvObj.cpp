@@ -1,0 +1,84 @@
+#include "utils/CsvObj.h"
+
+#include <utility>
+#include <vector>
+
+#include "utils/CsvObjWriter.h"
+#include "utils/Log.h"
+#include "utils/Mutex.h"
+#include "utils/ThreadUtils.h"
+
+namespace kelm {
+
+struct CsvObj::Shared {
+    const std::string pid = std::to_string(ThreadUtils::getProcessId());  // asking is a system call
+    Mutex mutex;
+    // By id, since ids are dense; a null pointer is an operation that is not open.
+    std::vector<std::shared_ptr<CsvObj>> csvRecords GUARDED_BY(mutex);
+    std::vector<std::shared_ptr<CsvObj>> csvPool GUARDED_BY(mutex);  // finished, to be used again
+};
+
+// Never destroyed: threads may trace while static objects are going.
+CsvObj::Shared& CsvObj::shared() {
+    static Shared& obj = *new Shared;
+    return obj;
+}
+
+CsvObj::CsvObj(uint64_t id, const char* name) : m_id(id) { renewOperation(name); }
+
+void CsvObj::renewOperation(const char* name) {
+    m_pid = shared().pid;
+    m_tid = std::to_string(ThreadUtils::getThreadId());
+    m_operation = name != nullptr ? name : "";
+    m_endTsc = 0;
+    m_startTsc = ThreadUtils::getRdtsc();
+}
+
+void CsvObj::finish() { m_endTsc = ThreadUtils::getRdtsc(); }
+
+uint64_t CsvObj::startCsvObject(const char* name) {
+    Shared& all = shared();
+    MutexLock lock(all.mutex);
+    if (all.csvPool.empty()) {
+        const uint64_t id = all.csvRecords.size();
+        all.csvRecords.push_back(std::make_shared<CsvObj>(id, name));
+        return id;
+    }
+    std::shared_ptr<CsvObj> obj = std::move(all.csvPool.back());
+    all.csvPool.pop_back();
+    obj->renewOperation(name);
+    const uint64_t id = obj->m_id;
+    all.csvRecords[id] = std::move(obj);
+    return id;
+}
+
+void CsvObj::finishCsvObject(uint64_t id) {
+    // Taken out at once: of two that end the same operation only one gets the object.
+    std::shared_ptr<CsvObj> obj = takeCsvObject(id);
+    if (!obj) {
+        LOG_ERROR("Error: cannot find csvObj with id(%lu)", id);
+        return;
+    }
+    obj->finish();
+    if (CsvObjWriter* writer = globalCsvObjWriter.load()) {
+        writer->writeFrame(*obj);
+        writer->writeTask(*obj);
+    }
+    Shared& all = shared();
+    MutexLock lock(all.mutex);
+    all.csvPool.push_back(std::move(obj));
+}
+
+std::shared_ptr<CsvObj> CsvObj::fetchCsvObject(uint64_t id) {
+    Shared& all = shared();
+    MutexLock lock(all.mutex);
+    return id < all.csvRecords.size() ? all.csvRecords[id] : nullptr;
+}
+
+std::shared_ptr<CsvObj> CsvObj::takeCsvObject(uint64_t id) {
+    Shared& all = shared();
+    MutexLock lock(all.mutex);
+    return id < all.csvRecords.size() ? std::move(all.csvRecords[id]) : nullptr;
+}
+
+}  // namespace kelm
