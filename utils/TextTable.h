@@ -5,11 +5,16 @@
 
 namespace kelm {
 
-// A table of one column of labels and one cell per object, for the snapshots in the log.
+// A table of labelled rows with one cell per object, for the snapshots in the log.
 class TextTable {
  public:
+    enum class Labels {
+        InColumn,  // one column of them, on the left
+        InCells,   // each cell repeats its label, on the right of the label's width
+    };
+
     // Widths in characters, without the blanks and borders around them.
-    TextTable(size_t labelWidth, size_t cellWidth);
+    TextTable(size_t labelWidth, size_t cellWidth, Labels labels = Labels::InColumn);
 
     void row(const std::string& label, const std::vector<std::string>& cells);
     // A line across `cells` columns.
@@ -19,6 +24,7 @@ class TextTable {
  private:
     const size_t m_labelWidth;
     const size_t m_cellWidth;
+    const Labels m_labels;
     std::string m_text;
 };
 

@@ -1,7 +1,11 @@
 #include "utils/TimeHelper.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
+
+#include "utils/StringHelper.h"
 
 bool TimeHelper::localtimeSafe(const time_t* time, tm* result) {
     return time != nullptr && result != nullptr && ::localtime_r(time, result) != nullptr;
@@ -40,6 +44,12 @@ std::string getCurrentTime() {
 
 std::string formatTimeMilli(std::chrono::system_clock::time_point point) {
     return formatWithFraction(point, 1000, 3);
+}
+
+std::string formatDurationString(std::chrono::seconds duration) {
+    const int64_t seconds = std::max<int64_t>(duration.count(), 0);
+    return StringHelper::format("%02ld:%02ld:%02ld", seconds / 3600, seconds / 60 % 60,
+                                seconds % 60);
 }
 
 }  // namespace kelm

@@ -20,4 +20,8 @@ std::string getCurrentTime();
 // HH:MM:SS, a point and three digits of milliseconds.
 std::string formatTimeMilli(std::chrono::system_clock::time_point point);
 
+// Hours, minutes and seconds in two digits each, the hours in more if need be. A time below zero,
+// as of a clock that was set back, counts as none.
+std::string formatDurationString(std::chrono::seconds duration);
+
 }  // namespace kelm

@@ -80,6 +80,8 @@ void DeviceManager::loadServiceSettings() {
     m_schedulers[SQUEEZE].deviceNum = std::numeric_limits<uint64_t>::max();  // all that is left
     m_debugProcess = config.isDeviceManagerDebugProcessEnabled();
     m_updateThermalInterval = config.getUpdateThermalInterval();
+    loadPrintSettings();
+    startPrinting();  // last: from here on the printer may call
 }
 
 void DeviceManager::createDeviceScheduler() {

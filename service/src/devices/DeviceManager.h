@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "reporting/PrintInfoListener.h"
 #include "utils/InlineTask.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
@@ -21,6 +22,9 @@ namespace kelm {
 class DeviceSchedulerBase;
 class KelmGraph;
 class WorkThread;
+struct DeviceFigures;
+struct InfoPackage;
+struct KelmStatus;
 
 // Owns the work threads of one device subclass: makes and removes them as devices come and go,
 // divides them among its schedulers, and hands each graph to the scheduler that it asks for.
@@ -30,10 +34,11 @@ class WorkThread;
 //
 // Threads: any. The events of one device are handled on one thread, in their order; idle devices
 // are read on another. Resets and deletions of workers run on the own pool, so that a worker found
-// there stays while it is used.
+// there stays while it is used. Reports wait for no device; once it stops there is none to tell of.
 // Owns: schedulers and workers.
-// Locks: m_mutex, then a scheduler's inbox. Never held across a device call, a deletion or a post.
-class DeviceManager : public NonCopyable {
+// Locks: m_mutex, then a scheduler's inbox or a worker's lock. Never held across a device call, a
+// deletion or a post.
+class DeviceManager : public NonCopyable, public PrintInfoListener {
  public:
     struct Limits {
         std::chrono::milliseconds stop{3000};       // for each of the two phases of stop()
@@ -61,6 +66,13 @@ class DeviceManager : public NonCopyable {
     // A device has come or gone. Never block; false for a subclass that is not this manager's.
     bool enqueuePluginDevice(int subclass, const std::string& name) EXCLUDES(m_mutex);
     bool enqueuePlugoutDevice(int subclass, const std::string& name) EXCLUDES(m_mutex);
+
+    void onPrintInfo() override EXCLUDES(m_mutex);
+    // Appends a row for each device to the device lists.
+    void queryDeviceStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
+    // The name of the scheduler of ordinary graphs.
+    void queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
+    void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
 
     // Ends all threads, schedulers and workers in bounded time; later calls repeat the result.
     // False: some device did not answer, and nothing that it may use has been destroyed.
@@ -90,7 +102,7 @@ class DeviceManager : public NonCopyable {
     };
 
     DeviceManager(const std::string& name, Limits limits);
-    ~DeviceManager();
+    ~DeviceManager() override;
 
     void loadServiceSettings();
     void createDeviceScheduler();
@@ -126,6 +138,18 @@ class DeviceManager : public NonCopyable {
     bool pinForThermal(WorkThread* worker) EXCLUDES(m_mutex);
     void unpinForThermal() EXCLUDES(m_mutex);
 
+    // Reports.
+    void loadPrintSettings();
+    bool isPrinting() const;
+    void startPrinting();
+    void stopPrinting() EXCLUDES(m_mutex);
+    std::vector<DeviceFigures> readDevices() EXCLUDES(m_mutex);
+    DeviceFigures readDevice(WorkThread& worker) REQUIRES(m_mutex);
+    static std::string getLoadedGraphName(WorkThread* worker);
+    void printDeviceFps() EXCLUDES(m_mutex);
+    void printDeviceUtilization() EXCLUDES(m_mutex);
+    void snapshot(const char* title) EXCLUDES(m_mutex);
+
     // A detached thread that stop() waits for. False, with an ERROR line, if there can be none.
     bool startThread(InlineTask body) EXCLUDES(m_mutex);
     void endThread() EXCLUDES(m_mutex);
@@ -136,6 +160,11 @@ class DeviceManager : public NonCopyable {
 
     const Limits m_limits;
     // Settings: fixed by setDeviceList(), before other threads come.
+    bool m_printDeviceFps = false;
+    bool m_printDeviceUtilization = false;
+    bool m_snapshotEnabled = false;
+    bool m_snapshotFull = false;
+    bool m_snapshotListStyle = true;
     bool m_debugProcess = false;
     int m_updateThermalInterval = 0;  // milliseconds
     int m_maxGraphNumPerDevice = 1;

@@ -1,5 +1,6 @@
 #include "devices/DeviceManagerCreator.h"
 
+#include <chrono>
 #include <utility>
 
 #include "config/ServiceConfigParser.h"
@@ -21,6 +22,10 @@ namespace {
 
 // Simulated devices in place of real ones that the configuration does not identify.
 constexpr int kFakeDevicesWithoutIds = 3;
+constexpr uint64_t kPoolThreads = 3;
+constexpr uint64_t kPoolLimit = 20;
+// Answers to questions are quick: no manager that has stopped has anything to tell.
+constexpr std::chrono::seconds kPoolEndTime{3};
 
 void answerReset(KelmError error, int socket, void* userParam) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
@@ -35,7 +40,8 @@ std::unique_ptr<DeviceMonitorImpl> createUsualImpl() {
 }  // namespace
 
 DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
-    : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()) {
+    : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()),
+      m_threadPool("ThreadPool", kPoolThreads, kPoolLimit) {
     initDeviceMonitor();
     createDeviceManager();
     launchDeviceMonitor();  // last: all managers exist before the first plug event
@@ -156,6 +162,7 @@ bool DeviceManagerCreator::stop() {
     m_deviceMonitor.stop();
     bool stopped = true;
     for (const auto& [subclass, manager] : m_deviceManagers) stopped &= manager->stop();
+    stopped &= m_threadPool.waitIdleFor(kPoolEndTime);
     return stopped;
 }
 

@@ -9,18 +9,22 @@
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/DeviceMonitor.h"
 #include "utils/Singleton.h"
+#include "utils/ThreadPool.h"
 
 namespace kelm {
 
 class DeviceManager;
 class KelmGraph;
+struct InfoPackage;
+struct KelmStatus;
 
 // The door to the device side of the service: finds the devices at start, groups them by their
 // interface subclass, makes a manager for each group, and then routes graphs, resets and plug
 // events. With no device at start there is no manager; a device of a new subclass cannot join.
 //
 // Threads: any. The construction starts all devices and blocks until they are tried; stop() is
-// called by one thread.
+// called by one thread. Questions are answered on the own pool, so that who asks waits for no
+// manager; the info collector hears of each answer, whatever became of it.
 // Owns: the monitor and the managers.
 // Locks: none; the managers are fixed by the construction.
 class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
@@ -40,6 +44,11 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
                             void* userParam);
     void enqueueRemoveWorkerDone(WorkThread* worker) override;
 
+    void enqueueQueryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
+    void enqueueQueryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
+    // Never blocks: who collects a package waits for all that write it. It stays until then.
+    void enqueueUpdateInfoPackage(InfoPackage* package);
+
     // Ends monitor, schedulers and workers in bounded time; to be called before static objects go.
     // False: a device does not answer, and what may still use it was left behind. The process
     // should then leave without destroying its static objects.
@@ -52,12 +61,16 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     void handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type);
     // Null, with nothing logged, if there is none.
     std::shared_ptr<DeviceManager> findManager(int subclass) const;
+    void queryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
+    void queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
+    void updateInfoPackage(InfoPackage* package);
 
     int m_vendorId = 0;
     int m_productId = 0;
     DeviceMonitor m_deviceMonitor;
     std::map<int, std::shared_ptr<DeviceManager>> m_deviceManagers;  // by subclass
     unsigned long m_listenerId = 0;
+    ThreadPool m_threadPool;  // last: its jobs use the managers
 };
 
 }  // namespace kelm

@@ -47,6 +47,7 @@ bool DeviceManager::stop() {
         m_stopping = true;
         m_changed.notifyAll();
     }
+    stopPrinting();
     LOG_PROC(m_debugProcess, "to destruct device manager");
     const Deadline deadline = Clock::now() + m_limits.stop;
     // All of them are told to stop, also if one does not.

@@ -44,6 +44,7 @@ WorkThread::WorkThread(const std::string& deviceName, int32_t subclass, int32_t 
 WorkThread::~WorkThread() {
     {
         MutexLock lock(m_mutex);
+        waitResetDoneUnsafe();
         m_stopped = true;
     }
     destroySlaveWorker();
@@ -132,10 +133,20 @@ std::vector<std::string> WorkThread::getStates() {
 
 std::string WorkThread::getGraphName() {
     MutexLock lock(m_mutex);
-    for (const Slot& slot : m_slots) {
-        if (slot.graph != nullptr) return slot.graph->getName();
-    }
-    return {};
+    KelmGraph* const graph = firstGraphUnsafe();
+    return graph != nullptr ? graph->getName() : std::string();
+}
+
+std::string WorkThread::getGraphTag() {
+    MutexLock lock(m_mutex);
+    const KelmGraph* const graph = firstGraphUnsafe();
+    return graph != nullptr ? graph->getTag() : std::string();
+}
+
+std::string WorkThread::getGraphStreamId() {
+    MutexLock lock(m_mutex);
+    const KelmGraph* const graph = firstGraphUnsafe();
+    return graph != nullptr ? graph->getStreamId() : std::string();
 }
 
 std::set<KelmGraph*> WorkThread::getGraphs() {
@@ -154,8 +165,21 @@ WorkThread::Slot* WorkThread::findSlotUnsafe(KelmGraph* graph) {
     return nullptr;
 }
 
+KelmGraph* WorkThread::firstGraphUnsafe() {
+    for (const Slot& slot : m_slots) {
+        if (slot.graph != nullptr) return slot.graph;
+    }
+    return nullptr;
+}
+
+// Deliberate: nothing is assigned to the device while it is being reset.
+void WorkThread::waitResetDoneUnsafe() {
+    while (m_resetting) m_resetDone.wait(m_mutex);
+}
+
 bool WorkThread::handToSlot(KelmTask* task) {
     MutexLock lock(m_mutex);
+    waitResetDoneUnsafe();
     if (m_stopped) return false;
     Slot* const slot = findSlotUnsafe(task->getGraph());
     if (slot == nullptr) return false;
@@ -171,6 +195,7 @@ void WorkThread::enqueueLoadTensor(KelmTask* task) {
 
 void WorkThread::enqueueAbortApplyTaskDone(KelmGraph* graph) {
     MutexLock lock(m_mutex);
+    waitResetDoneUnsafe();
     // By the slave worker's own graph: the slot is freed as soon as the unload is queued.
     const auto holds = [graph](const Slot& slot) { return slot.slaveWorker->getGraph() == graph; };
     const auto slot = std::find_if(m_slots.begin(), m_slots.end(), holds);
@@ -183,6 +208,7 @@ std::shared_future<int> WorkThread::answer(int result) {
 
 std::shared_future<int> WorkThread::enqueueLoadGraph(KelmGraph* graph) {
     MutexLock lock(m_mutex);
+    waitResetDoneUnsafe();
     if (m_stopped) return answer(KELM_ERROR_DEVICE_FAILED);
     if (findSlotUnsafe(graph) != nullptr) return answer(KELM_OK);
     Slot* const slot = findSlotUnsafe(nullptr);
@@ -193,6 +219,7 @@ std::shared_future<int> WorkThread::enqueueLoadGraph(KelmGraph* graph) {
 
 std::shared_future<int> WorkThread::enqueueUnloadGraph(KelmGraph* graph, bool keepCached) {
     MutexLock lock(m_mutex);
+    waitResetDoneUnsafe();
     if (Slot* slot = findSlotUnsafe(graph)) {
         slot->graph = nullptr;
         return slot->slaveWorker->enqueueUnloadGraph(graph, keepCached);
@@ -208,6 +235,7 @@ int WorkThread::deallocateGraph(KelmGraph* graph, bool keepCached) {
 
 void WorkThread::removeInvalidGraph(KelmGraph* graph) {
     MutexLock lock(m_mutex);
+    waitResetDoneUnsafe();
     for (Slot& slot : m_slots) {
         if (slot.graph == graph) slot.graph = nullptr;
     }
@@ -232,13 +260,17 @@ void WorkThread::enqueueResetDevice(int socket, void* userParam) {
 
 void WorkThread::resetDevice(int socket, void* userParam) {
     int result = KELM_ERROR_INVALID_DEVICE;
-    {
-        // Deliberate: nothing is assigned to the device while it is being reset.
-        MutexLock lock(m_mutex);
-        if (m_device != nullptr) result = m_device->resetDevice();
-    }
+    setResetting(true);
+    if (m_device != nullptr) result = m_device->resetDevice();
+    setResetting(false);
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(
         static_cast<KelmError>(result), socket, userParam);
+}
+
+void WorkThread::setResetting(bool resetting) {
+    MutexLock lock(m_mutex);
+    m_resetting = resetting;
+    m_resetDone.notifyAll();
 }
 
 }  // namespace kelm

@@ -25,8 +25,10 @@ class SlaveWorker;
 // no slave worker.
 //
 // Threads: any. Owns: device, clones, slave workers. Borrows graphs, until their unload is done.
-// Locks: m_mutex, held across a notice to a slave worker's pool and across resetDevice(). Not held
-// while the slave workers drain: the answers that they wait for come through here.
+// Locks: m_mutex, then a graph's or a device's own; held across a notice to a slave worker's pool.
+// Not held while the slave workers drain: the answers that they wait for come through here. While
+// the device is being reset whoever would change a slot waits, and readers go on.
+// A slot is emptied before the graph's record may go, so the graph can be followed under m_mutex.
 class WorkThread : public NonCopyable {
  public:
     // Opens the device and blocks until its slave workers exist; see isReady().
@@ -51,6 +53,9 @@ class WorkThread : public NonCopyable {
     std::vector<std::string> getStates() EXCLUDES(m_mutex);
     // Name of the first assigned graph, or empty.
     std::string getGraphName() EXCLUDES(m_mutex);
+    // Tag and stream id of the same graph.
+    std::string getGraphTag() EXCLUDES(m_mutex);
+    std::string getGraphStreamId() EXCLUDES(m_mutex);
     // The assigned graphs.
     std::set<KelmGraph*> getGraphs() EXCLUDES(m_mutex);
 
@@ -77,12 +82,15 @@ class WorkThread : public NonCopyable {
     void destroySlaveWorker() EXCLUDES(m_mutex);
     std::vector<SlaveWorker*> getSlaveWorkers() EXCLUDES(m_mutex);
     Slot* findSlotUnsafe(KelmGraph* graph) REQUIRES(m_mutex);  // null: the first free one
+    KelmGraph* firstGraphUnsafe() REQUIRES(m_mutex);           // null: nothing is assigned
+    void waitResetDoneUnsafe() REQUIRES(m_mutex);
     bool handToSlot(KelmTask* task) EXCLUDES(m_mutex);
 
     // On the pool.
     int deallocateGraph(KelmGraph* graph, bool keepCached);
     void notifyLoadGraphError(SlaveWorker* slaveWorker) EXCLUDES(m_mutex);
     void resetDevice(int socket, void* userParam) EXCLUDES(m_mutex);
+    void setResetting(bool resetting) EXCLUDES(m_mutex);
     std::shared_future<int> answer(int result);
 
     const std::string m_name;
@@ -96,7 +104,9 @@ class WorkThread : public NonCopyable {
     std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
 
     Mutex m_mutex;
+    CondVar m_resetDone;
     bool m_stopped GUARDED_BY(m_mutex) = false;
+    bool m_resetting GUARDED_BY(m_mutex) = false;
     std::vector<Slot> m_slots GUARDED_BY(m_mutex);
     ThreadPool m_pool;  // last: its jobs use all of the above
 };

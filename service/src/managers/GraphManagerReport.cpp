@@ -8,6 +8,7 @@
 #include "utils/StringHelper.h"
 #include "utils/TextHelper.h"
 #include "utils/TextTable.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 namespace {
@@ -18,11 +19,8 @@ constexpr size_t kCellWidth = 17;
 std::string formatPendingTime(KelmGraph& graph) {
     KelmGraph::TimePoint start;
     if (!graph.getStartPendingTime(start)) return "00:00:00";
-    const int64_t seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now() - start)
-            .count();
-    return StringHelper::format("%02ld:%02ld:%02ld", seconds / 3600, seconds / 60 % 60,
-                                seconds % 60);
+    const auto pending = std::chrono::system_clock::now() - start;
+    return formatDurationString(std::chrono::duration_cast<std::chrono::seconds>(pending));
 }
 
 struct Row {

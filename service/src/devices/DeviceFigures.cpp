@@ -1,0 +1,53 @@
+#include "devices/DeviceFigures.h"
+
+#include "execution/KelmDeviceBase.h"
+#include "execution/WorkThread.h"
+
+namespace kelm {
+
+namespace {
+
+using TimeGetter = bool (KelmDeviceBase::*)(GraphFigures::TimePoint&);
+
+std::optional<GraphFigures::TimePoint> readTime(KelmDeviceBase& device, TimeGetter getter) {
+    GraphFigures::TimePoint time;
+    if (!(device.*getter)(time)) return std::nullopt;
+    return time;
+}
+
+// Each value for itself: the graph may go in between, and the later ones are empty then.
+SlotFigures readSlot(KelmDeviceBase& device, const std::string& state) {
+    SlotFigures slot;
+    slot.state = state;
+    slot.fps = device.getFps();
+    slot.current.name = device.getCurrentGraphName();
+    slot.current.loadTime = readTime(device, &KelmDeviceBase::getCurrentGraphLoadTime);
+    slot.current.inferences = device.getCurrentInferenceCount();
+    slot.previous.name = device.getPreviousGraphName();
+    slot.previous.loadTime = readTime(device, &KelmDeviceBase::getPreviousGraphLoadTime);
+    slot.previous.unloadTime = readTime(device, &KelmDeviceBase::getPreviousGraphUnloadTime);
+    slot.previous.inferences = device.getPreviousInferenceCount();
+    return slot;
+}
+
+}  // namespace
+
+DeviceFigures DeviceFigures::read(WorkThread& worker) {
+    KelmDeviceBase& root = *worker.getDevice();
+    DeviceFigures figures;
+    figures.deviceId = root.getDeviceId();
+    figures.name = root.getName();
+    figures.utilization = root.getDeviceUtilization();
+    figures.thermal = root.getThermal();
+    figures.thermalThrottlingLevel = root.getThermalThrottlingLevel();
+    figures.totalFps = worker.getTotalFps();
+    figures.cachedGraphs = root.getCachedGraphNames();
+    const std::vector<KelmDeviceBase*> devices = worker.getDevices();
+    const std::vector<std::string> states = worker.getStates();  // one for each device
+    for (size_t slot = 0; slot < devices.size(); ++slot) {
+        figures.slots.push_back(readSlot(*devices[slot], states.at(slot)));
+    }
+    return figures;
+}
+
+}  // namespace kelm
