@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "tools/kelmctl/JsonText.h"
 #include "utils/FileHelper.h"
 #include "utils/TextHelper.h"
 
@@ -213,7 +214,7 @@ std::string BenchReport::json() const {
         json["graphs"].push_back(sumOfGraph(i).json());
     }
     json["results_per_second"] = rate;
-    return json.dump(2) + "\n";
+    return toJsonText(json, 2) + "\n";
 }
 
 }  // namespace kelm::ctl

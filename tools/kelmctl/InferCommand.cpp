@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "client/Client.h"
+#include "tools/kelmctl/Require.h"
 
 namespace kelm::ctl {
 
@@ -24,16 +25,6 @@ void writeAll(const std::string& path, std::span<const std::byte> bytes) {
     file.write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
     if (!file.flush()) throw std::runtime_error("cannot write " + path);
-}
-
-void require(const client::Error& error) {
-    if (error) throw std::runtime_error(error.text());
-}
-
-template <class T>
-T take(client::Result<T> result) {
-    if (!result) throw std::runtime_error(result.error().text());
-    return std::move(result.value());
 }
 
 }  // namespace

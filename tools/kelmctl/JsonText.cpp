@@ -1,0 +1,19 @@
+#include "tools/kelmctl/JsonText.h"
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+namespace kelm::ctl {
+
+std::string toJsonText(const nlohmann::json& value, int indentation) {
+    using Json = nlohmann::json;
+    return value.dump(indentation, ' ', true, Json::error_handler_t::replace);
+}
+
+double toJsonNumber(double value) {
+    constexpr double kDecimals = 1000.0;
+    const double scaled = value * kDecimals;
+    return std::isfinite(scaled) ? std::round(scaled) / kDecimals : 0.0;
+}
+
+}  // namespace kelm::ctl
