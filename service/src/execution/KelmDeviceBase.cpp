@@ -3,6 +3,8 @@
 #include "config/ServiceConfigParser.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
+#include "records/KelmTask.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -67,7 +69,9 @@ int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
     if (compareGraph(getCurrentGraph(), graph)) return KELM_OK;
     // The leaving graph's statistics move on before the new graph starts.
     resetGraphInfo();
+    const uint64_t trace = traceBegin("load_graph_", graph->getId(), "_device_", m_deviceId.load());
     const int rc = allocateGraphImpl(graph);
+    TraceEndCsv(trace);
     if (rc != KELM_OK) {
         graph->increaseLoadFailCount();
         resetGraphInfo();
@@ -80,7 +84,10 @@ int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
 int KelmDeviceBase::deallocateGraph(KelmGraph* graph, bool keepCached) {
     if (graph == nullptr) return KELM_ERROR_INVALID_PARAM;
     MutexLock lock(m_deviceMutex);
+    const uint64_t trace =
+        traceBegin("unload_graph_", graph->getId(), "_device_", m_deviceId.load());
     const int rc = deallocateGraphImpl(graph, keepCached);
+    TraceEndCsv(trace);
     if (getCurrentGraph() == graph) resetGraphInfo();
     // A device that cannot release a graph is done for. The flag is not tested above, so that
     // graphs can still be taken off a failed device.
@@ -97,6 +104,10 @@ void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
 int KelmDeviceBase::loadTensor(KelmTask* task) {
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
+    if (isTracerOn()) {
+        task->finishExecutionTrace();  // of an earlier attempt, which gave no result
+        task->setExecutionTraceIndex(traceBegin("task_", task->getId(), "_inference"));
+    }
     if (m_parent != nullptr) m_parent->increaseCacheTaskNum();
     const int rc = loadTensorImpl(task);
     if (rc != KELM_OK && m_parent != nullptr) m_parent->decreaseCacheTaskNum();
@@ -107,6 +118,7 @@ int KelmDeviceBase::getResult(KelmTask* task) {
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
     const int rc = getResultImpl(task);
+    task->finishExecutionTrace();
     // Deliberate: a failed result counts as a result, since the device has answered.
     countResult();
     if (m_parent != nullptr) m_parent->decreaseCacheTaskNum();

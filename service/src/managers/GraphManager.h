@@ -22,6 +22,8 @@ namespace kelm {
 
 class KelmGraph;
 class GraphBlob;
+struct InfoPackage;
+struct KelmStatus;
 
 // Owns every graph record. Merges identical graphs, so that one blob is loaded once however many
 // clients ask for it, and deletes a record only when its tasks have ended and no device holds it.
@@ -40,8 +42,8 @@ class GraphBlob;
 //
 // Threads: handlers run on the pool's one thread; getGraphById() on any, onPrintInfo() on the
 // printer's, removeAllGraphs() on the stopping one.
-// Owns: the records. Locks: m_mutex, then a graph's, then a pool's. No call that can block is made
-// under m_mutex.
+// Owns: the records. Locks: m_mutex, then a graph's, the client manager's, a pool's. No call that
+// can block is made under m_mutex.
 class GraphManager : public Singleton<GraphManager>,
                      public PrintInfoListener,
                      public GraphPlacementListener {
@@ -73,6 +75,11 @@ class GraphManager : public Singleton<GraphManager>,
     // The way down, after the clients have gone: takes every graph out of existence and waits, for
     // a bounded time, until the last record is deleted. Nothing is answered any more afterwards.
     void removeAllGraphs() EXCLUDES(m_mutex);
+
+    // Name and rates of every loaded graph; then reports its part.
+    void enqueueQueryGraphStatus(const std::shared_ptr<KelmStatus>& status);
+    // The same for the package, which lives until the report. Never blocks.
+    void enqueueUpdateInfoPackage(InfoPackage* package);
 
     void onPrintInfo() override EXCLUDES(m_mutex);
 
@@ -123,8 +130,9 @@ class GraphManager : public Singleton<GraphManager>,
 
     void destroyGraph(uint64_t clientId, uint64_t graphId, const Response& response)
         EXCLUDES(m_mutex);
-    KelmError giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId, const Response& response)
-        REQUIRES(m_mutex);
+    // On success `trace` is the open trace of the graph's end.
+    KelmError giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId, const Response& response,
+                                uint64_t& trace) REQUIRES(m_mutex);
     // Takes the graph out of all lists but the last and starts both sides of its end. Requests that
     // still waited for its load are released.
     void retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
@@ -148,6 +156,8 @@ class GraphManager : public Singleton<GraphManager>,
     // After the way down nobody is left to answer to: releases the request and returns true.
     bool dropResponse(const Response& response);
 
+    void queryGraphStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
+    void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
     void printGraphFps() REQUIRES(m_mutex);
     void snapshot(const char* label) REQUIRES(m_mutex);
 

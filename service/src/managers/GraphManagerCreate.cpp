@@ -14,6 +14,7 @@
 #include "utils/StringHelper.h"
 #include "utils/ThreadUtils.h"
 #include "utils/TimeHelper.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 namespace {
@@ -140,7 +141,9 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(const Creat
         LOG_ERROR("new operation error");
         return CreateAnswer{nullptr, KELM_ERROR_OUT_OF_MEMORY};
     }
+    record->setLoadTraceIndex(traceBegin("load_graph_", id));
     dumpGraph(*record);
+    // Deliberate: the trace of a load that never starts stays open, and so is not in the files.
     if (!getGraphInfo(*record)) {
         LOG_ERROR("Error: invalid format of graph(%lu)", id);
         return CreateAnswer{nullptr, KELM_ERROR_INVALID_GRAPH_FORMAT};
@@ -197,10 +200,12 @@ void GraphManager::dumpGraph(KelmGraph& graph) {
 
 void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
     std::vector<Response> waiting;
+    uint64_t trace = 0;
     {
         MutexLock lock(m_mutex);
         const auto entry = m_responseLists.find(graph);
         if (entry == m_responseLists.end()) return;  // destroyed while it loaded
+        trace = graph->getLoadTraceIndex();
         waiting = std::move(entry->second);
         m_responseLists.erase(entry);
         if (error == KELM_OK) {
@@ -213,6 +218,7 @@ void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
     }
     const CreateAnswer answer{error == KELM_OK ? graph : nullptr, error};
     for (const Response& response : waiting) sendCreateGraphResponse(answer, response);
+    TraceEndCsv(trace);
 }
 
 void GraphManager::failLoadUnsafe(KelmGraph* graph, KelmError error) {

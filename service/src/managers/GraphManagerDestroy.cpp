@@ -9,6 +9,7 @@
 #include "protocol/src/MessagePtr.h"
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 namespace {
@@ -27,15 +28,17 @@ void GraphManager::destroyGraph(uint64_t clientId, uint64_t graphId, const Respo
         return;
     }
     KelmError error = KELM_OK;
+    uint64_t trace = 0;
     {
         MutexLock lock(m_mutex);
-        error = giveUpGraphUnsafe(clientId, graphId, response);
+        error = giveUpGraphUnsafe(clientId, graphId, response, trace);
     }
     sendDestroyGraphResponse(error, response);
+    if (error == KELM_OK) TraceEndCsv(trace);
 }
 
 KelmError GraphManager::giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId,
-                                          const Response& response) {
+                                          const Response& response, uint64_t& trace) {
     const auto entry = m_graphs.find(graphId);
     if (entry == m_graphs.end()) {
         LOG_ERROR("Error: invalid graphId(%lu)", graphId);
@@ -46,6 +49,7 @@ KelmError GraphManager::giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId,
         LOG_ERROR("Error: client(%lu) has no rights on graph(%lu)", clientId, graphId);
         return KELM_ERROR_NO_RIGHTS;
     }
+    trace = traceBegin("unload_graph_", graphId);
     if (graph->isRunning()) {
         // Deliberate: whoever gives up a share loses its tasks on every graph, and the graph stays
         // loaded for the others.
@@ -73,6 +77,7 @@ void GraphManager::releaseWaitingUnsafe(KelmGraph* graph) {
         kelmReleaseMessage(static_cast<KelmMsgBase*>(response.userParam));
     }
     m_responseLists.erase(waiting);
+    TraceEndCsv(graph->getLoadTraceIndex());  // the notice of the load's end finds no entry
 }
 
 void GraphManager::notifyDeallocatedGraph(KelmGraph* graph) {

@@ -15,6 +15,7 @@
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -31,6 +32,17 @@ std::string generateMessageTag(const KelmMsgBase& message) {
         return "Event(evtSeqNo=" + std::to_string(event.evtSeqNo) + ")";
     }
     return "";
+}
+
+// The task whose end the message tells, 0 for any other message.
+uint64_t getEndedTaskId(const KelmMsgBase& message) {
+    if (message.type == KELM_MESSAGE_TASK_DONE_MSG) {
+        return reinterpret_cast<const KelmMsgRspTaskDone&>(message).taskId;
+    }
+    if (message.type == KELM_MESSAGE_TASK_DONE_EVT) {
+        return reinterpret_cast<const KelmMsgEvtTaskDone&>(message).taskId;
+    }
+    return 0;
 }
 
 std::string errnoText() { return std::generic_category().message(errno); }
@@ -85,6 +97,7 @@ void ResultDispatcher::sendResponse(uint64_t clientId, int socket, MessagePtr me
     ClientSender* sender = getDedicatedThreadPool(clientId);
     if (sender == nullptr) {
         if (createdTaskId != 0) dropHeldTaskDone(createdTaskId);
+        finishTaskLifeTrace(getEndedTaskId(*message));
         sendWithoutPool(clientId, socket, std::move(message));
         return;
     }
@@ -118,6 +131,12 @@ void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr
 }
 
 void ResultDispatcher::sendMessage(ClientSender& sender, int socket, MessagePtr message) {
+    const uint64_t endedTaskId = getEndedTaskId(*message);
+    writeMessage(sender, socket, std::move(message));
+    finishTaskLifeTrace(endedTaskId);
+}
+
+void ResultDispatcher::writeMessage(ClientSender& sender, int socket, MessagePtr message) {
     const uint64_t clientId = sender.getClientId();
     ClientManager& clients = ClientManager::instance();
     std::shared_ptr<ClientConnection> connection = clients.getConnectionByClientId(clientId);
@@ -154,7 +173,13 @@ void ResultDispatcher::notifySendCreateTaskReponseDone(ClientSender& sender, uin
 
 void ResultDispatcher::dropHeldTaskDone(uint64_t taskId) {
     KelmTask* task = nullptr;
-    if (TaskManager::instance().notifyCreateResponseSent(taskId, task)) destroyTask(task);
+    if (!TaskManager::instance().notifyCreateResponseSent(taskId, task)) return;
+    finishTaskLifeTrace(taskId);
+    destroyTask(task);
+}
+
+void ResultDispatcher::finishTaskLifeTrace(uint64_t taskId) {
+    if (taskId != 0 && isTracerOn()) TaskManager::instance().finishTaskLifeTrace(taskId);
 }
 
 void ResultDispatcher::destroyTask(KelmTask* task) {

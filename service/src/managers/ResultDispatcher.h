@@ -23,6 +23,7 @@ class ClientSender;
 class KelmClient;
 class KelmGraph;
 class KelmTask;
+struct KelmStatus;
 
 // Builds every message that leaves the service and decides on which thread it is written. Building
 // is serial, on the main pool; writing is per client, so that a client that reads slowly stalls its
@@ -61,6 +62,11 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
                                             void* userParam);
     void enqueueSendResetDeviceResponse(KelmError error, int socket, void* userParam) override;
     void enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) override;
+    // The record is complete and does not change any more.
+    void enqueueSendQueryStatusResponse(const std::shared_ptr<KelmStatus>& status, int socket,
+                                        void* userParam);
+    // Fills in the rate of the service and reports that.
+    void enqueueQueryServiceFps(const std::shared_ptr<KelmStatus>& status);
     // The client's record is gone.
     void enqueueRemoveDedicatedThreadPool(uint64_t clientId);
 
@@ -70,7 +76,14 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void onPrintInfo() override;
 
  private:
-    struct Answer;
+    // One answer to a request.
+    struct Answer {
+        KelmMsgType type;
+        uint64_t clientId;
+        uint64_t id;  // what it is about, for the log
+        KelmError error;
+        int socket;
+    };
     struct GraphSizes;
 
     // Building, on the main pool.
@@ -93,8 +106,12 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void sendResetDeviceResponse(KelmError error, int socket, void* userParam)
         REQUIRES(m_onMainPool);
     void sendTaskDoneResponse(KelmTask* task, KelmError error) REQUIRES(m_onMainPool);
+    void sendQueryStatusResponse(const KelmStatus& status, int socket, void* userParam)
+        REQUIRES(m_onMainPool);
+    void queryServiceFps(const std::shared_ptr<KelmStatus>& status);
 
-    // False, with the reason logged, when the request gets no answer.
+    // Both false, with the reason logged, when the request gets no answer.
+    static bool hasRequest(const MessagePtr& request);
     bool checkInputParameters(const Answer& answer, const KelmMsgReq& request);
     // The response with its head filled, or null when it is not to be sent.
     MessagePtr makeResponse(const Answer& answer, const KelmMsgReq& request);
@@ -112,6 +129,9 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     // For a client without a pool: written by "ResDpSend", or dropped if the client is leaving.
     void sendWithoutPool(uint64_t clientId, int socket, MessagePtr message) REQUIRES(m_onMainPool);
     void sendMessage(ClientSender& sender, int socket, MessagePtr message);
+    void writeMessage(ClientSender& sender, int socket, MessagePtr message);
+    // The task's last message has been written or dropped; 0 is no task.
+    static void finishTaskLifeTrace(uint64_t taskId);
     void notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId, int socket);
     // The done message that waited for the create response is dropped with its task.
     void dropHeldTaskDone(uint64_t taskId);

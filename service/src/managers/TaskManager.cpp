@@ -10,6 +10,7 @@
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 #include "records/KelmTaskParam.h"
+#include "reporting/ReportPart.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "scheduling/tasks/TaskSchedulerFactory.h"
 #include "utils/Log.h"
@@ -53,6 +54,10 @@ void TaskManager::enqueueQueryTaskStatus(uint64_t clientId, uint64_t taskId, int
     m_pool->post([this, clientId, taskId, response = Response{userParam, socket}] {
         queryTaskStatus(clientId, taskId, response);
     });
+}
+
+void TaskManager::enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& status) {
+    m_pool->post([this, status] { queryTaskScheduler(status); });
 }
 
 void TaskManager::enqueueDestroyTask(KelmTask* task) {
@@ -108,6 +113,7 @@ void TaskManager::createTask(uint64_t clientId, uint64_t graphId,
     auto task =
         std::make_unique<KelmTask>(taskId, client, graph, taskParam.release(),
                                    static_cast<const KelmMsgReqInferTask*>(response.userParam));
+    m_taskTraces.begin(taskId);
     enterTask(task.release(), clientId, response);
 }
 
@@ -241,6 +247,12 @@ void TaskManager::queryTaskStatus(uint64_t clientId, uint64_t taskId, const Resp
         if (task != nullptr) status = task->getStatus();
     }
     sendQueryTaskStatusResponse(status, error, response);
+}
+
+void TaskManager::queryTaskScheduler(const std::shared_ptr<KelmStatus>& status) {
+    reportStatusPart(status, "TaskManager", [this](KelmStatus& record) {
+        if (m_scheduler) record.taskSchedulerName = m_scheduler->getName();
+    });
 }
 
 KelmTask* TaskManager::findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId,

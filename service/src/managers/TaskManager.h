@@ -11,6 +11,7 @@
 
 #include "execution/TaskExchange.h"
 #include "managers/RecycledMap.h"
+#include "managers/TaskTraces.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/MessagePtr.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
@@ -25,6 +26,7 @@ class KelmGraph;
 class KelmTask;
 class KelmTaskParam;
 class TaskSchedulerBase;
+struct KelmStatus;
 
 // Owns every task. Makes one for each infer request, hands it to the task scheduler, answers cancel
 // and status requests, and destroys tasks. Here the graph manager and the client manager learn that
@@ -55,6 +57,9 @@ class TaskManager final : public Singleton<TaskManager>,
     void enqueueCancelTask(uint64_t clientId, uint64_t taskId, int socket, void* userParam);
     void enqueueQueryTaskStatus(uint64_t clientId, uint64_t taskId, int socket, void* userParam);
 
+    // Tells the scheduler's name; then reports that.
+    void enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& status);
+
     void enqueueDestroyTask(KelmTask* task) override;
     void enqueueReturnTask(KelmTask* task) override;
     void enqueueScheduleTaskDone(KelmTask* task, bool accepted) override;
@@ -73,6 +78,11 @@ class TaskManager final : public Singleton<TaskManager>,
     // The create response of the task has been written, or will never be. A message in the result
     // obliges the caller to send it and then to destroy `task`; otherwise `task` is null.
     MessagePtr notifyCreateResponseSent(uint64_t taskId, KelmTask*& task) EXCLUDES(m_mutex);
+
+    // The task's life, as the tracer sees it, is over: its last message has been written or
+    // dropped. A task that never gets such a message ends with its record. An unknown id does
+    // nothing.
+    void finishTaskLifeTrace(uint64_t taskId) { m_taskTraces.finish(taskId); }
 
     // True when both pools have nothing to do within the time, which is for each of them.
     bool waitIdleFor(std::chrono::milliseconds time);
@@ -129,6 +139,7 @@ class TaskManager final : public Singleton<TaskManager>,
     // Takes the task off the counts of those who wait for their last one.
     void removeTask(const DyingTask& dying, bool& clientDone, bool& graphDone) EXCLUDES(m_mutex);
 
+    void queryTaskScheduler(const std::shared_ptr<KelmStatus>& status);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
     int cancelRelatedTasks(uint64_t clientId, bool departing, std::vector<KelmTask*>& finished)
         EXCLUDES(m_mutex);
@@ -162,6 +173,7 @@ class TaskManager final : public Singleton<TaskManager>,
     std::vector<const DyingTask*> m_dyingTasks GUARDED_BY(m_mutex);  // one per destroying thread
     std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);      // departing clients
     std::map<KelmGraph*, GraphCount> m_graphTaskCounts GUARDED_BY(m_mutex);  // departing graphs
+    TaskTraces m_taskTraces;
     // Atomic: set once in the destructor, and read wherever an answer would go out.
     std::atomic<bool> m_stopping{false};
     // Last, and emptied by the destructor in an order of its own.

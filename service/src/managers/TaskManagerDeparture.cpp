@@ -8,6 +8,7 @@
 #include "records/KelmTask.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "utils/Log.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -52,6 +53,8 @@ bool TaskManager::unlinkTaskUnsafe(KelmTask* task, DyingTask& dying) {
 
 void TaskManager::finishTask(DyingTask& dying) {
     LOG_FREQ(m_debugProcess, "%s", dying.summary);
+    // Else the sender of its done message ends it.
+    if (isTracerOn() && !dying.task->hasTaskDoneResponse()) finishTaskLifeTrace(dying.id);
     delete dying.task;  // without the mutex: closes descriptors and unmaps
     bool clientDone = false;
     bool graphDone = false;
@@ -98,7 +101,7 @@ int TaskManager::cancelRelatedTasks(uint64_t clientId, bool departing,
         ++count;
         // The create response of a client that has gone may never be written, so its done message
         // must not wait for it: the task has run and only that message kept it.
-        if (departing && task->setSendCreateResponseDone()) finished.push_back(task);
+        if (departing && task->dropTaskDoneResponse()) finished.push_back(task);
     }
     for (const DyingTask* dying : m_dyingTasks) {
         if (dying->clientId == clientId) ++count;

@@ -77,6 +77,9 @@ class KelmGraph : public NonCopyable {
     void setTimeTakensSize(uint64_t size) { m_timeTakensSize = size; }
     void setDebugBufferSize(uint64_t size) { m_debugBufferSize = size; }
     void setThermalBufferSize(uint64_t size) { m_thermalBufferSize = size; }
+    // The tracer's handle of the first load; set before the graph is shared.
+    uint64_t getLoadTraceIndex() const { return m_loadTraceIndex; }
+    void setLoadTraceIndex(uint64_t index) { m_loadTraceIndex = index; }
     // Values below 1 are ignored.
     void setMaxGraphNumPerDevice(int32_t number) EXCLUDES(m_mutex);
     void setMemReq(uint32_t megabytes) EXCLUDES(m_mutex);
@@ -141,6 +144,7 @@ class KelmGraph : public NonCopyable {
     uint64_t m_timeTakensSize = 0;
     uint64_t m_debugBufferSize = 0;
     uint64_t m_thermalBufferSize = 0;
+    uint64_t m_loadTraceIndex = 0;
 
     Mutex m_mutex;
     std::string m_name GUARDED_BY(m_mutex);

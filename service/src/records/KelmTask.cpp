@@ -10,6 +10,7 @@
 #include "utils/Log.h"
 #include "utils/StringHelper.h"
 #include "utils/TimeHelper.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -52,6 +53,7 @@ KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskPa
 
 // The counts of client and graph go down after the last use of the two: from then on they may go.
 KelmTask::~KelmTask() {
+    finishExecutionTrace();  // of an attempt that gave no result
     if (m_taskParam) {
         LOG_DEBUG("[TrackFd] close: clientId=%lu graphId=%lu inFd=%d outFd=%d auxFd=%d", m_clientId,
                   m_graph->getId(), m_taskParam->getInputBuffer().fd,
@@ -125,6 +127,7 @@ std::string KelmTask::getTimeToTaskQueue() {
 
 bool KelmTask::setTaskDoneResponse(MessagePtr& message) {
     MutexLock lock(m_mutex);
+    m_hasTaskDoneMsg = true;
     if (m_isCreateRspSent) return false;
     m_taskDoneMsg = std::move(message);
     return true;
@@ -134,6 +137,24 @@ MessagePtr KelmTask::setSendCreateResponseDone() {
     MutexLock lock(m_mutex);
     m_isCreateRspSent = true;
     return std::move(m_taskDoneMsg);
+}
+
+bool KelmTask::hasTaskDoneResponse() {
+    MutexLock lock(m_mutex);
+    return m_hasTaskDoneMsg;
+}
+
+bool KelmTask::dropTaskDoneResponse() {
+    MutexLock lock(m_mutex);
+    m_isCreateRspSent = true;
+    const MessagePtr held = std::move(m_taskDoneMsg);
+    if (held) m_hasTaskDoneMsg = false;
+    return held != nullptr;
+}
+
+void KelmTask::finishExecutionTrace() {
+    const uint64_t index = m_executionTraceIndex.exchange(kNoTrace);
+    if (index != kNoTrace) TraceEndCsv(index);
 }
 
 std::string KelmTask::getSummary() {

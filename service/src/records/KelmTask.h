@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -75,6 +76,18 @@ class KelmTask : public NonCopyable {
     // to destroy the task.
     MessagePtr setSendCreateResponseDone() EXCLUDES(m_mutex);
 
+    // Whether a done message was made, which somebody sends or the task holds.
+    bool hasTaskDoneResponse() EXCLUDES(m_mutex);
+    // The create response will never be out. True if a done message was held, which goes too and
+    // obliges the caller to destroy the task.
+    bool dropTaskDoneResponse() EXCLUDES(m_mutex);
+
+    // The tracer's handle of the execution on a device.
+    uint64_t getExecutionTraceIndex() const { return m_executionTraceIndex.load(); }
+    void setExecutionTraceIndex(uint64_t index) { m_executionTraceIndex.store(index); }
+    // Ends that trace if it is open.
+    void finishExecutionTrace();
+
     // One line of the phases in milliseconds, for the log.
     std::string getSummary() EXCLUDES(m_mutex);
     // One line for diagnostics.
@@ -92,12 +105,16 @@ class KelmTask : public NonCopyable {
     KelmGraph* const m_graph;
     std::unique_ptr<KelmTaskParam> m_taskParam;
     const KelmMsgReqInferTask m_createTaskRequest;
+    static constexpr uint64_t kNoTrace = UINT64_MAX;
+    // Atomic: several owners may end the trace, and only one of them does.
+    std::atomic<uint64_t> m_executionTraceIndex{kNoTrace};
 
     Mutex m_mutex;
     int32_t m_loadCount GUARDED_BY(m_mutex) = 0;
     int32_t m_status GUARDED_BY(m_mutex) = TASK_STATUS_CREATED;
     bool m_isCanceled GUARDED_BY(m_mutex) = false;
     bool m_isCreateRspSent GUARDED_BY(m_mutex) = false;
+    bool m_hasTaskDoneMsg GUARDED_BY(m_mutex) = false;  // also after it was handed out
     MessagePtr m_taskDoneMsg GUARDED_BY(m_mutex);
     TimePoint m_timeToKelmHal GUARDED_BY(m_mutex);
     TimePoint m_timeToTaskQueue GUARDED_BY(m_mutex);
