@@ -258,10 +258,13 @@ TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {
 }
 
 TEST_F(DeviceSchedulerTest, FactoryFallsBackToTheDefaultAndIgnoresCase) {
-    for (const char* name :
-         {"squeeze2", "SQueeZe2", "", "no such kind", static_cast<const char*>(nullptr)}) {
-        SCOPED_TRACE(name != nullptr ? name : "(null)");
-        EXPECT_EQ(DeviceSchedulerFactory::createScheduler(name)->getName(), "DS.Squeeze2");
+    const std::pair<const char*, const char*> cases[] = {
+        {"tag", "DS.Tag"},          {"sTReam", "DS.Stream"}, {"SQueeZe2", "DS.Squeeze2"},
+        {"no kind", "DS.Squeeze2"}, {"", "DS.Squeeze2"},     {nullptr, "DS.Squeeze2"},
+    };
+    for (const auto& [keyword, name] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(DeviceSchedulerFactory::createScheduler(keyword)->getName(), name);
     }
 }
 

@@ -1,0 +1,51 @@
+#include "scheduling/devices/DeviceSchedulerStream.h"
+
+#include "schedulers/LazyRig.h"
+
+namespace kelm {
+namespace {
+
+class DeviceSchedulerStreamTest : public LazyRig<DeviceSchedulerStream> {};
+
+class DeviceSchedulerStreamOrder : public DeviceSchedulerStreamTest,
+                                   public ::testing::WithParamInterface<LazyCase> {};
+
+TEST_P(DeviceSchedulerStreamOrder, Holds) {
+    EXPECT_EQ(play(GetParam().script), GetParam().outcome);
+}
+
+const LazyCase kCases[] = {
+    {"GraphTakesMoreThanOneDevice", "+a +b L1 | +c | L2", "1x1 ok1 | 1x1 | 1x1 2x1 ok2"},
+    {"GraphWithoutDeviceIsNotRefused", "L1 | +a L2 | L3", "fail1=-122 | 2x1 ok2 | 2x1 fail3=-122"},
+    {"LoadCannotUseWhatTheSamePassFrees", "+a L1 | U1 L2", "1x1 ok1 | 2x1 ok2 gone1"},
+    {"GraphIsNotMovedToASpareDevice", "+a L1 | +b | -a", "1x1 ok1 | 1x1 | 1x1"},
+    {"NewGraphGoesBeforeADisplacedOne", "+a L1 | -a | +b L2", "1x1 ok1 | | 1x1 fail2=-122"},
+    {"DisplacedGraphIsLoadedAfterItsEnd", "+a L1 | -a | U1 | +b | L2",
+     "1x1 ok1 | | gone1 | | 2x1 ok2"},
+    {"GraphUnloadedWithItsDeviceIsDisplaced", "+a L1 | U1 -a | +b | L2",
+     "1x1 ok1 | gone1 | | 2x1 ok2"},
+    {"FailedMoveLosesTheGraph", "+a L1 | -a +b !b | ~b", "1x1 ok1 | | 1x1"},
+    {"FailedMoveIsRepeatedAfterItsEnd", "+a L1 | -a +b !b | U1 | ~b | L2",
+     "1x1 ok1 | | gone1 | | 2x1 ok2"},
+    {"MovedGraphIsMovedAgain", "+a L1 | +b -a | +c | -b | L2",
+     "1x1 ok1 | 1x1 | 1x1 | 1x1 | 1x1 fail2=-122"},
+    {"FailedLoadLeavesItsDeviceTaken", "+a !a L1 | ~a L2", "fail1=-130 | 2x1 ok2"},
+    {"DeadDeviceKeepsADisplacedGraph", "+a L1 | -a +b ?b | ~b | +c", "1x1 ok1 | | | 1x1"},
+    {"CanceledLoadTakesTheDevice", "+a L1 U1 | L2", "gone1 | 2x1 ok2"},
+};
+INSTANTIATE_TEST_SUITE_P(Catches, DeviceSchedulerStreamOrder, ::testing::ValuesIn(kCases), faultOf);
+
+TEST_F(DeviceSchedulerStreamTest, OneOfTwoDisplacedGraphsWaitsForTheNextDevice) {
+    EXPECT_EQ(play("+a +b L1 L2 | -a -b +c").size(), std::string("1x1 2x1 ok1 ok2 | 1x1").size());
+    EXPECT_EQ(play("+d"), "1x1 2x1");
+}
+
+TEST_F(DeviceSchedulerStreamTest, UnloadOfAGraphThatIsNowhereIsToldAndConfirmed) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(play("+a L1 | -a | U1"), "1x1 ok1 | | gone1");
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                ::testing::HasSubstr("Error: cannot find loaded graph graph1"));
+}
+
+}  // namespace
+}  // namespace kelm

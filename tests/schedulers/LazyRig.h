@@ -1,0 +1,135 @@
+#pragma once
+
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "schedulers/SchedulerRig.h"
+#include "utils/StringHelper.h"
+
+namespace kelm {
+
+// Plays a script of events to a scheduler that acts on requests only, a pass at a time on the
+// test's thread, and tells what came of it. Records go with the notice that lets them go, as at the
+// graph manager, so that a pointer that is kept too long is found.
+//
+//   +a   device a comes               L1   load graph 1
+//   -a   device a goes                U1   unload graph 1
+//   !a   device a refuses graphs      |    a pass; there is one at the end, too
+//   ?a   ... as a dead one does
+//   ~a   device a takes graphs again
+//
+// The outcome has for each pass the graphs with their number of devices and the notices:
+// "1x2 ok1 | 1x2 fail2=-122 | gone1".
+template <class Scheduler>
+class LazyRig : public SchedulerRig {
+ protected:
+    static constexpr int kNoMemory = -130;
+
+    class Stepped : public Scheduler {
+     public:
+        Stepped() : Scheduler("DS.Test") {}
+        void pass() {
+            this->m_onSchedulingThread.assertHeld();
+            this->makePass();
+        }
+    };
+
+    // Tells a new graph, by its number, what it asks for.
+    virtual void dress(KelmGraph&, char) {}
+
+    std::string play(const std::string& script) {
+        std::istringstream events(script);
+        std::string outcome;
+        for (std::string event; events >> event;) {
+            if (event == "|") {
+                outcome += pass() + "| ";
+            } else {
+                act(event[0], event[1]);
+            }
+        }
+        outcome += pass();
+        if (!outcome.empty()) outcome.pop_back();
+        return outcome;
+    }
+
+    void act(char verb, char name) {
+        const std::string device(1, name);
+        if (verb == '+') m_scheduler.addWorker(m_workers[name] = makeWorker(device, 1));
+        if (verb == '-') {
+            m_scheduler.removeWorker(m_workers[name]);
+            m_workers.erase(name);
+        }
+        if (verb == '!') m_devices[device].failAll(DeviceCall::Allocate, kNoMemory);
+        if (verb == '?') m_devices[device].failAll(DeviceCall::Allocate, KELM_ERROR_DEVICE_FAILED);
+        if (verb == '~') m_devices[device].failAll(DeviceCall::Allocate, KELM_OK);
+        if (verb == 'L') {
+            m_live[name] = makeGraph();
+            dress(*m_live[name], name);
+            m_scheduler.loadGraph(m_live[name]);
+        }
+        if (verb == 'U') m_scheduler.unloadGraph(m_live[name]);
+    }
+
+    std::string pass() {
+        m_scheduler.pass();
+        std::string outcome;
+        for (const auto& [name, graph] : m_live) {
+            const size_t devices = countDevices(graph);
+            if (devices > 0) outcome += StringHelper::format("%cx%lu ", name, devices);
+        }
+        const auto loads = m_placement.loads();
+        for (; m_loadsSeen < loads.size(); ++m_loadsSeen) {
+            const auto [graph, error] = loads[m_loadsSeen];
+            const char name = nameOf(graph);
+            outcome += error == KELM_OK ? StringHelper::format("ok%c ", name)
+                                        : StringHelper::format("fail%c=%d ", name, error);
+            if (error != KELM_OK) bury(name);
+        }
+        const auto unloads = m_placement.unloads();
+        for (; m_unloadsSeen < unloads.size(); ++m_unloadsSeen) {
+            const char name = nameOf(unloads[m_unloadsSeen]);
+            outcome += StringHelper::format("gone%c ", name);
+            bury(name);
+        }
+        return outcome;
+    }
+
+    size_t countDevices(KelmGraph* graph) {
+        return static_cast<size_t>(std::ranges::count_if(
+            m_workers, [&](auto& entry) { return entry.second->getGraphs().contains(graph); }));
+    }
+
+    std::map<char, WorkThread*> m_workers;
+    std::map<char, KelmGraph*> m_live;
+    Stepped m_scheduler;
+
+ private:
+    char nameOf(KelmGraph* graph) {
+        for (const auto& [name, live] : m_live) {
+            if (live == graph) return name;
+        }
+        return '?';
+    }
+    void bury(char name) {
+        ASSERT_EQ(countDevices(m_live[name]), 0u);
+        deleteGraph(m_live[name]);
+        m_live.erase(name);
+    }
+
+    size_t m_loadsSeen = 0;
+    size_t m_unloadsSeen = 0;
+};
+
+// One script, named after the fault that it would catch.
+struct LazyCase {
+    const char* fault;
+    const char* script;
+    const char* outcome;
+};
+
+inline std::string faultOf(const ::testing::TestParamInfo<LazyCase>& info) {
+    return info.param.fault;
+}
+
+}  // namespace kelm
