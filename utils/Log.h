@@ -89,6 +89,8 @@ class Log : public Singleton<Log> {
 // The same with the name of the object that logs.
 #define LOG_PROC_OF(object, enabled, ...) \
     KELM_LOG(enabled, ::kelm::LOG_LEVEL_PROC, "PROC", object, __VA_ARGS__)
+#define LOG_FREQ_OF(object, enabled, ...) \
+    KELM_LOG(enabled, ::kelm::LOG_LEVEL_FREQ, "FREQ", object, __VA_ARGS__)
 #define LOG_INFO_OF(object, ...) KELM_LOG(true, ::kelm::LOG_LEVEL_INFO, "INFO", object, __VA_ARGS__)
 #define LOG_ERROR_OF(object, ...) \
     KELM_LOG(true, ::kelm::LOG_LEVEL_ERROR, "ERROR", object, __VA_ARGS__)

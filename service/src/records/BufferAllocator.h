@@ -1,6 +1,7 @@
 #pragma once
 
 #include "protocol/src/KelmError.h"
+#include "utils/Mutex.h"
 #include "utils/Singleton.h"
 
 namespace kelm {
@@ -9,12 +10,32 @@ struct KelmBuffer;
 
 // Turns the description of a tensor buffer that came by descriptor into memory, and back.
 //
-// Threads: any.
+// Threads: any; a buffer belongs to one at a time. Owns: the ION device, opened when a buffer first
+// needs it: without a client that uses it, a machine without the device is as good.
+// Locks: m_mutex is a leaf, held while the device is opened.
+// Every error but a wrong argument is KELM_ERROR_BUFFER_ALLOC_FAILED, with an ERROR line.
 class BufferAllocator : public Singleton<BufferAllocator> {
  public:
-    // Gives back what the buffer holds: its descriptor is closed and cleared. Null is
-    // KELM_ERROR_INVALID_PARAM.
-    KelmError free(KelmBuffer* buffer);
+    BufferAllocator() = default;
+    ~BufferAllocator();
+
+    // Makes a new buffer and maps it.
+    KelmError alloc(unsigned long size, KelmBuffer* buffer) EXCLUDES(m_mutex);
+    // Maps a descriptor that a client has sent, in the size that the device tells.
+    KelmError import(int fd, KelmBuffer* buffer) EXCLUDES(m_mutex);
+    // Undoes either, and closes the descriptor also of a buffer that was never mapped. To be called
+    // once: the address of the mapping stays in the buffer.
+    KelmError free(KelmBuffer* buffer) EXCLUDES(m_mutex);
+    KelmError getBufferData(KelmBuffer* buffer, void** data);
+    KelmError getShareFd(KelmBuffer* buffer, int* fd);
+
+ private:
+    // The descriptor of the ION device, opened now if need be; negative on failure.
+    int openIon() EXCLUDES(m_mutex);
+    int openedIon() EXCLUDES(m_mutex);
+
+    Mutex m_mutex;
+    int m_ionFd GUARDED_BY(m_mutex) = -1;
 };
 
 }  // namespace kelm

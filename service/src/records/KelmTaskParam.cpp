@@ -4,6 +4,7 @@
 
 #include "records/BlockCache.h"
 #include "records/BufferAllocator.h"
+#include "utils/ShareMemory.h"
 
 namespace kelm {
 
@@ -35,9 +36,15 @@ KelmTaskParam::~KelmTaskParam() {
     releaseBuffer(m_auxBuffer);
 }
 
-// A descriptor is closed whatever the buffer's type says: the type is the client's word, and no
-// descriptor of a task may stay open.
+// The mapping goes back the way it came. A descriptor is closed whatever the buffer's type says:
+// the type is the client's word, and no descriptor of a task may stay open.
 void KelmTaskParam::releaseBuffer(KelmBuffer& buffer) {
+    if (buffer.shareMemory != 0) {
+        delete reinterpret_cast<ShareMemory*>(buffer.shareMemory);
+        buffer.shareMemory = 0;
+        buffer.buffer = 0;
+        buffer.size = 0;
+    }
     (void)BufferAllocator::instance().free(&buffer);  // fails on null only
 }
 

@@ -7,7 +7,8 @@
 
 namespace kelm {
 
-// The three tensor buffers of a task. Its destruction closes their descriptors.
+// The three tensor buffers of a task. Its destruction closes their descriptors and takes back what
+// was mapped for them.
 //
 // Threads: the one that works on the task. Owns: the descriptors and mappings of the buffers.
 class KelmTaskParam : public NonCopyable {

@@ -1,20 +1,197 @@
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/linux/IonLibrary.h"
 #include "protocol/src/KelmMessage.h"
 #include "records/BufferAllocator.h"
 #include "utils/Log.h"
+#include "utils/UniqueFd.h"
 
 namespace kelm {
+
+namespace {
+
+constexpr unsigned long kAlign = 0;
+constexpr unsigned int kHeapMask = 0x10;
+constexpr unsigned int kFlags = 0;
+
+void* mapFd(int fd, unsigned long size) {
+    void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    return data != MAP_FAILED ? data : nullptr;
+}
+
+void fill(KelmBuffer& buffer, void* data, unsigned long size, int fd, int handle) {
+    buffer.buffer = reinterpret_cast<uint64_t>(data);
+    buffer.size = size;
+    buffer.fd = fd;
+    buffer.ionHandle = handle;
+}
+
+// A handle of the ION device that goes back unless it is kept.
+class IonHandle {
+ public:
+    explicit IonHandle(int ionFd) : m_ionFd(ionFd) {}
+    ~IonHandle() {
+        if (number > 0) (void)IonLibrary::functions()->ion_free(m_ionFd, number);
+    }
+    IonHandle(const IonHandle&) = delete;
+    IonHandle& operator=(const IonHandle&) = delete;
+    int keep() { return std::exchange(number, 0); }
+
+    int number = 0;
+
+ private:
+    const int m_ionFd;
+};
+
+}  // namespace
+
+BufferAllocator::~BufferAllocator() {
+    if (m_ionFd < 0) return;
+    (void)IonLibrary::functions()->ion_close(m_ionFd);
+    m_ionFd = -1;  // a task that ends later still gives back its mappings and descriptors
+}
+
+int BufferAllocator::openIon() {
+    MutexLock lock(m_mutex);
+    if (m_ionFd >= 0) return m_ionFd;
+    const IonFunctions* const ion = IonLibrary::functions();
+    if (ion == nullptr) return -1;
+    m_ionFd = ion->ion_open();
+    if (m_ionFd < 0) LOG_ERROR("Error: ion_open failed. errno = %d\n", errno);
+    return m_ionFd;
+}
+
+int BufferAllocator::openedIon() {
+    MutexLock lock(m_mutex);
+    return m_ionFd;
+}
+
+KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
+    if (size == 0) {
+        LOG_ERROR("Error: size(%ld) <= 0", size);
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    if (buffer == nullptr) {
+        LOG_ERROR("Error: KelmBuffer* buffer is NULL");
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    const int ionFd = openIon();
+    if (ionFd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    const IonFunctions& ion = *IonLibrary::functions();
+    IonHandle handle(ionFd);
+    uint64_t trailing = 0;  // of a width that is not documented
+    if (ion.ion_alloc_only(ionFd, size, kAlign, kHeapMask, kFlags, &handle.number, &trailing) < 0) {
+        handle.keep();
+        LOG_ERROR(
+            "Error: ion_alloc(ionFd=%d size=%lu align=%ld mask=%x flag=%x) failed. errno = "
+            "%d(%s).",
+            ionFd, size, kAlign, kHeapMask, kFlags, errno, std::strerror(errno));
+        return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    }
+    int shared = -1;
+    if (ion.ion_share(ionFd, handle.number, &shared) < 0) {
+        LOG_ERROR("Error: ion_share failed: ionFd=%d user_handle=%d errno = %d", ionFd,
+                  handle.number, errno);
+        return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    }
+    UniqueFd shareFd(shared);
+    void* const data = mapFd(shared, size);
+    if (data == nullptr) {
+        LOG_ERROR("Error: mmap failed: fd=%d size=%lu error=%d(%s).", shared, size, errno,
+                  std::strerror(errno));
+        return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    }
+    fill(*buffer, data, size, shareFd.release(), handle.keep());
+    return KELM_OK;
+}
+
+KelmError BufferAllocator::import(int fd, KelmBuffer* buffer) {
+    if (fd < 1) {
+        LOG_ERROR("Error: fd(%d) <= 0.", fd);
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    if (buffer == nullptr) {
+        LOG_ERROR("Error: KelmBuffer* buffer is NULL.");
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    const int ionFd = openIon();
+    if (ionFd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    const IonFunctions& ion = *IonLibrary::functions();
+    IonHandle handle(ionFd);
+    if (ion.ion_import(ionFd, fd, &handle.number) != 0) {
+        handle.keep();
+        LOG_ERROR("Error: ion_import failed: ionFd=%d fd=%d error=%d(%s)\n", ionFd, fd, errno,
+                  std::strerror(errno));
+        return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    }
+    uint64_t unused[2] = {};  // of a width that is not documented
+    auto* const places = reinterpret_cast<unsigned int*>(unused);
+    unsigned long size = 0;
+    if (ion.ion_get_info(ionFd, handle.number, places, places + 2, &size) != 0) {
+        LOG_ERROR("Error: ion_get_info failed: ionFd=%d user_handle=%d error=%d(%s)\n", ionFd,
+                  handle.number, errno, std::strerror(errno));
+        return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    }
+    // The size is the device's word, not the client's.
+    void* const data = mapFd(fd, size);
+    if (data == nullptr) {
+        LOG_ERROR("Error: mmap failed: fd=%d size=%lu error=%d(%s)\n", fd, size, errno,
+                  std::strerror(errno));
+        return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    }
+    fill(*buffer, data, size, fd, handle.keep());
+    return KELM_OK;
+}
 
 KelmError BufferAllocator::free(KelmBuffer* buffer) {
     if (buffer == nullptr) {
         LOG_ERROR("Error: KelmBuffer* buffer is NULL");
         return KELM_ERROR_INVALID_PARAM;
     }
+    if (buffer->buffer != 0) {
+        (void)::munmap(reinterpret_cast<void*>(buffer->buffer), buffer->size);  // made by mapFd()
+    }
+    if (buffer->ionHandle > 0) {
+        const int ionFd = openedIon();
+        if (ionFd >= 0 && IonLibrary::functions()->ion_free(ionFd, buffer->ionHandle) < 0) {
+            LOG_ERROR("ion_free failed: ionFd=%d ionHandle=%d", ionFd, buffer->ionHandle);
+        }
+    }
     if (buffer->fd > 0) {
         (void)::close(buffer->fd);  // the number is gone whatever close says
         buffer->fd = 0;
     }
+    return KELM_OK;
+}
+
+KelmError BufferAllocator::getBufferData(KelmBuffer* buffer, void** data) {
+    if (buffer == nullptr) {
+        LOG_ERROR("Error: KelmBuffer* buffer is NULL");
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    if (data == nullptr) {
+        LOG_ERROR("Error: data is NULL");
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    *data = reinterpret_cast<void*>(buffer->buffer);
+    return KELM_OK;
+}
+
+KelmError BufferAllocator::getShareFd(KelmBuffer* buffer, int* fd) {
+    if (buffer == nullptr) {
+        LOG_ERROR("Error: KelmBuffer* buffer is NULL");
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    if (fd == nullptr) {
+        LOG_ERROR("Error: shareFd is NULL");
+        return KELM_ERROR_INVALID_PARAM;
+    }
+    *fd = buffer->fd;
     return KELM_OK;
 }
 

@@ -1,0 +1,109 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "utils/Log.h"
+#include "utils/ShareMemory.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr mode_t kMode = 0666;
+
+bool isLargeEnough(int fd, const char* name, unsigned long size) {
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0) {
+        LOG_ERROR("Error: fstat() failed: errno=%d (%s)\n", errno, std::strerror(errno));
+        return false;
+    }
+    const auto actual = static_cast<uint64_t>(status.st_size);
+    if (actual >= size) return true;
+    LOG_ERROR("Error: share memory '%s' has %lu bytes, %lu are wanted", name, actual, size);
+    return false;
+}
+
+bool grow(int fd, unsigned long size) {
+    if (::ftruncate(fd, static_cast<off_t>(size)) == 0) return true;
+    LOG_ERROR("Error: ftruncate() failed: errno=%d (%s)\n", errno, std::strerror(errno));
+    return false;
+}
+
+void* map(int fd, unsigned long size) {
+    void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (data != MAP_FAILED) return data;
+    LOG_ERROR("Error: mmap() failed: errno=%d (%s)\n", errno, std::strerror(errno));
+    return nullptr;
+}
+
+bool close(UniqueFd& fd) {
+    if (::close(fd.release()) == 0) return true;
+    LOG_ERROR("Error: close() failed: errno=%d (%s)\n", errno, std::strerror(errno));
+    return false;
+}
+
+}  // namespace
+
+ShareMemory::~ShareMemory() { reset(); }
+
+bool ShareMemory::open(const char* name, unsigned long size, int oflag) {
+    if (name == nullptr) {
+        LOG_ERROR("Error: empty name for create share memory\n");
+        return false;
+    }
+    reset();
+    UniqueFd fd(::shm_open(name, oflag, kMode));
+    if (!fd) {
+        LOG_ERROR("Error: shm_open() failed: errno=%d (%s)\n", errno, std::strerror(errno));
+        return false;
+    }
+    const bool isNew = (oflag & O_CREAT) != 0;
+    void* data = nullptr;
+    if (isNew ? grow(fd.get(), size) : isLargeEnough(fd.get(), name, size)) {
+        data = map(fd.get(), size);
+    }
+    if (data != nullptr && !close(fd)) {
+        (void)::munmap(data, size);  // given up either way
+        data = nullptr;
+    }
+    if (data == nullptr) {
+        // Somebody else's object keeps its name.
+        if (isNew) (void)::shm_unlink(name);
+        return false;
+    }
+    m_data = data;
+    m_name = name;
+    m_size = size;
+    return true;
+}
+
+void* ShareMemory::create(const char* name, unsigned long size) {
+    if (!open(name, size, O_CREAT | O_RDWR)) return nullptr;
+    m_created = true;
+    return m_data;
+}
+
+void* ShareMemory::open(const char* name, unsigned long size) {
+    return open(name, size, O_RDWR) ? m_data : nullptr;
+}
+
+void ShareMemory::reset() {
+    if (m_data == nullptr) return;
+    if (::munmap(m_data, m_size) != 0) {
+        LOG_ERROR("Error: munmap() failed: error=%d (%s)\n", errno, std::strerror(errno));
+    }
+    if (m_created && ::shm_unlink(m_name.c_str()) != 0) {
+        LOG_ERROR("Error: shm_unlink() failed: error=%d (%s)\n", errno, std::strerror(errno));
+    }
+    m_created = false;
+    m_data = nullptr;
+    m_name.clear();
+    m_size = 0;
+}
+
+}  // namespace kelm
