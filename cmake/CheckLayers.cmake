@@ -2,7 +2,7 @@
 # and its own folder, never below. Run as a test: cmake -DROOT=<tree> -P CheckLayers.cmake
 cmake_policy(VERSION 3.25)
 set(layers
-    utils protocol/src client tools/kelmctl
+    utils protocol/src client tools/kelmctl tools/autoboot
     service/src/config service/src/reporting service/src/records service/src/execution
     service/src/scheduling/mapping service/src/scheduling/tasks service/src/scheduling/devices
     service/src/devices service/src/managers service/src/shell)
@@ -35,6 +35,8 @@ foreach(index RANGE ${last})
                            AND NOT (target STREQUAL "client" AND folder STREQUAL "tools/kelmctl"))
                         set(wrong TRUE)
                     elseif(folder IN_LIST outside AND target MATCHES "^service")
+                        set(wrong TRUE)
+                    elseif(folder STREQUAL "tools/autoboot" AND target STREQUAL "protocol/src")
                         set(wrong TRUE)
                     elseif(folder STREQUAL "service/src/scheduling/mapping"
                            AND NOT target MATCHES "utils|protocol|config|mapping")

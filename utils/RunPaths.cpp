@@ -15,4 +15,10 @@ std::string RunPaths::aliveMutex() { return directory() + "/kelm_service_alive.m
 std::string RunPaths::readyMutex() { return directory() + "/kelm_service_ready.mutex"; }
 std::string RunPaths::startExitMutex() { return directory() + "/kelm_start_exit.mutex"; }
 
+std::string RunPaths::autobootAliveMutex() { return directory() + "/kelm_autoboot_alive.mutex"; }
+std::string RunPaths::autobootReadyMutex() { return directory() + "/kelm_autoboot_ready.mutex"; }
+std::string RunPaths::autobootStartExitMutex() {
+    return directory() + "/kelm_autoboot_start_exit.mutex";
+}
+
 }  // namespace kelm

@@ -15,6 +15,10 @@ class RunPaths {
     static std::string aliveMutex();
     static std::string readyMutex();
     static std::string startExitMutex();
+    // Those of the boot tool.
+    static std::string autobootAliveMutex();
+    static std::string autobootReadyMutex();
+    static std::string autobootStartExitMutex();
 };
 
 }  // namespace kelm

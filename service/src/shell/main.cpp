@@ -9,12 +9,14 @@
 #include <string>
 
 #include "config/ServiceConfigParser.h"
+#include "execution/KelmDeviceBase.h"
 #include "managers/MessageDispatcher.h"
 #include "managers/wiring.h"
 #include "shell/CommandLineParser.h"
 #include "shell/ExitLimit.h"
 #include "shell/ExitSignal.h"
 #include "shell/ServiceDaemonHelper.h"
+#include "tools/autoboot/AutobootStarter.h"
 #include "utils/CommonHelper.h"
 #include "utils/DaemonHelper.h"
 #include "utils/FileHelper.h"
@@ -103,6 +105,16 @@ void setupLog(const std::string& kelmInstallDir) {
     Log::instance().setLog4cppInitFile(getLog4cppInitFile(kelmInstallDir));
 }
 
+// Simulated devices need no boot tool, and no lock files of one.
+bool hasBootTool() { return !KelmDeviceBase::isFakeDeviceModeEnabled(nullptr); }
+
+bool bootDevices() {
+    if (!hasBootTool()) return true;
+    if (AutobootStarter::instance().launch(cmdlineParser.getBootConfigFiles())) return true;
+    LOG_ERROR("Error: Start Service failed due to autoboot failure");
+    return false;
+}
+
 void sayGoodbye() {
     LOG_INFO("SERVICE EXITS QUIETLY, GOODBYE!");
     std::cout.flush();
@@ -137,6 +149,7 @@ void waitUntilUnused(ExitSignal& signal) {
 
 void stopService() {
     ExitLimit::start(kTimeToEnd, 0);
+    if (hasBootTool()) AutobootStarter::instance().stop();
     ServiceDaemonHelper::instance().daemonStop();
     const bool ended = MessageDispatcher::instance().stopService();
     sayGoodbye();
@@ -144,6 +157,7 @@ void stopService() {
 }
 
 int runService() {
+    if (!bootDevices()) return kFailure;
     std::signal(SIGPIPE, SIG_IGN);  // before the first socket: a dead client is an error code
     connectPorts();
     if (!MessageDispatcher::instance().isReady()) return giveUp();

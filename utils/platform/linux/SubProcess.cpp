@@ -153,6 +153,12 @@ void SubProcess::terminate() {
     m_state->m_pid = -1;
 }
 
+void SubProcess::abandon() {
+    enableDaemon(false);
+    MutexLock lock(m_state->m_mutex);
+    m_state->m_pid = -1;
+}
+
 void SubProcess::mointorRoutine(const std::shared_ptr<State>& state) {
     // What the service opens later stays out of this thread's table and so out of new children.
     ::unshare(CLONE_FILES);

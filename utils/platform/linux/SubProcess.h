@@ -34,6 +34,9 @@ class SubProcess {
     // Asks the child to end.
     void terminate();
 
+    // Lets the child live on after this object, without supervising.
+    void abandon();
+
  private:
     struct State;
 

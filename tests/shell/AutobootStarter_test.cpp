@@ -1,0 +1,121 @@
+#include "tools/autoboot/AutobootStarter.h"
+
+#include <signal.h>
+
+#include "fakes/Eventually.h"
+#include "fakes/TempDir.h"
+#include "utils/RunPaths.h"
+#include "utils/platform/linux/SubProcess.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+bool isFree(const std::string& path) {
+    GlobalMutex mutex(path, true);
+    return mutex.trylock();
+}
+
+// The boot tool is a shell script that notes its calls, and pkill one that ends the first of them.
+class AutobootStarterTest : public ::testing::Test {
+ protected:
+    AutobootStarterTest() {
+        // Like the real one it returns before the tool has gone.
+        script("path/pkill",
+               "echo \"$*\" >> kills\n"
+               "( sleep 0.3; kill -9 $(head -n 1 calls | cut -d ' ' -f 1) ) > /dev/null 2>&1 &\n");
+    }
+    ~AutobootStarterTest() override {
+        m_starter.stop();
+        for (const std::string& call : lines("calls")) ::kill(std::stoi(call), SIGKILL);
+    }
+
+    // `before` and `between` run before the alive lock and before the ready lock is taken.
+    std::string tool(const std::string& before, const std::string& between) {
+        return script("bin/autoboot", "echo \"$$ $*\" >> calls\n" + before +
+                                          "\nexec 8>>kelm_autoboot_alive.mutex; flock 8\n" +
+                                          between +
+                                          "\nexec 9>>kelm_autoboot_ready.mutex; flock 9\n"
+                                          "echo $$ >> readies\nexec sleep 60\n");
+    }
+    std::string script(const std::string& name, const std::string& body) {
+        const std::string path = m_dir.write(name, "#!/bin/sh\ncd " + m_dir.path() + "\n" + body);
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        return path;
+    }
+    std::vector<std::string> lines(const std::string& name) const {
+        std::vector<std::string> all;
+        std::ifstream file(m_dir.path() + "/" + name);
+        for (std::string line; std::getline(file, line);) all.push_back(line);
+        return all;
+    }
+
+    const TempDir m_dir;
+    const ScopedEnv m_runDir{"KELM_RUN_DIR", m_dir.path()};
+    const ScopedEnv m_installDir{"KELM_INSTALL_DIR", m_dir.path()};
+    const ScopedEnv m_path{"PATH", m_dir.path() + "/path:/usr/bin:/bin"};
+    AutobootStarter m_starter;
+};
+
+TEST_F(AutobootStarterTest, LocksOfTheOldToolPassForThoseOfTheNewOne) {
+    SubProcess old({tool("", "")});
+    ASSERT_TRUE(old.execute(false));
+    ASSERT_TRUE(eventually([this] { return lines("readies").size() == 1; }));
+    EXPECT_TRUE(m_starter.launch({"one", "two"}));
+    EXPECT_THAT(lines("kills"), ElementsAre("autoboot"));
+    EXPECT_THAT(lines("calls"), ElementsAre(::testing::_, EndsWith(" --auxiliary -c one two")));
+    EXPECT_EQ(lines("readies").size(), 2U);
+}
+
+TEST_F(AutobootStarterTest, ToolThatNeedsItsTimeIsGivenUp) {
+    tool("", "sleep 3.3");
+    EXPECT_TRUE(m_starter.launch({}));
+    EXPECT_EQ(lines("readies").size(), 1U);
+    EXPECT_THAT(lines("kills"), IsEmpty());
+}
+
+TEST_F(AutobootStarterTest, CrashOfTheToolGoesUnnoticedOrOutlivesTheSupervising) {
+    tool("", "");
+    {
+        AutobootStarter starter;
+        ASSERT_TRUE(starter.launch({}));
+        EXPECT_FALSE(isFree(RunPaths::autobootStartExitMutex()));
+        EXPECT_FALSE(m_starter.launch({}));  // another service is at it
+        ::kill(std::stoi(lines("calls").at(0)), SIGKILL);
+        ASSERT_TRUE(eventually([this] { return lines("readies").size() == 2; }));
+        EXPECT_THAT(lines("calls").at(1), EndsWith(" --auxiliary --recover"));
+        starter.stop();
+        EXPECT_TRUE(isFree(RunPaths::autobootStartExitMutex()));
+    }
+    EXPECT_FALSE(isFree(RunPaths::autobootAliveMutex()));  // the tool goes on alone
+}
+
+TEST_F(AutobootStarterTest, ServiceStartsWithoutATool) {
+    const struct {
+        const char* why;
+        std::function<void()> arrange;
+        const char* words;
+    } rows[] = {
+        {"no program", [] {}, "Error: Cannot find autoboot program: "},
+        {"never alive", [this] { script("bin/autoboot", "echo $$ >> calls\nexec sleep 60\n"); },
+         "Error: Wait autoboot Ready failed due to timeout."},
+        {"no directory", [] { ::unsetenv("KELM_INSTALL_DIR"); },
+         "Error: Need specify KELM_INSTALL_DIR."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        row.arrange();
+        ::testing::internal::CaptureStdout();
+        EXPECT_FALSE(m_starter.launch({}));
+        EXPECT_THAT(::testing::internal::GetCapturedStdout(), HasSubstr(row.words));
+        EXPECT_TRUE(isFree(RunPaths::autobootStartExitMutex()));
+    }
+    EXPECT_THAT(lines("kills"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace kelm
