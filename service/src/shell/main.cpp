@@ -21,6 +21,7 @@
 #include "utils/DaemonHelper.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -153,7 +154,9 @@ void stopService() {
     ServiceDaemonHelper::instance().daemonStop();
     const bool ended = MessageDispatcher::instance().stopService();
     sayGoodbye();
-    if (!ended) ExitLimit::leave(0);  // static objects are still in use
+    if (ended) return;
+    disableTracer();      // saves its rows, which otherwise the end of the process does
+    ExitLimit::leave(0);  // static objects are still in use
 }
 
 int runService() {
@@ -192,5 +195,6 @@ int main(int argc, char** argv) {
     loadServiceConfigFiles(kelmInstallDir);
     if (!takeAliveLock()) return kFailure;
     setupLog(kelmInstallDir);
+    if (ServiceConfigParser::instance().isTracerEnabled()) enableTracer();
     return runService();
 }
