@@ -72,12 +72,13 @@ TEST(ClientManagerTest, ClientThatHangsUpAtOnceLeavesNothingBehind) {
 TEST(ClientManagerTest, RegistrationWaitingBehindHangUpMakesNoRecord) {
     RunningService service;
     RawClient client(service.path());
-    ASSERT_NE(client.registerClient("probe"), 0u);  // accepted, and the first after the listener
-    const auto connection = IPC::ConnectionBase::findConnection(1);
+    constexpr int kNumber = RunningService::kFirstClientNumber;
+    ASSERT_NE(client.registerClient("probe"), 0u);  // accepted, and the first
+    const auto connection = IPC::ConnectionBase::findConnection(kNumber);
     ASSERT_TRUE(connection);
     connection->shutdown();
     auto* request = kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ);
-    ClientManager::instance().enqueueRegisterClient("late", 2, 0, 1, request);
+    ClientManager::instance().enqueueRegisterClient("late", 2, 0, kNumber, request);
     ClientManager::instance().enqueueRegisterClient("none", 2, 0, 0,
                                                     kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ));
     EXPECT_TRUE(eventually([] { return !RunningService::dispatcher().isWorking(); }));

@@ -55,9 +55,12 @@ class RunningService {
         return stopped.wait_for(limit) == std::future_status::ready && stopped.get();
     }
 
-    // Whether no connection but the listener is left.
+    // The lowest connection number of a client: below are the two listeners, for clients and tools.
+    static constexpr int kFirstClientNumber = 2;
+
+    // Whether no connection but the listeners is left.
     static bool noConnections() {
-        for (int number = 1; number < IPC::IPC_CONN_FD_MAX; ++number) {
+        for (int number = kFirstClientNumber; number < IPC::IPC_CONN_FD_MAX; ++number) {
             if (IPC::ConnectionBase::findConnection(number)) return false;
         }
         return true;

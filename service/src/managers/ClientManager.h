@@ -23,6 +23,8 @@ class ConnectionBase;
 namespace kelm {
 
 class ClientConnection;
+struct InfoPackage;
+struct KelmStatus;
 
 // The registry of client processes. A client leaves by request or by vanishing; either way its
 // record goes only when its last message is out and its last task has ended, whichever is later.
@@ -68,6 +70,11 @@ class ClientManager : public Singleton<ClientManager>,
     // Whether there are clients.
     bool isActive() EXCLUDES(m_mutex);
 
+    // Name and rate of every client, in id order; then reports its part.
+    void enqueueQueryClientStatus(const std::shared_ptr<KelmStatus>& status);
+    // The same for the package, which lives until the report. Never blocks.
+    void enqueueUpdateInfoPackage(InfoPackage* package);
+
     void onPrintInfo() override EXCLUDES(m_mutex);
 
  private:
@@ -100,6 +107,8 @@ class ClientManager : public Singleton<ClientManager>,
     void cleanClientUnsafe(uint64_t clientId) REQUIRES(m_mutex);
     void removeSocketEntryUnsafe(const KelmClient& client) REQUIRES(m_mutex);
 
+    void queryClientStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
+    void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
     void printClientFps() REQUIRES(m_mutex);
     void snapshot(const char* reason) REQUIRES(m_mutex);
     // One cell a client, in id order.

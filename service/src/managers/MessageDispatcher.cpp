@@ -11,9 +11,11 @@
 #include "devices/DeviceManagerCreator.h"
 #include "managers/ClientManager.h"
 #include "managers/GraphManager.h"
+#include "managers/InfoPrinter.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "protocol/src/KelmProtocol.h"
+#include "reporting/MemoryInspector.h"
 #include "utils/AccessController.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -54,9 +56,11 @@ MessageDispatcher::~MessageDispatcher() {
 
 void MessageDispatcher::init() {
     try {
+        reserveConnection();
         setupService();
         initRequestHandlerMap();
         setupListenThread();
+        m_infoPrinter->start();
         m_ready = true;
         LOG_INFO("Message Dispatcher initialization finished");
     } catch (const std::invalid_argument& error) {
@@ -67,6 +71,12 @@ void MessageDispatcher::init() {
     if (!m_ready) abandonStart();
 }
 
+// Before anybody else makes a connection, as the info printer does.
+void MessageDispatcher::reserveConnection() {
+    m_poller = std::make_shared<IPC::Poller>();
+    m_listenConnection = std::make_shared<IPC::ConnectionUDS>(m_poller.get());
+}
+
 // The order of construction is the order of the service's start, and backwards that of its end.
 void MessageDispatcher::setupService() {
     m_deviceManagerCreator = &DeviceManagerCreator::instance();
@@ -74,12 +84,12 @@ void MessageDispatcher::setupService() {
     m_graphManager = &GraphManager::instance();
     m_taskManager = &TaskManager::instance();
     m_resultDispatcher = &ResultDispatcher::instance();
+    m_infoPrinter = &InfoPrinter::instance();
+    m_infoPrinter->setupListenThread();
+    (void)MemoryInspector::instance();  // registers itself
 }
 
 void MessageDispatcher::setupListenThread() {
-    m_poller = std::make_shared<IPC::Poller>();
-    // The first connection of the process, so no client's number is ever 0.
-    m_listenConnection = std::make_shared<IPC::ConnectionUDS>(m_poller.get());
     m_listenConnection->create(RunPaths::serviceSocket(),
                                AccessController::instance().getAccessAttribute());
     m_listenConnection->listen();
@@ -87,9 +97,11 @@ void MessageDispatcher::setupListenThread() {
 }
 
 void MessageDispatcher::abandonStart() {
+    if (m_listenThread.joinable()) (void)stopListenThread();
     if (m_listenConnection) m_listenConnection->close();
     m_listenConnection.reset();
     m_poller.reset();
+    if (m_infoPrinter != nullptr) (void)m_infoPrinter->stop();
     if (m_deviceManagerCreator != nullptr) m_deviceManagerCreator->stop();
 }
 
@@ -97,6 +109,8 @@ bool MessageDispatcher::isWorking() { return m_clientManager->isActive(); }
 
 bool MessageDispatcher::stopService() {
     bool ended = stopListenThread();
+    LOG_INFO("stop infoPrinter");
+    ended &= m_infoPrinter->stop();
     LOG_INFO("stop resultDispatcher");
     m_resultDispatcher->stopSendResponse();
     LOG_INFO("close epoll fd & listen fd");
@@ -112,6 +126,7 @@ bool MessageDispatcher::stopService() {
     ended &= m_deviceManagerCreator->stop();
     // A stranger's requests may still be queued, and their answers need the other managers.
     ended &= m_taskManager->waitIdleFor(timeUntil(deadline));
+    ended &= m_infoPrinter->waitIdleFor(timeUntil(deadline));
     m_listenConnection.reset();
     m_poller.reset();
     m_requestHandlerMap.clear();

@@ -26,6 +26,7 @@ namespace kelm {
 class ClientManager;
 class DeviceManagerCreator;
 class GraphManager;
+class InfoPrinter;
 class ResultDispatcher;
 class TaskManager;
 
@@ -60,6 +61,8 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     using Handler = void (MessageDispatcher::*)(KelmMsgBase* message, int socket);
 
     void init();
+    // Makes the listening connection, which has the number 0, so that no client ever has it.
+    void reserveConnection();
     void setupService();
     void initRequestHandlerMap();
     void setupListenThread();
@@ -88,6 +91,7 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     void handleCancelTask(KelmMsgBase* message, int socket);
     void handleQueryTaskStatus(KelmMsgBase* message, int socket);
     void handleQueryBufferSize(KelmMsgBase* message, int socket);
+    void handleQueryStatus(KelmMsgBase* message, int socket);
     void handleTestSendFd(KelmMsgBase* message, int socket);
     void handleResetDevice(KelmMsgBase* message, int socket);
 
@@ -104,6 +108,7 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     GraphManager* m_graphManager = nullptr;
     TaskManager* m_taskManager = nullptr;
     ResultDispatcher* m_resultDispatcher = nullptr;
+    InfoPrinter* m_infoPrinter = nullptr;
     std::shared_ptr<IPC::ConnectionUDS> m_listenConnection;
     std::shared_ptr<IPC::Poller> m_poller;
 

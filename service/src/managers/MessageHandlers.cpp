@@ -3,6 +3,7 @@
 #include "devices/DeviceManagerCreator.h"
 #include "managers/ClientManager.h"
 #include "managers/GraphManager.h"
+#include "managers/InfoPrinter.h"
 #include "managers/MessageDispatcher.h"
 #include "managers/TaskManager.h"
 #include "protocol/src/KelmProtocol.h"
@@ -38,6 +39,7 @@ void MessageDispatcher::initRequestHandlerMap() {
         {KELM_MESSAGE_CANCEL_TASK_REQ, &MessageDispatcher::handleCancelTask},
         {KELM_MESSAGE_QUERY_TASK_STATUS_REQ, &MessageDispatcher::handleQueryTaskStatus},
         {KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, &MessageDispatcher::handleQueryBufferSize},
+        {KELM_MESSAGE_QUERY_STATUS_REQ, &MessageDispatcher::handleQueryStatus},
         {KELM_MESSAGE_TEST_SEND_FD_REQ, &MessageDispatcher::handleTestSendFd},
         {KELM_MESSAGE_RESET_DEVICE_REQ, &MessageDispatcher::handleResetDevice},
     };
@@ -154,6 +156,11 @@ void MessageDispatcher::handleQueryBufferSize(KelmMsgBase* message, int socket) 
              "socket=%d userParam=%p",
              request.head.reqSeqNo, request.clientId, request.graphId, socket, message);
     m_graphManager->enqueueQueryBufferSize(request.clientId, request.graphId, socket, message);
+}
+
+void MessageDispatcher::handleQueryStatus(KelmMsgBase* message, int socket) {
+    const auto& request = as<KelmMsgReqQueryStatus>(message);
+    m_infoPrinter->enqueueQueryStatus(request.clientId, request.queryType, socket, message);
 }
 
 // Only proves that a descriptor comes through: there is nothing to do and no answer.

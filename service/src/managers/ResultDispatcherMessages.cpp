@@ -46,12 +46,15 @@ constexpr ResponseWords kResponseWords[] = {
     {KELM_MESSAGE_INFER_TASK_RSP, "KelmMsgRspInferTask",
      "sendCreateTaskResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", true,
      "cancel sendCreateTaskResponse: clientId=%lu", false},
-    // Deliberate: the two below share the words of a canceled answer, which log readers know.
+    // Deliberate: the three below share the words of a canceled answer, which log readers know.
     {KELM_MESSAGE_CANCEL_TASK_RSP, "KelmMsgRspCancelTask",
      "sendCancelTaskResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", true,
      "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
     {KELM_MESSAGE_QUERY_TASK_STATUS_RSP, "KelmMsgRspQueryTaskStatus",
      "sendQueryTaskStatusResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", true,
+     "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
+    {KELM_MESSAGE_QUERY_STATUS_RSP, "KelmMsgRspQueryStatus",
+     "sendQueryStatusResponse(rspSeqNo=%lu): clientId=%lu queryType=%lu", true,
      "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
     {KELM_MESSAGE_RESET_DEVICE_RSP, "KelmMsgRspResetDevice",
      "sendResetDeviceResponse(rspSeqNo=%lu): clientId=%lu deviceId=%lu", true,
@@ -96,21 +99,7 @@ Record& as(const MessagePtr& message) {
     return *reinterpret_cast<Record*>(message.get());
 }
 
-bool hasRequest(const MessagePtr& request) {
-    if (!request) LOG_ERROR("Error: no request info for construct response message");
-    return request != nullptr;
-}
-
 }  // namespace
-
-// One answer to a request.
-struct ResultDispatcher::Answer {
-    KelmMsgType type;
-    uint64_t clientId;
-    uint64_t id;  // what it is about, for the log
-    KelmError error;
-    int socket;
-};
 
 // What the answer tells of a graph, taken while the graph is there; all 0 without one.
 struct ResultDispatcher::GraphSizes {
@@ -131,6 +120,11 @@ struct ResultDispatcher::GraphSizes {
     uint64_t timeTakens = 0;
     uint64_t thermal = 0;
 };
+
+bool ResultDispatcher::hasRequest(const MessagePtr& request) {
+    if (!request) LOG_ERROR("Error: no request info for construct response message");
+    return request != nullptr;
+}
 
 bool ResultDispatcher::checkInputParameters(const Answer& answer, const KelmMsgReq& request) {
     if (request.needResponse == 0) {

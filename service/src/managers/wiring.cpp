@@ -5,9 +5,11 @@
 #include "execution/TaskExchange.h"
 #include "managers/ClientManager.h"
 #include "managers/GraphManager.h"
+#include "managers/InfoPrinter.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "records/ClientDirectory.h"
+#include "reporting/InfoCollector.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
@@ -26,6 +28,7 @@ void connect() {
 
 void connectPorts() {
     connect<ClientDirectory, ClientManager>();
+    connect<InfoCollector, InfoPrinter>();
     connect<TaskExchange, TaskManager>();
     connect<ResultSink, ResultDispatcher>();
     connect<TaskScheduleListener, TaskManager>();

@@ -7,6 +7,13 @@
 
 namespace kelm {
 
+// Bits of a query's type.
+constexpr uint64_t kQueryAll = 1;  // the service, devices without details, graphs, clients
+constexpr uint64_t kQueryDevices = 2;
+constexpr uint64_t kQueryGraphs = 4;
+constexpr uint64_t kQueryClients = 8;
+constexpr uint64_t kQuerySchedulers = 16;
+
 // What the managers tell about themselves for one status query. Lists of one group are parallel,
 // one row an entry, and not cut to what the answer has room for.
 //
@@ -37,10 +44,12 @@ struct KelmStatus {
 
 // The same with whom it is for.
 struct KelmStatusExtend : KelmStatus {
+    ~KelmStatusExtend() override;  // releases a request that no answer has taken over
+
     uint64_t clientId = 0;
     uint64_t queryType = 0;
     int socket = -1;
-    void* request = nullptr;  // the request message, owned until the answer is built
+    void* request = nullptr;  // the request message; null once the answer has taken it over
     // Atomic: lowered by whoever finishes a part.
     std::atomic<uint8_t> pendingParts{0};
 };

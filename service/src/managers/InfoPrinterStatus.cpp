@@ -1,0 +1,134 @@
+// What the printer gathers from the managers: the record of a status query, and the package.
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "devices/DeviceManagerCreator.h"
+#include "managers/ClientManager.h"
+#include "managers/GraphManager.h"
+#include "managers/InfoPrinter.h"
+#include "managers/ResultDispatcher.h"
+#include "managers/TaskManager.h"
+#include "protocol/src/InfoPackage.h"
+#include "protocol/src/MessagePtr.h"
+#include "reporting/KelmStatus.h"
+#include "reporting/MemoryInspector.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+using StatusPtr = std::shared_ptr<KelmStatus>;
+
+// Who fills the record, and for which bits of the query's type.
+struct StatusPart {
+    uint64_t bits;
+    void (*post)(const StatusPtr& status);
+};
+constexpr StatusPart kStatusParts[] = {
+    {kQueryAll,
+     [](const StatusPtr& status) { ResultDispatcher::instance().enqueueQueryServiceFps(status); }},
+    {kQueryAll | kQueryDevices,
+     [](const StatusPtr& status) {
+         DeviceManagerCreator::instance().enqueueQueryDeviceStatus(status);
+     }},
+    {kQueryAll | kQueryGraphs,
+     [](const StatusPtr& status) { GraphManager::instance().enqueueQueryGraphStatus(status); }},
+    {kQueryAll | kQueryClients,
+     [](const StatusPtr& status) { ClientManager::instance().enqueueQueryClientStatus(status); }},
+    {kQuerySchedulers,
+     [](const StatusPtr& status) {
+         DeviceManagerCreator::instance().enqueueQueryDeviceScheduler(status);
+     }},
+    {kQuerySchedulers,
+     [](const StatusPtr& status) { TaskManager::instance().enqueueQueryTaskScheduler(status); }},
+};
+constexpr uint64_t kKnownBits =
+    kQueryAll | kQueryDevices | kQueryGraphs | kQueryClients | kQuerySchedulers;
+
+// Who writes a section of the package. Never held up by a full queue, on which the tools' thread
+// would wait with the package on its stack.
+constexpr void (*kPackageParts[])(InfoPackage* package) = {
+    [](InfoPackage* package) { ClientManager::instance().enqueueUpdateInfoPackage(package); },
+    [](InfoPackage* package) {
+        DeviceManagerCreator::instance().enqueueUpdateInfoPackage(package);
+    },
+    [](InfoPackage* package) { GraphManager::instance().enqueueUpdateInfoPackage(package); },
+};
+constexpr int kPackagePartNum = std::size(kPackageParts);
+
+}  // namespace
+
+void InfoPrinter::enqueueQueryStatus(uint64_t clientId, uint64_t queryType, int socket,
+                                     void* request) {
+    m_pool.post([this, clientId, queryType, socket, request] {
+        queryStatus(clientId, queryType, socket, request);
+    });
+}
+
+void InfoPrinter::queryStatus(uint64_t clientId, uint64_t queryType, int socket, void* request) {
+    MessagePtr owned(static_cast<KelmMsgBase*>(request));
+    if ((queryType & kKnownBits) == 0 || isStopped()) return;
+    const auto status = std::make_shared<KelmStatusExtend>();
+    status->clientId = clientId;
+    status->queryType = queryType;
+    status->socket = socket;
+    status->request = owned.release();
+    status->pendingParts = 1;  // our own, so that quick managers do not send the answer too early
+    for (const StatusPart& part : kStatusParts) {
+        if ((queryType & part.bits) == 0) continue;
+        status->pendingParts.fetch_add(1);
+        try {
+            part.post(status);
+        } catch (const std::exception& error) {
+            LOG_ERROR("Error: a part of the status is left empty: %s", error.what());
+            queryStatusDone(status);
+        }
+    }
+    queryStatusDone(status);
+}
+
+void InfoPrinter::enqueueQueryStatusDone(const StatusPtr& status, const std::string& /*source*/) {
+    m_pool.postNotice([this, status] { queryStatusDone(status); });
+}
+
+void InfoPrinter::queryStatusDone(const StatusPtr& status) {
+    const auto query = std::dynamic_pointer_cast<KelmStatusExtend>(status);
+    if (!query) {
+        LOG_ERROR(
+            "Error: std::dynamic_pointer_cast<KelmStatusExtend>(status) failed, errno = %d[%s].",
+            errno, std::generic_category().message(errno));
+        return;
+    }
+    if (query->pendingParts.fetch_sub(1) != 1 || isStopped()) return;
+    MessagePtr request(static_cast<KelmMsgBase*>(std::exchange(query->request, nullptr)));
+    ResultDispatcher::instance().enqueueSendQueryStatusResponse(status, query->socket,
+                                                                request.get());
+    (void)request.release();  // from here the answer owns it
+}
+
+void InfoPrinter::collectInfoPackage(InfoPackage* package) {
+    m_packageParts.resetValue(1 - kPackagePartNum);
+    std::memset(static_cast<void*>(package), 0, sizeof(*package));  // its padding leaves, too
+    for (const auto& enqueueUpdate : kPackageParts) {
+        try {
+            enqueueUpdate(package);
+        } catch (const std::exception& error) {
+            LOG_ERROR("Error: a part of the info package is left empty: %s", error.what());
+            m_packageParts.post();
+        }
+    }
+    MemoryInspector::instance().updateInfoPackage(package);
+    // Without limit: a manager may still be writing into the package.
+    m_packageParts.wait();
+}
+
+void InfoPrinter::enqueueUpdateInfoPackageDone(const std::string& source) {
+    LOG_PROC(m_debugProcess, "enqueueUpdateInfoPackageDone: %s", source);
+    m_packageParts.post();
+}
+
+}  // namespace kelm

@@ -1,0 +1,252 @@
+#include "reporting/SnapshotServer.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "protocol/src/InfoPackage.h"
+#include "utils/AccessController.h"
+#include "utils/ErrorHelper.h"
+#include "utils/IPC.h"
+#include "utils/Log.h"
+#include "utils/ThreadUtils.h"
+
+namespace kelm {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr size_t kMaxTools = 64;
+constexpr size_t kMaxReceivedBytes = 64 * 1024;  // that one tool may send in its life
+constexpr milliseconds kAcceptPause{100};
+constexpr milliseconds kErrorPause{10};
+
+// Room for a whole package, so that a tool may sleep between two.
+void enlargeSendBuffer(int fd) {
+    const int size = 2 * static_cast<int>(sizeof(InfoPackage));
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));  // else what there is
+}
+
+int millisecUntil(std::chrono::steady_clock::time_point deadline) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    // Up, or the last fraction would be spent without sleeping.
+    const auto millisec = std::chrono::ceil<milliseconds>(left).count();
+    return static_cast<int>(std::clamp<int64_t>(millisec, 0, INT32_MAX));
+}
+
+}  // namespace
+
+SnapshotServer::SnapshotServer(const std::string& path, Collect collect, bool debugProcess,
+                               Times times)
+    : m_collect(std::move(collect)),
+      m_debugProcess(debugProcess),
+      m_times(times),
+      m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_poller(std::make_shared<IPC::Poller>()),
+      m_listener(std::make_shared<IPC::ConnectionUDS>(m_poller.get())) {
+    if (!m_wakeFd) KELM_THROW("eventfd failed");
+    m_listener->create(path, AccessController::instance().getAccessAttribute());
+    m_listener->listen();
+    m_listener->blockPoller();
+    m_thread = std::thread([this] { listenThreadRoutine(); });
+}
+
+SnapshotServer::~SnapshotServer() {
+    requestStop();
+    if (m_thread.joinable()) m_thread.join();
+}
+
+void SnapshotServer::start() { m_listener->unblockPoller(); }
+
+void SnapshotServer::requestStop() {
+    m_stop = true;
+    (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: nobody reads it, few write
+}
+
+bool SnapshotServer::stop(milliseconds time) {
+    requestStop();
+    if (!m_thread.joinable()) return true;
+    if (!m_ended.waitFor(time.count())) return false;
+    m_thread.join();
+    return true;
+}
+
+void SnapshotServer::listenThreadRoutine() {
+    m_onThread.assertHeld();
+    ThreadUtils::setName("InfoServer");
+    ThreadUtils::saveThreadInfo("InfoServer");
+    InfoPackage package;  // here, so that no pass allocates its quarter of a megabyte
+    while (!m_stop) {
+        try {
+            if (!waitForPass()) continue;
+            LOG_PROC(m_debugProcess, "collect infoPackage");
+            m_collect(package);
+            writePackage(package);
+        } catch (const std::exception& error) {
+            LOG_ERROR("Error: the snapshot server goes on after: %s", error.what());
+            sleepUntil(Clock::now() + kErrorPause);  // a fault that stays must not take a core
+        }
+    }
+    closeAll();
+    m_ended.post();
+}
+
+bool SnapshotServer::waitForPass() {
+    IPC::PollEvent event;
+    bool due = waitForEvent(event) && handleEpollEvent(event);
+    resumeAccepting();
+    if (m_tools.empty() || m_stop) return false;
+    const auto now = Clock::now();
+    // By a deadline: events without a package must not put the next one off.
+    due = due || now >= m_nextPackage;
+    if (due) m_nextPackage = now + m_times.period;
+    return due;
+}
+
+bool SnapshotServer::waitForEvent(IPC::PollEvent& event) {
+    auto deadline = m_tools.empty() ? Clock::now() + m_times.period : m_nextPackage;
+    if (m_acceptAgain) deadline = std::min(deadline, *m_acceptAgain);
+    std::array<pollfd, 2> entries = {{{m_poller->nativeHandle(), POLLIN, 0},  // an event to fetch
+                                      {m_wakeFd.get(), POLLIN, 0}}};
+    (void)::poll(entries.data(), entries.size(), millisecUntil(deadline));
+    return m_poller->wait(&event, 0);
+}
+
+void SnapshotServer::sleepUntil(Clock::time_point deadline) {
+    pollfd entry = {m_wakeFd.get(), POLLIN, 0};
+    (void)::poll(&entry, 1, millisecUntil(deadline));
+}
+
+bool SnapshotServer::handleEpollEvent(const IPC::PollEvent& event) {
+    if (event.connection == m_listener) return event.isReadable() && acceptTool();
+    const int number = event.connection->getSimulateFD();
+    const auto tool = m_tools.find(number);
+    if (tool == m_tools.end()) return false;
+    if (event.isHungUp()) {
+        closeTool(number);
+        return true;
+    }
+    if (!dropInput(tool->second)) closeTool(number);
+    return false;
+}
+
+bool SnapshotServer::acceptTool() {
+    try {
+        auto connection =
+            m_tools.size() < kMaxTools ? IPC::ConnectionUDS::tryMake(m_poller.get()) : nullptr;
+        if (!connection) {
+            refuseTool();
+            return false;
+        }
+        connection->accept(m_listener.get());
+        enlargeSendBuffer(connection->nativeHandle());
+        const int number = connection->getSimulateFD();
+        m_tools[number].connection = std::move(connection);
+        LOG_PROC(m_debugProcess, "accept new connection: %d", number);
+        return true;
+    } catch (const std::exception& error) {
+        LOG_ERROR("Error: a snapshot tool cannot be accepted: %s", error.what());
+        pauseAccepting();
+        return false;
+    }
+}
+
+void SnapshotServer::refuseTool() {
+    LOG_WARN("Warn: %lu snapshot tools are connected, another one is turned away", m_tools.size());
+    m_listener->refuse();
+    pauseAccepting();
+}
+
+void SnapshotServer::pauseAccepting() {
+    m_listener->blockPoller();
+    m_acceptAgain = Clock::now() + kAcceptPause;
+}
+
+void SnapshotServer::resumeAccepting() {
+    if (!m_acceptAgain || Clock::now() < *m_acceptAgain) return;
+    m_listener->unblockPoller();
+    m_acceptAgain.reset();  // last: when that fails, the next turn tries again
+}
+
+bool SnapshotServer::dropInput(Tool& tool) {
+    std::array<char, 4096> dropped;
+    while (tool.received <= kMaxReceivedBytes) {
+        const ssize_t count =
+            ::recv(tool.connection->nativeHandle(), dropped.data(), dropped.size(), MSG_DONTWAIT);
+        if (count > 0) {
+            tool.received += static_cast<size_t>(count);
+        } else if (count == 0 || errno == EAGAIN) {
+            return true;  // the end of the stream comes as a hang-up
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return false;
+}
+
+void SnapshotServer::closeTool(int number) {
+    IPC::ConnectionBase::close(number);  // first: our share keeps the number from other connections
+    m_tools.erase(number);
+    LOG_PROC(m_debugProcess, "socket %d closed", number);
+}
+
+void SnapshotServer::closeAll() {
+    while (!m_tools.empty()) closeTool(m_tools.begin()->first);
+    m_listener->close();
+}
+
+void SnapshotServer::writePackage(const InfoPackage& package) {
+    std::vector<int> unfinished;
+    for (auto& [number, tool] : m_tools) {
+        LOG_PROC(m_debugProcess, "write infoPackage to %d", number);
+        tool.sent = 0;
+        unfinished.push_back(number);
+    }
+    const auto deadline = Clock::now() + m_times.writing;
+    do {
+        std::erase_if(unfinished, [&](int number) {
+            m_onThread.assertHeld();
+            return writeSome(m_tools.at(number), package);
+        });
+    } while (!unfinished.empty() && waitWritable(unfinished, deadline));
+    // With a part of a package missing, a tool could make no sense of the next one.
+    std::vector<int> failed;
+    for (const auto& [number, tool] : m_tools) {
+        if (tool.sent < sizeof(package)) failed.push_back(number);
+    }
+    for (const int number : failed) {
+        LOG_PROC(m_debugProcess, "write infoPackage to %d failed", number);
+        closeTool(number);
+    }
+}
+
+bool SnapshotServer::writeSome(Tool& tool, const InfoPackage& package) {
+    const char* bytes = reinterpret_cast<const char*>(&package);
+    while (tool.sent < sizeof(package)) {
+        const ssize_t count = ::send(tool.connection->nativeHandle(), bytes + tool.sent,
+                                     sizeof(package) - tool.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count >= 0) {
+            tool.sent += static_cast<size_t>(count);
+        } else if (errno != EINTR) {
+            return errno != EAGAIN;
+        }
+    }
+    return true;
+}
+
+bool SnapshotServer::waitWritable(const std::vector<int>& numbers, Clock::time_point deadline) {
+    std::vector<pollfd> entries = {{m_wakeFd.get(), POLLIN, 0}};
+    for (const int number : numbers) {
+        entries.push_back({m_tools.at(number).connection->nativeHandle(), POLLOUT, 0});
+    }
+    (void)::poll(entries.data(), entries.size(), millisecUntil(deadline));
+    return !m_stop && Clock::now() < deadline;
+}
+
+}  // namespace kelm

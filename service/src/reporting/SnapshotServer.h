@@ -1,0 +1,109 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "utils/NonCopyable.h"
+#include "utils/Semaphore.h"
+#include "utils/ThreadRole.h"
+#include "utils/UniqueFd.h"
+
+namespace IPC {
+class ConnectionUDS;
+class Poller;
+struct PollEvent;
+}  // namespace IPC
+
+namespace kelm {
+
+struct InfoPackage;
+
+// Streams packages to the tools on the snapshot socket: to all of them whenever one comes or goes,
+// and at least once a period. What tools send is thrown away. With no tool nothing is collected.
+//
+// A package is written to all tools at once, under one limit of time: a tool that has not taken its
+// whole package by then is disconnected, so that tools which do not read hold up neither the others
+// nor the end. A tool that reads gets whole packages, in order.
+//
+// Threads: one of its own, "InfoServer"; construction, start() and stop() on one other thread at a
+// time. Owns: the socket, the poller and the tools' connections.
+class SnapshotServer : public NonCopyable {
+ public:
+    // Fills the package, which keeps what it held before; on the server's thread.
+    using Collect = std::function<void(InfoPackage& package)>;
+    struct Times {
+        std::chrono::milliseconds period{5000};
+        std::chrono::milliseconds writing{1000};  // of one package, to all tools together
+    };
+
+    // Opens the socket; raises if it cannot be made. Tools wait outside until start().
+    SnapshotServer(const std::string& path, Collect collect, bool debugProcess, Times times);
+    ~SnapshotServer();  // waits for the thread without limit
+
+    void start();
+    // Ends the thread and disconnects everybody. False if the thread has not ended in time, since
+    // a collection does not; it may be tried again.
+    bool stop(std::chrono::milliseconds time);
+
+ private:
+    using Clock = std::chrono::steady_clock;
+
+    // A connected tool.
+    struct Tool {
+        std::shared_ptr<IPC::ConnectionUDS> connection;
+        size_t received = 0;  // bytes, in its life
+        size_t sent = 0;      // bytes of the package that is being written
+    };
+
+    void requestStop();
+    void listenThreadRoutine();
+    // Waits for an event and handles it; true when a package is due.
+    bool waitForPass() REQUIRES(m_onThread);
+    bool waitForEvent(IPC::PollEvent& event) REQUIRES(m_onThread);
+    // Until then, or until the stop.
+    void sleepUntil(Clock::time_point deadline);
+
+    // True for an event after which everybody gets a package.
+    bool handleEpollEvent(const IPC::PollEvent& event) REQUIRES(m_onThread);
+    bool acceptTool() REQUIRES(m_onThread);
+    void refuseTool() REQUIRES(m_onThread);
+    void pauseAccepting() REQUIRES(m_onThread);
+    void resumeAccepting() REQUIRES(m_onThread);
+    // False for a tool that talks too much.
+    bool dropInput(Tool& tool) REQUIRES(m_onThread);
+    void closeTool(int number) REQUIRES(m_onThread);
+    void closeAll() REQUIRES(m_onThread);
+
+    void writePackage(const InfoPackage& package) REQUIRES(m_onThread);
+    // False while the kernel takes no more; true when all is written or the connection has failed.
+    bool writeSome(Tool& tool, const InfoPackage& package) REQUIRES(m_onThread);
+    // False when the time is up or the server stops.
+    bool waitWritable(const std::vector<int>& numbers, Clock::time_point deadline)
+        REQUIRES(m_onThread);
+
+    const Collect m_collect;
+    const bool m_debugProcess;
+    const Times m_times;
+    std::atomic<bool> m_stop{false};  // atomic: set by the stopping thread, read by the server's
+    UniqueFd m_wakeFd;                // readable for good once the stop is wanted
+    std::shared_ptr<IPC::Poller> m_poller;
+    std::shared_ptr<IPC::ConnectionUDS> m_listener;
+
+    ThreadRole m_onThread;
+    std::map<int, Tool> m_tools GUARDED_BY(m_onThread);  // by the number of the connection
+    Clock::time_point m_nextPackage GUARDED_BY(m_onThread);
+    std::optional<Clock::time_point> m_acceptAgain GUARDED_BY(m_onThread);
+
+    Semaphore m_ended{0, 0};
+    std::thread m_thread;
+};
+
+}  // namespace kelm
