@@ -4,6 +4,9 @@
 #include "execution/WorkThread.h"
 #include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
+#include "fakes/FakeInfoCollector.h"
+#include "protocol/src/InfoPackage.h"
+#include "reporting/KelmStatus.h"
 
 namespace kelm {
 namespace {
@@ -140,6 +143,88 @@ TEST_F(DeviceManagerCreatorTest, BrokenTagMapOfOneGroupLeavesNothingRunning) {
     EXPECT_THROW(start({describe("a", 0), describe("b", 2)}), std::invalid_argument);
     EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 1);
     EXPECT_THAT(m_placement.loads(), IsEmpty());
+}
+
+TEST_F(DeviceManagerCreatorTest, StatusListsAreParallelAndInOrderOfSubclasses) {
+    FakeInfoCollector collector;
+    const ScopedPort<InfoCollector> port(collector);
+    start({describe("c", 2), describe("a", 0), describe("b", 0)});
+    EXPECT_TRUE(m_creator->enqueueLoadGraph(makeGraphOf(2)));
+    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
+    const auto status = std::make_shared<KelmStatus>();
+    m_creator->enqueueQueryDeviceStatus(status);
+    ASSERT_TRUE(eventually([&] { return collector.statusSources().size() == 1; }));
+    EXPECT_THAT(status->deviceNames, ::testing::Contains("a"));
+    EXPECT_THAT(status->deviceGraphNames, ElementsAre("NoGraph", "NoGraph", "graph1"));
+    EXPECT_EQ(status->deviceNames.back(), "c");
+    EXPECT_THAT(status->deviceSubclasses, ElementsAre(0, 0, 2));
+    EXPECT_THAT(status->deviceFps, ElementsAre(0.0f, 0.0f, 0.0f));
+    EXPECT_EQ(status->deviceThermals.size(), 3u);
+    m_creator->enqueueQueryDeviceScheduler(status);
+    ASSERT_TRUE(eventually([&] { return collector.statusSources().size() == 2; }));
+    EXPECT_EQ(status->deviceSchedulerName, "DS.Squeeze2");
+    EXPECT_THAT(collector.statusSources(), ::testing::Each("DeviceManagerCreator"));
+
+    // Each manager starts at the first row, and the count stays 0.
+    auto package = std::make_unique<InfoPackage>();
+    package->deviceCount = 7;
+    m_creator->enqueueUpdateInfoPackage(package.get());
+    ASSERT_TRUE(eventually([&] { return collector.packageSources().size() == 1; }));
+    EXPECT_EQ(package->deviceCount, 0);
+    EXPECT_EQ(package->devices[0].deviceId, status->deviceIds[2]);
+    EXPECT_STREQ(package->devices[0].currentGraphName[0], "graph1");
+    EXPECT_EQ(package->devices[1].deviceId, status->deviceIds[1]);
+    EXPECT_EQ(package->devices[2].deviceId, 0u);
+}
+
+TEST_F(DeviceManagerCreatorTest, QuestionsAreCompletedWithoutAnyDevice) {
+    FakeInfoCollector collector;
+    const ScopedPort<InfoCollector> port(collector);
+    start({});
+    const auto status = std::make_shared<KelmStatus>();
+    InfoPackage package{};
+    m_creator->enqueueQueryDeviceStatus(status);
+    m_creator->enqueueQueryDeviceScheduler(status);
+    m_creator->enqueueUpdateInfoPackage(&package);
+    EXPECT_TRUE(eventually([&] {
+        return collector.statusSources().size() == 2 && collector.packageSources().size() == 1;
+    }));
+    EXPECT_EQ(status->deviceSchedulerName, "");
+    EXPECT_TRUE(m_creator->stop());
+}
+
+// Whose notices of a status wait until the test lets them go.
+class SlowCollector final : public InfoCollector {
+ public:
+    explicit SlowCollector(std::shared_future<void> go) : m_go(std::move(go)) {}
+    bool registerListener(PrintInfoListener*) override { return true; }
+    void unregisterListener(PrintInfoListener*) override {}
+    void enqueueQueryStatusDone(const std::shared_ptr<KelmStatus>&, const std::string&) override {
+        m_go.wait();
+        ++m_statuses;
+    }
+    void enqueueUpdateInfoPackageDone(const std::string&) override { ++m_packages; }
+
+    std::atomic<int> m_statuses{0};
+    std::atomic<int> m_packages{0};
+
+ private:
+    const std::shared_future<void> m_go;
+};
+
+TEST_F(DeviceManagerCreatorTest, FullPoolHoldsUpNoPackage) {
+    std::promise<void> go;
+    SlowCollector collector(go.get_future().share());
+    const ScopedPort<InfoCollector> port(collector);
+    start({});
+    constexpr int kRunningAndQueued = 23;
+    const auto status = std::make_shared<KelmStatus>();
+    for (int i = 0; i < kRunningAndQueued; ++i) m_creator->enqueueQueryDeviceStatus(status);
+    InfoPackage package{};
+    m_creator->enqueueUpdateInfoPackage(&package);
+    go.set_value();
+    EXPECT_TRUE(eventually(
+        [&] { return collector.m_packages == 1 && collector.m_statuses == kRunningAndQueued; }));
 }
 
 }  // namespace

@@ -127,6 +127,22 @@ TEST_F(WorkThreadTest, ResetIsAnsweredToItsClient) {
     EXPECT_EQ(sink.resets()[1].error, KelmError(-2));
 }
 
+TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {
+    start();
+    script.block(DeviceCall::Reset);
+    worker->enqueueResetDevice(5, nullptr);
+    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::Reset) == 1; }));
+    auto loaded = std::async(std::launch::async, [&] { return load(graph.get()); });
+    for (int look = 0; look < 1000; ++look) {
+        ASSERT_THAT(worker->getGraphs(), IsEmpty());
+        std::this_thread::yield();
+    }
+    EXPECT_THAT(worker->getStates(), ElementsAre("WAIT_GRAPH"));
+    script.release(DeviceCall::Reset);
+    EXPECT_EQ(loaded.get(), 0);
+    EXPECT_EQ(worker->getGraphName(), "graph1");
+}
+
 TEST_F(WorkThreadTest, WithoutSlotsNothingIsLoaded) {
     start(0);
     EXPECT_TRUE(worker->isReady());
