@@ -205,20 +205,6 @@ TEST_F(DeviceSchedulerSqueeze2Test, DroppedPlanGivesBackOnlyWhatItTookOut) {
     EXPECT_THAT(worker->getGraphs(), IsEmpty());
 }
 
-// Takes a graph and dies: the graph no longer counts it.
-class DyingDevice : public ScriptedDevice {
- public:
-    using ScriptedDevice::ScriptedDevice;
-    std::unique_ptr<KelmDeviceBase> clone() override { return std::make_unique<DyingDevice>(this); }
-
- protected:
-    int allocateGraphImpl(KelmGraph* graph) override {
-        const int rc = ScriptedDevice::allocateGraphImpl(graph);
-        graph->removeCachedDevice(getName());
-        return rc;
-    }
-};
-
 TEST_F(DeviceSchedulerSqueeze2Test, GraphIsNotGivenUpWhileAWorkerRefersToIt) {
     KelmDeviceBase::setFactory([](const std::string& name) {
         return std::make_unique<DyingDevice>(name, std::make_shared<DeviceScript>());

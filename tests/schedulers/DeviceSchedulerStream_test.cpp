@@ -40,9 +40,22 @@ TEST_F(DeviceSchedulerStreamTest, OneOfTwoDisplacedGraphsWaitsForTheNextDevice) 
     EXPECT_EQ(play("+d"), "1x1 2x1");
 }
 
+// A load that ended well on a device that died right after it is tried again, beside the worker
+// that still refers to the graph.
+TEST_F(DeviceSchedulerStreamTest, GraphOfADeviceThatDiedGetsTwoOthers) {
+    KelmDeviceBase::setFactory([](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+        const auto script = std::make_shared<DeviceScript>();
+        if (name == "a") return std::make_unique<DyingDevice>(name, script);
+        return std::make_unique<ScriptedDevice>(name, script);
+    });
+    EXPECT_EQ(play("+a L1 | -a +b +c"), "1x1 | 1x1 ok1");
+    EXPECT_EQ(play("U1 | +a -b -c L2 | +b | -a +c"), "gone1 | 2x1 | 2x2 ok2 | 2x1");
+}
+
 TEST_F(DeviceSchedulerStreamTest, UnloadOfAGraphThatIsNowhereIsToldAndConfirmed) {
+    m_deletesRecords = true;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(play("+a L1 | -a | U1"), "1x1 ok1 | | gone1");
+    EXPECT_EQ(play("+a L1 | -a | U1 | +b"), "1x1 ok1 | | gone1 |");
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 ::testing::HasSubstr("Error: cannot find loaded graph graph1"));
 }

@@ -38,6 +38,7 @@ const LazyCase kCases[] = {
     {"LoadCannotUseWhatTheSamePassFrees", "+a +b L1 | U1 L2", "1x2 ok1 | 2x2 ok2 gone1"},
     {"GraphIsNotMovedToASpareDevice", "+a L6 | +b | -a", "6x1 ok6 | 6x1 | 6x1"},
     {"GraphWithoutDeviceLosesItsTag", "+a L6 | -a | +b", "6x1 ok6 | | 6x1"},
+    {"FailedGraphIsLoadedAfterItsEnd", "+a !a L6 | ~a", "fail6=-130 |"},
     {"HolderOnNoDeviceIsLoadedAfterItsEnd", "+a L1 | -a | U1 | +b | L2",
      "1x1 ok1 | | gone1 | | 2x1 ok2"},
     {"UnloadAndRemovalGiveBackTwice", "+a L6 | U6 -a | +b +c L7", "6x1 ok6 | gone6 | 7x1 ok7"},
@@ -64,6 +65,7 @@ TEST_F(DeviceSchedulerTagTest, UnknownTagIsToldOnlyOnce) {
 }
 
 TEST_F(DeviceSchedulerTagTest, NoOrderOfEventsCreatesOrLosesHeadcount) {
+    m_deletesRecords = true;
     for (unsigned int seed = 0; seed < 60; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);

@@ -45,6 +45,20 @@ class SchedulerRig : public ::testing::Test {
     ScopedPort<WorkerRemovalListener> m_removalPort{m_removal};
 };
 
+// Takes a graph and dies: the graph no longer counts it.
+class DyingDevice : public ScriptedDevice {
+ public:
+    using ScriptedDevice::ScriptedDevice;
+    std::unique_ptr<KelmDeviceBase> clone() override { return std::make_unique<DyingDevice>(this); }
+
+ protected:
+    int allocateGraphImpl(KelmGraph* graph) override {
+        const int rc = ScriptedDevice::allocateGraphImpl(graph);
+        graph->removeCachedDevice(getName());
+        return rc;
+    }
+};
+
 // Makes its passes on the test's thread, one at a time.
 class SteppedSqueeze : public DeviceSchedulerSqueeze2 {
  public:
