@@ -38,6 +38,12 @@ void DeviceSchedulerLazy::makePlugout(WorkThread* worker) {
     LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
 }
 
+void DeviceSchedulerLazy::makeIdle(const std::vector<WorkThread*>& workers) {
+    for (WorkThread* worker : workers) {
+        if (!m_lostWorkers.contains(worker)) m_idleWorkers.insert(worker);
+    }
+}
+
 // A worker that came and goes in the same pass is not idle: nothing may be loaded onto it.
 void DeviceSchedulerLazy::collectAndClassify() {
     m_idleWorkers.clear();
@@ -56,10 +62,7 @@ void DeviceSchedulerLazy::collectAndClassify() {
 
 void DeviceSchedulerLazy::classify(WorkThread* worker) {
     const std::set<KelmGraph*> graphs = worker->getGraphs();
-    if (graphs.empty()) {
-        if (!m_lostWorkers.contains(worker)) m_idleWorkers.insert(worker);
-        return;
-    }
+    if (graphs.empty()) return makeIdle({worker});
     for (KelmGraph* graph : graphs) {
         if (graph != nullptr) m_graphWorkers[graph].push_back(worker);
     }

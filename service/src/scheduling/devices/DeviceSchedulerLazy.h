@@ -30,6 +30,8 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
     // For plans. The worker that is taken is not idle any more; there must be one.
     WorkThread* takeIdleWorker() REQUIRES(m_onSchedulingThread);
     void makePlugout(WorkThread* worker) REQUIRES(m_onSchedulingThread);
+    // Workers that this pass unloads, but for the lost ones.
+    void makeIdle(const std::vector<WorkThread*>& workers) REQUIRES(m_onSchedulingThread);
 
     // The workers that stay or come, without a graph and by graph. Rebuilt before each plan.
     std::set<WorkThread*> m_idleWorkers GUARDED_BY(m_onSchedulingThread);

@@ -40,7 +40,7 @@ void DeviceSchedulerStream::handleUnloadGraph() {
             continue;
         }
         for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
-        m_idleWorkers.insert(loaded.mapped().begin(), loaded.mapped().end());
+        makeIdle(loaded.mapped());
     }
 }
 

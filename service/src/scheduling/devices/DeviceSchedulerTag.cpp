@@ -57,7 +57,7 @@ void DeviceSchedulerTag::handleUnloadGraph() {
         const auto loaded = m_graphWorkers.extract(graph);
         if (loaded.empty()) continue;
         for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
-        m_idleWorkers.insert(loaded.mapped().begin(), loaded.mapped().end());
+        makeIdle(loaded.mapped());
         entry->second += loaded.mapped().size();
     }
 }
