@@ -7,6 +7,7 @@
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/StatusCommand.h"
+#include "tools/kelmctl/TraceCommand.h"
 #include "tools/kelmctl/WaitReadyCommand.h"
 
 namespace {
@@ -56,6 +57,23 @@ Command addStatus(CLI::App& app) {
     return {command, [options] { return kelm::ctl::runStatus(*options); }};
 }
 
+Command addTrace(CLI::App& app) {
+    CLI::App* command = app.add_subcommand(
+        "trace",
+        "turn the files of the service's tracer into a JSON file in the trace event format, for a "
+        "trace viewer");
+    const auto options = std::make_shared<kelm::ctl::TraceOptions>();
+    command->add_option("frames", options->frames, "the file kelm-...-frames-....csv")->required();
+    command->add_option("tasks", options->tasks, "the file kelm-...-tasks-....csv")->required();
+    command->add_option("-o,--output", options->output, "the JSON file to write")->required();
+    command->add_option("--threads", options->threads,
+                        "the thread.info of the same run, which has the names of the threads");
+    command->add_option("--tsc-mhz", options->tscMhz,
+                        "rate of the time stamp counter on the machine that was traced; without "
+                        "it, it is measured on this one in 50 milliseconds");
+    return {command, [options] { return kelm::ctl::runTrace(*options); }};
+}
+
 Command addWaitReady(CLI::App& app) {
     CLI::App* command = app.add_subcommand("wait-ready", "wait until the service takes clients");
     const auto seconds = std::make_shared<double>(10.0);
@@ -68,7 +86,8 @@ Command addWaitReady(CLI::App& app) {
 int main(int argc, char** argv) {
     CLI::App app("kelmctl: run, measure and watch inferences through the kelmdaemon service");
     app.require_subcommand(1);
-    const Command commands[] = {addInfer(app), addBench(app), addStatus(app), addWaitReady(app)};
+    const Command commands[] = {addInfer(app), addBench(app), addStatus(app), addTrace(app),
+                                addWaitReady(app)};
     CLI11_PARSE(app, argc, argv);
     try {
         for (const Command& command : commands) {

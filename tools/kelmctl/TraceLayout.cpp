@@ -1,0 +1,73 @@
+#include "tools/kelmctl/TraceLayout.h"
+
+#include <iterator>
+
+namespace kelm::ctl {
+
+namespace {
+
+constexpr std::string_view kOnDevice = "_device_";
+
+struct Kind {
+    std::string_view prefix;
+    std::string_view part;  // somewhere behind it
+    std::string_view category;
+    bool endsElsewhere;
+};
+
+// The first that fits.
+constexpr Kind kKinds[] = {
+    {"task_", "_inference", "inference", true},
+    {"task_", "", "task", true},
+    {"load_graph_", kOnDevice, "device", false},
+    {"unload_graph_", kOnDevice, "device", false},
+    {"load_graph_", "", "graph", true},
+    {"unload_graph_", "", "graph", false},
+    {"", "", "other", false},
+};
+
+const Kind& kindOf(std::string_view name) {
+    const Kind* kind = kKinds;
+    while (!name.starts_with(kind->prefix) || name.find(kind->part) == std::string_view::npos) {
+        ++kind;
+    }
+    return *kind;
+}
+
+}  // namespace
+
+TracePlace TraceLayout::place(const TraceRow& row) {
+    const Kind& kind = kindOf(row.name);
+    // Without a thread there is no track of its own either.
+    if (!kind.endsElsewhere && row.tid != 0 && nest(row)) return {kind.category, true, 0};
+    Lanes& lanes = m_lanes[{Thread(row.pid, row.tid), kind.category}];
+    return {kind.category, false, lanes.take(row.start, row.end)};
+}
+
+bool TraceLayout::nest(const TraceRow& row) {
+    std::vector<Span>& spans = m_nested[{row.pid, row.tid}];
+    if (!spans.empty() && row.end < spans.back().second) return false;
+    size_t outside = spans.size();
+    while (outside > 0 && spans[outside - 1].first >= row.start) --outside;
+    if (outside > 0 && spans[outside - 1].second > row.start) return false;
+    spans.resize(outside);
+    spans.emplace_back(row.start, row.end);
+    return true;
+}
+
+uint64_t TraceLayout::Lanes::take(uint64_t start, uint64_t end) {
+    // Of the free lanes the one that was used last, so that the others stay free for longer spans.
+    auto after = ends.upper_bound({start, UINT64_MAX});
+    if (after == ends.begin()) {
+        const uint64_t lane = ends.size() + 1;
+        ends.emplace(end, lane);
+        return lane;
+    }
+    auto node = ends.extract(std::prev(after));
+    const uint64_t lane = node.value().second;
+    node.value().first = end;
+    ends.insert(std::move(node));
+    return lane;
+}
+
+}  // namespace kelm::ctl
