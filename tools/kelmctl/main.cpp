@@ -7,6 +7,7 @@
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/StatusCommand.h"
+#include "tools/kelmctl/TopCommand.h"
 #include "tools/kelmctl/TraceCommand.h"
 #include "tools/kelmctl/WaitReadyCommand.h"
 
@@ -57,6 +58,11 @@ Command addStatus(CLI::App& app) {
     return {command, [options] { return kelm::ctl::runStatus(*options); }};
 }
 
+Command addTop(CLI::App& app) {
+    CLI::App* command = app.add_subcommand("top", "watch the service live on the terminal");
+    return {command, [] { return kelm::ctl::runTop(); }};
+}
+
 Command addTrace(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "trace",
@@ -86,8 +92,8 @@ Command addWaitReady(CLI::App& app) {
 int main(int argc, char** argv) {
     CLI::App app("kelmctl: run, measure and watch inferences through the kelmdaemon service");
     app.require_subcommand(1);
-    const Command commands[] = {addInfer(app), addBench(app), addStatus(app), addTrace(app),
-                                addWaitReady(app)};
+    const Command commands[] = {addInfer(app), addBench(app), addStatus(app),
+                                addTop(app),   addTrace(app), addWaitReady(app)};
     CLI11_PARSE(app, argc, argv);
     try {
         for (const Command& command : commands) {

@@ -1,0 +1,111 @@
+#include "tools/kelmctl/TopCommand.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <csignal>
+#include <optional>
+#include <stdexcept>
+
+#include "tools/kelmctl/SafeText.h"
+#include "tools/kelmctl/TopFeed.h"
+#include "tools/kelmctl/TopScreen.h"
+#include "tools/kelmctl/TopView.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm::ctl {
+
+namespace {
+
+constexpr int kTickMillis = 1000;  // for the clock on the screen
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH};
+
+// The signals as a descriptor. Made before any thread, so that no thread is interrupted by them.
+class SignalQueue {
+ public:
+    SignalQueue() {
+        sigset_t set;
+        ::sigemptyset(&set);
+        for (const int signal : kSignals) ::sigaddset(&set, signal);
+        ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        m_fd.reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+        if (!m_fd) throw std::runtime_error("cannot wait for signals");
+    }
+
+    int fd() const { return m_fd.get(); }
+    // The next one, 0 when none waits.
+    int next() const {
+        signalfd_siginfo info{};
+        const bool got = ::read(m_fd.get(), &info, sizeof(info)) == sizeof(info);
+        return got ? static_cast<int>(info.ssi_signo) : 0;
+    }
+
+ private:
+    UniqueFd m_fd;
+};
+
+// The loop between the feed, the terminal and the signals.
+class Top {
+ public:
+    int run() {
+        while (true) {
+            applyNews();
+            draw();
+            pollfd fds[] = {
+                {STDIN_FILENO, POLLIN, 0}, {m_feed.fd(), POLLIN, 0}, {m_signals.fd(), POLLIN, 0}};
+            (void)::poll(fds, std::size(fds), kTickMillis);  // a failure is a tick
+            if (const auto status = handleSignals()) return *status;
+            if (!handleKeys()) return 0;
+            // A terminal that is gone would be readable for ever.
+            if ((fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return 128 + SIGHUP;
+        }
+    }
+
+ private:
+    void applyNews() {
+        const TopNews news = m_feed.take();
+        const auto now = std::chrono::system_clock::now();
+        if (!news.statusWhy.empty()) m_model.setGone(news.statusWhy, now);
+        if (!news.snapshotWhy.empty()) m_model.setSnapshotGone(news.snapshotWhy);
+        if (m_controls.isPaused() && m_model.service().up) return;
+        if (news.snapshot) m_model.setSnapshot(*news.snapshot, now);
+        if (news.status) m_model.setStatus(*news.status, now);
+    }
+
+    void draw() {
+        const TopFrame frame =
+            m_view.draw(m_screen.width(), m_screen.height(), std::chrono::system_clock::now());
+        m_controls.limitOffsets(frame.mostOffsets);
+        m_screen.draw(frame.grid);
+    }
+
+    std::optional<int> handleSignals() {
+        while (const int signal = m_signals.next()) {
+            if (signal == SIGINT) return 0;
+            if (signal != SIGWINCH) return 128 + signal;
+            m_screen.resize();
+        }
+        return {};
+    }
+
+    bool handleKeys() {
+        for (int key = m_screen.readKey(); key >= 0; key = m_screen.readKey()) {
+            if (!m_controls.handleKey(key)) return false;
+        }
+        return true;
+    }
+
+    const SignalQueue m_signals;
+    const bool m_utf8 = useTerminalLocale();
+    TopFeed m_feed;      // after the signals are blocked
+    TopScreen m_screen;  // goes before the feed, which may take its time to stop
+    TopModel m_model;
+    TopControls m_controls;
+    const TopView m_view{m_model, m_controls, m_utf8};
+};
+
+}  // namespace
+
+int runTop() { return Top().run(); }
+
+}  // namespace kelm::ctl

@@ -1,0 +1,126 @@
+#include "tools/kelmctl/TopFeed.h"
+
+#include <sys/eventfd.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "utils/ThreadUtils.h"
+
+namespace kelm::ctl {
+
+namespace {
+constexpr client::Deadline kDeadline{2000};
+}
+
+TopFeed::TopFeed(std::chrono::milliseconds interval)
+    : m_interval(interval), m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (!m_wakeFd) throw std::runtime_error("cannot make an event descriptor");
+    m_statusThread = std::thread([this] { statusRoutine(); });
+    m_snapshotThread = std::thread([this] { snapshotRoutine(); });
+}
+
+TopFeed::~TopFeed() {
+    {
+        MutexLock lock(m_mutex);
+        m_stop = true;
+        if (m_reader) m_reader->interrupt();
+    }
+    m_stopped.notifyAll();
+    m_statusThread.join();
+    m_snapshotThread.join();
+}
+
+TopNews TopFeed::take() {
+    eventfd_t ignored = 0;
+    (void)::eventfd_read(m_wakeFd.get(), &ignored);
+    MutexLock lock(m_mutex);
+    TopNews news = m_news;
+    m_news.status.reset();
+    m_news.snapshot.reset();
+    return news;
+}
+
+void TopFeed::wakeReader() const { (void)::eventfd_write(m_wakeFd.get(), 1); }
+
+bool TopFeed::waitInterval() {
+    const auto end = std::chrono::steady_clock::now() + m_interval;
+    MutexLock lock(m_mutex);
+    while (!m_stop && m_stopped.waitUntil(m_mutex, end)) {
+    }
+    return !m_stop;
+}
+
+void TopFeed::statusRoutine() {
+    ThreadUtils::setName("TopStatus");
+    do {
+        const std::string why = followStatus();
+        {
+            MutexLock lock(m_mutex);
+            m_news.statusWhy = why;
+            m_news.status.reset();
+        }
+        wakeReader();
+    } while (waitInterval());
+}
+
+std::string TopFeed::followStatus() {
+    const auto connected = client::Client::connect({}, kDeadline);
+    if (!connected) return connected.error().text();
+    client::Client& service = *connected.value();
+    if (const client::Error error = service.registerClient("kelmctl", kDeadline)) {
+        return error.text();
+    }
+    do {
+        const auto status = service.queryStatus(client::StatusParts::all(), kDeadline);
+        if (!status) return status.error().text();
+        {
+            MutexLock lock(m_mutex);
+            m_news.status = status.value();
+            m_news.statusWhy.clear();
+        }
+        wakeReader();
+    } while (waitInterval());
+    return {};
+}
+
+void TopFeed::snapshotRoutine() {
+    ThreadUtils::setName("TopSnapshot");
+    do {
+        const std::string why = followSnapshots();
+        {
+            MutexLock lock(m_mutex);
+            m_news.snapshotWhy = why;
+            m_news.snapshot.reset();
+        }
+        wakeReader();
+    } while (waitInterval());
+}
+
+bool TopFeed::publish(std::shared_ptr<client::SnapshotReader> reader) {
+    MutexLock lock(m_mutex);
+    m_reader = std::move(reader);
+    return !m_stop;
+}
+
+std::string TopFeed::followSnapshots() {
+    auto connected = client::SnapshotReader::connect({}, kDeadline);
+    if (!connected) return connected.error().text();
+    const std::shared_ptr<client::SnapshotReader> reader = std::move(connected.value());
+    if (!publish(reader)) return {};
+    while (true) {
+        const auto snapshot = reader->read();
+        if (!snapshot) {
+            (void)publish(nullptr);
+            return snapshot.error().text();
+        }
+        {
+            MutexLock lock(m_mutex);
+            m_news.snapshot = snapshot.value();
+            m_news.snapshotWhy.clear();
+        }
+        wakeReader();
+    }
+}
+
+}  // namespace kelm::ctl

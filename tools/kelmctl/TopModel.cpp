@@ -1,0 +1,232 @@
+#include "tools/kelmctl/TopModel.h"
+
+#include <algorithm>
+#include <cctype>
+#include <utility>
+
+namespace kelm::ctl {
+
+namespace {
+
+// Rows of one name are told apart by their order.
+using RowKey = std::pair<std::string, size_t>;
+
+class RowKeys {
+ public:
+    RowKey next(const std::string& name) { return {name, m_seen[name]++}; }
+
+ private:
+    std::map<std::string, size_t> m_seen;
+};
+
+template <class Entry>
+std::map<RowKey, const Entry*> byName(const std::vector<Entry>& entries) {
+    std::map<RowKey, const Entry*> result;
+    RowKeys keys;
+    for (const Entry& entry : entries) result.emplace(keys.next(entry.name), &entry);
+    return result;
+}
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+// Whether `a` stands before `b`: texts upwards, numbers downwards, unknown ones last.
+bool isBefore(const TopRow& a, const TopRow& b, const TopColumn& column) {
+    switch (column.kind) {
+        case TopColumn::Kind::kName:
+            return a.name < b.name;
+        case TopColumn::Kind::kDetail:
+            return a.detail < b.detail;
+        default:
+            return a.value(column.value) > b.value(column.value);
+    }
+}
+
+double toDouble(uint64_t count) { return static_cast<double>(count); }
+
+void fillFromSnapshot(TopRow& row, const client::ClientSnapshot& client) {
+    row.detail = std::to_string(client.apiMajor) + "." + std::to_string(client.apiMinor);
+    row.value(TopValue::kWaiting) = toDouble(client.waitingTasks);
+    // 0 is also what a service tells that does not count by client.
+    if (client.inferences > 0) row.value(TopValue::kInferences) = toDouble(client.inferences);
+}
+
+void fillFromSnapshot(TopRow& row, const client::DeviceSnapshot& device) {
+    row.value(TopValue::kThrottling) = device.throttlingLevel;
+    uint64_t inferences = 0;
+    for (const client::CurrentGraph& graph : device.current) inferences += graph.inferences;
+    row.value(TopValue::kInferences) = toDouble(inferences);
+    if (device.current.size() > 1) {
+        row.detail += " +" + std::to_string(device.current.size() - 1);
+    }
+}
+
+void fillFromSnapshot(TopRow& row, const client::GraphSnapshot& graph) {
+    row.value(TopValue::kDevices) = graph.runningDevices;
+    row.value(TopValue::kWaiting) = toDouble(graph.waitingTasks);
+    row.value(TopValue::kInferences) = toDouble(graph.inferences);
+    row.value(TopValue::kNumber) = graph.clientCount;
+}
+
+}  // namespace
+
+TopModel::TopModel() = default;
+
+void TopModel::setStatus(const client::ServiceStatus& status, Time now) {
+    if (!m_service.up) {
+        m_service.up = true;
+        m_service.goneSince.reset();
+        if (m_service.known) m_service.goneSince = m_service.since;
+        m_service.known = true;
+        m_service.since = now;
+    }
+    m_status = status;
+    m_serviceHistory.add(static_cast<double>(status.serviceFps));
+    merge(true);
+}
+
+void TopModel::setSnapshot(const client::Snapshot& snapshot, Time now) {
+    measureClients(snapshot, now);
+    m_snapshot = snapshot;
+    m_snapshotWhy.clear();
+    merge(false);
+}
+
+void TopModel::setGone(const std::string& why, Time now) {
+    m_service.why = why;
+    if (m_service.known && !m_service.up) return;
+    m_service.known = true;
+    m_service.up = false;
+    m_service.since = now;
+}
+
+void TopModel::setSnapshotGone(const std::string& why) {
+    m_snapshot.reset();
+    m_snapshotWhy = why;
+    // The next service counts from 0.
+    m_measured.clear();
+    m_clientRates.clear();
+}
+
+// A snapshot may come right behind another one: over less than half a second a rate says nothing.
+void TopModel::measureClients(const client::Snapshot& snapshot, Time now) {
+    constexpr double kLeastSeconds = 0.5;
+    const double seconds = std::chrono::duration<double>(now - m_measuredAt).count();
+    if (!m_measured.empty() && seconds >= 0.0 && seconds < kLeastSeconds) return;
+    m_clientRates.clear();
+    std::map<uint64_t, uint64_t> measured;
+    for (const client::ClientSnapshot& client : snapshot.clients) {
+        if (client.inferences == 0) continue;  // perhaps it is not counted
+        measured[client.id] = client.inferences;
+        const auto before = m_measured.find(client.id);
+        if (before == m_measured.end() || before->second > client.inferences || seconds <= 0.0) {
+            continue;
+        }
+        m_clientRates[client.id] = toDouble(client.inferences - before->second) / seconds;
+    }
+    m_measured = std::move(measured);
+    m_measuredAt = now;
+}
+
+TopModel::Rows TopModel::mergeDevices() const {
+    Rows rows;
+    for (const client::DeviceStatus& device : m_status.devices) {
+        TopRow& row = rows.emplace_back();
+        row.name = device.name;
+        row.detail = device.graph;
+        row.value(TopValue::kRate) = device.fps;
+        row.value(TopValue::kTemperature) = device.thermal;
+        row.value(TopValue::kNumber) = device.id;
+        if (!m_snapshot) continue;
+        for (const client::DeviceSnapshot& more : m_snapshot->devices) {
+            if (more.id != device.id) continue;
+            fillFromSnapshot(row, more);
+            break;
+        }
+    }
+    return rows;
+}
+
+TopModel::Rows TopModel::mergeGraphs() const {
+    std::map<RowKey, const client::GraphSnapshot*> more;
+    if (m_snapshot) more = byName(m_snapshot->graphs);
+    Rows rows;
+    RowKeys keys;
+    for (const client::GraphStatus& graph : m_status.graphs) {
+        TopRow& row = rows.emplace_back();
+        row.name = graph.name;
+        row.value(TopValue::kRate) = graph.fpsIn;
+        row.value(TopValue::kRateOut) = graph.fpsOut;
+        const auto found = more.find(keys.next(graph.name));
+        if (found != more.end()) fillFromSnapshot(row, *found->second);
+    }
+    return rows;
+}
+
+TopModel::Rows TopModel::mergeClients() const {
+    std::map<RowKey, const client::ClientSnapshot*> more;
+    if (m_snapshot) more = byName(m_snapshot->clients);
+    Rows rows;
+    RowKeys keys;
+    for (const client::ClientStatus& client : m_status.clients) {
+        TopRow& row = rows.emplace_back();
+        row.name = client.name;
+        row.value(TopValue::kRate) = client.fps;
+        const auto found = more.find(keys.next(client.name));
+        if (found == more.end()) continue;
+        fillFromSnapshot(row, *found->second);
+        more.erase(found);
+    }
+    // Where the status had room for all clients, those that only the older snapshot has are gone.
+    if (m_status.clientCount <= m_status.clients.size()) return rows;
+    for (const auto& [key, client] : more) {
+        TopRow& row = rows.emplace_back();
+        row.name = client->name;
+        fillFromSnapshot(row, *client);
+        const auto rate = m_clientRates.find(client->id);
+        if (rate != m_clientRates.end()) row.value(TopValue::kRate) = rate->second;
+    }
+    return rows;
+}
+
+void TopModel::merge(bool sample) {
+    replace(TopSection::kDevices, mergeDevices(), sample);
+    replace(TopSection::kGraphs, mergeGraphs(), sample);
+    replace(TopSection::kClients, mergeClients(), sample);
+}
+
+void TopModel::replace(TopSection section, Rows rows, bool sample) {
+    Rows& present = m_rows[static_cast<size_t>(section)];
+    const std::map<RowKey, const TopRow*> past = byName(present);
+    RowKeys keys;
+    for (TopRow& row : rows) {
+        const auto found = past.find(keys.next(row.name));
+        if (found != past.end()) row.histories = found->second->histories;
+        for (size_t i = 0; sample && i < row.histories.size(); ++i) {
+            row.histories[i].add(row.values[i].value_or(0.0));
+        }
+    }
+    present = std::move(rows);
+}
+
+std::vector<const TopRow*> TopModel::rows(TopSection section, const TopOrder& order) const {
+    const std::string wanted = lower(order.filter);
+    std::vector<const TopRow*> result;
+    for (const TopRow& row : rowsOf(section)) {
+        const bool passes = lower(row.name).find(wanted) != std::string::npos ||
+                            lower(row.detail).find(wanted) != std::string::npos;
+        if (passes) result.push_back(&row);
+    }
+    const TopColumn& column = topColumns(section)[order.column];
+    std::stable_sort(result.begin(), result.end(), [&](const TopRow* a, const TopRow* b) {
+        if (isBefore(*a, *b, column)) return !order.reversed;
+        if (isBefore(*b, *a, column)) return order.reversed;
+        return a->name < b->name;
+    });
+    return result;
+}
+
+}  // namespace kelm::ctl

@@ -1,0 +1,260 @@
+#include "tools/kelmctl/TopView.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "tools/kelmctl/SafeText.h"
+#include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
+
+namespace kelm::ctl {
+
+namespace {
+
+constexpr size_t kTopLines = 3;
+constexpr size_t kHelpLines = 1;
+constexpr size_t kGutter = 1;  // shows the selected section, also without colours
+constexpr std::chrono::seconds kBackShown(10);
+
+std::u32string count(double value) {
+    constexpr double kMostDigits = 1e8;
+    constexpr const char* kUnits[] = {"k", "M", "G", "T", "P", "E"};
+    if (value < kMostDigits) return fromAscii(formatFixed(value, 0));
+    size_t unit = 0;
+    for (value /= 1e3; value >= 1e4 && unit + 1 < std::size(kUnits); value /= 1e3) ++unit;
+    return fromAscii(formatFixed(value, 1) + kUnits[unit]);
+}
+
+std::u32string rate(double value) {
+    constexpr double kMostWithDecimal = 1e6;
+    return value < kMostWithDecimal ? fromAscii(formatFixed(value, 1)) : count(value);
+}
+
+std::u32string level(double value) { return value > 0.0 ? U"level " + count(value) : U"no"; }
+
+std::u32string number(std::optional<double> value, TopFormat format) {
+    if (!value) return U"-";
+    switch (format) {
+        case TopFormat::kRate:
+            return rate(*value);
+        case TopFormat::kDegrees:
+            return fromAscii(formatFixed(*value, 1));
+        case TopFormat::kLevel:
+            return level(*value);
+        default:
+            return count(*value);
+    }
+}
+
+std::u32string_view sortMark(bool upwards, bool utf8) {
+    if (utf8) return upwards ? U"\u25b2" : U"\u25bc";
+    return upwards ? U"^" : U"v";
+}
+
+// Shares `lines` out: nobody gets more than it needs, what one does not need goes to the others.
+std::vector<size_t> shareOut(size_t lines, const std::vector<size_t>& needs) {
+    std::vector<size_t> shares(needs.size(), 0);
+    while (lines > 0 && shares != needs) {
+        for (size_t i = 0; i < needs.size() && lines > 0; ++i) {
+            if (shares[i] == needs[i]) continue;
+            ++shares[i];
+            --lines;
+        }
+    }
+    return shares;
+}
+
+}  // namespace
+
+std::u32string TopView::safe(const std::string& text) const { return safeText(text, m_utf8); }
+
+TopFrame TopView::draw(size_t width, size_t height, TopModel::Time now) const {
+    TopFrame frame{TopGrid(width, height), {}};
+    drawTitle(frame.grid, now);
+    drawCounts(frame.grid);
+    drawBanner(frame.grid, now);
+    const std::vector<Part> parts = partsFor(height);
+    size_t y = kTopLines;
+    size_t used = 0;
+    for (const Part& part : parts) used += part.lines + 1;
+    // Blank lines between the sections only where nothing is cut for them.
+    const bool spaced = y + used + parts.size() - 1 + kHelpLines <= height;
+    for (const Part& part : parts) {
+        drawPart(frame.grid, y, part);
+        y += part.lines + 1 + (spaced ? 1 : 0);
+        frame.mostOffsets[static_cast<size_t>(part.section)] = part.rows.size() - part.lines;
+    }
+    drawHelp(frame.grid);
+    return frame;
+}
+
+void TopView::drawTitle(TopGrid& grid, TopModel::Time now) const {
+    size_t x =
+        grid.put(0, 0, U"kelmctl top  " + fromAscii(putTime(now, "%T")) + U"  ", TopStyle::kTitle);
+    constexpr size_t kHistory = 30;
+    const std::u32string results =
+        rate(static_cast<double>(m_model.status().serviceFps)) + U" results/s  ";
+    x = grid.put(x, 0, results, TopStyle::kTitle);
+    x = grid.put(x, 0, m_model.serviceHistory().line(kHistory, m_utf8), TopStyle::kPlain);
+    if (m_controls.isPaused()) grid.put(x + 1, 0, U" PAUSED ", TopStyle::kAlarm);
+}
+
+void TopView::drawCounts(TopGrid& grid) const {
+    const client::ServiceStatus& status = m_model.status();
+    std::u32string text = count(status.deviceCount) + U" devices  " + count(status.graphCount) +
+                          U" graphs  " + count(status.clientCount) + U" clients";
+    if (!status.deviceScheduler.empty() || !status.taskScheduler.empty()) {
+        text += U"  " + safe(status.deviceScheduler) + U", " + safe(status.taskScheduler);
+    }
+    if (m_model.snapshot()) {
+        const client::MemorySnapshot& memory = m_model.snapshot()->memory;
+        text += U"  " + count(static_cast<double>(memory.residentMB)) + U" of " +
+                count(static_cast<double>(memory.totalMB)) + U" MB";
+    }
+    grid.put(0, 1, text, TopStyle::kPlain);
+}
+
+void TopView::drawBanner(TopGrid& grid, TopModel::Time now) const {
+    constexpr size_t kLine = 2;
+    const TopModel::Service& service = m_model.service();
+    const auto banner = [&](const std::u32string& text, TopStyle style) {
+        if (style != TopStyle::kPlain) grid.fill(kLine, style);
+        grid.put(0, kLine, text, style);
+    };
+    const std::u32string since = fromAscii(putTime(service.since, "%T"));
+    if (!service.known) return banner(U"connecting", TopStyle::kPlain);
+    if (!service.up) {
+        return banner(U"NO SERVICE since " + since + U": " + safe(service.why), TopStyle::kAlarm);
+    }
+    if (service.goneSince && now - service.since < kBackShown) {
+        const auto gone =
+            std::chrono::duration_cast<std::chrono::seconds>(service.since - *service.goneSince);
+        return banner(U"the service is back since " + since + U", after " +
+                          count(static_cast<double>(gone.count())) + U" s",
+                      TopStyle::kGood);
+    }
+    if (!m_model.snapshotWhy().empty()) {
+        return banner(U"no throttling, no waiting tasks: " + safe(m_model.snapshotWhy()),
+                      TopStyle::kWarning);
+    }
+}
+
+void TopView::drawHelp(TopGrid& grid) const {
+    if (grid.height() <= kTopLines) return;
+    const size_t y = grid.height() - 1;
+    size_t x = 0;
+    if (m_controls.isEditing()) {
+        x = grid.put(x, y, U"filter: " + safe(m_controls.filter()) + U"_", TopStyle::kTitle);
+        grid.put(x, y, U"   Enter keeps it, Esc drops it", TopStyle::kPlain);
+        return;
+    }
+    if (!m_controls.filter().empty()) {
+        x = grid.put(x, y, U"[" + safe(m_controls.filter()) + U"] ", TopStyle::kWarning);
+    }
+    grid.put(x, y,
+             U"q quit  p pause  Tab section  s sort  r reverse  z zoom  / filter  arrows scroll",
+             TopStyle::kDim);
+}
+
+std::vector<TopView::Part> TopView::partsFor(size_t height) const {
+    std::vector<Part> parts;
+    std::vector<size_t> needs;
+    for (size_t i = 0; i < kTopSections; ++i) {
+        const auto section = static_cast<TopSection>(i);
+        if (m_controls.isZoomed() && section != m_controls.selected()) continue;
+        parts.push_back({section, m_model.rows(section, m_controls.order(section))});
+        needs.push_back(parts.back().rows.size());
+    }
+    const size_t taken = kTopLines + kHelpLines + parts.size();
+    const std::vector<size_t> lines = shareOut(height > taken ? height - taken : 0, needs);
+    for (size_t i = 0; i < parts.size(); ++i) parts[i].lines = lines[i];
+    return parts;
+}
+
+void TopView::drawPart(TopGrid& grid, size_t y, const Part& part) const {
+    constexpr size_t kGap = 1;
+    size_t fixed = kGutter;
+    size_t weights = 0;
+    std::vector<Place> places;
+    for (const TopColumn& column : topColumns(part.section)) {
+        if (column.leastColumns > grid.width()) continue;
+        places.push_back({&column, 0, column.width});
+        fixed += column.width + kGap;
+        weights += column.weight;
+    }
+    const size_t rest = grid.width() > fixed - kGap ? grid.width() + kGap - fixed : 0;
+    size_t x = kGutter;
+    size_t given = 0;
+    for (Place& place : places) {
+        const size_t before = rest * given / weights;
+        given += place.column->weight;
+        place.width += rest * given / weights - before;
+        place.x = x;
+        x += place.width + kGap;
+    }
+    drawHeading(grid, y, part, places);
+    for (size_t i = 0; i < part.lines; ++i) {
+        drawRow(grid, y + 1 + i, *part.rows[firstRow(part) + i], places);
+    }
+}
+
+void TopView::drawHeading(TopGrid& grid, size_t y, const Part& part,
+                          const std::vector<Place>& places) const {
+    if (y + 1 >= grid.height()) return;
+    const bool selected = part.section == m_controls.selected();
+    const TopStyle style = selected ? TopStyle::kSelected : TopStyle::kHeading;
+    grid.fill(y, style);
+    if (selected) grid.put(0, y, U">", style);
+    const TopOrder order = m_controls.order(part.section);
+    const TopColumn* const sorted = &topColumns(part.section)[order.column];
+    for (const Place& place : places) {
+        std::u32string title = fromAscii(place.column->title);
+        const bool isNumber = place.column->kind == TopColumn::Kind::kValue;
+        if (place.column == sorted) title += sortMark(order.reversed == isNumber, m_utf8);
+        if (place.column->kind == TopColumn::Kind::kName) title += shownRange(part);
+        grid.put(place.x, y,
+                 isNumber ? fitColumnsRight(title, place.width) : fitColumns(title, place.width),
+                 style);
+    }
+}
+
+// " 3-7 of 12" where not all rows are shown.
+std::u32string TopView::shownRange(const Part& part) const {
+    if (part.lines >= part.rows.size()) return U"";
+    const std::u32string all = U" of " + count(static_cast<double>(part.rows.size()));
+    if (part.lines == 0) return U" 0" + all;
+    const size_t first = firstRow(part) + 1;
+    return U" " + count(static_cast<double>(first)) + U"-" +
+           count(static_cast<double>(first + part.lines - 1)) + all;
+}
+
+size_t TopView::firstRow(const Part& part) const {
+    return std::min(m_controls.offset(part.section), part.rows.size() - part.lines);
+}
+
+std::u32string TopView::cellText(const TopRow& row, const Place& place) const {
+    const TopColumn& column = *place.column;
+    switch (column.kind) {
+        case TopColumn::Kind::kName:
+            return fitColumns(safe(row.name), place.width);
+        case TopColumn::Kind::kDetail:
+            return fitColumns(safe(row.detail), place.width);
+        case TopColumn::Kind::kHistory:
+            return row.histories[static_cast<size_t>(column.value)].line(place.width, m_utf8);
+        default:
+            return fitColumnsRight(number(row.value(column.value), column.format), place.width);
+    }
+}
+
+void TopView::drawRow(TopGrid& grid, size_t y, const TopRow& row,
+                      const std::vector<Place>& places) const {
+    const bool stale = m_model.service().known && !m_model.service().up;
+    const TopStyle plain = stale ? TopStyle::kDim : TopStyle::kPlain;
+    for (const Place& place : places) {
+        const bool throttled = place.column->value == TopValue::kThrottling &&
+                               row.value(TopValue::kThrottling).value_or(0.0) > 0.0;
+        grid.put(place.x, y, cellText(row, place), throttled ? TopStyle::kWarning : plain);
+    }
+}
+
+}  // namespace kelm::ctl
