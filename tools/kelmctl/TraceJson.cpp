@@ -1,5 +1,6 @@
 #include "tools/kelmctl/TraceJson.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -32,6 +33,14 @@ TraceJson::TraceJson(const std::string& path, double ticksPerMicro, ThreadNames 
 }
 
 void TraceJson::add(const TraceRow& row, std::string_view note) {
+    if (TraceLayout::staysOnThread(row)) {
+        m_kept.push_back(row);
+    } else {
+        write(row, note);
+    }
+}
+
+void TraceJson::write(const TraceRow& row, std::string_view note) {
     const TracePlace place = m_layout.place(row);
     m_threads.emplace(row.pid, row.tid);
     const uint64_t start = toNanos(row.start);
@@ -46,6 +55,10 @@ void TraceJson::add(const TraceRow& row, std::string_view note) {
 }
 
 void TraceJson::finish() {
+    std::stable_sort(m_kept.begin(), m_kept.end(), [](const TraceRow& a, const TraceRow& b) {
+        return a.start != b.start ? a.start < b.start : a.end > b.end;
+    });
+    for (const TraceRow& row : m_kept) write(row, "");
     for (auto thread = m_threads.begin(); thread != m_threads.end(); ++thread) {
         const auto [pid, tid] = *thread;
         if (thread == m_threads.begin() || std::prev(thread)->first != pid) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "tools/kelmctl/TraceLayout.h"
 #include "tools/kelmctl/TraceRow.h"
@@ -22,7 +23,8 @@ class TraceJson {
     // ticks. Threads that `names` does not have are shown by their ids.
     TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names);
 
-    // A `note` goes into the details of the span, if it is not empty.
+    // A `note` goes into the details of the span, if it is not empty. Spans that stay on their
+    // thread, which are few, are kept until the end; all others are written at once.
     void add(const TraceRow& row, std::string_view note = "");
     // Writes what is left; to be called once, at the end. Throws if something was not written.
     void finish();
@@ -30,6 +32,7 @@ class TraceJson {
  private:
     using Thread = std::pair<uint32_t, uint32_t>;  // process, thread
 
+    void write(const TraceRow& row, std::string_view note);
     uint64_t toNanos(uint64_t ticks) const;
     // Both begin an event and leave it open.
     void beginEvent(char phase, const Thread& thread, std::string_view name);
@@ -42,6 +45,7 @@ class TraceJson {
     std::ofstream m_file;
     std::string_view m_separator;
     TraceLayout m_layout;
+    std::vector<TraceRow> m_kept;
     std::set<Thread> m_threads;  // that have spans
 };
 

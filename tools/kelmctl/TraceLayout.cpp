@@ -36,22 +36,22 @@ const Kind& kindOf(std::string_view name) {
 
 }  // namespace
 
+bool TraceLayout::staysOnThread(const TraceRow& row) {
+    return row.tid != 0 && !kindOf(row.name).endsElsewhere;  // 0 is a thread that nobody knows
+}
+
 TracePlace TraceLayout::place(const TraceRow& row) {
-    const Kind& kind = kindOf(row.name);
-    // Without a thread there is no track of its own either.
-    if (!kind.endsElsewhere && row.tid != 0 && nest(row)) return {kind.category, true, 0};
-    Lanes& lanes = m_lanes[{Thread(row.pid, row.tid), kind.category}];
-    return {kind.category, false, lanes.take(row.start, row.end)};
+    const std::string_view category = kindOf(row.name).category;
+    if (staysOnThread(row) && nest(row)) return {category, true, 0};
+    Lanes& lanes = m_lanes[{Thread(row.pid, row.tid), category}];
+    return {category, false, lanes.take(row.start, row.end)};
 }
 
 bool TraceLayout::nest(const TraceRow& row) {
-    std::vector<Span>& spans = m_nested[{row.pid, row.tid}];
-    if (!spans.empty() && row.end < spans.back().second) return false;
-    size_t outside = spans.size();
-    while (outside > 0 && spans[outside - 1].first >= row.start) --outside;
-    if (outside > 0 && spans[outside - 1].second > row.start) return false;
-    spans.resize(outside);
-    spans.emplace_back(row.start, row.end);
+    std::vector<uint64_t>& around = m_around[{row.pid, row.tid}];
+    while (!around.empty() && around.back() <= row.start) around.pop_back();
+    if (!around.empty() && around.back() < row.end) return false;
+    around.push_back(row.end);
     return true;
 }
 

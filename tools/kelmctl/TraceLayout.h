@@ -20,18 +20,20 @@ struct TracePlace {
 };
 
 // Gives the spans of a trace their places. On a thread's own track go those that begin and end on
-// it, and only while they nest. What ends elsewhere, as a task does, overlaps its likes and goes to
-// a lane, on which spans follow one another: so there are as many lanes as things that were under
-// way at once, and not as many as there were tasks.
-//
-// The spans come in the order of their ends, nearly: another order costs lanes and nothing else.
+// it, as far as they nest. What ends elsewhere, as a task does, overlaps its likes and goes to a
+// lane, on which spans follow one another: so there are as many lanes as things that were under way
+// at once, and not as many as there were tasks.
 class TraceLayout {
  public:
+    // Whether the span ends on the thread that began it.
+    static bool staysOnThread(const TraceRow& row);
+
+    // Spans that stay come in the order of their begins, and of two that begin at once the longer
+    // one first. The others come nearly in the order of their ends: another order costs lanes.
     TracePlace place(const TraceRow& row);
 
  private:
     using Thread = std::pair<uint32_t, uint32_t>;  // process, thread
-    using Span = std::pair<uint64_t, uint64_t>;
 
     // The lanes of one category on one thread, by the end of the last span on each.
     struct Lanes {
@@ -39,10 +41,10 @@ class TraceLayout {
         uint64_t take(uint64_t start, uint64_t end);
     };
 
-    // Whether the span fits on its thread's track; then it is entered.
+    // Whether the span fits on its thread's track, which then has it.
     bool nest(const TraceRow& row);
 
-    std::map<Thread, std::vector<Span>> m_nested;  // those not inside another, in order
+    std::map<Thread, std::vector<uint64_t>> m_around;  // ends of the spans around the last one
     std::map<std::tuple<Thread, std::string_view>, Lanes> m_lanes;
 };
 

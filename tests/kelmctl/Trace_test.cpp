@@ -1,0 +1,249 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "fakes/TempDir.h"
+#include "tools/kelmctl/TraceCommand.h"
+
+namespace kelm::ctl {
+namespace {
+
+using Json = nlohmann::json;
+using ::testing::HasSubstr;
+
+constexpr const char* kFramesHeader = "name,start_tsc.RDTSC,end_tsc\n";
+constexpr const char* kTasksHeader = "name,start_tsc.RDTSC,end_tsc,pid,tid\n";
+
+struct Span {
+    std::string name;
+    uint64_t start;
+    uint64_t end;
+    uint32_t tid;
+    bool operator==(const Span& other) const = default;
+    bool operator<(const Span& other) const {
+        return std::tie(start, end, name, tid) <
+               std::tie(other.start, other.end, other.name, other.tid);
+    }
+};
+
+class TraceTest : public ::testing::Test {
+ protected:
+    // A tick is a nanosecond.
+    int run(const std::string& frames, const std::string& tasks, const std::string& threads = "") {
+        TraceOptions options;
+        options.frames = m_directory.write("frames.csv", frames);
+        options.tasks = m_directory.write("tasks.csv", tasks);
+        options.output = m_directory.path() + "/out.json";
+        options.tscMhz = 1000.0;
+        if (!threads.empty()) options.threads = m_directory.write("thread.info", threads);
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const int status = runTrace(options);
+        m_out = testing::internal::GetCapturedStdout();
+        m_err = testing::internal::GetCapturedStderr();
+        m_events = Json::parse(std::ifstream(options.output))["traceEvents"];
+        return status;
+    }
+
+    static uint64_t nanos(const Json& micros) {
+        return static_cast<uint64_t>(std::llround(micros.get<double>() * 1000.0));
+    }
+
+    // The spans of the file. Those of an id must follow one another, those of a thread's own track
+    // must nest.
+    std::multiset<Span> spans() const {
+        std::multiset<Span> all;
+        std::map<std::string, std::vector<Span>> lanes;
+        std::map<uint32_t, std::set<Span>> tracks;
+        std::map<std::string, Json> open;
+        for (const Json& event : m_events) {
+            const std::string phase = event["ph"];
+            if (phase == "M") continue;
+            Span span{event["name"], nanos(event["ts"]), 0, event["tid"]};
+            if (phase == "X") {
+                span.end = span.start + nanos(event["dur"]);
+                tracks[span.tid].insert(span);
+                all.insert(span);
+                continue;
+            }
+            const std::string id = event["cat"].get<std::string>() + event["id"].get<std::string>();
+            if (phase == "b") {
+                EXPECT_TRUE(open.emplace(id, event).second) << event;
+                continue;
+            }
+            EXPECT_EQ(phase, "e");
+            const Json begin = open[id];
+            open.erase(id);
+            EXPECT_EQ(begin["name"], event["name"]);
+            span = {event["name"], nanos(begin["ts"]), nanos(event["ts"]), event["tid"]};
+            lanes[id].push_back(span);
+            all.insert(span);
+        }
+        EXPECT_TRUE(open.empty());
+        for (auto& [id, lane] : lanes) {
+            std::sort(lane.begin(), lane.end());
+            for (size_t i = 1; i < lane.size(); ++i) EXPECT_GE(lane[i].start, lane[i - 1].end);
+        }
+        m_lanes = lanes.size();
+        for (const auto& [tid, track] : tracks) expectNested(track);
+        return all;
+    }
+
+    static void expectNested(const std::set<Span>& track) {
+        for (auto outer = track.begin(); outer != track.end(); ++outer) {
+            for (auto inner = std::next(outer); inner != track.end(); ++inner) {
+                if (inner->start >= outer->end) break;
+                EXPECT_TRUE(inner->end <= outer->end || inner->start == outer->start)
+                    << outer->name << " and " << inner->name;
+            }
+        }
+    }
+
+    TempDir m_directory;
+    std::string m_out;
+    std::string m_err;
+    Json m_events;
+    mutable size_t m_lanes = 0;
+};
+
+TEST_F(TraceTest, RowsAreLostDoubledOrDrawnAcrossOneAnother) {
+    std::mt19937 random(7);
+    const auto draw = [&](uint64_t from, uint64_t to) {
+        return std::uniform_int_distribution<uint64_t>(from, to)(random);
+    };
+    constexpr uint64_t kTasksAtOnce = 64;
+    std::vector<Span> rows;
+    for (uint64_t i = 0; i < 4000; ++i) {
+        // By turns tasks of which many are under way at once, and device work that mostly nests.
+        const uint64_t start = i * 100;
+        const std::string number = std::to_string(i);
+        const uint32_t tid = static_cast<uint32_t>(draw(1, 3));
+        rows.push_back({"task_" + number, start, start + draw(0, kTasksAtOnce * 100), tid});
+        rows.push_back({"load_graph_" + number + "_device_1", start, start + draw(0, 300), tid});
+    }
+    std::shuffle(rows.begin(), rows.end(), random);
+    std::string frames = kFramesHeader;
+    std::string tasks = kTasksHeader;
+    for (const Span& row : rows) {
+        const std::string line =
+            row.name + "," + std::to_string(row.start) + "," + std::to_string(row.end);
+        frames.insert(draw(0, 1) == 0 ? std::strlen(kFramesHeader) : frames.size(), line + "\n");
+        tasks += line + ",77," + std::to_string(row.tid) + "\n";
+    }
+    EXPECT_EQ(run(frames, tasks), 0);
+    EXPECT_EQ(m_err, "");
+    EXPECT_THAT(m_out, HasSubstr("8000 spans"));
+    EXPECT_THAT(m_out, HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
+    EXPECT_EQ(spans(), std::multiset<Span>(rows.begin(), rows.end()));
+}
+
+TEST_F(TraceTest, EveryTaskGetsATrackOfItsOwn) {
+    std::string tasks;
+    for (uint64_t i = 0; i < 1000; ++i) {  // eight at once, as they end
+        tasks += "task_" + std::to_string(i) + "," + std::to_string(i * 10) + "," +
+                 std::to_string(i * 10 + 75) + ",77,78\n";
+    }
+    EXPECT_EQ(run("", tasks), 0);
+    EXPECT_EQ(spans().size(), 1000U);
+    EXPECT_EQ(m_lanes, 8U);
+}
+
+TEST_F(TraceTest, ThreadsOrProcessesHaveNoNames) {
+    EXPECT_EQ(run("", "a,1,2,10,11\nb,1,2,10,12\nc,1,2,20,21\n",
+                  "[0] threadId=11 threadName=GraphMgrT0\nnonsense\n"
+                  "[1] threadId=21 threadName=a \"quoted\" name\n[2] threadId=x threadName=y\n"),
+              0);
+    std::map<std::string, std::string> names;
+    for (const Json& event : m_events) {
+        if (event["ph"] != "M") continue;
+        const std::string key = event["name"] == "process_name"
+                                    ? event["pid"].dump()
+                                    : event["pid"].dump() + "/" + event["tid"].dump();
+        names[key] = event["args"]["name"];
+    }
+    const std::map<std::string, std::string> expected{{"10", "kelmdaemon"},
+                                                      {"10/11", "GraphMgrT0"},
+                                                      {"10/12", "thread 12"},
+                                                      {"20", "kelmdaemon"},
+                                                      {"20/21", "a \"quoted\" name"}};
+    EXPECT_EQ(names, expected);
+}
+
+TEST_F(TraceTest, RowsOfOneFileAloneAreForgotten) {
+    EXPECT_EQ(run("both,1,2\nframe,3,4\nframe,3,4\ntwice,5,6\n",
+                  "twice,5,6,7,8\nboth,1,2,7,8\ntask_1,3,4,7,8\ntwice,5,6,7,8\n"),
+              0);
+    EXPECT_THAT(m_out, HasSubstr("6 spans"));
+    EXPECT_THAT(m_out, HasSubstr("frames file: 2, only in the tasks file: 2"));
+    EXPECT_EQ(spans(), (std::multiset<Span>{{"both", 1, 2, 8},
+                                            {"frame", 3, 4, 0},
+                                            {"frame", 3, 4, 0},
+                                            {"task_1", 3, 4, 8},
+                                            {"twice", 5, 6, 8},
+                                            {"twice", 5, 6, 8}}));
+}
+
+TEST_F(TraceTest, BrokenLineEndsTheCommandOrIsShown) {
+    const std::string good = "good,1,2,3,4\n";
+    const struct {
+        const char* what;
+        std::string tasks;
+        const char* told;  // behind the path; null if the line is fine
+    } rows[] = {
+        {"too few fields", "a,1,2,3\n" + good, ":1: wrong number of fields"},
+        {"too many fields", good + "a,1,2,3,4,5\n", ":2: wrong number of fields"},
+        {"empty line", kTasksHeader + std::string("\n") + good, ":2: wrong number of fields"},
+        {"no name", ",1,2,3,4\n" + good, ":1: no name"},
+        {"no number", "a,1x,2,3,4\n" + good, ":1: ticks that are no number"},
+        {"sign", "a,-1,2,3,4\n" + good, ":1: ticks that are no number"},
+        {"more than 64 bits", "a,1,18446744073709551616,3,4\n" + good,
+         ":1: ticks that are no number"},
+        {"backwards", "a,2,1,3,4\n" + good, ":1: an end before its start"},
+        {"id", "a,1,2,3,4294967296\n" + good, ":1: ids that are no number"},
+        {"endless line", std::string(5 << 20, 'a') + "\n" + good, ":1: too long a line"},
+        {"torn end", good + "a,1", ":2: wrong number of fields"},
+        {"header of a later process", good + kTasksHeader, nullptr},
+        {"line ends of another system",
+         std::string("name,start_tsc.RDTSC,end_tsc,pid,tid\r\n") + "good,1,2,3,4\r\n", nullptr},
+        {"no last line end", "good,1,2,3,4", nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(run("good,1,2\n", row.tasks), 0);
+        EXPECT_EQ(spans(), (std::multiset<Span>{{"good", 1, 2, 4}}));
+        EXPECT_THAT(m_out, HasSubstr(row.told != nullptr ? "left out: 1" : "left out: 0"));
+        EXPECT_EQ(m_err,
+                  row.told != nullptr ? m_directory.path() + "/tasks.csv" + row.told + "\n" : "");
+    }
+}
+
+TEST_F(TraceTest, HostileFileFloodsTheTerminalOrBreaksTheJson) {
+    std::string bytes;
+    for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+    std::erase_if(bytes, [](char byte) { return byte == ',' || byte == '\n'; });
+    std::string junk;
+    for (int i = 0; i < 10000; ++i) junk += "junk\n";
+    EXPECT_EQ(run(junk, junk + bytes + ",0,18446744073709551615,4294967295,4294967295\n"), 0);
+    EXPECT_LT(std::count(m_err.begin(), m_err.end(), '\n'), 50);
+    EXPECT_THAT(m_out, HasSubstr("left out: 20000"));
+    EXPECT_EQ(spans().size(), 1U);
+}
+
+TEST_F(TraceTest, NothingUsableCountsAsSuccess) {
+    EXPECT_EQ(run(kFramesHeader, kTasksHeader), 1);
+    EXPECT_EQ(run("junk\n", "junk\n"), 1);
+    EXPECT_EQ(run("frame,1,2\n", ""), 0);
+    TraceOptions options{m_directory.path() + "/missing", "/dev/null", "/dev/null", "", 1.0};
+    EXPECT_THROW(runTrace(options), std::runtime_error);
+    options.frames = options.tasks = options.output = m_directory.write("same.csv", "a,1,2,3,4\n");
+    EXPECT_THROW(runTrace(options), std::invalid_argument);
+    EXPECT_EQ(std::filesystem::file_size(options.tasks), 10U);
+    options = {"/dev/null", "/dev/null", m_directory.path() + "/out.json", "", 0.0};
+    EXPECT_THROW(runTrace(options), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace kelm::ctl
