@@ -1,0 +1,130 @@
+// libion.so.0 over anonymous files: a buffer is one, and what is shared is a descriptor of it.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <utility>
+
+#include "service/src/platform/linux/IonApi.h"
+#include "tools/simulator/Orders.h"
+#include "utils/Mutex.h"
+#include "utils/UniqueFd.h"
+
+using namespace kelm;
+
+namespace {
+
+constexpr int kFailure = -1;
+
+int fail(int error) {
+    errno = error;
+    return kFailure;
+}
+
+// A status by order, with an error number that fits any of them.
+int enter(const char* function) {
+    const int status = simulator::Orders::instance().apply("-", function);
+    if (status != 0) errno = EIO;
+    return status;
+}
+
+UniqueFd duplicate(int fd) { return UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 3)); }
+
+// The buffers that are in use, by handle, each under the ION descriptor that it came by.
+class Buffers {
+ public:
+    // Never destroyed: threads may free buffers until the process has ended.
+    static Buffers& instance() {
+        static Buffers& buffers = *new Buffers;
+        return buffers;
+    }
+
+    int add(int ionFd, UniqueFd buffer, int* handle) {
+        MutexLock lock(m_mutex);
+        *handle = m_next++;
+        m_buffers.emplace(*handle, std::make_pair(ionFd, std::move(buffer)));
+        return 0;
+    }
+    // None if there is no such handle.
+    UniqueFd share(int ionFd, int handle) {
+        MutexLock lock(m_mutex);
+        const auto found = m_buffers.find(handle);
+        const bool known = found != m_buffers.end() && found->second.first == ionFd;
+        return known ? duplicate(found->second.second.get()) : UniqueFd();
+    }
+    bool remove(int ionFd, int handle) {
+        MutexLock lock(m_mutex);
+        const auto found = m_buffers.find(handle);
+        if (found == m_buffers.end() || found->second.first != ionFd) return false;
+        m_buffers.erase(found);
+        return true;
+    }
+    void removeAll(int ionFd) {
+        MutexLock lock(m_mutex);
+        std::erase_if(m_buffers,
+                      [ionFd](const auto& entry) { return entry.second.first == ionFd; });
+    }
+
+ private:
+    Mutex m_mutex;
+    int m_next GUARDED_BY(m_mutex) = 1;
+    std::map<int, std::pair<int, UniqueFd>> m_buffers GUARDED_BY(m_mutex);
+};
+
+}  // namespace
+
+int ion_open() {
+    if (const int status = enter(__func__)) return status;
+    return ::memfd_create("ion", MFD_CLOEXEC);
+}
+
+int ion_close(int fd) {
+    Buffers::instance().removeAll(fd);
+    return ::close(fd);
+}
+
+int ion_alloc_only(int fd, unsigned long size, unsigned long, unsigned int, unsigned int,
+                   int* handle, ...) {
+    if (const int status = enter(__func__)) return status;
+    if (size == 0 || handle == nullptr) return fail(EINVAL);
+    UniqueFd buffer(::memfd_create("ion-buffer", MFD_CLOEXEC));
+    if (!buffer || ::ftruncate(buffer.get(), static_cast<off_t>(size)) != 0) return kFailure;
+    return Buffers::instance().add(fd, std::move(buffer), handle);
+}
+
+int ion_share(int fd, int handle, int* shareFd) {
+    if (const int status = enter(__func__)) return status;
+    UniqueFd shared = Buffers::instance().share(fd, handle);
+    if (!shared || shareFd == nullptr) return fail(EINVAL);
+    *shareFd = shared.release();
+    return 0;
+}
+
+int ion_import(int fd, int shareFd, int* handle) {
+    if (const int status = enter(__func__)) return status;
+    struct stat status {};
+    if (handle == nullptr || ::fstat(shareFd, &status) != 0) return fail(EBADF);
+    if (!S_ISREG(status.st_mode) || status.st_size == 0) return fail(EINVAL);
+    UniqueFd buffer = duplicate(shareFd);
+    return buffer ? Buffers::instance().add(fd, std::move(buffer), handle) : kFailure;
+}
+
+int ion_get_info(int fd, int handle, unsigned int* a, unsigned int* b, unsigned long* size) {
+    if (const int status = enter(__func__)) return status;
+    struct stat status {};
+    const UniqueFd buffer = Buffers::instance().share(fd, handle);
+    if (!buffer || ::fstat(buffer.get(), &status) != 0 || size == nullptr) return fail(EINVAL);
+    if (a != nullptr) *a = 0;
+    if (b != nullptr) *b = 0;
+    *size = static_cast<unsigned long>(status.st_size);
+    return 0;
+}
+
+int ion_free(int fd, int handle) {
+    if (const int status = enter(__func__)) return status;
+    return Buffers::instance().remove(fd, handle) ? 0 : fail(EINVAL);
+}

@@ -1,0 +1,355 @@
+// libtevo-kelm.so.0 without accelerators: the functions of the library over simulated boards.
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "service/src/execution/TevoApi.h"
+#include "tools/simulator/Board.h"
+#include "tools/simulator/Machine.h"
+#include "tools/simulator/Orders.h"
+
+using namespace kelm;
+using namespace kelm::simulator;
+
+struct qxDeviceHandle_t {
+    std::shared_ptr<Board> board;
+};
+
+// Empty until it is allocated on a device.
+struct qxGraphHandle_t {
+    std::shared_ptr<Board> board;
+    std::shared_ptr<GraphRun> run;
+};
+
+struct qxFifoHandle_t {
+    const int type;
+    std::shared_ptr<Board> board;
+    std::shared_ptr<Fifo> fifo;
+    qxTensorDescriptor_t descriptor{};
+};
+
+namespace {
+
+// Calls that concern no device.
+int enter(const char* function) { return Orders::instance().apply("-", function); }
+
+template <class Handle>
+int enter(const Handle* handle, const char* function) {
+    if (handle == nullptr) return kInvalid;
+    return handle->board ? handle->board->enter(function) : enter(function);
+}
+
+// As much as there is room for; the length becomes what was used.
+int copyOut(const void* from, size_t size, void* data, unsigned int* length) {
+    if (data == nullptr || length == nullptr) return kInvalid;
+    *length = static_cast<unsigned int>(std::min<size_t>(size, *length));
+    if (*length > 0) std::memcpy(data, from, *length);
+    return kOk;
+}
+
+int copyNumber(uint32_t number, void* data, unsigned int* length) {
+    if (length == nullptr || *length < sizeof(number)) return kInvalid;
+    return copyOut(&number, sizeof(number), data, length);
+}
+
+std::span<const uint8_t> bytes(const void* data, size_t size) {
+    return {static_cast<const uint8_t*>(data), size};
+}
+
+int copyDescriptors(uint32_t size, uint32_t count, void* data, unsigned int* length) {
+    const qxTensorDescriptor_t descriptor{1, 1, size, 1, size, {}};
+    const std::vector<qxTensorDescriptor_t> all(count, descriptor);
+    return copyOut(all.data(), all.size() * sizeof(descriptor), data, length);
+}
+
+int copyTimes(const Model& model, void* data, unsigned int* length) {
+    std::vector<float> times(model.times);
+    model.timeTaken(times);
+    return copyOut(times.data(), times.size() * sizeof(float), data, length);
+}
+
+int copyDebugInfo(const Model& model, void* data, unsigned int* length) {
+    std::vector<uint8_t> info(model.debugSize);
+    model.debugInfo(info);
+    return copyOut(info.data(), info.size(), data, length);
+}
+
+int copyGraphOption(const Model& model, int option, void* data, unsigned int* length) {
+    switch (option) {
+        case QX_RO_GRAPH_TIME_TAKEN:
+            return copyTimes(model, data, length);
+        case QX_RO_GRAPH_INPUT_COUNT:
+            return copyNumber(model.inputs, data, length);
+        case QX_RO_GRAPH_OUTPUT_COUNT:
+            return copyNumber(model.outputs, data, length);
+        case QX_RO_GRAPH_INPUT_TENSOR_DESCRIPTORS:
+            return copyDescriptors(model.inputSize, model.inputs, data, length);
+        case QX_RO_GRAPH_OUTPUT_TENSOR_DESCRIPTORS:
+            return copyDescriptors(model.outputSize, model.outputs, data, length);
+        case QX_RO_GRAPH_DEBUG_INFO:
+            return copyDebugInfo(model, data, length);
+        case QX_RO_GRAPH_TIME_TAKEN_ARRAY_SIZE:
+            return copyNumber(model.times * sizeof(float), data, length);
+        default:
+            return kInvalid;
+    }
+}
+
+// A shared buffer, mapped for the length of a call.
+class SharedBuffer : public NonCopyable {
+ public:
+    explicit SharedBuffer(int fd) {
+        struct stat status {};
+        if (::fstat(fd, &status) != 0 || status.st_size <= 0) return;
+        m_size = static_cast<size_t>(status.st_size);
+        void* memory = ::mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (memory != MAP_FAILED) m_memory = memory;
+    }
+    ~SharedBuffer() {
+        if (m_memory != nullptr) ::munmap(m_memory, m_size);
+    }
+
+    void* data() const { return m_memory; }
+    bool holds(const unsigned int* length) const {
+        return m_memory != nullptr && length != nullptr && *length <= m_size;
+    }
+
+ private:
+    void* m_memory = nullptr;
+    size_t m_size = 0;
+};
+
+int writeElement(qxFifoHandle_t* handle, const void* data, const unsigned int* length,
+                 unsigned long userValue) {
+    if (!handle->fifo || handle->type != QX_FIFO_HOST_WO || data == nullptr) return kInvalid;
+    if (length == nullptr || *length != handle->fifo->elementSize) return kInvalid;
+    const auto input = bytes(data, *length);
+    return handle->board->write(*handle->fifo, {{input.begin(), input.end()}, userValue, {}});
+}
+
+// The result is taken out also if there is no room for it, so that the next one meets its reader.
+int readElement(qxFifoHandle_t* handle, void* data, unsigned int* length,
+                unsigned long* userValue) {
+    if (!handle->fifo || handle->type != QX_FIFO_HOST_RO) return kInvalid;
+    if (length == nullptr || userValue == nullptr) return kInvalid;
+    Element element;
+    if (const int status = handle->board->read(*handle->fifo, element)) return status;
+    *userValue = element.userValue;
+    if (data == nullptr || *length < element.model.outputSize) return kInvalid;
+    *length = element.model.outputSize;
+    element.model.infer(element.bytes, {static_cast<uint8_t*>(data), *length});
+    return kOk;
+}
+
+}  // namespace
+
+int qxGlobalSetOption(int option, const void* data, unsigned int length) {
+    const bool known = option == QX_GLOBAL_LOG_LEVEL || option == QX_GLOBAL_COMMON_TIMEOUT ||
+                       option == QX_GLOBAL_ALLOC_GRAPH_TIMEOUT;
+    if (!known || data == nullptr || length != sizeof(int)) return kInvalid;
+    return enter(__func__);
+}
+
+int qxPlatformInit(int flags) { return flags == 0 ? enter(__func__) : kInvalid; }
+
+int qxDeviceResetAll() {
+    if (const int status = enter(__func__)) return status;
+    Machine::instance().resetAll();
+    return kOk;
+}
+
+int qxDeviceOpenBooted(qxDeviceHandle_t** handle, const char* name) {
+    if (handle == nullptr || name == nullptr) return kInvalid;
+    if (const int status = Orders::instance().apply(name, __func__)) return status;
+    std::shared_ptr<Board> board;
+    if (const int status = Machine::instance().open(name, board)) return status;
+    *handle = std::make_unique<qxDeviceHandle_t>(qxDeviceHandle_t{std::move(board)}).release();
+    return kOk;
+}
+
+int qxDeviceGetId(qxDeviceHandle_t* device, unsigned int* id) {
+    if (const int status = enter(device, __func__)) return status;
+    if (id == nullptr) return kInvalid;
+    *id = device->board->id();
+    return kOk;
+}
+
+int qxDeviceGetOption(qxDeviceHandle_t* device, int option, void* data, unsigned int* length) {
+    if (const int status = enter(device, __func__)) return status;
+    Board& board = *device->board;
+    float stats[kThermalFloats];
+    switch (option) {
+        case QX_RO_DEVICE_THERMAL_STATS:
+            thermalStats(board.temperature(), stats);
+            return copyOut(stats, kThermalStatsSize, data, length);
+        case QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL:
+            return copyNumber(static_cast<uint32_t>(board.throttling()), data, length);
+        case QX_RO_DEVICE_CURRENT_MEMORY_USED:
+            return copyNumber(board.memoryUsed(), data, length);
+        case QX_RO_DEVICE_MEMORY_SIZE:
+            return copyNumber(board.memorySize(), data, length);
+        default:
+            return kInvalid;
+    }
+}
+
+int qxDeviceClose(qxDeviceHandle_t* device) {
+    const int status = enter(device, __func__);
+    if (device != nullptr) Machine::instance().close(*device->board);
+    return status;
+}
+
+// This and the other two free their handle also when they fail.
+int qxDeviceDestroy(qxDeviceHandle_t** device) {
+    if (device == nullptr || *device == nullptr) return kInvalid;
+    const std::unique_ptr<qxDeviceHandle_t> handle(std::exchange(*device, nullptr));
+    Machine::instance().close(*handle->board);
+    handle->board->close();
+    return enter(handle.get(), __func__);
+}
+
+int qxDeviceHWReset(qxDeviceHandle_t* device) {
+    if (const int status = enter(device, __func__)) return status;
+    device->board->reset();
+    return kOk;
+}
+
+int qxGraphCreate(const char* name, qxGraphHandle_t** graph) {
+    if (name == nullptr || graph == nullptr) return kInvalid;
+    if (const int status = enter(__func__)) return status;
+    *graph = std::make_unique<qxGraphHandle_t>().release();
+    return kOk;
+}
+
+int qxGraphSetOption(qxGraphHandle_t* graph, int option, const void* data, unsigned int length) {
+    if (const int status = enter(graph, __func__)) return status;
+    const bool valid = option == QX_GRAPH_EXECUTORS && data != nullptr && length == sizeof(int);
+    return valid ? kOk : kInvalid;
+}
+
+int qxGraphGetOption(qxGraphHandle_t* graph, int option, void* data, unsigned int* length) {
+    if (const int status = enter(graph, __func__)) return status;
+    return graph->run ? copyGraphOption(graph->run->model, option, data, length) : kInvalid;
+}
+
+int qxGraphAllocate(qxDeviceHandle_t* device, qxGraphHandle_t* graph, const void* data,
+                    unsigned int length) {
+    if (const int status = enter(device, __func__)) return status;
+    if (graph == nullptr || graph->run || data == nullptr) return kInvalid;
+    const auto model = Model::parse(bytes(data, length));
+    if (!model) return kNoGraph;
+    graph->run = device->board->addGraph(*model);
+    if (!graph->run) return kNoMemory;
+    graph->board = device->board;
+    return kOk;
+}
+
+int qxGraphGetInfoSize(const void* data, unsigned int size, int type, void* result,
+                       unsigned int* length) {
+    if (data == nullptr || result == nullptr || length == nullptr) return kInvalid;
+    if (const int status = enter(__func__)) return status;
+    const auto model = Model::parse(bytes(data, size));
+    if (!model) return kNoGraph;
+    switch (type) {
+        case QX_DEBUG_INFO_SIZE:
+            return copyNumber(model->debugSize, result, length);
+        case QX_TIMETAKEN_SIZE:
+            return copyNumber(model->times * sizeof(float), result, length);
+        case QX_THERMAL_SIZE:
+            return copyNumber(kThermalStatsSize, result, length);
+        case QX_NINTPUT_SIZE:
+            return copyNumber(model->inputSize, result, length);
+        case QX_NOUTPUT_SIZE:
+            return copyNumber(model->outputSize, result, length);
+        default:
+            return kInvalid;
+    }
+}
+
+int qxGraphQueueInference(qxGraphHandle_t* graph, qxFifoHandle_t** fifoIn, unsigned int inCount,
+                          qxFifoHandle_t** fifoOut, unsigned int outCount) {
+    if (const int status = enter(graph, __func__)) return status;
+    if (!graph->run || inCount != 1 || outCount != 1) return kInvalid;
+    if (fifoIn == nullptr || *fifoIn == nullptr || (*fifoIn)->board != graph->board ||
+        fifoOut == nullptr || *fifoOut == nullptr || (*fifoOut)->board != graph->board) {
+        return kInvalid;
+    }
+    const Model& model = graph->run->model;
+    const bool fits = (*fifoIn)->fifo->elementSize == model.inputSize &&
+                      (*fifoOut)->fifo->elementSize == model.outputSize;
+    if (!fits) return kInvalid;
+    graph->board->queue(*graph->run, (*fifoIn)->fifo, (*fifoOut)->fifo);
+    return kOk;
+}
+
+int qxGraphDestroy(qxGraphHandle_t** graph) {
+    if (graph == nullptr || *graph == nullptr) return kInvalid;
+    const std::unique_ptr<qxGraphHandle_t> handle(std::exchange(*graph, nullptr));
+    if (handle->run) handle->board->removeGraph(handle->run);
+    return enter(handle.get(), __func__);
+}
+
+int qxFifoCreate(const char* name, int type, qxFifoHandle_t** fifo) {
+    const bool known = type == QX_FIFO_HOST_RO || type == QX_FIFO_HOST_WO;
+    if (name == nullptr || fifo == nullptr || !known) return kInvalid;
+    if (const int status = enter(__func__)) return status;
+    *fifo = std::make_unique<qxFifoHandle_t>(qxFifoHandle_t{type, {}, {}}).release();
+    return kOk;
+}
+
+int qxFifoAllocate(qxFifoHandle_t* fifo, qxDeviceHandle_t* device,
+                   const qxTensorDescriptor_t* descriptor, unsigned int elementCount) {
+    if (const int status = enter(device, __func__)) return status;
+    if (fifo == nullptr || fifo->fifo || descriptor == nullptr || elementCount == 0) {
+        return kInvalid;
+    }
+    fifo->board = device->board;
+    fifo->descriptor = *descriptor;
+    fifo->fifo = device->board->addFifo(descriptor->totalSize, elementCount);
+    return kOk;
+}
+
+int qxFifoGetOption(qxFifoHandle_t* fifo, int option, void* data, unsigned int* length) {
+    if (const int status = enter(fifo, __func__)) return status;
+    if (!fifo->fifo || option != QX_RO_FIFO_TENSOR_DESCRIPTOR) return kInvalid;
+    return copyOut(&fifo->descriptor, sizeof(fifo->descriptor), data, length);
+}
+
+int qxFifoWriteElem(qxFifoHandle_t* fifo, const void* data, unsigned int* length,
+                    unsigned long userValue) {
+    if (const int status = enter(fifo, __func__)) return status;
+    return writeElement(fifo, data, length, userValue);
+}
+
+int qxFifoWriteIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
+                       unsigned long userValue) {
+    if (const int status = enter(fifo, __func__)) return status;
+    const SharedBuffer buffer(sharedFd);
+    return buffer.holds(length) ? writeElement(fifo, buffer.data(), length, userValue) : kInvalid;
+}
+
+int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
+                   unsigned long* userValue) {
+    if (const int status = enter(fifo, __func__)) return status;
+    return readElement(fifo, data, length, userValue);
+}
+
+int qxFifoReadIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
+                      unsigned long* userValue) {
+    if (const int status = enter(fifo, __func__)) return status;
+    const SharedBuffer buffer(sharedFd);
+    return readElement(fifo, buffer.holds(length) ? buffer.data() : nullptr, length, userValue);
+}
+
+int qxFifoDestroy(qxFifoHandle_t** fifo) {
+    if (fifo == nullptr || *fifo == nullptr) return kInvalid;
+    const std::unique_ptr<qxFifoHandle_t> handle(std::exchange(*fifo, nullptr));
+    if (handle->fifo) handle->board->removeFifo();
+    return enter(handle.get(), __func__);
+}

@@ -1,0 +1,59 @@
+#include "tools/simulator/WatchedFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "utils/UniqueFd.h"
+
+namespace kelm::simulator {
+
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenLooks{1};
+
+bool isSame(const struct stat& a, const struct stat& b) {
+    return a.st_ino == b.st_ino && a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+}  // namespace
+
+std::string simulatorFile(const std::string& name) {
+    const char* directory = std::getenv("KELM_SIM_DIR");
+    return directory != nullptr && *directory != '\0' ? std::string(directory) + "/" + name : "";
+}
+
+void tellEvent(const std::string& line) {
+    const std::string path = simulatorFile("events");
+    if (path.empty()) return;
+    const UniqueFd file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    const std::string text = line + "\n";
+    // In one piece; an event that cannot be told has no one to tell of it.
+    [[maybe_unused]] const ssize_t written = ::write(file.get(), text.data(), text.size());
+}
+
+bool WatchedFile::hasChanged() {
+    const auto now = std::chrono::steady_clock::now();
+    if (m_path.empty() || now < m_nextLook) return false;
+    m_nextLook = now + kBetweenLooks;
+    struct stat status {};
+    if (::stat(m_path.c_str(), &status) != 0) status = {};
+    const bool changed = !isSame(status, m_seen);
+    m_seen = status;
+    return changed;
+}
+
+std::optional<std::vector<std::string>> WatchedFile::poll() {
+    if (!hasChanged()) return std::nullopt;
+    std::vector<std::string> lines;
+    std::ifstream file(m_path);
+    for (std::string line; std::getline(file, line);) {
+        if (line.find_first_not_of(" \t\r") != std::string::npos) lines.push_back(line);
+    }
+    return lines;
+}
+
+}  // namespace kelm::simulator

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kelm::simulator {
+
+// The path of a file in the directory that the environment variable KELM_SIM_DIR names, by which
+// the simulator and those who steer it talk; empty without it.
+std::string simulatorFile(const std::string& name);
+
+// Adds a line to the file "events" there; without the directory nobody is told.
+void tellEvent(const std::string& line);
+
+// The lines of a file, read again when it has changed; looks at most once a millisecond.
+//
+// Threads: one at a time.
+class WatchedFile {
+ public:
+    explicit WatchedFile(std::string path) : m_path(std::move(path)) {}
+
+    // The lines without blank ones, if the file has changed since the last look; none if it is
+    // gone.
+    std::optional<std::vector<std::string>> poll();
+    // Whether the file was there at the last look.
+    bool exists() const { return m_seen.st_ino != 0; }
+
+ private:
+    bool hasChanged();
+
+    const std::string m_path;
+    struct stat m_seen {};
+    std::chrono::steady_clock::time_point m_nextLook;
+};
+
+}  // namespace kelm::simulator
