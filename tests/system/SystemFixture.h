@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "fakes/RawClient.h"
 #include "fakes/ServiceProcess.h"
@@ -21,14 +22,15 @@ class SystemFixture : public ::testing::Test {
     static constexpr std::chrono::milliseconds kTimeToEnd{10000};
 
     // Three simulated devices whose two steps of a task take so long each. `settings` are further
-    // members of "service_settings".
-    void start(int latencyMs, const std::string& settings = "") {
+    // members of "service_settings", `environment` is of the form NAME=value.
+    void start(int latencyMs, const std::string& settings = "",
+               const std::vector<std::string>& environment = {}) {
         const std::string latency = std::to_string(latencyMs);
         m_service.emplace(R"({"fake_device_settings": {"fake_device_number": 3,)"
                           R"("load_tensor_latency": )" +
                           latency + R"(, "get_result_latency": )" + latency +
                           R"(}, "service_settings": {)" + settings + "}}");
-        m_service->start();
+        m_service->start({}, environment);
         if (!m_service->waitReady()) throw std::runtime_error("not ready: " + lastLines());
     }
 
