@@ -103,6 +103,26 @@ TEST_F(KelmctlTest, BenchLeavesSharedMemoryBehind) {
     })) << added.size();
 }
 
+TEST_F(KelmctlTest, StatusIsIncompleteOrHidesThatNobodyAnswers) {
+    start(0);
+    service().useRunDir();
+    EXPECT_EQ(run("status"), 0);
+    EXPECT_THAT(m_output, HasSubstr("DEVICES 3"));
+    EXPECT_EQ(run("status --json"), 0);
+    const auto json = nlohmann::json::parse(m_output);
+    EXPECT_EQ(json["devices"].size(), 3U);
+    EXPECT_NE(json["devices"][0]["name"], "");
+    EXPECT_NE(json["device_scheduler"], "");
+    EXPECT_EQ(json["client_count"], 1);  // itself
+    EXPECT_EQ(run("status --json --watch 0.1 | head -n 3 | wc -l"), 0);
+    EXPECT_EQ(m_output, "3\n");
+    EXPECT_EQ(run("top </dev/null"), 1);
+    EXPECT_THAT(m_output, HasSubstr("needs a terminal"));
+    endService();
+    EXPECT_EQ(run("status"), 1);
+    EXPECT_THAT(m_output, HasSubstr("no service answers"));
+}
+
 TEST_F(KelmctlTest, WaitReadyTellsTheWrongState) {
     start(0);
     service().useRunDir();

@@ -12,14 +12,14 @@ constexpr size_t kRateWidth = 8;
 constexpr size_t kCountWidth = 8;
 
 constexpr TopColumn kDeviceColumns[] = {
-    {"DEVICES", Kind::kName, Value::kRate, Format::kText, 0, 4, 0},
+    {"DEVICES", Kind::kName, Value::kRate, Format::kText, 0, 5, 0},
     {"ID", Kind::kValue, Value::kNumber, Format::kCount, 10, 0, 110},
     {"GRAPH", Kind::kDetail, Value::kRate, Format::kText, 0, 5, 40},
     {"FPS", Kind::kValue, Value::kRate, Format::kRate, kRateWidth, 0, 0},
     {"TEMP C", Kind::kValue, Value::kTemperature, Format::kDegrees, 7, 0, 50},
     {"THROTTLE", Kind::kValue, Value::kThrottling, Format::kLevel, 8, 0, 50},
     {"INFERENCES", Kind::kValue, Value::kInferences, Format::kCount, 10, 0, 95},
-    {"HISTORY", Kind::kHistory, Value::kRate, Format::kText, 0, 4, 60},
+    {"HISTORY", Kind::kHistory, Value::kRate, Format::kText, 0, 3, 60},
 };
 constexpr TopColumn kGraphColumns[] = {
     {"GRAPHS", Kind::kName, Value::kRate, Format::kText, 0, 5, 0},
@@ -34,7 +34,7 @@ constexpr TopColumn kGraphColumns[] = {
 };
 constexpr TopColumn kClientColumns[] = {
     {"CLIENTS", Kind::kName, Value::kRate, Format::kText, 0, 4, 0},
-    {"API", Kind::kDetail, Value::kRate, Format::kText, 6, 0, 60},
+    {"API", Kind::kDetail, Value::kRate, Format::kText, 7, 0, 60},
     {"FPS", Kind::kValue, Value::kRate, Format::kRate, kRateWidth, 0, 0},
     {"WAITING", Kind::kValue, Value::kWaiting, Format::kCount, kCountWidth, 0, 50},
     {"INFERENCES", Kind::kValue, Value::kInferences, Format::kCount, 10, 0, 70},

@@ -16,10 +16,13 @@ constexpr size_t kHelpLines = 1;
 constexpr size_t kGutter = 1;  // shows the selected section, also without colours
 constexpr std::chrono::seconds kBackShown(10);
 
+// All of these fit into the columns for numbers, whatever the value: a number is never cut.
 std::u32string count(double value) {
     constexpr double kMostDigits = 1e8;
+    constexpr double kMost = 9999e18;
     constexpr const char* kUnits[] = {"k", "M", "G", "T", "P", "E"};
     if (value < kMostDigits) return fromAscii(formatFixed(value, 0));
+    if (value > kMost) return U">9999E";
     size_t unit = 0;
     for (value /= 1e3; value >= 1e4 && unit + 1 < std::size(kUnits); value /= 1e3) ++unit;
     return fromAscii(formatFixed(value, 1) + kUnits[unit]);
@@ -30,7 +33,12 @@ std::u32string rate(double value) {
     return value < kMostWithDecimal ? fromAscii(formatFixed(value, 1)) : count(value);
 }
 
-std::u32string level(double value) { return value > 0.0 ? U"level " + count(value) : U"no"; }
+std::u32string degrees(double value) {
+    constexpr double kMost = 9999.0;
+    return fromAscii(formatFixed(std::clamp(value, -kMost, kMost), 1));
+}
+
+std::u32string level(double value) { return value > 0.0 ? U"L" + count(value) : U"no"; }
 
 std::u32string number(std::optional<double> value, TopFormat format) {
     if (!value) return U"-";
@@ -38,7 +46,7 @@ std::u32string number(std::optional<double> value, TopFormat format) {
         case TopFormat::kRate:
             return rate(*value);
         case TopFormat::kDegrees:
-            return fromAscii(formatFixed(*value, 1));
+            return degrees(*value);
         case TopFormat::kLevel:
             return level(*value);
         default:
@@ -218,10 +226,10 @@ void TopView::drawHeading(TopGrid& grid, size_t y, const Part& part,
     }
 }
 
-// " 3-7 of 12" where not all rows are shown.
+// " 3-7/12" where not all rows are shown.
 std::u32string TopView::shownRange(const Part& part) const {
     if (part.lines >= part.rows.size()) return U"";
-    const std::u32string all = U" of " + count(static_cast<double>(part.rows.size()));
+    const std::u32string all = U"/" + count(static_cast<double>(part.rows.size()));
     if (part.lines == 0) return U" 0" + all;
     const size_t first = firstRow(part) + 1;
     return U" " + count(static_cast<double>(first)) + U"-" +

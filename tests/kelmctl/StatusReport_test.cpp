@@ -1,0 +1,89 @@
+#include "tools/kelmctl/StatusReport.h"
+
+#include <clocale>
+#include <nlohmann/json.hpp>
+
+#include "tools/kelmctl/SafeText.h"
+
+namespace kelm::ctl {
+namespace {
+
+using ::testing::HasSubstr;
+
+class SafeTextTest : public ::testing::Test {
+ protected:
+    // Widths of characters come from the locale.
+    SafeTextTest() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
+    ~SafeTextTest() override { std::setlocale(LC_CTYPE, "C"); }
+};
+
+TEST_F(SafeTextTest, BytesThatTakeOverATerminal) {
+    const struct {
+        const char* what;
+        std::string bytes;
+        const char* utf8;
+        const char* ascii;
+    } rows[] = {
+        {"plain", "a ~", "a ~", "a ~"},
+        {"escape, bell, line end, delete", "\x1b]0;x\a\n\x7f", "?]0;x???", "?]0;x???"},
+        {"8-bit escape as UTF-8", "\xc2\x9b[2J", "?[2J", "?[2J"},
+        {"8-bit escape as a byte", "\x9b[2J", "?[2J", "?[2J"},
+        {"letters", "\xc3\xa9\xe6\xbc\xa2", "\xc3\xa9\xe6\xbc\xa2", "??"},
+        {"overlong", "\xc0\x9b", "??", "??"},
+        {"surrogate", "\xed\xa0\x80", "???", "???"},
+        {"above the last", "\xf4\x90\x80\x80", "????", "????"},
+        {"cut short", "\xe6\xbc", "??", "??"},
+        {"combining, turned direction", "a\xcc\x81\xe2\x80\xae", "a??", "a??"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(toUtf8(safeText(row.bytes, true)), row.utf8);
+        EXPECT_EQ(toUtf8(safeText(row.bytes, false)), row.ascii);
+    }
+}
+
+TEST_F(SafeTextTest, WideCharactersPushTheNextColumn) {
+    const std::u32string text = U"\u6f22\u6f22\u6f22\u6f22\u6f22\u6f22 and a tail";
+    for (size_t width = 0; width < 30; ++width) {
+        EXPECT_EQ(columnsOf(fitColumns(text, width)), width);
+        EXPECT_EQ(columnsOf(fitColumnsRight(text, width)), width);
+    }
+    EXPECT_EQ(toUtf8(fitColumns(U"a long name of a graph", 12)), "a lon...raph");
+}
+
+client::ServiceStatus hostileStatus() {
+    client::ServiceStatus status;
+    status.deviceCount = 1;
+    status.graphCount = 1;
+    status.clientCount = 3;
+    status.devices.push_back({"dev\x1b[2J", 1.25f, "\xff\"\n", 40.0f, 7, 1});
+    status.graphs.push_back({std::string(512, 'g'), 2.0f, 3.0f});
+    status.clients.push_back({"caf\xc3\xa9", 4.0f});
+    status.taskScheduler = "\x9bpolling";
+    return status;
+}
+
+TEST(StatusReportTest, HostileNamesBreakTheTable) {
+    const std::string text = statusTable(hostileStatus(), false);
+    EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](char byte) {
+        return byte == '\n' || (byte >= ' ' && byte <= '~');
+    })) << text;
+    EXPECT_THAT(text, HasSubstr("CLIENTS 1 of 3"));
+    EXPECT_THAT(text, HasSubstr("dev?[2J"));
+    EXPECT_THAT(text, ::testing::Not(HasSubstr(std::string(41, 'g'))));
+}
+
+TEST(StatusReportTest, JsonOfHostileNamesIsNoJsonOrNoLine) {
+    const std::string text = statusJson(hostileStatus(), {});
+    EXPECT_TRUE(std::all_of(text.begin(), text.end(),
+                            [](char byte) { return byte >= ' ' && byte <= '~'; }));
+    const auto json = nlohmann::json::parse(text);
+    EXPECT_EQ(json["devices"][0]["name"], "dev\x1b[2J");
+    EXPECT_EQ(json["devices"][0]["graph"], "\xef\xbf\xbd\"\n");
+    EXPECT_EQ(json["devices"][0]["fps"], 1.25);
+    EXPECT_EQ(json["clients"][0]["name"], "caf\xc3\xa9");
+    EXPECT_EQ(json["client_count"], 3);
+}
+
+}  // namespace
+}  // namespace kelm::ctl

@@ -1,0 +1,74 @@
+#include "tools/kelmctl/TopFeed.h"
+
+#include <poll.h>
+
+#include "fakes/Eventually.h"
+#include "fakes/FakeStatusService.h"
+#include "fakes/TempDir.h"
+
+namespace kelm::ctl {
+namespace {
+
+using std::chrono::milliseconds;
+
+class TopFeedTest : public ::testing::Test {
+ protected:
+    // Takes news, as they are announced, until they are as wanted.
+    template <class Predicate>
+    bool waitNews(TopFeed& feed, Predicate wanted) {
+        return eventually([&] {
+            pollfd fd{feed.fd(), POLLIN, 0};
+            return ::poll(&fd, 1, 1000) == 1 && wanted(feed.take());
+        });
+    }
+    static KelmMsgRspQueryStatus answerOf(int devices) {
+        KelmMsgRspQueryStatus answer{};
+        answer.queryType = 31;
+        answer.deviceNum = devices;
+        return answer;
+    }
+
+    const TempDir m_dir;
+    const ScopedEnv m_env{"KELM_RUN_DIR", m_dir.path()};
+};
+
+TEST_F(TopFeedTest, ServiceThatGoesIsNotMissedOrNeverFoundAgain) {
+    TopFeed feed(milliseconds(5));
+    EXPECT_TRUE(waitNews(feed, [](const TopNews& news) { return !news.statusWhy.empty(); }));
+    for (int round = 1; round < 4; ++round) {
+        FakeStatusService service(m_dir.path() + "/kelm_service.sock");
+        service.setAnswer(answerOf(round));
+        EXPECT_TRUE(waitNews(feed, [round](const TopNews& news) {
+            return news.status && news.statusWhy.empty() &&
+                   news.status->deviceCount == static_cast<uint32_t>(round);
+        }));
+        service.hangUp();
+        EXPECT_TRUE(waitNews(feed, [](const TopNews& news) { return !news.statusWhy.empty(); }));
+    }
+}
+
+TEST_F(TopFeedTest, StreamOfSnapshotsEndsForGoodOrHoldsTheEnd) {
+    const UniqueFd listener = listenOn(m_dir.path() + "/kelm_snapshot.sock");
+    TopFeed feed(milliseconds(5));
+    for (int64_t round = 1; round < 3; ++round) {
+        const UniqueFd peer(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        auto package = std::make_unique<InfoPackage>();
+        package->memResMB = round;
+        const char* bytes = reinterpret_cast<const char*>(package.get());
+        for (size_t sent = 0; sent < sizeof(InfoPackage);) {
+            const ssize_t count =
+                ::send(peer.get(), bytes + sent, sizeof(InfoPackage) - sent, MSG_NOSIGNAL);
+            ASSERT_GT(count, 0);
+            sent += static_cast<size_t>(count);
+        }
+        EXPECT_TRUE(waitNews(feed, [round](const TopNews& news) {
+            return news.snapshot &&
+                   news.snapshot->memory.residentMB == static_cast<uint64_t>(round);
+        }));
+    }
+    // A reader that waits for its next snapshot must not hold the destructor.
+    const UniqueFd silent(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+}  // namespace
+}  // namespace kelm::ctl

@@ -1,0 +1,117 @@
+#include "tools/kelmctl/TopView.h"
+
+#include <clocale>
+
+#include "tools/kelmctl/SafeText.h"
+
+namespace kelm::ctl {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class TopViewTest : public ::testing::Test {
+ protected:
+    TopViewTest() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
+    ~TopViewTest() override { std::setlocale(LC_CTYPE, "C"); }
+
+    // More of everything than a terminal has lines for, under names that fit nowhere.
+    void fillHostile() {
+        client::ServiceStatus status;
+        status.deviceCount = 2000000000;
+        status.serviceFps = 3.0e38f;
+        status.deviceScheduler = "\x1b[31mscheduler";
+        for (int i = 0; i < 32; ++i) {
+            status.devices.push_back({"device\r\x1b[2J" + std::to_string(i), 1e30f,
+                                      "\xe6\xbc\xa2\xe6\xbc\xa2" + std::string(500, 'g'), -1e30f,
+                                      UINT32_MAX, 0});
+        }
+        for (int i = 0; i < 64; ++i) {
+            status.graphs.push_back({std::string(512, static_cast<char>(128 + i)), 0.1f, 1e6f});
+            status.clients.push_back({"\xe2\x80\xae" + std::to_string(i), 5.0f});
+        }
+        client::Snapshot snapshot;
+        snapshot.devices.push_back({UINT32_MAX, 0.0f, INT32_MAX, {{"", "", UINT64_MAX, 0.0f}}, {}});
+        snapshot.clients.push_back(
+            {1, status.clients[0].name, 65535, 65535, UINT64_MAX, UINT64_MAX});
+        snapshot.memory = {UINT64_MAX, UINT64_MAX, UINT64_MAX, UINT64_MAX};
+        m_model.setSnapshot(snapshot, m_now);
+        m_model.setStatus(status, m_now);
+    }
+
+    // Draws, and checks what every picture must keep to.
+    std::string draw(size_t width, size_t height, bool utf8 = true) {
+        const TopFrame frame = TopView(m_model, m_controls, utf8).draw(width, height, m_now);
+        m_controls.limitOffsets(frame.mostOffsets);
+        std::string text;
+        for (size_t y = 0; y < height; ++y) {
+            const std::string line = frame.grid.line(y);
+            const std::u32string safe = safeText(line, utf8);
+            EXPECT_EQ(toUtf8(safe), line) << "not safe for a terminal";
+            EXPECT_EQ(columnsOf(safe), width) << line;
+            text += line + "\n";
+        }
+        return text;
+    }
+    void press(const std::vector<int>& keys) {
+        for (const int key : keys) EXPECT_TRUE(m_controls.handleKey(key));
+    }
+
+    TopModel m_model;
+    TopControls m_controls;
+    TopModel::Time m_now{std::chrono::seconds(1000000)};
+};
+
+TEST_F(TopViewTest, HostileNamesOrSizesLeaveTheirPlaces) {
+    fillHostile();
+    const std::string text = draw(80, 24);
+    EXPECT_THAT(text, HasSubstr("device??[2J0"));
+    EXPECT_THAT(text, HasSubstr("DEVICES\u25b2 1-6/32"));
+    EXPECT_THAT(text, HasSubstr("CLIENTS 1-5/64"));
+    EXPECT_THAT(text, HasSubstr("L2147.5M"));  // a number is never cut
+    EXPECT_THAT(text, HasSubstr("q quit"));
+    for (const bool utf8 : {true, false}) {
+        for (size_t width = 1; width < 200; width += 17) {
+            for (size_t height = 1; height < 60; height += 8) (void)draw(width, height, utf8);
+        }
+    }
+}
+
+TEST_F(TopViewTest, KeysReachTheWrongSectionOrScrollPastTheEnd) {
+    fillHostile();
+    press({'\t', '\t', 'z', kTopKeyUp});
+    std::string text = draw(80, 24);
+    EXPECT_THAT(text, Not(HasSubstr("DEVICES")));
+    EXPECT_THAT(text, HasSubstr(">CLIENTS 1-19/64"));
+    for (int i = 0; i < 10; ++i) press({kTopKeyPageDown});
+    EXPECT_THAT(draw(80, 24), HasSubstr(">CLIENTS 46-64/64"));
+    press({kTopKeyUp});
+    EXPECT_THAT(draw(80, 24), HasSubstr(">CLIENTS 45-63/64"));
+    press({'/', 'q', kTopKeyBackspace, '6', '3'});  // a letter of the filter leaves nothing
+    text = draw(80, 24);
+    EXPECT_THAT(text, HasSubstr("filter: 63_"));
+    EXPECT_THAT(text, HasSubstr("?63"));
+    EXPECT_THAT(text, Not(HasSubstr("?62")));
+    press({'\n', kTopKeyBackTab, 27});
+    EXPECT_THAT(draw(80, 24), HasSubstr(">GRAPHS 1-19/64"));
+    EXPECT_FALSE(m_controls.handleKey('q'));
+}
+
+TEST_F(TopViewTest, LossOrReturnOfTheServiceIsNotSeen) {
+    EXPECT_THAT(draw(80, 24), HasSubstr("connecting"));
+    m_model.setGone("none on \x1b/path", m_now);
+    m_now += std::chrono::seconds(4);
+    EXPECT_THAT(draw(80, 24), HasSubstr(": none on ?/path"));
+    m_model.setStatus({}, m_now);
+    EXPECT_THAT(draw(80, 24), HasSubstr("the service is back"));
+    EXPECT_THAT(draw(80, 24), HasSubstr("after 4 s"));
+    m_now += std::chrono::seconds(11);
+    EXPECT_THAT(draw(80, 24), Not(HasSubstr("the service")));
+    m_model.setSnapshotGone("refused");
+    EXPECT_THAT(draw(80, 24), HasSubstr("refused"));
+    press({'p'});
+    EXPECT_THAT(draw(80, 24), HasSubstr("PAUSED"));
+}
+
+}  // namespace
+}  // namespace kelm::ctl
