@@ -112,6 +112,21 @@ class RawClient {
         return sendBytes(block.data(), block.size());
     }
 
+    // False when the connection ends or the time is up first.
+    bool readBytes(void* target, size_t size, Millis time = kPatience) const {
+        const auto deadline = std::chrono::steady_clock::now() + time;
+        char* next = static_cast<char*>(target);
+        while (size > 0) {
+            if (!waitReadable(deadline)) return false;
+            const ssize_t count = ::recv(fd(), next, size, MSG_DONTWAIT);
+            if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+            if (count <= 0) return false;
+            next += count;
+            size -= static_cast<size_t>(count);
+        }
+        return true;
+    }
+
     // The next message, or nothing when the connection ends or the time is up.
     std::optional<RawMessage> receive(Millis time = kPatience) {
         std::vector<std::byte> bytes(sizeof(KelmMsgBase));
@@ -199,19 +214,6 @@ class RawClient {
             std::chrono::duration_cast<Millis>(deadline - std::chrono::steady_clock::now());
         pollfd state{fd(), POLLIN, 0};
         return left.count() > 0 && ::poll(&state, 1, static_cast<int>(left.count())) == 1;
-    }
-
-    bool readBytes(std::byte* target, size_t size, Millis time) const {
-        const auto deadline = std::chrono::steady_clock::now() + time;
-        while (size > 0) {
-            if (!waitReadable(deadline)) return false;
-            const ssize_t count = ::recv(fd(), target, size, MSG_DONTWAIT);
-            if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-            if (count <= 0) return false;
-            target += count;
-            size -= static_cast<size_t>(count);
-        }
-        return true;
     }
 
     UniqueFd m_socket;

@@ -47,7 +47,7 @@ InfoPrinter::~InfoPrinter() {
 void InfoPrinter::setupListenThread() {
     m_snapshotServer = std::make_unique<SnapshotServer>(
         RunPaths::snapshotSocket(), [this](InfoPackage& package) { collectInfoPackage(&package); },
-        m_debugProcess, SnapshotServer::Times{});
+        m_debugProcess, SnapshotServer::Limits{});
 }
 
 void InfoPrinter::start() {

@@ -22,14 +22,15 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr size_t kMaxTools = 64;
 constexpr size_t kMaxReceivedBytes = 64 * 1024;  // that one tool may send in its life
+constexpr int kEventsInARow = 64;                // before the next package
 constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kErrorPause{10};
 
-// Room for a whole package, so that a tool may sleep between two.
+// Room for a whole package, so that a tool may sleep between two. The kernel doubles the size, for
+// its own records.
 void enlargeSendBuffer(int fd) {
-    const int size = 2 * static_cast<int>(sizeof(InfoPackage));
+    const int size = static_cast<int>(sizeof(InfoPackage));
     (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));  // else what there is
 }
 
@@ -43,10 +44,10 @@ int millisecUntil(std::chrono::steady_clock::time_point deadline) {
 }  // namespace
 
 SnapshotServer::SnapshotServer(const std::string& path, Collect collect, bool debugProcess,
-                               Times times)
+                               Limits limits)
     : m_collect(std::move(collect)),
       m_debugProcess(debugProcess),
-      m_times(times),
+      m_limits(limits),
       m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_poller(std::make_shared<IPC::Poller>()),
       m_listener(std::make_shared<IPC::ConnectionUDS>(m_poller.get())) {
@@ -98,24 +99,29 @@ void SnapshotServer::listenThreadRoutine() {
 }
 
 bool SnapshotServer::waitForPass() {
-    IPC::PollEvent event;
-    bool due = waitForEvent(event) && handleEpollEvent(event);
+    waitForEvent();
+    bool due = false;
+    // What has come meanwhile shares a package, so that many who come and go at once cost one.
+    for (int i = 0; i < kEventsInARow && !m_stop; ++i) {
+        IPC::PollEvent event;
+        if (!m_poller->wait(&event, 0)) break;
+        if (handleEpollEvent(event)) due = true;
+    }
     resumeAccepting();
     if (m_tools.empty() || m_stop) return false;
     const auto now = Clock::now();
     // By a deadline: events without a package must not put the next one off.
     due = due || now >= m_nextPackage;
-    if (due) m_nextPackage = now + m_times.period;
+    if (due) m_nextPackage = now + m_limits.period;
     return due;
 }
 
-bool SnapshotServer::waitForEvent(IPC::PollEvent& event) {
-    auto deadline = m_tools.empty() ? Clock::now() + m_times.period : m_nextPackage;
+void SnapshotServer::waitForEvent() {
+    auto deadline = m_tools.empty() ? Clock::now() + m_limits.period : m_nextPackage;
     if (m_acceptAgain) deadline = std::min(deadline, *m_acceptAgain);
     std::array<pollfd, 2> entries = {{{m_poller->nativeHandle(), POLLIN, 0},  // an event to fetch
                                       {m_wakeFd.get(), POLLIN, 0}}};
     (void)::poll(entries.data(), entries.size(), millisecUntil(deadline));
-    return m_poller->wait(&event, 0);
 }
 
 void SnapshotServer::sleepUntil(Clock::time_point deadline) {
@@ -139,7 +145,7 @@ bool SnapshotServer::handleEpollEvent(const IPC::PollEvent& event) {
 bool SnapshotServer::acceptTool() {
     try {
         auto connection =
-            m_tools.size() < kMaxTools ? IPC::ConnectionUDS::tryMake(m_poller.get()) : nullptr;
+            m_tools.size() < m_limits.tools ? IPC::ConnectionUDS::tryMake(m_poller.get()) : nullptr;
         if (!connection) {
             refuseTool();
             return false;
@@ -208,7 +214,7 @@ void SnapshotServer::writePackage(const InfoPackage& package) {
         tool.sent = 0;
         unfinished.push_back(number);
     }
-    const auto deadline = Clock::now() + m_times.writing;
+    const auto deadline = Clock::now() + m_limits.writing;
     do {
         std::erase_if(unfinished, [&](int number) {
             m_onThread.assertHeld();

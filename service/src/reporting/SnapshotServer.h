@@ -39,13 +39,14 @@ class SnapshotServer : public NonCopyable {
  public:
     // Fills the package, which keeps what it held before; on the server's thread.
     using Collect = std::function<void(InfoPackage& package)>;
-    struct Times {
+    struct Limits {
         std::chrono::milliseconds period{5000};
         std::chrono::milliseconds writing{1000};  // of one package, to all tools together
+        size_t tools = 64;                        // at a time; others are turned away
     };
 
     // Opens the socket; raises if it cannot be made. Tools wait outside until start().
-    SnapshotServer(const std::string& path, Collect collect, bool debugProcess, Times times);
+    SnapshotServer(const std::string& path, Collect collect, bool debugProcess, Limits limits);
     ~SnapshotServer();  // waits for the thread without limit
 
     void start();
@@ -65,9 +66,9 @@ class SnapshotServer : public NonCopyable {
 
     void requestStop();
     void listenThreadRoutine();
-    // Waits for an event and handles it; true when a package is due.
+    // Waits for events and handles them; true when a package is due.
     bool waitForPass() REQUIRES(m_onThread);
-    bool waitForEvent(IPC::PollEvent& event) REQUIRES(m_onThread);
+    void waitForEvent() REQUIRES(m_onThread);
     // Until then, or until the stop.
     void sleepUntil(Clock::time_point deadline);
 
@@ -91,7 +92,7 @@ class SnapshotServer : public NonCopyable {
 
     const Collect m_collect;
     const bool m_debugProcess;
-    const Times m_times;
+    const Limits m_limits;
     std::atomic<bool> m_stop{false};  // atomic: set by the stopping thread, read by the server's
     UniqueFd m_wakeFd;                // readable for good once the stop is wanted
     std::shared_ptr<IPC::Poller> m_poller;
