@@ -71,11 +71,15 @@ UsbBus::UsbBus() : m_testbed(umockdev_testbed_new()) {
 
 UsbBus::~UsbBus() = default;
 
-void UsbBus::plug(const UsbDevice& device) {
+void UsbBus::checkPlace(const std::string& name) {
     static const std::regex kPlace("[1-9][0-9]{0,2}([.][1-9][0-9]{0,2}){1,6}");
-    if (!std::regex_match(device.name, kPlace)) {
-        throw std::invalid_argument("'" + device.name + "' is no place on a bus, like 1.2.3");
+    if (!std::regex_match(name, kPlace)) {
+        throw std::invalid_argument("'" + name + "' is no place on a bus, like 1.2.3");
     }
+}
+
+void UsbBus::plug(const UsbDevice& device) {
+    checkPlace(device.name);
     if (m_paths.contains(device.name)) return;
     addHubs(parentOf(device.name));
     add(device, false);
