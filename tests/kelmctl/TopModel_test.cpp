@@ -116,6 +116,7 @@ TEST_F(TopModelTest, HistoryMovesToAnotherRowOrCountsASnapshot) {
     m_model.setStatus(statusOf({{"b", 4.0f}}, 1), at(3));
     EXPECT_EQ(only(TopSection::kClients).histories[0].line(6, false), U"  _:=#");
     EXPECT_EQ(only(TopSection::kClients).histories[0].line(2, false), U"=#");
+    EXPECT_EQ(only(TopSection::kClients).histories[1].line(6, true), U"      ");  // not known
     for (int i = 0; i < 1000; ++i) m_model.setStatus(statusOf({{"b", 0.0f}}, 1), at(4 + i));
     EXPECT_EQ(only(TopSection::kClients).histories[0].line(200, true),
               std::u32string(80, U' ') + std::u32string(120, U'\u2581'));

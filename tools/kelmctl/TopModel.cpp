@@ -206,7 +206,7 @@ void TopModel::replace(TopSection section, Rows rows, bool sample) {
         const auto found = past.find(keys.next(row.name));
         if (found != past.end()) row.histories = found->second->histories;
         for (size_t i = 0; sample && i < row.histories.size(); ++i) {
-            row.histories[i].add(row.values[i].value_or(0.0));
+            row.histories[i].add(row.values[i]);
         }
     }
     present = std::move(rows);
