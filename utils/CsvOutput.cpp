@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t kFull = 0xFFFFF;
 // What may gather while the disk is slow, and what a buffer may keep for itself afterwards.
-constexpr size_t kMaxText = 32 * (kFull + 1);
+constexpr size_t kMaxText = 128 * (kFull + 1);
 constexpr size_t kMaxSpare = 4 * (kFull + 1);
 
 }  // namespace
