@@ -1,0 +1,73 @@
+#include "tools/simulator/SimulatedHost.h"
+
+#include "fakes/Eventually.h"
+#include "fakes/TempDir.h"
+#include "utils/DeviceMonitor.h"
+#include "utils/Mutex.h"
+#include "utils/platform/linux/DeviceMonitorZorvanImpl.h"
+
+namespace kelm::simulator {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class SimulatedHostTest : public ::testing::Test {
+ protected:
+    std::vector<std::string> bus() const {
+        std::vector<std::string> lines;
+        std::ifstream file(m_dir.path() + "/sim/bus");
+        for (std::string line; std::getline(file, line);) lines.push_back(line);
+        return lines;
+    }
+    // As a library does it.
+    void tell(const std::string& event) const {
+        std::ofstream(m_dir.path() + "/sim/events", std::ios::app) << event << std::endl;
+    }
+
+    const TempDir m_dir;
+};
+
+TEST_F(SimulatedHostTest, DeviceThatWasResetStaysOrReturnsUnderItsOldAddress) {
+    SimulatedHost host(m_dir.path() + "/sim");
+    host.plug("1.1");
+    host.plug("1.2", 2);
+    EXPECT_THAT(bus(), ElementsAre("1.1 1", "1.2 2"));
+    DeviceMonitor monitor(std::make_unique<DeviceMonitorZorvanImpl>());
+    Mutex mutex;
+    std::vector<std::string> heard;
+    monitor.registerListen([&](const DeviceDesc& desc, DeviceMonitor::PlugType type) {
+        MutexLock lock(mutex);
+        if (type == DeviceMonitor::PLUGGED_OUT) return heard.push_back("out " + desc.name);
+        // The libraries have been told before.
+        heard.push_back("in " + bus().at(1) + "/" + std::to_string(desc.interfaceSubclass));
+    });
+    EXPECT_TRUE(monitor.addDeviceFilter(SimulatedHost::kVendor, SimulatedHost::kProduct));
+    ASSERT_TRUE(monitor.launch());
+    tell("reset 1.2");
+    tell("hang 1.1 qxFifoReadElem");
+    EXPECT_THAT(host.takeEvents(), ElementsAre("reset 1.2", "hang 1.1 qxFifoReadElem"));
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_THAT(host.takeEvents(), IsEmpty());
+        MutexLock lock(mutex);
+        return heard.size() == 2;
+    }));
+    monitor.stop();
+    MutexLock lock(mutex);
+    EXPECT_THAT(heard, ElementsAre("out 1.2", "in 1.2 3/2"));
+}
+
+TEST_F(SimulatedHostTest, DeviceThatShallStayAwayComesBack) {
+    SimulatedHost host(m_dir.path() + "/sim", std::chrono::milliseconds(-1));
+    host.plug("1.1");
+    tell("reset 1.1");
+    EXPECT_EQ(host.takeEvents().size(), 1U);
+    EXPECT_THAT(host.takeEvents(), IsEmpty());
+    EXPECT_THAT(bus(), IsEmpty());
+    EXPECT_FALSE(host.unplug("1.1"));
+    EXPECT_THROW(host.plug("1"), std::invalid_argument);
+    EXPECT_THAT(bus(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace kelm::simulator
