@@ -230,6 +230,7 @@ TEST(InfoPrinterTest, PackageTellsOfGraphsClientsAndMemory) {
     EXPECT_EQ(row.clientId, client.id());
     EXPECT_STREQ(row.clientName, "watcher");
     EXPECT_EQ(row.apiMajorVersion, 2);
+    EXPECT_EQ(row.inferenceTimes, BusyClient::kTasks);
     EXPECT_GT(package->memResMB, 0);
     EXPECT_GT(package->memVirtMB, package->memResMB);
     EXPECT_GT(package->memTotalMB, package->memResMB);

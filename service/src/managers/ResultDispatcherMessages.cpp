@@ -400,6 +400,7 @@ void ResultDispatcher::sendTaskDoneResponse(KelmTask* task, KelmError error) {
     if (client != nullptr) {
         const uint64_t taskId = task->getId();
         const uint64_t clientId = task->getClientId();
+        client->increaseInferenceTimes();
         MessagePtr message = makeTaskDoneMessage(*task, *client, error);
         if (task->setTaskDoneResponse(message)) {
             // From here on the task belongs to the thread that writes its create response.
