@@ -31,6 +31,8 @@ const LazyCase kCases[] = {
      "1x1 ok1 | 1x1 | 1x1 | 1x1 | 1x1 fail2=-122"},
     {"FailedLoadLeavesItsDeviceTaken", "+a !a L1 | ~a L2", "fail1=-130 | 2x1 ok2"},
     {"DeadDeviceKeepsADisplacedGraph", "+a L1 | -a +b ?b | ~b | +c", "1x1 ok1 | | | 1x1"},
+    {"DeviceThatDiesUnderItsGraphGetsTheNext", "+a L1 | ?a U1 | L2 | +b L3",
+     "1x1 ok1 | gone1 | fail2=-122 | 3x1 ok3"},
     {"CanceledLoadTakesTheDevice", "+a L1 U1 | L2", "gone1 | 2x1 ok2"},
 };
 INSTANTIATE_TEST_SUITE_P(Catches, DeviceSchedulerStreamOrder, ::testing::ValuesIn(kCases), faultOf);

@@ -15,7 +15,7 @@ namespace kelm {
 //   +a   device a comes               L1   load graph 1
 //   -a   device a goes                U1   unload graph 1
 //   !a   device a refuses graphs      |    a pass; there is one at the end, too
-//   ?a   ... as a dead one does
+//   ?a   device a is dead
 //   ~a   device a takes graphs again
 //
 // The outcome has for each pass the graphs with their number of devices and the notices:
@@ -60,8 +60,11 @@ class LazyRig : public SchedulerRig {
             m_workers.erase(name);
         }
         if (verb == '!') m_devices[device].failAll(DeviceCall::Allocate, kNoMemory);
-        if (verb == '?') m_devices[device].failAll(DeviceCall::Allocate, KELM_ERROR_DEVICE_FAILED);
-        if (verb == '~') m_devices[device].failAll(DeviceCall::Allocate, KELM_OK);
+        if (verb == '?' || verb == '~') {
+            const int answer = verb == '?' ? KELM_ERROR_DEVICE_FAILED : KELM_OK;
+            m_devices[device].failAll(DeviceCall::Allocate, answer);
+            m_devices[device].failAll(DeviceCall::Deallocate, answer);
+        }
         if (verb == 'L') {
             m_live[name] = makeGraph();
             dress(*m_live[name], name);

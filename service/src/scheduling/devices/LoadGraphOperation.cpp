@@ -45,9 +45,7 @@ void LoadGraphOperation::releaseFailed() {
 }
 
 WorkThread* LoadGraphOperation::getLostWorker() const {
-    const bool lost =
-        m_retCode == KELM_ERROR_DEVICE_FAILED || m_retCode == KELM_ERROR_DEVICE_NOT_OPEN;
-    return lost ? m_worker : nullptr;
+    return isDeviceLost() ? m_worker : nullptr;
 }
 
 }  // namespace kelm

@@ -1,6 +1,7 @@
 #include "scheduling/devices/StatusChangeOperation.h"
 
 #include "config/ServiceConfigParser.h"
+#include "protocol/src/KelmError.h"
 
 namespace kelm {
 
@@ -15,5 +16,9 @@ void StatusChangeOperation::execute() {
 }
 
 bool StatusChangeOperation::isOperation(KelmGraph*, StatusChangeRequestType) { return false; }
+
+bool StatusChangeOperation::isDeviceLost() const {
+    return m_retCode == KELM_ERROR_DEVICE_FAILED || m_retCode == KELM_ERROR_DEVICE_NOT_OPEN;
+}
 
 }  // namespace kelm

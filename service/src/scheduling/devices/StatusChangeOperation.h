@@ -44,6 +44,9 @@ class StatusChangeOperation : public NonCopyable {
     virtual void preOperation() {}
     virtual void postOperation() {}
 
+    // Whether the outcome says that the device is gone.
+    bool isDeviceLost() const;
+
     int32_t m_retCode = 0;
     const bool m_debugProcess;
 };

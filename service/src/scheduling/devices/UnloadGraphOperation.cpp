@@ -39,4 +39,9 @@ bool UnloadGraphOperation::isOperation(KelmGraph* graph, StatusChangeRequestType
     return type == REQUEST_UNLOAD_GRAPH && graph == m_graph;
 }
 
+// A device that died under its graph tells so here first: the next graph must not be given to it.
+WorkThread* UnloadGraphOperation::getLostWorker() const {
+    return isDeviceLost() ? m_worker : nullptr;
+}
+
 }  // namespace kelm

@@ -18,6 +18,7 @@ class UnloadGraphOperation : public StatusChangeOperation {
 
     void wait() override;
     bool isOperation(KelmGraph* graph, StatusChangeRequestType type) override;
+    WorkThread* getLostWorker() const override;
 
  protected:
     void operation() override;
