@@ -3,9 +3,11 @@
 #include "TestConfig.h"
 #include "fakes/Eventually.h"
 #include "fakes/ScriptedDevice.h"
+#include "fakes/TempDir.h"
 #include "fakes/TestPch.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -102,6 +104,29 @@ TEST_F(KelmDeviceBaseTest, FailedLoadLeavesNoCurrentGraph) {
     EXPECT_EQ(graph->getLoadFailCount(), 1u);
     EXPECT_EQ(root.getCurrentGraph(), nullptr);
     EXPECT_EQ(root.allocateGraph(graph.get()), 0);
+}
+
+TEST_F(KelmDeviceBaseTest, AttemptWithoutResultLeavesItsTraceOpen) {
+    const TempDir directory;
+    const ScopedEnv tmpDir("TMPDIR", directory.path());
+    enableTracer();
+    ASSERT_EQ(root.allocateGraph(graph.get()), 0);
+    script->fail(DeviceCall::LoadTensor, 1, -1);
+    EXPECT_EQ(root.loadTensor(task.get()), -1);  // then a second attempt, and a third one
+    EXPECT_EQ(root.loadTensor(task.get()), 0);
+    EXPECT_EQ(root.loadTensor(task.get()), 0);
+    EXPECT_EQ(root.getResult(task.get()), 0);
+    EXPECT_EQ(root.loadTensor(task.get()), 0);  // and it ends in the middle of this one
+    task.reset();
+    disableTracer();
+    int rows = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory.path())) {
+        std::ifstream file(entry.path());
+        for (std::string line; std::getline(file, line);) {
+            rows += line.starts_with("task_1_inference,") ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(rows, 2 * 4) << "each in both files";
 }
 
 TEST_F(KelmDeviceBaseTest, DeviceThatCannotReleaseIsDoneFor) {
