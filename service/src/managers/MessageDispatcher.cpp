@@ -127,6 +127,7 @@ bool MessageDispatcher::stopService() {
     // A stranger's requests may still be queued, and their answers need the other managers.
     ended &= m_taskManager->waitIdleFor(timeUntil(deadline));
     ended &= m_infoPrinter->waitIdleFor(timeUntil(deadline));
+    if (!ended) return false;  // a listen thread that was left behind may still use the rest
     m_listenConnection.reset();
     m_poller.reset();
     m_requestHandlerMap.clear();
