@@ -43,6 +43,8 @@ int KelmDeviceBase::hardwareResetDeviceCore() { return KELM_OK; }
 
 void KelmDeviceBase::forgetGraphImpl(KelmGraph*) {}
 
+void KelmDeviceBase::forgetGraphs() {}
+
 int KelmDeviceBase::openDevice() {
     MutexLock lock(m_deviceMutex);
     if (m_opened) return KELM_ERROR_DEVICE_ALREADY_OPEN;
@@ -62,7 +64,7 @@ int KelmDeviceBase::resetDevice() {
 }
 
 int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
-    if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
+    if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_DEVICE_NOT_OPEN;
     if (!verifyGraph(graph)) return KELM_ERROR_GRAPH_VERIFY_FAILED;
@@ -102,7 +104,7 @@ void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
 }
 
 int KelmDeviceBase::loadTensor(KelmTask* task) {
-    if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
+    if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
     if (isTracerOn()) {
         task->finishExecutionTrace();  // of an earlier attempt, which gave no result
@@ -115,7 +117,7 @@ int KelmDeviceBase::loadTensor(KelmTask* task) {
 }
 
 int KelmDeviceBase::getResult(KelmTask* task) {
-    if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
+    if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
     const int rc = getResultImpl(task);
     task->finishExecutionTrace();

@@ -56,6 +56,9 @@ class KelmDeviceBase : public NonCopyable {
     virtual int updateThermal();
     virtual std::vector<KelmGraph*> getCachedGraphList();
     virtual std::vector<std::string> getCachedGraphNames();
+    // The device is being taken away and records of graphs may follow: keeps no pointer to one that
+    // it holds without a slave worker. Waits for no device call.
+    virtual void forgetGraphs();
 
     [[nodiscard]] int openDevice() EXCLUDES(m_deviceMutex);
     void closeDevice() EXCLUDES(m_deviceMutex);
@@ -75,7 +78,10 @@ class KelmDeviceBase : public NonCopyable {
     // MB.
     uint32_t getMemorySize() const { return m_memorySize.load(); }
     const std::string& getName() const { return m_name; }
-    bool isFailed() const { return m_deviceFailed.load(); }
+    // The device has failed, be it in the hands of the root or of this clone.
+    bool isFailed() const {
+        return m_deviceFailed.load() || (m_parent != nullptr && m_parent->isFailed());
+    }
     KelmGraph* getCurrentGraph() EXCLUDES(m_graphInfoMutex);
     // Empty without a current graph, as the next three are 0 or false without their graph.
     std::string getCurrentGraphName() EXCLUDES(m_graphInfoMutex);
@@ -99,7 +105,7 @@ class KelmDeviceBase : public NonCopyable {
     // The one switch between simulation and hardware, asked anew at each call.
     static void initPlatform();
     [[nodiscard]] static int resetAllDevices();
-    // Null when this build has no class for the configured kind of device.
+    // Null when an installed factory makes none.
     static std::unique_ptr<KelmDeviceBase> create(const std::string& name);
     [[nodiscard]] static int getGraphInfo(const char* data, size_t size, KelmGraphInfo what,
                                           size_t& result);

@@ -3,8 +3,8 @@
 #include "config/ServiceConfigParser.h"
 #include "execution/KelmDeviceBase.h"
 #include "execution/KelmFakeDevice.h"
+#include "execution/KelmZorvanDevice.h"
 #include "protocol/src/KelmError.h"
-#include "utils/Log.h"
 
 namespace kelm {
 
@@ -18,8 +18,6 @@ struct DeviceKind {
     int (*getGraphInfo)(const char* data, size_t size, KelmGraphInfo what, size_t& result);
 };
 
-void logUnsupported() { LOG_ERROR("Error: accelerators are not supported by this build"); }
-
 constexpr DeviceKind kSimulated = {[] {}, []() -> int { return KELM_OK; },
                                    [](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
                                        return std::make_unique<KelmFakeDevice>(name);
@@ -27,12 +25,11 @@ constexpr DeviceKind kSimulated = {[] {}, []() -> int { return KELM_OK; },
                                    &KelmFakeDevice::getGraphInfo};
 
 constexpr DeviceKind kAccelerator = {
-    &logUnsupported, []() -> int { return KELM_ERROR_INVALID_DEVICE; },
-    [](const std::string&) -> std::unique_ptr<KelmDeviceBase> {
-        logUnsupported();
-        return nullptr;
+    &KelmZorvanDevice::initPlatform, &KelmZorvanDevice::resetAllDevices,
+    [](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+        return std::make_unique<KelmZorvanDevice>(name);
     },
-    [](const char*, size_t, KelmGraphInfo, size_t&) -> int { return KELM_ERROR_INVALID_DEVICE; }};
+    &KelmZorvanDevice::getGraphInfo};
 
 const DeviceKind& configuredKind() {
     return ServiceConfigParser::instance().isFakeDeviceEnabled() ? kSimulated : kAccelerator;

@@ -19,6 +19,8 @@ namespace kelm {
 namespace {
 
 constexpr uint64_t kPoolLimit = 100;
+// Longer than a reset takes.
+constexpr std::chrono::seconds kResetLimit{3};
 // The device's queues take what is in flight and a little more, so that they never hold up a feed.
 constexpr unsigned int kSpareFifoPlaces = 2;
 
@@ -44,7 +46,6 @@ WorkThread::WorkThread(const std::string& deviceName, int32_t subclass, int32_t 
 WorkThread::~WorkThread() {
     {
         MutexLock lock(m_mutex);
-        waitResetDoneUnsafe();
         m_stopped = true;
     }
     destroySlaveWorker();
@@ -172,14 +173,17 @@ KelmGraph* WorkThread::firstGraphUnsafe() {
     return nullptr;
 }
 
-// Deliberate: nothing is assigned to the device while it is being reset.
+// Deliberate: no graph is assigned to the device while it is being reset. A device that never
+// answers must not stop whoever places graphs on the others.
 void WorkThread::waitResetDoneUnsafe() {
-    while (m_resetting) m_resetDone.wait(m_mutex);
+    const auto deadline = std::chrono::steady_clock::now() + kResetLimit;
+    bool timely = true;
+    while (m_resetting && timely) timely = m_resetDone.waitUntil(m_mutex, deadline);
 }
 
+// Never waits for a reset: the thread that brings tasks serves all workers.
 bool WorkThread::handToSlot(KelmTask* task) {
     MutexLock lock(m_mutex);
-    waitResetDoneUnsafe();
     if (m_stopped) return false;
     Slot* const slot = findSlotUnsafe(task->getGraph());
     if (slot == nullptr) return false;
@@ -195,7 +199,6 @@ void WorkThread::enqueueLoadTensor(KelmTask* task) {
 
 void WorkThread::enqueueAbortApplyTaskDone(KelmGraph* graph) {
     MutexLock lock(m_mutex);
-    waitResetDoneUnsafe();
     // By the slave worker's own graph: the slot is freed as soon as the unload is queued.
     const auto holds = [graph](const Slot& slot) { return slot.slaveWorker->getGraph() == graph; };
     const auto slot = std::find_if(m_slots.begin(), m_slots.end(), holds);
@@ -219,7 +222,6 @@ std::shared_future<int> WorkThread::enqueueLoadGraph(KelmGraph* graph) {
 
 std::shared_future<int> WorkThread::enqueueUnloadGraph(KelmGraph* graph, bool keepCached) {
     MutexLock lock(m_mutex);
-    waitResetDoneUnsafe();
     if (Slot* slot = findSlotUnsafe(graph)) {
         slot->graph = nullptr;
         return slot->slaveWorker->enqueueUnloadGraph(graph, keepCached);
@@ -235,7 +237,6 @@ int WorkThread::deallocateGraph(KelmGraph* graph, bool keepCached) {
 
 void WorkThread::removeInvalidGraph(KelmGraph* graph) {
     MutexLock lock(m_mutex);
-    waitResetDoneUnsafe();
     for (Slot& slot : m_slots) {
         if (slot.graph == graph) slot.graph = nullptr;
     }
@@ -258,6 +259,7 @@ void WorkThread::enqueueResetDevice(int socket, void* userParam) {
     m_pool.post([this, socket, userParam] { resetDevice(socket, userParam); });
 }
 
+// The mutex is free meanwhile. The device stays for as long as the pool's jobs.
 void WorkThread::resetDevice(int socket, void* userParam) {
     int result = KELM_ERROR_INVALID_DEVICE;
     setResetting(true);

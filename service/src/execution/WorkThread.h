@@ -27,7 +27,8 @@ class SlaveWorker;
 // Threads: any. Owns: device, clones, slave workers. Borrows graphs, until their unload is done.
 // Locks: m_mutex, then a graph's or a device's own; held across a notice to a slave worker's pool.
 // Not held while the slave workers drain: the answers that they wait for come through here. While
-// the device is being reset whoever would change a slot waits, and readers go on.
+// the device is being reset whoever would assign a graph waits some seconds; tasks and readers go
+// on.
 // A slot is emptied before the graph's record may go, so the graph can be followed under m_mutex.
 class WorkThread : public NonCopyable {
  public:
@@ -99,7 +100,7 @@ class WorkThread : public NonCopyable {
     const int32_t m_slaveWorkerNum;
     const int32_t m_maxCachedGraphNum;
     int32_t m_maxInferenceNumber = 1;  // tasks in flight per slave worker; fixed after construction
-    std::unique_ptr<KelmDeviceBase> m_device;
+    std::unique_ptr<KelmDeviceBase> m_device;  // fixed after construction
     // Atomic: set by the device manager after the scheduler may already know the worker.
     std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
 

@@ -1,5 +1,6 @@
 #include "scheduling/devices/PlugoutWorkerOperation.h"
 
+#include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
@@ -33,6 +34,8 @@ void PlugoutWorkerOperation::wait() {
                  m_worker->getName());
         unload.future.wait();  // its value does not matter: the device is gone
     }
+    // What the device holds without a slave worker: once the pass is reported its record may go.
+    if (KelmDeviceBase* const device = m_worker->getDevice()) device->forgetGraphs();
     LOG_PROC(m_debugProcess, "tell DM to delete reset device [%s]", m_worker->getName());
     Port<WorkerRemovalListener>::notify<&WorkerRemovalListener::enqueueRemoveWorkerDone>(m_worker);
 }

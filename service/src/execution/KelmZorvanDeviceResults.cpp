@@ -1,0 +1,146 @@
+// How a task's result comes back.
+#include <algorithm>
+
+#include "execution/KelmZorvanDevice.h"
+#include "execution/TevoLengths.h"
+#include "protocol/src/KelmMessage.h"
+#include "records/KelmGraph.h"
+#include "records/KelmTask.h"
+#include "records/KelmTaskParam.h"
+#include "utils/ErrorHelper.h"
+
+namespace kelm {
+
+// What came out of the device's queue.
+struct KelmZorvanDevice::Result {
+    unsigned int length = 0;         // in: the room; out: bytes
+    unsigned long taskIdAttach = 0;  // the task whose input it was
+};
+
+int KelmZorvanDevice::verifyResultBuffers(KelmTaskParam& param) {
+    if (!verifyBuffer(param.getOutputBuffer())) return KELM_ERROR_INVALID_OUTPUT_BUFFER;
+    const KelmBuffer& aux = param.getAuxBuffer();
+    if (aux.auxRequested != 0 && !verifyBuffer(aux)) return KELM_ERROR_INVALID_AUX_BUFFER;
+    return KELM_OK;
+}
+
+int KelmZorvanDevice::getResultImpl(KelmTask* task) {
+    KelmTaskParam& param = *task->getTaskParam();
+    if (const int rc = verifyResultBuffers(param)) return rc;
+    const std::optional<TevoHandles> handles = getTevoGraphInfo(task->getGraph());
+    const KelmBuffer& aux = param.getAuxBuffer();
+    const bool byDescriptor =
+        isIonPath(param.getOutputBuffer()) && (aux.auxRequested == 0 || isIonPath(aux));
+    int rc = getMissingGraphError();
+    if (handles) rc = byDescriptor ? getResultIon(task, *handles) : getResultRaw(task, *handles);
+    const int32_t warmup = m_inferTimeWarmup;
+    if (warmup != 0) m_inferTimeWarmup = warmup - 1;
+    return rc;
+}
+
+template <class Read>
+int KelmZorvanDevice::readResult(KelmTask* task, const TevoHandles& handles, Result& result,
+                                 Read read) {
+    const unsigned int room = result.length;
+    for (;;) {
+        if (const int rc = read()) return rc;
+        result.length = std::min(result.length, room);
+        if (!m_root->m_cache.takeOrphan(task->getGraph(), result.taskIdAttach)) return KELM_OK;
+        LOG_WARN("Warn: result of task(%lu) dropped, its inference was refused: device=%s",
+                 result.taskIdAttach, getName());
+        // It has used up this task's inference.
+        if (const int rc = queueInference(task, handles)) return rc;
+        result.length = room;
+    }
+}
+
+int KelmZorvanDevice::getResultRaw(KelmTask* task, const TevoHandles& handles) {
+    KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
+    LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu outFd=%d", task->getClientId(),
+              task->getGraph()->getId(), task->getId(), output.fd);
+    if (!mapBuffer(output)) return drainResult(task, handles);
+    void* const data = reinterpret_cast<void*>(output.buffer);
+    Result result{clampLength(output.size)};
+    const auto read = [&] {
+        LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
+                    "to call qxFifoReadElem(), taskId=%lu outBuf.mapData=%p outBuf.size=%lu "
+                    "fifoOut=%p",
+                    task->getId(), data, output.size, handles.fifoOut);
+        const int status =
+            m_tevo.qxFifoReadElem(handles.fifoOut, data, &result.length, &result.taskIdAttach);
+        LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
+                    "called qxFifoReadElem(), outBuf.size=%llu taskIdAttach=%lu", output.size,
+                    result.taskIdAttach);
+        return checked(status, "Error: qxFifoReadElem() failed, device=%s taskId=%lu rc=%d", task);
+    };
+    if (const int rc = readResult(task, handles, result, read)) return rc;
+    return finishResult(task, handles, result);
+}
+
+// The result must leave the device's queue all the same, or the next task would get it.
+int KelmZorvanDevice::drainResult(KelmTask* task, const TevoHandles& handles) {
+    const KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
+    LOG_ERROR("Error: map outputBuffer failed, device=%s taskId=%lu", getName(), task->getId());
+    if (output.size == 0) {
+        LOG_ERROR("Error: invalid outputBufferSize(%d): taskId=%lu", output.size, task->getId());
+    }
+    CR_ASSERT(output.size != 0, "a buffer of no size passed the check");
+    Result result{clampLength(output.size)};
+    UniqueMalloc<char> scratch(static_cast<char*>(std::malloc(result.length)));
+    if (!scratch) result.length = 0;
+    const auto read = [&] {
+        return m_tevo.qxFifoReadElem(handles.fifoOut, scratch.get(), &result.length,
+                                     &result.taskIdAttach);
+    };
+    (void)readResult(task, handles, result, read);  // the task fails either way
+    LOG_INFO("In spite of map failure, get result: taskIdOrigin=%lu taskIdAttach=%lu",
+             task->getId(), result.taskIdAttach);
+    return KELM_ERROR_MAP_OUTPUT_FAILED;
+}
+
+int KelmZorvanDevice::getResultIon(KelmTask* task, const TevoHandles& handles) {
+    const KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
+    Result result{clampLength(output.size)};
+    const auto read = [&] {
+        LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
+                    "to call qxFifoReadIonElem(), fifoOut=%p taskId=%lu outputFd=%d bufSize=%lu",
+                    handles.fifoOut, task->getId(), output.fd, output.size);
+        const int status = m_tevo.qxFifoReadIonElem(handles.fifoOut, output.fd, &result.length,
+                                                    &result.taskIdAttach);
+        LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
+                    "called qxFifoReadIonElem(), outBufSize=%u taskIdAttach=%lu", result.length,
+                    result.taskIdAttach);
+        return checked(status, "Error: qxFifoReadIonElem() failed, device=%s taskId=%lu rc=%d",
+                       task);
+    };
+    if (const int rc = readResult(task, handles, result, read)) return rc;
+    return finishResult(task, handles, result);
+}
+
+int KelmZorvanDevice::finishResult(KelmTask* task, const TevoHandles& handles,
+                                   const Result& result) {
+    // Deliberate: the task gets what came out, and only the log tells.
+    if (result.taskIdAttach != task->getId()) {
+        LOG_WARN(
+            "Warn: unmatched task sequence: device=%s taskIdOrigin=%lu "
+            "taskIdAttach=%lu",
+            getName(), task->getId(), result.taskIdAttach);
+    }
+    KelmBuffer& aux = task->getTaskParam()->getAuxBuffer();
+    if (aux.auxRequested != 0) {
+        LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu auxFd=%d",
+                  task->getClientId(), task->getGraph()->getId(), task->getId(), aux.fd);
+        const int rc = getAuxBufferData(handles.graphHandle, aux);
+        LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
+                    "device=%s taskId=%lu outputBufferLen=%u auxBufferLen=%lu", getName(),
+                    task->getId(), result.length, aux.size);
+        if (rc != KELM_OK) return rc;
+    } else {
+        LOG_FREQ_OF(m_logName.c_str(), m_debugProcess, "device=%s taskId=%lu outputBufferLen=%u",
+                    getName(), task->getId(), result.length);
+    }
+    if (const int rc = updateThermalInfo()) return rc;
+    return updateInferenceTimeInfo(handles.graphHandle);
+}
+
+}  // namespace kelm

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "execution/TevoGraphInfo.h"
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm {
+
+class KelmGraph;
+
+// Which graphs are on one device, and the device's name in these graphs' records.
+//
+// A graph is not cached, cached and active, or cached and inactive. A record that is a key here is
+// alive: whoever may delete it has the graph taken out or forgotten before, on a device that has
+// failed or is being taken away too. So a key is followed under m_mutex and never without.
+//
+// Threads: any; the library is never called in here. Owns: nothing, handles are values.
+// Locks: m_mutex, then a graph's.
+class TevoGraphCache : public NonCopyable {
+ public:
+    explicit TevoGraphCache(const std::string& device) : m_device(device) {}
+
+    // Makes a cached graph active; false if it is not cached.
+    bool activate(KelmGraph* graph) EXCLUDES(m_mutex);
+    // Takes in a new graph as active. False on a cache that is closed: the handles stay the
+    // caller's.
+    bool insert(KelmGraph* graph, const TevoHandles& handles) EXCLUDES(m_mutex);
+    std::optional<TevoHandles> find(KelmGraph* graph) EXCLUDES(m_mutex);
+    // Makes a cached graph inactive.
+    void deactivate(KelmGraph* graph) EXCLUDES(m_mutex);
+    // Takes the graph out, if it is cached; its handles become the caller's.
+    std::optional<TevoHandles> take(KelmGraph* graph) EXCLUDES(m_mutex);
+    // The same with the inactive graph that was active longest ago; stores its name.
+    std::optional<TevoHandles> takeOldestInactive(std::string& name) EXCLUDES(m_mutex);
+
+    // Keep no key, but the handles for takeAll().
+    void forget(KelmGraph* graph) EXCLUDES(m_mutex);
+    void forgetAll() EXCLUDES(m_mutex);
+    // forgetAll(), and nothing comes in any more.
+    void close() EXCLUDES(m_mutex);
+    // All handles, in the order of their keys. The records may be gone: they are not touched.
+    std::vector<TevoHandles> takeAll() EXCLUDES(m_mutex);
+
+    // In order of their addresses.
+    std::vector<KelmGraph*> getGraphs() EXCLUDES(m_mutex);
+    std::vector<std::string> getNames() EXCLUDES(m_mutex);
+    size_t getSize() EXCLUDES(m_mutex);
+
+    // Notes an input in the device's queue that no inference was asked for.
+    void addOrphan(KelmGraph* graph, unsigned long taskId) EXCLUDES(m_mutex);
+    // Whether the next result of that task is an orphan's, which is then settled.
+    bool takeOrphan(KelmGraph* graph, unsigned long taskId) EXCLUDES(m_mutex);
+
+ private:
+    using Entry = std::map<KelmGraph*, TevoGraphInfo>::iterator;
+
+    TevoHandles takeUnsafe(Entry entry) REQUIRES(m_mutex);
+    void forgetAllUnsafe() REQUIRES(m_mutex);
+
+    const std::string m_device;
+    Mutex m_mutex;
+    std::map<KelmGraph*, TevoGraphInfo> m_cachedGraphs GUARDED_BY(m_mutex);
+    std::vector<TevoHandles> m_forgotten GUARDED_BY(m_mutex);
+    bool m_closed GUARDED_BY(m_mutex) = false;
+};
+
+}  // namespace kelm
