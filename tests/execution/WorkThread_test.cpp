@@ -143,6 +143,18 @@ TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {
     EXPECT_EQ(worker->getGraphName(), "graph1");
 }
 
+TEST_F(WorkThreadTest, ResetThatNeverAnswersHoldsUpTheThreadThatBringsTasks) {
+    start();
+    ASSERT_EQ(load(graph.get()), 0);
+    script.block(DeviceCall::Reset);
+    worker->enqueueResetDevice(5, nullptr);
+    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::Reset) == 1; }));
+    worker->enqueueLoadTensor(addTask(graph.get()));
+    EXPECT_TRUE(settles(1, 0));
+    EXPECT_EQ(unload(graph.get()), 0) << "the task scheduler's word comes through, too";
+    script.release(DeviceCall::Reset);
+}
+
 TEST_F(WorkThreadTest, WithoutSlotsNothingIsLoaded) {
     start(0);
     EXPECT_TRUE(worker->isReady());
