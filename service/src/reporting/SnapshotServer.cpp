@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -27,11 +28,13 @@ constexpr int kEventsInARow = 64;                // before the next package
 constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kErrorPause{10};
 
-// Room for a whole package, so that a tool may sleep between two. The kernel doubles the size, for
-// its own records.
-void enlargeSendBuffer(int fd) {
-    const int size = static_cast<int>(sizeof(InfoPackage));
-    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));  // else what there is
+// Returns what the kernel grants: usually twice as much, for its own records, but the system may
+// have a limit.
+size_t setSendBuffer(int fd, int size) {
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    socklen_t length = sizeof(size);
+    (void)::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, &length);
+    return static_cast<size_t>(size);
 }
 
 int millisecUntil(std::chrono::steady_clock::time_point deadline) {
@@ -144,16 +147,16 @@ bool SnapshotServer::handleEpollEvent(const IPC::PollEvent& event) {
 
 bool SnapshotServer::acceptTool() {
     try {
-        auto connection =
-            m_tools.size() < m_limits.tools ? IPC::ConnectionUDS::tryMake(m_poller.get()) : nullptr;
+        auto connection = makePlace() ? IPC::ConnectionUDS::tryMake(m_poller.get()) : nullptr;
         if (!connection) {
             refuseTool();
             return false;
         }
         connection->accept(m_listener.get());
-        enlargeSendBuffer(connection->nativeHandle());
         const int number = connection->getSimulateFD();
-        m_tools[number].connection = std::move(connection);
+        Tool& tool = m_tools[number];
+        tool.room = setSendBuffer(connection->nativeHandle(), m_limits.sendBuffer);
+        tool.connection = std::move(connection);
         LOG_PROC(m_debugProcess, "accept new connection: %d", number);
         return true;
     } catch (const std::exception& error) {
@@ -161,6 +164,18 @@ bool SnapshotServer::acceptTool() {
         pauseAccepting();
         return false;
     }
+}
+
+bool SnapshotServer::makePlace() {
+    if (m_tools.size() < m_limits.tools) return true;
+    const auto waitsLonger = [](const auto& left, const auto& right) {
+        return left.second.behindSince.value_or(Clock::time_point::max()) <
+               right.second.behindSince.value_or(Clock::time_point::max());
+    };
+    const auto longest = std::min_element(m_tools.begin(), m_tools.end(), waitsLonger);
+    if (!longest->second.behindSince) return false;
+    closeTool(longest->first);
+    return true;
 }
 
 void SnapshotServer::refuseTool() {
@@ -208,12 +223,8 @@ void SnapshotServer::closeAll() {
 }
 
 void SnapshotServer::writePackage(const InfoPackage& package) {
-    std::vector<int> unfinished;
-    for (auto& [number, tool] : m_tools) {
-        LOG_PROC(m_debugProcess, "write infoPackage to %d", number);
-        tool.sent = 0;
-        unfinished.push_back(number);
-    }
+    const std::vector<int> takers = findTakers();
+    std::vector<int> unfinished = takers;
     const auto deadline = Clock::now() + m_limits.writing;
     do {
         std::erase_if(unfinished, [&](int number) {
@@ -222,14 +233,34 @@ void SnapshotServer::writePackage(const InfoPackage& package) {
         });
     } while (!unfinished.empty() && waitWritable(unfinished, deadline));
     // With a part of a package missing, a tool could make no sense of the next one.
-    std::vector<int> failed;
-    for (const auto& [number, tool] : m_tools) {
-        if (tool.sent < sizeof(package)) failed.push_back(number);
-    }
-    for (const int number : failed) {
+    for (const int number : takers) {
+        if (m_tools.at(number).sent == sizeof(package)) continue;
         LOG_PROC(m_debugProcess, "write infoPackage to %d failed", number);
         closeTool(number);
     }
+}
+
+std::vector<int> SnapshotServer::findTakers() {
+    std::vector<int> takers;
+    for (auto& [number, tool] : m_tools) {
+        if (isBehind(tool)) {
+            if (!tool.behindSince) tool.behindSince = Clock::now();
+            continue;
+        }
+        LOG_PROC(m_debugProcess, "write infoPackage to %d", number);
+        tool.behindSince.reset();
+        tool.sent = 0;
+        takers.push_back(number);
+    }
+    return takers;
+}
+
+bool SnapshotServer::isBehind(Tool& tool) {
+    int unread = 0;
+    if (::ioctl(tool.connection->nativeHandle(), TIOCOUTQ, &unread) != 0 || unread <= 0) {
+        return false;  // if it takes no whole package now, it never does
+    }
+    return static_cast<size_t>(unread) + sizeof(InfoPackage) > tool.room;
 }
 
 bool SnapshotServer::writeSome(Tool& tool, const InfoPackage& package) {

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "protocol/src/InfoPackage.h"
 #include "utils/NonCopyable.h"
 #include "utils/Semaphore.h"
 #include "utils/ThreadRole.h"
@@ -24,14 +25,13 @@ struct PollEvent;
 
 namespace kelm {
 
-struct InfoPackage;
-
 // Streams packages to the tools on the snapshot socket: to all of them whenever one comes or goes,
 // and at least once a period. What tools send is thrown away. With no tool nothing is collected.
 //
-// A package is written to all tools at once, under one limit of time: a tool that has not taken its
-// whole package by then is disconnected, so that tools which do not read hold up neither the others
-// nor the end. A tool that reads gets whole packages, in order.
+// Tools get whole packages, in order, and do not hold up one another or the end. One that is behind
+// (what it has not read yet leaves no room for another package) is passed over until it has read,
+// and makes room if a new tool needs its place. A package is written to the others at once, under
+// one limit of time, after which those that have not taken it whole are disconnected.
 //
 // Threads: one of its own, "InfoServer"; construction, start() and stop() on one other thread at a
 // time. Owns: the socket, the poller and the tools' connections.
@@ -43,6 +43,8 @@ class SnapshotServer : public NonCopyable {
         std::chrono::milliseconds period{5000};
         std::chrono::milliseconds writing{1000};  // of one package, to all tools together
         size_t tools = 64;                        // at a time; others are turned away
+        // What the kernel is asked to hold for one tool, so that tools may sleep between packages.
+        int sendBuffer = sizeof(InfoPackage);
     };
 
     // Opens the socket; raises if it cannot be made. Tools wait outside until start().
@@ -62,6 +64,8 @@ class SnapshotServer : public NonCopyable {
         std::shared_ptr<IPC::ConnectionUDS> connection;
         size_t received = 0;  // bytes, in its life
         size_t sent = 0;      // bytes of the package that is being written
+        size_t room = 0;      // bytes that the kernel holds for it
+        std::optional<Clock::time_point> behindSince;
     };
 
     void requestStop();
@@ -75,6 +79,8 @@ class SnapshotServer : public NonCopyable {
     // True for an event after which everybody gets a package.
     bool handleEpollEvent(const IPC::PollEvent& event) REQUIRES(m_onThread);
     bool acceptTool() REQUIRES(m_onThread);
+    // False when all places are taken by tools that read.
+    bool makePlace() REQUIRES(m_onThread);
     void refuseTool() REQUIRES(m_onThread);
     void pauseAccepting() REQUIRES(m_onThread);
     void resumeAccepting() REQUIRES(m_onThread);
@@ -84,6 +90,9 @@ class SnapshotServer : public NonCopyable {
     void closeAll() REQUIRES(m_onThread);
 
     void writePackage(const InfoPackage& package) REQUIRES(m_onThread);
+    // The tools that are to get the next package.
+    std::vector<int> findTakers() REQUIRES(m_onThread);
+    bool isBehind(Tool& tool) REQUIRES(m_onThread);
     // False while the kernel takes no more; true when all is written or the connection has failed.
     bool writeSome(Tool& tool, const InfoPackage& package) REQUIRES(m_onThread);
     // False when the time is up or the server stops.
