@@ -104,16 +104,20 @@ TEST(LifecycleTest, FailedStartHangsOrPassesForSuccess) {
     const struct {
         const char* name;
         std::string overrides;
-        bool socketIsDirectory;
+        const char* directory;  // in the place of a socket
         const char* words;
     } rows[] = {
-        {"tag map", tagMap, false, "invalid key-value pair, subclass=0 key=a"},
-        {"socket", "", true, "Please remove /var/tmp/kelm_*, and then try again."},
+        {"tag map", tagMap, "", "invalid key-value pair, subclass=0 key=a"},
+        {"socket", "", "kelm_service.sock", "Please remove /var/tmp/kelm_*, and then try again."},
+        {"snapshot socket", R"({"debug_settings": {"info_printer": {"device_fps": "on"}}})",
+         "kelm_snapshot.sock", "Please remove /var/tmp/kelm_*, and then try again."},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         ServiceProcess service(row.overrides);
-        if (row.socketIsDirectory) service.files().write("run/kelm_service.sock/file", "");
+        if (*row.directory != '\0') {
+            service.files().write(std::string("run/") + row.directory + "/file", "");
+        }
         service.start();
         EXPECT_EQ(service.waitExit(kTimeToEnd), 255) << service.log();
         EXPECT_THAT(service.log(), HasSubstr(row.words));
