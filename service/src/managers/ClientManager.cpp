@@ -246,7 +246,8 @@ bool ClientManager::finish(std::chrono::milliseconds time) {
     m_finished = true;
     const bool empty = m_idClientMap.empty();
     lock.unlock();
-    return m_pool.waitIdleFor(time) && empty;
+    const auto left = deadline - std::chrono::steady_clock::now();
+    return m_pool.waitIdleFor(std::chrono::duration_cast<std::chrono::milliseconds>(left)) && empty;
 }
 
 bool ClientManager::verifyClient(uint64_t clientId) {

@@ -113,6 +113,8 @@ void InfoPrinter::queryStatusDone(const StatusPtr& status) {
 void InfoPrinter::collectInfoPackage(InfoPackage* package) {
     m_packageParts.resetValue(1 - kPackagePartNum);
     std::memset(static_cast<void*>(package), 0, sizeof(*package));  // its padding leaves, too
+    // First: nothing may throw between the questions and the wait for the answers.
+    MemoryInspector::instance().updateInfoPackage(package);
     for (const auto& enqueueUpdate : kPackageParts) {
         try {
             enqueueUpdate(package);
@@ -121,7 +123,6 @@ void InfoPrinter::collectInfoPackage(InfoPackage* package) {
             m_packageParts.post();
         }
     }
-    MemoryInspector::instance().updateInfoPackage(package);
     // Without limit: a manager may still be writing into the package.
     m_packageParts.wait();
 }

@@ -110,7 +110,7 @@ bool MessageDispatcher::isWorking() { return m_clientManager->isActive(); }
 bool MessageDispatcher::stopService() {
     bool ended = stopListenThread();
     LOG_INFO("stop infoPrinter");
-    ended &= m_infoPrinter->stop();
+    const bool printerEnded = m_infoPrinter->stop();
     LOG_INFO("stop resultDispatcher");
     m_resultDispatcher->stopSendResponse();
     LOG_INFO("close epoll fd & listen fd");
@@ -126,6 +126,8 @@ bool MessageDispatcher::stopService() {
     ended &= m_deviceManagerCreator->stop();
     // A stranger's requests may still be queued, and their answers need the other managers.
     ended &= m_taskManager->waitIdleFor(timeUntil(deadline));
+    // A package may have waited for a manager that was still at work.
+    ended &= printerEnded || m_infoPrinter->stop();
     ended &= m_infoPrinter->waitIdleFor(timeUntil(deadline));
     if (!ended) return false;  // a listen thread that was left behind may still use the rest
     m_listenConnection.reset();

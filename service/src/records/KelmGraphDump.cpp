@@ -33,8 +33,8 @@ bool KelmGraph::dumpToFile(const std::string& path) {
     const size_t slash = path.rfind('/');
     if (slash != std::string::npos && slash > 0)
         FileHelper::createDirectories(path.substr(0, slash));
-    // A link that somebody planted in a shared directory is not followed.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+    // A link that somebody planted in a shared directory is not followed, a pipe not waited for.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     const UniqueFd file(::open(path.c_str(), kFlags, 0644));
     if (!file || !writeAll(file.get(), m_data.get(), m_dataSize)) {
         LOG_ERROR("Error: failed to create dump file '%s'", path);

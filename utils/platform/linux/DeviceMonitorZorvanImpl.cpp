@@ -104,7 +104,7 @@ bool DeviceMonitorZorvanImpl::launch() {
 // The handles of the last filter are kept; the others' callbacks go with the context.
 bool DeviceMonitorZorvanImpl::registerCallbacks(const DeviceFilter& filter) {
     const auto add = [&](libusb_hotplug_event event, libusb_hotplug_callback_fn callback,
-                         int* handle) {
+                         int* handle) REQUIRES(m_mutex) {
         return libusb_hotplug_register_callback(m_context, event, 0, filter.vendorId,
                                                 filter.productId, LIBUSB_HOTPLUG_MATCH_ANY,
                                                 callback, m_parent, handle) == LIBUSB_SUCCESS;

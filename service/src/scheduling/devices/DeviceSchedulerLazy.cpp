@@ -6,10 +6,24 @@
 
 namespace kelm {
 
-// One wait and no loop: a spurious wake-up is a pass like any other.
+namespace {
+
+constexpr std::chrono::seconds kTimeToAnswer{5};
+
+}  // namespace
+
+// One wait and no loop: a spurious wake-up is a pass like any other. Without a limit, but for a
+// load that is still to be answered, since no other request need follow it.
 bool DeviceSchedulerLazy::waitChangeRequest() {
+    const auto deadline = std::chrono::system_clock::now() + kTimeToAnswer;
+    const bool answered = m_loadGraphs.empty();
     MutexLock lock(m_requestMutex);
-    if (!m_stop && m_newRequests.empty()) m_requestCond.wait(m_requestMutex);
+    if (m_stop || !m_newRequests.empty()) return !m_stop;
+    if (answered) {
+        m_requestCond.wait(m_requestMutex);
+    } else {
+        (void)m_requestCond.waitUntil(m_requestMutex, deadline);
+    }
     return !m_stop;
 }
 

@@ -39,7 +39,7 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
 
  private:
     // False when the thread is to end.
-    bool waitChangeRequest() EXCLUDES(m_requestMutex);
+    bool waitChangeRequest() REQUIRES(m_onSchedulingThread) EXCLUDES(m_requestMutex);
     void collectAndClassify() REQUIRES(m_onSchedulingThread);
     void classify(WorkThread* worker) REQUIRES(m_onSchedulingThread);
 
