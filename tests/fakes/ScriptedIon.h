@@ -67,7 +67,8 @@ class ScriptedIon {
         return fails("alloc") ? -1 : add(handle);
     }
 
-    const IonFunctions m_functions = {
+    // Static: the one allocator of the process may close the device after the last test.
+    static inline const IonFunctions m_functions = {
         .ion_open =
             [] {
                 if (fails("open")) return -1;
@@ -76,7 +77,7 @@ class ScriptedIon {
             },
         .ion_close =
             [](int fd) {
-                --current()->opened;
+                if (current() != nullptr) --current()->opened;  // else the process ends
                 return ::close(fd);
             },
         .ion_alloc_only = &allocOnly,

@@ -6,6 +6,7 @@
 
 namespace kelm {
 
+struct IonFunctions;
 struct KelmBuffer;
 
 // Turns the description of a tensor buffer that came by descriptor into memory, and back.
@@ -30,12 +31,19 @@ class BufferAllocator : public Singleton<BufferAllocator> {
     KelmError getShareFd(KelmBuffer* buffer, int* fd);
 
  private:
-    // The descriptor of the ION device, opened now if need be; negative on failure.
-    int openIon() EXCLUDES(m_mutex);
-    int openedIon() EXCLUDES(m_mutex);
+    // The ION device and the library that opened it; null and negative before.
+    struct Ion {
+        const IonFunctions* library = nullptr;
+        int fd = -1;
+    };
+    class Handle;
+
+    // Opened now if need be; `fd` is negative on failure.
+    Ion openIon() EXCLUDES(m_mutex);
+    Ion getIon() EXCLUDES(m_mutex);
 
     Mutex m_mutex;
-    int m_ionFd GUARDED_BY(m_mutex) = -1;
+    Ion m_ion GUARDED_BY(m_mutex);
 };
 
 }  // namespace kelm

@@ -31,44 +31,44 @@ void fill(KelmBuffer& buffer, void* data, unsigned long size, int fd, int handle
     buffer.ionHandle = handle;
 }
 
+}  // namespace
+
 // A handle of the ION device that goes back unless it is kept.
-class IonHandle {
+class BufferAllocator::Handle {
  public:
-    explicit IonHandle(int ionFd) : m_ionFd(ionFd) {}
-    ~IonHandle() {
-        if (number > 0) (void)IonLibrary::functions()->ion_free(m_ionFd, number);
+    explicit Handle(const Ion& ion) : m_ion(ion) {}
+    ~Handle() {
+        if (number > 0) (void)m_ion.library->ion_free(m_ion.fd, number);
     }
-    IonHandle(const IonHandle&) = delete;
-    IonHandle& operator=(const IonHandle&) = delete;
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
     int keep() { return std::exchange(number, 0); }
 
     int number = 0;
 
  private:
-    const int m_ionFd;
+    const Ion m_ion;
 };
 
-}  // namespace
-
 BufferAllocator::~BufferAllocator() {
-    if (m_ionFd < 0) return;
-    (void)IonLibrary::functions()->ion_close(m_ionFd);
-    m_ionFd = -1;  // a task that ends later still gives back its mappings and descriptors
+    if (m_ion.fd < 0) return;
+    (void)m_ion.library->ion_close(m_ion.fd);
+    m_ion.fd = -1;  // a task that ends later still gives back its mappings and descriptors
 }
 
-int BufferAllocator::openIon() {
+BufferAllocator::Ion BufferAllocator::openIon() {
     MutexLock lock(m_mutex);
-    if (m_ionFd >= 0) return m_ionFd;
-    const IonFunctions* const ion = IonLibrary::functions();
-    if (ion == nullptr) return -1;
-    m_ionFd = ion->ion_open();
-    if (m_ionFd < 0) LOG_ERROR("Error: ion_open failed. errno = %d\n", errno);
-    return m_ionFd;
+    if (m_ion.fd >= 0) return m_ion;
+    m_ion.library = IonLibrary::functions();
+    if (m_ion.library == nullptr) return m_ion;
+    m_ion.fd = m_ion.library->ion_open();
+    if (m_ion.fd < 0) LOG_ERROR("Error: ion_open failed. errno = %d\n", errno);
+    return m_ion;
 }
 
-int BufferAllocator::openedIon() {
+BufferAllocator::Ion BufferAllocator::getIon() {
     MutexLock lock(m_mutex);
-    return m_ionFd;
+    return m_ion;
 }
 
 KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
@@ -80,22 +80,22 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
         LOG_ERROR("Error: KelmBuffer* buffer is NULL");
         return KELM_ERROR_INVALID_PARAM;
     }
-    const int ionFd = openIon();
-    if (ionFd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
-    const IonFunctions& ion = *IonLibrary::functions();
-    IonHandle handle(ionFd);
+    const Ion ion = openIon();
+    if (ion.fd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    Handle handle(ion);
     uint64_t trailing = 0;  // of a width that is not documented
-    if (ion.ion_alloc_only(ionFd, size, kAlign, kHeapMask, kFlags, &handle.number, &trailing) < 0) {
+    if (ion.library->ion_alloc_only(ion.fd, size, kAlign, kHeapMask, kFlags, &handle.number,
+                                    &trailing) < 0) {
         handle.keep();
         LOG_ERROR(
             "Error: ion_alloc(ionFd=%d size=%lu align=%ld mask=%x flag=%x) failed. errno = "
             "%d(%s).",
-            ionFd, size, kAlign, kHeapMask, kFlags, errno, std::strerror(errno));
+            ion.fd, size, kAlign, kHeapMask, kFlags, errno, std::strerror(errno));
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
     int shared = -1;
-    if (ion.ion_share(ionFd, handle.number, &shared) < 0) {
-        LOG_ERROR("Error: ion_share failed: ionFd=%d user_handle=%d errno = %d", ionFd,
+    if (ion.library->ion_share(ion.fd, handle.number, &shared) < 0) {
+        LOG_ERROR("Error: ion_share failed: ionFd=%d user_handle=%d errno = %d", ion.fd,
                   handle.number, errno);
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
@@ -119,21 +119,20 @@ KelmError BufferAllocator::import(int fd, KelmBuffer* buffer) {
         LOG_ERROR("Error: KelmBuffer* buffer is NULL.");
         return KELM_ERROR_INVALID_PARAM;
     }
-    const int ionFd = openIon();
-    if (ionFd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
-    const IonFunctions& ion = *IonLibrary::functions();
-    IonHandle handle(ionFd);
-    if (ion.ion_import(ionFd, fd, &handle.number) != 0) {
+    const Ion ion = openIon();
+    if (ion.fd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
+    Handle handle(ion);
+    if (ion.library->ion_import(ion.fd, fd, &handle.number) != 0) {
         handle.keep();
-        LOG_ERROR("Error: ion_import failed: ionFd=%d fd=%d error=%d(%s)\n", ionFd, fd, errno,
+        LOG_ERROR("Error: ion_import failed: ionFd=%d fd=%d error=%d(%s)\n", ion.fd, fd, errno,
                   std::strerror(errno));
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
     uint64_t unused[2] = {};  // of a width that is not documented
     auto* const places = reinterpret_cast<unsigned int*>(unused);
     unsigned long size = 0;
-    if (ion.ion_get_info(ionFd, handle.number, places, places + 2, &size) != 0) {
-        LOG_ERROR("Error: ion_get_info failed: ionFd=%d user_handle=%d error=%d(%s)\n", ionFd,
+    if (ion.library->ion_get_info(ion.fd, handle.number, places, places + 2, &size) != 0) {
+        LOG_ERROR("Error: ion_get_info failed: ionFd=%d user_handle=%d error=%d(%s)\n", ion.fd,
                   handle.number, errno, std::strerror(errno));
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
@@ -157,9 +156,9 @@ KelmError BufferAllocator::free(KelmBuffer* buffer) {
         (void)::munmap(reinterpret_cast<void*>(buffer->buffer), buffer->size);  // made by mapFd()
     }
     if (buffer->ionHandle > 0) {
-        const int ionFd = openedIon();
-        if (ionFd >= 0 && IonLibrary::functions()->ion_free(ionFd, buffer->ionHandle) < 0) {
-            LOG_ERROR("ion_free failed: ionFd=%d ionHandle=%d", ionFd, buffer->ionHandle);
+        const Ion ion = getIon();
+        if (ion.fd >= 0 && ion.library->ion_free(ion.fd, buffer->ionHandle) < 0) {
+            LOG_ERROR("ion_free failed: ionFd=%d ionHandle=%d", ion.fd, buffer->ionHandle);
         }
     }
     if (buffer->fd > 0) {
