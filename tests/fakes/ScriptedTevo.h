@@ -244,8 +244,10 @@ class ScriptedTevo {
             },
         .qxFifoGetOption =
             [](qxFifoHandle_t*, int option, void* data, unsigned int* length) {
-                return call("qxFifoGetOption", 0,
-                            [&](ScriptedTevo& tevo) { tevo.giveOption(option, data, length); });
+                return call("qxFifoGetOption", 0, [&](ScriptedTevo& tevo) {
+                    tevo.giveOption(option, data, length);
+                    *length = tevo.descriptorLength;
+                });
             },
         .qxFifoWriteElem =
             [](qxFifoHandle_t* fifo, const void* data, unsigned int* length, unsigned long value) {
