@@ -25,13 +25,20 @@ class SystemFixture : public ::testing::Test {
     // members of "service_settings", `environment` is of the form NAME=value.
     void start(int latencyMs, const std::string& settings = "",
                const std::vector<std::string>& environment = {}) {
-        const std::string latency = std::to_string(latencyMs);
-        m_service.emplace(R"({"fake_device_settings": {"fake_device_number": 3,)"
-                          R"("load_tensor_latency": )" +
-                          latency + R"(, "get_result_latency": )" + latency +
-                          R"(}, "service_settings": {)" + settings + "}}");
+        startWith(fakeDevices(3, latencyMs) + R"(, "service_settings": {)" + settings + "}",
+                  environment);
+    }
+    // `sections` are members of the configuration.
+    void startWith(const std::string& sections, const std::vector<std::string>& environment = {}) {
+        m_service.emplace("{" + sections + "}");
         m_service->start({}, environment);
         if (!m_service->waitReady()) throw std::runtime_error("not ready: " + lastLines());
+    }
+    static std::string fakeDevices(int number, int latencyMs) {
+        const std::string latency = std::to_string(latencyMs);
+        return R"("fake_device_settings": {"fake_device_number": )" + std::to_string(number) +
+               R"(, "load_tensor_latency": )" + latency + R"(, "get_result_latency": )" + latency +
+               "}";
     }
 
     void TearDown() override {

@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "system/ChildProcess.h"
 #include "system/LoadClient.h"
 #include "system/SystemFixture.h"
 #include "utils/ThreadUtils.h"
@@ -14,7 +15,8 @@ class TraceSystemTest : public SystemFixture {
     void startTraced(int latencyMs, const std::string& settings) {
         start(latencyMs, settings + R"(}, "debug_settings": {"enable_tracer": true)",
               {"TMPDIR=" + m_directory.path()});
-        const std::string process = "/kelm-" + std::to_string(service().pid()) + "-";
+        m_pid = service().pid();
+        const std::string process = "/kelm-" + std::to_string(m_pid) + "-";
         const std::string host = "-hostname-" + ThreadUtils::getHostname() + ".csv";
         m_frames = m_directory.path() + process + "frames" + host;
         m_tasks = m_directory.path() + process + "tasks" + host;
@@ -28,6 +30,21 @@ class TraceSystemTest : public SystemFixture {
         std::getline(file, line);  // the header
         while (std::getline(file, line)) ++names[line.substr(0, line.find(','))];
         return names;
+    }
+
+    // The fields that both files have, or what is wrong with the row of the tasks file.
+    static std::string checkedRow(const std::string& line, const std::string& process) {
+        std::vector<std::string> fields;
+        std::istringstream text(line);
+        for (std::string field; std::getline(text, field, ',');) fields.push_back(field);
+        if (fields.size() != 5 || fields[3] != process) return "malformed: " + line;
+        for (size_t i = 1; i < fields.size(); ++i) {
+            if (fields[i].find_first_not_of("0123456789") != std::string::npos) {
+                return "no number: " + line;
+            }
+        }
+        if (std::stoull(fields[1]) > std::stoull(fields[2])) return "not closed: " + line;
+        return fields[0] + "," + fields[1] + "," + fields[2];
     }
 
     uint64_t runOneTask() const {
@@ -83,6 +100,7 @@ class TraceSystemTest : public SystemFixture {
 
     TempDir m_directory;
     LoadBoard m_board;
+    int m_pid = 0;
     std::string m_frames;
     std::string m_tasks;
 };
@@ -128,6 +146,73 @@ TEST_F(TraceSystemTest, TaskThatEndsInAnyWayLeavesItsTraceOpen) {
         if (event["name"] == "thread_name") threads.insert(event["args"]["name"]);
     }
     EXPECT_THAT(threads, ::testing::Contains("TaskManagerT0"));
+}
+
+TEST_F(TraceSystemTest, RowIsLostDoubledOrTornUnderLoad) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr uint64_t kTasks = 10000;
+#else
+    constexpr uint64_t kTasks = 100000;
+#endif
+    constexpr uint64_t kClients = 5;
+    startTraced(0, "");
+    SharedMemory<LoadBoard> board;
+    std::vector<ChildProcess> clients;
+    for (uint64_t i = 0; i < kClients; ++i) {
+        LoadPlan plan;
+        plan.name = "load";
+        plan.count = kTasks / kClients;
+        plan.depth = 40;
+        clients.emplace_back([&] { return LoadClient(path(), plan, *board).run(); });
+    }
+    for (ChildProcess& client : clients) EXPECT_EQ(client.wait(), "") << lastLines();
+    ASSERT_EQ(board->done, kTasks);
+    endService();
+
+    std::multiset<std::string> rows;  // without process and thread, which the frames do not have
+    std::ifstream tasks(m_tasks);
+    std::string line;
+    std::getline(tasks, line);
+    EXPECT_EQ(line, "name,start_tsc.RDTSC,end_tsc,pid,tid");
+    const std::string process = std::to_string(m_pid);
+    while (std::getline(tasks, line)) rows.insert(checkedRow(line, process));
+    std::map<std::string, int> names;
+    for (const std::string& row : rows) ++names[row.substr(0, row.find(','))];
+    for (uint64_t id = 1; id <= kTasks; ++id) {
+        ASSERT_EQ(names["task_" + std::to_string(id)], 1) << id;
+    }
+    EXPECT_EQ(names.count("task_" + std::to_string(kTasks + 1)), 0U);
+
+    std::ifstream frames(m_frames);
+    std::getline(frames, line);
+    EXPECT_EQ(line, "name,start_tsc.RDTSC,end_tsc");
+    size_t framesLost = 0;
+    while (std::getline(frames, line)) {
+        const auto row = rows.find(line);
+        if (row == rows.end()) ++framesLost;
+        if (row != rows.end()) rows.erase(row);
+    }
+    EXPECT_EQ(framesLost, 0U);
+    EXPECT_TRUE(rows.empty()) << *rows.begin();
+
+    const std::string json = m_directory.path() + "/trace.json";
+    ASSERT_EQ(std::system((std::string(std::getenv("KELM_TEST_CTL")) + " trace " + m_frames + " " +
+                           m_tasks + " -o " + json + " >/dev/null")
+                              .c_str()),
+              0);
+    std::map<std::string, int> ends = names;
+    const auto takeEvent = [&](int, nlohmann::json::parse_event_t what, nlohmann::json& event) {
+        if (what != nlohmann::json::parse_event_t::object_end || !event.contains("ph")) return true;
+        const std::string phase = event["ph"];
+        const std::string name = event["name"];
+        if (phase == "b" || phase == "B" || phase == "X") --names[name];
+        if (phase == "e" || phase == "E" || phase == "X") --ends[name];
+        return false;  // it is not kept
+    };
+    EXPECT_TRUE(nlohmann::json::parse(std::ifstream(json), takeEvent).is_object());
+    for (const auto* left : {&names, &ends}) {
+        for (const auto& [name, count] : *left) EXPECT_EQ(count, 0) << name;
+    }
 }
 
 TEST_F(TraceSystemTest, GraphWorkIsNotTraced) {

@@ -1,0 +1,129 @@
+#include <regex>
+
+#include "system/LogTable.h"
+#include "system/SystemFixture.h"
+
+namespace kelm {
+namespace {
+
+class PrintingTest : public SystemFixture {
+ protected:
+    // Prints each part of the list every so often; `style` is that of the devices' table.
+    void startPrinting(int intervalMs, const std::string& style) {
+        startWith(fakeDevices(2, 2) + R"(, "debug_settings": {"info_printer": {
+            "client_fps": "on", "device_fps": "on", "service_fps": "on", "graph_fps": "on",
+            "device_utilization": "on", "memory_usage": "on", "client_snapshot_mode": "base",
+            "device_snapshot_mode": "Full", "graph_snapshot_mode": "base",
+            "task_snapshot_mode": "base", "device_snapshot_style": ")" +
+                  style + R"(", "print_interval": )" + std::to_string(intervalMs) + "}}");
+    }
+
+    // When each line that begins so was printed, in seconds since the first one.
+    std::vector<double> times(const std::string& words) const {
+        const std::string log = service().log();
+        const std::regex pattern(R"(\[(\d\d):(\d\d):(\d\d\.\d+)\]\[\d+\]I\[[^\]]*\] )" + words);
+        std::vector<double> result;
+        for (std::sregex_iterator at(log.begin(), log.end(), pattern), end; at != end; ++at) {
+            const double second =
+                std::stoi((*at)[1]) * 3600 + std::stoi((*at)[2]) * 60 + std::stod((*at)[3]);
+            result.push_back(second);
+        }
+        for (double& second : result) second += second < result.front() ? 86400 : 0;  // midnight
+        return result;
+    }
+    // Passes whose last line is there.
+    size_t passes() const {
+        const std::string log = service().log();
+        size_t count = 0;
+        for (size_t at = 0; (at = log.find("Service Memory Status", at)) != std::string::npos;
+             ++at) {
+            ++count;
+        }
+        return count;
+    }
+    bool waitPasses(size_t number) const {
+        return eventually([&] { return passes() >= number; }, std::chrono::minutes(1));
+    }
+    bool isInLog(const std::string& pattern) const {
+        return std::regex_search(service().log(), std::regex(pattern));
+    }
+    const ServiceProcess& service() const {
+        return const_cast<PrintingTest*>(this)->SystemFixture::service();
+    }
+
+    // Seconds of processor time that the service has taken.
+    double processorTime() const {
+        std::ifstream file("/proc/" + std::to_string(service().pid()) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        std::istringstream fields(text.substr(text.rfind(')') + 1));
+        std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
+        return (std::stod(values.at(11)) + std::stod(values.at(12))) /
+               static_cast<double>(::sysconf(_SC_CLK_TCK));
+    }
+};
+
+TEST_F(PrintingTest, PartOfThePrintoutIsMissingOrWrong) {
+    constexpr int kTasks = 40;
+    startPrinting(1000, "table");
+    ASSERT_TRUE(waitPasses(1)) << lastLines();
+    RawClient client(path());
+    const uint64_t id = client.registerClient("the client");
+    const uint64_t graph = client.createGraph(id, "the graph", "blob");
+    for (int i = 0; i < kTasks; ++i) ASSERT_TRUE(infers(client, id, graph));
+    const std::string tasks = std::to_string(kTasks);
+    ASSERT_TRUE(waitPasses(passes() + 3)) << lastLines();
+
+    const std::string rate = R"([1-9]\d*\.\d\d)";
+    for (const std::string& pattern : {
+             "ServiceFps=" + rate + "\n",
+             R"(ClientFps\(count=1\):\n \[the client\] = )" + rate + "\n",
+             R"(GraphFps\(count=1\):\n \[the graph\] = \(in\) )" + rate + R"( \(out\) )" + rate,
+             std::string(R"(DeviceFps\(count=2\):\n)"),
+             R"(\n\[Fake[01]@the graph\]\.Fps = )" + rate + "\n",
+             std::string(R"(\n\[Fake[01]@NoGraph\]\.Fps = 0\.0\n)"),
+             std::string(R"(DeviceUtilization\(count=2\):\n\[Fake)"),
+             std::string(R"(\n\[Fake[01]@the graph\] = \d+\.\d\d\n)"),
+             std::string(R"(VIRT = \d{4,}, RES = \d{4,}, SHR = \d{3,}, TOTAL = \d{5,}\n)"),
+             std::string("TaskSnapshot\\(Regular\\)\n-{29} TS.Polling -{30}\nTime: "),
+             std::string("\nGraphName: \\[the graph\\]\n"),
+             R"(\nTaskSnapshot costs \d+ ms\n)" + std::string(71, '-') + "\n",
+         }) {
+        EXPECT_TRUE(isInLog(pattern)) << pattern << lastLines();
+    }
+    const LogTable clients = LogTable::last(service().log(), "ClientSnapshot(RegularPrint):");
+    EXPECT_EQ(clients.cell("clientId", 0), std::to_string(id));
+    EXPECT_EQ(clients.cell("clientName", 0), "the client");
+    EXPECT_EQ(clients.cell("inferTimes", 0), tasks);
+    EXPECT_EQ(clients.cell("waitNum", 0), "0");
+    const LogTable graphs = LogTable::last(service().log(), "GraphSnapshot(RegularPrint):");
+    EXPECT_EQ(graphs.cell("graphId", 0), std::to_string(graph));
+    EXPECT_EQ(graphs.cell("graphName", 0), "the graph");
+    EXPECT_EQ(graphs.cell("inferTimes", 0), tasks);
+    EXPECT_EQ(graphs.cell("waitTaskNum", 0), "0");
+    EXPECT_EQ(graphs.cell("isPending", 0), "False");
+    const LogTable devices = LogTable::last(service().log(), "DeviceSnapshot(subclass=0):");
+    EXPECT_EQ(devices.columns(), 2U);
+    EXPECT_EQ(devices.cell("scheduler", 0), "squeeze");
+    EXPECT_EQ(devices.cell("resetTimes", 1), "0");
+
+    const std::vector<double> begins = times("ServiceFps=");
+    EXPECT_GE(begins.back() - begins.front(), 0.8 * static_cast<double>(begins.size() - 1));
+}
+
+TEST_F(PrintingTest, ShortIntervalTakesACore) {
+    startPrinting(500, "Table");  // not the word, which makes it a list
+    ASSERT_TRUE(waitPasses(2)) << lastLines();
+    EXPECT_TRUE(isInLog(R"(\n\| +deviceId: \d+\()")) << lastLines();
+    using Clock = std::chrono::steady_clock;
+    const auto begin = Clock::now();
+    const double before = processorTime();
+    const size_t passesBefore = passes();
+    ASSERT_TRUE(eventually([&] { return Clock::now() > begin + std::chrono::seconds(2); }));
+    EXPECT_GT(passes(), passesBefore);
+    const double elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
+    EXPECT_LT(processorTime() - before, elapsed / 2);
+}
+
+}  // namespace
+}  // namespace kelm
