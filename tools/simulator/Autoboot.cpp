@@ -3,6 +3,9 @@
 // to be slow, in milliseconds: KELM_BOOT_ALIVE before the alive lock, KELM_BOOT_READY from there to
 // the ready lock; and to crash: KELM_BOOT_CRASH after ready, unless it was started anew.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -27,6 +30,12 @@ Millis setting(const char* name) {
     return Millis(value != nullptr ? std::atol(value) : 0);
 }
 
+// The tool outlives the service, and must not keep the service's terminal or pipes open.
+void leaveOutput() {
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(null, fd);
+}
+
 void waitForTheEnd(const std::string& directory) {
     while (directory.empty() || std::filesystem::exists(directory)) {
         std::this_thread::sleep_for(kPoll);
@@ -37,6 +46,7 @@ void waitForTheEnd(const std::string& directory) {
 
 int main(int argc, char** argv) {
     using namespace kelm;
+    leaveOutput();
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string event = "boot";
     for (const std::string& argument : arguments) event += " " + argument;

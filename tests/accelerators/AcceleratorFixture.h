@@ -1,0 +1,117 @@
+#pragma once
+
+#include <filesystem>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "system/SystemFixture.h"
+#include "tools/simulator/SimulatedHost.h"
+
+namespace kelm {
+
+// The real service in real mode, on simulated accelerators on a mock bus.
+//
+//     plug("1.1"); plug("1.2");
+//     startService();
+//     std::future<std::string> load = checkedLoad(3);
+//     host().order("fail 1.1 qxFifoReadElem -6 1");
+//     EXPECT_EQ(resultOf(load), "");
+//
+// Whatever happens, a device that is closed must have nothing of it left.
+class AcceleratorFixture : public SystemFixture {
+ protected:
+    AcceleratorFixture() {
+        namespace fs = std::filesystem;
+        const std::string pkill = m_files.write("path/pkill", "#!/bin/sh\n");
+        fs::permissions(pkill, fs::perms::owner_all);
+        fs::create_directories(m_files.path() + "/install/bin");
+        fs::create_symlink(KELM_SIMULATOR_DIR "/autoboot",
+                           m_files.path() + "/install/bin/autoboot");
+        ::setenv("KELM_TEST_DAEMON", KELM_DAEMON, 1);
+        // The first line says what the graph is, the rest makes another one of it.
+        m_files.write("first.graph", "KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst");
+        m_files.write("second.graph", "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond");
+    }
+
+    void TearDown() override {
+        SystemFixture::TearDown();
+        waitWithEvents([] { return true; });
+        for (const std::string& event : m_events) {
+            EXPECT_FALSE(event.starts_with("leak")) << event;
+        }
+    }
+
+    simulator::SimulatedHost& host() { return m_host; }
+    void plug(const std::string& device) { m_host.plug(device); }
+
+    // `sections` are members of the configuration, `environment` is of the form NAME=value.
+    void startService(const std::string& sections = "", std::vector<std::string> environment = {}) {
+        m_files.write("install/config/kelm_service.config",
+                      R"({"security_settings": {"user_group": ""})" +
+                          (sections.empty() ? "" : ", " + sections) + "}");
+        for (const std::string& setting : m_host.environment(KELM_SIMULATOR_DIR)) {
+            environment.push_back(setting);
+        }
+        environment.push_back("KELM_INSTALL_DIR=" + m_files.path() + "/install");
+        environment.push_back("PATH=" + m_files.path() + "/path:/usr/bin:/bin");
+        start(1, "", environment);
+        service().useRunDir();
+    }
+
+    // A client process on two graphs that checks every result.
+    std::future<std::string> checkedLoad(int seconds, const std::string& options = "") {
+        const std::string command = KELM_SIMULATOR_DIR "/kelm-sim-load --seconds " +
+                                    std::to_string(seconds) + " --graph " + m_files.path() +
+                                    "/first.graph --graph " + m_files.path() + "/second.graph " +
+                                    options + " 2>&1";
+        return std::async(std::launch::async, [command] {
+            std::string text;
+            FILE* output = ::popen(command.c_str(), "re");
+            for (int c = 0; output != nullptr && (c = std::fgetc(output)) != EOF;) {
+                text += static_cast<char>(c);
+            }
+            return output != nullptr && ::pclose(output) == 0 ? "" : "the load: " + text;
+        });
+    }
+
+    // Empty, or what was wrong. Devices leave and return after a reset only in this and in the
+    // other waits.
+    std::string resultOf(std::future<std::string>& load) {
+        const auto ended = [&] {
+            return load.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
+        };
+        return waitWithEvents(ended, std::chrono::seconds(60)) ? load.get() : "no end of the load";
+    }
+    // Whether the line is told, now or in time.
+    bool waitEvent(const std::string& line) {
+        return waitWithEvents([&] { return std::ranges::count(m_events, line) > 0; });
+    }
+    // Whether the words come so often in the service's log.
+    bool waitLogCount(const std::string& words, size_t count) {
+        return waitWithEvents([&] { return logCount(words) >= count; });
+    }
+    size_t logCount(const std::string& words) {
+        const std::string log = service().log();
+        size_t count = 0;
+        for (size_t at = 0; (at = log.find(words, at)) != std::string::npos; ++at) ++count;
+        return count;
+    }
+
+ private:
+    template <class Predicate>
+    bool waitWithEvents(Predicate predicate,
+                        std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        const auto takeAndAsk = [&] {
+            std::ranges::move(m_host.takeEvents(), std::back_inserter(m_events));
+            return predicate();
+        };
+        return eventually(takeAndAsk, limit);
+    }
+
+    TempDir m_files;
+    simulator::SimulatedHost m_host{m_files.path() + "/sim"};
+    std::vector<std::string> m_events;
+};
+
+}  // namespace kelm
