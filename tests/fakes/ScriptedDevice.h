@@ -132,6 +132,9 @@ class ScriptedDevice : public KelmDeviceBase {
         MutexLock lock(m_script->m_mutex);
         return m_script->m_cached;
     }
+    void forgetGraphs() override {
+        for (KelmGraph* graph : getCachedGraphList()) drop(graph, false);
+    }
 
  protected:
     int openDevice(const char*) override REQUIRES(m_deviceMutex) {

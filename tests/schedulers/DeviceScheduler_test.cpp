@@ -257,6 +257,18 @@ TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {
     EXPECT_EQ(PlugoutWorkerOperation::create(nullptr), nullptr);
 }
 
+TEST_F(DeviceSchedulerTest, DeviceThatIsTakenAwayKeepsTheGraphsThatItOnlyCached) {
+    WorkThread* const worker = makeWorker("a");
+    KelmGraph* const graph = makeGraph();
+    ASSERT_EQ(worker->enqueueLoadGraph(graph).get(), 0);
+    ASSERT_EQ(worker->enqueueUnloadGraph(graph, true).get(), 0);
+    ASSERT_EQ(graph->getCachedDeviceNum(), 1);
+    const auto plugout = PlugoutWorkerOperation::create(worker);
+    plugout->execute();
+    plugout->wait();
+    EXPECT_EQ(graph->getCachedDeviceNum(), 0);
+}
+
 TEST_F(DeviceSchedulerTest, FactoryFallsBackToTheDefaultAndIgnoresCase) {
     const std::pair<const char*, const char*> cases[] = {
         {"tag", "DS.Tag"},          {"sTReam", "DS.Stream"}, {"SQueeZe2", "DS.Squeeze2"},
