@@ -60,9 +60,14 @@ std::string kernelName(const std::string& name) {
 
 std::string parentOf(const std::string& name) { return name.substr(0, name.rfind('.')); }
 
+template <class Pointer>
+UMockdevTestbed* bedOf(const Pointer& pointer) {
+    return static_cast<UMockdevTestbed*>(pointer.get());
+}
+
 }  // namespace
 
-void UsbBus::Unref::operator()(_UMockdevTestbed* testbed) const { g_object_unref(testbed); }
+void UsbBus::Unref::operator()(void* testbed) const { g_object_unref(testbed); }
 
 UsbBus::UsbBus() : m_testbed(umockdev_testbed_new()) {
     if (!umockdev_in_mock_environment())
@@ -113,21 +118,21 @@ void UsbBus::add(const UsbDevice& device, bool isHub) {
     text += "A: bConfigurationValue=1\n";
     text += "H: descriptors=" + hex(descriptorsOf(device, isHub ? kHubClass : 0)) + "\n";
     GError* error = nullptr;
-    if (umockdev_testbed_add_from_string(m_testbed.get(), text.c_str(), &error) == 0) {
+    if (umockdev_testbed_add_from_string(bedOf(m_testbed), text.c_str(), &error) == 0) {
         const std::string why = error->message;
         g_error_free(error);
         throw std::runtime_error("cannot plug " + device.name + ": " + why);
     }
     m_paths[device.name] = path;
-    umockdev_testbed_uevent(m_testbed.get(), ("/sys" + path).c_str(), "add");
+    umockdev_testbed_uevent(bedOf(m_testbed), ("/sys" + path).c_str(), "add");
 }
 
 bool UsbBus::unplug(const std::string& name) {
     const auto found = m_paths.find(name);
     if (found == m_paths.end()) return false;
     const std::string path = "/sys" + found->second;
-    umockdev_testbed_uevent(m_testbed.get(), path.c_str(), "remove");
-    umockdev_testbed_remove_device(m_testbed.get(), path.c_str());
+    umockdev_testbed_uevent(bedOf(m_testbed), path.c_str(), "remove");
+    umockdev_testbed_remove_device(bedOf(m_testbed), path.c_str());
     m_paths.erase(found);
     return true;
 }

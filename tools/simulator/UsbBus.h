@@ -6,8 +6,6 @@
 
 #include "utils/NonCopyable.h"
 
-struct _UMockdevTestbed;
-
 namespace kelm::simulator {
 
 // A device on the mock bus. The name is its place, "1.2.3" for bus 1, port 2 of the root, port 3 of
@@ -40,7 +38,7 @@ class UsbBus : public NonCopyable {
 
  private:
     struct Unref {
-        void operator()(_UMockdevTestbed* testbed) const;
+        void operator()(void* testbed) const;
     };
 
     // Adds one device below its parent, which is there.
@@ -48,9 +46,9 @@ class UsbBus : public NonCopyable {
     void addHubs(const std::string& name);
     int nextAddress(int bus);
 
-    const std::unique_ptr<_UMockdevTestbed, Unref> m_testbed;
-    std::map<std::string, std::string> m_paths;  // name to the path below /sys, hubs included
-    std::map<int, int> m_lastAddress;            // by bus
+    const std::unique_ptr<void, Unref> m_testbed;  // UMockdevTestbed
+    std::map<std::string, std::string> m_paths;    // name to the path below /sys, hubs included
+    std::map<int, int> m_lastAddress;              // by bus
 };
 
 }  // namespace kelm::simulator

@@ -103,11 +103,12 @@ bool DeviceMonitorZorvanImpl::launch() {
 
 // The handles of the last filter are kept; the others' callbacks go with the context.
 bool DeviceMonitorZorvanImpl::registerCallbacks(const DeviceFilter& filter) {
-    const auto add = [&](libusb_hotplug_event event, libusb_hotplug_callback_fn callback,
+    const auto add = [&filter, context = m_context, parent = m_parent](
+                         libusb_hotplug_event event, libusb_hotplug_callback_fn callback,
                          int* handle) REQUIRES(m_mutex) {
-        return libusb_hotplug_register_callback(m_context, event, 0, filter.vendorId,
+        return libusb_hotplug_register_callback(context, event, 0, filter.vendorId,
                                                 filter.productId, LIBUSB_HOTPLUG_MATCH_ANY,
-                                                callback, m_parent, handle) == LIBUSB_SUCCESS;
+                                                callback, parent, handle) == LIBUSB_SUCCESS;
     };
     if (!add(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, usb_arrived_callback, &m_arrivedHandle)) {
         LOG_ERROR("Error: register device arrive callback failed");
