@@ -19,7 +19,7 @@ class ScriptedIon {
  public:
     ScriptedIon() {
         current() = this;
-        IonLibrary::install(&m_functions);
+        IonLibrary::install(&functions());
     }
     ~ScriptedIon() {
         IonLibrary::install(nullptr);
@@ -44,8 +44,9 @@ class ScriptedIon {
         return ::pread(fd, content.data(), size, 0) >= 0 ? content : "";
     }
 
+    static constexpr unsigned long kSize = 4096;  // that is told of every buffer
+
     std::string failing;    // the function that fails
-    uint64_t lie = 0;       // added to the size that is told
     std::set<int> handles;  // not given back
     int opened = 0;
 
@@ -67,33 +68,36 @@ class ScriptedIon {
         return fails("alloc") ? -1 : add(handle);
     }
 
-    // Static: the one allocator of the process may close the device after the last test.
-    static inline const IonFunctions m_functions = {
-        .ion_open =
-            [] {
-                if (fails("open")) return -1;
-                ++current()->opened;
-                return ::open("/dev/null", O_RDWR | O_CLOEXEC);
-            },
-        .ion_close =
-            [](int fd) {
-                if (current() != nullptr) --current()->opened;  // else the process ends
-                return ::close(fd);
-            },
-        .ion_alloc_only = &allocOnly,
-        .ion_share =
-            [](int, int, int* shareFd) {
-                *shareFd = fails("mmap") ? ::open("/dev/null", O_WRONLY) : makeFd("made");
-                return fails("share") ? ::close(*shareFd) - 1 : 0;
-            },
-        .ion_import = [](int, int, int* handle) { return fails("import") ? -1 : add(handle); },
-        .ion_get_info =
-            [](int, int, unsigned int*, unsigned int*, unsigned long* size) {
-                *size = fails("mmap") ? 0 : 4096 + current()->lie;
-                return fails("get_info") ? -1 : 0;
-            },
-        .ion_free = [](int, int handle) { return current()->handles.erase(handle) ? 0 : -1; },
-    };
+    // Stays: the one allocator of the process may close the device after the last test.
+    static const IonFunctions& functions() {
+        static const IonFunctions table = {
+            .ion_open =
+                [] {
+                    if (fails("open")) return -1;
+                    ++current()->opened;
+                    return ::open("/dev/null", O_RDWR | O_CLOEXEC);
+                },
+            .ion_close =
+                [](int fd) {
+                    if (current() != nullptr) --current()->opened;  // else the process ends
+                    return ::close(fd);
+                },
+            .ion_alloc_only = &allocOnly,
+            .ion_share =
+                [](int, int, int* shareFd) {
+                    *shareFd = fails("mmap") ? ::open("/dev/null", O_WRONLY) : makeFd("made");
+                    return fails("share") ? ::close(*shareFd) - 1 : 0;
+                },
+            .ion_import = [](int, int, int* handle) { return fails("import") ? -1 : add(handle); },
+            .ion_get_info =
+                [](int, int, unsigned int*, unsigned int*, unsigned long* size) {
+                    *size = fails("mmap") ? 0 : kSize;
+                    return fails("get_info") ? -1 : 0;
+                },
+            .ion_free = [](int, int handle) { return current()->handles.erase(handle) ? 0 : -1; },
+        };
+        return table;
+    }
 };
 
 }  // namespace kelm

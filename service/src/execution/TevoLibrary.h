@@ -41,6 +41,7 @@ struct TevoUnavailable<int (*)(Args...)> {
 
 // The functions of the accelerator library, found at run time; as made, those of no library.
 struct TevoFunctions {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): the name of a member takes none
 #define KELM_TEVO_MEMBER(name) decltype(&::name) name = &TevoUnavailable<decltype(&::name)>::call;
     KELM_TEVO_FUNCTIONS(KELM_TEVO_MEMBER)
 #undef KELM_TEVO_MEMBER
