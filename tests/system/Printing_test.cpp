@@ -47,20 +47,6 @@ class PrintingTest : public SystemFixture {
     bool isInLog(const std::string& pattern) const {
         return std::regex_search(service().log(), std::regex(pattern));
     }
-    const ServiceProcess& service() const {
-        return const_cast<PrintingTest*>(this)->SystemFixture::service();
-    }
-
-    // Seconds of processor time that the service has taken.
-    double processorTime() const {
-        std::ifstream file("/proc/" + std::to_string(service().pid()) + "/stat");
-        std::string text;
-        std::getline(file, text);
-        std::istringstream fields(text.substr(text.rfind(')') + 1));
-        std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
-        return (std::stod(values.at(11)) + std::stod(values.at(12))) /
-               static_cast<double>(::sysconf(_SC_CLK_TCK));
-    }
 };
 
 TEST_F(PrintingTest, PartOfThePrintoutIsMissingOrWrong) {

@@ -5,7 +5,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,6 +58,7 @@ class SystemFixture : public ::testing::Test {
     }
 
     ServiceProcess& service() { return *m_service; }
+    const ServiceProcess& service() const { return *m_service; }
     std::string path() const { return m_service->socketPath(); }
 
     // Without the file to which each thread adds its name as it starts.
@@ -79,6 +82,17 @@ class SystemFixture : public ::testing::Test {
         size_t pages = 0;
         file >> total >> pages;
         return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    }
+
+    // Seconds of processor time that the service has taken.
+    double processorTime() const {
+        std::ifstream file(process("stat"));
+        std::string text;
+        std::getline(file, text);
+        std::istringstream fields(text.substr(text.rfind(')') + 1));
+        const std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
+        return (std::stod(values.at(11)) + std::stod(values.at(12))) /
+               static_cast<double>(::sysconf(_SC_CLK_TCK));
     }
 
     // Whether a client gets all that it asks for: a whole life on a connection of its own.
