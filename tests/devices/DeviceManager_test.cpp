@@ -250,6 +250,25 @@ TEST_F(DeviceManagerTest, FloodOfResetsOfABusyDeviceIsRefusedAndBlocksNobody) {
     EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kResets; }));
 }
 
+TEST_F(DeviceManagerTest, DeviceThatNeverAnswersHoldsUpTheEndOfTheOthers) {
+    const auto manager = makeManager({"a", "b"});
+    RemovalRelay relay(*manager);
+    ScopedPort<WorkerRemovalListener> port(relay);
+    uint32_t idOfA = 0;
+    while (!manager->hasDevice(idOfA)) ++idOfA;
+    m_devices["a"].block(DeviceCall::Reset);
+    for (int reset = 0; reset < 300; ++reset) {
+        manager->enqueueResetDevice(1, idOfA, 5, nullptr);
+    }
+    ASSERT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Reset) == 1; }));
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "a"));
+    EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "b"));
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "b"));
+    EXPECT_TRUE(hasOpened("b", 2)) << "only once its old worker is gone";
+    m_devices["a"].release(DeviceCall::Reset);
+    EXPECT_TRUE(manager->stop());
+}
+
 // A device whose temperature reading takes as long as the test wants.
 class SlowThermalDevice : public ScriptedDevice {
  public:

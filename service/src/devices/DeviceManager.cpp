@@ -186,7 +186,7 @@ void DeviceManager::enqueueResetDevice(uint64_t clientId, uint32_t deviceId, int
     });
 }
 
-// On the pool, as the deletion of workers is: the worker that is found stays for the call.
+// On the pool, as the taking of removed workers is: the worker that is found stays for the call.
 void DeviceManager::resetDevice(uint32_t deviceId, int socket, void* userParam) {
     if (WorkThread* const worker = findWorker(deviceId)) {
         return worker->enqueueResetDevice(socket, userParam);

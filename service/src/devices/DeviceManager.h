@@ -33,8 +33,9 @@ struct KelmStatus;
 // strips it, after which it is deleted here.
 //
 // Threads: any. The events of one device are handled on one thread, in their order; idle devices
-// are read on another. Resets and deletions of workers run on the own pool, so that a worker found
-// there stays while it is used. Reports wait for no device; once it stops there is none to tell of.
+// are read on another. Resets are passed on, and removed workers taken, on the own pool, so that a
+// worker found there stays while it is used; a worker is deleted on a thread of its own, since its
+// device may never answer. Reports wait for no device; once it stops there is none to tell of.
 // Owns: schedulers and workers.
 // Locks: m_mutex, then a scheduler's inbox or a worker's lock. Never held across a device call, a
 // deletion or a post.
@@ -124,6 +125,9 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     void removeResetWorker(const std::string& name) EXCLUDES(m_mutex);
     void removeWorkerDone(WorkThread* worker) EXCLUDES(m_mutex);
     std::unique_ptr<WorkThread> takeRemovedWorker(WorkThread* worker) EXCLUDES(m_mutex);
+    void deleteWorker(std::unique_ptr<WorkThread> worker, const std::string& device)
+        EXCLUDES(m_mutex);
+    void endLeaving(const std::string& device) EXCLUDES(m_mutex);
 
     // Plug events.
     bool enqueuePlugEvent(int subclass, const std::string& name, PlugEvent event) EXCLUDES(m_mutex);

@@ -116,7 +116,23 @@ void DeviceManager::removeWorkerDone(WorkThread* worker) {
     if (!removed) return;
     LOG_INFO("Old worker(%s) is removed", removed->getName());
     const std::string device = removed->getDevice()->getName();
-    removed.reset();
+    // On a thread of its own: a device that never answers must not hold up the end of the others.
+    const bool started = startThread([this, device, removed = std::move(removed)]() mutable {
+        deleteWorker(std::move(removed), device);
+    });
+    if (!started) endLeaving(device);  // the worker went with the closure
+}
+
+void DeviceManager::deleteWorker(std::unique_ptr<WorkThread> worker, const std::string& device) {
+    {
+        MutexLock lock(m_mutex);
+        while (m_thermalWorker == worker.get()) m_changed.wait(m_mutex);
+    }
+    worker.reset();
+    endLeaving(device);
+}
+
+void DeviceManager::endLeaving(const std::string& device) {
     MutexLock lock(m_mutex);
     m_leavingDevices.erase(m_leavingDevices.find(device));
     m_changed.notifyAll();
@@ -124,7 +140,6 @@ void DeviceManager::removeWorkerDone(WorkThread* worker) {
 
 std::unique_ptr<WorkThread> DeviceManager::takeRemovedWorker(WorkThread* worker) {
     MutexLock lock(m_mutex);
-    while (m_thermalWorker == worker) m_changed.wait(m_mutex);
     const auto found = m_removingWorkers.find(worker);
     if (found == m_removingWorkers.end()) return nullptr;
     std::unique_ptr<WorkThread> taken = std::move(found->second);

@@ -23,6 +23,13 @@ constexpr uint64_t kPoolLimit = 100;
 constexpr std::chrono::seconds kResetLimit{3};
 // The device's queues take what is in flight and a little more, so that they never hold up a feed.
 constexpr unsigned int kSpareFifoPlaces = 2;
+// A device that never answers a reset must not block who asks for the next.
+constexpr int kMaxWaitingResets = 20;
+
+void answerReset(int result, int socket, void* userParam) {
+    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(
+        static_cast<KelmError>(result), socket, userParam);
+}
 
 }  // namespace
 
@@ -256,7 +263,15 @@ void WorkThread::notifyLoadGraphError(SlaveWorker* slaveWorker) {
 }
 
 void WorkThread::enqueueResetDevice(int socket, void* userParam) {
-    m_pool.post([this, socket, userParam] { resetDevice(socket, userParam); });
+    if (m_waitingResets.fetch_add(1) >= kMaxWaitingResets) {
+        m_waitingResets.fetch_sub(1);
+        LOG_ERROR("Error: too many resets of device(%s) are waiting", m_deviceName);
+        return answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
+    }
+    m_pool.postNotice([this, socket, userParam] {
+        resetDevice(socket, userParam);
+        m_waitingResets.fetch_sub(1);
+    });
 }
 
 // The mutex is free meanwhile. The device stays for as long as the pool's jobs.
@@ -265,8 +280,7 @@ void WorkThread::resetDevice(int socket, void* userParam) {
     setResetting(true);
     if (m_device != nullptr) result = m_device->resetDevice();
     setResetting(false);
-    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(
-        static_cast<KelmError>(result), socket, userParam);
+    answerReset(result, socket, userParam);
 }
 
 void WorkThread::setResetting(bool resetting) {

@@ -67,7 +67,8 @@ class WorkThread : public NonCopyable {
     // Futures of a KelmError.
     std::shared_future<int> enqueueLoadGraph(KelmGraph* graph) EXCLUDES(m_mutex);
     std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_mutex);
-    // `userParam` is the request message, answered through the result sink.
+    // `userParam` is the request message, answered through the result sink. Refused while many
+    // wait.
     void enqueueResetDevice(int socket, void* userParam);
     // The slave worker's load failed: frees its slot.
     void enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker);
@@ -103,6 +104,9 @@ class WorkThread : public NonCopyable {
     std::unique_ptr<KelmDeviceBase> m_device;  // fixed after construction
     // Atomic: set by the device manager after the scheduler may already know the worker.
     std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
+
+    // Atomic: a count of its own, of resets that wait or are under way.
+    std::atomic<int> m_waitingResets{0};
 
     Mutex m_mutex;
     CondVar m_resetDone;
