@@ -192,6 +192,43 @@ TEST_F(ReservedDevicesTest, DevicesAreLostToATagThatIsTakenAndGivenBack) {
     }
 }
 
+// Asks for a graph and hangs up without reading the answer.
+void askAndVanish(const std::string& path, const GraphWish& wish) {
+    RawClient client(path);
+    auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    request.clientId = client.registerClient("vanishing");
+    wish.name.copy(request.graphName, sizeof(request.graphName) - 1);
+    wish.tag.copy(request.graphTag, sizeof(request.graphTag) - 1);
+    wish.stream.copy(request.streamId, sizeof(request.streamId) - 1);
+    request.head.base.dataNum = 1;
+    request.head.base.dataSize[0] = wish.name.size();
+    EXPECT_TRUE(client.send(request, {}, wish.name));
+}
+
+TEST_F(ReservedDevicesTest, DevicesAreLostToClientsThatVanish) {
+    constexpr int kRounds = 60;
+    startReserved(5, "1");
+    const GraphWish wishes[] = {{"a", "one"}, {"b", "two"}, {"c", "", "camera"}, {"d"},
+                                {"e", "one"}, {"f", "two"}, {"g", "", "other"},  {"h"}};
+    for (int i = 0; i < kRounds; ++i) {
+        std::vector<std::future<void>> ends;
+        for (const GraphWish& wish : wishes) {
+            ends.push_back(std::async(std::launch::async, askAndVanish, path(), wish));
+        }
+        for (auto& end : ends) end.get();
+    }
+    std::vector<User> users;
+    for (int i = 0; i < 4; ++i) {
+        users.emplace_back(path(), "late");
+        const GraphWish& wish = wishes[i];
+        ASSERT_TRUE(eventually([&] { return users.back().create(wish) == KELM_OK; })) << i;
+        EXPECT_EQ(users.back().infer(5), 5);
+    }
+    const Placements expected{"tag(one) a", "tag(two) b", "tag(two) b", "stream(camera) c",
+                              "squeeze() d"};
+    EXPECT_TRUE(eventually([&] { return placements(devices()) == expected; })) << lastLines();
+}
+
 TEST_F(ReservedDevicesTest, GraphWithoutClaimTakesAReservedDevice) {
     startReserved(3, "0");
     User user(path(), "user");

@@ -146,8 +146,9 @@ TEST_F(StatusTest, BitBringsTheWrongPart) {
     Peer busy(path(), "busy");
     Peer idle(path(), "idle");
     Peer asking(path(), "asking");
-    const std::set<std::string> graphs{"graph of busy", "graph of idle", "graph of asking"};
-    ASSERT_NE(asking.graph, 0U);
+    ASSERT_NE(asking.raw.createGraph(asking.id, "another", "blob"), 0U);  // more than clients
+    const std::set<std::string> graphs{"graph of busy", "graph of idle", "graph of asking",
+                                       "another"};
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(infers(busy.raw, busy.id, busy.graph));
     for (uint64_t type = 1; type < 32; ++type) {
         SCOPED_TRACE(type);
@@ -262,6 +263,19 @@ TEST_F(StatusTest, QueriesAreLostDoubledOrStandInTheWay) {
     reader.join();
     sender.join();
     EXPECT_EQ(answered.size(), kQueries);
+}
+
+TEST_F(StatusTest, UnreadAnswersKeepTheServiceFromEnding) {
+    constexpr int kQueries = 3000;
+    start(0);
+    Peer peer(path(), "peer");
+    std::atomic<int> sent{0};
+    std::thread sender([&] {
+        while (sent < kQueries && peer.raw.send(query(peer.id, 31))) ++sent;
+    });
+    EXPECT_TRUE(eventually([&] { return sent > kQueries / 2; }));
+    endService();
+    sender.join();
 }
 
 TEST_F(StatusTest, LibraryAsksForTheWrongPart) {
