@@ -9,8 +9,10 @@ TextTable::TextTable(size_t labelWidth, size_t cellWidth, Labels labels)
 
 void TextTable::row(const std::string& label, const std::vector<std::string>& cells) {
     if (m_labels == Labels::InColumn) {
-        m_text += "| " + alignLeft(label, m_labelWidth) + " |";
-        for (const std::string& cell : cells) m_text += " " + alignLeft(cell, m_cellWidth) + " |";
+        m_text.append("| ").append(alignLeft(label, m_labelWidth)).append(" |");
+        for (const std::string& cell : cells) {
+            m_text.append(" ").append(alignLeft(cell, m_cellWidth)).append(" |");
+        }
     } else {
         m_text += "|";
         for (const std::string& cell : cells) {
