@@ -29,6 +29,7 @@ class AcceleratorFixture : public SystemFixture {
         fs::create_symlink(KELM_SIMULATOR_DIR "/autoboot",
                            m_files.path() + "/install/bin/autoboot");
         ::setenv("KELM_TEST_DAEMON", KELM_DAEMON, 1);
+        ::setenv("KELM_TEST_CTL", KELM_CTL, 1);
         // The first line says what the graph is, the rest makes another one of it.
         m_files.write("first.graph", "KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst");
         m_files.write("second.graph", "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond");
@@ -44,13 +45,15 @@ class AcceleratorFixture : public SystemFixture {
 
     simulator::SimulatedHost& host() { return m_host; }
     void plug(const std::string& device) { m_host.plug(device); }
+    // Where a service that is started from here on looks for the two libraries.
+    void useLibraries(const std::string& directory) { m_libraries = directory; }
 
     // `sections` are members of the configuration, `environment` is of the form NAME=value.
     void startService(const std::string& sections = "", std::vector<std::string> environment = {}) {
         m_files.write("install/config/kelm_service.config",
                       R"({"security_settings": {"user_group": ""})" +
                           (sections.empty() ? "" : ", " + sections) + "}");
-        for (const std::string& setting : m_host.environment(KELM_SIMULATOR_DIR)) {
+        for (const std::string& setting : m_host.environment(m_libraries)) {
             environment.push_back(setting);
         }
         environment.push_back("KELM_INSTALL_DIR=" + m_files.path() + "/install");
@@ -83,9 +86,12 @@ class AcceleratorFixture : public SystemFixture {
         };
         return waitWithEvents(ended, std::chrono::seconds(60)) ? load.get() : "no end of the load";
     }
-    // Whether the line is told, now or in time.
-    bool waitEvent(const std::string& line) {
-        return waitWithEvents([&] { return std::ranges::count(m_events, line) > 0; });
+    // Whether the line is told so often, now or in time.
+    bool waitEvent(const std::string& line, size_t count = 1) {
+        return waitWithEvents([&] { return eventCount(line) >= count; });
+    }
+    size_t eventCount(const std::string& line) const {
+        return static_cast<size_t>(std::ranges::count(m_events, line));
     }
     // Whether the words come so often in the service's log.
     bool waitLogCount(const std::string& words, size_t count) {
@@ -110,6 +116,7 @@ class AcceleratorFixture : public SystemFixture {
     }
 
     TempDir m_files;
+    std::string m_libraries = KELM_SIMULATOR_DIR;
     simulator::SimulatedHost m_host{m_files.path() + "/sim"};
     std::vector<std::string> m_events;
 };

@@ -30,7 +30,7 @@ std::string LoadClient::setUp() {
     m_id = m_raw.registerClient(m_plan.name.c_str(), m_plan.apiMajorVersion);
     if (m_id == 0) return kLost;
     for (const std::string& graph : m_plan.graphs) {
-        m_graphIds.push_back(m_raw.createGraph(m_id, graph.c_str(), graph));
+        m_graphIds.push_back(createGraph(graph));
         if (m_graphIds.back() == 0) return kLost;
     }
     return {};
@@ -44,8 +44,8 @@ bool LoadClient::submit() {
     m_exchanges.emplace_back();
     ++m_inFlight;
     const uint64_t sequence = m_exchanges.size();
-    return m_raw.send(
-        RawClient::inferRequest(m_id, m_graphIds[sequence % m_graphIds.size()], sequence));
+    const size_t graph = sequence % m_graphIds.size();
+    return send(RawClient::inferRequest(m_id, m_graphIds[graph], sequence), graph);
 }
 
 LoadClient::Exchange* LoadClient::find(uint64_t sequence) {
@@ -92,7 +92,8 @@ std::string LoadClient::takeDone(const Done& message, uint64_t sequence, int32_t
     if (exchange->done) return wrong("second done message", sequence);
     if (message.taskId != exchange->taskId) return wrong("done message of another task", sequence);
     if (message.taskCookie0 != sequence) return wrong("done message, other cookie", sequence);
-    if (status != KELM_OK) return wrong("task failed", sequence);
+    if (status != KELM_OK) return wrong(("status " + std::to_string(status)).c_str(), sequence);
+    if (std::string failure = checkResult(sequence); !failure.empty()) return failure;
     exchange->done = true;
     --m_inFlight;
     ++m_board.done;

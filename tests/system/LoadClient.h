@@ -29,12 +29,27 @@ class LoadClient {
  public:
     LoadClient(const std::string& path, LoadPlan plan, LoadBoard& board)
         : m_plan(std::move(plan)), m_board(board), m_raw(path) {}
+    virtual ~LoadClient() = default;
 
     // Empty, or the first thing that was wrong.
     std::string run();
 
     // What run() tells when the service has gone.
     static constexpr const char* kLost = "the connection ended";
+
+ protected:
+    // The id of the graph, or 0.
+    virtual uint64_t createGraph(const std::string& graph) {
+        return m_raw.createGraph(m_id, graph.c_str(), graph);
+    }
+    // Submits a task on the graph with the index.
+    virtual bool send(KelmMsgReqInferTask request, size_t) { return m_raw.send(request); }
+    // What is wrong with the result of a task that has ended well, or nothing.
+    virtual std::string checkResult(uint64_t) { return {}; }
+
+    RawClient& raw() { return m_raw; }
+    uint64_t id() const { return m_id; }
+    const LoadPlan& plan() const { return m_plan; }
 
  private:
     struct Exchange {

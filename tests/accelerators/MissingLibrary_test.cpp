@@ -1,0 +1,118 @@
+#include "accelerators/AcceleratorFixture.h"
+#include "accelerators/TaskClient.h"
+
+namespace kelm {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The service with libraries of the test's choice instead of all simulated ones.
+class MissingLibraryTest : public AcceleratorFixture {
+ protected:
+    // Each library by its name, and the simulated one that stands in for it.
+    using Libraries = std::map<std::string, std::string>;
+
+    void startOn(const Libraries& libraries, const std::string& sections = "") {
+        const TempDir& directory = m_directories.emplace_back();
+        for (const auto& [name, file] : libraries) {
+            fs::create_symlink(KELM_SIMULATOR_DIR "/" + file, directory.path() + "/" + name);
+        }
+        useLibraries(directory.path());
+        startService(sections);
+    }
+    // How many error lines have the words.
+    size_t errorLines(const std::string& words) {
+        std::istringstream log(service().log());
+        size_t count = 0;
+        for (std::string line; std::getline(log, line);) {
+            const bool isError = line.find("]ERROR[") != std::string::npos;
+            if (isError && line.find(words) != std::string::npos) ++count;
+        }
+        return count;
+    }
+    // The code of the answer to a graph.
+    int32_t createGraph() {
+        RawClient client(path());
+        auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+        request.clientId = client.registerClient("client");
+        request.head.base.dataNum = 1;
+        request.head.base.dataSize[0] = 5;
+        return client
+            .call<KelmMsgRspCreateGraph>(request, KELM_MESSAGE_CREATE_GRAPH_RSP, {}, "graph")
+            .head.status;
+    }
+
+ private:
+    std::list<TempDir> m_directories;
+};
+
+TEST_F(MissingLibraryTest, ServiceDiesOfALibraryOrDoesNotNameIt) {
+    plug("1.1");
+    plug("1.2");
+    const struct {
+        const char* what;
+        Libraries libraries;
+        const char* named;
+    } rows[] = {
+        {"none", {}, "libtevo-kelm.so.0"},
+        {"other functions", {{"libtevo-kelm.so.0", "libion.so.0"}}, "has no function qx"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        startOn(row.libraries);
+        for (int i = 0; i < 2; ++i) EXPECT_LT(createGraph(), KELM_OK);
+        plug("1.3");
+        EXPECT_TRUE(waitLogCount("failed to create worker on device(1.3)", 1)) << lastLines();
+        EXPECT_TRUE(host().unplug("1.3"));
+        EXPECT_EQ(errorLines(row.named), 1U) << lastLines();
+        EXPECT_EQ(errorLines("libtevo-kelm.so.0"), 1U) << lastLines();
+        endService();
+    }
+}
+
+// What the service maps itself can then come by name only.
+TEST_F(MissingLibraryTest, MissingIonTakesMoreThanItsBuffersWithIt) {
+    plug("1.1");
+    const struct {
+        const char* what;
+        Libraries libraries;
+        const char* named;
+    } rows[] = {
+        {"none", {{"libtevo-kelm.so.0", "libtevo-kelm.so.0"}}, "libion.so.0"},
+        {"other functions",
+         {{"libtevo-kelm.so.0", "libtevo-kelm.so.0"}, {"libion.so.0", "libtevo-kelm.so.0"}},
+         "has no function ion_"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        startOn(row.libraries, R"("debug_settings": {"tensor_container": "system"})");
+        TaskClient client(path(), "KELMSIM input=64 output=64\ngraph");
+        const SharedTensor named[] = {{KELM_BUFFER_SHARE_MEMORY, 64},
+                                      {KELM_BUFFER_SHARE_MEMORY, 64}};
+        const SharedTensor descriptor(KELM_BUFFER_ION, 64);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(client.infer(descriptor, named[1]), KELM_ERROR_MAP_INPUT_FAILED);
+            EXPECT_EQ(client.infer(named[0], descriptor), KELM_ERROR_MAP_OUTPUT_FAILED);
+            EXPECT_EQ(client.infer(named[0], named[1], &descriptor, 1), KELM_ERROR_MAP_AUX_FAILED);
+            EXPECT_EQ(client.infer(named[0], named[1]), KELM_OK);
+        }
+        EXPECT_EQ(errorLines(row.named), 1U) << lastLines();
+        endService();
+
+        startOn(row.libraries);  // where nothing of a descriptor is mapped
+        EXPECT_EQ(
+            TaskClient(path(), "KELMSIM input=64 output=64\ngraph").infer(descriptor, descriptor),
+            KELM_OK);
+        EXPECT_EQ(errorLines(row.named), 0U) << lastLines();
+        endService();
+    }
+}
+
+TEST_F(MissingLibraryTest, SimulatedDevicesNeedALibrary) {
+    startOn({}, R"("fake_device_settings": {"enable_fake_device": true})");
+    EXPECT_TRUE(serves());
+    EXPECT_EQ(errorLines(".so"), 0U) << lastLines();
+}
+
+}  // namespace
+}  // namespace kelm

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "protocol/src/KelmMessage.h"
+#include "utils/NonCopyable.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm {
+
+// A tensor that the service reaches by descriptor or by name.
+class SharedTensor : public NonCopyable {
+ public:
+    SharedTensor(KelmBufferType type, size_t size) : m_type(type), m_size(size) {
+        static std::atomic<int> last{0};  // atomic: clients are threads
+        const std::string name = "/" + namePrefix() + std::to_string(++last);
+        m_fd.reset(::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600));
+        if (type == KELM_BUFFER_SHARE_MEMORY) {
+            m_name = name;
+        } else {
+            ::shm_unlink(name.c_str());
+        }
+        if (!m_fd || ::ftruncate(m_fd.get(), static_cast<off_t>(size)) != 0) {
+            throw std::runtime_error("no shared memory");
+        }
+        void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd.get(), 0);
+        if (data == MAP_FAILED) throw std::runtime_error("no mapping");
+        m_data = static_cast<uint8_t*>(data);
+    }
+    ~SharedTensor() {
+        if (m_data != nullptr) ::munmap(m_data, m_size);
+        if (!m_name.empty()) ::shm_unlink(m_name.c_str());
+    }
+
+    // Of the names that this process gives.
+    static std::string namePrefix() { return "kelm-test-" + std::to_string(::getpid()) + "-"; }
+
+    std::span<uint8_t> bytes() { return {m_data, m_size}; }
+    bool isNamed() const { return !m_name.empty(); }
+    // Whether the name still leads to it: only this object takes it away.
+    bool hasItsName() const { return ::access(("/dev/shm" + m_name).c_str(), F_OK) == 0; }
+
+    // Tells the request of it, in the buffer of the role.
+    void attach(KelmMsgReqInferTask& request, KelmFdRole role, std::vector<int>& fds) const {
+        KelmBuffer* const buffers[] = {&request.inputBuffer, &request.outputBuffer,
+                                       &request.auxBuffer};
+        KelmBuffer& buffer = *buffers[role];
+        buffer.type = m_type;
+        buffer.size = m_size;
+        m_name.copy(buffer.name, sizeof(buffer.name) - 1);
+        if (isNamed()) return;
+        request.head.base.fdType[fds.size()] = role;
+        fds.push_back(m_fd.get());
+        request.head.base.fdNum = static_cast<uint32_t>(fds.size());
+    }
+
+ private:
+    const KelmBufferType m_type;
+    const size_t m_size;
+    std::string m_name;
+    UniqueFd m_fd;
+    uint8_t* m_data = nullptr;
+};
+
+}  // namespace kelm
