@@ -5,6 +5,7 @@
 #include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
+#include "fakes/ScriptedTevo.h"
 #include "protocol/src/InfoPackage.h"
 #include "reporting/KelmStatus.h"
 
@@ -135,7 +136,32 @@ TEST_F(DeviceManagerCreatorTest, SimulatedServiceResetsAllAtOnce) {
     EXPECT_EQ(m_devices["Fake1"].count(DeviceCall::Open), 1);
     EXPECT_EQ(m_devices["Fake2"].count(DeviceCall::Open), 0);
     m_creator->enqueueResetDevice(kClient, 0, 1, 5, nullptr);
+    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == 1; }));
     EXPECT_THAT(resetErrors(), ElementsAre(KELM_OK));
+}
+
+TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsHoldsUpWhoAsksOrTheEnd) {
+    constexpr size_t kWaiting = 20;
+    const char* const function = "qxDeviceResetAll";
+    ScriptedTevo tevo;
+    start({describe("a", 0)});
+    tevo.block(function);
+    tevo.failAll(function, -3);
+    m_creator->enqueueResetDevice(kClient, 0, 1, 5, &tevo);
+    ASSERT_TRUE(eventually([&] { return tevo.count(function) == 1; }));
+    for (size_t i = 0; i < kWaiting; ++i) m_creator->enqueueResetDevice(kClient, 0, 1, 6, nullptr);
+    EXPECT_THAT(resetErrors(), IsEmpty());
+    m_creator->enqueueResetDevice(kClient, 0, 1, 7, nullptr);
+    EXPECT_THAT(resetErrors(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
+    KelmGraph* const graph = makeGraph();
+    EXPECT_TRUE(m_creator->enqueueLoadGraph(graph));
+    EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
+    EXPECT_FALSE(m_creator->stop());
+    tevo.release(function);
+    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kWaiting + 2; }));
+    EXPECT_EQ(m_results.resets()[1].error, -3);
+    EXPECT_EQ(m_results.resets()[1].userParam, &tevo);
+    EXPECT_TRUE(m_creator->stop());
 }
 
 TEST_F(DeviceManagerCreatorTest, BrokenTagMapOfOneGroupLeavesNothingRunning) {

@@ -26,6 +26,8 @@ constexpr uint64_t kPoolThreads = 3;
 constexpr uint64_t kPoolLimit = 20;
 // Answers to questions are quick: no manager that has stopped has anything to tell.
 constexpr std::chrono::seconds kPoolEndTime{3};
+// A library that never answers a reset must not block who asks for the next.
+constexpr int kMaxWaitingResets = 20;
 
 void answerReset(KelmError error, int socket, void* userParam) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
@@ -41,6 +43,7 @@ std::unique_ptr<DeviceMonitorImpl> createUsualImpl() {
 
 DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
     : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()),
+      m_resetPool("DeviceReset", 1, kMaxWaitingResets),
       m_threadPool("ThreadPool", kPoolThreads, kPoolLimit) {
     initDeviceMonitor();
     createDeviceManager();
@@ -146,10 +149,7 @@ void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t device
         LOG_ERROR("Error: invalid clientId(%lu)", clientId);
         return answerReset(KELM_ERROR_INVALID_CLIENT, socket, userParam);
     }
-    if (resetAll != 0) {
-        const auto result = static_cast<KelmError>(KelmDeviceBase::resetAllDevices());
-        return answerReset(result, socket, userParam);
-    }
+    if (resetAll != 0) return resetAllDevices(clientId, socket, userParam);
     for (const auto& [subclass, manager] : m_deviceManagers) {
         if (!manager->hasDevice(deviceId)) continue;
         return manager->enqueueResetDevice(clientId, deviceId, socket, userParam);
@@ -158,11 +158,24 @@ void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t device
     answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
 }
 
+void DeviceManagerCreator::resetAllDevices(uint64_t clientId, int socket, void* userParam) {
+    if (m_waitingResets.fetch_add(1) >= kMaxWaitingResets) {
+        m_waitingResets.fetch_sub(1);
+        LOG_ERROR("Error: too many resets of all devices are waiting, client=%lu", clientId);
+        return answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
+    }
+    m_resetPool.post([this, socket, userParam] {
+        m_waitingResets.fetch_sub(1);
+        answerReset(static_cast<KelmError>(KelmDeviceBase::resetAllDevices()), socket, userParam);
+    });
+}
+
 bool DeviceManagerCreator::stop() {
     m_deviceMonitor.stop();
     bool stopped = true;
     for (const auto& [subclass, manager] : m_deviceManagers) stopped &= manager->stop();
     stopped &= m_threadPool.waitIdleFor(kPoolEndTime);
+    stopped &= m_resetPool.waitIdleFor(kPoolEndTime);
     return stopped;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -24,7 +25,8 @@ struct KelmStatus;
 //
 // Threads: any. The construction starts all devices and blocks until they are tried; stop() is
 // called by one thread. Questions are answered on the own pool, so that who asks waits for no
-// manager; the info collector hears of each answer, whatever became of it.
+// manager; the info collector hears of each answer, whatever became of it. A reset of all devices
+// has a thread of its own, since it may never return.
 // Owns: the monitor and the managers.
 // Locks: none; the managers are fixed by the construction.
 class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
@@ -39,7 +41,7 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     // for an unload nothing follows, since the graph cannot have been loaded.
     bool enqueueLoadGraph(KelmGraph* graph);
     bool enqueueUnloadGraph(KelmGraph* graph);
-    // `userParam` is the request message, passed on to the answer.
+    // `userParam` is the request message, passed on to the answer. Never waits for a device.
     void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, uint8_t resetAll, int socket,
                             void* userParam);
     void enqueueRemoveWorkerDone(WorkThread* worker) override;
@@ -61,6 +63,7 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     void handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type);
     // Null, with nothing logged, if there is none.
     std::shared_ptr<DeviceManager> findManager(int subclass) const;
+    void resetAllDevices(uint64_t clientId, int socket, void* userParam);
     void queryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
     void queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
     void updateInfoPackage(InfoPackage* package);
@@ -70,6 +73,9 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     DeviceMonitor m_deviceMonitor;
     std::map<int, std::shared_ptr<DeviceManager>> m_deviceManagers;  // by subclass
     unsigned long m_listenerId = 0;
+    // Atomic: a count of its own, of resets of all devices that wait in the pool.
+    std::atomic<int> m_waitingResets{0};
+    ThreadPool m_resetPool;
     ThreadPool m_threadPool;  // last: its jobs use the managers
 };
 
