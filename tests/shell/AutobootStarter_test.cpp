@@ -62,7 +62,14 @@ class AutobootStarterTest : public ::testing::Test {
 };
 
 TEST_F(AutobootStarterTest, LocksOfTheOldToolPassForThoseOfTheNewOne) {
-    SubProcess old({tool("", "")});
+    // Its ready lock outlives its alive lock for a while.
+    SubProcess old({script("old",
+                           "echo $$ >> calls\n"
+                           "exec 8>>kelm_autoboot_alive.mutex; flock 8\n"
+                           "exec 9>>kelm_autoboot_ready.mutex; flock 9\n"
+                           "( exec 8>&-; exec sleep 1.5 ) &\n"
+                           "echo $$ >> readies\nexec sleep 60\n")});
+    tool("", "");
     ASSERT_TRUE(old.execute(false));
     ASSERT_TRUE(eventually([this] { return lines("readies").size() == 1; }));
     EXPECT_TRUE(m_starter.launch({"one", "two"}));

@@ -27,6 +27,8 @@ constexpr long kTimeToEndMillisec = 3000;
 // Whether nobody else holds the lock at the moment.
 bool isFree(GlobalMutex& mutex) { return mutex.trylock() && mutex.unlock(); }
 
+bool comesFree(GlobalMutex& mutex) { return mutex.lock(kTimeToEndMillisec) && mutex.unlock(); }
+
 std::string getInstallDir() {
     std::string directory = CommonHelper::getKelmInstallDir();
     if (directory.empty()) LOG_ERROR("Error: Need specify KELM_INSTALL_DIR.");
@@ -76,7 +78,8 @@ int AutobootStarter::checkAndStartService() {
 }
 
 int AutobootStarter::startService() {
-    if (!m_aliveMutex.isOpen()) return kFailure;  // nothing can be told about a running tool
+    // Without its locks nothing can be told about a tool.
+    if (!m_aliveMutex.isOpen() || !m_readyMutex.isOpen()) return kFailure;
     if (isFree(m_aliveMutex)) {
         LOG_INFO("Info: No running autoboot process. Start autoboot daemon...");
     } else if (stopRunningService() < 0) {
@@ -87,10 +90,11 @@ int AutobootStarter::startService() {
     return kFailure;
 }
 
-// Returns once it has gone: the ready lock that it holds must not pass for the new one's.
+// Returns once it has gone with both locks, which it lets go of one after the other: its ready lock
+// must not pass for the new one's.
 int AutobootStarter::stopRunningService() {
     ProcessHelper::killProcessByName(kToolName);
-    if (m_aliveMutex.lock(kTimeToEndMillisec) && m_aliveMutex.unlock()) return 0;
+    if (comesFree(m_aliveMutex) && comesFree(m_readyMutex)) return 0;
     LOG_ERROR("Error: the running autoboot process does not end.");
     return kFailure;
 }
