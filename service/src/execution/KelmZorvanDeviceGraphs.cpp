@@ -9,7 +9,6 @@ namespace kelm {
 
 namespace {
 
-constexpr int kOutOfMemory = -3;
 constexpr int kGraphExecutors = 2;
 // A graph takes a little more than its blob.
 constexpr double kMemoryMargin = 1.25;
@@ -23,7 +22,7 @@ unsigned int withMargin(uint32_t megabytes) {
 // One end of a graph: what to ask of it, and the words for its failures.
 struct GraphEnd {
     int countOption;
-    const char* countFailure;  // with device, status and count
+    void (*logCountFailure)(const std::string& device, int rc, int count);
     const char* memoryFailure;
     int descriptorsOption;
     const char* descriptorsFailure;
@@ -34,7 +33,12 @@ struct GraphEnd {
 
 constexpr GraphEnd kInput = {
     QX_RO_GRAPH_INPUT_COUNT,
-    "Error: qxGraphGetOption(QX_RO_GRAPH_INPUT_COUNT) failed, device=%s rc=%d inputCount=%d",
+    [](const std::string& device, int rc, int count) {
+        LOG_ERROR(
+            "Error: qxGraphGetOption(QX_RO_GRAPH_INPUT_COUNT) failed, device=%s rc=%d "
+            "inputCount=%d",
+            device, rc, count);
+    },
     "Error: calloc %d input tensor descriptors failed.",
     QX_RO_GRAPH_INPUT_TENSOR_DESCRIPTORS,
     "Error: qxGraphGetOption(QX_RO_GRAPH_INPUT_TENSOR_DESCRIPTORS) failed, device=%s rc=%d",
@@ -44,7 +48,10 @@ constexpr GraphEnd kInput = {
 
 constexpr GraphEnd kOutput = {
     QX_RO_GRAPH_OUTPUT_COUNT,
-    "Error: qxGraphGetOption(QX_RO_GRAPH_OUTPUT_COUNT) failed, device=%s rc=%d outputCount=%d",
+    [](const std::string& device, int rc, int /*count*/) {
+        LOG_ERROR("Error: qxGraphGetOption(QX_RO_GRAPH_OUTPUT_COUNT) failed, device=%s rc=%d",
+                  device, rc);
+    },
     "Error: calloc %d output tensor descriptors failed.",
     QX_RO_GRAPH_OUTPUT_TENSOR_DESCRIPTORS,
     "Error: qxGraphGetOption(QX_RO_GRAPH_OUTPUT_TENSOR_DESCRIPTORS) failed, device=%s rc=%d",
@@ -149,7 +156,7 @@ int KelmZorvanDevice::readDescriptors(qxGraphHandle_t* graphHandle, TensorDescri
     }
     if (!tensors.list) {  // the service's own trouble: no reason to reset the device
         LOG_ERROR(tensors.end.memoryFailure, tensors.count);
-        return kOutOfMemory;
+        return kTevoOutOfMemory;
     }
     auto length = static_cast<unsigned int>(bytes);
     const auto read = [&] {
@@ -166,7 +173,7 @@ int KelmZorvanDevice::readTensorCount(qxGraphHandle_t* graphHandle, TensorDescri
                                        &length);
     });
     if (rc == KELM_OK && tensors.count >= 1) return KELM_OK;
-    LOG_ERROR(tensors.end.countFailure, getName(), rc, tensors.count);
+    tensors.end.logCountFailure(getName(), rc, tensors.count);
     const int error = rc != KELM_OK ? rc : KELM_ERROR_INVALID_PARAM;
     hardwareResetDevice(error);
     return error;

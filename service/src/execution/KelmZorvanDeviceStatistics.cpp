@@ -17,7 +17,6 @@ constexpr uint32_t kAuxThermalStats = 2;
 constexpr uint32_t kAuxDebugInfo = 4;
 // Marks an auxiliary buffer that could not be filled.
 constexpr int kAuxUnusable = 0xA5;
-constexpr int kOutOfMemory = -3;
 // Shorter arrays have no last step.
 constexpr unsigned int kTwoTimes = 2 * sizeof(float);
 
@@ -98,7 +97,7 @@ int KelmZorvanDevice::copyTimeTaken(qxGraphHandle_t* graphHandle, KelmBuffer& bu
                                     uint64_t& used) {
     UniqueMalloc<char> data;
     unsigned int length = 0;
-    if (const int rc = readTimeTaken(graphHandle, data, length, kOutOfMemory)) {
+    if (const int rc = readTimeTaken(graphHandle, data, length, kTevoOutOfMemory)) {
         // There is an array once its size was known.
         if (data) std::memset(dataOf(buffer), kAuxUnusable, buffer.size);
         return rc;

@@ -51,6 +51,8 @@ enum QxGraphInfo : int {
 };
 
 constexpr unsigned int kThermalStatsSize = 100;
+// The status for memory that cannot be had, the library's or the service's own.
+constexpr int kTevoOutOfMemory = -3;
 
 }  // namespace kelm
 
