@@ -6,6 +6,8 @@ namespace kelm {
 
 // A shared library that is loaded by its name while the program runs, so that the program starts on
 // a machine without it. It is never unloaded: a thread may be inside of it until the process ends.
+//
+// Threads: any.
 class DynamicLibrary {
  public:
     // A function to find, and the function pointer that takes its address.

@@ -37,7 +37,8 @@ enum KelmGraphInfo : int {
 //
 // Threads: a slave worker's two threads run tensors and results at once, graph operations on one of
 // them; any thread reads the statistics. Int results are KelmError or library statuses, 0 is good.
-// Locks: m_deviceMutex, then m_graphInfoMutex, then a counter's.
+// Owns: nothing but its counters. Borrows the parent, and a graph until it is taken off or
+// forgotten. Locks: m_deviceMutex, then m_graphInfoMutex, then a counter's.
 class KelmDeviceBase : public NonCopyable {
  public:
     using TimePoint = std::chrono::system_clock::time_point;

@@ -11,6 +11,7 @@ namespace kelm {
 //
 // Threads: any; the supervising thread is detached and shares the state, not this object.
 // Owns: the child, which the destructor asks to end.
+// Locks: the state's mutex, held while a child is started but not while one is waited for.
 class SubProcess {
  public:
     // The first argument is the program's path.
