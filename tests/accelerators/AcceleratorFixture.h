@@ -47,6 +47,7 @@ class AcceleratorFixture : public SystemFixture {
     void plug(const std::string& device) { m_host.plug(device); }
     // Where a service that is started from here on looks for the two libraries.
     void useLibraries(const std::string& directory) { m_libraries = directory; }
+    void preload(const std::string& library) { m_preloaded = ":" + library; }
 
     // `sections` are members of the configuration, `environment` is of the form NAME=value.
     void startService(const std::string& sections = "", std::vector<std::string> environment = {}) {
@@ -54,7 +55,8 @@ class AcceleratorFixture : public SystemFixture {
                       R"({"security_settings": {"user_group": ""})" +
                           (sections.empty() ? "" : ", " + sections) + "}");
         for (const std::string& setting : m_host.environment(m_libraries)) {
-            environment.push_back(setting);
+            const bool preloads = setting.starts_with("LD_PRELOAD=");
+            environment.push_back(preloads ? setting + m_preloaded : setting);
         }
         environment.push_back("KELM_INSTALL_DIR=" + m_files.path() + "/install");
         environment.push_back("PATH=" + m_files.path() + "/path:/usr/bin:/bin");
@@ -117,6 +119,7 @@ class AcceleratorFixture : public SystemFixture {
 
     TempDir m_files;
     std::string m_libraries = KELM_SIMULATOR_DIR;
+    std::string m_preloaded;
     simulator::SimulatedHost m_host{m_files.path() + "/sim"};
     std::vector<std::string> m_events;
 };

@@ -1,3 +1,7 @@
+#include <list>
+#include <map>
+#include <sstream>
+
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
 

@@ -16,8 +16,15 @@ constexpr uint8_t kPoison = 0xa5;
 }  // namespace
 
 TensorClient::TensorClient(const std::string& path, const LoadPlan& plan, LoadBoard& board,
-                           GraphPlace place)
-    : LoadClient(path, plan, board), m_place(std::move(place)) {}
+                           const TensorPlan& tensors)
+    : LoadClient(path, plan, board), m_tensors(tensors) {}
+
+KelmBufferType TensorClient::typeOf(uint64_t slot) const {
+    const bool byName = m_tensors.types == TensorTypes::kMixed
+                            ? slot % 2 != 0
+                            : m_tensors.types == TensorTypes::kNames;
+    return byName ? KELM_BUFFER_SHARE_MEMORY : KELM_BUFFER_ION;
+}
 
 uint64_t TensorClient::createGraph(const std::string& graph) {
     const auto model =
@@ -25,15 +32,15 @@ uint64_t TensorClient::createGraph(const std::string& graph) {
     Graph& added = m_graphs.emplace_back();
     added.model = model.value();
     for (uint64_t i = 0; i < plan().depth; ++i) {
-        const auto type = i % 2 == 0 ? KELM_BUFFER_ION : KELM_BUFFER_SHARE_MEMORY;
+        const KelmBufferType type = typeOf(i);
         added.free.push_back({std::make_unique<SharedTensor>(type, added.model.inputSize),
                               std::make_unique<SharedTensor>(type, added.model.outputSize)});
     }
     auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
     request.clientId = id();
-    request.subclass = m_place.subclass;
+    request.subclass = m_tensors.subclass;
     plan().name.copy(request.graphName, sizeof(request.graphName) - 1);
-    m_place.streamId.copy(request.streamId, sizeof(request.streamId) - 1);
+    m_tensors.streamId.copy(request.streamId, sizeof(request.streamId) - 1);
     request.head.base.dataNum = 1;
     request.head.base.dataSize[0] = graph.size();
     if (!raw().send(request, {}, graph)) return 0;
@@ -65,8 +72,8 @@ std::string TensorClient::checkResult(uint64_t sequence) {
     return {};
 }
 
-TensorLoad::TensorLoad(const std::string& path, const LoadPlan& plan, GraphPlace place)
-    : m_client(std::make_unique<TensorClient>(path, plan, m_board, std::move(place))),
+TensorLoad::TensorLoad(const std::string& path, const LoadPlan& plan, const TensorPlan& tensors)
+    : m_client(std::make_unique<TensorClient>(path, plan, m_board, tensors)),
       m_end(std::async(std::launch::async, [this] { return m_client->run(); })) {}
 
 TensorLoad::~TensorLoad() {

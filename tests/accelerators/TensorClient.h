@@ -13,17 +13,20 @@
 
 namespace kelm {
 
-// Which devices a client's graphs ask for.
-struct GraphPlace {
+enum class TensorTypes { kMixed, kDescriptors, kNames };
+
+// Which devices a client's graphs ask for, and how its tensors reach the service.
+struct TensorPlan {
     int32_t subclass = 0;
     std::string streamId;
+    TensorTypes types = TensorTypes::kMixed;
 };
 
-// A load client whose tasks have tensors, by descriptor and by name in turn, and that computes what
-// each result must be.
+// A load client whose tasks have tensors, and that computes what each result must be.
 class TensorClient : public LoadClient {
  public:
-    TensorClient(const std::string& path, const LoadPlan& plan, LoadBoard& board, GraphPlace place);
+    TensorClient(const std::string& path, const LoadPlan& plan, LoadBoard& board,
+                 const TensorPlan& tensors);
 
     // Ends run(), at the latest with what it waits for.
     void hangUp() { ::shutdown(raw().fd(), SHUT_RDWR); }
@@ -47,7 +50,9 @@ class TensorClient : public LoadClient {
         Slot slot;
     };
 
-    const GraphPlace m_place;
+    KelmBufferType typeOf(uint64_t slot) const;
+
+    const TensorPlan m_tensors;
     std::minstd_rand m_random;
     std::vector<Graph> m_graphs;
     std::map<uint64_t, Running> m_running;  // by reqSeqNo
@@ -56,7 +61,7 @@ class TensorClient : public LoadClient {
 // A TensorClient on a thread of its own, from the start on.
 class TensorLoad {
  public:
-    TensorLoad(const std::string& path, const LoadPlan& plan, GraphPlace place = {});
+    TensorLoad(const std::string& path, const LoadPlan& plan, const TensorPlan& tensors = {});
     ~TensorLoad();  // hangs up
 
     uint64_t done() const { return m_board.done; }

@@ -1,0 +1,140 @@
+// Counts calls of the program that preloads it; see CallCounts.h. The accelerator library is told
+// apart by wrapping its functions as they are looked up.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "accelerators/preload/CallCounts.h"
+#include "execution/TevoLibrary.h"
+
+using kelm::CallCounts;
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+}
+
+namespace {
+
+constexpr size_t kPage = 4096;
+
+CallCounts* counts = nullptr;
+thread_local int callsOfLibrary = 0;
+
+void count(std::atomic<uint64_t> CallCounts::*what) {
+    if (counts != nullptr && callsOfLibrary == 0) (counts->*what).fetch_add(1);
+}
+
+void* mapDirectly(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
+    const long result = ::syscall(SYS_mmap, address, size, protection, flags, fd, offset);
+    return reinterpret_cast<void*>(result);
+}
+
+[[gnu::constructor]] void openCounts() {
+    const char* const path = std::getenv("KELM_CALL_COUNTS");
+    const int fd = path != nullptr ? ::open(path, O_RDWR | O_CLOEXEC) : -1;
+    if (fd < 0) return;
+    void* const memory =
+        mapDirectly(nullptr, sizeof(CallCounts), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (memory != MAP_FAILED) counts = static_cast<CallCounts*>(memory);
+}
+
+// One of the library's functions; the tag tells those of one type apart.
+template <class Tag, class Function>
+struct Wrapper;
+template <class Tag, class... Args>
+struct Wrapper<Tag, int (*)(Args...)> {
+    static inline int (*real)(Args...) = nullptr;
+
+    static int call(Args... args) {
+        ++callsOfLibrary;
+        const int status = real(args...);
+        --callsOfLibrary;
+        return status;
+    }
+    static void* around(void* function) {
+        real = reinterpret_cast<int (*)(Args...)>(function);
+        return function != nullptr ? reinterpret_cast<void*>(&call) : nullptr;
+    }
+};
+
+void* wrap(const char* name, void* found) {
+#define KELM_WRAP_ROW(function)            \
+    if (std::strcmp(name, #function) == 0) \
+        return Wrapper<struct function##Tag, decltype(&::function)>::around(found);
+    KELM_TEVO_FUNCTIONS(KELM_WRAP_ROW)
+#undef KELM_WRAP_ROW
+    return found;
+}
+
+void copyBytes(void* to, const void* from, size_t size) {
+    asm volatile("rep movsb" : "+D"(to), "+S"(from), "+c"(size) : : "memory");
+}
+
+}  // namespace
+
+extern "C" {
+
+void* dlsym(void* handle, const char* name) noexcept {
+    using Lookup = void* (*)(void*, const char*);
+    static const auto real = reinterpret_cast<Lookup>(::dlvsym(RTLD_NEXT, "dlsym", "GLIBC_2.2.5"));
+    return wrap(name, real(handle, name));
+}
+
+void* malloc(size_t size) noexcept {
+    count(&CallCounts::allocations);
+    return __libc_malloc(size);
+}
+void* calloc(size_t number, size_t size) noexcept {
+    count(&CallCounts::allocations);
+    return __libc_calloc(number, size);
+}
+void* realloc(void* memory, size_t size) noexcept {
+    count(&CallCounts::allocations);
+    return __libc_realloc(memory, size);
+}
+void* aligned_alloc(size_t alignment, size_t size) noexcept {
+    count(&CallCounts::allocations);
+    return __libc_memalign(alignment, size);
+}
+int posix_memalign(void** memory, size_t alignment, size_t size) noexcept {
+    *memory = aligned_alloc(alignment, size);
+    return *memory != nullptr ? 0 : ENOMEM;
+}
+
+void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+    count(&CallCounts::mappings);
+    return mapDirectly(address, size, protection, flags, fd, offset);
+}
+int munmap(void* address, size_t size) noexcept {
+    count(&CallCounts::mappings);
+    return static_cast<int>(::syscall(SYS_munmap, address, size));
+}
+
+void* memcpy(void* to, const void* from, size_t size) noexcept {
+    if (size >= kPage) count(&CallCounts::largeCopies);
+    copyBytes(to, from, size);
+    return to;
+}
+void* memmove(void* to, const void* from, size_t size) noexcept {
+    if (size >= kPage) count(&CallCounts::largeCopies);
+    auto* const target = static_cast<char*>(to);
+    const auto* const source = static_cast<const char*>(from);
+    if (target <= source || target >= source + size) {
+        copyBytes(to, from, size);
+    } else {
+        for (volatile char* end = target + size; size > 0;) *--end = source[--size];
+    }
+    return to;
+}
+}
