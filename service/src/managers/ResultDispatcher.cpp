@@ -12,6 +12,7 @@
 #include "records/ClientConnection.h"
 #include "records/KelmTask.h"
 #include "reporting/InfoCollector.h"
+#include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
@@ -119,6 +120,13 @@ void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr
     }
     if (socket <= 0 || isStopped()) return;  // no client and no connection: nobody to tell
     m_senderPool.post([this, socket, message = std::move(message)] {
+        // Thousands may be left for a peer that has gone, and each failed write costs an exception.
+        const auto connection = IPC::ConnectionBase::findConnection(socket);
+        if (!connection || !connection->connected()) {
+            LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s",
+                     generateMessageTag(*message), socket, "not connected");
+            return;
+        }
         const int result = kelmSendMessage(socket, message.get());
         if (result != 0) {
             LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s",
