@@ -1,7 +1,9 @@
+#include <list>
 #include <numeric>
 
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
+#include "accelerators/TensorClient.h"
 #include "tools/simulator/Model.h"
 
 namespace kelm {
@@ -38,7 +40,7 @@ Bytes expectedAux(const Model& model, uint32_t flags, size_t size, float celsius
     return all;
 }
 
-class AuxBlocksTest : public AcceleratorFixture {
+class TensorPathsTest : public AcceleratorFixture {
  protected:
     // With each set of flags and a buffer that is large enough, and such that cut each of the
     // blocks.
@@ -69,7 +71,7 @@ class AuxBlocksTest : public AcceleratorFixture {
     static constexpr float kCelsius = 61.0f;
 };
 
-TEST_F(AuxBlocksTest, BlocksHaveAnotherOrderOrCut) {
+TEST_F(TensorPathsTest, AuxiliaryBlocksHaveAnotherOrderOrCut) {
     plug("1.1");
     host().order("heat 1.1 61");
     const struct {
@@ -88,6 +90,26 @@ TEST_F(AuxBlocksTest, BlocksHaveAnotherOrderOrCut) {
             SCOPED_TRACE(container + " " + row.what);
             checkAll(row.type, row.auxType);
         }
+        endService();
+    }
+}
+
+TEST_F(TensorPathsTest, ClientsGetResultsOfOthers) {
+    for (const char* device : {"1.1", "1.2", "1.3.1"}) plug(device);
+    for (const std::string container : {"default", "system"}) {
+        SCOPED_TRACE(container);
+        startService(R"("debug_settings": {"tensor_container": ")" + container + "\"}");
+        std::list<TensorLoad> loads;
+        for (const auto types : {TensorTypes::kDescriptors, TensorTypes::kNames,
+                                 TensorTypes::kMixed, TensorTypes::kMixed}) {
+            LoadPlan plan;
+            plan.name = "client " + std::to_string(loads.size());
+            plan.graphs = {"KELMSIM input=5000 output=777 micros=900\nshared by all",
+                           "KELMSIM input=9 output=9000 micros=300\n" + plan.name};
+            loads.emplace_back(path(), plan, TensorPlan{0, "", types});
+        }
+        for (TensorLoad& load : loads) EXPECT_TRUE(load.getsOn(300)) << lastLines();
+        for (TensorLoad& load : loads) EXPECT_EQ(load.finish(), "");
         endService();
     }
 }
