@@ -1,7 +1,7 @@
 // libtevo-kelm.so.0 without accelerators: the functions of the library over simulated boards.
 
-#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -101,29 +101,19 @@ int copyGraphOption(const Model& model, int option, void* data, unsigned int* le
     }
 }
 
-// A shared buffer, mapped for the length of a call.
-class SharedBuffer : public NonCopyable {
- public:
-    explicit SharedBuffer(int fd) {
-        struct stat status {};
-        if (::fstat(fd, &status) != 0 || status.st_size <= 0) return;
-        m_size = static_cast<size_t>(status.st_size);
-        void* memory = ::mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (memory != MAP_FAILED) m_memory = memory;
-    }
-    ~SharedBuffer() {
-        if (m_memory != nullptr) ::munmap(m_memory, m_size);
-    }
+// Shared buffers are read and written by calls: their owner may shorten them meanwhile, which would
+// make a mapping deadly.
+bool holds(int fd, const unsigned int* length) {
+    struct stat status {};
+    return length != nullptr && ::fstat(fd, &status) == 0 && status.st_size > 0 &&
+           *length <= static_cast<size_t>(status.st_size);
+}
 
-    void* data() const { return m_memory; }
-    bool holds(const unsigned int* length) const {
-        return m_memory != nullptr && length != nullptr && *length <= m_size;
-    }
-
- private:
-    void* m_memory = nullptr;
-    size_t m_size = 0;
-};
+// Room for a tensor of the queue, however long the buffer is said to be.
+std::vector<uint8_t> makeRoom(const qxFifoHandle_t* handle, const unsigned int* length) {
+    const unsigned int size = handle->fifo ? handle->fifo->elementSize : 0;
+    return std::vector<uint8_t>(std::min(size, *length));
+}
 
 int writeElement(qxFifoHandle_t* handle, const void* data, const unsigned int* length,
                  unsigned long userValue) {
@@ -330,8 +320,10 @@ int qxFifoWriteElem(qxFifoHandle_t* fifo, const void* data, unsigned int* length
 int qxFifoWriteIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
                        unsigned long userValue) {
     if (const int status = enter(fifo, __func__)) return status;
-    const SharedBuffer buffer(sharedFd);
-    return buffer.holds(length) ? writeElement(fifo, buffer.data(), length, userValue) : kInvalid;
+    if (!holds(sharedFd, length)) return kInvalid;
+    std::vector<uint8_t> tensor = makeRoom(fifo, length);
+    if (::pread(sharedFd, tensor.data(), tensor.size(), 0) != std::ssize(tensor)) return kInvalid;
+    return writeElement(fifo, tensor.data(), length, userValue);
 }
 
 int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
@@ -343,8 +335,10 @@ int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
 int qxFifoReadIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
                       unsigned long* userValue) {
     if (const int status = enter(fifo, __func__)) return status;
-    const SharedBuffer buffer(sharedFd);
-    return readElement(fifo, buffer.holds(length) ? buffer.data() : nullptr, length, userValue);
+    if (!holds(sharedFd, length)) return readElement(fifo, nullptr, length, userValue);
+    std::vector<uint8_t> tensor = makeRoom(fifo, length);
+    if (const int status = readElement(fifo, tensor.data(), length, userValue)) return status;
+    return ::pwrite(sharedFd, tensor.data(), *length, 0) == *length ? kOk : kInvalid;
 }
 
 int qxFifoDestroy(qxFifoHandle_t** fifo) {
