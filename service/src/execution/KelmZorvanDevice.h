@@ -110,6 +110,8 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     int getMissingGraphError() const;
     static bool verifyBuffer(const KelmBuffer& buffer);
     static int verifyResultBuffers(KelmTaskParam& param);
+    // The error of the first buffer whose memory the client has taken back while it was mapped.
+    static int verifyMappings(KelmTaskParam& param);
     static bool mapBuffer(KelmBuffer& buffer);
     // Whether the buffer can go to the library by its descriptor.
     bool isIonPath(const KelmBuffer& buffer) const;

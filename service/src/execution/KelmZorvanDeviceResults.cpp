@@ -8,6 +8,7 @@
 #include "records/KelmTask.h"
 #include "records/KelmTaskParam.h"
 #include "utils/ErrorHelper.h"
+#include "utils/MappingGuard.h"
 
 namespace kelm {
 
@@ -24,6 +25,20 @@ int KelmZorvanDevice::verifyResultBuffers(KelmTaskParam& param) {
     return KELM_OK;
 }
 
+int KelmZorvanDevice::verifyMappings(KelmTaskParam& param) {
+    const struct {
+        const KelmBuffer& buffer;
+        int error;
+    } rows[] = {{param.getInputBuffer(), KELM_ERROR_MAP_INPUT_FAILED},
+                {param.getOutputBuffer(), KELM_ERROR_MAP_OUTPUT_FAILED},
+                {param.getAuxBuffer(), KELM_ERROR_MAP_AUX_FAILED}};
+    for (const auto& [buffer, error] : rows) {
+        if (buffer.buffer == 0) continue;  // not mapped
+        if (MappingGuard::isLost(reinterpret_cast<const void*>(buffer.buffer))) return error;
+    }
+    return KELM_OK;
+}
+
 int KelmZorvanDevice::getResultImpl(KelmTask* task) {
     KelmTaskParam& param = *task->getTaskParam();
     if (const int rc = verifyResultBuffers(param)) return rc;
@@ -33,6 +48,7 @@ int KelmZorvanDevice::getResultImpl(KelmTask* task) {
         isIonPath(param.getOutputBuffer()) && (aux.auxRequested == 0 || isIonPath(aux));
     int rc = getMissingGraphError();
     if (handles) rc = byDescriptor ? getResultIon(task, *handles) : getResultRaw(task, *handles);
+    if (rc == KELM_OK) rc = verifyMappings(param);
     const int32_t warmup = m_inferTimeWarmup;
     if (warmup != 0) m_inferTimeWarmup = warmup - 1;
     return rc;

@@ -9,6 +9,7 @@
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 #include "records/KelmTaskParam.h"
+#include "utils/MappingGuard.h"
 #include "utils/ShareMemory.h"
 #include "utils/StringHelper.h"
 
@@ -142,6 +143,8 @@ int KelmZorvanDevice::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
         return KELM_ERROR_OUT_OF_MEMORY;
     }
     if (tensorData) std::memcpy(tensorData.get(), data, descriptor.totalSize);
+    // Shortened by the client meanwhile. Later than here it only shows with the result.
+    if (MappingGuard::isLost(data)) return KELM_ERROR_MAP_INPUT_FAILED;
     LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                 "to call qxFifoWriteElem(), fifoIn=%p taskId=%lu inputTensor=%p inputLength=%lu "
                 "tensorDesc.totalSize=%u",

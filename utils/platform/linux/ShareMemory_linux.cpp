@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "utils/Log.h"
+#include "utils/MappingGuard.h"
 #include "utils/ShareMemory.h"
 #include "utils/UniqueFd.h"
 
@@ -35,8 +36,8 @@ bool grow(int fd, unsigned long size) {
 }
 
 void* map(int fd, unsigned long size) {
-    void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (data != MAP_FAILED) return data;
+    void* const data = MappingGuard::map(fd, size);
+    if (data != nullptr) return data;
     LOG_ERROR("Error: mmap() failed: errno=%d (%s)\n", errno, std::strerror(errno));
     return nullptr;
 }
@@ -68,7 +69,7 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag) {
         data = map(fd.get(), size);
     }
     if (data != nullptr && !close(fd)) {
-        (void)::munmap(data, size);  // given up either way
+        (void)MappingGuard::unmap(data, size);  // given up either way
         data = nullptr;
     }
     if (data == nullptr) {
@@ -94,7 +95,7 @@ void* ShareMemory::open(const char* name, unsigned long size) {
 
 void ShareMemory::reset() {
     if (m_data == nullptr) return;
-    if (::munmap(m_data, m_size) != 0) {
+    if (!MappingGuard::unmap(m_data, m_size)) {
         LOG_ERROR("Error: munmap() failed: error=%d (%s)\n", errno, std::strerror(errno));
     }
     if (m_created && ::shm_unlink(m_name.c_str()) != 0) {

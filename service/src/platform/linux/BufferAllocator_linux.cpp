@@ -1,4 +1,3 @@
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +8,7 @@
 #include "protocol/src/KelmMessage.h"
 #include "records/BufferAllocator.h"
 #include "utils/Log.h"
+#include "utils/MappingGuard.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
@@ -18,11 +18,6 @@ namespace {
 constexpr unsigned long kAlign = 0;
 constexpr unsigned int kHeapMask = 0x10;
 constexpr unsigned int kFlags = 0;
-
-void* mapFd(int fd, unsigned long size) {
-    void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    return data != MAP_FAILED ? data : nullptr;
-}
 
 void fill(KelmBuffer& buffer, void* data, unsigned long size, int fd, int handle) {
     buffer.buffer = reinterpret_cast<uint64_t>(data);
@@ -100,7 +95,7 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
     UniqueFd shareFd(shared);
-    void* const data = mapFd(shared, size);
+    void* const data = MappingGuard::map(shared, size);
     if (data == nullptr) {
         LOG_ERROR("Error: mmap failed: fd=%d size=%lu error=%d(%s).", shared, size, errno,
                   std::strerror(errno));
@@ -137,7 +132,7 @@ KelmError BufferAllocator::import(int fd, KelmBuffer* buffer) {
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
     // The size is the device's word, not the client's.
-    void* const data = mapFd(fd, size);
+    void* const data = MappingGuard::map(fd, size);
     if (data == nullptr) {
         LOG_ERROR("Error: mmap failed: fd=%d size=%lu error=%d(%s)\n", fd, size, errno,
                   std::strerror(errno));
@@ -153,7 +148,7 @@ KelmError BufferAllocator::free(KelmBuffer* buffer) {
         return KELM_ERROR_INVALID_PARAM;
     }
     if (buffer->buffer != 0) {
-        (void)::munmap(reinterpret_cast<void*>(buffer->buffer), buffer->size);  // made by mapFd()
+        (void)MappingGuard::unmap(reinterpret_cast<void*>(buffer->buffer), buffer->size);
     }
     if (buffer->ionHandle > 0) {
         const Ion ion = getIon();

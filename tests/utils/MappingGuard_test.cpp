@@ -1,0 +1,122 @@
+#include "utils/MappingGuard.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "fakes/TestPch.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm {
+namespace {
+
+constexpr size_t kPage = 4096;
+constexpr size_t kSize = 4 * kPage;
+
+// A client's file, mapped by the service.
+class Mapping {
+ public:
+    Mapping() {
+        m_data = ::ftruncate(m_file.get(), kSize) == 0 ? MappingGuard::map(m_file.get(), kSize)
+                                                       : nullptr;
+        if (m_data != nullptr) std::memset(m_data, 'x', kSize);
+    }
+    ~Mapping() { unmap(); }
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
+
+    void unmap() {
+        if (m_data == nullptr) return;
+        EXPECT_TRUE(MappingGuard::unmap(m_data, kSize));
+        m_data = nullptr;
+    }
+    void shrink(size_t size) const {
+        EXPECT_EQ(::ftruncate(m_file.get(), static_cast<off_t>(size)), 0);
+    }
+    char* data() const { return static_cast<char*>(m_data); }
+    // Like threads that work on it together.
+    char at(size_t index) const { return std::atomic_ref(data()[index]).load(); }
+    void set(size_t index, char value) const { std::atomic_ref(data()[index]).store(value); }
+    bool isLost() const { return MappingGuard::isLost(m_data); }
+
+ private:
+    const UniqueFd m_file{::memfd_create("client", MFD_CLOEXEC)};
+    void* m_data = nullptr;
+};
+
+TEST(MappingGuardTest, ShortenedFileEndsTheProcessOrOtherMappings) {
+    constexpr int kRounds = 500;
+    const Mapping before;
+    for (int round = 0; round < kRounds; ++round) {
+        const Mapping mapping;
+        const Mapping behind;
+        mapping.shrink(round % 4 * kPage);
+        std::atomic<int> ready{0};
+        const auto touch = [&](bool reads) {
+            for (++ready; ready < 2;) std::this_thread::yield();
+            for (size_t i = 0; i < kSize; i += 64) reads ? (void)mapping.at(i) : mapping.set(i, 1);
+        };
+        std::thread reader(touch, true);
+        touch(false);
+        reader.join();
+        EXPECT_TRUE(mapping.isLost());
+        mapping.set(kSize - 1, 'y');
+        EXPECT_EQ(mapping.at(kSize - 1), 'y');
+        EXPECT_EQ(mapping.at(kSize - 2), 0);
+        for (const Mapping* other : {&before, &behind}) {
+            EXPECT_FALSE(other->isLost());
+            EXPECT_EQ(std::string(other->data(), kSize), std::string(kSize, 'x'));
+        }
+    }
+}
+
+TEST(MappingGuardTest, NextMappingAtTheAddressIsTakenForTheLostOne) {
+    Mapping lost;
+    lost.shrink(0);
+    EXPECT_EQ(lost.at(0), 0);
+    const void* const address = lost.data();
+    testing::internal::CaptureStdout();
+    lost.unmap();
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("shortened"), std::string::npos);
+    EXPECT_FALSE(MappingGuard::isLost(address));
+    const Mapping next;
+    EXPECT_FALSE(next.isLost());
+}
+
+TEST(MappingGuardTest, OneMappingTooManyIsUnguarded) {
+    const Mapping first;
+    const UniqueFd file(::memfd_create("client", MFD_CLOEXEC));
+    ASSERT_EQ(::ftruncate(file.get(), kPage), 0);
+    std::vector<void*> mappings;
+    while (void* const data = MappingGuard::map(file.get(), kPage)) mappings.push_back(data);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(mappings.size(), MappingGuard::kMaxMappings - 1);
+    const Mapping refused;
+    EXPECT_EQ(refused.data(), nullptr);
+    ASSERT_EQ(::ftruncate(file.get(), 0), 0);
+    *static_cast<volatile char*>(mappings.back()) = 1;
+    EXPECT_TRUE(MappingGuard::isLost(mappings.back()));
+    testing::internal::CaptureStdout();
+    for (void* data : mappings) EXPECT_TRUE(MappingGuard::unmap(data, kPage));
+    (void)testing::internal::GetCapturedStdout();
+    EXPECT_NE(Mapping().data(), nullptr);
+}
+
+// What a bug of the service or somebody's kill raises.
+TEST(MappingGuardDeathTest, OtherBusErrorIsSwallowed) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const Mapping guarded;
+    const UniqueFd file(::memfd_create("own", MFD_CLOEXEC));
+    ASSERT_EQ(::ftruncate(file.get(), kPage), 0);
+    void* const own = ::mmap(nullptr, kPage, PROT_READ, MAP_SHARED, file.get(), 0);
+    ASSERT_EQ(::ftruncate(file.get(), 0), 0);
+    const auto read = [](const void* data) { return *static_cast<const volatile char*>(data); };
+    EXPECT_DEATH((void)read(own), "");
+    EXPECT_DEATH(::raise(SIGBUS), "");
+    ::munmap(own, kPage);
+}
+
+}  // namespace
+}  // namespace kelm
