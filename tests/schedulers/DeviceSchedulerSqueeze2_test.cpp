@@ -224,6 +224,22 @@ TEST_F(DeviceSchedulerSqueeze2Test, GraphIsNotGivenUpWhileAWorkerRefersToIt) {
     EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(graph, KELM_ERROR_NO_DEVICE_AVAILABLE)));
 }
 
+TEST_F(DeviceSchedulerSqueeze2Test, GraphStaysOnADeviceThatFailedWithoutLeaving) {
+    WorkThread* const dying = makeWorker("a");
+    m_scheduler.addWorker(dying);
+    KelmGraph* const graph = makeGraph();
+    m_scheduler.loadGraph(graph);
+    m_scheduler.pass();
+    ASSERT_THAT(dying->getGraphs(), ElementsAre(graph));
+    WorkThread* const spare = makeWorker("b");
+    m_scheduler.addWorker(spare);
+    // A device that cannot release a graph is done for.
+    m_devices["a"].failAll(DeviceCall::Deallocate, KELM_ERROR_DEVICE_FAILED);
+    EXPECT_NE(dying->getDevice()->deallocateGraph(graph, true), KELM_OK);
+    m_scheduler.pass();
+    EXPECT_THAT(spare->getGraphs(), ElementsAre(graph));
+}
+
 // Workers by rising address, as the map orders them, with their caches and targets as letters.
 TEST_F(DeviceSchedulerSqueeze2Test, SetsMoveToTheWorkersThatHaveThemCached) {
     struct Case {

@@ -117,10 +117,11 @@ void DeviceManager::removeWorkerDone(WorkThread* worker) {
     LOG_INFO("Old worker(%s) is removed", removed->getName());
     const std::string device = removed->getDevice()->getName();
     // On a thread of its own: a device that never answers must not hold up the end of the others.
-    const bool started = startThread([this, device, removed = std::move(removed)]() mutable {
-        deleteWorker(std::move(removed), device);
-    });
-    if (!started) endLeaving(device);  // the worker went with the closure
+    WorkThread* const owned = removed.release();
+    const auto end = [this, device, owned] {
+        deleteWorker(std::unique_ptr<WorkThread>(owned), device);
+    };
+    if (!startThread(end)) end();  // without one it is done here
 }
 
 void DeviceManager::deleteWorker(std::unique_ptr<WorkThread> worker, const std::string& device) {

@@ -44,6 +44,7 @@ bool DeviceSchedulerSqueeze2::mapResource() {
     forgetPass();
     takeNewWorkers();
     dropLeavingWorkers();
+    dropFailedWorkers();
     takeNewGraphs();
     dropLeavingGraphs();
     updateDemand();
@@ -63,7 +64,7 @@ bool DeviceSchedulerSqueeze2::mapResource() {
 void DeviceSchedulerSqueeze2::restoreScene() {
     m_operations.clear();
     for (WorkThread* worker : m_addWorkers) {  // stays known, with a fresh item and without a map
-        if (!m_mappedWorkers.contains(worker)) continue;
+        if (!m_mappedWorkers.contains(worker) || m_lostWorkers.contains(worker)) continue;
         (void)m_graphMapper.removeDevice(worker);
         addDevice(worker);
     }
@@ -110,6 +111,14 @@ void DeviceSchedulerSqueeze2::dropLeavingWorkers() {
         LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
         m_passGoneWorkers.insert(worker);
         if (!m_lostWorkers.contains(worker)) (void)m_graphMapper.removeDevice(worker);
+    }
+}
+
+// A device that failed with tasks in flight makes no operation fail, and its reset need not take it
+// off the bus.
+void DeviceSchedulerSqueeze2::dropFailedWorkers() {
+    for (WorkThread* worker : m_mappedWorkers) {
+        if (worker->getDevice()->isFailed()) handleLostWorker(worker);
     }
 }
 

@@ -47,6 +47,7 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     void forgetPass() REQUIRES(m_onSchedulingThread);
     void takeNewWorkers() REQUIRES(m_onSchedulingThread);
     void dropLeavingWorkers() REQUIRES(m_onSchedulingThread);
+    void dropFailedWorkers() REQUIRES(m_onSchedulingThread);
     void takeNewGraphs() REQUIRES(m_onSchedulingThread);
     void dropLeavingGraphs() REQUIRES(m_onSchedulingThread);
     void updateDemand() REQUIRES(m_onSchedulingThread);
