@@ -27,7 +27,7 @@ class CallCountsTest : public AcceleratorFixture {
     }
 
     // What the service does for a task with tensors of these types, once its own stores are filled.
-    PerTask measure(TensorTypes types) {
+    PerTask measure(const std::string& name, TensorTypes types) {
         LoadPlan plan;
         plan.name = "measured";
         plan.graphs = {"KELMSIM input=5000 output=6000 micros=1\ngraph"};
@@ -43,6 +43,9 @@ class CallCountsTest : public AcceleratorFixture {
                              static_cast<double>(m_counts->mappings - mappings) / tasks,
                              static_cast<double>(m_counts->largeCopies - largeCopies) / tasks};
         EXPECT_EQ(load.finish(), "");
+        RecordProperty(name + "_allocations", std::to_string(result.allocations));
+        RecordProperty(name + "_mappings", std::to_string(result.mappings));
+        RecordProperty(name + "_largeCopies", std::to_string(result.largeCopies));
         return result;
     }
 
@@ -59,11 +62,11 @@ TEST_F(CallCountsTest, TaskWithDescriptorsIsMappedCopiedOrAllocatedFor) {
     constexpr double kNotEachTask = 0.5;
     plug("1.1");
     startService("", {"KELM_CALL_COUNTS=" + m_path});
-    const PerTask descriptors = measure(TensorTypes::kDescriptors);
+    const PerTask descriptors = measure("descriptors", TensorTypes::kDescriptors);
     EXPECT_LT(descriptors.allocations, kNotEachTask);
     EXPECT_LT(descriptors.mappings, kNotEachTask);
     EXPECT_LT(descriptors.largeCopies, kNotEachTask);
-    const PerTask names = measure(TensorTypes::kNames);  // shows that it is counted
+    const PerTask names = measure("names", TensorTypes::kNames);  // shows that it is counted
     EXPECT_GT(names.allocations, kNotEachTask);
     EXPECT_GT(names.mappings, kNotEachTask);
     EXPECT_GT(names.largeCopies, kNotEachTask);

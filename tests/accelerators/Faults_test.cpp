@@ -169,6 +169,8 @@ struct Hang {
     When when;
     std::string function;      // the one that does not return
     std::string failing = "";  // another one that fails, and makes the service call it
+
+    friend std::ostream& operator<<(std::ostream& out, const Hang& row) { return out << row.what; }
 };
 
 class HangTest : public FaultsTest, public ::testing::WithParamInterface<Hang> {
