@@ -105,8 +105,6 @@ class AcceleratorFixture : public SystemFixture {
         for (size_t at = 0; (at = log.find(words, at)) != std::string::npos; ++at) ++count;
         return count;
     }
-
- private:
     template <class Predicate>
     bool waitWithEvents(Predicate predicate,
                         std::chrono::milliseconds limit = std::chrono::seconds(20)) {
@@ -117,6 +115,7 @@ class AcceleratorFixture : public SystemFixture {
         return eventually(takeAndAsk, limit);
     }
 
+ private:
     TempDir m_files;
     std::string m_libraries = KELM_SIMULATOR_DIR;
     std::string m_preloaded;

@@ -96,11 +96,18 @@ class ShrinkingSegmentTest : public AcceleratorFixture {
         const std::string text{std::istreambuf_iterator<char>(maps), {}};
         return text.find(name) != std::string::npos;
     }
+    size_t hangCount(const std::string& function) const {
+        return eventCount("hang 1.1 " + function) + eventCount("hang 1.2 " + function);
+    }
     // The status of a task whose buffer of the role is shortened while it is mapped and in use.
     std::optional<int32_t> shrinkInUse(ShrinkingClient& client, KelmBufferType type,
                                        KelmFdRole role) {
         const bool isInput = role == KELM_FD_INPUT;
-        host().order(isInput ? "hang * qxFifoWriteElem" : "hang * qxFifoReadElem");
+        const std::string function = isInput ? "qxFifoWriteElem" : "qxFifoReadElem";
+        const size_t before = hangCount(function);
+        host().order("hang * " + function);
+        // In force when it has caught a call of the neighbour's.
+        EXPECT_TRUE(waitWithEvents([&] { return hangCount(function) > before; }));
         const Segment input(type);
         const Segment output(type);
         EXPECT_TRUE(client.submit(input, output));

@@ -142,7 +142,10 @@ int KelmZorvanDevice::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
         LOG_ERROR("Error: allocate tensorData error");
         return KELM_ERROR_OUT_OF_MEMORY;
     }
-    if (tensorData) std::memcpy(tensorData.get(), data, descriptor.totalSize);
+    if (tensorData) {
+        std::memcpy(tensorData.get(), data, descriptor.totalSize);
+        asm volatile("" : : "r"(tensorData.get()) : "memory");  // or the compiler leaves it out
+    }
     // Shortened by the client meanwhile. Later than here it only shows with the result.
     if (MappingGuard::isLost(data)) return KELM_ERROR_MAP_INPUT_FAILED;
     LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
