@@ -143,7 +143,11 @@ TEST_F(ShrinkingSegmentTest, MemoryThatIsTakenBackEndsTheService) {
 }
 
 TEST_F(ShrinkingSegmentTest, MomentOfTheShorteningDecidesWhoSurvives) {
+#ifdef NDEBUG
     constexpr int kRounds = 150;
+#else
+    constexpr int kRounds = 30;
+#endif
     constexpr int kTasks = 4;
     for (const char* container : {"default", "system"}) {
         SCOPED_TRACE(container);
