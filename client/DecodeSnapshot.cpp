@@ -1,5 +1,5 @@
 #include <algorithm>
-#include <cstring>
+#include <cstddef>
 
 #include "client/Decode.h"
 #include "utils/StringHelper.h"
@@ -10,8 +10,9 @@ namespace {
 
 // The count of the device rows stays 0 on the wire; a row that nobody wrote is all zeros.
 bool isInUse(const InfoDeviceRow& row) {
-    static constexpr InfoDeviceRow kUnused{};
-    return std::memcmp(&row, &kUnused, sizeof(row)) != 0;
+    const auto* bytes = reinterpret_cast<const std::byte*>(&row);
+    return std::any_of(bytes, bytes + sizeof(row),
+                       [](std::byte byte) { return byte != std::byte{0}; });
 }
 
 DeviceSnapshot decodeDevice(const InfoDeviceRow& row) {

@@ -29,7 +29,7 @@ std::string heading(const char* what, size_t rows, uint32_t count) {
 // Rows of cells; all columns but the first and those of texts are numbers, to the right.
 class Table {
  public:
-    Table(std::vector<std::string> heads, size_t textColumns, bool utf8)
+    Table(const std::vector<std::string>& heads, size_t textColumns, bool utf8)
         : m_textColumns(textColumns), m_utf8(utf8) {
         add(heads);
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <deque>
 #include <iterator>
@@ -36,7 +37,7 @@ class TopHistory {
                            if (!(*value > 0.0)) return levels[0];
                            const double level =
                                *value / greatest * static_cast<double>(levels.size() - 1);
-                           return levels[static_cast<size_t>(level + 0.5)];
+                           return levels[static_cast<size_t>(std::lround(level))];
                        });
         return text;
     }
