@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 
 #include "client/Decode.h"
 #include "utils/StringHelper.h"
@@ -62,9 +63,11 @@ uint64_t megabytes(int64_t value) { return static_cast<uint64_t>(std::max<int64_
 
 Snapshot decodeSnapshot(const InfoPackage& package) {
     Snapshot snapshot;
-    for (const InfoDeviceRow& row : package.devices) {
-        if (isInUse(row)) snapshot.devices.push_back(decodeDevice(row));
-    }
+    // Up to the last one in use: an idle device whose id is 0 looks like nobody's row.
+    const auto last =
+        std::find_if(std::rbegin(package.devices), std::rend(package.devices), isInUse);
+    std::transform(std::begin(package.devices), last.base(), std::back_inserter(snapshot.devices),
+                   decodeDevice);
     snapshot.graphCount = countOrZero(package.graphCount);
     for (size_t i = 0; i < rowsOf(package.graphCount, kPackageGraphs); ++i) {
         snapshot.graphs.push_back(decodeGraph(package.graphs[i]));

@@ -87,12 +87,12 @@ TEST(DecodeTest, PackageWithWildCountsOrUncountedDevices) {
     package->graphs[63].runningDeviceNum = -2;
     fill(package->graphs[63].graphName, 'x');
     const Snapshot snapshot = decodeSnapshot(*package);
-    ASSERT_EQ(snapshot.devices.size(), 1U);
-    EXPECT_EQ(snapshot.devices[0].id, 77U);
-    ASSERT_EQ(snapshot.devices[0].current.size(), 2U);
-    EXPECT_EQ(snapshot.devices[0].current[0].fps, 0.0f);
-    EXPECT_EQ(snapshot.devices[0].current[1].loadTime, std::string(9, '1'));
-    EXPECT_TRUE(snapshot.devices[0].previous.empty());
+    ASSERT_EQ(snapshot.devices.size(), 4U);
+    EXPECT_EQ(snapshot.devices[3].id, 77U);
+    ASSERT_EQ(snapshot.devices[3].current.size(), 2U);
+    EXPECT_EQ(snapshot.devices[3].current[0].fps, 0.0f);
+    EXPECT_EQ(snapshot.devices[3].current[1].loadTime, std::string(9, '1'));
+    EXPECT_TRUE(snapshot.devices[3].previous.empty());
     ASSERT_EQ(snapshot.graphs.size(), 64U);
     EXPECT_EQ(snapshot.graphs[63].name, std::string(512, 'x'));
     EXPECT_EQ(snapshot.graphs[63].clients.size(), 64U);
