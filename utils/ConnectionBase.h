@@ -1,9 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
@@ -11,6 +13,7 @@
 namespace IPC {
 
 class Poller;
+struct IncomingDescriptor;
 struct PollEvent;
 
 // Mode, user and group that a socket file gets; an empty name means no change.
@@ -38,6 +41,15 @@ class ConnectionBase : public kelm::NonCopyable,
     // Without `bytesRead` all of `size` is read, however long it takes; with it, what is there.
     // An error or an end of the stream in the middle raises.
     virtual void read(void* buffer, int size, int* bytesRead) = 0;
+    // For one who puts a stream together from its pieces: the number of bytes that were there, at
+    // most `size`; 0 if nothing has come, which happens only without `wait`. An error or the end of
+    // the stream raises; its text tells `leftBytes`, of which `size` is the next part.
+    virtual int readArrived(void* buffer, int size, uint32_t leftBytes, bool wait) = 0;
+    // The same for one descriptor: whether it is complete. Raises if it is none.
+    virtual bool readArrived(IncomingDescriptor& incoming, bool wait) = 0;
+    // After the last of these calls: bytes that are left in the connection's own buffer count as
+    // readable for the poller.
+    virtual void noteUnread() = 0;
     // Returns when all bytes are out; raises on an error.
     virtual void write(const void* buffer, int size) = 0;
     // Receives one descriptor, which the caller owns.
@@ -78,14 +90,16 @@ class ConnectionBase : public kelm::NonCopyable,
     // Closes the connection of a number, if there is one. The registry's share goes to the poller,
     // which drops it at its next wait.
     static void close(int id);
+    // All connections that can be looked up, in the order of their numbers.
+    static std::vector<std::shared_ptr<ConnectionBase>> getAll();
     // shutdown(how) for every connected connection of the process.
     static void shutdownAll(int how);
 
  protected:
     // For a number from reserveNumber().
     ConnectionBase(Poller* poller, int number);
-    // The lowest free number, now taken; -1 if none is left.
-    static int reserveNumber();
+    // The lowest free number, now taken; -1 if no more than `kept` are free.
+    static int reserveNumber(int kept = 0);
     static void releaseNumber(int number);
     // Lets look-ups find the connection; the last step of its construction.
     void publish();

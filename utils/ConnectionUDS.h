@@ -30,6 +30,10 @@ class ConnectionUDS : public ConnectionBase {
     void read(void* buffer, int size, int* bytesRead) override EXCLUDES(m_mutex);
     void write(const void* buffer, int size) override EXCLUDES(m_mutex);
     void read(int& fd) override EXCLUDES(m_mutex);
+    int readArrived(void* buffer, int size, uint32_t leftBytes, bool wait) override
+        EXCLUDES(m_mutex);
+    bool readArrived(IncomingDescriptor& incoming, bool wait) override EXCLUDES(m_mutex);
+    void noteUnread() override EXCLUDES(m_mutex);
     void write(int fd) override EXCLUDES(m_mutex);
     // An empty path stands for a file named after the process. A file left there by an earlier
     // run is replaced. Names are cut silently at 107 characters, here and in connect().
@@ -53,11 +57,12 @@ class ConnectionUDS : public ConnectionBase {
     // On a listener: takes the next waiting peer and turns it away.
     void refuse() EXCLUDES(m_mutex);
 
+ protected:
+    ConnectionUDS(Poller* poller, int number);
+
  private:
     enum State { EMPTY = 0, LISTENING = 1, CONNECTED = 2 };
     class Use;
-
-    ConnectionUDS(Poller* poller, int number);
 
     // The descriptor for one operation, which keeps it open until endUse(); -1 when closed.
     int beginUse() EXCLUDES(m_mutex);
@@ -72,11 +77,13 @@ class ConnectionUDS : public ConnectionBase {
     void set_block_mode(int fd, bool blocking);
     void readAll(int fd, char* target, int size);
     void readSome(int fd, char* target, int size, int* bytesRead);
+    // Bytes that are there, or 0 if none are and `wait` is not set.
+    int readOnce(int fd, char* target, int size, uint32_t leftBytes, bool wait);
     // Bytes from the buffer or, when that is empty, from the kernel: the system call's result.
-    ssize_t receive(int fd, char* target, size_t size);
-    void fillForDescriptor(int fd);
-    void noteUnread();
-    [[noreturn]] void raiseReadFailed(int leftBytes, bool ended);
+    ssize_t receive(int fd, char* target, size_t size, int flags);
+    // False if nothing has come and `wait` is not set.
+    bool fillForDescriptor(int fd, bool wait);
+    [[noreturn]] void raiseReadFailed(uint32_t leftBytes, bool ended);
 
     std::atomic<bool> m_pollBlocked{false};  // atomic: set from any thread, read by the poller's
     int m_fd GUARDED_BY(m_mutex) = -1;

@@ -10,6 +10,8 @@
 
 namespace IPC {
 
+constexpr size_t kDescriptorBytes = sizeof(int);  // the data that accompanies a descriptor
+
 // What the control data of a received segment looked like; for the report of a missing descriptor.
 struct ControlReport {
     size_t cmsgLen = 0;
@@ -17,6 +19,13 @@ struct ControlReport {
     int cmsgType = 0;
     size_t controlLen = 0;
     int numFd = 0;
+};
+
+// A descriptor on its way: some of its bytes may have come already.
+struct IncomingDescriptor {
+    size_t leftBytes = kDescriptorBytes;
+    kelm::UniqueFd fd;
+    ControlReport report;
 };
 
 // Bytes that one system call brought and that nobody has asked for yet. The kernel ends what it
@@ -30,12 +39,12 @@ class ReceiveBuffer {
 
     // Unread bytes.
     size_t size() const { return m_unread.load(std::memory_order_seq_cst); }
-    // Receives into the empty buffer; the result is the system call's.
-    ssize_t fill(int socket);
+    // Receives into the empty buffer; `flags` and the result are the system call's.
+    ssize_t fill(int socket, int flags);
     // Takes up to `size` bytes, copied to `target` unless that is null; returns their number.
     size_t take(void* target, size_t size);
-    // As take(), but a descriptor that came with the bytes goes to `descriptor`, unless it has one.
-    size_t takeDescriptor(size_t size, kelm::UniqueFd& descriptor, ControlReport& report);
+    // Takes bytes of a descriptor; one that came with them goes to `incoming`, unless it has one.
+    void takeDescriptor(IncomingDescriptor& incoming);
 
  private:
     size_t advance(void* target, size_t size);

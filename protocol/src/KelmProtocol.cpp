@@ -60,13 +60,23 @@ void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer) {
 void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
     if (message == nullptr || size == 0) return nullptr;
     if (message->innerBufferNum >= kMaxMessageBlocks) return nullptr;
-    // Not touched before the bytes arrive: a peer's word alone costs address space, not memory.
     void* const block = std::malloc(size);
     if (block == nullptr) {
         LOG_ERROR("Error: malloc %d bytes buffer failed.", size);
         return nullptr;
     }
     message->innerBuffer[message->innerBufferNum++] = reinterpret_cast<uint64_t>(block);
+    return block;
+}
+
+void* growInnerBuffer(KelmMsgBase* message, size_t size) {
+    uint64_t& last = message->innerBuffer[message->innerBufferNum - 1];
+    void* const block = std::realloc(reinterpret_cast<void*>(last), size);
+    if (block == nullptr) {
+        LOG_ERROR("Error: malloc %d bytes buffer failed.", size);
+        return nullptr;
+    }
+    last = reinterpret_cast<uint64_t>(block);
     return block;
 }
 
@@ -88,7 +98,7 @@ void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers pre
     const uint32_t* const match =
         std::find(message->recvType, message->recvType + recvNum, dataType);
     const auto j = static_cast<uint32_t>(match - message->recvType);
-    if (j == recvNum) return allocInnerBuffer(message, size);
+    if (j == recvNum) return allocInnerBuffer(message, std::min(size, kFirstPieceBytes));
     if (size > message->recvSize[j]) {
         LOG_ERROR(
             "Error: Prepared Buffer (size=%ld Byte) to                     recevie data "
@@ -96,7 +106,9 @@ void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers pre
             message->recvSize[j], dataType, size);
         return nullptr;
     }
-    if (!isPrepared(prepared, message->recvData[j], size)) return allocInnerBuffer(message, size);
+    if (!isPrepared(prepared, message->recvData[j], size)) {
+        return allocInnerBuffer(message, std::min(size, kFirstPieceBytes));
+    }
     return reinterpret_cast<void*>(message->recvData[j]);
 }
 

@@ -70,9 +70,14 @@ bool checkMessage(const KelmMsgBase& message, size_t size);
 int flatMessage(KelmMsgBase* message);
 int unflatMessage(KelmMsgBase* message);
 
-// Where block `index` of a message that is being received goes; null refuses it.
+// Where block `index` of a message that is being received goes; null refuses it. An inner buffer is
+// made with room for its first piece only.
 void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared = {});
+constexpr uint32_t kFirstPieceBytes = 256 * 1024;
 // A block that is freed with the message, with free(); null if the message has five already.
 void* allocInnerBuffer(KelmMsgBase* message, size_t size);
+// Gives the latest of these blocks more room, with its bytes, perhaps elsewhere; null, and the
+// block as it was, if there is no memory.
+void* growInnerBuffer(KelmMsgBase* message, size_t size);
 
 }  // namespace kelm

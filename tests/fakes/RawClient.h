@@ -210,8 +210,7 @@ class RawClient {
     using Deadline = std::chrono::steady_clock::time_point;
 
     bool waitReadable(Deadline deadline) const {
-        const auto left =
-            std::chrono::duration_cast<Millis>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::ceil<Millis>(deadline - std::chrono::steady_clock::now());
         pollfd state{fd(), POLLIN, 0};
         return left.count() > 0 && ::poll(&state, 1, static_cast<int>(left.count())) == 1;
     }

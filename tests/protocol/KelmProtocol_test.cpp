@@ -1,6 +1,7 @@
 #include "protocol/src/KelmProtocol.h"
 
 #include "fakes/SocketChannel.h"
+#include "protocol/src/MessageAssembler.h"
 
 namespace kelm {
 namespace {
@@ -119,6 +120,48 @@ TEST_F(KelmProtocolTest, StreamOfMessagesKeepsItsOrder) {
                                       request.graphDataSize));
     }
     sender.join();
+}
+
+TEST_F(KelmProtocolTest, MessageIsWholeWithItsLastPieceAndNotBefore) {
+    const std::string block(700000, 'g');
+    const MessagePtr graph = makeGraphRequest(block);
+    ASSERT_EQ(0, flatMessage(graph.get()));
+    const UniqueFd file = makeFile();
+    const MessagePtr infer = makeInferRequest(file.get(), file.get(), 0);
+    ASSERT_EQ(0, flatMessage(infer.get()));
+    const RawPeer peer(channel.path);
+    service = channel.accept();
+    using State = MessageAssembler::State;
+    MessageAssembler assembler;
+    const auto sendPieces = [&](const char* bytes, size_t size, size_t piece) {
+        for (size_t at = 0; at < size; at += piece) {
+            ASSERT_EQ(State::kWaiting, assembler.receiveArrived(*service));
+            peer.send(bytes + at, std::min(piece, size - at));
+        }
+    };
+    for (const size_t piece : {size_t{1}, size_t{487}, size_t{100000}}) {
+        SCOPED_TRACE(piece);
+        sendPieces(reinterpret_cast<const char*>(infer.get()), infer->size, piece);
+        for (int i = 0; i < 2; ++i) {
+            peer.send("12");
+            ASSERT_EQ(State::kWaiting, assembler.receiveArrived(*service));
+            peer.sendFds("34", {file.get()});
+            if (i > 0) break;
+            ASSERT_EQ(State::kWaiting, assembler.receiveArrived(*service));
+        }
+        ASSERT_EQ(State::kWhole, assembler.receiveArrived(*service));
+        const MessagePtr first = assembler.take(service);
+        EXPECT_TRUE(isSameFile(file.get(), as<KelmMsgReqInferTask>(first).outputBuffer.fd));
+        EXPECT_FALSE(assembler.isInsideMessage());
+
+        sendPieces(reinterpret_cast<const char*>(graph.get()), graph->size, piece);
+        sendPieces(block.data(), block.size(), std::max<size_t>(piece, 1000));
+        ASSERT_EQ(State::kWhole, assembler.receiveArrived(*service));
+        const MessagePtr second = assembler.take(service);
+        const auto& request = as<KelmMsgReqCreateGraph>(second);
+        EXPECT_EQ(block, std::string(reinterpret_cast<const char*>(request.graphData),
+                                     request.graphDataSize));
+    }
 }
 
 TEST_F(KelmProtocolTest, GraphAddressOfTheSenderIsNeverBelieved) {

@@ -12,6 +12,7 @@
 #include "managers/ClientManager.h"
 #include "managers/GraphManager.h"
 #include "managers/InfoPrinter.h"
+#include "managers/RequestConnection.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "protocol/src/KelmProtocol.h"
@@ -31,6 +32,8 @@ using std::chrono::steady_clock;
 
 constexpr int kPollMillisec = 100;  // a stop request is seen within this time
 constexpr milliseconds kAcceptPause{100};
+// A peer that sends nothing for so long may lose its place to a new one.
+constexpr milliseconds kPatience{5000};
 constexpr milliseconds kErrorPause{10};
 constexpr milliseconds kLookInterval{100};
 constexpr long kReadEndMillisec = 1000;       // for the listen thread, once nothing can be read
@@ -179,7 +182,8 @@ void MessageDispatcher::handleEvents(const IPC::PollEvent& event) {
     if (event.isReadable()) {
         if (event.connection == m_listenConnection) {
             handleConnect();
-        } else if (!handleSocket(socket)) {
+        } else if (!handleSocket(static_cast<RequestConnection&>(*event.connection),
+                                 event.isHungUp())) {
             closeConnect(socket);
             return;
         }
@@ -189,14 +193,8 @@ void MessageDispatcher::handleEvents(const IPC::PollEvent& event) {
 
 void MessageDispatcher::handleConnect() {
     try {
-        auto connection = IPC::ConnectionUDS::tryMake(m_poller.get());
-        if (!connection) {
-            LOG_ERROR("Error: all %d connections are in use, a client is turned away",
-                      IPC::IPC_CONN_FD_MAX);
-            m_listenConnection->refuse();
-            pauseAccepting();
-            return;
-        }
+        auto connection = RequestConnection::tryMake(m_poller.get());
+        if (!connection) return makeRoom();
         connection->accept(m_listenConnection.get());
         IPC::ConnectionBase::adopt(connection);
         LOG_DEBUG("accept new connection: %d", connection->getSimulateFD());
@@ -206,19 +204,43 @@ void MessageDispatcher::handleConnect() {
     }
 }
 
+void MessageDispatcher::makeRoom() {
+    std::shared_ptr<IPC::ConnectionBase> idle;
+    auto idleSince = steady_clock::time_point::max();
+    for (auto& connection : IPC::ConnectionBase::getAll()) {
+        const auto* const client = dynamic_cast<const RequestConnection*>(connection.get());
+        const auto since = client != nullptr ? client->idleSince(kPatience) : std::nullopt;
+        if (!since || *since >= idleSince) continue;
+        idleSince = *since;
+        idle = std::move(connection);
+    }
+    if (idle) {
+        LOG_WARN("Warn: all %d connections are in use, socket %d makes room: it sends nothing",
+                 IPC::IPC_CONN_FD_MAX, idle->getSimulateFD());
+        closeConnect(idle->getSimulateFD());
+    } else {
+        LOG_ERROR("Error: all %d connections are in use, a client is turned away",
+                  IPC::IPC_CONN_FD_MAX);
+        m_listenConnection->refuse();
+    }
+    // Also after a close: the number of one that has registered is free only when its record goes.
+    pauseAccepting();
+}
+
 void MessageDispatcher::pauseAccepting() {
     m_listenConnection->blockPoller();
     m_acceptAgain = steady_clock::now() + kAcceptPause;
 }
 
-// Deliberate: waits until the message is whole, and all others with it, since clients write whole
-// messages.
-bool MessageDispatcher::handleSocket(int socket) {
-    MessagePtr request(kelmReceiveMessage(socket));
-    if (!request) {
+bool MessageDispatcher::handleSocket(RequestConnection& connection, bool hungUp) {
+    const int socket = connection.getSimulateFD();
+    const auto state = connection.receive(hungUp);
+    if (state == MessageAssembler::State::kWaiting) return true;
+    if (state == MessageAssembler::State::kFailed) {
         LOG_INFO("failed to receive kelm message from socket (%d)", socket);
         return false;
     }
+    MessagePtr request = connection.takeRequest();
     if (!handleMessage(request.get(), socket)) return false;
     (void)request.release();
     return true;

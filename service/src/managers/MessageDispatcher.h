@@ -27,6 +27,7 @@ class ClientManager;
 class DeviceManagerCreator;
 class GraphManager;
 class InfoPrinter;
+class RequestConnection;
 class ResultDispatcher;
 class TaskManager;
 
@@ -36,9 +37,10 @@ class TaskManager;
 // A request belongs to the manager that it was handed to, which passes it on to its answer; what
 // is not handed on is freed here.
 //
-// Threads: the listen thread reads every socket, and waits until a message is whole; the operations
-// below run on any. Owns: the listening socket, the poller and, through the connection layer, the
-// connections of those who have not registered. Borrows the managers, which outlive it.
+// Threads: the listen thread reads every socket, and waits for no peer: what has come of a message
+// stays with its connection until the rest is there. The operations below run on any. Owns: the
+// listening socket, the poller and, through the connection layer, the connections of those who have
+// not registered. Borrows the managers, which outlive it.
 class MessageDispatcher final : public Singleton<MessageDispatcher> {
  public:
     explicit MessageDispatcher(const char* name = "MsgDispatcher");
@@ -73,8 +75,11 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     void listenThreadRoutine();
     void handleEvents(const IPC::PollEvent& event) REQUIRES(m_onListenThread);
     void handleConnect() REQUIRES(m_onListenThread);
+    // All numbers are in use: closes the connection that has waited longest for bytes of its peer,
+    // if one has waited long; else turns the new peer away.
+    void makeRoom() REQUIRES(m_onListenThread);
     // False when the client is to be closed.
-    bool handleSocket(int socket) REQUIRES(m_onListenThread);
+    bool handleSocket(RequestConnection& connection, bool hungUp) REQUIRES(m_onListenThread);
     // True when the message belongs to whom it was handed to.
     bool handleMessage(KelmMsgBase* message, int socket) REQUIRES(m_onListenThread);
     void closeConnect(int socket) REQUIRES(m_onListenThread);

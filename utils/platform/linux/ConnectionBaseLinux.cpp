@@ -47,14 +47,19 @@ ConnectionBase::~ConnectionBase() {
     releaseNumber(m_simulateFD);
 }
 
-int ConnectionBase::reserveNumber() {
+int ConnectionBase::reserveNumber(int kept) {
     Registry& all = registry();
     kelm::MutexLock lock(all.m_fd_mutex);
-    for (int i = 0; i < IPC_CONN_FD_MAX; ++i) {
-        if (std::exchange(all.m_fd_map[i].taken, true)) continue;
-        return i;
+    int lowest = -1;
+    int free = 0;
+    for (int i = 0; i < IPC_CONN_FD_MAX && free <= kept; ++i) {
+        if (all.m_fd_map[i].taken) continue;
+        if (lowest < 0) lowest = i;
+        ++free;
     }
-    return -1;
+    if (free <= kept) return -1;
+    all.m_fd_map[lowest].taken = true;
+    return lowest;
 }
 
 void ConnectionBase::releaseNumber(int number) {
@@ -114,12 +119,16 @@ void ConnectionBase::close(int fd) {
     }
 }
 
-void ConnectionBase::shutdownAll(int how) {
+std::vector<std::shared_ptr<ConnectionBase>> ConnectionBase::getAll() {
     std::vector<std::shared_ptr<ConnectionBase>> connections;
     for (int i = 0; i < IPC_CONN_FD_MAX; ++i) {
         if (auto connection = findConnection(i)) connections.push_back(std::move(connection));
     }
-    for (const auto& connection : connections) {
+    return connections;
+}
+
+void ConnectionBase::shutdownAll(int how) {
+    for (const auto& connection : getAll()) {
         if (connection->connected()) connection->shutdown(how);
     }
 }

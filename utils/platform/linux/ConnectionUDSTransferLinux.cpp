@@ -17,8 +17,6 @@ namespace IPC {
 
 namespace {
 
-constexpr size_t kDescriptorBytes = sizeof(int);  // the data that accompanies a descriptor
-
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 // Until the socket is ready again, or shut down; then the caller repeats its call.
@@ -105,17 +103,34 @@ void ConnectionUDS::read(void* buffer, int size, int* bytesRead) {
 
 void ConnectionUDS::readAll(int fd, char* target, int size) {
     while (size > 0) {
-        const ssize_t count = receive(fd, target, static_cast<size_t>(size));
-        if (count > 0) {
-            target += count;
-            size -= static_cast<int>(count);
-        } else if (count == 0) {
+        const int count = readOnce(fd, target, size, static_cast<uint32_t>(size), true);
+        target += count;
+        size -= count;
+    }
+}
+
+int ConnectionUDS::readArrived(void* buffer, int size, uint32_t leftBytes, bool wait) {
+    const Use use(*this);
+    if (use.fd() <= 0 || buffer == nullptr || size <= 0) {
+        raiseInvalidArgument("read got invalid argument. m_fd=", use.fd(), buffer, size);
+    }
+    return readOnce(use.fd(), static_cast<char*>(buffer), size, leftBytes, wait);
+}
+
+int ConnectionUDS::readOnce(int fd, char* target, int size, uint32_t leftBytes, bool wait) {
+    for (;;) {
+        const ssize_t count =
+            receive(fd, target, static_cast<size_t>(size), wait ? 0 : MSG_DONTWAIT);
+        if (count > 0) return static_cast<int>(count);
+        if (count == 0) {
             errno = 0;
-            raiseReadFailed(size, true);
-        } else if (wouldBlock(errno)) {
+            raiseReadFailed(leftBytes, true);
+        }
+        if (wouldBlock(errno)) {
+            if (!wait) return 0;
             waitFor(fd, POLLIN);
         } else if (errno != EINTR) {
-            raiseReadFailed(size, false);
+            raiseReadFailed(leftBytes, false);
         }
     }
 }
@@ -123,21 +138,21 @@ void ConnectionUDS::readAll(int fd, char* target, int size) {
 void ConnectionUDS::readSome(int fd, char* target, int size, int* bytesRead) {
     *bytesRead = 0;
     for (;;) {
-        const ssize_t count = receive(fd, target, static_cast<size_t>(size));
+        const ssize_t count = receive(fd, target, static_cast<size_t>(size), 0);
         if (count >= 0) {
             *bytesRead = static_cast<int>(count);
             return;
         }
         if (wouldBlock(errno)) return;
-        if (errno != EINTR) raiseReadFailed(size, false);
+        if (errno != EINTR) raiseReadFailed(static_cast<uint32_t>(size), false);
     }
 }
 
-ssize_t ConnectionUDS::receive(int fd, char* target, size_t size) {
+ssize_t ConnectionUDS::receive(int fd, char* target, size_t size, int flags) {
     if (m_input.size() == 0) {
         // A large block goes straight to its own memory.
-        if (size > ReceiveBuffer::kCapacity) return ::recv(fd, target, size, 0);
-        const ssize_t count = m_input.fill(fd);
+        if (size > ReceiveBuffer::kCapacity) return ::recv(fd, target, size, flags);
+        const ssize_t count = m_input.fill(fd, flags);
         if (count <= 0) return count;
     }
     return static_cast<ssize_t>(m_input.take(target, size));
@@ -148,7 +163,7 @@ void ConnectionUDS::noteUnread() {
     if (const std::shared_ptr<Poller> poller = getPoller()) poller->noteBuffered(*this);
 }
 
-void ConnectionUDS::raiseReadFailed(int leftBytes, bool ended) {
+void ConnectionUDS::raiseReadFailed(uint32_t leftBytes, bool ended) {
     std::string text =
         "read socket(idx=" + std::to_string(getSimulateFD()) + ") failed, user=" + getUser();
     if (ended) text += " leftBytes=" + std::to_string(leftBytes);
@@ -199,25 +214,28 @@ void ConnectionUDS::write(int fd) {
 }
 
 void ConnectionUDS::read(int& fd) {
-    requireOpenedOnce();
-    const Use use(*this);
-    kelm::UniqueFd received;
-    ControlReport report;
-    size_t left = kDescriptorBytes;
-    while (left > 0) {
-        if (!hasBufferedData()) fillForDescriptor(use.fd());
-        left -= m_input.takeDescriptor(left, received, report);
-    }
+    IncomingDescriptor incoming;
+    (void)readArrived(incoming, true);  // complete, as it has waited
     noteUnread();
-    if (!received) raiseNoDescriptor(report);
-    fd = received.release();
+    fd = incoming.fd.release();
 }
 
-void ConnectionUDS::fillForDescriptor(int fd) {
+bool ConnectionUDS::readArrived(IncomingDescriptor& incoming, bool wait) {
+    requireOpenedOnce();
+    const Use use(*this);
+    while (incoming.leftBytes > 0) {
+        if (!hasBufferedData() && !fillForDescriptor(use.fd(), wait)) return false;
+        m_input.takeDescriptor(incoming);
+    }
+    if (!incoming.fd) raiseNoDescriptor(incoming.report);
+    return true;
+}
+
+bool ConnectionUDS::fillForDescriptor(int fd, bool wait) {
     for (;;) {
         const auto start = std::chrono::steady_clock::now();
-        const ssize_t count = m_input.fill(fd);
-        if (count > 0) return;
+        const ssize_t count = m_input.fill(fd, wait ? 0 : MSG_DONTWAIT);
+        if (count > 0) return true;
         const int64_t spent = elapsedMillisec(start);
         if (count == 0) {
             errno = 0;
@@ -226,6 +244,7 @@ void ConnectionUDS::fillForDescriptor(int fd) {
                 getSimulateFD(), spent));
         }
         if (wouldBlock(errno)) {
+            if (!wait) return false;
             waitFor(fd, POLLIN);
         } else if (errno != EINTR) {
             KELM_THROW(

@@ -14,7 +14,7 @@ constexpr size_t kMaxFdsPerSegment = 253;  // the kernel's limit; a peer may sen
 
 }  // namespace
 
-ssize_t ReceiveBuffer::fill(int socket) {
+ssize_t ReceiveBuffer::fill(int socket, int flags) {
     if (!m_bytes) m_bytes = std::make_unique_for_overwrite<std::byte[]>(kCapacity);
     alignas(cmsghdr) char control[CMSG_SPACE(kMaxFdsPerSegment * sizeof(int))];
     iovec part = {m_bytes.get(), kCapacity};
@@ -23,7 +23,7 @@ ssize_t ReceiveBuffer::fill(int socket) {
     message.msg_iovlen = 1;
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
-    const ssize_t count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    const ssize_t count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | flags);
     if (count < 0) return count;
     readControl(message);
     m_begin = 0;
@@ -68,16 +68,15 @@ size_t ReceiveBuffer::take(void* target, size_t size) {
     return count;
 }
 
-size_t ReceiveBuffer::takeDescriptor(size_t size, kelm::UniqueFd& descriptor,
-                                     ControlReport& report) {
-    const size_t count = advance(nullptr, size);
-    if (count == 0 || m_unread.load() != 0) return count;
-    if (!descriptor) {
-        report = m_report;
-        descriptor = std::move(m_descriptor);
+void ReceiveBuffer::takeDescriptor(IncomingDescriptor& incoming) {
+    const size_t count = advance(nullptr, incoming.leftBytes);
+    incoming.leftBytes -= count;
+    if (count == 0 || m_unread.load() != 0) return;
+    if (!incoming.fd) {
+        incoming.report = m_report;
+        incoming.fd = std::move(m_descriptor);
     }
     m_descriptor.reset();
-    return count;
 }
 
 }  // namespace IPC

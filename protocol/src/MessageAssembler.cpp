@@ -1,0 +1,221 @@
+#include "protocol/src/MessageAssembler.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <utility>
+
+#include "protocol/src/MessagePool.h"
+#include "utils/ConnectionBase.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr uint64_t kVisitBytes = 256 * 1024;
+// What a descriptor counts for: passing one costs the kernel as much as copying about so much.
+constexpr uint64_t kDescriptorCost = 1024;
+
+// What this side called its own prepared buffers comes back as `recv...`.
+void swapPreparedBuffers(KelmMsgBase& head) {
+    const uint32_t count = std::min(std::max(head.recvNum, head.peerRecvNum), kMaxMessageBlocks);
+    std::swap_ranges(head.recvData, head.recvData + count, head.peerRecvData);
+    std::swap_ranges(head.recvSize, head.recvSize + count, head.peerRecvSize);
+    std::swap_ranges(head.recvType, head.recvType + count, head.peerRecvType);
+    std::swap(head.recvNum, head.peerRecvNum);
+    head.recvNum = std::min(head.recvNum, kMaxMessageBlocks);
+    head.peerRecvNum = std::min(head.peerRecvNum, kMaxMessageBlocks);
+}
+
+// The sender's own addresses and descriptors mean nothing here, and must never be freed or closed.
+void forgetSenderResources(KelmMsgBase& head) {
+    std::fill(std::begin(head.fd), std::end(head.fd), -1);
+    std::fill(std::begin(head.data), std::end(head.data), 0);
+    std::fill(std::begin(head.innerBuffer), std::end(head.innerBuffer), 0);
+    head.innerBufferNum = 0;
+}
+
+bool checkHead(const KelmMsgBase& head) {
+    if (head.type > KELM_MESSAGE_EVT_END) {
+        LOG_ERROR("Error: invalid kelm message type: %d", head.type);
+    } else if (head.size != KelmMessageSize[head.type]) {
+        LOG_ERROR("Error: unmatched kelm message size: actual=%lu", head.size);
+    } else {
+        return true;
+    }
+    LOG_ERROR("Error: recv KelmMsgBase failed");
+    return false;
+}
+
+}  // namespace
+
+const MessageAssembler::Step MessageAssembler::kSteps[] = {
+    &MessageAssembler::receiveHead,        &MessageAssembler::receiveBody,
+    &MessageAssembler::receiveDescriptors, &MessageAssembler::receiveBlocks,
+    &MessageAssembler::checkWhole,
+};
+
+MessageAssembler::State MessageAssembler::receiveArrived(IPC::ConnectionBase& connection) {
+    m_wait = false;
+    m_allowance = kVisitBytes;
+    return advance(connection);
+}
+
+MessageAssembler::State MessageAssembler::receiveRest(IPC::ConnectionBase& connection) {
+    m_wait = false;
+    m_allowance = UINT64_MAX;
+    return advance(connection);
+}
+
+MessageAssembler::State MessageAssembler::receiveWhole(IPC::ConnectionBase& connection) {
+    m_wait = true;
+    m_allowance = UINT64_MAX;
+    return advance(connection);
+}
+
+MessageAssembler::State MessageAssembler::advance(IPC::ConnectionBase& connection) {
+    State state = State::kWhole;
+    try {
+        while (m_step < std::size(kSteps)) {
+            state = (this->*kSteps[m_step])(connection);
+            if (state != State::kWhole) break;
+            ++m_step;
+        }
+        connection.noteUnread();
+    } catch (const std::exception& e) {
+        LOG_ERROR("%s", e.what());
+        state = State::kFailed;
+    }
+    if (state == State::kFailed) reset();
+    return state;
+}
+
+MessagePtr MessageAssembler::take(std::shared_ptr<IPC::ConnectionBase> connection) {
+    MessagePtr message = std::move(m_message);
+    messagePool::setOrigin(message.get(), std::move(connection));
+    reset();
+    return message;
+}
+
+void MessageAssembler::reset() {
+    m_step = 0;
+    m_filled = 0;
+    m_message.reset();
+    m_incomingFd = {};
+    m_block = 0;
+    m_target = nullptr;
+}
+
+bool MessageAssembler::fill(IPC::ConnectionBase& connection, void* part, size_t size) {
+    while (m_filled < size) {
+        const auto left = static_cast<uint32_t>(size - m_filled);
+        const int count = connection.readArrived(static_cast<char*>(part) + m_filled,
+                                                 static_cast<int>(left), left, m_wait);
+        if (count == 0) return false;
+        m_filled += static_cast<uint64_t>(count);
+    }
+    m_filled = 0;
+    return true;
+}
+
+MessageAssembler::State MessageAssembler::receiveHead(IPC::ConnectionBase& connection) {
+    if (!fill(connection, &m_head, sizeof(m_head))) return State::kWaiting;
+    if (!checkHead(m_head)) return State::kFailed;
+    if (m_head.size > m_sizeLimit) {
+        LOG_ERROR(
+            "Error: Buffer (size=%ld Byte) to recevie is not big enough. (Required %ld Bytes).",
+            m_sizeLimit, m_head.size);
+        return State::kFailed;
+    }
+    return allocate() ? State::kWhole : State::kFailed;
+}
+
+bool MessageAssembler::allocate() {
+    const uint64_t size = std::max<uint64_t>(m_head.size, sizeof(m_head));
+    m_message.reset(messagePool::allocate(size));
+    if (!m_message) {
+        LOG_ERROR("Error: alloc %lu bytes buffer failed", size);
+        return false;
+    }
+    swapPreparedBuffers(m_head);
+    forgetSenderResources(m_head);
+    // From here on the record has the descriptors that have come, and no others.
+    m_announcedFds = std::exchange(m_head.fdNum, 0);
+    m_receivedFds = 0;
+    std::memcpy(static_cast<void*>(m_message.get()), &m_head, sizeof(m_head));
+    messagePool::setOwnsDescriptors(m_message.get());
+    return true;
+}
+
+MessageAssembler::State MessageAssembler::receiveBody(IPC::ConnectionBase& connection) {
+    const auto size = static_cast<int64_t>(m_message->size) - static_cast<int64_t>(sizeof(m_head));
+    // A type without a record has nothing to read, which the connection refuses as an argument.
+    if (size <= 0)
+        (void)connection.readArrived(m_message.get() + 1, static_cast<int>(size), 0, true);
+    return fill(connection, m_message.get() + 1, static_cast<size_t>(size)) ? State::kWhole
+                                                                            : State::kWaiting;
+}
+
+// All that are announced leave the stream; the record has room for the first ones.
+MessageAssembler::State MessageAssembler::receiveDescriptors(IPC::ConnectionBase& connection) {
+    while (m_receivedFds < m_announcedFds) {
+        if (m_allowance < kDescriptorCost) return State::kWaiting;
+        if (!connection.readArrived(m_incomingFd, m_wait)) return State::kWaiting;
+        m_allowance -= kDescriptorCost;
+        UniqueFd received = std::exchange(m_incomingFd, {}).fd;
+        if (m_receivedFds++ >= kMaxMessageFds) continue;
+        m_message->fd[m_message->fdNum++] = received.release();
+    }
+    return State::kWhole;
+}
+
+MessageAssembler::State MessageAssembler::receiveBlocks(IPC::ConnectionBase& connection) {
+    for (; m_block < m_message->dataNum; ++m_block) {
+        if (m_target == nullptr && !openBlock()) return State::kFailed;
+        if (const State state = fillBlock(connection); state != State::kWhole) return state;
+        m_message->data[m_block] = reinterpret_cast<uint64_t>(m_target);
+        m_target = nullptr;
+        m_filled = 0;
+    }
+    return State::kWhole;
+}
+
+bool MessageAssembler::openBlock() {
+    const uint32_t innerBefore = m_message->innerBufferNum;
+    m_target = static_cast<char*>(getBufferForRecv(m_message.get(), m_block, m_prepared));
+    const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
+    const bool grows = m_message->innerBufferNum != innerBefore;
+    m_room = grows ? std::min<uint64_t>(size, kFirstPieceBytes) : size;
+    return m_target != nullptr;
+}
+
+MessageAssembler::State MessageAssembler::fillBlock(IPC::ConnectionBase& connection) {
+    const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
+    while (m_filled < size) {
+        if (m_filled == m_room) {
+            m_room = std::min(size, 2 * m_room);
+            m_target = static_cast<char*>(growInnerBuffer(m_message.get(), m_room));
+            if (m_target == nullptr) return State::kFailed;
+        }
+        const uint64_t part = std::min({m_room - m_filled, m_allowance, kVisitBytes});
+        if (part == 0) return State::kWaiting;
+        const int count = connection.readArrived(m_target + m_filled, static_cast<int>(part),
+                                                 static_cast<uint32_t>(size - m_filled), m_wait);
+        if (count == 0) return State::kWaiting;
+        m_filled += static_cast<uint64_t>(count);
+        m_allowance -= static_cast<uint64_t>(count);
+    }
+    return State::kWhole;
+}
+
+MessageAssembler::State MessageAssembler::checkWhole(IPC::ConnectionBase&) {
+    if (!checkMessage(*m_message, m_message->size)) {
+        LOG_ERROR("Error: malformed message %s", KelmMsgTypeStr[m_message->type]);
+        return State::kFailed;
+    }
+    return unflatMessage(m_message.get()) == 0 ? State::kWhole : State::kFailed;
+}
+
+}  // namespace kelm
