@@ -78,9 +78,23 @@ void receiveBlock(IPC::ConnectionBase& connection, void* target, uint32_t size) 
     }
 }
 
+void discardBlock(IPC::ConnectionBase& connection, uint32_t size) {
+    char dropped[16384];
+    while (size > 0) {
+        const auto count = std::min<uint32_t>(size, sizeof(dropped));
+        connection.read(dropped, static_cast<int>(count), nullptr);
+        size -= count;
+    }
+}
+
 bool receiveBlocks(IPC::ConnectionBase& connection, KelmMsgBase* message,
                    PreparedBuffers prepared) {
     for (uint32_t i = 0; i < message->dataNum; ++i) {
+        if (i >= kMaxMessageBlocks) return false;
+        if (prepared.empty() && !kelmKeepsBlock(*message, i)) {
+            discardBlock(connection, static_cast<uint32_t>(message->dataSize[i]));
+            continue;
+        }
         void* const target = getBufferForRecv(message, i, prepared);
         if (target == nullptr) return false;
         receiveBlock(connection, target, static_cast<uint32_t>(message->dataSize[i]));
