@@ -25,6 +25,10 @@ namespace {
 using Tree = boost::property_tree::ptree;
 
 constexpr const char* kDefaultFirmware = "default";
+// Far more than any configuration needs. The JSON reader calls itself for each level, so that a
+// file of nothing but brackets would end the process.
+constexpr size_t kMaxFileBytes = 1 << 20;
+constexpr int kMaxNesting = 64;
 
 template <class T>
 std::optional<T> valueAt(const Tree& tree, const char* key) {
@@ -34,17 +38,54 @@ std::optional<T> valueAt(const Tree& tree, const char* key) {
     return value ? std::optional<T>(*value) : std::nullopt;
 }
 
+// Nothing, with a line in the log, if there is more than the limit.
+std::optional<std::string> readBounded(std::istream& file, const std::string& path) {
+    std::string text(kMaxFileBytes + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(file.gcount()));
+    if (text.size() <= kMaxFileBytes) return text;
+    LOG_ERROR(
+        "Error: config file '%s' is larger than %lu bytes and is not used; shorten it, or split it "
+        "into several files",
+        path, kMaxFileBytes);
+    return std::nullopt;
+}
+
 // Deliberate: a plain cut that knows nothing of JSON strings, so a value holding `//` loses its
 // tail. It keeps the comments of the files simple.
-std::stringstream readWithoutComments(std::istream& file) {
-    std::stringstream text;
+std::string cutComments(const std::string& commented) {
+    std::istringstream file(commented);
+    std::string text;
     std::string line;
     while (std::getline(file, line)) {
         const size_t comment = line.find("//");
         if (comment != std::string::npos) line.erase(comment);
-        text << line << '\n';
+        text += line + '\n';
     }
     return text;
+}
+
+// False, with a line in the log, if objects and arrays lie deeper in each other than the limit.
+bool isNestingBounded(const std::string& text, const std::string& path) {
+    int depth = 0;
+    bool quoted = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '"') quoted = !quoted;
+        if (quoted) {
+            if (c == '\\') ++i;  // what it escapes ends no string
+        } else if (c == '{' || c == '[') {
+            if (++depth > kMaxNesting) break;
+        } else if (c == '}' || c == ']') {
+            --depth;
+        }
+    }
+    if (depth <= kMaxNesting) return true;
+    LOG_ERROR(
+        "Error: config file '%s' has more than %d levels of objects and arrays and is not used; "
+        "remove what is nested deeper",
+        path, kMaxNesting);
+    return false;
 }
 
 bool liesUnderInstallDir(const std::string& path) {
@@ -145,10 +186,14 @@ bool ConfigParser::appendConfigFile(const std::string& path, bool reportMissing)
         LOG_ERROR("Error: failed to open '%s'", path);
         return false;
     }
+    const std::optional<std::string> commented = readBounded(file, path);
+    if (!commented) return false;
+    const std::string text = cutComments(*commented);
+    if (!isNestingBounded(text, path)) return false;
     Tree tree;
     try {
-        std::stringstream text = readWithoutComments(file);
-        boost::property_tree::read_json(text, tree);
+        std::istringstream stream(text);
+        boost::property_tree::read_json(stream, tree);
     } catch (const std::exception&) {
         LOG_ERROR("Error: config file '%s' is not in json format", path);
         return false;

@@ -30,8 +30,8 @@ class ConfigParser {
     ConfigParser& operator=(const ConfigParser&) = delete;
 
     // Loads one file onto the stack. Everything from `//` to the end of a line is a comment. False,
-    // with the stack as it was, if the file is missing (logged only with `reportMissing`), is no
-    // JSON or holds nothing.
+    // with the stack as it was, if the file is missing (logged only with `reportMissing`), has more
+    // than 1 MB or 64 levels of nesting, is no JSON or holds nothing.
     bool appendConfigFile(const std::string& path, bool reportMissing);
 
     int parseIntegerFromConfigList(const char* key, int def) const;

@@ -17,9 +17,22 @@ namespace {
 
 constexpr size_t kBlockSize = 4096;
 
-std::string finish(SHA256_CTX& context) {
+}  // namespace
+
+struct Sha256::Context {
+    SHA256_CTX state;
+};
+
+Sha256::Sha256() : m_context(std::make_unique<Context>()) { SHA256_Init(&m_context->state); }
+Sha256::~Sha256() = default;
+Sha256::Sha256(Sha256&& other) noexcept = default;
+Sha256& Sha256::operator=(Sha256&& other) noexcept = default;
+
+void Sha256::update(const char* data, size_t size) { SHA256_Update(&m_context->state, data, size); }
+
+std::string Sha256::finish() {
     std::array<unsigned char, SHA256_DIGEST_LENGTH> digest{};
-    SHA256_Final(digest.data(), &context);
+    SHA256_Final(digest.data(), &m_context->state);
     constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     text.reserve(2 * digest.size());
@@ -30,29 +43,25 @@ std::string finish(SHA256_CTX& context) {
     return text;
 }
 
-}  // namespace
-
 std::string sha256ForFile(const char* path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         LOG_ERROR("failed to open file %s. errno = %d (%s)", path, errno, std::strerror(errno));
         return {};
     }
-    SHA256_CTX context;
-    SHA256_Init(&context);
+    Sha256 digest;
     std::array<char, kBlockSize> block;
     while (file.read(block.data(), block.size()), file.gcount() > 0) {
-        SHA256_Update(&context, block.data(), static_cast<size_t>(file.gcount()));
+        digest.update(block.data(), static_cast<size_t>(file.gcount()));
     }
-    return finish(context);
+    return digest.finish();
 }
 
 std::string sha256ForBuffer(const char* data, unsigned long size) {
     if (data == nullptr || size == 0) return {};
-    SHA256_CTX context;
-    SHA256_Init(&context);
-    SHA256_Update(&context, data, size);
-    return finish(context);
+    Sha256 digest;
+    digest.update(data, size);
+    return digest.finish();
 }
 
 std::string sha256ForString(const std::string& text) {

@@ -18,7 +18,8 @@ bool checkDescriptors(const KelmMsgBase& message) {
 
 bool checkBlocks(const KelmMsgBase& message) {
     for (uint32_t i = 0; i < message.dataNum; ++i) {
-        if (message.data[i] == 0 || static_cast<uint32_t>(message.dataSize[i]) == 0) return false;
+        if (static_cast<uint32_t>(message.dataSize[i]) == 0) return false;
+        if (message.data[i] == 0 && kelmKeepsBlock(message, i)) return false;
     }
     return true;
 }

@@ -53,6 +53,23 @@ void kelmReleaseMessage(KelmMsgBase* message) {
     messagePool::release(message);
 }
 
+bool kelmKeepsBlock(const KelmMsgBase& message, uint32_t index) {
+    if (message.type != KELM_MESSAGE_CREATE_GRAPH_REQ) return false;
+    const uint32_t count = std::min(message.dataNum, kMaxMessageBlocks);
+    if (index >= count || message.dataType[index] != kGraphBlockType) return false;
+    const uint32_t* const end = message.dataType + count;
+    return std::find(message.dataType + index + 1, end, kGraphBlockType) == end;
+}
+
+UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address) {
+    const uint32_t count = std::min(message->innerBufferNum, kMaxMessageBlocks);
+    uint64_t* const end = message->innerBuffer + count;
+    uint64_t* const block = std::find(message->innerBuffer, end, address);
+    if (block == end || address == 0) return nullptr;
+    *block = 0;  // free() of it, with the others, does nothing
+    return UniqueMalloc<char>(reinterpret_cast<char*>(address));
+}
+
 void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer) {
     messagePool::setOrigin(&answer, messagePool::origin(&request));
 }

@@ -6,6 +6,7 @@
 
 #include "protocol/src/KelmMessage.h"
 #include "protocol/src/MessagePtr.h"
+#include "utils/UniqueMalloc.h"
 
 // Sending and receiving of the client protocol.
 //
@@ -69,6 +70,14 @@ bool checkMessage(const KelmMsgBase& message, size_t size);
 // null message (errno EINVAL) and for one that its type does not allow.
 int flatMessage(KelmMsgBase* message);
 int unflatMessage(KelmMsgBase* message);
+
+// Whether block `index` of a received message is of use to anybody, by the types of message and
+// block alone: of a create request the last graph binary, of any other message none. Pure; asked
+// before the block arrives. What is not kept is read off the stream and needs no memory.
+bool kelmKeepsBlock(const KelmMsgBase& message, uint32_t index);
+// Moves the inner buffer at `address` out of a received message, so that it can go before the
+// message does; null if the message has none there.
+UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address);
 
 // Where block `index` of a message that is being received goes; null refuses it. An inner buffer is
 // made with room for its first piece only.

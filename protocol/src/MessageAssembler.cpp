@@ -173,13 +173,40 @@ MessageAssembler::State MessageAssembler::receiveDescriptors(IPC::ConnectionBase
 
 MessageAssembler::State MessageAssembler::receiveBlocks(IPC::ConnectionBase& connection) {
     for (; m_block < m_message->dataNum; ++m_block) {
-        if (m_target == nullptr && !openBlock()) return State::kFailed;
-        if (const State state = fillBlock(connection); state != State::kWhole) return state;
-        m_message->data[m_block] = reinterpret_cast<uint64_t>(m_target);
-        m_target = nullptr;
+        if (m_block >= kMaxMessageBlocks) return State::kFailed;
+        if (const State state = receiveBlock(connection); state != State::kWhole) return state;
         m_filled = 0;
     }
     return State::kWhole;
+}
+
+MessageAssembler::State MessageAssembler::receiveBlock(IPC::ConnectionBase& connection) {
+    if (m_prepared.empty() && !kelmKeepsBlock(*m_message, m_block)) return dropBlock(connection);
+    if (m_target == nullptr && !openBlock()) return State::kFailed;
+    if (const State state = fillBlock(connection); state != State::kWhole) return state;
+    m_message->data[m_block] = reinterpret_cast<uint64_t>(std::exchange(m_target, nullptr));
+    return State::kWhole;
+}
+
+MessageAssembler::State MessageAssembler::dropBlock(IPC::ConnectionBase& connection) {
+    char dropped[IPC::ReceiveBuffer::kCapacity];
+    const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
+    while (m_filled < size) {
+        const uint64_t part = std::min({size - m_filled, m_allowance, sizeof(dropped)});
+        if (part == 0 || !readPart(connection, dropped, part, size - m_filled)) {
+            return State::kWaiting;
+        }
+    }
+    return State::kWhole;
+}
+
+bool MessageAssembler::readPart(IPC::ConnectionBase& connection, char* target, uint64_t part,
+                                uint64_t left) {
+    const int count =
+        connection.readArrived(target, static_cast<int>(part), static_cast<uint32_t>(left), m_wait);
+    m_filled += static_cast<uint64_t>(count);
+    m_allowance -= static_cast<uint64_t>(count);
+    return count != 0;
 }
 
 bool MessageAssembler::openBlock() {
@@ -200,12 +227,9 @@ MessageAssembler::State MessageAssembler::fillBlock(IPC::ConnectionBase& connect
             if (m_target == nullptr) return State::kFailed;
         }
         const uint64_t part = std::min({m_room - m_filled, m_allowance, kVisitBytes});
-        if (part == 0) return State::kWaiting;
-        const int count = connection.readArrived(m_target + m_filled, static_cast<int>(part),
-                                                 static_cast<uint32_t>(size - m_filled), m_wait);
-        if (count == 0) return State::kWaiting;
-        m_filled += static_cast<uint64_t>(count);
-        m_allowance -= static_cast<uint64_t>(count);
+        if (part == 0 || !readPart(connection, m_target + m_filled, part, size - m_filled)) {
+            return State::kWaiting;
+        }
     }
     return State::kWhole;
 }

@@ -54,8 +54,13 @@ class MessageAssembler : public NonCopyable {
     State receiveBlocks(IPC::ConnectionBase& connection);
     State checkWhole(IPC::ConnectionBase& connection);
     bool allocate();
+    State receiveBlock(IPC::ConnectionBase& connection);
+    // Reads a block that nobody wants off the stream.
+    State dropBlock(IPC::ConnectionBase& connection);
     bool openBlock();
     State fillBlock(IPC::ConnectionBase& connection);
+    // Some of the next `part` bytes of a block of which so many are left; false if none have come.
+    bool readPart(IPC::ConnectionBase& connection, char* target, uint64_t part, uint64_t left);
     // False while some of the part's bytes have not come.
     bool fill(IPC::ConnectionBase& connection, void* part, size_t size);
     void reset();

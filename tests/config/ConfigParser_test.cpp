@@ -70,6 +70,26 @@ TEST_F(ConfigParserTest, UnusableFileIsPutOnTheStack) {
     EXPECT_THAT(text, Not(HasSubstr("/silent")));
 }
 
+TEST_F(ConfigParserTest, FileBeyondTheLimitsIsRefusedBeforeItIsParsed) {
+    const auto nested = [](int levels) {
+        return "{\"a\": " + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
+    };
+    const std::string longest = "{\"b\": 1}" + std::string((1 << 20) - 8, ' ');
+    EXPECT_TRUE(load(nested(64)));
+    EXPECT_TRUE(
+        load(R"({"c": "\"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["})"));
+    EXPECT_TRUE(load(longest));
+    EXPECT_FALSE(load(nested(65)));
+    EXPECT_FALSE(load(std::string(1 << 20, '[')));  // would end the process
+    EXPECT_FALSE(load(longest + " "));
+    const std::string text = log();
+    const std::string file = "Error: config file '" + m_dir.path() + "/file";
+    for (const char* words : {"3' has more than 64 levels", "4' has more than 64 levels",
+                              "5' is larger than 1048576 bytes"}) {
+        EXPECT_THAT(text, HasSubstr(file + words));
+    }
+}
+
 TEST_F(ConfigParserTest, CommentIsReadAsJson) {
     EXPECT_TRUE(load("// head\n{ \"a\": 3 // tail }\n}\n"));
     EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 0), 3);

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -155,6 +158,113 @@ TEST_F(GraphManagerTest, PathsThatAreNoGraphFileAreRefusedUnread) {
     const uint64_t fromEmpty = client.createGraphFromFile(empty).graphId;
     EXPECT_NE(fromEmpty, 0u);
     EXPECT_NE(client.createGraphFromFile(empty).graphId, fromEmpty);
+}
+
+// Bytes that this process has read from files and sockets.
+uint64_t bytesRead() {
+    std::ifstream io("/proc/self/io");
+    std::string name;
+    uint64_t count = 0;
+    io >> name >> count;
+    return count;
+}
+
+class GraphFileTest : public GraphManagerTest {
+ protected:
+    // Nobody can load it, so that its requests are answered when it was read.
+    static constexpr const char* kRefused = "tag";
+
+    std::string writeSparse(const char* name, uint64_t size) {
+        const std::string path = dir().write(name, "");
+        std::filesystem::resize_file(path, size);
+        return path;
+    }
+};
+
+TEST_F(GraphFileTest, OthersGoOnWhileAFileIsReadAndTheOrderOfOneConnectionStays) {
+    start();
+    const std::string huge = writeSparse("huge", 256 << 20);
+    WireClient reader;
+    WireClient other;
+    for (int i = 0; i < 2; ++i) reader.sendCreateGraphFromFile(huge, kRefused);
+    reader.send(reader.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ));
+    EXPECT_EQ(other.createGraph("blob").head.status, KELM_OK);
+    EXPECT_FALSE(reader.hasAnswer());
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(reader.receive<KelmMsgRspCreateGraph>().head.status, KELM_ERROR_INVALID_PARAM);
+    }
+    EXPECT_EQ(reader.receive<KelmMsgRspQueryBufferSize>().head.status, KELM_ERROR_INVALID_GRAPH);
+}
+
+TEST_F(GraphFileTest, OneFileIsReadAtATimeAndClientsTakeTurns) {
+    start();
+    constexpr uint64_t kSize = 128 << 20;
+    const std::string huge = writeSparse("huge", kSize);
+    const std::string small = writeSparse("small", kSize / 4);
+    WireClient reader;
+    WireClient other;
+    const uint64_t before = bytesRead();
+    for (int i = 0; i < 4; ++i) reader.sendCreateGraphFromFile(huge, kRefused);
+    ASSERT_TRUE(eventually([&] { return bytesRead() - before > kSize / 100; }));
+    other.sendCreateGraphFromFile(small, kRefused);
+    (void)other.receive<KelmMsgRspCreateGraph>();
+    // After one of the four, of which none was read while the small one was.
+    EXPECT_GT(bytesRead() - before, kSize);
+    EXPECT_LT(bytesRead() - before, 3 * kSize);
+    for (int i = 0; i < 4; ++i) (void)reader.receive<KelmMsgRspCreateGraph>();
+}
+
+TEST_F(GraphFileTest, KnownFileIsJoinedWithoutBeingReadAgain) {
+    start();
+    constexpr uint64_t kSize = 32 << 20;
+    const std::string file = writeSparse("file", kSize);
+    WireClient client;
+    const uint64_t id = client.createGraphFromFile(file).graphId;
+    const auto joinsUnread = [&] {
+        const uint64_t before = bytesRead();
+        EXPECT_EQ(client.createGraphFromFile(file).graphId, id);
+        return bytesRead() - before < kSize / 2;
+    };
+    // Right after a change to the file a further one might not show.
+    EXPECT_TRUE(eventually(joinsUnread));
+    EXPECT_TRUE(joinsUnread());
+    std::ofstream(file, std::ios::in).put('x');
+    EXPECT_NE(client.createGraphFromFile(file).graphId, id);
+}
+
+TEST_F(GraphFileTest, ReadingStopsWhenItsClientHasGone) {
+    start();
+    constexpr uint64_t kSize = 2ULL << 30;
+    const std::string file = writeSparse("huge", kSize);
+    const uint64_t before = bytesRead();
+    std::optional<WireClient> client(std::in_place);
+    client->sendCreateGraphFromFile(file, kRefused);
+    ASSERT_TRUE(eventually([&] { return bytesRead() - before > kSize / 100; }));
+    client.reset();
+    EXPECT_TRUE(noClientIsLeft());
+    WireClient next;
+    EXPECT_EQ(next.createGraph("blob").head.status, KELM_OK);
+    EXPECT_LT(bytesRead() - before, kSize);
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    EXPECT_TRUE(std::none_of(begin(all), end(all), [&](const auto& entry) {
+        std::error_code gone;
+        return std::filesystem::read_symlink(entry, gone) == file;
+    }));
+}
+
+TEST_F(GraphFileTest, ConnectionFarAheadOfItsAnswersIsNotReadForAWhile) {
+    start();
+    WireClient ahead;
+    ahead.sendCreateGraphFromFile(writeSparse("huge", 512 << 20), kRefused);
+    const auto query = ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ);
+    constexpr int kMoreThanFits = 20000;
+    int sent = 0;
+    for (; sent < kMoreThanFits && ahead.canSend(); ++sent) ahead.send(query);
+    EXPECT_LT(sent, kMoreThanFits);
+    EXPECT_FALSE(ahead.hasAnswer());
+    WireClient other;  // nobody else is held up
+    EXPECT_EQ(ahead.receive<KelmMsgRspCreateGraph>().head.status, KELM_ERROR_INVALID_PARAM);
+    for (; sent > 0; --sent) ASSERT_NE(ahead.receive<KelmMsgRspQueryBufferSize>().head.status, 0);
 }
 
 TEST_F(GraphManagerTest, OnlyAUserMayDestroyAGraph) {

@@ -64,6 +64,9 @@ class WireClient {
         request.clientId = clientId != 0 ? clientId : m_id;
         return request;
     }
+    // Whether an answer is there, and whether the service takes more.
+    bool hasAnswer() const { return isReady(POLLIN, 0); }
+    bool canSend() const { return isReady(POLLOUT, 50); }
     template <class Request>
     void send(const Request& request, const std::vector<int>& descriptors = {},
               std::string_view block = {}) {
@@ -103,10 +106,14 @@ class WireClient {
         sendCreateGraph(blob, name, tag, subclass);
         return receive<KelmMsgRspCreateGraph>();
     }
-    KelmMsgRspCreateGraph createGraphFromFile(const std::string& path) {
+    void sendCreateGraphFromFile(const std::string& path, const std::string& tag = "") {
         auto request = make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
         StringHelper::copyStringSafe(request.graphPath, path);
+        StringHelper::copyStringSafe(request.graphTag, tag);
         send(request);
+    }
+    KelmMsgRspCreateGraph createGraphFromFile(const std::string& path) {
+        sendCreateGraphFromFile(path);
         return receive<KelmMsgRspCreateGraph>();
     }
     void sendDestroyGraph(uint64_t graphId, uint64_t clientId = 0) {
@@ -158,6 +165,11 @@ class WireClient {
     }
 
  private:
+    bool isReady(short events, int millisec) const {
+        pollfd state{m_raw.fd(), events, 0};
+        return ::poll(&state, 1, millisec) == 1 && (state.revents & events) != 0;
+    }
+
     RawClient m_raw;
     const uint64_t m_id;
     uint64_t m_sequence = 0;

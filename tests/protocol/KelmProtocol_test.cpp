@@ -220,6 +220,47 @@ TEST_F(KelmProtocolTest, BlockGoesOnlyToBuffersThatThisSidePrepared) {
     kelmReleaseContents(&base);
 }
 
+TEST_F(KelmProtocolTest, BlocksOfNoUseAreReadOffAndNotKept) {
+    const struct {
+        const char* name;
+        KelmMsgType type;
+        std::vector<uint32_t> blocks;  // their types
+        char kept;                     // what the block is made of, 'a' for the first
+    } rows[] = {{"last graph binary", KELM_MESSAGE_CREATE_GRAPH_REQ, {0, 3, 0, 7}, 'c'},
+                {"no graph binary", KELM_MESSAGE_CREATE_GRAPH_REQ, {1, 2}, 0},
+                {"another request", KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, {0, 0, 0, 0, 0}, 0},
+                {"no request", KELM_MESSAGE_PING_EVT, {0}, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        constexpr size_t kBlockBytes = 20000;  // more than is read off at once
+        const RawPeer peer(channel.path);
+        service = channel.accept();
+        MessagePtr message(kelmAllocMessage(row.type));
+        for (const uint32_t type : row.blocks) {
+            message->dataType[message->dataNum] = type;
+            message->dataSize[message->dataNum++] = kBlockBytes;
+        }
+        peer.send(message.get(), message->size);
+        for (size_t i = 0; i < row.blocks.size(); ++i) {
+            peer.send(std::string(kBlockBytes, static_cast<char>('a' + i)));
+        }
+        const MessagePtr next(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_REQ));
+        peer.send(next.get(), next->size);
+        const MessagePtr received = receive();
+        ASSERT_TRUE(received);
+        const MessagePtr following = receive();
+        EXPECT_TRUE(following && following->type == KELM_MESSAGE_QUERY_STATUS_REQ);
+        EXPECT_EQ(row.kept != 0 ? 1U : 0U, received->innerBufferNum);
+        if (row.type != KELM_MESSAGE_CREATE_GRAPH_REQ) continue;
+        const uint64_t data = as<KelmMsgReqCreateGraph>(received).graphData;
+        const auto block = kelmTakeBlock(received.get(), data);
+        ASSERT_EQ(row.kept != 0, block != nullptr);
+        EXPECT_TRUE(!block ||
+                    std::string(block.get(), kBlockBytes) == std::string(kBlockBytes, row.kept));
+        EXPECT_EQ(nullptr, kelmTakeBlock(received.get(), data));  // only once
+    }
+}
+
 TEST_F(KelmProtocolTest, ReceiveIntoOwnRecordLeavesNothingOnFailure) {
     const UniqueFd file = makeFile();
     const size_t before = countDescriptors();

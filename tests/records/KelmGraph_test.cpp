@@ -1,5 +1,8 @@
 #include "records/KelmGraph.h"
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <filesystem>
 #include <limits>
 
@@ -157,6 +160,25 @@ TEST(KelmGraphTest, DumpIsIncompleteOrFollowsAPlantedLink) {
     EXPECT_EQ(readText(victim), "precious");
     KelmGraph empty(2, 1, "graph", 1);
     EXPECT_FALSE(empty.dumpToFile(dir.path() + "/empty"));
+}
+
+// What does not fit is more than a file of the process may have.
+TEST(KelmGraphTest, FailedDumpLeavesNoFile) {
+    const TempDir dir;
+    const std::string bytes(100000, 'x');
+    KelmGraph graph(1, 1, bytes.data(), bytes.size(), "graph", 1);
+    const std::string path = dir.path() + "/graph.dump";
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{50000, old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    EXPECT_FALSE(graph.dumpToFile(path));
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+    (void)std::signal(SIGXFSZ, oldHandler);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_TRUE(graph.dumpToFile(path));
+    EXPECT_EQ(readText(path), bytes);
 }
 
 }  // namespace

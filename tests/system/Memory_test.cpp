@@ -58,6 +58,40 @@ TEST_F(MemoryTest, VanishingClientsLeaveMemoryOrDescriptorsBehind) {
     EXPECT_LE(resident(), memoryBefore + 2 * kMegabyte);
 }
 
+// One client sends the same blob over and over and reads no answer until the end.
+TEST_F(MemoryTest, BlobsAreGivenBackAsSoonAsTheirGraphIsKnown) {
+    const struct {
+        size_t megabytes;
+        int requests;
+    } rows[] = {{20, 60}, {1, 1000}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.megabytes);
+        start(0);
+        ASSERT_TRUE(serves());
+        const size_t before = resident();
+        size_t most = 0;
+        {
+            RawClient client(path());
+            auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+            request.clientId = client.registerClient("storm");
+            const std::string blob(row.megabytes * kMegabyte, 'x');
+            request.head.base.dataNum = 1;
+            request.head.base.dataSize[0] = blob.size();
+            for (int i = 0; i < row.requests; ++i) {
+                ASSERT_TRUE(client.send(request, {}, blob));
+                most = std::max(most, resident());
+            }
+            EXPECT_LT(most, before + 150 * kMegabyte);
+            EXPECT_TRUE(eventually(
+                [&] { return resident() < before + (2 * row.megabytes + 16) * kMegabyte; }));
+            for (int i = 0; i < row.requests; ++i) ASSERT_TRUE(client.receive());
+        }
+        EXPECT_TRUE(eventually([&] { return resident() < before + 16 * kMegabyte; }))
+            << resident() / kMegabyte;
+        endService();
+    }
+}
+
 }  // namespace
 }  // namespace kelm
 

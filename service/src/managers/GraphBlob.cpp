@@ -7,12 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "records/KelmGraph.h"
-#include "utils/Digest.h"
 #include "utils/Log.h"
-#include "utils/UniqueFd.h"
 
 namespace kelm {
 namespace {
@@ -20,8 +19,6 @@ namespace {
 // As much as a graph that comes by buffer can have. A sparse file is larger at no cost to its
 // owner, and would cost this process the memory.
 constexpr uint64_t kMaxFileSize = UINT32_MAX;
-constexpr char kDigestOfNoBytes[] =
-    "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
 // Reads until the buffer is full or the file ends; a read error looks like its end.
 uint64_t readUpTo(int fd, char* buffer, uint64_t size) {
@@ -35,6 +32,13 @@ uint64_t readUpTo(int fd, char* buffer, uint64_t size) {
     return count;
 }
 
+// Nanoseconds of the coarse clock by which the kernel marks a file as changed.
+int64_t fileClock() {
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
 }  // namespace
 
 bool GraphBlob::isGraphFile(const char* path) {
@@ -44,52 +48,74 @@ bool GraphBlob::isGraphFile(const char* path) {
 
 GraphBlob GraphBlob::fromFile(const char* path) {
     GraphBlob blob;
-    if (!blob.read(path)) return blob;
-    // Deliberate: an empty file has the digest of no bytes while its record has none, so that it
-    // loads and is never taken for another one's twin.
-    blob.m_recordHash = sha256ForBuffer(blob.m_data, blob.m_size);
-    blob.m_hash = blob.m_size == 0 ? kDigestOfNoBytes : blob.m_recordHash;
+    if (!blob.open(path)) blob.m_file.reset();
     return blob;
 }
 
-GraphBlob GraphBlob::fromBuffer(const char* data, uint64_t size) {
+GraphBlob GraphBlob::fromBuffer(UniqueMalloc<char> bytes, uint64_t size) {
     GraphBlob blob;
-    blob.m_data = data;
+    blob.m_bytes = std::move(bytes);
     blob.m_size = size;
-    blob.m_hash = sha256ForBuffer(data, size);
-    blob.m_recordHash = blob.m_hash;
     return blob;
 }
 
-bool GraphBlob::read(const char* path) {
+bool GraphBlob::open(const char* path) {
+    m_openTime = fileClock();
     // The path may name something else by now: without O_NONBLOCK a FIFO would hold this thread.
-    const UniqueFd file(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file) {
+    m_file.reset(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!m_file) {
         LOG_ERROR("failed to open file %s. errno = %d (%s)", path, errno, std::strerror(errno));
         return false;
     }
     struct stat status {};
-    if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    if (::fstat(m_file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
     const auto size = static_cast<uint64_t>(status.st_size);
     if (size > kMaxFileSize) return false;
-    m_owned.reset(static_cast<char*>(std::malloc(std::max<uint64_t>(size, 1))));
-    if (!m_owned) return false;
-    m_size = readUpTo(file.get(), m_owned.get(), size);
-    m_data = m_owned.get();
+    m_identity.emplace(status);
+    m_size = size;
     m_path = path;
     return true;
 }
 
+bool GraphBlob::advance() {
+    if (m_file && !m_bytes) {
+        m_bytes.reset(static_cast<char*>(std::malloc(std::max<uint64_t>(m_size, 1))));
+    }
+    if (!m_bytes) return true;
+    if (takeSlice()) return false;
+    finish();
+    return true;
+}
+
+// False when that was the last one.
+bool GraphBlob::takeSlice() {
+    char* const slice = m_bytes.get() + m_done;
+    uint64_t count = std::min(kSliceBytes, m_size - m_done);
+    if (m_file) {
+        const uint64_t wanted = std::exchange(count, readUpTo(m_file.get(), slice, count));
+        if (count < wanted) m_size = m_done + count;
+    }
+    m_digest.update(slice, count);
+    m_done += count;
+    return m_done < m_size;
+}
+
+void GraphBlob::finish() {
+    m_hash = m_digest.finish();
+    if (!m_file) return;
+    struct stat status {};
+    // One that was changed within the clock's last tick may be changed again without a mark.
+    m_identityProven = ::fstat(m_file.get(), &status) == 0 && FileIdentity(status) == m_identity &&
+                       m_identity->changed < m_openTime;
+    m_file.reset();
+}
+
 std::unique_ptr<KelmGraph> GraphBlob::makeGraph(uint64_t id, uint64_t clientId, const char* name,
                                                 int32_t expectDevices) {
-    UniqueMalloc<char> bytes = std::move(m_owned);
-    if (!bytes) {
-        bytes.reset(static_cast<char*>(std::malloc(m_size)));
-        if (!bytes) return nullptr;
-        std::memcpy(bytes.get(), m_data, m_size);
-    }
-    return std::make_unique<KelmGraph>(id, clientId, m_path.c_str(), std::move(bytes), m_size,
-                                       m_recordHash, name, expectDevices);
+    // Deliberate: an empty file has the digest of no bytes while its record has none, so that it
+    // loads and is never taken for another one's twin.
+    return std::make_unique<KelmGraph>(id, clientId, m_path.c_str(), std::move(m_bytes), m_size,
+                                       m_size == 0 ? std::string() : m_hash, name, expectDevices);
 }
 
 }  // namespace kelm

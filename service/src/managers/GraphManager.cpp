@@ -2,7 +2,6 @@
 
 #include "config/ServiceConfigParser.h"
 #include "managers/ClientManager.h"
-#include "managers/GraphBlob.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "protocol/src/MessagePtr.h"
@@ -34,6 +33,7 @@ GraphManager::GraphManager()
       m_snapshotBase(ServiceConfigParser::instance().getGraphSnapshotMode() == "base"),
       m_dumpPath(settleDumpPath()),
       m_graphIdentity(ServiceConfigParser::instance().getGraphIdentity()),
+      m_turns(m_pool),
       m_pool("GraphMgr", 1, 100) {
     const int limit = ServiceConfigParser::instance().getMaxGraphNumber();
     if (limit > 0) m_maxGraphNum = limit;
@@ -47,6 +47,7 @@ GraphManager::~GraphManager() {
     LOG_PROC(m_debugProcess, "to destruct graph manager");
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
     m_stopped.store(true);
+    m_turns.stop();
     MutexLock lock(m_mutex);
     // What is still going away stays: a device that has not let go of it may still read it.
     for (KelmGraph* graph : m_loadedGraphs) {
@@ -60,37 +61,19 @@ GraphManager::~GraphManager() {
     LOG_PROC(m_debugProcess, "graph manager destructed");
 }
 
-void GraphManager::enqueueCreateGraph(uint64_t clientId, const char* graphPath,
-                                      const char* graphName, const char* tag, const char* streamId,
-                                      int32_t subclass, int32_t expectDevices, int socket,
-                                      void* userParam) {
-    const CreateRequest request{clientId,      graphName,          tag, streamId, subclass,
-                                expectDevices, {socket, userParam}};
-    m_pool.post([this, request, graphPath] { createGraphByPath(request, graphPath); });
-}
-
-void GraphManager::enqueueCreateGraph(uint64_t clientId, const char* graphData,
-                                      uint64_t graphDataSize, const char* graphName,
-                                      const char* tag, const char* streamId, int32_t subclass,
-                                      int32_t expectDevices, int socket, void* userParam) {
-    const CreateRequest request{clientId,      graphName,          tag, streamId, subclass,
-                                expectDevices, {socket, userParam}};
-    m_pool.post([this, request, graphData, graphDataSize] {
-        createGraph(request, [&] { return GraphBlob::fromBuffer(graphData, graphDataSize); });
-    });
-}
-
 void GraphManager::enqueueDestroyGraph(uint64_t clientId, uint64_t graphId, int socket,
                                        void* userParam) {
-    m_pool.post([this, clientId, graphId, response = Response{socket, userParam}] {
+    m_turns.enqueue(socket, 0, [this, clientId, graphId, response = Response{socket, userParam}] {
         destroyGraph(clientId, graphId, response);
+        return true;
     });
 }
 
 void GraphManager::enqueueQueryBufferSize(uint64_t clientId, uint64_t graphId, int socket,
                                           void* userParam) {
-    m_pool.post([this, clientId, graphId, response = Response{socket, userParam}] {
+    m_turns.enqueue(socket, 0, [this, clientId, graphId, response = Response{socket, userParam}] {
         queryBufferSize(clientId, graphId, response);
+        return true;
     });
 }
 

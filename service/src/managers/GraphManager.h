@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,12 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "managers/FileDigests.h"
+#include "managers/GraphTurns.h"
 #include "protocol/src/KelmError.h"
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadPool.h"
+#include "utils/ThreadRole.h"
 
 namespace kelm {
 
@@ -38,7 +40,11 @@ struct KelmStatus;
 // pool's one thread in order of arrival, so no notice in the queue can name a deleted graph.
 //
 // A request (`userParam`) is the client's message: it is answered exactly once, or released where
-// no answer is given. Texts and blobs in it live until then.
+// no answer is given. Texts in it live until then; a blob is taken out when its turn comes and goes
+// as soon as it is in a record, or not needed.
+//
+// Requests of one connection are handled in order. A create request takes a turn of the thread for
+// every few megabytes, so that large blobs hold up nobody else, and one file is read at a time.
 //
 // Threads: handlers run on the pool's one thread; getGraphById() on any, onPrintInfo() on the
 // printer's, removeAllGraphs() on the stopping one.
@@ -89,15 +95,9 @@ class GraphManager : public Singleton<GraphManager>,
         int socket = -1;
         void* userParam = nullptr;
     };
-    struct CreateRequest {
-        uint64_t clientId;
-        const char* graphName;
-        const char* tag;
-        const char* streamId;
-        int32_t subclass;
-        int32_t expectDevices;
-        Response response;
-    };
+    struct CreateRequest;
+    struct Creation;  // a create request and how far it has come
+    using CreationPtr = std::shared_ptr<Creation>;
     struct CreateAnswer {
         KelmGraph* graph;
         KelmError error;
@@ -106,11 +106,19 @@ class GraphManager : public Singleton<GraphManager>,
         bool unloadDone = false;
         bool allTasksDone = false;
     };
-    // Reads or borrows the blob and digests it; an empty digest is failure.
-    using BlobLoader = std::function<GraphBlob()>;
-
-    void createGraphByPath(const CreateRequest& request, const char* graphPath) EXCLUDES(m_mutex);
-    void createGraph(const CreateRequest& request, const BlobLoader& loadBlob) EXCLUDES(m_mutex);
+    void enqueueCreation(const CreationPtr& creation);
+    // One turn; true when the request is answered, or will be with the outcome of a load.
+    bool continueCreation(const CreationPtr& creation) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    // The same, with the answer if it has one now.
+    bool createGraph(const CreationPtr& creation, std::optional<CreateAnswer>& answer)
+        REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    // Finds the blob, of which nothing is read yet. False if the path names no graph.
+    bool openBlob(Creation& creation);
+    // Takes the place of the one who reads a file; false while another has it.
+    bool takeReadersPlace(const CreationPtr& creation) REQUIRES(m_onPool);
+    // True if the file is known by its state and was joined or refused.
+    bool joinKnownFile(const Creation& creation, std::optional<CreateAnswer>& answer)
+        REQUIRES(m_onPool) EXCLUDES(m_mutex);
     // False if the graph is a new one. Else the answer, or none when it comes with the outcome of a
     // load.
     bool joinGraphUnsafe(const CreateRequest& request, const std::string& hash,
@@ -182,6 +190,10 @@ class GraphManager : public Singleton<GraphManager>,
     CondVar m_goneCond;  // a graph has been taken out of existence
     // Atomic: set once on the way down, and read wherever an answer would go out.
     std::atomic<bool> m_stopped{false};
+    ThreadRole m_onPool;
+    FileDigests m_fileDigests GUARDED_BY(m_onPool);
+    std::weak_ptr<Creation> m_reader GUARDED_BY(m_onPool);  // one file in memory at a time
+    GraphTurns m_turns;
     ThreadPool m_pool;  // last: the others outlive its thread
 };
 

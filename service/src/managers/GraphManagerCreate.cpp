@@ -8,6 +8,7 @@
 #include "managers/GraphBlob.h"
 #include "managers/GraphManager.h"
 #include "managers/TaskManager.h"
+#include "protocol/src/KelmProtocol.h"
 #include "records/KelmGraph.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
@@ -66,39 +67,125 @@ std::string makeDumpFileName(KelmGraph& graph) {
 
 }  // namespace
 
-void GraphManager::createGraphByPath(const CreateRequest& request, const char* graphPath) {
-    if (!GraphBlob::isGraphFile(graphPath)) {
-        LOG_ERROR("Error: invalid graphPath '%s'", graphPath);
-        sendCreateGraphResponse({nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED}, request.response);
-        return;
-    }
-    createGraph(request, [graphPath] { return GraphBlob::fromFile(graphPath); });
+struct GraphManager::CreateRequest {
+    uint64_t clientId;
+    const char* graphName;
+    const char* tag;
+    const char* streamId;
+    int32_t subclass;
+    int32_t expectDevices;
+    Response response;
+};
+
+struct GraphManager::Creation {
+    const CreateRequest request;
+    const char* const path;   // null for a graph that came as a buffer
+    const uint64_t data = 0;  // where its bytes are in the request
+    const uint64_t dataSize = 0;
+    bool opened = false;
+    GraphBlob blob{};
+};
+
+void GraphManager::enqueueCreateGraph(uint64_t clientId, const char* graphPath,
+                                      const char* graphName, const char* tag, const char* streamId,
+                                      int32_t subclass, int32_t expectDevices, int socket,
+                                      void* userParam) {
+    const CreateRequest request{clientId,      graphName,          tag, streamId, subclass,
+                                expectDevices, {socket, userParam}};
+    enqueueCreation(std::make_shared<Creation>(Creation{request, graphPath}));
 }
 
-void GraphManager::createGraph(const CreateRequest& request, const BlobLoader& loadBlob) {
-    LOG_PROC(m_debugProcess, "[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p",
-             request.clientId, request.graphName, request.response.socket,
-             request.response.userParam);
-    if (!ClientManager::instance().verifyClient(request.clientId)) {
-        LOG_ERROR("Error: invalid clientId %lu", request.clientId);
-        sendCreateGraphResponse({nullptr, KELM_ERROR_INVALID_CLIENT}, request.response);
-        return;
+void GraphManager::enqueueCreateGraph(uint64_t clientId, const char* graphData,
+                                      uint64_t graphDataSize, const char* graphName,
+                                      const char* tag, const char* streamId, int32_t subclass,
+                                      int32_t expectDevices, int socket, void* userParam) {
+    const CreateRequest request{clientId,      graphName,          tag, streamId, subclass,
+                                expectDevices, {socket, userParam}};
+    const auto data = reinterpret_cast<uint64_t>(graphData);
+    enqueueCreation(std::make_shared<Creation>(Creation{request, nullptr, data, graphDataSize}));
+}
+
+void GraphManager::enqueueCreation(const CreationPtr& creation) {
+    m_turns.enqueue(creation->request.response.socket, creation->dataSize, [this, creation] {
+        m_onPool.assertHeld();
+        return continueCreation(creation);
+    });
+}
+
+bool GraphManager::continueCreation(const CreationPtr& creation) {
+    std::optional<CreateAnswer> answer;
+    if (!createGraph(creation, answer)) return false;
+    creation->blob = {};  // an answer may wait for room
+    // The graph of the answer lives on without the mutex: only this thread deletes one.
+    if (answer) sendCreateGraphResponse(*answer, creation->request.response);
+    return true;
+}
+
+bool GraphManager::createGraph(const CreationPtr& creation, std::optional<CreateAnswer>& answer) {
+    const CreateRequest& request = creation->request;
+    if (!openBlob(*creation)) {
+        LOG_ERROR("Error: invalid graphPath '%s'", creation->path);
+        answer = CreateAnswer{nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED};
+        return true;
     }
-    GraphBlob blob = loadBlob();
+    // Looked at in each turn: who leaves must not be entered as a user afterwards, and who has hung
+    // up wants no more bytes to be read.
+    if (m_stopped.load() || !ClientManager::instance().verifyClient(request.clientId) ||
+        GraphBacklog::hasHungUp(request.response.socket)) {
+        LOG_ERROR("Error: invalid clientId %lu", request.clientId);
+        answer = CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
+        return true;
+    }
+    GraphBlob& blob = creation->blob;
+    if (joinKnownFile(*creation, answer)) return true;
+    if (creation->path != nullptr && !takeReadersPlace(creation)) return false;
+    if (!blob.advance()) return false;
     if (blob.getHash().empty()) {
         LOG_ERROR("Error: no valid sha256 value");
-        sendCreateGraphResponse({nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED}, request.response);
-        return;
+        answer = CreateAnswer{nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED};
+        return true;
     }
-    std::optional<CreateAnswer> answer;
+    if (blob.isIdentityProven()) m_fileDigests.remember(*blob.getIdentity(), blob.getHash());
     bool joined = false;
     {
         MutexLock lock(m_mutex);
         joined = joinGraphUnsafe(request, blob.getHash(), answer);
     }
     if (!joined) answer = loadNewGraph(request, blob);
-    // The graph of the answer lives on without the mutex: only this thread deletes one.
-    if (answer) sendCreateGraphResponse(*answer, request.response);
+    return true;
+}
+
+bool GraphManager::openBlob(Creation& creation) {
+    if (std::exchange(creation.opened, true)) return true;
+    const CreateRequest& request = creation.request;
+    if (creation.path != nullptr && !GraphBlob::isGraphFile(creation.path)) return false;
+    LOG_PROC(m_debugProcess, "[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p",
+             request.clientId, request.graphName, request.response.socket,
+             request.response.userParam);
+    if (creation.path != nullptr) {
+        creation.blob = GraphBlob::fromFile(creation.path);
+    } else {
+        auto* const message = static_cast<KelmMsgBase*>(request.response.userParam);
+        creation.blob =
+            GraphBlob::fromBuffer(kelmTakeBlock(message, creation.data), creation.dataSize);
+    }
+    return true;
+}
+
+bool GraphManager::takeReadersPlace(const CreationPtr& creation) {
+    const CreationPtr reader = m_reader.lock();
+    if (!reader) m_reader = creation;
+    return !reader || reader == creation;
+}
+
+// Deliberate: what is known of a file only finds its twins. The record of a graph is made of bytes
+// that were digested themselves, since a mapped file can change without a mark.
+bool GraphManager::joinKnownFile(const Creation& creation, std::optional<CreateAnswer>& answer) {
+    const std::optional<FileIdentity>& file = creation.blob.getIdentity();
+    const std::string* const hash = file ? m_fileDigests.find(*file) : nullptr;
+    if (hash == nullptr) return false;
+    MutexLock lock(m_mutex);
+    return joinGraphUnsafe(creation.request, *hash, answer);
 }
 
 bool GraphManager::joinGraphUnsafe(const CreateRequest& request, const std::string& hash,
@@ -136,11 +223,6 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(const Creat
     const uint64_t id = m_nextGraphId.fetch_add(1);
     std::unique_ptr<KelmGraph> record =
         blob.makeGraph(id, request.clientId, request.graphName, request.expectDevices);
-    if (!record) {
-        // A client chose the size, so this ends the request and not the service.
-        LOG_ERROR("new operation error");
-        return CreateAnswer{nullptr, KELM_ERROR_OUT_OF_MEMORY};
-    }
     record->setLoadTraceIndex(traceBegin("load_graph_", id));
     dumpGraph(*record);
     // Deliberate: the trace of a load that never starts stays open, and so is not in the files.

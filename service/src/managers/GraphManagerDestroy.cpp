@@ -140,13 +140,17 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
 
 void GraphManager::drainPoolUntil(std::chrono::steady_clock::time_point deadline) {
     const auto fence = std::make_shared<std::promise<void>>();
-    m_pool.postNotice([fence] { fence->set_value(); });
+    m_pool.postNotice([this, fence] {
+        m_turns.finish();  // those that have begun have no place in the queue
+        fence->set_value();
+    });
     (void)fence->get_future().wait_until(deadline);  // a late thread is told by m_stopped
 }
 
 void GraphManager::removeAllGraphs() {
     const auto deadline = std::chrono::steady_clock::now() + kRemoveAllLimit;
     m_stopped.store(true);
+    m_turns.stop();
     drainPoolUntil(deadline);
     MutexLock lock(m_mutex);
     // One that is going away already is in m_graphs no more, so no device is told twice.

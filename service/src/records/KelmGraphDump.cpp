@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 
 #include "records/KelmGraph.h"
 #include "utils/FileHelper.h"
@@ -35,12 +36,17 @@ bool KelmGraph::dumpToFile(const std::string& path) {
         FileHelper::createDirectories(path.substr(0, slash));
     // A link that somebody planted in a shared directory is not followed, a pipe not waited for.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const UniqueFd file(::open(path.c_str(), kFlags, 0644));
-    if (!file || !writeAll(file.get(), m_data.get(), m_dataSize)) {
-        LOG_ERROR("Error: failed to create dump file '%s'", path);
-        return false;
+    UniqueFd file(::open(path.c_str(), kFlags, 0644));
+    const bool opened = static_cast<bool>(file);
+    // Some file systems tell only at the close that there was no room.
+    if (opened && writeAll(file.get(), m_data.get(), m_dataSize) && ::close(file.release()) == 0) {
+        return true;
     }
-    return true;
+    const int error = errno;
+    if (opened) (void)::unlink(path.c_str());  // half a graph would pass for a whole one
+    LOG_ERROR("Error: failed to create dump file '%s'", path);
+    LOG_ERROR("Error: the dump ended with: %s", std::generic_category().message(error));
+    return false;
 }
 
 }  // namespace kelm

@@ -33,6 +33,8 @@ constexpr int kFailureStatus = 255;  // what the shell sees of it
 constexpr std::chrono::milliseconds kTimeToEnd{8000};
 constexpr long kLookForSignalMillisec = 100;
 
+constexpr int kMappedBlockBytes = 128 << 10;
+
 CommandLineParser cmdlineParser;
 
 void startDaemon(int argc, char** argv) {
@@ -54,6 +56,9 @@ void setupEnvironment() {
     occupyStandardDescriptors();
     // Threads share two heaps: one for each would keep the service's memory several times over.
     ::mallopt(M_ARENA_MAX, 2);
+    // Graphs come and go: their memory goes back at once, whatever was freed before. Left alone,
+    // the allocator keeps blocks as large as the largest that it has seen.
+    ::mallopt(M_MMAP_THRESHOLD, kMappedBlockBytes);
     if (!CommonHelper::liftMaxOpenFileLimit()) {
         std::cerr
             << "## Warning: failed to lift max fd open count limitation for kelmdaemon.\n"

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <compare>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+
+namespace kelm {
+
+// One state of one file. Who writes to the file makes another state of it, provided that the clock
+// has moved on since; see GraphBlob.
+struct FileIdentity {
+    explicit FileIdentity(const struct stat& status);
+    auto operator<=>(const FileIdentity&) const = default;
+
+    uint64_t device;
+    uint64_t inode;
+    int64_t size;
+    int64_t modified;  // nanoseconds of the system clock
+    int64_t changed;   // the same; unlike `modified` nobody can set it
+};
+
+// The digests of the files that were read last.
+//
+// Threads: one. Owns: at most kMost entries, of which the oldest makes room.
+class FileDigests {
+ public:
+    // Null if the file was never seen in this state, or too long ago.
+    const std::string* find(const FileIdentity& file) const;
+    void remember(const FileIdentity& file, const std::string& digest);
+
+    static constexpr size_t kMost = 256;
+
+ private:
+    std::map<FileIdentity, std::string> m_digests;
+    std::deque<FileIdentity> m_order;  // oldest first
+};
+
+}  // namespace kelm

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+
+#include "managers/GraphBacklog.h"
+#include "utils/ThreadRole.h"
+
+namespace kelm {
+
+class ThreadPool;
+
+// Brings requests to the graph manager's one thread. A request may take more than one turn there,
+// and other work of the thread goes on between two turns. Requests of one connection run one after
+// the other, in order of arrival; connections whose requests are not done yet take turns.
+//
+// Threads: any may enqueue; turns are taken on the pool's thread.
+// Owns: the requests until they are done. Borrows the pool, whose thread ends first.
+class GraphTurns {
+ public:
+    // Takes one turn of a request; true when that is done. Once stop() was called it must be.
+    using Step = std::function<bool()>;
+
+    explicit GraphTurns(ThreadPool& pool) : m_pool(pool) {}
+
+    // Waits for room in the pool's queue. The request has a blob of so many bytes with it.
+    void enqueue(int connection, uint64_t blobBytes, Step step);
+    // From here each request is done at its next turn, and none waits for others.
+    void stop() { m_stopped.store(true); }
+    // On the pool's thread, after stop(): ends what has had a first turn.
+    void finish();
+
+ private:
+    void start(int connection, Step step) REQUIRES(m_onPool);
+    void takeTurn() REQUIRES(m_onPool);
+    void queueTurn() REQUIRES(m_onPool);
+
+    ThreadPool& m_pool;
+    // Atomic: set by the stopping thread, read by the pool's.
+    std::atomic<bool> m_stopped{false};
+    GraphBacklog m_backlog;  // before the requests, which are counted there
+    ThreadRole m_onPool;
+    std::map<int, std::deque<Step>> m_waiting GUARDED_BY(m_onPool);  // never an empty queue
+    std::deque<int> m_order GUARDED_BY(m_onPool);  // the connections above, next one first
+    bool m_turnQueued GUARDED_BY(m_onPool) = false;
+};
+
+}  // namespace kelm
