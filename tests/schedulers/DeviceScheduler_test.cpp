@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "fakes/Eventually.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
@@ -249,6 +251,37 @@ TEST_F(DeviceSchedulerTest, StopThatComesBeforeTheWaitIsNotLost) {
         scheduler.start();
         ASSERT_TRUE(scheduler.stop(std::chrono::seconds(10)));
     }
+}
+
+// What has been captured of the standard output up to now; the capture goes on.
+std::string capturedSoFar() {
+    std::fflush(stdout);
+    std::string text(10000, '\0');
+    text.resize(static_cast<size_t>(
+        std::max<ssize_t>(::pread(STDOUT_FILENO, text.data(), text.size(), 0), 0)));
+    return text;
+}
+
+TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
+    StatusChangeOperation::setPatience(std::chrono::milliseconds(1));
+    SteppedSqueeze scheduler;
+    scheduler.addWorker(makeWorker("a"));
+    KelmGraph* const graph = makeGraph();
+    for (const auto& [call, words] :
+         {std::pair(DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"),
+          std::pair(DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended")}) {
+        SCOPED_TRACE(words);
+        m_devices["a"].block(call);
+        call == DeviceCall::Allocate ? scheduler.loadGraph(graph) : scheduler.unloadGraph(graph);
+        testing::internal::CaptureStdout();
+        auto pass = std::async(std::launch::async, [&] { scheduler.pass(); });
+        EXPECT_TRUE(eventually([&] { return capturedSoFar().find(words) != std::string::npos; }));
+        m_devices["a"].release(call);
+        pass.get();
+        const std::string log = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(log.find("has not ended"), log.rfind("has not ended")) << log;
+    }
+    StatusChangeOperation::setPatience(std::chrono::seconds(10));
 }
 
 TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {
