@@ -78,7 +78,7 @@ TEST_F(ResetQueueTest, RequestIsRefusedOnlyBehindALongReset) {
     m_queue->enqueue(5, nullptr);
     ASSERT_TRUE(hasBegun(1));
     m_queue->enqueue(5, this);
-    EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
+    ASSERT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
     EXPECT_EQ(m_sink.resets().back().userParam, this);
     letGo();
     ASSERT_TRUE(isAnswered(2));

@@ -65,6 +65,13 @@ TEST_F(DeviceSchedulerStreamTest, GraphOfADeviceThatDiedGetsTwoOthers) {
     EXPECT_EQ(play("U1 | +a -b -c L2 | +b | -a +c"), "gone1 | 2x1 | 2x2 ok2 | 2x1");
 }
 
+TEST_F(DeviceSchedulerStreamTest, GraphOfAFailedDeviceIsKnownToItsUnload) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(play("+a L1 | *a U1"), "1x1 ok1 | gone1");
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                ::testing::Not(::testing::HasSubstr("cannot find loaded graph")));
+}
+
 TEST_F(DeviceSchedulerStreamTest, CreateIsAnsweredWhenItsDeviceDiesBeforeTheJudgement) {
     KelmDeviceBase::setFactory([](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
         const auto script = std::make_shared<DeviceScript>();

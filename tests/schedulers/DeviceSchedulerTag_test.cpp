@@ -59,7 +59,7 @@ const LazyCase kCases[] = {
      "6x1 ok6 | | 6x1 | 6x1 fail7=-122"},
     {"HeadUnloadedWithItsFailureIsGivenBackTwice", "+a L6 | *a U6 | +b +c L7",
      "6x1 ok6 | gone6 | 7x1 ok7"},
-    {"FailedIdleDeviceIsUsed", "+a %a | L6 | +b L7", "| fail6=-122 | 7x1 ok7"},
+    {"FailedDeviceThatComesIsUsed", "+a %a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
     {"DeviceThatLeavesAtOnceIsUsed", "+a -a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
 };
 INSTANTIATE_TEST_SUITE_P(Catches, DeviceSchedulerTagOrder, ::testing::ValuesIn(kCases), faultOf);

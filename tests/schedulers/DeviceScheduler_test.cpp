@@ -189,6 +189,7 @@ class RecordingLazy : public DeviceSchedulerLazy {
     ~RecordingLazy() override { join(); }
 
     void handleLoadGraphFail(KelmGraph*) override {}
+    int passes() const { return m_passes; }
     View view() {
         MutexLock lock(m_mutex);
         return m_view;
@@ -196,6 +197,7 @@ class RecordingLazy : public DeviceSchedulerLazy {
 
  protected:
     bool mapResource() override REQUIRES(m_onSchedulingThread) {
+        ++m_passes;
         MutexLock lock(m_mutex);
         m_view = {m_idleWorkers, m_graphWorkers};
         for (WorkThread* worker : m_removeWorkers) {
@@ -210,6 +212,7 @@ class RecordingLazy : public DeviceSchedulerLazy {
     }
 
  private:
+    std::atomic<int> m_passes{0};
     Mutex m_mutex;
     View m_view GUARDED_BY(m_mutex);
 };
@@ -251,6 +254,16 @@ TEST_F(DeviceSchedulerTest, StopThatComesBeforeTheWaitIsNotLost) {
         scheduler.start();
         ASSERT_TRUE(scheduler.stop(std::chrono::seconds(10)));
     }
+}
+
+TEST_F(DeviceSchedulerTest, WakeThatComesBeforeTheWaitIsNotLost) {
+    RecordingLazy lazy;
+    ScriptedActive active([](int, auto&) { return true; }, std::chrono::hours(1));
+    lazy.wake();
+    active.wake();
+    lazy.start();
+    active.start();
+    EXPECT_TRUE(eventually([&] { return lazy.passes() == 1 && active.protocol() == "P0 "; }));
 }
 
 // What has been captured of the standard output up to now; the capture goes on.
