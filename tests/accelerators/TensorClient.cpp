@@ -41,6 +41,7 @@ uint64_t TensorClient::createGraph(const std::string& graph) {
     request.subclass = m_tensors.subclass;
     plan().name.copy(request.graphName, sizeof(request.graphName) - 1);
     m_tensors.streamId.copy(request.streamId, sizeof(request.streamId) - 1);
+    m_tensors.tag.copy(request.graphTag, sizeof(request.graphTag) - 1);
     request.head.base.dataNum = 1;
     request.head.base.dataSize[0] = graph.size();
     if (!raw().send(request, {}, graph)) return 0;

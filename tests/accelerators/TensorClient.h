@@ -20,6 +20,7 @@ struct TensorPlan {
     int32_t subclass = 0;
     std::string streamId;
     TensorTypes types = TensorTypes::kMixed;
+    std::string tag{};
 };
 
 // A load client whose tasks have tensors, and that computes what each result must be.

@@ -1,4 +1,5 @@
 #include "WorkerFixture.h"
+#include "fakes/FakeWorkerFailureListener.h"
 
 namespace kelm {
 
@@ -125,6 +126,61 @@ TEST_F(WorkThreadTest, ResetIsAnsweredToItsClient) {
     EXPECT_EQ(sink.resets()[0].socket, 5);
     EXPECT_EQ(sink.resets()[0].userParam, &request);
     EXPECT_EQ(sink.resets()[1].error, KelmError(-2));
+}
+
+TEST_F(WorkThreadTest, FailureIsToldOnceWhereverItIsMet) {
+    constexpr int kRefused = -5;
+    const struct {
+        const char* where;
+        std::function<void()> meet;
+    } rows[] = {
+        {"input",
+         [&] {
+             script.fail(DeviceCall::LoadTensor, 1, kHardwareError);
+             worker->enqueueLoadTensor(addTask(graph.get()));
+         }},
+        {"result",
+         [&] {
+             script.fail(DeviceCall::GetResult, 1, kHardwareError);
+             worker->enqueueLoadTensor(addTask(graph.get()));
+         }},
+        {"load",
+         [&] {
+             script.fail(DeviceCall::Allocate, 1, kHardwareError);
+             EXPECT_EQ(load(other.get()), kHardwareError);
+         }},
+        {"unload",
+         [&] {
+             script.fail(DeviceCall::Deallocate, 1, kRefused);
+             EXPECT_EQ(unload(graph.get()), kRefused);
+         }},
+        {"unload of a cached graph",
+         [&] {
+             script.fail(DeviceCall::Deallocate, 1, kRefused);
+             EXPECT_EQ(unload(other.get()), kRefused);
+         }},
+        {"reset by a client",
+         [&] {
+             script.loseOnReset();
+             worker->enqueueResetDevice(5, nullptr);
+         }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.where);
+        FakeWorkerFailureListener failures;
+        const ScopedPort<WorkerFailureListener> port(failures);
+        start(2);
+        ASSERT_EQ(load(graph.get()), 0);
+        EXPECT_FALSE(worker->isFailed());
+        row.meet();
+        EXPECT_TRUE(eventually([&] { return !failures.failed().empty(); }));
+        EXPECT_TRUE(worker->isFailed());
+        worker->enqueueLoadTensor(addTask(graph.get()));
+        (void)unload(graph.get());  // whatever a dead device answers
+        worker->checkDevice();
+        EXPECT_THAT(failures.failed(), ElementsAre(worker.get()));
+        worker.reset();
+    }
 }
 
 TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {

@@ -14,7 +14,7 @@
 
 namespace kelm {
 
-enum class DeviceCall { Open, Reset, Allocate, Deallocate, LoadTensor, GetResult, Forget };
+enum class DeviceCall { Open, Reset, Allocate, Deallocate, LoadTensor, GetResult, Forget, Thermal };
 
 // What the scripted device of a name and its clones do, and what they were told. Any thread.
 class DeviceScript {
@@ -33,6 +33,11 @@ class DeviceScript {
     void setHardwareError(int error) {
         MutexLock lock(m_mutex);
         m_hardwareErrors.insert(error);
+    }
+    // A reset ends the device, as it does an accelerator.
+    void loseOnReset() {
+        MutexLock lock(m_mutex);
+        m_lostOnReset = true;
     }
     // Calls of the kind wait inside, until release(). A test must not end before it has released.
     void block(DeviceCall call) {
@@ -96,6 +101,7 @@ class DeviceScript {
     std::map<DeviceCall, int> m_permits GUARDED_BY(m_mutex);
     std::set<DeviceCall> m_blocked GUARDED_BY(m_mutex);
     std::set<int> m_hardwareErrors GUARDED_BY(m_mutex);
+    bool m_lostOnReset GUARDED_BY(m_mutex) = false;
     std::vector<KelmTask*> m_loadedTasks GUARDED_BY(m_mutex);
     std::vector<std::pair<KelmGraph*, bool>> m_deallocated GUARDED_BY(m_mutex);
     std::vector<KelmGraph*> m_cached GUARDED_BY(m_mutex);
@@ -127,6 +133,11 @@ class ScriptedDevice : public KelmDeviceBase {
     void setMaxCacheGraphNumber(int number) override {
         MutexLock lock(m_script->m_mutex);
         m_script->m_maxCacheGraphNumber = number;
+    }
+    int updateThermal() override {
+        const int rc = m_script->run(DeviceCall::Thermal);
+        if (isHardwareError(rc)) m_deviceFailed = true;
+        return rc;
     }
     std::vector<KelmGraph*> getCachedGraphList() override {
         MutexLock lock(m_script->m_mutex);
@@ -177,7 +188,12 @@ class ScriptedDevice : public KelmDeviceBase {
         return m_script->run(DeviceCall::LoadTensor);
     }
     int getResultImpl(KelmTask*) override { return m_script->run(DeviceCall::GetResult); }
-    int hardwareResetDeviceCore() override { return m_script->run(DeviceCall::Reset); }
+    int hardwareResetDeviceCore() override {
+        const int rc = m_script->run(DeviceCall::Reset);
+        MutexLock lock(m_script->m_mutex);
+        if (m_script->m_lostOnReset) m_deviceFailed = true;
+        return rc;
+    }
 
  private:
     void drop(KelmGraph* graph, bool keepCached) {

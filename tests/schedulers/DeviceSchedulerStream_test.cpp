@@ -34,6 +34,17 @@ const LazyCase kCases[] = {
     {"DeviceThatDiesUnderItsGraphGetsTheNext", "+a L1 | ?a U1 | L2 | +b L3",
      "1x1 ok1 | gone1 | fail2=-122 | 3x1 ok3"},
     {"CanceledLoadTakesTheDevice", "+a L1 U1 | L2", "gone1 | 2x1 ok2"},
+    {"FailedDeviceKeepsItsGraph", "+a L1 | +b *a | L2", "1x1 ok1 | 1x1 | 1x1 fail2=-122"},
+    {"ResetDeviceKeepsItsGraph", "+a L1 | +b %a | L2", "1x1 ok1 | 1x1 | 1x1 fail2=-122"},
+    {"GraphIsMovedFromTheFirstFailedDeviceOnly", "+a L1 | +b *a | +c *b | L2",
+     "1x1 ok1 | 1x1 | 1x1 | 1x1 fail2=-122"},
+    {"GraphOfAFailedDeviceDoesNotWait", "+a L1 | *a | +b", "1x1 ok1 | | 1x1"},
+    {"GraphMovesOnceMoreAsItsFailedDeviceLeaves", "+a L1 | +b *a | +c -a | L2",
+     "1x1 ok1 | 1x1 | 1x1 | 1x1 2x1 ok2"},
+    {"DeviceThatReturnsCountsAsFailed", "+a L1 | *a | -a +a", "1x1 ok1 | | 1x1"},
+    {"GraphUnloadedWithItsFailureIsDisplaced", "+a L1 | *a U1 | +b | L2",
+     "1x1 ok1 | gone1 | | 2x1 ok2"},
+    {"FailedIdleDeviceIsUsed", "+a %a | L1 | +b L2", "| fail1=-122 | 2x1 ok2"},
 };
 INSTANTIATE_TEST_SUITE_P(Catches, DeviceSchedulerStreamOrder, ::testing::ValuesIn(kCases), faultOf);
 
@@ -52,6 +63,23 @@ TEST_F(DeviceSchedulerStreamTest, GraphOfADeviceThatDiedGetsTwoOthers) {
     });
     EXPECT_EQ(play("+a L1 | -a +b +c"), "1x1 | 1x1 ok1");
     EXPECT_EQ(play("U1 | +a -b -c L2 | +b | -a +c"), "gone1 | 2x1 | 2x2 ok2 | 2x1");
+}
+
+TEST_F(DeviceSchedulerStreamTest, GraphOfAFailedDeviceIsKnownToItsUnload) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(play("+a L1 | *a U1"), "1x1 ok1 | gone1");
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                ::testing::Not(::testing::HasSubstr("cannot find loaded graph")));
+}
+
+TEST_F(DeviceSchedulerStreamTest, CreateIsAnsweredWhenItsDeviceDiesBeforeTheJudgement) {
+    KelmDeviceBase::setFactory([](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+        const auto script = std::make_shared<DeviceScript>();
+        if (name == "b") return std::make_unique<ScriptedDevice>(name, script);
+        return std::make_unique<LostDevice>(name, script);
+    });
+    EXPECT_EQ(play("+a L1 |"), "1x1 | fail1=-122");
+    EXPECT_EQ(play("+c L2 | +b"), "2x1 | 2x1 ok2");
 }
 
 TEST_F(DeviceSchedulerStreamTest, UnloadOfAGraphThatIsNowhereIsToldAndConfirmed) {

@@ -51,6 +51,15 @@ const LazyCase kCases[] = {
     {"DeadDeviceGivesBackTwice", "+a ?a L6 | -a | +b +c ~a L7", "fail6=-126 | | 7x1 ok7"},
     {"DeviceThatReturnsCountsAsDead", "+a ?a L6 | -a ~a | +a L7", "fail6=-126 | | 7x1 ok7"},
     {"CanceledLoadTakesTheTag", "+a L6 U6 | L7", "gone6 | 7x1 ok7"},
+    {"FailedDeviceKeepsItsHead", "+a L6 | +b *a | L1", "6x1 ok6 | 6x1 | 6x1 fail1=-122"},
+    {"ResetDeviceKeepsItsHead", "+a L6 | +b %a | L1", "6x1 ok6 | 6x1 | 6x1 fail1=-122"},
+    {"OneOfTwoFailedDevicesKeepsItsHead", "+a +b L1 | +c *a | L6",
+     "1x2 ok1 | 1x2 | 1x2 fail6=-122"},
+    {"HeadOfAFailedDeviceIsGivenBackTwice", "+a L6 | *a | -a +b +c | L7",
+     "6x1 ok6 | | 6x1 | 6x1 fail7=-122"},
+    {"HeadUnloadedWithItsFailureIsGivenBackTwice", "+a L6 | *a U6 | +b +c L7",
+     "6x1 ok6 | gone6 | 7x1 ok7"},
+    {"FailedDeviceThatComesIsUsed", "+a %a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
     {"DeviceThatLeavesAtOnceIsUsed", "+a -a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
 };
 INSTANTIATE_TEST_SUITE_P(Catches, DeviceSchedulerTagOrder, ::testing::ValuesIn(kCases), faultOf);
@@ -71,12 +80,12 @@ TEST_F(DeviceSchedulerTagTest, NoOrderOfEventsCreatesOrLosesHeadcount) {
         std::mt19937 random(seed);
         const auto pick = [&](const std::string& from) { return from[random() % from.size()]; };
         for (int event = 0; event < 20; ++event) {
-            const char verb = pick("++--!?~LLUU|||");
+            const char verb = pick("++--!?~*%LLUU|||");
             const bool isGraph = verb == 'L' || verb == 'U';
             const char name = pick(isGraph ? "12367" : "abcd");
             const bool exists = isGraph ? m_live.contains(name) : m_workers.contains(name);
             if ((verb == '+' || verb == 'L') && exists) continue;
-            if ((verb == '-' || verb == 'U') && !exists) continue;
+            if (std::string("-U*%").find(verb) != std::string::npos && !exists) continue;
             if (verb == '|') (void)pass();
             if (verb != '|') act(verb, name);
             size_t cameras = 0;

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "fakes/Eventually.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
@@ -187,6 +189,7 @@ class RecordingLazy : public DeviceSchedulerLazy {
     ~RecordingLazy() override { join(); }
 
     void handleLoadGraphFail(KelmGraph*) override {}
+    int passes() const { return m_passes; }
     View view() {
         MutexLock lock(m_mutex);
         return m_view;
@@ -194,6 +197,7 @@ class RecordingLazy : public DeviceSchedulerLazy {
 
  protected:
     bool mapResource() override REQUIRES(m_onSchedulingThread) {
+        ++m_passes;
         MutexLock lock(m_mutex);
         m_view = {m_idleWorkers, m_graphWorkers};
         for (WorkThread* worker : m_removeWorkers) {
@@ -208,6 +212,7 @@ class RecordingLazy : public DeviceSchedulerLazy {
     }
 
  private:
+    std::atomic<int> m_passes{0};
     Mutex m_mutex;
     View m_view GUARDED_BY(m_mutex);
 };
@@ -249,6 +254,47 @@ TEST_F(DeviceSchedulerTest, StopThatComesBeforeTheWaitIsNotLost) {
         scheduler.start();
         ASSERT_TRUE(scheduler.stop(std::chrono::seconds(10)));
     }
+}
+
+TEST_F(DeviceSchedulerTest, WakeThatComesBeforeTheWaitIsNotLost) {
+    RecordingLazy lazy;
+    ScriptedActive active([](int, auto&) { return true; }, std::chrono::hours(1));
+    lazy.wake();
+    active.wake();
+    lazy.start();
+    active.start();
+    EXPECT_TRUE(eventually([&] { return lazy.passes() == 1 && active.protocol() == "P0 "; }));
+}
+
+// What has been captured of the standard output up to now; the capture goes on.
+std::string capturedSoFar() {
+    std::fflush(stdout);
+    std::string text(10000, '\0');
+    text.resize(static_cast<size_t>(
+        std::max<ssize_t>(::pread(STDOUT_FILENO, text.data(), text.size(), 0), 0)));
+    return text;
+}
+
+TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
+    StatusChangeOperation::setPatience(std::chrono::milliseconds(1));
+    SteppedSqueeze scheduler;
+    scheduler.addWorker(makeWorker("a"));
+    KelmGraph* const graph = makeGraph();
+    for (const auto& [call, words] :
+         {std::pair(DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"),
+          std::pair(DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended")}) {
+        SCOPED_TRACE(words);
+        m_devices["a"].block(call);
+        call == DeviceCall::Allocate ? scheduler.loadGraph(graph) : scheduler.unloadGraph(graph);
+        testing::internal::CaptureStdout();
+        auto pass = std::async(std::launch::async, [&] { scheduler.pass(); });
+        EXPECT_TRUE(eventually([&] { return capturedSoFar().find(words) != std::string::npos; }));
+        m_devices["a"].release(call);
+        pass.get();
+        const std::string log = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(log.find("has not ended"), log.rfind("has not ended")) << log;
+    }
+    StatusChangeOperation::setPatience(std::chrono::seconds(10));
 }
 
 TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {

@@ -4,6 +4,7 @@
 #include <sstream>
 #include <string>
 
+#include "fakes/Eventually.h"
 #include "schedulers/SchedulerRig.h"
 #include "utils/StringHelper.h"
 
@@ -17,6 +18,8 @@ namespace kelm {
 //   !a   device a refuses graphs      |    a pass; there is one at the end, too
 //   ?a   device a is dead
 //   ~a   device a takes graphs again
+//   *a   device a fails with a task of its graph in flight and stays on the bus
+//   %a   a client resets device a, which stays on the bus
 //
 // The outcome has for each pass the graphs with their number of devices and the notices:
 // "1x2 ok1 | 1x2 fail2=-122 | gone1". A graph that is loaded after its end shows up, too.
@@ -65,6 +68,12 @@ class LazyRig : public SchedulerRig {
             m_devices[device].failAll(DeviceCall::Allocate, answer);
             m_devices[device].failAll(DeviceCall::Deallocate, answer);
         }
+        if (verb == '*') failWithTask(device, m_workers[name]);
+        if (verb == '%') {
+            m_devices[device].loseOnReset();
+            m_workers[name]->enqueueResetDevice(-1, nullptr);
+            EXPECT_TRUE(eventually([&] { return m_workers[name]->isFailed(); }));
+        }
         if (verb == 'L') {
             m_live[name] = makeGraph();
             dress(*m_live[name], name);
@@ -100,6 +109,19 @@ class LazyRig : public SchedulerRig {
     size_t countDevices(KelmGraph* graph) {
         return static_cast<size_t>(std::ranges::count_if(
             m_workers, [&](auto& entry) { return entry.second->getGraphs().contains(graph); }));
+    }
+
+    // Nothing happens on a device without a graph.
+    void failWithTask(const std::string& device, WorkThread* worker) {
+        constexpr int kHardwareError = -6;
+        m_devices[device].setHardwareError(kHardwareError);
+        m_devices[device].failAll(DeviceCall::GetResult, kHardwareError);
+        for (KelmGraph* graph : worker->getGraphs()) {
+            const auto task = makeTestTask(1, graph);
+            worker->enqueueLoadTensor(task.get());
+            EXPECT_TRUE(eventually([&] { return !m_exchange.returned().empty(); }));
+            EXPECT_TRUE(eventually([&] { return worker->isFailed(); }));
+        }
     }
 
     std::map<char, WorkThread*> m_workers;

@@ -59,6 +59,19 @@ class DyingDevice : public ScriptedDevice {
     }
 };
 
+// The same, and it shows that it has failed, as an accelerator does.
+class LostDevice : public DyingDevice {
+ public:
+    using DyingDevice::DyingDevice;
+    std::unique_ptr<KelmDeviceBase> clone() override { return std::make_unique<LostDevice>(this); }
+
+ protected:
+    int allocateGraphImpl(KelmGraph* graph) override {
+        static_cast<LostDevice*>(m_parent)->m_deviceFailed = true;
+        return DyingDevice::allocateGraphImpl(graph);
+    }
+};
+
 // Makes its passes on the test's thread, one at a time.
 class SteppedSqueeze : public DeviceSchedulerSqueeze2 {
  public:

@@ -22,8 +22,6 @@ namespace kelm {
 namespace {
 
 constexpr uint64_t kPoolLimit = 100;
-// Fewer than the pool holds: a device that never answers a reset must not block who asks.
-constexpr int kMaxWaitingResets = 50;
 
 void notifyLoadFailed(KelmGraph* graph, KelmError error) {
     using Listener = GraphPlacementListener;
@@ -173,17 +171,10 @@ int DeviceManager::getResetTimes(const std::string& name) {
     return found != m_resetTimes.end() ? found->second : 0;
 }
 
-void DeviceManager::enqueueResetDevice(uint64_t clientId, uint32_t deviceId, int socket,
-                                       void* userParam) {
-    if (m_waitingResets.fetch_add(1) >= kMaxWaitingResets) {
-        m_waitingResets.fetch_sub(1);
-        LOG_ERROR("Error: too many device resets are waiting, client=%lu", clientId);
-        return answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
-    }
-    m_threadPool.post([this, deviceId, socket, userParam] {
-        m_waitingResets.fetch_sub(1);
-        resetDevice(deviceId, socket, userParam);
-    });
+// The pool only passes them on, so whoever asks waits for no device, even when it is full.
+void DeviceManager::enqueueResetDevice(uint64_t, uint32_t deviceId, int socket, void* userParam) {
+    m_threadPool.post(
+        [this, deviceId, socket, userParam] { resetDevice(deviceId, socket, userParam); });
 }
 
 // On the pool, as the taking of removed workers is: the worker that is found stays for the call.

@@ -64,6 +64,8 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, int socket, void* userParam);
     // The scheduler has let go of the worker.
     void enqueueRemoveWorkerDone(WorkThread* worker);
+    // Its device has failed: the scheduler is woken, and a reserved place is free again.
+    void enqueueWorkerFailed(WorkThread* worker) EXCLUDES(m_mutex);
     // A device has come or gone. Never block; false for a subclass that is not this manager's.
     bool enqueuePluginDevice(int subclass, const std::string& name) EXCLUDES(m_mutex);
     bool enqueuePlugoutDevice(int subclass, const std::string& name) EXCLUDES(m_mutex);
@@ -95,8 +97,8 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
         // Null while there is none. Not guarded: set before the first worker, then it stays.
         std::unique_ptr<DeviceSchedulerBase> scheduler;
         // Atomic: written under m_mutex, read without it to route a graph.
-        std::atomic<uint64_t> workerCount{0};
-        uint64_t deviceNum = 0;  // how many workers it may take
+        std::atomic<uint64_t> workerCount{0};  // of a reserved slot: those that have not failed
+        uint64_t deviceNum = 0;                // how many workers it may take
     };
     struct Deleter {
         void operator()(DeviceManager* manager) const;
@@ -119,6 +121,7 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     std::unique_ptr<WorkThread> adoptWorker(std::unique_ptr<WorkThread> worker,
                                             const std::string& name) EXCLUDES(m_mutex);
     void assignScheduler(WorkThread* worker) REQUIRES(m_mutex);
+    SchedulerSlot* findSlot(WorkThread* worker);  // null: its scheduler is none of these
 
     // Workers going.
     bool destroyWorkThread(const std::string& name) REQUIRES(m_mutex);
@@ -192,11 +195,10 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     std::map<std::string, int> m_resetTimes GUARDED_BY(m_mutex);
     std::map<std::string, WorkThread*> m_nameToWorker GUARDED_BY(m_mutex);
     std::set<std::string> m_creatingDevices GUARDED_BY(m_mutex);
+    std::set<WorkThread*> m_failedWorkers GUARDED_BY(m_mutex);  // active, without their place
     // Per device, the events not yet done; the first is being handled.
     std::map<std::string, std::deque<PlugEvent>> m_plugEvents GUARDED_BY(m_mutex);
     WorkThread* m_thermalWorker GUARDED_BY(m_mutex) = nullptr;  // being read: not to be deleted
-    // Atomic: a count of its own, of resets that wait in the pool.
-    std::atomic<int> m_waitingResets{0};
     ThreadPool m_threadPool;
 };
 

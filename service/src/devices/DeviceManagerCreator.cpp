@@ -26,8 +26,6 @@ constexpr uint64_t kPoolThreads = 3;
 constexpr uint64_t kPoolLimit = 20;
 // Answers to questions are quick: no manager that has stopped has anything to tell.
 constexpr std::chrono::seconds kPoolEndTime{3};
-// A library that never answers a reset must not block who asks for the next.
-constexpr int kMaxWaitingResets = 20;
 
 void answerReset(KelmError error, int socket, void* userParam) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
@@ -43,7 +41,8 @@ std::unique_ptr<DeviceMonitorImpl> createUsualImpl() {
 
 DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
     : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()),
-      m_resetPool("DeviceReset", 1, kMaxWaitingResets),
+      m_resets("all devices", m_resetPool, KelmDeviceBase::resetAllDevices),
+      m_resetPool("DeviceReset", 1, kPoolLimit),
       m_threadPool("ThreadPool", kPoolThreads, kPoolLimit) {
     initDeviceMonitor();
     createDeviceManager();
@@ -52,6 +51,7 @@ DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> im
 
 DeviceManagerCreator::~DeviceManagerCreator() {
     Port<WorkerRemovalListener>::disconnect();
+    Port<WorkerFailureListener>::disconnect();
     (void)stop();  // what does not stop is left behind by its owner
 }
 
@@ -143,13 +143,18 @@ void DeviceManagerCreator::enqueueRemoveWorkerDone(WorkThread* worker) {
     LOG_ERROR("Error: cannot find device manager for removed worker(%s)", worker->getName());
 }
 
+void DeviceManagerCreator::enqueueWorkerFailed(WorkThread* worker) {
+    const auto manager = findManager(worker->getSubclass());
+    if (manager) manager->enqueueWorkerFailed(worker);
+}
+
 void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t deviceId,
                                               uint8_t resetAll, int socket, void* userParam) {
     if (!Port<ClientDirectory>::ask<&ClientDirectory::verifyClient>(false, clientId)) {
         LOG_ERROR("Error: invalid clientId(%lu)", clientId);
         return answerReset(KELM_ERROR_INVALID_CLIENT, socket, userParam);
     }
-    if (resetAll != 0) return resetAllDevices(clientId, socket, userParam);
+    if (resetAll != 0) return m_resets.enqueue(socket, userParam);
     for (const auto& [subclass, manager] : m_deviceManagers) {
         if (!manager->hasDevice(deviceId)) continue;
         return manager->enqueueResetDevice(clientId, deviceId, socket, userParam);
@@ -158,20 +163,9 @@ void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t device
     answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
 }
 
-void DeviceManagerCreator::resetAllDevices(uint64_t clientId, int socket, void* userParam) {
-    if (m_waitingResets.fetch_add(1) >= kMaxWaitingResets) {
-        m_waitingResets.fetch_sub(1);
-        LOG_ERROR("Error: too many resets of all devices are waiting, client=%lu", clientId);
-        return answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
-    }
-    m_resetPool.post([this, socket, userParam] {
-        m_waitingResets.fetch_sub(1);
-        answerReset(static_cast<KelmError>(KelmDeviceBase::resetAllDevices()), socket, userParam);
-    });
-}
-
 bool DeviceManagerCreator::stop() {
     m_deviceMonitor.stop();
+    m_resets.close();
     bool stopped = true;
     for (const auto& [subclass, manager] : m_deviceManagers) stopped &= manager->stop();
     stopped &= m_threadPool.waitIdleFor(kPoolEndTime);

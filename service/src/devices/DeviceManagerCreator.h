@@ -1,12 +1,13 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "execution/ResetQueue.h"
+#include "execution/WorkerFailureListener.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/DeviceMonitor.h"
 #include "utils/Singleton.h"
@@ -30,7 +31,8 @@ struct KelmStatus;
 // Owns: the monitor and the managers.
 // Locks: none; the managers are fixed by the construction.
 class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
-                                   public WorkerRemovalListener {
+                                   public WorkerRemovalListener,
+                                   public WorkerFailureListener {
  public:
     // Throws std::invalid_argument for a broken tag map in the configuration. `impl` watches the
     // devices in place of the usual implementation.
@@ -45,6 +47,7 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, uint8_t resetAll, int socket,
                             void* userParam);
     void enqueueRemoveWorkerDone(WorkThread* worker) override;
+    void enqueueWorkerFailed(WorkThread* worker) override;
 
     void enqueueQueryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
     void enqueueQueryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
@@ -63,7 +66,6 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     void handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type);
     // Null, with nothing logged, if there is none.
     std::shared_ptr<DeviceManager> findManager(int subclass) const;
-    void resetAllDevices(uint64_t clientId, int socket, void* userParam);
     void queryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
     void queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
     void updateInfoPackage(InfoPackage* package);
@@ -73,8 +75,7 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     DeviceMonitor m_deviceMonitor;
     std::map<int, std::shared_ptr<DeviceManager>> m_deviceManagers;  // by subclass
     unsigned long m_listenerId = 0;
-    // Atomic: a count of its own, of resets of all devices that wait in the pool.
-    std::atomic<int> m_waitingResets{0};
+    ResetQueue m_resets;  // of all devices at once
     ThreadPool m_resetPool;
     ThreadPool m_threadPool;  // last: its jobs use the managers
 };

@@ -91,6 +91,7 @@ void DeviceManager::updateThermals() {
     for (WorkThread* worker : workers) {
         if (!pinForThermal(worker)) continue;
         if (worker->getTotalFps() < kIdleFps) (void)worker->getDevice()->updateThermal();
+        worker->checkDevice();  // a reading may meet the end of the device
         unpinForThermal();
     }
 }

@@ -92,13 +92,32 @@ bool DeviceManager::destroyWorkThread(const std::string& name) {
     m_nameToWorker.erase(named);
     m_removingWorkers.insert(m_workThreads.extract(worker));
     m_leavingDevices.insert(name);
-    DeviceSchedulerBase* const scheduler = worker->getDeviceScheduler();
-    for (SchedulerSlot& slot : m_schedulers) {
-        if (!scheduler || slot.scheduler.get() != scheduler) continue;
-        scheduler->removeWorker(worker);
-        slot.workerCount.fetch_sub(1);
+    const bool hasPlace = m_failedWorkers.erase(worker) == 0;
+    if (SchedulerSlot* const slot = findSlot(worker)) {
+        slot->scheduler->removeWorker(worker);
+        if (hasPlace) slot->workerCount.fetch_sub(1);
     }
     return true;
+}
+
+DeviceManager::SchedulerSlot* DeviceManager::findSlot(WorkThread* worker) {
+    for (SchedulerSlot& slot : m_schedulers) {
+        if (slot.scheduler && slot.scheduler.get() == worker->getDeviceScheduler()) return &slot;
+    }
+    return nullptr;
+}
+
+// A failed device need not leave the bus, so the next one that comes may take its place. The
+// ordinary graphs have no quota: their devices count until they go, so that a create in between
+// waits for one that returns from its reset.
+void DeviceManager::enqueueWorkerFailed(WorkThread* worker) {
+    MutexLock lock(m_mutex);
+    if (!m_workThreads.contains(worker)) return;  // on its way out already
+    SchedulerSlot* const slot = findSlot(worker);
+    if (slot == nullptr) return;
+    const bool isReserved = slot != &m_schedulers[SQUEEZE];
+    if (isReserved && m_failedWorkers.insert(worker).second) slot->workerCount.fetch_sub(1);
+    slot->scheduler->wake();
 }
 
 void DeviceManager::removeResetWorker(const std::string& name) {

@@ -129,6 +129,8 @@ int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
         LOG_ERROR("[%s] Error: deallocateGraph(%s) failed, rc=%d", m_name, graph->getName(), rc);
         handleDeviceError(rc);
     }
+    // It may have met its end inside, and have released the graph all the same.
+    if (m_device->isFailed()) m_workThread->notifyDeviceFailed();
     return rc;
 }
 
@@ -165,6 +167,7 @@ void SlaveWorker::handleDeviceError(int rc) {
     if (!m_device->isHardwareError(rc) || !m_isDeviceValid.exchange(false)) return;
     m_isApplyEnabled = false;
     m_state = STATE_ERROR;
+    m_workThread->notifyDeviceFailed();
 }
 
 }  // namespace kelm

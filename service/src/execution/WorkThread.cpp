@@ -4,10 +4,10 @@
 
 #include "config/ServiceConfigParser.h"
 #include "execution/KelmDeviceBase.h"
-#include "execution/ResultSink.h"
 #include "execution/SlaveWorker.h"
 #include "execution/SubmitNotice.h"
 #include "execution/TaskExchange.h"
+#include "execution/WorkerFailureListener.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
@@ -23,13 +23,6 @@ constexpr uint64_t kPoolLimit = 100;
 constexpr std::chrono::seconds kResetLimit{3};
 // The device's queues take what is in flight and a little more, so that they never hold up a feed.
 constexpr unsigned int kSpareFifoPlaces = 2;
-// A device that never answers a reset must not block who asks for the next.
-constexpr int kMaxWaitingResets = 20;
-
-void answerReset(int result, int socket, void* userParam) {
-    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(
-        static_cast<KelmError>(result), socket, userParam);
-}
 
 }  // namespace
 
@@ -46,11 +39,13 @@ WorkThread::WorkThread(const std::string& deviceName, int32_t subclass, int32_t 
       m_subclass(subclass),
       m_slaveWorkerNum(slaveWorkerNum),
       m_maxCachedGraphNum(maxCachedGraphNum),
+      m_resets("device(" + deviceName + ")", m_pool, [this] { return resetDevice(); }),
       m_pool(m_name, 1, kPoolLimit) {
     init();
 }
 
 WorkThread::~WorkThread() {
+    m_resets.close();
     {
         MutexLock lock(m_mutex);
         m_stopped = true;
@@ -116,6 +111,20 @@ void WorkThread::destroySlaveWorker() {
 bool WorkThread::isReady() {
     MutexLock lock(m_mutex);
     return !m_stopped;
+}
+
+bool WorkThread::isFailed() const {
+    return m_failed || (m_device != nullptr && m_device->isFailed());
+}
+
+void WorkThread::notifyDeviceFailed() {
+    if (m_failed.exchange(true)) return;
+    using Listener = WorkerFailureListener;
+    Port<Listener>::notify<&Listener::enqueueWorkerFailed>(this);
+}
+
+void WorkThread::checkDevice() {
+    if (isFailed()) notifyDeviceFailed();
 }
 
 float WorkThread::getTotalFps() {
@@ -239,7 +248,9 @@ std::shared_future<int> WorkThread::enqueueUnloadGraph(KelmGraph* graph, bool ke
 
 int WorkThread::deallocateGraph(KelmGraph* graph, bool keepCached) {
     if (m_device == nullptr) return KELM_OK;  // a device that never opened holds nothing
-    return m_device->deallocateGraph(graph, keepCached);
+    const int rc = m_device->deallocateGraph(graph, keepCached);
+    checkDevice();
+    return rc;
 }
 
 void WorkThread::removeInvalidGraph(KelmGraph* graph) {
@@ -262,25 +273,14 @@ void WorkThread::notifyLoadGraphError(SlaveWorker* slaveWorker) {
     }
 }
 
-void WorkThread::enqueueResetDevice(int socket, void* userParam) {
-    if (m_waitingResets.fetch_add(1) >= kMaxWaitingResets) {
-        m_waitingResets.fetch_sub(1);
-        LOG_ERROR("Error: too many resets of device(%s) are waiting", m_deviceName);
-        return answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
-    }
-    m_pool.postNotice([this, socket, userParam] {
-        resetDevice(socket, userParam);
-        m_waitingResets.fetch_sub(1);
-    });
-}
-
 // The mutex is free meanwhile. The device stays for as long as the pool's jobs.
-void WorkThread::resetDevice(int socket, void* userParam) {
-    int result = KELM_ERROR_INVALID_DEVICE;
+int WorkThread::resetDevice() {
+    if (m_device == nullptr) return KELM_ERROR_INVALID_DEVICE;
     setResetting(true);
-    if (m_device != nullptr) result = m_device->resetDevice();
+    const int result = m_device->resetDevice();
     setResetting(false);
-    answerReset(result, socket, userParam);
+    checkDevice();
+    return result;
 }
 
 void WorkThread::setResetting(bool resetting) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "execution/ResetQueue.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 #include "utils/ThreadPool.h"
@@ -42,6 +43,8 @@ class WorkThread : public NonCopyable {
     bool isReady() EXCLUDES(m_mutex);
     const std::string& getName() const { return m_name; }
     int32_t getSubclass() const { return m_subclass; }
+    // The device has failed for good: it takes no graph any more, whatever it still holds.
+    bool isFailed() const;
     // The root device, null when it failed to open.
     KelmDeviceBase* getDevice() const { return m_device.get(); }
     // The scheduler that the worker belongs to; borrowed.
@@ -67,11 +70,14 @@ class WorkThread : public NonCopyable {
     // Futures of a KelmError.
     std::shared_future<int> enqueueLoadGraph(KelmGraph* graph) EXCLUDES(m_mutex);
     std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_mutex);
-    // `userParam` is the request message, answered through the result sink. Refused while many
-    // wait.
-    void enqueueResetDevice(int socket, void* userParam);
+    // `userParam` is the request message, answered through the result sink.
+    void enqueueResetDevice(int socket, void* userParam) { m_resets.enqueue(socket, userParam); }
     // The slave worker's load failed: frees its slot.
     void enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker);
+    // Whoever meets the end of the device says so here; the failure listener hears of the first.
+    void notifyDeviceFailed();
+    // After a use of the root device: the same, if that was its end.
+    void checkDevice();
     // Frees each slot that holds the graph.
     void removeInvalidGraph(KelmGraph* graph) EXCLUDES(m_mutex);
 
@@ -91,7 +97,7 @@ class WorkThread : public NonCopyable {
     // On the pool.
     int deallocateGraph(KelmGraph* graph, bool keepCached);
     void notifyLoadGraphError(SlaveWorker* slaveWorker) EXCLUDES(m_mutex);
-    void resetDevice(int socket, void* userParam) EXCLUDES(m_mutex);
+    int resetDevice() EXCLUDES(m_mutex);
     void setResetting(bool resetting) EXCLUDES(m_mutex);
     std::shared_future<int> answer(int result);
 
@@ -105,14 +111,14 @@ class WorkThread : public NonCopyable {
     // Atomic: set by the device manager after the scheduler may already know the worker.
     std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
 
-    // Atomic: a count of its own, of resets that wait or are under way.
-    std::atomic<int> m_waitingResets{0};
+    std::atomic<bool> m_failed{false};  // atomic: goes up once, on any thread
 
     Mutex m_mutex;
     CondVar m_resetDone;
     bool m_stopped GUARDED_BY(m_mutex) = false;
     bool m_resetting GUARDED_BY(m_mutex) = false;
     std::vector<Slot> m_slots GUARDED_BY(m_mutex);
+    ResetQueue m_resets;
     ThreadPool m_pool;  // last: its jobs use all of the above
 };
 

@@ -3,6 +3,7 @@
 #include "devices/DeviceManagerCreator.h"
 #include "execution/ResultSink.h"
 #include "execution/TaskExchange.h"
+#include "execution/WorkerFailureListener.h"
 #include "managers/ClientManager.h"
 #include "managers/GraphManager.h"
 #include "managers/InfoPrinter.h"
@@ -34,6 +35,7 @@ void connectPorts() {
     connect<TaskScheduleListener, TaskManager>();
     connect<GraphPlacementListener, GraphManager>();
     connect<WorkerRemovalListener, DeviceManagerCreator>();
+    connect<WorkerFailureListener, DeviceManagerCreator>();
 }
 
 }  // namespace kelm

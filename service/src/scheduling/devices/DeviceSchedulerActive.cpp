@@ -17,7 +17,7 @@ bool DeviceSchedulerActive::hasNewChangeRequest() {
 bool DeviceSchedulerActive::waitChangeRequestUntilTimeout() {
     const auto deadline = std::chrono::system_clock::now() + m_interval;
     MutexLock lock(m_requestMutex);
-    if (!m_stop && m_newRequests.empty()) (void)m_requestCond.waitUntil(m_requestMutex, deadline);
+    if (!hasReasonToWakeUnsafe()) (void)m_requestCond.waitUntil(m_requestMutex, deadline);
     return !m_stop;
 }
 

@@ -33,6 +33,12 @@ void DeviceSchedulerBase::postRequest(StatusChangeRequestType type, void* data) 
     m_requestCond.notifyOne();
 }
 
+void DeviceSchedulerBase::wake() {
+    MutexLock lock(m_requestMutex);
+    m_woken = true;
+    m_requestCond.notifyOne();
+}
+
 void DeviceSchedulerBase::start() {
     m_thread = std::thread([this] { run(); });
 }
@@ -85,6 +91,7 @@ bool DeviceSchedulerBase::isAbandoned() {
 
 void DeviceSchedulerBase::updateChangeRequest() {
     MutexLock lock(m_requestMutex);
+    m_woken = false;
     m_takenRequests.splice(m_takenRequests.end(), m_newRequests);
 }
 

@@ -58,6 +58,8 @@ class DeviceSchedulerBase : public NonCopyable {
     void unloadGraph(KelmGraph* graph) EXCLUDES(m_requestMutex);
     void addWorker(WorkThread* worker) EXCLUDES(m_requestMutex);
     void removeWorker(WorkThread* worker) EXCLUDES(m_requestMutex);
+    // A worker has failed: the next pass comes at once, and sees it.
+    void wake() EXCLUDES(m_requestMutex);
 
     // Starts the scheduling thread, once the object is complete and set up.
     void start();
@@ -79,6 +81,10 @@ class DeviceSchedulerBase : public NonCopyable {
 
     // For the destructor of the most derived class: ends the thread, without a limit.
     void join() EXCLUDES(m_requestMutex);
+    // Whether the next pass is due, or the end.
+    bool hasReasonToWakeUnsafe() const REQUIRES(m_requestMutex) {
+        return m_stop || m_woken || !m_newRequests.empty();
+    }
 
     const std::string m_name;
     const bool m_debugProcess;
@@ -99,6 +105,7 @@ class DeviceSchedulerBase : public NonCopyable {
     CondVar m_requestCond;
     // Set under the mutex and tested before each wait, so that no wake-up is lost.
     bool m_stop GUARDED_BY(m_requestMutex) = false;
+    bool m_woken GUARDED_BY(m_requestMutex) = false;  // by wake(), until a pass begins
     std::list<StatusChangeRequest> m_newRequests GUARDED_BY(m_requestMutex);
 
  private:

@@ -1,7 +1,9 @@
 #include "scheduling/devices/DeviceSchedulerLazy.h"
 
 #include "execution/WorkThread.h"
+#include "records/KelmGraph.h"
 #include "scheduling/devices/PlugoutWorkerOperation.h"
+#include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 
 namespace kelm {
@@ -18,7 +20,7 @@ bool DeviceSchedulerLazy::waitChangeRequest() {
     const auto deadline = std::chrono::system_clock::now() + kTimeToAnswer;
     const bool answered = m_loadGraphs.empty();
     MutexLock lock(m_requestMutex);
-    if (m_stop || !m_newRequests.empty()) return !m_stop;
+    if (hasReasonToWakeUnsafe()) return !m_stop;
     if (answered) {
         m_requestCond.wait(m_requestMutex);
     } else {
@@ -62,12 +64,13 @@ void DeviceSchedulerLazy::makeIdle(const std::vector<WorkThread*>& workers) {
 void DeviceSchedulerLazy::collectAndClassify() {
     m_idleWorkers.clear();
     m_graphWorkers.clear();
+    m_strandedGraphs.clear();
     // A lost worker that has been plugged out is gone; a new one may live at its address.
     std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
         return !m_workers.contains(worker);
     });
     for (WorkThread* worker : m_addWorkers) {
-        if (!m_removeWorkers.contains(worker)) m_idleWorkers.insert(worker);
+        if (!m_removeWorkers.contains(worker)) classify(worker);
     }
     for (WorkThread* worker : m_workers) {
         if (!m_removeWorkers.contains(worker)) classify(worker);
@@ -75,11 +78,26 @@ void DeviceSchedulerLazy::collectAndClassify() {
 }
 
 void DeviceSchedulerLazy::classify(WorkThread* worker) {
+    // One that failed with tasks in flight makes no operation fail, and need not leave the bus.
+    if (worker->isFailed()) handleLostWorker(worker);
     const std::set<KelmGraph*> graphs = worker->getGraphs();
     if (graphs.empty()) return makeIdle({worker});
     for (KelmGraph* graph : graphs) {
-        if (graph != nullptr) m_graphWorkers[graph].push_back(worker);
+        if (m_lostWorkers.contains(worker) && !m_unloadGraphs.contains(graph)) {
+            strand(graph, worker);
+        } else {
+            m_graphWorkers[graph].push_back(worker);
+        }
     }
+}
+
+// The lost worker lets go of the graph, so that it can be loaded elsewhere, or its creator be told
+// that it cannot.
+void DeviceSchedulerLazy::strand(KelmGraph* graph, WorkThread* worker) {
+    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
+    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s worker=%s), device lost",
+             graph->getName(), worker->getName());
+    m_strandedGraphs.insert(graph);
 }
 
 }  // namespace kelm

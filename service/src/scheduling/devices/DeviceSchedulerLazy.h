@@ -36,12 +36,15 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
     // The workers that stay or come, without a graph and by graph. Rebuilt before each plan.
     std::set<WorkThread*> m_idleWorkers GUARDED_BY(m_onSchedulingThread);
     std::map<KelmGraph*, std::vector<WorkThread*>> m_graphWorkers GUARDED_BY(m_onSchedulingThread);
+    // Graphs that this pass takes off lost workers, but for those that are to be unloaded anyway.
+    std::set<KelmGraph*> m_strandedGraphs GUARDED_BY(m_onSchedulingThread);
 
  private:
     // False when the thread is to end.
     bool waitChangeRequest() REQUIRES(m_onSchedulingThread) EXCLUDES(m_requestMutex);
     void collectAndClassify() REQUIRES(m_onSchedulingThread);
     void classify(WorkThread* worker) REQUIRES(m_onSchedulingThread);
+    void strand(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
 
     // Held workers whose device is gone. They refuse every load, so they are never idle.
     std::set<WorkThread*> m_lostWorkers GUARDED_BY(m_onSchedulingThread);

@@ -18,6 +18,7 @@ bool DeviceSchedulerStream::mapResource() {
     forgetPlacedGraphs();
     handleUnloadGraph();
     handleRemoveWorker();
+    displace(m_strandedGraphs);
     placeDisplacedGraphs();
     handleLoadGraph();
     return true;
@@ -47,9 +48,13 @@ void DeviceSchedulerStream::handleUnloadGraph() {
 void DeviceSchedulerStream::handleRemoveWorker() {
     for (WorkThread* worker : m_removeWorkers) {
         makePlugout(worker);
-        for (KelmGraph* graph : worker->getGraphs()) {
-            if (needsNewWorker(graph)) m_displacedGraphs.insert(graph);
-        }
+        displace(worker->getGraphs());
+    }
+}
+
+void DeviceSchedulerStream::displace(const std::set<KelmGraph*>& graphs) {
+    for (KelmGraph* graph : graphs) {
+        if (needsNewWorker(graph)) m_displacedGraphs.insert(graph);
     }
 }
 

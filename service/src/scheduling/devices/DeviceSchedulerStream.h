@@ -7,7 +7,7 @@
 namespace kelm {
 
 // Serves graphs that carry a stream id: each gets one device of its own and keeps it. A graph whose
-// device is taken away gets another as soon as there is one, ahead of new graphs.
+// device is taken away or fails gets another as soon as there is one, ahead of new graphs.
 //
 // Threads, owns, locks: as the base.
 class DeviceSchedulerStream : public DeviceSchedulerLazy {
@@ -25,17 +25,18 @@ class DeviceSchedulerStream : public DeviceSchedulerLazy {
     void forgetPlacedGraphs() REQUIRES(m_onSchedulingThread);
     void handleUnloadGraph() REQUIRES(m_onSchedulingThread);
     void handleRemoveWorker() REQUIRES(m_onSchedulingThread);
+    void displace(const std::set<KelmGraph*>& graphs) REQUIRES(m_onSchedulingThread);
     void placeDisplacedGraphs() REQUIRES(m_onSchedulingThread);
     void handleLoadGraph() REQUIRES(m_onSchedulingThread);
-    // Whether the graph of a leaving worker is to be moved to another.
+    // Whether the graph of a leaving or lost worker is to be moved to another.
     bool needsNewWorker(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
     void makeUnload(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
     void makeLoad(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
 
     // Deliberate: nothing here reads it, the manager sends no more workers than that.
     unsigned long m_streamDeviceNum = 0;
-    // Graphs whose worker went away. One leaves the set when it is seen on another worker, so that
-    // a new load that fails leaves it waiting; and when it is unloaded or given up.
+    // Graphs whose worker went away or was lost. One leaves the set when it is seen on another
+    // worker, so that a new load that fails leaves it waiting; and when it is unloaded or given up.
     std::set<KelmGraph*> m_displacedGraphs GUARDED_BY(m_onSchedulingThread);
 };
 

@@ -32,7 +32,8 @@ void PlugoutWorkerOperation::wait() {
     for (const auto& [graph, unload] : m_futures) {
         LOG_PROC(m_debugProcess, "wait unload [%s] from reset device [%s] done", unload.graphName,
                  m_worker->getName());
-        unload.future.wait();  // its value does not matter: the device is gone
+        // The value does not matter: the device is gone.
+        waitDone(unload.future, "unload", unload.graphName, *m_worker);
     }
     // What the device holds without a slave worker: once the pass is reported its record may go.
     if (KelmDeviceBase* const device = m_worker->getDevice()) device->forgetGraphs();

@@ -1,9 +1,20 @@
 #include "scheduling/devices/StatusChangeOperation.h"
 
+#include <atomic>
+
 #include "config/ServiceConfigParser.h"
+#include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
+#include "utils/Log.h"
 
 namespace kelm {
+
+namespace {
+
+// Atomic: read by each scheduling thread.
+std::atomic<std::chrono::milliseconds> s_patience{std::chrono::seconds(10)};
+
+}  // namespace
 
 StatusChangeOperation::StatusChangeOperation()
     : m_debugProcess(ServiceConfigParser::instance().isStatusChangeOperationDebugProcessEnabled()) {
@@ -16,6 +27,24 @@ void StatusChangeOperation::execute() {
 }
 
 bool StatusChangeOperation::isOperation(KelmGraph*, StatusChangeRequestType) { return false; }
+
+void StatusChangeOperation::setPatience(std::chrono::milliseconds patience) {
+    s_patience = patience;
+}
+
+// The pass and all that its scheduler has to do stand still meanwhile.
+void StatusChangeOperation::waitDone(const std::shared_future<int>& job, const char* step,
+                                     const std::string& graphName, WorkThread& worker) {
+    const std::chrono::milliseconds patience = s_patience;
+    if (job.wait_for(patience) == std::future_status::ready) return;
+    std::string states;
+    for (const std::string& state : worker.getStates()) states += " " + state;
+    LOG_WARN(
+        "Warn: %s [%s] on worker(%s) has not ended for over %ld ms, its scheduler waits; states of "
+        "the worker:%s. If it goes on, unplug the device and plug it in again",
+        step, graphName, worker.getName(), patience.count(), states);
+    job.wait();
+}
 
 bool StatusChangeOperation::isDeviceLost() const {
     return m_retCode == KELM_ERROR_DEVICE_FAILED || m_retCode == KELM_ERROR_DEVICE_NOT_OPEN;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <future>
+#include <string>
 
 #include "scheduling/devices/StatusChangeRequest.h"
 #include "utils/NonCopyable.h"
@@ -23,7 +26,8 @@ class StatusChangeOperation : public NonCopyable {
 
     // Both throw what the worker's pools or the job throw.
     virtual void execute();
-    // Blocks until the job is done, without a limit. Nothing to wait for: returns.
+    // Blocks until the job is done, without a limit; the log tells of one that takes long. Nothing
+    // to wait for: returns.
     virtual void wait() {}
     // What the job gave, 0 before.
     virtual int32_t getRetCode() { return m_retCode; }
@@ -34,6 +38,8 @@ class StatusChangeOperation : public NonCopyable {
     virtual void releaseFailed() {}
     // After wait(): the worker, if its answer says that the device is gone, else null.
     virtual WorkThread* getLostWorker() const { return nullptr; }
+    // How long a job may take untold. For tests, before any pass.
+    static void setPatience(std::chrono::milliseconds patience);
     // The outcome in place of an exception that execute() or wait() threw.
     void setFailed(int32_t retCode) { m_retCode = retCode; }
 
@@ -46,6 +52,9 @@ class StatusChangeOperation : public NonCopyable {
 
     // Whether the outcome says that the device is gone.
     bool isDeviceLost() const;
+    // For wait(); `step` is what the job does to the graph.
+    static void waitDone(const std::shared_future<int>& job, const char* step,
+                         const std::string& graphName, WorkThread& worker);
 
     int32_t m_retCode = 0;
     const bool m_debugProcess;

@@ -30,6 +30,7 @@ void UnloadGraphOperation::wait() {
     if (!m_future.valid()) return;
     LOG_PROC(m_debugProcess, "wait unload [%s] from [%s] done", m_graphName, m_worker->getName());
     const std::shared_future<int> future = std::exchange(m_future, {});
+    waitDone(future, "unload", m_graphName, *m_worker);
     m_retCode = future.get();
     LOG_PROC(m_debugProcess, "unload [%s] from [%s] done, retCode=%d", m_graphName,
              m_worker->getName(), m_retCode);

@@ -1,0 +1,85 @@
+#include "accelerators/AcceleratorFixture.h"
+#include "accelerators/TensorClient.h"
+#include "client/Client.h"
+
+namespace kelm {
+namespace {
+
+// Devices that are reserved and fail, and that their reset does not take off the bus.
+class ReservedFaultsTest : public AcceleratorFixture {
+ protected:
+    void startReserved(const std::string& reservation) {
+        plug("1.1");
+        plug("1.2");
+        startService(R"("scheduler_config": [{"subclass": 0, )" + reservation + "}]");
+    }
+    client::ServiceStatus status() {
+        const auto client = client::Client::connect(path());
+        const auto status = client ? client.value()->queryStatus() : client.error();
+        return status ? status.value() : client::ServiceStatus();
+    }
+};
+
+TEST_F(ReservedFaultsTest, TasksGoOnElsewhereWhenADeviceFailsAndStays) {
+    const struct {
+        const char* reservation;
+        TensorPlan tensors;
+    } rows[] = {{R"("stream_device_number": 2)", {0, "camera"}},
+                {R"("graph_tag_map": {"one": 1, "two": 1})", {0, "", TensorTypes::kMixed, "one"}}};
+    for (const auto& [reservation, tensors] : rows) {
+        for (const std::string fault : {"qxFifoGetOption -6", "qxFifoReadElem -2"}) {
+            SCOPED_TRACE(reservation + (" " + fault));
+            startReserved(reservation);
+            LoadPlan plan;
+            plan.name = "client";
+            plan.graphs = {"graph"};
+            TensorLoad load(path(), plan, tensors);
+            EXPECT_TRUE(load.getsOn()) << lastLines();
+            host().order("fail * qxDeviceHWReset -1\nfail * " + fault + " 1");
+            EXPECT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();
+            EXPECT_TRUE(load.getsOn()) << lastLines();
+            EXPECT_EQ(load.finish(), "");
+            EXPECT_EQ(logCount("Old worker"), 0U) << "it has left the bus";
+            host().order("");
+            endService();
+        }
+    }
+}
+
+// One device takes the graph and fails while the pass waits for the other, which refuses it.
+TEST_F(ReservedFaultsTest, CreateWhoseDeviceDiesBeforeThePassEndsIsAnswered) {
+    constexpr int kRefused = -3;
+    startReserved(R"("graph_tag_map": {"one": 2})");
+    host().order(
+        "fail 1.1 qxDeviceHWReset -1\n"
+        "slow 1.2 qxGraphAllocate 3000 1\n"
+        "fail 1.2 qxGraphAllocate -3");
+    auto creator = client::Client::connect(path());
+    ASSERT_TRUE(creator);
+    ASSERT_FALSE(creator.value()->registerClient("creator"));
+    auto created = std::async(std::launch::async, [&] {
+        client::GraphOptions options;
+        options.name = "graph";
+        options.tag = "one";
+        const std::string blob = "graph";
+        return creator.value()->createGraph(std::as_bytes(std::span(blob)), options).error().code();
+    });
+    RawClient other(path());
+    auto reset = RawClient::request<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
+    reset.clientId = other.registerClient("other");
+    ASSERT_TRUE(waitWithEvents([&] {
+        for (const client::DeviceStatus& row : status().devices) {
+            if (row.name != "1.1" || row.graph != "graph") continue;
+            reset.deviceId = row.id;
+            return true;
+        }
+        return false;
+    })) << lastLines();
+    EXPECT_EQ(other.call<KelmMsgRsp>(reset, KELM_MESSAGE_RESET_DEVICE_RSP).status, -1);
+    EXPECT_EQ(created.wait_for(std::chrono::seconds(30)), std::future_status::ready) << lastLines();
+    creator.value().reset();  // ends the wait
+    EXPECT_EQ(created.get(), kRefused);
+}
+
+}  // namespace
+}  // namespace kelm

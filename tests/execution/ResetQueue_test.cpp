@@ -1,0 +1,113 @@
+#include "execution/ResetQueue.h"
+
+#include "fakes/Eventually.h"
+#include "fakes/FakeResultSink.h"
+#include "fakes/TestPch.h"
+#include "protocol/src/KelmError.h"
+#include "utils/Port.h"
+#include "utils/ThreadPool.h"
+
+namespace kelm {
+namespace {
+
+using testing::ElementsAre;
+
+// The nth reset, from 0, waits until the test lets it go on, and gives n.
+class ResetQueueTest : public testing::Test {
+ protected:
+    void make(std::chrono::milliseconds patience) {
+        m_queue.emplace(
+            "device(a)", m_pool,
+            [this] {
+                const int number = m_begun++;
+                m_go.wait();
+                return number;
+            },
+            patience);
+    }
+    ~ResetQueueTest() override {
+        letGo();
+        m_queue->close();
+    }
+    void letGo() {
+        if (!std::exchange(m_gone, true)) m_release.set_value();
+    }
+    bool hasBegun(int number) {
+        return eventually([&] { return m_begun == number; });
+    }
+    std::vector<int> results() {
+        std::vector<int> results;
+        for (const auto& reset : m_sink.resets()) results.push_back(reset.error);
+        return results;
+    }
+    bool isAnswered(size_t number) {
+        return eventually([&] { return m_sink.resets().size() == number; });
+    }
+
+    static constexpr std::chrono::hours kLong{1};
+    static constexpr std::chrono::milliseconds kNone{-1};  // any time is longer
+    FakeResultSink m_sink;
+    ScopedPort<ResultSink> m_port{m_sink};
+    std::promise<void> m_release;
+    std::shared_future<void> m_go = m_release.get_future().share();
+    bool m_gone = false;
+    std::atomic<int> m_begun{0};
+    std::optional<ResetQueue> m_queue;
+    ThreadPool m_pool{"Resets", 1, 10};
+};
+
+TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {
+    constexpr int kResets = 300;
+    make(kLong);
+    std::vector<int> expected;
+    for (int reset = 0; reset < kResets; ++reset) {
+        m_queue->enqueue(reset, nullptr);
+        expected.push_back(reset);
+    }
+    ASSERT_TRUE(hasBegun(1));
+    auto seen = m_pool.enqueue([this] { return m_begun.load(); });
+    letGo();
+    EXPECT_EQ(seen.get(), 1) << "resets before a job that came during the first";
+    EXPECT_TRUE(isAnswered(kResets));
+    EXPECT_EQ(results(), expected);
+    EXPECT_EQ(m_sink.resets().back().socket, kResets - 1);
+}
+
+TEST_F(ResetQueueTest, RequestIsRefusedOnlyBehindALongReset) {
+    make(kNone);
+    m_queue->enqueue(5, nullptr);
+    ASSERT_TRUE(hasBegun(1));
+    m_queue->enqueue(5, this);
+    ASSERT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
+    EXPECT_EQ(m_sink.resets().back().userParam, this);
+    letGo();
+    ASSERT_TRUE(isAnswered(2));
+    m_queue->enqueue(5, nullptr);
+    EXPECT_TRUE(isAnswered(3));
+    EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE, 0, 1));
+}
+
+TEST_F(ResetQueueTest, FloodIsRefusedAtTheBoundOnMemory) {
+    make(kLong);
+    m_queue->enqueue(5, nullptr);
+    ASSERT_TRUE(hasBegun(1));
+    for (size_t i = 0; i < ResetQueue::kMaxWaiting; ++i) m_queue->enqueue(5, nullptr);
+    EXPECT_TRUE(m_sink.resets().empty());
+    m_queue->enqueue(5, nullptr);
+    EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
+}
+
+TEST_F(ResetQueueTest, CloseAnswersWhatWaits) {
+    make(kLong);
+    for (int i = 0; i < 3; ++i) m_queue->enqueue(5, nullptr);
+    ASSERT_TRUE(hasBegun(1));
+    m_queue->close();
+    m_queue->enqueue(5, nullptr);
+    EXPECT_THAT(results(), ElementsAre(-4, -4, -4));
+    letGo();
+    EXPECT_TRUE(isAnswered(4));
+    EXPECT_EQ(m_begun, 1);
+}
+
+}  // namespace
+}  // namespace kelm
