@@ -30,6 +30,8 @@ class FaultsTest : public AcceleratorFixture {
         TensorLoad load(path(), twoGraphs("warm-up"));
         EXPECT_TRUE(load.getsOn()) << lastLines();
         EXPECT_EQ(load.finish(), "");
+        auto auxiliary = checkedLoad(0, "--tasks 8 --aux");  // opens the ION device, once
+        EXPECT_EQ(resultOf(auxiliary), "");
         m_before = Footprint::settled(service().pid());
     }
     // To be called when all clients have left and all devices are there again.
@@ -203,9 +205,6 @@ TEST_F(FaultsTest, RandomFaultsCostNoAnswerAndNoDevice) {
     for (const char* name : {"first", "second", "third", "fourth"}) {
         loads.push_back(checkedLoad(0, std::string("--tasks 1000 --failing --aux --name ") + name));
     }
-    TensorLoad witness(path(), plan("witness", {"its own"}));
-    EXPECT_TRUE(witness.getsOn());
-    witness.hangUp();
     simulator::FaultMix mix(1, devices);
     for (auto& load : loads) {
         const auto ended = [&] {
