@@ -1,5 +1,6 @@
 // The path of a task through an accelerator, and what the device tells of itself.
 #include <cmath>
+#include <fstream>
 #include <future>
 
 #include "ZorvanFixture.h"
@@ -23,6 +24,12 @@ class KelmZorvanTaskTest : public ZorvanFixture {
     int run(KelmTask* task) {
         const int rc = first->loadTensor(task);
         return rc != 0 ? rc : first->getResult(task);
+    }
+    static bool isAsleep(pid_t thread) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        return text.find(") S ") != std::string::npos;
     }
     // Behind the results that do not count after a change of graphs.
     void warmUp() {
@@ -226,16 +233,22 @@ TEST_F(KelmZorvanTaskTest, ResultsOfOthersStayOutOfABuffer) {
 
 // Twenty in a row, with queues of four places.
 TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
+    // Done with a result of which nobody knows whether it was that of its first or second attempt.
+    KelmTask* const doubtful = addTask(shared("0000"), shared("...."));
+    tevo.failBehind("qxFifoReadElem", kRefused);
+    EXPECT_EQ(run(doubtful), kRefused);
+    EXPECT_EQ(run(doubtful), 0);
     const struct {
         const char* what;
         std::function<void()> failNext;
     } rows[] = {
-        {"refused", [this] { tevo.fail("qxGraphQueueInference", kRefused, 1); }},
-        {"kept", [this] { tevo.fail("qxFifoReadElem", kRefused); }},
         {"taken", [this] { tevo.failBehind("qxFifoReadElem", kRefused); }},
+        {"kept", [this] { tevo.fail("qxFifoReadElem", kRefused); }},
+        {"refused",
+         [this, lacking = 0]() mutable {
+             tevo.fail("qxGraphQueueInference", kRefused, std::exchange(lacking, 1));
+         }},
     };
-    tevo.fail("qxGraphQueueInference", kRefused);
-    EXPECT_EQ(run(addTask(shared("0000"), shared("...."))), kRefused);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         for (int i = 0; i < 20; ++i) {
@@ -279,7 +292,12 @@ TEST_F(KelmZorvanTaskTest, InputWithoutRoomWaitsForTheResults) {
             ASSERT_EQ(first->loadTensor(loaded.back()), 0);
         }
         KelmTask* const task = addTask(ion("last"), ion("...."));
-        auto load = std::async(std::launch::async, [&] { return first->loadTensor(task); });
+        std::atomic<pid_t> loader{0};
+        auto load = std::async(std::launch::async, [&] {
+            loader = ::gettid();
+            return first->loadTensor(task);
+        });
+        EXPECT_TRUE(eventually([&] { return loader != 0 && isAsleep(loader); }));
         for (KelmTask* earlier : loaded) end(earlier);
         EXPECT_EQ(load.get(), isReset ? KELM_ERROR_DEVICE_FAILED : 0);
         if (isReset) continue;
