@@ -124,7 +124,7 @@ class KelmDeviceBase : public NonCopyable {
     virtual int deallocateGraphImpl(KelmGraph* graph, bool keepCached) REQUIRES(m_deviceMutex) = 0;
     virtual int loadTensorImpl(KelmTask* task) = 0;
     virtual int getResultImpl(KelmTask* task) = 0;
-    virtual int hardwareResetDeviceCore();           // any thread: a failing call may get here too
+    virtual int hardwareResetDeviceCore();  // any thread: a failing call may get here too
     // Drops what the device knows of the graph by its address; handles stay for the destructor.
     virtual void forgetGraphImpl(KelmGraph* graph) REQUIRES(m_deviceMutex);
     // Moves the current graph's statistics to the previous slots.
