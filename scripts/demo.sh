@@ -93,7 +93,8 @@ run_on_accelerators() {
     local client
     for client in "${clients[@]}"; do wait "$client" || wrong=1; done
 
-    printf '%-12s %10s %6s %7s %10s %13s\n' client right wrong failed 'per second' 'slowest in ms'
+    printf '%-12s %10s %6s %7s %10s %10s %13s\n' client right wrong failed unanswered \
+        'per second' 'slowest in ms'
     cat "$work"/client-* "$work"/errors-*
     [ "$wrong" -ne 0 ] || echo "every result is right"
 }

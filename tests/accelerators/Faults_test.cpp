@@ -5,6 +5,7 @@
 #include "accelerators/TensorClient.h"
 #include "client/Client.h"
 #include "system/TopProcess.h"
+#include "tools/simulator/FaultMix.h"
 
 namespace kelm {
 namespace {
@@ -29,6 +30,8 @@ class FaultsTest : public AcceleratorFixture {
         TensorLoad load(path(), twoGraphs("warm-up"));
         EXPECT_TRUE(load.getsOn()) << lastLines();
         EXPECT_EQ(load.finish(), "");
+        auto auxiliary = checkedLoad(0, "--tasks 8 --aux");  // opens the ION device, once
+        EXPECT_EQ(resultOf(auxiliary), "");
         m_before = Footprint::settled(service().pid());
     }
     // To be called when all clients have left and all devices are there again.
@@ -41,6 +44,21 @@ class FaultsTest : public AcceleratorFixture {
         }
     }
 
+    client::ServiceStatus status() {
+        auto client = client::Client::connect(path());
+        EXPECT_TRUE(client) << client.error().text();
+        const auto status = client.value()->queryStatus();
+        EXPECT_TRUE(status) << status.error().text();
+        return status ? status.value() : client::ServiceStatus();
+    }
+    // Whether all devices serve, if there are graphs for all.
+    bool waitNoneIdle(size_t devices) {
+        return waitWithEvents([&] {
+            const auto isBusy = [](const client::DeviceStatus& row) { return row.fps > 0.0f; };
+            const client::ServiceStatus now = status();
+            return now.devices.size() == devices && std::ranges::all_of(now.devices, isBusy);
+        });
+    }
     // Whether its worker has been built anew so often.
     bool waitBack(const std::string& device, size_t count) {
         return waitLogCount("worker(Wt" + device + ") created on device", count + 1);
@@ -161,6 +179,53 @@ TEST_F(FaultsTest, UnpluggedDeviceTakesTasksWithIt) {
     expectNothingLeft();
 }
 
+// With few places in the device's queues, faults that leave results there which nobody reads.
+TEST_F(FaultsTest, PassingFaultsShiftNoResultAndStallNothing) {
+    plug("1.1");
+    startService(R"("service_settings": {"max_inference_number": 2})");
+    for (const char* order : {"fail 1.1 qxFifoReadElem -5 1", "lose 1.1 qxFifoReadIonElem -5 1",
+                              "fail 1.1 qxGraphQueueInference -5 16 2",
+                              "fail 1.1 qxFifoReadElem -5 30", "lose 1.1 qxFifoReadElem -7 30"}) {
+        SCOPED_TRACE(order);
+        auto first = checkedLoad(0, "--tasks 200 --failing --name first");
+        auto second = checkedLoad(0, "--tasks 200 --failing --name second");
+        host().order(order);
+        EXPECT_EQ(resultOf(first), "");
+        EXPECT_EQ(resultOf(second), "");
+    }
+}
+
+// The long run of the same is scripts/faults.sh.
+TEST_F(FaultsTest, RandomFaultsCostNoAnswerAndNoDevice) {
+    constexpr std::chrono::milliseconds kFaultTime{50};
+    const std::vector<std::string> devices{"1.1", "1.2", "1.3"};
+    for (const std::string& device : devices) plug(device);
+    startWarm();
+    std::vector<std::future<std::string>> loads;
+    for (const char* name : {"first", "second", "third", "fourth"}) {
+        loads.push_back(checkedLoad(0, std::string("--tasks 1000 --failing --aux --name ") + name));
+    }
+    simulator::FaultMix mix(1, devices);
+    for (auto& load : loads) {
+        const auto ended = [&] {
+            return load.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
+        };
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!waitWithEvents(ended, kFaultTime) && std::chrono::steady_clock::now() < limit) {
+            host().order(mix.next());
+        }
+        EXPECT_EQ(resultOf(load), "");
+    }
+    host().order("");
+    std::vector<std::unique_ptr<TensorLoad>> after;
+    for (const std::string& device : devices) {
+        after.push_back(std::make_unique<TensorLoad>(path(), plan(device, {device})));
+    }
+    EXPECT_TRUE(waitNoneIdle(devices.size())) << lastLines();
+    for (auto& load : after) EXPECT_EQ(load->finish(), "");
+    expectNothingLeft();
+}
+
 // How a device falls silent.
 struct Hang {
     enum When { kBeforeLoad, kUnderLoad, kPluggedAnew };
@@ -180,13 +245,6 @@ class HangTest : public FaultsTest, public ::testing::WithParamInterface<Hang> {
         const std::string orders = "hang " + device + " " + row.function;
         return row.failing.empty() ? orders
                                    : orders + "\nfail " + device + " " + row.failing + " -6";
-    }
-    client::ServiceStatus status() {
-        auto client = client::Client::connect(path());
-        EXPECT_TRUE(client) << client.error().text();
-        const auto status = client.value()->queryStatus();
-        EXPECT_TRUE(status) << status.error().text();
-        return status ? status.value() : client::ServiceStatus();
     }
     // The one of the subclass that has another graph or none.
     std::string deviceWithout(const std::string& graph, int subclass) {

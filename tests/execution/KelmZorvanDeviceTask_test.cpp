@@ -1,7 +1,10 @@
 // The path of a task through an accelerator, and what the device tells of itself.
 #include <cmath>
+#include <fstream>
+#include <future>
 
 #include "ZorvanFixture.h"
+#include "fakes/Eventually.h"
 
 namespace kelm {
 
@@ -21,6 +24,12 @@ class KelmZorvanTaskTest : public ZorvanFixture {
     int run(KelmTask* task) {
         const int rc = first->loadTensor(task);
         return rc != 0 ? rc : first->getResult(task);
+    }
+    static bool isAsleep(pid_t thread) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        return text.find(") S ") != std::string::npos;
     }
     // Behind the results that do not count after a change of graphs.
     void warmUp() {
@@ -129,7 +138,7 @@ TEST_F(KelmZorvanTaskTest, StatusOfTheLibraryIsLost) {
 }
 
 // Inputs whose inference was refused come out before those that were fed later.
-TEST_F(KelmZorvanTaskTest, RefusedInferenceShiftsEveryLaterResult) {
+TEST_F(KelmZorvanTaskTest, RefusedInferenceDoesNotShiftResults) {
     KelmTask* const refused = addTask(shared("0000"), shared("...."));
     KelmTask* const next = addTask(shared("1111"), shared("...."));
     KelmTask* const last = addTask(shared("2222"), shared("...."));
@@ -145,15 +154,158 @@ TEST_F(KelmZorvanTaskTest, RefusedInferenceShiftsEveryLaterResult) {
     ASSERT_EQ(second->getResult(refused), 0);
     EXPECT_EQ(outputOf(refused), "0000");
 
-    // The inference that makes up for a dropped result is refused as well.
+    // The inference that makes up for it is refused as well: nothing more is written.
     tevo.fail("qxGraphQueueInference", kNoMemory);
     EXPECT_EQ(second->loadTensor(refused), kNoMemory);
-    ASSERT_EQ(second->loadTensor(next), 0);
-    tevo.fail("qxGraphQueueInference", kNoMemory);
-    EXPECT_EQ(second->getResult(next), kNoMemory);
+    const int written = tevo.count("qxFifoWriteElem");
+    tevo.fail("qxGraphQueueInference", kRefused);
+    EXPECT_EQ(second->loadTensor(next), kRefused);
+    EXPECT_EQ(tevo.count("qxFifoWriteElem"), written);
     ASSERT_EQ(second->loadTensor(last), 0);
     ASSERT_EQ(second->getResult(last), 0);
     EXPECT_EQ(outputOf(last), "2222");
+    EXPECT_EQ(tevo.emptyReads(), 0);
+}
+
+TEST_F(KelmZorvanTaskTest, FailedReadDoesNotShiftResults) {
+    for (const bool byFd : {false, true}) {
+        const std::string read = byFd ? "qxFifoReadIonElem" : "qxFifoReadElem";
+        for (const bool isTaken : {false, true}) {
+            SCOPED_TRACE(read + (isTaken ? ", result taken" : ", result kept"));
+            const auto failNext = [&](int skip) {
+                isTaken ? tevo.failBehind(read, kRefused, skip) : tevo.fail(read, kRefused, skip);
+            };
+            const auto add = [&](const std::string& content) {
+                return byFd ? addTask(ion(content), ion("...."))
+                            : addTask(shared(content), shared("...."));
+            };
+            const auto expectOutput = [&](KelmTask* task, const std::string& content) {
+                const KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
+                EXPECT_EQ(byFd ? ScriptedIon::contentOf(output.fd, 4) : contentOf(output), content);
+            };
+            KelmTask* const one = add("1111");
+            KelmTask* const two = add("2222");
+            KelmTask* const three = add("3333");
+            // The task comes again before the next one's result is read.
+            ASSERT_EQ(first->loadTensor(one), 0);
+            ASSERT_EQ(first->loadTensor(two), 0);
+            failNext(0);
+            EXPECT_EQ(first->getResult(one), kRefused);
+            ASSERT_EQ(first->loadTensor(one), 0);
+            EXPECT_EQ(first->getResult(two), 0);
+            EXPECT_EQ(first->getResult(one), 0);
+            expectOutput(two, "2222");
+            expectOutput(one, "1111");
+            // It comes again behind its own doubtful result, and fails again.
+            failNext(0);
+            EXPECT_EQ(run(two), kRefused);
+            tevo.fail("qxFifoReadElem", kRefused);
+            EXPECT_EQ(run(two), kRefused);
+            EXPECT_EQ(run(two), 0);
+            expectOutput(two, "2222");
+            EXPECT_EQ(run(three), 0);
+            // The graph leaves and returns to others.
+            failNext(0);
+            EXPECT_EQ(run(one), kRefused);
+            ASSERT_EQ(first->deallocateGraph(graph.get(), true), 0);
+            ASSERT_EQ(first->allocateGraph(graph.get()), 0);
+            EXPECT_EQ(run(three), 0);
+            expectOutput(three, "3333");
+        }
+    }
+    EXPECT_EQ(tevo.emptyReads(), 0);
+    EXPECT_EQ(tevo.count("qxGraphDestroy"), 0);
+}
+
+TEST_F(KelmZorvanTaskTest, ResultsOfOthersStayOutOfABuffer) {
+    KelmTask* const secret = addTask(shared("1111"), shared("...."));
+    KelmTask* const curious = addTask(shared("2222"), shared("...."));
+    KelmTask* const blind = addTask(shared("3333"), shared("..", 4));
+    tevo.fail("qxFifoReadElem", kRefused);
+    EXPECT_EQ(run(secret), kRefused);
+    tevo.fail("qxFifoReadElem", kRefused, 1);
+    EXPECT_EQ(run(curious), kRefused);
+    EXPECT_EQ(outputOf(curious), "....");
+    EXPECT_EQ(run(blind), KELM_ERROR_MAP_OUTPUT_FAILED);
+    EXPECT_EQ(run(curious), 0);
+    EXPECT_EQ(outputOf(curious), "2222");
+}
+
+// Twenty in a row, with queues of four places.
+TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
+    // Done with a result of which nobody knows whether it was that of its first or second attempt.
+    KelmTask* const doubtful = addTask(shared("0000"), shared("...."));
+    tevo.failBehind("qxFifoReadElem", kRefused);
+    EXPECT_EQ(run(doubtful), kRefused);
+    EXPECT_EQ(run(doubtful), 0);
+    const struct {
+        const char* what;
+        std::function<void()> failNext;
+    } rows[] = {
+        {"taken", [this] { tevo.failBehind("qxFifoReadElem", kRefused); }},
+        {"kept", [this] { tevo.fail("qxFifoReadElem", kRefused); }},
+        {"refused",
+         [this, lacking = 0]() mutable {
+             tevo.fail("qxGraphQueueInference", kRefused, std::exchange(lacking, 1));
+         }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        for (int i = 0; i < 20; ++i) {
+            row.failNext();
+            EXPECT_EQ(run(addTask(shared("1111"), shared("...."))), kRefused);
+        }
+        KelmTask* const task = addTask(shared("2222"), shared("...."));
+        EXPECT_EQ(run(task), 0);
+        EXPECT_EQ(outputOf(task), "2222");
+    }
+    EXPECT_LE(tevo.deepest(), tevo.fifoCapacity);
+    EXPECT_EQ(tevo.emptyReads(), 0);
+
+    // Where only new queues help and cannot be had, the next task tries again.
+    tevo.failAll("qxFifoReadElem", kRefused);
+    tevo.failAll("qxGraphAllocate", kNoMemory);
+    KelmTask* const task = addTask(shared("3333"), shared("...."));
+    EXPECT_TRUE(eventually([&] { return run(task) == kNoMemory; }));
+    EXPECT_EQ(run(task), kNoMemory);
+    tevo.failAll("qxFifoReadElem", 0);
+    tevo.failAll("qxGraphAllocate", 0);
+    EXPECT_EQ(run(task), 0);
+    EXPECT_EQ(outputOf(task), "3333");
+    EXPECT_FALSE(root->isFailed());
+}
+
+// An input waits for room as long as results are awaited, and for no longer.
+TEST_F(KelmZorvanTaskTest, InputWithoutRoomWaitsForTheResults) {
+    const std::function<void(KelmTask*)> ends[] = {
+        [this](KelmTask* task) { EXPECT_EQ(first->getResult(task), 0); },
+        [this](KelmTask* task) { first->abandonResult(task); },
+        [this](KelmTask*) { EXPECT_EQ(root->resetDevice(), 0); },
+    };
+    for (const auto& end : ends) {
+        const auto index = &end - ends;
+        SCOPED_TRACE(index);
+        const bool isReset = index == 2;
+        std::vector<KelmTask*> loaded;
+        for (unsigned int i = 0; i < tevo.fifoCapacity; ++i) {
+            loaded.push_back(addTask(ion("abcd"), ion("....")));
+            ASSERT_EQ(first->loadTensor(loaded.back()), 0);
+        }
+        KelmTask* const task = addTask(ion("last"), ion("...."));
+        std::atomic<pid_t> loader{0};
+        auto load = std::async(std::launch::async, [&] {
+            loader = ::gettid();
+            return first->loadTensor(task);
+        });
+        EXPECT_TRUE(eventually([&] { return loader != 0 && isAsleep(loader); }));
+        for (KelmTask* earlier : loaded) end(earlier);
+        EXPECT_EQ(load.get(), isReset ? KELM_ERROR_DEVICE_FAILED : 0);
+        if (isReset) continue;
+        EXPECT_EQ(first->getResult(task), 0);
+        EXPECT_EQ(ScriptedIon::contentOf(task->getTaskParam()->getOutputBuffer().fd, 4), "last");
+    }
+    EXPECT_LE(tevo.deepest(), tevo.fifoCapacity);
+    EXPECT_EQ(tevo.emptyReads(), 0);
 }
 
 TEST_F(KelmZorvanTaskTest, ResultOfAnotherTaskIsHeldBack) {

@@ -15,6 +15,7 @@ namespace kelm {
 
 constexpr int kGone = -6;      // means a lost device
 constexpr int kNoMemory = -3;  // does not
+constexpr int kRefused = -5;   // nor does this
 
 // An open device with two clones over a scripted library.
 class ZorvanFixture : public testing::Test {

@@ -49,6 +49,12 @@ class ScriptedTevo {
         MutexLock lock(m_mutex);
         m_failures[{name, m_counts[name] + skip + 1}] = status;
     }
+    // The same, but what the call is for happens: a read takes its result out.
+    void failBehind(const std::string& name, int status, int skip = 0) {
+        fail(name, status, skip);
+        MutexLock lock(m_mutex);
+        m_behind.insert({name, m_counts[name] + skip + 1});
+    }
     void failAll(const std::string& name, int status) {
         MutexLock lock(m_mutex);
         m_standing[name] = status;
@@ -73,6 +79,10 @@ class ScriptedTevo {
     }
     // Handles that were made and not given back.
     int live() const { return m_live; }
+    // The most that was ever in the two queues of a graph. A real library would stand still beyond
+    // the capacity, and in a read of what is not there.
+    size_t deepest() const { return m_deepest; }
+    int emptyReads() const { return m_emptyReads; }
 
     // What is answered. Set before the calls.
     uint32_t memorySize = 512u << 20;
@@ -111,7 +121,7 @@ class ScriptedTevo {
         ScriptedTevo& tevo = *current();
         MutexLock lock(tevo.m_mutex);
         const int status = tevo.enter(name, option);
-        if (status == 0) act(tevo);
+        if (status == 0 || tevo.m_behind.contains({name, tevo.m_counts[name]})) act(tevo);
         return status;
     }
     void give(void* data, unsigned int* length, const void* value, size_t size) const {
@@ -154,11 +164,19 @@ class ScriptedTevo {
             {QX_RO_FIFO_TENSOR_DESCRIPTOR, {&descriptor, sizeof(descriptor)}}};
         give(data, length, values.at(option).first, values.at(option).second);
     }
+    void addInput(qxFifoHandle_t* fifo, const std::string& content, unsigned long value) {
+        fifo->elements.emplace_back(content, value);
+        m_deepest = std::max(m_deepest.load(), fifo->elements.size());
+    }
     // Takes a result out; what is not there cannot be taken.
-    static qxFifoHandle_t::Element takeResult(qxFifoHandle_t* fifo) {
+    qxFifoHandle_t::Element takeResult(qxFifoHandle_t* fifo) {
         qxFifoHandle_t::Element element{"none", 0};
-        if (fifo->graph == nullptr || fifo->graph->queued == 0) return element;
-        if (fifo->source->elements.empty()) return element;
+        const bool isThere =
+            fifo->graph != nullptr && fifo->graph->queued > 0 && !fifo->source->elements.empty();
+        if (!isThere) {
+            ++m_emptyReads;
+            return element;
+        }
         --fifo->graph->queued;
         element = fifo->source->elements.front();
         fifo->source->elements.pop_front();
@@ -170,9 +188,12 @@ class ScriptedTevo {
     std::vector<std::string> m_calls GUARDED_BY(m_mutex);
     std::map<std::string, int> m_counts GUARDED_BY(m_mutex);
     std::map<std::pair<std::string, int>, int> m_failures GUARDED_BY(m_mutex);
+    std::set<std::pair<std::string, int>> m_behind GUARDED_BY(m_mutex);
     std::map<std::string, int> m_standing GUARDED_BY(m_mutex);
     std::set<std::string> m_blocked GUARDED_BY(m_mutex);
-    std::atomic<int> m_live{0};  // atomic: changed by whichever thread makes a handle
+    std::atomic<int> m_live{0};        // atomic: changed by whichever thread makes a handle
+    std::atomic<size_t> m_deepest{0};  // atomics: read by the test while calls come
+    std::atomic<int> m_emptyReads{0};
 
     const TevoFunctions m_functions = {
         .qxGlobalSetOption =
@@ -249,31 +270,31 @@ class ScriptedTevo {
             },
         .qxFifoWriteElem =
             [](qxFifoHandle_t* fifo, const void* data, unsigned int* length, unsigned long value) {
-                return call("qxFifoWriteElem", 0, [&](ScriptedTevo&) {
-                    fifo->elements.emplace_back(
-                        std::string(static_cast<const char*>(data), *length), value);
+                return call("qxFifoWriteElem", 0, [&](ScriptedTevo& tevo) {
+                    tevo.addInput(fifo, std::string(static_cast<const char*>(data), *length),
+                                  value);
                 });
             },
         .qxFifoWriteIonElem =
             [](qxFifoHandle_t* fifo, int fd, unsigned int* length, unsigned long value) {
-                return call("qxFifoWriteIonElem", 0, [&](ScriptedTevo&) {
+                return call("qxFifoWriteIonElem", 0, [&](ScriptedTevo& tevo) {
                     std::string content(*length, '?');
                     if (::pread(fd, content.data(), *length, 0) < 0) content = "unreadable";
-                    fifo->elements.emplace_back(content, value);
+                    tevo.addInput(fifo, content, value);
                 });
             },
         .qxFifoReadElem =
             [](qxFifoHandle_t* fifo, void* data, unsigned int* length, unsigned long* value) {
                 return call("qxFifoReadElem", 0, [&](ScriptedTevo& tevo) {
-                    const qxFifoHandle_t::Element result = takeResult(fifo);
+                    const qxFifoHandle_t::Element result = tevo.takeResult(fifo);
                     *value = result.second;
                     tevo.give(data, length, result.first.data(), result.first.size());
                 });
             },
         .qxFifoReadIonElem =
             [](qxFifoHandle_t* fifo, int fd, unsigned int* length, unsigned long* value) {
-                return call("qxFifoReadIonElem", 0, [&](ScriptedTevo&) {
-                    const qxFifoHandle_t::Element result = takeResult(fifo);
+                return call("qxFifoReadIonElem", 0, [&](ScriptedTevo& tevo) {
+                    const qxFifoHandle_t::Element result = tevo.takeResult(fifo);
                     *value = result.second;
                     *length = static_cast<unsigned int>(result.first.size());
                     if (::pwrite(fd, result.first.data(), *length, 0) < 0) *length = 0;

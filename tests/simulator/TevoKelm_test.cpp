@@ -219,6 +219,30 @@ TEST_F(TevoKelmTest, OrderIsForgottenRepeatedOrMeetsAnotherDevice) {
     closer.join();
 }
 
+TEST_F(TevoKelmTest, FailedReadKeepsItsResultAndALostOneDoesNot) {
+    ASSERT_EQ(load("KELMSIM input=16 output=40 micros=1\n", 5), kOk);
+    for (const unsigned long task : {1, 2, 3, 4}) {
+        EXPECT_EQ(write(Bytes(16), task), kOk);
+        EXPECT_EQ(queue(), kOk);
+    }
+    order(
+        "fail 1.2 qxFifoReadElem -7 1 2\nlose 1.2 qxFifoReadElem -9 1\n"
+        "fail 1.2 qxDeviceGetOption(2001) -1");
+    int level = 0;
+    unsigned int length = sizeof(level);
+    ASSERT_TRUE(eventually([&] {
+        return qxDeviceGetOption(m_device, QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL, &level, &length);
+    }));
+    EXPECT_EQ(option<unsigned>(QX_RO_DEVICE_MEMORY_SIZE), 512U << 20);
+    const std::pair<int, unsigned long> reads[] = {{-9, 0}, {-7, 0}, {kOk, 2}, {kOk, 3}, {kOk, 4}};
+    for (const auto& [status, task] : reads) {
+        Bytes output(40);
+        unsigned long userValue = 0;
+        EXPECT_EQ(read(output, userValue), status);
+        EXPECT_EQ(userValue, task);
+    }
+}
+
 TEST_F(TevoKelmTest, CallWaitsForADeviceThatHasLeft) {
     const std::pair<const char*, std::function<void()>> rows[] = {
         {"reset", [this] { EXPECT_EQ(qxDeviceHWReset(m_device), kOk); }},

@@ -39,8 +39,9 @@ void GraphRun::advance(Clock::time_point now) {
     }
 }
 
-int Board::enter(const char* function) {
-    if (const int status = Orders::instance().apply(m_name, function); status != kOk) return status;
+int Board::enter(const char* function, int option) {
+    const int status = Orders::instance().apply(m_name, function, option);
+    if (status != kOk) return status;
     return isGone() ? kGone : kOk;
 }
 

@@ -72,7 +72,7 @@ class Board : public NonCopyable {
     int address() const { return m_address; }
 
     // At the start of every call: does what the orders say. Not 0 ends the call.
-    int enter(const char* function) EXCLUDES(m_mutex);
+    int enter(const char* function, int option) EXCLUDES(m_mutex);
     // Whether it has left the bus; for good.
     bool isGone() EXCLUDES(m_mutex);
     // Takes it off the bus.

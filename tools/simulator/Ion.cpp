@@ -124,7 +124,9 @@ int ion_get_info(int fd, int handle, unsigned int* a, unsigned int* b, unsigned 
     return 0;
 }
 
+// The buffer is freed also when that fails, since nobody tries again.
 int ion_free(int fd, int handle) {
+    const bool known = Buffers::instance().remove(fd, handle);
     if (const int status = enter(__func__)) return status;
-    return Buffers::instance().remove(fd, handle) ? 0 : fail(EINVAL);
+    return known ? 0 : fail(EINVAL);
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <sstream>
@@ -23,8 +24,9 @@ struct Verb {
 };
 
 constexpr Verb kVerbs[] = {
-    {"fail", true, 1, 2, 1},   {"hang", true, 0, 1, 0},     {"slow", true, 1, 2, 1},
-    {"heat", false, 1, 2, -1}, {"vanish", false, 0, 0, -1}, {"memory", false, 1, 1, -1},
+    {"fail", true, 1, 3, 1},     {"lose", true, 1, 2, 1},   {"hang", true, 0, 1, 0},
+    {"slow", true, 1, 2, 1},     {"heat", false, 1, 2, -1}, {"vanish", false, 0, 0, -1},
+    {"memory", false, 1, 1, -1},
 };
 
 }  // namespace
@@ -43,16 +45,23 @@ std::optional<Orders::Order> Orders::parse(const std::string& line) {
     const bool known = verb != std::end(kVerbs);
     words >> order.device;
     if (known && verb->hasFunction) words >> order.function;
+    if (const size_t option = order.function.find('('); option != std::string::npos) {
+        order.option = std::atoi(order.function.c_str() + option + 1);
+        order.function.resize(option);
+    }
     std::copy(std::istream_iterator<long>(words), {}, std::back_inserter(order.numbers));
     const size_t count = order.numbers.size();
     const bool addressed =
         !order.device.empty() && (!known || verb->hasFunction == !order.function.empty());
-    if (!known || !addressed || !words.eof() || count < verb->least || count > verb->most) {
+    const bool isRead = order.function == "*" || order.function.starts_with("qxFifoRead");
+    if (!known || !addressed || (order.verb == "lose" && !isRead) || !words.eof() ||
+        count < verb->least || count > verb->most) {
         std::cerr << "simulator: no order: " << line << std::endl;
         return std::nullopt;
     }
     const auto countAt = static_cast<size_t>(verb->countAt);
     if (verb->countAt >= 0 && countAt < count) order.remaining = order.numbers[countAt];
+    if (order.verb == "fail" && count == verb->most) order.every = std::max(1L, order.numbers[2]);
     return order;
 }
 
@@ -64,20 +73,26 @@ void Orders::refresh() {
         auto order = parse(line);
         if (!order) continue;
         const auto old = std::ranges::find(m_orders, line, &Order::line);
-        if (old != m_orders.end()) order->remaining = old->remaining;
+        if (old != m_orders.end()) order = *old;
         orders.push_back(std::move(*order));
     }
     m_orders = std::move(orders);
 }
 
-Orders::Delay Orders::take(const std::string& device, const char* function) {
+bool Orders::Order::takeCall(const std::string& name, const std::string& called, int calledOption) {
+    if (function != "*" && function != called) return false;
+    if (option != kNoOption && option != calledOption) return false;
+    if (!concerns(name) || remaining == 0 || ++seen % every != 0) return false;
+    if (remaining > 0) --remaining;
+    return true;
+}
+
+Orders::Delay Orders::take(const std::string& device, const char* function, int option) {
     Delay delay;
     MutexLock lock(m_mutex);
     refresh();
     for (Order& order : m_orders) {
-        if (order.function != "*" && order.function != function) continue;
-        if (!order.concerns(device) || order.remaining == 0) continue;
-        if (order.remaining > 0) --order.remaining;
+        if (order.verb == "lose" || !order.takeCall(device, function, option)) continue;
         if (order.verb == "slow") delay.millis += order.numbers[0];
         if (order.verb == "hang") delay.hang = order.line;
         if (order.verb == "fail" && delay.status == 0) {
@@ -93,8 +108,18 @@ bool Orders::stands(const std::string& line) {
     return std::ranges::find(m_orders, line, &Order::line) != m_orders.end();
 }
 
-int Orders::apply(const std::string& device, const char* function) {
-    const Delay delay = take(device, function);
+int Orders::lose(const std::string& device, const char* function) {
+    MutexLock lock(m_mutex);
+    refresh();
+    for (Order& order : m_orders) {
+        if (order.verb != "lose" || !order.takeCall(device, function, kNoOption)) continue;
+        return static_cast<int>(order.numbers[0]);
+    }
+    return 0;
+}
+
+int Orders::apply(const std::string& device, const char* function, int option) {
+    const Delay delay = take(device, function, option);
     if (delay.millis > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay.millis));
     if (!delay.hang.empty()) {
         tellEvent("hang " + device + " " + function);

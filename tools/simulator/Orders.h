@@ -21,8 +21,12 @@ class Orders : public NonCopyable {
     explicit Orders(const std::string& path) : m_file(path) {}
 
     // At the start of a call: waits as ordered. Returns the status to fail with, or 0. Calls
-    // without a device have the name "-".
-    int apply(const std::string& device, const char* function) EXCLUDES(m_mutex);
+    // without a device have the name "-", calls without an option kNoOption.
+    static constexpr int kNoOption = -1;
+    int apply(const std::string& device, const char* function, int option = kNoOption)
+        EXCLUDES(m_mutex);
+    // When a read has taken a result out: the status to fail with although it is out, or 0.
+    int lose(const std::string& device, const char* function) EXCLUDES(m_mutex);
 
     // The number behind an order about the state of a device.
     std::optional<long> temperature(const std::string& device) { return number("heat", device, 0); }
@@ -35,11 +39,16 @@ class Orders : public NonCopyable {
         std::string line;  // with its comment, by which equal orders can be told apart
         std::string verb;
         std::string device;    // "*" for all
-        std::string function;  // of fail, hang and slow; "*" for all
+        std::string function;  // of fail, lose, hang and slow; "*" for all
+        int option = kNoOption;
         std::vector<long> numbers;
         long remaining = -1;  // calls that it still concerns, below 0 without end
+        long every = 1;       // of those that it could concern it means each such one
+        long seen = 0;
 
         bool concerns(const std::string& name) const { return device == "*" || device == name; }
+        // Whether it is about this call, of which it then counts one.
+        bool takeCall(const std::string& name, const std::string& called, int calledOption);
     };
     struct Delay {
         long millis = 0;
@@ -49,7 +58,7 @@ class Orders : public NonCopyable {
 
     static std::optional<Order> parse(const std::string& line);
     void refresh() REQUIRES(m_mutex);
-    Delay take(const std::string& device, const char* function) EXCLUDES(m_mutex);
+    Delay take(const std::string& device, const char* function, int option) EXCLUDES(m_mutex);
     bool stands(const std::string& line) EXCLUDES(m_mutex);
     std::optional<long> number(const char* verb, const std::string& device, size_t index)
         EXCLUDES(m_mutex);

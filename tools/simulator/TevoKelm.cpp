@@ -40,9 +40,9 @@ namespace {
 int enter(const char* function) { return Orders::instance().apply("-", function); }
 
 template <class Handle>
-int enter(const Handle* handle, const char* function) {
+int enter(const Handle* handle, const char* function, int option = Orders::kNoOption) {
     if (handle == nullptr) return kInvalid;
-    return handle->board ? handle->board->enter(function) : enter(function);
+    return handle->board ? handle->board->enter(function, option) : enter(function);
 }
 
 // As much as there is room for; the length becomes what was used.
@@ -124,12 +124,13 @@ int writeElement(qxFifoHandle_t* handle, const void* data, const unsigned int* l
 }
 
 // The result is taken out also if there is no room for it, so that the next one meets its reader.
-int readElement(qxFifoHandle_t* handle, void* data, unsigned int* length,
-                unsigned long* userValue) {
+int readElement(qxFifoHandle_t* handle, void* data, unsigned int* length, unsigned long* userValue,
+                const char* function) {
     if (!handle->fifo || handle->type != QX_FIFO_HOST_RO) return kInvalid;
     if (length == nullptr || userValue == nullptr) return kInvalid;
     Element element;
     if (const int status = handle->board->read(*handle->fifo, element)) return status;
+    if (const int status = Orders::instance().lose(handle->board->name(), function)) return status;
     *userValue = element.userValue;
     if (data == nullptr || *length < element.model.outputSize) return kInvalid;
     *length = element.model.outputSize;
@@ -171,7 +172,7 @@ int qxDeviceGetId(qxDeviceHandle_t* device, unsigned int* id) {
 }
 
 int qxDeviceGetOption(qxDeviceHandle_t* device, int option, void* data, unsigned int* length) {
-    if (const int status = enter(device, __func__)) return status;
+    if (const int status = enter(device, __func__, option)) return status;
     Board& board = *device->board;
     float stats[kThermalFloats];
     switch (option) {
@@ -224,7 +225,7 @@ int qxGraphSetOption(qxGraphHandle_t* graph, int option, const void* data, unsig
 }
 
 int qxGraphGetOption(qxGraphHandle_t* graph, int option, void* data, unsigned int* length) {
-    if (const int status = enter(graph, __func__)) return status;
+    if (const int status = enter(graph, __func__, option)) return status;
     return graph->run ? copyGraphOption(graph->run->model, option, data, length) : kInvalid;
 }
 
@@ -306,7 +307,7 @@ int qxFifoAllocate(qxFifoHandle_t* fifo, qxDeviceHandle_t* device,
 }
 
 int qxFifoGetOption(qxFifoHandle_t* fifo, int option, void* data, unsigned int* length) {
-    if (const int status = enter(fifo, __func__)) return status;
+    if (const int status = enter(fifo, __func__, option)) return status;
     if (!fifo->fifo || option != QX_RO_FIFO_TENSOR_DESCRIPTOR) return kInvalid;
     return copyOut(&fifo->descriptor, sizeof(fifo->descriptor), data, length);
 }
@@ -329,15 +330,16 @@ int qxFifoWriteIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
 int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
                    unsigned long* userValue) {
     if (const int status = enter(fifo, __func__)) return status;
-    return readElement(fifo, data, length, userValue);
+    return readElement(fifo, data, length, userValue, __func__);
 }
 
 int qxFifoReadIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
                       unsigned long* userValue) {
     if (const int status = enter(fifo, __func__)) return status;
-    if (!holds(sharedFd, length)) return readElement(fifo, nullptr, length, userValue);
+    if (!holds(sharedFd, length)) return readElement(fifo, nullptr, length, userValue, __func__);
     std::vector<uint8_t> tensor = makeRoom(fifo, length);
-    if (const int status = readElement(fifo, tensor.data(), length, userValue)) return status;
+    if (const int status = readElement(fifo, tensor.data(), length, userValue, __func__))
+        return status;
     return ::pwrite(sharedFd, tensor.data(), *length, 0) == *length ? kOk : kInvalid;
 }
 

@@ -1,7 +1,8 @@
 // kelm-usb-bus: runs a program on a mock USB bus with simulated accelerators.
 //
 // Commands come by the standard input, a line each: "plug 1.2", "unplug 1.2", "order LINE" which
-// adds a line to the control file, and "orders" which empties it. What the simulator tells is
+// adds a line to the control file, "faults 7" which orders random faults from that seed on, and
+// "orders" which empties the file and ends the faults. What the simulator tells is
 // written to the standard error stream. SIGUSR1, SIGTERM and SIGINT go on to the program, whose
 // exit status is this one's.
 
@@ -17,10 +18,12 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tools/simulator/FaultMix.h"
 #include "tools/simulator/SimulatedHost.h"
 #include "utils/UniqueFd.h"
 
@@ -30,6 +33,7 @@ namespace {
 
 constexpr const char* kPreload = "libumockdev-preload.so.0";
 constexpr int kPollMillis = 20;
+constexpr int kFaultTurns = 3;  // polls from one mix of faults to the next
 constexpr int kFailure = 127;
 
 struct Options {
@@ -60,7 +64,8 @@ void plug(SimulatedHost& host, const std::string& text) {
 // Lines of the standard input, as far as they have come.
 class Commands {
  public:
-    explicit Commands(SimulatedHost& host) : m_host(host) {}
+    Commands(SimulatedHost& host, const std::vector<std::string>& devices)
+        : m_host(host), m_devices(devices) {}
 
     // False at the end of the input.
     bool read() {
@@ -73,6 +78,11 @@ class Commands {
             m_text.erase(0, end + 1);
         }
         return true;
+    }
+
+    // To be called now and then.
+    void advance() {
+        if (m_faults && ++m_turn % kFaultTurns == 0) m_host.order(m_faults->next());
     }
 
  private:
@@ -94,14 +104,20 @@ class Commands {
         } else if (verb == "unplug") {
             if (!m_host.unplug(rest)) throw std::invalid_argument("no such device");
         } else if (verb == "order" || verb == "orders") {
+            if (verb == "orders") m_faults.reset();
             m_orders = verb == "orders" ? "" : m_orders + rest + "\n";
             m_host.order(m_orders);
+        } else if (verb == "faults") {
+            m_faults.emplace(static_cast<unsigned>(std::stoul(rest)), m_devices);
         } else {
             throw std::invalid_argument("no command");
         }
     }
 
     SimulatedHost& m_host;
+    const std::vector<std::string> m_devices;
+    std::optional<FaultMix> m_faults;
+    int m_turn = 0;
     std::string m_text;
     std::string m_orders;
 };
@@ -143,14 +159,19 @@ void forwardSignal(int signals, pid_t program) {
 }
 
 // Until the program has ended; returns its exit status.
-int serve(SimulatedHost& host, pid_t program, int signals) {
-    Commands commands(host);
+int serve(SimulatedHost& host, const Options& options, pid_t program, int signals) {
+    std::vector<std::string> names;
+    for (const std::string& device : options.devices) {
+        names.push_back(device.substr(0, device.find(':')));
+    }
+    Commands commands(host, names);
     pollfd sources[] = {{signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
     int status = 0;
     while (::waitpid(program, &status, WNOHANG) != program) {
         for (const std::string& event : host.takeEvents()) {
             std::cerr << "usb-bus: " << event << std::endl;
         }
+        commands.advance();
         if (::poll(sources, 2, kPollMillis) <= 0) continue;
         if (sources[0].revents != 0) forwardSignal(signals, program);
         if (sources[1].revents != 0 && !commands.read()) sources[1].fd = -1;
@@ -164,7 +185,7 @@ int run(const Options& options) {
     const UniqueFd signalFd(::signalfd(-1, &signals, SFD_CLOEXEC));
     SimulatedHost host(options.directory, std::chrono::milliseconds(options.returnAfter));
     for (const std::string& device : options.devices) plug(host, device);
-    return serve(host, startProgram(options, host), signalFd.get());
+    return serve(host, options, startProgram(options, host), signalFd.get());
 }
 
 }  // namespace

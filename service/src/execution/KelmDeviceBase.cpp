@@ -43,6 +43,8 @@ int KelmDeviceBase::hardwareResetDeviceCore() { return KELM_OK; }
 
 void KelmDeviceBase::forgetGraphImpl(KelmGraph*) {}
 
+void KelmDeviceBase::abandonResult(KelmTask*) {}
+
 void KelmDeviceBase::forgetGraphs() {}
 
 int KelmDeviceBase::openDevice() {

@@ -53,6 +53,8 @@ class KelmDeviceBase : public NonCopyable {
     virtual bool isHardwareError(int error);
     virtual void setFifoCapacity(unsigned int capacity);
     virtual void setMaxCacheGraphNumber(int number);
+    // In place of getResult(): nobody takes the task's result. Any thread.
+    virtual void abandonResult(KelmTask* task);
     // Reads the temperature anew.
     virtual int updateThermal();
     virtual std::vector<KelmGraph*> getCachedGraphList();

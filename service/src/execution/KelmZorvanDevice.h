@@ -55,6 +55,7 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     void setFifoCapacity(unsigned int capacity) override { m_fifoCapacity = capacity; }
     // Ignores what is not above 0; before the first clone.
     void setMaxCacheGraphNumber(int number) override;
+    void abandonResult(KelmTask* task) override;
     int updateThermal() override;
     std::vector<KelmGraph*> getCachedGraphList() override { return m_cache.getGraphs(); }
     std::vector<std::string> getCachedGraphNames() override { return m_cache.getNames(); }
@@ -89,10 +90,12 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     // On the root: graphs.
     int allocateOnRoot(KelmGraph* graph) EXCLUDES(m_graphMutex);
     int deallocateOnRoot(KelmGraph* graph, bool keepCached) EXCLUDES(m_graphMutex);
+    // Unloads and loads a graph on which no task runs.
+    int renewOnRoot(KelmGraph* graph) EXCLUDES(m_graphMutex);
     bool activateCachedGraph(KelmGraph* graph) REQUIRES(m_graphMutex);
     // The strict order of calls that brings a graph onto the device. What exists after a failure is
     // released.
-    int allocateGraph(KelmGraph* graph, TevoHandles& handles) REQUIRES(m_graphMutex);
+    int allocateGraph(KelmGraph* graph, TevoQueues& queues) REQUIRES(m_graphMutex);
     int runAllocation(KelmGraph* graph, TevoHandles& handles) REQUIRES(m_graphMutex);
     int sendGraph(KelmGraph* graph, TevoHandles& handles) REQUIRES(m_graphMutex);
     int readDescriptors(qxGraphHandle_t* graphHandle, TensorDescriptors& tensors);
@@ -106,7 +109,7 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     int getCurrentMemeoryUsed(unsigned int* used);
 
     // Tensors, on the clone.
-    std::optional<TevoHandles> getTevoGraphInfo(KelmGraph* graph);
+    std::optional<TevoQueues> getTevoGraphInfo(KelmGraph* graph);
     int getMissingGraphError() const;
     static bool verifyBuffer(const KelmBuffer& buffer);
     static int verifyResultBuffers(KelmTaskParam& param);
@@ -118,15 +121,23 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     int getInputDescriptor(const TevoHandles& handles, qxTensorDescriptor_t& descriptor);
     int loadTensorRaw(KelmTask* task, const TevoHandles& handles, qxTensorDescriptor_t& descriptor);
     int loadTensorIon(KelmTask* task, const TevoHandles& handles, qxTensorDescriptor_t& descriptor);
-    int queueInference(KelmTask* task, TevoHandles handles);
+    int queueInference(TevoHandles handles);
+    // Brings the graph's queues to where they take one more input, and tells what they are then.
+    int prepareQueues(KelmGraph* graph, TevoQueues& queues);
+    int drainUnread(const TevoQueues& queues);
 
     // Results, on the clone.
-    int getResultRaw(KelmTask* task, const TevoHandles& handles);
-    int getResultIon(KelmTask* task, const TevoHandles& handles);
-    int drainResult(KelmTask* task, const TevoHandles& handles);
-    // Reads with `read` until the result is no orphan's.
+    int getResultRaw(KelmTask* task, const TevoHandles& handles, QueueLedger::Turn& turn);
+    int getResultIon(KelmTask* task, const TevoHandles& handles, QueueLedger::Turn& turn);
+    int drainResult(KelmTask* task, const TevoHandles& handles, QueueLedger::Turn& turn);
+    // Reads into memory of the service's own.
+    int readScratch(const TevoHandles& handles, Result& result);
+    void warnDropped(const Result& result);
+    // Reads until the task's result has come: with `read` when no other can come first.
     template <class Read>
-    int readResult(KelmTask* task, const TevoHandles& handles, Result& result, Read read);
+    int readResult(KelmTask* task, const TevoHandles& handles, QueueLedger::Turn& turn,
+                   Result& result, Read read);
+    int copyResult(KelmTask* task, const Result& result);
     int finishResult(KelmTask* task, const TevoHandles& handles, const Result& result);
 
     // Statistics.

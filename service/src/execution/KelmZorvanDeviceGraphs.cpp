@@ -78,11 +78,11 @@ int KelmZorvanDevice::allocateOnRoot(KelmGraph* graph) {
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
     if (activateCachedGraph(graph)) return KELM_OK;
     deallocOldestInactiveGraphIfFull(withMargin(graph->getMemReq()));
-    TevoHandles handles;
-    const int rc = allocateGraph(graph, handles);
+    TevoQueues queues;
+    const int rc = allocateGraph(graph, queues);
     if (rc != KELM_OK) return rc;
-    if (!m_cache.insert(graph, handles)) {  // lost to another thread's failure in the meantime
-        deallocateGraph(handles);
+    if (!m_cache.insert(graph, queues)) {  // lost to another thread's failure in the meantime
+        deallocateGraph(queues.handles);
         return KELM_ERROR_DEVICE_FAILED;
     }
     LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
@@ -93,9 +93,26 @@ int KelmZorvanDevice::allocateOnRoot(KelmGraph* graph) {
 
 bool KelmZorvanDevice::activateCachedGraph(KelmGraph* graph) { return m_cache.activate(graph); }
 
-int KelmZorvanDevice::allocateGraph(KelmGraph* graph, TevoHandles& handles) {
-    const int rc = runAllocation(graph, handles);
-    if (rc != KELM_OK) deallocateGraph(handles);
+// A graph whose queues may be full of results that nobody can be sure to read starts anew, with
+// empty ones. After a failure the next task tries again.
+int KelmZorvanDevice::renewOnRoot(KelmGraph* graph) {
+    MutexLock lock(m_graphMutex);
+    LOG_WARN("Warn: too many results were not read, graph(%s) is loaded again: device=%s",
+             graph->getName(), getName());
+    std::optional<TevoHandles> old = m_cache.takeHandles(graph);
+    if (!old) return getMissingGraphError();
+    deallocateGraph(*old);
+    TevoQueues queues;
+    if (const int rc = allocateGraph(graph, queues)) return rc;
+    if (m_cache.renew(graph, queues)) return KELM_OK;
+    deallocateGraph(queues.handles);
+    return getMissingGraphError();
+}
+
+int KelmZorvanDevice::allocateGraph(KelmGraph* graph, TevoQueues& queues) {
+    const int rc = runAllocation(graph, queues.handles);
+    if (rc != KELM_OK) deallocateGraph(queues.handles);
+    queues.ledger = std::make_shared<QueueLedger>(m_fifoCapacity);
     return rc;
 }
 
@@ -105,6 +122,7 @@ int KelmZorvanDevice::runAllocation(KelmGraph* graph, TevoHandles& handles) {
     if (const int rc = readDescriptors(handles.graphHandle, inputs)) return rc;
     TensorDescriptors outputs(kOutput);
     if (const int rc = readDescriptors(handles.graphHandle, outputs)) return rc;
+    handles.resultSize = outputs.list[0].totalSize;
     if (const int rc = makeFifo(inputs, &handles.fifoIn)) return rc;
     return makeFifo(outputs, &handles.fifoOut);
 }

@@ -1,5 +1,6 @@
 // How a task's result comes back.
 #include <algorithm>
+#include <cstring>
 
 #include "execution/KelmZorvanDevice.h"
 #include "execution/TevoLengths.h"
@@ -12,10 +13,18 @@
 
 namespace kelm {
 
+namespace {
+
+constexpr const char* kReadElemFailure =
+    "Error: qxFifoReadElem() failed, device=%s taskId=%lu rc=%d";
+
+}  // namespace
+
 // What came out of the device's queue.
 struct KelmZorvanDevice::Result {
     unsigned int length = 0;         // in: the room; out: bytes
     unsigned long taskIdAttach = 0;  // the task whose input it was
+    UniqueMalloc<char> scratch;      // the bytes, if they did not go into the client's buffer
 };
 
 int KelmZorvanDevice::verifyResultBuffers(KelmTaskParam& param) {
@@ -42,41 +51,90 @@ int KelmZorvanDevice::verifyMappings(KelmTaskParam& param) {
 int KelmZorvanDevice::getResultImpl(KelmTask* task) {
     KelmTaskParam& param = *task->getTaskParam();
     if (const int rc = verifyResultBuffers(param)) return rc;
-    const std::optional<TevoHandles> handles = getTevoGraphInfo(task->getGraph());
+    const std::optional<TevoQueues> queues = getTevoGraphInfo(task->getGraph());
+    if (!queues) return getMissingGraphError();
+    QueueLedger::Turn turn(queues->ledger, task->getId());
+    if (!turn) return getMissingGraphError();
     const KelmBuffer& aux = param.getAuxBuffer();
     const bool byDescriptor =
         isIonPath(param.getOutputBuffer()) && (aux.auxRequested == 0 || isIonPath(aux));
-    int rc = getMissingGraphError();
-    if (handles) rc = byDescriptor ? getResultIon(task, *handles) : getResultRaw(task, *handles);
+    int rc = byDescriptor ? getResultIon(task, queues->handles, turn)
+                          : getResultRaw(task, queues->handles, turn);
     if (rc == KELM_OK) rc = verifyMappings(param);
     const int32_t warmup = m_inferTimeWarmup;
     if (warmup != 0) m_inferTimeWarmup = warmup - 1;
     return rc;
 }
 
-template <class Read>
-int KelmZorvanDevice::readResult(KelmTask* task, const TevoHandles& handles, Result& result,
-                                 Read read) {
-    const unsigned int room = result.length;
-    for (;;) {
-        if (const int rc = read()) return rc;
-        result.length = std::min(result.length, room);
-        if (!m_root->m_cache.takeOrphan(task->getGraph(), result.taskIdAttach)) return KELM_OK;
-        LOG_WARN("Warn: result of task(%lu) dropped, its inference was refused: device=%s",
-                 result.taskIdAttach, getName());
-        // It has used up this task's inference.
-        if (const int rc = queueInference(task, handles)) return rc;
-        result.length = room;
-    }
+void KelmZorvanDevice::abandonResult(KelmTask* task) {
+    const std::optional<TevoQueues> queues = getTevoGraphInfo(task->getGraph());
+    if (queues) queues->ledger->abandon(task->getId());
 }
 
-int KelmZorvanDevice::getResultRaw(KelmTask* task, const TevoHandles& handles) {
+int KelmZorvanDevice::readScratch(const TevoHandles& handles, Result& result) {
+    result.length = handles.resultSize;
+    if (!result.scratch) {
+        result.scratch.reset(static_cast<char*>(std::malloc(std::max(result.length, 1u))));
+    }
+    // Nothing is read without room for it: what then became of the result would be unknown.
+    if (!result.scratch) return KELM_ERROR_OUT_OF_MEMORY;
+    return m_tevo.qxFifoReadElem(handles.fifoOut, result.scratch.get(), &result.length,
+                                 &result.taskIdAttach);
+}
+
+int KelmZorvanDevice::drainUnread(const TevoQueues& queues) {
+    Result result;
+    const int rc = readScratch(queues.handles, result);
+    if (rc == KELM_OK) {
+        queues.ledger->addDrained(result.taskIdAttach);
+        warnDropped(result);
+        return KELM_OK;
+    }
+    queues.ledger->addFailedReading();
+    (void)checked(rc, "Error: qxFifoReadElem() failed, device=%s rc=%d");
+    return isHardwareError(rc) ? rc : KELM_OK;  // else the ledger knows what to do next
+}
+
+void KelmZorvanDevice::warnDropped(const Result& result) {
+    LOG_WARN("Warn: result of task(%lu) dropped, nobody waits for it: device=%s",
+             result.taskIdAttach, getName());
+}
+
+// As long as results of others may come first, perhaps of other clients, the reading keeps out of
+// this client's buffer.
+template <class Read>
+int KelmZorvanDevice::readResult(KelmTask* task, const TevoHandles& handles,
+                                 QueueLedger::Turn& turn, Result& result, Read read) {
+    const unsigned int room = result.length;
+    while (!turn.isNext()) {
+        if (const int rc = readScratch(handles, result)) {
+            turn.addFailedReading();
+            return checked(rc, kReadElemFailure, task);
+        }
+        result.length = std::min(result.length, handles.resultSize);
+        if (turn.addResult(result.taskIdAttach) != QueueLedger::Outcome::kDropped) return KELM_OK;
+        warnDropped(result);
+    }
+    result.scratch.reset();
+    result.length = room;
+    if (const int rc = read()) {
+        turn.addFailedReading();
+        return rc;
+    }
+    result.length = std::min(result.length, room);
+    (void)turn.addResult(result.taskIdAttach);  // whosever it is, it goes to this task
+    return KELM_OK;
+}
+
+int KelmZorvanDevice::getResultRaw(KelmTask* task, const TevoHandles& handles,
+                                   QueueLedger::Turn& turn) {
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
     LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu outFd=%d", task->getClientId(),
               task->getGraph()->getId(), task->getId(), output.fd);
-    if (!mapBuffer(output)) return drainResult(task, handles);
+    if (!mapBuffer(output)) return drainResult(task, handles, turn);
     void* const data = reinterpret_cast<void*>(output.buffer);
-    Result result{clampLength(output.size)};
+    Result result;
+    result.length = clampLength(output.size);
     const auto read = [&] {
         LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                     "to call qxFifoReadElem(), taskId=%lu outBuf.mapData=%p outBuf.size=%lu "
@@ -87,36 +145,34 @@ int KelmZorvanDevice::getResultRaw(KelmTask* task, const TevoHandles& handles) {
         LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                     "called qxFifoReadElem(), outBuf.size=%llu taskIdAttach=%lu", output.size,
                     result.taskIdAttach);
-        return checked(status, "Error: qxFifoReadElem() failed, device=%s taskId=%lu rc=%d", task);
+        return checked(status, kReadElemFailure, task);
     };
-    if (const int rc = readResult(task, handles, result, read)) return rc;
+    if (const int rc = readResult(task, handles, turn, result, read)) return rc;
     return finishResult(task, handles, result);
 }
 
 // The result must leave the device's queue all the same, or the next task would get it.
-int KelmZorvanDevice::drainResult(KelmTask* task, const TevoHandles& handles) {
+int KelmZorvanDevice::drainResult(KelmTask* task, const TevoHandles& handles,
+                                  QueueLedger::Turn& turn) {
     const KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
     LOG_ERROR("Error: map outputBuffer failed, device=%s taskId=%lu", getName(), task->getId());
     if (output.size == 0) {
         LOG_ERROR("Error: invalid outputBufferSize(%d): taskId=%lu", output.size, task->getId());
     }
     CR_ASSERT(output.size != 0, "a buffer of no size passed the check");
-    Result result{clampLength(output.size)};
-    UniqueMalloc<char> scratch(static_cast<char*>(std::malloc(result.length)));
-    if (!scratch) result.length = 0;
-    const auto read = [&] {
-        return m_tevo.qxFifoReadElem(handles.fifoOut, scratch.get(), &result.length,
-                                     &result.taskIdAttach);
-    };
-    (void)readResult(task, handles, result, read);  // the task fails either way
+    Result result;
+    const auto read = [&] { return checked(readScratch(handles, result), kReadElemFailure, task); };
+    (void)readResult(task, handles, turn, result, read);  // the task fails either way
     LOG_INFO("In spite of map failure, get result: taskIdOrigin=%lu taskIdAttach=%lu",
              task->getId(), result.taskIdAttach);
     return KELM_ERROR_MAP_OUTPUT_FAILED;
 }
 
-int KelmZorvanDevice::getResultIon(KelmTask* task, const TevoHandles& handles) {
+int KelmZorvanDevice::getResultIon(KelmTask* task, const TevoHandles& handles,
+                                   QueueLedger::Turn& turn) {
     const KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
-    Result result{clampLength(output.size)};
+    Result result;
+    result.length = clampLength(output.size);
     const auto read = [&] {
         LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                     "to call qxFifoReadIonElem(), fifoOut=%p taskId=%lu outputFd=%d bufSize=%lu",
@@ -129,12 +185,29 @@ int KelmZorvanDevice::getResultIon(KelmTask* task, const TevoHandles& handles) {
         return checked(status, "Error: qxFifoReadIonElem() failed, device=%s taskId=%lu rc=%d",
                        task);
     };
-    if (const int rc = readResult(task, handles, result, read)) return rc;
+    if (const int rc = readResult(task, handles, turn, result, read)) return rc;
     return finishResult(task, handles, result);
+}
+
+int KelmZorvanDevice::copyResult(KelmTask* task, const Result& result) {
+    KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
+    if (!mapBuffer(output)) {
+        LOG_ERROR("Error: map outputBuffer failed, device=%s taskId=%lu", getName(), task->getId());
+        return KELM_ERROR_MAP_OUTPUT_FAILED;
+    }
+    if (output.size < result.length) {
+        LOG_ERROR("Error: invalid buffer size %lu", output.size);
+        return KELM_ERROR_INVALID_OUTPUT_BUFFER;
+    }
+    std::memcpy(reinterpret_cast<void*>(output.buffer), result.scratch.get(), result.length);
+    return KELM_OK;
 }
 
 int KelmZorvanDevice::finishResult(KelmTask* task, const TevoHandles& handles,
                                    const Result& result) {
+    if (result.scratch) {
+        if (const int rc = copyResult(task, result)) return rc;
+    }
     // Deliberate: the task gets what came out, and only the log tells.
     if (result.taskIdAttach != task->getId()) {
         LOG_WARN(

@@ -63,7 +63,7 @@ bool KelmZorvanDevice::isIonPath(const KelmBuffer& buffer) const {
     return !m_useSystemTensor && buffer.type == KELM_BUFFER_ION;
 }
 
-std::optional<TevoHandles> KelmZorvanDevice::getTevoGraphInfo(KelmGraph* graph) {
+std::optional<TevoQueues> KelmZorvanDevice::getTevoGraphInfo(KelmGraph* graph) {
     return m_root->m_cache.find(graph);
 }
 
@@ -85,14 +85,45 @@ int KelmZorvanDevice::loadTensorImpl(KelmTask* task) {
     // A result that could not be taken would stay in the device's queue and go to the next task,
     // perhaps of another client: so the other buffers are looked at before the input goes in.
     if (const int rc = verifyResultBuffers(param)) return rc;
-    const std::optional<TevoHandles> handles = getTevoGraphInfo(task->getGraph());
-    if (!handles) return getMissingGraphError();
+    TevoQueues queues;
+    if (const int rc = prepareQueues(task->getGraph(), queues)) return rc;
+    const TevoHandles& handles = queues.handles;
     qxTensorDescriptor_t descriptor = {};
-    if (const int rc = getInputDescriptor(*handles, descriptor)) return rc;
-    const int rc = isIonPath(param.getInputBuffer()) ? loadTensorIon(task, *handles, descriptor)
-                                                     : loadTensorRaw(task, *handles, descriptor);
-    if (rc != KELM_OK) return rc;
-    return queueInference(task, *handles);
+    if (const int rc = getInputDescriptor(handles, descriptor)) return rc;
+    const int written = isIonPath(param.getInputBuffer())
+                            ? loadTensorIon(task, handles, descriptor)
+                            : loadTensorRaw(task, handles, descriptor);
+    if (written != KELM_OK) return written;
+    queues.ledger->addInput(task->getId());
+    if (const int rc = queueInference(handles)) return rc;
+    queues.ledger->addInference();
+    return KELM_OK;
+}
+
+int KelmZorvanDevice::prepareQueues(KelmGraph* graph, TevoQueues& queues) {
+    for (;;) {
+        std::optional<TevoQueues> found = getTevoGraphInfo(graph);
+        if (!found) return getMissingGraphError();
+        queues = std::move(*found);
+        int rc = KELM_OK;
+        switch (queues.isUsable() ? queues.ledger->getNextStep() : QueueLedger::NextStep::kRenew) {
+            case QueueLedger::NextStep::kWrite:
+                return KELM_OK;
+            case QueueLedger::NextStep::kQueueInference:
+                rc = queueInference(queues.handles);
+                if (rc == KELM_OK) queues.ledger->makeUpInference();
+                break;
+            case QueueLedger::NextStep::kDrain:
+                rc = drainUnread(queues);
+                break;
+            case QueueLedger::NextStep::kRenew:
+                rc = m_root->renewOnRoot(graph);
+                break;
+            case QueueLedger::NextStep::kGiveUp:
+                rc = getMissingGraphError();
+        }
+        if (rc != KELM_OK) return rc;
+    }
 }
 
 int KelmZorvanDevice::getInputDescriptor(const TevoHandles& handles,
@@ -173,17 +204,13 @@ int KelmZorvanDevice::loadTensorIon(KelmTask* task, const TevoHandles& handles,
     return checked(rc, "Error: qxFifoWriteIonElem() failed, device=%s taskId=%lu rc=%d", task);
 }
 
-// An input that is in the queue without an inference would shift every later result by one: it is
-// remembered, and its result thrown away when it comes.
-int KelmZorvanDevice::queueInference(KelmTask* task, TevoHandles handles) {
+int KelmZorvanDevice::queueInference(TevoHandles handles) {
     LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                 "to call qxGraphQueueInference(), graphHandle=%p fifoIn=%p fifoOut=%p",
                 handles.graphHandle, handles.fifoIn, handles.fifoOut);
     const int rc =
         m_tevo.qxGraphQueueInference(handles.graphHandle, &handles.fifoIn, 1, &handles.fifoOut, 1);
     LOG_FREQ_OF(m_logName.c_str(), m_debugProcess, "called qxGraphQueueInference()");
-    if (rc == KELM_OK) return KELM_OK;
-    if (!isHardwareError(rc)) m_root->m_cache.addOrphan(task->getGraph(), task->getId());
     return checked(rc, "Error: qxGraphQueueInference() failed, device=%s rc=%d");
 }
 

@@ -89,6 +89,7 @@ void SlaveWorker::enqueueGetResult(KelmTask* task) {
 void SlaveWorker::getResult(KelmTask* task) {
     LOG_PROC_OF(m_name.c_str(), m_debugProcess, "getResult(%lu)", task->getId());
     if (!m_isDeviceValid) {
+        m_device->abandonResult(task);
         returnTask(task);
         eraseRunningTask(task);
         return;

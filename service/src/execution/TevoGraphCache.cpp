@@ -1,6 +1,5 @@
 #include "execution/TevoGraphCache.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "records/KelmGraph.h"
@@ -19,22 +18,37 @@ bool TevoGraphCache::activate(KelmGraph* graph) {
     return true;
 }
 
-bool TevoGraphCache::insert(KelmGraph* graph, const TevoHandles& handles) {
+bool TevoGraphCache::insert(KelmGraph* graph, const TevoQueues& queues) {
     MutexLock lock(m_mutex);
     if (m_closed) return false;
     TevoGraphInfo& info = m_cachedGraphs[graph];
-    info.handles = handles;
+    info.queues = queues;
     info.lastActivateTime = Clock::now();
     graph->appendCachedDevice(m_device);
     graph->appendRunningDevice(m_device);
     return true;
 }
 
-std::optional<TevoHandles> TevoGraphCache::find(KelmGraph* graph) {
+std::optional<TevoQueues> TevoGraphCache::find(KelmGraph* graph) {
     MutexLock lock(m_mutex);
     const Entry entry = m_cachedGraphs.find(graph);
     if (entry == m_cachedGraphs.end()) return std::nullopt;
-    return entry->second.handles;
+    return entry->second.queues;
+}
+
+std::optional<TevoHandles> TevoGraphCache::takeHandles(KelmGraph* graph) {
+    MutexLock lock(m_mutex);
+    const Entry entry = m_cachedGraphs.find(graph);
+    if (entry == m_cachedGraphs.end()) return std::nullopt;
+    return std::exchange(entry->second.queues.handles, {});
+}
+
+bool TevoGraphCache::renew(KelmGraph* graph, const TevoQueues& queues) {
+    MutexLock lock(m_mutex);
+    const Entry entry = m_cachedGraphs.find(graph);
+    if (entry == m_cachedGraphs.end()) return false;
+    entry->second.queues = queues;
+    return true;
 }
 
 void TevoGraphCache::deactivate(KelmGraph* graph) {
@@ -49,7 +63,8 @@ TevoHandles TevoGraphCache::takeUnsafe(Entry entry) {
     KelmGraph* const graph = entry->first;
     graph->removeCachedDevice(m_device);
     graph->removeRunningDevice(m_device);
-    const TevoHandles handles = entry->second.handles;
+    entry->second.queues.ledger->close();
+    const TevoHandles handles = entry->second.queues.handles;
     m_cachedGraphs.erase(entry);
     return handles;
 }
@@ -99,7 +114,7 @@ void TevoGraphCache::close() {
 std::vector<TevoHandles> TevoGraphCache::takeAll() {
     MutexLock lock(m_mutex);
     std::vector<TevoHandles> all = std::exchange(m_forgotten, {});
-    for (const auto& [graph, info] : m_cachedGraphs) all.push_back(info.handles);
+    for (const auto& [graph, info] : m_cachedGraphs) all.push_back(info.queues.handles);
     m_cachedGraphs.clear();
     return all;
 }
@@ -121,25 +136,6 @@ std::vector<std::string> TevoGraphCache::getNames() {
 size_t TevoGraphCache::getSize() {
     MutexLock lock(m_mutex);
     return m_cachedGraphs.size();
-}
-
-void TevoGraphCache::addOrphan(KelmGraph* graph, unsigned long taskId) {
-    MutexLock lock(m_mutex);
-    const Entry entry = m_cachedGraphs.find(graph);
-    if (entry != m_cachedGraphs.end()) entry->second.orphans.push_back(taskId);
-}
-
-// The task may have been offered again since, with its id twice in the queue. The one that came
-// first is the orphan's, since the queue keeps the order.
-bool TevoGraphCache::takeOrphan(KelmGraph* graph, unsigned long taskId) {
-    MutexLock lock(m_mutex);
-    const Entry entry = m_cachedGraphs.find(graph);
-    if (entry == m_cachedGraphs.end()) return false;
-    std::vector<unsigned long>& orphans = entry->second.orphans;
-    const auto orphan = std::find(orphans.begin(), orphans.end(), taskId);
-    if (orphan == orphans.end()) return false;
-    orphans.erase(orphan);
-    return true;
 }
 
 }  // namespace kelm

@@ -20,7 +20,7 @@ class KelmGraph;
 // failed or is being taken away too. So a key is followed under m_mutex and never without.
 //
 // Threads: any; the library is never called in here. Owns: nothing, handles are values.
-// Locks: m_mutex, then a graph's.
+// Locks: m_mutex, then a graph's or a ledger's.
 class TevoGraphCache : public NonCopyable {
  public:
     explicit TevoGraphCache(const std::string& device) : m_device(device) {}
@@ -29,8 +29,12 @@ class TevoGraphCache : public NonCopyable {
     bool activate(KelmGraph* graph) EXCLUDES(m_mutex);
     // Takes in a new graph as active. False on a cache that is closed: the handles stay the
     // caller's.
-    bool insert(KelmGraph* graph, const TevoHandles& handles) EXCLUDES(m_mutex);
-    std::optional<TevoHandles> find(KelmGraph* graph) EXCLUDES(m_mutex);
+    bool insert(KelmGraph* graph, const TevoQueues& queues) EXCLUDES(m_mutex);
+    std::optional<TevoQueues> find(KelmGraph* graph) EXCLUDES(m_mutex);
+    // Takes a cached graph's handles out, which become the caller's; the graph stays in.
+    std::optional<TevoHandles> takeHandles(KelmGraph* graph) EXCLUDES(m_mutex);
+    // Gives it others. False if it is not cached any more: the handles stay the caller's.
+    bool renew(KelmGraph* graph, const TevoQueues& queues) EXCLUDES(m_mutex);
     // Makes a cached graph inactive.
     void deactivate(KelmGraph* graph) EXCLUDES(m_mutex);
     // Takes the graph out, if it is cached; its handles become the caller's.
@@ -50,11 +54,6 @@ class TevoGraphCache : public NonCopyable {
     std::vector<KelmGraph*> getGraphs() EXCLUDES(m_mutex);
     std::vector<std::string> getNames() EXCLUDES(m_mutex);
     size_t getSize() EXCLUDES(m_mutex);
-
-    // Notes an input in the device's queue that no inference was asked for.
-    void addOrphan(KelmGraph* graph, unsigned long taskId) EXCLUDES(m_mutex);
-    // Whether the next result of that task is an orphan's, which is then settled.
-    bool takeOrphan(KelmGraph* graph, unsigned long taskId) EXCLUDES(m_mutex);
 
  private:
     using Entry = std::map<KelmGraph*, TevoGraphInfo>::iterator;
