@@ -1,5 +1,6 @@
 #include "protocol/src/MessageWriter.h"
 
+#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 #include "protocol/src/KelmProtocol.h"
 
@@ -20,6 +21,10 @@ class MessageWriterTest : public testing::Test {
             numbers.push_back(reinterpret_cast<const KelmMsgRsp*>(bytes.data())->reqSeqNo);
         }
         return numbers;
+    }
+
+    int writeAlone(KelmMsgBase* message) const {
+        return kelmSendMessage(connection->getSimulateFD(), message);
     }
 
     SocketChannel channel;
@@ -59,6 +64,49 @@ TEST_F(MessageWriterTest, WhatCannotWaitFollowsWhatWaited) {
     ASSERT_EQ(0, writer.append(request.get()));
     EXPECT_THAT(receiveNumbers(1), testing::ElementsAre(2));
     EXPECT_EQ(request->size + 4, peer.receive(request->size + 4).size());
+}
+
+// Each writes what takes the kernel several calls; the peer reads slowly enough to fill the socket.
+TEST_F(MessageWriterTest, RecordsOfSeveralWritersStayWhole) {
+    constexpr int kRounds = 40;
+    const UniqueFd file = makeFile();
+    std::thread reports([&] {
+        const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+        for (int i = 0; i < kRounds; ++i) EXPECT_EQ(0, writeAlone(report.get()));
+    });
+    std::thread descriptors([&] {
+        const MessagePtr request(kelmAllocMessage(KELM_MESSAGE_TEST_SEND_FD_REQ));
+        reinterpret_cast<KelmMsgReqTestSendFd*>(request.get())->testFd = file.get();
+        for (int i = 0; i < kRounds; ++i) EXPECT_EQ(0, writeAlone(request.get()));
+    });
+    std::thread batches([&] {
+        MessageWriter writer(connection->getSimulateFD());
+        for (int i = 0; i < kRounds; ++i) EXPECT_EQ(0, writer.append(makeAnswer(1).get()));
+        EXPECT_EQ(0, writer.flush());
+    });
+    for (int i = 0; i < 3 * kRounds; ++i) {
+        const std::string head = peer.receive(sizeof(KelmMsgBase));
+        ASSERT_EQ(head.size(), sizeof(KelmMsgBase));
+        const auto& base = *reinterpret_cast<const KelmMsgBase*>(head.data());
+        ASSERT_LT(base.type, static_cast<uint32_t>(KELM_MESSAGE_END)) << "torn after " << i;
+        ASSERT_EQ(base.size, KelmMessageSize[base.type]) << "torn after " << i;
+        const bool hasDescriptor = base.type == KELM_MESSAGE_TEST_SEND_FD_REQ;
+        (void)peer.receive(base.size - sizeof(base) + (hasDescriptor ? sizeof(int) : 0));
+    }
+    for (std::thread* writer : {&reports, &descriptors, &batches}) writer->join();
+}
+
+TEST_F(MessageWriterTest, ShutdownEndsTheWriterAndThoseBehindIt) {
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 3; ++i) {
+        writers.emplace_back([&] {
+            const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+            while (writeAlone(report.get()) == 0) continue;
+        });
+    }
+    EXPECT_TRUE(eventually([&] { return peer.pending() > 100000; }));
+    connection->shutdown();
+    for (std::thread& writer : writers) writer.join();
 }
 
 TEST_F(MessageWriterTest, FailedWriteDropsAndKeepsTheNumber) {

@@ -33,8 +33,8 @@ constexpr int kPollMillisec = 100;  // a stop request is seen within this time
 constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kErrorPause{10};
 constexpr milliseconds kLookInterval{100};
-constexpr long kReadEndMillisec = 1000;       // for the listen thread, once nothing can be read
-constexpr long kWriteEndMillisec = 2000;      // and once nothing can be written either
+constexpr long kListenEndMillisec = 1000;     // for the listen thread to see that it is to end
+constexpr long kShutdownEndMillisec = 2000;   // and once nothing can be read or written any more
 constexpr milliseconds kQueuesEndTime{4000};  // for what is queued, graphs included
 
 milliseconds timeUntil(steady_clock::time_point deadline) {
@@ -138,13 +138,12 @@ bool MessageDispatcher::stopService() {
 
 bool MessageDispatcher::stopListenThread() {
     m_stop = true;
-    // A message of which only half has come must not hold the thread.
-    IPC::ConnectionBase::shutdownAll(SHUT_RD);
-    bool ended = m_listenEnded.waitFor(kReadEndMillisec);
+    bool ended = m_listenEnded.waitFor(kListenEndMillisec);
     if (!ended) {
-        // It waits for room in a queue, at whose far end a client does not read.
+        // It waits for the rest of a message, or for room in a queue, at whose far end a client
+        // does not read.
         IPC::ConnectionBase::shutdownAll(SHUT_RDWR);
-        ended = m_listenEnded.waitFor(kWriteEndMillisec);
+        ended = m_listenEnded.waitFor(kShutdownEndMillisec);
     }
     if (ended) {
         m_listenThread.join();
@@ -164,7 +163,8 @@ void MessageDispatcher::listenThreadRoutine() {
     while (!m_stop) {
         event.clear();
         try {
-            if (poller->wait(&event, kPollMillisec)) handleEvents(event);
+            // What comes once the stop is told is not looked at.
+            if (poller->wait(&event, kPollMillisec) && !m_stop) handleEvents(event);
             handleTimers();
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the listen thread goes on after: %s", error.what());
@@ -235,6 +235,8 @@ bool MessageDispatcher::handleMessage(KelmMsgBase* message, int socket) {
 }
 
 void MessageDispatcher::closeConnect(int socket) {
+    if (m_stop)
+        return;  // the stop itself has shut it down, and takes its clients away in their turn
     LOG_PROC(m_debugProcess, "block IPC connection(socket=%d)", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         connection->blockPoller();
