@@ -8,6 +8,7 @@
 #include "managers/RunningService.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmClient.h"
+#include "reporting/KelmStatus.h"
 #include "utils/Log.h"
 
 namespace kelm {
@@ -211,6 +212,7 @@ TEST(ResultDispatcherTest, RecordsOfAllWritersOnAConnectionStayWhole) {
         constexpr int kReports = 12;
         auto query = RawClient::request<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
         query.clientId = 4711;
+        query.queryType = kQueryClients;
         for (int i = 0; i < kReports; ++i) ASSERT_TRUE(client.send(query));
         const auto socketIsFull = [&client] {
             int unread = 0;
