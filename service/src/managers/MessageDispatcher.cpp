@@ -163,8 +163,7 @@ void MessageDispatcher::listenThreadRoutine() {
     while (!m_stop) {
         event.clear();
         try {
-            // What comes once the stop is told is not looked at.
-            if (poller->wait(&event, kPollMillisec) && !m_stop) handleEvents(event);
+            if (poller->wait(&event, kPollMillisec)) handleEvents(event);
             handleTimers();
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the listen thread goes on after: %s", error.what());
@@ -235,8 +234,6 @@ bool MessageDispatcher::handleMessage(KelmMsgBase* message, int socket) {
 }
 
 void MessageDispatcher::closeConnect(int socket) {
-    if (m_stop)
-        return;  // the stop itself has shut it down, and takes its clients away in their turn
     LOG_PROC(m_debugProcess, "block IPC connection(socket=%d)", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         connection->blockPoller();
