@@ -209,6 +209,10 @@ TEST(ResultDispatcherTest, RecordsOfAllWritersOnAConnectionStayWhole) {
     for (int round = 0; round < 5; ++round) {
         SCOPED_TRACE(round);
         RawClient client(service.path());
+        // So many small ones that the socket is full in the middle of the fourth report.
+        auto destroy = RawClient::request<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+        destroy.clientId = 4711;
+        for (int i = 0; i < 20; ++i) ASSERT_TRUE(client.send(destroy));
         constexpr int kReports = 12;
         auto query = RawClient::request<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
         query.clientId = 4711;
