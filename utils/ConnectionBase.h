@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -25,9 +26,10 @@ constexpr int IPC_CONN_FD_MAX = 2048;
 // free again only when the object is gone. Connections live in shared pointers: whoever holds one
 // (a send, a receive, a client's record) keeps both the object and its number.
 //
-// Threads: one reader and one writer at a time; close, shutdown and look-ups from any thread.
-// Owns: its number. An accepted connection belongs to the registry (adopt) until close(number).
-// Locks: the registry's mutex and m_baseMutex, both leaves.
+// Threads: one reader at a time, and one writer, who holds writeMutex(); close, shutdown and
+// look-ups from any thread. Owns: its number. An accepted connection belongs to the registry
+// (adopt) until close(number). Locks: writeMutex(), then the others; the registry's mutex and
+// m_baseMutex are leaves.
 class ConnectionBase : public kelm::NonCopyable,
                        public std::enable_shared_from_this<ConnectionBase> {
  public:
@@ -52,6 +54,9 @@ class ConnectionBase : public kelm::NonCopyable,
     virtual void noteUnread() = 0;
     // Returns when all bytes are out; raises on an error.
     virtual void write(const void* buffer, int size) = 0;
+    // The same for a peer that is not waited for at any price: `goOn` is asked every few
+    // milliseconds while there is no room. False if it said no, with a part perhaps written.
+    virtual bool write(const void* buffer, int size, const std::function<bool()>& goOn) = 0;
     // Receives one descriptor, which the caller owns.
     virtual void read(int& fd) = 0;
     // Passes one descriptor; the caller keeps its own.
@@ -75,6 +80,11 @@ class ConnectionBase : public kelm::NonCopyable,
 
     // Ends reads and writes at once, those in progress on other threads included.
     void shutdown();
+
+    // Held for a whole record with its descriptors and blocks, or for several records, so that no
+    // other writer comes in between. Deliberate: held while the peer makes room. Nothing else is
+    // ever waited for under it, and neither shutdown nor close takes it, so they end that wait.
+    kelm::Mutex& writeMutex() RETURN_CAPABILITY(m_writeMutex) { return m_writeMutex; }
 
     int getSimulateFD() const { return m_simulateFD; }
     // A text for messages: the client's name once it is known.
@@ -113,6 +123,7 @@ class ConnectionBase : public kelm::NonCopyable,
     // Takes the registry's share out, if it has one.
     static std::shared_ptr<ConnectionBase> disown(int id);
 
+    kelm::Mutex m_writeMutex;
     kelm::Mutex m_baseMutex;
     std::weak_ptr<Poller> m_poller GUARDED_BY(m_baseMutex);
     const int m_simulateFD;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -17,7 +18,7 @@ namespace IPC {
 // Threads: as the base. The one reader fills a buffer of the connection with one system call for
 // several reads. A descriptor is closed only when the last read or write has left it.
 // Owns: the socket and, after create(), the socket file.
-// Locks: m_mutex, then the poller's and the base's.
+// Locks: the base's writeMutex(), m_mutex, then the poller's and the base's other.
 class ConnectionUDS : public ConnectionBase {
  public:
     explicit ConnectionUDS(Poller* poller);
@@ -29,6 +30,8 @@ class ConnectionUDS : public ConnectionBase {
     int nativeHandle() override EXCLUDES(m_mutex);
     void read(void* buffer, int size, int* bytesRead) override EXCLUDES(m_mutex);
     void write(const void* buffer, int size) override EXCLUDES(m_mutex);
+    bool write(const void* buffer, int size, const std::function<bool()>& goOn) override
+        EXCLUDES(m_mutex);
     void read(int& fd) override EXCLUDES(m_mutex);
     int readArrived(void* buffer, int size, uint32_t leftBytes, bool wait) override
         EXCLUDES(m_mutex);

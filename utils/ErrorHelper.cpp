@@ -64,6 +64,7 @@ void errorWithException(const std::string& message, const char* file, int line, 
         text << "\t(" << errorNumber << ") " << std::generic_category().message(errorNumber);
     }
     std::cerr << text.str();
+    errno = errorNumber;  // for the log of whoever catches it
     if (!ends) throw std::runtime_error(message);
     crash();
 }

@@ -29,6 +29,8 @@ class CAPABILITY("mutex") Mutex {
 class SCOPED_CAPABILITY MutexLock {
  public:
     explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    // For a mutex that tryLock() has taken.
+    MutexLock(Mutex& mutex, std::adopt_lock_t) REQUIRES(mutex) : m_mutex(mutex) {}
     ~MutexLock() RELEASE() {
         if (m_held) m_mutex.unlock();
     }

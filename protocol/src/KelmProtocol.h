@@ -23,7 +23,8 @@
 // - Received into a caller's record, descriptors and inner buffers are the caller's: see
 //   kelmReleaseContents.
 //
-// Threads: any; one reader and one writer per connection at a time.
+// Threads: any; one reader per connection at a time. Each sending of a message is a turn of its own
+// among the writers of the connection.
 
 namespace kelm {
 

@@ -41,6 +41,7 @@ int kelmSendMessage(int connectionId, KelmMsgBase* message) {
     try {
         const auto connection = IPC::ConnectionBase::getConnectionById(connectionId);
         if (flatMessage(message) != 0) return -1;
+        MutexLock lock(connection->writeMutex());
         sendFlatMessage(*connection, *message);
         return 0;
     } catch (const std::exception& e) {

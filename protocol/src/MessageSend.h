@@ -9,7 +9,7 @@ class ConnectionBase;
 namespace kelm {
 
 // Writes a flat message: the record, its descriptors, its blocks. Raises what the connection
-// raises.
+// raises. The caller holds the connection's writeMutex().
 void sendFlatMessage(IPC::ConnectionBase& connection, const KelmMsgBase& message);
 
 }  // namespace kelm

@@ -1,5 +1,6 @@
 #include "protocol/src/MessageWriter.h"
 
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -15,7 +16,7 @@ namespace kelm {
 
 namespace {
 
-// Whether the message is its record alone and small enough to wait for others.
+// Whether the flat message is its record alone and small enough to wait for others.
 bool isCollectable(const KelmMsgBase& message) {
     return message.fdNum == 0 && message.dataNum == 0 && message.size <= MessageWriter::kCapacity;
 }
@@ -53,10 +54,13 @@ int MessageWriter::send(Write write) {
         return -1;
     }
     try {
+        MutexLock lock(m_connection->writeMutex());
         write();
         return 0;
     } catch (const std::exception& e) {
+        const int error = errno;
         LOG_ERROR("%s", e.what());
+        errno = error;
         return -1;
     }
 }

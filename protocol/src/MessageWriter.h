@@ -16,8 +16,9 @@ namespace kelm {
 // the same order. Records with descriptors or blocks, and those too large to collect, go out at
 // once, after what was collected.
 //
-// Threads: the connection's one writer. Owns: a share of the connection, so that its number goes
-// to no other while records wait here. What is not flushed at destruction is dropped.
+// Threads: one; others may write to the connection too, between two writes of this one. Owns: a
+// share of the connection, so that its number goes to no other while records wait here. What is not
+// flushed at destruction is dropped.
 class MessageWriter : public NonCopyable {
  public:
     static constexpr size_t kCapacity = 16384;
@@ -25,8 +26,11 @@ class MessageWriter : public NonCopyable {
     explicit MessageWriter(int connectionId);
     ~MessageWriter();
 
-    // The message stays the caller's. -1 if a write failed; what was collected is dropped then.
+    // The message stays the caller's. -1 if a write failed, with errno of its cause; what was
+    // collected is dropped then.
     int append(KelmMsgBase* message);
+    // Whether a record of that size can be appended without writing what was collected before.
+    bool hasRoomFor(uint64_t size) const { return m_used + size <= kCapacity; }
     // Writes what is collected.
     int flush();
     bool empty() const { return m_used == 0; }

@@ -1,5 +1,7 @@
 #include "managers/ClientManager.h"
 
+#include <pthread.h>
+
 #include "managers/RunningService.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmClient.h"
@@ -83,6 +85,56 @@ TEST(ClientManagerTest, RegistrationWaitingBehindHangUpMakesNoRecord) {
                                                     kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ));
     EXPECT_TRUE(eventually([] { return !RunningService::dispatcher().isWorking(); }));
     EXPECT_FALSE(ClientManager::instance().getClientName(2));
+}
+
+// The peer is there still: what was seen is the end of its requests.
+TEST(ClientManagerTest, ConnectionWhoseHangUpWasSeenCarriesNothingMore) {
+    RunningService service;
+    RawClient mute(service.path());
+    constexpr int kNumber = RunningService::kFirstClientNumber;
+    ASSERT_EQ(mute.registerClient("mute"), 1u);
+    const auto request = RawClient::inferRequest(1, 999, 1);
+    for (int i = 0; i < 2000; ++i) ASSERT_TRUE(mute.send(request));  // its sender stands still
+    ClientManager::instance().closeClient(kNumber);
+    ClientManager::instance().enqueueRegisterClient("late", 2, 0, kNumber,
+                                                    kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ));
+    EXPECT_TRUE(eventually([] { return !ClientManager::instance().isActive(); }));
+    EXPECT_TRUE(mute.waitClosed());
+    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));
+}
+
+TEST(ClientManagerTest, ConnectionWithTooManyClientsIsClosedWithAllOfThem) {
+    RunningService service;
+    RawClient crowd(service.path());
+    for (uint64_t id = 1; id <= 64; ++id) ASSERT_EQ(crowd.registerClient("one of many"), id);
+    EXPECT_EQ(crowd.registerClient("one too many"), 0u);
+    EXPECT_TRUE(crowd.waitClosed());
+    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));
+    EXPECT_FALSE(service.dispatcher().isWorking());
+    EXPECT_TRUE(service.serves());
+}
+
+// No thread can be made whose stack is larger than the address space.
+TEST(ClientManagerTest, ClientWithoutAThreadForItsAnswersIsClosed) {
+    RunningService service;
+    RawClient early(service.path());
+    const uint64_t id = early.registerClient("early");
+    pthread_attr_t attributes;
+    ASSERT_EQ(::pthread_attr_init(&attributes), 0);
+    size_t usual = 0;
+    ASSERT_EQ(::pthread_getattr_default_np(&attributes), 0);
+    ASSERT_EQ(::pthread_attr_getstacksize(&attributes, &usual), 0);
+    ASSERT_EQ(::pthread_attr_setstacksize(&attributes, size_t{1} << 50), 0);
+    ASSERT_EQ(::pthread_setattr_default_np(&attributes), 0);
+    RawClient late(service.path());
+    EXPECT_EQ(late.registerClient("late"), 0u);
+    EXPECT_TRUE(late.waitClosed());
+    EXPECT_TRUE(requestAnswered(early, id));
+    ASSERT_EQ(::pthread_attr_setstacksize(&attributes, usual), 0);
+    ASSERT_EQ(::pthread_setattr_default_np(&attributes), 0);
+    EXPECT_EQ(early.unregisterClient(id), KELM_OK);
+    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));
+    EXPECT_FALSE(service.dispatcher().isWorking());
 }
 
 TEST(ClientManagerTest, LastDepartureWakesTheIdleWaiterOnce) {

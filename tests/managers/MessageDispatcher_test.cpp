@@ -7,6 +7,7 @@
 
 #include "managers/ClientManager.h"
 #include "managers/RunningService.h"
+#include "utils/Log.h"
 
 namespace kelm {
 
@@ -48,6 +49,7 @@ struct Flood {
 };
 
 // Sends requests and reads no answer, until so many are out or the service takes no more.
+// One that never registers is closed for it.
 void floodWithoutReading(RawClient& client, const Flood& flood) {
     constexpr uint64_t kNobody = 4711;
     const uint64_t id = flood.registered ? client.registerClient("mute") : kNobody;
@@ -55,7 +57,7 @@ void floodWithoutReading(RawClient& client, const Flood& flood) {
     for (int i = 0; i < flood.requests; ++i) {
         pollfd state{client.fd(), POLLOUT, 0};
         if (::poll(&state, 1, 500) != 1) return;
-        ASSERT_TRUE(client.send(request));
+        if (!client.send(request)) break;
     }
     const auto answersPileUp = [&client] {
         int unread = 0;
@@ -74,7 +76,7 @@ void sendHalfRequest(RawClient& client) {
     ASSERT_TRUE(eventually(isRead));
 }
 
-// What holds up the main response pool, and what holds up every queue to the listen thread.
+// What gathers in the client's own list, and what holds up every queue to the listen thread.
 constexpr int kSomeRequests = 2000;
 constexpr int kAllThatFits = 100000;
 
@@ -222,6 +224,58 @@ TEST(MessageDispatcherTest, RunningOutOfDescriptorsDelaysNewClientsOnly) {
     EXPECT_TRUE(pending.receiveType(KELM_MESSAGE_REGISTER_RSP));
 }
 #endif
+
+TEST(MessageDispatcherTest, AnswersOfMuteClientGatherAndComeWhenItReads) {
+    RunningService service;
+    RawClient mute(service.path());
+    const uint64_t id = mute.registerClient("mute");
+    constexpr uint64_t kRequests = 3000;
+    for (uint64_t sequence = 1; sequence <= kRequests; ++sequence) {
+        ASSERT_TRUE(mute.send(RawClient::inferRequest(id, 12345, sequence)));
+    }
+    // Behind all of them.
+    EXPECT_TRUE(service.serves());
+    for (uint64_t sequence = 1; sequence <= kRequests; ++sequence) {
+        const auto answer = mute.receive();
+        ASSERT_TRUE(answer);
+        ASSERT_EQ(answer->as<KelmMsgRsp>().reqSeqNo, sequence);
+    }
+    EXPECT_EQ(mute.unregisterClient(id), KELM_OK);
+}
+
+// Each has a second, and all have the same one.
+TEST(MessageDispatcherTest, StrangersThatDoNotReadAreClosedTogether) {
+    RunningService service;
+    constexpr int kStrangers = 8;
+    std::vector<RawClient> mute;
+    for (int i = 0; i < kStrangers; ++i) {
+        mute.emplace_back(service.path());
+        for (int request = 0; request < 1000; ++request) {
+            if (!mute.back().send(RawClient::inferRequest(4711, 1, 1))) break;
+        }
+    }
+    EXPECT_TRUE(service.serves());
+    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }, 6s));
+    RawClient reading(service.path());
+    EXPECT_EQ(reading.unregisterClient(4711), KELM_ERROR_INVALID_CLIENT);
+}
+
+TEST(MessageDispatcherTest, StopTakesTheClientsAwayInTheirTurn) {
+    RunningService service(R"({"debug_settings": {"debug_process": {"client_manager": "on"}}})");
+    std::vector<RawClient> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.emplace_back(service.path());
+        ASSERT_NE(clients.back().registerClient("client"), 0u);
+    }
+    Log::instance().setLogLevel(LOG_LEVEL_PROC | LOG_LEVEL_INFO | LOG_LEVEL_ERROR);
+    testing::internal::CaptureStdout();
+    const bool stopped = service.stopWithin(8s);
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(stopped);
+    EXPECT_THAT(text, testing::HasSubstr("remove all 5 clients"));
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr("failed")));
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr("close client")));
+}
 
 class MuteClientTest : public testing::TestWithParam<Flood> {};
 

@@ -1,9 +1,14 @@
 #include "managers/ResultDispatcher.h"
 
+#include <sys/ioctl.h>
+
 #include <filesystem>
 
+#include "managers/ClientManager.h"
 #include "managers/RunningService.h"
 #include "protocol/src/KelmProtocol.h"
+#include "records/KelmClient.h"
+#include "reporting/KelmStatus.h"
 #include "utils/Log.h"
 
 namespace kelm {
@@ -72,6 +77,13 @@ TEST(ResultDispatcherTest, TaskWithoutResponseIsSilentAndHoldsUpNoDeparture) {
     const uint64_t graph = client.createGraph(id, "graph", "a blob");
     auto infer = RawClient::inferRequest(id, graph, 1);
     infer.head.needResponse = 0;
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(client.send(infer));
+    KelmClient* const record = ClientManager::instance().getClientById(id);
+    EXPECT_TRUE(eventually([record] { return record->getInferenceTimes() == 20; }));
+    ASSERT_TRUE(client.send(RawClient::inferRequest(id, graph, 2)));
+    const auto told = client.receiveType(KELM_MESSAGE_TASK_DONE_EVT);
+    ASSERT_TRUE(told);
+    EXPECT_EQ(told->as<KelmMsgEvtTaskDone>().head.evtSeqNo, 20u);  // each silent one took a number
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(client.send(infer));
     auto unregister = RawClient::request<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
     unregister.clientId = id;
@@ -172,6 +184,61 @@ TEST(ResultDispatcherTest, RefusedUnregisterCostsANewClientItsAnswers) {
     }
     for (int i = 0; i < kRounds; ++i) {
         ASSERT_TRUE(client.receiveType(KELM_MESSAGE_DESTROY_GRAPH_RSP)) << i;
+    }
+}
+
+TEST(ResultDispatcherTest, AnswerBehindTheEndOfItsClientIsAborted) {
+    RunningService service(R"({"debug_settings": {"debug_process": {"result_dispatcher": "on"}}})");
+    Log::instance().setLogLevel(LOG_LEVEL_PROC);
+    ASSERT_TRUE(service.serves());
+    KelmMsgBase* const request = kelmAllocMessage(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+    reinterpret_cast<KelmMsgReqDestroyGraph*>(request)->clientId = 1;
+    reinterpret_cast<KelmMsgReq*>(request)->needResponse = 1;
+    testing::internal::CaptureStdout();
+    ResultDispatcher::instance().enqueueSendDestroyGraphResponse(
+        KELM_OK, RunningService::kFirstClientNumber, request);
+    ASSERT_TRUE(service.serves());  // behind it in the queue
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::HasSubstr("abort sendMessage(rspSeqNo=0) for closed client(id:1)"));
+}
+
+// A stranger's reports fill the socket in the middle of one; then it registers twice, and three
+// threads have something to write.
+TEST(ResultDispatcherTest, RecordsOfAllWritersOnAConnectionStayWhole) {
+    RunningService service;
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        RawClient client(service.path());
+        // So many small ones that the socket is full in the middle of the fourth report.
+        auto destroy = RawClient::request<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+        destroy.clientId = 4711;
+        for (int i = 0; i < 20; ++i) ASSERT_TRUE(client.send(destroy));
+        constexpr int kReports = 12;
+        auto query = RawClient::request<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
+        query.clientId = 4711;
+        query.queryType = kQueryClients;
+        for (int i = 0; i < kReports; ++i) ASSERT_TRUE(client.send(query));
+        const auto socketIsFull = [&client] {
+            int unread = 0;
+            return ::ioctl(client.fd(), FIONREAD, &unread) == 0 &&
+                   unread > 3 * static_cast<int>(sizeof(KelmMsgRspQueryStatus));
+        };
+        ASSERT_TRUE(eventually(socketIsFull));
+        // Room for another writer, which the one that waits in its record sees a little later.
+        ASSERT_TRUE(client.receiveType(KELM_MESSAGE_QUERY_STATUS_RSP));
+        const auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
+        for (int i = 0; i < 2; ++i) ASSERT_TRUE(client.send(request));
+        ASSERT_TRUE(eventually([] { return ClientManager::instance().isActive(); }));
+        int reports = 1;
+        int registrations = 0;
+        while (reports < kReports || registrations < 2) {
+            const auto message = client.receive();
+            ASSERT_TRUE(message);
+            if (message->type() == KELM_MESSAGE_QUERY_STATUS_RSP) ++reports;
+            if (message->type() == KELM_MESSAGE_REGISTER_RSP) ++registrations;
+        }
+        client.close();
+        ASSERT_TRUE(eventually([] { return !ClientManager::instance().isActive(); }));
     }
 }
 

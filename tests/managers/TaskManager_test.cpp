@@ -8,6 +8,8 @@
 
 #include "managers/GraphManager.h"
 #include "managers/ManagersFixture.h"
+#include "managers/ResultDispatcher.h"
+#include "protocol/src/KelmProtocol.h"
 
 namespace kelm {
 namespace {
@@ -115,6 +117,44 @@ TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
     const uint64_t laterTask = leaver.infer(graph, later).taskId;
     EXPECT_EQ(leaver.receive<KelmMsgEvtTaskDone>().taskId, laterTask);
     EXPECT_TRUE(later.isClosed());
+
+    // The first time is over, so the second cancels too.
+    device().block(DeviceCall::LoadTensor);
+    DescriptorProbe again;
+    EXPECT_EQ(leaver.infer(graph, again).head.status, KELM_OK);
+    EXPECT_EQ(leaver.destroyGraph(graph), KELM_OK);
+    passFence(leaver);
+    device().release(DeviceCall::LoadTensor);
+    EXPECT_TRUE(again.isClosed());
+    passFence(leaver);  // nothing has come before its answer
+}
+
+TEST_F(TaskManagerTest, SecondShareGivenUpSparesTasksMadeSinceTheFirst) {
+    start();
+    WireClient stayer;
+    WireClient leaver;
+    uint64_t graphs[3];
+    for (int i = 0; i < 3; ++i) {
+        const std::string blob = "blob" + std::to_string(i);
+        graphs[i] = leaver.createGraph(blob).graphId;
+        if (i == 2) continue;
+        ASSERT_EQ(stayer.createGraph(blob).graphId, graphs[i]);
+    }
+    device().block(DeviceCall::LoadTensor);
+    device().block(DeviceCall::Allocate);
+    device().block(DeviceCall::Deallocate);
+    DescriptorProbe inputs[2];
+    EXPECT_EQ(leaver.infer(graphs[0], inputs[0]).head.status, KELM_OK);
+    EXPECT_EQ(leaver.destroyGraph(graphs[0]), KELM_OK);
+    passFence(leaver);
+    const uint64_t task = leaver.infer(graphs[2], inputs[1]).taskId;
+    EXPECT_EQ(leaver.destroyGraph(graphs[1]), KELM_OK);
+    passFence(leaver);
+    for (const DeviceCall call :
+         {DeviceCall::Allocate, DeviceCall::Deallocate, DeviceCall::LoadTensor}) {
+        device().release(call);
+    }
+    EXPECT_EQ(leaver.receive<KelmMsgEvtTaskDone>().taskId, task);
 }
 
 // The client gives up a share, and makes and leaves a task before the canceled one has ended.
@@ -145,6 +185,31 @@ TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
         EXPECT_TRUE(eventually(
             [&] { return ClientManager::instance().getClientById(leaver.id()) == nullptr; }));
     }
+}
+
+TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerGoOutBeforeTheRecord) {
+    start();
+    WireClient client;
+    const uint64_t graph = client.createGraph("blob").graphId;
+    device().block(DeviceCall::LoadTensor);
+    DescriptorProbe input;
+    EXPECT_EQ(client.infer(graph, input).head.status, KELM_OK);
+    EXPECT_TRUE(client.unregister());
+    // Far more than the socket holds, so that most are queued when the task ends.
+    constexpr int kAnswers = 2000;
+    for (int i = 0; i < kAnswers; ++i) {
+        KelmMsgBase* const request = kelmAllocMessage(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+        reinterpret_cast<KelmMsgReqDestroyGraph*>(request)->clientId = client.id();
+        reinterpret_cast<KelmMsgReq*>(request)->needResponse = 1;
+        ResultDispatcher::instance().enqueueSendDestroyGraphResponse(
+            KELM_OK, RunningService::kFirstClientNumber, request);
+    }
+    device().release(DeviceCall::LoadTensor);
+    EXPECT_TRUE(input.isClosed());
+    for (int i = 0; i < kAnswers; ++i) {
+        ASSERT_EQ(client.receive<KelmMsgRsp>().base.type, KELM_MESSAGE_DESTROY_GRAPH_RSP) << i;
+    }
+    EXPECT_TRUE(noClientIsLeft());
 }
 
 TEST_F(TaskManagerTest, VanishedClientGoesWithItsTasksWhereverTheyAre) {

@@ -1,5 +1,6 @@
 #include "protocol/src/MessageWriter.h"
 
+#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 #include "protocol/src/KelmProtocol.h"
 
@@ -20,6 +21,10 @@ class MessageWriterTest : public testing::Test {
             numbers.push_back(reinterpret_cast<const KelmMsgRsp*>(bytes.data())->reqSeqNo);
         }
         return numbers;
+    }
+
+    int writeAlone(KelmMsgBase* message) const {
+        return kelmSendMessage(connection->getSimulateFD(), message);
     }
 
     SocketChannel channel;
@@ -59,6 +64,58 @@ TEST_F(MessageWriterTest, WhatCannotWaitFollowsWhatWaited) {
     ASSERT_EQ(0, writer.append(request.get()));
     EXPECT_THAT(receiveNumbers(1), testing::ElementsAre(2));
     EXPECT_EQ(request->size + 4, peer.receive(request->size + 4).size());
+}
+
+// The socket is full in the middle of the first one's fourth report when the other one comes, and
+// has room again before the first one has noticed.
+TEST_F(MessageWriterTest, RecordsOfSeveralWritersStayWhole) {
+    MessageWriter writer(connection->getSimulateFD());
+    const auto alone = [&](KelmMsgBase* message) { return writeAlone(message); };
+    const auto gathered = [&](KelmMsgBase* message) {
+        return writer.append(message) == 0 ? writer.flush() : -1;
+    };
+    using Send = std::function<int(KelmMsgBase*)>;
+    for (const auto& [first, other] : {std::pair<Send, Send>{alone, gathered}, {gathered, alone}}) {
+        constexpr int kReports = 5;
+        const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+        const size_t small = sizeof(KelmMsgRspInferTask);
+        for (int i = 0; i < 20; ++i) ASSERT_EQ(0, writeAlone(makeAnswer(1).get()));
+        std::thread reports([&, send = first] {
+            for (int i = 0; i < kReports; ++i) EXPECT_EQ(0, send(report.get()));
+        });
+        ASSERT_TRUE(eventually(
+            [&] { return static_cast<size_t>(peer.pending()) > 20 * small + 3 * report->size; }));
+        (void)peer.receive(20 * small + report->size);
+        std::thread answer([&, send = other] { EXPECT_EQ(0, send(makeAnswer(2).get())); });
+        const int before = peer.pending();
+        (void)eventually([&] { return peer.pending() > before; }, std::chrono::milliseconds(100));
+        size_t expected = small + (kReports - 1) * report->size;
+        while (expected > 0) {
+            const std::string head = peer.receive(sizeof(KelmMsgBase));
+            const auto& base = *reinterpret_cast<const KelmMsgBase*>(head.data());
+            const bool whole = base.type < KELM_MESSAGE_END && base.size <= expected &&
+                               base.size == KelmMessageSize[base.type];
+            EXPECT_TRUE(whole) << expected << " bytes before the end";
+            if (!whole) break;
+            expected -= peer.receive(base.size - sizeof(base)).size() + sizeof(base);
+        }
+        if (expected > 0) connection->shutdown();
+        reports.join();
+        answer.join();
+    }
+}
+
+TEST_F(MessageWriterTest, ShutdownEndsTheWriterAndThoseBehindIt) {
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 3; ++i) {
+        writers.emplace_back([&] {
+            const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+            while (writeAlone(report.get()) == 0) continue;
+        });
+    }
+    EXPECT_TRUE(eventually([&] { return peer.pending() > 100000; }));
+    connection->shutdown();
+    for (std::thread& writer : writers) writer.join();
 }
 
 TEST_F(MessageWriterTest, FailedWriteDropsAndKeepsTheNumber) {

@@ -38,7 +38,11 @@ class KelmTaskTest : public testing::Test {
 
     KelmClient client{3, "a client with a long name", nullptr, 2, 1};
     KelmGraph graph{5, 3, "a graph with a long name", 1};
-    KelmMsgReqInferTask request{};
+    KelmMsgReqInferTask request = [] {
+        KelmMsgReqInferTask wanted{};
+        wanted.head.needResponse = 1;
+        return wanted;
+    }();
 };
 
 // The task goes with whatever it still holds: a leak or a double release shows under ASan.
@@ -59,6 +63,10 @@ TEST_F(KelmTaskTest, DoneMessageOvertakesTheCreateAnswerOrIsLost) {
 
     const auto neverSent = makeTask();
     EXPECT_TRUE(neverSent->setTaskDoneResponse(message));
+
+    request.head.needResponse = 0;  // no create answer, so nothing waits for one
+    message = makeDoneMessage();
+    EXPECT_FALSE(makeTask()->setTaskDoneResponse(message));
 }
 
 TEST_F(KelmTaskTest, DescriptorsStayOpenOrOthersAreClosed) {

@@ -144,6 +144,18 @@ TEST_F(IPCTransferTest, NonBlockingReadTakesWhatIsThere) {
     sender.join();
 }
 
+TEST_F(IPCTransferTest, ImpatientWriteEndsWhenItIsTold) {
+    const std::string large(4 << 20, 'x');
+    const int size = static_cast<int>(large.size());
+    int questions = 0;
+    EXPECT_FALSE(connection->write(large.data(), size, [&] { return ++questions < 3; }));
+    EXPECT_EQ(3, questions);
+    (void)peer.receive(static_cast<size_t>(peer.pending()));
+    std::thread reader([&] { EXPECT_EQ(large, peer.receive(large.size())); });
+    EXPECT_TRUE(connection->write(large.data(), size, [] { return true; }));
+    reader.join();
+}
+
 // Each way to end a transfer that stands still, from another thread.
 TEST_F(IPCTransferTest, StuckTransfersEndFromOutside) {
     struct Row {

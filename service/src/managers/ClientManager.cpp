@@ -70,7 +70,10 @@ void ClientManager::registerClient(const char* name, uint16_t major, uint16_t mi
         return;
     }
     const uint64_t clientId = addClient(name, major, minor, connection);
-    if (clientId == 0) return;  // nobody waits for the answer
+    if (clientId == 0) {  // nobody gets the answer
+        closeClient(socket);
+        return;
+    }
     LOG_INFO("client(id:%lu) registered: clientName=%s socket=%d", clientId, name, socket);
     LOG_PROC(m_debugProcess, "enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId,
              socket);
@@ -84,6 +87,11 @@ uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t min
     // never stands for a peer whose hang-up has been seen already.
     std::shared_ptr<ClientConnection> shared = shareConnectionUnsafe(connection);
     if (m_closed || !shared->isConnected()) return 0;
+    if (!shared->addRegistration()) {
+        LOG_ERROR("Error: socket(%d) is closed: no more than %d clients register on one connection",
+                  connection->getSimulateFD(), ClientConnection::kMaxRegistrations);
+        return 0;
+    }
     // Deliberate: a second registration on a connection is a second client, as clients rely on.
     const uint64_t clientId = m_nextClientId++;
     auto client = std::make_unique<KelmClient>(clientId, name, std::move(shared), major, minor);
@@ -153,7 +161,6 @@ void ClientManager::removeAllClients() {
         LOG_PROC(m_debugProcess, "remove all %lu clients", m_idClientMap.size());
         m_closed = true;
         for (const auto& [clientId, client] : m_idClientMap) {
-            client->getConnection()->shutdown();
             if (startDepartureUnsafe(*client, true)) departing.push_back(clientId);
         }
     }
@@ -194,7 +201,7 @@ void ClientManager::notifyAllTasksDone(uint64_t clientId) {
     const auto phase = m_unregisterPhaseMap.find(clientId);
     if (phase == m_unregisterPhaseMap.end()) return;
     phase->second.allTasksDone = true;
-    if (phase->second.unregRspSent) cleanClientUnsafe(clientId);
+    proceedUnsafe(clientId, phase->second);
 }
 
 void ClientManager::enqueueNotifyUnregRspSent(uint64_t clientId) {
@@ -209,7 +216,30 @@ void ClientManager::notifyUnregRspSent(uint64_t clientId) {
     const auto phase = m_unregisterPhaseMap.find(clientId);
     if (phase == m_unregisterPhaseMap.end()) return;
     phase->second.unregRspSent = true;
-    if (phase->second.allTasksDone) cleanClientUnsafe(clientId);
+    proceedUnsafe(clientId, phase->second);
+}
+
+void ClientManager::proceedUnsafe(uint64_t clientId, Phase& phase) {
+    if (!phase.unregRspSent || !phase.allTasksDone || phase.ending) return;
+    phase.ending = true;
+    if (m_finished) {
+        cleanClientUnsafe(clientId);
+    } else {
+        // The connection closes with the record: answers that are still queued must go first.
+        ResultDispatcher::instance().enqueueFinishSender(clientId);
+    }
+}
+
+void ClientManager::enqueueNotifyAnswersSent(uint64_t clientId) {
+    m_pool.postNotice([this, clientId] {
+        m_onPool.assertHeld();
+        notifyAnswersSent(clientId);
+    });
+}
+
+void ClientManager::notifyAnswersSent(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    cleanClientUnsafe(clientId);
 }
 
 void ClientManager::cleanClientUnsafe(uint64_t clientId) {
@@ -277,6 +307,12 @@ int ClientManager::getSocketByClientId(uint64_t clientId) {
     MutexLock lock(m_mutex);
     KelmClient* client = getClientByIdUnsafe(clientId);
     return client != nullptr ? client->getSocket() : -1;
+}
+
+uint64_t ClientManager::getClientIdBySocket(int socket) {
+    MutexLock lock(m_mutex);
+    const auto entry = m_socketClientMap.find(socket);
+    return entry != m_socketClientMap.end() ? entry->second->getId() : 0;
 }
 
 std::shared_ptr<ClientConnection> ClientManager::getConnectionByClientId(uint64_t clientId) {

@@ -27,7 +27,8 @@ struct InfoPackage;
 struct KelmStatus;
 
 // The registry of client processes. A client leaves by request or by vanishing; either way its
-// record goes only when its last message is out and its last task has ended, whichever is later.
+// record goes only when its last message is out and its last task has ended, whichever is later,
+// and then its other answers are out too.
 //
 // A record is running, then leaving (it has an entry in m_unregisterPhaseMap), then gone. Several
 // records may share one connection, which closes with the last of them.
@@ -50,6 +51,8 @@ class ClientManager : public Singleton<ClientManager>,
     void enqueueNotifyAllTasksDone(uint64_t clientId);
     // Its unregister response is on the socket, or will never be.
     void enqueueNotifyUnregRspSent(uint64_t clientId);
+    // So is every answer that was ready when the two above had come.
+    void enqueueNotifyAnswersSent(uint64_t clientId);
 
     // The peer of the connection has vanished: whoever registered over it leaves, without an
     // answer, and a writer that waits for the peer ends at once.
@@ -65,6 +68,8 @@ class ClientManager : public Singleton<ClientManager>,
     std::optional<std::string> getClientName(uint64_t clientId) override EXCLUDES(m_mutex);
     // -1 for an unknown client.
     int getSocketByClientId(uint64_t clientId) EXCLUDES(m_mutex);
+    // One that registered on the connection of that number, 0 if none did.
+    uint64_t getClientIdBySocket(int socket) EXCLUDES(m_mutex);
     // Null for an unknown client. While it is held, the number goes to nobody else.
     std::shared_ptr<ClientConnection> getConnectionByClientId(uint64_t clientId) EXCLUDES(m_mutex);
     // Whether there are clients.
@@ -81,19 +86,22 @@ class ClientManager : public Singleton<ClientManager>,
     struct Phase {
         bool unregRspSent = false;
         bool allTasksDone = false;
+        bool ending = false;  // both have come, and the sender was asked for its last word
     };
     using ConnectionPtr = std::shared_ptr<IPC::ConnectionBase>;
 
     void registerClient(const char* name, uint16_t major, uint16_t minor,
                         const ConnectionPtr& connection, void* msg) REQUIRES(m_onPool)
         EXCLUDES(m_mutex);
-    // The new id, or 0 when the connection has gone meanwhile or the service is ending.
+    // The new id, or 0: the connection has gone meanwhile, which it also does when it has too many
+    // clients, or the service is ending.
     uint64_t addClient(const char* name, uint16_t major, uint16_t minor,
                        const ConnectionPtr& connection) EXCLUDES(m_mutex);
     void unregisterClient(uint64_t clientId, int socket, void* msg) REQUIRES(m_onPool)
         EXCLUDES(m_mutex);
     void notifyAllTasksDone(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyUnregRspSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    void notifyAnswersSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
     KelmClient* getClientByIdUnsafe(uint64_t clientId) REQUIRES(m_mutex);
@@ -104,6 +112,8 @@ class ClientManager : public Singleton<ClientManager>,
     // Every client of the connection leaves; returns those that were not leaving yet.
     std::vector<uint64_t> dropConnectionUnsafe(const std::shared_ptr<ClientConnection>& connection)
         REQUIRES(m_mutex);
+    // Goes on with the departure if both words have come.
+    void proceedUnsafe(uint64_t clientId, Phase& phase) REQUIRES(m_mutex);
     void cleanClientUnsafe(uint64_t clientId) REQUIRES(m_mutex);
     void removeSocketEntryUnsafe(const KelmClient& client) REQUIRES(m_mutex);
 

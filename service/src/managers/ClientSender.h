@@ -1,51 +1,57 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <optional>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
+#include "managers/Backlog.h"
+#include "managers/MessageTag.h"
 #include "protocol/src/MessageWriter.h"
 #include "utils/NonCopyable.h"
 #include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
+namespace IPC {
+class ConnectionBase;
+}
+
 namespace kelm {
 
 // Writes one client's messages in order, on a thread of its own. Records that are ready together
-// leave in one write: they gather until the queue is empty or the writer's buffer is full.
+// leave in one write: they gather until the queue is empty or the writer's buffer is full. Once a
+// write has failed the rest is dropped, since the peer may have half a record.
 //
 // Threads: post() any; write() and flush() inside a posted job.
 // Owns: its pool, and a share of the connection, so that its number goes to no other client.
 class ClientSender : public NonCopyable {
  public:
-    explicit ClientSender(uint64_t clientId);
+    // `socket` is that of the client, who keeps it for life. Raises std::system_error when there is
+    // no thread.
+    ClientSender(uint64_t clientId, int socket, bool debugProcess);
+    ~ClientSender();
 
     uint64_t getClientId() const { return m_clientId; }
 
-    // Queues a job; blocks while 200 are queued, except on the sender's own thread.
+    // Queues a job that writes a message of so many bytes. Blocks while the client's backlog is
+    // full: only for the thread that builds messages.
     template <class Job>
-    void post(Job&& job) {
-        m_pending.fetch_add(1);
-        m_pool.post([this, job = std::forward<Job>(job)]() mutable {
-            const Turn turn(*this);
-            job();
-        });
+    void post(uint64_t bytes, Job&& job) {
+        m_backlog.add(bytes);
+        enqueue(bytes, std::forward<Job>(job));
     }
 
     // The same for a notice, which is never held up.
     template <class Job>
     void postNotice(Job&& job) {
-        m_pending.fetch_add(1);
-        m_pool.postNotice([this, job = std::forward<Job>(job)]() mutable {
-            const Turn turn(*this);
-            job();
-        });
+        m_backlog.addNotice();
+        enqueue(0, std::forward<Job>(job));
     }
 
-    // 0, or -1 when the connection has failed. The number is that of the client, who keeps it for
-    // life.
-    int write(int socket, KelmMsgBase* message);
+    // The message leaves now or with later ones, or is dropped; which of these, the log tells when
+    // it has happened.
+    void write(KelmMsgBase& message);
     // Nothing is unwritten after it.
     void flush();
 
@@ -53,21 +59,40 @@ class ClientSender : public NonCopyable {
     // One job; the last one in the queue writes out what has gathered.
     class Turn : public NonCopyable {
      public:
-        explicit Turn(ClientSender& sender) : m_sender(sender) {}
+        Turn(ClientSender& sender, uint64_t bytes) : m_sender(sender), m_bytes(bytes) {}
         ~Turn() {
-            if (m_sender.m_pending.fetch_sub(1) == 1) m_sender.flush();
+            if (m_sender.m_backlog.remove(m_bytes)) m_sender.flush();
         }
 
      private:
         ClientSender& m_sender;
+        const uint64_t m_bytes;
     };
 
+    // Past the pool's own limit: the backlog is what holds up the poster.
+    template <class Job>
+    void enqueue(uint64_t bytes, Job&& job) {
+        m_pool.postNotice([this, bytes, job = std::forward<Job>(job)]() mutable {
+            const Turn turn(*this, bytes);
+            job();
+        });
+    }
+
+    // Whether writing makes sense still.
+    bool isOpen() REQUIRES(m_onThread);
+    // What was gathered has been written, or has failed.
+    void settle() REQUIRES(m_onThread);
+
     const uint64_t m_clientId;
-    // Atomic: counts the jobs posted and not yet done; whoever posts and the thread both change it.
-    std::atomic<uint64_t> m_pending{0};
+    const bool m_debugProcess;
+    const std::shared_ptr<IPC::ConnectionBase> m_connection;
 
     ThreadRole m_onThread;
-    std::optional<MessageWriter> m_writer GUARDED_BY(m_onThread);
+    MessageWriter m_writer GUARDED_BY(m_onThread);
+    std::vector<MessageTag> m_gathered GUARDED_BY(m_onThread);  // what the writer holds
+    std::string m_failure GUARDED_BY(m_onThread);               // of the connection; empty: none
+
+    Backlog m_backlog;
     ThreadPool m_pool;  // last: its jobs use all of the above
 };
 

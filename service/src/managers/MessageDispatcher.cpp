@@ -36,8 +36,8 @@ constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kPatience{5000};
 constexpr milliseconds kErrorPause{10};
 constexpr milliseconds kLookInterval{100};
-constexpr long kReadEndMillisec = 1000;       // for the listen thread, once nothing can be read
-constexpr long kWriteEndMillisec = 2000;      // and once nothing can be written either
+constexpr long kListenEndMillisec = 1000;     // for the listen thread to see that it is to end
+constexpr long kShutdownEndMillisec = 2000;   // and once nothing can be read or written any more
 constexpr milliseconds kQueuesEndTime{4000};  // for what is queued, graphs included
 
 milliseconds timeUntil(steady_clock::time_point deadline) {
@@ -141,13 +141,11 @@ bool MessageDispatcher::stopService() {
 
 bool MessageDispatcher::stopListenThread() {
     m_stop = true;
-    // A message of which only half has come must not hold the thread.
-    IPC::ConnectionBase::shutdownAll(SHUT_RD);
-    bool ended = m_listenEnded.waitFor(kReadEndMillisec);
+    bool ended = m_listenEnded.waitFor(kListenEndMillisec);
     if (!ended) {
         // It waits for room in a queue, at whose far end a client does not read.
         IPC::ConnectionBase::shutdownAll(SHUT_RDWR);
-        ended = m_listenEnded.waitFor(kWriteEndMillisec);
+        ended = m_listenEnded.waitFor(kShutdownEndMillisec);
     }
     if (ended) {
         m_listenThread.join();

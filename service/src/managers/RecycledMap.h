@@ -41,6 +41,8 @@ class RecycledMap {
         return true;
     }
 
+    typename Map::iterator begin() { return m_map.begin(); }
+    typename Map::iterator end() { return m_map.end(); }
     typename Map::const_iterator begin() const { return m_map.begin(); }
     typename Map::const_iterator end() const { return m_map.end(); }
     size_t size() const { return m_map.size(); }

@@ -1,14 +1,13 @@
 #include "managers/ResultDispatcher.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <system_error>
 
 #include "config/ServiceConfigParser.h"
 #include "managers/ClientManager.h"
 #include "managers/ClientSender.h"
+#include "managers/MessageTag.h"
 #include "managers/TaskManager.h"
-#include "protocol/src/KelmProtocol.h"
 #include "records/ClientConnection.h"
 #include "records/KelmTask.h"
 #include "reporting/InfoCollector.h"
@@ -16,44 +15,13 @@
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
-#include "utils/Tracer.h"
 
 namespace kelm {
-
-namespace {
-
-// How the logs name a message, behind "send".
-std::string generateMessageTag(const KelmMsgBase& message) {
-    if (message.type < KELM_MESSAGE_REQ_END) {
-        const auto& response = reinterpret_cast<const KelmMsgRsp&>(message);
-        return "Message(rspSeqNo=" + std::to_string(response.rspSeqNo) + ")";
-    }
-    if (message.type == KELM_MESSAGE_TASK_DONE_EVT || message.type == KELM_MESSAGE_PING_EVT) {
-        const auto& event = reinterpret_cast<const KelmMsgEvt&>(message);
-        return "Event(evtSeqNo=" + std::to_string(event.evtSeqNo) + ")";
-    }
-    return "";
-}
-
-// The task whose end the message tells, 0 for any other message.
-uint64_t getEndedTaskId(const KelmMsgBase& message) {
-    if (message.type == KELM_MESSAGE_TASK_DONE_MSG) {
-        return reinterpret_cast<const KelmMsgRspTaskDone&>(message).taskId;
-    }
-    if (message.type == KELM_MESSAGE_TASK_DONE_EVT) {
-        return reinterpret_cast<const KelmMsgEvtTaskDone&>(message).taskId;
-    }
-    return 0;
-}
-
-std::string errnoText() { return std::generic_category().message(errno); }
-
-}  // namespace
 
 ResultDispatcher::ResultDispatcher()
     : m_debugProcess(ServiceConfigParser::instance().isResultDispatcherDebugProcessEnabled()),
       m_finishedTasks("", "KelmService", "FinishedTasks"),
-      m_senderPool("ResDpSend", 1, 500),
+      m_strangers(m_debugProcess),
       m_mainPool("ResDp", 1, 30000) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
     m_finishedTasks.m_bufferTimeMs = config.getFpsBufferTimeLength();
@@ -95,99 +63,59 @@ bool ResultDispatcher::isStopped() {
 
 void ResultDispatcher::sendResponse(uint64_t clientId, int socket, MessagePtr message,
                                     uint64_t createdTaskId) {
-    ClientSender* sender = getDedicatedThreadPool(clientId);
+    ClientSender* const sender = getDedicatedThreadPool(clientId);
     if (sender == nullptr) {
-        if (createdTaskId != 0) dropHeldTaskDone(createdTaskId);
-        finishTaskLifeTrace(getEndedTaskId(*message));
         sendWithoutPool(clientId, socket, std::move(message));
         return;
     }
-    sender->post([this, sender, socket, createdTaskId, message = std::move(message)]() mutable {
-        sendMessage(*sender, socket, std::move(message));
-        if (createdTaskId != 0) notifySendCreateTaskReponseDone(*sender, createdTaskId, socket);
+    const uint64_t bytes = message->size;
+    sender->post(bytes, [this, sender, createdTaskId, message = std::move(message)] {
+        sender->write(*message);
+        if (message->type == KELM_MESSAGE_UNREGISTER_RSP) finishUnregister(*sender);
+        if (createdTaskId != 0) notifySendCreateTaskReponseDone(*sender, createdTaskId);
     });
 }
 
 void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr message) {
     ClientManager& clients = ClientManager::instance();
-    if (clients.getSocketByClientId(clientId) > 0) {
-        // Its pool has been retired and may still be writing, which a second writer would garble.
-        LOG_PROC(m_debugProcess, "abort send%s for closed client(id:%lu)",
-                 generateMessageTag(*message), clientId);
-        if (message->type == KELM_MESSAGE_UNREGISTER_RSP)
-            clients.enqueueNotifyUnregRspSent(clientId);
-        return;
-    }
-    if (socket <= 0 || isStopped()) return;  // no client and no connection: nobody to tell
-    m_senderPool.post([this, socket, message = std::move(message)] {
-        // Thousands may be left for a peer that has gone, and each failed write costs an exception.
-        const auto connection = IPC::ConnectionBase::findConnection(socket);
-        if (!connection || !connection->connected()) {
-            LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s",
-                     generateMessageTag(*message), socket, "not connected");
-            return;
-        }
-        const int result = kelmSendMessage(socket, message.get());
-        if (result != 0) {
-            LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s",
-                     generateMessageTag(*message), socket, errnoText());
-        } else {
-            LOG_PROC(m_debugProcess, "send%s through socket(%d) done, ret=%s",
-                     generateMessageTag(*message), socket, errnoText());
-        }
-    });
-}
-
-void ResultDispatcher::sendMessage(ClientSender& sender, int socket, MessagePtr message) {
-    const uint64_t endedTaskId = getEndedTaskId(*message);
-    writeMessage(sender, socket, std::move(message));
-    finishTaskLifeTrace(endedTaskId);
-}
-
-void ResultDispatcher::writeMessage(ClientSender& sender, int socket, MessagePtr message) {
-    const uint64_t clientId = sender.getClientId();
-    ClientManager& clients = ClientManager::instance();
-    std::shared_ptr<ClientConnection> connection = clients.getConnectionByClientId(clientId);
-    const bool unregisters = message->type == KELM_MESSAGE_UNREGISTER_RSP;
-    if (!connection && !unregisters) {
-        LOG_PROC(m_debugProcess, "abort send%s for closed client(id:%lu)",
-                 generateMessageTag(*message), clientId);
-        return;
-    }
-    const int result = connection ? sender.write(connection->getSocket(), message.get())
-                                  : kelmSendMessage(socket, message.get());
-    if (result != 0) {
-        LOG_PROC(m_debugProcess, "send%s to client(id:%lu) failed, ret=%s",
-                 generateMessageTag(*message), clientId, errnoText());
+    const auto connection = IPC::ConnectionBase::findConnection(socket);
+    const bool connected = connection && connection->connected() && !isStopped();
+    // A client of that connection has a thread of its own to wait for the peer.
+    ClientSender* const sender =
+        connected ? getDedicatedThreadPool(clients.getClientIdBySocket(socket)) : nullptr;
+    if (sender != nullptr) {
+        const uint64_t bytes = message->size;
+        sender->post(bytes, [sender, message = std::move(message)] { sender->write(*message); });
+    } else if (connected) {
+        m_strangers.post(connection, std::move(message));
     } else {
-        LOG_PROC(m_debugProcess, "send%s to client(id:%lu) done", generateMessageTag(*message),
-                 clientId);
+        const MessageTag tag(*message);
+        if (clientId != 0) {
+            LOG_PROC(m_debugProcess, "abort send%s for closed client(id:%lu)", tag.text(),
+                     clientId);
+        } else {
+            LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s", tag.text(),
+                     socket, "not connected");
+        }
+        tag.finishTaskLifeTrace();
+        // Its record may still be there and wait for this word.
+        if (tag.type == KELM_MESSAGE_UNREGISTER_RSP) clients.enqueueNotifyUnregRspSent(clientId);
     }
-    if (!unregisters) return;
-    sender.flush();
-    clients.enqueueNotifyUnregRspSent(clientId);
 }
 
-void ResultDispatcher::notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId,
-                                                       int socket) {
+void ResultDispatcher::finishUnregister(ClientSender& sender) {
+    sender.flush();
+    ClientManager::instance().enqueueNotifyUnregRspSent(sender.getClientId());
+}
+
+void ResultDispatcher::notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId) {
     KelmTask* task = nullptr;
-    MessagePtr held = TaskManager::instance().notifyCreateResponseSent(taskId, task);
+    const MessagePtr held = TaskManager::instance().notifyCreateResponseSent(taskId, task);
     if (!held) return;
-    sendMessage(sender, socket, std::move(held));
     LOG_PROC(m_debugProcess, "Found cached task done response with taskId(%lu), send it!", taskId);
+    sender.write(*held);
     m_finishedTasks.update();
     destroyTask(task);
-}
-
-void ResultDispatcher::dropHeldTaskDone(uint64_t taskId) {
-    KelmTask* task = nullptr;
-    if (!TaskManager::instance().notifyCreateResponseSent(taskId, task)) return;
-    finishTaskLifeTrace(taskId);
-    destroyTask(task);
-}
-
-void ResultDispatcher::finishTaskLifeTrace(uint64_t taskId) {
-    if (taskId != 0 && isTracerOn()) TaskManager::instance().finishTaskLifeTrace(taskId);
 }
 
 void ResultDispatcher::destroyTask(KelmTask* task) {
@@ -196,23 +124,50 @@ void ResultDispatcher::destroyTask(KelmTask* task) {
 
 ClientSender* ResultDispatcher::getDedicatedThreadPool(uint64_t clientId) {
     if (clientId == 0) return nullptr;
+    ClientManager& clients = ClientManager::instance();
+    std::shared_ptr<ClientConnection> connection;
+    try {
+        MutexLock lock(m_dedicatedMutex);
+        const auto entry = m_dedicatedThreadPools.find(clientId);
+        if (entry != m_dedicatedThreadPools.end()) return entry->second.get();
+        // An id that nobody has gets no thread, nor does a peer that has gone.
+        connection = clients.getConnectionByClientId(clientId);
+        if (m_stopped || !connection || !connection->isConnected()) return nullptr;
+        auto sender =
+            std::make_unique<ClientSender>(clientId, connection->getSocket(), m_debugProcess);
+        return m_dedicatedThreadPools.emplace(clientId, std::move(sender)).first->second.get();
+    } catch (const std::system_error& error) {
+        LOG_ERROR(
+            "Error: no thread for the answers to client(id:%lu), its connection is closed: %s",
+            clientId, error.what());
+    }
+    clients.closeClient(connection->getSocket());
+    return nullptr;
+}
+
+void ResultDispatcher::enqueueFinishSender(uint64_t clientId) {
+    m_mainPool.postNotice([this, clientId] {
+        m_onMainPool.assertHeld();
+        finishSender(clientId);
+    });
+}
+
+void ResultDispatcher::finishSender(uint64_t clientId) {
+    const auto notify = [clientId] {
+        ClientManager::instance().enqueueNotifyAnswersSent(clientId);
+    };
+    ClientSender* const sender = findSender(clientId);
+    if (sender == nullptr) return notify();
+    sender->postNotice([sender, notify] {
+        sender->flush();
+        notify();
+    });
+}
+
+ClientSender* ResultDispatcher::findSender(uint64_t clientId) {
     MutexLock lock(m_dedicatedMutex);
     const auto entry = m_dedicatedThreadPools.find(clientId);
-    if (entry != m_dedicatedThreadPools.end()) return entry->second.get();
-    const bool retired =
-        std::any_of(m_retiredSenders.begin(), m_retiredSenders.end(),
-                    [clientId](const auto& sender) { return sender->getClientId() == clientId; });
-    // An id that nobody has gets no thread.
-    if (m_stopped || retired || ClientManager::instance().getSocketByClientId(clientId) <= 0) {
-        return nullptr;
-    }
-    try {
-        return m_dedicatedThreadPools.emplace(clientId, std::make_unique<ClientSender>(clientId))
-            .first->second.get();
-    } catch (const std::system_error& error) {  // no threads left
-        LOG_ERROR("Error: nothing can be sent to client(id:%lu): %s", clientId, error.what());
-        return nullptr;
-    }
+    return entry != m_dedicatedThreadPools.end() ? entry->second.get() : nullptr;
 }
 
 void ResultDispatcher::enqueueRemoveDedicatedThreadPool(uint64_t clientId) {
@@ -232,8 +187,8 @@ void ResultDispatcher::removeDedicatedThreadPool(uint64_t clientId) {
         m_retiredSenders.push_back(std::move(entry->second));
         m_dedicatedThreadPools.erase(entry);
     }
-    // A client that does not read must not hold up this thread, so the pool ends itself: its last
-    // job asks for the deletion, which then has only to join an idle thread.
+    // Its last job may wait for the peer of a connection that another client shares, which must not
+    // hold up this thread: so the pool ends itself, and deletion has only to join an idle thread.
     sender->postNotice([this, sender] {
         sender->flush();
         m_mainPool.postNotice([this, sender] {

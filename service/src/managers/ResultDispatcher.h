@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "execution/ResultSink.h"
+#include "managers/StrangerSender.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/KelmMessage.h"
 #include "protocol/src/MessagePtr.h"
@@ -33,7 +34,7 @@ struct KelmStatus;
 // Each send...Response answers `userParam`, the request message, exactly once and frees it; the
 // enqueue... of the same name may be called on any thread and blocks while the main pool is full.
 //
-// Threads: m_mainPool builds, m_senderPool writes what belongs to no client, one pool per client
+// Threads: m_mainPool builds, m_strangers writes what belongs to no client, one pool per client
 // writes that client's messages in order.
 // Owns: the clients' pools, and what is queued. Borrows tasks until it has passed them on.
 // Locks: m_dedicatedMutex, never held across a post or the end of a pool.
@@ -67,6 +68,9 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
                                         void* userParam);
     // Fills in the rate of the service and reports that.
     void enqueueQueryServiceFps(const std::shared_ptr<KelmStatus>& status);
+    // The client's record is about to go: reports to the client manager once every answer is out
+    // that has been handed in before.
+    void enqueueFinishSender(uint64_t clientId);
     // The client's record is gone.
     void enqueueRemoveDedicatedThreadPool(uint64_t clientId);
 
@@ -117,8 +121,11 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     MessagePtr makeResponse(const Answer& answer, const KelmMsgReq& request);
     void deliver(const Answer& answer, MessagePtr message, uint64_t createdTaskId = 0)
         REQUIRES(m_onMainPool);
-    // The client that is told of the end of the task, or null.
+    // The client that counts the task, and is told of its end if it wants that; or null.
     KelmClient* findReceiver(KelmTask& task);
+    // False if the message waits for the create response: the thread that writes that sends it,
+    // and the task is that thread's from here on.
+    bool tellTaskDone(KelmTask& task, KelmClient& client, KelmError error) REQUIRES(m_onMainPool);
     MessagePtr makeTaskDoneMessage(KelmTask& task, KelmClient& client, KelmError error);
     void cancelUnregisterResponse(uint64_t clientId) REQUIRES(m_onMainPool);
     void destroyTask(KelmTask* task);
@@ -126,20 +133,19 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     // Writing. With `createdTaskId` the message is the create response of that task.
     void sendResponse(uint64_t clientId, int socket, MessagePtr message, uint64_t createdTaskId)
         REQUIRES(m_onMainPool);
-    // For a client without a pool: written by "ResDpSend", or dropped if the client is leaving.
+    // For an id that nobody has: written to the connection that asked, or dropped if that has gone.
     void sendWithoutPool(uint64_t clientId, int socket, MessagePtr message) REQUIRES(m_onMainPool);
-    void sendMessage(ClientSender& sender, int socket, MessagePtr message);
-    void writeMessage(ClientSender& sender, int socket, MessagePtr message);
-    // The task's last message has been written or dropped; 0 is no task.
-    static void finishTaskLifeTrace(uint64_t taskId);
-    void notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId, int socket);
-    // The done message that waited for the create response is dropped with its task.
-    void dropHeldTaskDone(uint64_t taskId);
+    // In a job of the sender, behind what it tells of.
+    static void finishUnregister(ClientSender& sender);
+    void notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId);
 
     // The sender of the client, made when the client is known; null for an id that nobody has, and
-    // for a client whose sender is ending.
+    // for a client that has lost its connection, as it does when there is no thread.
     ClientSender* getDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
         EXCLUDES(m_dedicatedMutex);
+    // The same, but none is made.
+    ClientSender* findSender(uint64_t clientId) REQUIRES(m_onMainPool) EXCLUDES(m_dedicatedMutex);
+    void finishSender(uint64_t clientId) REQUIRES(m_onMainPool) EXCLUDES(m_dedicatedMutex);
     // Takes the client's pool out at once; it ends when it has written what is queued.
     void removeDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
         EXCLUDES(m_dedicatedMutex);
@@ -161,7 +167,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     std::vector<std::unique_ptr<ClientSender>> m_retiredSenders GUARDED_BY(m_dedicatedMutex);
 
     ThreadRole m_onMainPool;
-    ThreadPool m_senderPool;
+    StrangerSender m_strangers;
     ThreadPool m_mainPool;  // last: its jobs use all of the above
 };
 

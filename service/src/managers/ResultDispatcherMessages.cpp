@@ -94,6 +94,9 @@ void fillHead(const KelmMsgReq& request, uint64_t clientId, KelmError error, Kel
     response.clientId = clientId;
 }
 
+// Clients of the first API version know the done message, those after it the event.
+bool takesEvents(const KelmClient& client) { return client.getApiMajorVersion() >= 2; }
+
 template <class Record>
 Record& as(const MessagePtr& message) {
     return *reinterpret_cast<Record*>(message.get());
@@ -202,21 +205,16 @@ void ResultDispatcher::sendUnregisterResponse(uint64_t clientId, int socket, Kel
     } else {
         cancelUnregisterResponse(clientId);
     }
-    // An id that nobody had may be a new client's by now, who keeps its pool.
-    if (error == KELM_OK) removeDedicatedThreadPool(clientId);
 }
 
 void ResultDispatcher::cancelUnregisterResponse(uint64_t clientId) {
     // The departure waits for this word, with or without a response, behind what is queued.
-    ClientSender* sender = getDedicatedThreadPool(clientId);
+    ClientSender* const sender = findSender(clientId);
     if (sender == nullptr) {
         ClientManager::instance().enqueueNotifyUnregRspSent(clientId);
         return;
     }
-    sender->postNotice([sender, clientId] {
-        sender->flush();
-        ClientManager::instance().enqueueNotifyUnregRspSent(clientId);
-    });
+    sender->postNotice([sender] { finishUnregister(*sender); });
 }
 
 void ResultDispatcher::enqueueSendCreateGraphResponse(KelmGraph* graph, KelmError error, int socket,
@@ -305,10 +303,7 @@ void ResultDispatcher::sendCreateTaskResponse(uint64_t taskId, KelmError error, 
     const auto& infer = as<KelmMsgReqInferTask>(request);
     const Answer answer{KELM_MESSAGE_INFER_TASK_RSP, infer.clientId, taskId, error, socket};
     MessagePtr message = makeResponse(answer, infer.head);
-    if (!message) {
-        if (taskId != 0) dropHeldTaskDone(taskId);
-        return;
-    }
+    if (!message) return;
     auto& response = as<KelmMsgRspInferTask>(message);
     response.taskId = taskId;
     response.taskCookie0 = infer.taskCookie0;
@@ -396,22 +391,30 @@ void ResultDispatcher::sendTaskDoneResponse(KelmTask* task, KelmError error) {
         LOG_ERROR("Error: send task done response failed: task == NULL");
         return;
     }
-    KelmClient* client = findReceiver(*task);
+    KelmClient* const client = findReceiver(*task);
     if (client != nullptr) {
-        const uint64_t taskId = task->getId();
-        const uint64_t clientId = task->getClientId();
         client->increaseInferenceTimes();
-        MessagePtr message = makeTaskDoneMessage(*task, *client, error);
-        if (task->setTaskDoneResponse(message)) {
-            // From here on the task belongs to the thread that writes its create response.
-            LOG_PROC(m_debugProcess,
-                     "Task(%lu) create response is not sent yet, cache task done response", taskId);
+        if (task->getCreateTaskRequest().head.needResponse == 0) {
+            // Its event is not told, but has its number all the same.
+            if (takesEvents(*client)) m_evtSeqNo.fetch_add(1);
+        } else if (!tellTaskDone(*task, *client, error)) {
             return;
         }
-        sendResponse(clientId, -1, std::move(message), 0);
-        m_finishedTasks.update();
     }
     destroyTask(task);
+}
+
+bool ResultDispatcher::tellTaskDone(KelmTask& task, KelmClient& client, KelmError error) {
+    const uint64_t taskId = task.getId();
+    MessagePtr message = makeTaskDoneMessage(task, client, error);
+    if (task.setTaskDoneResponse(message)) {
+        LOG_PROC(m_debugProcess,
+                 "Task(%lu) create response is not sent yet, cache task done response", taskId);
+        return false;
+    }
+    sendResponse(client.getId(), -1, std::move(message), 0);
+    m_finishedTasks.update();
+    return true;
 }
 
 KelmClient* ResultDispatcher::findReceiver(KelmTask& task) {
@@ -422,7 +425,6 @@ KelmClient* ResultDispatcher::findReceiver(KelmTask& task) {
         LOG_INFO("Destroy task(%lu), reason=canceled", task.getId());
         return nullptr;
     }
-    if (task.getCreateTaskRequest().head.needResponse == 0) return nullptr;
     ClientManager& clients = ClientManager::instance();
     if (!clients.verifyClient(clientId)) {
         LOG_PROC(m_debugProcess, "abort send task done message to unregistered client(id:%lu)",
@@ -438,8 +440,7 @@ MessagePtr ResultDispatcher::makeTaskDoneMessage(KelmTask& task, KelmClient& cli
                                                  KelmError error) {
     const KelmMsgReqInferTask& request = task.getCreateTaskRequest();
     const uint64_t clientId = task.getClientId();
-    // Clients of the first API version know the message, those after it the event.
-    if (client.getApiMajorVersion() < 2) {
+    if (!takesEvents(client)) {
         MessagePtr message = allocate(KELM_MESSAGE_TASK_DONE_MSG, "KelmMsgRspTaskDone");
         auto& done = as<KelmMsgRspTaskDone>(message);
         fillHead(request.head, clientId, error, done.head);

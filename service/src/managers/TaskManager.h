@@ -94,8 +94,9 @@ class TaskManager final : public Singleton<TaskManager>,
         int socket = -1;
     };
     struct TaskState {
-        int32_t pins = 0;    // answers of the scheduler that will name the task
-        bool ended = false;  // to be destroyed when the last pin is gone
+        int32_t pins = 0;      // answers of the scheduler that will name the task
+        bool ended = false;    // to be destroyed when the last pin is gone
+        bool givenUp = false;  // counts in m_givenUpTaskCounts
     };
     struct GraphCount {
         bool descheduled = false;
@@ -107,6 +108,7 @@ class TaskManager final : public Singleton<TaskManager>,
         uint64_t id;
         uint64_t clientId;
         KelmGraph* graph;
+        bool givenUp;
         std::string summary;  // empty when nobody logs it
     };
 
@@ -171,7 +173,9 @@ class TaskManager final : public Singleton<TaskManager>,
     // In order of the requests for each task, in which the scheduler answers them too.
     std::multimap<KelmTask*, Response> m_cancelResponses GUARDED_BY(m_mutex);
     std::vector<const DyingTask*> m_dyingTasks GUARDED_BY(m_mutex);  // one per destroying thread
-    std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);      // departing clients
+    std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);  // departing clients
+    // Clients that stay and have given up a shared graph: how many canceled tasks have not ended.
+    std::map<uint64_t, int32_t> m_givenUpTaskCounts GUARDED_BY(m_mutex);
     std::map<KelmGraph*, GraphCount> m_graphTaskCounts GUARDED_BY(m_mutex);  // departing graphs
     TaskTraces m_taskTraces;
     // Atomic: set once in the destructor, and read wherever an answer would go out.

@@ -41,9 +41,11 @@ bool TaskManager::unlinkTaskUnsafe(KelmTask* task, DyingTask& dying) {
     m_taskIdMap.erase(dying.id);
     state->ended = true;
     if (state->pins > 0) return false;
+    const bool givenUp = state->givenUp;
     m_tasks.erase(task);
     dying.clientId = task->getClientId();
     dying.graph = task->getGraph();
+    dying.givenUp = givenUp;
     if (m_debugProcess && Log::instance().isEnabled(LOG_LEVEL_FREQ)) {
         dying.summary = task->getSummary();
     }
@@ -72,6 +74,10 @@ void TaskManager::removeTask(const DyingTask& dying, bool& clientDone, bool& gra
         m_clientTaskCounts.erase(client);
         clientDone = true;
     }
+    const auto givenUp = m_givenUpTaskCounts.find(dying.clientId);
+    if (dying.givenUp && givenUp != m_givenUpTaskCounts.end() && --givenUp->second == 0) {
+        m_givenUpTaskCounts.erase(givenUp);
+    }
     const auto graph = m_graphTaskCounts.find(dying.graph);
     if (graph != m_graphTaskCounts.end() && --graph->second.count == 0 &&
         graph->second.descheduled) {
@@ -93,16 +99,20 @@ void TaskManager::notifyClientInDestroy(uint64_t clientId) {
 int TaskManager::cancelRelatedTasks(uint64_t clientId, bool departing,
                                     std::vector<KelmTask*>& finished) {
     MutexLock lock(m_mutex);
+    // A second notice while the first is under way; that of a departure outranks the other kind.
     if (m_clientTaskCounts.contains(clientId)) return -1;
+    if (!departing && m_givenUpTaskCounts.contains(clientId)) return -1;
     int count = 0;
-    for (const auto& [task, state] : m_tasks) {
+    for (auto& [task, state] : m_tasks) {
         if (task->getClientId() != clientId) continue;
         task->cancel();
         ++count;
         // The create response of a client that has gone may never be written, so its done message
         // must not wait for it: the task has run and only that message kept it.
         if (departing && task->dropTaskDoneResponse()) finished.push_back(task);
+        if (!departing) state.givenUp = true;
     }
+    if (!departing && count > 0) m_givenUpTaskCounts.emplace(clientId, count);
     for (const DyingTask* dying : m_dyingTasks) {
         if (dying->clientId == clientId) ++count;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "utils/NonCopyable.h"
@@ -26,9 +27,15 @@ class ClientConnection : public NonCopyable {
     // Ends every read and write on it at once, those in progress included.
     void shutdown();
 
+    // Each client costs a thread, so their number is bounded; those that have left count too.
+    static constexpr int kMaxRegistrations = 64;
+    // Notes another client; false when there are too many.
+    bool addRegistration() { return ++m_registrations <= kMaxRegistrations; }
+
  private:
     const std::shared_ptr<IPC::ConnectionBase> m_connection;
     const int m_socket;
+    std::atomic<int> m_registrations{0};  // atomic: only counts
 };
 
 }  // namespace kelm

@@ -46,6 +46,7 @@ KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskPa
       m_graph(graph),
       m_taskParam(taskParam),
       m_createTaskRequest(*request),
+      m_isCreateRspSent(request->head.needResponse == 0),
       m_timeToKelmHal(std::chrono::system_clock::now()) {
     if (m_client != nullptr) m_client->increaseTaskCount();
     m_graph->increaseTaskCount();

@@ -113,7 +113,7 @@ class KelmTask : public NonCopyable {
     int32_t m_loadCount GUARDED_BY(m_mutex) = 0;
     int32_t m_status GUARDED_BY(m_mutex) = TASK_STATUS_CREATED;
     bool m_isCanceled GUARDED_BY(m_mutex) = false;
-    bool m_isCreateRspSent GUARDED_BY(m_mutex) = false;
+    bool m_isCreateRspSent GUARDED_BY(m_mutex);         // also if none is wanted
     bool m_hasTaskDoneMsg GUARDED_BY(m_mutex) = false;  // also after it was handed out
     MessagePtr m_taskDoneMsg GUARDED_BY(m_mutex);
     TimePoint m_timeToKelmHal GUARDED_BY(m_mutex);

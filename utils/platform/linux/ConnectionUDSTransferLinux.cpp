@@ -19,10 +19,14 @@ namespace {
 
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
-// Until the socket is ready again, or shut down; then the caller repeats its call.
-void waitFor(int fd, short events) {
+constexpr int kForEver = -1;
+constexpr int kQuestionMillisec = 10;  // between two questions whether to go on waiting
+
+// Until the socket is ready again, or shut down, or the time is up; then the caller repeats its
+// call.
+void waitFor(int fd, short events, int millisec = kForEver) {
     pollfd entry = {fd, events, 0};
-    (void)::poll(&entry, 1, -1);
+    (void)::poll(&entry, 1, millisec);
 }
 
 [[noreturn]] void raiseInvalidArgument(const char* text, int fd, const void* buffer, int size) {
@@ -67,24 +71,29 @@ class ConnectionUDS::Use {
     const int m_fd;
 };
 
-void ConnectionUDS::write(const void* buffer, int size) {
+void ConnectionUDS::write(const void* buffer, int size) { (void)write(buffer, size, nullptr); }
+
+bool ConnectionUDS::write(const void* buffer, int size, const std::function<bool()>& goOn) {
     const Use use(*this);
     if (use.fd() <= 0 || buffer == nullptr || size <= 0) {
         raiseInvalidArgument("invalid argument: m_fd=", use.fd(), buffer, size);
     }
     const char* next = static_cast<const char*>(buffer);
+    const int flags = MSG_NOSIGNAL | (goOn ? MSG_DONTWAIT : 0);
     while (size > 0) {
-        const ssize_t count = ::send(use.fd(), next, static_cast<size_t>(size), MSG_NOSIGNAL);
+        const ssize_t count = ::send(use.fd(), next, static_cast<size_t>(size), flags);
         if (count >= 0) {
             next += count;
             size -= static_cast<int>(count);
         } else if (wouldBlock(errno)) {
-            waitFor(use.fd(), POLLOUT);
+            if (goOn && !goOn()) return false;
+            waitFor(use.fd(), POLLOUT, goOn ? kQuestionMillisec : kForEver);
         } else if (errno != EINTR) {
             KELM_THROW("write socket(idx=" + std::to_string(getSimulateFD()) +
                        ") failed, user=" + getUser());
         }
     }
+    return true;
 }
 
 void ConnectionUDS::read(void* buffer, int size, int* bytesRead) {

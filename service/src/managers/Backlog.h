@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm {
+
+// Counts the messages that wait for a peer, and holds up whoever adds to them once they are both
+// many and large: a peer that does not read costs memory up to a bound, and then time.
+//
+// Threads: any. Locks: m_mutex is a leaf.
+class Backlog : public NonCopyable {
+ public:
+    // Bytes of records that may wait beyond the messages which always have room.
+    static constexpr uint64_t kMaxBytes = 16U << 20;
+
+    // `messages` is how many have room whatever their size.
+    explicit Backlog(uint64_t messages) : m_maxMessages(messages) {}
+
+    // Waits until there is room.
+    void add(uint64_t bytes) EXCLUDES(m_mutex);
+    // Never waits; of no size.
+    void addNotice() { m_messages.fetch_add(1); }
+    // True when nothing is left.
+    bool remove(uint64_t bytes) EXCLUDES(m_mutex);
+    bool isFull() const { return m_messages.load() >= m_maxMessages && m_bytes.load() > kMaxBytes; }
+
+ private:
+    const uint64_t m_maxMessages;
+    // Atomics: each message passes here twice, and the mutex is for those who wait.
+    std::atomic<uint64_t> m_messages{0};
+    std::atomic<uint64_t> m_bytes{0};
+    std::atomic<uint32_t> m_waiters{0};
+
+    Mutex m_mutex;
+    CondVar m_roomCond;
+};
+
+}  // namespace kelm

@@ -1,0 +1,79 @@
+#include "managers/StrangerSender.h"
+
+#include <cerrno>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "managers/ClientManager.h"
+#include "managers/MessageTag.h"
+#include "utils/IPC.h"
+#include "utils/Log.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr uint64_t kMaxQueuedMessages = 500;
+constexpr std::chrono::seconds kPatience{1};
+constexpr std::chrono::milliseconds kTurnPause{10};
+
+}  // namespace
+
+StrangerSender::StrangerSender(bool debugProcess)
+    : m_debugProcess(debugProcess),
+      m_backlog(kMaxQueuedMessages),
+      m_pool("ResDpSend", 1, kMaxQueuedMessages) {}
+
+void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message) {
+    m_backlog.add(message->size);
+    // The second runs from here: an answer that has waited behind others has only the rest of it,
+    // or a row of peers that do not read would delay the last one by a second each.
+    m_pool.postNotice([this, connection = std::move(connection), message = std::move(message),
+                       deadline = Clock::now() + kPatience] {
+        write(*connection, *message, deadline);
+        (void)m_backlog.remove(message->size);
+    });
+}
+
+void StrangerSender::write(IPC::ConnectionBase& connection, const KelmMsgBase& message,
+                           Clock::time_point deadline) {
+    // Thousands may be left for a peer that has gone, and each failed write costs an exception.
+    if (!connection.connected()) return logFailure(connection, message, "not connected");
+    try {
+        if (writeInTime(connection, message, deadline)) {
+            LOG_PROC(m_debugProcess, "send%s through socket(%d) done, ret=%s",
+                     MessageTag(message).text(), connection.getSimulateFD(),
+                     std::generic_category().message(0));
+            return;
+        }
+    } catch (const std::exception& error) {
+        const int cause = errno;
+        LOG_ERROR("%s", error.what());
+        return logFailure(connection, message, std::generic_category().message(cause).c_str());
+    }
+    logFailure(connection, message, "the peer does not read");
+    LOG_ERROR("Error: socket(%d) is closed: it never registered and does not read its answers",
+              connection.getSimulateFD());
+    ClientManager::instance().closeClient(connection.getSimulateFD());
+}
+
+bool StrangerSender::writeInTime(IPC::ConnectionBase& connection, const KelmMsgBase& message,
+                                 Clock::time_point deadline) {
+    const auto goOn = [&] { return Clock::now() < deadline && !m_backlog.isFull(); };
+    Mutex& mutex = connection.writeMutex();
+    while (!mutex.tryLock()) {  // it has registered meanwhile, and that sender is writing
+        if (!goOn()) return false;
+        std::this_thread::sleep_for(kTurnPause);
+    }
+    MutexLock lock(mutex, std::adopt_lock);
+    return connection.write(&message, static_cast<int>(message.size), goOn);
+}
+
+void StrangerSender::logFailure(const IPC::ConnectionBase& connection, const KelmMsgBase& message,
+                                const char* reason) const {
+    LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s",
+             MessageTag(message).text(), connection.getSimulateFD(), reason);
+}
+
+}  // namespace kelm

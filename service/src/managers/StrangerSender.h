@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "managers/Backlog.h"
+#include "protocol/src/MessagePtr.h"
+#include "utils/NonCopyable.h"
+#include "utils/ThreadPool.h"
+
+namespace IPC {
+class ConnectionBase;
+}
+
+namespace kelm {
+
+// Writes to peers that have no client record, on one thread for all of them. A peer that leaves no
+// room for an answer is closed when the answer is a second old, or as soon as the backlog of all is
+// full, so that it delays the others by no more.
+//
+// Threads: post() any; it blocks while the backlog is full. Owns: its pool.
+class StrangerSender : public NonCopyable {
+ public:
+    explicit StrangerSender(bool debugProcess);
+
+    void post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message);
+
+ private:
+    using Clock = std::chrono::steady_clock;
+
+    void write(IPC::ConnectionBase& connection, const KelmMsgBase& message,
+               Clock::time_point deadline);
+    // False when the peer has used up its time; raises what the connection raises.
+    bool writeInTime(IPC::ConnectionBase& connection, const KelmMsgBase& message,
+                     Clock::time_point deadline);
+    void logFailure(const IPC::ConnectionBase& connection, const KelmMsgBase& message,
+                    const char* reason) const;
+
+    const bool m_debugProcess;
+    Backlog m_backlog;
+    ThreadPool m_pool;  // last: its jobs use all of the above
+};
+
+}  // namespace kelm
