@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -6,7 +5,7 @@
 #include "records/KelmGraph.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
-#include "utils/UniqueFd.h"
+#include "utils/PlainFile.h"
 
 namespace kelm {
 
@@ -33,9 +32,8 @@ bool KelmGraph::dumpToFile(const std::string& path) {
     const size_t slash = path.rfind('/');
     if (slash != std::string::npos && slash > 0)
         FileHelper::createDirectories(path.substr(0, slash));
-    // A link that somebody planted in a shared directory is not followed, a pipe not waited for.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const UniqueFd file(::open(path.c_str(), kFlags, 0644));
+    const UniqueFd file = PlainFile::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC, 0644,
+                                          PlainFile::Owner::THIS_USER);
     if (!file || !writeAll(file.get(), m_data.get(), m_dataSize)) {
         LOG_ERROR("Error: failed to create dump file '%s'", path);
         return false;
