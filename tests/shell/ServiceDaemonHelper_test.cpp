@@ -33,12 +33,14 @@ class ServiceDaemonHelperTest : public ::testing::Test {
 TEST_F(ServiceDaemonHelperTest, ReadyLockOfAnotherHoldsUpNeitherStartNorStop) {
     GlobalMutex other(RunPaths::readyMutex(), true);
     ASSERT_TRUE(other.trylock());
-    ServiceDaemonHelper stops;
     ServiceDaemonHelper stays;
     const std::shared_future<void> done = std::async(std::launch::async, [&] {
+        {
+            ServiceDaemonHelper stops;
+            stops.daemonReadyToServe();
+            stops.daemonStop();
+        }
         stays.daemonReadyToServe();
-        stops.daemonReadyToServe();
-        stops.daemonStop();
     });
     EXPECT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     other.unlock();

@@ -74,7 +74,9 @@ int KelmZorvanDevice::getResultRaw(KelmTask* task, const TevoHandles& handles) {
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
     LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu outFd=%d", task->getClientId(),
               task->getGraph()->getId(), task->getId(), output.fd);
-    if (!mapBuffer(output)) return drainResult(task, handles);
+    if (!mapBuffer(*task->getTaskParam(), output, FileRights::WRITE)) {
+        return drainResult(task, handles);
+    }
     void* const data = reinterpret_cast<void*>(output.buffer);
     Result result{clampLength(output.size)};
     const auto read = [&] {
@@ -146,7 +148,7 @@ int KelmZorvanDevice::finishResult(KelmTask* task, const TevoHandles& handles,
     if (aux.auxRequested != 0) {
         LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu auxFd=%d",
                   task->getClientId(), task->getGraph()->getId(), task->getId(), aux.fd);
-        const int rc = getAuxBufferData(handles.graphHandle, aux);
+        const int rc = getAuxBufferData(handles.graphHandle, *task->getTaskParam());
         LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                     "device=%s taskId=%lu outputBufferLen=%u auxBufferLen=%lu", getName(),
                     task->getId(), result.length, aux.size);

@@ -11,7 +11,10 @@
 
 #include "records/KelmGraph.h"
 #include "utils/Digest.h"
+#include "utils/FileRights.h"
 #include "utils/Log.h"
+#include "utils/PeerCredentials.h"
+#include "utils/TextHelper.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
@@ -42,9 +45,9 @@ bool GraphBlob::isGraphFile(const char* path) {
     return ::stat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-GraphBlob GraphBlob::fromFile(const char* path) {
+GraphBlob GraphBlob::fromFile(const char* path, const PeerCredentials& peer) {
     GraphBlob blob;
-    if (!blob.read(path)) return blob;
+    if (!blob.read(path, peer)) return blob;
     // Deliberate: an empty file has the digest of no bytes while its record has none, so that it
     // loads and is never taken for another one's twin.
     blob.m_recordHash = sha256ForBuffer(blob.m_data, blob.m_size);
@@ -61,11 +64,19 @@ GraphBlob GraphBlob::fromBuffer(const char* data, uint64_t size) {
     return blob;
 }
 
-bool GraphBlob::read(const char* path) {
+bool GraphBlob::read(const char* path, const PeerCredentials& peer) {
     // The path may name something else by now: without O_NONBLOCK a FIFO would hold this thread.
     const UniqueFd file(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file) {
-        LOG_ERROR("failed to open file %s. errno = %d (%s)", path, errno, std::strerror(errno));
+        LOG_ERROR("failed to open file %s. errno = %d (%s)", escapeControls(path), errno,
+                  std::strerror(errno));
+        return false;
+    }
+    // The file was opened with this service's rights, whoever named it.
+    if (!mayAccess(peer, file.get(), FileRights::READ)) {
+        LOG_ERROR(
+            "Error: user %u does not own graph file '%s', and its mode does not let him read it",
+            peer.user, escapeControls(path));
         return false;
     }
     struct stat status {};

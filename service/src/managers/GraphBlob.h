@@ -9,6 +9,7 @@
 namespace kelm {
 
 class KelmGraph;
+struct PeerCredentials;
 
 // The bytes of a graph before there is a record of it. Digest and record come from the same bytes,
 // so that a file which changes meanwhile cannot give a record under a wrong digest.
@@ -19,8 +20,9 @@ class GraphBlob {
     // What can be a graph: an existing regular file. Anything else is not even opened.
     static bool isGraphFile(const char* path);
 
-    // An unreadable or oversized file gives a blob without a digest.
-    static GraphBlob fromFile(const char* path);
+    // An unreadable or oversized file, and one that the peer may not read, gives a blob without a
+    // digest.
+    static GraphBlob fromFile(const char* path, const PeerCredentials& peer);
     static GraphBlob fromBuffer(const char* data, uint64_t size);
 
     // What twins are looked up by; empty for a blob that cannot be used.
@@ -31,7 +33,7 @@ class GraphBlob {
                                          int32_t expectDevices);
 
  private:
-    bool read(const char* path);
+    bool read(const char* path, const PeerCredentials& peer);
 
     std::string m_path;  // empty for a buffer
     std::string m_hash;
