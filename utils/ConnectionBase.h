@@ -6,10 +6,15 @@
 #include <memory>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
+
+namespace kelm {
+struct PeerCredentials;
+}
 
 namespace IPC {
 
@@ -91,6 +96,9 @@ class ConnectionBase : public kelm::NonCopyable,
     void setUser(const std::string& user) EXCLUDES(m_baseMutex);
     std::string getUser() EXCLUDES(m_baseMutex);
 
+    // Who is at the other end of an accepted connection; null for any other.
+    const std::shared_ptr<const kelm::PeerCredentials>& getPeer() const { return m_peer; }
+
     // The connection of a number, null if there is none.
     static std::shared_ptr<ConnectionBase> findConnection(int id);
     // The same, raising "Can't find connection for fd(...)" if there is none.
@@ -115,6 +123,8 @@ class ConnectionBase : public kelm::NonCopyable,
     void publish();
 
     std::shared_ptr<Poller> getPoller() EXCLUDES(m_baseMutex);
+    // Before publish(): nobody else knows the connection yet.
+    void setPeer(std::shared_ptr<const kelm::PeerCredentials> peer) { m_peer = std::move(peer); }
 
  private:
     friend class Poller;
@@ -127,6 +137,7 @@ class ConnectionBase : public kelm::NonCopyable,
     kelm::Mutex m_baseMutex;
     std::weak_ptr<Poller> m_poller GUARDED_BY(m_baseMutex);
     const int m_simulateFD;
+    std::shared_ptr<const kelm::PeerCredentials> m_peer;  // fixed once others know the connection
     std::string m_user GUARDED_BY(m_baseMutex);
     // Atomic: set by the reader, cleared by the poller. Whether the poller's list of connections
     // with buffered bytes has this one.

@@ -12,7 +12,8 @@ namespace kelm {
 // Threads: any; the in-process mutex excludes them, since the file lock does not.
 class GlobalMutex {
  public:
-    // Opens or makes the file; on failure every later call logs an ERROR and returns false.
+    // Opens or makes the file; on failure every later call logs an ERROR and returns false. What
+    // somebody planted under the name, a link or a pipe, is a failure.
     GlobalMutex(const std::string& path, bool closeOnExec);
     virtual ~GlobalMutex();
     GlobalMutex(const GlobalMutex&) = delete;
@@ -25,6 +26,8 @@ class GlobalMutex {
     bool unlock() EXCLUDES(m_mutex);
     // False, logged as an ERROR, if the file could not be opened.
     bool isOpen() const;
+    // The open lock file, for its rights; the mutex keeps it. 0 when not open.
+    int nativeHandle() const { return m_fd; }
 
  private:
     Mutex m_mutex;

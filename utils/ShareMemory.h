@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
+#include "utils/FileRights.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm {
@@ -20,11 +22,17 @@ class ShareMemory : public NonCopyable {
     // Maps `size` bytes of an object that is there; null, with an ERROR line, on failure, which an
     // object of fewer bytes is too: it would end the process at the first touch behind its end.
     void* open(const char* name, unsigned long size);
+    // The same for a peer, which must be allowed what it `wanted`: the object is opened with this
+    // process's rights, whoever named it.
+    void* openFor(const PeerCredentials& peer, FileRights::Access wanted, const char* name,
+                  unsigned long size);
     // Unmaps, and takes the name away if this object made it.
     void reset();
 
  private:
-    bool open(const char* name, unsigned long size, int oflag);
+    using Check = std::function<bool(int fd)>;
+
+    bool open(const char* name, unsigned long size, int oflag, const Check& check);
 
     std::string m_name;
     uint64_t m_size = 0;

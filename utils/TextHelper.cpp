@@ -1,13 +1,22 @@
 #include "utils/TextHelper.h"
 
 #include <iomanip>
+#include <optional>
 #include <sstream>
+
+#include "utils/Utf8.h"
 
 namespace kelm {
 
 namespace {
 constexpr size_t kEllipsisWidth = 3;
 constexpr size_t kWidestHeadOnly = 7;
+
+// C0, the deletion and C1.
+bool isControl(char32_t character) {
+    return character < 0x20 || (character >= 0x7f && character < 0xa0);
+}
+
 }  // namespace
 
 std::string alignLeft(std::string_view text, size_t width) {
@@ -27,6 +36,29 @@ std::string shortenText(std::string_view text, size_t width) {
     if (width <= kWidestHeadOnly) return std::string(text.substr(0, width));
     const size_t part = (width - kEllipsisWidth) / 2;
     return std::string(text.substr(0, part)) + "..." + std::string(text.substr(text.size() - part));
+}
+
+std::string escapeControls(std::string_view text) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string result;
+    while (!text.empty()) {
+        const std::string_view before = text;
+        const std::optional<char32_t> character = Utf8::takeCharacter(text);
+        const std::string_view bytes = before.substr(0, before.size() - text.size());
+        if (character && !isControl(*character)) {
+            result += bytes;
+            continue;
+        }
+        for (const char byte : bytes) {
+            const auto value = static_cast<unsigned char>(byte);
+            result += {'\\', 'x', kDigits[value >> 4], kDigits[value & 0xf]};
+        }
+    }
+    return result;
+}
+
+std::string escapeControls(const char* text) {
+    return escapeControls(text != nullptr ? std::string_view(text) : "(null)");
 }
 
 std::string formatFixed(double value, int decimals) {

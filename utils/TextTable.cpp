@@ -11,12 +11,13 @@ void TextTable::row(const std::string& label, const std::vector<std::string>& ce
     if (m_labels == Labels::InColumn) {
         m_text.append("| ").append(alignLeft(label, m_labelWidth)).append(" |");
         for (const std::string& cell : cells) {
-            m_text.append(" ").append(alignLeft(cell, m_cellWidth)).append(" |");
+            m_text.append(" ").append(alignLeft(escapeControls(cell), m_cellWidth)).append(" |");
         }
     } else {
         m_text += "|";
         for (const std::string& cell : cells) {
-            m_text += alignRight(label, m_labelWidth) + alignLeft(cell, m_cellWidth) + "|";
+            m_text += alignRight(label, m_labelWidth) +
+                      alignLeft(escapeControls(cell), m_cellWidth) + "|";
         }
     }
     m_text += "\n";

@@ -16,6 +16,7 @@ class TextTable {
     // Widths in characters, without the blanks and borders around them.
     TextTable(size_t labelWidth, size_t cellWidth, Labels labels = Labels::InColumn);
 
+    // A cell may hold any text: see escapeControls().
     void row(const std::string& label, const std::vector<std::string>& cells);
     // A line across `cells` columns.
     void rule(size_t cells);

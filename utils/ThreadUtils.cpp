@@ -1,6 +1,5 @@
 #include "utils/ThreadUtils.h"
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,7 +12,7 @@
 #include <array>
 
 #include "utils/Mutex.h"
-#include "utils/UniqueFd.h"
+#include "utils/PlainFile.h"
 
 namespace {
 constexpr unsigned long kThreadNameSize = 16;
@@ -59,10 +58,10 @@ void ThreadUtils::saveThreadInfo(const std::string& name) {
     static kelm::Mutex mutex;
     static unsigned long counter = 0;
     kelm::MutexLock lock(mutex);
-    // What somebody planted in a shared current directory must neither make the service write
-    // elsewhere (a link) nor hold it (a FIFO).
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    kelm::UniqueFd file(::open("thread.info", kFlags | (counter == 0 ? O_TRUNC : O_APPEND), 0644));
+    constexpr int kFlags = O_WRONLY | O_CLOEXEC;
+    const kelm::UniqueFd file =
+        kelm::PlainFile::open("thread.info", kFlags | (counter == 0 ? O_TRUNC : O_APPEND), 0644,
+                              kelm::PlainFile::Owner::THIS_USER);
     const std::string line = "[" + std::to_string(counter) +
                              "] threadId=" + std::to_string(getThreadId()) + " threadName=" + name +
                              "\n";

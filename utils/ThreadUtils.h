@@ -17,6 +17,7 @@ class ThreadUtils {
     static uint64_t getRdtsc();
     static std::string getHostname();
     // Adds a line for the calling thread to "thread.info" in the current directory, which the first
-    // call of the process starts anew. Never follows a link.
+    // call of the process starts anew. Does nothing if that is a link, a pipe, another user's file
+    // or one with a second name.
     static void saveThreadInfo(const std::string& name);
 };

@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "protocol/src/MessagePool.h"
+#include "utils/ConnectionBase.h"
 #include "utils/Log.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 
@@ -72,6 +74,15 @@ UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address) {
 
 void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer) {
     messagePool::setOrigin(&answer, messagePool::origin(&request));
+}
+
+std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request) {
+    static const auto& kNobody = *new std::shared_ptr<const PeerCredentials>(
+        std::make_shared<PeerCredentials>(PeerCredentials{0, static_cast<uid_t>(-1), {}}));
+    const std::shared_ptr<const void>& origin = messagePool::origin(&request);
+    if (!origin) return PeerCredentials::ofThisProcess();
+    const auto& peer = static_cast<const IPC::ConnectionBase*>(origin.get())->getPeer();
+    return peer ? peer : kNobody;  // nothing comes in but over accepted connections
 }
 
 void* allocInnerBuffer(KelmMsgBase* message, size_t size) {

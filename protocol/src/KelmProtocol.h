@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "protocol/src/KelmMessage.h"
@@ -28,6 +29,8 @@
 
 namespace kelm {
 
+struct PeerCredentials;
+
 // A buffer that this process prepared for blocks from the peer. A message that names a receive
 // address is believed only if the address is in the list of the one who receives.
 struct PreparedBuffer {
@@ -42,6 +45,10 @@ KelmMsgBase* kelmAllocMessage(KelmMsgType type);
 // Lets an answer keep the connection that its request came on: until the answer is released, the
 // number of that connection goes to no other. Both are records of this library's making.
 void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer);
+
+// Who has sent the request; for a record that came over no connection this process itself. Never
+// null.
+std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request);
 
 // 0, or -1 after any failure, which is logged. The message stays the caller's.
 int kelmSendMessage(int connectionId, KelmMsgBase* message);

@@ -1,9 +1,11 @@
 #include <list>
 #include <numeric>
+#include <optional>
 
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
 #include "accelerators/TensorClient.h"
+#include "fakes/OtherUser.h"
 #include "tools/simulator/Model.h"
 
 namespace kelm {
@@ -92,6 +94,29 @@ TEST_F(TensorPathsTest, AuxiliaryBlocksHaveAnotherOrderOrCut) {
         }
         endService();
     }
+}
+
+TEST_F(TensorPathsTest, NamedTensorsAreForThoseWhomTheirModeLetsIn) {
+    if (!OtherUser::isPossible()) GTEST_SKIP() << "acting as another user needs root";
+    plug("1.1");
+    startService();
+    OtherUser::letIn(path());
+    const SharedTensor rootsInput(KELM_BUFFER_SHARE_MEMORY, 16);
+    const SharedTensor rootsOutput(KELM_BUFFER_SHARE_MEMORY, 100);
+    std::vector<std::unique_ptr<SharedTensor>> own;
+    std::optional<TaskClient> other;
+    OtherUser::run([&] {
+        for (const size_t size : {16, 100}) {
+            own.push_back(std::make_unique<SharedTensor>(KELM_BUFFER_SHARE_MEMORY, size));
+        }
+        other.emplace(path(), kGraph);
+    });
+    EXPECT_EQ(other->infer(rootsInput, *own[1]), KELM_ERROR_MAP_INPUT_FAILED);
+    EXPECT_EQ(other->infer(*own[0], rootsOutput), KELM_ERROR_MAP_OUTPUT_FAILED);
+    EXPECT_EQ(other->infer(*own[0], *own[1], &rootsOutput, kTimeTaken), KELM_ERROR_MAP_AUX_FAILED);
+    EXPECT_EQ(other->infer(*own[0], *own[1]), KELM_OK);
+    TaskClient root(path(), kGraph);
+    EXPECT_EQ(root.infer(*own[0], rootsOutput), KELM_OK);
 }
 
 TEST_F(TensorPathsTest, ClientsGetResultsOfOthers) {

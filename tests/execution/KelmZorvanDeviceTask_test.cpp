@@ -120,6 +120,27 @@ TEST_F(KelmZorvanTaskTest, ResultWithoutPlaceGoesToTheNextTask) {
     EXPECT_EQ(outputOf(good), "good");
 }
 
+TEST_F(KelmZorvanTaskTest, NamedMemoryIsMappedAsTheSenderOfTheTaskMayUseIt) {
+    const auto sender =
+        std::make_shared<const PeerCredentials>(PeerCredentials{1, ::geteuid() + 1, {}});
+    const struct {
+        mode_t input, output, aux;
+        int expected;
+    } rows[] = {
+        {0600, 0606, 0606, KELM_ERROR_MAP_INPUT_FAILED},
+        {0604, 0604, 0606, KELM_ERROR_MAP_OUTPUT_FAILED},
+        {0604, 0606, 0604, KELM_ERROR_MAP_AUX_FAILED},
+        {0604, 0606, 0606, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.expected);
+        KelmTask* const task =
+            addTask(sharedWithMode("abcd", row.input), sharedWithMode("....", row.output),
+                    wanted(sharedWithMode("....", row.aux), 1), sender);
+        EXPECT_EQ(run(task), row.expected);
+    }
+}
+
 TEST_F(KelmZorvanTaskTest, StatusOfTheLibraryIsLost) {
     for (const char* call : {"qxFifoGetOption", "qxFifoWriteElem", "qxFifoWriteIonElem",
                              "qxGraphQueueInference", "qxFifoReadElem", "qxFifoReadIonElem"}) {

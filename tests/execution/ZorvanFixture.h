@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <deque>
 
 #include "TestConfig.h"
@@ -62,12 +64,19 @@ class ZorvanFixture : public testing::Test {
         aux.auxFlags = flags;
         return aux;
     }
-    KelmTask* addTask(const KelmBuffer& input, const KelmBuffer& output,
-                      const KelmBuffer& aux = KelmBuffer{}) {
+    // The same with a mode of its own.
+    KelmBuffer sharedWithMode(const std::string& content, mode_t mode) {
+        const KelmBuffer buffer = shared(content);
+        EXPECT_EQ(::chmod((std::string("/dev/shm") + buffer.name).c_str(), mode), 0);
+        return buffer;
+    }
+    KelmTask* addTask(
+        const KelmBuffer& input, const KelmBuffer& output, const KelmBuffer& aux = KelmBuffer{},
+        const std::shared_ptr<const PeerCredentials>& sender = PeerCredentials::ofThisProcess()) {
         const KelmMsgReqInferTask request{};
-        tasks.push_back(std::make_unique<KelmTask>(tasks.size() + 1, nullptr, graph.get(),
-                                                   KelmTaskParam::create(input, output, aux),
-                                                   &request));
+        tasks.push_back(std::make_unique<KelmTask>(
+            tasks.size() + 1, nullptr, graph.get(),
+            KelmTaskParam::create(input, output, aux, sender), &request));
         return tasks.back().get();
     }
     static std::string contentOf(const KelmBuffer& buffer) {

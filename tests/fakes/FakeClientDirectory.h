@@ -38,6 +38,7 @@ class FakeClientDirectory final : public ClientDirectory {
         KelmClient* const client = getClientById(clientId);
         return client != nullptr && client->isRunning();
     }
+    bool verifyRequester(uint64_t clientId, const void*) override { return verifyClient(clientId); }
     KelmClient* getClientById(uint64_t clientId) override {
         if (const auto hook = takeHook()) hook();
         MutexLock lock(m_mutex);

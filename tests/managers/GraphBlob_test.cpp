@@ -6,6 +6,7 @@
 
 #include "fakes/Eventually.h"
 #include "fakes/TempDir.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 namespace {
@@ -13,7 +14,7 @@ namespace {
 constexpr uint64_t kThreeSlices = 2 * GraphBlob::kSliceBytes + 1;
 
 GraphBlob readWhole(const std::string& path) {
-    GraphBlob blob = GraphBlob::fromFile(path.c_str());
+    GraphBlob blob = GraphBlob::fromFile(path.c_str(), *PeerCredentials::ofThisProcess());
     while (!blob.advance()) {
     }
     return blob;
@@ -27,7 +28,7 @@ TEST(GraphBlobTest, FileThatChangesWhileItIsReadHasTheDigestOfItsBytesAndNoProve
     EXPECT_TRUE(eventually([&] { return readWhole(path).isIdentityProven(); }));
     EXPECT_EQ(readWhole(path).getHash(), sha256ForString(bytes));
 
-    GraphBlob blob = GraphBlob::fromFile(path.c_str());
+    GraphBlob blob = GraphBlob::fromFile(path.c_str(), *PeerCredentials::ofThisProcess());
     EXPECT_FALSE(blob.advance());
     std::ofstream(path, std::ios::in).write("yyy", 3);  // of what was read already
     EXPECT_FALSE(blob.advance());

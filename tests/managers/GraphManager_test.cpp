@@ -371,6 +371,20 @@ TEST_F(GraphManagerTest, DumpStaysInItsDirectoryWhateverTheGraphIsCalled) {
     EXPECT_EQ(stems, (std::set<std::string>{"evil", "", "b", "hidden"}));
 }
 
+TEST_F(GraphManagerTest, DumpOfAGraphWithALongNameIsCutToAFileNameBetweenCharacters) {
+    const std::string dumps = dir().path() + "/dumps";
+    std::filesystem::create_directory(dumps);
+    start(R"("debug_settings": {"dump_graph": "on", "dump_graph_path": ")" + dumps + "\"}");
+    std::string name;
+    while (name.size() < 500) name += "\u20ac";
+    EXPECT_EQ(WireClient().createGraph("blob", name).head.status, KELM_OK);
+    const std::filesystem::directory_iterator file(dumps);
+    ASSERT_NE(file, std::filesystem::directory_iterator());
+    const std::string dump = file->path().filename().string();
+    EXPECT_GE(dump.size(), 253U);
+    EXPECT_EQ(dump.find('_') % 3, 0U) << dump;
+}
+
 // Each of them sends a notice to the pool that is busy with them, whose queue is shorter.
 TEST_F(GraphManagerTest, BurstOfCreatesThatFailAtOnceDoesNotStandStill) {
     start();

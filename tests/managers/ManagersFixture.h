@@ -55,6 +55,7 @@ class WireClient {
     }
 
     uint64_t id() const { return m_id; }
+    RawClient& raw() { return m_raw; }
     void hangUp() { m_raw.close(); }
     bool unregister() { return m_raw.unregisterClient(m_id) == KELM_OK; }
 

@@ -157,6 +157,8 @@ TEST(KelmGraphTest, DumpIsIncompleteOrFollowsAPlantedLink) {
     const std::string victim = dir.write("victim", "precious");
     std::filesystem::create_symlink(victim, dir.path() + "/link");
     EXPECT_FALSE(graph.dumpToFile(dir.path() + "/link"));
+    std::filesystem::create_hard_link(victim, dir.path() + "/name");
+    EXPECT_FALSE(graph.dumpToFile(dir.path() + "/name"));
     EXPECT_EQ(readText(victim), "precious");
     KelmGraph empty(2, 1, "graph", 1);
     EXPECT_FALSE(empty.dumpToFile(dir.path() + "/empty"));

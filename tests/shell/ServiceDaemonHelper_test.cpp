@@ -1,6 +1,11 @@
 #include "shell/ServiceDaemonHelper.h"
 
+#include <sys/stat.h>
+
+#include <future>
+
 #include "config/ServiceConfigParser.h"
+#include "fakes/Eventually.h"
 #include "fakes/TempDir.h"
 #include "utils/RunPaths.h"
 
@@ -12,13 +17,51 @@ bool isFree(const std::string& path) {
     return mutex.trylock();
 }
 
-TEST(ServiceDaemonHelperTest, LockTellsTheWrongPhase) {
+class ServiceDaemonHelperTest : public ::testing::Test {
+ protected:
+    void SetUp() override {
+        // Any user may run the test, so no group is asked for.
+        ASSERT_TRUE(ServiceConfigParser::instance().appendConfigFile(
+            dir.write("config", R"({"security_settings": {"user_group": ""}})"), true));
+    }
+
     const TempDir dir;
-    const ScopedEnv env("KELM_RUN_DIR", dir.path());
-    const ScopedEnv install("KELM_INSTALL_DIR", dir.path());
-    // Any user may run the test, so no group is asked for.
-    ASSERT_TRUE(ServiceConfigParser::instance().appendConfigFile(
-        dir.write("config", R"({"security_settings": {"user_group": ""}})"), true));
+    const ScopedEnv env{"KELM_RUN_DIR", dir.path()};
+    const ScopedEnv install{"KELM_INSTALL_DIR", dir.path()};
+};
+
+TEST_F(ServiceDaemonHelperTest, ReadyLockOfAnotherHoldsUpNeitherStartNorStop) {
+    GlobalMutex other(RunPaths::readyMutex(), true);
+    ASSERT_TRUE(other.trylock());
+    ServiceDaemonHelper stays;
+    const std::shared_future<void> done = std::async(std::launch::async, [&] {
+        {
+            ServiceDaemonHelper stops;
+            stops.daemonReadyToServe();
+            stops.daemonStop();
+        }
+        stays.daemonReadyToServe();
+    });
+    EXPECT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    other.unlock();
+    EXPECT_TRUE(eventually([] { return !isFree(RunPaths::readyMutex()); }));
+    done.wait();
+}
+
+TEST_F(ServiceDaemonHelperTest, LinksInPlaceOfTheLockFilesGiveNoFileAway) {
+    const std::string victim = dir.write("victim", "precious");
+    ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+    for (const std::string& path :
+         {RunPaths::aliveMutex(), RunPaths::readyMutex(), RunPaths::startExitMutex()}) {
+        std::filesystem::create_symlink(victim, path);
+    }
+    const ServiceDaemonHelper helper;
+    EXPECT_FALSE(helper.isLocked());
+    const auto mode = std::filesystem::status(victim).permissions();
+    EXPECT_EQ(static_cast<unsigned>(mode), 0600U);
+}
+
+TEST_F(ServiceDaemonHelperTest, LockTellsTheWrongPhase) {
     {
         ServiceDaemonHelper helper;
         EXPECT_TRUE(helper.isLocked());

@@ -97,6 +97,64 @@ TEST_F(PrintingTest, PartOfThePrintoutIsMissingOrWrong) {
     EXPECT_GE(begins.back() - begins.front(), 0.8 * static_cast<double>(begins.size() - 1));
 }
 
+// Everything that can be printed is, with names that would end the line and command the terminal.
+TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
+    startWith(fakeDevices(4, 30) + R"(,
+        "scheduler_config": [{"subclass": 0, "stream_device_number": 1}],
+        "log_level": {"log_process": "on", "log_debug": "on", "log_frequent": "on"},
+        "debug_settings": {"dump_graph": "on", "info_printer": {
+            "print_interval": 500, "client_fps": "on", "device_fps": "on", "graph_fps": "on",
+            "device_utilization": "on", "client_snapshot_mode": "base",
+            "device_snapshot_mode": "full", "graph_snapshot_mode": "base",
+            "task_snapshot_mode": "base"},
+          "debug_process": {"message_dispatcher": "on", "client_manager": "on",
+            "task_manager": "on", "task_scheduler": "on", "device_manager": "on",
+            "device_scheduler": "on", "device": "on", "device_work_thread": "on",
+            "graph_manager": "on", "result_dispatcher": "on", "change_operation": "on",
+            "graph_mapper": "on", "info_printer": "on"}})");
+    const std::string name = "\x1b]0;evil\x07\nFORGED \u00e9";
+    RawClient client(path());
+    const uint64_t id = client.registerClient(name.c_str());
+    constexpr KelmMsgType kAnswer = KELM_MESSAGE_CREATE_GRAPH_RSP;
+    const auto create = [&](auto field, const std::string& text) {
+        auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+        request.clientId = id;
+        text.copy(request.*field, sizeof(request.*field) - 1);
+        name.copy(request.graphName, sizeof(request.graphName) - 1);
+        const bool isPath = request.graphPath[0] != '\0';
+        request.head.base.dataNum = isPath ? 0 : 1;
+        request.head.base.dataSize[0] = text.size();
+        return client.call<KelmMsgRspCreateGraph>(request, kAnswer, {}, isPath ? "" : text).graphId;
+    };
+    EXPECT_EQ(create(&KelmMsgReqCreateGraph::graphPath, name), 0U);
+    EXPECT_EQ(create(&KelmMsgReqCreateGraph::graphTag, name), 0U);
+    EXPECT_NE(create(&KelmMsgReqCreateGraph::streamId, name), 0U);
+    const uint64_t graph = create(&KelmMsgReqCreateGraph::graphName, "any");
+    constexpr int kTasks = 60;
+    for (int i = 0; i < kTasks; ++i) {
+        ASSERT_TRUE(client.send(RawClient::inferRequest(id, graph, 1)));
+    }
+    ASSERT_TRUE(service().waitLog("Client=" + std::string("\\x1b]0;evil"))) << lastLines();
+    EXPECT_EQ(client.unregisterClient(id), KELM_OK);
+    RawClient half(path());
+    EXPECT_NE(half.registerClient(name.c_str()), 0U);
+    ASSERT_TRUE(half.sendBytes("half", 4));
+    half.close();
+    ASSERT_TRUE(service().waitLog("failed, user=\\x1b]0;evil")) << lastLines();
+    endService();
+    const std::string log = service().log();
+    for (const char* raw : {"\x1b]", "\x07", "\nFORGED"}) {
+        const size_t at = log.find(raw);
+        EXPECT_EQ(at, std::string::npos)
+            << log.substr(at == std::string::npos ? 0 : log.rfind('[', at) - 60, 300);
+    }
+    EXPECT_NE(log.find("registered: clientName=\\x1b]0;evil\\x07\\x0aFORGED \u00e9"),
+              std::string::npos);
+    const std::string process = "client(id:1) is of process " + std::to_string(::getpid()) +
+                                ", user " + std::to_string(::geteuid());
+    EXPECT_NE(log.find(process), std::string::npos);
+}
+
 TEST_F(PrintingTest, ShortIntervalTakesACore) {
     startPrinting(500, "Table");  // not the word, which makes it a list
     ASSERT_TRUE(waitPasses(2)) << lastLines();

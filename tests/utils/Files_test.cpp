@@ -1,12 +1,18 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <functional>
 
 #include "fakes/TempDir.h"
 #include "utils/Digest.h"
 #include "utils/FileHelper.h"
 #include "utils/GlobalMutex.h"
+#include "utils/PlainFile.h"
 #include "utils/Semaphore.h"
+#include "utils/ThreadUtils.h"
+#include "utils/UniqueFd.h"
 #include "utils/UniqueMalloc.h"
 
 namespace kelm {
@@ -82,6 +88,59 @@ TEST_F(FilesTest, LockExcludesOtherObjectsAndEndsWithItsHolder) {
     EXPECT_TRUE(waiter.unlock());
     GlobalMutex unopened(m_directory.path() + "/missing/lock", true);
     EXPECT_FALSE(unopened.trylock());
+}
+
+// What others can plant under a name in a directory that they may write to. `victim` is the file
+// that they are after.
+struct Planted {
+    const char* what;
+    std::function<bool(const std::string& victim, const std::string& path)> plant;
+};
+const Planted kPlanted[] = {
+    {"link", [](auto& victim, auto& path) { return ::symlink(victim.c_str(), path.c_str()) == 0; }},
+    {"second name",
+     [](auto& victim, auto& path) { return ::link(victim.c_str(), path.c_str()) == 0; }},
+    {"pipe", [](auto&, auto& path) { return ::mkfifo(path.c_str(), 0600) == 0; }},
+};
+
+TEST_F(FilesTest, PlantedFilesAreNeitherLockedNorWritten) {
+    for (const Planted& row : kPlanted) {
+        SCOPED_TRACE(row.what);
+        const TempDir directory;
+        const std::string victim = directory.write("victim", "precious");
+        const std::string path = directory.path() + "/thread.info";
+        ASSERT_TRUE(row.plant(victim, path));
+        // Somebody else has a pipe open at both ends, so that opening it would not wait.
+        const UniqueFd planted(::open(path.c_str(), O_RDWR));
+        GlobalMutex mutex(path, true);
+        EXPECT_FALSE(mutex.isOpen());
+        const std::string before = std::filesystem::current_path();
+        std::filesystem::current_path(directory.path());
+        ThreadUtils::saveThreadInfo("any");
+        std::filesystem::current_path(before);
+        EXPECT_EQ(FileHelper::getFileSize(victim), 8U);
+    }
+}
+
+TEST_F(FilesTest, FilesOfOneNameAreOpenedAndThoseOfOthersOnlyWhereTheyMayBe) {
+    const std::string path = m_directory.path() + "/file";
+    const auto open = [&](int flags, PlainFile::Owner owner) {
+        errno = 0;
+        return bool(PlainFile::open(path.c_str(), O_RDWR | flags, 0600, owner));
+    };
+    EXPECT_TRUE(open(0, PlainFile::Owner::THIS_USER));
+    write("file", "text");
+    EXPECT_TRUE(open(0, PlainFile::Owner::THIS_USER));
+    EXPECT_EQ(FileHelper::getFileSize(path), 4U);
+    EXPECT_TRUE(open(O_TRUNC, PlainFile::Owner::THIS_USER));
+    EXPECT_EQ(FileHelper::getFileSize(path), 0U);
+    if (::geteuid() != 0) GTEST_SKIP() << "giving a file away needs root";
+    write("file", "text");
+    ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+    EXPECT_FALSE(open(O_TRUNC, PlainFile::Owner::THIS_USER));
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(FileHelper::getFileSize(path), 4U);
+    EXPECT_TRUE(open(0, PlainFile::Owner::ANYBODY));
 }
 
 TEST(SemaphoreTest, ValueStartsBelowZeroAndWaitsEndInTime) {

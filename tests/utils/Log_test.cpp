@@ -5,7 +5,9 @@
 #include <regex>
 
 #include "utils/TextHelper.h"
+#include "utils/TextTable.h"
 #include "utils/TimeHelper.h"
+#include "utils/Utf8.h"
 
 namespace kelm {
 namespace {
@@ -79,8 +81,29 @@ TEST(TextHelperTest, TextsAreShortenedInTheMiddleAndNeverCutByAlignment) {
     EXPECT_EQ(shortenText("abcdefghijklmnopqrst", 17), "abcdefg...nopqrst");
     EXPECT_EQ(shortenText("abcdefgh", 5), "abcde");
     EXPECT_EQ(shortenText("short", 17), "short");
+    EXPECT_EQ(Utf8::head("a\u00e9\u20ac", 3), "a\u00e9");
+    EXPECT_EQ(Utf8::head("a\u00e9\u20ac", 5), "a\u00e9");
+    EXPECT_EQ(Utf8::head("a\xff\xff", 2), "a\xff");
     EXPECT_EQ(alignLeft("ab", 4) + "|" + alignRight("ab", 4) + "|" + alignLeft("abcde", 4),
               "ab  |  ab|abcde");
+}
+
+TEST(TextHelperTest, ControlCharactersBecomeTextAndReadableOnesStay) {
+    const struct {
+        const char* raw;
+        const char* expected;
+    } rows[] = {
+        {"plain \\x1b \u00e9\u20ac\U0001f600", "plain \\x1b \u00e9\u20ac\U0001f600"},
+        {"\x1b]0;t\x07\r\n\t\x7f", "\\x1b]0;t\\x07\\x0d\\x0a\\x09\\x7f"},
+        {"\u0080\u009b\u00a0", "\\xc2\\x80\\xc2\\x9b\u00a0"},
+        {"\x9b\xff\xc3", "\\x9b\\xff\\xc3"},
+        {nullptr, "(null)"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(escapeControls(row.raw), row.expected);
+    EXPECT_EQ(escapeControls(std::string("a\0b", 3)), "a\\x00b");
+    TextTable table(2, 4);
+    table.row("n", {"a\nb"});
+    EXPECT_EQ(table.text(), "| n  | a\\x0ab |\n");
 }
 
 TEST(TimeHelperTest, FractionsKeepTheirLeadingZeros) {

@@ -1,9 +1,11 @@
 #include "utils/ShareMemory.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fakes/TestPch.h"
 #include "utils/DynamicLibrary.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 namespace {
@@ -47,6 +49,28 @@ TEST_F(ShareMemoryTest, FailedOpenTakesTheClientsNameOrMapsBeyondTheEnd) {
     EXPECT_EQ(user.create(huge.c_str(), ~0ul), nullptr);
     EXPECT_FALSE(exists(huge));
     EXPECT_EQ(user.create(nullptr, 1), nullptr);
+}
+
+TEST_F(ShareMemoryTest, SegmentIsOpenedForOthersAsItsModeLetsThem) {
+    const PeerCredentials other{1, ::geteuid() + 1, {}};
+    ShareMemory maker;
+    ASSERT_NE(maker.create(m_name.c_str(), 100), nullptr);
+    const struct {
+        mode_t mode;
+        bool mayRead;
+        bool mayWrite;
+    } rows[] = {{0600, false, false}, {0604, true, false}, {0606, true, true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.mode);
+        ASSERT_EQ(::chmod(("/dev/shm" + m_name).c_str(), row.mode), 0);
+        const auto opens = [&](const PeerCredentials& peer, FileRights::Access wanted) {
+            return ShareMemory().openFor(peer, wanted, m_name.c_str(), 100) != nullptr;
+        };
+        EXPECT_EQ(opens(other, FileRights::READ), row.mayRead);
+        EXPECT_EQ(opens(other, FileRights::WRITE), row.mayWrite);
+        EXPECT_TRUE(opens(*PeerCredentials::ofThisProcess(), FileRights::WRITE));
+    }
+    EXPECT_TRUE(exists(m_name));
 }
 
 TEST(DynamicLibraryTest, HalfALibraryPassesForAWholeOne) {

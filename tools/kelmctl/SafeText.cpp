@@ -5,6 +5,8 @@
 #include <clocale>
 #include <cwchar>
 
+#include "utils/Utf8.h"
+
 namespace kelm::ctl {
 
 namespace {
@@ -13,38 +15,6 @@ constexpr char32_t kFirstPrintable = 0x20;
 constexpr char32_t kDelete = 0x7f;
 constexpr char32_t kReplacement = U'?';
 constexpr std::u32string_view kDots = U"...";
-
-struct Utf8Form {
-    unsigned char mask;
-    unsigned char lead;
-    size_t size;
-    char32_t least;  // smaller ones have a shorter form
-};
-constexpr Utf8Form kForms[] = {
-    {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
-
-bool isScalar(char32_t value) { return value <= 0x10ffff && (value < 0xd800 || value > 0xdfff); }
-
-// Reads the character at the head of the text and takes it off; the replacement for one byte that
-// starts none.
-char32_t takeCharacter(std::string_view& text) {
-    for (const Utf8Form& form : kForms) {
-        const auto first = static_cast<unsigned char>(text.front());
-        if ((first & form.mask) != form.lead || text.size() < form.size) continue;
-        char32_t value = first & static_cast<unsigned char>(~form.mask);
-        bool valid = true;
-        for (size_t i = 1; i < form.size; ++i) {
-            const auto next = static_cast<unsigned char>(text[i]);
-            valid = valid && (next & 0xc0) == 0x80;
-            value = (value << 6) | (next & 0x3f);
-        }
-        if (!valid || value < form.least || !isScalar(value)) break;
-        text.remove_prefix(form.size);
-        return value;
-    }
-    text.remove_prefix(1);
-    return kReplacement;
-}
 
 bool isPrintable(char32_t character, bool utf8) {
     if (character < kDelete) return character >= kFirstPrintable;
@@ -91,7 +61,7 @@ bool useTerminalLocale() {
 std::u32string safeText(std::string_view bytes, bool utf8) {
     std::u32string result;
     while (!bytes.empty()) {
-        const char32_t character = takeCharacter(bytes);
+        const char32_t character = Utf8::takeCharacter(bytes).value_or(kReplacement);
         result += isPrintable(character, utf8) ? character : kReplacement;
     }
     return result;
@@ -120,16 +90,7 @@ std::u32string fitColumnsRight(std::u32string_view text, size_t width) {
 
 std::string toUtf8(std::u32string_view text) {
     std::string result;
-    for (const char32_t character : text) {
-        size_t form = 0;
-        while (form + 1 < std::size(kForms) && character >= kForms[form + 1].least) ++form;
-        size_t shift = 6 * form;
-        result += static_cast<char>(kForms[form].lead | (character >> shift));
-        while (shift > 0) {
-            shift -= 6;
-            result += static_cast<char>(0x80 | ((character >> shift) & 0x3f));
-        }
-    }
+    for (const char32_t character : text) Utf8::append(result, character);
     return result;
 }
 

@@ -16,6 +16,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -119,7 +120,7 @@ void DeviceManager::enqueueLoadGraph(KelmGraph* graph) {
     if (!graph->getTag().empty()) {
         if (m_schedulers[TAG].scheduler) return m_schedulers[TAG].scheduler->loadGraph(graph);
         LOG_ERROR("Error: No device is set for tag scheduler, subclass = %u, required tag = %s",
-                  m_subclass, graph->getTag());
+                  m_subclass, escapeControls(graph->getTag()));
         return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM);
     }
     if (!graph->getStreamId().empty()) {
@@ -127,7 +128,7 @@ void DeviceManager::enqueueLoadGraph(KelmGraph* graph) {
         if (stream.scheduler) return stream.scheduler->loadGraph(graph);
         LOG_ERROR(
             "Error: No device is set for stream scheduler, subclass = %u, required streamId = %s",
-            m_subclass, graph->getStreamId());
+            m_subclass, escapeControls(graph->getStreamId()));
         return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM);
     }
     const SchedulerSlot& squeeze = m_schedulers[SQUEEZE];

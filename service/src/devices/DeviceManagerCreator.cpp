@@ -150,7 +150,8 @@ void DeviceManagerCreator::enqueueWorkerFailed(WorkThread* worker) {
 
 void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t deviceId,
                                               uint8_t resetAll, int socket, void* userParam) {
-    if (!Port<ClientDirectory>::ask<&ClientDirectory::verifyClient>(false, clientId)) {
+    if (!Port<ClientDirectory>::ask<&ClientDirectory::verifyRequester>(false, clientId,
+                                                                       userParam)) {
         LOG_ERROR("Error: invalid clientId(%lu)", clientId);
         return answerReset(KELM_ERROR_INVALID_CLIENT, socket, userParam);
     }

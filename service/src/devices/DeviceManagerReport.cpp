@@ -109,7 +109,7 @@ void DeviceManager::printDeviceFps() {
         for (const SlotFigures& slot : device.slots) {
             if (slot.current.name.empty()) continue;
             hasGraph = true;
-            text += "[" + device.name + "@" + slot.current.name +
+            text += "[" + device.name + "@" + escapeControls(slot.current.name) +
                     "].Fps = " + formatFixed(slot.fps, 2) + "\n";
         }
         if (!hasGraph) text += "[" + device.name + "@NoGraph].Fps = 0.0\n";
@@ -123,7 +123,7 @@ void DeviceManager::printDeviceUtilization() {
     for (const DeviceFigures& device : devices) {
         std::string graphs;
         for (const SlotFigures& slot : device.slots) {
-            if (!slot.current.name.empty()) graphs += "@" + slot.current.name;
+            if (!slot.current.name.empty()) graphs += "@" + escapeControls(slot.current.name);
         }
         text += "[" + device.name + (graphs.empty() ? "@" : graphs) +
                 "] = " + formatFixed(device.utilization * 100, 2) + "\n";

@@ -11,6 +11,7 @@
 #include "execution/KelmDeviceBase.h"
 #include "execution/TevoGraphCache.h"
 #include "execution/TevoLibrary.h"
+#include "utils/FileRights.h"
 #include "utils/Log.h"
 #include "utils/UniqueMalloc.h"
 
@@ -115,7 +116,9 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     static int verifyResultBuffers(KelmTaskParam& param);
     // The error of the first buffer whose memory the client has taken back while it was mapped.
     static int verifyMappings(KelmTaskParam& param);
-    static bool mapBuffer(KelmBuffer& buffer);
+    // With what the sender of the task may do to memory that the buffer names.
+    static bool mapBuffer(const KelmTaskParam& param, KelmBuffer& buffer,
+                          FileRights::Access wanted);
     // Whether the buffer can go to the library by its descriptor.
     bool isIonPath(const KelmBuffer& buffer) const;
     int getInputDescriptor(const TevoHandles& handles, qxTensorDescriptor_t& descriptor);
@@ -141,7 +144,7 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     int finishResult(KelmTask* task, const TevoHandles& handles, const Result& result);
 
     // Statistics.
-    int getAuxBufferData(qxGraphHandle_t* graphHandle, KelmBuffer& buffer);
+    int getAuxBufferData(qxGraphHandle_t* graphHandle, KelmTaskParam& param);
     int getTimeTakenSize(qxGraphHandle_t* graphHandle, unsigned int& size);
     int getTimeTaken(qxGraphHandle_t* graphHandle, char* data, unsigned int& length);
     // Reads the array whole; `noMemory` is the error when there is none for it.

@@ -4,6 +4,7 @@
 #include "execution/KelmZorvanDevice.h"
 #include "execution/TevoLengths.h"
 #include "records/KelmGraph.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -86,8 +87,8 @@ int KelmZorvanDevice::allocateOnRoot(KelmGraph* graph) {
         return KELM_ERROR_DEVICE_FAILED;
     }
     LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
-                "allocate new graph(%s) done, numCachedGraphs=%lu", graph->getName(),
-                m_cache.getSize());
+                "allocate new graph(%s) done, numCachedGraphs=%lu",
+                escapeControls(graph->getName()), m_cache.getSize());
     return KELM_OK;
 }
 
@@ -98,7 +99,7 @@ bool KelmZorvanDevice::activateCachedGraph(KelmGraph* graph) { return m_cache.ac
 int KelmZorvanDevice::renewOnRoot(KelmGraph* graph) {
     MutexLock lock(m_graphMutex);
     LOG_WARN("Warn: too many results were not read, graph(%s) is loaded again: device=%s",
-             graph->getName(), getName());
+             escapeControls(graph->getName()), getName());
     std::optional<TevoHandles> old = m_cache.takeHandles(graph);
     if (!old) return getMissingGraphError();
     deallocateGraph(*old);
@@ -221,7 +222,7 @@ int KelmZorvanDevice::deallocateOnRoot(KelmGraph* graph, bool keepCached) {
     if (!handles) return KELM_OK;
     deallocateGraph(*handles);
     LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "dealloc graph(%s) done, numCachedGraphs=%lu",
-                graph->getName(), m_cache.getSize());
+                escapeControls(graph->getName()), m_cache.getSize());
     return KELM_OK;
 }
 
@@ -261,7 +262,7 @@ void KelmZorvanDevice::deallocOldestInactiveGraphIfFull(unsigned int required) {
     if (!handles) return;
     deallocateGraph(*handles);
     LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
-                "dealloc oldest cached graph(%s) done, numCachedGraphs=%lu", name,
+                "dealloc oldest cached graph(%s) done, numCachedGraphs=%lu", escapeControls(name),
                 m_cache.getSize());
 }
 

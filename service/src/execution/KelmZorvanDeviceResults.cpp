@@ -131,7 +131,9 @@ int KelmZorvanDevice::getResultRaw(KelmTask* task, const TevoHandles& handles,
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
     LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu outFd=%d", task->getClientId(),
               task->getGraph()->getId(), task->getId(), output.fd);
-    if (!mapBuffer(output)) return drainResult(task, handles, turn);
+    if (!mapBuffer(*task->getTaskParam(), output, FileRights::WRITE)) {
+        return drainResult(task, handles, turn);
+    }
     void* const data = reinterpret_cast<void*>(output.buffer);
     Result result;
     result.length = clampLength(output.size);
@@ -191,7 +193,7 @@ int KelmZorvanDevice::getResultIon(KelmTask* task, const TevoHandles& handles,
 
 int KelmZorvanDevice::copyResult(KelmTask* task, const Result& result) {
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
-    if (!mapBuffer(output)) {
+    if (!mapBuffer(*task->getTaskParam(), output, FileRights::WRITE)) {
         LOG_ERROR("Error: map outputBuffer failed, device=%s taskId=%lu", getName(), task->getId());
         return KELM_ERROR_MAP_OUTPUT_FAILED;
     }
@@ -219,7 +221,7 @@ int KelmZorvanDevice::finishResult(KelmTask* task, const TevoHandles& handles,
     if (aux.auxRequested != 0) {
         LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu auxFd=%d",
                   task->getClientId(), task->getGraph()->getId(), task->getId(), aux.fd);
-        const int rc = getAuxBufferData(handles.graphHandle, aux);
+        const int rc = getAuxBufferData(handles.graphHandle, *task->getTaskParam());
         LOG_FREQ_OF(m_logName.c_str(), m_debugProcess,
                     "device=%s taskId=%lu outputBufferLen=%u auxBufferLen=%lu", getName(),
                     task->getId(), result.length, aux.size);

@@ -6,6 +6,7 @@
 #include "execution/TevoLengths.h"
 #include "protocol/src/KelmMessage.h"
 #include "records/KelmGraph.h"
+#include "records/KelmTaskParam.h"
 
 namespace kelm {
 
@@ -36,8 +37,9 @@ float millisSince(std::chrono::steady_clock::time_point start,
 
 }  // namespace
 
-int KelmZorvanDevice::getAuxBufferData(qxGraphHandle_t* graphHandle, KelmBuffer& buffer) {
-    if (!mapBuffer(buffer)) {
+int KelmZorvanDevice::getAuxBufferData(qxGraphHandle_t* graphHandle, KelmTaskParam& param) {
+    KelmBuffer& buffer = param.getAuxBuffer();
+    if (!mapBuffer(param, buffer, FileRights::WRITE)) {
         LOG_ERROR("Error: map aux buffer failed, device=%s", getName());
         return KELM_ERROR_MAP_AUX_FAILED;
     }

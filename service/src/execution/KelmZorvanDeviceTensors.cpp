@@ -12,6 +12,7 @@
 #include "utils/MappingGuard.h"
 #include "utils/ShareMemory.h"
 #include "utils/StringHelper.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -25,12 +26,12 @@ bool mapIonBuffer(KelmBuffer& buffer) {
 }
 
 // The mapping belongs to the buffer, whose task gives it back.
-bool mapShareMemory(KelmBuffer& buffer) {
+bool mapShareMemory(KelmBuffer& buffer, const PeerCredentials& peer, FileRights::Access wanted) {
     const std::string name = StringHelper::readBounded(buffer.name);
     auto shareMemory = std::make_unique<ShareMemory>();
-    void* const data = shareMemory->open(name.c_str(), buffer.size);
+    void* const data = shareMemory->openFor(peer, wanted, name.c_str(), buffer.size);
     if (data == nullptr) {
-        LOG_ERROR("Error: share memory buffer('%s') mapping failed", name);
+        LOG_ERROR("Error: share memory buffer('%s') mapping failed", escapeControls(name));
         return false;
     }
     buffer.buffer = reinterpret_cast<uint64_t>(data);
@@ -52,10 +53,13 @@ bool KelmZorvanDevice::verifyBuffer(const KelmBuffer& buffer) {
     return true;
 }
 
-bool KelmZorvanDevice::mapBuffer(KelmBuffer& buffer) {
+bool KelmZorvanDevice::mapBuffer(const KelmTaskParam& param, KelmBuffer& buffer,
+                                 FileRights::Access wanted) {
     if (buffer.buffer != 0) return true;
     if (buffer.type == KELM_BUFFER_ION) return mapIonBuffer(buffer);
-    if (buffer.type == KELM_BUFFER_SHARE_MEMORY) return mapShareMemory(buffer);
+    if (buffer.type == KELM_BUFFER_SHARE_MEMORY) {
+        return mapShareMemory(buffer, param.getPeer(), wanted);
+    }
     return false;
 }
 
@@ -155,7 +159,7 @@ int KelmZorvanDevice::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
     KelmBuffer& input = task->getTaskParam()->getInputBuffer();
     LOG_DEBUG("[TrackFd] map: clientId=%lu graphId=%lu taskId=%lu inFd=%d", task->getClientId(),
               task->getGraph()->getId(), task->getId(), input.fd);
-    if (!mapBuffer(input)) {
+    if (!mapBuffer(*task->getTaskParam(), input, FileRights::READ)) {
         LOG_ERROR("Error: map inputTensor failed, device=%s taskId=%lu", getName(), task->getId());
         return KELM_ERROR_MAP_INPUT_FAILED;
     }

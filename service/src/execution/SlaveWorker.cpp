@@ -11,6 +11,7 @@
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -91,11 +92,14 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
     if (!m_isDeviceValid) return KELM_ERROR_DEVICE_FAILED;
     if (graph == m_graph) return KELM_OK;
     m_state = STATE_LOAD_GRAPH;
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call allocateGraph(%s)", graph->getName());
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call allocateGraph(%s)",
+                escapeControls(graph->getName()));
     const int rc = m_device->allocateGraph(graph);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called allocateGraph(%s)", graph->getName());
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called allocateGraph(%s)",
+                escapeControls(graph->getName()));
     if (rc != KELM_OK) {
-        LOG_ERROR("[%s] Error: allocateGraph(%s) failed, rc=%d", m_name, graph->getName(), rc);
+        LOG_ERROR("[%s] Error: allocateGraph(%s) failed, rc=%d", m_name,
+                  escapeControls(graph->getName()), rc);
         return rc;
     }
     m_state = STATE_WAIT_TASK;
@@ -120,13 +124,16 @@ int SlaveWorker::unloadGraph(KelmGraph* graph, bool keepCached) {
 
 int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
     m_state = STATE_UNLOAD_GRAPH;
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call deallocateGraph(%s)", graph->getName());
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call deallocateGraph(%s)",
+                escapeControls(graph->getName()));
     const int rc = m_device->deallocateGraph(graph, keepCached);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called deallocateGraph(%s)", graph->getName());
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called deallocateGraph(%s)",
+                escapeControls(graph->getName()));
     m_graph = nullptr;
     m_state = STATE_WAIT_GRAPH;
     if (rc != KELM_OK) {
-        LOG_ERROR("[%s] Error: deallocateGraph(%s) failed, rc=%d", m_name, graph->getName(), rc);
+        LOG_ERROR("[%s] Error: deallocateGraph(%s) failed, rc=%d", m_name,
+                  escapeControls(graph->getName()), rc);
         handleDeviceError(rc);
     }
     // It may have met its end inside, and have released the graph all the same.

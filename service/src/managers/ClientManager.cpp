@@ -5,13 +5,15 @@
 #include "managers/MessageDispatcher.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
-#include "protocol/src/MessagePtr.h"
+#include "protocol/src/KelmProtocol.h"
 #include "records/ClientConnection.h"
 #include "records/KelmClient.h"
 #include "reporting/InfoCollector.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
+#include "utils/PeerCredentials.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -61,7 +63,7 @@ void ClientManager::registerClient(const char* name, uint16_t major, uint16_t mi
     const int socket = connection->getSimulateFD();
     LOG_PROC(m_debugProcess,
              "register client: clientName=%s apiMajorVersion=%u apiMinorVersion=%lu socket=%d",
-             name, major, minor, socket);
+             escapeControls(name), major, minor, socket);
     ResultDispatcher& results = ResultDispatcher::instance();
     if (name == nullptr) {
         LOG_ERROR("Error: client name cannot be null");
@@ -74,7 +76,11 @@ void ClientManager::registerClient(const char* name, uint16_t major, uint16_t mi
         closeClient(socket);
         return;
     }
-    LOG_INFO("client(id:%lu) registered: clientName=%s socket=%d", clientId, name, socket);
+    LOG_INFO("client(id:%lu) registered: clientName=%s socket=%d", clientId, escapeControls(name),
+             socket);
+    if (const auto& peer = connection->getPeer()) {
+        LOG_INFO("client(id:%lu) is of process %d, user %u", clientId, peer->pid, peer->user);
+    }
     LOG_PROC(m_debugProcess, "enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId,
              socket);
     results.enqueueSendRegisterResponse(clientId, socket, KELM_OK, request.release());
@@ -121,7 +127,7 @@ void ClientManager::unregisterClient(uint64_t clientId, int socket, void* msg) {
     bool departs = false;
     {
         MutexLock lock(m_mutex);
-        if (KelmClient* client = getClientByIdUnsafe(clientId)) {
+        if (KelmClient* client = getClientForUnsafe(clientId, msg)) {
             found = true;
             departs = startDepartureUnsafe(*client, false);
             name = client->getName();
@@ -135,7 +141,8 @@ void ClientManager::unregisterClient(uint64_t clientId, int socket, void* msg) {
     }
     if (departs) notifyClientInDestroy(clientId);
     results.enqueueSendUnregisterResponse(clientId, socket, KELM_OK, msg);
-    LOG_INFO("client(id:%lu) unregistered: clientName=%s socket=%d", clientId, name, socket);
+    LOG_INFO("client(id:%lu) unregistered: clientName=%s socket=%d", clientId, escapeControls(name),
+             socket);
 }
 
 void ClientManager::closeClient(int socket) {
@@ -285,6 +292,27 @@ bool ClientManager::verifyClient(uint64_t clientId) {
     MutexLock lock(m_mutex);
     KelmClient* client = getClientByIdUnsafe(clientId);
     return client != nullptr && client->isRunning();
+}
+
+bool ClientManager::verifyRequester(uint64_t clientId, const void* request) {
+    if (clientId == 0) return false;
+    MutexLock lock(m_mutex);
+    KelmClient* client = getClientForUnsafe(clientId, request);
+    return client != nullptr && client->isRunning();
+}
+
+bool ClientManager::isOfAnotherUser(uint64_t clientId, const void* message) {
+    MutexLock lock(m_mutex);
+    return getClientByIdUnsafe(clientId) != nullptr &&
+           getClientForUnsafe(clientId, message) == nullptr;
+}
+
+KelmClient* ClientManager::getClientForUnsafe(uint64_t clientId, const void* message) {
+    KelmClient* client = getClientByIdUnsafe(clientId);
+    if (client == nullptr || message == nullptr) return client;
+    const auto sender = kelmGetPeer(*static_cast<const KelmMsgBase*>(message));
+    const auto& owner = client->getConnection()->getPeer();
+    return owner && owner->user == sender->user ? client : nullptr;
 }
 
 KelmClient* ClientManager::getClientById(uint64_t clientId) {

@@ -64,6 +64,10 @@ class ClientManager : public Singleton<ClientManager>,
     bool finish(std::chrono::milliseconds time) EXCLUDES(m_mutex);
 
     bool verifyClient(uint64_t clientId) override EXCLUDES(m_mutex);
+    bool verifyRequester(uint64_t clientId, const void* request) override EXCLUDES(m_mutex);
+    // Whether there is such a client and another user has registered it than the one who has sent
+    // the message, or whose request it answers. To him the client is unknown.
+    bool isOfAnotherUser(uint64_t clientId, const void* message) EXCLUDES(m_mutex);
     KelmClient* getClientById(uint64_t clientId) override EXCLUDES(m_mutex);
     std::optional<std::string> getClientName(uint64_t clientId) override EXCLUDES(m_mutex);
     // -1 for an unknown client.
@@ -105,6 +109,8 @@ class ClientManager : public Singleton<ClientManager>,
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
     KelmClient* getClientByIdUnsafe(uint64_t clientId) REQUIRES(m_mutex);
+    // The same for the sender of a message, to whom clients of other users are unknown.
+    KelmClient* getClientForUnsafe(uint64_t clientId, const void* message) REQUIRES(m_mutex);
     std::shared_ptr<ClientConnection> shareConnectionUnsafe(const ConnectionPtr& connection)
         REQUIRES(m_mutex);
     // False for a client that was leaving already.

@@ -45,7 +45,8 @@ void ClientManager::onPrintInfo() {
 void ClientManager::printClientFps() {
     std::string text = "ClientFps(count=" + std::to_string(m_idClientMap.size()) + "):\n";
     for (const auto& [clientId, client] : m_idClientMap) {
-        text += " [" + client->getName() + "] = " + formatFixed(client->getFps(), 2) + "\n";
+        text += " [" + escapeControls(client->getName()) +
+                "] = " + formatFixed(client->getFps(), 2) + "\n";
     }
     LOG_INFO("%s", text);
 }

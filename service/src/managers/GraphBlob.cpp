@@ -11,7 +11,10 @@
 #include <utility>
 
 #include "records/KelmGraph.h"
+#include "utils/FileRights.h"
 #include "utils/Log.h"
+#include "utils/PeerCredentials.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 namespace {
@@ -46,9 +49,9 @@ bool GraphBlob::isGraphFile(const char* path) {
     return ::stat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-GraphBlob GraphBlob::fromFile(const char* path) {
+GraphBlob GraphBlob::fromFile(const char* path, const PeerCredentials& peer) {
     GraphBlob blob;
-    if (!blob.open(path)) blob.m_file.reset();
+    if (!blob.open(path, peer)) blob.m_file.reset();
     return blob;
 }
 
@@ -59,12 +62,20 @@ GraphBlob GraphBlob::fromBuffer(UniqueMalloc<char> bytes, uint64_t size) {
     return blob;
 }
 
-bool GraphBlob::open(const char* path) {
+bool GraphBlob::open(const char* path, const PeerCredentials& peer) {
     m_openTime = fileClock();
     // The path may name something else by now: without O_NONBLOCK a FIFO would hold this thread.
     m_file.reset(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!m_file) {
-        LOG_ERROR("failed to open file %s. errno = %d (%s)", path, errno, std::strerror(errno));
+        LOG_ERROR("failed to open file %s. errno = %d (%s)", escapeControls(path), errno,
+                  std::strerror(errno));
+        return false;
+    }
+    // The file was opened with this service's rights, whoever named it.
+    if (!mayAccess(peer, m_file.get(), FileRights::READ)) {
+        LOG_ERROR(
+            "Error: user %u does not own graph file '%s', and its mode does not let him read it",
+            peer.user, escapeControls(path));
         return false;
     }
     struct stat status {};

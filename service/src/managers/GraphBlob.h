@@ -13,6 +13,7 @@
 namespace kelm {
 
 class KelmGraph;
+struct PeerCredentials;
 
 // The bytes of a graph before there is a record of it, read and digested slice by slice, since a
 // blob can be large and the thread has other work. Digest and record come from the same bytes, so
@@ -24,9 +25,9 @@ class GraphBlob {
     // What can be a graph: an existing regular file. Anything else is not even opened.
     static bool isGraphFile(const char* path);
 
-    // Opens the file and reads nothing yet. What cannot be opened, is too large or no regular file
-    // gives a blob that stays without a digest.
-    static GraphBlob fromFile(const char* path);
+    // Opens the file and reads nothing yet. What cannot be opened, is too large or no regular file,
+    // or may not be read by the peer, gives a blob that stays without a digest.
+    static GraphBlob fromFile(const char* path, const PeerCredentials& peer);
     static GraphBlob fromBuffer(UniqueMalloc<char> bytes, uint64_t size);
 
     // A blob without bytes.
@@ -51,7 +52,7 @@ class GraphBlob {
     static constexpr uint64_t kSliceBytes = 4ULL << 20;  // some milliseconds
 
  private:
-    bool open(const char* path);
+    bool open(const char* path, const PeerCredentials& peer);
     bool takeSlice();
     void finish();
 

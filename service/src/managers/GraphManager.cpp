@@ -11,6 +11,7 @@
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 namespace {
@@ -51,7 +52,8 @@ GraphManager::~GraphManager() {
     MutexLock lock(m_mutex);
     // What is still going away stays: a device that has not let go of it may still read it.
     for (KelmGraph* graph : m_loadedGraphs) {
-        LOG_ERROR("[~GraphManager()][Graph: %s] delete graph(%p)", graph->getName(), graph);
+        LOG_ERROR("[~GraphManager()][Graph: %s] delete graph(%p)", escapeControls(graph->getName()),
+                  graph);
         delete graph;
     }
     // What the pool still runs finds nothing here and calls no manager that has gone before.
@@ -102,7 +104,7 @@ KelmGraph* GraphManager::getGraphById(uint64_t graphId) {
 void GraphManager::queryBufferSize(uint64_t clientId, uint64_t graphId, const Response& response) {
     LOG_PROC(m_debugProcess, "[QueryBufferSize#0] clientId=%lu graphId=%lu socket=%d userParam=%p",
              clientId, graphId, response.socket, response.userParam);
-    if (!ClientManager::instance().verifyClient(clientId)) {
+    if (!ClientManager::instance().verifyRequester(clientId, response.userParam)) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
         sendQueryBufferSizeResponse(0, 0, KELM_ERROR_INVALID_CLIENT, response);
         return;

@@ -1,4 +1,5 @@
 #include <chrono>
+#include <climits>
 #include <string>
 #include <utility>
 
@@ -13,9 +14,11 @@
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
 #include "utils/StringHelper.h"
+#include "utils/TextHelper.h"
 #include "utils/ThreadUtils.h"
 #include "utils/TimeHelper.h"
 #include "utils/Tracer.h"
+#include "utils/Utf8.h"
 
 namespace kelm {
 namespace {
@@ -47,22 +50,23 @@ bool getGraphInfo(KelmGraph& graph) {
 }
 
 // What of a client's text may be part of a file name: no other directory, no hidden file.
-std::string makeDumpStem(const std::string& graphName) {
+std::string makeDumpStem(const std::string& graphName, size_t room) {
     std::string stem = FileHelper::getFileNameStem(graphName);
     std::erase(stem, '/');
     stem.erase(0, stem.find_first_not_of('.'));
-    return stem;
+    return std::string(Utf8::head(stem, room));
 }
 
 std::string makeDumpFileName(KelmGraph& graph) {
     static std::atomic<uint64_t> dumpCounter{0};
     constexpr size_t kHashTail = 6;
     const std::string& hash = graph.getHash();
-    return makeDumpStem(graph.getName()) + "_" +
-           putTime(std::chrono::system_clock::now(), "%Y%m%d_%H%M%S") + "_" +
-           std::to_string(ThreadUtils::getThreadId()) + "_" +
-           std::to_string(dumpCounter.fetch_add(1)) + "_sha256_" +
-           hash.substr(hash.size() < kHashTail ? 0 : hash.size() - kHashTail) + ".graph";
+    const std::string ending = "_" + putTime(std::chrono::system_clock::now(), "%Y%m%d_%H%M%S") +
+                               "_" + std::to_string(ThreadUtils::getThreadId()) + "_" +
+                               std::to_string(dumpCounter.fetch_add(1)) + "_sha256_" +
+                               hash.substr(hash.size() < kHashTail ? 0 : hash.size() - kHashTail) +
+                               ".graph";
+    return makeDumpStem(graph.getName(), NAME_MAX - ending.size()) + ending;
 }
 
 }  // namespace
@@ -124,13 +128,14 @@ bool GraphManager::continueCreation(const CreationPtr& creation) {
 bool GraphManager::createGraph(const CreationPtr& creation, std::optional<CreateAnswer>& answer) {
     const CreateRequest& request = creation->request;
     if (!openBlob(*creation)) {
-        LOG_ERROR("Error: invalid graphPath '%s'", creation->path);
+        LOG_ERROR("Error: invalid graphPath '%s'", escapeControls(creation->path));
         answer = CreateAnswer{nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED};
         return true;
     }
     // Looked at in each turn: who leaves must not be entered as a user afterwards, and who has hung
     // up wants no more bytes to be read.
-    if (m_stopped.load() || !ClientManager::instance().verifyClient(request.clientId) ||
+    if (m_stopped.load() ||
+        !ClientManager::instance().verifyRequester(request.clientId, request.response.userParam) ||
         GraphBacklog::hasHungUp(request.response.socket)) {
         LOG_ERROR("Error: invalid clientId %lu", request.clientId);
         answer = CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
@@ -160,12 +165,12 @@ bool GraphManager::openBlob(Creation& creation) {
     const CreateRequest& request = creation.request;
     if (creation.path != nullptr && !GraphBlob::isGraphFile(creation.path)) return false;
     LOG_PROC(m_debugProcess, "[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p",
-             request.clientId, request.graphName, request.response.socket,
+             request.clientId, escapeControls(request.graphName), request.response.socket,
              request.response.userParam);
+    auto* const message = static_cast<KelmMsgBase*>(request.response.userParam);
     if (creation.path != nullptr) {
-        creation.blob = GraphBlob::fromFile(creation.path);
+        creation.blob = GraphBlob::fromFile(creation.path, *kelmGetPeer(*message));
     } else {
-        auto* const message = static_cast<KelmMsgBase*>(request.response.userParam);
         creation.blob =
             GraphBlob::fromBuffer(kelmTakeBlock(message, creation.data), creation.dataSize);
     }
@@ -244,7 +249,7 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(const Creat
     // device manager for the subclass the failure comes as a notice too.
     (void)DeviceManagerCreator::instance().enqueueLoadGraph(graph);
     LOG_PROC(m_debugProcess, "[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p",
-             request.clientId, id, request.graphName, request.response.userParam);
+             request.clientId, id, escapeControls(request.graphName), request.response.userParam);
     return std::nullopt;
 }
 
@@ -274,9 +279,11 @@ void GraphManager::dumpGraph(KelmGraph& graph) {
     if (!m_dumpGraph) return;
     const std::string file = FileHelper::joinPath(m_dumpPath, makeDumpFileName(graph));
     if (graph.dumpToFile(file)) {
-        LOG_INFO("graph [%s] has been dumped to local file '%s'", graph.getName(), file);
+        LOG_INFO("graph [%s] has been dumped to local file '%s'", escapeControls(graph.getName()),
+                 escapeControls(file));
     } else {
-        LOG_ERROR("Error: dump graph [%s] to local file '%s' failed", graph.getName(), file);
+        LOG_ERROR("Error: dump graph [%s] to local file '%s' failed",
+                  escapeControls(graph.getName()), escapeControls(file));
     }
 }
 
@@ -292,7 +299,7 @@ void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
         m_responseLists.erase(entry);
         if (error == KELM_OK) {
             LOG_INFO("Load graph success, graphId=%lu graphName=%s", graph->getId(),
-                     graph->getName());
+                     escapeControls(graph->getName()));
             m_loadedGraphs.insert(graph);
         } else {
             failLoadUnsafe(graph, error);
@@ -305,7 +312,7 @@ void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
 
 void GraphManager::failLoadUnsafe(KelmGraph* graph, KelmError error) {
     LOG_ERROR("Error: load graph failed, graphId=%lu graphName=%s error=%d", graph->getId(),
-              graph->getName(), error);
+              escapeControls(graph->getName()), error);
     m_graphs.erase(graph->getId());
     --m_graphNum;
     // No client has been told the id, but one can guess it: a task may refer to the record.

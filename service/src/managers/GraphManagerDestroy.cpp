@@ -22,7 +22,7 @@ constexpr std::chrono::seconds kRemoveAllLimit{3};
 void GraphManager::destroyGraph(uint64_t clientId, uint64_t graphId, const Response& response) {
     LOG_PROC(m_debugProcess, "[DestroyGraph#0] clientId=%lu graphId=%lu socket=%d userParam=%p",
              clientId, graphId, response.socket, response.userParam);
-    if (!ClientManager::instance().verifyClient(clientId)) {
+    if (!ClientManager::instance().verifyRequester(clientId, response.userParam)) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
         sendDestroyGraphResponse(KELM_ERROR_INVALID_CLIENT, response);
         return;

@@ -61,8 +61,9 @@ void GraphManager::onPrintInfo() {
 void GraphManager::printGraphFps() {
     std::string text = StringHelper::format("GraphFps(count=%lu):\n", m_loadedGraphs.size());
     for (KelmGraph* graph : m_loadedGraphs) {
-        text += " [" + graph->getName() + "] = (in) " + formatFixed(graph->getFpsIn(), 2) +
-                " (out) " + formatFixed(graph->getFpsOut(), 2) + "\n";
+        text += " [" + escapeControls(graph->getName()) + "] = (in) " +
+                formatFixed(graph->getFpsIn(), 2) + " (out) " + formatFixed(graph->getFpsOut(), 2) +
+                "\n";
     }
     LOG_INFO("%s", text);
 }

@@ -10,6 +10,7 @@
 #include "records/KelmTaskParam.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -49,11 +50,11 @@ void MessageDispatcher::handleRegister(KelmMsgBase* message, int socket) {
     auto& request = as<KelmMsgReqRegister>(message);
     const char* name = terminated(request.clientName);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
-        connection->setUser(name);  // so that errors of the socket name the client
+        connection->setUser(escapeControls(name));  // so that errors of the socket name the client
     }
     LOG_PROC(m_debugProcess,
              "enqueue register request(reqSeqNo=%lu): clientName=%s socket=%d userParam=%p",
-             request.head.reqSeqNo, name, socket, message);
+             request.head.reqSeqNo, escapeControls(name), socket, message);
     m_clientManager->enqueueRegisterClient(name, request.apiMajorVersion, request.apiMinorVersion,
                                            socket, message);
 }
@@ -83,8 +84,8 @@ void MessageDispatcher::handleCreateGraph(KelmMsgBase* message, int socket) {
         LOG_PROC(m_debugProcess,
                  "enqueue create graph request(reqSeqNo=%lu): client=%lu graphPath=%s graphName=%s "
                  "subclass=%d expectDevices=%d socket=%d userParam=%p",
-                 request.head.reqSeqNo, request.clientId, path, name, request.subclass,
-                 request.expectDevices, socket, message);
+                 request.head.reqSeqNo, request.clientId, escapeControls(path),
+                 escapeControls(name), request.subclass, request.expectDevices, socket, message);
         m_graphManager->enqueueCreateGraph(request.clientId, path, name, tag, streamId,
                                            request.subclass, request.expectDevices, socket,
                                            message);
@@ -95,8 +96,8 @@ void MessageDispatcher::handleCreateGraph(KelmMsgBase* message, int socket) {
         m_debugProcess,
         "enqueue create graph request(reqSeqNo=%lu): client=%lu graphDataSize=%lu graphName=%s "
         "subclass=%d expectDevices=%d socket=%d userParam=%p",
-        request.head.reqSeqNo, request.clientId, graphDataSize, name, request.subclass,
-        request.expectDevices, socket, message);
+        request.head.reqSeqNo, request.clientId, graphDataSize, escapeControls(name),
+        request.subclass, request.expectDevices, socket, message);
     m_graphManager->enqueueCreateGraph(
         request.clientId, reinterpret_cast<const char*>(request.graphData), graphDataSize, name,
         tag, streamId, request.subclass, request.expectDevices, socket, message);
@@ -118,7 +119,8 @@ void MessageDispatcher::handleInferTask(KelmMsgBase* message, int socket) {
     KelmBuffer aux;
     takeTaskBuffers(request, input, output, aux);
     for (KelmBuffer* buffer : {&input, &output, &aux}) terminated(buffer->name);
-    std::unique_ptr<KelmTaskParam> param(KelmTaskParam::create(input, output, aux));
+    std::unique_ptr<KelmTaskParam> param(
+        KelmTaskParam::create(input, output, aux, kelmGetPeer(*message)));
     param->setOutputBufferProvided(true);
     param->setAuxBufferProvided(true);
     LOG_DEBUG("[TrackFd] create: clientId=%lu graphId=%lu inFd=%d outFd=%d auxFd=%d",

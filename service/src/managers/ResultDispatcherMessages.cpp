@@ -163,7 +163,9 @@ void ResultDispatcher::deliver(const Answer& answer, MessagePtr message, uint64_
     } else {
         LOG_PROC(m_debugProcess, words.trace, sequence, answer.clientId);
     }
-    sendResponse(answer.clientId, answer.socket, std::move(message), createdTaskId);
+    // Who names another user's client gets the answer, not that client.
+    const bool isOthers = ClientManager::instance().isOfAnotherUser(answer.clientId, message.get());
+    sendResponse(isOthers ? 0 : answer.clientId, answer.socket, std::move(message), createdTaskId);
 }
 
 void ResultDispatcher::enqueueSendRegisterResponse(uint64_t clientId, int socket, KelmError error,
@@ -202,7 +204,7 @@ void ResultDispatcher::sendUnregisterResponse(uint64_t clientId, int socket, Kel
     const Answer answer{KELM_MESSAGE_UNREGISTER_RSP, clientId, 0, error, socket};
     if (MessagePtr message = makeResponse(answer, as<KelmMsgReq>(request))) {
         deliver(answer, std::move(message));
-    } else {
+    } else if (error == KELM_OK) {  // nobody leaves for a refused request
         cancelUnregisterResponse(clientId);
     }
 }

@@ -104,7 +104,7 @@ void TaskManager::createTask(uint64_t clientId, uint64_t graphId,
                              std::unique_ptr<KelmTaskParam> taskParam, const Response& response) {
     KelmClient* client = nullptr;
     KelmGraph* graph = nullptr;
-    const KelmError refusal = admitTask(clientId, graphId, client, graph);
+    const KelmError refusal = admitTask(clientId, graphId, response.userParam, client, graph);
     if (refusal != KELM_OK) {
         sendCreateTaskResponse(nullptr, refusal, response);
         return;
@@ -117,11 +117,12 @@ void TaskManager::createTask(uint64_t clientId, uint64_t graphId,
     enterTask(task.release(), clientId, response);
 }
 
-KelmError TaskManager::admitTask(uint64_t clientId, uint64_t graphId, KelmClient*& client,
-                                 KelmGraph*& graph) {
+KelmError TaskManager::admitTask(uint64_t clientId, uint64_t graphId, const void* request,
+                                 KelmClient*& client, KelmGraph*& graph) {
     // A client that runs now is not confirmed as gone, and a graph that is found now not deleted,
     // before this thread has handled the notice of their end, which queues behind this request.
-    client = verifyClient(clientId) ? getClientById(clientId) : nullptr;
+    const bool admitted = ClientManager::instance().verifyRequester(clientId, request);
+    client = admitted ? getClientById(clientId) : nullptr;
     if (client == nullptr) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
         return KELM_ERROR_INVALID_CLIENT;
@@ -209,9 +210,10 @@ void TaskManager::returnTask(KelmTask* task) {
 void TaskManager::cancelTask(uint64_t clientId, uint64_t taskId, const Response& response) {
     KelmError error = KELM_OK;
     KelmTask* task = nullptr;
+    const uint64_t owner = getTaskOwner(clientId, response);
     {
         MutexLock lock(m_mutex);
-        task = findTaskOfClientUnsafe(clientId, taskId, error);
+        task = findTaskOfClientUnsafe(owner, taskId, error);
         if (task != nullptr) {
             m_cancelResponses.emplace(task, response);
             ++m_tasks.find(task)->pins;
@@ -241,9 +243,10 @@ void TaskManager::descheduleTaskDone(KelmTask* task, bool removed) {
 void TaskManager::queryTaskStatus(uint64_t clientId, uint64_t taskId, const Response& response) {
     KelmError error = KELM_OK;
     int32_t status = -1;
+    const uint64_t owner = getTaskOwner(clientId, response);
     {
         MutexLock lock(m_mutex);
-        KelmTask* task = findTaskOfClientUnsafe(clientId, taskId, error);
+        KelmTask* task = findTaskOfClientUnsafe(owner, taskId, error);
         if (task != nullptr) status = task->getStatus();
     }
     sendQueryTaskStatusResponse(status, error, response);
@@ -253,6 +256,10 @@ void TaskManager::queryTaskScheduler(const std::shared_ptr<KelmStatus>& status) 
     reportStatusPart(status, "TaskManager", [this](KelmStatus& record) {
         if (m_scheduler) record.taskSchedulerName = m_scheduler->getName();
     });
+}
+
+uint64_t TaskManager::getTaskOwner(uint64_t clientId, const Response& response) {
+    return ClientManager::instance().isOfAnotherUser(clientId, response.userParam) ? 0 : clientId;
 }
 
 KelmTask* TaskManager::findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId,

@@ -115,8 +115,8 @@ class TaskManager final : public Singleton<TaskManager>,
     void createTask(uint64_t clientId, uint64_t graphId, std::unique_ptr<KelmTaskParam> taskParam,
                     const Response& response) EXCLUDES(m_mutex);
     // The two records, or the reason of a refusal.
-    KelmError admitTask(uint64_t clientId, uint64_t graphId, KelmClient*& client,
-                        KelmGraph*& graph);
+    KelmError admitTask(uint64_t clientId, uint64_t graphId, const void* request,
+                        KelmClient*& client, KelmGraph*& graph);
     void enterTask(KelmTask* task, uint64_t clientId, const Response& response) EXCLUDES(m_mutex);
     void scheduleTaskDone(KelmTask* task, bool accepted) EXCLUDES(m_mutex);
     // -1: no such task; -2: its create request is not waiting; 0 with the place of the answer.
@@ -127,6 +127,8 @@ class TaskManager final : public Singleton<TaskManager>,
     void descheduleTaskDone(KelmTask* task, bool removed) EXCLUDES(m_mutex);
     void queryTaskStatus(uint64_t clientId, uint64_t taskId, const Response& response)
         EXCLUDES(m_mutex);
+    // The client whose tasks the request may name; 0, which has none, if it is another user's.
+    static uint64_t getTaskOwner(uint64_t clientId, const Response& response);
     // The task of that id if it is the client's, else null with the error.
     KelmTask* findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId, KelmError& error)
         REQUIRES(m_mutex);

@@ -8,6 +8,7 @@
 #include "records/KelmTask.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
@@ -141,7 +142,7 @@ bool TaskManager::cancelRelatedTasks(KelmGraph* graph) {
     }
     if (count > 0) {
         LOG_PROC(m_debugProcess, "there are %u tasks related with graph(%s)", count,
-                 graph->getName());
+                 escapeControls(graph->getName()));
     }
     return true;
 }
@@ -167,7 +168,7 @@ void TaskManager::notifyClientDone(uint64_t clientId) {
 
 void TaskManager::notifyGraphDone(KelmGraph* graph) {
     LOG_PROC(m_debugProcess, "no task related with graph(%s), notify GraphManager",
-             graph->getName());
+             escapeControls(graph->getName()));
     GraphManager::instance().enqueueNotifyAllTasksDone(graph);
 }
 

@@ -12,6 +12,10 @@ ClientConnection::ClientConnection(std::shared_ptr<IPC::ConnectionBase> connecti
 // The number is still this connection's, as it is held to the end of this body.
 ClientConnection::~ClientConnection() { IPC::ConnectionBase::close(m_socket); }
 
+const std::shared_ptr<const PeerCredentials>& ClientConnection::getPeer() const {
+    return m_connection->getPeer();
+}
+
 bool ClientConnection::isConnected() const { return m_connection->connected(); }
 
 void ClientConnection::shutdown() { m_connection->shutdown(); }

@@ -11,6 +11,8 @@ class ConnectionBase;
 
 namespace kelm {
 
+struct PeerCredentials;
+
 // The connection of one or more client records: closed when the last of them is gone. While it is
 // held, its number goes to no other connection.
 //
@@ -22,6 +24,8 @@ class ClientConnection : public NonCopyable {
 
     // The connection's number.
     int getSocket() const { return m_socket; }
+    // The user at its other end.
+    const std::shared_ptr<const PeerCredentials>& getPeer() const;
     // False once it has been closed or shut down.
     bool isConnected() const;
     // Ends every read and write on it at once, those in progress included.

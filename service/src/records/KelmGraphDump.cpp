@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,7 +6,8 @@
 #include "records/KelmGraph.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
-#include "utils/UniqueFd.h"
+#include "utils/PlainFile.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -34,9 +34,8 @@ bool KelmGraph::dumpToFile(const std::string& path) {
     const size_t slash = path.rfind('/');
     if (slash != std::string::npos && slash > 0)
         FileHelper::createDirectories(path.substr(0, slash));
-    // A link that somebody planted in a shared directory is not followed, a pipe not waited for.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    UniqueFd file(::open(path.c_str(), kFlags, 0644));
+    UniqueFd file = PlainFile::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC, 0644,
+                                    PlainFile::Owner::THIS_USER);
     const bool opened = static_cast<bool>(file);
     // Some file systems tell only at the close that there was no room.
     if (opened && writeAll(file.get(), m_data.get(), m_dataSize) && ::close(file.release()) == 0) {
@@ -44,7 +43,7 @@ bool KelmGraph::dumpToFile(const std::string& path) {
     }
     const int error = errno;
     if (opened) (void)::unlink(path.c_str());  // half a graph would pass for a whole one
-    LOG_ERROR("Error: failed to create dump file '%s'", path);
+    LOG_ERROR("Error: failed to create dump file '%s'", escapeControls(path));
     LOG_ERROR("Error: the dump ended with: %s", std::generic_category().message(error));
     return false;
 }

@@ -3,6 +3,7 @@
 #include "records/GraphDemand.h"
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -63,11 +64,11 @@ float KelmGraph::getDevReqNum() {
     const float factor = getDevReqFactor(request);
     const float result = request * factor;
     if (load.fpsIn > 0.0f) {
-        LOG_DEBUG("[graph:%s] %.2f / %.2f * (1.0 + %u / %.2f) * %.2f = %.2f", getName(), load.fpsIn,
-                  computeDeviceFps(load.avgInferTime), load.waitTasks, computeDrainRate(load),
-                  factor, result);
+        LOG_DEBUG("[graph:%s] %.2f / %.2f * (1.0 + %u / %.2f) * %.2f = %.2f",
+                  escapeControls(getName()), load.fpsIn, computeDeviceFps(load.avgInferTime),
+                  load.waitTasks, computeDrainRate(load), factor, result);
     } else {
-        LOG_DEBUG("[graph:%s] %u / %.2f * %.2f = %.2f", getName(), load.waitTasks,
+        LOG_DEBUG("[graph:%s] %u / %.2f * %.2f = %.2f", escapeControls(getName()), load.waitTasks,
                   computeDrainRate(load), factor, result);
     }
     return result;

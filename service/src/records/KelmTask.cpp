@@ -9,6 +9,7 @@
 #include "records/KelmTaskParam.h"
 #include "utils/Log.h"
 #include "utils/StringHelper.h"
+#include "utils/TextHelper.h"
 #include "utils/TimeHelper.h"
 #include "utils/Tracer.h"
 
@@ -175,8 +176,8 @@ std::string KelmTask::getDescription() {
     return StringHelper::format(
                "TaskId: %lu, Client: %-10s, ClientId: %08lu, Status: %-2d, GraphName: %-10s, "
                "GraphPtr: %p",
-               m_id, getClientName().substr(0, kDescribedNameLength), m_clientId, m_status,
-               graphName.substr(0, kDescribedNameLength), m_graph) +
+               m_id, escapeControls(getClientName().substr(0, kDescribedNameLength)), m_clientId,
+               m_status, escapeControls(graphName.substr(0, kDescribedNameLength)), m_graph) +
            ", TimeToKelmHal: " + formatTimeMilli(m_timeToKelmHal) +
            ", TimeToTaskQueue: " + formatTimeMilli(m_timeToTaskQueue) +
            ", TimeToTevoHal: " + formatTimeMilli(m_timeToTevoHal) +

@@ -1,6 +1,7 @@
 #include "records/KelmTaskParam.h"
 
 #include <new>
+#include <utility>
 
 #include "records/BlockCache.h"
 #include "records/BufferAllocator.h"
@@ -22,13 +23,14 @@ BlockCache& blockCache() {
 }  // namespace
 
 KelmTaskParam* KelmTaskParam::create(const KelmBuffer& input, const KelmBuffer& output,
-                                     const KelmBuffer& aux) {
-    return new KelmTaskParam(input, output, aux);
+                                     const KelmBuffer& aux,
+                                     std::shared_ptr<const PeerCredentials> peer) {
+    return new KelmTaskParam(input, output, aux, std::move(peer));
 }
 
 KelmTaskParam::KelmTaskParam(const KelmBuffer& input, const KelmBuffer& output,
-                             const KelmBuffer& aux)
-    : m_inputBuffer(input), m_outputBuffer(output), m_auxBuffer(aux) {}
+                             const KelmBuffer& aux, std::shared_ptr<const PeerCredentials> peer)
+    : m_inputBuffer(input), m_outputBuffer(output), m_auxBuffer(aux), m_peer(std::move(peer)) {}
 
 KelmTaskParam::~KelmTaskParam() {
     releaseBuffer(m_inputBuffer);

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
 #include "protocol/src/KelmMessage.h"
 #include "utils/NonCopyable.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 
@@ -13,9 +15,11 @@ namespace kelm {
 // Threads: the one that works on the task. Owns: the descriptors and mappings of the buffers.
 class KelmTaskParam : public NonCopyable {
  public:
-    // The caller owns the result. The buffers come by value, their descriptors become owned.
-    static KelmTaskParam* create(const KelmBuffer& input, const KelmBuffer& output,
-                                 const KelmBuffer& aux);
+    // The caller owns the result. The buffers come by value, their descriptors become owned. What
+    // they name is opened for the peer.
+    static KelmTaskParam* create(
+        const KelmBuffer& input, const KelmBuffer& output, const KelmBuffer& aux,
+        std::shared_ptr<const PeerCredentials> peer = PeerCredentials::ofThisProcess());
     ~KelmTaskParam();
 
     // Blocks come from a free list: one is made and given back for every task.
@@ -25,13 +29,15 @@ class KelmTaskParam : public NonCopyable {
     KelmBuffer& getInputBuffer() { return m_inputBuffer; }
     KelmBuffer& getOutputBuffer() { return m_outputBuffer; }
     KelmBuffer& getAuxBuffer() { return m_auxBuffer; }
+    const PeerCredentials& getPeer() const { return *m_peer; }
     void setOutputBufferProvided(bool provided) { m_outputBufferProvided = provided; }
     void setAuxBufferProvided(bool provided) { m_auxBufferProvided = provided; }
     bool isOutputBufferProvided() const { return m_outputBufferProvided; }
     bool isAuxBufferProvided() const { return m_auxBufferProvided; }
 
  private:
-    KelmTaskParam(const KelmBuffer& input, const KelmBuffer& output, const KelmBuffer& aux);
+    KelmTaskParam(const KelmBuffer& input, const KelmBuffer& output, const KelmBuffer& aux,
+                  std::shared_ptr<const PeerCredentials> peer);
     static void releaseBuffer(KelmBuffer& buffer);
 
     KelmBuffer m_inputBuffer;
@@ -39,6 +45,7 @@ class KelmTaskParam : public NonCopyable {
     KelmBuffer m_auxBuffer;
     bool m_outputBufferProvided = false;
     bool m_auxBufferProvided = false;
+    const std::shared_ptr<const PeerCredentials> m_peer;
 };
 
 }  // namespace kelm

@@ -15,7 +15,32 @@ ServiceDaemonHelper::ServiceDaemonHelper()
     updateMutexFileAtrribute();
 }
 
-void ServiceDaemonHelper::daemonReadyToServe() { m_readyMutex.lock(); }
+ServiceDaemonHelper::~ServiceDaemonHelper() { stopWaiting(); }
+
+void ServiceDaemonHelper::daemonReadyToServe() {
+    if (!m_readyMutex.isOpen() || m_readyMutex.trylock()) return;
+    m_readyWaiter = std::thread([this] { waitForReadyLock(); });
+}
+
+// Usually a client that looks whether the service is ready holds it, for an instant. One that keeps
+// it must hold up nothing else, the end of the service least of all.
+void ServiceDaemonHelper::waitForReadyLock() {
+    constexpr int kAttemptsBeforeWarning = 1000;
+    long pauseMillisec = 1;
+    for (int attempts = 1; !m_readyMutex.trylock(); ++attempts) {
+        if (m_waitEnd.waitFor(pauseMillisec)) return;
+        if (attempts != kAttemptsBeforeWarning) continue;
+        LOG_WARN("Warn: another process keeps %s locked: see lslocks(8) which one",
+                 RunPaths::readyMutex());
+        pauseMillisec = 100;
+    }
+}
+
+void ServiceDaemonHelper::stopWaiting() {
+    if (!m_readyWaiter.joinable()) return;
+    m_waitEnd.post();
+    m_readyWaiter.join();
+}
 
 bool ServiceDaemonHelper::daemonReadyToStop(long timeoutMillisec) {
     // A file that cannot be opened would never be locked; the service leaves without it.
@@ -24,16 +49,19 @@ bool ServiceDaemonHelper::daemonReadyToStop(long timeoutMillisec) {
 
 void ServiceDaemonHelper::daemonCancelStop() { m_startExitMutex.unlock(); }
 
-void ServiceDaemonHelper::daemonStop() { LOG_INFO("Info: KELM Service stops normally."); }
+void ServiceDaemonHelper::daemonStop() {
+    stopWaiting();
+    LOG_INFO("Info: KELM Service stops normally.");
+}
 
 void ServiceDaemonHelper::updateMutexFileAtrribute() {
     constexpr int kGroupMayReadAndWrite = 0660;
     AccessController& access = AccessController::instance();
     const std::string group = ServiceConfigParser::instance().getValidUserGroup();
     if (!group.empty()) access.setAccessAttribute("", group, kGroupMayReadAndWrite);
-    for (const std::string& path :
-         {RunPaths::aliveMutex(), RunPaths::readyMutex(), RunPaths::startExitMutex()}) {
-        access.updateAccessAttribute(path);
+    // Through the descriptor: the name may stand for another file by now.
+    for (const GlobalMutex* mutex : {&m_aliveMutex, &m_readyMutex, &m_startExitMutex}) {
+        if (mutex->isOpen()) access.updateAccessAttribute(mutex->nativeHandle());
     }
 }
 

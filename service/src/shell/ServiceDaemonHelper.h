@@ -1,6 +1,9 @@
 #pragma once
 
+#include <thread>
+
 #include "utils/GlobalMutex.h"
+#include "utils/Semaphore.h"
 #include "utils/Singleton.h"
 
 namespace kelm {
@@ -9,15 +12,19 @@ namespace kelm {
 // before anything else is started, ready once clients are served, start-exit once the service is
 // about to leave.
 //
-// Threads: the main thread only.
-// Locks: alive and ready are never given back; the kernel drops them when the process ends.
+// Threads: the main thread only. While another process holds the ready lock, a thread of this
+// object waits for it. Locks: alive and ready are never given back; the kernel drops them when the
+// process ends.
 class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
  public:
     // Tries the alive lock, and gives the files their group and mode.
     ServiceDaemonHelper();
+    ~ServiceDaemonHelper();
 
     // False if another service holds the alive lock.
     bool isLocked() const { return m_isLocked; }
+    // Takes the ready lock, and never waits: if another process holds it, it is taken as soon as
+    // that one lets go, unless daemonStop() comes first.
     void daemonReadyToServe();
     // From here a client that wants the service waits until this process has gone. False if the
     // time is up first: a client that is starting the service holds the lock.
@@ -27,11 +34,15 @@ class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
 
  private:
     void updateMutexFileAtrribute();
+    void waitForReadyLock();
+    void stopWaiting();
 
     bool m_isLocked = false;
     GlobalMutex m_aliveMutex;
     GlobalMutex m_readyMutex;
     GlobalMutex m_startExitMutex;
+    Semaphore m_waitEnd{0, 0};  // posted when nobody wants the ready lock any more
+    std::thread m_readyWaiter;
 };
 
 }  // namespace kelm

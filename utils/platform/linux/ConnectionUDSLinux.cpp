@@ -13,6 +13,7 @@
 #include "utils/ConnectionUDS.h"
 #include "utils/ErrorHelper.h"
 #include "utils/FileHelper.h"
+#include "utils/PeerCredentials.h"
 #include "utils/PollEvent.h"
 #include "utils/Poller.h"
 #include "utils/StringHelper.h"
@@ -152,6 +153,9 @@ void ConnectionUDS::accept(ConnectionBase* listener) {
     const int fd = acceptOn(socket->nativeHandle());
     if (fd < 0) KELM_THROW("accept failed");
     takeSocket(fd);
+    auto peer = kelm::PeerCredentials::ofSocket(fd);
+    if (!peer) KELM_THROW("accept failed, the peer's user cannot be told");
+    setPeer(std::move(peer));
     enterState(CONNECTED);
 }
 

@@ -9,19 +9,25 @@
 
 #include "utils/GlobalMutex.h"
 #include "utils/Log.h"
+#include "utils/PlainFile.h"
 
 namespace kelm {
 
 GlobalMutex::GlobalMutex(const std::string& path, bool closeOnExec) : m_path(path) {
     if (path.empty()) return;
-    const int flags = O_RDONLY | O_CREAT | (closeOnExec ? O_CLOEXEC : 0);
-    const int fd = ::open(path.c_str(), flags, 0660);
-    if (fd < 0) {
-        LOG_ERROR("Error: Open GlobalMutex %s failed. errno = %d [%s]", m_path, errno,
-                  std::strerror(errno));
+    const int flags = O_RDONLY | (closeOnExec ? O_CLOEXEC : 0);
+    UniqueFd file = PlainFile::open(path.c_str(), flags, 0660, PlainFile::Owner::ANYBODY);
+    if (file) {
+        m_fd = file.release();
         return;
     }
-    m_fd = fd;
+    const int error = errno;
+    LOG_ERROR("Error: Open GlobalMutex %s failed. errno = %d [%s]", m_path, error,
+              std::strerror(error));
+    if (error == ELOOP || error == EMLINK || error == EINVAL) {
+        LOG_ERROR("Error: %s is no plain file of one name: find out who put it there, remove it",
+                  m_path);
+    }
 }
 
 GlobalMutex::~GlobalMutex() {

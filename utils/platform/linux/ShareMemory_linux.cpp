@@ -8,7 +8,9 @@
 
 #include "utils/Log.h"
 #include "utils/MappingGuard.h"
+#include "utils/PeerCredentials.h"
 #include "utils/ShareMemory.h"
+#include "utils/TextHelper.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
@@ -25,7 +27,15 @@ bool isLargeEnough(int fd, const char* name, unsigned long size) {
     }
     const auto actual = static_cast<uint64_t>(status.st_size);
     if (actual >= size) return true;
-    LOG_ERROR("Error: share memory '%s' has %lu bytes, %lu are wanted", name, actual, size);
+    LOG_ERROR("Error: share memory '%s' has %lu bytes, %lu are wanted", escapeControls(name),
+              actual, size);
+    return false;
+}
+
+bool isAllowed(const PeerCredentials& peer, FileRights::Access wanted, int fd, const char* name) {
+    if (mayAccess(peer, fd, wanted)) return true;
+    LOG_ERROR("Error: user %u does not own share memory '%s', and its mode does not let him %s it",
+              peer.user, escapeControls(name), wanted == FileRights::READ ? "read" : "write");
     return false;
 }
 
@@ -52,7 +62,7 @@ bool close(UniqueFd& fd) {
 
 ShareMemory::~ShareMemory() { reset(); }
 
-bool ShareMemory::open(const char* name, unsigned long size, int oflag) {
+bool ShareMemory::open(const char* name, unsigned long size, int oflag, const Check& check) {
     if (name == nullptr) {
         LOG_ERROR("Error: empty name for create share memory\n");
         return false;
@@ -65,9 +75,7 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag) {
     }
     const bool isNew = (oflag & O_CREAT) != 0;
     void* data = nullptr;
-    if (isNew ? grow(fd.get(), size) : isLargeEnough(fd.get(), name, size)) {
-        data = map(fd.get(), size);
-    }
+    if (check(fd.get())) data = map(fd.get(), size);
     if (data != nullptr && !close(fd)) {
         (void)MappingGuard::unmap(data, size);  // given up either way
         data = nullptr;
@@ -84,13 +92,23 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag) {
 }
 
 void* ShareMemory::create(const char* name, unsigned long size) {
-    if (!open(name, size, O_CREAT | O_RDWR)) return nullptr;
+    const auto growNew = [size](int fd) { return grow(fd, size); };
+    if (!open(name, size, O_CREAT | O_RDWR, growNew)) return nullptr;
     m_created = true;
     return m_data;
 }
 
 void* ShareMemory::open(const char* name, unsigned long size) {
-    return open(name, size, O_RDWR) ? m_data : nullptr;
+    const auto check = [&](int fd) { return isLargeEnough(fd, name, size); };
+    return open(name, size, O_RDWR, check) ? m_data : nullptr;
+}
+
+void* ShareMemory::openFor(const PeerCredentials& peer, FileRights::Access wanted, const char* name,
+                           unsigned long size) {
+    const auto check = [&](int fd) {
+        return isAllowed(peer, wanted, fd, name) && isLargeEnough(fd, name, size);
+    };
+    return open(name, size, O_RDWR, check) ? m_data : nullptr;
 }
 
 void ShareMemory::reset() {

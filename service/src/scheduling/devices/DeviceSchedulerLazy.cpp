@@ -5,6 +5,7 @@
 #include "scheduling/devices/PlugoutWorkerOperation.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -96,7 +97,7 @@ void DeviceSchedulerLazy::classify(WorkThread* worker) {
 void DeviceSchedulerLazy::strand(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
     LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s worker=%s), device lost",
-             graph->getName(), worker->getName());
+             escapeControls(graph->getName()), worker->getName());
     m_strandedGraphs.insert(graph);
 }
 

@@ -8,6 +8,7 @@
 #include "scheduling/devices/LoadGraphOperation.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -51,13 +52,13 @@ void DeviceSchedulerSqueeze2::makeOperations(WorkThread* worker,
 void DeviceSchedulerSqueeze2::makeUnload(KelmGraph* graph, WorkThread* worker, bool shallow) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, shallow));
     LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s worker=%s, shallow=%s)",
-             graph->getName(), worker->getName(), shallow ? "True" : "False");
+             escapeControls(graph->getName()), worker->getName(), shallow ? "True" : "False");
 }
 
 void DeviceSchedulerSqueeze2::makeLoad(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(LoadGraphOperation::create(graph, worker));
-    LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s worker=%s)", graph->getName(),
-             worker->getName());
+    LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s worker=%s)",
+             escapeControls(graph->getName()), worker->getName());
 }
 
 void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
@@ -142,7 +143,7 @@ void DeviceSchedulerSqueeze2::logAdjustment(const std::vector<WorkerState>& stat
 // A device's cache may list a graph that is not this scheduler's to follow.
 std::string DeviceSchedulerSqueeze2::nameOf(KelmGraph* graph) {
     const bool known = m_mappedGraphs.contains(graph) || m_passGoneGraphs.contains(graph);
-    return known ? graph->getName() : "?";
+    return known ? escapeControls(graph->getName()) : "?";
 }
 
 }  // namespace kelm

@@ -5,6 +5,7 @@
 #include "scheduling/devices/LoadGraphOperation.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -37,7 +38,7 @@ void DeviceSchedulerStream::handleUnloadGraph() {
         m_displacedGraphs.erase(graph);  // its record may go once the unload is answered
         const auto loaded = m_graphWorkers.extract(graph);
         if (loaded.empty()) {
-            LOG_ERROR("Error: cannot find loaded graph %s", graph->getName());
+            LOG_ERROR("Error: cannot find loaded graph %s", escapeControls(graph->getName()));
             continue;
         }
         for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
@@ -80,13 +81,15 @@ void DeviceSchedulerStream::handleLoadGraph() {
 
 void DeviceSchedulerStream::makeUnload(KelmGraph* graph, WorkThread* worker) {
     LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s streamId=%s worker=%s)",
-             graph->getName(), graph->getStreamId(), worker->getName());
+             escapeControls(graph->getName()), escapeControls(graph->getStreamId()),
+             worker->getName());
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
 }
 
 void DeviceSchedulerStream::makeLoad(KelmGraph* graph, WorkThread* worker) {
     LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s streamId=%s worker=%s)",
-             graph->getName(), graph->getStreamId(), worker->getName());
+             escapeControls(graph->getName()), escapeControls(graph->getStreamId()),
+             worker->getName());
     m_operations.push_back(LoadGraphOperation::create(graph, worker));
 }
 

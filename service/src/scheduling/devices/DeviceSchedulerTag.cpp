@@ -7,6 +7,7 @@
 #include "scheduling/devices/LoadGraphOperation.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -50,7 +51,7 @@ void DeviceSchedulerTag::handleUnloadGraph() {
     for (KelmGraph* graph : m_unloadGraphs) {
         const auto entry = m_tagMap.find(graph->getTag());
         if (entry == m_tagMap.end()) {
-            LOG_ERROR("Error: invalid graph tag '%s'", graph->getTag());
+            LOG_ERROR("Error: invalid graph tag '%s'", escapeControls(graph->getTag()));
             continue;
         }
         releaseTag(graph);
@@ -77,11 +78,11 @@ void DeviceSchedulerTag::handleLoadGraph() {
         if (m_idleWorkers.empty()) return;
         const auto entry = m_tagMap.find(graph->getTag());
         if (entry == m_tagMap.end()) {
-            LOG_ERROR("Error: invalid graph tag '%s'", graph->getTag());
+            LOG_ERROR("Error: invalid graph tag '%s'", escapeControls(graph->getTag()));
             continue;
         }
         if (entry->second == 0) {
-            LOG_ERROR("Error: no headcount for graph tag '%s'", graph->getTag());
+            LOG_ERROR("Error: no headcount for graph tag '%s'", escapeControls(graph->getTag()));
             continue;
         }
         makeLoads(graph, entry->second);
@@ -100,7 +101,7 @@ void DeviceSchedulerTag::handlePendingGraph() {
 
 void DeviceSchedulerTag::makeUnload(KelmGraph* graph, WorkThread* worker) {
     LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s graphTag=%s worker=%s)",
-             graph->getName(), graph->getTag(), worker->getName());
+             escapeControls(graph->getName()), escapeControls(graph->getTag()), worker->getName());
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
 }
 
@@ -108,7 +109,8 @@ void DeviceSchedulerTag::makeLoads(KelmGraph* graph, unsigned long& free) {
     for (; free > 0 && !m_idleWorkers.empty(); --free) {
         WorkThread* const worker = takeIdleWorker();
         LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s graphTag=%s worker=%s)",
-                 graph->getName(), graph->getTag(), worker->getName());
+                 escapeControls(graph->getName()), escapeControls(graph->getTag()),
+                 worker->getName());
         m_operations.push_back(LoadGraphOperation::create(graph, worker));
     }
 }

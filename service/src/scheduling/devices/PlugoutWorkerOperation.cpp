@@ -6,6 +6,7 @@
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -22,7 +23,7 @@ PlugoutWorkerOperation::PlugoutWorkerOperation(WorkThread* worker) : m_worker(wo
 void PlugoutWorkerOperation::operation() {
     for (KelmGraph* graph : m_worker->getGraphs()) {
         const std::string graphName = graph->getName();
-        LOG_PROC(m_debugProcess, "unload [%s] from reset device [%s]", graphName,
+        LOG_PROC(m_debugProcess, "unload [%s] from reset device [%s]", escapeControls(graphName),
                  m_worker->getName());
         m_futures[graph] = {graphName, m_worker->enqueueUnloadGraph(graph, false)};
     }
@@ -30,8 +31,8 @@ void PlugoutWorkerOperation::operation() {
 
 void PlugoutWorkerOperation::wait() {
     for (const auto& [graph, unload] : m_futures) {
-        LOG_PROC(m_debugProcess, "wait unload [%s] from reset device [%s] done", unload.graphName,
-                 m_worker->getName());
+        LOG_PROC(m_debugProcess, "wait unload [%s] from reset device [%s] done",
+                 escapeControls(unload.graphName), m_worker->getName());
         // The value does not matter: the device is gone.
         waitDone(unload.future, "unload", unload.graphName, *m_worker);
     }

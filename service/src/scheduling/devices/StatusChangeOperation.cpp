@@ -6,6 +6,7 @@
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -42,7 +43,7 @@ void StatusChangeOperation::waitDone(const std::shared_future<int>& job, const c
     LOG_WARN(
         "Warn: %s [%s] on worker(%s) has not ended for over %ld ms, its scheduler waits; states of "
         "the worker:%s. If it goes on, unplug the device and plug it in again",
-        step, graphName, worker.getName(), patience.count(), states);
+        step, escapeControls(graphName), worker.getName(), patience.count(), states);
     job.wait();
 }
 

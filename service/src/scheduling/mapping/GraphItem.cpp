@@ -1,6 +1,7 @@
 #include "scheduling/mapping/GraphItem.h"
 
 #include "utils/StringHelper.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -9,9 +10,10 @@ std::string GraphItem::dump() const {
         "GraphItem(%u) - graphName=%s graph=%p devReq=%.2f memReq=%u isNewGraph=%d taskNum=%d "
         "status=%d dedicatedDevNum=%u sharedDevNum=%u devReqScaled=%.2f outCycleNum=%d "
         "slaveGroup=%d isMasterGraph=%d savedStatus=%d pendSavedStatus=%d",
-        id, graphName, graph, devReq, memReq, static_cast<int>(isNewGraph), taskNum, status,
-        dedicatedDevNum, sharedDevNum, devReqScaled, outCycleNum, static_cast<int>(slaveGroup),
-        static_cast<int>(isMasterGraph), savedStatus, pendSavedStatus);
+        id, escapeControls(graphName), graph, devReq, memReq, static_cast<int>(isNewGraph), taskNum,
+        status, dedicatedDevNum, sharedDevNum, devReqScaled, outCycleNum,
+        static_cast<int>(slaveGroup), static_cast<int>(isMasterGraph), savedStatus,
+        pendSavedStatus);
 }
 
 }  // namespace kelm

@@ -6,6 +6,7 @@
 #include "config/ServiceConfigParser.h"
 #include "scheduling/mapping/CutToInteger.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -106,12 +107,12 @@ bool GraphMapper::addGraph(KelmGraph* graph, unsigned int memReq, unsigned int t
                            const std::string& name) {
     MutexLock lock(m_mutex);
     if (graph == nullptr) {
-        LOG_ERROR("Error in addGraph(%s): graph = nullptr", name);
+        LOG_ERROR("Error in addGraph(%s): graph = nullptr", escapeControls(name));
         return false;
     }
     if (const GraphItem* known = findGraph(graph)) {
-        LOG_ERROR("Error in addGraph(%s): found item(%s) with same graphPtr(%p)", name,
-                  known->graphName, graph);
+        LOG_ERROR("Error in addGraph(%s): found item(%s) with same graphPtr(%p)",
+                  escapeControls(name), escapeControls(known->graphName), graph);
         return true;
     }
     // Deliberate: the margin is asked for here only; updateGraph() compares and keeps the bare
@@ -121,7 +122,7 @@ bool GraphMapper::addGraph(KelmGraph* graph, unsigned int memReq, unsigned int t
         LOG_ERROR(
             "Error in addGraph(%s): graph memory require(%d MB) is larger than device memory(%d "
             "MB)",
-            name, memWithMargin, getDeviceMemSize());
+            escapeControls(name), memWithMargin, getDeviceMemSize());
         return false;
     }
     auto item = std::make_unique<GraphItem>();
@@ -136,7 +137,8 @@ bool GraphMapper::addGraph(KelmGraph* graph, unsigned int memReq, unsigned int t
     m_graphSet.push_back(item.get());
     m_graphPtrSet[graph] = std::move(item);
     m_graphChanged = true;
-    LOG_PROC(m_debugProcess, "[GraphMapper] AddGraph() success: graph=%p name=%s", graph, name);
+    LOG_PROC(m_debugProcess, "[GraphMapper] AddGraph() success: graph=%p name=%s", graph,
+             escapeControls(name));
     return true;
 }
 

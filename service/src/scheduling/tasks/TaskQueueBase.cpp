@@ -4,6 +4,7 @@
 #include "scheduling/tasks/TaskScheduleListener.h"
 #include "utils/Port.h"
 #include "utils/StringHelper.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -53,8 +54,8 @@ void TaskQueueBase::appendDescription(std::string& text, const TaskList& tasks, 
         text += std::string(indent, ' ');
         text += StringHelper::format(
             "[%02lu] TaskId=%lu Client=%s ClientId=%lu TimeToKelmHal=%s TimeToTaskQueue=%s\n", i,
-            task.getId(), task.getClientName(), task.getClientId(), task.getTimeToKelmHal(),
-            task.getTimeToTaskQueue());
+            task.getId(), escapeControls(task.getClientName()), task.getClientId(),
+            task.getTimeToKelmHal(), task.getTimeToTaskQueue());
     }
 }
 

@@ -14,6 +14,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -275,7 +276,7 @@ void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
     }
     if (!handedOver) worker->enqueueAbortApplyTaskDone(graph);
     LOG_PROC(m_debugProcess, "[Deschedule] deschedule worker(%s) with graph(%s) done", workerName,
-             graphName);
+             escapeControls(graphName));
 }
 
 void TaskSchedulerFCFS::descheduleTask(KelmTask* task) {
@@ -308,7 +309,7 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* gra
 void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
     // Named first: once confirmed, the graph may be gone.
     const std::string name = m_debugProcess ? graph->getName() : std::string();
-    LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", name);
+    LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", escapeControls(name));
     std::unique_ptr<TaskQueueBase> queue;
     uint64_t workerNum = 0;
     {
@@ -321,15 +322,16 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
         }
     }
     if (queue) {
-        LOG_PROC(m_debugProcess, "[Deschedule#1] delete task queue for graph(%s)", name);
+        LOG_PROC(m_debugProcess, "[Deschedule#1] delete task queue for graph(%s)",
+                 escapeControls(name));
         queue.reset();  // destroys its tasks
     }
     if (workerNum > 0) {
         LOG_PROC(m_debugProcess, "[Deschedule#2] erase %lu workers waiting for graph(%s)",
-                 workerNum, name);
+                 workerNum, escapeControls(name));
     }
     Listener::notify<&TaskScheduleListener::enqueueDescheduleGraphDone>(graph);
-    LOG_PROC(m_debugProcess, "[Deschedule#3] deschedule graph(%s) done", name);
+    LOG_PROC(m_debugProcess, "[Deschedule#3] deschedule graph(%s) done", escapeControls(name));
 }
 
 }  // namespace kelm

@@ -6,6 +6,7 @@
 #include "scheduling/tasks/TaskQueueBase.h"
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 #include "utils/TimeHelper.h"
 
 namespace kelm {
@@ -33,7 +34,7 @@ void TaskSchedulerFCFS::snapShotUnlocked(const char* label) {
 }
 
 void TaskSchedulerFCFS::appendGraphUnsafe(std::string& text, KelmGraph* graph) {
-    text += "GraphName: [" + graph->getName() + "]\n";
+    text += "GraphName: [" + escapeControls(graph->getName()) + "]\n";
     const auto queue = m_taskQueues.find(graph);
     text += queue != m_taskQueues.end() ? "  " + queue->second->getDescription()
                                         : "  WaitingTasks(numWaitTasks=0):\n";

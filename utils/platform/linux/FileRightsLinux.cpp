@@ -1,0 +1,85 @@
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "utils/FileRights.h"
+
+namespace kelm {
+
+namespace {
+
+// The kernel's form of an access control list: a version, then the entries, little-endian.
+constexpr char kListName[] = "system.posix_acl_access";
+constexpr uint32_t kListVersion = 2;
+struct ListEntry {
+    uint16_t tag;
+    uint16_t allowed;
+    uint32_t id;
+};
+enum ListTag : uint16_t { USER = 0x02, OWNING_GROUP = 0x04, GROUP = 0x08, MASK = 0x10 };
+
+constexpr uint32_t kAll = 7;
+
+// The attribute; empty if the file has none. Nothing if it cannot be read, which nobody should take
+// for a file without a list.
+std::optional<std::vector<char>> readList(int fd) {
+    std::vector<char> bytes;
+    ssize_t size = ::fgetxattr(fd, kListName, nullptr, 0);
+    if (size > 0) {
+        bytes.resize(static_cast<size_t>(size));
+        size = ::fgetxattr(fd, kListName, bytes.data(), bytes.size());
+    }
+    if (size >= 0) {
+        bytes.resize(static_cast<size_t>(size));
+    } else if (errno == ENODATA || errno == EOPNOTSUPP) {
+        bytes.clear();
+    } else {
+        return std::nullopt;
+    }
+    return bytes;
+}
+
+bool addEntries(const std::vector<char>& bytes, std::vector<FileRights::Entry>& entries) {
+    uint32_t version = 0;
+    if (bytes.size() < sizeof(version)) return false;
+    std::memcpy(&version, bytes.data(), sizeof(version));
+    if (version != kListVersion) return false;
+    uint32_t mask = kAll;
+    for (size_t at = sizeof(version); at + sizeof(ListEntry) <= bytes.size();
+         at += sizeof(ListEntry)) {
+        ListEntry entry;
+        std::memcpy(&entry, bytes.data() + at, sizeof(entry));
+        using Class = FileRights::Class;
+        if (entry.tag == MASK) mask = entry.allowed;
+        if (entry.tag == USER) entries.push_back({Class::USER, entry.id, entry.allowed});
+        if (entry.tag == GROUP) entries.push_back({Class::GROUP, entry.id, entry.allowed});
+        if (entry.tag == OWNING_GROUP) entries.push_back({Class::OWNING_GROUP, 0, entry.allowed});
+    }
+    for (FileRights::Entry& entry : entries) entry.allowed &= mask;
+    return true;
+}
+
+}  // namespace
+
+std::optional<FileRights> FileRights::ofDescriptor(int fd) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) return std::nullopt;
+    FileRights rights;
+    rights.owner = info.st_uid;
+    rights.group = info.st_gid;
+    rights.others = info.st_mode & kAll;
+    rights.hasName = info.st_nlink != 0;
+    const std::optional<std::vector<char>> list = readList(fd);
+    if (!list) return std::nullopt;
+    if (list->empty()) {
+        rights.entries = {{Class::OWNING_GROUP, 0, (info.st_mode >> 3) & kAll}};
+        return rights;
+    }
+    // With a list, the group's bits of the mode are its mask and not the group's rights.
+    if (!addEntries(*list, rights.entries)) return std::nullopt;
+    return rights;
+}
+
+}  // namespace kelm
