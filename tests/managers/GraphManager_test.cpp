@@ -255,7 +255,7 @@ TEST_F(GraphFileTest, ReadingStopsWhenItsClientHasGone) {
 TEST_F(GraphFileTest, ConnectionFarAheadOfItsAnswersIsNotReadForAWhile) {
     start();
     WireClient ahead;
-    ahead.sendCreateGraphFromFile(writeSparse("huge", 512 << 20), kRefused);
+    ahead.sendCreateGraphFromFile(writeSparse("huge", 256 << 20), kRefused);
     const auto query = ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ);
     constexpr int kMoreThanFits = 20000;
     int sent = 0;
