@@ -232,7 +232,7 @@ TEST_F(GraphFileTest, KnownFileIsJoinedWithoutBeingReadAgain) {
     EXPECT_NE(client.createGraphFromFile(file).graphId, id);
 }
 
-TEST_F(GraphFileTest, ReadingStopsWhenItsClientHasGone) {
+TEST_F(GraphFileTest, ReadingStopsWhenItsClientHasGoneOrTheServiceEnds) {
     start();
     constexpr uint64_t kSize = 2ULL << 30;
     const std::string file = writeSparse("huge", kSize);
@@ -250,12 +250,14 @@ TEST_F(GraphFileTest, ReadingStopsWhenItsClientHasGone) {
         std::error_code gone;
         return std::filesystem::read_symlink(entry, gone) == file;
     }));
+    // Nor is the service held up that stops.
+    for (int i = 0; i < 2; ++i) next.sendCreateGraphFromFile(file, kRefused);
 }
 
 TEST_F(GraphFileTest, ConnectionFarAheadOfItsAnswersIsNotReadForAWhile) {
     start();
     WireClient ahead;
-    ahead.sendCreateGraphFromFile(writeSparse("huge", 512 << 20), kRefused);
+    ahead.sendCreateGraphFromFile(writeSparse("huge", 256 << 20), kRefused);
     const auto query = ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ);
     constexpr int kMoreThanFits = 20000;
     int sent = 0;

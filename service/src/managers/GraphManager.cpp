@@ -48,7 +48,6 @@ GraphManager::~GraphManager() {
     LOG_PROC(m_debugProcess, "to destruct graph manager");
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
     m_stopped.store(true);
-    m_turns.stop();
     MutexLock lock(m_mutex);
     // What is still going away stays: a device that has not let go of it may still read it.
     for (KelmGraph* graph : m_loadedGraphs) {

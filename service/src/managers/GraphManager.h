@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -152,8 +151,6 @@ class GraphManager : public Singleton<GraphManager>,
     std::unique_ptr<KelmGraph> confirmUnsafe(KelmGraph* graph, bool Deallocation::*confirmation)
         REQUIRES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
-    // Waits for what is queued on the pool now.
-    void drainPoolUntil(std::chrono::steady_clock::time_point deadline);
 
     void queryBufferSize(uint64_t clientId, uint64_t graphId, const Response& response)
         EXCLUDES(m_mutex);

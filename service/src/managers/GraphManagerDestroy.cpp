@@ -1,4 +1,4 @@
-#include <future>
+#include <chrono>
 #include <memory>
 #include <utility>
 
@@ -138,20 +138,12 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
              clientId, numCleaned);
 }
 
-void GraphManager::drainPoolUntil(std::chrono::steady_clock::time_point deadline) {
-    const auto fence = std::make_shared<std::promise<void>>();
-    m_pool.postNotice([this, fence] {
-        m_turns.finish();  // those that have begun have no place in the queue
-        fence->set_value();
-    });
-    (void)fence->get_future().wait_until(deadline);  // a late thread is told by m_stopped
-}
-
 void GraphManager::removeAllGraphs() {
     const auto deadline = std::chrono::steady_clock::now() + kRemoveAllLimit;
     m_stopped.store(true);
-    m_turns.stop();
-    drainPoolUntil(deadline);
+    // Requests that have begun queue one turn after the other, of which the next one is the last
+    // now. A late thread is told by m_stopped.
+    (void)m_pool.waitIdleFor(kRemoveAllLimit);
     MutexLock lock(m_mutex);
     // One that is going away already is in m_graphs no more, so no device is told twice.
     while (!m_graphs.empty()) retireGraphUnsafe(m_graphs.begin()->second);

@@ -32,11 +32,6 @@ void GraphTurns::enqueue(int connection, uint64_t blobBytes, Step step) {
     });
 }
 
-void GraphTurns::finish() {
-    m_onPool.assertHeld();
-    queueTurn();
-}
-
 void GraphTurns::start(int connection, Step step) {
     const auto waiting = m_waiting.find(connection);
     if (waiting != m_waiting.end()) {
@@ -61,13 +56,12 @@ void GraphTurns::takeTurn() {
 
 // Behind what is queued now, so that a turn is never more than one slice away from other work.
 void GraphTurns::queueTurn() {
-    while (m_stopped.load() && !m_order.empty()) takeTurn();
     if (m_order.empty() || m_turnQueued) return;
     m_turnQueued = true;
     m_pool.postNotice([this] {
         m_onPool.assertHeld();
         m_turnQueued = false;
-        if (!m_order.empty()) takeTurn();
+        takeTurn();
         queueTurn();
     });
 }

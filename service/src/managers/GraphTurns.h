@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -21,17 +20,13 @@ class ThreadPool;
 // Owns: the requests until they are done. Borrows the pool, whose thread ends first.
 class GraphTurns {
  public:
-    // Takes one turn of a request; true when that is done. Once stop() was called it must be.
+    // Takes one turn of a request; true when that is done.
     using Step = std::function<bool()>;
 
     explicit GraphTurns(ThreadPool& pool) : m_pool(pool) {}
 
     // Waits for room in the pool's queue. The request has a blob of so many bytes with it.
     void enqueue(int connection, uint64_t blobBytes, Step step);
-    // From here each request is done at its next turn, and none waits for others.
-    void stop() { m_stopped.store(true); }
-    // On the pool's thread, after stop(): ends what has had a first turn.
-    void finish();
 
  private:
     void start(int connection, Step step) REQUIRES(m_onPool);
@@ -39,8 +34,6 @@ class GraphTurns {
     void queueTurn() REQUIRES(m_onPool);
 
     ThreadPool& m_pool;
-    // Atomic: set by the stopping thread, read by the pool's.
-    std::atomic<bool> m_stopped{false};
     GraphBacklog m_backlog;  // before the requests, which are counted there
     ThreadRole m_onPool;
     std::map<int, std::deque<Step>> m_waiting GUARDED_BY(m_onPool);  // never an empty queue
