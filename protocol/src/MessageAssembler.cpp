@@ -79,7 +79,9 @@ MessageAssembler::State MessageAssembler::advance(IPC::ConnectionBase& connectio
     State state = State::kWhole;
     try {
         while (m_step < std::size(kSteps)) {
-            state = (this->*kSteps[m_step])(connection);
+            // In two statements: the compiler's bounds check mistakes the index in one.
+            const Step step = kSteps[m_step];
+            state = (this->*step)(connection);
             if (state != State::kWhole) break;
             ++m_step;
         }
