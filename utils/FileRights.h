@@ -27,7 +27,8 @@ struct FileRights {
     uint32_t others = 0;         // a set of Access
     bool hasName = true;         // else it is reached through /proc only
 
-    // Of the file behind the descriptor; nothing if it cannot be looked at.
+    // Of the file behind the descriptor; nothing if it cannot be looked at. Where its list cannot
+    // be read they are the owner's alone.
     static std::optional<FileRights> ofDescriptor(int fd);
 };
 

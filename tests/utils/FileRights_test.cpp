@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include "fakes/TempDir.h"
@@ -104,6 +105,17 @@ TEST(FileRightsTest, GroupBitsOfAFileWithAListAreNotItsGroups) {
     EXPECT_TRUE(mayAccess(named, *rights, FileRights::READ, kService));
     EXPECT_FALSE(mayAccess(named, *rights, FileRights::WRITE, kService));  // the mask
     EXPECT_FALSE(mayAccess(member, *rights, FileRights::READ, kService));
+}
+
+TEST(FileRightsTest, FileWhoseListCannotBeReadIsItsOwnersAlone) {
+    const TempDir directory;
+    const std::string path = directory.write("file", "");
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    const UniqueFd file(::open(path.c_str(), O_PATH));  // refuses to tell any attribute
+    const auto rights = FileRights::ofDescriptor(file.get());
+    ASSERT_TRUE(rights);
+    EXPECT_TRUE(mayAccess({1, rights->owner, {}}, *rights, FileRights::READ, kService));
+    EXPECT_FALSE(mayAccess({1, kStranger, {rights->group}}, *rights, FileRights::READ, kService));
 }
 
 TEST(FileRightsTest, PeerIsWhoConnected) {

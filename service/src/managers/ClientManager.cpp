@@ -301,10 +301,10 @@ bool ClientManager::verifyRequester(uint64_t clientId, const void* request) {
     return client != nullptr && client->isRunning();
 }
 
-bool ClientManager::isOfAnotherUser(uint64_t clientId, const void* message) {
+bool ClientManager::isOfAnotherUser(uint64_t clientId, const void* request) {
     MutexLock lock(m_mutex);
     return getClientByIdUnsafe(clientId) != nullptr &&
-           getClientForUnsafe(clientId, message) == nullptr;
+           getClientForUnsafe(clientId, request) == nullptr;
 }
 
 KelmClient* ClientManager::getClientForUnsafe(uint64_t clientId, const void* message) {

@@ -66,8 +66,8 @@ class ClientManager : public Singleton<ClientManager>,
     bool verifyClient(uint64_t clientId) override EXCLUDES(m_mutex);
     bool verifyRequester(uint64_t clientId, const void* request) override EXCLUDES(m_mutex);
     // Whether there is such a client and another user has registered it than the one who has sent
-    // the message, or whose request it answers. To him the client is unknown.
-    bool isOfAnotherUser(uint64_t clientId, const void* message) EXCLUDES(m_mutex);
+    // the request. To him the client is unknown.
+    bool isOfAnotherUser(uint64_t clientId, const void* request) EXCLUDES(m_mutex);
     KelmClient* getClientById(uint64_t clientId) override EXCLUDES(m_mutex);
     std::optional<std::string> getClientName(uint64_t clientId) override EXCLUDES(m_mutex);
     // -1 for an unknown client.

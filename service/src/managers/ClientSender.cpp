@@ -5,6 +5,7 @@
 
 #include "utils/IPC.h"
 #include "utils/Log.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 
@@ -24,6 +25,11 @@ ClientSender::ClientSender(uint64_t clientId, int socket, bool debugProcess)
       m_pool("ResDp" + std::to_string(clientId), 1, kMaxQueuedMessages) {}
 
 ClientSender::~ClientSender() = default;
+
+bool ClientSender::isOfUser(uid_t user) const {
+    const auto peer = m_connection ? m_connection->getPeer() : nullptr;
+    return peer && peer->user == user;
+}
 
 void ClientSender::write(KelmMsgBase& message) {
     m_onThread.assertHeld();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -33,6 +35,8 @@ class ClientSender : public NonCopyable {
     ~ClientSender();
 
     uint64_t getClientId() const { return m_clientId; }
+    // Whether that user registered the client.
+    bool isOfUser(uid_t user) const;
 
     // Queues a job that writes a message of so many bytes. Blocks while the client's backlog is
     // full: only for the thread that builds messages.

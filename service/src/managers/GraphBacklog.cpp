@@ -4,6 +4,7 @@
 
 #include <exception>
 
+#include "managers/ClientManager.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
 
@@ -29,21 +30,22 @@ GraphBacklog::Share GraphBacklog::add(int socket, uint64_t blobBytes) {
 }
 
 void GraphBacklog::remove(const ConnectionPtr& connection, uint64_t blobBytes) {
-    MutexLock lock(m_mutex);
-    const auto entry = m_waiting.find(connection);
-    Waiting& waiting = entry->second;
-    --waiting.requests;
-    waiting.bytes -= blobBytes;
-    if (waiting.paused && !waiting.isTooMuch()) {
-        waiting.paused = false;
-        try {
-            connection->unblockPoller();
-        } catch (const std::exception& error) {
-            LOG_ERROR("Error: a client is closed, since it cannot be read again: %s", error.what());
-            connection->shutdown();
-        }
+    try {
+        MutexLock lock(m_mutex);
+        const auto entry = m_waiting.find(connection);
+        Waiting& waiting = entry->second;
+        --waiting.requests;
+        waiting.bytes -= blobBytes;
+        const bool caughtUp = waiting.paused && !waiting.isTooMuch();
+        if (caughtUp) waiting.paused = false;
+        if (waiting.requests == 0) m_waiting.erase(entry);
+        // Whoever has shut it down meanwhile closes it too, and wants no more of it.
+        if (caughtUp && connection->connected()) connection->unblockPoller();
+    } catch (const std::exception& error) {
+        LOG_ERROR("Error: a client is closed, since it cannot be read again: %s", error.what());
+        // Its events stay blocked, so the listen thread would never see it go.
+        ClientManager::instance().closeClient(connection->getSimulateFD());
     }
-    if (waiting.requests == 0) m_waiting.erase(entry);
 }
 
 bool GraphBacklog::hasHungUp(int socket) {

@@ -61,9 +61,8 @@ bool ResultDispatcher::isStopped() {
     return m_stopped;
 }
 
-void ResultDispatcher::sendResponse(uint64_t clientId, int socket, MessagePtr message,
-                                    uint64_t createdTaskId) {
-    ClientSender* const sender = getDedicatedThreadPool(clientId);
+void ResultDispatcher::sendResponse(ClientSender* sender, uint64_t clientId, int socket,
+                                    MessagePtr message, uint64_t createdTaskId) {
     if (sender == nullptr) {
         sendWithoutPool(clientId, socket, std::move(message));
         return;

@@ -130,9 +130,10 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void cancelUnregisterResponse(uint64_t clientId) REQUIRES(m_onMainPool);
     void destroyTask(KelmTask* task);
 
-    // Writing. With `createdTaskId` the message is the create response of that task.
-    void sendResponse(uint64_t clientId, int socket, MessagePtr message, uint64_t createdTaskId)
-        REQUIRES(m_onMainPool);
+    // Writing. With `createdTaskId` the message is the create response of that task. Without a
+    // sender it goes to the connection that asked.
+    void sendResponse(ClientSender* sender, uint64_t clientId, int socket, MessagePtr message,
+                      uint64_t createdTaskId) REQUIRES(m_onMainPool);
     // For an id that nobody has: written to the connection that asked, or dropped if that has gone.
     void sendWithoutPool(uint64_t clientId, int socket, MessagePtr message) REQUIRES(m_onMainPool);
     // In a job of the sender, behind what it tells of.

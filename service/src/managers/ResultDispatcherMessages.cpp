@@ -12,6 +12,7 @@
 #include "records/KelmTask.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 
@@ -163,9 +164,12 @@ void ResultDispatcher::deliver(const Answer& answer, MessagePtr message, uint64_
     } else {
         LOG_PROC(m_debugProcess, words.trace, sequence, answer.clientId);
     }
-    // Who names another user's client gets the answer, not that client.
-    const bool isOthers = ClientManager::instance().isOfAnotherUser(answer.clientId, message.get());
-    sendResponse(isOthers ? 0 : answer.clientId, answer.socket, std::move(message), createdTaskId);
+    ClientSender* const sender = getDedicatedThreadPool(answer.clientId);
+    // Who names another user's client gets the answer, not that client. It is the sender that is
+    // asked, since the id may be given out at this moment.
+    const bool isOthers = sender != nullptr && !sender->isOfUser(kelmGetPeer(*message)->user);
+    sendResponse(isOthers ? nullptr : sender, isOthers ? 0 : answer.clientId, answer.socket,
+                 std::move(message), createdTaskId);
 }
 
 void ResultDispatcher::enqueueSendRegisterResponse(uint64_t clientId, int socket, KelmError error,
@@ -414,7 +418,8 @@ bool ResultDispatcher::tellTaskDone(KelmTask& task, KelmClient& client, KelmErro
                  "Task(%lu) create response is not sent yet, cache task done response", taskId);
         return false;
     }
-    sendResponse(client.getId(), -1, std::move(message), 0);
+    const uint64_t clientId = client.getId();
+    sendResponse(getDedicatedThreadPool(clientId), clientId, -1, std::move(message), 0);
     m_finishedTasks.update();
     return true;
 }

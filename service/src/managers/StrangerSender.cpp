@@ -67,7 +67,9 @@ bool StrangerSender::writeInTime(IPC::ConnectionBase& connection, const KelmMsgB
         std::this_thread::sleep_for(kTurnPause);
     }
     MutexLock lock(mutex, std::adopt_lock);
-    return connection.write(&message, static_cast<int>(message.size), goOn);
+    if (connection.write(&message, static_cast<int>(message.size), goOn)) return true;
+    connection.shutdown();  // before the next writer's turn: half a record may be out
+    return false;
 }
 
 void StrangerSender::logFailure(const IPC::ConnectionBase& connection, const KelmMsgBase& message,

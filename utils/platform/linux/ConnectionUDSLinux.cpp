@@ -222,25 +222,25 @@ void ConnectionUDS::shutdown(int how) {
     if (m_fd >= 0) (void)::shutdown(m_fd, how);
 }
 
+// The flag and the kernel's set change together: a block that comes while another thread unblocks
+// must not leave behind a descriptor that makes events which nobody takes.
 void ConnectionUDS::blockPoller() {
-    m_pollBlocked = true;
     const std::shared_ptr<Poller> poller = getPoller();
     kelm::MutexLock lock(m_mutex);
+    m_pollBlocked = true;
     if (poller && m_fd >= 0) poller->suspend(m_fd);
 }
 
 void ConnectionUDS::unblockPoller() {
-    if (!m_pollBlocked.exchange(false)) return;
     const std::shared_ptr<Poller> poller = getPoller();
-    if (!poller) return;
-    try {
+    {
         kelm::MutexLock lock(m_mutex);
-        if (m_fd >= 0) poller->resume(m_fd);
-    } catch (...) {
-        m_pollBlocked = true;  // the caller may try again
-        throw;
+        if (!m_pollBlocked) return;
+        // Still blocked if this throws: the caller may try again.
+        if (poller && m_fd >= 0) poller->resume(m_fd);
+        m_pollBlocked = false;
     }
-    if (hasBufferedData()) poller->noteBuffered(*this);
+    if (poller && hasBufferedData()) poller->noteBuffered(*this);
 }
 
 void ConnectionUDS::notify(int, int, unsigned long events, PollEvent* event) {

@@ -72,13 +72,13 @@ std::optional<FileRights> FileRights::ofDescriptor(int fd) {
     rights.others = info.st_mode & kAll;
     rights.hasName = info.st_nlink != 0;
     const std::optional<std::vector<char>> list = readList(fd);
-    if (!list) return std::nullopt;
-    if (list->empty()) {
-        rights.entries = {{Class::OWNING_GROUP, 0, (info.st_mode >> 3) & kAll}};
-        return rights;
-    }
     // With a list, the group's bits of the mode are its mask and not the group's rights.
-    if (!addEntries(*list, rights.entries)) return std::nullopt;
+    if (list && list->empty()) {
+        rights.entries = {{Class::OWNING_GROUP, 0, (info.st_mode >> 3) & kAll}};
+    } else if (!list || !addEntries(*list, rights.entries)) {
+        rights.entries.clear();
+        rights.others = 0;
+    }
     return rights;
 }
 
