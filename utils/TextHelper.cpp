@@ -1,5 +1,6 @@
 #include "utils/TextHelper.h"
 
+#include <algorithm>
 #include <iomanip>
 #include <optional>
 #include <sstream>
@@ -12,9 +13,17 @@ namespace {
 constexpr size_t kEllipsisWidth = 3;
 constexpr size_t kWidestHeadOnly = 7;
 
-// C0, the deletion and C1.
+// C0, the deletion and C1; ends of lines and paragraphs; and what turns the direction of writing,
+// so that the rest of a line reads otherwise than it is.
 bool isControl(char32_t character) {
-    return character < 0x20 || (character >= 0x7f && character < 0xa0);
+    constexpr struct {
+        char32_t first;
+        char32_t last;
+    } kRanges[] = {{0x00, 0x1f},     {0x7f, 0x9f},     {0x61c, 0x61c},
+                   {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
+    return std::ranges::any_of(kRanges, [character](const auto& range) {
+        return character >= range.first && character <= range.last;
+    });
 }
 
 }  // namespace

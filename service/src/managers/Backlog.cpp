@@ -10,18 +10,18 @@ void Backlog::add(uint64_t bytes) {
         while (isFull()) m_roomCond.wait(m_mutex);
         m_waiters.fetch_sub(1);
     }
-    m_bytes.fetch_add(bytes);
+    const uint64_t waiting = m_bytes.fetch_add(bytes) + bytes;
+    if (waiting > kMaxBytes / 4 && !m_wasLarge.load()) m_wasLarge.store(true);
     m_messages.fetch_add(1);
 }
 
-bool Backlog::remove(uint64_t bytes) {
+void Backlog::remove(uint64_t bytes) {
     m_bytes.fetch_sub(bytes);
-    const bool last = m_messages.fetch_sub(1) == 1;
+    m_messages.fetch_sub(1);
     if (m_waiters.load() > 0) {
         MutexLock lock(m_mutex);
         m_roomCond.notifyAll();
     }
-    return last;
 }
 
 }  // namespace kelm

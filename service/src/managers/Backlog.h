@@ -10,7 +10,8 @@
 namespace kelm {
 
 // Counts the messages that wait for a peer, and holds up whoever adds to them once they are both
-// many and large: a peer that does not read costs memory up to a bound, and then time.
+// many and large: a peer that does not read costs memory up to a bound, and then time. Shared by
+// the senders of all clients of one connection, or each of them would add to the bound.
 //
 // Threads: any. Locks: m_mutex is a leaf.
 class Backlog : public NonCopyable {
@@ -25,9 +26,10 @@ class Backlog : public NonCopyable {
     void add(uint64_t bytes) EXCLUDES(m_mutex);
     // Never waits; of no size.
     void addNotice() { m_messages.fetch_add(1); }
-    // True when nothing is left.
-    bool remove(uint64_t bytes) EXCLUDES(m_mutex);
+    void remove(uint64_t bytes) EXCLUDES(m_mutex);
     bool isFull() const { return m_messages.load() >= m_maxMessages && m_bytes.load() > kMaxBytes; }
+    // Whether so much has waited at once that the freed memory is worth giving back.
+    bool wasLarge() const { return m_wasLarge.load(); }
 
  private:
     const uint64_t m_maxMessages;
@@ -35,6 +37,7 @@ class Backlog : public NonCopyable {
     std::atomic<uint64_t> m_messages{0};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<uint32_t> m_waiters{0};
+    std::atomic<bool> m_wasLarge{false};
 
     Mutex m_mutex;
     CondVar m_roomCond;

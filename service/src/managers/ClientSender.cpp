@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -16,12 +17,14 @@ constexpr uint64_t kMaxQueuedMessages = 200;
 
 }  // namespace
 
-ClientSender::ClientSender(uint64_t clientId, int socket, bool debugProcess)
+ClientSender::ClientSender(uint64_t clientId, int socket, bool debugProcess,
+                           std::shared_ptr<Backlog> backlog)
     : m_clientId(clientId),
+      m_socket(socket),
       m_debugProcess(debugProcess),
       m_connection(IPC::ConnectionBase::findConnection(socket)),
       m_writer(socket),
-      m_backlog(kMaxQueuedMessages),
+      m_backlog(backlog ? std::move(backlog) : std::make_shared<Backlog>(kMaxQueuedMessages)),
       m_pool("ResDp" + std::to_string(clientId), 1, kMaxQueuedMessages) {}
 
 ClientSender::~ClientSender() = default;
@@ -35,29 +38,41 @@ void ClientSender::write(KelmMsgBase& message) {
     m_onThread.assertHeld();
     if (!m_writer.hasRoomFor(message.size)) flush();
     m_gathered.emplace_back(message);
-    if (isOpen() && m_writer.append(&message) != 0) {
-        m_failure = std::generic_category().message(errno);
-    }
+    if (isOpen() && m_writer.append(&message) != 0) fail();
     if (!m_failure.empty() || m_writer.empty()) settle();
 }
 
 void ClientSender::flush() {
     m_onThread.assertHeld();
     if (m_gathered.empty()) return;
-    if (isOpen() && m_writer.flush() != 0) m_failure = std::generic_category().message(errno);
+    if (isOpen() && m_writer.flush() != 0) fail();
     settle();
 }
 
+void ClientSender::end() {
+    flush();
+    m_ended = true;
+}
+
+// The peer may have half a record, behind which nobody may write, and its clients would wait for
+// answers for ever if it were not told.
+void ClientSender::fail() {
+    m_failure = std::generic_category().message(errno);
+    m_connection->shutdown();
+}
+
 bool ClientSender::isOpen() {
-    if (m_failure.empty() && (!m_connection || m_connection->nativeHandle() < 0)) {
-        m_failure = "closed";
-    }
+    if (m_failure.empty() && isClosed()) m_failure = "closed";
     return m_failure.empty();
+}
+
+bool ClientSender::isClosed() {
+    return m_ended || !m_connection || m_connection->nativeHandle() < 0;
 }
 
 void ClientSender::settle() {
     // Closed by this side: the client's record has gone.
-    const bool closed = !m_failure.empty() && (!m_connection || m_connection->nativeHandle() < 0);
+    const bool closed = !m_failure.empty() && isClosed();
     for (const MessageTag& message : m_gathered) {
         if (m_failure.empty()) {
             LOG_PROC(m_debugProcess, "send%s to client(id:%lu) done", message.text(), m_clientId);

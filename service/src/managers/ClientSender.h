@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -29,12 +30,15 @@ namespace kelm {
 // Owns: its pool, and a share of the connection, so that its number goes to no other client.
 class ClientSender : public NonCopyable {
  public:
-    // `socket` is that of the client, who keeps it for life. Raises std::system_error when there is
-    // no thread.
-    ClientSender(uint64_t clientId, int socket, bool debugProcess);
+    // `socket` is that of the client, who keeps it for life; `backlog` that of another client of
+    // the connection, null if there is none. Raises std::system_error when there is no thread.
+    ClientSender(uint64_t clientId, int socket, bool debugProcess,
+                 std::shared_ptr<Backlog> backlog = nullptr);
     ~ClientSender();
 
     uint64_t getClientId() const { return m_clientId; }
+    int getSocket() const { return m_socket; }
+    const std::shared_ptr<Backlog>& getBacklog() const { return m_backlog; }
     // Whether that user registered the client.
     bool isOfUser(uid_t user) const;
 
@@ -42,14 +46,14 @@ class ClientSender : public NonCopyable {
     // full: only for the thread that builds messages.
     template <class Job>
     void post(uint64_t bytes, Job&& job) {
-        m_backlog.add(bytes);
+        m_backlog->add(bytes);
         enqueue(bytes, std::forward<Job>(job));
     }
 
     // The same for a notice, which is never held up.
     template <class Job>
     void postNotice(Job&& job) {
-        m_backlog.addNotice();
+        m_backlog->addNotice();
         enqueue(0, std::forward<Job>(job));
     }
 
@@ -58,6 +62,9 @@ class ClientSender : public NonCopyable {
     void write(KelmMsgBase& message);
     // Nothing is unwritten after it.
     void flush();
+    // The same, and what comes later is dropped whole: the connection is about to be closed, which
+    // would cut a record in two.
+    void end();
 
  private:
     // One job; the last one in the queue writes out what has gathered.
@@ -65,7 +72,8 @@ class ClientSender : public NonCopyable {
      public:
         Turn(ClientSender& sender, uint64_t bytes) : m_sender(sender), m_bytes(bytes) {}
         ~Turn() {
-            if (m_sender.m_backlog.remove(m_bytes)) m_sender.flush();
+            m_sender.m_backlog->remove(m_bytes);
+            if (m_sender.m_pending.fetch_sub(1) == 1) m_sender.flush();
         }
 
      private:
@@ -76,6 +84,7 @@ class ClientSender : public NonCopyable {
     // Past the pool's own limit: the backlog is what holds up the poster.
     template <class Job>
     void enqueue(uint64_t bytes, Job&& job) {
+        m_pending.fetch_add(1);
         m_pool.postNotice([this, bytes, job = std::forward<Job>(job)]() mutable {
             const Turn turn(*this, bytes);
             job();
@@ -84,10 +93,15 @@ class ClientSender : public NonCopyable {
 
     // Whether writing makes sense still.
     bool isOpen() REQUIRES(m_onThread);
+    // Whether this side has closed the connection, or is about to.
+    bool isClosed() REQUIRES(m_onThread);
+    // After a failed write, with its errno.
+    void fail() REQUIRES(m_onThread);
     // What was gathered has been written, or has failed.
     void settle() REQUIRES(m_onThread);
 
     const uint64_t m_clientId;
+    const int m_socket;
     const bool m_debugProcess;
     const std::shared_ptr<IPC::ConnectionBase> m_connection;
 
@@ -95,8 +109,11 @@ class ClientSender : public NonCopyable {
     MessageWriter m_writer GUARDED_BY(m_onThread);
     std::vector<MessageTag> m_gathered GUARDED_BY(m_onThread);  // what the writer holds
     std::string m_failure GUARDED_BY(m_onThread);               // of the connection; empty: none
+    bool m_ended GUARDED_BY(m_onThread) = false;
 
-    Backlog m_backlog;
+    const std::shared_ptr<Backlog> m_backlog;
+    // Atomic: jobs posted and not done; whoever posts and the thread both change it.
+    std::atomic<uint64_t> m_pending{0};
     ThreadPool m_pool;  // last: its jobs use all of the above
 };
 

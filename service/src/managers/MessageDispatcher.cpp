@@ -206,7 +206,7 @@ void MessageDispatcher::makeRoom() {
     std::shared_ptr<IPC::ConnectionBase> idle;
     auto idleSince = steady_clock::time_point::max();
     for (auto& connection : IPC::ConnectionBase::getAll()) {
-        const auto* const client = dynamic_cast<const RequestConnection*>(connection.get());
+        auto* const client = dynamic_cast<RequestConnection*>(connection.get());
         const auto since = client != nullptr ? client->idleSince(kPatience) : std::nullopt;
         if (!since || *since >= idleSince) continue;
         idleSince = *since;

@@ -1,5 +1,7 @@
 #include "managers/RequestConnection.h"
 
+#include <sys/ioctl.h>
+
 namespace kelm {
 
 namespace {
@@ -29,8 +31,11 @@ MessageAssembler::State RequestConnection::receive(bool hungUp) {
 MessagePtr RequestConnection::takeRequest() { return m_assembler.take(shared_from_this()); }
 
 std::optional<RequestConnection::Clock::time_point> RequestConnection::idleSince(
-    Clock::duration patience) const {
+    Clock::duration patience) {
     if (!m_waitsForBytes || Clock::now() - m_waitsSince < patience) return std::nullopt;
+    // What has come while this thread was busy elsewhere is not silence.
+    int unread = 0;
+    if (::ioctl(nativeHandle(), FIONREAD, &unread) == 0 && unread > 0) return std::nullopt;
     return m_lastBytes;
 }
 

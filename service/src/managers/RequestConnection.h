@@ -28,7 +28,7 @@ class RequestConnection final : public IPC::ConnectionUDS {
 
     // Since when nothing has come from a peer that never sent anything, or is inside a request, and
     // has been so for `patience`; nothing for any other peer. Such a one can make room.
-    std::optional<Clock::time_point> idleSince(Clock::duration patience) const;
+    std::optional<Clock::time_point> idleSince(Clock::duration patience);
 
  private:
     RequestConnection(IPC::Poller* poller, int number) : ConnectionUDS(poller, number) {}

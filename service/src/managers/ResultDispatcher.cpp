@@ -1,5 +1,7 @@
 #include "managers/ResultDispatcher.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <system_error>
 
@@ -132,8 +134,9 @@ ClientSender* ResultDispatcher::getDedicatedThreadPool(uint64_t clientId) {
         // An id that nobody has gets no thread, nor does a peer that has gone.
         connection = clients.getConnectionByClientId(clientId);
         if (m_stopped || !connection || !connection->isConnected()) return nullptr;
-        auto sender =
-            std::make_unique<ClientSender>(clientId, connection->getSocket(), m_debugProcess);
+        const int socket = connection->getSocket();
+        auto sender = std::make_unique<ClientSender>(clientId, socket, m_debugProcess,
+                                                     findBacklogUnsafe(socket));
         return m_dedicatedThreadPools.emplace(clientId, std::move(sender)).first->second.get();
     } catch (const std::system_error& error) {
         LOG_ERROR(
@@ -158,7 +161,7 @@ void ResultDispatcher::finishSender(uint64_t clientId) {
     ClientSender* const sender = findSender(clientId);
     if (sender == nullptr) return notify();
     sender->postNotice([sender, notify] {
-        sender->flush();
+        sender->end();
         notify();
     });
 }
@@ -198,14 +201,30 @@ void ResultDispatcher::removeDedicatedThreadPool(uint64_t clientId) {
 }
 
 void ResultDispatcher::deleteRetiredSender(const ClientSender* sender) {
-    std::unique_ptr<ClientSender> ended;  // first, so that it goes after the lock
-    MutexLock lock(m_dedicatedMutex);
-    const auto entry =
-        std::find_if(m_retiredSenders.begin(), m_retiredSenders.end(),
-                     [sender](const auto& retired) { return retired.get() == sender; });
-    if (entry == m_retiredSenders.end()) return;
-    ended = std::move(*entry);
-    m_retiredSenders.erase(entry);
+    std::unique_ptr<ClientSender> ended;
+    {
+        MutexLock lock(m_dedicatedMutex);
+        const auto entry =
+            std::find_if(m_retiredSenders.begin(), m_retiredSenders.end(),
+                         [sender](const auto& retired) { return retired.get() == sender; });
+        if (entry == m_retiredSenders.end()) return;
+        ended = std::move(*entry);
+        m_retiredSenders.erase(entry);
+    }
+    const bool wasLarge = ended->getBacklog()->wasLarge();
+    ended.reset();
+    // The heaps would keep the megabytes of a client that did not read.
+    if (wasLarge) (void)::malloc_trim(0);
+}
+
+std::shared_ptr<Backlog> ResultDispatcher::findBacklogUnsafe(int socket) const {
+    for (const auto& [clientId, sender] : m_dedicatedThreadPools) {
+        if (sender->getSocket() == socket) return sender->getBacklog();
+    }
+    for (const auto& sender : m_retiredSenders) {
+        if (sender->getSocket() == socket) return sender->getBacklog();
+    }
+    return nullptr;
 }
 
 void ResultDispatcher::onPrintInfo() { printServiceFps(); }

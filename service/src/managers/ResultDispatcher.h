@@ -20,6 +20,7 @@
 
 namespace kelm {
 
+class Backlog;
 class ClientSender;
 class KelmClient;
 class KelmGraph;
@@ -152,6 +153,8 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
         EXCLUDES(m_dedicatedMutex);
     void deleteRetiredSender(const ClientSender* sender) REQUIRES(m_onMainPool)
         EXCLUDES(m_dedicatedMutex);
+    // That of the connection's other clients, null if there are none.
+    std::shared_ptr<Backlog> findBacklogUnsafe(int socket) const REQUIRES(m_dedicatedMutex);
     bool isStopped() EXCLUDES(m_dedicatedMutex);
     void printServiceFps();
 

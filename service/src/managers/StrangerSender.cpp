@@ -32,7 +32,7 @@ void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, Messa
     m_pool.postNotice([this, connection = std::move(connection), message = std::move(message),
                        deadline = Clock::now() + kPatience] {
         write(*connection, *message, deadline);
-        (void)m_backlog.remove(message->size);
+        m_backlog.remove(message->size);
     });
 }
 
