@@ -280,9 +280,11 @@ TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
     SteppedSqueeze scheduler;
     scheduler.addWorker(makeWorker("a"));
     KelmGraph* const graph = makeGraph();
-    for (const auto& [call, words] :
+    for (const auto& row :
          {std::pair(DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"),
           std::pair(DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended")}) {
+        const DeviceCall call = row.first;
+        const char* const words = row.second;
         SCOPED_TRACE(words);
         m_devices["a"].block(call);
         call == DeviceCall::Allocate ? scheduler.loadGraph(graph) : scheduler.unloadGraph(graph);

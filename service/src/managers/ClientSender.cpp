@@ -50,6 +50,7 @@ void ClientSender::flush() {
 }
 
 void ClientSender::end() {
+    m_onThread.assertHeld();
     flush();
     m_ended = true;
 }
