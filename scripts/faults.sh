@@ -9,6 +9,7 @@ cd "$(dirname "$0")/.."
 
 tasks=${1:-200000}
 seed=${2:-1}
+./scripts/packages.sh python3 umockdev libumockdev-dev >/dev/null
 bin=$PWD/build/release
 simulator=$bin/tools/simulator
 cmake --preset release >/dev/null
