@@ -92,6 +92,28 @@ TEST_F(MemoryTest, BlobsAreGivenBackAsSoonAsTheirGraphIsKnown) {
     }
 }
 
+TEST_F(MemoryTest, ClientsOfOneConnectionShareTheBoundOnUnreadAnswers) {
+    start(0);
+    ASSERT_TRUE(serves());
+    const size_t before = resident();
+    {
+        RawClient client(path());
+        std::vector<uint64_t> ids(8);
+        for (uint64_t& id : ids) id = client.registerClient("mute");
+        auto query = RawClient::request<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
+        query.queryType = 1;
+        pollfd state{client.fd(), POLLOUT, 0};
+        for (int i = 0; i < 3000 && ::poll(&state, 1, 500) == 1; ++i) {
+            query.clientId = ids[i % ids.size()];
+            ASSERT_TRUE(client.send(query));
+        }
+        EXPECT_GT(resident(), before + 10 * kMegabyte);  // so there was something to bound
+        EXPECT_LT(resident(), before + 60 * kMegabyte);
+    }
+    EXPECT_TRUE(eventually([&] { return resident() < before + 8 * kMegabyte; })) << resident();
+    EXPECT_TRUE(serves());
+}
+
 }  // namespace
 }  // namespace kelm
 

@@ -10,6 +10,8 @@ namespace kelm::simulator {
 // Contents of the control file, one after the other, with faults on the road of a task: every call
 // of it, in time with every status. Most are passing ones; now and then one means a lost device.
 // The same seed gives the same sequence.
+//
+// Threads: one.
 class FaultMix {
  public:
     FaultMix(unsigned seed, std::vector<std::string> devices);

@@ -10,8 +10,9 @@
 namespace kelm {
 
 // Counts the messages that wait for a peer, and holds up whoever adds to them once they are both
-// many and large: a peer that does not read costs memory up to a bound, and then time. Shared by
-// the senders of all clients of one connection, or each of them would add to the bound.
+// many and large: a peer that does not read costs memory up to a bound, and then time. The
+// senders of one connection's clients share one, or each would add to the bound; so do all
+// strangers.
 //
 // Threads: any. Locks: m_mutex is a leaf.
 class Backlog : public NonCopyable {
