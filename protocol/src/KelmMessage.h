@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -45,10 +46,11 @@ enum KelmMsgType : uint32_t {
 };
 constexpr uint32_t kMessageTypes = 28;
 
-// The only accepted size of a message, by type.
-extern const uint64_t KelmMessageSize[kMessageTypes];
+// The only accepted size of a message, by type; 0 for one of the three that mark the end of a range
+// and have no record.
+extern const std::array<uint64_t, kMessageTypes> KelmMessageSize;
 // The names of the types, for logs.
-extern const char KelmMsgTypeStr[kMessageTypes][128];
+extern const std::array<const char*, kMessageTypes> KelmMsgTypeStr;
 
 enum KelmFdRole : uint32_t { KELM_FD_INPUT = 0, KELM_FD_OUTPUT = 1, KELM_FD_AUX = 2 };
 constexpr uint32_t kGraphBlockType = 0;  // dataType of a graph's binary

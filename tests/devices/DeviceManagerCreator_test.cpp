@@ -6,6 +6,7 @@
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
 #include "fakes/ScriptedTevo.h"
+#include "fakes/TestRequest.h"
 #include "protocol/src/InfoPackage.h"
 #include "reporting/KelmStatus.h"
 
@@ -89,15 +90,14 @@ TEST_F(DeviceManagerCreatorTest, ResetReachesTheDeviceOfARegisteredClientOnly) {
     start({describe("a", 0), describe("b", 2)});
     const WorkThread probe("probe", 0, 0, 1);  // has the id behind that of "b"
     const uint32_t last = probe.getDevice()->getDeviceId();
-    m_creator->enqueueResetDevice(kClient + 1, last - 1, 0, 5, nullptr);
+    m_creator->enqueueResetDevice(makeResetRequest(last - 1, 5, kClient + 1));
     EXPECT_THAT(resetErrors(), ElementsAre(KELM_ERROR_INVALID_CLIENT));
-    m_creator->enqueueResetDevice(kClient, last + 1, 0, 5, nullptr);
+    m_creator->enqueueResetDevice(makeResetRequest(last + 1, 5, kClient));
     EXPECT_THAT(resetErrors(), ElementsAre(KELM_ERROR_INVALID_CLIENT, KELM_ERROR_INVALID_DEVICE));
     EXPECT_EQ(m_devices["b"].count(DeviceCall::Reset), 0);
-    m_creator->enqueueResetDevice(kClient, last - 1, 0, 5, &m_clients);
+    m_creator->enqueueResetDevice(makeResetRequest(last - 1, 5, kClient));
     EXPECT_TRUE(eventually([&] { return m_results.resets().size() == 3; }));
     EXPECT_EQ(resetErrors().back(), KELM_OK);
-    EXPECT_EQ(m_results.resets().back().userParam, &m_clients);
     EXPECT_EQ(m_devices["b"].count(DeviceCall::Reset), 1);
     EXPECT_EQ(m_devices["a"].count(DeviceCall::Reset), 0);
 }
@@ -139,8 +139,8 @@ TEST_F(DeviceManagerCreatorTest, PipelinedResetsAreAllDone) {
     const uint32_t device = probe.getDevice()->getDeviceId() - 1;
     constexpr size_t kResets = 3000;
     for (size_t i = 0; i < kResets; ++i) {
-        m_creator->enqueueResetDevice(kClient, device, 0, 5, nullptr);
-        m_creator->enqueueResetDevice(kClient, 0, 1, 5, nullptr);
+        m_creator->enqueueResetDevice(makeResetRequest(device, 5, kClient));
+        m_creator->enqueueResetDevice(makeResetRequest(0, 5, kClient, true));
     }
     EXPECT_TRUE(eventually([&] { return m_results.resets().size() == 2 * kResets; }));
     EXPECT_THAT(resetErrors(), ::testing::Each(KELM_OK));
@@ -154,9 +154,10 @@ TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsHoldsUpWhoAsksOrTheEnd) {
     start({describe("a", 0)});
     tevo.block(function);
     tevo.failAll(function, -3);
-    m_creator->enqueueResetDevice(kClient, 0, 1, 5, &tevo);
+    m_creator->enqueueResetDevice(makeResetRequest(0, 5, kClient, true));
     ASSERT_TRUE(eventually([&] { return tevo.count(function) == 1; }));
-    for (size_t i = 0; i < kWaiting; ++i) m_creator->enqueueResetDevice(kClient, 0, 1, 6, nullptr);
+    for (size_t i = 0; i < kWaiting; ++i)
+        m_creator->enqueueResetDevice(makeResetRequest(0, 6, kClient, true));
     KelmGraph* const graph = makeGraph();
     EXPECT_TRUE(m_creator->enqueueLoadGraph(graph));
     EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
@@ -165,7 +166,6 @@ TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsHoldsUpWhoAsksOrTheEnd) {
     tevo.release(function);
     EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kWaiting + 1; }));
     EXPECT_EQ(m_results.resets().back().error, -3);
-    EXPECT_EQ(m_results.resets().back().userParam, &tevo);
     EXPECT_TRUE(m_creator->stop());
 }
 

@@ -3,6 +3,7 @@
 #include "devices/DevicesRig.h"
 #include "execution/WorkerFailureListener.h"
 #include "fakes/Eventually.h"
+#include "fakes/TestRequest.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/StringHelper.h"
 
@@ -296,7 +297,7 @@ TEST_F(DeviceManagerTest, FloodOfResetsOfABusyDeviceBlocksNobodyAndIsAnswered) {
     m_devices["a"].block(DeviceCall::Reset);
     constexpr size_t kResets = 1000;
     for (size_t reset = 0; reset < kResets; ++reset) {
-        manager->enqueueResetDevice(1, deviceId, 5, nullptr);
+        manager->enqueueResetDevice(makeResetRequest(deviceId));
     }
     m_devices["a"].release(DeviceCall::Reset);
     EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kResets; }));
@@ -310,7 +311,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersHoldsUpTheEndOfTheOthers) {
     while (!manager->hasDevice(idOfA)) ++idOfA;
     m_devices["a"].block(DeviceCall::Reset);
     for (int reset = 0; reset < 300; ++reset) {
-        manager->enqueueResetDevice(1, idOfA, 5, nullptr);
+        manager->enqueueResetDevice(makeResetRequest(idOfA));
     }
     ASSERT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Reset) == 1; }));
     EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "a"));

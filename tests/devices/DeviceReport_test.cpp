@@ -9,6 +9,7 @@
 #include "devices/DevicesRig.h"
 #include "fakes/Eventually.h"
 #include "fakes/FakeInfoCollector.h"
+#include "fakes/TestRequest.h"
 #include "protocol/src/InfoPackage.h"
 #include "reporting/KelmStatus.h"
 #include "utils/StringHelper.h"
@@ -306,7 +307,7 @@ TEST_F(DeviceReportTest, DeviceThatIsBusyHoldsUpNoReport) {
     device.block(DeviceCall::Reset);
     manager->enqueueLoadGraph(makeGraph());
     EXPECT_TRUE(eventually([&] { return device.count(DeviceCall::Allocate) == 1; }));
-    manager->enqueueResetDevice(1, deviceId, 5, nullptr);
+    manager->enqueueResetDevice(makeResetRequest(deviceId));
     EXPECT_TRUE(eventually([&] { return device.count(DeviceCall::Reset) == 1; }));
     EXPECT_THAT(print(*manager), HasSubstr("| status      | LOAD_GRAPH        |"));
     EXPECT_THAT(query(*manager)->deviceGraphNames, ElementsAre("graph1"));

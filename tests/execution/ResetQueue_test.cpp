@@ -3,6 +3,7 @@
 #include "fakes/Eventually.h"
 #include "fakes/FakeResultSink.h"
 #include "fakes/TestPch.h"
+#include "fakes/TestRequest.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Port.h"
 #include "utils/ThreadPool.h"
@@ -61,7 +62,7 @@ TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {
     make(kLong);
     std::vector<int> expected;
     for (int reset = 0; reset < kResets; ++reset) {
-        m_queue->enqueue(reset, nullptr);
+        m_queue->enqueue(makeResetRequest(0, reset));
         expected.push_back(reset);
     }
     ASSERT_TRUE(hasBegun(1));
@@ -75,34 +76,33 @@ TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {
 
 TEST_F(ResetQueueTest, RequestIsRefusedOnlyBehindALongReset) {
     make(kNone);
-    m_queue->enqueue(5, nullptr);
+    m_queue->enqueue(makeResetRequest());
     ASSERT_TRUE(hasBegun(1));
-    m_queue->enqueue(5, this);
+    m_queue->enqueue(makeResetRequest());
     ASSERT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
-    EXPECT_EQ(m_sink.resets().back().userParam, this);
     letGo();
     ASSERT_TRUE(isAnswered(2));
-    m_queue->enqueue(5, nullptr);
+    m_queue->enqueue(makeResetRequest());
     EXPECT_TRUE(isAnswered(3));
     EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE, 0, 1));
 }
 
 TEST_F(ResetQueueTest, FloodIsRefusedAtTheBoundOnMemory) {
     make(kLong);
-    m_queue->enqueue(5, nullptr);
+    m_queue->enqueue(makeResetRequest());
     ASSERT_TRUE(hasBegun(1));
-    for (size_t i = 0; i < ResetQueue::kMaxWaiting; ++i) m_queue->enqueue(5, nullptr);
+    for (size_t i = 0; i < ResetQueue::kMaxWaiting; ++i) m_queue->enqueue(makeResetRequest());
     EXPECT_TRUE(m_sink.resets().empty());
-    m_queue->enqueue(5, nullptr);
+    m_queue->enqueue(makeResetRequest());
     EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
 }
 
 TEST_F(ResetQueueTest, CloseAnswersWhatWaits) {
     make(kLong);
-    for (int i = 0; i < 3; ++i) m_queue->enqueue(5, nullptr);
+    for (int i = 0; i < 3; ++i) m_queue->enqueue(makeResetRequest());
     ASSERT_TRUE(hasBegun(1));
     m_queue->close();
-    m_queue->enqueue(5, nullptr);
+    m_queue->enqueue(makeResetRequest());
     EXPECT_THAT(results(), ElementsAre(-4, -4, -4));
     letGo();
     EXPECT_TRUE(isAnswered(4));

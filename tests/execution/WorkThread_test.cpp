@@ -1,5 +1,6 @@
 #include "WorkerFixture.h"
 #include "fakes/FakeWorkerFailureListener.h"
+#include "fakes/TestRequest.h"
 
 namespace kelm {
 
@@ -26,7 +27,7 @@ TEST_F(WorkThreadTest, DeviceThatDoesNotOpenLeavesAShell) {
         KelmTask* const task = addTask(graph.get());
         worker->enqueueLoadTensor(task);
         EXPECT_EQ(exchange.returned().back(), task);
-        worker->enqueueResetDevice(5, nullptr);
+        worker->enqueueResetDevice(makeResetRequest());
         ASSERT_TRUE(eventually([&] { return sink.resets().size() == (exists ? 1u : 2u); }));
         EXPECT_EQ(sink.resets().back().error, KELM_ERROR_INVALID_DEVICE);
     }
@@ -118,13 +119,11 @@ TEST_F(WorkThreadTest, LateNoticeOfAFailedLoadLeavesTheNextGraphAlone) {
 TEST_F(WorkThreadTest, ResetIsAnsweredToItsClient) {
     start();
     script.fail(DeviceCall::Reset, 2, -2);
-    int request = 0;
-    worker->enqueueResetDevice(5, &request);
-    worker->enqueueResetDevice(6, nullptr);
+    worker->enqueueResetDevice(makeResetRequest());
+    worker->enqueueResetDevice(makeResetRequest(0, 6));
     ASSERT_TRUE(eventually([&] { return sink.resets().size() == 2; }));
     EXPECT_EQ(sink.resets()[0].error, KELM_OK);
     EXPECT_EQ(sink.resets()[0].socket, 5);
-    EXPECT_EQ(sink.resets()[0].userParam, &request);
     EXPECT_EQ(sink.resets()[1].error, KelmError(-2));
 }
 
@@ -162,7 +161,7 @@ TEST_F(WorkThreadTest, FailureIsToldOnceWhereverItIsMet) {
         {"reset by a client",
          [&] {
              script.loseOnReset();
-             worker->enqueueResetDevice(5, nullptr);
+             worker->enqueueResetDevice(makeResetRequest());
          }},
     };
     for (const auto& row : rows) {
@@ -186,7 +185,7 @@ TEST_F(WorkThreadTest, FailureIsToldOnceWhereverItIsMet) {
 TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {
     start();
     script.block(DeviceCall::Reset);
-    worker->enqueueResetDevice(5, nullptr);
+    worker->enqueueResetDevice(makeResetRequest());
     ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::Reset) == 1; }));
     auto loaded = std::async(std::launch::async, [&] { return load(graph.get()); });
     for (int look = 0; look < 50; ++look) {  // well before the wait has its own end
@@ -203,7 +202,7 @@ TEST_F(WorkThreadTest, ResetThatNeverAnswersHoldsUpTheThreadThatBringsTasks) {
     start();
     ASSERT_EQ(load(graph.get()), 0);
     script.block(DeviceCall::Reset);
-    worker->enqueueResetDevice(5, nullptr);
+    worker->enqueueResetDevice(makeResetRequest());
     ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::Reset) == 1; }));
     worker->enqueueLoadTensor(addTask(graph.get()));
     EXPECT_TRUE(settles(1, 0));

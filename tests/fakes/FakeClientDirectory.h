@@ -10,6 +10,7 @@
 
 #include "records/ClientDirectory.h"
 #include "records/KelmClient.h"
+#include "records/Request.h"
 #include "utils/Mutex.h"
 
 namespace kelm {
@@ -38,7 +39,9 @@ class FakeClientDirectory final : public ClientDirectory {
         KelmClient* const client = getClientById(clientId);
         return client != nullptr && client->isRunning();
     }
-    bool verifyRequester(uint64_t clientId, const void*) override { return verifyClient(clientId); }
+    bool verifyRequester(const Request& request) override {
+        return verifyClient(request.getClientId());
+    }
     KelmClient* getClientById(uint64_t clientId) override {
         if (const auto hook = takeHook()) hook();
         MutexLock lock(m_mutex);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "execution/ResultSink.h"
+#include "records/Request.h"
 #include "utils/Mutex.h"
 
 namespace kelm {
@@ -14,16 +15,16 @@ class FakeResultSink final : public ResultSink {
     struct Reset {
         KelmError error;
         int socket;
-        void* userParam;
     };
 
     void enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) override {
         MutexLock lock(m_mutex);
         m_done.emplace_back(task, error);
     }
-    void enqueueSendResetDeviceResponse(KelmError error, int socket, void* userParam) override {
+    void enqueueSendResetDeviceResponse(KelmError error, Request request) override {
         MutexLock lock(m_mutex);
-        m_resets.push_back({error, socket, userParam});
+        m_resets.push_back({error, request.getSocket()});
+        (void)request.take();
     }
 
     std::vector<std::pair<KelmTask*, KelmError>> done() {

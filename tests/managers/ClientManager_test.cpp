@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include "fakes/TestRequest.h"
 #include "managers/RunningService.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmClient.h"
@@ -79,10 +80,11 @@ TEST(ClientManagerTest, RegistrationWaitingBehindHangUpMakesNoRecord) {
     const auto connection = IPC::ConnectionBase::findConnection(kNumber);
     ASSERT_TRUE(connection);
     connection->shutdown();
-    auto* request = kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ);
-    ClientManager::instance().enqueueRegisterClient("late", 2, 0, kNumber, request);
-    ClientManager::instance().enqueueRegisterClient("none", 2, 0, 0,
-                                                    kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ));
+    const KelmMsgReqRegister late{};
+    for (const int socket : {kNumber, 0}) {
+        ClientManager::instance().enqueueRegisterClient(
+            makeRequest(KELM_MESSAGE_REGISTER_REQ, late, socket));
+    }
     EXPECT_TRUE(eventually([] { return !RunningService::dispatcher().isWorking(); }));
     EXPECT_FALSE(ClientManager::instance().getClientName(2));
 }
@@ -96,8 +98,8 @@ TEST(ClientManagerTest, ConnectionWhoseHangUpWasSeenCarriesNothingMore) {
     const auto request = RawClient::inferRequest(1, 999, 1);
     for (int i = 0; i < 2000; ++i) ASSERT_TRUE(mute.send(request));  // its sender stands still
     ClientManager::instance().closeClient(kNumber);
-    ClientManager::instance().enqueueRegisterClient("late", 2, 0, kNumber,
-                                                    kelmAllocMessage(KELM_MESSAGE_REGISTER_REQ));
+    ClientManager::instance().enqueueRegisterClient(
+        makeRequest(KELM_MESSAGE_REGISTER_REQ, KelmMsgReqRegister{}, kNumber));
     EXPECT_TRUE(eventually([] { return !ClientManager::instance().isActive(); }));
     EXPECT_TRUE(mute.waitClosed());
     EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fakes/FakeInfoCollector.h"
+#include "fakes/TestRequest.h"
 #include "managers/ManagersFixture.h"
 #include "managers/ResultDispatcher.h"
 #include "protocol/src/InfoPackage.h"
@@ -188,9 +189,8 @@ TEST(InfoPrinterTest, AnswerCountsAllAndHasTheRowsThatFit) {
         status->clientFps.push_back(6.0f);
     }
     status->graphFpsOut = {7.0f};  // a manager that failed half-way
-    auto* request = kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_REQ);
-    *reinterpret_cast<KelmMsgReqQueryStatus*>(request) = makeQuery(id, 31);
-    ResultDispatcher::instance().enqueueSendQueryStatusResponse(status, -1, request);
+    ResultDispatcher::instance().enqueueSendQueryStatusResponse(
+        status, makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, makeQuery(id, 31), -1));
     const auto message = client.receive();
     ASSERT_TRUE(message);
     const auto& answer = message->as<KelmMsgRspQueryStatus>();

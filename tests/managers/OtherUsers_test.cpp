@@ -81,7 +81,7 @@ TEST_F(OtherUsersTest, ClientsAreUnknownToOtherUsersInEveryRequest) {
     for (const uint64_t named : {kNobody, victim.id()}) {
         const auto other = connectAsOther();
         for (const Row& row : kRows) {
-            SCOPED_TRACE(KelmMsgTypeStr[row.request] + std::string(" of ") + std::to_string(named));
+            SCOPED_TRACE(std::string(KelmMsgTypeStr[row.request]) + " of " + std::to_string(named));
             const KelmMsgRsp answer =
                 row.ask(*other, row.request, named, row.namesTask ? task : graph);
             EXPECT_EQ(answer.base.type, row.request + 1U);

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "fakes/TestRequest.h"
 #include "managers/ClientManager.h"
 #include "managers/RunningService.h"
 #include "protocol/src/KelmProtocol.h"
@@ -155,8 +156,8 @@ TEST(ResultDispatcherTest, AnswerForUnknownClientMakesNoThread) {
         ASSERT_EQ(response.status, KELM_ERROR_INVALID_CLIENT);
     }
     // With no connection known it is dropped, and its request freed.
-    ResultDispatcher::instance().enqueueSendDestroyGraphResponse(
-        KELM_OK, -1, kelmAllocMessage(KELM_MESSAGE_DESTROY_GRAPH_REQ));
+    ResultDispatcher::instance().enqueueSendDestroyGraphResponse(KELM_OK,
+                                                                 makeDestroyRequest(1001, -1));
     client.call<KelmMsgRsp>(request, KELM_MESSAGE_DESTROY_GRAPH_RSP);
     EXPECT_EQ(countThreads(), threads);
 }
@@ -166,21 +167,14 @@ TEST(ResultDispatcherTest, RefusedUnregisterCostsANewClientItsAnswers) {
     RunningService service;
     RawClient client(service.path());
     const uint64_t id = client.registerClient("new");
-    const auto makeRequest = [id](KelmMsgType type) {
-        KelmMsgBase* const message = kelmAllocMessage(type);
-        reinterpret_cast<KelmMsgReq*>(message)->needResponse = 1;
-        if (type == KELM_MESSAGE_DESTROY_GRAPH_REQ) {
-            reinterpret_cast<KelmMsgReqDestroyGraph*>(message)->clientId = id;
-        }
-        return message;
-    };
+    KelmMsgReqUnregister unregister{};
+    unregister.clientId = id;
     constexpr int kRounds = 20;
     ResultDispatcher& results = ResultDispatcher::instance();
     for (int i = 0; i < kRounds; ++i) {
-        results.enqueueSendUnregisterResponse(id, 1, KELM_ERROR_INVALID_CLIENT,
-                                              makeRequest(KELM_MESSAGE_UNREGISTER_REQ));
-        results.enqueueSendDestroyGraphResponse(KELM_OK, 1,
-                                                makeRequest(KELM_MESSAGE_DESTROY_GRAPH_REQ));
+        results.enqueueSendUnregisterResponse(
+            KELM_ERROR_INVALID_CLIENT, makeRequest(KELM_MESSAGE_UNREGISTER_REQ, unregister, 1));
+        results.enqueueSendDestroyGraphResponse(KELM_OK, makeDestroyRequest(id, 1));
     }
     for (int i = 0; i < kRounds; ++i) {
         ASSERT_TRUE(client.receiveType(KELM_MESSAGE_DESTROY_GRAPH_RSP)) << i;
@@ -191,12 +185,9 @@ TEST(ResultDispatcherTest, AnswerBehindTheEndOfItsClientIsAborted) {
     RunningService service(R"({"debug_settings": {"debug_process": {"result_dispatcher": "on"}}})");
     Log::instance().setLogLevel(LOG_LEVEL_PROC);
     ASSERT_TRUE(service.serves());
-    KelmMsgBase* const request = kelmAllocMessage(KELM_MESSAGE_DESTROY_GRAPH_REQ);
-    reinterpret_cast<KelmMsgReqDestroyGraph*>(request)->clientId = 1;
-    reinterpret_cast<KelmMsgReq*>(request)->needResponse = 1;
     testing::internal::CaptureStdout();
     ResultDispatcher::instance().enqueueSendDestroyGraphResponse(
-        KELM_OK, RunningService::kFirstClientNumber, request);
+        KELM_OK, makeDestroyRequest(1, RunningService::kFirstClientNumber));
     ASSERT_TRUE(service.serves());  // behind it in the queue
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::HasSubstr("abort sendMessage(rspSeqNo=0) for closed client(id:1)"));

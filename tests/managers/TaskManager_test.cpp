@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/TestRequest.h"
 #include "managers/GraphManager.h"
 #include "managers/ManagersFixture.h"
 #include "managers/ResultDispatcher.h"
@@ -198,11 +199,8 @@ TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerGoOutBeforeTheRecord) {
     // Far more than the socket holds, so that most are queued when the task ends.
     constexpr int kAnswers = 2000;
     for (int i = 0; i < kAnswers; ++i) {
-        KelmMsgBase* const request = kelmAllocMessage(KELM_MESSAGE_DESTROY_GRAPH_REQ);
-        reinterpret_cast<KelmMsgReqDestroyGraph*>(request)->clientId = client.id();
-        reinterpret_cast<KelmMsgReq*>(request)->needResponse = 1;
         ResultDispatcher::instance().enqueueSendDestroyGraphResponse(
-            KELM_OK, RunningService::kFirstClientNumber, request);
+            KELM_OK, makeDestroyRequest(client.id(), RunningService::kFirstClientNumber));
     }
     device().release(DeviceCall::LoadTensor);
     EXPECT_TRUE(input.isClosed());

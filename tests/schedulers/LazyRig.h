@@ -5,6 +5,7 @@
 #include <string>
 
 #include "fakes/Eventually.h"
+#include "fakes/TestRequest.h"
 #include "schedulers/SchedulerRig.h"
 #include "utils/StringHelper.h"
 
@@ -71,7 +72,7 @@ class LazyRig : public SchedulerRig {
         if (verb == '*') failWithTask(device, m_workers[name]);
         if (verb == '%') {
             m_devices[device].loseOnReset();
-            m_workers[name]->enqueueResetDevice(-1, nullptr);
+            m_workers[name]->enqueueResetDevice(makeResetRequest(0, -1));
             EXPECT_TRUE(eventually([&] { return m_workers[name]->isFailed(); }));
         }
         if (verb == 'L') {

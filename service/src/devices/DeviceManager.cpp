@@ -10,6 +10,7 @@
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
+#include "records/Request.h"
 #include "scheduling/devices/DeviceSchedulerBase.h"
 #include "scheduling/devices/DeviceSchedulerFactory.h"
 #include "scheduling/devices/GraphPlacementListener.h"
@@ -27,10 +28,6 @@ constexpr uint64_t kPoolLimit = 100;
 void notifyLoadFailed(KelmGraph* graph, KelmError error) {
     using Listener = GraphPlacementListener;
     Port<Listener>::notify<&Listener::enqueueNotifyLoadGraphDone>(graph, error);
-}
-
-void answerReset(KelmError error, int socket, void* userParam) {
-    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
 }
 
 }  // namespace
@@ -173,18 +170,20 @@ int DeviceManager::getResetTimes(const std::string& name) {
 }
 
 // The pool only passes them on, so whoever asks waits for no device, even when it is full.
-void DeviceManager::enqueueResetDevice(uint64_t, uint32_t deviceId, int socket, void* userParam) {
+void DeviceManager::enqueueResetDevice(Request request) {
     m_threadPool.post(
-        [this, deviceId, socket, userParam] { resetDevice(deviceId, socket, userParam); });
+        [this, request = std::move(request)]() mutable { resetDevice(std::move(request)); });
 }
 
 // On the pool, as the taking of removed workers is: the worker that is found stays for the call.
-void DeviceManager::resetDevice(uint32_t deviceId, int socket, void* userParam) {
+void DeviceManager::resetDevice(Request request) {
+    const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;
     if (WorkThread* const worker = findWorker(deviceId)) {
-        return worker->enqueueResetDevice(socket, userParam);
+        return worker->enqueueResetDevice(std::move(request));
     }
     LOG_ERROR("Error: cannot find worker with deviceId(%d)", deviceId);
-    answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
+    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(KELM_ERROR_INVALID_DEVICE,
+                                                                          std::move(request));
 }
 
 }  // namespace kelm

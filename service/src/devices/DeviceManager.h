@@ -21,6 +21,7 @@ namespace kelm {
 
 class DeviceSchedulerBase;
 class KelmGraph;
+class Request;
 class WorkThread;
 struct DeviceFigures;
 struct InfoPackage;
@@ -60,8 +61,8 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     void enqueueUnloadGraph(KelmGraph* graph);
 
     bool hasDevice(uint32_t deviceId) EXCLUDES(m_mutex);
-    // Passes `userParam`, the request message, on to the answer.
-    void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, int socket, void* userParam);
+    // The request names the device, which must be one of this manager's.
+    void enqueueResetDevice(Request request);
     // The scheduler has let go of the worker.
     void enqueueRemoveWorkerDone(WorkThread* worker);
     // Its device has failed: the scheduler is woken, and a reserved place is free again.
@@ -137,7 +138,7 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     void handlePlugEvents(const std::string& name) EXCLUDES(m_mutex);
     void handlePlugEvent(const std::string& name, PlugEvent event) EXCLUDES(m_mutex);
 
-    void resetDevice(uint32_t deviceId, int socket, void* userParam) EXCLUDES(m_mutex);
+    void resetDevice(Request request) EXCLUDES(m_mutex);
     WorkThread* findWorker(uint32_t deviceId) EXCLUDES(m_mutex);
 
     void deviceThermalUpdateRoutine() EXCLUDES(m_mutex);

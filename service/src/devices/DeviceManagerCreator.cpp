@@ -11,6 +11,7 @@
 #include "protocol/src/KelmError.h"
 #include "records/ClientDirectory.h"
 #include "records/KelmGraph.h"
+#include "records/Request.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
@@ -27,8 +28,9 @@ constexpr uint64_t kPoolLimit = 20;
 // Answers to questions are quick: no manager that has stopped has anything to tell.
 constexpr std::chrono::seconds kPoolEndTime{3};
 
-void answerReset(KelmError error, int socket, void* userParam) {
-    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
+void answerReset(KelmError error, Request request) {
+    Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error,
+                                                                          std::move(request));
 }
 
 // Simulated devices need no bus: the machine may have none.
@@ -148,20 +150,21 @@ void DeviceManagerCreator::enqueueWorkerFailed(WorkThread* worker) {
     if (manager) manager->enqueueWorkerFailed(worker);
 }
 
-void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t deviceId,
-                                              uint8_t resetAll, int socket, void* userParam) {
-    if (!Port<ClientDirectory>::ask<&ClientDirectory::verifyRequester>(false, clientId,
-                                                                       userParam)) {
-        LOG_ERROR("Error: invalid clientId(%lu)", clientId);
-        return answerReset(KELM_ERROR_INVALID_CLIENT, socket, userParam);
+void DeviceManagerCreator::enqueueResetDevice(Request request) {
+    if (!Port<ClientDirectory>::ask<&ClientDirectory::verifyRequester>(false, request)) {
+        LOG_ERROR("Error: invalid clientId(%lu)", request.getClientId());
+        return answerReset(KELM_ERROR_INVALID_CLIENT, std::move(request));
     }
-    if (resetAll != 0) return m_resets.enqueue(socket, userParam);
+    if (request.as<KelmMsgReqResetDevice>().resetAllDevices != 0) {
+        return m_resets.enqueue(std::move(request));
+    }
+    const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;
     for (const auto& [subclass, manager] : m_deviceManagers) {
         if (!manager->hasDevice(deviceId)) continue;
-        return manager->enqueueResetDevice(clientId, deviceId, socket, userParam);
+        return manager->enqueueResetDevice(std::move(request));
     }
     LOG_ERROR("Error: cannot find device manager with deviceId(%d)", deviceId);
-    answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
+    answerReset(KELM_ERROR_INVALID_DEVICE, std::move(request));
 }
 
 bool DeviceManagerCreator::stop() {

@@ -17,6 +17,7 @@ namespace kelm {
 
 class DeviceManager;
 class KelmGraph;
+class Request;
 struct InfoPackage;
 struct KelmStatus;
 
@@ -43,9 +44,8 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     // for an unload nothing follows, since the graph cannot have been loaded.
     bool enqueueLoadGraph(KelmGraph* graph);
     bool enqueueUnloadGraph(KelmGraph* graph);
-    // `userParam` is the request message, passed on to the answer. Never waits for a device.
-    void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, uint8_t resetAll, int socket,
-                            void* userParam);
+    // Never waits for a device.
+    void enqueueResetDevice(Request request);
     void enqueueRemoveWorkerDone(WorkThread* worker) override;
     void enqueueWorkerFailed(WorkThread* worker) override;
 

@@ -21,12 +21,11 @@ ResetQueue::ResetQueue(std::string target, ThreadPool& pool, Reset reset,
                        std::chrono::milliseconds patience)
     : m_target(std::move(target)), m_pool(pool), m_reset(std::move(reset)), m_patience(patience) {}
 
-void ResetQueue::enqueue(int socket, void* userParam) {
-    const Request request{socket, userParam};
-    if (!admit(request)) answer(KELM_ERROR_INVALID_DEVICE, request);
+void ResetQueue::enqueue(Request request) {
+    if (!admit(request)) answer(KELM_ERROR_INVALID_DEVICE, std::move(request));
 }
 
-bool ResetQueue::admit(const Request& request) {
+bool ResetQueue::admit(Request& request) {
     MutexLock lock(m_mutex);
     if (m_closed) return false;
     if (isStuckUnsafe()) {
@@ -39,7 +38,7 @@ bool ResetQueue::admit(const Request& request) {
                   m_target);
         return false;
     }
-    m_waiting.pushBack(request);
+    m_waiting.pushBack(std::move(request));
     if (!m_posted) postNextUnsafe();
     return true;
 }
@@ -72,7 +71,7 @@ void ResetQueue::runNext() {
         m_posted = false;
         if (!m_waiting.empty()) postNextUnsafe();
     }
-    answer(result, request);
+    answer(result, std::move(request));
 }
 
 void ResetQueue::close() {
@@ -85,9 +84,9 @@ void ResetQueue::close() {
     while (!refused.empty()) answer(KELM_ERROR_INVALID_DEVICE, refused.popFront());
 }
 
-void ResetQueue::answer(int result, const Request& request) {
+void ResetQueue::answer(int result, Request request) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(
-        static_cast<KelmError>(result), request.socket, request.userParam);
+        static_cast<KelmError>(result), std::move(request));
 }
 
 }  // namespace kelm

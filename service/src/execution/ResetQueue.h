@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "records/Request.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 #include "utils/Ring.h"
@@ -36,24 +37,20 @@ class ResetQueue : public NonCopyable {
     ResetQueue(std::string target, ThreadPool& pool, Reset reset,
                std::chrono::milliseconds patience = kPatience);
 
-    // `userParam` is the request message, passed on to the answer.
-    void enqueue(int socket, void* userParam) EXCLUDES(m_mutex);
+    void enqueue(Request request) EXCLUDES(m_mutex);
     // Refuses what waits and what comes. The reset that is under way is still answered.
     void close() EXCLUDES(m_mutex);
 
  private:
     using Clock = std::chrono::steady_clock;
-    struct Request {
-        int socket = -1;
-        void* userParam = nullptr;
-    };
 
-    bool admit(const Request& request) EXCLUDES(m_mutex);
+    // Takes the request if it may wait.
+    bool admit(Request& request) EXCLUDES(m_mutex);
     bool isStuckUnsafe() const REQUIRES(m_mutex);
     void postNextUnsafe() REQUIRES(m_mutex);
     // On the pool.
     void runNext() EXCLUDES(m_mutex);
-    static void answer(int result, const Request& request);
+    static void answer(int result, Request request);
 
     const std::string m_target;
     ThreadPool& m_pool;

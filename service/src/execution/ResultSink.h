@@ -5,14 +5,14 @@
 namespace kelm {
 
 class KelmTask;
+class Request;
 
 // Port: where results and the answers of device requests go. Any thread; every call only queues.
 class ResultSink {
  public:
     // The task has ended; passes it on.
     virtual void enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) = 0;
-    // `userParam` is the request message, passed on with the call.
-    virtual void enqueueSendResetDeviceResponse(KelmError error, int socket, void* userParam) = 0;
+    virtual void enqueueSendResetDeviceResponse(KelmError error, Request request) = 0;
 
  protected:
     ~ResultSink() = default;

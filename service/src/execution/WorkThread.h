@@ -70,8 +70,8 @@ class WorkThread : public NonCopyable {
     // Futures of a KelmError.
     std::shared_future<int> enqueueLoadGraph(KelmGraph* graph) EXCLUDES(m_mutex);
     std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_mutex);
-    // `userParam` is the request message, answered through the result sink.
-    void enqueueResetDevice(int socket, void* userParam) { m_resets.enqueue(socket, userParam); }
+    // Answered through the result sink.
+    void enqueueResetDevice(Request request) { m_resets.enqueue(std::move(request)); }
     // The slave worker's load failed: frees its slot.
     void enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker);
     // Whoever meets the end of the device says so here; the failure listener hears of the first.

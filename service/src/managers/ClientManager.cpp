@@ -8,6 +8,7 @@
 #include "protocol/src/KelmProtocol.h"
 #include "records/ClientConnection.h"
 #include "records/KelmClient.h"
+#include "records/Request.h"
 #include "reporting/InfoCollector.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -38,41 +39,31 @@ ClientManager::~ClientManager() {
     LOG_PROC(m_debugProcess, "client manager destructed");
 }
 
-void ClientManager::enqueueRegisterClient(const char* name, uint16_t major, uint16_t minor,
-                                          int socket, void* msg) {
+void ClientManager::enqueueRegisterClient(Request request) {
+    const int socket = request.getSocket();
     ConnectionPtr connection;
     if (socket <= 0) {
         LOG_ERROR("Error: invalid connect socket (%d)", socket);
     } else {
         connection = IPC::ConnectionBase::findConnection(socket);
     }
-    if (!connection) {
-        kelmReleaseMessage(static_cast<KelmMsgBase*>(msg));
-        return;
-    }
-    // If this throws, the request is still the caller's, as with every other kind of request.
-    m_pool.post([this, name, major, minor, connection = std::move(connection), msg] {
+    if (!connection) return;
+    m_pool.post([this, request = std::move(request), connection = std::move(connection)]() mutable {
         m_onPool.assertHeld();
-        registerClient(name, major, minor, connection, msg);
+        registerClient(std::move(request), connection);
     });
 }
 
-void ClientManager::registerClient(const char* name, uint16_t major, uint16_t minor,
-                                   const ConnectionPtr& connection, void* msg) {
-    MessagePtr request(static_cast<KelmMsgBase*>(msg));
+void ClientManager::registerClient(Request request, const ConnectionPtr& connection) {
+    const auto& record = request.as<KelmMsgReqRegister>();
+    const char* const name = record.clientName;
     const int socket = connection->getSimulateFD();
     LOG_PROC(m_debugProcess,
              "register client: clientName=%s apiMajorVersion=%u apiMinorVersion=%lu socket=%d",
-             escapeControls(name), major, minor, socket);
-    ResultDispatcher& results = ResultDispatcher::instance();
-    if (name == nullptr) {
-        LOG_ERROR("Error: client name cannot be null");
-        results.enqueueSendRegisterResponse(0, socket, KELM_ERROR_INVALID_CLIENT_NAME,
-                                            request.release());
-        return;
-    }
-    const uint64_t clientId = addClient(name, major, minor, connection);
-    if (clientId == 0) {  // nobody gets the answer
+             escapeControls(name), record.apiMajorVersion, record.apiMinorVersion, socket);
+    const uint64_t clientId =
+        addClient(name, record.apiMajorVersion, record.apiMinorVersion, connection);
+    if (clientId == 0) {
         closeClient(socket);
         return;
     }
@@ -83,7 +74,7 @@ void ClientManager::registerClient(const char* name, uint16_t major, uint16_t mi
     }
     LOG_PROC(m_debugProcess, "enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId,
              socket);
-    results.enqueueSendRegisterResponse(clientId, socket, KELM_OK, request.release());
+    ResultDispatcher::instance().enqueueSendRegisterResponse(clientId, KELM_OK, std::move(request));
 }
 
 uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t minor,
@@ -113,21 +104,23 @@ std::shared_ptr<ClientConnection> ClientManager::shareConnectionUnsafe(
     return std::make_shared<ClientConnection>(connection);
 }
 
-void ClientManager::enqueueUnregisterClient(uint64_t clientId, int socket, void* msg) {
-    m_pool.post([this, clientId, socket, msg] {
+void ClientManager::enqueueUnregisterClient(Request request) {
+    m_pool.post([this, request = std::move(request)]() mutable {
         m_onPool.assertHeld();
-        unregisterClient(clientId, socket, msg);
+        unregisterClient(std::move(request));
     });
 }
 
-void ClientManager::unregisterClient(uint64_t clientId, int socket, void* msg) {
+void ClientManager::unregisterClient(Request request) {
+    const uint64_t clientId = request.getClientId();
+    const int socket = request.getSocket();
     LOG_PROC(m_debugProcess, "unregister client: clientId=%lu socket=%d", clientId, socket);
     std::string name;
     bool found = false;
     bool departs = false;
     {
         MutexLock lock(m_mutex);
-        if (KelmClient* client = getClientForUnsafe(clientId, msg)) {
+        if (KelmClient* client = getClientForUnsafe(request)) {
             found = true;
             departs = startDepartureUnsafe(*client, false);
             name = client->getName();
@@ -136,11 +129,11 @@ void ClientManager::unregisterClient(uint64_t clientId, int socket, void* msg) {
     ResultDispatcher& results = ResultDispatcher::instance();
     if (!found) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
-        results.enqueueSendUnregisterResponse(clientId, socket, KELM_ERROR_INVALID_CLIENT, msg);
+        results.enqueueSendUnregisterResponse(KELM_ERROR_INVALID_CLIENT, std::move(request));
         return;
     }
     if (departs) notifyClientInDestroy(clientId);
-    results.enqueueSendUnregisterResponse(clientId, socket, KELM_OK, msg);
+    results.enqueueSendUnregisterResponse(KELM_OK, std::move(request));
     LOG_INFO("client(id:%lu) unregistered: clientName=%s socket=%d", clientId, escapeControls(name),
              socket);
 }
@@ -294,23 +287,23 @@ bool ClientManager::verifyClient(uint64_t clientId) {
     return client != nullptr && client->isRunning();
 }
 
-bool ClientManager::verifyRequester(uint64_t clientId, const void* request) {
-    if (clientId == 0) return false;
+bool ClientManager::verifyRequester(const Request& request) {
+    if (request.getClientId() == 0) return false;
     MutexLock lock(m_mutex);
-    KelmClient* client = getClientForUnsafe(clientId, request);
+    KelmClient* client = getClientForUnsafe(request);
     return client != nullptr && client->isRunning();
 }
 
-bool ClientManager::isOfAnotherUser(uint64_t clientId, const void* request) {
+bool ClientManager::isOfAnotherUser(const Request& request) {
     MutexLock lock(m_mutex);
-    return getClientByIdUnsafe(clientId) != nullptr &&
-           getClientForUnsafe(clientId, request) == nullptr;
+    return getClientByIdUnsafe(request.getClientId()) != nullptr &&
+           getClientForUnsafe(request) == nullptr;
 }
 
-KelmClient* ClientManager::getClientForUnsafe(uint64_t clientId, const void* message) {
-    KelmClient* client = getClientByIdUnsafe(clientId);
-    if (client == nullptr || message == nullptr) return client;
-    const auto sender = kelmGetPeer(*static_cast<const KelmMsgBase*>(message));
+KelmClient* ClientManager::getClientForUnsafe(const Request& request) {
+    KelmClient* client = getClientByIdUnsafe(request.getClientId());
+    if (client == nullptr) return nullptr;
+    const auto sender = kelmGetPeer(*request.getMessage());
     const auto& owner = client->getConnection()->getPeer();
     return owner && owner->user == sender->user ? client : nullptr;
 }

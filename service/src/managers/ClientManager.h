@@ -23,6 +23,7 @@ class ConnectionBase;
 namespace kelm {
 
 class ClientConnection;
+class Request;
 struct InfoPackage;
 struct KelmStatus;
 
@@ -42,11 +43,9 @@ class ClientManager : public Singleton<ClientManager>,
     ClientManager();
     ~ClientManager() override;
 
-    // `name` points into the request `msg`, which is owned from here on. Called on the thread that
-    // reads the socket, while the connection is open.
-    void enqueueRegisterClient(const char* name, uint16_t major, uint16_t minor, int socket,
-                               void* msg);
-    void enqueueUnregisterClient(uint64_t clientId, int socket, void* msg);
+    // Called on the thread that reads the socket, while the connection is open.
+    void enqueueRegisterClient(Request request);
+    void enqueueUnregisterClient(Request request);
     // No task of the client is left.
     void enqueueNotifyAllTasksDone(uint64_t clientId);
     // Its unregister response is on the socket, or will never be.
@@ -64,10 +63,10 @@ class ClientManager : public Singleton<ClientManager>,
     bool finish(std::chrono::milliseconds time) EXCLUDES(m_mutex);
 
     bool verifyClient(uint64_t clientId) override EXCLUDES(m_mutex);
-    bool verifyRequester(uint64_t clientId, const void* request) override EXCLUDES(m_mutex);
-    // Whether there is such a client and another user has registered it than the one who has sent
-    // the request. To him the client is unknown.
-    bool isOfAnotherUser(uint64_t clientId, const void* request) EXCLUDES(m_mutex);
+    bool verifyRequester(const Request& request) override EXCLUDES(m_mutex);
+    // Whether there is a client as the request names it, which another user has registered than the
+    // one who has sent the request. To him the client is unknown.
+    bool isOfAnotherUser(const Request& request) EXCLUDES(m_mutex);
     KelmClient* getClientById(uint64_t clientId) override EXCLUDES(m_mutex);
     std::optional<std::string> getClientName(uint64_t clientId) override EXCLUDES(m_mutex);
     // -1 for an unknown client.
@@ -94,23 +93,21 @@ class ClientManager : public Singleton<ClientManager>,
     };
     using ConnectionPtr = std::shared_ptr<IPC::ConnectionBase>;
 
-    void registerClient(const char* name, uint16_t major, uint16_t minor,
-                        const ConnectionPtr& connection, void* msg) REQUIRES(m_onPool)
+    void registerClient(Request request, const ConnectionPtr& connection) REQUIRES(m_onPool)
         EXCLUDES(m_mutex);
     // The new id, or 0: the connection has gone meanwhile, which it also does when it has too many
     // clients, or the service is ending.
     uint64_t addClient(const char* name, uint16_t major, uint16_t minor,
                        const ConnectionPtr& connection) EXCLUDES(m_mutex);
-    void unregisterClient(uint64_t clientId, int socket, void* msg) REQUIRES(m_onPool)
-        EXCLUDES(m_mutex);
+    void unregisterClient(Request request) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyAllTasksDone(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyUnregRspSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyAnswersSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
     KelmClient* getClientByIdUnsafe(uint64_t clientId) REQUIRES(m_mutex);
-    // The same for the sender of a message, to whom clients of other users are unknown.
-    KelmClient* getClientForUnsafe(uint64_t clientId, const void* message) REQUIRES(m_mutex);
+    // The one that the request names, null also if its sender is another user than the client's.
+    KelmClient* getClientForUnsafe(const Request& request) REQUIRES(m_mutex);
     std::shared_ptr<ClientConnection> shareConnectionUnsafe(const ConnectionPtr& connection)
         REQUIRES(m_mutex);
     // False for a client that was leaving already.

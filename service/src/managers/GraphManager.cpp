@@ -4,7 +4,6 @@
 #include "managers/ClientManager.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
-#include "protocol/src/MessagePtr.h"
 #include "records/KelmGraph.h"
 #include "reporting/InfoCollector.h"
 #include "utils/CommonHelper.h"
@@ -62,18 +61,16 @@ GraphManager::~GraphManager() {
     LOG_PROC(m_debugProcess, "graph manager destructed");
 }
 
-void GraphManager::enqueueDestroyGraph(uint64_t clientId, uint64_t graphId, int socket,
-                                       void* userParam) {
-    m_turns.enqueue(socket, 0, [this, clientId, graphId, response = Response{socket, userParam}] {
-        destroyGraph(clientId, graphId, response);
+void GraphManager::enqueueDestroyGraph(Request request) {
+    m_turns.enqueue(std::move(request), 0, [this](Request& owned) {
+        destroyGraph(std::move(owned));
         return true;
     });
 }
 
-void GraphManager::enqueueQueryBufferSize(uint64_t clientId, uint64_t graphId, int socket,
-                                          void* userParam) {
-    m_turns.enqueue(socket, 0, [this, clientId, graphId, response = Response{socket, userParam}] {
-        queryBufferSize(clientId, graphId, response);
+void GraphManager::enqueueQueryBufferSize(Request request) {
+    m_turns.enqueue(std::move(request), 0, [this](Request& owned) {
+        queryBufferSize(std::move(owned));
         return true;
     });
 }
@@ -100,53 +97,48 @@ KelmGraph* GraphManager::getGraphById(uint64_t graphId) {
     return graph != m_graphs.end() ? graph->second : nullptr;
 }
 
-void GraphManager::queryBufferSize(uint64_t clientId, uint64_t graphId, const Response& response) {
+void GraphManager::queryBufferSize(Request request) {
+    const uint64_t clientId = request.getClientId();
+    const uint64_t graphId = request.as<KelmMsgReqQueryBufferSize>().graphId;
     LOG_PROC(m_debugProcess, "[QueryBufferSize#0] clientId=%lu graphId=%lu socket=%d userParam=%p",
-             clientId, graphId, response.socket, response.userParam);
-    if (!ClientManager::instance().verifyRequester(clientId, response.userParam)) {
+             clientId, graphId, request.getSocket(), request.getMessage());
+    if (!ClientManager::instance().verifyRequester(request)) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
-        sendQueryBufferSizeResponse(0, 0, KELM_ERROR_INVALID_CLIENT, response);
+        sendQueryBufferSizeResponse(0, 0, KELM_ERROR_INVALID_CLIENT, std::move(request));
         return;
     }
     // The record lives on without the mutex: only this thread deletes one.
     KelmGraph* graph = getGraphById(graphId);
     if (graph == nullptr) {
         LOG_ERROR("Error: invalid graphId(%lu)", graphId);
-        sendQueryBufferSizeResponse(0, 0, KELM_ERROR_INVALID_GRAPH, response);
+        sendQueryBufferSizeResponse(0, 0, KELM_ERROR_INVALID_GRAPH, std::move(request));
         return;
     }
     const uint64_t outputBufferSize = graph->getOutputBufferSize();
     const uint64_t auxBufferSize =
         graph->getTimeTakensSize() + graph->getThermalBufferSize() + graph->getDebugBufferSize();
-    sendQueryBufferSizeResponse(outputBufferSize, auxBufferSize, KELM_OK, response);
+    sendQueryBufferSizeResponse(outputBufferSize, auxBufferSize, KELM_OK, std::move(request));
     LOG_PROC(m_debugProcess,
              "[QueryBufferSize#1] clientId=%lu graphId=%lu outputBufferSize=%lu auxBufferSize=%lu",
              clientId, graphId, outputBufferSize, auxBufferSize);
 }
 
-void GraphManager::sendCreateGraphResponse(const CreateAnswer& answer, const Response& response) {
-    if (dropResponse(response)) return;
-    ResultDispatcher::instance().enqueueSendCreateGraphResponse(
-        answer.graph, answer.error, response.socket, response.userParam);
+void GraphManager::sendCreateGraphResponse(const CreateAnswer& answer, Request request) {
+    if (m_stopped.load()) return;
+    ResultDispatcher::instance().enqueueSendCreateGraphResponse(answer.graph, answer.error,
+                                                                std::move(request));
 }
 
-void GraphManager::sendDestroyGraphResponse(KelmError error, const Response& response) {
-    if (dropResponse(response)) return;
-    ResultDispatcher::instance().enqueueSendDestroyGraphResponse(error, response.socket,
-                                                                 response.userParam);
+void GraphManager::sendDestroyGraphResponse(KelmError error, Request request) {
+    if (m_stopped.load()) return;
+    ResultDispatcher::instance().enqueueSendDestroyGraphResponse(error, std::move(request));
 }
 
 void GraphManager::sendQueryBufferSizeResponse(uint64_t outputBufferSize, uint64_t auxBufferSize,
-                                               KelmError error, const Response& response) {
-    if (dropResponse(response)) return;
-    ResultDispatcher::instance().enqueueSendQueryBufferSizeResponse(
-        outputBufferSize, auxBufferSize, error, response.socket, response.userParam);
-}
-
-bool GraphManager::dropResponse(const Response& response) {
-    if (!m_stopped.load()) return false;
-    kelmReleaseMessage(static_cast<KelmMsgBase*>(response.userParam));
-    return true;
+                                               KelmError error, Request request) {
+    if (m_stopped.load()) return;
+    ResultDispatcher::instance().enqueueSendQueryBufferSizeResponse(outputBufferSize, auxBufferSize,
+                                                                    error, std::move(request));
 }
 
 }  // namespace kelm

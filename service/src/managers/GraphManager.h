@@ -12,6 +12,7 @@
 #include "managers/FileDigests.h"
 #include "managers/GraphTurns.h"
 #include "protocol/src/KelmError.h"
+#include "records/Request.h"
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Mutex.h"
@@ -38,9 +39,8 @@ struct KelmStatus;
 // word the answer to our one notice. A record is deleted only when both were handled here, on the
 // pool's one thread in order of arrival, so no notice in the queue can name a deleted graph.
 //
-// A request (`userParam`) is the client's message: it is answered exactly once, or released where
-// no answer is given. Texts in it live until then; a blob is taken out when its turn comes and goes
-// as soon as it is in a record, or not needed.
+// The texts of a request live as long as it does; a blob is taken out of it when its turn comes and
+// freed as soon as it is in a record, or not needed.
 //
 // Requests of one connection are handled in order. A create request takes a turn of the thread for
 // every few megabytes, so that large blobs hold up nobody else, and one file is read at a time.
@@ -56,15 +56,10 @@ class GraphManager : public Singleton<GraphManager>,
     GraphManager();
     ~GraphManager() override;
 
-    // By path, then by buffer. Both are answered with the graph, or without one and an error.
-    void enqueueCreateGraph(uint64_t clientId, const char* graphPath, const char* graphName,
-                            const char* tag, const char* streamId, int32_t subclass,
-                            int32_t expectDevices, int socket, void* userParam);
-    void enqueueCreateGraph(uint64_t clientId, const char* graphData, uint64_t graphDataSize,
-                            const char* graphName, const char* tag, const char* streamId,
-                            int32_t subclass, int32_t expectDevices, int socket, void* userParam);
-    void enqueueDestroyGraph(uint64_t clientId, uint64_t graphId, int socket, void* userParam);
-    void enqueueQueryBufferSize(uint64_t clientId, uint64_t graphId, int socket, void* userParam);
+    // By path, or by buffer if it has one; answered with the graph, or without one and an error.
+    void enqueueCreateGraph(Request request);
+    void enqueueDestroyGraph(Request request);
+    void enqueueQueryBufferSize(Request request);
 
     void enqueueNotifyLoadGraphDone(KelmGraph* graph, KelmError error) override;
     void enqueueNotifyUnloadGraphDone(KelmGraph* graph) override;
@@ -89,13 +84,7 @@ class GraphManager : public Singleton<GraphManager>,
     void onPrintInfo() override EXCLUDES(m_mutex);
 
  private:
-    // Where an answer goes.
-    struct Response {
-        int socket = -1;
-        void* userParam = nullptr;
-    };
-    struct CreateRequest;
-    struct Creation;  // a create request and how far it has come
+    struct Creation;  // how far a create request has come
     using CreationPtr = std::shared_ptr<Creation>;
     struct CreateAnswer {
         KelmGraph* graph;
@@ -105,43 +94,41 @@ class GraphManager : public Singleton<GraphManager>,
         bool unloadDone = false;
         bool allTasksDone = false;
     };
-    void enqueueCreation(const CreationPtr& creation);
     // One turn; true when the request is answered, or will be with the outcome of a load.
-    bool continueCreation(const CreationPtr& creation) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    bool continueCreation(Request& request, const CreationPtr& creation) REQUIRES(m_onPool)
+        EXCLUDES(m_mutex);
     // The same, with the answer if it has one now.
-    bool createGraph(const CreationPtr& creation, std::optional<CreateAnswer>& answer)
-        REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    bool createGraph(Request& request, const CreationPtr& creation,
+                     std::optional<CreateAnswer>& answer) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     // Finds the blob, of which nothing is read yet. False if the path names no graph.
-    bool openBlob(Creation& creation);
+    bool openBlob(const Request& request, Creation& creation);
     // Takes the place of the one who reads a file; false while another has it.
     bool takeReadersPlace(const CreationPtr& creation) REQUIRES(m_onPool);
     // True if the file is known by its state and was joined or refused.
-    bool joinKnownFile(const Creation& creation, std::optional<CreateAnswer>& answer)
-        REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    bool joinKnownFile(Request& request, const Creation& creation,
+                       std::optional<CreateAnswer>& answer) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     // False if the graph is a new one. Else the answer, or none when it comes with the outcome of a
-    // load.
-    bool joinGraphUnsafe(const CreateRequest& request, const std::string& hash,
+    // load, which the request then waits for.
+    bool joinGraphUnsafe(Request& request, const std::string& hash,
                          std::optional<CreateAnswer>& answer) REQUIRES(m_mutex);
-    // The answer of a refusal, or nothing when it comes with the outcome of the load.
-    std::optional<CreateAnswer> loadNewGraph(const CreateRequest& request, GraphBlob& blob)
-        EXCLUDES(m_mutex);
-    bool isTwin(KelmGraph& graph, const CreateRequest& request, const std::string& hash) const;
-    KelmGraph* getLoadedGraph(const CreateRequest& request, const std::string& hash)
+    // The answer of a refusal, or nothing when the request waits for the outcome of the load.
+    std::optional<CreateAnswer> loadNewGraph(Request& request, GraphBlob& blob) EXCLUDES(m_mutex);
+    bool isTwin(KelmGraph& graph, const KelmMsgReqCreateGraph& wanted,
+                const std::string& hash) const;
+    KelmGraph* getLoadedGraph(const KelmMsgReqCreateGraph& wanted, const std::string& hash)
         REQUIRES(m_mutex);
-    KelmGraph* getLoadingGraph(const CreateRequest& request, const std::string& hash)
+    KelmGraph* getLoadingGraph(const KelmMsgReqCreateGraph& wanted, const std::string& hash)
         REQUIRES(m_mutex);
     void dumpGraph(KelmGraph& graph);
 
     void notifyLoadGraphDone(KelmGraph* graph, KelmError error) EXCLUDES(m_mutex);
     void failLoadUnsafe(KelmGraph* graph, KelmError error) REQUIRES(m_mutex);
 
-    void destroyGraph(uint64_t clientId, uint64_t graphId, const Response& response)
-        EXCLUDES(m_mutex);
+    void destroyGraph(Request request) EXCLUDES(m_mutex);
     // On success `trace` is the open trace of the graph's end.
-    KelmError giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId, const Response& response,
-                                uint64_t& trace) REQUIRES(m_mutex);
+    KelmError giveUpGraphUnsafe(const Request& request, uint64_t& trace) REQUIRES(m_mutex);
     // Takes the graph out of all lists but the last and starts both sides of its end. Requests that
-    // still waited for its load are released.
+    // still waited for its load get no answer.
     void retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
     void releaseWaitingUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
     void notifyDeallocatedGraph(KelmGraph* graph) REQUIRES(m_mutex);
@@ -152,14 +139,12 @@ class GraphManager : public Singleton<GraphManager>,
         REQUIRES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
-    void queryBufferSize(uint64_t clientId, uint64_t graphId, const Response& response)
-        EXCLUDES(m_mutex);
-    void sendCreateGraphResponse(const CreateAnswer& answer, const Response& response);
-    void sendDestroyGraphResponse(KelmError error, const Response& response);
+    void queryBufferSize(Request request) EXCLUDES(m_mutex);
+    // Nothing after the way down: the result dispatcher may be destroyed by then.
+    void sendCreateGraphResponse(const CreateAnswer& answer, Request request);
+    void sendDestroyGraphResponse(KelmError error, Request request);
     void sendQueryBufferSizeResponse(uint64_t outputBufferSize, uint64_t auxBufferSize,
-                                     KelmError error, const Response& response);
-    // After the way down nobody is left to answer to: releases the request and returns true.
-    bool dropResponse(const Response& response);
+                                     KelmError error, Request request);
 
     void queryGraphStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
     void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
@@ -180,7 +165,7 @@ class GraphManager : public Singleton<GraphManager>,
     const std::string m_graphIdentity;
     std::set<KelmGraph*> m_loadedGraphs GUARDED_BY(m_mutex);
     // One entry per graph whose load is under way: the create requests that wait for its outcome.
-    std::map<KelmGraph*, std::vector<Response>> m_responseLists GUARDED_BY(m_mutex);
+    std::map<KelmGraph*, std::vector<Request>> m_responseLists GUARDED_BY(m_mutex);
     std::map<KelmGraph*, Deallocation> m_deallocatingGraphs GUARDED_BY(m_mutex);
     std::set<KelmGraph*> m_failedGraphs GUARDED_BY(m_mutex);      // not counted in m_graphNum
     std::map<uint64_t, KelmGraph*> m_graphs GUARDED_BY(m_mutex);  // what clients can name

@@ -71,79 +71,52 @@ std::string makeDumpFileName(KelmGraph& graph) {
 
 }  // namespace
 
-struct GraphManager::CreateRequest {
-    uint64_t clientId;
-    const char* graphName;
-    const char* tag;
-    const char* streamId;
-    int32_t subclass;
-    int32_t expectDevices;
-    Response response;
-};
-
 struct GraphManager::Creation {
-    const CreateRequest request;
-    const char* const path;   // null for a graph that came as a buffer
-    const uint64_t data = 0;  // where its bytes are in the request
-    const uint64_t dataSize = 0;
+    const bool isFile;  // else the bytes are in the request
     bool opened = false;
     GraphBlob blob{};
 };
 
-void GraphManager::enqueueCreateGraph(uint64_t clientId, const char* graphPath,
-                                      const char* graphName, const char* tag, const char* streamId,
-                                      int32_t subclass, int32_t expectDevices, int socket,
-                                      void* userParam) {
-    const CreateRequest request{clientId,      graphName,          tag, streamId, subclass,
-                                expectDevices, {socket, userParam}};
-    enqueueCreation(std::make_shared<Creation>(Creation{request, graphPath}));
+void GraphManager::enqueueCreateGraph(Request request) {
+    const auto& wanted = request.as<KelmMsgReqCreateGraph>();
+    const bool isFile = wanted.graphData == 0;
+    const uint64_t blobBytes = isFile ? 0 : wanted.graphDataSize;
+    m_turns.enqueue(
+        std::move(request), blobBytes,
+        [this, creation = std::make_shared<Creation>(Creation{isFile})](Request& owned) {
+            m_onPool.assertHeld();
+            return continueCreation(owned, creation);
+        });
 }
 
-void GraphManager::enqueueCreateGraph(uint64_t clientId, const char* graphData,
-                                      uint64_t graphDataSize, const char* graphName,
-                                      const char* tag, const char* streamId, int32_t subclass,
-                                      int32_t expectDevices, int socket, void* userParam) {
-    const CreateRequest request{clientId,      graphName,          tag, streamId, subclass,
-                                expectDevices, {socket, userParam}};
-    const auto data = reinterpret_cast<uint64_t>(graphData);
-    enqueueCreation(std::make_shared<Creation>(Creation{request, nullptr, data, graphDataSize}));
-}
-
-void GraphManager::enqueueCreation(const CreationPtr& creation) {
-    m_turns.enqueue(creation->request.response.socket, creation->dataSize, [this, creation] {
-        m_onPool.assertHeld();
-        return continueCreation(creation);
-    });
-}
-
-bool GraphManager::continueCreation(const CreationPtr& creation) {
+bool GraphManager::continueCreation(Request& request, const CreationPtr& creation) {
     std::optional<CreateAnswer> answer;
-    if (!createGraph(creation, answer)) return false;
+    if (!createGraph(request, creation, answer)) return false;
     creation->blob = {};  // an answer may wait for room
     // The graph of the answer lives on without the mutex: only this thread deletes one.
-    if (answer) sendCreateGraphResponse(*answer, creation->request.response);
+    if (answer) sendCreateGraphResponse(*answer, std::move(request));
     return true;
 }
 
-bool GraphManager::createGraph(const CreationPtr& creation, std::optional<CreateAnswer>& answer) {
-    const CreateRequest& request = creation->request;
-    if (!openBlob(*creation)) {
-        LOG_ERROR("Error: invalid graphPath '%s'", escapeControls(creation->path));
+bool GraphManager::createGraph(Request& request, const CreationPtr& creation,
+                               std::optional<CreateAnswer>& answer) {
+    if (!openBlob(request, *creation)) {
+        LOG_ERROR("Error: invalid graphPath '%s'",
+                  escapeControls(request.as<KelmMsgReqCreateGraph>().graphPath));
         answer = CreateAnswer{nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED};
         return true;
     }
-    // Looked at in each turn: who leaves must not be entered as a user afterwards, and who has hung
-    // up wants no more bytes to be read.
-    if (m_stopped.load() ||
-        !ClientManager::instance().verifyRequester(request.clientId, request.response.userParam) ||
-        GraphBacklog::hasHungUp(request.response.socket)) {
-        LOG_ERROR("Error: invalid clientId %lu", request.clientId);
+    // Looked at in each turn: a client that leaves must not be entered as a user afterwards, and
+    // for one that has hung up no more bytes are read.
+    if (m_stopped.load() || !ClientManager::instance().verifyRequester(request) ||
+        GraphBacklog::hasHungUp(request.getSocket())) {
+        LOG_ERROR("Error: invalid clientId %lu", request.getClientId());
         answer = CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
         return true;
     }
     GraphBlob& blob = creation->blob;
-    if (joinKnownFile(*creation, answer)) return true;
-    if (creation->path != nullptr && !takeReadersPlace(creation)) return false;
+    if (joinKnownFile(request, *creation, answer)) return true;
+    if (creation->isFile && !takeReadersPlace(creation)) return false;
     if (!blob.advance()) return false;
     if (blob.getHash().empty()) {
         LOG_ERROR("Error: no valid sha256 value");
@@ -160,20 +133,18 @@ bool GraphManager::createGraph(const CreationPtr& creation, std::optional<Create
     return true;
 }
 
-bool GraphManager::openBlob(Creation& creation) {
+bool GraphManager::openBlob(const Request& request, Creation& creation) {
     if (std::exchange(creation.opened, true)) return true;
-    const CreateRequest& request = creation.request;
-    if (creation.path != nullptr && !GraphBlob::isGraphFile(creation.path)) return false;
+    const auto& wanted = request.as<KelmMsgReqCreateGraph>();
+    if (creation.isFile && !GraphBlob::isGraphFile(wanted.graphPath)) return false;
     LOG_PROC(m_debugProcess, "[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p",
-             request.clientId, escapeControls(request.graphName), request.response.socket,
-             request.response.userParam);
-    auto* const message = static_cast<KelmMsgBase*>(request.response.userParam);
-    if (creation.path != nullptr) {
-        creation.blob = GraphBlob::fromFile(creation.path, *kelmGetPeer(*message));
-    } else {
-        creation.blob =
-            GraphBlob::fromBuffer(kelmTakeBlock(message, creation.data), creation.dataSize);
-    }
+             wanted.clientId, escapeControls(wanted.graphName), request.getSocket(),
+             request.getMessage());
+    creation.blob =
+        creation.isFile
+            ? GraphBlob::fromFile(wanted.graphPath, *kelmGetPeer(*request.getMessage()))
+            : GraphBlob::fromBuffer(kelmTakeBlock(request.getMessage(), wanted.graphData),
+                                    wanted.graphDataSize);
     return true;
 }
 
@@ -185,49 +156,52 @@ bool GraphManager::takeReadersPlace(const CreationPtr& creation) {
 
 // Deliberate: what is known of a file only finds its twins. The record of a graph is made of bytes
 // that were digested themselves, since a mapped file can change without a mark.
-bool GraphManager::joinKnownFile(const Creation& creation, std::optional<CreateAnswer>& answer) {
+bool GraphManager::joinKnownFile(Request& request, const Creation& creation,
+                                 std::optional<CreateAnswer>& answer) {
     const std::optional<FileIdentity>& file = creation.blob.getIdentity();
     const std::string* const hash = file ? m_fileDigests.find(*file) : nullptr;
     if (hash == nullptr) return false;
     MutexLock lock(m_mutex);
-    return joinGraphUnsafe(creation.request, *hash, answer);
+    return joinGraphUnsafe(request, *hash, answer);
 }
 
-bool GraphManager::joinGraphUnsafe(const CreateRequest& request, const std::string& hash,
+bool GraphManager::joinGraphUnsafe(Request& request, const std::string& hash,
                                    std::optional<CreateAnswer>& answer) {
+    const auto& wanted = request.as<KelmMsgReqCreateGraph>();
     // Deliberate: the limit comes first, so that it refuses a share in a loaded graph too.
     if (m_graphNum == m_maxGraphNum) {
         LOG_ERROR("Error: exceed max graph number supported");
         LOG_PROC(m_debugProcess,
                  "[CreateGraph#1] exceed max graph number, send response to client(%lu)",
-                 request.clientId);
+                 wanted.clientId);
         answer = CreateAnswer{nullptr, KELM_ERROR_TOO_MANY_GRAPH};
         return true;
     }
-    if (KelmGraph* loaded = getLoadedGraph(request, hash)) {
+    if (KelmGraph* loaded = getLoadedGraph(wanted, hash)) {
         LOG_PROC(m_debugProcess,
                  "[CreateGraph#1] found loaded graph(%lu), send response to client(%lu)",
-                 loaded->getId(), request.clientId);
-        loaded->appendName(request.clientId, request.graphName);
+                 loaded->getId(), wanted.clientId);
+        loaded->appendName(wanted.clientId, wanted.graphName);
         answer = CreateAnswer{loaded, KELM_OK};
         return true;
     }
-    KelmGraph* loading = getLoadingGraph(request, hash);
+    KelmGraph* loading = getLoadingGraph(wanted, hash);
     if (loading == nullptr) return false;
     LOG_PROC(m_debugProcess, "[CreateGraph#1] found loading graph(%lu), add to response list",
              loading->getId());
-    loading->appendName(request.clientId, request.graphName);
-    m_responseLists[loading].push_back(request.response);
+    loading->appendName(wanted.clientId, wanted.graphName);
+    m_responseLists[loading].push_back(std::move(request));
     return true;
 }
 
 // The record is made without the mutex, for which every new task waits: a blob can be large, and a
 // dump slow. Twins and the limit stay as they were found, since only this thread enters graphs.
-std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(const CreateRequest& request,
+std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& request,
                                                                      GraphBlob& blob) {
+    const auto& wanted = request.as<KelmMsgReqCreateGraph>();
     const uint64_t id = m_nextGraphId.fetch_add(1);
     std::unique_ptr<KelmGraph> record =
-        blob.makeGraph(id, request.clientId, request.graphName, request.expectDevices);
+        blob.makeGraph(id, wanted.clientId, wanted.graphName, wanted.expectDevices);
     record->setLoadTraceIndex(traceBegin("load_graph_", id));
     dumpGraph(*record);
     // Deliberate: the trace of a load that never starts stays open, and so is not in the files.
@@ -235,42 +209,44 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(const Creat
         LOG_ERROR("Error: invalid format of graph(%lu)", id);
         return CreateAnswer{nullptr, KELM_ERROR_INVALID_GRAPH_FORMAT};
     }
-    record->setTag(request.tag);
-    record->setStreamId(request.streamId);
-    record->setInterfaceSubclass(request.subclass);
+    record->setTag(wanted.graphTag);
+    record->setStreamId(wanted.streamId);
+    record->setInterfaceSubclass(wanted.subclass);
 
     MutexLock lock(m_mutex);
     if (m_stopped.load()) return CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
     KelmGraph* graph = record.release();
     m_graphs.emplace(id, graph);
     ++m_graphNum;
-    m_responseLists[graph].push_back(request.response);
     // Under the mutex, so that no unload request can come before it. It only queues, and without a
     // device manager for the subclass the failure comes as a notice too.
     (void)DeviceManagerCreator::instance().enqueueLoadGraph(graph);
     LOG_PROC(m_debugProcess, "[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p",
-             request.clientId, id, escapeControls(request.graphName), request.response.userParam);
+             wanted.clientId, id, escapeControls(wanted.graphName), request.getMessage());
+    m_responseLists[graph].push_back(std::move(request));
     return std::nullopt;
 }
 
-bool GraphManager::isTwin(KelmGraph& graph, const CreateRequest& request,
+bool GraphManager::isTwin(KelmGraph& graph, const KelmMsgReqCreateGraph& wanted,
                           const std::string& hash) const {
-    return graph.getHash() == hash && graph.getTag() == request.tag &&
-           graph.getStreamId() == request.streamId &&
-           graph.getInterfaceSubclass() == request.subclass &&
-           (m_graphIdentity != "name" || graph.getName() == request.graphName);
+    return graph.getHash() == hash && graph.getTag() == wanted.graphTag &&
+           graph.getStreamId() == wanted.streamId &&
+           graph.getInterfaceSubclass() == wanted.subclass &&
+           (m_graphIdentity != "name" || graph.getName() == wanted.graphName);
 }
 
-KelmGraph* GraphManager::getLoadedGraph(const CreateRequest& request, const std::string& hash) {
+KelmGraph* GraphManager::getLoadedGraph(const KelmMsgReqCreateGraph& wanted,
+                                        const std::string& hash) {
     for (KelmGraph* graph : m_loadedGraphs) {
-        if (isTwin(*graph, request, hash)) return graph;
+        if (isTwin(*graph, wanted, hash)) return graph;
     }
     return nullptr;
 }
 
-KelmGraph* GraphManager::getLoadingGraph(const CreateRequest& request, const std::string& hash) {
-    for (const auto& [graph, responses] : m_responseLists) {
-        if (isTwin(*graph, request, hash)) return graph;
+KelmGraph* GraphManager::getLoadingGraph(const KelmMsgReqCreateGraph& wanted,
+                                         const std::string& hash) {
+    for (const auto& [graph, waiting] : m_responseLists) {
+        if (isTwin(*graph, wanted, hash)) return graph;
     }
     return nullptr;
 }
@@ -288,7 +264,7 @@ void GraphManager::dumpGraph(KelmGraph& graph) {
 }
 
 void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
-    std::vector<Response> waiting;
+    std::vector<Request> waiting;
     uint64_t trace = 0;
     {
         MutexLock lock(m_mutex);
@@ -306,7 +282,7 @@ void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
         }
     }
     const CreateAnswer answer{error == KELM_OK ? graph : nullptr, error};
-    for (const Response& response : waiting) sendCreateGraphResponse(answer, response);
+    for (Request& request : waiting) sendCreateGraphResponse(answer, std::move(request));
     TraceEndCsv(trace);
 }
 

@@ -6,7 +6,6 @@
 #include "managers/ClientManager.h"
 #include "managers/GraphManager.h"
 #include "managers/TaskManager.h"
-#include "protocol/src/MessagePtr.h"
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
 #include "utils/Tracer.h"
@@ -19,26 +18,29 @@ constexpr std::chrono::seconds kRemoveAllLimit{3};
 
 }  // namespace
 
-void GraphManager::destroyGraph(uint64_t clientId, uint64_t graphId, const Response& response) {
+void GraphManager::destroyGraph(Request request) {
+    const uint64_t clientId = request.getClientId();
     LOG_PROC(m_debugProcess, "[DestroyGraph#0] clientId=%lu graphId=%lu socket=%d userParam=%p",
-             clientId, graphId, response.socket, response.userParam);
-    if (!ClientManager::instance().verifyRequester(clientId, response.userParam)) {
+             clientId, request.as<KelmMsgReqDestroyGraph>().graphId, request.getSocket(),
+             request.getMessage());
+    if (!ClientManager::instance().verifyRequester(request)) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
-        sendDestroyGraphResponse(KELM_ERROR_INVALID_CLIENT, response);
+        sendDestroyGraphResponse(KELM_ERROR_INVALID_CLIENT, std::move(request));
         return;
     }
     KelmError error = KELM_OK;
     uint64_t trace = 0;
     {
         MutexLock lock(m_mutex);
-        error = giveUpGraphUnsafe(clientId, graphId, response, trace);
+        error = giveUpGraphUnsafe(request, trace);
     }
-    sendDestroyGraphResponse(error, response);
+    sendDestroyGraphResponse(error, std::move(request));
     if (error == KELM_OK) TraceEndCsv(trace);
 }
 
-KelmError GraphManager::giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId,
-                                          const Response& response, uint64_t& trace) {
+KelmError GraphManager::giveUpGraphUnsafe(const Request& request, uint64_t& trace) {
+    const uint64_t clientId = request.getClientId();
+    const uint64_t graphId = request.as<KelmMsgReqDestroyGraph>().graphId;
     const auto entry = m_graphs.find(graphId);
     if (entry == m_graphs.end()) {
         LOG_ERROR("Error: invalid graphId(%lu)", graphId);
@@ -51,13 +53,13 @@ KelmError GraphManager::giveUpGraphUnsafe(uint64_t clientId, uint64_t graphId,
     }
     trace = traceBegin("unload_graph_", graphId);
     if (graph->isRunning()) {
-        // Deliberate: whoever gives up a share loses its tasks on every graph, and the graph stays
-        // loaded for the others.
+        // Deliberate: a client that gives up its share loses its tasks on every graph, and the
+        // graph stays loaded for the others.
         TaskManager::instance().enqueueNotifyClientInDestroy(clientId);
     } else {
         retireGraphUnsafe(graph);
         LOG_PROC(m_debugProcess, "[DestroyGraph#1] clientId=%lu graphId=%lu socket=%d userParam=%p",
-                 clientId, graphId, response.socket, response.userParam);
+                 clientId, graphId, request.getSocket(), request.getMessage());
     }
     return KELM_OK;
 }
@@ -70,13 +72,8 @@ void GraphManager::retireGraphUnsafe(KelmGraph* graph) {
 }
 
 void GraphManager::releaseWaitingUnsafe(KelmGraph* graph) {
-    const auto waiting = m_responseLists.find(graph);
-    if (waiting == m_responseLists.end()) return;
-    // Deliberate: who waited for the load of a graph that is given up gets no answer.
-    for (const Response& response : waiting->second) {
-        kelmReleaseMessage(static_cast<KelmMsgBase*>(response.userParam));
-    }
-    m_responseLists.erase(waiting);
+    // Deliberate: requests that waited for the load of a graph that is given up get no answer.
+    if (m_responseLists.erase(graph) == 0) return;
     TraceEndCsv(graph->getLoadTraceIndex());  // the notice of the load's end finds no entry
 }
 

@@ -7,37 +7,32 @@
 #include "utils/ThreadPool.h"
 
 namespace kelm {
-namespace {
 
-// One that throws is done, and must not hold those behind it.
-bool isDone(const GraphTurns::Step& step) {
+bool GraphTurns::Job::isDone() {
     try {
-        return step();
+        return step(request);
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a graph request ended with an exception: %s", error.what());
         return true;
     }
 }
 
-}  // namespace
-
-void GraphTurns::enqueue(int connection, uint64_t blobBytes, Step step) {
-    Step counted = [share = m_backlog.add(connection, blobBytes), step = std::move(step)] {
-        return step();
-    };
-    m_pool.post([this, connection, step = std::move(counted)]() mutable {
+void GraphTurns::enqueue(Request request, uint64_t blobBytes, Step step) {
+    GraphBacklog::Share share = m_backlog.add(request.getSocket(), blobBytes);
+    m_pool.post([this, job = Job{std::move(request), std::move(share), std::move(step)}]() mutable {
         m_onPool.assertHeld();
-        start(connection, std::move(step));
+        start(std::move(job));
         queueTurn();
     });
 }
 
-void GraphTurns::start(int connection, Step step) {
+void GraphTurns::start(Job job) {
+    const int connection = job.request.getSocket();
     const auto waiting = m_waiting.find(connection);
     if (waiting != m_waiting.end()) {
-        waiting->second.push_back(std::move(step));
-    } else if (!isDone(step)) {
-        m_waiting[connection].push_back(std::move(step));
+        waiting->second.push_back(std::move(job));
+    } else if (!job.isDone()) {
+        m_waiting[connection].push_back(std::move(job));
         m_order.push_back(connection);
     }
 }
@@ -46,7 +41,7 @@ void GraphTurns::takeTurn() {
     const int connection = m_order.front();
     m_order.pop_front();
     const auto waiting = m_waiting.find(connection);
-    if (isDone(waiting->second.front())) waiting->second.pop_front();
+    if (waiting->second.front().isDone()) waiting->second.pop_front();
     if (waiting->second.empty()) {
         m_waiting.erase(waiting);
     } else {

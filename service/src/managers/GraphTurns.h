@@ -6,6 +6,7 @@
 #include <map>
 
 #include "managers/GraphBacklog.h"
+#include "records/Request.h"
 #include "utils/ThreadRole.h"
 
 namespace kelm {
@@ -20,23 +21,32 @@ class ThreadPool;
 // Owns: the requests until they are done. Borrows the pool, whose thread ends first.
 class GraphTurns {
  public:
-    // Takes one turn of a request; true when that is done.
-    using Step = std::function<bool()>;
+    // Takes one turn of a request; true when that is done, and the request handed on.
+    using Step = std::function<bool(Request& request)>;
 
     explicit GraphTurns(ThreadPool& pool) : m_pool(pool) {}
 
     // Waits for room in the pool's queue. The request has a blob of so many bytes with it.
-    void enqueue(int connection, uint64_t blobBytes, Step step);
+    void enqueue(Request request, uint64_t blobBytes, Step step);
 
  private:
-    void start(int connection, Step step) REQUIRES(m_onPool);
+    struct Job {
+        // One that throws is done, and must not hold those behind it.
+        bool isDone();
+
+        Request request;
+        GraphBacklog::Share share;  // counts the job until it is done
+        Step step;
+    };
+
+    void start(Job job) REQUIRES(m_onPool);
     void takeTurn() REQUIRES(m_onPool);
     void queueTurn() REQUIRES(m_onPool);
 
     ThreadPool& m_pool;
     GraphBacklog m_backlog;  // before the requests, which are counted there
     ThreadRole m_onPool;
-    std::map<int, std::deque<Step>> m_waiting GUARDED_BY(m_onPool);  // never an empty queue
+    std::map<int, std::deque<Job>> m_waiting GUARDED_BY(m_onPool);  // never an empty queue
     std::deque<int> m_order GUARDED_BY(m_onPool);  // the connections above, next one first
     bool m_turnQueued GUARDED_BY(m_onPool) = false;
 };

@@ -17,14 +17,15 @@ namespace kelm {
 
 class SnapshotServer;
 struct InfoPackage;
-struct KelmStatusExtend;
+class Request;
+struct KelmStatus;
 
 // The three ways to look into the running service: listeners that print into the log once an
 // interval, the status query of the client protocol, and the packages for tools on the snapshot
 // socket.
 //
-// A query's record is filled by several managers at a time and answered when the last has reported,
-// exactly once; its request is released with the answer or with the record.
+// A query's record is filled by several managers at a time and answered when the last has reported;
+// it owns the request until then.
 //
 // Threads: listeners are called on one thread of its own, packages are collected on the snapshot
 // server's, queries are handled on the pool; construction, setupListenThread(), start() and stop()
@@ -54,9 +55,8 @@ class InfoPrinter final : public Singleton<InfoPrinter>, public InfoCollector {
     bool registerListener(PrintInfoListener* listener) override EXCLUDES(m_listenersMutex);
     void unregisterListener(PrintInfoListener* listener) override EXCLUDES(m_listenersMutex);
 
-    // `request` is the client's message, owned from here on; blocks while the pool is full. A type
-    // without a known bit gets no answer.
-    void enqueueQueryStatus(uint64_t clientId, uint64_t queryType, int socket, void* request);
+    // Blocks while the pool is full. A type without a known bit gets no answer.
+    void enqueueQueryStatus(Request request);
     void enqueueQueryStatusDone(const std::shared_ptr<KelmStatus>& status,
                                 const std::string& source) override;
     void enqueueUpdateInfoPackageDone(const std::string& source) override;
@@ -69,7 +69,7 @@ class InfoPrinter final : public Singleton<InfoPrinter>, public InfoCollector {
     void printInfo() EXCLUDES(m_listenersMutex);
     bool isStopped() EXCLUDES(m_mutex);
 
-    void queryStatus(uint64_t clientId, uint64_t queryType, int socket, void* request);
+    void queryStatus(Request request);
     // One part is filled; the last one sends the answer.
     void queryStatusDone(const std::shared_ptr<KelmStatus>& status);
     // Returns when every manager has written its section and lets go of the package.

@@ -1,4 +1,5 @@
 // What the printer gathers from the managers: the record of a status query, and the package.
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
@@ -12,7 +13,7 @@
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "protocol/src/InfoPackage.h"
-#include "protocol/src/MessagePtr.h"
+#include "records/Request.h"
 #include "reporting/KelmStatus.h"
 #include "reporting/MemoryInspector.h"
 #include "utils/Log.h"
@@ -22,6 +23,14 @@ namespace kelm {
 namespace {
 
 using StatusPtr = std::shared_ptr<KelmStatus>;
+
+// A status record with the query that it answers.
+struct KelmStatusExtend : KelmStatus {
+    Request request;
+    // Atomic: lowered on the thread of each part. The first one is the query's own, so that quick
+    // managers do not send the answer before all parts are asked for.
+    std::atomic<uint8_t> pendingParts{1};
+};
 
 // Who fills the record, and for which bits of the query's type.
 struct StatusPart {
@@ -62,22 +71,16 @@ constexpr int kPackagePartNum = std::size(kPackageParts);
 
 }  // namespace
 
-void InfoPrinter::enqueueQueryStatus(uint64_t clientId, uint64_t queryType, int socket,
-                                     void* request) {
-    m_pool.post([this, clientId, queryType, socket, request] {
-        queryStatus(clientId, queryType, socket, request);
-    });
+void InfoPrinter::enqueueQueryStatus(Request request) {
+    m_pool.post(
+        [this, request = std::move(request)]() mutable { queryStatus(std::move(request)); });
 }
 
-void InfoPrinter::queryStatus(uint64_t clientId, uint64_t queryType, int socket, void* request) {
-    MessagePtr owned(static_cast<KelmMsgBase*>(request));
+void InfoPrinter::queryStatus(Request request) {
+    const uint64_t queryType = request.as<KelmMsgReqQueryStatus>().queryType;
     if ((queryType & kKnownBits) == 0 || isStopped()) return;
     const auto status = std::make_shared<KelmStatusExtend>();
-    status->clientId = clientId;
-    status->queryType = queryType;
-    status->socket = socket;
-    status->request = owned.release();
-    status->pendingParts = 1;  // our own, so that quick managers do not send the answer too early
+    status->request = std::move(request);
     for (const StatusPart& part : kStatusParts) {
         if ((queryType & part.bits) == 0) continue;
         status->pendingParts.fetch_add(1);
@@ -104,10 +107,7 @@ void InfoPrinter::queryStatusDone(const StatusPtr& status) {
         return;
     }
     if (query->pendingParts.fetch_sub(1) != 1 || isStopped()) return;
-    MessagePtr request(static_cast<KelmMsgBase*>(std::exchange(query->request, nullptr)));
-    ResultDispatcher::instance().enqueueSendQueryStatusResponse(status, query->socket,
-                                                                request.get());
-    (void)request.release();  // from here the answer owns it
+    ResultDispatcher::instance().enqueueSendQueryStatusResponse(status, std::move(query->request));
 }
 
 void InfoPrinter::collectInfoPackage(InfoPackage* package) {

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -13,14 +14,18 @@
 #include "managers/GraphManager.h"
 #include "managers/InfoPrinter.h"
 #include "managers/RequestConnection.h"
+#include "managers/RequestRow.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "protocol/src/KelmProtocol.h"
+#include "records/KelmTaskParam.h"
+#include "records/Request.h"
 #include "reporting/MemoryInspector.h"
 #include "utils/AccessController.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/RunPaths.h"
+#include "utils/TextHelper.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -45,6 +50,13 @@ milliseconds timeUntil(steady_clock::time_point deadline) {
     return std::max(left, milliseconds(0));
 }
 
+// Its manager reads a text where it is in the request, so one that fills its field is ended here.
+template <size_t N>
+const char* terminated(char (&field)[N]) {
+    field[N - 1] = '\0';
+    return field;
+}
+
 }  // namespace
 
 MessageDispatcher::MessageDispatcher(const char* name)
@@ -61,7 +73,6 @@ void MessageDispatcher::init() {
     try {
         reserveConnection();
         setupService();
-        initRequestHandlerMap();
         setupListenThread();
         m_infoPrinter->start();
         m_ready = true;
@@ -135,7 +146,6 @@ bool MessageDispatcher::stopService() {
     if (!ended) return false;  // a listen thread that was left behind may still use the rest
     m_listenConnection.reset();
     m_poller.reset();
-    m_requestHandlerMap.clear();
     return ended;
 }
 
@@ -238,20 +248,149 @@ bool MessageDispatcher::handleSocket(RequestConnection& connection, bool hungUp)
         LOG_INFO("failed to receive kelm message from socket (%d)", socket);
         return false;
     }
-    MessagePtr request = connection.takeRequest();
-    if (!handleMessage(request.get(), socket)) return false;
-    (void)request.release();
+    return handleMessage(Request(connection.takeRequest(), socket));
+}
+
+bool MessageDispatcher::handleMessage(Request request) {
+    const RequestRow* const row = RequestRow::find(request.getType());
+    if (row == nullptr) {
+        LOG_ERROR("Error: invalid message type (%d)", request.getType());
+        (void)request.take();  // not a request, so nothing is owed
+        return false;
+    }
+    (this->*row->handle)(std::move(request));
     return true;
 }
 
-bool MessageDispatcher::handleMessage(KelmMsgBase* message, int socket) {
-    const auto handler = m_requestHandlerMap.find(message->type);
-    if (handler == m_requestHandlerMap.end()) {
-        LOG_ERROR("Error: invalid message type (%d)", message->type);
-        return false;
+void MessageDispatcher::handleRegister(Request request) {
+    auto& asked = request.as<KelmMsgReqRegister>();
+    const int socket = request.getSocket();
+    const char* name = terminated(asked.clientName);
+    if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
+        connection->setUser(escapeControls(name));  // so that errors of the socket name the client
     }
-    (this->*handler->second)(message, socket);
-    return true;
+    LOG_PROC(m_debugProcess,
+             "enqueue register request(reqSeqNo=%lu): clientName=%s socket=%d userParam=%p",
+             asked.head.reqSeqNo, escapeControls(name), socket, request.getMessage());
+    m_clientManager->enqueueRegisterClient(std::move(request));
+}
+
+void MessageDispatcher::handleUnregister(Request request) {
+    m_onListenThread.assertHeld();
+    const int socket = request.getSocket();
+    LOG_PROC(m_debugProcess, "remove socket %d from listening list", socket);
+    if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
+        // Deliberate: for good, also if the client turns out to be unknown.
+        connection->blockPoller();
+        m_leaving.push_back(connection);
+    }
+    LOG_PROC(m_debugProcess,
+             "enqueue unregister request(reqSeqNo=%lu): client=%lu socket=%d userParam=%p",
+             request.as<KelmMsgReq>().reqSeqNo, request.getClientId(), socket,
+             request.getMessage());
+    m_clientManager->enqueueUnregisterClient(std::move(request));
+}
+
+void MessageDispatcher::handleCreateGraph(Request request) {
+    auto& asked = request.as<KelmMsgReqCreateGraph>();
+    const char* name = terminated(asked.graphName);
+    terminated(asked.graphTag);
+    terminated(asked.streamId);
+    const char* path = terminated(asked.graphPath);
+    if (asked.graphData == 0) {
+        LOG_PROC(m_debugProcess,
+                 "enqueue create graph request(reqSeqNo=%lu): client=%lu graphPath=%s graphName=%s "
+                 "subclass=%d expectDevices=%d socket=%d userParam=%p",
+                 asked.head.reqSeqNo, asked.clientId, escapeControls(path), escapeControls(name),
+                 asked.subclass, asked.expectDevices, request.getSocket(), request.getMessage());
+    } else {
+        LOG_PROC(
+            m_debugProcess,
+            "enqueue create graph request(reqSeqNo=%lu): client=%lu graphDataSize=%lu graphName=%s "
+            "subclass=%d expectDevices=%d socket=%d userParam=%p",
+            asked.head.reqSeqNo, asked.clientId, static_cast<uint64_t>(asked.graphDataSize),
+            escapeControls(name), asked.subclass, asked.expectDevices, request.getSocket(),
+            request.getMessage());
+    }
+    m_graphManager->enqueueCreateGraph(std::move(request));
+}
+
+void MessageDispatcher::handleDestroyGraph(Request request) {
+    const auto& asked = request.as<KelmMsgReqDestroyGraph>();
+    LOG_PROC(m_debugProcess,
+             "enqueue destroy graph request(reqSeqNo=%lu): client=%lu graph=%lu socket=%d "
+             "userParam=%p",
+             asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
+             request.getMessage());
+    m_graphManager->enqueueDestroyGraph(std::move(request));
+}
+
+void MessageDispatcher::handleInferTask(Request request) {
+    auto& asked = request.as<KelmMsgReqInferTask>();
+    KelmBuffer input;
+    KelmBuffer output;
+    KelmBuffer aux;
+    takeTaskBuffers(asked, input, output, aux);
+    for (KelmBuffer* buffer : {&input, &output, &aux}) terminated(buffer->name);
+    std::unique_ptr<KelmTaskParam> param(
+        KelmTaskParam::create(input, output, aux, kelmGetPeer(*request.getMessage())));
+    param->setOutputBufferProvided(true);
+    param->setAuxBufferProvided(true);
+    LOG_DEBUG("[TrackFd] create: clientId=%lu graphId=%lu inFd=%d outFd=%d auxFd=%d",
+              asked.clientId, asked.graphId, input.fd, output.fd, aux.fd);
+    LOG_PROC(
+        m_debugProcess,
+        "enqueue infer task request(reqSeqNo=%lu): client=%lu graph=%lu socket=%d userParam=%p",
+        asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
+        request.getMessage());
+    m_taskManager->enqueueCreateTask(std::move(request), std::move(param));
+}
+
+void MessageDispatcher::handleCancelTask(Request request) {
+    const auto& asked = request.as<KelmMsgReqCancelTask>();
+    LOG_PROC(m_debugProcess,
+             "enqueue cancel task request(reqSeqNo=%lu): client=%lu task=%lu socket=%d "
+             "userParam=%p",
+             asked.head.reqSeqNo, asked.clientId, asked.taskId, request.getSocket(),
+             request.getMessage());
+    m_taskManager->enqueueCancelTask(std::move(request));
+}
+
+void MessageDispatcher::handleQueryTaskStatus(Request request) {
+    const auto& asked = request.as<KelmMsgReqQueryTaskStatus>();
+    LOG_PROC(m_debugProcess,
+             "enqueue query task status request(reqSeqNo=%lu): client=%lu task=%lu socket=%d "
+             "userParam=%p",
+             asked.head.reqSeqNo, asked.clientId, asked.taskId, request.getSocket(),
+             request.getMessage());
+    m_taskManager->enqueueQueryTaskStatus(std::move(request));
+}
+
+void MessageDispatcher::handleQueryBufferSize(Request request) {
+    const auto& asked = request.as<KelmMsgReqQueryBufferSize>();
+    LOG_PROC(m_debugProcess,
+             "enqueue query graph buffer size request(reqSeqNo=%lu): client=%lu graph=%lu "
+             "socket=%d userParam=%p",
+             asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
+             request.getMessage());
+    m_graphManager->enqueueQueryBufferSize(std::move(request));
+}
+
+void MessageDispatcher::handleQueryStatus(Request request) {
+    m_infoPrinter->enqueueQueryStatus(std::move(request));
+}
+
+// Only proves that a descriptor comes through: there is nothing to do and no answer.
+void MessageDispatcher::handleTestSendFd(Request /*request*/) {}
+
+void MessageDispatcher::handleResetDevice(Request request) {
+    const auto& asked = request.as<KelmMsgReqResetDevice>();
+    LOG_PROC(m_debugProcess,
+             "enqueue reset device request(reqSeqNo=%lu): client=%lu deviceId=%u "
+             "resetAllDevices=%d socket=%d userParam=%p",
+             asked.head.reqSeqNo, asked.clientId, asked.deviceId, asked.resetAllDevices,
+             request.getSocket(), request.getMessage());
+    m_deviceManagerCreator->enqueueResetDevice(std::move(request));
 }
 
 void MessageDispatcher::closeConnect(int socket) {

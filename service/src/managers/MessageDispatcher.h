@@ -2,14 +2,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "protocol/src/KelmMessage.h"
 #include "utils/Semaphore.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadRole.h"
@@ -27,15 +25,13 @@ class ClientManager;
 class DeviceManagerCreator;
 class GraphManager;
 class InfoPrinter;
+class Request;
 class RequestConnection;
 class ResultDispatcher;
 class TaskManager;
 
 // The front door of the service: accepts clients, reads whole messages and hands each one to the
 // pool of the manager that it is for. Building it brings the service up, stopService() down.
-//
-// A request belongs to the manager that it was handed to, which passes it on to its answer; what
-// is not handed on is freed here.
 //
 // Threads: the listen thread reads every socket, and waits for no peer: what has come of a message
 // stays with its connection until the rest is there. The operations below run on any. Owns: the
@@ -60,13 +56,12 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     bool stopService();
 
  private:
-    using Handler = void (MessageDispatcher::*)(KelmMsgBase* message, int socket);
+    friend struct RequestRow;  // names the handlers
 
     void init();
     // Makes the listening connection, which has the number 0, so that no client ever has it.
     void reserveConnection();
     void setupService();
-    void initRequestHandlerMap();
     void setupListenThread();
     // Ends what a start that failed has left running.
     void abandonStart();
@@ -80,25 +75,26 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     void makeRoom() REQUIRES(m_onListenThread);
     // False when the client is to be closed.
     bool handleSocket(RequestConnection& connection, bool hungUp) REQUIRES(m_onListenThread);
-    // True when the message belongs to whom it was handed to.
-    bool handleMessage(KelmMsgBase* message, int socket) REQUIRES(m_onListenThread);
+    // False for a message that is no request.
+    bool handleMessage(Request request) REQUIRES(m_onListenThread);
     void closeConnect(int socket) REQUIRES(m_onListenThread);
     void pauseAccepting() REQUIRES(m_onListenThread);
     // What is due by the clock: the end of a pause, and clients that vanished while leaving.
     void handleTimers() REQUIRES(m_onListenThread);
     void closeVanishedClients() REQUIRES(m_onListenThread);
 
-    void handleRegister(KelmMsgBase* message, int socket);
-    void handleUnregister(KelmMsgBase* message, int socket);
-    void handleCreateGraph(KelmMsgBase* message, int socket);
-    void handleDestroyGraph(KelmMsgBase* message, int socket);
-    void handleInferTask(KelmMsgBase* message, int socket);
-    void handleCancelTask(KelmMsgBase* message, int socket);
-    void handleQueryTaskStatus(KelmMsgBase* message, int socket);
-    void handleQueryBufferSize(KelmMsgBase* message, int socket);
-    void handleQueryStatus(KelmMsgBase* message, int socket);
-    void handleTestSendFd(KelmMsgBase* message, int socket);
-    void handleResetDevice(KelmMsgBase* message, int socket);
+    // Each leaves a trace and hands the request to the pool of its manager.
+    void handleRegister(Request request);
+    void handleUnregister(Request request);
+    void handleCreateGraph(Request request);
+    void handleDestroyGraph(Request request);
+    void handleInferTask(Request request);
+    void handleCancelTask(Request request);
+    void handleQueryTaskStatus(Request request);
+    void handleQueryBufferSize(Request request);
+    void handleQueryStatus(Request request);
+    void handleTestSendFd(Request request);
+    void handleResetDevice(Request request);
 
     const std::string m_name;
     bool m_ready = false;             // fixed after construction
@@ -107,7 +103,6 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     Semaphore m_listenEnded{0, 0};
     std::thread m_listenThread;
     const bool m_debugProcess;
-    std::map<uint32_t, Handler> m_requestHandlerMap;  // by type; fixed while the thread runs
     DeviceManagerCreator* m_deviceManagerCreator = nullptr;
     ClientManager* m_clientManager = nullptr;
     GraphManager* m_graphManager = nullptr;

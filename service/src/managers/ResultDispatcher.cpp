@@ -13,6 +13,7 @@
 #include "records/ClientConnection.h"
 #include "records/KelmTask.h"
 #include "reporting/InfoCollector.h"
+#include "reporting/ReportPart.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
@@ -225,6 +226,15 @@ std::shared_ptr<Backlog> ResultDispatcher::findBacklogUnsafe(int socket) const {
         if (sender->getSocket() == socket) return sender->getBacklog();
     }
     return nullptr;
+}
+
+void ResultDispatcher::enqueueQueryServiceFps(const std::shared_ptr<KelmStatus>& status) {
+    m_mainPool.post([this, status] { queryServiceFps(status); });
+}
+
+void ResultDispatcher::queryServiceFps(const std::shared_ptr<KelmStatus>& status) {
+    reportStatusPart(status, "ResultDispatcher",
+                     [this](KelmStatus& record) { record.serviceFps = m_finishedTasks.getFps(); });
 }
 
 void ResultDispatcher::onPrintInfo() { printServiceFps(); }

@@ -9,7 +9,6 @@
 #include "execution/ResultSink.h"
 #include "managers/StrangerSender.h"
 #include "protocol/src/KelmError.h"
-#include "protocol/src/KelmMessage.h"
 #include "protocol/src/MessagePtr.h"
 #include "reporting/PrintInfoListener.h"
 #include "utils/FpsCounter.h"
@@ -25,15 +24,17 @@ class ClientSender;
 class KelmClient;
 class KelmGraph;
 class KelmTask;
+class Request;
 struct KelmStatus;
+struct RequestRow;
 
 // Builds every message that leaves the service and decides on which thread it is written. Building
 // is serial, on the main pool; writing is per client, so that a client that reads slowly stalls its
 // own messages only. A done message that is ready before the create response is out waits in its
 // task.
 //
-// Each send...Response answers `userParam`, the request message, exactly once and frees it; the
-// enqueue... of the same name may be called on any thread and blocks while the main pool is full.
+// The enqueueSend... calls that take a request answer it. They may be called on any thread and
+// block while the main pool is full.
 //
 // Threads: m_mainPool builds, m_strangers writes what belongs to no client, one pool per client
 // writes that client's messages in order.
@@ -46,27 +47,22 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     ResultDispatcher();
     ~ResultDispatcher() override;
 
-    void enqueueSendRegisterResponse(uint64_t clientId, int socket, KelmError error,
-                                     void* userParam);
-    void enqueueSendUnregisterResponse(uint64_t clientId, int socket, KelmError error,
-                                       void* userParam);
+    void enqueueSendRegisterResponse(uint64_t clientId, KelmError error, Request request);
+    void enqueueSendUnregisterResponse(KelmError error, Request request);
     // A null graph is a failure. The graph is read before the call returns.
-    void enqueueSendCreateGraphResponse(KelmGraph* graph, KelmError error, int socket,
-                                        void* userParam);
-    void enqueueSendDestroyGraphResponse(KelmError error, int socket, void* userParam);
+    void enqueueSendCreateGraphResponse(const KelmGraph* graph, KelmError error, Request request);
+    void enqueueSendDestroyGraphResponse(KelmError error, Request request);
     void enqueueSendQueryBufferSizeResponse(uint64_t inputSize, uint64_t outputSize,
-                                            KelmError error, int socket, void* userParam);
-    // A null task is a refusal. The task is read before the call returns, and may be gone after.
-    void enqueueSendCreateTaskResponse(KelmTask* task, KelmError error, int socket,
-                                       void* userParam);
-    void enqueueSendCancelTaskResponse(bool canceled, KelmError error, int socket, void* userParam);
-    void enqueueSendQueryTaskStatusResponse(int32_t status, KelmError error, int socket,
-                                            void* userParam);
-    void enqueueSendResetDeviceResponse(KelmError error, int socket, void* userParam) override;
+                                            KelmError error, Request request);
+    // A null task is a refusal. The task is read before the call returns, and may be destroyed
+    // right after.
+    void enqueueSendCreateTaskResponse(const KelmTask* task, KelmError error, Request request);
+    void enqueueSendCancelTaskResponse(bool canceled, KelmError error, Request request);
+    void enqueueSendQueryTaskStatusResponse(int32_t status, KelmError error, Request request);
+    void enqueueSendResetDeviceResponse(KelmError error, Request request) override;
     void enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) override;
     // The record is complete and does not change any more.
-    void enqueueSendQueryStatusResponse(const std::shared_ptr<KelmStatus>& status, int socket,
-                                        void* userParam);
+    void enqueueSendQueryStatusResponse(const std::shared_ptr<KelmStatus>& status, Request request);
     // Fills in the rate of the service and reports that.
     void enqueueQueryServiceFps(const std::shared_ptr<KelmStatus>& status);
     // The client's record is about to go: reports to the client manager once every answer is out
@@ -81,47 +77,30 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void onPrintInfo() override;
 
  private:
-    // One answer to a request.
+    // Where an answer goes and what it says of itself.
     struct Answer {
-        KelmMsgType type;
+        const RequestRow& row;
         uint64_t clientId;
         uint64_t id;  // what it is about, for the log
         KelmError error;
         int socket;
     };
-    struct GraphSizes;
 
-    // Building, on the main pool.
-    void sendRegisterResponse(uint64_t clientId, int socket, KelmError error, void* userParam)
+    // Building, on the main pool. `fill` writes what the type of the answer has beyond its head:
+    // fill(const Asked& request, Told& response).
+    template <class Asked, class Told, class Fill>
+    void enqueueAnswer(Request request, uint64_t id, KelmError error, Fill fill);
+    void sendRegisterResponse(uint64_t clientId, KelmError error, Request request)
         REQUIRES(m_onMainPool);
-    void sendUnregisterResponse(uint64_t clientId, int socket, KelmError error, void* userParam)
-        REQUIRES(m_onMainPool);
-    void sendCreateGraphResponse(const GraphSizes& graph, KelmError error, int socket,
-                                 void* userParam) REQUIRES(m_onMainPool);
-    void sendDestroyGraphResponse(KelmError error, int socket, void* userParam)
-        REQUIRES(m_onMainPool);
-    void sendQueryBufferSizeResponse(uint64_t inputSize, uint64_t outputSize, KelmError error,
-                                     int socket, void* userParam) REQUIRES(m_onMainPool);
-    void sendCreateTaskResponse(uint64_t taskId, KelmError error, int socket, void* userParam)
-        REQUIRES(m_onMainPool);
-    void sendCancelTaskResponse(bool canceled, KelmError error, int socket, void* userParam)
-        REQUIRES(m_onMainPool);
-    void sendQueryTaskStatusResponse(int32_t status, KelmError error, int socket, void* userParam)
-        REQUIRES(m_onMainPool);
-    void sendResetDeviceResponse(KelmError error, int socket, void* userParam)
-        REQUIRES(m_onMainPool);
+    void sendUnregisterResponse(KelmError error, Request request) REQUIRES(m_onMainPool);
     void sendTaskDoneResponse(KelmTask* task, KelmError error) REQUIRES(m_onMainPool);
-    void sendQueryStatusResponse(const KelmStatus& status, int socket, void* userParam)
-        REQUIRES(m_onMainPool);
     void queryServiceFps(const std::shared_ptr<KelmStatus>& status);
 
-    // Both false, with the reason logged, when the request gets no answer.
-    static bool hasRequest(const MessagePtr& request);
+    // False, with the reason logged, when the request gets no answer.
     bool checkInputParameters(const Answer& answer, const KelmMsgReq& request);
     // The response with its head filled, or null when it is not to be sent.
     MessagePtr makeResponse(const Answer& answer, const KelmMsgReq& request);
-    void deliver(const Answer& answer, MessagePtr message, uint64_t createdTaskId = 0)
-        REQUIRES(m_onMainPool);
+    void deliver(const Answer& answer, MessagePtr message) REQUIRES(m_onMainPool);
     // The client that counts the task, and is told of its end if it wants that; or null.
     KelmClient* findReceiver(KelmTask& task);
     // False if the message waits for the create response: the thread that writes that sends it,

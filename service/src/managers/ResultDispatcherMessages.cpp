@@ -1,15 +1,17 @@
-// The answers to requests: one builder per message, and what they share.
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
 
 #include "managers/ClientManager.h"
 #include "managers/ClientSender.h"
+#include "managers/RequestRow.h"
 #include "managers/ResultDispatcher.h"
+#include "managers/StatusAnswer.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
+#include "records/Request.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
@@ -17,57 +19,6 @@
 namespace kelm {
 
 namespace {
-
-// The words of one response for the log.
-struct ResponseWords {
-    KelmMsgType type;
-    const char* record;  // for a failed allocation
-    const char* trace;
-    bool traceHasId;  // sequence and client, then perhaps the id of what the answer is about
-    const char* cancel;
-    bool cancelHasId;
-};
-
-constexpr ResponseWords kResponseWords[] = {
-    {KELM_MESSAGE_REGISTER_RSP, "KelmMsgRspRegister",
-     "sendRegisterResponse(rspSeqNo=%lu): clientId=%lu", false,
-     "cancel sendRegisterResponse: clientId=%lu", false},
-    {KELM_MESSAGE_UNREGISTER_RSP, "KelmMsgRspUnregister",
-     "sendUnregisterResponse(rspSeqNo=%lu): clientId=%lu", false,
-     "cancel sendUnregisterResponse: clientId=%lu", false},
-    {KELM_MESSAGE_CREATE_GRAPH_RSP, "KelmMsgRspCreateGraph",
-     "sendCreateGraphResponse(rspSeqNo=%lu): clientId=%lu graphId=%lu", true,
-     "cancel sendCreateGraphResponse: clientId=%lu graphId=%lu", true},
-    {KELM_MESSAGE_DESTROY_GRAPH_RSP, "KelmMsgRspDestroyGraph",
-     "sendDestroyGraphResponse(rspSeqNo=%lu): clientId=%lu graph=%lu", true,
-     "cancel sendDestroyGraphResponse: clientId=%lu", false},
-    {KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP, "KelmMsgRspQueryBufferSize",
-     "sendQueryBufferSizeResponse(rspSeqNo=%lu): clientId=%lu graph=%lu", true,
-     "cancel sendQueryBufferSizeResponse: clientId=%lu", false},
-    {KELM_MESSAGE_INFER_TASK_RSP, "KelmMsgRspInferTask",
-     "sendCreateTaskResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", true,
-     "cancel sendCreateTaskResponse: clientId=%lu", false},
-    // Deliberate: the three below share the words of a canceled answer, which log readers know.
-    {KELM_MESSAGE_CANCEL_TASK_RSP, "KelmMsgRspCancelTask",
-     "sendCancelTaskResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", true,
-     "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
-    {KELM_MESSAGE_QUERY_TASK_STATUS_RSP, "KelmMsgRspQueryTaskStatus",
-     "sendQueryTaskStatusResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", true,
-     "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
-    {KELM_MESSAGE_QUERY_STATUS_RSP, "KelmMsgRspQueryStatus",
-     "sendQueryStatusResponse(rspSeqNo=%lu): clientId=%lu queryType=%lu", true,
-     "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
-    {KELM_MESSAGE_RESET_DEVICE_RSP, "KelmMsgRspResetDevice",
-     "sendResetDeviceResponse(rspSeqNo=%lu): clientId=%lu deviceId=%lu", true,
-     "cancel sendResetDeviceResponse: clientId=%lu", false},
-};
-
-const ResponseWords& wordsOf(KelmMsgType type) {
-    const auto* words = std::find_if(std::begin(kResponseWords), std::end(kResponseWords),
-                                     [type](const ResponseWords& row) { return row.type == type; });
-    CR_ASSERT(words != std::end(kResponseWords), "no words for a response");
-    return *words;
-}
 
 // A zeroed record; running out of memory ends the process.
 MessagePtr allocate(KelmMsgType type, const char* record) {
@@ -103,10 +54,8 @@ Record& as(const MessagePtr& message) {
     return *reinterpret_cast<Record*>(message.get());
 }
 
-}  // namespace
-
 // What the answer tells of a graph, taken while the graph is there; all 0 without one.
-struct ResultDispatcher::GraphSizes {
+struct GraphSizes {
     explicit GraphSizes(const KelmGraph* graph) {
         if (graph == nullptr) return;
         id = graph->getId();
@@ -125,10 +74,11 @@ struct ResultDispatcher::GraphSizes {
     uint64_t thermal = 0;
 };
 
-bool ResultDispatcher::hasRequest(const MessagePtr& request) {
-    if (!request) LOG_ERROR("Error: no request info for construct response message");
-    return request != nullptr;
-}
+// For answers that have no fields of their own.
+template <class Asked>
+constexpr auto kOnlyHead = [](const Asked& /*request*/, KelmMsgRsp& /*response*/) {};
+
+}  // namespace
 
 bool ResultDispatcher::checkInputParameters(const Answer& answer, const KelmMsgReq& request) {
     if (request.needResponse == 0) {
@@ -138,78 +88,85 @@ bool ResultDispatcher::checkInputParameters(const Answer& answer, const KelmMsgR
     } else {
         return true;
     }
-    const ResponseWords& words = wordsOf(answer.type);
-    if (words.cancelHasId) {
-        LOG_PROC(m_debugProcess, words.cancel, answer.clientId, answer.id);
+    if (answer.row.cancelHasId) {
+        LOG_PROC(m_debugProcess, answer.row.cancel, answer.clientId, answer.id);
     } else {
-        LOG_PROC(m_debugProcess, words.cancel, answer.clientId);
+        LOG_PROC(m_debugProcess, answer.row.cancel, answer.clientId);
     }
     return false;
 }
 
 MessagePtr ResultDispatcher::makeResponse(const Answer& answer, const KelmMsgReq& request) {
     if (!checkInputParameters(answer, request)) return nullptr;
-    MessagePtr message = allocate(answer.type, wordsOf(answer.type).record);
+    MessagePtr message = allocate(answer.row.answer, answer.row.answerRecord);
     fillHead(request, answer.clientId, answer.error, as<KelmMsgRsp>(message));
     // The answer may go out by the connection's number, after its peer has hung up.
     kelmShareOrigin(request.base, *message);
     return message;
 }
 
-void ResultDispatcher::deliver(const Answer& answer, MessagePtr message, uint64_t createdTaskId) {
-    const ResponseWords& words = wordsOf(answer.type);
+void ResultDispatcher::deliver(const Answer& answer, MessagePtr message) {
     const uint64_t sequence = as<KelmMsgRsp>(message).rspSeqNo;
-    if (words.traceHasId) {
-        LOG_PROC(m_debugProcess, words.trace, sequence, answer.clientId, answer.id);
+    if (answer.row.traceHasId) {
+        LOG_PROC(m_debugProcess, answer.row.trace, sequence, answer.clientId, answer.id);
     } else {
-        LOG_PROC(m_debugProcess, words.trace, sequence, answer.clientId);
+        LOG_PROC(m_debugProcess, answer.row.trace, sequence, answer.clientId);
     }
+    const bool createsTask = answer.row.answer == KELM_MESSAGE_INFER_TASK_RSP;
+    const uint64_t createdTaskId = createsTask ? answer.id : 0;
     ClientSender* const sender = getDedicatedThreadPool(answer.clientId);
-    // Who names another user's client gets the answer, not that client. It is the sender that is
-    // asked, since the id may be given out at this moment.
+    // A request that names another user's client is answered to its sender, not to that client. It
+    // is the ClientSender that is asked, since the id may be given out at this moment.
     const bool isOthers = sender != nullptr && !sender->isOfUser(kelmGetPeer(*message)->user);
     sendResponse(isOthers ? nullptr : sender, isOthers ? 0 : answer.clientId, answer.socket,
                  std::move(message), createdTaskId);
 }
 
-void ResultDispatcher::enqueueSendRegisterResponse(uint64_t clientId, int socket, KelmError error,
-                                                   void* userParam) {
-    m_mainPool.post([this, clientId, socket, error, userParam] {
+template <class Asked, class Told, class Fill>
+void ResultDispatcher::enqueueAnswer(Request request, uint64_t id, KelmError error, Fill fill) {
+    m_mainPool.post([this, id, error, fill, request = std::move(request)]() mutable {
         m_onMainPool.assertHeld();
-        sendRegisterResponse(clientId, socket, error, userParam);
+        const Answer answer{RequestRow::of(request.getType()), request.getClientId(), id, error,
+                            request.getSocket()};
+        const MessagePtr asked = request.take();
+        MessagePtr message = makeResponse(answer, as<KelmMsgReq>(asked));
+        if (!message) return;
+        fill(as<const Asked>(asked), as<Told>(message));
+        deliver(answer, std::move(message));
     });
 }
 
-void ResultDispatcher::sendRegisterResponse(uint64_t clientId, int socket, KelmError error,
-                                            void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const Answer answer{KELM_MESSAGE_REGISTER_RSP, clientId, 0, error, socket};
-    if (MessagePtr message = makeResponse(answer, as<KelmMsgReq>(request))) {
+void ResultDispatcher::enqueueSendRegisterResponse(uint64_t clientId, KelmError error,
+                                                   Request request) {
+    m_mainPool.post([this, clientId, error, request = std::move(request)]() mutable {
+        m_onMainPool.assertHeld();
+        sendRegisterResponse(clientId, error, std::move(request));
+    });
+}
+
+void ResultDispatcher::sendRegisterResponse(uint64_t clientId, KelmError error, Request request) {
+    const Answer answer{RequestRow::of(request.getType()), clientId, 0, error, request.getSocket()};
+    const MessagePtr asked = request.take();
+    if (MessagePtr message = makeResponse(answer, as<KelmMsgReq>(asked))) {
         deliver(answer, std::move(message));
     }
 }
 
-void ResultDispatcher::enqueueSendUnregisterResponse(uint64_t clientId, int socket, KelmError error,
-                                                     void* userParam) {
-    m_mainPool.post([this, clientId, socket, error, userParam] {
+void ResultDispatcher::enqueueSendUnregisterResponse(KelmError error, Request request) {
+    m_mainPool.post([this, error, request = std::move(request)]() mutable {
         m_onMainPool.assertHeld();
-        sendUnregisterResponse(clientId, socket, error, userParam);
+        sendUnregisterResponse(error, std::move(request));
     });
 }
 
-void ResultDispatcher::sendUnregisterResponse(uint64_t clientId, int socket, KelmError error,
-                                              void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!request) {
-        LOG_WARN("Warn: no request info for construct response message");
-        return;
-    }
-    const Answer answer{KELM_MESSAGE_UNREGISTER_RSP, clientId, 0, error, socket};
-    if (MessagePtr message = makeResponse(answer, as<KelmMsgReq>(request))) {
+void ResultDispatcher::sendUnregisterResponse(KelmError error, Request request) {
+    const Answer answer{RequestRow::of(request.getType()), request.getClientId(), 0, error,
+                        request.getSocket()};
+    const MessagePtr asked = request.take();
+    if (MessagePtr message = makeResponse(answer, as<KelmMsgReq>(asked))) {
         deliver(answer, std::move(message));
-    } else if (error == KELM_OK) {  // nobody leaves for a refused request
-        cancelUnregisterResponse(clientId);
+    } else if (error == KELM_OK) {  // a refused request makes no client leave
+        cancelUnregisterResponse(answer.clientId);
     }
 }
 
@@ -223,166 +180,100 @@ void ResultDispatcher::cancelUnregisterResponse(uint64_t clientId) {
     sender->postNotice([sender] { finishUnregister(*sender); });
 }
 
-void ResultDispatcher::enqueueSendCreateGraphResponse(KelmGraph* graph, KelmError error, int socket,
-                                                      void* userParam) {
-    m_mainPool.post([this, sizes = GraphSizes(graph), error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendCreateGraphResponse(sizes, error, socket, userParam);
-    });
+void ResultDispatcher::enqueueSendCreateGraphResponse(const KelmGraph* graph, KelmError error,
+                                                      Request request) {
+    using Asked = KelmMsgReqCreateGraph;
+    using Told = KelmMsgRspCreateGraph;
+    const GraphSizes sizes(graph);
+    enqueueAnswer<Asked, Told>(std::move(request), sizes.id, error,
+                               [sizes](const Asked& /*request*/, Told& response) {
+                                   response.graphId = sizes.id;
+                                   response.inputBufferSize = sizes.input;
+                                   response.outputBufferSize = sizes.output;
+                                   response.debugBufferSize = sizes.debug;
+                                   response.timeTakensSize = sizes.timeTakens;
+                                   response.thermalBufferSize = sizes.thermal;
+                               });
 }
 
-void ResultDispatcher::sendCreateGraphResponse(const GraphSizes& graph, KelmError error, int socket,
-                                               void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& create = as<KelmMsgReqCreateGraph>(request);
-    const Answer answer{KELM_MESSAGE_CREATE_GRAPH_RSP, create.clientId, graph.id, error, socket};
-    MessagePtr message = makeResponse(answer, create.head);
-    if (!message) return;
-    auto& response = as<KelmMsgRspCreateGraph>(message);
-    response.graphId = graph.id;
-    response.inputBufferSize = graph.input;
-    response.outputBufferSize = graph.output;
-    response.debugBufferSize = graph.debug;
-    response.timeTakensSize = graph.timeTakens;
-    response.thermalBufferSize = graph.thermal;
-    deliver(answer, std::move(message));
-}
-
-void ResultDispatcher::enqueueSendDestroyGraphResponse(KelmError error, int socket,
-                                                       void* userParam) {
-    m_mainPool.post([this, error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendDestroyGraphResponse(error, socket, userParam);
-    });
-}
-
-void ResultDispatcher::sendDestroyGraphResponse(KelmError error, int socket, void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& destroy = as<KelmMsgReqDestroyGraph>(request);
-    const Answer answer{KELM_MESSAGE_DESTROY_GRAPH_RSP, destroy.clientId, destroy.graphId, error,
-                        socket};
-    if (MessagePtr message = makeResponse(answer, destroy.head)) {
-        deliver(answer, std::move(message));
-    }
+void ResultDispatcher::enqueueSendDestroyGraphResponse(KelmError error, Request request) {
+    using Asked = KelmMsgReqDestroyGraph;
+    const uint64_t graphId = request.as<Asked>().graphId;
+    enqueueAnswer<Asked, KelmMsgRspDestroyGraph>(std::move(request), graphId, error,
+                                                 kOnlyHead<Asked>);
 }
 
 void ResultDispatcher::enqueueSendQueryBufferSizeResponse(uint64_t inputSize, uint64_t outputSize,
-                                                          KelmError error, int socket,
-                                                          void* userParam) {
-    m_mainPool.post([this, inputSize, outputSize, error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendQueryBufferSizeResponse(inputSize, outputSize, error, socket, userParam);
-    });
+                                                          KelmError error, Request request) {
+    using Asked = KelmMsgReqQueryBufferSize;
+    using Told = KelmMsgRspQueryBufferSize;
+    const uint64_t graphId = request.as<Asked>().graphId;
+    enqueueAnswer<Asked, Told>(std::move(request), graphId, error,
+                               [inputSize, outputSize](const Asked& query, Told& response) {
+                                   response.graphId = query.graphId;
+                                   response.inputBufferSize = inputSize;
+                                   response.outputBufferSize = outputSize;
+                               });
 }
 
-void ResultDispatcher::sendQueryBufferSizeResponse(uint64_t inputSize, uint64_t outputSize,
-                                                   KelmError error, int socket, void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& query = as<KelmMsgReqQueryBufferSize>(request);
-    const Answer answer{KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP, query.clientId, query.graphId, error,
-                        socket};
-    MessagePtr message = makeResponse(answer, query.head);
-    if (!message) return;
-    auto& response = as<KelmMsgRspQueryBufferSize>(message);
-    response.graphId = query.graphId;
-    response.inputBufferSize = inputSize;
-    response.outputBufferSize = outputSize;
-    deliver(answer, std::move(message));
-}
-
-void ResultDispatcher::enqueueSendCreateTaskResponse(KelmTask* task, KelmError error, int socket,
-                                                     void* userParam) {
+void ResultDispatcher::enqueueSendCreateTaskResponse(const KelmTask* task, KelmError error,
+                                                     Request request) {
+    using Asked = KelmMsgReqInferTask;
+    using Told = KelmMsgRspInferTask;
     const uint64_t taskId = task != nullptr ? task->getId() : 0;
-    m_mainPool.post([this, taskId, error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendCreateTaskResponse(taskId, error, socket, userParam);
-    });
+    enqueueAnswer<Asked, Told>(std::move(request), taskId, error,
+                               [taskId](const Asked& infer, Told& response) {
+                                   response.taskId = taskId;
+                                   response.taskCookie0 = infer.taskCookie0;
+                                   response.taskCookie1 = infer.taskCookie1;
+                               });
 }
 
-void ResultDispatcher::sendCreateTaskResponse(uint64_t taskId, KelmError error, int socket,
-                                              void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& infer = as<KelmMsgReqInferTask>(request);
-    const Answer answer{KELM_MESSAGE_INFER_TASK_RSP, infer.clientId, taskId, error, socket};
-    MessagePtr message = makeResponse(answer, infer.head);
-    if (!message) return;
-    auto& response = as<KelmMsgRspInferTask>(message);
-    response.taskId = taskId;
-    response.taskCookie0 = infer.taskCookie0;
-    response.taskCookie1 = infer.taskCookie1;
-    deliver(answer, std::move(message), taskId);
-}
-
-void ResultDispatcher::enqueueSendCancelTaskResponse(bool canceled, KelmError error, int socket,
-                                                     void* userParam) {
-    m_mainPool.post([this, canceled, error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendCancelTaskResponse(canceled, error, socket, userParam);
-    });
-}
-
-void ResultDispatcher::sendCancelTaskResponse(bool canceled, KelmError error, int socket,
-                                              void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& cancel = as<KelmMsgReqCancelTask>(request);
-    const Answer answer{KELM_MESSAGE_CANCEL_TASK_RSP, cancel.clientId, cancel.taskId, error,
-                        socket};
-    MessagePtr message = makeResponse(answer, cancel.head);
-    if (!message) return;
-    auto& response = as<KelmMsgRspCancelTask>(message);
-    response.taskId = cancel.taskId;
-    response.canceled = canceled ? 1 : 0;
-    deliver(answer, std::move(message));
+void ResultDispatcher::enqueueSendCancelTaskResponse(bool canceled, KelmError error,
+                                                     Request request) {
+    using Asked = KelmMsgReqCancelTask;
+    using Told = KelmMsgRspCancelTask;
+    const uint64_t taskId = request.as<Asked>().taskId;
+    enqueueAnswer<Asked, Told>(std::move(request), taskId, error,
+                               [canceled](const Asked& cancel, Told& response) {
+                                   response.taskId = cancel.taskId;
+                                   response.canceled = canceled ? 1 : 0;
+                               });
 }
 
 void ResultDispatcher::enqueueSendQueryTaskStatusResponse(int32_t status, KelmError error,
-                                                          int socket, void* userParam) {
-    m_mainPool.post([this, status, error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendQueryTaskStatusResponse(status, error, socket, userParam);
-    });
+                                                          Request request) {
+    using Asked = KelmMsgReqQueryTaskStatus;
+    using Told = KelmMsgRspQueryTaskStatus;
+    const uint64_t taskId = request.as<Asked>().taskId;
+    enqueueAnswer<Asked, Told>(std::move(request), taskId, error,
+                               [status](const Asked& query, Told& response) {
+                                   response.taskId = query.taskId;
+                                   response.taskStatus = status;
+                               });
 }
 
-void ResultDispatcher::sendQueryTaskStatusResponse(int32_t status, KelmError error, int socket,
-                                                   void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& query = as<KelmMsgReqQueryTaskStatus>(request);
-    const Answer answer{KELM_MESSAGE_QUERY_TASK_STATUS_RSP, query.clientId, query.taskId, error,
-                        socket};
-    MessagePtr message = makeResponse(answer, query.head);
-    if (!message) return;
-    auto& response = as<KelmMsgRspQueryTaskStatus>(message);
-    response.taskId = query.taskId;
-    response.taskStatus = status;
-    deliver(answer, std::move(message));
+void ResultDispatcher::enqueueSendResetDeviceResponse(KelmError error, Request request) {
+    using Asked = KelmMsgReqResetDevice;
+    using Told = KelmMsgRspResetDevice;
+    const uint64_t deviceId = request.as<Asked>().deviceId;
+    enqueueAnswer<Asked, Told>(std::move(request), deviceId, error,
+                               [](const Asked& reset, Told& response) {
+                                   response.deviceId = reset.deviceId;
+                                   response.resetAllDevices = reset.resetAllDevices;
+                               });
 }
 
-void ResultDispatcher::enqueueSendResetDeviceResponse(KelmError error, int socket,
-                                                      void* userParam) {
-    m_mainPool.post([this, error, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendResetDeviceResponse(error, socket, userParam);
-    });
-}
-
-void ResultDispatcher::sendResetDeviceResponse(KelmError error, int socket, void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& reset = as<KelmMsgReqResetDevice>(request);
-    const Answer answer{KELM_MESSAGE_RESET_DEVICE_RSP, reset.clientId, reset.deviceId, error,
-                        socket};
-    MessagePtr message = makeResponse(answer, reset.head);
-    if (!message) return;
-    auto& response = as<KelmMsgRspResetDevice>(message);
-    response.deviceId = reset.deviceId;
-    response.resetAllDevices = reset.resetAllDevices;
-    deliver(answer, std::move(message));
+void ResultDispatcher::enqueueSendQueryStatusResponse(const std::shared_ptr<KelmStatus>& status,
+                                                      Request request) {
+    using Asked = KelmMsgReqQueryStatus;
+    using Told = KelmMsgRspQueryStatus;
+    const uint64_t queryType = request.as<Asked>().queryType;
+    enqueueAnswer<Asked, Told>(std::move(request), queryType, KELM_OK,
+                               [status](const Asked& query, Told& response) {
+                                   response.queryType = query.queryType;
+                                   fillStatusAnswer(*status, query.queryType, response);
+                               });
 }
 
 void ResultDispatcher::enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) {

@@ -35,25 +35,20 @@ TaskManager::~TaskManager() {
     deleteLeftovers();
 }
 
-void TaskManager::enqueueCreateTask(uint64_t clientId, uint64_t graphId, KelmTaskParam* taskParam,
-                                    int socket, void* userParam) {
-    m_pool->post([this, clientId, graphId, taskParam, response = Response{userParam, socket}] {
-        createTask(clientId, graphId, std::unique_ptr<KelmTaskParam>(taskParam), response);
+void TaskManager::enqueueCreateTask(Request request, std::unique_ptr<KelmTaskParam> taskParam) {
+    m_pool->post([this, request = std::move(request), taskParam = std::move(taskParam)]() mutable {
+        createTask(std::move(request), std::move(taskParam));
     });
 }
 
-void TaskManager::enqueueCancelTask(uint64_t clientId, uint64_t taskId, int socket,
-                                    void* userParam) {
-    m_pool->post([this, clientId, taskId, response = Response{userParam, socket}] {
-        cancelTask(clientId, taskId, response);
-    });
+void TaskManager::enqueueCancelTask(Request request) {
+    m_pool->post(
+        [this, request = std::move(request)]() mutable { cancelTask(std::move(request)); });
 }
 
-void TaskManager::enqueueQueryTaskStatus(uint64_t clientId, uint64_t taskId, int socket,
-                                         void* userParam) {
-    m_pool->post([this, clientId, taskId, response = Response{userParam, socket}] {
-        queryTaskStatus(clientId, taskId, response);
-    });
+void TaskManager::enqueueQueryTaskStatus(Request request) {
+    m_pool->post(
+        [this, request = std::move(request)]() mutable { queryTaskStatus(std::move(request)); });
 }
 
 void TaskManager::enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& status) {
@@ -100,28 +95,27 @@ void TaskManager::enqueueNotifyGraphInDestroy(KelmGraph* graph) {
     m_pool->postNotice([this, graph] { notifyGraphInDestroy(graph); });
 }
 
-void TaskManager::createTask(uint64_t clientId, uint64_t graphId,
-                             std::unique_ptr<KelmTaskParam> taskParam, const Response& response) {
+void TaskManager::createTask(Request request, std::unique_ptr<KelmTaskParam> taskParam) {
     KelmClient* client = nullptr;
     KelmGraph* graph = nullptr;
-    const KelmError refusal = admitTask(clientId, graphId, response.userParam, client, graph);
+    const KelmError refusal = admitTask(request, client, graph);
     if (refusal != KELM_OK) {
-        sendCreateTaskResponse(nullptr, refusal, response);
+        sendCreateTaskResponse(nullptr, refusal, std::move(request));
         return;
     }
     const uint64_t taskId = m_nextTaskId.fetch_add(1);
-    auto task =
-        std::make_unique<KelmTask>(taskId, client, graph, taskParam.release(),
-                                   static_cast<const KelmMsgReqInferTask*>(response.userParam));
+    auto task = std::make_unique<KelmTask>(taskId, client, graph, taskParam.release(),
+                                           &request.as<KelmMsgReqInferTask>());
     m_taskTraces.begin(taskId);
-    enterTask(task.release(), clientId, response);
+    enterTask(task.release(), std::move(request));
 }
 
-KelmError TaskManager::admitTask(uint64_t clientId, uint64_t graphId, const void* request,
-                                 KelmClient*& client, KelmGraph*& graph) {
+KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
+                                 KelmGraph*& graph) const {
     // A client that runs now is not confirmed as gone, and a graph that is found now not deleted,
     // before this thread has handled the notice of their end, which queues behind this request.
-    const bool admitted = ClientManager::instance().verifyRequester(clientId, request);
+    const uint64_t clientId = request.getClientId();
+    const bool admitted = ClientManager::instance().verifyRequester(request);
     client = admitted ? getClientById(clientId) : nullptr;
     if (client == nullptr) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
@@ -131,6 +125,7 @@ KelmError TaskManager::admitTask(uint64_t clientId, uint64_t graphId, const void
         LOG_PROC(m_debugProcess, "aggressive client(id:%lu) with too many task requests", clientId);
         return KELM_ERROR_TOO_MANY_TASK;
     }
+    const uint64_t graphId = request.as<KelmMsgReqInferTask>().graphId;
     graph = getGraphById(graphId);
     if (graph == nullptr) {
         LOG_ERROR("Error: invalid graphId %lu", graphId);
@@ -139,15 +134,15 @@ KelmError TaskManager::admitTask(uint64_t clientId, uint64_t graphId, const void
     return KELM_OK;
 }
 
-void TaskManager::enterTask(KelmTask* task, uint64_t clientId, const Response& response) {
+void TaskManager::enterTask(KelmTask* task, Request request) {
     const uint64_t taskId = task->getId();
     {
         MutexLock lock(m_mutex);
         LOG_PROC(m_debugProcess, "task(%lu) created for client(%lu) with userParam(%p)", taskId,
-                 clientId, response.userParam);
+                 request.getClientId(), request.getMessage());
         m_tasks.insert(task, TaskState{1, false});
         m_taskIdMap.insert(taskId, task);
-        m_scheduleResponses.insert(task, response);
+        m_scheduleRequests.insert(task, std::move(request));
     }
     // After the mutex, since it can block. The pin keeps the task; the scheduler's answer comes as
     // work on this thread.
@@ -155,39 +150,39 @@ void TaskManager::enterTask(KelmTask* task, uint64_t clientId, const Response& r
 }
 
 void TaskManager::scheduleTaskDone(KelmTask* task, bool accepted) {
-    Response response;
-    const int result = removeTaskInSchedule(task, response);
+    Request request;
+    const int result = removeTaskInSchedule(task, request);
     if (result == -2) destroyTask(task);
     if (result != 0) return;
     if (accepted) {
         LOG_PROC(m_debugProcess, "task(%lu) scheduled success, userParam=%p", task->getId(),
-                 response.userParam);
-        sendCreateTaskResponse(task, KELM_OK, response);
+                 request.getMessage());
+        sendCreateTaskResponse(task, KELM_OK, std::move(request));
         unpinTask(task);
         return;
     }
     LOG_PROC(m_debugProcess,
              "task(%lu) scheduled failed, userParam=%p, reason: KELM_ERROR_TOO_MANY_TASK.",
-             task->getId(), response.userParam);
-    sendCreateTaskResponse(nullptr, KELM_ERROR_TOO_MANY_TASK, response);
+             task->getId(), request.getMessage());
+    sendCreateTaskResponse(nullptr, KELM_ERROR_TOO_MANY_TASK, std::move(request));
     LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=scheduled failed", task->getId());
     destroyTask(task);
     unpinTask(task);
 }
 
-int TaskManager::removeTaskInSchedule(KelmTask* task, Response& response) {
+int TaskManager::removeTaskInSchedule(KelmTask* task, Request& request) {
     MutexLock lock(m_mutex);
     if (m_tasks.find(task) == nullptr) {
         LOG_ERROR("Error: invalid task pointer %p", task);
         return -1;
     }
-    const Response* waiting = m_scheduleResponses.find(task);
+    Request* waiting = m_scheduleRequests.find(task);
     if (waiting == nullptr) {
         LOG_ERROR("Error: cannot find task(%lu) in task schedule list, destroy it", task->getId());
         return -2;
     }
-    response = *waiting;
-    m_scheduleResponses.erase(task);
+    request = std::move(*waiting);
+    m_scheduleRequests.erase(task);
     return 0;
 }
 
@@ -207,20 +202,20 @@ void TaskManager::returnTask(KelmTask* task) {
     m_scheduler->enqueueRescheduleTask(task);
 }
 
-void TaskManager::cancelTask(uint64_t clientId, uint64_t taskId, const Response& response) {
+void TaskManager::cancelTask(Request request) {
     KelmError error = KELM_OK;
     KelmTask* task = nullptr;
-    const uint64_t owner = getTaskOwner(clientId, response);
+    const uint64_t owner = getTaskOwner(request);
     {
         MutexLock lock(m_mutex);
-        task = findTaskOfClientUnsafe(owner, taskId, error);
+        task = findTaskOfClientUnsafe(owner, request.as<KelmMsgReqCancelTask>().taskId, error);
         if (task != nullptr) {
-            m_cancelResponses.emplace(task, response);
+            m_cancelRequests.emplace(task, std::move(request));
             ++m_tasks.find(task)->pins;
         }
     }
     if (task == nullptr) {
-        sendCancelTaskResponse(false, error, response);
+        sendCancelTaskResponse(false, error, std::move(request));
         return;
     }
     // Deliberate: the cancel flag stays down, so a task that a worker holds runs to its end.
@@ -228,28 +223,29 @@ void TaskManager::cancelTask(uint64_t clientId, uint64_t taskId, const Response&
 }
 
 void TaskManager::descheduleTaskDone(KelmTask* task, bool removed) {
-    Response response;
+    Request request;
     {
         MutexLock lock(m_mutex);
-        const auto waiting = m_cancelResponses.lower_bound(task);  // the oldest one
-        if (waiting == m_cancelResponses.end() || waiting->first != task) return;
-        response = waiting->second;
-        m_cancelResponses.erase(waiting);
+        const auto waiting = m_cancelRequests.lower_bound(task);  // the oldest one
+        if (waiting == m_cancelRequests.end() || waiting->first != task) return;
+        request = std::move(waiting->second);
+        m_cancelRequests.erase(waiting);
     }
-    if (response.userParam != nullptr) sendCancelTaskResponse(removed, KELM_OK, response);
+    sendCancelTaskResponse(removed, KELM_OK, std::move(request));
     unpinTask(task);
 }
 
-void TaskManager::queryTaskStatus(uint64_t clientId, uint64_t taskId, const Response& response) {
+void TaskManager::queryTaskStatus(Request request) {
     KelmError error = KELM_OK;
     int32_t status = -1;
-    const uint64_t owner = getTaskOwner(clientId, response);
+    const uint64_t owner = getTaskOwner(request);
     {
         MutexLock lock(m_mutex);
-        KelmTask* task = findTaskOfClientUnsafe(owner, taskId, error);
+        KelmTask* task =
+            findTaskOfClientUnsafe(owner, request.as<KelmMsgReqQueryTaskStatus>().taskId, error);
         if (task != nullptr) status = task->getStatus();
     }
-    sendQueryTaskStatusResponse(status, error, response);
+    sendQueryTaskStatusResponse(status, error, std::move(request));
 }
 
 void TaskManager::queryTaskScheduler(const std::shared_ptr<KelmStatus>& status) {
@@ -258,8 +254,8 @@ void TaskManager::queryTaskScheduler(const std::shared_ptr<KelmStatus>& status) 
     });
 }
 
-uint64_t TaskManager::getTaskOwner(uint64_t clientId, const Response& response) {
-    return ClientManager::instance().isOfAnotherUser(clientId, response.userParam) ? 0 : clientId;
+uint64_t TaskManager::getTaskOwner(const Request& request) {
+    return ClientManager::instance().isOfAnotherUser(request) ? 0 : request.getClientId();
 }
 
 KelmTask* TaskManager::findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId,
@@ -306,30 +302,20 @@ KelmGraph* TaskManager::getGraphById(uint64_t graphId) {
     return GraphManager::instance().getGraphById(graphId);
 }
 
-void TaskManager::sendCreateTaskResponse(KelmTask* task, KelmError error,
-                                         const Response& response) {
-    if (dropResponse(response)) return;
-    ResultDispatcher::instance().enqueueSendCreateTaskResponse(task, error, response.socket,
-                                                               response.userParam);
+void TaskManager::sendCreateTaskResponse(KelmTask* task, KelmError error, Request request) {
+    if (m_stopping.load()) return;
+    ResultDispatcher::instance().enqueueSendCreateTaskResponse(task, error, std::move(request));
 }
 
-void TaskManager::sendCancelTaskResponse(bool success, KelmError error, const Response& response) {
-    if (dropResponse(response)) return;
-    ResultDispatcher::instance().enqueueSendCancelTaskResponse(success, error, response.socket,
-                                                               response.userParam);
+void TaskManager::sendCancelTaskResponse(bool success, KelmError error, Request request) {
+    if (m_stopping.load()) return;
+    ResultDispatcher::instance().enqueueSendCancelTaskResponse(success, error, std::move(request));
 }
 
-void TaskManager::sendQueryTaskStatusResponse(int32_t status, KelmError error,
-                                              const Response& response) {
-    if (dropResponse(response)) return;
-    ResultDispatcher::instance().enqueueSendQueryTaskStatusResponse(status, error, response.socket,
-                                                                    response.userParam);
-}
-
-bool TaskManager::dropResponse(const Response& response) {
-    if (!m_stopping.load()) return false;
-    kelmReleaseMessage(static_cast<KelmMsgBase*>(response.userParam));
-    return true;
+void TaskManager::sendQueryTaskStatusResponse(int32_t status, KelmError error, Request request) {
+    if (m_stopping.load()) return;
+    ResultDispatcher::instance().enqueueSendQueryTaskStatusResponse(status, error,
+                                                                    std::move(request));
 }
 
 }  // namespace kelm

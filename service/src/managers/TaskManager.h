@@ -14,6 +14,7 @@
 #include "managers/TaskTraces.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/MessagePtr.h"
+#include "records/Request.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"
@@ -36,8 +37,6 @@ struct KelmStatus;
 // a free list, so the answer of the scheduler could otherwise meet another task at the same
 // address. The end of a pinned task waits for the last such answer.
 //
-// A request (`userParam`) is the client's message: it is answered exactly once.
-//
 // Threads: handlers run on the main pool's one thread, destroyTask() also on the destroy pool's;
 // notifyCreateResponseSent() on a client's pool. Every enqueue... only queues, but for the two that
 // concern workers.
@@ -50,12 +49,10 @@ class TaskManager final : public Singleton<TaskManager>,
     explicit TaskManager(const std::string& name = "TaskManager");
     ~TaskManager();
 
-    // Passes on `taskParam`, which is given back with a refused request.
-    void enqueueCreateTask(uint64_t clientId, uint64_t graphId, KelmTaskParam* taskParam,
-                           int socket, void* userParam);
-    // A null `userParam` wants no answer.
-    void enqueueCancelTask(uint64_t clientId, uint64_t taskId, int socket, void* userParam);
-    void enqueueQueryTaskStatus(uint64_t clientId, uint64_t taskId, int socket, void* userParam);
+    // `taskParam` holds the buffers of the request.
+    void enqueueCreateTask(Request request, std::unique_ptr<KelmTaskParam> taskParam);
+    void enqueueCancelTask(Request request);
+    void enqueueQueryTaskStatus(Request request);
 
     // Tells the scheduler's name; then reports that.
     void enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& status);
@@ -88,11 +85,6 @@ class TaskManager final : public Singleton<TaskManager>,
     bool waitIdleFor(std::chrono::milliseconds time);
 
  private:
-    // Where an answer goes.
-    struct Response {
-        void* userParam = nullptr;
-        int socket = -1;
-    };
     struct TaskState {
         int32_t pins = 0;      // answers of the scheduler that will name the task
         bool ended = false;    // to be destroyed when the last pin is gone
@@ -112,23 +104,20 @@ class TaskManager final : public Singleton<TaskManager>,
         std::string summary;  // empty when nobody logs it
     };
 
-    void createTask(uint64_t clientId, uint64_t graphId, std::unique_ptr<KelmTaskParam> taskParam,
-                    const Response& response) EXCLUDES(m_mutex);
+    void createTask(Request request, std::unique_ptr<KelmTaskParam> taskParam) EXCLUDES(m_mutex);
     // The two records, or the reason of a refusal.
-    KelmError admitTask(uint64_t clientId, uint64_t graphId, const void* request,
-                        KelmClient*& client, KelmGraph*& graph);
-    void enterTask(KelmTask* task, uint64_t clientId, const Response& response) EXCLUDES(m_mutex);
+    KelmError admitTask(const Request& request, KelmClient*& client, KelmGraph*& graph) const;
+    void enterTask(KelmTask* task, Request request) EXCLUDES(m_mutex);
     void scheduleTaskDone(KelmTask* task, bool accepted) EXCLUDES(m_mutex);
-    // -1: no such task; -2: its create request is not waiting; 0 with the place of the answer.
-    int removeTaskInSchedule(KelmTask* task, Response& response) EXCLUDES(m_mutex);
+    // -1: no such task; -2: its create request is not waiting; 0 with that request.
+    int removeTaskInSchedule(KelmTask* task, Request& request) EXCLUDES(m_mutex);
     void rescheduleTaskDone(KelmTask* task, bool accepted) EXCLUDES(m_mutex);
     void returnTask(KelmTask* task) EXCLUDES(m_mutex);
-    void cancelTask(uint64_t clientId, uint64_t taskId, const Response& response) EXCLUDES(m_mutex);
+    void cancelTask(Request request) EXCLUDES(m_mutex);
     void descheduleTaskDone(KelmTask* task, bool removed) EXCLUDES(m_mutex);
-    void queryTaskStatus(uint64_t clientId, uint64_t taskId, const Response& response)
-        EXCLUDES(m_mutex);
+    void queryTaskStatus(Request request) EXCLUDES(m_mutex);
     // The client whose tasks the request may name; 0, which has none, if it is another user's.
-    static uint64_t getTaskOwner(uint64_t clientId, const Response& response);
+    static uint64_t getTaskOwner(const Request& request);
     // The task of that id if it is the client's, else null with the error.
     KelmTask* findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId, KelmError& error)
         REQUIRES(m_mutex);
@@ -154,11 +143,10 @@ class TaskManager final : public Singleton<TaskManager>,
     static bool verifyClient(uint64_t clientId);
     static KelmClient* getClientById(uint64_t clientId);
     static KelmGraph* getGraphById(uint64_t graphId);
-    void sendCreateTaskResponse(KelmTask* task, KelmError error, const Response& response);
-    void sendCancelTaskResponse(bool success, KelmError error, const Response& response);
-    void sendQueryTaskStatusResponse(int32_t status, KelmError error, const Response& response);
-    // At the end of the process nobody is left to answer to: releases the request, returns true.
-    bool dropResponse(const Response& response);
+    // Nothing once the process is ending: the result dispatcher is destroyed before this.
+    void sendCreateTaskResponse(KelmTask* task, KelmError error, Request request);
+    void sendCancelTaskResponse(bool success, KelmError error, Request request);
+    void sendQueryTaskStatusResponse(int32_t status, KelmError error, Request request);
     void notifyClientDone(uint64_t clientId);
     void notifyGraphDone(KelmGraph* graph);
     // What is left when the pools and the scheduler have stopped.
@@ -171,9 +159,9 @@ class TaskManager final : public Singleton<TaskManager>,
     // Every live task; a pointer that is not in here is not to be trusted.
     RecycledMap<KelmTask*, TaskState> m_tasks GUARDED_BY(m_mutex);
     RecycledMap<uint64_t, KelmTask*> m_taskIdMap GUARDED_BY(m_mutex);  // those not ended
-    RecycledMap<KelmTask*, Response> m_scheduleResponses GUARDED_BY(m_mutex);
+    RecycledMap<KelmTask*, Request> m_scheduleRequests GUARDED_BY(m_mutex);
     // In order of the requests for each task, in which the scheduler answers them too.
-    std::multimap<KelmTask*, Response> m_cancelResponses GUARDED_BY(m_mutex);
+    std::multimap<KelmTask*, Request> m_cancelRequests GUARDED_BY(m_mutex);
     std::vector<const DyingTask*> m_dyingTasks GUARDED_BY(m_mutex);  // one per destroying thread
     std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);  // departing clients
     // Clients that stay and have given up a shared graph: how many canceled tasks have not ended.

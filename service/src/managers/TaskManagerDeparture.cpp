@@ -174,15 +174,7 @@ void TaskManager::notifyGraphDone(KelmGraph* graph) {
 
 void TaskManager::deleteLeftovers() {
     MutexLock lock(m_mutex);
-    for (const auto& [task, state] : m_tasks) {
-        if (const Response* waiting = m_scheduleResponses.find(task)) {
-            kelmReleaseMessage(static_cast<KelmMsgBase*>(waiting->userParam));
-        }
-        delete task;
-    }
-    for (const auto& [task, waiting] : m_cancelResponses) {
-        kelmReleaseMessage(static_cast<KelmMsgBase*>(waiting.userParam));
-    }
+    for (const auto& [task, state] : m_tasks) delete task;
 }
 
 }  // namespace kelm

@@ -7,15 +7,16 @@
 namespace kelm {
 
 class KelmClient;
+class Request;
 
 // Port: whoever knows the clients. Any thread; takes the directory's lock for a moment.
 class ClientDirectory {
  public:
     // False for id 0, an unknown client and one that is leaving.
     virtual bool verifyClient(uint64_t clientId) = 0;
-    // The same for a request (a message) that names the client: also false if another user has sent
-    // it than the one who registered the client.
-    virtual bool verifyRequester(uint64_t clientId, const void* request) = 0;
+    // The same for the client that the request names: also false if another user has sent it than
+    // the one who registered the client.
+    virtual bool verifyRequester(const Request& request) = 0;
     // Null for an unknown client. The record lives until the client's last task has ended, so the
     // caller must hold a task of that client, or be the one that confirms its departure.
     virtual KelmClient* getClientById(uint64_t clientId) = 0;

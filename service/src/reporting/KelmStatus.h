@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -40,18 +39,6 @@ struct KelmStatus {
 
     std::string deviceSchedulerName;
     std::string taskSchedulerName;
-};
-
-// The same with whom it is for.
-struct KelmStatusExtend : KelmStatus {
-    ~KelmStatusExtend() override;  // releases a request that no answer has taken over
-
-    uint64_t clientId = 0;
-    uint64_t queryType = 0;
-    int socket = -1;
-    void* request = nullptr;  // the request message; null once the answer has taken it over
-    // Atomic: lowered by whoever finishes a part.
-    std::atomic<uint8_t> pendingParts{0};
 };
 
 }  // namespace kelm

@@ -1,11 +1,10 @@
-// The status query: the dispatcher's own figure, and the answer.
+#include "managers/StatusAnswer.h"
+
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "managers/ResultDispatcher.h"
 #include "reporting/KelmStatus.h"
-#include "reporting/ReportPart.h"
 #include "utils/StringHelper.h"
 
 namespace kelm {
@@ -31,7 +30,10 @@ int32_t countOf(const std::vector<std::string>& texts) {
     return static_cast<int32_t>(texts.size());
 }
 
-void fillRows(const KelmStatus& status, uint64_t queryType, KelmMsgRspQueryStatus& response) {
+}  // namespace
+
+void fillStatusAnswer(const KelmStatus& status, uint64_t queryType,
+                      KelmMsgRspQueryStatus& response) {
     response.serviceFps = status.serviceFps;
     response.deviceNum = countOf(status.deviceNames);
     copyRows(response.deviceName, status.deviceNames);
@@ -53,40 +55,6 @@ void fillRows(const KelmStatus& status, uint64_t queryType, KelmMsgRspQueryStatu
     copyRows(response.clientFps, status.clientFps, status.graphNames.size());
     StringHelper::copyStringSafe(response.deviceSchedulerName, status.deviceSchedulerName);
     StringHelper::copyStringSafe(response.taskSchedulerName, status.taskSchedulerName);
-}
-
-}  // namespace
-
-void ResultDispatcher::enqueueQueryServiceFps(const std::shared_ptr<KelmStatus>& status) {
-    m_mainPool.post([this, status] { queryServiceFps(status); });
-}
-
-void ResultDispatcher::queryServiceFps(const std::shared_ptr<KelmStatus>& status) {
-    reportStatusPart(status, "ResultDispatcher",
-                     [this](KelmStatus& record) { record.serviceFps = m_finishedTasks.getFps(); });
-}
-
-void ResultDispatcher::enqueueSendQueryStatusResponse(const std::shared_ptr<KelmStatus>& status,
-                                                      int socket, void* userParam) {
-    m_mainPool.post([this, status, socket, userParam] {
-        m_onMainPool.assertHeld();
-        sendQueryStatusResponse(*status, socket, userParam);
-    });
-}
-
-void ResultDispatcher::sendQueryStatusResponse(const KelmStatus& status, int socket,
-                                               void* userParam) {
-    const MessagePtr request(static_cast<KelmMsgBase*>(userParam));
-    if (!hasRequest(request)) return;
-    const auto& query = *reinterpret_cast<const KelmMsgReqQueryStatus*>(request.get());
-    const Answer answer{KELM_MESSAGE_QUERY_STATUS_RSP, query.clientId, query.queryType, KELM_OK,
-                        socket};
-    MessagePtr message = makeResponse(answer, query.head);
-    if (!message) return;
-    auto& response = *reinterpret_cast<KelmMsgRspQueryStatus*>(message.get());
-    response.queryType = query.queryType;
-    fillRows(status, query.queryType, response);
-    deliver(answer, std::move(message));
 }
 
 }  // namespace kelm

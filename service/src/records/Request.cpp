@@ -1,0 +1,46 @@
+#include "records/Request.h"
+
+#include <cstddef>
+#include <utility>
+
+#include "utils/Log.h"
+
+namespace kelm {
+
+// Every request that names a client does so right behind its head.
+static_assert(offsetof(KelmMsgReqUnregister, clientId) == sizeof(KelmMsgReq) &&
+              offsetof(KelmMsgReqCreateGraph, clientId) == sizeof(KelmMsgReq) &&
+              offsetof(KelmMsgReqDestroyGraph, clientId) == sizeof(KelmMsgReq) &&
+              offsetof(KelmMsgReqInferTask, clientId) == sizeof(KelmMsgReq) &&
+              offsetof(KelmMsgReqCancelTask, clientId) == sizeof(KelmMsgReq) &&
+              offsetof(KelmMsgReqQueryStatus, clientId) == sizeof(KelmMsgReq) &&
+              offsetof(KelmMsgReqResetDevice, clientId) == sizeof(KelmMsgReq));
+
+Request& Request::operator=(Request&& other) noexcept {
+    if (this == &other) return *this;
+    abandon();
+    m_message = std::move(other.m_message);
+    m_socket = other.m_socket;
+    return *this;
+}
+
+uint64_t Request::getClientId() const {
+    const KelmMsgType type = getType();
+    if (type == KELM_MESSAGE_REGISTER_REQ || type == KELM_MESSAGE_TEST_SEND_FD_REQ) return 0;
+    return as<KelmMsgReqUnregister>().clientId;
+}
+
+bool Request::wantsAnswer() const {
+    return getType() != KELM_MESSAGE_TEST_SEND_FD_REQ && as<KelmMsgReq>().needResponse != 0;
+}
+
+void Request::abandon() noexcept {
+    if (!m_message) return;
+    if (wantsAnswer()) {
+        LOG_WARN("Warn: %s of client(id:%lu) on socket(%d) gets no answer",
+                 KelmMsgTypeStr[getType()], getClientId(), m_socket);
+    }
+    m_message.reset();
+}
+
+}  // namespace kelm

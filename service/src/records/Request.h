@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessagePtr.h"
+
+namespace kelm {
+
+// A client's request from its receipt until its answer. Holding one is owing an answer: the calls
+// of the result dispatcher that build answers consume it. One that is destroyed before that is
+// unanswered: its message is released with its descriptors, which the log tells in one line unless
+// the client wants no answer.
+//
+// Threads: one at a time; a request is handed on by moving it into the next thread's job.
+// Owns: the message, and with it the number of the connection that it came on.
+class Request {
+ public:
+    Request() = default;  // none
+    // `socket` is the number of the connection that the message came on.
+    Request(MessagePtr message, int socket) noexcept
+        : m_message(std::move(message)), m_socket(socket) {}
+    Request(Request&&) noexcept = default;
+    Request& operator=(Request&& other) noexcept;
+    ~Request() { abandon(); }
+
+    explicit operator bool() const { return m_message != nullptr; }
+
+    KelmMsgType getType() const { return static_cast<KelmMsgType>(m_message->type); }
+    int getSocket() const { return m_socket; }
+    // The client that the message names, which need not be one of its sender's; 0 for a request of
+    // a type that names none.
+    uint64_t getClientId() const;
+    bool wantsAnswer() const;
+
+    // The message as the record of its type, which the caller knows.
+    template <class Record>
+    Record& as() const {
+        return *reinterpret_cast<Record*>(m_message.get());
+    }
+    KelmMsgBase* getMessage() const { return m_message.get(); }
+
+    // Makes this no request any more; for those who build the answer or need none.
+    MessagePtr take() { return std::move(m_message); }
+
+ private:
+    void abandon() noexcept;
+
+    MessagePtr m_message;
+    int m_socket = -1;
+};
+
+}  // namespace kelm
