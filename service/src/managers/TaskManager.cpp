@@ -15,6 +15,8 @@
 #include "scheduling/tasks/TaskSchedulerFactory.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -22,6 +24,7 @@ TaskManager::TaskManager(const std::string& name)
     : m_scheduler(TaskSchedulerFactory::createScheduler(
           ServiceConfigParser::instance().getTaskScheduler())),
       m_debugProcess(ServiceConfigParser::instance().isTaskManagerDebugProcessEnabled()),
+      m_registry(m_debugProcess),
       m_pool(std::make_unique<ThreadPool>(name, 1, 10000)),
       m_destroyPool(std::make_unique<ThreadPool>(name + "D", 1, 1000)) {}
 
@@ -32,7 +35,6 @@ TaskManager::~TaskManager() {
     m_pool.reset();       // its handlers use the scheduler
     m_scheduler.reset();  // its notices go nowhere by now
     m_destroyPool.reset();
-    deleteLeftovers();
 }
 
 void TaskManager::enqueueCreateTask(Request request, std::unique_ptr<KelmTaskParam> taskParam) {
@@ -107,7 +109,10 @@ void TaskManager::createTask(Request request, std::unique_ptr<KelmTaskParam> tas
     auto task = std::make_unique<KelmTask>(taskId, client, graph, taskParam.release(),
                                            &request.as<KelmMsgReqInferTask>());
     m_taskTraces.begin(taskId);
-    enterTask(task.release(), std::move(request));
+    KelmTask* const entered = task.release();
+    m_registry.enter(entered, std::move(request));
+    // The pin keeps the task; the scheduler's answer comes as work on this thread.
+    m_scheduler->enqueueScheduleTask(entered);
 }
 
 KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
@@ -134,24 +139,9 @@ KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
     return KELM_OK;
 }
 
-void TaskManager::enterTask(KelmTask* task, Request request) {
-    const uint64_t taskId = task->getId();
-    {
-        MutexLock lock(m_mutex);
-        LOG_PROC(m_debugProcess, "task(%lu) created for client(%lu) with userParam(%p)", taskId,
-                 request.getClientId(), request.getMessage());
-        m_tasks.insert(task, TaskState{1, false});
-        m_taskIdMap.insert(taskId, task);
-        m_scheduleRequests.insert(task, std::move(request));
-    }
-    // After the mutex, since it can block. The pin keeps the task; the scheduler's answer comes as
-    // work on this thread.
-    m_scheduler->enqueueScheduleTask(task);
-}
-
 void TaskManager::scheduleTaskDone(KelmTask* task, bool accepted) {
     Request request;
-    const int result = removeTaskInSchedule(task, request);
+    const int result = m_registry.takeScheduleRequest(task, request);
     if (result == -2) destroyTask(task);
     if (result != 0) return;
     if (accepted) {
@@ -170,30 +160,14 @@ void TaskManager::scheduleTaskDone(KelmTask* task, bool accepted) {
     unpinTask(task);
 }
 
-int TaskManager::removeTaskInSchedule(KelmTask* task, Request& request) {
-    MutexLock lock(m_mutex);
-    if (m_tasks.find(task) == nullptr) {
-        LOG_ERROR("Error: invalid task pointer %p", task);
-        return -1;
-    }
-    Request* waiting = m_scheduleRequests.find(task);
-    if (waiting == nullptr) {
-        LOG_ERROR("Error: cannot find task(%lu) in task schedule list, destroy it", task->getId());
-        return -2;
-    }
-    request = std::move(*waiting);
-    m_scheduleRequests.erase(task);
-    return 0;
-}
-
 void TaskManager::rescheduleTaskDone(KelmTask* task, bool accepted) {
-    if (accepted || !verifyTask(task)) return;
+    if (accepted || !m_registry.verify(task)) return;
     LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=rescheduled failed", task->getId());
     destroyTask(task);
 }
 
 void TaskManager::returnTask(KelmTask* task) {
-    if (!verifyTask(task)) return;
+    if (!m_registry.verify(task)) return;
     if (task->isCanceled()) {
         LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=canceled", task->getId());
         destroyTask(task);
@@ -204,16 +178,7 @@ void TaskManager::returnTask(KelmTask* task) {
 
 void TaskManager::cancelTask(Request request) {
     KelmError error = KELM_OK;
-    KelmTask* task = nullptr;
-    const uint64_t owner = getTaskOwner(request);
-    {
-        MutexLock lock(m_mutex);
-        task = findTaskOfClientUnsafe(owner, request.as<KelmMsgReqCancelTask>().taskId, error);
-        if (task != nullptr) {
-            m_cancelRequests.emplace(task, std::move(request));
-            ++m_tasks.find(task)->pins;
-        }
-    }
+    KelmTask* task = m_registry.pinForCancel(getTaskOwner(request), request, error);
     if (task == nullptr) {
         sendCancelTaskResponse(false, error, std::move(request));
         return;
@@ -224,27 +189,15 @@ void TaskManager::cancelTask(Request request) {
 
 void TaskManager::descheduleTaskDone(KelmTask* task, bool removed) {
     Request request;
-    {
-        MutexLock lock(m_mutex);
-        const auto waiting = m_cancelRequests.lower_bound(task);  // the oldest one
-        if (waiting == m_cancelRequests.end() || waiting->first != task) return;
-        request = std::move(waiting->second);
-        m_cancelRequests.erase(waiting);
-    }
+    if (!m_registry.takeCancelRequest(task, request)) return;
     sendCancelTaskResponse(removed, KELM_OK, std::move(request));
     unpinTask(task);
 }
 
 void TaskManager::queryTaskStatus(Request request) {
     KelmError error = KELM_OK;
-    int32_t status = -1;
-    const uint64_t owner = getTaskOwner(request);
-    {
-        MutexLock lock(m_mutex);
-        KelmTask* task =
-            findTaskOfClientUnsafe(owner, request.as<KelmMsgReqQueryTaskStatus>().taskId, error);
-        if (task != nullptr) status = task->getStatus();
-    }
+    const uint64_t taskId = request.as<KelmMsgReqQueryTaskStatus>().taskId;
+    const int32_t status = m_registry.getStatus(getTaskOwner(request), taskId, error);
     sendQueryTaskStatusResponse(status, error, std::move(request));
 }
 
@@ -258,32 +211,52 @@ uint64_t TaskManager::getTaskOwner(const Request& request) {
     return ClientManager::instance().isOfAnotherUser(request) ? 0 : request.getClientId();
 }
 
-KelmTask* TaskManager::findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId,
-                                              KelmError& error) {
-    KelmTask** task = m_taskIdMap.find(taskId);
-    if (task == nullptr) {
-        LOG_ERROR("Error: invalid taskId %lu", taskId);
-        error = KELM_ERROR_INVALID_TASK;
-        return nullptr;
-    }
-    if ((*task)->getClientId() != clientId) {
-        error = KELM_ERROR_NO_RIGHTS;
-        return nullptr;
-    }
-    return *task;
+void TaskManager::destroyTask(KelmTask* task) {
+    if (auto dying = m_registry.end(task)) finishTask(*dying);
 }
 
-bool TaskManager::verifyTask(KelmTask* task) {
-    MutexLock lock(m_mutex);
-    return m_tasks.find(task) != nullptr;
+void TaskManager::unpinTask(KelmTask* task) {
+    if (auto dying = m_registry.unpin(task)) finishTask(*dying);
 }
 
-MessagePtr TaskManager::notifyCreateResponseSent(uint64_t taskId, KelmTask*& task) {
-    MutexLock lock(m_mutex);
-    KelmTask** found = m_taskIdMap.find(taskId);
-    MessagePtr held = found != nullptr ? (*found)->setSendCreateResponseDone() : nullptr;
-    task = held ? *found : nullptr;
-    return held;
+void TaskManager::finishTask(const TaskRegistry::DyingTask& dying) {
+    LOG_FREQ(m_debugProcess, "%s", dying.summary);
+    // The sender of a done message ends the trace when that is written.
+    if (isTracerOn() && !dying.task->hasTaskDoneResponse()) finishTaskLifeTrace(dying.id);
+    delete dying.task;  // closes descriptors and unmaps, so under no mutex
+    const TaskDepartures::Done done = m_registry.removed(dying);
+    LOG_PROC(m_debugProcess, "task(%lu) destroyed", dying.id);
+    if (done.client) notifyClientDone(dying.clientId);
+    if (done.graph) notifyGraphDone(dying.graph);
+}
+
+void TaskManager::notifyClientInDestroy(uint64_t clientId) {
+    // Giving up a shared graph sends this notice too. It only cancels then: a count made while the
+    // client can still make tasks would miss those, and so let its record be deleted before them.
+    const bool departing = !verifyClient(clientId);
+    std::vector<KelmTask*> finished;
+    const int count = m_registry.cancelTasksOf(clientId, departing, finished);
+    for (KelmTask* task : finished) destroyTask(task);
+    if (departing && count == 0) notifyClientDone(clientId);
+}
+
+void TaskManager::notifyGraphInDestroy(KelmGraph* graph) {
+    if (m_registry.cancelTasksOf(graph)) m_scheduler->enqueueDescheduleGraph(graph);
+}
+
+void TaskManager::descheduleGraphDone(KelmGraph* graph) {
+    if (m_registry.confirmDescheduled(graph)) notifyGraphDone(graph);
+}
+
+void TaskManager::notifyClientDone(uint64_t clientId) {
+    LOG_PROC(m_debugProcess, "no task related with client(%lu), notify ClientManager", clientId);
+    ClientManager::instance().enqueueNotifyAllTasksDone(clientId);
+}
+
+void TaskManager::notifyGraphDone(KelmGraph* graph) {
+    LOG_PROC(m_debugProcess, "no task related with graph(%s), notify GraphManager",
+             escapeControls(graph->getName()));
+    GraphManager::instance().enqueueNotifyAllTasksDone(graph);
 }
 
 bool TaskManager::waitIdleFor(std::chrono::milliseconds time) {

@@ -3,20 +3,16 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "execution/TaskExchange.h"
-#include "managers/RecycledMap.h"
+#include "managers/TaskRegistry.h"
 #include "managers/TaskTraces.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/MessagePtr.h"
 #include "records/Request.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
-#include "utils/Mutex.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadPool.h"
 
@@ -33,15 +29,10 @@ struct KelmStatus;
 // and status requests, and destroys tasks. Here the graph manager and the client manager learn that
 // the last task of a departing graph or client has ended.
 //
-// A task is pinned while a call to the scheduler that names it is under way: its records come from
-// a free list, so the answer of the scheduler could otherwise meet another task at the same
-// address. The end of a pinned task waits for the last such answer.
-//
 // Threads: handlers run on the main pool's one thread, destroyTask() also on the destroy pool's;
 // notifyCreateResponseSent() on a client's pool. Every enqueue... only queues, but for the two that
 // concern workers.
-// Owns: the tasks, the scheduler. Locks: m_mutex, then a task's. No call that can block is made and
-// no task deleted under m_mutex.
+// Owns: the registry of the tasks, the scheduler. Locks: none of its own.
 class TaskManager final : public Singleton<TaskManager>,
                           public TaskExchange,
                           public TaskScheduleListener {
@@ -74,7 +65,9 @@ class TaskManager final : public Singleton<TaskManager>,
 
     // The create response of the task has been written, or will never be. A message in the result
     // obliges the caller to send it and then to destroy `task`; otherwise `task` is null.
-    MessagePtr notifyCreateResponseSent(uint64_t taskId, KelmTask*& task) EXCLUDES(m_mutex);
+    MessagePtr notifyCreateResponseSent(uint64_t taskId, KelmTask*& task) {
+        return m_registry.takeHeldMessage(taskId, task);
+    }
 
     // The task's life, as the tracer sees it, is over: its last message has been written or
     // dropped. A task that never gets such a message ends with its record. An unknown id does
@@ -85,60 +78,27 @@ class TaskManager final : public Singleton<TaskManager>,
     bool waitIdleFor(std::chrono::milliseconds time);
 
  private:
-    struct TaskState {
-        int32_t pins = 0;      // answers of the scheduler that will name the task
-        bool ended = false;    // to be destroyed when the last pin is gone
-        bool givenUp = false;  // counts in m_givenUpTaskCounts
-    };
-    struct GraphCount {
-        bool descheduled = false;
-        int32_t count = 0;
-    };
-    // A task out of all lists whose record is being deleted; still counts for its client and graph.
-    struct DyingTask {
-        KelmTask* task;
-        uint64_t id;
-        uint64_t clientId;
-        KelmGraph* graph;
-        bool givenUp;
-        std::string summary;  // empty when nobody logs it
-    };
-
-    void createTask(Request request, std::unique_ptr<KelmTaskParam> taskParam) EXCLUDES(m_mutex);
+    void createTask(Request request, std::unique_ptr<KelmTaskParam> taskParam);
     // The two records, or the reason of a refusal.
     KelmError admitTask(const Request& request, KelmClient*& client, KelmGraph*& graph) const;
-    void enterTask(KelmTask* task, Request request) EXCLUDES(m_mutex);
-    void scheduleTaskDone(KelmTask* task, bool accepted) EXCLUDES(m_mutex);
-    // -1: no such task; -2: its create request is not waiting; 0 with that request.
-    int removeTaskInSchedule(KelmTask* task, Request& request) EXCLUDES(m_mutex);
-    void rescheduleTaskDone(KelmTask* task, bool accepted) EXCLUDES(m_mutex);
-    void returnTask(KelmTask* task) EXCLUDES(m_mutex);
-    void cancelTask(Request request) EXCLUDES(m_mutex);
-    void descheduleTaskDone(KelmTask* task, bool removed) EXCLUDES(m_mutex);
-    void queryTaskStatus(Request request) EXCLUDES(m_mutex);
+    void scheduleTaskDone(KelmTask* task, bool accepted);
+    void rescheduleTaskDone(KelmTask* task, bool accepted);
+    void returnTask(KelmTask* task);
+    void cancelTask(Request request);
+    void descheduleTaskDone(KelmTask* task, bool removed);
+    void queryTaskStatus(Request request);
     // The client whose tasks the request may name; 0, which has none, if it is another user's.
     static uint64_t getTaskOwner(const Request& request);
-    // The task of that id if it is the client's, else null with the error.
-    KelmTask* findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskId, KelmError& error)
-        REQUIRES(m_mutex);
-    bool verifyTask(KelmTask* task) EXCLUDES(m_mutex);
 
-    void destroyTask(KelmTask* task) EXCLUDES(m_mutex);
+    void destroyTask(KelmTask* task);
     // The scheduler's answer has come: destroys the task if it only waited for that.
-    void unpinTask(KelmTask* task) EXCLUDES(m_mutex);
-    // False if the task has gone, or goes later for its pins.
-    bool unlinkTaskUnsafe(KelmTask* task, DyingTask& dying) REQUIRES(m_mutex);
-    void finishTask(DyingTask& dying) EXCLUDES(m_mutex);
-    // Takes the task off the counts of those who wait for their last one.
-    void removeTask(const DyingTask& dying, bool& clientDone, bool& graphDone) EXCLUDES(m_mutex);
+    void unpinTask(KelmTask* task);
+    void finishTask(const TaskRegistry::DyingTask& dying);
 
     void queryTaskScheduler(const std::shared_ptr<KelmStatus>& status);
-    void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
-    int cancelRelatedTasks(uint64_t clientId, bool departing, std::vector<KelmTask*>& finished)
-        EXCLUDES(m_mutex);
-    void notifyGraphInDestroy(KelmGraph* graph) EXCLUDES(m_mutex);
-    bool cancelRelatedTasks(KelmGraph* graph) EXCLUDES(m_mutex);
-    void descheduleGraphDone(KelmGraph* graph) EXCLUDES(m_mutex);
+    void notifyClientInDestroy(uint64_t clientId);
+    void notifyGraphInDestroy(KelmGraph* graph);
+    void descheduleGraphDone(KelmGraph* graph);
 
     static bool verifyClient(uint64_t clientId);
     static KelmClient* getClientById(uint64_t clientId);
@@ -149,24 +109,11 @@ class TaskManager final : public Singleton<TaskManager>,
     void sendQueryTaskStatusResponse(int32_t status, KelmError error, Request request);
     void notifyClientDone(uint64_t clientId);
     void notifyGraphDone(KelmGraph* graph);
-    // What is left when the pools and the scheduler have stopped.
-    void deleteLeftovers() EXCLUDES(m_mutex);
 
-    Mutex m_mutex;
     std::unique_ptr<TaskSchedulerBase> m_scheduler;
     std::atomic<uint64_t> m_nextTaskId{1};  // atomic: drawn without regard to any other field
     const bool m_debugProcess;
-    // Every live task; a pointer that is not in here is not to be trusted.
-    RecycledMap<KelmTask*, TaskState> m_tasks GUARDED_BY(m_mutex);
-    RecycledMap<uint64_t, KelmTask*> m_taskIdMap GUARDED_BY(m_mutex);  // those not ended
-    RecycledMap<KelmTask*, Request> m_scheduleRequests GUARDED_BY(m_mutex);
-    // In order of the requests for each task, in which the scheduler answers them too.
-    std::multimap<KelmTask*, Request> m_cancelRequests GUARDED_BY(m_mutex);
-    std::vector<const DyingTask*> m_dyingTasks GUARDED_BY(m_mutex);  // one per destroying thread
-    std::map<uint64_t, int32_t> m_clientTaskCounts GUARDED_BY(m_mutex);  // departing clients
-    // Clients that stay and have given up a shared graph: how many canceled tasks have not ended.
-    std::map<uint64_t, int32_t> m_givenUpTaskCounts GUARDED_BY(m_mutex);
-    std::map<KelmGraph*, GraphCount> m_graphTaskCounts GUARDED_BY(m_mutex);  // departing graphs
+    TaskRegistry m_registry;
     TaskTraces m_taskTraces;
     // Atomic: set once in the destructor, and read wherever an answer would go out.
     std::atomic<bool> m_stopping{false};

@@ -2,6 +2,9 @@
 
 #include <cmath>
 
+#include "config/ServiceConfigParser.h"
+#include "utils/Log.h"
+
 namespace kelm {
 
 float computeDeviceFps(float avgInferTime) {
@@ -32,6 +35,57 @@ float computeDevReqFactor(float deviceRequest, const GraphLoad& load) {
     const float fraction = deviceRequest - std::floor(deviceRequest);
     const bool keepsUp = static_cast<double>(kept) > 0.95 && load.waitTasks == 0;
     return keepsUp && 0.1 > static_cast<double>(fraction) ? 1.5f : 1.0f;
+}
+
+GraphDemand::GraphDemand(const char* name)
+    : m_fpsIn("KelmGraph", name, "FpsIn"), m_fpsOut("KelmGraph", name, "FpsOut") {
+    const int window = ServiceConfigParser::instance().getFpsBufferTimeLength();
+    m_fpsIn.m_bufferTimeMs = window;
+    m_fpsOut.m_bufferTimeMs = window;
+}
+
+void GraphDemand::updateFpsIn() {
+    MutexLock lock(m_waitMutex);
+    m_fpsIn.update();
+    ++m_numWaitTasks;
+}
+
+void GraphDemand::updateFpsOut() {
+    MutexLock lock(m_waitMutex);
+    m_fpsOut.update();
+    if (m_numWaitTasks > 0) {
+        --m_numWaitTasks;
+    } else {
+        LOG_ERROR("Error: updateFpsOut encountered internal error");
+    }
+}
+
+void GraphDemand::updateInferenceTime(float milliseconds) {
+    if (!(milliseconds > 0.0f) || !std::isfinite(milliseconds)) return;
+    MutexLock lock(m_inferenceMutex);
+    m_inferTimes.pushBack(milliseconds);
+    if (m_inferTimes.size() > kMaxInferTimes) m_inferTimes.popFront();
+}
+
+float GraphDemand::getAvgInferTime() {
+    MutexLock lock(m_inferenceMutex);
+    if (m_inferTimes.empty()) return 0.0f;
+    float sum = 0.0f;
+    for (size_t i = 0; i < m_inferTimes.size(); ++i) sum += m_inferTimes.at(i);
+    return sum / static_cast<float>(m_inferTimes.size());
+}
+
+uint32_t GraphDemand::getNumWaitTasks() {
+    MutexLock lock(m_waitMutex);
+    return m_numWaitTasks;
+}
+
+float GraphDemand::getDevReqFactor(float deviceRequest) {
+    GraphLoad load;
+    load.fpsIn = getFpsIn();
+    load.fpsOut = getFpsOut();
+    load.waitTasks = getNumWaitTasks();
+    return computeDevReqFactor(deviceRequest, load);
 }
 
 }  // namespace kelm

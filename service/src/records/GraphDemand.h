@@ -1,6 +1,13 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+
+#include "utils/FpsCounter.h"
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+#include "utils/Ring.h"
 
 namespace kelm {
 
@@ -20,5 +27,50 @@ float computeDrainRate(const GraphLoad& load);
 float computeDeviceRequest(const GraphLoad& load);
 // 1.5 for a graph that keeps up, has no backlog, and needs barely more than a whole number.
 float computeDevReqFactor(float deviceRequest, const GraphLoad& load);
+
+// What is measured of a graph: the tasks that come and leave, those that wait, and how long an
+// inference takes.
+//
+// Threads: any. Locks: m_waitMutex, then a counter's; m_inferenceMutex is taken alone.
+class GraphDemand : public NonCopyable {
+ public:
+    // A task arrived, and a task left the waiting state.
+    void updateFpsIn() EXCLUDES(m_waitMutex);
+    void updateFpsOut() EXCLUDES(m_waitMutex);
+    float getFpsIn() { return m_fpsIn.getFps(); }
+    float getFpsOut() { return m_fpsOut.getFps(); }
+    uint32_t getNumWaitTasks() EXCLUDES(m_waitMutex);
+
+    // Milliseconds; values that are not finite and above 0 are ignored.
+    void updateInferenceTime(float milliseconds) EXCLUDES(m_inferenceMutex);
+    // Mean of the last 200, 0 without any.
+    float getAvgInferTime() EXCLUDES(m_inferenceMutex);
+    // computeDevReqFactor() with the figures of this moment.
+    float getDevReqFactor(float deviceRequest);
+
+    void increaseTaskCount() { m_taskCount.fetch_add(1); }
+    void decreaseTaskCount() { m_taskCount.fetch_sub(1); }
+    int64_t getTaskCount() const { return m_taskCount.load(); }
+    void increaseInferenceTimes() { m_inferenceTimes.fetch_add(1); }
+    uint64_t getInferenceTimes() const { return m_inferenceTimes.load(); }
+
+ protected:
+    explicit GraphDemand(const char* name);
+    ~GraphDemand() = default;
+
+ private:
+    static constexpr size_t kMaxInferTimes = 200;
+
+    FpsCounter m_fpsIn;
+    FpsCounter m_fpsOut;
+    // Atomic: task threads change them without a mutex, and no decision takes both together.
+    std::atomic<int64_t> m_taskCount{0};
+    std::atomic<uint64_t> m_inferenceTimes{0};
+
+    Mutex m_waitMutex;
+    uint32_t m_numWaitTasks GUARDED_BY(m_waitMutex) = 0;
+    Mutex m_inferenceMutex;
+    Ring<float> m_inferTimes GUARDED_BY(m_inferenceMutex);  // milliseconds, oldest first
+};
 
 }  // namespace kelm

@@ -1,9 +1,14 @@
+#include "records/GraphContent.h"
+
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <new>
 #include <system_error>
+#include <utility>
 
-#include "records/KelmGraph.h"
+#include "utils/Digest.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
 #include "utils/PlainFile.h"
@@ -12,6 +17,14 @@
 namespace kelm {
 
 namespace {
+
+UniqueMalloc<char> copyBlob(const char* buffer, uint64_t size) {
+    if (buffer == nullptr || size == 0) return nullptr;
+    UniqueMalloc<char> data(static_cast<char*>(std::malloc(size)));
+    if (!data) throw std::bad_alloc();
+    std::memcpy(data.get(), buffer, size);
+    return data;
+}
 
 bool writeAll(int fd, const char* data, uint64_t size) {
     uint64_t done = 0;
@@ -25,8 +38,40 @@ bool writeAll(int fd, const char* data, uint64_t size) {
 
 }  // namespace
 
-bool KelmGraph::dumpToFile(const std::string& path) {
-    MutexLock lock(m_mutex);
+void GraphContent::setBlob(UniqueMalloc<char> data, uint64_t size) {
+    m_data = std::move(data);
+    m_dataSize = m_data ? size : 0;
+}
+
+void GraphContent::readFile(const char* path) {
+    m_path = path;
+    unsigned long size = 0;
+    UniqueMalloc<char> data(FileHelper::readFile(path, &size));
+    setBlob(std::move(data), size);
+    m_hash = sha256ForBuffer(m_data.get(), m_dataSize);
+}
+
+void GraphContent::copyBuffer(const char* buffer, uint64_t size) {
+    setBlob(copyBlob(buffer, size), size);
+    m_hash = sha256ForBuffer(m_data.get(), m_dataSize);
+}
+
+void GraphContent::takeBytes(const char* path, UniqueMalloc<char> data, uint64_t size,
+                             std::string hash) {
+    m_path = path;
+    m_hash = std::move(hash);
+    setBlob(std::move(data), size);
+}
+
+void GraphContent::setTag(const char* tag) {
+    if (tag != nullptr) m_tag = tag;
+}
+
+void GraphContent::setStreamId(const char* streamId) {
+    if (streamId != nullptr) m_streamId = streamId;
+}
+
+bool GraphContent::dumpToFile(const std::string& path) const {
     if (!m_data) {
         LOG_ERROR("Error: no valid graph data");
         return false;
