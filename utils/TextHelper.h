@@ -15,6 +15,8 @@ std::string shortenText(std::string_view text, size_t width);
 // else stays. Null becomes "(null)".
 std::string escapeControls(std::string_view text);
 std::string escapeControls(const char* text);
+// ASCII letters in lower case; bytes of other characters stay.
+std::string toLower(std::string text);
 // Fixed notation.
 std::string formatFixed(double value, int decimals);
 

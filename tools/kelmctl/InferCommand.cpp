@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "client/Client.h"
-#include "tools/kelmctl/Require.h"
 
 namespace kelm::ctl {
 

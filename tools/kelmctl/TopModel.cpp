@@ -1,8 +1,9 @@
 #include "tools/kelmctl/TopModel.h"
 
 #include <algorithm>
-#include <cctype>
 #include <utility>
+
+#include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
@@ -25,12 +26,6 @@ std::map<RowKey, const Entry*> byName(const std::vector<Entry>& entries) {
     RowKeys keys;
     for (const Entry& entry : entries) result.emplace(keys.next(entry.name), &entry);
     return result;
-}
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return text;
 }
 
 // Whether `a` stands before `b`: texts upwards, numbers downwards, unknown ones last.
@@ -213,11 +208,11 @@ void TopModel::replace(TopSection section, Rows rows, bool sample) {
 }
 
 std::vector<const TopRow*> TopModel::rows(TopSection section, const TopOrder& order) const {
-    const std::string wanted = lower(order.filter);
+    const std::string wanted = toLower(order.filter);
     std::vector<const TopRow*> result;
     for (const TopRow& row : rowsOf(section)) {
-        const bool passes = lower(row.name).find(wanted) != std::string::npos ||
-                            lower(row.detail).find(wanted) != std::string::npos;
+        const bool passes = toLower(row.name).find(wanted) != std::string::npos ||
+                            toLower(row.detail).find(wanted) != std::string::npos;
         if (passes) result.push_back(&row);
     }
     const TopColumn& column = topColumns(section)[order.column];

@@ -22,6 +22,7 @@
 #include "utils/Log.h"
 #include "utils/RunPaths.h"
 #include "utils/ThreadUtils.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -39,11 +40,6 @@ constexpr milliseconds kLookInterval{100};
 constexpr long kListenEndMillisec = 1000;     // for the listen thread to see that it is to end
 constexpr long kShutdownEndMillisec = 2000;   // and once nothing can be read or written any more
 constexpr milliseconds kQueuesEndTime{4000};  // for what is queued, graphs included
-
-milliseconds timeUntil(steady_clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
-    return std::max(left, milliseconds(0));
-}
 
 }  // namespace
 

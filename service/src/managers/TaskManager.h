@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "execution/TaskExchange.h"
-#include "managers/RecycledMap.h"
 #include "managers/TaskTraces.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/MessagePtr.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
 #include "utils/Mutex.h"
+#include "utils/RecycledMap.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadPool.h"
 

@@ -7,6 +7,7 @@
 
 #include "config/ServiceConfigParser.h"
 #include "records/ClientDirectory.h"
+#include "utils/CommonHelper.h"
 #include "utils/Digest.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
@@ -15,8 +16,6 @@
 namespace kelm {
 
 namespace {
-
-constexpr unsigned kMegabyteShift = 20;
 
 const char* orUnnamed(const char* name) { return name != nullptr ? name : "unnamed"; }
 

@@ -16,6 +16,7 @@
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/ThreadUtils.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -38,10 +39,7 @@ size_t setSendBuffer(int fd, int size) {
 }
 
 int millisecUntil(std::chrono::steady_clock::time_point deadline) {
-    const auto left = deadline - std::chrono::steady_clock::now();
-    // Up, or the last fraction would be spent without sleeping.
-    const auto millisec = std::chrono::ceil<milliseconds>(left).count();
-    return static_cast<int>(std::clamp<int64_t>(millisec, 0, INT32_MAX));
+    return static_cast<int>(std::min<int64_t>(timeUntil(deadline).count(), INT32_MAX));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "records/BlockCache.h"
+#include "utils/BlockCache.h"
 
 #include <new>
 
