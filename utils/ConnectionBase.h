@@ -144,4 +144,14 @@ class ConnectionBase : public kelm::NonCopyable,
     std::atomic<bool> m_listedAsBuffered{false};
 };
 
+// Ends a connection's block with the scope; the block itself is the caller's.
+class PollBlocker : public kelm::NonCopyable {
+ public:
+    explicit PollBlocker(ConnectionBase* connection) : m_connection(connection) {}
+    ~PollBlocker() { m_connection->unblockPoller(); }
+
+ private:
+    ConnectionBase* const m_connection;  // borrowed for the scope
+};
+
 }  // namespace IPC

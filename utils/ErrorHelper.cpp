@@ -63,6 +63,7 @@ void errorWithException(const std::string& message, const char* file, int line, 
     if (errorNumber != 0) {
         text << "\t(" << errorNumber << ") " << std::generic_category().message(errorNumber);
     }
+    // Not through the log: this may be the end of the process, and the thread may hold its mutex.
     std::cerr << text.str();
     errno = errorNumber;  // for the log of whoever catches it
     if (!ends) throw std::runtime_error(message);

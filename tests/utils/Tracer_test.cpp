@@ -12,8 +12,7 @@
 
 #include "fakes/TempDir.h"
 #include "utils/AppendOnlyFile.h"
-#include "utils/CsvObj.h"
-#include "utils/CsvOutput.h"
+#include "utils/CsvObjWriter.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -154,7 +153,7 @@ TEST_F(TracerTest, ObjectsPileUpOrTellOfTheirFormerOperation) {
 }
 
 TEST_F(TracerTest, FailureIsLoggedAtEverySaveOrRowsArePiledUp) {
-    CsvOutput output(m_directory.path() + "/missing/file.csv", "header\n");
+    CsvObjWriter::Output output(m_directory.path() + "/missing/file.csv", "header\n");
     testing::internal::CaptureStdout();
     for (int i = 0; i < 3; ++i) {
         (void)output.append("lost", "\n");
@@ -172,7 +171,7 @@ TEST_F(TracerTest, FailureIsLoggedAtEverySaveOrRowsArePiledUp) {
 TEST_F(TracerTest, SlowDiskCostsMemoryWithoutEnd) {
     const std::string path = m_directory.path() + "/missing/file.csv";
     const std::string line((1 << 16) - 1, 'x');
-    CsvOutput output(path, "");
+    CsvObjWriter::Output output(path, "");
     int wakeUps = 0;
     for (int i = 0; i < 129 * 16; ++i) wakeUps += output.append(line, "\n") ? 1 : 0;
     EXPECT_EQ(wakeUps, 1);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessagePtr.h"
 
 namespace kelm {
 
@@ -37,15 +38,16 @@ struct KelmStatus {
     std::string taskSchedulerName;
 };
 
-// The same with whom it is for.
+// The same with the query that it answers.
 struct KelmStatusExtend : KelmStatus {
-    ~KelmStatusExtend() override;  // releases a request that no answer has taken over
+    // Releases a request that no answer has taken over.
+    ~KelmStatusExtend() override { kelmReleaseMessage(static_cast<KelmMsgBase*>(request)); }
 
     uint64_t clientId = 0;
     uint64_t queryType = 0;
     int socket = -1;
     void* request = nullptr;  // the request message; null once the answer has taken it over
-    // Atomic: lowered by whoever finishes a part.
+    // Atomic: lowered by each manager as it finishes a part, on its own pool.
     std::atomic<uint8_t> pendingParts{0};
 };
 

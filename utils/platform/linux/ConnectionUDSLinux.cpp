@@ -14,7 +14,6 @@
 #include "utils/ErrorHelper.h"
 #include "utils/FileHelper.h"
 #include "utils/PeerCredentials.h"
-#include "utils/PollEvent.h"
 #include "utils/Poller.h"
 #include "utils/StringHelper.h"
 

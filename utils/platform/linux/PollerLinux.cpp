@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <csignal>
 #include <exception>
-#include <iostream>
 #include <mutex>
 #include <utility>
 
 #include "utils/ConnectionBase.h"
 #include "utils/ErrorHelper.h"
+#include "utils/Log.h"
 #include "utils/Poller.h"
 
 namespace IPC {
@@ -209,8 +209,7 @@ void Poller::runPosted() {
         try {
             callable();
         } catch (const std::exception& e) {
-            std::cerr << "Exception in "
-                      << "wait" << e.what() << std::endl;
+            LOG_ERROR("Exception in wait%s", e.what());
         }
     }
 }
