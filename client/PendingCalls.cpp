@@ -52,7 +52,7 @@ bool PendingCalls::add(uint64_t sequence, Entry entry) {
         if (wake) m_nextCheck = entry.deadline;
         m_entries.insert(sequence, std::move(entry));
     }
-    if (wake) m_wake.notifyOne();
+    if (wake) m_wake.notifyOne();  // the thread sleeps until the deadline that was first so far
     return true;
 }
 
@@ -61,6 +61,7 @@ std::optional<PendingCalls::Entry> PendingCalls::take(uint64_t sequence) {
     return m_entries.take(sequence);
 }
 
+// Never under the mutex: a callback may submit the next request.
 void PendingCalls::end(Entry& entry, const Error& error) {
     if (entry.reply) entry.reply(nullptr, error);
     if (!entry.done) return;
@@ -82,6 +83,7 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
         if (entry == nullptr) return;
         entry->result.acceptLatency = now - entry->start;
         entry->result.taskId = taskId;
+        // Taken out and called without the lock; the entry stays until its result.
         if (status == 0) accepted.swap(entry->accepted);
     }
     if (status != 0) {
@@ -99,6 +101,7 @@ void PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskI
     end(*entry, Error::fromStatus(status));
 }
 
+// A search, since entries are kept by sequence number and cancels are rare.
 void PendingCalls::cancelInfer(uint64_t taskId) {
     uint64_t sequence = 0;
     {
@@ -122,7 +125,7 @@ void PendingCalls::closeAll(const Error& error) {
     {
         MutexLock lock(m_mutex);
         m_closed = true;
-        std::swap(entries, m_entries);
+        std::swap(entries, m_entries);  // m_closed is set under the same lock: none comes after it
     }
     for (auto& [sequence, entry] : entries) end(entry, error);
 }
@@ -152,7 +155,7 @@ void PendingCalls::deadlineRoutine() {
             m_wake.waitUntil(m_mutex, m_nextCheck);
         }
         const Clock::time_point now = Clock::now();
-        if (m_nextCheck > now) continue;
+        if (m_nextCheck > now) continue;  // woken early: an earlier deadline, or the end
         std::vector<Entry> overdue = takeOverdueUnsafe(now);
         lock.unlock();
         for (Entry& entry : overdue) end(entry, Error::timeout(entry.what));

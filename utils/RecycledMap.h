@@ -9,7 +9,7 @@
 namespace kelm {
 
 // A hash map that keeps the nodes of erased entries for the next ones, so that entries which come
-// and go at a steady rate allocate nothing. Not thread-safe.
+// and leave at a steady rate allocate nothing. Not thread-safe.
 template <class Key, class Value>
 class RecycledMap {
  public:

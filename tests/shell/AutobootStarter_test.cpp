@@ -24,7 +24,7 @@ bool isFree(const std::string& path) {
 class AutobootStarterTest : public ::testing::Test {
  protected:
     AutobootStarterTest() {
-        // Like the real one it returns before the tool has gone.
+        // Like the real one it returns before the tool has ended.
         script("path/pkill",
                "echo \"$*\" >> kills\n"
                "( sleep 0.3; kill -9 $(head -n 1 calls | cut -d ' ' -f 1) ) > /dev/null 2>&1 &\n");
@@ -99,7 +99,7 @@ TEST_F(AutobootStarterTest, CrashedToolIsStartedAgainUntilTheSupervisionEnds) {
         starter.stop();
         EXPECT_TRUE(isFree(RunPaths::autobootStartExitMutex()));
     }
-    EXPECT_FALSE(isFree(RunPaths::autobootAliveMutex()));  // the tool goes on alone
+    EXPECT_FALSE(isFree(RunPaths::autobootAliveMutex()));  // the tool runs on alone
 }
 
 TEST_F(AutobootStarterTest, LaunchWithoutAToolFailsAndSaysWhy) {

@@ -7,7 +7,7 @@ using ::testing::HasSubstr;
 using Strings = std::vector<std::string>;
 
 struct Outcome {
-    bool runs = false;  // the service goes on
+    bool runs = false;  // the service is to run
     CommandLineParser parser;
     std::string output;
     std::string errors;

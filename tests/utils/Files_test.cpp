@@ -104,7 +104,7 @@ TEST_F(FilesTest, PlantedFilesAreNeitherLockedNorWritten) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         ASSERT_EQ(row.plant(), 0);
-        // Somebody else has a pipe open at both ends, so that opening it would not wait.
+        // Another process may have a pipe open at both ends, so that opening it would not wait.
         const UniqueFd planted(::open(path.c_str(), O_RDWR));
         EXPECT_FALSE(GlobalMutex(path, true).isOpen());
         ThreadUtils::saveThreadInfo("any");
@@ -127,7 +127,7 @@ TEST_F(FilesTest, FilesOfOneNameAreOpenedAndThoseOfOthersOnlyWhereTheyMayBe) {
     EXPECT_TRUE(open(O_TRUNC, PlainFile::Owner::THIS_USER));
     EXPECT_EQ(FileHelper::getFileSize(path), 0U);
     write("file", "text");
-    // Root gives its file away; anybody else takes one that root has.
+    // Root gives its file away; another user takes one that root has.
     const bool given = ::chown(path.c_str(), 65534, 65534) == 0;
     const std::string others = given ? path : "/etc/passwd";
     const int access = given ? O_RDWR : O_RDONLY;

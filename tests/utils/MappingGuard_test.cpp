@@ -104,7 +104,7 @@ TEST(MappingGuardTest, OneMappingTooManyIsRefused) {
     EXPECT_NE(Mapping().data(), nullptr);
 }
 
-// What a bug of the service or somebody's kill raises.
+// What a bug of the service or a kill from outside raises.
 TEST(MappingGuardDeathTest, OtherBusErrorEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const Mapping guarded;

@@ -58,8 +58,8 @@ class Children {
         const pid_t pid = ::fork();
         if (pid < 0) throw std::runtime_error("cannot start a client process");
         if (pid == 0) {
-            // A statement of its own: the client must be gone, and with it the names of its shared
-            // memory, before the process goes without destroying anything.
+            // A statement of its own: the client must be destroyed, and with it the names of its
+            // shared memory, before _exit() ends the process without destroying anything.
             const int status = BenchClient(options, index, region).run();
             ::_exit(status);
         }

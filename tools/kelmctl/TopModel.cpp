@@ -175,7 +175,8 @@ TopModel::Rows TopModel::mergeClients() const {
         fillFromSnapshot(row, *found->second);
         more.erase(found);
     }
-    // Where the status had room for all clients, those that only the older snapshot has are gone.
+    // Where the status had room for all clients, those that only the older snapshot has have
+    // departed.
     if (m_status.clientCount <= m_status.clients.size()) return rows;
     for (const auto& [key, client] : more) {
         TopRow& row = rows.emplace_back();

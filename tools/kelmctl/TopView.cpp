@@ -60,7 +60,7 @@ std::u32string_view sortMark(bool upwards, bool utf8) {
     return upwards ? U"^" : U"v";
 }
 
-// Shares `lines` out: nobody gets more than it needs, what one does not need goes to the others.
+// Shares `lines` out: no section gets more than it needs, what one leaves is for the others.
 std::vector<size_t> shareOut(size_t lines, const std::vector<size_t>& needs) {
     std::vector<size_t> shares(needs.size(), 0);
     while (lines > 0 && shares != needs) {

@@ -68,7 +68,7 @@ void SnapshotServer::start() { m_listener->unblockPoller(); }
 
 void SnapshotServer::requestStop() {
     m_stop = true;
-    (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: nobody reads it, few write
+    (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: the count never fills up
 }
 
 bool SnapshotServer::stop(milliseconds time) {
@@ -102,7 +102,8 @@ void SnapshotServer::listenThreadRoutine() {
 bool SnapshotServer::waitForPass() {
     waitForEvent();
     bool due = false;
-    // What has come meanwhile shares a package, so that many who come and go at once cost one.
+    // What has come meanwhile shares a package, so that many that connect or leave at once cost
+    // one.
     for (int i = 0; i < kEventsInARow && !m_stop; ++i) {
         IPC::PollEvent event;
         if (!m_poller->wait(&event, 0)) break;

@@ -193,8 +193,8 @@ void ConnectionUDS::close() {
     if (m_users == 0) {
         (void)::close(m_fd);
     } else {
-        // Whoever is inside is thrown out, and the last one closes: the kernel must not give the
-        // number to another socket while a read or write still holds it.
+        // Transfers in progress fail, and the last of them closes the descriptor: the kernel must
+        // not give its number to another socket while a read or write still uses it.
         (void)::shutdown(m_fd, SHUT_RDWR);
         m_retiredFd = m_fd;
     }
@@ -222,7 +222,8 @@ void ConnectionUDS::shutdown(int how) {
 }
 
 // The flag and the kernel's set change together: a block that comes while another thread unblocks
-// must not leave behind a descriptor that makes events which nobody takes.
+// must not leave behind a descriptor in the kernel's set whose events are all dropped: the wait
+// would return at once for ever.
 void ConnectionUDS::blockPoller() {
     const std::shared_ptr<Poller> poller = getPoller();
     kelm::MutexLock lock(m_mutex);

@@ -20,7 +20,7 @@ namespace {
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 constexpr int kForEver = -1;
-constexpr int kQuestionMillisec = 10;  // between two questions whether to go on waiting
+constexpr int kQuestionMillisec = 10;  // between two questions whether to wait on
 
 // Until the socket is ready again, or shut down, or the time is up; then the caller repeats its
 // call.
@@ -159,7 +159,7 @@ void ConnectionUDS::readSome(int fd, char* target, int size, int* bytesRead) {
 
 ssize_t ConnectionUDS::receive(int fd, char* target, size_t size, int flags) {
     if (m_input.size() == 0) {
-        // A large block goes straight to its own memory.
+        // A large block is received straight into its own memory, without a copy.
         if (size > ReceiveBuffer::kCapacity) return ::recv(fd, target, size, flags);
         const ssize_t count = m_input.fill(fd, flags);
         if (count <= 0) return count;

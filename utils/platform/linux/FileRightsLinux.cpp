@@ -25,8 +25,8 @@ enum ListTag : uint16_t { USER = 0x02, OWNING_GROUP = 0x04, GROUP = 0x08, MASK =
 
 constexpr uint32_t kAll = 7;
 
-// The attribute; empty if the file has none. Nothing if it cannot be read, which nobody should take
-// for a file without a list.
+// The attribute; empty if the file has none. Nothing if it cannot be read, which must not pass
+// for a file without a list: its group bits would then count as the group's.
 std::optional<std::vector<char>> readList(int fd) {
     std::vector<char> bytes;
     ssize_t size = ::fgetxattr(fd, kListName, nullptr, 0);

@@ -15,7 +15,7 @@ namespace IPC {
 
 namespace {
 
-// A peer that is gone is told by an error of the write, never by a signal.
+// A peer that has hung up is told by an error of the write; the signal would end the process.
 void ignoreSigpipe() {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -191,8 +191,9 @@ void Poller::deleteLater(std::shared_ptr<ConnectionBase> connection) {
 }
 
 void Poller::deleteClosed() {
-    std::list<std::shared_ptr<ConnectionBase>> closed;  // they go after the lock does
-    if (!m_deletionMutex.tryLock()) return;             // busy: at the next wait
+    // Destroyed after the lock is released: a destructor may call back into the poller.
+    std::list<std::shared_ptr<ConnectionBase>> closed;
+    if (!m_deletionMutex.tryLock()) return;  // busy: at the next wait
     closed.swap(m_deletions);
     m_deletionMutex.unlock();
 }
