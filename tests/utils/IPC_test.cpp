@@ -196,6 +196,7 @@ TEST_F(IPCTest, DescriptorBeyondTheFastMapWorksToo) {
     channel.poller->remove(connection.get());
     channel.poller->remove(connection.get());
     EXPECT_FALSE(nextEvent());
+    ConnectionBase::close(connection->getSimulateFD());  // the poller does not do it any more
 }
 
 TEST_F(IPCTest, BlockedConnectionIsSilentAndDoesNotSpin) {
