@@ -15,6 +15,17 @@ using Milliseconds = std::chrono::milliseconds;
 // Children are small shell scripts that note in a file how they were called.
 class SubProcessTest : public ::testing::Test {
  protected:
+    // A sanitizer starts a thread of its own with the first one.
+    SubProcessTest() {
+        std::thread([] {}).join();
+        m_threads = threadCount();
+    }
+    // The thread that supervises a child ends after its owner.
+    ~SubProcessTest() override { EXPECT_TRUE(waitForThreadsToEnd()); }
+
+    bool waitForThreadsToEnd() const {
+        return eventually([this] { return threadCount() <= m_threads; });
+    }
     // A child that notes its call.
     std::string noting(const std::string& rest) {
         const std::string path = m_dir.write(
@@ -38,6 +49,7 @@ class SubProcessTest : public ::testing::Test {
     static int pidOf(const std::string& call) { return std::stoi(call); }
 
     TempDir m_dir;
+    size_t m_threads = 0;
 };
 
 TEST_F(SubProcessTest, DeadChildIsStartedAgainToRecoverAndEndsWithItsOwner) {
@@ -72,8 +84,6 @@ TEST_F(SubProcessTest, ChildThatDiesAtOnceIsStartedAfterGrowingPauses) {
 
 TEST_F(SubProcessTest, ChildrenReapedElsewhereEndTheSupervision) {
     ::testing::internal::CaptureStdout();
-    std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first one
-    const size_t threads = threadCount();
     const auto old = ::signal(SIGCHLD, SIG_IGN);  // children vanish without a wait
     {
         SubProcess process({noting("exec sleep 60")});
@@ -81,7 +91,7 @@ TEST_F(SubProcessTest, ChildrenReapedElsewhereEndTheSupervision) {
         EXPECT_TRUE(process.enableDaemon(true));
         EXPECT_TRUE(waitForCalls(1));
         ::kill(pidOf(calls().at(0)), SIGKILL);
-        EXPECT_TRUE(eventually([&] { return threadCount() <= threads; }));
+        EXPECT_TRUE(waitForThreadsToEnd());
     }
     ::signal(SIGCHLD, old);
     const std::string text = ::testing::internal::GetCapturedStdout();
