@@ -36,6 +36,7 @@ bool CsvObjWriter::Output::append(std::string_view head, std::string_view tail) 
         return false;
     }
     m_filling.append(head).append(tail);
+    // At the crossing only: one wake-up for each full buffer.
     return before <= kFull && m_filling.size() > kFull;
 }
 
@@ -43,7 +44,7 @@ void CsvObjWriter::Output::save() {
     uint64_t dropped = 0;
     {
         MutexLock lock(m_mutex);
-        m_filling.swap(m_saving);
+        m_filling.swap(m_saving);  // callers fill the other one while the disk is slow
         dropped = std::exchange(m_dropped, 0);
     }
     if (!m_saving.empty()) (void)m_file.append(m_saving);  // it logs a failure; the text is lost

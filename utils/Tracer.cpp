@@ -86,6 +86,7 @@ uint64_t CsvObj::startCsvObject(const char* name) {
     }
     std::shared_ptr<CsvObj> obj = std::move(all.csvPool.back());
     all.csvPool.pop_back();
+    // The name's memory is used again, too: in the steady state no string grows.
     obj->renewOperation(name);
     const uint64_t id = obj->m_id;
     all.csvRecords[id] = std::move(obj);

@@ -106,7 +106,7 @@ double jainIndex(const std::vector<double>& shares) {
         sum += share;
         squares += share * share;
     }
-    if (squares <= 0.0) return 1.0;
+    if (squares <= 0.0) return 1.0;  // no client got anything, which is fair
     return sum * sum / (static_cast<double>(shares.size()) * squares);
 }
 
@@ -121,6 +121,7 @@ double BenchReport::seconds(size_t client) const {
     return static_cast<double>(m_region.lanes[client].runNanos) / kNanosPerSecond;
 }
 
+// A graph is served by all clients, so its rate is over the time of the one that ran longest.
 double BenchReport::longestSeconds() const {
     double longest = 0.0;
     for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {

@@ -77,6 +77,8 @@ bool ConnectionUDS::connected() {
     return m_state == CONNECTED && !m_shutDown;
 }
 
+// Not before the last transfer on an old descriptor has ended: the users of both would be counted
+// as one.
 void ConnectionUDS::requireEmpty(const char* text) {
     kelm::MutexLock lock(m_mutex);
     if (m_state == EMPTY && m_fd < 0 && m_retiredFd < 0) return;
@@ -106,6 +108,7 @@ void ConnectionUDS::enterState(State state) {
         kelm::MutexLock lock(m_mutex);
         m_state = state;
     }
+    // Look-ups find the connection before the poller makes an event for it.
     publish();
     if (const std::shared_ptr<Poller> poller = getPoller()) poller->add(this);
 }
@@ -115,6 +118,7 @@ void ConnectionUDS::create(const std::string& path, AccessAttribute attribute) {
     openSocket();
     const std::string name =
         cutPath(path.empty() ? StringHelper::format("/var/tmp/%05d", ::getpid()) : path);
+    // A file that a service left behind, which would make bind() fail.
     (void)::unlink(name.c_str());
     const Address address = makeAddress(name);
     if (::bind(nativeHandle(), reinterpret_cast<const sockaddr*>(&address.name), address.length) !=
@@ -123,7 +127,7 @@ void ConnectionUDS::create(const std::string& path, AccessAttribute attribute) {
     }
     {
         kelm::MutexLock lock(m_mutex);
-        m_path = name;
+        m_path = name;  // from here close() removes the file
     }
     setConnectionAccessAttribute(name, attribute);
 }

@@ -20,6 +20,7 @@ void ignoreSigpipe() {
     static std::once_flag once;
     std::call_once(once, [] {
         struct sigaction old = {};
+        // A program that has a handler of its own keeps it: this may be a library within it.
         if (::sigaction(SIGPIPE, nullptr, &old) == 0 && old.sa_handler == SIG_DFL) {
             (void)::signal(SIGPIPE, SIG_IGN);
         }
@@ -62,6 +63,7 @@ void Poller::add(ConnectionBase* pconn) {
     if (descriptor == -1) return;
     pconn->setPoller(weak_from_this());
     kelm::MutexLock lock(m_mapMutex);
+    // The kernel would refuse a descriptor that is in its set already.
     if (!isMapped(descriptor)) registerDescriptor(descriptor);
     if (descriptor < kFastDescriptors) {
         m_fastMap[descriptor] = connection;
@@ -104,6 +106,7 @@ void Poller::suspend(int descriptor) {
 
 void Poller::resume(int descriptor) {
     kelm::MutexLock lock(m_mapMutex);
+    // A connection that was removed meanwhile stays removed.
     if (isMapped(descriptor)) registerDescriptor(descriptor);
 }
 
@@ -204,6 +207,7 @@ void Poller::runPosted() {
         {
             kelm::MutexLock lock(m_queueMutex);
             if (m_queue.empty()) return;
+            // Run outside the lock: it may post another one.
             callable = std::move(m_queue.front());
             m_queue.pop();
         }
