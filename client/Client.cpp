@@ -80,6 +80,7 @@ Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath, D
     const std::string path = socketPath.empty() ? RunPaths::serviceSocket() : socketPath;
     try {
         auto connection = std::make_shared<IPC::ConnectionUDS>(nullptr);
+        // 0 would be no limit at all.
         if (!connection->connect(path, std::max(deadline, Deadline(1)))) {
             if (errno == EAGAIN) return Error::timeout("connecting to " + path);
             return Error(ErrorKind::kNotConnected, 0,
@@ -114,6 +115,7 @@ Result<Graph> Client::createGraphFromFile(const std::string& path, const GraphOp
     const UniqueMalloc<char> absolute(::realpath(path.c_str(), nullptr));
     if (!absolute) return Error::fromErrno("finding " + path);
     auto request = makeCreateGraph(clientId(), options);
+    // A path cut to the field would name another file.
     if (std::strlen(absolute.get()) >= sizeof(request.graphPath)) {
         return Error(ErrorKind::kSystem, 0, "the path of the graph file is too long");
     }
@@ -127,6 +129,7 @@ Result<Graph> Client::createGraph(std::span<const std::byte> blob, const GraphOp
         return Error(ErrorKind::kSystem, 0, "a graph has at most 4 GiB");
     }
     auto request = makeCreateGraph(clientId(), options);
+    // The sender reads the bytes from this address: the blob must live until call() returns.
     request.graphData = reinterpret_cast<uint64_t>(blob.data());
     request.graphDataSize = static_cast<uint32_t>(blob.size());
     return readGraph(m_impl->call(request.head, "create graph", deadline));
@@ -177,6 +180,7 @@ Result<bool> Client::cancel(uint64_t taskId, Deadline deadline) {
     const auto* response =
         answerAs<KelmMsgRspCancelTask>(answer.value(), KELM_MESSAGE_CANCEL_TASK_RSP);
     if (response == nullptr) return unexpectedAnswer();
+    // The service sends no result for a task that it has taken back.
     if (response->canceled != 0) m_impl->taskCanceled(taskId);
     return response->canceled != 0;
 }

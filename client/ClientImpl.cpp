@@ -57,6 +57,8 @@ Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection)
       m_reader([this] { readRoutine(); }) {}
 
 Client::Impl::~Impl() {
+    // The order matters: the reader ends once it cannot read; only then no answer can come for the
+    // calls that are closed, and the descriptor is closed when no thread uses it.
     m_connection->shutdown();
     m_reader.join();
     m_pending.closeAll(Error::connectionLost());
@@ -68,6 +70,7 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
     const uint64_t sequence = nextSequence();
     request.reqSeqNo = sequence;
     request.needResponse = 1;
+    // Shared: after a deadline the callback may still be running while this function returns.
     auto promise = std::make_shared<std::promise<Answer>>();
     std::future<Answer> future = promise->get_future();
     const bool added =
@@ -75,6 +78,7 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
             promise->set_value({std::move(message), error});
         });
     if (!added) return Error::connectionLost();
+    // Added before it is sent: the answer may come before send() returns.
     if (const Error error = send(request.base, end)) m_pending.fail(sequence, error);
     Answer answer = future.get();
     if (answer.error) return answer.error;
@@ -99,6 +103,8 @@ void Client::Impl::infer(const InferRequest& request, const InferCallback& done,
 Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
     {
         MutexLock lock(m_sendMutex);
+        // A turn by a flag, not by holding the mutex while writing: a caller whose deadline passes
+        // must be able to leave while another one's write is stuck.
         while (m_sending) {
             if (!m_sendTurn.waitUntil(m_sendMutex, deadline) && m_sending) {
                 return Error::timeout("the request");
@@ -124,7 +130,7 @@ void Client::Impl::giveUpStuckSend() {
 void Client::Impl::readRoutine() {
     ThreadUtils::setName("KelmReader");
     while (MessagePtr message{kelmReceiveMessage(m_socket)}) dispatch(std::move(message));
-    m_connected.store(false);
+    m_connected.store(false);  // first, so that a callback below sees the loss
     m_pending.closeAll(Error::connectionLost());
 }
 

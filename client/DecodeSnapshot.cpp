@@ -9,7 +9,7 @@ namespace kelm::client {
 
 namespace {
 
-// The count of the device rows stays 0 on the wire; a row that nobody wrote is all zeros.
+// The count of the device rows stays 0 on the wire; a row that no device filled is all zeros.
 bool isInUse(const InfoDeviceRow& row) {
     const auto* bytes = reinterpret_cast<const std::byte*>(&row);
     return std::any_of(bytes, bytes + sizeof(row),
@@ -63,7 +63,7 @@ uint64_t megabytes(int64_t value) { return static_cast<uint64_t>(std::max<int64_
 
 Snapshot decodeSnapshot(const InfoPackage& package) {
     Snapshot snapshot;
-    // Up to the last one in use: an idle device whose id is 0 looks like nobody's row.
+    // Up to the last one in use: an idle device whose id is 0 looks like a row of no device.
     const auto last =
         std::find_if(std::rbegin(package.devices), std::rend(package.devices), isInUse);
     std::transform(std::begin(package.devices), last.base(), std::back_inserter(snapshot.devices),

@@ -16,6 +16,13 @@ size_t rowsOf(int32_t count, size_t rows) { return std::min<size_t>(countOrZero(
 
 namespace {
 
+// The public header has its own numbers, since it cannot include the protocol's.
+static_assert(StatusPart::kOverview == StatusPart{kQueryAll} &&
+              StatusPart::kDevices == StatusPart{kQueryDevices} &&
+              StatusPart::kGraphs == StatusPart{kQueryGraphs} &&
+              StatusPart::kClients == StatusPart{kQueryClients} &&
+              StatusPart::kSchedulers == StatusPart{kQuerySchedulers});
+
 void decodeDevices(const KelmMsgRspQueryStatus& answer, ServiceStatus& status) {
     status.deviceCount = countOrZero(answer.deviceNum);
     const bool details = status.parts.has(StatusPart::kDevices);

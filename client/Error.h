@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <variant>
@@ -64,5 +65,15 @@ class Result {
  private:
     std::variant<T, Error> m_value;
 };
+
+// For programs that end with the first error: throw its text as a std::runtime_error.
+inline void require(const Error& error) {
+    if (error) throw std::runtime_error(error.text());
+}
+template <class T>
+T take(Result<T> result) {
+    if (!result) throw std::runtime_error(result.error().text());
+    return std::move(result.value());
+}
 
 }  // namespace kelm::client

@@ -7,10 +7,6 @@
 
 namespace kelm::client {
 
-namespace {
-constexpr size_t kSpareNodes = 256;
-}
-
 PendingCalls::PendingCalls(std::function<void()> onOverdue)
     : m_onOverdue(std::move(onOverdue)), m_thread([this] { deadlineRoutine(); }) {}
 
@@ -54,30 +50,18 @@ bool PendingCalls::add(uint64_t sequence, Entry entry) {
         if (m_closed) return false;
         wake = entry.deadline < m_nextCheck;
         if (wake) m_nextCheck = entry.deadline;
-        if (m_spareNodes.empty()) {
-            m_entries.emplace(sequence, std::move(entry));
-        } else {
-            Entries::node_type node = std::move(m_spareNodes.back());
-            m_spareNodes.pop_back();
-            node.key() = sequence;
-            node.mapped() = std::move(entry);
-            m_entries.insert(std::move(node));
-        }
+        m_entries.insert(sequence, std::move(entry));
     }
-    if (wake) m_wake.notifyOne();
+    if (wake) m_wake.notifyOne();  // the thread sleeps until the deadline that was first so far
     return true;
 }
 
-PendingCalls::Entry PendingCalls::take(uint64_t sequence, bool& found) {
+std::optional<PendingCalls::Entry> PendingCalls::take(uint64_t sequence) {
     MutexLock lock(m_mutex);
-    Entries::node_type node = m_entries.extract(sequence);
-    found = !node.empty();
-    if (!found) return {};
-    Entry entry = std::move(node.mapped());
-    if (m_spareNodes.size() < kSpareNodes) m_spareNodes.push_back(std::move(node));
-    return entry;
+    return m_entries.take(sequence);
 }
 
+// Never under the mutex: a callback may submit the next request.
 void PendingCalls::end(Entry& entry, const Error& error) {
     if (entry.reply) entry.reply(nullptr, error);
     if (!entry.done) return;
@@ -86,9 +70,8 @@ void PendingCalls::end(Entry& entry, const Error& error) {
 }
 
 void PendingCalls::finishCall(uint64_t sequence, MessagePtr answer) {
-    bool found = false;
-    const Entry entry = take(sequence, found);
-    if (found && entry.reply) entry.reply(std::move(answer), Error());
+    const std::optional<Entry> entry = take(sequence);
+    if (entry && entry->reply) entry->reply(std::move(answer), Error());
 }
 
 void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
@@ -96,12 +79,12 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
     AcceptCallback accepted;
     {
         MutexLock lock(m_mutex);
-        const auto found = m_entries.find(sequence);
-        if (found == m_entries.end()) return;
-        Entry& entry = found->second;
-        entry.result.acceptLatency = now - entry.start;
-        entry.result.taskId = taskId;
-        if (status == 0) accepted.swap(entry.accepted);
+        Entry* const entry = m_entries.find(sequence);
+        if (entry == nullptr) return;
+        entry->result.acceptLatency = now - entry->start;
+        entry->result.taskId = taskId;
+        // Taken out and called without the lock; the entry stays until its result.
+        if (status == 0) accepted.swap(entry->accepted);
     }
     if (status != 0) {
         fail(sequence, Error::fromStatus(status));
@@ -111,14 +94,14 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
 }
 
 void PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
-    bool found = false;
-    Entry entry = take(sequence, found);
-    if (!found || !entry.done) return;
-    entry.result.taskId = taskId;
-    entry.result.resultLatency = Clock::now() - entry.start;
-    end(entry, Error::fromStatus(status));
+    std::optional<Entry> entry = take(sequence);
+    if (!entry || !entry->done) return;
+    entry->result.taskId = taskId;
+    entry->result.resultLatency = Clock::now() - entry->start;
+    end(*entry, Error::fromStatus(status));
 }
 
+// A search, since entries are kept by sequence number and cancels are rare.
 void PendingCalls::cancelInfer(uint64_t taskId) {
     uint64_t sequence = 0;
     {
@@ -133,9 +116,8 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
 }
 
 void PendingCalls::fail(uint64_t sequence, const Error& error) {
-    bool found = false;
-    Entry entry = take(sequence, found);
-    if (found) end(entry, error);
+    std::optional<Entry> entry = take(sequence);
+    if (entry) end(*entry, error);
 }
 
 void PendingCalls::closeAll(const Error& error) {
@@ -143,23 +125,23 @@ void PendingCalls::closeAll(const Error& error) {
     {
         MutexLock lock(m_mutex);
         m_closed = true;
-        entries.swap(m_entries);
+        std::swap(entries, m_entries);  // m_closed is set under the same lock: none comes after it
     }
     for (auto& [sequence, entry] : entries) end(entry, error);
 }
 
 std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_point now) {
-    std::vector<Entry> overdue;
+    std::vector<uint64_t> sequences;
     m_nextCheck = Clock::time_point::max();
-    for (auto it = m_entries.begin(); it != m_entries.end();) {
-        if (it->second.deadline <= now) {
-            overdue.push_back(std::move(it->second));
-            it = m_entries.erase(it);
+    for (const auto& [sequence, entry] : m_entries) {
+        if (entry.deadline <= now) {
+            sequences.push_back(sequence);
         } else {
-            m_nextCheck = std::min(m_nextCheck, it->second.deadline);
-            ++it;
+            m_nextCheck = std::min(m_nextCheck, entry.deadline);
         }
     }
+    std::vector<Entry> overdue;
+    for (const uint64_t sequence : sequences) overdue.push_back(*m_entries.take(sequence));
     return overdue;
 }
 
@@ -173,7 +155,7 @@ void PendingCalls::deadlineRoutine() {
             m_wake.waitUntil(m_mutex, m_nextCheck);
         }
         const Clock::time_point now = Clock::now();
-        if (m_nextCheck > now) continue;
+        if (m_nextCheck > now) continue;  // woken early: an earlier deadline, or the end
         std::vector<Entry> overdue = takeOverdueUnsafe(now);
         lock.unlock();
         for (Entry& entry : overdue) end(entry, Error::timeout(entry.what));

@@ -3,13 +3,14 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "client/Client.h"
 #include "protocol/src/MessagePtr.h"
 #include "utils/Mutex.h"
+#include "utils/RecycledMap.h"
 
 namespace kelm::client {
 
@@ -54,11 +55,10 @@ class PendingCalls {
         AcceptCallback accepted;
         InferResult result;
     };
-    using Entries = std::unordered_map<uint64_t, Entry>;
+    using Entries = RecycledMap<uint64_t, Entry>;
 
     bool add(uint64_t sequence, Entry entry) EXCLUDES(m_mutex);
-    // The entry, taken out; `found` tells whether there was one.
-    Entry take(uint64_t sequence, bool& found) EXCLUDES(m_mutex);
+    std::optional<Entry> take(uint64_t sequence) EXCLUDES(m_mutex);
     static void end(Entry& entry, const Error& error);
     void deadlineRoutine() EXCLUDES(m_mutex);
     std::vector<Entry> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
@@ -69,7 +69,6 @@ class PendingCalls {
     bool m_closed GUARDED_BY(m_mutex) = false;
     bool m_stop GUARDED_BY(m_mutex) = false;
     Entries m_entries GUARDED_BY(m_mutex);
-    std::vector<Entries::node_type> m_spareNodes GUARDED_BY(m_mutex);  // saves a heap call per call
     Clock::time_point m_nextCheck GUARDED_BY(m_mutex) = Clock::time_point::max();
     std::thread m_thread;
 };

@@ -10,7 +10,7 @@
 namespace kelm::client {
 
 // How one tensor reaches the service: by the name of a shared memory object, or by a descriptor
-// that goes along with the request. The descriptor stays the caller's.
+// that is sent along with the request. The descriptor stays the caller's.
 struct Tensor {
     enum class Kind { kNone, kSharedMemory, kDescriptor };
 
@@ -42,7 +42,7 @@ class TensorSlot {
 };
 
 // Slots of one input and output size. A slot is made when first needed, under random names, and
-// used again once its handle is gone; all are removed with the pool and the last handle.
+// used again once its handle is destroyed; all are removed with the pool and the last handle.
 //
 // Threads: any.
 class TensorPool {

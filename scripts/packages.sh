@@ -7,7 +7,7 @@ kelm_packages=(
     g++ cmake ninja-build ccache
     libboost-dev libboost-program-options-dev libboost-filesystem-dev libboost-system-dev
     libboost-thread-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-    libncurses-dev nlohmann-json3-dev libusb-1.0-0-dev pkg-config "$@")
+    libncurses-dev libfmt-dev nlohmann-json3-dev libusb-1.0-0-dev pkg-config "$@")
 
 kelm_missing=()
 for package in "${kelm_packages[@]}"; do

@@ -8,14 +8,14 @@
 #include <utility>
 
 #include "utils/Log.h"
+#include "utils/PlainFile.h"
 
 namespace kelm {
 
 namespace {
 
-// Not blocking, for a pipe that somebody planted would hold the caller.
-constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr mode_t kMode = 0644;
+constexpr const char* kForeign = "the file is not this service's own";
 
 std::string errnoText() { return std::generic_category().message(errno); }
 
@@ -52,27 +52,23 @@ bool AppendOnlyFile::append(std::string_view text) {
 }
 
 UniqueFd AppendOnlyFile::open(std::string& reason) {
-    UniqueFd file(::open(m_path.c_str(), kFlags));
-    const bool fresh = !file && errno == ENOENT;
-    if (fresh) file.reset(::open(m_path.c_str(), kFlags | O_CREAT | O_EXCL, kMode));
+    UniqueFd file = PlainFile::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC, kMode,
+                                    PlainFile::Owner::THIS_USER);
     struct stat info {};
     if (!file || ::fstat(file.get(), &info) != 0) {
-        reason = errnoText();
+        const bool foreign = errno == EPERM || errno == EMLINK || errno == EINVAL;
+        reason = foreign ? kForeign : errnoText();
         return UniqueFd();
     }
-    if (!fresh && !isTrusted(info)) {
-        reason = "the file is not this service's own";
+    // An empty one is new, since the one that was opened last has been taken away.
+    if (m_known && info.st_size != 0 && (info.st_dev != m_device || info.st_ino != m_inode)) {
+        reason = kForeign;
         return UniqueFd();
     }
     m_known = true;
     m_device = info.st_dev;
     m_inode = info.st_ino;
     return file;
-}
-
-bool AppendOnlyFile::isTrusted(const struct stat& info) const {
-    if (m_known) return info.st_dev == m_device && info.st_ino == m_inode;
-    return S_ISREG(info.st_mode) && info.st_uid == ::geteuid() && info.st_nlink == 1;
 }
 
 }  // namespace kelm

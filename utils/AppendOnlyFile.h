@@ -10,9 +10,9 @@
 
 namespace kelm {
 
-// A file that grows at its end, in a directory that others may write to as well. What somebody
-// planted there under its name is refused: a link, a pipe, another user's file, one with a second
-// name. Once opened, only the same file is written to, or a new one if it has been taken away.
+// A file that grows at its end, in a directory that others may write to as well: a PlainFile of
+// this user. Once opened, only the same file is written to, or an empty one if it has been taken
+// away.
 //
 // Threads: one at a time.
 class AppendOnlyFile : public NonCopyable {
@@ -28,7 +28,6 @@ class AppendOnlyFile : public NonCopyable {
  private:
     // Nothing, with the reason, if the file cannot or must not be written.
     UniqueFd open(std::string& reason);
-    bool isTrusted(const struct stat& info) const;
 
     const std::string m_path;
     bool m_known = false;  // the next two name the file that was opened last

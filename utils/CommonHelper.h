@@ -2,6 +2,13 @@
 
 #include <string>
 
+namespace kelm {
+
+// From bytes to megabytes of 2^20.
+constexpr unsigned kMegabyteShift = 20;
+
+}  // namespace kelm
+
 class CommonHelper {
  public:
     // The value, or an empty string.

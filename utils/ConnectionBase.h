@@ -28,10 +28,10 @@ using AccessAttribute = std::tuple<int, std::string, std::string>;
 constexpr int IPC_CONN_FD_MAX = 2048;
 
 // One end of a channel, known to the rest of the system by a small number of its own, which is
-// free again only when the object is gone. Connections live in shared pointers: whoever holds one
-// (a send, a receive, a client's record) keeps both the object and its number.
+// free again only when the object is destroyed. Connections live in shared pointers: each holder (a
+// send, a receive, a client's record) keeps both the object and its number.
 //
-// Threads: one reader at a time, and one writer, who holds writeMutex(); close, shutdown and
+// Threads: one reader at a time, and one writer, which holds writeMutex(); close, shutdown and
 // look-ups from any thread. Owns: its number. An accepted connection belongs to the registry
 // (adopt) until close(number). Locks: writeMutex(), then the others; the registry's mutex and
 // m_baseMutex are leaves.
@@ -39,7 +39,7 @@ class ConnectionBase : public kelm::NonCopyable,
                        public std::enable_shared_from_this<ConnectionBase> {
  public:
     // The lowest free number is taken; none left is a fault of this program. The poller may be
-    // null, for one who only reads and writes; otherwise it lives in a shared pointer.
+    // null, for a connection that is only read and written; otherwise it lives in a shared pointer.
     explicit ConnectionBase(Poller* poller);
     virtual ~ConnectionBase();
 
@@ -48,9 +48,9 @@ class ConnectionBase : public kelm::NonCopyable,
     // Without `bytesRead` all of `size` is read, however long it takes; with it, what is there.
     // An error or an end of the stream in the middle raises.
     virtual void read(void* buffer, int size, int* bytesRead) = 0;
-    // For one who puts a stream together from its pieces: the number of bytes that were there, at
-    // most `size`; 0 if nothing has come, which happens only without `wait`. An error or the end of
-    // the stream raises; its text tells `leftBytes`, of which `size` is the next part.
+    // For a reader that puts records together from their pieces: the number of bytes that were
+    // there, at most `size`; 0 if nothing has come, which happens only without `wait`. An error or
+    // the end of the stream raises; its text tells `leftBytes`, of which `size` is the next part.
     virtual int readArrived(void* buffer, int size, uint32_t leftBytes, bool wait) = 0;
     // The same for one descriptor: whether it is complete. Raises if it is none.
     virtual bool readArrived(IncomingDescriptor& incoming, bool wait) = 0;
@@ -96,7 +96,7 @@ class ConnectionBase : public kelm::NonCopyable,
     void setUser(const std::string& user) EXCLUDES(m_baseMutex);
     std::string getUser() EXCLUDES(m_baseMutex);
 
-    // Who is at the other end of an accepted connection; null for any other.
+    // The user behind an accepted connection; null for any other.
     const std::shared_ptr<const kelm::PeerCredentials>& getPeer() const { return m_peer; }
 
     // The connection of a number, null if there is none.
@@ -105,8 +105,8 @@ class ConnectionBase : public kelm::NonCopyable,
     static std::shared_ptr<ConnectionBase> getConnectionById(int id);
     // Makes the registry an owner of the connection, until close(number).
     static void adopt(const std::shared_ptr<ConnectionBase>& connection);
-    // Closes the connection of a number, if there is one. The registry's share goes to the poller,
-    // which drops it at its next wait.
+    // Closes the connection of a number, if there is one. The registry's share passes to the
+    // poller, which drops it at its next wait.
     static void close(int id);
     // All connections that can be looked up, in the order of their numbers.
     static std::vector<std::shared_ptr<ConnectionBase>> getAll();
@@ -123,7 +123,7 @@ class ConnectionBase : public kelm::NonCopyable,
     void publish();
 
     std::shared_ptr<Poller> getPoller() EXCLUDES(m_baseMutex);
-    // Before publish(): nobody else knows the connection yet.
+    // Before publish(), while no other thread can find the connection.
     void setPeer(std::shared_ptr<const kelm::PeerCredentials> peer) { m_peer = std::move(peer); }
 
  private:
@@ -142,6 +142,16 @@ class ConnectionBase : public kelm::NonCopyable,
     // Atomic: set by the reader, cleared by the poller. Whether the poller's list of connections
     // with buffered bytes has this one.
     std::atomic<bool> m_listedAsBuffered{false};
+};
+
+// Ends a connection's block with the scope; the block itself is the caller's.
+class PollBlocker : public kelm::NonCopyable {
+ public:
+    explicit PollBlocker(ConnectionBase* connection) : m_connection(connection) {}
+    ~PollBlocker() { m_connection->unblockPoller(); }
+
+ private:
+    ConnectionBase* const m_connection;  // borrowed for the scope
 };
 
 }  // namespace IPC

@@ -13,7 +13,7 @@ DeviceMonitor::~DeviceMonitor() { stop(); }
 
 void DeviceMonitor::setImpl(std::shared_ptr<DeviceMonitorImpl> impl) {
     if (impl) impl->setParent(this);
-    // The old one goes outside the lock: its thread may be notifying.
+    // The old one is destroyed outside the lock: it joins its thread, which may be notifying.
     MutexLock lock(m_mutex);
     m_impl.swap(impl);
     lock.unlock();
@@ -63,7 +63,7 @@ void DeviceMonitor::stop() {
         m_launched = false;
         impl = m_impl;
     }
-    impl->stop();
+    impl->stop();  // without the mutex: it joins a thread that may be notifying
 }
 
 std::vector<DeviceDesc> DeviceMonitor::getDeviceList(int vendorId, int productId) {

@@ -11,7 +11,7 @@
 
 namespace kelm {
 
-// Tells which devices exist and when they come and go: a front with listeners, over an
+// Tells which devices exist and when they are plugged in and out: a front with listeners, over an
 // implementation that can be swapped.
 //
 // Threads: any. Owns: the implementation.

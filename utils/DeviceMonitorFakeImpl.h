@@ -6,7 +6,7 @@
 
 namespace kelm {
 
-// A fixed set of simulated devices, which never come or go.
+// A fixed set of simulated devices, which are never plugged in or out.
 //
 // Threads: the owner's; its own thread ends at once.
 class DeviceMonitorFakeImpl : public DeviceMonitorImpl {

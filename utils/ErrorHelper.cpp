@@ -63,8 +63,9 @@ void errorWithException(const std::string& message, const char* file, int line, 
     if (errorNumber != 0) {
         text << "\t(" << errorNumber << ") " << std::generic_category().message(errorNumber);
     }
+    // Not through the log: this may be the end of the process, and the thread may hold its mutex.
     std::cerr << text.str();
-    errno = errorNumber;  // for the log of whoever catches it
+    errno = errorNumber;  // for the log line where it is caught
     if (!ends) throw std::runtime_error(message);
     crash();
 }

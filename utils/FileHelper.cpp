@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <memory>
 
 #include "utils/Log.h"
@@ -26,7 +25,7 @@ bool FileHelper::readFile(const char* path, unsigned long size, char* buffer) {
     if (!file) return false;
     file.read(buffer, static_cast<std::streamsize>(size));
     if (static_cast<unsigned long>(file.gcount()) != size) {
-        std::cerr << "read " << file.gcount() << " of " << size << " bytes\n";
+        LOG_WARN("read %ld of %lu bytes", file.gcount(), size);
     }
     return true;
 }
@@ -38,7 +37,7 @@ bool FileHelper::writeFile(const char* path, unsigned long size, const char* buf
     if (!file) return false;
     (void)std::setvbuf(file.get(), nullptr, _IONBF, 0);  // so that the count is what was written
     const size_t written = std::fwrite(buffer, 1, size, file.get());
-    if (written != size) std::cerr << "wrote " << written << " of " << size << " bytes\n";
+    if (written != size) LOG_WARN("wrote %lu of %lu bytes", written, size);
     return true;
 }
 

@@ -10,7 +10,7 @@ class FileHelper {
     static bool exist(const char* path);
     static bool exist(const std::string& path);
 
-    // Reads up to `size` bytes. A short read is told on the standard error stream and still true.
+    // Reads up to `size` bytes. A short read or write is logged and still true.
     static bool readFile(const char* path, unsigned long size, char* buffer);
     static bool writeFile(const char* path, unsigned long size, const char* buffer);
     // The whole file in a fresh malloc block that the caller frees; null on failure, with an ERROR.

@@ -10,11 +10,11 @@ namespace kelm {
 
 struct PeerCredentials;
 
-// Who may do what with an open file.
+// The rights of users and groups to an open file.
 struct FileRights {
     enum Access : uint32_t { READ = 4, WRITE = 2 };
     enum class Class { USER, OWNING_GROUP, GROUP };
-    // A line of the access control list for somebody other than the owner.
+    // A line of the access control list for users other than the owner.
     struct Entry {
         Class who;
         uint32_t id;       // of USER and GROUP

@@ -12,8 +12,8 @@ namespace kelm {
 // Threads: any; the in-process mutex excludes them, since the file lock does not.
 class GlobalMutex {
  public:
-    // Opens or makes the file; on failure every later call logs an ERROR and returns false. What
-    // somebody planted under the name, a link or a pipe, is a failure.
+    // Opens or makes the file; on failure every later call logs an ERROR and returns false. A
+    // link or a pipe that another user planted under the name is a failure.
     GlobalMutex(const std::string& path, bool closeOnExec);
     virtual ~GlobalMutex();
     GlobalMutex(const GlobalMutex&) = delete;

@@ -4,6 +4,4 @@
 
 #include "utils/ConnectionBase.h"
 #include "utils/ConnectionUDS.h"
-#include "utils/PollBlocker.h"
-#include "utils/PollEvent.h"
 #include "utils/Poller.h"

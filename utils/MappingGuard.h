@@ -6,10 +6,10 @@ namespace kelm {
 
 // Maps files of clients. A client can shorten its file at any time, and a touch behind the new end
 // raises SIGBUS, which would end the process and all its clients' work. Here such a mapping becomes
-// zeros of this process instead: the touch goes on, and from then on the mapping is lost. A SIGBUS
+// zeros of this process instead: the touch succeeds, and from then on the mapping is lost. A SIGBUS
 // that has another cause ends the process as if there were no guard.
 //
-// Threads: any, the signal handler included. Nobody may touch a mapping that is being unmapped.
+// Threads: any, the signal handler included. No thread may touch a mapping that is being unmapped.
 // Owns: the process's handler of SIGBUS, from the first mapping on.
 // Locks: none; the handler finds the mappings in a table of atomics.
 class MappingGuard {

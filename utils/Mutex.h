@@ -9,7 +9,7 @@
 
 namespace kelm {
 
-// std::mutex with the annotations that let the compiler check who touches what.
+// std::mutex with the annotations that let the compiler check which thread touches what.
 class CAPABILITY("mutex") Mutex {
  public:
     Mutex() = default;

@@ -6,8 +6,8 @@
 
 namespace kelm {
 
-// Files in directories that others may write to as well: what somebody planted there under a name
-// must neither send the caller to another file (a link, a second name) nor hold it (a pipe).
+// Files in directories that others may write to as well: what another user planted there under a
+// name must neither send the caller to another file (a link, a second name) nor hold it (a pipe).
 class PlainFile {
  public:
     enum class Owner { ANYBODY, THIS_USER };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <map>
@@ -10,11 +11,29 @@
 
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
-#include "utils/PollEvent.h"
 #include "utils/Ring.h"
 #include "utils/UniqueFd.h"
 
 namespace IPC {
+
+class ConnectionBase;
+
+constexpr uint32_t kPollReadable = 1;
+constexpr uint32_t kPollHungUp = 2;
+
+// What Poller::wait found. It shares the connection, so that another thread's close leaves the
+// number in place until the event has been handled.
+struct PollEvent {
+    uint32_t flags = 0;
+    std::shared_ptr<ConnectionBase> connection;
+
+    bool isReadable() const { return (flags & kPollReadable) != 0; }
+    bool isHungUp() const { return (flags & kPollHungUp) != 0; }
+    void clear() {
+        flags = 0;
+        connection.reset();
+    }
+};
 
 // Tells its one waiting thread which connection can be read or has lost its peer. Lives in a
 // shared pointer; connections know it by a weak one.

@@ -7,9 +7,9 @@
 
 namespace kelm {
 
-// A call up the list of folders: the lower folder owns the interface `Listener`, whoever implements
-// it connects a provider. Without a listener, calls are dropped, which is what a late notice at the
-// end of the process meets.
+// A call up the list of folders: the lower folder owns the interface `Listener`, the class that
+// implements it connects a provider. Without a listener, calls are dropped, which is what a late
+// notice at the end of the process meets.
 //
 // Threads: any. disconnect() waits for the calls in progress, so a listener's destructor starts
 // with it.

@@ -28,7 +28,7 @@ struct IncomingDescriptor {
     ControlReport report;
 };
 
-// Bytes that one system call brought and that nobody has asked for yet. The kernel ends what it
+// Bytes that one system call brought and that are not read yet. The kernel ends what it
 // returns with the first segment that carries a descriptor, so at most one descriptor is held, and
 // it belongs to the last byte. Reading past that byte without asking for the descriptor closes it.
 //
@@ -43,7 +43,7 @@ class ReceiveBuffer {
     ssize_t fill(int socket, int flags);
     // Takes up to `size` bytes, copied to `target` unless that is null; returns their number.
     size_t take(void* target, size_t size);
-    // Takes bytes of a descriptor; one that came with them goes to `incoming`, unless it has one.
+    // Takes bytes of a descriptor; one that came with them passes to `incoming`, unless it has one.
     void takeDescriptor(IncomingDescriptor& incoming);
 
  private:

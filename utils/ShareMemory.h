@@ -23,7 +23,7 @@ class ShareMemory : public NonCopyable {
     // object of fewer bytes is too: it would end the process at the first touch behind its end.
     void* open(const char* name, unsigned long size);
     // The same for a peer, which must be allowed what it `wanted`: the object is opened with this
-    // process's rights, whoever named it.
+    // process's rights, which may be more than the peer's.
     void* openFor(const PeerCredentials& peer, FileRights::Access wanted, const char* name,
                   unsigned long size);
     // Unmaps, and takes the name away if this object made it.

@@ -70,6 +70,13 @@ std::string escapeControls(const char* text) {
     return escapeControls(text != nullptr ? std::string_view(text) : "(null)");
 }
 
+std::string toLower(std::string text) {
+    for (char& letter : text) {
+        if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+    }
+    return text;
+}
+
 std::string formatFixed(double value, int decimals) {
     std::ostringstream text;
     text << std::fixed << std::setprecision(decimals) << value;

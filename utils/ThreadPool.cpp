@@ -37,8 +37,11 @@ ThreadPool::~ThreadPool() {
     for (std::thread& thread : m_threads) thread.join();
 }
 
+// A producer on one of the pool's own threads is never held up: it would wait for itself.
 bool ThreadPool::isOwnThread() const { return t_pool == this; }
 
+// A batch that a single worker has taken out still counts against the limit, though it is no longer
+// in the queue: otherwise the queue could hold twice its size.
 uint64_t ThreadPool::queuedUnsafe() const {
     return m_queue.size() + m_urgent.size() + m_batchSize.load();
 }
@@ -48,7 +51,8 @@ void ThreadPool::throwIfStoppedUnsafe() const {
 }
 
 void ThreadPool::waitForRoomUnsafe() {
-    // The count goes up before the size is read: a worker that takes a task in between sees it.
+    // Raised before the size is read: a worker that takes a task in between then sees a waiter and
+    // notifies. The other order would lose the notice.
     m_roomWaiters.fetch_add(1);
     while (!m_stop && queuedUnsafe() >= m_maxQueueSize) m_roomCond.wait(m_mutex);
     m_roomWaiters.fetch_sub(1);
@@ -97,7 +101,7 @@ void ThreadPool::workerRoutine(uint64_t index) {
     ThreadUtils::saveThreadInfo(threadName);
     for (InlineTask task = takeTask(); task; task = takeTask()) {
         run(task);
-        task.reset();
+        task.reset();  // what it captured must not live until the next task comes
     }
 }
 
@@ -112,10 +116,12 @@ void ThreadPool::run(InlineTask& task) const {
 }
 
 InlineTask ThreadPool::takeTask() {
+    // The batch belongs to the single worker: no lock, unless an urgent task is to overtake it.
     if (!m_batch.empty() && m_urgentSize.load() == 0) return takeFromBatch();
     const auto nothingQueued = [this] {
         return m_queueSize.load(std::memory_order_relaxed) == 0 && m_urgentSize.load() == 0;
     };
+    // Tasks come in bursts: a few looks cost less than falling asleep and being woken.
     for (int look = 0; look < kLooksBeforeSleep && nothingQueued(); ++look) {
         std::this_thread::yield();
     }
@@ -145,6 +151,8 @@ InlineTask ThreadPool::takeFromQueueUnsafe() {
         m_urgentSize.store(m_urgent.size());
     } else {
         task = m_queue.popFront();
+        // A single worker takes all that is queued at once: one lock for many tasks. With several
+        // workers that would take work away from those that are idle.
         if (m_threadNumber == 1) {
             m_batch.shrinkIfEmpty(kSlotsToKeep);
             m_batch.swap(m_queue);
@@ -160,6 +168,7 @@ InlineTask ThreadPool::takeFromBatch() {
     InlineTask task = m_batch.popFront();
     m_batchSize.fetch_sub(1);
     if (m_roomWaiters.load() > 0) {
+        // Under the mutex, or the notice could fall between a producer's test and its wait.
         MutexLock lock(m_mutex);
         m_roomCond.notifyOne();
     }

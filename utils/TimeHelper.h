@@ -20,6 +20,10 @@ std::string getCurrentTime();
 // HH:MM:SS, a point and three digits of milliseconds.
 std::string formatTimeMilli(std::chrono::system_clock::time_point point);
 
+// What is left until the deadline, none once it has passed. Rounded up: a wait by a rest below a
+// millisecond would otherwise become a busy loop.
+std::chrono::milliseconds timeUntil(std::chrono::steady_clock::time_point deadline);
+
 // Hours, minutes and seconds in two digits each, the hours in more if need be. A time below zero,
 // as of a clock that was set back, counts as none.
 std::string formatDurationString(std::chrono::seconds duration);

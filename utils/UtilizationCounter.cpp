@@ -1,9 +1,9 @@
 #include "utils/UtilizationCounter.h"
 
 #include <algorithm>
-#include <iostream>
 
 #include "utils/FpsCounter.h"
+#include "utils/Log.h"
 
 namespace kelm {
 
@@ -52,7 +52,7 @@ void UtilizationCounter::start() {
         openRecordUnsafe(now);
     } else {
         m_records.back().startTime = m_records.back().openedAt = now;
-        std::cout << "invoked start() successively";
+        LOG_WARN("invoked start() successively");
     }
 }
 
@@ -60,7 +60,7 @@ void UtilizationCounter::stop() {
     MutexLock lock(m_mutex);
     const Clock::time_point now = m_now();
     if (m_records.empty() || !isOpen(m_records.back())) {
-        std::cout << "invoke start() first please";
+        LOG_WARN("invoke start() first please");
         return;
     }
     Record& last = m_records.back();
@@ -96,8 +96,7 @@ float UtilizationCounter::getUtilization() {
     }
     const float result = sum / static_cast<float>(m_bufferTimeMs);
     if (m_verbose) {
-        std::cout << "[" << m_name << "] " << sum << " / " << m_bufferTimeMs << " = " << result
-                  << "\n";
+        LOG_INFO("[%s] %g / %ld = %g", m_name, sum, m_bufferTimeMs, result);
     }
     return result;
 }

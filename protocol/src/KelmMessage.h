@@ -180,10 +180,17 @@ struct KelmMsgReqTestSendFd {
     int32_t testFd;  // sent as the single descriptor
 };
 
+// Bits of a status query's type.
+constexpr uint64_t kQueryAll = 1;  // the service, devices without details, graphs, clients
+constexpr uint64_t kQueryDevices = 2;
+constexpr uint64_t kQueryGraphs = 4;
+constexpr uint64_t kQueryClients = 8;
+constexpr uint64_t kQuerySchedulers = 16;
+
 struct KelmMsgReqQueryStatus {
     KelmMsgReq head;
     uint64_t clientId;
-    uint64_t queryType;  // mask: 1 all, 2 devices with details, 4 graphs, 8 clients, 16 schedulers
+    uint64_t queryType;  // kQuery... bits
 };
 
 struct KelmMsgReqResetDevice {

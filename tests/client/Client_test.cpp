@@ -1,13 +1,9 @@
 #include "client/Client.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include "fakes/Eventually.h"
+#include "fakes/FakeStatusService.h"
 #include "fakes/TempDir.h"
 #include "protocol/src/KelmError.h"
-#include "protocol/src/KelmMessage.h"
-#include "utils/UniqueFd.h"
 
 namespace kelm::client {
 namespace {
@@ -21,18 +17,8 @@ constexpr milliseconds kShort{50};
 // Listens where a service would, and neither reads nor answers unless told to.
 class SilentService {
  public:
-    SilentService() : m_listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path().copy(address.sun_path, sizeof(address.sun_path) - 1);
-        const auto* name = reinterpret_cast<const sockaddr*>(&address);
-        EXPECT_EQ(::bind(m_listener.get(), name, sizeof(address)), 0);
-        EXPECT_EQ(::listen(m_listener.get(), 5), 0);
-    }
-
-    std::string path() const { return m_dir.path() + "/socket"; }
     std::unique_ptr<Client> connect() {
-        auto client = Client::connect(path());
+        auto client = Client::connect(m_path);
         EXPECT_TRUE(client);
         m_peer.reset(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
         return std::move(client.value());
@@ -45,8 +31,9 @@ class SilentService {
     void hangUp() { m_peer.reset(); }
 
  private:
-    TempDir m_dir;
-    UniqueFd m_listener;
+    const TempDir m_dir;
+    const std::string m_path = m_dir.path() + "/socket";
+    const UniqueFd m_listener = listenOn(m_path);
     UniqueFd m_peer;
 };
 
@@ -62,18 +49,7 @@ struct Ends {
     }
 };
 
-TEST(ClientTest, SilentServiceHoldsACallBeyondItsDeadline) {
-    SilentService service;
-    const auto client = service.connect();
-    const std::byte blob[10] = {};
-    EXPECT_EQ(client->registerClient("name", kShort).kind(), ErrorKind::kTimeout);
-    EXPECT_EQ(client->createGraph(blob, {}, kShort).error().kind(), ErrorKind::kTimeout);
-    EXPECT_EQ(client->cancel(1, kShort).error().kind(), ErrorKind::kTimeout);
-    EXPECT_EQ(client->infer({}, kShort).error.kind(), ErrorKind::kTimeout);
-    EXPECT_TRUE(client->isConnected());
-}
-
-TEST(ClientTest, LateAnswerIsTakenForThatOfAnotherCall) {
+TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     SilentService service;
     const auto client = service.connect();
     EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
@@ -83,10 +59,15 @@ TEST(ClientTest, LateAnswerIsTakenForThatOfAnotherCall) {
     late.head.reqSeqNo = 1;
     service.send(late);
     EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
+    const std::byte blob[10] = {};
+    EXPECT_EQ(client->registerClient("name", kShort).kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(client->createGraph(blob, {}, kShort).error().kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(client->cancel(1, kShort).error().kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(client->infer({}, kShort).error.kind(), ErrorKind::kTimeout);
     EXPECT_TRUE(client->isConnected());
 }
 
-TEST(ClientTest, RequestThatCannotBeWrittenHoldsTheCallers) {
+TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     constexpr int kMoreThanTheSocketHolds = 2000;
     SilentService service;
     const auto client = service.connect();
@@ -102,16 +83,15 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsTheCallers) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the host's, not the library's
 }
 
-TEST(ClientTest, LostConnectionLeavesCallsPendingOrEndsThemTwice) {
+TEST(ClientTest, LostConnectionEndsEachPendingCallOnce) {
     constexpr int kCalls = 50;
     const struct {
         const char* what;
         void (*lose)(SilentService& service, std::unique_ptr<Client>& client);
     } rows[] = {
-        {"hang-up", [](SilentService& service, std::unique_ptr<Client>&) { service.hangUp(); }},
-        {"nonsense",
-         [](SilentService& service, std::unique_ptr<Client>&) { service.send(KelmMsgBase{}); }},
-        {"destroyed", [](SilentService&, std::unique_ptr<Client>& client) { client.reset(); }},
+        {"hang-up", [](auto& service, auto&) { service.hangUp(); }},
+        {"nonsense", [](auto& service, auto&) { service.send(KelmMsgBase{}); }},
+        {"destroyed", [](auto&, auto& client) { client.reset(); }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -133,7 +113,7 @@ TEST(ClientTest, LostConnectionLeavesCallsPendingOrEndsThemTwice) {
     }
 }
 
-TEST(ClientTest, WhatCannotBeReachedIsNotTold) {
+TEST(ClientTest, ErrorsNameWhatCannotBeReached) {
     const auto nobody = Client::connect("/nonexistent/socket");
     ASSERT_FALSE(nobody);
     EXPECT_EQ(nobody.error().kind(), ErrorKind::kNotConnected);
@@ -144,7 +124,7 @@ TEST(ClientTest, WhatCannotBeReachedIsNotTold) {
     EXPECT_THAT(graph.error().text(), HasSubstr("/nonexistent/graph"));
 }
 
-TEST(ErrorTest, CodeWithoutNameOrAdvice) {
+TEST(ErrorTest, EveryCodeHasANameAndAdvice) {
     int known = 0;
     for (int32_t code = -200; code < 0; ++code) {
         const std::string name = getErrorName(code);

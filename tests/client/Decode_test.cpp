@@ -16,7 +16,7 @@ void fill(char (&text)[N], char with) {
     std::memset(text, with, N);
 }
 
-TEST(DecodeTest, CountsOfAnAnswerReachPastItsRows) {
+TEST(DecodeTest, CountsOfAnAnswerAreHeldToItsRows) {
     const struct {
         const char* what;
         int32_t devices, graphs, clients;
@@ -42,7 +42,7 @@ TEST(DecodeTest, CountsOfAnAnswerReachPastItsRows) {
     }
 }
 
-TEST(DecodeTest, TextsWithoutAnEndAndNumbersThatAreNone) {
+TEST(DecodeTest, TextsEndWithTheirFieldsAndNumbersAreFinite) {
     KelmMsgRspQueryStatus answer{};
     answer.queryType = 31;
     answer.deviceNum = answer.graphNum = answer.clientNum = 1;
@@ -73,7 +73,7 @@ TEST(DecodeTest, TextsWithoutAnEndAndNumbersThatAreNone) {
     EXPECT_EQ(overview.taskScheduler, "");
 }
 
-TEST(DecodeTest, PackageWithWildCountsOrUncountedDevices) {
+TEST(DecodeTest, PackageIsHeldToItsRowsAndShowsUncountedDevices) {
     auto package = std::make_unique<InfoPackage>();
     package->graphCount = INT32_MAX;
     package->clientCount = INT32_MIN;
@@ -101,7 +101,7 @@ TEST(DecodeTest, PackageWithWildCountsOrUncountedDevices) {
     EXPECT_EQ(snapshot.memory.residentMB, 0U);
 }
 
-TEST(QueryStatusTest, QueryThatNobodyAnswersOrThatBringsNoRows) {
+TEST(QueryStatusTest, QueryOfClientsBringsTheGraphsAlong) {
     const TempDir dir;
     FakeStatusService service(dir.path() + "/socket");
     KelmMsgRspQueryStatus answer{};
@@ -117,7 +117,7 @@ TEST(QueryStatusTest, QueryThatNobodyAnswersOrThatBringsNoRows) {
     EXPECT_EQ(service.queryType, 31U);
 }
 
-TEST(QueryStatusTest, ServiceThatStandsStillHoldsTheConnect) {
+TEST(QueryStatusTest, ConnectEndsAtItsDeadline) {
     const TempDir dir;
     const UniqueFd listener = listenOn(dir.path() + "/socket", 0);
     const auto first = Client::connect(dir.path() + "/socket");

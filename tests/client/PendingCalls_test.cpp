@@ -11,47 +11,35 @@ using Clock = PendingCalls::Clock;
 
 constexpr std::chrono::hours kNever{1};
 
-// How calls have ended, in order.
-class Ends {
- public:
-    InferCallback callback() {
-        return [this](const InferResult& result) { add(result); };
-    }
-    std::vector<ErrorKind> kinds() {
-        MutexLock lock(m_mutex);
-        return m_kinds;
-    }
-    InferResult last() {
-        MutexLock lock(m_mutex);
-        return m_last;
-    }
-
- private:
-    void add(const InferResult& result) {
-        MutexLock lock(m_mutex);
-        m_kinds.push_back(result.error.kind());
-        m_last = result;
-    }
-
-    Mutex m_mutex;
-    std::vector<ErrorKind> m_kinds GUARDED_BY(m_mutex);
-    InferResult m_last GUARDED_BY(m_mutex);
-};
-
 class PendingCallsTest : public ::testing::Test {
  protected:
     bool addInfer(uint64_t sequence, Clock::duration time = kNever) {
         InferRequest request;
         request.cookie0 = 100 + sequence;
-        return m_calls.addInfer(sequence, Clock::now() + time, request, m_ends.callback(), {});
+        const auto end = [this](const InferResult& result) {
+            MutexLock lock(m_mutex);
+            m_ends.push_back(result);
+        };
+        return m_calls.addInfer(sequence, Clock::now() + time, request, end, {});
+    }
+    // How calls have ended, in order.
+    std::vector<InferResult> ends() {
+        MutexLock lock(m_mutex);
+        return m_ends;
+    }
+    std::vector<ErrorKind> kinds() {
+        std::vector<ErrorKind> kinds;
+        for (const InferResult& end : ends()) kinds.push_back(end.error.kind());
+        return kinds;
     }
 
-    Ends m_ends;
+    Mutex m_mutex;
+    std::vector<InferResult> m_ends GUARDED_BY(m_mutex);
     std::atomic<int> m_overdue{0};
     PendingCalls m_calls{[this] { ++m_overdue; }};
 };
 
-TEST_F(PendingCallsTest, InferenceEndsTwiceOrWithTheWrongError) {
+TEST_F(PendingCallsTest, InferenceEndsOnceWithItsError) {
     const Error lost = Error::connectionLost();
     const struct {
         const char* what;
@@ -91,45 +79,45 @@ TEST_F(PendingCallsTest, InferenceEndsTwiceOrWithTheWrongError) {
         SCOPED_TRACE(row.what);
         ASSERT_TRUE(addInfer(1));
         row.events(m_calls);
-        ASSERT_EQ(m_ends.kinds().size(), ++ended);
-        EXPECT_EQ(m_ends.last().error.kind(), row.kind);
-        EXPECT_EQ(m_ends.last().cookie0, 101U);
+        ASSERT_EQ(kinds().size(), ++ended);
+        EXPECT_EQ(ends().back().error.kind(), row.kind);
+        EXPECT_EQ(ends().back().cookie0, 101U);
     }
 }
 
-TEST_F(PendingCallsTest, LaterCallWithAnEarlierDeadlineIsSleptOver) {
+TEST_F(PendingCallsTest, LaterCallWithAnEarlierDeadlineEndsInTime) {
     ASSERT_TRUE(addInfer(1));
     ASSERT_TRUE(addInfer(2, std::chrono::milliseconds(20)));
     ASSERT_TRUE(eventually([this] { return m_overdue == 1; }));
-    EXPECT_THAT(m_ends.kinds(), ElementsAre(ErrorKind::kTimeout));
-    EXPECT_EQ(m_ends.last().cookie0, 102U);
+    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kTimeout));
+    EXPECT_EQ(ends().back().cookie0, 102U);
     m_calls.finishInfer(2, KELM_OK, 1);  // too late
     m_calls.finishInfer(1, KELM_OK, 2);
-    EXPECT_THAT(m_ends.kinds(), ElementsAre(ErrorKind::kTimeout, ErrorKind::kNone));
+    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kTimeout, ErrorKind::kNone));
 }
 
-TEST_F(PendingCallsTest, ClosedTableTakesCallsThatNobodyEnds) {
+TEST_F(PendingCallsTest, ClosedTableEndsItsCallsAndTakesNoMore) {
     ASSERT_TRUE(addInfer(1));
     ErrorKind kind = ErrorKind::kNone;
     ASSERT_TRUE(m_calls.addCall(2, "a call", Clock::now() + kNever,
                                 [&](const MessagePtr&, const Error& end) { kind = end.kind(); }));
     m_calls.closeAll(Error::connectionLost());
-    EXPECT_THAT(m_ends.kinds(), ElementsAre(ErrorKind::kConnectionLost));
+    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kConnectionLost));
     EXPECT_EQ(kind, ErrorKind::kConnectionLost);
     EXPECT_FALSE(addInfer(3));
     m_calls.closeAll(Error::connectionLost());
-    EXPECT_EQ(m_ends.kinds().size(), 1U);
+    EXPECT_EQ(kinds().size(), 1U);
 }
 
-TEST_F(PendingCallsTest, CallbackThatSubmitsMeetsAHeldLock) {
+TEST_F(PendingCallsTest, CallbackMaySubmit) {
     const auto submitNext = [this](const InferResult&) { EXPECT_TRUE(addInfer(2)); };
     ASSERT_TRUE(m_calls.addInfer(1, Clock::now() + kNever, {}, submitNext, {}));
     m_calls.finishInfer(1, KELM_OK, 1);
     m_calls.finishInfer(2, KELM_OK, 2);
-    EXPECT_THAT(m_ends.kinds(), ElementsAre(ErrorKind::kNone));
+    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kNone));
 }
 
-TEST_F(PendingCallsTest, RacingEndsOfOneCallAllCount) {
+TEST_F(PendingCallsTest, OfRacingEndsOfOneCallOneCounts) {
     constexpr uint64_t kCalls = 2000;
     for (uint64_t i = 1; i <= kCalls; ++i) {
         ASSERT_TRUE(addInfer(i, i % 2 == 0 ? std::chrono::milliseconds(0) : kNever));
@@ -145,9 +133,9 @@ TEST_F(PendingCallsTest, RacingEndsOfOneCallAllCount) {
         const auto cancels = forAll([this](uint64_t i) { m_calls.cancelInfer(i); });
         const auto fails = forAll([this](uint64_t i) { m_calls.fail(i, Error::canceled()); });
     }
-    EXPECT_TRUE(eventually([this] { return m_ends.kinds().size() == kCalls; }));
+    EXPECT_TRUE(eventually([this] { return kinds().size() == kCalls; }));
     m_calls.closeAll(Error::connectionLost());
-    EXPECT_EQ(m_ends.kinds().size(), kCalls);
+    EXPECT_EQ(kinds().size(), kCalls);
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ class SnapshotReaderTest : public ::testing::Test {
     std::unique_ptr<SnapshotReader> m_reader;
 };
 
-TEST_F(SnapshotReaderTest, DeadlineInAPackageLosesItsPlaceInTheStream) {
+TEST_F(SnapshotReaderTest, DeadlineInAPackageKeepsItsPlaceInTheStream) {
     connect();
     EXPECT_FALSE(isReadable());
     send(1, 0, 1000);
@@ -58,7 +58,7 @@ TEST_F(SnapshotReaderTest, DeadlineInAPackageLosesItsPlaceInTheStream) {
     EXPECT_EQ(m_reader->read().error().kind(), ErrorKind::kConnectionLost);
 }
 
-TEST_F(SnapshotReaderTest, InterruptIsSleptOver) {
+TEST_F(SnapshotReaderTest, InterruptEndsEveryRead) {
     connect();
     std::thread interrupter([this] { m_reader->interrupt(); });
     EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
@@ -66,7 +66,7 @@ TEST_F(SnapshotReaderTest, InterruptIsSleptOver) {
     EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
 }
 
-TEST_F(SnapshotReaderTest, WhatCannotBeReachedIsNotTold) {
+TEST_F(SnapshotReaderTest, ConnectNamesWhatItCannotReachAndEndsAtItsDeadline) {
     const auto nobody = SnapshotReader::connect("/nonexistent/socket");
     EXPECT_EQ(nobody.error().kind(), ErrorKind::kNotConnected);
     EXPECT_THAT(nobody.error().text(), ::testing::HasSubstr("/nonexistent/socket"));

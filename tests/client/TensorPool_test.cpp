@@ -19,7 +19,7 @@ std::byte firstByteOf(const Tensor& tensor) {
     return byte;
 }
 
-TEST(TensorPoolTest, SlotIsNotReusedOrGivenToTwo) {
+TEST(TensorPoolTest, SlotIsUsedAgainAndNeverByTwo) {
     TensorPool pool(100, 50);
     auto first = pool.acquire().value();
     const auto second = pool.acquire().value();
@@ -34,7 +34,7 @@ TEST(TensorPoolTest, SlotIsNotReusedOrGivenToTwo) {
     EXPECT_EQ(pool.acquire().value()->inputTensor().name, name);
 }
 
-TEST(TensorPoolTest, NamesOutliveThePool) {
+TEST(TensorPoolTest, NamesEndWithThePoolAndTheLastHandle) {
     auto pool = std::make_unique<TensorPool>(100, 50);
     auto held = pool->acquire().value();
     auto given = pool->acquire().value();
@@ -50,7 +50,7 @@ TEST(TensorPoolTest, NamesOutliveThePool) {
     for (const Tensor& tensor : tensors) EXPECT_FALSE(nameExists(tensor)) << tensor.name;
 }
 
-TEST(TensorPoolTest, MemoryThatCannotBeHadIsNoError) {
+TEST(TensorPoolTest, MemoryThatCannotBeHadIsAnError) {
     const auto slot = TensorPool(100, size_t{1} << 62).acquire();
     ASSERT_FALSE(slot);
     EXPECT_EQ(slot.error().kind(), ErrorKind::kSystem);

@@ -16,26 +16,26 @@ using ::testing::Pair;
 class ConfigParserTest : public ::testing::Test {
  protected:
     ConfigParserTest() { ::testing::internal::CaptureStdout(); }
-    ~ConfigParserTest() override {
-        if (m_capturing) ::testing::internal::GetCapturedStdout();
-    }
+    ~ConfigParserTest() override { (void)::testing::internal::GetCapturedStdout(); }
 
     bool load(const std::string& text) {
         return m_parser.appendConfigFile(m_dir.write("file" + std::to_string(m_files++), text),
                                          true);
     }
+    // All that was logged so far.
     std::string log() {
-        m_capturing = false;
-        return ::testing::internal::GetCapturedStdout();
+        m_log += ::testing::internal::GetCapturedStdout();
+        ::testing::internal::CaptureStdout();
+        return m_log;
     }
 
     const TempDir& m_dir = installDir();
     ConfigParser m_parser;
     int m_files = 0;
-    bool m_capturing = true;
+    std::string m_log;
 };
 
-TEST_F(ConfigParserTest, BadValueHidesTheOlderFiles) {
+TEST_F(ConfigParserTest, BadValuesFallThroughToOlderFiles) {
     ASSERT_TRUE(load(R"({"a": {"number": 5, "flag": true, "real": 0.5, "kept": 9}})"));
     ASSERT_TRUE(load(R"({"a": {"number": "five", "flag": "maybe", "real": "x"}})"));
     EXPECT_EQ(m_parser.parseIntegerFromConfigList("a.number", 1), 5);
@@ -46,64 +46,53 @@ TEST_F(ConfigParserTest, BadValueHidesTheOlderFiles) {
     EXPECT_THAT(log(), Not(HasSubstr("Error")));
 }
 
-TEST_F(ConfigParserTest, UnusableFileIsPutOnTheStack) {
-    const struct {
-        const char* text;
-        const char* message;
-    } rows[] = {
-        {R"({"a": "http://host"})", "is not in json format"},
-        {"", "is not in json format"},
-        {R"({"a": 1)", "is not in json format"},
-        {"{}", "is empty"},
-        {"// nothing but this\n{ // and this\n}", "is empty"},
-    };
-    for (const auto& row : rows) EXPECT_FALSE(load(row.text)) << row.text;
-    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/none", true));
-    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/silent", false));
-    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 7), 7);
-    const std::string text = log();
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_THAT(text, HasSubstr("Error: config file '" + m_dir.path() + "/file" +
-                                    std::to_string(i) + "' " + rows[i].message));
+TEST_F(ConfigParserTest, CommentsAreCutAndOnlyTheTextOnTurnsASwitchOn) {
+    ASSERT_TRUE(
+        load("// head\n{ \"a\": \"on\", // tail }\n\"b\": \"ON\", \"c\": true, "
+             "\"d\": \" on\"}\n"));
+    EXPECT_TRUE(m_parser.isSwitchTurnedOn("a", "off"));
+    for (const char* key : {"b", "c", "d"}) {
+        EXPECT_FALSE(m_parser.isSwitchTurnedOn(key, "on")) << key;
     }
-    EXPECT_THAT(text, HasSubstr("/none' is not exist"));
-    EXPECT_THAT(text, Not(HasSubstr("/silent")));
+    EXPECT_TRUE(m_parser.isSwitchTurnedOn("missing", "on"));
 }
 
-TEST_F(ConfigParserTest, FileBeyondTheLimitsIsRefusedBeforeItIsParsed) {
+TEST_F(ConfigParserTest, UnusableFilesStayOffTheStack) {
     const auto nested = [](int levels) {
         return "{\"a\": " + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
     };
     const std::string longest = "{\"b\": 1}" + std::string((1 << 20) - 8, ' ');
-    EXPECT_TRUE(load(nested(64)));
-    EXPECT_TRUE(
-        load(R"({"c": "\"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[["})"));
-    EXPECT_TRUE(load(longest));
-    EXPECT_FALSE(load(nested(65)));
-    EXPECT_FALSE(load(std::string(1 << 20, '[')));  // would end the process
-    EXPECT_FALSE(load(longest + " "));
-    const std::string text = log();
-    const std::string file = "Error: config file '" + m_dir.path() + "/file";
-    for (const char* words : {"3' has more than 64 levels", "4' has more than 64 levels",
-                              "5' is larger than 1048576 bytes"}) {
-        EXPECT_THAT(text, HasSubstr(file + words));
+    const struct {
+        const char* what;
+        std::string text;
+        const char* complaint;  // null: it is taken
+    } rows[] = {
+        {"slashes in a text", R"({"a": "http://host"})", "is not in json format"},
+        {"nothing", "", "is not in json format"},
+        {"torn", R"({"a": 1)", "is not in json format"},
+        {"no key", "{}", "is empty"},
+        {"comments", "// nothing but this\n{ // and this\n}", "is empty"},
+        {"64 levels", nested(64), nullptr},
+        {"65 levels", nested(65), "has more than 64 levels"},
+        {"brackets in a text", "{\"c\": \"\\\"" + std::string(70, '[') + "\"}", nullptr},
+        {"enough to end the process", std::string(1 << 20, '['), "has more than 64 levels"},
+        {"1 MB", longest, nullptr},
+        {"more than 1 MB", longest + " ", "is larger than 1048576 bytes"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const std::string path = m_dir.path() + "/file" + std::to_string(m_files);
+        EXPECT_EQ(load(row.text), row.complaint == nullptr);
+        if (row.complaint == nullptr) continue;
+        EXPECT_THAT(log(), HasSubstr("Error: config file '" + path + "' " + row.complaint));
     }
+    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/none", true));
+    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/silent", false));
+    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 7), 7);
+    EXPECT_THAT(log(), AllOf(HasSubstr("/none' is not exist"), Not(HasSubstr("/silent"))));
 }
 
-TEST_F(ConfigParserTest, CommentIsReadAsJson) {
-    EXPECT_TRUE(load("// head\n{ \"a\": 3 // tail }\n}\n"));
-    EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 0), 3);
-}
-
-TEST_F(ConfigParserTest, SwitchIsOnForAnotherWord) {
-    ASSERT_TRUE(load(R"({"a": "on", "b": "ON", "c": true, "d": " on"})"));
-    EXPECT_TRUE(m_parser.isSwitchTurnedOn("a", "off"));
-    for (const char* key : {"b", "c", "d"})
-        EXPECT_FALSE(m_parser.isSwitchTurnedOn(key, "on")) << key;
-    EXPECT_TRUE(m_parser.isSwitchTurnedOn("missing", "on"));
-}
-
-TEST_F(ConfigParserTest, SubclassElementOfTheWrongFileOrPlaceIsUsed) {
+TEST_F(ConfigParserTest, SubclassElementsAreLookedUpFileByFile) {
     ASSERT_TRUE(load(R"({"s": [{"subclass": 0, "k": 1}, {"subclass": 1, "k": 2},
                               {"subclass": 2, "k": 3}]})"));
     ASSERT_TRUE(load(R"({"s": [{"subclass": 1}, {"subclass": 1, "k": 20},
@@ -118,7 +107,7 @@ TEST_F(ConfigParserTest, SubclassElementOfTheWrongFileOrPlaceIsUsed) {
     EXPECT_THAT(log(), HasSubstr("Error: invalid value type, path=s.k subclass=1"));
 }
 
-TEST_F(ConfigParserTest, BrokenTagMapPassesForNone) {
+TEST_F(ConfigParserTest, TagMapsAreReadUpToTheirFirstBadValue) {
     ASSERT_TRUE(
         load(R"({"s": [{"subclass": 0, "tags": {"a": 1, "nested": {"x": 1}, "b": 2, "a": 5}},
                               {"subclass": 1, "tags": {"a": 1, "bad": "one", "c": 3}},
@@ -139,7 +128,7 @@ TEST_F(ConfigParserTest, BrokenTagMapPassesForNone) {
     EXPECT_THAT(log(), HasSubstr("Error: invalid key-value pair, subclass=1 key=bad"));
 }
 
-TEST_F(ConfigParserTest, InvalidFirmwareIsBooted) {
+TEST_F(ConfigParserTest, InvalidFirmwareIsLeftOut) {
     const std::string image = m_dir.write("lib/tevo/image", "x");
     const std::string standard = m_dir.write("lib/tevo/TevoAPI-zv4810.tvfrm", "x");
     ASSERT_TRUE(load(R"({"fw": [{"name": "old", "num": 1, "path": "image"}]})"));
@@ -167,7 +156,7 @@ TEST_F(ConfigParserTest, InvalidFirmwareIsBooted) {
     EXPECT_THAT(text, HasSubstr("Error: firmware list"));
 }
 
-TEST_F(ConfigParserTest, LogSwitchSetsAnotherLevel) {
+TEST_F(ConfigParserTest, EachLogSwitchSetsItsLevel) {
     EXPECT_EQ(getLogLevel(&m_parser), 0xCCU);
     const struct {
         const char* key;

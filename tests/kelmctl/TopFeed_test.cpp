@@ -21,33 +21,31 @@ class TopFeedTest : public ::testing::Test {
             return ::poll(&fd, 1, 1000) == 1 && wanted(feed.take());
         });
     }
-    static KelmMsgRspQueryStatus answerOf(int devices) {
-        KelmMsgRspQueryStatus answer{};
-        answer.queryType = 31;
-        answer.deviceNum = devices;
-        return answer;
-    }
 
     const TempDir m_dir;
     const ScopedEnv m_env{"KELM_RUN_DIR", m_dir.path()};
 };
 
-TEST_F(TopFeedTest, ServiceThatGoesIsNotMissedOrNeverFoundAgain) {
+TEST_F(TopFeedTest, LossAndReturnOfTheServiceAreNews) {
     TopFeed feed(milliseconds(5));
-    EXPECT_TRUE(waitNews(feed, [](const TopNews& news) { return !news.statusWhy.empty(); }));
+    const auto isDown = [](const TopNews& news) { return !news.statusWhy.empty(); };
+    EXPECT_TRUE(waitNews(feed, isDown));
     for (int round = 1; round < 4; ++round) {
         FakeStatusService service(m_dir.path() + "/kelm_service.sock");
-        service.setAnswer(answerOf(round));
+        KelmMsgRspQueryStatus answer{};
+        answer.queryType = 31;
+        answer.deviceNum = round;
+        service.setAnswer(answer);
         EXPECT_TRUE(waitNews(feed, [round](const TopNews& news) {
             return news.status && news.statusWhy.empty() &&
                    news.status->deviceCount == static_cast<uint32_t>(round);
         }));
         service.hangUp();
-        EXPECT_TRUE(waitNews(feed, [](const TopNews& news) { return !news.statusWhy.empty(); }));
+        EXPECT_TRUE(waitNews(feed, isDown));
     }
 }
 
-TEST_F(TopFeedTest, StreamOfSnapshotsEndsForGoodOrHoldsTheEnd) {
+TEST_F(TopFeedTest, StreamOfSnapshotsIsTakenUpAgainAndHoldsNoEnd) {
     const UniqueFd listener = listenOn(m_dir.path() + "/kelm_snapshot.sock");
     TopFeed feed(milliseconds(5));
     for (int64_t round = 1; round < 3; ++round) {

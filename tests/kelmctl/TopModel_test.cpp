@@ -4,7 +4,6 @@ namespace kelm::ctl {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class TopModelTest : public ::testing::Test {
  protected:
@@ -38,7 +37,7 @@ class TopModelTest : public ::testing::Test {
     TopModel m_model;
 };
 
-TEST_F(TopModelTest, ClientsBeyondTheRowsOfTheStatusAreLostOrDoubled) {
+TEST_F(TopModelTest, ClientsBeyondTheRowsOfTheStatusComeFromTheSnapshot) {
     client::Snapshot snapshot;
     snapshot.clients = {snapshotOf(1, "a", 100, 5), snapshotOf(2, "a", 100, 6),
                         snapshotOf(3, "b", 100, 7)};
@@ -63,7 +62,7 @@ TEST_F(TopModelTest, ClientsBeyondTheRowsOfTheStatusAreLostOrDoubled) {
     EXPECT_THAT(names(TopSection::kClients), ElementsAre("a"));
 }
 
-TEST_F(TopModelTest, DevicesOfTheSnapshotAreTakenByPlaceInsteadOfId) {
+TEST_F(TopModelTest, DevicesOfTheSnapshotAreTakenByTheirId) {
     client::ServiceStatus status;
     status.devices = {{"first", 1.0f, "net", 30.0f, 10, 0}, {"second", 2.0f, "net", 31.0f, 20, 0}};
     m_model.setStatus(status, at(0));
@@ -84,7 +83,7 @@ TEST_F(TopModelTest, DevicesOfTheSnapshotAreTakenByPlaceInsteadOfId) {
                 ElementsAre(std::nullopt, std::nullopt));
 }
 
-TEST_F(TopModelTest, RowsComeInTheWrongOrderOrPastTheFilter) {
+TEST_F(TopModelTest, RowsComeInOrderAndPassTheFilter) {
     client::ServiceStatus status;
     status.graphs = {{"slow", 1.0f, 5.0f}, {"Fast", 9.0f, 9.0f}, {"also fast", 9.0f, 4.0f}};
     m_model.setStatus(status, at(0));
@@ -107,7 +106,7 @@ TEST_F(TopModelTest, RowsComeInTheWrongOrderOrPastTheFilter) {
     }
 }
 
-TEST_F(TopModelTest, HistoryMovesToAnotherRowOrCountsASnapshot) {
+TEST_F(TopModelTest, HistoryStaysWithItsRowAndCountsStatusesOnly) {
     for (int second = 0; second < 3; ++second) {
         const float rate = static_cast<float>(second);
         m_model.setStatus(statusOf({{"b", rate}, {"a", 2.0f}}, 2), at(second));
@@ -122,7 +121,7 @@ TEST_F(TopModelTest, HistoryMovesToAnotherRowOrCountsASnapshot) {
               std::u32string(80, U' ') + std::u32string(120, U'\u2581'));
 }
 
-TEST_F(TopModelTest, LossAndReturnOfTheServiceAreMistimed) {
+TEST_F(TopModelTest, LossAndReturnOfTheServiceHaveTheirTimes) {
     EXPECT_FALSE(m_model.service().known);
     m_model.setGone("none there", at(0));
     m_model.setGone("still none", at(1));

@@ -62,7 +62,7 @@ class TopViewTest : public ::testing::Test {
     TopModel::Time m_now{std::chrono::seconds(1000000)};
 };
 
-TEST_F(TopViewTest, HostileNamesOrSizesLeaveTheirPlaces) {
+TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {
     fillHostile();
     const std::string text = draw(80, 24);
     EXPECT_THAT(text, HasSubstr("device??[2J0"));
@@ -77,7 +77,7 @@ TEST_F(TopViewTest, HostileNamesOrSizesLeaveTheirPlaces) {
     }
 }
 
-TEST_F(TopViewTest, KeysReachTheWrongSectionOrScrollPastTheEnd) {
+TEST_F(TopViewTest, KeysReachTheSelectedSectionAndScrollToItsEnd) {
     fillHostile();
     press({'\t', '\t', 'z', kTopKeyUp});
     std::string text = draw(80, 24);
@@ -97,7 +97,7 @@ TEST_F(TopViewTest, KeysReachTheWrongSectionOrScrollPastTheEnd) {
     EXPECT_FALSE(m_controls.handleKey('q'));
 }
 
-TEST_F(TopViewTest, LossOrReturnOfTheServiceIsNotSeen) {
+TEST_F(TopViewTest, LossAndReturnOfTheServiceAreSeen) {
     EXPECT_THAT(draw(80, 24), HasSubstr("connecting"));
     m_model.setGone("none on \x1b/path", m_now);
     m_now += std::chrono::seconds(4);

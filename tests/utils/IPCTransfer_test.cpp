@@ -29,6 +29,11 @@ class IPCTransferTest : public testing::Test {
         return UniqueFd(fd);
     }
 
+    template <class Action>
+    static void expectRaises(Action action, const char* words) {
+        EXPECT_THAT(action, ThrowsMessage<std::runtime_error>(HasSubstr(words)));
+    }
+
     SocketChannel channel;
     RawPeer peer{channel.path};
     std::shared_ptr<ConnectionUDS> connection = channel.accept();
@@ -64,8 +69,7 @@ TEST_F(IPCTransferTest, UnwantedDescriptorsAreClosed) {
     peer.sendFds(std::string(20000, 'a'), {file.get()});
     EXPECT_EQ(20000U, readBytes(20000).size());  // past the buffer
     peer.sendFds("12345", std::vector<int>(253, file.get()));
-    EXPECT_THAT([&] { (void)readFd(); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("num_fd = 0")));
+    expectRaises([&] { (void)readFd(); }, "num_fd = 0");
     EXPECT_EQ("5", readBytes(1));
     EXPECT_EQ(before, countDescriptors());
     peer.sendFds("1234", {file.get()});
@@ -79,17 +83,6 @@ TEST_F(IPCTransferTest, UnwantedDescriptorsAreClosed) {
     EXPECT_EQ(before - 1, countDescriptors());
 }
 
-TEST_F(IPCTransferTest, MissingDescriptorIsReportedAndEndOfStreamTold) {
-    peer.send("1234");
-    EXPECT_THAT([&] { (void)readFd(); },
-                ThrowsMessage<std::runtime_error>(
-                    HasSubstr("Error: could not get recv_fd from socket cmsg_len = 0")));
-    peer.hangUp();
-    EXPECT_THAT([&] { (void)readFd(); },
-                ThrowsMessage<std::runtime_error>(
-                    HasSubstr("The peer has performed an orderly shutdown. socketFd=1")));
-}
-
 TEST_F(IPCTransferTest, SentDescriptorArrivesWithItsNumber) {
     auto client = std::make_shared<ConnectionUDS>(nullptr);
     ASSERT_TRUE(client->connect(channel.path));
@@ -101,23 +94,21 @@ TEST_F(IPCTransferTest, SentDescriptorArrivesWithItsNumber) {
     const UniqueFd received(fd);
     EXPECT_TRUE(isSameFile(file.get(), received.get()));
     ConnectionBase::close(accepted->getSimulateFD());
-    EXPECT_THAT([&] { client->write(file.get()); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("Error: Read-end of socket")));
-    EXPECT_THAT([&] { accepted->write(file.get()); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("Error: send fd(")));
+    expectRaises([&] { client->write(file.get()); }, "Error: Read-end of socket");
+    expectRaises([&] { accepted->write(file.get()); }, "Error: send fd(");
 }
 
-TEST_F(IPCTransferTest, HalfMessageOfAGonePeerTellsWhatIsMissing) {
+TEST_F(IPCTransferTest, WhatIsMissingWhenAPeerLeavesIsTold) {
     connection->setUser("camera");
+    peer.send("1234");
+    expectRaises([&] { (void)readFd(); }, "Error: could not get recv_fd from socket cmsg_len = 0");
     peer.send("12345");
     peer.hangUp();
-    EXPECT_THAT(
-        [&] { (void)readBytes(8); },
-        ThrowsMessage<std::runtime_error>("read socket(idx=1) failed, user=camera leftBytes=3"));
-    EXPECT_THAT([&] { connection->write("a", 1); },
-                ThrowsMessage<std::runtime_error>("write socket(idx=1) failed, user=camera"));
-    EXPECT_THAT([&] { connection->read(nullptr, 4, nullptr); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("read got invalid argument. m_fd=")));
+    expectRaises([&] { (void)readBytes(8); }, "read socket(idx=1) failed, user=camera leftBytes=3");
+    expectRaises([&] { (void)readFd(); }, "The peer has performed an orderly shutdown. socketFd=1");
+    expectRaises([&] { connection->write("a", 1); }, "write socket(idx=1) failed, user=camera");
+    expectRaises([&] { connection->read(nullptr, 4, nullptr); },
+                 "read got invalid argument. m_fd=");
 }
 
 TEST_F(IPCTransferTest, NonBlockingReadTakesWhatIsThere) {
@@ -211,21 +202,18 @@ TEST_F(IPCTransferTest, CloseRacesWithTransfersAndReuse) {
         RawPeer other(channel.path);
         const auto busy = channel.accept();
         std::atomic<int> inside{0};
-        std::thread reader([&] {
-            char bytes[64];
-            inside.fetch_add(1);
-            try {
-                for (;;) busy->read(bytes, sizeof(bytes), nullptr);
-            } catch (const std::exception&) {
-            }
-        });
-        std::thread writer([&] {
-            inside.fetch_add(1);
-            try {
-                for (;;) busy->write("0123456789", 10);
-            } catch (const std::exception&) {
-            }
-        });
+        const auto repeat = [&inside](auto transfer) {
+            return std::thread([&inside, transfer] {
+                inside.fetch_add(1);
+                try {
+                    for (;;) transfer();
+                } catch (const std::exception&) {
+                }
+            });
+        };
+        char bytes[64];
+        std::thread reader = repeat([&] { busy->read(bytes, sizeof(bytes), nullptr); });
+        std::thread writer = repeat([&] { busy->write("0123456789", 10); });
         other.send(std::string(100, 'x'));
         EXPECT_TRUE(eventually([&] { return inside.load() == 2; }));
         ConnectionBase::close(busy->getSimulateFD());

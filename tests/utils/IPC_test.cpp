@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/resource.h>
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 
 namespace {
@@ -11,38 +10,45 @@ namespace {
 using IPC::ConnectionBase;
 using IPC::ConnectionUDS;
 using IPC::PollEvent;
-using kelm::countDescriptors;
-using kelm::eventually;
 using kelm::RawPeer;
 using kelm::SocketChannel;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
-bool nextEvent(SocketChannel& channel, PollEvent& event, int timeout = 0) {
-    event.clear();
-    return channel.poller->wait(&event, timeout);
-}
+class IPCTest : public testing::Test {
+ protected:
+    // Whether something has come; `event` tells what.
+    bool nextEvent() {
+        event.clear();
+        return channel.poller->wait(&event, 0);
+    }
+    // Whether the kernel would wake a wait at once.
+    bool isPollerAwake() const {
+        pollfd entry = {channel.poller->nativeHandle(), POLLIN, 0};
+        return ::poll(&entry, 1, 0) == 1;
+    }
+    static void readByte(ConnectionBase& connection) {
+        char byte = 0;
+        connection.read(&byte, 1, nullptr);
+    }
+    std::shared_ptr<ConnectionUDS> listenOn(const std::string& path, int mode) const {
+        auto listener = std::make_shared<ConnectionUDS>(channel.poller.get());
+        listener->create(path, {mode, "", ""});
+        listener->listen();
+        return listener;
+    }
 
-// Whether the kernel would wake a wait at once.
-bool isPollerAwake(const SocketChannel& channel) {
-    pollfd entry = {channel.poller->nativeHandle(), POLLIN, 0};
-    return ::poll(&entry, 1, 0) == 1;
-}
-
-void readByte(ConnectionBase& connection) {
-    char byte = 0;
-    connection.read(&byte, 1, nullptr);
-}
-
-TEST(IPCTest, NumberIsFreeOnlyWhenTheLastHolderIsGone) {
     SocketChannel channel;
+    PollEvent event;
+};
+
+TEST_F(IPCTest, NumberIsFreeOnceTheLastShareIsReleased) {
     ASSERT_EQ(0, channel.listener->getSimulateFD());
     const RawPeer peer(channel.path);
     auto held = channel.accept();
     ASSERT_EQ(1, held->getSimulateFD());
     ConnectionBase::close(1);
-    PollEvent event;
-    EXPECT_FALSE(nextEvent(channel, event));
+    EXPECT_FALSE(nextEvent());
     EXPECT_EQ(2, std::make_shared<ConnectionUDS>(nullptr)->getSimulateFD());
     EXPECT_EQ(held, ConnectionBase::findConnection(1));
     held.reset();
@@ -52,16 +58,13 @@ TEST(IPCTest, NumberIsFreeOnlyWhenTheLastHolderIsGone) {
                 ThrowsMessage<std::runtime_error>("Can't find connection for fd(1)"));
 }
 
-TEST(IPCTest, ClosedConnectionGoesAtTheNextWaitOrAtOnceWithoutPoller) {
-    SocketChannel channel;
+TEST_F(IPCTest, ClosedConnectionIsDestroyedAtTheNextWaitOrAtOnceWithoutPoller) {
     const RawPeer peer(channel.path);
     std::weak_ptr<ConnectionBase> accepted = channel.accept();
     ConnectionBase::close(1);
     EXPECT_FALSE(accepted.expired());
-    PollEvent event;
-    EXPECT_FALSE(nextEvent(channel, event));
+    EXPECT_FALSE(nextEvent());
     EXPECT_TRUE(accepted.expired());
-
     const RawPeer second(channel.path);
     accepted = channel.accept();
     channel.poller.reset();
@@ -74,8 +77,7 @@ TEST(IPCTest, ClosedConnectionGoesAtTheNextWaitOrAtOnceWithoutPoller) {
     EXPECT_TRUE(accepted.expired());
 }
 
-TEST(IPCTest, PeersBeyondTheLastNumberAreTurnedAway) {
-    SocketChannel channel;
+TEST_F(IPCTest, PeersBeyondTheLastNumberAreTurnedAway) {
     std::vector<std::shared_ptr<ConnectionUDS>> all;
     while (auto connection = ConnectionUDS::tryMake(channel.poller.get())) {
         all.push_back(std::move(connection));
@@ -84,40 +86,32 @@ TEST(IPCTest, PeersBeyondTheLastNumberAreTurnedAway) {
     const RawPeer peer(channel.path);
     channel.listener->refuse();
     EXPECT_EQ("", peer.receive(1));
-    EXPECT_FALSE(isPollerAwake(channel));
+    EXPECT_FALSE(isPollerAwake());
     all.pop_back();
     EXPECT_NE(nullptr, ConnectionUDS::tryMake(channel.poller.get()));
 }
 
-TEST(IPCTest, FailedAcceptRaisesAndLaterSucceeds) {
-    SocketChannel channel;
+TEST_F(IPCTest, FailedAcceptRaisesAndLaterSucceeds) {
     const RawPeer peer(channel.path);
     auto connection = std::make_shared<ConnectionUDS>(channel.poller.get());
     rlimit old = {};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &old));
     const rlimit none = {0, old.rlim_max};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
-    std::exception_ptr failure;  // looked at when descriptors are to be had again
-    try {
-        connection->accept(channel.listener.get());
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    // Looked at when descriptors are to be had again.
+    auto failure =
+        std::async(std::launch::deferred, [&] { connection->accept(channel.listener.get()); });
+    failure.wait();
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &old));
-    ASSERT_TRUE(failure);
-    EXPECT_THAT([&] { std::rethrow_exception(failure); },
-                ThrowsMessage<std::runtime_error>("accept failed"));
+    EXPECT_THAT([&] { failure.get(); }, ThrowsMessage<std::runtime_error>("accept failed"));
     connection->accept(channel.listener.get());
     EXPECT_TRUE(connection->connected());
 }
 
-TEST(IPCTest, StaleSocketFileIsReplacedAndRemovedByItsListenerOnly) {
-    SocketChannel channel;
+TEST_F(IPCTest, StaleSocketFileIsReplacedAndRemovedByItsListenerOnly) {
     const std::string path = channel.path + "2";
     std::ofstream(path) << "stale";
-    auto listener = std::make_shared<ConnectionUDS>(channel.poller.get());
-    listener->create(path, {0600, "", ""});
-    listener->listen();
+    const auto listener = listenOn(path, 0600);
     EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(path).permissions());
     auto client = std::make_shared<ConnectionUDS>(nullptr);
     ASSERT_TRUE(client->connect(path));
@@ -133,8 +127,7 @@ TEST(IPCTest, StaleSocketFileIsReplacedAndRemovedByItsListenerOnly) {
     EXPECT_FALSE(client->connected());
 }
 
-TEST(IPCTest, ReusedConnectionCarriesNothingOver) {
-    SocketChannel channel;
+TEST_F(IPCTest, ReusedConnectionCarriesNothingOver) {
     auto client = std::make_shared<ConnectionUDS>(channel.poller.get());
     for (const char* sent : {"ab", "cd"}) {
         SCOPED_TRACE(sent);
@@ -142,8 +135,7 @@ TEST(IPCTest, ReusedConnectionCarriesNothingOver) {
         EXPECT_TRUE(client->connected());
         const auto accepted = channel.accept();
         accepted->write(sent, 2);
-        PollEvent event;
-        ASSERT_TRUE(nextEvent(channel, event));
+        ASSERT_TRUE(nextEvent());
         EXPECT_EQ(client, event.connection);
         char byte = 0;
         int count = 0;
@@ -156,14 +148,11 @@ TEST(IPCTest, ReusedConnectionCarriesNothingOver) {
     }
 }
 
-TEST(IPCTest, LongPathIsCutAlikeOnBothSides) {
-    SocketChannel channel;
+TEST_F(IPCTest, LongPathIsCutAlikeOnBothSides) {
     const std::string fits = channel.path + std::string(107 - channel.path.size(), 'x');
     for (const std::string& path : {fits, fits + "yyy"}) {
         SCOPED_TRACE(path.size());
-        auto listener = std::make_shared<ConnectionUDS>(channel.poller.get());
-        listener->create(path, {0660, "", ""});
-        listener->listen();
+        const auto listener = listenOn(path, 0660);
         EXPECT_TRUE(std::filesystem::exists(fits));
         EXPECT_TRUE(std::make_shared<ConnectionUDS>(nullptr)->connect(path));
         listener->close();
@@ -171,27 +160,24 @@ TEST(IPCTest, LongPathIsCutAlikeOnBothSides) {
     }
 }
 
-TEST(IPCTest, EventsTellBytesAndHangUp) {
-    SocketChannel channel;
-    PollEvent event;
-    EXPECT_FALSE(nextEvent(channel, event));
+TEST_F(IPCTest, EventsTellBytesAndHangUp) {
+    EXPECT_FALSE(nextEvent());
     RawPeer peer(channel.path);
-    ASSERT_TRUE(nextEvent(channel, event));
+    ASSERT_TRUE(nextEvent());
     EXPECT_EQ(channel.listener, event.connection);
     auto connection = channel.accept();
-    EXPECT_FALSE(nextEvent(channel, event));
+    EXPECT_FALSE(nextEvent());
     peer.send("a");
-    ASSERT_TRUE(nextEvent(channel, event));
+    ASSERT_TRUE(nextEvent());
     EXPECT_EQ(connection, event.connection);
     EXPECT_TRUE(event.isReadable() && !event.isHungUp());
     readByte(*connection);
     peer.hangUp();
-    ASSERT_TRUE(nextEvent(channel, event));
+    ASSERT_TRUE(nextEvent());
     EXPECT_TRUE(event.isHungUp());
 }
 
-TEST(IPCTest, DescriptorBeyondTheFastMapWorksToo) {
-    SocketChannel channel;
+TEST_F(IPCTest, DescriptorBeyondTheFastMapWorksToo) {
     rlimit limit = {};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
     limit.rlim_cur = limit.rlim_max;
@@ -205,37 +191,34 @@ TEST(IPCTest, DescriptorBeyondTheFastMapWorksToo) {
     const auto connection = channel.accept();
     ASSERT_GT(connection->nativeHandle(), 1024);
     peer.send("a");
-    PollEvent event;
-    ASSERT_TRUE(nextEvent(channel, event));
+    ASSERT_TRUE(nextEvent());
     EXPECT_EQ(connection, event.connection);
     channel.poller->remove(connection.get());
     channel.poller->remove(connection.get());
-    EXPECT_FALSE(nextEvent(channel, event));
+    EXPECT_FALSE(nextEvent());
+    ConnectionBase::close(connection->getSimulateFD());  // the poller does not do it any more
 }
 
-TEST(IPCTest, BlockedConnectionIsSilentAndDoesNotSpin) {
-    SocketChannel channel;
+TEST_F(IPCTest, BlockedConnectionIsSilentAndDoesNotSpin) {
     RawPeer peer(channel.path);
     const auto connection = channel.accept();
     peer.send("ab");
-    PollEvent event;
-    ASSERT_TRUE(nextEvent(channel, event));
+    ASSERT_TRUE(nextEvent());
     readByte(*connection);  // the second byte waits in the connection
+    connection->blockPoller();
     {
-        connection->blockPoller();
         const IPC::PollBlocker blocker(connection.get());
         peer.send("c");
         peer.hangUp();
-        EXPECT_FALSE(isPollerAwake(channel));
-        EXPECT_FALSE(nextEvent(channel, event));
+        EXPECT_FALSE(isPollerAwake());
+        EXPECT_FALSE(nextEvent());
     }
-    EXPECT_TRUE(isPollerAwake(channel));
-    ASSERT_TRUE(nextEvent(channel, event));
+    EXPECT_TRUE(isPollerAwake());
+    ASSERT_TRUE(nextEvent());
     EXPECT_EQ(connection, event.connection);
 }
 
-TEST(IPCTest, BufferedBytesCountAsReadyAndStarveNobody) {
-    SocketChannel channel;
+TEST_F(IPCTest, BufferedBytesCountAsReadyAndStarveNobody) {
     const RawPeer busy(channel.path);
     const auto first = channel.accept();
     const RawPeer quiet(channel.path);
@@ -245,8 +228,7 @@ TEST(IPCTest, BufferedBytesCountAsReadyAndStarveNobody) {
     EXPECT_EQ(0, RawPeer::pendingOn(first->nativeHandle()));
     quiet.send("bb");
     int eventsOfFirst = 0;
-    PollEvent event;
-    while (nextEvent(channel, event) && event.connection == first) {
+    while (nextEvent() && event.connection == first) {
         ++eventsOfFirst;
         readByte(*first);
     }
@@ -254,41 +236,41 @@ TEST(IPCTest, BufferedBytesCountAsReadyAndStarveNobody) {
     EXPECT_GT(eventsOfFirst, 0);
     EXPECT_LE(eventsOfFirst, 8);
     readByte(*second);  // both have bytes in their buffers now: they take turns
-    std::vector<ConnectionBase*> order;
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(nextEvent(channel, event));
-        order.push_back(event.connection.get());
-        readByte(*event.connection);
-    }
-    EXPECT_NE(order[0], order[1]);
-    while (nextEvent(channel, event)) readByte(*event.connection);
+    ASSERT_TRUE(nextEvent());
+    const auto before = event.connection;
+    readByte(*before);
+    ASSERT_TRUE(nextEvent());
+    EXPECT_NE(before, event.connection);
+    while (nextEvent()) readByte(*event.connection);
     EXPECT_FALSE(first->hasBufferedData());
 }
 
-TEST(IPCTest, PostedCallableThatThrowsLeavesTheOthersRunning) {
-    SocketChannel channel;
+TEST_F(IPCTest, PostedCallableThatThrowsLeavesTheOthersRunning) {
     bool ran = false;
     channel.poller->post([] { throw std::runtime_error("broken"); });
     channel.poller->post([&] { ran = true; });
-    PollEvent event;
-    EXPECT_FALSE(nextEvent(channel, event));
+    EXPECT_FALSE(nextEvent());
     EXPECT_TRUE(ran);
 }
 
-TEST(IPCTest, StepsOutOfOrderRaise) {
-    SocketChannel channel;
-    EXPECT_THAT(
-        [&] {
-            channel.listener->create(channel.path, {0660, "", ""});
-        },
-        ThrowsMessage<std::runtime_error>("state is not EMPTY when create()"));
-    EXPECT_THAT([&] { channel.listener->accept(channel.listener.get()); },
-                ThrowsMessage<std::runtime_error>("state is not EMPTY when connect()"));
-    auto connection = std::make_shared<ConnectionUDS>(nullptr);
-    EXPECT_THAT([&] { connection->accept(nullptr); },
-                ThrowsMessage<std::runtime_error>("listener is null"));
-    EXPECT_THAT([&] { connection->write("a", 1); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("invalid argument: m_fd=-1 buffer=")));
+TEST_F(IPCTest, StepsOutOfOrderRaise) {
+    ConnectionUDS& listener = *channel.listener;
+    ConnectionUDS fresh(nullptr);
+    const struct {
+        std::function<void()> step;
+        const char* words;
+    } rows[] = {
+        {[&] {
+             listener.create(channel.path, {0660, "", ""});
+         },
+         "state is not EMPTY when create()"},
+        {[&] { listener.accept(&listener); }, "state is not EMPTY when connect()"},
+        {[&] { fresh.accept(nullptr); }, "listener is null"},
+        {[&] { fresh.write("a", 1); }, "invalid argument: m_fd=-1 buffer="},
+    };
+    for (const auto& row : rows) {
+        EXPECT_THAT(row.step, ThrowsMessage<std::runtime_error>(HasSubstr(row.words)));
+    }
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ class Mapping {
     void* m_data = nullptr;
 };
 
-TEST(MappingGuardTest, ShortenedFileEndsTheProcessOrOtherMappings) {
+TEST(MappingGuardTest, ShortenedFileIsLostAloneAndStaysUsable) {
     constexpr int kRounds = 500;
     const Mapping before;
     for (int round = 0; round < kRounds; ++round) {
@@ -72,7 +72,7 @@ TEST(MappingGuardTest, ShortenedFileEndsTheProcessOrOtherMappings) {
     }
 }
 
-TEST(MappingGuardTest, NextMappingAtTheAddressIsTakenForTheLostOne) {
+TEST(MappingGuardTest, NextMappingAtTheAddressIsNotLost) {
     Mapping lost;
     lost.shrink(0);
     EXPECT_EQ(lost.at(0), 0);
@@ -85,7 +85,7 @@ TEST(MappingGuardTest, NextMappingAtTheAddressIsTakenForTheLostOne) {
     EXPECT_FALSE(next.isLost());
 }
 
-TEST(MappingGuardTest, OneMappingTooManyIsUnguarded) {
+TEST(MappingGuardTest, OneMappingTooManyIsRefused) {
     const Mapping first;
     const UniqueFd file(::memfd_create("client", MFD_CLOEXEC));
     ASSERT_EQ(::ftruncate(file.get(), kPage), 0);
@@ -104,8 +104,8 @@ TEST(MappingGuardTest, OneMappingTooManyIsUnguarded) {
     EXPECT_NE(Mapping().data(), nullptr);
 }
 
-// What a bug of the service or somebody's kill raises.
-TEST(MappingGuardDeathTest, OtherBusErrorIsSwallowed) {
+// What a bug of the service or a kill from outside raises.
+TEST(MappingGuardDeathTest, OtherBusErrorEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const Mapping guarded;
     const UniqueFd file(::memfd_create("own", MFD_CLOEXEC));

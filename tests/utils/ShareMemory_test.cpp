@@ -20,7 +20,7 @@ class ShareMemoryTest : public testing::Test {
     const std::string m_name = nameFor("/kelm_test_segment");
 };
 
-TEST_F(ShareMemoryTest, NameGoesWithWhoOpenedItOrStaysAfterItsMaker) {
+TEST_F(ShareMemoryTest, NameStaysUntilItsMakerIsReset) {
     ShareMemory maker;
     char* const made = static_cast<char*>(maker.create(m_name.c_str(), 4096));
     ASSERT_NE(made, nullptr);
@@ -35,10 +35,9 @@ TEST_F(ShareMemoryTest, NameGoesWithWhoOpenedItOrStaysAfterItsMaker) {
     EXPECT_TRUE(exists(m_name));
     maker.reset();
     EXPECT_FALSE(exists(m_name));
-    maker.reset();
 }
 
-TEST_F(ShareMemoryTest, FailedOpenTakesTheClientsNameOrMapsBeyondTheEnd) {
+TEST_F(ShareMemoryTest, FailedOpenLeavesTheNameAndMapsNothing) {
     ShareMemory maker;
     ASSERT_NE(maker.create(m_name.c_str(), 100), nullptr);
     ShareMemory user;
@@ -73,7 +72,7 @@ TEST_F(ShareMemoryTest, SegmentIsOpenedForOthersAsItsModeLetsThem) {
     EXPECT_TRUE(exists(m_name));
 }
 
-TEST(DynamicLibraryTest, HalfALibraryPassesForAWholeOne) {
+TEST(DynamicLibraryTest, LibraryIsTakenWholeOrNotAtAll) {
     void* found = nullptr;
     void* missing = nullptr;
     const DynamicLibrary::Function functions[] = {{"cos", &found}, {"kelm_no_function", &missing}};

@@ -24,7 +24,7 @@ constexpr std::chrono::milliseconds kPauseUntilAlive{100};
 constexpr std::chrono::milliseconds kPauseUntilReady{5};
 constexpr long kTimeToEndMillisec = 3000;
 
-// Whether nobody else holds the lock at the moment.
+// Whether no other process holds the lock at the moment.
 bool isFree(GlobalMutex& mutex) { return mutex.trylock() && mutex.unlock(); }
 
 bool comesFree(GlobalMutex& mutex) { return mutex.lock(kTimeToEndMillisec) && mutex.unlock(); }
@@ -90,8 +90,8 @@ int AutobootStarter::startService() {
     return kFailure;
 }
 
-// Returns once it has gone with both locks, which it lets go of one after the other: its ready lock
-// must not pass for the new one's.
+// Returns once the old tool has released both locks, which it does one after the other: its ready
+// lock must not pass for the new tool's.
 int AutobootStarter::stopRunningService() {
     ProcessHelper::killProcessByName(kToolName);
     if (comesFree(m_aliveMutex) && comesFree(m_readyMutex)) return 0;

@@ -15,10 +15,10 @@ class SubProcess;
 // Starts the boot tool, which gives the accelerators their firmware, replaces one that runs
 // already, and starts it anew whenever it ends. Service and tool agree through three lock files:
 // the tool holds alive while it runs and ready once the devices can be used; start-exit is held by
-// whoever is starting or supervising it.
+// the process that is starting or supervising it.
 //
 // Threads: any; the main thread in the service.
-// Owns: the supervising, but not the tool, which goes on without the service.
+// Owns: the supervision, but not the tool, which runs on without the service.
 // Locks: m_mutex is held for the whole start.
 class AutobootStarter : public Singleton<AutobootStarter> {
  public:

@@ -80,6 +80,7 @@ client::Error BenchClient::setUp() {
 
 void BenchClient::waitForGo() const {
     const pid_t parent = ::getppid();
+    // A parent that has died never says go.
     while (!m_region.go && ::getppid() == parent) std::this_thread::sleep_for(kPoll);
 }
 
@@ -145,6 +146,7 @@ void BenchClient::finish(Source& source, const client::InferResult& result) {
     if (result.error) {
         addError(cell, result.error.name().c_str());
     } else {
+        // Latencies of good results only: a refusal is quick and would flatter the numbers.
         cell.result.add(static_cast<uint64_t>(result.resultLatency.count()));
         if (m_lane.firstResultNanos == 0) m_lane.firstResultNanos = nanosSince(m_start);
     }

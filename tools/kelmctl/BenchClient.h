@@ -39,7 +39,7 @@ class BenchClient {
     client::Error setUp();
     void waitForGo() const;
     void submitAll();
-    // Starts one inference, if the run goes on.
+    // Starts one inference, unless the run has ended.
     void submit();
     void finish(Source& source, const client::InferResult& result);
     // The graph whose turn it is by its weight.
@@ -61,7 +61,7 @@ class BenchClient {
     uint64_t m_inFlight GUARDED_BY(m_mutex) = 0;
     bool m_lost GUARDED_BY(m_mutex) = false;
 
-    // Last, so that it goes first: its threads may still be on their way out of finish().
+    // Last, so that it is destroyed first: its threads may still be inside finish().
     std::unique_ptr<client::Client> m_client;
 };
 

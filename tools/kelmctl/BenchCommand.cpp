@@ -1,5 +1,6 @@
 #include "tools/kelmctl/BenchCommand.h"
 
+#include <fmt/format.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +17,6 @@
 #include "tools/kelmctl/BenchClient.h"
 #include "tools/kelmctl/BenchRegion.h"
 #include "tools/kelmctl/BenchReport.h"
-#include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
@@ -58,8 +58,8 @@ class Children {
         const pid_t pid = ::fork();
         if (pid < 0) throw std::runtime_error("cannot start a client process");
         if (pid == 0) {
-            // A statement of its own: the client must be gone, and with it the names of its shared
-            // memory, before the process goes without destroying anything.
+            // A statement of its own: the client must be destroyed, and with it the names of its
+            // shared memory, before _exit() ends the process without destroying anything.
             const int status = BenchClient(options, index, region).run();
             ::_exit(status);
         }
@@ -103,9 +103,9 @@ class Progress {
     void show(uint64_t requests, double seconds) {
         if (!m_terminal || Clock::now() - m_last < kProgressInterval) return;
         const double elapsed = std::chrono::duration<double>(Clock::now() - m_last).count();
-        std::cout << "\r" << formatFixed(seconds, 1) << " s  " << requests << " requests  "
-                  << formatFixed(static_cast<double>(requests - m_lastRequests) / elapsed, 0)
-                  << " requests/s   " << std::flush;
+        std::cout << fmt::format("\r{:.1f} s  {} requests  {:.0f} requests/s   ", seconds, requests,
+                                 static_cast<double>(requests - m_lastRequests) / elapsed)
+                  << std::flush;
         m_last = Clock::now();
         m_lastRequests = requests;
     }
@@ -151,12 +151,11 @@ bool reportFailures(const BenchRegion& region, const BenchOptions& options) {
 
 void checkOptions(const BenchOptions& options) {
     if (options.clients < 1 || options.clients > kMaxBenchClients) {
-        throw std::invalid_argument("the number of clients is 1 to " +
-                                    std::to_string(kMaxBenchClients));
+        throw std::invalid_argument(
+            fmt::format("the number of clients is 1 to {}", kMaxBenchClients));
     }
     if (options.graphs.empty() || options.graphs.size() > static_cast<size_t>(kMaxBenchGraphs)) {
-        throw std::invalid_argument("name 1 to " + std::to_string(kMaxBenchGraphs) +
-                                    " graph files");
+        throw std::invalid_argument(fmt::format("name 1 to {} graph files", kMaxBenchGraphs));
     }
     if (options.depth < 1) throw std::invalid_argument("the depth is at least 1");
     for (int i = 0; i < options.clients; ++i) (void)parseWeights(options, i);

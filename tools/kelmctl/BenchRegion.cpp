@@ -12,7 +12,7 @@ void addError(BenchCell& cell, const char* name) {
         const bool last = i + 1 == cell.errors.size();
         if (error.count.load() == 0) {
             const std::string text = last ? "other" : name;
-            text.copy(error.name.data(), error.name.size() - 1);
+            text.copy(error.name.data(), error.name.size() - 1);  // the rest is zeros
         } else if (!last && std::strcmp(error.name.data(), name) != 0) {
             continue;
         }

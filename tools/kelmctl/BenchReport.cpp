@@ -1,10 +1,11 @@
 #include "tools/kelmctl/BenchReport.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tools/kelmctl/JsonText.h"
 #include "utils/FileHelper.h"
@@ -17,7 +18,10 @@ namespace {
 constexpr double kNanosPerMilli = 1e6;
 constexpr double kNanosPerSecond = 1e9;
 constexpr size_t kNameWidth = 18;
-constexpr size_t kNumberWidth = 9;
+// A name, the kind of latency, and numbers to the right.
+constexpr const char* kHeadFormat = "{:<19}{:<7}";
+constexpr const char* kCellFormat = "{:>9}";
+constexpr const char* kNumberFormat = "{:>9.{}f}";
 
 struct Quantile {
     const char* name;
@@ -28,7 +32,7 @@ constexpr Quantile kQuantiles[] = {{"p50", 0.5}, {"p90", 0.9}, {"p99", 0.99}, {"
 double toMillis(uint64_t nanos) { return static_cast<double>(nanos) / kNanosPerMilli; }
 
 std::string number(double value, int decimals) {
-    return alignRight(formatFixed(value, decimals), kNumberWidth);
+    return fmt::format(kNumberFormat, value, decimals);
 }
 
 std::string latencyCells(const Histogram& histogram) {
@@ -79,7 +83,7 @@ struct BenchReport::Row {
     }
 
     std::string line(const char* kind, const Histogram& histogram) const {
-        return alignLeft(shortenText(name, kNameWidth), kNameWidth + 1) + alignLeft(kind, 7) +
+        return fmt::format(kHeadFormat, shortenText(name, kNameWidth), kind) +
                number(static_cast<double>(requests), 0) +
                number(static_cast<double>(errorCount()), 0) + number(rate(), 1) +
                latencyCells(histogram) + "\n";
@@ -102,7 +106,7 @@ double jainIndex(const std::vector<double>& shares) {
         sum += share;
         squares += share * share;
     }
-    if (squares <= 0.0) return 1.0;
+    if (squares <= 0.0) return 1.0;  // no client got anything, which is fair
     return sum * sum / (static_cast<double>(shares.size()) * squares);
 }
 
@@ -117,6 +121,7 @@ double BenchReport::seconds(size_t client) const {
     return static_cast<double>(m_region.lanes[client].runNanos) / kNanosPerSecond;
 }
 
+// A graph is served by all clients, so its rate is over the time of the one that ran longest.
 double BenchReport::longestSeconds() const {
     double longest = 0.0;
     for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
@@ -154,13 +159,12 @@ double BenchReport::fairness() const {
 }
 
 std::string BenchReport::table() const {
-    std::ostringstream text;
-    text << alignLeft("", kNameWidth + 1) << alignLeft("", 7);
+    std::string text = fmt::format(kHeadFormat, "", "");
     for (const char* head : {"requests", "errors", "req/s", "mean ms"}) {
-        text << alignRight(head, kNumberWidth);
+        text += fmt::format(kCellFormat, head);
     }
-    for (const Quantile& quantile : kQuantiles) text << alignRight(quantile.name, kNumberWidth);
-    text << alignRight("max", kNumberWidth) << "\n";
+    for (const Quantile& quantile : kQuantiles) text += fmt::format(kCellFormat, quantile.name);
+    text += fmt::format(kCellFormat, "max") + "\n";
     Row all;
     all.name = "all";
     all.seconds = longestSeconds();
@@ -176,17 +180,17 @@ std::string BenchReport::table() const {
     }
     rows.push_back(std::move(all));
     for (const Row& row : rows) {
-        text << row.line("accept", *row.accept) << row.line("result", *row.result);
+        text += row.line("accept", *row.accept) + row.line("result", *row.result);
     }
     for (const auto& [code, count] : rows.back().errors) {
-        text << "error " << code << ": " << count << "\n";
+        text += fmt::format("error {}: {}\n", code, count);
     }
-    text << "fairness over clients (Jain): " << formatFixed(fairness(), 4) << "\n";
+    text += fmt::format("fairness over clients (Jain): {:.4f}\n", fairness());
     for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
-        text << "client " << i << ": first result after "
-             << formatFixed(toMillis(m_region.lanes[i].firstResultNanos), 1) << " ms\n";
+        text += fmt::format("client {}: first result after {:.1f} ms\n", i,
+                            toMillis(m_region.lanes[i].firstResultNanos));
     }
-    return text.str();
+    return text;
 }
 
 std::string BenchReport::json() const {

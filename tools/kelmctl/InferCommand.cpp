@@ -1,5 +1,7 @@
 #include "tools/kelmctl/InferCommand.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <fstream>
 #include <iostream>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "client/Client.h"
-#include "tools/kelmctl/Require.h"
 
 namespace kelm::ctl {
 
@@ -42,8 +43,8 @@ int runInfer(const InferOptions& options) {
     const client::Graph graph =
         take(service->createGraphFromFile(options.graph, graphOptions, deadline));
     if (input.size() > graph.inputSize) {
-        throw std::runtime_error("the graph takes " + std::to_string(graph.inputSize) +
-                                 " bytes of input, the file has " + std::to_string(input.size()));
+        throw std::runtime_error(fmt::format("the graph takes {} bytes of input, the file has {}",
+                                             graph.inputSize, input.size()));
     }
     client::TensorPool tensors(graph.inputSize, graph.outputSize);
     const auto slot = take(tensors.acquire());

@@ -5,7 +5,7 @@
 
 namespace kelm::ctl {
 
-// Names come from clients and may hold any bytes. What goes to a terminal passes here first.
+// Names come from clients and may hold any bytes. What is printed on a terminal passes here first.
 
 // Takes over the locale of the environment; whether its terminal shows UTF-8.
 bool useTerminalLocale();

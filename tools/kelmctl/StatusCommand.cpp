@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "client/Client.h"
-#include "tools/kelmctl/Require.h"
 #include "tools/kelmctl/SafeText.h"
 #include "tools/kelmctl/StatusReport.h"
 

@@ -1,12 +1,13 @@
 #include "tools/kelmctl/StatusReport.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "tools/kelmctl/JsonText.h"
 #include "tools/kelmctl/SafeText.h"
-#include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
@@ -16,14 +17,12 @@ constexpr size_t kLeastWidth = 6;
 constexpr size_t kMostWidth = 40;
 constexpr std::string_view kGap = "  ";
 
-std::string fixed(float value, int decimals) {
-    return formatFixed(static_cast<double>(value), decimals);
-}
+std::string oneDecimal(float value) { return fmt::format("{:.1f}", value); }
 
 // "GRAPHS 3", or "CLIENTS 2 of 5" when the answer had no room for all.
 std::string heading(const char* what, size_t rows, uint32_t count) {
-    const std::string shown = rows < count ? std::to_string(rows) + " of " : "";
-    return std::string(what) + " " + shown + std::to_string(count);
+    return rows < count ? fmt::format("{} {} of {}", what, rows, count)
+                        : fmt::format("{} {}", what, count);
 }
 
 // Rows of cells; all columns but the first and those of texts are numbers, to the right.
@@ -74,22 +73,22 @@ std::string statusTable(const client::ServiceStatus& status, bool utf8) {
                   2, utf8);
     for (const client::DeviceStatus& device : status.devices) {
         devices.add({device.name, device.graph, std::to_string(device.id),
-                     std::to_string(device.subclass), fixed(device.fps, 1),
-                     fixed(device.thermal, 1)});
+                     std::to_string(device.subclass), oneDecimal(device.fps),
+                     oneDecimal(device.thermal)});
     }
     Table graphs({heading("GRAPHS", status.graphs.size(), status.graphCount), "IN/S", "OUT/S"}, 1,
                  utf8);
     for (const client::GraphStatus& graph : status.graphs) {
-        graphs.add({graph.name, fixed(graph.fpsIn, 1), fixed(graph.fpsOut, 1)});
+        graphs.add({graph.name, oneDecimal(graph.fpsIn), oneDecimal(graph.fpsOut)});
     }
     Table clients({heading("CLIENTS", status.clients.size(), status.clientCount), "FPS"}, 1, utf8);
     for (const client::ClientStatus& client : status.clients) {
-        clients.add({client.name, fixed(client.fps, 1)});
+        clients.add({client.name, oneDecimal(client.fps)});
     }
-    return "results/s " + fixed(status.serviceFps, 1) + "  device scheduler " +
-           toUtf8(safeText(status.deviceScheduler, utf8)) + "  task scheduler " +
-           toUtf8(safeText(status.taskScheduler, utf8)) + "\n\n" + devices.text() + "\n" +
-           graphs.text() + "\n" + clients.text();
+    return fmt::format("results/s {:.1f}  device scheduler {}  task scheduler {}\n\n{}\n{}\n{}",
+                       status.serviceFps, toUtf8(safeText(status.deviceScheduler, utf8)),
+                       toUtf8(safeText(status.taskScheduler, utf8)), devices.text(), graphs.text(),
+                       clients.text());
 }
 
 std::string statusJson(const client::ServiceStatus& status,

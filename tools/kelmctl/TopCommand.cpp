@@ -56,7 +56,7 @@ class Top {
             (void)::poll(fds, std::size(fds), kTickMillis);  // a failure is a tick
             if (const auto status = handleSignals()) return *status;
             if (!handleKeys()) return 0;
-            // A terminal that is gone would be readable for ever.
+            // A closed terminal would be readable for ever.
             if ((fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return 128 + SIGHUP;
         }
     }
@@ -98,7 +98,7 @@ class Top {
     const SignalQueue m_signals;
     const bool m_utf8 = useTerminalLocale();
     TopFeed m_feed;      // after the signals are blocked
-    TopScreen m_screen;  // goes before the feed, which may take its time to stop
+    TopScreen m_screen;  // given back before the feed stops, which may take two seconds
     TopModel m_model;
     TopControls m_controls;
     const TopView m_view{m_model, m_controls, m_utf8};

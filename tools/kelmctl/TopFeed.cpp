@@ -13,6 +13,7 @@ namespace {
 constexpr client::Deadline kDeadline{2000};
 }
 
+// Two threads, since a query waits for its answer while the stream waits for its next snapshot.
 TopFeed::TopFeed(std::chrono::milliseconds interval)
     : m_interval(interval), m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!m_wakeFd) throw std::runtime_error("cannot make an event descriptor");
@@ -32,6 +33,7 @@ TopFeed::~TopFeed() {
 }
 
 TopNews TopFeed::take() {
+    // Quiet before the news are taken: what comes in between announces itself once more.
     eventfd_t ignored = 0;
     (void)::eventfd_read(m_wakeFd.get(), &ignored);
     MutexLock lock(m_mutex);
@@ -107,6 +109,7 @@ std::string TopFeed::followSnapshots() {
     auto connected = client::SnapshotReader::connect({}, kDeadline);
     if (!connected) return connected.error().text();
     const std::shared_ptr<client::SnapshotReader> reader = std::move(connected.value());
+    // Where the destructor has come first it interrupts no reader that it does not know.
     if (!publish(reader)) return {};
     while (true) {
         const auto snapshot = reader->read();

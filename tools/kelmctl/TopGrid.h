@@ -12,7 +12,7 @@ enum class TopStyle { kPlain, kTitle, kHeading, kSelected, kDim, kWarning, kAlar
 // A picture of characters, each with a style. What does not fit is cut.
 class TopGrid {
  public:
-    // A piece of a line in one style, as it goes to a terminal.
+    // A piece of a line in one style, as it is written to a terminal.
     struct Run {
         size_t x;
         std::string text;  // UTF-8

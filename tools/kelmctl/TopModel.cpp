@@ -1,8 +1,9 @@
 #include "tools/kelmctl/TopModel.h"
 
 #include <algorithm>
-#include <cctype>
 #include <utility>
+
+#include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
@@ -25,12 +26,6 @@ std::map<RowKey, const Entry*> byName(const std::vector<Entry>& entries) {
     RowKeys keys;
     for (const Entry& entry : entries) result.emplace(keys.next(entry.name), &entry);
     return result;
-}
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return text;
 }
 
 // Whether `a` stands before `b`: texts upwards, numbers downwards, unknown ones last.
@@ -180,7 +175,8 @@ TopModel::Rows TopModel::mergeClients() const {
         fillFromSnapshot(row, *found->second);
         more.erase(found);
     }
-    // Where the status had room for all clients, those that only the older snapshot has are gone.
+    // Where the status had room for all clients, those that only the older snapshot has have
+    // departed.
     if (m_status.clientCount <= m_status.clients.size()) return rows;
     for (const auto& [key, client] : more) {
         TopRow& row = rows.emplace_back();
@@ -213,11 +209,11 @@ void TopModel::replace(TopSection section, Rows rows, bool sample) {
 }
 
 std::vector<const TopRow*> TopModel::rows(TopSection section, const TopOrder& order) const {
-    const std::string wanted = lower(order.filter);
+    const std::string wanted = toLower(order.filter);
     std::vector<const TopRow*> result;
     for (const TopRow& row : rowsOf(section)) {
-        const bool passes = lower(row.name).find(wanted) != std::string::npos ||
-                            lower(row.detail).find(wanted) != std::string::npos;
+        const bool passes = toLower(row.name).find(wanted) != std::string::npos ||
+                            toLower(row.detail).find(wanted) != std::string::npos;
         if (passes) result.push_back(&row);
     }
     const TopColumn& column = topColumns(section)[order.column];

@@ -1,10 +1,11 @@
 #include "tools/kelmctl/TopView.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 
 #include "tools/kelmctl/SafeText.h"
-#include "utils/TextHelper.h"
 #include "utils/TimeHelper.h"
 
 namespace kelm::ctl {
@@ -21,21 +22,21 @@ std::u32string count(double value) {
     constexpr double kMostDigits = 1e8;
     constexpr double kMost = 9999e18;
     constexpr const char* kUnits[] = {"k", "M", "G", "T", "P", "E"};
-    if (value < kMostDigits) return fromAscii(formatFixed(value, 0));
+    if (value < kMostDigits) return fromAscii(fmt::format("{:.0f}", value));
     if (value > kMost) return U">9999E";
     size_t unit = 0;
     for (value /= 1e3; value >= 1e4 && unit + 1 < std::size(kUnits); value /= 1e3) ++unit;
-    return fromAscii(formatFixed(value, 1) + kUnits[unit]);
+    return fromAscii(fmt::format("{:.1f}{}", value, kUnits[unit]));
 }
 
 std::u32string rate(double value) {
     constexpr double kMostWithDecimal = 1e6;
-    return value < kMostWithDecimal ? fromAscii(formatFixed(value, 1)) : count(value);
+    return value < kMostWithDecimal ? fromAscii(fmt::format("{:.1f}", value)) : count(value);
 }
 
 std::u32string degrees(double value) {
     constexpr double kMost = 9999.0;
-    return fromAscii(formatFixed(std::clamp(value, -kMost, kMost), 1));
+    return fromAscii(fmt::format("{:.1f}", std::clamp(value, -kMost, kMost)));
 }
 
 std::u32string level(double value) { return value > 0.0 ? U"L" + count(value) : U"no"; }
@@ -59,7 +60,7 @@ std::u32string_view sortMark(bool upwards, bool utf8) {
     return upwards ? U"^" : U"v";
 }
 
-// Shares `lines` out: nobody gets more than it needs, what one does not need goes to the others.
+// Shares `lines` out: no section gets more than it needs, what one leaves is for the others.
 std::vector<size_t> shareOut(size_t lines, const std::vector<size_t>& needs) {
     std::vector<size_t> shares(needs.size(), 0);
     while (lines > 0 && shares != needs) {

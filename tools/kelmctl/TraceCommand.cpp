@@ -1,5 +1,7 @@
 #include "tools/kelmctl/TraceCommand.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 #include <chrono>
 #include <filesystem>
@@ -11,7 +13,6 @@
 #include "tools/kelmctl/TraceJson.h"
 #include "tools/kelmctl/TracePairs.h"
 #include "tools/kelmctl/TraceReader.h"
-#include "utils/TextHelper.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::ctl {
@@ -96,11 +97,11 @@ int runTrace(const TraceOptions& options) {
     for (const TraceRow& row : onlyInFrames) json.add(row, "only in the frames file");
     json.finish();
     const uint64_t spans = tasks.countRows() + onlyInFrames.size();
-    std::cout << options.output << ": " << spans << " spans, " << formatFixed(mhz, 1)
-              << " ticks a microsecond\n"
-              << "rows only in the frames file: " << onlyInFrames.size()
-              << ", only in the tasks file: " << pairs.countOnlyInTasks()
-              << ", lines left out: " << frames.countMalformed() + tasks.countMalformed() << "\n";
+    std::cout << fmt::format(
+        "{}: {} spans, {:.1f} ticks a microsecond\n"
+        "rows only in the frames file: {}, only in the tasks file: {}, lines left out: {}\n",
+        options.output, spans, mhz, onlyInFrames.size(), pairs.countOnlyInTasks(),
+        frames.countMalformed() + tasks.countMalformed());
     if (spans == 0) std::cerr << "kelmctl: no usable row in " << options.tasks << "\n";
     return spans == 0 ? 1 : 0;
 }

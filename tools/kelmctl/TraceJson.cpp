@@ -1,5 +1,7 @@
 #include "tools/kelmctl/TraceJson.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -7,7 +9,6 @@
 #include <stdexcept>
 
 #include "tools/kelmctl/JsonText.h"
-#include "utils/FixedText.h"
 
 namespace kelm::ctl {
 
@@ -16,9 +17,8 @@ namespace {
 constexpr uint64_t kNanosPerMicro = 1000;
 
 // Times are in microseconds, with three decimals.
-FixedText<32> toMicros(uint64_t nanos) {
-    const uint64_t rest = nanos % kNanosPerMicro;
-    return FixedText<32>(nanos / kNanosPerMicro, rest < 10 ? ".00" : rest < 100 ? ".0" : ".", rest);
+std::string toMicros(uint64_t nanos) {
+    return fmt::format("{}.{:03}", nanos / kNanosPerMicro, nanos % kNanosPerMicro);
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ void TraceJson::write(const TraceRow& row, std::string_view note) {
     const uint64_t start = toNanos(row.start);
     const uint64_t end = toNanos(row.end);
     beginSpan(place.nested ? 'X' : 'b', row, place, start);
-    if (place.nested) m_file << ",\"dur\":" << toMicros(end - start).view();
+    if (place.nested) m_file << ",\"dur\":" << toMicros(end - start);
     if (!note.empty()) m_file << ",\"args\":{\"note\":" << toJsonText(note) << "}";
     m_file << "}";
     if (place.nested) return;
@@ -66,7 +66,7 @@ void TraceJson::finish() {
         }
         const auto name = m_names.find(tid);
         addName("thread_name", *thread,
-                name != m_names.end() ? name->second : "thread " + std::to_string(tid));
+                name != m_names.end() ? name->second : fmt::format("thread {}", tid));
     }
     m_file << "\n]}\n" << std::flush;
     if (!m_file) throw std::runtime_error("cannot write " + m_path);
@@ -89,7 +89,7 @@ void TraceJson::beginEvent(char phase, const Thread& thread, std::string_view na
 void TraceJson::beginSpan(char phase, const TraceRow& row, const TracePlace& place,
                           uint64_t nanos) {
     beginEvent(phase, {row.pid, row.tid}, row.name);
-    m_file << ",\"cat\":\"" << place.category << "\",\"ts\":" << toMicros(nanos).view();
+    m_file << ",\"cat\":\"" << place.category << "\",\"ts\":" << toMicros(nanos);
     if (place.nested) return;
     // Unique together with the category. The spans of a lane follow one another under its id.
     m_file << ",\"id\":\"" << row.pid << "." << row.tid << "." << place.lane << "\"";

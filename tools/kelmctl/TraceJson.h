@@ -23,7 +23,7 @@ class TraceJson {
     // ticks. Threads that `names` does not have are shown by their ids.
     TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names);
 
-    // A `note` goes into the details of the span, if it is not empty. Spans that stay on their
+    // A `note` is put into the details of the span, if it is not empty. Spans that stay on their
     // thread, which are few, are kept until the end; all others are written at once.
     void add(const TraceRow& row, std::string_view note = "");
     // Writes what is left; to be called once, at the end. Throws if something was not written.

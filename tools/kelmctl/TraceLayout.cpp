@@ -37,7 +37,7 @@ const Kind& kindOf(std::string_view name) {
 }  // namespace
 
 bool TraceLayout::staysOnThread(const TraceRow& row) {
-    return row.tid != 0 && !kindOf(row.name).endsElsewhere;  // 0 is a thread that nobody knows
+    return row.tid != 0 && !kindOf(row.name).endsElsewhere;  // 0 stands for an unknown thread
 }
 
 TracePlace TraceLayout::place(const TraceRow& row) {

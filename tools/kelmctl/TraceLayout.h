@@ -19,8 +19,8 @@ struct TracePlace {
     uint64_t lane;  // otherwise one of the thread's lanes of that category, free at that time
 };
 
-// Gives the spans of a trace their places. On a thread's own track go those that begin and end on
-// it, as far as they nest. What ends elsewhere, as a task does, overlaps its likes and goes to a
+// Gives the spans of a trace their places. A thread's own track has those that begin and end on
+// it, as far as they nest. What ends elsewhere, as a task does, overlaps its likes and is put on a
 // lane, on which spans follow one another: so there are as many lanes as things that were under way
 // at once, and not as many as there were tasks.
 class TraceLayout {

@@ -21,7 +21,7 @@ enum class TraceFileKind { kFrames, kTasks };
 // The first line of such a file, which comes again when a later process of the same id has added
 // its rows to the file.
 bool isTraceHeader(std::string_view line, TraceFileKind kind);
-// Fills the row, whose former content goes; null, or why the line is none.
+// Fills the row, whose former content is lost; null, or why the line is none.
 const char* parseTraceRow(std::string_view line, TraceFileKind kind, TraceRow& row);
 
 }  // namespace kelm::ctl

@@ -83,16 +83,6 @@ std::span<uint8_t> bytes(std::span<std::byte> span) {
     return {reinterpret_cast<uint8_t*>(span.data()), span.size()};
 }
 
-template <class T>
-T take(client::Result<T> result) {
-    if (!result) throw std::runtime_error(result.error().text());
-    return std::move(result.value());
-}
-
-void require(const client::Error& error) {
-    if (error) throw std::runtime_error(error.text());
-}
-
 // The books of all lanes.
 class Counts {
  public:

@@ -1,6 +1,5 @@
 // What the device manager prints at intervals and tells when asked.
 #include <algorithm>
-#include <cctype>
 #include <memory>
 #include <utility>
 
@@ -31,13 +30,6 @@ constexpr SchedulerText kSchedulerTexts[] = {
     {"stream", &WorkThread::getGraphStreamId},
     {"squeeze", nullptr},
 };
-
-std::string toLower(std::string text) {
-    for (char& letter : text) {
-        letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-    }
-    return text;
-}
 
 }  // namespace
 

@@ -8,19 +8,13 @@
 #include "execution/WorkThread.h"
 #include "scheduling/devices/DeviceSchedulerBase.h"
 #include "utils/Log.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// What is left until the deadline, or nothing.
-std::chrono::milliseconds timeUntil(Clock::time_point deadline) {
-    const auto left = deadline - Clock::now();
-    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left),
-                    std::chrono::milliseconds(0));
-}
 
 // Threads still run in a manager that was left behind, so it stays for the rest of the process.
 void keepForEver(DeviceManager* manager) {

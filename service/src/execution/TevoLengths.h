@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <limits>
 
-namespace kelm {
+#include "utils/CommonHelper.h"  // kMegabyteShift
 
-constexpr unsigned kMegabyteShift = 20;
+namespace kelm {
 
 // A size as one of the library's lengths.
 constexpr unsigned int clampLength(uint64_t size) {

@@ -15,6 +15,7 @@
 #include "utils/PeerCredentials.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -276,8 +277,7 @@ bool ClientManager::finish(std::chrono::milliseconds time) {
     m_finished = true;
     const bool empty = m_idClientMap.empty();
     lock.unlock();
-    const auto left = deadline - std::chrono::steady_clock::now();
-    return m_pool.waitIdleFor(std::chrono::duration_cast<std::chrono::milliseconds>(left)) && empty;
+    return m_pool.waitIdleFor(timeUntil(deadline)) && empty;
 }
 
 bool ClientManager::verifyClient(uint64_t clientId) {

@@ -27,6 +27,7 @@
 #include "utils/RunPaths.h"
 #include "utils/TextHelper.h"
 #include "utils/ThreadUtils.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -44,11 +45,6 @@ constexpr milliseconds kLookInterval{100};
 constexpr long kListenEndMillisec = 1000;     // for the listen thread to see that it is to end
 constexpr long kShutdownEndMillisec = 2000;   // and once nothing can be read or written any more
 constexpr milliseconds kQueuesEndTime{4000};  // for what is queued, graphs included
-
-milliseconds timeUntil(steady_clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
-    return std::max(left, milliseconds(0));
-}
 
 // Its manager reads a text where it is in the request, so one that fills its field is ended here.
 template <size_t N>

@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "managers/RecycledMap.h"
 #include "managers/TaskDepartures.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/MessagePtr.h"
 #include "records/Request.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
+#include "utils/RecycledMap.h"
 
 namespace kelm {
 

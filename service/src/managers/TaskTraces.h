@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-#include "managers/RecycledMap.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
+#include "utils/RecycledMap.h"
 
 namespace kelm {
 

@@ -2,14 +2,13 @@
 
 #include <utility>
 
+#include "utils/CommonHelper.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
 
 namespace {
-
-constexpr unsigned kMegabyteShift = 20;
 
 // The demand of a graph that has not been measured yet, whatever its backlog.
 constexpr float kUnmeasuredRequest = 0.5f;

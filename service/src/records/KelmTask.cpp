@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "records/BlockCache.h"
+#include "utils/BlockCache.h"
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTaskParam.h"

@@ -8,7 +8,7 @@ namespace kelm {
 class PrintInfoListener;
 struct KelmStatus;
 
-// Port: whoever prints periodically and gathers what the managers report. Any thread.
+// Port: the printer, which prints at intervals and gathers what the managers report. Any thread.
 class InfoCollector {
  public:
     // Null or an entry already present: false.

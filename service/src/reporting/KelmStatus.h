@@ -4,14 +4,10 @@
 #include <string>
 #include <vector>
 
-namespace kelm {
+#include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessagePtr.h"
 
-// Bits of a query's type.
-constexpr uint64_t kQueryAll = 1;  // the service, devices without details, graphs, clients
-constexpr uint64_t kQueryDevices = 2;
-constexpr uint64_t kQueryGraphs = 4;
-constexpr uint64_t kQueryClients = 8;
-constexpr uint64_t kQuerySchedulers = 16;
+namespace kelm {
 
 // What the managers tell about themselves for one status query. Lists of one group are parallel,
 // one row an entry, and not cut to what the answer has room for.

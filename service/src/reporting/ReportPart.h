@@ -11,8 +11,8 @@
 
 namespace kelm {
 
-// A part of a shared record is reported when it is filled, also when filling it has thrown: whoever
-// gathers the record waits for every part. Called without locks.
+// A part of a shared record is reported when it is filled, also when filling it has thrown: the
+// printer that gathers the record waits for every part. Called without locks.
 
 // `fill` writes the part of `source` into the record.
 template <class Fill>

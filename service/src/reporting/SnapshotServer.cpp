@@ -16,6 +16,7 @@
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/ThreadUtils.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -38,10 +39,7 @@ size_t setSendBuffer(int fd, int size) {
 }
 
 int millisecUntil(std::chrono::steady_clock::time_point deadline) {
-    const auto left = deadline - std::chrono::steady_clock::now();
-    // Up, or the last fraction would be spent without sleeping.
-    const auto millisec = std::chrono::ceil<milliseconds>(left).count();
-    return static_cast<int>(std::clamp<int64_t>(millisec, 0, INT32_MAX));
+    return static_cast<int>(std::min<int64_t>(timeUntil(deadline).count(), INT32_MAX));
 }
 
 }  // namespace
@@ -70,7 +68,7 @@ void SnapshotServer::start() { m_listener->unblockPoller(); }
 
 void SnapshotServer::requestStop() {
     m_stop = true;
-    (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: nobody reads it, few write
+    (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: the count never fills up
 }
 
 bool SnapshotServer::stop(milliseconds time) {
@@ -104,7 +102,8 @@ void SnapshotServer::listenThreadRoutine() {
 bool SnapshotServer::waitForPass() {
     waitForEvent();
     bool due = false;
-    // What has come meanwhile shares a package, so that many who come and go at once cost one.
+    // What has come meanwhile shares a package, so that many that connect or leave at once cost
+    // one.
     for (int i = 0; i < kEventsInARow && !m_stop; ++i) {
         IPC::PollEvent event;
         if (!m_poller->wait(&event, 0)) break;

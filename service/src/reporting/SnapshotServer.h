@@ -25,8 +25,9 @@ struct PollEvent;
 
 namespace kelm {
 
-// Streams packages to the tools on the snapshot socket: to all of them whenever one comes or goes,
-// and at least once a period. What tools send is thrown away. With no tool nothing is collected.
+// Streams packages to the tools on the snapshot socket: to all of them whenever one connects or
+// leaves, and at least once a period. What tools send is thrown away. With no tool nothing is
+// collected.
 //
 // Tools get whole packages, in order, and do not hold up one another or the end. One that is behind
 // (what it has not read yet leaves no room for another package) is passed over until it has read,
@@ -52,7 +53,7 @@ class SnapshotServer : public NonCopyable {
     ~SnapshotServer();  // waits for the thread without limit
 
     void start();
-    // Ends the thread and disconnects everybody. False if the thread has not ended in time, since
+    // Ends the thread and disconnects all tools. False if the thread has not ended in time, since
     // a collection does not; it may be tried again.
     bool stop(std::chrono::milliseconds time);
 
@@ -76,7 +77,7 @@ class SnapshotServer : public NonCopyable {
     // Until then, or until the stop.
     void sleepUntil(Clock::time_point deadline);
 
-    // True for an event after which everybody gets a package.
+    // True for an event after which all tools get a package.
     bool handleEpollEvent(const IPC::PollEvent& event) REQUIRES(m_onThread);
     bool acceptTool() REQUIRES(m_onThread);
     // False when all places are taken by tools that read.

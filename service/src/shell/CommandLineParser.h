@@ -10,7 +10,8 @@ namespace kelm {
 // Threads: the main thread only.
 class CommandLineParser {
  public:
-    // True means: go on. False after --help, --list or a mistake, with the words already written.
+    // True means: run the service. False after --help, --list or a mistake, with the words already
+    // written.
     bool parse(int argc, char** argv);
 
     bool isRunAsDaemon() const { return m_isRunAsDaemon; }

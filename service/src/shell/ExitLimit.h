@@ -5,7 +5,7 @@
 namespace kelm {
 
 // The end of the process is bounded: a device call that never returns, or a reader of the log that
-// stands still, must not keep a service that was told to go.
+// stands still, must not keep a service that was told to end.
 class ExitLimit {
  public:
     // Once the time is up the process leaves as by leave(). The first call counts; there is no way

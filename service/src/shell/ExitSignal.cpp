@@ -33,7 +33,7 @@ void exitServiceRoutine(int) {
     errno = error;
 }
 
-// Never closed: a handler may still be on its way on some thread when the object goes.
+// Never closed: a handler may still run on some thread while the object is destroyed.
 void openWakeUpFd() {
     if (g_wakeUpFd.load() >= 0) return;
     g_wakeUpFd.store(::eventfd(0, EFD_CLOEXEC));

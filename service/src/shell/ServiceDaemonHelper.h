@@ -24,9 +24,9 @@ class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
     // False if another service holds the alive lock.
     bool isLocked() const { return m_isLocked; }
     // Takes the ready lock, and never waits: if another process holds it, it is taken as soon as
-    // that one lets go, unless daemonStop() comes first.
+    // that one releases it, unless daemonStop() comes first.
     void daemonReadyToServe();
-    // From here a client that wants the service waits until this process has gone. False if the
+    // From here a client that wants the service waits until this process has ended. False if the
     // time is up first: a client that is starting the service holds the lock.
     bool daemonReadyToStop(long timeoutMillisec);
     void daemonCancelStop();
@@ -41,7 +41,7 @@ class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
     GlobalMutex m_aliveMutex;
     GlobalMutex m_readyMutex;
     GlobalMutex m_startExitMutex;
-    Semaphore m_waitEnd{0, 0};  // posted when nobody wants the ready lock any more
+    Semaphore m_waitEnd{0, 0};  // posted when the waiter is to give up the ready lock
     std::thread m_readyWaiter;
 };
 

@@ -56,7 +56,7 @@ void setupEnvironment() {
     occupyStandardDescriptors();
     // Threads share two heaps: one for each would keep the service's memory several times over.
     ::mallopt(M_ARENA_MAX, 2);
-    // Graphs come and go: their memory goes back at once, whatever was freed before. Left alone,
+    // The memory of an unloaded graph is given back at once, whatever was freed before. Left alone,
     // the allocator keeps blocks as large as the largest that it has seen.
     ::mallopt(M_MMAP_THRESHOLD, kMappedBlockBytes);
     if (!CommonHelper::liftMaxOpenFileLimit()) {
@@ -143,7 +143,7 @@ void waitUntilUnused(ExitSignal& signal) {
         if (waitSeconds < 0 || signal.isSet()) continue;
         LOG_INFO("Wait %d seconds before main program exits", waitSeconds);
         if (waitSeconds != 0) signal.sleepFor(std::chrono::seconds(waitSeconds));
-        // From here a client that finds the lock held waits for this process to go, so a client
+        // From here a client that finds the lock held waits for this process to end, so a client
         // that is not seen now does not come any more.
         while (!helper.daemonReadyToStop(kLookForSignalMillisec) && !signal.isSet()) {
         }

@@ -14,7 +14,6 @@
 #include "utils/ErrorHelper.h"
 #include "utils/FileHelper.h"
 #include "utils/PeerCredentials.h"
-#include "utils/PollEvent.h"
 #include "utils/Poller.h"
 #include "utils/StringHelper.h"
 
@@ -78,6 +77,8 @@ bool ConnectionUDS::connected() {
     return m_state == CONNECTED && !m_shutDown;
 }
 
+// Not before the last transfer on an old descriptor has ended: the users of both would be counted
+// as one.
 void ConnectionUDS::requireEmpty(const char* text) {
     kelm::MutexLock lock(m_mutex);
     if (m_state == EMPTY && m_fd < 0 && m_retiredFd < 0) return;
@@ -107,6 +108,7 @@ void ConnectionUDS::enterState(State state) {
         kelm::MutexLock lock(m_mutex);
         m_state = state;
     }
+    // Look-ups find the connection before the poller makes an event for it.
     publish();
     if (const std::shared_ptr<Poller> poller = getPoller()) poller->add(this);
 }
@@ -116,6 +118,7 @@ void ConnectionUDS::create(const std::string& path, AccessAttribute attribute) {
     openSocket();
     const std::string name =
         cutPath(path.empty() ? StringHelper::format("/var/tmp/%05d", ::getpid()) : path);
+    // A file that a service left behind, which would make bind() fail.
     (void)::unlink(name.c_str());
     const Address address = makeAddress(name);
     if (::bind(nativeHandle(), reinterpret_cast<const sockaddr*>(&address.name), address.length) !=
@@ -124,7 +127,7 @@ void ConnectionUDS::create(const std::string& path, AccessAttribute attribute) {
     }
     {
         kelm::MutexLock lock(m_mutex);
-        m_path = name;
+        m_path = name;  // from here close() removes the file
     }
     setConnectionAccessAttribute(name, attribute);
 }
@@ -194,8 +197,8 @@ void ConnectionUDS::close() {
     if (m_users == 0) {
         (void)::close(m_fd);
     } else {
-        // Whoever is inside is thrown out, and the last one closes: the kernel must not give the
-        // number to another socket while a read or write still holds it.
+        // Transfers in progress fail, and the last of them closes the descriptor: the kernel must
+        // not give its number to another socket while a read or write still uses it.
         (void)::shutdown(m_fd, SHUT_RDWR);
         m_retiredFd = m_fd;
     }
@@ -223,7 +226,8 @@ void ConnectionUDS::shutdown(int how) {
 }
 
 // The flag and the kernel's set change together: a block that comes while another thread unblocks
-// must not leave behind a descriptor that makes events which nobody takes.
+// must not leave behind a descriptor in the kernel's set whose events are all dropped: the wait
+// would return at once for ever.
 void ConnectionUDS::blockPoller() {
     const std::shared_ptr<Poller> poller = getPoller();
     kelm::MutexLock lock(m_mutex);

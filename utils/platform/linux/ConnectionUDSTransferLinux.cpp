@@ -20,7 +20,7 @@ namespace {
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 constexpr int kForEver = -1;
-constexpr int kQuestionMillisec = 10;  // between two questions whether to go on waiting
+constexpr int kQuestionMillisec = 10;  // between two questions whether to wait on
 
 // Until the socket is ready again, or shut down, or the time is up; then the caller repeats its
 // call.
@@ -79,6 +79,7 @@ bool ConnectionUDS::write(const void* buffer, int size, const std::function<bool
         raiseInvalidArgument("invalid argument: m_fd=", use.fd(), buffer, size);
     }
     const char* next = static_cast<const char*>(buffer);
+    // Without a question a write may block in the kernel; with one it must come back to ask.
     const int flags = MSG_NOSIGNAL | (goOn ? MSG_DONTWAIT : 0);
     while (size > 0) {
         const ssize_t count = ::send(use.fd(), next, static_cast<size_t>(size), flags);
@@ -86,6 +87,8 @@ bool ConnectionUDS::write(const void* buffer, int size, const std::function<bool
             next += count;
             size -= static_cast<int>(count);
         } else if (wouldBlock(errno)) {
+            // Also without a question: the mode is the descriptor's, and a read may have changed
+            // it.
             if (goOn && !goOn()) return false;
             waitFor(use.fd(), POLLOUT, goOn ? kQuestionMillisec : kForEver);
         } else if (errno != EINTR) {
@@ -132,7 +135,7 @@ int ConnectionUDS::readOnce(int fd, char* target, int size, uint32_t leftBytes, 
             receive(fd, target, static_cast<size_t>(size), wait ? 0 : MSG_DONTWAIT);
         if (count > 0) return static_cast<int>(count);
         if (count == 0) {
-            errno = 0;
+            errno = 0;  // an orderly end is no error of the system
             raiseReadFailed(leftBytes, true);
         }
         if (wouldBlock(errno)) {
@@ -157,9 +160,10 @@ void ConnectionUDS::readSome(int fd, char* target, int size, int* bytesRead) {
     }
 }
 
+// Small reads are served from one system call for many; a record's head and body then cost one.
 ssize_t ConnectionUDS::receive(int fd, char* target, size_t size, int flags) {
     if (m_input.size() == 0) {
-        // A large block goes straight to its own memory.
+        // A large block is received straight into its own memory, without a copy.
         if (size > ReceiveBuffer::kCapacity) return ::recv(fd, target, size, flags);
         const ssize_t count = m_input.fill(fd, flags);
         if (count <= 0) return count;
@@ -167,6 +171,7 @@ ssize_t ConnectionUDS::receive(int fd, char* target, size_t size, int flags) {
     return static_cast<ssize_t>(m_input.take(target, size));
 }
 
+// The kernel no longer knows of the bytes in the buffer, so the poller has to be told.
 void ConnectionUDS::noteUnread() {
     if (!hasBufferedData() || m_pollBlocked) return;
     if (const std::shared_ptr<Poller> poller = getPoller()) poller->noteBuffered(*this);
@@ -180,7 +185,7 @@ void ConnectionUDS::raiseReadFailed(uint32_t leftBytes, bool ended) {
 }
 
 void ConnectionUDS::set_block_mode(int fd, bool blocking) {
-    if (m_blocking == blocking) return;
+    if (m_blocking == blocking) return;  // two system calls saved on nearly every read
     const int flags = ::fcntl(fd, F_GETFL, 0);
     if (flags < 0) return;
     (void)::fcntl(fd, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK);

@@ -101,7 +101,7 @@ bool DeviceMonitorZorvanImpl::launch() {
     return true;
 }
 
-// The handles of the last filter are kept; the others' callbacks go with the context.
+// The handles of the last filter are kept; the others' callbacks end with the context.
 bool DeviceMonitorZorvanImpl::registerCallbacks(const DeviceFilter& filter) {
     const auto add = [&filter, context = m_context, parent = m_parent](
                          libusb_hotplug_event event, libusb_hotplug_callback_fn callback,

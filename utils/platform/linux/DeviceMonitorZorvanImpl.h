@@ -11,8 +11,8 @@ struct libusb_context;
 
 namespace kelm {
 
-// The accelerators on the USB bus, and their coming and going. A device's name is its place on the
-// bus, so one that returns to the same socket has the same name.
+// The accelerators on the USB bus, as they are plugged in and out. A device's name is its place on
+// the bus, so one that returns to the same socket has the same name.
 //
 // Threads: as for every implementation; the callbacks of the bus run on m_thread, from launch() to
 // stop().

@@ -1,10 +1,13 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "utils/FileRights.h"
+#include "utils/PeerCredentials.h"
 
 namespace kelm {
 
@@ -22,8 +25,8 @@ enum ListTag : uint16_t { USER = 0x02, OWNING_GROUP = 0x04, GROUP = 0x08, MASK =
 
 constexpr uint32_t kAll = 7;
 
-// The attribute; empty if the file has none. Nothing if it cannot be read, which nobody should take
-// for a file without a list.
+// The attribute; empty if the file has none. Nothing if it cannot be read, which must not pass
+// for a file without a list: its group bits would then count as the group's.
 std::optional<std::vector<char>> readList(int fd) {
     std::vector<char> bytes;
     ssize_t size = ::fgetxattr(fd, kListName, nullptr, 0);
@@ -61,6 +64,24 @@ bool addEntries(const std::vector<char>& bytes, std::vector<FileRights::Entry>& 
     return true;
 }
 
+bool isMember(const PeerCredentials& peer, gid_t group) {
+    return std::find(peer.groups.begin(), peer.groups.end(), group) != peer.groups.end();
+}
+
+// One group that lets the peer in is enough. With groups in the list and none that does, the rights
+// of others do not count.
+bool mayAsMember(const PeerCredentials& peer, const FileRights& file, FileRights::Access wanted) {
+    bool member = false;
+    for (const FileRights::Entry& entry : file.entries) {
+        if (entry.who == FileRights::Class::USER) continue;
+        const bool named = entry.who == FileRights::Class::GROUP;
+        if (!isMember(peer, named ? entry.id : file.group)) continue;
+        if ((entry.allowed & wanted) != 0) return true;
+        member = true;
+    }
+    return !member && (file.others & wanted) != 0;
+}
+
 }  // namespace
 
 std::optional<FileRights> FileRights::ofDescriptor(int fd) {
@@ -80,6 +101,22 @@ std::optional<FileRights> FileRights::ofDescriptor(int fd) {
         rights.others = 0;
     }
     return rights;
+}
+
+bool mayAccess(const PeerCredentials& peer, const FileRights& file, FileRights::Access wanted,
+               uid_t service) {
+    if (peer.user == 0 || peer.user == service || peer.user == file.owner) return true;
+    if (!file.hasName) return false;
+    for (const FileRights::Entry& entry : file.entries) {
+        if (entry.who != FileRights::Class::USER || entry.id != peer.user) continue;
+        return (entry.allowed & wanted) != 0;
+    }
+    return mayAsMember(peer, file, wanted);
+}
+
+bool mayAccess(const PeerCredentials& peer, int fd, FileRights::Access wanted) {
+    const std::optional<FileRights> file = FileRights::ofDescriptor(fd);
+    return file && mayAccess(peer, *file, wanted, ::geteuid());
 }
 
 }  // namespace kelm

@@ -57,6 +57,7 @@ bool GlobalMutex::lock(long timeoutMillisec) {
     if (!isOpen()) return false;
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillisec);
+    // By trying again, as the kernel's call knows no limit of time.
     while (::flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -3,23 +3,24 @@
 #include <cerrno>
 #include <csignal>
 #include <exception>
-#include <iostream>
 #include <mutex>
 #include <utility>
 
 #include "utils/ConnectionBase.h"
 #include "utils/ErrorHelper.h"
+#include "utils/Log.h"
 #include "utils/Poller.h"
 
 namespace IPC {
 
 namespace {
 
-// A peer that is gone is told by an error of the write, never by a signal.
+// A peer that has hung up is told by an error of the write; the signal would end the process.
 void ignoreSigpipe() {
     static std::once_flag once;
     std::call_once(once, [] {
         struct sigaction old = {};
+        // A program that has a handler of its own keeps it: this may be a library within it.
         if (::sigaction(SIGPIPE, nullptr, &old) == 0 && old.sa_handler == SIG_DFL) {
             (void)::signal(SIGPIPE, SIG_IGN);
         }
@@ -62,6 +63,7 @@ void Poller::add(ConnectionBase* pconn) {
     if (descriptor == -1) return;
     pconn->setPoller(weak_from_this());
     kelm::MutexLock lock(m_mapMutex);
+    // The kernel would refuse a descriptor that is in its set already.
     if (!isMapped(descriptor)) registerDescriptor(descriptor);
     if (descriptor < kFastDescriptors) {
         m_fastMap[descriptor] = connection;
@@ -104,6 +106,7 @@ void Poller::suspend(int descriptor) {
 
 void Poller::resume(int descriptor) {
     kelm::MutexLock lock(m_mapMutex);
+    // A connection that was removed meanwhile stays removed.
     if (isMapped(descriptor)) registerDescriptor(descriptor);
 }
 
@@ -191,8 +194,9 @@ void Poller::deleteLater(std::shared_ptr<ConnectionBase> connection) {
 }
 
 void Poller::deleteClosed() {
-    std::list<std::shared_ptr<ConnectionBase>> closed;  // they go after the lock does
-    if (!m_deletionMutex.tryLock()) return;             // busy: at the next wait
+    // Destroyed after the lock is released: a destructor may call back into the poller.
+    std::list<std::shared_ptr<ConnectionBase>> closed;
+    if (!m_deletionMutex.tryLock()) return;  // busy: at the next wait
     closed.swap(m_deletions);
     m_deletionMutex.unlock();
 }
@@ -203,14 +207,14 @@ void Poller::runPosted() {
         {
             kelm::MutexLock lock(m_queueMutex);
             if (m_queue.empty()) return;
+            // Run outside the lock: it may post another one.
             callable = std::move(m_queue.front());
             m_queue.pop();
         }
         try {
             callable();
         } catch (const std::exception& e) {
-            std::cerr << "Exception in "
-                      << "wait" << e.what() << std::endl;
+            LOG_ERROR("Exception in wait%s", e.what());
         }
     }
 }

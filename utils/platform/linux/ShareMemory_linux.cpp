@@ -81,7 +81,7 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag, const Ch
         data = nullptr;
     }
     if (data == nullptr) {
-        // Somebody else's object keeps its name.
+        // An object that another process made keeps its name.
         if (isNew) (void)::shm_unlink(name);
         return false;
     }

@@ -135,7 +135,7 @@ bool SubProcess::enableDaemon(bool on) {
     if (on && !m_state->poll()) return false;
     m_state->m_daemon = on;
     m_state->m_changed.notifyAll();
-    // A thread that still waits for the child after the supervising was turned off goes on.
+    // The thread of an earlier supervision may still wait for the child; it then serves this one.
     if (on && !m_state->m_watched) {
         m_state->m_watched = true;
         std::thread([state = m_state] { mointorRoutine(state); }).detach();

@@ -26,7 +26,7 @@ class SubProcess {
     // Has no effect; kept for callers that name a program.
     bool execute(const std::string&, bool) { return true; }
 
-    // Whether there is a child; one that has ended and nobody waited for still counts.
+    // Whether there is a child; one that has ended and was not waited for still counts.
     bool poll();
 
     // Turns the supervising on, which needs a child, or off. False if it could not be turned on.

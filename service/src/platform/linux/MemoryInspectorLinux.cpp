@@ -11,6 +11,7 @@
 #include "protocol/src/InfoPackage.h"
 #include "reporting/InfoCollector.h"
 #include "reporting/MemoryInspector.h"
+#include "utils/CommonHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 
@@ -19,7 +20,6 @@ namespace kelm {
 namespace {
 
 constexpr int kKilobyteShift = 10;
-constexpr int kMegabyteShift = 20;
 
 struct CloseFile {
     void operator()(std::FILE* file) const { (void)std::fclose(file); }

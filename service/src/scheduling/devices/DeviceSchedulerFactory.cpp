@@ -1,12 +1,10 @@
 #include "scheduling/devices/DeviceSchedulerFactory.h"
 
-#include <algorithm>
-#include <cctype>
-
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/DeviceSchedulerStream.h"
 #include "scheduling/devices/DeviceSchedulerTag.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -37,12 +35,6 @@ constexpr SchedulerRow kSchedulerRows[] = {
      "Info: ## DeviceSchedulerFacotry ## Created Squeeze Device-Scheduler2.",
      &make<DeviceSchedulerSqueeze2>},
 };
-
-std::string toLower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return text;
-}
 
 }  // namespace
 

@@ -1,11 +1,9 @@
 #include "scheduling/tasks/TaskSchedulerFactory.h"
 
-#include <algorithm>
-#include <cctype>
-
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 #include "scheduling/tasks/TaskSchedulerPolling.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -30,12 +28,6 @@ constexpr SchedulerRow kSchedulerRows[] = {
     {"polling", "Info: ## TaskSchedulerFactory ## Created Polling Task-Scheduler.", createPolling},
 };
 
-std::string toLowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return text;
-}
-
 }  // namespace
 
 std::unique_ptr<TaskSchedulerBase> TaskSchedulerFactory::createScheduler(const char* name) {
@@ -43,7 +35,7 @@ std::unique_ptr<TaskSchedulerBase> TaskSchedulerFactory::createScheduler(const c
 }
 
 std::unique_ptr<TaskSchedulerBase> TaskSchedulerFactory::createScheduler(const std::string& name) {
-    const std::string keyword = toLowerCase(name);
+    const std::string keyword = toLower(name);
     LOG_INFO("Pass in task scheduler name = %s, iname = %s.", name, keyword);
     for (const SchedulerRow& row : kSchedulerRows) {
         if (keyword != row.keyword) continue;

@@ -1,4 +1,4 @@
-#include "records/BlockCache.h"
+#include "utils/BlockCache.h"
 
 #include <new>
 
@@ -47,7 +47,8 @@ void BlockCache::give(void* block) noexcept {
     if (kKeepBlocks) {
         MutexLock lock(m_mutex);
         if (m_freeNum < m_maxBlocks) {
-            m_free = ::new (block) FreeBlock{m_free};
+            m_free =
+                ::new (block) FreeBlock{m_free};  // last in, first out: it is still in the cache
             ++m_freeNum;
             return;
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -8,7 +9,7 @@
 namespace kelm {
 
 // A hash map that keeps the nodes of erased entries for the next ones, so that entries which come
-// and go at a steady rate allocate nothing. Not thread-safe.
+// and leave at a steady rate allocate nothing. Not thread-safe.
 template <class Key, class Value>
 class RecycledMap {
  public:
@@ -33,13 +34,16 @@ class RecycledMap {
         m_map.insert(std::move(node));
     }
 
-    bool erase(const Key& key) {
+    // The value, which is erased; none if absent.
+    std::optional<Value> take(const Key& key) {
         auto node = m_map.extract(key);
-        if (!node) return false;
-        node.mapped() = Value();
+        if (!node) return std::nullopt;
+        std::optional<Value> value(std::exchange(node.mapped(), Value()));
         if (m_spareNodes.size() < kSpareNodes) m_spareNodes.push_back(std::move(node));
-        return true;
+        return value;
     }
+
+    bool erase(const Key& key) { return take(key).has_value(); }
 
     typename Map::iterator begin() { return m_map.begin(); }
     typename Map::iterator end() { return m_map.end(); }
