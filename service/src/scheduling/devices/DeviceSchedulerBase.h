@@ -79,6 +79,15 @@ class DeviceSchedulerBase : public NonCopyable {
     // After the operations of a pass, before the graphs are judged.
     virtual void handleLostWorker(WorkThread*) REQUIRES(m_onSchedulingThread) {}
 
+    // For plans: append an operation, and tell so in the log. A shallow unload leaves the graph in
+    // the device's cache. `note` ends the unload's line.
+    void makeLoad(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
+    void makeUnload(KelmGraph* graph, WorkThread* worker, bool shallow, const char* note = "")
+        REQUIRES(m_onSchedulingThread);
+    void makePlugout(WorkThread* worker) REQUIRES(m_onSchedulingThread);
+    // The graph in these lines, with what the kind of scheduler knows it by.
+    virtual std::string describe(KelmGraph* graph);
+
     // For the destructor of the most derived class: ends the thread, without a limit.
     void join() EXCLUDES(m_requestMutex);
     // Whether the next pass is due, or the end.

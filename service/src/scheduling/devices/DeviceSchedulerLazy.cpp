@@ -2,7 +2,6 @@
 
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/PlugoutWorkerOperation.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
@@ -48,11 +47,6 @@ void DeviceSchedulerLazy::handleLostWorker(WorkThread* worker) {
 
 WorkThread* DeviceSchedulerLazy::takeIdleWorker() {
     return m_idleWorkers.extract(m_idleWorkers.begin()).value();
-}
-
-void DeviceSchedulerLazy::makePlugout(WorkThread* worker) {
-    m_operations.push_back(PlugoutWorkerOperation::create(worker));
-    LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
 }
 
 void DeviceSchedulerLazy::makeIdle(const std::vector<WorkThread*>& workers) {

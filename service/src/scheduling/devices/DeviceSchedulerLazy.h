@@ -29,7 +29,6 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
 
     // For plans. The worker that is taken is not idle any more; there must be one.
     WorkThread* takeIdleWorker() REQUIRES(m_onSchedulingThread);
-    void makePlugout(WorkThread* worker) REQUIRES(m_onSchedulingThread);
     // Workers that this pass unloads, but for the lost ones.
     void makeIdle(const std::vector<WorkThread*>& workers) REQUIRES(m_onSchedulingThread);
 

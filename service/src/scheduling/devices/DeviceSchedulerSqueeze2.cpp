@@ -1,10 +1,13 @@
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/PlugoutWorkerOperation.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -107,8 +110,7 @@ void DeviceSchedulerSqueeze2::takeNewWorkers() {
 void DeviceSchedulerSqueeze2::dropLeavingWorkers() {
     for (WorkThread* worker : m_removeWorkers) {
         if (m_mappedWorkers.erase(worker) == 0) continue;
-        m_operations.push_back(PlugoutWorkerOperation::create(worker));
-        LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
+        makePlugout(worker);
         m_passGoneWorkers.insert(worker);
         if (!m_lostWorkers.contains(worker)) (void)m_graphMapper.removeDevice(worker);
     }
@@ -153,6 +155,71 @@ void DeviceSchedulerSqueeze2::tellPendingStates() {
     for (const auto& [graph, pending] : m_graphMapper.getGraphPendingState()) {
         graph->setPendingState(pending);
     }
+}
+
+// Each worker makes room before it loads. A lost worker has no target: it only gives back.
+void DeviceSchedulerSqueeze2::makeOperations(const MapResult& result) {
+    const std::set<KelmGraph*> nothing;
+    for (WorkThread* worker : m_mappedWorkers) {
+        const auto found = result.find(worker);
+        makeOperations(worker, found != result.end() ? found->second : nothing);
+    }
+}
+
+void DeviceSchedulerSqueeze2::makeOperations(WorkThread* worker,
+                                             const std::set<KelmGraph*>& target) {
+    std::set<KelmGraph*> current = worker->getGraphs();
+    // A graph that goes for good leaves the cache and the slot: not every device lists its slots'
+    // graphs as cached.
+    std::vector<KelmGraph*> held = worker->getDevice()->getCachedGraphList();
+    held.insert(held.end(), current.begin(), current.end());
+    std::set<KelmGraph*> leaving;
+    for (KelmGraph* graph : held) {
+        if (!m_unloadGraphs.contains(graph) || !leaving.insert(graph).second) continue;
+        makeUnload(graph, worker, false, ", shallow=False");
+        current.erase(graph);
+    }
+    for (KelmGraph* graph : current) {
+        if (!target.contains(graph)) makeUnload(graph, worker, true, ", shallow=True");
+    }
+    for (KelmGraph* graph : target) {
+        if (!current.contains(graph)) makeLoad(graph, worker);
+    }
+}
+
+void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
+    std::vector<CacheAdjustment::WorkerState> states;
+    for (const auto& [worker, graphs] : result) {
+        states.push_back({worker, graphs, worker->getDevice()->getCachedGraphList(), graphs});
+    }
+    const auto isEmpty = [](const CacheAdjustment::WorkerState& state) {
+        return state.graphs.empty();
+    };
+    if (std::all_of(states.begin(), states.end(), isEmpty)) return;
+    if (CacheAdjustment::exchangeGraphs(states)) logAdjustment(states);
+    for (CacheAdjustment::WorkerState& state : states)
+        result[state.worker] = std::move(state.graphs);
+}
+
+void DeviceSchedulerSqueeze2::logAdjustment(
+    const std::vector<CacheAdjustment::WorkerState>& states) {
+    const auto namesOf = [this](const auto& graphs) REQUIRES(m_onSchedulingThread) {
+        std::string names;
+        for (KelmGraph* graph : graphs) names += nameOf(graph) + " ";
+        return names;
+    };
+    std::string text;
+    for (const CacheAdjustment::WorkerState& state : states) {
+        text += "(" + state.worker->getName() + "): [ " + namesOf(state.initialGraphs) + "] -> [ " +
+                namesOf(state.graphs) + "] { " + namesOf(state.cachedGraphs) + "}\n";
+    }
+    LOG_INFO("%s", text + "\n");
+}
+
+// A device's cache may list a graph that is not this scheduler's to follow.
+std::string DeviceSchedulerSqueeze2::nameOf(KelmGraph* graph) {
+    const bool known = m_mappedGraphs.contains(graph) || m_passGoneGraphs.contains(graph);
+    return known ? escapeControls(graph->getName()) : "?";
 }
 
 }  // namespace kelm

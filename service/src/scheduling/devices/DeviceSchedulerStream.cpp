@@ -2,8 +2,6 @@
 
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/LoadGraphOperation.h"
-#include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
 
@@ -41,7 +39,7 @@ void DeviceSchedulerStream::handleUnloadGraph() {
             LOG_ERROR("Error: cannot find loaded graph %s", escapeControls(graph->getName()));
             continue;
         }
-        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
+        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker, false);
         makeIdle(loaded.mapped());
     }
 }
@@ -79,18 +77,9 @@ void DeviceSchedulerStream::handleLoadGraph() {
     }
 }
 
-void DeviceSchedulerStream::makeUnload(KelmGraph* graph, WorkThread* worker) {
-    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s streamId=%s worker=%s)",
-             escapeControls(graph->getName()), escapeControls(graph->getStreamId()),
-             worker->getName());
-    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
-}
-
-void DeviceSchedulerStream::makeLoad(KelmGraph* graph, WorkThread* worker) {
-    LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s streamId=%s worker=%s)",
-             escapeControls(graph->getName()), escapeControls(graph->getStreamId()),
-             worker->getName());
-    m_operations.push_back(LoadGraphOperation::create(graph, worker));
+std::string DeviceSchedulerStream::describe(KelmGraph* graph) {
+    return DeviceSchedulerLazy::describe(graph) +
+           " streamId=" + escapeControls(graph->getStreamId());
 }
 
 }  // namespace kelm

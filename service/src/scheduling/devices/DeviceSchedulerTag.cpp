@@ -4,8 +4,6 @@
 
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/LoadGraphOperation.h"
-#include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
 
@@ -57,7 +55,7 @@ void DeviceSchedulerTag::handleUnloadGraph() {
         releaseTag(graph);
         const auto loaded = m_graphWorkers.extract(graph);
         if (loaded.empty()) continue;
-        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
+        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker, false);
         makeIdle(loaded.mapped());
         entry->second += loaded.mapped().size();
     }
@@ -99,20 +97,14 @@ void DeviceSchedulerTag::handlePendingGraph() {
     }
 }
 
-void DeviceSchedulerTag::makeUnload(KelmGraph* graph, WorkThread* worker) {
-    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s graphTag=%s worker=%s)",
-             escapeControls(graph->getName()), escapeControls(graph->getTag()), worker->getName());
-    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
-}
-
 void DeviceSchedulerTag::makeLoads(KelmGraph* graph, unsigned long& free) {
     for (; free > 0 && !m_idleWorkers.empty(); --free) {
-        WorkThread* const worker = takeIdleWorker();
-        LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s graphTag=%s worker=%s)",
-                 escapeControls(graph->getName()), escapeControls(graph->getTag()),
-                 worker->getName());
-        m_operations.push_back(LoadGraphOperation::create(graph, worker));
+        makeLoad(graph, takeIdleWorker());
     }
+}
+
+std::string DeviceSchedulerTag::describe(KelmGraph* graph) {
+    return DeviceSchedulerLazy::describe(graph) + " graphTag=" + escapeControls(graph->getTag());
 }
 
 }  // namespace kelm
