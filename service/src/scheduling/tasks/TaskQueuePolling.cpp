@@ -9,8 +9,8 @@ namespace kelm {
 
 namespace {
 
-// Clients come and go while a shared graph stays: from this many entries on, a new client's arrival
-// drops those that have run empty.
+// Clients connect and depart while a shared graph stays: from this many entries on, a new client's
+// arrival drops those that have run empty, or the map would grow for as long as the graph lives.
 constexpr size_t kEntriesToKeep = 64;
 
 }  // namespace

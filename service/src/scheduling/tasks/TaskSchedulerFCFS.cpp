@@ -1,5 +1,7 @@
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 
+#include <chrono>
+#include <set>
 #include <utility>
 
 #include "config/ServiceConfigParser.h"
@@ -15,6 +17,7 @@
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -99,7 +102,7 @@ bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
 }
 
 void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
-    const uint64_t taskId = task->getId();  // once handed on, the task may have ended
+    const uint64_t taskId = task->getId();  // once handed on, the task may be destroyed
     KelmGraph* const graph = task->getGraph();
     LOG_PROC(m_debugProcess, "[Schedule#0] schedule task(%lu) start", taskId);
     if (!acceptTask(task)) {
@@ -121,7 +124,7 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     LOG_PROC(m_debugProcess, "[Schedule#2] schedule task(%lu) finish", taskId);
 }
 
-// The rates are left alone: the task was counted when it was first scheduled. So is the limit.
+// Neither counts for the rates nor for the limit: the task did both when it was first scheduled.
 void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();
     LOG_PROC(m_debugProcess, "[Reschedule#0] re-schedule task(%lu) start", taskId);
@@ -145,13 +148,12 @@ void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
 }
 
 WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
-    WorkThread* const worker = dequeueWaitingWorker(task->getGraph());
-    return worker != nullptr ? worker : enqueueWaitingTask(task, head);
-}
-
-WorkThread* TaskSchedulerFCFS::dequeueWaitingWorker(KelmGraph* graph) {
-    MutexLock lock(m_mutex);
-    return dequeueWaitingWorkerUnsafe(graph);
+    {
+        MutexLock lock(m_mutex);
+        WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+        if (worker != nullptr) return worker;
+    }
+    return enqueueWaitingTask(task, head);
 }
 
 WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
@@ -163,7 +165,8 @@ WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
 }
 
 WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
-    // The client cannot go while the task lives, and the task is this thread's until it is queued.
+    // The client cannot be destroyed while the task lives, and the task is this thread's until it
+    // is queued.
     KelmClient* const client = findClient(task->getClientId());
     if (client == nullptr) {
         destroyTask(task);
@@ -171,8 +174,9 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
     }
     {
         MutexLock lock(m_mutex);
-        // A graph that goes cancels its tasks before descheduleGraph() empties its queue. A task
-        // that is not canceled here is queued before that; a canceled one would be queued for ever.
+        // When a graph departs its tasks are canceled before descheduleGraph() empties its queue. A
+        // task that is not canceled here is queued before that; a canceled one would come after it
+        // and stay queued for ever.
         if (!task->isCanceled()) {
             WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
             if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
@@ -223,7 +227,7 @@ KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph
             MutexLock lock(m_mutex);
             task = dequeueWaitingTaskUnsafe(graph);
             if (task == nullptr) {
-                enqueueWaitingWorkerUnsafe(worker, graph);
+                m_waitingWorkers[graph].pushBack(worker);
                 return nullptr;
             }
         }
@@ -242,10 +246,6 @@ KelmTask* TaskSchedulerFCFS::dequeueWaitingTaskUnsafe(KelmGraph* graph) {
     return task;
 }
 
-void TaskSchedulerFCFS::enqueueWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
-    m_waitingWorkers[graph].pushBack(worker);
-}
-
 void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
     const auto entry = m_waitingWorkers.find(graph);
     if (entry == m_waitingWorkers.end()) return;
@@ -262,9 +262,10 @@ void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph*
     if (workers.empty()) m_waitingWorkers.erase(entry);
 }
 
-// This runs on the pool of scheduleWorker(), so no more tasks come from there once it is confirmed.
+// This runs on the pool of scheduleWorker(), so no task reaches the worker from there afterwards. A
+// task event may hold the worker at this moment: then the confirmation waits for endHandOver().
 void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
-    // Named first: once confirmed, both may be gone.
+    // Named first: once confirmed, both may be destroyed.
     const std::string workerName = m_debugProcess ? worker->getName() : std::string();
     const std::string graphName = m_debugProcess ? graph->getName() : std::string();
     bool handedOver = false;
@@ -280,7 +281,7 @@ void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
 }
 
 void TaskSchedulerFCFS::descheduleTask(KelmTask* task) {
-    const uint64_t taskId = task->getId();  // once answered, the task may be gone
+    const uint64_t taskId = task->getId();  // once answered, the task may be destroyed
     const bool removed = removeWaitingTask(task);
     Listener::notify<&TaskScheduleListener::enqueueDescheduleTaskDone>(task, removed);
     LOG_PROC(m_debugProcess, "[Deschedule] deschedule task(%lu) %s", taskId,
@@ -307,7 +308,7 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* gra
 }
 
 void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
-    // Named first: once confirmed, the graph may be gone.
+    // Named first: once confirmed, the graph may be destroyed.
     const std::string name = m_debugProcess ? graph->getName() : std::string();
     LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", escapeControls(name));
     std::unique_ptr<TaskQueueBase> queue;
@@ -332,6 +333,44 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
     }
     Listener::notify<&TaskScheduleListener::enqueueDescheduleGraphDone>(graph);
     LOG_PROC(m_debugProcess, "[Deschedule#3] deschedule graph(%s) done", escapeControls(name));
+}
+
+void TaskSchedulerFCFS::onPrintInfo() { snapShotUnlocked("Regular"); }
+
+void TaskSchedulerFCFS::snapShotUnlocked(const char* label) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    std::string text = std::string("TaskSnapshot(") + label + ")\n";
+    text += "----------------------------- " + getName() + " ------------------------------\n";
+    text += "Time: " + getCurrentTime() + "\n";
+    {
+        MutexLock lock(m_mutex);
+        std::set<KelmGraph*> graphs;
+        for (const auto& entry : m_taskQueues) graphs.insert(entry.first);
+        for (const auto& entry : m_waitingWorkers) {
+            if (!entry.second.empty()) graphs.insert(entry.first);
+        }
+        for (KelmGraph* const graph : graphs) appendGraphUnsafe(text, graph);
+    }
+    const auto cost = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    text += "TaskSnapshot costs " + std::to_string(cost.count()) + " ms\n" + std::string(71, '-');
+    LOG_INFO("%s", text);
+}
+
+void TaskSchedulerFCFS::appendGraphUnsafe(std::string& text, KelmGraph* graph) {
+    text += "GraphName: [" + escapeControls(graph->getName()) + "]\n";
+    const auto queue = m_taskQueues.find(graph);
+    text += queue != m_taskQueues.end() ? "  " + queue->second->getDescription()
+                                        : "  WaitingTasks(numWaitTasks=0):\n";
+    const auto entry = m_waitingWorkers.find(graph);
+    if (entry == m_waitingWorkers.end() || entry->second.empty()) {
+        text += "  WaitingWorkers(numWaitWorkers=0):\n";
+        return;
+    }
+    const WorkerList& workers = entry->second;
+    text += "  WaitingWorkers(numWaitWorkers=" + std::to_string(workers.size()) + "): ";
+    for (size_t i = 0; i < workers.size(); ++i) text += "[" + workers.at(i)->getName() + "]";
+    text += "\n";
 }
 
 }  // namespace kelm
