@@ -143,6 +143,7 @@ TEST(GraphMapper, ResultIsWhatTheDevicesHoldAndFollowsChanges) {
     Log::instance().setLogLevel(0);
     GraphMapper mapper;
     mapper.setMaxGraphNumPerDevice(2);
+    mapper.setMaxGraphNumPerDevice(0);  // ignored
     mapper.setMaxPendingCycle(3);
     for (size_t i = 0; i < 2; ++i) mapper.addDevice(workerKey(i), 512, "worker");
     ASSERT_TRUE(mapper.mapGraph());
