@@ -21,6 +21,7 @@ namespace kelm {
 
 namespace {
 
+// Failed loads of a graph, over all devices, after which its creator is told.
 constexpr uint32_t kMaxLoadFails = 2;
 
 // What a job or a stopped pool throws counts as the operation's failure: no exception may end the
@@ -94,6 +95,7 @@ bool DeviceSchedulerBase::stop(std::chrono::milliseconds limit) {
         MutexLock lock(m_requestMutex);
         m_stop = true;
         m_requestCond.notifyOne();
+        // A second call: the thread was joined, or left behind by the first.
         if (!m_thread.joinable()) return !m_abandoned;
         bool timely = true;
         while (!m_finished && timely) timely = m_finishedCond.waitUntil(m_requestMutex, deadline);
@@ -184,6 +186,9 @@ void DeviceSchedulerBase::makePlugout(WorkThread* worker) {
     LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
 }
 
+// All operations are begun before the first is waited for, so that workers load in parallel. The
+// order of the rest matters: failed loads are taken off their workers before the graphs are judged
+// by what the devices hold, and nothing is reported while this scheduler still refers to it.
 void DeviceSchedulerBase::commitChangeOperation() {
     executeOperations();
     if (!waitOperations()) return;
@@ -207,7 +212,7 @@ void DeviceSchedulerBase::executeOperations() {
 bool DeviceSchedulerBase::waitOperations() {
     for (const auto& operation : m_operations) {
         runStep(*operation, &StatusChangeOperation::wait, m_name);
-        if (isAbandoned()) return false;
+        if (isAbandoned()) return false;  // graphs and workers may be destroyed: not followed
     }
     return true;
 }
@@ -219,6 +224,7 @@ void DeviceSchedulerBase::handleFailedOperations() {
     }
 }
 
+// A graph counts as loaded if any device has it, even if the load of this pass failed elsewhere.
 std::vector<DeviceSchedulerBase::LoadOutcome> DeviceSchedulerBase::judgeLoads(
     std::set<KelmGraph*>& retries) {
     std::vector<LoadOutcome> outcomes;
@@ -227,7 +233,7 @@ std::vector<DeviceSchedulerBase::LoadOutcome> DeviceSchedulerBase::judgeLoads(
             outcomes.push_back({graph, KELM_OK});
             continue;
         }
-        handleLoadGraphFail(graph);
+        handleLoadGraphFail(graph);  // first: a graph that is tried again is new to the next plan
         const bool triesLeft = m_retryLoadGraph && graph->getLoadFailCount() < kMaxLoadFails;
         if (triesLeft || isOnWorker(graph)) {
             retries.insert(graph);
@@ -260,7 +266,7 @@ KelmError DeviceSchedulerBase::findLoadError(KelmGraph* graph) {
     return KELM_ERROR_NO_DEVICE_AVAILABLE;
 }
 
-// A worker that came and went within the pass is already on its way to deletion: not followed.
+// A worker that was added and removed within the pass may have been destroyed: not followed.
 void DeviceSchedulerBase::updateWorkers() {
     for (WorkThread* worker : m_removeWorkers) m_workers.erase(worker);
     for (WorkThread* worker : m_addWorkers) {

@@ -24,7 +24,7 @@ class WorkThread;
 
 // Decides which graph is resident on which worker, and carries it out. Its clients post requests;
 // the own thread makes passes: take the requests, sort them into sets, plan operations, commit
-// them. Answers go to the listeners for graph placement and worker removal.
+// them. The listeners for graph placement and worker removal get the answers.
 //
 // Threads: any may post a request. start() and stop() come from the owner's thread, the setters
 // too, before start(). All else belongs to the scheduling thread.
@@ -133,7 +133,7 @@ class DeviceSchedulerBase : public NonCopyable {
     // False when this scheduler was given up meanwhile.
     bool waitOperations() REQUIRES(m_onSchedulingThread) EXCLUDES(m_requestMutex);
     void handleFailedOperations() REQUIRES(m_onSchedulingThread);
-    // The answers to give; the graphs that get none yet go to `retries`.
+    // The answers to give; the graphs that get none yet are put into `retries`.
     std::vector<LoadOutcome> judgeLoads(std::set<KelmGraph*>& retries)
         REQUIRES(m_onSchedulingThread);
     bool isOnWorker(KelmGraph* graph) REQUIRES(m_onSchedulingThread);

@@ -10,6 +10,7 @@ namespace kelm {
 
 namespace {
 
+// The pass for a load that is still unanswered comes after this time, also without a request.
 constexpr std::chrono::seconds kTimeToAnswer{5};
 
 }  // namespace
@@ -55,12 +56,12 @@ void DeviceSchedulerLazy::makeIdle(const std::vector<WorkThread*>& workers) {
     }
 }
 
-// A worker that came and goes in the same pass is not idle: nothing may be loaded onto it.
+// A worker that is added and removed in the same pass is not idle: nothing may be loaded onto it.
 void DeviceSchedulerLazy::collectAndClassify() {
     m_idleWorkers.clear();
     m_graphWorkers.clear();
     m_strandedGraphs.clear();
-    // A lost worker that has been plugged out is gone; a new one may live at its address.
+    // A lost worker that has been plugged out is destroyed; a new one may live at its address.
     std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
         return !m_workers.contains(worker);
     });
@@ -86,7 +87,7 @@ void DeviceSchedulerLazy::classify(WorkThread* worker) {
     }
 }
 
-// The lost worker lets go of the graph, so that it can be loaded elsewhere, or its creator be told
+// The lost worker forgets the graph, so that it can be loaded elsewhere, or its creator be told
 // that it cannot.
 void DeviceSchedulerLazy::strand(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));

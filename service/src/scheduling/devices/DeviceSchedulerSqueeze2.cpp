@@ -64,6 +64,8 @@ bool DeviceSchedulerSqueeze2::mapResource() {
     return true;
 }
 
+// Undoes this pass in the mapper only: no operation has been executed. The sets of the pass stay,
+// and the next one plans for them again.
 void DeviceSchedulerSqueeze2::restoreScene() {
     m_operations.clear();
     for (WorkThread* worker : m_addWorkers) {  // stays known, with a fresh item and without a map
@@ -98,7 +100,7 @@ void DeviceSchedulerSqueeze2::addDevice(WorkThread* worker) {
 }
 
 void DeviceSchedulerSqueeze2::takeNewWorkers() {
-    // A lost worker that a commit has plugged out is gone; a new one may live at its address.
+    // A lost worker that a commit has plugged out is destroyed; a new one may live at its address.
     std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
         return !m_mappedWorkers.contains(worker);
     });
@@ -124,6 +126,7 @@ void DeviceSchedulerSqueeze2::dropFailedWorkers() {
     }
 }
 
+// A graph whose load failed stays among the graphs to load, but leaves the mapper: it is new again.
 void DeviceSchedulerSqueeze2::takeNewGraphs() {
     for (KelmGraph* graph : m_loadGraphs) {
         if (m_mappedGraphs.contains(graph)) continue;
@@ -169,8 +172,8 @@ void DeviceSchedulerSqueeze2::makeOperations(const MapResult& result) {
 void DeviceSchedulerSqueeze2::makeOperations(WorkThread* worker,
                                              const std::set<KelmGraph*>& target) {
     std::set<KelmGraph*> current = worker->getGraphs();
-    // A graph that goes for good leaves the cache and the slot: not every device lists its slots'
-    // graphs as cached.
+    // A graph that will be destroyed leaves the cache and the slot: not every device lists its
+    // slots' graphs as cached.
     std::vector<KelmGraph*> held = worker->getDevice()->getCachedGraphList();
     held.insert(held.end(), current.begin(), current.end());
     std::set<KelmGraph*> leaving;
@@ -195,7 +198,7 @@ void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
     const auto isEmpty = [](const CacheAdjustment::WorkerState& state) {
         return state.graphs.empty();
     };
-    if (std::all_of(states.begin(), states.end(), isEmpty)) return;
+    if (std::all_of(states.begin(), states.end(), isEmpty)) return;  // also without any worker
     if (CacheAdjustment::exchangeGraphs(states)) logAdjustment(states);
     for (CacheAdjustment::WorkerState& state : states)
         result[state.worker] = std::move(state.graphs);

@@ -63,7 +63,8 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     std::set<KelmGraph*> m_mappedGraphs GUARDED_BY(m_onSchedulingThread);
     // The workers that have not been plugged out.
     std::set<WorkThread*> m_mappedWorkers GUARDED_BY(m_onSchedulingThread);
-    // Those of them whose device is gone: the mapper counts them as lost until they are replaced.
+    // Those of them whose device is lost: the mapper does not know them any more, and they get no
+    // graphs until they are plugged out.
     std::set<WorkThread*> m_lostWorkers GUARDED_BY(m_onSchedulingThread);
     // What this pass put in and took out; a dropped plan gives back no more than that.
     std::set<KelmGraph*> m_passNewGraphs GUARDED_BY(m_onSchedulingThread);

@@ -23,6 +23,7 @@ bool DeviceSchedulerStream::mapResource() {
     return true;
 }
 
+// By what the workers hold, not by what was planned.
 void DeviceSchedulerStream::forgetPlacedGraphs() {
     std::erase_if(m_displacedGraphs, [this](KelmGraph* graph) REQUIRES(m_onSchedulingThread) {
         return m_graphWorkers.contains(graph);
@@ -33,7 +34,7 @@ void DeviceSchedulerStream::forgetPlacedGraphs() {
 // for the unload.
 void DeviceSchedulerStream::handleUnloadGraph() {
     for (KelmGraph* graph : m_unloadGraphs) {
-        m_displacedGraphs.erase(graph);  // its record may go once the unload is answered
+        m_displacedGraphs.erase(graph);  // its record may be destroyed after the answer
         const auto loaded = m_graphWorkers.extract(graph);
         if (loaded.empty()) {
             LOG_ERROR("Error: cannot find loaded graph %s", escapeControls(graph->getName()));
@@ -57,12 +58,14 @@ void DeviceSchedulerStream::displace(const std::set<KelmGraph*>& graphs) {
     }
 }
 
-// Not one that is going away, nor one that this pass loads anyway or that another worker has.
+// Not one that is to be unloaded, nor one that this pass loads anyway or that another worker has.
 bool DeviceSchedulerStream::needsNewWorker(KelmGraph* graph) {
     return !m_unloadGraphs.contains(graph) && !m_loadGraphs.contains(graph) &&
            !m_graphWorkers.contains(graph);
 }
 
+// Before new graphs: a displaced one has clients that run. It stays in the set until it is seen on
+// a worker, as its load may fail.
 void DeviceSchedulerStream::placeDisplacedGraphs() {
     for (KelmGraph* graph : m_displacedGraphs) {
         if (m_idleWorkers.empty()) return;

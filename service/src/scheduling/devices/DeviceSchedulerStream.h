@@ -35,7 +35,7 @@ class DeviceSchedulerStream : public DeviceSchedulerLazy {
 
     // Deliberate: nothing here reads it, the manager sends no more workers than that.
     unsigned long m_streamDeviceNum = 0;
-    // Graphs whose worker went away or was lost. One leaves the set when it is seen on another
+    // Graphs whose worker was removed or lost. One leaves the set when it is seen on another
     // worker, so that a new load that fails leaves it waiting; and when it is unloaded or given up.
     std::set<KelmGraph*> m_displacedGraphs GUARDED_BY(m_onSchedulingThread);
 };

@@ -18,7 +18,7 @@ constexpr size_t kMaxKnownTags = 1000;
 
 DeviceSchedulerTag::~DeviceSchedulerTag() { join(); }
 
-// The worker has let go of a failed load by now, so the next count finds its headcount free.
+// The worker has forgotten a failed load by now, so the next count finds its headcount free.
 void DeviceSchedulerTag::handleLoadGraphFail(KelmGraph* graph) {
     releaseTag(graph);
     // Deliberate: an unknown tag that was refused counts from now on as one without devices.
@@ -61,7 +61,7 @@ void DeviceSchedulerTag::handleUnloadGraph() {
     }
 }
 
-// Only the holder lets go of the tag: a second graph of it may come and go meanwhile.
+// Only the holder frees the tag: a second graph of it may be loaded and unloaded meanwhile.
 void DeviceSchedulerTag::releaseTag(KelmGraph* graph) {
     const auto holder = m_tagGraphs.find(graph->getTag());
     if (holder != m_tagGraphs.end() && holder->second == graph) m_tagGraphs.erase(holder);

@@ -24,6 +24,9 @@ void DeviceItem::reset() {
     isMatched = false;
 }
 
+// The load that each graph leaves on a device, estimated from its demand less what its other
+// devices carry; a device of its own carries the compress ratio. The planner sets the loads that it
+// chooses by itself: this one is for the dumps, and the memory for pairs of ready graphs.
 void updateDeviceState(const DeviceItemSet& devices) {
     for (DeviceItem* device : devices) {
         const GraphItem* first = device->graphs.find(0);
@@ -32,6 +35,7 @@ void updateDeviceState(const DeviceItemSet& devices) {
             continue;
         }
         const float firstReq = first->devReq;
+        // The compress ratio again: the planner has left the scaled demand of each graph.
         const float ratio = firstReq / first->devReqScaled;
         const uint32_t firstNum = first->dedicatedDevNum;
         device->mem = first->memReq;
@@ -50,6 +54,7 @@ void updateDeviceState(const DeviceItemSet& devices) {
         } else if (firstNum == 0 && secondNum == 0) {
             device->util = firstReq + secondReq;
         } else {
+            // The graph with devices of its own is taken to be the one that fills a device.
             const uint32_t num = 1.0f > firstReq ? secondNum : firstNum;
             device->util = firstReq + secondReq - static_cast<float>(num) * ratio;
         }

@@ -19,6 +19,8 @@ bool isBusy(const DeviceItem* device, size_t graphNum) {
 
 }  // namespace
 
+// A device is taken from then on when its status is set; one that is offered and not taken is
+// offered again.
 DeviceItem* DeviceSelector::getFreeDevice() {
     while (m_freeCursor < m_devices.size() && !isFree(m_devices[m_freeCursor])) ++m_freeCursor;
     return m_freeCursor < m_devices.size() ? m_devices[m_freeCursor] : nullptr;
@@ -66,6 +68,7 @@ DeviceItemSet DeviceSelector::findDedicatedDevices() const {
     return found;
 }
 
+// A pair that has been relieved counts as a single: singles are looked at when no pair is left.
 DeviceItem* DeviceSelector::getMostBusyDevice() {
     if (!m_busyPairs) m_busyPairs = findBusyPairs();
     if (m_nextPair < m_busyPairs->size()) return (*m_busyPairs)[m_nextPair++];

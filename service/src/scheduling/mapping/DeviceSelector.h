@@ -8,7 +8,7 @@
 
 namespace kelm {
 
-// Chooses devices for one plan, the first in the walk among equals. Each search goes on where the
+// Chooses devices for one plan, the first in the walk among equals. Each search begins where the
 // last of its kind ended, which holds only while no device becomes free, and while none is chosen
 // by load before all those that a plan fills by demand are filled.
 //

@@ -78,8 +78,9 @@ bool GraphMapper::mapGraph() {
         LOG_PROC(m_debugProcess, "Not need map graph due to no changed");
         return true;
     }
+    // The setters take effect from one mapping to the next, not within one.
     MappingCycle cycle(m_model, m_matcher, limits, m_debugProcess);
-    if (!cycle.run()) return false;
+    if (!cycle.run()) return false;  // the last result stays in force
     m_mapResult = m_model.getResidentGraphs();
     return true;
 }

@@ -83,7 +83,7 @@ uint32_t MapperMatcher::matchAlikeDevices(const MapperModel& model) {
     ShadowIndex shadows(model.shadows());
     uint32_t matched = 0;
     for (DeviceItem* real : model.devices()) {
-        if (real->graphs.empty()) continue;
+        if (real->graphs.empty()) continue;  // nothing to keep: served by what is left
         const auto [shadow, score] = shadows.findMostAlike(real);
         if (shadow == nullptr) continue;
         deviceMapperCopy(real, shadow);
@@ -95,7 +95,7 @@ uint32_t MapperMatcher::matchAlikeDevices(const MapperModel& model) {
     return matched;
 }
 
-// What is left of the plan goes to what is left of the devices, both in order.
+// What is left of the plan is given to what is left of the devices, both in order.
 uint32_t MapperMatcher::fillLeftDevices(const MapperModel& model) {
     uint32_t filled = 0;
     const DeviceItemSet& shadows = model.shadows();
@@ -108,6 +108,7 @@ uint32_t MapperMatcher::fillLeftDevices(const MapperModel& model) {
         }
         if (next == shadows.end()) continue;
         GraphSlots& graphs = (*next)->graphs;
+        // The heavier graph first: the next mapping looks for devices alike by their first graph.
         if (graphs.size() == 2 && graphs.find(1)->devReq > graphs.find(0)->devReq) {
             graphs.swapPlaces();
         }

@@ -88,7 +88,7 @@ bool MapperModel::removeDevice(WorkThread* worker) {
     eraseItem(m_deviceSet, item);
     m_devicePtrSet.erase(worker);
     m_deviceChanged = true;
-    if (m_deviceSet.empty()) m_deviceCount = 0;
+    if (m_deviceSet.empty()) m_deviceCount = 0;  // keeps the ids of the dumps short
     LOG_PROC(m_debugProcess, "[GraphMapper] removeDevice() success: worker=%p", worker);
     return true;
 }
@@ -141,7 +141,8 @@ bool MapperModel::removeGraph(KelmGraph* graph) {
         LOG_ERROR("Error in removeGraph(): cannot find item with graphPtr(%p)", graph);
         return false;
     }
-    // The last plan stands on the shadows until the next mapping and must not keep the item either.
+    // The last plan is kept on the shadows until the next mapping and must not keep the item
+    // either.
     for (const DeviceItemSet* devices : {&m_deviceSet, &m_newDeviceSet}) {
         for (DeviceItem* device : *devices) {
             if (device->graphs.empty()) continue;
@@ -180,6 +181,7 @@ bool MapperModel::updateGraph(KelmGraph* graph, float devReq, unsigned int memRe
     const float measure = boundMeasure(devReq);
     item->devReq = smooth(measure, item->devReq, item->slaveGroup);
     LOG_PROC(m_debugProcess, "%s", item->dump());
+    // Unsigned: a count that fell by more than the slack wraps around to a large number.
     const uint32_t moved = taskNum - static_cast<uint32_t>(item->taskNum) + kTaskNumSlack;
     if (!isSameDemand(item->devReq, measure) || moved > 2 * kTaskNumSlack) m_graphChanged = true;
     item->memReq = memReq;
@@ -232,6 +234,7 @@ bool MapperModel::checkPendingGraphCycle(int32_t maxPendingCycle) {
     return reached;
 }
 
+// A graph that is mapped again starts to count from 0 the next time it is switched out.
 void MapperModel::settlePendingGraphs() {
     m_pendingGraphSet.clear();
     for (GraphItem* item : m_graphSet) {

@@ -32,6 +32,7 @@ bool isFractionOnly(const GraphItem* item) {
            item->dedicatedDevNum == 0;
 }
 
+// Full: nothing may be forced beside a graph that fills the device.
 void putWhole(DeviceItem& device, GraphItem& item) {
     device.graphs.assign(&item);
     device.devStatus = MAPPER_GRAPH_RUN;
@@ -40,6 +41,7 @@ void putWhole(DeviceItem& device, GraphItem& item) {
     ++item.dedicatedDevNum;
 }
 
+// Uses both fractions up, so that neither is found again.
 void putPair(DeviceItem& device, GraphItem& first, GraphItem& second) {
     device.graphs.assign(&first, &second);
     device.isFull = true;
@@ -50,6 +52,7 @@ void putPair(DeviceItem& device, GraphItem& first, GraphItem& second) {
     }
 }
 
+// Not full: a graph that finds no device may be forced beside this one.
 void putAlone(DeviceItem& device, GraphItem& item) {
     device.graphs.assign(&item);
     device.isFull = false;
@@ -213,7 +216,8 @@ float MapperPlanner::getCompressRatio(uint32_t runNum) const {
     return ratio;
 }
 
-// Whole devices for the graphs that fill them.
+// Whole devices for the graphs that fill them. Sums of rounded parts may ask for more devices than
+// there are: those that come last in the walk then get fewer.
 int32_t MapperPlanner::mapIntegerPart() {
     beginPart();
     for (GraphItem* item : m_model.graphs()) {

@@ -53,7 +53,8 @@ bool MappingCycle::run() {
     return true;
 }
 
-// Switches graphs out until the rest fits.
+// Switches graphs out until the rest fits. `total` only grows, and filterGraphs() fails when it
+// exceeds the number of graphs, so that this ends.
 bool MappingCycle::fitGraphs() {
     int32_t result = doMapGraph();
     int32_t total = result;
@@ -119,6 +120,7 @@ int32_t MappingCycle::doMapBothKinds(uint32_t rdyNum, uint32_t runNum) {
     const float runNeed = std::ceil(m_model.getRunGraphSumDevReq());
     const int64_t rdyMin = (int64_t{rdyNum} + 1) / maxGraphs;
     const int64_t runMin = (int64_t{runNum} + 1) / maxGraphs;
+    // In double, and cut at 0: the demand may be far above the number of devices.
     const double left = static_cast<double>(deviceNum) - static_cast<double>(runNeed);
     int64_t rdyDev = std::max(rdyMin, int64_t{cutToUnsigned(left)});
     int64_t runDev = deviceNum - rdyDev;
@@ -193,6 +195,7 @@ bool MappingCycle::filterGraphs(int outGraphNum) {
     GraphItemSet candidates;
     std::copy_if(m_model.graphs().begin(), m_model.graphs().end(), std::back_inserter(candidates),
                  [](const GraphItem* item) { return item->slaveGroup; });
+    // Graphs that should stay are switched out only when the others are too few.
     if (candidates.size() < outNum) candidates = m_model.graphs();
     if (candidates.size() < outNum) {
         LOG_ERROR_OF(kLogName,
@@ -204,11 +207,12 @@ bool MappingCycle::filterGraphs(int outGraphNum) {
     }
     LOG_PROC(m_debugProcess, "Need to filter out graphs number = %d", outGraphNum);
     const GraphItemSet outList = sortForSwitchOut(candidates);
-    returnPendingGraphs();
+    returnPendingGraphs();  // the choice starts anew, with the whole number
     for (size_t i = 0; i < outNum; ++i) outList[i]->status = MAPPER_GRAPH_PENDING;
     return true;
 }
 
+// Stable sorts throughout: among equals the first in the walk is switched out first.
 GraphItemSet MappingCycle::sortForSwitchOut(const GraphItemSet& candidates) const {
     GraphItemSet outList;    // the least busy first
     GraphItemSet overdue;    // out for long, or with many tasks: kept in if at all possible

@@ -63,6 +63,7 @@ int32_t ReadyPlacer::pairRdyGraphs() {
             putReady(*device, *item);
             continue;
         }
+        // Deliberate: the device's `mem` is still that of the last mapping, not its first graph's.
         DeviceItem* device = m_devices.getRdyDevice(item->memReq);
         if (device == nullptr) return kHardFailure;
         GraphItem* first = device->graphs.find(0);

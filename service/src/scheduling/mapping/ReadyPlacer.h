@@ -10,7 +10,7 @@ class MapperModel;
 
 // Gives the devices that the running graphs left to the ready ones, which have no demand: evenly,
 // and directly in the map in force, without regard to what is resident.
-// No caller: outside of tests no graph is ready when a mapping is made.
+// Never reached but in tests: no graph is ready when a mapping is made.
 //
 // Results as the planner's. One placing per placer; no locks.
 class ReadyPlacer {

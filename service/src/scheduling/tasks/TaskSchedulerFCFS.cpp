@@ -46,7 +46,7 @@ void decreaseClientWaitingInferenceNum(const KelmTask* task) {
 
 }  // namespace
 
-// Ends a hand-over on every way out.
+// Ends a hand-over on every way out; a pool that is stopped throws.
 class TaskSchedulerFCFS::HandOverScope {
  public:
     explicit HandOverScope(TaskSchedulerFCFS& scheduler) : m_scheduler(scheduler) {}
@@ -73,12 +73,14 @@ TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name, ForDerived)
 
 TaskSchedulerFCFS::~TaskSchedulerFCFS() { shutDown(); }
 
+// Last in a constructor: from here on the printer's thread may call.
 void TaskSchedulerFCFS::startPrinting() {
     if (!m_snapshotBase) return;
     m_printing = true;
     (void)Port<InfoCollector>::ask<&InfoCollector::registerListener>(false, this);
 }
 
+// First in a destructor: the printer's thread and the pools end before any part of the object does.
 void TaskSchedulerFCFS::shutDown() {
     if (std::exchange(m_printing, false)) {
         Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
@@ -110,6 +112,7 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
         Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, false);
         return;
     }
+    // Before the task is handed on: its end may be reported right after that, and must come second.
     Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, true);
     if (WorkThread* const worker = takeWorkerOrQueue(task, false)) {
         const HandOverScope scope(*this);
@@ -197,6 +200,7 @@ void TaskSchedulerFCFS::enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& cli
     client.increaseWaitingInferenceNum();
 }
 
+// The confirmations are given outside the lock: the worker locks too.
 void TaskSchedulerFCFS::endHandOver() {
     HandOver ended;
     {
@@ -220,6 +224,8 @@ void TaskSchedulerFCFS::scheduleWorker(WorkThread* worker, KelmGraph* graph) {
     LOG_PROC(m_debugProcess, "[Schedule#2] schedule worker(%s) finish", worker->getName());
 }
 
+// One lock over the look and the listing, or a task could be queued between them and wait for a
+// worker that is listed already. No notice is given under it.
 KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph) {
     for (;;) {
         KelmTask* task = nullptr;
@@ -246,6 +252,8 @@ KelmTask* TaskSchedulerFCFS::dequeueWaitingTaskUnsafe(KelmGraph* graph) {
     return task;
 }
 
+// One turn of the ring, which keeps the order of the others. A worker may be listed more than once:
+// only its first entry is removed.
 void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
     const auto entry = m_waitingWorkers.find(graph);
     if (entry == m_waitingWorkers.end()) return;
@@ -311,6 +319,7 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
     // Named first: once confirmed, the graph may be destroyed.
     const std::string name = m_debugProcess ? graph->getName() : std::string();
     LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", escapeControls(name));
+    // Emptied outside the lock: the end of its tasks notifies.
     std::unique_ptr<TaskQueueBase> queue;
     uint64_t workerNum = 0;
     {
@@ -357,6 +366,8 @@ void TaskSchedulerFCFS::snapShotUnlocked(const char* label) {
     LOG_INFO("%s", text);
 }
 
+// The keys of m_taskQueues and of lists with workers are alive: both are erased before the graph's
+// departure is confirmed.
 void TaskSchedulerFCFS::appendGraphUnsafe(std::string& text, KelmGraph* graph) {
     text += "GraphName: [" + escapeControls(graph->getName()) + "]\n";
     const auto queue = m_taskQueues.find(graph);
