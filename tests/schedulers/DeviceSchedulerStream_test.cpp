@@ -9,6 +9,8 @@ using StreamRig = SchedulerRig<DeviceSchedulerStream>;
 
 const ScriptCase kCases[] = {
     {"a graph takes one device", "+a +b L1 | +c | L2", "1x1 ok1 | 1x1 | 1x1 2x1 ok2"},
+    {"a graph that is asked for twice is answered once", "L1 l1 | +a L2 l2",
+     "fail1=-122 | 2x1 ok2"},
     {"a graph without a device is refused", "L1 | +a L2 | L3",
      "fail1=-122 | 2x1 ok2 | 2x1 fail3=-122"},
     {"a load uses what the same pass frees", "+a L1 | U1 L2", "1x1 ok1 | 2x1 ok2 gone1"},

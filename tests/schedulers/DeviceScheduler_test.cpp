@@ -5,9 +5,7 @@
 #include "scheduling/devices/DeviceSchedulerActive.h"
 #include "scheduling/devices/DeviceSchedulerFactory.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
-#include "scheduling/devices/LoadGraphOperation.h"
 #include "scheduling/devices/PlugoutWorkerOperation.h"
-#include "scheduling/devices/UnloadGraphOperation.h"
 
 namespace kelm {
 namespace {
@@ -141,17 +139,6 @@ TEST_F(DeviceSchedulerTest, ExceptionCountsAsThatOperationsFailureAndEndsNothing
     EXPECT_TRUE(eventually([&] { return !placement.unloads().empty(); }));
 }
 
-TEST_F(DeviceSchedulerTest, GraphWithoutOperationIsRefusedForWantOfADevice) {
-    ScriptedActive scheduler([](int, auto&) { return true; });
-    KelmGraph* const graph = makeGraph();
-    scheduler.loadGraph(graph);
-    scheduler.loadGraph(graph);
-    scheduler.start();
-    EXPECT_TRUE(eventually([&] { return !placement.loads().empty(); }));
-    EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
-    EXPECT_THAT(placement.loads(), ElementsAre(Pair(graph, KELM_ERROR_NO_DEVICE_AVAILABLE)));
-}
-
 TEST_F(DeviceSchedulerTest, OperationWithoutEndDoesNotHoldUpTheStop) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
@@ -227,9 +214,10 @@ TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
     Stepped<DeviceSchedulerSqueeze2> scheduler;
     scheduler.addWorker(makeWorker("a"));
     KelmGraph* const graph = makeGraph();
-    for (const auto& row :
-         {std::pair(DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"),
-          std::pair(DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended")}) {
+    const std::pair<DeviceCall, const char*> rows[] = {
+        {DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"},
+        {DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended"}};
+    for (const auto& row : rows) {
         const DeviceCall call = row.first;
         const char* const words = row.second;
         SCOPED_TRACE(words);
@@ -246,13 +234,7 @@ TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
     StatusChangeOperation::setPatience(std::chrono::seconds(10));
 }
 
-TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {
-    EXPECT_EQ(LoadGraphOperation::create(nullptr, makeWorker("a")), nullptr);
-    EXPECT_EQ(UnloadGraphOperation::create(makeGraph(), nullptr, true), nullptr);
-    EXPECT_EQ(PlugoutWorkerOperation::create(nullptr), nullptr);
-}
-
-TEST_F(DeviceSchedulerTest, DeviceThatIsTakenAwayKeepsTheGraphsThatItOnlyCached) {
+TEST_F(DeviceSchedulerTest, PluggedOutDeviceForgetsTheGraphsThatItOnlyCached) {
     WorkThread* const worker = makeWorker("a");
     KelmGraph* const graph = makeGraph();
     ASSERT_EQ(worker->enqueueLoadGraph(graph).get(), 0);
