@@ -2,7 +2,7 @@
 
 #include <random>
 
-#include "schedulers/LazyRig.h"
+#include "schedulers/SchedulerRig.h"
 
 namespace kelm {
 namespace {
@@ -10,71 +10,77 @@ namespace {
 constexpr unsigned long kCameras = 2;
 
 // Graphs 1 to 5 are of the tag "camera", 6 and 7 of "door", further ones of a tag that is unknown.
-class DeviceSchedulerTagTest : public LazyRig<DeviceSchedulerTag> {
- protected:
-    DeviceSchedulerTagTest() {
+class TagRig : public SchedulerRig<DeviceSchedulerTag> {
+ public:
+    TagRig() {
         std::map<std::string, unsigned long> tags{{"camera", kCameras}, {"door", 1}};
-        m_scheduler.setTagMap(tags);
-    }
-    void dress(KelmGraph& graph, char name) override {
-        graph.setTag(name <= '5' ? "camera" : name <= '7' ? "door" : "window");
+        scheduler.setTagMap(tags);
+        dress = [](KelmGraph& graph, char name) {
+            graph.setTag(name <= '5' ? "camera" : name <= '7' ? "door" : "window");
+        };
     }
 };
 
-class DeviceSchedulerTagOrder : public DeviceSchedulerTagTest,
-                                public ::testing::WithParamInterface<LazyCase> {};
-
-TEST_P(DeviceSchedulerTagOrder, Holds) { EXPECT_EQ(play(GetParam().script), GetParam().outcome); }
-
-const LazyCase kCases[] = {
-    {"GraphWithoutDeviceIsNotRefused", "L1 | +a | L2", "fail1=-122 | | 2x1 ok2"},
-    {"LaterDeviceDoesNotFillTheQuota", "+a L1 | +b", "1x1 ok1 | 1x2"},
-    {"GraphTakesMoreThanItsHeadcount", "+a +b +c +d L1 | L6", "1x2 ok1 | 1x2 6x1 ok6"},
-    {"SecondGraphTakesTheFirstOnesDevices", "+a +b +c L1 | L2", "1x2 ok1 | 1x2 fail2=-122"},
-    {"SecondGraphTakesOverTheTag", "+a L1 | +b L2 | U2 -b | +c",
+const ScriptCase kCases[] = {
+    {"a graph without a device is refused", "L1 | +a | L2", "fail1=-122 | | 2x1 ok2"},
+    {"a later device fills the headcount", "+a L1 | +b", "1x1 ok1 | 1x2"},
+    {"a graph takes no more than its headcount", "+a +b +c +d L1 | L6", "1x2 ok1 | 1x2 6x1 ok6"},
+    {"a second graph of the tag is refused", "+a +b +c L1 | L2", "1x2 ok1 | 1x2 fail2=-122"},
+    {"the first graph holds the tag", "+a L1 | +b L2 | U2 -b | +c",
      "1x1 ok1 | 1x1 2x1 ok2 | 1x1 gone2 | 1x2"},
-    {"FailureOfTheSecondGraphFreesTheTag", "+a L1 | +b !b L2 | ~b",
+    {"the holder stays when a second graph fails", "+a L1 | +b !b L2 | ~b",
      "1x1 ok1 | 1x1 fail2=-130 | 1x2"},
-    {"LoadCannotUseWhatTheSamePassFrees", "+a +b L1 | U1 L2", "1x2 ok1 | 2x2 ok2 gone1"},
-    {"GraphIsNotMovedToASpareDevice", "+a L6 | +b | -a", "6x1 ok6 | 6x1 | 6x1"},
-    {"GraphWithoutDeviceLosesItsTag", "+a L6 | -a | +b", "6x1 ok6 | | 6x1"},
-    {"FailedGraphIsLoadedAfterItsEnd", "+a !a L6 | ~a", "fail6=-130 |"},
-    {"HolderOnNoDeviceIsLoadedAfterItsEnd", "+a L1 | -a | U1 | +b | L2",
+    {"a load uses what the same pass frees", "+a +b L1 | U1 L2", "1x2 ok1 | 2x2 ok2 gone1"},
+    {"a graph moves when its device leaves", "+a L6 | +b | -a", "6x1 ok6 | 6x1 | 6x1"},
+    {"a holder without a device waits for the next", "+a L6 | -a | +b", "6x1 ok6 | | 6x1"},
+    {"a failed graph is forgotten", "+a !a L6 | ~a", "fail6=-130 |"},
+    {"an unloaded holder without a device is forgotten", "+a L1 | -a | U1 | +b | L2",
      "1x1 ok1 | | gone1 | | 2x1 ok2"},
-    {"UnloadAndRemovalGiveBackTwice", "+a L6 | U6 -a | +b +c L7", "6x1 ok6 | gone6 | 7x1 ok7"},
-    {"RemovalOfAnIdleDeviceGivesBack", "+a +b L6 | -b | +c +d", "6x1 ok6 | 6x1 | 6x1"},
-    {"FailedLoadKeepsItsHeadcount", "+a +b !a !b L1 | ~a ~b L2", "fail1=-130 | 2x2 ok2"},
-    {"PartlyFailedLoadKeepsItsHeadcount", "+a +b !b L1 | ~b", "1x1 ok1 | 1x2"},
-    {"FailedLoadOfAHolderKeepsItsHeadcount", "+a L1 | +b !b | ~b", "1x1 ok1 | 1x1 | 1x2"},
-    {"FailedMoveLosesTheTag", "+a L6 | -a +b !b | ~b", "6x1 ok6 | | 6x1"},
-    {"DeadDeviceIsAskedAgain", "+a ?a L6 | ~a L7 | +b", "fail6=-126 | fail7=-122 |"},
-    {"DeadDeviceGivesBackTwice", "+a ?a L6 | -a | +b +c ~a L7", "fail6=-126 | | 7x1 ok7"},
-    {"DeviceThatReturnsCountsAsDead", "+a ?a L6 | -a ~a | +a L7", "fail6=-126 | | 7x1 ok7"},
-    {"CanceledLoadTakesTheTag", "+a L6 U6 | L7", "gone6 | 7x1 ok7"},
-    {"FailedDeviceKeepsItsHead", "+a L6 | +b *a | L1", "6x1 ok6 | 6x1 | 6x1 fail1=-122"},
-    {"ResetDeviceKeepsItsHead", "+a L6 | +b %a | L1", "6x1 ok6 | 6x1 | 6x1 fail1=-122"},
-    {"OneOfTwoFailedDevicesKeepsItsHead", "+a +b L1 | +c *a | L6",
-     "1x2 ok1 | 1x2 | 1x2 fail6=-122"},
-    {"HeadOfAFailedDeviceIsGivenBackTwice", "+a L6 | *a | -a +b +c | L7",
-     "6x1 ok6 | | 6x1 | 6x1 fail7=-122"},
-    {"HeadUnloadedWithItsFailureIsGivenBackTwice", "+a L6 | *a U6 | +b +c L7",
+    {"unload and removal together give back once", "+a L6 | U6 -a | +b +c L7",
      "6x1 ok6 | gone6 | 7x1 ok7"},
-    {"FailedDeviceThatComesIsUsed", "+a %a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
-    {"DeviceThatLeavesAtOnceIsUsed", "+a -a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
+    {"the removal of an idle device gives nothing back", "+a +b L6 | -b | +c +d",
+     "6x1 ok6 | 6x1 | 6x1"},
+    {"a failed load gives its headcount back", "+a +b !a !b L1 | ~a ~b L2", "fail1=-130 | 2x2 ok2"},
+    {"a load that fails on one of two is completed later", "+a +b !b L1 | ~b", "1x1 ok1 | 1x2"},
+    {"a holder's failed load is tried again", "+a L1 | +b !b | ~b", "1x1 ok1 | 1x1 | 1x2"},
+    {"a failed move is tried again", "+a L6 | -a +b !b | ~b", "6x1 ok6 | | 6x1"},
+    {"a dead device gets no more loads", "+a ?a L6 | ~a L7 | +b", "fail6=-126 | fail7=-122 |"},
+    {"a dead device that leaves gives nothing back", "+a ?a L6 | -a | +b +c ~a L7",
+     "fail6=-126 | | 7x1 ok7"},
+    {"a device that returns is used again", "+a ?a L6 | -a ~a | +a L7", "fail6=-126 | | 7x1 ok7"},
+    {"a load that is taken back leaves the tag free", "+a L6 U6 | L7", "gone6 | 7x1 ok7"},
+    {"the graph of a failed device moves", "+a L6 | +b *a | L1", "6x1 ok6 | 6x1 | 6x1 fail1=-122"},
+    {"the graph of a reset device moves", "+a L6 | +b %a | L1", "6x1 ok6 | 6x1 | 6x1 fail1=-122"},
+    {"of two devices only the failed one is replaced", "+a +b L1 | +c *a | L6",
+     "1x2 ok1 | 1x2 | 1x2 fail6=-122"},
+    {"failure and removal give back once", "+a L6 | *a | -a +b +c | L7",
+     "6x1 ok6 | | 6x1 | 6x1 fail7=-122"},
+    {"failure and unload give back once", "+a L6 | *a U6 | +b +c L7", "6x1 ok6 | gone6 | 7x1 ok7"},
+    {"a device that fails as it comes is not used", "+a %a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
+    {"a device that leaves as it comes is not used", "+a -a L6 | +b L7", "fail6=-122 | 7x1 ok7"},
 };
-INSTANTIATE_TEST_SUITE_P(Catches, DeviceSchedulerTagOrder, ::testing::ValuesIn(kCases), faultOf);
+
+TEST(DeviceSchedulerTag, FollowsItsScripts) {
+    for (const ScriptCase& row : kCases) {
+        SCOPED_TRACE(row.rule);
+        TagRig rig;
+        EXPECT_EQ(rig.play(row.script), row.outcome);
+    }
+}
 
 // Deliberate: a refused tag is remembered, as one that has no devices.
-TEST_F(DeviceSchedulerTagTest, UnknownTagIsToldOnlyOnce) {
+TEST(DeviceSchedulerTag, UnknownTagIsToldOnlyOnce) {
+    TagRig rig;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(play("+a L8 | L9"), "fail8=-122 | fail9=-122");
+    EXPECT_EQ(rig.play("+a L8 | L9"), "fail8=-122 | fail9=-122");
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 ::testing::ContainsRegex("Error: invalid graph tag 'window'(.|\n)*"
                                          "Error: no headcount for graph tag 'window'"));
 }
 
-TEST_F(DeviceSchedulerTagTest, NoOrderOfEventsCreatesOrLosesHeadcount) {
-    m_deletesRecords = true;
+TEST(DeviceSchedulerTag, NoOrderOfEventsCreatesOrLosesHeadcount) {
+    TagRig rig;
+    rig.deletesRecords = true;
     for (unsigned int seed = 0; seed < 25; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
@@ -83,24 +89,24 @@ TEST_F(DeviceSchedulerTagTest, NoOrderOfEventsCreatesOrLosesHeadcount) {
             const char verb = pick("++--!?~*%LLUU|||");
             const bool isGraph = verb == 'L' || verb == 'U';
             const char name = pick(isGraph ? "12367" : "abcd");
-            const bool exists = isGraph ? m_live.contains(name) : m_workers.contains(name);
+            const bool exists = isGraph ? rig.live.contains(name) : rig.workers.contains(name);
             if ((verb == '+' || verb == 'L') && exists) continue;
             if (std::string("-U*%").find(verb) != std::string::npos && !exists) continue;
-            if (verb == '|') (void)pass();
-            if (verb != '|') act(verb, name);
+            if (verb == '|') (void)rig.pass();
+            if (verb != '|') rig.act(verb, name);
             size_t cameras = 0;
-            for (const auto& [number, graph] : m_live) {
-                if (number <= '5') cameras += countDevices(graph);
+            for (const auto& [number, graph] : rig.live) {
+                if (number <= '5') cameras += rig.countDevices(graph);
             }
             ASSERT_LE(cameras, kCameras);
         }
-        for (const auto& [name, graph] : m_live) act('U', name);
-        for (const auto& [name, worker] : std::map(m_workers)) act('-', name);
-        for (const char name : std::string("abcd")) act('~', name);
-        (void)pass();
-        EXPECT_EQ(play("+a +b +c +d L1 | L6 | U1 -a -b -c -d | U6"),
+        for (const auto& [name, graph] : rig.live) rig.act('U', name);
+        for (const auto& [name, worker] : std::map(rig.workers)) rig.act('-', name);
+        for (const char name : std::string("abcd")) rig.act('~', name);
+        (void)rig.pass();
+        EXPECT_EQ(rig.play("+a +b +c +d L1 | L6 | U1 -a -b -c -d | U6"),
                   "1x2 ok1 | 1x2 6x1 ok6 | gone1 | gone6");
-        ASSERT_FALSE(HasFailure());
+        ASSERT_FALSE(testing::Test::HasFailure());
     }
 }
 

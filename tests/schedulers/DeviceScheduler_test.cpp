@@ -4,10 +4,8 @@
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
 #include "scheduling/devices/DeviceSchedulerFactory.h"
-#include "scheduling/devices/DeviceSchedulerLazy.h"
-#include "scheduling/devices/LoadGraphOperation.h"
+#include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/PlugoutWorkerOperation.h"
-#include "scheduling/devices/UnloadGraphOperation.h"
 
 namespace kelm {
 namespace {
@@ -87,7 +85,7 @@ class ScriptedActive : public DeviceSchedulerActive {
 // Unload requests are never followed, so any address will do.
 KelmGraph* fakeGraph(uintptr_t number) { return reinterpret_cast<KelmGraph*>(number * 64); }
 
-class DeviceSchedulerTest : public SchedulerRig {};
+class DeviceSchedulerTest : public testing::Test, protected SchedulerFakes {};
 
 TEST_F(DeviceSchedulerTest, BurstOfRequestsDropsAtMostThreePlansInARow) {
     std::unique_ptr<ScriptedActive> scheduler;
@@ -99,7 +97,7 @@ TEST_F(DeviceSchedulerTest, BurstOfRequestsDropsAtMostThreePlansInARow) {
     });
     scheduler->unloadGraph(fakeGraph(1));
     scheduler->start();
-    EXPECT_TRUE(eventually([&] { return m_placement.unloads().size() == 5; }));
+    EXPECT_TRUE(eventually([&] { return placement.unloads().size() == 5; }));
     EXPECT_TRUE(scheduler->stop(std::chrono::seconds(10)));
     // The fourth plan is committed although one more request came; the fifth takes that.
     EXPECT_EQ(scheduler->protocol(), "P1 R P2 R P3 R P4 C P1 C ");
@@ -110,10 +108,10 @@ TEST_F(DeviceSchedulerTest, FailedPlanComesBackByItselfWithTheSameWork) {
                              std::chrono::milliseconds(1));
     scheduler.unloadGraph(fakeGraph(1));
     scheduler.start();
-    EXPECT_TRUE(eventually([&] { return !m_placement.unloads().empty(); }));
+    EXPECT_TRUE(eventually([&] { return !placement.unloads().empty(); }));
     EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
     EXPECT_TRUE(scheduler.protocol().starts_with("P1 R P1 R P1 "));
-    EXPECT_THAT(m_placement.unloads(), ElementsAre(fakeGraph(1)));
+    EXPECT_THAT(placement.unloads(), ElementsAre(fakeGraph(1)));
 }
 
 TEST_F(DeviceSchedulerTest, ExceptionCountsAsThatOperationsFailureAndEndsNothing) {
@@ -132,24 +130,13 @@ TEST_F(DeviceSchedulerTest, ExceptionCountsAsThatOperationsFailureAndEndsNothing
     scheduler.loadGraph(inExecute);
     scheduler.loadGraph(inWait);
     scheduler.start();
-    EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 2; }));
-    EXPECT_THAT(m_placement.loads(),
+    EXPECT_TRUE(eventually([&] { return placement.loads().size() == 2; }));
+    EXPECT_THAT(placement.loads(),
                 ::testing::UnorderedElementsAre(Pair(inExecute, KELM_ERROR_DEVICE_FAILED),
                                                 Pair(inWait, KELM_ERROR_DEVICE_FAILED)));
     EXPECT_TRUE(otherRan);
     scheduler.unloadGraph(inWait);
-    EXPECT_TRUE(eventually([&] { return !m_placement.unloads().empty(); }));
-}
-
-TEST_F(DeviceSchedulerTest, GraphWithoutOperationIsRefusedForWantOfADevice) {
-    ScriptedActive scheduler([](int, auto&) { return true; });
-    KelmGraph* const graph = makeGraph();
-    scheduler.loadGraph(graph);
-    scheduler.loadGraph(graph);
-    scheduler.start();
-    EXPECT_TRUE(eventually([&] { return !m_placement.loads().empty(); }));
-    EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
-    EXPECT_THAT(m_placement.loads(), ElementsAre(Pair(graph, KELM_ERROR_NO_DEVICE_AVAILABLE)));
+    EXPECT_TRUE(eventually([&] { return !placement.unloads().empty(); }));
 }
 
 TEST_F(DeviceSchedulerTest, OperationWithoutEndDoesNotHoldUpTheStop) {
@@ -174,90 +161,37 @@ TEST_F(DeviceSchedulerTest, OperationWithoutEndDoesNotHoldUpTheStop) {
     deleteGraph(graph);  // the thread must not look at it when the device answers after all
     release.set_value();
     EXPECT_TRUE(eventually([&] { return scheduler->hasEnded(); }));
-    EXPECT_THAT(m_placement.loads(), IsEmpty());
+    EXPECT_THAT(placement.loads(), IsEmpty());
 }
 
-// Writes down how it classified the workers, then loads what it is asked to on the idle ones.
-class RecordingLazy : public DeviceSchedulerLazy {
+class CountingLazy : public DeviceSchedulerLazy {
  public:
-    struct View {
-        std::set<WorkThread*> idle;
-        std::map<KelmGraph*, std::vector<WorkThread*>> busy;
-    };
-
-    RecordingLazy() : DeviceSchedulerLazy("DS.Lazy") {}
-    ~RecordingLazy() override { join(); }
+    CountingLazy() : DeviceSchedulerLazy("DS.Lazy") {}
+    ~CountingLazy() override { join(); }
 
     void handleLoadGraphFail(KelmGraph*) override {}
     int passes() const { return m_passes; }
-    View view() {
-        MutexLock lock(m_mutex);
-        return m_view;
-    }
 
  protected:
     bool mapResource() override REQUIRES(m_onSchedulingThread) {
         ++m_passes;
-        MutexLock lock(m_mutex);
-        m_view = {m_idleWorkers, m_graphWorkers};
-        for (WorkThread* worker : m_removeWorkers) {
-            m_operations.push_back(PlugoutWorkerOperation::create(worker));
-        }
-        for (KelmGraph* graph : m_loadGraphs) {
-            for (WorkThread* worker : m_idleWorkers) {
-                m_operations.push_back(LoadGraphOperation::create(graph, worker));
-            }
-        }
         return true;
     }
 
  private:
     std::atomic<int> m_passes{0};
-    Mutex m_mutex;
-    View m_view GUARDED_BY(m_mutex);
 };
-
-TEST_F(DeviceSchedulerTest, LazySchedulerSeesWorkersAsTheyAreInEachPass) {
-    RecordingLazy scheduler;
-    WorkThread* const first = makeWorker("a");
-    WorkThread* const second = makeWorker("b");
-    WorkThread* const brief = makeWorker("c");
-    KelmGraph* const graph = makeGraph();
-    scheduler.addWorker(first);
-    scheduler.loadGraph(graph);
-    scheduler.start();
-    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
-    EXPECT_THAT(scheduler.view().idle, ElementsAre(first));
-
-    scheduler.addWorker(second);
-    scheduler.unloadGraph(fakeGraph(1));
-    ASSERT_TRUE(eventually([&] { return m_placement.unloads().size() == 1; }));
-    scheduler.unloadGraph(fakeGraph(2));
-    ASSERT_TRUE(eventually([&] { return m_placement.unloads().size() == 2; }));
-    EXPECT_THAT(scheduler.view().idle, ElementsAre(second));
-    EXPECT_THAT(scheduler.view().busy, ElementsAre(Pair(graph, ElementsAre(first))));
-
-    scheduler.removeWorker(first);
-    ASSERT_TRUE(eventually([&] { return !m_removal.removed().empty(); }));
-    scheduler.addWorker(brief);
-    scheduler.removeWorker(brief);
-    ASSERT_TRUE(eventually([&] { return m_removal.removed().size() == 2; }));
-    scheduler.unloadGraph(fakeGraph(3));
-    ASSERT_TRUE(eventually([&] { return m_placement.unloads().size() == 3; }));
-    EXPECT_THAT(scheduler.view().idle, ElementsAre(second));
-    EXPECT_THAT(scheduler.view().busy, IsEmpty());
-}
 
 TEST_F(DeviceSchedulerTest, StopThatComesBeforeTheWaitIsNotLost) {
     for (int round = 0; round < 200; ++round) {
-        RecordingLazy scheduler;
+        CountingLazy scheduler;
         scheduler.start();
         ASSERT_TRUE(scheduler.stop(std::chrono::seconds(10)));
     }
 }
 
 TEST_F(DeviceSchedulerTest, WakeThatComesBeforeTheWaitIsNotLost) {
-    RecordingLazy lazy;
+    CountingLazy lazy;
     ScriptedActive active([](int, auto&) { return true; }, std::chrono::hours(1));
     lazy.wake();
     active.wake();
@@ -277,21 +211,22 @@ std::string capturedSoFar() {
 
 TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
     StatusChangeOperation::setPatience(std::chrono::milliseconds(1));
-    SteppedSqueeze scheduler;
+    Stepped<DeviceSchedulerSqueeze2> scheduler;
     scheduler.addWorker(makeWorker("a"));
     KelmGraph* const graph = makeGraph();
-    for (const auto& row :
-         {std::pair(DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"),
-          std::pair(DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended")}) {
+    const std::pair<DeviceCall, const char*> rows[] = {
+        {DeviceCall::Allocate, "load [graph1] on worker(Wta) has not ended"},
+        {DeviceCall::Deallocate, "unload [graph1] on worker(Wta) has not ended"}};
+    for (const auto& row : rows) {
         const DeviceCall call = row.first;
         const char* const words = row.second;
         SCOPED_TRACE(words);
-        m_devices["a"].block(call);
+        devices["a"].block(call);
         call == DeviceCall::Allocate ? scheduler.loadGraph(graph) : scheduler.unloadGraph(graph);
         testing::internal::CaptureStdout();
         auto pass = std::async(std::launch::async, [&] { scheduler.pass(); });
         EXPECT_TRUE(eventually([&] { return capturedSoFar().find(words) != std::string::npos; }));
-        m_devices["a"].release(call);
+        devices["a"].release(call);
         pass.get();
         const std::string log = testing::internal::GetCapturedStdout();
         EXPECT_EQ(log.find("has not ended"), log.rfind("has not ended")) << log;
@@ -299,13 +234,7 @@ TEST_F(DeviceSchedulerTest, LongWaitIsToldOnceWithWorkerGraphAndStep) {
     StatusChangeOperation::setPatience(std::chrono::seconds(10));
 }
 
-TEST_F(DeviceSchedulerTest, NullOperandsMakeNoOperation) {
-    EXPECT_EQ(LoadGraphOperation::create(nullptr, makeWorker("a")), nullptr);
-    EXPECT_EQ(UnloadGraphOperation::create(makeGraph(), nullptr, true), nullptr);
-    EXPECT_EQ(PlugoutWorkerOperation::create(nullptr), nullptr);
-}
-
-TEST_F(DeviceSchedulerTest, DeviceThatIsTakenAwayKeepsTheGraphsThatItOnlyCached) {
+TEST_F(DeviceSchedulerTest, PluggedOutDeviceForgetsTheGraphsThatItOnlyCached) {
     WorkThread* const worker = makeWorker("a");
     KelmGraph* const graph = makeGraph();
     ASSERT_EQ(worker->enqueueLoadGraph(graph).get(), 0);

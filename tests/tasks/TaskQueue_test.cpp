@@ -1,3 +1,4 @@
+#include <span>
 #include <sstream>
 
 #include "fakes/FakeClientDirectory.h"
@@ -11,8 +12,11 @@
 namespace kelm {
 namespace {
 
-using testing::HasSubstr;
-using testing::StartsWith;
+struct Row {
+    const char* rule;
+    const char* script;
+    const char* destroyed;
+};
 
 // Tasks with one letter as their name, the task's id.
 class TaskQueueTest : public testing::Test {
@@ -43,8 +47,7 @@ class TaskQueueTest : public testing::Test {
     }
 
     // "+1a": client 1 queues a. "^1a": at the head. "-a": a is removed. "x1": all of client 1 is.
-    // "?a": a is served, "?-": nothing is. Returns what went
-    // otherwise.
+    // "?a": a is served, "?-": nothing is. Returns the steps that did something else.
     std::string run(TaskQueueBase& queue, const std::string& script) {
         std::istringstream steps(script);
         std::string surprises;
@@ -63,6 +66,18 @@ class TaskQueueTest : public testing::Test {
         return surprises;
     }
 
+    // Each row in a queue of its own.
+    template <class Queue>
+    void runAll(std::span<const Row> rows) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.rule);
+            const size_t before = destroyed().size();
+            Queue queue;
+            EXPECT_EQ(run(queue, row.script), "");
+            EXPECT_EQ(destroyed().substr(before), row.destroyed);
+        }
+    }
+
     FakeTaskScheduleListener m_listener;
     ScopedPort<TaskScheduleListener> m_port{m_listener};
     FakeClientDirectory m_clients;
@@ -70,13 +85,7 @@ class TaskQueueTest : public testing::Test {
     std::vector<std::unique_ptr<KelmTask>> m_tasks;
 };
 
-struct Row {
-    const char* rule;
-    const char* script;
-    const char* destroyed;
-};
-
-TEST_F(TaskQueueTest, PollingServesClientsOutOfTurn) {
+TEST_F(TaskQueueTest, PollingServesClientsInTurn) {
     const Row rows[] = {
         {"one task a client and turn", "+1a +1b +2c +3d +3e ?a ?c ?d ?b ?e ?-", ""},
         {"one client alone keeps its order", "+5a +5b ?a +5c ?b ?c ?-", ""},
@@ -90,16 +99,10 @@ TEST_F(TaskQueueTest, PollingServesClientsOutOfTurn) {
         {"an emptied map starts anew", "+4a x4 ?- +9b +3c ?b ?c ?-", "a"},
         {"a removed task is passed over", "+1a +1b +1c -b ?a ?c ?-", "b"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.rule);
-        const size_t before = destroyed().size();
-        TaskQueuePolling queue;
-        EXPECT_EQ(run(queue, row.script), "");
-        EXPECT_EQ(destroyed().substr(before), row.destroyed);
-    }
+    runAll<TaskQueuePolling>(rows);
 }
 
-TEST_F(TaskQueueTest, FirstComeServesOutOfOrder) {
+TEST_F(TaskQueueTest, FirstComeServesInOrder) {
     const Row rows[] = {
         {"arrival decides", "+2a +1b +2c ?a ?b ?c ?-", ""},
         {"a returned task goes first", "+1a +1b ^2c ?c ?a ?b ?-", ""},
@@ -107,16 +110,10 @@ TEST_F(TaskQueueTest, FirstComeServesOutOfOrder) {
         {"all of a client go", "+1a +2b +1c +2d x1 ?b ?d ?-", "ac"},
         {"an unknown client is no failure", "+1a x7 ?a", ""},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.rule);
-        const size_t before = destroyed().size();
-        TaskQueueFIFO queue;
-        EXPECT_EQ(run(queue, row.script), "");
-        EXPECT_EQ(destroyed().substr(before), row.destroyed);
-    }
+    runAll<TaskQueueFIFO>(rows);
 }
 
-TEST_F(TaskQueueTest, QueueLosesTasksAtItsEnd) {
+TEST_F(TaskQueueTest, QueueDestroysItsTasksAtItsEnd) {
     {
         TaskQueuePolling polling;
         TaskQueueFIFO fifo;
@@ -131,7 +128,7 @@ TEST_F(TaskQueueTest, QueueLosesTasksAtItsEnd) {
     EXPECT_EQ(find('a')->getStatus(), TASK_STATUS_QUEUED);
 }
 
-TEST_F(TaskQueueTest, ClientsThatHaveLeftPileUp) {
+TEST_F(TaskQueueTest, EntriesOfDepartedClientsAreDropped) {
     TaskQueuePolling queue;
     for (uint64_t clientId = 1; clientId <= 1000; ++clientId) {
         queue.enqueue(makeTask(clientId, 'a'), false);
@@ -144,20 +141,6 @@ TEST_F(TaskQueueTest, ClientsThatHaveLeftPileUp) {
     ASSERT_EQ(
         std::sscanf(queue.getDescription().c_str(), "WaitingTasks(numClients=%lu", &clientNum), 1);
     EXPECT_LE(clientNum, 64u);
-}
-
-TEST_F(TaskQueueTest, DescriptionMissesWaitingTasks) {
-    TaskQueuePolling polling;
-    TaskQueueFIFO fifo;
-    EXPECT_EQ(run(polling, "+1A +2B +1C"), "");
-    EXPECT_EQ(run(fifo, "+1D"), "");
-    const std::string text = polling.getDescription();
-    EXPECT_THAT(text, StartsWith("WaitingTasks(numClients=2 numTasks=3):\n"
-                                 "     TaskQueue for client(id:1) (numTasks=2):\n"
-                                 "       [00] TaskId=65 Client=client ClientId=1 TimeToKelmHal="));
-    EXPECT_THAT(text, HasSubstr("\n       [01] TaskId=67 "));
-    EXPECT_THAT(text, HasSubstr("\n     TaskQueue for client(id:2) (numTasks=1):\n"));
-    EXPECT_THAT(fifo.getDescription(), StartsWith("WaitingTasks(count=1):\n     [00] TaskId=68 "));
 }
 
 }  // namespace

@@ -4,9 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "protocol/src/KelmMessage.h"
-#include "protocol/src/MessagePtr.h"
-
 namespace kelm {
 
 // What the managers tell about themselves for one status query. Lists of one group are parallel,

@@ -4,6 +4,7 @@ namespace kelm {
 
 namespace {
 
+// Requests that keep coming must not keep plans from being carried out for ever.
 constexpr int kMaxDroppedPlans = 3;
 
 }  // namespace

@@ -24,7 +24,7 @@ class WorkThread;
 
 // Decides which graph is resident on which worker, and carries it out. Its clients post requests;
 // the own thread makes passes: take the requests, sort them into sets, plan operations, commit
-// them. Answers go to the listeners for graph placement and worker removal.
+// them. The listeners for graph placement and worker removal get the answers.
 //
 // Threads: any may post a request. start() and stop() come from the owner's thread, the setters
 // too, before start(). All else belongs to the scheduling thread.
@@ -79,6 +79,15 @@ class DeviceSchedulerBase : public NonCopyable {
     // After the operations of a pass, before the graphs are judged.
     virtual void handleLostWorker(WorkThread*) REQUIRES(m_onSchedulingThread) {}
 
+    // For plans: append an operation, and tell so in the log. A shallow unload leaves the graph in
+    // the device's cache. `note` ends the unload's line.
+    void makeLoad(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
+    void makeUnload(KelmGraph* graph, WorkThread* worker, bool shallow, const char* note = "")
+        REQUIRES(m_onSchedulingThread);
+    void makePlugout(WorkThread* worker) REQUIRES(m_onSchedulingThread);
+    // The graph in these lines, with what the kind of scheduler knows it by.
+    virtual std::string describe(KelmGraph* graph);
+
     // For the destructor of the most derived class: ends the thread, without a limit.
     void join() EXCLUDES(m_requestMutex);
     // Whether the next pass is due, or the end.
@@ -124,7 +133,7 @@ class DeviceSchedulerBase : public NonCopyable {
     // False when this scheduler was given up meanwhile.
     bool waitOperations() REQUIRES(m_onSchedulingThread) EXCLUDES(m_requestMutex);
     void handleFailedOperations() REQUIRES(m_onSchedulingThread);
-    // The answers to give; the graphs that get none yet go to `retries`.
+    // The answers to give; the graphs that get none yet are put into `retries`.
     std::vector<LoadOutcome> judgeLoads(std::set<KelmGraph*>& retries)
         REQUIRES(m_onSchedulingThread);
     bool isOnWorker(KelmGraph* graph) REQUIRES(m_onSchedulingThread);

@@ -2,7 +2,6 @@
 
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/PlugoutWorkerOperation.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
@@ -11,6 +10,7 @@ namespace kelm {
 
 namespace {
 
+// The pass for a load that is still unanswered comes after this time, also without a request.
 constexpr std::chrono::seconds kTimeToAnswer{5};
 
 }  // namespace
@@ -50,23 +50,18 @@ WorkThread* DeviceSchedulerLazy::takeIdleWorker() {
     return m_idleWorkers.extract(m_idleWorkers.begin()).value();
 }
 
-void DeviceSchedulerLazy::makePlugout(WorkThread* worker) {
-    m_operations.push_back(PlugoutWorkerOperation::create(worker));
-    LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
-}
-
 void DeviceSchedulerLazy::makeIdle(const std::vector<WorkThread*>& workers) {
     for (WorkThread* worker : workers) {
         if (!m_lostWorkers.contains(worker)) m_idleWorkers.insert(worker);
     }
 }
 
-// A worker that came and goes in the same pass is not idle: nothing may be loaded onto it.
+// A worker that is added and removed in the same pass is not idle: nothing may be loaded onto it.
 void DeviceSchedulerLazy::collectAndClassify() {
     m_idleWorkers.clear();
     m_graphWorkers.clear();
     m_strandedGraphs.clear();
-    // A lost worker that has been plugged out is gone; a new one may live at its address.
+    // A lost worker that has been plugged out is destroyed; a new one may live at its address.
     std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
         return !m_workers.contains(worker);
     });
@@ -92,7 +87,7 @@ void DeviceSchedulerLazy::classify(WorkThread* worker) {
     }
 }
 
-// The lost worker lets go of the graph, so that it can be loaded elsewhere, or its creator be told
+// The lost worker forgets the graph, so that it can be loaded elsewhere, or its creator be told
 // that it cannot.
 void DeviceSchedulerLazy::strand(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));

@@ -8,9 +8,9 @@
 
 namespace kelm {
 
-// A device scheduler that acts on requests only. Before each plan it asks the workers anew who is
-// idle and who runs what, so that a load that failed and a worker that was lost leave nothing to
-// repair: what they had taken is free again in the next view.
+// A device scheduler that acts on requests only. Before each plan it asks every worker anew for its
+// graphs, so that a load that failed and a worker that was lost leave nothing to repair: what they
+// had taken is free again in the next view.
 //
 // Threads, owns, locks: as the base.
 class DeviceSchedulerLazy : public DeviceSchedulerBase {
@@ -29,7 +29,6 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
 
     // For plans. The worker that is taken is not idle any more; there must be one.
     WorkThread* takeIdleWorker() REQUIRES(m_onSchedulingThread);
-    void makePlugout(WorkThread* worker) REQUIRES(m_onSchedulingThread);
     // Workers that this pass unloads, but for the lost ones.
     void makeIdle(const std::vector<WorkThread*>& workers) REQUIRES(m_onSchedulingThread);
 
@@ -46,7 +45,7 @@ class DeviceSchedulerLazy : public DeviceSchedulerBase {
     void classify(WorkThread* worker) REQUIRES(m_onSchedulingThread);
     void strand(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
 
-    // Held workers whose device is gone. They refuse every load, so they are never idle.
+    // Held workers whose device is lost. They refuse every load, so they are never idle.
     std::set<WorkThread*> m_lostWorkers GUARDED_BY(m_onSchedulingThread);
 };
 

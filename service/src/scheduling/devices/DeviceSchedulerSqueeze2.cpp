@@ -1,10 +1,13 @@
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/PlugoutWorkerOperation.h"
 #include "utils/Log.h"
+#include "utils/TextHelper.h"
 
 namespace kelm {
 
@@ -61,6 +64,8 @@ bool DeviceSchedulerSqueeze2::mapResource() {
     return true;
 }
 
+// Undoes this pass in the mapper only: no operation has been executed. The sets of the pass stay,
+// and the next one plans for them again.
 void DeviceSchedulerSqueeze2::restoreScene() {
     m_operations.clear();
     for (WorkThread* worker : m_addWorkers) {  // stays known, with a fresh item and without a map
@@ -95,7 +100,7 @@ void DeviceSchedulerSqueeze2::addDevice(WorkThread* worker) {
 }
 
 void DeviceSchedulerSqueeze2::takeNewWorkers() {
-    // A lost worker that a commit has plugged out is gone; a new one may live at its address.
+    // A lost worker that a commit has plugged out is destroyed; a new one may live at its address.
     std::erase_if(m_lostWorkers, [this](WorkThread* worker) REQUIRES(m_onSchedulingThread) {
         return !m_mappedWorkers.contains(worker);
     });
@@ -107,8 +112,7 @@ void DeviceSchedulerSqueeze2::takeNewWorkers() {
 void DeviceSchedulerSqueeze2::dropLeavingWorkers() {
     for (WorkThread* worker : m_removeWorkers) {
         if (m_mappedWorkers.erase(worker) == 0) continue;
-        m_operations.push_back(PlugoutWorkerOperation::create(worker));
-        LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
+        makePlugout(worker);
         m_passGoneWorkers.insert(worker);
         if (!m_lostWorkers.contains(worker)) (void)m_graphMapper.removeDevice(worker);
     }
@@ -122,6 +126,7 @@ void DeviceSchedulerSqueeze2::dropFailedWorkers() {
     }
 }
 
+// A graph whose load failed stays among the graphs to load, but leaves the mapper: it is new again.
 void DeviceSchedulerSqueeze2::takeNewGraphs() {
     for (KelmGraph* graph : m_loadGraphs) {
         if (m_mappedGraphs.contains(graph)) continue;
@@ -153,6 +158,71 @@ void DeviceSchedulerSqueeze2::tellPendingStates() {
     for (const auto& [graph, pending] : m_graphMapper.getGraphPendingState()) {
         graph->setPendingState(pending);
     }
+}
+
+// Each worker makes room before it loads. A lost worker has no target: it only gives back.
+void DeviceSchedulerSqueeze2::makeOperations(const MapResult& result) {
+    const std::set<KelmGraph*> nothing;
+    for (WorkThread* worker : m_mappedWorkers) {
+        const auto found = result.find(worker);
+        makeOperations(worker, found != result.end() ? found->second : nothing);
+    }
+}
+
+void DeviceSchedulerSqueeze2::makeOperations(WorkThread* worker,
+                                             const std::set<KelmGraph*>& target) {
+    std::set<KelmGraph*> current = worker->getGraphs();
+    // A graph that will be destroyed leaves the cache and the slot: not every device lists its
+    // slots' graphs as cached.
+    std::vector<KelmGraph*> held = worker->getDevice()->getCachedGraphList();
+    held.insert(held.end(), current.begin(), current.end());
+    std::set<KelmGraph*> leaving;
+    for (KelmGraph* graph : held) {
+        if (!m_unloadGraphs.contains(graph) || !leaving.insert(graph).second) continue;
+        makeUnload(graph, worker, false, ", shallow=False");
+        current.erase(graph);
+    }
+    for (KelmGraph* graph : current) {
+        if (!target.contains(graph)) makeUnload(graph, worker, true, ", shallow=True");
+    }
+    for (KelmGraph* graph : target) {
+        if (!current.contains(graph)) makeLoad(graph, worker);
+    }
+}
+
+void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
+    std::vector<CacheAdjustment::WorkerState> states;
+    for (const auto& [worker, graphs] : result) {
+        states.push_back({worker, graphs, worker->getDevice()->getCachedGraphList(), graphs});
+    }
+    const auto isEmpty = [](const CacheAdjustment::WorkerState& state) {
+        return state.graphs.empty();
+    };
+    if (std::all_of(states.begin(), states.end(), isEmpty)) return;  // also without any worker
+    if (CacheAdjustment::exchangeGraphs(states)) logAdjustment(states);
+    for (CacheAdjustment::WorkerState& state : states)
+        result[state.worker] = std::move(state.graphs);
+}
+
+void DeviceSchedulerSqueeze2::logAdjustment(
+    const std::vector<CacheAdjustment::WorkerState>& states) {
+    const auto namesOf = [this](const auto& graphs) REQUIRES(m_onSchedulingThread) {
+        std::string names;
+        for (KelmGraph* graph : graphs) names += nameOf(graph) + " ";
+        return names;
+    };
+    std::string text;
+    for (const CacheAdjustment::WorkerState& state : states) {
+        text += "(" + state.worker->getName() + "): [ " + namesOf(state.initialGraphs) + "] -> [ " +
+                namesOf(state.graphs) + "] { " + namesOf(state.cachedGraphs) + "}\n";
+    }
+    LOG_INFO("%s", text + "\n");
+}
+
+// A device's cache may list a graph that is not this scheduler's to follow.
+std::string DeviceSchedulerSqueeze2::nameOf(KelmGraph* graph) {
+    const bool known = m_mappedGraphs.contains(graph) || m_passGoneGraphs.contains(graph);
+    return known ? escapeControls(graph->getName()) : "?";
 }
 
 }  // namespace kelm

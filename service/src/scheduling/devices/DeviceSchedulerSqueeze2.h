@@ -1,11 +1,11 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "scheduling/devices/CacheAdjustment.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
 #include "scheduling/mapping/GraphMapper.h"
 
@@ -40,8 +40,6 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     void handleLostWorker(WorkThread* worker) REQUIRES(m_onSchedulingThread) override;
 
  private:
-    struct WorkerState;
-
     void addDevice(WorkThread* worker) REQUIRES(m_onSchedulingThread);
     // The steps of mapResource() that feed the mapper.
     void forgetPass() REQUIRES(m_onSchedulingThread);
@@ -56,14 +54,8 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     void makeOperations(const MapResult& result) REQUIRES(m_onSchedulingThread);
     void makeOperations(WorkThread* worker, const std::set<KelmGraph*>& target)
         REQUIRES(m_onSchedulingThread);
-    void makeUnload(KelmGraph* graph, WorkThread* worker, bool shallow)
+    void logAdjustment(const std::vector<CacheAdjustment::WorkerState>& states)
         REQUIRES(m_onSchedulingThread);
-    void makeLoad(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
-    // The steps of adjustMapResult().
-    static KelmGraph* chooseScarcest(const std::vector<WorkerState>& states, size_t first);
-    static bool takeGraphs(std::vector<WorkerState>& states, size_t taker, KelmGraph* graph);
-    static bool exchangeGraphs(std::vector<WorkerState>& states);
-    void logAdjustment(const std::vector<WorkerState>& states) REQUIRES(m_onSchedulingThread);
     std::string nameOf(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
 
     GraphMapper m_graphMapper;
@@ -71,7 +63,8 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     std::set<KelmGraph*> m_mappedGraphs GUARDED_BY(m_onSchedulingThread);
     // The workers that have not been plugged out.
     std::set<WorkThread*> m_mappedWorkers GUARDED_BY(m_onSchedulingThread);
-    // Those of them whose device is gone: the mapper counts them as lost until they are replaced.
+    // Those of them whose device is lost: the mapper does not know them any more, and they get no
+    // graphs until they are plugged out.
     std::set<WorkThread*> m_lostWorkers GUARDED_BY(m_onSchedulingThread);
     // What this pass put in and took out; a dropped plan gives back no more than that.
     std::set<KelmGraph*> m_passNewGraphs GUARDED_BY(m_onSchedulingThread);

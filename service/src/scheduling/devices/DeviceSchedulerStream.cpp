@@ -2,8 +2,6 @@
 
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/LoadGraphOperation.h"
-#include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
 
@@ -25,6 +23,7 @@ bool DeviceSchedulerStream::mapResource() {
     return true;
 }
 
+// By what the workers hold, not by what was planned.
 void DeviceSchedulerStream::forgetPlacedGraphs() {
     std::erase_if(m_displacedGraphs, [this](KelmGraph* graph) REQUIRES(m_onSchedulingThread) {
         return m_graphWorkers.contains(graph);
@@ -35,13 +34,13 @@ void DeviceSchedulerStream::forgetPlacedGraphs() {
 // for the unload.
 void DeviceSchedulerStream::handleUnloadGraph() {
     for (KelmGraph* graph : m_unloadGraphs) {
-        m_displacedGraphs.erase(graph);  // its record may go once the unload is answered
+        m_displacedGraphs.erase(graph);  // its record may be destroyed after the answer
         const auto loaded = m_graphWorkers.extract(graph);
         if (loaded.empty()) {
             LOG_ERROR("Error: cannot find loaded graph %s", escapeControls(graph->getName()));
             continue;
         }
-        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
+        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker, false);
         makeIdle(loaded.mapped());
     }
 }
@@ -59,12 +58,14 @@ void DeviceSchedulerStream::displace(const std::set<KelmGraph*>& graphs) {
     }
 }
 
-// Not one that is going away, nor one that this pass loads anyway or that another worker has.
+// Not one that is to be unloaded, nor one that this pass loads anyway or that another worker has.
 bool DeviceSchedulerStream::needsNewWorker(KelmGraph* graph) {
     return !m_unloadGraphs.contains(graph) && !m_loadGraphs.contains(graph) &&
            !m_graphWorkers.contains(graph);
 }
 
+// Before new graphs: a displaced one has clients that run. It stays in the set until it is seen on
+// a worker, as its load may fail.
 void DeviceSchedulerStream::placeDisplacedGraphs() {
     for (KelmGraph* graph : m_displacedGraphs) {
         if (m_idleWorkers.empty()) return;
@@ -79,18 +80,9 @@ void DeviceSchedulerStream::handleLoadGraph() {
     }
 }
 
-void DeviceSchedulerStream::makeUnload(KelmGraph* graph, WorkThread* worker) {
-    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s streamId=%s worker=%s)",
-             escapeControls(graph->getName()), escapeControls(graph->getStreamId()),
-             worker->getName());
-    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
-}
-
-void DeviceSchedulerStream::makeLoad(KelmGraph* graph, WorkThread* worker) {
-    LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s streamId=%s worker=%s)",
-             escapeControls(graph->getName()), escapeControls(graph->getStreamId()),
-             worker->getName());
-    m_operations.push_back(LoadGraphOperation::create(graph, worker));
+std::string DeviceSchedulerStream::describe(KelmGraph* graph) {
+    return DeviceSchedulerLazy::describe(graph) +
+           " streamId=" + escapeControls(graph->getStreamId());
 }
 
 }  // namespace kelm

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <set>
+#include <string>
 
 #include "scheduling/devices/DeviceSchedulerLazy.h"
 
@@ -20,6 +21,7 @@ class DeviceSchedulerStream : public DeviceSchedulerLazy {
 
  protected:
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
+    std::string describe(KelmGraph* graph) override;
 
  private:
     void forgetPlacedGraphs() REQUIRES(m_onSchedulingThread);
@@ -30,12 +32,10 @@ class DeviceSchedulerStream : public DeviceSchedulerLazy {
     void handleLoadGraph() REQUIRES(m_onSchedulingThread);
     // Whether the graph of a leaving or lost worker is to be moved to another.
     bool needsNewWorker(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
-    void makeUnload(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
-    void makeLoad(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
 
     // Deliberate: nothing here reads it, the manager sends no more workers than that.
     unsigned long m_streamDeviceNum = 0;
-    // Graphs whose worker went away or was lost. One leaves the set when it is seen on another
+    // Graphs whose worker was removed or lost. One leaves the set when it is seen on another
     // worker, so that a new load that fails leaves it waiting; and when it is unloaded or given up.
     std::set<KelmGraph*> m_displacedGraphs GUARDED_BY(m_onSchedulingThread);
 };

@@ -4,8 +4,6 @@
 
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
-#include "scheduling/devices/LoadGraphOperation.h"
-#include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
 #include "utils/TextHelper.h"
 
@@ -20,7 +18,7 @@ constexpr size_t kMaxKnownTags = 1000;
 
 DeviceSchedulerTag::~DeviceSchedulerTag() { join(); }
 
-// The worker has let go of a failed load by now, so the next count finds its headcount free.
+// The worker has forgotten a failed load by now, so the next count finds its headcount free.
 void DeviceSchedulerTag::handleLoadGraphFail(KelmGraph* graph) {
     releaseTag(graph);
     // Deliberate: an unknown tag that was refused counts from now on as one without devices.
@@ -57,13 +55,13 @@ void DeviceSchedulerTag::handleUnloadGraph() {
         releaseTag(graph);
         const auto loaded = m_graphWorkers.extract(graph);
         if (loaded.empty()) continue;
-        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker);
+        for (WorkThread* worker : loaded.mapped()) makeUnload(graph, worker, false);
         makeIdle(loaded.mapped());
         entry->second += loaded.mapped().size();
     }
 }
 
-// Only the holder lets go of the tag: a second graph of it may come and go meanwhile.
+// Only the holder frees the tag: a second graph of it may be loaded and unloaded meanwhile.
 void DeviceSchedulerTag::releaseTag(KelmGraph* graph) {
     const auto holder = m_tagGraphs.find(graph->getTag());
     if (holder != m_tagGraphs.end() && holder->second == graph) m_tagGraphs.erase(holder);
@@ -99,20 +97,14 @@ void DeviceSchedulerTag::handlePendingGraph() {
     }
 }
 
-void DeviceSchedulerTag::makeUnload(KelmGraph* graph, WorkThread* worker) {
-    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s graphTag=%s worker=%s)",
-             escapeControls(graph->getName()), escapeControls(graph->getTag()), worker->getName());
-    m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
-}
-
 void DeviceSchedulerTag::makeLoads(KelmGraph* graph, unsigned long& free) {
     for (; free > 0 && !m_idleWorkers.empty(); --free) {
-        WorkThread* const worker = takeIdleWorker();
-        LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(graph=%s graphTag=%s worker=%s)",
-                 escapeControls(graph->getName()), escapeControls(graph->getTag()),
-                 worker->getName());
-        m_operations.push_back(LoadGraphOperation::create(graph, worker));
+        makeLoad(graph, takeIdleWorker());
     }
+}
+
+std::string DeviceSchedulerTag::describe(KelmGraph* graph) {
+    return DeviceSchedulerLazy::describe(graph) + " graphTag=" + escapeControls(graph->getTag());
 }
 
 }  // namespace kelm

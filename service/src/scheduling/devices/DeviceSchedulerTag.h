@@ -23,6 +23,7 @@ class DeviceSchedulerTag : public DeviceSchedulerLazy {
 
  protected:
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
+    std::string describe(KelmGraph* graph) override;
 
  private:
     void countFreeHeads() REQUIRES(m_onSchedulingThread);
@@ -31,7 +32,6 @@ class DeviceSchedulerTag : public DeviceSchedulerLazy {
     void handleLoadGraph() REQUIRES(m_onSchedulingThread);
     void handlePendingGraph() REQUIRES(m_onSchedulingThread);
     void releaseTag(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
-    void makeUnload(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
     // Loads on as many idle workers as `free` allows, and lowers it by their number.
     void makeLoads(KelmGraph* graph, unsigned long& free) REQUIRES(m_onSchedulingThread);
 

@@ -6,7 +6,7 @@ namespace kelm {
 
 class KelmGraph;
 
-// Port: who hears of a graph's placement. Any thread; every call only queues.
+// Port: hears where a graph's load or unload has ended. Any thread; every call only queues.
 class GraphPlacementListener {
  public:
     // The graph's first load has ended, for better or worse.

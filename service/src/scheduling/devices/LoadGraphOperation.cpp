@@ -31,6 +31,7 @@ void LoadGraphOperation::wait() {
     if (!m_future.valid()) return;
     LOG_PROC(m_debugProcess, "wait load [%s] to [%s] done", escapeControls(m_graphName),
              m_worker->getName());
+    // Taken out first: an exception from the job must not leave a future for a second wait.
     const std::shared_future<int> future = std::exchange(m_future, {});
     waitDone(future, "load", m_graphName, *m_worker);
     m_retCode = future.get();
@@ -42,7 +43,8 @@ bool LoadGraphOperation::isOperation(KelmGraph* graph, StatusChangeRequestType t
     return type == REQUEST_LOAD_GRAPH && graph == m_graph;
 }
 
-// The worker frees the slot on its own later, and by then the graph's record may be gone.
+// At once: the worker frees the slot on its own later, and by then the graph's record may have been
+// destroyed.
 void LoadGraphOperation::releaseFailed() {
     if (m_retCode != KELM_OK) m_worker->removeInvalidGraph(m_graph);
 }

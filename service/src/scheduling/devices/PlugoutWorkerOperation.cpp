@@ -33,10 +33,11 @@ void PlugoutWorkerOperation::wait() {
     for (const auto& [graph, unload] : m_futures) {
         LOG_PROC(m_debugProcess, "wait unload [%s] from reset device [%s] done",
                  escapeControls(unload.graphName), m_worker->getName());
-        // The value does not matter: the device is gone.
+        // The value does not matter: the device has left the bus.
         waitDone(unload.future, "unload", unload.graphName, *m_worker);
     }
-    // What the device holds without a slave worker: once the pass is reported its record may go.
+    // Graphs that the device has only cached have no slave worker that forgets them: once the pass
+    // is reported their records may be destroyed.
     if (KelmDeviceBase* const device = m_worker->getDevice()) device->forgetGraphs();
     LOG_PROC(m_debugProcess, "tell DM to delete reset device [%s]", m_worker->getName());
     Port<WorkerRemovalListener>::notify<&WorkerRemovalListener::enqueueRemoveWorkerDone>(m_worker);

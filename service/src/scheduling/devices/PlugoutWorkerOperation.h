@@ -9,8 +9,8 @@
 
 namespace kelm {
 
-// Strips a worker that goes away of its graphs, then tells whoever deletes it. From the end of
-// wait() on the worker may be gone.
+// Strips a worker whose device leaves of its graphs, then hands it to the listener that destroys
+// it. From the end of wait() on the worker may be destroyed.
 class PlugoutWorkerOperation : public StatusChangeOperation {
  public:
     // Null, with an ERROR line, for a null argument.

@@ -33,7 +33,9 @@ void StatusChangeOperation::setPatience(std::chrono::milliseconds patience) {
     s_patience = patience;
 }
 
-// The pass and all that its scheduler has to do stand still meanwhile.
+// The whole scheduler stands still while it waits, so that a device that never answers must show in
+// the log, with what an operator can do about it. There is no limit: a job that is given up would
+// run on with a graph that may be destroyed.
 void StatusChangeOperation::waitDone(const std::shared_future<int>& job, const char* step,
                                      const std::string& graphName, WorkThread& worker) {
     const std::chrono::milliseconds patience = s_patience;

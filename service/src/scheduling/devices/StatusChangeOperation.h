@@ -14,8 +14,8 @@ class KelmGraph;
 class WorkThread;
 
 // One unit of a device scheduler's plan: load this graph on that worker, unload it, or strip a
-// worker that goes away. execute() only hands the job to the worker, so that the operations of a
-// plan run in parallel; wait() collects the outcome. One that was never executed has no effect.
+// worker whose device leaves. execute() only hands the job to the worker, so that the operations of
+// a plan run in parallel; wait() collects the outcome. One that was never executed has no effect.
 //
 // Threads: the scheduling thread only; the job runs on the worker's.
 // Owns: the future of the job. Graph and worker are borrowed until wait() has returned, and not
@@ -36,9 +36,9 @@ class StatusChangeOperation : public NonCopyable {
 
     // After wait(): makes the worker forget a graph that it failed to load.
     virtual void releaseFailed() {}
-    // After wait(): the worker, if its answer says that the device is gone, else null.
+    // After wait(): the worker, if its answer says that the device is lost, else null.
     virtual WorkThread* getLostWorker() const { return nullptr; }
-    // How long a job may take untold. For tests, before any pass.
+    // How long a job may take before the log tells of it. For tests, before any pass.
     static void setPatience(std::chrono::milliseconds patience);
     // The outcome in place of an exception that execute() or wait() threw.
     void setFailed(int32_t retCode) { m_retCode = retCode; }
@@ -50,7 +50,7 @@ class StatusChangeOperation : public NonCopyable {
     virtual void preOperation() {}
     virtual void postOperation() {}
 
-    // Whether the outcome says that the device is gone.
+    // Whether the outcome says that the device is lost.
     bool isDeviceLost() const;
     // For wait(); `step` is what the job does to the graph.
     static void waitDone(const std::shared_future<int>& job, const char* step,

@@ -32,6 +32,7 @@ void UnloadGraphOperation::wait() {
     if (!m_future.valid()) return;
     LOG_PROC(m_debugProcess, "wait unload [%s] from [%s] done", escapeControls(m_graphName),
              m_worker->getName());
+    // Taken out first: an exception from the job must not leave a future for a second wait.
     const std::shared_future<int> future = std::exchange(m_future, {});
     waitDone(future, "unload", m_graphName, *m_worker);
     m_retCode = future.get();
@@ -43,7 +44,8 @@ bool UnloadGraphOperation::isOperation(KelmGraph* graph, StatusChangeRequestType
     return type == REQUEST_UNLOAD_GRAPH && graph == m_graph;
 }
 
-// A device that died under its graph tells so here first: the next graph must not be given to it.
+// The answer to an unload may be the first sign of a device that died under its graph: the next
+// graph must not be given to it.
 WorkThread* UnloadGraphOperation::getLostWorker() const {
     return isDeviceLost() ? m_worker : nullptr;
 }

@@ -9,7 +9,7 @@
 namespace kelm {
 
 // Takes a graph off a worker. A shallow unload lets the device keep the graph in its cache, so that
-// it comes back fast; a deep one is for a graph that goes away for good.
+// it comes back fast; a deep one is for a graph that will be destroyed.
 class UnloadGraphOperation : public StatusChangeOperation {
  public:
     // Null, with an ERROR line, for a null argument.

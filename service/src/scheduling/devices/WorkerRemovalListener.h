@@ -4,7 +4,8 @@ namespace kelm {
 
 class WorkThread;
 
-// Port: who deletes a worker that its scheduler has let go of. Any thread; the call only queues.
+// Port: destroys workers that their scheduler does not use any more. Any thread; the call only
+// queues.
 class WorkerRemovalListener {
  public:
     virtual void enqueueRemoveWorkerDone(WorkThread* worker) = 0;

@@ -35,4 +35,7 @@ struct DeviceItem {
 // In order of creation, as the sets of graphs. The real items and the shadows stand in step.
 using DeviceItemSet = std::vector<DeviceItem*>;
 
+// Works out memory and load of each device from the graphs on it.
+void updateDeviceState(const DeviceItemSet& devices);
+
 }  // namespace kelm

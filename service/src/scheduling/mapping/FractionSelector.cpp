@@ -16,6 +16,7 @@ GraphItemSet selectFractions(const GraphItemSet& graphs, bool withDevice) {
     return selected;
 }
 
+// A rest on many devices weighs little on each of them.
 float weightOf(const GraphItem* item) {
     return item->devReqScaled / static_cast<float>(item->dedicatedDevNum);
 }
@@ -41,6 +42,7 @@ GraphItem* FractionSelector::chooseFirstGraphForDevice() {
 }
 
 GraphItem* FractionSelector::heaviestRest() {
+    // The order holds while rests are used up, since nothing else of them changes.
     while (m_nextRest < m_restsByWeight.size()) {
         GraphItem* item = m_restsByWeight[m_nextRest];
         if (item->devReqScaled > 0.0f) return item;

@@ -8,9 +8,9 @@
 
 namespace kelm {
 
-// Chooses which fractions of devices go together, once the whole devices are given out. A graph
-// leaves the choice when its `devReqScaled` is set to 0; until the selector goes nothing else of
-// the graphs may change, but for the device numbers of those that have left.
+// Chooses which fractions share a device, once the whole devices are given out. A graph leaves the
+// choice when its `devReqScaled` is set to 0; while the selector lives nothing else of the graphs
+// may change, but for the device numbers of those that have left.
 class FractionSelector {
  public:
     // Only running graphs with a fraction left take part.

@@ -38,8 +38,8 @@ struct GraphItem {
     MapperGraphStatus pendSavedStatus = MAPPER_GRAPH_NONE;
 };
 
-// In order of creation: appended to, never sorted. Every walk and so every tie goes by this order,
-// which makes a run repeatable; neither pointers nor ids would.
+// In order of creation: appended to, never sorted. Every walk and so every tie follows this
+// order, which makes a run repeatable; neither pointers nor ids would.
 using GraphItemSet = std::vector<GraphItem*>;
 
 }  // namespace kelm

@@ -29,6 +29,8 @@ MatchIndex::MatchIndex(const GraphItemSet& graphs) {
     buildTree();
 }
 
+// Entries of one fraction are equally near to any graph: a search looks at the first of them that
+// fits, and then skips the group.
 void MatchIndex::markGroups() {
     const size_t size = m_entries.size();
     for (size_t begin = 0, end = 0; begin < size; begin = end) {
@@ -51,7 +53,9 @@ void MatchIndex::buildTree() {
     }
 }
 
-bool MatchIndex::eraseIfGone(size_t index, const GraphItem* except) {
+// Lazily, when a search meets the entry: the planner does not tell the index what it uses up. Each
+// entry is erased once, so that all erasing together costs no more than building the tree.
+bool MatchIndex::eraseIfUsedUp(size_t index, const GraphItem* except) {
     const GraphItem* graph = m_entries[index].graph;
     if (graph != except && graph->devReqScaled > 0.0f) return false;
     size_t node = m_leaves + index;
@@ -65,7 +69,7 @@ bool MatchIndex::eraseIfGone(size_t index, const GraphItem* except) {
 size_t MatchIndex::firstFitting(size_t begin, const Query& query) {
     if (begin >= m_entries.size()) return kNone;
     size_t index = search(begin, query.memory, 1);
-    while (index != kNone && eraseIfGone(index, query.except)) {
+    while (index != kNone && eraseIfUsedUp(index, query.except)) {
         index = search(index, query.memory, 1);
     }
     return index;
@@ -74,7 +78,7 @@ size_t MatchIndex::firstFitting(size_t begin, const Query& query) {
 size_t MatchIndex::lastFitting(size_t end, const Query& query) {
     if (end == 0) return kNone;
     size_t index = search(end - 1, query.memory, 0);
-    while (index != kNone && eraseIfGone(index, query.except)) {
+    while (index != kNone && eraseIfUsedUp(index, query.except)) {
         index = search(index, query.memory, 0);
     }
     return index;
@@ -84,10 +88,12 @@ size_t MatchIndex::lastFitting(size_t end, const Query& query) {
 size_t MatchIndex::search(size_t index, uint64_t memory, size_t side) const {
     size_t node = m_leaves + index;
     while (m_least[node] > memory) {
-        while (node % 2 == side) node /= 2;  // a child on that side has no sibling further on
+        // Up, until there is a sibling further on, then over to that: nothing below this node fits.
+        while (node % 2 == side) node /= 2;
         if (node <= 1) return kNone;
         node = side == 1 ? node + 1 : node - 1;
     }
+    // Down again to the nearest leaf that fits; there is one, or the loop above had not ended.
     while (node < m_leaves) {
         const size_t nearer = 2 * node + 1 - side;
         node = m_least[nearer] <= memory ? nearer : 2 * node + side;
@@ -101,7 +107,7 @@ GraphItem* MatchIndex::smallest() {
 }
 
 GraphItem* MatchIndex::nearest(const GraphItem& graph, uint32_t memSize) {
-    if (graph.memReq > memSize) return nullptr;
+    if (graph.memReq > memSize) return nullptr;  // or the subtraction would wrap around
     const Query query{uint64_t{memSize} - graph.memReq, &graph};
     const Entry* chosen = nullptr;
     float best = std::fabs(1.0f - graph.devReqScaled);

@@ -10,7 +10,7 @@ namespace kelm {
 
 // Graphs sorted by the fraction of a device that they still ask for, to find a partner without
 // looking at all of them, and with a tree of the least memory above, so that partners that do not
-// fit cost nothing either. A graph whose `devReqScaled` has been set to 0 counts as gone; no other
+// fit cost nothing either. A graph whose `devReqScaled` has been set to 0 is used up; no other
 // change of a graph is allowed while the index lives. Graphs are borrowed for that time.
 class MatchIndex {
  public:
@@ -35,7 +35,7 @@ class MatchIndex {
 
     struct Query {
         uint64_t memory;          // that a graph may ask for at most
-        const GraphItem* except;  // counts as gone
+        const GraphItem* except;  // not a partner
     };
 
     void markGroups();
@@ -45,8 +45,8 @@ class MatchIndex {
     size_t firstFitting(size_t begin, const Query& query);
     size_t lastFitting(size_t end, const Query& query);
     size_t search(size_t index, uint64_t memory, size_t side) const;
-    // Erases an entry whose graph is gone; false if it is not.
-    bool eraseIfGone(size_t index, const GraphItem* except);
+    // Erases an entry whose graph is used up; false if it is not.
+    bool eraseIfUsedUp(size_t index, const GraphItem* except);
 
     std::vector<Entry> m_entries;
     size_t m_leaves = 1;            // a power of two

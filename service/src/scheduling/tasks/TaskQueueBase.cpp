@@ -20,7 +20,8 @@ void TaskQueueBase::insertTask(TaskList& tasks, KelmTask* task, bool head) {
     }
 }
 
-// One turn of the ring: each task is taken from the front and, unless it goes, put at the back.
+// One turn of the ring: each task is taken from the front and destroyed or put at the back, which
+// keeps the order of the rest.
 template <class Predicate>
 uint64_t TaskQueueBase::destroyIf(TaskList& tasks, Predicate predicate) {
     const size_t count = tasks.size();

@@ -11,8 +11,8 @@ namespace kelm {
 
 class KelmTask;
 
-// The tasks of one graph that wait for a worker. A task in a queue belongs to it: what is still
-// there at the end, or is removed, goes to its destruction.
+// The tasks of one graph that wait for a worker. A task in a queue belongs to it: what is removed,
+// or still there at the end, is destroyed.
 //
 // Threads: any; the schedulers call with their own mutex held.
 // Locks: m_mutex, then a task's.

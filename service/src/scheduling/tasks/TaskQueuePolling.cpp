@@ -9,8 +9,8 @@ namespace kelm {
 
 namespace {
 
-// Clients come and go while a shared graph stays: from this many entries on, a new client's arrival
-// drops those that have run empty.
+// Clients connect and depart while a shared graph stays: from this many entries on, a new client's
+// arrival drops those that have run empty, or the map would grow for as long as the graph lives.
 constexpr size_t kEntriesToKeep = 64;
 
 }  // namespace
@@ -29,6 +29,7 @@ TaskQueuePolling::TaskMap::iterator TaskQueuePolling::findServable(TaskMap::iter
     return begin;
 }
 
+// The turn must not stay on an erased entry.
 TaskQueuePolling::TaskMap::iterator TaskQueuePolling::eraseEntry(TaskMap::iterator entry) {
     const bool hadTurn = m_mapIndex == entry;
     const auto next = m_taskMap.erase(entry);
@@ -48,7 +49,7 @@ bool TaskQueuePolling::enqueue(KelmTask* task, bool head) {
     if (m_taskMap.size() >= kEntriesToKeep && !m_taskMap.contains(clientId)) forgetIdleClients();
     insertTask(m_taskMap[clientId], task, head);
     ++m_taskNum;
-    if (m_taskMap.size() == 1) m_mapIndex = m_taskMap.begin();
+    if (m_taskMap.size() == 1) m_mapIndex = m_taskMap.begin();  // it stood at the empty map's end
     task->setStatus(TASK_STATUS_QUEUED);
     return true;
 }
@@ -57,6 +58,7 @@ KelmTask* TaskQueuePolling::dequeue() {
     MutexLock lock(m_mutex);
     if (m_taskNum == 0) return nullptr;
     auto entry = findServable(m_mapIndex, m_taskMap.end());
+    // Around the end, back to where the turn is. There is a task, so one of the two finds it.
     if (entry == m_taskMap.end()) entry = findServable(m_taskMap.begin(), m_mapIndex);
     KelmTask* const task = entry->second.popFront();
     --m_taskNum;

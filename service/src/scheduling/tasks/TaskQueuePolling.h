@@ -14,7 +14,7 @@ class TaskQueuePolling : public TaskQueueBase {
  public:
     ~TaskQueuePolling() override;
 
-    // `head` puts the task ahead of its client's others and changes nobody's turn.
+    // `head` puts the task ahead of its client's others; the turns stay as they are.
     bool enqueue(KelmTask* task, bool head) override EXCLUDES(m_mutex);
     // Serves the client whose turn it is, or the next one that has a task. The turn then passes to
     // the client after that one; without any task it stays.

@@ -5,7 +5,8 @@ namespace kelm {
 class KelmGraph;
 class KelmTask;
 
-// Port: who hears of the task scheduler's decisions. Any thread; every call only queues.
+// Port: the task manager's ear for the task scheduler's decisions. Any thread; every call only
+// queues.
 class TaskScheduleListener {
  public:
     // The scheduler took the task, or refused it.

@@ -9,7 +9,10 @@ namespace kelm {
 
 namespace {
 
+// A full task pool holds up the manager that brings new tasks, which is the back-pressure on
+// clients.
 constexpr uint64_t kTaskQueueLimit = 3000;
+// By design; nothing waits here, since what ends earlier work must always get through.
 constexpr uint64_t kWorkerQueueLimit = 1000;
 
 }  // namespace

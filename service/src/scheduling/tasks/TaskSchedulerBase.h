@@ -16,11 +16,11 @@ class WorkThread;
 // Pairs two streams: tasks that want a worker for their graph, and workers that want a task of the
 // graph that they hold. Here are the two pools and the ways in; the derived class has the logic.
 //
-// Threads: any may call an enqueue... operation until the destructor begins. Tasks that come run on
-// the task pool; workers and whatever leaves run on the worker pool and are ordered among
-// themselves. A task event may overtake them.
-// Owns: the pools. The destructor of each derived class starts with stopPools(), so that nothing
-// runs on an object of which a part is gone.
+// Threads: any may call an enqueue... operation until the destructor begins. New and returned tasks
+// run on the task pool; workers, and graphs, workers and tasks that leave, run on the worker pool
+// and are ordered among themselves. A task event may overtake them. Owns: the pools. The destructor
+// of each derived class starts with stopPools(), so that nothing runs on an object of which a part
+// is destroyed.
 class TaskSchedulerBase : public NonCopyable {
  public:
     explicit TaskSchedulerBase(std::string name);

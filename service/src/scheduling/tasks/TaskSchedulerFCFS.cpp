@@ -1,5 +1,7 @@
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 
+#include <chrono>
+#include <set>
 #include <utility>
 
 #include "config/ServiceConfigParser.h"
@@ -15,6 +17,7 @@
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
@@ -43,7 +46,7 @@ void decreaseClientWaitingInferenceNum(const KelmTask* task) {
 
 }  // namespace
 
-// Ends a hand-over on every way out.
+// Ends a hand-over on every way out; a pool that is stopped throws.
 class TaskSchedulerFCFS::HandOverScope {
  public:
     explicit HandOverScope(TaskSchedulerFCFS& scheduler) : m_scheduler(scheduler) {}
@@ -70,12 +73,14 @@ TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name, ForDerived)
 
 TaskSchedulerFCFS::~TaskSchedulerFCFS() { shutDown(); }
 
+// Last in a constructor: from here on the printer's thread may call.
 void TaskSchedulerFCFS::startPrinting() {
     if (!m_snapshotBase) return;
     m_printing = true;
     (void)Port<InfoCollector>::ask<&InfoCollector::registerListener>(false, this);
 }
 
+// First in a destructor: the printer's thread and the pools end before any part of the object does.
 void TaskSchedulerFCFS::shutDown() {
     if (std::exchange(m_printing, false)) {
         Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
@@ -99,7 +104,7 @@ bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
 }
 
 void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
-    const uint64_t taskId = task->getId();  // once handed on, the task may have ended
+    const uint64_t taskId = task->getId();  // once handed on, the task may be destroyed
     KelmGraph* const graph = task->getGraph();
     LOG_PROC(m_debugProcess, "[Schedule#0] schedule task(%lu) start", taskId);
     if (!acceptTask(task)) {
@@ -107,6 +112,7 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
         Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, false);
         return;
     }
+    // Before the task is handed on: its end may be reported right after that, and must come second.
     Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, true);
     if (WorkThread* const worker = takeWorkerOrQueue(task, false)) {
         const HandOverScope scope(*this);
@@ -121,7 +127,7 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     LOG_PROC(m_debugProcess, "[Schedule#2] schedule task(%lu) finish", taskId);
 }
 
-// The rates are left alone: the task was counted when it was first scheduled. So is the limit.
+// Neither counts for the rates nor for the limit: the task did both when it was first scheduled.
 void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();
     LOG_PROC(m_debugProcess, "[Reschedule#0] re-schedule task(%lu) start", taskId);
@@ -145,13 +151,12 @@ void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
 }
 
 WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
-    WorkThread* const worker = dequeueWaitingWorker(task->getGraph());
-    return worker != nullptr ? worker : enqueueWaitingTask(task, head);
-}
-
-WorkThread* TaskSchedulerFCFS::dequeueWaitingWorker(KelmGraph* graph) {
-    MutexLock lock(m_mutex);
-    return dequeueWaitingWorkerUnsafe(graph);
+    {
+        MutexLock lock(m_mutex);
+        WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+        if (worker != nullptr) return worker;
+    }
+    return enqueueWaitingTask(task, head);
 }
 
 WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
@@ -163,7 +168,8 @@ WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
 }
 
 WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
-    // The client cannot go while the task lives, and the task is this thread's until it is queued.
+    // The client cannot be destroyed while the task lives, and the task is this thread's until it
+    // is queued.
     KelmClient* const client = findClient(task->getClientId());
     if (client == nullptr) {
         destroyTask(task);
@@ -171,8 +177,9 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
     }
     {
         MutexLock lock(m_mutex);
-        // A graph that goes cancels its tasks before descheduleGraph() empties its queue. A task
-        // that is not canceled here is queued before that; a canceled one would be queued for ever.
+        // When a graph departs its tasks are canceled before descheduleGraph() empties its queue. A
+        // task that is not canceled here is queued before that; a canceled one would come after it
+        // and stay queued for ever.
         if (!task->isCanceled()) {
             WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
             if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
@@ -193,6 +200,7 @@ void TaskSchedulerFCFS::enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& cli
     client.increaseWaitingInferenceNum();
 }
 
+// The confirmations are given outside the lock: the worker locks too.
 void TaskSchedulerFCFS::endHandOver() {
     HandOver ended;
     {
@@ -216,6 +224,8 @@ void TaskSchedulerFCFS::scheduleWorker(WorkThread* worker, KelmGraph* graph) {
     LOG_PROC(m_debugProcess, "[Schedule#2] schedule worker(%s) finish", worker->getName());
 }
 
+// One lock over the look and the listing, or a task could be queued between them and wait for a
+// worker that is listed already. No notice is given under it.
 KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph) {
     for (;;) {
         KelmTask* task = nullptr;
@@ -223,7 +233,7 @@ KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph
             MutexLock lock(m_mutex);
             task = dequeueWaitingTaskUnsafe(graph);
             if (task == nullptr) {
-                enqueueWaitingWorkerUnsafe(worker, graph);
+                m_waitingWorkers[graph].pushBack(worker);
                 return nullptr;
             }
         }
@@ -242,10 +252,8 @@ KelmTask* TaskSchedulerFCFS::dequeueWaitingTaskUnsafe(KelmGraph* graph) {
     return task;
 }
 
-void TaskSchedulerFCFS::enqueueWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
-    m_waitingWorkers[graph].pushBack(worker);
-}
-
+// One turn of the ring, which keeps the order of the others. A worker may be listed more than once:
+// only its first entry is removed.
 void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) {
     const auto entry = m_waitingWorkers.find(graph);
     if (entry == m_waitingWorkers.end()) return;
@@ -262,9 +270,10 @@ void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph*
     if (workers.empty()) m_waitingWorkers.erase(entry);
 }
 
-// This runs on the pool of scheduleWorker(), so no more tasks come from there once it is confirmed.
+// This runs on the pool of scheduleWorker(), so no task reaches the worker from there afterwards. A
+// task event may hold the worker at this moment: then the confirmation waits for endHandOver().
 void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
-    // Named first: once confirmed, both may be gone.
+    // Named first: once confirmed, both may be destroyed.
     const std::string workerName = m_debugProcess ? worker->getName() : std::string();
     const std::string graphName = m_debugProcess ? graph->getName() : std::string();
     bool handedOver = false;
@@ -280,7 +289,7 @@ void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
 }
 
 void TaskSchedulerFCFS::descheduleTask(KelmTask* task) {
-    const uint64_t taskId = task->getId();  // once answered, the task may be gone
+    const uint64_t taskId = task->getId();  // once answered, the task may be destroyed
     const bool removed = removeWaitingTask(task);
     Listener::notify<&TaskScheduleListener::enqueueDescheduleTaskDone>(task, removed);
     LOG_PROC(m_debugProcess, "[Deschedule] deschedule task(%lu) %s", taskId,
@@ -307,9 +316,10 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* gra
 }
 
 void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
-    // Named first: once confirmed, the graph may be gone.
+    // Named first: once confirmed, the graph may be destroyed.
     const std::string name = m_debugProcess ? graph->getName() : std::string();
     LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", escapeControls(name));
+    // Emptied outside the lock: the end of its tasks notifies.
     std::unique_ptr<TaskQueueBase> queue;
     uint64_t workerNum = 0;
     {
@@ -332,6 +342,46 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
     }
     Listener::notify<&TaskScheduleListener::enqueueDescheduleGraphDone>(graph);
     LOG_PROC(m_debugProcess, "[Deschedule#3] deschedule graph(%s) done", escapeControls(name));
+}
+
+void TaskSchedulerFCFS::onPrintInfo() { snapShotUnlocked("Regular"); }
+
+void TaskSchedulerFCFS::snapShotUnlocked(const char* label) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    std::string text = std::string("TaskSnapshot(") + label + ")\n";
+    text += "----------------------------- " + getName() + " ------------------------------\n";
+    text += "Time: " + getCurrentTime() + "\n";
+    {
+        MutexLock lock(m_mutex);
+        std::set<KelmGraph*> graphs;
+        for (const auto& entry : m_taskQueues) graphs.insert(entry.first);
+        for (const auto& entry : m_waitingWorkers) {
+            if (!entry.second.empty()) graphs.insert(entry.first);
+        }
+        for (KelmGraph* const graph : graphs) appendGraphUnsafe(text, graph);
+    }
+    const auto cost = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    text += "TaskSnapshot costs " + std::to_string(cost.count()) + " ms\n" + std::string(71, '-');
+    LOG_INFO("%s", text);
+}
+
+// The keys of m_taskQueues and of lists with workers are alive: both are erased before the graph's
+// departure is confirmed.
+void TaskSchedulerFCFS::appendGraphUnsafe(std::string& text, KelmGraph* graph) {
+    text += "GraphName: [" + escapeControls(graph->getName()) + "]\n";
+    const auto queue = m_taskQueues.find(graph);
+    text += queue != m_taskQueues.end() ? "  " + queue->second->getDescription()
+                                        : "  WaitingTasks(numWaitTasks=0):\n";
+    const auto entry = m_waitingWorkers.find(graph);
+    if (entry == m_waitingWorkers.end() || entry->second.empty()) {
+        text += "  WaitingWorkers(numWaitWorkers=0):\n";
+        return;
+    }
+    const WorkerList& workers = entry->second;
+    text += "  WaitingWorkers(numWaitWorkers=" + std::to_string(workers.size()) + "): ";
+    for (size_t i = 0; i < workers.size(); ++i) text += "[" + workers.at(i)->getName() + "]";
+    text += "\n";
 }
 
 }  // namespace kelm

@@ -17,14 +17,15 @@ class KelmClient;
 class TaskQueueBase;
 
 // Pairs waiting tasks with waiting workers, graph by graph, in order of arrival. While m_mutex is
-// free a graph has queued tasks or listed workers, never both: who queues itself looks once more
-// under the same lock, and the second of the two makes the pair.
+// free a graph has queued tasks or listed workers, never both: a task and a worker each look for
+// the other once more under the lock under which they would be queued, and the second makes the
+// pair.
 //
 // Threads: overrides run on the base's two pools, onPrintInfo() on the printer's thread.
 // Owns: the queues and, through them, the queued tasks. Graphs are borrowed until
 // descheduleGraph(), workers until descheduleWorker() has been confirmed to them. A task event may
 // hold a worker (and so its graph) at that moment: then the end of that hand-over confirms, and
-// neither can go while the task's thread uses it.
+// neither is destroyed while the task's thread uses it.
 // Locks: m_mutex, then a queue's mutex, then a task's. No call into a worker is made under it,
 // since workers lock too.
 class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
@@ -64,14 +65,13 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     };
     class HandOverScope;
 
-    // Whether the task may go on: not canceled, and room under the limit.
+    // Whether the task is taken: not canceled, and room under the limit.
     bool acceptTask(KelmTask* task);
     // A worker for the task, with the hand-over begun; without one the task is queued.
     WorkThread* takeWorkerOrQueue(KelmTask* task, bool head) EXCLUDES(m_mutex);
-    WorkThread* dequeueWaitingWorker(KelmGraph* graph) EXCLUDES(m_mutex);
     WorkThread* dequeueWaitingWorkerUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
     // Queues the task; or returns the worker that has been listed since the first look. A task that
-    // nobody may run any more is destroyed instead.
+    // is canceled or whose client has departed is destroyed instead.
     WorkThread* enqueueWaitingTask(KelmTask* task, bool head) EXCLUDES(m_mutex);
     void enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& client, bool head) REQUIRES(m_mutex);
     void endHandOver() EXCLUDES(m_mutex);
@@ -79,7 +79,6 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     // The graph's next task that is not canceled; without one the worker is listed.
     KelmTask* takeTaskOrWait(WorkThread* worker, KelmGraph* graph) EXCLUDES(m_mutex);
     KelmTask* dequeueWaitingTaskUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
-    void enqueueWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) REQUIRES(m_mutex);
     void removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph* graph) REQUIRES(m_mutex);
     bool removeWaitingTask(KelmTask* task) EXCLUDES(m_mutex);
     std::unique_ptr<TaskQueueBase> takeQueueUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
