@@ -37,6 +37,14 @@ class DeviceManagerTest : public DevicesRig {
         manager->setDeviceList(kSubclass, names);
         return manager;
     }
+    // Of the first device in the table.
+    static std::string readResetTimes(DeviceManager& manager) {
+        testing::internal::CaptureStdout();
+        manager.onPrintInfo();
+        const std::string text = testing::internal::GetCapturedStdout();
+        const size_t cell = text.find("| resetTimes  | ");
+        return cell == std::string::npos ? "none" : text.substr(cell + 16, 1);
+    }
     std::vector<std::unique_ptr<KelmTask>> m_tasks;
     bool hasOpened(const std::string& name, int times) {
         return eventually([&] { return m_devices[name].count(DeviceCall::Open) == times; });
@@ -188,6 +196,8 @@ TEST_F(DeviceManagerTest, BrokenTagMapEndsTheStart) {
 }
 
 TEST_F(DeviceManagerTest, PlugEventsOfADeviceActInTheirOrder) {
+    configure(R"({"debug_settings": {"info_printer": {"device_snapshot_mode": "base",
+                                                      "device_snapshot_style": "table"}}})");
     const auto manager = makeManager({});
     RemovalRelay relay(*manager);
     ScopedPort<WorkerRemovalListener> port(relay);
@@ -201,16 +211,20 @@ TEST_F(DeviceManagerTest, PlugEventsOfADeviceActInTheirOrder) {
     m_devices["a"].release(DeviceCall::Open);
     EXPECT_TRUE(hasOpened("a", 2));
     EXPECT_TRUE(eventually([&] { return manager->getWorkerNum() == 1; }));
+    EXPECT_EQ(readResetTimes(*manager), "1");
     EXPECT_TRUE(manager->stop());
-    EXPECT_EQ(manager->getResetTimes("a"), 1);
     EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 2);
 }
 
 TEST_F(DeviceManagerTest, RemovalOfAnUnknownDeviceIsNotCounted) {
+    configure(R"({"debug_settings": {"info_printer": {"device_snapshot_mode": "base",
+                                                      "device_snapshot_style": "table"}}})");
     const auto manager = makeManager({"a"});
     EXPECT_TRUE(manager->enqueuePlugoutDevice(kSubclass, "b"));
+    EXPECT_TRUE(manager->enqueuePluginDevice(kSubclass, "b"));
+    EXPECT_TRUE(eventually([&] { return manager->getWorkerNum() == 2; }));
+    EXPECT_EQ(readResetTimes(*manager), "0");
     EXPECT_TRUE(manager->stop());
-    EXPECT_EQ(manager->getResetTimes("b"), 0);
 }
 
 TEST_F(DeviceManagerTest, DeviceOpensAnewOnlyAfterItsOldWorkerIsGone) {

@@ -214,7 +214,7 @@ class DeviceReportTest : public DevicesRig {
     }
     static std::shared_ptr<KelmStatus> query(DeviceManager& manager) {
         const auto status = std::make_shared<KelmStatus>();
-        manager.queryDeviceStatus(status);
+        manager.queryDeviceStatus(*status);
         return status;
     }
 

@@ -8,9 +8,11 @@
 #include "execution/KelmDeviceBase.h"
 #include "execution/ResultSink.h"
 #include "execution/WorkThread.h"
+#include "protocol/src/InfoPackage.h"
 #include "protocol/src/KelmError.h"
 #include "records/ClientDirectory.h"
 #include "records/KelmGraph.h"
+#include "reporting/ReportPart.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
@@ -26,6 +28,7 @@ constexpr uint64_t kPoolThreads = 3;
 constexpr uint64_t kPoolLimit = 20;
 // Answers to questions are quick: no manager that has stopped has anything to tell.
 constexpr std::chrono::seconds kPoolEndTime{3};
+constexpr const char* kSource = "DeviceManagerCreator";  // of the parts of reports
 
 void answerReset(KelmError error, int socket, void* userParam) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
@@ -162,6 +165,40 @@ void DeviceManagerCreator::enqueueResetDevice(uint64_t clientId, uint32_t device
     }
     LOG_ERROR("Error: cannot find device manager with deviceId(%d)", deviceId);
     answerReset(KELM_ERROR_INVALID_DEVICE, socket, userParam);
+}
+
+void DeviceManagerCreator::enqueueQueryDeviceStatus(const std::shared_ptr<KelmStatus>& status) {
+    m_threadPool.post([this, status] { queryDeviceStatus(status); });
+}
+
+void DeviceManagerCreator::enqueueQueryDeviceScheduler(const std::shared_ptr<KelmStatus>& status) {
+    m_threadPool.post([this, status] { queryDeviceScheduler(status); });
+}
+
+void DeviceManagerCreator::enqueueUpdateInfoPackage(InfoPackage* package) {
+    m_threadPool.postNotice([this, package] { updateInfoPackage(package); });
+}
+
+void DeviceManagerCreator::queryDeviceStatus(const std::shared_ptr<KelmStatus>& status) {
+    reportStatusPart(status, kSource, [this](KelmStatus& record) {
+        for (const auto& [subclass, manager] : m_deviceManagers) manager->queryDeviceStatus(record);
+    });
+}
+
+void DeviceManagerCreator::queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status) {
+    reportStatusPart(status, kSource, [this](KelmStatus& record) {
+        if (m_deviceManagers.empty()) return;
+        m_deviceManagers.begin()->second->queryDeviceScheduler(record);
+    });
+}
+
+void DeviceManagerCreator::updateInfoPackage(InfoPackage* package) {
+    reportPackagePart(kSource, [this, package] {
+        package->deviceCount = 0;
+        for (const auto& [subclass, manager] : m_deviceManagers) {
+            manager->updateInfoPackage(*package);
+        }
+    });
 }
 
 bool DeviceManagerCreator::stop() {
