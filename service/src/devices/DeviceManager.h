@@ -38,8 +38,8 @@ struct DeviceManagerLimits {
 // the own pool, so that a worker found there stays while it is used. The plug events of a device
 // have a thread, the temperatures another.
 // Owns: schedulers and workers.
-// Locks: none of its own. The plug queue's, then the registry's, then a scheduler's inbox or a
-// worker's; that of the threads is a leaf.
+// Locks: none of its own. The registry's comes before a scheduler's inbox and a worker's, the plug
+// queue's before that of the threads, which is a leaf as the thermal reader's is.
 class DeviceManager : public NonCopyable, public PrintInfoListener {
  public:
     // Dropping the last pointer stops the manager. If it cannot stop in time it is left behind with

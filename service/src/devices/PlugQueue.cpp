@@ -14,8 +14,6 @@ void PlugQueue::enqueue(const std::string& device, Event event) {
         if (queued->second.back() != event) queued->second.push_back(event);
         return;
     }
-    // The start of the service opens its devices without an event.
-    if (event == PLUG_IN && m_workers.isCreating(device)) return;
     m_events[device].push_back(event);
     if (!m_threads.start([this, device] { handleEvents(device); })) m_events.erase(device);
 }

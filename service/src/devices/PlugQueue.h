@@ -18,7 +18,7 @@ class WorkerRegistry;
 //
 // Threads: any; a device with events has a thread, which ends with the last of them.
 // Owns: the events. Borrows the registry and the threads, which outlive it.
-// Locks: m_mutex, then the registry's or that of the threads; not held while an event is handled.
+// Locks: m_mutex, then that of the threads; not held while an event is handled.
 class PlugQueue : public NonCopyable {
  public:
     enum Event { PLUG_IN, PLUG_OUT };

@@ -201,11 +201,6 @@ std::set<WorkThread*> WorkerRegistry::getWorkers() {
 
 uint64_t WorkerRegistry::getWorkerNum() { return getWorkers().size(); }
 
-bool WorkerRegistry::isCreating(const std::string& device) {
-    MutexLock lock(m_mutex);
-    return findCreatingUnsafe(device) != m_entries.end();
-}
-
 WorkerRegistry::PinnedWorker WorkerRegistry::pin(WorkThread* worker) {
     MutexLock lock(m_mutex);
     const auto entry = findUnsafe(worker);

@@ -62,8 +62,6 @@ class WorkerRegistry : public NonCopyable {
     // that are left behind may hold graphs whose records are destroyed.
     std::vector<DeviceFigures> readDevices() EXCLUDES(m_mutex);
 
-    bool isCreating(const std::string& device) EXCLUDES(m_mutex);
-
     // No worker comes any more, and nothing waits for one that leaves.
     void close() EXCLUDES(m_mutex);
     // After close(), and once the threads have ended and the schedulers stopped: destroys all
