@@ -41,7 +41,7 @@ class DeviceManagerCreatorTest : public DevicesRig {
         m_monitor = monitor.get();
         m_creator = std::make_unique<DeviceManagerCreator>(std::move(monitor));
         Port<WorkerRemovalListener>::connect(
-            [this]() -> ::kelm::WorkerRemovalListener& { return *m_creator; });
+            [this]() -> WorkerRemovalListener& { return *m_creator; });
         m_clients.add(kClient, "client");
     }
     KelmGraph* makeGraphOf(int subclass) {

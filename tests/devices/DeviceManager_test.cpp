@@ -89,11 +89,13 @@ TEST_F(DeviceManagerTest, FailedReservedDeviceGivesUpItsGraphAndItsPlace) {
     std::string first = "a";
     std::string second = "b";
     if (m_devices[first].count(DeviceCall::Allocate) == 0) std::swap(first, second);
+    WorkThread* const failed = m_exchange.scheduled().back().first;
     m_devices[first].failAll(DeviceCall::Thermal, kHardwareError);
     ASSERT_TRUE(hasLoaded(second, 1));
     ASSERT_TRUE(isOnDevices(graph, 1));
 
-    // The first one's place is free, and only once, though it leaves and returns.
+    // The first one's place is free, and only once, though the failure is told again and it leaves.
+    m_manager->enqueueWorkerFailed(failed);
     plugIn("c");
     ASSERT_TRUE(hasWorkers(3));
     plugOut(first);
@@ -164,6 +166,15 @@ TEST_F(DeviceManagerTest, DeviceIsOpenedAnewOnceItsOldWorkerIsDestroyedOrThatTak
         plugIn(testCase.device);
         EXPECT_EQ(device.count(DeviceCall::Open), testCase.openedAtLast);
     }
+}
+
+TEST_F(DeviceManagerTest, StopEndsTheWaitForAnOldWorker) {
+    Port<WorkerRemovalListener>::disconnect();  // the old worker stays
+    startManager({"a"});
+    plugIn("a");
+    ASSERT_TRUE(hasWorkers(0));
+    EXPECT_TRUE(m_manager->stop());
+    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 1);
 }
 
 TEST_F(DeviceManagerTest, ManagerWhoseDeviceNeverAnswersIsLeftBehindAndTellsNothing) {

@@ -26,9 +26,7 @@ namespace kelm {
 
 // Scripted devices, listeners that record, a configuration of the test's own, and a manager of
 // subclass 0 that hears of its workers as it does in the service.
-class DevicesRig : public ::testing::Test,
-                   public WorkerRemovalListener,
-                   public WorkerFailureListener {
+class DevicesRig : public ::testing::Test {
  protected:
     void SetUp() override {
         configure(R"({"fake_device_settings": {"enable_fake_device": false},
@@ -67,6 +65,7 @@ class DevicesRig : public ::testing::Test,
                       std::chrono::milliseconds stop = std::chrono::seconds(30),
                       std::chrono::milliseconds oldWorker = std::chrono::seconds(60)) {
         m_manager = DeviceManager::create("DeviceManager0", {stop, oldWorker});
+        m_relay.manager = m_manager.get();
         m_manager->setDeviceList(0, names);
     }
     void plugIn(const std::string& name) { EXPECT_TRUE(m_manager->enqueuePluginDevice(0, name)); }
@@ -93,12 +92,16 @@ class DevicesRig : public ::testing::Test,
         return status;
     }
 
-    void enqueueRemoveWorkerDone(WorkThread* worker) override {
-        m_manager->enqueueRemoveWorkerDone(worker);
-    }
-    void enqueueWorkerFailed(WorkThread* worker) override {
-        m_manager->enqueueWorkerFailed(worker);
-    }
+    // Hands a manager its own notices.
+    struct Relay final : WorkerRemovalListener, WorkerFailureListener {
+        void enqueueRemoveWorkerDone(WorkThread* worker) override {
+            manager->enqueueRemoveWorkerDone(worker);
+        }
+        void enqueueWorkerFailed(WorkThread* worker) override {
+            manager->enqueueWorkerFailed(worker);
+        }
+        DeviceManager* manager = nullptr;
+    };
 
     TempDir m_dir;
     std::vector<std::unique_ptr<KelmGraph>> m_graphs;
@@ -112,8 +115,9 @@ class DevicesRig : public ::testing::Test,
     FakeInfoCollector m_collector;
     ScopedPort<InfoCollector> m_collectorPort{m_collector};
     std::shared_ptr<DeviceManager> m_manager;
-    ScopedPort<WorkerRemovalListener> m_removalPort{*this};
-    ScopedPort<WorkerFailureListener> m_failurePort{*this};
+    Relay m_relay;
+    ScopedPort<WorkerRemovalListener> m_removalPort{m_relay};
+    ScopedPort<WorkerFailureListener> m_failurePort{m_relay};
 };
 
 }  // namespace kelm

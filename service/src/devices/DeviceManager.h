@@ -34,12 +34,11 @@ struct DeviceManagerLimits {
 // The front of the devices of one subclass: of their workers, the schedulers that these are divided
 // among, their plug events, temperatures and reports.
 //
-// Threads: any. Resets are passed on, and workers that their scheduler has let go of are taken, on
-// the own pool, so that a worker found there stays while it is used. The plug events of a device
-// have a thread, the temperatures another.
-// Owns: schedulers and workers.
-// Locks: none of its own. The registry's comes before a scheduler's inbox and a worker's, the plug
-// queue's before that of the threads, which is a leaf as the thermal reader's is.
+// Threads: any. The own pool passes resets on and begins the destruction of removed workers: both
+// on one thread, so that the worker that a reset has found is not destroyed before it has the
+// reset. The plug events of a device have a thread, the temperatures another. Owns: schedulers and
+// workers. Locks: none of its own. The registry's comes before a scheduler's inbox and a worker's,
+// the plug queue's before that of the threads, which is a leaf as the thermal reader's is.
 class DeviceManager : public NonCopyable, public PrintInfoListener {
  public:
     // Dropping the last pointer stops the manager. If it cannot stop in time it is left behind with
@@ -58,9 +57,9 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     bool hasDevice(uint32_t deviceId) { return m_workers.findWorker(deviceId) != nullptr; }
     // Passes `userParam`, the request message, on to the answer.
     void enqueueResetDevice(uint64_t clientId, uint32_t deviceId, int socket, void* userParam);
-    // The scheduler has let go of the worker.
+    // The scheduler does not use the removed worker any more: it is destroyed.
     void enqueueRemoveWorkerDone(WorkThread* worker);
-    // Its device has failed: the scheduler is woken, and a reserved place is free again.
+    // Its device has failed: the scheduler is woken, and a reserved place is free for another.
     void enqueueWorkerFailed(WorkThread* worker) { m_workers.handleFailure(worker); }
     // A device has come or left. Never block; false for a subclass that is not this manager's.
     bool enqueuePluginDevice(int subclass, const std::string& name);

@@ -55,7 +55,7 @@ DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> im
 DeviceManagerCreator::~DeviceManagerCreator() {
     Port<WorkerRemovalListener>::disconnect();
     Port<WorkerFailureListener>::disconnect();
-    (void)stop();  // what does not stop is left behind by its owner
+    (void)stop();  // what does not end in time is left behind, as its manager says
 }
 
 void DeviceManagerCreator::initDeviceMonitor() {
@@ -95,10 +95,11 @@ void DeviceManagerCreator::launchDeviceMonitor() {
         [this](const DeviceDesc& desc, DeviceMonitor::PlugType type) {
             handlePlugEvent(desc, type);
         });
+    // Without it the service runs with the devices that it has found.
     if (!m_deviceMonitor.launch()) LOG_ERROR("Can not launch DeviceMonitor.");
 }
 
-// On the monitor's thread: the managers only queue.
+// On the monitor's thread, which brings the events of all devices: the managers only queue.
 void DeviceManagerCreator::handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type) {
     const int subclass = desc.interfaceSubclass;
     const std::shared_ptr<DeviceManager> manager = findManager(subclass);
@@ -187,6 +188,7 @@ void DeviceManagerCreator::queryDeviceStatus(const std::shared_ptr<KelmStatus>& 
 
 void DeviceManagerCreator::queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status) {
     reportStatusPart(status, kSource, [this](KelmStatus& record) {
+        // Of the first manager: all have the same.
         if (m_deviceManagers.empty()) return;
         m_deviceManagers.begin()->second->queryDeviceScheduler(record);
     });
@@ -194,7 +196,7 @@ void DeviceManagerCreator::queryDeviceScheduler(const std::shared_ptr<KelmStatus
 
 void DeviceManagerCreator::updateInfoPackage(InfoPackage* package) {
     reportPackagePart(kSource, [this, package] {
-        package->deviceCount = 0;
+        package->deviceCount = 0;  // Deliberate: no manager raises it, see writeDeviceRows()
         for (const auto& [subclass, manager] : m_deviceManagers) {
             manager->updateInfoPackage(*package);
         }
@@ -202,8 +204,8 @@ void DeviceManagerCreator::updateInfoPackage(InfoPackage* package) {
 }
 
 bool DeviceManagerCreator::stop() {
-    m_deviceMonitor.stop();
-    m_resets.close();
+    m_deviceMonitor.stop();  // first: no plug event reaches a manager that is being stopped
+    m_resets.close();        // what waits is refused, or the pool would not be idle in time
     bool stopped = true;
     for (const auto& [subclass, manager] : m_deviceManagers) stopped &= manager->stop();
     stopped &= m_threadPool.waitIdleFor(kPoolEndTime);

@@ -27,6 +27,8 @@ void DeviceReport::print() {
     if (m_settings.snapshotEnabled) snapshot();
 }
 
+// One message of many lines, so that no other thread's line comes between. The names are texts of
+// clients: a line end in one would forge a line of the log.
 void DeviceReport::printDeviceFps() {
     const std::vector<DeviceFigures> devices = m_workers.readDevices();
     std::string text = "DeviceFps(count=" + std::to_string(devices.size()) + "):\n";
@@ -51,6 +53,7 @@ void DeviceReport::printDeviceUtilization() {
         for (const SlotFigures& slot : device.slots) {
             if (!slot.current.name.empty()) graphs += "@" + escapeControls(slot.current.name);
         }
+        // The utilization is the device's, so its graphs share one line.
         text += "[" + device.name + (graphs.empty() ? "@" : graphs) +
                 "] = " + formatFixed(device.utilization * 100, 2) + "\n";
     }
@@ -59,7 +62,7 @@ void DeviceReport::printDeviceUtilization() {
 
 void DeviceReport::snapshot() {
     const std::vector<DeviceFigures> devices = m_workers.readDevices();
-    if (devices.empty()) return;
+    if (devices.empty()) return;  // a table without columns tells nothing
     const DeviceSnapshot::Style style{m_settings.snapshotListStyle, m_settings.snapshotFull,
                                       m_settings.maxGraphNumPerDevice,
                                       m_settings.maxCachedGraphNum};

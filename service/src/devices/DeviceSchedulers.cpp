@@ -135,11 +135,11 @@ void DeviceSchedulers::removeWorker(WorkThread* worker, bool hasPlace) {
 
 // The ordinary graphs have no quota: their devices count until they are unplugged, so that a create
 // in between waits for the device that returns from its reset, and is not refused.
-bool DeviceSchedulers::handleFailure(WorkThread* worker, bool hasPlace) {
+bool DeviceSchedulers::handleFailure(WorkThread* worker) {
     Slot* const slot = findSlot(worker);
     if (slot == nullptr) return false;
     const bool isReserved = slot != &m_slots[SQUEEZE];
-    if (isReserved && hasPlace) slot->workerCount.fetch_sub(1);
+    if (isReserved) slot->workerCount.fetch_sub(1);
     slot->scheduler->wake();
     return isReserved;
 }

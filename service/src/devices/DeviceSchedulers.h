@@ -38,11 +38,11 @@ class DeviceSchedulers : public NonCopyable {
 
     // To the first of tag, stream and squeeze that is short of workers.
     void addWorker(WorkThread* worker);
-    // Its scheduler unloads what it holds. `hasPlace`: it has not failed before.
+    // Its scheduler unloads what it holds. `hasPlace`: no failure has freed its place before.
     void removeWorker(WorkThread* worker, bool hasPlace);
-    // Wakes the scheduler of a worker whose device has failed. True if its place was a reserved
-    // one: that is free then for the next device that comes.
-    bool handleFailure(WorkThread* worker, bool hasPlace);
+    // Wakes the scheduler of a worker whose device has failed. True if the worker had a reserved
+    // place: that is free now for the next device that comes.
+    bool handleFailure(WorkThread* worker);
 
     // Ends all scheduling threads; false if one has not ended by the deadline.
     bool stop(BoundedThreads::Deadline deadline);

@@ -15,6 +15,7 @@ void PlugQueue::enqueue(const std::string& device, Event event) {
         return;
     }
     m_events[device].push_back(event);
+    // Without a thread the events of the device are lost, and it can be plugged in again.
     if (!m_threads.start([this, device] { handleEvents(device); })) m_events.erase(device);
 }
 

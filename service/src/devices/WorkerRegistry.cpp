@@ -51,7 +51,7 @@ void WorkerRegistry::createWorkThread(const std::string& device) {
     }
     const std::string workerName = worker->getName();
     worker = adoptWorker(std::move(worker), device);
-    if (worker) return;
+    if (worker) return;  // closed meanwhile: the worker is destroyed here
     LOG_INFO("worker(%s) created on device(%s), type(%d)", workerName, device, m_settings.subclass);
 }
 
@@ -116,6 +116,8 @@ std::unique_ptr<WorkThread> WorkerRegistry::adoptWorker(std::unique_ptr<WorkThre
     return nullptr;
 }
 
+// Only begins the way to the destruction: the scheduler may still use the worker, so the object
+// stays until removeWorkerDone().
 bool WorkerRegistry::destroyWorkThread(const std::string& device) {
     const auto entry =
         findIfUnsafe([&](const Entry& each) { return each.device == device && each.counts(); });
@@ -126,6 +128,7 @@ bool WorkerRegistry::destroyWorkThread(const std::string& device) {
     return true;
 }
 
+// A reset takes the device off the bus too, so what is counted here is shown as resets.
 void WorkerRegistry::removeResetWorker(const std::string& device) {
     MutexLock lock(m_mutex);
     if (destroyWorkThread(device)) ++m_resetTimes[device];
@@ -134,9 +137,9 @@ void WorkerRegistry::removeResetWorker(const std::string& device) {
 void WorkerRegistry::handleFailure(WorkThread* worker) {
     MutexLock lock(m_mutex);
     const auto entry = findUnsafe(worker);
-    if (entry == m_entries.end() || !entry->counts()) return;  // it is being removed already
-    const bool hasPlace = entry->phase == Phase::Active;
-    if (m_schedulers.handleFailure(worker, hasPlace)) entry->phase = Phase::Failed;
+    // What has given up its place, by an earlier failure or its removal, has none to give up.
+    if (entry == m_entries.end() || entry->phase != Phase::Active) return;
+    if (m_schedulers.handleFailure(worker)) entry->phase = Phase::Failed;
 }
 
 void WorkerRegistry::removeWorkerDone(WorkThread* worker) {
@@ -157,7 +160,7 @@ bool WorkerRegistry::beginDestruction(WorkThread* worker) {
 
 void WorkerRegistry::destroyWorker(WorkThread* worker) {
     MutexLock lock(m_mutex);
-    const auto entry = findUnsafe(worker);  // no other thread ends what is Destroying
+    const auto entry = findUnsafe(worker);  // stays valid: only this thread erases it
     while (entry->isPinned) m_changed.wait(m_mutex);
     std::unique_ptr<WorkThread> owned = std::move(entry->worker);
     lock.unlock();
@@ -219,6 +222,7 @@ std::vector<DeviceFigures> WorkerRegistry::readDevices() {
     std::vector<DeviceFigures> devices;
     MutexLock lock(m_mutex);
     if (m_closed) return devices;
+    // Under the mutex, which keeps the workers; what is read takes short locks only.
     for (WorkThread* worker : getWorkersUnsafe()) {
         DeviceFigures& device = devices.emplace_back(DeviceFigures::read(*worker));
         m_schedulers.describe(*worker, device);

@@ -43,11 +43,11 @@ class WorkerRegistry : public NonCopyable {
                    BoundedThreads& threads, std::chrono::milliseconds patience);
     ~WorkerRegistry();
 
-    // Opens the device and blocks until that is tried; does nothing if it is being opened already.
+    // Opens the device and blocks until that is tried. Does nothing if it is being opened already.
     void createWorkThread(const std::string& device) EXCLUDES(m_mutex);
     // The device has left the bus, be it by a reset: counted as one, if it had a worker.
     void removeResetWorker(const std::string& device) EXCLUDES(m_mutex);
-    // Its scheduler has let go of the worker.
+    // Its scheduler does not use the worker any more: it is destroyed, on a thread of its own.
     void removeWorkerDone(WorkThread* worker) EXCLUDES(m_mutex);
     // Its device has failed, and may stay on the bus like that.
     void handleFailure(WorkThread* worker) EXCLUDES(m_mutex);
@@ -77,7 +77,7 @@ class WorkerRegistry : public NonCopyable {
     //   Creating       -> (none)       it did not open, or close() came first
     //   Active         -> Failed       its device was lost, its reserved place is free for another
     //   Active, Failed -> Removing     unplugged, or plugged in anew: the scheduler unloads it
-    //   Removing       -> Destroying   its scheduler has let go of it: a thread destroys it
+    //   Removing       -> Destroying   its scheduler does not use it any more: it is destroyed
     //   Destroying     -> (none)       destroyed: the device may be opened again
     //   all but Creating and Destroying -> (none)   destroyWorkers()
     enum class Phase { Creating, Active, Failed, Removing, Destroying };
