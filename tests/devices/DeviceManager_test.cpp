@@ -185,6 +185,7 @@ TEST_F(DeviceManagerTest, ManagerWhoseDeviceNeverAnswersIsLeftBehindAndTellsNoth
     m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(hasLoaded("a", 1));
     for (int call = 0; call < 2; ++call) EXPECT_FALSE(m_manager->stop());
+    EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "its scheduler may still use the worker";
     EXPECT_THAT(m_collector.listeners(), IsEmpty());
     EXPECT_EQ(print(), "");
     EXPECT_THAT(query().deviceNames, IsEmpty());

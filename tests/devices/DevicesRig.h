@@ -36,7 +36,7 @@ class DevicesRig : public ::testing::Test {
                                             "stream_device_number": 0, "graph_tag_map": {}},
                                            {"subclass": 2, "graph_tag_map": {}}]})");
     }
-    // Goes on top of what earlier cases of this process have set.
+    // On top of what earlier cases of this process have set.
     void configure(const std::string& json) {
         const std::string path = m_dir.write("test.config", json);
         ASSERT_TRUE(ServiceConfigParser::instance().appendConfigFile(path, true));
@@ -74,7 +74,7 @@ class DevicesRig : public ::testing::Test {
     bool hasWorkers(uint64_t number) {
         return eventually([&] { return m_manager->getWorkerNum() == number; });
     }
-    // Begun, with those before on the device of the name.
+    // Calls that were begun since the test began, failed ones too.
     bool hasCalled(const std::string& name, DeviceCall call, int times) {
         return eventually([&] { return m_devices[name].count(call) == times; });
     }

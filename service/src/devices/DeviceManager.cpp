@@ -23,8 +23,8 @@ void answerReset(KelmError error, int socket, void* userParam) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error, socket, userParam);
 }
 
-// Threads still run in a manager that was left behind, so it stays for the rest of the process. It
-// is kept where leak checkers see it.
+// Threads still run in a manager that was left behind, so it stays for the rest of the process,
+// where leak checkers see it.
 void keepForEver(DeviceManager* manager) {
     static Mutex mutex;
     static auto* const kept = new std::vector<DeviceManager*>;
@@ -83,13 +83,14 @@ void DeviceManager::enqueueRemoveWorkerDone(WorkThread* worker) {
     m_threadPool.postNotice([this, worker] { m_workers.removeWorkerDone(worker); });
 }
 
-// The pool only passes them on, so the requester waits for no device, even when the pool is full.
+// The pool only passes resets on, so the requester waits for no device, even when the pool is full.
 void DeviceManager::enqueueResetDevice(uint64_t, uint32_t deviceId, int socket, void* userParam) {
     m_threadPool.post(
         [this, deviceId, socket, userParam] { resetDevice(deviceId, socket, userParam); });
 }
 
-// On the pool, as the taking of removed workers is: the worker that is found stays for the call.
+// On the pool, as the begin of a removed worker's destruction is: the worker that is found stays
+// for the call.
 void DeviceManager::resetDevice(uint32_t deviceId, int socket, void* userParam) {
     if (WorkThread* const worker = m_workers.findWorker(deviceId)) {
         return worker->enqueueResetDevice(socket, userParam);
