@@ -191,6 +191,16 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
     EXPECT_TRUE(isOnDevices(graph, 1));
 }
 
+TEST_F(DeviceManagerTest, StopDoesNotWaitForADeviceThatIsBeingOpened) {
+    startManager({"a"}, milliseconds(10));
+    m_devices["b"].block(DeviceCall::Open);
+    plugIn("b");
+    ASSERT_TRUE(hasCalled("b", DeviceCall::Open, 1));
+    EXPECT_FALSE(m_manager->stop());
+    EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "the worker of the other device stays";
+    m_devices["b"].release(DeviceCall::Open);
+}
+
 TEST_F(DeviceManagerTest, DeviceThatNeverAnswersLetsTheWorkersOfOthersBeDestroyed) {
     startManager({"a", "b"});
     uint32_t idOfA = 0;
