@@ -2,20 +2,14 @@
 
 #include "devices/DevicesRig.h"
 #include "execution/WorkThread.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
-#include "fakes/FakeInfoCollector.h"
 #include "fakes/ScriptedTevo.h"
-#include "fakes/TestRequest.h"
 #include "protocol/src/InfoPackage.h"
-#include "reporting/KelmStatus.h"
 
 namespace kelm {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
 constexpr uint64_t kClient = 7;
@@ -41,27 +35,31 @@ DeviceDesc describe(const std::string& name, int subclass) { return {name, 1, 1,
 
 class DeviceManagerCreatorTest : public DevicesRig {
  protected:
-    void SetUp() override {
-        DevicesRig::SetUp();
-        m_clients.add(kClient, "client");
-    }
     void start(std::vector<DeviceDesc> devices) {
+        m_creator.reset();
         auto monitor = std::make_unique<FakeMonitorImpl>(std::move(devices));
         m_monitor = monitor.get();
         m_creator = std::make_unique<DeviceManagerCreator>(std::move(monitor));
         Port<WorkerRemovalListener>::connect(
             [this]() -> WorkerRemovalListener& { return *m_creator; });
+        m_clients.add(kClient, "client");
     }
     KelmGraph* makeGraphOf(int subclass) {
         KelmGraph* const graph = makeGraph();
         graph->setInterfaceSubclass(subclass);
         return graph;
     }
-    // The errors answered so far.
-    std::vector<KelmError> resetErrors() {
-        std::vector<KelmError> errors;
-        for (const auto& reset : m_results.resets()) errors.push_back(reset.error);
-        return errors;
+    void reset(uint64_t clientId, uint32_t deviceId, bool all = false) {
+        m_creator->enqueueResetDevice(clientId, deviceId, all ? 1 : 0, 5, &m_clients);
+    }
+    bool hasAnswered(size_t resets) {
+        return eventually([&] { return m_results.resets().size() == resets; });
+    }
+    // How often a reset was answered so.
+    int countResets(KelmError error) {
+        int count = 0;
+        for (const auto& reset : m_results.resets()) count += reset.error == error;
+        return count;
     }
 
     FakeClientDirectory m_clients;
@@ -70,192 +68,142 @@ class DeviceManagerCreatorTest : public DevicesRig {
     std::unique_ptr<DeviceManagerCreator> m_creator;
 };
 
-TEST_F(DeviceManagerCreatorTest, GraphsGoToTheDevicesOfTheirSubclass) {
-    start({describe("a", 0), describe("c", 2), describe("b", 0)});
-    KelmGraph* const graph = makeGraphOf(2);
-    KelmGraph* const stray = makeGraphOf(7);
-    EXPECT_TRUE(m_creator->enqueueLoadGraph(graph));
-    EXPECT_FALSE(m_creator->enqueueLoadGraph(stray));
-    EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 2; }));
-    EXPECT_THAT(m_placement.loads(),
-                UnorderedElementsAre(Pair(stray, KELM_ERROR_INVALID_PARAM), Pair(graph, KELM_OK)));
-    EXPECT_EQ(m_devices["c"].count(DeviceCall::Allocate), 1);
-    EXPECT_FALSE(m_creator->enqueueUnloadGraph(stray));
-    EXPECT_TRUE(m_creator->enqueueUnloadGraph(graph));
-    EXPECT_TRUE(eventually([&] { return m_placement.unloads().size() == 1; }));
-    EXPECT_THAT(m_placement.unloads(), ElementsAre(graph));
-}
-
-TEST_F(DeviceManagerCreatorTest, ResetReachesTheDeviceOfARegisteredClientOnly) {
+TEST_F(DeviceManagerCreatorTest, ResetsReachTheDeviceOfARegisteredClientAndBlockNoRequester) {
     start({describe("a", 0), describe("b", 2)});
     const WorkThread probe("probe", 0, 0, 1);  // has the id behind that of "b"
     const uint32_t last = probe.getDevice()->getDeviceId();
-    m_creator->enqueueResetDevice(makeResetRequest(last - 1, 5, kClient + 1));
-    EXPECT_THAT(resetErrors(), ElementsAre(KELM_ERROR_INVALID_CLIENT));
-    m_creator->enqueueResetDevice(makeResetRequest(last + 1, 5, kClient));
-    EXPECT_THAT(resetErrors(), ElementsAre(KELM_ERROR_INVALID_CLIENT, KELM_ERROR_INVALID_DEVICE));
-    EXPECT_EQ(m_devices["b"].count(DeviceCall::Reset), 0);
-    m_creator->enqueueResetDevice(makeResetRequest(last - 1, 5, kClient));
-    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == 3; }));
-    EXPECT_EQ(resetErrors().back(), KELM_OK);
-    EXPECT_EQ(m_devices["b"].count(DeviceCall::Reset), 1);
+    reset(kClient + 1, last - 1);
+    EXPECT_EQ(countResets(KELM_ERROR_INVALID_CLIENT), 1);
+    reset(kClient, last + 1);
+    EXPECT_EQ(countResets(KELM_ERROR_INVALID_DEVICE), 1);
+    constexpr int kResets = 1000;
+    m_devices["b"].block(DeviceCall::Reset);
+    for (int i = 0; i < kResets; ++i) reset(kClient, last - 1);
+    m_devices["b"].release(DeviceCall::Reset);
+    EXPECT_TRUE(hasAnswered(kResets + 2));
+    EXPECT_EQ(countResets(KELM_OK), kResets);
+    EXPECT_EQ(m_devices["b"].count(DeviceCall::Reset), kResets);
     EXPECT_EQ(m_devices["a"].count(DeviceCall::Reset), 0);
 }
 
-TEST_F(DeviceManagerCreatorTest, PlugEventsMoveGraphsAndIgnoreUnknownSubclasses) {
-    start({describe("a", 0)});
-    KelmGraph* const graph = makeGraphOf(0);
-    EXPECT_TRUE(m_creator->enqueueLoadGraph(graph));
-    ASSERT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Allocate) == 1; }));
-    m_monitor->plug(describe("x", 9), true);
-    m_monitor->plug(describe("b", 0), true);
-    ASSERT_TRUE(eventually([&] { return m_devices["b"].count(DeviceCall::Open) == 1; }));
-    m_monitor->plug(describe("a", 0), false);
-    EXPECT_TRUE(eventually([&] {
-        return m_devices["b"].count(DeviceCall::Allocate) == 1 &&
-               m_devices["a"].count(DeviceCall::Deallocate) == 1;
-    }));
-    EXPECT_EQ(m_devices["x"].count(DeviceCall::Open), 0);
-    EXPECT_TRUE(m_creator->stop());
-    EXPECT_TRUE(m_creator->stop());
-}
-
-TEST_F(DeviceManagerCreatorTest, InvalidIdsGiveThreeDevicesThatAreTried) {
-    configure(R"({"device_settings": {"device_vid": "no number"}})");
-    start({describe("a", 0)});
-    for (const char* name : {"Fake0", "Fake1", "Fake2"}) {
-        EXPECT_EQ(m_devices[name].count(DeviceCall::Open), 1) << name;
-    }
-    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 0);
-}
-
-TEST_F(DeviceManagerCreatorTest, PipelinedResetsAreAllDone) {
-    configure(R"({"fake_device_settings": {"enable_fake_device": true,
-                                           "fake_device_number": 2}})");
-    start({});
-    EXPECT_EQ(m_devices["Fake1"].count(DeviceCall::Open), 1);
-    EXPECT_EQ(m_devices["Fake2"].count(DeviceCall::Open), 0);
-    const WorkThread probe("probe", 0, 0, 1);  // has the id behind that of "Fake1"
-    const uint32_t device = probe.getDevice()->getDeviceId() - 1;
-    constexpr size_t kResets = 3000;
-    for (size_t i = 0; i < kResets; ++i) {
-        m_creator->enqueueResetDevice(makeResetRequest(device, 5, kClient));
-        m_creator->enqueueResetDevice(makeResetRequest(0, 5, kClient, true));
-    }
-    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == 2 * kResets; }));
-    EXPECT_THAT(resetErrors(), ::testing::Each(KELM_OK));
-    EXPECT_EQ(m_devices["Fake1"].count(DeviceCall::Reset), static_cast<int>(kResets));
-}
-
-TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsHoldsUpWhoAsksOrTheEnd) {
-    constexpr size_t kWaiting = 20;
+TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsBlocksNeitherRequestersNorTheEnd) {
+    constexpr int kWaiting = 20;
     const char* const function = "qxDeviceResetAll";
     ScriptedTevo tevo;
     start({describe("a", 0)});
     tevo.block(function);
     tevo.failAll(function, -3);
-    m_creator->enqueueResetDevice(makeResetRequest(0, 5, kClient, true));
+    reset(kClient, 0, true);
     ASSERT_TRUE(eventually([&] { return tevo.count(function) == 1; }));
-    for (size_t i = 0; i < kWaiting; ++i)
-        m_creator->enqueueResetDevice(makeResetRequest(0, 6, kClient, true));
-    KelmGraph* const graph = makeGraph();
-    EXPECT_TRUE(m_creator->enqueueLoadGraph(graph));
+    for (int i = 0; i < kWaiting; ++i) reset(kClient, 0, true);
+    EXPECT_TRUE(m_creator->enqueueLoadGraph(makeGraph()));
     EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
     EXPECT_FALSE(m_creator->stop());
-    EXPECT_EQ(resetErrors(), std::vector(kWaiting, KELM_ERROR_INVALID_DEVICE));
+    EXPECT_EQ(countResets(KELM_ERROR_INVALID_DEVICE), kWaiting);
     tevo.release(function);
-    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kWaiting + 1; }));
+    EXPECT_TRUE(hasAnswered(kWaiting + 1));
     EXPECT_EQ(m_results.resets().back().error, -3);
     EXPECT_TRUE(m_creator->stop());
 }
 
-TEST_F(DeviceManagerCreatorTest, BrokenTagMapOfOneGroupLeavesNothingRunning) {
+TEST_F(DeviceManagerCreatorTest, PlugEventsMoveGraphsAndIgnoreUnknownSubclasses) {
+    start({describe("a", 0)});
+    EXPECT_TRUE(m_creator->enqueueLoadGraph(makeGraphOf(0)));
+    ASSERT_TRUE(hasCalled("a", DeviceCall::Allocate, 1));
+    m_monitor->plug(describe("x", 9), true);
+    m_monitor->plug(describe("b", 0), true);
+    ASSERT_TRUE(hasCalled("b", DeviceCall::Open, 1));
+    m_monitor->plug(describe("a", 0), false);
+    EXPECT_TRUE(hasCalled("b", DeviceCall::Allocate, 1));
+    EXPECT_TRUE(hasCalled("a", DeviceCall::Deallocate, 1));
+    m_monitor->plug(describe("a", 0), true);
+    EXPECT_TRUE(hasCalled("a", DeviceCall::Open, 2)) << "its old worker is destroyed";
+    EXPECT_EQ(m_devices["x"].count(DeviceCall::Open), 0);
+    for (int call = 0; call < 2; ++call) EXPECT_TRUE(m_creator->stop());
+}
+
+TEST_F(DeviceManagerCreatorTest, SimulatedDevicesStandInForThoseOfInvalidIds) {
+    const auto opened = [&] {
+        std::vector<int> counts;
+        for (const char* name : {"a", "Fake0", "Fake1", "Fake2", "Fake3"}) {
+            counts.push_back(m_devices[name].count(DeviceCall::Open));
+        }
+        return counts;
+    };
+    configure(R"({"device_settings": {"device_vid": "no number"}})");
+    start({describe("a", 0)});
+    EXPECT_THAT(opened(), ElementsAre(0, 1, 1, 1, 0));
+    configure(R"({"fake_device_settings": {"enable_fake_device": true,
+                                           "fake_device_number": 2}})");
+    start({describe("a", 0)});
+    EXPECT_THAT(opened(), ElementsAre(0, 2, 2, 1, 0));
+}
+
+TEST_F(DeviceManagerCreatorTest, BrokenTagMapOfOneGroupEndsTheStart) {
     configure(R"({"scheduler_config": [{"subclass": 2, "graph_tag_map": {"camera": "many"}}]})");
     EXPECT_THROW(start({describe("a", 0), describe("b", 2)}), std::invalid_argument);
     EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 1);
-    EXPECT_THAT(m_placement.loads(), IsEmpty());
+    EXPECT_EQ(m_devices["b"].count(DeviceCall::Open), 0);
 }
 
-TEST_F(DeviceManagerCreatorTest, StatusListsAreParallelAndInOrderOfSubclasses) {
-    FakeInfoCollector collector;
-    const ScopedPort<InfoCollector> port(collector);
+TEST_F(DeviceManagerCreatorTest, GraphsAndQuestionsReachTheManagersOfTheSubclasses) {
     start({describe("c", 2), describe("a", 0), describe("b", 0)});
-    EXPECT_TRUE(m_creator->enqueueLoadGraph(makeGraphOf(2)));
-    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
+    KelmGraph* const graph = makeGraphOf(2);
+    KelmGraph* const stray = makeGraphOf(7);
+    EXPECT_TRUE(m_creator->enqueueLoadGraph(graph));
+    EXPECT_FALSE(m_creator->enqueueLoadGraph(stray));
+    EXPECT_FALSE(m_creator->enqueueUnloadGraph(stray));
+    ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 2; }));
+    EXPECT_THAT(m_placement.loads(),
+                UnorderedElementsAre(std::pair(stray, KELM_ERROR_INVALID_PARAM),
+                                     std::pair(graph, KELM_OK)));
+
     const auto status = std::make_shared<KelmStatus>();
     m_creator->enqueueQueryDeviceStatus(status);
-    ASSERT_TRUE(eventually([&] { return collector.statusSources().size() == 1; }));
-    EXPECT_THAT(status->deviceNames, ::testing::Contains("a"));
+    ASSERT_TRUE(eventually([&] { return m_collector.statusSources().size() == 1; }));
+    EXPECT_THAT(status->deviceNames, ElementsAre(testing::_, testing::_, "c"));
     EXPECT_THAT(status->deviceGraphNames, ElementsAre("NoGraph", "NoGraph", "graph1"));
-    EXPECT_EQ(status->deviceNames.back(), "c");
     EXPECT_THAT(status->deviceSubclasses, ElementsAre(0, 0, 2));
     EXPECT_THAT(status->deviceFps, ElementsAre(0.0f, 0.0f, 0.0f));
     EXPECT_EQ(status->deviceThermals.size(), 3u);
     m_creator->enqueueQueryDeviceScheduler(status);
-    ASSERT_TRUE(eventually([&] { return collector.statusSources().size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return m_collector.statusSources().size() == 2; }));
     EXPECT_EQ(status->deviceSchedulerName, "DS.Squeeze2");
-    EXPECT_THAT(collector.statusSources(), ::testing::Each("DeviceManagerCreator"));
+    EXPECT_THAT(m_collector.statusSources(), ::testing::Each("DeviceManagerCreator"));
 
     // Each manager starts at the first row, and the count stays 0.
     auto package = std::make_unique<InfoPackage>();
     package->deviceCount = 7;
     m_creator->enqueueUpdateInfoPackage(package.get());
-    ASSERT_TRUE(eventually([&] { return collector.packageSources().size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return m_collector.packageSources().size() == 1; }));
     EXPECT_EQ(package->deviceCount, 0);
     EXPECT_EQ(package->devices[0].deviceId, status->deviceIds[2]);
     EXPECT_STREQ(package->devices[0].currentGraphName[0], "graph1");
     EXPECT_EQ(package->devices[1].deviceId, status->deviceIds[1]);
     EXPECT_EQ(package->devices[2].deviceId, 0u);
+
+    EXPECT_TRUE(m_creator->enqueueUnloadGraph(graph));
+    EXPECT_TRUE(eventually([&] { return m_placement.unloads() == std::vector{graph}; }));
 }
 
-TEST_F(DeviceManagerCreatorTest, QuestionsAreCompletedWithoutAnyDevice) {
-    FakeInfoCollector collector;
-    const ScopedPort<InfoCollector> port(collector);
+TEST_F(DeviceManagerCreatorTest, FullPoolHoldsUpNoPackageAndNoDeviceIsNoReasonForSilence) {
+    std::promise<void> released;
+    const std::shared_future<void> release = released.get_future().share();
+    Port<InfoCollector>::connect([&, release]() -> InfoCollector& {
+        release.wait();
+        return m_collector;
+    });
     start({});
+    constexpr size_t kRunningAndQueued = 23;
     const auto status = std::make_shared<KelmStatus>();
+    for (size_t i = 0; i < kRunningAndQueued; ++i) m_creator->enqueueQueryDeviceScheduler(status);
     InfoPackage package{};
-    m_creator->enqueueQueryDeviceStatus(status);
-    m_creator->enqueueQueryDeviceScheduler(status);
     m_creator->enqueueUpdateInfoPackage(&package);
-    EXPECT_TRUE(eventually([&] {
-        return collector.statusSources().size() == 2 && collector.packageSources().size() == 1;
-    }));
+    released.set_value();
+    EXPECT_TRUE(
+        eventually([&] { return m_collector.statusSources().size() == kRunningAndQueued; }));
+    EXPECT_TRUE(eventually([&] { return m_collector.packageSources().size() == 1; }));
     EXPECT_EQ(status->deviceSchedulerName, "");
-    EXPECT_TRUE(m_creator->stop());
-}
-
-// Whose notices of a status wait until the test lets them go.
-class SlowCollector final : public InfoCollector {
- public:
-    explicit SlowCollector(std::shared_future<void> go) : m_go(std::move(go)) {}
-    bool registerListener(PrintInfoListener*) override { return true; }
-    void unregisterListener(PrintInfoListener*) override {}
-    void enqueueQueryStatusDone(const std::shared_ptr<KelmStatus>&, const std::string&) override {
-        m_go.wait();
-        ++m_statuses;
-    }
-    void enqueueUpdateInfoPackageDone(const std::string&) override { ++m_packages; }
-
-    std::atomic<int> m_statuses{0};
-    std::atomic<int> m_packages{0};
-
- private:
-    const std::shared_future<void> m_go;
-};
-
-TEST_F(DeviceManagerCreatorTest, FullPoolHoldsUpNoPackage) {
-    std::promise<void> go;
-    SlowCollector collector(go.get_future().share());
-    const ScopedPort<InfoCollector> port(collector);
-    start({});
-    constexpr int kRunningAndQueued = 23;
-    const auto status = std::make_shared<KelmStatus>();
-    for (int i = 0; i < kRunningAndQueued; ++i) m_creator->enqueueQueryDeviceStatus(status);
-    InfoPackage package{};
-    m_creator->enqueueUpdateInfoPackage(&package);
-    go.set_value();
-    EXPECT_TRUE(eventually(
-        [&] { return collector.m_packages == 1 && collector.m_statuses == kRunningAndQueued; }));
 }
 
 }  // namespace

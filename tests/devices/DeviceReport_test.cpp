@@ -1,23 +1,21 @@
+#include "devices/DeviceReport.h"
+
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
-#include "devices/DeviceManager.h"
 #include "devices/DeviceRows.h"
 #include "devices/DeviceSnapshot.h"
 #include "devices/DevicesRig.h"
-#include "fakes/Eventually.h"
-#include "fakes/FakeInfoCollector.h"
-#include "fakes/TestRequest.h"
 #include "protocol/src/InfoPackage.h"
-#include "reporting/KelmStatus.h"
 #include "utils/StringHelper.h"
 #include "utils/TimeHelper.h"
 
 namespace kelm {
 namespace {
 
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -26,27 +24,21 @@ using ::testing::Not;
 const GraphFigures::TimePoint kLoaded{std::chrono::hours(24 * 365)};
 
 DeviceFigures makeBusyDevice() {
-    DeviceFigures device;
-    device.deviceId = 26;
-    device.name = "bus-2-port-1-of-hub-3";
-    device.utilization = 0.255f;
-    device.thermal = 41.5f;
-    device.thermalThrottlingLevel = 1;
-    device.scheduler = "tag";
-    device.comment = "camera";
-    device.resetTimes = 2;
-    device.cachedGraphs = {"detector"};
-    SlotFigures slot{"RUNNING", 12.5f, {"a_detector_of_faces", kLoaded, {}, 7}, {}};
-    slot.previous = {"old", kLoaded - std::chrono::hours(101), kLoaded - std::chrono::hours(1), 9};
-    device.slots = {slot, {"WAIT_GRAPH", 0.0f, {}, {}}};
-    return device;
-}
-
-DeviceFigures makeIdleDevice() {
-    DeviceFigures device;
-    device.name = "Fake0";
-    device.slots = {{"WAIT_GRAPH", 0.0f, {}, {}}, {"WAIT_GRAPH", 0.0f, {}, {}}};
-    return device;
+    const GraphFigures previous = {"old", kLoaded - std::chrono::hours(101),
+                                   kLoaded - std::chrono::hours(1), 9};
+    const GraphFigures current = {"a_detector_of_faces", kLoaded, {}, 7};
+    return {26,
+            "bus-2-port-1-of-hub-3",
+            0.255f,
+            41.5f,
+            1,
+            "tag",
+            "camera",
+            2,
+            12.5f,
+            "",
+            {"detector"},
+            {{"RUNNING", 12.5f, current, previous}}};
 }
 
 std::string draw(const DeviceSnapshot::Style& style, const std::vector<DeviceFigures>& devices) {
@@ -56,8 +48,8 @@ std::string draw(const DeviceSnapshot::Style& style, const std::vector<DeviceFig
     return "\n" + DeviceSnapshot(style, devices, now).format(4) + "\n";
 }
 
-TEST(DeviceSnapshotTest, TableKeepsItsRowsAndWidths) {
-    EXPECT_EQ(draw({false, false, 1, 2}, {makeBusyDevice()}), R"(
+TEST(DeviceSnapshotTest, TableAndListKeepTheirRowsAndWidths) {
+    EXPECT_EQ(draw({false, true, 1, 2}, {makeBusyDevice()}), R"(
 DeviceSnapshot(subclass=4):
 | deviceId    | 26(0x1a)          |
 | device      | bus-2-p...f-hub-3 |
@@ -67,88 +59,46 @@ DeviceSnapshot(subclass=4):
 | comment     | camera            |
 | resetTimes  | 2                 |
 | cacheNum    | 1                 |
+| cacheGraph0 | detector          |
+| cacheGraph1 |                   |
 +-------------+-------------------+
 | status      | RUNNING           |
 | fps         | 12.50             |
 | curGraph    | a_detec...f_faces |
+| loadTime    | 19710101 00:00:00 |
+| runTime     | 01:02:03          |
+| inference   | 7                 |
+| prevGraph   | old               |
+| loadTime    | 19701227 19:00:00 |
+| unloadTime  | 19701231 23:00:00 |
+| runTime     | 100:00:00         |
+| inference   | 9                 |
 +-------------+-------------------+
 )");
-    EXPECT_EQ(draw({false, true, 2, 2}, {makeBusyDevice(), makeIdleDevice()}), R"(
+    // Two rows of one label, and the graph ahead of its rate: the list has its own habits.
+    DeviceFigures idle;
+    idle.name = "Fake0";
+    idle.slots = {{"WAIT_GRAPH", 0.0f, {}, {}}};
+    const std::string list = draw({true, true, 1, 1}, {makeBusyDevice(), idle});
+    EXPECT_THAT(
+        list, HasSubstr("\n|  inference#: 7                 |  inference#:                   |\n"));
+    EXPECT_THAT(
+        list, HasSubstr("\n|  inference#: 9                 |  inference#: 0                 |\n"));
+    EXPECT_EQ(list.substr(0, list.find("|    loadTime")), R"(
 DeviceSnapshot(subclass=4):
-| deviceId    | 26(0x1a)          | 0(00)             |
-| device      | bus-2-p...f-hub-3 | Fake0             |
-| util%       | 25.50 %           | 0.0 %             |
-| thermal     | 41.50(1)          | 0.00(0)           |
-| scheduler   | tag               |                   |
-| comment     | camera            |                   |
-| resetTimes  | 2                 | 0                 |
-| cacheNum    | 1                 | 0                 |
-| cacheGraph0 | detector          |                   |
-| cacheGraph1 |                   |                   |
-+-------------+-------------------+-------------------+
-| status      | RUNNING           | WAIT_GRAPH        |
-| fps         | 12.50             |                   |
-| curGraph    | a_detec...f_faces |                   |
-| loadTime    | 19710101 00:00:00 |                   |
-| runTime     | 01:02:03          |                   |
-| inference   | 7                 |                   |
-| prevGraph   | old               |                   |
-| loadTime    | 19701227 19:00:00 |                   |
-| unloadTime  | 19701231 23:00:00 |                   |
-| runTime     | 100:00:00         |                   |
-| inference   | 9                 | 0                 |
-+-------------+-------------------+-------------------+
-| status      | WAIT_GRAPH        | WAIT_GRAPH        |
-| fps         |                   |                   |
-| curGraph    |                   |                   |
-| loadTime    |                   |                   |
-| runTime     |                   |                   |
-| inference   |                   |                   |
-| prevGraph   |                   |                   |
-| loadTime    |                   |                   |
-| unloadTime  |                   |                   |
-| runTime     |                   |                   |
-| inference   | 0                 | 0                 |
-+-------------+-------------------+-------------------+
-)");
-}
-
-// Two rows of one label, and the graph ahead of its rate: the list has its own habits.
-TEST(DeviceSnapshotTest, ListKeepsItsRowsAndWidths) {
-    EXPECT_EQ(draw({true, false, 1, 2}, {makeIdleDevice(), makeIdleDevice()}), R"(
-DeviceSnapshot(subclass=4):
-|    deviceId: 0(00)             |    deviceId: 0(00)             |
-|      device: Fake0             |      device: Fake0             |
-|       util%: 0.0 %             |       util%: 0.0 %             |
-|     thermal: 0.00(0)           |     thermal: 0.00(0)           |
-|   scheduler:                   |   scheduler:                   |
-|     comment:                   |     comment:                   |
-|  resetTimes: 0                 |  resetTimes: 0                 |
-|  resetTimes: 0                 |  resetTimes: 0                 |
+|    deviceId: 26(0x1a)          |    deviceId: 0(00)             |
+|      device: bus-2-p...f-hub-3 |      device: Fake0             |
+|       util%: 25.50 %           |       util%: 0.0 %             |
+|     thermal: 41.50(1)          |     thermal: 0.00(0)           |
+|   scheduler: tag               |   scheduler:                   |
+|     comment: camera            |     comment:                   |
+|  resetTimes: 2                 |  resetTimes: 0                 |
+|  resetTimes: 1                 |  resetTimes: 0                 |
+| cacheGraph0: detector          | cacheGraph0:                   |
 +--------------------------------+--------------------------------+
-|      status: WAIT_GRAPH        |      status: WAIT_GRAPH        |
-|    curGraph:                   |    curGraph:                   |
-|         fps:                   |         fps:                   |
-+--------------------------------+--------------------------------+
-)");
-    const std::string full = draw({true, true, 1, 1}, {makeBusyDevice()});
-    EXPECT_EQ(full.substr(full.find("\n|  resetTimes")), R"(
-|  resetTimes: 2                 |
-|  resetTimes: 1                 |
-| cacheGraph0: detector          |
-+--------------------------------+
-|      status: RUNNING           |
-|    curGraph: a_detec...f_faces |
-|         fps: 12.50             |
-|    loadTime: 19710101 00:00:00 |
-|     runTime: 01:02:03          |
-|  inference#: 7                 |
-|   prevGraph: old               |
-|    loadTime: 19701227 19:00:00 |
-|  unloadTime: 19701231 23:00:00 |
-|     runTime: 100:00:00         |
-|  inference#: 9                 |
-+--------------------------------+
+|      status: RUNNING           |      status: WAIT_GRAPH        |
+|    curGraph: a_detec...f_faces |    curGraph:                   |
+|         fps: 12.50             |         fps:                   |
 )");
 }
 
@@ -169,169 +119,100 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
     EXPECT_EQ(last.thermal, 41.5f);
     EXPECT_EQ(last.thermalThrottlingLevel, 1);
     EXPECT_EQ(last.currentGraphCount, 2);
-    EXPECT_EQ(std::string(last.currentGraphName[0]), std::string(511, 'x'));
-    EXPECT_EQ(std::string(last.currentGraphName[1]), "a_detector_of_faces");
-    EXPECT_EQ(std::string(last.currentGraphLoadTime[1]), putTime(kLoaded, "%T"));
-    EXPECT_THAT(last.currentInferenceCount, ElementsAre(7u, 7u));
-    EXPECT_THAT(last.currentFps, ElementsAre(12.5f, 12.5f));
-    EXPECT_THAT(last.utilization, ElementsAre(90.5f, 90.5f));
+    EXPECT_EQ(last.currentGraphName[0], std::string(511, 'x'));
+    EXPECT_STREQ(last.currentGraphName[1], "a_detector_of_faces");
+    EXPECT_EQ(last.currentGraphLoadTime[1], putTime(kLoaded, "%T"));
+    EXPECT_THAT(last.currentInferenceCount, Each(7u));
+    EXPECT_THAT(last.currentFps, Each(12.5f));
+    EXPECT_THAT(last.utilization, Each(90.5f));
     EXPECT_EQ(last.previousGraphCount, 2);
-    EXPECT_EQ(std::string(last.previousGraphName[1]), "old");
-    EXPECT_EQ(std::string(last.previousGraphUnloadTime[1]),
-              putTime(kLoaded - std::chrono::hours(1), "%T"));
-    EXPECT_THAT(last.previousInferenceCount, ElementsAre(9u, 9u));
+    EXPECT_STREQ(last.previousGraphName[1], "old");
+    EXPECT_EQ(last.previousGraphUnloadTime[1], putTime(kLoaded - std::chrono::hours(1), "%T"));
+    EXPECT_THAT(last.previousInferenceCount, Each(9u));
     const std::string rest(reinterpret_cast<const char*>(&package->graphCount),
                            sizeof(InfoPackage) - offsetof(InfoPackage, graphCount));
     EXPECT_EQ(rest.find_first_not_of('\x5a'), std::string::npos);
 }
 
-class DeviceReportTest : public DevicesRig {
- protected:
-    void configurePrinting(const std::string& mode, const std::string& style,
-                           const char* lines = "off") {
-        configure(StringHelper::format(
-            R"({"debug_settings": {"info_printer": {
-                "device_fps": "%s", "device_utilization": "%s",
-                "device_snapshot_mode": "%s", "device_snapshot_style": "%s"}}})",
-            lines, lines, mode, style));
-    }
-    std::shared_ptr<DeviceManager> makeManager(
-        const std::vector<std::string>& names,
-        std::chrono::milliseconds stopLimit = std::chrono::seconds(30)) {
-        const auto manager = DeviceManager::create("DM", {stopLimit, std::chrono::seconds(60)});
-        manager->setDeviceList(0, names);
-        return manager;
-    }
-    void load(DeviceManager& manager, KelmGraph* graph) {
-        manager.enqueueLoadGraph(graph);
-        EXPECT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 1; }));
-        EXPECT_TRUE(eventually([&] { return !m_placement.loads().empty(); }));
-    }
-    static std::string print(PrintInfoListener& listener) {
-        ::testing::internal::CaptureStdout();
-        listener.onPrintInfo();
-        std::cout.flush();
-        return ::testing::internal::GetCapturedStdout();
-    }
-    static std::shared_ptr<KelmStatus> query(DeviceManager& manager) {
-        const auto status = std::make_shared<KelmStatus>();
-        manager.queryDeviceStatus(status);
-        return status;
-    }
+using DeviceReportTest = DevicesRig;
 
-    FakeInfoCollector m_collector;
-    ScopedPort<InfoCollector> m_collectorPort{m_collector};
-};
-
-TEST_F(DeviceReportTest, LinesNameTheGraphsOfEachDevice) {
+TEST_F(DeviceReportTest, LinesAndTableTellWhatADeviceRunsAndIsKeptFor) {
     configurePrinting("base", "table", "on");
-    const auto none = makeManager({});
-    const std::string empty = print(*none);
+    startManager({});
+    const std::string empty = print();
     EXPECT_THAT(empty, HasSubstr("DeviceFps(count=0):\n"));
     EXPECT_THAT(empty, HasSubstr("DeviceUtilization(count=0):\n"));
     EXPECT_THAT(empty, Not(HasSubstr("DeviceSnapshot")));
-
-    const auto manager = makeManager({"a"});
-    std::string text = print(*manager);
-    EXPECT_THAT(text, HasSubstr("DeviceFps(count=1):\n[a@NoGraph].Fps = 0.0\n"));
-    EXPECT_THAT(text, HasSubstr("DeviceUtilization(count=1):\n[a@] = 0.00\n"));
-    load(*manager, makeGraph());
-    text = print(*manager);
-    EXPECT_THAT(text, HasSubstr("DeviceFps(count=1):\n[a@graph1].Fps = 0.00\n"));
-    EXPECT_THAT(text, HasSubstr("DeviceUtilization(count=1):\n[a@graph1] = 0.00\n"));
-    EXPECT_THAT(text, HasSubstr("| scheduler   | squeeze           |\n"));
-    EXPECT_THAT(text, HasSubstr("| curGraph    | graph1            |\n"));
-}
-
-TEST_F(DeviceReportTest, ModeIsReadInAnyCaseAndStyleInItsOwn) {
     struct Case {
-        const char *mode, *style, *slots;
-        bool isFull, isList;
+        const char* tagMap;
+        int streamDevices;
+        const char *scheduler, *tag, *streamId;
     };
     for (const Case& testCase :
-         {Case{"FULL", "Table", "1", true, true}, Case{"Base", "table", "2", false, false},
-          Case{"fullest", "table", "2", false, false}}) {
+         {Case{R"("camera": 1)", 0, "tag", "camera", ""}, Case{"", 1, "stream", "", "gate"},
+          Case{"", 0, "squeeze", "", ""}}) {
+        SCOPED_TRACE(testCase.scheduler);
+        configure(StringHelper::format(R"({"scheduler_config": [{"subclass": 0,
+            "graph_tag_map": {%s}, "stream_device_number": %d}]})",
+                                       testCase.tagMap, testCase.streamDevices));
+        startManager({"a"});
+        std::string text = print();
+        EXPECT_THAT(text, HasSubstr("DeviceFps(count=1):\n[a@NoGraph].Fps = 0.0\n"));
+        EXPECT_THAT(text, HasSubstr("DeviceUtilization(count=1):\n[a@] = 0.00\n"));
+        KelmGraph* const graph = makeGraph(testCase.tag, testCase.streamId);
+        m_manager->enqueueLoadGraph(graph);
+        ASSERT_TRUE(isOnDevices(graph, 1));
+        const std::string name = graph->getName();
+        ASSERT_TRUE(eventually([&] { return query().deviceGraphNames.at(0) == name; }));
+        text = print();
+        EXPECT_THAT(text, HasSubstr("DeviceFps(count=1):\n[a@" + name + "].Fps = 0.00\n"));
+        EXPECT_THAT(text, HasSubstr("DeviceUtilization(count=1):\n[a@" + name + "] = 0.00\n"));
+        EXPECT_THAT(text, HasSubstr("| curGraph    | " + name + "            |\n"));
+        const std::string comment = std::string(testCase.tag) + testCase.streamId;
+        EXPECT_THAT(text, HasSubstr(StringHelper::format(
+                              "| scheduler   | %-17s |\n| comment     | %-17s |\n",
+                              testCase.scheduler, comment.c_str())));
+        EXPECT_TRUE(m_manager->stop());
+    }
+}
+
+// The mode is read in any case, the style as it stands; numbers of graphs are clamped.
+TEST_F(DeviceReportTest, SettingsGiveTheTableItsForm) {
+    struct Case {
+        const char *mode, *style;
+        int perDevice, cached;
+        int slots, fullSlots, cachedRows, tableRows;  // that are shown
+    };
+    for (const Case& testCase :
+         {Case{"FULL", "Table", 0, 3, 1, 1, 3, 0}, Case{"full", "table", 5, 1, 2, 2, 2, 1},
+          Case{"Base", "table", 2, 4, 2, 0, 0, 1}, Case{"fullest", "table", 2, 4, 0, 0, 0, 0}}) {
         SCOPED_TRACE(testCase.mode);
         configurePrinting(testCase.mode, testCase.style);
         configure(StringHelper::format(
-            R"({"service_settings": {"max_cached_graph_number": 4},
-                "scheduler_config": [{"subclass": 0, "max_graph_per_device": %s}]})",
-            testCase.slots));
-        const auto manager = makeManager({"a"});
-        const bool isOn = std::string(testCase.mode) != "fullest";
-        EXPECT_EQ(m_collector.listeners().size(), isOn ? 1u : 0u);
-        const std::string text = print(*manager);
-        if (isOn) {
-            EXPECT_EQ(text.find("inference") != std::string::npos, testCase.isFull);
-            EXPECT_EQ(text.find("cacheGraph3") != std::string::npos, testCase.isFull);
-            EXPECT_EQ(text.find("| device      |") == std::string::npos, testCase.isList);
-            const size_t first = text.find("curGraph");
-            EXPECT_EQ(text.find("curGraph", first + 1) != std::string::npos,
-                      std::string(testCase.slots) == "2");
-        } else {
-            EXPECT_EQ(text, "");
+            R"({"service_settings": {"max_cached_graph_number": %d},
+                "scheduler_config": [{"subclass": 0, "max_graph_per_device": %d}]})",
+            testCase.cached, testCase.perDevice));
+        startManager({"a"});
+        EXPECT_EQ(m_collector.listeners().size(), testCase.slots > 0 ? 1u : 0u);
+        const std::string text = print();
+        const auto count = [&](const std::string& row) {
+            int found = 0;
+            for (size_t at = 0; (at = text.find(row, at)) != std::string::npos; ++at) ++found;
+            return found;
+        };
+        EXPECT_EQ(count("curGraph"), testCase.slots);
+        EXPECT_EQ(count("prevGraph"), testCase.fullSlots);
+        EXPECT_EQ(count("cacheGraph"), testCase.cachedRows);
+        EXPECT_EQ(count("| device      |"), testCase.tableRows);
+        KelmGraph* const graph = makeGraph();
+        m_manager->enqueueLoadGraph(graph);
+        if (testCase.fullSlots > 0) {
+            EXPECT_EQ(graph->getMaxGraphNumPerDevice(), testCase.slots);
+            EXPECT_EQ(m_devices["a"].maxCacheGraphNumber(), testCase.cachedRows);
         }
-        EXPECT_TRUE(manager->stop());
+        EXPECT_TRUE(m_manager->stop());
         EXPECT_THAT(m_collector.listeners(), IsEmpty());
     }
-}
-
-TEST_F(DeviceReportTest, TableTellsForWhomADeviceIsKept) {
-    configurePrinting("base", "table");
-    struct Case {
-        const char *config, *rows;
-    };
-    for (const Case& testCase :
-         {Case{R"("graph_tag_map": {"camera": 1}, "stream_device_number": 0)",
-               "| scheduler   | tag               |\n| comment     | camera            |\n"},
-          Case{R"("graph_tag_map": {}, "stream_device_number": 1)",
-               "| scheduler   | stream            |\n| comment     | gate              |\n"}}) {
-        SCOPED_TRACE(testCase.config);
-        configure(R"({"scheduler_config": [{"subclass": 0, )" + std::string(testCase.config) +
-                  "}]}");
-        KelmGraph* const graph = makeGraph();
-        const bool isTag = std::strstr(testCase.rows, "camera") != nullptr;
-        isTag ? graph->setTag("camera") : graph->setStreamId("gate");
-        const auto manager = makeManager({"a"});
-        load(*manager, graph);
-        EXPECT_THAT(print(*manager), HasSubstr(testCase.rows));
-    }
-}
-
-TEST_F(DeviceReportTest, DeviceThatIsBusyHoldsUpNoReport) {
-    configurePrinting("full", "table", "on");
-    const auto manager = makeManager({"a"});
-    const uint32_t deviceId = query(*manager)->deviceIds.at(0);
-    DeviceScript& device = m_devices["a"];
-    device.block(DeviceCall::Allocate);
-    device.block(DeviceCall::Reset);
-    manager->enqueueLoadGraph(makeGraph());
-    EXPECT_TRUE(eventually([&] { return device.count(DeviceCall::Allocate) == 1; }));
-    manager->enqueueResetDevice(makeResetRequest(deviceId));
-    EXPECT_TRUE(eventually([&] { return device.count(DeviceCall::Reset) == 1; }));
-    EXPECT_THAT(print(*manager), HasSubstr("| status      | LOAD_GRAPH        |"));
-    EXPECT_THAT(query(*manager)->deviceGraphNames, ElementsAre("graph1"));
-    device.release(DeviceCall::Allocate);
-    device.release(DeviceCall::Reset);
-    EXPECT_TRUE(eventually([&] { return m_results.resets().size() == 1; }));
-}
-
-TEST_F(DeviceReportTest, ManagerThatIsLeftBehindTellsOfNoDevice) {
-    configurePrinting("base", "table");
-    // Kept, as the threads that are left behind may still use it.
-    static auto* const kept = new std::vector<std::unique_ptr<KelmGraph>>;
-    kept->push_back(makeTestGraph(1, "content"));
-    KelmGraph* const graph = kept->back().get();
-    const auto manager = makeManager({"a"}, std::chrono::milliseconds(10));
-    m_devices["a"].block(DeviceCall::Allocate);
-    manager->enqueueLoadGraph(graph);
-    EXPECT_TRUE(eventually([&] { return m_devices["a"].count(DeviceCall::Allocate) == 1; }));
-    EXPECT_FALSE(manager->stop());
-    EXPECT_THAT(m_collector.listeners(), IsEmpty());
-    EXPECT_EQ(print(*manager), "");
-    EXPECT_THAT(query(*manager)->deviceNames, IsEmpty());
-    m_devices["a"].release(DeviceCall::Allocate);
-    EXPECT_TRUE(eventually([&] { return graph->getRunningDeviceNum() == 1; }));
 }
 
 }  // namespace

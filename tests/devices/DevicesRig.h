@@ -5,20 +5,28 @@
 #include <vector>
 
 #include "config/ServiceConfigParser.h"
+#include "devices/DeviceManager.h"
 #include "execution/ResultSink.h"
 #include "execution/TaskExchange.h"
+#include "execution/WorkerFailureListener.h"
+#include "fakes/Eventually.h"
 #include "fakes/FakeGraphPlacementListener.h"
+#include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeResultSink.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/ScriptedDevice.h"
 #include "fakes/TempDir.h"
 #include "fakes/TestRecords.h"
+#include "fakes/TestRequest.h"
+#include "reporting/KelmStatus.h"
 #include "scheduling/devices/GraphPlacementListener.h"
+#include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/Port.h"
 
 namespace kelm {
 
-// Scripted devices, listeners that record, and a configuration of the test's own.
+// Scripted devices, listeners that record, a configuration of the test's own, and a manager of
+// subclass 0 that hears of its workers as it does in the service.
 class DevicesRig : public ::testing::Test {
  protected:
     void SetUp() override {
@@ -29,16 +37,72 @@ class DevicesRig : public ::testing::Test {
                                             "stream_device_number": 0, "graph_tag_map": {}},
                                            {"subclass": 2, "graph_tag_map": {}}]})");
     }
-    // Goes on top of what earlier cases of this process have set.
+    // On top of what earlier cases of this process have set.
     void configure(const std::string& json) {
         const std::string path = m_dir.write("test.config", json);
         ASSERT_TRUE(ServiceConfigParser::instance().appendConfigFile(path, true));
     }
-    KelmGraph* makeGraph() {
+    void configurePrinting(const std::string& mode, const std::string& style,
+                           const std::string& lines = "off") {
+        configure(R"({"debug_settings": {"info_printer": {"device_fps": ")" + lines +
+                  R"(", "device_utilization": ")" + lines + R"(", "device_snapshot_mode": ")" +
+                  mode + R"(", "device_snapshot_style": ")" + style + R"("}}})");
+    }
+    KelmGraph* makeGraph(const std::string& tag = "", const std::string& streamId = "") {
         const uint64_t id = m_graphs.size() + 1;
         m_graphs.push_back(makeTestGraph(id, "content" + std::to_string(id)));
+        m_graphs.back()->setTag(tag.c_str());
+        m_graphs.back()->setStreamId(streamId.c_str());
         return m_graphs.back().get();
     }
+    // For threads that are left behind and may use it after the test.
+    static KelmGraph* makeLastingGraph() {
+        static auto* const kept = new std::vector<std::unique_ptr<KelmGraph>>;
+        kept->push_back(makeTestGraph(kept->size() + 1, "content"));
+        return kept->back().get();
+    }
+
+    void startManager(const std::vector<std::string>& names,
+                      std::chrono::milliseconds stop = std::chrono::seconds(30),
+                      std::chrono::milliseconds oldWorker = std::chrono::seconds(60)) {
+        m_manager = DeviceManager::create("DeviceManager0", {stop, oldWorker});
+        m_relay.manager = m_manager.get();
+        m_manager->setDeviceList(0, names);
+    }
+    void plugIn(const std::string& name) { EXPECT_TRUE(m_manager->enqueuePluginDevice(0, name)); }
+    void plugOut(const std::string& name) { EXPECT_TRUE(m_manager->enqueuePlugoutDevice(0, name)); }
+    void resetDevice(uint32_t id) { m_manager->enqueueResetDevice(makeResetRequest(id)); }
+    bool hasWorkers(uint64_t number) {
+        return eventually([&] { return m_manager->getWorkerNum() == number; });
+    }
+    // Calls that were begun since the test began, failed ones too.
+    bool hasCalled(const std::string& name, DeviceCall call, int times) {
+        return eventually([&] { return m_devices[name].count(call) == times; });
+    }
+    static bool isOnDevices(KelmGraph* graph, int number) {
+        return eventually([&] { return graph->getRunningDeviceNum() == number; });
+    }
+    std::string print() {
+        ::testing::internal::CaptureStdout();
+        m_manager->onPrintInfo();
+        return ::testing::internal::GetCapturedStdout();
+    }
+    KelmStatus query() {
+        KelmStatus status;
+        m_manager->queryDeviceStatus(status);
+        return status;
+    }
+
+    // Hands a manager its own notices.
+    struct Relay final : WorkerRemovalListener, WorkerFailureListener {
+        void enqueueRemoveWorkerDone(WorkThread* worker) override {
+            manager->enqueueRemoveWorkerDone(worker);
+        }
+        void enqueueWorkerFailed(WorkThread* worker) override {
+            manager->enqueueWorkerFailed(worker);
+        }
+        DeviceManager* manager = nullptr;
+    };
 
     TempDir m_dir;
     std::vector<std::unique_ptr<KelmGraph>> m_graphs;
@@ -49,6 +113,12 @@ class DevicesRig : public ::testing::Test {
     ScopedPort<GraphPlacementListener> m_placementPort{m_placement};
     FakeResultSink m_results;
     ScopedPort<ResultSink> m_resultsPort{m_results};
+    FakeInfoCollector m_collector;
+    ScopedPort<InfoCollector> m_collectorPort{m_collector};
+    std::shared_ptr<DeviceManager> m_manager;
+    Relay m_relay;
+    ScopedPort<WorkerRemovalListener> m_removalPort{m_relay};
+    ScopedPort<WorkerFailureListener> m_failurePort{m_relay};
 };
 
 }  // namespace kelm

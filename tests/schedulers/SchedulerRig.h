@@ -16,6 +16,7 @@
 #include "fakes/FakeWorkerRemovalListener.h"
 #include "fakes/ScriptedDevice.h"
 #include "fakes/TestRecords.h"
+#include "fakes/TestRequest.h"
 #include "scheduling/devices/DeviceSchedulerLazy.h"
 #include "utils/Port.h"
 #include "utils/StringHelper.h"
@@ -159,7 +160,7 @@ class SchedulerRig : public SchedulerFakes {
         if (verb == '*') failWithTask(device, workers[name]);
         if (verb == '%') {
             devices[device].loseOnReset();
-            workers[name]->enqueueResetDevice(-1, nullptr);
+            workers[name]->enqueueResetDevice(makeResetRequest(0, -1));
             EXPECT_TRUE(eventually([&] { return workers[name]->isFailed(); }));
         }
         if (verb == 'L') {

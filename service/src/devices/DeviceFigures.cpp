@@ -15,7 +15,7 @@ std::optional<GraphFigures::TimePoint> readTime(KelmDeviceBase& device, TimeGett
     return time;
 }
 
-// Each value for itself: the graph may go in between, and the later ones are empty then.
+// Each value is read for itself: if the graph is unloaded in between, the later ones are empty.
 SlotFigures readSlot(KelmDeviceBase& device, const std::string& state) {
     SlotFigures slot;
     slot.state = state;
@@ -30,6 +30,11 @@ SlotFigures readSlot(KelmDeviceBase& device, const std::string& state) {
     return slot;
 }
 
+std::string getLoadedGraphName(WorkThread& worker) {
+    const std::string name = worker.getGraphName();
+    return name.empty() ? "NoGraph" : name;
+}
+
 }  // namespace
 
 DeviceFigures DeviceFigures::read(WorkThread& worker) {
@@ -41,6 +46,7 @@ DeviceFigures DeviceFigures::read(WorkThread& worker) {
     figures.thermal = root.getThermal();
     figures.thermalThrottlingLevel = root.getThermalThrottlingLevel();
     figures.totalFps = worker.getTotalFps();
+    figures.graphName = getLoadedGraphName(worker);
     figures.cachedGraphs = root.getCachedGraphNames();
     const std::vector<KelmDeviceBase*> devices = worker.getDevices();
     const std::vector<std::string> states = worker.getStates();  // one for each device

@@ -10,13 +10,13 @@ namespace kelm {
 
 class WorkThread;
 
-// A graph's time on a device.
+// A graph's time on a device, from its load to its unload.
 struct GraphFigures {
     using TimePoint = std::chrono::system_clock::time_point;
 
     std::string name;  // empty: there is none
     std::optional<TimePoint> loadTime;
-    std::optional<TimePoint> unloadTime;  // none while the graph is there
+    std::optional<TimePoint> unloadTime;  // none while the graph is loaded
     uint32_t inferences = 0;
 };
 
@@ -38,12 +38,12 @@ struct DeviceFigures {
     std::string comment;    // for what the scheduler keeps the device
     int resetTimes = 0;
     float totalFps = 0.0f;
-    std::string graphName;  // of the first graph, or that there is none
+    std::string graphName;  // of the first graph, or "NoGraph"
     std::vector<std::string> cachedGraphs;
     std::vector<SlotFigures> slots;
 
-    // All that a worker with an open device knows of itself; the rest stays empty. Waits for no
-    // device. The caller keeps the worker alive.
+    // All that a worker with an open device knows of itself; its scheduler and its resets stay
+    // empty. Waits for no device. The caller keeps the worker alive.
     static DeviceFigures read(WorkThread& worker);
 };
 

@@ -1,189 +1,148 @@
 #include "devices/DeviceManager.h"
 
-#include <algorithm>
-#include <limits>
-#include <stdexcept>
-
 #include "config/ServiceConfigParser.h"
-#include "execution/KelmDeviceBase.h"
 #include "execution/ResultSink.h"
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
-#include "records/KelmGraph.h"
 #include "records/Request.h"
-#include "scheduling/devices/DeviceSchedulerBase.h"
-#include "scheduling/devices/DeviceSchedulerFactory.h"
-#include "scheduling/devices/GraphPlacementListener.h"
+#include "reporting/InfoCollector.h"
+#include "reporting/KelmStatus.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
+#include "utils/Mutex.h"
 #include "utils/Port.h"
-#include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 
 namespace {
 
+using std::chrono::steady_clock;
+
 constexpr uint64_t kPoolLimit = 100;
 
-void notifyLoadFailed(KelmGraph* graph, KelmError error) {
-    using Listener = GraphPlacementListener;
-    Port<Listener>::notify<&Listener::enqueueNotifyLoadGraphDone>(graph, error);
+// Threads still run in a manager that was left behind, so it stays for the rest of the process,
+// where leak checkers see it.
+void keepForEver(DeviceManager* manager) {
+    static Mutex mutex;
+    static auto* const kept = new std::vector<DeviceManager*>;
+    MutexLock lock(mutex);
+    kept->push_back(manager);
 }
 
 }  // namespace
 
-DeviceManager::DeviceManager(const std::string& name, Limits limits)
-    : m_limits(limits), m_threadPool(name, 1, kPoolLimit) {}
+DeviceManager::DeviceManager(const std::string& name, DeviceManagerLimits limits)
+    : m_limits(limits),
+      m_debugProcess(ServiceConfigParser::instance().isDeviceManagerDebugProcessEnabled()),
+      m_threads(name),
+      m_workers(m_settings, m_schedulers, m_threads, limits.oldWorker),
+      m_plugQueue(m_workers, m_threads),
+      m_thermalReader(m_workers, m_threads),
+      m_report(m_settings, m_workers),
+      m_threadPool(name, 1, kPoolLimit) {}
 
 DeviceManager::~DeviceManager() {
-    MutexLock lock(m_mutex);
     CR_ASSERT(m_stopState == STOPPED, "device manager destroyed in use");
 }
 
-std::shared_ptr<DeviceManager> DeviceManager::create(const std::string& name) {
-    return create(name, Limits());
-}
-
-std::shared_ptr<DeviceManager> DeviceManager::create(const std::string& name, Limits limits) {
+std::shared_ptr<DeviceManager> DeviceManager::create(const std::string& name,
+                                                     DeviceManagerLimits limits) {
     return std::shared_ptr<DeviceManager>(new DeviceManager(name, limits), Deleter());
 }
 
 void DeviceManager::setDeviceList(int subclass, const std::vector<std::string>& names) {
-    m_subclass = subclass;
-    loadServiceSettings();
-    createDeviceScheduler();
-    for (const std::string& name : names) createWorkThread(name, subclass);
+    m_settings = DeviceSettings::load(subclass);
+    if (m_report.isPrinting()) {
+        // From here on the printer may call, so the settings are complete.
+        Port<InfoCollector>::notify<&InfoCollector::registerListener>(this);
+    }
+    m_schedulers.create(m_settings);
+    for (const std::string& name : names) m_workers.createWorkThread(name);
     LOG_INFO("DEVICE FOUND : %lu", names.size());
     LOG_INFO("DEVICE OPENED : %lu", getWorkerNum());
-    if (m_updateThermalInterval < 1) return;
-    (void)startThread([this] { deviceThermalUpdateRoutine(); });  // without it: no readings
+    if (m_settings.updateThermalInterval.count() < 1) return;
+    m_thermalReader.start(getName() + "TH", m_settings.updateThermalInterval);
 }
 
-void DeviceManager::loadServiceSettings() {
-    const ServiceConfigParser& config = ServiceConfigParser::instance();
-    if (!config.getGraphTagMap(m_subclass, m_graphTagMap)) {
-        throw std::invalid_argument(
-            "Please check \"graph_tag_map\" configuration in kelm_service.config");
-    }
-    const int streamDevices = config.getStreamDeviceNumber(m_subclass);
-    m_schedulers[STREAM].deviceNum = static_cast<uint64_t>(std::max(streamDevices, 0));
-    m_maxGraphNumPerDevice = std::clamp(config.getMaxGraphNumPerDevice(m_subclass), 1, 2);
-    m_maxPendingTaskNum = config.getMaxPendingTaskNum(m_subclass);
-    m_maxPendingCycle = config.getMaxPendingCycle(m_subclass);
-    // A device can always cache what it runs.
-    m_maxCachedGraphNum = std::max(config.getMaxCachedGraphNumber(), m_maxGraphNumPerDevice);
-    for (const auto& [tag, devices] : m_graphTagMap) m_schedulers[TAG].deviceNum += devices;
-    m_schedulers[SQUEEZE].deviceNum = std::numeric_limits<uint64_t>::max();  // all that is left
-    m_debugProcess = config.isDeviceManagerDebugProcessEnabled();
-    m_updateThermalInterval = config.getUpdateThermalInterval();
-    loadPrintSettings();
-    startPrinting();  // last: from here on the printer may call
+bool DeviceManager::enqueuePluginDevice(int subclass, const std::string& name) {
+    if (subclass != m_settings.subclass) return false;
+    m_plugQueue.enqueue(name, PlugQueue::PLUG_IN);
+    return true;
 }
 
-void DeviceManager::createDeviceScheduler() {
-    SchedulerSlot& tag = m_schedulers[TAG];
-    if (tag.deviceNum != 0) {
-        tag.scheduler = DeviceSchedulerFactory::createScheduler("tag");
-        tag.scheduler->setTagMap(m_graphTagMap);
-        LOG_INFO("## TagScheduler created, which requires %lu workers ##", tag.deviceNum);
-        tag.scheduler->start();
-    }
-    SchedulerSlot& stream = m_schedulers[STREAM];
-    if (stream.deviceNum != 0) {
-        stream.scheduler = DeviceSchedulerFactory::createScheduler("stream");
-        stream.scheduler->setStreamDeviceNum(stream.deviceNum);
-        LOG_INFO("## StreamScheduler created, which requires %lu workers ##", stream.deviceNum);
-        stream.scheduler->start();
-    }
-    createSqueezeScheduler();
+bool DeviceManager::enqueuePlugoutDevice(int subclass, const std::string& name) {
+    if (subclass != m_settings.subclass) return false;
+    m_plugQueue.enqueue(name, PlugQueue::PLUG_OUT);
+    return true;
 }
 
-void DeviceManager::createSqueezeScheduler() {
-    auto scheduler = DeviceSchedulerFactory::createScheduler("squeeze2");
-    if (!scheduler) {
-        LOG_ERROR("Error: failed to create SqueezeScheduler");
-        return;
-    }
-    LOG_INFO("## SqueezeScheduler created ##");
-    scheduler->setMaxGraphNumPerDevice(m_maxGraphNumPerDevice);
-    scheduler->setMaxPendingTaskNum(m_maxPendingTaskNum);
-    scheduler->setMaxPendingCycle(m_maxPendingCycle);
-    scheduler->start();
-    m_schedulers[SQUEEZE].scheduler = std::move(scheduler);
+void DeviceManager::enqueueRemoveWorkerDone(WorkThread* worker) {
+    m_threadPool.postNotice([this, worker] { m_workers.removeWorkerDone(worker); });
 }
 
-void DeviceManager::enqueueLoadGraph(KelmGraph* graph) {
-    graph->setMaxGraphNumPerDevice(m_maxGraphNumPerDevice);
-    if (!graph->getTag().empty()) {
-        if (m_schedulers[TAG].scheduler) return m_schedulers[TAG].scheduler->loadGraph(graph);
-        LOG_ERROR("Error: No device is set for tag scheduler, subclass = %u, required tag = %s",
-                  m_subclass, escapeControls(graph->getTag()));
-        return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM);
-    }
-    if (!graph->getStreamId().empty()) {
-        const SchedulerSlot& stream = m_schedulers[STREAM];
-        if (stream.scheduler) return stream.scheduler->loadGraph(graph);
-        LOG_ERROR(
-            "Error: No device is set for stream scheduler, subclass = %u, required streamId = %s",
-            m_subclass, escapeControls(graph->getStreamId()));
-        return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM);
-    }
-    const SchedulerSlot& squeeze = m_schedulers[SQUEEZE];
-    if (squeeze.workerCount != 0) return squeeze.scheduler->loadGraph(graph);
-    LOG_ERROR("Error: No device available in SqueezeScheduler(%p), SqueezeDeviceNumber=0",
-              squeeze.scheduler.get());
-    notifyLoadFailed(graph, KELM_ERROR_NO_DEVICE_AVAILABLE);
-}
-
-// Deliberate: falls through to the next kind of scheduler and at last to an answer at once, so that
-// a destroy never hangs, whatever became of the load.
-void DeviceManager::enqueueUnloadGraph(KelmGraph* graph) {
-    const bool asked[SCHEDULER_KINDS] = {!graph->getTag().empty(), !graph->getStreamId().empty(),
-                                         true};
-    for (int kind = TAG; kind < SCHEDULER_KINDS; ++kind) {
-        const SchedulerSlot& slot = m_schedulers[static_cast<size_t>(kind)];
-        if (asked[kind] && slot.scheduler) return slot.scheduler->unloadGraph(graph);
-    }
-    using Listener = GraphPlacementListener;
-    Port<Listener>::notify<&Listener::enqueueNotifyUnloadGraphDone>(graph);
-}
-
-bool DeviceManager::hasDevice(uint32_t deviceId) { return findWorker(deviceId) != nullptr; }
-
-WorkThread* DeviceManager::findWorker(uint32_t deviceId) {
-    MutexLock lock(m_mutex);
-    for (const auto& [worker, owner] : m_workThreads) {
-        if (worker->getDevice()->getDeviceId() == deviceId) return worker;
-    }
-    return nullptr;
-}
-
-uint64_t DeviceManager::getWorkerNum() {
-    MutexLock lock(m_mutex);
-    return m_workThreads.size();
-}
-
-int DeviceManager::getResetTimes(const std::string& name) {
-    MutexLock lock(m_mutex);
-    const auto found = m_resetTimes.find(name);
-    return found != m_resetTimes.end() ? found->second : 0;
-}
-
-// The pool only passes them on, so whoever asks waits for no device, even when it is full.
+// The pool only passes resets on, so the requester waits for no device, even when the pool is full.
 void DeviceManager::enqueueResetDevice(Request request) {
-    m_threadPool.post(
-        [this, request = std::move(request)]() mutable { resetDevice(std::move(request)); });
+    m_threadPool.post([this, request = std::move(request)]() mutable {
+        resetDevice(std::move(request));
+    });
 }
 
-// On the pool, as the taking of removed workers is: the worker that is found stays for the call.
+// On the pool, as the begin of a removed worker's destruction is: the worker that is found stays
+// for the call.
 void DeviceManager::resetDevice(Request request) {
     const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;
-    if (WorkThread* const worker = findWorker(deviceId)) {
+    if (WorkThread* const worker = m_workers.findWorker(deviceId)) {
         return worker->enqueueResetDevice(std::move(request));
     }
     LOG_ERROR("Error: cannot find worker with deviceId(%d)", deviceId);
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(KELM_ERROR_INVALID_DEVICE,
                                                                           std::move(request));
+}
+
+void DeviceManager::queryDeviceScheduler(KelmStatus& status) const {
+    status.deviceSchedulerName = m_schedulers.getSqueezeName();
+}
+
+bool DeviceManager::stop() {
+    if (m_stopState != RUNNING) return m_stopState == STOPPED;
+    m_plugQueue.close();
+    m_workers.close();
+    m_thermalReader.close();
+    if (m_report.isPrinting()) {
+        // Without a lock: it waits for a call of the printer that is under way.
+        Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
+    }
+    LOG_PROC(m_debugProcess, "to destruct device manager");
+    const bool quiet = stopThreads();
+    LOG_PROC(m_debugProcess, "destroy all work threads");
+    // Only once nothing uses the workers any more.
+    if (quiet && m_workers.destroyWorkers(steady_clock::now() + m_limits.stop)) {
+        LOG_PROC(m_debugProcess, "device manager destructed");
+        m_stopState = STOPPED;
+        return true;
+    }
+    LOG_ERROR("Error: device manager(%s) waits for a device without end, left behind", getName());
+    m_stopState = LEFT_BEHIND;
+    return false;
+}
+
+// The schedulers are told to stop also if another thread has not: no new work reaches a worker that
+// is left behind. The pool comes last, since the schedulers post their removed workers to it.
+bool DeviceManager::stopThreads() {
+    const auto deadline = steady_clock::now() + m_limits.stop;
+    bool quiet = m_threads.waitEnd(deadline);
+    LOG_PROC(m_debugProcess, "destroy device scheduler");
+    quiet &= m_schedulers.stop(deadline);
+    return quiet && m_threadPool.waitIdleFor(timeUntil(deadline));
+}
+
+void DeviceManager::Deleter::operator()(DeviceManager* manager) const {
+    if (manager->stop()) {
+        delete manager;
+    } else {
+        keepForEver(manager);
+    }
 }
 
 }  // namespace kelm

@@ -8,10 +8,12 @@
 #include "execution/KelmDeviceBase.h"
 #include "execution/ResultSink.h"
 #include "execution/WorkThread.h"
+#include "protocol/src/InfoPackage.h"
 #include "protocol/src/KelmError.h"
 #include "records/ClientDirectory.h"
 #include "records/KelmGraph.h"
 #include "records/Request.h"
+#include "reporting/ReportPart.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
@@ -27,6 +29,7 @@ constexpr uint64_t kPoolThreads = 3;
 constexpr uint64_t kPoolLimit = 20;
 // Answers to questions are quick: no manager that has stopped has anything to tell.
 constexpr std::chrono::seconds kPoolEndTime{3};
+constexpr const char* kSource = "DeviceManagerCreator";  // of the parts of reports
 
 void answerReset(KelmError error, Request request) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error,
@@ -54,7 +57,7 @@ DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> im
 DeviceManagerCreator::~DeviceManagerCreator() {
     Port<WorkerRemovalListener>::disconnect();
     Port<WorkerFailureListener>::disconnect();
-    (void)stop();  // what does not stop is left behind by its owner
+    (void)stop();  // what does not end in time is left behind, as its manager says
 }
 
 void DeviceManagerCreator::initDeviceMonitor() {
@@ -94,10 +97,11 @@ void DeviceManagerCreator::launchDeviceMonitor() {
         [this](const DeviceDesc& desc, DeviceMonitor::PlugType type) {
             handlePlugEvent(desc, type);
         });
+    // Without it the service runs with the devices that it has found.
     if (!m_deviceMonitor.launch()) LOG_ERROR("Can not launch DeviceMonitor.");
 }
 
-// On the monitor's thread: the managers only queue.
+// On the monitor's thread, which brings the events of all devices: the managers only queue.
 void DeviceManagerCreator::handlePlugEvent(const DeviceDesc& desc, DeviceMonitor::PlugType type) {
     const int subclass = desc.interfaceSubclass;
     const std::shared_ptr<DeviceManager> manager = findManager(subclass);
@@ -167,9 +171,44 @@ void DeviceManagerCreator::enqueueResetDevice(Request request) {
     answerReset(KELM_ERROR_INVALID_DEVICE, std::move(request));
 }
 
+void DeviceManagerCreator::enqueueQueryDeviceStatus(const std::shared_ptr<KelmStatus>& status) {
+    m_threadPool.post([this, status] { queryDeviceStatus(status); });
+}
+
+void DeviceManagerCreator::enqueueQueryDeviceScheduler(const std::shared_ptr<KelmStatus>& status) {
+    m_threadPool.post([this, status] { queryDeviceScheduler(status); });
+}
+
+void DeviceManagerCreator::enqueueUpdateInfoPackage(InfoPackage* package) {
+    m_threadPool.postNotice([this, package] { updateInfoPackage(package); });
+}
+
+void DeviceManagerCreator::queryDeviceStatus(const std::shared_ptr<KelmStatus>& status) {
+    reportStatusPart(status, kSource, [this](KelmStatus& record) {
+        for (const auto& [subclass, manager] : m_deviceManagers) manager->queryDeviceStatus(record);
+    });
+}
+
+void DeviceManagerCreator::queryDeviceScheduler(const std::shared_ptr<KelmStatus>& status) {
+    reportStatusPart(status, kSource, [this](KelmStatus& record) {
+        // Of the first manager: all have the same.
+        if (m_deviceManagers.empty()) return;
+        m_deviceManagers.begin()->second->queryDeviceScheduler(record);
+    });
+}
+
+void DeviceManagerCreator::updateInfoPackage(InfoPackage* package) {
+    reportPackagePart(kSource, [this, package] {
+        package->deviceCount = 0;  // Deliberate: no manager raises it, see writeDeviceRows()
+        for (const auto& [subclass, manager] : m_deviceManagers) {
+            manager->updateInfoPackage(*package);
+        }
+    });
+}
+
 bool DeviceManagerCreator::stop() {
-    m_deviceMonitor.stop();
-    m_resets.close();
+    m_deviceMonitor.stop();  // first: no plug event reaches a manager that is being stopped
+    m_resets.close();        // what waits is refused, or the pool would not be idle in time
     bool stopped = true;
     for (const auto& [subclass, manager] : m_deviceManagers) stopped &= manager->stop();
     stopped &= m_threadPool.waitIdleFor(kPoolEndTime);

@@ -26,9 +26,9 @@ struct KelmStatus;
 // events. With no device at start there is no manager; a device of a new subclass cannot join.
 //
 // Threads: any. The construction starts all devices and blocks until they are tried; stop() is
-// called by one thread. Questions are answered on the own pool, so that who asks waits for no
-// manager; the info collector hears of each answer, whatever became of it. A reset of all devices
-// has a thread of its own, since it may never return.
+// called by one thread. Questions are answered on the own pool, so that the asking thread waits for
+// no manager; the info collector hears of each answer, also of one that failed. A reset of all
+// devices has a thread of its own, since it may never return.
 // Owns: the monitor and the managers.
 // Locks: none; the managers are fixed by the construction.
 class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
@@ -51,12 +51,13 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
 
     void enqueueQueryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
     void enqueueQueryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);
-    // Never blocks: who collects a package waits for all that write it. It stays until then.
+    // Never blocks, since the collector of a package waits for all its writers: a full pool would
+    // close a circle. The package stays until the collector has heard of its end.
     void enqueueUpdateInfoPackage(InfoPackage* package);
 
-    // Ends monitor, schedulers and workers in bounded time; to be called before static objects go.
-    // False: a device does not answer, and what may still use it was left behind. The process
-    // should then leave without destroying its static objects.
+    // Ends monitor, schedulers and workers in bounded time; to be called before static objects are
+    // destroyed. False: a device does not answer, and what may still use it was left behind. The
+    // process should then leave without destroying its static objects.
     bool stop();
 
  private:

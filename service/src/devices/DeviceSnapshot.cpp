@@ -8,6 +8,7 @@ namespace kelm {
 
 namespace {
 
+// In characters, without the margins. Tools cut the columns out by these widths.
 constexpr size_t kTableLabelWidth = 11;
 constexpr size_t kTableCellWidth = 17;
 constexpr size_t kListLabelWidth = 14;
@@ -29,6 +30,7 @@ struct Cell {
     std::string shorten(const std::string& text) const { return shortenText(text, width); }
 };
 
+// An idle device shows one decimal only, as it always has.
 std::string formatUtilization(const Cell& cell) {
     const float utilization = cell.device.utilization;
     return utilization > 0.0f ? formatFixed(utilization * 100, 2) + " %" : "0.0 %";
@@ -56,6 +58,7 @@ std::string formatDuration(const OptionalTime& begin, const OptionalTime& end) {
     return formatDurationString(std::chrono::duration_cast<std::chrono::seconds>(*end - *begin));
 }
 
+// A graph that is loaded and has not run yet shows 0; empty means that there is none.
 std::string formatCurrentInferenceCount(const Cell& cell) {
     const GraphFigures& current = cell.slot().current;
     return current.name.empty() ? "" : std::to_string(current.inferences);
@@ -97,9 +100,11 @@ constexpr Row kStateRow = {"status", "status", [](const Cell& cell) { return cel
 constexpr Row kFpsRow = {"fps", "fps", &formatFps};
 constexpr Row kGraphRow = {"curGraph", "curGraph",
                            [](const Cell& cell) { return cell.shorten(cell.slot().current.name); }};
+// Deliberate: the two forms differ in the order too.
 constexpr Row kTableSlotRows[] = {kStateRow, kFpsRow, kGraphRow};
 constexpr Row kListSlotRows[] = {kStateRow, kGraphRow, kFpsRow};
 
+// First of the current graph, then of the previous one; some labels are the same for both.
 constexpr Row kFullSlotRows[] = {
     {"loadTime", "loadTime",
      [](const Cell& cell) { return formatTime(cell.slot().current.loadTime); }},
