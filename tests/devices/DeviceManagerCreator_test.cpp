@@ -5,7 +5,7 @@
 #include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
-#include "fakes/ScriptedTevo.h"
+#include "fakes/SimulatedLibraries.h"
 #include "protocol/src/InfoPackage.h"
 #include "reporting/KelmStatus.h"
 
@@ -150,10 +150,10 @@ TEST_F(DeviceManagerCreatorTest, PipelinedResetsAreAllDone) {
 TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsHoldsUpWhoAsksOrTheEnd) {
     constexpr size_t kWaiting = 20;
     const char* const function = "qxDeviceResetAll";
-    ScriptedTevo tevo;
+    SimulatedLibraries tevo;
     start({describe("a", 0)});
-    tevo.block(function);
-    tevo.failAll(function, -3);
+    tevo.order("hang - qxDeviceResetAll");
+    tevo.order("fail - qxDeviceResetAll -3");
     m_creator->enqueueResetDevice(kClient, 0, 1, 5, &tevo);
     ASSERT_TRUE(eventually([&] { return tevo.count(function) == 1; }));
     for (size_t i = 0; i < kWaiting; ++i) m_creator->enqueueResetDevice(kClient, 0, 1, 6, nullptr);
@@ -162,7 +162,7 @@ TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsHoldsUpWhoAsksOrTheEnd) {
     EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
     EXPECT_FALSE(m_creator->stop());
     EXPECT_EQ(resetErrors(), std::vector(kWaiting, KELM_ERROR_INVALID_DEVICE));
-    tevo.release(function);
+    tevo.cancelOrders("hang");
     EXPECT_TRUE(eventually([&] { return m_results.resets().size() == kWaiting + 1; }));
     EXPECT_EQ(m_results.resets().back().error, -3);
     EXPECT_EQ(m_results.resets().back().userParam, &tevo);

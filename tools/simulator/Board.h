@@ -102,8 +102,8 @@ class Board : public NonCopyable {
     uint32_t memoryUsedUnsafe() const REQUIRES(m_mutex);
     bool isGoneUnsafe() REQUIRES(m_mutex);
     void advance() REQUIRES(m_mutex);
-    // Until something may have changed.
-    void waitForChange() REQUIRES(m_mutex);
+    // A status: waits until something may have changed since the call began to wait.
+    int waitForChange(GraphRun::Clock::time_point start) REQUIRES(m_mutex);
 
     const std::string m_name;
     const uint32_t m_id;
