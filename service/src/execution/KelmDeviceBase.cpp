@@ -1,12 +1,55 @@
 #include "execution/KelmDeviceBase.h"
 
+#include <utility>
+
 #include "config/ServiceConfigParser.h"
+#include "execution/KelmFakeDevice.h"
+#include "execution/KelmZorvanDevice.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
+
+namespace {
+
+// What depends on the kind of device that the configuration asks for.
+struct DeviceKind {
+    void (*initPlatform)();
+    int (*resetAllDevices)();
+    std::unique_ptr<KelmDeviceBase> (*create)(const std::string& name);
+    int (*getGraphInfo)(const char* data, size_t size, KelmGraphInfo what, size_t& result);
+};
+
+constexpr DeviceKind kSimulated = {[] {}, []() -> int { return KELM_OK; },
+                                   [](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+                                       return std::make_unique<KelmFakeDevice>(name);
+                                   },
+                                   &KelmFakeDevice::getGraphInfo};
+
+constexpr DeviceKind kAccelerator = {
+    &KelmZorvanDevice::initPlatform, &KelmZorvanDevice::resetAllDevices,
+    [](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+        return std::make_unique<KelmZorvanDevice>(name);
+    },
+    &KelmZorvanDevice::getGraphInfo};
+
+const DeviceKind& configuredKind() {
+    return ServiceConfigParser::instance().isFakeDeviceEnabled() ? kSimulated : kAccelerator;
+}
+
+struct InstalledFactory {
+    Mutex mutex;
+    KelmDeviceBase::Factory factory GUARDED_BY(mutex);
+};
+
+InstalledFactory& installedFactory() {
+    static InstalledFactory installed;
+    return installed;
+}
+
+}  // namespace
 
 std::atomic<uint32_t> KelmDeviceBase::m_deviceIdCounter{0};
 
@@ -135,6 +178,145 @@ bool KelmDeviceBase::verifyGraph(const KelmGraph* graph) {
 
 bool KelmDeviceBase::compareGraph(const KelmGraph* a, const KelmGraph* b) {
     return a != nullptr && b != nullptr && a->getHash() == b->getHash();
+}
+
+void KelmDeviceBase::setCurrentGraph(KelmGraph* graph) {
+    const std::string name = graph->getName();
+    MutexLock lock(m_graphInfoMutex);
+    m_currentGraph = graph;
+    m_currentGraphName = name;
+    m_currentGraphLoadTime = std::chrono::system_clock::now();
+    m_currentInferenceCount = 0;
+}
+
+void KelmDeviceBase::resetGraphInfo() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_currentGraph == nullptr) return;
+    m_currentGraph = nullptr;
+    m_fpsCounter.reset();
+    m_utilizationCounter.reset();
+    m_previousGraphName = m_currentGraphName;
+    m_previousGraphLoadTime = m_currentGraphLoadTime;
+    m_previousInferenceCount = m_currentInferenceCount;
+    m_previousGraphUnloadTime = std::chrono::system_clock::now();
+}
+
+void KelmDeviceBase::countResult() {
+    MutexLock lock(m_graphInfoMutex);
+    m_fpsCounter.update();
+    ++m_currentInferenceCount;
+    if (m_currentGraph != nullptr) m_currentGraph->increaseInferenceTimes();
+}
+
+void KelmDeviceBase::increaseCacheTaskNum() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_cacheTaskNum == 0) m_utilizationCounter.start();
+    ++m_cacheTaskNum;
+}
+
+void KelmDeviceBase::decreaseCacheTaskNum() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_cacheTaskNum == 1) m_utilizationCounter.stop();
+    --m_cacheTaskNum;
+}
+
+std::vector<KelmGraph*> KelmDeviceBase::getCachedGraphList() {
+    KelmGraph* const graph = getCurrentGraph();
+    if (graph == nullptr) return {};
+    return {graph};
+}
+
+std::vector<std::string> KelmDeviceBase::getCachedGraphNames() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_currentGraph == nullptr) return {};
+    return {m_currentGraphName};
+}
+
+KelmGraph* KelmDeviceBase::getCurrentGraph() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_currentGraph;
+}
+
+std::string KelmDeviceBase::getCurrentGraphName() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_currentGraph != nullptr ? m_currentGraphName : std::string();
+}
+
+std::string KelmDeviceBase::getPreviousGraphName() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_previousGraphName;
+}
+
+uint32_t KelmDeviceBase::getCurrentInferenceCount() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_currentGraph != nullptr ? m_currentInferenceCount : 0;
+}
+
+uint32_t KelmDeviceBase::getPreviousInferenceCount() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_previousGraphName.empty() ? 0 : m_previousInferenceCount;
+}
+
+bool KelmDeviceBase::getCurrentGraphLoadTime(TimePoint& time) {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_currentGraph == nullptr) return false;
+    time = m_currentGraphLoadTime;
+    return true;
+}
+
+bool KelmDeviceBase::getPreviousGraphLoadTime(TimePoint& time) {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_previousGraphName.empty()) return false;
+    time = m_previousGraphLoadTime;
+    return true;
+}
+
+bool KelmDeviceBase::getPreviousGraphUnloadTime(TimePoint& time) {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_previousGraphName.empty()) return false;
+    time = m_previousGraphUnloadTime;
+    return true;
+}
+
+float KelmDeviceBase::getFps() {
+    if (m_deviceFailed) return 0.0f;
+    MutexLock lock(m_graphInfoMutex);
+    return m_fpsCounter.getFps();
+}
+
+float KelmDeviceBase::getDeviceUtilization() {
+    if (m_deviceFailed) return 0.0f;
+    return m_utilizationCounter.getUtilization();
+}
+
+void KelmDeviceBase::initPlatform() { configuredKind().initPlatform(); }
+
+int KelmDeviceBase::resetAllDevices() { return configuredKind().resetAllDevices(); }
+
+std::unique_ptr<KelmDeviceBase> KelmDeviceBase::create(const std::string& name) {
+    Factory factory;
+    {
+        MutexLock lock(installedFactory().mutex);
+        factory = installedFactory().factory;
+    }
+    return factory ? factory(name) : configuredKind().create(name);
+}
+
+int KelmDeviceBase::getGraphInfo(const char* data, size_t size, KelmGraphInfo what,
+                                 size_t& result) {
+    return configuredKind().getGraphInfo(data, size, what, result);
+}
+
+bool KelmDeviceBase::isFakeDeviceModeEnabled(int* count) {
+    const ServiceConfigParser& config = ServiceConfigParser::instance();
+    if (!config.isFakeDeviceEnabled()) return false;
+    if (count != nullptr) *count = config.getFakeDeviceNum();
+    return true;
+}
+
+void KelmDeviceBase::setFactory(Factory factory) {
+    MutexLock lock(installedFactory().mutex);
+    installedFactory().factory = std::move(factory);
 }
 
 }  // namespace kelm

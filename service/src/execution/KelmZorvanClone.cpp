@@ -7,7 +7,6 @@
 
 #include "execution/KelmZorvanDevice.h"
 #include "execution/TaskBuffers.h"
-#include "execution/TevoLengths.h"
 #include "protocol/src/KelmMessage.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"

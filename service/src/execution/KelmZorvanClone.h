@@ -5,7 +5,7 @@
 
 #include "execution/KelmDeviceBase.h"
 #include "execution/TevoDevice.h"
-#include "execution/TevoGraphInfo.h"
+#include "execution/TevoGraphCache.h"
 #include "execution/TevoStatistics.h"
 
 namespace kelm {

@@ -7,7 +7,6 @@
 
 #include "config/ServiceConfigParser.h"
 #include "execution/KelmZorvanClone.h"
-#include "execution/TevoLengths.h"
 #include "records/KelmGraph.h"
 #include "utils/TextHelper.h"
 

@@ -1,17 +1,43 @@
 #pragma once
 
+#include <chrono>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "execution/TevoGraphInfo.h"
+#include "execution/QueueLedger.h"
+#include "execution/TevoApi.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm {
 
 class KelmGraph;
+
+// The library's handles of a graph on a device; null for what does not exist.
+struct TevoHandles {
+    qxGraphHandle_t* graphHandle = nullptr;
+    qxFifoHandle_t* fifoIn = nullptr;   // host writes, device reads
+    qxFifoHandle_t* fifoOut = nullptr;  // device writes, host reads
+    unsigned int resultSize = 0;        // of an element of fifoOut, bytes
+};
+
+// What a task needs to run on a graph. Without handles when the graph's renewal has failed.
+struct TevoQueues {
+    TevoHandles handles;
+    std::shared_ptr<QueueLedger> ledger;
+
+    bool isUsable() const { return handles.graphHandle != nullptr; }
+};
+
+// One graph on a device. An inactive one takes up device memory and costs nothing to start again.
+struct TevoGraphInfo {
+    TevoQueues queues;
+    bool active = true;  // a slave worker runs the graph now
+    std::chrono::steady_clock::time_point lastActivateTime;
+};
 
 // Which graphs are on one device, and the device's name in these graphs' records.
 //

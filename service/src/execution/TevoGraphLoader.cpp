@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 
-#include "execution/TevoLengths.h"
 #include "records/KelmGraph.h"
 #include "utils/UniqueMalloc.h"
 

@@ -6,7 +6,6 @@
 
 #include "config/ServiceConfigParser.h"
 #include "execution/TaskBuffers.h"
-#include "execution/TevoLengths.h"
 #include "protocol/src/KelmMessage.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTaskParam.h"
