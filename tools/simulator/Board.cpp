@@ -64,7 +64,7 @@ void Board::reset() {
         m_gone = true;
         m_changed.notifyAll();
     }
-    tellEvent("reset " + m_name);
+    tellEvent("reset " + m_name + " " + std::to_string(m_address));
 }
 
 uint32_t Board::memorySize() const {
