@@ -41,7 +41,7 @@ class SharedTensor : public NonCopyable {
     bool isNamed() const { return m_type == KELM_BUFFER_SHARE_MEMORY; }
     // What it is called where a process has it mapped, reached by name or not.
     const std::string& name() const { return m_name; }
-    // Takes memory back, or gives it; whoever touches what was taken gets a signal.
+    // Takes memory back, or gives it; a touch of what was taken is a signal.
     void resize(size_t size) const {
         if (::ftruncate(m_fd.get(), static_cast<off_t>(size)) != 0) {
             throw std::runtime_error("no memory of that size");

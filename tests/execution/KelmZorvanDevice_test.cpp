@@ -236,7 +236,7 @@ TEST_F(KelmZorvanDeviceTest, OneOfTwoFailuresResetsAndTheOtherDoesNotWait) {
     EXPECT_EQ(tevo.count("qxDeviceHWReset"), 1);
 }
 
-// The records go while the device still has its handles; a touch of them shows under ASan.
+// The records are deleted while the device still has its handles; a touch shows under ASan.
 TEST_F(KelmZorvanDeviceTest, RecordIsNotFollowedAfterItsEnd) {
     const auto reset = [&] { EXPECT_EQ(root->resetDevice(), 0); };
     const auto forgetOne = [&] { first->forgetGraph(graph.get()); };

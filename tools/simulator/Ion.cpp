@@ -135,7 +135,7 @@ int ion_get_info(int fd, int handle, unsigned int* a, unsigned int* b, unsigned 
     return 0;
 }
 
-// The buffer is freed also when that fails, since nobody tries again.
+// The buffer is freed also when that fails, since no caller tries again.
 int ion_free(int fd, int handle) {
     const bool known = Buffers::instance().remove(fd, handle);
     if (const int status = enter(__func__)) return status;

@@ -23,7 +23,7 @@ SimulatedHost::SimulatedHost(std::string directory, std::chrono::milliseconds re
     writeBus();
 }
 
-// In one step, so that nobody reads half of it.
+// In one step, so that no reader sees half of it.
 void SimulatedHost::replaceFile(const std::string& name, const std::string& text) const {
     const std::string path = m_directory + "/" + name;
     std::ofstream file(path + ".new", std::ios::trunc);

@@ -65,6 +65,7 @@ KelmDeviceBase::KelmDeviceBase(KelmDeviceBase* parent, const std::string& name, 
 KelmDeviceBase::KelmDeviceBase(const std::string& name)
     : KelmDeviceBase(nullptr, name, m_deviceIdCounter.fetch_add(1)) {}
 
+// A clone is made of an open root, and is open from the start.
 KelmDeviceBase::KelmDeviceBase(KelmDeviceBase* parent)
     : KelmDeviceBase(parent, parent->getName(), parent->getDeviceId()) {
     m_memorySize = parent->getMemorySize();
@@ -99,7 +100,7 @@ int KelmDeviceBase::openDevice() {
 void KelmDeviceBase::closeDevice() {
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return;
-    (void)closeDeviceImpl();  // the device is given up either way
+    (void)closeDeviceImpl();  // after a failure, too, there is no use for the device
 }
 
 int KelmDeviceBase::resetDevice() {
@@ -113,14 +114,16 @@ int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_DEVICE_NOT_OPEN;
     if (!verifyGraph(graph)) return KELM_ERROR_GRAPH_VERIFY_FAILED;
+    // By content: two records of the same blob share what is on the device.
     if (compareGraph(getCurrentGraph(), graph)) return KELM_OK;
-    // The leaving graph's statistics move on before the new graph starts.
+    // Before the load and not behind it: a load takes long, and the display must not show the graph
+    // that has left as running all that time.
     resetGraphInfo();
     const uint64_t trace = traceBegin("load_graph_", graph->getId(), "_device_", m_deviceId.load());
     const int rc = allocateGraphImpl(graph);
     TraceEndCsv(trace);
     if (rc != KELM_OK) {
-        graph->increaseLoadFailCount();
+        graph->increaseLoadFailCount();  // schedulers give up a graph that fails too often
         resetGraphInfo();
         return rc;
     }
@@ -136,12 +139,13 @@ int KelmDeviceBase::deallocateGraph(KelmGraph* graph, bool keepCached) {
     const int rc = deallocateGraphImpl(graph, keepCached);
     TraceEndCsv(trace);
     if (getCurrentGraph() == graph) resetGraphInfo();
-    // A device that cannot release a graph is done for. The flag is not tested above, so that
-    // graphs can still be taken off a failed device.
+    // What a device cannot release stays in its memory for good, so no graph may be loaded on it
+    // any more. The flag is not tested above, so that graphs can still be taken off it.
     if (rc != KELM_OK) m_deviceFailed = true;
     return rc;
 }
 
+// The record of the graph is deleted after this, so no pointer to it may stay behind.
 void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
     MutexLock lock(m_deviceMutex);
     forgetGraphImpl(graph);
@@ -155,6 +159,7 @@ int KelmDeviceBase::loadTensor(KelmTask* task) {
         task->finishExecutionTrace();  // of an earlier attempt, which gave no result
         task->setExecutionTraceIndex(traceBegin("task_", task->getId(), "_inference"));
     }
+    // Before the tensor is fed, since the result thread may count the task out at once.
     if (m_parent != nullptr) m_parent->increaseCacheTaskNum();
     const int rc = loadTensorImpl(task);
     if (rc != KELM_OK && m_parent != nullptr) m_parent->decreaseCacheTaskNum();
@@ -191,7 +196,7 @@ void KelmDeviceBase::setCurrentGraph(KelmGraph* graph) {
 
 void KelmDeviceBase::resetGraphInfo() {
     MutexLock lock(m_graphInfoMutex);
-    if (m_currentGraph == nullptr) return;
+    if (m_currentGraph == nullptr) return;  // or a failed load would wipe out the previous slots
     m_currentGraph = nullptr;
     m_fpsCounter.reset();
     m_utilizationCounter.reset();
@@ -208,6 +213,7 @@ void KelmDeviceBase::countResult() {
     if (m_currentGraph != nullptr) m_currentGraph->increaseInferenceTimes();
 }
 
+// The device is busy from the first task in flight to the last, of whichever clone.
 void KelmDeviceBase::increaseCacheTaskNum() {
     MutexLock lock(m_graphInfoMutex);
     if (m_cacheTaskNum == 0) m_utilizationCounter.start();
@@ -232,6 +238,8 @@ std::vector<std::string> KelmDeviceBase::getCachedGraphNames() {
     return {m_currentGraphName};
 }
 
+// The getters below have a lock each: what two of them tell may be of two graphs, which does no
+// harm on a display.
 KelmGraph* KelmDeviceBase::getCurrentGraph() {
     MutexLock lock(m_graphInfoMutex);
     return m_currentGraph;
@@ -294,7 +302,7 @@ void KelmDeviceBase::initPlatform() { configuredKind().initPlatform(); }
 int KelmDeviceBase::resetAllDevices() { return configuredKind().resetAllDevices(); }
 
 std::unique_ptr<KelmDeviceBase> KelmDeviceBase::create(const std::string& name) {
-    Factory factory;
+    Factory factory;  // a copy, since it is called without the lock
     {
         MutexLock lock(installedFactory().mutex);
         factory = installedFactory().factory;

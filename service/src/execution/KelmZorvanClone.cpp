@@ -24,11 +24,11 @@ constexpr const char* kReadElemFailure =
 
 }  // namespace
 
-// What came out of the device's queue.
+// An element of the device's queue of results.
 struct KelmZorvanClone::Result {
     unsigned int length = 0;         // in: the room; out: bytes
     unsigned long taskIdAttach = 0;  // the task whose input it was
-    UniqueMalloc<char> scratch;      // the bytes, if they did not go into the client's buffer
+    UniqueMalloc<char> scratch;      // the bytes, if they are not in the client's buffer
 };
 
 KelmZorvanClone::KelmZorvanClone(KelmZorvanDevice& root)
@@ -74,8 +74,8 @@ void KelmZorvanClone::abandonResult(KelmTask* task) {
 int KelmZorvanClone::loadTensorImpl(KelmTask* task) {
     KelmTaskParam& param = *task->getTaskParam();
     if (!TaskBuffers::verifyBuffer(param.getInputBuffer())) return KELM_ERROR_INVALID_INPUT_BUFFER;
-    // A result that could not be taken would stay in the device's queue and go to the next task,
-    // perhaps of another client: so the other buffers are looked at before the input goes in.
+    // A result without a place would stay in the device's queue and be read by the next task,
+    // perhaps of another client: so the other buffers are checked before the input is written.
     if (const int rc = TaskBuffers::verifyResultBuffers(param)) return rc;
     TevoQueues queues;
     if (const int rc = prepareQueues(task->getGraph(), queues)) return rc;
@@ -86,6 +86,7 @@ int KelmZorvanClone::loadTensorImpl(KelmTask* task) {
                             ? loadTensorIon(task, handles, descriptor)
                             : loadTensorRaw(task, handles, descriptor);
     if (written != KELM_OK) return written;
+    // Two steps, since the inference may be refused behind an input that is in the queue already.
     queues.ledger->addInput(task->getId());
     if (const int rc = queueInference(handles)) return rc;
     queues.ledger->addInference();
@@ -138,7 +139,7 @@ int KelmZorvanClone::getInputDescriptor(const TevoHandles& handles,
     }
     if (length == sizeof(descriptor)) return KELM_OK;
     LOG_ERROR("Error: qxFifoGetOption() failed, error=UNMATCH_TENSOR_DISCRIPTOR_LENGTH");
-    m_device.hardwareResetDevice(KELM_OK);  // only says so
+    m_device.hardwareResetDevice(KELM_OK);  // resets nothing, and logs that
     return KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH;
 }
 
@@ -152,15 +153,15 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
                   task->getId());
         return KELM_ERROR_MAP_INPUT_FAILED;
     }
-    // The library reads as much as the graph wants, whatever is there.
+    // The library reads as many bytes as the graph wants, past the end of a shorter mapping too.
     if (input.size < descriptor.totalSize) {
         LOG_ERROR("Error: invalid buffer size %lu", input.size);
         return KELM_ERROR_INVALID_INPUT_BUFFER;
     }
     const auto* const data = reinterpret_cast<const char*>(input.buffer);
-    // Deliberate: the input is copied, and the mapping is what goes to the library. The copy is
-    // part of the path; it takes what the graph wants, since a client can claim any size at no
-    // cost.
+    // Deliberate: the input is copied, and yet the mapping is what the library gets. The copy is
+    // part of the path. It has the size that the graph wants, since a client can claim any size of
+    // its buffer at no cost.
     UniqueMalloc<char> tensorData(static_cast<char*>(std::malloc(descriptor.totalSize)));
     if (!tensorData && descriptor.totalSize > 0) {
         LOG_ERROR("Error: allocate tensorData error");
@@ -168,9 +169,10 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
     }
     if (tensorData) {
         std::memcpy(tensorData.get(), data, descriptor.totalSize);
-        asm volatile("" : : "r"(tensorData.get()) : "memory");  // or the compiler leaves it out
+        asm volatile("" : : "r"(tensorData.get()) : "memory");  // or the compiler drops the copy
     }
-    // Shortened by the client meanwhile. Later than here it only shows with the result.
+    // The client may have shortened its memory during the copy. A shortening during the write below
+    // is found with the result.
     if (MappingGuard::isLost(data)) return KELM_ERROR_MAP_INPUT_FAILED;
     LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
                 "to call qxFifoWriteElem(), fifoIn=%p taskId=%lu inputTensor=%p inputLength=%lu "
@@ -219,7 +221,8 @@ int KelmZorvanClone::drainUnread(const TevoQueues& queues) {
     }
     queues.ledger->addFailedReading();
     (void)m_device.checked(rc, "Error: qxFifoReadElem() failed, device=%s rc=%d");
-    return TevoDevice::isHardwareError(rc) ? rc : KELM_OK;  // else the ledger knows what to do next
+    // Any other failure leaves the result in doubt, and the ledger names the next step.
+    return TevoDevice::isHardwareError(rc) ? rc : KELM_OK;
 }
 
 int KelmZorvanClone::getResultImpl(KelmTask* task) {
@@ -277,7 +280,7 @@ int KelmZorvanClone::readResult(KelmTask* task, const TevoHandles& handles, Queu
         return rc;
     }
     result.length = std::min(result.length, room);
-    (void)turn.addResult(result.taskIdAttach);  // whosever it is, it goes to this task
+    (void)turn.addResult(result.taskIdAttach);  // this task gets it, whichever it is of
     return KELM_OK;
 }
 

@@ -14,7 +14,7 @@ struct KelmBuffer;
 class KelmZorvanDevice;
 
 // What a slave worker has of an accelerator: it brings tensors and results to the library by
-// itself, and goes to the root for graphs, so that their cache exists once per device.
+// itself, and asks the root for graphs, so that their cache exists once per device.
 //
 // Threads: as the base; the two threads of a slave worker use separate queues of the device.
 // Owns: nothing on the device. Borrows the root, which outlives it.

@@ -25,7 +25,8 @@ constexpr GraphInfoRow kGraphInfoRows[] = {{QX_NINTPUT_SIZE, "QX_NINTPUT_SIZE"},
                                            {QX_DEBUG_INFO_SIZE, "QX_DEBUG_INFO_SIZE"},
                                            {QX_THERMAL_SIZE, "QX_THERMAL_SIZE"}};
 
-// A graph takes a little more than its blob.
+// The device lays out more than the blob: without a margin graphs of an estimated size would be
+// refused instead of an older one being evicted.
 constexpr double kMemoryMargin = 1.25;
 
 unsigned int withMargin(uint32_t megabytes) {
@@ -105,6 +106,7 @@ int KelmZorvanDevice::openDevice(const char* name) {
         m_device.handle = nullptr;
         return rc;
     }
+    // From here on the id is the library's, which clients see and name in reset requests.
     unsigned int id = 0;
     const int idStatus = m_device.traced(
         "qxDeviceGetId", [&] { return m_device.tevo.qxDeviceGetId(m_device.handle, &id); });
@@ -143,16 +145,16 @@ int KelmZorvanDevice::closeDeviceImpl() {
     return rc;
 }
 
-// Deliberate: decided once. Of the threads that fail together one resets, the others go on at once
-// with their own failure.
+// Deliberate: decided once. Of the threads that fail together one resets; the others report their
+// own failure without waiting for it.
 int KelmZorvanDevice::hardwareResetDeviceCore() {
     if (m_resetDone.exchange(true)) return KELM_OK;
     const int rc = m_device.traced("qxDeviceHWReset",
                                    [&] { return m_device.tevo.qxDeviceHWReset(m_device.handle); });
     LOG_INFO("hardware reset device(%s) finished, deviceId=%u rc=%d", getName(), getDeviceId(), rc);
     m_deviceFailed = true;
-    // The device's memory is gone. The handles stay until the destruction: other threads may be
-    // inside of the library with them.
+    // The reset has cleared the device's memory. The handles stay until the destruction: other
+    // threads may be inside of the library with them.
     m_cache.close();
     return rc;
 }
@@ -165,6 +167,7 @@ int KelmZorvanDevice::deallocateGraphImpl(KelmGraph* graph, bool keepCached) {
 
 void KelmZorvanDevice::forgetGraphImpl(KelmGraph* graph) { dropGraph(graph); }
 
+// A root has no queues: tasks reach the device through the clones of its slave workers.
 int KelmZorvanDevice::loadTensorImpl(KelmTask*) { return KELM_ERROR_INVALID_PARAM; }
 
 int KelmZorvanDevice::getResultImpl(KelmTask*) { return KELM_ERROR_INVALID_PARAM; }
@@ -172,7 +175,7 @@ int KelmZorvanDevice::getResultImpl(KelmTask*) { return KELM_ERROR_INVALID_PARAM
 int KelmZorvanDevice::loadGraph(KelmGraph* graph) {
     MutexLock lock(m_graphMutex);
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
-    if (m_cache.activate(graph)) return KELM_OK;
+    if (m_cache.activate(graph)) return KELM_OK;  // still on the device: no call is needed
     deallocOldestInactiveGraphIfFull(withMargin(graph->getMemReq()));
     TevoQueues queues;
     const int rc = m_loader.allocateGraph(graph, queues);
@@ -187,12 +190,14 @@ int KelmZorvanDevice::loadGraph(KelmGraph* graph) {
     return KELM_OK;
 }
 
-// A graph whose queues may be full of results that nobody can be sure to read starts anew, with
-// empty ones. After a failure the next task tries again.
+// For a graph whose queues may be full of results of which it is not known whether they can be
+// read: a read of what is not there would never return. After a failure the next task tries again.
 int KelmZorvanDevice::renewGraph(KelmGraph* graph) {
     MutexLock lock(m_graphMutex);
     LOG_WARN("Warn: too many results were not read, graph(%s) is loaded again: device=%s",
              escapeControls(graph->getName()), getName());
+    // The graph stays in the cache meanwhile, without handles: no other thread evicts it, and what
+    // fails below is no unload that its slave worker has not asked for.
     std::optional<TevoHandles> old = m_cache.takeHandles(graph);
     if (!old) return getMissingGraphError();
     m_loader.deallocateGraph(*old);
@@ -243,6 +248,7 @@ void KelmZorvanDevice::deallocOldestInactiveGraphIfFull(unsigned int required) {
                 m_cache.getSize());
 }
 
+// The mutex makes threads that meet the interval's end together read once and not twice.
 int KelmZorvanDevice::updateThermalIfDue() {
     if (m_updateThermalInterval < 1) return KELM_OK;  // readings are switched off
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;

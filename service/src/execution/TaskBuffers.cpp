@@ -23,7 +23,8 @@ bool mapIonBuffer(KelmBuffer& buffer) {
     return false;
 }
 
-// The mapping belongs to the buffer, whose task gives it back.
+// The mapping belongs to the buffer, and is released with its task. `peer` has sent the task: the
+// name leads wherever it likes, so the memory is opened with its rights and not with the service's.
 bool mapShareMemory(KelmBuffer& buffer, const PeerCredentials& peer, FileRights::Access wanted) {
     const std::string name = StringHelper::readBounded(buffer.name);
     auto shareMemory = std::make_unique<ShareMemory>();
@@ -58,6 +59,8 @@ int TaskBuffers::verifyResultBuffers(KelmTaskParam& param) {
     return KELM_OK;
 }
 
+// A client that shortens its memory under a mapping would kill the service by a signal; the guard
+// has put other memory in its place and remembers that.
 int TaskBuffers::verifyMappings(KelmTaskParam& param) {
     const struct {
         const KelmBuffer& buffer;
@@ -74,7 +77,7 @@ int TaskBuffers::verifyMappings(KelmTaskParam& param) {
 
 bool TaskBuffers::mapBuffer(const KelmTaskParam& param, KelmBuffer& buffer,
                             FileRights::Access wanted) {
-    if (buffer.buffer != 0) return true;
+    if (buffer.buffer != 0) return true;  // mapped by an earlier attempt of the task
     if (buffer.type == KELM_BUFFER_ION) return mapIonBuffer(buffer);
     if (buffer.type == KELM_BUFFER_SHARE_MEMORY) {
         return mapShareMemory(buffer, param.getPeer(), wanted);

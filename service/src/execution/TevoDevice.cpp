@@ -42,6 +42,7 @@ int TevoDevice::checked(int rc, const char* failure, KelmTask* task) {
     return rc;
 }
 
+// A status of another kind is the fault of a graph or of one call: the device serves the others on.
 void TevoDevice::hardwareResetDevice(int error) {
     if (!isHardwareError(error)) {
         LOG_INFO(

@@ -11,8 +11,8 @@ namespace kelm {
 
 class KelmTask;
 
-// A device as the library knows it, and what goes around every call for it: two lines for readers
-// of the process log, and a reset of the hardware where a failure means that the device is lost.
+// A device as the library knows it, and what surrounds every call for it: two lines for readers of
+// the process log, and a reset of the hardware where a failure means that the device is lost.
 //
 // Threads: any. Owns: nothing; the root device closes the handle.
 class TevoDevice : public NonCopyable {

@@ -42,7 +42,7 @@ struct TevoGraphInfo {
 // Which graphs are on one device, and the device's name in these graphs' records.
 //
 // A graph is not cached, cached and active, or cached and inactive. A record that is a key here is
-// alive: whoever may delete it has the graph taken out or forgotten before, on a device that has
+// alive: before a record is deleted its graph is taken out or forgotten, on a device that has
 // failed or is being taken away too. So a key is followed under m_mutex and never without.
 //
 // Threads: any; the library is never called in here. Owns: nothing, handles are values.
@@ -73,7 +73,7 @@ class TevoGraphCache : public NonCopyable {
     void forgetAll() EXCLUDES(m_mutex);
     // forgetAll(), and nothing comes in any more.
     void close() EXCLUDES(m_mutex);
-    // All handles, in the order of their keys. The records may be gone: they are not touched.
+    // All handles, in the order of their keys. The records may be deleted: they are not touched.
     std::vector<TevoHandles> takeAll() EXCLUDES(m_mutex);
 
     // In order of their addresses.

@@ -9,7 +9,7 @@ namespace kelm {
 
 namespace {
 
-constexpr int kGraphExecutors = 2;
+constexpr int kGraphExecutors = 2;  // set for each graph; what they are is the library's
 
 // One end of a graph: what to ask of it, and the words for its failures.
 struct GraphEnd {
@@ -97,6 +97,7 @@ int TevoGraphLoader::sendGraph(KelmGraph* graph, TevoHandles& handles) {
                                         "Error: qxGraphSetOption() failed, device=%s rc=%d")) {
         return rc;
     }
+    // Around the allocation: the difference is what the graph takes, which no blob tells.
     unsigned int before = 0;
     if (const int rc = getCurrentMemeoryUsed(&before)) {
         m_device.hardwareResetDevice(rc);
@@ -115,7 +116,7 @@ int TevoGraphLoader::sendGraph(KelmGraph* graph, TevoHandles& handles) {
         m_device.hardwareResetDevice(rc);
         return rc;
     }
-    // The measured size replaces the estimate.
+    // The measured size replaces the estimate, so that the next load needs no guess.
     if (after > before) graph->setMemReq((after - before) >> kMegabyteShift);
     return KELM_OK;
 }
@@ -123,6 +124,7 @@ int TevoGraphLoader::sendGraph(KelmGraph* graph, TevoHandles& handles) {
 int TevoGraphLoader::readDescriptors(qxGraphHandle_t* graphHandle, TensorDescriptors& tensors) {
     if (const int rc = readTensorCount(graphHandle, tensors)) return rc;
     const auto count = static_cast<size_t>(tensors.count);
+    // A count beyond what a length can tell gets no memory at all.
     const size_t bytes = count * sizeof(qxTensorDescriptor_t);
     if (bytes == clampLength(bytes)) {
         tensors.list.reset(
@@ -154,6 +156,7 @@ int TevoGraphLoader::readTensorCount(qxGraphHandle_t* graphHandle, TensorDescrip
     return error;
 }
 
+// The words for a queue's failures name other functions than those that fail; they are fixed.
 int TevoGraphLoader::makeFifo(const TensorDescriptors& tensors, qxFifoHandle_t** fifo) {
     const auto create = [&] {
         return m_device.tevo.qxFifoCreate(tensors.end.fifoName, tensors.end.fifoType, fifo);
@@ -169,6 +172,7 @@ int TevoGraphLoader::makeFifo(const TensorDescriptors& tensors, qxFifoHandle_t**
                             "Error: qxFifoCreate() failed, device=%s rc=%d");
 }
 
+// The queues before the graph that uses them.
 void TevoGraphLoader::deallocateGraph(TevoHandles& handles) {
     destroyFifo(handles.fifoIn);
     destroyFifo(handles.fifoOut);
@@ -178,8 +182,9 @@ void TevoGraphLoader::deallocateGraph(TevoHandles& handles) {
 void TevoGraphLoader::destroyFifo(qxFifoHandle_t*& fifo) {
     if (fifo == nullptr) return;
     const auto destroy = [&] { return m_device.tevo.qxFifoDestroy(&fifo); };
-    (void)m_device.checked(m_device.traced("qxFifoDestroy", destroy),
-                           "Error: qxFifoDelete() failed, device=%s rc=%d");  // given up either way
+    (void)m_device.checked(
+        m_device.traced("qxFifoDestroy", destroy),
+        "Error: qxFifoDelete() failed, device=%s rc=%d");  // lost also when it fails
     fifo = nullptr;
 }
 
@@ -188,7 +193,7 @@ void TevoGraphLoader::destroyGraph(qxGraphHandle_t*& graphHandle) {
     const auto destroy = [&] { return m_device.tevo.qxGraphDestroy(&graphHandle); };
     (void)m_device.checked(
         m_device.traced("qxGraphDestroy", destroy),
-        "Error: qxGraphDeallocate() failed, device=%s rc=%d");  // given up either way
+        "Error: qxGraphDeallocate() failed, device=%s rc=%d");  // lost also when it fails
     graphHandle = nullptr;
 }
 

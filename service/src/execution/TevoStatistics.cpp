@@ -22,9 +22,9 @@ constexpr int32_t kWarmupResults = 5;
 constexpr uint32_t kAuxTimeTaken = 1;
 constexpr uint32_t kAuxThermalStats = 2;
 constexpr uint32_t kAuxDebugInfo = 4;
-// Marks an auxiliary buffer that could not be filled.
+// Fills an auxiliary buffer whose block the device did not give.
 constexpr int kAuxUnusable = 0xA5;
-// Shorter arrays have no last step.
+// An array of two floats or fewer holds no step of an inference.
 constexpr unsigned int kTwoTimes = 2 * sizeof(float);
 
 char* dataOf(const KelmBuffer& buffer) { return reinterpret_cast<char*>(buffer.buffer); }
@@ -52,6 +52,7 @@ TevoStatistics::TevoStatistics(TevoDevice& device)
 
 void TevoStatistics::restartWarmup() { m_inferTimeWarmup = kWarmupResults; }
 
+// A plain load and store: see the field for what a lost step costs.
 void TevoStatistics::countResult() {
     const int32_t warmup = m_inferTimeWarmup;
     if (warmup != 0) m_inferTimeWarmup = warmup - 1;
@@ -94,7 +95,7 @@ int TevoStatistics::getTimeTaken(qxGraphHandle_t* graphHandle, char* data, unsig
     LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
                 "to call qxGraphGetOption(), graphHandle=%p option=QX_RO_GRAPH_TIME_TAKEN",
                 graphHandle);
-    const unsigned int room = length;
+    const unsigned int room = length;  // the library may tell of more than it was offered
     const int rc =
         m_device.tevo.qxGraphGetOption(graphHandle, QX_RO_GRAPH_TIME_TAKEN, data, &length);
     LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
@@ -109,6 +110,7 @@ int TevoStatistics::readTimeTaken(qxGraphHandle_t* graphHandle, UniqueMalloc<cha
                                   unsigned int& length, int noMemory) {
     unsigned int size = 0;
     if (const int rc = getTimeTakenSize(graphHandle, size)) return rc;
+    // Zeroed, and at least a byte: an empty array is no lack of memory.
     data.reset(static_cast<char*>(std::calloc(1, std::max(size, 1u))));
     if (!data) {
         LOG_ERROR("Error: [dev:%s] calloc(%u) faled.", m_device.name, size);
@@ -123,7 +125,7 @@ int TevoStatistics::copyTimeTaken(qxGraphHandle_t* graphHandle, KelmGraph* graph
     UniqueMalloc<char> data;
     unsigned int length = 0;
     if (const int rc = readTimeTaken(graphHandle, data, length, kTevoOutOfMemory)) {
-        // There is an array once its size was known.
+        // Without an array its size was not told, and the buffer stays as the client gave it.
         if (data) std::memset(dataOf(buffer), kAuxUnusable, buffer.size);
         return rc;
     }
@@ -154,6 +156,7 @@ int TevoStatistics::copyThermalStats(KelmBuffer& buffer, uint64_t& used) {
 }
 
 int TevoStatistics::fillDebugInfo(qxGraphHandle_t* graphHandle, KelmBuffer& buffer, uint64_t used) {
+    // The library writes into the client's memory itself: a block of any length needs no copy.
     char* const position = dataOf(buffer) + used;
     unsigned int length = clampLength(buffer.size - used);
     LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
