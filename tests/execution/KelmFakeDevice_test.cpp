@@ -44,9 +44,9 @@ TEST(KelmFakeDeviceTest, EachCloneHasAQueueOfItsOwnThatRefusesWhenItIsFullOrEmpt
 
 TEST(KelmFakeDeviceTest, WaitingLoadGoesOnAsSoonAsAResultIsTaken) {
     useFakeDevices(R"("queue_capacity": 1, "wait_timeout": 60000,)");
+    const auto graph = makeTestGraph(1, "one");
     KelmFakeDevice device("Fake0");
     ASSERT_EQ(device.openDevice(), 0);
-    const auto graph = makeTestGraph(1, "one");
     const auto task = makeTestTask(1, graph.get());
     ASSERT_EQ(device.allocateGraph(graph.get()), 0);
     ASSERT_EQ(device.loadTensor(task.get()), 0);

@@ -160,7 +160,8 @@ TEST_F(KelmZorvanDeviceTest, GraphsThatCannotRunAreRefusedAndLeaveTheDeviceAsItI
         EXPECT_EQ(first->allocateGraph(makeGraph(3, count).get()), expected);
         EXPECT_EQ(releases(), "G");
     }
-    EXPECT_EQ(first->allocateGraph(makeGraph(3, "memory=496").get()), 0) << "fills it";
+    graph = makeGraph(3, "memory=496");
+    EXPECT_EQ(first->allocateGraph(graph.get()), 0) << "fills it";
     EXPECT_EQ(tevo.count("qxDeviceHWReset"), 0);
     EXPECT_EQ(KelmZorvanDevice("1.2").openDevice(), -1) << "one at a time";
 }

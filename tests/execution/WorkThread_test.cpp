@@ -66,6 +66,7 @@ TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
     EXPECT_EQ(unloaded.get(), 0);
     EXPECT_EQ(loaded.get(), 0);
     EXPECT_EQ(worker->getGraphName(), "graph3");
+    tasks.clear();
     worker.reset();  // before the graph that it holds
 }
 
