@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "accelerators/TensorClient.h"
+#include "client/Client.h"
 #include "system/SystemFixture.h"
 #include "tools/simulator/SimulatedHost.h"
 
@@ -78,6 +80,23 @@ class AcceleratorFixture : public SystemFixture {
             }
             return output != nullptr && ::pclose(output) == 0 ? "" : "the load: " + text;
         });
+    }
+
+    static LoadPlan plan(const std::string& name, std::vector<std::string> graphs) {
+        LoadPlan result;
+        result.name = name;
+        result.graphs = std::move(graphs);
+        return result;
+    }
+    static LoadPlan twoGraphs(const std::string& name) {
+        return plan(name, {"KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst",
+                           "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond"});
+    }
+    client::ServiceStatus status() {
+        const auto client = client::Client::connect(path());
+        const auto status = client ? client.value()->queryStatus() : client.error();
+        EXPECT_TRUE(status) << status.error().text();
+        return status ? status.value() : client::ServiceStatus();
     }
 
     // Empty, or what was wrong. Devices leave and return after a reset only in this and in the

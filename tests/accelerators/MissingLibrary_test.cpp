@@ -1,5 +1,6 @@
 #include <list>
 #include <map>
+#include <span>
 #include <sstream>
 
 #include "accelerators/AcceleratorFixture.h"
@@ -36,86 +37,64 @@ class MissingLibraryTest : public AcceleratorFixture {
     }
     // The code of the answer to a graph.
     int32_t createGraph() {
-        RawClient client(path());
-        auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
-        request.clientId = client.registerClient("client");
-        request.head.base.dataNum = 1;
-        request.head.base.dataSize[0] = 5;
-        return client
-            .call<KelmMsgRspCreateGraph>(request, KELM_MESSAGE_CREATE_GRAPH_RSP, {}, "graph")
-            .head.status;
+        const auto client = client::Client::connect(path());
+        if (!client || client.value()->registerClient("client")) return KELM_OK;
+        const std::string blob = "graph";
+        return client.value()->createGraph(std::as_bytes(std::span(blob)), {}).error().code();
     }
 
  private:
     std::list<TempDir> m_directories;
 };
 
-TEST_F(MissingLibraryTest, ServiceDiesOfALibraryOrDoesNotNameIt) {
+TEST_F(MissingLibraryTest, UselessAcceleratorLibraryIsNamedOnceAndCostsItsDevicesAlone) {
     plug("1.1");
-    plug("1.2");
-    const struct {
-        const char* what;
-        Libraries libraries;
-        const char* named;
-    } rows[] = {
-        {"none", {}, "libtevo-kelm.so.0"},
-        {"other functions", {{"libtevo-kelm.so.0", "libion.so.0"}}, "has no function qx"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        startOn(row.libraries);
+    const std::pair<const char*, Libraries> rows[] = {
+        {"libtevo-kelm.so.0", {}}, {"has no function qx", {{"libtevo-kelm.so.0", "libion.so.0"}}}};
+    for (const auto& [words, libraries] : rows) {
+        SCOPED_TRACE(words);
+        startOn(libraries);
         for (int i = 0; i < 2; ++i) EXPECT_LT(createGraph(), KELM_OK);
         plug("1.3");
         EXPECT_TRUE(waitLogCount("failed to create worker on device(1.3)", 1)) << lastLines();
         EXPECT_TRUE(host().unplug("1.3"));
-        EXPECT_EQ(errorLines(row.named), 1U) << lastLines();
+        EXPECT_EQ(errorLines(words), 1U) << lastLines();
         EXPECT_EQ(errorLines("libtevo-kelm.so.0"), 1U) << lastLines();
         endService();
     }
+    startOn({}, R"("fake_device_settings": {"enable_fake_device": true})");
+    EXPECT_TRUE(serves());
+    EXPECT_EQ(errorLines(".so"), 0U) << "simulated devices need none";
 }
 
 // What the service maps itself can then come by name only.
-TEST_F(MissingLibraryTest, MissingIonTakesMoreThanItsBuffersWithIt) {
+TEST_F(MissingLibraryTest, UselessIonLibraryCostsTheBuffersThatAreMappedThroughIt) {
     plug("1.1");
-    const struct {
-        const char* what;
-        Libraries libraries;
-        const char* named;
-    } rows[] = {
-        {"none", {{"libtevo-kelm.so.0", "libtevo-kelm.so.0"}}, "libion.so.0"},
-        {"other functions",
-         {{"libtevo-kelm.so.0", "libtevo-kelm.so.0"}, {"libion.so.0", "libtevo-kelm.so.0"}},
-         "has no function ion_"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        startOn(row.libraries, R"("debug_settings": {"tensor_container": "system"})");
-        TaskClient client(path(), "KELMSIM input=64 output=64\ngraph");
-        const SharedTensor named[] = {{KELM_BUFFER_SHARE_MEMORY, 64},
-                                      {KELM_BUFFER_SHARE_MEMORY, 64}};
-        const SharedTensor descriptor(KELM_BUFFER_ION, 64);
+    const std::string graph = "KELMSIM input=64 output=64\ngraph";
+    const SharedTensor input(KELM_BUFFER_SHARE_MEMORY, 64);
+    const SharedTensor output(KELM_BUFFER_SHARE_MEMORY, 64);
+    const SharedTensor descriptor(KELM_BUFFER_ION, 64);
+    const Libraries none{{"libtevo-kelm.so.0", "libtevo-kelm.so.0"}};
+    Libraries other = none;
+    other["libion.so.0"] = "libtevo-kelm.so.0";
+    const std::pair<const char*, Libraries> rows[] = {{"libion.so.0", none},
+                                                      {"has no function ion_", other}};
+    for (const auto& [words, libraries] : rows) {
+        SCOPED_TRACE(words);
+        startOn(libraries, R"("debug_settings": {"tensor_container": "system"})");
+        TaskClient client(path(), graph);
         for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(client.infer(descriptor, named[1]), KELM_ERROR_MAP_INPUT_FAILED);
-            EXPECT_EQ(client.infer(named[0], descriptor), KELM_ERROR_MAP_OUTPUT_FAILED);
-            EXPECT_EQ(client.infer(named[0], named[1], &descriptor, 1), KELM_ERROR_MAP_AUX_FAILED);
-            EXPECT_EQ(client.infer(named[0], named[1]), KELM_OK);
+            EXPECT_EQ(client.infer(descriptor, output), KELM_ERROR_MAP_INPUT_FAILED);
+            EXPECT_EQ(client.infer(input, descriptor), KELM_ERROR_MAP_OUTPUT_FAILED);
+            EXPECT_EQ(client.infer(input, output, &descriptor, 1), KELM_ERROR_MAP_AUX_FAILED);
+            EXPECT_EQ(client.infer(input, output), KELM_OK);
         }
-        EXPECT_EQ(errorLines(row.named), 1U) << lastLines();
-        endService();
-
-        startOn(row.libraries);  // where nothing of a descriptor is mapped
-        EXPECT_EQ(
-            TaskClient(path(), "KELMSIM input=64 output=64\ngraph").infer(descriptor, descriptor),
-            KELM_OK);
-        EXPECT_EQ(errorLines(row.named), 0U) << lastLines();
+        EXPECT_EQ(errorLines(words), 1U) << lastLines();
         endService();
     }
-}
-
-TEST_F(MissingLibraryTest, SimulatedDevicesNeedALibrary) {
-    startOn({}, R"("fake_device_settings": {"enable_fake_device": true})");
-    EXPECT_TRUE(serves());
-    EXPECT_EQ(errorLines(".so"), 0U) << lastLines();
+    startOn(other);  // where nothing of a descriptor is mapped
+    EXPECT_EQ(TaskClient(path(), graph).infer(descriptor, descriptor), KELM_OK);
+    EXPECT_EQ(errorLines("ion"), 0U) << lastLines();
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
 #include "accelerators/AcceleratorFixture.h"
-#include "accelerators/TensorClient.h"
-#include "client/Client.h"
 
 namespace kelm {
 namespace {
@@ -12,11 +10,6 @@ class ReservedFaultsTest : public AcceleratorFixture {
         plug("1.1");
         plug("1.2");
         startService(R"("scheduler_config": [{"subclass": 0, )" + reservation + "}]");
-    }
-    client::ServiceStatus status() {
-        const auto client = client::Client::connect(path());
-        const auto status = client ? client.value()->queryStatus() : client.error();
-        return status ? status.value() : client::ServiceStatus();
     }
 };
 
@@ -30,14 +23,11 @@ TEST_F(ReservedFaultsTest, TasksGoOnElsewhereWhenADeviceFailsAndStays) {
         for (const std::string fault : {"qxFifoGetOption -6", "qxFifoReadElem -2"}) {
             SCOPED_TRACE(reservation + (" " + fault));
             startReserved(reservation);
-            LoadPlan plan;
-            plan.name = "client";
-            plan.graphs = {"graph"};
-            TensorLoad load(path(), plan, tensors);
-            EXPECT_TRUE(load.getsOn()) << lastLines();
+            TensorLoad load(path(), plan("client", {"graph"}), tensors);
+            ASSERT_TRUE(load.getsOn()) << lastLines();
             host().order("fail * qxDeviceHWReset -1\nfail * " + fault + " 1");
-            EXPECT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();
-            EXPECT_TRUE(load.getsOn()) << lastLines();
+            ASSERT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();
+            ASSERT_TRUE(load.getsOn()) << lastLines();
             EXPECT_EQ(load.finish(), "");
             EXPECT_EQ(logCount("Old worker"), 0U) << "it has left the bus";
             host().order("");

@@ -8,22 +8,19 @@
 
 namespace kelm {
 
-// A client with one graph and one task at a time.
+// A client with one graph that checks no result.
 class TaskClient {
  public:
+    static constexpr int32_t kNoAnswer = 1;
+
     TaskClient(const std::string& path, const std::string& graph) : m_raw(path) {
-        m_id = m_raw.registerClient("one task");
+        m_id = m_raw.registerClient("tasks");
         m_graph = m_raw.createGraph(m_id, "graph", graph);
     }
 
-    bool hasGraph() const { return m_graph != 0; }
-
-    // How the task ended; without `aux` it wants no such buffer. A positive number if an answer is
-    // missing.
-    int32_t infer(const SharedTensor& input, const SharedTensor& output,
-                  const SharedTensor* aux = nullptr, uint32_t auxFlags = 0) {
-        constexpr int32_t kNoAnswer = 1;
-        auto request = RawClient::inferRequest(m_id, m_graph, 1);
+    bool submit(const SharedTensor& input, const SharedTensor& output,
+                const SharedTensor* aux = nullptr, uint32_t auxFlags = 0) {
+        auto request = RawClient::inferRequest(m_id, m_graph, ++m_sequence);
         std::vector<int> descriptors;
         input.attach(request, KELM_FD_INPUT, descriptors);
         output.attach(request, KELM_FD_OUTPUT, descriptors);
@@ -32,18 +29,28 @@ class TaskClient {
             request.auxBuffer.auxFlags = auxFlags;
             request.auxBuffer.auxRequested = 1;
         }
-        if (!m_raw.send(request, descriptors)) return kNoAnswer;
-        const auto answer = m_raw.receiveType(KELM_MESSAGE_INFER_TASK_RSP);
-        if (!answer) return kNoAnswer;
-        if (const int32_t status = answer->as<KelmMsgRsp>().status) return status;
-        const auto done = m_raw.receiveType(KELM_MESSAGE_TASK_DONE_EVT);
-        return done ? done->as<KelmMsgEvtTaskDone>().status : kNoAnswer;
+        return m_raw.send(request, descriptors);
+    }
+    // How the next task ends, refused ones included.
+    int32_t wait() {
+        while (const auto message = m_raw.receive()) {
+            if (message->type() == KELM_MESSAGE_TASK_DONE_EVT) {
+                return message->as<KelmMsgEvtTaskDone>().status;
+            }
+            if (const int32_t status = message->as<KelmMsgRsp>().status) return status;
+        }
+        return kNoAnswer;
+    }
+    int32_t infer(const SharedTensor& input, const SharedTensor& output,
+                  const SharedTensor* aux = nullptr, uint32_t auxFlags = 0) {
+        return submit(input, output, aux, auxFlags) ? wait() : kNoAnswer;
     }
 
  private:
     RawClient m_raw;
     uint64_t m_id = 0;
     uint64_t m_graph = 0;
+    uint64_t m_sequence = 0;
 };
 
 }  // namespace kelm

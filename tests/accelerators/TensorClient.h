@@ -69,7 +69,7 @@ class TensorLoad {
     // Whether it gets so many more results in time.
     bool getsOn(uint64_t more = 50) const;
     // Submits no more. Empty once all is done and the client has left, or the first thing that was
-    // wrong. Its tensors are gone then.
+    // wrong. Its tensors are destroyed then.
     std::string finish();
     void hangUp() { m_client->hangUp(); }
 

@@ -3,7 +3,7 @@
 #include "devices/DevicesRig.h"
 #include "execution/WorkThread.h"
 #include "fakes/FakeClientDirectory.h"
-#include "fakes/ScriptedTevo.h"
+#include "fakes/SimulatedLibraries.h"
 #include "protocol/src/InfoPackage.h"
 
 namespace kelm {
@@ -89,10 +89,10 @@ TEST_F(DeviceManagerCreatorTest, ResetsReachTheDeviceOfARegisteredClientAndBlock
 TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsBlocksNeitherRequestersNorTheEnd) {
     constexpr int kWaiting = 20;
     const char* const function = "qxDeviceResetAll";
-    ScriptedTevo tevo;
+    SimulatedLibraries tevo;
     start({describe("a", 0)});
-    tevo.block(function);
-    tevo.failAll(function, -3);
+    tevo.order("hang - qxDeviceResetAll");
+    tevo.order("fail - qxDeviceResetAll -3");
     reset(kClient, 0, true);
     ASSERT_TRUE(eventually([&] { return tevo.count(function) == 1; }));
     for (int i = 0; i < kWaiting; ++i) reset(kClient, 0, true);
@@ -100,7 +100,7 @@ TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsBlocksNeitherRequestersNorTh
     EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
     EXPECT_FALSE(m_creator->stop());
     EXPECT_EQ(countResets(KELM_ERROR_INVALID_DEVICE), kWaiting);
-    tevo.release(function);
+    tevo.cancelOrders("hang");
     EXPECT_TRUE(hasAnswered(kWaiting + 1));
     EXPECT_EQ(m_results.resets().back().error, -3);
     EXPECT_TRUE(m_creator->stop());

@@ -63,13 +63,17 @@ TEST_F(KelmDeviceBaseTest, CloneSharesTheRootsIdentityAndTakesNoIdOfItsOwn) {
     EXPECT_EQ(clone->allocateGraph(graph.get()), 0) << "a clone of an open device is open";
 }
 
-TEST_F(KelmDeviceBaseTest, SameContentIsNotLoadedTwice) {
+TEST_F(KelmDeviceBaseTest, SameContentIsNotLoadedTwiceOnceItIsLoaded) {
     const auto twin = makeTestGraph(2, "one");
+    script->fail(DeviceCall::Allocate, 1, -3);
+    EXPECT_EQ(root.allocateGraph(graph.get()), -3);
+    EXPECT_EQ(graph->getLoadFailCount(), 1u);
+    EXPECT_EQ(root.getCurrentGraph(), nullptr);
     ASSERT_EQ(root.allocateGraph(graph.get()), 0);
     ASSERT_EQ(root.loadTensor(task.get()), 0);
     ASSERT_EQ(root.getResult(task.get()), 0);
     EXPECT_EQ(root.allocateGraph(twin.get()), 0);
-    EXPECT_EQ(script->count(DeviceCall::Allocate), 1);
+    EXPECT_EQ(script->count(DeviceCall::Allocate), 2);
     EXPECT_EQ(root.getCurrentInferenceCount(), 1u);
 }
 
@@ -98,15 +102,7 @@ TEST_F(KelmDeviceBaseTest, LeavingGraphBecomesThePreviousOne) {
     EXPECT_FALSE(root.getCurrentGraphLoadTime(time));
 }
 
-TEST_F(KelmDeviceBaseTest, FailedLoadLeavesNoCurrentGraph) {
-    script->fail(DeviceCall::Allocate, 1, -3);
-    EXPECT_EQ(root.allocateGraph(graph.get()), -3);
-    EXPECT_EQ(graph->getLoadFailCount(), 1u);
-    EXPECT_EQ(root.getCurrentGraph(), nullptr);
-    EXPECT_EQ(root.allocateGraph(graph.get()), 0);
-}
-
-TEST_F(KelmDeviceBaseTest, AttemptWithoutResultLeavesItsTraceOpen) {
+TEST_F(KelmDeviceBaseTest, AttemptWithoutResultEndsItsTrace) {
     const TempDir directory;
     const ScopedEnv tmpDir("TMPDIR", directory.path());
     enableTracer();
@@ -129,7 +125,7 @@ TEST_F(KelmDeviceBaseTest, AttemptWithoutResultLeavesItsTraceOpen) {
     EXPECT_EQ(rows, 2 * 4) << "each in both files";
 }
 
-TEST_F(KelmDeviceBaseTest, DeviceThatCannotReleaseIsDoneFor) {
+TEST_F(KelmDeviceBaseTest, DeviceThatCannotReleaseAGraphHasFailed) {
     ASSERT_EQ(root.allocateGraph(graph.get()), 0);
     script->fail(DeviceCall::Deallocate, 1, -6);
     EXPECT_EQ(root.deallocateGraph(graph.get(), false), -6);

@@ -13,7 +13,7 @@ class SlaveWorkerTest : public WorkerFixture {
     std::string state() { return worker->getStates().at(0); }
 };
 
-// Nobody answers a deschedule.
+// No deschedule is answered.
 class SlaveWorkerAloneTest : public WorkerFixture {
  protected:
     SlaveWorkerAloneTest() : WorkerFixture(FakeTaskExchange::Answer::Never) {}
@@ -21,7 +21,7 @@ class SlaveWorkerAloneTest : public WorkerFixture {
 
 }  // namespace
 
-TEST_F(SlaveWorkerTest, StatesFollowTheGraphAndItsTasks) {
+TEST_F(SlaveWorkerTest, StatesFollowTheGraphAndEachTaskFedAsksForOneMore) {
     start();
     EXPECT_EQ(state(), "WAIT_GRAPH");
     script.block(DeviceCall::Allocate);
@@ -31,12 +31,19 @@ TEST_F(SlaveWorkerTest, StatesFollowTheGraphAndItsTasks) {
     EXPECT_EQ(loaded.get(), 0);
     EXPECT_EQ(state(), "WAIT_TASK");
 
+    const FakeTaskExchange::Request request(worker.get(), graph.get());
+    EXPECT_THAT(exchange.scheduled(), ElementsAre(request));
     script.block(DeviceCall::GetResult);
-    worker->enqueueLoadTensor(addTask(graph.get()));
+    KelmTask* const task = addTask(graph.get());
+    worker->enqueueLoadTensor(task);
     EXPECT_TRUE(eventually([&] { return script.count(DeviceCall::GetResult) == 1; }));
     EXPECT_EQ(state(), "RUNNING");
     script.release(DeviceCall::GetResult);
     EXPECT_TRUE(eventually([&] { return state() == "WAIT_TASK"; }));
+    ASSERT_TRUE(settles(1, 0));
+    EXPECT_THAT(sink.done(), ElementsAre(Pair(task, KELM_OK)));
+    EXPECT_EQ(task->getStatus(), TASK_STATUS_DONE);
+    EXPECT_THAT(exchange.scheduled(), ElementsAre(request, request));
 
     script.block(DeviceCall::Deallocate);
     const auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
@@ -44,19 +51,6 @@ TEST_F(SlaveWorkerTest, StatesFollowTheGraphAndItsTasks) {
     script.release(DeviceCall::Deallocate);
     EXPECT_EQ(unloaded.get(), 0);
     EXPECT_EQ(state(), "WAIT_GRAPH");
-}
-
-TEST_F(SlaveWorkerTest, EachTaskFedAsksForOneMore) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    const FakeTaskExchange::Request request(worker.get(), graph.get());
-    EXPECT_THAT(exchange.scheduled(), ElementsAre(request));
-    KelmTask* const task = addTask(graph.get());
-    worker->enqueueLoadTensor(task);
-    ASSERT_TRUE(settles(1, 0));
-    EXPECT_THAT(sink.done(), ElementsAre(Pair(task, KELM_OK)));
-    EXPECT_EQ(task->getStatus(), TASK_STATUS_DONE);
-    EXPECT_THAT(exchange.scheduled(), ElementsAre(request, request));
 }
 
 TEST_F(SlaveWorkerTest, TasksInFlightAreBounded) {

@@ -40,6 +40,10 @@ TEST_F(WorkThreadTest, DeviceIsSetUpForTheTasksInFlight) {
         EXPECT_EQ(script.fifoCapacity(), fifo);
         EXPECT_EQ(script.maxCacheGraphNumber(), 4);
     }
+    start(0);
+    EXPECT_TRUE(worker->isReady());
+    EXPECT_EQ(load(graph.get()), KELM_ERROR_TOO_MANY_GRAPH);
+    EXPECT_EQ(worker->getTotalFps(), 0.0f);
 }
 
 TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
@@ -50,6 +54,9 @@ TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
     EXPECT_EQ(script.count(DeviceCall::Allocate), 1);
     EXPECT_EQ(load(other.get()), 0);
     EXPECT_EQ(load(third.get()), KELM_ERROR_TOO_MANY_GRAPH);
+    KelmTask* const task = addTask(third.get());
+    worker->enqueueLoadTensor(task);
+    EXPECT_THAT(exchange.returned(), ElementsAre(task));
     EXPECT_THAT(worker->getGraphs(), testing::UnorderedElementsAre(graph.get(), other.get()));
     EXPECT_EQ(worker->getGraphName(), "graph1");
 
@@ -60,16 +67,8 @@ TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
     EXPECT_EQ(unloaded.get(), 0);
     EXPECT_EQ(loaded.get(), 0);
     EXPECT_EQ(worker->getGraphName(), "graph3");
+    tasks.clear();
     worker.reset();  // before the graph that it holds
-}
-
-TEST_F(WorkThreadTest, TaskWithoutSlotGoesBack) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    KelmTask* const task = addTask(other.get());
-    worker->enqueueLoadTensor(task);
-    EXPECT_THAT(exchange.returned(), ElementsAre(task));
-    EXPECT_THAT(script.loadedTasks(), IsEmpty());
 }
 
 TEST_F(WorkThreadTest, GraphWithoutSlotIsUnloadedFromTheRoot) {
@@ -83,17 +82,12 @@ TEST_F(WorkThreadTest, GraphWithoutSlotIsUnloadedFromTheRoot) {
     EXPECT_THAT(worker->getDevice()->getCachedGraphList(), IsEmpty());
 }
 
-TEST_F(WorkThreadTest, FailedLoadFreesItsSlot) {
+// The notice of the failed load is held up on the pool, and the slot has been given away since.
+TEST_F(WorkThreadTest, NoticeOfAFailedLoadFreesItsSlotAndLeavesTheNextGraphAlone) {
     start();
     script.fail(DeviceCall::Allocate, 1, -3);
-    EXPECT_EQ(load(graph.get()), -3);
+    EXPECT_EQ(load(other.get()), -3);
     EXPECT_TRUE(eventually([&] { return worker->getGraphs().empty(); }));
-    EXPECT_EQ(load(other.get()), 0);
-}
-
-// The notice of the failed load is held up on the pool, and the slot has been given away since.
-TEST_F(WorkThreadTest, LateNoticeOfAFailedLoadLeavesTheNextGraphAlone) {
-    start();
     const auto elsewhere = makeTestGraph(9, "nine");
     for (const bool isUnderWay : {false, true}) {
         SCOPED_TRACE(isUnderWay);
@@ -198,7 +192,7 @@ TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {
     EXPECT_EQ(worker->getGraphName(), "graph1");
 }
 
-TEST_F(WorkThreadTest, ResetThatNeverAnswersHoldsUpTheThreadThatBringsTasks) {
+TEST_F(WorkThreadTest, ResetThatNeverAnswersLeavesTheThreadThatBringsTasksAlone) {
     start();
     ASSERT_EQ(load(graph.get()), 0);
     script.block(DeviceCall::Reset);
@@ -208,13 +202,6 @@ TEST_F(WorkThreadTest, ResetThatNeverAnswersHoldsUpTheThreadThatBringsTasks) {
     EXPECT_TRUE(settles(1, 0));
     EXPECT_EQ(unload(graph.get()), 0) << "the task scheduler's word comes through, too";
     script.release(DeviceCall::Reset);
-}
-
-TEST_F(WorkThreadTest, WithoutSlotsNothingIsLoaded) {
-    start(0);
-    EXPECT_TRUE(worker->isReady());
-    EXPECT_EQ(load(graph.get()), KELM_ERROR_TOO_MANY_GRAPH);
-    EXPECT_EQ(worker->getTotalFps(), 0.0f);
 }
 
 // The whole of it on simulated devices: tasks of two graphs, loads and unloads crossing them.

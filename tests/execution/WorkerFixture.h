@@ -18,7 +18,7 @@ namespace kelm {
 
 constexpr int kHardwareError = -6;
 
-// A work thread over a scripted device. The last to go is the worker's surroundings.
+// A work thread over a scripted device; it is destroyed before what surrounds it.
 class WorkerFixture : public testing::Test {
  protected:
     explicit WorkerFixture(FakeTaskExchange::Answer answer = FakeTaskExchange::Answer::OnThread)

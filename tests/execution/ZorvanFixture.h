@@ -6,20 +6,21 @@
 
 #include "TestConfig.h"
 #include "execution/KelmZorvanDevice.h"
-#include "fakes/ScriptedIon.h"
-#include "fakes/ScriptedTevo.h"
+#include "fakes/SimulatedLibraries.h"
 #include "fakes/TestPch.h"
 #include "fakes/TestRecords.h"
 #include "records/KelmTaskParam.h"
+#include "tools/simulator/Model.h"
 #include "utils/ShareMemory.h"
 
 namespace kelm {
 
-constexpr int kGone = -6;      // means a lost device
+constexpr int kLost = -6;      // means a lost device
 constexpr int kNoMemory = -3;  // does not
 constexpr int kRefused = -5;   // nor does this
 
-// An open device with two clones over a scripted library.
+// An open device with two clones over the simulated library. Its graphs have four bytes in, four
+// bytes out, and 8 MB.
 class ZorvanFixture : public testing::Test {
  protected:
     ZorvanFixture() { open(R"("tensor_container": "default")", 0, 0); }
@@ -41,7 +42,28 @@ class ZorvanFixture : public testing::Test {
         first.reset();
         second.reset();
         root.reset();
+        tasks.clear();
         EXPECT_EQ(tevo.live(), 0) << "handles were left behind";
+    }
+    static std::unique_ptr<KelmGraph> makeGraph(uint64_t id, const std::string& fields = "") {
+        return makeTestGraph(id, "KELMSIM input=4 output=4 memory=8 micros=500 times=3 debug=8 " +
+                                     fields + "\n" + std::to_string(id));
+    }
+    static simulator::Model modelOf(const KelmGraph& graph) {
+        const auto* data = reinterpret_cast<const uint8_t*>(graph.getData());
+        return simulator::Model::parse({data, graph.getDataSize()}).value();
+    }
+    // What the graph makes of an input.
+    std::string resultOf(const std::string& input) const {
+        std::string output(input.size(), '?');
+        modelOf(*graph).infer({reinterpret_cast<const uint8_t*>(input.data()), input.size()},
+                              {reinterpret_cast<uint8_t*>(output.data()), output.size()});
+        return output;
+    }
+    // The next call fails, or the one behind so many.
+    void fail(const std::string& call, int status, int skip = 0) {
+        tevo.order("fail " + call + " " + std::to_string(status) + " 1 " +
+                   std::to_string(skip + 1));
     }
 
     // A buffer of the client's, whose share of the memory object stays until the test ends.
@@ -58,7 +80,7 @@ class ZorvanFixture : public testing::Test {
         return buffer;
     }
     KelmBuffer shared(const std::string& content) { return shared(content, content.size()); }
-    static KelmBuffer ion(const std::string& content) { return ScriptedIon::makeBuffer(content); }
+    static KelmBuffer ion(const std::string& content) { return SimulatedIon::makeBuffer(content); }
     static KelmBuffer wanted(KelmBuffer aux, uint32_t flags) {
         aux.auxRequested = 1;
         aux.auxFlags = flags;
@@ -80,17 +102,17 @@ class ZorvanFixture : public testing::Test {
         return tasks.back().get();
     }
     static std::string contentOf(const KelmBuffer& buffer) {
+        if (buffer.buffer == 0) return SimulatedIon::contentOf(buffer.fd, buffer.size);
         return {reinterpret_cast<const char*>(buffer.buffer), buffer.size};
     }
     static std::string outputOf(KelmTask* task) {
         return contentOf(task->getTaskParam()->getOutputBuffer());
     }
 
-    ScriptedIon m_ion;
-    ScriptedTevo tevo;
+    SimulatedLibraries tevo;
     std::deque<ShareMemory> segments;
-    std::unique_ptr<KelmGraph> graph = makeTestGraph(1, "one");
-    std::unique_ptr<KelmGraph> other = makeTestGraph(2, "two");
+    std::unique_ptr<KelmGraph> graph = makeGraph(1);
+    std::unique_ptr<KelmGraph> other = makeGraph(2);
     std::unique_ptr<KelmZorvanDevice> root;
     std::unique_ptr<KelmDeviceBase> first;
     std::unique_ptr<KelmDeviceBase> second;

@@ -1,9 +1,10 @@
 #include "records/BufferAllocator.h"
 
-#include "fakes/ScriptedIon.h"
+#include "fakes/SimulatedLibraries.h"
 #include "fakes/TestPch.h"
 #include "records/KelmTaskParam.h"
 #include "utils/ShareMemory.h"
+#include "utils/UniqueFd.h"
 
 namespace kelm {
 namespace {
@@ -15,13 +16,22 @@ TEST(BufferAllocatorTest, FailureKeepsAHandleOrEndsTheProcess) {
     const struct {
         const char* failing;
         bool byImport, byAlloc;
-    } rows[] = {{"open", true, true}, {"alloc", false, true},  {"share", false, true},
-                {"mmap", true, true}, {"import", true, false}, {"get_info", true, false}};
+    } rows[] = {{"ion_open", true, true},    {"ion_alloc_only", false, true},
+                {"ion_share", false, true},  {"mapping", true, true},
+                {"ion_import", true, false}, {"ion_get_info", true, false}};
+    constexpr size_t kMoreThanTheAddresses = size_t{1} << 50;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.failing);
-        ScriptedIon ion;
-        ion.failing = row.failing;
-        KelmBuffer buffer = ScriptedIon::makeBuffer("tensor");
+        const bool isOpened = row.failing != std::string("ion_open");
+        const bool isMapping = row.failing == std::string("mapping");
+        SimulatedIon ion;
+        if (!isMapping) ion.order(std::string("fail - ") + row.failing + " -1");
+        KelmBuffer buffer = SimulatedIon::makeBuffer("tensor");
+        if (isMapping) {
+            const UniqueFd writable(buffer.fd);
+            const std::string path = "/proc/self/fd/" + std::to_string(buffer.fd);
+            buffer.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        }
         KelmBuffer made{};
         {
             BufferAllocator allocator;
@@ -30,26 +40,29 @@ TEST(BufferAllocatorTest, FailureKeepsAHandleOrEndsTheProcess) {
                 EXPECT_EQ(allocator.import(fd, &buffer), KELM_ERROR_BUFFER_ALLOC_FAILED);
             }
             if (row.byAlloc) {
-                EXPECT_EQ(allocator.alloc(4, &made), KELM_ERROR_BUFFER_ALLOC_FAILED);
+                EXPECT_EQ(allocator.alloc(isMapping ? kMoreThanTheAddresses : 4, &made),
+                          KELM_ERROR_BUFFER_ALLOC_FAILED);
             }
             EXPECT_EQ(buffer.buffer, 0u);
             EXPECT_EQ(made.fd, 0);
-            EXPECT_TRUE(ion.handles.empty());
+            EXPECT_EQ(ion.live(), 0);
             EXPECT_TRUE(isOpen(fd)) << "the client's, whose task closes it";
             EXPECT_EQ(allocator.free(&buffer), KELM_OK);
             EXPECT_FALSE(isOpen(fd));
         }
-        EXPECT_EQ(ion.opened, 0);
+        EXPECT_EQ(ion.count("ion_close"), isOpened ? 1 : 0);
     }
 }
 
 TEST(BufferAllocatorTest, ClientsWordDecidesHowMuchIsMapped) {
-    ScriptedIon ion;
+    SimulatedIon ion;
     BufferAllocator allocator;
-    KelmBuffer buffer = ScriptedIon::makeBuffer("tensor");
+    KelmBuffer buffer = SimulatedIon::makeBuffer("tensor" + std::string(4090, '\0'));
+    buffer.size = 6;
     EXPECT_EQ(allocator.free(nullptr), KELM_ERROR_INVALID_PARAM);
     EXPECT_EQ(allocator.import(0, &buffer), KELM_ERROR_INVALID_PARAM);
-    EXPECT_EQ(ion.opened, 0) << "a machine without ION is good enough until it is needed";
+    EXPECT_EQ(ion.count("ion_open"), 0)
+        << "a machine without ION is good enough until it is needed";
 
     ASSERT_EQ(allocator.import(buffer.fd, &buffer), KELM_OK);
     EXPECT_EQ(buffer.size, 4096u);
@@ -57,21 +70,23 @@ TEST(BufferAllocatorTest, ClientsWordDecidesHowMuchIsMapped) {
     ASSERT_EQ(allocator.getBufferData(&buffer, &data), KELM_OK);
     EXPECT_STREQ(static_cast<char*>(data), "tensor");
     EXPECT_EQ(allocator.free(&buffer), KELM_OK);
-    EXPECT_TRUE(ion.handles.empty());
+    EXPECT_EQ(ion.live(), 0);
     EXPECT_NE(::msync(data, 4096, MS_ASYNC), 0) << "still mapped";
 
     KelmBuffer made{};
     ASSERT_EQ(allocator.alloc(4, &made), KELM_OK);
+    ASSERT_EQ(allocator.getBufferData(&made, &data), KELM_OK);
+    std::memcpy(data, "made", 4);
     int fd = 0;
     ASSERT_EQ(allocator.getShareFd(&made, &fd), KELM_OK);
-    EXPECT_EQ(ScriptedIon::contentOf(fd, 4), "made");
+    EXPECT_EQ(SimulatedIon::contentOf(fd, 4), "made");
     EXPECT_EQ(allocator.free(&made), KELM_OK);
-    EXPECT_TRUE(ion.handles.empty());
+    EXPECT_EQ(ion.live(), 0);
 }
 
 TEST(BufferAllocatorTest, MissingLibraryIsAnErrorOfTheTask) {
     BufferAllocator allocator;
-    KelmBuffer buffer = ScriptedIon::makeBuffer("tensor");
+    KelmBuffer buffer = SimulatedIon::makeBuffer("tensor");
     EXPECT_EQ(allocator.import(buffer.fd, &buffer), KELM_ERROR_BUFFER_ALLOC_FAILED);
     EXPECT_EQ(allocator.free(&buffer), KELM_OK);
 }

@@ -59,7 +59,7 @@ class DeviceMonitorZorvanImplTest : public ::testing::Test {
     std::vector<std::string> m_events GUARDED_BY(m_mutex);
 };
 
-TEST_F(DeviceMonitorZorvanImplTest, DeviceHasAnotherNameOrSubclassThanItsPlaceAndInterface) {
+TEST_F(DeviceMonitorZorvanImplTest, DevicesAreListedAndToldByPlaceAndInterface) {
     m_bus.plug({"1.2.3", kVendor, kProduct, 0});
     m_bus.plug({"1.2.11", kVendor, kProduct, 2});
     m_bus.plug({"2.1", kVendor, 0x1234, -1});
@@ -68,21 +68,17 @@ TEST_F(DeviceMonitorZorvanImplTest, DeviceHasAnotherNameOrSubclassThanItsPlaceAn
     EXPECT_THAT(list(kProduct), UnorderedElementsAre("1.2.3 7c52:e19a/0", "1.2.11 7c52:e19a/2"));
     EXPECT_THAT(list(0), UnorderedElementsAre("1.2.3 7c52:e19a/0", "1.2.11 7c52:e19a/2",
                                               "2.1 7c52:1234/-1"));
-}
-
-TEST_F(DeviceMonitorZorvanImplTest, EventIsLostOrTellsOfAStranger) {
-    m_bus.plug({"1.2.3", kVendor, kProduct, 2});
-    launch();
     m_bus.plug({"1.4", kVendor, 0x1234, 0});
     m_bus.plug({"1.5", kVendor, kProduct, -1});
     m_bus.unplug("1.4");
-    m_bus.unplug("1.2.3");
-    m_bus.plug({"1.2.3", kVendor, kProduct, 2});
+    m_bus.unplug("1.2.11");
+    m_bus.plug({"1.2.11", kVendor, kProduct, 2});
     EXPECT_THAT(waitForEvents(3),
-                ElementsAre("+1.5 7c52:e19a/-1", "-1.2.3 7c52:e19a/2", "+1.2.3 7c52:e19a/2"));
+                ElementsAre("+1.5 7c52:e19a/-1", "-1.2.11 7c52:e19a/2", "+1.2.11 7c52:e19a/2"));
 }
 
-TEST_F(DeviceMonitorZorvanImplTest, StopWaitsForTheNextEvent) {
+TEST_F(DeviceMonitorZorvanImplTest, StopDoesNotWaitForAnEvent) {
+    EXPECT_FALSE(DeviceMonitorZorvanImpl().launch()) << "nothing to look for";
     launch();
     m_bus.plug({"1.1", kVendor, kProduct, 0});
     EXPECT_EQ(waitForEvents(1).size(), 1U);  // the thread is at work
@@ -91,11 +87,6 @@ TEST_F(DeviceMonitorZorvanImplTest, StopWaitsForTheNextEvent) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
     EXPECT_THAT(list(0), ElementsAre());  // and the context is not used any more
     EXPECT_FALSE(m_monitor->launch());
-}
-
-TEST_F(DeviceMonitorZorvanImplTest, LaunchWithoutFilterWatchesEverything) {
-    DeviceMonitorZorvanImpl impl;
-    EXPECT_FALSE(impl.launch());
 }
 
 }  // namespace

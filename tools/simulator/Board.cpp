@@ -64,7 +64,7 @@ void Board::reset() {
         m_gone = true;
         m_changed.notifyAll();
     }
-    tellEvent("reset " + m_name);
+    tellEvent("reset " + m_name + " " + std::to_string(m_address));
 }
 
 uint32_t Board::memorySize() const {
@@ -128,8 +128,11 @@ void Board::advance() {
     for (const auto& graph : m_graphs) graph->advance(now);
 }
 
-void Board::waitForChange() {
+int Board::waitForChange(GraphRun::Clock::time_point start) {
     const auto now = GraphRun::Clock::now();
+    if (isGoneUnsafe()) return kGone;
+    const auto patience = Orders::instance().patience(m_name);
+    if (patience && now - start > std::chrono::milliseconds(*patience)) return kTimeout;
     auto until = now + kPoll;
     for (const auto& graph : m_graphs) {
         // One that has finished waits for room, of which it is told.
@@ -138,13 +141,14 @@ void Board::waitForChange() {
         }
     }
     (void)m_changed.waitUntil(m_mutex, until);  // the callers loop
+    return kOk;
 }
 
 int Board::write(Fifo& fifo, Element element) {
     MutexLock lock(m_mutex);
+    const auto start = GraphRun::Clock::now();
     for (advance(); fifo.isFull(); advance()) {
-        if (isGoneUnsafe()) return kGone;
-        waitForChange();
+        if (const int status = waitForChange(start)) return status;
     }
     fifo.elements.push_back(std::move(element));
     m_changed.notifyAll();
@@ -159,9 +163,9 @@ void Board::queue(GraphRun& graph, std::shared_ptr<Fifo> in, std::shared_ptr<Fif
 
 int Board::read(Fifo& fifo, Element& element) {
     MutexLock lock(m_mutex);
+    const auto start = GraphRun::Clock::now();
     for (advance(); fifo.elements.empty(); advance()) {
-        if (isGoneUnsafe()) return kGone;
-        waitForChange();
+        if (const int status = waitForChange(start)) return status;
     }
     element = std::move(fifo.elements.front());
     fifo.elements.pop_front();

@@ -59,7 +59,7 @@ struct GraphRun {
 };
 
 // One simulated accelerator, from its opening until it has left the bus. Results appear when their
-// time has come; there is no thread: whoever waits looks at the clock.
+// time has come; there is no thread: a call that waits looks at the clock.
 //
 // Threads: any. Locks: m_mutex, then those of the orders and of the bus.
 class Board : public NonCopyable {
@@ -88,7 +88,7 @@ class Board : public NonCopyable {
     void removeGraph(const std::shared_ptr<GraphRun>& graph) EXCLUDES(m_mutex);
     std::shared_ptr<Fifo> addFifo(uint32_t elementSize, size_t capacity);
     void removeFifo();
-    // Tells of graphs and FIFOs that nobody destroyed.
+    // Tells of graphs and FIFOs that were not destroyed.
     void close() EXCLUDES(m_mutex);
 
     // Waits for room.
@@ -102,8 +102,8 @@ class Board : public NonCopyable {
     uint32_t memoryUsedUnsafe() const REQUIRES(m_mutex);
     bool isGoneUnsafe() REQUIRES(m_mutex);
     void advance() REQUIRES(m_mutex);
-    // Until something may have changed.
-    void waitForChange() REQUIRES(m_mutex);
+    // A status: waits until something may have changed since the call began to wait.
+    int waitForChange(GraphRun::Clock::time_point start) REQUIRES(m_mutex);
 
     const std::string m_name;
     const uint32_t m_id;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "service/src/platform/linux/IonApi.h"
+#include "tools/simulator/CallLog.h"
 #include "tools/simulator/Orders.h"
 #include "utils/Mutex.h"
 #include "utils/UniqueFd.h"
@@ -27,6 +28,7 @@ int fail(int error) {
 
 // A status by order, with an error number that fits any of them.
 int enter(const char* function) {
+    simulator::CallLog::note(function);
     const int status = simulator::Orders::instance().apply("-", function);
     if (status != 0) errno = EIO;
     return status;
@@ -34,7 +36,15 @@ int enter(const char* function) {
 
 UniqueFd duplicate(int fd) { return UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 3)); }
 
-// The buffers that are in use, by handle, each under the ION descriptor that it came by.
+// A buffer in use, and the ION descriptor that it came by.
+struct Buffer : simulator::CountedHandle {
+    Buffer(int ion, UniqueFd memory) : ionFd(ion), fd(std::move(memory)) {}
+
+    const int ionFd;
+    const UniqueFd fd;
+};
+
+// The buffers that are in use, by handle.
 class Buffers {
  public:
     // Never destroyed: threads may free buffers until the process has ended.
@@ -46,33 +56,33 @@ class Buffers {
     int add(int ionFd, UniqueFd buffer, int* handle) {
         MutexLock lock(m_mutex);
         *handle = m_next++;
-        m_buffers.emplace(*handle, std::make_pair(ionFd, std::move(buffer)));
+        m_buffers.try_emplace(*handle, ionFd, std::move(buffer));
         return 0;
     }
     // None if there is no such handle.
     UniqueFd share(int ionFd, int handle) {
         MutexLock lock(m_mutex);
         const auto found = m_buffers.find(handle);
-        const bool known = found != m_buffers.end() && found->second.first == ionFd;
-        return known ? duplicate(found->second.second.get()) : UniqueFd();
+        const bool known = found != m_buffers.end() && found->second.ionFd == ionFd;
+        return known ? duplicate(found->second.fd.get()) : UniqueFd();
     }
     bool remove(int ionFd, int handle) {
         MutexLock lock(m_mutex);
         const auto found = m_buffers.find(handle);
-        if (found == m_buffers.end() || found->second.first != ionFd) return false;
+        if (found == m_buffers.end() || found->second.ionFd != ionFd) return false;
         m_buffers.erase(found);
         return true;
     }
     void removeAll(int ionFd) {
         MutexLock lock(m_mutex);
         std::erase_if(m_buffers,
-                      [ionFd](const auto& entry) { return entry.second.first == ionFd; });
+                      [ionFd](const auto& entry) { return entry.second.ionFd == ionFd; });
     }
 
  private:
     Mutex m_mutex;
     int m_next GUARDED_BY(m_mutex) = 1;
-    std::map<int, std::pair<int, UniqueFd>> m_buffers GUARDED_BY(m_mutex);
+    std::map<int, Buffer> m_buffers GUARDED_BY(m_mutex);
 };
 
 }  // namespace
@@ -83,6 +93,7 @@ int ion_open() {
 }
 
 int ion_close(int fd) {
+    simulator::CallLog::note(__func__);
     Buffers::instance().removeAll(fd);
     return ::close(fd);
 }
@@ -124,7 +135,7 @@ int ion_get_info(int fd, int handle, unsigned int* a, unsigned int* b, unsigned 
     return 0;
 }
 
-// The buffer is freed also when that fails, since nobody tries again.
+// The buffer is freed also when that fails, since no caller tries again.
 int ion_free(int fd, int handle) {
     const bool known = Buffers::instance().remove(fd, handle);
     if (const int status = enter(__func__)) return status;

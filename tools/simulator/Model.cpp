@@ -13,6 +13,7 @@ namespace {
 constexpr std::string_view kMark = "KELMSIM";
 constexpr size_t kLongestHeader = 512;
 constexpr uint64_t kMegabyte = 1 << 20;
+constexpr uint32_t kAnyCount = 0xffffffff;  // also such as no graph has
 
 struct Field {
     std::string_view name;
@@ -25,7 +26,7 @@ constexpr Field kFields[] = {
     {"input", &Model::inputSize, 1, 1 << 28}, {"output", &Model::outputSize, 1, 1 << 28},
     {"memory", &Model::memoryMb, 0, 4095},    {"micros", &Model::micros, 0, 100'000'000},
     {"times", &Model::times, 0, 1024},        {"debug", &Model::debugSize, 0, 1 << 20},
-    {"inputs", &Model::inputs, 0, 16},        {"outputs", &Model::outputs, 0, 16},
+    {"inputs", &Model::inputs, 0, kAnyCount}, {"outputs", &Model::outputs, 0, kAnyCount},
 };
 
 bool setField(Model& model, std::string_view word) {

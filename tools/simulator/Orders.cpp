@@ -24,9 +24,9 @@ struct Verb {
 };
 
 constexpr Verb kVerbs[] = {
-    {"fail", true, 1, 3, 1},     {"lose", true, 1, 2, 1},   {"hang", true, 0, 1, 0},
-    {"slow", true, 1, 2, 1},     {"heat", false, 1, 2, -1}, {"vanish", false, 0, 0, -1},
-    {"memory", false, 1, 1, -1},
+    {"fail", true, 1, 3, 1},     {"lose", true, 1, 2, 1},     {"lie", true, 1, 2, 1},
+    {"hang", true, 0, 1, 0},     {"slow", true, 1, 2, 1},     {"heat", false, 1, 2, -1},
+    {"vanish", false, 0, 0, -1}, {"memory", false, 1, 1, -1}, {"patience", false, 1, 1, -1},
 };
 
 }  // namespace
@@ -66,10 +66,17 @@ std::optional<Orders::Order> Orders::parse(const std::string& line) {
 }
 
 void Orders::refresh() {
-    const auto lines = m_file.poll();
-    if (!lines) return;
+    if (const auto lines = m_file.poll()) replaceUnsafe(*lines);
+}
+
+void Orders::replace(const std::vector<std::string>& lines) {
+    MutexLock lock(m_mutex);
+    replaceUnsafe(lines);
+}
+
+void Orders::replaceUnsafe(const std::vector<std::string>& lines) {
     std::vector<Order> orders;
-    for (const std::string& line : *lines) {
+    for (const std::string& line : lines) {
         auto order = parse(line);
         if (!order) continue;
         const auto old = std::ranges::find(m_orders, line, &Order::line);
@@ -92,7 +99,8 @@ Orders::Delay Orders::take(const std::string& device, const char* function, int 
     MutexLock lock(m_mutex);
     refresh();
     for (Order& order : m_orders) {
-        if (order.verb == "lose" || !order.takeCall(device, function, option)) continue;
+        if (order.verb == "lose" || order.verb == "lie") continue;
+        if (!order.takeCall(device, function, option)) continue;
         if (order.verb == "slow") delay.millis += order.numbers[0];
         if (order.verb == "hang") delay.hang = order.line;
         if (order.verb == "fail" && delay.status == 0) {
@@ -108,14 +116,23 @@ bool Orders::stands(const std::string& line) {
     return std::ranges::find(m_orders, line, &Order::line) != m_orders.end();
 }
 
-int Orders::lose(const std::string& device, const char* function) {
+int Orders::takeNumber(const char* verb, const std::string& device, const char* function,
+                       int option) {
     MutexLock lock(m_mutex);
     refresh();
     for (Order& order : m_orders) {
-        if (order.verb != "lose" || !order.takeCall(device, function, kNoOption)) continue;
+        if (order.verb != verb || !order.takeCall(device, function, option)) continue;
         return static_cast<int>(order.numbers[0]);
     }
     return 0;
+}
+
+int Orders::lose(const std::string& device, const char* function) {
+    return takeNumber("lose", device, function, kNoOption);
+}
+
+unsigned int Orders::lie(const std::string& device, const char* function, int option) {
+    return static_cast<unsigned int>(takeNumber("lie", device, function, option));
 }
 
 int Orders::apply(const std::string& device, const char* function, int option) {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -22,7 +23,7 @@ SimulatedHost::SimulatedHost(std::string directory, std::chrono::milliseconds re
     writeBus();
 }
 
-// In one step, so that nobody reads half of it.
+// In one step, so that no reader sees half of it.
 void SimulatedHost::replaceFile(const std::string& name, const std::string& text) const {
     const std::string path = m_directory + "/" + name;
     std::ofstream file(path + ".new", std::ios::trunc);
@@ -67,15 +68,26 @@ std::vector<std::string> SimulatedHost::takeEvents() {
         m_eventsRead += line.size() + 1;
         events.push_back(std::move(line));
     }
-    for (const std::string& event : events) {
-        if (!event.starts_with(kResetEvent)) continue;
-        const std::string name = event.substr(std::string(kResetEvent).size());
-        if (unplug(name) && m_returnAfter.count() >= 0) {
-            m_away[name] = Clock::now() + m_returnAfter;
-        }
+    for (std::string& event : events) {
+        if (event.starts_with(kResetEvent)) event = takeReset(event);
     }
     bringBack();
     return events;
+}
+
+// A reset takes away the device that it was of, and none that has its place by now: that one would
+// leave and return behind the back of the test that has just plugged it in.
+std::string SimulatedHost::takeReset(const std::string& event) {
+    std::istringstream words(event.substr(std::string(kResetEvent).size()));
+    std::string name;
+    int address = 0;
+    words >> name >> address;
+    const auto found = m_addresses.find(name);
+    if (found != m_addresses.end() && found->second == address) {
+        (void)unplug(name);
+        if (m_returnAfter.count() >= 0) m_away[name] = Clock::now() + m_returnAfter;
+    }
+    return kResetEvent + name;
 }
 
 void SimulatedHost::bringBack() {

@@ -40,6 +40,8 @@ class SimulatedHost : public NonCopyable {
 
     void replaceFile(const std::string& name, const std::string& text) const;
     void writeBus() const;
+    // The event without the address.
+    std::string takeReset(const std::string& event);
     void bringBack();
 
     const std::string m_directory;

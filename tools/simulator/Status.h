@@ -10,6 +10,7 @@ enum Status : int {
     kNoMemory = -3,  // the graph does not fit into the device's memory
     kNoDevice = -4,  // no device of this name
     kInvalid = -5,   // a null handle, a wrong length, a buffer that cannot be mapped
+    kTimeout = -7,   // a read or a write has waited as long as the orders let it
     kNoGraph = -10,  // the blob is no graph
 };
 

@@ -11,23 +11,28 @@
 
 #include "service/src/execution/TevoApi.h"
 #include "tools/simulator/Board.h"
+#include "tools/simulator/CallLog.h"
 #include "tools/simulator/Machine.h"
 #include "tools/simulator/Orders.h"
 
 using namespace kelm;
 using namespace kelm::simulator;
 
-struct qxDeviceHandle_t {
-    std::shared_ptr<Board> board;
+struct qxDeviceHandle_t : CountedHandle {
+    explicit qxDeviceHandle_t(std::shared_ptr<Board> opened) : board(std::move(opened)) {}
+
+    const std::shared_ptr<Board> board;
 };
 
 // Empty until it is allocated on a device.
-struct qxGraphHandle_t {
+struct qxGraphHandle_t : CountedHandle {
     std::shared_ptr<Board> board;
     std::shared_ptr<GraphRun> run;
 };
 
-struct qxFifoHandle_t {
+struct qxFifoHandle_t : CountedHandle {
+    explicit qxFifoHandle_t(int fifoType) : type(fifoType) {}
+
     const int type;
     std::shared_ptr<Board> board;
     std::shared_ptr<Fifo> fifo;
@@ -36,13 +41,33 @@ struct qxFifoHandle_t {
 
 namespace {
 
+void note(const char* function, int option) {
+    if (!CallLog::isOn()) return;
+    const bool hasOption = option != Orders::kNoOption;
+    CallLog::note(hasOption ? function + ("(" + std::to_string(option) + ")") : function);
+}
+
 // Calls that concern no device.
-int enter(const char* function) { return Orders::instance().apply("-", function); }
+int enter(const char* function, int option = Orders::kNoOption) {
+    note(function, option);
+    return Orders::instance().apply("-", function, option);
+}
 
 template <class Handle>
 int enter(const Handle* handle, const char* function, int option = Orders::kNoOption) {
     if (handle == nullptr) return kInvalid;
-    return handle->board ? handle->board->enter(function, option) : enter(function);
+    if (!handle->board) return enter(function, option);
+    note(function, option);
+    return handle->board->enter(function, option);
+}
+
+// Passes the status on, and makes the length another one if the orders say so.
+template <class Handle>
+int tell(const Handle* handle, const char* function, int option, unsigned int* length, int status) {
+    if (status == kOk && length != nullptr) {
+        *length += Orders::instance().lie(handle->board->name(), function, option);
+    }
+    return status;
 }
 
 // As much as there is room for; the length becomes what was used.
@@ -62,9 +87,12 @@ std::span<const uint8_t> bytes(const void* data, size_t size) {
     return {static_cast<const uint8_t*>(data), size};
 }
 
+// However many there are, no more are made than there is room for.
 int copyDescriptors(uint32_t size, uint32_t count, void* data, unsigned int* length) {
+    if (length == nullptr) return kInvalid;
     const qxTensorDescriptor_t descriptor{1, 1, size, 1, size, {}};
-    const std::vector<qxTensorDescriptor_t> all(count, descriptor);
+    const size_t room = *length / sizeof(descriptor) + 1;
+    const std::vector<qxTensorDescriptor_t> all(std::min<size_t>(count, room), descriptor);
     return copyOut(all.data(), all.size() * sizeof(descriptor), data, length);
 }
 
@@ -78,6 +106,23 @@ int copyDebugInfo(const Model& model, void* data, unsigned int* length) {
     std::vector<uint8_t> info(model.debugSize);
     model.debugInfo(info);
     return copyOut(info.data(), info.size(), data, length);
+}
+
+int copyDeviceOption(Board& board, int option, void* data, unsigned int* length) {
+    float stats[kThermalFloats];
+    switch (option) {
+        case QX_RO_DEVICE_THERMAL_STATS:
+            thermalStats(board.temperature(), stats);
+            return copyOut(stats, kThermalStatsSize, data, length);
+        case QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL:
+            return copyNumber(static_cast<uint32_t>(board.throttling()), data, length);
+        case QX_RO_DEVICE_CURRENT_MEMORY_USED:
+            return copyNumber(board.memoryUsed(), data, length);
+        case QX_RO_DEVICE_MEMORY_SIZE:
+            return copyNumber(board.memorySize(), data, length);
+        default:
+            return kInvalid;
+    }
 }
 
 int copyGraphOption(const Model& model, int option, void* data, unsigned int* length) {
@@ -144,6 +189,7 @@ int qxGlobalSetOption(int option, const void* data, unsigned int length) {
     const bool known = option == QX_GLOBAL_LOG_LEVEL || option == QX_GLOBAL_COMMON_TIMEOUT ||
                        option == QX_GLOBAL_ALLOC_GRAPH_TIMEOUT;
     if (!known || data == nullptr || length != sizeof(int)) return kInvalid;
+    CallLog::note(std::to_string(option) + "=" + std::to_string(*static_cast<const int*>(data)));
     return enter(__func__);
 }
 
@@ -157,10 +203,11 @@ int qxDeviceResetAll() {
 
 int qxDeviceOpenBooted(qxDeviceHandle_t** handle, const char* name) {
     if (handle == nullptr || name == nullptr) return kInvalid;
+    note(__func__, Orders::kNoOption);
     if (const int status = Orders::instance().apply(name, __func__)) return status;
     std::shared_ptr<Board> board;
     if (const int status = Machine::instance().open(name, board)) return status;
-    *handle = std::make_unique<qxDeviceHandle_t>(qxDeviceHandle_t{std::move(board)}).release();
+    *handle = std::make_unique<qxDeviceHandle_t>(std::move(board)).release();
     return kOk;
 }
 
@@ -173,21 +220,8 @@ int qxDeviceGetId(qxDeviceHandle_t* device, unsigned int* id) {
 
 int qxDeviceGetOption(qxDeviceHandle_t* device, int option, void* data, unsigned int* length) {
     if (const int status = enter(device, __func__, option)) return status;
-    Board& board = *device->board;
-    float stats[kThermalFloats];
-    switch (option) {
-        case QX_RO_DEVICE_THERMAL_STATS:
-            thermalStats(board.temperature(), stats);
-            return copyOut(stats, kThermalStatsSize, data, length);
-        case QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL:
-            return copyNumber(static_cast<uint32_t>(board.throttling()), data, length);
-        case QX_RO_DEVICE_CURRENT_MEMORY_USED:
-            return copyNumber(board.memoryUsed(), data, length);
-        case QX_RO_DEVICE_MEMORY_SIZE:
-            return copyNumber(board.memorySize(), data, length);
-        default:
-            return kInvalid;
-    }
+    return tell(device, __func__, option, length,
+                copyDeviceOption(*device->board, option, data, length));
 }
 
 int qxDeviceClose(qxDeviceHandle_t* device) {
@@ -219,14 +253,16 @@ int qxGraphCreate(const char* name, qxGraphHandle_t** graph) {
 }
 
 int qxGraphSetOption(qxGraphHandle_t* graph, int option, const void* data, unsigned int length) {
-    if (const int status = enter(graph, __func__)) return status;
+    if (const int status = enter(graph, __func__, option)) return status;
     const bool valid = option == QX_GRAPH_EXECUTORS && data != nullptr && length == sizeof(int);
     return valid ? kOk : kInvalid;
 }
 
 int qxGraphGetOption(qxGraphHandle_t* graph, int option, void* data, unsigned int* length) {
     if (const int status = enter(graph, __func__, option)) return status;
-    return graph->run ? copyGraphOption(graph->run->model, option, data, length) : kInvalid;
+    if (!graph->run) return kInvalid;
+    return tell(graph, __func__, option, length,
+                copyGraphOption(graph->run->model, option, data, length));
 }
 
 int qxGraphAllocate(qxDeviceHandle_t* device, qxGraphHandle_t* graph, const void* data,
@@ -290,13 +326,14 @@ int qxFifoCreate(const char* name, int type, qxFifoHandle_t** fifo) {
     const bool known = type == QX_FIFO_HOST_RO || type == QX_FIFO_HOST_WO;
     if (name == nullptr || fifo == nullptr || !known) return kInvalid;
     if (const int status = enter(__func__)) return status;
-    *fifo = std::make_unique<qxFifoHandle_t>(qxFifoHandle_t{type, {}, {}}).release();
+    *fifo = std::make_unique<qxFifoHandle_t>(type).release();
     return kOk;
 }
 
 int qxFifoAllocate(qxFifoHandle_t* fifo, qxDeviceHandle_t* device,
                    const qxTensorDescriptor_t* descriptor, unsigned int elementCount) {
-    if (const int status = enter(device, __func__)) return status;
+    const int count = static_cast<int>(elementCount);
+    if (const int status = enter(device, __func__, count)) return status;
     if (fifo == nullptr || fifo->fifo || descriptor == nullptr || elementCount == 0) {
         return kInvalid;
     }
@@ -309,7 +346,8 @@ int qxFifoAllocate(qxFifoHandle_t* fifo, qxDeviceHandle_t* device,
 int qxFifoGetOption(qxFifoHandle_t* fifo, int option, void* data, unsigned int* length) {
     if (const int status = enter(fifo, __func__, option)) return status;
     if (!fifo->fifo || option != QX_RO_FIFO_TENSOR_DESCRIPTOR) return kInvalid;
-    return copyOut(&fifo->descriptor, sizeof(fifo->descriptor), data, length);
+    return tell(fifo, __func__, option, length,
+                copyOut(&fifo->descriptor, sizeof(fifo->descriptor), data, length));
 }
 
 int qxFifoWriteElem(qxFifoHandle_t* fifo, const void* data, unsigned int* length,
@@ -330,7 +368,8 @@ int qxFifoWriteIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
 int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
                    unsigned long* userValue) {
     if (const int status = enter(fifo, __func__)) return status;
-    return readElement(fifo, data, length, userValue, __func__);
+    return tell(fifo, __func__, Orders::kNoOption, length,
+                readElement(fifo, data, length, userValue, __func__));
 }
 
 int qxFifoReadIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,

@@ -30,8 +30,8 @@ class UsbBus : public NonCopyable {
     // Throws std::invalid_argument for a name that is no place for a device.
     static void checkPlace(const std::string& name);
 
-    // Adds the device, and the hubs on the way to it, and tells who listens. Nothing happens if it
-    // is there already. Checks the place.
+    // Adds the device, and the hubs on the way to it, and tells the listeners. Nothing happens if
+    // it is there already. Checks the place.
     void plug(const UsbDevice& device);
     // False if no such device is there. Hubs stay.
     bool unplug(const std::string& name);

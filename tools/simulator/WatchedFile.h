@@ -10,10 +10,10 @@
 namespace kelm::simulator {
 
 // The path of a file in the directory that the environment variable KELM_SIM_DIR names, by which
-// the simulator and those who steer it talk; empty without it.
+// the simulator and the programs that steer it talk; empty without it.
 std::string simulatorFile(const std::string& name);
 
-// Adds a line to the file "events" there; without the directory nobody is told.
+// Adds a line to the file "events" there; nothing happens without the directory.
 void tellEvent(const std::string& line);
 
 // The lines of a file, read again when it has changed; looks at most once a millisecond.
@@ -23,8 +23,7 @@ class WatchedFile {
  public:
     explicit WatchedFile(std::string path) : m_path(std::move(path)) {}
 
-    // The lines without blank ones, if the file has changed since the last look; none if it is
-    // gone.
+    // The lines without blank ones, if the file has changed since the last look; none without it.
     std::optional<std::vector<std::string>> poll();
     // Whether the file was there at the last look.
     bool exists() const { return m_seen.st_ino != 0; }

@@ -1,12 +1,55 @@
 #include "execution/KelmDeviceBase.h"
 
+#include <utility>
+
 #include "config/ServiceConfigParser.h"
+#include "execution/KelmFakeDevice.h"
+#include "execution/KelmZorvanDevice.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
+
+namespace {
+
+// What depends on the kind of device that the configuration asks for.
+struct DeviceKind {
+    void (*initPlatform)();
+    int (*resetAllDevices)();
+    std::unique_ptr<KelmDeviceBase> (*create)(const std::string& name);
+    int (*getGraphInfo)(const char* data, size_t size, KelmGraphInfo what, size_t& result);
+};
+
+constexpr DeviceKind kSimulated = {[] {}, []() -> int { return KELM_OK; },
+                                   [](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+                                       return std::make_unique<KelmFakeDevice>(name);
+                                   },
+                                   &KelmFakeDevice::getGraphInfo};
+
+constexpr DeviceKind kAccelerator = {
+    &KelmZorvanDevice::initPlatform, &KelmZorvanDevice::resetAllDevices,
+    [](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+        return std::make_unique<KelmZorvanDevice>(name);
+    },
+    &KelmZorvanDevice::getGraphInfo};
+
+const DeviceKind& configuredKind() {
+    return ServiceConfigParser::instance().isFakeDeviceEnabled() ? kSimulated : kAccelerator;
+}
+
+struct InstalledFactory {
+    Mutex mutex;
+    KelmDeviceBase::Factory factory GUARDED_BY(mutex);
+};
+
+InstalledFactory& installedFactory() {
+    static InstalledFactory installed;
+    return installed;
+}
+
+}  // namespace
 
 std::atomic<uint32_t> KelmDeviceBase::m_deviceIdCounter{0};
 
@@ -22,6 +65,7 @@ KelmDeviceBase::KelmDeviceBase(KelmDeviceBase* parent, const std::string& name, 
 KelmDeviceBase::KelmDeviceBase(const std::string& name)
     : KelmDeviceBase(nullptr, name, m_deviceIdCounter.fetch_add(1)) {}
 
+// A clone is made of an open root, and is open from the start.
 KelmDeviceBase::KelmDeviceBase(KelmDeviceBase* parent)
     : KelmDeviceBase(parent, parent->getName(), parent->getDeviceId()) {
     m_memorySize = parent->getMemorySize();
@@ -56,7 +100,7 @@ int KelmDeviceBase::openDevice() {
 void KelmDeviceBase::closeDevice() {
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return;
-    (void)closeDeviceImpl();  // the device is given up either way
+    (void)closeDeviceImpl();  // after a failure, too, there is no use for the device
 }
 
 int KelmDeviceBase::resetDevice() {
@@ -70,14 +114,16 @@ int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_DEVICE_NOT_OPEN;
     if (!verifyGraph(graph)) return KELM_ERROR_GRAPH_VERIFY_FAILED;
+    // By content: two records of the same blob share what is on the device.
     if (compareGraph(getCurrentGraph(), graph)) return KELM_OK;
-    // The leaving graph's statistics move on before the new graph starts.
+    // Before the load and not behind it: a load takes long, and the display must not show the graph
+    // that has left as running all that time.
     resetGraphInfo();
     const uint64_t trace = traceBegin("load_graph_", graph->getId(), "_device_", m_deviceId.load());
     const int rc = allocateGraphImpl(graph);
     TraceEndCsv(trace);
     if (rc != KELM_OK) {
-        graph->increaseLoadFailCount();
+        graph->increaseLoadFailCount();  // schedulers give up a graph that fails too often
         resetGraphInfo();
         return rc;
     }
@@ -93,12 +139,13 @@ int KelmDeviceBase::deallocateGraph(KelmGraph* graph, bool keepCached) {
     const int rc = deallocateGraphImpl(graph, keepCached);
     TraceEndCsv(trace);
     if (getCurrentGraph() == graph) resetGraphInfo();
-    // A device that cannot release a graph is done for. The flag is not tested above, so that
-    // graphs can still be taken off a failed device.
+    // What a device cannot release stays in its memory for good, so no graph may be loaded on it
+    // any more. The flag is not tested above, so that graphs can still be taken off it.
     if (rc != KELM_OK) m_deviceFailed = true;
     return rc;
 }
 
+// The record of the graph is deleted after this, so no pointer to it may stay behind.
 void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
     MutexLock lock(m_deviceMutex);
     forgetGraphImpl(graph);
@@ -112,6 +159,7 @@ int KelmDeviceBase::loadTensor(KelmTask* task) {
         task->finishExecutionTrace();  // of an earlier attempt, which gave no result
         task->setExecutionTraceIndex(traceBegin("task_", task->getId(), "_inference"));
     }
+    // Before the tensor is fed, since the result thread may count the task out at once.
     if (m_parent != nullptr) m_parent->increaseCacheTaskNum();
     const int rc = loadTensorImpl(task);
     if (rc != KELM_OK && m_parent != nullptr) m_parent->decreaseCacheTaskNum();
@@ -135,6 +183,148 @@ bool KelmDeviceBase::verifyGraph(const KelmGraph* graph) {
 
 bool KelmDeviceBase::compareGraph(const KelmGraph* a, const KelmGraph* b) {
     return a != nullptr && b != nullptr && a->getHash() == b->getHash();
+}
+
+void KelmDeviceBase::setCurrentGraph(KelmGraph* graph) {
+    const std::string name = graph->getName();
+    MutexLock lock(m_graphInfoMutex);
+    m_currentGraph = graph;
+    m_currentGraphName = name;
+    m_currentGraphLoadTime = std::chrono::system_clock::now();
+    m_currentInferenceCount = 0;
+}
+
+void KelmDeviceBase::resetGraphInfo() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_currentGraph == nullptr) return;  // or a failed load would wipe out the previous slots
+    m_currentGraph = nullptr;
+    m_fpsCounter.reset();
+    m_utilizationCounter.reset();
+    m_previousGraphName = m_currentGraphName;
+    m_previousGraphLoadTime = m_currentGraphLoadTime;
+    m_previousInferenceCount = m_currentInferenceCount;
+    m_previousGraphUnloadTime = std::chrono::system_clock::now();
+}
+
+void KelmDeviceBase::countResult() {
+    MutexLock lock(m_graphInfoMutex);
+    m_fpsCounter.update();
+    ++m_currentInferenceCount;
+    if (m_currentGraph != nullptr) m_currentGraph->increaseInferenceTimes();
+}
+
+// The device is busy from the first task in flight to the last, of whichever clone.
+void KelmDeviceBase::increaseCacheTaskNum() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_cacheTaskNum == 0) m_utilizationCounter.start();
+    ++m_cacheTaskNum;
+}
+
+void KelmDeviceBase::decreaseCacheTaskNum() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_cacheTaskNum == 1) m_utilizationCounter.stop();
+    --m_cacheTaskNum;
+}
+
+std::vector<KelmGraph*> KelmDeviceBase::getCachedGraphList() {
+    KelmGraph* const graph = getCurrentGraph();
+    if (graph == nullptr) return {};
+    return {graph};
+}
+
+std::vector<std::string> KelmDeviceBase::getCachedGraphNames() {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_currentGraph == nullptr) return {};
+    return {m_currentGraphName};
+}
+
+// The getters below have a lock each: what two of them tell may be of two graphs, which does no
+// harm on a display.
+KelmGraph* KelmDeviceBase::getCurrentGraph() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_currentGraph;
+}
+
+std::string KelmDeviceBase::getCurrentGraphName() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_currentGraph != nullptr ? m_currentGraphName : std::string();
+}
+
+std::string KelmDeviceBase::getPreviousGraphName() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_previousGraphName;
+}
+
+uint32_t KelmDeviceBase::getCurrentInferenceCount() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_currentGraph != nullptr ? m_currentInferenceCount : 0;
+}
+
+uint32_t KelmDeviceBase::getPreviousInferenceCount() {
+    MutexLock lock(m_graphInfoMutex);
+    return m_previousGraphName.empty() ? 0 : m_previousInferenceCount;
+}
+
+bool KelmDeviceBase::getCurrentGraphLoadTime(TimePoint& time) {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_currentGraph == nullptr) return false;
+    time = m_currentGraphLoadTime;
+    return true;
+}
+
+bool KelmDeviceBase::getPreviousGraphLoadTime(TimePoint& time) {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_previousGraphName.empty()) return false;
+    time = m_previousGraphLoadTime;
+    return true;
+}
+
+bool KelmDeviceBase::getPreviousGraphUnloadTime(TimePoint& time) {
+    MutexLock lock(m_graphInfoMutex);
+    if (m_previousGraphName.empty()) return false;
+    time = m_previousGraphUnloadTime;
+    return true;
+}
+
+float KelmDeviceBase::getFps() {
+    if (m_deviceFailed) return 0.0f;
+    MutexLock lock(m_graphInfoMutex);
+    return m_fpsCounter.getFps();
+}
+
+float KelmDeviceBase::getDeviceUtilization() {
+    if (m_deviceFailed) return 0.0f;
+    return m_utilizationCounter.getUtilization();
+}
+
+void KelmDeviceBase::initPlatform() { configuredKind().initPlatform(); }
+
+int KelmDeviceBase::resetAllDevices() { return configuredKind().resetAllDevices(); }
+
+std::unique_ptr<KelmDeviceBase> KelmDeviceBase::create(const std::string& name) {
+    Factory factory;  // a copy, since it is called without the lock
+    {
+        MutexLock lock(installedFactory().mutex);
+        factory = installedFactory().factory;
+    }
+    return factory ? factory(name) : configuredKind().create(name);
+}
+
+int KelmDeviceBase::getGraphInfo(const char* data, size_t size, KelmGraphInfo what,
+                                 size_t& result) {
+    return configuredKind().getGraphInfo(data, size, what, result);
+}
+
+bool KelmDeviceBase::isFakeDeviceModeEnabled(int* count) {
+    const ServiceConfigParser& config = ServiceConfigParser::instance();
+    if (!config.isFakeDeviceEnabled()) return false;
+    if (count != nullptr) *count = config.getFakeDeviceNum();
+    return true;
+}
+
+void KelmDeviceBase::setFactory(Factory factory) {
+    MutexLock lock(installedFactory().mutex);
+    installedFactory().factory = std::move(factory);
 }
 
 }  // namespace kelm

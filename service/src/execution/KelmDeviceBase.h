@@ -53,7 +53,7 @@ class KelmDeviceBase : public NonCopyable {
     virtual bool isHardwareError(int error);
     virtual void setFifoCapacity(unsigned int capacity);
     virtual void setMaxCacheGraphNumber(int number);
-    // In place of getResult(): nobody takes the task's result. Any thread.
+    // In place of getResult(): the task is given back, and its result stays unread. Any thread.
     virtual void abandonResult(KelmTask* task);
     // Reads the temperature anew.
     virtual int updateThermal();
@@ -70,7 +70,8 @@ class KelmDeviceBase : public NonCopyable {
     [[nodiscard]] int allocateGraph(KelmGraph* graph) EXCLUDES(m_deviceMutex);
     // `keepCached` lets the device keep the graph's image for a fast return.
     [[nodiscard]] int deallocateGraph(KelmGraph* graph, bool keepCached) EXCLUDES(m_deviceMutex);
-    // The record of the graph may go while the device can no longer release it: keeps no pointer.
+    // Keeps no pointer to the graph, whose record may be deleted although the device could not
+    // release it.
     void forgetGraph(KelmGraph* graph) EXCLUDES(m_deviceMutex);
     [[nodiscard]] int loadTensor(KelmTask* task);
     [[nodiscard]] int getResult(KelmTask* task);

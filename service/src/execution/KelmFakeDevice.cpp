@@ -43,6 +43,7 @@ KelmFakeDevice::KelmFakeDevice(const std::string& name)
           makeLatency(ServiceConfigParser::instance().getLoadTensorLatency(), kDefaultLoadMs)),
       m_getResultLatency(
           makeLatency(ServiceConfigParser::instance().getGetResultLatency(), kDefaultResultMs)) {
+    // For the temperatures, which have no engine of their own.
     std::srand(static_cast<unsigned int>(std::time(nullptr)));
     readSettings();
 }
@@ -145,6 +146,7 @@ int KelmFakeDevice::loadTensorImpl(KelmTask* task) {
     LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call loadTensor(), taskId=%lu",
                 task->getId());
     const SteadyTime start = std::chrono::steady_clock::now();
+    // Under the lock: the device works on one thing at a time.
     LatencyDistribution::sleep(m_loadTensorLatency.draw(m_randomEngine));
     m_taskQueue.pushBack(task);
     m_notEmpty.notifyOne();

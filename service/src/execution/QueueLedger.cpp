@@ -4,6 +4,8 @@
 
 namespace kelm {
 
+// The wait ends by the result thread, which frees places, or by an end of the queues. It is not
+// begun where no task waits for a result: then no reading is to come that would end it.
 QueueLedger::NextStep QueueLedger::getNextStep() {
     MutexLock lock(m_mutex);
     if (m_lacksInference) return NextStep::kQueueInference;
@@ -29,6 +31,7 @@ QueueLedger::Entries::iterator QueueLedger::findAwaited(unsigned long taskId) {
 
 void QueueLedger::addInput(unsigned long taskId) {
     MutexLock lock(m_mutex);
+    // Not awaited yet: should the inference be refused, the task is given back.
     m_entries.push_back({taskId, State::kUnread});
     m_lacksInference = true;
 }
@@ -79,6 +82,8 @@ bool QueueLedger::isNext(unsigned long taskId) {
                        [](const Entry& entry) { return entry.state == State::kAwaited; });
 }
 
+// Only entries up to the reader's own can come out before it; a task id further back is a later
+// attempt of the same task.
 QueueLedger::Outcome QueueLedger::addResult(unsigned long ownId, unsigned long taskId) {
     MutexLock lock(m_mutex);
     const Entries::iterator own = findAwaited(ownId);
@@ -94,6 +99,8 @@ QueueLedger::Outcome QueueLedger::addResult(unsigned long ownId, unsigned long t
     return settle(entry, end) ? Outcome::kOwn : Outcome::kDropped;
 }
 
+// An id that is not in here was never written by this service: it counts for the oldest certain
+// one, so that the number of places stays right.
 void QueueLedger::addDrained(unsigned long taskId) {
     MutexLock lock(m_mutex);
     Entries::iterator entry = std::ranges::find(m_entries, taskId, &Entry::taskId);
@@ -105,7 +112,7 @@ void QueueLedger::addDrained(unsigned long taskId) {
 
 // A task that was offered again has its id in here more than once. A result with that id may be of
 // an attempt in doubt or of the next one, and which it was makes no difference: the input was the
-// same. But then it is the next one of which nobody knows any more whether it is out.
+// same. But from then on it is the next one of which it is not known whether it is out.
 bool QueueLedger::settle(Entries::iterator entry, Entries::iterator end) {
     bool wasAwaited = entry->state == State::kAwaited;
     if (entry->state == State::kDoubtful) {
@@ -122,6 +129,7 @@ bool QueueLedger::settle(Entries::iterator entry, Entries::iterator end) {
     return wasAwaited;
 }
 
+// The read has met the oldest result that is certain to come, and may have taken it out.
 void QueueLedger::addFailedReading() {
     MutexLock lock(m_mutex);
     const Entries::iterator certain = std::ranges::find_if(

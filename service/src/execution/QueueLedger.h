@@ -13,13 +13,13 @@ namespace kelm {
 // What is on its way through the two queues of one graph on one device, from the writing of an
 // input until its result has been read: in which order, and whether a task waits for it.
 //
-// The device keeps the order, so a result is known by its task's id and by its place. Nobody waits
+// The device keeps the order, so a result is known by its task's id and by its place. No task waits
 // for the result of an inference that was refused and made up for later, nor for one whose reading
-// has failed. After a failed reading nobody knows whether the result is still there; it is in doubt
-// until a later one comes out. A write or an inference that fails leaves nothing behind.
+// has failed. After a failed reading it is not known whether the result is still there; it is in
+// doubt until a later one comes out. A write or an inference that fails leaves nothing behind.
 //
 // No more is ever on its way than one of the queues holds: neither is full for good when an input
-// is written, however many results nobody waits for.
+// is written, however many results stay without a task.
 //
 // Threads: inputs come from one thread and turns from another, at once; any thread closes.
 // Locks: m_mutex is a leaf, never held across a library call.
@@ -29,13 +29,13 @@ class QueueLedger : public NonCopyable {
     enum class NextStep {
         kWrite,
         kQueueInference,  // for the last input, whose own was refused
-        kDrain,           // read a result that will come and that nobody waits for
-        kRenew,           // whatever is left is in doubt: only new queues help
+        kDrain,           // read a result that will come and that has no task
+        kRenew,           // all that is left is in doubt: only new queues help
         kGiveUp,          // closed
     };
     enum class Outcome {
         kOwn,      // the result of the task whose turn it is
-        kDropped,  // nobody waits for it; the reader's own is still to come
+        kDropped,  // it has no task; the reader's own is still to come
         kForeign,  // came in the place of the reader's own, for no known reason
     };
     class Turn;
@@ -57,14 +57,14 @@ class QueueLedger : public NonCopyable {
     void addFailedReading() EXCLUDES(m_mutex);
     // The task will have no turn.
     void abandon(unsigned long taskId) EXCLUDES(m_mutex);
-    // The queues are gone: nobody waits in here any more.
+    // The queues are being destroyed: no thread waits in here any more.
     void close() EXCLUDES(m_mutex);
 
  private:
     enum class State {
         kAwaited,   // its task's turn comes
-        kUnread,    // nobody waits for it, and it will come
-        kDoubtful,  // nobody waits for it, and it may be out already
+        kUnread,    // no task waits for it, and it will come
+        kDoubtful,  // no task waits for it, and it may be out already
     };
     struct Entry {
         unsigned long taskId;
@@ -79,7 +79,7 @@ class QueueLedger : public NonCopyable {
 
     bool isAwaited() const REQUIRES(m_mutex);
     Entries::iterator findAwaited(unsigned long taskId) REQUIRES(m_mutex);
-    // Takes out the entry and what was before it. Whether somebody waited for that result.
+    // Takes out the entry and what was before it. Whether a task waited for that result.
     bool settle(Entries::iterator entry, Entries::iterator end) REQUIRES(m_mutex);
     void abandonUnsafe(unsigned long taskId) REQUIRES(m_mutex);
 
@@ -92,8 +92,8 @@ class QueueLedger : public NonCopyable {
     bool m_closed GUARDED_BY(m_mutex) = false;
 };
 
-// A task's turn to read results until its own has come. If it ends without that, nobody waits for
-// the task's result any more. One at a time, in the order of the inputs.
+// A task's turn to read results until its own has come. If it ends without that, the task does
+// not wait for its result any more. One at a time, in the order of the inputs.
 class QueueLedger::Turn : public NonCopyable {
  public:
     Turn(std::shared_ptr<QueueLedger> ledger, unsigned long taskId)

@@ -4,11 +4,13 @@
 
 #include "config/ServiceConfigParser.h"
 #include "execution/KelmDeviceBase.h"
+#include "execution/ResultSink.h"
 #include "execution/SubmitNotice.h"
 #include "execution/TaskExchange.h"
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
+#include "records/KelmTask.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
@@ -19,10 +21,13 @@ namespace {
 
 constexpr uint64_t kPoolLimit = 50;
 constexpr std::chrono::seconds kCheckInterval{1};
-// How long a worker that goes still waits for the scheduler's word, in turns of a tenth of a
-// second: a request that is on its way names this worker, but there may be nobody left to answer.
+// A worker that is being destroyed waits a second for the scheduler's word, in turns of 100 ms: a
+// request that is on its way names this worker, but at the end of the process the scheduler may
+// have been stopped before.
 constexpr long kAbortTurnMs = 100;
 constexpr int kAbortTurnsWhenStopping = 10;
+// A task that was offered to a device this often and failed again gets its error.
+constexpr int32_t kRetries = 3;
 // Slots of the running tasks to start with; a few more or less are no matter.
 constexpr uint64_t kUsualRunningTasks = 16;
 
@@ -49,9 +54,11 @@ SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDe
 SlaveWorker::~SlaveWorker() {
     stop();
     KelmGraph* const graph = getGraph();
-    if (graph != nullptr) (void)m_device->deallocateGraph(graph, false);  // nobody is left to tell
+    if (graph != nullptr)
+        (void)m_device->deallocateGraph(graph, false);  // no client waits for it any more
 }
 
+// The flags come first: a job that starts after them gives its task back and touches no device.
 void SlaveWorker::stop() {
     m_isDeviceValid = false;
     m_isApplyEnabled = false;
@@ -65,6 +72,7 @@ void SlaveWorker::stop() {
 const char* SlaveWorker::getState() const { return kStateNames[m_state.load()]; }
 
 std::shared_future<int> SlaveWorker::enqueueLoadGraph(KelmGraph* graph) {
+    // Here and not in the job: from now on the slot is taken, see isOccupied().
     m_loadsUnderWay.fetch_add(1);
     return submitNotice(m_inputPool, [this, graph] {
         m_onInputThread.assertHeld();
@@ -81,7 +89,7 @@ std::shared_future<int> SlaveWorker::enqueueUnloadGraph(KelmGraph* graph, bool k
 
 int SlaveWorker::loadGraph(KelmGraph* graph) {
     const int rc = allocateGraph(graph);
-    m_loadsUnderWay.fetch_sub(1);
+    m_loadsUnderWay.fetch_sub(1);  // before the notice below, which looks at it
     if (rc == KELM_OK) return KELM_OK;
     m_workThread->enqueueNotifyLoadGraphError(this);
     handleDeviceError(rc);
@@ -110,6 +118,8 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
 
 int SlaveWorker::unloadGraph(KelmGraph* graph, bool keepCached) {
     if (getGraph() != graph) return KELM_OK;  // the load failed, or it was never loaded here
+    // First no new task, then none in flight, then no answer on its way that names this worker:
+    // only then does nothing lead from the scheduler to the graph on this device.
     abortApplyTask();
     waitNoRunningTask();
     waitAbortApplyTaskDone();
@@ -136,7 +146,7 @@ int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
                   escapeControls(graph->getName()), rc);
         handleDeviceError(rc);
     }
-    // It may have met its end inside, and have released the graph all the same.
+    // A failing step inside may have lost the device although the graph was released.
     if (m_device->isFailed()) m_workThread->notifyDeviceFailed();
     return rc;
 }
@@ -147,7 +157,7 @@ void SlaveWorker::applyNextTask() {
 }
 
 void SlaveWorker::abortApplyTask() {
-    // An answer that nobody waited for must not pass for the one that is asked for here.
+    // An answer that came late to an earlier request must not pass for the one asked for here.
     m_abortSemaphore.resetValue(0);
     Port<TaskExchange>::notify<&TaskExchange::enqueueDescheduleWorker>(m_workThread, getGraph());
 }
@@ -168,8 +178,137 @@ void SlaveWorker::waitNoRunningTask() {
     }
 }
 
-// A device failure turns everything back from here on; what is on the device comes back through
-// getResult().
+void SlaveWorker::enqueueLoadTensor(KelmTask* task) {
+    // Not a second time through the pool: that one may be held up by a call that never returns.
+    if (!m_isDeviceValid) {
+        returnTask(task);
+        return;
+    }
+    m_inputPool.postNotice([this, task] {
+        m_onInputThread.assertHeld();
+        loadTensor(task);
+    });
+}
+
+void SlaveWorker::loadTensor(KelmTask* task) {
+    KelmGraph* const graph = getGraph();
+    // An unload may have been queued between the scheduler's choice and this job.
+    if (!m_isDeviceValid || graph == nullptr || task->getGraph() != graph) {
+        returnTask(task);
+        return;
+    }
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "begin loadTensor(%lu)", task->getId());
+    m_state = STATE_RUNNING;
+    // The scheduler looks for the next task while this one is being fed.
+    applyNextTask();
+    if (task->isCanceled()) {
+        LOG_INFO("Destroy task(%lu), reason=canceled", task->getId());
+        destroyTask(task);
+        return;
+    }
+    waitRunningTaskNotFull();
+    feedDevice(task);
+}
+
+void SlaveWorker::feedDevice(KelmTask* task) {
+    task->setStatus(TASK_STATUS_LOADING);
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call loadTensor(%lu)", task->getId());
+    const int rc = m_device->loadTensor(task);
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called loadTensor(%lu)", task->getId());
+    task->addLoadCount();
+    if (rc == KELM_OK) {
+        task->setStatus(TASK_STATUS_LOADED);
+        LOG_PROC_OF(m_name.c_str(), m_debugProcess, "enqueueGetResult(%lu)", task->getId());
+        enqueueGetResult(task);
+        return;
+    }
+    LOG_ERROR("[%s] Error: loadTensor(%lu) failed, rc=%d", m_name, task->getId(), rc);
+    handleTaskWithRunError(task, rc);
+    handleDeviceError(rc);
+}
+
+void SlaveWorker::waitRunningTaskNotFull() {
+    MutexLock lock(m_mutex);
+    // Deliberate: one wait and no second look. This thread alone fills the set and each task that
+    // leaves it notifies; one task too many only makes the set larger.
+    if (m_runningTasks.size() >= m_maxRunningTasks) m_notFullCond.wait(m_mutex);
+}
+
+void SlaveWorker::enqueueGetResult(KelmTask* task) {
+    {
+        // Here and not on the result thread, so that the next input counts this task.
+        MutexLock lock(m_mutex);
+        if (std::find(m_runningTasks.begin(), m_runningTasks.end(), task) == m_runningTasks.end()) {
+            m_runningTasks.push_back(task);
+        }
+    }
+    m_resultPool.post([this, task] {
+        m_onResultThread.assertHeld();
+        getResult(task);
+    });
+}
+
+void SlaveWorker::getResult(KelmTask* task) {
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "getResult(%lu)", task->getId());
+    if (!m_isDeviceValid) {
+        m_device->abandonResult(task);
+        returnTask(task);
+        eraseRunningTask(task);
+        return;
+    }
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call getResult(%lu)", task->getId());
+    const int rc = m_device->getResult(task);
+    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called getResult(%lu)", task->getId());
+    eraseRunningTask(task);
+    if (rc == KELM_OK) {
+        sendTaskDoneResponse(task, KELM_OK);
+        return;
+    }
+    LOG_ERROR("[%s] Error: getResult(%lu) failed, rc=%d", m_name, task->getId(), rc);
+    handleTaskWithRunError(task, rc);
+    handleDeviceError(rc);
+}
+
+void SlaveWorker::eraseRunningTask(KelmTask* task) {
+    MutexLock lock(m_mutex);
+    const auto found = std::find(m_runningTasks.begin(), m_runningTasks.end(), task);
+    if (found != m_runningTasks.end()) m_runningTasks.erase(found);
+    m_notFullCond.notifyOne();
+    if (!m_runningTasks.empty()) return;
+    // Deliberate: whatever the state was, an error included, since the state is only shown.
+    m_state = STATE_WAIT_TASK;
+    m_noRunningCond.notifyOne();
+}
+
+// A task that fails is offered again, perhaps to another device: the fault may be this one's.
+void SlaveWorker::handleTaskWithRunError(KelmTask* task, int rc) {
+    const int32_t loadCount = task->getLoadCount();
+    if (loadCount > kRetries) {
+        LOG_ERROR("[%s] Task(%lu) done with error(%d)", m_name, task->getId(), rc);
+        sendTaskDoneResponse(task, rc);
+        return;
+    }
+    LOG_INFO("[%s] Return task(%lu) to TaskManager, loadCount=%d error=%d", m_name, task->getId(),
+             loadCount, rc);
+    returnTask(task);
+}
+
+void SlaveWorker::sendTaskDoneResponse(KelmTask* task, int rc) {
+    task->setStatus(TASK_STATUS_DONE);
+    Port<ResultSink>::notify<&ResultSink::enqueueSendTaskDoneResponse>(task,
+                                                                       static_cast<KelmError>(rc));
+}
+
+void SlaveWorker::returnTask(KelmTask* task) {
+    Port<TaskExchange>::notify<&TaskExchange::enqueueReturnTask>(task);
+}
+
+void SlaveWorker::destroyTask(KelmTask* task) {
+    Port<TaskExchange>::notify<&TaskExchange::enqueueDestroyTask>(task);
+}
+
+// From here on every queued task is given back instead of fed. Tasks that the device has already
+// are given back by their getResult() jobs, in order.
 void SlaveWorker::handleDeviceError(int rc) {
     if (!m_device->isHardwareError(rc) || !m_isDeviceValid.exchange(false)) return;
     m_isApplyEnabled = false;

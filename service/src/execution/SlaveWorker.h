@@ -28,8 +28,8 @@ class WorkThread;
 // Owns: nothing but its pools. Borrows the clone and the work thread, which outlive it; the graph
 // from its load until its unload is done.
 // Locks: m_mutex is a leaf, never held across a device call.
-// Once the device has failed for good, or destruction has begun, nothing more goes to the device
-// and every task is given back.
+// Once the device has failed for good, or destruction has begun, the device is not called for tasks
+// any more and every task is given back.
 class SlaveWorker : public NonCopyable {
  public:
     SlaveWorker(const std::string& name, WorkThread* workThread, KelmDeviceBase* device,
@@ -42,7 +42,7 @@ class SlaveWorker : public NonCopyable {
     std::shared_future<int> enqueueUnloadGraph(KelmGraph* graph, bool keepCached);
     // Passes the task on. Not held by the pool's limit: there is one request at a time.
     void enqueueLoadTensor(KelmTask* task);
-    // The task scheduler has let go of this worker.
+    // The task scheduler will send no more tasks to this worker.
     void enqueueAbortApplyTaskDone() { m_abortSemaphore.post(); }
 
     // For display: a worker with a failed device may show another state than the error.
@@ -102,9 +102,9 @@ class SlaveWorker : public NonCopyable {
 
     // Atomic: both threads write it, for display only.
     std::atomic<State> m_state{STATE_INIT};
-    // Atomic: written on the input thread, compared by whoever brings an answer.
+    // Atomic: written on the input thread, compared on the thread that brings an answer.
     std::atomic<KelmGraph*> m_graph{nullptr};
-    // Atomics: flags that only go down, set by either thread or the destructor's.
+    // Atomics: flags that change once, set by either thread or the destructor's.
     std::atomic<bool> m_isDeviceValid{true};
     std::atomic<bool> m_isApplyEnabled{true};
     std::atomic<bool> m_isStopping{false};

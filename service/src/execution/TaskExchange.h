@@ -6,7 +6,7 @@ class KelmGraph;
 class KelmTask;
 class WorkThread;
 
-// Port: what a worker asks of whoever keeps the tasks. Any thread; every call only queues.
+// Port: what a worker asks of the keeper of the tasks. Any thread; every call only queues.
 class TaskExchange {
  public:
     // The worker wants one more task of the graph.

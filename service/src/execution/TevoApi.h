@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 
 // The C interface of the accelerator access library as this service uses it. The library is closed;
 // nothing here is linked, TevoLibrary resolves the functions at run time.
@@ -53,6 +55,15 @@ enum QxGraphInfo : int {
 constexpr unsigned int kThermalStatsSize = 100;
 // The status for memory that cannot be had, the library's or the service's own.
 constexpr int kTevoOutOfMemory = -3;
+
+// The library tells memory in bytes, the service in MB.
+constexpr unsigned kMegabyteShift = 20;
+
+// A size as one of the library's lengths.
+constexpr unsigned int clampLength(uint64_t size) {
+    constexpr uint64_t kLongest = std::numeric_limits<unsigned int>::max();
+    return static_cast<unsigned int>(std::min(size, kLongest));
+}
 
 }  // namespace kelm
 

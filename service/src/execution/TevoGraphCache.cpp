@@ -18,6 +18,8 @@ bool TevoGraphCache::activate(KelmGraph* graph) {
     return true;
 }
 
+// The record is told under the lock, or a thread that loses the device could take the name off it
+// before it was entered.
 bool TevoGraphCache::insert(KelmGraph* graph, const TevoQueues& queues) {
     MutexLock lock(m_mutex);
     if (m_closed) return false;
@@ -59,6 +61,7 @@ void TevoGraphCache::deactivate(KelmGraph* graph) {
     graph->removeRunningDevice(m_device);
 }
 
+// Closing the ledger frees an input thread that waits for room in the queues that end here.
 TevoHandles TevoGraphCache::takeUnsafe(Entry entry) {
     KelmGraph* const graph = entry->first;
     graph->removeCachedDevice(m_device);
@@ -76,6 +79,8 @@ std::optional<TevoHandles> TevoGraphCache::take(KelmGraph* graph) {
     return takeUnsafe(entry);
 }
 
+// By the time of activation and not of the unload: the squeeze scheduler shifts graphs to and fro,
+// and an unload says little of how long ago a graph was wanted.
 std::optional<TevoHandles> TevoGraphCache::takeOldestInactive(std::string& name) {
     MutexLock lock(m_mutex);
     Entry oldest = m_cachedGraphs.end();
@@ -105,12 +110,14 @@ void TevoGraphCache::forgetAll() {
     forgetAllUnsafe();
 }
 
+// For good: a load that is still inside of the library must not enter its graph afterwards.
 void TevoGraphCache::close() {
     MutexLock lock(m_mutex);
     m_closed = true;
     forgetAllUnsafe();
 }
 
+// Forgotten ones first. By now no record is followed: the keys may be dangling.
 std::vector<TevoHandles> TevoGraphCache::takeAll() {
     MutexLock lock(m_mutex);
     std::vector<TevoHandles> all = std::exchange(m_forgotten, {});

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <chrono>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "execution/TevoGraphInfo.h"
+#include "execution/QueueLedger.h"
+#include "execution/TevoApi.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
@@ -13,10 +16,33 @@ namespace kelm {
 
 class KelmGraph;
 
+// The library's handles of a graph on a device; null for what does not exist.
+struct TevoHandles {
+    qxGraphHandle_t* graphHandle = nullptr;
+    qxFifoHandle_t* fifoIn = nullptr;   // host writes, device reads
+    qxFifoHandle_t* fifoOut = nullptr;  // device writes, host reads
+    unsigned int resultSize = 0;        // of an element of fifoOut, bytes
+};
+
+// What a task needs to run on a graph. Without handles when the graph's renewal has failed.
+struct TevoQueues {
+    TevoHandles handles;
+    std::shared_ptr<QueueLedger> ledger;
+
+    bool isUsable() const { return handles.graphHandle != nullptr; }
+};
+
+// One graph on a device. An inactive one takes up device memory and costs nothing to start again.
+struct TevoGraphInfo {
+    TevoQueues queues;
+    bool active = true;  // a slave worker runs the graph now
+    std::chrono::steady_clock::time_point lastActivateTime;
+};
+
 // Which graphs are on one device, and the device's name in these graphs' records.
 //
 // A graph is not cached, cached and active, or cached and inactive. A record that is a key here is
-// alive: whoever may delete it has the graph taken out or forgotten before, on a device that has
+// alive: before a record is deleted its graph is taken out or forgotten, on a device that has
 // failed or is being taken away too. So a key is followed under m_mutex and never without.
 //
 // Threads: any; the library is never called in here. Owns: nothing, handles are values.
@@ -47,7 +73,7 @@ class TevoGraphCache : public NonCopyable {
     void forgetAll() EXCLUDES(m_mutex);
     // forgetAll(), and nothing comes in any more.
     void close() EXCLUDES(m_mutex);
-    // All handles, in the order of their keys. The records may be gone: they are not touched.
+    // All handles, in the order of their keys. The records may be deleted: they are not touched.
     std::vector<TevoHandles> takeAll() EXCLUDES(m_mutex);
 
     // In order of their addresses.

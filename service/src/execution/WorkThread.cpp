@@ -28,7 +28,7 @@ constexpr unsigned int kSpareFifoPlaces = 2;
 
 struct WorkThread::Slot {
     std::unique_ptr<KelmDeviceBase> device;
-    std::unique_ptr<SlaveWorker> slaveWorker;  // goes before its device
+    std::unique_ptr<SlaveWorker> slaveWorker;  // destroyed before its device
     KelmGraph* graph = nullptr;                // assigned; null for a free slot
 };
 
@@ -60,6 +60,7 @@ void WorkThread::init() {
         return;
     }
     m_device->setMaxCacheGraphNumber(m_maxCachedGraphNum);
+    // Below 2 there is nothing to overlap, and one task in flight is the least.
     const int32_t inferences = ServiceConfigParser::instance().getMaxInferenceNumber();
     if (inferences >= 2) m_maxInferenceNumber = inferences;
     m_device->setFifoCapacity(static_cast<unsigned int>(m_maxInferenceNumber) + kSpareFifoPlaces);
@@ -95,7 +96,8 @@ std::vector<SlaveWorker*> WorkThread::getSlaveWorkers() {
 }
 
 void WorkThread::destroySlaveWorker() {
-    // They stay in their slots while they drain: an unload waits for an answer that finds it there.
+    // They stay in their slots while they drain: an unload under way waits for the scheduler's
+    // answer, which is brought to the slave worker that is found in a slot.
     for (SlaveWorker* slaveWorker : getSlaveWorkers()) slaveWorker->stop();
     std::vector<Slot> slots;
     {
@@ -117,6 +119,7 @@ bool WorkThread::isFailed() const {
     return m_failed || (m_device != nullptr && m_device->isFailed());
 }
 
+// Slave workers, the thermal thread and the pool may meet the same loss at once.
 void WorkThread::notifyDeviceFailed() {
     if (m_failed.exchange(true)) return;
     using Listener = WorkerFailureListener;
@@ -189,8 +192,8 @@ KelmGraph* WorkThread::firstGraphUnsafe() {
     return nullptr;
 }
 
-// Deliberate: no graph is assigned to the device while it is being reset. A device that never
-// answers must not stop whoever places graphs on the others.
+// Deliberate: no graph is assigned to the device while it is being reset, but the wait has a limit:
+// the scheduling thread places graphs on the other devices, too, and this one may never answer.
 void WorkThread::waitResetDoneUnsafe() {
     const auto deadline = std::chrono::steady_clock::now() + kResetLimit;
     bool timely = true;
@@ -209,7 +212,7 @@ bool WorkThread::handToSlot(KelmTask* task) {
 
 void WorkThread::enqueueLoadTensor(KelmTask* task) {
     if (handToSlot(task)) return;
-    // The graph has left the worker in the meantime.
+    // The graph was unloaded after the scheduler had chosen this worker.
     Port<TaskExchange>::notify<&TaskExchange::enqueueReturnTask>(task);
 }
 
@@ -221,6 +224,7 @@ void WorkThread::enqueueAbortApplyTaskDone(KelmGraph* graph) {
     if (slot != m_slots.end()) slot->slaveWorker->enqueueAbortApplyTaskDone();
 }
 
+// Through the pool and not at once, so that the answer comes behind the device's earlier ones.
 std::shared_future<int> WorkThread::answer(int result) {
     return submitNotice(m_pool, [result] { return result; });
 }
@@ -239,9 +243,11 @@ std::shared_future<int> WorkThread::enqueueLoadGraph(KelmGraph* graph) {
 std::shared_future<int> WorkThread::enqueueUnloadGraph(KelmGraph* graph, bool keepCached) {
     MutexLock lock(m_mutex);
     if (Slot* slot = findSlotUnsafe(graph)) {
+        // Free for the next graph at once: its load is queued behind this unload.
         slot->graph = nullptr;
         return slot->slaveWorker->enqueueUnloadGraph(graph, keepCached);
     }
+    // It may still be cached on the device, without a slot.
     return submitNotice(m_pool,
                         [this, graph, keepCached] { return deallocateGraph(graph, keepCached); });
 }
@@ -267,7 +273,8 @@ void WorkThread::enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker) {
 void WorkThread::notifyLoadGraphError(SlaveWorker* slaveWorker) {
     MutexLock lock(m_mutex);
     for (Slot& slot : m_slots) {
-        // Occupied: the slot was freed before this notice came and has a later graph by now.
+        // Occupied means that the slot was freed otherwise before this notice came, and that a
+        // later graph has it by now.
         const bool own = slot.slaveWorker.get() == slaveWorker;
         if (own && !slaveWorker->isOccupied()) slot.graph = nullptr;
     }

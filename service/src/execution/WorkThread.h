@@ -28,9 +28,10 @@ class SlaveWorker;
 // Threads: any. Owns: device, clones, slave workers. Borrows graphs, until their unload is done.
 // Locks: m_mutex, then a graph's or a device's own; held across a notice to a slave worker's pool.
 // Not held while the slave workers drain: the answers that they wait for come through here. While
-// the device is being reset whoever would assign a graph waits some seconds; tasks and readers go
-// on.
-// A slot is emptied before the graph's record may go, so the graph can be followed under m_mutex.
+// the device is being reset a thread that would assign a graph waits some seconds; tasks and
+// readers do not.
+// A slot is emptied before the graph's record may be deleted, so the graph can be followed under
+// m_mutex.
 class WorkThread : public NonCopyable {
  public:
     // Opens the device and blocks until its slave workers exist; see isReady().
@@ -65,7 +66,7 @@ class WorkThread : public NonCopyable {
 
     // Hands the task to the slot of its graph, or back when there is none.
     void enqueueLoadTensor(KelmTask* task) EXCLUDES(m_mutex);
-    // The task scheduler has let go of this worker for the graph.
+    // The task scheduler will send no more tasks of the graph to this worker.
     void enqueueAbortApplyTaskDone(KelmGraph* graph) EXCLUDES(m_mutex);
     // Futures of a KelmError.
     std::shared_future<int> enqueueLoadGraph(KelmGraph* graph) EXCLUDES(m_mutex);
@@ -74,7 +75,7 @@ class WorkThread : public NonCopyable {
     void enqueueResetDevice(Request request) { m_resets.enqueue(std::move(request)); }
     // The slave worker's load failed: frees its slot.
     void enqueueNotifyLoadGraphError(SlaveWorker* slaveWorker);
-    // Whoever meets the end of the device says so here; the failure listener hears of the first.
+    // Each thread that meets a lost device says so here; the failure listener hears it once.
     void notifyDeviceFailed();
     // After a use of the root device: the same, if that was its end.
     void checkDevice();
@@ -111,7 +112,7 @@ class WorkThread : public NonCopyable {
     // Atomic: set by the device manager after the scheduler may already know the worker.
     std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
 
-    std::atomic<bool> m_failed{false};  // atomic: goes up once, on any thread
+    std::atomic<bool> m_failed{false};  // atomic: set once, on any thread
 
     Mutex m_mutex;
     CondVar m_resetDone;

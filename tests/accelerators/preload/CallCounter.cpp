@@ -7,7 +7,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -24,8 +23,6 @@ void* __libc_memalign(size_t alignment, size_t size);
 }
 
 namespace {
-
-constexpr size_t kPage = 4096;
 
 CallCounts* counts = nullptr;
 thread_local int callsOfLibrary = 0;
@@ -77,10 +74,6 @@ void* wrap(const char* name, void* found) {
     return found;
 }
 
-void copyBytes(void* to, const void* from, size_t size) {
-    asm volatile("rep movsb" : "+D"(to), "+S"(from), "+c"(size) : : "memory");
-}
-
 }  // namespace
 
 extern "C" {
@@ -107,10 +100,6 @@ void* aligned_alloc(size_t alignment, size_t size) noexcept {
     count(&CallCounts::allocations);
     return __libc_memalign(alignment, size);
 }
-int posix_memalign(void** memory, size_t alignment, size_t size) noexcept {
-    *memory = aligned_alloc(alignment, size);
-    return *memory != nullptr ? 0 : ENOMEM;
-}
 
 void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
     count(&CallCounts::mappings);
@@ -119,22 +108,5 @@ void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t 
 int munmap(void* address, size_t size) noexcept {
     count(&CallCounts::mappings);
     return static_cast<int>(::syscall(SYS_munmap, address, size));
-}
-
-void* memcpy(void* to, const void* from, size_t size) noexcept {
-    if (size >= kPage) count(&CallCounts::largeCopies);
-    copyBytes(to, from, size);
-    return to;
-}
-void* memmove(void* to, const void* from, size_t size) noexcept {
-    if (size >= kPage) count(&CallCounts::largeCopies);
-    auto* const target = static_cast<char*>(to);
-    const auto* const source = static_cast<const char*>(from);
-    if (target <= source || target >= source + size) {
-        copyBytes(to, from, size);
-    } else {
-        for (volatile char* end = target + size; size > 0;) *--end = source[--size];
-    }
-    return to;
 }
 }

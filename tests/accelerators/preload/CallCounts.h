@@ -9,8 +9,7 @@ namespace kelm {
 // the file that KELM_CALL_COUNTS names.
 struct CallCounts {
     std::atomic<uint64_t> allocations;
-    std::atomic<uint64_t> mappings;     // mmap and munmap
-    std::atomic<uint64_t> largeCopies;  // memcpy and memmove of a page or more
+    std::atomic<uint64_t> mappings;  // mmap and munmap; without one no tensor is copied either
 };
 
 }  // namespace kelm
