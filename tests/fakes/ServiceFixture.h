@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 
 #include "fakes/Eventually.h"
 #include "fakes/ServiceConfig.h"
+#include "protocol/src/InfoPackage.h"
 #include "tests/wire/WireClient.h"
 
 namespace kelm {
@@ -62,6 +64,14 @@ class ServiceFixture : public ::testing::Test {
         WireClient client(path(), "probe");
         return client.id() != 0 && client.infers(client.createGraph({"probe's"}).graphId) &&
                client.unregister() && client.waitClosed();
+    }
+
+    // What a tool on the snapshot socket is told now.
+    std::unique_ptr<InfoPackage> readPackage() const {
+        const auto socket = std::filesystem::path(path()).replace_filename("kelm_snapshot.sock");
+        auto package = std::make_unique<InfoPackage>();
+        EXPECT_TRUE(WireClient(socket).readBytes(package.get(), sizeof(*package)));
+        return package;
     }
 
     // Without the file to which each thread adds its name as it starts.

@@ -9,7 +9,6 @@
 #include "fakes/FakeInfoCollector.h"
 #include "managers/GraphManager.h"
 #include "managers/ManagersFixture.h"
-#include "protocol/src/InfoPackage.h"
 #include "reporting/KelmStatus.h"
 #include "reporting/MemoryInspector.h"
 #include "reporting/PrintInfoListener.h"
@@ -24,13 +23,6 @@ using Status = KelmMsgRspQueryStatus;
 class InfoPrinterTest : public ManagersFixture {
  protected:
     static constexpr uint64_t kTasks = 20;
-
-    static std::unique_ptr<InfoPackage> readPackage() {
-        const WireClient tool(RunPaths::snapshotSocket());
-        auto package = std::make_unique<InfoPackage>();
-        EXPECT_TRUE(tool.readBytes(package.get(), sizeof(*package)));
-        return package;
-    }
 };
 
 // A part of the record, from one field to the next part, and the bits of which one fills it.

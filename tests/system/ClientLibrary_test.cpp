@@ -1,7 +1,7 @@
 #include <sys/mman.h>
 
 #include "client/Client.h"
-#include "system/SystemFixture.h"
+#include "fakes/ServiceProcess.h"
 
 namespace kelm {
 namespace {
@@ -35,7 +35,7 @@ class ClientLibraryTest : public SystemFixture {
     client::Graph m_graph;
 };
 
-TEST_F(ClientLibraryTest, CallBringsSomethingElseThanTheServiceSaid) {
+TEST_F(ClientLibraryTest, CallsBringWhatTheServiceSaid) {
     start(0);
     ASSERT_NO_FATAL_FAILURE(connect());
     EXPECT_EQ(m_graph.inputSize, 36000U);
@@ -62,13 +62,24 @@ TEST_F(ClientLibraryTest, CallBringsSomethingElseThanTheServiceSaid) {
         return !stage && stage.error().code() == KELM_ERROR_INVALID_TASK;
     }));
 
+    using client::StatusPart;
+    using client::StatusParts;
+    const auto ask = [&](StatusParts parts) { return m_client->queryStatus(parts).value(); };
+    EXPECT_EQ(ask(StatusPart::kDevices).devices.size(), 3U);
+    EXPECT_EQ(ask(StatusPart::kGraphs).graphs.size(), 1U);
+    EXPECT_EQ(ask(StatusPart::kClients).clients.at(0).name, "library");
+    EXPECT_EQ(ask(StatusPart::kSchedulers).taskScheduler, "TS.Polling");
+    const auto all = ask(StatusParts::all());
+    EXPECT_EQ(all.devices.size() + all.graphs.size() + all.clients.size(), 5U);
+    EXPECT_EQ(all.deviceScheduler, "DS.Squeeze2");
+
     EXPECT_FALSE(m_client->destroyGraph(m_graph.id));
     EXPECT_EQ(m_client->infer(request()).error.code(), KELM_ERROR_INVALID_GRAPH);
     EXPECT_FALSE(m_client->unregister());
     EXPECT_EQ(m_client->infer(request()).error.kind(), ErrorKind::kConnectionLost);
 }
 
-TEST_F(ClientLibraryTest, ResultReachesTheCallerOfAnother) {
+TEST_F(ClientLibraryTest, ResultsReachTheirOwnCallers) {
     constexpr uint64_t kCalls = 300;
     start(0);
     ASSERT_NO_FATAL_FAILURE(connect());
@@ -93,7 +104,7 @@ TEST_F(ClientLibraryTest, ResultReachesTheCallerOfAnother) {
     for (auto& caller : callers) caller.get();
 }
 
-TEST_F(ClientLibraryTest, DescriptorTensorIsKeptByTheService) {
+TEST_F(ClientLibraryTest, DescriptorTensorIsClosedByTheService) {
     start(0);
     ASSERT_NO_FATAL_FAILURE(connect());
     const size_t before = descriptors();
@@ -107,7 +118,7 @@ TEST_F(ClientLibraryTest, DescriptorTensorIsKeptByTheService) {
     EXPECT_GE(::lseek(memory.get(), 0, SEEK_CUR), 0);  // the caller's own stays open
 }
 
-TEST_F(ClientLibraryTest, CanceledTaskRunsOrItsCallStays) {
+TEST_F(ClientLibraryTest, CanceledTaskEndsItsCallAndDoesNotRun) {
     constexpr uint64_t kTasks = 40;
     start(200);
     ASSERT_NO_FATAL_FAILURE(connect());
@@ -138,7 +149,7 @@ TEST_F(ClientLibraryTest, CanceledTaskRunsOrItsCallStays) {
     EXPECT_EQ(ends[kTasks - 1], ErrorKind::kCanceled);
 }
 
-TEST_F(ClientLibraryTest, DeathOfTheServiceLeavesCallsPending) {
+TEST_F(ClientLibraryTest, DeathOfTheServiceEndsAllCalls) {
     constexpr int kCalls = 40;
     start(200);
     ASSERT_NO_FATAL_FAILURE(connect());

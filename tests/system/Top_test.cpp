@@ -1,4 +1,4 @@
-#include "system/SystemFixture.h"
+#include "fakes/ServiceProcess.h"
 #include "system/TopProcess.h"
 
 namespace kelm {
@@ -8,7 +8,7 @@ using ::testing::HasSubstr;
 
 using TopTest = SystemFixture;
 
-TEST_F(TopTest, TerminalIsLeftInAnotherState) {
+TEST_F(TopTest, TerminalIsLeftAsItWas) {
     start(0);
     service().useRunDir();
     const struct {
@@ -32,7 +32,7 @@ TEST_F(TopTest, TerminalIsLeftInAnotherState) {
     }
 }
 
-TEST_F(TopTest, ServiceThatEndsTakesTopWithIt) {
+TEST_F(TopTest, ServiceThatEndsAndComesBackIsTold) {
     start(0);
     service().useRunDir();
     TopProcess top;

@@ -2,15 +2,14 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "system/ChildProcess.h"
-#include "system/LoadClient.h"
-#include "system/SystemFixture.h"
+#include "fakes/ServiceProcess.h"
+#include "tests/wire/LoadClient.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
 namespace {
 
-class TraceSystemTest : public SystemFixture {
+class ServiceTraceTest : public SystemFixture {
  protected:
     void startTraced(int latencyMs, const std::string& settings) {
         start(latencyMs, settings + R"(}, "debug_settings": {"enable_tracer": true)",
@@ -48,68 +47,60 @@ class TraceSystemTest : public SystemFixture {
     }
 
     uint64_t runOneTask() const {
-        RawClient client(path());
-        const uint64_t id = client.registerClient("last");
-        const uint64_t graph = client.createGraph(id, "last", "a graph of its own");
-        const auto answer = client.call<KelmMsgRspInferTask>(RawClient::inferRequest(id, graph, 1),
-                                                             KELM_MESSAGE_INFER_TASK_RSP);
+        WireClient client(path(), "last");
+        const uint64_t graph = client.createGraph({"a graph of its own"}).graphId;
+        const uint64_t task = client.ask<KelmMsgRspInferTask>(client.makeInfer(graph)).taskId;
         (void)client.receiveType(KELM_MESSAGE_TASK_DONE_EVT);
-        auto destroy =
-            RawClient::request<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, 2);
-        destroy.clientId = id;
-        destroy.graphId = graph;
-        (void)client.call<KelmMsgRsp>(destroy, KELM_MESSAGE_DESTROY_GRAPH_RSP);
-        return answer.taskId;
-    }
-
-    void runLoad(uint16_t apiMajorVersion) {
-        LoadPlan plan;
-        plan.name = "load";
-        plan.apiMajorVersion = apiMajorVersion;
-        plan.count = 300;
-        plan.depth = 24;
-        EXPECT_EQ(LoadClient(path(), plan, m_board).run(), "");
+        (void)client.destroyGraph(graph);
+        return task;
     }
 
     // A client that wants no answers, one that cancels, one that hangs up: all in the middle of it.
     void runOddClients() {
-        RawClient silent(path());
-        RawClient canceling(path());
-        RawClient vanishing(path());
-        for (RawClient* client : {&silent, &canceling, &vanishing}) {
-            const uint64_t id = client->registerClient("odd");
-            const uint64_t graph = client->createGraph(id, "odd", "graph of the odd ones");
-            for (uint64_t i = 1; i <= 30; ++i) {
-                auto request = RawClient::inferRequest(id, graph, i);
-                request.head.needResponse = client == &silent ? 0 : 1;
-                ASSERT_TRUE(client->send(request));
-            }
-            if (client != &canceling) continue;
-            const auto answer = client->receiveType(KELM_MESSAGE_INFER_TASK_RSP);
-            ASSERT_TRUE(answer.has_value());
-            auto cancel =
-                RawClient::request<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ, 31);
-            cancel.clientId = id;
-            for (uint64_t ahead = 0; ahead < 30; ++ahead) {
-                cancel.taskId = answer->as<KelmMsgRspInferTask>().taskId + ahead;
-                ASSERT_TRUE(client->send(cancel));
-            }
-            ASSERT_TRUE(client->receiveType(KELM_MESSAGE_CANCEL_TASK_RSP).has_value());
+        constexpr int kTasks = 30;
+        WireClient silent(path(), "silent");
+        WireClient canceling(path(), "canceling");
+        WireClient vanishing(path(), "vanishing");
+        for (WireClient* client : {&silent, &canceling, &vanishing}) {
+            auto request = client->makeInfer(client->createGraph({"of the odd ones"}).graphId);
+            request.head.needResponse = client == &silent ? 0 : 1;
+            ASSERT_EQ(client->flood(request, kTasks), kTasks);
         }
+        const auto answer = canceling.receiveType(KELM_MESSAGE_INFER_TASK_RSP);
+        ASSERT_TRUE(answer.has_value());
+        const uint64_t first = answer->as<KelmMsgRspInferTask>().taskId;
+        for (uint64_t ahead = 0; ahead < kTasks; ++ahead) (void)canceling.cancelTask(first + ahead);
+    }
+    // Turns both files into one for viewers; returns its path. `options` are further arguments.
+    std::string convert(const std::string& options, std::string* said = nullptr) const {
+        const std::string json = m_directory.path() + "/trace.json";
+        const std::string words = m_directory.path() + "/said";
+        const std::string command = KELM_CTL " trace " + m_frames + " " + m_tasks + " -o " + json +
+                                    options + " >" + words;
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        std::ifstream file(words);
+        if (said != nullptr) said->assign(std::istreambuf_iterator<char>(file), {});
+        return json;
     }
 
     TempDir m_directory;
-    LoadBoard m_board;
     int m_pid = 0;
     std::string m_frames;
     std::string m_tasks;
 };
 
-TEST_F(TraceSystemTest, TaskThatEndsInAnyWayLeavesItsTraceOpen) {
+TEST_F(ServiceTraceTest, TaskThatEndsInAnyWayClosesItsTrace) {
     startTraced(2, R"("server_max_task_number": 4)");
-    runLoad(1);
-    runLoad(2);
-    EXPECT_GT(m_board.refused, 0U);
+    Load load;
+    for (const uint16_t version : {1, 2}) {
+        LoadPlan plan;
+        plan.apiMajorVersion = version;
+        plan.count = 200;
+        plan.depth = 24;
+        load.start(path(), plan);
+    }
+    EXPECT_EQ(load.wait(), "");
+    EXPECT_GT(load.refused(), 0U);
     runOddClients();
     // Ids are given in order, so with the last one all are known.
     uint64_t last = 0;
@@ -121,25 +112,17 @@ TEST_F(TraceSystemTest, TaskThatEndsInAnyWayLeavesItsTraceOpen) {
         }
         return true;
     }));
-    endService();
+    endService();  // the rows of the last moment are saved too
 
-    uint64_t rows = 0;
-    for (const auto& [name, count] : countNames()) {
-        EXPECT_EQ(count, 1) << name;
-        ++rows;
-    }
+    const auto names = countNames();
+    for (const auto& [name, count] : names) EXPECT_EQ(count, 1) << name;
     const std::string ofLast = "task_" + std::to_string(last) + "_inference";
-    EXPECT_EQ(countNames().count(ofLast), 1U);
-    const std::string json = m_directory.path() + "/trace.json";
-    const std::string command = std::string(std::getenv("KELM_TEST_CTL")) + " trace " + m_frames +
-                                " " + m_tasks + " -o " + json + " --threads " + service().dir() +
-                                "/thread.info >" + m_directory.path() + "/said";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    std::stringstream said;
-    said << std::ifstream(m_directory.path() + "/said").rdbuf();
-    EXPECT_THAT(said.str(), ::testing::HasSubstr(std::to_string(rows) + " spans"));
-    EXPECT_THAT(said.str(), ::testing::HasSubstr(
-                                "frames file: 0, only in the tasks file: 0, lines left out: 0"));
+    EXPECT_EQ(names.count(ofLast), 1U);
+    std::string said;
+    const std::string json = convert(" --threads " + service().dir() + "/thread.info", &said);
+    EXPECT_THAT(said, ::testing::HasSubstr(std::to_string(names.size()) + " spans"));
+    EXPECT_THAT(said, ::testing::HasSubstr(
+                          "frames file: 0, only in the tasks file: 0, lines left out: 0"));
     std::set<std::string> threads;
     const auto trace = nlohmann::json::parse(std::ifstream(json));
     for (const auto& event : trace["traceEvents"]) {
@@ -148,25 +131,21 @@ TEST_F(TraceSystemTest, TaskThatEndsInAnyWayLeavesItsTraceOpen) {
     EXPECT_THAT(threads, ::testing::Contains("TaskManagerT0"));
 }
 
-TEST_F(TraceSystemTest, RowIsLostDoubledOrTornUnderLoad) {
+TEST_F(ServiceTraceTest, RowsAreWholeAndNoneIsLostOrDoubledUnderLoad) {
 #ifdef NDEBUG
-    constexpr uint64_t kTasks = 100000;
+    constexpr uint64_t kTasks = 50000;
 #else
     constexpr uint64_t kTasks = 10000;  // without optimisation all takes so much longer
 #endif
     constexpr uint64_t kClients = 5;
     startTraced(0, "");
-    SharedMemory<LoadBoard> board;
-    std::vector<ChildProcess> clients;
-    for (uint64_t i = 0; i < kClients; ++i) {
-        LoadPlan plan;
-        plan.name = "load";
-        plan.count = kTasks / kClients;
-        plan.depth = 40;
-        clients.emplace_back([&] { return LoadClient(path(), plan, *board).run(); });
-    }
-    for (ChildProcess& client : clients) EXPECT_EQ(client.wait(), "") << lastLines();
-    ASSERT_EQ(board->done, kTasks);
+    Load load;
+    LoadPlan plan;
+    plan.count = kTasks / kClients;
+    plan.depth = 40;
+    for (uint64_t i = 0; i < kClients; ++i) load.start(path(), plan);
+    ASSERT_EQ(load.wait(), "") << lastLines();
+    ASSERT_EQ(load.done(), kTasks);
     endService();
 
     std::multiset<std::string> rows;  // without process and thread, which the frames do not have
@@ -195,11 +174,7 @@ TEST_F(TraceSystemTest, RowIsLostDoubledOrTornUnderLoad) {
     EXPECT_EQ(framesLost, 0U);
     EXPECT_TRUE(rows.empty()) << *rows.begin();
 
-    const std::string json = m_directory.path() + "/trace.json";
-    ASSERT_EQ(std::system((std::string(std::getenv("KELM_TEST_CTL")) + " trace " + m_frames + " " +
-                           m_tasks + " -o " + json + " >/dev/null")
-                              .c_str()),
-              0);
+    const std::string json = convert("");
     std::map<std::string, int> ends = names;
     const auto takeEvent = [&](int, nlohmann::json::parse_event_t what, nlohmann::json& event) {
         if (what != nlohmann::json::parse_event_t::object_end || !event.contains("ph")) return true;
@@ -215,11 +190,11 @@ TEST_F(TraceSystemTest, RowIsLostDoubledOrTornUnderLoad) {
     }
 }
 
-TEST_F(TraceSystemTest, GraphWorkIsNotTraced) {
+TEST_F(ServiceTraceTest, LoadsAndUnloadsOfGraphsAreTraced) {
     startTraced(0, "");
     ASSERT_NE(runOneTask(), 0U);
     ASSERT_NE(runOneTask(), 0U);
-    endService();  // the rows of the last moment are saved too
+    endService();
     std::map<std::string, int> kinds;
     for (const auto& [name, count] : countNames()) {
         std::string kind = name;
