@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "system/SystemFixture.h"
+#include "fakes/ServiceProcess.h"
 #include "tools/simulator/SimulatedHost.h"
 
 namespace kelm {

@@ -36,14 +36,7 @@ class MissingLibraryTest : public AcceleratorFixture {
     }
     // The code of the answer to a graph.
     int32_t createGraph() {
-        RawClient client(path());
-        auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
-        request.clientId = client.registerClient("client");
-        request.head.base.dataNum = 1;
-        request.head.base.dataSize[0] = 5;
-        return client
-            .call<KelmMsgRspCreateGraph>(request, KELM_MESSAGE_CREATE_GRAPH_RSP, {}, "graph")
-            .head.status;
+        return WireClient(path(), "client").createGraph({"graph"}).head.status;
     }
 
  private:

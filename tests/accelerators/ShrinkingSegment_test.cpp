@@ -49,16 +49,16 @@ class Segment : public NonCopyable {
 // A client that takes its memory back while the service works on it.
 class ShrinkingClient {
  public:
-    explicit ShrinkingClient(const std::string& path) : m_raw(path) {
+    explicit ShrinkingClient(const std::string& path) : m_raw(path, "shrinking") {
         const std::string size = std::to_string(kSize);
-        m_id = m_raw.registerClient("shrinking");
-        m_graph = m_raw.createGraph(
-            m_id, "shrinking",
-            "KELMSIM input=" + size + " output=" + size + " memory=3 micros=300\nshrinking");
+        m_graph = m_raw
+                      .createGraph({"KELMSIM input=" + size + " output=" + size +
+                                    " memory=3 micros=300\nshrinking"})
+                      .graphId;
     }
 
     bool submit(const Segment& input, const Segment& output) {
-        auto request = RawClient::inferRequest(m_id, m_graph, ++m_sequence);
+        auto request = m_raw.makeInfer(m_graph);
         std::vector<int> descriptors;
         input.attach(request, KELM_FD_INPUT, descriptors);
         output.attach(request, KELM_FD_OUTPUT, descriptors);
@@ -71,10 +71,8 @@ class ShrinkingClient {
     }
 
  private:
-    RawClient m_raw;
-    uint64_t m_id = 0;
+    WireClient m_raw;
     uint64_t m_graph = 0;
-    uint64_t m_sequence = 0;
 };
 
 class ShrinkingSegmentTest : public AcceleratorFixture {

@@ -4,16 +4,15 @@
 #include <vector>
 
 #include "accelerators/SharedTensor.h"
-#include "fakes/RawClient.h"
+#include "tests/wire/WireClient.h"
 
 namespace kelm {
 
 // A client with one graph and one task at a time.
 class TaskClient {
  public:
-    TaskClient(const std::string& path, const std::string& graph) : m_raw(path) {
-        m_id = m_raw.registerClient("one task");
-        m_graph = m_raw.createGraph(m_id, "graph", graph);
+    TaskClient(const std::string& path, const std::string& graph) : m_raw(path, "one task") {
+        m_graph = m_raw.createGraph({graph}).graphId;
     }
 
     bool hasGraph() const { return m_graph != 0; }
@@ -23,7 +22,7 @@ class TaskClient {
     int32_t infer(const SharedTensor& input, const SharedTensor& output,
                   const SharedTensor* aux = nullptr, uint32_t auxFlags = 0) {
         constexpr int32_t kNoAnswer = 1;
-        auto request = RawClient::inferRequest(m_id, m_graph, 1);
+        auto request = m_raw.makeInfer(m_graph);
         std::vector<int> descriptors;
         input.attach(request, KELM_FD_INPUT, descriptors);
         output.attach(request, KELM_FD_OUTPUT, descriptors);
@@ -41,8 +40,7 @@ class TaskClient {
     }
 
  private:
-    RawClient m_raw;
-    uint64_t m_id = 0;
+    WireClient m_raw;
     uint64_t m_graph = 0;
 };
 
