@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "tools/simulator/SimulatedHost.h"
 

@@ -122,4 +122,7 @@ class ServiceFixture : public ::testing::Test {
     std::optional<Service> m_service;
 };
 
+class ServiceProcess;
+using SystemFixture = ServiceFixture<ServiceProcess>;
+
 }  // namespace kelm

@@ -17,10 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "fakes/Eventually.h"
-#include "fakes/ServiceConfig.h"
-#include "fakes/ServiceFixture.h"
-#include "fakes/TempDir.h"
+#include "tests/fakes/Eventually.h"
+#include "tests/fakes/ServiceConfig.h"
+#include "tests/fakes/TempDir.h"
 #include "utils/Mutex.h"
 #include "utils/UniqueFd.h"
 
@@ -176,7 +175,5 @@ class ServiceProcess {
     std::string m_log GUARDED_BY(m_mutex);
     std::thread m_reader;
 };
-
-using SystemFixture = ServiceFixture<ServiceProcess>;
 
 }  // namespace kelm

@@ -14,8 +14,7 @@ class ClientManagerTest : public ManagersFixture {
  protected:
     // Whether the client gets its answer on the connection, on which others may be registered too.
     static bool isAnswered(WireClient& connection, uint64_t clientId) {
-        auto request =
-            connection.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, 999);
+        auto request = connection.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, 999);
         request.clientId = clientId;
         return connection.ask<KelmMsgRsp>(request).status == KELM_ERROR_INVALID_GRAPH;
     }

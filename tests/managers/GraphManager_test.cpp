@@ -264,9 +264,9 @@ TEST_F(GraphFileTest, ConnectionFarAheadOfItsAnswersIsNotReadForAWhile) {
     WireClient ahead = connect();
     ahead.sendCreateGraph(refused(writeSparse("huge", 256 << 20)));
     constexpr int kMoreThanFits = 20000;
-    const int sent = ahead.flood(
-        ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ), kMoreThanFits,
-        WireClient::Millis(50));
+    const int sent =
+        ahead.flood(ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ),
+                    kMoreThanFits, WireClient::Millis(50));
     EXPECT_LT(sent, kMoreThanFits);
     EXPECT_FALSE(ahead.canReceive());
     (void)connect();  // no other is held up
@@ -371,9 +371,8 @@ TEST_F(GraphManagerTest, DumpIsAFileInItsDirectoryWhateverTheGraphIsCalled) {
     std::string longName;
     while (longName.size() < 500) longName += "\u20ac";
     WireClient client = connect();
-    for (const std::string& name :
-         {std::string("../../evil.x"), std::string(".."), std::string("a/b"),
-          std::string("..hidden.x"), longName}) {
+    for (const std::string& name : {std::string("../../evil.x"), std::string(".."),
+                                    std::string("a/b"), std::string("..hidden.x"), longName}) {
         EXPECT_EQ(client.createGraph({name, name}).head.status, KELM_OK);
     }
     std::set<std::string> stems;
@@ -384,7 +383,7 @@ TEST_F(GraphManagerTest, DumpIsAFileInItsDirectoryWhateverTheGraphIsCalled) {
             stems.insert(stem);
             continue;
         }
-        EXPECT_GE(text.size(), 253U);      // cut to what a file name may have
+        EXPECT_GE(text.size(), 253U);            // cut to what a file name may have
         EXPECT_EQ(stem.size() % 3, 0U) << text;  // between two characters
     }
     EXPECT_EQ(stems, (std::set<std::string>{"evil", "", "b", "hidden"}));

@@ -65,9 +65,9 @@ TEST_F(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
             }
             // The rows of clients are as many as those of graphs.
             const bool clientRows = (bits & 1) != 0 || (bits & 12) == 12;
-            EXPECT_EQ(isUsed(status, offsetof(Status, clientName),
-                             offsetof(Status, deviceSchedulerName)),
-                      clientRows);
+            EXPECT_EQ(
+                isUsed(status, offsetof(Status, clientName), offsetof(Status, deviceSchedulerName)),
+                clientRows);
         }
     }
     const Status all = busy.queryStatus(31);
@@ -201,25 +201,25 @@ TEST_F(InfoPrinterTest, TablesOfClientsAndGraphsKeepTheirShape) {
     GraphManager::instance().onPrintInfo();
     std::cout.flush();
     const std::string text = testing::internal::GetCapturedStdout();
-    for (const char* part : {"ClientFps(count=1):\n [camera] = 0.00\n",
-                             "ClientSnapshot(RegularPrint):\n"
-                             "+--------------+-------------------+\n"
-                             "| clientId     | 1                 |\n"
-                             "+--------------+-------------------+\n"
-                             "| clientName   | camera            |\n"
-                             "| clientFps    | 0.00              |\n"
-                             "| inferTimes   | 0                 |\n"
-                             "| waitNum      | 0                 |\n"
-                             "+--------------+-------------------+\n",
-                             "GraphFps(count=1):\n [a_name_of_20_letters] = (in) 0.00 (out) 0.00\n",
-                             "GraphSnapshot(RegularPrint):\n"
-                             "| graphId      | 1                 |\n"
-                             "| graphName    | a_name_...letters |\n",
-                             "| pendingTime  | 00:00:00          |\n",
-                             "| devReqNum    | 0.50              |\n",
-                             "| deviceNum    | 1 / 1             |\n",
-                             "| streamId     |                   |\n"
-                             "+--------------+-------------------+\n"}) {
+    for (const char* part :
+         {"ClientFps(count=1):\n [camera] = 0.00\n",
+          "ClientSnapshot(RegularPrint):\n"
+          "+--------------+-------------------+\n"
+          "| clientId     | 1                 |\n"
+          "+--------------+-------------------+\n"
+          "| clientName   | camera            |\n"
+          "| clientFps    | 0.00              |\n"
+          "| inferTimes   | 0                 |\n"
+          "| waitNum      | 0                 |\n"
+          "+--------------+-------------------+\n",
+          "GraphFps(count=1):\n [a_name_of_20_letters] = (in) 0.00 (out) 0.00\n",
+          "GraphSnapshot(RegularPrint):\n"
+          "| graphId      | 1                 |\n"
+          "| graphName    | a_name_...letters |\n",
+          "| pendingTime  | 00:00:00          |\n", "| devReqNum    | 0.50              |\n",
+          "| deviceNum    | 1 / 1             |\n",
+          "| streamId     |                   |\n"
+          "+--------------+-------------------+\n"}) {
         EXPECT_THAT(text, testing::HasSubstr(part));
     }
 }

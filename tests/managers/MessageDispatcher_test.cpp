@@ -79,8 +79,8 @@ TEST_F(MessageDispatcherTest, DescriptorsOfRequestsThatComeToNothingAreClosed) {
     infer.head.base.fdType[2] = 9;
     infer.inputBuffer.type = infer.auxBuffer.type = KELM_BUFFER_ION;
     DescriptorProbe passed[3];
-    const auto refused = client.ask<KelmMsgRspInferTask>(
-        infer, {passed[0].get(), passed[1].get(), passed[2].get()});
+    const auto refused =
+        client.ask<KelmMsgRspInferTask>(infer, {passed[0].get(), passed[1].get(), passed[2].get()});
     EXPECT_EQ(refused.head.status, KELM_ERROR_INVALID_CLIENT);
     for (DescriptorProbe& probe : passed) {
         probe.sent();
@@ -97,9 +97,9 @@ TEST_F(MessageDispatcherTest, TextWithoutEndIsCutAtItsField) {
     EXPECT_EQ(ClientManager::instance().getClientName(registered.clientId), std::string(31, 'x'));
     auto create = client.make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
     create.clientId = registered.clientId;
-    std::memset(create.graphName, '/',
-                offsetof(KelmMsgReqCreateGraph, padding) -
-                    offsetof(KelmMsgReqCreateGraph, graphName));
+    std::memset(
+        create.graphName, '/',
+        offsetof(KelmMsgReqCreateGraph, padding) - offsetof(KelmMsgReqCreateGraph, graphName));
     EXPECT_EQ(client.ask<KelmMsgRspCreateGraph>(create).head.status,
               KELM_ERROR_GRAPH_DIGEST_FAILED);
 }
@@ -336,8 +336,8 @@ TEST_F(MessageDispatcherTest, MuteStrangerDoesNotHoldUpTheStop) {
 TEST(ServiceStartTest, WithoutPlaceForTheSocketFailsAndEnds) {
     TempDir dir;
     const ScopedEnv runDir("KELM_RUN_DIR", dir.path() + "/missing");
-    ServiceConfigParser::instance().appendConfigFile(
-        dir.write("config", ServiceConfig::kBase), true);
+    ServiceConfigParser::instance().appendConfigFile(dir.write("config", ServiceConfig::kBase),
+                                                     true);
     connectPorts();
     EXPECT_FALSE(MessageDispatcher::instance().isReady());
 }

@@ -63,9 +63,8 @@ TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
     EXPECT_EQ(other.cancelTask(task).head.status, KELM_ERROR_NO_RIGHTS);
     EXPECT_EQ(other.queryTaskStatus(task).head.status, KELM_ERROR_NO_RIGHTS);
     // Both requests go out at once: each is answered, in whatever order, and one succeeds.
-    EXPECT_EQ(client.flood(
-                  client.make<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ, task), 2),
-              2);
+    EXPECT_EQ(
+        client.flood(client.make<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ, task), 2), 2);
     const auto first = client.receive<KelmMsgRspCancelTask>();
     const auto second = client.receive<KelmMsgRspCancelTask>();
     EXPECT_EQ(first.canceled + second.canceled, 1);
@@ -183,8 +182,7 @@ TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
         device().release(DeviceCall::LoadTensor);
         EXPECT_TRUE(canceled.isClosed());
         EXPECT_TRUE(live.isClosed());
-        EXPECT_TRUE(eventually(
-            [&] { return !isRegistered(leaver.id()); }));
+        EXPECT_TRUE(eventually([&] { return !isRegistered(leaver.id()); }));
     }
 }
 
@@ -257,8 +255,7 @@ TEST_F(TaskManagerTest, ClientsThatComeAndVanishLeaveNothingBehind) {
                 WireClient client = connect();
                 client.sendCreateGraph({random() % 2 == 0 ? "one" : "two"});
                 const auto created = client.receiveType(KELM_MESSAGE_CREATE_GRAPH_RSP);
-                const uint64_t graph =
-                    created ? created->as<KelmMsgRspCreateGraph>().graphId : 0;
+                const uint64_t graph = created ? created->as<KelmMsgRspCreateGraph>().graphId : 0;
                 for (int number = 0; number < 20; ++number) {
                     DescriptorProbe input;
                     auto request = client.makeInfer(graph);

@@ -1,6 +1,7 @@
 #include <sys/mman.h>
 
 #include "client/Client.h"
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 
 namespace kelm {

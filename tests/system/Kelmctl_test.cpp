@@ -1,5 +1,6 @@
 #include <nlohmann/json.hpp>
 
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 
 namespace kelm {

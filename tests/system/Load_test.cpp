@@ -1,5 +1,6 @@
 #include <random>
 
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "tests/wire/LoadClient.h"
 

@@ -1,3 +1,4 @@
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "tests/wire/LoadClient.h"
 

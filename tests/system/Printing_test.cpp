@@ -1,5 +1,6 @@
 #include <regex>
 
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 
 namespace kelm {
@@ -14,7 +15,7 @@ class PrintingTest : public SystemFixture {
             "device_utilization": "on", "memory_usage": "on", "client_snapshot_mode": "base",
             "device_snapshot_mode": "Full", "graph_snapshot_mode": "base",
             "task_snapshot_mode": "base", "device_snapshot_style": ")" +
-                  style + R"(", "print_interval": )" + std::to_string(intervalMs) + "}}");
+              style + R"(", "print_interval": )" + std::to_string(intervalMs) + "}}");
     }
 
     // When each line that begins so was printed, in seconds since the first one.

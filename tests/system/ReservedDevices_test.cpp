@@ -1,5 +1,6 @@
 #include <future>
 
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 
 namespace kelm {
@@ -100,12 +101,11 @@ TEST_F(ReservedDevicesTest, GraphsRunOnTheirReservedDevicesAndNowhereElse) {
     ASSERT_EQ(users[3].create(graphs[4]), KELM_OK);
     inferAll();
     EXPECT_TRUE(liesSo({"of-one", "of-two", "of-two", "of-camera", "shared-1 shared-2"}));
-    EXPECT_EQ(placements().inferences,
-              (std::map<std::string, uint64_t>{{"of-one", 2 * kTasks},
-                                               {"of-two", 2 * kTasks},
-                                               {"of-camera", 2 * kTasks},
-                                               {"shared-1", kTasks},
-                                               {"shared-2", kTasks}}));
+    EXPECT_EQ(placements().inferences, (std::map<std::string, uint64_t>{{"of-one", 2 * kTasks},
+                                                                        {"of-two", 2 * kTasks},
+                                                                        {"of-camera", 2 * kTasks},
+                                                                        {"shared-1", kTasks},
+                                                                        {"shared-2", kTasks}}));
     const auto status = users[0].queryStatus(2);
     EXPECT_EQ(status.deviceNum, 5);
     for (int i = 0; i < 5; ++i) EXPECT_GT(status.deviceFps[i], 0.0F) << status.deviceGraphName[i];
@@ -149,10 +149,10 @@ TEST_F(ReservedDevicesTest, TagAndStreamThatAreTakenAndGivenBackLoseNoDevice) {
 
 TEST_F(ReservedDevicesTest, ClientsThatVanishGiveTheirDevicesBack) {
     startReserved(5, "1");
-    const GraphWish wishes[] = {User::wish("a", "one"), User::wish("b", "two"),
+    const GraphWish wishes[] = {User::wish("a", "one"),        User::wish("b", "two"),
                                 User::wish("c", "", "camera"), User::wish("d"),
-                                User::wish("e", "one"), User::wish("f", "two"),
-                                User::wish("g", "", "other"), User::wish("h")};
+                                User::wish("e", "one"),        User::wish("f", "two"),
+                                User::wish("g", "", "other"),  User::wish("h")};
     for (int i = 0; i < 30; ++i) {
         std::vector<std::future<void>> ends;
         for (const GraphWish& wish : wishes) {

@@ -1,3 +1,4 @@
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "system/TopProcess.h"
 

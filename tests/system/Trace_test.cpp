@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "tests/wire/LoadClient.h"
 #include "utils/ThreadUtils.h"
@@ -75,8 +76,8 @@ class ServiceTraceTest : public SystemFixture {
     std::string convert(const std::string& options, std::string* said = nullptr) const {
         const std::string json = m_directory.path() + "/trace.json";
         const std::string words = m_directory.path() + "/said";
-        const std::string command = KELM_CTL " trace " + m_frames + " " + m_tasks + " -o " + json +
-                                    options + " >" + words;
+        const std::string command =
+            KELM_CTL " trace " + m_frames + " " + m_tasks + " -o " + json + options + " >" + words;
         EXPECT_EQ(std::system(command.c_str()), 0);
         std::ifstream file(words);
         if (said != nullptr) said->assign(std::istreambuf_iterator<char>(file), {});
@@ -121,8 +122,8 @@ TEST_F(ServiceTraceTest, TaskThatEndsInAnyWayClosesItsTrace) {
     std::string said;
     const std::string json = convert(" --threads " + service().dir() + "/thread.info", &said);
     EXPECT_THAT(said, ::testing::HasSubstr(std::to_string(names.size()) + " spans"));
-    EXPECT_THAT(said, ::testing::HasSubstr(
-                          "frames file: 0, only in the tasks file: 0, lines left out: 0"));
+    EXPECT_THAT(
+        said, ::testing::HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
     std::set<std::string> threads;
     const auto trace = nlohmann::json::parse(std::ifstream(json));
     for (const auto& event : trace["traceEvents"]) {

@@ -8,7 +8,8 @@ constexpr WireClient::Millis kPatience{60000};  // the service may be busy with 
 constexpr uint64_t kUnregisterSequence = ~0ull;
 
 void require(bool holds, std::string_view what, uint64_t sequence) {
-    if (!holds) throw std::runtime_error(std::string(what) + ", reqSeqNo " + std::to_string(sequence));
+    if (!holds)
+        throw std::runtime_error(std::string(what) + ", reqSeqNo " + std::to_string(sequence));
 }
 
 }  // namespace

@@ -54,6 +54,7 @@ KelmMsgReqCreateGraph WireClient::makeCreateGraph(const GraphWish& wish) {
 
 bool WireClient::sendBytes(const void* bytes, size_t size) {
     const char* next = static_cast<const char*>(bytes);
+    auto wakeUp = std::chrono::steady_clock::now();  // by a plan, so that the rate is kept
     while (size > 0) {
         const size_t piece = std::min({size, m_manner.piece, m_manner.life});
         const ssize_t count = ::send(fd(), next, piece, MSG_NOSIGNAL);
@@ -63,7 +64,7 @@ bool WireClient::sendBytes(const void* bytes, size_t size) {
         size -= static_cast<size_t>(count);
         if (m_manner.life != SIZE_MAX) m_manner.life -= static_cast<size_t>(count);
         if (m_manner.life == 0) hangUp();
-        if (m_manner.pause.count() > 0) std::this_thread::sleep_for(m_manner.pause);
+        if (m_manner.pause.count() > 0) std::this_thread::sleep_until(wakeUp += m_manner.pause);
     }
     return true;
 }
