@@ -150,29 +150,5 @@ TEST_F(ClientLibraryTest, CanceledTaskEndsItsCallAndDoesNotRun) {
     EXPECT_EQ(ends[kTasks - 1], ErrorKind::kCanceled);
 }
 
-TEST_F(ClientLibraryTest, DeathOfTheServiceEndsAllCalls) {
-    constexpr int kCalls = 40;
-    start(200);
-    ASSERT_NO_FATAL_FAILURE(connect());
-    std::atomic<int> accepted{0};
-    std::atomic<int> ended{0};
-    std::atomic<int> lost{0};
-    for (int i = 0; i < kCalls; ++i) {
-        const auto done = [&](const InferResult& result) {
-            ++ended;
-            if (result.error.kind() == ErrorKind::kConnectionLost) ++lost;
-        };
-        m_client->inferAsync(request(), done, [&](uint64_t) { ++accepted; });
-    }
-    ASSERT_TRUE(eventually([&] { return accepted == kCalls; }));
-    service().signal(SIGKILL);
-    EXPECT_EQ(service().waitExit(), std::nullopt);  // by the signal
-    EXPECT_TRUE(eventually([&] { return ended == kCalls; }));
-    EXPECT_GT(lost, kCalls / 2);
-    EXPECT_EQ(m_client->queryTask(1).error().kind(), ErrorKind::kConnectionLost);
-    m_client.reset();
-    EXPECT_EQ(ended, kCalls);
-}
-
 }  // namespace
 }  // namespace kelm

@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 
 #include "fakes/ServiceProcess.h"
+#include "tests/wire/WireClient.h"
 
 namespace kelm {
 namespace {

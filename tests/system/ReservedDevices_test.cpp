@@ -130,23 +130,6 @@ TEST_F(ReservedDevicesTest, GraphsRunOnTheirReservedDevicesAndNowhereElse) {
     EXPECT_TRUE(liesSo({"next of one", "of-two", "of-two", "next", "shared-1 shared-2"}));
 }
 
-TEST_F(ReservedDevicesTest, TagAndStreamThatAreTakenAndGivenBackLoseNoDevice) {
-    startReserved(4, "1");
-    User user(path(), "holder");
-    User late(path(), "late");
-    for (int i = 0; i < 10; ++i) {
-        const std::string turn = std::to_string(i);
-        ASSERT_EQ(user.create(User::wish("tag " + turn, "two")), KELM_OK) << turn;
-        EXPECT_EQ(late.create(User::wish("late", "two")), KELM_ERROR_NO_DEVICE_AVAILABLE);
-        EXPECT_EQ(user.infer(2), 2);
-        EXPECT_EQ(placements().devices.count("tag " + turn), 2U);
-        ASSERT_EQ(user.destroy(), KELM_OK);
-        ASSERT_EQ(user.create(User::wish("stream " + turn, "", "camera")), KELM_OK) << turn;
-        EXPECT_EQ(late.create(User::wish("late", "", "late")), KELM_ERROR_NO_DEVICE_AVAILABLE);
-        ASSERT_EQ(user.destroy(), KELM_OK);
-    }
-}
-
 TEST_F(ReservedDevicesTest, ClientsThatVanishGiveTheirDevicesBack) {
     startReserved(5, "1");
     const GraphWish wishes[] = {User::wish("a", "one"),        User::wish("b", "two"),
