@@ -1,10 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <filesystem>
+#include <string>
 
 #include "bench/BareExchange.h"
+#include "tests/fakes/ServiceProcess.h"
 
 namespace kelm::bench {
 
@@ -13,8 +12,8 @@ struct Load {
     int depth;  // tasks of each client in flight
 };
 
-// The service beside this program, as a process in a private directory and ended with SIGUSR1, on
-// three simulated devices. Where it is found by clients becomes part of this process's environment.
+// The service as a process on three simulated devices. Where it is found by clients becomes part of
+// this process's environment.
 class BenchService {
  public:
     // What each of the two steps of a task takes on a device.
@@ -25,12 +24,10 @@ class BenchService {
 
     // Drives it with `kelmctl bench` on two graphs.
     ExchangeResult measure(const Load& load, double seconds);
-    std::filesystem::path socket() const { return m_directory / "kelm_service.sock"; }
+    std::string socket() const { return m_service.socketPath(); }
 
  private:
-    std::filesystem::path m_programs;
-    std::filesystem::path m_directory;
-    pid_t m_pid = -1;
+    ServiceProcess m_service;
 };
 
 }  // namespace kelm::bench

@@ -7,7 +7,8 @@
 
 #include "accelerators/TensorClient.h"
 #include "client/Client.h"
-#include "system/SystemFixture.h"
+#include "fakes/ServiceFixture.h"
+#include "fakes/ServiceProcess.h"
 #include "tools/simulator/SimulatedHost.h"
 
 namespace kelm {

@@ -37,10 +37,7 @@ class MissingLibraryTest : public AcceleratorFixture {
     }
     // The code of the answer to a graph.
     int32_t createGraph() {
-        const auto client = client::Client::connect(path());
-        if (!client || client.value()->registerClient("client")) return KELM_OK;
-        const std::string blob = "graph";
-        return client.value()->createGraph(std::as_bytes(std::span(blob)), {}).error().code();
+        return WireClient(path(), "client").createGraph({"graph"}).head.status;
     }
 
  private:

@@ -54,9 +54,8 @@ TEST_F(ReservedFaultsTest, CreateWhoseDeviceDiesBeforeThePassEndsIsAnswered) {
         const std::string blob = "graph";
         return creator.value()->createGraph(std::as_bytes(std::span(blob)), options).error().code();
     });
-    RawClient other(path());
-    auto reset = RawClient::request<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
-    reset.clientId = other.registerClient("other");
+    WireClient other(path(), "other");
+    auto reset = other.make<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
     ASSERT_TRUE(waitWithEvents([&] {
         for (const client::DeviceStatus& row : status().devices) {
             if (row.name != "1.1" || row.graph != "graph") continue;
@@ -65,7 +64,7 @@ TEST_F(ReservedFaultsTest, CreateWhoseDeviceDiesBeforeThePassEndsIsAnswered) {
         }
         return false;
     })) << lastLines();
-    EXPECT_EQ(other.call<KelmMsgRsp>(reset, KELM_MESSAGE_RESET_DEVICE_RSP).status, -1);
+    EXPECT_EQ(other.ask<KelmMsgRsp>(reset).status, -1);
     EXPECT_EQ(created.wait_for(std::chrono::seconds(30)), std::future_status::ready) << lastLines();
     creator.value().reset();  // ends the wait
     EXPECT_EQ(created.get(), kRefused);

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "accelerators/SharedTensor.h"
-#include "fakes/RawClient.h"
+#include "tests/wire/WireClient.h"
 
 namespace kelm {
 
@@ -13,14 +13,13 @@ class TaskClient {
  public:
     static constexpr int32_t kNoAnswer = 1;
 
-    TaskClient(const std::string& path, const std::string& graph) : m_raw(path) {
-        m_id = m_raw.registerClient("tasks");
-        m_graph = m_raw.createGraph(m_id, "graph", graph);
+    TaskClient(const std::string& path, const std::string& graph) : m_raw(path, "tasks") {
+        m_graph = m_raw.createGraph({graph}).graphId;
     }
 
     bool submit(const SharedTensor& input, const SharedTensor& output,
                 const SharedTensor* aux = nullptr, uint32_t auxFlags = 0) {
-        auto request = RawClient::inferRequest(m_id, m_graph, ++m_sequence);
+        auto request = m_raw.makeInfer(m_graph);
         std::vector<int> descriptors;
         input.attach(request, KELM_FD_INPUT, descriptors);
         output.attach(request, KELM_FD_OUTPUT, descriptors);
@@ -47,10 +46,8 @@ class TaskClient {
     }
 
  private:
-    RawClient m_raw;
-    uint64_t m_id = 0;
+    WireClient m_raw;
     uint64_t m_graph = 0;
-    uint64_t m_sequence = 0;
 };
 
 }  // namespace kelm

@@ -36,7 +36,7 @@ uint64_t TensorClient::createGraph(const std::string& graph) {
         added.free.push_back({std::make_unique<SharedTensor>(type, added.model.inputSize),
                               std::make_unique<SharedTensor>(type, added.model.outputSize)});
     }
-    auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    auto request = raw().make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
     request.clientId = id();
     request.subclass = m_tensors.subclass;
     plan().name.copy(request.graphName, sizeof(request.graphName) - 1);

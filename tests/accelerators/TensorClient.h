@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "accelerators/SharedTensor.h"
-#include "system/LoadClient.h"
+#include "tests/wire/LoadClient.h"
 #include "tools/simulator/Model.h"
 
 namespace kelm {
@@ -30,7 +30,7 @@ class TensorClient : public LoadClient {
                  const TensorPlan& tensors);
 
     // Ends run(), at the latest with what it waits for.
-    void hangUp() { ::shutdown(raw().fd(), SHUT_RDWR); }
+    void hangUp() { raw().interrupt(); }
 
  protected:
     uint64_t createGraph(const std::string& graph) override;

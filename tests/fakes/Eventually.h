@@ -12,7 +12,7 @@ bool eventually(Predicate predicate,
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!predicate()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     return true;
 }

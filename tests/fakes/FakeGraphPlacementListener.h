@@ -1,12 +1,10 @@
 #pragma once
 
-#include <algorithm>
 #include <functional>
 #include <utility>
-#include <vector>
 
+#include "fakes/Recorded.h"
 #include "scheduling/devices/GraphPlacementListener.h"
-#include "utils/Mutex.h"
 
 namespace kelm {
 
@@ -20,29 +18,15 @@ class FakeGraphPlacementListener final : public GraphPlacementListener {
 
     void enqueueNotifyLoadGraphDone(KelmGraph* graph, KelmError error) override {
         if (error != KELM_OK && m_onFailedLoad) m_onFailedLoad(graph);
-        MutexLock lock(m_mutex);
-        m_loads.emplace_back(graph, error);
+        loads.add(graph, error);
     }
-    void enqueueNotifyUnloadGraphDone(KelmGraph* graph) override {
-        MutexLock lock(m_mutex);
-        m_unloads.push_back(graph);
-    }
+    void enqueueNotifyUnloadGraphDone(KelmGraph* graph) override { unloads.add(graph); }
 
-    // What was told so far, in order.
-    std::vector<Load> loads() {
-        MutexLock lock(m_mutex);
-        return m_loads;
-    }
-    std::vector<KelmGraph*> unloads() {
-        MutexLock lock(m_mutex);
-        return m_unloads;
-    }
+    Recorded<Load> loads;
+    Recorded<KelmGraph*> unloads;
 
  private:
     std::function<void(KelmGraph*)> m_onFailedLoad;  // set before the first notice
-    Mutex m_mutex;
-    std::vector<Load> m_loads GUARDED_BY(m_mutex);
-    std::vector<KelmGraph*> m_unloads GUARDED_BY(m_mutex);
 };
 
 }  // namespace kelm

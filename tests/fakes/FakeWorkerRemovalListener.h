@@ -4,12 +4,12 @@
 #include <vector>
 
 #include "execution/WorkThread.h"
+#include "fakes/Recorded.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
-#include "utils/Mutex.h"
 
 namespace kelm {
 
-// Owns workers and deletes one as soon as its scheduler lets go of it. Any thread.
+// Owns workers and destroys one as soon as its scheduler lets go of it. Any thread.
 class FakeWorkerRemovalListener final : public WorkerRemovalListener {
  public:
     WorkThread* own(std::unique_ptr<WorkThread> worker) {
@@ -20,20 +20,15 @@ class FakeWorkerRemovalListener final : public WorkerRemovalListener {
 
     void enqueueRemoveWorkerDone(WorkThread* worker) override {
         MutexLock lock(m_mutex);
-        m_removed.push_back(worker);
         std::erase_if(m_workers, [worker](const auto& owned) { return owned.get() == worker; });
+        removed.add(worker);
     }
 
-    // In order; the workers are gone.
-    std::vector<WorkThread*> removed() {
-        MutexLock lock(m_mutex);
-        return m_removed;
-    }
+    Recorded<WorkThread*> removed;  // these are destroyed
 
  private:
     Mutex m_mutex;
     std::vector<std::unique_ptr<WorkThread>> m_workers GUARDED_BY(m_mutex);
-    std::vector<WorkThread*> m_removed GUARDED_BY(m_mutex);
 };
 
 }  // namespace kelm

@@ -17,8 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
+#include "tests/fakes/Eventually.h"
+#include "tests/fakes/ServiceConfig.h"
+#include "tests/fakes/TempDir.h"
 #include "utils/Mutex.h"
 #include "utils/UniqueFd.h"
 
@@ -27,12 +28,11 @@ namespace kelm {
 // The real service as a child process, on fake devices and with all its paths in a directory of its
 // own, so that nothing else on the machine is met.
 //
-//     ServiceProcess service;               // or ServiceProcess service(R"({"service_settings":
-//     ...})"); service.start(); ASSERT_TRUE(service.waitReady()); service.useRunDir(); // from here
-//     this process's client library finds it
-//     ...
-//     service.signal(SIGUSR1);
-//     EXPECT_EQ(service.waitExit(), 0);
+//     ServiceProcess service(R"({"service_settings": {"wait_seconds_before_exit": 0}})");
+//     service.start();
+//     ASSERT_TRUE(service.waitReady());
+//     service.useRunDir();  // from here this process's client library finds it
+//     EXPECT_TRUE(service.stop(10s));
 //
 // Its output goes to a terminal of its own, so that every line can be seen at once. The destructor
 // kills the child, if it still runs, by its id.
@@ -41,7 +41,7 @@ class ServiceProcess {
     // `overrides` is JSON that is read over the base configuration, key by key.
     explicit ServiceProcess(const std::string& overrides = "") {
         m_dir.write("run/.keep", "");
-        m_dir.write("install/config/kelm_service.config", kBaseConfig);
+        m_dir.write("install/config/kelm_service.config", ServiceConfig::kBase);
         if (!overrides.empty()) m_dir.write("home/.kelm_service.config", overrides);
     }
     ~ServiceProcess() {
@@ -54,13 +54,10 @@ class ServiceProcess {
     ServiceProcess(const ServiceProcess&) = delete;
     ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-    // Starts the program that KELM_TEST_DAEMON names.
-    // `environment`, as NAME=value, goes before what is set here.
+    // `environment`, as NAME=value, counts more than what is set here.
     void start(const std::vector<std::string>& args = {},
                const std::vector<std::string>& environment = {}) {
-        const char* program = std::getenv("KELM_TEST_DAEMON");
-        if (program == nullptr) throw std::runtime_error("KELM_TEST_DAEMON is not set");
-        std::vector<std::string> argvText{program};
+        std::vector<std::string> argvText{KELM_DAEMON};
         argvText.insert(argvText.end(), args.begin(), args.end());
         std::vector<std::string> envText = environment;  // the first of a name counts
         for (const std::string& text :
@@ -97,7 +94,13 @@ class ServiceProcess {
     }
 
     void signal(int number) const { ::kill(m_pid, number); }
+    bool isRunning() const { return m_pid > 0; }
     int pid() const { return m_pid; }
+    // Whether it ends in time and well when it is told to.
+    bool stop(std::chrono::milliseconds limit) {
+        signal(SIGUSR1);
+        return waitExit(limit) == 0;
+    }
 
     // Whether another process holds a lock file of the run directory. Looking takes the lock for a
     // moment, which the alive lock bears only once the service is ready.
@@ -123,18 +126,6 @@ class ServiceProcess {
     const TempDir& files() const { return m_dir; }
 
  private:
-    static constexpr const char* kBaseConfig = R"({
-    "fake_device_settings": {
-        "enable_fake_device": true,
-        "fake_device_number": 2,
-        "alloc_graph_latency": 1,
-        "load_tensor_latency": 1,
-        "get_result_latency": 1,
-        "latency_distribution_stddev": 0.0
-    },
-    "security_settings": { "user_group": "" }
-})";
-
     static std::vector<char*> pointers(std::vector<std::string>& texts) {
         std::vector<char*> result;
         for (std::string& text : texts) result.push_back(text.data());

@@ -9,26 +9,48 @@ namespace {
 
 // What a peer sends: a record, then segments with so many descriptors each, then bytes.
 struct Attack {
+    explicit Attack(uint32_t type) {
+        const MessagePtr message(kelmAllocMessage(static_cast<KelmMsgType>(type)));
+        const size_t size = message ? message->size : sizeof(KelmMsgBase);
+        record.assign(size, '\0');
+        if (message) std::memcpy(record.data(), message.get(), size);
+        put(offsetof(KelmMsgBase, type), type);
+    }
+
+    // Puts a number over so many places of the record, one behind the other.
+    template <class Number = uint32_t>
+    Attack& put(size_t offset, Number number, size_t times = 1) {
+        for (size_t i = 0; i < times; ++i) {
+            std::memcpy(record.data() + offset + i * sizeof(number), &number, sizeof(number));
+        }
+        return *this;
+    }
+    // Announces so many blocks of a size each.
+    Attack& blocks(uint32_t number, uint64_t size) {
+        put(offsetof(KelmMsgBase, dataNum), number);
+        const size_t places = std::min(number, kMaxMessageBlocks);
+        return put(offsetof(KelmMsgBase, dataSize), size, places);
+    }
+    Attack& announce(uint32_t descriptors) {
+        return put(offsetof(KelmMsgBase, fdNum), descriptors);
+    }
+    Attack& fds(const std::vector<size_t>& numbers) {
+        segments = numbers;
+        return *this;
+    }
+    Attack& bytes(size_t number) {
+        tail.assign(number, 'd');
+        return *this;
+    }
+    Attack& cut(size_t size) {
+        record.resize(size);
+        return *this;
+    }
+
     std::string record;
     std::vector<size_t> segments;
     std::string tail;
 };
-
-KelmMsgBase& headOf(Attack& attack) {
-    return *reinterpret_cast<KelmMsgBase*>(attack.record.data());
-}
-
-Attack makeAttack(uint32_t type) {
-    const MessagePtr message(kelmAllocMessage(static_cast<KelmMsgType>(type)));
-    Attack attack;
-    if (message) {
-        attack.record.assign(reinterpret_cast<const char*>(message.get()), message->size);
-    } else {
-        attack.record.assign(sizeof(KelmMsgBase), '\0');
-        headOf(attack).type = type;
-    }
-    return attack;
-}
 
 // Looks at every text and buffer, so that a sanitizer sees a read that goes too far.
 size_t touch(KelmMsgBase* message) {
@@ -89,139 +111,59 @@ class ProtocolFuzzTest : public testing::Test {
 };
 
 TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
-    struct Row {
+    const Attack infer(KELM_MESSAGE_INFER_TASK_REQ);
+    const Attack graph(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    const Attack test(KELM_MESSAGE_TEST_SEND_FD_REQ);
+    const auto with = [](Attack attack) { return attack; };
+    const std::vector<size_t> ones(12, 1);  // a descriptor a segment
+    constexpr size_t kRoles = offsetof(KelmMsgBase, fdType);
+    constexpr size_t kInnerNumber = offsetof(KelmMsgBase, innerBufferNum);
+    constexpr uint64_t kAddress = 0x1000;
+    Attack withoutEnd = with(graph).blocks(1, 4).bytes(4);
+    withoutEnd.put(offsetof(KelmMsgBase, recvNum), 5000)
+        .put(offsetof(KelmMsgBase, peerRecvNum), 0xffffffff)
+        .put(offsetof(KelmMsgBase, peerRecvData), kAddress, kMaxMessageBlocks)
+        .put(offsetof(KelmMsgBase, peerRecvSize), uint64_t{1} << 20, kMaxMessageBlocks);
+    Attack foreign = with(graph).put(kInnerNumber, 5);
+    foreign.put(offsetof(KelmMsgBase, innerBuffer), kAddress, kMaxMessageBlocks);
+    const struct {
         const char* name;
-        uint32_t type;
-        void (*craft)(Attack& attack);
-        int messages;
-    };
-    const uint32_t infer = KELM_MESSAGE_INFER_TASK_REQ;
-    const uint32_t graph = KELM_MESSAGE_CREATE_GRAPH_REQ;
-    const uint32_t test = KELM_MESSAGE_TEST_SEND_FD_REQ;
-    const Row rows[] = {
-        {"plain", infer, [](Attack&) {}, 1},
-        {"all descriptors of the world", infer,
-         [](Attack& a) {
-             headOf(a).fdNum = 0xffffffff;
-             a.segments.assign(20, 1);
-         },
-         0},
-        {"more descriptors than places", infer,
-         [](Attack& a) {
-             headOf(a).fdNum = 12;
-             a.segments.assign(12, 1);
-         },
-         1},
-        {"a role twice and one that is none", infer,
-         [](Attack& a) {
-             headOf(a).fdNum = 4;
-             headOf(a).fdType[1] = 1;
-             headOf(a).fdType[3] = 77;
-             a.segments.assign(4, 1);
-         },
-         1},
-        {"several descriptors a segment", infer,
-         [](Attack& a) {
-             headOf(a).fdNum = 1;
-             a.segments = {5};
-         },
-         1},
-        {"descriptors nobody announced", infer,
-         [](Attack& a) {
-             a.segments = {1, 253};
-         },
-         1},
-        {"fewer descriptors than announced", infer,
-         [](Attack& a) {
-             headOf(a).fdNum = 3;
-             a.segments = {1};
-         },
-         0},
-        {"bytes without their descriptor", infer,
-         [](Attack& a) {
-             headOf(a).fdNum = 1;
-             a.tail = "1234";
-         },
-         0},
-        {"six blocks", graph,
-         [](Attack& a) {
-             headOf(a).dataNum = 6;
-             for (uint64_t& size : headOf(a).dataSize) size = 4;
-             a.tail.assign(24, 'd');
-         },
-         0},
-        {"five blocks", graph,
-         [](Attack& a) {
-             headOf(a).dataNum = 5;
-             for (uint64_t& size : headOf(a).dataSize) size = 4;
-             a.tail.assign(20, 'd');
-         },
-         1},
-        {"blocks of 4 GiB that never come", graph,
-         [](Attack& a) {
-             headOf(a).dataNum = 5;
-             for (uint64_t& size : headOf(a).dataSize) size = 0xffffffff;
-             a.tail.assign(100, 'd');
-         },
-         0},
-        {"a size beyond 32 bits", graph,
-         [](Attack& a) {
-             headOf(a).dataNum = 1;
-             headOf(a).dataSize[0] = 0xffffffff00000004;
-             a.tail.assign(4, 'd');
-         },
-         1},
-        {"an empty block", graph, [](Attack& a) { headOf(a).dataNum = 1; }, 0},
-        {"prepared buffers without end", graph,
-         [](Attack& a) {
-             headOf(a).recvNum = 5000;
-             headOf(a).peerRecvNum = 0xffffffff;
-             headOf(a).dataNum = 1;
-             headOf(a).dataSize[0] = 4;
-             for (uint32_t i = 0; i < kMaxMessageBlocks; ++i) {
-                 headOf(a).peerRecvData[i] = 0x1000;
-                 headOf(a).peerRecvSize[i] = 1 << 20;
-             }
-             a.tail.assign(4, 'd');
-         },
-         1},
-        {"inner buffers at addresses of the peer", graph,
-         [](Attack& a) {
-             headOf(a).innerBufferNum = 5;
-             for (uint64_t& address : headOf(a).innerBuffer) address = 0x1000;
-         },
-         1},
-        {"more inner buffers than places", graph,
-         [](Attack& a) { headOf(a).innerBufferNum = 0x80000000; }, 1},
-        {"texts without an end", graph,
-         [](Attack& a) { std::fill(a.record.begin() + 512, a.record.end(), 'x'); }, 1},
-        {"the end of the requests", KELM_MESSAGE_REQ_END, [](Attack&) {}, 0},
-        {"the end of the events", KELM_MESSAGE_EVT_END, [](Attack&) {}, 0},
-        {"no type", 27, [](Attack&) {}, 0},
-        {"far beyond the types", 0xffffffff, [](Attack&) {}, 0},
-        {"a size that is not the type's", infer, [](Attack& a) { headOf(a).size = 1 << 20; }, 0},
-        {"half a head", infer, [](Attack& a) { a.record.resize(100); }, 0},
-        {"half a body", infer, [](Attack& a) { a.record.resize(700); }, 0},
-        {"descriptor test without a descriptor", test, [](Attack&) {}, 0},
-        {"descriptor test with two", test,
-         [](Attack& a) {
-             headOf(a).fdNum = 2;
-             a.segments = {1, 1};
-         },
-         0},
-        {"descriptor test", test,
-         [](Attack& a) {
-             headOf(a).fdNum = 1;
-             a.segments = {1};
-         },
-         1},
+        int messages;  // that come out of it
+        Attack attack;
+    } rows[] = {
+        {"plain", 1, infer},
+        {"descriptors without end", 0, with(infer).announce(0xffffffff).fds(ones)},
+        {"more descriptors than places", 1, with(infer).announce(12).fds(ones)},
+        {"a role twice and one that is none", 1,
+         with(infer).announce(4).put(kRoles + 4, 1).put(kRoles + 12, 77).fds({1, 1, 1, 1})},
+        {"several descriptors a segment", 1, with(infer).announce(1).fds({5})},
+        {"descriptors that were not announced", 1, with(infer).fds({1, 253})},
+        {"fewer descriptors than announced", 0, with(infer).announce(3).fds({1})},
+        {"bytes without their descriptor", 0, with(infer).announce(1).bytes(4)},
+        {"six blocks", 0, with(graph).blocks(6, 4).bytes(24)},
+        {"five blocks", 1, with(graph).blocks(5, 4).bytes(20)},
+        {"blocks of 4 GiB that never come", 0, with(graph).blocks(5, 0xffffffff).bytes(100)},
+        {"a size beyond 32 bits", 1, with(graph).blocks(1, 0xffffffff00000004).bytes(4)},
+        {"an empty block", 0, with(graph).blocks(1, 0)},
+        {"prepared buffers without end", 1, withoutEnd},
+        {"inner buffers at addresses of the peer", 1, foreign},
+        {"more inner buffers than places", 1, with(graph).put(kInnerNumber, 0x80000000)},
+        {"texts without an end", 1, with(graph).put(512, 'x', graph.record.size() - 512)},
+        {"the end of the requests", 0, Attack(KELM_MESSAGE_REQ_END)},
+        {"the end of the events", 0, Attack(KELM_MESSAGE_EVT_END)},
+        {"no type", 0, Attack(27)},
+        {"far beyond the types", 0, Attack(0xffffffff)},
+        {"not the size of its type", 0, with(infer).put(offsetof(KelmMsgBase, size), 1 << 20)},
+        {"half a head", 0, with(infer).cut(100)},
+        {"half a body", 0, with(infer).cut(700)},
+        {"descriptor test without a descriptor", 0, test},
+        {"descriptor test with two", 0, with(test).announce(2).fds({1, 1})},
+        {"descriptor test", 1, with(test).announce(1).fds({1})},
     };
     const size_t before = countDescriptors();
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Attack attack = makeAttack(row.type);
-        row.craft(attack);
-        EXPECT_EQ(row.messages, play(attack));
+        EXPECT_EQ(row.messages, play(row.attack));
         settle();
         EXPECT_EQ(before, countDescriptors());
     }
@@ -252,7 +194,7 @@ TEST_F(ProtocolFuzzTest, MutatedRecordsNeitherCrashNorLeak) {
     int messages = 0;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE(round);
-        Attack attack = makeAttack(static_cast<uint32_t>(random() % (kMessageTypes + 2)));
+        Attack attack(static_cast<uint32_t>(random() % (kMessageTypes + 2)));
         mutate(attack, random);
         messages += play(attack);
         if (round % 100 != 0) continue;
@@ -269,7 +211,7 @@ TEST(MessageCheckTest, ArbitraryBytesAreReadWithinBounds) {
     std::mt19937 random(7);
     int accepted = 0;
     for (int round = 0; round < 5000; ++round) {
-        Attack attack = makeAttack(static_cast<uint32_t>(random() % kMessageTypes));
+        Attack attack(static_cast<uint32_t>(random() % kMessageTypes));
         if (round % 2 == 0) mutate(attack, random);
         attack.record.resize(std::max(attack.record.size(), sizeof(KelmMsgBase)));
         const std::unique_ptr<char[]> exact(new char[attack.record.size()]);

@@ -7,247 +7,224 @@
 #include <vector>
 
 #include "fakes/FakeInfoCollector.h"
-#include "fakes/TestRequest.h"
+#include "managers/GraphManager.h"
 #include "managers/ManagersFixture.h"
-#include "managers/ResultDispatcher.h"
-#include "protocol/src/InfoPackage.h"
-#include "protocol/src/KelmProtocol.h"
+#include "reporting/KelmStatus.h"
 #include "reporting/MemoryInspector.h"
 #include "reporting/PrintInfoListener.h"
 #include "reporting/ReportPart.h"
 #include "utils/Semaphore.h"
 
 namespace kelm {
-
 namespace {
 
-using namespace std::chrono_literals;
+using Status = KelmMsgRspQueryStatus;
 
-KelmMsgReqQueryStatus makeQuery(uint64_t clientId, uint64_t queryType, uint64_t sequence = 1) {
-    auto query = RawClient::request<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, sequence);
-    query.clientId = clientId;
-    query.queryType = queryType;
-    return query;
-}
-
-// A client with a graph of which some tasks are done.
-class BusyClient {
- public:
-    explicit BusyClient(const RunningService& service)
-        : m_raw(service.path()),
-          m_id(m_raw.registerClient("watcher")),
-          m_graph(m_raw.createGraph(m_id, "net", "a blob")) {
-        for (uint64_t sequence = 1; sequence <= kTasks; ++sequence) {
-            EXPECT_TRUE(m_raw.send(RawClient::inferRequest(m_id, m_graph, sequence)));
-        }
-        for (uint64_t i = 0; i < kTasks; ++i) {
-            EXPECT_TRUE(m_raw.receiveType(KELM_MESSAGE_TASK_DONE_EVT));
-        }
-    }
-
+class InfoPrinterTest : public ManagersFixture {
+ protected:
     static constexpr uint64_t kTasks = 20;
-    uint64_t id() const { return m_id; }
-    uint64_t graph() const { return m_graph; }
-    RawClient& raw() { return m_raw; }
-    KelmMsgRspQueryStatus query(uint64_t queryType) {
-        return m_raw.call<KelmMsgRspQueryStatus>(makeQuery(m_id, queryType),
-                                                 KELM_MESSAGE_QUERY_STATUS_RSP);
-    }
-
- private:
-    RawClient m_raw;
-    const uint64_t m_id;
-    const uint64_t m_graph;
 };
 
-struct Counter : PrintInfoListener {
-    void onPrintInfo() override { ++calls; }
-    std::atomic<int> calls{0};
+// A part of the record, from one field to the next part, and the bits of which one fills it.
+struct Section {
+    size_t begin;
+    size_t end;
+    uint64_t bits;
+};
+constexpr Section kSections[] = {
+    {offsetof(Status, serviceFps), offsetof(Status, deviceNum), 1},
+    {offsetof(Status, deviceNum), offsetof(Status, deviceGraphName), 1 | 2},
+    {offsetof(Status, deviceGraphName), offsetof(Status, graphNum), 2},
+    {offsetof(Status, graphNum), offsetof(Status, clientNum), 1 | 4},
+    {offsetof(Status, clientNum), offsetof(Status, clientName), 1 | 8},
+    {offsetof(Status, deviceSchedulerName), sizeof(Status), 16},
 };
 
-struct Thrower : PrintInfoListener {
-    void onPrintInfo() override { throw std::runtime_error("no figures"); }
-};
-
-struct Sleeper : PrintInfoListener {
-    void onPrintInfo() override {
-        entered.post();
-        wakeUp.wait();
-    }
-    Semaphore entered{0, 0};
-    Semaphore wakeUp{0, 0};
-};
-
-// A printer without a service, with an interval that is cut to 0 seconds.
-class LonePrinter {
- public:
-    LonePrinter() {
-        const std::string config =
-            R"({"debug_settings": {"info_printer": {"print_interval": 500}}})";
-        ServiceConfigParser::instance().appendConfigFile(m_dir.write("config", config), true);
-        m_printer.emplace();
-    }
-    InfoPrinter* operator->() { return &*m_printer; }
-
- private:
-    TempDir m_dir;
-    std::optional<InfoPrinter> m_printer;
-};
-
-}  // namespace
-
-TEST(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
-    RunningService service;
-    BusyClient client(service);
-    const struct {
-        uint64_t type;
-        bool service, devices, details, graphs, clients, clientRows, schedulers;
-    } rows[] = {
-        {1, true, true, false, true, true, true, false},
-        {2, false, true, true, false, false, false, false},
-        {4, false, false, false, true, false, false, false},
-        {8, false, false, false, false, true, false, false},  // rows go by the number of graphs
-        {12, false, false, false, true, true, true, false},
-        {16, false, false, false, false, false, false, true},
-        {31 | 64, true, true, true, true, true, true, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.type);
-        const KelmMsgRspQueryStatus status = client.query(row.type);
-        EXPECT_EQ(status.head.status, KELM_OK);
-        EXPECT_EQ(status.head.clientId, client.id());
-        EXPECT_EQ(status.queryType, row.type);
-        EXPECT_EQ(status.serviceFps > 0.0f, row.service);
-        EXPECT_EQ(status.deviceNum, row.devices ? 2 : 0);
-        EXPECT_STREQ(status.deviceName[1], row.devices ? "Fake1" : "");
-        const std::set<std::string> onDevices{status.deviceGraphName[0], status.deviceGraphName[1]};
-        EXPECT_EQ(onDevices.count("net"), row.details ? 1u : 0u);
-        EXPECT_EQ(status.deviceThermal[0] > 0.0f, row.details);
-        EXPECT_EQ(status.graphNum, row.graphs ? 1 : 0);
-        EXPECT_STREQ(status.graphName[0], row.graphs ? "net" : "");
-        EXPECT_EQ(status.graphFpsIn[0] > 0.0f, row.graphs);
-        EXPECT_EQ(status.graphFpsOut[0] > 0.0f, row.graphs);
-        EXPECT_EQ(status.clientNum, row.clients ? 1 : 0);
-        EXPECT_STREQ(status.clientName[0], row.clientRows ? "watcher" : "");
-        EXPECT_EQ(status.clientFps[0] > 0.0f, row.clientRows);
-        EXPECT_EQ(status.deviceSchedulerName[0] != '\0', row.schedulers);
-        EXPECT_EQ(status.taskSchedulerName[0] != '\0', row.schedulers);
-    }
+bool isUsed(const Status& status, size_t begin, size_t end) {
+    const auto* const bytes = reinterpret_cast<const char*>(&status);
+    return std::any_of(bytes + begin, bytes + end, [](char byte) { return byte != 0; });
 }
 
-TEST(InfoPrinterTest, QueryWithoutAKnownBitIsReleasedAndNotAnswered) {
-    RunningService service;
-    RawClient client(service.path());
-    const uint64_t id = client.registerClient("watcher");
-    for (const uint64_t type : {0, 32}) ASSERT_TRUE(client.send(makeQuery(id, type)));
-    auto silent = makeQuery(id, 31);
+TEST_F(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
+    start();
+    WireClient idle = connect("idle");
+    WireClient busy = connect("busy");
+    ASSERT_NE(idle.createGraph({"another blob", "of idle"}).graphId, 0U);
+    const uint64_t graph = busy.createGraph({"a blob", "of busy"}).graphId;
+    for (uint64_t i = 0; i < kTasks; ++i) ASSERT_TRUE(busy.infers(graph));
+    for (const uint64_t unknown : {64, 0}) {
+        for (uint64_t bits = 1; bits < 32; ++bits) {
+            SCOPED_TRACE(bits);
+            const Status status = busy.queryStatus(bits | unknown);
+            EXPECT_EQ(status.head.status, KELM_OK);
+            EXPECT_EQ(status.head.clientId, busy.id());
+            EXPECT_EQ(status.queryType, bits | unknown);
+            for (const Section& section : kSections) {
+                EXPECT_EQ(isUsed(status, section.begin, section.end), (bits & section.bits) != 0)
+                    << section.begin;
+            }
+            // The rows of clients are as many as those of graphs.
+            const bool clientRows = (bits & 1) != 0 || (bits & 12) == 12;
+            EXPECT_EQ(
+                isUsed(status, offsetof(Status, clientName), offsetof(Status, deviceSchedulerName)),
+                clientRows);
+        }
+    }
+    const Status all = busy.queryStatus(31);
+    EXPECT_EQ(all.deviceNum, 2);
+    EXPECT_NE(all.deviceId[0], all.deviceId[1]);
+    EXPECT_STREQ(all.deviceName[1], "Fake1");
+    EXPECT_EQ(all.graphNum, 2);
+    EXPECT_EQ(all.clientNum, 2);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_GT(all.deviceThermal[i], 0.0F);
+        EXPECT_EQ(all.deviceFps[i] > 0.0F, std::string(all.deviceGraphName[i]) == "of busy");
+        const bool isBusy = std::string(all.graphName[i]) == "of busy";
+        EXPECT_TRUE(isBusy || std::string(all.graphName[i]) == "of idle");
+        EXPECT_EQ(all.graphFpsIn[i] > 0.0F, isBusy);
+        EXPECT_EQ(all.graphFpsOut[i] > 0.0F, isBusy);
+        EXPECT_EQ(all.clientFps[i] > 0.0F, std::string(all.clientName[i]) == "busy");
+    }
+    EXPECT_STREQ(all.deviceSchedulerName, "DS.Squeeze2");
+    EXPECT_STREQ(all.taskSchedulerName, "TS.Polling");
+}
+
+TEST_F(InfoPrinterTest, QueryWithoutAKnownBitIsReleasedAndNotAnswered) {
+    start();
+    WireClient client = connect();
+    const auto make = [&](uint64_t bits) {
+        return client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, bits);
+    };
+    for (const uint64_t bits : {0, 32}) ASSERT_TRUE(client.send(make(bits)));
+    auto silent = make(31);
     silent.head.needResponse = 0;
     ASSERT_TRUE(client.send(silent));
-    ASSERT_TRUE(client.send(makeQuery(0, 16)));  // who has not registered may ask, too
-    const auto answer = client.receive();
-    ASSERT_TRUE(answer);
-    ASSERT_EQ(answer->type(), KELM_MESSAGE_QUERY_STATUS_RSP);
-    EXPECT_EQ(answer->as<KelmMsgRspQueryStatus>().queryType, 16u);
+    auto unregistered = make(16);  // a peer that has not registered may ask, too
+    unregistered.clientId = 0;
+    ASSERT_TRUE(client.send(unregistered));
+    EXPECT_EQ(client.receive<Status>().queryType, 16U);
 }
 
-TEST(InfoPrinterTest, BurstOfQueriesIsAnsweredOnceEach) {
-    RunningService service;
-    RawClient client(service.path());
-    const uint64_t id = client.registerClient("watcher");
+TEST_F(InfoPrinterTest, BurstOfQueriesIsAnsweredOnceEachAndNotInTheWayOfOthers) {
+    start();
+    WireClient client = connect();
     constexpr uint64_t kQueries = 300;
-    for (uint64_t sequence = 1; sequence <= kQueries; ++sequence) {
-        ASSERT_TRUE(client.send(makeQuery(id, 1 + sequence % 31, sequence)));
-    }
+    const uint64_t first = client.makeInfer(0).head.reqSeqNo + 1;
+    auto sender = std::async(std::launch::async, [&] {
+        for (uint64_t i = 0; i < kQueries; ++i) {
+            const auto query =
+                client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 1 + i % 31);
+            EXPECT_TRUE(client.send(query));
+        }
+    });
+    EXPECT_TRUE(serves());
     std::set<uint64_t> answered;
     while (answered.size() < kQueries) {
-        const auto answer = client.receive();
-        ASSERT_TRUE(answer);
-        ASSERT_EQ(answer->type(), KELM_MESSAGE_QUERY_STATUS_RSP);
-        EXPECT_TRUE(answered.insert(answer->as<KelmMsgRsp>().reqSeqNo).second) << "told twice";
+        const uint64_t sequence = client.receive<Status>().head.reqSeqNo;
+        EXPECT_TRUE(sequence >= first && sequence < first + kQueries);
+        EXPECT_TRUE(answered.insert(sequence).second) << "told twice";
     }
-    EXPECT_EQ(client.unregisterClient(id), KELM_OK);  // the next message: nothing else was sent
+    sender.get();
+    ASSERT_TRUE(client.send(client.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ)));
+    EXPECT_EQ(client.receive<KelmMsgRsp>().base.type, KELM_MESSAGE_UNREGISTER_RSP);
 }
 
-TEST(InfoPrinterTest, AnswerCountsAllAndHasTheRowsThatFit) {
-    RunningService service;
-    RawClient client(service.path());
-    const uint64_t id = client.registerClient("watcher");
-    const auto status = std::make_shared<KelmStatus>();
+TEST_F(InfoPrinterTest, RecordsCountAllAndHaveTheRowsThatFit) {
+    constexpr int kPeers = 70;
+    constexpr int kDevices = 40;
+    start(ServiceConfig::fakeDevices(kDevices, 1));
+    std::vector<WireClient> peers;
     const std::string longName(600, 'n');
-    for (int i = 0; i < 40; ++i) {
-        status->deviceNames.push_back(longName);
-        status->deviceFps.push_back(1.0f);
-        status->deviceGraphNames.push_back(longName);
-        status->deviceThermals.push_back(2.0f);
-        status->deviceIds.push_back(3);
-        status->deviceSubclasses.push_back(4);
+    for (int i = 0; i < kPeers; ++i) {
+        peers.push_back(connect(i == 0 ? longName : "peer"));
+        const std::string number = std::to_string(i);
+        ASSERT_NE(peers.back().createGraph({number, "of " + number}).graphId, 0U) << i;
+        ASSERT_NE(peers.back().createGraph({"of all", longName}).graphId, 0U);
     }
-    for (int i = 0; i < 70; ++i) {
-        status->graphNames.push_back(longName);
-        status->graphFpsIn.push_back(5.0f);
-        status->clientNames.push_back(longName);
-        status->clientFps.push_back(6.0f);
+    const Status status = peers[0].queryStatus(31);
+    EXPECT_EQ(status.deviceNum, kDevices);
+    EXPECT_EQ(status.graphNum, kPeers + 1);
+    EXPECT_EQ(status.clientNum, kPeers);
+    EXPECT_EQ(std::string(status.deviceName[kStatusDevices - 1]).substr(0, 4), "Fake");
+    EXPECT_NE(status.deviceId[kStatusDevices - 1], 0U);
+    EXPECT_STRNE(status.graphName[kStatusGraphs - 1], "");
+    EXPECT_STREQ(status.clientName[0], longName.substr(0, 31).c_str());
+    EXPECT_STREQ(status.clientName[kStatusClients - 1], "peer");
+    std::set<std::string> graphs(std::begin(status.graphName), std::end(status.graphName));
+    EXPECT_EQ(graphs.size(), static_cast<size_t>(kStatusGraphs));
+    EXPECT_EQ(graphs.count(longName.substr(0, 511)), 1U);
+
+    const auto package = readPackage();
+    EXPECT_EQ(package->deviceCount, 0);
+    EXPECT_NE(package->devices[kPackageDevices - 1].deviceId, 0U);
+    EXPECT_EQ(package->graphCount, kPackageGraphs);
+    EXPECT_EQ(package->clientCount, kPackageClients);
+    EXPECT_STREQ(package->clients[kPackageClients - 1].clientName, "peer");
+    for (const InfoGraphRow& graph : package->graphs) {
+        EXPECT_EQ(graph.clientNum, graph.graphName[0] == 'n' ? kPackageClients : 1);
     }
-    status->graphFpsOut = {7.0f};  // a manager that failed half-way
-    ResultDispatcher::instance().enqueueSendQueryStatusResponse(
-        status, makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, makeQuery(id, 31), -1));
-    const auto message = client.receive();
-    ASSERT_TRUE(message);
-    const auto& answer = message->as<KelmMsgRspQueryStatus>();
-    EXPECT_EQ(answer.deviceNum, 40);
-    EXPECT_EQ(answer.graphNum, 70);
-    EXPECT_EQ(answer.clientNum, 70);
-    EXPECT_EQ(answer.deviceName[31], longName.substr(0, 31));
-    EXPECT_EQ(answer.deviceFps[31], 1.0f);
-    EXPECT_EQ(answer.deviceGraphName[31], longName.substr(0, 511));
-    EXPECT_EQ(answer.deviceThermal[31], 2.0f);
-    EXPECT_EQ(answer.deviceId[31], 3u);
-    EXPECT_EQ(answer.deviceSubclass[31], 4);
-    EXPECT_EQ(answer.graphName[63], longName.substr(0, 511));
-    EXPECT_EQ(answer.graphFpsIn[63], 5.0f);
-    EXPECT_EQ(answer.graphFpsOut[0], 7.0f);
-    EXPECT_EQ(answer.graphFpsOut[1], 0.0f);
-    EXPECT_EQ(answer.clientName[63], longName.substr(0, 31));
-    EXPECT_EQ(answer.clientFps[63], 6.0f);
 }
 
-TEST(InfoPrinterTest, PackageTellsOfGraphsClientsAndMemory) {
-    RunningService service;
-    BusyClient client(service);
-    RawClient tool(RunPaths::snapshotSocket());
-    auto package = std::make_unique<InfoPackage>();
-    ASSERT_TRUE(tool.readBytes(package.get(), sizeof(*package)));
+TEST_F(InfoPrinterTest, PackageTellsOfGraphsClientsAndMemory) {
+    start();
+    WireClient client = connect("watcher");
+    const uint64_t graph = client.createGraph({"a blob", "net"}).graphId;
+    for (uint64_t i = 0; i < kTasks; ++i) ASSERT_TRUE(client.infers(graph));
+    const auto package = readPackage();
     ASSERT_EQ(package->graphCount, 1);
-    const InfoGraphRow& graph = package->graphs[0];
-    EXPECT_EQ(graph.graphId, client.graph());
-    EXPECT_STREQ(graph.graphName, "net");
-    EXPECT_GE(graph.runningDeviceNum, 1);
-    EXPECT_EQ(graph.inferenceTimes, BusyClient::kTasks);
-    ASSERT_EQ(graph.clientNum, 1);
-    EXPECT_STREQ(graph.clientNames[0], "watcher");
+    const InfoGraphRow& row = package->graphs[0];
+    EXPECT_EQ(row.graphId, graph);
+    EXPECT_STREQ(row.graphName, "net");
+    EXPECT_GE(row.runningDeviceNum, 1);
+    EXPECT_EQ(row.inferenceTimes, kTasks);
+    ASSERT_EQ(row.clientNum, 1);
+    EXPECT_STREQ(row.clientNames[0], "watcher");
     ASSERT_EQ(package->clientCount, 1);
-    const InfoClientRow& row = package->clients[0];
-    EXPECT_EQ(row.clientId, client.id());
-    EXPECT_STREQ(row.clientName, "watcher");
-    EXPECT_EQ(row.apiMajorVersion, 2);
-    EXPECT_EQ(row.inferenceTimes, BusyClient::kTasks);
+    EXPECT_EQ(package->clients[0].clientId, client.id());
+    EXPECT_STREQ(package->clients[0].clientName, "watcher");
+    EXPECT_EQ(package->clients[0].apiMajorVersion, 2);
+    EXPECT_EQ(package->clients[0].inferenceTimes, kTasks);
     EXPECT_GT(package->memResMB, 0);
     EXPECT_GT(package->memVirtMB, package->memResMB);
     EXPECT_GT(package->memTotalMB, package->memResMB);
     EXPECT_GE(MemoryInspector::getPeakRSS() >> 20, package->memResMB / 2);
-
-    std::vector<std::unique_ptr<RawClient>> crowd;
-    for (int i = 0; i < 70; ++i) {
-        crowd.push_back(std::make_unique<RawClient>(service.path()));
-        ASSERT_NE(crowd.back()->registerClient("one of many"), 0u);
-    }
-    RawClient second(RunPaths::snapshotSocket());
-    ASSERT_TRUE(second.readBytes(package.get(), sizeof(*package)));
-    EXPECT_EQ(package->clientCount, kPackageClients);
-    EXPECT_STREQ(package->clients[kPackageClients - 1].clientName, "one of many");
 }
 
-TEST(InfoPrinterTest, ManagerThatFailsReportsAllTheSame) {
+TEST_F(InfoPrinterTest, TablesOfClientsAndGraphsKeepTheirShape) {
+    start(ServiceConfig::fakeDevices(1, 1) + R"(, "debug_settings": {"info_printer": {
+        "enable": false, "client_fps": "on", "client_snapshot_mode": "base",
+        "graph_fps": "on", "graph_snapshot_mode": "base"}})");
+    WireClient client = connect("camera");
+    ASSERT_NE(client.createGraph({"blob", "a_name_of_20_letters"}).graphId, 0U);
+    testing::internal::CaptureStdout();
+    ClientManager::instance().onPrintInfo();
+    GraphManager::instance().onPrintInfo();
+    std::cout.flush();
+    const std::string text = testing::internal::GetCapturedStdout();
+    for (const char* part :
+         {"ClientFps(count=1):\n [camera] = 0.00\n",
+          "ClientSnapshot(RegularPrint):\n"
+          "+--------------+-------------------+\n"
+          "| clientId     | 1                 |\n"
+          "+--------------+-------------------+\n"
+          "| clientName   | camera            |\n"
+          "| clientFps    | 0.00              |\n"
+          "| inferTimes   | 0                 |\n"
+          "| waitNum      | 0                 |\n"
+          "+--------------+-------------------+\n",
+          "GraphFps(count=1):\n [a_name_of_20_letters] = (in) 0.00 (out) 0.00\n",
+          "GraphSnapshot(RegularPrint):\n"
+          "| graphId      | 1                 |\n"
+          "| graphName    | a_name_...letters |\n",
+          "| pendingTime  | 00:00:00          |\n", "| devReqNum    | 0.50              |\n",
+          "| deviceNum    | 1 / 1             |\n",
+          "| streamId     |                   |\n"
+          "+--------------+-------------------+\n"}) {
+        EXPECT_THAT(text, testing::HasSubstr(part));
+    }
+}
+
+TEST(ReportPartTest, ManagerThatFailsReportsAllTheSame) {
     FakeInfoCollector collector;
     const ScopedPort<InfoCollector> port{collector};
     const auto fail = [](auto&...) { throw std::runtime_error("no figures"); };
@@ -257,33 +234,59 @@ TEST(InfoPrinterTest, ManagerThatFailsReportsAllTheSame) {
     EXPECT_EQ(collector.packageSources(), std::vector<std::string>{"package"});
 }
 
-TEST(InfoPrinterTest, ListenersAreCalledInSpiteOfOneThatThrows) {
-    Thrower thrower;
-    Counter counter;
-    LonePrinter printer;
-    EXPECT_EQ(printer->getPrintIntervalMillisec(), 0);
-    EXPECT_FALSE(printer->registerListener(nullptr));
-    EXPECT_TRUE(printer->registerListener(&thrower));
-    EXPECT_TRUE(printer->registerListener(&counter));
-    EXPECT_FALSE(printer->registerListener(&counter));
-    EXPECT_EQ(counter.calls.load(), 0) << "called before the start";
-    printer->start();
-    EXPECT_TRUE(eventually([&] { return counter.calls.load() >= 3; }));
-    printer->unregisterListener(&counter);
-    const int calls = counter.calls.load();
-    EXPECT_TRUE(printer->stop());
-    EXPECT_EQ(counter.calls.load(), calls);
+// A listener of a printer without a service.
+struct Listener : PrintInfoListener {
+    explicit Listener(std::function<void()> act) : action(std::move(act)) {}
+    void onPrintInfo() override { action(); }
+    std::function<void()> action;
+};
+
+class LonePrinterTest : public testing::Test {
+ protected:
+    LonePrinterTest() {
+        // An interval that is cut to 0 seconds.
+        const std::string config =
+            R"({"debug_settings": {"info_printer": {"print_interval": 500}}})";
+        ServiceConfigParser::instance().appendConfigFile(m_dir.write("config", config), true);
+        m_printer.emplace();
+    }
+
+    TempDir m_dir;
+    std::optional<InfoPrinter> m_printer;
+};
+
+TEST_F(LonePrinterTest, ListenersAreCalledInSpiteOfOneThatThrows) {
+    std::atomic<int> calls{0};
+    Listener thrower([] { throw std::runtime_error("no figures"); });
+    Listener counter([&] { ++calls; });
+    EXPECT_EQ(m_printer->getPrintIntervalMillisec(), 0);
+    EXPECT_FALSE(m_printer->registerListener(nullptr));
+    EXPECT_TRUE(m_printer->registerListener(&thrower));
+    EXPECT_TRUE(m_printer->registerListener(&counter));
+    EXPECT_FALSE(m_printer->registerListener(&counter));
+    EXPECT_EQ(calls.load(), 0) << "called before the start";
+    m_printer->start();
+    EXPECT_TRUE(eventually([&] { return calls.load() >= 3; }));
+    m_printer->unregisterListener(&counter);
+    const int before = calls.load();
+    EXPECT_TRUE(m_printer->stop());
+    EXPECT_EQ(calls.load(), before);
 }
 
-TEST(InfoPrinterTest, StopIsBoundedWhileAListenerHangs) {
-    Sleeper sleeper;
-    LonePrinter printer;
-    EXPECT_TRUE(printer->registerListener(&sleeper));
-    printer->start();
-    sleeper.entered.wait();
-    EXPECT_FALSE(printer->stop());
-    sleeper.wakeUp.post();
-    EXPECT_TRUE(printer->stop());
+TEST_F(LonePrinterTest, StopIsBoundedWhileAListenerHangs) {
+    Semaphore entered{0, 0};
+    Semaphore wakeUp{0, 0};
+    Listener sleeper([&] {
+        entered.post();
+        wakeUp.wait();
+    });
+    EXPECT_TRUE(m_printer->registerListener(&sleeper));
+    m_printer->start();
+    entered.wait();
+    EXPECT_FALSE(m_printer->stop());
+    wakeUp.post();
+    EXPECT_TRUE(m_printer->stop());
 }
 
+}  // namespace
 }  // namespace kelm

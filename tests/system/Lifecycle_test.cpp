@@ -1,7 +1,7 @@
 #include <sys/stat.h>
 
-#include "fakes/RawClient.h"
 #include "fakes/ServiceProcess.h"
+#include "tests/wire/WireClient.h"
 
 namespace kelm {
 namespace {
@@ -15,13 +15,13 @@ constexpr Milliseconds kTimeToEnd{12000};  // the service's own limit and some a
 const char* const kLeaveAtOnce = R"({"service_settings": {"wait_seconds_before_exit": 0}})";
 const char* const kLeaveLater = R"({"service_settings": {"wait_seconds_before_exit": 300}})";
 
-TEST(LifecycleTest, LockTellsTheWrongPhaseOrSignalDoesNotEndTheService) {
+TEST(LifecycleTest, LocksTellThePhaseAndTheSignalEndsTheService) {
     ServiceProcess service;
     service.start();
     ASSERT_TRUE(service.waitReady()) << service.log();
     EXPECT_TRUE(service.isHeld("kelm_service_alive.mutex"));
     EXPECT_FALSE(service.isHeld("kelm_start_exit.mutex"));
-    EXPECT_TRUE(RawClient(service.socketPath()).connected());
+    EXPECT_TRUE(WireClient(service.socketPath()).connected());
 
     service.signal(SIGUSR1);
     EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
@@ -32,7 +32,7 @@ TEST(LifecycleTest, LockTellsTheWrongPhaseOrSignalDoesNotEndTheService) {
     EXPECT_FALSE(service.isHeld("kelm_service_ready.mutex"));
 }
 
-TEST(LifecycleTest, SecondInstanceDisturbsTheFirst) {
+TEST(LifecycleTest, SecondInstanceLeavesTheFirstAlone) {
     ServiceProcess first;
     first.start();
     ASSERT_TRUE(first.waitReady()) << first.log();
@@ -46,37 +46,36 @@ TEST(LifecycleTest, SecondInstanceDisturbsTheFirst) {
     struct stat after {};
     ASSERT_EQ(::stat(first.socketPath().c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
-    EXPECT_NE(RawClient(first.socketPath()).registerClient("still served"), 0U);
+    EXPECT_NE(WireClient(first.socketPath()).registerClient("still served"), 0U);
 }
 
-TEST(LifecycleTest, ServiceStaysAfterItsLastClient) {
+TEST(LifecycleTest, ServiceEndsBehindItsLastClientOnly) {
     ServiceProcess service(kLeaveAtOnce);
     service.start();
     ASSERT_TRUE(service.waitReady()) << service.log();
-    RawClient stays(service.socketPath());
+    WireClient stays(service.socketPath());
     ASSERT_NE(stays.registerClient("stays"), 0U);
     {
-        RawClient leaves(service.socketPath());
-        const uint64_t id = leaves.registerClient("leaves");
-        EXPECT_EQ(leaves.unregisterClient(id), 0);
+        WireClient leaves(service.socketPath(), "leaves");
+        EXPECT_TRUE(leaves.unregister());
     }
-    EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+    EXPECT_NE(WireClient(service.socketPath()).registerClient("vanishes"), 0U);
     EXPECT_TRUE(service.isHeld("kelm_service_ready.mutex"));
-    stays.close();
+    stays.hangUp();
     EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
     EXPECT_THAT(service.log(), HasSubstr("Wait 0 seconds before main program exits"));
     EXPECT_THAT(service.log(), Not(HasSubstr("RECEIVE USER1 SIGNAL")));
 }
 
-TEST(LifecycleTest, SignalDuringTheLastWaitIsSleptOver) {
+TEST(LifecycleTest, SignalDuringTheLastWaitEndsTheServiceAtOnce) {
     for (const bool withClient : {false, true}) {
         SCOPED_TRACE(withClient);
         ServiceProcess service(kLeaveLater);
         service.start();
         ASSERT_TRUE(service.waitReady()) << service.log();
-        EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+        EXPECT_NE(WireClient(service.socketPath()).registerClient("vanishes"), 0U);
         ASSERT_TRUE(service.waitLog("Wait 300 seconds before main program exits"));
-        RawClient late(service.socketPath());
+        WireClient late(service.socketPath());
         EXPECT_TRUE(!withClient || late.registerClient("late") != 0);
         service.signal(SIGUSR1);
         EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
@@ -84,21 +83,21 @@ TEST(LifecycleTest, SignalDuringTheLastWaitIsSleptOver) {
     }
 }
 
-TEST(LifecycleTest, ClientHoldingTheStartExitLockKeepsTheServiceForEver) {
+TEST(LifecycleTest, ClientThatHoldsTheStartExitLockDoesNotKeepTheService) {
     ServiceProcess service(kLeaveAtOnce);
     service.start();
     ASSERT_TRUE(service.waitReady()) << service.log();
     const std::string path = service.runDir() + "/kelm_start_exit.mutex";
     const UniqueFd lock(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
-    EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+    EXPECT_NE(WireClient(service.socketPath()).registerClient("vanishes"), 0U);
     ASSERT_TRUE(service.waitLog("Wait 0 seconds before main program exits"));
     service.signal(SIGUSR1);
     EXPECT_EQ(service.waitExit(kTimeToEnd), 0) << service.log();
     EXPECT_THAT(service.log(), Not(HasSubstr("leave without waiting")));
 }
 
-TEST(LifecycleTest, FailedStartHangsOrPassesForSuccess) {
+TEST(LifecycleTest, FailedStartIsToldByItsStatus) {
     const std::string tagMap =
         R"({"scheduler_config": [{"subclass": 0, "graph_tag_map": {"a": "x"}}]})";
     const struct {
@@ -125,7 +124,7 @@ TEST(LifecycleTest, FailedStartHangsOrPassesForSuccess) {
     }
 }
 
-TEST(LifecycleTest, CommandLineStartsTheServiceOrReadsTheConfiguration) {
+TEST(LifecycleTest, CommandLineThatAsksForNoServiceStartsNone) {
     const struct {
         std::vector<std::string> args;
         std::vector<std::string> environment;
@@ -147,11 +146,11 @@ TEST(LifecycleTest, CommandLineStartsTheServiceOrReadsTheConfiguration) {
     }
 }
 
-TEST(LifecycleTest, DaemonNeedsAForegroundRun) {
+TEST(LifecycleTest, DaemonServesAndEndsLikeAForegroundRun) {
     ServiceProcess service(kLeaveAtOnce);
     service.start({"-d", "-c", "none"});
     EXPECT_TRUE(eventually([&] { return service.isHeld("kelm_service_ready.mutex"); }));
-    EXPECT_NE(RawClient(service.socketPath()).registerClient("vanishes"), 0U);
+    EXPECT_NE(WireClient(service.socketPath()).registerClient("vanishes"), 0U);
     EXPECT_TRUE(eventually([&] { return !service.isHeld("kelm_service_alive.mutex"); }));
     EXPECT_EQ(service.waitExit(), 0);
     EXPECT_THAT(service.log(), HasSubstr("## Specified config file: none"));

@@ -1,7 +1,7 @@
 #include <regex>
 
-#include "system/LogTable.h"
-#include "system/SystemFixture.h"
+#include "fakes/ServiceFixture.h"
+#include "fakes/ServiceProcess.h"
 
 namespace kelm {
 namespace {
@@ -10,12 +10,12 @@ class PrintingTest : public SystemFixture {
  protected:
     // Prints each part of the list every so often; `style` is that of the devices' table.
     void startPrinting(int intervalMs, const std::string& style) {
-        startWith(fakeDevices(2, 2) + R"(, "debug_settings": {"info_printer": {
+        start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {"info_printer": {
             "client_fps": "on", "device_fps": "on", "service_fps": "on", "graph_fps": "on",
             "device_utilization": "on", "memory_usage": "on", "client_snapshot_mode": "base",
             "device_snapshot_mode": "Full", "graph_snapshot_mode": "base",
             "task_snapshot_mode": "base", "device_snapshot_style": ")" +
-                  style + R"(", "print_interval": )" + std::to_string(intervalMs) + "}}");
+              style + R"(", "print_interval": )" + std::to_string(intervalMs) + "}}");
     }
 
     // When each line that begins so was printed, in seconds since the first one.
@@ -49,16 +49,16 @@ class PrintingTest : public SystemFixture {
     }
 };
 
-TEST_F(PrintingTest, PartOfThePrintoutIsMissingOrWrong) {
+TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
     constexpr int kTasks = 40;
     startPrinting(1000, "table");
     ASSERT_TRUE(waitPasses(1)) << lastLines();
-    RawClient client(path());
-    const uint64_t id = client.registerClient("the client");
-    const uint64_t graph = client.createGraph(id, "the graph", "blob");
-    for (int i = 0; i < kTasks; ++i) ASSERT_TRUE(infers(client, id, graph));
-    const std::string tasks = std::to_string(kTasks);
+    WireClient client(path(), "the client");
+    const uint64_t graph = client.createGraph({"blob", "the graph"}).graphId;
+    for (int i = 0; i < kTasks; ++i) ASSERT_TRUE(client.infers(graph));
     ASSERT_TRUE(waitPasses(passes() + 3)) << lastLines();
+    const std::vector<double> begins = times("ServiceFps=");
+    EXPECT_GE(begins.back() - begins.front(), 0.8 * static_cast<double>(begins.size() - 1));
 
     const std::string rate = R"([1-9]\d*\.\d\d)";
     for (const std::string& pattern : {
@@ -74,32 +74,33 @@ TEST_F(PrintingTest, PartOfThePrintoutIsMissingOrWrong) {
              std::string("TaskSnapshot\\(Regular\\)\n-{29} TS.Polling -{30}\nTime: "),
              std::string("\nGraphName: \\[the graph\\]\n"),
              R"(\nTaskSnapshot costs \d+ ms\n)" + std::string(71, '-') + "\n",
+             std::string(R"(clientName +\| the client +\|\n.*\n\| inferTimes +\| 40 +\|)"),
+             std::string(R"(graphName +\| the graph +\|)"),
+             std::string(R"(DeviceSnapshot\(subclass=0\):(\n[+|].*)*\n\| scheduler +)"
+                         R"(\| squeeze +\| squeeze +\|)"),
+             std::string(R"(\n\| resetTimes +\| 0 +\| 0 +\|)"),
          }) {
         EXPECT_TRUE(isInLog(pattern)) << pattern << lastLines();
     }
-    const LogTable clients = LogTable::last(service().log(), "ClientSnapshot(RegularPrint):");
-    EXPECT_EQ(clients.cell("clientId", 0), std::to_string(id));
-    EXPECT_EQ(clients.cell("clientName", 0), "the client");
-    EXPECT_EQ(clients.cell("inferTimes", 0), tasks);
-    EXPECT_EQ(clients.cell("waitNum", 0), "0");
-    const LogTable graphs = LogTable::last(service().log(), "GraphSnapshot(RegularPrint):");
-    EXPECT_EQ(graphs.cell("graphId", 0), std::to_string(graph));
-    EXPECT_EQ(graphs.cell("graphName", 0), "the graph");
-    EXPECT_EQ(graphs.cell("inferTimes", 0), tasks);
-    EXPECT_EQ(graphs.cell("waitTaskNum", 0), "0");
-    EXPECT_EQ(graphs.cell("isPending", 0), "False");
-    const LogTable devices = LogTable::last(service().log(), "DeviceSnapshot(subclass=0):");
-    EXPECT_EQ(devices.columns(), 2U);
-    EXPECT_EQ(devices.cell("scheduler", 0), "squeeze");
-    EXPECT_EQ(devices.cell("resetTimes", 1), "0");
+}
 
-    const std::vector<double> begins = times("ServiceFps=");
-    EXPECT_GE(begins.back() - begins.front(), 0.8 * static_cast<double>(begins.size() - 1));
+TEST_F(PrintingTest, ShortIntervalTakesNoCoreAndAnotherStyleMakesLists) {
+    startPrinting(500, "Table");  // not the word for a table
+    ASSERT_TRUE(waitPasses(1)) << lastLines();
+    EXPECT_TRUE(isInLog(R"(\n\| +deviceId: \d+\()")) << lastLines();
+    using Clock = std::chrono::steady_clock;
+    const auto begin = Clock::now();
+    const double before = processorTime();
+    const size_t passesBefore = passes();
+    ASSERT_TRUE(eventually([&] { return Clock::now() > begin + std::chrono::seconds(1); }));
+    EXPECT_GT(passes(), passesBefore);
+    const double elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
+    EXPECT_LT(processorTime() - before, elapsed / 2);
 }
 
 // Everything that can be printed is, with names that would end the line and command the terminal.
 TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
-    startWith(fakeDevices(4, 30) + R"(,
+    start(ServiceConfig::fakeDevices(4, 30) + R"(,
         "scheduler_config": [{"subclass": 0, "stream_device_number": 1}],
         "log_level": {"log_process": "on", "log_debug": "on", "log_frequent": "on"},
         "debug_settings": {"dump_graph": "on", "info_printer": {
@@ -113,33 +114,22 @@ TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
             "graph_manager": "on", "result_dispatcher": "on", "change_operation": "on",
             "graph_mapper": "on", "info_printer": "on"}})");
     const std::string name = "\x1b]0;evil\x07\nFORGED \u00e9";
-    RawClient client(path());
-    const uint64_t id = client.registerClient(name.c_str());
-    constexpr KelmMsgType kAnswer = KELM_MESSAGE_CREATE_GRAPH_RSP;
-    const auto create = [&](auto field, const std::string& text) {
-        auto request = RawClient::request<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
-        request.clientId = id;
-        text.copy(request.*field, sizeof(request.*field) - 1);
-        name.copy(request.graphName, sizeof(request.graphName) - 1);
-        const bool isPath = request.graphPath[0] != '\0';
-        request.head.base.dataNum = isPath ? 0 : 1;
-        request.head.base.dataSize[0] = text.size();
-        return client.call<KelmMsgRspCreateGraph>(request, kAnswer, {}, isPath ? "" : text).graphId;
+    WireClient client(path(), name);
+    const auto create = [&](const std::string& tag, const std::string& stream,
+                            const std::string& file) {
+        return client.createGraph({"blob" + tag + stream, name, tag, stream, 0, file}).graphId;
     };
-    EXPECT_EQ(create(&KelmMsgReqCreateGraph::graphPath, name), 0U);
-    EXPECT_EQ(create(&KelmMsgReqCreateGraph::graphTag, name), 0U);
-    EXPECT_NE(create(&KelmMsgReqCreateGraph::streamId, name), 0U);
-    const uint64_t graph = create(&KelmMsgReqCreateGraph::graphName, "any");
+    EXPECT_EQ(create("", "", name), 0U);
+    EXPECT_EQ(create(name, "", ""), 0U);
+    EXPECT_NE(create("", name, ""), 0U);
+    const uint64_t graph = create("", "", "");
     constexpr int kTasks = 60;
-    for (int i = 0; i < kTasks; ++i) {
-        ASSERT_TRUE(client.send(RawClient::inferRequest(id, graph, 1)));
-    }
+    ASSERT_EQ(client.flood(client.makeInfer(graph), kTasks), kTasks);
     ASSERT_TRUE(service().waitLog("Client=" + std::string("\\x1b]0;evil"))) << lastLines();
-    EXPECT_EQ(client.unregisterClient(id), KELM_OK);
-    RawClient half(path());
-    EXPECT_NE(half.registerClient(name.c_str()), 0U);
-    ASSERT_TRUE(half.sendBytes("half", 4));
-    half.close();
+    EXPECT_TRUE(client.unregister());
+    WireClient half(path(), name);
+    ASSERT_TRUE(half.sendBytes("half"));
+    half.hangUp();
     ASSERT_TRUE(service().waitLog("failed, user=\\x1b]0;evil")) << lastLines();
     endService();
     const std::string log = service().log();
@@ -153,20 +143,6 @@ TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
     const std::string process = "client(id:1) is of process " + std::to_string(::getpid()) +
                                 ", user " + std::to_string(::geteuid());
     EXPECT_NE(log.find(process), std::string::npos);
-}
-
-TEST_F(PrintingTest, ShortIntervalTakesACore) {
-    startPrinting(500, "Table");  // not the word, which makes it a list
-    ASSERT_TRUE(waitPasses(2)) << lastLines();
-    EXPECT_TRUE(isInLog(R"(\n\| +deviceId: \d+\()")) << lastLines();
-    using Clock = std::chrono::steady_clock;
-    const auto begin = Clock::now();
-    const double before = processorTime();
-    const size_t passesBefore = passes();
-    ASSERT_TRUE(eventually([&] { return Clock::now() > begin + std::chrono::seconds(2); }));
-    EXPECT_GT(passes(), passesBefore);
-    const double elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
-    EXPECT_LT(processorTime() - before, elapsed / 2);
 }
 
 }  // namespace

@@ -22,14 +22,13 @@ class TopProcess {
  public:
     TopProcess() {
         winsize size{24, 80, 0, 0};
-        const char* const program = std::getenv("KELM_TEST_CTL");
         ::setenv("TERM", "xterm", 1);
         int master = -1;
         m_pid = ::forkpty(&master, nullptr, nullptr, &size);
         if (m_pid == 0) {
             // Begins when the modes of the terminal as it was are known.
-            char go = 0;
-            if (::read(STDIN_FILENO, &go, 1) == 1) ::execl(program, program, "top", nullptr);
+            char start = 0;
+            if (::read(STDIN_FILENO, &start, 1) == 1) ::execl(KELM_CTL, KELM_CTL, "top", nullptr);
             ::_exit(127);
         }
         m_master.reset(master);
@@ -51,7 +50,7 @@ class TopProcess {
     }
     void signal(int number) const { ::kill(m_pid, number); }
 
-    // Until these words have gone to the terminal; what has gone before them is forgotten.
+    // Whether these words come to the terminal; what came before them is forgotten.
     bool shows(const std::string& words) {
         return eventually([&] {
             readSome(100);

@@ -1,4 +1,5 @@
-#include "system/SystemFixture.h"
+#include "fakes/ServiceFixture.h"
+#include "fakes/ServiceProcess.h"
 #include "system/TopProcess.h"
 
 namespace kelm {
@@ -8,7 +9,7 @@ using ::testing::HasSubstr;
 
 using TopTest = SystemFixture;
 
-TEST_F(TopTest, TerminalIsLeftInAnotherState) {
+TEST_F(TopTest, TerminalIsLeftAsItWas) {
     start(0);
     service().useRunDir();
     const struct {
@@ -32,7 +33,7 @@ TEST_F(TopTest, TerminalIsLeftInAnotherState) {
     }
 }
 
-TEST_F(TopTest, ServiceThatEndsTakesTopWithIt) {
+TEST_F(TopTest, ServiceThatEndsAndComesBackIsTold) {
     start(0);
     service().useRunDir();
     TopProcess top;

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "utils/CommonHelper.h"  // kMegabyteShift
+
 // The C interface of the accelerator access library as this service uses it. The library is closed;
 // nothing here is linked, TevoLibrary resolves the functions at run time.
 //
@@ -55,9 +57,6 @@ enum QxGraphInfo : int {
 constexpr unsigned int kThermalStatsSize = 100;
 // The status for memory that cannot be had, the library's or the service's own.
 constexpr int kTevoOutOfMemory = -3;
-
-// The library tells memory in bytes, the service in MB.
-constexpr unsigned kMegabyteShift = 20;
 
 // A size as one of the library's lengths.
 constexpr unsigned int clampLength(uint64_t size) {

@@ -1,14 +1,15 @@
 #pragma once
 
 #include <atomic>
+#include <future>
 #include <string>
 #include <vector>
 
-#include "fakes/RawClient.h"
+#include "tests/wire/WireClient.h"
 
 namespace kelm {
 
-// What the processes of a load tell each other.
+// What the clients of a load tell each other. Any thread.
 struct LoadBoard {
     std::atomic<uint64_t> done{0};
     std::atomic<uint64_t> refused{0};
@@ -16,7 +17,7 @@ struct LoadBoard {
 };
 
 struct LoadPlan {
-    std::string name;
+    std::string name = "load";
     uint16_t apiMajorVersion = 2;
     uint64_t count = 0;  // of tasks; 0 for as many as fit until the board says stop
     uint64_t depth = 12;
@@ -34,21 +35,21 @@ class LoadClient {
     // Empty, or the first thing that was wrong.
     std::string run();
 
-    // What run() tells when the service has gone.
+    // What run() tells when the service has closed the connection.
     static constexpr const char* kLost = "the connection ended";
 
  protected:
     // The id of the graph, or 0.
     virtual uint64_t createGraph(const std::string& graph) {
-        return m_raw.createGraph(m_id, graph.c_str(), graph);
+        return m_raw.createGraph({graph, graph}).graphId;
     }
     // Submits a task on the graph with the index.
     virtual bool send(KelmMsgReqInferTask request, size_t) { return m_raw.send(request); }
     // What is wrong with the result of a task that has ended well, or nothing.
     virtual std::string checkResult(uint64_t) { return {}; }
 
-    RawClient& raw() { return m_raw; }
-    uint64_t id() const { return m_id; }
+    WireClient& raw() { return m_raw; }
+    uint64_t id() const { return m_raw.id(); }
     const LoadPlan& plan() const { return m_plan; }
 
  private:
@@ -59,24 +60,53 @@ class LoadClient {
         uint64_t taskId = 0;
     };
 
-    std::string setUp();
+    void setUp();
     bool mayStart() const;
-    bool submit();
-    // Empty, or what is wrong with the message.
-    std::string take(const RawMessage& message);
-    std::string takeAnswer(const KelmMsgRspInferTask& answer);
+    void submit();
+    WireMessage receive() const;
+    // These throw what is wrong with the message.
+    void take(const WireMessage& message);
+    void takeAnswer(const KelmMsgRspInferTask& answer);
     template <class Done>
-    std::string takeDone(const Done& message, uint64_t sequence, int32_t status);
-    Exchange* find(uint64_t sequence);
-    std::string leave();
+    void takeDone(const Done& message, uint64_t sequence, int32_t status);
+    Exchange& find(uint64_t sequence);
+    void leave();
 
     const LoadPlan m_plan;
     LoadBoard& m_board;
-    RawClient m_raw;
-    uint64_t m_id = 0;
+    WireClient m_raw;
     std::vector<uint64_t> m_graphIds;
     std::vector<Exchange> m_exchanges;  // by reqSeqNo, from 1
     uint64_t m_inFlight = 0;
+};
+
+// Load clients at work, each on a thread of its own.
+class Load {
+ public:
+    ~Load() { m_board.stop = true; }
+
+    void start(const std::string& path, const LoadPlan& plan) {
+        m_ends.push_back(std::async(std::launch::async, [this, path, plan] {
+            return LoadClient(path, plan, m_board).run();
+        }));
+    }
+    // What each has to say in the end, once; nothing for one that is content.
+    std::string wait() {
+        std::string all;
+        for (auto& end : m_ends) all += end.get();
+        m_ends.clear();
+        return all;
+    }
+    std::string finish() {
+        m_board.stop = true;
+        return wait();
+    }
+    uint64_t done() const { return m_board.done; }
+    uint64_t refused() const { return m_board.refused; }
+
+ private:
+    LoadBoard m_board;
+    std::vector<std::future<std::string>> m_ends;
 };
 
 }  // namespace kelm

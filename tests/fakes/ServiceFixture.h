@@ -6,50 +6,48 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "fakes/RawClient.h"
-#include "fakes/ServiceProcess.h"
+#include "fakes/Eventually.h"
+#include "fakes/ServiceConfig.h"
+#include "protocol/src/InfoPackage.h"
+#include "tests/wire/WireClient.h"
 
 namespace kelm {
 
-// A case meets the real service and passes only if that ends in time with status 0, in order and
-// without a finding of a sanitizer.
-class SystemFixture : public ::testing::Test {
+// A case meets the real service, a ServiceInProcess or a ServiceProcess, and passes only if that
+// ends in time and in order, and without a finding of a sanitizer.
+template <class Service>
+class ServiceFixture : public ::testing::Test {
  protected:
     static constexpr std::chrono::milliseconds kTimeToEnd{10000};
 
-    // Three simulated devices whose two steps of a task take so long each. `settings` are further
-    // members of "service_settings", `environment` is of the form NAME=value.
-    void start(int latencyMs, const std::string& settings = "",
-               const std::vector<std::string>& environment = {}) {
-        startWith(fakeDevices(3, latencyMs) + R"(, "service_settings": {)" + settings + "}",
-                  environment);
-    }
-    // `sections` are members of the configuration.
-    void startWith(const std::string& sections, const std::vector<std::string>& environment = {}) {
-        m_service.emplace("{" + sections + "}");
+    // `sections` are members of the configuration, `environment` is of the form NAME=value.
+    void start(const std::string& sections = "", const std::vector<std::string>& environment = {}) {
+        m_service.emplace("{" + (sections.empty() ? R"("none": 0)" : sections) + "}");
         m_service->start({}, environment);
         if (!m_service->waitReady()) throw std::runtime_error("not ready: " + lastLines());
     }
-    static std::string fakeDevices(int number, int latencyMs) {
-        const std::string latency = std::to_string(latencyMs);
-        return R"("fake_device_settings": {"fake_device_number": )" + std::to_string(number) +
-               R"(, "load_tensor_latency": )" + latency + R"(, "get_result_latency": )" + latency +
-               "}";
+    // Three simulated devices whose two steps of a task take so long each. `settings` are further
+    // members of "service_settings".
+    void start(int latencyMs, const std::string& settings = "",
+               const std::vector<std::string>& environment = {}) {
+        start(ServiceConfig::fakeDevices(3, latencyMs) + R"(, "service_settings": {)" + settings +
+                  "}",
+              environment);
     }
 
     void TearDown() override {
-        if (m_service && m_service->pid() > 0) endService();
+        if (m_service && m_service->isRunning()) endService();
     }
 
     void endService() {
-        m_service->signal(SIGUSR1);
-        EXPECT_EQ(m_service->waitExit(kTimeToEnd), 0) << lastLines();
+        EXPECT_TRUE(m_service->stop(kTimeToEnd)) << lastLines();
         const std::string log = m_service->log();
         for (const char* words : {"Sanitizer", "runtime error", "leave without waiting"}) {
             const size_t at = log.find(words);
@@ -57,16 +55,31 @@ class SystemFixture : public ::testing::Test {
         }
     }
 
-    ServiceProcess& service() { return *m_service; }
-    const ServiceProcess& service() const { return *m_service; }
+    Service& service() { return *m_service; }
+    const Service& service() const { return *m_service; }
     std::string path() const { return m_service->socketPath(); }
+
+    // Whether a client gets all that it asks for: a whole life on a connection of its own.
+    bool serves() const {
+        WireClient client(path(), "probe");
+        return client.id() != 0 && client.infers(client.createGraph({"probe's"}).graphId) &&
+               client.unregister() && client.waitClosed();
+    }
+
+    // What a tool on the snapshot socket is told now.
+    std::unique_ptr<InfoPackage> readPackage() const {
+        const auto socket = std::filesystem::path(path()).replace_filename("kelm_snapshot.sock");
+        auto package = std::make_unique<InfoPackage>();
+        EXPECT_TRUE(WireClient(socket).readBytes(package.get(), sizeof(*package)));
+        return package;
+    }
 
     // Without the file to which each thread adds its name as it starts.
     size_t descriptors() const {
         const auto counts = [](const std::filesystem::path& entry) {
-            std::error_code gone;
-            const auto target = std::filesystem::read_symlink(entry, gone);
-            return !gone && target.filename() != "thread.info";
+            std::error_code closed;
+            const auto target = std::filesystem::read_symlink(entry, closed);
+            return !closed && target.filename() != "thread.info";
         };
         const std::filesystem::directory_iterator all(process("fd"));
         return static_cast<size_t>(std::count_if(begin(all), end(all), counts));
@@ -83,7 +96,6 @@ class SystemFixture : public ::testing::Test {
         file >> total >> pages;
         return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
     }
-
     // Seconds of processor time that the service has taken.
     double processorTime() const {
         std::ifstream file(process("stat"));
@@ -95,21 +107,7 @@ class SystemFixture : public ::testing::Test {
                static_cast<double>(::sysconf(_SC_CLK_TCK));
     }
 
-    // Whether a client gets all that it asks for: a whole life on a connection of its own.
-    bool serves() const {
-        RawClient client(path());
-        const uint64_t id = client.registerClient("probe");
-        const uint64_t graph = client.createGraph(id, "probe", "graph of the probe");
-        return id != 0 && graph != 0 && infers(client, id, graph) &&
-               client.unregisterClient(id) == KELM_OK && client.waitClosed();
-    }
-    static bool infers(RawClient& client, uint64_t id, uint64_t graph) {
-        if (!client.send(RawClient::inferRequest(id, graph, 1))) return false;
-        const auto answer = client.receiveType(KELM_MESSAGE_INFER_TASK_RSP);
-        return answer && answer->as<KelmMsgRsp>().status == KELM_OK &&
-               client.receiveType(KELM_MESSAGE_TASK_DONE_EVT);
-    }
-
+    // The end of the service's log.
     std::string lastLines() const {
         const std::string log = m_service->log();
         constexpr size_t kEnough = 4000;
@@ -121,7 +119,10 @@ class SystemFixture : public ::testing::Test {
         return "/proc/" + std::to_string(m_service->pid()) + "/" + file;
     }
 
-    std::optional<ServiceProcess> m_service;
+    std::optional<Service> m_service;
 };
+
+class ServiceProcess;
+using SystemFixture = ServiceFixture<ServiceProcess>;
 
 }  // namespace kelm
