@@ -141,6 +141,7 @@ std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_poi
         }
     }
     std::vector<Entry> overdue;
+    overdue.reserve(sequences.size());
     for (const uint64_t sequence : sequences) overdue.push_back(*m_entries.take(sequence));
     return overdue;
 }

@@ -90,10 +90,11 @@ TEST(ThreadPoolTest, TasksTakenInABatchStillCountAgainstTheLimit) {
 TEST(ThreadPoolTest, DestructionRunsWhatIsQueuedAndRefusesMore) {
     std::vector<int> order;
     std::string refusal;
+    std::promise<void> stopping;
     {
         ThreadPool pool("Drain", 1, 100);
-        Gate gate(pool);
         pool.post([&] {
+            stopping.get_future().wait();
             // By now the destructor waits in the join, or is about to set the flag.
             EXPECT_TRUE(eventually([&] {
                 try {
@@ -105,7 +106,7 @@ TEST(ThreadPoolTest, DestructionRunsWhatIsQueuedAndRefusesMore) {
             }));
         });
         for (int i = 0; i < 3; ++i) pool.post([&order, i] { order.push_back(i); });
-        gate.open();
+        stopping.set_value();
     }
     EXPECT_EQ(refusal, "failed to enqueue, threadPool is stopped");
     EXPECT_THAT(order, ElementsAre(0, 1, 2));
