@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -33,13 +34,18 @@ class FakeTaskExchange final : public TaskExchange {
         }
     }
     void enqueueReturnTask(KelmTask* task) override {
-        MutexLock lock(m_mutex);
-        m_returned.push_back(task);
+        {
+            MutexLock lock(m_mutex);
+            m_returned.push_back(task);
+        }
+        if (onNextReturn) std::exchange(onNextReturn, nullptr)();
     }
     void enqueueDestroyTask(KelmTask* task) override {
         MutexLock lock(m_mutex);
         m_destroyed.push_back(task);
     }
+
+    std::function<void()> onNextReturn;  // runs once, on the thread that returns; set before tasks
 
     // What was asked so far, in order.
     std::vector<Request> scheduled() { return read(m_scheduled); }
