@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <utility>
 
 #include "execution/TaskExchange.h"
@@ -27,8 +28,13 @@ class FakeTaskExchange final : public TaskExchange {
             m_answers.post([worker, graph] { worker->enqueueAbortApplyTaskDone(graph); });
         }
     }
-    void enqueueReturnTask(KelmTask* task) override { returned.add(task); }
+    void enqueueReturnTask(KelmTask* task) override {
+        returned.add(task);
+        if (onNextReturn) std::exchange(onNextReturn, nullptr)();
+    }
     void enqueueDestroyTask(KelmTask* task) override { destroyed.add(task); }
+
+    std::function<void()> onNextReturn;  // runs once, on the thread that returns; set before tasks
 
     Recorded<Request> scheduled;
     Recorded<Request> descheduled;

@@ -1,9 +1,9 @@
 #include "config/ServiceConfigParser.h"
-#include "execution/TaskExchange.h"
 #include "execution/WorkThread.h"
 #include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
+#include "fakes/FakeTaskExchange.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "fakes/ScriptedDevice.h"
 #include "fakes/TempDir.h"
@@ -27,34 +27,6 @@ void configure(const std::string& text) {
     const TempDir dir;
     ServiceConfigParser::instance().appendConfigFile(dir.write("test.config", text), false);
 }
-
-// A worker that has no slot for a graph gives a task back at once, on the thread that brings it;
-// so what comes here was handed to a worker.
-class ReturningExchange final : public TaskExchange {
- public:
-    void enqueueScheduleWorker(WorkThread*, KelmGraph*) override {}
-    void enqueueDescheduleWorker(WorkThread*, KelmGraph*) override { ++descheduled; }
-    void enqueueReturnTask(KelmTask* task) override {
-        {
-            MutexLock lock(m_mutex);
-            m_returned.push_back(task);
-        }
-        if (const auto hook = std::exchange(onNextReturn, nullptr)) hook();
-    }
-    void enqueueDestroyTask(KelmTask*) override {}
-
-    std::vector<KelmTask*> returned() {
-        MutexLock lock(m_mutex);
-        return m_returned;
-    }
-
-    std::function<void()> onNextReturn;  // set before tasks are under way
-    std::atomic<int> descheduled{0};
-
- private:
-    Mutex m_mutex;
-    std::vector<KelmTask*> m_returned GUARDED_BY(m_mutex);
-};
 
 class TaskSchedulerTest : public testing::Test {
  protected:
@@ -81,7 +53,9 @@ class TaskSchedulerTest : public testing::Test {
     ScopedPort<TaskScheduleListener> listenerPort{listener};
     FakeClientDirectory clients;
     ScopedPort<ClientDirectory> clientPort{clients};
-    ReturningExchange exchange;
+    // A worker that has no slot for a graph gives a task back at once, on the thread that brings
+    // it; so what is returned here was handed to a worker.
+    FakeTaskExchange exchange{FakeTaskExchange::Answer::Never};
     ScopedPort<TaskExchange> exchangePort{exchange};
     ScriptedDevices devices;
     std::unique_ptr<KelmGraph> graph = makeTestGraph(1, "content");
@@ -114,11 +88,7 @@ TEST_F(TaskSchedulerTest, WorkerThatComesBetweenLookAndQueueGetsTheTask) {
         SCOPED_TRACE(returned);
         KelmTask* const task = makeTask();
         clients.onNextSearch([&] { scheduler.scheduleWorker(&worker, graph.get()); });
-        if (returned) {
-            scheduler.rescheduleTask(task);
-        } else {
-            scheduler.scheduleTask(task);
-        }
+        returned ? scheduler.rescheduleTask(task) : scheduler.scheduleTask(task);
         ASSERT_FALSE(delivered().empty());
         EXPECT_EQ(delivered().back(), task);
         EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
@@ -267,7 +237,7 @@ TEST_F(TaskSchedulerTest, WorkerIsConfirmedOnlyAfterTheHandOver) {
     scheduler.scheduleWorker(&leaving, graph.get());
     // From here on the slot is free, so that the task comes back on the hand-over's own thread.
     const std::shared_future<int> unloaded = leaving.enqueueUnloadGraph(graph.get(), false);
-    ASSERT_TRUE(eventually([&] { return exchange.descheduled == 1; }));
+    ASSERT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
     bool early = true;
     exchange.onNextReturn = [&] {
         scheduler.descheduleWorker(&leaving, graph.get());
