@@ -209,6 +209,12 @@ TEST_F(DeviceReportTest, SettingsGiveTheTableItsForm) {
         if (testCase.fullSlots > 0) {
             EXPECT_EQ(graph->getMaxGraphNumPerDevice(), testCase.slots);
             EXPECT_EQ(m_devices["a"].maxCacheGraphNumber(), testCase.cachedRows);
+            ASSERT_TRUE(isOnDevices(graph, 1));
+            m_manager->enqueueUnloadGraph(graph);
+            ASSERT_TRUE(isOnDevices(graph, 0));
+            const std::string after = testCase.tableRows > 0 ? "  | " : ": ";
+            EXPECT_TRUE(eventually(
+                [&] { return print().find("unloadTime" + after + "2") != std::string::npos; }));
         }
         EXPECT_TRUE(m_manager->stop());
         EXPECT_THAT(m_collector.listeners(), IsEmpty());
