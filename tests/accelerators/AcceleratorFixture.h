@@ -125,17 +125,22 @@ class AcceleratorFixture : public SystemFixture {
         for (size_t at = 0; (at = log.find(words, at)) != std::string::npos; ++at) ++count;
         return count;
     }
+    // Looks now and then: a loop without pauses would take a processor from the service.
     template <class Predicate>
     bool waitWithEvents(Predicate predicate,
                         std::chrono::milliseconds limit = std::chrono::seconds(20)) {
         const auto takeAndAsk = [&] {
             std::ranges::move(m_host.takeEvents(), std::back_inserter(m_events));
-            return predicate();
+            if (predicate()) return true;
+            std::this_thread::sleep_for(kBetweenLooks);
+            return false;
         };
         return eventually(takeAndAsk, limit);
     }
 
  private:
+    static constexpr std::chrono::milliseconds kBetweenLooks{1};
+
     TempDir m_files;
     std::string m_libraries = KELM_SIMULATOR_DIR;
     std::string m_preloaded;

@@ -84,7 +84,7 @@ TensorLoad::~TensorLoad() {
 bool TensorLoad::getsOn(uint64_t more) const {
     const uint64_t goal = done() + more;
     const auto ended = [this] {
-        return m_end.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        return m_end.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
     };
     const bool got = eventually([&] { return done() >= goal || ended(); }, kPatience);
     return got && done() >= goal;

@@ -118,7 +118,7 @@ TEST_F(TensorsTest, EachClientGetsItsOwnResults) {
                             "KELMSIM input=9 output=9000 micros=300\n" + name}),
                 TensorPlan{0, "", types});
         }
-        for (TensorLoad& load : loads) ASSERT_TRUE(load.getsOn(300)) << lastLines();
+        for (TensorLoad& load : loads) ASSERT_TRUE(load.getsOn(100)) << lastLines();
         for (TensorLoad& load : loads) EXPECT_EQ(load.finish(), "");
         endService();
     }
@@ -126,7 +126,11 @@ TEST_F(TensorsTest, EachClientGetsItsOwnResults) {
 
 // First at the moments that matter, then at any.
 TEST_F(TensorsTest, MemoryThatIsTakenBackCostsItsTaskAlone) {
-    constexpr int kRounds = 30;
+#ifdef NDEBUG
+    constexpr int kRounds = 60;
+#else
+    constexpr int kRounds = 15;
+#endif
     constexpr int kTasks = 4;
     plug("1.1");
     const std::pair<const char*, KelmBufferType> rows[] = {{"default", KELM_BUFFER_SHARE_MEMORY},

@@ -266,7 +266,7 @@ TEST_F(KelmZorvanDeviceTest, GraphCallThatDoesNotReturnLeavesTasksAndReadersAlon
     ASSERT_EQ(first->allocateGraph(graph.get()), 0);
     KelmTask* const task = addTask(ion("abcd"), ion("...."));
     tevo.order("hang 1.2 qxGraphAllocate");
-    tevo.order("fail 1.2 qxDeviceHWReset -1");  // the board itself goes on
+    tevo.order("fail 1.2 qxDeviceHWReset -1");  // the board itself stays alive
     auto hanging =
         std::async(std::launch::async, [&] { return second->allocateGraph(other.get()); });
     ASSERT_TRUE(eventually([&] { return tevo.count("qxGraphAllocate") == 2; }));

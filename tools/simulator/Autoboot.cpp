@@ -1,7 +1,7 @@
 // The boot tool of the simulator. Simulated accelerators need no firmware, so it only takes its two
-// lock files and waits; it ends when its directory, KELM_SIM_DIR, is gone. The environment tells it
-// to be slow, in milliseconds: KELM_BOOT_ALIVE before the alive lock, KELM_BOOT_READY from there to
-// the ready lock; and to crash: KELM_BOOT_CRASH after ready, unless it was started anew.
+// lock files and waits; it ends when its directory, KELM_SIM_DIR, is removed. The environment tells
+// it to be slow, in milliseconds: KELM_BOOT_ALIVE before the alive lock, KELM_BOOT_READY from there
+// to the ready lock; and to crash: KELM_BOOT_CRASH after ready, unless it was started anew.
 
 #include <fcntl.h>
 #include <unistd.h>
