@@ -165,6 +165,47 @@ TEST(ClientManagerTest, UnregisterWithoutResponseStillEndsTheClient) {
     EXPECT_TRUE(client.waitClosed());
 }
 
+// Answered by threads that the departure does not pass, so many rounds lose one.
+TEST(ClientManagerTest, RequestsSentAheadOfUnregisterAreAnswered) {
+    RunningService service;
+    auto status = RawClient::request<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
+    auto size = RawClient::request<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ);
+    auto leave = RawClient::request<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+    status.queryType = 1;
+    for (int round = 0; round < 50; ++round) {
+        SCOPED_TRACE(round);
+        RawClient client(service.path());
+        status.clientId = size.clientId = leave.clientId = client.registerClient("hasty");
+        ASSERT_TRUE(client.send(status) && client.send(size) && client.send(leave));
+        std::set<uint32_t> answers;
+        while (const auto message = client.receive()) answers.insert(message->type());
+        EXPECT_EQ(answers.size(), 3u);
+    }
+    EXPECT_TRUE(eventually([] { return RunningService::noConnections(); }));
+}
+
+TEST(ClientManagerTest, UnansweredRequestKeepsTheRecordWhileThePeerIsThere) {
+    RunningService service;
+    ClientManager& clients = ClientManager::instance();
+    for (const bool hangsUp : {false, true}) {
+        SCOPED_TRACE(hangsUp);
+        RawClient client(service.path());
+        KelmMsgReqQueryStatus status{};
+        status.clientId = client.registerClient("patient");
+        Request request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, 0);
+        clients.keepUntilAnswered(request);
+        EXPECT_EQ(client.unregisterClient(status.clientId), KELM_OK);
+        EXPECT_FALSE(client.waitClosed(100ms));
+        EXPECT_TRUE(clients.isActive());
+        if (hangsUp) {
+            client.close();
+        } else {
+            (void)Request(std::move(request));
+        }
+        EXPECT_TRUE(eventually([&] { return !clients.isActive(); }));
+    }
+}
+
 TEST(ClientManagerTest, SnapshotTableKeepsItsShape) {
     RunningService service(
         R"({"debug_settings": {"info_printer": {"client_snapshot_mode": "base", "client_fps": "on"}}})");

@@ -169,7 +169,11 @@ void ClientManager::removeAllClients() {
 
 bool ClientManager::startDepartureUnsafe(KelmClient& client, bool unregRspSent) {
     client.setRunningState(false);
-    return m_unregisterPhaseMap.try_emplace(client.getId(), Phase{unregRspSent, false}).second;
+    const uint64_t clientId = client.getId();
+    // A peer that has vanished takes no answer, and one that leaves already may wait for these
+    // only.
+    if (unregRspSent && m_unanswered.erase(clientId) != 0) enqueueNotifyAnswered(clientId);
+    return m_unregisterPhaseMap.try_emplace(clientId, Phase{unregRspSent, false}).second;
 }
 
 std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
@@ -204,6 +208,36 @@ void ClientManager::notifyAllTasksDone(uint64_t clientId) {
     proceedUnsafe(clientId, phase->second);
 }
 
+void ClientManager::keepUntilAnswered(Request& request) {
+    const uint64_t clientId = request.getClientId();
+    MutexLock lock(m_mutex);
+    KelmClient* client = getClientForUnsafe(request);
+    if (client == nullptr || !client->isRunning()) return;
+    ++m_unanswered[clientId];
+    // Through the port, since a request may be destroyed after this object.
+    request.keep({this, [clientId](const void*) {
+                      Port<ClientDirectory>::notify<&ClientDirectory::enqueueNotifyAnswered>(
+                          clientId);
+                  }});
+}
+
+void ClientManager::enqueueNotifyAnswered(uint64_t clientId) {
+    m_pool.postNotice([this, clientId] {
+        m_onPool.assertHeld();
+        notifyAnswered(clientId);
+    });
+}
+
+void ClientManager::notifyAnswered(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    const auto unanswered = m_unanswered.find(clientId);
+    if (unanswered != m_unanswered.end() && --unanswered->second == 0) {
+        m_unanswered.erase(unanswered);
+    }
+    const auto phase = m_unregisterPhaseMap.find(clientId);
+    if (phase != m_unregisterPhaseMap.end()) proceedUnsafe(clientId, phase->second);
+}
+
 void ClientManager::enqueueNotifyUnregRspSent(uint64_t clientId) {
     m_pool.postNotice([this, clientId] {
         m_onPool.assertHeld();
@@ -221,6 +255,7 @@ void ClientManager::notifyUnregRspSent(uint64_t clientId) {
 
 void ClientManager::proceedUnsafe(uint64_t clientId, Phase& phase) {
     if (!phase.unregRspSent || !phase.allTasksDone || phase.ending) return;
+    if (m_unanswered.contains(clientId)) return;
     phase.ending = true;
     if (m_finished) {
         cleanClientUnsafe(clientId);

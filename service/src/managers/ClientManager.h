@@ -48,6 +48,11 @@ class ClientManager : public Singleton<ClientManager>,
     void enqueueUnregisterClient(Request request);
     // No task of the client is left.
     void enqueueNotifyAllTasksDone(uint64_t clientId);
+    // Lets a request keep the record of its client until it is answered: for those that the last
+    // task of the client does not wait for, and that are answered without delay. Called on the
+    // thread that reads the socket, and so before a later request to unregister is handled.
+    void keepUntilAnswered(Request& request) EXCLUDES(m_mutex);
+    void enqueueNotifyAnswered(uint64_t clientId) override;
     // Its unregister response is on the socket, or will never be.
     void enqueueNotifyUnregRspSent(uint64_t clientId);
     // So is every answer that was ready when the two above had come.
@@ -101,6 +106,7 @@ class ClientManager : public Singleton<ClientManager>,
                        const ConnectionPtr& connection) EXCLUDES(m_mutex);
     void unregisterClient(Request request) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyAllTasksDone(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    void notifyAnswered(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyUnregRspSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyAnswersSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
@@ -139,6 +145,8 @@ class ClientManager : public Singleton<ClientManager>,
     std::map<uint64_t, std::unique_ptr<KelmClient>> m_idClientMap GUARDED_BY(m_mutex);
     std::map<int, KelmClient*> m_socketClientMap GUARDED_BY(m_mutex);  // the latest of each socket
     std::map<uint64_t, Phase> m_unregisterPhaseMap GUARDED_BY(m_mutex);
+    // How many requests keep a client's record, without entries of 0.
+    std::map<uint64_t, uint32_t> m_unanswered GUARDED_BY(m_mutex);
 
     ThreadRole m_onPool;
     ThreadPool m_pool;  // last: its jobs use all of the above

@@ -218,12 +218,13 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& re
     KelmGraph* graph = record.release();
     m_graphs.emplace(id, graph);
     ++m_graphNum;
+    const void* const message = request.getMessage();  // `wanted` is in it, wherever it is owned
+    m_responseLists[graph].push_back(std::move(request));
     // Under the mutex, so that no unload request can come before it. It only queues, and without a
     // device manager for the subclass the failure comes as a notice too.
     (void)DeviceManagerCreator::instance().enqueueLoadGraph(graph);
     LOG_PROC(m_debugProcess, "[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p",
-             wanted.clientId, id, escapeControls(wanted.graphName), request.getMessage());
-    m_responseLists[graph].push_back(std::move(request));
+             wanted.clientId, id, escapeControls(wanted.graphName), message);
     return std::nullopt;
 }
 

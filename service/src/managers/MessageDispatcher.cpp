@@ -322,6 +322,7 @@ void MessageDispatcher::handleDestroyGraph(Request request) {
              "userParam=%p",
              asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
              request.getMessage());
+    m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueDestroyGraph(std::move(request));
 }
 
@@ -373,10 +374,12 @@ void MessageDispatcher::handleQueryBufferSize(Request request) {
              "socket=%d userParam=%p",
              asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
              request.getMessage());
+    m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueQueryBufferSize(std::move(request));
 }
 
 void MessageDispatcher::handleQueryStatus(Request request) {
+    m_clientManager->keepUntilAnswered(request);
     m_infoPrinter->enqueueQueryStatus(std::move(request));
 }
 

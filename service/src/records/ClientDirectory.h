@@ -22,6 +22,8 @@ class ClientDirectory {
     virtual KelmClient* getClientById(uint64_t clientId) = 0;
     // The client's name, or nothing for an unknown client.
     virtual std::optional<std::string> getClientName(uint64_t clientId) = 0;
+    // A request that kept the client's record is answered. Only queues.
+    virtual void enqueueNotifyAnswered(uint64_t clientId) = 0;
 
  protected:
     ~ClientDirectory() = default;

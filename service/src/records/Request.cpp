@@ -21,6 +21,7 @@ Request& Request::operator=(Request&& other) noexcept {
     abandon();
     m_message = std::move(other.m_message);
     m_socket = other.m_socket;
+    m_kept = std::move(other.m_kept);
     return *this;
 }
 

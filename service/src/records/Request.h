@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 #include "protocol/src/KelmMessage.h"
@@ -41,14 +42,18 @@ class Request {
     }
     KelmMsgBase* getMessage() const { return m_message.get(); }
 
-    // Makes this no request any more; for those who build the answer or need none.
+    // Makes this no request any more; for the code that builds the answer, or that owes none.
     MessagePtr take() { return std::move(m_message); }
+
+    // Keeps something until this object is destroyed, which the answer's job does last.
+    void keep(std::shared_ptr<const void> share) { m_kept = std::move(share); }
 
  private:
     void abandon() noexcept;
 
     MessagePtr m_message;
     int m_socket = -1;
+    std::shared_ptr<const void> m_kept;
 };
 
 }  // namespace kelm
