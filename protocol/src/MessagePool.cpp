@@ -87,6 +87,7 @@ Header* headerOf(const KelmMsgBase* message) {
 }  // namespace
 
 KelmMsgBase* allocate(size_t size) {
+    // A block has the size of its class, so that the next record of the class fits.
     const uint16_t sizeClass = findSizeClass(size);
     Header* block = sizeClass == kNotKept ? nullptr : takeKept(sizeClass);
     if (block == nullptr) {
@@ -102,7 +103,7 @@ KelmMsgBase* allocate(size_t size) {
 
 void release(KelmMsgBase* message) {
     Header* const block = headerOf(message);
-    block->origin.reset();
+    block->origin.reset();  // at once: a kept block must not hold the connection's number
     if (keep(block)) return;
     block->~Header();
     std::free(block);
