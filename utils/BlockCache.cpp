@@ -46,6 +46,7 @@ void BlockCache::give(void* block) noexcept {
     if (block == nullptr) return;
     if (kKeepBlocks) {
         MutexLock lock(m_mutex);
+        // The list is kept in the free blocks themselves, so that giving one back cannot fail.
         if (m_freeNum < m_maxBlocks) {
             m_free =
                 ::new (block) FreeBlock{m_free};  // last in, first out: it is still in the cache

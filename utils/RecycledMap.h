@@ -8,8 +8,8 @@
 
 namespace kelm {
 
-// A hash map that keeps the nodes of erased entries for the next ones, so that entries which come
-// and leave at a steady rate allocate nothing. Not thread-safe.
+// A hash map that keeps the nodes of erased entries for the next ones, so that entries which are
+// inserted and erased at a steady rate allocate nothing. Not thread-safe.
 template <class Key, class Value>
 class RecycledMap {
  public:
@@ -52,7 +52,7 @@ class RecycledMap {
     size_t size() const { return m_map.size(); }
 
  private:
-    static constexpr size_t kSpareNodes = 1024;  // what a burst leaves behind at most
+    static constexpr size_t kSpareNodes = 1024;  // more than these, as after a burst, are freed
 
     Map m_map;
     std::vector<typename Map::node_type> m_spareNodes;

@@ -9,6 +9,7 @@ struct ErrorRow {
     const char* name;
 };
 
+// The name in reports is that of the constant.
 #define ERROR_ROW(name) \
     { name, #name }
 constexpr ErrorRow kErrorRows[] = {

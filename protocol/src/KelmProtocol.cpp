@@ -27,6 +27,7 @@ KelmMsgBase* kelmAllocMessage(KelmMsgType type) {
 namespace {
 
 void freeInnerBuffers(KelmMsgBase* message) {
+    // Counts are cut here too, since records that a caller built reach this without a check.
     const uint32_t count = std::min(message->innerBufferNum, kMaxMessageBlocks);
     for (uint32_t i = 0; i < count; ++i)
         std::free(reinterpret_cast<void*>(message->innerBuffer[i]));
@@ -82,7 +83,7 @@ std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request) {
     const std::shared_ptr<const void>& origin = messagePool::origin(&request);
     if (!origin) return PeerCredentials::ofThisProcess();
     const auto& peer = static_cast<const IPC::ConnectionBase*>(origin.get())->getPeer();
-    return peer ? peer : kNobody;  // nothing comes in but over accepted connections
+    return peer ? peer : kNobody;  // connections that were accepted have one; a user without rights
 }
 
 void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
@@ -98,6 +99,7 @@ void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
 }
 
 void* growInnerBuffer(KelmMsgBase* message, size_t size) {
+    // Only the latest block grows: blocks are received one after the other.
     uint64_t& last = message->innerBuffer[message->innerBufferNum - 1];
     void* const block = std::realloc(reinterpret_cast<void*>(last), size);
     if (block == nullptr) {
@@ -110,6 +112,7 @@ void* growInnerBuffer(KelmMsgBase* message, size_t size) {
 
 namespace {
 
+// The peer's word for an address is not enough: it would write where it likes.
 bool isPrepared(PreparedBuffers prepared, uint64_t address, uint64_t size) {
     return std::any_of(prepared.begin(), prepared.end(), [&](const PreparedBuffer& buffer) {
         return reinterpret_cast<uint64_t>(buffer.address) == address && buffer.size >= size;

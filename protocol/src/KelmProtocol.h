@@ -11,14 +11,15 @@
 
 // Sending and receiving of the client protocol.
 //
-// Who owns the descriptors of a message:
+// Ownership of the descriptors of a message:
 // - A message built here to be sent owns none. kelmSendMessage duplicates them into the peer, and
 //   the sender closes its own when it likes.
 // - A received message owns what its `fd` array names; -1 is no descriptor. The buffers of an
 //   infer request and `testFd` repeat those numbers without owning them. kelmReleaseMessage closes
 //   what is still in the array.
 // - takeTaskBuffers moves the three buffers of an infer request, with their descriptors, to the
-//   caller, who passes them on to KelmTaskParam::create. What nobody takes goes with the message.
+//   caller, which passes them on to KelmTaskParam::create. What is not taken is closed with the
+//   message.
 // - A descriptor that no buffer wants (a role that does not exist, a role named twice, one more
 //   than the array has room for) is closed while the message is being received.
 // - Received into a caller's record, descriptors and inner buffers are the caller's: see
@@ -32,7 +33,7 @@ namespace kelm {
 struct PeerCredentials;
 
 // A buffer that this process prepared for blocks from the peer. A message that names a receive
-// address is believed only if the address is in the list of the one who receives.
+// address is believed only if the address is in the receiver's own list.
 struct PreparedBuffer {
     void* address;
     uint64_t size;
@@ -43,11 +44,11 @@ using PreparedBuffers = std::span<const PreparedBuffer>;
 KelmMsgBase* kelmAllocMessage(KelmMsgType type);
 
 // Lets an answer keep the connection that its request came on: until the answer is released, the
-// number of that connection goes to no other. Both are records of this library's making.
+// number of that connection is given to no other. Both are records of this library's making.
 void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer);
 
-// Who has sent the request; for a record that came over no connection this process itself. Never
-// null.
+// The credentials of the request's sender; those of this process for a record that came over no
+// connection. Never null.
 std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request);
 
 // 0, or -1 after any failure, which is logged. The message stays the caller's.
@@ -79,16 +80,16 @@ bool checkMessage(const KelmMsgBase& message, size_t size);
 int flatMessage(KelmMsgBase* message);
 int unflatMessage(KelmMsgBase* message);
 
-// Whether block `index` of a received message is of use to anybody, by the types of message and
+// Whether block `index` of a received message is of any use, by the types of message and
 // block alone: of a create request the last graph binary, of any other message none. Pure; asked
 // before the block arrives. What is not kept is read off the stream and needs no memory.
 bool kelmKeepsBlock(const KelmMsgBase& message, uint32_t index);
-// Moves the inner buffer at `address` out of a received message, so that it can go before the
-// message does; null if the message has none there.
+// Moves the inner buffer at `address` out of a received message, so that it can be freed before the
+// message is; null if the message has none there.
 UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address);
 
-// Where block `index` of a message that is being received goes; null refuses it. An inner buffer is
-// made with room for its first piece only.
+// The memory for block `index` of a message that is being received; null refuses it. An inner
+// buffer is made with room for its first piece only.
 void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared = {});
 constexpr uint32_t kFirstPieceBytes = 256 * 1024;
 // A block that is freed with the message, with free(); null if the message has five already.

@@ -39,7 +39,7 @@ int kelmReceiveMessage(int connectionId, KelmMsgBase* message, size_t size,
     const MessagePtr received = receive(connectionId, assembler);
     if (!received) return -1;
     std::memcpy(static_cast<void*>(message), received.get(), received->size);
-    // Descriptors and inner buffers are the caller's now.
+    // The copy has the descriptors and inner buffers now, so the original must release none.
     received->fdNum = 0;
     received->innerBufferNum = 0;
     return static_cast<int>(received->size);

@@ -14,11 +14,12 @@ namespace kelm {
 
 namespace {
 
-constexpr uint64_t kVisitBytes = 256 * 1024;
+constexpr uint64_t kVisitBytes = 256 * 1024;  // read at most in one receiveArrived()
 // What a descriptor counts for: passing one costs the kernel as much as copying about so much.
 constexpr uint64_t kDescriptorCost = 1024;
 
-// What this side called its own prepared buffers comes back as `recv...`.
+// A peer writes its own prepared buffers into `recv...` and echoes those of this side in
+// `peerRecv...`: on reception the two change places.
 void swapPreparedBuffers(KelmMsgBase& head) {
     const uint32_t count = std::min(std::max(head.recvNum, head.peerRecvNum), kMaxMessageBlocks);
     std::swap_ranges(head.recvData, head.recvData + count, head.peerRecvData);
@@ -37,6 +38,7 @@ void forgetSenderResources(KelmMsgBase& head) {
     head.innerBufferNum = 0;
 }
 
+// Before any memory is taken: afterwards the peer has decided how much.
 bool checkHead(const KelmMsgBase& head) {
     if (head.type > KELM_MESSAGE_EVT_END) {
         LOG_ERROR("Error: invalid kelm message type: %d", head.type);
@@ -84,12 +86,12 @@ MessageAssembler::State MessageAssembler::advance(IPC::ConnectionBase& connectio
             if (state != State::kWhole) break;
             ++m_step;
         }
-        connection.noteUnread();
+        connection.noteUnread();  // bytes that were read ahead raise no event of the socket
     } catch (const std::exception& e) {
         LOG_ERROR("%s", e.what());
         state = State::kFailed;
     }
-    if (state == State::kFailed) reset();
+    if (state == State::kFailed) reset();  // closes the descriptors that have come
     return state;
 }
 
@@ -109,6 +111,7 @@ void MessageAssembler::reset() {
     m_target = nullptr;
 }
 
+// `m_filled` tells how far the part is, so that a later call continues where this one has run dry.
 bool MessageAssembler::fill(IPC::ConnectionBase& connection, void* part, size_t size) {
     while (m_filled < size) {
         const auto left = static_cast<uint32_t>(size - m_filled);
@@ -159,7 +162,8 @@ MessageAssembler::State MessageAssembler::receiveBody(IPC::ConnectionBase& conne
                                                                             : State::kWaiting;
 }
 
-// All that are announced leave the stream; the record has room for the first ones.
+// All that are announced are read, or what follows would be taken for them; those that the record
+// has no room for are closed.
 MessageAssembler::State MessageAssembler::receiveDescriptors(IPC::ConnectionBase& connection) {
     while (m_receivedFds < m_announcedFds) {
         if (m_allowance < kDescriptorCost) return State::kWaiting;
@@ -182,6 +186,7 @@ MessageAssembler::State MessageAssembler::receiveBlocks(IPC::ConnectionBase& con
 }
 
 MessageAssembler::State MessageAssembler::receiveBlock(IPC::ConnectionBase& connection) {
+    // With prepared buffers the caller is a client, which takes what it has asked for.
     if (m_prepared.empty() && !kelmKeepsBlock(*m_message, m_block)) return dropBlock(connection);
     if (m_target == nullptr && !openBlock()) return State::kFailed;
     if (const State state = fillBlock(connection); state != State::kWhole) return state;
@@ -210,6 +215,8 @@ bool MessageAssembler::readPart(IPC::ConnectionBase& connection, char* target, u
     return count != 0;
 }
 
+// An inner buffer starts with room for one piece and grows as bytes come; a prepared one has its
+// size.
 bool MessageAssembler::openBlock() {
     const uint32_t innerBefore = m_message->innerBufferNum;
     m_target = static_cast<char*>(getBufferForRecv(m_message.get(), m_block, m_prepared));
@@ -222,6 +229,7 @@ bool MessageAssembler::openBlock() {
 MessageAssembler::State MessageAssembler::fillBlock(IPC::ConnectionBase& connection) {
     const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
     while (m_filled < size) {
+        // Doubled, so that copying stays in proportion to the bytes that really came.
         if (m_filled == m_room) {
             m_room = std::min(size, 2 * m_room);
             m_target = static_cast<char*>(growInnerBuffer(m_message.get(), m_room));
@@ -235,6 +243,7 @@ MessageAssembler::State MessageAssembler::fillBlock(IPC::ConnectionBase& connect
     return State::kWhole;
 }
 
+// Last: nothing of the message is used before, but the head's counts, which are cut where they are.
 MessageAssembler::State MessageAssembler::checkWhole(IPC::ConnectionBase&) {
     if (!checkMessage(*m_message, m_message->size)) {
         LOG_ERROR("Error: malformed message %s", KelmMsgTypeStr[m_message->type]);

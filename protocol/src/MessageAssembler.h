@@ -15,8 +15,8 @@ class ConnectionBase;
 namespace kelm {
 
 // Puts the messages of one connection together, in whatever pieces they come: head, body,
-// descriptors, blocks. A block goes straight to its final memory, which grows with the bytes that
-// come, so that a peer's word alone costs nothing.
+// descriptors, blocks. A block is read straight into its final memory, which grows with the bytes
+// that come, so that a size which a peer only announces costs nothing.
 //
 // Threads: the connection's reader. Owns: what it has of a message; borrows the prepared buffers.
 class MessageAssembler : public NonCopyable {
@@ -55,7 +55,7 @@ class MessageAssembler : public NonCopyable {
     State checkWhole(IPC::ConnectionBase& connection);
     bool allocate();
     State receiveBlock(IPC::ConnectionBase& connection);
-    // Reads a block that nobody wants off the stream.
+    // Reads a block off the stream that kelmKeepsBlock() has no use for.
     State dropBlock(IPC::ConnectionBase& connection);
     bool openBlock();
     State fillBlock(IPC::ConnectionBase& connection);

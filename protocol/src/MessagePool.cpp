@@ -47,6 +47,7 @@ Header* headerOf(const KelmMsgBase* message) {
 }  // namespace
 
 KelmMsgBase* allocate(size_t size) try {
+    // A block has the size of its class, so that the next record of the class fits.
     const uint16_t sizeClass = findSizeClass(size);
     void* const memory = sizeClass == kNotKept ? ::operator new(sizeof(Header) + size)
                                                : pool().blocks[sizeClass].take();
@@ -60,7 +61,7 @@ KelmMsgBase* allocate(size_t size) try {
 void release(KelmMsgBase* message) {
     Header* const header = headerOf(message);
     const uint16_t sizeClass = header->sizeClass;
-    header->~Header();
+    header->~Header();  // at once: a kept block must not hold the connection's number
     if (sizeClass == kNotKept) {
         ::operator delete(header);
     } else {

@@ -19,8 +19,8 @@ void release(KelmMsgBase* message);
 bool ownsDescriptors(const KelmMsgBase* message);
 void setOwnsDescriptors(KelmMsgBase* message);
 
-// The connection (an IPC::ConnectionBase) that the record came on, or that its answer goes to; kept
-// until the record is released, so that meanwhile the connection's number goes to no other.
+// The connection (an IPC::ConnectionBase) that the record came on, or that an answer is for; kept
+// until the record is released, so that meanwhile the connection's number is given to no other.
 const std::shared_ptr<const void>& origin(const KelmMsgBase* message);
 void setOrigin(KelmMsgBase* message, std::shared_ptr<const void> connection);
 

@@ -1,4 +1,5 @@
-// What the protocol knows of each type of message, one row a type.
+// What the protocol knows of each type of message, one row a type: the only place that a new type
+// is entered in, besides its record.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -58,6 +59,7 @@ int flatInferTaskReq(KelmMsgBase* base) {
 
 int unflatInferTaskReq(KelmMsgBase* base) {
     auto* const request = reinterpret_cast<KelmMsgReqInferTask*>(base);
+    // In the order of the roles. What the sender wrote there is of its own address space.
     KelmBuffer* const buffers[] = {&request->inputBuffer, &request->outputBuffer,
                                    &request->auxBuffer};
     for (KelmBuffer* const buffer : buffers) {
@@ -70,7 +72,7 @@ int unflatInferTaskReq(KelmMsgBase* base) {
     for (uint32_t i = 0; i < count; ++i) {
         UniqueFd received(std::exchange(base->fd[i], -1));
         const uint32_t role = base->fdType[i];
-        if (role > KELM_FD_AUX || buffers[role]->fd != 0) continue;  // wanted by no buffer
+        if (role > KELM_FD_AUX || buffers[role]->fd != 0) continue;  // closed: no buffer has it
         buffers[role]->fd = received.get();
         base->fd[base->fdNum] = received.release();
         base->fdType[base->fdNum] = role;
@@ -180,6 +182,7 @@ bool checkDescriptors(const KelmMsgBase& message) {
     return std::all_of(message.fd, message.fd + message.fdNum, [](int32_t fd) { return fd >= 0; });
 }
 
+// An announced block without memory is refused only where its manager would read it.
 bool checkBlocks(const KelmMsgBase& message) {
     for (uint32_t i = 0; i < message.dataNum; ++i) {
         if (static_cast<uint32_t>(message.dataSize[i]) == 0) return false;
@@ -214,6 +217,7 @@ void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer
          {&message.inputBuffer, &message.outputBuffer, &message.auxBuffer}) {
         buffer->fd = 0;
     }
+    // Out of the array too, from which the message would close them.
     std::fill(std::begin(message.head.base.fd), std::end(message.head.base.fd), -1);
     message.head.base.fdNum = 0;
 }

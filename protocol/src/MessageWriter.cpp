@@ -32,6 +32,7 @@ MessageWriter::~MessageWriter() = default;
 int MessageWriter::append(KelmMsgBase* message) {
     CR_ASSERT(message);
     if (flatMessage(message) != 0) return -1;
+    // What was collected is written before a record that cannot wait: the order stays.
     const bool collectable = isCollectable(*message);
     if ((!collectable || m_used + message->size > kCapacity) && flush() != 0) return -1;
     if (!collectable) return send([&] { sendFlatMessage(*m_connection, *message); });
@@ -42,7 +43,7 @@ int MessageWriter::append(KelmMsgBase* message) {
 }
 
 int MessageWriter::flush() {
-    const size_t size = std::exchange(m_used, 0);
+    const size_t size = std::exchange(m_used, 0);  // also if it fails: half of it may be out
     if (size == 0) return 0;
     return send([&] { m_connection->write(m_bytes.get(), static_cast<int>(size)); });
 }
@@ -58,7 +59,7 @@ int MessageWriter::send(Write write) {
         write();
         return 0;
     } catch (const std::exception& e) {
-        const int error = errno;
+        const int error = errno;  // the caller's log names it, which logging here may change
         LOG_ERROR("%s", e.what());
         errno = error;
         return -1;

@@ -13,12 +13,12 @@ class ConnectionBase;
 namespace kelm {
 
 // Collects records for one connection and writes several with one system call: the same bytes in
-// the same order. Records with descriptors or blocks, and those too large to collect, go out at
-// once, after what was collected.
+// the same order. Records with descriptors or blocks, and those too large to collect, are written
+// at once, after what was collected.
 //
 // Threads: one; others may write to the connection too, between two writes of this one. Owns: a
-// share of the connection, so that its number goes to no other while records wait here. What is not
-// flushed at destruction is dropped.
+// share of the connection, so that its number is given to no other while records wait here. What is
+// not flushed at destruction is dropped.
 class MessageWriter : public NonCopyable {
  public:
     static constexpr size_t kCapacity = 16384;

@@ -52,6 +52,7 @@ class FakeClientDirectory final : public ClientDirectory {
         const KelmClient* const client = getClientById(clientId);
         return client != nullptr ? std::optional(client->getName()) : std::nullopt;
     }
+    void enqueueNotifyAnswered(uint64_t /*clientId*/) override {}
 
  private:
     using Clients = std::map<uint64_t, std::unique_ptr<KelmClient>>;

@@ -146,5 +146,45 @@ TEST_F(ClientManagerTest, LastDepartureWakesTheIdleWaiterOnce) {
     dispatcher.getNotifiedOfZeroClient();  // in case the line above has failed
 }
 
+// Answered by threads that the departure does not pass, so many rounds lose one.
+TEST_F(ClientManagerTest, RequestsSentAheadOfUnregisterAreAnswered) {
+    start();
+    for (int round = 0; round < 50; ++round) {
+        SCOPED_TRACE(round);
+        WireClient client = connect("hasty");
+        const auto status =
+            client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 1);
+        const auto size =
+            client.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ);
+        const auto leave = client.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+        ASSERT_TRUE(client.send(status) && client.send(size) && client.send(leave));
+        std::set<uint32_t> answers;
+        while (const auto message = client.receive()) answers.insert(message->type());
+        EXPECT_EQ(answers.size(), 3U);
+    }
+    EXPECT_TRUE(noConnectionIsLeft());
+}
+
+TEST_F(ClientManagerTest, UnansweredRequestKeepsTheRecordWhileThePeerIsThere) {
+    start();
+    ClientManager& clients = ClientManager::instance();
+    for (const bool hangsUp : {false, true}) {
+        SCOPED_TRACE(hangsUp);
+        WireClient client = connect("patient");
+        const auto status = client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
+        Request request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, 0);
+        clients.keepUntilAnswered(request);
+        EXPECT_TRUE(client.unregister());
+        EXPECT_FALSE(client.waitClosed(100ms));
+        EXPECT_TRUE(clients.isActive());
+        if (hangsUp) {
+            client.hangUp();
+        } else {
+            request = Request();
+        }
+        EXPECT_TRUE(noClientIsLeft());
+    }
+}
+
 }  // namespace
 }  // namespace kelm

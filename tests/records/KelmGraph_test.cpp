@@ -10,7 +10,6 @@
 #include "fakes/TempDir.h"
 #include "records/GraphDemand.h"
 #include "utils/Digest.h"
-#include "utils/Log.h"
 #include "utils/Port.h"
 
 namespace kelm {
@@ -21,12 +20,11 @@ using testing::ElementsAre;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-std::string readText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+std::string hashOf(const std::string& path) {
+    return KelmGraph(1, 1, path.c_str(), "graph", 1).getHash();
 }
 
-TEST(GraphDemandTest, RequestOrFactorIsOff) {
+TEST(GraphDemandTest, RequestAndFactorFollowTheFigures) {
     const struct {
         const char* what;
         GraphLoad load;  // inference time, waiting, in, out
@@ -51,49 +49,29 @@ TEST(GraphDemandTest, RequestOrFactorIsOff) {
     }
 }
 
-TEST(KelmGraphTest, DemandIgnoresTheBacklogOrTheMissingMeasure) {
+TEST(KelmGraphTest, DemandComesFromTheBacklogOnceAnInferenceWasMeasured) {
     KelmGraph graph(1, 1, "graph", 1);
-    for (int i = 0; i < 8; ++i) graph.updateFpsIn();
-    EXPECT_EQ(graph.getDevReqNum(), 0.5f);  // not measured yet
-    KelmGraph measured(2, 1, "measured", 1);
-    measured.updateInferenceTime(10.0f);
-    measured.updateFpsIn();  // one arrival is no rate yet
-    EXPECT_EQ(measured.getFpsIn(), 0.0f);
-    EXPECT_FLOAT_EQ(measured.getDevReqNum(), 1.0f / 200.0f);
-    for (int i = 0; i < 39; ++i) measured.updateFpsOut(), measured.updateFpsIn();
-    Log::instance().setLogLevel(LOG_LEVEL_DEBUG);
-    testing::internal::CaptureStdout();
-    (void)measured.getDevReqNum();
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                testing::ContainsRegex(
-                    "\\[graph:measured\\] [0-9a-z.]+ / 200.00 \\* \\(1.0 \\+ 1 / [0-9a-z.]+\\) "
-                    "\\* 1.00 = [0-9a-z.]+"));
-    Log::instance().setLogLevel(LOG_LEVEL_ERROR | LOG_LEVEL_WARN);
-}
-
-TEST(KelmGraphTest, InferenceTimesKeepNonsenseOrGrow) {
-    KelmGraph graph(1, 1, "graph", 1);
+    graph.updateFpsIn();
+    graph.updateFpsIn();
     for (const float nonsense : {0.0f, -1.0f, kInfinity, -kInfinity, kNaN}) {
         graph.updateInferenceTime(nonsense);
     }
     EXPECT_EQ(graph.getAvgInferTime(), 0.0f);
+    EXPECT_EQ(graph.getDevReqNum(), 0.5f);
     for (int i = 0; i < 100; ++i) graph.updateInferenceTime(1000.0f);
-    for (int i = 0; i < 200; ++i) graph.updateInferenceTime(i < 100 ? 1.0f : 3.0f);
-    EXPECT_FLOAT_EQ(graph.getAvgInferTime(), 2.0f);
-}
-
-TEST(KelmGraphTest, WaitingNumberFallsBelowZero) {
-    KelmGraph graph(1, 1, "graph", 1);
-    graph.updateFpsIn();
-    graph.updateFpsIn();
+    for (int i = 0; i < 200; ++i) graph.updateInferenceTime(i < 100 ? 9.0f : 11.0f);
+    EXPECT_FLOAT_EQ(graph.getAvgInferTime(), 10.0f);
     graph.updateFpsOut();
     EXPECT_EQ(graph.getNumWaitTasks(), 1u);
-    graph.updateFpsOut();
-    graph.updateFpsOut();
-    EXPECT_EQ(graph.getNumWaitTasks(), 0u);
+    KelmGraph single(2, 1, "single", 1);  // one arrival is no rate yet
+    single.updateFpsIn();
+    single.updateInferenceTime(10.0f);
+    EXPECT_FLOAT_EQ(single.getDevReqNum(), 1.0f / 200.0f);
+    for (int i = 0; i < 2; ++i) single.updateFpsOut();
+    EXPECT_EQ(single.getNumWaitTasks(), 0u);
 }
 
-TEST(KelmGraphTest, PendingCyclesAreMiscounted) {
+TEST(KelmGraphTest, PendingCyclesCountPassesWithoutADevice) {
     KelmGraph graph(1, 1, "graph", 1);
     const KelmGraph::TimePoint untouched{};
     KelmGraph::TimePoint since = untouched;
@@ -110,7 +88,7 @@ TEST(KelmGraphTest, PendingCyclesAreMiscounted) {
     EXPECT_FALSE(graph.isPending());
 }
 
-TEST(KelmGraphTest, UsersOrTheirNamesAreMixedUp) {
+TEST(KelmGraphTest, NamesAreThoseOfTheUsersInIdOrder) {
     FakeClientDirectory clients;
     const ScopedPort<ClientDirectory> port(clients);
     KelmGraph graph(1, 9, "nine", 1);
@@ -119,7 +97,7 @@ TEST(KelmGraphTest, UsersOrTheirNamesAreMixedUp) {
     graph.appendName(4, "vier");
     clients.add(9, "client9");
     clients.add(4, "client4");
-    EXPECT_THAT(graph.getClientNames(), ElementsAre("client4", "client9"));  // 7 is gone
+    EXPECT_THAT(graph.getClientNames(), ElementsAre("client4", "client9"));  // 7 is unknown
     graph.spliceGraphName();
     EXPECT_EQ(graph.getName(), "vier;seven;nine");
     EXPECT_FALSE(graph.removeUser(5));
@@ -128,7 +106,7 @@ TEST(KelmGraphTest, UsersOrTheirNamesAreMixedUp) {
     EXPECT_EQ(KelmGraph(2, 1, nullptr, 1).getName(), "unnamed");
 }
 
-TEST(KelmGraphTest, BlobIsBorrowedOrItsHashDiffers) {
+TEST(KelmGraphTest, BlobIsCopiedAndHashedFromBufferAndFile) {
     const TempDir dir;
     std::string bytes(3 << 20, 'x');
     const std::string hash = sha256ForString(bytes);
@@ -148,39 +126,35 @@ TEST(KelmGraphTest, BlobIsBorrowedOrItsHashDiffers) {
     EXPECT_EQ(missing.getData(), nullptr);
 }
 
-TEST(KelmGraphTest, DumpIsIncompleteOrFollowsAPlantedLink) {
-    const TempDir dir;
-    KelmGraph graph(1, 1, "content", 7, "graph", 1);
-    const std::string path = dir.path() + "/new/folder/graph.dump";
-    EXPECT_TRUE(graph.dumpToFile(path));
-    EXPECT_EQ(readText(path), "content");
-    const std::string victim = dir.write("victim", "precious");
-    std::filesystem::create_symlink(victim, dir.path() + "/link");
-    EXPECT_FALSE(graph.dumpToFile(dir.path() + "/link"));
-    std::filesystem::create_hard_link(victim, dir.path() + "/name");
-    EXPECT_FALSE(graph.dumpToFile(dir.path() + "/name"));
-    EXPECT_EQ(readText(victim), "precious");
-    KelmGraph empty(2, 1, "graph", 1);
-    EXPECT_FALSE(empty.dumpToFile(dir.path() + "/empty"));
-}
-
-// What does not fit is more than a file of the process may have.
-TEST(KelmGraphTest, FailedDumpLeavesNoFile) {
+TEST(KelmGraphTest, DumpIsWholeOrLeavesNoFile) {
     const TempDir dir;
     const std::string bytes(100000, 'x');
-    KelmGraph graph(1, 1, bytes.data(), bytes.size(), "graph", 1);
-    const std::string path = dir.path() + "/graph.dump";
+    const KelmGraph graph(1, 1, bytes.data(), bytes.size(), "graph", 1);
+    const std::string path = dir.path() + "/new/folder/graph.dump";
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
     const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit small{50000, old.rlim_max};
+    const rlimit small{50000, old.rlim_max};  // the rest does not fit
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
     EXPECT_FALSE(graph.dumpToFile(path));
     EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
     (void)std::signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_TRUE(graph.dumpToFile(path));
-    EXPECT_EQ(readText(path), bytes);
+    EXPECT_EQ(hashOf(path), graph.getHash());
+    EXPECT_FALSE(KelmGraph(2, 1, "empty", 1).dumpToFile(dir.path() + "/empty"));
+}
+
+TEST(KelmGraphTest, DumpFollowsNoPlantedLink) {
+    const TempDir dir;
+    const KelmGraph graph(1, 1, "content", 7, "graph", 1);
+    const std::string victim = dir.write("victim", "precious");
+    std::filesystem::create_symlink(victim, dir.path() + "/link");
+    std::filesystem::create_hard_link(victim, dir.path() + "/name");
+    for (const char* planted : {"/link", "/name"}) {
+        EXPECT_FALSE(graph.dumpToFile(dir.path() + planted));
+    }
+    EXPECT_EQ(hashOf(victim), sha256ForString("precious"));
 }
 
 }  // namespace

@@ -45,8 +45,8 @@ class KelmTaskTest : public testing::Test {
     }();
 };
 
-// The task goes with whatever it still holds: a leak or a double release shows under ASan.
-TEST_F(KelmTaskTest, DoneMessageOvertakesTheCreateAnswerOrIsLost) {
+// A task is destroyed with the message that it holds: a leak or a double release shows under ASan.
+TEST_F(KelmTaskTest, DoneMessageWaitsForTheCreateAnswer) {
     const auto early = makeTask();
     MessagePtr message = makeDoneMessage();
     const KelmMsgBase* const sent = message.get();
@@ -69,7 +69,7 @@ TEST_F(KelmTaskTest, DoneMessageOvertakesTheCreateAnswerOrIsLost) {
     EXPECT_FALSE(makeTask()->setTaskDoneResponse(message));
 }
 
-TEST_F(KelmTaskTest, DescriptorsStayOpenOrOthersAreClosed) {
+TEST_F(KelmTaskTest, DescriptorsOfATaskAreClosedOnceWithIt) {
     std::vector<int> fds;
     for (int i = 0; i < 3; ++i) fds.push_back(openSomething());
     // The type is the client's word: an unknown one does not keep a descriptor open.
@@ -83,72 +83,56 @@ TEST_F(KelmTaskTest, DescriptorsStayOpenOrOthersAreClosed) {
     const bool hadInput = isOpen(0);
     delete KelmTaskParam::create(bufferOf(1, 0), bufferOf(1, -1), bufferOf(2, 0));
     EXPECT_EQ(isOpen(0), hadInput);
-}
 
-TEST_F(KelmTaskTest, BufferFreedTwiceClosesAStrangersDescriptor) {
     KelmBuffer buffer = bufferOf(KELM_BUFFER_ION, openSomething());
     const int fd = buffer.fd;
     EXPECT_EQ(BufferAllocator::instance().free(&buffer), KELM_OK);
-    const int stranger = openSomething();
-    EXPECT_EQ(stranger, fd);
+    EXPECT_EQ(openSomething(), fd);  // by now another buffer's number
     EXPECT_EQ(BufferAllocator::instance().free(&buffer), KELM_OK);
-    EXPECT_TRUE(isOpen(stranger));
-    ::close(stranger);
-    EXPECT_EQ(BufferAllocator::instance().free(nullptr), KELM_ERROR_INVALID_PARAM);
+    EXPECT_TRUE(isOpen(fd));
+    ::close(fd);
 }
 
-TEST_F(KelmTaskTest, StatusBeyondTheLastIsTaken) {
-    const auto task = makeTask();
-    for (int32_t status = TASK_STATUS_QUEUED; status <= TASK_STATUS_LAST; ++status) {
-        task->setStatus(status);
-        EXPECT_EQ(task->getStatus(), status);
-    }
-    task->setStatus(8);
-    EXPECT_EQ(task->getStatus(), TASK_STATUS_LAST);
-}
-
-TEST_F(KelmTaskTest, SummaryCountsAWaitThatNeverWas) {
+TEST_F(KelmTaskTest, StatusAndItsTimesMakeTheSummary) {
     const auto task = makeTask();
     for (const int32_t status : {TASK_STATUS_LOADING, TASK_STATUS_LOADED, TASK_STATUS_DONE}) {
         task->setStatus(status);
+        EXPECT_EQ(task->getStatus(), status);
     }
-    const std::string phases =
-        "taskId=7 PushPhase=[0-9]+ms WaitPhase=0ms LoadPhase=[0-9]+ms "
-        "ExecPhase=[0-9]+ms";
-    EXPECT_THAT(task->getSummary(), MatchesRegex(phases));
+    // It never was in a queue, so it has not waited there.
+    EXPECT_THAT(task->getSummary(), MatchesRegex("taskId=7 PushPhase=[0-9]+ms WaitPhase=0ms "
+                                                 "LoadPhase=[0-9]+ms ExecPhase=[0-9]+ms"));
     EXPECT_THAT(task->getDescription(),
                 MatchesRegex("TaskId: 7, Client: a client w, ClientId: 00000003, Status: 4 , "
-                             "GraphName: a graph wi, GraphPtr: 0x[0-9a-f]+, TimeToKelmHal: .*, "
-                             "TimeToTaskQueue: .*, TimeToTevoHal: .*, TimeTevoLoaded: .*, "
-                             "TimeGotResult: .*"));
+                             "GraphName: a graph wi, GraphPtr: 0x[0-9a-f]+, TimeToKelmHal: .*"));
+    task->setStatus(TASK_STATUS_LAST);
+    task->setStatus(TASK_STATUS_LAST + 1);
+    EXPECT_EQ(task->getStatus(), TASK_STATUS_LAST);
 }
 
-TEST_F(KelmTaskTest, CountsOfClientAndGraphDrift) {
+TEST_F(KelmTaskTest, LiveTasksCountForClientAndGraph) {
     const TempDir dir;
     ServiceConfigParser::instance().appendConfigFile(
         dir.write("test.config", R"({"service_settings": {"client_max_task_number": 2}})"), false);
     KelmClient limited(4, "limited", nullptr, 2, 1);
-    std::string name;
     {
         const KelmTask first(1, &limited, &graph, nullptr, &request);
         EXPECT_TRUE(limited.allowInferTask());
         const KelmTask second(2, &limited, &graph, nullptr, &request);
         EXPECT_FALSE(limited.allowInferTask());
         EXPECT_EQ(graph.getTaskCount(), 2);
-        name = second.getClientName();
     }
-    EXPECT_EQ(name, "limited");
     EXPECT_TRUE(limited.allowInferTask());
     EXPECT_EQ(graph.getTaskCount(), 0);
 }
 
-TEST_F(KelmTaskTest, CacheGrowsWithoutBoundOrHandsABlockOutTwice) {
+TEST_F(KelmTaskTest, CacheKeepsABoundedNumberOfBlocks) {
     BlockCache cache(64, 2);
     void* const blocks[] = {cache.take(), cache.take(), cache.take()};
     for (void* block : blocks) cache.give(block);
     EXPECT_LE(cache.keptBlocks(), 2u);
     const std::set<void*> again{cache.take(), cache.take(), cache.take()};
-    EXPECT_EQ(again.size(), 3u);
+    EXPECT_EQ(again.size(), 3u);  // none is handed out twice
     EXPECT_EQ(cache.keptBlocks(), 0u);
     for (void* block : again) cache.give(block);
 }

@@ -5,7 +5,7 @@ namespace kelm {
 void Backlog::add(uint64_t bytes) {
     if (isFull()) {
         MutexLock lock(m_mutex);
-        // The count goes up before the look: whoever removes in between sees it.
+        // Raised before isFull() is read: a remove() after that sees the waiter and wakes it.
         m_waiters.fetch_add(1);
         while (isFull()) m_roomCond.wait(m_mutex);
         m_waiters.fetch_sub(1);

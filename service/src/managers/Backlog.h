@@ -9,10 +9,10 @@
 
 namespace kelm {
 
-// Counts the messages that wait for a peer, and holds up whoever adds to them once they are both
-// many and large: a peer that does not read costs memory up to a bound, and then time. The
-// senders of one connection's clients share one, or each would add to the bound; so do all
-// strangers.
+// Counts the messages that wait for a peer, and holds up the thread that adds one while they are
+// both many and large: a peer that does not read costs memory up to a bound, and then time. The
+// senders of one connection's clients share one, since the bound is the connection's; all peers
+// without a client share one too.
 //
 // Threads: any. Locks: m_mutex is a leaf.
 class Backlog : public NonCopyable {
@@ -25,7 +25,7 @@ class Backlog : public NonCopyable {
 
     // Waits until there is room.
     void add(uint64_t bytes) EXCLUDES(m_mutex);
-    // Never waits; of no size.
+    // A notice counts as a message without bytes, and never waits.
     void addNotice() { m_messages.fetch_add(1); }
     void remove(uint64_t bytes) EXCLUDES(m_mutex);
     bool isFull() const { return m_messages.load() >= m_maxMessages && m_bytes.load() > kMaxBytes; }
@@ -34,7 +34,7 @@ class Backlog : public NonCopyable {
 
  private:
     const uint64_t m_maxMessages;
-    // Atomics: each message passes here twice, and the mutex is for those who wait.
+    // Atomics: each message passes here twice, and the mutex is only for waiting.
     std::atomic<uint64_t> m_messages{0};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<uint32_t> m_waiters{0};

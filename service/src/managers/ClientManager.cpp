@@ -33,6 +33,7 @@ ClientManager::~ClientManager() {
     Port<ClientDirectory>::disconnect();
     LOG_PROC(m_debugProcess, "to destruct client manager");
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
+    // Records that are left close their connections with them.
     MutexLock lock(m_mutex);
     LOG_PROC(m_debugProcess, "destroy all active clients(count=%lu)", m_idClientMap.size());
     m_socketClientMap.clear();
@@ -42,6 +43,8 @@ ClientManager::~ClientManager() {
 
 void ClientManager::enqueueRegisterClient(Request request) {
     const int socket = request.getSocket();
+    // Found here and held by the job: by the time that runs, the number may be another
+    // connection's.
     ConnectionPtr connection;
     if (socket <= 0) {
         LOG_ERROR("Error: invalid connect socket (%d)", socket);
@@ -64,7 +67,7 @@ void ClientManager::registerClient(Request request, const ConnectionPtr& connect
              escapeControls(name), record.apiMajorVersion, record.apiMinorVersion, socket);
     const uint64_t clientId =
         addClient(name, record.apiMajorVersion, record.apiMinorVersion, connection);
-    if (clientId == 0) {
+    if (clientId == 0) {  // closed, so that the peer does not wait for the answer
         closeClient(socket);
         return;
     }
@@ -133,12 +136,15 @@ void ClientManager::unregisterClient(Request request) {
         results.enqueueSendUnregisterResponse(KELM_ERROR_INVALID_CLIENT, std::move(request));
         return;
     }
+    // A second request finds a client that departs already, and is answered like the first.
     if (departs) notifyClientInDestroy(clientId);
     results.enqueueSendUnregisterResponse(KELM_OK, std::move(request));
     LOG_INFO("client(id:%lu) unregistered: clientName=%s socket=%d", clientId, escapeControls(name),
              socket);
 }
 
+// GraphManager and TaskManager are told after the mutex is released, here and below: their notices
+// lead back to this class.
 void ClientManager::closeClient(int socket) {
     LOG_PROC(m_debugProcess, "close client with socket(%d)", socket);
     std::vector<uint64_t> departing;
@@ -168,14 +174,19 @@ void ClientManager::removeAllClients() {
     for (const uint64_t clientId : departing) notifyClientInDestroy(clientId);
 }
 
+// The client makes no task from here on, so that the task manager's count of them is final.
 bool ClientManager::startDepartureUnsafe(KelmClient& client, bool unregRspSent) {
     client.setRunningState(false);
-    return m_unregisterPhaseMap.try_emplace(client.getId(), Phase{unregRspSent, false}).second;
+    const bool fresh = m_departures.start(client.getId(), unregRspSent);
+    // It may have waited only for answers that are not wanted any more. By a job, since the callers
+    // walk through the records.
+    if (!fresh && unregRspSent) enqueueNotifyAnswered(client.getId());
+    return fresh;
 }
 
 std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
     const std::shared_ptr<ClientConnection>& connection) {
-    connection->shutdown();
+    connection->shutdown();  // ends the write of a sender that waits for the peer
     std::vector<uint64_t> departing;
     for (const auto& [clientId, client] : m_idClientMap) {
         if (client->getConnection() != connection) continue;
@@ -184,6 +195,8 @@ std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
     return departing;
 }
 
+// Both only queue. The task manager reports the end of the last task, which may be at once; the
+// graph manager reports nothing, since a graph does not keep the client's record.
 void ClientManager::notifyClientInDestroy(uint64_t clientId) {
     LOG_PROC(m_debugProcess, "notify client(%lu) which is in destroy", clientId);
     GraphManager::instance().enqueueNotifyClientInDestroy(clientId);
@@ -199,10 +212,32 @@ void ClientManager::enqueueNotifyAllTasksDone(uint64_t clientId) {
 
 void ClientManager::notifyAllTasksDone(uint64_t clientId) {
     MutexLock lock(m_mutex);
-    const auto phase = m_unregisterPhaseMap.find(clientId);
-    if (phase == m_unregisterPhaseMap.end()) return;
-    phase->second.allTasksDone = true;
-    proceedUnsafe(clientId, phase->second);
+    if (m_departures.noteAllTasksDone(clientId)) endClientUnsafe(clientId);
+}
+
+void ClientManager::keepUntilAnswered(Request& request) {
+    const uint64_t clientId = request.getClientId();
+    MutexLock lock(m_mutex);
+    KelmClient* client = getClientForUnsafe(request);
+    if (client == nullptr || !client->isRunning()) return;
+    m_departures.keep(clientId);
+    // Through the port: a request may be destroyed later than this object.
+    request.keep({this, [clientId](const void*) {
+                      Port<ClientDirectory>::notify<&ClientDirectory::enqueueNotifyAnswered>(
+                          clientId);
+                  }});
+}
+
+void ClientManager::enqueueNotifyAnswered(uint64_t clientId) {
+    m_pool.postNotice([this, clientId] {
+        m_onPool.assertHeld();
+        notifyAnswered(clientId);
+    });
+}
+
+void ClientManager::notifyAnswered(uint64_t clientId) {
+    MutexLock lock(m_mutex);
+    if (m_departures.noteAnswered(clientId)) endClientUnsafe(clientId);
 }
 
 void ClientManager::enqueueNotifyUnregRspSent(uint64_t clientId) {
@@ -214,19 +249,14 @@ void ClientManager::enqueueNotifyUnregRspSent(uint64_t clientId) {
 
 void ClientManager::notifyUnregRspSent(uint64_t clientId) {
     MutexLock lock(m_mutex);
-    const auto phase = m_unregisterPhaseMap.find(clientId);
-    if (phase == m_unregisterPhaseMap.end()) return;
-    phase->second.unregRspSent = true;
-    proceedUnsafe(clientId, phase->second);
+    if (m_departures.noteUnregRspSent(clientId)) endClientUnsafe(clientId);
 }
 
-void ClientManager::proceedUnsafe(uint64_t clientId, Phase& phase) {
-    if (!phase.unregRspSent || !phase.allTasksDone || phase.ending) return;
-    phase.ending = true;
+void ClientManager::endClientUnsafe(uint64_t clientId) {
     if (m_finished) {
         cleanClientUnsafe(clientId);
     } else {
-        // The connection closes with the record: answers that are still queued must go first.
+        // The connection closes with the record: answers that are still queued are written first.
         ResultDispatcher::instance().enqueueFinishSender(clientId);
     }
 }
@@ -244,7 +274,7 @@ void ClientManager::notifyAnswersSent(uint64_t clientId) {
 }
 
 void ClientManager::cleanClientUnsafe(uint64_t clientId) {
-    m_unregisterPhaseMap.erase(clientId);
+    m_departures.finish(clientId);
     const auto client = m_idClientMap.find(clientId);
     if (client == m_idClientMap.end()) return;
     removeSocketEntryUnsafe(*client->second);
@@ -260,7 +290,7 @@ void ClientManager::removeSocketEntryUnsafe(const KelmClient& client) {
     const auto entry = m_socketClientMap.find(client.getSocket());
     if (entry == m_socketClientMap.end() || entry->second != &client) return;
     m_socketClientMap.erase(entry);
-    // Another record of the same connection stands in, or its hang-up would find nobody.
+    // Another record of the connection takes its place, or a hang-up would find none to end.
     for (const auto& [clientId, other] : m_idClientMap) {
         if (other.get() != &client && other->getConnection() == client.getConnection()) {
             m_socketClientMap[client.getSocket()] = other.get();
@@ -274,9 +304,9 @@ bool ClientManager::finish(std::chrono::milliseconds time) {
     while (!m_idClientMap.empty()) {
         if (!m_zeroClientCond.waitUntil(m_mutex, deadline)) break;
     }
-    m_finished = true;
+    m_finished = true;  // from here on the other managers may be destroyed
     const bool empty = m_idClientMap.empty();
-    lock.unlock();
+    lock.unlock();  // the pool's jobs take it
     return m_pool.waitIdleFor(timeUntil(deadline)) && empty;
 }
 
@@ -294,6 +324,7 @@ bool ClientManager::verifyRequester(const Request& request) {
     return client != nullptr && client->isRunning();
 }
 
+// Both look-ups under one lock: between two, the id could be given out.
 bool ClientManager::isOfAnotherUser(const Request& request) {
     MutexLock lock(m_mutex);
     return getClientByIdUnsafe(request.getClientId()) != nullptr &&
@@ -304,6 +335,7 @@ KelmClient* ClientManager::getClientForUnsafe(const Request& request) {
     KelmClient* client = getClientByIdUnsafe(request.getClientId());
     if (client == nullptr) return nullptr;
     const auto sender = kelmGetPeer(*request.getMessage());
+    // A client without a known owner can be named by no request.
     const auto& owner = client->getConnection()->getPeer();
     return owner && owner->user == sender->user ? client : nullptr;
 }

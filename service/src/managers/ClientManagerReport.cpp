@@ -1,4 +1,4 @@
-// What the client manager prints at intervals, and tells those who ask.
+// The client manager's part of the interval print, of the status query and of the info package.
 #include "managers/ClientManager.h"
 #include "protocol/src/InfoPackage.h"
 #include "records/KelmClient.h"
@@ -37,38 +37,41 @@ constexpr ClientRow kClientRows[] = {
     {"waitNum", &formatWaitingInferenceNum},
 };
 
-}  // namespace
+using Clients = std::map<uint64_t, std::unique_ptr<KelmClient>>;
 
-void ClientManager::onPrintInfo() {
-    MutexLock lock(m_mutex);
-    if (m_printClientFps) printClientFps();
-    if (m_snapshot) snapshot("RegularPrint");
+// One cell a client, in id order.
+std::vector<std::string> cells(const Clients& clients, std::string (*format)(KelmClient&)) {
+    std::vector<std::string> texts;
+    for (const auto& [clientId, client] : clients) texts.push_back(format(*client));
+    return texts;
 }
 
-void ClientManager::printClientFps() {
-    std::string text = "ClientFps(count=" + std::to_string(m_idClientMap.size()) + "):\n";
-    for (const auto& [clientId, client] : m_idClientMap) {
+void printClientFps(const Clients& clients) {
+    std::string text = "ClientFps(count=" + std::to_string(clients.size()) + "):\n";
+    for (const auto& [clientId, client] : clients) {
         text += " [" + escapeControls(client->getName()) +
                 "] = " + formatFixed(client->getFps(), 2) + "\n";
     }
     LOG_INFO("%s", text);
 }
 
-void ClientManager::snapshot(const char* reason) {
+void printSnapshot(const Clients& clients) {
     TextTable table(kLabelWidth, kCellWidth);
-    const size_t columns = m_idClientMap.size();
+    const size_t columns = clients.size();
     table.rule(columns);
-    table.row(kHeadRow.label, cells(kHeadRow.format));
+    table.row(kHeadRow.label, cells(clients, kHeadRow.format));
     table.rule(columns);
-    for (const ClientRow& row : kClientRows) table.row(row.label, cells(row.format));
+    for (const ClientRow& row : kClientRows) table.row(row.label, cells(clients, row.format));
     table.rule(columns);
-    LOG_INFO("%s", std::string("ClientSnapshot(") + reason + "):\n" + table.text());
+    LOG_INFO("%s", "ClientSnapshot(RegularPrint):\n" + table.text());
 }
 
-std::vector<std::string> ClientManager::cells(std::string (*format)(KelmClient&)) {
-    std::vector<std::string> texts;
-    for (const auto& [clientId, client] : m_idClientMap) texts.push_back(format(*client));
-    return texts;
+}  // namespace
+
+void ClientManager::onPrintInfo() {
+    MutexLock lock(m_mutex);  // both prints tell of the same clients
+    if (m_printClientFps) printClientFps(m_idClientMap);
+    if (m_snapshot) printSnapshot(m_idClientMap);
 }
 
 void ClientManager::enqueueQueryClientStatus(const std::shared_ptr<KelmStatus>& status) {
@@ -85,6 +88,7 @@ void ClientManager::queryClientStatus(const std::shared_ptr<KelmStatus>& status)
     });
 }
 
+// A notice: the collecting thread waits for this part, so a full queue must not delay it.
 void ClientManager::enqueueUpdateInfoPackage(InfoPackage* package) {
     m_pool.postNotice([this, package] { updateInfoPackage(package); });
 }
@@ -93,7 +97,7 @@ void ClientManager::updateInfoPackage(InfoPackage* package) {
     reportPackagePart("ClientManager", [this, package] {
         MutexLock lock(m_mutex);
         for (const auto& [clientId, client] : m_idClientMap) {
-            if (package->clientCount == kPackageClients) break;
+            if (package->clientCount == kPackageClients) break;  // the rest has no row
             InfoClientRow& row = package->clients[package->clientCount++];
             row.clientId = clientId;
             StringHelper::copyStringSafe(row.clientName, client->getName());

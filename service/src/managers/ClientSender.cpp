@@ -12,7 +12,7 @@ namespace kelm {
 
 namespace {
 
-// How many messages of any size a client that does not read may leave waiting.
+// How many messages of any size may wait for a client that does not read.
 constexpr uint64_t kMaxQueuedMessages = 200;
 
 }  // namespace
@@ -55,8 +55,8 @@ void ClientSender::end() {
     m_ended = true;
 }
 
-// The peer may have half a record, behind which nobody may write, and its clients would wait for
-// answers for ever if it were not told.
+// The peer may have half a record, behind which nothing may be written; and its clients would wait
+// for answers without end if the connection stayed open.
 void ClientSender::fail() {
     m_failure = std::generic_category().message(errno);
     m_connection->shutdown();
@@ -72,7 +72,7 @@ bool ClientSender::isClosed() {
 }
 
 void ClientSender::settle() {
-    // Closed by this side: the client's record has gone.
+    // Closed by this side, with the client's record: no failure of the peer's.
     const bool closed = !m_failure.empty() && isClosed();
     for (const MessageTag& message : m_gathered) {
         if (m_failure.empty()) {

@@ -23,15 +23,16 @@ class ConnectionBase;
 namespace kelm {
 
 // Writes one client's messages in order, on a thread of its own. Records that are ready together
-// leave in one write: they gather until the queue is empty or the writer's buffer is full. Once a
-// write has failed the rest is dropped, since the peer may have half a record.
+// are written by one call: they gather until the queue is empty or the writer's buffer is full.
+// Once a write has failed the rest is dropped, since the peer may have half a record.
 //
 // Threads: post() any; write() and flush() inside a posted job.
-// Owns: its pool, and a share of the connection, so that its number goes to no other client.
+// Owns: its pool, and a share of the connection, so that its number is given to no other client.
 class ClientSender : public NonCopyable {
  public:
-    // `socket` is that of the client, who keeps it for life; `backlog` that of another client of
-    // the connection, null if there is none. Raises std::system_error when there is no thread.
+    // `socket` is the number of the client's connection, which never changes; `backlog` that of
+    // another client of the connection, null if there is none. Raises std::system_error when there
+    // is no thread.
     ClientSender(uint64_t clientId, int socket, bool debugProcess,
                  std::shared_ptr<Backlog> backlog = nullptr);
     ~ClientSender();
@@ -57,13 +58,13 @@ class ClientSender : public NonCopyable {
         enqueue(0, std::forward<Job>(job));
     }
 
-    // The message leaves now or with later ones, or is dropped; which of these, the log tells when
-    // it has happened.
+    // The message is written now or with later ones, or dropped; the log tells which when it has
+    // happened.
     void write(KelmMsgBase& message);
-    // Nothing is unwritten after it.
+    // Writes what has gathered.
     void flush();
-    // The same, and what comes later is dropped whole: the connection is about to be closed, which
-    // would cut a record in two.
+    // Writes what has gathered, and drops what comes later: the connection is about to be closed,
+    // which would cut a record in two.
     void end();
 
  private:
@@ -91,7 +92,7 @@ class ClientSender : public NonCopyable {
         });
     }
 
-    // Whether writing makes sense still.
+    // Whether no write has failed and the connection is open.
     bool isOpen() REQUIRES(m_onThread);
     // Whether this side has closed the connection, or is about to.
     bool isClosed() REQUIRES(m_onThread);
@@ -112,7 +113,7 @@ class ClientSender : public NonCopyable {
     bool m_ended GUARDED_BY(m_onThread) = false;
 
     const std::shared_ptr<Backlog> m_backlog;
-    // Atomic: jobs posted and not done; whoever posts and the thread both change it.
+    // Atomic: jobs posted and not done; raised on the posting thread, lowered on the pool's.
     std::atomic<uint64_t> m_pending{0};
     ThreadPool m_pool;  // last: its jobs use all of the above
 };

@@ -10,8 +10,8 @@
 
 namespace kelm {
 
-// One state of one file. Who writes to the file makes another state of it, provided that the clock
-// has moved on since; see GraphBlob.
+// One state of one file. A write makes another state of it, provided that the file system's clock
+// has ticked since the last; see GraphBlob.
 struct FileIdentity {
     explicit FileIdentity(const struct stat& status);
     // The check takes the 0 of the generated comparison for a pointer.
@@ -21,7 +21,7 @@ struct FileIdentity {
     uint64_t inode;
     int64_t size;
     int64_t modified;  // nanoseconds of the system clock
-    int64_t changed;   // the same; unlike `modified` nobody can set it
+    int64_t changed;   // the same; a process cannot set it, as it can `modified`
 };
 
 // The digests of the files that were read last.

@@ -14,13 +14,13 @@ namespace kelm {
 
 // How much work of each connection waits for the graph manager. Requests and the blobs in them are
 // memory that a client piles up as fast as it can write, so a connection that is too far ahead is
-// not read until enough of its work is done. The other connections go on.
+// not read until enough of its work is done. The other connections are read meanwhile.
 //
 // Threads: any. Owns: a share of each connection that has work waiting, so that its number stays.
 // Locks: m_mutex, then a connection's.
 class GraphBacklog {
  public:
-    // Stands for one request, which is done when this goes.
+    // Stands for one request, which counts as done when this is destroyed.
     using Share = std::shared_ptr<const void>;
 
     // Counts a request that came over a connection, with a blob of so many bytes. Called on the

@@ -71,7 +71,7 @@ bool GraphBlob::open(const char* path, const PeerCredentials& peer) {
                   std::strerror(errno));
         return false;
     }
-    // The file was opened with this service's rights, whoever named it.
+    // The file was opened with the rights of this service, which the peer may not have.
     if (!mayAccess(peer, m_file.get(), FileRights::READ)) {
         LOG_ERROR(
             "Error: user %u does not own graph file '%s', and its mode does not let him read it",
@@ -115,7 +115,7 @@ void GraphBlob::finish() {
     m_hash = m_digest.finish();
     if (!m_file) return;
     struct stat status {};
-    // One that was changed within the clock's last tick may be changed again without a mark.
+    // A file that was changed within the clock's last tick may change again without a new mark.
     m_identityProven = ::fstat(m_file.get(), &status) == 0 && FileIdentity(status) == m_identity &&
                        m_identity->changed < m_openTime;
     m_file.reset();
@@ -123,8 +123,8 @@ void GraphBlob::finish() {
 
 std::unique_ptr<KelmGraph> GraphBlob::makeGraph(uint64_t id, uint64_t clientId, const char* name,
                                                 int32_t expectDevices) {
-    // Deliberate: an empty file has the digest of no bytes while its record has none, so that it
-    // loads and is never taken for another one's twin.
+    // Deliberate: the record of an empty file has no digest, so that it loads and never passes for
+    // the twin of another.
     return std::make_unique<KelmGraph>(id, clientId, m_path.c_str(), std::move(m_bytes), m_size,
                                        m_size == 0 ? std::string() : m_hash, name, expectDevices);
 }

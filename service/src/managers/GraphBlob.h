@@ -42,7 +42,7 @@ class GraphBlob {
     // was read, and a change right after it would have shown.
     bool isIdentityProven() const { return m_identityProven; }
 
-    // What twins are looked up by, after the last slice; empty for a blob that cannot be used.
+    // The digest by which twins are found, after the last slice; empty for a blob without use.
     const std::string& getHash() const { return m_hash; }
 
     // Gives the bytes away.

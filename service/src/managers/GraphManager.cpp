@@ -11,8 +11,6 @@
 #include "managers/TaskManager.h"
 #include "records/KelmGraph.h"
 #include "reporting/InfoCollector.h"
-#include "utils/CommonHelper.h"
-#include "utils/FileHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
@@ -22,26 +20,15 @@ namespace kelm {
 
 namespace {
 
-std::string settleDumpPath() {
-    std::string configured = ServiceConfigParser::instance().getGraphDumpPath();
-    if (!configured.empty()) {
-        if (FileHelper::isDirectory(configured)) return configured;
-        LOG_WARN("Warn: Invalid graph dump path: there is no directory '%s'", configured);
-    }
-    return FileHelper::joinPath(CommonHelper::getKelmInstallDir(), "bin", "dump_graph");
-}
-
-// How long the way down waits for devices and tasks to let go.
+// How long the stopping service waits for devices to unload the graphs and for their tasks to end.
 constexpr std::chrono::seconds kRemoveAllLimit{3};
 
 }  // namespace
 
 GraphManager::GraphManager()
     : m_printFps(ServiceConfigParser::instance().isPrintGraphFpsEnabled()),
-      m_dumpGraph(ServiceConfigParser::instance().isDumpGraphEnabled()),
       m_debugProcess(ServiceConfigParser::instance().isGraphManagerDebugProcessEnabled()),
       m_snapshotBase(ServiceConfigParser::instance().getGraphSnapshotMode() == "base"),
-      m_dumpPath(settleDumpPath()),
       m_graphIdentity(ServiceConfigParser::instance().getGraphIdentity()),
       m_turns(m_pool),
       m_pool("GraphMgr", 1, 100) {
@@ -58,13 +45,14 @@ GraphManager::~GraphManager() {
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
     m_stopped.store(true);
     MutexLock lock(m_mutex);
-    // What is still going away stays: a device that has not let go of it may still read it.
+    // A record in m_deallocatingGraphs is left behind: the device that has not unloaded the graph
+    // may still read it.
     for (KelmGraph* graph : m_loadedGraphs) {
         LOG_ERROR("[~GraphManager()][Graph: %s] delete graph(%p)", escapeControls(graph->getName()),
                   graph);
         delete graph;
     }
-    // What the pool still runs finds nothing here and calls no manager that has gone before.
+    // Jobs that the pool still runs find no graph here, and so call no manager that is destroyed.
     m_loadedGraphs.clear();
     while (!m_responseLists.empty()) releaseWaitingUnsafe(m_responseLists.begin()->first);
     m_graphs.clear();
@@ -212,8 +200,9 @@ void GraphManager::releaseWaitingUnsafe(KelmGraph* graph) {
 
 void GraphManager::notifyDeallocatedGraph(KelmGraph* graph) {
     Deallocation& deallocation = m_deallocatingGraphs[graph];
-    // Without a device manager nobody confirms. The notice of the load that failed for the same
-    // reason is in the queue by now, ahead of the task manager's confirmation.
+    // Without a device manager no confirmation of an unload will come. The notice of the load,
+    // which failed for the same reason, is in the queue by now, ahead of the task manager's
+    // confirmation.
     deallocation.unloadDone = !DeviceManagerCreator::instance().enqueueUnloadGraph(graph);
     TaskManager::instance().enqueueNotifyGraphInDestroy(graph);
 }
@@ -258,7 +247,7 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
     LOG_PROC(m_debugProcess, "revoke graph privileges assigned for client(id:%lu)", clientId);
     int numCleaned = 0;
     for (auto entry = m_graphs.begin(); entry != m_graphs.end();) {
-        KelmGraph* graph = (entry++)->second;  // retiring takes it out of the map
+        KelmGraph* graph = (entry++)->second;  // first: retiring takes the graph out of the map
         graph->removeUser(clientId);
         if (graph->isRunning()) continue;
         retireGraphUnsafe(graph);
@@ -271,11 +260,11 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
 void GraphManager::removeAllGraphs() {
     const auto deadline = std::chrono::steady_clock::now() + kRemoveAllLimit;
     m_stopped.store(true);
-    // Requests that have begun queue one turn after the other, of which the next one is the last
-    // now. A late thread is told by m_stopped.
+    // A creation that has begun queues one turn after the other; its next turn finds m_stopped and
+    // is its last. What a thread enqueues after the wait finds that too.
     (void)m_pool.waitIdleFor(kRemoveAllLimit);
     MutexLock lock(m_mutex);
-    // One that is going away already is in m_graphs no more, so no device is told twice.
+    // A graph that departs already is in m_graphs no more, so no device is told twice.
     while (!m_graphs.empty()) retireGraphUnsafe(m_graphs.begin()->second);
     while (!m_deallocatingGraphs.empty() || !m_failedGraphs.empty()) {
         if (m_goneCond.waitUntil(m_mutex, deadline)) continue;

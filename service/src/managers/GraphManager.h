@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "managers/FileDigests.h"
+#include "managers/GraphDump.h"
 #include "managers/GraphTurns.h"
 #include "protocol/src/KelmError.h"
 #include "records/Request.h"
@@ -31,19 +32,20 @@ struct KelmStatus;
 // clients ask for it, and deletes a record only when its tasks have ended and no device holds it.
 //
 // A graph is loading (in m_graphs and m_responseLists), then loaded (in m_graphs and
-// m_loadedGraphs), then going away (in m_deallocatingGraphs only), then deleted. A failed first
-// load ends it too; its record then stays in m_failedGraphs until no task refers to it.
+// m_loadedGraphs), then departing (in m_deallocatingGraphs only), then deleted. A failed first load
+// ends it too; its record then stays in m_failedGraphs until no task refers to it.
 //
-// Notices name a graph by its pointer, and comparing pointers is safe: the device side's last word
-// on a graph is its failed first load or the answer to our one unload request, the task side's last
-// word the answer to our one notice. A record is deleted only when both were handled here, on the
-// pool's one thread in order of arrival, so no notice in the queue can name a deleted graph.
+// Notices name a graph by its pointer, which is safe: the last notice of the device side is that of
+// a failed first load or the answer to the one unload request, the last notice of the task side the
+// answer to the one notice of the departure. A record is deleted only when both were handled here,
+// on the pool's one thread in order of arrival, so no notice in the queue names a deleted graph.
 //
 // The texts of a request live as long as it does; a blob is taken out of it when its turn comes and
 // freed as soon as it is in a record, or not needed.
 //
 // Requests of one connection are handled in order. A create request takes a turn of the thread for
-// every few megabytes, so that large blobs hold up nobody else, and one file is read at a time.
+// every few megabytes, so that a large blob delays no other request, and one file is read at a
+// time.
 //
 // Threads: handlers run on the pool's one thread; getGraphById() on any, onPrintInfo() on the
 // printer's, removeAllGraphs() on the stopping one.
@@ -65,15 +67,16 @@ class GraphManager : public Singleton<GraphManager>,
     void enqueueNotifyUnloadGraphDone(KelmGraph* graph) override;
     // No task of the graph is left, and none will come.
     void enqueueNotifyAllTasksDone(KelmGraph* graph);
-    // The client is leaving: its shares in graphs end.
+    // The client departs: its shares in graphs end.
     void enqueueNotifyClientInDestroy(uint64_t clientId);
 
-    // Null for a graph that is unknown or going away. On the task manager's main thread the record
-    // lives at least until the call's handler ends, since the notice of its end queues behind that.
+    // Null for a graph that is unknown or departs. On the task manager's main thread the record
+    // lives at least until the handler that asks has ended: the notice of its departure queues
+    // behind that.
     KelmGraph* getGraphById(uint64_t graphId) EXCLUDES(m_mutex);
 
-    // The way down, after the clients have gone: takes every graph out of existence and waits, for
-    // a bounded time, until the last record is deleted. Nothing is answered any more afterwards.
+    // The service stops, and its clients have departed: lets every graph depart and waits, for a
+    // bounded time, until the last record is deleted. Nothing is answered any more afterwards.
     void removeAllGraphs() EXCLUDES(m_mutex);
 
     // Name and rates of every loaded graph; then reports its part.
@@ -102,7 +105,7 @@ class GraphManager : public Singleton<GraphManager>,
                      std::optional<CreateAnswer>& answer) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     // Finds the blob, of which nothing is read yet. False if the path names no graph.
     bool openBlob(const Request& request, Creation& creation);
-    // Takes the place of the one who reads a file; false while another has it.
+    // Takes the one place of a creation that reads a file; false while another creation has it.
     bool takeReadersPlace(const CreationPtr& creation) REQUIRES(m_onPool);
     // True if the file is known by its state and was joined or refused.
     bool joinKnownFile(Request& request, const Creation& creation,
@@ -119,7 +122,6 @@ class GraphManager : public Singleton<GraphManager>,
         REQUIRES(m_mutex);
     KelmGraph* getLoadingGraph(const KelmMsgReqCreateGraph& wanted, const std::string& hash)
         REQUIRES(m_mutex);
-    void dumpGraph(KelmGraph& graph);
 
     void notifyLoadGraphDone(KelmGraph* graph, KelmError error) EXCLUDES(m_mutex);
     void failLoadUnsafe(KelmGraph* graph, KelmError error) REQUIRES(m_mutex);
@@ -127,8 +129,8 @@ class GraphManager : public Singleton<GraphManager>,
     void destroyGraph(Request request) EXCLUDES(m_mutex);
     // On success `trace` is the open trace of the graph's end.
     KelmError giveUpGraphUnsafe(const Request& request, uint64_t& trace) REQUIRES(m_mutex);
-    // Takes the graph out of all lists but the last and starts both sides of its end. Requests that
-    // still waited for its load get no answer.
+    // Starts the graph's departure: out of every list but m_deallocatingGraphs, unload asked for,
+    // task manager told. Requests that still waited for its load get no answer.
     void retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
     void releaseWaitingUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
     void notifyDeallocatedGraph(KelmGraph* graph) REQUIRES(m_mutex);
@@ -140,7 +142,7 @@ class GraphManager : public Singleton<GraphManager>,
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
     void queryBufferSize(Request request) EXCLUDES(m_mutex);
-    // Nothing after the way down: the result dispatcher may be destroyed by then.
+    // Nothing once the service stops: the result dispatcher may be destroyed by then.
     void sendCreateGraphResponse(const CreateAnswer& answer, Request request);
     void sendDestroyGraphResponse(KelmError error, Request request);
     void sendQueryBufferSizeResponse(uint64_t outputBufferSize, uint64_t auxBufferSize,
@@ -148,18 +150,15 @@ class GraphManager : public Singleton<GraphManager>,
 
     void queryGraphStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
     void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
-    void printGraphFps() REQUIRES(m_mutex);
-    void snapshot(const char* label) REQUIRES(m_mutex);
 
     Mutex m_mutex;
     int32_t m_graphNum GUARDED_BY(m_mutex) = 0;  // created and not yet finally destroyed
     // Fixed after construction.
     int32_t m_maxGraphNum = INT32_MAX;
     const bool m_printFps;
-    const bool m_dumpGraph;
     const bool m_debugProcess;
     const bool m_snapshotBase;
-    std::string m_dumpPath;
+    GraphDump m_dump;
     // Atomic: an id is drawn without regard to any other field.
     std::atomic<uint64_t> m_nextGraphId{1};
     const std::string m_graphIdentity;
@@ -169,8 +168,8 @@ class GraphManager : public Singleton<GraphManager>,
     std::map<KelmGraph*, Deallocation> m_deallocatingGraphs GUARDED_BY(m_mutex);
     std::set<KelmGraph*> m_failedGraphs GUARDED_BY(m_mutex);      // not counted in m_graphNum
     std::map<uint64_t, KelmGraph*> m_graphs GUARDED_BY(m_mutex);  // what clients can name
-    CondVar m_goneCond;  // a graph has been taken out of existence
-    // Atomic: set once on the way down, and read wherever an answer would go out.
+    CondVar m_goneCond;  // a record has been deleted, or a load has failed
+    // Atomic: set once when the service stops, and read before each answer.
     std::atomic<bool> m_stopped{false};
     ThreadRole m_onPool;
     FileDigests m_fileDigests GUARDED_BY(m_onPool);

@@ -1,5 +1,3 @@
-#include <chrono>
-#include <climits>
 #include <string>
 #include <utility>
 
@@ -11,14 +9,9 @@
 #include "managers/TaskManager.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmGraph.h"
-#include "utils/FileHelper.h"
 #include "utils/Log.h"
-#include "utils/StringHelper.h"
 #include "utils/TextHelper.h"
-#include "utils/ThreadUtils.h"
-#include "utils/TimeHelper.h"
 #include "utils/Tracer.h"
-#include "utils/Utf8.h"
 
 namespace kelm {
 namespace {
@@ -49,26 +42,6 @@ bool getGraphInfo(KelmGraph& graph) {
     return true;
 }
 
-// What of a client's text may be part of a file name: no other directory, no hidden file.
-std::string makeDumpStem(const std::string& graphName, size_t room) {
-    std::string stem = FileHelper::getFileNameStem(graphName);
-    std::erase(stem, '/');
-    stem.erase(0, stem.find_first_not_of('.'));
-    return std::string(Utf8::head(stem, room));
-}
-
-std::string makeDumpFileName(KelmGraph& graph) {
-    static std::atomic<uint64_t> dumpCounter{0};
-    constexpr size_t kHashTail = 6;
-    const std::string& hash = graph.getHash();
-    const std::string ending = "_" + putTime(std::chrono::system_clock::now(), "%Y%m%d_%H%M%S") +
-                               "_" + std::to_string(ThreadUtils::getThreadId()) + "_" +
-                               std::to_string(dumpCounter.fetch_add(1)) + "_sha256_" +
-                               hash.substr(hash.size() < kHashTail ? 0 : hash.size() - kHashTail) +
-                               ".graph";
-    return makeDumpStem(graph.getName(), NAME_MAX - ending.size()) + ending;
-}
-
 }  // namespace
 
 struct GraphManager::Creation {
@@ -92,7 +65,7 @@ void GraphManager::enqueueCreateGraph(Request request) {
 bool GraphManager::continueCreation(Request& request, const CreationPtr& creation) {
     std::optional<CreateAnswer> answer;
     if (!createGraph(request, creation, answer)) return false;
-    creation->blob = {};  // an answer may wait for room
+    creation->blob = {};  // first: the answer may wait for room in a queue, with megabytes held
     // The graph of the answer lives on without the mutex: only this thread deletes one.
     if (answer) sendCreateGraphResponse(*answer, std::move(request));
     return true;
@@ -106,8 +79,8 @@ bool GraphManager::createGraph(Request& request, const CreationPtr& creation,
         answer = CreateAnswer{nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED};
         return true;
     }
-    // Looked at in each turn: a client that leaves must not be entered as a user afterwards, and
-    // for one that has hung up no more bytes are read.
+    // Checked in each turn: a client that departs must not be entered as a user afterwards, and for
+    // one that has hung up no more bytes are read.
     if (m_stopped.load() || !ClientManager::instance().verifyRequester(request) ||
         GraphBacklog::hasHungUp(request.getSocket())) {
         LOG_ERROR("Error: invalid clientId %lu", request.getClientId());
@@ -154,8 +127,8 @@ bool GraphManager::takeReadersPlace(const CreationPtr& creation) {
     return !reader || reader == creation;
 }
 
-// Deliberate: what is known of a file only finds its twins. The record of a graph is made of bytes
-// that were digested themselves, since a mapped file can change without a mark.
+// Deliberate: the remembered digest of a file only finds twins that are loaded. A new record is
+// made of bytes that were digested themselves, since a mapped file can change without a mark.
 bool GraphManager::joinKnownFile(Request& request, const Creation& creation,
                                  std::optional<CreateAnswer>& answer) {
     const std::optional<FileIdentity>& file = creation.blob.getIdentity();
@@ -195,7 +168,7 @@ bool GraphManager::joinGraphUnsafe(Request& request, const std::string& hash,
 }
 
 // The record is made without the mutex, for which every new task waits: a blob can be large, and a
-// dump slow. Twins and the limit stay as they were found, since only this thread enters graphs.
+// dump slow. What joinGraphUnsafe() has found still holds, since only this thread enters graphs.
 std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& request,
                                                                      GraphBlob& blob) {
     const auto& wanted = request.as<KelmMsgReqCreateGraph>();
@@ -203,7 +176,7 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& re
     std::unique_ptr<KelmGraph> record =
         blob.makeGraph(id, wanted.clientId, wanted.graphName, wanted.expectDevices);
     record->setLoadTraceIndex(traceBegin("load_graph_", id));
-    dumpGraph(*record);
+    m_dump.write(*record);
     // Deliberate: the trace of a load that never starts stays open, and so is not in the files.
     if (!getGraphInfo(*record)) {
         LOG_ERROR("Error: invalid format of graph(%lu)", id);
@@ -218,12 +191,13 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& re
     KelmGraph* graph = record.release();
     m_graphs.emplace(id, graph);
     ++m_graphNum;
+    const void* const message = request.getMessage();  // `wanted` is in it, wherever it is owned
+    m_responseLists[graph].push_back(std::move(request));
     // Under the mutex, so that no unload request can come before it. It only queues, and without a
     // device manager for the subclass the failure comes as a notice too.
     (void)DeviceManagerCreator::instance().enqueueLoadGraph(graph);
     LOG_PROC(m_debugProcess, "[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p",
-             wanted.clientId, id, escapeControls(wanted.graphName), request.getMessage());
-    m_responseLists[graph].push_back(std::move(request));
+             wanted.clientId, id, escapeControls(wanted.graphName), message);
     return std::nullopt;
 }
 
@@ -251,25 +225,13 @@ KelmGraph* GraphManager::getLoadingGraph(const KelmMsgReqCreateGraph& wanted,
     return nullptr;
 }
 
-void GraphManager::dumpGraph(KelmGraph& graph) {
-    if (!m_dumpGraph) return;
-    const std::string file = FileHelper::joinPath(m_dumpPath, makeDumpFileName(graph));
-    if (graph.dumpToFile(file)) {
-        LOG_INFO("graph [%s] has been dumped to local file '%s'", escapeControls(graph.getName()),
-                 escapeControls(file));
-    } else {
-        LOG_ERROR("Error: dump graph [%s] to local file '%s' failed",
-                  escapeControls(graph.getName()), escapeControls(file));
-    }
-}
-
 void GraphManager::notifyLoadGraphDone(KelmGraph* graph, KelmError error) {
     std::vector<Request> waiting;
     uint64_t trace = 0;
     {
         MutexLock lock(m_mutex);
         const auto entry = m_responseLists.find(graph);
-        if (entry == m_responseLists.end()) return;  // destroyed while it loaded
+        if (entry == m_responseLists.end()) return;  // it departed while it loaded
         trace = graph->getLoadTraceIndex();
         waiting = std::move(entry->second);
         m_responseLists.erase(entry);

@@ -1,4 +1,5 @@
-// What the graph manager prints at intervals, and tells those who ask.
+// The graph manager's part of the interval print, of the status query and of the info package.
+// Only loaded graphs are in them.
 #include <chrono>
 #include <string>
 #include <vector>
@@ -68,17 +69,9 @@ void fillRow(KelmGraph& graph, InfoGraphRow& row) {
     }
 }
 
-}  // namespace
-
-void GraphManager::onPrintInfo() {
-    MutexLock lock(m_mutex);
-    if (m_printFps) printGraphFps();
-    if (m_snapshotBase) snapshot("RegularPrint");
-}
-
-void GraphManager::printGraphFps() {
-    std::string text = StringHelper::format("GraphFps(count=%lu):\n", m_loadedGraphs.size());
-    for (KelmGraph* graph : m_loadedGraphs) {
+void printGraphFps(const std::set<KelmGraph*>& graphs) {
+    std::string text = StringHelper::format("GraphFps(count=%lu):\n", graphs.size());
+    for (KelmGraph* graph : graphs) {
         text += " [" + escapeControls(graph->getName()) + "] = (in) " +
                 formatFixed(graph->getFpsIn(), 2) + " (out) " + formatFixed(graph->getFpsOut(), 2) +
                 "\n";
@@ -86,15 +79,23 @@ void GraphManager::printGraphFps() {
     LOG_INFO("%s", text);
 }
 
-void GraphManager::snapshot(const char* label) {
+void printSnapshot(const std::set<KelmGraph*>& graphs) {
     TextTable table(kLabelWidth, kCellWidth);
     for (const Row& row : kRows) {
         std::vector<std::string> cells;
-        for (KelmGraph* graph : m_loadedGraphs) cells.push_back(row.cell(*graph));
+        for (KelmGraph* graph : graphs) cells.push_back(row.cell(*graph));
         table.row(row.label, cells);
     }
-    table.rule(m_loadedGraphs.size());
-    LOG_INFO("%s", StringHelper::format("GraphSnapshot(%s):\n", label) + table.text());
+    table.rule(graphs.size());
+    LOG_INFO("%s", "GraphSnapshot(RegularPrint):\n" + table.text());
+}
+
+}  // namespace
+
+void GraphManager::onPrintInfo() {
+    MutexLock lock(m_mutex);
+    if (m_printFps) printGraphFps(m_loadedGraphs);
+    if (m_snapshotBase) printSnapshot(m_loadedGraphs);
 }
 
 void GraphManager::enqueueQueryGraphStatus(const std::shared_ptr<KelmStatus>& status) {
@@ -112,6 +113,7 @@ void GraphManager::queryGraphStatus(const std::shared_ptr<KelmStatus>& status) {
     });
 }
 
+// A notice: the collecting thread waits for this part, so a full queue must not delay it.
 void GraphManager::enqueueUpdateInfoPackage(InfoPackage* package) {
     m_pool.postNotice([this, package] { updateInfoPackage(package); });
 }
@@ -120,7 +122,7 @@ void GraphManager::updateInfoPackage(InfoPackage* package) {
     reportPackagePart("GraphManager", [this, package] {
         MutexLock lock(m_mutex);
         for (KelmGraph* graph : m_loadedGraphs) {
-            if (package->graphCount == kPackageGraphs) break;
+            if (package->graphCount == kPackageGraphs) break;  // the rest has no row
             fillRow(*graph, package->graphs[package->graphCount++]);
         }
     });

@@ -29,7 +29,7 @@ void GraphTurns::enqueue(Request request, uint64_t blobBytes, Step step) {
 void GraphTurns::start(Job job) {
     const int connection = job.request.getSocket();
     const auto waiting = m_waiting.find(connection);
-    if (waiting != m_waiting.end()) {
+    if (waiting != m_waiting.end()) {  // requests of one connection stay in order
         waiting->second.push_back(std::move(job));
     } else if (!job.isDone()) {
         m_waiting[connection].push_back(std::move(job));
@@ -49,7 +49,8 @@ void GraphTurns::takeTurn() {
     }
 }
 
-// Behind what is queued now, so that a turn is never more than one slice away from other work.
+// At most one turn is in the pool's queue, behind what was queued before: other work of the thread
+// waits for one slice of a blob, not for all of it.
 void GraphTurns::queueTurn() {
     if (m_order.empty() || m_turnQueued) return;
     m_turnQueued = true;

@@ -14,14 +14,15 @@ namespace kelm {
 class ThreadPool;
 
 // Brings requests to the graph manager's one thread. A request may take more than one turn there,
-// and other work of the thread goes on between two turns. Requests of one connection run one after
-// the other, in order of arrival; connections whose requests are not done yet take turns.
+// and the thread does other work between two turns. Requests of one connection run one after the
+// other, in order of arrival; connections whose requests are not done yet take turns.
 //
 // Threads: any may enqueue; turns are taken on the pool's thread.
 // Owns: the requests until they are done. Borrows the pool, whose thread ends first.
 class GraphTurns {
  public:
-    // Takes one turn of a request; true when that is done, and the request handed on.
+    // Takes one turn of a request; true when the request is done: answered, or moved to where it
+    // waits. One that is left in place is destroyed unanswered.
     using Step = std::function<bool(Request& request)>;
 
     explicit GraphTurns(ThreadPool& pool) : m_pool(pool) {}
@@ -31,7 +32,7 @@ class GraphTurns {
 
  private:
     struct Job {
-        // One that throws is done, and must not hold those behind it.
+        // Takes a turn. A step that throws is done too, or it would block its connection.
         bool isDone();
 
         Request request;

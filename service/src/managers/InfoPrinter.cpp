@@ -52,7 +52,7 @@ struct KelmStatusExtend : KelmStatus {
     std::atomic<uint8_t> pendingParts{1};
 };
 
-// Who fills the record, and for which bits of the query's type.
+// The managers that fill the record, and for which bits of the query's type.
 struct StatusPart {
     uint64_t bits;
     void (*post)(const StatusPtr& status);
@@ -78,8 +78,8 @@ constexpr StatusPart kStatusParts[] = {
 constexpr uint64_t kKnownBits =
     kQueryAll | kQueryDevices | kQueryGraphs | kQueryClients | kQuerySchedulers;
 
-// Who writes a section of the package. Never held up by a full queue, on which the tools' thread
-// would wait with the package on its stack.
+// The managers that write a section of the package. A full queue must not hold these up: the
+// tools' thread would wait at it with the package on its stack.
 constexpr void (*kPackageParts[])(InfoPackage* package) = {
     [](InfoPackage* package) { ClientManager::instance().enqueueUpdateInfoPackage(package); },
     [](InfoPackage* package) {
@@ -118,7 +118,7 @@ void InfoPrinter::start() {
         m_started = true;
     }
     m_stateCond.notifyAll();
-    // Only now: a tool must not be the one for whom the managers are built.
+    // Only now: the request of a tool would otherwise build managers, in an order of its own.
     if (m_snapshotServer) m_snapshotServer->start();
 }
 
@@ -190,7 +190,8 @@ bool InfoPrinter::waitForNextPass() {
 }
 
 void InfoPrinter::printInfo() {
-    // Held across the calls, so that who has unregistered is not called any more.
+    // Held across the calls: unregisterListener() returns only when no call of the listener runs,
+    // after which its owner may destroy it.
     MutexLock lock(m_listenersMutex);
     for (PrintInfoListener* listener : m_listeners) {
         try {
@@ -243,7 +244,7 @@ void InfoPrinter::queryStatusDone(const StatusPtr& status) {
 
 void InfoPrinter::collectInfoPackage(InfoPackage* package) {
     m_packageParts.resetValue(1 - kPackagePartNum);
-    std::memset(static_cast<void*>(package), 0, sizeof(*package));  // its padding leaves, too
+    std::memset(static_cast<void*>(package), 0, sizeof(*package));  // padding is sent too
     // First: nothing may throw between the questions and the wait for the answers.
     MemoryInspector::instance().updateInfoPackage(package);
     for (const auto& enqueueUpdate : kPackageParts) {
@@ -254,7 +255,8 @@ void InfoPrinter::collectInfoPackage(InfoPackage* package) {
             m_packageParts.post();
         }
     }
-    // Without limit: a manager may still be writing into the package.
+    // Without limit: the package is on the stack of this thread, and a manager may still be writing
+    // into it.
     m_packageParts.wait();
 }
 

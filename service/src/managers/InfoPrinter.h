@@ -63,7 +63,7 @@ class InfoPrinter final : public Singleton<InfoPrinter>, public InfoCollector {
 
  private:
     void mainThreadRoutine();
-    // False when it is time to leave.
+    // False when the thread is to end.
     bool waitForStart() EXCLUDES(m_mutex);
     bool waitForNextPass() EXCLUDES(m_mutex);
     void printInfo() EXCLUDES(m_listenersMutex);
@@ -72,7 +72,7 @@ class InfoPrinter final : public Singleton<InfoPrinter>, public InfoCollector {
     void queryStatus(Request request);
     // One part is filled; the last one sends the answer.
     void queryStatusDone(const std::shared_ptr<KelmStatus>& status);
-    // Returns when every manager has written its section and lets go of the package.
+    // Returns when every manager has written its section and uses the package no more.
     void collectInfoPackage(InfoPackage* package);
 
     const std::string m_name;

@@ -37,16 +37,20 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr int kPollMillisec = 100;  // a stop request is seen within this time
+// After an accept that failed, or for which a place was made: the listening socket stays readable,
+// and would be polled in a loop.
 constexpr milliseconds kAcceptPause{100};
 // A peer that sends nothing for so long may lose its place to a new one.
 constexpr milliseconds kPatience{5000};
 constexpr milliseconds kErrorPause{10};
-constexpr milliseconds kLookInterval{100};
-constexpr long kListenEndMillisec = 1000;     // for the listen thread to see that it is to end
-constexpr long kShutdownEndMillisec = 2000;   // and once nothing can be read or written any more
-constexpr milliseconds kQueuesEndTime{4000};  // for what is queued, graphs included
+constexpr milliseconds kLookInterval{100};  // between two looks for peers that hung up unseen
+// Limits of a stop: for the listen thread to end, the same once nothing can be read or written any
+// more, and for what is queued, graphs included.
+constexpr long kListenEndMillisec = 1000;
+constexpr long kShutdownEndMillisec = 2000;
+constexpr milliseconds kQueuesEndTime{4000};
 
-// Its manager reads a text where it is in the request, so one that fills its field is ended here.
+// Managers read a text in place, up to its NUL: a text that fills its whole field gets one here.
 template <size_t N>
 const char* terminated(char (&field)[N]) {
     field[N - 1] = '\0';
@@ -81,7 +85,7 @@ void MessageDispatcher::init() {
     if (!m_ready) abandonStart();
 }
 
-// Before anybody else makes a connection, as the info printer does.
+// First of all: the info printer makes a connection too, and the first one gets the number 0.
 void MessageDispatcher::reserveConnection() {
     m_poller = std::make_shared<IPC::Poller>();
     m_listenConnection = std::make_shared<IPC::ConnectionUDS>(m_poller.get());
@@ -128,13 +132,14 @@ bool MessageDispatcher::stopService() {
     const auto deadline = steady_clock::now() + kQueuesEndTime;
     LOG_INFO("remove all clients");
     m_clientManager->removeAllClients();
-    IPC::ConnectionBase::shutdownAll(SHUT_RDWR);  // those who have not registered, too
+    IPC::ConnectionBase::shutdownAll(SHUT_RDWR);  // also connections without a client
     LOG_INFO("remove all graphs");
     m_graphManager->removeAllGraphs();
     ended &= m_clientManager->finish(timeUntil(deadline));
     // Before any static object is destroyed: the devices' threads call into the managers.
     ended &= m_deviceManagerCreator->stop();
-    // A stranger's requests may still be queued, and their answers need the other managers.
+    // Requests of peers without a client may still be queued, and their answers need the other
+    // managers.
     ended &= m_taskManager->waitIdleFor(timeUntil(deadline));
     // A package may have waited for a manager that was still at work.
     ended &= printerEnded || m_infoPrinter->stop();
@@ -149,7 +154,8 @@ bool MessageDispatcher::stopListenThread() {
     m_stop = true;
     bool ended = m_listenEnded.waitFor(kListenEndMillisec);
     if (!ended) {
-        // It waits for room in a queue, at whose far end a client does not read.
+        // It waits for room in a queue that is full because a client does not read its answers; the
+        // shutdown ends the write to that client.
         IPC::ConnectionBase::shutdownAll(SHUT_RDWR);
         ended = m_listenEnded.waitFor(kShutdownEndMillisec);
     }
@@ -227,7 +233,8 @@ void MessageDispatcher::makeRoom() {
                   IPC::IPC_CONN_FD_MAX);
         m_listenConnection->refuse();
     }
-    // Also after a close: the number of one that has registered is free only when its record goes.
+    // Also after a close: the number of a connection with clients is free only when their records
+    // are destroyed.
     pauseAccepting();
 }
 
@@ -251,7 +258,7 @@ bool MessageDispatcher::handleMessage(Request request) {
     const RequestRow* const row = RequestRow::find(request.getType());
     if (row == nullptr) {
         LOG_ERROR("Error: invalid message type (%d)", request.getType());
-        (void)request.take();  // not a request, so nothing is owed
+        (void)request.take();  // a message that is no request is owed no answer
         return false;
     }
     (this->*row->handle)(std::move(request));
@@ -276,7 +283,7 @@ void MessageDispatcher::handleUnregister(Request request) {
     const int socket = request.getSocket();
     LOG_PROC(m_debugProcess, "remove socket %d from listening list", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
-        // Deliberate: for good, also if the client turns out to be unknown.
+        // Deliberate: for the rest of the connection's life, also if the client is unknown.
         connection->blockPoller();
         m_leaving.push_back(connection);
     }
@@ -318,6 +325,7 @@ void MessageDispatcher::handleDestroyGraph(Request request) {
              "userParam=%p",
              asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
              request.getMessage());
+    m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueDestroyGraph(std::move(request));
 }
 
@@ -369,10 +377,12 @@ void MessageDispatcher::handleQueryBufferSize(Request request) {
              "socket=%d userParam=%p",
              asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
              request.getMessage());
+    m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueQueryBufferSize(std::move(request));
 }
 
 void MessageDispatcher::handleQueryStatus(Request request) {
+    m_clientManager->keepUntilAnswered(request);
     m_infoPrinter->enqueueQueryStatus(std::move(request));
 }
 
@@ -409,8 +419,8 @@ void MessageDispatcher::handleTimers() {
     closeVanishedClients();
 }
 
-// A connection whose events are blocked does not tell when its peer has gone. Nobody would ever
-// close one whose client named an id that is not its own.
+// A connection whose events are blocked does not tell when its peer hangs up. Without this look,
+// one whose peer asked to unregister an id that is not its own would never be closed.
 void MessageDispatcher::closeVanishedClients() {
     std::vector<std::weak_ptr<IPC::ConnectionBase>> stillThere;
     for (const auto& leaving : m_leaving) {

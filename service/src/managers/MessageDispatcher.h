@@ -35,8 +35,8 @@ class TaskManager;
 //
 // Threads: the listen thread reads every socket, and waits for no peer: what has come of a message
 // stays with its connection until the rest is there. The operations below run on any. Owns: the
-// listening socket, the poller and, through the connection layer, the connections of those who have
-// not registered. Borrows the managers, which outlive it.
+// listening socket, the poller and, through the connection layer, the connections of peers that
+// have not registered. Borrows the managers, which outlive it.
 class MessageDispatcher final : public Singleton<MessageDispatcher> {
  public:
     explicit MessageDispatcher(const char* name = "MsgDispatcher");
@@ -46,12 +46,13 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     bool isReady() const { return m_ready; }
     // Whether there are clients.
     bool isWorking();
-    // Sleeps until the last client has gone, or somebody wants the sleeper to look around.
+    // Sleeps until the last client has departed, or getNotifiedOfZeroClient() is called for another
+    // reason, as the signal thread does: the caller looks again at what it waits for.
     void waitForIdleState() { m_idleSemaphore.wait(); }
     void getNotifiedOfZeroClient() { m_idleSemaphore.post(); }
 
-    // The way down, in bounded time whatever clients and devices do. False if something did not
-    // end: static objects are still in use then, and the process should leave without destroying
+    // Stops the service in bounded time, whatever clients and devices do. False if something did
+    // not end: static objects are still in use then, and the process should exit without destroying
     // them.
     bool stopService();
 
@@ -79,11 +80,12 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     bool handleMessage(Request request) REQUIRES(m_onListenThread);
     void closeConnect(int socket) REQUIRES(m_onListenThread);
     void pauseAccepting() REQUIRES(m_onListenThread);
-    // What is due by the clock: the end of a pause, and clients that vanished while leaving.
+    // What is due by the clock: the end of a pause, and clients that hung up while they departed.
     void handleTimers() REQUIRES(m_onListenThread);
     void closeVanishedClients() REQUIRES(m_onListenThread);
 
-    // Each leaves a trace and hands the request to the pool of its manager.
+    // Each writes a trace and hands the request to the pool of its manager. The trace comes first:
+    // the request may be answered and destroyed as soon as it is handed over.
     void handleRegister(Request request);
     void handleUnregister(Request request);
     void handleCreateGraph(Request request);
@@ -114,7 +116,7 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
 
     ThreadRole m_onListenThread;
     std::optional<std::chrono::steady_clock::time_point> m_acceptAgain GUARDED_BY(m_onListenThread);
-    // Connections that make no event any more since their client asked to leave.
+    // Connections that raise no event any more, since their client asked to unregister.
     std::vector<std::weak_ptr<IPC::ConnectionBase>> m_leaving GUARDED_BY(m_onListenThread);
     std::chrono::steady_clock::time_point m_nextLook GUARDED_BY(m_onListenThread);
 };

@@ -6,6 +6,7 @@
 namespace kelm {
 
 MessageTag::MessageTag(const KelmMsgBase& message) : type(message.type) {
+    // The types below the mark are requests and responses; only responses are sent by the service.
     if (type < KELM_MESSAGE_REQ_END) {
         sequence = reinterpret_cast<const KelmMsgRsp&>(message).rspSeqNo;
     } else if (type == KELM_MESSAGE_TASK_DONE_EVT || type == KELM_MESSAGE_PING_EVT) {

@@ -7,13 +7,13 @@
 
 namespace kelm {
 
-// What the log and the tracer want to know of a message once it has been written or dropped.
+// What the log and the tracer need of a message after it has been written or dropped.
 struct MessageTag {
     explicit MessageTag(const KelmMsgBase& message);
 
     // How the logs name it, behind "send".
     std::string text() const;
-    // It was the last word to its task, if it told the end of one.
+    // Ends the tracer's entry of the task whose end the message tells, if it tells one.
     void finishTaskLifeTrace() const;
 
     uint32_t type;

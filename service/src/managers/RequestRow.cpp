@@ -8,6 +8,7 @@
 
 namespace kelm {
 
+// The rows are few and the search is short beside what a request costs.
 const RequestRow* RequestRow::find(uint32_t type) {
     using Dispatcher = MessageDispatcher;
     static constexpr RequestRow kRows[] = {
@@ -28,8 +29,8 @@ const RequestRow* RequestRow::find(uint32_t type) {
         {KELM_MESSAGE_INFER_TASK_REQ, &Dispatcher::handleInferTask, KELM_MESSAGE_INFER_TASK_RSP,
          "KelmMsgRspInferTask", "sendCreateTaskResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu",
          true, "cancel sendCreateTaskResponse: clientId=%lu", false},
-        // Deliberate: the next two and the status query share the words of a canceled answer, which
-        // log readers know.
+        // Deliberate: the next two and the status query share one text for an answer that is not
+        // wanted. Readers of logs know it so.
         {KELM_MESSAGE_CANCEL_TASK_REQ, &Dispatcher::handleCancelTask, KELM_MESSAGE_CANCEL_TASK_RSP,
          "KelmMsgRspCancelTask", "sendCancelTaskResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu",
          true, "cancel sendQueryTaskStatusResponse: clientId=%lu", false},
@@ -41,7 +42,7 @@ const RequestRow* RequestRow::find(uint32_t type) {
          KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP, "KelmMsgRspQueryBufferSize",
          "sendQueryBufferSizeResponse(rspSeqNo=%lu): clientId=%lu graph=%lu", true,
          "cancel sendQueryBufferSizeResponse: clientId=%lu", false},
-        // Has no answer: it only proves that a descriptor comes through.
+        // Never answered: it only proves that a descriptor comes through.
         {KELM_MESSAGE_TEST_SEND_FD_REQ, &Dispatcher::handleTestSendFd,
          KELM_MESSAGE_TEST_SEND_FD_RSP, "KelmMsgRspTestSendFd", "", false, "", false},
         {KELM_MESSAGE_QUERY_STATUS_REQ, &Dispatcher::handleQueryStatus,

@@ -16,9 +16,11 @@ struct RequestRow {
     void (MessageDispatcher::*handle)(Request request);
     KelmMsgType answer;
     const char* answerRecord;  // for a failed allocation
-    const char* trace;         // of an answer that is sent
-    bool traceHasId;     // sequence and client, then perhaps the id of what the answer is about
-    const char* cancel;  // of one that is not wanted
+    // Log formats. Their arguments are the sequence number and the client's id, then, where the
+    // flag says so, the id of what the answer is about; `cancel` takes no sequence number.
+    const char* trace;  // of an answer that is sent
+    bool traceHasId;
+    const char* cancel;  // of an answer that is not wanted
     bool cancelHasId;
 
     // Null for a message that is no request.

@@ -40,7 +40,7 @@ ResultDispatcher::~ResultDispatcher() {
     stopSendResponse();
     std::map<uint64_t, std::unique_ptr<ClientSender>> pools;
     std::vector<std::unique_ptr<ClientSender>> retired;
-    // On the main pool, whose running job may be using one of them.
+    // By a job of the main pool, since a running job may still be using one of the senders.
     m_mainPool
         .enqueue([this, &pools, &retired] {
             MutexLock lock(m_dedicatedMutex);
@@ -71,6 +71,7 @@ void ResultDispatcher::sendResponse(ClientSender* sender, uint64_t clientId, int
         return;
     }
     const uint64_t bytes = message->size;
+    // `sender` stays: only this thread takes one out, and it is destroyed after its last job.
     sender->post(bytes, [this, sender, createdTaskId, message = std::move(message)] {
         sender->write(*message);
         if (message->type == KELM_MESSAGE_UNREGISTER_RSP) finishUnregister(*sender);
@@ -100,7 +101,7 @@ void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr
                      socket, "not connected");
         }
         tag.finishTaskLifeTrace();
-        // Its record may still be there and wait for this word.
+        // The client's record may still wait for this word, without which it would never end.
         if (tag.type == KELM_MESSAGE_UNREGISTER_RSP) clients.enqueueNotifyUnregRspSent(clientId);
     }
 }
@@ -132,7 +133,8 @@ ClientSender* ResultDispatcher::getDedicatedThreadPool(uint64_t clientId) {
         MutexLock lock(m_dedicatedMutex);
         const auto entry = m_dedicatedThreadPools.find(clientId);
         if (entry != m_dedicatedThreadPools.end()) return entry->second.get();
-        // An id that nobody has gets no thread, nor does a peer that has gone.
+        // No thread for an id without a client, nor for a peer that has hung up: a hostile peer
+        // could have threads made at will.
         connection = clients.getConnectionByClientId(clientId);
         if (m_stopped || !connection || !connection->isConnected()) return nullptr;
         const int socket = connection->getSocket();
@@ -144,6 +146,8 @@ ClientSender* ResultDispatcher::getDedicatedThreadPool(uint64_t clientId) {
             "Error: no thread for the answers to client(id:%lu), its connection is closed: %s",
             clientId, error.what());
     }
+    // After the mutex: the client manager has one of its own. The peer would wait without limit for
+    // answers that have no thread.
     clients.closeClient(connection->getSocket());
     return nullptr;
 }
@@ -155,6 +159,8 @@ void ResultDispatcher::enqueueFinishSender(uint64_t clientId) {
     });
 }
 
+// In the sender's own queue, behind every message that this thread has handed to it: the report
+// says that these are written.
 void ResultDispatcher::finishSender(uint64_t clientId) {
     const auto notify = [clientId] {
         ClientManager::instance().enqueueNotifyAnswersSent(clientId);
@@ -167,6 +173,7 @@ void ResultDispatcher::finishSender(uint64_t clientId) {
     });
 }
 
+// The pointer stays good on this thread, which alone takes senders out of the map.
 ClientSender* ResultDispatcher::findSender(uint64_t clientId) {
     MutexLock lock(m_dedicatedMutex);
     const auto entry = m_dedicatedThreadPools.find(clientId);
@@ -190,8 +197,9 @@ void ResultDispatcher::removeDedicatedThreadPool(uint64_t clientId) {
         m_retiredSenders.push_back(std::move(entry->second));
         m_dedicatedThreadPools.erase(entry);
     }
-    // Its last job may wait for the peer of a connection that another client shares, which must not
-    // hold up this thread: so the pool ends itself, and deletion has only to join an idle thread.
+    // Destroying a pool waits for its jobs, and the last one here may wait for the peer of a
+    // connection that another client shares. This thread builds the messages of all clients: so it
+    // destroys the pool only after the pool's last job has said that it is the last.
     sender->postNotice([this, sender] {
         sender->flush();
         m_mainPool.postNotice([this, sender] {
@@ -213,11 +221,12 @@ void ResultDispatcher::deleteRetiredSender(const ClientSender* sender) {
         m_retiredSenders.erase(entry);
     }
     const bool wasLarge = ended->getBacklog()->wasLarge();
-    ended.reset();
+    ended.reset();  // without the mutex: joins the thread
     // The heaps would keep the megabytes of a client that did not read.
     if (wasLarge) (void)::malloc_trim(0);
 }
 
+// Retired senders count: what they have not written yet is memory of the same connection.
 std::shared_ptr<Backlog> ResultDispatcher::findBacklogUnsafe(int socket) const {
     for (const auto& [clientId, sender] : m_dedicatedThreadPools) {
         if (sender->getSocket() == socket) return sender->getBacklog();

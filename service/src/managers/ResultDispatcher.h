@@ -65,19 +65,19 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void enqueueSendQueryStatusResponse(const std::shared_ptr<KelmStatus>& status, Request request);
     // Fills in the rate of the service and reports that.
     void enqueueQueryServiceFps(const std::shared_ptr<KelmStatus>& status);
-    // The client's record is about to go: reports to the client manager once every answer is out
-    // that has been handed in before.
+    // The client's record is about to be destroyed: reports to the client manager once every answer
+    // is out that has been handed in before.
     void enqueueFinishSender(uint64_t clientId);
-    // The client's record is gone.
+    // The client's record has been destroyed.
     void enqueueRemoveDedicatedThreadPool(uint64_t clientId);
 
-    // From here on no client gets a pool any more, and strangers get no answer.
+    // From here on no client gets a pool any more, and peers without a client get no answer.
     void stopSendResponse() EXCLUDES(m_dedicatedMutex);
 
     void onPrintInfo() override;
 
  private:
-    // Where an answer goes and what it says of itself.
+    // What an answer says in its head and in the log, and its receiver by client and connection.
     struct Answer {
         const RequestRow& row;
         uint64_t clientId;
@@ -111,17 +111,18 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void destroyTask(KelmTask* task);
 
     // Writing. With `createdTaskId` the message is the create response of that task. Without a
-    // sender it goes to the connection that asked.
+    // sender it is written to the connection that the request came on.
     void sendResponse(ClientSender* sender, uint64_t clientId, int socket, MessagePtr message,
                       uint64_t createdTaskId) REQUIRES(m_onMainPool);
-    // For an id that nobody has: written to the connection that asked, or dropped if that has gone.
+    // For an id without a client: written to the connection that the request came on, or dropped if
+    // that is closed.
     void sendWithoutPool(uint64_t clientId, int socket, MessagePtr message) REQUIRES(m_onMainPool);
-    // In a job of the sender, behind what it tells of.
+    // Runs as a job of the sender, after the unregister response has been handed to its writer.
     static void finishUnregister(ClientSender& sender);
     void notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId);
 
-    // The sender of the client, made when the client is known; null for an id that nobody has, and
-    // for a client that has lost its connection, as it does when there is no thread.
+    // The sender of the client, made at its first message; null for an id without a client, and for
+    // a client whose connection is closed, which this does itself when there is no thread to make.
     ClientSender* getDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
         EXCLUDES(m_dedicatedMutex);
     // The same, but none is made.
@@ -132,7 +133,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
         EXCLUDES(m_dedicatedMutex);
     void deleteRetiredSender(const ClientSender* sender) REQUIRES(m_onMainPool)
         EXCLUDES(m_dedicatedMutex);
-    // That of the connection's other clients, null if there are none.
+    // The backlog that the connection's other clients share, null if there are none.
     std::shared_ptr<Backlog> findBacklogUnsafe(int socket) const REQUIRES(m_dedicatedMutex);
     bool isStopped() EXCLUDES(m_dedicatedMutex);
     void printServiceFps();
@@ -146,7 +147,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     bool m_stopped GUARDED_BY(m_dedicatedMutex) = false;
     std::map<uint64_t, std::unique_ptr<ClientSender>> m_dedicatedThreadPools
         GUARDED_BY(m_dedicatedMutex);
-    // Taken out and still writing.
+    // Taken out of the map above and still writing.
     std::vector<std::unique_ptr<ClientSender>> m_retiredSenders GUARDED_BY(m_dedicatedMutex);
 
     ThreadRole m_onMainPool;

@@ -20,7 +20,8 @@ namespace kelm {
 
 namespace {
 
-// A zeroed record; running out of memory ends the process.
+// A zeroed record. Out of memory ends the process: an answer that is left out would leave its
+// client waiting without limit.
 MessagePtr allocate(KelmMsgType type, const char* record) {
     MessagePtr message(kelmAllocMessage(type));
     if (!message) {
@@ -31,7 +32,7 @@ MessagePtr allocate(KelmMsgType type, const char* record) {
     return message;
 }
 
-// The peer's own list of receive buffers goes back to it, without the types.
+// The peer finds its own list of receive buffers in the answer, without the types.
 void echoReceiveBuffers(const KelmMsgBase& request, KelmMsgBase& response) {
     response.peerRecvNum = std::min(request.peerRecvNum, kMaxMessageBlocks);
     std::copy_n(request.peerRecvData, response.peerRecvNum, response.peerRecvData);
@@ -100,7 +101,8 @@ MessagePtr ResultDispatcher::makeResponse(const Answer& answer, const KelmMsgReq
     if (!checkInputParameters(answer, request)) return nullptr;
     MessagePtr message = allocate(answer.row.answer, answer.row.answerRecord);
     fillHead(request, answer.clientId, answer.error, as<KelmMsgRsp>(message));
-    // The answer may go out by the connection's number, after its peer has hung up.
+    // The answer may be written by the connection's number, which must not name another one by
+    // then.
     kelmShareOrigin(request.base, *message);
     return message;
 }
@@ -112,16 +114,19 @@ void ResultDispatcher::deliver(const Answer& answer, MessagePtr message) {
     } else {
         LOG_PROC(m_debugProcess, answer.row.trace, sequence, answer.clientId);
     }
+    // The sender tells the task when this one is written: its done message may wait for that.
     const bool createsTask = answer.row.answer == KELM_MESSAGE_INFER_TASK_RSP;
     const uint64_t createdTaskId = createsTask ? answer.id : 0;
     ClientSender* const sender = getDedicatedThreadPool(answer.clientId);
-    // A request that names another user's client is answered to its sender, not to that client. It
-    // is the ClientSender that is asked, since the id may be given out at this moment.
+    // A request that names another user's client is answered to its sender, not to that client. The
+    // user is read off the ClientSender: the client manager may give the id out at this moment.
     const bool isOthers = sender != nullptr && !sender->isOfUser(kelmGetPeer(*message)->user);
     sendResponse(isOthers ? nullptr : sender, isOthers ? 0 : answer.clientId, answer.socket,
                  std::move(message), createdTaskId);
 }
 
+// The request's record outlives the building, and the request object the hand-over to a sender:
+// what it keeps (see Request::keep) is let go behind the answer.
 template <class Asked, class Told, class Fill>
 void ResultDispatcher::enqueueAnswer(Request request, uint64_t id, KelmError error, Fill fill) {
     m_mainPool.post([this, id, error, fill, request = std::move(request)]() mutable {
@@ -171,7 +176,8 @@ void ResultDispatcher::sendUnregisterResponse(KelmError error, Request request) 
 }
 
 void ResultDispatcher::cancelUnregisterResponse(uint64_t clientId) {
-    // The departure waits for this word, with or without a response, behind what is queued.
+    // The client's end waits for this word also when no response is wanted. It comes behind what is
+    // queued, as a response would.
     ClientSender* const sender = findSender(clientId);
     if (sender == nullptr) {
         ClientManager::instance().enqueueNotifyUnregRspSent(clientId);
@@ -184,7 +190,7 @@ void ResultDispatcher::enqueueSendCreateGraphResponse(const KelmGraph* graph, Ke
                                                       Request request) {
     using Asked = KelmMsgReqCreateGraph;
     using Told = KelmMsgRspCreateGraph;
-    const GraphSizes sizes(graph);
+    const GraphSizes sizes(graph);  // now: the graph may be destroyed before the job runs
     enqueueAnswer<Asked, Told>(std::move(request), sizes.id, error,
                                [sizes](const Asked& /*request*/, Told& response) {
                                    response.graphId = sizes.id;
@@ -283,6 +289,8 @@ void ResultDispatcher::enqueueSendTaskDoneResponse(KelmTask* task, KelmError err
     });
 }
 
+// Passes the task on whatever becomes of the message: to be destroyed, or with the message that it
+// holds to the thread that writes the create response.
 void ResultDispatcher::sendTaskDoneResponse(KelmTask* task, KelmError error) {
     if (task == nullptr) {
         LOG_ERROR("Error: send task done response failed: task == NULL");
@@ -292,7 +300,7 @@ void ResultDispatcher::sendTaskDoneResponse(KelmTask* task, KelmError error) {
     if (client != nullptr) {
         client->increaseInferenceTimes();
         if (task->getCreateTaskRequest().head.needResponse == 0) {
-            // Its event is not told, but has its number all the same.
+            // Deliberate: an event that is not sent uses up a number of the sequence all the same.
             if (takesEvents(*client)) m_evtSeqNo.fetch_add(1);
         } else if (!tellTaskDone(*task, *client, error)) {
             return;
@@ -304,6 +312,8 @@ void ResultDispatcher::sendTaskDoneResponse(KelmTask* task, KelmError error) {
 bool ResultDispatcher::tellTaskDone(KelmTask& task, KelmClient& client, KelmError error) {
     const uint64_t taskId = task.getId();
     MessagePtr message = makeTaskDoneMessage(task, client, error);
+    // If the task keeps it, the client's thread may send it and have the task destroyed from here
+    // on: nothing of the task is read below.
     if (task.setTaskDoneResponse(message)) {
         LOG_PROC(m_debugProcess,
                  "Task(%lu) create response is not sent yet, cache task done response", taskId);
@@ -324,6 +334,7 @@ KelmClient* ResultDispatcher::findReceiver(KelmTask& task) {
         return nullptr;
     }
     ClientManager& clients = ClientManager::instance();
+    // The record found below stays, since the client manager waits for the end of this very task.
     if (!clients.verifyClient(clientId)) {
         LOG_PROC(m_debugProcess, "abort send task done message to unregistered client(id:%lu)",
                  clientId);

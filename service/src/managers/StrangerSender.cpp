@@ -38,7 +38,8 @@ void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, Messa
 
 void StrangerSender::write(IPC::ConnectionBase& connection, const KelmMsgBase& message,
                            Clock::time_point deadline) {
-    // Thousands may be left for a peer that has gone, and each failed write costs an exception.
+    // Thousands of answers may wait for a peer that has hung up, and each failed write costs an
+    // exception.
     if (!connection.connected()) return logFailure(connection, message, "not connected");
     try {
         if (writeInTime(connection, message, deadline)) {
@@ -62,7 +63,7 @@ bool StrangerSender::writeInTime(IPC::ConnectionBase& connection, const KelmMsgB
                                  Clock::time_point deadline) {
     const auto goOn = [&] { return Clock::now() < deadline && !m_backlog.isFull(); };
     Mutex& mutex = connection.writeMutex();
-    while (!mutex.tryLock()) {  // it has registered meanwhile, and that sender is writing
+    while (!mutex.tryLock()) {  // the peer has registered meanwhile, and its ClientSender writes
         if (!goOn()) return false;
         std::this_thread::sleep_for(kTurnPause);
     }

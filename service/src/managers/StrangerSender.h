@@ -14,8 +14,8 @@ class ConnectionBase;
 
 namespace kelm {
 
-// Writes to peers that have no client record, on one thread for all of them. A peer that leaves no
-// room for an answer is closed when the answer is a second old, or as soon as the backlog of all is
+// Writes to peers that have no client record, on one thread for all of them. A peer that does not
+// read is closed when its answer is a second old, or as soon as the backlog of all such peers is
 // full, so that it delays the others by no more.
 //
 // Threads: post() any; it blocks while the backlog is full. Owns: its pool.

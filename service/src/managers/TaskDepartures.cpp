@@ -4,7 +4,7 @@ namespace kelm {
 
 namespace {
 
-// True when the count has come to its end, which also takes it out.
+// True when the count has reached 0, which also takes it out.
 bool countDown(std::map<uint64_t, int32_t>& counts, uint64_t clientId) {
     const auto entry = counts.find(clientId);
     if (entry == counts.end() || --entry->second > 0) return false;

@@ -7,16 +7,17 @@ namespace kelm {
 
 class KelmGraph;
 
-// Which clients and graphs wait for the end of their last task, and how many tasks each still has.
-// A count is made when the departure is announced and lowered with the end of each task; no task is
-// added to it, since a departing client makes none and a departing graph is found by none.
+// Which departing clients and graphs wait for the end of their last task, and how many tasks each
+// still has. A count is made when the departure is announced and lowered with the end of each task;
+// it never rises, since a departing client creates no task and a departing graph is found by none.
 //
 // Not thread-safe: the registry of tasks guards it with its mutex.
 class TaskDepartures {
  public:
     // Whether a count of the client's tasks is under way.
     bool hasClient(uint64_t clientId) const { return m_clientCounts.contains(clientId); }
-    // The same for a client that stays but has given up a graph that it shared.
+    // The same for a client that stays but has given up a graph that it shared: its tasks of before
+    // are canceled, and a second notice of that kind must not cancel those of after.
     bool hasGivenUp(uint64_t clientId) const { return m_givenUpCounts.contains(clientId); }
     // Starts a count, of which 0 is none.
     void addClient(uint64_t clientId, int32_t tasks);
@@ -31,7 +32,7 @@ class TaskDepartures {
         bool graph = false;
     };
     Done removeTask(uint64_t clientId, bool givenUp, KelmGraph* graph);
-    // The task scheduler has let go of the graph. True if no task is left either.
+    // The task scheduler holds nothing of the graph any more. True if no task is left either.
     bool confirmDescheduled(KelmGraph* graph);
 
  private:

@@ -33,7 +33,7 @@ TaskManager::~TaskManager() {
     Port<TaskScheduleListener>::disconnect();
     m_stopping.store(true);
     m_pool.reset();       // its handlers use the scheduler
-    m_scheduler.reset();  // its notices go nowhere by now
+    m_scheduler.reset();  // its notices are dropped, now that the port is disconnected
     m_destroyPool.reset();
 }
 
@@ -109,16 +109,18 @@ void TaskManager::createTask(Request request, std::unique_ptr<KelmTaskParam> tas
     auto task = std::make_unique<KelmTask>(taskId, client, graph, taskParam.release(),
                                            &request.as<KelmMsgReqInferTask>());
     m_taskTraces.begin(taskId);
+    // In the registry before the scheduler has it, whose answer may come first otherwise.
     KelmTask* const entered = task.release();
     m_registry.enter(entered, std::move(request));
-    // The pin keeps the task; the scheduler's answer comes as work on this thread.
+    // Outside the registry's mutex, since it can block. The pin keeps the task until the scheduler
+    // has answered, which comes as a job of this thread.
     m_scheduler->enqueueScheduleTask(entered);
 }
 
 KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
                                  KelmGraph*& graph) const {
-    // A client that runs now is not confirmed as gone, and a graph that is found now not deleted,
-    // before this thread has handled the notice of their end, which queues behind this request.
+    // The records that are found here live until the task has ended: neither is deleted before this
+    // thread has counted its tasks, by a notice that queues behind this request.
     const uint64_t clientId = request.getClientId();
     const bool admitted = ClientManager::instance().verifyRequester(request);
     client = admitted ? getClientById(clientId) : nullptr;
@@ -148,13 +150,14 @@ void TaskManager::scheduleTaskDone(KelmTask* task, bool accepted) {
         LOG_PROC(m_debugProcess, "task(%lu) scheduled success, userParam=%p", task->getId(),
                  request.getMessage());
         sendCreateTaskResponse(task, KELM_OK, std::move(request));
-        unpinTask(task);
+        unpinTask(task);  // last: a task that has run already is deleted by it
         return;
     }
     LOG_PROC(m_debugProcess,
              "task(%lu) scheduled failed, userParam=%p, reason: KELM_ERROR_TOO_MANY_TASK.",
              task->getId(), request.getMessage());
     sendCreateTaskResponse(nullptr, KELM_ERROR_TOO_MANY_TASK, std::move(request));
+    // The task only ends here; taking the pin off deletes it, after which nothing may read it.
     LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=scheduled failed", task->getId());
     destroyTask(task);
     unpinTask(task);
@@ -166,6 +169,8 @@ void TaskManager::rescheduleTaskDone(KelmTask* task, bool accepted) {
     destroyTask(task);
 }
 
+// A worker has given the task back unrun. Looked up first: a task that has ended meanwhile is not
+// in the registry, and its pointer is not to be followed.
 void TaskManager::returnTask(KelmTask* task) {
     if (!m_registry.verify(task)) return;
     if (task->isCanceled()) {
@@ -219,6 +224,8 @@ void TaskManager::unpinTask(KelmTask* task) {
     if (auto dying = m_registry.unpin(task)) finishTask(*dying);
 }
 
+// Runs on either pool. Removed from the counts only after the deletion: client and graph, which the
+// record refers to, may be destroyed as soon as their counts are 0.
 void TaskManager::finishTask(const TaskRegistry::DyingTask& dying) {
     LOG_FREQ(m_debugProcess, "%s", dying.summary);
     // The sender of a done message ends the trace when that is written.
@@ -232,7 +239,8 @@ void TaskManager::finishTask(const TaskRegistry::DyingTask& dying) {
 
 void TaskManager::notifyClientInDestroy(uint64_t clientId) {
     // Giving up a shared graph sends this notice too. It only cancels then: a count made while the
-    // client can still make tasks would miss those, and so let its record be deleted before them.
+    // client can still create tasks would miss those, and the client's record would be destroyed
+    // before them.
     const bool departing = !verifyClient(clientId);
     std::vector<KelmTask*> finished;
     const int count = m_registry.cancelTasksOf(clientId, departing, finished);
@@ -241,6 +249,8 @@ void TaskManager::notifyClientInDestroy(uint64_t clientId) {
 }
 
 void TaskManager::notifyGraphInDestroy(KelmGraph* graph) {
+    // The graph's end waits for the scheduler's answer also without tasks: its queues name the
+    // graph.
     if (m_registry.cancelTasksOf(graph)) m_scheduler->enqueueDescheduleGraph(graph);
 }
 

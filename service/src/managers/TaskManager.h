@@ -58,9 +58,9 @@ class TaskManager final : public Singleton<TaskManager>,
     void enqueueScheduleWorker(WorkThread* worker, KelmGraph* graph) override;
     void enqueueDescheduleWorker(WorkThread* worker, KelmGraph* graph) override;
 
-    // The client is leaving, or has given up a graph that it shared: all its tasks are canceled.
+    // The client departs, or has given up a graph that it shared: all its tasks are canceled.
     void enqueueNotifyClientInDestroy(uint64_t clientId);
-    // The graph is going away: its tasks are canceled.
+    // The graph departs: its tasks are canceled.
     void enqueueNotifyGraphInDestroy(KelmGraph* graph);
 
     // The create response of the task has been written, or will never be. A message in the result
@@ -87,7 +87,8 @@ class TaskManager final : public Singleton<TaskManager>,
     void cancelTask(Request request);
     void descheduleTaskDone(KelmTask* task, bool removed);
     void queryTaskStatus(Request request);
-    // The client whose tasks the request may name; 0, which has none, if it is another user's.
+    // The client whose tasks the request may name: 0, which has no task, if the client that it
+    // names is another user's.
     static uint64_t getTaskOwner(const Request& request);
 
     void destroyTask(KelmTask* task);
@@ -115,7 +116,7 @@ class TaskManager final : public Singleton<TaskManager>,
     const bool m_debugProcess;
     TaskRegistry m_registry;
     TaskTraces m_taskTraces;
-    // Atomic: set once in the destructor, and read wherever an answer would go out.
+    // Atomic: set once in the destructor, and read before each answer.
     std::atomic<bool> m_stopping{false};
     // Last, and emptied by the destructor in an order of its own.
     std::unique_ptr<ThreadPool> m_pool;

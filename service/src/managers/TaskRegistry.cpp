@@ -9,6 +9,7 @@
 
 namespace kelm {
 
+// After the pools of the manager: no handler has a task in hand any more.
 TaskRegistry::~TaskRegistry() {
     MutexLock lock(m_mutex);
     for (const auto& [task, state] : m_tasks) delete task;
@@ -51,7 +52,8 @@ KelmTask* TaskRegistry::pinForCancel(uint64_t clientId, Request& request, KelmEr
 
 bool TaskRegistry::takeCancelRequest(KelmTask* task, Request& request) {
     MutexLock lock(m_mutex);
-    const auto waiting = m_cancelRequests.lower_bound(task);  // the oldest one
+    // The oldest one: a multimap keeps equal keys in order of insertion.
+    const auto waiting = m_cancelRequests.lower_bound(task);
     if (waiting == m_cancelRequests.end() || waiting->first != task) return false;
     request = std::move(waiting->second);
     m_cancelRequests.erase(waiting);
@@ -87,6 +89,7 @@ bool TaskRegistry::verify(KelmTask* task) {
 MessagePtr TaskRegistry::takeHeldMessage(uint64_t taskId, KelmTask*& task) {
     MutexLock lock(m_mutex);
     KelmTask** found = m_taskIdMap.find(taskId);
+    // Under the mutex, which keeps the task: a task without a held message may end at any moment.
     MessagePtr held = found != nullptr ? (*found)->setSendCreateResponseDone() : nullptr;
     task = held ? *found : nullptr;
     return held;
@@ -109,7 +112,7 @@ std::optional<TaskRegistry::DyingTask> TaskRegistry::unlinkUnsafe(KelmTask* task
     TaskState* state = m_tasks.find(task);
     if (state == nullptr) return std::nullopt;
     const uint64_t id = task->getId();
-    m_taskIdMap.erase(id);
+    m_taskIdMap.erase(id);  // also of a pinned task: clients cannot name it any more
     state->ended = true;
     if (state->pins > 0) return std::nullopt;
     DyingTask dying{task, id, task->getClientId(), task->getGraph(), state->givenUp, {}};
@@ -118,6 +121,7 @@ std::optional<TaskRegistry::DyingTask> TaskRegistry::unlinkUnsafe(KelmTask* task
     if (m_debugProcess && Log::instance().isEnabled(LOG_LEVEL_FREQ)) {
         dying.summary = task->getSummary();
     }
+    // Until removed() it still counts: a departure that is announced meanwhile waits for it.
     m_dyingTasks.push_back({id, dying.clientId, dying.graph});
     return dying;
 }
@@ -131,7 +135,8 @@ TaskDepartures::Done TaskRegistry::removed(const DyingTask& dying) {
 int TaskRegistry::cancelTasksOf(uint64_t clientId, bool departing,
                                 std::vector<KelmTask*>& finished) {
     MutexLock lock(m_mutex);
-    // A second notice while the first is under way; that of a departure outranks the other kind.
+    // A second notice while the first is under way. One of a departure is not held back by a count
+    // of the other kind: the client's record waits for it.
     if (m_departures.hasClient(clientId)) return -1;
     if (!departing && m_departures.hasGivenUp(clientId)) return -1;
     int count = 0;
@@ -139,8 +144,8 @@ int TaskRegistry::cancelTasksOf(uint64_t clientId, bool departing,
         if (task->getClientId() != clientId) continue;
         task->cancel();
         ++count;
-        // The create response of a client that has vanished may never be written, so its done
-        // message must not wait for it: the task has run and only that message kept it.
+        // The create response of a client that has hung up may never be written, so the done
+        // message must not wait for it: the task has run, and only that message keeps it.
         if (departing && task->dropTaskDoneResponse()) finished.push_back(task);
         if (!departing) state.givenUp = true;
     }
@@ -156,6 +161,7 @@ int TaskRegistry::cancelTasksOf(uint64_t clientId, bool departing,
 
 bool TaskRegistry::cancelTasksOf(KelmGraph* graph) {
     MutexLock lock(m_mutex);
+    // Dying tasks count too: their records are being deleted, and still refer to the graph.
     int32_t count = 0;
     for (const Remains& remains : m_dyingTasks) {
         if (remains.graph == graph) ++count;

@@ -27,8 +27,8 @@ class KelmTask;
 // taken off: a pin stands for an answer of the task scheduler that will name the task, whose
 // address, from a free list, could otherwise be that of another one by then.
 //
-// Threads: any. Owns: the tasks until they are dying, then whoever was given them deletes them; and
-// the waiting requests. Locks: m_mutex, then a task's.
+// Threads: any. Owns: the tasks until end() or unpin() gives them out, and the waiting requests.
+// Locks: m_mutex, then a task's.
 class TaskRegistry : public NonCopyable {
  public:
     // A task out of all lists, for its last owner to delete; counts for its client and its graph
@@ -59,7 +59,7 @@ class TaskRegistry : public NonCopyable {
 
     // -1 with the error for a task that is not the client's.
     int32_t getStatus(uint64_t clientId, uint64_t taskId, KelmError& error) EXCLUDES(m_mutex);
-    // A pointer that is not in here is not to be followed.
+    // Whether the task is in here. A pointer that is not may be that of a deleted task.
     bool verify(KelmTask* task) EXCLUDES(m_mutex);
     // The create response of the task is out: what its done message has waited for, if it was held.
     MessagePtr takeHeldMessage(uint64_t taskId, KelmTask*& task) EXCLUDES(m_mutex);
@@ -68,7 +68,7 @@ class TaskRegistry : public NonCopyable {
     std::optional<DyingTask> end(KelmTask* task) EXCLUDES(m_mutex);
     // An answer of the scheduler has come. Nothing unless the task only waited for that.
     std::optional<DyingTask> unpin(KelmTask* task) EXCLUDES(m_mutex);
-    // The task is deleted: tells whose last one it was.
+    // The task is deleted: tells whether it was the last one of its client and of its graph.
     TaskDepartures::Done removed(const DyingTask& dying) EXCLUDES(m_mutex);
 
     // Cancels all tasks of a client that departs, or that stays and has given up a graph. Returns
@@ -78,7 +78,7 @@ class TaskRegistry : public NonCopyable {
         EXCLUDES(m_mutex);
     // The same for a graph that departs; false if it does so already.
     bool cancelTasksOf(KelmGraph* graph) EXCLUDES(m_mutex);
-    // The scheduler has let go of the graph. True if no task of it is left either.
+    // The scheduler holds nothing of the graph any more. True if no task of it is left either.
     bool confirmDescheduled(KelmGraph* graph) EXCLUDES(m_mutex);
 
  private:
@@ -103,7 +103,7 @@ class TaskRegistry : public NonCopyable {
     RecycledMap<KelmTask*, TaskState> m_tasks GUARDED_BY(m_mutex);
     RecycledMap<uint64_t, KelmTask*> m_taskIdMap GUARDED_BY(m_mutex);  // those not ended
     RecycledMap<KelmTask*, Request> m_scheduleRequests GUARDED_BY(m_mutex);
-    // In order of the requests for each task, in which the scheduler answers them too.
+    // For each task in order of arrival, which is the order of the scheduler's answers.
     std::multimap<KelmTask*, Request> m_cancelRequests GUARDED_BY(m_mutex);
     std::vector<Remains> m_dyingTasks GUARDED_BY(m_mutex);  // one per destroying thread
     TaskDepartures m_departures GUARDED_BY(m_mutex);

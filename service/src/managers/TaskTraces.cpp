@@ -19,7 +19,7 @@ void TaskTraces::begin(uint64_t taskId) {
 void TaskTraces::finish(uint64_t taskId) {
     if (!isTracerOn()) return;
     uint64_t trace = 0;
-    {
+    {  // the tracer has a mutex of its own, so it is called after this one
         MutexLock lock(m_mutex);
         const uint64_t* found = m_taskTraces.find(taskId);
         if (found == nullptr) return;

@@ -28,6 +28,8 @@ void connect() {
 }  // namespace
 
 void connectPorts() {
+    // Only providers: no manager is built before it is needed, in an order that setupService()
+    // sets.
     connect<ClientDirectory, ClientManager>();
     connect<InfoCollector, InfoPrinter>();
     connect<TaskExchange, TaskManager>();

@@ -13,8 +13,8 @@ namespace kelm {
 
 struct PeerCredentials;
 
-// The connection of one or more client records: closed when the last of them is gone. While it is
-// held, its number goes to no other connection.
+// The connection of one or more client records: closed when the last of them is destroyed. While it
+// is held, its number is given to no other connection.
 //
 // Threads: any.
 class ClientConnection : public NonCopyable {

@@ -18,6 +18,7 @@ namespace kelm {
 
 namespace {
 
+// From malloc(), as every blob: those of requests come from the message library, which uses that.
 UniqueMalloc<char> copyBlob(const char* buffer, uint64_t size) {
     if (buffer == nullptr || size == 0) return nullptr;
     UniqueMalloc<char> data(static_cast<char*>(std::malloc(size)));

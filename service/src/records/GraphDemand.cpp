@@ -18,6 +18,8 @@ float computeDrainRate(const GraphLoad& load) {
     return load.fpsOut > 0.0f ? load.fpsOut : computeDeviceFps(load.avgInferTime);
 }
 
+// The backlog, in seconds that it takes to drain, counts as so many times the arrivals. The casts
+// keep float and double where they are: the schedulers decide the same on every compiler.
 float computeDeviceRequest(const GraphLoad& load) {
     const float rate = computeDrainRate(load);
     if (load.fpsIn > 0.0f) {
@@ -46,7 +48,7 @@ GraphDemand::GraphDemand(const char* name)
 
 void GraphDemand::updateFpsIn() {
     MutexLock lock(m_waitMutex);
-    m_fpsIn.update();
+    m_fpsIn.update();  // under the mutex, so that rate and backlog tell of the same tasks
     ++m_numWaitTasks;
 }
 

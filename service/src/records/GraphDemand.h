@@ -21,15 +21,16 @@ struct GraphLoad {
 
 // Tasks per second that one device is taken to deliver.
 float computeDeviceFps(float avgInferTime);
-// The rate at which the backlog shrinks: what leaves, or a device's rate while nothing has left.
+// The rate at which the backlog shrinks: that of tasks which leave the waiting state, or one
+// device's rate while none has.
 float computeDrainRate(const GraphLoad& load);
 // How many devices the load needs, before the factor. Pure; the same floats on every compiler.
 float computeDeviceRequest(const GraphLoad& load);
 // 1.5 for a graph that keeps up, has no backlog, and needs barely more than a whole number.
 float computeDevReqFactor(float deviceRequest, const GraphLoad& load);
 
-// What is measured of a graph: the tasks that come and leave, those that wait, and how long an
-// inference takes.
+// What is measured of a graph: the rates of tasks that arrive and that leave the waiting state, how
+// many wait, and how long an inference takes.
 //
 // Threads: any. Locks: m_waitMutex, then a counter's; m_inferenceMutex is taken alone.
 class GraphDemand : public NonCopyable {

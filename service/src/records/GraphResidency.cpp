@@ -65,6 +65,7 @@ uint32_t GraphResidency::getLoadFailCount() {
 
 void GraphResidency::setPendingState(bool pending) {
     MutexLock lock(m_mutex);
+    // The pass that makes it pending sets the start; only those after it count as cycles.
     if (!pending) {
         m_outCycleNum = 0;
     } else if (!m_isPending) {

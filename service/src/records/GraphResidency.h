@@ -35,8 +35,8 @@ class GraphResidency : public NonCopyable {
     void increaseLoadFailCount() EXCLUDES(m_mutex);
     uint32_t getLoadFailCount() EXCLUDES(m_mutex);
 
-    // A graph is pending while a pass of its scheduler leaves it without a device that it asks
-    // for; each further pass that does so is one cycle out.
+    // A graph is pending from the pass of its scheduler that gives it no device although it asks
+    // for one, until a pass gives it one; each further pass without a device is one cycle out.
     void setPendingState(bool pending) EXCLUDES(m_mutex);
     bool isPending() EXCLUDES(m_mutex);
     // If pending, stores since when and returns true.

@@ -55,7 +55,7 @@ std::vector<std::string> GraphUsers::getClientNames() {
 
 void GraphUsers::spliceGraphName() {
     MutexLock lock(m_mutex);
-    if (m_users.empty()) return;
+    if (m_users.empty()) return;  // a graph that departs keeps its last name
     std::string names;
     for (const auto& user : m_users) names += user.second + ";";
     names.pop_back();

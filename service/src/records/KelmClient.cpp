@@ -28,7 +28,8 @@ KelmClient::KelmClient(uint64_t id, std::string name, std::shared_ptr<ClientConn
     m_fpsCounter.m_bufferTimeMs = ServiceConfigParser::instance().getFpsBufferTimeLength();
 }
 
-// Closes the connection unless another client record shares it.
+// Closes the connection unless another client record shares it. Here, since the header only
+// declares the connection's class.
 KelmClient::~KelmClient() = default;
 
 int KelmClient::getSocket() const { return m_connection ? m_connection->getSocket() : -1; }
@@ -43,6 +44,7 @@ void KelmClient::setRunningState(bool running) {
     m_running = running;
 }
 
+// Not a reservation: only the task manager's one thread asks and then creates a task.
 bool KelmClient::allowInferTask() {
     MutexLock lock(m_mutex);
     return m_taskCount < m_maxTaskNumber;

@@ -12,7 +12,7 @@ namespace kelm {
 
 class ClientConnection;
 
-// One registered client process: its connection and its counters. Running, then leaving; there is
+// One registered client process: its connection and its counters. Running, then departing; there is
 // no way back.
 //
 // Threads: any. Owns: a share of the connection. Locks: m_mutex, then the fps counter's.
@@ -24,7 +24,7 @@ class KelmClient : public NonCopyable {
 
     uint64_t getId() const { return m_id; }
     const std::string& getName() const { return *m_name; }
-    // The name for those who keep it beyond the client's life.
+    // The name for tasks, which keep it beyond the client's life.
     const std::shared_ptr<const std::string>& getSharedName() const { return m_name; }
     int getSocket() const;
     const std::shared_ptr<ClientConnection>& getConnection() const { return m_connection; }

@@ -52,6 +52,7 @@ float KelmGraph::getDevReqNum() {
     load.waitTasks = getNumWaitTasks();
     load.fpsIn = getFpsIn();
     load.fpsOut = getFpsOut();
+    // The factor reads the figures anew: it may be of a later moment than the request.
     const float request = computeDeviceRequest(load);
     const float factor = getDevReqFactor(request);
     const float result = request * factor;

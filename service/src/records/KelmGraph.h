@@ -15,8 +15,8 @@ namespace kelm {
 // figures from which the schedulers estimate its demand; each of these is a class of its own, with
 // a mutex of its own, and this one joins them.
 //
-// Created and deleted by the graph manager only; others hold plain pointers until they have
-// confirmed that they let go.
+// Created and deleted by the graph manager only; workers, schedulers and the task manager hold
+// plain pointers until they have confirmed the graph's departure.
 //
 // Threads: any. Locks: those of its parts, never two at a time.
 class KelmGraph final : public GraphContent,

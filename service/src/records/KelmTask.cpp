@@ -21,7 +21,7 @@ namespace {
 constexpr size_t kBlocksToKeep = 512;
 constexpr size_t kDescribedNameLength = 10;
 
-// Never destroyed: a task may end while static objects are going.
+// Never destroyed: a task may end while static objects are being destroyed.
 BlockCache& blockCache() {
     static BlockCache& obj = *new BlockCache(sizeof(KelmTask), kBlocksToKeep);
     return obj;
@@ -53,7 +53,8 @@ KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskPa
     m_graph->increaseTaskCount();
 }
 
-// The counts of client and graph go down after the last use of the two: from then on they may go.
+// The counts of client and graph are lowered after the last use of the two, which may be deleted
+// from then on.
 KelmTask::~KelmTask() {
     finishExecutionTrace();  // of an attempt that gave no result
     if (m_taskParam) {
@@ -98,6 +99,7 @@ int32_t KelmTask::getLoadCount() {
 }
 
 KelmTask::TimePoint* KelmTask::stampUnsafe(int32_t status) {
+    // One for each status, in the order of their numbers.
     TimePoint* const stamps[] = {&m_timeToKelmHal, &m_timeToTaskQueue, &m_timeToTevoHal,
                                  &m_timeTevoLoaded, &m_timeGotResult};
     if (status < TASK_STATUS_CREATED || status > TASK_STATUS_DONE) return nullptr;
@@ -150,17 +152,21 @@ bool KelmTask::dropTaskDoneResponse() {
     MutexLock lock(m_mutex);
     m_isCreateRspSent = true;
     const MessagePtr held = std::move(m_taskDoneMsg);
+    // No message tells the task's end any more, so its trace ends with the record.
     if (held) m_hasTaskDoneMsg = false;
     return held != nullptr;
 }
 
 void KelmTask::finishExecutionTrace() {
+    // The device's thread and the destructor may both come here; the exchange lets one of them end
+    // it.
     const uint64_t index = m_executionTraceIndex.exchange(kNoTrace);
     if (index != kNoTrace) TraceEndCsv(index);
 }
 
 std::string KelmTask::getSummary() {
     MutexLock lock(m_mutex);
+    // A task that found a waiting worker never was in a queue, and waited for 0 ms.
     const bool wasQueued = m_timeToTaskQueue != TimePoint();
     const TimePoint pushed = wasQueued ? m_timeToTaskQueue : m_timeToTevoHal;
     return StringHelper::format(

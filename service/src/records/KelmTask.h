@@ -55,7 +55,7 @@ class KelmTask : public NonCopyable {
     KelmTaskParam* getTaskParam() const { return m_taskParam.get(); }
     const KelmMsgReqInferTask& getCreateTaskRequest() const { return m_createTaskRequest; }
 
-    // Only sets a flag: whoever holds the task next sees it and acts on it.
+    // Only sets a flag: the scheduler, the worker or the manager that has the task next acts on it.
     void cancel() EXCLUDES(m_mutex);
     bool isCanceled() EXCLUDES(m_mutex);
 
@@ -69,17 +69,17 @@ class KelmTask : public NonCopyable {
     std::string getTimeToKelmHal() EXCLUDES(m_mutex);
     std::string getTimeToTaskQueue() EXCLUDES(m_mutex);
 
-    // Order of the two answers: the done message waits here until the create response is out.
-    // True: the task keeps the message, the caller keeps its hands off task and message.
+    // Order of the two answers: the done message waits here until the create response is written.
+    // True: the task holds the message, and the caller must use neither any more.
     bool setTaskDoneResponse(MessagePtr& message) EXCLUDES(m_mutex);
     // The create response is out. A message in the result obliges the caller to send it and then
     // to destroy the task.
     MessagePtr setSendCreateResponseDone() EXCLUDES(m_mutex);
 
-    // Whether a done message was made, which somebody sends or the task holds.
+    // Whether a done message was made: it is sent by now, or held by the task.
     bool hasTaskDoneResponse() EXCLUDES(m_mutex);
-    // The create response will never be out. True if a done message was held, which goes too and
-    // obliges the caller to destroy the task.
+    // The create response will never be written. True if a done message was held: it is dropped
+    // too, and the caller must destroy the task.
     bool dropTaskDoneResponse() EXCLUDES(m_mutex);
 
     // The tracer's handle of the execution on a device.
@@ -94,12 +94,12 @@ class KelmTask : public NonCopyable {
     std::string getDescription() EXCLUDES(m_mutex);
 
  private:
-    // Where the time of a status goes, null for a status without one.
+    // The field for the time of a status, null for a status without one.
     TimePoint* stampUnsafe(int32_t status) REQUIRES(m_mutex);
 
     const uint64_t m_id;
     KelmClient* const m_client;
-    // Kept for after the client is gone.
+    // Copies, for logs that are written after the client's end.
     const uint64_t m_clientId;
     const std::shared_ptr<const std::string> m_clientName;
     KelmGraph* const m_graph;

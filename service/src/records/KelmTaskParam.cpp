@@ -14,7 +14,7 @@ namespace {
 // Tasks in flight beyond this number are rare enough for the heap.
 constexpr size_t kBlocksToKeep = 512;
 
-// Never destroyed: a block may come back while static objects are going.
+// Never destroyed: a block may come back while static objects are being destroyed.
 BlockCache& blockCache() {
     static BlockCache& obj = *new BlockCache(sizeof(KelmTaskParam), kBlocksToKeep);
     return obj;
@@ -38,8 +38,9 @@ KelmTaskParam::~KelmTaskParam() {
     releaseBuffer(m_auxBuffer);
 }
 
-// The mapping goes back the way it came. A descriptor is closed whatever the buffer's type says:
-// the type is the client's word, and no descriptor of a task may stay open.
+// A shared memory object unmaps itself; what the allocator has mapped it takes back. A descriptor
+// is closed whatever the buffer's type says: the type is the client's word, and no descriptor of a
+// task may stay open.
 void KelmTaskParam::releaseBuffer(KelmBuffer& buffer) {
     if (buffer.shareMemory != 0) {
         delete reinterpret_cast<ShareMemory*>(buffer.shareMemory);

@@ -16,11 +16,13 @@ static_assert(offsetof(KelmMsgReqUnregister, clientId) == sizeof(KelmMsgReq) &&
               offsetof(KelmMsgReqQueryStatus, clientId) == sizeof(KelmMsgReq) &&
               offsetof(KelmMsgReqResetDevice, clientId) == sizeof(KelmMsgReq));
 
+// Not the generated one, which would release what this held without a word in the log.
 Request& Request::operator=(Request&& other) noexcept {
     if (this == &other) return *this;
     abandon();
     m_message = std::move(other.m_message);
     m_socket = other.m_socket;
+    m_kept = std::move(other.m_kept);
     return *this;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 #include "protocol/src/KelmMessage.h"
@@ -8,13 +9,13 @@
 
 namespace kelm {
 
-// A client's request from its receipt until its answer. Holding one is owing an answer: the calls
-// of the result dispatcher that build answers consume it. One that is destroyed before that is
-// unanswered: its message is released with its descriptors, which the log tells in one line unless
-// the client wants no answer.
+// A client's request from its receipt until its answer. Code that holds one owes the answer: the
+// calls of the result dispatcher that build answers consume it. If it is destroyed before that, its
+// message and descriptors are released and the log says so in one line, unless no answer is wanted.
 //
 // Threads: one at a time; a request is handed on by moving it into the next thread's job.
-// Owns: the message, and with it the number of the connection that it came on.
+// Owns: the message, and through it a share of the connection that it came on, whose number is
+// given to no other meanwhile.
 class Request {
  public:
     Request() = default;  // none
@@ -41,14 +42,18 @@ class Request {
     }
     KelmMsgBase* getMessage() const { return m_message.get(); }
 
-    // Makes this no request any more; for those who build the answer or need none.
+    // Makes this no request any more; for the code that builds the answer, or that owes none.
     MessagePtr take() { return std::move(m_message); }
+
+    // Keeps something until this object is destroyed, which the answer's job does last.
+    void keep(std::shared_ptr<const void> share) { m_kept = std::move(share); }
 
  private:
     void abandon() noexcept;
 
     MessagePtr m_message;
     int m_socket = -1;
+    std::shared_ptr<const void> m_kept;
 };
 
 }  // namespace kelm

@@ -28,7 +28,7 @@ void fill(KelmBuffer& buffer, void* data, unsigned long size, int fd, int handle
 
 }  // namespace
 
-// A handle of the ION device that goes back unless it is kept.
+// A handle of the ION device that is given back to it unless keep() is called.
 class BufferAllocator::Handle {
  public:
     explicit Handle(const Ion& ion) : m_ion(ion) {}
@@ -48,7 +48,7 @@ class BufferAllocator::Handle {
 BufferAllocator::~BufferAllocator() {
     if (m_ion.fd < 0) return;
     (void)m_ion.library->ion_close(m_ion.fd);
-    m_ion.fd = -1;  // a task that ends later still gives back its mappings and descriptors
+    m_ion.fd = -1;  // free() still works for a task that ends later, but for the handle
 }
 
 BufferAllocator::Ion BufferAllocator::openIon() {
@@ -78,7 +78,7 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
     const Ion ion = openIon();
     if (ion.fd < 0) return KELM_ERROR_BUFFER_ALLOC_FAILED;
     Handle handle(ion);
-    uint64_t trailing = 0;  // of a width that is not documented
+    uint64_t trailing = 0;  // the last argument, of a width that is not documented
     if (ion.library->ion_alloc_only(ion.fd, size, kAlign, kHeapMask, kFlags, &handle.number,
                                     &trailing) < 0) {
         handle.keep();
@@ -157,7 +157,7 @@ KelmError BufferAllocator::free(KelmBuffer* buffer) {
         }
     }
     if (buffer->fd > 0) {
-        (void)::close(buffer->fd);  // the number is gone whatever close says
+        (void)::close(buffer->fd);  // the number is free also when close() fails
         buffer->fd = 0;
     }
     return KELM_OK;
