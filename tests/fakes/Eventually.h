@@ -8,7 +8,7 @@ namespace kelm {
 // Polls until the predicate holds; false when the deadline passes first.
 template <class Predicate>
 bool eventually(Predicate predicate,
-                std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+                std::chrono::milliseconds limit = std::chrono::milliseconds(20000)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!predicate()) {
         if (std::chrono::steady_clock::now() > deadline) return false;

@@ -9,7 +9,7 @@
 
 namespace kelm {
 
-// Owns workers and destroys one as soon as its scheduler lets go of it. Any thread.
+// Owns workers and destroys one as soon as its scheduler releases it. Any thread.
 class FakeWorkerRemovalListener final : public WorkerRemovalListener {
  public:
     WorkThread* own(std::unique_ptr<WorkThread> worker) {

@@ -11,7 +11,7 @@
 
 namespace kelm {
 
-// Another user than the one who runs the tests. Only root can act for him.
+// Another user than that of the tests. Only root can act for it.
 class OtherUser {
  public:
     static constexpr uid_t kId = 65534;

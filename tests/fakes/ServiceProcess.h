@@ -34,7 +34,7 @@ namespace kelm {
 //     service.useRunDir();  // from here this process's client library finds it
 //     EXPECT_TRUE(service.stop(10s));
 //
-// Its output goes to a terminal of its own, so that every line can be seen at once. The destructor
+// Its output is a terminal of its own, so that every line can be seen at once. The destructor
 // kills the child, if it still runs, by its id.
 class ServiceProcess {
  public:

@@ -112,7 +112,7 @@ TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
     EXPECT_EQ(stayer.receive<KelmMsgEvtTaskDone>().taskId, keptTask);
     EXPECT_TRUE(dropped.isClosed());
 
-    // It goes on: tasks made after that run and are waited for when it leaves.
+    // The client stays: tasks that it makes after that run and are waited for when it leaves.
     ASSERT_EQ(leaver.createGraph({"blob"}).graphId, graph);
     DescriptorProbe later;
     const uint64_t laterTask = infer(leaver, graph, later).taskId;
@@ -177,7 +177,7 @@ TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
         DescriptorProbe tooLate;
         auto request = stayer.makeInfer(graph);
         request.clientId = leaver.id();
-        sendInfer(stayer, request, tooLate);  // its answer goes to the other one
+        sendInfer(stayer, request, tooLate);  // its answer is written to the other one
         EXPECT_TRUE(tooLate.isClosed());
         device().release(DeviceCall::LoadTensor);
         EXPECT_TRUE(canceled.isClosed());

@@ -58,7 +58,7 @@ struct GraphWish {
 class WireClient {
  public:
     using Millis = std::chrono::milliseconds;
-    static constexpr Millis kPatience{10000};
+    static constexpr Millis kPatience{20000};
 
     // How bytes leave.
     struct Manner {
