@@ -50,7 +50,7 @@ class DeviceManagerCreatorTest : public DevicesRig {
         return graph;
     }
     void reset(uint64_t clientId, uint32_t deviceId, bool all = false) {
-        m_creator->enqueueResetDevice(clientId, deviceId, all ? 1 : 0, 5, &m_clients);
+        m_creator->enqueueResetDevice(makeResetRequest(deviceId, 5, clientId, all));
     }
     bool hasAnswered(size_t resets) {
         return eventually([&] { return m_results.resets().size() == resets; });
