@@ -192,16 +192,15 @@ TEST(ClientManagerTest, UnansweredRequestKeepsTheRecordWhileThePeerIsThere) {
         RawClient client(service.path());
         KelmMsgReqQueryStatus status{};
         status.clientId = client.registerClient("patient");
-        Request request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, 0);
-        clients.keepUntilAnswered(request);
+        std::vector<Request> requests(2);
+        for (Request& request : requests) {
+            request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, 0);
+            clients.keepUntilAnswered(request);
+        }
         EXPECT_EQ(client.unregisterClient(status.clientId), KELM_OK);
         EXPECT_FALSE(client.waitClosed(100ms));
         EXPECT_TRUE(clients.isActive());
-        if (hangsUp) {
-            client.close();
-        } else {
-            (void)Request(std::move(request));
-        }
+        hangsUp ? client.close() : requests.clear();
         EXPECT_TRUE(eventually([&] { return !clients.isActive(); }));
     }
 }
