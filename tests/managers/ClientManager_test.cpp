@@ -152,8 +152,7 @@ TEST_F(ClientManagerTest, RequestsSentAheadOfUnregisterAreAnswered) {
     for (int round = 0; round < 50; ++round) {
         SCOPED_TRACE(round);
         WireClient client = connect("hasty");
-        const auto status =
-            client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 1);
+        const auto status = client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 1);
         const auto size =
             client.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ);
         const auto leave = client.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
@@ -172,16 +171,15 @@ TEST_F(ClientManagerTest, UnansweredRequestKeepsTheRecordWhileThePeerIsThere) {
         SCOPED_TRACE(hangsUp);
         WireClient client = connect("patient");
         const auto status = client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ);
-        Request request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, 0);
-        clients.keepUntilAnswered(request);
+        std::vector<Request> requests(2);
+        for (Request& request : requests) {
+            request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, 0);
+            clients.keepUntilAnswered(request);
+        }
         EXPECT_TRUE(client.unregister());
         EXPECT_FALSE(client.waitClosed(100ms));
         EXPECT_TRUE(clients.isActive());
-        if (hangsUp) {
-            client.hangUp();
-        } else {
-            request = Request();
-        }
+        hangsUp ? client.hangUp() : requests.clear();
         EXPECT_TRUE(noClientIsLeft());
     }
 }

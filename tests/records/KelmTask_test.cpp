@@ -6,11 +6,11 @@
 #include "config/ServiceConfigParser.h"
 #include "fakes/TempDir.h"
 #include "protocol/src/KelmProtocol.h"
-#include "utils/BlockCache.h"
 #include "records/BufferAllocator.h"
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTaskParam.h"
+#include "utils/BlockCache.h"
 
 namespace kelm {
 namespace {

@@ -83,9 +83,8 @@ void DeviceManager::enqueueRemoveWorkerDone(WorkThread* worker) {
 
 // The pool only passes resets on, so the requester waits for no device, even when the pool is full.
 void DeviceManager::enqueueResetDevice(Request request) {
-    m_threadPool.post([this, request = std::move(request)]() mutable {
-        resetDevice(std::move(request));
-    });
+    m_threadPool.post(
+        [this, request = std::move(request)]() mutable { resetDevice(std::move(request)); });
 }
 
 // On the pool, as the begin of a removed worker's destruction is: the worker that is found stays

@@ -13,9 +13,9 @@
 #include "scheduling/devices/DeviceSchedulerFactory.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Log.h"
-#include "utils/TimeHelper.h"
 #include "utils/Port.h"
 #include "utils/TextHelper.h"
+#include "utils/TimeHelper.h"
 
 namespace kelm {
 

@@ -127,8 +127,8 @@ bool GraphManager::takeReadersPlace(const CreationPtr& creation) {
     return !reader || reader == creation;
 }
 
-// Deliberate: the remembered digest of a file only finds twins that are loaded. A new record is
-// made of bytes that were digested themselves, since a mapped file can change without a mark.
+// Deliberate: the remembered digest of a file only finds its twins. A new record is made of bytes
+// that were digested themselves, since a mapped file can change without a mark.
 bool GraphManager::joinKnownFile(Request& request, const Creation& creation,
                                  std::optional<CreateAnswer>& answer) {
     const std::optional<FileIdentity>& file = creation.blob.getIdentity();

@@ -83,6 +83,7 @@ void printSnapshot(const std::set<KelmGraph*>& graphs) {
     TextTable table(kLabelWidth, kCellWidth);
     for (const Row& row : kRows) {
         std::vector<std::string> cells;
+        cells.reserve(graphs.size());
         for (KelmGraph* graph : graphs) cells.push_back(row.cell(*graph));
         table.row(row.label, cells);
     }

@@ -3,10 +3,10 @@
 #include <new>
 #include <utility>
 
-#include "utils/BlockCache.h"
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTaskParam.h"
+#include "utils/BlockCache.h"
 #include "utils/Log.h"
 #include "utils/StringHelper.h"
 #include "utils/TextHelper.h"

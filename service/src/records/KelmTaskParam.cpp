@@ -3,8 +3,8 @@
 #include <new>
 #include <utility>
 
-#include "utils/BlockCache.h"
 #include "records/BufferAllocator.h"
+#include "utils/BlockCache.h"
 #include "utils/ShareMemory.h"
 
 namespace kelm {
