@@ -11,6 +11,7 @@
 #include "utils/Log.h"
 #include "utils/Mutex.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TimeHelper.h"
 
 namespace kelm {
@@ -34,7 +35,7 @@ void keepForEver(DeviceManager* manager) {
 
 DeviceManager::DeviceManager(const std::string& name, DeviceManagerLimits limits)
     : m_limits(limits),
-      m_debugProcess(ServiceConfigParser::instance().isDeviceManagerDebugProcessEnabled()),
+      m_trace(ServiceConfigParser::instance().isDeviceManagerDebugProcessEnabled()),
       m_threads(name),
       m_workers(m_settings, m_schedulers, m_threads, limits.oldWorker),
       m_plugQueue(m_workers, m_threads),
@@ -112,12 +113,12 @@ bool DeviceManager::stop() {
         // Without a lock: it waits for a call of the printer that is under way.
         Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
     }
-    LOG_PROC(m_debugProcess, "to destruct device manager");
+    LOG_STEP("to destruct device manager");
     const bool quiet = stopThreads();
-    LOG_PROC(m_debugProcess, "destroy all work threads");
+    LOG_STEP("destroy all work threads");
     // Only once nothing uses the workers any more.
     if (quiet && m_workers.destroyWorkers(steady_clock::now() + m_limits.stop)) {
-        LOG_PROC(m_debugProcess, "device manager destructed");
+        LOG_STEP("device manager destructed");
         m_stopState = STOPPED;
         return true;
     }
@@ -131,7 +132,7 @@ bool DeviceManager::stop() {
 bool DeviceManager::stopThreads() {
     const auto deadline = steady_clock::now() + m_limits.stop;
     bool quiet = m_threads.waitEnd(deadline);
-    LOG_PROC(m_debugProcess, "destroy device scheduler");
+    LOG_STEP("destroy device scheduler");
     quiet &= m_schedulers.stop(deadline);
     return quiet && m_threadPool.waitIdleFor(timeUntil(deadline));
 }

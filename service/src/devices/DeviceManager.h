@@ -16,6 +16,7 @@
 #include "devices/WorkerRegistry.h"
 #include "reporting/PrintInfoListener.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 
 namespace kelm {
@@ -94,7 +95,7 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     bool stopThreads();
 
     const DeviceManagerLimits m_limits;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     DeviceSettings m_settings;  // fixed by setDeviceList(), before other threads come
     std::atomic<StopState> m_stopState{RUNNING};  // atomic: any thread may drop the last pointer
     // In the order of use: what stands below may use what stands above, until it is destroyed.

@@ -11,6 +11,7 @@
 #include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -30,7 +31,7 @@ WorkerRegistry::WorkerRegistry(const DeviceSettings& settings, DeviceSchedulers&
       m_schedulers(schedulers),
       m_threads(threads),
       m_patience(patience),
-      m_debugProcess(ServiceConfigParser::instance().isDeviceManagerDebugProcessEnabled()) {}
+      m_trace(ServiceConfigParser::instance().isDeviceManagerDebugProcessEnabled()) {}
 
 WorkerRegistry::~WorkerRegistry() = default;
 
@@ -41,7 +42,7 @@ WorkerRegistry::Entries::iterator WorkerRegistry::findIfUnsafe(Predicate fits) {
 
 void WorkerRegistry::createWorkThread(const std::string& device) {
     if (!beginCreation(device)) return;
-    LOG_PROC(m_debugProcess, "to create worker on device(%s)", device);
+    LOG_STEP("to create worker on device(%s)", device);
     ThreadUtils::setName(device + "BOOT");
     std::unique_ptr<WorkThread> worker = openWorker(device);
     if (!worker || !worker->isReady()) {

@@ -12,6 +12,7 @@
 #include "devices/BoundedThreads.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -109,7 +110,7 @@ class WorkerRegistry : public NonCopyable {
     DeviceSchedulers& m_schedulers;
     BoundedThreads& m_threads;
     const std::chrono::milliseconds m_patience;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
 
     Mutex m_mutex;
     CondVar m_changed;  // a worker was destroyed or unpinned, or close() was called

@@ -9,6 +9,7 @@
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -35,7 +36,7 @@ LatencyDistribution makeLatency(int configuredMs, double defaultMs) {
 KelmFakeDevice::KelmFakeDevice(const std::string& name)
     : KelmDeviceBase(name),
       m_logName(name),
-      m_debugProcess(ServiceConfigParser::instance().isDeviceDebugProcessEnabled()),
+      m_trace(ServiceConfigParser::instance().isDeviceDebugProcessEnabled(), m_logName),
       m_randomEngine(std::random_device("default")()),
       m_allocGraphLatency(
           makeLatency(ServiceConfigParser::instance().getAllocGraphLatency(), kDefaultAllocMs)),
@@ -51,7 +52,7 @@ KelmFakeDevice::KelmFakeDevice(const std::string& name)
 KelmFakeDevice::KelmFakeDevice(KelmFakeDevice* parent)
     : KelmDeviceBase(parent),
       m_logName(parent->m_logName),
-      m_debugProcess(parent->m_debugProcess),
+      m_trace(parent->m_trace),
       m_capacity(parent->m_capacity),
       m_waitTimeoutSeconds(parent->m_waitTimeoutSeconds),
       // A root runs no tasks, so nothing moves its engine while it is copied.
@@ -86,23 +87,23 @@ int KelmFakeDevice::getGraphInfo(const char*, size_t, KelmGraphInfo what, size_t
 }
 
 int KelmFakeDevice::openDevice(const char*) {
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call openDevice()");
+    LOG_STEP("to call openDevice()");
     m_opened = true;
     m_deviceOpened = true;
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called openDevice()");
+    LOG_STEP("called openDevice()");
     return KELM_OK;
 }
 
 int KelmFakeDevice::closeDeviceImpl() {
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call closeDevice()");
+    LOG_STEP("to call closeDevice()");
     m_opened = false;
     m_deviceOpened = false;
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called closeDevice()");
+    LOG_STEP("called closeDevice()");
     return KELM_OK;
 }
 
 int KelmFakeDevice::allocateGraphImpl(KelmGraph* graph) {
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call allocateGraph()");
+    LOG_STEP("to call allocateGraph()");
     const SteadyTime start = std::chrono::steady_clock::now();
     m_graphLoaded = true;
     graph->setMemReq(kGraphMemory);
@@ -114,15 +115,14 @@ int KelmFakeDevice::allocateGraphImpl(KelmGraph* graph) {
         latency = m_allocGraphLatency.draw(m_randomEngine);
     }
     LatencyDistribution::sleep(latency);
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called allocateGraph(), spendTime=%.2fms",
-                millisSince(start));
+    LOG_STEP("called allocateGraph(), spendTime=%.2fms", millisSince(start));
     return KELM_OK;
 }
 
 int KelmFakeDevice::deallocateGraphImpl(KelmGraph* graph, bool) {
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call deallocateGraph()");
+    LOG_STEP("to call deallocateGraph()");
     m_graphLoaded = false;
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "called deallocateGraph()");
+    LOG_STEP("called deallocateGraph()");
     graph->removeCachedDevice(m_logName);
     graph->removeRunningDevice(m_logName);
     return KELM_OK;
@@ -143,24 +143,21 @@ int KelmFakeDevice::loadTensorImpl(KelmTask* task) {
     // Deliberate: one wait, with the room not looked at again. A wake-up may put one task too many
     // into the queue, which grows.
     if (m_taskQueue.size() >= m_capacity && !waitOnceUnsafe(m_notFull)) return kLoadTimedOut;
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call loadTensor(), taskId=%lu",
-                task->getId());
+    LOG_STEP("to call loadTensor(), taskId=%lu", task->getId());
     const SteadyTime start = std::chrono::steady_clock::now();
     // Under the lock: the device works on one thing at a time.
     LatencyDistribution::sleep(m_loadTensorLatency.draw(m_randomEngine));
     m_taskQueue.pushBack(task);
     m_notEmpty.notifyOne();
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
-                "called loadTensor(), taskId=%lu, spendTime=%.2fms", task->getId(),
-                millisSince(start));
+    LOG_STEP("called loadTensor(), taskId=%lu, spendTime=%.2fms", task->getId(),
+             millisSince(start));
     return KELM_OK;
 }
 
 bool KelmFakeDevice::takeResult(KelmTask* task, float& spentMs) {
     MutexLock lock(m_mutex);
     if (m_taskQueue.empty() && !waitOnceUnsafe(m_notEmpty)) return false;
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess, "to call getResult(), taskId=%lu",
-                task->getId());
+    LOG_STEP("to call getResult(), taskId=%lu", task->getId());
     const SteadyTime start = std::chrono::steady_clock::now();
     LatencyDistribution::sleep(m_getResultLatency.draw(m_randomEngine));
     // One wait only, so a wake-up proves nothing: without a task there is no result.
@@ -172,8 +169,7 @@ bool KelmFakeDevice::takeResult(KelmTask* task, float& spentMs) {
     m_taskQueue.popFront();
     m_notFull.notifyOne();
     spentMs = millisSince(start);
-    LOG_PROC_OF(m_logName.c_str(), m_debugProcess,
-                "called getResult(), taskId=%lu, spendTime=%.2fms", task->getId(), spentMs);
+    LOG_STEP("called getResult(), taskId=%lu, spendTime=%.2fms", task->getId(), spentMs);
     return true;
 }
 

@@ -8,6 +8,7 @@
 #include "execution/KelmDeviceBase.h"
 #include "execution/LatencyDistribution.h"
 #include "utils/Ring.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -53,7 +54,7 @@ class KelmFakeDevice final : public KelmDeviceBase {
     static float millisSince(SteadyTime start);
 
     std::string m_logName;
-    bool m_debugProcess = false;
+    const StepTrace m_trace;
     bool m_deviceOpened GUARDED_BY(m_deviceMutex) = false;
     bool m_graphLoaded GUARDED_BY(m_deviceMutex) = false;
     size_t m_capacity = 10;              // fixed after construction

@@ -35,7 +35,7 @@ KelmZorvanClone::KelmZorvanClone(KelmZorvanDevice& root)
     : KelmDeviceBase(&root),
       m_root(root),
       m_device(root.getTevoDevice()),
-      m_debugProcess(m_device.debugProcess),
+      m_trace(m_device.trace),
       m_useSystemTensor(root.usesSystemTensor()),
       m_statistics(m_device) {}
 
@@ -121,19 +121,17 @@ int KelmZorvanClone::prepareQueues(KelmGraph* graph, TevoQueues& queues) {
 
 int KelmZorvanClone::getInputDescriptor(const TevoHandles& handles,
                                         qxTensorDescriptor_t& descriptor) {
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxFifoGetOption(QX_RO_FIFO_TENSOR_DESCRIPTOR), fifoIn=%p", handles.fifoIn);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxFifoGetOption(), fifoIn=%p option=QX_RO_FIFO_TENSOR_DESCRIPTOR",
-                handles.fifoIn);
+    LOG_TASK("to call qxFifoGetOption(QX_RO_FIFO_TENSOR_DESCRIPTOR), fifoIn=%p", handles.fifoIn);
+    LOG_TASK("to call qxFifoGetOption(), fifoIn=%p option=QX_RO_FIFO_TENSOR_DESCRIPTOR",
+             handles.fifoIn);
     unsigned int length = sizeof(descriptor);
     const int rc = m_device.tevo.qxFifoGetOption(handles.fifoIn, QX_RO_FIFO_TENSOR_DESCRIPTOR,
                                                  &descriptor, &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxFifoGetOption(), fifoIn=%p tensorDesc={ .n=%u .c=%u .w=%u .h=%u "
-                ".totalSize=%u }",
-                handles.fifoIn, descriptor.n, descriptor.c, descriptor.w, descriptor.h,
-                descriptor.totalSize);
+    LOG_TASK(
+        "called qxFifoGetOption(), fifoIn=%p tensorDesc={ .n=%u .c=%u .w=%u .h=%u "
+        ".totalSize=%u }",
+        handles.fifoIn, descriptor.n, descriptor.c, descriptor.w, descriptor.h,
+        descriptor.totalSize);
     if (rc != KELM_OK) {
         return m_device.checked(rc, "Error: qxFifoGetOption() failed, device=%s rc=%d");
     }
@@ -174,14 +172,14 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
     // The client may have shortened its memory during the copy. A shortening during the write below
     // is found with the result.
     if (MappingGuard::isLost(data)) return KELM_ERROR_MAP_INPUT_FAILED;
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxFifoWriteElem(), fifoIn=%p taskId=%lu inputTensor=%p inputLength=%lu "
-                "tensorDesc.totalSize=%u",
-                handles.fifoIn, task->getId(), static_cast<const void*>(data), input.size,
-                descriptor.totalSize);
+    LOG_TASK(
+        "to call qxFifoWriteElem(), fifoIn=%p taskId=%lu inputTensor=%p inputLength=%lu "
+        "tensorDesc.totalSize=%u",
+        handles.fifoIn, task->getId(), static_cast<const void*>(data), input.size,
+        descriptor.totalSize);
     const int rc =
         m_device.tevo.qxFifoWriteElem(handles.fifoIn, data, &descriptor.totalSize, task->getId());
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess, "called qxFifoWriteElem()");
+    LOG_TASK("called qxFifoWriteElem()");
     return m_device.checked(rc, "Error: qxFifoWriteElem() failed, device=%s taskId=%lu rc=%d",
                             task);
 }
@@ -189,25 +187,24 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
 int KelmZorvanClone::loadTensorIon(KelmTask* task, const TevoHandles& handles,
                                    qxTensorDescriptor_t& descriptor) {
     const KelmBuffer& input = task->getTaskParam()->getInputBuffer();
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxFifoWriteIonElem(), fifoIn=%p taskId=%lu shareFd=%d mapData=%p "
-                "inputLength=%lu tensorDesc.totalSize=%u",
-                handles.fifoIn, task->getId(), input.fd,
-                reinterpret_cast<const void*>(input.buffer), input.size, descriptor.totalSize);
+    LOG_TASK(
+        "to call qxFifoWriteIonElem(), fifoIn=%p taskId=%lu shareFd=%d mapData=%p "
+        "inputLength=%lu tensorDesc.totalSize=%u",
+        handles.fifoIn, task->getId(), input.fd, reinterpret_cast<const void*>(input.buffer),
+        input.size, descriptor.totalSize);
     const int rc = m_device.tevo.qxFifoWriteIonElem(handles.fifoIn, input.fd, &descriptor.totalSize,
                                                     task->getId());
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess, "called qxFifoWriteIonElem()");
+    LOG_TASK("called qxFifoWriteIonElem()");
     return m_device.checked(rc, "Error: qxFifoWriteIonElem() failed, device=%s taskId=%lu rc=%d",
                             task);
 }
 
 int KelmZorvanClone::queueInference(TevoHandles handles) {
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxGraphQueueInference(), graphHandle=%p fifoIn=%p fifoOut=%p",
-                handles.graphHandle, handles.fifoIn, handles.fifoOut);
+    LOG_TASK("to call qxGraphQueueInference(), graphHandle=%p fifoIn=%p fifoOut=%p",
+             handles.graphHandle, handles.fifoIn, handles.fifoOut);
     const int rc = m_device.tevo.qxGraphQueueInference(handles.graphHandle, &handles.fifoIn, 1,
                                                        &handles.fifoOut, 1);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess, "called qxGraphQueueInference()");
+    LOG_TASK("called qxGraphQueueInference()");
     return m_device.checked(rc, "Error: qxGraphQueueInference() failed, device=%s rc=%d");
 }
 
@@ -296,15 +293,14 @@ int KelmZorvanClone::getResultRaw(KelmTask* task, const TevoHandles& handles,
     Result result;
     result.length = clampLength(output.size);
     const auto read = [&] {
-        LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                    "to call qxFifoReadElem(), taskId=%lu outBuf.mapData=%p outBuf.size=%lu "
-                    "fifoOut=%p",
-                    task->getId(), data, output.size, handles.fifoOut);
+        LOG_TASK(
+            "to call qxFifoReadElem(), taskId=%lu outBuf.mapData=%p outBuf.size=%lu "
+            "fifoOut=%p",
+            task->getId(), data, output.size, handles.fifoOut);
         const int status = m_device.tevo.qxFifoReadElem(handles.fifoOut, data, &result.length,
                                                         &result.taskIdAttach);
-        LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                    "called qxFifoReadElem(), outBuf.size=%llu taskIdAttach=%lu", output.size,
-                    result.taskIdAttach);
+        LOG_TASK("called qxFifoReadElem(), outBuf.size=%llu taskIdAttach=%lu", output.size,
+                 result.taskIdAttach);
         return m_device.checked(status, kReadElemFailure, task);
     };
     if (const int rc = readResult(task, handles, turn, result, read)) return rc;
@@ -336,14 +332,12 @@ int KelmZorvanClone::getResultIon(KelmTask* task, const TevoHandles& handles,
     Result result;
     result.length = clampLength(output.size);
     const auto read = [&] {
-        LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                    "to call qxFifoReadIonElem(), fifoOut=%p taskId=%lu outputFd=%d bufSize=%lu",
-                    handles.fifoOut, task->getId(), output.fd, output.size);
+        LOG_TASK("to call qxFifoReadIonElem(), fifoOut=%p taskId=%lu outputFd=%d bufSize=%lu",
+                 handles.fifoOut, task->getId(), output.fd, output.size);
         const int status = m_device.tevo.qxFifoReadIonElem(handles.fifoOut, output.fd,
                                                            &result.length, &result.taskIdAttach);
-        LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                    "called qxFifoReadIonElem(), outBufSize=%u taskIdAttach=%lu", result.length,
-                    result.taskIdAttach);
+        LOG_TASK("called qxFifoReadIonElem(), outBufSize=%u taskIdAttach=%lu", result.length,
+                 result.taskIdAttach);
         return m_device.checked(
             status, "Error: qxFifoReadIonElem() failed, device=%s taskId=%lu rc=%d", task);
     };
@@ -384,14 +378,12 @@ int KelmZorvanClone::finishResult(KelmTask* task, const TevoHandles& handles,
                   task->getClientId(), task->getGraph()->getId(), task->getId(), aux.fd);
         const int rc = m_statistics.getAuxBufferData(handles.graphHandle, *task->getTaskParam(),
                                                      getCurrentGraph());
-        LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                    "device=%s taskId=%lu outputBufferLen=%u auxBufferLen=%lu", m_device.name,
-                    task->getId(), result.length, aux.size);
+        LOG_TASK("device=%s taskId=%lu outputBufferLen=%u auxBufferLen=%lu", m_device.name,
+                 task->getId(), result.length, aux.size);
         if (rc != KELM_OK) return rc;
     } else {
-        LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                    "device=%s taskId=%lu outputBufferLen=%u", m_device.name, task->getId(),
-                    result.length);
+        LOG_TASK("device=%s taskId=%lu outputBufferLen=%u", m_device.name, task->getId(),
+                 result.length);
     }
     return updateStatistics(handles.graphHandle);
 }

@@ -7,6 +7,7 @@
 #include "execution/TevoDevice.h"
 #include "execution/TevoGraphCache.h"
 #include "execution/TevoStatistics.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -74,7 +75,7 @@ class KelmZorvanClone final : public KelmDeviceBase {
 
     KelmZorvanDevice& m_root;
     TevoDevice& m_device;  // the root's
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const bool m_useSystemTensor;
     TevoStatistics m_statistics;
 };

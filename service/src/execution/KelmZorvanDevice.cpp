@@ -8,6 +8,7 @@
 #include "config/ServiceConfigParser.h"
 #include "execution/KelmZorvanClone.h"
 #include "records/KelmGraph.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -44,7 +45,7 @@ void setGlobalOption(const TevoFunctions& tevo, int option, int value) {
 KelmZorvanDevice::KelmZorvanDevice(const std::string& name)
     : KelmDeviceBase(name),
       m_device(name, [this] { (void)hardwareResetDeviceCore(); }),  // the first failure is told
-      m_debugProcess(m_device.debugProcess),
+      m_trace(m_device.trace),
       m_useSystemTensor(ServiceConfigParser::instance().getTensorContainer() == "system"),
       m_updateThermalInterval(ServiceConfigParser::instance().getUpdateThermalInterval()),
       m_loader(m_device),
@@ -124,7 +125,7 @@ int KelmZorvanDevice::openDevice(const char* name) {
     if (sizeStatus != KELM_OK) return sizeStatus;
     m_opened = true;
     m_memorySize = size >> kMegabyteShift;
-    LOG_PROC_OF(m_device.logName.c_str(), m_debugProcess, "Zorvan device %s opened success", name);
+    LOG_STEP("Zorvan device %s opened success", name);
     return KELM_OK;
 }
 
@@ -184,9 +185,8 @@ int KelmZorvanDevice::loadGraph(KelmGraph* graph) {
         m_loader.deallocateGraph(queues.handles);
         return KELM_ERROR_DEVICE_FAILED;
     }
-    LOG_PROC_OF(m_device.logName.c_str(), m_debugProcess,
-                "allocate new graph(%s) done, numCachedGraphs=%lu",
-                escapeControls(graph->getName()), m_cache.getSize());
+    LOG_STEP("allocate new graph(%s) done, numCachedGraphs=%lu", escapeControls(graph->getName()),
+             m_cache.getSize());
     return KELM_OK;
 }
 
@@ -224,9 +224,8 @@ int KelmZorvanDevice::unloadGraph(KelmGraph* graph, bool keepCached) {
     // mark the device as failed.
     if (!handles) return KELM_OK;
     m_loader.deallocateGraph(*handles);
-    LOG_PROC_OF(m_device.logName.c_str(), m_debugProcess,
-                "dealloc graph(%s) done, numCachedGraphs=%lu", escapeControls(graph->getName()),
-                m_cache.getSize());
+    LOG_STEP("dealloc graph(%s) done, numCachedGraphs=%lu", escapeControls(graph->getName()),
+             m_cache.getSize());
     return KELM_OK;
 }
 
@@ -243,9 +242,8 @@ void KelmZorvanDevice::deallocOldestInactiveGraphIfFull(unsigned int required) {
     std::optional<TevoHandles> handles = m_cache.takeOldestInactive(name);
     if (!handles) return;
     m_loader.deallocateGraph(*handles);
-    LOG_PROC_OF(m_device.logName.c_str(), m_debugProcess,
-                "dealloc oldest cached graph(%s) done, numCachedGraphs=%lu", escapeControls(name),
-                m_cache.getSize());
+    LOG_STEP("dealloc oldest cached graph(%s) done, numCachedGraphs=%lu", escapeControls(name),
+             m_cache.getSize());
 }
 
 // The mutex makes threads that meet the interval's end together read once and not twice.
@@ -265,14 +263,12 @@ int KelmZorvanDevice::updateThermal() {
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
     char stats[kThermalStatsSize] = {};
     unsigned int length = sizeof(stats);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxDeviceGetOption(), devHandle=%p option=QX_RO_DEVICE_THERMAL_STATS",
-                m_device.handle);
+    LOG_TASK("to call qxDeviceGetOption(), devHandle=%p option=QX_RO_DEVICE_THERMAL_STATS",
+             m_device.handle);
     int rc = m_device.tevo.qxDeviceGetOption(m_device.handle, QX_RO_DEVICE_THERMAL_STATS, stats,
                                              &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxDeviceGetOption(), devHandle=%p thermalStats=%p thermalStatsLen=%u",
-                m_device.handle, static_cast<const void*>(stats), length);
+    LOG_TASK("called qxDeviceGetOption(), devHandle=%p thermalStats=%p thermalStatsLen=%u",
+             m_device.handle, static_cast<const void*>(stats), length);
     if (rc != KELM_OK) {
         return m_device.checked(
             rc, "Error: qxDeviceGetOption(QX_RO_DEVICE_THERMAL_STATS) failed, device=%s rc=%d");
@@ -282,15 +278,14 @@ int KelmZorvanDevice::updateThermal() {
     m_thermal = thermal;
     int level = 0;
     length = sizeof(level);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxDeviceGetOption(), devHandle=%p "
-                "option=QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL",
-                m_device.handle);
+    LOG_TASK(
+        "to call qxDeviceGetOption(), devHandle=%p "
+        "option=QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL",
+        m_device.handle);
     rc = m_device.tevo.qxDeviceGetOption(m_device.handle, QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL,
                                          &level, &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxDeviceGetOption(), devHandle=%p throttling=%d throttlingLen=%u",
-                m_device.handle, level, length);
+    LOG_TASK("called qxDeviceGetOption(), devHandle=%p throttling=%d throttlingLen=%u",
+             m_device.handle, level, length);
     if (rc != KELM_OK) {
         return m_device.checked(
             rc,

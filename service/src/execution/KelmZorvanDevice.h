@@ -11,6 +11,7 @@
 #include "execution/TevoDevice.h"
 #include "execution/TevoGraphCache.h"
 #include "execution/TevoGraphLoader.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -81,7 +82,7 @@ class KelmZorvanDevice final : public KelmDeviceBase {
     void deallocOldestInactiveGraphIfFull(unsigned int required) REQUIRES(m_graphMutex);
 
     TevoDevice m_device;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const bool m_useSystemTensor;
     const int m_updateThermalInterval;  // milliseconds
     int m_maxCachedGraphNum = 4;        // set before the first clone, then fixed

@@ -42,7 +42,7 @@ SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDe
     : m_name(name),
       m_workThread(workThread),
       m_device(device),
-      m_debugProcess(ServiceConfigParser::instance().isDeviceWorkThreadDebugProcessEnabled()),
+      m_trace(ServiceConfigParser::instance().isDeviceWorkThreadDebugProcessEnabled(), m_name),
       m_maxRunningTasks(maxRunningTasks),
       m_abortSemaphore(0, 0),
       m_resultPool(name + "G", 1, kPoolLimit),
@@ -100,11 +100,9 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
     if (!m_isDeviceValid) return KELM_ERROR_DEVICE_FAILED;
     if (graph == m_graph) return KELM_OK;
     m_state = STATE_LOAD_GRAPH;
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call allocateGraph(%s)",
-                escapeControls(graph->getName()));
+    LOG_STEP("call allocateGraph(%s)", escapeControls(graph->getName()));
     const int rc = m_device->allocateGraph(graph);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called allocateGraph(%s)",
-                escapeControls(graph->getName()));
+    LOG_STEP("called allocateGraph(%s)", escapeControls(graph->getName()));
     if (rc != KELM_OK) {
         LOG_ERROR("[%s] Error: allocateGraph(%s) failed, rc=%d", m_name,
                   escapeControls(graph->getName()), rc);
@@ -134,11 +132,9 @@ int SlaveWorker::unloadGraph(KelmGraph* graph, bool keepCached) {
 
 int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
     m_state = STATE_UNLOAD_GRAPH;
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call deallocateGraph(%s)",
-                escapeControls(graph->getName()));
+    LOG_STEP("call deallocateGraph(%s)", escapeControls(graph->getName()));
     const int rc = m_device->deallocateGraph(graph, keepCached);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called deallocateGraph(%s)",
-                escapeControls(graph->getName()));
+    LOG_STEP("called deallocateGraph(%s)", escapeControls(graph->getName()));
     m_graph = nullptr;
     m_state = STATE_WAIT_GRAPH;
     if (rc != KELM_OK) {
@@ -173,8 +169,7 @@ void SlaveWorker::waitNoRunningTask() {
     MutexLock lock(m_mutex);
     while (!m_runningTasks.empty()) {
         (void)m_noRunningCond.waitFor(m_mutex, kCheckInterval);
-        LOG_PROC_OF(m_name.c_str(), m_debugProcess, "m_runningTasks.size()=%lu",
-                    m_runningTasks.size());
+        LOG_STEP("m_runningTasks.size()=%lu", m_runningTasks.size());
     }
 }
 
@@ -197,7 +192,7 @@ void SlaveWorker::loadTensor(KelmTask* task) {
         returnTask(task);
         return;
     }
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "begin loadTensor(%lu)", task->getId());
+    LOG_STEP("begin loadTensor(%lu)", task->getId());
     m_state = STATE_RUNNING;
     // The scheduler looks for the next task while this one is being fed.
     applyNextTask();
@@ -212,13 +207,13 @@ void SlaveWorker::loadTensor(KelmTask* task) {
 
 void SlaveWorker::feedDevice(KelmTask* task) {
     task->setStatus(TASK_STATUS_LOADING);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call loadTensor(%lu)", task->getId());
+    LOG_STEP("call loadTensor(%lu)", task->getId());
     const int rc = m_device->loadTensor(task);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called loadTensor(%lu)", task->getId());
+    LOG_STEP("called loadTensor(%lu)", task->getId());
     task->addLoadCount();
     if (rc == KELM_OK) {
         task->setStatus(TASK_STATUS_LOADED);
-        LOG_PROC_OF(m_name.c_str(), m_debugProcess, "enqueueGetResult(%lu)", task->getId());
+        LOG_STEP("enqueueGetResult(%lu)", task->getId());
         enqueueGetResult(task);
         return;
     }
@@ -249,16 +244,16 @@ void SlaveWorker::enqueueGetResult(KelmTask* task) {
 }
 
 void SlaveWorker::getResult(KelmTask* task) {
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "getResult(%lu)", task->getId());
+    LOG_STEP("getResult(%lu)", task->getId());
     if (!m_isDeviceValid) {
         m_device->abandonResult(task);
         returnTask(task);
         eraseRunningTask(task);
         return;
     }
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "call getResult(%lu)", task->getId());
+    LOG_STEP("call getResult(%lu)", task->getId());
     const int rc = m_device->getResult(task);
-    LOG_PROC_OF(m_name.c_str(), m_debugProcess, "called getResult(%lu)", task->getId());
+    LOG_STEP("called getResult(%lu)", task->getId());
     eraseRunningTask(task);
     if (rc == KELM_OK) {
         sendTaskDoneResponse(task, KELM_OK);

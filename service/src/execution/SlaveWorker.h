@@ -9,6 +9,7 @@
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 #include "utils/Semaphore.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
@@ -95,7 +96,7 @@ class SlaveWorker : public NonCopyable {
     const std::string m_name;
     WorkThread* const m_workThread;
     KelmDeviceBase* const m_device;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const uint64_t m_maxRunningTasks;
     ThreadRole m_onInputThread;
     ThreadRole m_onResultThread;

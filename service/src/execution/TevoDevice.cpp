@@ -20,7 +20,7 @@ TevoDevice::TevoDevice(const std::string& deviceName, std::function<void()> rese
     : tevo(TevoLibrary::functions()),
       name(deviceName),
       logName("dev:" + deviceName),
-      debugProcess(ServiceConfigParser::instance().isDeviceDebugProcessEnabled()),
+      trace(ServiceConfigParser::instance().isDeviceDebugProcessEnabled(), logName),
       m_reset(std::move(reset)) {}
 
 bool TevoDevice::isHardwareError(int error) {

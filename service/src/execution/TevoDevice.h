@@ -6,6 +6,7 @@
 #include "execution/TevoLibrary.h"
 #include "utils/Log.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -36,7 +37,7 @@ class TevoDevice : public NonCopyable {
     const TevoFunctions& tevo;
     const std::string name;
     const std::string logName;
-    const bool debugProcess;  // whether the lines around calls are wanted
+    const StepTrace trace;  // of the device, lines around calls included
     // Set at open and cleared at the destruction, when no other thread uses the device.
     qxDeviceHandle_t* handle = nullptr;
 
@@ -46,9 +47,9 @@ class TevoDevice : public NonCopyable {
 
 template <class Call>
 int TevoDevice::traced(const char* function, Call call) {
-    LOG_PROC_OF(logName.c_str(), debugProcess, "to call %s()", function);
+    LOG_PROC_OF(trace.getObject(), trace.isOn(), "to call %s()", function);
     const int rc = call();
-    LOG_PROC_OF(logName.c_str(), debugProcess, "called %s()", function);
+    LOG_PROC_OF(trace.getObject(), trace.isOn(), "called %s()", function);
     return rc;
 }
 

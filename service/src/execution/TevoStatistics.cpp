@@ -45,7 +45,7 @@ float millisSince(std::chrono::steady_clock::time_point start,
 
 TevoStatistics::TevoStatistics(TevoDevice& device)
     : m_device(device),
-      m_debugProcess(device.debugProcess),
+      m_trace(device.trace),
       m_updateInferTimeInterval(ServiceConfigParser::instance().getUpdateInferTimeInterval()),
       m_inferTimeWarmup(kWarmupResults),
       m_lastInferTimeUpdate(std::chrono::steady_clock::now()) {}
@@ -77,30 +77,27 @@ int TevoStatistics::getAuxBufferData(qxGraphHandle_t* graphHandle, KelmTaskParam
 }
 
 int TevoStatistics::getTimeTakenSize(qxGraphHandle_t* graphHandle, unsigned int& size) {
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxGraphGetOption(), graphHandle=%p, "
-                "option=QX_RO_GRAPH_TIME_TAKEN_ARRAY_SIZE",
-                graphHandle);
+    LOG_TASK(
+        "to call qxGraphGetOption(), graphHandle=%p, "
+        "option=QX_RO_GRAPH_TIME_TAKEN_ARRAY_SIZE",
+        graphHandle);
     unsigned int length = sizeof(size);
     const int rc = m_device.tevo.qxGraphGetOption(graphHandle, QX_RO_GRAPH_TIME_TAKEN_ARRAY_SIZE,
                                                   &size, &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxGraphGetOption(), timeTakenArraySize=%u", size);
+    LOG_TASK("called qxGraphGetOption(), timeTakenArraySize=%u", size);
     return m_device.checked(rc,
                             "Error: qxGraphGetOption(QX_RO_GRAPH_TIME_TAKEN_ARRAY_SIZE) failed, "
                             "device=%s rc=%d");
 }
 
 int TevoStatistics::getTimeTaken(qxGraphHandle_t* graphHandle, char* data, unsigned int& length) {
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxGraphGetOption(), graphHandle=%p option=QX_RO_GRAPH_TIME_TAKEN",
-                graphHandle);
+    LOG_TASK("to call qxGraphGetOption(), graphHandle=%p option=QX_RO_GRAPH_TIME_TAKEN",
+             graphHandle);
     const unsigned int room = length;  // the library may tell of more than it was offered
     const int rc =
         m_device.tevo.qxGraphGetOption(graphHandle, QX_RO_GRAPH_TIME_TAKEN, data, &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxGraphGetOption(), timeTaken=%p timeTakenLen=%u",
-                static_cast<const void*>(data), length);
+    LOG_TASK("called qxGraphGetOption(), timeTaken=%p timeTakenLen=%u",
+             static_cast<const void*>(data), length);
     length = std::min(length, room);
     return m_device.checked(
         rc, "Error: qxGraphGetOption(QX_RO_GRAPH_TIME_TAKEN) failed, device=%s rc=%d");
@@ -139,13 +136,11 @@ int TevoStatistics::copyTimeTaken(qxGraphHandle_t* graphHandle, KelmGraph* graph
 int TevoStatistics::copyThermalStats(KelmBuffer& buffer, uint64_t& used) {
     char stats[kThermalStatsSize] = {};
     unsigned int length = sizeof(stats);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxDeviceGetOption(QX_RO_DEVICE_THERMAL_STATS)");
+    LOG_TASK("to call qxDeviceGetOption(QX_RO_DEVICE_THERMAL_STATS)");
     const int rc = m_device.tevo.qxDeviceGetOption(m_device.handle, QX_RO_DEVICE_THERMAL_STATS,
                                                    stats, &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxDeviceGetOption(), thermalStats=%p thermalStatsLen=%u",
-                static_cast<const void*>(stats), length);
+    LOG_TASK("called qxDeviceGetOption(), thermalStats=%p thermalStatsLen=%u",
+             static_cast<const void*>(stats), length);
     if (rc != KELM_OK) {
         std::memset(dataOf(buffer), kAuxUnusable, buffer.size);
         return m_device.checked(
@@ -159,14 +154,12 @@ int TevoStatistics::fillDebugInfo(qxGraphHandle_t* graphHandle, KelmBuffer& buff
     // The library writes into the client's memory itself: a block of any length needs no copy.
     char* const position = dataOf(buffer) + used;
     unsigned int length = clampLength(buffer.size - used);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "to call qxGraphGetOption(), graphHandle=%p option=QX_RO_GRAPH_DEBUG_INFO",
-                graphHandle);
+    LOG_TASK("to call qxGraphGetOption(), graphHandle=%p option=QX_RO_GRAPH_DEBUG_INFO",
+             graphHandle);
     const int rc =
         m_device.tevo.qxGraphGetOption(graphHandle, QX_RO_GRAPH_DEBUG_INFO, position, &length);
-    LOG_FREQ_OF(m_device.logName.c_str(), m_debugProcess,
-                "called qxGraphGetOption(), debugInfo=%p debugInfoLen=%u",
-                static_cast<const void*>(position), length);
+    LOG_TASK("called qxGraphGetOption(), debugInfo=%p debugInfoLen=%u",
+             static_cast<const void*>(position), length);
     return m_device.checked(
         rc, "Error: qxGraphGetOption(QX_RO_GRAPH_DEBUG_INFO) failed, device=%s rc=%d");
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "execution/TevoDevice.h"
+#include "utils/StepTrace.h"
 #include "utils/UniqueMalloc.h"
 
 namespace kelm {
@@ -44,7 +45,7 @@ class TevoStatistics : public NonCopyable {
     static float getInferenceTime(const char* data, unsigned int length);
 
     TevoDevice& m_device;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const int m_updateInferTimeInterval;  // milliseconds
     // Atomic: counts down on the result thread and is set anew on the input thread; a step that is
     // lost between the two costs one reading.

@@ -14,6 +14,7 @@
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/TimeHelper.h"
 
@@ -22,7 +23,7 @@ namespace kelm {
 ClientManager::ClientManager()
     : m_printClientFps(ServiceConfigParser::instance().isPrintClientFpsEnabled()),
       m_snapshot(ServiceConfigParser::instance().getClientSnapshotMode() == "base"),
-      m_debugProcess(ServiceConfigParser::instance().isClientManagerDebugProcessEnabled()),
+      m_trace(ServiceConfigParser::instance().isClientManagerDebugProcessEnabled()),
       m_pool("CltMgr", 1, 100) {
     if (m_printClientFps || m_snapshot) {
         Port<InfoCollector>::notify<&InfoCollector::registerListener>(this);
@@ -31,14 +32,14 @@ ClientManager::ClientManager()
 
 ClientManager::~ClientManager() {
     Port<ClientDirectory>::disconnect();
-    LOG_PROC(m_debugProcess, "to destruct client manager");
+    LOG_STEP("to destruct client manager");
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
     // Records that are left close their connections with them.
     MutexLock lock(m_mutex);
-    LOG_PROC(m_debugProcess, "destroy all active clients(count=%lu)", m_idClientMap.size());
+    LOG_STEP("destroy all active clients(count=%lu)", m_idClientMap.size());
     m_socketClientMap.clear();
     m_idClientMap.clear();
-    LOG_PROC(m_debugProcess, "client manager destructed");
+    LOG_STEP("client manager destructed");
 }
 
 void ClientManager::enqueueRegisterClient(Request request) {
@@ -62,8 +63,7 @@ void ClientManager::registerClient(Request request, const ConnectionPtr& connect
     const auto& record = request.as<KelmMsgReqRegister>();
     const char* const name = record.clientName;
     const int socket = connection->getSimulateFD();
-    LOG_PROC(m_debugProcess,
-             "register client: clientName=%s apiMajorVersion=%u apiMinorVersion=%lu socket=%d",
+    LOG_STEP("register client: clientName=%s apiMajorVersion=%u apiMinorVersion=%lu socket=%d",
              escapeControls(name), record.apiMajorVersion, record.apiMinorVersion, socket);
     const uint64_t clientId =
         addClient(name, record.apiMajorVersion, record.apiMinorVersion, connection);
@@ -76,8 +76,7 @@ void ClientManager::registerClient(Request request, const ConnectionPtr& connect
     if (const auto& peer = connection->getPeer()) {
         LOG_INFO("client(id:%lu) is of process %d, user %u", clientId, peer->pid, peer->user);
     }
-    LOG_PROC(m_debugProcess, "enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId,
-             socket);
+    LOG_STEP("enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId, socket);
     ResultDispatcher::instance().enqueueSendRegisterResponse(clientId, KELM_OK, std::move(request));
 }
 
@@ -118,7 +117,7 @@ void ClientManager::enqueueUnregisterClient(Request request) {
 void ClientManager::unregisterClient(Request request) {
     const uint64_t clientId = request.getClientId();
     const int socket = request.getSocket();
-    LOG_PROC(m_debugProcess, "unregister client: clientId=%lu socket=%d", clientId, socket);
+    LOG_STEP("unregister client: clientId=%lu socket=%d", clientId, socket);
     std::string name;
     bool found = false;
     bool departs = false;
@@ -146,13 +145,13 @@ void ClientManager::unregisterClient(Request request) {
 // GraphManager and TaskManager are told after the mutex is released, here and below: their notices
 // lead back to this class.
 void ClientManager::closeClient(int socket) {
-    LOG_PROC(m_debugProcess, "close client with socket(%d)", socket);
+    LOG_STEP("close client with socket(%d)", socket);
     std::vector<uint64_t> departing;
     {
         MutexLock lock(m_mutex);
         const auto entry = m_socketClientMap.find(socket);
         if (entry == m_socketClientMap.end()) {
-            LOG_PROC(m_debugProcess, "no client found with socket(%d)", socket);
+            LOG_STEP("no client found with socket(%d)", socket);
             IPC::ConnectionBase::close(socket);
             return;
         }
@@ -165,7 +164,7 @@ void ClientManager::removeAllClients() {
     std::vector<uint64_t> departing;
     {
         MutexLock lock(m_mutex);
-        LOG_PROC(m_debugProcess, "remove all %lu clients", m_idClientMap.size());
+        LOG_STEP("remove all %lu clients", m_idClientMap.size());
         m_closed = true;
         for (const auto& [clientId, client] : m_idClientMap) {
             if (startDepartureUnsafe(*client, true)) departing.push_back(clientId);
@@ -198,7 +197,7 @@ std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
 // Both only queue. The task manager reports the end of the last task, which may be at once; the
 // graph manager reports nothing, since a graph does not keep the client's record.
 void ClientManager::notifyClientInDestroy(uint64_t clientId) {
-    LOG_PROC(m_debugProcess, "notify client(%lu) which is in destroy", clientId);
+    LOG_STEP("notify client(%lu) which is in destroy", clientId);
     GraphManager::instance().enqueueNotifyClientInDestroy(clientId);
     TaskManager::instance().enqueueNotifyClientInDestroy(clientId);
 }

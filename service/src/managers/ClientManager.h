@@ -14,6 +14,7 @@
 #include "reporting/PrintInfoListener.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
@@ -129,7 +130,7 @@ class ClientManager : public Singleton<ClientManager>,
 
     const bool m_printClientFps;
     const bool m_snapshot;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
 
     Mutex m_mutex;
     CondVar m_zeroClientCond;

@@ -7,6 +7,7 @@
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -17,11 +18,11 @@ constexpr uint64_t kMaxQueuedMessages = 200;
 
 }  // namespace
 
-ClientSender::ClientSender(uint64_t clientId, int socket, bool debugProcess,
+ClientSender::ClientSender(uint64_t clientId, int socket, StepTrace trace,
                            std::shared_ptr<Backlog> backlog)
     : m_clientId(clientId),
       m_socket(socket),
-      m_debugProcess(debugProcess),
+      m_trace(std::move(trace)),
       m_connection(IPC::ConnectionBase::findConnection(socket)),
       m_writer(socket),
       m_backlog(backlog ? std::move(backlog) : std::make_shared<Backlog>(kMaxQueuedMessages)),
@@ -76,13 +77,12 @@ void ClientSender::settle() {
     const bool closed = !m_failure.empty() && isClosed();
     for (const MessageTag& message : m_gathered) {
         if (m_failure.empty()) {
-            LOG_PROC(m_debugProcess, "send%s to client(id:%lu) done", message.text(), m_clientId);
+            LOG_STEP("send%s to client(id:%lu) done", message.text(), m_clientId);
         } else if (closed) {
-            LOG_PROC(m_debugProcess, "abort send%s for closed client(id:%lu)", message.text(),
-                     m_clientId);
+            LOG_STEP("abort send%s for closed client(id:%lu)", message.text(), m_clientId);
         } else {
-            LOG_PROC(m_debugProcess, "send%s to client(id:%lu) failed, ret=%s", message.text(),
-                     m_clientId, m_failure);
+            LOG_STEP("send%s to client(id:%lu) failed, ret=%s", message.text(), m_clientId,
+                     m_failure);
         }
         message.finishTaskLifeTrace();
     }

@@ -13,6 +13,7 @@
 #include "managers/MessageTag.h"
 #include "protocol/src/MessageWriter.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
@@ -33,7 +34,7 @@ class ClientSender : public NonCopyable {
     // `socket` is the number of the client's connection, which never changes; `backlog` that of
     // another client of the connection, null if there is none. Raises std::system_error when there
     // is no thread.
-    ClientSender(uint64_t clientId, int socket, bool debugProcess,
+    ClientSender(uint64_t clientId, int socket, StepTrace trace,
                  std::shared_ptr<Backlog> backlog = nullptr);
     ~ClientSender();
 
@@ -103,7 +104,7 @@ class ClientSender : public NonCopyable {
 
     const uint64_t m_clientId;
     const int m_socket;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const std::shared_ptr<IPC::ConnectionBase> m_connection;
 
     ThreadRole m_onThread;

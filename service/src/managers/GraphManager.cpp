@@ -13,6 +13,7 @@
 #include "reporting/InfoCollector.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/Tracer.h"
 
@@ -27,7 +28,7 @@ constexpr std::chrono::seconds kRemoveAllLimit{3};
 
 GraphManager::GraphManager()
     : m_printFps(ServiceConfigParser::instance().isPrintGraphFpsEnabled()),
-      m_debugProcess(ServiceConfigParser::instance().isGraphManagerDebugProcessEnabled()),
+      m_trace(ServiceConfigParser::instance().isGraphManagerDebugProcessEnabled()),
       m_snapshotBase(ServiceConfigParser::instance().getGraphSnapshotMode() == "base"),
       m_graphIdentity(ServiceConfigParser::instance().getGraphIdentity()),
       m_turns(m_pool),
@@ -41,7 +42,7 @@ GraphManager::GraphManager()
 
 GraphManager::~GraphManager() {
     Port<GraphPlacementListener>::disconnect();
-    LOG_PROC(m_debugProcess, "to destruct graph manager");
+    LOG_STEP("to destruct graph manager");
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
     m_stopped.store(true);
     MutexLock lock(m_mutex);
@@ -56,7 +57,7 @@ GraphManager::~GraphManager() {
     m_loadedGraphs.clear();
     while (!m_responseLists.empty()) releaseWaitingUnsafe(m_responseLists.begin()->first);
     m_graphs.clear();
-    LOG_PROC(m_debugProcess, "graph manager destructed");
+    LOG_STEP("graph manager destructed");
 }
 
 void GraphManager::enqueueDestroyGraph(Request request) {
@@ -98,8 +99,8 @@ KelmGraph* GraphManager::getGraphById(uint64_t graphId) {
 void GraphManager::queryBufferSize(Request request) {
     const uint64_t clientId = request.getClientId();
     const uint64_t graphId = request.as<KelmMsgReqQueryBufferSize>().graphId;
-    LOG_PROC(m_debugProcess, "[QueryBufferSize#0] clientId=%lu graphId=%lu socket=%d userParam=%p",
-             clientId, graphId, request.getSocket(), request.getMessage());
+    LOG_STEP("[QueryBufferSize#0] clientId=%lu graphId=%lu socket=%d userParam=%p", clientId,
+             graphId, request.getSocket(), request.getMessage());
     if (!ClientManager::instance().verifyRequester(request)) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
         sendQueryBufferSizeResponse(0, 0, KELM_ERROR_INVALID_CLIENT, std::move(request));
@@ -116,8 +117,7 @@ void GraphManager::queryBufferSize(Request request) {
     const uint64_t auxBufferSize =
         graph->getTimeTakensSize() + graph->getThermalBufferSize() + graph->getDebugBufferSize();
     sendQueryBufferSizeResponse(outputBufferSize, auxBufferSize, KELM_OK, std::move(request));
-    LOG_PROC(m_debugProcess,
-             "[QueryBufferSize#1] clientId=%lu graphId=%lu outputBufferSize=%lu auxBufferSize=%lu",
+    LOG_STEP("[QueryBufferSize#1] clientId=%lu graphId=%lu outputBufferSize=%lu auxBufferSize=%lu",
              clientId, graphId, outputBufferSize, auxBufferSize);
 }
 
@@ -141,8 +141,8 @@ void GraphManager::sendQueryBufferSizeResponse(uint64_t outputBufferSize, uint64
 
 void GraphManager::destroyGraph(Request request) {
     const uint64_t clientId = request.getClientId();
-    LOG_PROC(m_debugProcess, "[DestroyGraph#0] clientId=%lu graphId=%lu socket=%d userParam=%p",
-             clientId, request.as<KelmMsgReqDestroyGraph>().graphId, request.getSocket(),
+    LOG_STEP("[DestroyGraph#0] clientId=%lu graphId=%lu socket=%d userParam=%p", clientId,
+             request.as<KelmMsgReqDestroyGraph>().graphId, request.getSocket(),
              request.getMessage());
     if (!ClientManager::instance().verifyRequester(request)) {
         LOG_ERROR("Error: invalid clientId %lu", clientId);
@@ -179,8 +179,8 @@ KelmError GraphManager::giveUpGraphUnsafe(const Request& request, uint64_t& trac
         TaskManager::instance().enqueueNotifyClientInDestroy(clientId);
     } else {
         retireGraphUnsafe(graph);
-        LOG_PROC(m_debugProcess, "[DestroyGraph#1] clientId=%lu graphId=%lu socket=%d userParam=%p",
-                 clientId, graphId, request.getSocket(), request.getMessage());
+        LOG_STEP("[DestroyGraph#1] clientId=%lu graphId=%lu socket=%d userParam=%p", clientId,
+                 graphId, request.getSocket(), request.getMessage());
     }
     return KELM_OK;
 }
@@ -244,7 +244,7 @@ std::unique_ptr<KelmGraph> GraphManager::confirmUnsafe(KelmGraph* graph,
 
 void GraphManager::notifyClientInDestroy(uint64_t clientId) {
     MutexLock lock(m_mutex);
-    LOG_PROC(m_debugProcess, "revoke graph privileges assigned for client(id:%lu)", clientId);
+    LOG_STEP("revoke graph privileges assigned for client(id:%lu)", clientId);
     int numCleaned = 0;
     for (auto entry = m_graphs.begin(); entry != m_graphs.end();) {
         KelmGraph* graph = (entry++)->second;  // first: retiring takes the graph out of the map
@@ -253,8 +253,8 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
         retireGraphUnsafe(graph);
         ++numCleaned;
     }
-    LOG_PROC(m_debugProcess, "graph clean work done for unregister client(id:%lu), numCleaned=%d",
-             clientId, numCleaned);
+    LOG_STEP("graph clean work done for unregister client(id:%lu), numCleaned=%d", clientId,
+             numCleaned);
 }
 
 void GraphManager::removeAllGraphs() {

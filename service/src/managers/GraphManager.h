@@ -18,6 +18,7 @@
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
@@ -156,7 +157,7 @@ class GraphManager : public Singleton<GraphManager>,
     // Fixed after construction.
     int32_t m_maxGraphNum = INT32_MAX;
     const bool m_printFps;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const bool m_snapshotBase;
     GraphDump m_dump;
     // Atomic: an id is drawn without regard to any other field.

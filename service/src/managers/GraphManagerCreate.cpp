@@ -10,6 +10,7 @@
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/Tracer.h"
 
@@ -110,9 +111,8 @@ bool GraphManager::openBlob(const Request& request, Creation& creation) {
     if (std::exchange(creation.opened, true)) return true;
     const auto& wanted = request.as<KelmMsgReqCreateGraph>();
     if (creation.isFile && !GraphBlob::isGraphFile(wanted.graphPath)) return false;
-    LOG_PROC(m_debugProcess, "[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p",
-             wanted.clientId, escapeControls(wanted.graphName), request.getSocket(),
-             request.getMessage());
+    LOG_STEP("[CreateGraph#0] clientId=%lu graphName=%s socket=%d userParam=%p", wanted.clientId,
+             escapeControls(wanted.graphName), request.getSocket(), request.getMessage());
     creation.blob =
         creation.isFile
             ? GraphBlob::fromFile(wanted.graphPath, *kelmGetPeer(*request.getMessage()))
@@ -144,15 +144,13 @@ bool GraphManager::joinGraphUnsafe(Request& request, const std::string& hash,
     // Deliberate: the limit comes first, so that it refuses a share in a loaded graph too.
     if (m_graphNum == m_maxGraphNum) {
         LOG_ERROR("Error: exceed max graph number supported");
-        LOG_PROC(m_debugProcess,
-                 "[CreateGraph#1] exceed max graph number, send response to client(%lu)",
+        LOG_STEP("[CreateGraph#1] exceed max graph number, send response to client(%lu)",
                  wanted.clientId);
         answer = CreateAnswer{nullptr, KELM_ERROR_TOO_MANY_GRAPH};
         return true;
     }
     if (KelmGraph* loaded = getLoadedGraph(wanted, hash)) {
-        LOG_PROC(m_debugProcess,
-                 "[CreateGraph#1] found loaded graph(%lu), send response to client(%lu)",
+        LOG_STEP("[CreateGraph#1] found loaded graph(%lu), send response to client(%lu)",
                  loaded->getId(), wanted.clientId);
         loaded->appendName(wanted.clientId, wanted.graphName);
         answer = CreateAnswer{loaded, KELM_OK};
@@ -160,8 +158,7 @@ bool GraphManager::joinGraphUnsafe(Request& request, const std::string& hash,
     }
     KelmGraph* loading = getLoadingGraph(wanted, hash);
     if (loading == nullptr) return false;
-    LOG_PROC(m_debugProcess, "[CreateGraph#1] found loading graph(%lu), add to response list",
-             loading->getId());
+    LOG_STEP("[CreateGraph#1] found loading graph(%lu), add to response list", loading->getId());
     loading->appendName(wanted.clientId, wanted.graphName);
     m_responseLists[loading].push_back(std::move(request));
     return true;
@@ -196,8 +193,8 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& re
     // Under the mutex, so that no unload request can come before it. It only queues, and without a
     // device manager for the subclass the failure comes as a notice too.
     (void)DeviceManagerCreator::instance().enqueueLoadGraph(graph);
-    LOG_PROC(m_debugProcess, "[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p",
-             wanted.clientId, id, escapeControls(wanted.graphName), message);
+    LOG_STEP("[CreateGraph#1] clientId=%lu graphId=%lu graphName=%s userParam=%p", wanted.clientId,
+             id, escapeControls(wanted.graphName), message);
     return std::nullopt;
 }
 

@@ -23,6 +23,7 @@
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/RunPaths.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -94,7 +95,7 @@ constexpr int kPackagePartNum = std::size(kPackageParts);
 InfoPrinter::InfoPrinter(const char* name)
     : m_name(name),
       m_interval(readInterval()),
-      m_debugProcess(ServiceConfigParser::instance().isInfoPrinterDebugProcessEnabled()),
+      m_trace(ServiceConfigParser::instance().isInfoPrinterDebugProcessEnabled()),
       m_pool("InfoPrinter", 1, 100) {
     m_mainThread = std::thread([this] { mainThreadRoutine(); });
 }
@@ -109,7 +110,7 @@ InfoPrinter::~InfoPrinter() {
 void InfoPrinter::setupListenThread() {
     m_snapshotServer = std::make_unique<SnapshotServer>(
         RunPaths::snapshotSocket(), [this](InfoPackage& package) { collectInfoPackage(&package); },
-        m_debugProcess, SnapshotServer::Limits{});
+        m_trace, SnapshotServer::Limits{});
 }
 
 void InfoPrinter::start() {
@@ -261,7 +262,7 @@ void InfoPrinter::collectInfoPackage(InfoPackage* package) {
 }
 
 void InfoPrinter::enqueueUpdateInfoPackageDone(const std::string& source) {
-    LOG_PROC(m_debugProcess, "enqueueUpdateInfoPackageDone: %s", source);
+    LOG_STEP("enqueueUpdateInfoPackageDone: %s", source);
     m_packageParts.post();
 }
 

@@ -11,6 +11,7 @@
 #include "utils/Mutex.h"
 #include "utils/Semaphore.h"
 #include "utils/Singleton.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 
 namespace kelm {
@@ -77,7 +78,7 @@ class InfoPrinter final : public Singleton<InfoPrinter>, public InfoCollector {
 
     const std::string m_name;
     const std::chrono::seconds m_interval;  // 0 is allowed
-    const bool m_debugProcess;
+    const StepTrace m_trace;
 
     Mutex m_mutex;
     CondVar m_stateCond;

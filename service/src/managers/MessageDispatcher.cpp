@@ -25,6 +25,7 @@
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/RunPaths.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/ThreadUtils.h"
 #include "utils/TimeHelper.h"
@@ -61,7 +62,7 @@ const char* terminated(char (&field)[N]) {
 
 MessageDispatcher::MessageDispatcher(const char* name)
     : m_name(name),
-      m_debugProcess(ServiceConfigParser::instance().isMessageDispatcherDebugProcessEnabled()) {
+      m_trace(ServiceConfigParser::instance().isMessageDispatcherDebugProcessEnabled()) {
     init();
 }
 
@@ -272,8 +273,7 @@ void MessageDispatcher::handleRegister(Request request) {
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         connection->setUser(escapeControls(name));  // so that errors of the socket name the client
     }
-    LOG_PROC(m_debugProcess,
-             "enqueue register request(reqSeqNo=%lu): clientName=%s socket=%d userParam=%p",
+    LOG_STEP("enqueue register request(reqSeqNo=%lu): clientName=%s socket=%d userParam=%p",
              asked.head.reqSeqNo, escapeControls(name), socket, request.getMessage());
     m_clientManager->enqueueRegisterClient(std::move(request));
 }
@@ -281,14 +281,13 @@ void MessageDispatcher::handleRegister(Request request) {
 void MessageDispatcher::handleUnregister(Request request) {
     m_onListenThread.assertHeld();
     const int socket = request.getSocket();
-    LOG_PROC(m_debugProcess, "remove socket %d from listening list", socket);
+    LOG_STEP("remove socket %d from listening list", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         // Deliberate: for the rest of the connection's life, also if the client is unknown.
         connection->blockPoller();
         m_leaving.push_back(connection);
     }
-    LOG_PROC(m_debugProcess,
-             "enqueue unregister request(reqSeqNo=%lu): client=%lu socket=%d userParam=%p",
+    LOG_STEP("enqueue unregister request(reqSeqNo=%lu): client=%lu socket=%d userParam=%p",
              request.as<KelmMsgReq>().reqSeqNo, request.getClientId(), socket,
              request.getMessage());
     m_clientManager->enqueueUnregisterClient(std::move(request));
@@ -301,14 +300,13 @@ void MessageDispatcher::handleCreateGraph(Request request) {
     terminated(asked.streamId);
     const char* path = terminated(asked.graphPath);
     if (asked.graphData == 0) {
-        LOG_PROC(m_debugProcess,
-                 "enqueue create graph request(reqSeqNo=%lu): client=%lu graphPath=%s graphName=%s "
-                 "subclass=%d expectDevices=%d socket=%d userParam=%p",
-                 asked.head.reqSeqNo, asked.clientId, escapeControls(path), escapeControls(name),
-                 asked.subclass, asked.expectDevices, request.getSocket(), request.getMessage());
+        LOG_STEP(
+            "enqueue create graph request(reqSeqNo=%lu): client=%lu graphPath=%s graphName=%s "
+            "subclass=%d expectDevices=%d socket=%d userParam=%p",
+            asked.head.reqSeqNo, asked.clientId, escapeControls(path), escapeControls(name),
+            asked.subclass, asked.expectDevices, request.getSocket(), request.getMessage());
     } else {
-        LOG_PROC(
-            m_debugProcess,
+        LOG_STEP(
             "enqueue create graph request(reqSeqNo=%lu): client=%lu graphDataSize=%lu graphName=%s "
             "subclass=%d expectDevices=%d socket=%d userParam=%p",
             asked.head.reqSeqNo, asked.clientId, static_cast<uint64_t>(asked.graphDataSize),
@@ -320,11 +318,11 @@ void MessageDispatcher::handleCreateGraph(Request request) {
 
 void MessageDispatcher::handleDestroyGraph(Request request) {
     const auto& asked = request.as<KelmMsgReqDestroyGraph>();
-    LOG_PROC(m_debugProcess,
-             "enqueue destroy graph request(reqSeqNo=%lu): client=%lu graph=%lu socket=%d "
-             "userParam=%p",
-             asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
-             request.getMessage());
+    LOG_STEP(
+        "enqueue destroy graph request(reqSeqNo=%lu): client=%lu graph=%lu socket=%d "
+        "userParam=%p",
+        asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
+        request.getMessage());
     m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueDestroyGraph(std::move(request));
 }
@@ -342,8 +340,7 @@ void MessageDispatcher::handleInferTask(Request request) {
     param->setAuxBufferProvided(true);
     LOG_DEBUG("[TrackFd] create: clientId=%lu graphId=%lu inFd=%d outFd=%d auxFd=%d",
               asked.clientId, asked.graphId, input.fd, output.fd, aux.fd);
-    LOG_PROC(
-        m_debugProcess,
+    LOG_STEP(
         "enqueue infer task request(reqSeqNo=%lu): client=%lu graph=%lu socket=%d userParam=%p",
         asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
         request.getMessage());
@@ -352,31 +349,31 @@ void MessageDispatcher::handleInferTask(Request request) {
 
 void MessageDispatcher::handleCancelTask(Request request) {
     const auto& asked = request.as<KelmMsgReqCancelTask>();
-    LOG_PROC(m_debugProcess,
-             "enqueue cancel task request(reqSeqNo=%lu): client=%lu task=%lu socket=%d "
-             "userParam=%p",
-             asked.head.reqSeqNo, asked.clientId, asked.taskId, request.getSocket(),
-             request.getMessage());
+    LOG_STEP(
+        "enqueue cancel task request(reqSeqNo=%lu): client=%lu task=%lu socket=%d "
+        "userParam=%p",
+        asked.head.reqSeqNo, asked.clientId, asked.taskId, request.getSocket(),
+        request.getMessage());
     m_taskManager->enqueueCancelTask(std::move(request));
 }
 
 void MessageDispatcher::handleQueryTaskStatus(Request request) {
     const auto& asked = request.as<KelmMsgReqQueryTaskStatus>();
-    LOG_PROC(m_debugProcess,
-             "enqueue query task status request(reqSeqNo=%lu): client=%lu task=%lu socket=%d "
-             "userParam=%p",
-             asked.head.reqSeqNo, asked.clientId, asked.taskId, request.getSocket(),
-             request.getMessage());
+    LOG_STEP(
+        "enqueue query task status request(reqSeqNo=%lu): client=%lu task=%lu socket=%d "
+        "userParam=%p",
+        asked.head.reqSeqNo, asked.clientId, asked.taskId, request.getSocket(),
+        request.getMessage());
     m_taskManager->enqueueQueryTaskStatus(std::move(request));
 }
 
 void MessageDispatcher::handleQueryBufferSize(Request request) {
     const auto& asked = request.as<KelmMsgReqQueryBufferSize>();
-    LOG_PROC(m_debugProcess,
-             "enqueue query graph buffer size request(reqSeqNo=%lu): client=%lu graph=%lu "
-             "socket=%d userParam=%p",
-             asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
-             request.getMessage());
+    LOG_STEP(
+        "enqueue query graph buffer size request(reqSeqNo=%lu): client=%lu graph=%lu "
+        "socket=%d userParam=%p",
+        asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
+        request.getMessage());
     m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueQueryBufferSize(std::move(request));
 }
@@ -391,20 +388,20 @@ void MessageDispatcher::handleTestSendFd(Request /*request*/) {}
 
 void MessageDispatcher::handleResetDevice(Request request) {
     const auto& asked = request.as<KelmMsgReqResetDevice>();
-    LOG_PROC(m_debugProcess,
-             "enqueue reset device request(reqSeqNo=%lu): client=%lu deviceId=%u "
-             "resetAllDevices=%d socket=%d userParam=%p",
-             asked.head.reqSeqNo, asked.clientId, asked.deviceId, asked.resetAllDevices,
-             request.getSocket(), request.getMessage());
+    LOG_STEP(
+        "enqueue reset device request(reqSeqNo=%lu): client=%lu deviceId=%u "
+        "resetAllDevices=%d socket=%d userParam=%p",
+        asked.head.reqSeqNo, asked.clientId, asked.deviceId, asked.resetAllDevices,
+        request.getSocket(), request.getMessage());
     m_deviceManagerCreator->enqueueResetDevice(std::move(request));
 }
 
 void MessageDispatcher::closeConnect(int socket) {
-    LOG_PROC(m_debugProcess, "block IPC connection(socket=%d)", socket);
+    LOG_STEP("block IPC connection(socket=%d)", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         connection->blockPoller();
     }
-    LOG_PROC(m_debugProcess, "close Client(socket=%d)", socket);
+    LOG_STEP("close Client(socket=%d)", socket);
     m_clientManager->closeClient(socket);
 }
 

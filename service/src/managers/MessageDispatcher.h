@@ -10,6 +10,7 @@
 
 #include "utils/Semaphore.h"
 #include "utils/Singleton.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadRole.h"
 
 namespace IPC {
@@ -104,7 +105,7 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     Semaphore m_idleSemaphore{0, 0};
     Semaphore m_listenEnded{0, 0};
     std::thread m_listenThread;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     DeviceManagerCreator* m_deviceManagerCreator = nullptr;
     ClientManager* m_clientManager = nullptr;
     GraphManager* m_graphManager = nullptr;

@@ -17,14 +17,15 @@
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
 
 ResultDispatcher::ResultDispatcher()
-    : m_debugProcess(ServiceConfigParser::instance().isResultDispatcherDebugProcessEnabled()),
+    : m_trace(ServiceConfigParser::instance().isResultDispatcherDebugProcessEnabled()),
       m_finishedTasks("", "KelmService", "FinishedTasks"),
-      m_strangers(m_debugProcess),
+      m_strangers(m_trace),
       m_mainPool("ResDp", 1, 30000) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
     m_finishedTasks.m_bufferTimeMs = config.getFpsBufferTimeLength();
@@ -36,7 +37,7 @@ ResultDispatcher::ResultDispatcher()
 ResultDispatcher::~ResultDispatcher() {
     Port<ResultSink>::disconnect();
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
-    LOG_PROC(m_debugProcess, "to destruct result dispatcher");
+    LOG_STEP("to destruct result dispatcher");
     stopSendResponse();
     std::map<uint64_t, std::unique_ptr<ClientSender>> pools;
     std::vector<std::unique_ptr<ClientSender>> retired;
@@ -48,10 +49,10 @@ ResultDispatcher::~ResultDispatcher() {
             retired.swap(m_retiredSenders);
         })
         .wait();
-    LOG_PROC(m_debugProcess, "delete %lu dedicated thread pools", pools.size());
+    LOG_STEP("delete %lu dedicated thread pools", pools.size());
     pools.clear();  // each writes what is queued
     retired.clear();
-    LOG_PROC(m_debugProcess, "result dispatcher destructed");
+    LOG_STEP("result dispatcher destructed");
 }
 
 void ResultDispatcher::stopSendResponse() {
@@ -94,11 +95,10 @@ void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr
     } else {
         const MessageTag tag(*message);
         if (clientId != 0) {
-            LOG_PROC(m_debugProcess, "abort send%s for closed client(id:%lu)", tag.text(),
-                     clientId);
+            LOG_STEP("abort send%s for closed client(id:%lu)", tag.text(), clientId);
         } else {
-            LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s", tag.text(),
-                     socket, "not connected");
+            LOG_STEP("Error: send%s through socket(%d) failed, ret=%s", tag.text(), socket,
+                     "not connected");
         }
         tag.finishTaskLifeTrace();
         // The client's record may still wait for this word, without which it would never end.
@@ -115,7 +115,7 @@ void ResultDispatcher::notifySendCreateTaskReponseDone(ClientSender& sender, uin
     KelmTask* task = nullptr;
     const MessagePtr held = TaskManager::instance().notifyCreateResponseSent(taskId, task);
     if (!held) return;
-    LOG_PROC(m_debugProcess, "Found cached task done response with taskId(%lu), send it!", taskId);
+    LOG_STEP("Found cached task done response with taskId(%lu), send it!", taskId);
     sender.write(*held);
     m_finishedTasks.update();
     destroyTask(task);
@@ -138,8 +138,8 @@ ClientSender* ResultDispatcher::getDedicatedThreadPool(uint64_t clientId) {
         connection = clients.getConnectionByClientId(clientId);
         if (m_stopped || !connection || !connection->isConnected()) return nullptr;
         const int socket = connection->getSocket();
-        auto sender = std::make_unique<ClientSender>(clientId, socket, m_debugProcess,
-                                                     findBacklogUnsafe(socket));
+        auto sender =
+            std::make_unique<ClientSender>(clientId, socket, m_trace, findBacklogUnsafe(socket));
         return m_dedicatedThreadPools.emplace(clientId, std::move(sender)).first->second.get();
     } catch (const std::system_error& error) {
         LOG_ERROR(

@@ -14,6 +14,7 @@
 #include "utils/FpsCounter.h"
 #include "utils/Mutex.h"
 #include "utils/Singleton.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
@@ -138,7 +139,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     bool isStopped() EXCLUDES(m_dedicatedMutex);
     void printServiceFps();
 
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     // Atomic: the sequence is one of the whole service.
     std::atomic<uint64_t> m_evtSeqNo{0};
     FpsCounter m_finishedTasks;

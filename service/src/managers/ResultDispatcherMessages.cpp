@@ -15,6 +15,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -90,9 +91,9 @@ bool ResultDispatcher::checkInputParameters(const Answer& answer, const KelmMsgR
         return true;
     }
     if (answer.row.cancelHasId) {
-        LOG_PROC(m_debugProcess, answer.row.cancel, answer.clientId, answer.id);
+        LOG_STEP(answer.row.cancel, answer.clientId, answer.id);
     } else {
-        LOG_PROC(m_debugProcess, answer.row.cancel, answer.clientId);
+        LOG_STEP(answer.row.cancel, answer.clientId);
     }
     return false;
 }
@@ -110,9 +111,9 @@ MessagePtr ResultDispatcher::makeResponse(const Answer& answer, const KelmMsgReq
 void ResultDispatcher::deliver(const Answer& answer, MessagePtr message) {
     const uint64_t sequence = as<KelmMsgRsp>(message).rspSeqNo;
     if (answer.row.traceHasId) {
-        LOG_PROC(m_debugProcess, answer.row.trace, sequence, answer.clientId, answer.id);
+        LOG_STEP(answer.row.trace, sequence, answer.clientId, answer.id);
     } else {
-        LOG_PROC(m_debugProcess, answer.row.trace, sequence, answer.clientId);
+        LOG_STEP(answer.row.trace, sequence, answer.clientId);
     }
     // The sender tells the task when this one is written: its done message may wait for that.
     const bool createsTask = answer.row.answer == KELM_MESSAGE_INFER_TASK_RSP;
@@ -315,8 +316,7 @@ bool ResultDispatcher::tellTaskDone(KelmTask& task, KelmClient& client, KelmErro
     // If the task keeps it, the client's thread may send it and have the task destroyed from here
     // on: nothing of the task is read below.
     if (task.setTaskDoneResponse(message)) {
-        LOG_PROC(m_debugProcess,
-                 "Task(%lu) create response is not sent yet, cache task done response", taskId);
+        LOG_STEP("Task(%lu) create response is not sent yet, cache task done response", taskId);
         return false;
     }
     const uint64_t clientId = client.getId();
@@ -328,16 +328,14 @@ bool ResultDispatcher::tellTaskDone(KelmTask& task, KelmClient& client, KelmErro
 KelmClient* ResultDispatcher::findReceiver(KelmTask& task) {
     const uint64_t clientId = task.getClientId();
     if (task.isCanceled()) {
-        LOG_PROC(m_debugProcess, "abort sending task done response for canceled task(taskId=%lu)",
-                 task.getId());
+        LOG_STEP("abort sending task done response for canceled task(taskId=%lu)", task.getId());
         LOG_INFO("Destroy task(%lu), reason=canceled", task.getId());
         return nullptr;
     }
     ClientManager& clients = ClientManager::instance();
     // The record found below stays, since the client manager waits for the end of this very task.
     if (!clients.verifyClient(clientId)) {
-        LOG_PROC(m_debugProcess, "abort send task done message to unregistered client(id:%lu)",
-                 clientId);
+        LOG_STEP("abort send task done message to unregistered client(id:%lu)", clientId);
         return nullptr;
     }
     KelmClient* client = clients.getClientById(clientId);
@@ -357,8 +355,8 @@ MessagePtr ResultDispatcher::makeTaskDoneMessage(KelmTask& task, KelmClient& cli
         done.taskCookie0 = request.taskCookie0;
         done.taskResult = error;
         done.taskCookie1 = request.taskCookie1;
-        LOG_PROC(m_debugProcess, "sendTaskDoneResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu",
-                 done.head.rspSeqNo, clientId, task.getId());
+        LOG_STEP("sendTaskDoneResponse(rspSeqNo=%lu): clientId=%lu taskId=%lu", done.head.rspSeqNo,
+                 clientId, task.getId());
         return message;
     }
     MessagePtr message = allocate(KELM_MESSAGE_TASK_DONE_EVT, "KelmMsgEvtTaskDone");
@@ -371,7 +369,7 @@ MessagePtr ResultDispatcher::makeTaskDoneMessage(KelmTask& task, KelmClient& cli
     done.taskCookie0 = request.taskCookie0;
     done.taskResult = error;
     done.taskCookie1 = request.taskCookie1;
-    LOG_PROC(m_debugProcess, "sendTaskDoneEvent(evtSeqNo=%lu): clientId=%lu taskId=%lu reqSeq=%lu",
+    LOG_STEP("sendTaskDoneEvent(evtSeqNo=%lu): clientId=%lu taskId=%lu reqSeq=%lu",
              done.head.evtSeqNo, clientId, task.getId(), done.reqSeqNo);
     return message;
 }

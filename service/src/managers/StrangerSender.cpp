@@ -9,6 +9,7 @@
 #include "managers/MessageTag.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -20,8 +21,8 @@ constexpr std::chrono::milliseconds kTurnPause{10};
 
 }  // namespace
 
-StrangerSender::StrangerSender(bool debugProcess)
-    : m_debugProcess(debugProcess),
+StrangerSender::StrangerSender(StepTrace trace)
+    : m_trace(std::move(trace)),
       m_backlog(kMaxQueuedMessages),
       m_pool("ResDpSend", 1, kMaxQueuedMessages) {}
 
@@ -43,9 +44,8 @@ void StrangerSender::write(IPC::ConnectionBase& connection, const KelmMsgBase& m
     if (!connection.connected()) return logFailure(connection, message, "not connected");
     try {
         if (writeInTime(connection, message, deadline)) {
-            LOG_PROC(m_debugProcess, "send%s through socket(%d) done, ret=%s",
-                     MessageTag(message).text(), connection.getSimulateFD(),
-                     std::generic_category().message(0));
+            LOG_STEP("send%s through socket(%d) done, ret=%s", MessageTag(message).text(),
+                     connection.getSimulateFD(), std::generic_category().message(0));
             return;
         }
     } catch (const std::exception& error) {
@@ -75,8 +75,8 @@ bool StrangerSender::writeInTime(IPC::ConnectionBase& connection, const KelmMsgB
 
 void StrangerSender::logFailure(const IPC::ConnectionBase& connection, const KelmMsgBase& message,
                                 const char* reason) const {
-    LOG_PROC(m_debugProcess, "Error: send%s through socket(%d) failed, ret=%s",
-             MessageTag(message).text(), connection.getSimulateFD(), reason);
+    LOG_STEP("Error: send%s through socket(%d) failed, ret=%s", MessageTag(message).text(),
+             connection.getSimulateFD(), reason);
 }
 
 }  // namespace kelm

@@ -6,6 +6,7 @@
 #include "managers/Backlog.h"
 #include "protocol/src/MessagePtr.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 
 namespace IPC {
@@ -21,7 +22,7 @@ namespace kelm {
 // Threads: post() any; it blocks while the backlog is full. Owns: its pool.
 class StrangerSender : public NonCopyable {
  public:
-    explicit StrangerSender(bool debugProcess);
+    explicit StrangerSender(StepTrace trace);
 
     void post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message);
 
@@ -36,7 +37,7 @@ class StrangerSender : public NonCopyable {
     void logFailure(const IPC::ConnectionBase& connection, const KelmMsgBase& message,
                     const char* reason) const;
 
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     Backlog m_backlog;
     ThreadPool m_pool;  // last: its jobs use all of the above
 };

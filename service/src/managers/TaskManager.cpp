@@ -15,6 +15,7 @@
 #include "scheduling/tasks/TaskSchedulerFactory.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/Tracer.h"
 
@@ -23,8 +24,8 @@ namespace kelm {
 TaskManager::TaskManager(const std::string& name)
     : m_scheduler(TaskSchedulerFactory::createScheduler(
           ServiceConfigParser::instance().getTaskScheduler())),
-      m_debugProcess(ServiceConfigParser::instance().isTaskManagerDebugProcessEnabled()),
-      m_registry(m_debugProcess),
+      m_trace(ServiceConfigParser::instance().isTaskManagerDebugProcessEnabled()),
+      m_registry(m_trace),
       m_pool(std::make_unique<ThreadPool>(name, 1, 10000)),
       m_destroyPool(std::make_unique<ThreadPool>(name + "D", 1, 1000)) {}
 
@@ -129,7 +130,7 @@ KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
         return KELM_ERROR_INVALID_CLIENT;
     }
     if (!client->allowInferTask()) {
-        LOG_PROC(m_debugProcess, "aggressive client(id:%lu) with too many task requests", clientId);
+        LOG_STEP("aggressive client(id:%lu) with too many task requests", clientId);
         return KELM_ERROR_TOO_MANY_TASK;
     }
     const uint64_t graphId = request.as<KelmMsgReqInferTask>().graphId;
@@ -147,25 +148,23 @@ void TaskManager::scheduleTaskDone(KelmTask* task, bool accepted) {
     if (result == -2) destroyTask(task);
     if (result != 0) return;
     if (accepted) {
-        LOG_PROC(m_debugProcess, "task(%lu) scheduled success, userParam=%p", task->getId(),
-                 request.getMessage());
+        LOG_STEP("task(%lu) scheduled success, userParam=%p", task->getId(), request.getMessage());
         sendCreateTaskResponse(task, KELM_OK, std::move(request));
         unpinTask(task);  // last: a task that has run already is deleted by it
         return;
     }
-    LOG_PROC(m_debugProcess,
-             "task(%lu) scheduled failed, userParam=%p, reason: KELM_ERROR_TOO_MANY_TASK.",
+    LOG_STEP("task(%lu) scheduled failed, userParam=%p, reason: KELM_ERROR_TOO_MANY_TASK.",
              task->getId(), request.getMessage());
     sendCreateTaskResponse(nullptr, KELM_ERROR_TOO_MANY_TASK, std::move(request));
     // The task only ends here; taking the pin off deletes it, after which nothing may read it.
-    LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=scheduled failed", task->getId());
+    LOG_STEP("Destroy task(%lu), reason=scheduled failed", task->getId());
     destroyTask(task);
     unpinTask(task);
 }
 
 void TaskManager::rescheduleTaskDone(KelmTask* task, bool accepted) {
     if (accepted || !m_registry.verify(task)) return;
-    LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=rescheduled failed", task->getId());
+    LOG_STEP("Destroy task(%lu), reason=rescheduled failed", task->getId());
     destroyTask(task);
 }
 
@@ -174,7 +173,7 @@ void TaskManager::rescheduleTaskDone(KelmTask* task, bool accepted) {
 void TaskManager::returnTask(KelmTask* task) {
     if (!m_registry.verify(task)) return;
     if (task->isCanceled()) {
-        LOG_PROC(m_debugProcess, "Destroy task(%lu), reason=canceled", task->getId());
+        LOG_STEP("Destroy task(%lu), reason=canceled", task->getId());
         destroyTask(task);
         return;
     }
@@ -227,12 +226,12 @@ void TaskManager::unpinTask(KelmTask* task) {
 // Runs on either pool. Removed from the counts only after the deletion: client and graph, which the
 // record refers to, may be destroyed as soon as their counts are 0.
 void TaskManager::finishTask(const TaskRegistry::DyingTask& dying) {
-    LOG_FREQ(m_debugProcess, "%s", dying.summary);
+    LOG_TASK("%s", dying.summary);
     // The sender of a done message ends the trace when that is written.
     if (isTracerOn() && !dying.task->hasTaskDoneResponse()) finishTaskLifeTrace(dying.id);
     delete dying.task;  // closes descriptors and unmaps, so under no mutex
     const TaskDepartures::Done done = m_registry.removed(dying);
-    LOG_PROC(m_debugProcess, "task(%lu) destroyed", dying.id);
+    LOG_STEP("task(%lu) destroyed", dying.id);
     if (done.client) notifyClientDone(dying.clientId);
     if (done.graph) notifyGraphDone(dying.graph);
 }
@@ -259,12 +258,12 @@ void TaskManager::descheduleGraphDone(KelmGraph* graph) {
 }
 
 void TaskManager::notifyClientDone(uint64_t clientId) {
-    LOG_PROC(m_debugProcess, "no task related with client(%lu), notify ClientManager", clientId);
+    LOG_STEP("no task related with client(%lu), notify ClientManager", clientId);
     ClientManager::instance().enqueueNotifyAllTasksDone(clientId);
 }
 
 void TaskManager::notifyGraphDone(KelmGraph* graph) {
-    LOG_PROC(m_debugProcess, "no task related with graph(%s), notify GraphManager",
+    LOG_STEP("no task related with graph(%s), notify GraphManager",
              escapeControls(graph->getName()));
     GraphManager::instance().enqueueNotifyAllTasksDone(graph);
 }

@@ -14,6 +14,7 @@
 #include "records/Request.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
 #include "utils/Singleton.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
 
 namespace kelm {
@@ -113,7 +114,7 @@ class TaskManager final : public Singleton<TaskManager>,
 
     std::unique_ptr<TaskSchedulerBase> m_scheduler;
     std::atomic<uint64_t> m_nextTaskId{1};  // atomic: drawn without regard to any other field
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     TaskRegistry m_registry;
     TaskTraces m_taskTraces;
     // Atomic: set once in the destructor, and read before each answer.

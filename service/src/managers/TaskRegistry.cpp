@@ -5,6 +5,7 @@
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -17,7 +18,7 @@ TaskRegistry::~TaskRegistry() {
 
 void TaskRegistry::enter(KelmTask* task, Request request) {
     MutexLock lock(m_mutex);
-    LOG_PROC(m_debugProcess, "task(%lu) created for client(%lu) with userParam(%p)", task->getId(),
+    LOG_STEP("task(%lu) created for client(%lu) with userParam(%p)", task->getId(),
              request.getClientId(), request.getMessage());
     m_tasks.insert(task, TaskState{1, false, false});
     m_taskIdMap.insert(task->getId(), task);
@@ -118,7 +119,7 @@ std::optional<TaskRegistry::DyingTask> TaskRegistry::unlinkUnsafe(KelmTask* task
     DyingTask dying{task, id, task->getClientId(), task->getGraph(), state->givenUp, {}};
     m_tasks.erase(task);
     // Read here, while the record is whole and the client's name is still known.
-    if (m_debugProcess && Log::instance().isEnabled(LOG_LEVEL_FREQ)) {
+    if (m_trace.isOn() && Log::instance().isEnabled(LOG_LEVEL_FREQ)) {
         dying.summary = task->getSummary();
     }
     // Until removed() it still counts: a departure that is announced meanwhile waits for it.
@@ -154,7 +155,7 @@ int TaskRegistry::cancelTasksOf(uint64_t clientId, bool departing,
         if (remains.clientId == clientId) ++count;
     }
     if (count == 0) return 0;
-    LOG_PROC(m_debugProcess, "there are %d tasks related with client(%lu)", count, clientId);
+    LOG_STEP("there are %d tasks related with client(%lu)", count, clientId);
     if (departing) m_departures.addClient(clientId, count);
     return count;
 }
@@ -174,7 +175,7 @@ bool TaskRegistry::cancelTasksOf(KelmGraph* graph) {
         if (task->getGraph() == graph) task->cancel();
     }
     if (count > 0) {
-        LOG_PROC(m_debugProcess, "there are %u tasks related with graph(%s)", count,
+        LOG_STEP("there are %u tasks related with graph(%s)", count,
                  escapeControls(graph->getName()));
     }
     return true;

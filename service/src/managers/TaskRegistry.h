@@ -13,6 +13,7 @@
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 #include "utils/RecycledMap.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -42,8 +43,8 @@ class TaskRegistry : public NonCopyable {
         std::string summary;  // empty unless the log wants it
     };
 
-    // `debugProcess` as the manager has it.
-    explicit TaskRegistry(bool debugProcess) : m_debugProcess(debugProcess) {}
+    // `trace` is the manager's.
+    explicit TaskRegistry(StepTrace trace) : m_trace(std::move(trace)) {}
     ~TaskRegistry();
 
     // Enters a task with a pin, and the request that wants to know whether it was accepted.
@@ -98,7 +99,7 @@ class TaskRegistry : public NonCopyable {
         REQUIRES(m_mutex);
     std::optional<DyingTask> unlinkUnsafe(KelmTask* task) REQUIRES(m_mutex);
 
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     Mutex m_mutex;
     RecycledMap<KelmTask*, TaskState> m_tasks GUARDED_BY(m_mutex);
     RecycledMap<uint64_t, KelmTask*> m_taskIdMap GUARDED_BY(m_mutex);  // those not ended

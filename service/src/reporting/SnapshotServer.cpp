@@ -15,6 +15,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadUtils.h"
 #include "utils/TimeHelper.h"
 
@@ -44,10 +45,10 @@ int millisecUntil(std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
-SnapshotServer::SnapshotServer(const std::string& path, Collect collect, bool debugProcess,
+SnapshotServer::SnapshotServer(const std::string& path, Collect collect, StepTrace trace,
                                Limits limits)
     : m_collect(std::move(collect)),
-      m_debugProcess(debugProcess),
+      m_trace(std::move(trace)),
       m_limits(limits),
       m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_poller(std::make_shared<IPC::Poller>()),
@@ -87,7 +88,7 @@ void SnapshotServer::listenThreadRoutine() {
     while (!m_stop) {
         try {
             if (!waitForPass()) continue;
-            LOG_PROC(m_debugProcess, "collect infoPackage");
+            LOG_STEP("collect infoPackage");
             m_collect(package);
             writePackage(package);
         } catch (const std::exception& error) {
@@ -156,7 +157,7 @@ bool SnapshotServer::acceptTool() {
         Tool& tool = m_tools[number];
         tool.room = setSendBuffer(connection->nativeHandle(), m_limits.sendBuffer);
         tool.connection = std::move(connection);
-        LOG_PROC(m_debugProcess, "accept new connection: %d", number);
+        LOG_STEP("accept new connection: %d", number);
         return true;
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a snapshot tool cannot be accepted: %s", error.what());
@@ -213,7 +214,7 @@ bool SnapshotServer::dropInput(Tool& tool) {
 void SnapshotServer::closeTool(int number) {
     IPC::ConnectionBase::close(number);  // first: our share keeps the number from other connections
     m_tools.erase(number);
-    LOG_PROC(m_debugProcess, "socket %d closed", number);
+    LOG_STEP("socket %d closed", number);
 }
 
 void SnapshotServer::closeAll() {
@@ -234,7 +235,7 @@ void SnapshotServer::writePackage(const InfoPackage& package) {
     // With a part of a package missing, a tool could make no sense of the next one.
     for (const int number : takers) {
         if (m_tools.at(number).sent == sizeof(package)) continue;
-        LOG_PROC(m_debugProcess, "write infoPackage to %d failed", number);
+        LOG_STEP("write infoPackage to %d failed", number);
         closeTool(number);
     }
 }
@@ -246,7 +247,7 @@ std::vector<int> SnapshotServer::findTakers() {
             if (!tool.behindSince) tool.behindSince = Clock::now();
             continue;
         }
-        LOG_PROC(m_debugProcess, "write infoPackage to %d", number);
+        LOG_STEP("write infoPackage to %d", number);
         tool.behindSince.reset();
         tool.sent = 0;
         takers.push_back(number);

@@ -14,6 +14,7 @@
 #include "protocol/src/InfoPackage.h"
 #include "utils/NonCopyable.h"
 #include "utils/Semaphore.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadRole.h"
 #include "utils/UniqueFd.h"
 
@@ -49,7 +50,7 @@ class SnapshotServer : public NonCopyable {
     };
 
     // Opens the socket; raises if it cannot be made. Tools wait outside until start().
-    SnapshotServer(const std::string& path, Collect collect, bool debugProcess, Limits limits);
+    SnapshotServer(const std::string& path, Collect collect, StepTrace trace, Limits limits);
     ~SnapshotServer();  // waits for the thread without limit
 
     void start();
@@ -101,7 +102,7 @@ class SnapshotServer : public NonCopyable {
         REQUIRES(m_onThread);
 
     const Collect m_collect;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     const Limits m_limits;
     std::atomic<bool> m_stop{false};  // atomic: set by the stopping thread, read by the server's
     UniqueFd m_wakeFd;                // readable for good once the stop is wanted

@@ -14,6 +14,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/ThreadUtils.h"
 
@@ -45,7 +46,7 @@ void runStep(StatusChangeOperation& operation, void (StatusChangeOperation::*ste
 
 DeviceSchedulerBase::DeviceSchedulerBase(const char* name)
     : m_name(name),
-      m_debugProcess(ServiceConfigParser::instance().isDeviceSchedulerDebugProcessEnabled()) {}
+      m_trace(ServiceConfigParser::instance().isDeviceSchedulerDebugProcessEnabled()) {}
 
 DeviceSchedulerBase::~DeviceSchedulerBase() {
     CR_ASSERT(!m_thread.joinable() && !m_abandoned, "scheduler destroyed under its thread");
@@ -170,20 +171,18 @@ std::string DeviceSchedulerBase::describe(KelmGraph* graph) {
 
 void DeviceSchedulerBase::makeLoad(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(LoadGraphOperation::create(graph, worker));
-    LOG_PROC(m_debugProcess, "NEW LoadGraphOperation(%s worker=%s)", describe(graph),
-             worker->getName());
+    LOG_STEP("NEW LoadGraphOperation(%s worker=%s)", describe(graph), worker->getName());
 }
 
 void DeviceSchedulerBase::makeUnload(KelmGraph* graph, WorkThread* worker, bool shallow,
                                      const char* note) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, shallow));
-    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(%s worker=%s%s)", describe(graph),
-             worker->getName(), note);
+    LOG_STEP("NEW UnloadGraphOperation(%s worker=%s%s)", describe(graph), worker->getName(), note);
 }
 
 void DeviceSchedulerBase::makePlugout(WorkThread* worker) {
     m_operations.push_back(PlugoutWorkerOperation::create(worker));
-    LOG_PROC(m_debugProcess, "NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
+    LOG_STEP("NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
 }
 
 // All operations are begun before the first is waited for, so that workers load in parallel. The

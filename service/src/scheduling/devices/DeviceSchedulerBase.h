@@ -15,6 +15,7 @@
 #include "scheduling/devices/StatusChangeRequest.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 #include "utils/ThreadRole.h"
 
 namespace kelm {
@@ -96,7 +97,7 @@ class DeviceSchedulerBase : public NonCopyable {
     }
 
     const std::string m_name;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     bool m_retryLoadGraph = false;  // fixed by the derived constructor
     ThreadRole m_onSchedulingThread;
 

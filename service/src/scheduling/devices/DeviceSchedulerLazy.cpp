@@ -4,6 +4,7 @@
 #include "records/KelmGraph.h"
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -91,7 +92,7 @@ void DeviceSchedulerLazy::classify(WorkThread* worker) {
 // that it cannot.
 void DeviceSchedulerLazy::strand(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
-    LOG_PROC(m_debugProcess, "NEW UnloadGraphOperation(graph=%s worker=%s), device lost",
+    LOG_STEP("NEW UnloadGraphOperation(graph=%s worker=%s), device lost",
              escapeControls(graph->getName()), worker->getName());
     m_strandedGraphs.insert(graph);
 }

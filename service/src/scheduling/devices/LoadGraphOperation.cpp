@@ -6,6 +6,7 @@
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -23,20 +24,19 @@ LoadGraphOperation::LoadGraphOperation(KelmGraph* graph, WorkThread* worker)
     : m_graph(graph), m_worker(worker), m_graphName(graph->getName()) {}
 
 void LoadGraphOperation::operation() {
-    LOG_PROC(m_debugProcess, "load [%s] to [%s]", escapeControls(m_graphName), m_worker->getName());
+    LOG_STEP("load [%s] to [%s]", escapeControls(m_graphName), m_worker->getName());
     m_future = m_worker->enqueueLoadGraph(m_graph);
 }
 
 void LoadGraphOperation::wait() {
     if (!m_future.valid()) return;
-    LOG_PROC(m_debugProcess, "wait load [%s] to [%s] done", escapeControls(m_graphName),
-             m_worker->getName());
+    LOG_STEP("wait load [%s] to [%s] done", escapeControls(m_graphName), m_worker->getName());
     // Taken out first: an exception from the job must not leave a future for a second wait.
     const std::shared_future<int> future = std::exchange(m_future, {});
     waitDone(future, "load", m_graphName, *m_worker);
     m_retCode = future.get();
-    LOG_PROC(m_debugProcess, "load [%s] to [%s] done, retCode=%d", escapeControls(m_graphName),
-             m_worker->getName(), m_retCode);
+    LOG_STEP("load [%s] to [%s] done, retCode=%d", escapeControls(m_graphName), m_worker->getName(),
+             m_retCode);
 }
 
 bool LoadGraphOperation::isOperation(KelmGraph* graph, StatusChangeRequestType type) {

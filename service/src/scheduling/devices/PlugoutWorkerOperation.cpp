@@ -6,6 +6,7 @@
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -23,7 +24,7 @@ PlugoutWorkerOperation::PlugoutWorkerOperation(WorkThread* worker) : m_worker(wo
 void PlugoutWorkerOperation::operation() {
     for (KelmGraph* graph : m_worker->getGraphs()) {
         const std::string graphName = graph->getName();
-        LOG_PROC(m_debugProcess, "unload [%s] from reset device [%s]", escapeControls(graphName),
+        LOG_STEP("unload [%s] from reset device [%s]", escapeControls(graphName),
                  m_worker->getName());
         m_futures[graph] = {graphName, m_worker->enqueueUnloadGraph(graph, false)};
     }
@@ -31,15 +32,15 @@ void PlugoutWorkerOperation::operation() {
 
 void PlugoutWorkerOperation::wait() {
     for (const auto& [graph, unload] : m_futures) {
-        LOG_PROC(m_debugProcess, "wait unload [%s] from reset device [%s] done",
-                 escapeControls(unload.graphName), m_worker->getName());
+        LOG_STEP("wait unload [%s] from reset device [%s] done", escapeControls(unload.graphName),
+                 m_worker->getName());
         // The value does not matter: the device has left the bus.
         waitDone(unload.future, "unload", unload.graphName, *m_worker);
     }
     // Graphs that the device has only cached have no slave worker that forgets them: once the pass
     // is reported their records may be destroyed.
     if (KelmDeviceBase* const device = m_worker->getDevice()) device->forgetGraphs();
-    LOG_PROC(m_debugProcess, "tell DM to delete reset device [%s]", m_worker->getName());
+    LOG_STEP("tell DM to delete reset device [%s]", m_worker->getName());
     Port<WorkerRemovalListener>::notify<&WorkerRemovalListener::enqueueRemoveWorkerDone>(m_worker);
 }
 

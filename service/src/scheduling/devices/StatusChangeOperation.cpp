@@ -18,8 +18,7 @@ std::atomic<std::chrono::milliseconds> s_patience{std::chrono::seconds(10)};
 }  // namespace
 
 StatusChangeOperation::StatusChangeOperation()
-    : m_debugProcess(ServiceConfigParser::instance().isStatusChangeOperationDebugProcessEnabled()) {
-}
+    : m_trace(ServiceConfigParser::instance().isStatusChangeOperationDebugProcessEnabled()) {}
 
 void StatusChangeOperation::execute() {
     preOperation();

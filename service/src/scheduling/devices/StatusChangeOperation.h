@@ -7,6 +7,7 @@
 
 #include "scheduling/devices/StatusChangeRequest.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -57,7 +58,7 @@ class StatusChangeOperation : public NonCopyable {
                          const std::string& graphName, WorkThread& worker);
 
     int32_t m_retCode = 0;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
 };
 
 }  // namespace kelm

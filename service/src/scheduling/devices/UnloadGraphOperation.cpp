@@ -5,6 +5,7 @@
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -23,20 +24,18 @@ UnloadGraphOperation::UnloadGraphOperation(KelmGraph* graph, WorkThread* worker,
     : m_shallow(shallow), m_graph(graph), m_worker(worker), m_graphName(graph->getName()) {}
 
 void UnloadGraphOperation::operation() {
-    LOG_PROC(m_debugProcess, "unload [%s] from [%s]", escapeControls(m_graphName),
-             m_worker->getName());
+    LOG_STEP("unload [%s] from [%s]", escapeControls(m_graphName), m_worker->getName());
     m_future = m_worker->enqueueUnloadGraph(m_graph, m_shallow);
 }
 
 void UnloadGraphOperation::wait() {
     if (!m_future.valid()) return;
-    LOG_PROC(m_debugProcess, "wait unload [%s] from [%s] done", escapeControls(m_graphName),
-             m_worker->getName());
+    LOG_STEP("wait unload [%s] from [%s] done", escapeControls(m_graphName), m_worker->getName());
     // Taken out first: an exception from the job must not leave a future for a second wait.
     const std::shared_future<int> future = std::exchange(m_future, {});
     waitDone(future, "unload", m_graphName, *m_worker);
     m_retCode = future.get();
-    LOG_PROC(m_debugProcess, "unload [%s] from [%s] done, retCode=%d", escapeControls(m_graphName),
+    LOG_STEP("unload [%s] from [%s] done, retCode=%d", escapeControls(m_graphName),
              m_worker->getName(), m_retCode);
 }
 

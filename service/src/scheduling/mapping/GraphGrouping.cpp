@@ -5,6 +5,7 @@
 #include <numeric>
 
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -47,17 +48,17 @@ Partition findPartition(const std::vector<float>& values) {
 
 }  // namespace
 
-void groupGraphs(const GraphItemSet& graphs, bool debugProcess) {
+void groupGraphs(const GraphItemSet& graphs, const StepTrace& trace) {
     if (graphs.size() < kLeastGraphsToGroup) return;
     std::vector<float> values;
     for (const GraphItem* item : graphs) values.push_back(item->devReq);
     std::sort(values.begin(), values.end());
     const Partition partition = findPartition(values);
-    LOG_PROC(debugProcess, "groupGraphs: partitionValue = %f, masterNum = %d",
+    LOG_PROC(trace.isOn(), "groupGraphs: partitionValue = %f, masterNum = %d",
              partition.value + 0.001f, partition.masterNum);
     const bool tooMany = partition.masterNum > kMostMasters;
     if (tooMany) {
-        LOG_PROC(debugProcess, "groupGraphs: bestMasterNum = %d, it is too much!",
+        LOG_PROC(trace.isOn(), "groupGraphs: bestMasterNum = %d, it is too much!",
                  partition.masterNum);
     }
     for (GraphItem* item : graphs) {

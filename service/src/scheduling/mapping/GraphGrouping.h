@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scheduling/mapping/GraphItem.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -8,6 +9,6 @@ namespace kelm {
 // split of their demands that leaves the least spread on both sides. With fewer than three graphs,
 // or more than two masters, there is nothing to divide.
 // No caller: kept for a policy that protects heavy graphs. Without it all graphs are slaves.
-void groupGraphs(const GraphItemSet& graphs, bool debugProcess);
+void groupGraphs(const GraphItemSet& graphs, const StepTrace& trace);
 
 }  // namespace kelm

@@ -5,6 +5,7 @@
 #include "config/ServiceConfigParser.h"
 #include "scheduling/mapping/GraphMapperComparer.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -21,9 +22,9 @@ void dumpMapEntry(std::ostream& out, const void* worker, const std::set<KelmGrap
 }  // namespace
 
 GraphMapper::GraphMapper()
-    : m_debugProcess(ServiceConfigParser::instance().isGraphMapperDebugProcessEnabled()),
-      m_model(m_debugProcess),
-      m_matcher(m_debugProcess) {}
+    : m_trace(ServiceConfigParser::instance().isGraphMapperDebugProcessEnabled()),
+      m_model(m_trace),
+      m_matcher(m_trace) {}
 
 void GraphMapper::setMaxGraphNumPerDevice(int number) {
     if (number > 0) m_maxGraphNumPerDevice = number;
@@ -75,11 +76,11 @@ bool GraphMapper::mapGraph() {
                               .maxPendingTaskNum = m_maxPendingTaskNum,
                               .maxPendingCycle = m_maxPendingCycle};
     if (!m_model.checkChanged(limits.maxPendingCycle)) {
-        LOG_PROC(m_debugProcess, "Not need map graph due to no changed");
+        LOG_STEP("Not need map graph due to no changed");
         return true;
     }
     // The setters take effect from one mapping to the next, not within one.
-    MappingCycle cycle(m_model, m_matcher, limits, m_debugProcess);
+    MappingCycle cycle(m_model, m_matcher, limits, m_trace);
     if (!cycle.run()) return false;  // the last result stays in force
     m_mapResult = m_model.getResidentGraphs();
     return true;
@@ -95,7 +96,7 @@ std::unordered_map<KelmGraph*, bool> GraphMapper::getGraphPendingState() {
 }
 
 void GraphMapper::printAll() {
-    if (!m_debugProcess) return;
+    if (!m_trace.isOn()) return;
     MutexLock lock(m_mutex);
     std::cout << kLine;
     m_model.dumpDevices(std::cout);

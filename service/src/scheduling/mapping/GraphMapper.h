@@ -12,6 +12,7 @@
 #include "scheduling/mapping/MappingCycle.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -77,7 +78,7 @@ class GraphMapper : public NonCopyable {
     std::atomic<int32_t> m_maxPendingTaskNum{0};
     // Not guarded: read without lock by the thread that writes it.
     MapResult m_mapResult;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     MapperModel m_model GUARDED_BY(m_mutex);
     MapperMatcher m_matcher GUARDED_BY(m_mutex);
 };

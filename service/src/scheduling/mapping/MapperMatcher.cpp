@@ -5,6 +5,7 @@
 
 #include "scheduling/mapping/MapperModel.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -67,15 +68,15 @@ class ShadowIndex {
 
 void MapperMatcher::mapGraphPost(MapperModel& model) {
     const uint32_t matched = matchAlikeDevices(model);
-    LOG_PROC(m_debugProcess, "mapGraphPost: matched deviceNum = %u", matched);
+    LOG_STEP("mapGraphPost: matched deviceNum = %u", matched);
     m_totalDeviceCount += static_cast<uint32_t>(model.devices().size());
     const double rate = m_totalDeviceCount != 0
                             ? static_cast<double>(m_stableDeviceCount) / m_totalDeviceCount
                             : 0.0;
-    LOG_PROC(m_debugProcess, "mapGraphPost: device stable rate - %d/%d=%f", m_stableDeviceCount,
-             m_totalDeviceCount, rate);
+    LOG_STEP("mapGraphPost: device stable rate - %d/%d=%f", m_stableDeviceCount, m_totalDeviceCount,
+             rate);
     const uint32_t left = fillLeftDevices(model);
-    LOG_PROC(m_debugProcess, "mapGraphPost: left deviceNum = %u", left);
+    LOG_STEP("mapGraphPost: left deviceNum = %u", left);
     updateDeviceState(model.devices());
 }
 
@@ -89,7 +90,7 @@ uint32_t MapperMatcher::matchAlikeDevices(const MapperModel& model) {
         deviceMapperCopy(real, shadow);
         real->devStatus = MAPPER_GRAPH_RUN;
         ++matched;
-        LOG_PROC(m_debugProcess, "mapGraphPost: matched device Score = %d", score);
+        LOG_STEP("mapGraphPost: matched device Score = %d", score);
         if (score == kSameGraphs) ++m_stableDeviceCount;
     }
     return matched;

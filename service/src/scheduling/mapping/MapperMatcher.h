@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "scheduling/mapping/DeviceItem.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -14,7 +15,7 @@ class MapperModel;
 // Threads: one at a time, the caller locks.
 class MapperMatcher {
  public:
-    explicit MapperMatcher(bool debugProcess) : m_debugProcess(debugProcess) {}
+    explicit MapperMatcher(StepTrace trace) : m_trace(std::move(trace)) {}
 
     // From the shadows to the devices of the model; a device without a shadow is free afterwards.
     void mapGraphPost(MapperModel& model);
@@ -28,7 +29,7 @@ class MapperMatcher {
     uint32_t matchAlikeDevices(const MapperModel& model);
     static uint32_t fillLeftDevices(const MapperModel& model);
 
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     uint32_t m_totalDeviceCount = 0;   // over all mappings, for the log
     uint32_t m_stableDeviceCount = 0;  // of these, kept exactly their graphs
 };

@@ -7,6 +7,7 @@
 #include "scheduling/mapping/CutToInteger.h"
 #include "scheduling/mapping/GraphMapperComparer.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 
 namespace kelm {
@@ -70,7 +71,7 @@ bool MapperModel::addDevice(WorkThread* worker, unsigned int memSize, const std:
     m_newDeviceSet.push_back(item->shadow.get());
     m_devicePtrSet[worker] = std::move(item);
     m_deviceChanged = true;
-    LOG_PROC(m_debugProcess, "[GraphMapper] addDevice() success: worker=%p name=%s", worker, name);
+    LOG_STEP("[GraphMapper] addDevice() success: worker=%p name=%s", worker, name);
     return true;
 }
 
@@ -89,7 +90,7 @@ bool MapperModel::removeDevice(WorkThread* worker) {
     m_devicePtrSet.erase(worker);
     m_deviceChanged = true;
     if (m_deviceSet.empty()) m_deviceCount = 0;  // keeps the ids of the dumps short
-    LOG_PROC(m_debugProcess, "[GraphMapper] removeDevice() success: worker=%p", worker);
+    LOG_STEP("[GraphMapper] removeDevice() success: worker=%p", worker);
     return true;
 }
 
@@ -126,8 +127,7 @@ bool MapperModel::addGraph(KelmGraph* graph, unsigned int memReq, unsigned int t
     m_graphSet.push_back(item.get());
     m_graphPtrSet[graph] = std::move(item);
     m_graphChanged = true;
-    LOG_PROC(m_debugProcess, "[GraphMapper] AddGraph() success: graph=%p name=%s", graph,
-             escapeControls(name));
+    LOG_STEP("[GraphMapper] AddGraph() success: graph=%p name=%s", graph, escapeControls(name));
     return true;
 }
 
@@ -156,7 +156,7 @@ bool MapperModel::removeGraph(KelmGraph* graph) {
     m_graphPtrSet.erase(graph);
     m_graphChanged = true;
     if (m_graphSet.empty()) m_graphCount = 0;
-    LOG_PROC(m_debugProcess, "[GraphMapper] removeGraph() success: graph=%p", graph);
+    LOG_STEP("[GraphMapper] removeGraph() success: graph=%p", graph);
     return true;
 }
 
@@ -180,7 +180,7 @@ bool MapperModel::updateGraph(KelmGraph* graph, float devReq, unsigned int memRe
     }
     const float measure = boundMeasure(devReq);
     item->devReq = smooth(measure, item->devReq, item->slaveGroup);
-    LOG_PROC(m_debugProcess, "%s", item->dump());
+    LOG_STEP("%s", item->dump());
     // Unsigned: a count that fell by more than the slack wraps around to a large number.
     const uint32_t moved = taskNum - static_cast<uint32_t>(item->taskNum) + kTaskNumSlack;
     if (!isSameDemand(item->devReq, measure) || moved > 2 * kTaskNumSlack) m_graphChanged = true;
@@ -228,7 +228,7 @@ bool MapperModel::checkPendingGraphCycle(int32_t maxPendingCycle) {
     bool reached = false;
     for (GraphItem* item : m_pendingGraphSet) {
         if (++item->outCycleNum < maxPendingCycle) continue;
-        LOG_PROC(m_debugProcess, "Graph reaches max pending cycle number: %s", item->dump());
+        LOG_STEP("Graph reaches max pending cycle number: %s", item->dump());
         reached = true;
     }
     return reached;

@@ -11,6 +11,7 @@
 #include "scheduling/mapping/DeviceItem.h"
 #include "scheduling/mapping/GraphItem.h"
 #include "utils/NonCopyable.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -24,7 +25,7 @@ class WorkThread;
 // Threads: one at a time, the caller locks. Owns: all items, from add to remove.
 class MapperModel : public NonCopyable {
  public:
-    explicit MapperModel(bool debugProcess) : m_debugProcess(debugProcess) {}
+    explicit MapperModel(StepTrace trace) : m_trace(std::move(trace)) {}
 
     // False only for a null worker; a known one stays as it is. Memory in MB.
     bool addDevice(WorkThread* worker, unsigned int memSize, const std::string& name);
@@ -80,7 +81,7 @@ class MapperModel : public NonCopyable {
     DeviceItemSet m_newDeviceSet;  // their shadows, in step
     // The devices of m_deviceSet by key; owns their items.
     std::map<WorkThread*, std::unique_ptr<DeviceItem>> m_devicePtrSet;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
 
     // Atomic: all mappers take ids from them, and each mapper has a mutex of its own.
     static inline std::atomic<uint32_t> m_graphCount{0};

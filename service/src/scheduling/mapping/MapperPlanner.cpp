@@ -4,11 +4,13 @@
 #include <cfloat>
 #include <cmath>
 #include <iterator>
+#include <utility>
 
 #include "scheduling/mapping/CutToInteger.h"
 #include "scheduling/mapping/FractionSelector.h"
 #include "scheduling/mapping/MapperModel.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -92,10 +94,10 @@ void relieve(DeviceItem& busy, DeviceItem& free) {
 
 }  // namespace
 
-MapperPlanner::MapperPlanner(MapperModel& model, int32_t maxGraphNumPerDevice, bool debugProcess)
+MapperPlanner::MapperPlanner(MapperModel& model, int32_t maxGraphNumPerDevice, StepTrace trace)
     : m_model(model),
       m_maxGraphNumPerDevice(maxGraphNumPerDevice),
-      m_debugProcess(debugProcess),
+      m_trace(std::move(trace)),
       m_devices(model.shadows()) {}
 
 GraphItem* MapperPlanner::figureOutMapperMode() const {
@@ -122,21 +124,20 @@ GraphItem* MapperPlanner::figureOutMapperMode() const {
 int32_t MapperPlanner::mapRunGraphBalance(uint32_t deviceNum) {
     m_model.resetPlan();
     const int32_t result = mapGraphCore(deviceNum);
-    if (result != 0) LOG_PROC(m_debugProcess, "mapRunGraphBalance - failed to mapGraphCore");
+    if (result != 0) LOG_STEP("mapRunGraphBalance - failed to mapGraphCore");
     return result;
 }
 
 int32_t MapperPlanner::mapRunGraphMaster(GraphItem& master, uint32_t deviceNum) {
     m_model.resetPlan();
     const uint32_t masterNum = getMasterDeviceNum(master, deviceNum);
-    LOG_PROC(m_debugProcess, "mapRunGraphMaster: masterReqDevNum = %d", masterNum);
+    LOG_STEP("mapRunGraphMaster: masterReqDevNum = %d", masterNum);
     master.dedicatedDevNum = 0;
     master.sharedDevNum = 0;
     while (master.dedicatedDevNum < masterNum) {
         DeviceItem* device = m_devices.getFreeDevice();
         if (device == nullptr) {
-            LOG_PROC(
-                m_debugProcess,
+            LOG_STEP(
                 "mapRunGraphMaster - cannot get enough free device, reqNum = %d, current = %d!",
                 masterNum, master.dedicatedDevNum);
             return kHardFailure;
@@ -149,8 +150,7 @@ int32_t MapperPlanner::mapRunGraphMaster(GraphItem& master, uint32_t deviceNum) 
     const int32_t result = mapSlaveGraphs(slaveNum);
     master.status = MAPPER_GRAPH_RUN;
     if (result != 0) {
-        LOG_PROC(m_debugProcess,
-                 "mapRunGraphMaster - failed to call mapGraphCore, slaveDevNum = %d", slaveNum);
+        LOG_STEP("mapRunGraphMaster - failed to call mapGraphCore, slaveDevNum = %d", slaveNum);
     }
     return result;
 }
@@ -175,7 +175,7 @@ int32_t MapperPlanner::mapSlaveGraphs(uint32_t slaveNum) {
         item->devReq = average;
         item->status = MAPPER_GRAPH_RUN;
     }
-    LOG_PROC(m_debugProcess, "mapRunGraphMaster: slaveReqDevNum = %d, freeDevNum = %d", slaveNum,
+    LOG_STEP("mapRunGraphMaster: slaveReqDevNum = %d, freeDevNum = %d", slaveNum,
              m_devices.getFreeDeviceNum());
     const int32_t result = mapGraphCore(slaveNum);
     for (GraphItem* item : m_model.graphs()) item->status = item->savedStatus;
@@ -187,12 +187,12 @@ int32_t MapperPlanner::mapGraphCore(uint32_t deviceNum) {
     const uint32_t runNum = m_model.getGraphNumByStatus(MAPPER_GRAPH_RUN);
     const int64_t places = int64_t{m_maxGraphNumPerDevice} * deviceNum;
     if (runNum > places) {
-        LOG_PROC(m_debugProcess, "mapGraphCore - too much RUN graph, devNum = %u, graphNum = %u",
-                 deviceNum, runNum);
+        LOG_STEP("mapGraphCore - too much RUN graph, devNum = %u, graphNum = %u", deviceNum,
+                 runNum);
         return static_cast<int32_t>(runNum - places);
     }
     m_ratio = getCompressRatio(runNum);
-    LOG_PROC(m_debugProcess, "mapGraphCore: compress ratio = %.2f", m_ratio);
+    LOG_STEP("mapGraphCore: compress ratio = %.2f", m_ratio);
     if (const int32_t result = mapIntegerPart(); result != 0) return result;
     mapFractionPart();
     if (const int32_t result = forceAssign(); result != 0) return result;
@@ -240,10 +240,10 @@ int32_t MapperPlanner::giveWholeDevices(GraphItem& item) {
     for (uint32_t whole = cutToUnsigned(floored); whole > 0; --whole) {
         DeviceItem* device = m_devices.getFreeDevice();
         if (device == nullptr) {
-            LOG_PROC(m_debugProcess,
-                     "mapGraphCore - cannot get free device when map RUN device, devNum = %u, "
-                     "devUsed = %u",
-                     m_deviceNum, m_devUsed);
+            LOG_STEP(
+                "mapGraphCore - cannot get free device when map RUN device, devNum = %u, "
+                "devUsed = %u",
+                m_deviceNum, m_devUsed);
             return kHardFailure;
         }
         if (m_devUsed >= m_deviceNum) break;
@@ -289,10 +289,10 @@ int32_t MapperPlanner::forceAssign() {
                                  : nullptr;
         if (device == nullptr) {
             const uint32_t leftNum = static_cast<uint32_t>(left.size() - done);
-            LOG_PROC(m_debugProcess,
-                     "mapGraphCore - failed to force assign the left fraction-only graph to a "
-                     "proper device, numGraphLeft = %u",
-                     leftNum);
+            LOG_STEP(
+                "mapGraphCore - failed to force assign the left fraction-only graph to a "
+                "proper device, numGraphLeft = %u",
+                leftNum);
             return static_cast<int32_t>(leftNum);
         }
         putBeside(*device, *item);
@@ -334,7 +334,7 @@ void MapperPlanner::takeDevice() {
 }
 
 void MapperPlanner::logPart(const char* format) const {
-    LOG_PROC(m_debugProcess, format, m_partDevices, m_partGraphs, m_devUsed);
+    LOG_STEP(format, m_partDevices, m_partGraphs, m_devUsed);
 }
 
 }  // namespace kelm

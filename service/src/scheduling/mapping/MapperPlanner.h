@@ -4,6 +4,7 @@
 
 #include "scheduling/mapping/DeviceSelector.h"
 #include "scheduling/mapping/GraphItem.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -20,7 +21,7 @@ class MapperModel;
 // the same model gives the same plan. One plan per planner; no locks.
 class MapperPlanner {
  public:
-    MapperPlanner(MapperModel& model, int32_t maxGraphNumPerDevice, bool debugProcess);
+    MapperPlanner(MapperModel& model, int32_t maxGraphNumPerDevice, StepTrace trace);
 
     // The graph that dwarfs the others, by the numbers of the last plan; null in most cases.
     GraphItem* figureOutMapperMode() const;
@@ -50,7 +51,7 @@ class MapperPlanner {
 
     MapperModel& m_model;
     const int32_t m_maxGraphNumPerDevice;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     DeviceSelector m_devices;  // of the shadows
     uint32_t m_deviceNum = 0;  // that may be taken
     uint32_t m_devUsed = 0;    // taken so far, the master's not counted

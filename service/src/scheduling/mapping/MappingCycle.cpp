@@ -5,6 +5,7 @@
 #include <cmath>
 #include <iostream>
 #include <iterator>
+#include <utility>
 
 #include "scheduling/mapping/CutToInteger.h"
 #include "scheduling/mapping/GraphMapperComparer.h"
@@ -13,6 +14,7 @@
 #include "scheduling/mapping/MapperPlanner.h"
 #include "scheduling/mapping/ReadyPlacer.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -28,16 +30,16 @@ double millisecondsSince(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 MappingCycle::MappingCycle(MapperModel& model, MapperMatcher& matcher, const MapperLimits& limits,
-                           bool debugProcess)
-    : m_model(model), m_matcher(matcher), m_limits(limits), m_debugProcess(debugProcess) {}
+                           StepTrace trace)
+    : m_model(model), m_matcher(matcher), m_limits(limits), m_trace(std::move(trace)) {}
 
 bool MappingCycle::run() {
-    LOG_PROC(m_debugProcess, "Graph mapping - Device Number: %lu, Graph Number: %lu",
-             m_model.devices().size(), m_model.graphs().size());
+    LOG_STEP("Graph mapping - Device Number: %lu, Graph Number: %lu", m_model.devices().size(),
+             m_model.graphs().size());
     // Deliberate: the model still says changed in both of these cases, so the next call comes here
     // again.
     if (m_model.devices().empty()) {
-        LOG_PROC(m_debugProcess, "Not need map graph due to no device!");
+        LOG_STEP("Not need map graph due to no device!");
         return true;
     }
     if (m_model.graphs().empty()) return true;
@@ -49,7 +51,7 @@ bool MappingCycle::run() {
     }
     m_model.settlePendingGraphs();
     m_model.clearChanged();
-    LOG_PROC(m_debugProcess, "Graph mapping is done, cost %.2f ms", millisecondsSince(start));
+    LOG_STEP("Graph mapping is done, cost %.2f ms", millisecondsSince(start));
     return true;
 }
 
@@ -85,28 +87,27 @@ int32_t MappingCycle::doMapGraph() {
     const int64_t places = int64_t{m_limits.maxGraphNumPerDevice} * deviceNum;
     const uint32_t runNum = m_model.getGraphNumByStatus(MAPPER_GRAPH_RUN);
     if (places < runNum) {
-        LOG_PROC(m_debugProcess, "doMapGraph - too much graphs, graphNum=(%u, max=%u)", runNum,
+        LOG_STEP("doMapGraph - too much graphs, graphNum=(%u, max=%u)", runNum,
                  static_cast<uint32_t>(places));
         return static_cast<int32_t>(runNum - places);
     }
     refreshDeviceStatus();
-    MapperPlanner planner(m_model, m_limits.maxGraphNumPerDevice, m_debugProcess);
+    MapperPlanner planner(m_model, m_limits.maxGraphNumPerDevice, m_trace);
     if (GraphItem* master = planner.figureOutMapperMode()) {
-        LOG_PROC(m_debugProcess, "mapRunGraphMaster: deviceNum = %u", deviceNum);
+        LOG_STEP("mapRunGraphMaster: deviceNum = %u", deviceNum);
         const int32_t result = planner.mapRunGraphMaster(*master, deviceNum);
         if (result == 0) m_matcher.mapGraphPost(m_model);
-        if (result != 0) LOG_PROC(m_debugProcess, "doMapGraph - failed to mapRunGraphMaster");
+        if (result != 0) LOG_STEP("doMapGraph - failed to mapRunGraphMaster");
         return result;
     }
     const uint32_t rdyNum = m_model.getGraphNumByStatus(MAPPER_GRAPH_RDY);
     if (rdyNum == 0) {
-        LOG_PROC(m_debugProcess, "mapRunGraphBalance: deviceNum = %u, runGraphNum = %d", deviceNum,
-                 runNum);
+        LOG_STEP("mapRunGraphBalance: deviceNum = %u, runGraphNum = %d", deviceNum, runNum);
         return mapRunGraphBalance(deviceNum);
     }
     if (runNum == 0) {
-        LOG_PROC(m_debugProcess, "mapRdyGraphBalance: deviceNum = %lu, rdyGraphNum = %d",
-                 m_model.devices().size(), rdyNum);
+        LOG_STEP("mapRdyGraphBalance: deviceNum = %lu, rdyGraphNum = %d", m_model.devices().size(),
+                 rdyNum);
         return mapRdyGraphBalance(rdyNum, deviceNum);
     }
     return doMapBothKinds(rdyNum, runNum);
@@ -128,37 +129,35 @@ int32_t MappingCycle::doMapBothKinds(uint32_t rdyNum, uint32_t runNum) {
         runDev = runMin;
         rdyDev = deviceNum - runMin;
     } else if (runMin > runDev) {
-        LOG_PROC(m_debugProcess, "doMapGraph - too much graphs, RUN=(%d, min=%d)", runNum, runMin);
+        LOG_STEP("doMapGraph - too much graphs, RUN=(%d, min=%d)", runNum, runMin);
         return static_cast<int32_t>(runNum - runDev * maxGraphs);
     }
     if (rdyMin > rdyDev) {
-        LOG_PROC(m_debugProcess, "doMapGraph - too much graphs, RDY=(%d, min=%d)", rdyNum, rdyMin);
+        LOG_STEP("doMapGraph - too much graphs, RDY=(%d, min=%d)", rdyNum, rdyMin);
         return static_cast<int32_t>(rdyNum - rdyDev * maxGraphs);
     }
-    LOG_PROC(m_debugProcess, "doMapGraph: deviceNumWithRunGraph = %d, runGraphNum = %d", runDev,
-             runNum);
-    LOG_PROC(m_debugProcess, "doMapGraph: deviceNumWithRdyGraph = %d, rdyGraphNum = %d", rdyDev,
-             rdyNum);
+    LOG_STEP("doMapGraph: deviceNumWithRunGraph = %d, runGraphNum = %d", runDev, runNum);
+    LOG_STEP("doMapGraph: deviceNumWithRdyGraph = %d, rdyGraphNum = %d", rdyDev, rdyNum);
     int32_t result = mapRunGraphBalance(static_cast<uint32_t>(runDev));
     if (result != 0) {
-        LOG_PROC(m_debugProcess,
-                 "doMapGraph - Failed to map for RUN graphs, runGraphNum = %d, "
-                 "deviceNumWithRunGraph = %d",
-                 runNum, runDev);
+        LOG_STEP(
+            "doMapGraph - Failed to map for RUN graphs, runGraphNum = %d, "
+            "deviceNumWithRunGraph = %d",
+            runNum, runDev);
         return result;
     }
     result = mapRdyGraphBalance(rdyNum, static_cast<uint32_t>(rdyDev));
     if (result != 0) {
-        LOG_PROC(m_debugProcess,
-                 "doMapGraph - Failed to map for RDY graphs, rdyGraphNum = %d, "
-                 "deviceNumWithRdyGraph = %d",
-                 rdyNum, rdyDev);
+        LOG_STEP(
+            "doMapGraph - Failed to map for RDY graphs, rdyGraphNum = %d, "
+            "deviceNumWithRdyGraph = %d",
+            rdyNum, rdyDev);
     }
     return result;
 }
 
 int32_t MappingCycle::mapRunGraphBalance(uint32_t deviceNum) {
-    MapperPlanner planner(m_model, m_limits.maxGraphNumPerDevice, m_debugProcess);
+    MapperPlanner planner(m_model, m_limits.maxGraphNumPerDevice, m_trace);
     const int32_t result = planner.mapRunGraphBalance(deviceNum);
     if (result != 0) return result;
     m_matcher.mapGraphPost(m_model);
@@ -167,7 +166,7 @@ int32_t MappingCycle::mapRunGraphBalance(uint32_t deviceNum) {
 }
 
 int32_t MappingCycle::mapRdyGraphBalance(uint32_t rdyNum, uint32_t deviceNum) {
-    ReadyPlacer placer(m_model, m_limits.maxGraphNumPerDevice, m_debugProcess);
+    ReadyPlacer placer(m_model, m_limits.maxGraphNumPerDevice, m_trace);
     return placer.mapRdyGraphBalance(rdyNum, deviceNum);
 }
 
@@ -188,7 +187,7 @@ void MappingCycle::refreshDeviceStatus() {
 
 bool MappingCycle::filterGraphs(int outGraphNum) {
     if (outGraphNum < 1) {
-        LOG_PROC(m_debugProcess, "filerGraphs: outGraphNum=%d, Not need do it!", outGraphNum);
+        LOG_STEP("filerGraphs: outGraphNum=%d, Not need do it!", outGraphNum);
         return false;
     }
     const size_t outNum = static_cast<size_t>(outGraphNum);
@@ -205,7 +204,7 @@ bool MappingCycle::filterGraphs(int outGraphNum) {
         dumpTooManyOut(candidates);
         return false;
     }
-    LOG_PROC(m_debugProcess, "Need to filter out graphs number = %d", outGraphNum);
+    LOG_STEP("Need to filter out graphs number = %d", outGraphNum);
     const GraphItemSet outList = sortForSwitchOut(candidates);
     returnPendingGraphs();  // the choice starts anew, with the whole number
     for (size_t i = 0; i < outNum; ++i) outList[i]->status = MAPPER_GRAPH_PENDING;

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "scheduling/mapping/GraphItem.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -22,7 +23,7 @@ struct MapperLimits {
 class MappingCycle {
  public:
     MappingCycle(MapperModel& model, MapperMatcher& matcher, const MapperLimits& limits,
-                 bool debugProcess);
+                 StepTrace trace);
 
     // False: no map was found and the one in force is to stay. The model then says changed for as
     // long as it did before, so that the next cycle tries again.
@@ -48,7 +49,7 @@ class MappingCycle {
     MapperModel& m_model;
     MapperMatcher& m_matcher;
     const MapperLimits m_limits;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
 };
 
 }  // namespace kelm

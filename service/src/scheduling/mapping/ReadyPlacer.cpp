@@ -1,7 +1,10 @@
 #include "scheduling/mapping/ReadyPlacer.h"
 
+#include <utility>
+
 #include "scheduling/mapping/MapperModel.h"
 #include "utils/Log.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -17,24 +20,22 @@ void putReady(DeviceItem& device, GraphItem& item) {
 
 }  // namespace
 
-ReadyPlacer::ReadyPlacer(MapperModel& model, int32_t maxGraphNumPerDevice, bool debugProcess)
+ReadyPlacer::ReadyPlacer(MapperModel& model, int32_t maxGraphNumPerDevice, StepTrace trace)
     : m_model(model),
       m_maxGraphNumPerDevice(maxGraphNumPerDevice),
-      m_debugProcess(debugProcess),
+      m_trace(std::move(trace)),
       m_devices(model.devices()) {}
 
 int32_t ReadyPlacer::mapRdyGraphBalance(uint32_t rdyGraphNum, uint32_t deviceNum) {
     const uint32_t freeNum = freeReadyDevices();
     if (freeNum != deviceNum) {
-        LOG_PROC(m_debugProcess,
-                 "mapRdyGraphBalance - device number is mismatch, current = %d, request = %d!",
+        LOG_STEP("mapRdyGraphBalance - device number is mismatch, current = %d, request = %d!",
                  freeNum, deviceNum);
         return kHardFailure;
     }
     const int64_t places = int64_t{m_maxGraphNumPerDevice} * deviceNum;
     if (places < rdyGraphNum) {
-        LOG_PROC(m_debugProcess,
-                 "mapRdyGraphBalance - rdyGraph is too much, rdyGraphNum = %d, deviceNum = %d!",
+        LOG_STEP("mapRdyGraphBalance - rdyGraph is too much, rdyGraphNum = %d, deviceNum = %d!",
                  rdyGraphNum, deviceNum);
         return static_cast<int32_t>(rdyGraphNum - places);
     }

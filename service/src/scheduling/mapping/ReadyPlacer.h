@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "scheduling/mapping/DeviceSelector.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -15,7 +16,7 @@ class MapperModel;
 // Results as the planner's. One placing per placer; no locks.
 class ReadyPlacer {
  public:
-    ReadyPlacer(MapperModel& model, int32_t maxGraphNumPerDevice, bool debugProcess);
+    ReadyPlacer(MapperModel& model, int32_t maxGraphNumPerDevice, StepTrace trace);
 
     // `deviceNum` is the number of devices that hold no running graph.
     int32_t mapRdyGraphBalance(uint32_t rdyGraphNum, uint32_t deviceNum);
@@ -27,7 +28,7 @@ class ReadyPlacer {
 
     MapperModel& m_model;
     const int32_t m_maxGraphNumPerDevice;
-    const bool m_debugProcess;
+    const StepTrace m_trace;
     DeviceSelector m_devices;
 };
 

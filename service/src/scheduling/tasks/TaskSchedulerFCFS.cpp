@@ -16,6 +16,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
+#include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/TimeHelper.h"
 
@@ -66,7 +67,7 @@ TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name)
 TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name, ForDerived)
     : TaskSchedulerBase(name),
       m_snapshotBase(ServiceConfigParser::instance().getTaskSnapshotMode() == "base"),
-      m_debugProcess(ServiceConfigParser::instance().isTaskSchedulerDebugProcessEnabled()) {
+      m_trace(ServiceConfigParser::instance().isTaskSchedulerDebugProcessEnabled()) {
     const int limit = ServiceConfigParser::instance().getServerMaxTaskNumber();
     if (limit > 0) m_maxWaitTasks = static_cast<uint64_t>(limit);
 }
@@ -99,16 +100,16 @@ bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
     }
     if (m_maxWaitTasks > m_numWaitTasks.load()) return true;
     LOG_WARN("[TaskSchedule] Exceed maxWaitTaks(%lu) at service end", m_maxWaitTasks);
-    LOG_PROC(m_debugProcess, "[Schedule#1] WARN: exceed maxWaitTaks(%lu)", m_maxWaitTasks);
+    LOG_STEP("[Schedule#1] WARN: exceed maxWaitTaks(%lu)", m_maxWaitTasks);
     return false;
 }
 
 void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();  // once handed on, the task may be destroyed
     KelmGraph* const graph = task->getGraph();
-    LOG_PROC(m_debugProcess, "[Schedule#0] schedule task(%lu) start", taskId);
+    LOG_STEP("[Schedule#0] schedule task(%lu) start", taskId);
     if (!acceptTask(task)) {
-        LOG_PROC(m_debugProcess, "[Schedule#2] schedule task(%lu) finish", taskId);
+        LOG_STEP("[Schedule#2] schedule task(%lu) finish", taskId);
         Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, false);
         return;
     }
@@ -116,38 +117,37 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     Listener::notify<&TaskScheduleListener::enqueueScheduleTaskDone>(task, true);
     if (WorkThread* const worker = takeWorkerOrQueue(task, false)) {
         const HandOverScope scope(*this);
-        LOG_PROC(m_debugProcess, "[Schedule#1] task(%lu) -> worker(%s)", taskId, worker->getName());
+        LOG_STEP("[Schedule#1] task(%lu) -> worker(%s)", taskId, worker->getName());
         graph->updateFpsIn();
         worker->enqueueLoadTensor(task);
         graph->updateFpsOut();
     } else {
-        LOG_PROC(m_debugProcess, "[Schedule#1] no worker for task(%lu) (nWaitTasks=%lu)", taskId,
+        LOG_STEP("[Schedule#1] no worker for task(%lu) (nWaitTasks=%lu)", taskId,
                  m_numWaitTasks.load());
     }
-    LOG_PROC(m_debugProcess, "[Schedule#2] schedule task(%lu) finish", taskId);
+    LOG_STEP("[Schedule#2] schedule task(%lu) finish", taskId);
 }
 
 // Neither counts for the rates nor for the limit: the task did both when it was first scheduled.
 void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();
-    LOG_PROC(m_debugProcess, "[Reschedule#0] re-schedule task(%lu) start", taskId);
+    LOG_STEP("[Reschedule#0] re-schedule task(%lu) start", taskId);
     if (task->isCanceled()) {
         LOG_INFO("[TaskSchedule] Abort re-schedule canceled task(%lu)", taskId);
         Listener::notify<&TaskScheduleListener::enqueueRescheduleTaskDone>(task, false);
-        LOG_PROC(m_debugProcess, "[Reschedule#2] re-schedule task(%lu) finish", taskId);
+        LOG_STEP("[Reschedule#2] re-schedule task(%lu) finish", taskId);
         return;
     }
     Listener::notify<&TaskScheduleListener::enqueueRescheduleTaskDone>(task, true);
     if (WorkThread* const worker = takeWorkerOrQueue(task, true)) {
         const HandOverScope scope(*this);
-        LOG_PROC(m_debugProcess, "[Reschedule#1] task(%lu) -> worker(%s)", taskId,
-                 worker->getName());
+        LOG_STEP("[Reschedule#1] task(%lu) -> worker(%s)", taskId, worker->getName());
         worker->enqueueLoadTensor(task);
     } else {
-        LOG_PROC(m_debugProcess, "[Reschedule#1] no worker for task(%lu) (nWaitTasks=%lu)", taskId,
+        LOG_STEP("[Reschedule#1] no worker for task(%lu) (nWaitTasks=%lu)", taskId,
                  m_numWaitTasks.load());
     }
-    LOG_PROC(m_debugProcess, "[Reschedule#2] re-schedule task(%lu) finish", taskId);
+    LOG_STEP("[Reschedule#2] re-schedule task(%lu) finish", taskId);
 }
 
 WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
@@ -213,15 +213,14 @@ void TaskSchedulerFCFS::endHandOver() {
 }
 
 void TaskSchedulerFCFS::scheduleWorker(WorkThread* worker, KelmGraph* graph) {
-    LOG_PROC(m_debugProcess, "[Schedule#0] schedule worker(%s) start", worker->getName());
+    LOG_STEP("[Schedule#0] schedule worker(%s) start", worker->getName());
     if (KelmTask* const task = takeTaskOrWait(worker, graph)) {
-        LOG_PROC(m_debugProcess, "[Schedule#1] task(%lu) -> worker(%s)", task->getId(),
-                 worker->getName());
+        LOG_STEP("[Schedule#1] task(%lu) -> worker(%s)", task->getId(), worker->getName());
         worker->enqueueLoadTensor(task);
     } else {
-        LOG_PROC(m_debugProcess, "[Schedule#1] no task for worker(%s)", worker->getName());
+        LOG_STEP("[Schedule#1] no task for worker(%s)", worker->getName());
     }
-    LOG_PROC(m_debugProcess, "[Schedule#2] schedule worker(%s) finish", worker->getName());
+    LOG_STEP("[Schedule#2] schedule worker(%s) finish", worker->getName());
 }
 
 // One lock over the look and the listing, or a task could be queued between them and wait for a
@@ -274,8 +273,8 @@ void TaskSchedulerFCFS::removeWaitingWorkerUnsafe(WorkThread* worker, KelmGraph*
 // task event may hold the worker at this moment: then the confirmation waits for endHandOver().
 void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
     // Named first: once confirmed, both may be destroyed.
-    const std::string workerName = m_debugProcess ? worker->getName() : std::string();
-    const std::string graphName = m_debugProcess ? graph->getName() : std::string();
+    const std::string workerName = m_trace.isOn() ? worker->getName() : std::string();
+    const std::string graphName = m_trace.isOn() ? graph->getName() : std::string();
     bool handedOver = false;
     {
         MutexLock lock(m_mutex);
@@ -284,7 +283,7 @@ void TaskSchedulerFCFS::descheduleWorker(WorkThread* worker, KelmGraph* graph) {
         if (handedOver) ++m_handOver.deferredAborts;
     }
     if (!handedOver) worker->enqueueAbortApplyTaskDone(graph);
-    LOG_PROC(m_debugProcess, "[Deschedule] deschedule worker(%s) with graph(%s) done", workerName,
+    LOG_STEP("[Deschedule] deschedule worker(%s) with graph(%s) done", workerName,
              escapeControls(graphName));
 }
 
@@ -292,8 +291,7 @@ void TaskSchedulerFCFS::descheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();  // once answered, the task may be destroyed
     const bool removed = removeWaitingTask(task);
     Listener::notify<&TaskScheduleListener::enqueueDescheduleTaskDone>(task, removed);
-    LOG_PROC(m_debugProcess, "[Deschedule] deschedule task(%lu) %s", taskId,
-             removed ? "success" : "failure");
+    LOG_STEP("[Deschedule] deschedule task(%lu) %s", taskId, removed ? "success" : "failure");
 }
 
 // Deliberate: the graph's waiting count and the client's waiting number stay one too high for each
@@ -317,8 +315,8 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* gra
 
 void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
     // Named first: once confirmed, the graph may be destroyed.
-    const std::string name = m_debugProcess ? graph->getName() : std::string();
-    LOG_PROC(m_debugProcess, "[Deschedule#0] deschedule graph(%s) start", escapeControls(name));
+    const std::string name = m_trace.isOn() ? graph->getName() : std::string();
+    LOG_STEP("[Deschedule#0] deschedule graph(%s) start", escapeControls(name));
     // Emptied outside the lock: the end of its tasks notifies.
     std::unique_ptr<TaskQueueBase> queue;
     uint64_t workerNum = 0;
@@ -332,16 +330,15 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
         }
     }
     if (queue) {
-        LOG_PROC(m_debugProcess, "[Deschedule#1] delete task queue for graph(%s)",
-                 escapeControls(name));
+        LOG_STEP("[Deschedule#1] delete task queue for graph(%s)", escapeControls(name));
         queue.reset();  // destroys its tasks
     }
     if (workerNum > 0) {
-        LOG_PROC(m_debugProcess, "[Deschedule#2] erase %lu workers waiting for graph(%s)",
-                 workerNum, escapeControls(name));
+        LOG_STEP("[Deschedule#2] erase %lu workers waiting for graph(%s)", workerNum,
+                 escapeControls(name));
     }
     Listener::notify<&TaskScheduleListener::enqueueDescheduleGraphDone>(graph);
-    LOG_PROC(m_debugProcess, "[Deschedule#3] deschedule graph(%s) done", escapeControls(name));
+    LOG_STEP("[Deschedule#3] deschedule graph(%s) done", escapeControls(name));
 }
 
 void TaskSchedulerFCFS::onPrintInfo() { snapShotUnlocked("Regular"); }

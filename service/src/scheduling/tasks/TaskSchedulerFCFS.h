@@ -10,6 +10,7 @@
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "utils/Mutex.h"
 #include "utils/Ring.h"
+#include "utils/StepTrace.h"
 
 namespace kelm {
 
@@ -88,7 +89,7 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
 
     uint64_t m_maxWaitTasks = UINT64_MAX;  // fixed after construction, as the next two
     bool m_snapshotBase;
-    bool m_debugProcess;
+    const StepTrace m_trace;
     bool m_printing = false;  // constructors and destructors only
     // Atomic: the limit and the log lines read it outside m_mutex.
     std::atomic<uint64_t> m_numWaitTasks{0};
