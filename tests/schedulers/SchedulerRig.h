@@ -185,19 +185,25 @@ class SchedulerRig : public SchedulerFakes {
             const size_t number = countDevices(graph);
             if (number > 0) outcome += StringHelper::format("%cx%lu ", name, number);
         }
+        // Graphs are handled in the order of their addresses, which is no rule.
+        std::set<std::string> loadNotices;
         const auto loads = placement.loads();
         for (; m_loadsSeen < loads.size(); ++m_loadsSeen) {
             const auto [graph, error] = loads[m_loadsSeen];
             const char name = nameOf(graph);
-            outcome += error == KELM_OK ? StringHelper::format("ok%c ", name)
-                                        : StringHelper::format("fail%c=%d ", name, error);
+            loadNotices.insert(error == KELM_OK ? StringHelper::format("ok%c ", name)
+                                                : StringHelper::format("fail%c=%d ", name, error));
             if (error != KELM_OK) bury(name);
         }
+        std::set<std::string> unloadNotices;
         const auto unloads = placement.unloads();
         for (; m_unloadsSeen < unloads.size(); ++m_unloadsSeen) {
             const char name = nameOf(unloads[m_unloadsSeen]);
-            outcome += StringHelper::format("gone%c ", name);
+            unloadNotices.insert(StringHelper::format("gone%c ", name));
             bury(name);
+        }
+        for (const auto& notices : {loadNotices, unloadNotices}) {
+            for (const std::string& notice : notices) outcome += notice;
         }
         return tellsCalls ? outcome + newCalls() : outcome;
     }
