@@ -199,6 +199,14 @@ TEST_F(DeviceManagerTest, StopDoesNotWaitForADeviceThatIsBeingOpened) {
     EXPECT_FALSE(m_manager->stop());
     EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "the worker of the other device stays";
     m_devices["b"].release(DeviceCall::Open);
+    // The thread that opens it was left behind, and still reads the configuration.
+    EXPECT_TRUE(eventually([] {
+        const std::filesystem::directory_iterator threads("/proc/self/task");
+        return std::ranges::none_of(threads, [](const auto& thread) {
+            std::string name;
+            return std::getline(std::ifstream(thread.path() / "comm"), name) && name == "bBOOT";
+        });
+    }));
 }
 
 TEST_F(DeviceManagerTest, DeviceThatNeverAnswersLetsTheWorkersOfOthersBeDestroyed) {
