@@ -22,9 +22,9 @@ constexpr int kLargeSize = 4 << 20;
 
 class IPCTransferTest : public testing::Test {
  protected:
-    std::string readBytes(int size) {
-        std::string bytes(static_cast<size_t>(size), '\0');
-        connection->read(bytes.data(), size, nullptr);
+    std::string readBytes(size_t size) {
+        std::string bytes(size, '\0');
+        if (size > 0) connection->read(bytes.data(), static_cast<int>(size), nullptr);
         return bytes;
     }
     UniqueFd readFd() {
@@ -46,14 +46,14 @@ TEST_F(IPCTransferTest, DescriptorsKeepTheirPlaceAmongTheBytes) {
     const UniqueFd first = makeFile();
     const UniqueFd second = makeFile();
     // The last case puts the accompanying bytes across the end of the receive buffer.
-    for (const int lead : {0, 10, static_cast<int>(IPC::ReceiveBuffer::kCapacity) - 2}) {
+    for (const size_t lead : {size_t{0}, size_t{10}, IPC::ReceiveBuffer::kCapacity - 2}) {
         SCOPED_TRACE(lead);
-        const std::string leading(static_cast<size_t>(lead), 'a');
-        if (lead > 0) peer.send(leading);
+        const std::string leading(lead, 'a');
+        peer.send(leading);
         peer.sendFds("1234", {first.get()});
         peer.sendFds("5678", {second.get()});
         peer.send("tail");
-        EXPECT_TRUE(lead == 0 || readBytes(lead) == leading);
+        EXPECT_EQ(leading, readBytes(lead));
         const UniqueFd receivedFirst = readFd();
         EXPECT_TRUE(isSameFile(first.get(), receivedFirst.get()));
         EXPECT_TRUE((::fcntl(receivedFirst.get(), F_GETFD) & FD_CLOEXEC) != 0);

@@ -22,9 +22,7 @@ struct Mapping {
         data = static_cast<char*>(MappingGuard::map(file.get(), kSize));
         if (data != nullptr) std::memset(data, 'x', kSize);
     }
-    ~Mapping() {
-        EXPECT_TRUE(data == nullptr || MappingGuard::unmap(data, kSize));
-    }
+    ~Mapping() { EXPECT_TRUE(data == nullptr || MappingGuard::unmap(data, kSize)); }
     Mapping(const Mapping&) = delete;
     Mapping& operator=(const Mapping&) = delete;
 

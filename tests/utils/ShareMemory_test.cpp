@@ -49,19 +49,14 @@ TEST_F(ShareMemoryTest, FailedCallLeavesTheNameAsItWas) {
 TEST_F(ShareMemoryTest, SegmentIsOpenedForOthersAsItsModeLetsThem) {
     const PeerCredentials other{1, ::geteuid() + 1, {}};
     ASSERT_NE(m_maker.create(m_name.c_str(), 100), nullptr);
-    const struct {
-        mode_t mode;
-        bool mayRead;
-        bool mayWrite;
-    } rows[] = {{0600, false, false}, {0604, true, false}, {0606, true, true}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.mode);
-        ASSERT_EQ(::chmod(("/dev/shm" + m_name).c_str(), row.mode), 0);
-        const auto opens = [&](const PeerCredentials& peer, FileRights::Access wanted) {
-            return ShareMemory().openFor(peer, wanted, m_name.c_str(), 100) != nullptr;
-        };
-        EXPECT_EQ(opens(other, FileRights::READ), row.mayRead);
-        EXPECT_EQ(opens(other, FileRights::WRITE), row.mayWrite);
+    const auto opens = [this](const PeerCredentials& peer, FileRights::Access wanted) {
+        return ShareMemory().openFor(peer, wanted, m_name.c_str(), 100) != nullptr;
+    };
+    for (const mode_t mode : {0600, 0604, 0606}) {
+        SCOPED_TRACE(mode);
+        ASSERT_EQ(::chmod(("/dev/shm" + m_name).c_str(), mode), 0);
+        EXPECT_EQ(opens(other, FileRights::READ), (mode & 4) != 0);
+        EXPECT_EQ(opens(other, FileRights::WRITE), (mode & 2) != 0);
         EXPECT_TRUE(opens(*PeerCredentials::ofThisProcess(), FileRights::WRITE));
     }
     EXPECT_TRUE(exists());
