@@ -14,26 +14,17 @@ using ::testing::HasSubstr;
 constexpr milliseconds kShort{50};
 
 // Listens where a service would, and neither reads nor answers unless told to.
-class SilentService {
- public:
-    std::unique_ptr<Client> connect() {
-        auto client = Client::connect(m_path);
-        EXPECT_TRUE(client);
-        m_peer.reset(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        return std::move(client.value());
-    }
+struct SilentService {
     template <class Record>
     void send(const Record& record) {
-        EXPECT_EQ(::send(m_peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
+        EXPECT_EQ(::send(peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
                   static_cast<ssize_t>(sizeof(record)));
     }
-    void hangUp() { m_peer.reset(); }
 
- private:
-    const TempDir m_dir;
-    const std::string m_path = m_dir.path() + "/socket";
-    const UniqueFd m_listener = listenOn(m_path);
-    UniqueFd m_peer;
+    const TempDir dir;
+    const UniqueFd listener = listenOn(dir.path() + "/socket");
+    std::unique_ptr<Client> client = std::move(Client::connect(dir.path() + "/socket").value());
+    UniqueFd peer{::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
 };
 
 // Counts how inferences ended.
@@ -50,7 +41,7 @@ struct Ends {
 
 TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     SilentService service;
-    const auto client = service.connect();
+    const auto& client = service.client;
     EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
     KelmMsgRspQueryTaskStatus late = {};
     late.head.base.type = KELM_MESSAGE_QUERY_TASK_STATUS_RSP;
@@ -73,7 +64,7 @@ TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
 TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     constexpr int kMoreThanTheSocketHolds = 2000;
     SilentService service;
-    const auto client = service.connect();
+    const auto& client = service.client;
     testing::internal::CaptureStderr();
     Ends ends;
     for (int i = 0; i < kMoreThanTheSocketHolds; ++i) {
@@ -89,18 +80,18 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
 
 TEST(ClientTest, LostConnectionEndsEachPendingCallOnce) {
     constexpr int kCalls = 50;
-    void (*const ways[])(SilentService & service, std::unique_ptr<Client> & client) = {
-        [](auto& service, auto&) { service.hangUp(); },
-        [](auto& service, auto&) { service.send(KelmMsgBase{}); },  // nonsense
-        [](auto&, auto& client) { client.reset(); },
+    void (*const ways[])(SilentService&) = {
+        [](auto& service) { service.peer.reset(); },
+        [](auto& service) { service.send(KelmMsgBase{}); },  // nonsense
+        [](auto& service) { service.client.reset(); },
     };
     for (const auto lose : ways) {
         SilentService service;
-        auto client = service.connect();
+        auto& client = service.client;
         Ends ends;
         for (int i = 0; i < kCalls; ++i) client->inferAsync({}, ends.callback());
         auto future = client->inferAsync({});
-        lose(service, client);
+        lose(service);
         EXPECT_EQ(future.get().error.kind(), ErrorKind::kConnectionLost);
         EXPECT_TRUE(eventually([&] { return ends.lost == kCalls; }));
         if (client) {

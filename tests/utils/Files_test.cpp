@@ -7,7 +7,6 @@
 #include "utils/FileHelper.h"
 #include "utils/GlobalMutex.h"
 #include "utils/PlainFile.h"
-#include "utils/Semaphore.h"
 #include "utils/ThreadUtils.h"
 #include "utils/UniqueFd.h"
 #include "utils/UniqueMalloc.h"
@@ -106,15 +105,6 @@ TEST_F(FilesTest, FilesOfOthersAreOpenedOnlyWhereTheyMayBe) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(FileHelper::getFileSize(others), size);
     EXPECT_TRUE(PlainFile::open(others.c_str(), access, 0600, Owner::ANYBODY));
-}
-
-TEST(SemaphoreTest, WaitsEndWithAPostOrInTime) {
-    Semaphore semaphore(0, 0);
-    EXPECT_FALSE(semaphore.waitFor(1));
-    std::thread other([&] { semaphore.post(); });
-    semaphore.wait();
-    other.join();
-    EXPECT_FALSE(semaphore.waitFor(0));
 }
 
 }  // namespace

@@ -95,24 +95,6 @@ TEST_F(IPCTest, StaleSocketFileIsReplacedAndRemovedByItsListenerOnly) {
     }
 }
 
-TEST_F(IPCTest, ReusedConnectionCarriesNothingOver) {
-    auto client = std::make_shared<ConnectionUDS>(channel.poller.get());
-    for (const char* sent : {"ab", "cd"}) {
-        SCOPED_TRACE(sent);
-        ASSERT_TRUE(client->connect(channel.path));
-        EXPECT_TRUE(client->connected());
-        const auto accepted = channel.accept();
-        accepted->write(sent, 2);
-        ASSERT_TRUE(nextEvent());
-        EXPECT_EQ(client, event.connection);
-        EXPECT_EQ(sent[0], readByte(*client));  // the second byte stays in the connection
-        client->blockPoller();
-        client->shutdown();
-        client->close();
-        ConnectionBase::close(accepted->getSimulateFD());
-    }
-}
-
 TEST_F(IPCTest, DescriptorBeyondTheFastMapWorksToo) {
     rlimit limit = {};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));

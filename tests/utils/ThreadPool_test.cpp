@@ -26,23 +26,6 @@ class Gate {
     std::promise<void> m_open;
 };
 
-TEST(ThreadPoolTest, HeadInsertionOvertakesAllThatWaits) {
-    for (const bool takenOut : {false, true}) {
-        SCOPED_TRACE(takenOut);
-        ThreadPool pool("Order", 1, 100);
-        std::vector<int> order;
-        Gate gate(pool);
-        const auto overtake = [&] { pool.enqueueTask([&order] { order.push_back(9); }, true); };
-        // The first task takes the others out of the queue with it.
-        if (takenOut) pool.post(overtake);
-        for (int i = 0; i < 3; ++i) pool.post([&order, i] { order.push_back(i); });
-        if (!takenOut) overtake();
-        gate.open();
-        pool.enqueue([] {}).get();
-        EXPECT_THAT(order, ElementsAre(9, 0, 1, 2));
-    }
-}
-
 // The tasks that the thread has taken out in one go count, too.
 TEST(ThreadPoolTest, FullQueueHoldsProducersButNotNoticesNorItself) {
     ThreadPool pool("Full", 1, 3);
