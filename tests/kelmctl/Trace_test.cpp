@@ -123,7 +123,7 @@ TEST_F(TraceTest, TasksShareAsManyLanesAsAreUnderWayAtOnce) {
     std::string tasks;
     for (uint64_t i = 0; i < 1000; ++i) {  // eight at once, as they end
         tasks += "task_" + std::to_string(i) + "," + std::to_string(i * 10) + "," +
-                 std::to_string(i * 10 + 75) + ",77,78\n";
+                 std::to_string(i * 10 + 80) + ",77,78\n";
     }
     EXPECT_EQ(run("", tasks), 0);
     EXPECT_EQ(spans().size(), 1000U);
