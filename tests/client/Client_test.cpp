@@ -10,31 +10,21 @@ namespace {
 
 using std::chrono::milliseconds;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 constexpr milliseconds kShort{50};
 
 // Listens where a service would, and neither reads nor answers unless told to.
-class SilentService {
- public:
-    std::unique_ptr<Client> connect() {
-        auto client = Client::connect(m_path);
-        EXPECT_TRUE(client);
-        m_peer.reset(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        return std::move(client.value());
-    }
+struct SilentService {
     template <class Record>
     void send(const Record& record) {
-        EXPECT_EQ(::send(m_peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
+        EXPECT_EQ(::send(peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
                   static_cast<ssize_t>(sizeof(record)));
     }
-    void hangUp() { m_peer.reset(); }
 
- private:
-    const TempDir m_dir;
-    const std::string m_path = m_dir.path() + "/socket";
-    const UniqueFd m_listener = listenOn(m_path);
-    UniqueFd m_peer;
+    const TempDir dir;
+    const UniqueFd listener = listenOn(dir.path() + "/socket");
+    std::unique_ptr<Client> client = std::move(Client::connect(dir.path() + "/socket").value());
+    UniqueFd peer{::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
 };
 
 // Counts how inferences ended.
@@ -51,56 +41,57 @@ struct Ends {
 
 TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     SilentService service;
-    const auto client = service.connect();
+    const auto& client = service.client;
     EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
     KelmMsgRspQueryTaskStatus late = {};
     late.head.base.type = KELM_MESSAGE_QUERY_TASK_STATUS_RSP;
     late.head.base.size = sizeof(late);
     late.head.reqSeqNo = 1;
     service.send(late);
-    EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
     const std::byte blob[10] = {};
-    EXPECT_EQ(client->registerClient("name", kShort).kind(), ErrorKind::kTimeout);
-    EXPECT_EQ(client->createGraph(blob, {}, kShort).error().kind(), ErrorKind::kTimeout);
-    EXPECT_EQ(client->cancel(1, kShort).error().kind(), ErrorKind::kTimeout);
-    EXPECT_EQ(client->infer({}, kShort).error.kind(), ErrorKind::kTimeout);
+    for (const Error& error :
+         {client->queryTask(1, kShort).error(), client->registerClient("name", kShort),
+          client->createGraph(blob, {}, kShort).error(), client->cancel(1, kShort).error(),
+          client->infer({}, kShort).error}) {
+        EXPECT_EQ(error.kind(), ErrorKind::kTimeout);
+    }
+    const auto graph = client->createGraphFromFile("/nonexistent/graph", {});
+    EXPECT_EQ(graph.error().kind(), ErrorKind::kSystem);
+    EXPECT_THAT(graph.error().text(), HasSubstr("/nonexistent/graph"));
     EXPECT_TRUE(client->isConnected());
 }
 
 TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     constexpr int kMoreThanTheSocketHolds = 2000;
     SilentService service;
-    const auto client = service.connect();
+    const auto& client = service.client;
     testing::internal::CaptureStderr();
     Ends ends;
     for (int i = 0; i < kMoreThanTheSocketHolds; ++i) {
         client->inferAsync({}, ends.callback(), {}, milliseconds(500));
     }
     // The first ones reach their deadline; then the stuck write is given up, and all else ends.
-    EXPECT_TRUE(eventually([&] { return !client->isConnected(); }));
-    EXPECT_TRUE(eventually([&] { return ends.lost + ends.others == kMoreThanTheSocketHolds; }));
+    EXPECT_TRUE(eventually([&] {
+        return !client->isConnected() && ends.lost + ends.others == kMoreThanTheSocketHolds;
+    }));
     EXPECT_EQ(client->registerClient("name").kind(), ErrorKind::kConnectionLost);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the host's, not the library's
 }
 
 TEST(ClientTest, LostConnectionEndsEachPendingCallOnce) {
     constexpr int kCalls = 50;
-    const struct {
-        const char* what;
-        void (*lose)(SilentService& service, std::unique_ptr<Client>& client);
-    } rows[] = {
-        {"hang-up", [](auto& service, auto&) { service.hangUp(); }},
-        {"nonsense", [](auto& service, auto&) { service.send(KelmMsgBase{}); }},
-        {"destroyed", [](auto&, auto& client) { client.reset(); }},
+    void (*const ways[])(SilentService&) = {
+        [](auto& service) { service.peer.reset(); },
+        [](auto& service) { service.send(KelmMsgBase{}); },  // nonsense
+        [](auto& service) { service.client.reset(); },
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto lose : ways) {
         SilentService service;
-        auto client = service.connect();
+        auto& client = service.client;
         Ends ends;
         for (int i = 0; i < kCalls; ++i) client->inferAsync({}, ends.callback());
         auto future = client->inferAsync({});
-        row.lose(service, client);
+        lose(service);
         EXPECT_EQ(future.get().error.kind(), ErrorKind::kConnectionLost);
         EXPECT_TRUE(eventually([&] { return ends.lost == kCalls; }));
         if (client) {
@@ -113,29 +104,14 @@ TEST(ClientTest, LostConnectionEndsEachPendingCallOnce) {
     }
 }
 
-TEST(ClientTest, ErrorsNameWhatCannotBeReached) {
-    const auto nobody = Client::connect("/nonexistent/socket");
-    ASSERT_FALSE(nobody);
-    EXPECT_EQ(nobody.error().kind(), ErrorKind::kNotConnected);
-    EXPECT_THAT(nobody.error().text(), HasSubstr("/nonexistent/socket"));
-    SilentService service;
-    const auto graph = service.connect()->createGraphFromFile("/nonexistent/graph", {});
-    EXPECT_EQ(graph.error().kind(), ErrorKind::kSystem);
-    EXPECT_THAT(graph.error().text(), HasSubstr("/nonexistent/graph"));
-}
-
-TEST(ErrorTest, EveryCodeHasANameAndAdvice) {
-    int known = 0;
+TEST(ErrorTest, EveryCodeHasItsAdvice) {
     for (int32_t code = -200; code < 0; ++code) {
         const std::string name = getErrorName(code);
         if (name == "unknown") continue;
-        const Error error = Error::fromStatus(code);
-        EXPECT_EQ(error.name(), name);
-        EXPECT_THAT(error.text(), StartsWith(name + " (" + std::to_string(code) + "): "));
-        EXPECT_THAT(error.text(), ::testing::Not(HasSubstr("see the log"))) << name;
-        ++known;
+        const std::string text = Error::fromStatus(code).text();
+        EXPECT_THAT(text, ::testing::StartsWith(name + " (" + std::to_string(code) + "): "));
+        EXPECT_THAT(text, ::testing::Not(HasSubstr("see the log")));
     }
-    EXPECT_EQ(known, 26);
     EXPECT_FALSE(Error::fromStatus(KELM_OK));
     EXPECT_THAT(Error::fromStatus(-9999).text(), HasSubstr("-9999"));
 }

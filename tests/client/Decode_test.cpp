@@ -11,24 +11,18 @@ namespace {
 
 using std::numeric_limits;
 
-template <size_t N>
-void fill(char (&text)[N], char with) {
-    std::memset(text, with, N);
-}
-
 TEST(DecodeTest, CountsOfAnAnswerAreHeldToItsRows) {
     const struct {
-        const char* what;
         int32_t devices, graphs, clients;
         size_t deviceRows, graphRows, clientRows;
     } rows[] = {
-        {"huge", INT32_MAX, INT32_MAX, INT32_MAX, 32, 64, 64},
-        {"negative", -1, INT32_MIN, -7, 0, 0, 0},
-        {"fewer graphs than clients", 1, 2, 5, 1, 2, 2},
-        {"fewer clients than graphs", 1, 5, 2, 1, 5, 2},
+        {INT32_MAX, INT32_MAX, INT32_MAX, 32, 64, 64},
+        {-1, INT32_MIN, -7, 0, 0, 0},
+        {1, 2, 5, 1, 2, 2},
+        {1, 5, 2, 1, 5, 2},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+        SCOPED_TRACE(row.clients);
         KelmMsgRspQueryStatus answer{};
         answer.queryType = 31;
         answer.deviceNum = row.devices;
@@ -43,14 +37,10 @@ TEST(DecodeTest, CountsOfAnAnswerAreHeldToItsRows) {
 }
 
 TEST(DecodeTest, TextsEndWithTheirFieldsAndNumbersAreFinite) {
-    KelmMsgRspQueryStatus answer{};
+    KelmMsgRspQueryStatus answer;
+    std::memset(&answer, 'x', sizeof(answer));
     answer.queryType = 31;
     answer.deviceNum = answer.graphNum = answer.clientNum = 1;
-    fill(answer.deviceName[0], 'd');
-    fill(answer.deviceGraphName[0], 'g');
-    fill(answer.graphName[0], 'G');
-    fill(answer.clientName[0], 'c');
-    fill(answer.taskSchedulerName, 's');
     answer.serviceFps = -numeric_limits<float>::infinity();
     answer.deviceFps[0] = numeric_limits<float>::quiet_NaN();
     answer.deviceThermal[0] = numeric_limits<float>::infinity();
@@ -58,15 +48,15 @@ TEST(DecodeTest, TextsEndWithTheirFieldsAndNumbersAreFinite) {
     answer.clientFps[0] = 2.5f;
     const ServiceStatus status = decodeStatus(answer);
     EXPECT_EQ(status.serviceFps, 0.0f);
-    EXPECT_EQ(status.devices[0].name, std::string(32, 'd'));
-    EXPECT_EQ(status.devices[0].graph, std::string(512, 'g'));
+    EXPECT_EQ(status.devices[0].name, std::string(32, 'x'));
+    EXPECT_EQ(status.devices[0].graph, std::string(512, 'x'));
     EXPECT_EQ(status.devices[0].fps, 0.0f);
     EXPECT_EQ(status.devices[0].thermal, 0.0f);
-    EXPECT_EQ(status.graphs[0].name, std::string(512, 'G'));
+    EXPECT_EQ(status.graphs[0].name, std::string(512, 'x'));
     EXPECT_EQ(status.graphs[0].fpsIn, 0.0f);
-    EXPECT_EQ(status.clients[0].name, std::string(32, 'c'));
+    EXPECT_EQ(status.clients[0].name, std::string(32, 'x'));
     EXPECT_EQ(status.clients[0].fps, 2.5f);
-    EXPECT_EQ(status.taskScheduler, std::string(32, 's'));
+    EXPECT_EQ(status.taskScheduler, std::string(32, 'x'));
     answer.queryType = 1;  // no details, no schedulers: what stands in their fields means nothing
     const ServiceStatus overview = decodeStatus(answer);
     EXPECT_EQ(overview.devices[0].graph, "");
@@ -78,14 +68,15 @@ TEST(DecodeTest, PackageIsHeldToItsRowsAndShowsUncountedDevices) {
     package->graphCount = INT32_MAX;
     package->clientCount = INT32_MIN;
     package->memResMB = -5;
-    package->devices[3].deviceId = 77;  // the count of devices stays 0
-    package->devices[3].currentGraphCount = INT32_MAX;
-    package->devices[3].previousGraphCount = -1;
-    fill(package->devices[3].currentGraphLoadTime[1], '1');
-    package->devices[3].currentFps[0] = numeric_limits<float>::quiet_NaN();
+    InfoDeviceRow& device = package->devices[3];  // the count of devices stays 0
+    device.deviceId = 77;
+    device.currentGraphCount = INT32_MAX;
+    device.previousGraphCount = -1;
+    std::ranges::fill(device.currentGraphLoadTime[1], '1');
+    device.currentFps[0] = numeric_limits<float>::quiet_NaN();
     package->graphs[63].clientNum = 1000;
     package->graphs[63].runningDeviceNum = -2;
-    fill(package->graphs[63].graphName, 'x');
+    std::ranges::fill(package->graphs[63].graphName, 'x');
     const Snapshot snapshot = decodeSnapshot(*package);
     ASSERT_EQ(snapshot.devices.size(), 4U);
     EXPECT_EQ(snapshot.devices[3].id, 77U);
@@ -115,16 +106,6 @@ TEST(QueryStatusTest, QueryOfClientsBringsTheGraphsAlong) {
     EXPECT_EQ(status.value().clients.size(), 1U);
     EXPECT_TRUE(client->queryStatus());
     EXPECT_EQ(service.queryType, 31U);
-}
-
-TEST(QueryStatusTest, ConnectEndsAtItsDeadline) {
-    const TempDir dir;
-    const UniqueFd listener = listenOn(dir.path() + "/socket", 0);
-    const auto first = Client::connect(dir.path() + "/socket");
-    ASSERT_TRUE(first);
-    const auto second = Client::connect(dir.path() + "/socket", Deadline(20));
-    ASSERT_FALSE(second);
-    EXPECT_EQ(second.error().kind(), ErrorKind::kTimeout);
 }
 
 }  // namespace

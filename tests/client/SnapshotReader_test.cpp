@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include "client/Client.h"
 #include "fakes/FakeStatusService.h"
 #include "fakes/TempDir.h"
 
@@ -12,22 +13,13 @@ using std::chrono::milliseconds;
 
 class SnapshotReaderTest : public ::testing::Test {
  protected:
-    void connect() {
-        auto connected = SnapshotReader::connect(m_path);
-        ASSERT_TRUE(connected);
-        m_reader = std::move(connected.value());
-        m_peer.reset(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    }
     // Bytes `from` to `to` of a package whose memory has this many megabytes.
     void send(int64_t megabytes, size_t from = 0, size_t to = sizeof(InfoPackage)) {
         auto package = std::make_unique<InfoPackage>();
         package->memResMB = megabytes;
         const char* bytes = reinterpret_cast<const char*>(package.get());
-        while (from < to) {
-            const ssize_t count = ::send(m_peer.get(), bytes + from, to - from, MSG_NOSIGNAL);
-            ASSERT_GT(count, 0);
-            from += static_cast<size_t>(count);
-        }
+        EXPECT_EQ(::send(m_peer.get(), bytes + from, to - from, MSG_NOSIGNAL),
+                  static_cast<ssize_t>(to - from));
     }
     bool isReadable() const {
         pollfd fd{m_reader->fd(), POLLIN, 0};
@@ -37,12 +29,12 @@ class SnapshotReaderTest : public ::testing::Test {
     const TempDir m_dir;
     const std::string m_path = m_dir.path() + "/socket";
     const UniqueFd m_listener = listenOn(m_path);
-    UniqueFd m_peer;
-    std::unique_ptr<SnapshotReader> m_reader;
+    const std::unique_ptr<SnapshotReader> m_reader =
+        std::move(SnapshotReader::connect(m_path).value());
+    UniqueFd m_peer{::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
 };
 
 TEST_F(SnapshotReaderTest, DeadlineInAPackageKeepsItsPlaceInTheStream) {
-    connect();
     EXPECT_FALSE(isReadable());
     send(1, 0, 1000);
     EXPECT_TRUE(isReadable());
@@ -59,22 +51,26 @@ TEST_F(SnapshotReaderTest, DeadlineInAPackageKeepsItsPlaceInTheStream) {
 }
 
 TEST_F(SnapshotReaderTest, InterruptEndsEveryRead) {
-    connect();
     std::thread interrupter([this] { m_reader->interrupt(); });
     EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
     interrupter.join();
     EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
 }
 
-TEST_F(SnapshotReaderTest, ConnectNamesWhatItCannotReachAndEndsAtItsDeadline) {
-    const auto nobody = SnapshotReader::connect("/nonexistent/socket");
-    EXPECT_EQ(nobody.error().kind(), ErrorKind::kNotConnected);
-    EXPECT_THAT(nobody.error().text(), ::testing::HasSubstr("/nonexistent/socket"));
-    const UniqueFd still = listenOn(m_path, 0);
-    const auto waiting = SnapshotReader::connect(m_path);
-    ASSERT_TRUE(waiting);
-    EXPECT_EQ(SnapshotReader::connect(m_path, milliseconds(20)).error().kind(),
-              ErrorKind::kTimeout);
+TEST(ConnectTest, NamesWhatItCannotReachAndEndsAtItsDeadline) {
+    const char* const none = "/nonexistent/socket";
+    for (const Error& error :
+         {Client::connect(none).error(), SnapshotReader::connect(none).error()}) {
+        EXPECT_EQ(error.kind(), ErrorKind::kNotConnected);
+        EXPECT_THAT(error.text(), ::testing::HasSubstr(none));
+    }
+    const TempDir dir;
+    const std::string path = dir.path() + "/socket";
+    const UniqueFd full = listenOn(path, 0);
+    const auto waiting = SnapshotReader::connect(path);
+    const milliseconds limit(20);
+    EXPECT_EQ(Client::connect(path, limit).error().kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(SnapshotReader::connect(path, limit).error().kind(), ErrorKind::kTimeout);
 }
 
 }  // namespace

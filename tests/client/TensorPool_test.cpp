@@ -8,15 +8,8 @@
 namespace kelm::client {
 namespace {
 
-bool nameExists(const Tensor& tensor) {
-    return static_cast<bool>(UniqueFd(::shm_open(tensor.name.c_str(), O_RDWR, 0)));
-}
-
-std::byte firstByteOf(const Tensor& tensor) {
-    const UniqueFd file(::shm_open(tensor.name.c_str(), O_RDONLY, 0));
-    std::byte byte{};
-    EXPECT_EQ(::pread(file.get(), &byte, 1, 0), 1);
-    return byte;
+UniqueFd openNamed(const Tensor& tensor) {
+    return UniqueFd(::shm_open(tensor.name.c_str(), O_RDONLY, 0));
 }
 
 TEST(TensorPoolTest, SlotIsUsedAgainAndNeverByTwo) {
@@ -29,7 +22,9 @@ TEST(TensorPoolTest, SlotIsUsedAgainAndNeverByTwo) {
     EXPECT_EQ(first->input().size(), 100U);
     EXPECT_EQ(first->outputTensor().size, 50U);
     first->input()[0] = std::byte{42};
-    EXPECT_EQ(firstByteOf(first->inputTensor()), std::byte{42});
+    std::byte read{};
+    EXPECT_EQ(::pread(openNamed(first->inputTensor()).get(), &read, 1, 0), 1);
+    EXPECT_EQ(read, std::byte{42});
     first.reset();
     EXPECT_EQ(pool.acquire().value()->inputTensor().name, name);
 }
@@ -41,13 +36,12 @@ TEST(TensorPoolTest, NamesEndWithThePoolAndTheLastHandle) {
     const Tensor tensors[] = {given->inputTensor(), given->outputTensor(), held->inputTensor(),
                               held->outputTensor()};
     given.reset();
-    for (const Tensor& tensor : tensors) EXPECT_TRUE(nameExists(tensor));
+    for (const Tensor& tensor : tensors) EXPECT_TRUE(openNamed(tensor));
     pool.reset();
-    EXPECT_FALSE(nameExists(tensors[0]));
-    EXPECT_FALSE(nameExists(tensors[1]));
+    EXPECT_FALSE(openNamed(tensors[0]) || openNamed(tensors[1]));
     held->output()[49] = std::byte{1};  // a handle may outlive the pool
     held.reset();
-    for (const Tensor& tensor : tensors) EXPECT_FALSE(nameExists(tensor)) << tensor.name;
+    for (const Tensor& tensor : tensors) EXPECT_FALSE(openNamed(tensor)) << tensor.name;
 }
 
 TEST(TensorPoolTest, MemoryThatCannotBeHadIsAnError) {

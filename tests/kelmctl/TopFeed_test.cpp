@@ -14,58 +14,51 @@ using std::chrono::milliseconds;
 class TopFeedTest : public ::testing::Test {
  protected:
     // Takes news, as they are announced, until they are as wanted.
-    template <class Predicate>
-    bool waitNews(TopFeed& feed, Predicate wanted) {
+    bool waitNews(const std::function<bool(const TopNews&)>& wanted) {
         return eventually([&] {
-            pollfd fd{feed.fd(), POLLIN, 0};
-            return ::poll(&fd, 1, 1000) == 1 && wanted(feed.take());
+            pollfd fd{m_feed.fd(), POLLIN, 0};
+            return ::poll(&fd, 1, 1000) == 1 && wanted(m_feed.take());
         });
     }
 
     const TempDir m_dir;
     const ScopedEnv m_env{"KELM_RUN_DIR", m_dir.path()};
+    const UniqueFd m_snapshots = listenOn(m_dir.path() + "/kelm_snapshot.sock");
+    TopFeed m_feed{milliseconds(5)};
 };
 
 TEST_F(TopFeedTest, LossAndReturnOfTheServiceAreNews) {
-    TopFeed feed(milliseconds(5));
     const auto isDown = [](const TopNews& news) { return !news.statusWhy.empty(); };
-    EXPECT_TRUE(waitNews(feed, isDown));
-    for (int round = 1; round < 4; ++round) {
+    EXPECT_TRUE(waitNews(isDown));
+    for (int round = 1; round < 3; ++round) {
         FakeStatusService service(m_dir.path() + "/kelm_service.sock");
         KelmMsgRspQueryStatus answer{};
         answer.queryType = 31;
         answer.deviceNum = round;
         service.setAnswer(answer);
-        EXPECT_TRUE(waitNews(feed, [round](const TopNews& news) {
+        EXPECT_TRUE(waitNews([round](const TopNews& news) {
             return news.status && news.statusWhy.empty() &&
-                   news.status->deviceCount == static_cast<uint32_t>(round);
+                   news.status->devices.size() == static_cast<size_t>(round);
         }));
         service.hangUp();
-        EXPECT_TRUE(waitNews(feed, isDown));
+        EXPECT_TRUE(waitNews(isDown));
     }
 }
 
 TEST_F(TopFeedTest, StreamOfSnapshotsIsTakenUpAgainAndHoldsNoEnd) {
-    const UniqueFd listener = listenOn(m_dir.path() + "/kelm_snapshot.sock");
-    TopFeed feed(milliseconds(5));
     for (int64_t round = 1; round < 3; ++round) {
-        const UniqueFd peer(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const UniqueFd peer(::accept4(m_snapshots.get(), nullptr, nullptr, SOCK_CLOEXEC));
         auto package = std::make_unique<InfoPackage>();
         package->memResMB = round;
-        const char* bytes = reinterpret_cast<const char*>(package.get());
-        for (size_t sent = 0; sent < sizeof(InfoPackage);) {
-            const ssize_t count =
-                ::send(peer.get(), bytes + sent, sizeof(InfoPackage) - sent, MSG_NOSIGNAL);
-            ASSERT_GT(count, 0);
-            sent += static_cast<size_t>(count);
-        }
-        EXPECT_TRUE(waitNews(feed, [round](const TopNews& news) {
+        EXPECT_EQ(::send(peer.get(), package.get(), sizeof(InfoPackage), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(sizeof(InfoPackage)));
+        EXPECT_TRUE(waitNews([round](const TopNews& news) {
             return news.snapshot &&
                    news.snapshot->memory.residentMB == static_cast<uint64_t>(round);
         }));
     }
     // A reader that waits for its next snapshot must not hold the destructor.
-    const UniqueFd silent(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const UniqueFd silent(::accept4(m_snapshots.get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 }  // namespace

@@ -18,17 +18,15 @@ class TopViewTest : public ::testing::Test {
     // More of everything than a terminal has lines for, under names that fit nowhere.
     void fillHostile() {
         client::ServiceStatus status;
-        status.deviceCount = 2000000000;
         status.serviceFps = 3.0e38f;
         status.deviceScheduler = "\x1b[31mscheduler";
-        for (int i = 0; i < 32; ++i) {
-            status.devices.push_back({"device\r\x1b[2J" + std::to_string(i), 1e30f,
-                                      "\xe6\xbc\xa2\xe6\xbc\xa2" + std::string(500, 'g'), -1e30f,
-                                      UINT32_MAX, 0});
-        }
         for (int i = 0; i < 64; ++i) {
+            const std::string number = std::to_string(i);
+            status.devices.push_back({"device\r\x1b[2J" + number, 1e30f,
+                                      "\xe6\xbc\xa2" + std::string(500, 'g'), -1e30f, UINT32_MAX,
+                                      0});
             status.graphs.push_back({std::string(512, static_cast<char>(128 + i)), 0.1f, 1e6f});
-            status.clients.push_back({"\xe2\x80\xae" + std::to_string(i), 5.0f});
+            status.clients.push_back({"\xe2\x80\xae" + number, 5.0f});
         }
         client::Snapshot snapshot;
         snapshot.devices.push_back({UINT32_MAX, 0.0f, INT32_MAX, {{"", "", UINT64_MAX, 0.0f}}, {}});
@@ -40,7 +38,7 @@ class TopViewTest : public ::testing::Test {
     }
 
     // Draws, and checks what every picture must keep to.
-    std::string draw(size_t width, size_t height, bool utf8 = true) {
+    std::string draw(size_t width = 80, size_t height = 24, bool utf8 = true) {
         const TopFrame frame = TopView(m_model, m_controls, utf8).draw(width, height, m_now);
         m_controls.limitOffsets(frame.mostOffsets);
         std::string text;
@@ -64,9 +62,9 @@ class TopViewTest : public ::testing::Test {
 
 TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {
     fillHostile();
-    const std::string text = draw(80, 24);
+    const std::string text = draw();
     EXPECT_THAT(text, HasSubstr("device??[2J0"));
-    EXPECT_THAT(text, HasSubstr("DEVICES\u25b2 1-6/32"));
+    EXPECT_THAT(text, HasSubstr("DEVICES\u25b2 1-6/64"));
     EXPECT_THAT(text, HasSubstr("CLIENTS 1-5/64"));
     EXPECT_THAT(text, HasSubstr("L2147.5M"));  // a number is never cut
     EXPECT_THAT(text, HasSubstr("q quit"));
@@ -80,37 +78,44 @@ TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {
 TEST_F(TopViewTest, KeysReachTheSelectedSectionAndScrollToItsEnd) {
     fillHostile();
     press({'\t', '\t', 'z', kTopKeyUp});
-    std::string text = draw(80, 24);
+    std::string text = draw();
     EXPECT_THAT(text, Not(HasSubstr("DEVICES")));
     EXPECT_THAT(text, HasSubstr(">CLIENTS 1-19/64"));
     for (int i = 0; i < 10; ++i) press({kTopKeyPageDown});
-    EXPECT_THAT(draw(80, 24), HasSubstr(">CLIENTS 46-64/64"));
+    EXPECT_THAT(draw(), HasSubstr(">CLIENTS 46-64/64"));
     press({kTopKeyUp});
-    EXPECT_THAT(draw(80, 24), HasSubstr(">CLIENTS 45-63/64"));
+    EXPECT_THAT(draw(), HasSubstr(">CLIENTS 45-63/64"));
     press({'/', 'q', kTopKeyBackspace, '6', '3'});  // a letter of the filter leaves nothing
-    text = draw(80, 24);
+    text = draw();
     EXPECT_THAT(text, HasSubstr("filter: 63_"));
     EXPECT_THAT(text, HasSubstr("?63"));
     EXPECT_THAT(text, Not(HasSubstr("?62")));
     press({'\n', kTopKeyBackTab, 27});
-    EXPECT_THAT(draw(80, 24), HasSubstr(">GRAPHS 1-19/64"));
+    EXPECT_THAT(draw(), HasSubstr(">GRAPHS 1-19/64"));
     EXPECT_FALSE(m_controls.handleKey('q'));
 }
 
 TEST_F(TopViewTest, LossAndReturnOfTheServiceAreSeen) {
-    EXPECT_THAT(draw(80, 24), HasSubstr("connecting"));
-    m_model.setGone("none on \x1b/path", m_now);
-    m_now += std::chrono::seconds(4);
-    EXPECT_THAT(draw(80, 24), HasSubstr(": none on ?/path"));
-    m_model.setStatus({}, m_now);
-    EXPECT_THAT(draw(80, 24), HasSubstr("the service is back"));
-    EXPECT_THAT(draw(80, 24), HasSubstr("after 4 s"));
-    m_now += std::chrono::seconds(11);
-    EXPECT_THAT(draw(80, 24), Not(HasSubstr("the service")));
+    const auto later = [this](int seconds) { return m_now += std::chrono::seconds(seconds); };
+    m_model.setGone("none there", m_now);
+    m_model.setGone("none on \x1b/path", later(3));
+    EXPECT_THAT(draw(), HasSubstr(": none on ?/path"));
+    client::ServiceStatus status;
+    status.clients.push_back({"last seen", 1.0f});
+    for (int i = 0; i < 2; ++i) m_model.setStatus(status, later(1));
+    std::string text = draw();
+    EXPECT_THAT(text, HasSubstr("the service is back"));
+    EXPECT_THAT(text, HasSubstr("after 4 s"));
     m_model.setSnapshotGone("refused");
-    EXPECT_THAT(draw(80, 24), HasSubstr("refused"));
+    later(11);
+    text = draw();
+    EXPECT_THAT(text, Not(HasSubstr("the service")));
+    EXPECT_THAT(text, HasSubstr("refused"));
+    m_model.setGone("lost", m_now);
     press({'p'});
-    EXPECT_THAT(draw(80, 24), HasSubstr("PAUSED"));
+    text = draw();
+    EXPECT_THAT(text, HasSubstr("PAUSED"));
+    EXPECT_THAT(text, HasSubstr("last seen"));
 }
 
 }  // namespace

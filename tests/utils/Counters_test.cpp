@@ -13,15 +13,10 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 // The time that the counters see.
-Clock::time_point g_now;
+Clock::time_point g_now = Clock::time_point() + std::chrono::hours(1);
 Clock::time_point fakeNow() { return g_now; }
 
-class CountersTest : public ::testing::Test {
- protected:
-    CountersTest() { g_now = Clock::time_point() + std::chrono::hours(1); }
-};
-
-TEST_F(CountersTest, RateNeedsTwoEventsAndDividesByTheSpanThatTheyCover) {
+TEST(CountersTest, RateNeedsTwoEventsAndDividesByTheSpanThatTheyCover) {
     FpsCounter counter("Category", "object", "", &fakeNow);
     EXPECT_EQ(counter.getName(), "Category::object::Fps");
     counter.m_bufferTimeMs = 1000;
@@ -34,21 +29,17 @@ TEST_F(CountersTest, RateNeedsTwoEventsAndDividesByTheSpanThatTheyCover) {
     EXPECT_FLOAT_EQ(counter.getFps(), 30.0f);  // three events in 100 ms
     g_now += milliseconds(899);
     EXPECT_FLOAT_EQ(counter.getFps(), 3000.0f / 999.0f);
-    g_now += microseconds(1000);  // the first two are one window old
+    g_now += milliseconds(1);  // the first two are one window old
     EXPECT_EQ(counter.getFps(), 0.0f);
-}
-
-TEST_F(CountersTest, RateStaysRightAndMemoryBoundedAtHighRates) {
-    FpsCounter counter("", "", "", &fakeNow);
     counter.m_bufferTimeMs = 10000;
-    for (int i = 0; i < 500000; ++i) {
+    for (int i = 0; i < 500000; ++i) {  // so many that they share stamps
         counter.update();
         g_now += microseconds(25);
     }
     EXPECT_NEAR(counter.getFps(), 40000.0, 100.0);
 }
 
-TEST_F(CountersTest, BusyPeriodsAreClippedToTheWindow) {
+TEST(CountersTest, BusyPeriodsAreClippedToTheWindow) {
     UtilizationCounter counter("KelmDevice", "a", "Utilization", &fakeNow);
     EXPECT_EQ(counter.getUtilization(), 0.0f);
     counter.start();
@@ -63,11 +54,7 @@ TEST_F(CountersTest, BusyPeriodsAreClippedToTheWindow) {
     counter.stop();
     g_now += milliseconds(5000);
     EXPECT_EQ(counter.getUtilization(), 0.0f);
-}
-
-TEST_F(CountersTest, ShortBusyPeriodsAtAHighRateKeepTheirSum) {
-    UtilizationCounter counter("KelmDevice", "a", "Utilization", &fakeNow);
-    for (int i = 0; i < 200000; ++i) {
+    for (int i = 0; i < 200000; ++i) {  // so many that they share records
         counter.start();
         g_now += microseconds(30);
         counter.stop();
