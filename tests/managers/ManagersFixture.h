@@ -83,9 +83,11 @@ class ScriptedFixture : public ManagersFixture {
     bool isReached(DeviceCall call) {
         return eventually([&] { return device().count(call) == 1; });
     }
-    // Whether a new graph finds a place in the end.
-    static bool placeIsGivenBack(WireClient& client, const std::string& blob) {
-        return eventually([&] { return client.createGraph({blob}).head.status == KELM_OK; });
+    // The id of a new graph once it finds a place; 0 if it never does.
+    static uint64_t placeIsGivenBack(WireClient& client, const std::string& blob) {
+        uint64_t id = 0;
+        (void)eventually([&] { return (id = client.createGraph({blob}).graphId) != 0; });
+        return id;
     }
 
     // A task whose input is the probe's descriptor.
