@@ -54,8 +54,19 @@ class ManagersFixture : public ServiceFixture<ServiceInProcess> {
     static bool noClientIsLeft() {
         return eventually([] { return !ClientManager::instance().isActive(); });
     }
+    // Whether all connections end, and the service with them has nothing to do.
     static bool noConnectionIsLeft() {
-        return eventually([] { return ServiceInProcess::noConnections(); });
+        return eventually([] {
+            return ServiceInProcess::noConnections() && !ServiceInProcess::dispatcher().isWorking();
+        });
+    }
+    // A request in the name of a client that may be another's.
+    template <class Request>
+    static Request makeFor(uint64_t clientId, WireClient& sender, KelmMsgType type,
+                           uint64_t subject = 0) {
+        auto request = sender.make<Request>(type, subject);
+        request.clientId = clientId;
+        return request;
     }
 };
 
