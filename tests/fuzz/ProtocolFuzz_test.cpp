@@ -1,3 +1,4 @@
+#include <numeric>
 #include <random>
 
 #include "fakes/SocketChannel.h"
@@ -28,8 +29,7 @@ struct Attack {
     // Announces so many blocks of a size each.
     Attack& blocks(uint32_t number, uint64_t size) {
         put(offsetof(KelmMsgBase, dataNum), number);
-        const size_t places = std::min(number, kMaxMessageBlocks);
-        return put(offsetof(KelmMsgBase, dataSize), size, places);
+        return put(offsetof(KelmMsgBase, dataSize), size, std::min(number, kMaxMessageBlocks));
     }
     Attack& announce(uint32_t descriptors) {
         return put(offsetof(KelmMsgBase, fdNum), descriptors);
@@ -53,29 +53,26 @@ struct Attack {
 };
 
 // Looks at every text and buffer, so that a sanitizer sees a read that goes too far.
-size_t touch(KelmMsgBase* message) {
-    size_t sum = 0;
+void touch(KelmMsgBase* message) {
+    const auto read = [](const auto&... texts) {
+        (void)(StringHelper::readBounded(texts).size() + ...);
+    };
     if (message->type == KELM_MESSAGE_REGISTER_REQ) {
-        const auto* const request = reinterpret_cast<KelmMsgReqRegister*>(message);
-        sum += StringHelper::readBounded(request->clientName).size();
+        read(reinterpret_cast<KelmMsgReqRegister*>(message)->clientName);
     } else if (message->type == KELM_MESSAGE_CREATE_GRAPH_REQ) {
-        const auto* const request = reinterpret_cast<KelmMsgReqCreateGraph*>(message);
-        sum += StringHelper::readBounded(request->graphName).size() +
-               StringHelper::readBounded(request->graphTag).size() +
-               StringHelper::readBounded(request->streamId).size() +
-               StringHelper::readBounded(request->graphPath).size();
-        const auto* const data = reinterpret_cast<const char*>(request->graphData);
-        for (uint32_t i = 0; i < request->graphDataSize; ++i) sum += data[i] != 0;
+        const auto& request = *reinterpret_cast<KelmMsgReqCreateGraph*>(message);
+        read(request.graphName, request.graphTag, request.streamId, request.graphPath);
+        const auto* const data = reinterpret_cast<const char*>(request.graphData);
+        (void)std::accumulate(data, data + request.graphDataSize, 0);
     } else if (message->type == KELM_MESSAGE_INFER_TASK_REQ) {
-        auto* const request = reinterpret_cast<KelmMsgReqInferTask*>(message);
         KelmBuffer buffers[3];
-        takeTaskBuffers(*request, buffers[0], buffers[1], buffers[2]);
+        takeTaskBuffers(*reinterpret_cast<KelmMsgReqInferTask*>(message), buffers[0], buffers[1],
+                        buffers[2]);
         for (const KelmBuffer& buffer : buffers) {
             EXPECT_TRUE(buffer.fd <= 0 || ::close(buffer.fd) == 0);
-            sum += StringHelper::readBounded(buffer.name).size();
+            read(buffer.name);
         }
     }
-    return sum;
 }
 
 class ProtocolFuzzTest : public testing::Test {
@@ -99,11 +96,9 @@ class ProtocolFuzzTest : public testing::Test {
             ++messages;
         }
         IPC::ConnectionBase::close(number);
-        return messages;
-    }
-    void settle() {
         IPC::PollEvent event;
-        EXPECT_FALSE(channel.poller->wait(&event, 0));
+        EXPECT_FALSE(channel.poller->wait(&event, 0));  // lets the closed one end
+        return messages;
     }
 
     SocketChannel channel;
@@ -118,14 +113,13 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
     const std::vector<size_t> ones(12, 1);  // a descriptor a segment
     constexpr size_t kRoles = offsetof(KelmMsgBase, fdType);
     constexpr size_t kInnerNumber = offsetof(KelmMsgBase, innerBufferNum);
-    constexpr uint64_t kAddress = 0x1000;
     Attack withoutEnd = with(graph).blocks(1, 4).bytes(4);
     withoutEnd.put(offsetof(KelmMsgBase, recvNum), 5000)
         .put(offsetof(KelmMsgBase, peerRecvNum), 0xffffffff)
-        .put(offsetof(KelmMsgBase, peerRecvData), kAddress, kMaxMessageBlocks)
+        .put(offsetof(KelmMsgBase, peerRecvData), uint64_t{0x1000}, kMaxMessageBlocks)
         .put(offsetof(KelmMsgBase, peerRecvSize), uint64_t{1} << 20, kMaxMessageBlocks);
     Attack foreign = with(graph).put(kInnerNumber, 5);
-    foreign.put(offsetof(KelmMsgBase, innerBuffer), kAddress, kMaxMessageBlocks);
+    foreign.put(offsetof(KelmMsgBase, innerBuffer), uint64_t{0x1000}, kMaxMessageBlocks);
     const struct {
         const char* name;
         int messages;  // that come out of it
@@ -150,7 +144,6 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
         {"more inner buffers than places", 1, with(graph).put(kInnerNumber, 0x80000000)},
         {"texts without an end", 1, with(graph).put(512, 'x', graph.record.size() - 512)},
         {"the end of the requests", 0, Attack(KELM_MESSAGE_REQ_END)},
-        {"the end of the events", 0, Attack(KELM_MESSAGE_EVT_END)},
         {"no type", 0, Attack(27)},
         {"far beyond the types", 0, Attack(0xffffffff)},
         {"not the size of its type", 0, with(infer).put(offsetof(KelmMsgBase, size), 1 << 20)},
@@ -164,7 +157,6 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(row.messages, play(row.attack));
-        settle();
         EXPECT_EQ(before, countDescriptors());
     }
 }
@@ -197,30 +189,10 @@ TEST_F(ProtocolFuzzTest, MutatedRecordsNeitherCrashNorLeak) {
         Attack attack(static_cast<uint32_t>(random() % (kMessageTypes + 2)));
         mutate(attack, random);
         messages += play(attack);
-        if (round % 100 != 0) continue;
-        settle();
-        ASSERT_EQ(before, countDescriptors());
     }
     EXPECT_GT(messages, kRounds / 10);  // the corpus is not refused at the door
     EXPECT_LT(messages, kRounds);
-    settle();
     EXPECT_EQ(before, countDescriptors());
-}
-
-TEST(MessageCheckTest, ArbitraryBytesAreReadWithinBounds) {
-    std::mt19937 random(7);
-    int accepted = 0;
-    for (int round = 0; round < 5000; ++round) {
-        Attack attack(static_cast<uint32_t>(random() % kMessageTypes));
-        if (round % 2 == 0) mutate(attack, random);
-        attack.record.resize(std::max(attack.record.size(), sizeof(KelmMsgBase)));
-        const std::unique_ptr<char[]> exact(new char[attack.record.size()]);
-        std::memcpy(exact.get(), attack.record.data(), attack.record.size());
-        accepted +=
-            checkMessage(*reinterpret_cast<KelmMsgBase*>(exact.get()), attack.record.size());
-    }
-    EXPECT_GT(accepted, 0);
-    EXPECT_LT(accepted, 5000);
 }
 
 }  // namespace

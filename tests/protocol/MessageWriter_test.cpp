@@ -74,10 +74,10 @@ TEST_F(MessageWriterTest, RecordsOfSeveralWritersStayWhole) {
     const auto gathered = [&](KelmMsgBase* message) {
         return writer.append(message) == 0 ? writer.flush() : -1;
     };
+    const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+    constexpr int kReports = 5;
     using Send = std::function<int(KelmMsgBase*)>;
     for (const auto& [first, other] : {std::pair<Send, Send>{alone, gathered}, {gathered, alone}}) {
-        constexpr int kReports = 5;
-        const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
         const size_t small = sizeof(KelmMsgRspInferTask);
         for (int i = 0; i < 20; ++i) ASSERT_EQ(0, writeAlone(makeAnswer(1).get()));
         std::thread reports([&, send = first] {
@@ -135,8 +135,6 @@ TEST_F(MessageWriterTest, FailedWriteDropsAndKeepsTheNumber) {
     EXPECT_NE(number, channel.accept()->getSimulateFD());
     EXPECT_EQ(-1, writer.flush());
     EXPECT_EQ(0, other.pending());
-    EXPECT_EQ(0, MessageWriter(1000).flush());
-    EXPECT_EQ(0, MessageWriter(1000).append(makeAnswer(1).get()));
 }
 
 }  // namespace
