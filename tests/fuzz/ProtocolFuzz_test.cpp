@@ -1,9 +1,7 @@
-#include <numeric>
 #include <random>
 
 #include "fakes/SocketChannel.h"
 #include "protocol/src/KelmProtocol.h"
-#include "utils/StringHelper.h"
 
 namespace kelm {
 namespace {
@@ -31,12 +29,10 @@ struct Attack {
         put(offsetof(KelmMsgBase, dataNum), number);
         return put(offsetof(KelmMsgBase, dataSize), size, std::min(number, kMaxMessageBlocks));
     }
-    Attack& announce(uint32_t descriptors) {
-        return put(offsetof(KelmMsgBase, fdNum), descriptors);
-    }
-    Attack& fds(const std::vector<size_t>& numbers) {
+    // Announces so many descriptors, and sends those.
+    Attack& fds(uint32_t announced, const std::vector<size_t>& numbers = {}) {
         segments = numbers;
-        return *this;
+        return put(offsetof(KelmMsgBase, fdNum), announced);
     }
     Attack& bytes(size_t number) {
         tail.assign(number, 'd');
@@ -52,25 +48,18 @@ struct Attack {
     std::string tail;
 };
 
-// Looks at every text and buffer, so that a sanitizer sees a read that goes too far.
+// Takes what the record names, so that a sanitizer sees what goes too far.
 void touch(KelmMsgBase* message) {
-    const auto read = [](const auto&... texts) {
-        (void)(StringHelper::readBounded(texts).size() + ...);
-    };
-    if (message->type == KELM_MESSAGE_REGISTER_REQ) {
-        read(reinterpret_cast<KelmMsgReqRegister*>(message)->clientName);
-    } else if (message->type == KELM_MESSAGE_CREATE_GRAPH_REQ) {
+    if (message->type == KELM_MESSAGE_CREATE_GRAPH_REQ) {
         const auto& request = *reinterpret_cast<KelmMsgReqCreateGraph*>(message);
-        read(request.graphName, request.graphTag, request.streamId, request.graphPath);
         const auto* const data = reinterpret_cast<const char*>(request.graphData);
-        (void)std::accumulate(data, data + request.graphDataSize, 0);
+        EXPECT_EQ(request.graphDataSize, std::string(data, request.graphDataSize).size());
     } else if (message->type == KELM_MESSAGE_INFER_TASK_REQ) {
+        auto& request = *reinterpret_cast<KelmMsgReqInferTask*>(message);
         KelmBuffer buffers[3];
-        takeTaskBuffers(*reinterpret_cast<KelmMsgReqInferTask*>(message), buffers[0], buffers[1],
-                        buffers[2]);
+        takeTaskBuffers(request, buffers[0], buffers[1], buffers[2]);
         for (const KelmBuffer& buffer : buffers) {
             EXPECT_TRUE(buffer.fd <= 0 || ::close(buffer.fd) == 0);
-            read(buffer.name);
         }
     }
 }
@@ -126,14 +115,14 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
         Attack attack;
     } rows[] = {
         {"plain", 1, infer},
-        {"descriptors without end", 0, with(infer).announce(0xffffffff).fds(ones)},
-        {"more descriptors than places", 1, with(infer).announce(12).fds(ones)},
+        {"descriptors without end", 0, with(infer).fds(0xffffffff, ones)},
+        {"more descriptors than places", 1, with(infer).fds(12, ones)},
         {"a role twice and one that is none", 1,
-         with(infer).announce(4).put(kRoles + 4, 1).put(kRoles + 12, 77).fds({1, 1, 1, 1})},
-        {"several descriptors a segment", 1, with(infer).announce(1).fds({5})},
-        {"descriptors that were not announced", 1, with(infer).fds({1, 253})},
-        {"fewer descriptors than announced", 0, with(infer).announce(3).fds({1})},
-        {"bytes without their descriptor", 0, with(infer).announce(1).bytes(4)},
+         with(infer).fds(4, {1, 1, 1, 1}).put(kRoles + 4, 1).put(kRoles + 12, 77)},
+        {"several descriptors a segment", 1, with(infer).fds(1, {5})},
+        {"descriptors that were not announced", 1, with(infer).fds(0, {1, 253})},
+        {"fewer descriptors than announced", 0, with(infer).fds(3, {1})},
+        {"bytes without their descriptor", 0, with(infer).fds(1).bytes(4)},
         {"six blocks", 0, with(graph).blocks(6, 4).bytes(24)},
         {"five blocks", 1, with(graph).blocks(5, 4).bytes(20)},
         {"blocks of 4 GiB that never come", 0, with(graph).blocks(5, 0xffffffff).bytes(100)},
@@ -142,6 +131,10 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
         {"prepared buffers without end", 1, withoutEnd},
         {"inner buffers at addresses of the peer", 1, foreign},
         {"more inner buffers than places", 1, with(graph).put(kInnerNumber, 0x80000000)},
+        {"a graph at an address of the peer", 1,
+         with(graph)
+             .put(offsetof(KelmMsgReqCreateGraph, graphData), uint64_t{0x1000})
+             .put(offsetof(KelmMsgReqCreateGraph, graphDataSize), 100)},
         {"texts without an end", 1, with(graph).put(512, 'x', graph.record.size() - 512)},
         {"the end of the requests", 0, Attack(KELM_MESSAGE_REQ_END)},
         {"no type", 0, Attack(27)},
@@ -150,8 +143,8 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
         {"half a head", 0, with(infer).cut(100)},
         {"half a body", 0, with(infer).cut(700)},
         {"descriptor test without a descriptor", 0, test},
-        {"descriptor test with two", 0, with(test).announce(2).fds({1, 1})},
-        {"descriptor test", 1, with(test).announce(1).fds({1})},
+        {"descriptor test with two", 0, with(test).fds(2, {1, 1})},
+        {"descriptor test", 1, with(test).fds(1, {1})},
     };
     const size_t before = countDescriptors();
     for (const auto& row : rows) {
