@@ -121,6 +121,8 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
          with(infer).fds(4, {1, 1, 1, 1}).put(kRoles + 4, 1).put(kRoles + 12, 77)},
         {"several descriptors a segment", 1, with(infer).fds(1, {5})},
         {"descriptors that were not announced", 1, with(infer).fds(0, {1, 253})},
+        {"a descriptor of this process", 1,
+         with(infer).put(offsetof(KelmMsgReqInferTask, inputBuffer) + offsetof(KelmBuffer, fd), 1)},
         {"fewer descriptors than announced", 0, with(infer).fds(3, {1})},
         {"bytes without their descriptor", 0, with(infer).fds(1).bytes(4)},
         {"six blocks", 0, with(graph).blocks(6, 4).bytes(24)},

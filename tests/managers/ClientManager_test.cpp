@@ -15,8 +15,8 @@ class ClientManagerTest : public ManagersFixture {
  protected:
     // Whether the client gets its answer on the connection, on which others may be registered too.
     static bool isAnswered(WireClient& connection, uint64_t clientId) {
-        const auto request = makeFor<KelmMsgReqDestroyGraph>(clientId, connection,
-                                                             KELM_MESSAGE_DESTROY_GRAPH_REQ, 999);
+        auto request = connection.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, 999);
+        request.clientId = clientId;
         return connection.ask<KelmMsgRsp>(request).status == KELM_ERROR_INVALID_GRAPH;
     }
 };
@@ -48,8 +48,9 @@ TEST_F(ClientManagerTest, RecordLeavesItsSocketToTheOthersOnIt) {
         SCOPED_TRACE(leaves);
         // Asked for on another connection, since the one that asks is not read any more.
         WireClient messenger(path());
-        ASSERT_TRUE(messenger.send(
-            makeFor<KelmMsgReqUnregister>(leaves, messenger, KELM_MESSAGE_UNREGISTER_REQ)));
+        auto request = messenger.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+        request.clientId = leaves;
+        ASSERT_TRUE(messenger.send(request));
         EXPECT_TRUE(shared.receiveType(KELM_MESSAGE_UNREGISTER_RSP));
         EXPECT_TRUE(eventually([&] { return clients.getSocketByClientId(leaves) == -1; }));
         EXPECT_TRUE(isAnswered(shared, second));

@@ -48,9 +48,6 @@ class ManagersFixture : public ServiceFixture<ServiceInProcess> {
         EXPECT_NE(client.id(), 0U);
         return client;
     }
-    static bool isRegistered(uint64_t clientId) {
-        return ClientManager::instance().getClientById(clientId) != nullptr;
-    }
     static bool noClientIsLeft() {
         return eventually([] { return !ClientManager::instance().isActive(); });
     }
@@ -59,14 +56,6 @@ class ManagersFixture : public ServiceFixture<ServiceInProcess> {
         return eventually([] {
             return ServiceInProcess::noConnections() && !ServiceInProcess::dispatcher().isWorking();
         });
-    }
-    // A request in the name of a client that may be another's.
-    template <class Request>
-    static Request makeFor(uint64_t clientId, WireClient& sender, KelmMsgType type,
-                           uint64_t subject = 0) {
-        auto request = sender.make<Request>(type, subject);
-        request.clientId = clientId;
-        return request;
     }
 };
 

@@ -4,25 +4,11 @@
 #include "managers/ManagersFixture.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmClient.h"
-#include "tests/wire/LoadClient.h"
 
 namespace kelm {
 namespace {
 
 using ResultDispatcherTest = ManagersFixture;
-
-TEST_F(ResultDispatcherTest, DoneMessageFollowsTheCreateAnswerInTheFormOfTheApiVersion) {
-    start();
-    Load load;
-    for (const uint16_t version : {0, 1, 2}) {
-        LoadPlan plan;
-        plan.apiMajorVersion = version;
-        plan.count = 100;
-        load.start(path(), plan);
-    }
-    EXPECT_EQ(load.wait(), "");
-    EXPECT_EQ(load.done(), 300U);
-}
 
 TEST_F(ResultDispatcherTest, TaskWithoutResponseIsSilentAndHoldsUpNoDeparture) {
     constexpr int kSilent = 20;
