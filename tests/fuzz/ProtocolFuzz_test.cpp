@@ -139,7 +139,6 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
              .put(offsetof(KelmMsgReqCreateGraph, graphDataSize), 100)},
         {"texts without an end", 1, with(graph).put(512, 'x', graph.record.size() - 512)},
         {"the end of the requests", 0, Attack(KELM_MESSAGE_REQ_END)},
-        {"no type", 0, Attack(27)},
         {"far beyond the types", 0, Attack(0xffffffff)},
         {"not the size of its type", 0, with(infer).put(offsetof(KelmMsgBase, size), 1 << 20)},
         {"half a head", 0, with(infer).cut(100)},

@@ -33,29 +33,6 @@ class ClientSenderTest : public testing::Test {
     const int number = connection->getSimulateFD();
 };
 
-TEST_F(ClientSenderTest, MessageIsDoneWhenItsBytesHaveGone) {
-    const MessagePtr event = makeEvent();
-    std::promise<void> gathered;
-    std::promise<void> goOn;
-    testing::internal::CaptureStdout();
-    {
-        ClientSender sender(7, number, true);
-        post(sender, *event);
-        sender.postNotice([&] {
-            gathered.set_value();
-            goOn.get_future().wait();
-        });
-        gathered.get_future().wait();
-        EXPECT_EQ(peer.pending(), 0);
-        EXPECT_THAT(testing::internal::GetCapturedStdout(), Not(HasSubstr("done")));
-        testing::internal::CaptureStdout();
-        goOn.set_value();
-    }
-    EXPECT_EQ(peer.pending(), static_cast<int>(event->size));
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                HasSubstr("sendEvent(evtSeqNo=5) to client(id:7) done"));
-}
-
 TEST_F(ClientSenderTest, MessageThatIsNotWrittenIsToldAsThat) {
     const MessagePtr event = makeEvent();
     const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));  // not gathered

@@ -215,31 +215,6 @@ TEST_F(KelmProtocolTest, BlocksOfNoUseAreReadOffAndNotKept) {
     }
 }
 
-TEST_F(KelmProtocolTest, ReceiveIntoOwnRecordLeavesNothingOnFailure) {
-    const UniqueFd file = makeFile();
-    const size_t before = countDescriptors();
-    KelmMsgReqInferTask record;
-    auto* const base = &record.head.base;
-    const int id = service->getSimulateFD();
-    ASSERT_EQ(0, send(makeInferRequest(file.get(), 0, 0)));
-    EXPECT_EQ(928, kelmReceiveMessage(id, base, sizeof(record)));
-    EXPECT_TRUE(isSameFile(file.get(), record.inputBuffer.fd));
-    kelmReleaseContents(base);
-    ASSERT_EQ(0, send(makeGraphRequest("binary")));
-    EXPECT_EQ(-1, kelmReceiveMessage(id, base, sizeof(record)));  // too large for the record
-    service = nullptr;
-
-    const RawPeer peer = connectRaw();
-    const MessagePtr broken = makeInferRequest(0, 0, 0);
-    broken->fdNum = 2;
-    peer.send(broken.get(), broken->size);
-    peer.sendFds("1234", {file.get()});
-    peer.send("5678");
-    EXPECT_EQ(-1, kelmReceiveMessage(service->getSimulateFD(), base, sizeof(record)));
-    EXPECT_EQ(-1, record.head.base.fd[0]);
-    EXPECT_EQ(before + 2, countDescriptors());  // the new peer and its connection
-}
-
 TEST_F(KelmProtocolTest, RecycledRecordCarriesNothingOver) {
     const UniqueFd file = makeFile();
     MessagePtr request = makeInferRequest(file.get(), 0, 0);
