@@ -2,7 +2,6 @@
 
 #include "fakes/SocketChannel.h"
 #include "protocol/src/KelmProtocol.h"
-#include "utils/StringHelper.h"
 
 namespace kelm {
 namespace {
@@ -28,15 +27,12 @@ struct Attack {
     // Announces so many blocks of a size each.
     Attack& blocks(uint32_t number, uint64_t size) {
         put(offsetof(KelmMsgBase, dataNum), number);
-        const size_t places = std::min(number, kMaxMessageBlocks);
-        return put(offsetof(KelmMsgBase, dataSize), size, places);
+        return put(offsetof(KelmMsgBase, dataSize), size, std::min(number, kMaxMessageBlocks));
     }
-    Attack& announce(uint32_t descriptors) {
-        return put(offsetof(KelmMsgBase, fdNum), descriptors);
-    }
-    Attack& fds(const std::vector<size_t>& numbers) {
+    // Announces so many descriptors, and sends those.
+    Attack& fds(uint32_t announced, const std::vector<size_t>& numbers = {}) {
         segments = numbers;
-        return *this;
+        return put(offsetof(KelmMsgBase, fdNum), announced);
     }
     Attack& bytes(size_t number) {
         tail.assign(number, 'd');
@@ -52,30 +48,20 @@ struct Attack {
     std::string tail;
 };
 
-// Looks at every text and buffer, so that a sanitizer sees a read that goes too far.
-size_t touch(KelmMsgBase* message) {
-    size_t sum = 0;
-    if (message->type == KELM_MESSAGE_REGISTER_REQ) {
-        const auto* const request = reinterpret_cast<KelmMsgReqRegister*>(message);
-        sum += StringHelper::readBounded(request->clientName).size();
-    } else if (message->type == KELM_MESSAGE_CREATE_GRAPH_REQ) {
-        const auto* const request = reinterpret_cast<KelmMsgReqCreateGraph*>(message);
-        sum += StringHelper::readBounded(request->graphName).size() +
-               StringHelper::readBounded(request->graphTag).size() +
-               StringHelper::readBounded(request->streamId).size() +
-               StringHelper::readBounded(request->graphPath).size();
-        const auto* const data = reinterpret_cast<const char*>(request->graphData);
-        for (uint32_t i = 0; i < request->graphDataSize; ++i) sum += data[i] != 0;
+// Takes what the record names, so that a sanitizer sees what goes too far.
+void touch(KelmMsgBase* message) {
+    if (message->type == KELM_MESSAGE_CREATE_GRAPH_REQ) {
+        const auto& request = *reinterpret_cast<KelmMsgReqCreateGraph*>(message);
+        const auto* const data = reinterpret_cast<const char*>(request.graphData);
+        EXPECT_EQ(request.graphDataSize, std::string(data, request.graphDataSize).size());
     } else if (message->type == KELM_MESSAGE_INFER_TASK_REQ) {
-        auto* const request = reinterpret_cast<KelmMsgReqInferTask*>(message);
+        auto& request = *reinterpret_cast<KelmMsgReqInferTask*>(message);
         KelmBuffer buffers[3];
-        takeTaskBuffers(*request, buffers[0], buffers[1], buffers[2]);
+        takeTaskBuffers(request, buffers[0], buffers[1], buffers[2]);
         for (const KelmBuffer& buffer : buffers) {
             EXPECT_TRUE(buffer.fd <= 0 || ::close(buffer.fd) == 0);
-            sum += StringHelper::readBounded(buffer.name).size();
         }
     }
-    return sum;
 }
 
 class ProtocolFuzzTest : public testing::Test {
@@ -99,11 +85,9 @@ class ProtocolFuzzTest : public testing::Test {
             ++messages;
         }
         IPC::ConnectionBase::close(number);
-        return messages;
-    }
-    void settle() {
         IPC::PollEvent event;
-        EXPECT_FALSE(channel.poller->wait(&event, 0));
+        EXPECT_FALSE(channel.poller->wait(&event, 0));  // lets the closed one end
+        return messages;
     }
 
     SocketChannel channel;
@@ -118,28 +102,29 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
     const std::vector<size_t> ones(12, 1);  // a descriptor a segment
     constexpr size_t kRoles = offsetof(KelmMsgBase, fdType);
     constexpr size_t kInnerNumber = offsetof(KelmMsgBase, innerBufferNum);
-    constexpr uint64_t kAddress = 0x1000;
     Attack withoutEnd = with(graph).blocks(1, 4).bytes(4);
     withoutEnd.put(offsetof(KelmMsgBase, recvNum), 5000)
         .put(offsetof(KelmMsgBase, peerRecvNum), 0xffffffff)
-        .put(offsetof(KelmMsgBase, peerRecvData), kAddress, kMaxMessageBlocks)
+        .put(offsetof(KelmMsgBase, peerRecvData), uint64_t{0x1000}, kMaxMessageBlocks)
         .put(offsetof(KelmMsgBase, peerRecvSize), uint64_t{1} << 20, kMaxMessageBlocks);
     Attack foreign = with(graph).put(kInnerNumber, 5);
-    foreign.put(offsetof(KelmMsgBase, innerBuffer), kAddress, kMaxMessageBlocks);
+    foreign.put(offsetof(KelmMsgBase, innerBuffer), uint64_t{0x1000}, kMaxMessageBlocks);
     const struct {
         const char* name;
         int messages;  // that come out of it
         Attack attack;
     } rows[] = {
         {"plain", 1, infer},
-        {"descriptors without end", 0, with(infer).announce(0xffffffff).fds(ones)},
-        {"more descriptors than places", 1, with(infer).announce(12).fds(ones)},
+        {"descriptors without end", 0, with(infer).fds(0xffffffff, ones)},
+        {"more descriptors than places", 1, with(infer).fds(12, ones)},
         {"a role twice and one that is none", 1,
-         with(infer).announce(4).put(kRoles + 4, 1).put(kRoles + 12, 77).fds({1, 1, 1, 1})},
-        {"several descriptors a segment", 1, with(infer).announce(1).fds({5})},
-        {"descriptors that were not announced", 1, with(infer).fds({1, 253})},
-        {"fewer descriptors than announced", 0, with(infer).announce(3).fds({1})},
-        {"bytes without their descriptor", 0, with(infer).announce(1).bytes(4)},
+         with(infer).fds(4, {1, 1, 1, 1}).put(kRoles + 4, 1).put(kRoles + 12, 77)},
+        {"several descriptors a segment", 1, with(infer).fds(1, {5})},
+        {"descriptors that were not announced", 1, with(infer).fds(0, {1, 253})},
+        {"a descriptor of this process", 1,
+         with(infer).put(offsetof(KelmMsgReqInferTask, inputBuffer) + offsetof(KelmBuffer, fd), 1)},
+        {"fewer descriptors than announced", 0, with(infer).fds(3, {1})},
+        {"bytes without their descriptor", 0, with(infer).fds(1).bytes(4)},
         {"six blocks", 0, with(graph).blocks(6, 4).bytes(24)},
         {"five blocks", 1, with(graph).blocks(5, 4).bytes(20)},
         {"blocks of 4 GiB that never come", 0, with(graph).blocks(5, 0xffffffff).bytes(100)},
@@ -148,23 +133,24 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
         {"prepared buffers without end", 1, withoutEnd},
         {"inner buffers at addresses of the peer", 1, foreign},
         {"more inner buffers than places", 1, with(graph).put(kInnerNumber, 0x80000000)},
+        {"a graph at an address of the peer", 1,
+         with(graph)
+             .put(offsetof(KelmMsgReqCreateGraph, graphData), uint64_t{0x1000})
+             .put(offsetof(KelmMsgReqCreateGraph, graphDataSize), 100)},
         {"texts without an end", 1, with(graph).put(512, 'x', graph.record.size() - 512)},
         {"the end of the requests", 0, Attack(KELM_MESSAGE_REQ_END)},
-        {"the end of the events", 0, Attack(KELM_MESSAGE_EVT_END)},
-        {"no type", 0, Attack(27)},
         {"far beyond the types", 0, Attack(0xffffffff)},
         {"not the size of its type", 0, with(infer).put(offsetof(KelmMsgBase, size), 1 << 20)},
         {"half a head", 0, with(infer).cut(100)},
         {"half a body", 0, with(infer).cut(700)},
         {"descriptor test without a descriptor", 0, test},
-        {"descriptor test with two", 0, with(test).announce(2).fds({1, 1})},
-        {"descriptor test", 1, with(test).announce(1).fds({1})},
+        {"descriptor test with two", 0, with(test).fds(2, {1, 1})},
+        {"descriptor test", 1, with(test).fds(1, {1})},
     };
     const size_t before = countDescriptors();
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(row.messages, play(row.attack));
-        settle();
         EXPECT_EQ(before, countDescriptors());
     }
 }
@@ -197,30 +183,10 @@ TEST_F(ProtocolFuzzTest, MutatedRecordsNeitherCrashNorLeak) {
         Attack attack(static_cast<uint32_t>(random() % (kMessageTypes + 2)));
         mutate(attack, random);
         messages += play(attack);
-        if (round % 100 != 0) continue;
-        settle();
-        ASSERT_EQ(before, countDescriptors());
     }
     EXPECT_GT(messages, kRounds / 10);  // the corpus is not refused at the door
     EXPECT_LT(messages, kRounds);
-    settle();
     EXPECT_EQ(before, countDescriptors());
-}
-
-TEST(MessageCheckTest, ArbitraryBytesAreReadWithinBounds) {
-    std::mt19937 random(7);
-    int accepted = 0;
-    for (int round = 0; round < 5000; ++round) {
-        Attack attack(static_cast<uint32_t>(random() % kMessageTypes));
-        if (round % 2 == 0) mutate(attack, random);
-        attack.record.resize(std::max(attack.record.size(), sizeof(KelmMsgBase)));
-        const std::unique_ptr<char[]> exact(new char[attack.record.size()]);
-        std::memcpy(exact.get(), attack.record.data(), attack.record.size());
-        accepted +=
-            checkMessage(*reinterpret_cast<KelmMsgBase*>(exact.get()), attack.record.size());
-    }
-    EXPECT_GT(accepted, 0);
-    EXPECT_LT(accepted, 5000);
 }
 
 }  // namespace

@@ -48,14 +48,14 @@ class ManagersFixture : public ServiceFixture<ServiceInProcess> {
         EXPECT_NE(client.id(), 0U);
         return client;
     }
-    static bool isRegistered(uint64_t clientId) {
-        return ClientManager::instance().getClientById(clientId) != nullptr;
-    }
     static bool noClientIsLeft() {
         return eventually([] { return !ClientManager::instance().isActive(); });
     }
+    // Whether all connections end, and the service with them has nothing to do.
     static bool noConnectionIsLeft() {
-        return eventually([] { return ServiceInProcess::noConnections(); });
+        return eventually([] {
+            return ServiceInProcess::noConnections() && !ServiceInProcess::dispatcher().isWorking();
+        });
     }
 };
 
@@ -83,9 +83,11 @@ class ScriptedFixture : public ManagersFixture {
     bool isReached(DeviceCall call) {
         return eventually([&] { return device().count(call) == 1; });
     }
-    // Whether a new graph finds a place in the end.
-    static bool placeIsGivenBack(WireClient& client, const std::string& blob) {
-        return eventually([&] { return client.createGraph({blob}).head.status == KELM_OK; });
+    // The id of a new graph once it finds a place; 0 if it never does.
+    static uint64_t placeIsGivenBack(WireClient& client, const std::string& blob) {
+        uint64_t id = 0;
+        (void)eventually([&] { return (id = client.createGraph({blob}).graphId) != 0; });
+        return id;
     }
 
     // A task whose input is the probe's descriptor.

@@ -4,26 +4,11 @@
 #include "managers/ManagersFixture.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/KelmClient.h"
-#include "tests/wire/LoadClient.h"
-#include "utils/Log.h"
 
 namespace kelm {
 namespace {
 
 using ResultDispatcherTest = ManagersFixture;
-
-TEST_F(ResultDispatcherTest, DoneMessageFollowsTheCreateAnswerInTheFormOfTheApiVersion) {
-    start();
-    Load load;
-    for (const uint16_t version : {0, 1, 2}) {
-        LoadPlan plan;
-        plan.apiMajorVersion = version;
-        plan.count = 100;
-        load.start(path(), plan);
-    }
-    EXPECT_EQ(load.wait(), "");
-    EXPECT_EQ(load.done(), 300U);
-}
 
 TEST_F(ResultDispatcherTest, TaskWithoutResponseIsSilentAndHoldsUpNoDeparture) {
     constexpr int kSilent = 20;
@@ -101,33 +86,17 @@ TEST_F(ResultDispatcherTest, RefusedUnregisterTakesNoAnswersFromANewClient) {
     }
 }
 
-TEST_F(ResultDispatcherTest, AnswerBehindTheEndOfItsClientIsAborted) {
-    start(R"("debug_settings": {"debug_process": {"result_dispatcher": "on"}})");
-    Log::instance().setLogLevel(LOG_LEVEL_PROC);
-    ASSERT_TRUE(serves());
-    testing::internal::CaptureStdout();
-    ResultDispatcher::instance().enqueueSendDestroyGraphResponse(
-        KELM_OK, makeDestroyRequest(1, ServiceInProcess::kFirstClientNumber));
-    ASSERT_TRUE(serves());  // behind it in the queue
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                testing::HasSubstr("abort sendMessage(rspSeqNo=0) for closed client(id:1)"));
-}
-
 TEST_F(ResultDispatcherTest, ResetIsAnsweredByTheRuleOfTheDevices) {
     start();
     WireClient client = connect();
     const struct {
-        uint64_t clientId;
         uint32_t deviceId;
         uint8_t resetAll;
         int32_t status;
-    } rows[] = {{client.id(), 5, 1, KELM_OK},
-                {client.id(), 99, 0, KELM_ERROR_INVALID_DEVICE},
-                {client.id() + 1, 0, 1, KELM_ERROR_INVALID_CLIENT}};
+    } rows[] = {{5, 1, KELM_OK}, {99, 0, KELM_ERROR_INVALID_DEVICE}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.status);
         auto request = client.make<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
-        request.clientId = row.clientId;
         request.deviceId = row.deviceId;
         request.resetAllDevices = row.resetAll;
         const auto response = client.ask<KelmMsgRspResetDevice>(request);

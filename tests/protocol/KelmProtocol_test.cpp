@@ -29,10 +29,9 @@ class KelmProtocolTest : public testing::Test {
         as<KelmMsgReqCreateGraph>(message).graphDataSize = static_cast<uint32_t>(binary.size());
         return message;
     }
-    MessagePtr makeInferRequest(int input, int output, int aux, uint64_t number = 0) {
+    MessagePtr makeInferRequest(int input, int output, int aux) {
         MessagePtr message(kelmAllocMessage(KELM_MESSAGE_INFER_TASK_REQ));
         auto& request = as<KelmMsgReqInferTask>(message);
-        request.head.reqSeqNo = number;
         request.inputBuffer.fd = input;
         request.outputBuffer.fd = output;
         request.auxBuffer.fd = aux;
@@ -40,12 +39,22 @@ class KelmProtocolTest : public testing::Test {
         return message;
     }
 
+    // A plain socket takes the client's place.
+    RawPeer connectRaw() {
+        RawPeer peer{channel.path};
+        service = channel.accept();
+        return peer;
+    }
+    static std::string graphOf(const KelmMsgReqCreateGraph& request) {
+        return {reinterpret_cast<const char*>(request.graphData), request.graphDataSize};
+    }
+
     SocketChannel channel;
     std::shared_ptr<IPC::ConnectionUDS> client = std::make_shared<IPC::ConnectionUDS>(nullptr);
     std::shared_ptr<IPC::ConnectionUDS> service;
 };
 
-TEST_F(KelmProtocolTest, EachTypeHasItsSizeAndName) {
+TEST_F(KelmProtocolTest, EachTypeHasItsSize) {
     for (uint32_t type = 0; type < kMessageTypes; ++type) {
         SCOPED_TRACE(type);
         const MessagePtr message(kelmAllocMessage(static_cast<KelmMsgType>(type)));
@@ -54,8 +63,6 @@ TEST_F(KelmProtocolTest, EachTypeHasItsSizeAndName) {
         EXPECT_EQ(type != KELM_MESSAGE_TEST_SEND_FD_REQ, checkMessage(*message, message->size));
         EXPECT_FALSE(checkMessage(*message, message->size - 1));
     }
-    EXPECT_STREQ("KELM_MESSAGE_TASK_DONE_EVT", KelmMsgTypeStr[KELM_MESSAGE_TASK_DONE_EVT]);
-    EXPECT_STREQ("KELM_MESSAGE_END", KelmMsgTypeStr[KELM_MESSAGE_END]);
 }
 
 TEST_F(KelmProtocolTest, DescriptorsReachTheBufferOfTheirRole) {
@@ -81,41 +88,17 @@ TEST_F(KelmProtocolTest, DescriptorsReachTheBufferOfTheirRole) {
             if (!taken) continue;  // closed with the message
             KelmBuffer buffers[3];
             takeTaskBuffers(record, buffers[0], buffers[1], buffers[2]);
-            const int sent[] = {in, out, extra};
-            for (int i = 0; i < 3; ++i) {
-                const UniqueFd owned(buffers[i].fd > 0 ? buffers[i].fd : -1);
-                EXPECT_EQ(sent[i] > 0, isSameFile(sent[i], owned.get()));
-                EXPECT_EQ(0, std::vector<KelmBuffer*>(
-                                 {&record.inputBuffer, &record.outputBuffer, &record.auxBuffer})[i]
-                                 ->fd);
+            for (const auto& [sent, taker] : {std::pair{in, 0}, {out, 1}, {extra, 2}}) {
+                const UniqueFd owned(buffers[taker].fd > 0 ? buffers[taker].fd : -1);
+                EXPECT_EQ(sent > 0, isSameFile(sent, owned.get()));
+            }
+            for (const KelmBuffer* left :
+                 {&record.inputBuffer, &record.outputBuffer, &record.auxBuffer}) {
+                EXPECT_EQ(0, left->fd);
             }
         }
         EXPECT_EQ(before, countDescriptors());
     }
-}
-
-TEST_F(KelmProtocolTest, StreamOfMessagesKeepsItsOrder) {
-    const UniqueFd file = makeFile();
-    const std::string binary(100000, 'g');
-    std::thread sender([&] {
-        for (uint64_t number = 0; number < 300; ++number) {
-            ASSERT_EQ(0, send(makeInferRequest(number % 3 == 0 ? file.get() : 0, 0, 0, number)));
-            ASSERT_TRUE(number % 50 != 0 || send(makeGraphRequest(binary)) == 0);
-        }
-    });
-    for (uint64_t number = 0; number < 300; ++number) {
-        const MessagePtr message = receive();
-        ASSERT_TRUE(message);
-        ASSERT_EQ(number, as<KelmMsgReqInferTask>(message).head.reqSeqNo);
-        ASSERT_EQ(number % 3 == 0, as<KelmMsgReqInferTask>(message).inputBuffer.fd > 0);
-        if (number % 50 != 0) continue;
-        const MessagePtr graph = receive();
-        ASSERT_TRUE(graph);
-        auto& request = as<KelmMsgReqCreateGraph>(graph);
-        ASSERT_EQ(binary, std::string(reinterpret_cast<const char*>(request.graphData),
-                                      request.graphDataSize));
-    }
-    sender.join();
 }
 
 TEST_F(KelmProtocolTest, MessageIsWholeWithItsLastPieceAndNotBefore) {
@@ -125,8 +108,7 @@ TEST_F(KelmProtocolTest, MessageIsWholeWithItsLastPieceAndNotBefore) {
     const UniqueFd file = makeFile();
     const MessagePtr infer = makeInferRequest(file.get(), file.get(), 0);
     ASSERT_EQ(0, flatMessage(infer.get()));
-    const RawPeer peer(channel.path);
-    service = channel.accept();
+    const RawPeer peer = connectRaw();
     using State = MessageAssembler::State;
     MessageAssembler assembler;
     const auto sendPieces = [&](const char* bytes, size_t size, size_t piece) {
@@ -139,11 +121,10 @@ TEST_F(KelmProtocolTest, MessageIsWholeWithItsLastPieceAndNotBefore) {
         SCOPED_TRACE(piece);
         sendPieces(reinterpret_cast<const char*>(infer.get()), infer->size, piece);
         for (int i = 0; i < 2; ++i) {
+            ASSERT_EQ(State::kWaiting, assembler.receiveArrived(*service));
             peer.send("12");
             ASSERT_EQ(State::kWaiting, assembler.receiveArrived(*service));
             peer.sendFds("34", {file.get()});
-            if (i > 0) break;
-            ASSERT_EQ(State::kWaiting, assembler.receiveArrived(*service));
         }
         ASSERT_EQ(State::kWhole, assembler.receiveArrived(*service));
         const MessagePtr first = assembler.take(service);
@@ -154,44 +135,31 @@ TEST_F(KelmProtocolTest, MessageIsWholeWithItsLastPieceAndNotBefore) {
         sendPieces(block.data(), block.size(), std::max<size_t>(piece, 1000));
         ASSERT_EQ(State::kWhole, assembler.receiveArrived(*service));
         const MessagePtr second = assembler.take(service);
-        const auto& request = as<KelmMsgReqCreateGraph>(second);
-        EXPECT_EQ(block, std::string(reinterpret_cast<const char*>(request.graphData),
-                                     request.graphDataSize));
+        EXPECT_EQ(block, graphOf(as<KelmMsgReqCreateGraph>(second)));
     }
-}
-
-TEST_F(KelmProtocolTest, GraphAddressOfTheSenderIsNeverBelieved) {
-    const MessagePtr message = makeGraphRequest("binary");
-    RawPeer peer(channel.path);
-    service = channel.accept();
-    peer.send(message.get(), message->size);  // no block follows
-    const MessagePtr received = receive();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(0U, as<KelmMsgReqCreateGraph>(received).graphData);
-    EXPECT_EQ(0U, as<KelmMsgReqCreateGraph>(received).graphDataSize);
 }
 
 TEST_F(KelmProtocolTest, BlockGoesOnlyToBuffersThatThisSidePrepared) {
     std::vector<char> prepared(16, '.');
     std::vector<char> foreign(16, '.');
-    struct Row {
+    const struct {
         const char* name;
         std::vector<char>* named;  // what the peer claims was prepared
         uint64_t claimedSize;
+        size_t preparedSize;
         uint32_t type;
         bool received;
         bool inPlace;
-    };
-    const Row rows[] = {{"own buffer", &prepared, 16, kGraphBlockType, true, true},
-                        {"foreign address", &foreign, 16, kGraphBlockType, true, false},
-                        {"other block type", &prepared, 16, 3, true, false},
-                        {"claimed too small", &prepared, 5, kGraphBlockType, false, false}};
-    const PreparedBuffer list[] = {{prepared.data(), prepared.size()}};
-    for (const Row& row : rows) {
+    } rows[] = {{"own buffer", &prepared, 16, 16, kGraphBlockType, true, true},
+                {"foreign address", &foreign, 16, 16, kGraphBlockType, true, false},
+                {"other block type", &prepared, 16, 16, 3, true, false},
+                {"claimed too small", &prepared, 5, 16, kGraphBlockType, false, false},
+                {"claimed too large", &prepared, 16, 5, kGraphBlockType, true, false}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
+        const PreparedBuffer list[] = {{prepared.data(), row.preparedSize}};
         const std::string block = "binary";
-        RawPeer peer(channel.path);
-        service = channel.accept();
+        const RawPeer peer = connectRaw();
         MessagePtr message = makeGraphRequest(block);
         ASSERT_EQ(0, flatMessage(message.get()));
         message->peerRecvNum = 1;
@@ -207,30 +175,21 @@ TEST_F(KelmProtocolTest, BlockGoesOnlyToBuffersThatThisSidePrepared) {
         EXPECT_TRUE(!received || received->innerBufferNum == (row.inPlace ? 0U : 1U));
         prepared[0] = '.';
     }
-    PreparedBuffer small = {prepared.data(), 5};
-    KelmMsgBase base = {};
-    base.dataNum = base.recvNum = 1;
-    base.dataSize[0] = base.recvSize[0] = 6;
-    base.recvData[0] = reinterpret_cast<uint64_t>(prepared.data());
-    EXPECT_NE(prepared.data(), getBufferForRecv(&base, 0, {&small, 1}));
-    kelmReleaseContents(&base);
 }
 
 TEST_F(KelmProtocolTest, BlocksOfNoUseAreReadOffAndNotKept) {
     const struct {
-        const char* name;
         KelmMsgType type;
         std::vector<uint32_t> blocks;  // their types
         char kept;                     // what the block is made of, 'a' for the first
-    } rows[] = {{"last graph binary", KELM_MESSAGE_CREATE_GRAPH_REQ, {0, 3, 0, 7}, 'c'},
-                {"no graph binary", KELM_MESSAGE_CREATE_GRAPH_REQ, {1, 2}, 0},
-                {"another request", KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, {0, 0, 0, 0, 0}, 0},
-                {"no request", KELM_MESSAGE_PING_EVT, {0}, 0}};
+    } rows[] = {{KELM_MESSAGE_CREATE_GRAPH_REQ, {0, 3, 0, 7}, 'c'},  // the last graph binary
+                {KELM_MESSAGE_CREATE_GRAPH_REQ, {1, 2}, 0},
+                {KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, {0, 0, 0, 0, 0}, 0},
+                {KELM_MESSAGE_PING_EVT, {0}, 0}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(testing::Message() << row.type << " " << row.blocks.size());
         constexpr size_t kBlockBytes = 20000;  // more than is read off at once
-        const RawPeer peer(channel.path);
-        service = channel.accept();
+        const RawPeer peer = connectRaw();
         MessagePtr message(kelmAllocMessage(row.type));
         for (const uint32_t type : row.blocks) {
             message->dataType[message->dataNum] = type;
@@ -250,57 +209,21 @@ TEST_F(KelmProtocolTest, BlocksOfNoUseAreReadOffAndNotKept) {
         if (row.type != KELM_MESSAGE_CREATE_GRAPH_REQ) continue;
         const uint64_t data = as<KelmMsgReqCreateGraph>(received).graphData;
         const auto block = kelmTakeBlock(received.get(), data);
-        ASSERT_EQ(row.kept != 0, block != nullptr);
-        EXPECT_TRUE(!block ||
-                    std::string(block.get(), kBlockBytes) == std::string(kBlockBytes, row.kept));
+        EXPECT_EQ(block ? std::string(block.get(), kBlockBytes) : "",
+                  std::string(row.kept != 0 ? kBlockBytes : 0, row.kept));
         EXPECT_EQ(nullptr, kelmTakeBlock(received.get(), data));  // only once
     }
 }
 
-TEST_F(KelmProtocolTest, ReceiveIntoOwnRecordLeavesNothingOnFailure) {
-    const UniqueFd file = makeFile();
-    const size_t before = countDescriptors();
-    KelmMsgReqInferTask record;
-    auto* const base = &record.head.base;
-    const int id = service->getSimulateFD();
-    ASSERT_EQ(0, send(makeInferRequest(file.get(), 0, 0)));
-    EXPECT_EQ(928, kelmReceiveMessage(id, base, sizeof(record)));
-    EXPECT_TRUE(isSameFile(file.get(), record.inputBuffer.fd));
-    kelmReleaseContents(base);
-    ASSERT_EQ(0, send(makeGraphRequest("binary")));
-    EXPECT_EQ(-1, kelmReceiveMessage(id, base, sizeof(record)));  // too large for the record
-    service = nullptr;
-
-    const RawPeer peer(channel.path);
-    service = channel.accept();
-    const MessagePtr broken = makeInferRequest(0, 0, 0);
-    broken->fdNum = 2;
-    peer.send(broken.get(), broken->size);
-    peer.sendFds("1234", {file.get()});
-    peer.send("5678");
-    EXPECT_EQ(-1, kelmReceiveMessage(service->getSimulateFD(), base, sizeof(record)));
-    EXPECT_EQ(-1, record.head.base.fd[0]);
-    EXPECT_EQ(before + 2, countDescriptors());  // the new peer and its connection
-}
-
-TEST_F(KelmProtocolTest, SixthInnerBufferIsRefused) {
-    const MessagePtr message(kelmAllocMessage(KELM_MESSAGE_CREATE_GRAPH_REQ));
-    for (uint32_t i = 0; i < kMaxMessageBlocks; ++i) {
-        EXPECT_NE(nullptr, allocInnerBuffer(message.get(), 100));
-    }
-    EXPECT_EQ(nullptr, allocInnerBuffer(message.get(), 100));
-    EXPECT_EQ(nullptr, allocInnerBuffer(message.get(), 0));
-}
-
 TEST_F(KelmProtocolTest, RecycledRecordCarriesNothingOver) {
     const UniqueFd file = makeFile();
-    for (int i = 0; i < 3; ++i) {
-        MessagePtr request = makeInferRequest(file.get(), 0, 0);
-        ASSERT_EQ(0, send(request));
-        request.reset();  // a built message does not own the descriptor
-        (void)receive();
+    MessagePtr request = makeInferRequest(file.get(), 0, 0);
+    ASSERT_EQ(0, send(request));
+    request.reset();  // a built message does not own the descriptor
+    (void)receive();
+    const KelmMsgReqInferTask zero = {};
+    for (int i = 0; i < 2; ++i) {
         const MessagePtr next(kelmAllocMessage(KELM_MESSAGE_INFER_TASK_REQ));
-        const KelmMsgReqInferTask zero = {};
         EXPECT_EQ(0, std::memcmp(&zero.head.base.fdNum, &next->fdNum,
                                  sizeof(zero) - offsetof(KelmMsgBase, fdNum)));
     }
@@ -325,14 +248,6 @@ TEST_F(KelmProtocolTest, AnswerNeverReachesAStrangerWhoGotTheNumberOfItsConnecti
     EXPECT_EQ(-1, kelmSendMessage(number, answer.get()));
     answer.reset();
     EXPECT_EQ(number, std::make_shared<IPC::ConnectionUDS>(nullptr)->getSimulateFD());
-}
-
-TEST_F(KelmProtocolTest, UnknownConnectionIsAFailureNotTheEnd) {
-    const MessagePtr message(kelmAllocMessage(KELM_MESSAGE_PING_EVT));
-    EXPECT_EQ(-1, kelmSendMessage(1000, message.get()));
-    EXPECT_EQ(nullptr, kelmReceiveMessage(1000));
-    EXPECT_EQ(-1, flatMessage(nullptr));
-    EXPECT_EQ(EINVAL, errno);
 }
 
 }  // namespace

@@ -74,10 +74,10 @@ TEST_F(MessageWriterTest, RecordsOfSeveralWritersStayWhole) {
     const auto gathered = [&](KelmMsgBase* message) {
         return writer.append(message) == 0 ? writer.flush() : -1;
     };
+    const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+    constexpr int kReports = 5;
     using Send = std::function<int(KelmMsgBase*)>;
     for (const auto& [first, other] : {std::pair<Send, Send>{alone, gathered}, {gathered, alone}}) {
-        constexpr int kReports = 5;
-        const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
         const size_t small = sizeof(KelmMsgRspInferTask);
         for (int i = 0; i < 20; ++i) ASSERT_EQ(0, writeAlone(makeAnswer(1).get()));
         std::thread reports([&, send = first] {
@@ -93,29 +93,15 @@ TEST_F(MessageWriterTest, RecordsOfSeveralWritersStayWhole) {
         while (expected > 0) {
             const std::string head = peer.receive(sizeof(KelmMsgBase));
             const auto& base = *reinterpret_cast<const KelmMsgBase*>(head.data());
-            const bool whole = base.type < KELM_MESSAGE_END && base.size <= expected &&
-                               base.size == KelmMessageSize[base.type];
-            EXPECT_TRUE(whole) << expected << " bytes before the end";
-            if (!whole) break;
+            EXPECT_EQ(base.size, base.type < kMessageTypes ? KelmMessageSize[base.type] : 0)
+                << expected << " before the end";
+            if (testing::Test::HasFailure()) break;
             expected -= peer.receive(base.size - sizeof(base)).size() + sizeof(base);
         }
         if (expected > 0) connection->shutdown();
         reports.join();
         answer.join();
     }
-}
-
-TEST_F(MessageWriterTest, ShutdownEndsTheWriterAndThoseBehindIt) {
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 3; ++i) {
-        writers.emplace_back([&] {
-            const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
-            while (writeAlone(report.get()) == 0) continue;
-        });
-    }
-    EXPECT_TRUE(eventually([&] { return peer.pending() > 100000; }));
-    connection->shutdown();
-    for (std::thread& writer : writers) writer.join();
 }
 
 TEST_F(MessageWriterTest, FailedWriteDropsAndKeepsTheNumber) {
@@ -135,8 +121,6 @@ TEST_F(MessageWriterTest, FailedWriteDropsAndKeepsTheNumber) {
     EXPECT_NE(number, channel.accept()->getSimulateFD());
     EXPECT_EQ(-1, writer.flush());
     EXPECT_EQ(0, other.pending());
-    EXPECT_EQ(0, MessageWriter(1000).flush());
-    EXPECT_EQ(0, MessageWriter(1000).append(makeAnswer(1).get()));
 }
 
 }  // namespace
