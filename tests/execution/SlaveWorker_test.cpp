@@ -69,8 +69,6 @@ TEST_F(SlaveWorkerTest, TasksInFlightAreBounded) {
     // The third asks for the next one and waits, so the fourth does not get to ask.
     ASSERT_TRUE(eventually([&] { return exchange.scheduled().size() == 4; }));
     EXPECT_EQ(script.count(DeviceCall::LoadTensor), 2);
-    script.releaseOne(DeviceCall::GetResult);
-    ASSERT_TRUE(calls(DeviceCall::LoadTensor, 3));
     script.release(DeviceCall::GetResult);
     EXPECT_TRUE(settles(4, 0));
 }
