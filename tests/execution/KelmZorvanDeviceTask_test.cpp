@@ -197,12 +197,6 @@ TEST_F(KelmZorvanTaskTest, FailedReadDoesNotShiftResults) {
             EXPECT_EQ(run(two), kRefused);
             EXPECT_EQ(run(two), 0);
             EXPECT_EQ(outputOf(two), resultOf("2222"));
-            EXPECT_EQ(run(three), 0);
-            // The graph leaves and returns to others.
-            failNext();
-            EXPECT_EQ(run(one), kRefused);
-            ASSERT_EQ(first->deallocateGraph(graph.get(), true), 0);
-            ASSERT_EQ(first->allocateGraph(graph.get()), 0);
             ASSERT_EQ(first->loadTensor(three), 0);
             expectResult(three, "3333");
         }
@@ -224,11 +218,6 @@ TEST_F(KelmZorvanTaskTest, ResultsOfOthersStayOutOfABuffer) {
 
 // Twenty in a row, with queues of four places: results that are taken, kept and made up for.
 TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
-    // Done with a result that may be of its first attempt or of its second.
-    KelmTask* const doubtful = namedTask("0000");
-    tevo.order("lose 1.2 qxFifoReadElem -5 1");
-    EXPECT_EQ(run(doubtful), kRefused);
-    EXPECT_EQ(run(doubtful), 0);
     const std::string inference = "fail 1.2 qxGraphQueueInference -5 1";
     for (const std::string& fault : {std::string("lose 1.2 qxFifoReadElem -5 1"),
                                      std::string("fail 1.2 qxFifoReadElem -5 1"), inference}) {
@@ -243,8 +232,9 @@ TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
     // Where only new queues help and cannot be had, the next task tries again.
     tevo.order("fail 1.2 qxFifoReadElem -5");
     tevo.order("fail 1.2 qxGraphAllocate -3");
-    EXPECT_TRUE(eventually([&] { return run(doubtful) == kNoMemory; }));
-    EXPECT_EQ(run(doubtful), kNoMemory);
+    KelmTask* const task = namedTask("0000");
+    EXPECT_TRUE(eventually([&] { return run(task) == kNoMemory; }));
+    EXPECT_EQ(run(task), kNoMemory);
     tevo.cancelOrders();
     expectRun("3333");
     EXPECT_FALSE(root->isFailed());
