@@ -21,10 +21,10 @@ class CallCountsTest : public AcceleratorFixture {
 
     // What the service allocates for a task with tensors of these types, once its own stores are
     // filled.
-    double allocationsPerTask(TensorTypes types) {
+    double allocationsPerTask(KelmBufferType type) {
         TensorLoad load(path(),
                         plan("measured", {"KELMSIM input=5000 output=6000 micros=1\ngraph"}),
-                        {0, "", types});
+                        {0, "", type});
         EXPECT_TRUE(load.getsOn(kTasks)) << lastLines();
         const uint64_t before = m_counts->allocations;
         const uint64_t done = load.done();
@@ -48,9 +48,9 @@ TEST_F(CallCountsTest, NothingIsAllocatedForATaskWithDescriptors) {
     constexpr double kNotEachTask = 0.5;
     plug("1.1");
     startService("", {"KELM_CALL_COUNTS=" + m_path});
-    EXPECT_LT(allocationsPerTask(TensorTypes::kDescriptors), kNotEachTask);
+    EXPECT_LT(allocationsPerTask(KELM_BUFFER_ION), kNotEachTask);
     // Shows that it is counted.
-    EXPECT_GT(allocationsPerTask(TensorTypes::kNames), kNotEachTask);
+    EXPECT_GT(allocationsPerTask(KELM_BUFFER_SHARE_MEMORY), kNotEachTask);
 }
 
 }  // namespace

@@ -37,6 +37,9 @@ TEST_F(MissingLibraryTest, UselessAcceleratorLibraryIsNamedOnceAndCostsItsDevice
         SCOPED_TRACE(words);
         startOn(libraries);
         EXPECT_LT(WireClient(path(), "client").createGraph({"graph"}).head.status, KELM_OK);
+        plug("1.3");
+        EXPECT_TRUE(waitLogCount("failed to create worker on device(1.3)", 1)) << lastLines();
+        EXPECT_TRUE(host().unplug("1.3"));
         EXPECT_EQ(logCount(words), 1U) << lastLines();
         endService();
     }

@@ -73,14 +73,14 @@ TEST_F(TensorsTest, EachClientGetsItsOwnResults) {
         SCOPED_TRACE(container);
         startOn(container);
         std::list<TensorLoad> loads;
-        for (const auto types : {TensorTypes::kDescriptors, TensorTypes::kNames,
-                                 TensorTypes::kMixed, TensorTypes::kMixed}) {
+        for (const auto& type : std::initializer_list<std::optional<KelmBufferType>>{
+                 KELM_BUFFER_ION, KELM_BUFFER_SHARE_MEMORY, {}, {}}) {
             const std::string name = "client " + std::to_string(loads.size());
             loads.emplace_back(
                 path(),
                 plan(name, {"KELMSIM input=5000 output=777 micros=900\nshared by all",
                             "KELMSIM input=9 output=9000 micros=300\n" + name}),
-                TensorPlan{0, "", types});
+                TensorPlan{0, "", type});
         }
         for (TensorLoad& load : loads) ASSERT_TRUE(load.getsOn(100)) << lastLines();
         for (TensorLoad& load : loads) EXPECT_EQ(load.finish(), "");
