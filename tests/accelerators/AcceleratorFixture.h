@@ -14,13 +14,6 @@
 namespace kelm {
 
 // The real service in real mode, on simulated accelerators on a mock bus.
-//
-//     plug("1.1"); plug("1.2");
-//     startService();
-//     std::future<std::string> load = checkedLoad(3);
-//     host().order("fail 1.1 qxFifoReadElem -6 1");
-//     EXPECT_EQ(resultOf(load), "");
-//
 // Whatever happens, a device that is closed must have nothing of it left.
 class AcceleratorFixture : public SystemFixture {
  protected:
@@ -33,9 +26,8 @@ class AcceleratorFixture : public SystemFixture {
                            m_files.path() + "/install/bin/autoboot");
         ::setenv("KELM_TEST_DAEMON", KELM_DAEMON, 1);
         ::setenv("KELM_TEST_CTL", KELM_CTL, 1);
-        // The first line says what the graph is, the rest makes another one of it.
-        m_files.write("first.graph", "KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst");
-        m_files.write("second.graph", "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond");
+        m_files.write("first.graph", kFirst);
+        m_files.write("second.graph", kSecond);
     }
 
     void TearDown() override {
@@ -89,10 +81,7 @@ class AcceleratorFixture : public SystemFixture {
         result.graphs = std::move(graphs);
         return result;
     }
-    static LoadPlan twoGraphs(const std::string& name) {
-        return plan(name, {"KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst",
-                           "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond"});
-    }
+    static LoadPlan twoGraphs(const std::string& name) { return plan(name, {kFirst, kSecond}); }
     client::ServiceStatus status() {
         const auto client = client::Client::connect(path());
         const auto status = client ? client.value()->queryStatus() : client.error();
@@ -139,6 +128,11 @@ class AcceleratorFixture : public SystemFixture {
     }
 
  private:
+    // The first line says what the graph is, the rest makes another one of it.
+    static constexpr const char* kFirst =
+        "KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst";
+    static constexpr const char* kSecond =
+        "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond";
     static constexpr std::chrono::milliseconds kBetweenLooks{1};
 
     TempDir m_files;

@@ -18,7 +18,7 @@ TEST_F(ReservedFaultsTest, TasksGoOnElsewhereWhenADeviceFailsAndStays) {
         const char* reservation;
         TensorPlan tensors;
     } rows[] = {{R"("stream_device_number": 2)", {0, "camera"}},
-                {R"("graph_tag_map": {"one": 1, "two": 1})", {0, "", TensorTypes::kMixed, "one"}}};
+                {R"("graph_tag_map": {"one": 1, "two": 1})", {0, "", {}, "one"}}};
     for (const auto& [reservation, tensors] : rows) {
         for (const std::string fault : {"qxFifoGetOption -6", "qxFifoReadElem -2"}) {
             SCOPED_TRACE(reservation + (" " + fault));

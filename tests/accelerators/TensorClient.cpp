@@ -19,20 +19,14 @@ TensorClient::TensorClient(const std::string& path, const LoadPlan& plan, LoadBo
                            const TensorPlan& tensors)
     : LoadClient(path, plan, board), m_tensors(tensors) {}
 
-KelmBufferType TensorClient::typeOf(uint64_t slot) const {
-    const bool byName = m_tensors.types == TensorTypes::kMixed
-                            ? slot % 2 != 0
-                            : m_tensors.types == TensorTypes::kNames;
-    return byName ? KELM_BUFFER_SHARE_MEMORY : KELM_BUFFER_ION;
-}
-
 uint64_t TensorClient::createGraph(const std::string& graph) {
     const auto model =
         simulator::Model::parse({reinterpret_cast<const uint8_t*>(graph.data()), graph.size()});
     Graph& added = m_graphs.emplace_back();
     added.model = model.value();
     for (uint64_t i = 0; i < plan().depth; ++i) {
-        const KelmBufferType type = typeOf(i);
+        const auto type =
+            m_tensors.type.value_or(i % 2 == 0 ? KELM_BUFFER_ION : KELM_BUFFER_SHARE_MEMORY);
         added.free.push_back({std::make_unique<SharedTensor>(type, added.model.inputSize),
                               std::make_unique<SharedTensor>(type, added.model.outputSize)});
     }

@@ -3,6 +3,7 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -13,13 +14,11 @@
 
 namespace kelm {
 
-enum class TensorTypes { kMixed, kDescriptors, kNames };
-
 // Which devices a client's graphs ask for, and how its tensors reach the service.
 struct TensorPlan {
     int32_t subclass = 0;
     std::string streamId;
-    TensorTypes types = TensorTypes::kMixed;
+    std::optional<KelmBufferType> type{};  // without one there are both
     std::string tag{};
 };
 
@@ -50,8 +49,6 @@ class TensorClient : public LoadClient {
         size_t graph;
         Slot slot;
     };
-
-    KelmBufferType typeOf(uint64_t slot) const;
 
     const TensorPlan m_tensors;
     std::minstd_rand m_random;

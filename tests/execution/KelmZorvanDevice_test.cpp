@@ -1,4 +1,3 @@
-// Life of an accelerator and the graphs on it.
 #include "execution/KelmZorvanDevice.h"
 
 #include <future>
@@ -11,9 +10,7 @@ namespace kelm {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 class KelmZorvanDeviceTest : public ZorvanFixture {
  protected:
@@ -51,39 +48,24 @@ TEST(KelmZorvanPlatformTest, SizesAreReadOutOfABlob) {
             0);
         EXPECT_EQ(result, sizes[what]);
     }
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(KelmZorvanDevice::getGraphInfo("x", 1, KelmGraphInfo(7), result), -5);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                HasSubstr("Error: qxGraphGetInfoSize() failed, retCode=-5"));
+    EXPECT_EQ(KelmZorvanDevice::getGraphInfo("x", 1, KelmGraphInfo(7), result), kRefused);
 }
 
 TEST(KelmZorvanPlatformTest, FailedOpenResetsWhatWasOpenedAndClosesIt) {
-    const struct {
-        const char* call;
-        int resets;
-        const char* words;
-    } rows[] = {
-        {"qxDeviceOpenBooted", 0, "Error: qxDeviceOpenBooted() failed, device=1.2 rc=-6"},
-        {"qxDeviceGetId", 1, " failed, device=1.2 rc=-6"},
-        {"qxDeviceGetOption(2004)", 1,
-         "Error: qxDeviceGetOption(QX_RO_DEVICE_MEMORY_SIZE) failed, device=1.2 rc=-6"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.call);
+    const std::pair<const char*, int> rows[] = {
+        {"qxDeviceOpenBooted", 0}, {"qxDeviceGetId", 1}, {"qxDeviceGetOption(2004)", 1}};
+    for (const auto& [call, resets] : rows) {
+        SCOPED_TRACE(call);
         SimulatedLibraries tevo;
-        tevo.order(std::string("fail 1.2 ") + row.call + " -6");
-        testing::internal::CaptureStdout();
-        auto device = std::make_unique<KelmZorvanDevice>("1.2");
-        EXPECT_EQ(device->openDevice(), kLost);
-        device.reset();
-        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr(row.words));
-        EXPECT_EQ(tevo.count("qxDeviceHWReset"), row.resets);
+        tevo.order(std::string("fail 1.2 ") + call + " -6");
+        EXPECT_EQ(KelmZorvanDevice("1.2").openDevice(), kLost);
+        EXPECT_EQ(tevo.count("qxDeviceHWReset"), resets);
         EXPECT_EQ(tevo.live(), 0);
     }
 }
 
 TEST_F(KelmZorvanDeviceTest, LoadKeepsTheOrderOfItsCalls) {
-    open("", 0, 0);
+    open();
     EXPECT_EQ(root->getDeviceId(), 0u) << "as the library says, and not counted";
     EXPECT_EQ(first->getMemorySize(), 512u);
     root->setFifoCapacity(6);
@@ -98,7 +80,14 @@ TEST_F(KelmZorvanDeviceTest, LoadKeepsTheOrderOfItsCalls) {
     EXPECT_EQ(graph->getRunningDeviceNum(), 1);
     EXPECT_THAT(root->getCachedGraphList(), ElementsAre(graph.get()));
     EXPECT_THAT(root->getCachedGraphNames(), ElementsAre("graph1"));
-    EXPECT_EQ(first->deallocateGraph(graph.get(), false), 0);
+
+    ASSERT_EQ(first->deallocateGraph(graph.get(), true), 0);
+    EXPECT_EQ(graph->getCachedDeviceNum(), 1);
+    EXPECT_EQ(graph->getRunningDeviceNum(), 0);
+    ASSERT_EQ(second->allocateGraph(graph.get()), 0);
+    EXPECT_EQ(graph->getRunningDeviceNum(), 1);
+    EXPECT_THAT(tevo.takeCalls(), IsEmpty()) << "a cached graph returns without a call";
+    EXPECT_EQ(second->deallocateGraph(graph.get(), false), 0);
     EXPECT_THAT(tevo.takeCalls(), ElementsAre("qxFifoDestroy", "qxFifoDestroy", "qxGraphDestroy"));
     EXPECT_EQ(graph->getCachedDeviceNum(), 0);
     EXPECT_EQ(graph->getRunningDeviceNum(), 0);
@@ -110,37 +99,28 @@ TEST_F(KelmZorvanDeviceTest, FailedStepReleasesWhatWasMadeAndResetsALostDevice) 
         const char* call;
         int skip;
         const char* released;
-        const char* words;
     } rows[] = {
-        {"- qxGraphCreate", 0, "", "qxGraphCreate()"},
-        {"- qxGraphSetOption(1110)", 0, "G", "qxGraphSetOption()"},
-        {"1.2 qxDeviceGetOption(2003)", 1, "G",
-         "qxDeviceGetOption(QX_RO_DEVICE_CURRENT_MEMORY_USED)"},
-        {"1.2 qxGraphAllocate", 0, "G", "qxGraphAllocate()"},
-        {"1.2 qxDeviceGetOption(2003)", 2, "G",
-         "qxDeviceGetOption(QX_RO_DEVICE_CURRENT_MEMORY_USED)"},
-        {"1.2 qxGraphGetOption(1002)", 0, "G", "qxGraphGetOption(QX_RO_GRAPH_INPUT_COUNT)"},
-        {"1.2 qxGraphGetOption(1004)", 0, "G",
-         "qxGraphGetOption(QX_RO_GRAPH_INPUT_TENSOR_DESCRIPTORS)"},
-        {"1.2 qxGraphGetOption(1003)", 0, "G", "qxGraphGetOption(QX_RO_GRAPH_OUTPUT_COUNT)"},
-        {"1.2 qxGraphGetOption(1005)", 0, "G",
-         "qxGraphGetOption(QX_RO_GRAPH_OUTPUT_TENSOR_DESCRIPTORS)"},
-        {"- qxFifoCreate", 0, "G", "qxFifoInit(QX_FIFO_HOST_WO)"},
-        {"1.2 qxFifoAllocate", 0, "FG", "qxFifoCreate()"},
-        {"- qxFifoCreate", 1, "FG", "qxFifoInit(QX_FIFO_HOST_RO)"},
-        {"1.2 qxFifoAllocate", 1, "FFG", "qxFifoCreate()"},
+        {"- qxGraphCreate", 0, ""},
+        {"- qxGraphSetOption(1110)", 0, "G"},
+        {"1.2 qxDeviceGetOption(2003)", 1, "G"},
+        {"1.2 qxGraphAllocate", 0, "G"},
+        {"1.2 qxDeviceGetOption(2003)", 2, "G"},
+        {"1.2 qxGraphGetOption(1002)", 0, "G"},
+        {"1.2 qxGraphGetOption(1004)", 0, "G"},
+        {"1.2 qxGraphGetOption(1003)", 0, "G"},
+        {"1.2 qxGraphGetOption(1005)", 0, "G"},
+        {"- qxFifoCreate", 0, "G"},
+        {"1.2 qxFifoAllocate", 0, "FG"},
+        {"- qxFifoCreate", 1, "FG"},
+        {"1.2 qxFifoAllocate", 1, "FFG"},
     };
     for (const auto& row : rows) {
         for (const int status : {kNoMemory, kLost}) {
             SCOPED_TRACE(row.call + std::to_string(row.skip) + " " + std::to_string(status));
             const int resets = tevo.count("qxDeviceHWReset");
-            open("", 0, 0);
+            open();
             fail(row.call, status, row.skip);
-            testing::internal::CaptureStdout();
             EXPECT_EQ(first->allocateGraph(graph.get()), status);
-            EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                        HasSubstr(std::string("Error: ") + row.words +
-                                  " failed, device=1.2 rc=" + std::to_string(status)));
             EXPECT_EQ(releases(), row.released);
             EXPECT_EQ(tevo.count("qxDeviceHWReset"), resets + (status == kLost ? 1 : 0));
             EXPECT_THAT(root->getCachedGraphList(), IsEmpty());
@@ -164,18 +144,6 @@ TEST_F(KelmZorvanDeviceTest, GraphsThatCannotRunAreRefusedAndLeaveTheDeviceAsItI
     EXPECT_EQ(first->allocateGraph(graph.get()), 0) << "fills it";
     EXPECT_EQ(tevo.count("qxDeviceHWReset"), 0);
     EXPECT_EQ(KelmZorvanDevice("1.2").openDevice(), -1) << "one at a time";
-}
-
-TEST_F(KelmZorvanDeviceTest, CachedGraphReturnsWithoutACall) {
-    ASSERT_EQ(first->allocateGraph(graph.get()), 0);
-    ASSERT_EQ(first->deallocateGraph(graph.get(), true), 0);
-    EXPECT_EQ(graph->getCachedDeviceNum(), 1);
-    EXPECT_EQ(graph->getRunningDeviceNum(), 0);
-    (void)tevo.takeCalls();
-    ASSERT_EQ(second->allocateGraph(graph.get()), 0);
-    EXPECT_THAT(tevo.takeCalls(), IsEmpty());
-    EXPECT_EQ(graph->getRunningDeviceNum(), 1);
-    EXPECT_EQ(second->getCurrentGraph(), graph.get());
 }
 
 TEST_F(KelmZorvanDeviceTest, OldestInactiveGraphIsEvictedForRoom) {
@@ -219,8 +187,7 @@ TEST_F(KelmZorvanDeviceTest, OneOfTwoFailuresResetsAndTheOtherDoesNotWait) {
     tevo.order("fail - qxGraphCreate -6");
     tevo.order("fail 1.2 qxFifoWriteIonElem -6");
     tevo.order("hang 1.2 qxDeviceHWReset");
-    const auto third = makeGraph(3);
-    KelmTask* const task = addTask(ion("abcd"), ion("...."));
+    KelmTask* const task = ionTask();
     auto failing =
         std::async(std::launch::async, [&] { return second->allocateGraph(other.get()); });
     ASSERT_TRUE(eventually([&] { return tevo.count("qxDeviceHWReset") == 1; }));
@@ -231,7 +198,7 @@ TEST_F(KelmZorvanDeviceTest, OneOfTwoFailuresResetsAndTheOtherDoesNotWait) {
     EXPECT_EQ(tevo.count("qxDeviceHWReset"), 1);
     EXPECT_EQ(graph->getCachedDeviceNum(), 0);
     EXPECT_EQ(first->loadTensor(task), KELM_ERROR_DEVICE_FAILED);
-    EXPECT_EQ(first->allocateGraph(third.get()), KELM_ERROR_DEVICE_FAILED);
+    EXPECT_EQ(first->allocateGraph(other.get()), KELM_ERROR_DEVICE_FAILED);
     EXPECT_EQ(root->resetDevice(), 0) << "a client's wish is met by the same reset";
     EXPECT_EQ(first->deallocateGraph(graph.get(), false), 0);
     EXPECT_EQ(tevo.count("qxDeviceHWReset"), 1);
@@ -239,14 +206,13 @@ TEST_F(KelmZorvanDeviceTest, OneOfTwoFailuresResetsAndTheOtherDoesNotWait) {
 
 // The records are deleted while the device still has its handles; a touch shows under ASan.
 TEST_F(KelmZorvanDeviceTest, RecordIsNotFollowedAfterItsEnd) {
-    const auto reset = [&] { EXPECT_EQ(root->resetDevice(), 0); };
-    const auto forgetOne = [&] { first->forgetGraph(graph.get()); };
-    const auto forgetAll = [&] { root->forgetGraphs(); };
     const std::pair<const char*, std::function<void()>> rows[] = {
-        {"after a reset", reset}, {"one is forgotten", forgetOne}, {"all are", forgetAll}};
+        {"after a reset", [&] { EXPECT_EQ(root->resetDevice(), 0); }},
+        {"one is forgotten", [&] { first->forgetGraph(graph.get()); }},
+        {"all are", [&] { root->forgetGraphs(); }}};
     for (const auto& [what, letGo] : rows) {
         SCOPED_TRACE(what);
-        open("", 0, 0);
+        open();
         graph = makeGraph(1);
         ASSERT_EQ(first->allocateGraph(graph.get()), 0);
         ASSERT_EQ(first->deallocateGraph(graph.get(), true), 0);
@@ -264,7 +230,7 @@ TEST_F(KelmZorvanDeviceTest, RecordIsNotFollowedAfterItsEnd) {
 // Nor does the device take the graph in that comes out of such a call after its loss.
 TEST_F(KelmZorvanDeviceTest, GraphCallThatDoesNotReturnLeavesTasksAndReadersAlone) {
     ASSERT_EQ(first->allocateGraph(graph.get()), 0);
-    KelmTask* const task = addTask(ion("abcd"), ion("...."));
+    KelmTask* const task = ionTask();
     tevo.order("hang 1.2 qxGraphAllocate");
     tevo.order("fail 1.2 qxDeviceHWReset -1");  // the board itself stays alive
     auto hanging =

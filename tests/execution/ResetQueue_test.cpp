@@ -26,13 +26,8 @@ class ResetQueueTest : public testing::Test {
             },
             patience);
     }
-    ~ResetQueueTest() override {
-        letGo();
-        m_queue->close();
-    }
-    void letGo() {
-        if (!std::exchange(m_gone, true)) m_release.set_value();
-    }
+    ~ResetQueueTest() override { m_queue->close(); }
+    void letGo() { m_release.set_value(); }
     bool hasBegun(int number) {
         return eventually([&] { return m_begun == number; });
     }
@@ -51,27 +46,21 @@ class ResetQueueTest : public testing::Test {
     ScopedPort<ResultSink> m_port{m_sink};
     std::promise<void> m_release;
     std::shared_future<void> m_go = m_release.get_future().share();
-    bool m_gone = false;
     std::atomic<int> m_begun{0};
     std::optional<ResetQueue> m_queue;
     ThreadPool m_pool{"Resets", 1, 10};
 };
 
 TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {
-    constexpr int kResets = 300;
     make(kLong);
-    std::vector<int> expected;
-    for (int reset = 0; reset < kResets; ++reset) {
-        m_queue->enqueue(makeResetRequest(0, reset));
-        expected.push_back(reset);
-    }
+    for (int reset = 0; reset < 3; ++reset) m_queue->enqueue(makeResetRequest(0, reset));
     ASSERT_TRUE(hasBegun(1));
     auto seen = m_pool.enqueue([this] { return m_begun.load(); });
     letGo();
     EXPECT_EQ(seen.get(), 1) << "resets before a job that came during the first";
-    EXPECT_TRUE(isAnswered(kResets));
-    EXPECT_EQ(results(), expected);
-    EXPECT_EQ(m_sink.resets().back().socket, kResets - 1);
+    EXPECT_TRUE(isAnswered(3));
+    EXPECT_THAT(results(), ElementsAre(0, 1, 2));
+    EXPECT_EQ(m_sink.resets().back().socket, 2);
 }
 
 TEST_F(ResetQueueTest, RequestIsRefusedOnlyBehindALongReset) {
@@ -95,6 +84,8 @@ TEST_F(ResetQueueTest, FloodIsRefusedAtTheBoundOnMemory) {
     EXPECT_TRUE(m_sink.resets().empty());
     m_queue->enqueue(makeResetRequest());
     EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
+    m_queue->close();
+    letGo();
 }
 
 TEST_F(ResetQueueTest, CloseAnswersWhatWaits) {

@@ -16,12 +16,18 @@ class SlaveWorkerTest : public WorkerFixture {
 // No deschedule is answered.
 class SlaveWorkerAloneTest : public WorkerFixture {
  protected:
-    SlaveWorkerAloneTest() : WorkerFixture(FakeTaskExchange::Answer::Never) {}
+    SlaveWorkerAloneTest() : WorkerFixture(FakeTaskExchange::Answer::Never) { startLoaded(); }
+
+    std::shared_future<int> unloadUnanswered() {
+        auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
+        EXPECT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
+        return unloaded;
+    }
 };
 
 }  // namespace
 
-TEST_F(SlaveWorkerTest, StatesFollowTheGraphAndEachTaskFedAsksForOneMore) {
+TEST_F(SlaveWorkerTest, EachTaskFedAsksForOneMoreAndUnloadWaitsForThoseInFlight) {
     start();
     EXPECT_EQ(state(), "WAIT_GRAPH");
     script.block(DeviceCall::Allocate);
@@ -30,51 +36,48 @@ TEST_F(SlaveWorkerTest, StatesFollowTheGraphAndEachTaskFedAsksForOneMore) {
     script.release(DeviceCall::Allocate);
     EXPECT_EQ(loaded.get(), 0);
     EXPECT_EQ(state(), "WAIT_TASK");
-
     const FakeTaskExchange::Request request(worker.get(), graph.get());
     EXPECT_THAT(exchange.scheduled(), ElementsAre(request));
-    script.block(DeviceCall::GetResult);
-    KelmTask* const task = addTask(graph.get());
-    worker->enqueueLoadTensor(task);
-    EXPECT_TRUE(eventually([&] { return script.count(DeviceCall::GetResult) == 1; }));
-    EXPECT_EQ(state(), "RUNNING");
-    script.release(DeviceCall::GetResult);
-    EXPECT_TRUE(eventually([&] { return state() == "WAIT_TASK"; }));
-    ASSERT_TRUE(settles(1, 0));
-    EXPECT_THAT(sink.done(), ElementsAre(Pair(task, KELM_OK)));
-    EXPECT_EQ(task->getStatus(), TASK_STATUS_DONE);
-    EXPECT_THAT(exchange.scheduled(), ElementsAre(request, request));
 
+    script.block(DeviceCall::GetResult);
+    KelmTask* const task = feed(graph.get());
+    ASSERT_TRUE(calls(DeviceCall::GetResult));
+    EXPECT_EQ(state(), "RUNNING");
+    EXPECT_THAT(exchange.scheduled(), ElementsAre(request, request));
     script.block(DeviceCall::Deallocate);
-    const auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
+    const auto unloaded = worker->enqueueUnloadGraph(graph.get(), true);
+    KelmTask* const behind = feed(graph.get());
+    ASSERT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
+    EXPECT_EQ(script.count(DeviceCall::Deallocate), 0);
+    script.release(DeviceCall::GetResult);
     EXPECT_TRUE(eventually([&] { return state() == "UNLOAD_GRAPH"; }));
     script.release(DeviceCall::Deallocate);
     EXPECT_EQ(unloaded.get(), 0);
     EXPECT_EQ(state(), "WAIT_GRAPH");
+    EXPECT_THAT(script.deallocated(), ElementsAre(Pair(graph.get(), true)));
+    ASSERT_TRUE(settles(1, 1));
+    EXPECT_THAT(sink.done(), ElementsAre(Pair(task, KELM_OK)));
+    EXPECT_EQ(task->getStatus(), TASK_STATUS_DONE);
+    EXPECT_THAT(exchange.returned(), ElementsAre(behind));
 }
 
 TEST_F(SlaveWorkerTest, TasksInFlightAreBounded) {
     start(1, 2);
     ASSERT_EQ(load(graph.get()), 0);
     script.block(DeviceCall::GetResult);
-    for (int i = 0; i < 4; ++i) worker->enqueueLoadTensor(addTask(graph.get()));
+    for (int i = 0; i < 4; ++i) feed(graph.get());
     // The third asks for the next one and waits, so the fourth does not get to ask.
     ASSERT_TRUE(eventually([&] { return exchange.scheduled().size() == 4; }));
     EXPECT_EQ(script.count(DeviceCall::LoadTensor), 2);
-    script.releaseOne(DeviceCall::GetResult);
-    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::LoadTensor) == 3; }));
     script.release(DeviceCall::GetResult);
     EXPECT_TRUE(settles(4, 0));
 }
 
 TEST_F(SlaveWorkerTest, CanceledTaskInTheInputPoolNeverReachesTheDevice) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
+    startLoaded();
     script.block(DeviceCall::LoadTensor);
-    KelmTask* const first = addTask(graph.get());
-    KelmTask* const second = addTask(graph.get());
-    worker->enqueueLoadTensor(first);
-    worker->enqueueLoadTensor(second);
+    KelmTask* const first = feed(graph.get());
+    KelmTask* const second = feed(graph.get());
     second->cancel();
     script.release(DeviceCall::LoadTensor);
     ASSERT_TRUE(eventually([&] { return exchange.destroyed().size() == 1; }));
@@ -87,8 +90,7 @@ TEST_F(SlaveWorkerTest, CanceledTaskInTheInputPoolNeverReachesTheDevice) {
 TEST_F(SlaveWorkerTest, ClientSeesAnErrorOnlyAfterFourTries) {
     for (const DeviceCall call : {DeviceCall::LoadTensor, DeviceCall::GetResult}) {
         SCOPED_TRACE(static_cast<int>(call));
-        start();
-        ASSERT_EQ(load(graph.get()), 0);
+        startLoaded();
         script.failAll(call, -1);
         KelmTask* const task = addTask(graph.get());
         const size_t doneBefore = sink.done().size();
@@ -105,20 +107,15 @@ TEST_F(SlaveWorkerTest, ClientSeesAnErrorOnlyAfterFourTries) {
 }
 
 TEST_F(SlaveWorkerTest, HardwareErrorReturnsTasksInFlight) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    KelmTask* const first = addTask(graph.get());
-    KelmTask* const second = addTask(graph.get());
-    KelmTask* const third = addTask(graph.get());
-    KelmTask* const late = addTask(graph.get());
+    startLoaded();
     script.block(DeviceCall::GetResult);
     script.fail(DeviceCall::LoadTensor, 3, kHardwareError);
-    worker->enqueueLoadTensor(first);
-    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::GetResult) == 1; }));
-    worker->enqueueLoadTensor(second);
-    worker->enqueueLoadTensor(third);
+    KelmTask* const first = feed(graph.get());
+    ASSERT_TRUE(calls(DeviceCall::GetResult));
+    KelmTask* const second = feed(graph.get());
+    KelmTask* const third = feed(graph.get());
     ASSERT_TRUE(eventually([&] { return state() == "QX_ERROR"; }));
-    worker->enqueueLoadTensor(late);
+    KelmTask* const late = feed(graph.get());
     const size_t asked = exchange.scheduled().size();
 
     script.release(DeviceCall::GetResult);
@@ -129,26 +126,13 @@ TEST_F(SlaveWorkerTest, HardwareErrorReturnsTasksInFlight) {
     EXPECT_TRUE(eventually([&] { return state() == "WAIT_TASK"; })) << "shown only";
     EXPECT_EQ(exchange.scheduled().size(), asked) << "a dead device must not ask for tasks";
     EXPECT_EQ(unload(graph.get()), KELM_ERROR_DEVICE_FAILED);
-}
-
-TEST_F(SlaveWorkerTest, UnloadWaitsForTasksInFlight) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    script.block(DeviceCall::GetResult);
-    KelmTask* const task = addTask(graph.get());
-    KelmTask* const behind = addTask(graph.get());
-    worker->enqueueLoadTensor(task);
-    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::GetResult) == 1; }));
-    const auto unloaded = worker->enqueueUnloadGraph(graph.get(), true);
-    worker->enqueueLoadTensor(behind);
-    ASSERT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
-    EXPECT_EQ(script.count(DeviceCall::Deallocate), 0);
-    script.release(DeviceCall::GetResult);
-    EXPECT_EQ(unloaded.get(), 0);
-    EXPECT_THAT(script.deallocated(), ElementsAre(Pair(graph.get(), true)));
-    ASSERT_TRUE(settles(1, 1));
-    EXPECT_THAT(sink.done(), ElementsAre(Pair(task, KELM_OK)));
-    EXPECT_THAT(exchange.returned(), ElementsAre(behind));
+    EXPECT_EQ(graph->getRunningDeviceNum(), 0);
+    tasks.clear();
+    graph.reset();  // the device has forgotten it
+    EXPECT_EQ(worker->getDevices().at(0)->getCurrentGraph(), nullptr);
+    EXPECT_EQ(load(other.get()), KELM_ERROR_DEVICE_FAILED);
+    worker.reset();
+    EXPECT_THAT(script.deallocated(), IsEmpty());
 }
 
 TEST_F(SlaveWorkerTest, UnloadingNothingTouchesNeitherSchedulerNorDevice) {
@@ -165,22 +149,16 @@ TEST_F(SlaveWorkerTest, UnloadingNothingTouchesNeitherSchedulerNorDevice) {
 }
 
 TEST_F(SlaveWorkerAloneTest, StaleAnswerDoesNotPassForTheOneThatIsAskedFor) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
     worker->enqueueAbortApplyTaskDone(graph.get());
     worker->enqueueAbortApplyTaskDone(graph.get());
-    const auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
-    ASSERT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
+    const auto unloaded = unloadUnanswered();
     EXPECT_EQ(unloaded.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     worker->enqueueAbortApplyTaskDone(graph.get());
     EXPECT_EQ(unloaded.get(), 0);
 }
 
 TEST_F(SlaveWorkerAloneTest, DestructionEndsAnUnloadThatNobodyAnswers) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    const auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
-    ASSERT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
+    const auto unloaded = unloadUnanswered();
     worker.reset();
     EXPECT_EQ(unloaded.get(), KELM_ERROR_DEVICE_FAILED);
     EXPECT_EQ(script.count(DeviceCall::Forget), 1);
@@ -188,10 +166,7 @@ TEST_F(SlaveWorkerAloneTest, DestructionEndsAnUnloadThatNobodyAnswers) {
 }
 
 TEST_F(SlaveWorkerAloneTest, AnswerStillArrivesWhileTheWorkerIsDestroyed) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    const auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
-    ASSERT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
+    (void)unloadUnanswered();
     WorkThread* const dying = worker.get();
     auto destroyed = std::async(std::launch::async, [&] { worker.reset(); });
     ASSERT_TRUE(eventually([&] { return !dying->isReady(); }));
@@ -199,31 +174,12 @@ TEST_F(SlaveWorkerAloneTest, AnswerStillArrivesWhileTheWorkerIsDestroyed) {
     EXPECT_EQ(destroyed.wait_for(std::chrono::milliseconds(800)), std::future_status::ready);
 }
 
-TEST_F(SlaveWorkerTest, FailedDeviceForgetsTheGraphBeforeItsRecordDies) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    script.fail(DeviceCall::GetResult, 1, kHardwareError);
-    worker->enqueueLoadTensor(addTask(graph.get()));
-    ASSERT_TRUE(settles(0, 1));
-    EXPECT_EQ(unload(graph.get()), KELM_ERROR_DEVICE_FAILED);
-    EXPECT_EQ(graph->getRunningDeviceNum(), 0);
-    tasks.clear();
-    graph.reset();
-    EXPECT_EQ(worker->getDevices().at(0)->getCurrentGraph(), nullptr);
-    EXPECT_EQ(load(other.get()), KELM_ERROR_DEVICE_FAILED);
-    worker.reset();
-    EXPECT_THAT(script.deallocated(), IsEmpty());
-}
-
 TEST_F(SlaveWorkerTest, DestructionReturnsWhatIsQueuedAndTakesTheGraphOff) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
-    KelmTask* const running = addTask(graph.get());
-    KelmTask* const queued = addTask(graph.get());
+    startLoaded();
     script.block(DeviceCall::LoadTensor);
-    worker->enqueueLoadTensor(running);
-    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::LoadTensor) == 1; }));
-    worker->enqueueLoadTensor(queued);
+    KelmTask* const running = feed(graph.get());
+    ASSERT_TRUE(calls(DeviceCall::LoadTensor));
+    KelmTask* const queued = feed(graph.get());
     WorkThread* const dying = worker.get();
     auto destroyed = std::async(std::launch::async, [&] { worker.reset(); });
     ASSERT_TRUE(eventually([&] { return !dying->isReady(); }));

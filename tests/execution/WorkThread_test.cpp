@@ -10,7 +10,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-class WorkThreadTest : public WorkerFixture {};
+using WorkThreadTest = WorkerFixture;
 
 }  // namespace
 
@@ -24,8 +24,7 @@ TEST_F(WorkThreadTest, DeviceThatDoesNotOpenLeavesAShell) {
         EXPECT_EQ(worker->getDevice(), nullptr);
         EXPECT_EQ(load(graph.get()), KELM_ERROR_DEVICE_FAILED);
         EXPECT_EQ(unload(graph.get()), 0);
-        KelmTask* const task = addTask(graph.get());
-        worker->enqueueLoadTensor(task);
+        KelmTask* const task = feed(graph.get());
         EXPECT_EQ(exchange.returned().back(), task);
         worker->enqueueResetDevice(makeResetRequest());
         ASSERT_TRUE(eventually([&] { return sink.resets().size() == (exists ? 1u : 2u); }));
@@ -54,8 +53,7 @@ TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
     EXPECT_EQ(script.count(DeviceCall::Allocate), 1);
     EXPECT_EQ(load(other.get()), 0);
     EXPECT_EQ(load(third.get()), KELM_ERROR_TOO_MANY_GRAPH);
-    KelmTask* const task = addTask(third.get());
-    worker->enqueueLoadTensor(task);
+    KelmTask* const task = feed(third.get());
     EXPECT_THAT(exchange.returned(), ElementsAre(task));
     EXPECT_THAT(worker->getGraphs(), testing::UnorderedElementsAre(graph.get(), other.get()));
     EXPECT_EQ(worker->getGraphName(), "graph1");
@@ -72,8 +70,7 @@ TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
 }
 
 TEST_F(WorkThreadTest, GraphWithoutSlotIsUnloadedFromTheRoot) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
+    startLoaded();
     ASSERT_EQ(worker->enqueueUnloadGraph(graph.get(), true).get(), 0);
     ASSERT_EQ(unload(graph.get()), 0);
     EXPECT_THAT(script.deallocated(),
@@ -110,66 +107,38 @@ TEST_F(WorkThreadTest, NoticeOfAFailedLoadFreesItsSlotAndLeavesTheNextGraphAlone
     }
 }
 
-TEST_F(WorkThreadTest, ResetIsAnsweredToItsClient) {
-    start();
-    script.fail(DeviceCall::Reset, 2, -2);
-    worker->enqueueResetDevice(makeResetRequest());
-    worker->enqueueResetDevice(makeResetRequest(0, 6));
-    ASSERT_TRUE(eventually([&] { return sink.resets().size() == 2; }));
-    EXPECT_EQ(sink.resets()[0].error, KELM_OK);
-    EXPECT_EQ(sink.resets()[0].socket, 5);
-    EXPECT_EQ(sink.resets()[1].error, KelmError(-2));
-}
-
 TEST_F(WorkThreadTest, FailureIsToldOnceWhereverItIsMet) {
     constexpr int kRefused = -5;
     const struct {
         const char* where;
-        std::function<void()> meet;
-    } rows[] = {
-        {"input",
-         [&] {
-             script.fail(DeviceCall::LoadTensor, 1, kHardwareError);
-             worker->enqueueLoadTensor(addTask(graph.get()));
-         }},
-        {"result",
-         [&] {
-             script.fail(DeviceCall::GetResult, 1, kHardwareError);
-             worker->enqueueLoadTensor(addTask(graph.get()));
-         }},
-        {"load",
-         [&] {
-             script.fail(DeviceCall::Allocate, 1, kHardwareError);
-             EXPECT_EQ(load(other.get()), kHardwareError);
-         }},
-        {"unload",
-         [&] {
-             script.fail(DeviceCall::Deallocate, 1, kRefused);
-             EXPECT_EQ(unload(graph.get()), kRefused);
-         }},
-        {"unload of a cached graph",
-         [&] {
-             script.fail(DeviceCall::Deallocate, 1, kRefused);
-             EXPECT_EQ(unload(other.get()), kRefused);
-         }},
-        {"reset by a client",
-         [&] {
-             script.loseOnReset();
-             worker->enqueueResetDevice(makeResetRequest());
-         }},
-    };
+        DeviceCall call;
+        int nth;
+        int error;
+    } rows[] = {{"input", DeviceCall::LoadTensor, 1, kHardwareError},
+                {"result", DeviceCall::GetResult, 1, kHardwareError},
+                {"load", DeviceCall::Allocate, 1, kHardwareError},
+                {"unload", DeviceCall::Deallocate, 1, kRefused},
+                {"unload of a cached graph", DeviceCall::Deallocate, 2, kRefused},
+                {"reset by a client", DeviceCall::Reset, 1, 0}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.where);
         FakeWorkerFailureListener failures;
         const ScopedPort<WorkerFailureListener> port(failures);
-        start(2);
-        ASSERT_EQ(load(graph.get()), 0);
+        startLoaded(2);
         EXPECT_FALSE(worker->isFailed());
-        row.meet();
-        EXPECT_TRUE(eventually([&] { return !failures.failed().empty(); }));
-        EXPECT_TRUE(worker->isFailed());
-        worker->enqueueLoadTensor(addTask(graph.get()));
-        (void)unload(graph.get());  // whatever a dead device answers
+        script.fail(row.call, row.nth, row.error);
+        for (int round = 0; round < 2; ++round) {
+            feed(graph.get());
+            (void)load(other.get());  // whatever a dead device answers
+            (void)unload(graph.get());
+            (void)unload(graph.get());
+            if (row.call == DeviceCall::Reset) {
+                script.loseOnReset();
+                worker->enqueueResetDevice(makeResetRequest());
+            }
+            EXPECT_TRUE(eventually([&] { return !failures.failed().empty(); }));
+            EXPECT_TRUE(worker->isFailed());
+        }
         worker->checkDevice();
         EXPECT_THAT(failures.failed(), ElementsAre(worker.get()));
         worker.reset();
@@ -180,7 +149,7 @@ TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {
     start();
     script.block(DeviceCall::Reset);
     worker->enqueueResetDevice(makeResetRequest());
-    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::Reset) == 1; }));
+    ASSERT_TRUE(calls(DeviceCall::Reset));
     auto loaded = std::async(std::launch::async, [&] { return load(graph.get()); });
     for (int look = 0; look < 50; ++look) {  // well before the wait has its own end
         EXPECT_THAT(worker->getGraphs(), IsEmpty());
@@ -193,53 +162,18 @@ TEST_F(WorkThreadTest, GraphsWaitForTheEndOfAResetAndReadersDoNot) {
 }
 
 TEST_F(WorkThreadTest, ResetThatNeverAnswersLeavesTheThreadThatBringsTasksAlone) {
-    start();
-    ASSERT_EQ(load(graph.get()), 0);
+    startLoaded();
     script.block(DeviceCall::Reset);
+    script.fail(DeviceCall::Reset, 1, -2);
     worker->enqueueResetDevice(makeResetRequest());
-    ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::Reset) == 1; }));
-    worker->enqueueLoadTensor(addTask(graph.get()));
+    ASSERT_TRUE(calls(DeviceCall::Reset));
+    feed(graph.get());
     EXPECT_TRUE(settles(1, 0));
     EXPECT_EQ(unload(graph.get()), 0) << "the task scheduler's word comes through, too";
+    EXPECT_THAT(sink.resets(), IsEmpty());
     script.release(DeviceCall::Reset);
-}
-
-// The whole of it on simulated devices: tasks of two graphs, loads and unloads crossing them.
-TEST(WorkThreadFakeTest, EveryTaskComesBackExactlyOnceWhileGraphsComeAndGo) {
-    useFakeDevices(R"("wait_timeout": 60000,)");
-    FakeTaskExchange exchange;
-    FakeResultSink sink;
-    ScopedPort<TaskExchange> exchangePort(exchange);
-    ScopedPort<ResultSink> sinkPort(sink);
-    const auto first = makeTestGraph(1, "one");
-    const auto second = makeTestGraph(2, "two");
-    std::deque<std::unique_ptr<KelmTask>> tasks;
-    {
-        WorkThread worker("Fake0", 0, 2, 4);
-        ASSERT_TRUE(worker.isReady());
-        for (int round = 0; round < 50; ++round) {
-            for (KelmGraph* graph : {first.get(), second.get()}) {
-                ASSERT_EQ(worker.enqueueLoadGraph(graph).get(), 0);
-                for (int i = 0; i < 5; ++i) {
-                    tasks.push_back(makeTestTask(tasks.size(), graph));
-                    worker.enqueueLoadTensor(tasks.back().get());
-                }
-            }
-            const auto gone = worker.enqueueUnloadGraph(first.get(), round % 2 == 0);
-            EXPECT_EQ(worker.enqueueUnloadGraph(second.get(), false).get(), 0);
-            EXPECT_EQ(gone.get(), 0);
-        }
-        ASSERT_EQ(worker.enqueueLoadGraph(first.get()).get(), 0);
-    }
-    std::set<KelmTask*> seen;
-    for (const auto& [task, error] : sink.done()) {
-        EXPECT_EQ(error, KELM_OK);
-        EXPECT_TRUE(seen.insert(task).second);
-    }
-    for (KelmTask* task : exchange.returned()) EXPECT_TRUE(seen.insert(task).second);
-    EXPECT_EQ(seen.size(), tasks.size());
-    EXPECT_EQ(first->getRunningDeviceNum(), 0);
-    EXPECT_EQ(second->getCachedDeviceNum(), 0);
+    ASSERT_TRUE(eventually([&] { return sink.resets().size() == 1; }));
+    EXPECT_EQ(sink.resets()[0].error, KelmError(-2));
 }
 
 }  // namespace kelm

@@ -31,11 +31,22 @@ class WorkerFixture : public testing::Test {
                       std::to_string(inferences) + "}}");
         worker = std::make_unique<WorkThread>("dev", 0, slots, 4);
     }
+    void startLoaded(int slots = 1) {
+        start(slots);
+        ASSERT_EQ(load(graph.get()), 0);
+    }
     int load(KelmGraph* one) { return worker->enqueueLoadGraph(one).get(); }
     int unload(KelmGraph* one) { return worker->enqueueUnloadGraph(one, false).get(); }
     KelmTask* addTask(KelmGraph* one) {
         tasks.push_back(makeTestTask(tasks.size() + 1, one));
         return tasks.back().get();
+    }
+    KelmTask* feed(KelmGraph* one) {
+        worker->enqueueLoadTensor(addTask(one));
+        return tasks.back().get();
+    }
+    bool calls(DeviceCall call, int count = 1) {
+        return eventually([&] { return script.count(call) == count; });
     }
     bool settles(size_t done, size_t returned) {
         return eventually(

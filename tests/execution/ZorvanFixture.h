@@ -23,11 +23,11 @@ constexpr int kRefused = -5;   // nor does this
 // bytes out, and 8 MB.
 class ZorvanFixture : public testing::Test {
  protected:
-    ZorvanFixture() { open(R"("tensor_container": "default")", 0, 0); }
+    ZorvanFixture() { open(R"("tensor_container": "default")"); }
     ~ZorvanFixture() override { close(); }
 
     // A fresh device after a change of settings. Readings are off unless an interval is given.
-    void open(const std::string& debugSettings, int thermalMs, int timesMs) {
+    void open(const std::string& debugSettings = "", int thermalMs = 0, int timesMs = 0) {
         close();
         addTestConfig(R"({"debug_settings": {)" + debugSettings + R"(}, "service_settings": {)" +
                       R"("update_thermal_interval": )" + std::to_string(thermalMs) +
@@ -67,30 +67,24 @@ class ZorvanFixture : public testing::Test {
     }
 
     // A buffer of the client's, whose share of the memory object stays until the test ends.
-    KelmBuffer shared(const std::string& content, uint64_t claimed) {
+    KelmBuffer shared(const std::string& content, uint64_t claimed = 0, mode_t mode = 0600) {
         const std::string name = "/kelm_test_zorvan" + std::to_string(::getpid()) + "_" +
                                  std::to_string(segments.size());
         segments.emplace_back();
         auto* data = static_cast<char*>(segments.back().create(name.c_str(), content.size()));
         std::copy(content.begin(), content.end(), data);
+        EXPECT_EQ(::chmod(("/dev/shm" + name).c_str(), mode), 0);
         KelmBuffer buffer{};
         buffer.type = KELM_BUFFER_SHARE_MEMORY;
-        buffer.size = claimed;
+        buffer.size = claimed != 0 ? claimed : content.size();
         (void)StringHelper::copyStringSafe(buffer.name, name);
         return buffer;
     }
-    KelmBuffer shared(const std::string& content) { return shared(content, content.size()); }
     static KelmBuffer ion(const std::string& content) { return SimulatedIon::makeBuffer(content); }
     static KelmBuffer wanted(KelmBuffer aux, uint32_t flags) {
         aux.auxRequested = 1;
         aux.auxFlags = flags;
         return aux;
-    }
-    // The same with a mode of its own.
-    KelmBuffer sharedWithMode(const std::string& content, mode_t mode) {
-        const KelmBuffer buffer = shared(content);
-        EXPECT_EQ(::chmod((std::string("/dev/shm") + buffer.name).c_str(), mode), 0);
-        return buffer;
     }
     KelmTask* addTask(
         const KelmBuffer& input, const KelmBuffer& output, const KelmBuffer& aux = KelmBuffer{},
@@ -101,6 +95,8 @@ class ZorvanFixture : public testing::Test {
             KelmTaskParam::create(input, output, aux, sender), &request));
         return tasks.back().get();
     }
+    KelmTask* ionTask() { return addTask(ion("abcd"), ion("....")); }
+    KelmTask* namedTask(const std::string& input) { return addTask(shared(input), shared("....")); }
     static std::string contentOf(const KelmBuffer& buffer) {
         if (buffer.buffer == 0) return SimulatedIon::contentOf(buffer.fd, buffer.size);
         return {reinterpret_cast<const char*>(buffer.buffer), buffer.size};

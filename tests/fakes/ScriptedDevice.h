@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <set>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "execution/KelmDeviceBase.h"
+#include "fakes/Recorded.h"
 #include "records/KelmGraph.h"
 #include "utils/Mutex.h"
 
@@ -30,15 +32,9 @@ class DeviceScript {
         m_standing[call] = error;
     }
     // The error means that the device is lost.
-    void setHardwareError(int error) {
-        MutexLock lock(m_mutex);
-        m_hardwareErrors.insert(error);
-    }
+    void setHardwareError(int error) { m_hardwareError = error; }
     // A reset ends the device, as it does an accelerator.
-    void loseOnReset() {
-        MutexLock lock(m_mutex);
-        m_lostOnReset = true;
-    }
+    void loseOnReset() { m_lostOnReset = true; }
     // Calls of the kind wait inside, until release(). A test must not end before it has released.
     void block(DeviceCall call) {
         MutexLock lock(m_mutex);
@@ -47,39 +43,19 @@ class DeviceScript {
     void release(DeviceCall call) {
         MutexLock lock(m_mutex);
         m_blocked.erase(call);
-        m_permits.erase(call);
         m_released.notifyAll();
     }
-    // Lets one of the waiting or coming calls go on.
-    void releaseOne(DeviceCall call) {
-        MutexLock lock(m_mutex);
-        ++m_permits[call];
-        m_released.notifyAll();
-    }
-
     // Calls of the kind that were begun.
     int count(DeviceCall call) {
         MutexLock lock(m_mutex);
         return m_counts[call];
     }
-    // In order, what was loaded, failed calls included.
-    std::vector<KelmTask*> loadedTasks() {
-        MutexLock lock(m_mutex);
-        return m_loadedTasks;
-    }
-    // In order, with `keepCached`; those of the root and of the clones.
-    std::vector<std::pair<KelmGraph*, bool>> deallocated() {
-        MutexLock lock(m_mutex);
-        return m_deallocated;
-    }
-    unsigned int fifoCapacity() {
-        MutexLock lock(m_mutex);
-        return m_fifoCapacity;
-    }
-    int maxCacheGraphNumber() {
-        MutexLock lock(m_mutex);
-        return m_maxCacheGraphNumber;
-    }
+
+    Recorded<KelmTask*> loadedTasks;  // failed calls included
+    // With `keepCached`; those of the root and of the clones.
+    Recorded<std::pair<KelmGraph*, bool>> deallocated;
+    unsigned int fifoCapacity() const { return m_fifoCapacity; }
+    int maxCacheGraphNumber() const { return m_maxCacheGraphNumber; }
 
  private:
     friend class ScriptedDevice;
@@ -87,8 +63,7 @@ class DeviceScript {
     int run(DeviceCall call) {
         MutexLock lock(m_mutex);
         const int number = ++m_counts[call];
-        while (m_blocked.contains(call) && m_permits[call] == 0) m_released.wait(m_mutex);
-        if (m_blocked.contains(call)) --m_permits[call];
+        while (m_blocked.contains(call)) m_released.wait(m_mutex);
         const auto failure = m_failures.find({call, number});
         return failure != m_failures.end() ? failure->second : m_standing[call];
     }
@@ -98,15 +73,12 @@ class DeviceScript {
     std::map<std::pair<DeviceCall, int>, int> m_failures GUARDED_BY(m_mutex);
     std::map<DeviceCall, int> m_standing GUARDED_BY(m_mutex);
     std::map<DeviceCall, int> m_counts GUARDED_BY(m_mutex);
-    std::map<DeviceCall, int> m_permits GUARDED_BY(m_mutex);
     std::set<DeviceCall> m_blocked GUARDED_BY(m_mutex);
-    std::set<int> m_hardwareErrors GUARDED_BY(m_mutex);
-    bool m_lostOnReset GUARDED_BY(m_mutex) = false;
-    std::vector<KelmTask*> m_loadedTasks GUARDED_BY(m_mutex);
-    std::vector<std::pair<KelmGraph*, bool>> m_deallocated GUARDED_BY(m_mutex);
+    std::atomic<int> m_hardwareError{0};
+    std::atomic<unsigned int> m_fifoCapacity{0};
+    std::atomic<int> m_maxCacheGraphNumber{0};
+    std::atomic<bool> m_lostOnReset{false};
     std::vector<KelmGraph*> m_cached GUARDED_BY(m_mutex);
-    unsigned int m_fifoCapacity GUARDED_BY(m_mutex) = 0;
-    int m_maxCacheGraphNumber GUARDED_BY(m_mutex) = 0;
 };
 
 // A device that does what its script says. Like an accelerator it keeps graphs that were unloaded
@@ -123,17 +95,10 @@ class ScriptedDevice : public KelmDeviceBase {
         return std::make_unique<ScriptedDevice>(this);
     }
     bool isHardwareError(int error) override {
-        MutexLock lock(m_script->m_mutex);
-        return m_script->m_hardwareErrors.contains(error);
+        return error != 0 && error == m_script->m_hardwareError;
     }
-    void setFifoCapacity(unsigned int capacity) override {
-        MutexLock lock(m_script->m_mutex);
-        m_script->m_fifoCapacity = capacity;
-    }
-    void setMaxCacheGraphNumber(int number) override {
-        MutexLock lock(m_script->m_mutex);
-        m_script->m_maxCacheGraphNumber = number;
-    }
+    void setFifoCapacity(unsigned int capacity) override { m_script->m_fifoCapacity = capacity; }
+    void setMaxCacheGraphNumber(int number) override { m_script->m_maxCacheGraphNumber = number; }
     int updateThermal() override {
         const int rc = m_script->run(DeviceCall::Thermal);
         if (isHardwareError(rc)) m_deviceFailed = true;
@@ -168,10 +133,7 @@ class ScriptedDevice : public KelmDeviceBase {
         return 0;
     }
     int deallocateGraphImpl(KelmGraph* graph, bool keepCached) override {
-        {
-            MutexLock lock(m_script->m_mutex);
-            m_script->m_deallocated.emplace_back(graph, keepCached);
-        }
+        m_script->deallocated.add(graph, keepCached);
         const int rc = m_script->run(DeviceCall::Deallocate);
         drop(graph, keepCached);
         return rc;
@@ -181,16 +143,12 @@ class ScriptedDevice : public KelmDeviceBase {
         drop(graph, false);
     }
     int loadTensorImpl(KelmTask* task) override {
-        {
-            MutexLock lock(m_script->m_mutex);
-            m_script->m_loadedTasks.push_back(task);
-        }
+        m_script->loadedTasks.add(task);
         return m_script->run(DeviceCall::LoadTensor);
     }
     int getResultImpl(KelmTask*) override { return m_script->run(DeviceCall::GetResult); }
     int hardwareResetDeviceCore() override {
         const int rc = m_script->run(DeviceCall::Reset);
-        MutexLock lock(m_script->m_mutex);
         if (m_script->m_lostOnReset) m_deviceFailed = true;
         return rc;
     }

@@ -42,19 +42,19 @@ class DeviceMonitorZorvanImplTest : public ::testing::Test {
         return devices;
     }
     std::vector<std::string> waitForEvents(size_t count) {
-        eventually([&] { return events().size() >= count; });
-        return events();
+        std::vector<std::string> events;
+        eventually([&] {
+            MutexLock lock(m_mutex);
+            events = m_events;
+            return events.size() >= count;
+        });
+        return events;
     }
 
     UsbBus m_bus;
     std::optional<DeviceMonitor> m_monitor;
 
  private:
-    std::vector<std::string> events() {
-        MutexLock lock(m_mutex);
-        return m_events;
-    }
-
     Mutex m_mutex;
     std::vector<std::string> m_events GUARDED_BY(m_mutex);
 };

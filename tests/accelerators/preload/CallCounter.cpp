@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -27,13 +26,8 @@ namespace {
 CallCounts* counts = nullptr;
 thread_local int callsOfLibrary = 0;
 
-void count(std::atomic<uint64_t> CallCounts::*what) {
-    if (counts != nullptr && callsOfLibrary == 0) (counts->*what).fetch_add(1);
-}
-
-void* mapDirectly(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
-    const long result = ::syscall(SYS_mmap, address, size, protection, flags, fd, offset);
-    return reinterpret_cast<void*>(result);
+void countAllocation() {
+    if (counts != nullptr && callsOfLibrary == 0) counts->allocations.fetch_add(1);
 }
 
 [[gnu::constructor]] void openCounts() {
@@ -41,7 +35,7 @@ void* mapDirectly(void* address, size_t size, int protection, int flags, int fd,
     const int fd = path != nullptr ? ::open(path, O_RDWR | O_CLOEXEC) : -1;
     if (fd < 0) return;
     void* const memory =
-        mapDirectly(nullptr, sizeof(CallCounts), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ::mmap(nullptr, sizeof(CallCounts), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ::close(fd);
     if (memory != MAP_FAILED) counts = static_cast<CallCounts*>(memory);
 }
@@ -85,28 +79,19 @@ void* dlsym(void* handle, const char* name) noexcept {
 }
 
 void* malloc(size_t size) noexcept {
-    count(&CallCounts::allocations);
+    countAllocation();
     return __libc_malloc(size);
 }
 void* calloc(size_t number, size_t size) noexcept {
-    count(&CallCounts::allocations);
+    countAllocation();
     return __libc_calloc(number, size);
 }
 void* realloc(void* memory, size_t size) noexcept {
-    count(&CallCounts::allocations);
+    countAllocation();
     return __libc_realloc(memory, size);
 }
 void* aligned_alloc(size_t alignment, size_t size) noexcept {
-    count(&CallCounts::allocations);
+    countAllocation();
     return __libc_memalign(alignment, size);
-}
-
-void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-    count(&CallCounts::mappings);
-    return mapDirectly(address, size, protection, flags, fd, offset);
-}
-int munmap(void* address, size_t size) noexcept {
-    count(&CallCounts::mappings);
-    return static_cast<int>(::syscall(SYS_munmap, address, size));
 }
 }
