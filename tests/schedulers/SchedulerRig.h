@@ -181,17 +181,21 @@ class SchedulerRig : public SchedulerFakes {
             const size_t number = countDevices(graph);
             if (number > 0) outcome += StringHelper::format("%cx%lu ", name, number);
         }
-        const auto loads = placement.loads();
-        for (; m_loadsSeen < loads.size(); ++m_loadsSeen) {
-            const auto [graph, error] = loads[m_loadsSeen];
-            const char name = nameOf(graph);
+        // By graph: the scheduler tells them in the order of their addresses.
+        std::multimap<char, KelmError> answers;
+        for (const auto loads = placement.loads(); m_loadsSeen < loads.size(); ++m_loadsSeen) {
+            answers.emplace(nameOf(loads[m_loadsSeen].first), loads[m_loadsSeen].second);
+        }
+        for (const auto& [name, error] : answers) {
             outcome += error == KELM_OK ? StringHelper::format("ok%c ", name)
                                         : StringHelper::format("fail%c=%d ", name, error);
             if (error != KELM_OK) bury(name);
         }
-        const auto unloads = placement.unloads();
-        for (; m_unloadsSeen < unloads.size(); ++m_unloadsSeen) {
-            const char name = nameOf(unloads[m_unloadsSeen]);
+        std::set<char> unloaded;
+        for (const auto unloads = placement.unloads(); m_unloadsSeen < unloads.size();) {
+            unloaded.insert(nameOf(unloads[m_unloadsSeen++]));
+        }
+        for (const char name : unloaded) {
             outcome += StringHelper::format("gone%c ", name);
             bury(name);
         }
