@@ -139,7 +139,7 @@ TEST_F(TaskQueueTest, EntriesOfDepartedClientsAreDropped) {
     EXPECT_THAT(queue.getDescription(), testing::HasSubstr("numClients=64 "));
     queue.enqueue(makeTask(65, 'c'), false);
     EXPECT_THAT(queue.getDescription(), testing::HasSubstr("numClients=2 "));
-    EXPECT_EQ(run(queue, "?c ?b ?-"), "");
+    EXPECT_EQ(run(queue, "?b ?c ?-"), "");
 }
 
 }  // namespace
