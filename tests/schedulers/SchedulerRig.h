@@ -162,8 +162,8 @@ class SchedulerRig : public SchedulerFakes {
         if (verb == 'L') {
             KelmGraph* const graph = makeGraph();
             std::erase_if(m_known, [graph](auto& entry) { return entry.second == graph; });
-            m_live[name] = m_known[name] = graph;
-            dress(*m_live[name], name);
+            m_known[name] = graph;
+            dress(*graph, name);
         }
         if (verb == 'L' || verb == 'l') scheduler.loadGraph(m_known[name]);
         if (verb == 'U') scheduler.unloadGraph(m_known[name]);
@@ -177,7 +177,7 @@ class SchedulerRig : public SchedulerFakes {
     std::string pass(bool dropped) {
         scheduler.pass(dropped);
         std::string outcome;
-        for (const auto& [name, graph] : m_live) {
+        for (const auto& [name, graph] : m_known) {
             const size_t number = countDevices(graph);
             if (number > 0) outcome += StringHelper::format("%cx%lu ", name, number);
         }
@@ -212,7 +212,6 @@ class SchedulerRig : public SchedulerFakes {
     void bury(char name) {
         EXPECT_EQ(countDevices(m_known[name]), 0u);
         deleteGraph(m_known[name]);
-        m_live.erase(name);
     }
     std::string newCalls() {
         std::string calls;
@@ -236,7 +235,6 @@ class SchedulerRig : public SchedulerFakes {
     }
 
     std::map<char, WorkThread*> m_workers;
-    std::map<char, KelmGraph*> m_live;
     std::map<char, std::pair<int, size_t>> m_callsSeen;  // loads and unloads, by device
     std::map<char, KelmGraph*> m_known;                  // also those whose record has been deleted
     std::map<WorkThread*, char> m_deviceNames;

@@ -68,14 +68,13 @@ TEST_F(TaskSchedulerTest, TaskAndWorkerMeetWhicheverWaits) {
     TaskSchedulerPolling scheduler("TS.Polling");
     KelmTask* const first = makeTask();
     scheduler.scheduleWorker(&worker, graph.get());
-    scheduler.enqueueScheduleTask(first);
-    ASSERT_TRUE(eventually([&] { return delivered().size() == 1; }));
+    scheduler.scheduleTask(first);
+    EXPECT_THAT(delivered(), ElementsAre(first));
     KelmTask* const second = makeTask();
     scheduler.scheduleTask(second);
     EXPECT_EQ(scheduler.getNumWaitTasks(), 1u);
     EXPECT_EQ(client[1]->getWaitingInferenceNum(), 1u);
-    scheduler.enqueueScheduleWorker(&worker, graph.get());
-    ASSERT_TRUE(eventually([&] { return delivered().size() == 2; }));
+    scheduler.scheduleWorker(&worker, graph.get());
     EXPECT_THAT(delivered(), ElementsAre(first, second));
     EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
     EXPECT_EQ(client[1]->getWaitingInferenceNum(), 0u);
@@ -133,8 +132,7 @@ TEST_F(TaskSchedulerTest, CanceledTaskReachesNoWorker) {
 
     KelmTask* const queued = makeTask();
     KelmTask* const next = makeTask();
-    scheduler.scheduleTask(queued);
-    scheduler.scheduleTask(next);
+    for (KelmTask* task : {queued, next}) scheduler.scheduleTask(task);
     queued->cancel();
     scheduleWorkers(scheduler, 1);
     EXPECT_THAT(delivered(), ElementsAre(next));
@@ -147,9 +145,8 @@ TEST_F(TaskSchedulerTest, CanceledTaskReachesNoWorker) {
     scheduler.scheduleTask(last);
     last->cancel();
     scheduleWorkers(scheduler, 1);
-    KelmTask* const found = makeTask();
-    scheduler.scheduleTask(found);
-    EXPECT_THAT(delivered(), ElementsAre(next, found));
+    scheduler.scheduleTask(makeTask());
+    EXPECT_THAT(delivered(), ElementsAre(next, tasks.back().get()));
 }
 
 TEST_F(TaskSchedulerTest, CancelOfAQueuedTaskLeavesTheWaitingNumbers) {
@@ -239,6 +236,9 @@ TEST_F(TaskSchedulerTest, WorkerIsConfirmedOnlyAfterTheHandOver) {
 TEST_F(TaskSchedulerTest, SchedulerDestroysWhatIsQueued) {
     {
         TaskSchedulerPolling scheduler("TS.Polling");
+        scheduler.enqueueScheduleWorker(&worker, graph.get());
+        scheduler.enqueueScheduleTask(makeTask());
+        ASSERT_TRUE(eventually([&] { return delivered().size() == 1; }));
         for (int i = 0; i < 50; ++i) scheduler.enqueueScheduleTask(makeTask());
     }
     EXPECT_EQ(listener.destroyed().size(), 50u);
