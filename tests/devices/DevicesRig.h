@@ -42,10 +42,9 @@ class DevicesRig : public ::testing::Test {
         const std::string path = m_dir.write("test.config", json);
         ASSERT_TRUE(ServiceConfigParser::instance().appendConfigFile(path, true));
     }
-    void configurePrinting(const std::string& mode, const std::string& style,
-                           const std::string& lines = "off") {
-        configure(R"({"debug_settings": {"info_printer": {"device_fps": ")" + lines +
-                  R"(", "device_utilization": ")" + lines + R"(", "device_snapshot_mode": ")" +
+    void configurePrinting(const std::string& mode, const std::string& style) {
+        configure(R"({"debug_settings": {"info_printer": {"device_fps": "on",
+                      "device_utilization": "on", "device_snapshot_mode": ")" +
                   mode + R"(", "device_snapshot_style": ")" + style + R"("}}})");
     }
     KelmGraph* makeGraph(const std::string& tag = "", const std::string& streamId = "") {

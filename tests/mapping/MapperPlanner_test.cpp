@@ -3,9 +3,10 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <sstream>
 
 #include "MapperPool.h"
-#include "NaiveMapper.h"
+#include "utils/Digest.h"
 
 namespace kelm {
 namespace {
@@ -14,8 +15,10 @@ namespace {
 // that are tied, nearly tied, heavy or anything, and memory that keeps pairs apart.
 class RandomLife {
  public:
-    RandomLife(uint32_t seed, int maxGraphs)
-        : m_random(seed), m_kind(below(4)), m_pool(0, maxGraphs) {}
+    enum Kind { TIED, NEARLY_TIED, HEAVY, ANY };
+
+    RandomLife(Kind kind, uint32_t seed, int maxGraphs)
+        : m_random(seed), m_kind(kind), m_pool(0, maxGraphs) {}
 
     void step() {
         MapperModel& model = m_pool.model;
@@ -34,22 +37,23 @@ class RandomLife {
         }
     }
 
-    void mapAndCompare() {
+    void planAndMatch(std::ostream& out) {
         MapperModel& model = m_pool.model;
         const uint32_t deviceNum = static_cast<uint32_t>(model.devices().size());
         if (deviceNum == 0) return;
-        NaiveMapper naive(model, m_pool.limits.maxGraphNumPerDevice);
-        const uint32_t given = below(4) != 0 ? deviceNum : 1 + below(deviceNum);
-        const int32_t result = m_pool.plan(given);
-        ASSERT_EQ(result, naive.plan(given));
-        compare(model.shadows(), naive.shadows);
+        const int32_t result = m_pool.plan(below(4) != 0 ? deviceNum : 1 + below(deviceNum));
+        out << result << testing::PrintToString(placesOf(model.shadows()));
         if (result != 0) return;
         m_pool.matcher.mapGraphPost(model);
-        naive.match();
-        compare(model.devices(), naive.real);
-        for (size_t i = 0; i < naive.graphs.size(); ++i) {
-            EXPECT_EQ(model.graphs()[i]->dedicatedDevNum, naive.graphs[i].own);
-            EXPECT_EQ(model.graphs()[i]->sharedDevNum, naive.graphs[i].shared);
+        out << testing::PrintToString(placesOf(model.devices()));
+        for (const GraphItem* item : model.graphs()) {
+            out << item->dedicatedDevNum << '+' << item->sharedDevNum << ' ';
+        }
+        for (const DeviceItem* device : model.devices()) {
+            if (device->graphs.empty()) continue;
+            out << device->mem << '*';
+            // Nothing over nothing: the sign of such a load is the compiler's.
+            std::isnan(device->util) ? out << "? " : out << std::lround(1000 * device->util) << ' ';
         }
     }
 
@@ -58,48 +62,43 @@ class RandomLife {
 
     float demand() {
         if (below(30) == 0) return 0.0f;
-        if (m_kind == 0) return static_cast<float>(below(7)) * 0.25f;
-        if (m_kind == 1) return static_cast<float>(below(12)) * 1e-8f + 0.25f * (1 + below(2));
-        if (m_kind == 2 && below(6) == 0) return static_cast<float>(below(12));
+        if (m_kind == TIED) return static_cast<float>(below(7)) * 0.25f;
+        if (m_kind == NEARLY_TIED) return static_cast<float>(below(24)) * 1e-8f + 0.25f;
+        if (m_kind == HEAVY && below(6) == 0) return static_cast<float>(below(12));
         return static_cast<float>(below(100000)) * 1.7e-5f;
     }
 
-    static void compare(const DeviceItemSet& devices,
-                        const std::deque<NaiveMapper::Device>& expected) {
-        for (size_t i = 0; i < expected.size(); ++i) {
-            SCOPED_TRACE(devices[i]->dump());
-            uint32_t memory = 0;
-            std::vector<KelmGraph*> held, wanted;
-            for (const GraphItem* item : devices[i]->graphs) held.push_back(item->graph);
-            for (const NaiveMapper::Graph* graph : expected[i].graphs) {
-                wanted.push_back(graph->key);
-                memory += graph->memory;
-            }
-            ASSERT_EQ(held, wanted);
-            EXPECT_EQ(devices[i]->devStatus != MAPPER_GRAPH_NONE, expected[i].taken);
-            if (held.empty()) continue;
-            const bool isReal = devices[i]->shadow != nullptr;
-            EXPECT_TRUE(devices[i]->mem == memory || !isReal);
-            EXPECT_TRUE(devices[i]->util == expected[i].load || std::isnan(expected[i].load));
-        }
-    }
-
     std::mt19937 m_random;
-    const uint32_t m_kind;
+    const Kind m_kind;
     MapperPool m_pool;
     size_t m_workers = 0;
     size_t m_graphs = 0;
 };
 
-TEST(MapperPlanner, PlansAndMatchesAsWalksOverEverythingWould) {
-    for (uint32_t seed = 0; seed < 400; ++seed) {
-        SCOPED_TRACE(seed);
-        RandomLife life(seed, seed % 4 == 0 ? 1 : 2);
-        for (int i = 0; i < 10; ++i) {
-            life.step();
-            life.mapAndCompare();
-            ASSERT_FALSE(testing::Test::HasFailure());
+// Each choice goes through an index; these are the plans that plain walks over all graphs and
+// devices make, too. Only a change of the policy may change them: then docs/mapper.md as well.
+TEST(MapperPlanner, PlansAndMatchesStayAsTheyWereRecorded) {
+    struct Row {
+        RandomLife::Kind kind;
+        const char* digest;
+    };
+    const Row rows[] = {
+        {RandomLife::TIED, "23121bb844b97a55"},
+        {RandomLife::NEARLY_TIED, "e289937e08db4fe2"},
+        {RandomLife::HEAVY, "07ebc88cddbf928a"},
+        {RandomLife::ANY, "103d3520dbfc6c0d"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.kind);
+        std::ostringstream plans;
+        for (uint32_t seed = 0; seed < 100; ++seed) {
+            RandomLife life(row.kind, seed, seed % 4 == 0 ? 1 : 2);
+            for (int i = 0; i < 10; ++i) {
+                life.step();
+                life.planAndMatch(plans);
+            }
         }
+        EXPECT_EQ(sha256ForString(plans.str()).substr(0, 16), row.digest);
     }
 }
 

@@ -18,7 +18,6 @@ class SqueezeRig : public SchedulerRig<DeviceSchedulerSqueeze2> {
         scheduler.setMaxPendingCycle(3);
         slots = graphsPerDevice;
         tellsCalls = true;
-        deletesRecords = true;
     }
 };
 
@@ -46,7 +45,7 @@ TEST(DeviceSchedulerSqueeze2, FollowsItsScripts) {
          "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 2x1 gone1 a-1 b-1 | 2x1 / 2x1 lefta | 2x1"},
         {"a dropped plan gives back only what it took out", "+a L1 L2 | l1 U2 / | U1",
          "1x1 2x1 ok1 ok2 a+2 | 1x1 2x1 / 1x1 ok1 gone2 a-2 | gone1 a-1"},
-        {"the graph of a device that failed and stays moves", "+a L1 | +b %a |",
+        {"the graph of a device that failed and stays moves", "+a L1 | +b *a |",
          "1x1 ok1 a+1 | 1x1 a~1 b+1 | 1x1"},
     };
     for (const ScriptCase& row : rows) {
@@ -72,7 +71,7 @@ TEST(DeviceSchedulerSqueeze2, WithOneGraphPerDeviceGraphsTakeTurns) {
 
 TEST(DeviceSchedulerSqueeze2, GraphIsNotGivenUpWhileAWorkerRefersToIt) {
     SqueezeRig rig;
-    rig.makeDying("a", false);
+    rig.makeDying("a");
     rig.dress = [](KelmGraph& graph, char) {
         for (int i = 0; i < 2; ++i) graph.increaseLoadFailCount();
     };

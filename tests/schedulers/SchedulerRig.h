@@ -23,25 +23,18 @@
 
 namespace kelm {
 
-// Takes a graph and dies: the graph no longer counts it. A lost one also shows that it has failed,
-// as an accelerator does.
+// Takes a graph and dies: the graph no longer counts it.
 class DyingDevice : public ScriptedDevice {
  public:
-    DyingDevice(const std::string& name, bool isLost)
-        : ScriptedDevice(name, std::make_shared<DeviceScript>()), m_isLost(isLost) {}
-    explicit DyingDevice(DyingDevice* root) : ScriptedDevice(root), m_isLost(root->m_isLost) {}
+    using ScriptedDevice::ScriptedDevice;
     std::unique_ptr<KelmDeviceBase> clone() override { return std::make_unique<DyingDevice>(this); }
 
  protected:
     int allocateGraphImpl(KelmGraph* graph) override {
-        if (m_isLost) static_cast<DyingDevice*>(m_parent)->m_deviceFailed = true;
         const int rc = ScriptedDevice::allocateGraphImpl(graph);
         graph->removeCachedDevice(getName());
         return rc;
     }
-
- private:
-    const bool m_isLost;
 };
 
 // Real workers on scripted devices, and listeners that record.
@@ -60,13 +53,12 @@ struct SchedulerFakes {
             if (owned.get() == graph) owned.reset();
         }
     }
-    // Each device made from now on is of this kind; those of the other names are scripted.
-    void makeDying(const std::string& names, bool isLost) {
+    // Devices of this name are of that kind from now on, all others scripted.
+    void makeDying(const std::string& dying) {
         KelmDeviceBase::setFactory([=](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
-            if (names.find(name) != std::string::npos) {
-                return std::make_unique<DyingDevice>(name, isLost);
-            }
-            return std::make_unique<ScriptedDevice>(name, std::make_shared<DeviceScript>());
+            const auto script = std::make_shared<DeviceScript>();
+            if (name == dying) return std::make_unique<DyingDevice>(name, script);
+            return std::make_unique<ScriptedDevice>(name, script);
         });
     }
 
@@ -110,12 +102,10 @@ class Stepped : public Scheduler {
 //   +a   device a comes               L1   load graph 1, a new one
 //   -a   device a is taken away       l1   load graph 1 once more
 //   !a   device a refuses graphs      U1   unload graph 1
-//   ^a   device a refuses as lost     |    a pass; there is one at the end, too
-//   oa   device a refuses as closed   /    a pass whose plan is dropped
-//   ?a   device a is dead
+//   ^a   device a fails each call     |    a pass; there is one at the end, too
+//   oa   so does a, as closed         /    a pass whose plan is dropped
 //   ~a   device a takes graphs again
-//   *a   device a fails with a task of its graph in flight and stays on the bus
-//   %a   a client resets device a, which stays on the bus
+//   *a   device a fails and stays on the bus
 //
 // The outcome has for each pass the graphs with their number of devices and the notices:
 // "1x2 ok1 | 1x2 fail2=-122 | gone1". With `tellsCalls` also what the devices were asked: "a+2" for
@@ -139,35 +129,41 @@ class SchedulerRig : public SchedulerFakes {
         return outcome;
     }
 
+    std::function<void(KelmGraph&, char)> dress = [](KelmGraph&, char) {
+    };              // by a new graph's number
+    int slots = 1;  // of the workers that come
+    bool tellsCalls = false;
+    Stepped<Scheduler> scheduler;
+
+ private:
     void act(char verb, char name) {
         const std::string device(1, name);
         if (verb == '+') {
-            scheduler.addWorker(workers[name] = makeWorker(device, slots));
-            m_deviceNames[workers[name]] = name;
+            scheduler.addWorker(m_workers[name] = makeWorker(device, slots));
+            m_deviceNames[m_workers[name]] = name;
         }
         if (verb == '-') {
-            scheduler.removeWorker(workers[name]);
-            workers.erase(name);
+            scheduler.removeWorker(m_workers[name]);
+            m_workers.erase(name);
         }
-        if (verb == '!') devices[device].failAll(DeviceCall::Allocate, -130);
-        if (verb == '^') devices[device].failAll(DeviceCall::Allocate, KELM_ERROR_DEVICE_FAILED);
-        if (verb == 'o') devices[device].failAll(DeviceCall::Allocate, KELM_ERROR_DEVICE_NOT_OPEN);
-        if (verb == '?' || verb == '~') {
-            const int answer = verb == '?' ? KELM_ERROR_DEVICE_FAILED : KELM_OK;
-            devices[device].failAll(DeviceCall::Allocate, answer);
-            devices[device].failAll(DeviceCall::Deallocate, answer);
+        const std::map<char, int> answers = {{'!', -130},
+                                             {'^', KELM_ERROR_DEVICE_FAILED},
+                                             {'o', KELM_ERROR_DEVICE_NOT_OPEN},
+                                             {'~', KELM_OK}};
+        if (const auto answer = answers.find(verb); answer != answers.end()) {
+            devices[device].failAll(DeviceCall::Allocate, answer->second);
+            if (verb != '!') devices[device].failAll(DeviceCall::Deallocate, answer->second);
         }
-        if (verb == '*') failWithTask(device, workers[name]);
-        if (verb == '%') {
+        if (verb == '*') {
             devices[device].loseOnReset();
-            workers[name]->enqueueResetDevice(makeResetRequest(0, -1));
-            EXPECT_TRUE(eventually([&] { return workers[name]->isFailed(); }));
+            m_workers[name]->enqueueResetDevice(makeResetRequest(0, -1));
+            EXPECT_TRUE(eventually([&] { return m_workers[name]->isFailed(); }));
         }
         if (verb == 'L') {
             KelmGraph* const graph = makeGraph();
             std::erase_if(m_known, [graph](auto& entry) { return entry.second == graph; });
-            live[name] = m_known[name] = graph;
-            dress(*live[name], name);
+            m_known[name] = graph;
+            dress(*graph, name);
         }
         if (verb == 'L' || verb == 'l') scheduler.loadGraph(m_known[name]);
         if (verb == 'U') scheduler.unloadGraph(m_known[name]);
@@ -175,61 +171,37 @@ class SchedulerRig : public SchedulerFakes {
 
     size_t countDevices(KelmGraph* graph) {
         return static_cast<size_t>(std::ranges::count_if(
-            workers, [&](auto& entry) { return entry.second->getGraphs().contains(graph); }));
+            m_workers, [&](auto& entry) { return entry.second->getGraphs().contains(graph); }));
     }
 
-    std::string pass(bool dropped = false) {
+    std::string pass(bool dropped) {
         scheduler.pass(dropped);
         std::string outcome;
-        for (const auto& [name, graph] : live) {
+        for (const auto& [name, graph] : m_known) {
             const size_t number = countDevices(graph);
             if (number > 0) outcome += StringHelper::format("%cx%lu ", name, number);
         }
-        // Graphs are handled in the order of their addresses, which is no rule.
-        std::set<std::string> loadNotices;
-        const auto loads = placement.loads();
-        for (; m_loadsSeen < loads.size(); ++m_loadsSeen) {
-            const auto [graph, error] = loads[m_loadsSeen];
-            const char name = nameOf(graph);
-            loadNotices.insert(error == KELM_OK ? StringHelper::format("ok%c ", name)
-                                                : StringHelper::format("fail%c=%d ", name, error));
+        // By graph: the scheduler tells them in the order of their addresses.
+        std::multimap<char, KelmError> answers;
+        for (const auto loads = placement.loads(); m_loadsSeen < loads.size(); ++m_loadsSeen) {
+            answers.emplace(nameOf(loads[m_loadsSeen].first), loads[m_loadsSeen].second);
+        }
+        for (const auto& [name, error] : answers) {
+            outcome += error == KELM_OK ? StringHelper::format("ok%c ", name)
+                                        : StringHelper::format("fail%c=%d ", name, error);
             if (error != KELM_OK) bury(name);
         }
-        std::set<std::string> unloadNotices;
-        const auto unloads = placement.unloads();
-        for (; m_unloadsSeen < unloads.size(); ++m_unloadsSeen) {
-            const char name = nameOf(unloads[m_unloadsSeen]);
-            unloadNotices.insert(StringHelper::format("gone%c ", name));
-            bury(name);
+        std::set<char> unloaded;
+        for (const auto unloads = placement.unloads(); m_unloadsSeen < unloads.size();) {
+            unloaded.insert(nameOf(unloads[m_unloadsSeen++]));
         }
-        for (const auto& notices : {loadNotices, unloadNotices}) {
-            for (const std::string& notice : notices) outcome += notice;
+        for (const char name : unloaded) {
+            outcome += StringHelper::format("gone%c ", name);
+            bury(name);
         }
         return tellsCalls ? outcome + newCalls() : outcome;
     }
 
-    std::function<void(KelmGraph&, char)> dress = [](KelmGraph&, char) {
-    };  // by a new graph's number
-    std::map<char, WorkThread*> workers;
-    std::map<char, KelmGraph*> live;
-    int slots = 1;  // of the workers that come
-    bool tellsCalls = false;
-    bool deletesRecords = false;  // for sanitizers: a pointer that is kept too long is found
-    Stepped<Scheduler> scheduler;
-
- private:
-    // Nothing happens on a device without a graph.
-    void failWithTask(const std::string& device, WorkThread* worker) {
-        constexpr int kHardwareError = -6;
-        devices[device].setHardwareError(kHardwareError);
-        devices[device].failAll(DeviceCall::GetResult, kHardwareError);
-        for (KelmGraph* graph : worker->getGraphs()) {
-            const auto task = makeTestTask(1, graph);
-            worker->enqueueLoadTensor(task.get());
-            EXPECT_TRUE(eventually([&] { return !exchange.returned().empty(); }));
-            EXPECT_TRUE(eventually([&] { return worker->isFailed(); }));
-        }
-    }
     char nameOf(KelmGraph* graph) {
         for (const auto& [name, known] : m_known) {
             if (known == graph) return name;
@@ -239,21 +211,18 @@ class SchedulerRig : public SchedulerFakes {
     // From here on the graph manager may delete the record.
     void bury(char name) {
         EXPECT_EQ(countDevices(m_known[name]), 0u);
-        if (!deletesRecords) return;
         deleteGraph(m_known[name]);
-        live.erase(name);
     }
     std::string newCalls() {
         std::string calls;
         for (const char name : std::string("abc")) {
             DeviceScript& script = devices[std::string(1, name)];
-            Seen& seen = m_seen[name];
-            const int loads = script.count(DeviceCall::Allocate) -
-                              std::exchange(seen.loads, script.count(DeviceCall::Allocate));
+            const int number = script.count(DeviceCall::Allocate);
+            const int loads = number - std::exchange(m_callsSeen[name].first, number);
             if (loads > 0) calls += StringHelper::format("%c+%d ", name, loads);
             const auto unloads = script.deallocated();
-            for (; seen.unloads < unloads.size(); ++seen.unloads) {
-                const auto [graph, keepCached] = unloads[seen.unloads];
+            for (size_t& seen = m_callsSeen[name].second; seen < unloads.size(); ++seen) {
+                const auto [graph, keepCached] = unloads[seen];
                 calls +=
                     StringHelper::format("%c%c%c ", name, keepCached ? '~' : '-', nameOf(graph));
             }
@@ -265,12 +234,9 @@ class SchedulerRig : public SchedulerFakes {
         return calls;
     }
 
-    struct Seen {
-        int loads = 0;
-        size_t unloads = 0;
-    };
-    std::map<char, Seen> m_seen;
-    std::map<char, KelmGraph*> m_known;  // also those whose record has been deleted
+    std::map<char, WorkThread*> m_workers;
+    std::map<char, std::pair<int, size_t>> m_callsSeen;  // loads and unloads, by device
+    std::map<char, KelmGraph*> m_known;                  // also those whose record has been deleted
     std::map<WorkThread*, char> m_deviceNames;
     size_t m_loadsSeen = 0;
     size_t m_unloadsSeen = 0;

@@ -1,7 +1,5 @@
 #include "scheduling/devices/StatusChangeOperation.h"
 
-#include <atomic>
-
 #include "config/ServiceConfigParser.h"
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
@@ -12,8 +10,8 @@ namespace kelm {
 
 namespace {
 
-// Atomic: read by each scheduling thread.
-std::atomic<std::chrono::milliseconds> s_patience{std::chrono::seconds(10)};
+// How long a job may take before the log tells of it.
+constexpr std::chrono::milliseconds kPatience{10000};
 
 }  // namespace
 
@@ -28,23 +26,18 @@ void StatusChangeOperation::execute() {
 
 bool StatusChangeOperation::isOperation(KelmGraph*, StatusChangeRequestType) { return false; }
 
-void StatusChangeOperation::setPatience(std::chrono::milliseconds patience) {
-    s_patience = patience;
-}
-
 // The whole scheduler stands still while it waits, so that a device that never answers must show in
 // the log, with what an operator can do about it. There is no limit: a job that is given up would
 // run on with a graph that may be destroyed.
 void StatusChangeOperation::waitDone(const std::shared_future<int>& job, const char* step,
                                      const std::string& graphName, WorkThread& worker) {
-    const std::chrono::milliseconds patience = s_patience;
-    if (job.wait_for(patience) == std::future_status::ready) return;
+    if (job.wait_for(kPatience) == std::future_status::ready) return;
     std::string states;
     for (const std::string& state : worker.getStates()) states += " " + state;
     LOG_WARN(
         "Warn: %s [%s] on worker(%s) has not ended for over %ld ms, its scheduler waits; states of "
         "the worker:%s. If it goes on, unplug the device and plug it in again",
-        step, escapeControls(graphName), worker.getName(), patience.count(), states);
+        step, escapeControls(graphName), worker.getName(), kPatience.count(), states);
     job.wait();
 }
 

@@ -39,8 +39,6 @@ class StatusChangeOperation : public NonCopyable {
     virtual void releaseFailed() {}
     // After wait(): the worker, if its answer says that the device is lost, else null.
     virtual WorkThread* getLostWorker() const { return nullptr; }
-    // How long a job may take before the log tells of it. For tests, before any pass.
-    static void setPatience(std::chrono::milliseconds patience);
     // The outcome in place of an exception that execute() or wait() threw.
     void setFailed(int32_t retCode) { m_retCode = retCode; }
 
