@@ -170,13 +170,13 @@ class WireClient {
     // The new id, which the following requests bear, or 0 if the service has hung up.
     uint64_t registerClient(const std::string& name, uint16_t apiMajorVersion = 2);
     bool unregister() {
-        using Request = KelmMsgReqUnregister;
-        return ask<KelmMsgRsp>(make<Request>(KELM_MESSAGE_UNREGISTER_REQ)).status == KELM_OK;
+        const auto request = make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+        return ask<KelmMsgRsp>(request).status == KELM_OK;
     }
     KelmMsgRspCreateGraph createGraph(const GraphWish& wish);
     int32_t destroyGraph(uint64_t graph) {
-        using Request = KelmMsgReqDestroyGraph;
-        return ask<KelmMsgRsp>(make<Request>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph)).status;
+        const auto request = make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph);
+        return ask<KelmMsgRsp>(request).status;
     }
     auto queryBufferSize(uint64_t graph) {
         return ask<KelmMsgRspQueryBufferSize>(
