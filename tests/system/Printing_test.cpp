@@ -11,6 +11,15 @@ using ::testing::Not;
 
 class PrintingTest : public SystemFixture {
  protected:
+    // A section of the configuration.
+    static std::string printing(int intervalMs) {
+        return R"("info_printer": {
+            "client_fps": "on", "device_fps": "on", "service_fps": "on", "graph_fps": "on",
+            "device_utilization": "on", "memory_usage": "on", "client_snapshot_mode": "base",
+            "device_snapshot_mode": "Full", "graph_snapshot_mode": "base",
+            "task_snapshot_mode": "base", "print_interval": )" +
+               std::to_string(intervalMs) + "}";
+    }
     // Passes whose last line is there.
     size_t passes() const {
         const std::string log = service().log();
@@ -30,12 +39,8 @@ TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
     } rows[] = {{1000, std::chrono::milliseconds(800)}, {500, std::chrono::milliseconds(80)}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.intervalMs);
-        start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {"info_printer": {
-            "client_fps": "on", "device_fps": "on", "service_fps": "on", "graph_fps": "on",
-            "device_utilization": "on", "memory_usage": "on", "client_snapshot_mode": "base",
-            "device_snapshot_mode": "Full", "graph_snapshot_mode": "base",
-            "task_snapshot_mode": "base", "print_interval": )" +
-              std::to_string(row.intervalMs) + "}}");
+        start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" +
+              printing(row.intervalMs) + "}");
         ASSERT_TRUE(waitPasses(1)) << lastLines();
         WireClient client(path(), "the client");
         const uint64_t graph = client.createGraph({"blob", "the graph"}).graphId;
@@ -68,12 +73,8 @@ TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
     start(ServiceConfig::fakeDevices(4, 30) + R"(,
         "scheduler_config": [{"subclass": 0, "stream_device_number": 1}],
         "log_level": {"log_process": "on", "log_debug": "on", "log_frequent": "on"},
-        "debug_settings": {"dump_graph": "on", "info_printer": {
-            "print_interval": 500, "client_fps": "on", "device_fps": "on", "graph_fps": "on",
-            "device_utilization": "on", "client_snapshot_mode": "base",
-            "device_snapshot_mode": "full", "graph_snapshot_mode": "base",
-            "task_snapshot_mode": "base"},
-          "debug_process": {"message_dispatcher": "on", "client_manager": "on",
+        "debug_settings": {"dump_graph": "on", )" +
+          printing(500) + R"(, "debug_process": {"message_dispatcher": "on", "client_manager": "on",
             "task_manager": "on", "task_scheduler": "on", "device_manager": "on",
             "device_scheduler": "on", "device": "on", "device_work_thread": "on",
             "graph_manager": "on", "result_dispatcher": "on", "change_operation": "on",

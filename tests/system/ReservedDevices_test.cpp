@@ -88,17 +88,14 @@ TEST_F(ReservedDevicesTest, GraphsRunOnTheirReservedDevicesAndNowhereElse) {
     EXPECT_EQ(status.deviceNum, 5);
     for (int i = 0; i < 5; ++i) EXPECT_GT(status.deviceFps[i], 0.0F) << status.deviceGraphName[i];
 
-    const auto refuse = [&](const GraphWish& wish, const std::string& words) {
-        SCOPED_TRACE(words);
-        EXPECT_EQ(User(path()).create(wish), KELM_ERROR_NO_DEVICE_AVAILABLE);
-        EXPECT_TRUE(service().waitLog(words));
+    const auto refuse = [&](const GraphWish& wish) {
+        EXPECT_EQ(User(path()).create(wish), KELM_ERROR_NO_DEVICE_AVAILABLE) << wish.name;
     };
-    refuse(wishFor("another of one", "one"), "");
-    refuse(wishFor("another camera", "", "another"), "");
+    refuse(wishFor("another of one", "one"));
+    refuse(wishFor("another camera", "", "another"));
     ASSERT_EQ(users[0].destroy(), KELM_OK);  // from here on there is a device to be had
-    refuse(wishFor("another of two", "two"), "Error: no headcount for graph tag 'two'");
-    refuse(wishFor("of none", "none"), "Error: invalid graph tag 'none'");
-    refuse(wishFor("of none", "none"), "Error: no headcount for graph tag 'none'");
+    refuse(wishFor("another of two", "two"));
+    refuse(wishFor("of none", "none"));
     EXPECT_EQ(users[0].create(wishFor("next of one", "one")), KELM_OK);
     users[2] = User(path());
     const GraphWish next = wishFor("next", "", "another");
@@ -112,7 +109,6 @@ TEST_F(ReservedDevicesTest, GraphWithoutClaimTakesNoReservedDevice) {
     User user(path());
     EXPECT_EQ(user.create(wishFor("shared")), KELM_ERROR_NO_DEVICE_AVAILABLE);
     EXPECT_EQ(user.create(wishFor("stream", "", "camera")), KELM_ERROR_INVALID_PARAM);
-    EXPECT_TRUE(service().waitLog("No device is set for stream scheduler"));
     EXPECT_EQ(user.create(wishFor("both", "one", "camera")), KELM_OK);  // the tag counts
     EXPECT_EQ(user.infer(3), 3);
 }

@@ -14,15 +14,6 @@ using ::testing::HasSubstr;
 
 class ServiceTraceTest : public SystemFixture {
  protected:
-    void startTraced(const std::string& settings) {
-        start(2, settings + R"(}, "debug_settings": {"enable_tracer": true)",
-              {"TMPDIR=" + m_directory.path()});
-        const std::string process = "/kelm-" + std::to_string(service().pid()) + "-";
-        const std::string host = "-hostname-" + ThreadUtils::getHostname() + ".csv";
-        m_frames = m_directory.path() + process + "frames" + host;
-        m_tasks = m_directory.path() + process + "tasks" + host;
-    }
-
     // How often each name is in the tasks file, as of now.
     std::map<std::string, int> countNames() const {
         std::map<std::string, int> names;
@@ -61,12 +52,16 @@ class ServiceTraceTest : public SystemFixture {
 
     TempDir m_directory;
     uint64_t m_destroyed = 0;
-    std::string m_frames;
     std::string m_tasks;
 };
 
 TEST_F(ServiceTraceTest, TasksAndGraphsThatEndInAnyWayCloseTheirTraces) {
-    startTraced(R"("server_max_task_number": 4)");
+    start(2, R"("server_max_task_number": 4}, "debug_settings": {"enable_tracer": true)",
+          {"TMPDIR=" + m_directory.path()});
+    const std::string process = m_directory.path() + "/kelm-" + std::to_string(service().pid());
+    const std::string host = "-hostname-" + ThreadUtils::getHostname() + ".csv";
+    const std::string frames = process + "-frames" + host;
+    m_tasks = process + "-tasks" + host;
     Load load;
     for (const uint16_t version : {1, 2}) {
         load.start(path(), {.apiMajorVersion = version, .count = 200, .depth = 24});
@@ -100,7 +95,7 @@ TEST_F(ServiceTraceTest, TasksAndGraphsThatEndInAnyWayCloseTheirTraces) {
     EXPECT_EQ(names.count("task_" + std::to_string(last) + "_inference"), 1U);
     const std::string json = m_directory.path() + "/trace.json";
     const std::string words = m_directory.path() + "/said";
-    const std::string command = KELM_CTL " trace " + m_frames + " " + m_tasks + " -o " + json +
+    const std::string command = KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json +
                                 " --threads " + service().dir() + "/thread.info >" + words;
     ASSERT_EQ(std::system(command.c_str()), 0);
     std::stringstream said;
