@@ -36,7 +36,7 @@ TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
     const struct {
         int intervalMs;
         std::chrono::milliseconds pause;  // less than a second means a short one
-    } rows[] = {{1000, std::chrono::milliseconds(800)}, {500, std::chrono::milliseconds(80)}};
+    } rows[] = {{1000, std::chrono::milliseconds(500)}, {500, std::chrono::milliseconds(50)}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.intervalMs);
         start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" +
