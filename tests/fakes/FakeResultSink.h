@@ -1,11 +1,10 @@
 #pragma once
 
 #include <utility>
-#include <vector>
 
 #include "execution/ResultSink.h"
+#include "fakes/Recorded.h"
 #include "records/Request.h"
-#include "utils/Mutex.h"
 
 namespace kelm {
 
@@ -18,28 +17,15 @@ class FakeResultSink final : public ResultSink {
     };
 
     void enqueueSendTaskDoneResponse(KelmTask* task, KelmError error) override {
-        MutexLock lock(m_mutex);
-        m_done.emplace_back(task, error);
+        done.add(task, error);
     }
     void enqueueSendResetDeviceResponse(KelmError error, Request request) override {
-        MutexLock lock(m_mutex);
-        m_resets.push_back({error, request.getSocket()});
+        resets.add(Reset{error, request.getSocket()});
         (void)request.take();
     }
 
-    std::vector<std::pair<KelmTask*, KelmError>> done() {
-        MutexLock lock(m_mutex);
-        return m_done;
-    }
-    std::vector<Reset> resets() {
-        MutexLock lock(m_mutex);
-        return m_resets;
-    }
-
- private:
-    Mutex m_mutex;
-    std::vector<std::pair<KelmTask*, KelmError>> m_done GUARDED_BY(m_mutex);
-    std::vector<Reset> m_resets GUARDED_BY(m_mutex);
+    Recorded<std::pair<KelmTask*, KelmError>> done;
+    Recorded<Reset> resets;
 };
 
 }  // namespace kelm

@@ -68,25 +68,22 @@ class FakeStatusService {
     }
 
     bool answerNext(int fd) {
-        std::string bytes(sizeof(KelmMsgReq), '\0');
-        if (!receive(fd, bytes, 0)) return false;
-        KelmMsgReq head{};
-        std::memcpy(&head, bytes.data(), sizeof(head));
-        bytes.resize(head.base.size);
-        if (!receive(fd, bytes, sizeof(head))) return false;
-        if (head.base.type == KELM_MESSAGE_QUERY_STATUS_REQ) {
-            KelmMsgReqQueryStatus query{};
-            std::memcpy(&query, bytes.data(), sizeof(query));
-            queryType = query.queryType;
-            MutexLock lock(m_mutex);
-            return answer(fd, head, KELM_MESSAGE_QUERY_STATUS_RSP, m_answer);
+        union {
+            KelmMsgReq head;
+            KelmMsgReqRegister registration;
+            KelmMsgReqQueryStatus query;
+        } request{};
+        // The head tells the size of the whole.
+        const ssize_t head = ::recv(fd, &request, sizeof(KelmMsgReq), MSG_PEEK | MSG_WAITALL);
+        if (head != sizeof(KelmMsgReq)) return false;
+        const size_t size = std::min<size_t>(request.head.base.size, sizeof(request));
+        if (::recv(fd, &request, size, MSG_WAITALL) != static_cast<ssize_t>(size)) return false;
+        if (request.head.base.type != KELM_MESSAGE_QUERY_STATUS_REQ) {
+            return answer(fd, request.head, KELM_MESSAGE_REGISTER_RSP, KelmMsgRspRegister{});
         }
-        return answer(fd, head, KELM_MESSAGE_REGISTER_RSP, KelmMsgRspRegister{});
-    }
-
-    static bool receive(int fd, std::string& bytes, size_t from) {
-        const size_t left = bytes.size() - from;
-        return ::recv(fd, bytes.data() + from, left, MSG_WAITALL) == static_cast<ssize_t>(left);
+        queryType = request.query.queryType;
+        MutexLock lock(m_mutex);
+        return answer(fd, request.head, KELM_MESSAGE_QUERY_STATUS_RSP, m_answer);
     }
 
     template <class Record>

@@ -28,8 +28,6 @@ class ServiceInProcess {
         config.appendConfigFile(m_dir.write("base", ServiceConfig::kBase), true);
         config.appendConfigFile(m_dir.write("overrides", overrides), true);
     }
-    ServiceInProcess(const ServiceInProcess&) = delete;
-    ServiceInProcess& operator=(const ServiceInProcess&) = delete;
 
     // Arguments and environment are those of a process, and of no use here.
     void start(const std::vector<std::string>&, const std::vector<std::string>&) {

@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,22 +21,16 @@
 #include "tests/fakes/ServiceConfig.h"
 #include "tests/fakes/TempDir.h"
 #include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
 
 // The real service as a child process, on fake devices and with all its paths in a directory of its
 // own, so that nothing else on the machine is met.
-//
-//     ServiceProcess service(R"({"service_settings": {"wait_seconds_before_exit": 0}})");
-//     service.start();
-//     ASSERT_TRUE(service.waitReady());
-//     service.useRunDir();  // from here this process's client library finds it
-//     EXPECT_TRUE(service.stop(10s));
-//
 // Its output is a terminal of its own, so that every line can be seen at once. The destructor
 // kills the child, if it still runs, by its id.
-class ServiceProcess {
+class ServiceProcess : public NonCopyable {
  public:
     // `overrides` is JSON that is read over the base configuration, key by key.
     explicit ServiceProcess(const std::string& overrides = "") {
@@ -51,8 +45,6 @@ class ServiceProcess {
         }
         if (m_reader.joinable()) m_reader.join();
     }
-    ServiceProcess(const ServiceProcess&) = delete;
-    ServiceProcess& operator=(const ServiceProcess&) = delete;
 
     // `environment`, as NAME=value, counts more than what is set here.
     void start(const std::vector<std::string>& args = {},
@@ -60,11 +52,9 @@ class ServiceProcess {
         std::vector<std::string> argvText{KELM_DAEMON};
         argvText.insert(argvText.end(), args.begin(), args.end());
         std::vector<std::string> envText = environment;  // the first of a name counts
-        for (const std::string& text :
-             {"KELM_RUN_DIR=" + runDir(), "KELM_INSTALL_DIR=" + dir() + "/install",
-              "HOME=" + dir() + "/home", std::string("PATH=/usr/bin:/bin")}) {
-            envText.push_back(text);
-        }
+        envText.insert(envText.end(),
+                       {"KELM_RUN_DIR=" + runDir(), "KELM_INSTALL_DIR=" + dir() + "/install",
+                        "HOME=" + dir() + "/home", "PATH=/usr/bin:/bin"});
         for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
             if (const char* value = std::getenv(name)) {
                 envText.push_back(std::string(name) + "=" + value);
@@ -74,17 +64,15 @@ class ServiceProcess {
     }
 
     // True once the ready lock is held, false if the service ended or the time is up.
-    bool waitReady(std::chrono::milliseconds limit = std::chrono::milliseconds(20000)) {
-        const bool held =
-            eventually([this] { return isHeld("kelm_service_ready.mutex") || hasEnded(); }, limit);
-        return held && !hasEnded();
+    bool waitReady() const {
+        return eventually([this] { return isHeld("kelm_service_ready.mutex") || hasEnded(); }) &&
+               !hasEnded();
     }
 
     // The exit status, or nothing if it still runs at the deadline or died by a signal.
     std::optional<int> waitExit(
         std::chrono::milliseconds limit = std::chrono::milliseconds(20000)) {
-        pollfd ended{m_pidFd.get(), POLLIN, 0};
-        if (m_pid > 0 && ::poll(&ended, 1, static_cast<int>(limit.count())) == 1) {
+        if (m_pid > 0 && hasEnded(limit)) {
             ::waitpid(m_pid, &m_status, 0);
             m_pid = -1;
             m_reader.join();
@@ -134,13 +122,13 @@ class ServiceProcess {
     }
 
     void spawn(const std::vector<char*>& argv, const std::vector<char*>& environment) {
-        UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        ::grantpt(master.get());
-        ::unlockpt(master.get());
-        const UniqueFd terminal(::open(::ptsname(master.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        int ends[2] = {-1, -1};
         termios plain{};
         ::cfmakeraw(&plain);
-        ::tcsetattr(terminal.get(), TCSANOW, &plain);
+        ::openpty(&ends[0], &ends[1], nullptr, &plain, nullptr);
+        UniqueFd master(ends[0]);
+        const UniqueFd terminal(ends[1]);
+        for (const int end : ends) ::fcntl(end, F_SETFD, FD_CLOEXEC);
         m_pid = ::fork();
         if (m_pid < 0) throw std::runtime_error("fork failed");
         if (m_pid == 0) {
@@ -162,9 +150,9 @@ class ServiceProcess {
         }
     }
 
-    bool hasEnded() const {
+    bool hasEnded(std::chrono::milliseconds limit = {}) const {
         pollfd ended{m_pidFd.get(), POLLIN, 0};
-        return ::poll(&ended, 1, 0) == 1;
+        return ::poll(&ended, 1, static_cast<int>(limit.count())) == 1;
     }
 
     TempDir m_dir;

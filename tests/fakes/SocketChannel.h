@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "fakes/TempDir.h"
 #include "tests/wire/WireClient.h"
 #include "utils/IPC.h"
 #include "utils/UniqueFd.h"
@@ -60,18 +61,10 @@ class RawPeer : public WireClient {
 class SocketChannel {
  public:
     SocketChannel() {
-        char directory[] = "/tmp/kelm_channel_XXXXXX";
-        m_directory = ::mkdtemp(directory);
-        path = m_directory + "/socket";
-        poller = std::make_shared<IPC::Poller>();
-        listener = std::make_shared<IPC::ConnectionUDS>(poller.get());
         listener->create(path, {0660, "", ""});
         listener->listen();
     }
-    ~SocketChannel() {
-        listener->close();
-        std::filesystem::remove_all(m_directory);
-    }
+    ~SocketChannel() { listener->close(); }
 
     // Takes the next peer, as the service does.
     std::shared_ptr<IPC::ConnectionUDS> accept() const {
@@ -81,12 +74,14 @@ class SocketChannel {
         return connection;
     }
 
-    std::string path;
-    std::shared_ptr<IPC::Poller> poller;
-    std::shared_ptr<IPC::ConnectionUDS> listener;
-
  private:
-    std::string m_directory;
+    const TempDir m_directory;
+
+ public:
+    const std::string path = m_directory.path() + "/socket";
+    std::shared_ptr<IPC::Poller> poller = std::make_shared<IPC::Poller>();
+    std::shared_ptr<IPC::ConnectionUDS> listener =
+        std::make_shared<IPC::ConnectionUDS>(poller.get());
 };
 
 }  // namespace kelm

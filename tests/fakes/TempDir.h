@@ -8,10 +8,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "utils/NonCopyable.h"
+
 namespace kelm {
 
 // A fresh directory, removed with what is in it at the end of the scope.
-class TempDir {
+class TempDir : public NonCopyable {
  public:
     TempDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "kelm-XXXXXX").string();
@@ -22,8 +24,6 @@ class TempDir {
         std::error_code ignored;  // a leftover directory is no reason to fail a test
         std::filesystem::remove_all(m_path, ignored);
     }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return m_path; }
 
@@ -40,21 +40,16 @@ class TempDir {
 };
 
 // An environment variable for a scope.
-class ScopedEnv {
+class ScopedEnv : public NonCopyable {
  public:
     ScopedEnv(const char* name, const std::string& value) : m_name(name) {
         if (const char* old = ::getenv(name)) m_old = std::string(old);
         ::setenv(name, value.c_str(), 1);
     }
     ~ScopedEnv() {
-        if (m_old) {
-            ::setenv(m_name, m_old->c_str(), 1);
-        } else {
-            ::unsetenv(m_name);
-        }
+        ::unsetenv(m_name);
+        if (m_old) ::setenv(m_name, m_old->c_str(), 1);
     }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
     const char* m_name;

@@ -34,13 +34,14 @@ class AutobootStarterTest : public ::testing::Test {
         for (const std::string& call : lines("calls")) ::kill(std::stoi(call), SIGKILL);
     }
 
-    // `before` and `between` run before the alive lock and before the ready lock is taken.
-    std::string tool(const std::string& before, const std::string& between) {
-        return script("bin/autoboot", "echo \"$$ $*\" >> calls\n" + before +
-                                          "\nexec 8>>kelm_autoboot_alive.mutex; flock 8\n" +
-                                          between +
-                                          "\nexec 9>>kelm_autoboot_ready.mutex; flock 9\n"
-                                          "echo $$ >> readies\nexec sleep 60\n");
+    // `between` runs before the ready lock is taken, `behind` once it is.
+    std::string tool(const std::string& name = "bin/autoboot", const std::string& between = "",
+                     const std::string& behind = "") {
+        return script(name,
+                      "echo \"$$ $*\" >> calls\n"
+                      "exec 8>>kelm_autoboot_alive.mutex; flock 8\n" +
+                          between + "\nexec 9>>kelm_autoboot_ready.mutex; flock 9\n" + behind +
+                          "\necho $$ >> readies\nexec sleep 60\n");
     }
     std::string script(const std::string& name, const std::string& body) {
         const std::string path = m_dir.write(name, "#!/bin/sh\ncd " + m_dir.path() + "\n" + body);
@@ -63,13 +64,8 @@ class AutobootStarterTest : public ::testing::Test {
 
 TEST_F(AutobootStarterTest, LaunchWaitsForTheLocksOfTheNewTool) {
     // Its ready lock outlives its alive lock for a while.
-    SubProcess old({script("old",
-                           "echo $$ >> calls\n"
-                           "exec 8>>kelm_autoboot_alive.mutex; flock 8\n"
-                           "exec 9>>kelm_autoboot_ready.mutex; flock 9\n"
-                           "( exec 8>&-; exec sleep 1.5 ) &\n"
-                           "echo $$ >> readies\nexec sleep 60\n")});
-    tool("", "");
+    SubProcess old({tool("old", "", "( exec 8>&-; exec sleep 1.5 ) &")});
+    tool();
     ASSERT_TRUE(old.execute(false));
     ASSERT_TRUE(eventually([this] { return lines("readies").size() == 1; }));
     EXPECT_TRUE(m_starter.launch({"one", "two"}));
@@ -80,14 +76,14 @@ TEST_F(AutobootStarterTest, LaunchWaitsForTheLocksOfTheNewTool) {
 }
 
 TEST_F(AutobootStarterTest, ToolThatNeedsItsTimeIsWaitedFor) {
-    tool("", "sleep 3.3");
+    tool("bin/autoboot", "sleep 3.3");
     EXPECT_TRUE(m_starter.launch({}));
     EXPECT_TRUE(eventually([this] { return lines("readies").size() == 1; }));
     EXPECT_THAT(lines("kills"), IsEmpty());
 }
 
 TEST_F(AutobootStarterTest, CrashedToolIsStartedAgainUntilTheSupervisionEnds) {
-    tool("", "");
+    tool();
     {
         AutobootStarter starter;
         ASSERT_TRUE(starter.launch({}));

@@ -13,7 +13,6 @@ using namespace std::chrono_literals;
 TEST(ExitSignalTest, SignalEndsTheSleepAndTheWait) {
     Semaphore idle(0, 0);
     ExitSignal signal([&idle] { idle.post(); });
-    EXPECT_FALSE(signal.isSet());
     const auto start = std::chrono::steady_clock::now();
     std::thread sleeper([&signal] { signal.sleepFor(60s); });
     ::raise(SIGUSR1);
@@ -25,12 +24,8 @@ TEST(ExitSignalTest, SignalEndsTheSleepAndTheWait) {
 }
 
 TEST(ExitSignalTest, SignalAfterTheEndIsIgnored) {
-    int notices = 0;
-    {
-        const ExitSignal signal([&notices] { ++notices; });
-    }
+    std::make_unique<ExitSignal>([] { ADD_FAILURE(); }).reset();
     ::raise(SIGUSR1);
-    EXPECT_EQ(notices, 0);
 }
 
 TEST(ExitLimitDeathTest, ProcessEndsDespiteAThreadThatNeverDoes) {

@@ -17,6 +17,10 @@ bool isFree(const std::string& path) {
     return mutex.trylock();
 }
 
+unsigned modeOf(const std::string& path) {
+    return static_cast<unsigned>(std::filesystem::status(path).permissions());
+}
+
 class ServiceDaemonHelperTest : public ::testing::Test {
  protected:
     void SetUp() override {
@@ -34,7 +38,7 @@ TEST_F(ServiceDaemonHelperTest, ReadyLockOfAnotherHoldsUpNeitherStartNorStop) {
     GlobalMutex other(RunPaths::readyMutex(), true);
     ASSERT_TRUE(other.trylock());
     ServiceDaemonHelper stays;
-    const std::shared_future<void> done = std::async(std::launch::async, [&] {
+    const auto done = std::async(std::launch::async, [&] {
         {
             ServiceDaemonHelper stops;
             stops.daemonReadyToServe();
@@ -45,7 +49,6 @@ TEST_F(ServiceDaemonHelperTest, ReadyLockOfAnotherHoldsUpNeitherStartNorStop) {
     EXPECT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     other.unlock();
     EXPECT_TRUE(eventually([] { return !isFree(RunPaths::readyMutex()); }));
-    done.wait();
 }
 
 TEST_F(ServiceDaemonHelperTest, LinksInPlaceOfTheLockFilesGiveNoFileAway) {
@@ -57,8 +60,7 @@ TEST_F(ServiceDaemonHelperTest, LinksInPlaceOfTheLockFilesGiveNoFileAway) {
     }
     const ServiceDaemonHelper helper;
     EXPECT_FALSE(helper.isLocked());
-    const auto mode = std::filesystem::status(victim).permissions();
-    EXPECT_EQ(static_cast<unsigned>(mode), 0600U);
+    EXPECT_EQ(modeOf(victim), 0600U);
 }
 
 TEST_F(ServiceDaemonHelperTest, LocksTellThePhase) {
@@ -83,8 +85,7 @@ TEST_F(ServiceDaemonHelperTest, LocksTellThePhase) {
     }
     const ServiceDaemonHelper next;  // the files stay and block nothing
     EXPECT_TRUE(next.isLocked());
-    const auto mode = std::filesystem::status(RunPaths::aliveMutex()).permissions();
-    EXPECT_EQ(static_cast<unsigned>(mode), 0660U);
+    EXPECT_EQ(modeOf(RunPaths::aliveMutex()), 0660U);
 }
 
 }  // namespace

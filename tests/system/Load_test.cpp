@@ -9,44 +9,25 @@ namespace {
 
 class LoadTest : public SystemFixture {
  protected:
-    static constexpr uint64_t kClients = 8;
-    static constexpr uint64_t kTasks = 5000;
-
     // Half of them are told of ends as before version 2.
-    void startClients(uint64_t tasks) {
-        for (uint16_t i = 0; i < kClients; ++i) {
-            LoadPlan plan;
-            plan.name = "load-" + std::to_string(i);
-            plan.apiMajorVersion = static_cast<uint16_t>(1 + i % 2);
-            plan.count = tasks;
-            plan.depth = 8 + i;
-            m_load.start(path(), plan);
+    void startClients(Load& load, int number, uint64_t tasks) const {
+        for (int i = 0; i < number; ++i) {
+            const auto version = static_cast<uint16_t>(1 + i % 2);
+            load.start(path(), {.apiMajorVersion = version, .count = tasks, .depth = 8UL + i});
         }
-    }
-    void startSurvivors() {
-        LoadPlan plan;
-        plan.graphs.resize(1);
-        for (int i = 0; i < 2; ++i) m_load.start(path(), plan);
-    }
-    std::string lostClients(int number) const {
-        std::string all;
-        for (int i = 0; i < number; ++i) all += LoadClient::kLost;
-        return all;
     }
 
     // Clients with a graph and as many tasks as they can submit, each of which vanishes after so
     // many bytes, be it in the middle of a record; several at a time.
-    void runDyingClients(int number) {
-        constexpr int kAtOnce = 6;
+    void runDyingClients(int number) const {
         std::atomic<int> left{number};
         std::vector<std::future<void>> lanes;
-        for (unsigned lane = 0; lane < kAtOnce; ++lane) {
+        for (unsigned lane = 0; lane < 6; ++lane) {
             lanes.push_back(std::async(std::launch::async, [this, lane, &left] {
                 std::minstd_rand random(lane + 1);  // fixed, so that a finding comes again
                 while (left-- > 0) die(1 + random() % 60000, lane);
             }));
         }
-        for (auto& lane : lanes) lane.get();
     }
     void die(size_t bytes, unsigned kind) const {
         WireClient client(path());
@@ -62,59 +43,53 @@ class LoadTest : public SystemFixture {
             // Its time has come before the answer.
         }
     }
-
-    Load m_load;
 };
 
-TEST_F(LoadTest, EveryTaskIsAnsweredOnceAndItsResultFollows) {
-    start(0);
-    startClients(kTasks);
-    EXPECT_EQ(m_load.wait(), "") << lastLines();
-    EXPECT_EQ(m_load.done(), kClients * kTasks);
-    EXPECT_EQ(m_load.refused(), 0U);
+TEST_F(LoadTest, EveryRequestIsAnsweredOnceAndTheResultOfAnAcceptedOneFollows) {
+    constexpr int kClients = 8;
+    const struct {
+        int latencyMs;
+        const char* settings;
+        uint64_t tasks;  // of each client
+        bool refuses;
+    } rows[] = {{0, "", 5000, false}, {1, R"("server_max_task_number": 30)", 1000, true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.settings);
+        start(row.latencyMs, row.settings);
+        Load load;
+        startClients(load, kClients, row.tasks);
+        EXPECT_EQ(load.wait(), "") << lastLines();
+        EXPECT_EQ(load.done() + load.refused(), kClients * row.tasks);
+        EXPECT_GT(load.done(), 0U);
+        EXPECT_EQ(load.refused() > 0, row.refuses);
+        endService();
+    }
 }
 
-TEST_F(LoadTest, RefusedTasksAreAnsweredOnceAndDoNotRun) {
-    start(1, R"("server_max_task_number": 30)");
-    startClients(kTasks / 5);
-    EXPECT_EQ(m_load.wait(), "") << lastLines();
-    EXPECT_EQ(m_load.done() + m_load.refused(), kClients * kTasks / 5);
-    EXPECT_GT(m_load.done(), 0U);
-    EXPECT_GT(m_load.refused(), 0U);
-}
-
-TEST_F(LoadTest, StopUnderLoadEndsTheServiceAndItsConnections) {
-    start(1);
-    startClients(0);
-    ASSERT_TRUE(eventually([this] { return m_load.done() > 1000; }, std::chrono::seconds(30)));
-    endService();
-    EXPECT_EQ(m_load.wait(), lostClients(kClients));
-}
-
-TEST_F(LoadTest, VanishingClientsTakeNothingFromOthersAndLeaveNothingBehind) {
+TEST_F(LoadTest, VanishingClientsTakeNothingFromOthersNorFromTheStop) {
     start(0);
     const size_t descriptorsBefore = descriptors();
     const size_t threadsBefore = threads();
-    startSurvivors();
-    runDyingClients(300);
-    EXPECT_EQ(m_load.finish(), "") << lastLines();
-    EXPECT_GT(m_load.done(), 0U);
-    EXPECT_TRUE(serves());
-    EXPECT_TRUE(eventually([&] { return descriptors() <= descriptorsBefore; }))
-        << descriptors() << " and not " << descriptorsBefore;
+    {
+        Load survivors;
+        startClients(survivors, 2, 0);
+        runDyingClients(300);
+        EXPECT_EQ(survivors.finish(), "") << lastLines();
+        EXPECT_GT(survivors.done(), 0U);
+    }
+    EXPECT_TRUE(eventually([&] { return descriptors() <= descriptorsBefore; })) << descriptors();
     // A thread of the start may still have been there.
-    EXPECT_TRUE(eventually([&] { return threads() <= threadsBefore; }))
-        << threads() << " and not " << threadsBefore;
-}
+    EXPECT_TRUE(eventually([&] { return threads() <= threadsBefore; })) << threads();
 
-TEST_F(LoadTest, StopAmongVanishingClientsEndsTheService) {
-    start(0);
-    startSurvivors();
+    Load lost;
+    startClients(lost, 8, 0);
     auto dying = std::async(std::launch::async, [this] { runDyingClients(500); });
-    ASSERT_TRUE(eventually([this] { return m_load.done() > 100; }));
+    ASSERT_TRUE(eventually([&] { return lost.done() > 100; }));
     endService();
     dying.get();
-    EXPECT_EQ(m_load.wait(), lostClients(2));
+    std::string all;
+    for (int i = 0; i < 8; ++i) all += LoadClient::kLost;
+    EXPECT_EQ(lost.wait(), all);
 }
 
 }  // namespace

@@ -13,12 +13,13 @@
 #include <string>
 
 #include "fakes/Eventually.h"
+#include "utils/NonCopyable.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
 
 // `kelmctl top` on a terminal of 80 columns and 24 lines.
-class TopProcess {
+class TopProcess : public NonCopyable {
  public:
     TopProcess() {
         winsize size{24, 80, 0, 0};
@@ -41,12 +42,10 @@ class TopProcess {
             ::waitpid(m_pid, nullptr, 0);
         }
     }
-    TopProcess(const TopProcess&) = delete;
-    TopProcess& operator=(const TopProcess&) = delete;
 
     void type(const char* keys) const {
-        EXPECT_EQ(::write(m_master.get(), keys, std::strlen(keys)),
-                  static_cast<ssize_t>(std::strlen(keys)));
+        const auto size = std::strlen(keys);
+        EXPECT_EQ(static_cast<size_t>(::write(m_master.get(), keys, size)), size);
     }
     void signal(int number) const { ::kill(m_pid, number); }
 

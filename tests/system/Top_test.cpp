@@ -12,22 +12,14 @@ using TopTest = SystemFixture;
 TEST_F(TopTest, TerminalIsLeftAsItWas) {
     start(0);
     service().useRunDir();
-    const struct {
-        const char* what;
-        void (*end)(const TopProcess& top);
-        int status;
-    } rows[] = {
-        {"key", [](const TopProcess& top) { top.type("q"); }, 0},
-        {"interrupt key", [](const TopProcess& top) { top.type("\x03"); }, 0},
-        {"SIGTERM", [](const TopProcess& top) { top.signal(SIGTERM); }, 128 + SIGTERM},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const char* key : {"q", "\x03", ""}) {  // the last one: SIGTERM
+        SCOPED_TRACE(key);
         TopProcess top;
         EXPECT_TRUE(top.shows("Fake2"));
         EXPECT_FALSE(top.hasModesOfBefore());
-        row.end(top);
-        EXPECT_EQ(top.wait(), row.status);
+        top.type(key);
+        if (*key == '\0') top.signal(SIGTERM);
+        EXPECT_EQ(top.wait(), *key != '\0' ? 0 : 128 + SIGTERM);
         EXPECT_TRUE(top.hasModesOfBefore());
         EXPECT_THAT(top.rest(), HasSubstr("\x1b[?1049l"));  // the screen of before
     }

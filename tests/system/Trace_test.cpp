@@ -10,18 +10,10 @@
 namespace kelm {
 namespace {
 
+using ::testing::HasSubstr;
+
 class ServiceTraceTest : public SystemFixture {
  protected:
-    void startTraced(int latencyMs, const std::string& settings) {
-        start(latencyMs, settings + R"(}, "debug_settings": {"enable_tracer": true)",
-              {"TMPDIR=" + m_directory.path()});
-        m_pid = service().pid();
-        const std::string process = "/kelm-" + std::to_string(m_pid) + "-";
-        const std::string host = "-hostname-" + ThreadUtils::getHostname() + ".csv";
-        m_frames = m_directory.path() + process + "frames" + host;
-        m_tasks = m_directory.path() + process + "tasks" + host;
-    }
-
     // How often each name is in the tasks file, as of now.
     std::map<std::string, int> countNames() const {
         std::map<std::string, int> names;
@@ -32,20 +24,20 @@ class ServiceTraceTest : public SystemFixture {
         return names;
     }
 
-    uint64_t runOneTask() const {
+    uint64_t runOneTask() {
         WireClient client(path(), "last");
         const uint64_t graph = client.createGraph({"a graph of its own"}).graphId;
         const uint64_t task = client.ask<KelmMsgRspInferTask>(client.makeInfer(graph)).taskId;
         (void)client.receiveType(KELM_MESSAGE_TASK_DONE_EVT);
-        (void)client.destroyGraph(graph);
+        if (client.destroyGraph(graph) == KELM_OK) ++m_destroyed;
         return task;
     }
 
     // A client that wants no answers, one that cancels, one that hangs up: all in the middle of it.
     void runOddClients() {
         constexpr int kTasks = 30;
-        WireClient silent(path(), "silent");
         WireClient canceling(path(), "canceling");
+        WireClient silent(path(), "silent");
         WireClient vanishing(path(), "vanishing");
         for (WireClient* client : {&silent, &canceling, &vanishing}) {
             auto request = client->makeInfer(client->createGraph({"of the odd ones"}).graphId);
@@ -59,75 +51,60 @@ class ServiceTraceTest : public SystemFixture {
     }
 
     TempDir m_directory;
-    int m_pid = 0;
-    std::string m_frames;
+    uint64_t m_destroyed = 0;
     std::string m_tasks;
 };
 
-TEST_F(ServiceTraceTest, TaskThatEndsInAnyWayClosesItsTrace) {
-    startTraced(2, R"("server_max_task_number": 4)");
+TEST_F(ServiceTraceTest, TasksAndGraphsThatEndInAnyWayCloseTheirTraces) {
+    start(2, R"("server_max_task_number": 4}, "debug_settings": {"enable_tracer": true)",
+          {"TMPDIR=" + m_directory.path()});
+    const std::string process = m_directory.path() + "/kelm-" + std::to_string(service().pid());
+    const std::string host = "-hostname-" + ThreadUtils::getHostname() + ".csv";
+    const std::string frames = process + "-frames" + host;
+    m_tasks = process + "-tasks" + host;
     Load load;
     for (const uint16_t version : {1, 2}) {
-        LoadPlan plan;
-        plan.apiMajorVersion = version;
-        plan.count = 200;
-        plan.depth = 24;
-        load.start(path(), plan);
+        load.start(path(), {.apiMajorVersion = version, .count = 200, .depth = 24});
     }
     EXPECT_EQ(load.wait(), "");
-    EXPECT_GT(load.refused(), 0U);
     runOddClients();
     // Ids are given in order, so with the last one all are known.
     uint64_t last = 0;
     ASSERT_TRUE(eventually([&] { return (last = runOneTask()) != 0; }));
     EXPECT_TRUE(eventually([&] {
         const auto names = countNames();
-        for (uint64_t id = 1; id <= last; ++id) {
-            if (names.count("task_" + std::to_string(id)) == 0) return false;
-        }
-        return true;
+        uint64_t id = 1;
+        while (names.count("task_" + std::to_string(id)) > 0) ++id;
+        return id > last;
     }));
     endService();  // the rows of the last moment are saved too
 
     const auto names = countNames();
-    for (const auto& [name, count] : names) EXPECT_EQ(count, 1) << name;
-    const std::string ofLast = "task_" + std::to_string(last) + "_inference";
-    EXPECT_EQ(names.count(ofLast), 1U);
+    std::map<std::string, uint64_t> kinds;
+    for (const auto& [name, count] : names) {
+        EXPECT_EQ(count, 1) << name;
+        std::string kind = name;
+        std::erase_if(kind, [](char c) { return c >= '0' && c <= '9'; });
+        ++kinds[kind];
+    }
+    EXPECT_EQ(kinds["task_"], last);
+    EXPECT_GE(kinds["load_graph_"], 5U);
+    EXPECT_EQ(kinds["unload_graph_"], m_destroyed);
+    EXPECT_GE(kinds["load_graph__device_"], kinds["load_graph_"]);
+    EXPECT_EQ(kinds["unload_graph__device_"], kinds["load_graph__device_"]);
+    EXPECT_EQ(names.count("task_" + std::to_string(last) + "_inference"), 1U);
     const std::string json = m_directory.path() + "/trace.json";
     const std::string words = m_directory.path() + "/said";
-    const std::string command = KELM_CTL " trace " + m_frames + " " + m_tasks + " -o " + json +
+    const std::string command = KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json +
                                 " --threads " + service().dir() + "/thread.info >" + words;
     ASSERT_EQ(std::system(command.c_str()), 0);
     std::stringstream said;
     said << std::ifstream(words).rdbuf();
     // Both files have the same rows, and each is whole.
-    EXPECT_THAT(said.str(), ::testing::HasSubstr(std::to_string(names.size()) + " spans"));
-    EXPECT_THAT(said.str(), ::testing::HasSubstr(
-                                "frames file: 0, only in the tasks file: 0, lines left out: 0"));
-    std::set<std::string> threads;
-    const auto trace = nlohmann::json::parse(std::ifstream(json));
-    for (const auto& event : trace["traceEvents"]) {
-        if (event["name"] == "thread_name") threads.insert(event["args"]["name"]);
-    }
-    EXPECT_THAT(threads, ::testing::Contains("TaskManagerT0"));
-}
-
-TEST_F(ServiceTraceTest, LoadsAndUnloadsOfGraphsAreTraced) {
-    startTraced(0, "");
-    ASSERT_NE(runOneTask(), 0U);
-    ASSERT_NE(runOneTask(), 0U);
-    endService();
-    std::map<std::string, int> kinds;
-    for (const auto& [name, count] : countNames()) {
-        std::string kind = name;
-        std::erase_if(kind, [](char c) { return c >= '0' && c <= '9'; });
-        kinds[kind] += count;
-    }
-    for (const char* kind : {"load_graph_", "unload_graph_", "task_", "task__inference"}) {
-        EXPECT_EQ(kinds[kind], 2) << kind;
-    }
-    EXPECT_GE(kinds["load_graph__device_"], 2);
-    EXPECT_EQ(kinds["unload_graph__device_"], kinds["load_graph__device_"]);
+    EXPECT_THAT(said.str(), HasSubstr(std::to_string(names.size()) + " spans"));
+    EXPECT_THAT(said.str(),
+                HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
+    EXPECT_THAT(nlohmann::json::parse(std::ifstream(json)).dump(), HasSubstr("TaskManagerT0"));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "tests/wire/LoadClient.h"
 
 namespace kelm {
-
 namespace {
 
 constexpr WireClient::Millis kPatience{60000};  // the service may be busy with graphs
@@ -16,7 +15,11 @@ void require(bool holds, std::string_view what, uint64_t sequence) {
 
 std::string LoadClient::run() {
     try {
-        setUp();
+        if (m_raw.registerClient(m_plan.name, m_plan.apiMajorVersion) == 0) throw NoAnswer(kLost);
+        for (const std::string& graph : m_plan.graphs) {
+            m_graphIds.push_back(createGraph(graph));
+            if (m_graphIds.back() == 0) throw NoAnswer(kLost);
+        }
         while (mayStart() || m_inFlight > 0) {
             while (mayStart() && m_inFlight < m_plan.depth) submit();
             take(receive());
@@ -28,14 +31,6 @@ std::string LoadClient::run() {
         return error.what();
     }
     return {};
-}
-
-void LoadClient::setUp() {
-    if (m_raw.registerClient(m_plan.name, m_plan.apiMajorVersion) == 0) throw NoAnswer(kLost);
-    for (const std::string& graph : m_plan.graphs) {
-        m_graphIds.push_back(createGraph(graph));
-        if (m_graphIds.back() == 0) throw NoAnswer(kLost);
-    }
 }
 
 bool LoadClient::mayStart() const {
@@ -58,29 +53,25 @@ WireMessage LoadClient::receive() const {
     return std::move(*message);
 }
 
-LoadClient::Exchange& LoadClient::find(uint64_t sequence) {
-    require(sequence - 1 < m_exchanges.size(), "message to no request", sequence);
-    return m_exchanges[sequence - 1];
-}
-
 void LoadClient::take(const WireMessage& message) {
     const uint32_t type = message.type();
-    if (type == KELM_MESSAGE_INFER_TASK_RSP) return takeAnswer(message.as<KelmMsgRspInferTask>());
     const bool isOld = m_plan.apiMajorVersion < 2;
-    require(type == (isOld ? KELM_MESSAGE_TASK_DONE_MSG : KELM_MESSAGE_TASK_DONE_EVT),
-            "unexpected message of type " + std::to_string(type), 0);
-    if (isOld) {
+    if (type == KELM_MESSAGE_INFER_TASK_RSP) {
+        takeAnswer(message.as<KelmMsgRspInferTask>());
+    } else if (isOld && type == KELM_MESSAGE_TASK_DONE_MSG) {
         const auto& done = message.as<KelmMsgRspTaskDone>();
         require(done.head.rspSeqNo == done.head.reqSeqNo, "two numbers", done.head.reqSeqNo);
-        return takeDone(done, done.head.reqSeqNo, done.head.status);
+        takeDone(done, done.head.reqSeqNo, done.head.status);
+    } else {
+        require(!isOld && type == KELM_MESSAGE_TASK_DONE_EVT, "unexpected type", type);
+        const auto& event = message.as<KelmMsgEvtTaskDone>();
+        takeDone(event, event.reqSeqNo, event.status);
     }
-    const auto& event = message.as<KelmMsgEvtTaskDone>();
-    takeDone(event, event.reqSeqNo, event.status);
 }
 
 void LoadClient::takeAnswer(const KelmMsgRspInferTask& answer) {
     const uint64_t sequence = answer.head.reqSeqNo;
-    Exchange& exchange = find(sequence);
+    Exchange& exchange = m_exchanges.at(sequence - 1);
     require(!exchange.answered, "second create answer", sequence);
     require(answer.taskCookie0 == sequence, "answer with another cookie", sequence);
     exchange.answered = true;
@@ -94,7 +85,7 @@ void LoadClient::takeAnswer(const KelmMsgRspInferTask& answer) {
 
 template <class Done>
 void LoadClient::takeDone(const Done& message, uint64_t sequence, int32_t status) {
-    Exchange& exchange = find(sequence);
+    Exchange& exchange = m_exchanges.at(sequence - 1);
     require(exchange.answered, "done message before the create answer", sequence);
     require(exchange.accepted, "done message of a refused task", sequence);
     require(!exchange.done, "second done message", sequence);

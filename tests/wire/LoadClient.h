@@ -60,7 +60,6 @@ class LoadClient {
         uint64_t taskId = 0;
     };
 
-    void setUp();
     bool mayStart() const;
     void submit();
     WireMessage receive() const;
@@ -69,7 +68,6 @@ class LoadClient {
     void takeAnswer(const KelmMsgRspInferTask& answer);
     template <class Done>
     void takeDone(const Done& message, uint64_t sequence, int32_t status);
-    Exchange& find(uint64_t sequence);
     void leave();
 
     const LoadPlan m_plan;

@@ -1,16 +1,14 @@
 #include "tests/wire/WireClient.h"
 
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <thread>
 
-namespace kelm {
+#include "tests/fakes/Eventually.h"
 
+namespace kelm {
 namespace {
 
 template <size_t kSize>
@@ -29,26 +27,9 @@ WireClient::WireClient(const std::string& path)
     m_connected = ::connect(fd(), name, sizeof(address)) == 0;
 }
 
-void WireClient::interrupt() const { ::shutdown(fd(), SHUT_RDWR); }
-
 KelmMsgReqInferTask WireClient::makeInfer(uint64_t graph) {
     auto request = make<KelmMsgReqInferTask>(KELM_MESSAGE_INFER_TASK_REQ, graph);
     request.taskCookie0 = request.head.reqSeqNo;
-    return request;
-}
-
-KelmMsgReqCreateGraph WireClient::makeCreateGraph(const GraphWish& wish) {
-    auto request = make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
-    request.subclass = wish.subclass;
-    request.expectDevices = 1;
-    copyText(request.graphName, wish.name);
-    copyText(request.graphTag, wish.tag);
-    copyText(request.streamId, wish.stream);
-    copyText(request.graphPath, wish.path);
-    if (!wish.path.empty()) return request;
-    request.head.base.dataNum = 1;
-    request.head.base.data[0] = 1;  // an address of this process, which the service must not use
-    request.head.base.dataSize[0] = wish.blob.size();
     return request;
 }
 
@@ -88,27 +69,27 @@ bool WireClient::sendFds(std::string_view bytes, const std::vector<int>& descrip
 
 bool WireClient::sendHalf() {
     const auto request = make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
-    if (!sendBytes(&request, sizeof(request) / 2)) return false;
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (unsent() > 0) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
+    return sendBytes(&request, sizeof(request) / 2) && eventually([this] { return unsent() == 0; });
 }
 
 bool WireClient::sendCreateGraph(const GraphWish& wish) {
-    return send(makeCreateGraph(wish), {}, wish.path.empty() ? wish.blob : std::string());
+    auto request = make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    request.subclass = wish.subclass;
+    request.expectDevices = 1;
+    copyText(request.graphName, wish.name);
+    copyText(request.graphTag, wish.tag);
+    copyText(request.streamId, wish.stream);
+    copyText(request.graphPath, wish.path);
+    if (!wish.path.empty()) return send(request);
+    request.head.base.dataNum = 1;
+    request.head.base.data[0] = 1;  // an address of this process, which the service must not use
+    request.head.base.dataSize[0] = wish.blob.size();
+    return send(request, {}, wish.blob);
 }
 
-size_t WireClient::waitingBytes(int socket) {
+size_t WireClient::countBytes(int socket, unsigned long request) {
     int count = 0;
-    return ::ioctl(socket, FIONREAD, &count) == 0 ? static_cast<size_t>(count) : 0;
-}
-
-size_t WireClient::unsent() const {
-    int count = 0;
-    return ::ioctl(fd(), TIOCOUTQ, &count) == 0 ? static_cast<size_t>(count) : 0;
+    return ::ioctl(socket, request, &count) == 0 ? static_cast<size_t>(count) : 0;
 }
 
 bool WireClient::isReady(short events, Millis time) const {
@@ -116,16 +97,9 @@ bool WireClient::isReady(short events, Millis time) const {
     return ::poll(&state, 1, static_cast<int>(time.count())) == 1 && (state.revents & events) != 0;
 }
 
-bool WireClient::canReceive(Millis time) const { return isReady(POLLIN, time); }
-
-bool WireClient::canSend(Millis time) const { return isReady(POLLOUT, time); }
-
-bool WireClient::isDisconnected() const { return isReady(POLLHUP, Millis(0)); }
-
 bool WireClient::waitReadable(Deadline deadline) const {
     const auto left = std::chrono::ceil<Millis>(deadline - std::chrono::steady_clock::now());
-    pollfd state{fd(), POLLIN, 0};
-    return left.count() > 0 && ::poll(&state, 1, static_cast<int>(left.count())) == 1;
+    return left.count() > 0 && isReady(POLLIN, left);
 }
 
 bool WireClient::readBytes(void* target, size_t size, Millis time) const {
@@ -173,45 +147,14 @@ uint64_t WireClient::registerClient(const std::string& name, uint16_t apiMajorVe
     auto request = make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
     copyText(request.clientName, name);
     request.apiMajorVersion = apiMajorVersion;
-    std::optional<WireMessage> answer;
-    if (send(request)) answer = receiveType(KELM_MESSAGE_REGISTER_RSP);
+    const auto answer = send(request) ? receiveType(KELM_MESSAGE_REGISTER_RSP) : std::nullopt;
     m_id = answer ? answer->as<KelmMsgRsp>().clientId : 0;
     return m_id;
-}
-
-bool WireClient::unregister() {
-    const auto request = make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
-    return ask<KelmMsgRsp>(request).status == KELM_OK;
 }
 
 KelmMsgRspCreateGraph WireClient::createGraph(const GraphWish& wish) {
     if (!sendCreateGraph(wish)) throw NoAnswer("the connection is closed");
     return receive<KelmMsgRspCreateGraph>();
-}
-
-int32_t WireClient::destroyGraph(uint64_t graph) {
-    const auto request = make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph);
-    return ask<KelmMsgRsp>(request).status;
-}
-
-KelmMsgRspQueryBufferSize WireClient::queryBufferSize(uint64_t graph) {
-    return ask<KelmMsgRspQueryBufferSize>(
-        make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, graph));
-}
-
-KelmMsgRspCancelTask WireClient::cancelTask(uint64_t task) {
-    return ask<KelmMsgRspCancelTask>(
-        make<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ, task));
-}
-
-KelmMsgRspQueryTaskStatus WireClient::queryTaskStatus(uint64_t task) {
-    return ask<KelmMsgRspQueryTaskStatus>(
-        make<KelmMsgReqQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_REQ, task));
-}
-
-KelmMsgRspQueryStatus WireClient::queryStatus(uint64_t bits) {
-    return ask<KelmMsgRspQueryStatus>(
-        make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, bits));
 }
 
 bool WireClient::infers(uint64_t graph) {

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -38,7 +42,7 @@ struct NoAnswer : std::runtime_error {
 
 // What a client asks for with a graph. With a path no blob is sent.
 struct GraphWish {
-    std::string blob;
+    std::string blob{};
     std::string name = "graph";
     std::string tag{};
     std::string stream{};
@@ -48,13 +52,8 @@ struct GraphWish {
 
 // A client of the service over a plain socket, which shares no code with the real client. It can be
 // polite (ask() and the calls behind it), slow or dying (setManner()), silent (flood()) and broken
-// (any bytes, any descriptors, half a record). Closing is abrupt.
-//
-//     WireClient client(RunPaths::serviceSocket(), "name");
-//     const uint64_t graph = client.createGraph({"blob"}).graphId;
-//     EXPECT_TRUE(client.infers(graph));
-//
-// Threads: one may send while another receives; interrupt() from any.
+// (any bytes, any descriptors, half a record). Closing is abrupt. One thread may send while another
+// receives; interrupt() from any.
 class WireClient {
  public:
     using Millis = std::chrono::milliseconds;
@@ -79,14 +78,14 @@ class WireClient {
     uint64_t id() const { return m_id; }  // of the last registration; 0 if it was refused
     void setManner(const Manner& manner) { m_manner = manner; }
     void hangUp() { m_socket.reset(); }
-    void interrupt() const;  // ends what other threads wait for here
+    // Ends what other threads wait for here.
+    void interrupt() const { ::shutdown(fd(), SHUT_RDWR); }
 
     // A zeroed request of this client that wants a response. `subject` is the graph, the task or
     // the bits that it is about.
     template <class Request>
     Request make(KelmMsgType type, uint64_t subject = 0) {
-        Request request;
-        std::memset(static_cast<void*>(&request), 0, sizeof(request));
+        Request request{};
         auto& head = reinterpret_cast<KelmMsgReq&>(request);
         head.base.type = type;
         head.base.size = sizeof(request);
@@ -100,7 +99,6 @@ class WireClient {
     }
     // Without descriptors, which simulated devices take; its cookie is its number.
     KelmMsgReqInferTask makeInfer(uint64_t graph);
-    KelmMsgReqCreateGraph makeCreateGraph(const GraphWish& wish);
 
     // All that send return false once the service has closed the connection.
     bool sendBytes(const void* bytes, size_t size);
@@ -132,12 +130,12 @@ class WireClient {
 
     // What waits here, and what of ours the service has not read, in bytes.
     size_t unread() const { return waitingBytes(fd()); }
-    static size_t waitingBytes(int socket);
-    size_t unsent() const;
-    bool canReceive(Millis time = Millis(0)) const;
-    bool canSend(Millis time = Millis(50)) const;
+    static size_t waitingBytes(int socket) { return countBytes(socket, FIONREAD); }
+    size_t unsent() const { return countBytes(fd(), TIOCOUTQ); }
+    bool canReceive(Millis time = Millis(0)) const { return isReady(POLLIN, time); }
+    bool canSend(Millis time = Millis(50)) const { return isReady(POLLOUT, time); }
     // Whether the service has ended the connection.
-    bool isDisconnected() const;
+    bool isDisconnected() const { return isReady(POLLHUP, Millis(0)); }
 
     // False when the connection ends or the time is up first.
     bool readBytes(void* target, size_t size, Millis time = kPatience) const;
@@ -171,19 +169,38 @@ class WireClient {
 
     // The new id, which the following requests bear, or 0 if the service has hung up.
     uint64_t registerClient(const std::string& name, uint16_t apiMajorVersion = 2);
-    bool unregister();
+    bool unregister() {
+        const auto request = make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+        return ask<KelmMsgRsp>(request).status == KELM_OK;
+    }
     KelmMsgRspCreateGraph createGraph(const GraphWish& wish);
-    int32_t destroyGraph(uint64_t graph);
-    KelmMsgRspQueryBufferSize queryBufferSize(uint64_t graph);
-    KelmMsgRspCancelTask cancelTask(uint64_t task);
-    KelmMsgRspQueryTaskStatus queryTaskStatus(uint64_t task);
-    KelmMsgRspQueryStatus queryStatus(uint64_t bits);
+    int32_t destroyGraph(uint64_t graph) {
+        const auto request = make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph);
+        return ask<KelmMsgRsp>(request).status;
+    }
+    auto queryBufferSize(uint64_t graph) {
+        return ask<KelmMsgRspQueryBufferSize>(
+            make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, graph));
+    }
+    auto cancelTask(uint64_t task) {
+        const auto request = make<KelmMsgReqCancelTask>(KELM_MESSAGE_CANCEL_TASK_REQ, task);
+        return ask<KelmMsgRspCancelTask>(request);
+    }
+    auto queryTaskStatus(uint64_t task) {
+        return ask<KelmMsgRspQueryTaskStatus>(
+            make<KelmMsgReqQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_REQ, task));
+    }
+    auto queryStatus(uint64_t bits) {
+        const auto request = make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, bits);
+        return ask<KelmMsgRspQueryStatus>(request);
+    }
     // Whether a task on the graph is accepted and ends well.
     bool infers(uint64_t graph);
 
  private:
     using Deadline = std::chrono::steady_clock::time_point;
 
+    static size_t countBytes(int socket, unsigned long request);
     bool isReady(short events, Millis time) const;
     bool waitReadable(Deadline deadline) const;
 
