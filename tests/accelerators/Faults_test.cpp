@@ -17,6 +17,7 @@ class FaultsTest : public AcceleratorFixture {
         auto auxiliary = checkedLoad(0, "--tasks 8 --aux");  // opens the ION device, once
         EXPECT_EQ(resultOf(auxiliary), "");
         m_before = footprint();
+        // What the first use has set up comes late, in other threads: warm is what stays as it is.
         for (Footprint last{}; last != m_before; m_before = footprint()) {
             last = m_before;
             std::this_thread::sleep_for(std::chrono::milliseconds(300));

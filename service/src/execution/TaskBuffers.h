@@ -8,6 +8,8 @@ struct KelmBuffer;
 class KelmTaskParam;
 
 // The buffers of a task on their way to and from an accelerator. The checks log what is wrong.
+//
+// Threads: any; a task has one owner at a time. Owns: nothing. Locks: none.
 class TaskBuffers {
  public:
     static bool verifyBuffer(const KelmBuffer& buffer);

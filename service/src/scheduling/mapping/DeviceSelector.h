@@ -12,7 +12,8 @@ namespace kelm {
 // last of its kind ended, which holds only while no device becomes free, and while none is chosen
 // by load before all those that a plan fills by demand are filled.
 //
-// Borrows the devices.
+// Threads: one, for one plan. Owns: nothing; borrows the devices. Locks: none, GraphMapper holds
+// its mutex meanwhile.
 class DeviceSelector {
  public:
     explicit DeviceSelector(const DeviceItemSet& devices) : m_devices(devices) {}

@@ -19,7 +19,10 @@ struct MapperLimits {
 
 // One mapping: makes a plan, switches graphs out until it fits, and has it laid over the map in
 // force. Results as the planner's: 0, the number of graphs too many, or negative for a hard
-// failure. One run per cycle; no locks.
+// failure. One run per cycle.
+//
+// Threads: one, with the mutex of GraphMapper held. Owns: nothing; borrows model and
+// matcher for its life. Locks: none.
 class MappingCycle {
  public:
     MappingCycle(MapperModel& model, MapperMatcher& matcher, const MapperLimits& limits,

@@ -13,7 +13,10 @@ class MapperModel;
 // and directly in the map in force, without regard to what is resident.
 // Never reached but in tests: no graph is ready when a mapping is made.
 //
-// Results as the planner's. One placing per placer; no locks.
+// Results as the planner's. One placing per placer.
+//
+// Threads: one. Owns: nothing; borrows the model. Locks: none, GraphMapper holds its mutex
+// meanwhile.
 class ReadyPlacer {
  public:
     ReadyPlacer(MapperModel& model, int32_t maxGraphNumPerDevice, StepTrace trace);
