@@ -12,8 +12,6 @@ namespace kelm::simulator {
 
 namespace {
 
-constexpr std::chrono::milliseconds kBetweenLooks{1};
-
 bool isSame(const struct stat& a, const struct stat& b) {
     return a.st_ino == b.st_ino && a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
@@ -36,9 +34,7 @@ void tellEvent(const std::string& line) {
 }
 
 bool WatchedFile::hasChanged() {
-    const auto now = std::chrono::steady_clock::now();
-    if (m_path.empty() || now < m_nextLook) return false;
-    m_nextLook = now + kBetweenLooks;
+    if (m_path.empty()) return false;
     struct stat status {};
     if (::stat(m_path.c_str(), &status) != 0) status = {};
     const bool changed = !isSame(status, m_seen);

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,7 +15,7 @@ std::string simulatorFile(const std::string& name);
 // Adds a line to the file "events" there; nothing happens without the directory.
 void tellEvent(const std::string& line);
 
-// The lines of a file, read again when it has changed; looks at most once a millisecond.
+// The lines of a file, read again when it has changed: what is written before a call counts in it.
 //
 // Threads: one at a time.
 class WatchedFile {
@@ -33,7 +32,6 @@ class WatchedFile {
 
     const std::string m_path;
     struct stat m_seen {};
-    std::chrono::steady_clock::time_point m_nextLook;
 };
 
 }  // namespace kelm::simulator
