@@ -1,6 +1,7 @@
 #include "managers/ClientManager.h"
 
 #include "config/ServiceConfigParser.h"
+#include "managers/ClientReport.h"
 #include "managers/GraphManager.h"
 #include "managers/MessageDispatcher.h"
 #include "managers/ResultDispatcher.h"
@@ -10,6 +11,7 @@
 #include "records/KelmClient.h"
 #include "records/Request.h"
 #include "reporting/InfoCollector.h"
+#include "reporting/ReportPart.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
@@ -204,14 +206,9 @@ void ClientManager::notifyClientInDestroy(uint64_t clientId) {
 
 void ClientManager::enqueueNotifyAllTasksDone(uint64_t clientId) {
     m_pool.postNotice([this, clientId] {
-        m_onPool.assertHeld();
-        notifyAllTasksDone(clientId);
+        MutexLock lock(m_mutex);
+        if (m_departures.noteAllTasksDone(clientId)) endClientUnsafe(clientId);
     });
-}
-
-void ClientManager::notifyAllTasksDone(uint64_t clientId) {
-    MutexLock lock(m_mutex);
-    if (m_departures.noteAllTasksDone(clientId)) endClientUnsafe(clientId);
 }
 
 void ClientManager::keepUntilAnswered(Request& request) {
@@ -229,26 +226,16 @@ void ClientManager::keepUntilAnswered(Request& request) {
 
 void ClientManager::enqueueNotifyAnswered(uint64_t clientId) {
     m_pool.postNotice([this, clientId] {
-        m_onPool.assertHeld();
-        notifyAnswered(clientId);
+        MutexLock lock(m_mutex);
+        if (m_departures.noteAnswered(clientId)) endClientUnsafe(clientId);
     });
-}
-
-void ClientManager::notifyAnswered(uint64_t clientId) {
-    MutexLock lock(m_mutex);
-    if (m_departures.noteAnswered(clientId)) endClientUnsafe(clientId);
 }
 
 void ClientManager::enqueueNotifyUnregRspSent(uint64_t clientId) {
     m_pool.postNotice([this, clientId] {
-        m_onPool.assertHeld();
-        notifyUnregRspSent(clientId);
+        MutexLock lock(m_mutex);
+        if (m_departures.noteUnregRspSent(clientId)) endClientUnsafe(clientId);
     });
-}
-
-void ClientManager::notifyUnregRspSent(uint64_t clientId) {
-    MutexLock lock(m_mutex);
-    if (m_departures.noteUnregRspSent(clientId)) endClientUnsafe(clientId);
 }
 
 void ClientManager::endClientUnsafe(uint64_t clientId) {
@@ -262,14 +249,9 @@ void ClientManager::endClientUnsafe(uint64_t clientId) {
 
 void ClientManager::enqueueNotifyAnswersSent(uint64_t clientId) {
     m_pool.postNotice([this, clientId] {
-        m_onPool.assertHeld();
-        notifyAnswersSent(clientId);
+        MutexLock lock(m_mutex);
+        cleanClientUnsafe(clientId);
     });
-}
-
-void ClientManager::notifyAnswersSent(uint64_t clientId) {
-    MutexLock lock(m_mutex);
-    cleanClientUnsafe(clientId);
 }
 
 void ClientManager::cleanClientUnsafe(uint64_t clientId) {
@@ -376,6 +358,31 @@ std::shared_ptr<ClientConnection> ClientManager::getConnectionByClientId(uint64_
 bool ClientManager::isActive() {
     MutexLock lock(m_mutex);
     return !m_idClientMap.empty();
+}
+
+void ClientManager::onPrintInfo() {
+    MutexLock lock(m_mutex);  // both prints tell of the same clients
+    if (m_printClientFps) printClientFps(m_idClientMap);
+    if (m_snapshot) printClientSnapshot(m_idClientMap);
+}
+
+void ClientManager::enqueueQueryClientStatus(const std::shared_ptr<KelmStatus>& status) {
+    m_pool.post([this, status] {
+        reportStatusPart(status, "ClientManager", [this](KelmStatus& record) {
+            MutexLock lock(m_mutex);
+            fillClientStatus(m_idClientMap, record);
+        });
+    });
+}
+
+// A notice: the collecting thread waits for this part, so a full queue must not delay it.
+void ClientManager::enqueueUpdateInfoPackage(InfoPackage* package) {
+    m_pool.postNotice([this, package] {
+        reportPackagePart("ClientManager", [this, package] {
+            MutexLock lock(m_mutex);
+            fillClientRows(m_idClientMap, *package);
+        });
+    });
 }
 
 }  // namespace kelm

@@ -103,10 +103,6 @@ class ClientManager : public Singleton<ClientManager>,
     uint64_t addClient(const char* name, uint16_t major, uint16_t minor,
                        const ConnectionPtr& connection) EXCLUDES(m_mutex);
     void unregisterClient(Request request) REQUIRES(m_onPool) EXCLUDES(m_mutex);
-    void notifyAllTasksDone(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
-    void notifyAnswered(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
-    void notifyUnregRspSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
-    void notifyAnswersSent(uint64_t clientId) REQUIRES(m_onPool) EXCLUDES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
     KelmClient* getClientByIdUnsafe(uint64_t clientId) REQUIRES(m_mutex);
@@ -124,9 +120,6 @@ class ClientManager : public Singleton<ClientManager>,
     void endClientUnsafe(uint64_t clientId) REQUIRES(m_mutex);
     void cleanClientUnsafe(uint64_t clientId) REQUIRES(m_mutex);
     void removeSocketEntryUnsafe(const KelmClient& client) REQUIRES(m_mutex);
-
-    void queryClientStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
-    void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
 
     const bool m_printClientFps;
     const bool m_snapshot;

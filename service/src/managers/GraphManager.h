@@ -2,15 +2,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
-#include <vector>
 
 #include "managers/FileDigests.h"
 #include "managers/GraphDump.h"
+#include "managers/GraphRegistry.h"
 #include "managers/GraphTurns.h"
 #include "protocol/src/KelmError.h"
 #include "records/Request.h"
@@ -31,10 +29,6 @@ struct KelmStatus;
 
 // Owns every graph record. Merges identical graphs, so that one blob is loaded once however many
 // clients ask for it, and deletes a record only when its tasks have ended and no device holds it.
-//
-// A graph is loading (in m_graphs and m_responseLists), then loaded (in m_graphs and
-// m_loadedGraphs), then departing (in m_deallocatingGraphs only), then deleted. A failed first load
-// ends it too; its record then stays in m_failedGraphs until no task refers to it.
 //
 // Notices name a graph by its pointer, which is safe: the last notice of the device side is that of
 // a failed first load or the answer to the one unload request, the last notice of the task side the
@@ -94,10 +88,6 @@ class GraphManager : public Singleton<GraphManager>,
         KelmGraph* graph;
         KelmError error;
     };
-    struct Deallocation {
-        bool unloadDone = false;
-        bool allTasksDone = false;
-    };
     // One turn; true when the request is answered, or will be with the outcome of a load.
     bool continueCreation(Request& request, const CreationPtr& creation) REQUIRES(m_onPool)
         EXCLUDES(m_mutex);
@@ -117,29 +107,19 @@ class GraphManager : public Singleton<GraphManager>,
                          std::optional<CreateAnswer>& answer) REQUIRES(m_mutex);
     // The answer of a refusal, or nothing when the request waits for the outcome of the load.
     std::optional<CreateAnswer> loadNewGraph(Request& request, GraphBlob& blob) EXCLUDES(m_mutex);
-    bool isTwin(KelmGraph& graph, const KelmMsgReqCreateGraph& wanted,
-                const std::string& hash) const;
-    KelmGraph* getLoadedGraph(const KelmMsgReqCreateGraph& wanted, const std::string& hash)
-        REQUIRES(m_mutex);
-    KelmGraph* getLoadingGraph(const KelmMsgReqCreateGraph& wanted, const std::string& hash)
-        REQUIRES(m_mutex);
-
     void notifyLoadGraphDone(KelmGraph* graph, KelmError error) EXCLUDES(m_mutex);
-    void failLoadUnsafe(KelmGraph* graph, KelmError error) REQUIRES(m_mutex);
 
     void destroyGraph(Request request) EXCLUDES(m_mutex);
-    // On success `trace` is the open trace of the graph's end.
-    KelmError giveUpGraphUnsafe(const Request& request, uint64_t& trace) REQUIRES(m_mutex);
-    // Starts the graph's departure: out of every list but m_deallocatingGraphs, unload asked for,
-    // task manager told. Requests that still waited for its load get no answer.
-    void retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
-    void releaseWaitingUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
-    void notifyDeallocatedGraph(KelmGraph* graph) REQUIRES(m_mutex);
-    void notifyUnloadGraphDone(KelmGraph* graph) EXCLUDES(m_mutex);
+    // On success `trace` is the open trace of the graph's end. `unanswered`: see below.
+    KelmError giveUpGraphUnsafe(const Request& request, uint64_t& trace,
+                                GraphRegistry::Requests& unanswered) REQUIRES(m_mutex);
+    // Starts the graph's departure: unload asked for, task manager told. Returns the requests that
+    // still wait for its load, to be destroyed without the mutex: the end of a request writes to
+    // the log.
+    GraphRegistry::Requests retireGraphUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    void confirmDeparture(KelmGraph* graph, GraphRegistry::Confirmation confirmation)
+        EXCLUDES(m_mutex);
     void notifyAllTasksDone(KelmGraph* graph) EXCLUDES(m_mutex);
-    // The record when this was the last confirmation, else null.
-    std::unique_ptr<KelmGraph> confirmUnsafe(KelmGraph* graph, bool Deallocation::*confirmation)
-        REQUIRES(m_mutex);
     void notifyClientInDestroy(uint64_t clientId) EXCLUDES(m_mutex);
 
     void queryBufferSize(Request request) EXCLUDES(m_mutex);
@@ -149,27 +129,15 @@ class GraphManager : public Singleton<GraphManager>,
     void sendQueryBufferSizeResponse(uint64_t outputBufferSize, uint64_t auxBufferSize,
                                      KelmError error, Request request);
 
-    void queryGraphStatus(const std::shared_ptr<KelmStatus>& status) EXCLUDES(m_mutex);
-    void updateInfoPackage(InfoPackage* package) EXCLUDES(m_mutex);
-
     Mutex m_mutex;
-    int32_t m_graphNum GUARDED_BY(m_mutex) = 0;  // created and not yet finally destroyed
-    // Fixed after construction.
-    int32_t m_maxGraphNum = INT32_MAX;
     const bool m_printFps;
     const StepTrace m_trace;
     const bool m_snapshotBase;
     GraphDump m_dump;
     // Atomic: an id is drawn without regard to any other field.
     std::atomic<uint64_t> m_nextGraphId{1};
-    const std::string m_graphIdentity;
-    std::set<KelmGraph*> m_loadedGraphs GUARDED_BY(m_mutex);
-    // One entry per graph whose load is under way: the create requests that wait for its outcome.
-    std::map<KelmGraph*, std::vector<Request>> m_responseLists GUARDED_BY(m_mutex);
-    std::map<KelmGraph*, Deallocation> m_deallocatingGraphs GUARDED_BY(m_mutex);
-    std::set<KelmGraph*> m_failedGraphs GUARDED_BY(m_mutex);      // not counted in m_graphNum
-    std::map<uint64_t, KelmGraph*> m_graphs GUARDED_BY(m_mutex);  // what clients can name
-    CondVar m_goneCond;  // a record has been deleted, or a load has failed
+    GraphRegistry m_graphs GUARDED_BY(m_mutex);
+    CondVar m_recordCond;  // a record has been deleted, or a load has failed
     // Atomic: set once when the service stops, and read before each answer.
     std::atomic<bool> m_stopped{false};
     ThreadRole m_onPool;

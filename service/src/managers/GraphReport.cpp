@@ -1,13 +1,11 @@
-// The graph manager's part of the interval print, of the status query and of the info package.
-// Only loaded graphs are in them.
+#include "managers/GraphReport.h"
+
 #include <chrono>
 #include <string>
-#include <vector>
 
-#include "managers/GraphManager.h"
 #include "protocol/src/InfoPackage.h"
 #include "records/KelmGraph.h"
-#include "reporting/ReportPart.h"
+#include "reporting/KelmStatus.h"
 #include "utils/Log.h"
 #include "utils/StringHelper.h"
 #include "utils/TextHelper.h"
@@ -69,7 +67,9 @@ void fillRow(KelmGraph& graph, InfoGraphRow& row) {
     }
 }
 
-void printGraphFps(const std::set<KelmGraph*>& graphs) {
+}  // namespace
+
+void printGraphFps(const std::vector<KelmGraph*>& graphs) {
     std::string text = StringHelper::format("GraphFps(count=%lu):\n", graphs.size());
     for (KelmGraph* graph : graphs) {
         text += " [" + escapeControls(graph->getName()) + "] = (in) " +
@@ -79,7 +79,7 @@ void printGraphFps(const std::set<KelmGraph*>& graphs) {
     LOG_INFO("%s", text);
 }
 
-void printSnapshot(const std::set<KelmGraph*>& graphs) {
+void printGraphSnapshot(const std::vector<KelmGraph*>& graphs) {
     TextTable table(kLabelWidth, kCellWidth);
     for (const Row& row : kRows) {
         std::vector<std::string> cells;
@@ -91,42 +91,19 @@ void printSnapshot(const std::set<KelmGraph*>& graphs) {
     LOG_INFO("%s", "GraphSnapshot(RegularPrint):\n" + table.text());
 }
 
-}  // namespace
-
-void GraphManager::onPrintInfo() {
-    MutexLock lock(m_mutex);
-    if (m_printFps) printGraphFps(m_loadedGraphs);
-    if (m_snapshotBase) printSnapshot(m_loadedGraphs);
+void fillGraphStatus(const std::vector<KelmGraph*>& graphs, KelmStatus& status) {
+    for (KelmGraph* graph : graphs) {
+        status.graphNames.push_back(graph->getName());
+        status.graphFpsIn.push_back(graph->getFpsIn());
+        status.graphFpsOut.push_back(graph->getFpsOut());
+    }
 }
 
-void GraphManager::enqueueQueryGraphStatus(const std::shared_ptr<KelmStatus>& status) {
-    m_pool.post([this, status] { queryGraphStatus(status); });
-}
-
-void GraphManager::queryGraphStatus(const std::shared_ptr<KelmStatus>& status) {
-    reportStatusPart(status, "GraphManager", [this](KelmStatus& record) {
-        MutexLock lock(m_mutex);
-        for (KelmGraph* graph : m_loadedGraphs) {
-            record.graphNames.push_back(graph->getName());
-            record.graphFpsIn.push_back(graph->getFpsIn());
-            record.graphFpsOut.push_back(graph->getFpsOut());
-        }
-    });
-}
-
-// A notice: the collecting thread waits for this part, so a full queue must not delay it.
-void GraphManager::enqueueUpdateInfoPackage(InfoPackage* package) {
-    m_pool.postNotice([this, package] { updateInfoPackage(package); });
-}
-
-void GraphManager::updateInfoPackage(InfoPackage* package) {
-    reportPackagePart("GraphManager", [this, package] {
-        MutexLock lock(m_mutex);
-        for (KelmGraph* graph : m_loadedGraphs) {
-            if (package->graphCount == kPackageGraphs) break;  // the rest has no row
-            fillRow(*graph, package->graphs[package->graphCount++]);
-        }
-    });
+void fillGraphRows(const std::vector<KelmGraph*>& graphs, InfoPackage& package) {
+    for (KelmGraph* graph : graphs) {
+        if (package.graphCount == kPackageGraphs) break;  // the rest has no row
+        fillRow(*graph, package.graphs[package.graphCount++]);
+    }
 }
 
 }  // namespace kelm
