@@ -2,17 +2,15 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <vector>
 
 #include "execution/ResultSink.h"
+#include "managers/ClientSenders.h"
 #include "managers/StrangerSender.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/MessagePtr.h"
 #include "reporting/PrintInfoListener.h"
 #include "utils/FpsCounter.h"
-#include "utils/Mutex.h"
 #include "utils/Singleton.h"
 #include "utils/StepTrace.h"
 #include "utils/ThreadPool.h"
@@ -20,7 +18,6 @@
 
 namespace kelm {
 
-class Backlog;
 class ClientSender;
 class KelmClient;
 class KelmGraph;
@@ -39,8 +36,7 @@ struct RequestRow;
 //
 // Threads: m_mainPool builds, m_strangers writes what belongs to no client, one pool per client
 // writes that client's messages in order.
-// Owns: the clients' pools, and what is queued. Borrows tasks until it has passed them on.
-// Locks: m_dedicatedMutex, never held across a post or the end of a pool.
+// Owns: the clients' senders, and what is queued. Borrows tasks until it has passed them on.
 class ResultDispatcher : public Singleton<ResultDispatcher>,
                          public ResultSink,
                          public PrintInfoListener {
@@ -73,7 +69,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     void enqueueRemoveDedicatedThreadPool(uint64_t clientId);
 
     // From here on no client gets a pool any more, and peers without a client get no answer.
-    void stopSendResponse() EXCLUDES(m_dedicatedMutex);
+    void stopSendResponse();
 
     void onPrintInfo() override;
 
@@ -95,7 +91,6 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
         REQUIRES(m_onMainPool);
     void sendUnregisterResponse(KelmError error, Request request) REQUIRES(m_onMainPool);
     void sendTaskDoneResponse(KelmTask* task, KelmError error) REQUIRES(m_onMainPool);
-    void queryServiceFps(const std::shared_ptr<KelmStatus>& status);
 
     // False, with the reason logged, when the request gets no answer.
     bool checkInputParameters(const Answer& answer, const KelmMsgReq& request);
@@ -122,36 +117,17 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     static void finishUnregister(ClientSender& sender);
     void notifySendCreateTaskReponseDone(ClientSender& sender, uint64_t taskId);
 
-    // The sender of the client, made at its first message; null for an id without a client, and for
-    // a client whose connection is closed, which this does itself when there is no thread to make.
-    ClientSender* getDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
-        EXCLUDES(m_dedicatedMutex);
-    // The same, but none is made.
-    ClientSender* findSender(uint64_t clientId) REQUIRES(m_onMainPool) EXCLUDES(m_dedicatedMutex);
-    void finishSender(uint64_t clientId) REQUIRES(m_onMainPool) EXCLUDES(m_dedicatedMutex);
-    // Takes the client's pool out at once; it ends when it has written what is queued.
-    void removeDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool)
-        EXCLUDES(m_dedicatedMutex);
-    void deleteRetiredSender(const ClientSender* sender) REQUIRES(m_onMainPool)
-        EXCLUDES(m_dedicatedMutex);
-    // The backlog that the connection's other clients share, null if there are none.
-    std::shared_ptr<Backlog> findBacklogUnsafe(int socket) const REQUIRES(m_dedicatedMutex);
-    bool isStopped() EXCLUDES(m_dedicatedMutex);
-    void printServiceFps();
+    void finishSender(uint64_t clientId) REQUIRES(m_onMainPool);
+    // Takes the client's sender out at once; it ends when it has written what is queued.
+    void removeDedicatedThreadPool(uint64_t clientId) REQUIRES(m_onMainPool);
 
     const StepTrace m_trace;
     // Atomic: the sequence is one of the whole service.
     std::atomic<uint64_t> m_evtSeqNo{0};
     FpsCounter m_finishedTasks;
 
-    Mutex m_dedicatedMutex;
-    bool m_stopped GUARDED_BY(m_dedicatedMutex) = false;
-    std::map<uint64_t, std::unique_ptr<ClientSender>> m_dedicatedThreadPools
-        GUARDED_BY(m_dedicatedMutex);
-    // Taken out of the map above and still writing.
-    std::vector<std::unique_ptr<ClientSender>> m_retiredSenders GUARDED_BY(m_dedicatedMutex);
-
     ThreadRole m_onMainPool;
+    ClientSenders m_senders;
     StrangerSender m_strangers;
     ThreadPool m_mainPool;  // last: its jobs use all of the above
 };
