@@ -15,6 +15,8 @@ fi
 
 ./scripts/packages.sh git clang clang-format clang-tidy umockdev libumockdev-dev || exit 1
 jobs=$(nproc)
+# Many tests wait for the service more than they compute.
+test_jobs=$((jobs + (jobs + 1) / 2))
 # Every finding of a sanitizer is a failure.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -27,7 +29,7 @@ build() { # preset
 }
 
 run_tests() { # preset
-    build "$1" && ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$jobs"
+    build "$1" && ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$test_jobs"
 }
 
 # Benchmarks are built and run, for a moment; their times decide nothing here.
