@@ -54,6 +54,7 @@ void ClientManager::enqueueRegisterClient(Request request) {
     } else {
         connection = IPC::ConnectionBase::findConnection(socket);
     }
+    // The peer has hung up already: no answer could reach it.
     if (!connection) return;
     m_pool.post([this, request = std::move(request), connection = std::move(connection)]() mutable {
         m_onPool.assertHeld();
@@ -102,6 +103,7 @@ uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t min
     return clientId;
 }
 
+// One object for all clients of a connection: it closes with the last of them, and counts them.
 std::shared_ptr<ClientConnection> ClientManager::shareConnectionUnsafe(
     const ConnectionPtr& connection) {
     const auto entry = m_socketClientMap.find(connection->getSimulateFD());
@@ -185,6 +187,7 @@ bool ClientManager::startDepartureUnsafe(KelmClient& client, bool unregRspSent) 
     return fresh;
 }
 
+// The records stay until their tasks have ended: devices may still write into the buffers of these.
 std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
     const std::shared_ptr<ClientConnection>& connection) {
     connection->shutdown();  // ends the write of a sender that waits for the peer
@@ -216,6 +219,7 @@ void ClientManager::keepUntilAnswered(Request& request) {
     MutexLock lock(m_mutex);
     KelmClient* client = getClientForUnsafe(request);
     if (client == nullptr || !client->isRunning()) return;
+    // One count for each request; the token's end, wherever the request ends, lowers it.
     m_departures.keep(clientId);
     // Through the port: a request may be destroyed later than this object.
     request.keep({this, [clientId](const void*) {
@@ -254,6 +258,7 @@ void ClientManager::enqueueNotifyAnswersSent(uint64_t clientId) {
     });
 }
 
+// Nothing refers to the record any more: no task, no answer under way, no name on a connection.
 void ClientManager::cleanClientUnsafe(uint64_t clientId) {
     m_departures.finish(clientId);
     const auto client = m_idClientMap.find(clientId);
@@ -285,12 +290,15 @@ bool ClientManager::finish(std::chrono::milliseconds time) {
     while (!m_idClientMap.empty()) {
         if (!m_zeroClientCond.waitUntil(m_mutex, deadline)) break;
     }
+    // A record that ends later, because a device comes back late, is deleted without a word to
+    // other managers.
     m_finished = true;  // from here on the other managers may be destroyed
     const bool empty = m_idClientMap.empty();
     lock.unlock();  // the pool's jobs take it
     return m_pool.waitIdleFor(timeUntil(deadline)) && empty;
 }
 
+// False for a client that departs, too: the callers begin something for it.
 bool ClientManager::verifyClient(uint64_t clientId) {
     if (clientId == 0) return false;
     MutexLock lock(m_mutex);
@@ -315,6 +323,7 @@ bool ClientManager::isOfAnotherUser(const Request& request) {
 KelmClient* ClientManager::getClientForUnsafe(const Request& request) {
     KelmClient* client = getClientByIdUnsafe(request.getClientId());
     if (client == nullptr) return nullptr;
+    // By user, not by connection: a process may send requests of a client over another connection.
     const auto sender = kelmGetPeer(*request.getMessage());
     // A client without a known owner can be named by no request.
     const auto& owner = client->getConnection()->getPeer();

@@ -38,11 +38,14 @@ bool ClientSender::isOfUser(uid_t user) const {
 void ClientSender::write(KelmMsgBase& message) {
     m_onThread.assertHeld();
     if (!m_writer.hasRoomFor(message.size)) flush();
+    // Also what cannot be written any more: settle() tells of each message once.
     m_gathered.emplace_back(message);
     if (isOpen() && m_writer.append(&message) != 0) fail();
     if (!m_failure.empty() || m_writer.empty()) settle();
 }
 
+// Called when the queue is empty and when the buffer is full: a message never waits for a later
+// one.
 void ClientSender::flush() {
     m_onThread.assertHeld();
     if (m_gathered.empty()) return;

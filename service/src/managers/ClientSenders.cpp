@@ -50,6 +50,7 @@ ClientSender* ClientSenders::find(uint64_t clientId) {
     return entry != m_dedicatedThreadPools.end() ? entry->second.get() : nullptr;
 }
 
+// Only moved: its thread goes on writing what is queued, and must not be joined here.
 ClientSender* ClientSenders::retire(uint64_t clientId) {
     MutexLock lock(m_dedicatedMutex);
     auto taken = m_dedicatedThreadPools.extract(clientId);

@@ -123,6 +123,8 @@ void GraphManager::enqueueQueryBufferSize(Request request) {
     });
 }
 
+// The notices are not held back by a full queue: a device thread would stand still for a client's
+// requests.
 void GraphManager::enqueueNotifyLoadGraphDone(KelmGraph* graph, KelmError error) {
     m_pool.postNotice([this, graph, error] { notifyLoadGraphDone(graph, error); });
 }
@@ -240,6 +242,7 @@ bool GraphManager::joinGraphUnsafe(Request& request, const std::string& hash,
     KelmGraph* loading = m_graphs.findTwin(GraphRegistry::LOADING, wanted, hash);
     if (loading == nullptr) return false;
     LOG_STEP("[CreateGraph#1] found loading graph(%lu), add to response list", loading->getId());
+    // The client is a user from now on, so the graph is not given up while it waits.
     loading->appendName(wanted.clientId, wanted.graphName);
     m_graphs.addWaiting(loading, std::move(request));
     return true;
@@ -442,6 +445,7 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
 
 void GraphManager::removeAllGraphs() {
     const auto deadline = std::chrono::steady_clock::now() + kRemoveAllLimit;
+    // First: what runs from here on finds it, and enters no graph behind the loop below.
     m_stopped.store(true);
     // A creation that has begun queues one turn after the other; its next turn finds m_stopped and
     // is its last. What a thread enqueues after the wait finds that too.

@@ -17,6 +17,8 @@ bool GraphTurns::Job::isDone() {
     }
 }
 
+// The request is counted before it waits for room: the reading thread stops reading the connection
+// as soon as that is too far ahead.
 void GraphTurns::enqueue(Request request, uint64_t blobBytes, Step step) {
     GraphBacklog::Share share = m_backlog.add(request.getSocket(), blobBytes);
     m_pool.post([this, job = Job{std::move(request), std::move(share), std::move(step)}]() mutable {
@@ -41,6 +43,8 @@ void GraphTurns::takeTurn() {
     const int connection = m_order.front();
     m_order.pop_front();
     const auto waiting = m_waiting.find(connection);
+    // The next request of the connection starts in a later turn, behind those of the other
+    // connections.
     if (waiting->second.front().isDone()) waiting->second.pop_front();
     if (waiting->second.empty()) {
         m_waiting.erase(waiting);

@@ -122,6 +122,9 @@ void MessageDispatcher::abandonStart() {
 
 bool MessageDispatcher::isWorking() { return m_clientManager->isActive(); }
 
+// The order is that of the flow of requests, against the stream: nothing new is read, then the
+// clients depart, then the graphs, then the devices. Each step may rely on those behind it, and
+// each has a limit, so that a device which never answers does not keep the process.
 bool MessageDispatcher::stopService() {
     bool ended = stopListenThread();
     LOG_INFO("stop infoPrinter");
@@ -173,11 +176,13 @@ void MessageDispatcher::listenThreadRoutine() {
     m_onListenThread.assertHeld();
     ThreadUtils::setName(m_name);
     ThreadUtils::saveThreadInfo(m_name);
+    // A share of its own: a thread that was left behind outlives this object's.
     const std::shared_ptr<IPC::Poller> poller = m_poller;
     IPC::PollEvent event;
     while (!m_stop) {
         event.clear();
         try {
+            // No message may end the thread, which would leave all clients without service.
             if (poller->wait(&event, kPollMillisec)) handleEvents(event);
             handleTimers();
         } catch (const std::exception& error) {
@@ -188,6 +193,8 @@ void MessageDispatcher::listenThreadRoutine() {
     m_listenEnded.post();
 }
 
+// A peer that has hung up gets one more reading, for the rest of a message that is under way: what
+// it has sent behind that could not be answered.
 void MessageDispatcher::handleEvents(const IPC::PollEvent& event) {
     const int socket = event.connection->getSimulateFD();
     if (event.isReadable()) {
@@ -221,6 +228,7 @@ void MessageDispatcher::makeRoom() {
     for (auto& connection : IPC::ConnectionBase::getAll()) {
         auto* const client = dynamic_cast<RequestConnection*>(connection.get());
         const auto since = client != nullptr ? client->idleSince(kPatience) : std::nullopt;
+        // The one silent for the longest time: the youngest may be just about to send.
         if (!since || *since >= idleSince) continue;
         idleSince = *since;
         idle = std::move(connection);
@@ -244,6 +252,8 @@ void MessageDispatcher::pauseAccepting() {
     m_acceptAgain = steady_clock::now() + kAcceptPause;
 }
 
+// At most one message a visit, so that a peer which writes without pause does not delay the others.
+// False closes the connection: behind a record that cannot be read nothing can be told apart.
 bool MessageDispatcher::handleSocket(RequestConnection& connection, bool hungUp) {
     const int socket = connection.getSimulateFD();
     const auto state = connection.receive(hungUp);
@@ -269,6 +279,7 @@ bool MessageDispatcher::handleMessage(Request request) {
 void MessageDispatcher::handleRegister(Request request) {
     auto& asked = request.as<KelmMsgReqRegister>();
     const int socket = request.getSocket();
+    // In place: the manager reads the name there.
     const char* name = terminated(asked.clientName);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         connection->setUser(escapeControls(name));  // so that errors of the socket name the client
@@ -278,6 +289,7 @@ void MessageDispatcher::handleRegister(Request request) {
     m_clientManager->enqueueRegisterClient(std::move(request));
 }
 
+// What the client sends behind this request is not read: its record may be destroyed by then.
 void MessageDispatcher::handleUnregister(Request request) {
     m_onListenThread.assertHeld();
     const int socket = request.getSocket();
@@ -323,6 +335,7 @@ void MessageDispatcher::handleDestroyGraph(Request request) {
         "userParam=%p",
         asked.head.reqSeqNo, asked.clientId, asked.graphId, request.getSocket(),
         request.getMessage());
+    // Here, on the thread that reads: an unregister request behind this one finds the record kept.
     m_clientManager->keepUntilAnswered(request);
     m_graphManager->enqueueDestroyGraph(std::move(request));
 }
@@ -332,6 +345,7 @@ void MessageDispatcher::handleInferTask(Request request) {
     KelmBuffer input;
     KelmBuffer output;
     KelmBuffer aux;
+    // Takes the descriptors out of the message: from here on the task's parameters close them.
     takeTaskBuffers(asked, input, output, aux);
     for (KelmBuffer* buffer : {&input, &output, &aux}) terminated(buffer->name);
     std::unique_ptr<KelmTaskParam> param(
@@ -396,6 +410,8 @@ void MessageDispatcher::handleResetDevice(Request request) {
     m_deviceManagerCreator->enqueueResetDevice(std::move(request));
 }
 
+// Blocked first: until its last record is destroyed the connection stays open, and would be
+// reported as hung up without pause.
 void MessageDispatcher::closeConnect(int socket) {
     LOG_STEP("block IPC connection(socket=%d)", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {

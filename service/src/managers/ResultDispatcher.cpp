@@ -137,6 +137,7 @@ void ResultDispatcher::enqueueSendRegisterResponse(uint64_t clientId, KelmError 
     });
 }
 
+// The request names no client yet: the answer is the new client's first message.
 void ResultDispatcher::sendRegisterResponse(uint64_t clientId, KelmError error, Request request) {
     const Answer answer{RequestRow::of(request.getType()), clientId, 0, error, request.getSocket()};
     const MessagePtr asked = request.take();
@@ -355,6 +356,8 @@ MessagePtr ResultDispatcher::makeTaskDoneMessage(KelmTask& task, KelmClient& cli
     return message;
 }
 
+// Only queues. The job of an unregister answer and that of a create answer go on with what waits
+// for the answer to be out.
 void ResultDispatcher::sendResponse(ClientSender* sender, uint64_t clientId, int socket,
                                     MessagePtr message, uint64_t createdTaskId) {
     if (sender == nullptr) {

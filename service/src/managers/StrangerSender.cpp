@@ -63,6 +63,7 @@ bool StrangerSender::writeInTime(IPC::ConnectionBase& connection, const KelmMsgB
                                  Clock::time_point deadline) {
     const auto goOn = [&] { return Clock::now() < deadline && !m_backlog.isFull(); };
     Mutex& mutex = connection.writeMutex();
+    // By trying: a wait for the mutex would have no limit.
     while (!mutex.tryLock()) {  // the peer has registered meanwhile, and its ClientSender writes
         if (!goOn()) return false;
         std::this_thread::sleep_for(kTurnPause);

@@ -14,6 +14,7 @@ bool countDown(std::map<uint64_t, int32_t>& counts, uint64_t clientId) {
 
 }  // namespace
 
+// Without tasks there is nothing to count down: the caller reports at once.
 void TaskDepartures::addClient(uint64_t clientId, int32_t tasks) {
     if (tasks > 0) m_clientCounts.emplace(clientId, tasks);
 }
@@ -22,6 +23,7 @@ void TaskDepartures::addGivenUp(uint64_t clientId, int32_t tasks) {
     if (tasks > 0) m_givenUpCounts.emplace(clientId, tasks);
 }
 
+// Entered also without tasks, unlike a client: the scheduler's word is still to come.
 bool TaskDepartures::addGraph(KelmGraph* graph, int32_t tasks) {
     return m_graphCounts.try_emplace(graph, GraphCount{false, tasks}).second;
 }
@@ -30,6 +32,7 @@ TaskDepartures::Done TaskDepartures::removeTask(uint64_t clientId, bool givenUp,
     Done done;
     done.client = countDown(m_clientCounts, clientId);
     if (givenUp) (void)countDown(m_givenUpCounts, clientId);
+    // Whichever of the two comes second, the last task or the scheduler's word, ends the departure.
     const auto entry = m_graphCounts.find(graph);
     if (entry != m_graphCounts.end() && --entry->second.tasks == 0 && entry->second.descheduled) {
         m_graphCounts.erase(entry);

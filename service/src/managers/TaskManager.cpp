@@ -58,6 +58,8 @@ void TaskManager::enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& s
     m_pool->post([this, status] { queryTaskScheduler(status); });
 }
 
+// A notice, as are those below: the threads of devices and schedulers post them, and one that
+// waited here for room could be the one that makes room.
 void TaskManager::enqueueDestroyTask(KelmTask* task) {
     m_destroyPool->postNotice([this, task] { destroyTask(task); });
 }
@@ -82,6 +84,7 @@ void TaskManager::enqueueDescheduleGraphDone(KelmGraph* graph) {
     m_pool->postNotice([this, graph] { descheduleGraphDone(graph); });
 }
 
+// Not by this manager's thread: a worker that waits for its next task is an idle device.
 void TaskManager::enqueueScheduleWorker(WorkThread* worker, KelmGraph* graph) {
     m_scheduler->enqueueScheduleWorker(worker, graph);
 }
@@ -129,6 +132,8 @@ KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
         LOG_ERROR("Error: invalid clientId %lu", clientId);
         return KELM_ERROR_INVALID_CLIENT;
     }
+    // A bound for each client, so that one which sends without waiting does not fill the queues of
+    // all.
     if (!client->allowInferTask()) {
         LOG_STEP("aggressive client(id:%lu) with too many task requests", clientId);
         return KELM_ERROR_TOO_MANY_TASK;
@@ -162,6 +167,7 @@ void TaskManager::scheduleTaskDone(KelmTask* task, bool accepted) {
     unpinTask(task);
 }
 
+// Only a refusal matters. It means that the task has been canceled, so the client awaits no answer.
 void TaskManager::rescheduleTaskDone(KelmTask* task, bool accepted) {
     if (accepted || !m_registry.verify(task)) return;
     LOG_STEP("Destroy task(%lu), reason=rescheduled failed", task->getId());
@@ -187,6 +193,7 @@ void TaskManager::cancelTask(Request request) {
         sendCancelTaskResponse(false, error, std::move(request));
         return;
     }
+    // The pin of the request keeps the task until descheduleTaskDone().
     // Deliberate: the cancel flag stays down, so a task that a worker holds runs to its end.
     m_scheduler->enqueueDescheduleTask(task);
 }
@@ -219,6 +226,7 @@ void TaskManager::destroyTask(KelmTask* task) {
     if (auto dying = m_registry.end(task)) finishTask(*dying);
 }
 
+// The last to touch a task: the caller must not read it afterwards.
 void TaskManager::unpinTask(KelmTask* task) {
     if (auto dying = m_registry.unpin(task)) finishTask(*dying);
 }
@@ -243,6 +251,7 @@ void TaskManager::notifyClientInDestroy(uint64_t clientId) {
     const bool departing = !verifyClient(clientId);
     std::vector<KelmTask*> finished;
     const int count = m_registry.cancelTasksOf(clientId, departing, finished);
+    // Outside the registry's mutex, which the end of a task takes.
     for (KelmTask* task : finished) destroyTask(task);
     if (departing && count == 0) notifyClientDone(clientId);
 }

@@ -16,12 +16,14 @@ TaskRegistry::~TaskRegistry() {
     for (const auto& [task, state] : m_tasks) delete task;
 }
 
+// The pin is that of the scheduler's answer, which has not been asked for yet.
 void TaskRegistry::enter(KelmTask* task, Request request) {
     MutexLock lock(m_mutex);
     LOG_STEP("task(%lu) created for client(%lu) with userParam(%p)", task->getId(),
              request.getClientId(), request.getMessage());
     m_tasks.insert(task, TaskState{1, false, false});
     m_taskIdMap.insert(task->getId(), task);
+    // Last, and consumed: from here on the answer's handler owns it.
     m_scheduleRequests.insert(task, std::move(request));
 }
 
@@ -75,6 +77,8 @@ KelmTask* TaskRegistry::findTaskOfClientUnsafe(uint64_t clientId, uint64_t taskI
         error = KELM_ERROR_INVALID_TASK;
         return nullptr;
     }
+    // Ids are counted up, so a client can guess those of others: it learns no more than that one is
+    // taken.
     if ((*task)->getClientId() != clientId) {
         error = KELM_ERROR_NO_RIGHTS;
         return nullptr;
@@ -105,6 +109,7 @@ std::optional<TaskRegistry::DyingTask> TaskRegistry::unpin(KelmTask* task) {
     MutexLock lock(m_mutex);
     TaskState* state = m_tasks.find(task);
     if (state == nullptr) return std::nullopt;
+    // Also of a task that goes on living: then its end does not wait for this answer any more.
     --state->pins;
     return state->ended ? unlinkUnsafe(task) : std::nullopt;
 }
@@ -115,6 +120,7 @@ std::optional<TaskRegistry::DyingTask> TaskRegistry::unlinkUnsafe(KelmTask* task
     const uint64_t id = task->getId();
     m_taskIdMap.erase(id);  // also of a pinned task: clients cannot name it any more
     state->ended = true;
+    // Ended, but the scheduler will still name its address; see the class.
     if (state->pins > 0) return std::nullopt;
     DyingTask dying{task, id, task->getClientId(), task->getGraph(), state->givenUp, {}};
     m_tasks.erase(task);
@@ -141,6 +147,8 @@ int TaskRegistry::cancelTasksOf(uint64_t clientId, bool departing,
     if (m_departures.hasClient(clientId)) return -1;
     if (!departing && m_departures.hasGivenUp(clientId)) return -1;
     int count = 0;
+    // Marked and not taken out: each ends where it is, in a queue or at a worker, when that looks
+    // at the mark.
     for (auto& [task, state] : m_tasks) {
         if (task->getClientId() != clientId) continue;
         task->cancel();
@@ -151,6 +159,7 @@ int TaskRegistry::cancelTasksOf(uint64_t clientId, bool departing,
         if (!departing) state.givenUp = true;
     }
     if (!departing) m_departures.addGivenUp(clientId, count);
+    // Their records refer to the client's until they are deleted, so they count.
     for (const Remains& remains : m_dyingTasks) {
         if (remains.clientId == clientId) ++count;
     }
