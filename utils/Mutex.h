@@ -5,6 +5,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "utils/OwedPools.h"
 #include "utils/ThreadAnnotations.h"
 
 namespace kelm {
@@ -52,10 +53,12 @@ class SCOPED_CAPABILITY MutexLock {
 };
 
 // A condition variable for Mutex. Each wait is one wait: spurious wake-ups come through, so callers
-// loop over their condition unless they say why one wait is enough.
+// loop over their condition unless they say why one wait is enough. A thread that waits owes no pool
+// a turn: what it waits for may depend on that.
 class CondVar {
  public:
     void wait(Mutex& mutex) REQUIRES(mutex) {
+        OwedPools::handOver();
         std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
         m_condition.wait(lock);
         (void)lock.release();
@@ -65,6 +68,7 @@ class CondVar {
     template <class Clock, class Duration>
     bool waitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline)
         REQUIRES(mutex) {
+        OwedPools::handOver();
         std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
         const std::cv_status status = m_condition.wait_until(lock, deadline);
         (void)lock.release();

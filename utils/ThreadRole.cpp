@@ -1,13 +1,14 @@
 #include "utils/ThreadRole.h"
 
 #include "utils/ErrorHelper.h"
+#include "utils/ThreadUtils.h"
 
 namespace kelm {
 
 #ifndef NDEBUG
 void ThreadRole::checkThread() const {
-    std::thread::id owner{};
-    const std::thread::id self = std::this_thread::get_id();
+    int owner = 0;
+    const int self = ThreadUtils::getThreadId();
     const bool held = m_owner.compare_exchange_strong(owner, self) || owner == self;
     CR_ASSERT(held, "state of another thread was touched");
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <thread>
 
 #include "utils/ThreadAnnotations.h"
 
@@ -9,7 +8,8 @@ namespace kelm {
 
 // State that belongs to one thread and not to a mutex, said so that the compiler checks it:
 // a field is GUARDED_BY(role), and each closure or thread body starts with role.assertHeld().
-// Debug builds bind the role to the first thread that asserts it and end the process on another.
+// Debug builds bind the role to the first thread that asserts it and end the process on another. A
+// thread that helps a pool passes for the pool's.
 class CAPABILITY("role") ThreadRole {
  public:
     void assertHeld() const ASSERT_CAPABILITY(this) {
@@ -21,7 +21,7 @@ class CAPABILITY("role") ThreadRole {
  private:
 #ifndef NDEBUG
     void checkThread() const;
-    mutable std::atomic<std::thread::id> m_owner{};  // atomic: any thread may compare itself to it
+    mutable std::atomic<int> m_owner{0};  // atomic: any thread may compare itself to it
 #endif
 };
 

@@ -16,15 +16,20 @@
 
 namespace {
 constexpr unsigned long kThreadNameSize = 16;
+
+thread_local int t_id = 0;
 }
 
 int ThreadUtils::getProcessId() { return ::getpid(); }
 
 int ThreadUtils::getThreadId() {
     // Kept, since every line of the log asks for it and asking is a system call.
-    thread_local const int id = static_cast<int>(::syscall(SYS_gettid));
-    return id;
+    if (t_id == 0) t_id = static_cast<int>(::syscall(SYS_gettid));
+    return t_id;
 }
+
+ThreadUtils::BorrowedId::BorrowedId(int threadId) : m_before(getThreadId()) { t_id = threadId; }
+ThreadUtils::BorrowedId::~BorrowedId() { t_id = m_before; }
 
 void ThreadUtils::setName(const std::string& name) { ::prctl(PR_SET_NAME, name.c_str(), 0, 0, 0); }
 

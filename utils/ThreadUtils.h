@@ -6,8 +6,19 @@
 class ThreadUtils {
  public:
     static int getProcessId();
-    // The kernel's id of the calling thread.
+    // The kernel's id of the calling thread, or the one that it has borrowed.
     static int getThreadId();
+    // While it lives, the calling thread passes for another one.
+    class BorrowedId {
+     public:
+        explicit BorrowedId(int threadId);
+        ~BorrowedId();
+        BorrowedId(const BorrowedId&) = delete;
+        BorrowedId& operator=(const BorrowedId&) = delete;
+
+     private:
+        const int m_before;
+    };
     // Names the calling thread; the kernel keeps 15 characters.
     static void setName(const std::string& name);
     static std::string getName();

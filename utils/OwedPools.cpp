@@ -1,0 +1,77 @@
+#include "utils/OwedPools.h"
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+#include "utils/Mutex.h"
+#include "utils/SerialPool.h"
+
+namespace kelm {
+
+namespace {
+
+// How long one settling may keep the thread from its own work.
+constexpr std::chrono::microseconds kSettleTime{50};
+
+struct Owed {
+    std::vector<SerialPool*> pools;  // in the order in which they were filled; null: no longer owed
+    bool hasScope = false;
+    bool settling = false;
+};
+thread_local Owed t_owed;
+
+}  // namespace
+
+OwedPools::Scope::Scope() { t_owed.hasScope = true; }
+
+OwedPools::Scope::~Scope() {
+    handOver();
+    t_owed.hasScope = false;
+}
+
+void OwedPools::settle() {
+    Owed& owed = t_owed;
+    if (owed.pools.empty() || owed.settling) return;
+    owed.settling = true;
+    const auto deadline = std::chrono::steady_clock::now() + kSettleTime;
+    // Helped pools fill others, which join the list's end.
+    for (size_t next = 0; next < owed.pools.size(); ++next) {
+        SerialPool* const pool = std::exchange(owed.pools[next], nullptr);
+        if (pool == nullptr) continue;
+        if (pool->canBeHelped()) {
+            pool->help(deadline);
+        } else {
+            pool->handBack();
+        }
+    }
+    owed.pools.clear();
+    owed.settling = false;
+}
+
+// Also inside of a help: a task that has to wait after all must find its work under way.
+void OwedPools::handOver() {
+    for (SerialPool*& owed : t_owed.pools) {
+        if (SerialPool* const pool = std::exchange(owed, nullptr)) pool->handBack();
+    }
+    if (!t_owed.settling) t_owed.pools.clear();
+}
+
+bool OwedPools::areSettled() {
+    return t_owed.settling || std::ranges::all_of(t_owed.pools, std::logical_not<>());
+}
+
+bool OwedPools::add(SerialPool& pool) {
+    if (!t_owed.hasScope) return false;
+    t_owed.pools.push_back(&pool);
+    return true;
+}
+
+bool OwedPools::remove(SerialPool& pool) {
+    const auto entry = std::ranges::find(t_owed.pools, &pool);
+    if (entry == t_owed.pools.end()) return false;
+    *entry = nullptr;
+    return true;
+}
+
+}  // namespace kelm
