@@ -75,6 +75,7 @@ KelmDeviceBase::KelmDeviceBase(KelmDeviceBase* parent)
 
 KelmDeviceBase::~KelmDeviceBase() = default;
 
+// For devices without hardware, queues or a cache: nothing to lose, to set or to forget.
 bool KelmDeviceBase::isHardwareError(int) { return false; }
 
 void KelmDeviceBase::setFifoCapacity(unsigned int) {}
@@ -110,6 +111,8 @@ int KelmDeviceBase::resetDevice() {
 }
 
 int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
+    // Before the mutex: a load that never returns may hold it, and a failed device is to answer at
+    // once.
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_DEVICE_NOT_OPEN;
@@ -152,6 +155,8 @@ void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
     if (getCurrentGraph() == graph) resetGraphInfo();
 }
 
+// Without m_deviceMutex, so that inputs and results overlap. The graph cannot leave meanwhile: a
+// slave worker takes it off only when none of its tasks is on the device.
 int KelmDeviceBase::loadTensor(KelmTask* task) {
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
@@ -186,6 +191,7 @@ bool KelmDeviceBase::compareGraph(const KelmGraph* a, const KelmGraph* b) {
 }
 
 void KelmDeviceBase::setCurrentGraph(KelmGraph* graph) {
+    // A copy: the name is still shown when the graph's record has been deleted.
     const std::string name = graph->getName();
     MutexLock lock(m_graphInfoMutex);
     m_currentGraph = graph;
@@ -206,6 +212,7 @@ void KelmDeviceBase::resetGraphInfo() {
     m_previousGraphUnloadTime = std::chrono::system_clock::now();
 }
 
+// The graph is followed under the mutex: it is alive for as long as it is the current one.
 void KelmDeviceBase::countResult() {
     MutexLock lock(m_graphInfoMutex);
     m_fpsCounter.update();
@@ -315,6 +322,7 @@ int KelmDeviceBase::getGraphInfo(const char* data, size_t size, KelmGraphInfo wh
     return configuredKind().getGraphInfo(data, size, what, result);
 }
 
+// The number of devices to simulate has a meaning only in that mode; else `count` stays as it is.
 bool KelmDeviceBase::isFakeDeviceModeEnabled(int* count) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
     if (!config.isFakeDeviceEnabled()) return false;

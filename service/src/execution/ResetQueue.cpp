@@ -62,6 +62,7 @@ void ResetQueue::runNext() {
         if (!m_posted) return;  // closed in the meantime
         request = m_waiting.popFront();
         m_waiting.shrinkIfEmpty(kPlacesToKeep);
+        // From here until the reset ends the queue may be found stuck, see admit().
         m_started = Clock::now();
     }
     const int result = m_reset();
@@ -74,6 +75,7 @@ void ResetQueue::runNext() {
     answer(result, std::move(request));
 }
 
+// Answered without the mutex, as all answers: the result sink has locks of its own.
 void ResetQueue::close() {
     Ring<Request> refused;
     {

@@ -51,6 +51,7 @@ SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDe
     m_state = STATE_WAIT_GRAPH;
 }
 
+// A root device that outlives this clone must not go on holding a graph for it.
 SlaveWorker::~SlaveWorker() {
     stop();
     KelmGraph* const graph = getGraph();
@@ -63,6 +64,7 @@ void SlaveWorker::stop() {
     m_isDeviceValid = false;
     m_isApplyEnabled = false;
     m_isStopping = true;
+    // The input pool first: its jobs post to the result pool.
     while (!m_inputPool.waitIdleFor(kCheckInterval)) {
     }
     while (!m_resultPool.waitIdleFor(kCheckInterval)) {
@@ -98,6 +100,7 @@ int SlaveWorker::loadGraph(KelmGraph* graph) {
 
 int SlaveWorker::allocateGraph(KelmGraph* graph) {
     if (!m_isDeviceValid) return KELM_ERROR_DEVICE_FAILED;
+    // Already here and asking for tasks: a second request would list the worker twice.
     if (graph == m_graph) return KELM_OK;
     m_state = STATE_LOAD_GRAPH;
     LOG_STEP("call allocateGraph(%s)", escapeControls(graph->getName()));
@@ -147,6 +150,7 @@ int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
     return rc;
 }
 
+// One request at a time: for a new graph, and then each time a task has been taken over.
 void SlaveWorker::applyNextTask() {
     if (!m_isApplyEnabled) return;
     Port<TaskExchange>::notify<&TaskExchange::enqueueScheduleWorker>(m_workThread, getGraph());
@@ -288,6 +292,7 @@ void SlaveWorker::handleTaskWithRunError(KelmTask* task, int rc) {
     returnTask(task);
 }
 
+// The task passes to the result sink here: it is not followed after this call.
 void SlaveWorker::sendTaskDoneResponse(KelmTask* task, int rc) {
     task->setStatus(TASK_STATUS_DONE);
     Port<ResultSink>::notify<&ResultSink::enqueueSendTaskDoneResponse>(task,

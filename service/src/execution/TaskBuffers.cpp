@@ -52,6 +52,7 @@ bool TaskBuffers::verifyBuffer(const KelmBuffer& buffer) {
     return true;
 }
 
+// The auxiliary buffer counts only if the client has asked for it.
 int TaskBuffers::verifyResultBuffers(KelmTaskParam& param) {
     if (!verifyBuffer(param.getOutputBuffer())) return KELM_ERROR_INVALID_OUTPUT_BUFFER;
     const KelmBuffer& aux = param.getAuxBuffer();

@@ -58,6 +58,8 @@ void TevoStatistics::countResult() {
     if (warmup != 0) m_inferTimeWarmup = warmup - 1;
 }
 
+// The blocks stand in this order and without gaps, and the last one is cut where the buffer ends; a
+// client finds them by the sizes that it has asked for before.
 int TevoStatistics::getAuxBufferData(qxGraphHandle_t* graphHandle, KelmTaskParam& param,
                                      KelmGraph* graph) {
     KelmBuffer& buffer = param.getAuxBuffer();
