@@ -45,6 +45,7 @@ void writePreviousGraph(const GraphFigures& graph, InfoDeviceRow& row) {
     row.previousInferenceCount[place] = graph.inferences;
 }
 
+// The counts start at 0 here: the package still holds what the last collection wrote.
 void writeRow(const DeviceFigures& device, InfoDeviceRow& row) {
     row.deviceId = device.deviceId;
     row.thermal = device.thermal;

@@ -29,6 +29,8 @@ void ThermalReader::deviceThermalUpdateRoutine(std::chrono::milliseconds interva
         lock.unlock();
         updateThermals();
         lock.lock();
+        // From the end of the pass: readings that take long do not follow one another without a
+        // pause.
         const auto next = std::chrono::steady_clock::now() + interval;
         while (!m_closed && m_closing.waitUntil(m_mutex, next)) {
         }
