@@ -63,6 +63,7 @@ uint32_t GraphResidency::getLoadFailCount() {
     return m_loadFailCount;
 }
 
+// Called once a pass by the scheduler. The time is for reports, so it is the wall clock's.
 void GraphResidency::setPendingState(bool pending) {
     MutexLock lock(m_mutex);
     // The pass that makes it pending sets the start; only those after it count as cycles.

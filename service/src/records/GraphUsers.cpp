@@ -27,6 +27,7 @@ void GraphUsers::appendName(uint64_t clientId, const char* name) {
     m_users[clientId] = orUnnamed(name);
 }
 
+// The graph's name stays as it was until spliceGraphName().
 bool GraphUsers::removeUser(uint64_t clientId) {
     MutexLock lock(m_mutex);
     return m_users.erase(clientId) > 0;
