@@ -57,6 +57,7 @@ std::string sha256ForFile(const char* path) {
     return digest.finish();
 }
 
+// Empty for no bytes: that stands for "no digest", as it does for a file that does not open.
 std::string sha256ForBuffer(const char* data, unsigned long size) {
     if (data == nullptr || size == 0) return {};
     Sha256 digest;

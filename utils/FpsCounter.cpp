@@ -30,6 +30,7 @@ FpsCounter::FpsCounter(const std::string& category, const std::string& object,
                        const std::string& counter, NowFunction now)
     : m_name(makeCounterName(category, object, counter)), m_now(now) {}
 
+// Events that share a stamp leave together with the first of them.
 void FpsCounter::evictUnsafe(Clock::time_point now) {
     while (!m_timePoints.empty() &&
            wholeMillis(now - m_timePoints.front().time) >= m_bufferTimeMs) {

@@ -70,6 +70,7 @@ std::string escapeControls(const char* text) {
     return escapeControls(text != nullptr ? std::string_view(text) : "(null)");
 }
 
+// By hand: the library's function depends on the locale.
 std::string toLower(std::string text) {
     for (char& letter : text) {
         if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');

@@ -56,6 +56,7 @@ std::string ThreadUtils::getHostname() {
     return buffer.data();
 }
 
+// One mutex for the process: the numbers of the lines follow their order in the file.
 void ThreadUtils::saveThreadInfo(const std::string& name) {
     static kelm::Mutex mutex;
     static unsigned long counter = 0;

@@ -15,6 +15,7 @@ struct Form {
 constexpr Form kForms[] = {
     {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
 
+// The halves of pairs are no characters by themselves.
 bool isScalar(char32_t value) { return value <= 0x10ffff && (value < 0xd800 || value > 0xdfff); }
 
 }  // namespace

@@ -147,6 +147,7 @@ int ConnectionUDS::readOnce(int fd, char* target, int size, uint32_t leftBytes, 
     }
 }
 
+// The end of the stream is 0 bytes here and raises nothing, unlike in readOnce().
 void ConnectionUDS::readSome(int fd, char* target, int size, int* bytesRead) {
     *bytesRead = 0;
     for (;;) {
@@ -199,6 +200,8 @@ void ConnectionUDS::requireOpenedOnce() {
     if (!m_openedOnce) kelm::assertionFailed("m_fd > 0", {}, __FILE__, __LINE__);
 }
 
+// The data that goes along is the number in this process. It says nothing to the peer, but a
+// descriptor cannot travel without a byte.
 void ConnectionUDS::write(int fd) {
     requireOpenedOnce();
     const Use use(*this);
@@ -234,6 +237,7 @@ void ConnectionUDS::read(int& fd) {
     fd = incoming.fd.release();
 }
 
+// Its bytes may come in several pieces, and the descriptor is complete with the last of them.
 bool ConnectionUDS::readArrived(IncomingDescriptor& incoming, bool wait) {
     requireOpenedOnce();
     const Use use(*this);

@@ -83,6 +83,7 @@ void handleBusError(int signal, siginfo_t* info, void*) {
     errno = error;
 }
 
+// With the first mapping: a process that maps nothing keeps its own handler.
 void installHandler() {
     static const bool installed = [] {
         struct sigaction action = {};
@@ -99,6 +100,7 @@ Place& placeOf(const void* data, size_t turn) {
     return places[(pageOf(data) + turn) % places.size()];
 }
 
+// Whole pages of the system, since a touch behind the end of the file is found by its page.
 bool enter(const void* data, size_t size) {
     const auto systemPage = static_cast<size_t>(::getpagesize());
     const uint64_t count = (size + systemPage - 1) / systemPage * (systemPage >> kPageBits);
@@ -152,6 +154,7 @@ bool MappingGuard::unmap(void* data, size_t size) {
     return ::munmap(data, size) == 0;
 }
 
+// Also asked while the mapping is in use; what is lost stays lost.
 bool MappingGuard::isLost(const void* data) {
     const Place* const place = find(data);
     return place != nullptr && (place->load() & kLost) != 0;

@@ -23,6 +23,7 @@ bool readGroups(int fd, std::vector<gid_t>& groups) {
     }
 }
 
+// The effective ids: these decide what this process may open.
 std::shared_ptr<const PeerCredentials> readThisProcess() {
     auto self = std::make_shared<PeerCredentials>();
     self->pid = ::getpid();

@@ -19,6 +19,7 @@ namespace {
 
 constexpr mode_t kMode = 0666;
 
+// Shortened later, it is the guard of mappings that keeps the process alive.
 bool isLargeEnough(int fd, const char* name, unsigned long size) {
     struct stat status = {};
     if (::fstat(fd, &status) != 0) {
@@ -52,6 +53,7 @@ void* map(int fd, unsigned long size) {
     return nullptr;
 }
 
+// The mapping stays without the descriptor, so that tasks do not use up descriptors.
 bool close(UniqueFd& fd) {
     if (::close(fd.release()) == 0) return true;
     LOG_ERROR("Error: close() failed: errno=%d (%s)\n", errno, std::strerror(errno));
@@ -103,6 +105,7 @@ void* ShareMemory::open(const char* name, unsigned long size) {
     return open(name, size, O_RDWR, check) ? m_data : nullptr;
 }
 
+// Asked of the open object and not of its name, which may stand for another one by then.
 void* ShareMemory::openFor(const PeerCredentials& peer, FileRights::Access wanted, const char* name,
                            unsigned long size) {
     const auto check = [&](int fd) {

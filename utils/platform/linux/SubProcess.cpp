@@ -65,6 +65,7 @@ struct SubProcess::State {
     std::vector<std::string> m_arguments GUARDED_BY(m_mutex);
 };
 
+// All memory is made before the fork: the child may not allocate.
 bool SubProcess::State::execute() {
     if (m_arguments.empty()) {
         LOG_ERROR("create Daemon failed with empty argument vector");
@@ -82,6 +83,7 @@ bool SubProcess::State::execute() {
     return pid > 0;
 }
 
+// Any answer but "no such process" means that there is one, also one that may not be signalled.
 bool SubProcess::State::poll() const {
     return m_pid > 0 && (::kill(m_pid, 0) == 0 || errno != ESRCH);
 }
@@ -143,6 +145,7 @@ bool SubProcess::enableDaemon(bool on) {
     return true;
 }
 
+// Not waited for: the supervising thread reaps it, or the system when this process ends.
 void SubProcess::terminate() {
     MutexLock lock(m_state->m_mutex);
     if (!m_state->poll()) {
