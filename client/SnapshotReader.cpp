@@ -42,6 +42,7 @@ class SnapshotReader::Impl {
     Impl(UniqueFd socket, UniqueFd interrupt)
         : m_socket(std::move(socket)), m_interrupt(std::move(interrupt)) {}
 
+    // A part that has come before an error stays, and the next read goes on behind it.
     Result<Snapshot> read(Deadline deadline) {
         const Clock::time_point end = Clock::now() + deadline;
         while (m_filled < sizeof(InfoPackage)) {
