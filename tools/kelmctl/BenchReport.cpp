@@ -23,6 +23,7 @@ constexpr const char* kHeadFormat = "{:<19}{:<7}";
 constexpr const char* kCellFormat = "{:>9}";
 constexpr const char* kNumberFormat = "{:>9.{}f}";
 
+// Added to the columns of the table and to the fields of the JSON in this order.
 struct Quantile {
     const char* name;
     double value;
@@ -55,6 +56,7 @@ nlohmann::json latencyJson(const Histogram& histogram) {
 
 }  // namespace
 
+// On the heap, since a histogram has some thousand counters.
 struct BenchReport::Row {
     std::string name;
     std::unique_ptr<Histogram> accept = std::make_unique<Histogram>();
@@ -72,6 +74,7 @@ struct BenchReport::Row {
         }
     }
 
+    // Good results only: errors come fast and would count as speed.
     double rate() const {
         return seconds > 0.0 ? static_cast<double>(result->count()) / seconds : 0.0;
     }
@@ -158,6 +161,7 @@ double BenchReport::fairness() const {
     return jainIndex(shares);
 }
 
+// Two lines for each row: the latency of the accept answer, and that of the result.
 std::string BenchReport::table() const {
     std::string text = fmt::format(kHeadFormat, "", "");
     for (const char* head : {"requests", "errors", "req/s", "mean ms"}) {

@@ -7,6 +7,7 @@ namespace kelm::ctl {
 TopGrid::TopGrid(size_t width, size_t height)
     : m_width(width), m_height(height), m_cells(width * height) {}
 
+// A wide character that would be cut in half at the edge is left out.
 size_t TopGrid::put(size_t x, size_t y, std::u32string_view text, TopStyle style) {
     if (y >= m_height) return x;
     for (const char32_t character : text) {

@@ -40,6 +40,7 @@ bool isBefore(const TopRow& a, const TopRow& b, const TopColumn& column) {
     }
 }
 
+// Exact up to 2^53, far beyond what is counted here.
 double toDouble(uint64_t count) { return static_cast<double>(count); }
 
 void fillFromSnapshot(TopRow& row, const client::ClientSnapshot& client) {
@@ -70,6 +71,7 @@ void fillFromSnapshot(TopRow& row, const client::GraphSnapshot& graph) {
 
 TopModel::TopModel() = default;
 
+// The histories grow here and not with snapshots: status answers come at even intervals.
 void TopModel::setStatus(const client::ServiceStatus& status, Time now) {
     if (!m_service.up) {
         m_service.up = true;
@@ -90,6 +92,7 @@ void TopModel::setSnapshot(const client::Snapshot& snapshot, Time now) {
     merge(false);
 }
 
+// Told again with each try; the time is that of the first.
 void TopModel::setGone(const std::string& why, Time now) {
     m_service.why = why;
     if (m_service.known && !m_service.up) return;
@@ -126,6 +129,7 @@ void TopModel::measureClients(const client::Snapshot& snapshot, Time now) {
     m_measuredAt = now;
 }
 
+// By id, since the snapshot has no names of devices.
 TopModel::Rows TopModel::mergeDevices() const {
     Rows rows;
     for (const client::DeviceStatus& device : m_status.devices) {
@@ -194,6 +198,7 @@ void TopModel::merge(bool sample) {
     replace(TopSection::kClients, mergeClients(), sample);
 }
 
+// A row finds its past by name and order, as the sources have no ids in common.
 void TopModel::replace(TopSection section, Rows rows, bool sample) {
     Rows& present = m_rows[static_cast<size_t>(section)];
     const std::map<RowKey, const TopRow*> past = byName(present);

@@ -18,6 +18,7 @@ namespace kelm::ctl {
 
 namespace {
 
+// How long a lone escape waits for the rest of a function key.
 constexpr int kEscapeMillis = 25;
 constexpr int kDefaultColour = -1;
 
@@ -51,6 +52,7 @@ constexpr KeyRow kKeys[] = {
     {KEY_BTAB, kTopKeyBackTab}, {KEY_ENTER, '\n'},
 };
 
+// Pair 0 is the terminal's own and cannot be set.
 attr_t attributesOf(TopStyle style) {
     const auto index = static_cast<size_t>(style);
     const StyleRow& row = kStyles[index];
@@ -73,6 +75,7 @@ void startColours() {
 
 }  // namespace
 
+// Everything that can fail comes before curses takes the terminal over.
 TopScreen::TopScreen() {
     const char* const type = std::getenv("TERM");
     if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
@@ -123,6 +126,7 @@ int TopScreen::readKey() {
     return key <= kLastCharacter ? key : kTopKeyOther;
 }
 
+// Asked of the terminal: curses' own handler of the signal is not in use.
 void TopScreen::resize() {
     winsize size{};
     if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) {

@@ -180,6 +180,8 @@ std::vector<TopView::Part> TopView::partsFor(size_t height) const {
     return parts;
 }
 
+// What the fixed columns leave is shared by weight. Each width is the difference of two rounded
+// sums, so that no column of the terminal is lost.
 void TopView::drawPart(TopGrid& grid, size_t y, const Part& part) const {
     constexpr size_t kGap = 1;
     size_t fixed = kGutter;
@@ -255,6 +257,7 @@ std::u32string TopView::cellText(const TopRow& row, const Place& place) const {
     }
 }
 
+// Rows of a service that is lost are dimmed: they tell what was.
 void TopView::drawRow(TopGrid& grid, size_t y, const TopRow& row,
                       const std::vector<Place>& places) const {
     const bool stale = m_model.service().known && !m_model.service().up;

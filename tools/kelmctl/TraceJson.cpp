@@ -54,6 +54,7 @@ void TraceJson::write(const TraceRow& row, std::string_view note) {
     m_file << "}";
 }
 
+// Of two that begin at once the longer one first: it is around the other.
 void TraceJson::finish() {
     std::stable_sort(m_kept.begin(), m_kept.end(), [](const TraceRow& a, const TraceRow& b) {
         return a.start != b.start ? a.start < b.start : a.end > b.end;

@@ -6,6 +6,7 @@
 
 namespace kelm::ctl {
 
+// A counter and not a flag: rows of the same name and ticks may come more than once.
 void TracePairs::add(const TraceRow& row, TraceFileKind kind) {
     std::string line = row.name;
     line += FixedText<48>(",", row.start, ",", row.end).view();

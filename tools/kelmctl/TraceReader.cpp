@@ -32,6 +32,8 @@ bool TraceReader::next(TraceRow& row) {
     return false;
 }
 
+// Byte by byte out of the stream's buffer: a file without line ends must not be read into memory.
+// One byte more than the limit is kept, by which next() knows a line that was cut.
 bool TraceReader::readLine() {
     m_line.clear();
     std::streambuf& bytes = *m_file.rdbuf();

@@ -89,6 +89,8 @@ Command addWaitReady(CLI::App& app) {
 
 }  // namespace
 
+// 1 for what a command throws, told in one line; the parser has statuses of its own for mistakes in
+// the arguments.
 int main(int argc, char** argv) {
     CLI::App app("kelmctl: run, measure and watch inferences through the kelmdaemon service");
     app.require_subcommand(1);

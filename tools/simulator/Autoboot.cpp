@@ -36,6 +36,7 @@ void leaveOutput() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(null, fd);
 }
 
+// Tests remove the directory when they end, and no tool is left behind.
 void waitForTheEnd(const std::string& directory) {
     while (directory.empty() || std::filesystem::exists(directory)) {
         std::this_thread::sleep_for(kPoll);

@@ -79,6 +79,7 @@ void Orders::replaceUnsafe(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         auto order = parse(line);
         if (!order) continue;
+        // An order that stays in the file goes on with what is left of its count.
         const auto old = std::ranges::find(m_orders, line, &Order::line);
         if (old != m_orders.end()) order = *old;
         orders.push_back(std::move(*order));
@@ -86,6 +87,7 @@ void Orders::replaceUnsafe(const std::vector<std::string>& lines) {
     m_orders = std::move(orders);
 }
 
+// Counted only if all the rest fits: `seen` tells which of the calls it could concern this one is.
 bool Orders::Order::takeCall(const std::string& name, const std::string& called, int calledOption) {
     if (function != "*" && function != called) return false;
     if (option != kNoOption && option != calledOption) return false;
@@ -94,6 +96,7 @@ bool Orders::Order::takeCall(const std::string& name, const std::string& called,
     return true;
 }
 
+// All orders that fit are counted; of several failures the first gives the status.
 Orders::Delay Orders::take(const std::string& device, const char* function, int option) {
     Delay delay;
     MutexLock lock(m_mutex);
@@ -135,6 +138,7 @@ unsigned int Orders::lie(const std::string& device, const char* function, int op
     return static_cast<unsigned int>(takeNumber("lie", device, function, option));
 }
 
+// Waits without the mutex, so that other calls and a change of the orders come through meanwhile.
 int Orders::apply(const std::string& device, const char* function, int option) {
     const Delay delay = take(device, function, option);
     if (delay.millis > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay.millis));

@@ -60,6 +60,7 @@ bool SimulatedHost::unplug(const std::string& name) {
     return m_bus.unplug(name);
 }
 
+// A line without its end is still being written, and is read by the next call.
 std::vector<std::string> SimulatedHost::takeEvents() {
     std::vector<std::string> events;
     std::ifstream file(m_directory + "/events");

@@ -90,6 +90,7 @@ void UsbBus::plug(const UsbDevice& device) {
     add(device, false);
 }
 
+// From the root down: a device can be added only below one that is there.
 void UsbBus::addHubs(const std::string& name) {
     if (m_paths.contains(name)) return;
     if (const std::string parent = parentOf(name); parent != name) addHubs(parent);
