@@ -63,6 +63,7 @@ class SnapshotReader::Impl {
             pollfd fds[] = {{m_interrupt.get(), POLLIN, 0}, {m_socket.get(), POLLIN, 0}};
             const int count = ::poll(fds, 2, millisUntil(end));
             if (count < 0 && errno != EINTR) return Error::fromErrno("waiting for a snapshot");
+            // Looked at first, so that a reader that is to end reads no further package.
             if (count > 0 && fds[0].revents != 0) {
                 return {ErrorKind::kCanceled, 0, "the reading of snapshots was interrupted"};
             }

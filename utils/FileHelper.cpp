@@ -86,6 +86,7 @@ unsigned long FileHelper::getFileSize(const std::string& path) {
     return file ? static_cast<unsigned long>(file.tellg()) : 0;
 }
 
+// Without subdirectories. A file that is removed meanwhile is passed over.
 std::vector<std::string> FileHelper::getFiles(const std::string& path) {
     if (isFile(path)) return {path};
     std::vector<std::string> files;

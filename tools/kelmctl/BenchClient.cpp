@@ -83,7 +83,7 @@ client::Error BenchClient::setUp() {
 
 void BenchClient::waitForGo() const {
     const pid_t parent = ::getppid();
-    // A parent that has died never says go.
+    // A parent that has died never gives the start sign.
     while (!m_region.go && ::getppid() == parent) std::this_thread::sleep_for(kPoll);
 }
 

@@ -203,6 +203,7 @@ std::string BenchReport::json() const {
                         {"depth", m_options.depth},
                         {"seconds", longestSeconds()},
                         {"fairness", fairness()}};
+    // Of all clients together, each over its own time.
     double rate = 0.0;
     for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
         const Row row = sumOfClient(i);

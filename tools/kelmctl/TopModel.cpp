@@ -192,6 +192,7 @@ TopModel::Rows TopModel::mergeClients() const {
     return rows;
 }
 
+// All rows from the latest of both sources: either may have been lost, or be older.
 void TopModel::merge(bool sample) {
     replace(TopSection::kDevices, mergeDevices(), sample);
     replace(TopSection::kGraphs, mergeGraphs(), sample);

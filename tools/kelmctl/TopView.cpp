@@ -123,6 +123,7 @@ void TopView::drawCounts(TopGrid& grid) const {
     grid.put(0, 1, text, TopStyle::kPlain);
 }
 
+// One line: what is most urgent is told, and nothing else.
 void TopView::drawBanner(TopGrid& grid, TopModel::Time now) const {
     constexpr size_t kLine = 2;
     const TopModel::Service& service = m_model.service();
@@ -165,6 +166,7 @@ void TopView::drawHelp(TopGrid& grid) const {
              TopStyle::kDim);
 }
 
+// Each section costs a line for its heading, also without rows.
 std::vector<TopView::Part> TopView::partsFor(size_t height) const {
     std::vector<Part> parts;
     std::vector<size_t> needs;
@@ -221,6 +223,8 @@ void TopView::drawHeading(TopGrid& grid, size_t y, const Part& part,
     for (const Place& place : places) {
         std::u32string title = fromAscii(place.column->title);
         const bool isNumber = place.column->kind == TopColumn::Kind::kValue;
+        // Numbers are sorted downwards and texts upwards, see isBefore(): the mark is of what is
+        // shown.
         if (place.column == sorted) title += sortMark(order.reversed == isNumber, m_utf8);
         if (place.column->kind == TopColumn::Kind::kName) title += shownRange(part);
         grid.put(place.x, y,

@@ -52,7 +52,7 @@ bool Board::isGone() {
     return isGoneUnsafe();
 }
 
-// Once gone it stays so, whatever the files tell later.
+// For good: a board that has left the bus is not there again when the files say so.
 bool Board::isGoneUnsafe() {
     if (!m_gone) {
         m_gone = Orders::instance().isVanished(m_name) ||

@@ -56,6 +56,8 @@ std::optional<Orders::Order> Orders::parse(const std::string& line) {
     const bool isRead = order.function == "*" || order.function.starts_with("qxFifoRead");
     if (!known || !addressed || (order.verb == "lose" && !isRead) || !words.eof() ||
         count < verb->least || count > verb->most) {
+        // A mistake is told at once: a test whose order does nothing would pass for the wrong
+        // reason.
         std::cerr << "simulator: no order: " << line << std::endl;
         return std::nullopt;
     }
@@ -149,6 +151,7 @@ int Orders::apply(const std::string& device, const char* function, int option) {
     return delay.status;
 }
 
+// The first line that fits and has such a number; the others are passed over.
 std::optional<long> Orders::number(const char* verb, const std::string& device, size_t index) {
     MutexLock lock(m_mutex);
     refresh();

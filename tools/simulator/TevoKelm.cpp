@@ -56,6 +56,7 @@ int enter(const char* function, int option = Orders::kNoOption) {
 template <class Handle>
 int enter(const Handle* handle, const char* function, int option = Orders::kNoOption) {
     if (handle == nullptr) return kInvalid;
+    // Not allocated yet: the call belongs to no device.
     if (!handle->board) return enter(function, option);
     note(function, option);
     return handle->board->enter(function, option);
@@ -189,6 +190,7 @@ int qxGlobalSetOption(int option, const void* data, unsigned int length) {
     const bool known = option == QX_GLOBAL_LOG_LEVEL || option == QX_GLOBAL_COMMON_TIMEOUT ||
                        option == QX_GLOBAL_ALLOC_GRAPH_TIMEOUT;
     if (!known || data == nullptr || length != sizeof(int)) return kInvalid;
+    // The values too, so that a test sees what was set.
     CallLog::note(std::to_string(option) + "=" + std::to_string(*static_cast<const int*>(data)));
     return enter(__func__);
 }
@@ -224,6 +226,7 @@ int qxDeviceGetOption(qxDeviceHandle_t* device, int option, void* data, unsigned
                 copyDeviceOption(*device->board, option, data, length));
 }
 
+// The place is free also if the call fails by order: no service tries to close twice.
 int qxDeviceClose(qxDeviceHandle_t* device) {
     const int status = enter(device, __func__);
     if (device != nullptr) Machine::instance().close(*device->board);
@@ -375,6 +378,7 @@ int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
 int qxFifoReadIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
                       unsigned long* userValue) {
     if (const int status = enter(fifo, __func__)) return status;
+    // The result is taken out all the same, see readElement().
     if (!holds(sharedFd, length)) return readElement(fifo, nullptr, length, userValue, __func__);
     std::vector<uint8_t> tensor = makeRoom(fifo, length);
     if (const int status = readElement(fifo, tensor.data(), length, userValue, __func__))

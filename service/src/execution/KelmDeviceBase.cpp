@@ -196,6 +196,7 @@ void KelmDeviceBase::setCurrentGraph(KelmGraph* graph) {
     MutexLock lock(m_graphInfoMutex);
     m_currentGraph = graph;
     m_currentGraphName = name;
+    // By the wall clock: the time is for displays.
     m_currentGraphLoadTime = std::chrono::system_clock::now();
     m_currentInferenceCount = 0;
 }
@@ -233,6 +234,7 @@ void KelmDeviceBase::decreaseCacheTaskNum() {
     --m_cacheTaskNum;
 }
 
+// A device without a cache of its own holds what it runs.
 std::vector<KelmGraph*> KelmDeviceBase::getCachedGraphList() {
     KelmGraph* const graph = getCurrentGraph();
     if (graph == nullptr) return {};
@@ -293,6 +295,7 @@ bool KelmDeviceBase::getPreviousGraphUnloadTime(TimePoint& time) {
     return true;
 }
 
+// A failed device may have results of its last second in the window, and gives no more.
 float KelmDeviceBase::getFps() {
     if (m_deviceFailed) return 0.0f;
     MutexLock lock(m_graphInfoMutex);

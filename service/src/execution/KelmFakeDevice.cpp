@@ -89,6 +89,7 @@ int KelmFakeDevice::getGraphInfo(const char*, size_t, KelmGraphInfo what, size_t
     return KELM_OK;
 }
 
+// Two flags: a clone takes over the base's, and only the own one tells the destructor to close.
 int KelmFakeDevice::openDevice(const char*) {
     LOG_STEP("to call openDevice()");
     m_opened = true;

@@ -203,6 +203,7 @@ int KelmZorvanClone::loadTensorIon(KelmTask* task, const TevoHandles& handles,
                             task);
 }
 
+// The handles by value: the library wants the addresses of variables that hold the queues.
 int KelmZorvanClone::queueInference(TevoHandles handles) {
     LOG_TASK("to call qxGraphQueueInference(), graphHandle=%p fifoIn=%p fifoOut=%p",
              handles.graphHandle, handles.fifoIn, handles.fifoOut);

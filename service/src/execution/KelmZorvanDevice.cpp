@@ -283,6 +283,7 @@ int KelmZorvanDevice::updateThermal() {
         return m_device.checked(
             rc, "Error: qxDeviceGetOption(QX_RO_DEVICE_THERMAL_STATS) failed, device=%s rc=%d");
     }
+    // The statistics begin with the present temperature; the rest is for clients that ask for it.
     float thermal = 0.0f;
     std::memcpy(&thermal, stats, sizeof(thermal));
     m_thermal = thermal;

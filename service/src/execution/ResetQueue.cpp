@@ -65,6 +65,7 @@ void ResetQueue::runNext() {
         // From here until the reset ends the queue may be found stuck, see admit().
         m_started = Clock::now();
     }
+    // `m_posted` stays true meanwhile: a request that comes now waits, and posts no second job.
     const int result = m_reset();
     {
         MutexLock lock(m_mutex);

@@ -112,6 +112,7 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
         return rc;
     }
     m_state = STATE_WAIT_TASK;
+    // Before the request: its answer may come at once, and a task of another graph is given back.
     m_graph = graph;
     applyNextTask();
     return KELM_OK;
@@ -172,6 +173,7 @@ void SlaveWorker::waitAbortApplyTaskDone() {
 void SlaveWorker::waitNoRunningTask() {
     MutexLock lock(m_mutex);
     while (!m_runningTasks.empty()) {
+        // The limit serves the trace alone: it shows once a second what is still waited for.
         (void)m_noRunningCond.waitFor(m_mutex, kCheckInterval);
         LOG_STEP("m_runningTasks.size()=%lu", m_runningTasks.size());
     }
@@ -198,7 +200,8 @@ void SlaveWorker::loadTensor(KelmTask* task) {
     }
     LOG_STEP("begin loadTensor(%lu)", task->getId());
     m_state = STATE_RUNNING;
-    // The scheduler looks for the next task while this one is being fed.
+    // The scheduler looks for the next task while this one is being fed. First of all, also for a
+    // canceled task: a worker that has asked for nothing gets nothing.
     applyNextTask();
     if (task->isCanceled()) {
         LOG_INFO("Destroy task(%lu), reason=canceled", task->getId());

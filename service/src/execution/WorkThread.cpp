@@ -204,7 +204,8 @@ void WorkThread::waitResetDoneUnsafe() {
     while (m_resetting && timely) timely = m_resetDone.waitUntil(m_mutex, deadline);
 }
 
-// Never waits for a reset: the thread that brings tasks serves all workers.
+// Never waits for a reset: the thread that brings tasks serves all workers. Under the mutex, so
+// that the slot is not freed before the task is in its pool.
 bool WorkThread::handToSlot(KelmTask* task) {
     MutexLock lock(m_mutex);
     if (m_stopped) return false;

@@ -2,6 +2,7 @@
 
 namespace kelm {
 
+// Sets of names: an entry that is made twice counts once, and one that is missing is no error.
 void GraphResidency::appendRunningDevice(const std::string& device) {
     MutexLock lock(m_mutex);
     m_runningDevices.insert(device);

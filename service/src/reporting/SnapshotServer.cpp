@@ -101,6 +101,7 @@ void SnapshotServer::listenThreadRoutine() {
         }
     }
     closeAll();
+    // Last: stop() only joins after this.
     m_ended.post();
 }
 

@@ -93,6 +93,7 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag, const Ch
     return true;
 }
 
+// Grown before it is mapped: a touch behind its end would raise SIGBUS.
 void* ShareMemory::create(const char* name, unsigned long size) {
     const auto growNew = [size](int fd) { return grow(fd, size); };
     if (!open(name, size, O_CREAT | O_RDWR, growNew)) return nullptr;

@@ -99,6 +99,8 @@ bool SubProcess::State::waitForChild() {
         LOG_ERROR("Failed to check subprocess status");
         return error != ECHILD;
     }
+    // Under the mutex: until the child is reaped its id means this child, and terminate() signals
+    // no other process.
     ::waitpid(child, nullptr, 0);
     if (m_pid == child) m_pid = -1;
     return true;

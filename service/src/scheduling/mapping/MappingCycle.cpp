@@ -44,7 +44,7 @@ bool MappingCycle::run() {
     }
     if (m_model.graphs().empty()) return true;
     const auto start = std::chrono::steady_clock::now();
-    // All come back at the start, so that each cycle chooses anew whom to leave out.
+    // All come back at the start: each cycle chooses anew which graphs it leaves out.
     returnPendingGraphs();
     if (!fitGraphs()) {
         abandonMapping();
