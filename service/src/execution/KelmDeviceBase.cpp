@@ -295,7 +295,7 @@ bool KelmDeviceBase::getPreviousGraphUnloadTime(TimePoint& time) {
     return true;
 }
 
-// A failed device may have results of its last second in the window, and gives no more.
+// A failed device may still have results in the window, and gives no more.
 float KelmDeviceBase::getFps() {
     if (m_deviceFailed) return 0.0f;
     MutexLock lock(m_graphInfoMutex);

@@ -17,7 +17,7 @@ SchedulerPtr make(const char* name) {
     return std::make_unique<Scheduler>(name);
 }
 
-// The names are those of the scheduling threads too; tools look for both in the log.
+// The names are also those of the scheduling threads.
 struct SchedulerRow {
     const char* keyword;
     const char* schedulerName;

@@ -54,8 +54,8 @@ void DeviceSchedulerTag::handleUnloadGraph() {
     for (KelmGraph* graph : m_unloadGraphs) {
         const auto entry = m_tagMap.find(graph->getTag());
         if (entry == m_tagMap.end()) {
-            // No device holds it, or the count above had made an entry. The commit answers the
-            // unload.
+            // No device holds it, or the count above would have made an entry. The commit answers
+            // the unload.
             LOG_ERROR("Error: invalid graph tag '%s'", escapeControls(graph->getTag()));
             continue;
         }

@@ -26,7 +26,7 @@ GraphMapper::GraphMapper()
       m_model(m_trace),
       m_matcher(m_trace) {}
 
-// 0, and here less than that, leaves the default in force.
+// 0 leaves the default in force; here a number below 0 does, too.
 void GraphMapper::setMaxGraphNumPerDevice(int number) {
     if (number > 0) m_maxGraphNumPerDevice = number;
 }

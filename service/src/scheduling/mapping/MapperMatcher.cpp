@@ -42,9 +42,9 @@ class ShadowIndex {
             const int score = MapperMatcher::deviceMapperCompare(real, shadow);
             if (score > best.second) best = {shadow, score};
         };
-        // Only shadows that still are to be had. Alone before paired keeps no order of the walk,
-        // and need not: a shadow that holds the graph alone never scores the same as one that holds
-        // it beside another.
+        // Alone before paired is not the walk order, and need not be: a shadow that holds the graph
+        // alone never scores the same as one that holds it beside another. What is matched already
+        // is skipped.
         if (DeviceItem* shadow = found->second.firstAlone()) offer(shadow);
         for (DeviceItem* shadow : found->second.paired) {
             if (!shadow->isMatched) offer(shadow);

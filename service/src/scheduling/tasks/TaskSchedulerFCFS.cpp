@@ -41,7 +41,8 @@ void destroyCanceledTask(KelmTask* task) {
     destroyTask(task);
 }
 
-// The client is alive: it is destroyed after its last task, and this task still is.
+// A client that is found stays for this call: it is destroyed after its last task, and this task
+// still is.
 void decreaseClientWaitingInferenceNum(const KelmTask* task) {
     // Outside m_mutex: the directory has a lock of its own.
     KelmClient* const client = findClient(task->getClientId());
@@ -249,8 +250,8 @@ KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph
             }
         }
         decreaseClientWaitingInferenceNum(task);
-        // Looked at outside the lock, as it may be canceled at any time; a worker that gets a
-        // canceled task gives it back.
+        // Looked at outside the lock, as it may be canceled at any time: a worker looks once more,
+        // and has a canceled task destroyed.
         if (!task->isCanceled()) return task;
         destroyCanceledTask(task);
     }
