@@ -121,7 +121,8 @@ void PendingCalls::fail(uint64_t sequence, const Error& error) {
     if (entry) end(*entry, error);
 }
 
-// The callbacks run outside the lock, so that one may look whether the connection is still there.
+// The callbacks run outside the lock, so that one may submit again: it is refused, and nothing
+// waits for itself.
 void PendingCalls::closeAll(const Error& error) {
     Entries entries;
     {

@@ -18,7 +18,7 @@ std::string CommonHelper::getAbsPath(const std::string& path) {
     return resolved ? resolved.get() : "";
 }
 
-// A client's task brings three descriptors, so the usual soft limit would be used up by a few
+// A client's task brings up to three descriptors, so the usual soft limit would be used up by a few
 // hundred tasks.
 bool CommonHelper::liftMaxOpenFileLimit() {
     rlimit limit{};

@@ -66,8 +66,8 @@ void AutobootStarter::stopSupervising() {
     if (m_subProcess) (void)m_subProcess->enableDaemon(false);  // turning it off cannot fail
 }
 
-// The lock lets one process at a time start or supervise the tool; it is not waited for, since its
-// holder keeps it for its whole life.
+// The lock lets one process at a time start or supervise the tool. It is not waited for, since its
+// holder keeps it for as long as it supervises.
 int AutobootStarter::checkAndStartService() {
     if (!m_startExitMutex.trylock()) {
         LOG_ERROR("Error: Lock StartExitMutex:%s failed. errno = %d [%s]",

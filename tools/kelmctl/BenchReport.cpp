@@ -23,7 +23,7 @@ constexpr const char* kHeadFormat = "{:<19}{:<7}";
 constexpr const char* kCellFormat = "{:>9}";
 constexpr const char* kNumberFormat = "{:>9.{}f}";
 
-// Added to the columns of the table and to the fields of the JSON in this order.
+// Columns of the table and fields of the JSON, in this order.
 struct Quantile {
     const char* name;
     double value;
@@ -56,7 +56,7 @@ nlohmann::json latencyJson(const Histogram& histogram) {
 
 }  // namespace
 
-// On the heap, since a histogram has some thousand counters.
+// Histograms are on the heap: each has some two thousand counters.
 struct BenchReport::Row {
     std::string name;
     std::unique_ptr<Histogram> accept = std::make_unique<Histogram>();

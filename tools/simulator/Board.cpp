@@ -52,7 +52,7 @@ bool Board::isGone() {
     return isGoneUnsafe();
 }
 
-// For good: a board that has left the bus is not there again when the files say so.
+// For good: if the files list the device again, that is another board.
 bool Board::isGoneUnsafe() {
     if (!m_gone) {
         m_gone = Orders::instance().isVanished(m_name) ||

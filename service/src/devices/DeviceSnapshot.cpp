@@ -138,7 +138,8 @@ DeviceSnapshot::DeviceSnapshot(const Style& style, const std::vector<DeviceFigur
                                GraphFigures::TimePoint now)
     : m_style(style), m_devices(devices), m_now(now), m_table(makeTable(style)) {}
 
-// As many rows as settings allow, whatever the devices hold: columns of all devices stay in step.
+// As many rows as the settings allow, whatever one device holds: all devices are columns of the
+// same rows.
 std::string DeviceSnapshot::format(int subclass) {
     drawRows(kDeviceRows, 0);
     const int cachedGraphs = m_style.isFull ? m_style.cachedGraphs : 0;

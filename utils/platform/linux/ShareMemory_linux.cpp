@@ -19,7 +19,7 @@ namespace {
 
 constexpr mode_t kMode = 0666;
 
-// Shortened later, it is the guard of mappings that keeps the process alive.
+// If the object is shortened after this look, the guard of mappings keeps the process alive.
 bool isLargeEnough(int fd, const char* name, unsigned long size) {
     struct stat status = {};
     if (::fstat(fd, &status) != 0) {
