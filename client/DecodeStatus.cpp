@@ -63,6 +63,7 @@ void decodeClients(const KelmMsgRspQueryStatus& answer, ServiceStatus& status) {
 
 }  // namespace
 
+// By the answer's own word for its parts: only what it tells is read.
 ServiceStatus decodeStatus(const KelmMsgRspQueryStatus& answer) {
     ServiceStatus status;
     status.parts = StatusParts(answer.queryType);

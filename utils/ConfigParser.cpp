@@ -183,6 +183,7 @@ ConfigParser::ConfigParser() : m_impl(std::make_unique<Impl>()) {}
 
 ConfigParser::~ConfigParser() = default;
 
+// Nothing is kept before the last check has passed: a file that is refused changes nothing.
 bool ConfigParser::appendConfigFile(const std::string& path, bool reportMissing) {
     if (!FileHelper::exist(path)) {
         if (reportMissing) LOG_ERROR("Error: config file '%s' is not exist", path);

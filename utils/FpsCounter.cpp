@@ -42,6 +42,7 @@ void FpsCounter::update() {
     const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);
     evictUnsafe(now);
+    // Below that number of stamps a stamp is one millisecond, see kFineStamps.
     const bool fine = m_timePoints.size() < kFineStamps;
     const int64_t shared = fine ? 1 : std::max<int64_t>(1, m_bufferTimeMs / int64_t{kFineStamps});
     if (!m_timePoints.empty() && wholeMillis(now - m_timePoints.back().time) < shared) {

@@ -20,6 +20,8 @@ bool isScalar(char32_t value) { return value <= 0x10ffff && (value < 0xd800 || v
 
 }  // namespace
 
+// The first byte decides the form. A longer form than needed is refused: a character would have two
+// spellings, of which checks may know only one.
 std::optional<char32_t> Utf8::takeCharacter(std::string_view& text) {
     for (const Form& form : kForms) {
         const auto first = static_cast<unsigned char>(text.front());

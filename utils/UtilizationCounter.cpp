@@ -87,6 +87,7 @@ void UtilizationCounter::clipUnsafe(Clock::time_point windowStart) {
     }
 }
 
+// A period that lasts counts up to this moment.
 float UtilizationCounter::getUtilization() {
     MutexLock lock(m_mutex);
     const Clock::time_point now = m_now();

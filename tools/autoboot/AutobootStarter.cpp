@@ -80,7 +80,7 @@ int AutobootStarter::checkAndStartService() {
     return kFailure;
 }
 
-// A tool that runs already is replaced: it may have been started with other firmware files.
+// A tool that runs already is replaced: only a child of this process can be supervised.
 int AutobootStarter::startService() {
     // Without its locks nothing can be told about a tool.
     if (!m_aliveMutex.isOpen() || !m_readyMutex.isOpen()) return kFailure;

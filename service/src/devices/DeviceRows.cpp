@@ -25,6 +25,7 @@ bool takePlace(int32_t& count, int32_t& place) {
     return true;
 }
 
+// The graphs of a row stand without gaps, whichever slots they are in.
 void writeCurrentGraph(const SlotFigures& slot, InfoDeviceRow& row) {
     const GraphFigures& graph = slot.current;
     int32_t place = 0;

@@ -188,6 +188,7 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
                             task);
 }
 
+// By the descriptor: the tensor is neither mapped nor copied in this process.
 int KelmZorvanClone::loadTensorIon(KelmTask* task, const TevoHandles& handles,
                                    qxTensorDescriptor_t& descriptor) {
     const KelmBuffer& input = task->getTaskParam()->getInputBuffer();
@@ -289,6 +290,7 @@ int KelmZorvanClone::readResult(KelmTask* task, const TevoHandles& handles, Queu
     return KELM_OK;
 }
 
+// Mapped before the reading: without a mapping the result is read off the queue into other memory.
 int KelmZorvanClone::getResultRaw(KelmTask* task, const TevoHandles& handles,
                                   QueueLedger::Turn& turn) {
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();

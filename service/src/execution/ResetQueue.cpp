@@ -25,6 +25,7 @@ void ResetQueue::enqueue(Request request) {
     if (!admit(request)) answer(KELM_ERROR_INVALID_DEVICE, std::move(request));
 }
 
+// The request is moved only if it may wait: a refused one is still the caller's to answer.
 bool ResetQueue::admit(Request& request) {
     MutexLock lock(m_mutex);
     if (m_closed) return false;

@@ -219,6 +219,7 @@ void SlaveWorker::feedDevice(KelmTask* task) {
     LOG_STEP("called loadTensor(%lu)", task->getId());
     task->addLoadCount();
     if (rc == KELM_OK) {
+        // Before the job is posted: the result thread sets the next status.
         task->setStatus(TASK_STATUS_LOADED);
         LOG_STEP("enqueueGetResult(%lu)", task->getId());
         enqueueGetResult(task);
@@ -255,6 +256,8 @@ void SlaveWorker::getResult(KelmTask* task) {
     if (!m_isDeviceValid) {
         m_device->abandonResult(task);
         returnTask(task);
+        // Only its address is compared: the task may have been destroyed. An unload waits for this,
+        // so that it is answered when all tasks are given back.
         eraseRunningTask(task);
         return;
     }

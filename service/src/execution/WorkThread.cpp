@@ -69,6 +69,7 @@ void WorkThread::init() {
     createSlaveWorker();
 }
 
+// Without the mutex: no other thread knows the object yet.
 bool WorkThread::openDevice() {
     m_device = KelmDeviceBase::create(m_deviceName);
     const int rc = m_device ? m_device->openDevice() : KELM_ERROR_INVALID_DEVICE;

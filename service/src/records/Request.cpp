@@ -38,6 +38,7 @@ bool Request::wantsAnswer() const {
     return getType() != KELM_MESSAGE_TEST_SEND_FD_REQ && as<KelmMsgReq>().needResponse != 0;
 }
 
+// The log names the request while its message is still there.
 void Request::abandon() noexcept {
     if (!m_message) return;
     if (wantsAnswer()) {

@@ -170,6 +170,7 @@ bool SnapshotServer::acceptTool() {
         return true;
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a snapshot tool cannot be accepted: %s", error.what());
+        // The tool stays in the listener's queue, which would be readable at once again.
         pauseAccepting();
         return false;
     }
@@ -257,6 +258,7 @@ std::vector<int> SnapshotServer::findTakers() {
     std::vector<int> takers;
     for (auto& [number, tool] : m_tools) {
         if (isBehind(tool)) {
+            // The first moment counts: the tool that is behind for longest gives up its place.
             if (!tool.behindSince) tool.behindSince = Clock::now();
             continue;
         }

@@ -104,6 +104,7 @@ void ConnectionUDS::read(void* buffer, int size, int* bytesRead) {
     if (use.fd() <= 0 || buffer == nullptr || size <= 0) {
         raiseInvalidArgument("read got invalid argument. m_fd=", use.fd(), buffer, size);
     }
+    // The mode is the descriptor's, so writes of other threads meet it as well, see write().
     set_block_mode(use.fd(), bytesRead == nullptr);
     if (bytesRead == nullptr) {
         readAll(use.fd(), static_cast<char*>(buffer), size);

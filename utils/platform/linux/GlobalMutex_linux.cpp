@@ -54,6 +54,8 @@ bool GlobalMutex::lock() {
     return true;
 }
 
+// The limit is of the file lock alone: another thread of this process may be inside of lock(),
+// which has none.
 bool GlobalMutex::lock(long timeoutMillisec) {
     MutexLock guard(m_mutex);
     if (!isOpen()) return false;

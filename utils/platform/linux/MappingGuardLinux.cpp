@@ -139,6 +139,8 @@ void* MappingGuard::map(int fd, size_t size) {
     installHandler();
     void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (data == MAP_FAILED) return nullptr;
+    // Known to the handler before it can be touched. Without a free place the file is not mapped: a
+    // mapping that is not guarded could end the process.
     if (enter(data, size)) return data;
     (void)::munmap(data, size);
     errno = ENOMEM;

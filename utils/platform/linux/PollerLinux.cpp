@@ -90,6 +90,7 @@ void Poller::remove(ConnectionBase* pconn) {
     if (descriptor != -1) forget(descriptor);
 }
 
+// The kernel's refusal is ignored: a suspended descriptor has left its set already.
 void Poller::forget(int descriptor) {
     kelm::MutexLock lock(m_mapMutex);
     (void)::epoll_ctl(m_epollFd.get(), EPOLL_CTL_DEL, descriptor, nullptr);
@@ -159,6 +160,7 @@ bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
     if (count < 0) KELM_THROW("epoll_wait() error.");
     const int descriptor = found.data.fd;
     const std::shared_ptr<ConnectionBase> connection = find(descriptor);
+    // Destroyed or forgotten since the kernel noted the event.
     if (!connection) return false;
     connection->notify(descriptor, descriptor, found.events, event);
     return event->flags != 0;

@@ -74,6 +74,8 @@ size_t ReceiveBuffer::take(void* target, size_t size) {
 void ReceiveBuffer::takeDescriptor(IncomingDescriptor& incoming) {
     const size_t count = advance(nullptr, incoming.leftBytes);
     incoming.leftBytes -= count;
+    // The descriptor came with the last byte of the buffer: while bytes are left, those just read
+    // came without it.
     if (count == 0 || m_unread.load() != 0) return;
     if (!incoming.fd) {
         incoming.report = m_report;

@@ -72,6 +72,7 @@ long MemoryInspector::getPeakRSS() {
     return usage.ru_maxrss << kKilobyteShift;
 }
 
+// Without a reading the fields keep what they had before.
 void MemoryInspector::updateInfoPackage(InfoPackage* package) const {
     long virt = 0;
     long res = 0;

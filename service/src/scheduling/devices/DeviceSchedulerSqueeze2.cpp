@@ -218,6 +218,7 @@ void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
         result[state.worker] = std::move(state.graphs);
 }
 
+// For each worker its target before and after, and in braces what is cached there.
 void DeviceSchedulerSqueeze2::logAdjustment(
     const std::vector<CacheAdjustment::WorkerState>& states) {
     const auto namesOf = [this](const auto& graphs) REQUIRES(m_onSchedulingThread) {

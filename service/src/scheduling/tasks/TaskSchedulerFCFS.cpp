@@ -359,6 +359,7 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
 
 void TaskSchedulerFCFS::onPrintInfo() { snapShotUnlocked("Regular"); }
 
+// Takes the mutex by itself: the name tells that the caller does not hold it.
 void TaskSchedulerFCFS::snapShotUnlocked(const char* label) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
