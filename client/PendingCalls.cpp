@@ -34,6 +34,7 @@ bool PendingCalls::addInfer(uint64_t sequence, Clock::time_point deadline,
                             AcceptCallback accepted) {
     Entry entry;
     entry.deadline = deadline;
+    // Both latencies begin here, before the request is sent.
     entry.start = Clock::now();
     entry.what = "the inference";
     entry.done = std::move(done);

@@ -94,6 +94,7 @@ std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request) {
     return peer ? peer : kNobody;  // connections that were accepted have one; a user without rights
 }
 
+// At most as many as the record can name: each is freed by its entry there.
 void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
     if (message == nullptr || size == 0) return nullptr;
     if (message->innerBufferNum >= kMaxMessageBlocks) return nullptr;

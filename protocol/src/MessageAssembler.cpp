@@ -131,6 +131,7 @@ bool MessageAssembler::fill(IPC::ConnectionBase& connection, void* part, size_t 
 MessageAssembler::State MessageAssembler::receiveHead(IPC::ConnectionBase& connection) {
     if (!fill(connection, &m_head, sizeof(m_head))) return State::kWaiting;
     if (!checkHead(m_head)) return State::kFailed;
+    // The limit is that of a caller's own record; a record that is made here has none.
     if (m_head.size > m_sizeLimit) {
         LOG_ERROR(
             "Error: Buffer (size=%ld Byte) to recevie is not big enough. (Required %ld Bytes).",

@@ -156,6 +156,7 @@ constexpr bool isIndexedByType() {
     }
     return true;
 }
+// The type of a message is used as the index of its row.
 static_assert(isIndexedByType());
 
 template <class Value>
@@ -203,6 +204,7 @@ int flatMessage(KelmMsgBase* message) { return transform(message, &MessageRow::f
 
 int unflatMessage(KelmMsgBase* message) { return transform(message, &MessageRow::unflat); }
 
+// Each check relies on those before it: a list is walked once its count is known to fit.
 bool checkMessage(const KelmMsgBase& message, size_t size) {
     if (size < sizeof(KelmMsgBase) || message.type >= kMessageTypes) return false;
     const MessageRow& row = kRows[message.type];

@@ -65,6 +65,7 @@ client::Error BenchClient::setUp() {
     const std::vector<int> weights = parseWeights(m_options, m_index);
     MutexLock lock(m_mutex);
     for (size_t i = 0; i < m_options.graphs.size(); ++i) {
+        // Not even loaded: it would take devices from the graphs that are measured.
         if (weights[i] == 0) continue;
         client::GraphOptions graphOptions;
         graphOptions.name = m_options.graphs[i];

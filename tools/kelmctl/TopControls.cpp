@@ -46,6 +46,7 @@ TopControls::TopControls() {
 }
 
 bool TopControls::handleKey(int key) {
+    // While the filter is edited every key belongs to it, that for leaving as well.
     if (m_editing) {
         editFilter(key);
         return true;

@@ -68,6 +68,7 @@ void TopFeed::statusRoutine() {
     } while (waitInterval());
 }
 
+// Ends without unregistering: to the service the end of the connection is as good.
 std::string TopFeed::followStatus() {
     const auto connected = client::Client::connect({}, kDeadline);
     if (!connected) return connected.error().text();

@@ -24,6 +24,7 @@ void TopGrid::fill(size_t y, TopStyle style) {
     for (size_t x = 0; y < m_height && x < m_width; ++x) cell(x, y).style = style;
 }
 
+// A run ends where the style changes: one call to the terminal for each.
 std::vector<TopGrid::Run> TopGrid::runs(size_t y) const {
     std::vector<Run> result;
     for (size_t x = 0; x < m_width; ++x) {

@@ -55,6 +55,7 @@ void fillFromSnapshot(TopRow& row, const client::DeviceSnapshot& device) {
     uint64_t inferences = 0;
     for (const client::CurrentGraph& graph : device.current) inferences += graph.inferences;
     row.value(TopValue::kInferences) = toDouble(inferences);
+    // The status names one graph of a device; the others are counted.
     if (device.current.size() > 1) {
         row.detail += " +" + std::to_string(device.current.size() - 1);
     }
@@ -149,6 +150,7 @@ TopModel::Rows TopModel::mergeDevices() const {
     return rows;
 }
 
+// By name and order, since the status has no ids of graphs.
 TopModel::Rows TopModel::mergeGraphs() const {
     std::map<RowKey, const client::GraphSnapshot*> more;
     if (m_snapshot) more = byName(m_snapshot->graphs);
@@ -226,6 +228,7 @@ std::vector<const TopRow*> TopModel::rows(TopSection section, const TopOrder& or
     std::stable_sort(result.begin(), result.end(), [&](const TopRow* a, const TopRow* b) {
         if (isBefore(*a, *b, column)) return !order.reversed;
         if (isBefore(*b, *a, column)) return order.reversed;
+        // Ties by name in either direction, so that equal rows do not change places at each answer.
         return a->name < b->name;
     });
     return result;

@@ -65,6 +65,7 @@ void startColours() {
     ::start_color();
     const bool hasDefault = ::use_default_colors() == OK;
     for (const StyleRow& row : kStyles) {
+        // A terminal without default colours gets white on black for them.
         const auto own = [hasDefault](short colour, short otherwise) {
             return colour == kDefaultColour && !hasDefault ? otherwise : colour;
         };
@@ -104,6 +105,7 @@ TopScreen::~TopScreen() {
     ::delscreen(static_cast<SCREEN*>(m_screen));
 }
 
+// The whole picture each time: curses sends the terminal only what has changed.
 void TopScreen::draw(const TopGrid& grid) {
     ::werase(stdscr);
     for (size_t y = 0; y < grid.height(); ++y) {

@@ -28,6 +28,7 @@ std::vector<TraceRow> TracePairs::onlyInFrames() const {
     for (const auto& [line, surplus] : m_unpaired) {
         if (surplus > 0) continue;
         TraceRow row;
+        // A key is a line of the frames file, and is read as one.
         if (parseTraceRow(line, TraceFileKind::kFrames, row) != nullptr) continue;
         rows.insert(rows.end(), static_cast<size_t>(-surplus), row);
     }

@@ -20,6 +20,7 @@ TraceReader::TraceReader(std::string path, TraceFileKind kind)
 
 bool TraceReader::next(TraceRow& row) {
     while (readLine()) {
+        // Not only at the beginning, see isTraceHeader().
         if (isTraceHeader(m_line, m_kind)) continue;
         const char* const why =
             m_line.size() > kMaxLine ? "too long a line" : parseTraceRow(m_line, m_kind, row);

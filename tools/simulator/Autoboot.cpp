@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string event = "boot";
     for (const std::string& argument : arguments) event += " " + argument;
+    // Before the locks: a test sees a start that gets no further, too.
     simulator::tellEvent(event);
     std::this_thread::sleep_for(setting("KELM_BOOT_ALIVE"));
     GlobalMutex alive(RunPaths::autobootAliveMutex(), true);

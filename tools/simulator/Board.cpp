@@ -153,6 +153,7 @@ int Board::waitForChange(GraphRun::Clock::time_point start) {
 int Board::write(Fifo& fifo, Element element) {
     MutexLock lock(m_mutex);
     const auto start = GraphRun::Clock::now();
+    // What is due is done before each look: there is no thread that would do it.
     for (advance(); fifo.isFull(); advance()) {
         if (const int status = waitForChange(start)) return status;
     }

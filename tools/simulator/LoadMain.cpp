@@ -231,6 +231,7 @@ int run(const Options& options) {
         graphs.push_back(loadGraph(*service, path, options.subclass));
     }
     Counts counts;
+    // The time begins when all graphs are loaded.
     const auto start = Clock::now();
     Quota quota(options.tasks, options.seconds);
     std::vector<std::thread> lanes;

@@ -203,6 +203,7 @@ int qxDeviceResetAll() {
     return kOk;
 }
 
+// There is no board yet: the orders are looked up by the name.
 int qxDeviceOpenBooted(qxDeviceHandle_t** handle, const char* name) {
     if (handle == nullptr || name == nullptr) return kInvalid;
     note(__func__, Orders::kNoOption);
@@ -276,6 +277,7 @@ int qxGraphAllocate(qxDeviceHandle_t* device, qxGraphHandle_t* graph, const void
     if (!model) return kNoGraph;
     graph->run = device->board->addGraph(*model);
     if (!graph->run) return kNoMemory;
+    // Last: a graph whose allocation fails stays without a device.
     graph->board = device->board;
     return kOk;
 }
@@ -335,6 +337,7 @@ int qxFifoCreate(const char* name, int type, qxFifoHandle_t** fifo) {
 
 int qxFifoAllocate(qxFifoHandle_t* fifo, qxDeviceHandle_t* device,
                    const qxTensorDescriptor_t* descriptor, unsigned int elementCount) {
+    // The number stands in the place of an option, so that an order may mean queues of one length.
     const int count = static_cast<int>(elementCount);
     if (const int status = enter(device, __func__, count)) return status;
     if (fifo == nullptr || fifo->fifo || descriptor == nullptr || elementCount == 0) {

@@ -46,6 +46,7 @@ bool WatchedFile::hasChanged() {
     return changed;
 }
 
+// The times are read before the lines: a change in between is seen by the next look.
 std::optional<std::vector<std::string>> WatchedFile::poll() {
     if (!hasChanged()) return std::nullopt;
     std::vector<std::string> lines;
