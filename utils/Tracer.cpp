@@ -31,8 +31,7 @@ struct EndAtExit {
 
 }  // namespace
 
-// The static object is made after the log, to which the writers' failures go, and so ends before
-// it.
+// Made after the log, to which the writers' failures go, the static object ends before it.
 void enableTracer() {
     static const EndAtExit end;
     Writers& made = writers();

@@ -213,8 +213,7 @@ bool checkMessage(const KelmMsgBase& message, size_t size) {
     return row.check == nullptr || row.check(message);
 }
 
-// Both copies of the numbers are cleared in the message: each descriptor has one owner from here
-// on.
+// Both copies of the numbers are cleared in the message: each descriptor has one owner now.
 void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer& output,
                      KelmBuffer& aux) {
     input = message.inputBuffer;

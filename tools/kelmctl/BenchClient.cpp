@@ -111,8 +111,7 @@ void BenchClient::submitAll() {
     for (int i = 0; i < m_options.depth; ++i) submit();
 }
 
-// Outside the mutex from the request on: its callback may come at once, on another thread or this
-// one.
+// Outside the mutex from the request on: its callback may come at once, even on this thread.
 void BenchClient::submit() {
     Source* source = nullptr;
     {

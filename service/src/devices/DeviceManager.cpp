@@ -107,7 +107,7 @@ void DeviceManager::queryDeviceScheduler(KelmStatus& status) const {
     status.deviceSchedulerName = m_schedulers.getSqueezeName();
 }
 
-// What brings new work is closed first. Nothing here waits without a limit: a device may never
+// What brings new work is closed first. No wait for a device is without a limit: it may never
 // answer, and the service is to end all the same.
 bool DeviceManager::stop() {
     if (m_stopState != RUNNING) return m_stopState == STOPPED;

@@ -111,8 +111,7 @@ int KelmDeviceBase::resetDevice() {
 }
 
 int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
-    // Before the mutex: a load that never returns may hold it, and a failed device is to answer at
-    // once.
+    // Before the mutex, which a load that never returns may hold: a failed device answers at once.
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_DEVICE_NOT_OPEN;

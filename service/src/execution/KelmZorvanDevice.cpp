@@ -240,8 +240,7 @@ int KelmZorvanDevice::unloadGraph(KelmGraph* graph, bool keepCached) {
 // and where one eviction frees too little the device refuses the allocation.
 void KelmZorvanDevice::deallocOldestInactiveGraphIfFull(unsigned int required) {
     unsigned int used = 0;
-    // Without a reading nothing is evicted: the allocation that follows tells whether there is
-    // room.
+    // Without a reading nothing is evicted: the allocation that follows tells if there is room.
     if (m_loader.getCurrentMemeoryUsed(&used) != KELM_OK) return;
     const uint64_t wanted = uint64_t{used >> kMegabyteShift} + required;
     if (wanted < getMemorySize() && static_cast<size_t>(m_maxCachedGraphNum) > m_cache.getSize()) {

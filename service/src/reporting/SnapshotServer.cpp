@@ -74,8 +74,7 @@ void SnapshotServer::requestStop() {
     (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: the count never fills up
 }
 
-// A thread that has not ended is kept: it may still be in a collection, and a later stop() joins
-// it.
+// A thread that has not ended is kept, perhaps still in a collection: a later stop() joins it.
 bool SnapshotServer::stop(milliseconds time) {
     requestStop();
     if (!m_thread.joinable()) return true;

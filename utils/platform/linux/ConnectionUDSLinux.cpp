@@ -198,8 +198,7 @@ void ConnectionUDS::close() {
     kelm::MutexLock lock(m_mutex);
     m_state = EMPTY;
     if (m_fd < 0) return;
-    // Before the descriptor is closed: the kernel may give its number to another thread's file at
-    // once.
+    // Before the descriptor is closed: the kernel may give its number to another file at once.
     if (poller) poller->forget(m_fd);
     if (m_users == 0) {
         (void)::close(m_fd);

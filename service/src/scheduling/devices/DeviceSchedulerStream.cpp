@@ -51,8 +51,7 @@ void DeviceSchedulerStream::handleUnloadGraph() {
 
 void DeviceSchedulerStream::handleRemoveWorker() {
     for (WorkThread* worker : m_removeWorkers) {
-        // Its graphs are read now: the worker may be destroyed once the plug-out has been waited
-        // for.
+        // Its graphs are read now: once the plug-out has been waited for it may be destroyed.
         makePlugout(worker);
         displace(worker->getGraphs());
     }

@@ -31,8 +31,7 @@ GraphItemSet sortByWeight(GraphItemSet rests) {
 
 }  // namespace
 
-// Each index keeps its own copy of the order; a graph is marked as used up in the item, which all
-// share.
+// Each index has its own order; that a graph is used up is marked in the item, which all share.
 FractionSelector::FractionSelector(const GraphItemSet& graphs, uint32_t deviceMemSize)
     : m_deviceMemSize(deviceMemSize),
       m_withoutDevice(selectFractions(graphs, false)),
