@@ -77,6 +77,7 @@ void CsvObjWriter::stop() {
     save();
 }
 
+// The numbers are formatted before the mutex of the output is taken.
 void CsvObjWriter::writeFrame(const CsvObj& obj) {
     const LineTail tail(",", obj.getStartTsc(), ",", obj.getEndTsc(), "\n");
     if (m_frames.append(obj.getOperation(), tail.view())) m_semaphore.post();

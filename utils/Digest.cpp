@@ -43,6 +43,7 @@ std::string Sha256::finish() {
     return text;
 }
 
+// By blocks: the file need not fit into memory.
 std::string sha256ForFile(const char* path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {

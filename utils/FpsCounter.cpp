@@ -38,6 +38,7 @@ void FpsCounter::evictUnsafe(Clock::time_point now) {
     }
 }
 
+// Old stamps leave here, too: the list stays short even if the rate is never asked for.
 void FpsCounter::update() {
     const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);

@@ -40,6 +40,7 @@ void ThreadUtils::getName(char* buffer, unsigned long size) {
     ::prctl(PR_GET_NAME, buffer, 0, 0, 0);
 }
 
+// Elsewhere nanoseconds stand in, which look like a counter of 1,000 MHz.
 uint64_t ThreadUtils::getRdtsc() {
 #if defined(__x86_64__)
     return __rdtsc();

@@ -29,6 +29,7 @@ std::string formatWithFraction(std::chrono::system_clock::time_point point, long
 
 }  // namespace
 
+// Nothing for a format that gives more than 23 characters.
 std::string putTime(std::chrono::system_clock::time_point point, const char* format) {
     const time_t seconds = std::chrono::system_clock::to_time_t(point);
     tm parts{};

@@ -23,6 +23,7 @@ float UtilizationCounter::millis(Clock::duration time) {
     return std::chrono::duration<float, std::milli>(time).count();
 }
 
+// At each start, so that the list stays short even if the utilization is never asked for.
 void UtilizationCounter::dropEndedBeforeUnsafe(Clock::time_point windowStart) {
     while (!m_records.empty() && !isOpen(m_records.front())) {
         const Record& first = m_records.front();

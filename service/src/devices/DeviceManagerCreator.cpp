@@ -166,6 +166,8 @@ void DeviceManagerCreator::enqueueResetDevice(Request request) {
     }
     const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;
     for (const auto& [subclass, manager] : m_deviceManagers) {
+        // All managers are asked, since an id tells no subclass. The device may leave before its
+        // manager looks again; then that answers.
         if (!manager->hasDevice(deviceId)) continue;
         return manager->enqueueResetDevice(std::move(request));
     }

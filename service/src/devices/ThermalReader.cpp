@@ -10,7 +10,8 @@ namespace kelm {
 
 namespace {
 
-// Results per second below which a device counts as idle.
+// Results per second below which a device counts as idle. Others are read with their results, see
+// KelmZorvanDevice::updateThermalIfDue().
 constexpr float kIdleFps = 0.1f;
 
 }  // namespace

@@ -27,6 +27,7 @@ UniqueMalloc<char> copyBlob(const char* buffer, uint64_t size) {
     return data;
 }
 
+// Repeated after a signal and after a short write.
 bool writeAll(int fd, const char* data, uint64_t size) {
     uint64_t done = 0;
     while (done < size) {

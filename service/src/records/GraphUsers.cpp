@@ -54,6 +54,7 @@ std::vector<std::string> GraphUsers::getClientNames() {
     return names;
 }
 
+// Each user has a name for the graph; reports show them all.
 void GraphUsers::spliceGraphName() {
     MutexLock lock(m_mutex);
     if (m_users.empty()) return;  // a graph that departs keeps its last name

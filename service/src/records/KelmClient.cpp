@@ -73,6 +73,8 @@ uint64_t KelmClient::getInferenceTimes() {
     return m_inferenceTimes;
 }
 
+// May stay too high for each task that is canceled in a queue, see
+// TaskSchedulerFCFS::removeWaitingTask().
 void KelmClient::increaseWaitingInferenceNum() {
     MutexLock lock(m_mutex);
     ++m_waitingInferenceNum;

@@ -18,6 +18,7 @@ struct Slot {
     std::shared_ptr<ConnectionBase> owner;     // the registry's share, if adopted
 };
 
+// The numbers of connections are the indices of the table.
 struct Registry {
     kelm::Mutex m_fd_mutex;
     std::array<Slot, IPC_CONN_FD_MAX> m_fd_map GUARDED_BY(m_fd_mutex);
@@ -38,6 +39,7 @@ ConnectionBase::ConnectionBase(Poller* poller) : ConnectionBase(poller, reserveN
 ConnectionBase::ConnectionBase(Poller* poller, int number) : m_simulateFD(number) {
     CR_ASSERT(m_simulateFD >= 0);
     if (poller == nullptr) return;
+    // Weak: a poller may be destroyed before its connections.
     m_poller = poller->weak_from_this();
     CR_ASSERT(!m_poller.expired(), "a poller lives in a shared pointer");
 }

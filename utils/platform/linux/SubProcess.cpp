@@ -117,6 +117,7 @@ SubProcess::SubProcess(std::vector<std::string> args) : m_state(std::make_shared
     m_state->m_arguments = std::move(args);
 }
 
+// In this order, so that no new child is started for the one that is ended here.
 SubProcess::~SubProcess() {
     enableDaemon(false);
     terminate();
@@ -158,6 +159,7 @@ void SubProcess::terminate() {
     m_state->m_pid = -1;
 }
 
+// Forgets the id, so that the destructor ends no child.
 void SubProcess::abandon() {
     enableDaemon(false);
     MutexLock lock(m_state->m_mutex);

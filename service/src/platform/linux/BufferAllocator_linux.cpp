@@ -63,6 +63,7 @@ BufferAllocator::Ion BufferAllocator::openIon() {
     return m_ion;
 }
 
+// Without opening: a buffer with a handle was made by a device that is open.
 BufferAllocator::Ion BufferAllocator::getIon() {
     MutexLock lock(m_mutex);
     return m_ion;
@@ -109,6 +110,7 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
     return KELM_OK;
 }
 
+// After a failure the descriptor is still the caller's; otherwise free() closes it with the buffer.
 KelmError BufferAllocator::import(int fd, KelmBuffer* buffer) {
     if (fd < 1) {
         LOG_ERROR("Error: fd(%d) <= 0.", fd);
