@@ -5,6 +5,7 @@
 namespace kelm {
 
 #ifndef NDEBUG
+// The first thread to come here becomes the owner; atomically, so that of two only one does.
 void ThreadRole::checkThread() const {
     std::thread::id owner{};
     const std::thread::id self = std::this_thread::get_id();
