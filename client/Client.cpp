@@ -23,6 +23,7 @@ namespace {
 constexpr uint16_t kApiMajorVersion = 2;
 constexpr uint16_t kApiMinorVersion = 0;
 
+// Zeroed: fields that a caller does not set must be 0 on the wire.
 template <class Request>
 Request makeRequest(KelmMsgType type) {
     Request request{};
@@ -92,6 +93,7 @@ Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath, D
     }
 }
 
+// A name that is too long is cut by the field.
 Error Client::registerClient(const std::string& name, Deadline deadline) {
     auto request = makeRequest<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ);
     StringHelper::copyStringSafe(request.clientName, name);
@@ -103,6 +105,7 @@ Error Client::registerClient(const std::string& name, Deadline deadline) {
     return {};
 }
 
+// The service reads nothing from this connection afterwards: the object is only to be destroyed.
 Error Client::unregister(Deadline deadline) {
     auto request = makeRequest<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ, clientId());
     const Result<MessagePtr> answer = m_impl->call(request.head, "unregister", deadline);
@@ -161,6 +164,7 @@ void Client::inferAsync(const InferRequest& request, const InferCallback& done,
 }
 
 std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {
+    // Shared, since a callback must be one that can be copied.
     auto promise = std::make_shared<std::promise<InferResult>>();
     std::future<InferResult> result = promise->get_future();
     inferAsync(

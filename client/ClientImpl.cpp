@@ -12,6 +12,7 @@ namespace kelm::client {
 
 namespace {
 
+// What ends a call: the message, or the error that stands in its place.
 struct Answer {
     MessagePtr message;
     Error error;
@@ -50,6 +51,7 @@ KelmMsgReqInferTask makeInferRequest(uint64_t clientId, uint64_t sequence,
 
 }  // namespace
 
+// The reader is started last, when all that it uses is there.
 Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection)
     : m_connection(std::move(connection)),
       m_socket(m_connection->getSimulateFD()),
@@ -87,6 +89,8 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
     return std::move(answer.message);
 }
 
+// The callback runs in each case, here at the latest: a caller never waits for a request that was
+// not taken.
 void Client::Impl::infer(const InferRequest& request, const InferCallback& done,
                          AcceptCallback accepted, Deadline deadline) {
     const Clock::time_point end = Clock::now() + deadline;
@@ -113,6 +117,7 @@ Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
         m_sending = true;
         m_sendDeadline = deadline;
     }
+    // Without the mutex: the write waits for as long as the service does not read.
     const bool sent = kelmSendMessage(m_socket, &message) == 0;
     {
         MutexLock lock(m_sendMutex);
@@ -122,6 +127,7 @@ Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
     return sent ? Error() : Error::connectionLost();
 }
 
+// On the deadline thread. The shutdown ends the write, and the reader then ends all other calls.
 void Client::Impl::giveUpStuckSend() {
     MutexLock lock(m_sendMutex);
     if (m_sending && m_sendDeadline <= Clock::now()) m_connection->shutdown();
@@ -134,6 +140,8 @@ void Client::Impl::readRoutine() {
     m_pending.closeAll(Error::connectionLost());
 }
 
+// On the reader's thread, as the callbacks that it runs: one that waits for an answer would wait
+// for itself.
 void Client::Impl::dispatch(MessagePtr message) {
     switch (message->type) {
         case KELM_MESSAGE_INFER_TASK_RSP: {

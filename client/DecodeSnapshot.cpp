@@ -57,6 +57,7 @@ ClientSnapshot decodeClient(const InfoClientRow& row) {
             row.inferenceTimes,  row.waitingInferenceNum};
 }
 
+// A negative size is nonsense of the sender; it shows as 0.
 uint64_t megabytes(int64_t value) { return static_cast<uint64_t>(std::max<int64_t>(value, 0)); }
 
 }  // namespace

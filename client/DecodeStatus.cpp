@@ -6,12 +6,15 @@
 
 namespace kelm::client {
 
+// The service passes on what devices tell: its readers get numbers that can be printed and
+// compared.
 float finiteOrZero(float value) { return std::isfinite(value) ? value : 0.0f; }
 
 float rateOrZero(float value) { return std::max(finiteOrZero(value), 0.0f); }
 
 uint32_t countOrZero(int32_t count) { return static_cast<uint32_t>(std::max(count, 0)); }
 
+// Counts come from outside and are larger than the rows where the record has no room for all.
 size_t rowsOf(int32_t count, size_t rows) { return std::min<size_t>(countOrZero(count), rows); }
 
 namespace {
@@ -23,6 +26,7 @@ static_assert(StatusPart::kOverview == StatusPart{kQueryAll} &&
               StatusPart::kClients == StatusPart{kQueryClients} &&
               StatusPart::kSchedulers == StatusPart{kQuerySchedulers});
 
+// The overview fills names and rates only; the other columns would be zeros that mean nothing.
 void decodeDevices(const KelmMsgRspQueryStatus& answer, ServiceStatus& status) {
     status.deviceCount = countOrZero(answer.deviceNum);
     const bool details = status.parts.has(StatusPart::kDevices);
@@ -59,6 +63,7 @@ void decodeClients(const KelmMsgRspQueryStatus& answer, ServiceStatus& status) {
 
 }  // namespace
 
+// By the answer's own word for its parts: only what it tells is read.
 ServiceStatus decodeStatus(const KelmMsgRspQueryStatus& answer) {
     ServiceStatus status;
     status.parts = StatusParts(answer.queryType);

@@ -9,6 +9,7 @@ namespace kelm::client {
 
 namespace {
 
+// What a user can do about it, beside the name of the code.
 struct AdviceRow {
     int32_t code;
     const char* advice;
@@ -47,6 +48,7 @@ constexpr AdviceRow kAdvice[] = {
     {KELM_ERROR_NO_RIGHTS, "the graph or task belongs to another client"},
 };
 
+// Codes without a row are those of devices and libraries: only the service's log knows more.
 const char* findAdvice(int32_t code) {
     for (const AdviceRow& row : kAdvice) {
         if (row.code == code) return row.advice;

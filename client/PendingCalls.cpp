@@ -34,6 +34,7 @@ bool PendingCalls::addInfer(uint64_t sequence, Clock::time_point deadline,
                             AcceptCallback accepted) {
     Entry entry;
     entry.deadline = deadline;
+    // Both latencies begin here, before the request is sent.
     entry.start = Clock::now();
     entry.what = "the inference";
     entry.done = std::move(done);
@@ -69,6 +70,7 @@ void PendingCalls::end(Entry& entry, const Error& error) {
     entry.done(entry.result);
 }
 
+// An answer that comes after its deadline finds no entry, and is dropped.
 void PendingCalls::finishCall(uint64_t sequence, MessagePtr answer) {
     const std::optional<Entry> entry = take(sequence);
     if (entry && entry->reply) entry->reply(std::move(answer), Error());
@@ -120,6 +122,8 @@ void PendingCalls::fail(uint64_t sequence, const Error& error) {
     if (entry) end(*entry, error);
 }
 
+// The callbacks run outside the lock, so that one may submit again: it is refused, and nothing
+// waits for itself.
 void PendingCalls::closeAll(const Error& error) {
     Entries entries;
     {
@@ -130,6 +134,7 @@ void PendingCalls::closeAll(const Error& error) {
     for (auto& [sequence, entry] : entries) end(entry, error);
 }
 
+// A walk over all: the time of the next check may be that of an entry that has ended since.
 std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_point now) {
     std::vector<uint64_t> sequences;
     m_nextCheck = Clock::time_point::max();
@@ -160,6 +165,7 @@ void PendingCalls::deadlineRoutine() {
         std::vector<Entry> overdue = takeOverdueUnsafe(now);
         lock.unlock();
         for (Entry& entry : overdue) end(entry, Error::timeout(entry.what));
+        // After the callbacks: a write that is stuck is looked for last, as it ends the connection.
         if (!overdue.empty()) m_onOverdue();
         lock.lock();
     }

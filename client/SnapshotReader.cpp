@@ -42,6 +42,7 @@ class SnapshotReader::Impl {
     Impl(UniqueFd socket, UniqueFd interrupt)
         : m_socket(std::move(socket)), m_interrupt(std::move(interrupt)) {}
 
+    // A part that has come before an error stays, and the next read goes on behind it.
     Result<Snapshot> read(Deadline deadline) {
         const Clock::time_point end = Clock::now() + deadline;
         while (m_filled < sizeof(InfoPackage)) {
@@ -62,6 +63,7 @@ class SnapshotReader::Impl {
             pollfd fds[] = {{m_interrupt.get(), POLLIN, 0}, {m_socket.get(), POLLIN, 0}};
             const int count = ::poll(fds, 2, millisUntil(end));
             if (count < 0 && errno != EINTR) return Error::fromErrno("waiting for a snapshot");
+            // Looked at first, so that a reader that is to end reads no further package.
             if (count > 0 && fds[0].revents != 0) {
                 return {ErrorKind::kCanceled, 0, "the reading of snapshots was interrupted"};
             }

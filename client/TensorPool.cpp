@@ -16,6 +16,7 @@ namespace {
 
 constexpr int kNameAttempts = 8;
 
+// 128 random bits, so that the names of many processes do not meet in their one directory.
 std::string randomName() {
     static thread_local std::random_device device;
     constexpr char kDigits[] = "0123456789abcdef";
@@ -51,6 +52,8 @@ class TensorSlot::Segment {
         return nullptr;
     }
 
+    // A slot must be held until its task has ended: the service opens the memory by this name,
+    // perhaps as late as the result comes.
     ~Segment() {
         if (m_data != nullptr) ::munmap(m_data, m_size);
         ::shm_unlink(m_name.c_str());
@@ -101,6 +104,8 @@ struct TensorPool::State {
 TensorPool::TensorPool(size_t inputSize, size_t outputSize)
     : m_inputSize(inputSize), m_outputSize(outputSize), m_state(std::make_shared<State>()) {}
 
+// `free` stands before the lock, and so is destroyed after it: slots are unmapped without the
+// mutex.
 TensorPool::~TensorPool() {
     std::vector<std::unique_ptr<TensorSlot>> free;
     MutexLock lock(m_state->mutex);
@@ -117,6 +122,7 @@ Result<TensorPool::Handle> TensorPool::acquire() {
         if (!output) return Error::fromErrno("making shared memory for the output");
         slot.reset(new TensorSlot(std::move(input), std::move(output)));
     }
+    // Keeps the state and not the pool, which may be destroyed before the last slot comes back.
     const auto back = [state = m_state](TensorSlot* used) {
         state->giveBack(std::unique_ptr<TensorSlot>(used));
     };

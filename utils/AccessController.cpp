@@ -4,6 +4,7 @@
 
 namespace kelm {
 
+// Without a lock: it is called once at the start, before there are other threads.
 void AccessController::setAccessAttribute(const std::string& user, const std::string& group,
                                           int mode) {
     m_user = user;

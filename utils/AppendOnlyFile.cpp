@@ -41,6 +41,8 @@ void appendWhole(int fd, std::string_view text, std::string& reason) {
 
 AppendOnlyFile::AppendOnlyFile(std::string path) : m_path(std::move(path)) {}
 
+// Opened anew each time: a file that was taken away meanwhile is made again, and none stays open
+// between two saves. A failure that repeats itself is told once.
 bool AppendOnlyFile::append(std::string_view text) {
     std::string reason;
     if (const UniqueFd file = open(reason)) appendWhole(file.get(), text, reason);

@@ -2,6 +2,7 @@
 
 #include <new>
 
+// Compilers tell of their sanitizers in two ways; a kept block would hide a use after its release.
 #if defined(__has_feature)
 #define KELM_HAS_FEATURE(feature) __has_feature(feature)
 #else
@@ -29,6 +30,7 @@ BlockCache::~BlockCache() {
     }
 }
 
+// The heap is asked without the mutex: it has locks of its own, and other threads need not wait.
 void* BlockCache::take() {
     {
         MutexLock lock(m_mutex);

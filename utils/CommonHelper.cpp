@@ -18,6 +18,8 @@ std::string CommonHelper::getAbsPath(const std::string& path) {
     return resolved ? resolved.get() : "";
 }
 
+// A client's task brings up to three descriptors, so the usual soft limit would be used up by a few
+// hundred tasks.
 bool CommonHelper::liftMaxOpenFileLimit() {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;

@@ -30,6 +30,7 @@ constexpr const char* kDefaultFirmware = "default";
 constexpr size_t kMaxFileBytes = 1 << 20;
 constexpr int kMaxNesting = 64;
 
+// A value of the wrong type counts as one that is missing.
 template <class T>
 std::optional<T> valueAt(const Tree& tree, const char* key) {
     const auto child = tree.get_child_optional(key);
@@ -88,6 +89,7 @@ bool isNestingBounded(const std::string& text, const std::string& path) {
     return false;
 }
 
+// Read once, as the environment does not change. The directory may stand anywhere in the path.
 bool liesUnderInstallDir(const std::string& path) {
     static const std::optional<std::string> kelmInstallDir = []() -> std::optional<std::string> {
         const char* value = std::getenv("KELM_INSTALL_DIR");
@@ -110,6 +112,8 @@ bool visitSubclass(const Tree& tree, const char* section, int subclass, Visit vi
     return false;
 }
 
+// A member that is an object or array is no tag and is left out; of two equal names the first
+// counts.
 bool getTagMapFromSubnode(const Tree& node, int subclass,
                           std::map<std::string, unsigned long>& out) {
     out.clear();
@@ -125,6 +129,7 @@ bool getTagMapFromSubnode(const Tree& node, int subclass,
     return true;
 }
 
+// 0 devices are a sensible wish for the default firmware only.
 bool isBootNumValid(const firmwareConfig& firmware) {
     if (firmware.num >= (firmware.name == kDefaultFirmware ? 0 : 1)) return true;
     LOG_ERROR("Error: invalid bootNum %d for firmware %s, skip this firmware", firmware.num,
@@ -132,6 +137,7 @@ bool isBootNumValid(const firmwareConfig& firmware) {
     return false;
 }
 
+// A path that is not absolute is taken as a name in the firmware directory of the installation.
 bool resolveFirmwarePath(firmwareConfig& firmware) {
     if (firmware.path == "default") {
         firmware.path = getDefaultFWPathFromInstallDir("");
@@ -159,6 +165,7 @@ void readFirmwareSection(const Tree& section, std::vector<firmwareConfig>& out) 
 }  // namespace
 
 struct ConfigParser::Impl {
+    // The latest file first, so that it overrides the earlier ones key by key.
     template <class T>
     T parseFromConfigList(const char* key, const T& def) const {
         for (const Tree& tree : boost::adaptors::reverse(configTrees)) {
@@ -176,6 +183,7 @@ ConfigParser::ConfigParser() : m_impl(std::make_unique<Impl>()) {}
 
 ConfigParser::~ConfigParser() = default;
 
+// Nothing is kept before the last check has passed: a file that is refused changes nothing.
 bool ConfigParser::appendConfigFile(const std::string& path, bool reportMissing) {
     if (!FileHelper::exist(path)) {
         if (reportMissing) LOG_ERROR("Error: config file '%s' is not exist", path);

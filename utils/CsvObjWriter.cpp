@@ -12,6 +12,7 @@ namespace kelm {
 
 namespace {
 
+// Also the longest that an ended operation waits for the disk.
 constexpr long kSaveIntervalMillisec = 2000;
 constexpr size_t kFull = 0xFFFFF;
 // What may gather while the disk is slow, and what a buffer may keep for itself afterwards.
@@ -68,6 +69,7 @@ CsvObjWriter::CsvObjWriter(const std::string& pathBegin, const std::string& path
 
 CsvObjWriter::~CsvObjWriter() { stop(); }
 
+// The last save comes after the thread has ended, since only one may save at a time.
 void CsvObjWriter::stop() {
     if (m_stop.exchange(true)) return;
     m_semaphore.post();
@@ -75,6 +77,7 @@ void CsvObjWriter::stop() {
     save();
 }
 
+// The numbers are formatted before the mutex of the output is taken.
 void CsvObjWriter::writeFrame(const CsvObj& obj) {
     const LineTail tail(",", obj.getStartTsc(), ",", obj.getEndTsc(), "\n");
     if (m_frames.append(obj.getOperation(), tail.view())) m_semaphore.post();

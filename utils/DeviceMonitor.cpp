@@ -80,6 +80,7 @@ void DeviceMonitor::notifyPlugoutDevice(const DeviceDesc& desc) {
     notifyListeners(desc, PLUGGED_OUT);
 }
 
+// Under the mutex, so that none is called after its unregisterListen() has returned.
 void DeviceMonitor::notifyListeners(const DeviceDesc& desc, PlugType type) {
     MutexLock lock(m_mutex);
     for (const auto& [id, listener] : m_listeners) listener(desc, type);

@@ -25,6 +25,7 @@ void DeviceMonitorFakeImpl::monitorRoutine() {}
 
 void DeviceMonitorFakeImpl::stop() {}
 
+// All are of subclass 0, and take the ids that are asked for.
 std::vector<DeviceDesc> DeviceMonitorFakeImpl::getDeviceList(int vendorId, int productId) {
     std::vector<DeviceDesc> devices;
     devices.reserve(static_cast<size_t>(m_deviceCount));

@@ -43,6 +43,7 @@ std::string Sha256::finish() {
     return text;
 }
 
+// By blocks: the file need not fit into memory.
 std::string sha256ForFile(const char* path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
@@ -57,6 +58,7 @@ std::string sha256ForFile(const char* path) {
     return digest.finish();
 }
 
+// Empty for no bytes: that stands for "no digest", as it does for a file that does not open.
 std::string sha256ForBuffer(const char* data, unsigned long size) {
     if (data == nullptr || size == 0) return {};
     Sha256 digest;

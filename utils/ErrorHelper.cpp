@@ -21,6 +21,7 @@ namespace {
 
 std::terminate_handler g_oldTerminateHandler = nullptr;
 
+// The names go straight to a descriptor, which needs no memory from the heap.
 [[noreturn]] void terminateHandler() {
     constexpr int kMaxFrames = 20;
     void* frames[kMaxFrames];
@@ -30,6 +31,7 @@ std::terminate_handler g_oldTerminateHandler = nullptr;
     std::abort();
 }
 
+// At the first error only: a process without one keeps its own handler.
 void installTerminateHandler() {
     static std::once_flag once;
     std::call_once(once, [] {

@@ -19,6 +19,7 @@ bool FileHelper::exist(const char* path) {
 
 bool FileHelper::exist(const std::string& path) { return !path.empty() && exist(path.c_str()); }
 
+// A short file is no failure: the rest of the buffer stays as it was.
 bool FileHelper::readFile(const char* path, unsigned long size, char* buffer) {
     if (path == nullptr || size == 0 || buffer == nullptr) return false;
     std::ifstream file(path, std::ios::binary);
@@ -41,6 +42,7 @@ bool FileHelper::writeFile(const char* path, unsigned long size, const char* buf
     return true;
 }
 
+// The block comes from malloc(), as those of messages do, so that one owner type fits both.
 char* FileHelper::readFile(const char* path, unsigned long* size) {
     // Only a regular file has a size to trust; opening a FIFO would wait for its writer.
     const bool regular = path != nullptr && size != nullptr && isFile(path);
@@ -84,6 +86,7 @@ unsigned long FileHelper::getFileSize(const std::string& path) {
     return file ? static_cast<unsigned long>(file.tellg()) : 0;
 }
 
+// Without subdirectories. A file that is removed meanwhile is passed over.
 std::vector<std::string> FileHelper::getFiles(const std::string& path) {
     if (isFile(path)) return {path};
     std::vector<std::string> files;

@@ -30,6 +30,7 @@ FpsCounter::FpsCounter(const std::string& category, const std::string& object,
                        const std::string& counter, NowFunction now)
     : m_name(makeCounterName(category, object, counter)), m_now(now) {}
 
+// Events that share a stamp leave together with the first of them.
 void FpsCounter::evictUnsafe(Clock::time_point now) {
     while (!m_timePoints.empty() &&
            wholeMillis(now - m_timePoints.front().time) >= m_bufferTimeMs) {
@@ -37,10 +38,12 @@ void FpsCounter::evictUnsafe(Clock::time_point now) {
     }
 }
 
+// Old stamps leave here, too: the list stays short even if the rate is never asked for.
 void FpsCounter::update() {
     const Clock::time_point now = m_now();
     MutexLock lock(m_mutex);
     evictUnsafe(now);
+    // Below that number of stamps a stamp is one millisecond, see kFineStamps.
     const bool fine = m_timePoints.size() < kFineStamps;
     const int64_t shared = fine ? 1 : std::max<int64_t>(1, m_bufferTimeMs / int64_t{kFineStamps});
     if (!m_timePoints.empty() && wholeMillis(now - m_timePoints.back().time) < shared) {

@@ -30,6 +30,7 @@ const char* colorEnd(LogLevel level) { return colorBegin(level)[0] != '\0' ? "\0
 
 void Log::setLog4cppInitFile(const std::string&) {}
 
+// Put together first and written in one piece; the mutex keeps the lines of threads apart.
 void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t line,
                     const char* object, const char* format, std::span<const FormatArg> args) {
     MutexLock lock(m_mutex);

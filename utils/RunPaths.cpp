@@ -4,6 +4,7 @@
 
 namespace kelm {
 
+// The variable lets several services run beside each other, each with files of its own.
 std::string RunPaths::directory() {
     const char* directory = std::getenv("KELM_RUN_DIR");
     return directory != nullptr && *directory != '\0' ? directory : "/var/tmp";

@@ -26,6 +26,7 @@ bool Semaphore::tryWait() {
     return true;
 }
 
+// Looks once more at the deadline: a post that came just before it must not be lost.
 bool Semaphore::waitFor(long timeoutMillisec) {
     const auto deadline =
         std::chrono::system_clock::now() + std::chrono::milliseconds(timeoutMillisec);
@@ -42,6 +43,7 @@ int Semaphore::getValue() {
     return m_value;
 }
 
+// All waiters: the new value may serve more than one.
 void Semaphore::resetValue(int value) {
     MutexLock lock(m_mutex);
     m_value = value;

@@ -47,6 +47,7 @@ std::string shortenText(std::string_view text, size_t width) {
     return std::string(text.substr(0, part)) + "..." + std::string(text.substr(text.size() - part));
 }
 
+// A character that is escaped shows each of its bytes.
 std::string escapeControls(std::string_view text) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string result;
@@ -70,6 +71,7 @@ std::string escapeControls(const char* text) {
     return escapeControls(text != nullptr ? std::string_view(text) : "(null)");
 }
 
+// By hand: the library's function depends on the locale.
 std::string toLower(std::string text) {
     for (char& letter : text) {
         if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');

@@ -23,6 +23,7 @@ void TextTable::row(const std::string& label, const std::vector<std::string>& ce
     m_text += "\n";
 }
 
+// Each cell of a column has a blank on either side, those with labels have none.
 void TextTable::rule(size_t cells) {
     constexpr size_t kBlanks = 2;
     const bool inColumn = m_labels == Labels::InColumn;

@@ -28,6 +28,7 @@ ThreadPool::ThreadPool(std::string name, uint64_t threadNumber, uint64_t maxQueu
     }
 }
 
+// The threads run what is queued before they end: a notice that was posted is always done.
 ThreadPool::~ThreadPool() {
     {
         MutexLock lock(m_mutex);
@@ -59,6 +60,8 @@ void ThreadPool::waitForRoomUnsafe() {
     throwIfStoppedUnsafe();
 }
 
+// Woken after the mutex is free, or the worker would wake up only to wait for it. A worker that is
+// not idle looks into the queue by itself.
 void ThreadPool::insert(InlineTask task, bool front, bool limited) {
     bool wake = false;
     {
@@ -81,6 +84,7 @@ void ThreadPool::enqueueTask(InlineTask task, bool front) { insert(std::move(tas
 
 void ThreadPool::postNotice(InlineTask task) { insert(std::move(task), false, false); }
 
+// Counts the threads that sleep and those that have ended; a thread between two tasks is neither.
 bool ThreadPool::waitIdleFor(std::chrono::milliseconds time) {
     const auto deadline = std::chrono::steady_clock::now() + time;
     MutexLock lock(m_mutex);

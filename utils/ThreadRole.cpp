@@ -6,6 +6,7 @@
 namespace kelm {
 
 #ifndef NDEBUG
+// The first thread to come here becomes the owner; atomically, so that of two only one does.
 void ThreadRole::checkThread() const {
     int owner = 0;
     const int self = ThreadUtils::getThreadId();

@@ -45,6 +45,7 @@ void ThreadUtils::getName(char* buffer, unsigned long size) {
     ::prctl(PR_GET_NAME, buffer, 0, 0, 0);
 }
 
+// Elsewhere nanoseconds stand in, which look like a counter of 1,000 MHz.
 uint64_t ThreadUtils::getRdtsc() {
 #if defined(__x86_64__)
     return __rdtsc();
@@ -61,6 +62,7 @@ std::string ThreadUtils::getHostname() {
     return buffer.data();
 }
 
+// One mutex for the process: the numbers of the lines follow their order in the file.
 void ThreadUtils::saveThreadInfo(const std::string& name) {
     static kelm::Mutex mutex;
     static unsigned long counter = 0;

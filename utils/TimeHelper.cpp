@@ -29,6 +29,7 @@ std::string formatWithFraction(std::chrono::system_clock::time_point point, long
 
 }  // namespace
 
+// Nothing for a format that gives more than 23 characters.
 std::string putTime(std::chrono::system_clock::time_point point, const char* format) {
     const time_t seconds = std::chrono::system_clock::to_time_t(point);
     tm parts{};
@@ -46,12 +47,14 @@ std::string formatTimeMilli(std::chrono::system_clock::time_point point) {
     return formatWithFraction(point, 1000, 3);
 }
 
+// Rounded up: a rest below a millisecond would become a poll with no time, again and again.
 std::chrono::milliseconds timeUntil(std::chrono::steady_clock::time_point deadline) {
     using std::chrono::milliseconds;
     const auto left = deadline - std::chrono::steady_clock::now();
     return std::max(std::chrono::ceil<milliseconds>(left), milliseconds(0));
 }
 
+// Clocks of displays may be set back; a time below zero shows as none. Hours may go beyond 24.
 std::string formatDurationString(std::chrono::seconds duration) {
     const int64_t seconds = std::max<int64_t>(duration.count(), 0);
     return StringHelper::format("%02ld:%02ld:%02ld", seconds / 3600, seconds / 60 % 60,

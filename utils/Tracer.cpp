@@ -31,6 +31,7 @@ struct EndAtExit {
 
 }  // namespace
 
+// Made after the log, to which the writers' failures go, the static object ends before it.
 void enableTracer() {
     static const EndAtExit end;
     Writers& made = writers();
@@ -38,6 +39,8 @@ void enableTracer() {
     if (globalCsvObjWriter.load() == nullptr) globalCsvObjWriter.store(&made.all.emplace_back());
 }
 
+// The pointer first: threads that read it later write nothing, and those that have read it before
+// meet a writer that is stopped, not destroyed.
 void disableTracer() {
     if (CsvObjWriter* writer = globalCsvObjWriter.exchange(nullptr)) writer->stop();
 }
@@ -66,6 +69,7 @@ CsvObj::Shared& CsvObj::shared() {
 
 CsvObj::CsvObj(uint64_t id, const char* name) : m_id(id) { renewOperation(name); }
 
+// The start is taken last, so that the preparation does not count.
 void CsvObj::renewOperation(const char* name) {
     m_pid = shared().pid;
     m_tid = std::to_string(ThreadUtils::getThreadId());

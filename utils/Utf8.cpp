@@ -15,10 +15,13 @@ struct Form {
 constexpr Form kForms[] = {
     {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
 
+// The halves of pairs are no characters by themselves.
 bool isScalar(char32_t value) { return value <= 0x10ffff && (value < 0xd800 || value > 0xdfff); }
 
 }  // namespace
 
+// The first byte decides the form. A longer form than needed is refused: a character would have two
+// spellings, of which checks may know only one.
 std::optional<char32_t> Utf8::takeCharacter(std::string_view& text) {
     for (const Form& form : kForms) {
         const auto first = static_cast<unsigned char>(text.front());

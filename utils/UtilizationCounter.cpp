@@ -23,6 +23,7 @@ float UtilizationCounter::millis(Clock::duration time) {
     return std::chrono::duration<float, std::milli>(time).count();
 }
 
+// At each start, so that the list stays short even if the utilization is never asked for.
 void UtilizationCounter::dropEndedBeforeUnsafe(Clock::time_point windowStart) {
     while (!m_records.empty() && !isOpen(m_records.front())) {
         const Record& first = m_records.front();
@@ -34,6 +35,7 @@ void UtilizationCounter::dropEndedBeforeUnsafe(Clock::time_point windowStart) {
 void UtilizationCounter::openRecordUnsafe(Clock::time_point now) {
     if (m_records.size() >= kFineRecords) {
         Record& last = m_records.back();
+        // The pause between the two periods is kept out: only their own times are added up.
         if (millis(now - last.startTime) < kSharedRecordMs) {
             last = {kOpen, last.startTime, now, last.duration};
             return;
@@ -68,6 +70,8 @@ void UtilizationCounter::stop() {
     last.before = 0.0f;
 }
 
+// Cuts the oldest record at the window's begin instead of dropping it: a period that is longer than
+// the window would otherwise count for nothing, or for too much.
 void UtilizationCounter::clipUnsafe(Clock::time_point windowStart) {
     while (!m_records.empty() && m_records.front().startTime < windowStart) {
         Record& first = m_records.front();
@@ -84,6 +88,7 @@ void UtilizationCounter::clipUnsafe(Clock::time_point windowStart) {
     }
 }
 
+// A period that lasts counts up to this moment.
 float UtilizationCounter::getUtilization() {
     MutexLock lock(m_mutex);
     const Clock::time_point now = m_now();

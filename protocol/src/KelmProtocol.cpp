@@ -13,6 +13,7 @@
 
 namespace kelm {
 
+// Zeroed as a whole: the gaps between fields go over the wire too, and must carry no old memory.
 KelmMsgBase* kelmAllocMessage(KelmMsgType type) {
     if (type >= kMessageTypes || KelmMessageSize[type] == 0) return nullptr;
     const uint64_t size = KelmMessageSize[type];
@@ -34,6 +35,8 @@ void freeInnerBuffers(KelmMsgBase* message) {
     message->innerBufferNum = 0;
 }
 
+// Each entry is marked as closed, so that a second release does no harm to a number that is in use
+// again by then.
 void closeDescriptors(KelmMsgBase* message) {
     const uint32_t count = std::min(message->fdNum, kMaxMessageFds);
     for (uint32_t i = 0; i < count; ++i) {
@@ -49,6 +52,7 @@ void kelmReleaseContents(KelmMsgBase* message) {
     closeDescriptors(message);
 }
 
+// A record that was built here to be sent names descriptors of its sender, which are not closed.
 void kelmReleaseMessage(KelmMsgBase* message) {
     if (message == nullptr) return;
     freeInnerBuffers(message);
@@ -56,6 +60,7 @@ void kelmReleaseMessage(KelmMsgBase* message) {
     messagePool::release(message);
 }
 
+// Of several graph binaries only the last is used; the earlier ones need no memory at all.
 bool kelmKeepsBlock(const KelmMsgBase& message, uint32_t index) {
     if (message.type != KELM_MESSAGE_CREATE_GRAPH_REQ) return false;
     const uint32_t count = std::min(message.dataNum, kMaxMessageBlocks);
@@ -64,6 +69,8 @@ bool kelmKeepsBlock(const KelmMsgBase& message, uint32_t index) {
     return std::find(message.dataType + index + 1, end, kGraphBlockType) == end;
 }
 
+// The address is looked for among the blocks that this process has made: a peer's number is never
+// taken for memory of this side.
 UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address) {
     const uint32_t count = std::min(message->innerBufferNum, kMaxMessageBlocks);
     uint64_t* const end = message->innerBuffer + count;
@@ -73,6 +80,7 @@ UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address) {
     return UniqueMalloc<char>(reinterpret_cast<char*>(address));
 }
 
+// The answer may be written long after its request was released, by the connection's number.
 void kelmShareOrigin(const KelmMsgBase& request, KelmMsgBase& answer) {
     messagePool::setOrigin(&answer, messagePool::origin(&request));
 }
@@ -86,6 +94,7 @@ std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request) {
     return peer ? peer : kNobody;  // connections that were accepted have one; a user without rights
 }
 
+// At most as many as the record can name: each is freed by its entry there.
 void* allocInnerBuffer(KelmMsgBase* message, size_t size) {
     if (message == nullptr || size == 0) return nullptr;
     if (message->innerBufferNum >= kMaxMessageBlocks) return nullptr;
@@ -126,6 +135,7 @@ void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers pre
     const auto size = static_cast<uint32_t>(message->dataSize[index]);
     const uint32_t dataType = message->dataType[index];
     const uint32_t recvNum = std::min(message->recvNum, kMaxMessageBlocks);
+    // By the type of the block; of several buffers of one type the first counts.
     const uint32_t* const match =
         std::find(message->recvType, message->recvType + recvNum, dataType);
     const auto j = static_cast<uint32_t>(match - message->recvType);

@@ -13,6 +13,7 @@ namespace kelm {
 
 namespace {
 
+// The share of the connection passes to the message: its number stays until the answer is out.
 MessagePtr receive(int connectionId, MessageAssembler& assembler) {
     try {
         auto connection = IPC::ConnectionBase::getConnectionById(connectionId);

@@ -25,6 +25,7 @@ void sendBlock(IPC::ConnectionBase& connection, const void* block, uint32_t size
 
 }  // namespace
 
+// In the order in which the peer reads: the head's counts have told it what follows.
 void sendFlatMessage(IPC::ConnectionBase& connection, const KelmMsgBase& message) {
     connection.write(&message, static_cast<int>(message.size));
     const uint32_t fdNum = std::min(message.fdNum, kMaxMessageFds);
@@ -36,6 +37,7 @@ void sendFlatMessage(IPC::ConnectionBase& connection, const KelmMsgBase& message
     }
 }
 
+// After a failure part of the message may be out: the connection is of no use then.
 int kelmSendMessage(int connectionId, KelmMsgBase* message) {
     CR_ASSERT(message);
     try {

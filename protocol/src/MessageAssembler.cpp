@@ -53,6 +53,7 @@ bool checkHead(const KelmMsgBase& head) {
 
 }  // namespace
 
+// In the order of the wire. A step that has run dry is continued by the next call.
 const MessageAssembler::Step MessageAssembler::kSteps[] = {
     &MessageAssembler::receiveHead,        &MessageAssembler::receiveBody,
     &MessageAssembler::receiveDescriptors, &MessageAssembler::receiveBlocks,
@@ -65,6 +66,7 @@ MessageAssembler::State MessageAssembler::receiveArrived(IPC::ConnectionBase& co
     return advance(connection);
 }
 
+// Without an allowance: there is an end to what a peer that has hung up has sent.
 MessageAssembler::State MessageAssembler::receiveRest(IPC::ConnectionBase& connection) {
     m_wait = false;
     m_allowance = UINT64_MAX;
@@ -95,6 +97,7 @@ MessageAssembler::State MessageAssembler::advance(IPC::ConnectionBase& connectio
     return state;
 }
 
+// The origin is set here and not before: a message that fails on the way needs no connection.
 MessagePtr MessageAssembler::take(std::shared_ptr<IPC::ConnectionBase> connection) {
     MessagePtr message = std::move(m_message);
     messagePool::setOrigin(message.get(), std::move(connection));
@@ -102,6 +105,7 @@ MessagePtr MessageAssembler::take(std::shared_ptr<IPC::ConnectionBase> connectio
     return message;
 }
 
+// Also drops a message that is half there, with the descriptors that have come.
 void MessageAssembler::reset() {
     m_step = 0;
     m_filled = 0;
@@ -127,6 +131,7 @@ bool MessageAssembler::fill(IPC::ConnectionBase& connection, void* part, size_t 
 MessageAssembler::State MessageAssembler::receiveHead(IPC::ConnectionBase& connection) {
     if (!fill(connection, &m_head, sizeof(m_head))) return State::kWaiting;
     if (!checkHead(m_head)) return State::kFailed;
+    // The limit is that of a caller's own record; a record that is made here has none.
     if (m_head.size > m_sizeLimit) {
         LOG_ERROR(
             "Error: Buffer (size=%ld Byte) to recevie is not big enough. (Required %ld Bytes).",
@@ -194,8 +199,10 @@ MessageAssembler::State MessageAssembler::receiveBlock(IPC::ConnectionBase& conn
     return State::kWhole;
 }
 
+// Onto the stack, piece by piece: a block of any size costs no memory, only the peer's time.
 MessageAssembler::State MessageAssembler::dropBlock(IPC::ConnectionBase& connection) {
     char dropped[IPC::ReceiveBuffer::kCapacity];
+    // The lower 32 bits, as in all uses of a size here: no block is larger.
     const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
     while (m_filled < size) {
         const uint64_t part = std::min({size - m_filled, m_allowance, sizeof(dropped)});

@@ -10,12 +10,14 @@ namespace kelm::messagePool {
 
 namespace {
 
+// Stands before each record, which begins behind it.
 struct alignas(std::max_align_t) Header {
     bool ownsDescriptors = false;
     uint16_t sizeClass = 0;
     std::shared_ptr<const void> origin;
 };
 
+// Most answers, the infer request, the create request: those that come in a steady stream.
 constexpr size_t kRecordSizes[] = {sizeof(KelmMsgRspCreateGraph), sizeof(KelmMsgReqInferTask),
                                    sizeof(KelmMsgReqCreateGraph)};
 // A larger record, the status report, is not kept.
@@ -46,6 +48,7 @@ Header* headerOf(const KelmMsgBase* message) {
 
 }  // namespace
 
+// Null and no exception: the peer's message is refused then, and the service goes on.
 KelmMsgBase* allocate(size_t size) try {
     // A block has the size of its class, so that the next record of the class fits.
     const uint16_t sizeClass = findSizeClass(size);

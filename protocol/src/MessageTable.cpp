@@ -13,6 +13,7 @@ namespace kelm {
 
 namespace {
 
+// The lists are emptied first: a caller's record may hold what an earlier sending has left.
 int flatCreateGraphReq(KelmMsgBase* base) {
     const auto* const request = reinterpret_cast<const KelmMsgReqCreateGraph*>(base);
     base->fdNum = 0;
@@ -81,6 +82,7 @@ int unflatInferTaskReq(KelmMsgBase* base) {
     return 0;
 }
 
+// Descriptor 0 is sent, too: this message passes whatever number it was given.
 int flatTestSendFdReq(KelmMsgBase* base) {
     base->fdNum = 1;
     base->fd[0] = reinterpret_cast<const KelmMsgReqTestSendFd*>(base)->testFd;
@@ -154,6 +156,7 @@ constexpr bool isIndexedByType() {
     }
     return true;
 }
+// The type of a message is used as the index of its row.
 static_assert(isIndexedByType());
 
 template <class Value>
@@ -163,6 +166,7 @@ constexpr std::array<Value, kMessageTypes> column(Value MessageRow::*field) {
     return values;
 }
 
+// A type without a step of its own is nothing but its record.
 int transform(KelmMsgBase* message, int (*MessageRow::*step)(KelmMsgBase*)) {
     if (message == nullptr || message->type >= kMessageTypes) {
         errno = EINVAL;
@@ -200,6 +204,7 @@ int flatMessage(KelmMsgBase* message) { return transform(message, &MessageRow::f
 
 int unflatMessage(KelmMsgBase* message) { return transform(message, &MessageRow::unflat); }
 
+// Each check relies on those before it: a list is walked once its count is known to fit.
 bool checkMessage(const KelmMsgBase& message, size_t size) {
     if (size < sizeof(KelmMsgBase) || message.type >= kMessageTypes) return false;
     const MessageRow& row = kRows[message.type];
@@ -208,6 +213,7 @@ bool checkMessage(const KelmMsgBase& message, size_t size) {
     return row.check == nullptr || row.check(message);
 }
 
+// Both copies of the numbers are cleared in the message: each descriptor has one owner now.
 void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer& output,
                      KelmBuffer& aux) {
     input = message.inputBuffer;

@@ -23,6 +23,7 @@ bool isCollectable(const KelmMsgBase& message) {
 
 }  // namespace
 
+// The look-up comes once: the share that it gives keeps the number from being given to another.
 MessageWriter::MessageWriter(int connectionId)
     : m_connectionId(connectionId),
       m_connection(IPC::ConnectionBase::findConnection(connectionId)) {}

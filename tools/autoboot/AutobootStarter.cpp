@@ -19,6 +19,7 @@ namespace {
 
 constexpr const char* kToolName = "autoboot";
 constexpr int kFailure = -1;
+// For a tool that has not taken its alive lock yet: 3 seconds in all.
 constexpr int kAttempts = 30;
 constexpr std::chrono::milliseconds kPauseUntilAlive{100};
 constexpr std::chrono::milliseconds kPauseUntilReady{5};
@@ -65,6 +66,8 @@ void AutobootStarter::stopSupervising() {
     if (m_subProcess) (void)m_subProcess->enableDaemon(false);  // turning it off cannot fail
 }
 
+// The lock lets one process at a time start or supervise the tool. It is not waited for, since its
+// holder keeps it for as long as it supervises.
 int AutobootStarter::checkAndStartService() {
     if (!m_startExitMutex.trylock()) {
         LOG_ERROR("Error: Lock StartExitMutex:%s failed. errno = %d [%s]",
@@ -77,6 +80,7 @@ int AutobootStarter::checkAndStartService() {
     return kFailure;
 }
 
+// A tool that runs already is replaced: only a child of this process can be supervised.
 int AutobootStarter::startService() {
     // Without its locks nothing can be told about a tool.
     if (!m_aliveMutex.isOpen() || !m_readyMutex.isOpen()) return kFailure;

@@ -22,12 +22,14 @@ uint64_t nanosSince(std::chrono::steady_clock::time_point start) {
 
 }  // namespace
 
+// The lane is this process's alone; the parent only reads it.
 BenchClient::BenchClient(const BenchOptions& options, int index, BenchRegion& region)
     : m_options(options),
       m_index(index),
       m_region(region),
       m_lane(region.lanes[static_cast<size_t>(index)]) {}
 
+// Graphs are loaded before the start sign, so that all clients measure the same time.
 int BenchClient::run() {
     if (const client::Error error = setUp()) return fail(error);
     m_lane.stage = BenchStage::kReady;
@@ -47,6 +49,7 @@ int BenchClient::run() {
     return 0;
 }
 
+// Cut to the field, whose last byte stays 0.
 int BenchClient::fail(const client::Error& error) {
     error.text().copy(m_lane.failure.data(), m_lane.failure.size() - 1);
     m_lane.stage = BenchStage::kFailed;
@@ -62,6 +65,7 @@ client::Error BenchClient::setUp() {
     const std::vector<int> weights = parseWeights(m_options, m_index);
     MutexLock lock(m_mutex);
     for (size_t i = 0; i < m_options.graphs.size(); ++i) {
+        // Not even loaded: it would take devices from the graphs that are measured.
         if (weights[i] == 0) continue;
         client::GraphOptions graphOptions;
         graphOptions.name = m_options.graphs[i];
@@ -80,10 +84,11 @@ client::Error BenchClient::setUp() {
 
 void BenchClient::waitForGo() const {
     const pid_t parent = ::getppid();
-    // A parent that has died never says go.
+    // A parent that has died never gives the start sign.
     while (!m_region.go && ::getppid() == parent) std::this_thread::sleep_for(kPoll);
 }
 
+// Without a count the parent's sign ends the run.
 bool BenchClient::mayStartUnsafe() const {
     if (m_lost || m_region.stop.load(std::memory_order_relaxed)) return false;
     return m_options.count == 0 || m_started < m_options.count;
@@ -106,6 +111,7 @@ void BenchClient::submitAll() {
     for (int i = 0; i < m_options.depth; ++i) submit();
 }
 
+// Outside the mutex from the request on: its callback may come at once, even on this thread.
 void BenchClient::submit() {
     Source* source = nullptr;
     {
@@ -160,6 +166,7 @@ void BenchClient::finish(Source& source, const client::InferResult& result) {
     submit();
 }
 
+// With a limit for each wait: the parent's sign to stop wakes no condition of this process.
 void BenchClient::waitUntilDone() {
     MutexLock lock(m_mutex);
     while (m_inFlight > 0 || mayStartUnsafe()) {

@@ -119,6 +119,7 @@ class Progress {
     uint64_t m_lastRequests = 0;
 };
 
+// The start sign is given also when a client has failed: the others then see the stop and end.
 void runUntilDone(Children& children, BenchRegion& region, const BenchOptions& options) {
     while (children.running() && anyStage(region, options, BenchStage::kStarting) &&
            !anyStage(region, options, BenchStage::kFailed)) {
@@ -137,6 +138,7 @@ void runUntilDone(Children& children, BenchRegion& region, const BenchOptions& o
     progress.clear();
 }
 
+// A client that was killed has no reason in its lane.
 bool reportFailures(const BenchRegion& region, const BenchOptions& options) {
     bool failed = false;
     for (int i = 0; i < options.clients; ++i) {
@@ -149,6 +151,7 @@ bool reportFailures(const BenchRegion& region, const BenchOptions& options) {
     return failed;
 }
 
+// Before anything is forked: a mistake would otherwise be told once for each client.
 void checkOptions(const BenchOptions& options) {
     if (options.clients < 1 || options.clients > kMaxBenchClients) {
         throw std::invalid_argument(
@@ -171,6 +174,7 @@ bool writeJson(const BenchOptions& options, const BenchReport& report) {
 
 }  // namespace
 
+// The clients end before the region is read: the report needs no lock.
 int runBench(const BenchOptions& options) {
     checkOptions(options);
     SharedRegion region;

@@ -9,6 +9,7 @@ namespace kelm::ctl {
 
 namespace {
 
+// std::stoi() alone would take "3x" for 3.
 int parseWeight(const std::string& text) {
     size_t used = 0;
     int value = -1;
@@ -36,6 +37,7 @@ std::vector<int> parseWeights(const BenchOptions& options, int client) {
         throw std::invalid_argument("weights need one number for each graph: '" +
                                     options.weights[index] + "'");
     }
+    // A client without any graph would have nothing to submit.
     if (std::accumulate(given.begin(), given.end(), 0) == 0) {
         throw std::invalid_argument("at least one weight must be above 0");
     }

@@ -6,6 +6,8 @@
 
 namespace kelm::ctl {
 
+// The client's own lane, so nothing else writes here; the parent may read a name only once its
+// count is set.
 void addError(BenchCell& cell, const char* name) {
     for (size_t i = 0; i < cell.errors.size(); ++i) {
         ErrorCount& error = cell.errors[i];

@@ -23,6 +23,7 @@ constexpr const char* kHeadFormat = "{:<19}{:<7}";
 constexpr const char* kCellFormat = "{:>9}";
 constexpr const char* kNumberFormat = "{:>9.{}f}";
 
+// Columns of the table and fields of the JSON, in this order.
 struct Quantile {
     const char* name;
     double value;
@@ -55,6 +56,7 @@ nlohmann::json latencyJson(const Histogram& histogram) {
 
 }  // namespace
 
+// Histograms are on the heap: each has some two thousand counters.
 struct BenchReport::Row {
     std::string name;
     std::unique_ptr<Histogram> accept = std::make_unique<Histogram>();
@@ -72,6 +74,7 @@ struct BenchReport::Row {
         }
     }
 
+    // Good results only: errors come fast and would count as speed.
     double rate() const {
         return seconds > 0.0 ? static_cast<double>(result->count()) / seconds : 0.0;
     }
@@ -158,6 +161,7 @@ double BenchReport::fairness() const {
     return jainIndex(shares);
 }
 
+// Two lines for each row: the latency of the accept answer, and that of the result.
 std::string BenchReport::table() const {
     std::string text = fmt::format(kHeadFormat, "", "");
     for (const char* head : {"requests", "errors", "req/s", "mean ms"}) {
@@ -199,6 +203,7 @@ std::string BenchReport::json() const {
                         {"depth", m_options.depth},
                         {"seconds", longestSeconds()},
                         {"fairness", fairness()}};
+    // Of all clients together, each over its own time.
     double rate = 0.0;
     for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
         const Row row = sumOfClient(i);

@@ -15,12 +15,15 @@ void increase(std::atomic<uint64_t>& value, uint64_t by) {
 
 }  // namespace
 
+// Small values have a bucket each. Above, the bits below the leading kSubBits + 1 are dropped: each
+// power of two has kSubBuckets buckets.
 int Histogram::bucketOf(uint64_t nanos) {
     if (nanos < kSubBuckets) return static_cast<int>(nanos);
     const int shift = std::bit_width(nanos) - 1 - kSubBits;
     return (shift << kSubBits) + static_cast<int>(nanos >> shift);
 }
 
+// Undoes bucketOf(): the largest value of the bucket, so that a percentile is never told too small.
 uint64_t Histogram::upperBound(int bucket) {
     if (bucket < 2 * kSubBuckets) return static_cast<uint64_t>(bucket);
     const int shift = (bucket >> kSubBits) - 1;
@@ -51,6 +54,7 @@ double Histogram::mean() const {
            static_cast<double>(entries);
 }
 
+// Never above the largest entry, which its bucket's bound may exceed.
 uint64_t Histogram::percentile(double quantile) const {
     const uint64_t entries = count();
     if (entries == 0) return 0;

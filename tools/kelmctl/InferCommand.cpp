@@ -48,6 +48,7 @@ int runInfer(const InferOptions& options) {
     }
     client::TensorPool tensors(graph.inputSize, graph.outputSize);
     const auto slot = take(tensors.acquire());
+    // A shorter file leaves the rest of the input zero.
     std::transform(input.begin(), input.end(), slot->input().begin(),
                    [](char byte) { return static_cast<std::byte>(byte); });
     client::InferRequest request;
@@ -56,6 +57,7 @@ int runInfer(const InferOptions& options) {
     request.output = slot->outputTensor();
     const client::InferResult result = service->infer(request, deadline);
     require(result.error);
+    // Before the graph is destroyed: the result is safe even if one of the steps below fails.
     writeAll(options.output, slot->output());
     std::cout << "task " << result.taskId << ": "
               << std::chrono::duration<double, std::milli>(result.resultLatency).count() << " ms, "

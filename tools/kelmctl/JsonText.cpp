@@ -5,6 +5,7 @@
 
 namespace kelm::ctl {
 
+// Bytes that are no UTF-8 are replaced, where the library would throw by default.
 std::string toJsonText(const nlohmann::json& value, int indentation) {
     using Json = nlohmann::json;
     return value.dump(indentation, ' ', true, Json::error_handler_t::replace);

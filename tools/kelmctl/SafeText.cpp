@@ -41,6 +41,7 @@ std::u32string_view tailOf(std::u32string_view text, size_t width) {
     return text.substr(from);
 }
 
+// Head and tail: names often differ at their ends only.
 std::u32string shorten(std::u32string_view text, size_t width) {
     if (columnsOf(text) <= width) return std::u32string(text);
     constexpr size_t kTooNarrowForDots = 7;
@@ -67,6 +68,7 @@ std::u32string safeText(std::string_view bytes, bool utf8) {
     return result;
 }
 
+// Only characters of one or two columns are printable here, see isPrintable().
 size_t columnsOf(char32_t character) {
     if (character < kDelete) return 1;
     return ::wcwidth(static_cast<wchar_t>(character)) == 2 ? 2 : 1;

@@ -16,6 +16,7 @@ namespace {
 constexpr double kLeastWatch = 0.1;
 constexpr double kMostWatch = 86400.0;
 
+// Flushed each time: a reader behind a pipe waits for whole answers.
 void print(const client::ServiceStatus& status, bool json, bool utf8) {
     std::cout << (json ? statusJson(status, std::chrono::system_clock::now()) + "\n"
                        : statusTable(status, utf8))
@@ -35,6 +36,7 @@ int runStatus(const StatusOptions& options) {
     print(take(service->queryStatus()), options.json, utf8);
     auto next = std::chrono::steady_clock::now();
     while (options.watch) {
+        // From one date to the next, so that the time of the query does not add up.
         next += std::chrono::duration_cast<std::chrono::nanoseconds>(
             std::chrono::duration<double>(*options.watch));
         std::this_thread::sleep_until(next);

@@ -14,6 +14,7 @@ namespace kelm::ctl {
 namespace {
 
 constexpr size_t kLeastWidth = 6;
+// A name may be long; its middle is cut, see fitColumns().
 constexpr size_t kMostWidth = 40;
 constexpr std::string_view kGap = "  ";
 
@@ -54,6 +55,7 @@ class Table {
     }
 
  private:
+    // As wide as the widest cell of this table: each table has columns of its own.
     size_t widthOf(size_t column) const {
         size_t width = kLeastWidth;
         for (const auto& row : m_rows) width = std::max(width, columnsOf(row[column]));

@@ -11,6 +11,8 @@ using Format = TopFormat;
 constexpr size_t kRateWidth = 8;
 constexpr size_t kCountWidth = 8;
 
+// The last number is the narrowest terminal that shows the column: those that are least needed
+// leave first.
 constexpr TopColumn kDeviceColumns[] = {
     {"DEVICES", Kind::kName, Value::kRate, Format::kText, 0, 5, 0},
     {"ID", Kind::kValue, Value::kNumber, Format::kCount, 10, 0, 110},

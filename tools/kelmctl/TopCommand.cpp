@@ -62,6 +62,8 @@ class Top {
     }
 
  private:
+    // While paused nothing new is shown, but that the service is lost; what it tells when it is
+    // back is taken over at once.
     void applyNews() {
         const TopNews news = m_feed.take();
         const auto now = std::chrono::system_clock::now();
@@ -79,6 +81,8 @@ class Top {
         m_screen.draw(frame.grid);
     }
 
+    // The status is what a shell gives for a program that was ended by the signal; the interrupt
+    // key is the usual way out.
     std::optional<int> handleSignals() {
         while (const int signal = m_signals.next()) {
             if (signal == SIGINT) return 0;

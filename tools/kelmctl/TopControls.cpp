@@ -12,6 +12,7 @@ constexpr int kEscape = 27;
 
 }  // namespace
 
+// One row a key. Those of the filter line are apart, as they mean characters there.
 struct TopControls::KeyRow {
     int key;
     void (*act)(TopControls& controls);
@@ -45,6 +46,7 @@ TopControls::TopControls() {
 }
 
 bool TopControls::handleKey(int key) {
+    // While the filter is edited every key belongs to it, that for leaving as well.
     if (m_editing) {
         editFilter(key);
         return true;
@@ -56,6 +58,7 @@ bool TopControls::handleKey(int key) {
     return true;
 }
 
+// ASCII only: other characters come as several keys.
 void TopControls::editFilter(int key) {
     if (key == '\n' || key == '\r') m_editing = false;
     if (key == kEscape) {
@@ -71,6 +74,7 @@ void TopControls::select(size_t step) {
     m_selected = static_cast<TopSection>((static_cast<size_t>(m_selected) + step) % kTopSections);
 }
 
+// A history has no order of its own.
 void TopControls::sortByNext() {
     const auto columns = topColumns(m_selected);
     size_t& column = m_columns[static_cast<size_t>(m_selected)];
@@ -86,6 +90,7 @@ void TopControls::scroll(ptrdiff_t rows) {
     m_offsets[section] = static_cast<size_t>(std::clamp<ptrdiff_t>(wanted, 0, most));
 }
 
+// Called with each picture: rows may have left since, or the terminal has grown.
 void TopControls::limitOffsets(const std::array<size_t, kTopSections>& most) {
     m_mostOffsets = most;
     for (size_t i = 0; i < kTopSections; ++i) m_offsets[i] = std::min(m_offsets[i], most[i]);

@@ -21,6 +21,7 @@ TopFeed::TopFeed(std::chrono::milliseconds interval)
     m_snapshotThread = std::thread([this] { snapshotRoutine(); });
 }
 
+// The reader is interrupted; a query ends by its deadline.
 TopFeed::~TopFeed() {
     {
         MutexLock lock(m_mutex);
@@ -53,6 +54,7 @@ bool TopFeed::waitInterval() {
     return !m_stop;
 }
 
+// Connects anew for as long as the feed lives: a service that starts again is found.
 void TopFeed::statusRoutine() {
     ThreadUtils::setName("TopStatus");
     do {
@@ -66,6 +68,7 @@ void TopFeed::statusRoutine() {
     } while (waitInterval());
 }
 
+// Ends without unregistering: to the service the end of the connection is as good.
 std::string TopFeed::followStatus() {
     const auto connected = client::Client::connect({}, kDeadline);
     if (!connected) return connected.error().text();

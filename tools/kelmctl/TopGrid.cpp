@@ -7,6 +7,7 @@ namespace kelm::ctl {
 TopGrid::TopGrid(size_t width, size_t height)
     : m_width(width), m_height(height), m_cells(width * height) {}
 
+// A wide character that would be cut in half at the edge is left out.
 size_t TopGrid::put(size_t x, size_t y, std::u32string_view text, TopStyle style) {
     if (y >= m_height) return x;
     for (const char32_t character : text) {
@@ -23,6 +24,7 @@ void TopGrid::fill(size_t y, TopStyle style) {
     for (size_t x = 0; y < m_height && x < m_width; ++x) cell(x, y).style = style;
 }
 
+// A run ends where the style changes: one call to the terminal for each.
 std::vector<TopGrid::Run> TopGrid::runs(size_t y) const {
     std::vector<Run> result;
     for (size_t x = 0; x < m_width; ++x) {

@@ -40,6 +40,7 @@ bool isBefore(const TopRow& a, const TopRow& b, const TopColumn& column) {
     }
 }
 
+// Exact up to 2^53, far beyond what is counted here.
 double toDouble(uint64_t count) { return static_cast<double>(count); }
 
 void fillFromSnapshot(TopRow& row, const client::ClientSnapshot& client) {
@@ -54,6 +55,7 @@ void fillFromSnapshot(TopRow& row, const client::DeviceSnapshot& device) {
     uint64_t inferences = 0;
     for (const client::CurrentGraph& graph : device.current) inferences += graph.inferences;
     row.value(TopValue::kInferences) = toDouble(inferences);
+    // The status names one graph of a device; the others are counted.
     if (device.current.size() > 1) {
         row.detail += " +" + std::to_string(device.current.size() - 1);
     }
@@ -70,6 +72,7 @@ void fillFromSnapshot(TopRow& row, const client::GraphSnapshot& graph) {
 
 TopModel::TopModel() = default;
 
+// The histories grow here and not with snapshots: status answers come at even intervals.
 void TopModel::setStatus(const client::ServiceStatus& status, Time now) {
     if (!m_service.up) {
         m_service.up = true;
@@ -90,6 +93,7 @@ void TopModel::setSnapshot(const client::Snapshot& snapshot, Time now) {
     merge(false);
 }
 
+// Told again with each try; the time is that of the first.
 void TopModel::setGone(const std::string& why, Time now) {
     m_service.why = why;
     if (m_service.known && !m_service.up) return;
@@ -126,6 +130,7 @@ void TopModel::measureClients(const client::Snapshot& snapshot, Time now) {
     m_measuredAt = now;
 }
 
+// By id, since the snapshot has no names of devices.
 TopModel::Rows TopModel::mergeDevices() const {
     Rows rows;
     for (const client::DeviceStatus& device : m_status.devices) {
@@ -145,6 +150,7 @@ TopModel::Rows TopModel::mergeDevices() const {
     return rows;
 }
 
+// By name and order, since the status has no ids of graphs.
 TopModel::Rows TopModel::mergeGraphs() const {
     std::map<RowKey, const client::GraphSnapshot*> more;
     if (m_snapshot) more = byName(m_snapshot->graphs);
@@ -188,12 +194,14 @@ TopModel::Rows TopModel::mergeClients() const {
     return rows;
 }
 
+// All rows from the latest of both sources: either may have been lost, or be older.
 void TopModel::merge(bool sample) {
     replace(TopSection::kDevices, mergeDevices(), sample);
     replace(TopSection::kGraphs, mergeGraphs(), sample);
     replace(TopSection::kClients, mergeClients(), sample);
 }
 
+// A row finds its past by name and order, as the sources have no ids in common.
 void TopModel::replace(TopSection section, Rows rows, bool sample) {
     Rows& present = m_rows[static_cast<size_t>(section)];
     const std::map<RowKey, const TopRow*> past = byName(present);
@@ -220,6 +228,7 @@ std::vector<const TopRow*> TopModel::rows(TopSection section, const TopOrder& or
     std::stable_sort(result.begin(), result.end(), [&](const TopRow* a, const TopRow* b) {
         if (isBefore(*a, *b, column)) return !order.reversed;
         if (isBefore(*b, *a, column)) return order.reversed;
+        // Ties by name in either direction, so that equal rows do not change places at each answer.
         return a->name < b->name;
     });
     return result;

@@ -18,6 +18,7 @@ namespace kelm::ctl {
 
 namespace {
 
+// How long a lone escape waits for the rest of a function key.
 constexpr int kEscapeMillis = 25;
 constexpr int kDefaultColour = -1;
 
@@ -51,6 +52,7 @@ constexpr KeyRow kKeys[] = {
     {KEY_BTAB, kTopKeyBackTab}, {KEY_ENTER, '\n'},
 };
 
+// Pair 0 is the terminal's own and cannot be set.
 attr_t attributesOf(TopStyle style) {
     const auto index = static_cast<size_t>(style);
     const StyleRow& row = kStyles[index];
@@ -63,6 +65,7 @@ void startColours() {
     ::start_color();
     const bool hasDefault = ::use_default_colors() == OK;
     for (const StyleRow& row : kStyles) {
+        // A terminal without default colours gets white on black for them.
         const auto own = [hasDefault](short colour, short otherwise) {
             return colour == kDefaultColour && !hasDefault ? otherwise : colour;
         };
@@ -73,6 +76,7 @@ void startColours() {
 
 }  // namespace
 
+// Everything that can fail comes before curses takes the terminal over.
 TopScreen::TopScreen() {
     const char* const type = std::getenv("TERM");
     if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
@@ -101,6 +105,7 @@ TopScreen::~TopScreen() {
     ::delscreen(static_cast<SCREEN*>(m_screen));
 }
 
+// The whole picture each time: curses sends the terminal only what has changed.
 void TopScreen::draw(const TopGrid& grid) {
     ::werase(stdscr);
     for (size_t y = 0; y < grid.height(); ++y) {
@@ -123,6 +128,7 @@ int TopScreen::readKey() {
     return key <= kLastCharacter ? key : kTopKeyOther;
 }
 
+// Asked of the terminal: curses' own handler of the signal is not in use.
 void TopScreen::resize() {
     winsize size{};
     if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) {

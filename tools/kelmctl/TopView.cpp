@@ -123,6 +123,7 @@ void TopView::drawCounts(TopGrid& grid) const {
     grid.put(0, 1, text, TopStyle::kPlain);
 }
 
+// One line: what is most urgent is told, and nothing else.
 void TopView::drawBanner(TopGrid& grid, TopModel::Time now) const {
     constexpr size_t kLine = 2;
     const TopModel::Service& service = m_model.service();
@@ -165,6 +166,7 @@ void TopView::drawHelp(TopGrid& grid) const {
              TopStyle::kDim);
 }
 
+// Each section costs a line for its heading, also without rows.
 std::vector<TopView::Part> TopView::partsFor(size_t height) const {
     std::vector<Part> parts;
     std::vector<size_t> needs;
@@ -180,6 +182,8 @@ std::vector<TopView::Part> TopView::partsFor(size_t height) const {
     return parts;
 }
 
+// What the fixed columns leave is shared by weight. Each width is the difference of two rounded
+// sums, so that no column of the terminal is lost.
 void TopView::drawPart(TopGrid& grid, size_t y, const Part& part) const {
     constexpr size_t kGap = 1;
     size_t fixed = kGutter;
@@ -219,6 +223,8 @@ void TopView::drawHeading(TopGrid& grid, size_t y, const Part& part,
     for (const Place& place : places) {
         std::u32string title = fromAscii(place.column->title);
         const bool isNumber = place.column->kind == TopColumn::Kind::kValue;
+        // Numbers are sorted downwards and texts upwards, see isBefore(): the mark is of what is
+        // shown.
         if (place.column == sorted) title += sortMark(order.reversed == isNumber, m_utf8);
         if (place.column->kind == TopColumn::Kind::kName) title += shownRange(part);
         grid.put(place.x, y,
@@ -255,6 +261,7 @@ std::u32string TopView::cellText(const TopRow& row, const Place& place) const {
     }
 }
 
+// Rows of a service that is lost are dimmed: they tell what was.
 void TopView::drawRow(TopGrid& grid, size_t y, const TopRow& row,
                       const std::vector<Place>& places) const {
     const bool stale = m_model.service().known && !m_model.service().up;

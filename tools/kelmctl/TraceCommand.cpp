@@ -23,6 +23,7 @@ constexpr std::chrono::milliseconds kTimeToMeasure(50);
 constexpr double kLeastMhz = 1.0;
 constexpr double kMostMhz = 100000.0;
 
+// Before the output is opened, which empties it.
 void checkOptions(const TraceOptions& options) {
     if (options.tscMhz && !(*options.tscMhz >= kLeastMhz && *options.tscMhz <= kMostMhz)) {
         throw std::invalid_argument("a counter has 1 to 100000 MHz");

@@ -23,6 +23,7 @@ std::string toMicros(uint64_t nanos) {
 
 }  // namespace
 
+// Written event by event: a trace may be larger than the memory.
 TraceJson::TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names)
     : m_path(path),
       m_ticksPerMicro(ticksPerMicro),
@@ -40,6 +41,7 @@ void TraceJson::add(const TraceRow& row, std::string_view note) {
     }
 }
 
+// 'X' is a whole span on the thread's own track; 'b' and 'e' are the two ends of one on a lane.
 void TraceJson::write(const TraceRow& row, std::string_view note) {
     const TracePlace place = m_layout.place(row);
     m_threads.emplace(row.pid, row.tid);
@@ -54,6 +56,7 @@ void TraceJson::write(const TraceRow& row, std::string_view note) {
     m_file << "}";
 }
 
+// Of two that begin at once the longer one first: it is around the other.
 void TraceJson::finish() {
     std::stable_sort(m_kept.begin(), m_kept.end(), [](const TraceRow& a, const TraceRow& b) {
         return a.start != b.start ? a.start < b.start : a.end > b.end;

@@ -26,6 +26,7 @@ constexpr Kind kKinds[] = {
     {"", "", "other", false},
 };
 
+// Ends at the last row at the latest, which fits every name.
 const Kind& kindOf(std::string_view name) {
     const Kind* kind = kKinds;
     while (!name.starts_with(kind->prefix) || name.find(kind->part) == std::string_view::npos) {
@@ -47,6 +48,7 @@ TracePlace TraceLayout::place(const TraceRow& row) {
     return {category, false, lanes.take(row.start, row.end)};
 }
 
+// Spans that ended before this one begins are around nothing any more.
 bool TraceLayout::nest(const TraceRow& row) {
     std::vector<uint64_t>& around = m_around[{row.pid, row.tid}];
     while (!around.empty() && around.back() <= row.start) around.pop_back();

@@ -6,6 +6,7 @@
 
 namespace kelm::ctl {
 
+// A counter and not a flag: rows of the same name and ticks may come more than once.
 void TracePairs::add(const TraceRow& row, TraceFileKind kind) {
     std::string line = row.name;
     line += FixedText<48>(",", row.start, ",", row.end).view();
@@ -27,6 +28,7 @@ std::vector<TraceRow> TracePairs::onlyInFrames() const {
     for (const auto& [line, surplus] : m_unpaired) {
         if (surplus > 0) continue;
         TraceRow row;
+        // A key is a line of the frames file, and is read as one.
         if (parseTraceRow(line, TraceFileKind::kFrames, row) != nullptr) continue;
         rows.insert(rows.end(), static_cast<size_t>(-surplus), row);
     }

@@ -20,6 +20,7 @@ TraceReader::TraceReader(std::string path, TraceFileKind kind)
 
 bool TraceReader::next(TraceRow& row) {
     while (readLine()) {
+        // Not only at the beginning, see isTraceHeader().
         if (isTraceHeader(m_line, m_kind)) continue;
         const char* const why =
             m_line.size() > kMaxLine ? "too long a line" : parseTraceRow(m_line, m_kind, row);
@@ -32,6 +33,8 @@ bool TraceReader::next(TraceRow& row) {
     return false;
 }
 
+// Byte by byte out of the stream's buffer: a file without line ends must not be read into memory.
+// One byte more than the limit is kept, by which next() knows a line that was cut.
 bool TraceReader::readLine() {
     m_line.clear();
     std::streambuf& bytes = *m_file.rdbuf();

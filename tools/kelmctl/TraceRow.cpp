@@ -29,6 +29,7 @@ bool isTraceHeader(std::string_view line, TraceFileKind kind) {
                                                    : "name,start_tsc.RDTSC,end_tsc,pid,tid");
 }
 
+// The commas are counted first, so that each field below is there.
 const char* parseTraceRow(std::string_view line, TraceFileKind kind, TraceRow& row) {
     const std::ptrdiff_t commas = kind == TraceFileKind::kFrames ? 2 : 4;
     if (std::count(line.begin(), line.end(), ',') != commas) return "wrong number of fields";

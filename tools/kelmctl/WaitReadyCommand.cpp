@@ -35,6 +35,7 @@ int runWaitReady(double timeoutSeconds) {
                       << "\n";
             return 1;
         }
+        // Looked at again and again: nothing tells of a lock that another process takes.
         std::this_thread::sleep_for(kPoll);
     }
     return 0;

@@ -21,6 +21,8 @@ struct Command {
 
 Command addInfer(CLI::App& app) {
     CLI::App* command = app.add_subcommand("infer", "run one graph on one input file");
+    // Shared with the command, here and below: the parser fills the options in when this function
+    // has returned.
     const auto options = std::make_shared<kelm::ctl::InferOptions>();
     command->add_option("--graph", options->graph, "compiled graph")->required();
     command->add_option("--input", options->input, "file with the input tensor")->required();
@@ -89,6 +91,8 @@ Command addWaitReady(CLI::App& app) {
 
 }  // namespace
 
+// 1 for what a command throws, told in one line; the parser has statuses of its own for mistakes in
+// the arguments.
 int main(int argc, char** argv) {
     CLI::App app("kelmctl: run, measure and watch inferences through the kelmdaemon service");
     app.require_subcommand(1);

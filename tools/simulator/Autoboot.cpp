@@ -36,6 +36,7 @@ void leaveOutput() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(null, fd);
 }
 
+// Tests remove the directory when they end, and no tool is left behind.
 void waitForTheEnd(const std::string& directory) {
     while (directory.empty() || std::filesystem::exists(directory)) {
         std::this_thread::sleep_for(kPoll);
@@ -50,6 +51,7 @@ int main(int argc, char** argv) {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string event = "boot";
     for (const std::string& argument : arguments) event += " " + argument;
+    // Before the locks: a test sees a start that gets no further, too.
     simulator::tellEvent(event);
     std::this_thread::sleep_for(setting("KELM_BOOT_ALIVE"));
     GlobalMutex alive(RunPaths::autobootAliveMutex(), true);

@@ -19,6 +19,8 @@ constexpr std::chrono::milliseconds kPoll{10};
 
 }  // namespace
 
+// Makes up for the time since the last call: each inference that would have ended by now has. One
+// that has ended waits for room, as a device does, and holds up those behind it.
 void GraphRun::advance(Clock::time_point now) {
     for (;;) {
         if (running) {
@@ -50,6 +52,7 @@ bool Board::isGone() {
     return isGoneUnsafe();
 }
 
+// For good: if the files list the device again, that is another board.
 bool Board::isGoneUnsafe() {
     if (!m_gone) {
         m_gone = Orders::instance().isVanished(m_name) ||
@@ -58,6 +61,7 @@ bool Board::isGoneUnsafe() {
     return m_gone;
 }
 
+// The waiting calls end with kGone; the event tells the bus to take the device off.
 void Board::reset() {
     {
         MutexLock lock(m_mutex);
@@ -116,6 +120,7 @@ void Board::removeGraph(const std::shared_ptr<GraphRun>& graph) {
     std::erase(m_graphs, graph);
 }
 
+// What is left behind is told by an event, so that a test finds a leak of the service.
 void Board::close() {
     MutexLock lock(m_mutex);
     if (m_graphs.empty() && m_fifoCount == 0) return;
@@ -128,6 +133,7 @@ void Board::advance() {
     for (const auto& graph : m_graphs) graph->advance(now);
 }
 
+// Wakes in time for the next result, and often enough to see a change of the orders.
 int Board::waitForChange(GraphRun::Clock::time_point start) {
     const auto now = GraphRun::Clock::now();
     if (isGoneUnsafe()) return kGone;
@@ -147,6 +153,7 @@ int Board::waitForChange(GraphRun::Clock::time_point start) {
 int Board::write(Fifo& fifo, Element element) {
     MutexLock lock(m_mutex);
     const auto start = GraphRun::Clock::now();
+    // What is due is done before each look: there is no thread that would do it.
     for (advance(); fifo.isFull(); advance()) {
         if (const int status = waitForChange(start)) return status;
     }

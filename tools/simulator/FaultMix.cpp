@@ -54,6 +54,7 @@ FaultMix::Deck FaultMix::makeDeck(const std::vector<int>& statuses) {
     return deck;
 }
 
+// Every fault comes once before any comes again, as with a deck of cards.
 const FaultMix::Fault& FaultMix::draw(Deck& deck) {
     const size_t index = deck.used++ % deck.faults.size();
     if (index == 0) std::ranges::shuffle(deck.faults, m_random);

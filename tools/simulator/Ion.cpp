@@ -34,6 +34,7 @@ int enter(const char* function) {
     return status;
 }
 
+// Not below 3: 0 counts as no descriptor in many places.
 UniqueFd duplicate(int fd) { return UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 3)); }
 
 // A buffer in use, and the ION descriptor that it came by.
@@ -92,6 +93,7 @@ int ion_open() {
     return ::memfd_create("ion", MFD_CLOEXEC);
 }
 
+// As the kernel would do: buffers end with the descriptor that they came by.
 int ion_close(int fd) {
     simulator::CallLog::note(__func__);
     Buffers::instance().removeAll(fd);
@@ -115,6 +117,7 @@ int ion_share(int fd, int handle, int* shareFd) {
     return 0;
 }
 
+// A file without bytes cannot be mapped.
 int ion_import(int fd, int shareFd, int* handle) {
     if (const int status = enter(__func__)) return status;
     struct stat status {};

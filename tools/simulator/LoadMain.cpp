@@ -97,6 +97,7 @@ class Counts {
             ++(right ? m_right : m_wrong);
         }
     }
+    // A run without any right result proves nothing, and is a failure.
     bool isClean(bool mayFail) EXCLUDES(m_mutex) {
         MutexLock lock(m_mutex);
         return m_wrong == 0 && m_unanswered == 0 && (mayFail || m_errors.empty()) && m_right > 0;
@@ -182,6 +183,7 @@ class Lane {
         while (quota.take()) {
             std::ranges::generate(bytes(input),
                                   [this] { return static_cast<uint8_t>(m_random()); });
+            // A result that was never written must not pass for the one before it.
             std::ranges::fill(bytes(output), kPoison);
             const client::InferResult result = m_service.infer(request, kPatience);
             m_graph.model.infer(bytes(input), expected);
@@ -229,6 +231,7 @@ int run(const Options& options) {
         graphs.push_back(loadGraph(*service, path, options.subclass));
     }
     Counts counts;
+    // The time begins when all graphs are loaded.
     const auto start = Clock::now();
     Quota quota(options.tasks, options.seconds);
     std::vector<std::thread> lanes;

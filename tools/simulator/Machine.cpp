@@ -30,6 +30,8 @@ int Machine::addressOf(const std::string& name) {
     return found != m_addresses.end() ? found->second : kAbsent;
 }
 
+// A board that has left its place makes room for one with another address only: a device that was
+// reset must have been plugged in anew.
 int Machine::open(const std::string& name, std::shared_ptr<Board>& board) {
     const int address = addressOf(name);
     if (address == kAbsent || Orders::instance().isVanished(name)) return kNoDevice;
@@ -46,12 +48,14 @@ int Machine::open(const std::string& name, std::shared_ptr<Board>& board) {
     return kOk;
 }
 
+// A later board may have the place by now, which is not closed with this one.
 void Machine::close(const Board& board) {
     MutexLock lock(m_mutex);
     Place& place = m_places[board.name()];
     if (place.board.get() == &board) place.isOpen = false;
 }
 
+// Without the mutex from here on: a board takes locks of its own and writes to a file.
 void Machine::resetAll() {
     std::vector<std::shared_ptr<Board>> boards;
     {

@@ -56,6 +56,8 @@ std::optional<Orders::Order> Orders::parse(const std::string& line) {
     const bool isRead = order.function == "*" || order.function.starts_with("qxFifoRead");
     if (!known || !addressed || (order.verb == "lose" && !isRead) || !words.eof() ||
         count < verb->least || count > verb->most) {
+        // A mistake is told at once: a test whose order does nothing would pass for the wrong
+        // reason.
         std::cerr << "simulator: no order: " << line << std::endl;
         return std::nullopt;
     }
@@ -79,6 +81,7 @@ void Orders::replaceUnsafe(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         auto order = parse(line);
         if (!order) continue;
+        // An order that stays in the file goes on with what is left of its count.
         const auto old = std::ranges::find(m_orders, line, &Order::line);
         if (old != m_orders.end()) order = *old;
         orders.push_back(std::move(*order));
@@ -86,6 +89,7 @@ void Orders::replaceUnsafe(const std::vector<std::string>& lines) {
     m_orders = std::move(orders);
 }
 
+// Counted only if all the rest fits: `seen` tells which of the calls it could concern this one is.
 bool Orders::Order::takeCall(const std::string& name, const std::string& called, int calledOption) {
     if (function != "*" && function != called) return false;
     if (option != kNoOption && option != calledOption) return false;
@@ -94,6 +98,7 @@ bool Orders::Order::takeCall(const std::string& name, const std::string& called,
     return true;
 }
 
+// All orders that fit are counted; of several failures the first gives the status.
 Orders::Delay Orders::take(const std::string& device, const char* function, int option) {
     Delay delay;
     MutexLock lock(m_mutex);
@@ -135,6 +140,7 @@ unsigned int Orders::lie(const std::string& device, const char* function, int op
     return static_cast<unsigned int>(takeNumber("lie", device, function, option));
 }
 
+// Waits without the mutex, so that other calls and a change of the orders come through meanwhile.
 int Orders::apply(const std::string& device, const char* function, int option) {
     const Delay delay = take(device, function, option);
     if (delay.millis > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay.millis));
@@ -145,6 +151,7 @@ int Orders::apply(const std::string& device, const char* function, int option) {
     return delay.status;
 }
 
+// The first line that fits and has such a number; the others are passed over.
 std::optional<long> Orders::number(const char* verb, const std::string& device, size_t index) {
     MutexLock lock(m_mutex);
     refresh();

@@ -15,6 +15,8 @@ constexpr const char* kResetEvent = "reset ";
 
 }  // namespace
 
+// All files are there before the first device: without a list of the bus every name could be
+// opened.
 SimulatedHost::SimulatedHost(std::string directory, std::chrono::milliseconds returnAfter)
     : m_directory(std::move(directory)), m_returnAfter(returnAfter) {
     std::filesystem::create_directories(m_directory);
@@ -60,6 +62,7 @@ bool SimulatedHost::unplug(const std::string& name) {
     return m_bus.unplug(name);
 }
 
+// A line without its end is still being written, and is read by the next call.
 std::vector<std::string> SimulatedHost::takeEvents() {
     std::vector<std::string> events;
     std::ifstream file(m_directory + "/events");
@@ -91,6 +94,7 @@ std::string SimulatedHost::takeReset(const std::string& event) {
 }
 
 void SimulatedHost::bringBack() {
+    // Collected first: plug() takes the name out of the list that is walked.
     std::vector<std::string> due;
     for (const auto& [name, time] : m_away) {
         if (time <= Clock::now()) due.push_back(name);

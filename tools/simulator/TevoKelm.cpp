@@ -56,6 +56,7 @@ int enter(const char* function, int option = Orders::kNoOption) {
 template <class Handle>
 int enter(const Handle* handle, const char* function, int option = Orders::kNoOption) {
     if (handle == nullptr) return kInvalid;
+    // Not allocated yet: the call belongs to no device.
     if (!handle->board) return enter(function, option);
     note(function, option);
     return handle->board->enter(function, option);
@@ -189,6 +190,7 @@ int qxGlobalSetOption(int option, const void* data, unsigned int length) {
     const bool known = option == QX_GLOBAL_LOG_LEVEL || option == QX_GLOBAL_COMMON_TIMEOUT ||
                        option == QX_GLOBAL_ALLOC_GRAPH_TIMEOUT;
     if (!known || data == nullptr || length != sizeof(int)) return kInvalid;
+    // The values too, so that a test sees what was set.
     CallLog::note(std::to_string(option) + "=" + std::to_string(*static_cast<const int*>(data)));
     return enter(__func__);
 }
@@ -201,6 +203,7 @@ int qxDeviceResetAll() {
     return kOk;
 }
 
+// There is no board yet: the orders are looked up by the name.
 int qxDeviceOpenBooted(qxDeviceHandle_t** handle, const char* name) {
     if (handle == nullptr || name == nullptr) return kInvalid;
     note(__func__, Orders::kNoOption);
@@ -224,6 +227,7 @@ int qxDeviceGetOption(qxDeviceHandle_t* device, int option, void* data, unsigned
                 copyDeviceOption(*device->board, option, data, length));
 }
 
+// The place is free also if the call fails by order: no service tries to close twice.
 int qxDeviceClose(qxDeviceHandle_t* device) {
     const int status = enter(device, __func__);
     if (device != nullptr) Machine::instance().close(*device->board);
@@ -273,6 +277,7 @@ int qxGraphAllocate(qxDeviceHandle_t* device, qxGraphHandle_t* graph, const void
     if (!model) return kNoGraph;
     graph->run = device->board->addGraph(*model);
     if (!graph->run) return kNoMemory;
+    // Last: a graph whose allocation fails stays without a device.
     graph->board = device->board;
     return kOk;
 }
@@ -332,6 +337,7 @@ int qxFifoCreate(const char* name, int type, qxFifoHandle_t** fifo) {
 
 int qxFifoAllocate(qxFifoHandle_t* fifo, qxDeviceHandle_t* device,
                    const qxTensorDescriptor_t* descriptor, unsigned int elementCount) {
+    // The number stands in the place of an option, so that an order may mean queues of one length.
     const int count = static_cast<int>(elementCount);
     if (const int status = enter(device, __func__, count)) return status;
     if (fifo == nullptr || fifo->fifo || descriptor == nullptr || elementCount == 0) {
@@ -375,6 +381,7 @@ int qxFifoReadElem(qxFifoHandle_t* fifo, void* data, unsigned int* length,
 int qxFifoReadIonElem(qxFifoHandle_t* fifo, int sharedFd, unsigned int* length,
                       unsigned long* userValue) {
     if (const int status = enter(fifo, __func__)) return status;
+    // The result is taken out all the same, see readElement().
     if (!holds(sharedFd, length)) return readElement(fifo, nullptr, length, userValue, __func__);
     std::vector<uint8_t> tensor = makeRoom(fifo, length);
     if (const int status = readElement(fifo, tensor.data(), length, userValue, __func__))

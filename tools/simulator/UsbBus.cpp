@@ -90,6 +90,7 @@ void UsbBus::plug(const UsbDevice& device) {
     add(device, false);
 }
 
+// From the root down: a device can be added only below one that is there.
 void UsbBus::addHubs(const std::string& name) {
     if (m_paths.contains(name)) return;
     if (const std::string parent = parentOf(name); parent != name) addHubs(parent);
@@ -111,6 +112,8 @@ void UsbBus::add(const UsbDevice& device, bool isHub) {
         parent == device.name ? "/devices/pci0000:00/0000:00:14.0" : m_paths.at(parent);
     const std::string path = base + "/" + kernelName(device.name);
     const std::string node = StringHelper::format("bus/usb/%03d/%03d", bus, address);
+    // In the mock library's language: path, node, environment, attributes and the binary
+    // descriptors.
     std::string text = "P: " + path + "\nN: " + node + "\n";
     text += "E: DEVNAME=/dev/" + node + "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\n";
     text += StringHelper::format("E: BUSNUM=%03d\nE: DEVNUM=%03d\n", bus, address);

@@ -126,6 +126,8 @@ std::string ownDirectory() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
 }
 
+// The child ends with this process, gets its signals as usual again, and leaves the commands on the
+// standard input to the parent.
 pid_t startProgram(const Options& options, const SimulatedHost& host) {
     for (const std::string& setting : host.environment(ownDirectory())) {
         const size_t at = setting.find('=');
@@ -179,6 +181,7 @@ int serve(SimulatedHost& host, const Options& options, pid_t program, int signal
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// The signals are blocked before anything is started, so that none is lost between.
 int run(const Options& options) {
     const sigset_t signals = forwardedSignals();
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);

@@ -12,6 +12,8 @@ namespace kelm::simulator {
 
 namespace {
 
+// A file that was replaced by renaming has another inode; one that was written to has another size
+// or time.
 bool isSame(const struct stat& a, const struct stat& b) {
     return a.st_ino == b.st_ino && a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
@@ -29,10 +31,12 @@ void tellEvent(const std::string& line) {
     if (path.empty()) return;
     const UniqueFd file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
     const std::string text = line + "\n";
-    // In one piece; an event that cannot be told has no one to tell of it.
+    // In one write, so that the lines of several processes stay whole. A failure is ignored: there
+    // is no other way to report it.
     [[maybe_unused]] const ssize_t written = ::write(file.get(), text.data(), text.size());
 }
 
+// A file that is taken away has changed, too.
 bool WatchedFile::hasChanged() {
     if (m_path.empty()) return false;
     struct stat status {};
@@ -42,6 +46,7 @@ bool WatchedFile::hasChanged() {
     return changed;
 }
 
+// The times are read before the lines: a change in between is seen by the next look.
 std::optional<std::vector<std::string>> WatchedFile::poll() {
     if (!hasChanged()) return std::nullopt;
     std::vector<std::string> lines;

@@ -25,6 +25,7 @@ std::string ServiceConfigParser::getStartExitMutexPath() const {
     return RunPaths::startExitMutex();
 }
 
+// With or without "0x" in front.
 int ServiceConfigParser::hexadecimal(const char* key, const char* def) const {
     try {
         return std::stoi(parseStringFromConfigList(key, def), nullptr, 16);

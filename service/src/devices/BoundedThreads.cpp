@@ -16,6 +16,7 @@ bool BoundedThreads::start(InlineTask body) {
         ++m_count;
     }
     try {
+        // Detached, as the body may never return; a wait looks at m_count instead.
         std::thread([this, body = std::move(body)]() mutable {
             body();
             body.reset();  // what it captured ends within the time that is waited for

@@ -30,6 +30,7 @@ SlotFigures readSlot(KelmDeviceBase& device, const std::string& state) {
     return slot;
 }
 
+// The word that status answers have for a device without a graph.
 std::string getLoadedGraphName(WorkThread& worker) {
     const std::string name = worker.getGraphName();
     return name.empty() ? "NoGraph" : name;
@@ -37,6 +38,8 @@ std::string getLoadedGraphName(WorkThread& worker) {
 
 }  // namespace
 
+// The root has what is the device's, the clones what is a slot's. Figures are read here and laid
+// out elsewhere, so that no report keeps a lock while it formats.
 DeviceFigures DeviceFigures::read(WorkThread& worker) {
     KelmDeviceBase& root = *worker.getDevice();
     DeviceFigures figures;

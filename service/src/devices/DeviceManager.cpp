@@ -43,6 +43,7 @@ DeviceManager::DeviceManager(const std::string& name, DeviceManagerLimits limits
       m_report(m_settings, m_workers),
       m_threadPool(name, 1, kPoolLimit) {}
 
+// Only the deleter destroys, after stop() has succeeded.
 DeviceManager::~DeviceManager() {
     CR_ASSERT(m_stopState == STOPPED, "device manager destroyed in use");
 }
@@ -58,6 +59,7 @@ void DeviceManager::setDeviceList(int subclass, const std::vector<std::string>& 
         // From here on the printer may call, so the settings are complete.
         Port<InfoCollector>::notify<&InfoCollector::registerListener>(this);
     }
+    // Before the workers, each of which is given to a scheduler as soon as its device is open.
     m_schedulers.create(m_settings);
     for (const std::string& name : names) m_workers.createWorkThread(name);
     LOG_INFO("DEVICE FOUND : %lu", names.size());
@@ -78,6 +80,7 @@ bool DeviceManager::enqueuePlugoutDevice(int subclass, const std::string& name) 
     return true;
 }
 
+// A notice: the scheduling thread that brings it must not wait for this pool.
 void DeviceManager::enqueueRemoveWorkerDone(WorkThread* worker) {
     m_threadPool.postNotice([this, worker] { m_workers.removeWorkerDone(worker); });
 }
@@ -104,6 +107,8 @@ void DeviceManager::queryDeviceScheduler(KelmStatus& status) const {
     status.deviceSchedulerName = m_schedulers.getSqueezeName();
 }
 
+// What brings new work is closed first. No wait for a device is without a limit: it may never
+// answer, and the service is to end all the same.
 bool DeviceManager::stop() {
     if (m_stopState != RUNNING) return m_stopState == STOPPED;
     m_plugQueue.close();

@@ -54,6 +54,7 @@ DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> im
     launchDeviceMonitor();  // last: all managers exist before the first plug event
 }
 
+// The ports first: a scheduler or worker that is left behind must not reach this object.
 DeviceManagerCreator::~DeviceManagerCreator() {
     Port<WorkerRemovalListener>::disconnect();
     Port<WorkerFailureListener>::disconnect();
@@ -119,6 +120,7 @@ std::shared_ptr<DeviceManager> DeviceManagerCreator::findManager(int subclass) c
     return found != m_deviceManagers.end() ? found->second : nullptr;
 }
 
+// The client names the subclass, and may name one of which there is no device.
 bool DeviceManagerCreator::enqueueLoadGraph(KelmGraph* graph) {
     const int subclass = graph->getInterfaceSubclass();
     if (const auto manager = findManager(subclass)) {
@@ -164,6 +166,8 @@ void DeviceManagerCreator::enqueueResetDevice(Request request) {
     }
     const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;
     for (const auto& [subclass, manager] : m_deviceManagers) {
+        // All managers are asked, since an id tells no subclass. The device may leave before its
+        // manager looks again; then that answers.
         if (!manager->hasDevice(deviceId)) continue;
         return manager->enqueueResetDevice(std::move(request));
     }

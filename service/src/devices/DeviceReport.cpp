@@ -70,6 +70,7 @@ void DeviceReport::snapshot() {
     LOG_INFO("%s", table.format(m_settings.subclass));
 }
 
+// The lists belong together by index: a row for each device is appended to every one of them.
 void DeviceReport::queryDeviceStatus(KelmStatus& status) {
     std::vector<DeviceFigures> devices = m_workers.readDevices();
     // All the room first: a failed allocation between two appends would leave the lists askew.

@@ -25,6 +25,7 @@ bool takePlace(int32_t& count, int32_t& place) {
     return true;
 }
 
+// The graphs of a row stand without gaps, whichever slots they are in.
 void writeCurrentGraph(const SlotFigures& slot, InfoDeviceRow& row) {
     const GraphFigures& graph = slot.current;
     int32_t place = 0;
@@ -45,6 +46,7 @@ void writePreviousGraph(const GraphFigures& graph, InfoDeviceRow& row) {
     row.previousInferenceCount[place] = graph.inferences;
 }
 
+// The counts start at 0 here: the package still holds what the last collection wrote.
 void writeRow(const DeviceFigures& device, InfoDeviceRow& row) {
     row.deviceId = device.deviceId;
     row.thermal = device.thermal;

@@ -42,6 +42,8 @@ void notifyLoadFailed(KelmGraph* graph, KelmError error) {
 DeviceSchedulers::DeviceSchedulers() = default;
 DeviceSchedulers::~DeviceSchedulers() = default;
 
+// Without reserved devices there is no scheduler for tags or streams, and a graph that asks for one
+// is refused at once.
 void DeviceSchedulers::create(const DeviceSettings& settings) {
     m_subclass = settings.subclass;
     m_maxGraphNumPerDevice = settings.maxGraphNumPerDevice;
@@ -80,6 +82,7 @@ void DeviceSchedulers::createSqueezeScheduler(const DeviceSettings& settings) {
     m_slots[SQUEEZE].deviceNum = std::numeric_limits<uint64_t>::max();
 }
 
+// A graph with both a tag and a stream id goes by its tag.
 void DeviceSchedulers::loadGraph(KelmGraph* graph) {
     graph->setMaxGraphNumPerDevice(m_maxGraphNumPerDevice);
     if (!graph->getTag().empty()) {
@@ -127,6 +130,7 @@ void DeviceSchedulers::addWorker(WorkThread* worker) {
     }
 }
 
+// The scheduler's inbox takes the request, and its thread strips the worker later.
 void DeviceSchedulers::removeWorker(WorkThread* worker, bool hasPlace) {
     Slot* const slot = findSlot(worker);
     if (slot == nullptr) return;
@@ -145,6 +149,7 @@ bool DeviceSchedulers::handleFailure(WorkThread* worker) {
     return isReserved;
 }
 
+// A worker that no scheduler had a place for has none, and none of these is null.
 DeviceSchedulers::Slot* DeviceSchedulers::findSlot(WorkThread* worker) {
     for (Slot& slot : m_slots) {
         if (slot.scheduler && slot.scheduler.get() == worker->getDeviceScheduler()) return &slot;

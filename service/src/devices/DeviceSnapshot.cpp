@@ -53,6 +53,7 @@ std::string formatFps(const Cell& cell) {
 
 std::string formatTime(const OptionalTime& time) { return time ? putTime(*time, kTimeFormat) : ""; }
 
+// A graph that is still loaded has no end yet, and a slot that was never used no begin.
 std::string formatDuration(const OptionalTime& begin, const OptionalTime& end) {
     if (!begin || !end) return {};
     return formatDurationString(std::chrono::duration_cast<std::chrono::seconds>(*end - *begin));
@@ -137,6 +138,8 @@ DeviceSnapshot::DeviceSnapshot(const Style& style, const std::vector<DeviceFigur
                                GraphFigures::TimePoint now)
     : m_style(style), m_devices(devices), m_now(now), m_table(makeTable(style)) {}
 
+// As many rows as the settings allow, whatever one device holds: all devices are columns of the
+// same rows.
 std::string DeviceSnapshot::format(int subclass) {
     drawRows(kDeviceRows, 0);
     const int cachedGraphs = m_style.isFull ? m_style.cachedGraphs : 0;

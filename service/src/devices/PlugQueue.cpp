@@ -19,6 +19,8 @@ void PlugQueue::enqueue(const std::string& device, Event event) {
     if (!m_threads.start([this, device] { handleEvents(device); })) m_events.erase(device);
 }
 
+// The reference stays good while the mutex is free: a map moves no entry, and only this thread
+// erases the one of its device.
 void PlugQueue::handleEvents(const std::string& device) {
     MutexLock lock(m_mutex);
     std::deque<Event>& events = m_events[device];

@@ -10,7 +10,8 @@ namespace kelm {
 
 namespace {
 
-// Results per second below which a device counts as idle.
+// Results per second below which a device counts as idle. Others are read with their results, see
+// KelmZorvanDevice::updateThermalIfDue().
 constexpr float kIdleFps = 0.1f;
 
 }  // namespace
@@ -29,6 +30,8 @@ void ThermalReader::deviceThermalUpdateRoutine(std::chrono::milliseconds interva
         lock.unlock();
         updateThermals();
         lock.lock();
+        // From the end of the pass: readings that take long do not follow one another without a
+        // pause.
         const auto next = std::chrono::steady_clock::now() + interval;
         while (!m_closed && m_closing.waitUntil(m_mutex, next)) {
         }

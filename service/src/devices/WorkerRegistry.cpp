@@ -40,6 +40,7 @@ WorkerRegistry::Entries::iterator WorkerRegistry::findIfUnsafe(Predicate fits) {
     return std::find_if(m_entries.begin(), m_entries.end(), fits);
 }
 
+// The device is opened without the mutex, behind an entry that keeps others from opening it.
 void WorkerRegistry::createWorkThread(const std::string& device) {
     if (!beginCreation(device)) return;
     LOG_STEP("to create worker on device(%s)", device);
@@ -107,6 +108,7 @@ std::unique_ptr<WorkThread> WorkerRegistry::adoptWorker(std::unique_ptr<WorkThre
                                                         const std::string& device) {
     MutexLock lock(m_mutex);
     const auto entry = findCreatingUnsafe(device);
+    // close() came while the device was being opened.
     if (m_closed) {
         m_entries.erase(entry);
         return worker;
@@ -205,6 +207,7 @@ std::set<WorkThread*> WorkerRegistry::getWorkers() {
 
 uint64_t WorkerRegistry::getWorkerNum() { return getWorkers().size(); }
 
+// After close() nothing may be pinned: the end would wait for a device that is being read.
 WorkerRegistry::PinnedWorker WorkerRegistry::pin(WorkThread* worker) {
     MutexLock lock(m_mutex);
     const auto entry = findUnsafe(worker);

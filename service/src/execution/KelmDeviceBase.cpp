@@ -75,6 +75,7 @@ KelmDeviceBase::KelmDeviceBase(KelmDeviceBase* parent)
 
 KelmDeviceBase::~KelmDeviceBase() = default;
 
+// For devices without hardware, queues or a cache: nothing to lose, to set or to forget.
 bool KelmDeviceBase::isHardwareError(int) { return false; }
 
 void KelmDeviceBase::setFifoCapacity(unsigned int) {}
@@ -110,6 +111,7 @@ int KelmDeviceBase::resetDevice() {
 }
 
 int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
+    // Before the mutex, which a load that never returns may hold: a failed device answers at once.
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_DEVICE_NOT_OPEN;
@@ -152,6 +154,8 @@ void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
     if (getCurrentGraph() == graph) resetGraphInfo();
 }
 
+// Without m_deviceMutex, so that inputs and results overlap. The graph cannot leave meanwhile: a
+// slave worker takes it off only when none of its tasks is on the device.
 int KelmDeviceBase::loadTensor(KelmTask* task) {
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
@@ -186,10 +190,12 @@ bool KelmDeviceBase::compareGraph(const KelmGraph* a, const KelmGraph* b) {
 }
 
 void KelmDeviceBase::setCurrentGraph(KelmGraph* graph) {
+    // A copy: the name is still shown when the graph's record has been deleted.
     const std::string name = graph->getName();
     MutexLock lock(m_graphInfoMutex);
     m_currentGraph = graph;
     m_currentGraphName = name;
+    // By the wall clock: the time is for displays.
     m_currentGraphLoadTime = std::chrono::system_clock::now();
     m_currentInferenceCount = 0;
 }
@@ -206,6 +212,7 @@ void KelmDeviceBase::resetGraphInfo() {
     m_previousGraphUnloadTime = std::chrono::system_clock::now();
 }
 
+// The graph is followed under the mutex: it is alive for as long as it is the current one.
 void KelmDeviceBase::countResult() {
     MutexLock lock(m_graphInfoMutex);
     m_fpsCounter.update();
@@ -226,6 +233,7 @@ void KelmDeviceBase::decreaseCacheTaskNum() {
     --m_cacheTaskNum;
 }
 
+// A device without a cache of its own holds what it runs.
 std::vector<KelmGraph*> KelmDeviceBase::getCachedGraphList() {
     KelmGraph* const graph = getCurrentGraph();
     if (graph == nullptr) return {};
@@ -286,6 +294,7 @@ bool KelmDeviceBase::getPreviousGraphUnloadTime(TimePoint& time) {
     return true;
 }
 
+// A failed device may still have results in the window, and gives no more.
 float KelmDeviceBase::getFps() {
     if (m_deviceFailed) return 0.0f;
     MutexLock lock(m_graphInfoMutex);
@@ -315,6 +324,7 @@ int KelmDeviceBase::getGraphInfo(const char* data, size_t size, KelmGraphInfo wh
     return configuredKind().getGraphInfo(data, size, what, result);
 }
 
+// The number of devices to simulate has a meaning only in that mode; else `count` stays as it is.
 bool KelmDeviceBase::isFakeDeviceModeEnabled(int* count) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
     if (!config.isFakeDeviceEnabled()) return false;

@@ -15,6 +15,8 @@ namespace kelm {
 
 namespace {
 
+// To an accelerator -8 would mean a lost device; here no status does, see
+// KelmDeviceBase::isHardwareError().
 constexpr int kLoadTimedOut = -1;
 constexpr int kResultTimedOut = -8;
 // MB; a simulated graph weighs the same whatever its size.
@@ -61,6 +63,7 @@ KelmFakeDevice::KelmFakeDevice(KelmFakeDevice* parent)
       m_loadTensorLatency(parent->m_loadTensorLatency),
       m_getResultLatency(parent->m_getResultLatency) {}
 
+// A clone was never opened by itself, so only a root closes.
 KelmFakeDevice::~KelmFakeDevice() {
     KelmGraph* const graph = getCurrentGraph();
     if (m_graphLoaded && graph != nullptr) (void)deallocateGraph(graph, false);  // always succeeds
@@ -86,6 +89,7 @@ int KelmFakeDevice::getGraphInfo(const char*, size_t, KelmGraphInfo what, size_t
     return KELM_OK;
 }
 
+// Two flags: a clone takes over the base's, and only the own one tells the destructor to close.
 int KelmFakeDevice::openDevice(const char*) {
     LOG_STEP("to call openDevice()");
     m_opened = true;
@@ -119,6 +123,7 @@ int KelmFakeDevice::allocateGraphImpl(KelmGraph* graph) {
     return KELM_OK;
 }
 
+// There is no cache: a graph that comes back costs a full load again, kept or not.
 int KelmFakeDevice::deallocateGraphImpl(KelmGraph* graph, bool) {
     LOG_STEP("to call deallocateGraph()");
     m_graphLoaded = false;
@@ -130,6 +135,7 @@ int KelmFakeDevice::deallocateGraphImpl(KelmGraph* graph, bool) {
 
 void KelmFakeDevice::forgetGraphImpl(KelmGraph* graph) { (void)deallocateGraphImpl(graph, false); }
 
+// False, with the error number of a wait that has timed out, as a system call would leave it.
 bool KelmFakeDevice::waitOnceUnsafe(CondVar& condition) {
     const auto deadline =
         std::chrono::system_clock::now() + std::chrono::seconds(m_waitTimeoutSeconds);
@@ -180,6 +186,7 @@ int KelmFakeDevice::getResultImpl(KelmTask* task) {
     return KELM_OK;
 }
 
+// 45.00 to 94.99 degrees Celsius, so that readers see both levels.
 int KelmFakeDevice::updateThermal() {
     const float thermal = static_cast<float>(std::rand() % 5000 + 4500) / 100.0f;
     m_thermal = thermal;

@@ -47,10 +47,12 @@ int KelmZorvanClone::openDevice(const char*) { return KELM_ERROR_DEVICE_ALREADY_
 
 int KelmZorvanClone::closeDeviceImpl() { return KELM_OK; }
 
+// There is one piece of hardware: the root decides whether it has been reset already.
 int KelmZorvanClone::hardwareResetDeviceCore() { return m_root.hardwareResetDeviceCore(); }
 
 int KelmZorvanClone::allocateGraphImpl(KelmGraph* graph) { return m_root.loadGraph(graph); }
 
+// Also when the graph stays cached: the next inferences on this clone are those of another graph.
 int KelmZorvanClone::deallocateGraphImpl(KelmGraph* graph, bool keepCached) {
     m_statistics.restartWarmup();
     return m_root.unloadGraph(graph, keepCached);
@@ -93,6 +95,8 @@ int KelmZorvanClone::loadTensorImpl(KelmTask* task) {
     return KELM_OK;
 }
 
+// One step for each turn of the loop, then the ledger is asked anew: the result thread reads on
+// meanwhile. A renewed graph has empty queues, so that the loop ends.
 int KelmZorvanClone::prepareQueues(KelmGraph* graph, TevoQueues& queues) {
     for (;;) {
         std::optional<TevoQueues> found = m_root.getTevoGraphInfo(graph);
@@ -184,6 +188,7 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
                             task);
 }
 
+// By the descriptor: the tensor is neither mapped nor copied in this process.
 int KelmZorvanClone::loadTensorIon(KelmTask* task, const TevoHandles& handles,
                                    qxTensorDescriptor_t& descriptor) {
     const KelmBuffer& input = task->getTaskParam()->getInputBuffer();
@@ -199,6 +204,7 @@ int KelmZorvanClone::loadTensorIon(KelmTask* task, const TevoHandles& handles,
                             task);
 }
 
+// The handles by value: the library wants the addresses of variables that hold the queues.
 int KelmZorvanClone::queueInference(TevoHandles handles) {
     LOG_TASK("to call qxGraphQueueInference(), graphHandle=%p fifoIn=%p fifoOut=%p",
              handles.graphHandle, handles.fifoIn, handles.fifoOut);
@@ -222,6 +228,7 @@ int KelmZorvanClone::drainUnread(const TevoQueues& queues) {
     return TevoDevice::isHardwareError(rc) ? rc : KELM_OK;
 }
 
+// The queues are looked up anew: the device may have been lost since the input, with its graphs.
 int KelmZorvanClone::getResultImpl(KelmTask* task) {
     KelmTaskParam& param = *task->getTaskParam();
     if (const int rc = TaskBuffers::verifyResultBuffers(param)) return rc;
@@ -234,6 +241,7 @@ int KelmZorvanClone::getResultImpl(KelmTask* task) {
         isIonPath(param.getOutputBuffer()) && (aux.auxRequested == 0 || isIonPath(aux));
     int rc = byDescriptor ? getResultIon(task, queues->handles, turn)
                           : getResultRaw(task, queues->handles, turn);
+    // Last of all: memory that the client shortens while the result is written is found here.
     if (rc == KELM_OK) rc = TaskBuffers::verifyMappings(param);
     m_statistics.countResult();
     return rc;
@@ -266,6 +274,7 @@ int KelmZorvanClone::readResult(KelmTask* task, const TevoHandles& handles, Queu
             turn.addFailedReading();
             return m_device.checked(rc, kReadElemFailure, task);
         }
+        // The library may name more bytes than it was given room for.
         result.length = std::min(result.length, handles.resultSize);
         if (turn.addResult(result.taskIdAttach) != QueueLedger::Outcome::kDropped) return KELM_OK;
         warnDropped(result);
@@ -281,6 +290,7 @@ int KelmZorvanClone::readResult(KelmTask* task, const TevoHandles& handles, Queu
     return KELM_OK;
 }
 
+// Mapped before the reading: without a mapping the result is read off the queue into other memory.
 int KelmZorvanClone::getResultRaw(KelmTask* task, const TevoHandles& handles,
                                   QueueLedger::Turn& turn) {
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
@@ -345,6 +355,7 @@ int KelmZorvanClone::getResultIon(KelmTask* task, const TevoHandles& handles,
     return finishResult(task, handles, result);
 }
 
+// The result was read while others could come first; only then was it known to be this task's.
 int KelmZorvanClone::copyResult(KelmTask* task, const Result& result) {
     KelmBuffer& output = task->getTaskParam()->getOutputBuffer();
     if (!TaskBuffers::mapBuffer(*task->getTaskParam(), output, FileRights::WRITE)) {
@@ -388,6 +399,7 @@ int KelmZorvanClone::finishResult(KelmTask* task, const TevoHandles& handles,
     return updateStatistics(handles.graphHandle);
 }
 
+// A failure here is the task's, though its result is complete.
 int KelmZorvanClone::updateStatistics(qxGraphHandle_t* graphHandle) {
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
     if (const int rc = m_root.updateThermalIfDue()) return rc;

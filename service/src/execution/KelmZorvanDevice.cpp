@@ -30,6 +30,7 @@ constexpr GraphInfoRow kGraphInfoRows[] = {{QX_NINTPUT_SIZE, "QX_NINTPUT_SIZE"},
 // refused instead of an older one being evicted.
 constexpr double kMemoryMargin = 1.25;
 
+// Cut at the largest number: a conversion of more than that is undefined.
 unsigned int withMargin(uint32_t megabytes) {
     const double wanted = megabytes * kMemoryMargin;
     constexpr double kMost = std::numeric_limits<unsigned int>::max();
@@ -54,6 +55,8 @@ KelmZorvanDevice::KelmZorvanDevice(const std::string& name)
     if (m_useSystemTensor) LOG_INFO("[dev:%s] Use system tensor container", name);
 }
 
+// The graphs before the device that they are on. The call names the class, since a destructor must
+// not reach what a derived class would override.
 KelmZorvanDevice::~KelmZorvanDevice() {
     for (TevoHandles& handles : m_cache.takeAll()) m_loader.deallocateGraph(handles);
     (void)KelmZorvanDevice::closeDeviceImpl();  // has logged what failed
@@ -114,6 +117,7 @@ int KelmZorvanDevice::openDevice(const char* name) {
     if (idStatus != KELM_OK) {
         LOG_ERROR("Error: qxDeviceGetId(%p) failed, device=%s rc=%d", m_device.handle, name,
                   idStatus);
+        // The handle stays: the destructor closes it.
         m_device.hardwareResetDevice(idStatus);
         return idStatus;
     }
@@ -129,6 +133,8 @@ int KelmZorvanDevice::openDevice(const char* name) {
     return KELM_OK;
 }
 
+// Destroyed also after a close that failed: there is no other use for the handle. The status is
+// that of the last call.
 int KelmZorvanDevice::closeDeviceImpl() {
     if (m_device.handle == nullptr) return KELM_OK;
     int rc = m_device.traced("qxDeviceClose",
@@ -173,6 +179,7 @@ int KelmZorvanDevice::loadTensorImpl(KelmTask*) { return KELM_ERROR_INVALID_PARA
 
 int KelmZorvanDevice::getResultImpl(KelmTask*) { return KELM_ERROR_INVALID_PARAM; }
 
+// m_graphMutex is taken for all clones together: an eviction must not meet a load in between.
 int KelmZorvanDevice::loadGraph(KelmGraph* graph) {
     MutexLock lock(m_graphMutex);
     if (m_deviceFailed) return KELM_ERROR_DEVICE_FAILED;
@@ -233,6 +240,7 @@ int KelmZorvanDevice::unloadGraph(KelmGraph* graph, bool keepCached) {
 // and where one eviction frees too little the device refuses the allocation.
 void KelmZorvanDevice::deallocOldestInactiveGraphIfFull(unsigned int required) {
     unsigned int used = 0;
+    // Without a reading nothing is evicted: the allocation that follows tells if there is room.
     if (m_loader.getCurrentMemeoryUsed(&used) != KELM_OK) return;
     const uint64_t wanted = uint64_t{used >> kMegabyteShift} + required;
     if (wanted < getMemorySize() && static_cast<size_t>(m_maxCachedGraphNum) > m_cache.getSize()) {
@@ -255,6 +263,7 @@ int KelmZorvanDevice::updateThermalIfDue() {
     const std::chrono::duration<float, std::milli> passed = now - m_lastThermalUpdate;
     if (passed.count() < static_cast<float>(m_updateThermalInterval)) return KELM_OK;
     const int rc = updateThermal();
+    // After a failure, too: a device that cannot be read is not asked again with each result.
     m_lastThermalUpdate = now;
     return rc;
 }
@@ -273,6 +282,7 @@ int KelmZorvanDevice::updateThermal() {
         return m_device.checked(
             rc, "Error: qxDeviceGetOption(QX_RO_DEVICE_THERMAL_STATS) failed, device=%s rc=%d");
     }
+    // The statistics begin with the present temperature; the rest is for clients that ask for it.
     float thermal = 0.0f;
     std::memcpy(&thermal, stats, sizeof(thermal));
     m_thermal = thermal;

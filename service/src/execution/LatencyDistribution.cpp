@@ -25,10 +25,12 @@ LatencyDistribution::LatencyDistribution(double meanMs, double stddevMs)
 
 long LatencyDistribution::draw(std::mt19937& engine) {
     const double latency = m_isConstant ? m_mean : m_normal(engine);
+    // The lower end of a normal distribution reaches below 0; such a draw takes no time.
     if (!(latency > 0.0)) return 0;
     return std::lround(std::min(latency, kLongestMs));
 }
 
+// Sleeps the rest after a signal, which must not shorten a simulated inference.
 void LatencyDistribution::sleep(long milliseconds) {
     if (milliseconds <= 0) return;
     timespec left{milliseconds / 1000, (milliseconds % 1000) * 1'000'000};

@@ -19,10 +19,12 @@ QueueLedger::NextStep QueueLedger::getNextStep() {
     return isDrainable ? NextStep::kDrain : NextStep::kRenew;
 }
 
+// In all searches here the list is short: it has no more entries than a queue has places.
 bool QueueLedger::isAwaited() const {
     return std::ranges::find(m_entries, State::kAwaited, &Entry::state) != m_entries.end();
 }
 
+// By state too: an earlier attempt of the same task may be in the list, unread or in doubt.
 QueueLedger::Entries::iterator QueueLedger::findAwaited(unsigned long taskId) {
     return std::ranges::find_if(m_entries, [taskId](const Entry& entry) {
         return entry.taskId == taskId && entry.state == State::kAwaited;
@@ -47,6 +49,7 @@ void QueueLedger::makeUpInference() {
     m_lacksInference = false;
 }
 
+// The result will still come, so its place stays taken until it is read and dropped.
 void QueueLedger::abandonUnsafe(unsigned long taskId) {
     const Entries::iterator entry = findAwaited(taskId);
     if (entry != m_entries.end()) entry->state = State::kUnread;
@@ -70,12 +73,14 @@ bool QueueLedger::beginTurn(unsigned long taskId) {
     return m_hasTurn;
 }
 
+// Wakes the input thread: the places that the turn has freed are told here and not one by one.
 void QueueLedger::endTurn(unsigned long taskId) {
     MutexLock lock(m_mutex);
     m_hasTurn = false;
     abandonUnsafe(taskId);
 }
 
+// Unread and doubtful entries ahead of it mean that another result may come out first.
 bool QueueLedger::isNext(unsigned long taskId) {
     MutexLock lock(m_mutex);
     return std::all_of(m_entries.begin(), findAwaited(taskId),

@@ -25,6 +25,7 @@ void ResetQueue::enqueue(Request request) {
     if (!admit(request)) answer(KELM_ERROR_INVALID_DEVICE, std::move(request));
 }
 
+// The request is moved only if it may wait: a refused one is still the caller's to answer.
 bool ResetQueue::admit(Request& request) {
     MutexLock lock(m_mutex);
     if (m_closed) return false;
@@ -62,8 +63,10 @@ void ResetQueue::runNext() {
         if (!m_posted) return;  // closed in the meantime
         request = m_waiting.popFront();
         m_waiting.shrinkIfEmpty(kPlacesToKeep);
+        // From here until the reset ends the queue may be found stuck, see admit().
         m_started = Clock::now();
     }
+    // `m_posted` stays true meanwhile: a request that comes now waits, and posts no second job.
     const int result = m_reset();
     {
         MutexLock lock(m_mutex);
@@ -74,6 +77,7 @@ void ResetQueue::runNext() {
     answer(result, std::move(request));
 }
 
+// Answered without the mutex, as all answers: the result sink has locks of its own.
 void ResetQueue::close() {
     Ring<Request> refused;
     {

@@ -28,7 +28,7 @@ class ThreadPool;
 class ResetQueue : public NonCopyable {
  public:
     static constexpr std::chrono::milliseconds kPatience{1000};
-    // Some 600 bytes for each, so 12 MB: a flood, since nobody has a use for that many.
+    // Some 600 bytes for each, so 12 MB. No client has a use for that many: more is a flood.
     static constexpr size_t kMaxWaiting = 20000;
     // Gives the KelmError or the library's status.
     using Reset = std::function<int()>;

@@ -51,6 +51,7 @@ SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDe
     m_state = STATE_WAIT_GRAPH;
 }
 
+// A root device that outlives this clone must not go on holding a graph for it.
 SlaveWorker::~SlaveWorker() {
     stop();
     KelmGraph* const graph = getGraph();
@@ -63,6 +64,7 @@ void SlaveWorker::stop() {
     m_isDeviceValid = false;
     m_isApplyEnabled = false;
     m_isStopping = true;
+    // The input pool first: its jobs post to the result pool.
     while (!m_inputPool.waitIdleFor(kCheckInterval)) {
     }
     while (!m_resultPool.waitIdleFor(kCheckInterval)) {
@@ -98,6 +100,7 @@ int SlaveWorker::loadGraph(KelmGraph* graph) {
 
 int SlaveWorker::allocateGraph(KelmGraph* graph) {
     if (!m_isDeviceValid) return KELM_ERROR_DEVICE_FAILED;
+    // Already here and asking for tasks: a second request would list the worker twice.
     if (graph == m_graph) return KELM_OK;
     m_state = STATE_LOAD_GRAPH;
     LOG_STEP("call allocateGraph(%s)", escapeControls(graph->getName()));
@@ -109,6 +112,7 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
         return rc;
     }
     m_state = STATE_WAIT_TASK;
+    // Before the request: its answer may come at once, and a task of another graph is given back.
     m_graph = graph;
     applyNextTask();
     return KELM_OK;
@@ -147,6 +151,7 @@ int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
     return rc;
 }
 
+// One request at a time: for a new graph, and then each time a task has been taken over.
 void SlaveWorker::applyNextTask() {
     if (!m_isApplyEnabled) return;
     Port<TaskExchange>::notify<&TaskExchange::enqueueScheduleWorker>(m_workThread, getGraph());
@@ -168,6 +173,7 @@ void SlaveWorker::waitAbortApplyTaskDone() {
 void SlaveWorker::waitNoRunningTask() {
     MutexLock lock(m_mutex);
     while (!m_runningTasks.empty()) {
+        // The limit serves the trace alone: it shows once a second what is still waited for.
         (void)m_noRunningCond.waitFor(m_mutex, kCheckInterval);
         LOG_STEP("m_runningTasks.size()=%lu", m_runningTasks.size());
     }
@@ -194,7 +200,8 @@ void SlaveWorker::loadTensor(KelmTask* task) {
     }
     LOG_STEP("begin loadTensor(%lu)", task->getId());
     m_state = STATE_RUNNING;
-    // The scheduler looks for the next task while this one is being fed.
+    // The scheduler looks for the next task while this one is being fed. First of all, also for a
+    // canceled task: a worker that has asked for nothing gets nothing.
     applyNextTask();
     if (task->isCanceled()) {
         LOG_INFO("Destroy task(%lu), reason=canceled", task->getId());
@@ -212,6 +219,7 @@ void SlaveWorker::feedDevice(KelmTask* task) {
     LOG_STEP("called loadTensor(%lu)", task->getId());
     task->addLoadCount();
     if (rc == KELM_OK) {
+        // Before the job is posted: the result thread sets the next status.
         task->setStatus(TASK_STATUS_LOADED);
         LOG_STEP("enqueueGetResult(%lu)", task->getId());
         enqueueGetResult(task);
@@ -248,6 +256,8 @@ void SlaveWorker::getResult(KelmTask* task) {
     if (!m_isDeviceValid) {
         m_device->abandonResult(task);
         returnTask(task);
+        // Only its address is compared: the task may have been destroyed. An unload waits for this,
+        // so that it is answered when all tasks are given back.
         eraseRunningTask(task);
         return;
     }
@@ -288,6 +298,7 @@ void SlaveWorker::handleTaskWithRunError(KelmTask* task, int rc) {
     returnTask(task);
 }
 
+// The task passes to the result sink here: it is not followed after this call.
 void SlaveWorker::sendTaskDoneResponse(KelmTask* task, int rc) {
     task->setStatus(TASK_STATUS_DONE);
     Port<ResultSink>::notify<&ResultSink::enqueueSendTaskDoneResponse>(task,

@@ -40,6 +40,8 @@ bool mapShareMemory(KelmBuffer& buffer, const PeerCredentials& peer, FileRights:
 
 }  // namespace
 
+// What the client has written is all that is known here; the memory itself is looked at when it is
+// mapped.
 bool TaskBuffers::verifyBuffer(const KelmBuffer& buffer) {
     if (buffer.size == 0) {
         LOG_ERROR("Error: invalid buffer size %lu", buffer.size);
@@ -52,6 +54,7 @@ bool TaskBuffers::verifyBuffer(const KelmBuffer& buffer) {
     return true;
 }
 
+// The auxiliary buffer counts only if the client has asked for it.
 int TaskBuffers::verifyResultBuffers(KelmTaskParam& param) {
     if (!verifyBuffer(param.getOutputBuffer())) return KELM_ERROR_INVALID_OUTPUT_BUFFER;
     const KelmBuffer& aux = param.getAuxBuffer();

@@ -28,6 +28,7 @@ bool TevoDevice::isHardwareError(int error) {
            std::end(kHardwareErrors);
 }
 
+// The log line comes first, since the reset takes a while: readers look for what led to it.
 int TevoDevice::checked(int rc, const char* failure) {
     if (rc == KELM_OK) return KELM_OK;
     LOG_ERROR(failure, name, rc);

@@ -31,6 +31,7 @@ bool TevoGraphCache::insert(KelmGraph* graph, const TevoQueues& queues) {
     return true;
 }
 
+// A copy, whose ledger outlives the entry: a thread may still wait in it when the graph is taken.
 std::optional<TevoQueues> TevoGraphCache::find(KelmGraph* graph) {
     MutexLock lock(m_mutex);
     const Entry entry = m_cachedGraphs.find(graph);
@@ -38,6 +39,7 @@ std::optional<TevoQueues> TevoGraphCache::find(KelmGraph* graph) {
     return entry->second.queues;
 }
 
+// The ledger stays: it is replaced together with the handles by renew().
 std::optional<TevoHandles> TevoGraphCache::takeHandles(KelmGraph* graph) {
     MutexLock lock(m_mutex);
     const Entry entry = m_cachedGraphs.find(graph);
@@ -53,6 +55,7 @@ bool TevoGraphCache::renew(KelmGraph* graph, const TevoQueues& queues) {
     return true;
 }
 
+// The device goes on counting as one that has the graph: its memory is still taken.
 void TevoGraphCache::deactivate(KelmGraph* graph) {
     MutexLock lock(m_mutex);
     const Entry entry = m_cachedGraphs.find(graph);
@@ -101,6 +104,7 @@ void TevoGraphCache::forget(KelmGraph* graph) {
     if (entry != m_cachedGraphs.end()) m_forgotten.push_back(takeUnsafe(entry));
 }
 
+// takeUnsafe() erases the entry, so the first one is another each time.
 void TevoGraphCache::forgetAllUnsafe() {
     while (!m_cachedGraphs.empty()) m_forgotten.push_back(takeUnsafe(m_cachedGraphs.begin()));
 }

@@ -70,6 +70,7 @@ int TevoGraphLoader::allocateGraph(KelmGraph* graph, TevoQueues& queues) {
     return rc;
 }
 
+// Each handle is noted as soon as it exists, so that a failure further on can release it.
 int TevoGraphLoader::runAllocation(KelmGraph* graph, TevoHandles& handles) {
     if (const int rc = sendGraph(graph, handles)) return rc;
     TensorDescriptors inputs(kInput);
@@ -149,6 +150,7 @@ int TevoGraphLoader::readTensorCount(qxGraphHandle_t* graphHandle, TensorDescrip
         return m_device.tevo.qxGraphGetOption(graphHandle, tensors.end.countOption, &tensors.count,
                                               &length);
     });
+    // The first descriptor is used below without a further look.
     if (rc == KELM_OK && tensors.count >= 1) return KELM_OK;
     tensors.end.logCountFailure(m_device.name, rc, tensors.count);
     const int error = rc != KELM_OK ? rc : KELM_ERROR_INVALID_PARAM;
@@ -179,6 +181,7 @@ void TevoGraphLoader::deallocateGraph(TevoHandles& handles) {
     destroyGraph(handles.graphHandle);
 }
 
+// A failure may reset the hardware like any other, and the next handle is destroyed all the same.
 void TevoGraphLoader::destroyFifo(qxFifoHandle_t*& fifo) {
     if (fifo == nullptr) return;
     const auto destroy = [&] { return m_device.tevo.qxFifoDestroy(&fifo); };

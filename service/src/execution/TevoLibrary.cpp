@@ -26,6 +26,7 @@ TevoFunctions load() {
 
 const TevoFunctions& TevoLibrary::functions() {
     if (const TevoFunctions* functions = installed.load()) return *functions;
+    // By the first caller; others wait for it, as the language says of such a static.
     static const TevoFunctions loaded = load();
     return loaded;
 }

@@ -29,7 +29,7 @@ constexpr unsigned int kTwoTimes = 2 * sizeof(float);
 
 char* dataOf(const KelmBuffer& buffer) { return reinterpret_cast<char*>(buffer.buffer); }
 
-// Appends a block, or as much of it as there is room for.
+// Appends a block, or as much of it as there is room for. `used` never exceeds the size.
 void append(KelmBuffer& buffer, uint64_t& used, const char* block, uint64_t size) {
     const uint64_t count = std::min(buffer.size - used, size);
     std::memcpy(dataOf(buffer) + used, block, count);
@@ -58,6 +58,8 @@ void TevoStatistics::countResult() {
     if (warmup != 0) m_inferTimeWarmup = warmup - 1;
 }
 
+// The blocks stand in this order and without gaps, and the last one is cut where the buffer ends; a
+// client finds them by the sizes that it has asked for before.
 int TevoStatistics::getAuxBufferData(qxGraphHandle_t* graphHandle, KelmTaskParam& param,
                                      KelmGraph* graph) {
     KelmBuffer& buffer = param.getAuxBuffer();
@@ -133,6 +135,7 @@ int TevoStatistics::copyTimeTaken(qxGraphHandle_t* graphHandle, KelmGraph* graph
     return KELM_OK;
 }
 
+// Read anew: the device keeps only the temperature of its own readings, not the whole block.
 int TevoStatistics::copyThermalStats(KelmBuffer& buffer, uint64_t& used) {
     char stats[kThermalStatsSize] = {};
     unsigned int length = sizeof(stats);

@@ -44,6 +44,7 @@ WorkThread::WorkThread(const std::string& deviceName, int32_t subclass, int32_t 
     init();
 }
 
+// Resets and loads are refused before the slave workers drain: nothing new may start on them.
 WorkThread::~WorkThread() {
     m_resets.close();
     {
@@ -53,6 +54,7 @@ WorkThread::~WorkThread() {
     destroySlaveWorker();
 }
 
+// Without a device the object stays, not ready: its owner looks and destroys it.
 void WorkThread::init() {
     if (!openDevice()) {
         MutexLock lock(m_mutex);
@@ -67,6 +69,7 @@ void WorkThread::init() {
     createSlaveWorker();
 }
 
+// Without the mutex: no other thread knows the object yet.
 bool WorkThread::openDevice() {
     m_device = KelmDeviceBase::create(m_deviceName);
     const int rc = m_device ? m_device->openDevice() : KELM_ERROR_INVALID_DEVICE;
@@ -76,6 +79,7 @@ bool WorkThread::openDevice() {
     return false;
 }
 
+// The mutex only for the entry: a slave worker starts two threads, and readers need not wait.
 void WorkThread::createSlaveWorker() {
     for (int32_t index = 0; index < m_slaveWorkerNum; ++index) {
         Slot slot;
@@ -130,6 +134,7 @@ void WorkThread::checkDevice() {
     if (isFailed()) notifyDeviceFailed();
 }
 
+// Of the clones: the root runs no tasks.
 float WorkThread::getTotalFps() {
     MutexLock lock(m_mutex);
     float total = 0.0f;
@@ -200,7 +205,8 @@ void WorkThread::waitResetDoneUnsafe() {
     while (m_resetting && timely) timely = m_resetDone.waitUntil(m_mutex, deadline);
 }
 
-// Never waits for a reset: the thread that brings tasks serves all workers.
+// Never waits for a reset: the thread that brings tasks serves all workers. Under the mutex, so
+// that the slot is not freed before the task is in its pool.
 bool WorkThread::handToSlot(KelmTask* task) {
     MutexLock lock(m_mutex);
     if (m_stopped) return false;
@@ -229,6 +235,7 @@ std::shared_future<int> WorkThread::answer(int result) {
     return submitNotice(m_pool, [result] { return result; });
 }
 
+// Looks at m_stopped after the wait, during which the destruction may have begun.
 std::shared_future<int> WorkThread::enqueueLoadGraph(KelmGraph* graph) {
     MutexLock lock(m_mutex);
     waitResetDoneUnsafe();
@@ -259,6 +266,8 @@ int WorkThread::deallocateGraph(KelmGraph* graph, bool keepCached) {
     return rc;
 }
 
+// All slots, and not only that of the load: no pointer to the graph may stay, its record is to be
+// deleted.
 void WorkThread::removeInvalidGraph(KelmGraph* graph) {
     MutexLock lock(m_mutex);
     for (Slot& slot : m_slots) {

@@ -27,6 +27,7 @@ UniqueMalloc<char> copyBlob(const char* buffer, uint64_t size) {
     return data;
 }
 
+// Repeated after a signal and after a short write.
 bool writeAll(int fd, const char* data, uint64_t size) {
     uint64_t done = 0;
     while (done < size) {
@@ -44,6 +45,7 @@ void GraphContent::setBlob(UniqueMalloc<char> data, uint64_t size) {
     m_dataSize = m_data ? size : 0;
 }
 
+// The path is kept also when there is no such file: reports name it.
 void GraphContent::readFile(const char* path) {
     m_path = path;
     unsigned long size = 0;
@@ -57,6 +59,7 @@ void GraphContent::copyBuffer(const char* buffer, uint64_t size) {
     m_hash = sha256ForBuffer(m_data.get(), m_dataSize);
 }
 
+// The digest comes along, so that a large blob is not digested twice.
 void GraphContent::takeBytes(const char* path, UniqueMalloc<char> data, uint64_t size,
                              std::string hash) {
     m_path = path;
@@ -72,6 +75,7 @@ void GraphContent::setStreamId(const char* streamId) {
     if (streamId != nullptr) m_streamId = streamId;
 }
 
+// The file must be this user's own and no link: the directory may be one that others write to.
 bool GraphContent::dumpToFile(const std::string& path) const {
     if (!m_data) {
         LOG_ERROR("Error: no valid graph data");

@@ -39,6 +39,7 @@ float computeDevReqFactor(float deviceRequest, const GraphLoad& load) {
     return keepsUp && 0.1 > static_cast<double>(fraction) ? 1.5f : 1.0f;
 }
 
+// Both rates over the same window, since they are divided by each other.
 GraphDemand::GraphDemand(const char* name)
     : m_fpsIn("KelmGraph", name, "FpsIn"), m_fpsOut("KelmGraph", name, "FpsOut") {
     const int window = ServiceConfigParser::instance().getFpsBufferTimeLength();
@@ -58,10 +59,12 @@ void GraphDemand::updateFpsOut() {
     if (m_numWaitTasks > 0) {
         --m_numWaitTasks;
     } else {
+        // Not lowered below 0: the count is unsigned.
         LOG_ERROR("Error: updateFpsOut encountered internal error");
     }
 }
 
+// A device that tells nothing sensible must not spoil the mean.
 void GraphDemand::updateInferenceTime(float milliseconds) {
     if (!(milliseconds > 0.0f) || !std::isfinite(milliseconds)) return;
     MutexLock lock(m_inferenceMutex);
@@ -69,6 +72,7 @@ void GraphDemand::updateInferenceTime(float milliseconds) {
     if (m_inferTimes.size() > kMaxInferTimes) m_inferTimes.popFront();
 }
 
+// 0 before the first measure; the callers take that as "not measured".
 float GraphDemand::getAvgInferTime() {
     MutexLock lock(m_inferenceMutex);
     if (m_inferTimes.empty()) return 0.0f;

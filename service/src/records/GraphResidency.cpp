@@ -2,6 +2,7 @@
 
 namespace kelm {
 
+// Sets of names: an entry that is made twice counts once, and one that is missing is no error.
 void GraphResidency::appendRunningDevice(const std::string& device) {
     MutexLock lock(m_mutex);
     m_runningDevices.insert(device);
@@ -63,6 +64,7 @@ uint32_t GraphResidency::getLoadFailCount() {
     return m_loadFailCount;
 }
 
+// Called once a pass by the scheduler. The time is for reports, so it is the wall clock's.
 void GraphResidency::setPendingState(bool pending) {
     MutexLock lock(m_mutex);
     // The pass that makes it pending sets the start; only those after it count as cycles.

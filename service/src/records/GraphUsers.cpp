@@ -27,6 +27,7 @@ void GraphUsers::appendName(uint64_t clientId, const char* name) {
     m_users[clientId] = orUnnamed(name);
 }
 
+// The graph's name stays as it was until spliceGraphName().
 bool GraphUsers::removeUser(uint64_t clientId) {
     MutexLock lock(m_mutex);
     return m_users.erase(clientId) > 0;
@@ -53,6 +54,7 @@ std::vector<std::string> GraphUsers::getClientNames() {
     return names;
 }
 
+// Each user has a name for the graph; reports show them all.
 void GraphUsers::spliceGraphName() {
     MutexLock lock(m_mutex);
     if (m_users.empty()) return;  // a graph that departs keeps its last name

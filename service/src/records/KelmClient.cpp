@@ -9,6 +9,7 @@ namespace kelm {
 
 namespace {
 
+// 0, the default, and below: no limit.
 uint32_t configuredMaxTaskNumber() {
     const int limit = ServiceConfigParser::instance().getClientMaxTaskNumber();
     return limit > 0 ? static_cast<uint32_t>(limit) : UINT32_MAX;
@@ -55,6 +56,7 @@ void KelmClient::increaseTaskCount() {
     ++m_taskCount;
 }
 
+// Each task that ends counts for the rate, also one that failed or was canceled.
 void KelmClient::decreaseTaskCount() {
     MutexLock lock(m_mutex);
     --m_taskCount;
@@ -71,6 +73,8 @@ uint64_t KelmClient::getInferenceTimes() {
     return m_inferenceTimes;
 }
 
+// May stay too high for each task that is canceled in a queue, see
+// TaskSchedulerFCFS::removeWaitingTask().
 void KelmClient::increaseWaitingInferenceNum() {
     MutexLock lock(m_mutex);
     ++m_waitingInferenceNum;

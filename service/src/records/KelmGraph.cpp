@@ -41,6 +41,7 @@ KelmGraph::KelmGraph(uint64_t id, uint64_t clientId, const char* path, UniqueMal
     estimateMemory();
 }
 
+// In MB, rounded down; the first load on a device puts the real figure in its place.
 void KelmGraph::estimateMemory() {
     setMemReq(static_cast<uint32_t>(getDataSize() >> kMegabyteShift));
 }

@@ -65,12 +65,14 @@ KelmTask::~KelmTask() {
     }
     if (m_client != nullptr) m_client->decreaseTaskCount();
     m_graph->decreaseTaskCount();
+    // An answer that was owed to the client has never been sent.
     if (!m_isCreateRspSent || m_taskDoneMsg) {
         LOG_WARN("m_isCreateRspSent=%d, m_taskDoneMsg=%p", static_cast<int>(m_isCreateRspSent),
                  m_taskDoneMsg.get());
     }
 }
 
+// A derived class would not fit the blocks.
 void* KelmTask::operator new(size_t size) {
     if (size != sizeof(KelmTask)) return ::operator new(size);
     return blockCache().take();
@@ -129,6 +131,8 @@ std::string KelmTask::getTimeToTaskQueue() {
     return formatTimeMilli(m_timeToTaskQueue);
 }
 
+// Two threads meet here and in the next operation. Under one mutex exactly one of them finds the
+// other's mark, and sends the message.
 bool KelmTask::setTaskDoneResponse(MessagePtr& message) {
     MutexLock lock(m_mutex);
     m_hasTaskDoneMsg = true;

@@ -26,16 +26,19 @@ Request& Request::operator=(Request&& other) noexcept {
     return *this;
 }
 
+// Any record of a type that names a client may be read as this one, see above.
 uint64_t Request::getClientId() const {
     const KelmMsgType type = getType();
     if (type == KELM_MESSAGE_REGISTER_REQ || type == KELM_MESSAGE_TEST_SEND_FD_REQ) return 0;
     return as<KelmMsgReqUnregister>().clientId;
 }
 
+// The test message is no request: it has no such field.
 bool Request::wantsAnswer() const {
     return getType() != KELM_MESSAGE_TEST_SEND_FD_REQ && as<KelmMsgReq>().needResponse != 0;
 }
 
+// The log names the request while its message is still there.
 void Request::abandon() noexcept {
     if (!m_message) return;
     if (wantsAnswer()) {

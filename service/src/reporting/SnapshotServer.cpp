@@ -27,6 +27,7 @@ using std::chrono::milliseconds;
 
 constexpr size_t kMaxReceivedBytes = 64 * 1024;  // that one tool may send in its life
 constexpr int kEventsInARow = 64;                // before the next package
+// A tool that is turned away may come again at once: it must not take a core.
 constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kErrorPause{10};
 
@@ -45,6 +46,7 @@ int millisecUntil(std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
+// The listener is not polled before start(): tools may connect, and wait in its queue.
 SnapshotServer::SnapshotServer(const std::string& path, Collect collect, StepTrace trace,
                                Limits limits)
     : m_collect(std::move(collect)),
@@ -72,6 +74,7 @@ void SnapshotServer::requestStop() {
     (void)::eventfd_write(m_wakeFd.get(), 1);  // cannot fail: the count never fills up
 }
 
+// A thread that has not ended is kept, perhaps still in a collection: a later stop() joins it.
 bool SnapshotServer::stop(milliseconds time) {
     requestStop();
     if (!m_thread.joinable()) return true;
@@ -97,6 +100,7 @@ void SnapshotServer::listenThreadRoutine() {
         }
     }
     closeAll();
+    // Last: stop() only joins after this.
     m_ended.post();
 }
 
@@ -119,6 +123,8 @@ bool SnapshotServer::waitForPass() {
     return due;
 }
 
+// Without a tool nothing falls due, and the period only bounds the wait. A poll that fails or is
+// interrupted is as good as one without an event.
 void SnapshotServer::waitForEvent() {
     auto deadline = m_tools.empty() ? Clock::now() + m_limits.period : m_nextPackage;
     if (m_acceptAgain) deadline = std::min(deadline, *m_acceptAgain);
@@ -127,6 +133,7 @@ void SnapshotServer::waitForEvent() {
     (void)::poll(entries.data(), entries.size(), millisecUntil(deadline));
 }
 
+// By the descriptor of the stop, so that the end need not wait for the pause.
 void SnapshotServer::sleepUntil(Clock::time_point deadline) {
     pollfd entry = {m_wakeFd.get(), POLLIN, 0};
     (void)::poll(&entry, 1, millisecUntil(deadline));
@@ -136,6 +143,7 @@ bool SnapshotServer::handleEpollEvent(const IPC::PollEvent& event) {
     if (event.connection == m_listener) return event.isReadable() && acceptTool();
     const int number = event.connection->getSimulateFD();
     const auto tool = m_tools.find(number);
+    // Closed by an earlier event of this round.
     if (tool == m_tools.end()) return false;
     if (event.isHungUp()) {
         closeTool(number);
@@ -161,11 +169,13 @@ bool SnapshotServer::acceptTool() {
         return true;
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a snapshot tool cannot be accepted: %s", error.what());
+        // The tool stays in the listener's queue, which would be readable at once again.
         pauseAccepting();
         return false;
     }
 }
 
+// A tool that is not behind counts as the latest: if the search finds one of these, none is behind.
 bool SnapshotServer::makePlace() {
     if (m_tools.size() < m_limits.tools) return true;
     const auto waitsLonger = [](const auto& left, const auto& right) {
@@ -195,6 +205,7 @@ void SnapshotServer::resumeAccepting() {
     m_acceptAgain.reset();  // last: when that fails, the next turn tries again
 }
 
+// Bounded over the tool's life: a talker would otherwise keep the thread busy at no cost to itself.
 bool SnapshotServer::dropInput(Tool& tool) {
     std::array<char, 4096> dropped;
     while (tool.received <= kMaxReceivedBytes) {
@@ -222,6 +233,8 @@ void SnapshotServer::closeAll() {
     m_listener->close();
 }
 
+// All tools at once, round by round, and not one after the other: one that reads slowly must not
+// use up the time of the rest.
 void SnapshotServer::writePackage(const InfoPackage& package) {
     const std::vector<int> takers = findTakers();
     std::vector<int> unfinished = takers;
@@ -244,6 +257,7 @@ std::vector<int> SnapshotServer::findTakers() {
     std::vector<int> takers;
     for (auto& [number, tool] : m_tools) {
         if (isBehind(tool)) {
+            // The first moment counts: the tool that is behind for longest gives up its place.
             if (!tool.behindSince) tool.behindSince = Clock::now();
             continue;
         }
@@ -255,6 +269,7 @@ std::vector<int> SnapshotServer::findTakers() {
     return takers;
 }
 
+// In the kernel's own count, which includes its records, as `room` does.
 bool SnapshotServer::isBehind(Tool& tool) {
     int unread = 0;
     if (::ioctl(tool.connection->nativeHandle(), TIOCOUTQ, &unread) != 0 || unread <= 0) {
@@ -263,6 +278,7 @@ bool SnapshotServer::isBehind(Tool& tool) {
     return static_cast<size_t>(unread) + sizeof(InfoPackage) > tool.room;
 }
 
+// True after an error too: the caller finds a package that is not whole, and closes.
 bool SnapshotServer::writeSome(Tool& tool, const InfoPackage& package) {
     const char* bytes = reinterpret_cast<const char*>(&package);
     while (tool.sent < sizeof(package)) {

@@ -16,6 +16,7 @@ constexpr int kStyle =
     po::command_line_style::default_style &
     ~(po::command_line_style::allow_guessing | po::command_line_style::allow_sticky);
 
+// Files may be repeated, in one option or several; they are read in the order given.
 po::options_description describeOptions() {
     po::options_description options("Options");
     options.add_options()                                                                      //
@@ -36,6 +37,7 @@ void listTaskSchedulers() {
 
 }  // namespace
 
+// A mistake ends the program with 0, as help does: main() does not tell the two apart.
 bool CommandLineParser::parse(int argc, char** argv) {
     po::variables_map values;
     try {

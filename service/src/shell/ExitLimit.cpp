@@ -21,6 +21,7 @@ void ExitLimit::start(std::chrono::milliseconds limit, int status) {
     }).detach();
 }
 
+// Without destructors and handlers: threads that still run would meet objects that are destroyed.
 void ExitLimit::leave(int status) {
     constexpr long kLogMilliseconds = 500;
     // By a thread of its own: the log's mutex may be held by what stands still.

@@ -26,6 +26,8 @@ void wakeUp() {
     [[maybe_unused]] const ssize_t written = ::write(g_wakeUpFd.load(), &one, sizeof(one));
 }
 
+// Only what a handler may do: it runs on any thread, which may hold any lock. The error number is
+// that of the call that it has interrupted.
 void exitServiceRoutine(int) {
     const int error = errno;
     exitService.store(true);
@@ -42,6 +44,7 @@ void openWakeUpFd() {
 
 }  // namespace
 
+// The handler comes last: it needs the descriptor, and the thread that reads it.
 ExitSignal::ExitSignal(std::function<void()> onSignal) : m_onSignal(std::move(onSignal)) {
     openWakeUpFd();
     exitService.store(false);
@@ -49,6 +52,7 @@ ExitSignal::ExitSignal(std::function<void()> onSignal) : m_onSignal(std::move(on
     std::signal(SIGUSR1, exitServiceRoutine);
 }
 
+// A signal that comes now would find no thread to notice it: it is ignored, not fatal.
 ExitSignal::~ExitSignal() {
     std::signal(SIGUSR1, SIG_IGN);
     {
@@ -78,6 +82,7 @@ void ExitSignal::watchRoutine() {
         m_noticed = true;
         m_changed.notifyAll();
         lock.unlock();
+        // Without the mutex, as every callback.
         m_onSignal();
     }
 }

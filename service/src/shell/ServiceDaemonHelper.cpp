@@ -7,6 +7,7 @@
 
 namespace kelm {
 
+// Makes the three files; of the locks only the alive lock is tried now.
 ServiceDaemonHelper::ServiceDaemonHelper()
     : m_aliveMutex(RunPaths::aliveMutex(), true),
       m_readyMutex(RunPaths::readyMutex(), true),

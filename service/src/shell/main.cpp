@@ -37,6 +37,7 @@ constexpr int kMappedBlockBytes = 128 << 10;
 
 CommandLineParser cmdlineParser;
 
+// The daemon is this program again without the option; the parent ends at once.
 void startDaemon(int argc, char** argv) {
     std::list<std::string> args(argv, argv + argc);
     args.remove("-d");
@@ -90,12 +91,15 @@ void loadServiceConfigFiles(const std::string& kelmInstallDir) {
     }
 }
 
+// After the configuration, which names the group of the lock files, and before the log: a second
+// service must not touch the files of the first.
 bool takeAliveLock() {
     if (ServiceDaemonHelper::instance().isLocked()) return true;
     std::cout << "## Kelm service is already running.\n";
     return false;
 }
 
+// The user's file takes the place of the installed one; they are not merged.
 std::string getLog4cppInitFile(const std::string& kelmInstallDir) {
     if (const char* home = FileHelper::getHome()) {
         std::string own = std::string(home) + "/.kelmservicelog4cpp.config";
@@ -121,11 +125,13 @@ bool bootDevices() {
     return false;
 }
 
+// Flushed by hand: the process may leave without its static objects being destroyed.
 void sayGoodbye() {
     LOG_INFO("SERVICE EXITS QUIETLY, GOODBYE!");
     std::cout.flush();
 }
 
+// Bounded like the usual end: static objects that are destroyed now may wait for a device.
 int giveUp() {
     ExitLimit::start(kTimeToEnd, kFailureStatus);
     ServiceDaemonHelper::instance().daemonStop();
@@ -153,6 +159,7 @@ void waitUntilUnused(ExitSignal& signal) {
     if (signal.isSet()) LOG_INFO("RECEIVE USER1 SIGNAL, EXIT SERVICE");
 }
 
+// The limit first: everything below may meet a device that does not answer.
 void stopService() {
     ExitLimit::start(kTimeToEnd, 0);
     if (hasBootTool()) AutobootStarter::instance().stop();
@@ -164,6 +171,8 @@ void stopService() {
     ExitLimit::leave(0);  // static objects are still in use
 }
 
+// The devices are booted before they are looked for, and the ports connected before any thread is
+// started that uses them. The ready lock comes last: a client that sees it is served.
 int runService() {
     if (!bootDevices()) return kFailure;
     std::signal(SIGPIPE, SIG_IGN);  // before the first socket: a dead client is an error code

@@ -18,6 +18,7 @@ struct Slot {
     std::shared_ptr<ConnectionBase> owner;     // the registry's share, if adopted
 };
 
+// The numbers of connections are the indices of the table.
 struct Registry {
     kelm::Mutex m_fd_mutex;
     std::array<Slot, IPC_CONN_FD_MAX> m_fd_map GUARDED_BY(m_fd_mutex);
@@ -38,6 +39,7 @@ ConnectionBase::ConnectionBase(Poller* poller) : ConnectionBase(poller, reserveN
 ConnectionBase::ConnectionBase(Poller* poller, int number) : m_simulateFD(number) {
     CR_ASSERT(m_simulateFD >= 0);
     if (poller == nullptr) return;
+    // Weak: a poller may be destroyed before its connections.
     m_poller = poller->weak_from_this();
     CR_ASSERT(!m_poller.expired(), "a poller lives in a shared pointer");
 }
@@ -47,6 +49,7 @@ ConnectionBase::~ConnectionBase() {
     releaseNumber(m_simulateFD);
 }
 
+// The lowest one, and the walk ends as soon as enough are known to be free.
 int ConnectionBase::reserveNumber(int kept) {
     Registry& all = registry();
     kelm::MutexLock lock(all.m_fd_mutex);
@@ -62,6 +65,7 @@ int ConnectionBase::reserveNumber(int kept) {
     return lowest;
 }
 
+// Only by the destructor: a number stays with its connection for as long as that is shared.
 void ConnectionBase::releaseNumber(int number) {
     Registry& all = registry();
     kelm::MutexLock lock(all.m_fd_mutex);
@@ -101,12 +105,15 @@ void ConnectionBase::adopt(const std::shared_ptr<ConnectionBase>& connection) {
     all.m_fd_map[connection->m_simulateFD].owner = connection;
 }
 
+// The share is returned and not dropped here: it may be the last, and a destructor must not run
+// under the registry's mutex.
 std::shared_ptr<ConnectionBase> ConnectionBase::disown(int id) {
     Registry& all = registry();
     kelm::MutexLock lock(all.m_fd_mutex);
     return std::exchange(all.m_fd_map[id].owner, nullptr);
 }
 
+// A number that is free is no error: the other side of the connection may have been faster.
 void ConnectionBase::close(int fd) {
     CR_ASSERT(fd >= 0 && fd < IPC_CONN_FD_MAX);
     std::shared_ptr<ConnectionBase> connection = findConnection(fd);
@@ -119,6 +126,7 @@ void ConnectionBase::close(int fd) {
     }
 }
 
+// One by one, each under the mutex for itself: the list need not be of one moment.
 std::vector<std::shared_ptr<ConnectionBase>> ConnectionBase::getAll() {
     std::vector<std::shared_ptr<ConnectionBase>> connections;
     for (int i = 0; i < IPC_CONN_FD_MAX; ++i) {

@@ -21,6 +21,7 @@ namespace IPC {
 
 namespace {
 
+// Peers that have connected and are not accepted yet; further ones wait in connect().
 constexpr int kBacklog = 5;
 constexpr size_t kMaxPathLength = sizeof(sockaddr_un::sun_path) - 1;
 
@@ -86,6 +87,7 @@ void ConnectionUDS::requireEmpty(const char* text) {
     KELM_THROW(text);
 }
 
+// Not inherited: the boot tool would otherwise keep the socket open after the end of the service.
 void ConnectionUDS::openSocket() {
     kelm::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) KELM_THROW("ipc_connection_linux_UDS : socket() failed.");
@@ -156,12 +158,14 @@ void ConnectionUDS::accept(ConnectionBase* listener) {
     const int fd = acceptOn(socket->nativeHandle());
     if (fd < 0) KELM_THROW("accept failed");
     takeSocket(fd);
+    // A peer whose user is unknown could be given no rights to anything.
     auto peer = kelm::PeerCredentials::ofSocket(fd);
     if (!peer) KELM_THROW("accept failed, the peer's user cannot be told");
     setPeer(std::move(peer));
     enterState(CONNECTED);
 }
 
+// Accepted and closed at once: left in the queue, it would make the listener readable for ever.
 void ConnectionUDS::refuse() {
     const kelm::UniqueFd unwanted(acceptOn(nativeHandle()));
     if (!unwanted) KELM_THROW("accept failed");
@@ -183,6 +187,7 @@ bool ConnectionUDS::connect(const std::string& path, std::chrono::milliseconds l
         errno = error;
         return false;
     }
+    // The limit is for connect() alone; later writes wait as long as the peer needs.
     limitSends(nativeHandle(), std::chrono::milliseconds(0));
     enterState(CONNECTED);
     return true;
@@ -193,6 +198,7 @@ void ConnectionUDS::close() {
     kelm::MutexLock lock(m_mutex);
     m_state = EMPTY;
     if (m_fd < 0) return;
+    // Before the descriptor is closed: the kernel may give its number to another file at once.
     if (poller) poller->forget(m_fd);
     if (m_users == 0) {
         (void)::close(m_fd);
@@ -207,6 +213,7 @@ void ConnectionUDS::close() {
     m_path.clear();
 }
 
+// Counted and read under one mutex: close() either sees the use, or the use finds it closed.
 int ConnectionUDS::beginUse() {
     kelm::MutexLock lock(m_mutex);
     if (m_fd >= 0) ++m_users;
@@ -219,6 +226,7 @@ void ConnectionUDS::endUse() {
     if (m_users == 0 && m_retiredFd >= 0) (void)::close(std::exchange(m_retiredFd, -1));
 }
 
+// Without waiting for operations that are inside: it is what ends them.
 void ConnectionUDS::shutdown(int how) {
     kelm::MutexLock lock(m_mutex);
     if (how == SHUT_RDWR) m_shutDown = true;
@@ -247,6 +255,8 @@ void ConnectionUDS::unblockPoller() {
     if (poller && hasBufferedData()) poller->noteBuffered(*this);
 }
 
+// Asked again here, since an event may have been fetched before the connection was closed or
+// blocked.
 void ConnectionUDS::notify(int, int, unsigned long events, PollEvent* event) {
     constexpr unsigned long kHungUpEvents = EPOLLHUP | EPOLLRDHUP;
     {

@@ -104,6 +104,7 @@ void ConnectionUDS::read(void* buffer, int size, int* bytesRead) {
     if (use.fd() <= 0 || buffer == nullptr || size <= 0) {
         raiseInvalidArgument("read got invalid argument. m_fd=", use.fd(), buffer, size);
     }
+    // The mode is the descriptor's, so writes of other threads meet it as well, see write().
     set_block_mode(use.fd(), bytesRead == nullptr);
     if (bytesRead == nullptr) {
         readAll(use.fd(), static_cast<char*>(buffer), size);
@@ -147,6 +148,7 @@ int ConnectionUDS::readOnce(int fd, char* target, int size, uint32_t leftBytes, 
     }
 }
 
+// The end of the stream is 0 bytes here and raises nothing, unlike in readOnce().
 void ConnectionUDS::readSome(int fd, char* target, int size, int* bytesRead) {
     *bytesRead = 0;
     for (;;) {
@@ -199,6 +201,8 @@ void ConnectionUDS::requireOpenedOnce() {
     if (!m_openedOnce) kelm::assertionFailed("m_fd > 0", {}, __FILE__, __LINE__);
 }
 
+// The data that goes along is the number in this process. It says nothing to the peer, but a
+// descriptor cannot travel without a byte.
 void ConnectionUDS::write(int fd) {
     requireOpenedOnce();
     const Use use(*this);
@@ -234,6 +238,7 @@ void ConnectionUDS::read(int& fd) {
     fd = incoming.fd.release();
 }
 
+// Its bytes may come in several pieces, and the descriptor is complete with the last of them.
 bool ConnectionUDS::readArrived(IncomingDescriptor& incoming, bool wait) {
     requireOpenedOnce();
     const Use use(*this);

@@ -16,6 +16,7 @@ void DaemonHelper::createDaemon(const std::list<std::string>& args) {
         LOG_ERROR("Error: Daemon file %s has no execute permission.", args.front());
         return;
     }
+    // The shell puts the child into the background, so that this call returns at once.
     std::string line;
     for (const std::string& arg : args) line += arg + " ";
     line += "&";

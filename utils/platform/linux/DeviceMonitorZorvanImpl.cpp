@@ -54,6 +54,7 @@ std::optional<DeviceDesc> describe(libusb_device* device) {
 
 constexpr int kStayRegistered = 0;
 
+// On the monitor's thread, inside the library: the listeners only queue.
 int usb_arrived_callback(libusb_context*, libusb_device* device, libusb_hotplug_event,
                          void* parent) {
     const auto desc = describe(device);
@@ -83,6 +84,7 @@ void DeviceMonitorZorvanImpl::addDeviceFilter(int vendorId, int productId) {
     m_filters.push_back({vendorId, productId});
 }
 
+// Devices that are there already make no event: they come from getDeviceList().
 bool DeviceMonitorZorvanImpl::launch() {
     MutexLock lock(m_mutex);
     if (m_filters.empty()) {
@@ -121,6 +123,7 @@ bool DeviceMonitorZorvanImpl::registerCallbacks(const DeviceFilter& filter) {
     return true;
 }
 
+// The time-out is only a bound: stop() interrupts the wait.
 void DeviceMonitorZorvanImpl::monitorRoutine(libusb_context* context) {
     while (!m_stopped) {
         timeval timeout{kPollSeconds, 0};
@@ -131,6 +134,8 @@ void DeviceMonitorZorvanImpl::monitorRoutine(libusb_context* context) {
     }
 }
 
+// The mutex is free during the join: the thread may wait for the parent's mutex, whose holder may
+// wait for this one.
 void DeviceMonitorZorvanImpl::stop() {
     m_stopped = true;
     MutexLock lock(m_mutex);

@@ -8,6 +8,8 @@
 
 namespace kelm {
 
+// Everything is resolved before anything is stored, so that a caller never has half a library. The
+// handle is never closed: functions may be called until the end of the process.
 bool DynamicLibrary::load(const char* library, std::span<const Function> functions) {
     void* const handle = ::dlopen(library, RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {

@@ -52,6 +52,7 @@ bool FileHelper::changeFileOwner(const char* path, const char*, const char* grou
     return id && ::chown(path, kKeepUser, *id) == 0;
 }
 
+// 0 is the standard input, and stands for no descriptor in many places.
 bool FileHelper::changeFileDesMode(int fd, int mode) {
     if (fd < 1) return invalidArgument();
     return mode < 0 || ::fchmod(fd, static_cast<mode_t>(mode)) == 0;

@@ -44,6 +44,7 @@ std::optional<std::vector<char>> readList(int fd) {
     return bytes;
 }
 
+// The mask may stand anywhere in the list, so it is applied when all entries are known.
 bool addEntries(const std::vector<char>& bytes, std::vector<FileRights::Entry>& entries) {
     uint32_t version = 0;
     if (bytes.size() < sizeof(version)) return false;
@@ -103,6 +104,7 @@ std::optional<FileRights> FileRights::ofDescriptor(int fd) {
     return rights;
 }
 
+// An entry for the user decides alone, also when a group of the user would be let in.
 bool mayAccess(const PeerCredentials& peer, const FileRights& file, FileRights::Access wanted,
                uid_t service) {
     if (peer.user == 0 || peer.user == service || peer.user == file.owner) return true;

@@ -13,6 +13,7 @@
 
 namespace kelm {
 
+// Opened for reading only, which is enough to lock: a client may have no more than that.
 GlobalMutex::GlobalMutex(const std::string& path, bool closeOnExec) : m_path(path) {
     if (path.empty()) return;
     const int flags = O_RDONLY | (closeOnExec ? O_CLOEXEC : 0);
@@ -34,6 +35,7 @@ GlobalMutex::~GlobalMutex() {
     if (m_fd > 0) ::close(m_fd);
 }
 
+// Descriptor 0 does not occur: the standard descriptors are taken at the start of the program.
 bool GlobalMutex::isOpen() const {
     if (m_fd > 0) return true;
     LOG_ERROR("Error: GlobalMutex %s is not initialized.", m_path);
@@ -52,6 +54,8 @@ bool GlobalMutex::lock() {
     return true;
 }
 
+// The limit is of the file lock alone: another thread of this process may be inside of lock(),
+// which has none.
 bool GlobalMutex::lock(long timeoutMillisec) {
     MutexLock guard(m_mutex);
     if (!isOpen()) return false;

@@ -83,6 +83,7 @@ void handleBusError(int signal, siginfo_t* info, void*) {
     errno = error;
 }
 
+// With the first mapping: a process that maps nothing keeps its own handler.
 void installHandler() {
     static const bool installed = [] {
         struct sigaction action = {};
@@ -99,6 +100,7 @@ Place& placeOf(const void* data, size_t turn) {
     return places[(pageOf(data) + turn) % places.size()];
 }
 
+// Whole pages of the system, since a touch behind the end of the file is found by its page.
 bool enter(const void* data, size_t size) {
     const auto systemPage = static_cast<size_t>(::getpagesize());
     const uint64_t count = (size + systemPage - 1) / systemPage * (systemPage >> kPageBits);
@@ -137,6 +139,8 @@ void* MappingGuard::map(int fd, size_t size) {
     installHandler();
     void* const data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (data == MAP_FAILED) return nullptr;
+    // Known to the handler before it can be touched. Without a free place the file is not mapped: a
+    // mapping that is not guarded could end the process.
     if (enter(data, size)) return data;
     (void)::munmap(data, size);
     errno = ENOMEM;
@@ -152,6 +156,7 @@ bool MappingGuard::unmap(void* data, size_t size) {
     return ::munmap(data, size) == 0;
 }
 
+// Also asked while the mapping is in use; what is lost stays lost.
 bool MappingGuard::isLost(const void* data) {
     const Place* const place = find(data);
     return place != nullptr && (place->load() & kLost) != 0;

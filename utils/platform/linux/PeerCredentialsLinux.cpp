@@ -9,7 +9,8 @@ namespace kelm {
 
 namespace {
 
-// False, with errno set, if the kernel does not tell.
+// False, with errno set, if the kernel does not tell. Repeated until the room suffices: the kernel
+// tells how much it needs.
 bool readGroups(int fd, std::vector<gid_t>& groups) {
     constexpr size_t kUsual = 32;
     groups.resize(kUsual);
@@ -23,6 +24,7 @@ bool readGroups(int fd, std::vector<gid_t>& groups) {
     }
 }
 
+// The effective ids: these decide what this process may open.
 std::shared_ptr<const PeerCredentials> readThisProcess() {
     auto self = std::make_shared<PeerCredentials>();
     self->pid = ::getpid();
@@ -51,6 +53,7 @@ std::shared_ptr<const PeerCredentials> PeerCredentials::ofSocket(int fd) {
     return peer;
 }
 
+// Never destroyed: records may still be released while the process ends.
 const std::shared_ptr<const PeerCredentials>& PeerCredentials::ofThisProcess() {
     static const auto& self = *new std::shared_ptr<const PeerCredentials>(readThisProcess());
     return self;

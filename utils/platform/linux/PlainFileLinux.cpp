@@ -35,6 +35,8 @@ UniqueFd openOrMake(const char* path, int flags, mode_t mode) {
 
 }  // namespace
 
+// Cut to no length only once the file is known to be the right one. Opened without waiting, since a
+// pipe without a writer would hold the caller.
 UniqueFd PlainFile::open(const char* path, int flags, mode_t mode, Owner owner) {
     const int safeFlags = (flags & ~(O_CREAT | O_TRUNC)) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     UniqueFd file = openOrMake(path, safeFlags, mode);

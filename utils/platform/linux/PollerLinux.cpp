@@ -27,6 +27,7 @@ void ignoreSigpipe() {
     });
 }
 
+// Once for the process, and so only on the first thread that waits; ignoreSigpipe() serves all.
 void blockSigpipe() {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -48,6 +49,7 @@ Poller::Poller() : m_epollFd(::epoll_create1(EPOLL_CLOEXEC)) {
     ignoreSigpipe();
 }
 
+// The registry's shares end here: no poller is left that could drop them later.
 Poller::~Poller() {
     for (const auto& connection : takeAll()) {
         (void)ConnectionBase::disown(connection->getSimulateFD());
@@ -72,6 +74,7 @@ void Poller::add(ConnectionBase* pconn) {
     }
 }
 
+// By descriptor and not by pointer: an event may be fetched after its connection was destroyed.
 void Poller::registerDescriptor(int descriptor) {
     epoll_event event = {};
     event.events = EPOLLIN | EPOLLRDHUP;
@@ -87,6 +90,7 @@ void Poller::remove(ConnectionBase* pconn) {
     if (descriptor != -1) forget(descriptor);
 }
 
+// The kernel's refusal is ignored: a suspended descriptor has left its set already.
 void Poller::forget(int descriptor) {
     kelm::MutexLock lock(m_mapMutex);
     (void)::epoll_ctl(m_epollFd.get(), EPOLL_CTL_DEL, descriptor, nullptr);
@@ -140,6 +144,8 @@ bool Poller::wait(PollEvent* pevt, int timeoutMillisec) {
         ++m_bufferedInARow;
         return true;
     }
+    // After a row of events out of buffers: the kernel is looked at without a wait, and then the
+    // buffers again.
     const bool lookOnly = m_bufferedInARow >= kBufferedInARow;
     m_bufferedInARow = 0;
     if (!lookOnly) return waitKernel(pevt, timeoutMillisec);
@@ -154,6 +160,7 @@ bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
     if (count < 0) KELM_THROW("epoll_wait() error.");
     const int descriptor = found.data.fd;
     const std::shared_ptr<ConnectionBase> connection = find(descriptor);
+    // Destroyed or forgotten since the kernel noted the event.
     if (!connection) return false;
     connection->notify(descriptor, descriptor, found.events, event);
     return event->flags != 0;
@@ -177,6 +184,7 @@ bool Poller::takeBuffered(PollEvent* event) {
     }
 }
 
+// Listed once, however often it is noted before the poller comes to it.
 void Poller::noteBuffered(ConnectionBase& connection) {
     if (connection.m_listedAsBuffered.exchange(true)) return;
     kelm::MutexLock lock(m_bufferedMutex);

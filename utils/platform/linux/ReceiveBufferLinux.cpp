@@ -14,6 +14,8 @@ constexpr size_t kMaxFdsPerSegment = 253;  // the kernel's limit; a peer may sen
 
 }  // namespace
 
+// The room for control data is that of the most descriptors a segment may carry: what does not fit
+// would be dropped by the kernel.
 ssize_t ReceiveBuffer::fill(int socket, int flags) {
     if (!m_bytes) m_bytes = std::make_unique_for_overwrite<std::byte[]>(kCapacity);
     alignas(cmsghdr) char control[CMSG_SPACE(kMaxFdsPerSegment * sizeof(int))];
@@ -62,6 +64,7 @@ size_t ReceiveBuffer::advance(void* target, size_t size) {
     return count;
 }
 
+// The descriptor belongs to the last byte: if that is read as plain data, it is closed.
 size_t ReceiveBuffer::take(void* target, size_t size) {
     const size_t count = advance(target, size);
     if (m_unread.load() == 0) m_descriptor.reset();
@@ -71,6 +74,8 @@ size_t ReceiveBuffer::take(void* target, size_t size) {
 void ReceiveBuffer::takeDescriptor(IncomingDescriptor& incoming) {
     const size_t count = advance(nullptr, incoming.leftBytes);
     incoming.leftBytes -= count;
+    // The descriptor came with the last byte of the buffer: while bytes are left, those just read
+    // came without it.
     if (count == 0 || m_unread.load() != 0) return;
     if (!incoming.fd) {
         incoming.report = m_report;

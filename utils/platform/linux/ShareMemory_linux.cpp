@@ -19,6 +19,7 @@ namespace {
 
 constexpr mode_t kMode = 0666;
 
+// If the object is shortened after this look, the guard of mappings keeps the process alive.
 bool isLargeEnough(int fd, const char* name, unsigned long size) {
     struct stat status = {};
     if (::fstat(fd, &status) != 0) {
@@ -52,6 +53,7 @@ void* map(int fd, unsigned long size) {
     return nullptr;
 }
 
+// The mapping stays without the descriptor, so that tasks do not use up descriptors.
 bool close(UniqueFd& fd) {
     if (::close(fd.release()) == 0) return true;
     LOG_ERROR("Error: close() failed: errno=%d (%s)\n", errno, std::strerror(errno));
@@ -91,6 +93,7 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag, const Ch
     return true;
 }
 
+// Grown before it is mapped: a touch behind its end would raise SIGBUS.
 void* ShareMemory::create(const char* name, unsigned long size) {
     const auto growNew = [size](int fd) { return grow(fd, size); };
     if (!open(name, size, O_CREAT | O_RDWR, growNew)) return nullptr;
@@ -103,6 +106,7 @@ void* ShareMemory::open(const char* name, unsigned long size) {
     return open(name, size, O_RDWR, check) ? m_data : nullptr;
 }
 
+// Asked of the open object and not of its name, which may stand for another one by then.
 void* ShareMemory::openFor(const PeerCredentials& peer, FileRights::Access wanted, const char* name,
                            unsigned long size) {
     const auto check = [&](int fd) {

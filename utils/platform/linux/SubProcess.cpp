@@ -65,6 +65,7 @@ struct SubProcess::State {
     std::vector<std::string> m_arguments GUARDED_BY(m_mutex);
 };
 
+// All memory is made before the fork: the child may not allocate.
 bool SubProcess::State::execute() {
     if (m_arguments.empty()) {
         LOG_ERROR("create Daemon failed with empty argument vector");
@@ -82,6 +83,7 @@ bool SubProcess::State::execute() {
     return pid > 0;
 }
 
+// Any answer but "no such process" means that there is one, also one that may not be signalled.
 bool SubProcess::State::poll() const {
     return m_pid > 0 && (::kill(m_pid, 0) == 0 || errno != ESRCH);
 }
@@ -97,6 +99,8 @@ bool SubProcess::State::waitForChild() {
         LOG_ERROR("Failed to check subprocess status");
         return error != ECHILD;
     }
+    // Under the mutex: until the child is reaped its id means this child, and terminate() signals
+    // no other process.
     ::waitpid(child, nullptr, 0);
     if (m_pid == child) m_pid = -1;
     return true;
@@ -113,6 +117,7 @@ SubProcess::SubProcess(std::vector<std::string> args) : m_state(std::make_shared
     m_state->m_arguments = std::move(args);
 }
 
+// In this order, so that no new child is started for the one that is ended here.
 SubProcess::~SubProcess() {
     enableDaemon(false);
     terminate();
@@ -143,6 +148,7 @@ bool SubProcess::enableDaemon(bool on) {
     return true;
 }
 
+// Not waited for: the supervising thread reaps it, or the system when this process ends.
 void SubProcess::terminate() {
     MutexLock lock(m_state->m_mutex);
     if (!m_state->poll()) {
@@ -153,6 +159,7 @@ void SubProcess::terminate() {
     m_state->m_pid = -1;
 }
 
+// Forgets the id, so that the destructor ends no child.
 void SubProcess::abandon() {
     enableDaemon(false);
     MutexLock lock(m_state->m_mutex);

@@ -15,6 +15,7 @@ namespace kelm {
 
 namespace {
 
+// Memory comes from the ION heap of bit 4, without a wish for alignment or flags.
 constexpr unsigned long kAlign = 0;
 constexpr unsigned int kHeapMask = 0x10;
 constexpr unsigned int kFlags = 0;
@@ -51,6 +52,7 @@ BufferAllocator::~BufferAllocator() {
     m_ion.fd = -1;  // free() still works for a task that ends later, but for the handle
 }
 
+// Tried again for each buffer until it succeeds: the device may come later than the service.
 BufferAllocator::Ion BufferAllocator::openIon() {
     MutexLock lock(m_mutex);
     if (m_ion.fd >= 0) return m_ion;
@@ -61,6 +63,7 @@ BufferAllocator::Ion BufferAllocator::openIon() {
     return m_ion;
 }
 
+// Without opening: a buffer with a handle was made by a device that is open.
 BufferAllocator::Ion BufferAllocator::getIon() {
     MutexLock lock(m_mutex);
     return m_ion;
@@ -81,6 +84,7 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
     uint64_t trailing = 0;  // the last argument, of a width that is not documented
     if (ion.library->ion_alloc_only(ion.fd, size, kAlign, kHeapMask, kFlags, &handle.number,
                                     &trailing) < 0) {
+        // A failed call has given no handle, whatever it left in the number.
         handle.keep();
         LOG_ERROR(
             "Error: ion_alloc(ionFd=%d size=%lu align=%ld mask=%x flag=%x) failed. errno = "
@@ -94,6 +98,7 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
                   handle.number, errno);
         return KELM_ERROR_BUFFER_ALLOC_FAILED;
     }
+    // From here every way out closes it, and then gives the handle back.
     UniqueFd shareFd(shared);
     void* const data = MappingGuard::map(shared, size);
     if (data == nullptr) {
@@ -105,6 +110,7 @@ KelmError BufferAllocator::alloc(unsigned long size, KelmBuffer* buffer) {
     return KELM_OK;
 }
 
+// After a failure the descriptor is still the caller's; otherwise free() closes it with the buffer.
 KelmError BufferAllocator::import(int fd, KelmBuffer* buffer) {
     if (fd < 1) {
         LOG_ERROR("Error: fd(%d) <= 0.", fd);
@@ -142,6 +148,8 @@ KelmError BufferAllocator::import(int fd, KelmBuffer* buffer) {
     return KELM_OK;
 }
 
+// In the reverse order of making: mapping, handle, descriptor. A failure on the way is no reason to
+// keep the rest.
 KelmError BufferAllocator::free(KelmBuffer* buffer) {
     if (buffer == nullptr) {
         LOG_ERROR("Error: KelmBuffer* buffer is NULL");

@@ -11,6 +11,7 @@ namespace {
 // Atomic: a pointer of its own to a table that does not change.
 std::atomic<const IonFunctions*> installed{nullptr};
 
+// All of them or none: with half a library a buffer might be made that cannot be given back.
 const IonFunctions* load() {
     static IonFunctions found;
     const DynamicLibrary::Function functions[] = {

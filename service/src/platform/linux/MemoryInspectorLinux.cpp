@@ -38,6 +38,7 @@ long getMemorySize(const std::string& label) {
 
 }  // namespace
 
+// The machine's memory does not change, so it is read once.
 MemoryInspector::MemoryInspector()
     : m_totalMemory(getMemorySize("MemTotal")), m_pageSize(::sysconf(_SC_PAGESIZE)) {
     if (ServiceConfigParser::instance().isPrintMemoryUsageEnabled()) {
@@ -45,10 +46,12 @@ MemoryInspector::MemoryInspector()
     }
 }
 
+// Also if it was never registered: the printer ignores an unknown listener.
 MemoryInspector::~MemoryInspector() {
     Port<InfoCollector>::notify<&InfoCollector::unregisterListener>(this);
 }
 
+// The kernel counts pages here, and kilobytes in getrusage().
 bool MemoryInspector::getProcessMemory(long& virt, long& res, long& shr) const {
     const File file(std::fopen("/proc/self/statm", "re"));
     if (!file) {
@@ -69,6 +72,7 @@ long MemoryInspector::getPeakRSS() {
     return usage.ru_maxrss << kKilobyteShift;
 }
 
+// Without a reading the fields keep what they had before.
 void MemoryInspector::updateInfoPackage(InfoPackage* package) const {
     long virt = 0;
     long res = 0;

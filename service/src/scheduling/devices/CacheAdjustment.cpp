@@ -5,7 +5,8 @@
 
 namespace kelm {
 
-// A worker whose cache is of no use waits at the end and takes what is left.
+// A worker whose cache is of no use waits at the end and takes what is left. Before `next` stand
+// the workers that have their graphs, behind `tail` those whose cache was of no use.
 bool CacheAdjustment::exchangeGraphs(std::vector<WorkerState>& states) {
     bool changed = false;
     size_t tail = states.size() - 1;
@@ -25,7 +26,8 @@ bool CacheAdjustment::exchangeGraphs(std::vector<WorkerState>& states) {
 }
 
 // Of the graphs that the first of the open workers has cached and that are to be placed, the one
-// that the fewest open workers have cached.
+// that the fewest open workers have cached. It has the fewest chances to land where it is cached,
+// so it is served first.
 KelmGraph* CacheAdjustment::chooseScarcest(const std::vector<WorkerState>& states, size_t first) {
     std::map<KelmGraph*, size_t> count;
     for (size_t open = first; open < states.size(); ++open) {

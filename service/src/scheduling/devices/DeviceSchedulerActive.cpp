@@ -27,10 +27,14 @@ void DeviceSchedulerActive::schedule() {
     while (waitChangeRequestUntilTimeout()) {
         updateChangeRequest();
         storeChangeRequests();
+        // No plan: the requests stay in the sets of the pass, and the next wake-up plans for them
+        // again. Without a new request that is up to `m_interval` later.
         if (!mapResource()) {
             restoreScene();
             continue;
         }
+        // Looked at once more after the plan is made, before any device is touched: up to here a
+        // pass costs only arithmetic and can be thrown away.
         if (hasNewChangeRequest()) {
             if (retries < kMaxDroppedPlans) {
                 ++retries;

@@ -48,6 +48,8 @@ DeviceSchedulerBase::DeviceSchedulerBase(const char* name)
     : m_name(name),
       m_trace(ServiceConfigParser::instance().isDeviceSchedulerDebugProcessEnabled()) {}
 
+// The thread calls operations of the derived class, which is destroyed by now: its destructor must
+// have joined. A thread that was left behind still uses this object.
 DeviceSchedulerBase::~DeviceSchedulerBase() {
     CR_ASSERT(!m_thread.joinable() && !m_abandoned, "scheduler destroyed under its thread");
 }
@@ -64,18 +66,22 @@ void DeviceSchedulerBase::removeWorker(WorkThread* worker) {
     postRequest(REQUEST_REMOVE_WORKER, worker);
 }
 
+// One waiter at most: the scheduling thread. Requests of one client keep their order, but a pass
+// sorts them into sets, see storeChangeRequests().
 void DeviceSchedulerBase::postRequest(StatusChangeRequestType type, void* data) {
     MutexLock lock(m_requestMutex);
     m_newRequests.emplace_back(type, data);
     m_requestCond.notifyOne();
 }
 
+// A flag, not a request: what failed is found by the pass itself, which asks every worker.
 void DeviceSchedulerBase::wake() {
     MutexLock lock(m_requestMutex);
     m_woken = true;
     m_requestCond.notifyOne();
 }
 
+// Not in the constructor: the thread calls operations that only the complete object has.
 void DeviceSchedulerBase::start() {
     m_thread = std::thread([this] { run(); });
 }
@@ -112,6 +118,7 @@ bool DeviceSchedulerBase::stop(std::chrono::milliseconds limit) {
     return true;
 }
 
+// Does nothing after stop(), which has joined or detached the thread.
 void DeviceSchedulerBase::join() {
     if (!m_thread.joinable()) return;
     {
@@ -127,12 +134,16 @@ bool DeviceSchedulerBase::isAbandoned() {
     return m_abandoned;
 }
 
+// `m_woken` falls before the pass looks at the workers: a device that fails later in the pass wakes
+// the next one.
 void DeviceSchedulerBase::updateChangeRequest() {
     MutexLock lock(m_requestMutex);
     m_woken = false;
     m_takenRequests.splice(m_takenRequests.end(), m_newRequests);
 }
 
+// Adds to the sets that a dropped plan or a retried load has left. Sets, so that a request that is
+// repeated counts once.
 void DeviceSchedulerBase::storeChangeRequests() {
     for (const StatusChangeRequest& request : m_takenRequests) {
         KelmGraph* const graph = static_cast<KelmGraph*>(request.getData());
@@ -202,6 +213,8 @@ void DeviceSchedulerBase::commitChangeOperation() {
     report(outcomes, unloaded);
 }
 
+// In the order of the plan: an unload frees its slot on the worker as soon as it is queued, and a
+// load behind it finds that slot.
 void DeviceSchedulerBase::executeOperations() {
     for (const auto& operation : m_operations) {
         runStep(*operation, &StatusChangeOperation::execute, m_name);
@@ -216,6 +229,7 @@ bool DeviceSchedulerBase::waitOperations() {
     return true;
 }
 
+// After all waits: a device that is found lost must be lost for every graph that is judged next.
 void DeviceSchedulerBase::handleFailedOperations() {
     for (const auto& operation : m_operations) {
         operation->releaseFailed();
@@ -256,6 +270,7 @@ bool DeviceSchedulerBase::isOnWorker(KelmGraph* graph) {
            std::any_of(m_addWorkers.begin(), m_addWorkers.end(), holds);
 }
 
+// By the first load of the graph in the plan. A graph without any got no device from the plan.
 KelmError DeviceSchedulerBase::findLoadError(KelmGraph* graph) {
     for (const auto& operation : m_operations) {
         if (operation->isOperation(graph, REQUEST_LOAD_GRAPH)) {

@@ -17,6 +17,7 @@ SchedulerPtr make(const char* name) {
     return std::make_unique<Scheduler>(name);
 }
 
+// The names are also those of the scheduling threads.
 struct SchedulerRow {
     const char* keyword;
     const char* schedulerName;
@@ -24,6 +25,7 @@ struct SchedulerRow {
     SchedulerPtr (*create)(const char* name);
 };
 
+// Also the name of the default's thread: both ways to it must give the same.
 constexpr const char* kSqueezeName = "DS.Squeeze2";
 
 constexpr SchedulerRow kSchedulerRows[] = {

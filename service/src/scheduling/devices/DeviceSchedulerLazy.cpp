@@ -35,6 +35,7 @@ void DeviceSchedulerLazy::schedule() {
     while (waitChangeRequest()) makePass();
 }
 
+// A plan is never dropped here: requests that come meanwhile are served by the next pass.
 void DeviceSchedulerLazy::makePass() {
     updateChangeRequest();
     storeChangeRequests();
@@ -42,11 +43,13 @@ void DeviceSchedulerLazy::makePass() {
     if (mapResource()) commitChangeOperation();
 }
 
+// Called again in each pass while the worker is held; the log tells of it once.
 void DeviceSchedulerLazy::handleLostWorker(WorkThread* worker) {
     if (!m_lostWorkers.insert(worker).second) return;
     LOG_WARN("Warn: the device of worker(%s) is lost, it gets no more graphs", worker->getName());
 }
 
+// Any will do: devices of one scheduler are alike, and neither tags nor streams look at caches.
 WorkThread* DeviceSchedulerLazy::takeIdleWorker() {
     return m_idleWorkers.extract(m_idleWorkers.begin()).value();
 }

@@ -14,9 +14,11 @@ namespace kelm {
 DeviceSchedulerSqueeze2::DeviceSchedulerSqueeze2(const char* name,
                                                  std::chrono::nanoseconds interval)
     : DeviceSchedulerActive(name, interval) {
+    // A graph whose load failed is new to the next plan, which may give it another device.
     m_retryLoadGraph = true;
 }
 
+// Here and not in the base: the thread uses the mapper, which is destroyed next.
 DeviceSchedulerSqueeze2::~DeviceSchedulerSqueeze2() { join(); }
 
 void DeviceSchedulerSqueeze2::setMaxGraphNumPerDevice(int number) {
@@ -43,6 +45,8 @@ void DeviceSchedulerSqueeze2::handleLostWorker(WorkThread* worker) {
     (void)m_graphMapper.removeDevice(worker);
 }
 
+// Devices before graphs: the mapper measures a new graph against the memory of the first device.
+// New workers before leaving ones: a worker that came and left within one pass gets its plug-out.
 bool DeviceSchedulerSqueeze2::mapResource() {
     forgetPass();
     takeNewWorkers();
@@ -51,6 +55,8 @@ bool DeviceSchedulerSqueeze2::mapResource() {
     takeNewGraphs();
     dropLeavingGraphs();
     updateDemand();
+    // After the update: a graph that comes in this pass has not worked yet. It keeps the demand of
+    // a new one, and is switched out last.
     m_mappedGraphs.insert(m_loadGraphs.begin(), m_loadGraphs.end());
     if (!m_graphMapper.mapGraph()) {
         LOG_ERROR("Error: mapGraph failed");
@@ -95,6 +101,7 @@ void DeviceSchedulerSqueeze2::forgetPass() {
     m_passGoneWorkers.clear();
 }
 
+// The size in MB, as the mapper counts it. Its answer is false only for a null worker.
 void DeviceSchedulerSqueeze2::addDevice(WorkThread* worker) {
     (void)m_graphMapper.addDevice(worker, worker->getDevice()->getMemorySize(), worker->getName());
 }
@@ -110,6 +117,8 @@ void DeviceSchedulerSqueeze2::takeNewWorkers() {
 }
 
 void DeviceSchedulerSqueeze2::dropLeavingWorkers() {
+    // A lost worker has left the mapper already, but is still held: it needs its plug-out like the
+    // others.
     for (WorkThread* worker : m_removeWorkers) {
         if (m_mappedWorkers.erase(worker) == 0) continue;
         makePlugout(worker);
@@ -137,6 +146,7 @@ void DeviceSchedulerSqueeze2::takeNewGraphs() {
     }
 }
 
+// A graph that the mapper never took has no item to remove; its unload is answered all the same.
 void DeviceSchedulerSqueeze2::dropLeavingGraphs() {
     for (KelmGraph* graph : m_unloadGraphs) {
         if (m_mappedGraphs.erase(graph) == 0) continue;
@@ -145,6 +155,8 @@ void DeviceSchedulerSqueeze2::dropLeavingGraphs() {
     }
 }
 
+// The measures are taken while tasks run, so the graphs of one pass are read at slightly different
+// moments. The mapper smooths them and ignores small moves.
 void DeviceSchedulerSqueeze2::updateDemand() {
     for (KelmGraph* graph : m_mappedGraphs) {
         (void)m_graphMapper.updateGraph(graph, graph->getDevReqNum(), graph->getMemReq(),
@@ -190,6 +202,8 @@ void DeviceSchedulerSqueeze2::makeOperations(WorkThread* worker,
     }
 }
 
+// Only the operations see the exchanged targets, not the mapper: it goes on from its own map, and a
+// later pass exchanges anew by what is cached then.
 void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
     std::vector<CacheAdjustment::WorkerState> states;
     for (const auto& [worker, graphs] : result) {
@@ -204,6 +218,7 @@ void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
         result[state.worker] = std::move(state.graphs);
 }
 
+// For each worker its target before and after, and in braces what is cached there.
 void DeviceSchedulerSqueeze2::logAdjustment(
     const std::vector<CacheAdjustment::WorkerState>& states) {
     const auto namesOf = [this](const auto& graphs) REQUIRES(m_onSchedulingThread) {

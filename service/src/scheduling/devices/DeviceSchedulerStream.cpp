@@ -7,12 +7,16 @@
 
 namespace kelm {
 
+// Here and not in the base: the thread uses the fields of this class.
 DeviceSchedulerStream::~DeviceSchedulerStream() { join(); }
 
+// The client is told, and may destroy the graph: it must not be placed later.
 void DeviceSchedulerStream::handleLoadGraphFail(KelmGraph* graph) {
     m_displacedGraphs.erase(graph);
 }
 
+// What frees devices comes before what takes them, and running graphs are served before new ones.
+// Always true: what finds no device fails or waits, and the plan for the rest is good.
 bool DeviceSchedulerStream::mapResource() {
     forgetPlacedGraphs();
     handleUnloadGraph();
@@ -47,6 +51,7 @@ void DeviceSchedulerStream::handleUnloadGraph() {
 
 void DeviceSchedulerStream::handleRemoveWorker() {
     for (WorkThread* worker : m_removeWorkers) {
+        // Its graphs are read now: once the plug-out has been waited for it may be destroyed.
         makePlugout(worker);
         displace(worker->getGraphs());
     }
@@ -73,6 +78,7 @@ void DeviceSchedulerStream::placeDisplacedGraphs() {
     }
 }
 
+// A graph that gets no operation here fails at the end of the pass, since no device holds it.
 void DeviceSchedulerStream::handleLoadGraph() {
     for (KelmGraph* graph : m_loadGraphs) {
         if (m_idleWorkers.empty()) return;

@@ -16,6 +16,7 @@ constexpr size_t kMaxKnownTags = 1000;
 
 }  // namespace
 
+// Here and not in the base: the thread uses the fields of this class.
 DeviceSchedulerTag::~DeviceSchedulerTag() { join(); }
 
 // The worker has forgotten a failed load by now, so the next count finds its headcount free.
@@ -25,6 +26,8 @@ void DeviceSchedulerTag::handleLoadGraphFail(KelmGraph* graph) {
     if (m_tagMap.size() < kMaxKnownTags) m_tagMap.try_emplace(graph->getTag(), 0);
 }
 
+// What frees devices and headcount comes before what takes them; new graphs come before holders
+// that would take more.
 bool DeviceSchedulerTag::mapResource() {
     countFreeHeads();
     handleUnloadGraph();
@@ -39,6 +42,8 @@ void DeviceSchedulerTag::countFreeHeads() {
     for (const auto& [tag, headcount] : m_headcounts) m_tagMap[tag] = headcount;
     for (const auto& [graph, workers] : m_graphWorkers) {
         unsigned long& free = m_tagMap[graph->getTag()];
+        // Never below 0: the count is unsigned, and a wrapped one would give the tag every idle
+        // device.
         free -= std::min<unsigned long>(free, workers.size());
     }
 }
@@ -49,6 +54,8 @@ void DeviceSchedulerTag::handleUnloadGraph() {
     for (KelmGraph* graph : m_unloadGraphs) {
         const auto entry = m_tagMap.find(graph->getTag());
         if (entry == m_tagMap.end()) {
+            // No device holds it, or the count above would have made an entry. The commit answers
+            // the unload.
             LOG_ERROR("Error: invalid graph tag '%s'", escapeControls(graph->getTag()));
             continue;
         }
@@ -71,6 +78,7 @@ void DeviceSchedulerTag::handleRemoveWorker() {
     for (WorkThread* worker : m_removeWorkers) makePlugout(worker);
 }
 
+// A graph that gets no operation here fails at the end of the pass, since no device holds it.
 void DeviceSchedulerTag::handleLoadGraph() {
     for (KelmGraph* graph : m_loadGraphs) {
         if (m_idleWorkers.empty()) return;
@@ -84,6 +92,7 @@ void DeviceSchedulerTag::handleLoadGraph() {
             continue;
         }
         makeLoads(graph, entry->second);
+        // The first one stays the holder when a second graph of the tag takes what it left.
         m_tagGraphs.try_emplace(graph->getTag(), graph);
     }
 }

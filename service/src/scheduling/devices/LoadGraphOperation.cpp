@@ -28,6 +28,7 @@ void LoadGraphOperation::operation() {
     m_future = m_worker->enqueueLoadGraph(m_graph);
 }
 
+// Nothing to wait for if execute() threw: then the code that setFailed() has noted stands.
 void LoadGraphOperation::wait() {
     if (!m_future.valid()) return;
     LOG_STEP("wait load [%s] to [%s] done", escapeControls(m_graphName), m_worker->getName());

@@ -21,6 +21,7 @@ std::unique_ptr<PlugoutWorkerOperation> PlugoutWorkerOperation::create(WorkThrea
 
 PlugoutWorkerOperation::PlugoutWorkerOperation(WorkThread* worker) : m_worker(worker) {}
 
+// No other operation of the plan touches this worker: it left the scheduler's view before.
 void PlugoutWorkerOperation::operation() {
     for (KelmGraph* graph : m_worker->getGraphs()) {
         const std::string graphName = graph->getName();
@@ -30,6 +31,7 @@ void PlugoutWorkerOperation::operation() {
     }
 }
 
+// A failed unload must not end this early: without the notice the worker is never destroyed.
 void PlugoutWorkerOperation::wait() {
     for (const auto& [graph, unload] : m_futures) {
         LOG_STEP("wait unload [%s] from reset device [%s] done", escapeControls(unload.graphName),

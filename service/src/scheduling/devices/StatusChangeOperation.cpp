@@ -41,6 +41,7 @@ void StatusChangeOperation::waitDone(const std::shared_future<int>& job, const c
     job.wait();
 }
 
+// Other codes blame the graph or the moment, as too little memory, and leave the device in use.
 bool StatusChangeOperation::isDeviceLost() const {
     return m_retCode == KELM_ERROR_DEVICE_FAILED || m_retCode == KELM_ERROR_DEVICE_NOT_OPEN;
 }

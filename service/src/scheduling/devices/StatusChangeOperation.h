@@ -32,7 +32,7 @@ class StatusChangeOperation : public NonCopyable {
     virtual void wait() {}
     // What the job gave, 0 before.
     virtual int32_t getRetCode() { return m_retCode; }
-    // Whether it does this to the graph.
+    // Whether this is an operation of that type on the graph.
     virtual bool isOperation(KelmGraph* graph, StatusChangeRequestType type);
 
     // After wait(): makes the worker forget a graph that it failed to load.

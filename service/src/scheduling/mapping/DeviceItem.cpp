@@ -4,6 +4,7 @@
 
 namespace kelm {
 
+// The id by two: a device takes two ids, one for its shadow.
 std::string DeviceItem::dump() const {
     std::string text = StringHelper::format(
         "DeviceItem(%u) - workerName=%s worker=%p graphNum=%d util=%.2f mem=%u devStatus=%d "

@@ -12,6 +12,7 @@ constexpr float kUtilLimit = 100.0f;
 
 bool isFree(const DeviceItem* device) { return device->devStatus == MAPPER_GRAPH_NONE; }
 
+// No load, no need for relief: graphs that ask for nothing stay as they are.
 bool isBusy(const DeviceItem* device, size_t graphNum) {
     return device->devStatus == MAPPER_GRAPH_RUN && device->graphs.size() == graphNum &&
            device->util > 0.0f;
@@ -30,6 +31,7 @@ uint32_t DeviceSelector::getFreeDeviceNum() const {
     return static_cast<uint32_t>(std::count_if(m_devices.begin(), m_devices.end(), isFree));
 }
 
+// In 64 bits: two sizes of 32 bits may add up to more.
 DeviceItem* DeviceSelector::getRdyDevice(uint32_t memReq) const {
     const auto found =
         std::find_if(m_devices.begin(), m_devices.end(), [memReq](const DeviceItem* device) {
@@ -39,6 +41,8 @@ DeviceItem* DeviceSelector::getRdyDevice(uint32_t memReq) const {
     return found != m_devices.end() ? *found : nullptr;
 }
 
+// In order of load, so the first with enough memory is the least busy. It is erased, since it holds
+// two graphs from now on.
 DeviceItem* DeviceSelector::getLeastBusyDedicatedDevice(uint32_t memReq) {
     if (!m_dedicated) m_dedicated = findDedicatedDevices();
     const auto found =
@@ -53,7 +57,7 @@ DeviceItem* DeviceSelector::getLeastBusyDedicatedDevice(uint32_t memReq) {
 }
 
 // Forcing a graph onto one of them changes nothing for the others: each holds a graph that has no
-// other device of this kind.
+// other device of this kind. A stable sort: among equal loads the first in the walk wins.
 DeviceItemSet DeviceSelector::findDedicatedDevices() const {
     DeviceItemSet found;
     std::copy_if(m_devices.begin(), m_devices.end(), std::back_inserter(found),

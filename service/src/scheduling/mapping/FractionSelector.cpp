@@ -6,6 +6,7 @@ namespace kelm {
 
 namespace {
 
+// Written as "not above 0" so that NaN, the scaled demand of 0 over 0, is left out too.
 GraphItemSet selectFractions(const GraphItemSet& graphs, bool withDevice) {
     GraphItemSet selected;
     selected.reserve(graphs.size());
@@ -30,12 +31,15 @@ GraphItemSet sortByWeight(GraphItemSet rests) {
 
 }  // namespace
 
+// Each index has its own order; that a graph is used up is marked in the item, which all share.
 FractionSelector::FractionSelector(const GraphItemSet& graphs, uint32_t deviceMemSize)
     : m_deviceMemSize(deviceMemSize),
       m_withoutDevice(selectFractions(graphs, false)),
       m_rests(selectFractions(graphs, true)),
       m_restsByWeight(sortByWeight(selectFractions(graphs, true))) {}
 
+// A graph without a device comes first, since it could not run at all. The smallest of them leaves
+// most room for a partner.
 GraphItem* FractionSelector::chooseFirstGraphForDevice() {
     GraphItem* smallest = m_withoutDevice.smallest();
     return smallest != nullptr && smallest->devReqScaled < 1.0f ? smallest : heaviestRest();
@@ -51,6 +55,7 @@ GraphItem* FractionSelector::heaviestRest() {
     return nullptr;
 }
 
+// The same preference: a rest can do without, its graph runs on its own devices.
 GraphItem* FractionSelector::chooseMatchGraph(const GraphItem& graph) {
     GraphItem* match = m_withoutDevice.nearest(graph, m_deviceMemSize);
     return match != nullptr ? match : m_rests.nearest(graph, m_deviceMemSize);

@@ -20,7 +20,8 @@ struct Partition {
     uint32_t masterNum = 0;
 };
 
-// How far the values lie from their mean, summed up.
+// How far the values lie from their mean, summed up. The range is never empty: a split leaves a
+// value on each side at least.
 float spreadOf(const float* begin, const float* end, float sum) {
     const float average = sum / static_cast<float>(end - begin);
     float spread = 0.0f;
@@ -56,6 +57,7 @@ void groupGraphs(const GraphItemSet& graphs, const StepTrace& trace) {
     const Partition partition = findPartition(values);
     LOG_PROC(trace.isOn(), "groupGraphs: partitionValue = %f, masterNum = %d",
              partition.value + 0.001f, partition.masterNum);
+    // Too many masters are none: then every graph may be switched out.
     const bool tooMany = partition.masterNum > kMostMasters;
     if (tooMany) {
         LOG_PROC(trace.isOn(), "groupGraphs: bestMasterNum = %d, it is too much!",

@@ -26,6 +26,7 @@ GraphMapper::GraphMapper()
       m_model(m_trace),
       m_matcher(m_trace) {}
 
+// 0 leaves the default in force; here a number below 0 does, too.
 void GraphMapper::setMaxGraphNumPerDevice(int number) {
     if (number > 0) m_maxGraphNumPerDevice = number;
 }
@@ -75,6 +76,7 @@ bool GraphMapper::mapGraph() {
     const MapperLimits limits{.maxGraphNumPerDevice = m_maxGraphNumPerDevice,
                               .maxPendingTaskNum = m_maxPendingTaskNum,
                               .maxPendingCycle = m_maxPendingCycle};
+    // True is no new result: the last one stays, and the caller lays it over the workers again.
     if (!m_model.checkChanged(limits.maxPendingCycle)) {
         LOG_STEP("Not need map graph due to no changed");
         return true;
@@ -86,6 +88,7 @@ bool GraphMapper::mapGraph() {
     return true;
 }
 
+// A copy, for the caller to follow the graphs: in this class they are nothing but keys.
 std::unordered_map<KelmGraph*, bool> GraphMapper::getGraphPendingState() {
     MutexLock lock(m_mutex);
     std::unordered_map<KelmGraph*, bool> states;

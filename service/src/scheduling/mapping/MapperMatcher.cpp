@@ -42,6 +42,9 @@ class ShadowIndex {
             const int score = MapperMatcher::deviceMapperCompare(real, shadow);
             if (score > best.second) best = {shadow, score};
         };
+        // Alone before paired is not the walk order, and need not be: a shadow that holds the graph
+        // alone never scores the same as one that holds it beside another. What is matched already
+        // is skipped.
         if (DeviceItem* shadow = found->second.firstAlone()) offer(shadow);
         for (DeviceItem* shadow : found->second.paired) {
             if (!shadow->isMatched) offer(shadow);
@@ -69,6 +72,7 @@ class ShadowIndex {
 void MapperMatcher::mapGraphPost(MapperModel& model) {
     const uint32_t matched = matchAlikeDevices(model);
     LOG_STEP("mapGraphPost: matched deviceNum = %u", matched);
+    // The rate is over all mappings since the start, not over this one.
     m_totalDeviceCount += static_cast<uint32_t>(model.devices().size());
     const double rate = m_totalDeviceCount != 0
                             ? static_cast<double>(m_stableDeviceCount) / m_totalDeviceCount
@@ -80,6 +84,8 @@ void MapperMatcher::mapGraphPost(MapperModel& model) {
     updateDeviceState(model.devices());
 }
 
+// In walk order, each real device for itself: an earlier one may take the shadow that a later one
+// resembles more.
 uint32_t MapperMatcher::matchAlikeDevices(const MapperModel& model) {
     ShadowIndex shadows(model.shadows());
     uint32_t matched = 0;
@@ -120,6 +126,7 @@ uint32_t MapperMatcher::fillLeftDevices(const MapperModel& model) {
     return filled;
 }
 
+// By the first graph of the real device only: a shadow that shares just the second one scores 0.
 int MapperMatcher::deviceMapperCompare(const DeviceItem* real, DeviceItem* shadow) {
     if (real->devStatus == MAPPER_GRAPH_NONE || shadow->devStatus == MAPPER_GRAPH_NONE) return 0;
     const GraphItem* first = real->graphs.find(0);
@@ -134,6 +141,7 @@ int MapperMatcher::deviceMapperCompare(const DeviceItem* real, DeviceItem* shado
     return single || real->graphs.find(1) == shadow->graphs.find(1) ? kSameGraphs : kExchanges;
 }
 
+// The first graph of the device stays the first, since later comparisons look for it.
 void MapperMatcher::deviceMapperCopy(DeviceItem* real, DeviceItem* shadow) {
     if (shadow->graphs.size() == 2 && shadow->graphs.find(1) == real->graphs.find(0)) {
         shadow->graphs.swapPlaces();

@@ -34,6 +34,7 @@ float smooth(float measure, float old, bool slaveGroup) {
     return (twice + twice) / 3.0f + once / 3.0f;
 }
 
+// A demand of 0 always counts as moved, since a part of it cannot be told.
 bool isSameDemand(float smoothed, float measure) {
     if (!(smoothed > 0.0f)) return false;
     const double difference = static_cast<double>(std::fabs(smoothed - measure));
@@ -68,6 +69,7 @@ bool MapperModel::addDevice(WorkThread* worker, unsigned int memSize, const std:
     auto item = makeItem();
     item->shadow = makeItem();
     m_deviceSet.push_back(item.get());
+    // Both sets grow and shrink together: the n-th shadow belongs to the n-th device.
     m_newDeviceSet.push_back(item->shadow.get());
     m_devicePtrSet[worker] = std::move(item);
     m_deviceChanged = true;
@@ -85,6 +87,7 @@ bool MapperModel::removeDevice(WorkThread* worker) {
         LOG_ERROR("Error in removeDevice(): cannot find item with devicePtr(%p)", worker);
         return false;
     }
+    // Before the item, which owns the shadow.
     eraseItem(m_newDeviceSet, static_cast<const DeviceItem*>(item->shadow.get()));
     eraseItem(m_deviceSet, item);
     m_devicePtrSet.erase(worker);
@@ -150,11 +153,13 @@ bool MapperModel::removeGraph(KelmGraph* graph) {
             if (device->graphs.empty()) device->reset();
         }
     }
+    // The graphs that stay on these devices carry other loads now.
     updateDeviceState(m_deviceSet);
     eraseItem(m_pendingGraphSet, item);
     eraseItem(m_graphSet, item);
     m_graphPtrSet.erase(graph);
     m_graphChanged = true;
+    // As for devices: keeps the ids of the dumps short.
     if (m_graphSet.empty()) m_graphCount = 0;
     LOG_STEP("[GraphMapper] removeGraph() success: graph=%p", graph);
     return true;
@@ -213,6 +218,7 @@ bool MapperModel::setPendGraph(KelmGraph* graph, bool pend) {
         LOG_ERROR("Error in setPendGraph(): cannot find item with graphPtr(%p)", graph);
         return false;
     }
+    // Kept, so that a graph that was at ready comes back as ready.
     if (pend) item->pendSavedStatus = item->status;
     item->status = pend ? MAPPER_GRAPH_PENDING : item->pendSavedStatus;
     m_graphChanged = true;
@@ -224,6 +230,7 @@ bool MapperModel::checkChanged(int32_t maxPendingCycle) {
     return checkPendingGraphCycle(maxPendingCycle) || m_graphChanged || m_deviceChanged;
 }
 
+// No early end: the walk also counts the cycle for each graph.
 bool MapperModel::checkPendingGraphCycle(int32_t maxPendingCycle) {
     bool reached = false;
     for (GraphItem* item : m_pendingGraphSet) {
@@ -246,6 +253,8 @@ void MapperModel::settlePendingGraphs() {
     }
 }
 
+// The graphs of the real devices stay: they are the map in force until a plan has succeeded, and
+// what the plan is matched with.
 void MapperModel::resetPlan() {
     for (DeviceItem* device : m_deviceSet) {
         device->isFull = false;
@@ -264,6 +273,7 @@ GraphItem* MapperModel::findGraph(KelmGraph* graph) const {
     return found != m_graphPtrSet.end() ? found->second.get() : nullptr;
 }
 
+// The first stands for all: a mapper serves the devices of one kind.
 uint32_t MapperModel::getDeviceMemSize() const {
     return m_deviceSet.empty() ? kDefaultDeviceMemSize : m_deviceSet.front()->memSize;
 }

@@ -16,6 +16,7 @@ namespace kelm {
 
 namespace {
 
+// Ends the cycle: the number of graphs is not what is wrong.
 constexpr int32_t kHardFailure = -1;
 // A graph with more than the golden section of the whole demand dwarfs all others together.
 constexpr double kMasterPart = 0.618;
@@ -29,6 +30,7 @@ constexpr double kSmallRest = 0.1;
 // Demands below this part of the devices are not stretched to fill them, if graphs have to share.
 constexpr float kLeastRatio = 0.5f;
 
+// NaN is not above 0: a graph without demand in a plan of ratio 0 is none of these.
 bool isFractionOnly(const GraphItem* item) {
     return item->status == MAPPER_GRAPH_RUN && item->devReqScaled > 0.0f &&
            item->dedicatedDevNum == 0;
@@ -74,7 +76,9 @@ void putBeside(DeviceItem& device, GraphItem& item) {
     first->sharedDevNum = 1;
 }
 
-// Moves the second graph of a busy device to a free one, or copies its only one.
+// Moves the second graph of a busy device to a free one, or copies its only one. The loads stay as
+// they are until the end of the plan: a relieved pair weighs its old sum when singles are compared,
+// and the device that was free weighs nothing.
 void relieve(DeviceItem& busy, DeviceItem& free) {
     GraphItem* second = busy.graphs.find(1);
     GraphItem* first = busy.graphs.find(0);
@@ -128,6 +132,8 @@ int32_t MapperPlanner::mapRunGraphBalance(uint32_t deviceNum) {
     return result;
 }
 
+// The master's devices are taken first, out of the same walk; what is left for the others is
+// counted by number, so the core never touches them.
 int32_t MapperPlanner::mapRunGraphMaster(GraphItem& master, uint32_t deviceNum) {
     m_model.resetPlan();
     const uint32_t masterNum = getMasterDeviceNum(master, deviceNum);
@@ -157,6 +163,7 @@ int32_t MapperPlanner::mapRunGraphMaster(GraphItem& master, uint32_t deviceNum) 
 
 // At least one device is left for the other graphs.
 uint32_t MapperPlanner::getMasterDeviceNum(const GraphItem& master, uint32_t deviceNum) const {
+    // Its demand, unscaled: what it would fill if the others were not there.
     const float devReq = master.devReq;
     uint32_t masterNum = cutToUnsigned(std::ceil(devReq - kMasterSlack));
     if (masterNum < deviceNum) return masterNum;
@@ -178,10 +185,13 @@ int32_t MapperPlanner::mapSlaveGraphs(uint32_t slaveNum) {
     LOG_STEP("mapRunGraphMaster: slaveReqDevNum = %d, freeDevNum = %d", slaveNum,
              m_devices.getFreeDeviceNum());
     const int32_t result = mapGraphCore(slaveNum);
+    // Also after a failure: the next try begins with the same states.
     for (GraphItem* item : m_model.graphs()) item->status = item->savedStatus;
     return result;
 }
 
+// On the first `deviceNum` free shadows. Places are counted in 64 bits: the graphs per device are a
+// setting, and the product must not wrap around.
 int32_t MapperPlanner::mapGraphCore(uint32_t deviceNum) {
     m_deviceNum = deviceNum;
     const uint32_t runNum = m_model.getGraphNumByStatus(MAPPER_GRAPH_RUN);
@@ -234,6 +244,7 @@ int32_t MapperPlanner::mapIntegerPart() {
 }
 
 int32_t MapperPlanner::giveWholeDevices(GraphItem& item) {
+    // The rest is dropped against the whole: 10.5 keeps no claim to half a device, 2.5 does.
     const float floored = std::floor(item.devReqScaled);
     item.devReqScaled -= floored;
     if (static_cast<double>(item.devReqScaled / floored) < kSmallRest) item.devReqScaled = 0.0f;

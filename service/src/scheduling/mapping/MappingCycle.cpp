@@ -44,6 +44,7 @@ bool MappingCycle::run() {
     }
     if (m_model.graphs().empty()) return true;
     const auto start = std::chrono::steady_clock::now();
+    // All come back at the start: each cycle chooses anew which graphs it leaves out.
     returnPendingGraphs();
     if (!fitGraphs()) {
         abandonMapping();
@@ -76,12 +77,14 @@ void MappingCycle::abandonMapping() {
     }
 }
 
+// The count of cycles stays: it is the claim of those that have been out for long.
 void MappingCycle::returnPendingGraphs() {
     for (GraphItem* item : m_model.graphs()) {
         if (item->status == MAPPER_GRAPH_PENDING) item->status = MAPPER_GRAPH_RUN;
     }
 }
 
+// Tells at once when there are more graphs than places, before a plan is begun that cannot succeed.
 int32_t MappingCycle::doMapGraph() {
     const uint32_t deviceNum = static_cast<uint32_t>(m_model.devices().size());
     const int64_t places = int64_t{m_limits.maxGraphNumPerDevice} * deviceNum;
@@ -96,6 +99,7 @@ int32_t MappingCycle::doMapGraph() {
     if (GraphItem* master = planner.figureOutMapperMode()) {
         LOG_STEP("mapRunGraphMaster: deviceNum = %u", deviceNum);
         const int32_t result = planner.mapRunGraphMaster(*master, deviceNum);
+        // Only a plan that fits is laid over the real devices; else the map in force stays.
         if (result == 0) m_matcher.mapGraphPost(m_model);
         if (result != 0) LOG_STEP("doMapGraph - failed to mapRunGraphMaster");
         return result;
@@ -125,6 +129,7 @@ int32_t MappingCycle::doMapBothKinds(uint32_t rdyNum, uint32_t runNum) {
     const double left = static_cast<double>(deviceNum) - static_cast<double>(runNeed);
     int64_t rdyDev = std::max(rdyMin, int64_t{cutToUnsigned(left)});
     int64_t runDev = deviceNum - rdyDev;
+    // The ready graphs took too much: the running ones get their least number of devices back.
     if (maxGraphs * runDev < runNum) {
         runDev = runMin;
         rdyDev = deviceNum - runMin;
@@ -166,6 +171,7 @@ int32_t MappingCycle::mapRunGraphBalance(uint32_t deviceNum) {
 }
 
 int32_t MappingCycle::mapRdyGraphBalance(uint32_t rdyNum, uint32_t deviceNum) {
+    // On the real devices, after the running graphs have been laid over them.
     ReadyPlacer placer(m_model, m_limits.maxGraphNumPerDevice, m_trace);
     return placer.mapRdyGraphBalance(rdyNum, deviceNum);
 }

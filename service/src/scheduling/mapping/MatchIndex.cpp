@@ -15,6 +15,8 @@ constexpr uint64_t kAnyMemory = std::numeric_limits<uint32_t>::max();
 
 }  // namespace
 
+// By fraction, then by place in the walk: the first entry of a group is the one that wins among
+// equals.
 MatchIndex::MatchIndex(const GraphItemSet& graphs) {
     m_entries.reserve(graphs.size());
     for (GraphItem* graph : graphs) {
@@ -42,6 +44,8 @@ void MatchIndex::markGroups() {
     }
 }
 
+// A segment tree: leaf i is entry i, a node holds the least memory below it, so a search skips
+// whole ranges in which no graph fits. Leaves beyond the entries fit nothing.
 void MatchIndex::buildTree() {
     m_leaves = std::bit_ceil(std::max<size_t>(m_entries.size(), 1));
     m_least.assign(2 * m_leaves, kNothingHere);
@@ -66,6 +70,7 @@ bool MatchIndex::eraseIfUsedUp(size_t index, const GraphItem* except) {
     return true;
 }
 
+// Searches again after each erased entry. The search itself changes nothing.
 size_t MatchIndex::firstFitting(size_t begin, const Query& query) {
     if (begin >= m_entries.size()) return kNone;
     size_t index = search(begin, query.memory, 1);
@@ -101,6 +106,7 @@ size_t MatchIndex::search(size_t index, uint64_t memory, size_t side) const {
     return node - m_leaves;
 }
 
+// Whatever its memory: it is the first graph of its device.
 GraphItem* MatchIndex::smallest() {
     const size_t index = firstFitting(0, {kAnyMemory, nullptr});
     return index != kNone ? m_entries[index].graph : nullptr;
@@ -115,6 +121,7 @@ GraphItem* MatchIndex::nearest(const GraphItem& graph, uint32_t memSize) {
     const auto offerGroup = [&](const Entry& group) {
         const float distance = std::fabs(graph.devReqScaled + group.fraction - 1.0f);
         if (distance > best || (chosen == nullptr && distance == best)) return false;
+        // There is one: the search has just met an entry of this group that fits.
         const Entry& first = m_entries[firstFitting(group.groupBegin, query)];
         // Sums of different fractions may round to the same distance: then the walk decides.
         if (chosen == nullptr || distance < best || first.rank < chosen->rank) chosen = &first;

@@ -28,6 +28,8 @@ ReadyPlacer::ReadyPlacer(MapperModel& model, int32_t maxGraphNumPerDevice, StepT
 
 int32_t ReadyPlacer::mapRdyGraphBalance(uint32_t rdyGraphNum, uint32_t deviceNum) {
     const uint32_t freeNum = freeReadyDevices();
+    // The running graphs have taken more or fewer devices than they were given: the division was
+    // made for other numbers.
     if (freeNum != deviceNum) {
         LOG_STEP("mapRdyGraphBalance - device number is mismatch, current = %d, request = %d!",
                  freeNum, deviceNum);
@@ -78,6 +80,8 @@ int32_t ReadyPlacer::pairRdyGraphs() {
 
 // At least a device for each graph; the first graphs get what does not divide evenly.
 int32_t ReadyPlacer::spreadRdyGraphs(uint32_t rdyGraphNum, uint32_t deviceNum) {
+    // At least 1: more graphs than devices are paired instead, and without a ready graph nothing is
+    // placed.
     const uint32_t share = deviceNum / rdyGraphNum;
     uint32_t rest = deviceNum % rdyGraphNum;
     for (GraphItem* item : m_model.graphs()) {

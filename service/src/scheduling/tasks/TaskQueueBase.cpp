@@ -8,6 +8,7 @@
 
 namespace kelm {
 
+// Only asks for the end: the manager of tasks destroys it on its own thread, later.
 void TaskQueueBase::destroyTask(KelmTask* task) {
     Port<TaskScheduleListener>::notify<&TaskScheduleListener::enqueueDestroyTask>(task);
 }
@@ -51,6 +52,8 @@ void TaskQueueBase::destroyAll(TaskList& tasks) {
 
 void TaskQueueBase::appendDescription(std::string& text, const TaskList& tasks, size_t indent) {
     for (size_t i = 0; i < tasks.size(); ++i) {
+        // A queued task cannot be destroyed while the queue's mutex is held, so it may be followed
+        // here.
         KelmTask& task = *tasks.at(i);
         text += std::string(indent, ' ');
         text += StringHelper::format(

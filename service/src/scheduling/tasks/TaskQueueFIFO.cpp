@@ -9,6 +9,8 @@ TaskQueueFIFO::~TaskQueueFIFO() { destroyAll(m_tasks); }
 bool TaskQueueFIFO::enqueue(KelmTask* task, bool head) {
     MutexLock lock(m_mutex);
     insertTask(m_tasks, task, head);
+    // Under the mutex: once it is free the task may be taken, and the next status is the worker's
+    // to set.
     task->setStatus(TASK_STATUS_QUEUED);
     return true;
 }
@@ -23,6 +25,7 @@ bool TaskQueueFIFO::removeTask(KelmTask* task) {
     return destroyOne(m_tasks, task);
 }
 
+// Every client is known to this queue: it keeps no list of them.
 bool TaskQueueFIFO::removeTask(unsigned long clientId) {
     MutexLock lock(m_mutex);
     (void)destroyOfClient(m_tasks, clientId);  // none is no failure here

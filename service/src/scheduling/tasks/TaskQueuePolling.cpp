@@ -19,6 +19,7 @@ TaskQueuePolling::~TaskQueuePolling() {
     for (auto& entry : m_taskMap) destroyAll(entry.second);
 }
 
+// The turns are a ring: behind the last client comes the first.
 void TaskQueuePolling::updateMapIndex(TaskMap::iterator next) {
     m_mapIndex = next == m_taskMap.end() ? m_taskMap.begin() : next;
 }
@@ -37,6 +38,7 @@ TaskQueuePolling::TaskMap::iterator TaskQueuePolling::eraseEntry(TaskMap::iterat
     return next;
 }
 
+// A client that is forgotten loses nothing: its next task makes a new entry.
 void TaskQueuePolling::forgetIdleClients() {
     for (auto entry = m_taskMap.begin(); entry != m_taskMap.end();) {
         entry = entry->second.empty() ? eraseEntry(entry) : std::next(entry);
@@ -50,6 +52,8 @@ bool TaskQueuePolling::enqueue(KelmTask* task, bool head) {
     insertTask(m_taskMap[clientId], task, head);
     ++m_taskNum;
     if (m_taskMap.size() == 1) m_mapIndex = m_taskMap.begin();  // it stood at the empty map's end
+    // Under the mutex: once it is free the task may be taken, and the next status is the worker's
+    // to set.
     task->setStatus(TASK_STATUS_QUEUED);
     return true;
 }
@@ -62,6 +66,7 @@ KelmTask* TaskQueuePolling::dequeue() {
     if (entry == m_taskMap.end()) entry = findServable(m_taskMap.begin(), m_mapIndex);
     KelmTask* const task = entry->second.popFront();
     --m_taskNum;
+    // A served client waits for all others, however many tasks it has left.
     updateMapIndex(std::next(entry));
     return task;
 }

@@ -17,6 +17,7 @@ constexpr uint64_t kWorkerQueueLimit = 1000;
 
 }  // namespace
 
+// One thread each: the order of events is the order in which they were queued.
 TaskSchedulerBase::TaskSchedulerBase(std::string name)
     : m_name(std::move(name)),
       m_taskPool(std::make_unique<ThreadPool>("TS.TaskSche", 1, kTaskQueueLimit)),
@@ -29,11 +30,15 @@ void TaskSchedulerBase::stopPools() {
     m_workerPool.reset();
 }
 
+// The service stops while callers may still report: they meet the same exception as from a pool
+// that is being stopped.
 ThreadPool& TaskSchedulerBase::running(const std::unique_ptr<ThreadPool>& pool) {
     if (!pool) throw std::runtime_error("failed to enqueue, threadPool is stopped");
     return *pool;
 }
 
+// The only one that may wait: it brings new work. The notices below complete or cancel earlier
+// work, and a wait there could close a circle of full queues.
 void TaskSchedulerBase::enqueueScheduleTask(KelmTask* task) {
     running(m_taskPool).post([this, task] { scheduleTask(task); });
 }

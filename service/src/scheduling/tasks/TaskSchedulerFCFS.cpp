@@ -26,6 +26,7 @@ namespace {
 
 using Listener = Port<TaskScheduleListener>;
 
+// Null also when the port has no provider, as in a test of this class alone.
 KelmClient* findClient(uint64_t clientId) {
     return Port<ClientDirectory>::ask<&ClientDirectory::getClientById>(
         static_cast<KelmClient*>(nullptr), clientId);
@@ -40,7 +41,10 @@ void destroyCanceledTask(KelmTask* task) {
     destroyTask(task);
 }
 
+// A client that is found stays for this call: it is destroyed after its last task, and this task
+// still is.
 void decreaseClientWaitingInferenceNum(const KelmTask* task) {
+    // Outside m_mutex: the directory has a lock of its own.
     KelmClient* const client = findClient(task->getClientId());
     if (client != nullptr) client->decreaseWaitingInferenceNum();
 }
@@ -68,6 +72,7 @@ TaskSchedulerFCFS::TaskSchedulerFCFS(const std::string& name, ForDerived)
     : TaskSchedulerBase(name),
       m_snapshotBase(ServiceConfigParser::instance().getTaskSnapshotMode() == "base"),
       m_trace(ServiceConfigParser::instance().isTaskSchedulerDebugProcessEnabled()) {
+    // Tasks that wait in this scheduler, over all graphs and clients. 0 and below: no limit.
     const int limit = ServiceConfigParser::instance().getServerMaxTaskNumber();
     if (limit > 0) m_maxWaitTasks = static_cast<uint64_t>(limit);
 }
@@ -93,6 +98,8 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::createTaskQueue() {
     return std::make_unique<TaskQueueFIFO>();
 }
 
+// Without the mutex: tasks have one thread, so the count can only fall between this look and the
+// queueing, and the limit is never exceeded by new tasks.
 bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
     if (task->isCanceled()) {
         LOG_INFO("[TaskSchedule] Abort schedule canceled task(%lu)", task->getId());
@@ -118,6 +125,8 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     if (WorkThread* const worker = takeWorkerOrQueue(task, false)) {
         const HandOverScope scope(*this);
         LOG_STEP("[Schedule#1] task(%lu) -> worker(%s)", taskId, worker->getName());
+        // In and out as a pair: the rates count this task too, and the number of those that wait
+        // stays right.
         graph->updateFpsIn();
         worker->enqueueLoadTensor(task);
         graph->updateFpsOut();
@@ -128,7 +137,8 @@ void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     LOG_STEP("[Schedule#2] schedule task(%lu) finish", taskId);
 }
 
-// Neither counts for the rates nor for the limit: the task did both when it was first scheduled.
+// The limit is not asked: the task was accepted when it was first scheduled. Handed on at once it
+// does not count for the rates again; queued it counts like any task that waits.
 void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();
     LOG_STEP("[Reschedule#0] re-schedule task(%lu) start", taskId);
@@ -150,6 +160,7 @@ void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
     LOG_STEP("[Reschedule#2] re-schedule task(%lu) finish", taskId);
 }
 
+// A first look without the search for the client, which only a task that must wait needs.
 WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
     {
         MutexLock lock(m_mutex);
@@ -194,6 +205,7 @@ void TaskSchedulerFCFS::enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& cli
     KelmGraph* const graph = task->getGraph();
     std::unique_ptr<TaskQueueBase>& queue = m_taskQueues[graph];
     if (!queue) queue = createTaskQueue();
+    // `head`: a task that a device has given back has waited before, and keeps its place ahead.
     queue->enqueue(task, head);
     m_numWaitTasks.fetch_add(1);
     graph->updateFpsIn();
@@ -212,6 +224,7 @@ void TaskSchedulerFCFS::endHandOver() {
     }
 }
 
+// No hand-over here: this is the pool of descheduleWorker(), so the worker cannot depart meanwhile.
 void TaskSchedulerFCFS::scheduleWorker(WorkThread* worker, KelmGraph* graph) {
     LOG_STEP("[Schedule#0] schedule worker(%s) start", worker->getName());
     if (KelmTask* const task = takeTaskOrWait(worker, graph)) {
@@ -237,6 +250,8 @@ KelmTask* TaskSchedulerFCFS::takeTaskOrWait(WorkThread* worker, KelmGraph* graph
             }
         }
         decreaseClientWaitingInferenceNum(task);
+        // Looked at outside the lock, as it may be canceled at any time: a worker looks once more,
+        // and has a canceled task destroyed.
         if (!task->isCanceled()) return task;
         destroyCanceledTask(task);
     }
@@ -309,6 +324,7 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* gra
     if (entry == m_taskQueues.end()) return nullptr;
     std::unique_ptr<TaskQueueBase> queue = std::move(entry->second);
     m_taskQueues.erase(entry);
+    // Only here and where a task leaves a queue is the count lowered: it is the sum of all queues.
     m_numWaitTasks.fetch_sub(queue->size());
     return queue;
 }
@@ -343,6 +359,7 @@ void TaskSchedulerFCFS::descheduleGraph(KelmGraph* graph) {
 
 void TaskSchedulerFCFS::onPrintInfo() { snapShotUnlocked("Regular"); }
 
+// Takes the mutex by itself: the name tells that the caller does not hold it.
 void TaskSchedulerFCFS::snapShotUnlocked(const char* label) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
