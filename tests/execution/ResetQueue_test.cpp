@@ -6,7 +6,7 @@
 #include "fakes/TestRequest.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Port.h"
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 namespace {
@@ -48,7 +48,7 @@ class ResetQueueTest : public testing::Test {
     std::shared_future<void> m_go = m_release.get_future().share();
     std::atomic<int> m_begun{0};
     std::optional<ResetQueue> m_queue;
-    ThreadPool m_pool{"Resets", 1, 10};
+    SerialPool m_pool{"Resets", 10};
 };
 
 TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {

@@ -6,7 +6,7 @@
 #include "execution/TaskExchange.h"
 #include "execution/WorkThread.h"
 #include "fakes/Recorded.h"
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 
@@ -43,7 +43,7 @@ class FakeTaskExchange final : public TaskExchange {
 
  private:
     const Answer m_answer;
-    ThreadPool m_answers{"FakeExchange", 1, 1000};
+    SerialPool m_answers{"FakeExchange", 1000};
 };
 
 }  // namespace kelm

@@ -41,7 +41,7 @@ DeviceManager::DeviceManager(const std::string& name, DeviceManagerLimits limits
       m_plugQueue(m_workers, m_threads),
       m_thermalReader(m_workers, m_threads),
       m_report(m_settings, m_workers),
-      m_threadPool(name, 1, kPoolLimit) {}
+      m_threadPool(name, kPoolLimit) {}
 
 // Only the deleter destroys, after stop() has succeeded.
 DeviceManager::~DeviceManager() {

@@ -16,8 +16,8 @@
 #include "devices/WorkerRegistry.h"
 #include "reporting/PrintInfoListener.h"
 #include "utils/NonCopyable.h"
+#include "utils/SerialPool.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 
 namespace kelm {
 
@@ -105,7 +105,7 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     PlugQueue m_plugQueue;
     ThermalReader m_thermalReader;
     DeviceReport m_report;
-    ThreadPool m_threadPool;
+    SerialPool m_threadPool;
 };
 
 }  // namespace kelm

@@ -47,7 +47,7 @@ std::unique_ptr<DeviceMonitorImpl> createUsualImpl() {
 DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
     : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()),
       m_resets("all devices", m_resetPool, KelmDeviceBase::resetAllDevices),
-      m_resetPool("DeviceReset", 1, kPoolLimit),
+      m_resetPool("DeviceReset", kPoolLimit),
       m_threadPool("ThreadPool", kPoolThreads, kPoolLimit) {
     initDeviceMonitor();
     createDeviceManager();

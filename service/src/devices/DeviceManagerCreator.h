@@ -10,9 +10,9 @@
 #include "execution/WorkerFailureListener.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/DeviceMonitor.h"
+#include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadPool.h"
-
 namespace kelm {
 
 class DeviceManager;
@@ -77,7 +77,7 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     std::map<int, std::shared_ptr<DeviceManager>> m_deviceManagers;  // by subclass
     unsigned long m_listenerId = 0;
     ResetQueue m_resets;  // of all devices at once
-    ThreadPool m_resetPool;
+    SerialPool m_resetPool;
     ThreadPool m_threadPool;  // last: its jobs use the managers
 };
 

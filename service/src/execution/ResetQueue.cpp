@@ -6,7 +6,7 @@
 #include "protocol/src/KelmError.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 
@@ -17,7 +17,7 @@ constexpr size_t kPlacesToKeep = 1024;
 
 }  // namespace
 
-ResetQueue::ResetQueue(std::string target, ThreadPool& pool, Reset reset,
+ResetQueue::ResetQueue(std::string target, SerialPool& pool, Reset reset,
                        std::chrono::milliseconds patience)
     : m_target(std::move(target)), m_pool(pool), m_reset(std::move(reset)), m_patience(patience) {}
 

@@ -13,7 +13,7 @@
 
 namespace kelm {
 
-class ThreadPool;
+class SerialPool;
 
 // The resets of one target, a device or all of them: done one after the other on a pool of one
 // thread, each answered to its client through the result sink. Other jobs of the pool get their
@@ -34,7 +34,7 @@ class ResetQueue : public NonCopyable {
     using Reset = std::function<int()>;
 
     // `target` stands for what is reset in the log.
-    ResetQueue(std::string target, ThreadPool& pool, Reset reset,
+    ResetQueue(std::string target, SerialPool& pool, Reset reset,
                std::chrono::milliseconds patience = kPatience);
 
     void enqueue(Request request) EXCLUDES(m_mutex);
@@ -53,7 +53,7 @@ class ResetQueue : public NonCopyable {
     static void answer(int result, Request request);
 
     const std::string m_target;
-    ThreadPool& m_pool;
+    SerialPool& m_pool;
     const Reset m_reset;
     const std::chrono::milliseconds m_patience;
 

@@ -45,8 +45,8 @@ SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDe
       m_trace(ServiceConfigParser::instance().isDeviceWorkThreadDebugProcessEnabled(), m_name),
       m_maxRunningTasks(maxRunningTasks),
       m_abortSemaphore(0, 0),
-      m_resultPool(name + "G", 1, kPoolLimit),
-      m_inputPool(name + "I", 1, kPoolLimit) {
+      m_resultPool(name + "G", kPoolLimit),
+      m_inputPool(name + "I", kPoolLimit) {
     m_runningTasks.reserve(std::min(maxRunningTasks, kUsualRunningTasks));
     m_state = STATE_WAIT_GRAPH;
 }
@@ -104,6 +104,7 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
     if (graph == m_graph) return KELM_OK;
     m_state = STATE_LOAD_GRAPH;
     LOG_STEP("call allocateGraph(%s)", escapeControls(graph->getName()));
+    OwedPools::settle();
     const int rc = m_device->allocateGraph(graph);
     LOG_STEP("called allocateGraph(%s)", escapeControls(graph->getName()));
     if (rc != KELM_OK) {
@@ -137,6 +138,7 @@ int SlaveWorker::unloadGraph(KelmGraph* graph, bool keepCached) {
 int SlaveWorker::deallocateGraph(KelmGraph* graph, bool keepCached) {
     m_state = STATE_UNLOAD_GRAPH;
     LOG_STEP("call deallocateGraph(%s)", escapeControls(graph->getName()));
+    OwedPools::settle();
     const int rc = m_device->deallocateGraph(graph, keepCached);
     LOG_STEP("called deallocateGraph(%s)", escapeControls(graph->getName()));
     m_graph = nullptr;
@@ -215,6 +217,7 @@ void SlaveWorker::loadTensor(KelmTask* task) {
 void SlaveWorker::feedDevice(KelmTask* task) {
     task->setStatus(TASK_STATUS_LOADING);
     LOG_STEP("call loadTensor(%lu)", task->getId());
+    OwedPools::settle();  // the next task is looked for while the device takes this one
     const int rc = m_device->loadTensor(task);
     LOG_STEP("called loadTensor(%lu)", task->getId());
     task->addLoadCount();
@@ -262,6 +265,7 @@ void SlaveWorker::getResult(KelmTask* task) {
         return;
     }
     LOG_STEP("call getResult(%lu)", task->getId());
+    OwedPools::settle();
     const int rc = m_device->getResult(task);
     LOG_STEP("called getResult(%lu)", task->getId());
     eraseRunningTask(task);

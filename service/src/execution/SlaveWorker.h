@@ -9,8 +9,8 @@
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 #include "utils/Semaphore.h"
+#include "utils/SerialPool.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
 namespace kelm {
@@ -119,8 +119,8 @@ class SlaveWorker : public NonCopyable {
     Semaphore m_abortSemaphore;
 
     // Last, since their jobs use all of the above. Inputs post to the results' pool.
-    ThreadPool m_resultPool;
-    ThreadPool m_inputPool;
+    SerialPool m_resultPool;
+    SerialPool m_inputPool;
 };
 
 }  // namespace kelm

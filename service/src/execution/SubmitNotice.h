@@ -3,7 +3,7 @@
 #include <future>
 #include <utility>
 
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 
@@ -11,7 +11,7 @@ namespace kelm {
 // they are posted under a worker's mutex, where nothing may wait for room. They cannot pile up: the
 // scheduler that asks for one waits for it before the next.
 template <class F>
-std::shared_future<int> submitNotice(ThreadPool& pool, F&& f) {
+std::shared_future<int> submitNotice(SerialPool& pool, F&& f) {
     std::packaged_task<int()> task(std::forward<F>(f));
     std::shared_future<int> result = task.get_future().share();
     pool.postNotice([task = std::move(task)]() mutable { task(); });

@@ -40,7 +40,7 @@ WorkThread::WorkThread(const std::string& deviceName, int32_t subclass, int32_t 
       m_slaveWorkerNum(slaveWorkerNum),
       m_maxCachedGraphNum(maxCachedGraphNum),
       m_resets("device(" + deviceName + ")", m_pool, [this] { return resetDevice(); }),
-      m_pool(m_name, 1, kPoolLimit) {
+      m_pool(m_name, kPoolLimit) {
     init();
 }
 

@@ -11,7 +11,7 @@
 #include "execution/ResetQueue.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 
@@ -120,7 +120,7 @@ class WorkThread : public NonCopyable {
     bool m_resetting GUARDED_BY(m_mutex) = false;
     std::vector<Slot> m_slots GUARDED_BY(m_mutex);
     ResetQueue m_resets;
-    ThreadPool m_pool;  // last: its jobs use all of the above
+    SerialPool m_pool;  // last: its jobs use all of the above
 };
 
 }  // namespace kelm

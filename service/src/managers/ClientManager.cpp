@@ -26,7 +26,7 @@ ClientManager::ClientManager()
     : m_printClientFps(ServiceConfigParser::instance().isPrintClientFpsEnabled()),
       m_snapshot(ServiceConfigParser::instance().getClientSnapshotMode() == "base"),
       m_trace(ServiceConfigParser::instance().isClientManagerDebugProcessEnabled()),
-      m_pool("CltMgr", 1, 100) {
+      m_pool("CltMgr", 100) {
     if (m_printClientFps || m_snapshot) {
         Port<InfoCollector>::notify<&InfoCollector::registerListener>(this);
     }

@@ -13,9 +13,9 @@
 #include "records/ClientDirectory.h"
 #include "reporting/PrintInfoListener.h"
 #include "utils/Mutex.h"
+#include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
 namespace IPC {
@@ -135,7 +135,7 @@ class ClientManager : public Singleton<ClientManager>,
     ClientDepartures m_departures GUARDED_BY(m_mutex);
 
     ThreadRole m_onPool;
-    ThreadPool m_pool;  // last: its jobs use all of the above
+    SerialPool m_pool;  // last: its jobs use all of the above
 };
 
 }  // namespace kelm

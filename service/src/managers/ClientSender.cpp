@@ -26,7 +26,7 @@ ClientSender::ClientSender(uint64_t clientId, int socket, StepTrace trace,
       m_connection(IPC::ConnectionBase::findConnection(socket)),
       m_writer(socket),
       m_backlog(backlog ? std::move(backlog) : std::make_shared<Backlog>(kMaxQueuedMessages)),
-      m_pool("ResDp" + std::to_string(clientId), 1, kMaxQueuedMessages) {}
+      m_pool("ResDp" + std::to_string(clientId), kMaxQueuedMessages) {}
 
 ClientSender::~ClientSender() = default;
 

@@ -13,8 +13,8 @@
 #include "managers/MessageTag.h"
 #include "protocol/src/MessageWriter.h"
 #include "utils/NonCopyable.h"
+#include "utils/SerialPool.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
 namespace IPC {
@@ -116,7 +116,7 @@ class ClientSender : public NonCopyable {
     const std::shared_ptr<Backlog> m_backlog;
     // Atomic: jobs posted and not done; raised on the posting thread, lowered on the pool's.
     std::atomic<uint64_t> m_pending{0};
-    ThreadPool m_pool;  // last: its jobs use all of the above
+    SerialPool m_pool;  // last: its jobs use all of the above
 };
 
 }  // namespace kelm

@@ -73,7 +73,7 @@ GraphManager::GraphManager()
       m_snapshotBase(ServiceConfigParser::instance().getGraphSnapshotMode() == "base"),
       m_graphs(readGraphLimit(), ServiceConfigParser::instance().getGraphIdentity() == "name"),
       m_turns(m_pool),
-      m_pool("GraphMgr", 1, 100) {
+      m_pool("GraphMgr", 100) {
     if (m_printFps || m_snapshotBase) {
         Port<InfoCollector>::notify<&InfoCollector::registerListener>(this);
     }

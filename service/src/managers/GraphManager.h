@@ -15,9 +15,9 @@
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Mutex.h"
+#include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
 namespace kelm {
@@ -144,7 +144,7 @@ class GraphManager : public Singleton<GraphManager>,
     FileDigests m_fileDigests GUARDED_BY(m_onPool);
     std::weak_ptr<Creation> m_reader GUARDED_BY(m_onPool);  // one file in memory at a time
     GraphTurns m_turns;
-    ThreadPool m_pool;  // last: the others outlive its thread
+    SerialPool m_pool;  // last: the others outlive its thread
 };
 
 }  // namespace kelm

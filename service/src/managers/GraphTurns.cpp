@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "utils/Log.h"
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 

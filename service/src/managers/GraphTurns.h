@@ -11,7 +11,7 @@
 
 namespace kelm {
 
-class ThreadPool;
+class SerialPool;
 
 // Brings requests to the graph manager's one thread. A request may take more than one turn there,
 // and the thread does other work between two turns. Requests of one connection run one after the
@@ -25,7 +25,7 @@ class GraphTurns {
     // waits. One that is left in place is destroyed unanswered.
     using Step = std::function<bool(Request& request)>;
 
-    explicit GraphTurns(ThreadPool& pool) : m_pool(pool) {}
+    explicit GraphTurns(SerialPool& pool) : m_pool(pool) {}
 
     // Waits for room in the pool's queue. The request has a blob of so many bytes with it.
     void enqueue(Request request, uint64_t blobBytes, Step step);
@@ -44,7 +44,7 @@ class GraphTurns {
     void takeTurn() REQUIRES(m_onPool);
     void queueTurn() REQUIRES(m_onPool);
 
-    ThreadPool& m_pool;
+    SerialPool& m_pool;
     GraphBacklog m_backlog;  // before the requests, which are counted there
     ThreadRole m_onPool;
     std::map<int, std::deque<Job>> m_waiting GUARDED_BY(m_onPool);  // never an empty queue

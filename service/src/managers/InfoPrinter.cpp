@@ -96,7 +96,7 @@ InfoPrinter::InfoPrinter(const char* name)
     : m_name(name),
       m_interval(readInterval()),
       m_trace(ServiceConfigParser::instance().isInfoPrinterDebugProcessEnabled()),
-      m_pool("InfoPrinter", 1, 100) {
+      m_pool("InfoPrinter", 100) {
     m_mainThread = std::thread([this] { mainThreadRoutine(); });
 }
 

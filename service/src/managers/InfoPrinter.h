@@ -10,9 +10,9 @@
 #include "reporting/InfoCollector.h"
 #include "utils/Mutex.h"
 #include "utils/Semaphore.h"
+#include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 
 namespace kelm {
 
@@ -92,7 +92,7 @@ class InfoPrinter final : public Singleton<InfoPrinter>, public InfoCollector {
     std::unique_ptr<SnapshotServer> m_snapshotServer;
     Semaphore m_mainEnded{0, 0};
     std::thread m_mainThread;
-    ThreadPool m_pool;  // last: its jobs use all of the above
+    SerialPool m_pool;  // last: its jobs use all of the above
 };
 
 }  // namespace kelm

@@ -46,7 +46,7 @@ ResultDispatcher::ResultDispatcher()
       m_finishedTasks("", "KelmService", "FinishedTasks"),
       m_senders(m_trace),
       m_strangers(m_trace),
-      m_mainPool("ResDp", 1, 30000) {
+      m_mainPool("ResDp", 30000) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
     m_finishedTasks.m_bufferTimeMs = config.getFpsBufferTimeLength();
     if (config.isPrintServiceFpsEnabled()) {

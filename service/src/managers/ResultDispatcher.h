@@ -11,9 +11,9 @@
 #include "protocol/src/MessagePtr.h"
 #include "reporting/PrintInfoListener.h"
 #include "utils/FpsCounter.h"
+#include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 #include "utils/ThreadRole.h"
 
 namespace kelm {
@@ -129,7 +129,7 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     ThreadRole m_onMainPool;
     ClientSenders m_senders;
     StrangerSender m_strangers;
-    ThreadPool m_mainPool;  // last: its jobs use all of the above
+    SerialPool m_mainPool;  // last: its jobs use all of the above
 };
 
 }  // namespace kelm

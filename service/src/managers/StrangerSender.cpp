@@ -24,7 +24,7 @@ constexpr std::chrono::milliseconds kTurnPause{10};
 StrangerSender::StrangerSender(StepTrace trace)
     : m_trace(std::move(trace)),
       m_backlog(kMaxQueuedMessages),
-      m_pool("ResDpSend", 1, kMaxQueuedMessages) {}
+      m_pool("ResDpSend", kMaxQueuedMessages) {}
 
 void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message) {
     m_backlog.add(message->size);

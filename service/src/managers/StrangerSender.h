@@ -6,8 +6,8 @@
 #include "managers/Backlog.h"
 #include "protocol/src/MessagePtr.h"
 #include "utils/NonCopyable.h"
+#include "utils/SerialPool.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 
 namespace IPC {
 class ConnectionBase;
@@ -39,7 +39,7 @@ class StrangerSender : public NonCopyable {
 
     const StepTrace m_trace;
     Backlog m_backlog;
-    ThreadPool m_pool;  // last: its jobs use all of the above
+    SerialPool m_pool;  // last: its jobs use all of the above
 };
 
 }  // namespace kelm

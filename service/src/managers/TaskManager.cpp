@@ -26,8 +26,8 @@ TaskManager::TaskManager(const std::string& name)
           ServiceConfigParser::instance().getTaskScheduler())),
       m_trace(ServiceConfigParser::instance().isTaskManagerDebugProcessEnabled()),
       m_registry(m_trace),
-      m_pool(std::make_unique<ThreadPool>(name, 1, 10000)),
-      m_destroyPool(std::make_unique<ThreadPool>(name + "D", 1, 1000)) {}
+      m_pool(std::make_unique<SerialPool>(name, 10000, SerialPool::LIGHT)),
+      m_destroyPool(std::make_unique<SerialPool>(name + "D", 1000, SerialPool::LIGHT)) {}
 
 TaskManager::~TaskManager() {
     Port<TaskExchange>::disconnect();

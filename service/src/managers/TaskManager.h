@@ -13,9 +13,9 @@
 #include "protocol/src/MessagePtr.h"
 #include "records/Request.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
+#include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/StepTrace.h"
-#include "utils/ThreadPool.h"
 
 namespace kelm {
 
@@ -120,8 +120,8 @@ class TaskManager final : public Singleton<TaskManager>,
     // Atomic: set once in the destructor, and read before each answer.
     std::atomic<bool> m_stopping{false};
     // Last, and emptied by the destructor in an order of its own.
-    std::unique_ptr<ThreadPool> m_pool;
-    std::unique_ptr<ThreadPool> m_destroyPool;
+    std::unique_ptr<SerialPool> m_pool;
+    std::unique_ptr<SerialPool> m_destroyPool;
 };
 
 }  // namespace kelm

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "utils/ThreadPool.h"
+#include "utils/SerialPool.h"
 
 namespace kelm {
 
@@ -20,8 +20,9 @@ constexpr uint64_t kWorkerQueueLimit = 1000;
 // One thread each: the order of events is the order in which they were queued.
 TaskSchedulerBase::TaskSchedulerBase(std::string name)
     : m_name(std::move(name)),
-      m_taskPool(std::make_unique<ThreadPool>("TS.TaskSche", 1, kTaskQueueLimit)),
-      m_workerPool(std::make_unique<ThreadPool>("TS.WorkSche", 1, kWorkerQueueLimit)) {}
+      m_taskPool(std::make_unique<SerialPool>("TS.TaskSche", kTaskQueueLimit, SerialPool::LIGHT)),
+      m_workerPool(
+          std::make_unique<SerialPool>("TS.WorkSche", kWorkerQueueLimit, SerialPool::LIGHT)) {}
 
 TaskSchedulerBase::~TaskSchedulerBase() = default;
 
@@ -32,7 +33,7 @@ void TaskSchedulerBase::stopPools() {
 
 // The service stops while callers may still report: they meet the same exception as from a pool
 // that is being stopped.
-ThreadPool& TaskSchedulerBase::running(const std::unique_ptr<ThreadPool>& pool) {
+SerialPool& TaskSchedulerBase::running(const std::unique_ptr<SerialPool>& pool) {
     if (!pool) throw std::runtime_error("failed to enqueue, threadPool is stopped");
     return *pool;
 }

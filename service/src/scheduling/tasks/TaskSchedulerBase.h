@@ -10,7 +10,7 @@ namespace kelm {
 
 class KelmGraph;
 class KelmTask;
-class ThreadPool;
+class SerialPool;
 class WorkThread;
 
 // Pairs two streams: tasks that want a worker for their graph, and workers that want a task of the
@@ -51,11 +51,11 @@ class TaskSchedulerBase : public NonCopyable {
     void stopPools();
 
  private:
-    static ThreadPool& running(const std::unique_ptr<ThreadPool>& pool);
+    static SerialPool& running(const std::unique_ptr<SerialPool>& pool);
 
     const std::string m_name;
-    std::unique_ptr<ThreadPool> m_taskPool;    // null once stopped
-    std::unique_ptr<ThreadPool> m_workerPool;  // null once stopped
+    std::unique_ptr<SerialPool> m_taskPool;    // null once stopped
+    std::unique_ptr<SerialPool> m_workerPool;  // null once stopped
 };
 
 }  // namespace kelm
