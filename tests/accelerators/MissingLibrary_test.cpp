@@ -67,7 +67,7 @@ TEST_F(MissingLibraryTest, UselessIonLibraryCostsTheBuffersThatAreMappedThroughI
         for (int i = 0; i < 2; ++i) {
             EXPECT_EQ(client.infer(descriptor, output), KELM_ERROR_MAP_INPUT_FAILED);
             EXPECT_EQ(client.infer(input, descriptor), KELM_ERROR_MAP_OUTPUT_FAILED);
-            EXPECT_EQ(client.infer(input, output, &descriptor, 1), KELM_ERROR_MAP_AUX_FAILED);
+            EXPECT_EQ(client.infer(input, output, &descriptor), KELM_ERROR_MAP_AUX_FAILED);
             EXPECT_EQ(client.infer(input, output), KELM_OK);
         }
         EXPECT_EQ(logCount(words), 1U) << lastLines();

@@ -16,14 +16,14 @@ class ReservedFaultsTest : public AcceleratorFixture {
 TEST_F(ReservedFaultsTest, TasksGoOnElsewhereWhenADeviceFailsAndStays) {
     const struct {
         const char* reservation;
-        TensorPlan tensors;
-    } rows[] = {{R"("stream_device_number": 2)", {0, "camera"}},
-                {R"("graph_tag_map": {"one": 1, "two": 1})", {0, "", {}, "one"}}};
-    for (const auto& [reservation, tensors] : rows) {
+        GraphWish wish;
+    } rows[] = {{R"("stream_device_number": 2)", {.stream = "camera"}},
+                {R"("graph_tag_map": {"one": 1, "two": 1})", {.tag = "one"}}};
+    for (const auto& [reservation, wish] : rows) {
         for (const std::string fault : {"qxFifoGetOption -6", "qxFifoReadElem -2"}) {
             SCOPED_TRACE(reservation + (" " + fault));
             startReserved(reservation);
-            TensorLoad load(path(), plan("client", {"graph"}), tensors);
+            TensorLoad load(path(), plan("client", {"graph"}), wish);
             ASSERT_TRUE(load.getsOn()) << lastLines();
             host().order("fail * qxDeviceHWReset -1\nfail * " + fault + " 1");
             ASSERT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();

@@ -37,7 +37,7 @@ class TensorsTest : public AcceleratorFixture {
         EXPECT_TRUE(waitEvent("hang 1.1 " + function, before + 1));
         const SharedTensor input(type, kSize);
         const SharedTensor output(type, kSize);
-        EXPECT_TRUE(client.submit(input, output));
+        client.submit(input, output);
         const SharedTensor& shrunk = isInput ? input : output;
         EXPECT_TRUE(eventually([&] { return isMapped(shrunk.name()); })) << lastLines();
         shrunk.resize(role);  // to nothing or to a byte
@@ -62,7 +62,7 @@ TEST_F(TensorsTest, NamedTensorsAreForThoseWhomTheirModeLetsIn) {
     });
     EXPECT_EQ(other->infer(rootsInput, own.back()), KELM_ERROR_MAP_INPUT_FAILED);
     EXPECT_EQ(other->infer(own.front(), rootsOutput), KELM_ERROR_MAP_OUTPUT_FAILED);
-    EXPECT_EQ(other->infer(own.front(), own.back(), &rootsOutput, 1), KELM_ERROR_MAP_AUX_FAILED);
+    EXPECT_EQ(other->infer(own.front(), own.back(), &rootsOutput), KELM_ERROR_MAP_AUX_FAILED);
     EXPECT_EQ(other->infer(own.front(), own.back()), KELM_OK);
     EXPECT_EQ(TaskClient(path(), kGraph).infer(own.front(), rootsOutput), KELM_OK);
 }
@@ -80,7 +80,7 @@ TEST_F(TensorsTest, EachClientGetsItsOwnResults) {
                 path(),
                 plan(name, {"KELMSIM input=5000 output=777 micros=900\nshared by all",
                             "KELMSIM input=9 output=9000 micros=300\n" + name}),
-                TensorPlan{0, "", type});
+                GraphWish(), type);
         }
         for (TensorLoad& load : loads) ASSERT_TRUE(load.getsOn(100)) << lastLines();
         for (TensorLoad& load : loads) EXPECT_EQ(load.finish(), "");

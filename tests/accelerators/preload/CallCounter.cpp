@@ -1,43 +1,33 @@
-// Counts calls of the program that preloads it; see CallCounts.h. The accelerator library is told
-// apart by wrapping its functions as they are looked up.
+// Counts what the program that preloads it asks of the heap, in the file that KELM_CALL_COUNTS
+// names, but not inside of the accelerator library, whose functions are wrapped as they are looked
+// up.
 
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
-#include "accelerators/preload/CallCounts.h"
 #include "execution/TevoLibrary.h"
 
-using kelm::CallCounts;
-
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-}
+extern "C" void* __libc_malloc(size_t size);
 
 namespace {
 
-CallCounts* counts = nullptr;
+std::atomic<uint64_t>* allocations = nullptr;
 thread_local int callsOfLibrary = 0;
-
-void countAllocation() {
-    if (counts != nullptr && callsOfLibrary == 0) counts->allocations.fetch_add(1);
-}
 
 [[gnu::constructor]] void openCounts() {
     const char* const path = std::getenv("KELM_CALL_COUNTS");
     const int fd = path != nullptr ? ::open(path, O_RDWR | O_CLOEXEC) : -1;
     if (fd < 0) return;
     void* const memory =
-        ::mmap(nullptr, sizeof(CallCounts), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ::mmap(nullptr, sizeof(*allocations), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     ::close(fd);
-    if (memory != MAP_FAILED) counts = static_cast<CallCounts*>(memory);
+    if (memory != MAP_FAILED) allocations = static_cast<std::atomic<uint64_t>*>(memory);
 }
 
 // One of the library's functions; the tag tells those of one type apart.
@@ -79,19 +69,7 @@ void* dlsym(void* handle, const char* name) noexcept {
 }
 
 void* malloc(size_t size) noexcept {
-    countAllocation();
+    if (allocations != nullptr && callsOfLibrary == 0) allocations->fetch_add(1);
     return __libc_malloc(size);
-}
-void* calloc(size_t number, size_t size) noexcept {
-    countAllocation();
-    return __libc_calloc(number, size);
-}
-void* realloc(void* memory, size_t size) noexcept {
-    countAllocation();
-    return __libc_realloc(memory, size);
-}
-void* aligned_alloc(size_t alignment, size_t size) noexcept {
-    countAllocation();
-    return __libc_memalign(alignment, size);
 }
 }
