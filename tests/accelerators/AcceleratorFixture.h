@@ -36,8 +36,6 @@ class AcceleratorFixture : public SystemFixture {
 
     simulator::SimulatedHost& host() { return m_host; }
     void plug(const std::string& device) { m_host.plug(device); }
-    // Where a service that is started from here on looks for the two libraries.
-    void useLibraries(const std::string& directory) { m_libraries = directory; }
     void preload(const std::string& library) { m_preloaded = ":" + library; }
 
     // `sections` are members of the configuration, `environment` is of the form NAME=value.
@@ -45,7 +43,7 @@ class AcceleratorFixture : public SystemFixture {
         m_files.write("install/config/kelm_service.config",
                       R"({"security_settings": {"user_group": ""})" +
                           (sections.empty() ? "" : ", " + sections) + "}");
-        for (const std::string& setting : m_host.environment(m_libraries)) {
+        for (const std::string& setting : m_host.environment(KELM_SIMULATOR_DIR)) {
             const bool preloads = setting.starts_with("LD_PRELOAD=");
             environment.push_back(preloads ? setting + m_preloaded : setting);
         }
@@ -103,7 +101,6 @@ class AcceleratorFixture : public SystemFixture {
 
  private:
     TempDir m_files;
-    std::string m_libraries = KELM_SIMULATOR_DIR;
     std::string m_preloaded;
     simulator::SimulatedHost m_host{m_files.path() + "/sim"};
     std::vector<std::string> m_events;

@@ -8,15 +8,10 @@
 namespace kelm {
 namespace {
 
-constexpr const char* kContainers[] = {"default", "system"};
-
 class TensorsTest : public AcceleratorFixture {
  protected:
     static constexpr size_t kSize = 400000;  // of the tensors that shrink
 
-    void startOn(const std::string& container) {
-        startService(R"("debug_settings": {"tensor_container": ")" + container + "\"}");
-    }
     bool isMapped(const std::string& name) const {
         std::ifstream maps("/proc/" + std::to_string(service().pid()) + "/maps");
         const std::string text{std::istreambuf_iterator<char>(maps), {}};
@@ -67,34 +62,14 @@ TEST_F(TensorsTest, NamedTensorsAreForThoseWhomTheirModeLetsIn) {
     EXPECT_EQ(TaskClient(path(), kGraph).infer(own.front(), rootsOutput), KELM_OK);
 }
 
-TEST_F(TensorsTest, EachClientGetsItsOwnResults) {
-    for (const char* device : {"1.1", "1.2", "1.3.1"}) plug(device);
-    for (const char* container : kContainers) {
-        SCOPED_TRACE(container);
-        startOn(container);
-        std::list<TensorLoad> loads;
-        for (const auto& type : std::initializer_list<std::optional<KelmBufferType>>{
-                 KELM_BUFFER_ION, KELM_BUFFER_SHARE_MEMORY, {}, {}}) {
-            const std::string name = "client " + std::to_string(loads.size());
-            loads.emplace_back(
-                path(),
-                plan(name, {"KELMSIM input=5000 output=777 micros=900\nshared by all",
-                            "KELMSIM input=9 output=9000 micros=300\n" + name}),
-                GraphWish(), type);
-        }
-        for (TensorLoad& load : loads) ASSERT_TRUE(load.getsOn(100)) << lastLines();
-        for (TensorLoad& load : loads) EXPECT_EQ(load.finish(), "");
-        endService();
-    }
-}
-
 TEST_F(TensorsTest, MemoryThatIsTakenBackCostsItsTaskAlone) {
     plug("1.1");
     const std::pair<const char*, KelmBufferType> rows[] = {{"default", KELM_BUFFER_SHARE_MEMORY},
                                                            {"system", KELM_BUFFER_ION}};
     for (const auto& [container, mappedType] : rows) {
         SCOPED_TRACE(container);
-        startOn(container);
+        startService(R"("debug_settings": {"tensor_container": ")" + std::string(container) +
+                     "\"}");
         TensorLoad load(path(), plan("neighbour", {"KELMSIM input=5000 output=777\nfirst"}));
         ASSERT_TRUE(load.getsOn()) << lastLines();
         TaskClient client = shrinkingClient();

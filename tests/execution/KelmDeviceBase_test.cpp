@@ -119,14 +119,20 @@ TEST_F(KelmDeviceBaseTest, RootIsBusyFromTheFirstTaskOfItsClonesToTheLast) {
         << "still busy with nothing in flight";
 }
 
-TEST(KelmDeviceBaseFactoryTest, EveryCallIsAnsweredWithoutALibraryAndSimulatedDevicesNeedNone) {
+TEST(KelmDeviceBaseFactoryTest, MissingLibraryIsNamedOnceAndEveryCallAnswers) {
     addTestConfig(R"({"fake_device_settings": {"enable_fake_device": false}})");
     size_t size = 77;
     int count = 77;
+    testing::internal::CaptureStdout();
+    KelmDeviceBase::initPlatform();
     EXPECT_EQ(KelmDeviceBase::create("1.2")->openDevice(), KELM_ERROR_INVALID_DEVICE);
     EXPECT_EQ(KelmDeviceBase::getGraphInfo("x", 1, GRAPH_INFO_INPUT, size),
               KELM_ERROR_INVALID_DEVICE);
     EXPECT_EQ(KelmDeviceBase::resetAllDevices(), KELM_ERROR_INVALID_DEVICE);
+    const std::string log = testing::internal::GetCapturedStdout();
+    const size_t named = log.find("Error: library libtevo-kelm.so.0 cannot be loaded");
+    EXPECT_NE(named, log.npos) << log;
+    EXPECT_EQ(log.find("cannot be loaded", named + 40), log.npos) << log;
     EXPECT_EQ(size, 77u);
     EXPECT_FALSE(KelmDeviceBase::isFakeDeviceModeEnabled(&count));
     EXPECT_EQ(count, 77);

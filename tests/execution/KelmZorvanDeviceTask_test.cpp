@@ -3,6 +3,7 @@
 
 #include "ZorvanFixture.h"
 #include "fakes/Eventually.h"
+#include "records/BufferAllocator.h"
 
 namespace kelm {
 
@@ -121,6 +122,22 @@ TEST_F(KelmZorvanTaskTest, NamedMemoryIsMappedAsTheSenderOfTheTaskMayUseIt) {
         EXPECT_EQ(run(task), row.expected);
     }
     EXPECT_EQ(outputOf(tasks.back().get()), resultOf("abcd")) << "not one that found no place";
+}
+
+TEST_F(KelmZorvanTaskTest, BuffersThatIonCannotMapCostTheirTasks) {
+    open(R"("tensor_container": "system")");
+    load();
+    tevo.order("fail - ion_import -1");
+    const KelmBuffer aux = wanted(ion("...."), 1);
+    EXPECT_EQ(run(addTask(ion("abcd"), shared("...."))), KELM_ERROR_MAP_INPUT_FAILED);
+    EXPECT_EQ(run(addTask(shared("abcd"), ion("...."))), KELM_ERROR_MAP_OUTPUT_FAILED);
+    EXPECT_EQ(run(addTask(shared("abcd"), shared("...."), aux)), KELM_ERROR_MAP_AUX_FAILED);
+    EXPECT_EQ(run(namedTask("abcd")), 0);
+    IonLibrary::install(nullptr);
+    BufferAllocator withoutLibrary;
+    KelmBuffer buffer = ion("abcd");
+    EXPECT_EQ(withoutLibrary.import(buffer.fd, &buffer), KELM_ERROR_BUFFER_ALLOC_FAILED);
+    EXPECT_EQ(withoutLibrary.free(&buffer), 0);
 }
 
 TEST_F(KelmZorvanTaskTest, HardwareErrorOfAnyStepResetsOnce) {
