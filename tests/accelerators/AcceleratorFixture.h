@@ -36,31 +36,22 @@ class AcceleratorFixture : public SystemFixture {
 
     simulator::SimulatedHost& host() { return m_host; }
     void plug(const std::string& device) { m_host.plug(device); }
-    void preload(const std::string& library) { m_preloaded = ":" + library; }
 
     // `sections` are members of the configuration, `environment` is of the form NAME=value.
     void startService(const std::string& sections = "", std::vector<std::string> environment = {}) {
         m_files.write("install/config/kelm_service.config",
                       R"({"security_settings": {"user_group": ""})" +
                           (sections.empty() ? "" : ", " + sections) + "}");
-        for (const std::string& setting : m_host.environment(KELM_SIMULATOR_DIR)) {
-            const bool preloads = setting.starts_with("LD_PRELOAD=");
-            environment.push_back(preloads ? setting + m_preloaded : setting);
-        }
+        std::ranges::move(m_host.environment(KELM_SIMULATOR_DIR), std::back_inserter(environment));
         environment.push_back("KELM_INSTALL_DIR=" + m_files.path() + "/install");
         environment.push_back("PATH=" + m_files.path() + "/path:/usr/bin:/bin");
         start(1, "", environment);
     }
 
-    static LoadPlan plan(const std::string& name, std::vector<std::string> graphs) {
-        LoadPlan result;
-        result.name = name;
-        result.graphs = std::move(graphs);
-        return result;
-    }
     static LoadPlan twoGraphs(const std::string& name) {
-        return plan(name, {"KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst",
-                           "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond"});
+        return {.name = name,
+                .graphs = {"KELMSIM input=5000 output=777 memory=9 micros=1500\nfirst",
+                           "KELMSIM input=64 output=9000 memory=5 micros=700\nsecond"}};
     }
     client::ServiceStatus status() {
         const auto client = client::Client::connect(path());
@@ -101,7 +92,6 @@ class AcceleratorFixture : public SystemFixture {
 
  private:
     TempDir m_files;
-    std::string m_preloaded;
     simulator::SimulatedHost m_host{m_files.path() + "/sim"};
     std::vector<std::string> m_events;
 };

@@ -78,14 +78,14 @@ TEST_F(FaultsTest, RefusedLoadIsTriedOnAnotherDevice) {
         host().order(order);
         if (order != kLosing) {  // that one would leave no device for the second half
             const size_t refused = logCount("failed, device=1.1");
-            TensorLoad early(path(), plan("early", {order}));
+            TensorLoad early(path(), {.name = "early", .graphs = {order}});
             ASSERT_TRUE(early.getsOn()) << lastLines();
             ASSERT_TRUE(waitLogCount("failed, device=1.1", refused + 1)) << lastLines();
             EXPECT_EQ(early.finish(), "");
         }
         unplug("1.2");
         const size_t refused = logCount("failed, device=1.1");
-        TensorLoad late(path(), plan("late", {order}));
+        TensorLoad late(path(), {.name = "late", .graphs = {order}});
         ASSERT_TRUE(waitLogCount("failed, device=1.1", refused + 1));
         plugAnew("1.2");
         ASSERT_TRUE(late.getsOn()) << lastLines();
@@ -170,8 +170,8 @@ TEST_P(HangTest, OthersGoOnBesideASilentDevice) {
     for (const char* device : {"1.1", "1.2"}) plug(device);
     host().plug("1.3", 1);
     startService(R"("scheduler_config": [{"subclass": 0, "stream_device_number": 1}])");
-    TensorLoad neighbour(path(), plan("neighbour", {"stream"}), {.stream = "camera"});
-    TensorLoad stranger(path(), plan("stranger", {"other"}), {.subclass = 1});
+    TensorLoad neighbour(path(), {.name = "neighbour", .graphs = {"stream"}}, {.stream = "camera"});
+    TensorLoad stranger(path(), {.name = "stranger", .graphs = {"other"}}, {.subclass = 1});
     ASSERT_TRUE(neighbour.getsOn()) << lastLines();
     ASSERT_TRUE(stranger.getsOn()) << lastLines();
     const std::string device = deviceWithout("neighbour", 0);
@@ -187,7 +187,7 @@ TEST_P(HangTest, OthersGoOnBesideASilentDevice) {
     ASSERT_TRUE(waitEvent("hang " + device + " " + GetParam().function)) << lastLines();
     ASSERT_TRUE(neighbour.getsOn());
     ASSERT_TRUE(stranger.getsOn());
-    TensorLoad newcomer(path(), plan("newcomer", {"new"}), {.subclass = 1});
+    TensorLoad newcomer(path(), {.name = "newcomer", .graphs = {"new"}}, {.subclass = 1});
     ASSERT_TRUE(newcomer.getsOn());
     std::set<std::string> missing{"1.1", "1.2", "1.3"};
     for (const client::DeviceStatus& row : status().devices) missing.erase(row.name);

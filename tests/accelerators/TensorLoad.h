@@ -14,12 +14,10 @@ namespace kelm {
 // computes what each result must be.
 class TensorLoad : private LoadBoard, private LoadClient {
  public:
-    // The wish says which devices it asks for. Without a type there are tensors of both.
-    TensorLoad(const std::string& path, const LoadPlan& plan, GraphWish wish = {},
-               std::optional<KelmBufferType> type = {})
+    // The wish says which devices it asks for.
+    TensorLoad(const std::string& path, const LoadPlan& plan, GraphWish wish = {})
         : LoadClient(path, plan, *this),
           m_wish(std::move(wish)),
-          m_type(type),
           m_end(std::async(std::launch::async, [this] { return run(); })) {}
     ~TensorLoad() override { hangUp(); }
 
@@ -63,8 +61,7 @@ class TensorLoad : private LoadBoard, private LoadClient {
     }
     bool send(KelmMsgReqInferTask request, size_t graph) override {
         const uint64_t sequence = request.head.reqSeqNo;
-        const auto type =
-            m_type.value_or(sequence / 2 % 2 == 0 ? KELM_BUFFER_ION : KELM_BUFFER_SHARE_MEMORY);
+        const auto type = sequence / 2 % 2 == 0 ? KELM_BUFFER_ION : KELM_BUFFER_SHARE_MEMORY;
         Task& task = m_running.try_emplace(sequence, m_models[graph], type).first->second;
         std::ranges::generate(task.input.bytes(), [&] { return static_cast<uint8_t>(m_random()); });
         std::vector<int> descriptors;
@@ -82,7 +79,6 @@ class TensorLoad : private LoadBoard, private LoadClient {
     }
 
     GraphWish m_wish;
-    const std::optional<KelmBufferType> m_type;
     std::minstd_rand m_random;
     std::vector<simulator::Model> m_models;
     std::map<uint64_t, Task> m_running;  // by reqSeqNo

@@ -70,7 +70,8 @@ TEST_F(TensorsTest, MemoryThatIsTakenBackCostsItsTaskAlone) {
         SCOPED_TRACE(container);
         startService(R"("debug_settings": {"tensor_container": ")" + std::string(container) +
                      "\"}");
-        TensorLoad load(path(), plan("neighbour", {"KELMSIM input=5000 output=777\nfirst"}));
+        TensorLoad load(path(),
+                        {.name = "neighbour", .graphs = {"KELMSIM input=5000 output=777\nfirst"}});
         ASSERT_TRUE(load.getsOn()) << lastLines();
         TaskClient client = shrinkingClient();
         EXPECT_EQ(shrinkInUse(client, mappedType, KELM_FD_INPUT), KELM_ERROR_MAP_INPUT_FAILED);
