@@ -157,13 +157,6 @@ class HangTest : public FaultsTest, public ::testing::WithParamInterface<Hang> {
         return row.failing.empty() ? orders
                                    : orders + "\nfail " + device + " " + row.failing + " -6";
     }
-    // The one of the subclass that has another graph or none.
-    std::string deviceWithout(const std::string& graph, int subclass) {
-        for (const client::DeviceStatus& row : status().devices) {
-            if (row.subclass == subclass && row.graph != graph) return row.name;
-        }
-        return "none";
-    }
 };
 
 TEST_P(HangTest, OthersGoOnBesideASilentDevice) {
@@ -174,8 +167,11 @@ TEST_P(HangTest, OthersGoOnBesideASilentDevice) {
     TensorLoad stranger(path(), {.name = "stranger", .graphs = {"other"}}, {.subclass = 1});
     ASSERT_TRUE(neighbour.getsOn()) << lastLines();
     ASSERT_TRUE(stranger.getsOn()) << lastLines();
-    const std::string device = deviceWithout("neighbour", 0);
-
+    const auto rows = status().devices;
+    const auto silent = std::ranges::find_if(
+        rows, [](const auto& row) { return row.subclass == 0 && row.graph != "neighbour"; });
+    ASSERT_NE(silent, rows.end());
+    const std::string device = silent->name;
     if (GetParam().when == Hang::kBeforeLoad) host().order(ordersFor(device));
     TensorLoad victim(path(), twoGraphs("victim"));
     ASSERT_TRUE(GetParam().when == Hang::kBeforeLoad || victim.getsOn());

@@ -88,13 +88,12 @@ TEST_F(DeviceManagerCreatorTest, ResetsReachTheDeviceOfARegisteredClientAndBlock
 
 TEST_F(DeviceManagerCreatorTest, ResetOfAllThatHangsBlocksNeitherRequestersNorTheEnd) {
     constexpr int kWaiting = 20;
-    const char* const function = "qxDeviceResetAll";
     SimulatedLibraries tevo;
     start({describe("a", 0)});
     tevo.order("hang - qxDeviceResetAll");
     tevo.order("fail - qxDeviceResetAll -3");
     reset(kClient, 0, true);
-    ASSERT_TRUE(eventually([&] { return tevo.count(function) == 1; }));
+    ASSERT_TRUE(eventually([&] { return tevo.count("qxDeviceResetAll") == 1; }));
     for (int i = 0; i < kWaiting; ++i) reset(kClient, 0, true);
     EXPECT_TRUE(m_creator->enqueueLoadGraph(makeGraph()));
     EXPECT_TRUE(eventually([&] { return m_placement.loads().size() == 1; }));
@@ -123,20 +122,18 @@ TEST_F(DeviceManagerCreatorTest, PlugEventsMoveGraphsAndIgnoreUnknownSubclasses)
 }
 
 TEST_F(DeviceManagerCreatorTest, SimulatedDevicesStandInForThoseOfInvalidIds) {
-    const auto opened = [&] {
-        std::vector<int> counts;
-        for (const char* name : {"a", "Fake0", "Fake1", "Fake2", "Fake3"}) {
-            counts.push_back(m_devices[name].count(DeviceCall::Open));
+    const auto expectOpened = [&](const std::vector<int>& counts) {
+        const char* const names[] = {"a", "Fake0", "Fake1", "Fake2", "Fake3"};
+        for (size_t i = 0; i < counts.size(); ++i) {
+            EXPECT_EQ(m_devices[names[i]].count(DeviceCall::Open), counts[i]) << names[i];
         }
-        return counts;
     };
     configure(R"({"device_settings": {"device_vid": "no number"}})");
     start({describe("a", 0)});
-    EXPECT_THAT(opened(), ElementsAre(0, 1, 1, 1, 0));
-    configure(R"({"fake_device_settings": {"enable_fake_device": true,
-                                           "fake_device_number": 2}})");
+    expectOpened({0, 1, 1, 1, 0});
+    configure(R"({"fake_device_settings": {"enable_fake_device": true, "fake_device_number": 2}})");
     start({describe("a", 0)});
-    EXPECT_THAT(opened(), ElementsAre(0, 2, 2, 1, 0));
+    expectOpened({0, 2, 2, 1, 0});
 }
 
 TEST_F(DeviceManagerCreatorTest, BrokenTagMapOfOneGroupEndsTheStart) {
@@ -167,7 +164,6 @@ TEST_F(DeviceManagerCreatorTest, GraphsAndQuestionsReachTheManagersOfTheSubclass
     m_creator->enqueueQueryDeviceScheduler(status);
     ASSERT_TRUE(eventually([&] { return m_collector.statusSources().size() == 2; }));
     EXPECT_EQ(status->deviceSchedulerName, "DS.Squeeze2");
-    EXPECT_THAT(m_collector.statusSources(), ::testing::Each("DeviceManagerCreator"));
 
     // Each manager starts at the first row, and the count stays 0.
     auto package = std::make_unique<InfoPackage>();

@@ -2,6 +2,7 @@
 #include <future>
 
 #include "ZorvanFixture.h"
+#include "execution/QueueLedger.h"
 #include "fakes/Eventually.h"
 #include "records/BufferAllocator.h"
 
@@ -256,6 +257,26 @@ TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
     tevo.cancelOrders();
     expectRun("3333");
     EXPECT_FALSE(root->isFailed());
+}
+
+// A task's second result may have been its first one: which of the two is left is in doubt.
+TEST(QueueLedgerTest, OnlyNewQueuesHelpWhereAllThatIsLeftIsInDoubt) {
+    const auto ledger = std::make_shared<QueueLedger>(2);
+    const auto feed = [&](unsigned long taskId) {
+        EXPECT_EQ(ledger->getNextStep(), QueueLedger::NextStep::kWrite);
+        ledger->addInput(taskId);
+        EXPECT_EQ(ledger->getNextStep(), QueueLedger::NextStep::kQueueInference);
+        ledger->addInference();
+    };
+    const auto failReading = [&](unsigned long taskId) {
+        feed(taskId);
+        QueueLedger::Turn(ledger, taskId).addFailedReading();
+    };
+    failReading(1);
+    feed(1);
+    EXPECT_EQ(QueueLedger::Turn(ledger, 1).addResult(1), QueueLedger::Outcome::kOwn);
+    failReading(2);
+    EXPECT_EQ(ledger->getNextStep(), QueueLedger::NextStep::kRenew);
 }
 
 // An input waits for room as long as results are awaited, and for no longer.
