@@ -1,9 +1,6 @@
 #pragma once
 
 #include <filesystem>
-#include <future>
-#include <string>
-#include <vector>
 
 #include "accelerators/TensorLoad.h"
 #include "client/Client.h"

@@ -10,17 +10,12 @@ namespace {
 
 class TensorsTest : public AcceleratorFixture {
  protected:
-    static constexpr size_t kSize = 400000;  // of the tensors that shrink
+    static constexpr size_t kSize = 400000;  // of the tensors that shrink, and of their graph's
 
     bool isMapped(const std::string& name) const {
         std::ifstream maps("/proc/" + std::to_string(service().pid()) + "/maps");
         const std::string text{std::istreambuf_iterator<char>(maps), {}};
         return text.find(name) != std::string::npos;
-    }
-    TaskClient shrinkingClient() const {
-        const std::string size = std::to_string(kSize);
-        return {path(),
-                "KELMSIM input=" + size + " output=" + size + " memory=3 micros=300\nshrinking"};
     }
     // The status of a task whose buffer of the role is shortened while it is mapped and in use.
     int32_t shrinkInUse(TaskClient& client, KelmBufferType type, KelmFdRole role) {
@@ -73,7 +68,7 @@ TEST_F(TensorsTest, MemoryThatIsTakenBackCostsItsTaskAlone) {
         TensorLoad load(path(),
                         {.name = "neighbour", .graphs = {"KELMSIM input=5000 output=777\nfirst"}});
         ASSERT_TRUE(load.getsOn()) << lastLines();
-        TaskClient client = shrinkingClient();
+        TaskClient client(path(), "KELMSIM input=400000 output=400000 memory=3 micros=300\n");
         EXPECT_EQ(shrinkInUse(client, mappedType, KELM_FD_INPUT), KELM_ERROR_MAP_INPUT_FAILED);
         EXPECT_EQ(shrinkInUse(client, mappedType, KELM_FD_OUTPUT), KELM_ERROR_MAP_OUTPUT_FAILED);
         EXPECT_TRUE(waitLogCount("a client shortened its memory", 2));

@@ -177,9 +177,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
     m_devices["a"].block(DeviceCall::Allocate);
     m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(hasCalled("a", DeviceCall::Allocate, 1));
-    const std::string text = print();
-    EXPECT_THAT(text, HasSubstr("| status      | LOAD_GRAPH        |"));  // of the first slot
-    EXPECT_THAT(text, HasSubstr("| status      | WAIT_GRAPH        |"));
+    EXPECT_THAT(print(), HasSubstr("| LOAD_GRAPH "));
     EXPECT_THAT(query().deviceGraphNames, ElementsAre(graph->getName()));
     for (int call = 0; call < 2; ++call) EXPECT_FALSE(m_manager->stop());
     EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "its scheduler may still use the worker";
