@@ -15,7 +15,6 @@ namespace kelm {
 namespace {
 
 using ::testing::Each;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 const GraphFigures::TimePoint kLoaded{std::chrono::hours(24 * 365)};

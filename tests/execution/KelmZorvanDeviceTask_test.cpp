@@ -241,11 +241,13 @@ TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
     for (const std::string& fault : {std::string("lose 1.2 qxFifoReadElem -5 1"),
                                      std::string("fail 1.2 qxFifoReadElem -5 1"), inference}) {
         SCOPED_TRACE(fault);
+        const int destroyed = tevo.count("qxGraphDestroy");
         for (int i = 0; i < 20; ++i) {
             tevo.order(fault + (i > 0 && fault == inference ? " 2" : ""));
             EXPECT_EQ(run(namedTask("1111")), kRefused);
         }
         expectRun("2222");
+        EXPECT_TRUE(fault != inference || tevo.count("qxGraphDestroy") == destroyed);
     }
 
     // Where only new queues help and cannot be had, the next task tries again.

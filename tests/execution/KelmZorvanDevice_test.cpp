@@ -39,9 +39,8 @@ TEST(KelmZorvanPlatformTest, PlatformIsReadiedBehindItsSettingsAndReadsTheSizesO
     size_t result = 0;
     const size_t sizes[] = {16, 40, 12, 5, kThermalStatsSize};
     for (int what = GRAPH_INFO_INPUT; what <= GRAPH_INFO_THERMAL; ++what) {
-        EXPECT_EQ(
-            KelmZorvanDevice::getGraphInfo(blob.data(), blob.size(), KelmGraphInfo(what), result),
-            0);
+        const auto info = KelmGraphInfo(what);
+        EXPECT_EQ(KelmZorvanDevice::getGraphInfo(blob.data(), blob.size(), info, result), 0);
         EXPECT_EQ(result, sizes[what]);
     }
     EXPECT_EQ(KelmZorvanDevice::getGraphInfo("x", 1, KelmGraphInfo(7), result), kRefused);
