@@ -38,15 +38,6 @@ TEST(GraphBlobTest, FileThatChangesWhileItIsReadHasTheDigestOfItsBytesAndNoProve
     EXPECT_NE(readWhole(path).getHash(), blob.getHash());
 }
 
-TEST(GraphBlobTest, FileIsReadForUsersThatItsModeLetsIn) {
-    const TempDir dir;
-    const std::string path = dir.write("file", "text");
-    const PeerCredentials other{1, ::geteuid() + 1, {}};
-    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
-    EXPECT_FALSE(GraphBlob::fromFile(path.c_str(), other).getIdentity());
-    EXPECT_TRUE(GraphBlob::fromFile(path.c_str(), *PeerCredentials::ofThisProcess()).getIdentity());
-}
-
 TEST(FileDigestsTest, OldestMakesRoomAndEveryPartOfAStateCounts) {
     FileDigests digests;
     struct stat status {};

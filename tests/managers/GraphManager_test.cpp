@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -24,6 +23,20 @@ class GraphManagerTest : public ScriptedFixture {
     }
     // With a tag that no device has: its requests are answered as soon as it is read.
     static GraphWish refused(const std::string& path) { return fromFile(path, "tag"); }
+    const TempDir& dir() const { return service().files(); }
+    std::string writeSparse(const char* name, uint64_t size) {
+        const std::string path = dir().write(name, "");
+        std::filesystem::resize_file(path, size);
+        return path;
+    }
+    // From files and sockets, by this process.
+    static uint64_t bytesRead() {
+        std::ifstream io("/proc/self/io");
+        std::string name;
+        uint64_t count = 0;
+        io >> name >> count;
+        return count;
+    }
 };
 
 TEST_F(GraphManagerTest, TwinsLoadOnceAndAllAreAnswered) {
@@ -71,26 +84,7 @@ TEST_F(GraphManagerTest, LimitRefusesTwinsTooAndCountsWhatIsBeingUnloaded) {
     EXPECT_TRUE(placeIsGivenBack(client, "other"));
 }
 
-// Bytes that this process has read from files and sockets.
-uint64_t bytesRead() {
-    std::ifstream io("/proc/self/io");
-    std::string name;
-    uint64_t count = 0;
-    io >> name >> count;
-    return count;
-}
-
-class GraphFileTest : public GraphManagerTest {
- protected:
-    const TempDir& dir() const { return service().files(); }
-    std::string writeSparse(const char* name, uint64_t size) {
-        const std::string path = dir().write(name, "");
-        std::filesystem::resize_file(path, size);
-        return path;
-    }
-};
-
-TEST_F(GraphFileTest, PathsThatAreNoGraphFileAreRefusedUnread) {
+TEST_F(GraphManagerTest, PathsThatAreNoGraphFileAreRefusedUnread) {
     start();
     const std::string fifo = dir().path() + "/fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
@@ -108,7 +102,7 @@ TEST_F(GraphFileTest, PathsThatAreNoGraphFileAreRefusedUnread) {
     EXPECT_NE(client.createGraph(fromFile(empty)).graphId, fromEmpty);
 }
 
-TEST_F(GraphFileTest, OneFileIsReadAtATimeAndClientsTakeTurns) {
+TEST_F(GraphManagerTest, OneFileIsReadAtATimeAndClientsTakeTurns) {
     start();
     constexpr uint64_t kSize = 128 << 20;
     const std::string huge = writeSparse("huge", kSize);
@@ -125,7 +119,7 @@ TEST_F(GraphFileTest, OneFileIsReadAtATimeAndClientsTakeTurns) {
     for (int i = 0; i < 4; ++i) (void)reader.receive<KelmMsgRspCreateGraph>();
 }
 
-TEST_F(GraphFileTest, KnownFileIsJoinedWithoutBeingReadAgain) {
+TEST_F(GraphManagerTest, KnownFileIsJoinedWithoutBeingReadAgain) {
     start();
     constexpr uint64_t kSize = 32 << 20;
     const std::string file = writeSparse("file", kSize);
@@ -143,7 +137,7 @@ TEST_F(GraphFileTest, KnownFileIsJoinedWithoutBeingReadAgain) {
     EXPECT_NE(client.createGraph(fromFile(file)).graphId, id);
 }
 
-TEST_F(GraphFileTest, ReadingStopsWhenItsClientVanishesOrTheServiceEnds) {
+TEST_F(GraphManagerTest, ReadingStopsWhenItsClientVanishesOrTheServiceEnds) {
     start();
     constexpr uint64_t kSize = 2ULL << 30;
     const std::string file = writeSparse("huge", kSize);
@@ -161,7 +155,7 @@ TEST_F(GraphFileTest, ReadingStopsWhenItsClientVanishesOrTheServiceEnds) {
     for (int i = 0; i < 2; ++i) next.sendCreateGraph(refused(file));
 }
 
-TEST_F(GraphFileTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) {
+TEST_F(GraphManagerTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) {
     start();
     WireClient ahead = connect();
     const std::string huge = writeSparse("huge", 256 << 20);
@@ -180,17 +174,6 @@ TEST_F(GraphFileTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) {
     for (int i = 0; i < sent; ++i) {
         ASSERT_NE(ahead.receive<KelmMsgRspQueryBufferSize>().head.status, KELM_OK);
     }
-}
-
-TEST_F(GraphManagerTest, GraphDestroyedWhileItLoadsGivesItsPlaceBack) {
-    start(kOneGraph);
-    WireClient client = connect();
-    device().block(DeviceCall::Allocate);
-    client.sendCreateGraph({"blob"});
-    ASSERT_TRUE(isReached(DeviceCall::Allocate));
-    EXPECT_EQ(client.destroyGraph(1), KELM_OK);  // the create request gets no answer
-    device().release(DeviceCall::Allocate);
-    EXPECT_TRUE(placeIsGivenBack(client, "other"));
 }
 
 // The notice of the load is still under way when the destroy request comes first. One load has
@@ -297,9 +280,7 @@ TEST_F(GraphManagerTest, EndIsNotHeldUpByADeviceThatDoesNotUnload) {
     WireClient client = connect();
     EXPECT_EQ(client.createGraph({"blob"}).head.status, KELM_OK);
     device().block(DeviceCall::Deallocate);
-    const auto begin = std::chrono::steady_clock::now();
-    GraphManager::instance().removeAllGraphs();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    GraphManager::instance().removeAllGraphs();  // returns
     device().release(DeviceCall::Deallocate);
     GraphManager::instance().removeAllGraphs();  // waits for it, and asks the device nothing anew
     EXPECT_EQ(device().deallocated().size(), 1U);
