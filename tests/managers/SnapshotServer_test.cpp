@@ -134,20 +134,6 @@ TEST_F(SnapshotServerTest, ToolBeyondTheLimitIsTurnedAwayUnlessAnotherDoesNotRea
     EXPECT_TRUE(first.isDisconnected());
 }
 
-TEST_F(SnapshotServerTest, ToolsThatVanishLeaveNothingBehind) {
-    start({.period = kNever});
-    const Tool stays(path());
-    EXPECT_EQ(stays.read(), 1);
-    const size_t before = countDescriptors();
-    for (int i = 0; i < 20; ++i) {
-        const Tool vanishing(path());
-        char byte = 0;
-        if (i % 2 == 0) (void)vanishing.readBytes(&byte, 1, 100ms);  // in the middle of a package
-    }
-    EXPECT_TRUE(eventually([&] { return countDescriptors() <= before; })) << countDescriptors();
-    EXPECT_TRUE(Tool(path()).read());
-}
-
 TEST_F(SnapshotServerTest, StopIsBoundedWhileACollectionHangs) {
     Semaphore hangs{0, 0};
     m_onCollect = [&] { hangs.wait(); };

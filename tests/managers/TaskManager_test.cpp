@@ -55,6 +55,8 @@ TEST_F(TaskManagerTest, RefusedRequestGivesItsDescriptorsBack) {
         EXPECT_EQ(answer.taskId, 0U);
         EXPECT_TRUE(input.isClosed());
     }
+    device().release(DeviceCall::LoadTensor);
+    EXPECT_TRUE(eventually([&] { return client.infers(graph); }));  // once the first has ended
 }
 
 TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {

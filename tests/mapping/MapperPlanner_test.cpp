@@ -102,27 +102,6 @@ TEST(MapperPlanner, PlansAndMatchesStayAsTheyWereRecorded) {
     }
 }
 
-// The example of docs/mapper.md.
-TEST(MapperPlanner, PlanAndMatchOfThreeDevicesComeOutAsWorkedOut) {
-    MapperPool pool(3, 2, {1.4f, 0.9f, 0.2f, 0.5f});
-    ASSERT_EQ(pool.plan(3), 0);
-    const DeviceItemSet& shadows = pool.model.shadows();
-    EXPECT_EQ(placesOf(shadows), (Places{{0}, {2, 1}, {3, 0}}));
-    EXPECT_FLOAT_EQ(shadows[0]->util, 1.0f);
-    EXPECT_FLOAT_EQ(shadows[1]->util, 1.1f);
-    EXPECT_FLOAT_EQ(shadows[2]->util, 0.9f);
-
-    const Places inForce = {{0}, {1}, {2, 3}};
-    for (size_t i = 0; i < inForce.size(); ++i) {
-        pool.device(i).devStatus = MAPPER_GRAPH_RUN;
-        pool.device(i).graphs.assign(&pool.graph(inForce[i][0]));
-        if (inForce[i].size() == 2) pool.device(i).graphs.setSecond(&pool.graph(inForce[i][1]));
-    }
-    pool.matcher.mapGraphPost(pool.model);
-    // The swaps of the comparisons stay: the second shadow was first turned for device 1.
-    EXPECT_EQ(placesOf(pool.model.devices()), (Places{{0}, {1, 2}, {0, 3}}));
-}
-
 TEST(MapperPlanner, DemandsAtTheEdgesOfTheRulesGetTheirDevices) {
     constexpr float kNearNothing = std::numeric_limits<float>::denorm_min();
     struct Row {
@@ -134,28 +113,10 @@ TEST(MapperPlanner, DemandsAtTheEdgesOfTheRulesGetTheirDevices) {
         Places plan;
     };
     const Row rows[] = {
-        {"a rest below a tenth is dropped", 2, 2, {1.05f, 0.95f}, 0, {{0}, {1}}},
-        {"a rest of a fifth is shared", 2, 2, {1.2f, 0.8f}, 0, {{0}, {1, 0}}},
-        {"a rest of a big graph waits", 4, 2, {2.6f, 0.2f, 0.2f}, 0, {{0}, {0}, {0}, {1, 2}}},
-        {"one graph is copied onto all", 3, 2, {0.4f}, 0, {{0}, {0}, {0}}},
         {"no demand, no device", 3, 2, {0.0f, 0.0f}, 0, {{}, {}, {}}},
         {"no demand of many, no device", 1, 2, {0.0f, 0.0f}, 0, {{}}},
         {"a demand near nothing is still one", 2, 2, {kNearNothing}, 0, {{0}, {0}}},
-        {"fractions that find no place", 3, 1, {2.4f, 0.3f, 0.3f}, 1, {{0}, {0}, {1}}},
         {"more graphs than places", 1, 2, {1.0f, 1.0f, 1.0f}, 1, {{}}},
-        {"a pair parts for a free device", 3, 2, {0.1f, 0.1f, 0.1f, 0.1f}, 0, {{0}, {2, 3}, {1}}},
-        {"of equal ones the first is copied",
-         12,
-         2,
-         std::vector<float>(11, 1.0f),
-         0,
-         {{0}, {1}, {2}, {3}, {4}, {5}, {6}, {7}, {8}, {9}, {10}, {0}}},
-        {"the last is forced beside the least",
-         3,
-         2,
-         {0.9f, 0.85f, 0.9f, 0.95f},
-         0,
-         {{1, 3}, {0}, {2}}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);

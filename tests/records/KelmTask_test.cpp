@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "config/ServiceConfigParser.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/BufferAllocator.h"
 #include "records/KelmClient.h"
@@ -14,8 +12,6 @@
 
 namespace kelm {
 namespace {
-
-using testing::MatchesRegex;
 
 bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
 int openSomething() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
@@ -91,35 +87,6 @@ TEST_F(KelmTaskTest, DescriptorsOfATaskAreClosedOnceWithIt) {
     EXPECT_EQ(BufferAllocator::instance().free(&buffer), KELM_OK);
     EXPECT_TRUE(isOpen(fd));
     ::close(fd);
-}
-
-TEST_F(KelmTaskTest, StatusAndItsTimesMakeTheSummary) {
-    const auto task = makeTask();
-    for (const int32_t status : {TASK_STATUS_LOADING, TASK_STATUS_LOADED, TASK_STATUS_DONE}) {
-        task->setStatus(status);
-    }
-    // It never was in a queue, so it has not waited there.
-    EXPECT_THAT(task->getSummary(), MatchesRegex("taskId=7 PushPhase=[0-9]+ms WaitPhase=0ms "
-                                                 "LoadPhase=[0-9]+ms ExecPhase=[0-9]+ms"));
-    task->setStatus(TASK_STATUS_LAST);
-    task->setStatus(TASK_STATUS_LAST + 1);
-    EXPECT_EQ(task->getStatus(), TASK_STATUS_LAST);
-}
-
-TEST_F(KelmTaskTest, LiveTasksCountForClientAndGraph) {
-    const TempDir dir;
-    ServiceConfigParser::instance().appendConfigFile(
-        dir.write("test.config", R"({"service_settings": {"client_max_task_number": 2}})"), false);
-    KelmClient limited(4, "limited", nullptr, 2, 1);
-    {
-        const KelmTask first(1, &limited, &graph, nullptr, &request);
-        EXPECT_TRUE(limited.allowInferTask());
-        const KelmTask second(2, &limited, &graph, nullptr, &request);
-        EXPECT_FALSE(limited.allowInferTask());
-        EXPECT_EQ(graph.getTaskCount(), 2);
-    }
-    EXPECT_TRUE(limited.allowInferTask());
-    EXPECT_EQ(graph.getTaskCount(), 0);
 }
 
 TEST_F(KelmTaskTest, CacheKeepsABoundedNumberOfBlocks) {
