@@ -7,8 +7,10 @@
 
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskScheduleListener.h"
+#include "managers/GraphBlob.h"
 #include "managers/ManagersFixture.h"
 #include "managers/TaskManager.h"
+#include "utils/PeerCredentials.h"
 #include "utils/Port.h"
 
 namespace kelm {
@@ -69,19 +71,6 @@ TEST_F(GraphManagerTest, IdentityByNameKeepsOneBlobUnderTwoNamesApart) {
     const uint64_t one = client.createGraph({"blob", "one"}).graphId;
     EXPECT_NE(client.createGraph({"blob", "two"}).graphId, one);
     EXPECT_EQ(client.createGraph({"blob", "one"}).graphId, one);
-}
-
-TEST_F(GraphManagerTest, LimitRefusesTwinsTooAndCountsWhatIsBeingUnloaded) {
-    start(kOneGraph);
-    WireClient client = connect();
-    const uint64_t id = client.createGraph({"blob"}).graphId;
-    EXPECT_EQ(client.createGraph({"blob"}).head.status, KELM_ERROR_TOO_MANY_GRAPH);
-    device().block(DeviceCall::Deallocate);
-    EXPECT_EQ(client.destroyGraph(id), KELM_OK);
-    EXPECT_EQ(client.destroyGraph(id), KELM_ERROR_INVALID_GRAPH);
-    EXPECT_EQ(client.createGraph({"other"}).head.status, KELM_ERROR_TOO_MANY_GRAPH);
-    device().release(DeviceCall::Deallocate);
-    EXPECT_TRUE(placeIsGivenBack(client, "other"));
 }
 
 TEST_F(GraphManagerTest, PathsThatAreNoGraphFileAreRefusedUnread) {
@@ -208,7 +197,9 @@ TEST_F(GraphManagerTest, RecordIsDestroyedAtTheSecondConfirmationInEitherOrder) 
         FakeTaskScheduleListener scheduling;
         Port<GraphPlacementListener>::connect([&]() -> auto& { return placement; });
         Port<TaskScheduleListener>::connect([&]() -> auto& { return scheduling; });
+        EXPECT_EQ(client.createGraph({"blob"}).head.status, KELM_ERROR_TOO_MANY_GRAPH);  // a twin
         EXPECT_EQ(client.destroyGraph(id), KELM_OK);
+        EXPECT_EQ(client.destroyGraph(id), KELM_ERROR_INVALID_GRAPH);
         ASSERT_TRUE(eventually([&] {
             return !placement.unloads().empty() && !scheduling.descheduledGraphs().empty();
         }));
@@ -284,6 +275,51 @@ TEST_F(GraphManagerTest, EndIsNotHeldUpByADeviceThatDoesNotUnload) {
     device().release(DeviceCall::Deallocate);
     GraphManager::instance().removeAllGraphs();  // waits for it, and asks the device nothing anew
     EXPECT_EQ(device().deallocated().size(), 1U);
+}
+
+constexpr uint64_t kThreeSlices = 2 * GraphBlob::kSliceBytes + 1;
+
+GraphBlob readWhole(const std::string& path) {
+    GraphBlob blob = GraphBlob::fromFile(path.c_str(), *PeerCredentials::ofThisProcess());
+    while (!blob.advance()) {
+    }
+    return blob;
+}
+
+TEST(GraphBlobTest, FileThatChangesWhileItIsReadHasTheDigestOfItsBytesAndNoProvenIdentity) {
+    const TempDir dir;
+    std::string bytes(kThreeSlices, 'x');
+    const std::string path = dir.write("file", bytes);
+    // Not before the clock has moved on from when it was written.
+    EXPECT_TRUE(eventually([&] { return readWhole(path).isIdentityProven(); }));
+    EXPECT_EQ(readWhole(path).getHash(), sha256ForString(bytes));
+
+    GraphBlob blob = GraphBlob::fromFile(path.c_str(), *PeerCredentials::ofThisProcess());
+    EXPECT_FALSE(blob.advance());
+    std::ofstream(path, std::ios::in).write("yyy", 3);  // of what was read already
+    EXPECT_FALSE(blob.advance());
+    EXPECT_TRUE(blob.advance());
+    EXPECT_EQ(blob.getHash(), sha256ForString(bytes));
+    EXPECT_FALSE(blob.isIdentityProven());
+    EXPECT_NE(readWhole(path).getHash(), blob.getHash());
+}
+
+TEST(FileDigestsTest, OldestMakesRoomAndEveryPartOfAStateCounts) {
+    FileDigests digests;
+    struct stat status {};
+    for (size_t i = 0; i <= FileDigests::kMost; ++i) {
+        status.st_ino = i;
+        digests.remember(FileIdentity(status), std::to_string(i));
+    }
+    EXPECT_EQ(*digests.find(FileIdentity(status)), std::to_string(FileDigests::kMost));
+    struct stat others[] = {status, status, status, status};
+    ++others[0].st_dev;
+    ++others[1].st_size;
+    ++others[2].st_mtim.tv_nsec;
+    ++others[3].st_ctim.tv_nsec;
+    for (const auto& other : others) EXPECT_EQ(digests.find(FileIdentity(other)), nullptr);
+    status.st_ino = 0;
+    EXPECT_EQ(digests.find(FileIdentity(status)), nullptr);
 }
 
 }  // namespace

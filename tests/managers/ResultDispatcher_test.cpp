@@ -1,8 +1,12 @@
 #include "managers/ResultDispatcher.h"
 
+#include "fakes/SocketChannel.h"
 #include "fakes/TestRequest.h"
+#include "managers/Backlog.h"
+#include "managers/ClientSender.h"
 #include "managers/ManagersFixture.h"
 #include "protocol/src/KelmProtocol.h"
+#include "protocol/src/MessagePtr.h"
 #include "records/KelmClient.h"
 
 namespace kelm {
@@ -84,6 +88,36 @@ TEST_F(ResultDispatcherTest, ResetIsAnsweredByTheRuleOfTheDevices) {
         EXPECT_EQ(response.deviceId, 99U);
         EXPECT_EQ(response.resetAllDevices, all);
     }
+}
+
+TEST(ClientSenderTest, MessageBehindTheEndIsDroppedWhole) {
+    SocketChannel channel;
+    RawPeer peer{channel.path};
+    const auto connection = channel.accept();
+    const MessagePtr event(kelmAllocMessage(KELM_MESSAGE_TASK_DONE_EVT));
+    {
+        ClientSender sender(7, connection->getSimulateFD(), true);
+        const auto post = [&] { sender.post(event->size, [&] { sender.write(*event); }); };
+        post();
+        sender.postNotice([&sender] { sender.end(); });
+        post();
+    }
+    EXPECT_EQ(peer.pending(), static_cast<int>(event->size));
+}
+
+TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
+    constexpr uint64_t kReport = 54120;
+    Backlog backlog(200);
+    for (int i = 0; i < 199; ++i) backlog.add(2 * kReport);
+    EXPECT_FALSE(backlog.isFull());  // some 20 MB, but few
+    for (int i = 0; i < 199; ++i) backlog.remove(2 * kReport);
+    for (int i = 0; i < 20000; ++i) backlog.add(560);
+    EXPECT_FALSE(backlog.isFull());  // many, but some 11 MB
+    for (; !backlog.isFull(); backlog.add(kReport)) continue;
+    auto held = std::async(std::launch::async, [&] { backlog.add(1); });
+    EXPECT_EQ(held.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    backlog.remove(kReport);
+    EXPECT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
 
 }  // namespace

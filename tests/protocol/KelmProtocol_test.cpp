@@ -54,17 +54,6 @@ class KelmProtocolTest : public testing::Test {
     std::shared_ptr<IPC::ConnectionUDS> service;
 };
 
-TEST_F(KelmProtocolTest, EachTypeHasItsSize) {
-    for (uint32_t type = 0; type < kMessageTypes; ++type) {
-        SCOPED_TRACE(type);
-        const MessagePtr message(kelmAllocMessage(static_cast<KelmMsgType>(type)));
-        ASSERT_EQ(KelmMessageSize[type] != 0, message != nullptr);
-        if (!message) continue;
-        EXPECT_EQ(type != KELM_MESSAGE_TEST_SEND_FD_REQ, checkMessage(*message, message->size));
-        EXPECT_FALSE(checkMessage(*message, message->size - 1));
-    }
-}
-
 TEST_F(KelmProtocolTest, DescriptorsReachTheBufferOfTheirRole) {
     const UniqueFd input = makeFile();
     const UniqueFd output = makeFile();
