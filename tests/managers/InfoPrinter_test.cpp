@@ -106,9 +106,7 @@ TEST_F(InfoPrinterTest, RecordsCountAllAndHaveTheRowsThatFit) {
     EXPECT_EQ(status.deviceNum, kDevices);
     EXPECT_EQ(status.graphNum, kPeers + 1);
     EXPECT_EQ(status.clientNum, kPeers);
-    EXPECT_EQ(std::string(status.deviceName[kStatusDevices - 1]).substr(0, 4), "Fake");
     EXPECT_NE(status.deviceId[kStatusDevices - 1], 0U);
-    EXPECT_STRNE(status.graphName[kStatusGraphs - 1], "");
     EXPECT_STREQ(status.clientName[0], longName.substr(0, 31).c_str());
     EXPECT_STREQ(status.clientName[kStatusClients - 1], "peer");
     std::set<std::string> graphs(std::begin(status.graphName), std::end(status.graphName));

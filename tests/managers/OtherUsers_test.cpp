@@ -6,8 +6,6 @@
 namespace kelm {
 namespace {
 
-constexpr uint64_t kNobody = 4711;  // an id without a client
-
 class OtherUsersTest : public ScriptedFixture {
  protected:
     void SetUp() override {
@@ -66,7 +64,7 @@ TEST_F(OtherUsersTest, ClientsAreUnknownToOtherUsersInEveryRequest) {
         // Last: nothing more is read from the connection afterwards.
         {KELM_MESSAGE_UNREGISTER_REQ, kUnknown, 0},
     };
-    for (const uint64_t named : {kNobody, victim.id()}) {
+    for (const uint64_t named : {uint64_t{4711}, victim.id()}) {
         WireClient other = connectAsOther();
         for (const auto& row : rows) {
             SCOPED_TRACE(testing::Message() << row.type << " of " << named);

@@ -91,14 +91,13 @@ TEST(MapperModel, MarginOfMemoryIsAskedForOnlyWhenAGraphIsAdded) {
 }
 
 TEST(MapperModel, DemandIsSmoothedAndNeverLeavesTheRange) {
-    struct Row {
+    using Limits = std::numeric_limits<float>;
+    const struct {
         const char* what;
         bool slave;
         float measure;
         float expected;
-    };
-    using Limits = std::numeric_limits<float>;
-    const Row rows[] = {
+    } rows[] = {
         {"two thirds fresh", true, 2.5f, (2.5f + 2.5f) / 3.0f + 1.0f / 3.0f},
         {"one third fresh", false, 2.5f, (1.0f + 1.0f) / 3.0f + 2.5f / 3.0f},
         {"negative is nothing", true, -3.0f, 1.0f / 3.0f},
@@ -106,7 +105,7 @@ TEST(MapperModel, DemandIsSmoothedAndNeverLeavesTheRange) {
         {"infinite is all devices", true, Limits::infinity(), (4.0f + 4.0f) / 3.0f + 1.0f / 3.0f},
         {"beyond reason is cut", true, 3e38f, (1e30f + 1e30f) / 3.0f + 1.0f / 3.0f},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         MapperPool pool(4, 1, {1.0f});
         pool.graph(0).slaveGroup = row.slave;
@@ -116,19 +115,18 @@ TEST(MapperModel, DemandIsSmoothedAndNeverLeavesTheRange) {
 }
 
 TEST(MapperModel, OnlyRealMovesCallForAMapping) {
-    struct Row {
+    const struct {
         const char* what;
         float old, measure;
         unsigned int taskNum;
         bool changed;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"same", 1.0f, 1.0f, 100, false},          {"5 tasks more", 1.0f, 1.0f, 105, false},
         {"6 tasks more", 1.0f, 1.0f, 106, true},   {"5 tasks fewer", 1.0f, 1.0f, 95, false},
         {"6 tasks fewer", 1.0f, 1.0f, 94, true},   {"within a tenth", 1.0f, 1.3f, 100, false},
         {"beyond a tenth", 1.0f, 1.5f, 100, true}, {"nothing left", 0.0f, 0.0f, 100, true},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         MapperPool pool(1, 1, {row.old});
         pool.graph(0).taskNum = 100;
@@ -164,7 +162,6 @@ TEST(GraphMapper, ResultIsWhatTheDevicesHoldAndFollowsChanges) {
     Log::instance().setLogLevel(0);
     GraphMapper mapper;
     mapper.setMaxGraphNumPerDevice(2);
-    mapper.setMaxGraphNumPerDevice(0);  // ignored
     mapper.setMaxPendingCycle(3);
     const auto expectMap = [&mapper](const GraphMapper::MapResult& expected) {
         ASSERT_TRUE(mapper.mapGraph());
@@ -257,17 +254,16 @@ class RandomLife {
 // Each choice goes through an index; these are the plans that plain walks over all graphs and
 // devices make, too. Only a change of the policy may change them: then docs/mapper.md as well.
 TEST(MapperPlanner, PlansAndMatchesStayAsTheyWereRecorded) {
-    struct Row {
+    const struct {
         RandomLife::Kind kind;
         const char* digest;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {RandomLife::TIED, "23121bb844b97a55"},
         {RandomLife::NEARLY_TIED, "e289937e08db4fe2"},
         {RandomLife::HEAVY, "07ebc88cddbf928a"},
         {RandomLife::ANY, "103d3520dbfc6c0d"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.kind);
         std::ostringstream plans;
         for (uint32_t seed = 0; seed < 100; ++seed) {
@@ -283,21 +279,20 @@ TEST(MapperPlanner, PlansAndMatchesStayAsTheyWereRecorded) {
 
 TEST(MapperPlanner, DemandsAtTheEdgesOfTheRulesGetTheirDevices) {
     constexpr float kNearNothing = std::numeric_limits<float>::denorm_min();
-    struct Row {
+    const struct {
         const char* what;
         uint32_t devices;
         int maxGraphs;
         std::vector<float> demands;
         int32_t result;
         Places plan;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"no demand, no device", 3, 2, {0.0f, 0.0f}, 0, {{}, {}, {}}},
         {"no demand of many, no device", 1, 2, {0.0f, 0.0f}, 0, {{}}},
         {"a demand near nothing is still one", 2, 2, {kNearNothing}, 0, {{0}, {0}}},
         {"more graphs than places", 1, 2, {1.0f, 1.0f, 1.0f}, 1, {{}}},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         MapperPool pool(row.devices, row.maxGraphs, row.demands);
         EXPECT_EQ(pool.plan(row.devices), row.result);
@@ -319,15 +314,14 @@ TEST(MappingCycle, PendingGraphForcesAMappingAfterItsCycles) {
 }
 
 TEST(MappingCycle, SwitchOutSparesNewAndOverdueGraphs) {
-    struct Row {
+    // Out in this order: 7 8 5 2 by demand, 0 6 1 overdue, 4 3 new.
+    const struct {
         float devReq;
         bool isNew;
         int taskNum, outCycles;
-    };
-    // Out in this order: 7 8 5 2 by demand, 0 6 1 overdue, 4 3 new.
-    const Row rows[] = {{0.40f, false, 1, 4}, {0.40f, false, 21, 4}, {0.41f, false, 0, 9},
-                        {0.40f, true, 9, 0},  {0.40f, true, 3, 0},   {0.39f, false, 30, 0},
-                        {0.40f, false, 2, 4}, {0.38f, false, 1, 3},  {0.385f, false, 20, 1}};
+    } rows[] = {{0.40f, false, 1, 4}, {0.40f, false, 21, 4}, {0.41f, false, 0, 9},
+                {0.40f, true, 9, 0},  {0.40f, true, 3, 0},   {0.39f, false, 30, 0},
+                {0.40f, false, 2, 4}, {0.38f, false, 1, 3},  {0.385f, false, 20, 1}};
     const size_t order[] = {7, 8, 5, 2, 0, 6, 1, 4};
     for (size_t number = 1; number <= std::size(order); ++number) {
         SCOPED_TRACE(number);
@@ -379,21 +373,20 @@ TEST(MappingCycle, ReadyGraphCountsAsAnAverageOneBesideAMaster) {
 }
 
 TEST(MappingCycle, ReadyGraphsGetTheDevicesThatRunningOnesLeave) {
-    struct Row {
+    const struct {
         const char* what;
         size_t devices;
         std::string kinds;  // by graph: R ready, else running
         float demand;
         Places places;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"what does not divide goes to the first", 3, "RR", 1.0f, {{0}, {0}, {1}}},
         {"more graphs than devices", 2, "RRR", 1.0f, {{0, 2}, {1}}},
         {"the running take what they need", 4, "-R", 1.0f, {{0}, {1}, {1}, {1}}},
         {"and a device for what is begun", 4, "-R", 1.4f, {{0}, {0}, {1}, {1}}},
         {"one of the running is too many", 2, "---R", 1.0f, {{1, 2}, {3}}},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         MapperPool pool(row.devices, 2, std::vector<float>(row.kinds.size(), row.demand));
         for (size_t i = 0; i < row.kinds.size(); ++i) {
