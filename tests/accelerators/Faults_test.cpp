@@ -1,5 +1,6 @@
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
+#include "tools/simulator/FaultMix.h"
 
 namespace kelm {
 namespace {
@@ -129,6 +130,35 @@ TEST_F(FaultsTest, TasksOfALostDeviceGoOnElsewhere) {
         expectNothingLeft();
         endService();
     }
+}
+
+// The long run of the same is scripts/faults.sh.
+// Few places in the device's queues, so that results that are not read soon fill them.
+TEST_F(FaultsTest, RandomFaultsCostNoAnswerAndNoDevice) {
+    constexpr std::chrono::milliseconds kFaultTime{50};
+    const std::vector<std::string> devices{"1.1", "1.2", "1.3"};
+    for (const std::string& device : devices) plug(device);
+    startWarm(R"("service_settings": {"max_inference_number": 2})");
+    const std::string command = KELM_SIMULATOR_DIR "/kelm-sim-load --tasks 1000 --failing --aux" +
+                                std::string(" --graph ") + service().files().write("one", kFirst) +
+                                " --graph " + service().files().write("two", kSecond) + " --name ";
+    std::vector<std::future<int>> loads;
+    for (const std::string name : {"first", "second", "third", "fourth"}) {
+        loads.push_back(
+            std::async(std::launch::async, [&] { return std::system((command + name).c_str()); }));
+    }
+    simulator::FaultMix mix(1, devices);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (auto& load : loads) {
+        while (load.wait_for(kFaultTime) != std::future_status::ready) {
+            waitWithEvents([] { return true; });
+            host().order(std::chrono::steady_clock::now() < limit ? mix.next() : "");
+        }
+        EXPECT_EQ(load.get(), 0);
+    }
+    host().order("");
+    EXPECT_TRUE(waitWithEvents([&] { return status().devices.size() == devices.size(); }));
+    expectNothingLeft();
 }
 
 TEST_F(FaultsTest, CrashedBootToolIsStartedAgain) {

@@ -5,6 +5,28 @@ namespace {
 
 using ReservedFaultsTest = AcceleratorFixture;
 
+TEST_F(ReservedFaultsTest, TasksGoOnElsewhereWhenADeviceFailsAndStays) {
+    const struct {
+        const char* reservation;
+        GraphWish wish;
+    } rows[] = {{R"("stream_device_number": 2)", {.stream = "camera"}},
+                {R"("graph_tag_map": {"one": 1, "two": 1})", {.tag = "one"}}};
+    for (const auto& [reservation, wish] : rows) {
+        SCOPED_TRACE(reservation);
+        plug("1.1");
+        plug("1.2");
+        startService(R"("scheduler_config": [{"subclass": 0, )" + std::string(reservation) + "}]");
+        TensorLoad load(path(), {.name = "client", .graphs = {"graph"}}, wish);
+        ASSERT_TRUE(load.getsOn()) << lastLines();
+        host().order("fail * qxDeviceHWReset -1\nfail * qxFifoReadElem -2 1");
+        ASSERT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();
+        ASSERT_TRUE(load.getsOn()) << lastLines();
+        EXPECT_EQ(load.finish(), "");
+        host().order("");
+        endService();
+    }
+}
+
 // One device takes the graph and fails while the pass waits for the other, which refuses it.
 TEST_F(ReservedFaultsTest, CreateWhoseDeviceDiesBeforeThePassEndsIsAnswered) {
     constexpr int kRefused = -3;

@@ -277,6 +277,27 @@ TEST(MapperPlanner, PlansAndMatchesStayAsTheyWereRecorded) {
     }
 }
 
+// The example of docs/mapper.md.
+TEST(MapperPlanner, PlanAndMatchOfThreeDevicesComeOutAsWorkedOut) {
+    MapperPool pool(3, 2, {1.4f, 0.9f, 0.2f, 0.5f});
+    ASSERT_EQ(pool.plan(3), 0);
+    const DeviceItemSet& shadows = pool.model.shadows();
+    EXPECT_EQ(placesOf(shadows), (Places{{0}, {2, 1}, {3, 0}}));
+    EXPECT_FLOAT_EQ(shadows[0]->util, 1.0f);
+    EXPECT_FLOAT_EQ(shadows[1]->util, 1.1f);
+    EXPECT_FLOAT_EQ(shadows[2]->util, 0.9f);
+
+    const Places inForce = {{0}, {1}, {2, 3}};
+    for (size_t i = 0; i < inForce.size(); ++i) {
+        pool.device(i).devStatus = MAPPER_GRAPH_RUN;
+        pool.device(i).graphs.assign(&pool.graph(inForce[i][0]));
+        if (inForce[i].size() == 2) pool.device(i).graphs.setSecond(&pool.graph(inForce[i][1]));
+    }
+    pool.matcher.mapGraphPost(pool.model);
+    // The swaps of the comparisons stay: the second shadow was first turned for device 1.
+    EXPECT_EQ(placesOf(pool.model.devices()), (Places{{0}, {1, 2}, {0, 3}}));
+}
+
 TEST(MapperPlanner, DemandsAtTheEdgesOfTheRulesGetTheirDevices) {
     constexpr float kNearNothing = std::numeric_limits<float>::denorm_min();
     const struct {
