@@ -3,8 +3,9 @@
 #include <poll.h>
 
 #include "client/Client.h"
-#include "fakes/FakeStatusService.h"
+#include "fakes/ListenOn.h"
 #include "fakes/TempDir.h"
+#include "protocol/src/InfoPackage.h"
 
 namespace kelm::client {
 namespace {
