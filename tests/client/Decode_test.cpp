@@ -43,16 +43,16 @@ TEST(DecodeTest, TextsEndWithTheirFieldsAndNumbersAreFinite) {
     answer.serviceFps = -numeric_limits<float>::infinity();
     answer.deviceFps[0] = numeric_limits<float>::quiet_NaN();
     answer.deviceThermal[0] = numeric_limits<float>::infinity();
-    answer.graphFpsIn[0] = -3.0f;
     answer.clientFps[0] = 2.5f;
+    answer.graphFpsIn[0] = -3.0f;
     const ServiceStatus status = decodeStatus(answer);
     EXPECT_EQ(status.serviceFps, 0.0f);
     EXPECT_EQ(status.devices[0].graph, std::string(512, 'x'));
     EXPECT_EQ(status.devices[0].fps, 0.0f);
     EXPECT_EQ(status.devices[0].thermal, 0.0f);
-    EXPECT_EQ(status.graphs[0].fpsIn, 0.0f);
     EXPECT_EQ(status.clients[0].name, std::string(32, 'x'));
     EXPECT_EQ(status.clients[0].fps, 2.5f);
+    EXPECT_EQ(status.graphs[0].fpsIn, 0.0f);
     answer.queryType = 1;  // no details, no schedulers: what stands in their fields means nothing
     const ServiceStatus overview = decodeStatus(answer);
     EXPECT_EQ(overview.devices[0].graph, "");

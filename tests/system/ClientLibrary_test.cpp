@@ -75,24 +75,6 @@ TEST_F(ClientLibraryTest, CallsBringWhatTheServiceSaid) {
     EXPECT_EQ(m_client->infer(request()).error.kind(), ErrorKind::kConnectionLost);
 }
 
-TEST_F(ClientLibraryTest, ResultsReachTheirOwnCallers) {
-    constexpr uint64_t kCalls = 300;
-    ASSERT_NO_FATAL_FAILURE(startAndConnect());
-    const auto call = [this](uint64_t first) {
-        for (uint64_t i = first; i < first + kCalls; ++i) {
-            auto future = m_client->inferAsync(request(i));
-            const InferResult result = m_client->infer(request(~i));
-            EXPECT_FALSE(result.error) << result.error.text();
-            EXPECT_EQ(result.cookie0, ~i);
-            EXPECT_EQ(future.get().cookie0, i);
-        }
-    };
-    std::vector<std::future<void>> callers;
-    for (uint64_t caller = 0; caller < 4; ++caller) {
-        callers.push_back(std::async(std::launch::async, call, caller * kCalls));
-    }
-}
-
 TEST_F(ClientLibraryTest, CanceledTaskEndsItsCallAndDoesNotRun) {
     constexpr uint64_t kTasks = 40;
     ASSERT_NO_FATAL_FAILURE(startAndConnect(200));
