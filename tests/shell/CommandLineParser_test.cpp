@@ -21,7 +21,7 @@ TEST(CommandLineParserTest, EachOptionHasItsEffect) {
         {{"-c", "a", "--config-file", "b"}, true, false, {"a", "b"}, {}},
         {{"--config-file=a", "--boot-config", "x", "y"}, true, false, {"a"}, {"x", "y"}},
         {{"--daem"}, false, false, {}, {}},
-        {{"-dc"}, false, false, {}, {}},
+        {{"-dc", "x"}, false, false, {}, {}},
         {{"--unknown"}, false, false, {}, {}},
         {{"-d", "--help"}, false, false, {}, {}},
         {{"-l"}, false, false, {}, {}},

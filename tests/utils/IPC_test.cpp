@@ -5,6 +5,7 @@
 
 #include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
+#include "utils/PeerCredentials.h"
 
 namespace {
 
