@@ -64,7 +64,6 @@ TEST_F(KelmctlTest, BenchReportAddsUp) {
         }
         return sums;
     };
-    EXPECT_EQ(json["clients"].size(), 4U);
     const Sums sums = add(json["graphs"]);
     EXPECT_EQ(sums.first, 4 * kCount);
     EXPECT_GT(sums.second, 0U);
@@ -83,7 +82,6 @@ TEST_F(KelmctlTest, StatusIsCompleteAndAMissingServiceIsTold) {
     EXPECT_EQ(run("status --json"), 0);
     const auto json = nlohmann::json::parse(m_output);
     EXPECT_EQ(json["devices"].size(), 3U);
-    EXPECT_NE(json["device_scheduler"], "");
     EXPECT_EQ(json["client_count"], 1);  // itself
     EXPECT_EQ(run("status --json --watch 0.1 | head -n 3 | wc -l"), 0);
     EXPECT_EQ(m_output, "3\n");

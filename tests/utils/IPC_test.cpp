@@ -264,6 +264,8 @@ TEST_F(IPCTransferTest, WhatIsMissingWhenAPeerLeavesIsTold) {
     expectRaises([&] { connection->write("a", 1); }, "write socket(idx=1) failed, user=camera");
     expectRaises([&] { connection->write(0); }, "Error: Read-end of socket");
     expectRaises([&] { connection->read(nullptr, 4, nullptr); }, "invalid argument. m_fd=");
+    connection->close();
+    expectRaises([&] { connection->write(0); }, "Error: send fd(");
 }
 
 TEST_F(IPCTransferTest, NonBlockingReadTakesWhatIsThere) {

@@ -65,9 +65,11 @@ TEST_F(TracerTest, SlowOrFailingDiskCostsRows) {
     EXPECT_EQ(wakeUps, 1);
     testing::internal::CaptureStdout();
     output.save();
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("16 lines for " + path));
     (void)output.append("lost", "\n");
     output.save();
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(log, HasSubstr("16 lines for " + path));
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;  // each failure is told once
     m_directory.write("missing/file.csv", "");
     (void)output.append("kept", "\n");
     output.save();
