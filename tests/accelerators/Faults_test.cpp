@@ -139,13 +139,16 @@ TEST_F(FaultsTest, RandomFaultsCostNoAnswerAndNoDevice) {
     const std::vector<std::string> devices{"1.1", "1.2", "1.3"};
     for (const std::string& device : devices) plug(device);
     startWarm(R"("service_settings": {"max_inference_number": 2})");
-    const std::string command = KELM_SIMULATOR_DIR "/kelm-sim-load --tasks 1000 --failing --aux" +
-                                std::string(" --graph ") + service().files().write("one", kFirst) +
-                                " --graph " + service().files().write("two", kSecond) + " --name ";
+    std::string command = "KELM_RUN_DIR=" + service().runDir() +
+                          " " KELM_SIMULATOR_DIR "/kelm-sim-load --tasks 1000 --failing --aux";
+    for (const std::string& graph : twoGraphs("").graphs) {
+        command += " --graph " + service().files().write(graph.substr(graph.size() - 5), graph);
+    }
     std::vector<std::future<int>> loads;
     for (const std::string name : {"first", "second", "third", "fourth"}) {
-        loads.push_back(
-            std::async(std::launch::async, [&] { return std::system((command + name).c_str()); }));
+        loads.push_back(std::async(std::launch::async, [command, name] {
+            return std::system((command + " --name " + name).c_str());
+        }));
     }
     simulator::FaultMix mix(1, devices);
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
