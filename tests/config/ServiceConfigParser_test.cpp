@@ -17,9 +17,10 @@ std::string readFile(const std::string& name) {
 }
 
 // Each getter is a line of the header's table, with its key and its default.
-TEST(ServiceConfigParserTest, ShippedFileHasEveryKeyWithItsDefault) {
+TEST(ServiceConfigParserTest, ShippedFileAndManualHaveEveryKeyWithItsDefault) {
     const std::string table = readFile("service/src/config/ServiceConfigParser.h");
     const std::string shipped = readFile("config/kelm_service.config");
+    const std::string manual = readFile("docs/configuration.md");
     const std::regex getter(R"re(\("([\w.]+)"(?:,(?: subclass,)? ([^)]*))?\); \})re");
     const std::sregex_iterator end;
     int count = 0;
@@ -28,6 +29,11 @@ TEST(ServiceConfigParserTest, ShippedFileHasEveryKeyWithItsDefault) {
         const std::string name = key.substr(key.rfind('.') + 1);
         const std::string byDefault = (*it)[2].matched ? (*it)[2].str() : "\"off\"";
         EXPECT_THAT(shipped, HasSubstr("\"" + name + "\": " + byDefault));
+        // The components of the step by step traces share one paragraph.
+        const bool inTable = key.find(".debug_process.") == std::string::npos;
+        const std::string words =
+            inTable ? "\n\\| `" + name + "` \\|[^\n]*\\| " + byDefault + " \\|" : "`" + name + "`";
+        EXPECT_TRUE(std::regex_search(manual, std::regex(words))) << key;
     }
     EXPECT_GE(count, 64);
     Parser parser;

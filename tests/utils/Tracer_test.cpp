@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <regex>
 
 #include "fakes/TempDir.h"
 #include "fakes/TestPch.h"
@@ -38,6 +39,46 @@ class TracerTest : public ::testing::Test {
     TempDir m_directory;
     ScopedEnv m_tmpDir{"TMPDIR", m_directory.path()};
 };
+
+TEST_F(TracerTest, RowsOfManyThreadsAreEachWrittenOnce) {
+    constexpr size_t kThreads = 4;
+    constexpr size_t kOperations = 6000;  // so that buffers fill before their time
+    EXPECT_EQ(TraceBeginCsv("switched off"), 0U);
+    EXPECT_TRUE(std::filesystem::is_empty(m_directory.path()));
+    enableTracer();
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < kThreads; ++i) {
+        threads.emplace_back([] {
+            const std::string name = std::to_string(ThreadUtils::getThreadId()) + "_";
+            for (size_t k = 0; k < kOperations; k += 2) {
+                const uint64_t outer = traceBegin(name, k);
+                const uint64_t inner = traceBegin(name, k + 1);
+                TraceEndCsv(outer);
+                TraceEndCsv(inner);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    disableTracer();
+
+    std::set<std::string> frames;
+    for (const std::string& row : lines("frames")) EXPECT_TRUE(frames.insert(row).second) << row;
+    EXPECT_EQ(frames.size(), 1 + kThreads * kOperations);
+    const std::regex format("(((\\d+)_\\d+),(\\d+),(\\d+)),(\\d+),(\\d+)");
+    for (const std::string& row : lines("tasks")) {
+        if (frames.erase("name,start_tsc.RDTSC,end_tsc") == 1) {
+            EXPECT_EQ(row, "name,start_tsc.RDTSC,end_tsc,pid,tid");
+            continue;
+        }
+        std::smatch parts;
+        ASSERT_TRUE(std::regex_match(row, parts, format)) << row;
+        ASSERT_EQ(frames.erase(parts[1]), 1U) << row;
+        ASSERT_LE(std::stoull(parts[4]), std::stoull(parts[5]));
+        ASSERT_EQ(parts[6], std::to_string(::getpid()));
+        ASSERT_EQ(parts[7], parts[3]);
+    }
+    EXPECT_TRUE(frames.empty());
+}
 
 TEST_F(TracerTest, SecondEndIsRefusedAndObjectsAreUsedAgain) {
     EXPECT_EQ(TraceBeginCsv("switched off"), 0U);
