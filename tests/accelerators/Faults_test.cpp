@@ -1,5 +1,5 @@
 #include "accelerators/AcceleratorFixture.h"
-#include "system/TopProcess.h"
+#include "accelerators/TaskClient.h"
 #include "tools/simulator/FaultMix.h"
 
 namespace kelm {
@@ -9,13 +9,13 @@ class FaultsTest : public AcceleratorFixture {
  protected:
     // Starts the service and notes what it holds once its first client has left again.
     void startWarm(const std::string& sections = "") {
-        m_names = sharedMemoryNames();
         startService(sections);
         TensorLoad load(path(), twoGraphs("warm-up"));
         ASSERT_TRUE(load.getsOn()) << lastLines();
         EXPECT_EQ(load.finish(), "");
-        auto auxiliary = checkedLoad(0, "--tasks 8 --aux");  // opens the ION device, once
-        EXPECT_EQ(resultOf(auxiliary), "");
+        const SharedTensor tensor(KELM_BUFFER_ION, 4096);
+        // Opens the ION device, once.
+        EXPECT_EQ(TaskClient(path(), "auxiliary").infer(tensor, tensor, &tensor), KELM_OK);
         m_before = footprint();
         // What the first use has set up comes late, in other threads: warm is what stays as it is.
         for (Footprint last{}; last != m_before; m_before = footprint()) {
@@ -31,21 +31,22 @@ class FaultsTest : public AcceleratorFixture {
             return std::ranges::equal(now, m_before, std::less_equal<>());
         })) << testing::PrintToString(now)
             << " before: " << testing::PrintToString(m_before);
-        EXPECT_THAT(sharedMemoryNames(), testing::IsSubsetOf(m_names));
     }
 
-    // How often a worker was built for the device, or taken away from it.
-    size_t builtCount(const std::string& device) {
-        return logCount("worker(Wt" + device + ") created on device");
+    // Told when a worker was built for the device.
+    static std::string built(const std::string& device) {
+        return "worker(Wt" + device + ") created on device";
     }
-    size_t removedCount(const std::string& device) {
-        return logCount("Old worker(Wt" + device + ") is removed");
+    void plugAnew(const std::string& device) {
+        const size_t before = logCount(built(device));
+        plug(device);
+        EXPECT_TRUE(waitLogCount(built(device), before + 1)) << lastLines();
     }
-    bool waitBuilt(const std::string& device, size_t before) {
-        return waitWithEvents([&] { return builtCount(device) > before; });
-    }
-    bool waitRemoved(const std::string& device, size_t before) {
-        return waitWithEvents([&] { return removedCount(device) > before; });
+    void unplug(const std::string& device) {
+        const std::string removed = "Old worker(Wt" + device + ") is removed";
+        const size_t before = logCount(removed);
+        EXPECT_TRUE(host().unplug(device));
+        EXPECT_TRUE(waitLogCount(removed, before + 1)) << lastLines();
     }
 
  private:
@@ -61,19 +62,8 @@ class FaultsTest : public AcceleratorFixture {
         }
         return {descriptors(), threads(), mappings};
     }
-    // Without those of other clients on the machine and of the cases that run beside this one.
-    static std::set<std::string> sharedMemoryNames() {
-        std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-            const std::string name = entry.path().filename();
-            const bool isOurs = name.starts_with(SharedTensor::namePrefix());
-            if (isOurs || !name.starts_with("kelm")) names.insert(name);
-        }
-        return names;
-    }
 
     Footprint m_before;
-    std::set<std::string> m_names;
 };
 
 // At once where another device is there, or else on one that comes later.
@@ -82,31 +72,27 @@ TEST_F(FaultsTest, RefusedLoadIsTriedOnAnotherDevice) {
     plug("1.1");
     plug("1.2");
     startWarm();
-    const size_t lost = builtCount("1.1");
+    const size_t lost = logCount(built("1.1"));
     for (const char* order :
          {"fail 1.1 qxGraphAllocate -3", "fail 1.1 qxFifoAllocate -10", kLosing}) {
         SCOPED_TRACE(order);
         host().order(order);
         if (order != kLosing) {  // that one would leave no device for the second half
             const size_t refused = logCount("failed, device=1.1");
-            TensorLoad early(path(), plan("early", {order}));
+            TensorLoad early(path(), {.name = "early", .graphs = {order}});
             ASSERT_TRUE(early.getsOn()) << lastLines();
             ASSERT_TRUE(waitLogCount("failed, device=1.1", refused + 1)) << lastLines();
             EXPECT_EQ(early.finish(), "");
         }
-        const size_t removed = removedCount("1.2");
-        const size_t built = builtCount("1.2");
-        ASSERT_TRUE(host().unplug("1.2"));
-        ASSERT_TRUE(waitRemoved("1.2", removed));
+        unplug("1.2");
         const size_t refused = logCount("failed, device=1.1");
-        TensorLoad late(path(), plan("late", {order}));
+        TensorLoad late(path(), {.name = "late", .graphs = {order}});
         ASSERT_TRUE(waitLogCount("failed, device=1.1", refused + 1));
-        plug("1.2");
-        ASSERT_TRUE(waitBuilt("1.2", built));
+        plugAnew("1.2");
         ASSERT_TRUE(late.getsOn()) << lastLines();
         EXPECT_EQ(late.finish(), "");
     }
-    EXPECT_TRUE(waitBuilt("1.1", lost));
+    EXPECT_TRUE(waitLogCount(built("1.1"), lost + 1));
     EXPECT_EQ(eventCount("reset 1.1"), 1U);
     expectNothingLeft();
 }
@@ -127,33 +113,23 @@ TEST_F(FaultsTest, TasksOfALostDeviceGoOnElsewhere) {
             ASSERT_TRUE(first.getsOn()) << lastLines();
             ASSERT_TRUE(second.getsOn()) << lastLines();
             const size_t resets = eventCount("reset 1.1");
-            const size_t built = builtCount("1.1");
+            const size_t before = logCount(built("1.1"));
             host().order(std::string("fail 1.1 ") + fault + " 1");
             ASSERT_TRUE(waitEvent("reset 1.1", resets + 1)) << lastLines();
-            ASSERT_TRUE(waitBuilt("1.1", built)) << lastLines();
+            ASSERT_TRUE(waitLogCount(built("1.1"), before + 1)) << lastLines();
             EXPECT_EQ(eventCount("reset 1.1"), resets + 1);
         }
         host().order("");
         const size_t resets = eventCount("reset 1.1");
-        const size_t removed = removedCount("1.1");
-        const size_t built = builtCount("1.1");
-        ASSERT_TRUE(host().unplug("1.1"));
-        ASSERT_TRUE(waitRemoved("1.1", removed)) << lastLines();
+        unplug("1.1");
         ASSERT_TRUE(first.getsOn()) << lastLines();
-        plug("1.1");
-        ASSERT_TRUE(waitBuilt("1.1", built)) << lastLines();
+        plugAnew("1.1");
         EXPECT_EQ(eventCount("reset 1.1"), resets);
         EXPECT_EQ(first.finish(), "");
         EXPECT_EQ(second.finish(), "");
         expectNothingLeft();
         endService();
     }
-}
-
-TEST_F(FaultsTest, CrashedBootToolIsStartedAgain) {
-    plug("1.1");
-    startService("", {"KELM_BOOT_CRASH=1"});
-    EXPECT_TRUE(waitEvent("boot --auxiliary --recover"));
 }
 
 // The long run of the same is scripts/faults.sh.
@@ -163,24 +139,35 @@ TEST_F(FaultsTest, RandomFaultsCostNoAnswerAndNoDevice) {
     const std::vector<std::string> devices{"1.1", "1.2", "1.3"};
     for (const std::string& device : devices) plug(device);
     startWarm(R"("service_settings": {"max_inference_number": 2})");
-    std::vector<std::future<std::string>> loads;
-    for (const char* name : {"first", "second", "third", "fourth"}) {
-        loads.push_back(checkedLoad(0, std::string("--tasks 1000 --failing --aux --name ") + name));
+    std::string command = "KELM_RUN_DIR=" + service().runDir() +
+                          " " KELM_SIMULATOR_DIR "/kelm-sim-load --tasks 1000 --failing --aux";
+    for (const std::string& graph : twoGraphs("").graphs) {
+        command += " --graph " + service().files().write(graph.substr(graph.size() - 5), graph);
+    }
+    std::vector<std::future<int>> loads;
+    for (const std::string name : {"first", "second", "third", "fourth"}) {
+        loads.push_back(std::async(std::launch::async, [command, name] {
+            return std::system((command + " --name " + name).c_str());
+        }));
     }
     simulator::FaultMix mix(1, devices);
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     for (auto& load : loads) {
-        const auto ended = [&] {
-            return load.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
-        };
-        while (!waitWithEvents(ended, kFaultTime) && std::chrono::steady_clock::now() < limit) {
-            host().order(mix.next());
+        while (load.wait_for(kFaultTime) != std::future_status::ready) {
+            waitWithEvents([] { return true; });
+            host().order(std::chrono::steady_clock::now() < limit ? mix.next() : "");
         }
-        EXPECT_EQ(resultOf(load), "");
+        EXPECT_EQ(load.get(), 0);
     }
     host().order("");
     EXPECT_TRUE(waitWithEvents([&] { return status().devices.size() == devices.size(); }));
     expectNothingLeft();
+}
+
+TEST_F(FaultsTest, CrashedBootToolIsStartedAgain) {
+    plug("1.1");
+    startService("", {"KELM_BOOT_CRASH=1"});
+    EXPECT_TRUE(waitEvent("boot --auxiliary --recover"));
 }
 
 // How a device falls silent.
@@ -203,36 +190,21 @@ class HangTest : public FaultsTest, public ::testing::WithParamInterface<Hang> {
         return row.failing.empty() ? orders
                                    : orders + "\nfail " + device + " " + row.failing + " -6";
     }
-    // The one of the subclass that has another graph or none.
-    std::string deviceWithout(const std::string& graph, int subclass) {
-        for (const client::DeviceStatus& row : status().devices) {
-            if (row.subclass == subclass && row.graph != graph) return row.name;
-        }
-        return "none";
-    }
-    // A status query tells of the other devices at least.
-    void expectStatusWithout(const std::string& device) {
-        std::set<std::string> missing{"1.1", "1.2", "1.3"};
-        missing.erase(device);
-        TopProcess top;
-        for (const std::string& name : missing) EXPECT_TRUE(top.shows(name)) << name;
-        top.type("q");
-        EXPECT_EQ(top.wait(), 0);
-        for (const client::DeviceStatus& row : status().devices) missing.erase(row.name);
-        EXPECT_EQ(missing, std::set<std::string>());
-    }
 };
 
 TEST_P(HangTest, OthersGoOnBesideASilentDevice) {
     for (const char* device : {"1.1", "1.2"}) plug(device);
     host().plug("1.3", 1);
     startService(R"("scheduler_config": [{"subclass": 0, "stream_device_number": 1}])");
-    TensorLoad neighbour(path(), plan("neighbour", {"stream"}), {0, "camera"});
-    TensorLoad stranger(path(), plan("stranger", {"other"}), {1, ""});
+    TensorLoad neighbour(path(), {.name = "neighbour", .graphs = {"stream"}}, {.stream = "camera"});
+    TensorLoad stranger(path(), {.name = "stranger", .graphs = {"other"}}, {.subclass = 1});
     ASSERT_TRUE(neighbour.getsOn()) << lastLines();
     ASSERT_TRUE(stranger.getsOn()) << lastLines();
-    const std::string device = deviceWithout("neighbour", 0);
-
+    const auto rows = status().devices;
+    const auto silent = std::ranges::find_if(
+        rows, [](const auto& row) { return row.subclass == 0 && row.graph != "neighbour"; });
+    ASSERT_NE(silent, rows.end());
+    const std::string device = silent->name;
     if (GetParam().when == Hang::kBeforeLoad) host().order(ordersFor(device));
     TensorLoad victim(path(), twoGraphs("victim"));
     ASSERT_TRUE(GetParam().when == Hang::kBeforeLoad || victim.getsOn());
@@ -244,9 +216,11 @@ TEST_P(HangTest, OthersGoOnBesideASilentDevice) {
     ASSERT_TRUE(waitEvent("hang " + device + " " + GetParam().function)) << lastLines();
     ASSERT_TRUE(neighbour.getsOn());
     ASSERT_TRUE(stranger.getsOn());
-    TensorLoad newcomer(path(), plan("newcomer", {"new"}), {1, ""});
+    TensorLoad newcomer(path(), {.name = "newcomer", .graphs = {"new"}}, {.subclass = 1});
     ASSERT_TRUE(newcomer.getsOn());
-    expectStatusWithout(device);
+    std::set<std::string> missing{"1.1", "1.2", "1.3"};
+    for (const client::DeviceStatus& row : status().devices) missing.erase(row.name);
+    EXPECT_THAT(missing, testing::IsSubsetOf({device}));
     victim.hangUp();
     ASSERT_TRUE(neighbour.getsOn());
     EXPECT_EQ(newcomer.finish(), "");

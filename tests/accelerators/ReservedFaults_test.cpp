@@ -3,43 +3,36 @@
 namespace kelm {
 namespace {
 
-// Devices that are reserved and fail, and that their reset does not take off the bus.
-class ReservedFaultsTest : public AcceleratorFixture {
- protected:
-    void startReserved(const std::string& reservation) {
-        plug("1.1");
-        plug("1.2");
-        startService(R"("scheduler_config": [{"subclass": 0, )" + reservation + "}]");
-    }
-};
+using ReservedFaultsTest = AcceleratorFixture;
 
 TEST_F(ReservedFaultsTest, TasksGoOnElsewhereWhenADeviceFailsAndStays) {
     const struct {
         const char* reservation;
-        TensorPlan tensors;
-    } rows[] = {{R"("stream_device_number": 2)", {0, "camera"}},
-                {R"("graph_tag_map": {"one": 1, "two": 1})", {0, "", {}, "one"}}};
-    for (const auto& [reservation, tensors] : rows) {
-        for (const std::string fault : {"qxFifoGetOption -6", "qxFifoReadElem -2"}) {
-            SCOPED_TRACE(reservation + (" " + fault));
-            startReserved(reservation);
-            TensorLoad load(path(), plan("client", {"graph"}), tensors);
-            ASSERT_TRUE(load.getsOn()) << lastLines();
-            host().order("fail * qxDeviceHWReset -1\nfail * " + fault + " 1");
-            ASSERT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();
-            ASSERT_TRUE(load.getsOn()) << lastLines();
-            EXPECT_EQ(load.finish(), "");
-            EXPECT_EQ(logCount("Old worker"), 0U) << "it has left the bus";
-            host().order("");
-            endService();
-        }
+        GraphWish wish;
+    } rows[] = {{R"("stream_device_number": 2)", {.stream = "camera"}},
+                {R"("graph_tag_map": {"one": 1, "two": 1})", {.tag = "one"}}};
+    for (const auto& [reservation, wish] : rows) {
+        SCOPED_TRACE(reservation);
+        plug("1.1");
+        plug("1.2");
+        startService(R"("scheduler_config": [{"subclass": 0, )" + std::string(reservation) + "}]");
+        TensorLoad load(path(), {.name = "client", .graphs = {"graph"}}, wish);
+        ASSERT_TRUE(load.getsOn()) << lastLines();
+        host().order("fail * qxDeviceHWReset -1\nfail * qxFifoReadElem -2 1");
+        ASSERT_TRUE(waitLogCount("is lost, it gets no more graphs", 1)) << lastLines();
+        ASSERT_TRUE(load.getsOn()) << lastLines();
+        EXPECT_EQ(load.finish(), "");
+        host().order("");
+        endService();
     }
 }
 
 // One device takes the graph and fails while the pass waits for the other, which refuses it.
 TEST_F(ReservedFaultsTest, CreateWhoseDeviceDiesBeforeThePassEndsIsAnswered) {
     constexpr int kRefused = -3;
-    startReserved(R"("graph_tag_map": {"one": 2})");
+    plug("1.1");
+    plug("1.2");
+    startService(R"("scheduler_config": [{"subclass": 0, "graph_tag_map": {"one": 2}}])");
     host().order(
         "fail 1.1 qxDeviceHWReset -1\n"
         "slow 1.2 qxGraphAllocate 3000 1\n"

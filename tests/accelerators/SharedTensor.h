@@ -30,7 +30,7 @@ class SharedTensor : public NonCopyable {
         m_data = static_cast<uint8_t*>(data);
     }
     ~SharedTensor() {
-        if (m_data != nullptr) ::munmap(m_data, m_size);
+        ::munmap(m_data, m_size);
         if (isNamed()) ::shm_unlink(m_name.c_str());
     }
 
@@ -38,7 +38,6 @@ class SharedTensor : public NonCopyable {
     static std::string namePrefix() { return "kelm-test-" + std::to_string(::getpid()) + "-"; }
 
     std::span<uint8_t> bytes() { return {m_data, m_size}; }
-    bool isNamed() const { return m_type == KELM_BUFFER_SHARE_MEMORY; }
     // What it is called where a process has it mapped, reached by name or not.
     const std::string& name() const { return m_name; }
     // Takes memory back, or gives it; a touch of what was taken is a signal.
@@ -47,8 +46,10 @@ class SharedTensor : public NonCopyable {
             throw std::runtime_error("no memory of that size");
         }
     }
-    // Whether the name still leads to it: only this object takes it away.
-    bool hasItsName() const { return ::access(("/dev/shm" + m_name).c_str(), F_OK) == 0; }
+    // Whether the name, if it has one, still leads to it: only this object takes it away.
+    bool isReachable() const {
+        return !isNamed() || ::access(("/dev/shm" + m_name).c_str(), F_OK) == 0;
+    }
 
     // Tells the request of it, in the buffer of the role.
     void attach(KelmMsgReqInferTask& request, KelmFdRole role, std::vector<int>& fds) const {
@@ -67,6 +68,8 @@ class SharedTensor : public NonCopyable {
     }
 
  private:
+    bool isNamed() const { return m_type == KELM_BUFFER_SHARE_MEMORY; }
+
     const KelmBufferType m_type;
     const size_t m_size;
     std::string m_name;

@@ -86,12 +86,10 @@ TEST_F(PendingCallsTest, ClosedTableEndsItsCallsAndTakesNoMore) {
     ErrorKind kind = ErrorKind::kNone;
     ASSERT_TRUE(m_calls.addCall(2, "a call", Clock::now() + kNever,
                                 [&](const MessagePtr&, const Error& end) { kind = end.kind(); }));
-    m_calls.closeAll(Error::connectionLost());
+    for (int i = 0; i < 2; ++i) m_calls.closeAll(Error::connectionLost());
     EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kConnectionLost));
     EXPECT_EQ(kind, ErrorKind::kConnectionLost);
     EXPECT_FALSE(addInfer(3));
-    m_calls.closeAll(Error::connectionLost());
-    EXPECT_EQ(kinds().size(), 1U);
 }
 
 TEST_F(PendingCallsTest, CallbackMaySubmit) {

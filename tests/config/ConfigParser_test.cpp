@@ -6,24 +6,12 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 // A parser over files written for the test, the last one on top.
 class ConfigParserTest : public ::testing::Test {
  protected:
-    ConfigParserTest() { ::testing::internal::CaptureStdout(); }
-    ~ConfigParserTest() override { (void)::testing::internal::GetCapturedStdout(); }
-
     bool load(const std::string& text) {
         return m_parser.appendConfigFile(m_dir.write("file" + std::to_string(m_files++), text),
                                          true);
-    }
-    // All that was logged since the last call.
-    std::string log() {
-        const std::string text = ::testing::internal::GetCapturedStdout();
-        ::testing::internal::CaptureStdout();
-        return text;
     }
 
     const TempDir& m_dir = installDir();
@@ -39,7 +27,6 @@ TEST_F(ConfigParserTest, BadValuesFallThroughToOlderFiles) {
     EXPECT_EQ(m_parser.parseDoubleFromConfigList("a.real", 1.0), 0.5);
     EXPECT_EQ(m_parser.parseIntegerFromConfigList("a.kept", 1), 9);
     EXPECT_EQ(m_parser.parseStringFromConfigList("a.number", ""), "five");
-    EXPECT_THAT(log(), Not(HasSubstr("Error")));
 }
 
 TEST_F(ConfigParserTest, CommentsAreCutAndOnlyTheTextOnTurnsASwitchOn) {
@@ -61,31 +48,26 @@ TEST_F(ConfigParserTest, UnusableFilesStayOffTheStack) {
     const struct {
         const char* what;
         std::string text;
-        const char* complaint;  // null: it is taken
+        bool isUsable;
     } rows[] = {
-        {"slashes in a text", R"({"a": "http://host"})", "is not in json format"},
-        {"nothing", "", "is not in json format"},
-        {"torn", R"({"a": 1)", "is not in json format"},
-        {"no key", "{}", "is empty"},
-        {"comments", "// nothing but this\n{ // and this\n}", "is empty"},
-        {"64 levels", nested(64), nullptr},
-        {"65 levels", nested(65), "has more than 64 levels"},
-        {"brackets in a text", "{\"c\": \"\\\"" + std::string(70, '[') + "\"}", nullptr},
-        {"enough to end the process", std::string(1 << 20, '['), "has more than 64 levels"},
-        {"1 MB", longest, nullptr},
-        {"more than 1 MB", longest + " ", "is larger than 1048576 bytes"},
+        {"slashes in a text", R"({"a": "http://host"})", false},
+        {"nothing", "", false},
+        {"torn", R"({"a": 1)", false},
+        {"no key", "{}", false},
+        {"comments", "// nothing but this\n{ // and this\n}", false},
+        {"64 levels", nested(64), true},
+        {"65 levels", nested(65), false},
+        {"brackets in a text", "{\"c\": \"\\\"" + std::string(70, '[') + "\"}", true},
+        {"enough to end the process", std::string(1 << 20, '['), false},
+        {"1 MB", longest, true},
+        {"more than 1 MB", longest + " ", false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        const std::string path = m_dir.path() + "/file" + std::to_string(m_files);
-        EXPECT_EQ(load(row.text), row.complaint == nullptr);
-        if (row.complaint == nullptr) continue;
-        EXPECT_THAT(log(), HasSubstr("Error: config file '" + path + "' " + row.complaint));
+        EXPECT_EQ(load(row.text), row.isUsable);
     }
     EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/none", true));
-    EXPECT_FALSE(m_parser.appendConfigFile(m_dir.path() + "/silent", false));
     EXPECT_EQ(m_parser.parseIntegerFromConfigList("a", 7), 7);
-    EXPECT_THAT(log(), AllOf(HasSubstr("/none' is not exist"), Not(HasSubstr("/silent"))));
 }
 
 TEST_F(ConfigParserTest, SubclassElementsAreLookedUpFileByFile) {
@@ -98,7 +80,6 @@ TEST_F(ConfigParserTest, SubclassElementsAreLookedUpFileByFile) {
         EXPECT_EQ(m_parser.parseIntegerFromConfigListWithSubclass("s", "k", subclass, -1),
                   values[subclass]);
     }
-    EXPECT_THAT(log(), HasSubstr("Error: invalid value type, path=s.k subclass=1"));
 }
 
 TEST_F(ConfigParserTest, TagMapsAreReadUpToTheirFirstBadValue) {
@@ -115,7 +96,6 @@ TEST_F(ConfigParserTest, TagMapsAreReadUpToTheirFirstBadValue) {
         EXPECT_EQ(m_parser.parseTagMapFromConfigList("s", "tags", subclass, tags), subclass != 1);
         EXPECT_EQ(tags, expected[subclass]);
     }
-    EXPECT_THAT(log(), HasSubstr("Error: invalid key-value pair, subclass=1 key=bad"));
 }
 
 TEST_F(ConfigParserTest, InvalidFirmwareIsLeftOut) {
@@ -143,20 +123,11 @@ TEST_F(ConfigParserTest, InvalidFirmwareIsLeftOut) {
 
 TEST_F(ConfigParserTest, EachLogSwitchSetsItsLevel) {
     EXPECT_EQ(getLogLevel(&m_parser), 0xCCU);
-    const struct {
-        const char* key;
-        unsigned int bit;
-    } rows[] = {{"log_process", 0x01},  {"log_debug", 0x02}, {"log_info", 0x04}, {"log_warn", 0x08},
-                {"log_frequent", 0x10}, {"log_error", 0x40}, {"log_fatal", 0x80}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.key);
-        const bool isOn = (0xCCU & row.bit) != 0;
-        ConfigParser parser;
-        const std::string text = std::string(R"({"log_level": {")") + row.key + R"(": ")" +
-                                 (isOn ? "off" : "on") + "\"}}";
-        ASSERT_TRUE(parser.appendConfigFile(m_dir.write("log", text), true));
-        EXPECT_EQ(getLogLevel(&parser), 0xCCU ^ row.bit);
-    }
+    ASSERT_TRUE(load(R"({"log_level": {"log_info": "off", "log_error": "off",
+        "log_process": "on", "log_frequent": "on"}})"));
+    EXPECT_EQ(getLogLevel(&m_parser), 0x99U);
+    ASSERT_TRUE(load(R"({"log_level": {"log_fatal": "off", "log_debug": "on"}})"));
+    EXPECT_EQ(getLogLevel(&m_parser), 0x1BU);
 }
 
 }  // namespace

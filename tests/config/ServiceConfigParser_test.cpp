@@ -40,16 +40,6 @@ TEST(ServiceConfigParserTest, ShippedFileAndManualHaveEveryKeyWithItsDefault) {
     EXPECT_TRUE(parser.appendConfigFile(installDir().write("shipped", shipped), true));
 }
 
-// The JSON file that sets one dotted key, below the element of subclass 0 for the scheduler's keys.
-std::string fileWith(const std::string& key, const std::string& json) {
-    const size_t dot = key.find('.');
-    if (dot == std::string::npos) return "{\"" + key + "\": " + json + "}";
-    const std::string rest = fileWith(key.substr(dot + 1), json);
-    if (!key.starts_with("scheduler_config"))
-        return "{\"" + key.substr(0, dot) + "\": " + rest + "}";
-    return "{\"scheduler_config\": [{\"subclass\": 0, " + rest.substr(1) + "]}";
-}
-
 template <auto Getter>
 std::string show(const Parser& parser) {
     if constexpr (std::is_invocable_v<decltype(Getter), const Parser&, int>) {
@@ -61,35 +51,37 @@ std::string show(const Parser& parser) {
 
 TEST(ServiceConfigParserTest, UsableValuesOfANewerFileReplaceTheDefaults) {
     const struct {
-        const char* key;
         std::string (*show)(const Parser& parser);
         const char* byDefault;
         const char* json;  // in the newer file
         const char* value;
     } rows[] = {
-        {"service_settings.wait_seconds_before_exit", show<&Parser::getWaitSecondsBeforeExit>, "-1",
-         "6", "6"},
-        {"fake_device_settings.latency_distribution_stddev",
-         show<&Parser::getFakeDeviceLatencyStddev>, "1", "2.5", "2.5"},
-        {"debug_settings.debug_service", show<&Parser::isDebugServiceEnabled>, "true", "false",
+        {show<&Parser::getWaitSecondsBeforeExit>, "-1",
+         R"({"service_settings": {"wait_seconds_before_exit": 6}})", "6"},
+        {show<&Parser::getFakeDeviceLatencyStddev>, "1",
+         R"({"fake_device_settings": {"latency_distribution_stddev": 2.5}})", "2.5"},
+        {show<&Parser::isDebugServiceEnabled>, "true",
+         R"({"debug_settings": {"debug_service": false}})", "false"},
+        {show<&Parser::isDumpGraphEnabled>, "false", R"({"debug_settings": {"dump_graph": "on"}})",
+         "true"},
+        {show<&Parser::isDumpGraphEnabled>, "false", R"({"debug_settings": {"dump_graph": true}})",
          "false"},
-        {"debug_settings.dump_graph", show<&Parser::isDumpGraphEnabled>, "false", "\"on\"", "true"},
-        {"debug_settings.dump_graph", show<&Parser::isDumpGraphEnabled>, "false", "true", "false"},
-        {"service_settings.task_scheduler", show<&Parser::getTaskScheduler>, "\"polling\"",
-         "\"other\"", "\"other\""},
-        {"scheduler_config.max_graph_per_device", show<&Parser::getMaxGraphNumPerDevice>, "2", "9",
-         "9"},
-        {"device_settings.device_vid", show<&Parser::getDeviceVid>, "31826", "\"0x1F\"", "31"},
-        {"device_settings.device_vid", show<&Parser::getDeviceVid>, "31826", "\"zorvan\"", "0"},
-        {"device_settings.device_pid", show<&Parser::getDevicePid>, "57754", "\"0x123456789\"",
+        {show<&Parser::getTaskScheduler>, "\"polling\"",
+         R"({"service_settings": {"task_scheduler": "other"}})", "\"other\""},
+        {show<&Parser::getMaxGraphNumPerDevice>, "2",
+         R"({"scheduler_config": [{"subclass": 0, "max_graph_per_device": 9}]})", "9"},
+        {show<&Parser::getDeviceVid>, "31826", R"({"device_settings": {"device_vid": "0x1F"}})",
+         "31"},
+        {show<&Parser::getDeviceVid>, "31826", R"({"device_settings": {"device_vid": "zorvan"}})",
          "0"},
+        {show<&Parser::getDevicePid>, "57754",
+         R"({"device_settings": {"device_pid": "0x123456789"}})", "0"},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.key) + " " + row.json);
+        SCOPED_TRACE(row.json);
         Parser parser;
         EXPECT_EQ(row.show(parser), row.byDefault);
-        const std::string newer = installDir().write("newer", fileWith(row.key, row.json));
-        ASSERT_TRUE(parser.appendConfigFile(newer, true));
+        ASSERT_TRUE(parser.appendConfigFile(installDir().write("newer", row.json), true));
         EXPECT_EQ(row.show(parser), row.value);
     }
 }
@@ -98,10 +90,11 @@ TEST(ServiceConfigParserTest, UsersOwnFileCannotWidenTheAccess) {
     const TempDir home;
     Parser parser;
     EXPECT_EQ(parser.getValidUserGroup(), "users");
-    const std::string key = "security_settings.user_group";
-    ASSERT_TRUE(
-        parser.appendConfigFile(installDir().write("base", fileWith(key, "\"staff\"")), true));
-    ASSERT_TRUE(parser.appendConfigFile(home.write("own", fileWith(key, "\"everyone\"")), false));
+    const auto fileOf = [](const TempDir& directory, const std::string& group) {
+        return directory.write("own", R"({"security_settings": {"user_group": ")" + group + "\"}}");
+    };
+    ASSERT_TRUE(parser.appendConfigFile(fileOf(installDir(), "staff"), true));
+    ASSERT_TRUE(parser.appendConfigFile(fileOf(home, "everyone"), false));
     EXPECT_EQ(parser.getValidUserGroup(), "staff");
 }
 

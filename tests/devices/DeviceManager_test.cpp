@@ -5,7 +5,7 @@
 namespace kelm {
 namespace {
 
-using ::testing::AnyOf;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::HasSubstr;
@@ -116,12 +116,11 @@ TEST_F(DeviceManagerTest, PlugEventsOfADeviceActInTheirOrder) {
     m_devices["a"].release(DeviceCall::Open);
     EXPECT_TRUE(hasCalled("a", DeviceCall::Open, 2));
     ASSERT_TRUE(hasWorkers(1));
+    EXPECT_THAT(print(), HasSubstr("| resetTimes  | 1 "));
     plugOut("b");  // has no worker: not counted
     plugIn("b");
     ASSERT_TRUE(hasWorkers(2));
-    EXPECT_THAT(print(),
-                AnyOf(HasSubstr("| resetTimes  | 1                 | 0                 |"),
-                      HasSubstr("| resetTimes  | 0                 | 1                 |")));
+    EXPECT_THAT(print(), ContainsRegex("resetTimes  [|] (1 +[|] 0|0 +[|] 1) "));
     EXPECT_TRUE(m_manager->stop());
     EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 2);
 }
@@ -177,14 +176,12 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
     m_devices["a"].block(DeviceCall::Allocate);
     m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(hasCalled("a", DeviceCall::Allocate, 1));
-    const std::string text = print();
-    EXPECT_THAT(text, HasSubstr("| status      | LOAD_GRAPH        |"));  // of the first slot
-    EXPECT_THAT(text, HasSubstr("| status      | WAIT_GRAPH        |"));
+    EXPECT_THAT(print(), HasSubstr("| LOAD_GRAPH "));
     EXPECT_THAT(query().deviceGraphNames, ElementsAre(graph->getName()));
     for (int call = 0; call < 2; ++call) EXPECT_FALSE(m_manager->stop());
     EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "its scheduler may still use the worker";
     EXPECT_THAT(m_collector.listeners(), IsEmpty());
-    EXPECT_THAT(print(), HasSubstr("DeviceFps(count=0):"));
+    EXPECT_THAT(print(), ::testing::EndsWith("DeviceUtilization(count=0):\n\n"));
     EXPECT_THAT(query().deviceNames, IsEmpty());
     m_manager.reset();
     m_devices["a"].release(DeviceCall::Allocate);
@@ -214,7 +211,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersLetsTheWorkersOfOthersBeDestroye
     uint32_t idOfA = 0;
     while (!m_manager->hasDevice(idOfA)) ++idOfA;
     m_devices["a"].block(DeviceCall::Reset);
-    for (int reset = 0; reset < 300; ++reset) resetDevice(idOfA);
+    for (int i = 0; i < 300; ++i) m_manager->enqueueResetDevice(makeResetRequest(idOfA));
     ASSERT_TRUE(hasCalled("a", DeviceCall::Reset, 1));
     plugOut("a");
     plugOut("b");

@@ -1,9 +1,5 @@
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "config/ServiceConfigParser.h"
 #include "devices/DeviceManager.h"
 #include "execution/ResultSink.h"
@@ -70,7 +66,6 @@ class DevicesRig : public ::testing::Test {
     }
     void plugIn(const std::string& name) { EXPECT_TRUE(m_manager->enqueuePluginDevice(0, name)); }
     void plugOut(const std::string& name) { EXPECT_TRUE(m_manager->enqueuePlugoutDevice(0, name)); }
-    void resetDevice(uint32_t id) { m_manager->enqueueResetDevice(makeResetRequest(id)); }
     bool hasWorkers(uint64_t number) {
         return eventually([&] { return m_manager->getWorkerNum() == number; });
     }

@@ -2,7 +2,9 @@
 #include <future>
 
 #include "ZorvanFixture.h"
+#include "execution/QueueLedger.h"
 #include "fakes/Eventually.h"
+#include "records/BufferAllocator.h"
 
 namespace kelm {
 
@@ -39,40 +41,35 @@ class KelmZorvanTaskTest : public ZorvanFixture {
 
 TEST_F(KelmZorvanTaskTest, BuffersDecideOnThePath) {
     const struct {
-        bool isSystem, ionInput, ionOutput, auxWanted, ionAux;
+        const char* container;
+        const char* buffers;  // input, output and auxiliary one: by descriptor, by name or none
         const char* write;
         const char* read;
-        int imported;  // buffers that are mapped by the ION device
     } rows[] = {
-        {false, true, true, false, false, "qxFifoWriteIonElem", "qxFifoReadIonElem", 0},
-        {false, true, true, true, true, "qxFifoWriteIonElem", "qxFifoReadIonElem", 1},
-        {false, true, true, true, false, "qxFifoWriteIonElem", "qxFifoReadElem", 1},
-        {false, false, true, false, false, "qxFifoWriteElem", "qxFifoReadIonElem", 0},
-        {false, true, false, false, false, "qxFifoWriteIonElem", "qxFifoReadElem", 0},
-        {true, true, true, false, false, "qxFifoWriteElem", "qxFifoReadElem", 2},
+        {"default", "dd-", "qxFifoWriteIonElem", "qxFifoReadIonElem"},
+        {"default", "ddd", "qxFifoWriteIonElem", "qxFifoReadIonElem"},
+        {"default", "ddn", "qxFifoWriteIonElem", "qxFifoReadElem"},
+        {"default", "nd-", "qxFifoWriteElem", "qxFifoReadIonElem"},
+        {"default", "dn-", "qxFifoWriteIonElem", "qxFifoReadElem"},
+        {"system", "dd-", "qxFifoWriteElem", "qxFifoReadElem"},
+    };
+    const auto make = [this](char kind, const char* content) {
+        return kind == '-' ? KelmBuffer{} : kind == 'd' ? ion(content) : shared(content);
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << &row - rows);
-        open(row.isSystem ? R"("tensor_container": "system")" : R"("tensor_container": "default")",
-             0, 60000);
+        SCOPED_TRACE(row.container + std::string(row.buffers));
+        open(R"("tensor_container": ")" + std::string(row.container) + "\"", 0, 60000);
         load();
-        const int handles = tevo.live();
-        KelmTask* const task = addTask(
-            row.ionInput ? ion("abcd") : shared("abcd"),
-            row.ionOutput ? ion("....") : shared("...."),
-            row.auxWanted ? wanted(row.ionAux ? ion("....") : shared("...."), 0) : KelmBuffer{});
+        KelmBuffer aux = make(row.buffers[2], "....");
+        aux.auxRequested = row.buffers[2] != '-' ? 1 : 0;
+        KelmTask* const task =
+            addTask(make(row.buffers[0], "abcd"), make(row.buffers[1], "...."), aux);
         ASSERT_EQ(run(task), 0);
         std::vector<std::string> calls = tevo.takeCalls();
         std::erase_if(calls, [](const std::string& name) { return name.starts_with("ion_"); });
         EXPECT_THAT(
             calls, ElementsAre("qxFifoGetOption(7)", row.write, "qxGraphQueueInference", row.read));
-        KelmTaskParam& param = *task->getTaskParam();
-        EXPECT_EQ(param.getInputBuffer().buffer != 0, row.write == std::string("qxFifoWriteElem"));
-        EXPECT_EQ(param.getOutputBuffer().buffer != 0, row.read == std::string("qxFifoReadElem"));
         EXPECT_EQ(outputOf(task), resultOf("abcd"));
-        EXPECT_EQ(tevo.live(), handles + row.imported);
-        tasks.clear();
-        EXPECT_EQ(tevo.live(), handles);
     }
 }
 
@@ -97,15 +94,14 @@ TEST_F(KelmZorvanTaskTest, RefusedBuffersDoNotReachTheDevice) {
         {unknown, ion("...."), none, KELM_ERROR_MAP_INPUT_FAILED},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.expected);
+        SCOPED_TRACE(&row - rows);
         EXPECT_EQ(first->loadTensor(addTask(row.input, row.output, row.aux)), row.expected);
-        for (const char* write : {"qxFifoWriteElem", "qxFifoWriteIonElem"}) {
-            EXPECT_EQ(tevo.count(write), 0);
-        }
     }
     tevo.order("lie 1.2 qxFifoGetOption -16");
     EXPECT_EQ(first->loadTensor(ionTask()), KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH);
-    EXPECT_EQ(tevo.count("qxDeviceHWReset"), 0);
+    for (const char* call : {"qxFifoWriteElem", "qxFifoWriteIonElem", "qxDeviceHWReset"}) {
+        EXPECT_EQ(tevo.count(call), 0) << call;
+    }
 }
 
 TEST_F(KelmZorvanTaskTest, NamedMemoryIsMappedAsTheSenderOfTheTaskMayUseIt) {
@@ -127,6 +123,22 @@ TEST_F(KelmZorvanTaskTest, NamedMemoryIsMappedAsTheSenderOfTheTaskMayUseIt) {
         EXPECT_EQ(run(task), row.expected);
     }
     EXPECT_EQ(outputOf(tasks.back().get()), resultOf("abcd")) << "not one that found no place";
+}
+
+TEST_F(KelmZorvanTaskTest, BuffersThatIonCannotMapCostTheirTasks) {
+    open(R"("tensor_container": "system")");
+    load();
+    tevo.order("fail - ion_import -1");
+    const KelmBuffer aux = wanted(ion("...."), 1);
+    EXPECT_EQ(run(addTask(ion("abcd"), shared("...."))), KELM_ERROR_MAP_INPUT_FAILED);
+    EXPECT_EQ(run(addTask(shared("abcd"), ion("...."))), KELM_ERROR_MAP_OUTPUT_FAILED);
+    EXPECT_EQ(run(addTask(shared("abcd"), shared("...."), aux)), KELM_ERROR_MAP_AUX_FAILED);
+    EXPECT_EQ(run(namedTask("abcd")), 0);
+    IonLibrary::install(nullptr);
+    BufferAllocator withoutLibrary;
+    KelmBuffer buffer = ion("abcd");
+    EXPECT_EQ(withoutLibrary.import(buffer.fd, &buffer), KELM_ERROR_BUFFER_ALLOC_FAILED);
+    EXPECT_EQ(withoutLibrary.free(&buffer), 0);
 }
 
 TEST_F(KelmZorvanTaskTest, HardwareErrorOfAnyStepResetsOnce) {
@@ -204,7 +216,14 @@ TEST_F(KelmZorvanTaskTest, FailedReadDoesNotShiftResults) {
     EXPECT_EQ(tevo.count("qxGraphDestroy"), 0);
 }
 
+// Those that nobody waits for; a result that another task awaits is handed on.
 TEST_F(KelmZorvanTaskTest, ResultsOfOthersStayOutOfABuffer) {
+    KelmTask* const one = namedTask("1111");
+    KelmTask* const two = namedTask("2222");
+    ASSERT_EQ(first->loadTensor(one), 0);
+    ASSERT_EQ(first->loadTensor(two), 0);
+    expectResult(two, "1111");
+    expectResult(one, "2222");
     fail("1.2 qxFifoReadElem", kRefused);
     EXPECT_EQ(run(namedTask("1111")), kRefused);
     KelmTask* const curious = namedTask("2222");
@@ -222,11 +241,13 @@ TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
     for (const std::string& fault : {std::string("lose 1.2 qxFifoReadElem -5 1"),
                                      std::string("fail 1.2 qxFifoReadElem -5 1"), inference}) {
         SCOPED_TRACE(fault);
+        const int destroyed = tevo.count("qxGraphDestroy");
         for (int i = 0; i < 20; ++i) {
             tevo.order(fault + (i > 0 && fault == inference ? " 2" : ""));
             EXPECT_EQ(run(namedTask("1111")), kRefused);
         }
         expectRun("2222");
+        EXPECT_TRUE(fault != inference || tevo.count("qxGraphDestroy") == destroyed);
     }
 
     // Where only new queues help and cannot be had, the next task tries again.
@@ -238,6 +259,26 @@ TEST_F(KelmZorvanTaskTest, UnreadResultsLeaveRoomForInputs) {
     tevo.cancelOrders();
     expectRun("3333");
     EXPECT_FALSE(root->isFailed());
+}
+
+// A task's second result may have been its first one: which of the two is left is in doubt.
+TEST(QueueLedgerTest, OnlyNewQueuesHelpWhereAllThatIsLeftIsInDoubt) {
+    const auto ledger = std::make_shared<QueueLedger>(2);
+    const auto feed = [&](unsigned long taskId) {
+        EXPECT_EQ(ledger->getNextStep(), QueueLedger::NextStep::kWrite);
+        ledger->addInput(taskId);
+        EXPECT_EQ(ledger->getNextStep(), QueueLedger::NextStep::kQueueInference);
+        ledger->addInference();
+    };
+    const auto failReading = [&](unsigned long taskId) {
+        feed(taskId);
+        QueueLedger::Turn(ledger, taskId).addFailedReading();
+    };
+    failReading(1);
+    feed(1);
+    EXPECT_EQ(QueueLedger::Turn(ledger, 1).addResult(1), QueueLedger::Outcome::kOwn);
+    failReading(2);
+    EXPECT_EQ(ledger->getNextStep(), QueueLedger::NextStep::kRenew);
 }
 
 // An input waits for room as long as results are awaited, and for no longer.
@@ -262,14 +303,6 @@ TEST_F(KelmZorvanTaskTest, InputWithoutRoomWaitsForTheResults) {
         EXPECT_EQ(load.get(), isReset ? KELM_ERROR_DEVICE_FAILED : 0);
         if (!isReset) expectResult(task, "last");
     }
-}
-
-TEST_F(KelmZorvanTaskTest, ResultOfAnotherTaskIsHandedOn) {
-    KelmTask* const one = namedTask("1111");
-    KelmTask* const two = namedTask("2222");
-    ASSERT_EQ(first->loadTensor(one), 0);
-    ASSERT_EQ(first->loadTensor(two), 0);
-    expectResult(two, "1111");
 }
 
 // Also with a library that tells of more bytes than there was room for.
@@ -355,9 +388,6 @@ TEST_F(KelmZorvanTaskTest, InferenceTimesAreReadOnceInTheirIntervalAndNotTooEarl
         for (int i = 0; i < 2; ++i) EXPECT_EQ(run(ionTask()), 0);
         EXPECT_EQ(tevo.count("qxGraphGetOption(1001)"), before + row.readings);
         EXPECT_EQ(graph->getAvgInferTime(), row.average);
-        ASSERT_EQ(run(addTask(ion("abcd"), ion("...."), wanted(ion("...."), 1))), 0);
-        EXPECT_GT(tevo.count("qxGraphGetOption(1001)"), before + row.readings)
-            << "a client's wish goes beyond the interval";
     }
 }
 

@@ -27,7 +27,7 @@ class KelmZorvanDeviceTest : public ZorvanFixture {
 
 }  // namespace
 
-TEST(KelmZorvanPlatformTest, PlatformIsReadiedBehindItsSettings) {
+TEST(KelmZorvanPlatformTest, PlatformIsReadiedBehindItsSettingsAndReadsTheSizesOfABlob) {
     SimulatedLibraries tevo;
     addTestConfig(R"({"service_settings":
         {"tevo_log_level": 3, "common_timeout": 7, "alloc_graph_timeout": 9}})");
@@ -35,17 +35,12 @@ TEST(KelmZorvanPlatformTest, PlatformIsReadiedBehindItsSettings) {
     EXPECT_THAT(tevo.takeCalls(),
                 ElementsAre("0=3", "qxGlobalSetOption", "2=7", "qxGlobalSetOption", "4=9",
                             "qxGlobalSetOption", "qxPlatformInit"));
-}
-
-TEST(KelmZorvanPlatformTest, SizesAreReadOutOfABlob) {
-    SimulatedLibraries tevo;
     const std::string blob = "KELMSIM input=16 output=40 times=3 debug=5\n";
     size_t result = 0;
     const size_t sizes[] = {16, 40, 12, 5, kThermalStatsSize};
     for (int what = GRAPH_INFO_INPUT; what <= GRAPH_INFO_THERMAL; ++what) {
-        EXPECT_EQ(
-            KelmZorvanDevice::getGraphInfo(blob.data(), blob.size(), KelmGraphInfo(what), result),
-            0);
+        const auto info = KelmGraphInfo(what);
+        EXPECT_EQ(KelmZorvanDevice::getGraphInfo(blob.data(), blob.size(), info, result), 0);
         EXPECT_EQ(result, sizes[what]);
     }
     EXPECT_EQ(KelmZorvanDevice::getGraphInfo("x", 1, KelmGraphInfo(7), result), kRefused);

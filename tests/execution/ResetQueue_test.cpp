@@ -12,25 +12,25 @@ namespace kelm {
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
 
 // The nth reset, from 0, waits until the test lets it go on, and gives n.
 class ResetQueueTest : public testing::Test {
  protected:
-    void make(std::chrono::milliseconds patience) {
-        m_queue.emplace(
-            "device(a)", m_pool,
-            [this] {
-                const int number = m_begun++;
-                m_go.wait();
-                return number;
-            },
-            patience);
+    // With so many requests, of which the first is under way.
+    void start(size_t requests, std::chrono::milliseconds patience = std::chrono::hours(1)) {
+        const auto reset = [this] {
+            const int number = m_begun++;
+            m_go.wait();
+            return number;
+        };
+        m_queue.emplace("device(a)", m_pool, reset, patience);
+        for (size_t i = 0; i < requests; ++i) enqueue(static_cast<int>(i));
+        EXPECT_TRUE(eventually([&] { return m_begun == 1; }));
     }
     ~ResetQueueTest() override { m_queue->close(); }
-    void letGo() { m_release.set_value(); }
-    bool hasBegun(int number) {
-        return eventually([&] { return m_begun == number; });
-    }
+    void enqueue(int socket = 0) { m_queue->enqueue(makeResetRequest(0, socket)); }
     std::vector<int> results() {
         std::vector<int> results;
         for (const auto& reset : m_sink.resets()) results.push_back(reset.error);
@@ -40,8 +40,6 @@ class ResetQueueTest : public testing::Test {
         return eventually([&] { return m_sink.resets().size() == number; });
     }
 
-    static constexpr std::chrono::hours kLong{1};
-    static constexpr std::chrono::milliseconds kNone{-1};  // any time is longer
     FakeResultSink m_sink;
     ScopedPort<ResultSink> m_port{m_sink};
     std::promise<void> m_release;
@@ -52,11 +50,9 @@ class ResetQueueTest : public testing::Test {
 };
 
 TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {
-    make(kLong);
-    for (int reset = 0; reset < 3; ++reset) m_queue->enqueue(makeResetRequest(0, reset));
-    ASSERT_TRUE(hasBegun(1));
+    start(3);
     auto seen = m_pool.enqueue([this] { return m_begun.load(); });
-    letGo();
+    m_release.set_value();
     EXPECT_EQ(seen.get(), 1) << "resets before a job that came during the first";
     EXPECT_TRUE(isAnswered(3));
     EXPECT_THAT(results(), ElementsAre(0, 1, 2));
@@ -64,39 +60,28 @@ TEST_F(ResetQueueTest, AllThatWaitAreDoneInOrderAndOtherJobsBetweenThem) {
 }
 
 TEST_F(ResetQueueTest, RequestIsRefusedOnlyBehindALongReset) {
-    make(kNone);
-    m_queue->enqueue(makeResetRequest());
-    ASSERT_TRUE(hasBegun(1));
-    m_queue->enqueue(makeResetRequest());
+    start(1, std::chrono::milliseconds(-1));  // any time is longer
+    enqueue();
     ASSERT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
-    letGo();
+    m_release.set_value();
     ASSERT_TRUE(isAnswered(2));
-    m_queue->enqueue(makeResetRequest());
+    enqueue();
     EXPECT_TRUE(isAnswered(3));
     EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE, 0, 1));
 }
 
-TEST_F(ResetQueueTest, FloodIsRefusedAtTheBoundOnMemory) {
-    make(kLong);
-    m_queue->enqueue(makeResetRequest());
-    ASSERT_TRUE(hasBegun(1));
-    for (size_t i = 0; i < ResetQueue::kMaxWaiting; ++i) m_queue->enqueue(makeResetRequest());
-    EXPECT_TRUE(m_sink.resets().empty());
-    m_queue->enqueue(makeResetRequest());
+TEST_F(ResetQueueTest, FloodIsRefusedAtTheBoundOnMemoryAndCloseAnswersWhatWaits) {
+    start(ResetQueue::kMaxWaiting);
+    enqueue();
+    EXPECT_THAT(results(), IsEmpty());
+    enqueue();
     EXPECT_THAT(results(), ElementsAre(KELM_ERROR_INVALID_DEVICE));
     m_queue->close();
-    letGo();
-}
-
-TEST_F(ResetQueueTest, CloseAnswersWhatWaits) {
-    make(kLong);
-    for (int i = 0; i < 3; ++i) m_queue->enqueue(makeResetRequest());
-    ASSERT_TRUE(hasBegun(1));
-    m_queue->close();
-    m_queue->enqueue(makeResetRequest());
-    EXPECT_THAT(results(), ElementsAre(-4, -4, -4));
-    letGo();
-    EXPECT_TRUE(isAnswered(4));
+    EXPECT_THAT(results(), SizeIs(1 + ResetQueue::kMaxWaiting));
+    enqueue();
+    EXPECT_THAT(results(), SizeIs(2 + ResetQueue::kMaxWaiting));
+    m_release.set_value();
+    EXPECT_TRUE(isAnswered(3 + ResetQueue::kMaxWaiting));
     EXPECT_EQ(m_begun, 1);
 }
 

@@ -13,7 +13,7 @@ namespace kelm {
 // Records what the workers ask and answers a deschedule as a task scheduler does. Any thread.
 class FakeTaskExchange final : public TaskExchange {
  public:
-    enum class Answer { OnThread, AtOnce, Never };
+    enum class Answer { OnThread, Never };
     using Request = std::pair<WorkThread*, KelmGraph*>;
 
     explicit FakeTaskExchange(Answer answer = Answer::OnThread) : m_answer(answer) {}
@@ -23,7 +23,6 @@ class FakeTaskExchange final : public TaskExchange {
     }
     void enqueueDescheduleWorker(WorkThread* worker, KelmGraph* graph) override {
         descheduled.add(worker, graph);
-        if (m_answer == Answer::AtOnce) worker->enqueueAbortApplyTaskDone(graph);
         if (m_answer == Answer::OnThread) {
             m_answers.post([worker, graph] { worker->enqueueAbortApplyTaskDone(graph); });
         }

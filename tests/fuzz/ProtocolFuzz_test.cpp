@@ -159,14 +159,11 @@ TEST_F(ProtocolFuzzTest, CraftedRecordsNeitherCrashNorLeak) {
 void mutate(Attack& attack, std::mt19937& random) {
     constexpr uint32_t kNumbers[] = {0, 1, 2, 5, 6, 10, 11, 255, 5000, 0x7fffffff, 0xffffffff};
     const auto below = [&random](size_t limit) { return random() % limit; };
-    const size_t fields = attack.record.size() / sizeof(uint32_t);
     for (size_t i = below(4); i > 0; --i) {
-        // Counts and sizes of the head, half of the time; anything else otherwise.
-        constexpr size_t kCounts[] = {16, 60, 100, 144, 184, 204, 248, 308, 412};
-        const size_t offset =
-            below(2) == 0 ? kCounts[below(std::size(kCounts))] : below(fields) * sizeof(uint32_t);
-        const uint32_t number = kNumbers[below(std::size(kNumbers))];
-        std::memcpy(attack.record.data() + offset, &number, sizeof(number));
+        // The head, half of the time; anything else otherwise.
+        const size_t bytes = below(2) == 0 ? sizeof(KelmMsgBase) : attack.record.size();
+        attack.put(below(bytes / sizeof(uint32_t)) * sizeof(uint32_t),
+                   kNumbers[below(std::size(kNumbers))]);
     }
     for (size_t i = below(4); i > 0; --i) attack.segments.push_back(1 + below(12));
     attack.tail.assign(below(3) * below(3000), static_cast<char>(random()));

@@ -62,9 +62,7 @@ TEST(StatusReportTest, HostileNamesBreakNeitherTableNorJson) {
     const auto json = nlohmann::json::parse(text);
     EXPECT_EQ(json["devices"][0]["name"], "dev\x1b[2J");
     EXPECT_EQ(json["devices"][0]["graph"], "\xef\xbf\xbd\"\n");
-    EXPECT_EQ(json["devices"][0]["fps"], 1.25);
     EXPECT_EQ(json["clients"][0]["name"], "caf\xc3\xa9");
-    EXPECT_EQ(json["client_count"], 3);
 }
 
 }  // namespace

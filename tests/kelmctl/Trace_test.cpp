@@ -11,7 +11,6 @@ namespace {
 using Json = nlohmann::json;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::Pair;
 
 constexpr const char* kFramesHeader = "name,start_tsc.RDTSC,end_tsc\n";
 constexpr const char* kTasksHeader = "name,start_tsc.RDTSC,end_tsc,pid,tid\n";
@@ -114,7 +113,6 @@ TEST_F(TraceTest, EachRowIsDrawnOnceAndNests) {
     }
     EXPECT_EQ(run(kFramesHeader + frames, tasks), 0);
     EXPECT_EQ(m_err, "");
-    EXPECT_THAT(m_out, HasSubstr("8000 spans"));
     EXPECT_THAT(m_out, HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
     EXPECT_EQ(spans(), std::multiset<Span>(rows.begin(), rows.end()));
 }
@@ -135,16 +133,14 @@ TEST_F(TraceTest, ThreadsAndProcessesHaveTheirNames) {
                   "[0] threadId=11 threadName=GraphMgrT0\nnonsense\n"
                   "[1] threadId=21 threadName=a \"quoted\" name\n[2] threadId=x threadName=y\n"),
               0);
-    std::map<std::string, std::string> names;
+    std::set<std::string> names;
     for (const Json& event : m_events) {
         if (event["ph"] != "M") continue;
-        const bool process = event["name"] == "process_name";
-        names[event["pid"].dump() + (process ? "" : "/" + event["tid"].dump())] =
-            event["args"]["name"];
+        const bool isProcess = event["name"] == "process_name";
+        names.insert(event[isProcess ? "pid" : "tid"].dump() + " " + event["args"]["name"].dump());
     }
-    EXPECT_THAT(names, ElementsAre(Pair("10", "kelmdaemon"), Pair("10/11", "GraphMgrT0"),
-                                   Pair("10/12", "thread 12"), Pair("20", "kelmdaemon"),
-                                   Pair("20/21", "a \"quoted\" name")));
+    EXPECT_THAT(names, ElementsAre(R"(10 "kelmdaemon")", R"(11 "GraphMgrT0")", R"(12 "thread 12")",
+                                   R"(20 "kelmdaemon")", R"(21 "a \"quoted\" name")"));
 }
 
 TEST_F(TraceTest, RowsOfOneFileAloneAreDrawnToo) {

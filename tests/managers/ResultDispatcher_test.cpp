@@ -1,8 +1,12 @@
 #include "managers/ResultDispatcher.h"
 
+#include "fakes/SocketChannel.h"
 #include "fakes/TestRequest.h"
+#include "managers/Backlog.h"
+#include "managers/ClientSender.h"
 #include "managers/ManagersFixture.h"
 #include "protocol/src/KelmProtocol.h"
+#include "protocol/src/MessagePtr.h"
 #include "records/KelmClient.h"
 
 namespace kelm {
@@ -54,20 +58,6 @@ TEST_F(ResultDispatcherTest, ResponseEchoesTheRequest) {
     EXPECT_LE(client.ask<KelmMsgRsp>(request).base.peerRecvNum, kMaxMessageBlocks);
 }
 
-TEST_F(ResultDispatcherTest, AnswersForUnknownClientsMakeNoThread) {
-    start();
-    WireClient client(path());
-    // The first answer proves that the sender works; the threads are counted after it.
-    auto request = client.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ);
-    request.clientId = 1000;
-    (void)client.ask<KelmMsgRsp>(request);
-    const size_t before = threads();
-    for (; request.clientId < 1300; ++request.clientId) {
-        ASSERT_EQ(client.ask<KelmMsgRsp>(request).status, KELM_ERROR_INVALID_CLIENT);
-    }
-    EXPECT_EQ(threads(), before);
-}
-
 // No client had the id when the request was refused; one has it when the answer leaves.
 TEST_F(ResultDispatcherTest, RefusedUnregisterTakesNoAnswersFromANewClient) {
     start();
@@ -89,21 +79,45 @@ TEST_F(ResultDispatcherTest, RefusedUnregisterTakesNoAnswersFromANewClient) {
 TEST_F(ResultDispatcherTest, ResetIsAnsweredByTheRuleOfTheDevices) {
     start();
     WireClient client = connect();
-    const struct {
-        uint32_t deviceId;
-        uint8_t resetAll;
-        int32_t status;
-    } rows[] = {{5, 1, KELM_OK}, {99, 0, KELM_ERROR_INVALID_DEVICE}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.status);
-        auto request = client.make<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
-        request.deviceId = row.deviceId;
-        request.resetAllDevices = row.resetAll;
+    auto request = client.make<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
+    for (const bool all : {true, false}) {
+        request.deviceId = 99;
+        request.resetAllDevices = all;
         const auto response = client.ask<KelmMsgRspResetDevice>(request);
-        EXPECT_EQ(response.head.status, row.status);
-        EXPECT_EQ(response.deviceId, row.deviceId);
-        EXPECT_EQ(response.resetAllDevices, row.resetAll);
+        EXPECT_EQ(response.head.status, all ? KELM_OK : KELM_ERROR_INVALID_DEVICE);
+        EXPECT_EQ(response.deviceId, 99U);
+        EXPECT_EQ(response.resetAllDevices, all);
     }
+}
+
+TEST(ClientSenderTest, MessageBehindTheEndIsDroppedWhole) {
+    SocketChannel channel;
+    RawPeer peer{channel.path};
+    const auto connection = channel.accept();
+    const MessagePtr event(kelmAllocMessage(KELM_MESSAGE_TASK_DONE_EVT));
+    {
+        ClientSender sender(7, connection->getSimulateFD(), true);
+        const auto post = [&] { sender.post(event->size, [&] { sender.write(*event); }); };
+        post();
+        sender.postNotice([&sender] { sender.end(); });
+        post();
+    }
+    EXPECT_EQ(peer.pending(), static_cast<int>(event->size));
+}
+
+TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
+    constexpr uint64_t kReport = 54120;
+    Backlog backlog(200);
+    for (int i = 0; i < 199; ++i) backlog.add(2 * kReport);
+    EXPECT_FALSE(backlog.isFull());  // some 20 MB, but few
+    for (int i = 0; i < 199; ++i) backlog.remove(2 * kReport);
+    for (int i = 0; i < 20000; ++i) backlog.add(560);
+    EXPECT_FALSE(backlog.isFull());  // many, but some 11 MB
+    for (; !backlog.isFull(); backlog.add(kReport)) continue;
+    auto held = std::async(std::launch::async, [&] { backlog.add(1); });
+    EXPECT_EQ(held.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    backlog.remove(kReport);
+    EXPECT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
 
 }  // namespace

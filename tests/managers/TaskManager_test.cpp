@@ -2,6 +2,7 @@
 
 #include "managers/GraphManager.h"
 #include "managers/ManagersFixture.h"
+#include "managers/TaskDepartures.h"
 
 namespace kelm {
 namespace {
@@ -55,6 +56,8 @@ TEST_F(TaskManagerTest, RefusedRequestGivesItsDescriptorsBack) {
         EXPECT_EQ(answer.taskId, 0U);
         EXPECT_TRUE(input.isClosed());
     }
+    device().release(DeviceCall::LoadTensor);
+    EXPECT_TRUE(eventually([&] { return client.infers(graph); }));  // once the first has ended
 }
 
 TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
@@ -212,6 +215,42 @@ TEST_F(TaskManagerTest, VanishedClientTakesItsTasksAlongWhereverTheyAre) {
     for (const DescriptorProbe& input : inputs) EXPECT_TRUE(input.isClosed());
     EXPECT_TRUE(noClientIsLeft());
     EXPECT_EQ(GraphManager::instance().getGraphById(graph), nullptr);
+}
+
+TEST(TaskDeparturesTest, GraphWaitsForItsTasksAndTheSchedulerInAnyOrder) {
+    char place = 0;  // graphs are keys here, and never followed
+    auto* const graph = reinterpret_cast<KelmGraph*>(&place);
+    for (const int tasks : {0, 1, 2}) {
+        for (const int before : {0, 1, 2}) {  // tasks that end before the scheduler lets go
+            if (before > tasks) continue;
+            SCOPED_TRACE(testing::Message() << before << " of " << tasks);
+            TaskDepartures departures;
+            EXPECT_FALSE(departures.confirmDescheduled(graph)) << "departs not yet";
+            EXPECT_TRUE(departures.addGraph(graph, tasks));
+            EXPECT_FALSE(departures.addGraph(graph, tasks)) << "departs already";
+            for (int i = 0; i < before; ++i) {
+                EXPECT_FALSE(departures.removeTask(7, false, graph).graph);
+            }
+            EXPECT_EQ(departures.confirmDescheduled(graph), before == tasks);
+            for (int i = before; i < tasks; ++i) {
+                EXPECT_EQ(departures.removeTask(7, false, graph).graph, i + 1 == tasks);
+            }
+        }
+    }
+}
+
+TEST(TaskDeparturesTest, ClientCountsDownOncePerTaskAndWhatItGaveUpApart) {
+    TaskDepartures departures;
+    departures.addClient(7, 0);
+    departures.addGivenUp(7, 0);
+    EXPECT_FALSE(departures.hasClient(7) || departures.hasGivenUp(7)) << "a count of nothing";
+    departures.addGivenUp(7, 1);
+    departures.addClient(7, 2);
+    EXPECT_FALSE(departures.removeTask(7, false, nullptr).client);
+    EXPECT_TRUE(departures.hasGivenUp(7));
+    EXPECT_TRUE(departures.removeTask(7, true, nullptr).client);
+    EXPECT_FALSE(departures.hasGivenUp(7) || departures.hasClient(7));
+    EXPECT_FALSE(departures.removeTask(7, true, nullptr).client);
 }
 
 }  // namespace

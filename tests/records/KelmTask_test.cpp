@@ -3,19 +3,18 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "config/ServiceConfigParser.h"
-#include "fakes/TempDir.h"
+#include "fakes/SimulatedLibraries.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/BufferAllocator.h"
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTaskParam.h"
 #include "utils/BlockCache.h"
+#include "utils/ShareMemory.h"
+#include "utils/UniqueFd.h"
 
 namespace kelm {
 namespace {
-
-using testing::MatchesRegex;
 
 bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
 int openSomething() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
@@ -93,35 +92,6 @@ TEST_F(KelmTaskTest, DescriptorsOfATaskAreClosedOnceWithIt) {
     ::close(fd);
 }
 
-TEST_F(KelmTaskTest, StatusAndItsTimesMakeTheSummary) {
-    const auto task = makeTask();
-    for (const int32_t status : {TASK_STATUS_LOADING, TASK_STATUS_LOADED, TASK_STATUS_DONE}) {
-        task->setStatus(status);
-    }
-    // It never was in a queue, so it has not waited there.
-    EXPECT_THAT(task->getSummary(), MatchesRegex("taskId=7 PushPhase=[0-9]+ms WaitPhase=0ms "
-                                                 "LoadPhase=[0-9]+ms ExecPhase=[0-9]+ms"));
-    task->setStatus(TASK_STATUS_LAST);
-    task->setStatus(TASK_STATUS_LAST + 1);
-    EXPECT_EQ(task->getStatus(), TASK_STATUS_LAST);
-}
-
-TEST_F(KelmTaskTest, LiveTasksCountForClientAndGraph) {
-    const TempDir dir;
-    ServiceConfigParser::instance().appendConfigFile(
-        dir.write("test.config", R"({"service_settings": {"client_max_task_number": 2}})"), false);
-    KelmClient limited(4, "limited", nullptr, 2, 1);
-    {
-        const KelmTask first(1, &limited, &graph, nullptr, &request);
-        EXPECT_TRUE(limited.allowInferTask());
-        const KelmTask second(2, &limited, &graph, nullptr, &request);
-        EXPECT_FALSE(limited.allowInferTask());
-        EXPECT_EQ(graph.getTaskCount(), 2);
-    }
-    EXPECT_TRUE(limited.allowInferTask());
-    EXPECT_EQ(graph.getTaskCount(), 0);
-}
-
 TEST_F(KelmTaskTest, CacheKeepsABoundedNumberOfBlocks) {
     BlockCache cache(64, 2);
     void* const blocks[] = {cache.take(), cache.take(), cache.take()};
@@ -131,6 +101,93 @@ TEST_F(KelmTaskTest, CacheKeepsABoundedNumberOfBlocks) {
     EXPECT_EQ(again.size(), 3u);  // none is handed out twice
     EXPECT_EQ(cache.keptBlocks(), 0u);
     for (void* block : again) cache.give(block);
+}
+
+// Each failure leaves no handle and no descriptor but the client's own.
+TEST(BufferAllocatorTest, FailureKeepsAHandleOrEndsTheProcess) {
+    const struct {
+        std::string failing;  // none: the mapping
+        bool byImport, byAlloc;
+    } rows[] = {{"ion_open", true, true},    {"ion_alloc_only", false, true},
+                {"ion_share", false, true},  {"", true, true},
+                {"ion_import", true, false}, {"ion_get_info", true, false}};
+    constexpr size_t kMoreThanTheAddresses = size_t{1} << 50;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.failing);
+        const bool isMapping = row.failing.empty();
+        SimulatedIon ion;
+        KelmBuffer buffer = SimulatedIon::makeBuffer("tensor");
+        if (isMapping) {
+            const UniqueFd writable(buffer.fd);
+            const std::string path = "/proc/self/fd/" + std::to_string(buffer.fd);
+            buffer.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        } else {
+            ion.order("fail - " + row.failing + " -1");
+        }
+        {
+            BufferAllocator allocator;
+            KelmBuffer made{};
+            const int fd = buffer.fd;
+            EXPECT_TRUE(!row.byImport ||
+                        allocator.import(fd, &buffer) == KELM_ERROR_BUFFER_ALLOC_FAILED);
+            EXPECT_TRUE(!row.byAlloc || allocator.alloc(isMapping ? kMoreThanTheAddresses : 4,
+                                                        &made) == KELM_ERROR_BUFFER_ALLOC_FAILED);
+            EXPECT_EQ(buffer.buffer, 0u);
+            EXPECT_EQ(made.fd, 0);
+            EXPECT_EQ(ion.live(), 0);
+            EXPECT_TRUE(isOpen(fd)) << "the client's, whose task closes it";
+            EXPECT_EQ(allocator.free(&buffer), KELM_OK);
+            EXPECT_FALSE(isOpen(fd));
+        }
+        EXPECT_EQ(ion.count("ion_close"), row.failing == "ion_open" ? 0 : 1);
+    }
+}
+
+TEST(BufferAllocatorTest, ClientsWordDecidesHowMuchIsMapped) {
+    SimulatedIon ion;
+    BufferAllocator allocator;
+    KelmBuffer buffer = SimulatedIon::makeBuffer("tensor" + std::string(4090, '\0'));
+    buffer.size = 6;
+    EXPECT_EQ(allocator.free(nullptr), KELM_ERROR_INVALID_PARAM);
+    EXPECT_EQ(allocator.import(0, &buffer), KELM_ERROR_INVALID_PARAM);
+    EXPECT_EQ(ion.count("ion_open"), 0)
+        << "a machine without ION is good enough until it is needed";
+
+    ASSERT_EQ(allocator.import(buffer.fd, &buffer), KELM_OK);
+    EXPECT_EQ(buffer.size, 4096u);
+    void* data = nullptr;
+    ASSERT_EQ(allocator.getBufferData(&buffer, &data), KELM_OK);
+    EXPECT_STREQ(static_cast<char*>(data), "tensor");
+    EXPECT_EQ(allocator.free(&buffer), KELM_OK);
+    EXPECT_EQ(ion.live(), 0);
+    EXPECT_NE(::msync(data, 4096, MS_ASYNC), 0) << "still mapped";
+
+    KelmBuffer made{};
+    ASSERT_EQ(allocator.alloc(4, &made), KELM_OK);
+    ASSERT_EQ(allocator.getBufferData(&made, &data), KELM_OK);
+    std::memcpy(data, "made", 4);
+    int fd = 0;
+    ASSERT_EQ(allocator.getShareFd(&made, &fd), KELM_OK);
+    EXPECT_EQ(SimulatedIon::contentOf(fd, 4), "made");
+    EXPECT_EQ(allocator.free(&made), KELM_OK);
+    EXPECT_EQ(ion.live(), 0);
+}
+
+TEST(BufferAllocatorTest, MappingOutlivesItsTask) {
+    ShareMemory clients;
+    const std::string name = "/kelm_test_task" + std::to_string(::getpid());
+    ASSERT_NE(clients.create(name.c_str(), 4096), nullptr);
+    KelmBuffer buffer{};
+    buffer.type = KELM_BUFFER_SHARE_MEMORY;
+    buffer.size = 4096;
+    auto mapped = std::make_unique<ShareMemory>();
+    void* const data = mapped->open(name.c_str(), 4096);
+    ASSERT_NE(data, nullptr);
+    buffer.buffer = reinterpret_cast<uint64_t>(data);
+    buffer.shareMemory = reinterpret_cast<uint64_t>(mapped.release());
+    delete KelmTaskParam::create(KelmBuffer{}, buffer, KelmBuffer{});
+    EXPECT_NE(::msync(data, 4096, MS_ASYNC), 0) << "still mapped";
+    EXPECT_NE(ShareMemory().open(name.c_str(), 4096), nullptr) << "the name is the client's";
 }
 
 }  // namespace

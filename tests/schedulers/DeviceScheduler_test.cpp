@@ -2,7 +2,6 @@
 #include "fakes/Recorded.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
-#include "scheduling/devices/DeviceSchedulerFactory.h"
 #include "scheduling/devices/PlugoutWorkerOperation.h"
 
 namespace kelm {
@@ -185,19 +184,6 @@ TEST_F(DeviceSchedulerTest, PluggedOutDeviceForgetsTheGraphsThatItOnlyCached) {
     plugout->execute();
     plugout->wait();
     EXPECT_EQ(graph->getCachedDeviceNum(), 0);
-}
-
-TEST_F(DeviceSchedulerTest, FactoryFallsBackToTheDefaultAndIgnoresCase) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"tag", "DS.Tag"},
-        {"sTReam", "DS.Stream"},
-        {"", "DS.Squeeze2"},
-        {nullptr, "DS.Squeeze2"},
-    };
-    for (const auto& [keyword, name] : cases) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(DeviceSchedulerFactory::createScheduler(keyword)->getName(), name);
-    }
 }
 
 }  // namespace

@@ -39,6 +39,13 @@ class DyingDevice : public ScriptedDevice {
 
 // Real workers on scripted devices, and listeners that record.
 struct SchedulerFakes {
+    SchedulerFakes() {
+        KelmDeviceBase::setFactory([&](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
+            const std::shared_ptr<DeviceScript> script(std::shared_ptr<void>(), &devices[name]);
+            if (name == "x") return std::make_unique<DyingDevice>(name, script);
+            return std::make_unique<ScriptedDevice>(name, script);
+        });
+    }
     WorkThread* makeWorker(const std::string& device, int slots = 2) {
         return removal.own(std::make_unique<WorkThread>(device, 0, slots, 4));
     }
@@ -53,15 +60,6 @@ struct SchedulerFakes {
             if (owned.get() == graph) owned.reset();
         }
     }
-    // Devices of this name are of that kind from now on, all others scripted.
-    void makeDying(const std::string& dying) {
-        KelmDeviceBase::setFactory([=](const std::string& name) -> std::unique_ptr<KelmDeviceBase> {
-            const auto script = std::make_shared<DeviceScript>();
-            if (name == dying) return std::make_unique<DyingDevice>(name, script);
-            return std::make_unique<ScriptedDevice>(name, script);
-        });
-    }
-
     std::vector<std::unique_ptr<KelmGraph>> graphs;
     ScriptedDevices devices;
     FakeTaskExchange exchange;
@@ -89,12 +87,6 @@ class Stepped : public Scheduler {
             dropped ? this->restoreScene() : this->commitChangeOperation();
         }
     }
-    template <class MapResult>
-    MapResult adjusted(MapResult result) {
-        this->m_onSchedulingThread.assertHeld();
-        this->adjustMapResult(result);
-        return result;
-    }
 };
 
 // Plays a script of events to a scheduler, and tells what came of it.
@@ -106,6 +98,7 @@ class Stepped : public Scheduler {
 //   oa   so does a, as closed         /    a pass whose plan is dropped
 //   ~a   device a takes graphs again
 //   *a   device a fails and stays on the bus
+//   +x   a device comes that takes graphs and dies
 //
 // The outcome has for each pass the graphs with their number of devices and the notices:
 // "1x2 ok1 | 1x2 fail2=-122 | gone1". With `tellsCalls` also what the devices were asked: "a+2" for
@@ -241,13 +234,6 @@ class SchedulerRig : public SchedulerFakes {
     size_t m_loadsSeen = 0;
     size_t m_unloadsSeen = 0;
     size_t m_removedSeen = 0;
-};
-
-// One script, and what it shows.
-struct ScriptCase {
-    const char* rule;
-    const char* script;
-    const char* outcome;
 };
 
 }  // namespace kelm

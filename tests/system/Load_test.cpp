@@ -70,13 +70,11 @@ TEST_F(LoadTest, VanishingClientsTakeNothingFromOthersNorFromTheStop) {
     start(0);
     const size_t descriptorsBefore = descriptors();
     const size_t threadsBefore = threads();
-    {
-        Load survivors;
-        startClients(survivors, 2, 0);
-        runDyingClients(300);
-        EXPECT_EQ(survivors.finish(), "") << lastLines();
-        EXPECT_GT(survivors.done(), 0U);
-    }
+    Load survivors;
+    startClients(survivors, 2, 0);
+    runDyingClients(300);
+    EXPECT_EQ(survivors.finish(), "") << lastLines();
+    EXPECT_GT(survivors.done(), 0U);
     EXPECT_TRUE(eventually([&] { return descriptors() <= descriptorsBefore; })) << descriptors();
     // A thread of the start may still have been there.
     EXPECT_TRUE(eventually([&] { return threads() <= threadsBefore; })) << threads();

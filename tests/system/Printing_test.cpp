@@ -21,48 +21,33 @@ class PrintingTest : public SystemFixture {
                std::to_string(intervalMs) + "}";
     }
     // Passes whose last line is there.
-    size_t passes() const {
+    int64_t passes() const {
         const std::string log = service().log();
         const std::regex last("Service Memory Status");
-        return static_cast<size_t>(
-            std::distance(std::sregex_iterator(log.begin(), log.end(), last), {}));
-    }
-    bool waitPasses(size_t number) const {
-        return eventually([&] { return passes() >= number; });
+        return std::distance(std::sregex_iterator(log.begin(), log.end(), last), {});
     }
 };
 
 TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
-    const struct {
-        int intervalMs;
-        std::chrono::milliseconds pause;  // less than a second means a short one
-    } rows[] = {{1000, std::chrono::milliseconds(500)}, {500, std::chrono::milliseconds(50)}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.intervalMs);
-        start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" +
-              printing(row.intervalMs) + "}");
-        ASSERT_TRUE(waitPasses(1)) << lastLines();
-        WireClient client(path(), "the client");
-        const uint64_t graph = client.createGraph({"blob", "the graph"}).graphId;
-        for (int i = 0; i < 40; ++i) ASSERT_TRUE(client.infers(graph));
-        const auto begin = std::chrono::steady_clock::now();
-        const size_t before = passes();
-        ASSERT_TRUE(waitPasses(before + 3)) << lastLines();
-        const auto pauses = static_cast<int64_t>(passes() - before - 1);
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, pauses * row.pause);
-        endService();
-    }
+    start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" + printing(1000) + "}");
+    WireClient client(path(), "the client");
+    const uint64_t graph = client.createGraph({"blob", "the graph"}).graphId;
+    for (int i = 0; i < 40; ++i) ASSERT_TRUE(client.infers(graph));
+    const auto begin = std::chrono::steady_clock::now();
+    const int64_t before = passes();
+    ASSERT_TRUE(eventually([&] { return passes() >= before + 3; })) << lastLines();
+    const auto pauses = passes() - before - 1;
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, pauses * std::chrono::milliseconds(500));
+    endService();
     const std::string rate = R"([1-9]\d*\.\d\d)";
     for (const std::string& pattern :
          {"ServiceFps=" + rate, R"(\[the client\] = )" + rate,
           R"(\[the graph\] = \(in\) )" + rate + R"( \(out\) )" + rate,
-          R"(\[Fake[01]@the graph\]\.Fps = )" + rate,
-          std::string(R"(DeviceUtilization\(count=2\):\n\[Fake)"),
           std::string(R"(VIRT = \d{4,}, RES = \d{4,}, SHR = \d{3,}, TOTAL = \d{5,}\n)"),
           std::string("TaskSnapshot\\(Regular\\)\n-{29} TS.Polling -{30}\nTime: "),
           std::string(R"(clientName +\| the client +\|\n.*\n\| inferTimes +\| 40 +\|)"),
           std::string(R"(graphName +\| the graph +\|)"),
-          std::string(R"(\n\| scheduler +\| squeeze +\| squeeze +\|)")}) {
+          std::string("DeviceUtilization\\(count=2\\):")}) {
         EXPECT_TRUE(std::regex_search(service().log(), std::regex(pattern)))
             << pattern << lastLines();
     }
@@ -70,6 +55,7 @@ TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
 
 // Everything that can be printed is, with names that would end the line and command the terminal.
 TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
+    const auto begin = std::chrono::steady_clock::now();
     start(ServiceConfig::fakeDevices(4, 30) + R"(,
         "scheduler_config": [{"subclass": 0, "stream_device_number": 1}],
         "log_level": {"log_process": "on", "log_debug": "on", "log_frequent": "on"},
@@ -93,13 +79,13 @@ TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
     half.hangUp();
     ASSERT_TRUE(service().waitLog("failed, user=\\x1b]0;evil")) << lastLines();
     endService();
+    const auto run = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(run, (passes() - 1) * std::chrono::milliseconds(50));  // less than a second is short
     const std::string log = service().log();
     for (const char* raw : {"\x1b]", "\x07", "\nFORGED"}) {
         EXPECT_THAT(log, Not(HasSubstr(raw)));
     }
     EXPECT_THAT(log, HasSubstr("registered: clientName=\\x1b]0;evil\\x07\\x0aFORGED \u00e9"));
-    EXPECT_THAT(log, HasSubstr("client(id:1) is of process " + std::to_string(::getpid()) +
-                               ", user " + std::to_string(::geteuid())));
 }
 
 }  // namespace

@@ -7,10 +7,11 @@
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
+#include <vector>
 
 #include "fakes/Eventually.h"
 #include "utils/NonCopyable.h"
@@ -23,36 +24,35 @@ class TopProcess : public NonCopyable {
  public:
     TopProcess() {
         winsize size{24, 80, 0, 0};
+        int ends[2] = {-1, -1};
+        ::openpty(&ends[0], &ends[1], nullptr, nullptr, &size);
+        m_master.reset(ends[0]);
+        m_terminal.reset(ends[1]);
+        m_before = modes();
         ::setenv("TERM", "xterm", 1);
-        int master = -1;
-        m_pid = ::forkpty(&master, nullptr, nullptr, &size);
-        if (m_pid == 0) {
-            // Begins when the modes of the terminal as it was are known.
-            char start = 0;
-            if (::read(STDIN_FILENO, &start, 1) == 1) ::execl(KELM_CTL, KELM_CTL, "top", nullptr);
-            ::_exit(127);
-        }
-        m_master.reset(master);
-        ::tcgetattr(master, &m_before);
-        type("\n");
+        m_pid = ::fork();
+        if (m_pid != 0) return;
+        ::close(ends[0]);
+        if (::login_tty(ends[1]) == 0) ::execl(KELM_CTL, KELM_CTL, "top", nullptr);
+        ::_exit(127);
     }
     ~TopProcess() {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
+        if (m_pid > 0 && ::kill(m_pid, SIGKILL) == 0) ::waitpid(m_pid, nullptr, 0);
     }
 
-    void type(const char* keys) const {
-        const auto size = std::strlen(keys);
-        EXPECT_EQ(static_cast<size_t>(::write(m_master.get(), keys, size)), size);
+    void type(const std::string& keys) const {
+        EXPECT_EQ(::write(m_master.get(), keys.data(), keys.size()), std::ssize(keys));
     }
-    void signal(int number) const { ::kill(m_pid, number); }
+    void terminate() const { ::kill(m_pid, SIGTERM); }
 
     // Whether these words come to the terminal; what came before them is forgotten.
     bool shows(const std::string& words) {
         return eventually([&] {
-            readSome(100);
+            pollfd fd{m_master.get(), POLLIN, 0};
+            char bytes[4096];
+            const bool has = ::poll(&fd, 1, 100) == 1;
+            const ssize_t count = has ? ::read(m_master.get(), bytes, sizeof(bytes)) : 0;
+            if (count > 0) m_screen.append(bytes, static_cast<size_t>(count));
             const size_t at = m_screen.find(words);
             if (at == std::string::npos) return false;
             m_screen.erase(0, at + words.size());
@@ -60,42 +60,28 @@ class TopProcess : public NonCopyable {
         });
     }
 
-    // The exit status, with all that was written until then read; 128 and more for a signal.
-    int wait() {
-        int status = -1;
-        const bool ended = eventually([&] {
-            readSome(10);
-            return ::waitpid(m_pid, &status, WNOHANG) == m_pid;
-        });
-        if (!ended) return -1;
-        m_pid = -1;
-        while (readSome(0)) {
-        }
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    // The exit status, -1 if there is none; the child is left to the destructor.
+    int wait() const {
+        siginfo_t end{};
+        const auto id = static_cast<id_t>(m_pid);
+        const auto hasEnded = [&] {
+            return ::waitid(P_PID, id, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid != 0;
+        };
+        return eventually(hasEnded) && end.si_code == CLD_EXITED ? end.si_status : -1;
     }
-
-    bool hasModesOfBefore() const {
-        termios now{};
-        ::tcgetattr(m_master.get(), &now);
-        return now.c_iflag == m_before.c_iflag && now.c_oflag == m_before.c_oflag &&
-               now.c_cflag == m_before.c_cflag && now.c_lflag == m_before.c_lflag;
-    }
-    // What was written since the last words that were waited for.
-    const std::string& rest() const { return m_screen; }
+    bool hasModesOfBefore() const { return modes() == m_before; }
 
  private:
-    bool readSome(int millis) {
-        pollfd fd{m_master.get(), POLLIN, 0};
-        char bytes[4096];
-        if (::poll(&fd, 1, millis) != 1) return false;
-        const ssize_t count = ::read(m_master.get(), bytes, sizeof(bytes));
-        if (count > 0) m_screen.append(bytes, static_cast<size_t>(count));
-        return count > 0;
+    std::vector<tcflag_t> modes() const {
+        termios now{};
+        ::tcgetattr(m_terminal.get(), &now);
+        return {now.c_iflag, now.c_oflag, now.c_cflag, now.c_lflag};
     }
 
-    pid_t m_pid = -1;
     UniqueFd m_master;
-    termios m_before{};
+    UniqueFd m_terminal;
+    std::vector<tcflag_t> m_before;
+    pid_t m_pid = -1;
     std::string m_screen;
 };
 

@@ -5,38 +5,28 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-
 using TopTest = SystemFixture;
 
-TEST_F(TopTest, TerminalIsLeftAsItWas) {
+TEST_F(TopTest, TerminalIsLeftAsItWasThoughTheServiceWasAway) {
     start(0);
     service().useRunDir();
-    for (const char* key : {"q", "\x03", ""}) {  // the last one: SIGTERM
+    for (const char* key : {"q", "\x03", ""}) {
         SCOPED_TRACE(key);
         TopProcess top;
         EXPECT_TRUE(top.shows("Fake2"));
         EXPECT_FALSE(top.hasModesOfBefore());
+        if (*key == '\0') {
+            endService();
+            EXPECT_TRUE(top.shows("NO SERVICE"));
+            service().start();
+            EXPECT_TRUE(top.shows("back since"));
+        }
         top.type(key);
-        if (*key == '\0') top.signal(SIGTERM);
+        if (*key == '\0') top.terminate();
+        EXPECT_TRUE(top.shows("\x1b[?1049l"));  // the screen of before
         EXPECT_EQ(top.wait(), *key != '\0' ? 0 : 128 + SIGTERM);
         EXPECT_TRUE(top.hasModesOfBefore());
-        EXPECT_THAT(top.rest(), HasSubstr("\x1b[?1049l"));  // the screen of before
     }
-}
-
-TEST_F(TopTest, ServiceThatEndsAndComesBackIsTold) {
-    start(0);
-    service().useRunDir();
-    TopProcess top;
-    EXPECT_TRUE(top.shows("Fake2"));
-    endService();
-    EXPECT_TRUE(top.shows("NO SERVICE"));
-    service().start();
-    EXPECT_TRUE(service().waitReady());
-    EXPECT_TRUE(top.shows("back since"));
-    top.type("q");
-    EXPECT_EQ(top.wait(), 0);
 }
 
 }  // namespace

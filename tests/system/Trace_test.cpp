@@ -1,6 +1,4 @@
-#include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
@@ -14,7 +12,7 @@ using ::testing::HasSubstr;
 
 class ServiceTraceTest : public SystemFixture {
  protected:
-    // How often each name is in the tasks file, as of now.
+    // How often each name is in the tasks file by now.
     std::map<std::string, int> countNames() const {
         std::map<std::string, int> names;
         std::ifstream file(m_tasks);
@@ -33,7 +31,7 @@ class ServiceTraceTest : public SystemFixture {
         return task;
     }
 
-    // A client that wants no answers, one that cancels, one that hangs up: all in the middle of it.
+    // One wants no answers, one cancels, one hangs up: all in the middle of it.
     void runOddClients() {
         constexpr int kTasks = 30;
         WireClient canceling(path(), "canceling");
@@ -44,9 +42,7 @@ class ServiceTraceTest : public SystemFixture {
             request.head.needResponse = client == &silent ? 0 : 1;
             ASSERT_EQ(client->flood(request, kTasks), kTasks);
         }
-        const auto answer = canceling.receiveType(KELM_MESSAGE_INFER_TASK_RSP);
-        ASSERT_TRUE(answer.has_value());
-        const uint64_t first = answer->as<KelmMsgRspInferTask>().taskId;
+        const uint64_t first = canceling.receive<KelmMsgRspInferTask>().taskId;
         for (uint64_t ahead = 0; ahead < kTasks; ++ahead) (void)canceling.cancelTask(first + ahead);
     }
 
@@ -94,17 +90,14 @@ TEST_F(ServiceTraceTest, TasksAndGraphsThatEndInAnyWayCloseTheirTraces) {
     EXPECT_EQ(kinds["unload_graph__device_"], kinds["load_graph__device_"]);
     EXPECT_EQ(names.count("task_" + std::to_string(last) + "_inference"), 1U);
     const std::string json = m_directory.path() + "/trace.json";
-    const std::string words = m_directory.path() + "/said";
-    const std::string command = KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json +
-                                " --threads " + service().dir() + "/thread.info >" + words;
+    const std::string command =
+        KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json + " --threads " +
+        service().dir() + "/thread.info" +
+        " | grep 'frames file: 0, only in the tasks file: 0, lines left out: 0'";
     ASSERT_EQ(std::system(command.c_str()), 0);
-    std::stringstream said;
-    said << std::ifstream(words).rdbuf();
-    // Both files have the same rows, and each is whole.
-    EXPECT_THAT(said.str(), HasSubstr(std::to_string(names.size()) + " spans"));
-    EXPECT_THAT(said.str(),
-                HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
-    EXPECT_THAT(nlohmann::json::parse(std::ifstream(json)).dump(), HasSubstr("TaskManagerT0"));
+    const std::string drawn = nlohmann::json::parse(std::ifstream(json)).dump();
+    EXPECT_THAT(drawn, HasSubstr("TaskManagerT0"));
+    EXPECT_THAT(drawn, HasSubstr("task_" + std::to_string(last)));
 }
 
 }  // namespace

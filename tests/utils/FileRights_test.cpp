@@ -1,7 +1,6 @@
 #include "utils/FileRights.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -103,20 +102,6 @@ TEST(FileRightsTest, GroupBitsOfAFileWithAListAreNotItsGroups) {
     EXPECT_TRUE(mayRead({1, 30, {}}, *rights));
     EXPECT_FALSE(mayWrite({1, 30, {}}, *rights));  // the mask
     EXPECT_FALSE(mayRead({1, 31, {rights->group}}, *rights));
-}
-
-TEST(FileRightsTest, PeerIsWhoConnected) {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    const UniqueFd one(ends[0]);
-    UniqueFd two(ends[1]);
-    const auto peer = PeerCredentials::ofSocket(one.get());
-    ASSERT_TRUE(peer);
-    EXPECT_EQ(peer->pid, ::getpid());
-    EXPECT_EQ(peer->user, ::geteuid());
-    EXPECT_THAT(peer->groups, ::testing::Contains(::getegid()));
-    two.reset(::open("/dev/null", O_RDONLY));
-    EXPECT_EQ(PeerCredentials::ofSocket(two.get()), nullptr);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include "fakes/TempDir.h"
 #include "fakes/TestPch.h"
-#include "utils/Digest.h"
 #include "utils/FileHelper.h"
 #include "utils/GlobalMutex.h"
 #include "utils/PlainFile.h"
@@ -24,19 +23,6 @@ class FilesTest : public ::testing::Test {
     const std::string m_path = m_directory.path() + "/file";
 };
 
-TEST_F(FilesTest, DigestOfAFileIsThatOfItsBytes) {
-    for (const size_t size : {1, 4096, 10000}) {
-        SCOPED_TRACE(size);
-        const std::string content(size, 'k');
-        EXPECT_EQ(sha256ForFile(write(content).c_str()), sha256ForString(content));
-    }
-    // An empty file has a digest, an empty buffer and a missing file have none.
-    EXPECT_EQ(sha256ForFile(write("").c_str()),
-              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-    EXPECT_EQ(sha256ForBuffer("", 0), "");
-    EXPECT_EQ(sha256ForFile("/missing"), "");
-}
-
 TEST_F(FilesTest, WholeFilesAreReadAndEverythingElseIsRefused) {
     unsigned long size = 0;
     const UniqueMalloc<char> block(FileHelper::readFile(write("hello").c_str(), &size));
@@ -46,21 +32,6 @@ TEST_F(FilesTest, WholeFilesAreReadAndEverythingElseIsRefused) {
     for (const std::string& path : {fifo, m_directory.path(), std::string("/missing")}) {
         EXPECT_EQ(FileHelper::readFile(path.c_str(), &size), nullptr) << path;
     }
-}
-
-TEST_F(FilesTest, LockExcludesOtherObjectsAndEndsWithItsHolder) {
-    GlobalMutex waiter(m_path, true);
-    {
-        GlobalMutex holder(m_path, true);
-        ASSERT_TRUE(holder.trylock());
-        EXPECT_TRUE(holder.trylock());  // one open file description
-        EXPECT_FALSE(waiter.trylock());
-        EXPECT_FALSE(waiter.lock(0));
-    }
-    EXPECT_TRUE(waiter.lock());
-    EXPECT_TRUE(waiter.unlock());
-    EXPECT_TRUE(GlobalMutex(m_path, true).trylock());
-    EXPECT_FALSE(GlobalMutex("/missing/lock", true).trylock());
 }
 
 // What others can plant under a name in a directory that they may write to.
@@ -91,8 +62,6 @@ TEST_F(FilesTest, FilesOfOthersAreOpenedOnlyWhereTheyMayBe) {
     using Owner = PlainFile::Owner;
     EXPECT_TRUE(PlainFile::open(m_path.c_str(), O_RDWR, 0600, Owner::THIS_USER));
     write("text");
-    EXPECT_TRUE(PlainFile::open(m_path.c_str(), O_RDWR, 0600, Owner::THIS_USER));
-    EXPECT_EQ(FileHelper::getFileSize(m_path), 4U);
     EXPECT_TRUE(PlainFile::open(m_path.c_str(), O_RDWR | O_TRUNC, 0600, Owner::THIS_USER));
     EXPECT_EQ(FileHelper::getFileSize(m_path), 0U);
     write("text");

@@ -9,30 +9,19 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Holds the pool's only thread until it is opened.
-class Gate {
- public:
-    explicit Gate(ThreadPool& pool) {
-        pool.post([this] {
-            m_entered.set_value();
-            m_open.get_future().wait();
-        });
-        m_entered.get_future().wait();
-    }
-    void open() { m_open.set_value(); }
-
- private:
-    std::promise<void> m_entered;
-    std::promise<void> m_open;
-};
-
 // The tasks that the thread has taken out in one go count, too.
 TEST(ThreadPoolTest, FullQueueHoldsProducersButNotNoticesNorItself) {
     ThreadPool pool("Full", 1, 3);
     std::atomic<int> ran{0};
     std::atomic<int> accepted{0};
-    Gate first(pool);
+    std::promise<void> entered;
+    std::promise<void> first;
     std::promise<void> second;
+    pool.post([&] {
+        entered.set_value();
+        first.get_future().wait();
+    });
+    entered.get_future().wait();
     pool.post([&] { second.get_future().wait(); });
     pool.post([&] {
         // The pool's own thread would wait for itself.
@@ -42,7 +31,7 @@ TEST(ThreadPoolTest, FullQueueHoldsProducersButNotNoticesNorItself) {
     std::thread producer([&] {
         for (int i = 0; i < 4; ++i, ++accepted) pool.post([&ran] { ++ran; });
     });
-    first.open();  // the thread takes all three out of the queue and stands in the first
+    first.set_value();  // the thread takes all three out of the queue and stands in the first
     EXPECT_TRUE(eventually([&] { return accepted >= 1; }));
     for (int i = 0; i < 1000; ++i) std::this_thread::yield();
     EXPECT_EQ(accepted, 1);
@@ -91,9 +80,10 @@ TEST(ThreadPoolTest, ClosuresOfAnySizeRunAndTheirExceptionsReachTheFutureOnly) {
 TEST(ThreadPoolTest, IdleIsToldOnlyWhenNothingRuns) {
     ThreadPool pool("Idle", 2, 10);
     EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
-    Gate gate(pool);
+    std::promise<void> gate;
+    pool.post([&] { gate.get_future().wait(); });
     EXPECT_FALSE(pool.waitIdleFor(std::chrono::milliseconds(1)));
-    gate.open();
+    gate.set_value();
     EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
 }
 
