@@ -62,6 +62,10 @@ class ConnectionBase : public kelm::NonCopyable,
     // The same for a peer that is not waited for at any price: `goOn` is asked every few
     // milliseconds while there is no room. False if it said no, with a part perhaps written.
     virtual bool write(const void* buffer, int size, const std::function<bool()>& goOn) = 0;
+    // For a writer that must not wait: false, and nothing is written, if there is no room at once.
+    // The kernel takes what is well below the socket's buffer whole; should it take a part, the
+    // rest is waited for.
+    virtual bool tryWrite(const void* buffer, int size) = 0;
     // Receives one descriptor, which the caller owns.
     virtual void read(int& fd) = 0;
     // Passes one descriptor; the caller keeps its own.

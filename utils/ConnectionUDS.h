@@ -37,6 +37,7 @@ class ConnectionUDS : public ConnectionBase {
         EXCLUDES(m_mutex);
     bool readArrived(IncomingDescriptor& incoming, bool wait) override EXCLUDES(m_mutex);
     void noteUnread() override EXCLUDES(m_mutex);
+    bool tryWrite(const void* buffer, int size) override EXCLUDES(m_mutex);
     void write(int fd) override EXCLUDES(m_mutex);
     // An empty path stands for a file named after the process. A file left there by an earlier
     // run is replaced. Names are cut silently at 107 characters, here and in connect().

@@ -56,6 +56,8 @@ SerialPool::~SerialPool() {
     m_thread.join();
 }
 
+bool SerialPool::isHelping() { return t_current.isHelp; }
+
 bool SerialPool::deferWait(InlineTask wait) {
     if (!t_current.isHelp) return false;
     t_current.pool->m_deferred.pushBack(std::move(wait));
@@ -161,6 +163,8 @@ void SerialPool::runOwnTurn() {
             InlineTask task = takeNext();
             run(task);
             task.reset();  // what it captured must not live until the next task comes
+            // The next heavy task may take long; light ones come in batches, whose work is shared.
+            if (m_weight == HEAVY) OwedPools::settle();
         }
         OwedPools::settle();
     } while (refill());

@@ -29,13 +29,14 @@ namespace kelm {
 //   HELPED -> IDLE, OWN   the queue is empty; or the bound of a help, or a task for the own thread
 //   OWN -> IDLE           the queue is empty
 //
-// Only the holder of the turn runs tasks, and only the thread that ends IDLE begins a turn, so tasks
-// run one at a time whatever the thread. What a helper must not do:
+// Only the holder of the turn runs tasks, and only the thread that ends IDLE begins a turn, so
+// tasks run one at a time whatever the thread. What a helper must not do:
 //  1. It helps only where it holds no lock (OwedPools::settle), and never inside of a help.
 //  2. It does not wait. Into a full queue goes one task too many; see deferWait().
 //  3. A thread that waits owes nothing: a CondVar hands over, other waits come after a settle.
 //  4. It runs 256 tasks or 50 us at the most.
-//  5. It joins no thread: tasks that do are for the pool's own thread (postOwn), as are all tasks of
+//  5. It joins no thread: tasks that do are for the pool's own thread (postOwn), as are all tasks
+//  of
 //     a heavy pool, which call devices, write until a peer has read, or unmap memory.
 //
 // A full queue blocks its producer and never drops work. Two kinds of task are not held back, since
@@ -61,7 +62,8 @@ class SerialPool : public NonCopyable {
     std::future<std::invoke_result_t<std::decay_t<F>&>> enqueue(F&& f) {
         std::packaged_task<std::invoke_result_t<std::decay_t<F>&>()> task(std::forward<F>(f));
         auto result = task.get_future();
-        insert({[task = std::move(task)]() mutable { task(); }}, {.limited = true, .awaited = true});
+        insert({[task = std::move(task)]() mutable { task(); }},
+               {.limited = true, .awaited = true});
         OwedPools::handOver();
         return result;
     }
@@ -78,9 +80,11 @@ class SerialPool : public NonCopyable {
     // The same for a task that may wait: only the pool's own thread runs it.
     void postOwn(InlineTask task) { insert({std::move(task), true}, {}); }
 
-    // For a task that is about to wait. False: the caller is on a thread that may. True: it is being
-    // helped, and `wait` runs on the pool's own thread before the pool's next task instead.
+    // For a task that is about to wait. False: the caller is on a thread that may. True: it is
+    // being helped, and `wait` runs on the pool's own thread before the pool's next task instead.
     static bool deferWait(InlineTask wait);
+    // Whether the calling thread runs a task in the place of a pool's own thread.
+    static bool isHelping();
 
     // True when nothing is queued and nothing runs within the time.
     bool waitIdleFor(std::chrono::milliseconds time) EXCLUDES(m_mutex);

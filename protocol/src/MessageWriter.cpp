@@ -21,6 +21,20 @@ bool isCollectable(const KelmMsgBase& message) {
     return message.fdNum == 0 && message.dataNum == 0 && message.size <= MessageWriter::kCapacity;
 }
 
+// -1 for what the connection raises, logged.
+template <class Write>
+int attempt(Write write) {
+    try {
+        write();
+        return 0;
+    } catch (const std::exception& e) {
+        const int error = errno;  // the caller's log names it, which logging here may change
+        LOG_ERROR("%s", e.what());
+        errno = error;
+        return -1;
+    }
+}
+
 }  // namespace
 
 // The look-up comes once: the share that it gives keeps the number from being given to another.
@@ -34,19 +48,37 @@ int MessageWriter::append(KelmMsgBase* message) {
     CR_ASSERT(message);
     if (flatMessage(message) != 0) return -1;
     // What was collected is written before a record that cannot wait: the order stays.
-    const bool collectable = isCollectable(*message);
-    if ((!collectable || m_used + message->size > kCapacity) && flush() != 0) return -1;
-    if (!collectable) return send([&] { sendFlatMessage(*m_connection, *message); });
-    if (!m_bytes) m_bytes = std::make_unique_for_overwrite<std::byte[]>(kCapacity);
-    std::memcpy(m_bytes.get() + m_used, message, message->size);
-    m_used += message->size;
+    if (!isCollectable(*message)) {
+        if (flush() != 0) return -1;
+        return send([&] { sendFlatMessage(*m_connection, *message); });
+    }
+    if (m_bytes.capacity() == 0) m_bytes.reserve(kCapacity);
+    const auto* const bytes = reinterpret_cast<const std::byte*>(message);
+    m_bytes.insert(m_bytes.end(), bytes, bytes + message->size);
     return 0;
 }
 
 int MessageWriter::flush() {
-    const size_t size = std::exchange(m_used, 0);  // also if it fails: half of it may be out
-    if (size == 0) return 0;
-    return send([&] { m_connection->write(m_bytes.get(), static_cast<int>(size)); });
+    if (m_bytes.empty()) return 0;
+    const int result =
+        send([&] { m_connection->write(m_bytes.data(), static_cast<int>(m_bytes.size())); });
+    m_bytes.clear();  // also if it has failed: half of it may be out
+    return result;
+}
+
+MessageWriter::Result MessageWriter::tryFlush() {
+    if (m_bytes.empty()) return DONE;
+    if (!m_connection) return flush() == 0 ? DONE : FAILED;  // which logs that it is not there
+    Mutex& mutex = m_connection->writeMutex();
+    if (!mutex.tryLock()) return WOULD_WAIT;
+    MutexLock lock(mutex, std::adopt_lock);
+    bool written = true;
+    const int result = attempt([&] {
+        written = m_connection->tryWrite(m_bytes.data(), static_cast<int>(m_bytes.size()));
+    });
+    if (!written) return WOULD_WAIT;
+    m_bytes.clear();
+    return result == 0 ? DONE : FAILED;
 }
 
 template <class Write>
@@ -55,16 +87,8 @@ int MessageWriter::send(Write write) {
         LOG_ERROR("Can't find connection for fd(%d)", m_connectionId);
         return -1;
     }
-    try {
-        MutexLock lock(m_connection->writeMutex());
-        write();
-        return 0;
-    } catch (const std::exception& e) {
-        const int error = errno;  // the caller's log names it, which logging here may change
-        LOG_ERROR("%s", e.what());
-        errno = error;
-        return -1;
-    }
+    MutexLock lock(m_connection->writeMutex());
+    return attempt(write);
 }
 
 }  // namespace kelm

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <vector>
 
 #include "protocol/src/KelmMessage.h"
 #include "utils/NonCopyable.h"
@@ -26,24 +27,28 @@ class MessageWriter : public NonCopyable {
     explicit MessageWriter(int connectionId);
     ~MessageWriter();
 
-    // The message stays the caller's. -1 if a write failed, with errno of its cause; what was
-    // collected is dropped then.
+    // Collects the record, also beyond the capacity, which is for the caller to keep. The message
+    // stays the caller's. -1 if a write failed, with errno of its cause; what was collected is
+    // dropped then.
     int append(KelmMsgBase* message);
     // Whether a record of that size can be appended without writing what was collected before.
-    bool hasRoomFor(uint64_t size) const { return m_used + size <= kCapacity; }
+    bool hasRoomFor(uint64_t size) const { return m_bytes.size() + size <= kCapacity; }
     // Writes what is collected.
     int flush();
-    bool empty() const { return m_used == 0; }
+    // The same for a caller that must not wait, for the peer or for another writer: then all stays
+    // collected.
+    enum Result { DONE, WOULD_WAIT, FAILED };
+    Result tryFlush();
+    bool empty() const { return m_bytes.empty(); }
 
  private:
-    // Runs the writing; -1 for a connection that is not there and for what it raises, logged.
+    // Runs the writing in this writer's turn; -1 also for a connection that is not there.
     template <class Write>
     int send(Write write);
 
     const int m_connectionId;
     const std::shared_ptr<IPC::ConnectionBase> m_connection;  // null: the number had none
-    std::unique_ptr<std::byte[]> m_bytes;
-    size_t m_used = 0;
+    std::vector<std::byte> m_bytes;
 };
 
 }  // namespace kelm

@@ -97,7 +97,7 @@ TEST(ClientSenderTest, MessageBehindTheEndIsDroppedWhole) {
     const MessagePtr event(kelmAllocMessage(KELM_MESSAGE_TASK_DONE_EVT));
     {
         ClientSender sender(7, connection->getSimulateFD(), true);
-        const auto post = [&] { sender.post(event->size, [&] { sender.write(*event); }); };
+        const auto post = [&] { sender.post(event->size, true, [&] { sender.write(*event); }); };
         post();
         sender.postNotice([&sender] { sender.end(); });
         post();

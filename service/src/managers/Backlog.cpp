@@ -2,14 +2,16 @@
 
 namespace kelm {
 
+void Backlog::waitForRoom() {
+    if (!isFull()) return;
+    MutexLock lock(m_mutex);
+    // Raised before isFull() is read: a remove() after that sees the waiter and wakes it.
+    m_waiters.fetch_add(1);
+    while (isFull()) m_roomCond.wait(m_mutex);
+    m_waiters.fetch_sub(1);
+}
+
 void Backlog::add(uint64_t bytes) {
-    if (isFull()) {
-        MutexLock lock(m_mutex);
-        // Raised before isFull() is read: a remove() after that sees the waiter and wakes it.
-        m_waiters.fetch_add(1);
-        while (isFull()) m_roomCond.wait(m_mutex);
-        m_waiters.fetch_sub(1);
-    }
     const uint64_t waiting = m_bytes.fetch_add(bytes) + bytes;
     if (waiting > kMaxBytes / 4 && !m_wasLarge.load()) m_wasLarge.store(true);
     m_messages.fetch_add(1);

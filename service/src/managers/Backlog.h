@@ -23,8 +23,9 @@ class Backlog : public NonCopyable {
     // `messages` is how many have room whatever their size.
     explicit Backlog(uint64_t messages) : m_maxMessages(messages) {}
 
-    // Waits until there is room.
-    void add(uint64_t bytes) EXCLUDES(m_mutex);
+    // Waits until there is room: before add(), for a thread that may wait.
+    void waitForRoom() EXCLUDES(m_mutex);
+    void add(uint64_t bytes);
     // A notice counts as a message without bytes, and never waits.
     void addNotice() { m_messages.fetch_add(1); }
     void remove(uint64_t bytes) EXCLUDES(m_mutex);

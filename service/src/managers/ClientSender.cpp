@@ -26,9 +26,15 @@ ClientSender::ClientSender(uint64_t clientId, int socket, StepTrace trace,
       m_connection(IPC::ConnectionBase::findConnection(socket)),
       m_writer(socket),
       m_backlog(backlog ? std::move(backlog) : std::make_shared<Backlog>(kMaxQueuedMessages)),
-      m_pool("ResDp" + std::to_string(clientId), kMaxQueuedMessages) {}
+      m_pool("ResDp" + std::to_string(clientId), kMaxQueuedMessages, SerialPool::LIGHT) {}
 
 ClientSender::~ClientSender() = default;
+
+// The share of the backlog outlives this object, the pool that waits may not.
+void ClientSender::waitForRoom() {
+    if (SerialPool::deferWait([backlog = m_backlog] { backlog->waitForRoom(); })) return;
+    m_backlog->waitForRoom();
+}
 
 bool ClientSender::isOfUser(uid_t user) const {
     const auto peer = m_connection ? m_connection->getPeer() : nullptr;
@@ -49,7 +55,21 @@ void ClientSender::write(KelmMsgBase& message) {
 void ClientSender::flush() {
     m_onThread.assertHeld();
     if (m_gathered.empty()) return;
+    if (SerialPool::isHelping()) return flushAtOnce();
     if (isOpen() && m_writer.flush() != 0) fail();
+    settle();
+}
+
+// In a help: what finds no room at once is left to this pool's own thread, before its next job.
+void ClientSender::flushAtOnce() {
+    if (isOpen()) {
+        const MessageWriter::Result result = m_writer.tryFlush();
+        if (result == MessageWriter::WOULD_WAIT) {
+            (void)SerialPool::deferWait([this] { flush(); });
+            return;
+        }
+        if (result == MessageWriter::FAILED) fail();
+    }
     settle();
 }
 

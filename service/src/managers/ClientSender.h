@@ -44,19 +44,21 @@ class ClientSender : public NonCopyable {
     // Whether that user registered the client.
     bool isOfUser(uid_t user) const;
 
-    // Queues a job that writes a message of so many bytes. Blocks while the client's backlog is
-    // full: only for the thread that builds messages.
+    // Queues a job that writes a message of so many bytes; `isLight` if it does nothing that may
+    // wait but write(), with a record that gathers. Blocks while the client's backlog is full: only
+    // for the pool that builds messages.
     template <class Job>
-    void post(uint64_t bytes, Job&& job) {
+    void post(uint64_t bytes, bool isLight, Job&& job) {
+        if (m_backlog->isFull()) waitForRoom();
         m_backlog->add(bytes);
-        enqueue(bytes, std::forward<Job>(job));
+        enqueue(bytes, isLight, std::forward<Job>(job));
     }
 
-    // The same for a notice, which is never held up.
+    // The same for a notice, which is never held up and may wait.
     template <class Job>
     void postNotice(Job&& job) {
         m_backlog->addNotice();
-        enqueue(0, std::forward<Job>(job));
+        enqueue(0, false, std::forward<Job>(job));
     }
 
     // The message is written now or with later ones, or dropped; the log tells which when it has
@@ -85,14 +87,17 @@ class ClientSender : public NonCopyable {
 
     // Past the pool's own limit: the backlog is what holds up the poster.
     template <class Job>
-    void enqueue(uint64_t bytes, Job&& job) {
+    void enqueue(uint64_t bytes, bool isLight, Job&& job) {
         m_pending.fetch_add(1);
-        m_pool.postNotice([this, bytes, job = std::forward<Job>(job)]() mutable {
+        InlineTask task([this, bytes, job = std::forward<Job>(job)]() mutable {
             const Turn turn(*this, bytes);
             job();
         });
+        isLight ? m_pool.postNotice(std::move(task)) : m_pool.postOwn(std::move(task));
     }
+    void waitForRoom();
 
+    void flushAtOnce() REQUIRES(m_onThread);
     // Whether no write has failed and the connection is open.
     bool isOpen() REQUIRES(m_onThread);
     // Whether this side has closed the connection, or is about to.

@@ -177,12 +177,14 @@ void MessageDispatcher::listenThreadRoutine() {
     ThreadUtils::setName(m_name);
     ThreadUtils::saveThreadInfo(m_name);
     // A share of its own: a thread that was left behind outlives this object's.
+    const OwedPools::Scope owing;
     const std::shared_ptr<IPC::Poller> poller = m_poller;
     IPC::PollEvent event;
     while (!m_stop) {
         event.clear();
         try {
             // No message may end the thread, which would leave all clients without service.
+            OwedPools::settle();
             if (poller->wait(&event, kPollMillisec)) handleEvents(event);
             handleTimers();
         } catch (const std::exception& error) {

@@ -27,6 +27,10 @@ namespace kelm {
 
 namespace {
 
+bool isTaskDone(uint32_t type) {
+    return type == KELM_MESSAGE_TASK_DONE_EVT || type == KELM_MESSAGE_TASK_DONE_MSG;
+}
+
 // Clients of the first API version know the done message, those after it the event.
 bool takesEvents(const KelmClient& client) { return client.getApiMajorVersion() >= 2; }
 
@@ -46,7 +50,7 @@ ResultDispatcher::ResultDispatcher()
       m_finishedTasks("", "KelmService", "FinishedTasks"),
       m_senders(m_trace),
       m_strangers(m_trace),
-      m_mainPool("ResDp", 30000) {
+      m_mainPool("ResDp", 30000, SerialPool::LIGHT) {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
     m_finishedTasks.m_bufferTimeMs = config.getFpsBufferTimeLength();
     if (config.isPrintServiceFpsEnabled()) {
@@ -366,7 +370,8 @@ void ResultDispatcher::sendResponse(ClientSender* sender, uint64_t clientId, int
     }
     const uint64_t bytes = message->size;
     // `sender` stays: only this thread takes one out, and it is destroyed after its last job.
-    sender->post(bytes, [this, sender, createdTaskId, message = std::move(message)] {
+    const bool isLight = createdTaskId != 0 || isTaskDone(message->type);
+    sender->post(bytes, isLight, [this, sender, createdTaskId, message = std::move(message)] {
         sender->write(*message);
         if (message->type == KELM_MESSAGE_UNREGISTER_RSP) finishUnregister(*sender);
         if (createdTaskId != 0) notifySendCreateTaskReponseDone(*sender, createdTaskId);
@@ -382,7 +387,8 @@ void ResultDispatcher::sendWithoutPool(uint64_t clientId, int socket, MessagePtr
         connected ? m_senders.getDedicatedThreadPool(clients.getClientIdBySocket(socket)) : nullptr;
     if (sender != nullptr) {
         const uint64_t bytes = message->size;
-        sender->post(bytes, [sender, message = std::move(message)] { sender->write(*message); });
+        sender->post(bytes, false,
+                     [sender, message = std::move(message)] { sender->write(*message); });
     } else if (connected) {
         m_strangers.post(connection, std::move(message));
     } else {
@@ -454,7 +460,7 @@ void ResultDispatcher::removeDedicatedThreadPool(uint64_t clientId) {
     // destroys the pool only after the pool's last job has said that it is the last.
     sender->postNotice([this, sender] {
         sender->flush();
-        m_mainPool.postNotice([this, sender] {
+        m_mainPool.postOwn([this, sender] {  // it joins the sender's thread
             m_onMainPool.assertHeld();
             m_senders.destroy(sender);
         });

@@ -27,6 +27,9 @@ StrangerSender::StrangerSender(StepTrace trace)
       m_pool("ResDpSend", kMaxQueuedMessages) {}
 
 void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message) {
+    if (m_backlog.isFull() && !SerialPool::deferWait([this] { m_backlog.waitForRoom(); })) {
+        m_backlog.waitForRoom();
+    }
     m_backlog.add(message->size);
     // The second runs from here: an answer that has waited behind others has only the rest of it,
     // or a row of peers that do not read would delay the last one by a second each.

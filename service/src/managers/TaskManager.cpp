@@ -61,7 +61,9 @@ void TaskManager::enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& s
 // A notice, as are those below: the threads of devices and schedulers post them, and one that
 // waited here for room could be the one that makes room.
 void TaskManager::enqueueDestroyTask(KelmTask* task) {
-    m_destroyPool->postNotice([this, task] { destroyTask(task); });
+    InlineTask end([this, task] { destroyTask(task); });
+    task->hasMappedTensors() ? m_destroyPool->postOwn(std::move(end))
+                             : m_destroyPool->postNotice(std::move(end));
 }
 
 void TaskManager::enqueueReturnTask(KelmTask* task) {

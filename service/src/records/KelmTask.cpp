@@ -55,6 +55,8 @@ KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskPa
 
 // The counts of client and graph are lowered after the last use of the two, which may be deleted
 // from then on.
+bool KelmTask::hasMappedTensors() const { return m_taskParam && m_taskParam->isMapped(); }
+
 KelmTask::~KelmTask() {
     finishExecutionTrace();  // of an attempt that gave no result
     if (m_taskParam) {

@@ -30,6 +30,10 @@ class KelmTaskParam : public NonCopyable {
     KelmBuffer& getOutputBuffer() { return m_outputBuffer; }
     KelmBuffer& getAuxBuffer() { return m_auxBuffer; }
     const PeerCredentials& getPeer() const { return *m_peer; }
+    // Whether its end unmaps memory, which takes longer than the rest of a task's end.
+    bool isMapped() const {
+        return m_inputBuffer.buffer != 0 || m_outputBuffer.buffer != 0 || m_auxBuffer.buffer != 0;
+    }
     void setOutputBufferProvided(bool provided) { m_outputBufferProvided = provided; }
     void setAuxBufferProvided(bool provided) { m_auxBufferProvided = provided; }
     bool isOutputBufferProvided() const { return m_outputBufferProvided; }

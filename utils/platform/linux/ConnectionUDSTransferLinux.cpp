@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -96,6 +97,20 @@ bool ConnectionUDS::write(const void* buffer, int size, const std::function<bool
                        ") failed, user=" + getUser());
         }
     }
+    return true;
+}
+
+bool ConnectionUDS::tryWrite(const void* buffer, int size) {
+    const Use use(*this);
+    ssize_t count = 0;
+    do {
+        count = ::send(use.fd(), buffer, static_cast<size_t>(size), MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (count < 0 && errno == EINTR);
+    if (count == size) return true;
+    if (count < 0 && wouldBlock(errno)) return false;
+    // Failures are told there.
+    const auto written = std::max<ssize_t>(count, 0);
+    write(static_cast<const char*>(buffer) + written, size - static_cast<int>(written));
     return true;
 }
 
