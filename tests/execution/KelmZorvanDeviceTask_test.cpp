@@ -216,8 +216,8 @@ TEST_F(KelmZorvanTaskTest, FailedReadDoesNotShiftResults) {
     EXPECT_EQ(tevo.count("qxGraphDestroy"), 0);
 }
 
-// Those that nobody waits for; a result that another task awaits is handed on.
-TEST_F(KelmZorvanTaskTest, ResultsOfOthersStayOutOfABuffer) {
+// A result that another task awaits is handed on.
+TEST_F(KelmZorvanTaskTest, OnlyResultsThatNoTaskAwaitsStayOutOfABuffer) {
     KelmTask* const one = namedTask("1111");
     KelmTask* const two = namedTask("2222");
     ASSERT_EQ(first->loadTensor(one), 0);
@@ -297,7 +297,7 @@ TEST_F(KelmZorvanTaskTest, InputWithoutRoomWaitsForTheResults) {
             ASSERT_EQ(first->loadTensor(loaded.back()), 0);
         }
         KelmTask* const task = addTask(ion("last"), ion("...."));
-        auto load = std::async(std::launch::async, [&] { return first->loadTensor(task); });
+        auto load = startCalling([&] { return first->loadTensor(task); });
         EXPECT_EQ(load.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
         for (KelmTask* earlier : loaded) end(earlier);
         EXPECT_EQ(load.get(), isReset ? KELM_ERROR_DEVICE_FAILED : 0);

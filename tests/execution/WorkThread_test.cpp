@@ -80,8 +80,9 @@ class UnansweredUnloadTest : public WorkThreadTest {
     UnansweredUnloadTest() : WorkThreadTest(FakeTaskExchange::Answer::Never) { startLoaded(); }
 
     std::shared_future<int> unloadUnanswered() {
+        const size_t before = exchange.descheduled().size();
         auto unloaded = worker->enqueueUnloadGraph(graph.get(), false);
-        EXPECT_TRUE(eventually([&] { return exchange.descheduled().size() == 1; }));
+        EXPECT_TRUE(eventually([&] { return exchange.descheduled().size() > before; }));
         return unloaded;
     }
 };
@@ -221,15 +222,12 @@ TEST_F(WorkThreadTest, ResetHoldsUpNewGraphsAndNeitherTasksNorReaders) {
     script.fail(DeviceCall::Reset, 1, -2);
     worker->enqueueResetDevice(makeResetRequest());
     ASSERT_TRUE(calls(DeviceCall::Reset));
-    auto loaded = std::async(std::launch::async, [&] { return load(other.get()); });
-    for (int look = 0; look < 50; ++look) {  // well before the wait has its own end
-        EXPECT_THAT(worker->getGraphs(), ElementsAre(graph.get()));
-        std::this_thread::yield();
-    }
+    auto loaded = startCalling([&] { return load(other.get()); });
     feed(graph.get());
     EXPECT_TRUE(settles(1, 0));
     EXPECT_EQ(unload(graph.get()), 0) << "the task scheduler's word comes through, too";
     EXPECT_THAT(sink.resets(), IsEmpty());
+    EXPECT_THAT(worker->getGraphs(), IsEmpty()) << "well before the wait has its own end";
     script.release(DeviceCall::Reset);
     EXPECT_EQ(loaded.get(), 0);
     EXPECT_EQ(worker->getGraphName(), "graph2");
@@ -349,15 +347,26 @@ TEST_F(UnansweredUnloadTest, DestructionEndsAnUnloadThatNobodyAnswers) {
 }
 
 TEST_F(UnansweredUnloadTest, AnswerStillArrivesWhileTheWorkerIsDestroyed) {
-    script.block(DeviceCall::GetResult);
-    feed(graph.get());
-    (void)unloadUnanswered();
-    WorkThread* const dying = worker.get();
-    auto destroyed = std::async(std::launch::async, [&] { worker.reset(); });
-    ASSERT_TRUE(eventually([&] { return !dying->isReady(); }));
-    dying->enqueueAbortApplyTaskDone(graph.get());
-    script.release(DeviceCall::GetResult);
-    EXPECT_EQ(destroyed.wait_for(std::chrono::milliseconds(900)), std::future_status::ready);
+    // Without the answer each destruction takes a second and more from the release on; with it one
+    // of a few is shorter even on a busy machine.
+    bool isAnswerHeard = false;
+    for (int round = 1; round <= 5 && !isAnswerHeard; ++round) {
+        if (worker == nullptr) startLoaded();
+        script.block(DeviceCall::GetResult);
+        feed(graph.get());
+        ASSERT_TRUE(eventually([&] { return script.count(DeviceCall::GetResult) == round; }));
+        (void)unloadUnanswered();
+        WorkThread* const dying = worker.get();
+        auto destroyed = std::async(std::launch::async, [&] { worker.reset(); });
+        ASSERT_TRUE(eventually([&] { return !dying->isReady(); }));
+        dying->enqueueAbortApplyTaskDone(graph.get());
+        const auto released = std::chrono::steady_clock::now();
+        script.release(DeviceCall::GetResult);
+        destroyed.get();
+        isAnswerHeard =
+            std::chrono::steady_clock::now() - released < std::chrono::milliseconds(900);
+    }
+    EXPECT_TRUE(isAnswerHeard);
 }
 
 TEST_F(WorkThreadTest, DestructionReturnsWhatIsQueuedAndTakesTheGraphOff) {

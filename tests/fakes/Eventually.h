@@ -1,7 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <future>
 #include <thread>
+#include <utility>
 
 namespace kelm {
 
@@ -15,6 +17,19 @@ bool eventually(Predicate predicate,
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     return true;
+}
+
+// Calls on a thread of its own, which is right before the call when this returns.
+template <class Call>
+auto startCalling(Call call) {
+    std::promise<void> isCalling;
+    const auto begun = isCalling.get_future();
+    auto ended = std::async(std::launch::async, [isCalling = std::move(isCalling), call]() mutable {
+        isCalling.set_value();
+        return call();
+    });
+    begun.wait();
+    return ended;
 }
 
 }  // namespace kelm

@@ -147,7 +147,9 @@ TEST_F(GraphManagerTest, ReadingStopsWhenItsClientVanishesOrTheServiceEnds) {
 TEST_F(GraphManagerTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) {
     start();
     WireClient ahead = connect();
-    const std::string huge = writeSparse("huge", 256 << 20);
+    constexpr uint64_t kSize = 256 << 20;
+    const std::string huge = writeSparse("huge", kSize);
+    const uint64_t before = bytesRead();
     for (int i = 0; i < 2; ++i) ahead.sendCreateGraph(refused(huge));
     constexpr int kMoreThanFits = 20000;
     const int sent =
@@ -156,7 +158,7 @@ TEST_F(GraphManagerTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) 
     EXPECT_LT(sent, kMoreThanFits);
     WireClient other = connect();
     EXPECT_EQ(other.createGraph({"blob"}).head.status, KELM_OK);
-    EXPECT_FALSE(ahead.canReceive());
+    EXPECT_TRUE(!ahead.canReceive() || bytesRead() - before >= kSize) << "before the first file";
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(ahead.receive<KelmMsgRspCreateGraph>().head.status, KELM_ERROR_INVALID_PARAM);
     }
@@ -271,7 +273,8 @@ TEST_F(GraphManagerTest, EndIsNotHeldUpByADeviceThatDoesNotUnload) {
     WireClient client = connect();
     EXPECT_EQ(client.createGraph({"blob"}).head.status, KELM_OK);
     device().block(DeviceCall::Deallocate);
-    GraphManager::instance().removeAllGraphs();  // returns
+    auto ended = std::async(std::launch::async, [] { GraphManager::instance().removeAllGraphs(); });
+    EXPECT_EQ(ended.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     device().release(DeviceCall::Deallocate);
     GraphManager::instance().removeAllGraphs();  // waits for it, and asks the device nothing anew
     EXPECT_EQ(device().deallocated().size(), 1U);

@@ -104,7 +104,7 @@ TEST_F(KelmTaskTest, CacheKeepsABoundedNumberOfBlocks) {
 }
 
 // Each failure leaves no handle and no descriptor but the client's own.
-TEST(BufferAllocatorTest, FailureKeepsAHandleOrEndsTheProcess) {
+TEST(BufferAllocatorTest, FailureLeavesNoHandleAndTheProcessGoesOn) {
     const struct {
         std::string failing;  // none: the mapping
         bool byImport, byAlloc;
@@ -143,7 +143,7 @@ TEST(BufferAllocatorTest, FailureKeepsAHandleOrEndsTheProcess) {
     }
 }
 
-TEST(BufferAllocatorTest, ClientsWordDecidesHowMuchIsMapped) {
+TEST(BufferAllocatorTest, LibraryAndNotTheClientDecidesHowMuchIsMapped) {
     SimulatedIon ion;
     BufferAllocator allocator;
     KelmBuffer buffer = SimulatedIon::makeBuffer("tensor" + std::string(4090, '\0'));
@@ -173,7 +173,7 @@ TEST(BufferAllocatorTest, ClientsWordDecidesHowMuchIsMapped) {
     EXPECT_EQ(ion.live(), 0);
 }
 
-TEST(BufferAllocatorTest, MappingOutlivesItsTask) {
+TEST(BufferAllocatorTest, MappingEndsWithItsTaskAndTheNameStays) {
     ShareMemory clients;
     const std::string name = "/kelm_test_task" + std::to_string(::getpid());
     ASSERT_NE(clients.create(name.c_str(), 4096), nullptr);

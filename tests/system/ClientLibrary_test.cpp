@@ -77,7 +77,7 @@ TEST_F(ClientLibraryTest, CallsBringWhatTheServiceSaid) {
 
 TEST_F(ClientLibraryTest, CanceledTaskEndsItsCallAndDoesNotRun) {
     constexpr uint64_t kTasks = 40;
-    ASSERT_NO_FATAL_FAILURE(startAndConnect(200));
+    ASSERT_NO_FATAL_FAILURE(startAndConnect(50));
     std::vector<std::future<InferResult>> ahead;
     for (uint64_t i = 1; i < kTasks; ++i) ahead.push_back(m_client->inferAsync(request(i)));
     std::promise<uint64_t> accepted;
@@ -89,6 +89,9 @@ TEST_F(ClientLibraryTest, CanceledTaskEndsItsCallAndDoesNotRun) {
     EXPECT_EQ(m_client->queryTask(task).value(), client::TaskStage::kQueued);
     EXPECT_TRUE(m_client->cancel(task).value());
     EXPECT_EQ(end.get_future().get(), ErrorKind::kCanceled);
+    for (auto& result : ahead) EXPECT_FALSE(result.get().error);
+    EXPECT_TRUE(eventually([&] { return !m_client->queryTask(task); }));
+    EXPECT_EQ(readPackage()->clients[0].inferenceTimes, kTasks - 1);
 }
 
 }  // namespace

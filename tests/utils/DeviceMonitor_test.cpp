@@ -43,22 +43,27 @@ TEST(DeviceMonitorTest, FakeDevicesKeepTheirDefaultNumber) {
 
 TEST(DeviceMonitorTest, StopJoinsAThreadThatIsJustNotifyingAndTheNextLaunchIsFree) {
     DeviceMonitor monitor(std::make_unique<NotifyingImpl>());
-    std::atomic<int> heard{0};
-    const auto listen = [&](const DeviceDesc&, DeviceMonitor::PlugType) { ++heard; };
-    monitor.registerListen(listen);
-    const unsigned long id = monitor.registerListen(listen);
+    std::atomic<int> first{0};
+    std::atomic<int> second{0};
+    const auto listen = [&](std::atomic<int>& heard) {
+        return monitor.registerListen([&](const DeviceDesc&, DeviceMonitor::PlugType) { ++heard; });
+    };
+    listen(first);
+    const unsigned long id = listen(second);
     for (int round = 0; round < 2; ++round) {
         EXPECT_TRUE(monitor.addDeviceFilter(1, 2));
+        const auto before = std::pair(first.load(), second.load());
         ASSERT_TRUE(monitor.launch());
         EXPECT_FALSE(monitor.launch());
         EXPECT_FALSE(monitor.addDeviceFilter(1, 2));
-        EXPECT_TRUE(eventually([&] { return heard > round; }));
+        EXPECT_TRUE(eventually([&] { return first > before.first && second > before.second; }));
         for (int i = 0; i < 2; ++i) monitor.stop();
     }
-    const int before = heard;
+    const auto before = std::pair(first.load(), second.load());
     monitor.unregisterListen(id);
     monitor.notifyPlugoutDevice({"1.2", 1, 2, 0});
-    EXPECT_EQ(heard, before + 1);  // the other one still listens
+    EXPECT_EQ(first, before.first + 1);  // this one still listens
+    EXPECT_EQ(second, before.second);
 }
 
 }  // namespace kelm

@@ -14,7 +14,7 @@
 
 namespace kelm {
 
-ClientSenders::ClientSenders(StepTrace trace) : m_trace(trace) {}
+ClientSenders::ClientSenders(StepTrace trace) : m_trace(std::move(trace)) {}
 ClientSenders::~ClientSenders() = default;
 
 ClientSender* ClientSenders::getDedicatedThreadPool(uint64_t clientId) {
