@@ -5,7 +5,6 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "utils/OwedPools.h"
 #include "utils/ThreadAnnotations.h"
 
 namespace kelm {
@@ -52,13 +51,16 @@ class SCOPED_CAPABILITY MutexLock {
     bool m_held = true;
 };
 
+// What the calling thread does before it waits for a condition, may be null; see OwedPools.
+inline thread_local void (*t_beforeWait)() = nullptr;
+
 // A condition variable for Mutex. Each wait is one wait: spurious wake-ups come through, so callers
-// loop over their condition unless they say why one wait is enough. A thread that waits owes no pool
-// a turn: what it waits for may depend on that.
+// loop over their condition unless they say why one wait is enough. A thread that waits owes no
+// pool a turn: what it waits for may depend on that.
 class CondVar {
  public:
     void wait(Mutex& mutex) REQUIRES(mutex) {
-        OwedPools::handOver();
+        if (t_beforeWait != nullptr) t_beforeWait();
         std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
         m_condition.wait(lock);
         (void)lock.release();
@@ -68,7 +70,7 @@ class CondVar {
     template <class Clock, class Duration>
     bool waitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline)
         REQUIRES(mutex) {
-        OwedPools::handOver();
+        if (t_beforeWait != nullptr) t_beforeWait();
         std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
         const std::cv_status status = m_condition.wait_until(lock, deadline);
         (void)lock.release();

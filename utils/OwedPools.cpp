@@ -16,18 +16,17 @@ constexpr std::chrono::microseconds kSettleTime{50};
 
 struct Owed {
     std::vector<SerialPool*> pools;  // in the order in which they were filled; null: no longer owed
-    bool hasScope = false;
     bool settling = false;
 };
 thread_local Owed t_owed;
 
 }  // namespace
 
-OwedPools::Scope::Scope() { t_owed.hasScope = true; }
+OwedPools::Scope::Scope() { t_beforeWait = &OwedPools::handOver; }
 
 OwedPools::Scope::~Scope() {
     handOver();
-    t_owed.hasScope = false;
+    t_beforeWait = nullptr;
 }
 
 void OwedPools::settle() {
@@ -62,7 +61,7 @@ bool OwedPools::areSettled() {
 }
 
 bool OwedPools::add(SerialPool& pool) {
-    if (!t_owed.hasScope) return false;
+    if (t_beforeWait == nullptr) return false;  // no Scope
     t_owed.pools.push_back(&pool);
     return true;
 }

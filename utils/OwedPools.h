@@ -6,9 +6,9 @@ namespace kelm {
 
 class SerialPool;
 
-// The pools that the calling thread owes a turn: it has filled them while they were idle, and either
-// runs their tasks itself at its next settle point or wakes their own threads there. One list for
-// each thread that has a Scope; a thread without one wakes a pool as it fills it.
+// The pools that the calling thread owes a turn: it has filled them while they were idle, and
+// either runs their tasks itself at its next settle point or wakes their own threads there. One
+// list for each thread that has a Scope; a thread without one wakes a pool as it fills it.
 //
 // A thread settles where it holds no lock and before it waits for something outside of the service:
 // a device, the poller, a read, a future, the end of a thread. A wait for a CondVar hands over by

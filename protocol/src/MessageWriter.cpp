@@ -44,14 +44,14 @@ MessageWriter::MessageWriter(int connectionId)
 
 MessageWriter::~MessageWriter() = default;
 
-int MessageWriter::append(KelmMsgBase* message) {
+int MessageWriter::append(KelmMsgBase* message, bool mayWait) {
     CR_ASSERT(message);
     if (flatMessage(message) != 0) return -1;
     // What was collected is written before a record that cannot wait: the order stays.
-    if (!isCollectable(*message)) {
-        if (flush() != 0) return -1;
-        return send([&] { sendFlatMessage(*m_connection, *message); });
-    }
+    const bool collectable = isCollectable(*message);
+    const bool isFull = mayWait && !hasRoomFor(message->size);
+    if ((!collectable || isFull) && flush() != 0) return -1;
+    if (!collectable) return send([&] { sendFlatMessage(*m_connection, *message); });
     if (m_bytes.capacity() == 0) m_bytes.reserve(kCapacity);
     const auto* const bytes = reinterpret_cast<const std::byte*>(message);
     m_bytes.insert(m_bytes.end(), bytes, bytes + message->size);

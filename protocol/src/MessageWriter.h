@@ -27,10 +27,9 @@ class MessageWriter : public NonCopyable {
     explicit MessageWriter(int connectionId);
     ~MessageWriter();
 
-    // Collects the record, also beyond the capacity, which is for the caller to keep. The message
-    // stays the caller's. -1 if a write failed, with errno of its cause; what was collected is
-    // dropped then.
-    int append(KelmMsgBase* message);
+    // The message stays the caller's. -1 if a write failed, with errno of its cause; what was
+    // collected is dropped then. A caller that must not wait has what finds no room collected, too.
+    int append(KelmMsgBase* message, bool mayWait = true);
     // Whether a record of that size can be appended without writing what was collected before.
     bool hasRoomFor(uint64_t size) const { return m_bytes.size() + size <= kCapacity; }
     // Writes what is collected.

@@ -114,7 +114,7 @@ TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
     for (int i = 0; i < 20000; ++i) backlog.add(560);
     EXPECT_FALSE(backlog.isFull());  // many, but some 11 MB
     for (; !backlog.isFull(); backlog.add(kReport)) continue;
-    auto held = startCalling([&] { backlog.add(1); });
+    auto held = startCalling([&] { backlog.waitForRoom(); });
     EXPECT_EQ(held.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     backlog.remove(kReport);
     EXPECT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);

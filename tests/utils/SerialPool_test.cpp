@@ -17,8 +17,11 @@ class SerialPoolTest : public ::testing::Test {
     const OwedPools::Scope m_owing;
 };
 
+// The pool is idle afterwards.
 int ownThread(SerialPool& pool) {
-    return pool.enqueue([] { return ThreadUtils::getThreadId(); }).get();
+    const int thread = pool.enqueue([] { return ThreadUtils::getThreadId(); }).get();
+    EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+    return thread;
 }
 
 // In a task that is helped: the kernel's id, behind the borrowed one.

@@ -46,7 +46,7 @@ void ClientSender::write(KelmMsgBase& message) {
     if (!m_writer.hasRoomFor(message.size)) flush();
     // Also what cannot be written any more: settle() tells of each message once.
     m_gathered.emplace_back(message);
-    if (isOpen() && m_writer.append(&message) != 0) fail();
+    if (isOpen() && m_writer.append(&message, !SerialPool::isHelping()) != 0) fail();
     if (!m_failure.empty() || m_writer.empty()) settle();
 }
 
