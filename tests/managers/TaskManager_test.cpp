@@ -159,6 +159,7 @@ TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
     device().block(DeviceCall::LoadTensor);
     DescriptorProbe canceled;
     EXPECT_EQ(infer(leaver, graph, canceled).head.status, KELM_OK);
+    ASSERT_TRUE(isReached(DeviceCall::LoadTensor));
     giveUp(leaver, graph);
     DescriptorProbe live;
     EXPECT_EQ(infer(leaver, graph, live).head.status, KELM_OK);
@@ -184,6 +185,8 @@ TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerLeaveBeforeTheRecordDoes
     device().block(DeviceCall::LoadTensor);
     DescriptorProbe input;
     EXPECT_EQ(infer(client, graph, input).head.status, KELM_OK);
+    // A canceled task ends at once unless it is on the device.
+    ASSERT_TRUE(isReached(DeviceCall::LoadTensor));
     EXPECT_TRUE(client.unregister());
     // Far more than the socket holds, so that most are queued when the task ends.
     constexpr int kAnswers = 2000;
