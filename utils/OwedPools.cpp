@@ -60,10 +60,12 @@ bool OwedPools::areSettled() {
     return t_owed.settling || std::ranges::all_of(t_owed.pools, std::logical_not<>());
 }
 
-bool OwedPools::add(SerialPool& pool) {
-    if (t_beforeWait == nullptr) return false;  // no Scope
-    t_owed.pools.push_back(&pool);
-    return true;
+bool OwedPools::canOwe() { return t_beforeWait != nullptr; }  // has a Scope
+
+void OwedPools::add(SerialPool& pool) { t_owed.pools.push_back(&pool); }
+
+bool OwedPools::owes(const SerialPool& pool) {
+    return std::ranges::find(t_owed.pools, &pool) != t_owed.pools.end();
 }
 
 bool OwedPools::remove(SerialPool& pool) {

@@ -34,7 +34,9 @@ class OwedPools {
     friend class SerialPool;
 
     // False for a thread without a Scope: then the pool is to be woken.
-    static bool add(SerialPool& pool);
+    static bool canOwe();
+    static void add(SerialPool& pool);
+    static bool owes(const SerialPool& pool);
     // False if this thread does not owe it.
     static bool remove(SerialPool& pool);
 };

@@ -42,14 +42,13 @@ SerialPool::SerialPool(std::string name, uint64_t maxQueueSize, Weight weight)
     m_thread = std::thread([this] { threadRoutine(); });
 }
 
-// A thread that owes the pool settles soon, since it never waits before that; only then does its
-// list hold no pointer to this object.
+// The own thread ends only once the turn has ended. A thread that owes it settles soon, since it
+// never waits before that; from then on its list holds no pointer to this object.
 SerialPool::~SerialPool() {
     OwedPools::handOver();  // without the mutex, as the list of this thread has other pools, too
     {
         MutexLock lock(m_mutex);
-        m_stop = true;
-        while (m_state == OWED) m_settledCond.wait(m_mutex);
+        m_turn.fetch_or(kStopped);
         m_turnCond.notifyAll();
         m_roomCond.notifyAll();
     }
@@ -64,21 +63,35 @@ bool SerialPool::deferWait(InlineTask wait) {
     return true;
 }
 
+// Others change the count and the marks meanwhile, only the holder of the turn its state.
+void SerialPool::setState(State state) {
+    uint64_t turn = m_turn.load();
+    while (!m_turn.compare_exchange_weak(turn, (turn & ~kStates) | state)) {
+    }
+}
+
+bool SerialPool::hasTurn() const {
+    return t_current.pool == this || (stateOf(m_turn.load()) == OWED && OwedPools::owes(*this));
+}
+
 // What the holder of the turn has taken out still counts, though it is no longer in the queue:
 // otherwise the queue could hold twice its size.
-uint64_t SerialPool::queuedUnsafe() const {
+uint64_t SerialPool::waitingUnsafe() const {
     return m_queue.size() + m_urgent.size() + m_batchSize.load();
 }
 
-void SerialPool::throwIfStoppedUnsafe() const {
-    if (m_stop) throw std::runtime_error("failed to enqueue, threadPool is stopped");
+void SerialPool::throwIfStopped() const {
+    if ((m_turn.load() & kStopped) == 0) return;
+    throw std::runtime_error("failed to enqueue, threadPool is stopped");
 }
 
 void SerialPool::waitForRoomUnsafe() {
     // Raised before the size is read: a task that is taken in between then sees a waiter and
     // notifies. The other order would lose the notice.
     m_roomWaiters.fetch_add(1);
-    while (!m_stop && queuedUnsafe() >= m_maxQueueSize) m_roomCond.wait(m_mutex);
+    while ((m_turn.load() & kStopped) == 0 && waitingUnsafe() >= m_maxQueueSize) {
+        m_roomCond.wait(m_mutex);
+    }
     m_roomWaiters.fetch_sub(1);
 }
 
@@ -89,20 +102,42 @@ void SerialPool::waitForRoom() {
 }
 
 void SerialPool::insert(Slot slot, Rule rule) {
-    bool wake = false;
+    const bool plain = !rule.front && !rule.awaited;
+    if (!plain || !insertInTurn(slot, rule.limited)) insertQueued(std::move(slot), rule);
+}
+
+bool SerialPool::insertInTurn(Slot& slot, bool limited) {
+    uint64_t turn = m_turn.load();
+    // In the order of submission: what other threads have queued before stays ahead.
+    if (queuedOf(turn) != 0 || (turn & kStopped) != 0) return false;
+    if (stateOf(turn) == IDLE) {
+        if (!OwedPools::canOwe() || !m_turn.compare_exchange_strong(turn, turn | OWED))
+            return false;
+        OwedPools::add(*this);
+    } else if (!hasTurn()) {
+        return false;
+    } else if (limited && t_current.pool != this && m_batchSize.load() >= m_maxQueueSize) {
+        return false;
+    }
+    m_batch.pushBack(std::move(slot));
+    m_batchSize.fetch_add(1);
+    return true;
+}
+
+void SerialPool::insertQueued(Slot slot, Rule rule) {
     bool oneTooMany = false;
     {
         MutexLock lock(m_mutex);
-        throwIfStoppedUnsafe();
+        throwIfStopped();
         // A producer that runs a task of this very pool would wait for itself.
-        if (rule.limited && queuedUnsafe() >= m_maxQueueSize && t_current.pool != this) {
+        if (rule.limited && waitingUnsafe() >= m_maxQueueSize && t_current.pool != this) {
             oneTooMany = t_current.isHelp;
             if (!oneTooMany) {
                 lock.unlock();
                 OwedPools::handOver();  // before the mutex: it may owe this pool, and takes others'
                 lock.lock();
                 waitForRoomUnsafe();
-                throwIfStoppedUnsafe();
+                throwIfStopped();
             }
         }
         if (rule.front) {
@@ -111,23 +146,25 @@ void SerialPool::insert(Slot slot, Rule rule) {
         } else {
             m_queue.pushBack(std::move(slot));
         }
-        wake = beginTurnUnsafe(rule.awaited);
+        noteQueuedUnsafe(rule.awaited);
     }
-    if (wake) m_turnCond.notifyOne();
     if (oneTooMany) (void)deferWait([this] { waitForRoom(); });
 }
 
-bool SerialPool::beginTurnUnsafe(bool awaited) {
-    const bool wasIdle = m_state == IDLE;
-    if (wasIdle && !awaited && OwedPools::add(*this)) {
-        m_state = OWED;
-        return false;
-    }
+void SerialPool::noteQueuedUnsafe(bool awaited) {
+    const State next = awaited || !OwedPools::canOwe() ? OWN : OWED;
+    uint64_t turn = m_turn.load();
+    uint64_t counted = 0;
+    do {
+        counted = turn + kOneQueued;
+        if (stateOf(turn) == IDLE) counted |= next;
+    } while (!m_turn.compare_exchange_weak(turn, counted));
+    if (stateOf(turn) == IDLE && next == OWED) return OwedPools::add(*this);
+    if (stateOf(turn) == IDLE) return m_turnCond.notifyOne();
     // The caller waits for the task: it must not owe it.
-    const bool owesAwaited = awaited && m_state == OWED && OwedPools::remove(*this);
-    if (!wasIdle && !owesAwaited) return false;
-    m_state = OWN;
-    return true;
+    if (!awaited || stateOf(turn) != OWED || !OwedPools::remove(*this)) return;
+    setState(OWN);
+    m_turnCond.notifyOne();
 }
 
 bool SerialPool::waitIdleFor(std::chrono::milliseconds time) {
@@ -135,10 +172,13 @@ bool SerialPool::waitIdleFor(std::chrono::milliseconds time) {
     OwedPools::handOver();
     MutexLock lock(m_mutex);
     ++m_idleWaiters;
+    m_turn.fetch_or(kIdleWaited);
     bool timely = true;
-    while (m_state != IDLE && timely) timely = m_idleCond.waitUntil(m_mutex, deadline);
-    --m_idleWaiters;
-    return m_state == IDLE;
+    while (stateOf(m_turn.load()) != IDLE && timely) {
+        timely = m_idleCond.waitUntil(m_mutex, deadline);
+    }
+    if (--m_idleWaiters == 0) m_turn.fetch_and(~kIdleWaited);
+    return stateOf(m_turn.load()) == IDLE;
 }
 
 void SerialPool::threadRoutine() {
@@ -153,8 +193,12 @@ void SerialPool::threadRoutine() {
 
 bool SerialPool::waitForTurn() {
     MutexLock lock(m_mutex);
-    while (m_state != OWN && !(m_stop && m_state == IDLE)) m_turnCond.wait(m_mutex);
-    return m_state == OWN;
+    for (;;) {
+        const uint64_t turn = m_turn.load();
+        if (stateOf(turn) == OWN) return true;
+        if (stateOf(turn) == IDLE && (turn & kStopped) != 0) return false;
+        m_turnCond.wait(m_mutex);
+    }
 }
 
 void SerialPool::runOwnTurn() {
@@ -173,13 +217,7 @@ void SerialPool::runOwnTurn() {
 bool SerialPool::canBeHelped() const { return m_weight == LIGHT && m_threadId.load() != 0; }
 
 void SerialPool::help(std::chrono::steady_clock::time_point deadline) {
-    {
-        MutexLock lock(m_mutex);
-        m_state = HELPED;
-        // The destructor waits for the list of this thread, which the pool is on no more.
-        if (m_stop) m_settledCond.notifyAll();
-        refillUnsafe();
-    }
+    setState(HELPED);
     const Turn turn(*this);
     for (int count = 0; refill(); ++count) {
         const bool isLong = count % kTasksBetweenLooks == kTasksBetweenLooks - 1 &&
@@ -193,29 +231,34 @@ void SerialPool::help(std::chrono::steady_clock::time_point deadline) {
 // Notified under the mutex: once that is free, the destructor may pass.
 void SerialPool::handBack() {
     MutexLock lock(m_mutex);
-    m_state = OWN;
+    setState(OWN);
     m_turnCond.notifyOne();
-    if (m_stop) m_settledCond.notifyAll();
 }
 
 bool SerialPool::refill() {
     if (!m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0) return true;
-    MutexLock lock(m_mutex);
-    if (m_queue.empty() && m_urgent.empty()) {
-        m_state = IDLE;
-        if (m_idleWaiters > 0) m_idleCond.notifyAll();
-        if (m_stop) m_turnCond.notifyAll();
-        return false;
+    uint64_t turn = m_turn.load();
+    const uint64_t watched = kStopped | kIdleWaited;
+    while (queuedOf(turn) == 0 && (turn & watched) == 0) {
+        if (m_turn.compare_exchange_weak(turn, IDLE)) return false;
     }
-    refillUnsafe();
-    return true;
-}
-
-void SerialPool::refillUnsafe() {
-    if (!m_batch.empty()) return;  // left by a help
+    if (queuedOf(turn) == 0 && endTurn()) return false;
+    MutexLock lock(m_mutex);
     m_batch.shrinkIfEmpty(kSlotsToKeep);
     m_batch.swap(m_queue);
     m_batchSize.store(m_batch.size());
+    m_turn.fetch_sub(m_batch.size() * kOneQueued);
+    return true;
+}
+
+// With those who wait for it. False if something has been queued meanwhile.
+bool SerialPool::endTurn() {
+    MutexLock lock(m_mutex);
+    if (queuedOf(m_turn.load()) != 0) return false;  // under the mutex, so that it stays 0
+    setState(IDLE);
+    m_idleCond.notifyAll();
+    m_turnCond.notifyAll();
+    return true;
 }
 
 bool SerialPool::isNextForOwnThread() const {
@@ -230,6 +273,7 @@ InlineTask SerialPool::takeNext() {
         MutexLock lock(m_mutex);
         task = m_urgent.popFront();
         m_urgentSize.store(m_urgent.size());
+        m_turn.fetch_sub(kOneQueued);
     } else {
         task = std::move(m_batch.popFront().task);
         m_batchSize.fetch_sub(1);

@@ -36,8 +36,7 @@ namespace kelm {
 //  3. A thread that waits owes nothing: a CondVar hands over, other waits come after a settle.
 //  4. It runs 256 tasks or 50 us at the most.
 //  5. It joins no thread: tasks that do are for the pool's own thread (postOwn), as are all tasks
-//  of
-//     a heavy pool, which call devices, write until a peer has read, or unmap memory.
+//     of a heavy pool, which call devices, write until a peer has read, or unmap memory.
 //
 // A full queue blocks its producer and never drops work. Two kinds of task are not held back, since
 // pools that wait on each other would close a circle: notices that complete earlier work
@@ -95,7 +94,7 @@ class SerialPool : public NonCopyable {
     friend class OwedPools;
     class Turn;
 
-    enum State { IDLE, OWED, HELPED, OWN };
+    enum State : uint64_t { IDLE, OWED, HELPED, OWN };
     struct Slot {
         InlineTask task;
         bool own = false;
@@ -106,14 +105,24 @@ class SerialPool : public NonCopyable {
         bool awaited = false;
     };
 
+    static State stateOf(uint64_t turn) { return static_cast<State>(turn & kStates); }
+    static uint64_t queuedOf(uint64_t turn) { return turn / kOneQueued; }
+    void setState(State state);
+    // Whether the calling thread owes the pool, or runs a task of it.
+    bool hasTurn() const;
+
     void insert(Slot slot, Rule rule) EXCLUDES(m_mutex);
-    uint64_t queuedUnsafe() const REQUIRES(m_mutex);
-    void throwIfStoppedUnsafe() const REQUIRES(m_mutex);
+    // Without the mutex, for the holder of the turn and for a thread that begins one: false, and
+    // the slot is as it was, if something is queued before it or there is no room.
+    bool insertInTurn(Slot& slot, bool limited);
+    void insertQueued(Slot slot, Rule rule) EXCLUDES(m_mutex);
+    uint64_t waitingUnsafe() const REQUIRES(m_mutex);
+    void throwIfStopped() const;
     // Until there is room, or the pool is stopped.
     void waitForRoomUnsafe() REQUIRES(m_mutex);
     void waitForRoom() EXCLUDES(m_mutex);
-    // Something has been queued: true if the pool's own thread is to be woken for it.
-    bool beginTurnUnsafe(bool awaited) REQUIRES(m_mutex);
+    // Something has been queued: begins a turn if there is none.
+    void noteQueuedUnsafe(bool awaited) REQUIRES(m_mutex);
 
     void threadRoutine();
     // False when the pool is stopped and nothing is left to do.
@@ -125,9 +134,10 @@ class SerialPool : public NonCopyable {
     // From HELPED or OWED to OWN.
     void handBack() EXCLUDES(m_mutex);
 
-    // For the holder of the turn. False, and the turn has ended, when nothing is queued.
+    // For the holder of the turn. False, and the turn has ended, when nothing is queued: the pool
+    // may be destroyed by then.
     bool refill() EXCLUDES(m_mutex);
-    void refillUnsafe() REQUIRES(m_mutex);
+    bool endTurn() EXCLUDES(m_mutex);
     bool isNextForOwnThread() const;
     InlineTask takeNext() EXCLUDES(m_mutex);
     void noteRoom() EXCLUDES(m_mutex);
@@ -137,22 +147,30 @@ class SerialPool : public NonCopyable {
     const uint64_t m_maxQueueSize;
     const Weight m_weight;
 
+    // Atomic: the state of the turn, the two marks and the number of tasks in m_queue and m_urgent
+    // (counted in kOneQueued), in one word: a turn ends only if nothing is queued and nobody waits
+    // for its end, and then the word is the last thing of the pool that its holder touches. A
+    // hand-off between a thread and the pool that it fills takes no lock.
+    std::atomic<uint64_t> m_turn{IDLE};
+    static constexpr uint64_t kStates = 3;
+    static constexpr uint64_t kStopped = 4;
+    static constexpr uint64_t kIdleWaited = 8;
+    static constexpr uint64_t kOneQueued = 16;
+
     Mutex m_mutex;
-    CondVar m_turnCond;     // for the own thread: the turn is its own, or the pool has stopped
-    CondVar m_settledCond;  // for the destructor: no thread owes the pool any more
+    CondVar m_turnCond;  // for the own thread: the turn is its own, or the pool has stopped
     CondVar m_idleCond;
     CondVar m_roomCond;
-    State m_state GUARDED_BY(m_mutex) = IDLE;
-    bool m_stop GUARDED_BY(m_mutex) = false;
     Ring<Slot> m_queue GUARDED_BY(m_mutex);
     Ring<InlineTask> m_urgent GUARDED_BY(m_mutex);  // head insertions
     uint64_t m_idleWaiters GUARDED_BY(m_mutex) = 0;
 
-    // The turn's: what its holder took out of m_queue under one lock, and the waits of its tasks.
+    // The turn's: what its holder has filled in or taken out of m_queue under one lock, and the
+    // waits of its tasks.
     Ring<Slot> m_batch;
     Ring<InlineTask> m_deferred;
-    // Atomics: read outside the lock, so that a hand-off costs one lock. A task in the batch counts
-    // against the limit until it starts.
+    // Atomics: read outside the lock, so that a hand-off costs one lock at most. A task in the
+    // batch counts against the limit until it starts.
     std::atomic<uint64_t> m_batchSize{0};
     std::atomic<uint64_t> m_urgentSize{0};
     std::atomic<uint64_t> m_roomWaiters{0};
