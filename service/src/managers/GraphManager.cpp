@@ -7,7 +7,6 @@
 #include "devices/DeviceManagerCreator.h"
 #include "execution/KelmDeviceBase.h"
 #include "managers/ClientManager.h"
-#include "managers/GraphBlob.h"
 #include "managers/GraphReport.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
@@ -214,7 +213,7 @@ bool GraphManager::takeReadersPlace(const CreationPtr& creation) {
 // that were digested themselves, since a mapped file can change without a mark.
 bool GraphManager::joinKnownFile(Request& request, const Creation& creation,
                                  std::optional<CreateAnswer>& answer) {
-    const std::optional<FileIdentity>& file = creation.blob.getIdentity();
+    const std::optional<GraphBlob::FileIdentity>& file = creation.blob.getIdentity();
     const std::string* const hash = file ? m_fileDigests.find(*file) : nullptr;
     if (hash == nullptr) return false;
     MutexLock lock(m_mutex);
