@@ -165,7 +165,7 @@ bool GraphManager::createGraph(Request& request, const CreationPtr& creation,
     // Checked in each turn: a client that departs must not be entered as a user afterwards, and for
     // one that has hung up no more bytes are read.
     if (m_stopped.load() || !ClientManager::instance().verifyRequester(request) ||
-        GraphBacklog::hasHungUp(request.getSocket())) {
+        GraphTurns::hasHungUp(request.getSocket())) {
         LOG_ERROR("Error: invalid clientId %lu", request.getClientId());
         answer = CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
         return true;
