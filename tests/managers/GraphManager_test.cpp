@@ -307,14 +307,15 @@ TEST(GraphBlobTest, FileThatChangesWhileItIsReadHasTheDigestOfItsBytesAndNoProve
     EXPECT_NE(readWhole(path).getHash(), blob.getHash());
 }
 
-TEST(FileDigestsTest, OldestMakesRoomAndEveryPartOfAStateCounts) {
-    FileDigests digests;
+TEST(GraphBlobTest, FileDigestsOldestMakesRoomAndEveryPartOfAStateCounts) {
+    using FileIdentity = GraphBlob::FileIdentity;
+    GraphBlob::FileDigests digests;
     struct stat status {};
-    for (size_t i = 0; i <= FileDigests::kMost; ++i) {
+    for (size_t i = 0; i <= GraphBlob::FileDigests::kMost; ++i) {
         status.st_ino = i;
         digests.remember(FileIdentity(status), std::to_string(i));
     }
-    EXPECT_EQ(*digests.find(FileIdentity(status)), std::to_string(FileDigests::kMost));
+    EXPECT_EQ(*digests.find(FileIdentity(status)), std::to_string(GraphBlob::FileDigests::kMost));
     struct stat others[] = {status, status, status, status};
     ++others[0].st_dev;
     ++others[1].st_size;

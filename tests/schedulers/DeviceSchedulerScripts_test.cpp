@@ -1,7 +1,6 @@
 #include <span>
 
 #include "schedulers/SchedulerRig.h"
-#include "scheduling/devices/CacheAdjustment.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/DeviceSchedulerStream.h"
 #include "scheduling/devices/DeviceSchedulerTag.h"
@@ -151,7 +150,7 @@ TEST(DeviceSchedulerScripts, TagGivesItsFirstGraphAsManyDevicesAsItSays) {
 }
 
 // Workers in the map's order, with their caches and targets as letters.
-TEST(CacheAdjustment, MovesTargetsToTheWorkersThatHaveThemCached) {
+TEST(DeviceSchedulerScripts, CacheAdjustmentMovesTargetsToTheWorkersThatHaveThemCached) {
     const struct {
         const char* what;
         std::vector<std::string> cached, target, adjusted;
@@ -166,14 +165,14 @@ TEST(CacheAdjustment, MovesTargetsToTheWorkersThatHaveThemCached) {
     const auto key = [](char letter) { return reinterpret_cast<KelmGraph*>(letter * 64l); };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        std::vector<CacheAdjustment::WorkerState> states(row.cached.size());
+        std::vector<DeviceSchedulerSqueeze2::WorkerState> states(row.cached.size());
         for (size_t i = 0; i < states.size(); ++i) {
             states[i].worker = reinterpret_cast<WorkThread*>((i + 1) * 64);
             for (const char letter : row.cached[i]) states[i].cachedGraphs.push_back(key(letter));
             for (const char letter : row.target[i]) states[i].graphs.insert(key(letter));
         }
-        EXPECT_EQ(CacheAdjustment::exchangeGraphs(states), row.adjusted != row.target);
-        for (const CacheAdjustment::WorkerState& state : states) {
+        EXPECT_EQ(DeviceSchedulerSqueeze2::exchangeGraphs(states), row.adjusted != row.target);
+        for (const DeviceSchedulerSqueeze2::WorkerState& state : states) {
             const size_t index = reinterpret_cast<uintptr_t>(state.worker) / 64 - 1;
             std::set<KelmGraph*> expected;
             for (const char letter : row.adjusted[index]) expected.insert(key(letter));

@@ -22,7 +22,7 @@ std::string LoadClient::run() {
         }
         while (mayStart() || m_inFlight > 0) {
             while (mayStart() && m_inFlight < m_plan.depth) submit();
-            take(receive());
+            if (m_inFlight > 0) take(receive());  // 0 if the stop came in between
         }
         leave();
     } catch (const NoAnswer&) {
@@ -109,7 +109,8 @@ void LoadClient::leave() {
         if (message.type() == KELM_MESSAGE_UNREGISTER_RSP) break;
         take(message);
     }
-    require(!m_raw.receive(kPatience), "message behind the unregister answer", kUnregisterSequence);
+    require(m_raw.canReceive(kPatience), "still connected behind the answer", kUnregisterSequence);
+    require(!m_raw.receive(), "message behind the unregister answer", kUnregisterSequence);
 }
 
 }  // namespace kelm

@@ -35,11 +35,13 @@ uint64_t readUpTo(int fd, char* buffer, uint64_t size) {
     return count;
 }
 
+int64_t nanoseconds(const timespec& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; }
+
 // Nanoseconds of the coarse clock by which the kernel marks a file as changed.
 int64_t fileClock() {
     timespec now{};
     (void)::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+    return nanoseconds(now);
 }
 
 }  // namespace
@@ -127,6 +129,26 @@ std::unique_ptr<KelmGraph> GraphBlob::makeGraph(uint64_t id, uint64_t clientId, 
     // the twin of another.
     return std::make_unique<KelmGraph>(id, clientId, m_path.c_str(), std::move(m_bytes), m_size,
                                        m_size == 0 ? std::string() : m_hash, name, expectDevices);
+}
+
+GraphBlob::FileIdentity::FileIdentity(const struct stat& status)
+    : device(status.st_dev),
+      inode(status.st_ino),
+      size(status.st_size),
+      modified(nanoseconds(status.st_mtim)),
+      changed(nanoseconds(status.st_ctim)) {}
+
+const std::string* GraphBlob::FileDigests::find(const FileIdentity& file) const {
+    const auto entry = m_digests.find(file);
+    return entry != m_digests.end() ? &entry->second : nullptr;
+}
+
+void GraphBlob::FileDigests::remember(const FileIdentity& file, const std::string& digest) {
+    if (!m_digests.try_emplace(file, digest).second) return;
+    m_order.push_back(file);
+    if (m_order.size() <= kMost) return;
+    m_digests.erase(m_order.front());
+    m_order.pop_front();
 }
 
 }  // namespace kelm

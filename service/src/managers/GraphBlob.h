@@ -1,11 +1,15 @@
 #pragma once
 
+#include <sys/stat.h>
+
+#include <compare>
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "managers/FileDigests.h"
 #include "utils/Digest.h"
 #include "utils/UniqueFd.h"
 #include "utils/UniqueMalloc.h"
@@ -22,6 +26,36 @@ struct PeerCredentials;
 // Threads: one. Owns: the bytes, and the file until it is read.
 class GraphBlob {
  public:
+    // One state of one file. A write makes another state of it, provided that the file system's
+    // clock has ticked since the last: see isIdentityProven().
+    struct FileIdentity {
+        explicit FileIdentity(const struct stat& status);
+        // The check takes the 0 of the generated comparison for a pointer.
+        auto operator<=>(const FileIdentity&) const = default;  // NOLINT(modernize-use-nullptr)
+
+        uint64_t device;
+        uint64_t inode;
+        int64_t size;
+        int64_t modified;  // nanoseconds of the system clock
+        int64_t changed;   // the same; a process cannot set it, as it can `modified`
+    };
+
+    // The digests of the files that were read last.
+    //
+    // Threads: one. Owns: at most kMost entries, of which the oldest makes room.
+    class FileDigests {
+     public:
+        // Null if the file was never seen in this state, or too long ago.
+        const std::string* find(const FileIdentity& file) const;
+        void remember(const FileIdentity& file, const std::string& digest);
+
+        static constexpr size_t kMost = 256;
+
+     private:
+        std::map<FileIdentity, std::string> m_digests;
+        std::deque<FileIdentity> m_order;  // oldest first
+    };
+
     // What can be a graph: an existing regular file. Anything else is not even opened.
     static bool isGraphFile(const char* path);
 
@@ -38,8 +72,8 @@ class GraphBlob {
 
     // The state of the file when it was opened; nothing for a buffer.
     const std::optional<FileIdentity>& getIdentity() const { return m_identity; }
-    // Whether the digest is that of every file in the same state: the file has not changed while it
-    // was read, and a change right after it would have shown.
+    // Whether the digest is that of every file in the same state, and so may be remembered: the
+    // file has not changed while it was read, and a change right after it would have shown.
     bool isIdentityProven() const { return m_identityProven; }
 
     // The digest by which twins are found, after the last slice; empty for a blob without use.

@@ -7,7 +7,6 @@
 #include "devices/DeviceManagerCreator.h"
 #include "execution/KelmDeviceBase.h"
 #include "managers/ClientManager.h"
-#include "managers/GraphBlob.h"
 #include "managers/GraphReport.h"
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
@@ -166,7 +165,7 @@ bool GraphManager::createGraph(Request& request, const CreationPtr& creation,
     // Checked in each turn: a client that departs must not be entered as a user afterwards, and for
     // one that has hung up no more bytes are read.
     if (m_stopped.load() || !ClientManager::instance().verifyRequester(request) ||
-        GraphBacklog::hasHungUp(request.getSocket())) {
+        GraphTurns::hasHungUp(request.getSocket())) {
         LOG_ERROR("Error: invalid clientId %lu", request.getClientId());
         answer = CreateAnswer{nullptr, KELM_ERROR_INVALID_CLIENT};
         return true;
@@ -214,7 +213,7 @@ bool GraphManager::takeReadersPlace(const CreationPtr& creation) {
 // that were digested themselves, since a mapped file can change without a mark.
 bool GraphManager::joinKnownFile(Request& request, const Creation& creation,
                                  std::optional<CreateAnswer>& answer) {
-    const std::optional<FileIdentity>& file = creation.blob.getIdentity();
+    const std::optional<GraphBlob::FileIdentity>& file = creation.blob.getIdentity();
     const std::string* const hash = file ? m_fileDigests.find(*file) : nullptr;
     if (hash == nullptr) return false;
     MutexLock lock(m_mutex);

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "managers/FileDigests.h"
+#include "managers/GraphBlob.h"
 #include "managers/GraphDump.h"
 #include "managers/GraphRegistry.h"
 #include "managers/GraphTurns.h"
@@ -23,7 +23,6 @@
 namespace kelm {
 
 class KelmGraph;
-class GraphBlob;
 struct InfoPackage;
 struct KelmStatus;
 
@@ -141,7 +140,7 @@ class GraphManager : public Singleton<GraphManager>,
     // Atomic: set once when the service stops, and read before each answer.
     std::atomic<bool> m_stopped{false};
     ThreadRole m_onPool;
-    FileDigests m_fileDigests GUARDED_BY(m_onPool);
+    GraphBlob::FileDigests m_fileDigests GUARDED_BY(m_onPool);
     std::weak_ptr<Creation> m_reader GUARDED_BY(m_onPool);  // one file in memory at a time
     GraphTurns m_turns;
     SerialPool m_pool;  // last: the others outlive its thread

@@ -1,8 +1,12 @@
 #include "managers/GraphTurns.h"
 
+#include <poll.h>
+
 #include <exception>
 #include <utility>
 
+#include "managers/ClientManager.h"
+#include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/SerialPool.h"
 
@@ -20,12 +24,60 @@ bool GraphTurns::Job::isDone() {
 // The request is counted before it waits for room: the reading thread stops reading the connection
 // as soon as that is too far ahead.
 void GraphTurns::enqueue(Request request, uint64_t blobBytes, Step step) {
-    GraphBacklog::Share share = m_backlog.add(request.getSocket(), blobBytes);
+    Share share = count(request.getSocket(), blobBytes);
     m_pool.post([this, job = Job{std::move(request), std::move(share), std::move(step)}]() mutable {
         m_onPool.assertHeld();
         start(std::move(job));
         queueTurn();
     });
+}
+
+GraphTurns::Share GraphTurns::count(int socket, uint64_t blobBytes) {
+    ConnectionPtr connection = IPC::ConnectionBase::findConnection(socket);
+    if (!connection) return nullptr;
+    // The share below holds the connection, so that its number names no other one until the
+    // request is done: m_waiting is kept by number.
+    {
+        MutexLock lock(m_mutex);
+        Unfinished& work = m_unfinished[connection];
+        ++work.requests;
+        work.bytes += blobBytes;
+        if (work.isTooMuch() && !work.paused) {
+            work.paused = true;
+            connection->blockPoller();
+        }
+    }
+    const void* const token = connection.get();
+    return {token, [this, connection = std::move(connection), blobBytes](const void*) {
+                uncount(connection, blobBytes);
+            }};
+}
+
+void GraphTurns::uncount(const ConnectionPtr& connection, uint64_t blobBytes) {
+    try {
+        MutexLock lock(m_mutex);
+        const auto entry = m_unfinished.find(connection);
+        Unfinished& work = entry->second;
+        --work.requests;
+        work.bytes -= blobBytes;
+        const bool caughtUp = work.paused && !work.isTooMuch();
+        if (caughtUp) work.paused = false;
+        if (work.requests == 0) m_unfinished.erase(entry);
+        // A connection that was shut down meanwhile is closed by the same code, and stays unread.
+        if (caughtUp && connection->connected()) connection->unblockPoller();
+    } catch (const std::exception& error) {
+        LOG_ERROR("Error: a client is closed, since it cannot be read again: %s", error.what());
+        // Its events stay blocked, so the listen thread would never hear of a hang-up.
+        ClientManager::instance().closeClient(connection->getSimulateFD());
+    }
+}
+
+bool GraphTurns::hasHungUp(int socket) {
+    const auto connection = IPC::ConnectionBase::findConnection(socket);
+    if (!connection || !connection->connected()) return true;
+    // Only the end of both directions counts: one of them this process itself ends when it stops.
+    pollfd state{connection->nativeHandle(), 0, 0};
+    return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLNVAL)) != 0;
 }
 
 void GraphTurns::start(Job job) {

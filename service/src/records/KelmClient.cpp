@@ -35,59 +35,10 @@ KelmClient::~KelmClient() = default;
 
 int KelmClient::getSocket() const { return m_connection ? m_connection->getSocket() : -1; }
 
-bool KelmClient::isRunning() {
-    MutexLock lock(m_mutex);
-    return m_running;
-}
-
-void KelmClient::setRunningState(bool running) {
-    MutexLock lock(m_mutex);
-    m_running = running;
-}
-
-// Not a reservation: only the task manager's one thread asks and then creates a task.
-bool KelmClient::allowInferTask() {
-    MutexLock lock(m_mutex);
-    return m_taskCount < m_maxTaskNumber;
-}
-
-void KelmClient::increaseTaskCount() {
-    MutexLock lock(m_mutex);
-    ++m_taskCount;
-}
-
 // Each task that ends counts for the rate, also one that failed or was canceled.
 void KelmClient::decreaseTaskCount() {
-    MutexLock lock(m_mutex);
-    --m_taskCount;
+    m_taskCount.fetch_sub(1);
     m_fpsCounter.update();
-}
-
-void KelmClient::increaseInferenceTimes() {
-    MutexLock lock(m_mutex);
-    ++m_inferenceTimes;
-}
-
-uint64_t KelmClient::getInferenceTimes() {
-    MutexLock lock(m_mutex);
-    return m_inferenceTimes;
-}
-
-// May stay too high for each task that is canceled in a queue, see
-// TaskSchedulerFCFS::removeWaitingTask().
-void KelmClient::increaseWaitingInferenceNum() {
-    MutexLock lock(m_mutex);
-    ++m_waitingInferenceNum;
-}
-
-void KelmClient::decreaseWaitingInferenceNum() {
-    MutexLock lock(m_mutex);
-    --m_waitingInferenceNum;
-}
-
-uint64_t KelmClient::getWaitingInferenceNum() {
-    MutexLock lock(m_mutex);
-    return m_waitingInferenceNum;
 }
 
 }  // namespace kelm

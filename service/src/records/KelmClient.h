@@ -1,11 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include "utils/FpsCounter.h"
-#include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm {
@@ -15,7 +15,7 @@ class ClientConnection;
 // One registered client process: its connection and its counters. Running, then departing; there is
 // no way back.
 //
-// Threads: any. Owns: a share of the connection. Locks: m_mutex, then the fps counter's.
+// Threads: any. Owns: a share of the connection.
 class KelmClient : public NonCopyable {
  public:
     KelmClient(uint64_t id, std::string name, std::shared_ptr<ClientConnection> connection,
@@ -31,19 +31,22 @@ class KelmClient : public NonCopyable {
     uint16_t getApiMajorVersion() const { return m_apiMajorVersion; }
     uint16_t getApiMinorVersion() const { return m_apiMinorVersion; }
 
-    bool isRunning() EXCLUDES(m_mutex);
-    void setRunningState(bool running) EXCLUDES(m_mutex);
+    bool isRunning() const { return m_running.load(); }
+    void setRunningState(bool running) { m_running.store(running); }
 
-    // Whether the client has fewer live tasks than its limit.
-    bool allowInferTask() EXCLUDES(m_mutex);
-    void increaseTaskCount() EXCLUDES(m_mutex);
+    // Whether the client has fewer live tasks than its limit. Not a reservation: only the task
+    // manager's one thread asks and then creates a task.
+    bool allowInferTask() const { return m_taskCount.load() < m_maxTaskNumber; }
+    void increaseTaskCount() { m_taskCount.fetch_add(1); }
     // Also counts a finished task into the rate.
-    void decreaseTaskCount() EXCLUDES(m_mutex);
-    void increaseInferenceTimes() EXCLUDES(m_mutex);
-    uint64_t getInferenceTimes() EXCLUDES(m_mutex);
-    void increaseWaitingInferenceNum() EXCLUDES(m_mutex);
-    void decreaseWaitingInferenceNum() EXCLUDES(m_mutex);
-    uint64_t getWaitingInferenceNum() EXCLUDES(m_mutex);
+    void decreaseTaskCount();
+    void increaseInferenceTimes() { m_inferenceTimes.fetch_add(1); }
+    uint64_t getInferenceTimes() const { return m_inferenceTimes.load(); }
+    // The number may stay too high for each task that is canceled in a queue, see
+    // TaskSchedulerFCFS::removeWaitingTask().
+    void increaseWaitingInferenceNum() { m_waitingInferenceNum.fetch_add(1); }
+    void decreaseWaitingInferenceNum() { m_waitingInferenceNum.fetch_sub(1); }
+    uint64_t getWaitingInferenceNum() const { return m_waitingInferenceNum.load(); }
 
     // Finished tasks per second over the window.
     float getFps() { return m_fpsCounter.getFps(); }
@@ -55,11 +58,11 @@ class KelmClient : public NonCopyable {
     const uint16_t m_apiMajorVersion;
     const uint16_t m_apiMinorVersion;
 
-    Mutex m_mutex;
-    bool m_running GUARDED_BY(m_mutex) = true;
-    uint64_t m_inferenceTimes GUARDED_BY(m_mutex) = 0;
-    uint64_t m_waitingInferenceNum GUARDED_BY(m_mutex) = 0;
-    uint32_t m_taskCount GUARDED_BY(m_mutex) = 0;
+    // Atomics: a mark and counts, each alone.
+    std::atomic<bool> m_running{true};
+    std::atomic<uint64_t> m_inferenceTimes{0};
+    std::atomic<uint64_t> m_waitingInferenceNum{0};
+    std::atomic<uint32_t> m_taskCount{0};
     FpsCounter m_fpsCounter;
     const uint32_t m_maxTaskNumber;  // all ones: no limit
 };

@@ -15,6 +15,8 @@
 
 namespace kelm {
 
+static_assert(std::atomic<KelmTask::TimePoint>::is_always_lock_free);
+
 namespace {
 
 // Tasks in flight beyond this number are rare enough for the heap.
@@ -47,16 +49,16 @@ KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskPa
       m_graph(graph),
       m_taskParam(taskParam),
       m_createTaskRequest(*request),
-      m_isCreateRspSent(request->head.needResponse == 0),
-      m_timeToKelmHal(std::chrono::system_clock::now()) {
+      m_isCreateRspSent(request->head.needResponse == 0) {
+    m_times[TASK_STATUS_CREATED].store(std::chrono::system_clock::now());
     if (m_client != nullptr) m_client->increaseTaskCount();
     m_graph->increaseTaskCount();
 }
 
-// The counts of client and graph are lowered after the last use of the two, which may be deleted
-// from then on.
 bool KelmTask::hasMappedTensors() const { return m_taskParam && m_taskParam->isMapped(); }
 
+// The counts of client and graph are lowered after the last use of the two, which may be deleted
+// from then on.
 KelmTask::~KelmTask() {
     finishExecutionTrace();  // of an attempt that gave no result
     if (m_taskParam) {
@@ -82,55 +84,19 @@ void* KelmTask::operator new(size_t size) {
 
 void KelmTask::operator delete(void* block) { blockCache().give(block); }
 
-void KelmTask::cancel() {
-    MutexLock lock(m_mutex);
-    m_isCanceled = true;
-}
-
-bool KelmTask::isCanceled() {
-    MutexLock lock(m_mutex);
-    return m_isCanceled;
-}
-
-void KelmTask::addLoadCount() {
-    MutexLock lock(m_mutex);
-    ++m_loadCount;
-}
-
-int32_t KelmTask::getLoadCount() {
-    MutexLock lock(m_mutex);
-    return m_loadCount;
-}
-
-KelmTask::TimePoint* KelmTask::stampUnsafe(int32_t status) {
-    // One for each status, in the order of their numbers.
-    TimePoint* const stamps[] = {&m_timeToKelmHal, &m_timeToTaskQueue, &m_timeToTevoHal,
-                                 &m_timeTevoLoaded, &m_timeGotResult};
-    if (status < TASK_STATUS_CREATED || status > TASK_STATUS_DONE) return nullptr;
-    return stamps[status];
-}
-
 void KelmTask::setStatus(int32_t status) {
     if (status > TASK_STATUS_LAST) return;
-    const TimePoint now = std::chrono::system_clock::now();
-    MutexLock lock(m_mutex);
-    m_status = status;
-    if (TimePoint* const stamp = stampUnsafe(status)) *stamp = now;
+    m_status.store(status);
+    if (status < TASK_STATUS_CREATED || status > TASK_STATUS_DONE) return;
+    m_times[static_cast<size_t>(status)].store(std::chrono::system_clock::now());
 }
 
-int32_t KelmTask::getStatus() {
-    MutexLock lock(m_mutex);
-    return m_status;
+std::string KelmTask::getTimeToKelmHal() const {
+    return formatTimeMilli(m_times[TASK_STATUS_CREATED].load());
 }
 
-std::string KelmTask::getTimeToKelmHal() {
-    MutexLock lock(m_mutex);
-    return formatTimeMilli(m_timeToKelmHal);
-}
-
-std::string KelmTask::getTimeToTaskQueue() {
-    MutexLock lock(m_mutex);
-    return formatTimeMilli(m_timeToTaskQueue);
+std::string KelmTask::getTimeToTaskQueue() const {
+    return formatTimeMilli(m_times[TASK_STATUS_QUEUED].load());
 }
 
 // Two threads meet here and in the next operation. Under one mutex exactly one of them finds the
@@ -170,31 +136,34 @@ void KelmTask::finishExecutionTrace() {
     if (index != kNoTrace) TraceEndCsv(index);
 }
 
-std::string KelmTask::getSummary() {
-    MutexLock lock(m_mutex);
+std::string KelmTask::getSummary() const {
+    const auto time = [this](KelmTaskStatus status) { return m_times[status].load(); };
     // A task that found a waiting worker never was in a queue, and waited for 0 ms.
-    const bool wasQueued = m_timeToTaskQueue != TimePoint();
-    const TimePoint pushed = wasQueued ? m_timeToTaskQueue : m_timeToTevoHal;
+    const bool wasQueued = time(TASK_STATUS_QUEUED) != TimePoint();
+    const TimePoint pushed = time(wasQueued ? TASK_STATUS_QUEUED : TASK_STATUS_LOADING);
     return StringHelper::format(
         "taskId=%lu PushPhase=%ldms WaitPhase=%ldms LoadPhase=%ldms ExecPhase=%ldms", m_id,
-        wholeMillis(pushed - m_timeToKelmHal), wholeMillis(m_timeToTevoHal - pushed),
-        wholeMillis(m_timeTevoLoaded - m_timeToTevoHal),
-        wholeMillis(m_timeGotResult - m_timeTevoLoaded));
+        wholeMillis(pushed - time(TASK_STATUS_CREATED)),
+        wholeMillis(time(TASK_STATUS_LOADING) - pushed),
+        wholeMillis(time(TASK_STATUS_LOADED) - time(TASK_STATUS_LOADING)),
+        wholeMillis(time(TASK_STATUS_DONE) - time(TASK_STATUS_LOADED)));
 }
 
-std::string KelmTask::getDescription() {
-    const std::string graphName = m_graph->getName();  // first: the task's mutex is a leaf
-    MutexLock lock(m_mutex);
+std::string KelmTask::getDescription() const {
+    const auto time = [this](KelmTaskStatus status) {
+        return formatTimeMilli(m_times[status].load());
+    };
     return StringHelper::format(
                "TaskId: %lu, Client: %-10s, ClientId: %08lu, Status: %-2d, GraphName: %-10s, "
                "GraphPtr: %p",
                m_id, escapeControls(getClientName().substr(0, kDescribedNameLength)), m_clientId,
-               m_status, escapeControls(graphName.substr(0, kDescribedNameLength)), m_graph) +
-           ", TimeToKelmHal: " + formatTimeMilli(m_timeToKelmHal) +
-           ", TimeToTaskQueue: " + formatTimeMilli(m_timeToTaskQueue) +
-           ", TimeToTevoHal: " + formatTimeMilli(m_timeToTevoHal) +
-           ", TimeTevoLoaded: " + formatTimeMilli(m_timeTevoLoaded) +
-           ", TimeGotResult: " + formatTimeMilli(m_timeGotResult);
+               getStatus(), escapeControls(m_graph->getName().substr(0, kDescribedNameLength)),
+               m_graph) +
+           ", TimeToKelmHal: " + time(TASK_STATUS_CREATED) +
+           ", TimeToTaskQueue: " + time(TASK_STATUS_QUEUED) +
+           ", TimeToTevoHal: " + time(TASK_STATUS_LOADING) +
+           ", TimeTevoLoaded: " + time(TASK_STATUS_LOADED) +
+           ", TimeGotResult: " + time(TASK_STATUS_DONE);
 }
 
 }  // namespace kelm

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -50,6 +51,8 @@ class KelmTask : public NonCopyable {
 
     uint64_t getId() const { return m_id; }
     uint64_t getClientId() const { return m_clientId; }
+    // The client's record stays until its last task has ended; may be null.
+    KelmClient* getClient() const { return m_client; }
     const std::string& getClientName() const { return *m_clientName; }
     KelmGraph* getGraph() const { return m_graph; }
     KelmTaskParam* getTaskParam() const { return m_taskParam.get(); }
@@ -58,18 +61,18 @@ class KelmTask : public NonCopyable {
     const KelmMsgReqInferTask& getCreateTaskRequest() const { return m_createTaskRequest; }
 
     // Only sets a flag: the scheduler, the worker or the manager that has the task next acts on it.
-    void cancel() EXCLUDES(m_mutex);
-    bool isCanceled() EXCLUDES(m_mutex);
+    void cancel() { m_isCanceled.store(true); }
+    bool isCanceled() const { return m_isCanceled.load(); }
 
     // How many times the input was offered to a device.
-    void addLoadCount() EXCLUDES(m_mutex);
-    int32_t getLoadCount() EXCLUDES(m_mutex);
+    void addLoadCount() { m_loadCount.fetch_add(1); }
+    int32_t getLoadCount() const { return m_loadCount.load(); }
 
     // Also notes the time; a value above TASK_STATUS_LAST is ignored.
-    void setStatus(int32_t status) EXCLUDES(m_mutex);
-    int32_t getStatus() EXCLUDES(m_mutex);
-    std::string getTimeToKelmHal() EXCLUDES(m_mutex);
-    std::string getTimeToTaskQueue() EXCLUDES(m_mutex);
+    void setStatus(int32_t status);
+    int32_t getStatus() const { return m_status.load(); }
+    std::string getTimeToKelmHal() const;
+    std::string getTimeToTaskQueue() const;
 
     // Order of the two answers: the done message waits here until the create response is written.
     // True: the task holds the message, and the caller must use neither any more.
@@ -91,14 +94,11 @@ class KelmTask : public NonCopyable {
     void finishExecutionTrace();
 
     // One line of the phases in milliseconds, for the log.
-    std::string getSummary() EXCLUDES(m_mutex);
+    std::string getSummary() const;
     // One line for diagnostics.
-    std::string getDescription() EXCLUDES(m_mutex);
+    std::string getDescription() const;
 
  private:
-    // The field for the time of a status, null for a status without one.
-    TimePoint* stampUnsafe(int32_t status) REQUIRES(m_mutex);
-
     const uint64_t m_id;
     KelmClient* const m_client;
     // Copies, for logs that are written after the client's end.
@@ -111,18 +111,17 @@ class KelmTask : public NonCopyable {
     // Atomic: several owners may end the trace, and only one of them does.
     std::atomic<uint64_t> m_executionTraceIndex{kNoTrace};
 
+    // Atomics, each alone: told to anyone who asks while the one that works on the task goes on.
+    std::atomic<int32_t> m_loadCount{0};
+    std::atomic<int32_t> m_status{TASK_STATUS_CREATED};
+    std::atomic<bool> m_isCanceled{false};
+    // When it came to each status, by its number; the epoch: never.
+    std::array<std::atomic<TimePoint>, TASK_STATUS_DONE + 1> m_times{};
+
     Mutex m_mutex;
-    int32_t m_loadCount GUARDED_BY(m_mutex) = 0;
-    int32_t m_status GUARDED_BY(m_mutex) = TASK_STATUS_CREATED;
-    bool m_isCanceled GUARDED_BY(m_mutex) = false;
     bool m_isCreateRspSent GUARDED_BY(m_mutex);         // also if none is wanted
     bool m_hasTaskDoneMsg GUARDED_BY(m_mutex) = false;  // also after it was handed out
     MessagePtr m_taskDoneMsg GUARDED_BY(m_mutex);
-    TimePoint m_timeToKelmHal GUARDED_BY(m_mutex);
-    TimePoint m_timeToTaskQueue GUARDED_BY(m_mutex);
-    TimePoint m_timeToTevoHal GUARDED_BY(m_mutex);
-    TimePoint m_timeTevoLoaded GUARDED_BY(m_mutex);
-    TimePoint m_timeGotResult GUARDED_BY(m_mutex);
 };
 
 }  // namespace kelm

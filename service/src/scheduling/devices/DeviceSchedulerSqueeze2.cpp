@@ -1,6 +1,7 @@
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 #include "execution/KelmDeviceBase.h"
@@ -10,6 +11,45 @@
 #include "utils/TextHelper.h"
 
 namespace kelm {
+
+namespace {
+
+using WorkerStates = std::vector<DeviceSchedulerSqueeze2::WorkerState>;
+
+// Of the graphs that the first of the open workers has cached and that are to be placed, the one
+// that the fewest open workers have cached. It has the fewest chances to land where it is cached,
+// so it is served first.
+KelmGraph* chooseScarcest(const WorkerStates& states, size_t first) {
+    std::map<KelmGraph*, size_t> count;
+    for (size_t open = first; open < states.size(); ++open) {
+        for (KelmGraph* graph : states[open].graphs) count[graph] = 0;
+    }
+    for (size_t open = first; open < states.size(); ++open) {
+        for (KelmGraph* graph : states[open].cachedGraphs) {
+            if (const auto entry = count.find(graph); entry != count.end()) ++entry->second;
+        }
+    }
+    auto scarcest = count.end();
+    for (KelmGraph* graph : states[first].cachedGraphs) {
+        const auto entry = count.find(graph);
+        if (entry == count.end()) continue;
+        if (scarcest == count.end() || entry->second < scarcest->second) scarcest = entry;
+    }
+    return scarcest != count.end() ? scarcest->first : nullptr;
+}
+
+// Exchanges the sets of the taker and of the first open worker that has the graph.
+bool takeGraphs(WorkerStates& states, size_t taker, KelmGraph* graph) {
+    for (size_t holder = taker; holder < states.size(); ++holder) {
+        if (!states[holder].graphs.contains(graph)) continue;
+        if (holder == taker) return false;
+        std::swap(states[taker].graphs, states[holder].graphs);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 DeviceSchedulerSqueeze2::DeviceSchedulerSqueeze2(const char* name,
                                                  std::chrono::nanoseconds interval)
@@ -205,29 +245,45 @@ void DeviceSchedulerSqueeze2::makeOperations(WorkThread* worker,
 // Only the operations see the exchanged targets, not the mapper: it goes on from its own map, and a
 // later pass exchanges anew by what is cached then.
 void DeviceSchedulerSqueeze2::adjustMapResult(MapResult& result) {
-    std::vector<CacheAdjustment::WorkerState> states;
+    std::vector<WorkerState> states;
     for (const auto& [worker, graphs] : result) {
         states.push_back({worker, graphs, worker->getDevice()->getCachedGraphList(), graphs});
     }
-    const auto isEmpty = [](const CacheAdjustment::WorkerState& state) {
-        return state.graphs.empty();
-    };
+    const auto isEmpty = [](const WorkerState& state) { return state.graphs.empty(); };
     if (std::all_of(states.begin(), states.end(), isEmpty)) return;  // also without any worker
-    if (CacheAdjustment::exchangeGraphs(states)) logAdjustment(states);
-    for (CacheAdjustment::WorkerState& state : states)
-        result[state.worker] = std::move(state.graphs);
+    if (exchangeGraphs(states)) logAdjustment(states);
+    for (WorkerState& state : states) result[state.worker] = std::move(state.graphs);
+}
+
+// A worker whose cache is of no use waits at the end and takes what is left. Before `next` stand
+// the workers that have their graphs, behind `tail` those whose cache was of no use.
+bool DeviceSchedulerSqueeze2::exchangeGraphs(std::vector<WorkerState>& states) {
+    bool changed = false;
+    size_t tail = states.size() - 1;
+    size_t next = 0;
+    while (next < states.size()) {
+        KelmGraph* const chosen = chooseScarcest(states, next);
+        if (chosen != nullptr) {
+            changed |= takeGraphs(states, next, chosen);
+            ++next;
+            continue;
+        }
+        if (tail <= next) break;
+        std::swap(states[next], states[tail]);
+        --tail;
+    }
+    return changed;
 }
 
 // For each worker its target before and after, and in braces what is cached there.
-void DeviceSchedulerSqueeze2::logAdjustment(
-    const std::vector<CacheAdjustment::WorkerState>& states) {
+void DeviceSchedulerSqueeze2::logAdjustment(const std::vector<WorkerState>& states) {
     const auto namesOf = [this](const auto& graphs) REQUIRES(m_onSchedulingThread) {
         std::string names;
         for (KelmGraph* graph : graphs) names += nameOf(graph) + " ";
         return names;
     };
     std::string text;
-    for (const CacheAdjustment::WorkerState& state : states) {
+    for (const WorkerState& state : states) {
         text += "(" + state.worker->getName() + "): [ " + namesOf(state.initialGraphs) + "] -> [ " +
                 namesOf(state.graphs) + "] { " + namesOf(state.cachedGraphs) + "}\n";
     }

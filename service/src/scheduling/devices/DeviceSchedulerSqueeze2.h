@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "scheduling/devices/CacheAdjustment.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
 #include "scheduling/mapping/GraphMapper.h"
 
@@ -30,9 +29,19 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     void setMaxPendingCycle(int number) override;
     void handleLoadGraphFail(KelmGraph* graph) REQUIRES(m_onSchedulingThread) override;
 
-    // Exchanges the graph sets of whole workers so that graphs land where they are cached. The
-    // sets themselves stay as they are.
+    // Exchanges the graph sets of whole workers so that graphs land where they are cached, and need
+    // no load over the bus: the mapper knows no caches. The sets themselves stay as they are.
     void adjustMapResult(MapResult& result) REQUIRES(m_onSchedulingThread);
+
+    struct WorkerState {
+        WorkThread* worker;
+        std::set<KelmGraph*> graphs;           // the target, which the adjustment may exchange
+        std::vector<KelmGraph*> cachedGraphs;  // as the device lists them
+        std::set<KelmGraph*> initialGraphs;    // the target before the adjustment
+    };
+    // The arithmetic of adjustMapResult(): graphs and workers are keys that are not followed. True
+    // if a target has changed its worker.
+    static bool exchangeGraphs(std::vector<WorkerState>& states);
 
  protected:
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
@@ -54,8 +63,7 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     void makeOperations(const MapResult& result) REQUIRES(m_onSchedulingThread);
     void makeOperations(WorkThread* worker, const std::set<KelmGraph*>& target)
         REQUIRES(m_onSchedulingThread);
-    void logAdjustment(const std::vector<CacheAdjustment::WorkerState>& states)
-        REQUIRES(m_onSchedulingThread);
+    void logAdjustment(const std::vector<WorkerState>& states) REQUIRES(m_onSchedulingThread);
     std::string nameOf(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
 
     GraphMapper m_graphMapper;
