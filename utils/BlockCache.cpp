@@ -20,43 +20,67 @@ constexpr bool kKeepBlocks = false;
 constexpr bool kKeepBlocks = true;
 #endif
 
+constexpr size_t kMostLocal = 16;
+constexpr size_t kMoved = kMostLocal / 2;
+
 }  // namespace
 
 BlockCache::~BlockCache() {
-    while (m_free != nullptr) {
-        FreeBlock* const block = m_free;
-        m_free = block->next;
-        ::operator delete(block);
-    }
+    while (m_free != nullptr) ::operator delete(pop(m_free));
+}
+
+BlockCache::End::~End() {
+    m_cache.empty(m_local, 0);
+    m_local.ended = true;
+}
+
+// The list is kept in the free blocks themselves, so that giving one back cannot fail.
+void BlockCache::push(FreeBlock*& list, void* block) { list = ::new (block) FreeBlock{list}; }
+
+BlockCache::FreeBlock* BlockCache::pop(FreeBlock*& list) {
+    FreeBlock* const block = list;
+    list = block->next;
+    return block;
 }
 
 // The heap is asked without the mutex: it has locks of its own, and other threads need not wait.
-void* BlockCache::take() {
-    {
-        MutexLock lock(m_mutex);
-        if (m_free != nullptr) {
-            FreeBlock* const block = m_free;
-            m_free = block->next;
-            --m_freeNum;
-            return block;
-        }
-    }
-    return ::operator new(m_blockSize);
+void* BlockCache::take(Local& local) {
+    if (local.count == 0) fill(local);
+    if (local.count == 0) return ::operator new(m_blockSize);
+    --local.count;
+    return pop(local.free);
 }
 
-void BlockCache::give(void* block) noexcept {
+// Last in, first out: the block is still in the processor's cache.
+void BlockCache::give(Local& local, void* block) noexcept {
     if (block == nullptr) return;
-    if (kKeepBlocks) {
+    if (!kKeepBlocks) {
+        ::operator delete(block);
+        return;
+    }
+    push(local.free, block);
+    ++local.count;
+    if (local.count > kMostLocal || local.ended) empty(local, local.ended ? 0 : kMoved);
+}
+
+void BlockCache::fill(Local& local) {
+    MutexLock lock(m_mutex);
+    for (; local.count < kMoved && m_freeNum > 0; ++local.count, --m_freeNum) {
+        push(local.free, pop(m_free));
+    }
+}
+
+void BlockCache::empty(Local& local, size_t rest) {
+    FreeBlock* surplus = nullptr;
+    {
         MutexLock lock(m_mutex);
-        // The list is kept in the free blocks themselves, so that giving one back cannot fail.
-        if (m_freeNum < m_maxBlocks) {
-            m_free =
-                ::new (block) FreeBlock{m_free};  // last in, first out: it is still in the cache
-            ++m_freeNum;
-            return;
+        for (; local.count > rest; --local.count) {
+            const bool fits = m_freeNum < m_maxBlocks;
+            push(fits ? m_free : surplus, pop(local.free));
+            if (fits) ++m_freeNum;
         }
     }
-    ::operator delete(block);
+    while (surplus != nullptr) ::operator delete(pop(surplus));
 }
 
 size_t BlockCache::keptBlocks() {

@@ -27,7 +27,7 @@ class ConnectionUDS : public ConnectionBase {
     // A new connection, or null if all numbers are in use: for what comes in from outside.
     static std::shared_ptr<ConnectionUDS> tryMake(Poller* poller);
 
-    int nativeHandle() override EXCLUDES(m_mutex);
+    int nativeHandle() override { return m_fd.load(); }
     void read(void* buffer, int size, int* bytesRead) override EXCLUDES(m_mutex);
     void write(const void* buffer, int size) override EXCLUDES(m_mutex);
     bool write(const void* buffer, int size, const std::function<bool()>& goOn) override
@@ -71,6 +71,7 @@ class ConnectionUDS : public ConnectionBase {
     // The descriptor for one operation, which keeps it open until endUse(); -1 when closed.
     int beginUse() EXCLUDES(m_mutex);
     void endUse() EXCLUDES(m_mutex);
+    void closeRetiredUnsafe() REQUIRES(m_mutex);
     void requireEmpty(const char* text) EXCLUDES(m_mutex);
     void openSocket() EXCLUDES(m_mutex);
     void takeSocket(int fd) EXCLUDES(m_mutex);
@@ -90,13 +91,16 @@ class ConnectionUDS : public ConnectionBase {
     [[noreturn]] void raiseReadFailed(uint32_t leftBytes, bool ended);
 
     std::atomic<bool> m_pollBlocked{false};  // atomic: set from any thread, read by the poller's
-    int m_fd GUARDED_BY(m_mutex) = -1;
     std::string m_path GUARDED_BY(m_mutex);  // the socket file, if this connection made it
-    int m_state GUARDED_BY(m_mutex) = EMPTY;
     kelm::Mutex m_mutex;
 
-    int m_users GUARDED_BY(m_mutex) = 0;       // operations inside the descriptor
-    int m_retiredFd GUARDED_BY(m_mutex) = -1;  // closed, but for the operations still inside
+    // Atomics, changed under m_mutex but for the users, and read without it: each transfer counts
+    // itself in before it reads the descriptor, and close() takes that away before it reads the
+    // count, so that one of the two sees the other.
+    std::atomic<int> m_state{EMPTY};
+    std::atomic<int> m_fd{-1};
+    std::atomic<int> m_users{0};       // operations inside the descriptor
+    std::atomic<int> m_retiredFd{-1};  // closed, but for the operations still inside
     bool m_openedOnce GUARDED_BY(m_mutex) = false;
     bool m_shutDown GUARDED_BY(m_mutex) = false;
 

@@ -41,22 +41,37 @@ void FpsCounter::evictUnsafe(Clock::time_point now) {
 // Old stamps leave here, too: the list stays short even if the rate is never asked for.
 void FpsCounter::update() {
     const Clock::time_point now = m_now();
-    MutexLock lock(m_mutex);
-    evictUnsafe(now);
-    // Below that number of stamps a stamp is one millisecond, see kFineStamps.
-    const bool fine = m_timePoints.size() < kFineStamps;
-    const int64_t shared = fine ? 1 : std::max<int64_t>(1, m_bufferTimeMs / int64_t{kFineStamps});
-    if (!m_timePoints.empty() && wholeMillis(now - m_timePoints.back().time) < shared) {
-        ++m_timePoints.back().count;
-    } else {
-        m_timePoints.pushBack({now, 1});
+    if (now < m_sharedUntil.load()) {
+        m_sharing.fetch_add(1);
+        return;
     }
+    MutexLock lock(m_mutex);
+    collectUnsafe();
+    evictUnsafe(now);
     ++m_count;
+    // Another thread may have made the stamp meanwhile.
+    if (now < m_sharedUntil.load() && !m_timePoints.empty()) {
+        ++m_timePoints.back().count;
+        return;
+    }
+    m_timePoints.pushBack({now, 1});
+    // Below that number of stamps a stamp is one millisecond, see kFineStamps.
+    const bool fine = m_timePoints.size() <= kFineStamps;
+    const int64_t shared = fine ? 1 : std::max<int64_t>(1, m_bufferTimeMs / int64_t{kFineStamps});
+    m_sharedUntil.store(now + std::chrono::milliseconds(shared));
+}
+
+void FpsCounter::collectUnsafe() {
+    if (m_timePoints.empty()) return;
+    const uint32_t sharing = m_sharing.exchange(0);
+    m_timePoints.back().count += sharing;
+    m_count += sharing;
 }
 
 float FpsCounter::getFps() {
     MutexLock lock(m_mutex);
     const Clock::time_point now = m_now();  // under the lock: never before a stamp
+    collectUnsafe();
     evictUnsafe(now);
     if (m_count < 2) return 0.0f;
     const int64_t age = wholeMillis(now - m_timePoints.front().time);
@@ -67,6 +82,8 @@ float FpsCounter::getFps() {
 
 void FpsCounter::reset() {
     MutexLock lock(m_mutex);
+    m_sharedUntil.store(Clock::time_point::min());
+    m_sharing.store(0);
     m_timePoints.clear();
     m_count = 0;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -16,7 +17,7 @@ std::string makeCounterName(const std::string& category, const std::string& obje
 // Events per second over a sliding window. Events of one millisecond share a stamp, so that the
 // memory is bounded whatever the rate.
 //
-// Threads: any. Locks: its own mutex, a leaf.
+// Threads: any. Locks: its own mutex, a leaf, which an event takes once a millisecond at most.
 class FpsCounter {
  public:
     using Clock = std::chrono::steady_clock;
@@ -45,9 +46,16 @@ class FpsCounter {
     };
 
     void evictUnsafe(Clock::time_point now) REQUIRES(m_mutex);
+    // Adds the events that were counted without the mutex to the last stamp.
+    void collectUnsafe() REQUIRES(m_mutex);
 
     const std::string m_name;
     const NowFunction m_now;
+    // Atomics: until when events share the last stamp, and how many have done so without the mutex.
+    // An event that meets the next stamp counts there, a moment late.
+    std::atomic<Clock::time_point> m_sharedUntil{Clock::time_point::min()};
+    std::atomic<uint32_t> m_sharing{0};
+
     Mutex m_mutex;
     Ring<Stamp> m_timePoints GUARDED_BY(m_mutex);  // oldest first
     uint64_t m_count GUARDED_BY(m_mutex) = 0;      // sum over the stamps

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -87,12 +88,16 @@ class Poller : public kelm::NonCopyable, public std::enable_shared_from_this<Pol
 
     kelm::Mutex m_queueMutex;
     std::queue<std::function<void()>> m_queue GUARDED_BY(m_queueMutex);
+    // Atomics, here and below: whether there is something, so that a wait takes no lock in vain.
+    std::atomic<bool> m_hasPosted{false};
 
     kelm::Mutex m_deletionMutex;
     std::list<std::shared_ptr<ConnectionBase>> m_deletions GUARDED_BY(m_deletionMutex);
+    std::atomic<bool> m_hasDeletions{false};
 
     kelm::Mutex m_bufferedMutex;
     kelm::Ring<std::weak_ptr<ConnectionBase>> m_buffered GUARDED_BY(m_bufferedMutex);
+    std::atomic<bool> m_hasBuffered{false};
     int m_bufferedInARow = 0;  // belongs to the waiting thread
 
     kelm::UniqueFd m_epollFd;

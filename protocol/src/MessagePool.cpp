@@ -36,6 +36,19 @@ Pool& pool() {
     return obj;
 }
 
+struct LocalPool {
+    BlockCache::Local blocks[kNotKept];
+};
+
+// The calling thread's.
+LocalPool& localPool() {
+    thread_local LocalPool local;
+    thread_local const BlockCache::End ends[kNotKept] = {{pool().blocks[0], local.blocks[0]},
+                                                         {pool().blocks[1], local.blocks[1]},
+                                                         {pool().blocks[2], local.blocks[2]}};
+    return local;
+}
+
 uint16_t findSizeClass(size_t size) {
     uint16_t sizeClass = 0;
     while (sizeClass < kNotKept && size > kRecordSizes[sizeClass]) ++sizeClass;
@@ -52,8 +65,9 @@ Header* headerOf(const KelmMsgBase* message) {
 KelmMsgBase* allocate(size_t size) try {
     // A block has the size of its class, so that the next record of the class fits.
     const uint16_t sizeClass = findSizeClass(size);
-    void* const memory = sizeClass == kNotKept ? ::operator new(sizeof(Header) + size)
-                                               : pool().blocks[sizeClass].take();
+    void* const memory = sizeClass == kNotKept
+                             ? ::operator new(sizeof(Header) + size)
+                             : pool().blocks[sizeClass].take(localPool().blocks[sizeClass]);
     auto* const header = ::new (memory) Header;
     header->sizeClass = sizeClass;
     return reinterpret_cast<KelmMsgBase*>(header + 1);
@@ -68,7 +82,7 @@ void release(KelmMsgBase* message) {
     if (sizeClass == kNotKept) {
         ::operator delete(header);
     } else {
-        pool().blocks[sizeClass].give(header);
+        pool().blocks[sizeClass].give(localPool().blocks[sizeClass], header);
     }
 }
 

@@ -69,6 +69,9 @@ int MessageWriter::flush() {
 MessageWriter::Result MessageWriter::tryFlush() {
     if (m_bytes.empty()) return DONE;
     if (!m_connection) return flush() == 0 ? DONE : FAILED;  // which logs that it is not there
+    // The kernel takes so much whole or not at all; of more it could take a part, and the rest
+    // would have to be waited for.
+    if (m_bytes.size() > kCapacity) return WOULD_WAIT;
     Mutex& mutex = m_connection->writeMutex();
     if (!mutex.tryLock()) return WOULD_WAIT;
     MutexLock lock(mutex, std::adopt_lock);

@@ -94,13 +94,28 @@ TEST_F(KelmTaskTest, DescriptorsOfATaskAreClosedOnceWithIt) {
 
 TEST_F(KelmTaskTest, CacheKeepsABoundedNumberOfBlocks) {
     BlockCache cache(64, 2);
-    void* const blocks[] = {cache.take(), cache.take(), cache.take()};
-    for (void* block : blocks) cache.give(block);
+    BlockCache::Local local;
+    std::set<void*> blocks;
+    const auto takeAll = [&] {
+        while (blocks.size() < 100) blocks.insert(cache.take(local));  // none is handed out twice
+    };
+    const auto giveAll = [&] {
+        for (void* block : blocks) cache.give(local, block);
+        blocks.clear();
+    };
+    takeAll();
+    {
+        const BlockCache::End end(cache, local);
+        giveAll();
+        EXPECT_LE(cache.keptBlocks() + local.count, 20u);
+        takeAll();
+        EXPECT_EQ(cache.keptBlocks() + local.count, 0u);
+        giveAll();
+    }
     EXPECT_LE(cache.keptBlocks(), 2u);
-    const std::set<void*> again{cache.take(), cache.take(), cache.take()};
-    EXPECT_EQ(again.size(), 3u);  // none is handed out twice
-    EXPECT_EQ(cache.keptBlocks(), 0u);
-    for (void* block : again) cache.give(block);
+    EXPECT_EQ(local.count, 0u);
+    cache.give(local, cache.take(local));  // after the end of the thread's share
+    EXPECT_EQ(local.count, 0u);
 }
 
 // Each failure leaves no handle and no descriptor but the client's own.

@@ -217,7 +217,7 @@ void KelmDeviceBase::countResult() {
     MutexLock lock(m_graphInfoMutex);
     m_fpsCounter.update();
     ++m_currentInferenceCount;
-    if (m_currentGraph != nullptr) m_currentGraph->increaseInferenceTimes();
+    if (KelmGraph* const graph = m_currentGraph.load()) graph->increaseInferenceTimes();
 }
 
 // The device is busy from the first task in flight to the last, of whichever clone.
@@ -248,11 +248,6 @@ std::vector<std::string> KelmDeviceBase::getCachedGraphNames() {
 
 // The getters below have a lock each: what two of them tell may be of two graphs, which does no
 // harm on a display.
-KelmGraph* KelmDeviceBase::getCurrentGraph() {
-    MutexLock lock(m_graphInfoMutex);
-    return m_currentGraph;
-}
-
 std::string KelmDeviceBase::getCurrentGraphName() {
     MutexLock lock(m_graphInfoMutex);
     return m_currentGraph != nullptr ? m_currentGraphName : std::string();

@@ -86,7 +86,7 @@ class KelmDeviceBase : public NonCopyable {
     bool isFailed() const {
         return m_deviceFailed.load() || (m_parent != nullptr && m_parent->isFailed());
     }
-    KelmGraph* getCurrentGraph() EXCLUDES(m_graphInfoMutex);
+    KelmGraph* getCurrentGraph() const { return m_currentGraph.load(); }
     // Empty without a current graph, as the next three are 0 or false without their graph.
     std::string getCurrentGraphName() EXCLUDES(m_graphInfoMutex);
     std::string getPreviousGraphName() EXCLUDES(m_graphInfoMutex);
@@ -151,7 +151,7 @@ class KelmDeviceBase : public NonCopyable {
     const std::string m_name;
 
     Mutex m_graphInfoMutex ACQUIRED_AFTER(m_deviceMutex);
-    KelmGraph* m_currentGraph GUARDED_BY(m_graphInfoMutex) = nullptr;
+    std::atomic<KelmGraph*> m_currentGraph{nullptr};  // changed under the mutex, with what follows
     std::string m_currentGraphName GUARDED_BY(m_graphInfoMutex);
     std::string m_previousGraphName GUARDED_BY(m_graphInfoMutex);
     int32_t m_cacheTaskNum GUARDED_BY(m_graphInfoMutex) = 0;

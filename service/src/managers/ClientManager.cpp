@@ -307,10 +307,14 @@ bool ClientManager::verifyClient(uint64_t clientId) {
 }
 
 bool ClientManager::verifyRequester(const Request& request) {
-    if (request.getClientId() == 0) return false;
+    return findRequester(request) != nullptr;
+}
+
+KelmClient* ClientManager::findRequester(const Request& request) {
+    if (request.getClientId() == 0) return nullptr;
     MutexLock lock(m_mutex);
     KelmClient* client = getClientForUnsafe(request);
-    return client != nullptr && client->isRunning();
+    return client != nullptr && client->isRunning() ? client : nullptr;
 }
 
 // Both look-ups under one lock: between two, the id could be given out.

@@ -72,6 +72,8 @@ class ClientManager : public Singleton<ClientManager>,
 
     bool verifyClient(uint64_t clientId) override EXCLUDES(m_mutex);
     bool verifyRequester(const Request& request) override EXCLUDES(m_mutex);
+    // The record behind that answer, null in place of false; it lives as getClientById() says.
+    KelmClient* findRequester(const Request& request) EXCLUDES(m_mutex);
     // Whether the client that the request names was registered by another user than the request's
     // sender, to whom it is unknown.
     bool isOfAnotherUser(const Request& request) EXCLUDES(m_mutex);

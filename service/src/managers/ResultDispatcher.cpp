@@ -318,15 +318,11 @@ KelmClient* ResultDispatcher::findReceiver(KelmTask& task) {
         LOG_INFO("Destroy task(%lu), reason=canceled", task.getId());
         return nullptr;
     }
-    ClientManager& clients = ClientManager::instance();
-    // The record found below stays, since the client manager waits for the end of this very task.
-    if (!clients.verifyClient(clientId)) {
-        LOG_STEP("abort send task done message to unregistered client(id:%lu)", clientId);
-        return nullptr;
-    }
-    KelmClient* client = clients.getClientById(clientId);
-    if (client == nullptr) LOG_ERROR("Error: getClientById (%lu) failed.", clientId);
-    return client;
+    // The record stays, since the client manager waits for the end of this very task.
+    KelmClient* const client = task.getClient();
+    if (client != nullptr && client->isRunning()) return client;
+    LOG_STEP("abort send task done message to unregistered client(id:%lu)", clientId);
+    return nullptr;
 }
 
 MessagePtr ResultDispatcher::makeTaskDoneMessage(KelmTask& task, KelmClient& client,

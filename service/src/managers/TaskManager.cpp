@@ -127,17 +127,15 @@ KelmError TaskManager::admitTask(const Request& request, KelmClient*& client,
                                  KelmGraph*& graph) const {
     // The records that are found here live until the task has ended: neither is deleted before this
     // thread has counted its tasks, by a notice that queues behind this request.
-    const uint64_t clientId = request.getClientId();
-    const bool admitted = ClientManager::instance().verifyRequester(request);
-    client = admitted ? getClientById(clientId) : nullptr;
+    client = ClientManager::instance().findRequester(request);
     if (client == nullptr) {
-        LOG_ERROR("Error: invalid clientId %lu", clientId);
+        LOG_ERROR("Error: invalid clientId %lu", request.getClientId());
         return KELM_ERROR_INVALID_CLIENT;
     }
     // A bound for each client, so that one which sends without waiting does not fill the queues of
     // all.
     if (!client->allowInferTask()) {
-        LOG_STEP("aggressive client(id:%lu) with too many task requests", clientId);
+        LOG_STEP("aggressive client(id:%lu) with too many task requests", client->getId());
         return KELM_ERROR_TOO_MANY_TASK;
     }
     const uint64_t graphId = request.as<KelmMsgReqInferTask>().graphId;
@@ -285,10 +283,6 @@ bool TaskManager::waitIdleFor(std::chrono::milliseconds time) {
 
 bool TaskManager::verifyClient(uint64_t clientId) {
     return ClientManager::instance().verifyClient(clientId);
-}
-
-KelmClient* TaskManager::getClientById(uint64_t clientId) {
-    return ClientManager::instance().getClientById(clientId);
 }
 
 KelmGraph* TaskManager::getGraphById(uint64_t graphId) {

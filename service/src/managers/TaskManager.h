@@ -103,7 +103,6 @@ class TaskManager final : public Singleton<TaskManager>,
     void descheduleGraphDone(KelmGraph* graph);
 
     static bool verifyClient(uint64_t clientId);
-    static KelmClient* getClientById(uint64_t clientId);
     static KelmGraph* getGraphById(uint64_t graphId);
     // Nothing once the process is ending: the result dispatcher is destroyed before this.
     void sendCreateTaskResponse(KelmTask* task, KelmError error, Request request);

@@ -29,6 +29,12 @@ BlockCache& blockCache() {
     return obj;
 }
 
+BlockCache::Local& localBlocks() {
+    thread_local BlockCache::Local local;
+    thread_local const BlockCache::End end(blockCache(), local);
+    return local;
+}
+
 int64_t wholeMillis(KelmTask::TimePoint::duration time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
 }
@@ -79,10 +85,10 @@ KelmTask::~KelmTask() {
 // A derived class would not fit the blocks.
 void* KelmTask::operator new(size_t size) {
     if (size != sizeof(KelmTask)) return ::operator new(size);
-    return blockCache().take();
+    return blockCache().take(localBlocks());
 }
 
-void KelmTask::operator delete(void* block) { blockCache().give(block); }
+void KelmTask::operator delete(void* block) { blockCache().give(localBlocks(), block); }
 
 void KelmTask::setStatus(int32_t status) {
     if (status > TASK_STATUS_LAST) return;

@@ -20,6 +20,12 @@ BlockCache& blockCache() {
     return obj;
 }
 
+BlockCache::Local& localBlocks() {
+    thread_local BlockCache::Local local;
+    thread_local const BlockCache::End end(blockCache(), local);
+    return local;
+}
+
 }  // namespace
 
 KelmTaskParam* KelmTaskParam::create(const KelmBuffer& input, const KelmBuffer& output,
@@ -53,9 +59,9 @@ void KelmTaskParam::releaseBuffer(KelmBuffer& buffer) {
 
 void* KelmTaskParam::operator new(size_t size) {
     if (size != sizeof(KelmTaskParam)) return ::operator new(size);
-    return blockCache().take();
+    return blockCache().take(localBlocks());
 }
 
-void KelmTaskParam::operator delete(void* block) { blockCache().give(block); }
+void KelmTaskParam::operator delete(void* block) { blockCache().give(localBlocks(), block); }
 
 }  // namespace kelm

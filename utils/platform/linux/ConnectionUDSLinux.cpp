@@ -68,11 +68,6 @@ std::shared_ptr<ConnectionUDS> ConnectionUDS::tryMake(Poller* poller) {
     return std::shared_ptr<ConnectionUDS>(new ConnectionUDS(poller, number));
 }
 
-int ConnectionUDS::nativeHandle() {
-    kelm::MutexLock lock(m_mutex);
-    return m_fd;
-}
-
 bool ConnectionUDS::connected() {
     kelm::MutexLock lock(m_mutex);
     return m_state == CONNECTED && !m_shutDown;
@@ -196,34 +191,38 @@ bool ConnectionUDS::connect(const std::string& path, std::chrono::milliseconds l
 void ConnectionUDS::close() {
     const std::shared_ptr<Poller> poller = getPoller();
     kelm::MutexLock lock(m_mutex);
-    m_state = EMPTY;
-    if (m_fd < 0) return;
+    m_state.store(EMPTY);
+    const int fd = m_fd.load();
+    if (fd < 0) return;
     // Before the descriptor is closed: the kernel may give its number to another file at once.
-    if (poller) poller->forget(m_fd);
-    if (m_users == 0) {
-        (void)::close(m_fd);
-    } else {
-        // Transfers in progress fail, and the last of them closes the descriptor: the kernel must
-        // not give its number to another socket while a read or write still uses it.
-        (void)::shutdown(m_fd, SHUT_RDWR);
-        m_retiredFd = m_fd;
-    }
+    if (poller) poller->forget(fd);
+    m_fd.store(-1);
+    // Transfers in progress fail, and the last of them closes the descriptor: the kernel must not
+    // give its number to another socket while a read or write still uses it.
+    if (m_users.load() > 0) (void)::shutdown(fd, SHUT_RDWR);
+    m_retiredFd.store(fd);
+    closeRetiredUnsafe();
     if (!m_path.empty()) (void)::unlink(m_path.c_str());
-    m_fd = -1;
     m_path.clear();
 }
 
-// Counted and read under one mutex: close() either sees the use, or the use finds it closed.
 int ConnectionUDS::beginUse() {
-    kelm::MutexLock lock(m_mutex);
-    if (m_fd >= 0) ++m_users;
-    return m_fd;
+    m_users.fetch_add(1);
+    const int fd = m_fd.load();
+    if (fd < 0) endUse();
+    return fd;
 }
 
 void ConnectionUDS::endUse() {
+    m_users.fetch_sub(1);
+    if (m_retiredFd.load() < 0) return;
     kelm::MutexLock lock(m_mutex);
-    --m_users;
-    if (m_users == 0 && m_retiredFd >= 0) (void)::close(std::exchange(m_retiredFd, -1));
+    closeRetiredUnsafe();
+}
+
+void ConnectionUDS::closeRetiredUnsafe() {
+    if (m_users.load() > 0 || m_retiredFd.load() < 0) return;
+    (void)::close(m_retiredFd.exchange(-1));
 }
 
 // Without waiting for operations that are inside: it is what ends them.
@@ -259,11 +258,7 @@ void ConnectionUDS::unblockPoller() {
 // blocked.
 void ConnectionUDS::notify(int, int, unsigned long events, PollEvent* event) {
     constexpr unsigned long kHungUpEvents = EPOLLHUP | EPOLLRDHUP;
-    {
-        kelm::MutexLock lock(m_mutex);
-        if (m_state == EMPTY) return;
-    }
-    if (m_pollBlocked) return;
+    if (m_state.load() == EMPTY || m_pollBlocked) return;
     if ((events & EPOLLIN) != 0) event->flags |= kPollReadable;
     if ((events & kHungUpEvents) != 0) event->flags |= kPollHungUp;
     if (event->flags != 0) event->connection = shared_from_this();

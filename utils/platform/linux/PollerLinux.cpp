@@ -167,12 +167,12 @@ bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
 }
 
 bool Poller::takeBuffered(PollEvent* event) {
-    for (;;) {
+    while (m_hasBuffered.load()) {
         std::shared_ptr<ConnectionBase> connection;
         {
             kelm::MutexLock lock(m_bufferedMutex);
-            if (m_buffered.empty()) return false;
             connection = m_buffered.popFront().lock();
+            m_hasBuffered.store(!m_buffered.empty());
         }
         if (!connection) continue;
         // Cleared before the look, so that bytes which come in between list it again.
@@ -182,6 +182,7 @@ bool Poller::takeBuffered(PollEvent* event) {
         connection->notify(descriptor, descriptor, EPOLLIN, event);
         if (event->flags != 0) return true;
     }
+    return false;
 }
 
 // Listed once, however often it is noted before the poller comes to it.
@@ -189,35 +190,39 @@ void Poller::noteBuffered(ConnectionBase& connection) {
     if (connection.m_listedAsBuffered.exchange(true)) return;
     kelm::MutexLock lock(m_bufferedMutex);
     m_buffered.pushBack(connection.weak_from_this());
+    m_hasBuffered.store(true);
 }
 
 void Poller::post(std::function<void()> callable) {
     kelm::MutexLock lock(m_queueMutex);
     m_queue.push(std::move(callable));
+    m_hasPosted.store(true);
 }
 
 void Poller::deleteLater(std::shared_ptr<ConnectionBase> connection) {
     kelm::MutexLock lock(m_deletionMutex);
     m_deletions.push_back(std::move(connection));
+    m_hasDeletions.store(true);
 }
 
 void Poller::deleteClosed() {
     // Destroyed after the lock is released: a destructor may call back into the poller.
     std::list<std::shared_ptr<ConnectionBase>> closed;
-    if (!m_deletionMutex.tryLock()) return;  // busy: at the next wait
+    if (!m_hasDeletions.load() || !m_deletionMutex.tryLock()) return;  // busy: at the next wait
     closed.swap(m_deletions);
+    m_hasDeletions.store(false);
     m_deletionMutex.unlock();
 }
 
 void Poller::runPosted() {
-    for (;;) {
+    while (m_hasPosted.load()) {
         std::function<void()> callable;
         {
             kelm::MutexLock lock(m_queueMutex);
-            if (m_queue.empty()) return;
             // Run outside the lock: it may post another one.
             callable = std::move(m_queue.front());
             m_queue.pop();
+            m_hasPosted.store(!m_queue.empty());
         }
         try {
             callable();
