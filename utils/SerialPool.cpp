@@ -3,6 +3,7 @@
 #include <exception>
 #include <stdexcept>
 
+#include "utils/Futex.h"
 #include "utils/Log.h"
 #include "utils/ThreadUtils.h"
 
@@ -49,9 +50,9 @@ SerialPool::~SerialPool() {
     {
         MutexLock lock(m_mutex);
         m_turn.fetch_or(kStopped);
-        m_turnCond.notifyAll();
         m_roomCond.notifyAll();
     }
+    futex::wakeOne(m_turn);
     m_thread.join();
 }
 
@@ -65,7 +66,7 @@ bool SerialPool::deferWait(InlineTask wait) {
 
 // Others change the count and the marks meanwhile, only the holder of the turn its state.
 void SerialPool::setState(State state) {
-    uint64_t turn = m_turn.load();
+    uint32_t turn = m_turn.load();
     while (!m_turn.compare_exchange_weak(turn, (turn & ~kStates) | state)) {
     }
 }
@@ -107,7 +108,7 @@ void SerialPool::insert(Slot slot, Rule rule) {
 }
 
 bool SerialPool::insertInTurn(Slot& slot, bool limited) {
-    uint64_t turn = m_turn.load();
+    uint32_t turn = m_turn.load();
     // In the order of submission: what other threads have queued before stays ahead.
     if (queuedOf(turn) != 0 || (turn & kStopped) != 0) return false;
     if (stateOf(turn) == IDLE) {
@@ -125,6 +126,7 @@ bool SerialPool::insertInTurn(Slot& slot, bool limited) {
 }
 
 void SerialPool::insertQueued(Slot slot, Rule rule) {
+    bool wake = false;
     bool oneTooMany = false;
     {
         MutexLock lock(m_mutex);
@@ -146,25 +148,28 @@ void SerialPool::insertQueued(Slot slot, Rule rule) {
         } else {
             m_queue.pushBack(std::move(slot));
         }
-        noteQueuedUnsafe(rule.awaited);
+        wake = noteQueuedUnsafe(rule.awaited);
     }
+    if (wake) futex::wakeOne(m_turn);
     if (oneTooMany) (void)deferWait([this] { waitForRoom(); });
 }
 
-void SerialPool::noteQueuedUnsafe(bool awaited) {
+bool SerialPool::noteQueuedUnsafe(bool awaited) {
     const State next = awaited || !OwedPools::canOwe() ? OWN : OWED;
-    uint64_t turn = m_turn.load();
-    uint64_t counted = 0;
+    uint32_t turn = m_turn.load();
+    uint32_t counted = 0;
     do {
         counted = turn + kOneQueued;
         if (stateOf(turn) == IDLE) counted |= next;
     } while (!m_turn.compare_exchange_weak(turn, counted));
-    if (stateOf(turn) == IDLE && next == OWED) return OwedPools::add(*this);
-    if (stateOf(turn) == IDLE) return m_turnCond.notifyOne();
+    if (stateOf(turn) == IDLE) {
+        if (next == OWED) OwedPools::add(*this);
+        return next == OWN;
+    }
     // The caller waits for the task: it must not owe it.
-    if (!awaited || stateOf(turn) != OWED || !OwedPools::remove(*this)) return;
+    if (!awaited || stateOf(turn) != OWED || !OwedPools::remove(*this)) return false;
     setState(OWN);
-    m_turnCond.notifyOne();
+    return true;
 }
 
 bool SerialPool::waitIdleFor(std::chrono::milliseconds time) {
@@ -192,13 +197,14 @@ void SerialPool::threadRoutine() {
 }
 
 bool SerialPool::waitForTurn() {
-    MutexLock lock(m_mutex);
     for (;;) {
-        const uint64_t turn = m_turn.load();
+        const uint32_t turn = m_turn.load();
         if (stateOf(turn) == OWN) return true;
-        if (stateOf(turn) == IDLE && (turn & kStopped) != 0) return false;
-        m_turnCond.wait(m_mutex);
+        if (stateOf(turn) == IDLE && (turn & kStopped) != 0) break;
+        futex::wait(m_turn, turn);
     }
+    MutexLock lock(m_mutex);  // the thread that has ended the last turn has left the pool then
+    return false;
 }
 
 void SerialPool::runOwnTurn() {
@@ -228,17 +234,16 @@ void SerialPool::help(std::chrono::steady_clock::time_point deadline) {
     }
 }
 
-// Notified under the mutex: once that is free, the destructor may pass.
+// From the change of the state on the pool may be destroyed.
 void SerialPool::handBack() {
-    MutexLock lock(m_mutex);
     setState(OWN);
-    m_turnCond.notifyOne();
+    futex::wakeOne(m_turn);
 }
 
 bool SerialPool::refill() {
     if (!m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0) return true;
-    uint64_t turn = m_turn.load();
-    const uint64_t watched = kStopped | kIdleWaited;
+    uint32_t turn = m_turn.load();
+    const uint32_t watched = kStopped | kIdleWaited;
     while (queuedOf(turn) == 0 && (turn & watched) == 0) {
         if (m_turn.compare_exchange_weak(turn, IDLE)) return false;
     }
@@ -255,9 +260,9 @@ bool SerialPool::refill() {
 bool SerialPool::endTurn() {
     MutexLock lock(m_mutex);
     if (queuedOf(m_turn.load()) != 0) return false;  // under the mutex, so that it stays 0
-    setState(IDLE);
     m_idleCond.notifyAll();
-    m_turnCond.notifyAll();
+    setState(IDLE);
+    futex::wakeOne(m_turn);
     return true;
 }
 

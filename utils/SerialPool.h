@@ -94,7 +94,7 @@ class SerialPool : public NonCopyable {
     friend class OwedPools;
     class Turn;
 
-    enum State : uint64_t { IDLE, OWED, HELPED, OWN };
+    enum State : uint32_t { IDLE, OWED, HELPED, OWN };
     struct Slot {
         InlineTask task;
         bool own = false;
@@ -105,8 +105,8 @@ class SerialPool : public NonCopyable {
         bool awaited = false;
     };
 
-    static State stateOf(uint64_t turn) { return static_cast<State>(turn & kStates); }
-    static uint64_t queuedOf(uint64_t turn) { return turn / kOneQueued; }
+    static State stateOf(uint32_t turn) { return static_cast<State>(turn & kStates); }
+    static uint32_t queuedOf(uint32_t turn) { return turn / kOneQueued; }
     void setState(State state);
     // Whether the calling thread owes the pool, or runs a task of it.
     bool hasTurn() const;
@@ -121,8 +121,9 @@ class SerialPool : public NonCopyable {
     // Until there is room, or the pool is stopped.
     void waitForRoomUnsafe() REQUIRES(m_mutex);
     void waitForRoom() EXCLUDES(m_mutex);
-    // Something has been queued: begins a turn if there is none.
-    void noteQueuedUnsafe(bool awaited) REQUIRES(m_mutex);
+    // Something has been queued: begins a turn if there is none. True if the own thread is to be
+    // woken for it.
+    bool noteQueuedUnsafe(bool awaited) REQUIRES(m_mutex);
 
     void threadRoutine();
     // False when the pool is stopped and nothing is left to do.
@@ -132,7 +133,7 @@ class SerialPool : public NonCopyable {
     void help(std::chrono::steady_clock::time_point deadline) EXCLUDES(m_mutex);
     bool canBeHelped() const;
     // From HELPED or OWED to OWN.
-    void handBack() EXCLUDES(m_mutex);
+    void handBack();
 
     // For the holder of the turn. False, and the turn has ended, when nothing is queued: the pool
     // may be destroyed by then.
@@ -150,15 +151,15 @@ class SerialPool : public NonCopyable {
     // Atomic: the state of the turn, the two marks and the number of tasks in m_queue and m_urgent
     // (counted in kOneQueued), in one word: a turn ends only if nothing is queued and nobody waits
     // for its end, and then the word is the last thing of the pool that its holder touches. A
-    // hand-off between a thread and the pool that it fills takes no lock.
-    std::atomic<uint64_t> m_turn{IDLE};
-    static constexpr uint64_t kStates = 3;
-    static constexpr uint64_t kStopped = 4;
-    static constexpr uint64_t kIdleWaited = 8;
-    static constexpr uint64_t kOneQueued = 16;
+    // hand-off between a thread and the pool that it fills takes no lock. The own thread sleeps on
+    // the word until the turn is its own, or the pool has stopped.
+    std::atomic<uint32_t> m_turn{IDLE};
+    static constexpr uint32_t kStates = 3;
+    static constexpr uint32_t kStopped = 4;
+    static constexpr uint32_t kIdleWaited = 8;
+    static constexpr uint32_t kOneQueued = 16;
 
     Mutex m_mutex;
-    CondVar m_turnCond;  // for the own thread: the turn is its own, or the pool has stopped
     CondVar m_idleCond;
     CondVar m_roomCond;
     Ring<Slot> m_queue GUARDED_BY(m_mutex);
