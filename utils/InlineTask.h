@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <new>
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -41,6 +42,8 @@ class InlineTask {
 
     explicit operator bool() const { return m_table != nullptr; }
     void operator()() { m_table->run(m_storage); }
+    // For the thread of a pool, which outlives its tasks: what the task throws is logged.
+    void runLogged(const std::string& pool);
 
     // Destroys the callable with what it captured.
     void reset() {

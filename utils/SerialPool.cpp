@@ -1,10 +1,8 @@
 #include "utils/SerialPool.h"
 
-#include <exception>
 #include <stdexcept>
 
 #include "utils/Futex.h"
-#include "utils/Log.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -211,7 +209,7 @@ void SerialPool::runOwnTurn() {
     do {
         while (!m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0) {
             InlineTask task = takeNext();
-            run(task);
+            task.runLogged(m_name);
             task.reset();  // what it captured must not live until the next task comes
             // The next heavy task may take long; light ones come in batches, whose work is shared.
             if (m_weight == HEAVY) OwedPools::settle();
@@ -230,7 +228,7 @@ void SerialPool::help(std::chrono::steady_clock::time_point deadline) {
                             std::chrono::steady_clock::now() > deadline;
         if (count == kMostHelpedTasks || isLong || isNextForOwnThread()) return handBack();
         InlineTask task = takeNext();
-        run(task);
+        task.runLogged(m_name);
     }
 }
 
@@ -291,16 +289,6 @@ InlineTask SerialPool::takeNext() {
 void SerialPool::noteRoom() {
     MutexLock lock(m_mutex);
     m_roomCond.notifyOne();
-}
-
-void SerialPool::run(InlineTask& task) const {
-    try {
-        task();
-    } catch (const std::exception& error) {
-        LOG_ERROR("Error: a task of pool %s ended with an exception: %s", m_name, error.what());
-    } catch (...) {
-        LOG_ERROR("Error: a task of pool %s ended with an unknown exception", m_name);
-    }
 }
 
 }  // namespace kelm

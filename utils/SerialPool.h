@@ -142,7 +142,6 @@ class SerialPool : public NonCopyable {
     bool isNextForOwnThread() const;
     InlineTask takeNext() EXCLUDES(m_mutex);
     void noteRoom() EXCLUDES(m_mutex);
-    void run(InlineTask& task) const;
 
     const std::string m_name;
     const uint64_t m_maxQueueSize;

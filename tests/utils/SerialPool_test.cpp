@@ -178,8 +178,9 @@ TEST_F(SerialPoolTest, EndWaitsForTheThreadThatOwesOrHelps) {
     }
 }
 
-// Pools in a row with random limits, tasks for the own thread, head insertions and pauses: each task
-// runs once, alone in its pool, in order, and no more are queued than the limit and one a helper.
+// Pools in a row with random limits, tasks for the own thread, head insertions and pauses: each
+// task runs once, alone in its pool, in order, and no more are queued than the limit and one a
+// helper.
 TEST(SerialPoolStressTest, RandomPoolsInARowKeepOrderExclusionAndLimits) {
     constexpr int kPools = 5;
     constexpr int kTasks = 3000;
@@ -240,6 +241,75 @@ TEST(SerialPoolStressTest, RandomPoolsInARowKeepOrderExclusionAndLimits) {
             EXPECT_EQ(stage.disorders, 0);
         }
     }
+}
+
+// From here on the tests' thread owes nothing: it wakes the pools that it fills.
+// The tasks that the thread has taken out in one go count, too.
+TEST(SerialPoolOfOthersTest, FullQueueHoldsProducersButNotNoticesNorItself) {
+    SerialPool pool("Full", 3);
+    std::atomic<int> ran{0};
+    std::atomic<int> accepted{0};
+    std::promise<void> entered;
+    std::promise<void> first;
+    std::promise<void> second;
+    pool.post([&] {
+        entered.set_value();
+        first.get_future().wait();
+    });
+    entered.get_future().wait();
+    pool.post([&] { second.get_future().wait(); });
+    pool.post([&] {
+        // The pool's own thread would wait for itself.
+        for (int i = 0; i < 5; ++i) pool.post([&ran] { ++ran; });
+    });
+    pool.post([&ran] { ++ran; });
+    std::thread producer([&] {
+        for (int i = 0; i < 4; ++i, ++accepted) pool.post([&ran] { ++ran; });
+    });
+    first.set_value();  // the thread takes all three out of the queue and stands in the first
+    EXPECT_TRUE(eventually([&] { return accepted >= 1; }));
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    EXPECT_EQ(accepted, 1);
+    for (int i = 0; i < 5; ++i) pool.postNotice([&ran] { ++ran; });
+    second.set_value();
+    producer.join();
+    EXPECT_TRUE(eventually([&] { return ran == 15; }));
+}
+
+TEST(SerialPoolOfOthersTest, DestructionRunsWhatIsQueuedAndRefusesMore) {
+    std::vector<int> order;
+    {
+        SerialPool pool("Drain", 100);
+        std::promise<void> stopping;
+        pool.post([&pool, end = stopping.get_future().share()] {
+            end.wait();
+            // By now the destructor waits in the join, or is about to set the flag.
+            EXPECT_TRUE(eventually([&] {
+                try {
+                    pool.postNotice([] {});
+                } catch (const std::runtime_error&) {
+                    return true;
+                }
+                return false;
+            }));
+        });
+        for (int i = 0; i < 3; ++i) pool.post([&order, i] { order.push_back(i); });
+        stopping.set_value();
+    }
+    EXPECT_THAT(order, ElementsAre(0, 1, 2));
+}
+
+TEST(SerialPoolOfOthersTest, ClosuresOfAnySizeRunAndTheirExceptionsReachTheFutureOnly) {
+    SerialPool pool("CltMgr", 10);
+    pool.post([] { throw std::runtime_error("logged"); });
+    auto failed = pool.enqueue([]() -> int { throw std::runtime_error("kept"); });
+    EXPECT_THROW(failed.get(), std::runtime_error);
+    std::array<char, 4 * InlineTask::kInlineSize> large{};
+    large.back() = 'x';
+    auto owned = std::make_unique<char>('y');
+    EXPECT_EQ(pool.enqueue([large] { return large.back(); }).get(), 'x');
+    EXPECT_EQ(pool.enqueue([owned = std::move(owned)] { return *owned; }).get(), 'y');
+    EXPECT_EQ(pool.enqueue([] { return ThreadUtils::getName(); }).get(), "CltMgrT0");
 }
 
 }  // namespace
