@@ -40,7 +40,7 @@ struct PollEvent {
 // shared pointer; connections know it by a weak one.
 //
 // Threads: wait() on one thread, which is also the one that reads the connections; all else from
-// any. Owns: the epoll descriptor and closed connections until the next wait. Connections in the
+// any. Owns: its two descriptors and closed connections until the next wait. Connections in the
 // maps are borrowed. Locks: all mutexes here are leaves.
 class Poller : public kelm::NonCopyable, public std::enable_shared_from_this<Poller> {
  public:
@@ -55,9 +55,14 @@ class Poller : public kelm::NonCopyable, public std::enable_shared_from_this<Pol
     bool wait(PollEvent* pevt, int timeoutMillisec);
     int nativeHandle() const { return m_epollFd.get(); }
 
+    // Ends the wait that is under way, or the next one.
+    void wake();
+    // Whether the next wait has something without asking the kernel.
+    bool hasBuffered() const { return m_hasBuffered.load(); }
+
     // Runs at the next wait, on its thread.
     void post(std::function<void()> callable) EXCLUDES(m_queueMutex);
-    // Drops this share of a closed connection at the next wait.
+    // Drops this share of a closed connection at the next wait, which comes at once.
     void deleteLater(std::shared_ptr<ConnectionBase> connection) EXCLUDES(m_deletionMutex);
 
     // For connections. forget() drops a descriptor that is about to be closed; suspend() silences
@@ -101,6 +106,7 @@ class Poller : public kelm::NonCopyable, public std::enable_shared_from_this<Pol
     int m_bufferedInARow = 0;  // belongs to the waiting thread
 
     kelm::UniqueFd m_epollFd;
+    kelm::UniqueFd m_wakeFd;  // a counter of the kernel's, readable once wake() was called
 };
 
 }  // namespace IPC

@@ -37,7 +37,11 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr int kPollMillisec = 100;  // a stop request is seen within this time
+// How long the listen thread sleeps when nothing comes: with a timer under way, and without.
+constexpr int kTimerMillisec = 100;
+constexpr int kIdleMillisec = 10000;
+// Requests that are read out of buffers before what they have begun goes on.
+constexpr int kReadAhead = 8;
 // After an accept that failed, or for which a place was made: the listening socket stays readable,
 // and would be polled in a loop.
 constexpr milliseconds kAcceptPause{100};
@@ -156,6 +160,7 @@ bool MessageDispatcher::stopService() {
 
 bool MessageDispatcher::stopListenThread() {
     m_stop = true;
+    m_poller->wake();
     bool ended = m_listenEnded.waitFor(kListenEndMillisec);
     if (!ended) {
         // It waits for room in a queue that is full because a client does not read its answers; the
@@ -180,12 +185,14 @@ void MessageDispatcher::listenThreadRoutine() {
     const OwedPools::Scope owing;
     const std::shared_ptr<IPC::Poller> poller = m_poller;
     IPC::PollEvent event;
-    while (!m_stop) {
+    for (int visit = 0; !m_stop; ++visit) {
         event.clear();
         try {
             // No message may end the thread, which would leave all clients without service.
-            OwedPools::settle();
-            if (poller->wait(&event, kPollMillisec)) handleEvents(event);
+            if (visit % kReadAhead == 0 || !poller->hasBuffered()) OwedPools::settle();
+            const bool isTimed = m_acceptAgain || !m_leaving.empty();
+            const int millisec = isTimed ? kTimerMillisec : kIdleMillisec;
+            if (poller->wait(&event, millisec)) handleEvents(event);
             handleTimers();
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the listen thread goes on after: %s", error.what());

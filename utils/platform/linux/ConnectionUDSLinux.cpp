@@ -251,7 +251,9 @@ void ConnectionUDS::unblockPoller() {
         if (poller && m_fd >= 0) poller->resume(m_fd);
         m_pollBlocked = false;
     }
-    if (poller && hasBufferedData()) poller->noteBuffered(*this);
+    if (!poller || !hasBufferedData()) return;
+    poller->noteBuffered(*this);
+    poller->wake();  // it may wait for what the kernel has
 }
 
 // Asked again here, since an event may have been fetched before the connection was closed or

@@ -1,4 +1,5 @@
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -41,11 +42,12 @@ void blockSigpipe() {
 
 }  // namespace
 
-Poller::Poller() : m_epollFd(::epoll_create1(EPOLL_CLOEXEC)) {
-    if (!m_epollFd) {
+Poller::Poller() : m_epollFd(::epoll_create1(EPOLL_CLOEXEC)), m_wakeFd(::eventfd(0, EFD_CLOEXEC)) {
+    if (!m_epollFd || !m_wakeFd) {
         kelm::assertionFailed("m_epollFd >= 0", {"Poll ctor: epoll_create failed."}, __FILE__,
                               __LINE__);
     }
+    registerDescriptor(m_wakeFd.get());
     ignoreSigpipe();
 }
 
@@ -159,6 +161,11 @@ bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
     if (count == 0 || (count < 0 && errno == EINTR)) return false;
     if (count < 0) KELM_THROW("epoll_wait() error.");
     const int descriptor = found.data.fd;
+    if (descriptor == m_wakeFd.get()) {
+        eventfd_t wakes = 0;
+        (void)::eventfd_read(descriptor, &wakes);
+        return false;
+    }
     const std::shared_ptr<ConnectionBase> connection = find(descriptor);
     // Destroyed or forgotten since the kernel noted the event.
     if (!connection) return false;
@@ -200,10 +207,15 @@ void Poller::post(std::function<void()> callable) {
 }
 
 void Poller::deleteLater(std::shared_ptr<ConnectionBase> connection) {
-    kelm::MutexLock lock(m_deletionMutex);
-    m_deletions.push_back(std::move(connection));
-    m_hasDeletions.store(true);
+    {
+        kelm::MutexLock lock(m_deletionMutex);
+        m_deletions.push_back(std::move(connection));
+        m_hasDeletions.store(true);
+    }
+    wake();
 }
+
+void Poller::wake() { (void)::eventfd_write(m_wakeFd.get(), 1); }
 
 void Poller::deleteClosed() {
     // Destroyed after the lock is released: a destructor may call back into the poller.
