@@ -210,6 +210,7 @@ void SlaveWorker::loadTensor(KelmTask* task) {
         destroyTask(task);
         return;
     }
+    OwedPools::settle();  // the next task is looked for before the device takes this one
     waitRunningTaskNotFull();
     feedDevice(task);
 }
@@ -217,7 +218,6 @@ void SlaveWorker::loadTensor(KelmTask* task) {
 void SlaveWorker::feedDevice(KelmTask* task) {
     task->setStatus(TASK_STATUS_LOADING);
     LOG_STEP("call loadTensor(%lu)", task->getId());
-    OwedPools::settle();  // the next task is looked for while the device takes this one
     const int rc = m_device->loadTensor(task);
     LOG_STEP("called loadTensor(%lu)", task->getId());
     task->addLoadCount();
