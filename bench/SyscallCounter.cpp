@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 namespace kelm::bench {
 
@@ -26,6 +27,7 @@ SyscallCounter::SyscallCounter(pid_t process) {
     const std::filesystem::path threads = "/proc/" + std::to_string(process) + "/task";
     for (const auto& thread : std::filesystem::directory_iterator(threads)) {
         if (open(std::stoi(thread.path().filename()), tracepoint)) continue;
+        if (errno == ESRCH) continue;  // a thread that has just ended calls nothing any more
         m_whyNot = std::string("perf_event_open: ") + std::strerror(errno);
         return;
     }
@@ -37,9 +39,11 @@ bool SyscallCounter::open(pid_t thread, uint64_t tracepoint) {
     attributes.type = PERF_TYPE_TRACEPOINT;
     attributes.config = tracepoint;
     attributes.inherit = 1;
-    m_counters.emplace_back(static_cast<int>(
+    UniqueFd counter(static_cast<int>(
         ::syscall(SYS_perf_event_open, &attributes, thread, -1, -1, PERF_FLAG_FD_CLOEXEC)));
-    return static_cast<bool>(m_counters.back());
+    if (!counter) return false;
+    m_counters.push_back(std::move(counter));
+    return true;
 }
 
 std::optional<double> SyscallCounter::count() const {
