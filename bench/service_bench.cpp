@@ -187,7 +187,9 @@ void run(const Options& options) {
                 options.seconds);
     for (const Contest& contest : all) printTable(contest, !options.otherDaemon.empty());
     if (!GrpcEcho::isInstalled()) {
-        std::puts("\ngRPC is not installed (apt-get install libgrpc++-dev protobuf-compiler-grpc)");
+        std::puts(
+            "\ngRPC is not installed (apt-get install libgrpc++-dev protobuf-compiler-grpc "
+            "libprotobuf-dev)");
     }
     writeJson(options, all);
 }
