@@ -130,7 +130,6 @@ class Streamer final : public EchoStep {
 
 }  // namespace
 
-// The process ends as it is: what it cost is read by its parent.
 void driveEcho(const std::string& address, const EchoLoad& load, Lane& lane) {
     const auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
     if (!channel->WaitForConnected(std::chrono::system_clock::now() + std::chrono::seconds(10))) {
@@ -138,6 +137,7 @@ void driveEcho(const std::string& address, const EchoLoad& load, Lane& lane) {
     }
     const auto stub = echo::Echo::NewStub(channel);
     grpc::CompletionQueue queue;
+    const ProcessCounts before = ProcessCounts::ofSelf();
     Run run{*stub, queue, lane, Clock::now() + load.time};
     std::unique_ptr<Streamer> streamer;
     std::deque<UnaryCaller> callers;
@@ -148,6 +148,7 @@ void driveEcho(const std::string& address, const EchoLoad& load, Lane& lane) {
     }
     while (run.inFlight > 0 && runNextStep(queue)) {
     }
+    lane.counts = ProcessCounts::ofSelf() - before;
     ::_exit(0);
 }
 

@@ -36,6 +36,12 @@ uint64_t Lanes::requests() const {
     return sum;
 }
 
+ProcessCounts Lanes::counts() const {
+    ProcessCounts sum;
+    for (int i = 0; i < m_clients; ++i) sum += m_lanes[i].counts;
+    return sum;
+}
+
 ExchangeResult Lanes::over(std::chrono::milliseconds time) const {
     return {static_cast<double>(requests()) / std::chrono::duration<double>(time).count(),
             m_lanes[0].medianMicros()};

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "bench/ProcessCounts.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::bench {
@@ -22,6 +23,7 @@ struct Lane {
     double medianMicros() const;
 
     uint64_t requests;
+    ProcessCounts counts;                  // of the process for its requests, if it tells them
     std::array<uint32_t, kSamples> nanos;  // the last round trips
 };
 
@@ -33,6 +35,7 @@ class Lanes : public NonCopyable {
 
     Lane& operator[](int client) { return m_lanes[client]; }
     uint64_t requests() const;
+    ProcessCounts counts() const;
     // The rate of all, and the median of the first.
     ExchangeResult over(std::chrono::milliseconds time) const;
 

@@ -30,6 +30,12 @@ ProcessCounts ProcessCounts::ofRunning(pid_t child) {
     return ProcessCounts(usage);
 }
 
+ProcessCounts ProcessCounts::ofSelf() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return ProcessCounts(usage);
+}
+
 ProcessCounts& ProcessCounts::operator+=(const ProcessCounts& other) {
     switches += other.switches;
     cpuMicros += other.cpuMicros;

@@ -14,6 +14,8 @@ struct ProcessCounts {
     // what threads have used that are no longer listed below /proc. Not while it is measured.
     static ProcessCounts ofRunning(pid_t child);
 
+    static ProcessCounts ofSelf();
+
     ProcessCounts& operator+=(const ProcessCounts& other);
     ProcessCounts operator-(const ProcessCounts& before) const;
 

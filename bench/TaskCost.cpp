@@ -1,7 +1,6 @@
 #include "bench/TaskCost.h"
 
 #include <chrono>
-#include <cstdio>
 #include <memory>
 
 #include "bench/BareExchange.h"
@@ -11,14 +10,6 @@
 namespace kelm::bench {
 
 namespace {
-
-// Told once: it is the same for every load.
-void tellWhyNot(const SyscallCounter& counter) {
-    static bool told = false;
-    if (counter.whyNot().empty() || told) return;
-    std::fprintf(stderr, "system calls are not counted: %s\n", counter.whyNot().c_str());
-    told = true;
-}
 
 struct Totals {
     ClientRun run;
@@ -44,7 +35,6 @@ Totals runCounted(BenchService& service, const CallCountsFile& calls, double sec
     const auto clients = service.prepareClients(seconds, clientCalls.environment());
     const SyscallCounter serviceSyscalls(service.pid());
     const SyscallCounter clientSyscalls(clients->pid());
-    tellWhyNot(serviceSyscalls);
     const CallSums before = calls.sum();
     const ClientRun run = service.run(*clients);
     const CallSums after = calls.sum();

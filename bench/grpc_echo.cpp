@@ -59,19 +59,14 @@ pid_t startServer(const std::string& address) {
     return server;
 }
 
-// Of the clients, once they have all ended well.
-ProcessCounts waitForAll(const std::vector<pid_t>& clients) {
-    ProcessCounts sum;
+void waitForAll(const std::vector<pid_t>& clients) {
     bool good = true;
     for (const pid_t client : clients) {
-        rusage usage{};
         int status = 0;
-        ::wait4(client, &status, 0, &usage);
+        ::waitpid(client, &status, 0);
         good = good && status == 0;
-        sum += ProcessCounts(usage);
     }
     if (!good) throw std::runtime_error("a client failed");
-    return sum;
 }
 
 nlohmann::json measure(const Options& options) {
@@ -79,15 +74,16 @@ nlohmann::json measure(const Options& options) {
     const std::string address = "unix:" + dir.path() + "/echo.sock";
     Lanes lanes(options.clients);
     const pid_t server = startServer(address);
+    const ProcessCounts before = ProcessCounts::ofRunning(server);
     std::vector<pid_t> clients;
     for (int i = 0; i < options.clients; ++i) {
         clients.push_back(startProcess([&] { driveEcho(address, options.load, lanes[i]); }));
     }
-    const ProcessCounts client = waitForAll(clients);
+    waitForAll(clients);
+    const ProcessCounts service = ProcessCounts::ofRunning(server) - before;
     ::kill(server, SIGKILL);
-    rusage usage{};
-    ::wait4(server, nullptr, 0, &usage);
-    const ProcessCounts service{usage};
+    ::waitpid(server, nullptr, 0);
+    const ProcessCounts client = lanes.counts();
     const ExchangeResult speed = lanes.over(options.load.time);
     const auto tasks = static_cast<double>(lanes.requests());
     return {{"requests_per_second", speed.requestsPerSecond},

@@ -2,6 +2,8 @@
 // bare exchange of its records and against gRPC's echo of the same bytes, in turn and in one run.
 // bench/README.md tells what the columns and rows are.
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -16,6 +18,7 @@
 
 #include "bench/Figures.h"
 #include "bench/GrpcEcho.h"
+#include "bench/SyscallCounter.h"
 #include "bench/Table.h"
 #include "bench/TaskCost.h"
 
@@ -101,10 +104,13 @@ std::vector<Contest> contests(const Options& options) {
     return result;
 }
 
-// Ratios are taken round by round, since a busy machine slows both of their terms.
-void runRound(Contest& contest, double seconds) {
+// Every other round backwards, so that none always comes after the same one. Ratios are taken round
+// by round, since a busy machine slows both of their terms.
+void runRound(Contest& contest, int round, double seconds) {
     const Figures bare = measureBareExchange(contest.load, seconds);
-    for (Subject& subject : contest.subjects) {
+    const size_t count = contest.subjects.size();
+    for (size_t i = 0; i < count; ++i) {
+        Subject& subject = contest.subjects[round % 2 == 1 ? i : count - 1 - i];
         Figures figures = subject.measure();
         if (!bare.empty()) {
             figures["requests_to_bare"] =
@@ -174,23 +180,30 @@ void writeJson(const Options& options, const std::vector<Contest>& all) {
     if (!file) throw std::runtime_error("cannot write " + options.json);
 }
 
+void printWhatIsMissing() {
+    if (!GrpcEcho::isInstalled()) {
+        std::puts(
+            "\ngRPC is not installed (apt-get install libgrpc++-dev protobuf-compiler-grpc "
+            "libprotobuf-dev)");
+    }
+    const SyscallCounter attempt(::getpid());
+    if (attempt.whyNot().empty()) return;
+    std::printf("\nsystem calls are not counted: %s\n", attempt.whyNot().c_str());
+}
+
 void run(const Options& options) {
     std::vector<Contest> all = contests(options);
     for (int round = 1; round <= options.rounds; ++round) {
         for (Contest& contest : all) {
             std::fprintf(stderr, "round %d of %d: %s\n", round, options.rounds,
                          contest.load.name().c_str());
-            runRound(contest, options.seconds);
+            runRound(contest, round, options.seconds);
         }
     }
     std::printf("rounds: %d of %g s, medians; counts are for each task\n", options.rounds,
                 options.seconds);
     for (const Contest& contest : all) printTable(contest, !options.otherDaemon.empty());
-    if (!GrpcEcho::isInstalled()) {
-        std::puts(
-            "\ngRPC is not installed (apt-get install libgrpc++-dev protobuf-compiler-grpc "
-            "libprotobuf-dev)");
-    }
+    printWhatIsMissing();
     writeJson(options, all);
 }
 
