@@ -1,15 +1,11 @@
 #include "bench/BareExchange.h"
 
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstdlib>
 #include <deque>
 #include <stdexcept>
 #include <vector>
@@ -24,13 +20,6 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kRequest = sizeof(KelmMsgReqInferTask);
 constexpr size_t kAccept = sizeof(KelmMsgRspInferTask);
 constexpr size_t kDone = sizeof(KelmMsgEvtTaskDone);
-constexpr size_t kSamples = 1 << 16;
-
-struct Lane {
-    uint64_t requests;
-    uint64_t samples;
-    std::array<uint32_t, kSamples> nanos;  // the last round trips
-};
 
 bool readAll(int fd, char* buffer, size_t size) {
     return ::recv(fd, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
@@ -78,10 +67,8 @@ bool writeAll(int fd, const char* buffer, size_t size) {
     while (!started.empty()) {
         if (!readAll(fd, answer.data(), kAccept) || !readAll(fd, answer.data(), kDone)) ::_exit(1);
         const Clock::time_point now = Clock::now();
-        lane.nanos[lane.samples++ % kSamples] =
-            static_cast<uint32_t>((now - started.front()) / std::chrono::nanoseconds(1));
+        lane.add(now - started.front());
         started.pop_front();
-        ++lane.requests;
         if (now < end) submit();
     }
     ::_exit(0);
@@ -93,24 +80,10 @@ pid_t startProcess() {
     return pid;
 }
 
-double median(const Lane& lane) {
-    const size_t count = std::min<size_t>(lane.samples, kSamples);
-    if (count == 0) return 0.0;
-    std::vector<uint32_t> nanos(lane.nanos.begin(),
-                                lane.nanos.begin() + static_cast<std::ptrdiff_t>(count));
-    std::nth_element(nanos.begin(), nanos.begin() + static_cast<std::ptrdiff_t>(count / 2),
-                     nanos.end());
-    return nanos[count / 2] / 1000.0;
-}
-
 }  // namespace
 
 ExchangeResult runBareExchange(int clients, int depth, std::chrono::milliseconds time) {
-    const size_t bytes = sizeof(Lane) * static_cast<size_t>(clients);
-    void* memory =
-        ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::runtime_error("no memory");
-    Lane* const lanes = static_cast<Lane*>(memory);
+    Lanes lanes(clients);
     std::vector<int> serverEnds;
     std::vector<int> clientEnds;
     for (int i = 0; i < clients; ++i) {
@@ -137,14 +110,7 @@ ExchangeResult runBareExchange(int clients, int depth, std::chrono::milliseconds
     }
     for (const int fd : clientEnds) ::close(fd);
     for (const pid_t pid : children) ::waitpid(pid, nullptr, 0);
-    ExchangeResult result;
-    for (int i = 0; i < clients; ++i) {
-        result.requestsPerSecond += static_cast<double>(lanes[i].requests);
-    }
-    result.requestsPerSecond /= std::chrono::duration<double>(time).count();
-    result.medianMicros = median(lanes[0]);
-    ::munmap(memory, bytes);
-    return result;
+    return lanes.over(time);
 }
 
 }  // namespace kelm::bench

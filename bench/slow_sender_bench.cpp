@@ -29,6 +29,8 @@ struct Sender {
 constexpr Sender kSenders[] = {{"no other client", 0, milliseconds(0)},
                                {"1 byte every 100 ms", 1, milliseconds(100)},
                                {"200 MB at 20 MB/s", 200'000, milliseconds(10)}};
+constexpr kelm::bench::Load kLoad{
+    .clients = 3, .depth = 4, .cpus = kelm::bench::Cpus::kAll, .loadTensorMs = 1, .getResultMs = 1};
 constexpr int kRounds = 3;
 constexpr size_t kGraphBytes = 200'000'000;
 
@@ -40,7 +42,7 @@ double measureBeside(BenchService& service, const Sender& sender, double seconds
         // As much of it as the time allows.
         thread = std::thread([&] { slow.sendCreateGraph({std::string(kGraphBytes, 'g')}); });
     }
-    const double rate = service.measure({3, 4}, seconds).requestsPerSecond;
+    const double rate = service.measure(seconds).speed.requestsPerSecond;
     slow.interrupt();
     if (thread.joinable()) thread.join();
     return rate;
@@ -55,7 +57,7 @@ double median(std::vector<double>& values) {
 
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 12.0;
-    BenchService service(1);
+    BenchService service(kLoad);
     std::vector<double> rates[std::size(kSenders)];
     for (int round = 0; round < kRounds; ++round) {
         for (size_t i = 0; i < std::size(kSenders); ++i) {

@@ -48,8 +48,9 @@ class ServiceProcess : public NonCopyable {
 
     // `environment`, as NAME=value, counts more than what is set here.
     void start(const std::vector<std::string>& args = {},
-               const std::vector<std::string>& environment = {}) {
-        std::vector<std::string> argvText{KELM_DAEMON};
+               const std::vector<std::string>& environment = {},
+               const std::string& program = KELM_DAEMON) {
+        std::vector<std::string> argvText{program};
         argvText.insert(argvText.end(), args.begin(), args.end());
         std::vector<std::string> envText = environment;  // the first of a name counts
         envText.insert(envText.end(),
