@@ -66,6 +66,28 @@ TEST_F(LoadTest, EveryRequestIsAnsweredOnceAndTheResultOfAnAcceptedOneFollows) {
     }
 }
 
+// More graphs than devices, so that each has to be taken off a device to make room.
+TEST_F(LoadTest, GraphsLeaveAndComeUnderLoad) {
+    constexpr int kUnloads = 200;
+    start(0);
+    Load load;
+    startClients(load, 2, 0);
+    WireClient client(path(), "changing");
+    for (int i = 0; i < kUnloads; ++i) {
+        SCOPED_TRACE(i);
+        ASSERT_TRUE(client.sendCreateGraph({"changing " + std::to_string(i)}));
+        // Answers to the tasks of the graph before may still come.
+        const auto created = client.receiveType(KELM_MESSAGE_CREATE_GRAPH_RSP);
+        ASSERT_TRUE(created) << lastLines();
+        const uint64_t graph = created->as<KelmMsgRspCreateGraph>().graphId;
+        for (int task = 0; task < 3; ++task) ASSERT_TRUE(client.send(client.makeInfer(graph)));
+        ASSERT_TRUE(client.send(
+            client.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ, graph)));
+        ASSERT_TRUE(client.receiveType(KELM_MESSAGE_DESTROY_GRAPH_RSP)) << lastLines();
+    }
+    EXPECT_EQ(load.finish(), "") << lastLines();
+}
+
 TEST_F(LoadTest, VanishingClientsTakeNothingFromOthersNorFromTheStop) {
     start(0);
     const size_t descriptorsBefore = descriptors();
