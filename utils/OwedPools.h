@@ -1,5 +1,6 @@
 #pragma once
 
+#include "utils/ErrorHelper.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm {
@@ -27,8 +28,14 @@ class OwedPools {
     static void settle();
     // Wakes all of them.
     static void handOver();
-    // Whether nothing is owed: what must hold before a wait that is no CondVar's.
+    // Whether nothing is owed.
     static bool areSettled();
+    // Before a wait that is no CondVar's. Debug builds end the process on a thread that owes.
+    static void assertSettled() {
+#ifndef NDEBUG
+        CR_ASSERT(areSettled(), "a thread that waits owes a pool its turn");
+#endif
+    }
 
  private:
     friend class SerialPool;

@@ -208,11 +208,11 @@ bool SerialPool::waitForTurn() {
 void SerialPool::runOwnTurn() {
     do {
         while (!m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0) {
+            // A task that may take long comes; light ones come in batches, whose work is shared.
+            if (m_weight == HEAVY || isNextForOwnThread()) OwedPools::settle();
             InlineTask task = takeNext();
             task.runLogged(m_name);
             task.reset();  // what it captured must not live until the next task comes
-            // The next heavy task may take long; light ones come in batches, whose work is shared.
-            if (m_weight == HEAVY) OwedPools::settle();
         }
         OwedPools::settle();
     } while (refill());

@@ -8,6 +8,7 @@
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
+#include "utils/OwedPools.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
@@ -93,6 +94,7 @@ void KelmDeviceBase::abandonResult(KelmTask*) {}
 void KelmDeviceBase::forgetGraphs() {}
 
 int KelmDeviceBase::openDevice() {
+    OwedPools::assertSettled();
     MutexLock lock(m_deviceMutex);
     if (m_opened) return KELM_ERROR_DEVICE_ALREADY_OPEN;
     return openDevice(m_name.c_str());
@@ -105,12 +107,14 @@ void KelmDeviceBase::closeDevice() {
 }
 
 int KelmDeviceBase::resetDevice() {
+    OwedPools::assertSettled();
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return KELM_ERROR_INVALID_DEVICE;
     return hardwareResetDeviceCore();
 }
 
 int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
+    OwedPools::assertSettled();
     // Before the mutex, which a load that never returns may hold: a failed device answers at once.
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     MutexLock lock(m_deviceMutex);
@@ -134,6 +138,7 @@ int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
 }
 
 int KelmDeviceBase::deallocateGraph(KelmGraph* graph, bool keepCached) {
+    OwedPools::assertSettled();
     if (graph == nullptr) return KELM_ERROR_INVALID_PARAM;
     MutexLock lock(m_deviceMutex);
     const uint64_t trace =
@@ -157,6 +162,7 @@ void KelmDeviceBase::forgetGraph(KelmGraph* graph) {
 // Without m_deviceMutex, so that inputs and results overlap. The graph cannot leave meanwhile: a
 // slave worker takes it off only when none of its tasks is on the device.
 int KelmDeviceBase::loadTensor(KelmTask* task) {
+    OwedPools::assertSettled();
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
     if (isTracerOn()) {
@@ -171,6 +177,7 @@ int KelmDeviceBase::loadTensor(KelmTask* task) {
 }
 
 int KelmDeviceBase::getResult(KelmTask* task) {
+    OwedPools::assertSettled();
     if (isFailed()) return KELM_ERROR_DEVICE_FAILED;
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
     const int rc = getResultImpl(task);

@@ -67,6 +67,7 @@ void ResetQueue::runNext() {
         m_started = Clock::now();
     }
     // `m_posted` stays true meanwhile: a request that comes now waits, and posts no second job.
+    OwedPools::settle();
     const int result = m_reset();
     {
         MutexLock lock(m_mutex);

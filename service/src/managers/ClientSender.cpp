@@ -56,6 +56,7 @@ void ClientSender::flush() {
     m_onThread.assertHeld();
     if (m_gathered.empty()) return;
     if (SerialPool::isHelping()) return flushAtOnce();
+    OwedPools::settle();  // the peer may let the write wait
     if (isOpen() && m_writer.flush() != 0) fail();
     settle();
 }

@@ -189,10 +189,11 @@ void MessageDispatcher::listenThreadRoutine() {
         event.clear();
         try {
             // No message may end the thread, which would leave all clients without service.
-            if (visit % kReadAhead == 0 || !poller->hasBuffered()) OwedPools::settle();
+            const bool readsAhead = visit % kReadAhead != 0 && poller->hasBuffered();
+            if (!readsAhead) OwedPools::settle();
             const bool isTimed = m_acceptAgain || !m_leaving.empty();
             const int millisec = isTimed ? kTimerMillisec : kIdleMillisec;
-            if (poller->wait(&event, millisec)) handleEvents(event);
+            if (poller->wait(&event, readsAhead ? 0 : millisec)) handleEvents(event);
             handleTimers();
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the listen thread goes on after: %s", error.what());

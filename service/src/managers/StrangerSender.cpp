@@ -69,6 +69,7 @@ bool StrangerSender::writeInTime(IPC::ConnectionBase& connection, const KelmMsgB
     // By trying: a wait for the mutex would have no limit.
     while (!mutex.tryLock()) {  // the peer has registered meanwhile, and its ClientSender writes
         if (!goOn()) return false;
+        OwedPools::settle();
         std::this_thread::sleep_for(kTurnPause);
     }
     MutexLock lock(mutex, std::adopt_lock);

@@ -10,6 +10,7 @@
 #include "utils/ConnectionBase.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
+#include "utils/OwedPools.h"
 #include "utils/Poller.h"
 
 namespace IPC {
@@ -156,6 +157,7 @@ bool Poller::wait(PollEvent* pevt, int timeoutMillisec) {
 }
 
 bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
+    if (timeoutMillisec != 0) kelm::OwedPools::assertSettled();
     epoll_event found = {};
     const int count = ::epoll_wait(m_epollFd.get(), &found, 1, timeoutMillisec);
     if (count == 0 || (count < 0 && errno == EINTR)) return false;
