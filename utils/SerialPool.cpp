@@ -240,6 +240,7 @@ void SerialPool::handBack() {
 
 bool SerialPool::refill() {
     if (!m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0) return true;
+    m_batch.shrinkIfEmpty(kSlotsToKeep);
     uint32_t turn = m_turn.load();
     const uint32_t watched = kStopped | kIdleWaited;
     while (queuedOf(turn) == 0 && (turn & watched) == 0) {
@@ -247,7 +248,6 @@ bool SerialPool::refill() {
     }
     if (queuedOf(turn) == 0 && endTurn()) return false;
     MutexLock lock(m_mutex);
-    m_batch.shrinkIfEmpty(kSlotsToKeep);
     m_batch.swap(m_queue);
     m_batchSize.store(m_batch.size());
     m_turn.fetch_sub(m_batch.size() * kOneQueued);
