@@ -26,7 +26,7 @@ class TopViewTest : public ::testing::Test {
                                       "\xe6\xbc\xa2" + std::string(500, 'g'), -1e30f, UINT32_MAX,
                                       0});
             status.graphs.push_back({std::string(512, static_cast<char>(128 + i)), 0.1f, 1e6f});
-            status.clients.push_back({"\xe2\x80\xae" + number, 5.0f});
+            status.clients.push_back({"\xe2\x80\xae" + number, 9e21f});
         }
         client::Snapshot snapshot;
         snapshot.devices.push_back({UINT32_MAX, 0.0f, INT32_MAX, {{"", "", UINT64_MAX, 0.0f}}, {}});
@@ -64,7 +64,7 @@ TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {
     fillHostile();
     const std::string text = draw();
     for (const char* words : {"device??[2J0", "DEVICES\u25b2 1-6/64", "CLIENTS 1-5/64", "q quit",
-                              "L2147.5M"}) {  // a number is never cut
+                              "L2147.5M", "9000.0E"}) {  // a number is never cut
         EXPECT_THAT(text, HasSubstr(words));
     }
     for (const bool utf8 : {true, false}) {

@@ -154,6 +154,7 @@ TEST_F(TraceTest, RowsOfOneFileAloneAreDrawnToo) {
     const Span twice{5, 6, "twice", 8};
     EXPECT_THAT(spans(), ElementsAre(Span{1, 2, "both", 8}, frame, frame, Span{3, 4, "task_1", 8},
                                      twice, twice));
+    EXPECT_EQ(m_lanes, 4U);  // the thread's own track, one for the task and one for each frame
 }
 
 TEST_F(TraceTest, BrokenLinesAreToldAndLeftOut) {

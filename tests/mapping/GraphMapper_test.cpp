@@ -403,6 +403,7 @@ TEST(MappingCycle, ReadyGraphsGetTheDevicesThatRunningOnesLeave) {
     } rows[] = {
         {"what does not divide goes to the first", 3, "RR", 1.0f, {{0}, {0}, {1}}},
         {"more graphs than devices", 2, "RRR", 1.0f, {{0, 2}, {1}}},
+        {"more of them behind a running one", 2, "-RR", 1.0f, {{0}, {1, 2}}},
         {"the running take what they need", 4, "-R", 1.0f, {{0}, {1}, {1}, {1}}},
         {"and a device for what is begun", 4, "-R", 1.4f, {{0}, {0}, {1}, {1}}},
         {"one of the running is too many", 2, "---R", 1.0f, {{1, 2}, {3}}},

@@ -6,6 +6,7 @@
 #include "fakes/Eventually.h"
 #include "fakes/TempDir.h"
 #include "utils/RunPaths.h"
+#include "utils/platform/linux/SubProcess.h"
 
 namespace kelm {
 namespace {
@@ -55,8 +56,16 @@ TEST_F(ServiceDaemonHelperTest, LocksTellThePhase) {
     helper->daemonStop();
     EXPECT_FALSE(isFree(RunPaths::readyMutex()));
     EXPECT_FALSE(ServiceDaemonHelper().isLocked());
+    EXPECT_TRUE(helper->daemonReadyToStop(1000));
+    SubProcess tool({"/bin/sleep", "60"});  // like the boot tool it outlives the service
+    EXPECT_TRUE(tool.execute(false));
     helper.reset();
-    EXPECT_TRUE(ServiceDaemonHelper().isLocked());  // the files stay and block nothing
+    // The files stay and block nothing.
+    for (const std::string& path :
+         {RunPaths::aliveMutex(), RunPaths::readyMutex(), RunPaths::startExitMutex()}) {
+        EXPECT_TRUE(eventually([&] { return isFree(path); })) << path;
+    }
+    EXPECT_TRUE(ServiceDaemonHelper().isLocked());
     EXPECT_EQ(std::filesystem::status(RunPaths::aliveMutex()).permissions(),
               std::filesystem::perms{0660});
 }

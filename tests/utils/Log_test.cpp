@@ -46,7 +46,7 @@ TEST(StringHelperTest, ValuesPrintAsTheirDirectivesSayAndBadFormatsNeverThrow) {
 
 TEST(TextHelperTest, TextsAreShortenedInTheMiddleAndNeverCutByAlignment) {
     EXPECT_EQ(shortenText("abcdefghijklmnopqrst", 17), "abcdefg...nopqrst");
-    EXPECT_EQ(shortenText("abcdefgh", 5), "abcde");
+    EXPECT_EQ(shortenText("abcdefgh", 7), "abcdefg");
     EXPECT_EQ(shortenText("short", 17), "short");
     EXPECT_EQ(toLower("A\u00c9Zaz@["), "a\u00c9zaz@[");
     EXPECT_EQ(Utf8::head("a\u00e9\u20ac", 3), "a\u00e9");
