@@ -20,7 +20,7 @@ constexpr bool kKeepBlocks = false;
 constexpr bool kKeepBlocks = true;
 #endif
 
-constexpr size_t kMostLocal = 16;
+constexpr size_t kMostLocal = 8;
 constexpr size_t kMoved = kMostLocal / 2;
 
 }  // namespace

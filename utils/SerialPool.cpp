@@ -113,10 +113,9 @@ bool SerialPool::insertInTurn(Slot& slot, bool limited) {
         if (!OwedPools::canOwe() || !m_turn.compare_exchange_strong(turn, turn | OWED))
             return false;
         OwedPools::add(*this);
-    } else if (!hasTurn()) {
-        return false;
-    } else if (limited && t_current.pool != this && m_batchSize.load() >= m_maxQueueSize) {
-        return false;
+    } else {
+        const bool isHeld = limited && t_current.pool != this;
+        if (!hasTurn() || (isHeld && m_batchSize.load() >= m_maxQueueSize)) return false;
     }
     m_batch.pushBack(std::move(slot));
     m_batchSize.fetch_add(1);
