@@ -336,6 +336,45 @@ TEST_F(MessageWriterTest, RecordsOfSeveralWritersStayWhole) {
     }
 }
 
+TEST_F(MessageWriterTest, WriterThatMustNotWaitKeepsWhatFindsNoRoom) {
+    MessageWriter writer(connection->getSimulateFD());
+    std::vector<uint64_t> sent;
+    const auto gather = [&](size_t count) {
+        for (; count > 0; --count) {
+            sent.push_back(sent.size());
+            ASSERT_EQ(0, writer.append(makeAnswer(sent.back()).get(), false));
+        }
+    };
+    const auto receiveAll = [&] {
+        auto flushed = startCalling([&] { return writer.flush(); });
+        EXPECT_EQ(receiveNumbers(sent.size()), sent);
+        EXPECT_EQ(flushed.get(), 0);
+        sent.clear();
+    };
+    do gather(10);
+    while (writer.tryFlush() == MessageWriter::DONE && sent.size() < 100000);
+    EXPECT_FALSE(writer.empty());
+    EXPECT_EQ(writer.tryFlush(), MessageWriter::WOULD_WAIT);
+    receiveAll();
+    gather(1);
+    {
+        const MutexLock other(connection->writeMutex());
+        EXPECT_EQ(writer.tryFlush(), MessageWriter::WOULD_WAIT);
+    }
+    gather(40);  // more than the kernel would surely take whole
+    EXPECT_EQ(writer.tryFlush(), MessageWriter::WOULD_WAIT);
+    EXPECT_EQ(0, peer.pending());
+    receiveAll();
+    gather(1);
+    EXPECT_EQ(writer.tryFlush(), MessageWriter::DONE);
+    EXPECT_TRUE(writer.empty());
+    receiveAll();
+    gather(1);
+    peer.hangUp();
+    EXPECT_EQ(writer.tryFlush(), MessageWriter::FAILED);
+    EXPECT_TRUE(writer.empty());
+}
+
 TEST_F(MessageWriterTest, FailedWriteDropsAndKeepsTheNumber) {
     MessageWriter writer(connection->getSimulateFD());
     const int number = connection->getSimulateFD();

@@ -41,7 +41,7 @@ using std::chrono::steady_clock;
 constexpr int kTimerMillisec = 100;
 constexpr int kIdleMillisec = 10000;
 // Requests that are read out of buffers before what they have begun goes on.
-constexpr int kReadAhead = 8;
+constexpr int kReadAhead = 16;
 // After an accept that failed, or for which a place was made: the listening socket stays readable,
 // and would be polled in a loop.
 constexpr milliseconds kAcceptPause{100};
