@@ -105,6 +105,20 @@ TEST(ClientSenderTest, MessageBehindTheEndIsDroppedWhole) {
     EXPECT_EQ(peer.pending(), static_cast<int>(event->size));
 }
 
+TEST(ClientSenderTest, FullListHoldsUpAPosterThatMayWait) {
+    SocketChannel channel;
+    RawPeer peer{channel.path};
+    const auto connection = channel.accept();
+    const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+    ClientSender sender(7, connection->getSimulateFD(), true);
+    const auto post = [&] { sender.post(report->size, false, [&] { sender.write(*report); }); };
+    while (!sender.getBacklog()->isFull()) post();
+    auto held = startCalling(post);
+    EXPECT_EQ(held.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    peer.hangUp();
+    EXPECT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
 TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
     constexpr uint64_t kReport = 54120;
     Backlog backlog(200);

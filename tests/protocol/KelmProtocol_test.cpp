@@ -351,10 +351,13 @@ TEST_F(MessageWriterTest, WriterThatMustNotWaitKeepsWhatFindsNoRoom) {
         EXPECT_EQ(flushed.get(), 0);
         sent.clear();
     };
-    do gather(10);
-    while (writer.tryFlush() == MessageWriter::DONE && sent.size() < 100000);
-    EXPECT_FALSE(writer.empty());
-    EXPECT_EQ(writer.tryFlush(), MessageWriter::WOULD_WAIT);
+    MessageWriter::Result result = MessageWriter::DONE;
+    while (result == MessageWriter::DONE && sent.size() < 100000) {
+        gather(10);
+        result = writer.tryFlush();
+        ASSERT_EQ(writer.empty(), result == MessageWriter::DONE);
+    }
+    EXPECT_EQ(result, MessageWriter::WOULD_WAIT);
     receiveAll();
     gather(1);
     {
