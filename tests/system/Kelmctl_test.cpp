@@ -64,6 +64,7 @@ class KelmctlTest : public SystemFixture {
     // Whatever a command has done, it has left in order.
     void TearDown() override {
         SystemFixture::TearDown();
+        if (m_hangs) return;
         EXPECT_THAT(service().log(), Not(HasSubstr("ERROR[")));
     }
 
@@ -82,7 +83,48 @@ class KelmctlTest : public SystemFixture {
         return text.str();
     }
 
+    std::string graph() const { return service().files().write("graph", "a graph"); }
+    std::string bench() const {
+        return "bench --clients 2 --depth 1 --seconds 1000 --graph " + graph();
+    }
+    std::string infer() const {
+        return "infer --graph " + graph() + " --input " + graph() + " --output " + service().dir() +
+               "/result";
+    }
+
+    struct Ended {
+        std::string arguments;
+        size_t segments;
+        int signal;
+        int status;
+        std::string words;
+    };
+    void endBySignal(const Ended& row) {
+        SCOPED_TRACE(row.arguments + ::strsignal(row.signal));
+        service().useRunDir();
+        const std::string output = service().dir() + "/output";
+        CommandProcess command(row.arguments, output);
+        EXPECT_TRUE(eventually([&] { return command.segments().size() == row.segments; }));
+        if (row.words == "fairness") {  // there must be something to report
+            EXPECT_TRUE(eventually([&] { return readPackage()->clients[0].inferenceTimes > 0; }));
+        }
+        const auto segments = command.segments();
+        const auto processes = command.processes();
+        if (m_hangs) service().signal(SIGSTOP);
+        command.signal(row.signal);
+        EXPECT_EQ(command.wait(), row.status);
+        service().signal(SIGCONT);
+        EXPECT_THAT(read(output), HasSubstr(row.words));
+        for (const std::string& process : processes) {
+            // One that nobody waits for has no command line any more.
+            EXPECT_TRUE(eventually([&] { return read("/proc/" + process + "/cmdline").empty(); }));
+        }
+        for (const std::string& file : segments) EXPECT_FALSE(std::filesystem::exists(file));
+        EXPECT_TRUE(eventually([&] { return readPackage()->clientCount == 0; }));
+    }
+
     std::string m_output;
+    bool m_hangs = false;  // the service, which then finds clients vanished
 };
 
 TEST_F(KelmctlTest, InferenceWritesItsOutputOrTellsItsFailure) {
@@ -111,42 +153,18 @@ TEST_F(KelmctlTest, InferenceWritesItsOutputOrTellsItsFailure) {
 }
 
 TEST_F(KelmctlTest, SignalEndsACommandAndNothingStaysBehind) {
-    start(1000);
-    service().useRunDir();
-    const std::string graph = service().files().write("graph", "a graph");
-    const std::string output = service().dir() + "/output";
-    const std::string bench = "bench --clients 2 --depth 1 --seconds 1000 --graph " + graph;
-    const std::string infer =
-        "infer --graph " + graph + " --input " + graph + " --output " + output;
-    const struct {
-        std::string arguments;
-        size_t segments;
-        int signal;
-        int status;
-        const char* words;
-    } rows[] = {{bench, 4, SIGINT, 128 + SIGINT, "fairness"},
-                {bench, 4, SIGTERM, 128 + SIGTERM, ""},
-                {bench, 4, SIGKILL, -SIGKILL, ""},
-                {infer, 2, SIGINT, 128 + SIGINT, "interrupted"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.arguments + strsignal(row.signal));
-        CommandProcess command(row.arguments, output);
-        EXPECT_TRUE(eventually([&] { return command.segments().size() == row.segments; }));
-        if (row.words == std::string("fairness")) {  // there must be something to report
-            EXPECT_TRUE(eventually([&] { return readPackage()->clients[0].inferenceTimes > 0; }));
-        }
-        const auto segments = command.segments();
-        const auto processes = command.processes();
-        command.signal(row.signal);
-        EXPECT_EQ(command.wait(), row.status);
-        EXPECT_THAT(read(output), HasSubstr(row.words));
-        for (const std::string& process : processes) {
-            // One that nobody waits for has no command line any more.
-            EXPECT_TRUE(eventually([&] { return read("/proc/" + process + "/cmdline").empty(); }));
-        }
-        for (const std::string& file : segments) EXPECT_FALSE(std::filesystem::exists(file));
-        EXPECT_TRUE(eventually([&] { return readPackage()->clientCount == 0; }));
-    }
+    start(500);
+    endBySignal({bench(), 4, SIGINT, 128 + SIGINT, "fairness"});
+    endBySignal({bench(), 4, SIGTERM, 128 + SIGTERM, ""});
+    endBySignal({bench(), 4, SIGKILL, -SIGKILL, ""});
+    endBySignal({infer(), 2, SIGTERM, 128 + SIGTERM, "interrupted"});
+}
+
+TEST_F(KelmctlTest, ServiceThatHangsHoldsNoCommand) {
+    m_hangs = true;
+    start(500);
+    endBySignal({infer(), 2, SIGINT, 128 + SIGINT, "interrupted"});
+    endBySignal({bench(), 4, SIGHUP, 128 + SIGHUP, ""});
 }
 
 TEST_F(KelmctlTest, MistakesInTheArgumentsAreOneLineAndStatus2) {
