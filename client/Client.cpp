@@ -22,6 +22,7 @@ namespace {
 
 constexpr uint16_t kApiMajorVersion = 2;
 constexpr uint16_t kApiMinorVersion = 0;
+constexpr Deadline kLeaveDeadline{1000};
 
 // Zeroed: fields that a caller does not set must be 0 on the wire.
 template <class Request>
@@ -72,7 +73,10 @@ KelmMsgReqCreateGraph makeCreateGraph(uint64_t clientId, const GraphOptions& opt
 }  // namespace
 
 Client::Client(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
-Client::~Client() = default;
+// A service that is only hung up on takes that for a client's failure.
+Client::~Client() {
+    if (isConnected() && clientId() != 0) (void)unregister(kLeaveDeadline);
+}
 
 Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath, Deadline deadline) {
     // The library is a guest: it writes nothing to its host's output.
@@ -109,6 +113,7 @@ Error Client::registerClient(const std::string& name, Deadline deadline) {
 Error Client::unregister(Deadline deadline) {
     auto request = makeRequest<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ, clientId());
     const Result<MessagePtr> answer = m_impl->call(request.head, "unregister", deadline);
+    if (answer) m_impl->setClientId(0);
     return answer ? Error() : answer.error();
 }
 

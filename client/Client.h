@@ -83,7 +83,7 @@ class Client {
     // An empty path means the service's usual socket, or the one under KELM_RUN_DIR.
     static Result<std::unique_ptr<Client>> connect(const std::string& socketPath = {},
                                                    Deadline deadline = kDefaultDeadline);
-    ~Client();  // ends pending calls, closes the connection
+    ~Client();  // unregisters, for a second at most; ends pending calls, closes the connection
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 

@@ -27,6 +27,8 @@ TEST_F(TopTest, TerminalIsLeftAsItWasThoughTheServiceWasAway) {
         EXPECT_EQ(top.wait(), *key != '\0' ? 0 : 128 + SIGTERM);
         EXPECT_TRUE(top.hasModesOfBefore());
     }
+    endService();
+    EXPECT_THAT(service().log(), ::testing::Not(::testing::HasSubstr("ERROR[")));  // it has left
 }
 
 }  // namespace

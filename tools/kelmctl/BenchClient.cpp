@@ -23,15 +23,19 @@ uint64_t nanosSince(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 // The lane is this process's alone; the parent only reads it.
-BenchClient::BenchClient(const BenchOptions& options, int index, BenchRegion& region)
+BenchClient::BenchClient(const BenchOptions& options, const std::vector<GraphFile>& files,
+                         int index, BenchRegion& region)
     : m_options(options),
+      m_files(files),
       m_index(index),
       m_region(region),
       m_lane(region.lanes[static_cast<size_t>(index)]) {}
 
 // Graphs are loaded before the start sign, so that all clients measure the same time.
 int BenchClient::run() {
-    if (const client::Error error = setUp()) return fail(error);
+    if (const client::Error error = setUp()) {
+        return m_interruption.signal() != 0 ? interrupt() : fail(error);
+    }
     m_lane.stage = BenchStage::kReady;
     waitForGo();
     m_lane.stage = BenchStage::kRunning;
@@ -43,8 +47,8 @@ int BenchClient::run() {
         MutexLock lock(m_mutex);
         return m_lost;
     }();
+    if (m_interruption.signal() != 0) return interrupt();
     if (lost) return fail(client::Error::connectionLost());
-    (void)m_client->unregister();  // the counts are complete; a service that leaves is no failure
     m_lane.stage = BenchStage::kDone;
     return 0;
 }
@@ -56,20 +60,24 @@ int BenchClient::fail(const client::Error& error) {
     return 1;
 }
 
+int BenchClient::interrupt() {
+    m_lane.stage = BenchStage::kInterrupted;
+    return 1;
+}
+
 client::Error BenchClient::setUp() {
     auto connected = client::Client::connect();
     if (!connected) return connected.error();
     m_client = std::move(connected.value());
     const std::string name = "bench-" + std::to_string(m_index);
     if (client::Error error = m_client->registerClient(name)) return error;
+    m_interruption.setService(m_client);  // a graph may wait for a device for ever
     const std::vector<int> weights = parseWeights(m_options, m_index);
     MutexLock lock(m_mutex);
     for (size_t i = 0; i < m_options.graphs.size(); ++i) {
         // Not even loaded: it would take devices from the graphs that are measured.
         if (weights[i] == 0) continue;
-        client::GraphOptions graphOptions;
-        graphOptions.name = m_options.graphs[i];
-        auto graph = m_client->createGraphFromFile(m_options.graphs[i], graphOptions);
+        auto graph = m_files[i].create(*m_client, {});
         if (!graph) return graph.error();
         Source source;
         source.graph = graph.value();
@@ -79,18 +87,19 @@ client::Error BenchClient::setUp() {
         source.weight = weights[i];
         m_sources.push_back(std::move(source));
     }
+    m_interruption.setService(nullptr);  // from here on a signal lets what is in flight end
     return {};
 }
 
 void BenchClient::waitForGo() const {
-    const pid_t parent = ::getppid();
-    // A parent that has died never gives the start sign.
-    while (!m_region.go && ::getppid() == parent) std::this_thread::sleep_for(kPoll);
+    // A parent that dies gives no sign, but its death is a signal.
+    while (!m_region.go && m_interruption.signal() == 0) std::this_thread::sleep_for(kPoll);
 }
 
 // Without a count the parent's sign ends the run.
 bool BenchClient::mayStartUnsafe() const {
     if (m_lost || m_region.stop.load(std::memory_order_relaxed)) return false;
+    if (m_interruption.signal() != 0) return false;
     return m_options.count == 0 || m_started < m_options.count;
 }
 
@@ -142,7 +151,7 @@ void BenchClient::submit() {
         {}, kInferDeadline);
 }
 
-void BenchClient::finish(Source& source, const client::InferResult& result) {
+void BenchClient::count(const Source& source, const client::InferResult& result) {
     BenchCell& cell = m_lane.cells[source.cell];
     cell.requests.store(cell.requests.load(std::memory_order_relaxed) + 1,
                         std::memory_order_relaxed);
@@ -156,11 +165,16 @@ void BenchClient::finish(Source& source, const client::InferResult& result) {
         cell.result.add(static_cast<uint64_t>(result.resultLatency.count()));
         if (m_lane.firstResultNanos == 0) m_lane.firstResultNanos = nanosSince(m_start);
     }
+}
+
+void BenchClient::finish(Source& source, const client::InferResult& result) {
+    using client::ErrorKind;
+    const ErrorKind kind = result.error.kind();
+    // What is given up after a signal is no error of the service.
+    if (kind != ErrorKind::kConnectionLost || !m_interruption.isOverdue()) count(source, result);
     {
         MutexLock lock(m_mutex);
         --m_inFlight;
-        using client::ErrorKind;
-        const ErrorKind kind = result.error.kind();
         if (kind == ErrorKind::kConnectionLost || kind == ErrorKind::kSystem) m_lost = true;
     }
     submit();
@@ -169,7 +183,7 @@ void BenchClient::finish(Source& source, const client::InferResult& result) {
 // With a limit for each wait: the parent's sign to stop wakes no condition of this process.
 void BenchClient::waitUntilDone() {
     MutexLock lock(m_mutex);
-    while (m_inFlight > 0 || mayStartUnsafe()) {
+    while ((m_inFlight > 0 && !m_interruption.isOverdue()) || mayStartUnsafe()) {
         (void)m_idle.waitFor(m_mutex, std::chrono::milliseconds(100));
     }
 }

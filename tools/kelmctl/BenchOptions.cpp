@@ -5,6 +5,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tools/kelmctl/UsageError.h"
+
 namespace kelm::ctl {
 
 namespace {
@@ -19,7 +21,7 @@ int parseWeight(const std::string& text) {
         used = 0;
     }
     if (used != text.size() || text.empty() || value < 0 || value > 1000) {
-        throw std::invalid_argument("a weight is a number from 0 to 1000, not '" + text + "'");
+        throw UsageError("a weight is a number from 0 to 1000, not '" + text + "'");
     }
     return value;
 }
@@ -34,12 +36,12 @@ std::vector<int> parseWeights(const BenchOptions& options, int client) {
     std::vector<int> given;
     for (std::string part; std::getline(list, part, ',');) given.push_back(parseWeight(part));
     if (given.size() != weights.size()) {
-        throw std::invalid_argument("weights need one number for each graph: '" +
-                                    options.weights[index] + "'");
+        throw UsageError("weights need one number for each graph: '" + options.weights[index] +
+                         "'");
     }
     // A client without any graph would have nothing to submit.
     if (std::accumulate(given.begin(), given.end(), 0) == 0) {
-        throw std::invalid_argument("at least one weight must be above 0");
+        throw UsageError("at least one weight must be above 0");
     }
     return given;
 }

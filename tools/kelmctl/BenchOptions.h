@@ -13,6 +13,7 @@ struct BenchOptions {
     double seconds = 10.0;  // ends the run when no count is given
     uint64_t count = 0;     // inferences per client; 0 means by time
     std::vector<std::string> graphs;
+    bool graphByPath = false;  // the service opens the graphs' files itself
     // Shares of the graphs, "3,1", one entry per client; the last one serves the rest.
     std::vector<std::string> weights;
     std::string jsonFile;
@@ -21,8 +22,7 @@ struct BenchOptions {
 constexpr int kMaxBenchClients = 512;
 constexpr int kMaxBenchGraphs = 16;
 
-// The shares of the graphs for one client; equal without an entry. Throws std::invalid_argument
-// with a text for the user.
+// The shares of the graphs for one client; equal without an entry. Throws UsageError.
 std::vector<int> parseWeights(const BenchOptions& options, int client);
 
 }  // namespace kelm::ctl

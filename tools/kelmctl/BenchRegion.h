@@ -23,7 +23,7 @@ struct BenchCell {
     std::array<ErrorCount, 8> errors{};  // the last one takes all further codes
 };
 
-enum class BenchStage : int { kStarting, kReady, kRunning, kDone, kFailed };
+enum class BenchStage : int { kStarting, kReady, kRunning, kDone, kFailed, kInterrupted };
 
 // One client process's part of the memory that it shares with the parent.
 struct BenchLane {

@@ -5,21 +5,23 @@
 #include <algorithm>
 #include <fstream>
 #include <iostream>
-#include <iterator>
+#include <memory>
+#include <span>
 #include <stdexcept>
 #include <vector>
 
 #include "client/Client.h"
+#include "tools/kelmctl/FileBytes.h"
+#include "tools/kelmctl/GraphFile.h"
+#include "tools/kelmctl/Interruption.h"
+#include "tools/kelmctl/UsageError.h"
 
 namespace kelm::ctl {
 
 namespace {
 
-std::vector<char> readAll(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw std::runtime_error("cannot read " + path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+constexpr double kLeastTimeout = 0.001;
+constexpr double kMostTimeout = 86400.0;
 
 void writeAll(const std::string& path, std::span<const std::byte> bytes) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
@@ -28,43 +30,61 @@ void writeAll(const std::string& path, std::span<const std::byte> bytes) {
     if (!file.flush()) throw std::runtime_error("cannot write " + path);
 }
 
-}  // namespace
-
-int runInfer(const InferOptions& options) {
-    const client::Deadline deadline(static_cast<int64_t>(options.timeout * 1000.0));
-    const std::vector<char> input = readAll(options.input);
-    const auto service = take(client::Client::connect());
-    require(service->registerClient("kelmctl", deadline));
-    client::GraphOptions graphOptions;
-    graphOptions.name = options.graph;
-    graphOptions.tag = options.tag;
-    graphOptions.streamId = options.streamId;
-    graphOptions.subclass = options.subclass;
-    const client::Graph graph =
-        take(service->createGraphFromFile(options.graph, graphOptions, deadline));
-    if (input.size() > graph.inputSize) {
-        throw std::runtime_error(fmt::format("the graph takes {} bytes of input, the file has {}",
-                                             graph.inputSize, input.size()));
-    }
+// The shared memory lives no longer than this call, so that nothing which may block afterwards
+// leaves it behind.
+void runTask(client::Client& service, const client::Graph& graph, std::span<const std::byte> input,
+             const InferOptions& options, client::Deadline deadline, Interruption& interruption) {
     client::TensorPool tensors(graph.inputSize, graph.outputSize);
     const auto slot = take(tensors.acquire());
     // A shorter file leaves the rest of the input zero.
-    std::transform(input.begin(), input.end(), slot->input().begin(),
-                   [](char byte) { return static_cast<std::byte>(byte); });
+    std::copy(input.begin(), input.end(), slot->input().begin());
     client::InferRequest request;
     request.graphId = graph.id;
     request.input = slot->inputTensor();
     request.output = slot->outputTensor();
-    const client::InferResult result = service->infer(request, deadline);
+    std::future<client::InferResult> future = service.inferAsync(request, deadline);
+    if (!interruption.waitFor(future))
+        throw std::runtime_error("the service does not end the task");
+    const client::InferResult result = future.get();
     require(result.error);
-    // Before the graph is destroyed: the result is safe even if one of the steps below fails.
     writeAll(options.output, slot->output());
     std::cout << "task " << result.taskId << ": "
               << std::chrono::duration<double, std::milli>(result.resultLatency).count() << " ms, "
               << slot->output().size() << " bytes written to " << options.output << "\n";
+}
+
+void infer(const InferOptions& options, Interruption& interruption) {
+    const client::Deadline deadline(static_cast<int64_t>(options.timeout * 1000.0));
+    const std::vector<std::byte> input = readFileBytes(options.input);
+    const GraphFile file(options.graph, options.graphByPath);
+    const std::shared_ptr<client::Client> service = take(client::Client::connect());
+    require(service->registerClient("kelmctl", deadline));
+    interruption.setService(service);
+    client::GraphOptions graphOptions;
+    graphOptions.tag = options.tag;
+    graphOptions.streamId = options.streamId;
+    graphOptions.subclass = options.subclass;
+    const client::Graph graph = take(file.create(*service, graphOptions, deadline));
+    if (input.size() > graph.inputSize) {
+        throw std::runtime_error(fmt::format("the graph takes {} bytes of input, the file has {}",
+                                             graph.inputSize, input.size()));
+    }
+    runTask(*service, graph, input, options, deadline, interruption);
     require(service->destroyGraph(graph.id, deadline));
     require(service->unregister(deadline));
-    return 0;
+}
+
+}  // namespace
+
+int runInfer(const InferOptions& options) {
+    if (!(options.timeout >= kLeastTimeout && options.timeout <= kMostTimeout)) {
+        throw UsageError("a time-out is 0.001 to 86400 seconds");
+    }
+    Interruption interruption;
+    return interruption.run([&] {
+        infer(options, interruption);
+        return 0;
+    });
 }
 
 }  // namespace kelm::ctl

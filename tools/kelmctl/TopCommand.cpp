@@ -1,48 +1,22 @@
 #include "tools/kelmctl/TopCommand.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <optional>
-#include <stdexcept>
 
 #include "tools/kelmctl/SafeText.h"
+#include "tools/kelmctl/SignalQueue.h"
 #include "tools/kelmctl/TopFeed.h"
 #include "tools/kelmctl/TopScreen.h"
 #include "tools/kelmctl/TopView.h"
-#include "utils/UniqueFd.h"
 
 namespace kelm::ctl {
 
 namespace {
 
 constexpr int kTickMillis = 1000;  // for the clock on the screen
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH};
-
-// The signals as a descriptor. Made before any thread, so that no thread is interrupted by them.
-class SignalQueue {
- public:
-    SignalQueue() {
-        sigset_t set;
-        ::sigemptyset(&set);
-        for (const int signal : kSignals) ::sigaddset(&set, signal);
-        ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        m_fd.reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-        if (!m_fd) throw std::runtime_error("cannot wait for signals");
-    }
-
-    int fd() const { return m_fd.get(); }
-    // The next one, 0 when none waits.
-    int next() const {
-        signalfd_siginfo info{};
-        const bool got = ::read(m_fd.get(), &info, sizeof(info)) == sizeof(info);
-        return got ? static_cast<int>(info.ssi_signo) : 0;
-    }
-
- private:
-    UniqueFd m_fd;
-};
 
 // The loop between the feed, the terminal and the signals.
 class Top {
@@ -99,10 +73,10 @@ class Top {
         return true;
     }
 
-    const SignalQueue m_signals;
+    const SignalQueue m_signals{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH};
     const bool m_utf8 = useTerminalLocale();
     TopFeed m_feed;      // after the signals are blocked
-    TopScreen m_screen;  // given back before the feed stops, which may take two seconds
+    TopScreen m_screen;  // given back before the feed stops, which may take three seconds
     TopModel m_model;
     TopControls m_controls;
     const TopView m_view{m_model, m_controls, m_utf8};

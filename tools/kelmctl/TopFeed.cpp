@@ -68,7 +68,7 @@ void TopFeed::statusRoutine() {
     } while (waitInterval());
 }
 
-// Ends without unregistering: to the service the end of the connection is as good.
+// The client unregisters as it is destroyed: to the service a mere hang-up is an error.
 std::string TopFeed::followStatus() {
     const auto connected = client::Client::connect({}, kDeadline);
     if (!connected) return connected.error().text();

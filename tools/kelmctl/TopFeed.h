@@ -31,7 +31,7 @@ struct TopNews {
 class TopFeed {
  public:
     explicit TopFeed(std::chrono::milliseconds interval = std::chrono::seconds(1));
-    ~TopFeed();  // waits for a query under way, 2 seconds at most
+    ~TopFeed();  // waits for a query under way and unregisters, 3 seconds at most
     TopFeed(const TopFeed&) = delete;
     TopFeed& operator=(const TopFeed&) = delete;
 

@@ -13,6 +13,7 @@
 #include "tools/kelmctl/TraceJson.h"
 #include "tools/kelmctl/TracePairs.h"
 #include "tools/kelmctl/TraceReader.h"
+#include "tools/kelmctl/UsageError.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::ctl {
@@ -26,12 +27,12 @@ constexpr double kMostMhz = 100000.0;
 // Before the output is opened, which empties it.
 void checkOptions(const TraceOptions& options) {
     if (options.tscMhz && !(*options.tscMhz >= kLeastMhz && *options.tscMhz <= kMostMhz)) {
-        throw std::invalid_argument("a counter has 1 to 100000 MHz");
+        throw UsageError("a counter has 1 to 100000 MHz");
     }
     for (const std::string& input : {options.frames, options.tasks, options.threads}) {
         std::error_code none;  // a file that is not there is told when it is opened
         if (std::filesystem::equivalent(input, options.output, none)) {
-            throw std::invalid_argument("the output would replace " + input);
+            throw UsageError("the output would replace " + input);
         }
     }
 }

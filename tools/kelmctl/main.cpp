@@ -1,17 +1,24 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/InferCommand.h"
+#include "tools/kelmctl/NearestName.h"
 #include "tools/kelmctl/StatusCommand.h"
 #include "tools/kelmctl/TopCommand.h"
 #include "tools/kelmctl/TraceCommand.h"
+#include "tools/kelmctl/UsageError.h"
 #include "tools/kelmctl/WaitReadyCommand.h"
 
 namespace {
+
+constexpr int kUsageStatus = 2;
 
 // A command and what runs it once the command line has been read.
 struct Command {
@@ -19,12 +26,19 @@ struct Command {
     std::function<int()> run;
 };
 
+void addGraphByPath(CLI::App& command, bool& graphByPath) {
+    command.add_flag("--graph-by-path", graphByPath,
+                     "let the service open the graph's file, which must be readable for it, "
+                     "instead of sending the bytes");
+}
+
 Command addInfer(CLI::App& app) {
     CLI::App* command = app.add_subcommand("infer", "run one graph on one input file");
     // Shared with the command, here and below: the parser fills the options in when this function
     // has returned.
     const auto options = std::make_shared<kelm::ctl::InferOptions>();
     command->add_option("--graph", options->graph, "compiled graph")->required();
+    addGraphByPath(*command, options->graphByPath);
     command->add_option("--input", options->input, "file with the input tensor")->required();
     command->add_option("--output", options->output, "file for the output tensor")->required();
     command->add_option("--tag", options->tag, "devices reserved under this tag");
@@ -40,6 +54,7 @@ Command addBench(CLI::App& app) {
     const auto options = std::make_shared<kelm::ctl::BenchOptions>();
     command->add_option("--graph", options->graphs, "compiled graph; may be given several times")
         ->required();
+    addGraphByPath(*command, options->graphByPath);
     command->add_option("--weights", options->weights,
                         "shares of the graphs as in 3,1; the first for client 0, and so on, the "
                         "last for all others");
@@ -89,22 +104,50 @@ Command addWaitReady(CLI::App& app) {
     return {command, [seconds] { return kelm::ctl::runWaitReady(*seconds); }};
 }
 
+// The parser would take an unknown command for a mistake of the arguments behind it.
+void checkCommand(const CLI::App& app, int argc, char** argv) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : app.get_subcommands(nullptr)) {
+        names.push_back(command->get_name());
+    }
+    if (argc < 2) throw kelm::ctl::UsageError("no command; see kelmctl --help");
+    const std::string word = argv[1];
+    if (word.starts_with('-') || std::count(names.begin(), names.end(), word) > 0) return;
+    throw kelm::ctl::UsageError("unknown command '" + word + "'; the nearest is '" +
+                                kelm::ctl::findNearest(word, names) + "', see kelmctl --help");
+}
+
+int fail(const std::exception& error, int status) {
+    std::cerr << "kelmctl: " << error.what() << "\n";
+    return status;
+}
+
 }  // namespace
 
-// 1 for what a command throws, told in one line; the parser has statuses of its own for mistakes in
-// the arguments.
+// 2 for a mistake in the arguments, 1 for everything else that a command throws; one line tells
+// either.
 int main(int argc, char** argv) {
     CLI::App app("kelmctl: run, measure and watch inferences through the kelmdaemon service");
     app.require_subcommand(1);
+    app.footer(
+        "Exit status: 0; 1 when the command failed; 2 for a mistake in the arguments; 128 "
+        "and the number of a signal that ended it early.");
     const Command commands[] = {addInfer(app), addBench(app), addStatus(app),
                                 addTop(app),   addTrace(app), addWaitReady(app)};
-    CLI11_PARSE(app, argc, argv);
     try {
+        checkCommand(app, argc, argv);
+        app.parse(argc, argv);
         for (const Command& command : commands) {
             if (command.app->parsed()) return command.run();
         }
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return fail(error, kUsageStatus);
+    } catch (const kelm::ctl::UsageError& error) {
+        return fail(error, kUsageStatus);
     } catch (const std::exception& error) {
-        std::cerr << "kelmctl: " << error.what() << "\n";
+        return fail(error, 1);
     }
     return 1;
 }

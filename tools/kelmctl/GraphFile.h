@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "client/Client.h"
+
+namespace kelm::ctl {
+
+// A compiled graph on its way to the service: its bytes, read with the rights of the user who runs
+// the command, or its path, which the service opens with its own.
+//
+// Threads: any.
+class GraphFile {
+ public:
+    // Throws std::runtime_error with a text for the user when there are no bytes to be had.
+    GraphFile(std::string path, bool byPath);
+
+    // The graph has the file's path for its name.
+    client::Result<client::Graph> create(client::Client& service, client::GraphOptions options,
+                                         client::Deadline deadline = client::kGraphDeadline) const;
+
+ private:
+    std::string m_path;
+    bool m_byPath;
+    std::vector<std::byte> m_bytes;  // none by path
+};
+
+}  // namespace kelm::ctl
