@@ -34,6 +34,7 @@ int runInfer(const InferOptions& options) {
     const client::Deadline deadline(static_cast<int64_t>(options.timeout * 1000.0));
     const std::vector<char> input = readAll(options.input);
     const auto service = take(client::Client::connect());
+    service->onWarning([](const std::string& text) { std::cerr << "kelmctl: " << text << "\n"; });
     require(service->registerClient("kelmctl", deadline));
     client::GraphOptions graphOptions;
     graphOptions.name = options.graph;
