@@ -30,42 +30,20 @@ struct SilentService {
         EXPECT_EQ(::send(peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
                   static_cast<ssize_t>(sizeof(record)));
     }
-    // Of the first inference.
+    // About task 7, of the first inference.
     void accept(int32_t status = KELM_OK) {
         auto answer = record<KelmMsgRspInferTask>(KELM_MESSAGE_INFER_TASK_RSP);
         answer.head.reqSeqNo = 1;
         answer.head.status = status;
-        answer.taskId = kTask;
+        answer.taskId = 7;
         send(answer);
     }
-    void tellCanceled() {
-        auto answer = record<KelmMsgRspCancelTask>(KELM_MESSAGE_CANCEL_TASK_RSP);
-        answer.head.reqSeqNo = 2;
-        answer.taskId = kTask;
-        answer.canceled = 1;
-        send(answer);
-    }
-    void tellDone() {
-        auto event = record<KelmMsgEvtTaskDone>(KELM_MESSAGE_TASK_DONE_EVT);
-        event.reqSeqNo = 1;
-        event.taskId = kTask;
-        send(event);
-    }
-
-    static constexpr uint64_t kTask = 7;
 
     const TempDir dir;
     const UniqueFd listener = listenOn(dir.path() + "/socket");
     std::unique_ptr<Client> client = Client::connect(dir.path() + "/socket").value();
     UniqueFd peer{::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
 };
-
-void writeLate(const std::string& segment) {
-    ShareMemory memory;
-    void* const bytes = memory.open(segment.c_str(), 16);
-    ASSERT_NE(bytes, nullptr);
-    std::memset(bytes, 0xff, 16);
-}
 
 // Counts how inferences ended.
 struct Ends {
@@ -145,9 +123,23 @@ TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
         void (*tell)(SilentService&);
         bool isUsedAgain;
     } rows[] = {
-        {"done", [](auto& service) { service.tellDone(); }, true},
+        {"done",
+         [](auto& service) {
+             auto event = record<KelmMsgEvtTaskDone>(KELM_MESSAGE_TASK_DONE_EVT);
+             event.reqSeqNo = 1;
+             service.send(event);
+         },
+         true},
         {"refused", [](auto& service) { service.accept(KELM_ERROR_TOO_MANY_TASK); }, true},
-        {"canceled", [](auto& service) { service.accept(), service.tellCanceled(); }, true},
+        {"canceled, by a call that has timed out",
+         [](auto& service) {
+             service.accept();
+             auto answer = record<KelmMsgRspCancelTask>(KELM_MESSAGE_CANCEL_TASK_RSP);
+             answer.taskId = 7;
+             answer.canceled = 1;
+             service.send(answer);
+         },
+         true},
         {"lost", [](auto& service) { service.peer.reset(); }, false},
     };
     for (const auto& row : rows) {
@@ -163,7 +155,8 @@ TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
         late.reset();
         // The next caller's.
         const auto next = pool.acquire().value();
-        writeLate(name);
+        ShareMemory services;
+        std::memset(services.open(name.c_str(), 16), 0xff, 16);
         EXPECT_THAT(next->output(), ::testing::Each(std::byte{0}));
         EXPECT_EQ(pool.acquire().error().kind(), ErrorKind::kBusy);
         row.tell(service);
@@ -173,20 +166,6 @@ TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
         }));
         EXPECT_EQ(::access(("/dev/shm" + name).c_str(), F_OK) == 0, row.isUsedAgain);
     }
-}
-
-TEST(ClientTest, CanceledTaskEndsItsCallAlsoWhenTheCancelTimesOut) {
-    SilentService service;
-    std::promise<uint64_t> accepted;
-    std::promise<ErrorKind> end;
-    service.client->inferAsync(
-        {}, [&](const InferResult& result) { end.set_value(result.error.kind()); },
-        [&](uint64_t task) { accepted.set_value(task); });
-    service.accept();
-    const uint64_t task = accepted.get_future().get();
-    EXPECT_EQ(service.client->cancel(task, kShort).error().kind(), ErrorKind::kTimeout);
-    service.tellCanceled();
-    EXPECT_EQ(end.get_future().get(), ErrorKind::kCanceled);
 }
 
 }  // namespace

@@ -39,22 +39,15 @@ TEST_F(ConnectErrorTest, EachCauseHasItsOwnWords) {
 
 TEST_F(ConnectErrorTest, MissingRightsAreToldWithTheirRemedy) {
     if (!OtherUser::isPossible()) GTEST_SKIP() << "acting as another user needs root";
-    constexpr gid_t kGroup = 4321;
     const UniqueFd listener = listenOn(m_path);
     const auto expectAsOther = [this](const std::string& words) {
         OtherUser::run([&] { expectCause(words); });
     };
     expectAsOther("may not enter its directory");
     OtherUser::letIn(m_dir.path());
-    const struct {
-        gid_t group;
-        mode_t mode;
-        const char* words;
-    } rows[] = {
-        {kGroup, 0660,
-         "for group 4321, and user nobody runs with nogroup; run: sudo usermod -aG 4321 "
-         "nobody"},
-        {kGroup, 0600, "the socket's mode 0600"},
+    const std::tuple<gid_t, mode_t, const char*> rows[] = {
+        {4321, 0660, "user nobody runs with nogroup; run: sudo usermod -aG 4321 nobody"},
+        {4321, 0600, "the socket's mode 0600"},
         {0, 0660, "set security_settings.user_group"},
     };
     for (const auto& [group, mode, words] : rows) {
