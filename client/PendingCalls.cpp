@@ -131,13 +131,12 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
 void PendingCalls::fail(uint64_t sequence, const Error& error) {
     std::optional<Entry> entry = take(sequence);
     if (!entry) return;
-    // After a lost connection the task may run on.
-    if (error.kind() != ErrorKind::kConnectionLost) entry->slots.settle();
+    entry->slots.settle();
     end(*entry, error);
 }
 
 // The callbacks run outside the lock, so that one may submit again: it is refused, and nothing
-// waits for itself.
+// waits for itself. Slots are not settled: the tasks may run on for a moment.
 void PendingCalls::closeAll(const Error& error) {
     Entries entries;
     {

@@ -43,7 +43,7 @@ class PendingCalls {
     void finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     // The service has taken the task back before it ran, and sends no result.
     void cancelInfer(uint64_t taskId);
-    // The request could not be sent.
+    // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
     // Ends everything, now and for ever.
     void closeAll(const Error& error);

@@ -156,7 +156,9 @@ TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
         // The next caller's.
         const auto next = pool.acquire().value();
         ShareMemory services;
-        std::memset(services.open(name.c_str(), 16), 0xff, 16);
+        void* const output = services.open(name.c_str(), 16);
+        ASSERT_NE(output, nullptr);
+        std::memset(output, 0xff, 16);
         EXPECT_THAT(next->output(), ::testing::Each(std::byte{0}));
         EXPECT_EQ(pool.acquire().error().kind(), ErrorKind::kBusy);
         row.tell(service);
