@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "client/ClientImpl.h"
+#include "client/ConnectError.h"
 #include "client/Decode.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
@@ -87,11 +88,10 @@ Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath, D
         auto connection = std::make_shared<IPC::ConnectionUDS>(nullptr);
         // 0 would be no limit at all.
         if (!connection->connect(path, std::max(deadline, Deadline(1)))) {
-            if (errno == EAGAIN) return Error::timeout("connecting to " + path);
-            return Error(ErrorKind::kNotConnected, 0,
-                         "no service answers on " + path + "; start it or set KELM_RUN_DIR");
+            return connectError(path, errno);
         }
-        return std::unique_ptr<Client>(new Client(std::make_unique<Impl>(std::move(connection))));
+        return std::unique_ptr<Client>(
+            new Client(std::make_unique<Impl>(std::move(connection), path)));
     } catch (const std::exception& error) {
         return Error(ErrorKind::kSystem, 0, error.what());
     }
@@ -189,8 +189,6 @@ Result<bool> Client::cancel(uint64_t taskId, Deadline deadline) {
     const auto* response =
         answerAs<KelmMsgRspCancelTask>(answer.value(), KELM_MESSAGE_CANCEL_TASK_RSP);
     if (response == nullptr) return unexpectedAnswer();
-    // The service sends no result for a task that it has taken back.
-    if (response->canceled != 0) m_impl->taskCanceled(taskId);
     return response->canceled != 0;
 }
 
@@ -222,6 +220,8 @@ Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) 
     if (response == nullptr) return unexpectedAnswer();
     return decodeStatus(*response);
 }
+
+void Client::onWarning(WarningCallback callback) { m_impl->onWarning(std::move(callback)); }
 
 uint64_t Client::clientId() const { return m_impl->clientId(); }
 bool Client::isConnected() const { return m_impl->isConnected(); }

@@ -23,8 +23,8 @@ constexpr Deadline kGraphDeadline{60000};
 // Which devices a graph asks for. `tag` and `streamId` pick reserved devices; empty means shared.
 struct GraphOptions {
     std::string name = "unnamed";
-    std::string tag;
-    std::string streamId;
+    std::string tag = {};
+    std::string streamId = {};
     int32_t subclass = 0;
     int32_t expectDevices = 1;
 };
@@ -49,9 +49,9 @@ enum class TaskStage : int32_t { kCreated = 0, kQueued = 1, kLoading = 2, kLoade
 
 struct InferRequest {
     uint64_t graphId = 0;
-    Tensor input;
-    Tensor output;
-    Tensor aux;             // kind kNone: none wanted
+    Tensor input = {};
+    Tensor output = {};
+    Tensor aux = {};        // kind kNone: none wanted
     uint32_t auxFlags = 0;  // 1 time taken, 2 thermal, 4 debug info
     uint64_t cookie0 = 0;   // come back with the result
     uint64_t cookie1 = 0;
@@ -71,6 +71,8 @@ struct InferResult {
 using InferCallback = std::function<void(const InferResult&)>;
 // Called when the service has taken the task, before the result, with the task's id.
 using AcceptCallback = std::function<void(uint64_t taskId)>;
+// Called with what goes on in another way than wanted, on the thread of the call.
+using WarningCallback = std::function<void(const std::string& text)>;
 
 // A connection to the service, one per process, shared by its threads.
 //
@@ -101,21 +103,27 @@ class Client {
     Error destroyGraph(uint64_t graphId, Deadline deadline = kDefaultDeadline);
     Result<BufferSizes> queryBufferSize(uint64_t graphId, Deadline deadline = kDefaultDeadline);
 
-    // The buffers must stay as they are until the call has ended; after a timeout, until the
-    // connection has ended, since the task may still run.
+    // The buffers must stay as they are until the call has ended. After a timeout the task may
+    // still run: a TensorSlot looks after itself, other memory must stay until the connection has
+    // ended. kBusy if the request is to write into a slot that another task may write into.
     void inferAsync(const InferRequest& request, const InferCallback& done,
                     AcceptCallback accepted = {}, Deadline deadline = kDefaultDeadline);
     std::future<InferResult> inferAsync(const InferRequest& request,
                                         Deadline deadline = kDefaultDeadline);
     InferResult infer(const InferRequest& request, Deadline deadline = kDefaultDeadline);
 
-    // True if the task was still waiting: its call then ends with kCanceled. False: it runs on.
+    // True if the task was still waiting: its call has then ended with kCanceled. False: it runs
+    // on.
     Result<bool> cancel(uint64_t taskId, Deadline deadline = kDefaultDeadline);
     Result<TaskStage> queryTask(uint64_t taskId, Deadline deadline = kDefaultDeadline);
 
     // What the service is doing; see Status.h for what each part fills.
     Result<ServiceStatus> queryStatus(StatusParts parts = StatusParts::all(),
                                       Deadline deadline = kDefaultDeadline);
+
+    // Each warning comes once a connection; without a callback it is dropped. To be set before the
+    // first inference.
+    void onWarning(WarningCallback callback);
 
     uint64_t clientId() const;
     bool isConnected() const;

@@ -52,9 +52,10 @@ KelmMsgReqInferTask makeInferRequest(uint64_t clientId, uint64_t sequence,
 }  // namespace
 
 // The reader is started last, when all that it uses is there.
-Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection)
+Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection, const std::string& path)
     : m_connection(std::move(connection)),
       m_socket(m_connection->getSimulateFD()),
+      m_access(m_connection->nativeHandle(), path),
       m_pending([this] { giveUpStuckSend(); }),
       m_reader([this] { readRoutine(); }) {}
 
@@ -85,7 +86,11 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
     Answer answer = future.get();
     if (answer.error) return answer.error;
     const auto* response = reinterpret_cast<const KelmMsgRsp*>(answer.message.get());
-    if (response->status != 0) return Error::fromStatus(response->status);
+    if (response->status != 0) {
+        const bool creates = request.base.type == KELM_MESSAGE_CREATE_GRAPH_REQ;
+        return Error::fromStatus(response->status,
+                                 creates ? CallKind::kCreateGraph : CallKind::kOther);
+    }
     return std::move(answer.message);
 }
 
@@ -96,11 +101,17 @@ void Client::Impl::infer(const InferRequest& request, const InferCallback& done,
     const Clock::time_point end = Clock::now() + deadline;
     const uint64_t sequence = nextSequence();
     KelmMsgReqInferTask message = makeInferRequest(clientId(), sequence, request);
-    if (!isConnected() || !m_pending.addInfer(sequence, end, request, done, std::move(accepted))) {
+    Error refused = isConnected()
+                        ? m_pending.addInfer(sequence, end, request, done, std::move(accepted))
+                        : Error::connectionLost();
+    if (refused) {
         InferResult result;
-        result.error = Error::connectionLost();
+        result.error = std::move(refused);
+        result.cookie0 = request.cookie0;
+        result.cookie1 = request.cookie1;
         return done(result);
     }
+    m_access.letIn(request);
     if (const Error error = send(message.head.base, end)) m_pending.fail(sequence, error);
 }
 
@@ -152,6 +163,17 @@ void Client::Impl::dispatch(MessagePtr message) {
         case KELM_MESSAGE_TASK_DONE_EVT: {
             const auto& event = reinterpret_cast<const KelmMsgEvtTaskDone&>(*message);
             m_pending.finishInfer(event.reqSeqNo, event.status, event.taskId);
+            break;
+        }
+        case KELM_MESSAGE_CANCEL_TASK_RSP: {
+            // No result follows for a task that was taken back. Also when the canceling call has
+            // ended at its deadline.
+            const auto& response = reinterpret_cast<const KelmMsgRspCancelTask&>(*message);
+            if (response.head.status == 0 && response.canceled != 0) {
+                m_pending.cancelInfer(response.taskId);
+            }
+            const uint64_t sequence = response.head.reqSeqNo;
+            m_pending.finishCall(sequence, std::move(message));
             break;
         }
         default: {

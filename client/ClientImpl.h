@@ -4,9 +4,11 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "client/Client.h"
 #include "client/PendingCalls.h"
+#include "client/ServiceAccess.h"
 #include "protocol/src/KelmMessage.h"
 #include "utils/Mutex.h"
 
@@ -26,14 +28,15 @@ class Client::Impl {
  public:
     using Clock = PendingCalls::Clock;
 
-    explicit Impl(std::shared_ptr<IPC::ConnectionUDS> connection);
+    // Connected by the file at `path`.
+    Impl(std::shared_ptr<IPC::ConnectionUDS> connection, const std::string& path);
     ~Impl();
 
     // Sends a request that has an answer and waits for it. `what` names the call in a timeout.
     Result<MessagePtr> call(KelmMsgReq& request, const char* what, Deadline deadline);
     void infer(const InferRequest& request, const InferCallback& done, AcceptCallback accepted,
                Deadline deadline);
-    void taskCanceled(uint64_t taskId) { m_pending.cancelInfer(taskId); }
+    void onWarning(WarningCallback callback) { m_access.onWarning(std::move(callback)); }
 
     bool isConnected() const { return m_connected.load(); }
     uint64_t clientId() const { return m_clientId.load(); }
@@ -50,6 +53,7 @@ class Client::Impl {
 
     const std::shared_ptr<IPC::ConnectionUDS> m_connection;
     const int m_socket;
+    ServiceAccess m_access;
     // Atomics: counters and flags that stand for themselves.
     std::atomic<uint64_t> m_sequence{0};
     std::atomic<uint64_t> m_clientId{0};

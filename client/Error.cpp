@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "protocol/src/KelmError.h"
 
@@ -9,17 +10,31 @@ namespace kelm::client {
 
 namespace {
 
-// What a user can do about it, beside the name of the code.
+// What a user can do about it, beside the name of the code. A row for one kind of call stands
+// before the one for all others.
 struct AdviceRow {
     int32_t code;
     const char* advice;
+    std::optional<CallKind> call = std::nullopt;
+    const char* details = "";
 };
+
+constexpr const char* kRights =
+    "; its memory must belong to the user who asks, let the service's account read and write it "
+    "(pools of this library see to that), be as large as the request says and, if it has a name, "
+    "lie in the /dev/shm that the service sees";
 
 constexpr AdviceRow kAdvice[] = {
     {KELM_ERROR_INVALID_DEVICE, "no such device; ask for the device list again"},
     {KELM_ERROR_INVALID_PARAM,
-     "the request names something that this service does not offer; check subclass, tag and stream "
-     "id against its configuration"},
+     "the service offers no devices for this subclass, tag or stream id; check them against its "
+     "configuration",
+     CallKind::kCreateGraph},
+    {KELM_ERROR_INVALID_PARAM,
+     "the device refused the task; check the sizes of its buffers against those of the graph, and "
+     "the log of the service",
+     CallKind::kInfer},
+    {KELM_ERROR_INVALID_PARAM, "the service does not accept a value of the request; see its log"},
     {KELM_ERROR_BUFFER_ALLOC_FAILED, "the service could not map a buffer; check its kind and size"},
     {KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH, "the graph does not fit the device library"},
     {KELM_ERROR_INVALID_CLIENT_NAME, "register with a name"},
@@ -27,15 +42,18 @@ constexpr AdviceRow kAdvice[] = {
      "the service does not know this client; connect and register again"},
     {KELM_ERROR_GRAPH_DIGEST_FAILED,
      "the service could not read the graph; check that the file is regular and readable for it"},
-    {KELM_ERROR_INVALID_GRAPH, "no such graph; create it first"},
+    {KELM_ERROR_INVALID_GRAPH, "no such graph; create it first, and use it before it is destroyed"},
     {KELM_ERROR_INVALID_GRAPH_FORMAT, "the file is no compiled graph for this device"},
     {KELM_ERROR_INVALID_TASK, "no such task; it may have ended"},
     {KELM_ERROR_INVALID_INPUT_BUFFER, "check kind and size of the input buffer"},
     {KELM_ERROR_INVALID_OUTPUT_BUFFER, "check kind and size of the output buffer"},
     {KELM_ERROR_INVALID_AUX_BUFFER, "check kind and size of the auxiliary buffer"},
-    {KELM_ERROR_MAP_INPUT_FAILED, "the service could not map the input buffer"},
-    {KELM_ERROR_MAP_OUTPUT_FAILED, "the service could not map the output buffer"},
-    {KELM_ERROR_MAP_AUX_FAILED, "the service could not map the auxiliary buffer"},
+    {KELM_ERROR_MAP_INPUT_FAILED, "the service could not open or map the input buffer",
+     std::nullopt, kRights},
+    {KELM_ERROR_MAP_OUTPUT_FAILED, "the service could not open or map the output buffer",
+     std::nullopt, kRights},
+    {KELM_ERROR_MAP_AUX_FAILED, "the service could not open or map the auxiliary buffer",
+     std::nullopt, kRights},
     {KELM_ERROR_GRAPH_VERIFY_FAILED, "the graph has no data"},
     {KELM_ERROR_NO_DEVICE_AVAILABLE, "no device can take the graph; plug one in or try later"},
     {KELM_ERROR_TOO_MANY_TASK, "too many tasks wait; take some results before submitting more"},
@@ -49,20 +67,21 @@ constexpr AdviceRow kAdvice[] = {
 };
 
 // Codes without a row are those of devices and libraries: only the service's log knows more.
-const char* findAdvice(int32_t code) {
+std::string findAdvice(int32_t code, CallKind call) {
     for (const AdviceRow& row : kAdvice) {
-        if (row.code == code) return row.advice;
+        if (row.code == code && row.call.value_or(call) == call)
+            return std::string(row.advice) + row.details;
     }
     return "see the log of the service";
 }
 
 }  // namespace
 
-Error Error::fromStatus(int32_t status) {
+Error Error::fromStatus(int32_t status, CallKind call) {
     if (status == KELM_OK) return {};
     const std::string head =
         std::string(getErrorName(status)) + " (" + std::to_string(status) + ")";
-    return {ErrorKind::kService, status, head + ": " + findAdvice(status)};
+    return {ErrorKind::kService, status, head + ": " + findAdvice(status, call)};
 }
 
 Error Error::timeout(const std::string& what) {
@@ -102,6 +121,8 @@ std::string Error::name() const {
             return "canceled";
         case ErrorKind::kSystem:
             return "system error";
+        case ErrorKind::kBusy:
+            return "busy";
     }
     return "unknown";
 }

@@ -26,13 +26,20 @@ bool PendingCalls::addCall(uint64_t sequence, const char* what, Clock::time_poin
     entry.deadline = deadline;
     entry.what = what;
     entry.reply = std::move(reply);
-    return add(sequence, std::move(entry));
+    return add(sequence, entry);
 }
 
-bool PendingCalls::addInfer(uint64_t sequence, Clock::time_point deadline,
-                            const InferRequest& request, InferCallback done,
-                            AcceptCallback accepted) {
+Error PendingCalls::addInfer(uint64_t sequence, Clock::time_point deadline,
+                             const InferRequest& request, InferCallback done,
+                             AcceptCallback accepted) {
+    std::optional<SlotHold> slots = SlotHold::claim(request);
+    if (!slots) {
+        return {ErrorKind::kBusy, 0,
+                "a task that has not ended may still write into the slot; wait for its end or "
+                "acquire another slot"};
+    }
     Entry entry;
+    entry.slots = std::move(*slots);
     entry.deadline = deadline;
     // Both latencies begin here, before the request is sent.
     entry.start = Clock::now();
@@ -41,10 +48,12 @@ bool PendingCalls::addInfer(uint64_t sequence, Clock::time_point deadline,
     entry.accepted = std::move(accepted);
     entry.result.cookie0 = request.cookie0;
     entry.result.cookie1 = request.cookie1;
-    return add(sequence, std::move(entry));
+    if (add(sequence, entry)) return {};
+    entry.slots.settle();
+    return Error::connectionLost();
 }
 
-bool PendingCalls::add(uint64_t sequence, Entry entry) {
+bool PendingCalls::add(uint64_t sequence, Entry& entry) {
     bool wake = false;
     {
         MutexLock lock(m_mutex);
@@ -89,7 +98,7 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
         if (status == 0) accepted.swap(entry->accepted);
     }
     if (status != 0) {
-        fail(sequence, Error::fromStatus(status));
+        fail(sequence, Error::fromStatus(status, CallKind::kInfer));
     } else if (accepted) {
         accepted(taskId);
     }
@@ -97,10 +106,12 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
 
 void PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
     std::optional<Entry> entry = take(sequence);
-    if (!entry || !entry->done) return;
+    if (!entry) return;
+    entry->slots.settle();  // first: the callback may submit with the same slot
+    if (!entry->done) return;
     entry->result.taskId = taskId;
     entry->result.resultLatency = Clock::now() - entry->start;
-    end(*entry, Error::fromStatus(status));
+    end(*entry, Error::fromStatus(status, CallKind::kInfer));
 }
 
 // A search, since entries are kept by sequence number and cancels are rare.
@@ -109,7 +120,7 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
     {
         MutexLock lock(m_mutex);
         const auto found = std::find_if(m_entries.begin(), m_entries.end(), [&](const auto& item) {
-            return item.second.done && item.second.result.taskId == taskId;
+            return !item.second.reply && item.second.result.taskId == taskId;
         });
         if (found == m_entries.end()) return;
         sequence = found->first;
@@ -119,11 +130,13 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
 
 void PendingCalls::fail(uint64_t sequence, const Error& error) {
     std::optional<Entry> entry = take(sequence);
-    if (entry) end(*entry, error);
+    if (!entry) return;
+    entry->slots.settle();
+    end(*entry, error);
 }
 
 // The callbacks run outside the lock, so that one may submit again: it is refused, and nothing
-// waits for itself.
+// waits for itself. Slots are not settled: the tasks may run on for a moment.
 void PendingCalls::closeAll(const Error& error) {
     Entries entries;
     {
@@ -147,7 +160,16 @@ std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_poi
     }
     std::vector<Entry> overdue;
     overdue.reserve(sequences.size());
-    for (const uint64_t sequence : sequences) overdue.push_back(*m_entries.take(sequence));
+    for (const uint64_t sequence : sequences) {
+        Entry& entry = overdue.emplace_back(*m_entries.take(sequence));
+        if (!entry.slots) continue;
+        // The task may still run and write its result.
+        Entry late;
+        late.deadline = Clock::time_point::max();
+        late.result.taskId = entry.result.taskId;
+        late.slots = std::move(entry.slots);
+        m_entries.insert(sequence, std::move(late));
+    }
     return overdue;
 }
 

@@ -8,14 +8,16 @@
 #include <vector>
 
 #include "client/Client.h"
+#include "client/SlotHold.h"
 #include "protocol/src/MessagePtr.h"
 #include "utils/Mutex.h"
 #include "utils/RecycledMap.h"
 
 namespace kelm::client {
 
-// What waits for an answer, by the sequence number of its request. Each entry ends exactly once:
-// with its answer, at its deadline, or when the connection is lost.
+// What waits for an answer, by the sequence number of its request. Each call ends exactly once:
+// with its answer, at its deadline, or when the connection is lost. An inference that has ended at
+// its deadline leaves its slots here until the service tells the end of the task.
 //
 // Threads: any; callbacks run on the thread that ends the call, outside the lock.
 // Owns: the entries and the thread "KelmDeadline".
@@ -31,16 +33,17 @@ class PendingCalls {
 
     // False after closeAll(): the entry was not taken and nothing will be called.
     bool addCall(uint64_t sequence, const char* what, Clock::time_point deadline, Reply reply);
-    bool addInfer(uint64_t sequence, Clock::time_point deadline, const InferRequest& request,
-                  InferCallback done, AcceptCallback accepted);
+    // Also takes the slots of the request, or ends with kBusy. Nothing is called after an error.
+    Error addInfer(uint64_t sequence, Clock::time_point deadline, const InferRequest& request,
+                   InferCallback done, AcceptCallback accepted);
 
     // A response has come; one for which nothing waits is dropped.
     void finishCall(uint64_t sequence, MessagePtr answer);
     void acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     void finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
-    // The task was taken back by cancel.
+    // The service has taken the task back before it ran, and sends no result.
     void cancelInfer(uint64_t taskId);
-    // The request could not be sent.
+    // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
     // Ends everything, now and for ever.
     void closeAll(const Error& error);
@@ -54,10 +57,12 @@ class PendingCalls {
         InferCallback done;  // set for inferences
         AcceptCallback accepted;
         InferResult result;
+        SlotHold slots;
     };
     using Entries = RecycledMap<uint64_t, Entry>;
 
-    bool add(uint64_t sequence, Entry entry) EXCLUDES(m_mutex);
+    // False after closeAll(); the entry is left as it is then.
+    bool add(uint64_t sequence, Entry& entry) EXCLUDES(m_mutex);
     std::optional<Entry> take(uint64_t sequence) EXCLUDES(m_mutex);
     static void end(Entry& entry, const Error& error);
     void deadlineRoutine() EXCLUDES(m_mutex);

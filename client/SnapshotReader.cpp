@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "client/ConnectError.h"
 #include "client/Decode.h"
 #include "utils/RunPaths.h"
 #include "utils/UniqueFd.h"
@@ -102,9 +103,7 @@ Result<std::unique_ptr<SnapshotReader>> SnapshotReader::connect(const std::strin
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);  // cut as the service cuts it
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
         0) {
-        if (errno == EAGAIN) return Error::timeout("connecting to the snapshot socket");
-        return Error(ErrorKind::kNotConnected, 0,
-                     "no service streams snapshots on " + path + "; start it or set KELM_RUN_DIR");
+        return connectError(path, errno);
     }
     return std::unique_ptr<SnapshotReader>(
         new SnapshotReader(std::make_unique<Impl>(std::move(socket), std::move(interrupt))));

@@ -30,6 +30,9 @@ struct FileRights {
     // Of the file behind the descriptor; nothing if it cannot be looked at. Where its list cannot
     // be read they are the owner's alone.
     static std::optional<FileRights> ofDescriptor(int fd);
+    // Lets the owner and one user read and write the file, and nobody else. False, with errno set,
+    // if the file system has no access control lists or does not take this one.
+    static bool grant(int fd, uid_t user);
 };
 
 // Whether a service that runs as `service` may open the file for the peer. To be asked after the

@@ -18,7 +18,7 @@ namespace {
 constexpr unsigned long kThreadNameSize = 16;
 
 thread_local int t_id = 0;
-}
+}  // namespace
 
 int ThreadUtils::getProcessId() { return ::getpid(); }
 

@@ -3,7 +3,9 @@
 #include "fakes/Eventually.h"
 #include "fakes/ListenOn.h"
 #include "fakes/TempDir.h"
+#include "protocol/src/KelmError.h"
 #include "protocol/src/KelmMessage.h"
+#include "utils/ShareMemory.h"
 
 namespace kelm::client {
 namespace {
@@ -12,6 +14,15 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kShort{50};
 
+template <class Record>
+Record record(KelmMsgType type) {
+    Record record{};
+    auto& base = reinterpret_cast<KelmMsgBase&>(record);
+    base.type = type;
+    base.size = sizeof(record);
+    return record;
+}
+
 // Listens where a service would, and neither reads nor answers unless told to.
 struct SilentService {
     template <class Record>
@@ -19,10 +30,18 @@ struct SilentService {
         EXPECT_EQ(::send(peer.get(), &record, sizeof(record), MSG_NOSIGNAL),
                   static_cast<ssize_t>(sizeof(record)));
     }
+    // About task 7, of the first inference.
+    void accept(int32_t status = KELM_OK) {
+        auto answer = record<KelmMsgRspInferTask>(KELM_MESSAGE_INFER_TASK_RSP);
+        answer.head.reqSeqNo = 1;
+        answer.head.status = status;
+        answer.taskId = 7;
+        send(answer);
+    }
 
     const TempDir dir;
     const UniqueFd listener = listenOn(dir.path() + "/socket");
-    std::unique_ptr<Client> client = std::move(Client::connect(dir.path() + "/socket").value());
+    std::unique_ptr<Client> client = Client::connect(dir.path() + "/socket").value();
     UniqueFd peer{::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
 };
 
@@ -42,9 +61,7 @@ TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     SilentService service;
     const auto& client = service.client;
     EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
-    KelmMsgRspQueryTaskStatus late = {};
-    late.head.base.type = KELM_MESSAGE_QUERY_TASK_STATUS_RSP;
-    late.head.base.size = sizeof(late);
+    auto late = record<KelmMsgRspQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_RSP);
     late.head.reqSeqNo = 1;
     service.send(late);
     const std::byte blob[10] = {};
@@ -97,6 +114,59 @@ TEST(ClientTest, LostConnectionEndsEachPendingCallOnce) {
         client.reset();
         EXPECT_EQ(ends.lost, kCalls);
         EXPECT_EQ(ends.others, 0);
+    }
+}
+
+TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
+    const struct {
+        const char* end;
+        void (*tell)(SilentService&);
+        bool isUsedAgain;
+    } rows[] = {
+        {"done",
+         [](auto& service) {
+             auto event = record<KelmMsgEvtTaskDone>(KELM_MESSAGE_TASK_DONE_EVT);
+             event.reqSeqNo = 1;
+             service.send(event);
+         },
+         true},
+        {"refused", [](auto& service) { service.accept(KELM_ERROR_TOO_MANY_TASK); }, true},
+        {"canceled, by a call that has timed out",
+         [](auto& service) {
+             service.accept();
+             auto answer = record<KelmMsgRspCancelTask>(KELM_MESSAGE_CANCEL_TASK_RSP);
+             answer.taskId = 7;
+             answer.canceled = 1;
+             service.send(answer);
+         },
+         true},
+        {"lost", [](auto& service) { service.peer.reset(); }, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.end);
+        SilentService service;
+        TensorPool pool(16, 16, 2);
+        auto late = pool.acquire().value();
+        InferRequest request{.input = late->inputTensor(), .output = late->outputTensor()};
+        const std::string name = late->outputTensor().name;
+        EXPECT_EQ(service.client->infer(request, kShort).error.kind(), ErrorKind::kTimeout);
+        EXPECT_EQ(service.client->infer(request, kShort).error.kind(), ErrorKind::kBusy);
+        request = {};
+        late.reset();
+        // The next caller's.
+        const auto next = pool.acquire().value();
+        ShareMemory services;
+        void* const output = services.open(name.c_str(), 16);
+        ASSERT_NE(output, nullptr);
+        std::memset(output, 0xff, 16);
+        EXPECT_THAT(next->output(), ::testing::Each(std::byte{0}));
+        EXPECT_EQ(pool.acquire().error().kind(), ErrorKind::kBusy);
+        row.tell(service);
+        ASSERT_TRUE(eventually([&] {
+            const auto slot = pool.acquire();
+            return slot && (slot.value()->outputTensor().name == name) == row.isUsedAgain;
+        }));
+        EXPECT_EQ(::access(("/dev/shm" + name).c_str(), F_OK) == 0, row.isUsedAgain);
     }
 }
 

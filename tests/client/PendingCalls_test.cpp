@@ -21,7 +21,7 @@ class PendingCallsTest : public ::testing::Test {
             MutexLock lock(m_mutex);
             m_kinds.push_back(result.error.kind());
         };
-        return m_calls.addInfer(sequence, Clock::now() + time, request, end, {});
+        return !m_calls.addInfer(sequence, Clock::now() + time, request, end, {});
     }
     // How calls have ended, in order.
     std::vector<ErrorKind> kinds() {
@@ -92,12 +92,18 @@ TEST_F(PendingCallsTest, ClosedTableEndsItsCallsAndTakesNoMore) {
     EXPECT_FALSE(addInfer(3));
 }
 
-TEST_F(PendingCallsTest, CallbackMaySubmit) {
-    const auto submitNext = [this](const InferResult&) { EXPECT_TRUE(addInfer(2)); };
-    ASSERT_TRUE(m_calls.addInfer(1, Clock::now() + kNever, {}, submitNext, {}));
+TEST_F(PendingCallsTest, CallbackMaySubmitWithTheSameSlot) {
+    TensorPool pool(1, 1);
+    const InferRequest request{.output = pool.acquire().value()->outputTensor()};
+    const auto submit = [&](uint64_t sequence, const InferCallback& end) {
+        return m_calls.addInfer(sequence, Clock::now() + kNever, request, end, {});
+    };
+    Error second(ErrorKind::kTimeout, 0, "");
+    const auto submitNext = [&](const InferResult&) { second = submit(2, {}); };
+    EXPECT_FALSE(submit(1, submitNext));
+    EXPECT_EQ(submit(3, submitNext).kind(), ErrorKind::kBusy);
     m_calls.finishInfer(1, KELM_OK, 1);
-    m_calls.finishInfer(2, KELM_OK, 2);
-    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kNone));
+    EXPECT_FALSE(second) << second.text();
 }
 
 }  // namespace

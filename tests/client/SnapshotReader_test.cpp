@@ -24,8 +24,7 @@ class SnapshotReaderTest : public ::testing::Test {
     const TempDir m_dir;
     const std::string m_path = m_dir.path() + "/socket";
     const UniqueFd m_listener = listenOn(m_path);
-    const std::unique_ptr<SnapshotReader> m_reader =
-        std::move(SnapshotReader::connect(m_path).value());
+    const std::unique_ptr<SnapshotReader> m_reader = SnapshotReader::connect(m_path).value();
     UniqueFd m_peer{::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
 };
 
@@ -50,13 +49,7 @@ TEST_F(SnapshotReaderTest, InterruptEndsEveryRead) {
     EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
 }
 
-TEST(ConnectTest, NamesWhatItCannotReachAndEndsAtItsDeadline) {
-    const char* const none = "/nonexistent/socket";
-    for (const Error& error :
-         {Client::connect(none).error(), SnapshotReader::connect(none).error()}) {
-        EXPECT_EQ(error.kind(), ErrorKind::kNotConnected);
-        EXPECT_THAT(error.text(), ::testing::HasSubstr(none));
-    }
+TEST(ConnectTest, EndsAtItsDeadline) {
     const TempDir dir;
     const std::string path = dir.path() + "/socket";
     const UniqueFd full = listenOn(path, 0);

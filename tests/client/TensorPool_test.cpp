@@ -2,14 +2,18 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "utils/UniqueFd.h"
 
 namespace kelm::client {
 namespace {
 
-UniqueFd openNamed(const Tensor& tensor) {
-    return UniqueFd(::shm_open(tensor.name.c_str(), O_RDONLY, 0));
+UniqueFd openNamed(const std::string& name, int flags = O_RDONLY) {
+    return UniqueFd(::shm_open(name.c_str(), flags, 0600));
 }
 
 TEST(TensorPoolTest, SlotIsUsedAgainAndNeverByTwo) {
@@ -23,7 +27,7 @@ TEST(TensorPoolTest, SlotIsUsedAgainAndNeverByTwo) {
     EXPECT_EQ(first->outputTensor().size, 50U);
     first->input()[0] = std::byte{42};
     std::byte read{};
-    EXPECT_EQ(::pread(openNamed(first->inputTensor()).get(), &read, 1, 0), 1);
+    EXPECT_EQ(::pread(openNamed(name).get(), &read, 1, 0), 1);
     EXPECT_EQ(read, std::byte{42});
     first.reset();
     EXPECT_EQ(pool.acquire().value()->inputTensor().name, name);
@@ -33,15 +37,57 @@ TEST(TensorPoolTest, NamesEndWithThePoolAndTheLastHandle) {
     auto pool = std::make_unique<TensorPool>(100, 50);
     auto held = pool->acquire().value();
     auto given = pool->acquire().value();
-    const Tensor tensors[] = {given->inputTensor(), given->outputTensor(), held->inputTensor(),
-                              held->outputTensor()};
+    const std::string names[] = {given->inputTensor().name, given->outputTensor().name,
+                                 held->inputTensor().name, held->outputTensor().name};
     given.reset();
-    for (const Tensor& tensor : tensors) EXPECT_TRUE(openNamed(tensor));
+    for (const std::string& name : names) EXPECT_TRUE(openNamed(name));
     pool.reset();
-    EXPECT_FALSE(openNamed(tensors[0]) || openNamed(tensors[1]));
+    EXPECT_FALSE(openNamed(names[0]) || openNamed(names[1]));
     held->output()[49] = std::byte{1};  // a handle may outlive the pool
     held.reset();
-    for (const Tensor& tensor : tensors) EXPECT_FALSE(openNamed(tensor)) << tensor.name;
+    for (const std::string& name : names) EXPECT_FALSE(openNamed(name)) << name;
+}
+
+TEST(TensorPoolTest, NewPoolRemovesOnlyWhatDeadProcessesOfTheUserHaveLeft) {
+    TensorPool pool(1, 1);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const auto left = pool.acquire();
+        ::_exit(left ? 0 : 1);
+    }
+    siginfo_t info;
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);  // a zombie
+    ASSERT_EQ(info.si_status, 0);
+    const auto held = pool.acquire().value();
+    const std::string own = held->inputTensor().name;
+    std::vector<std::string> parts;  // "/kelm", pid, namespace, start, random
+    std::istringstream stream(own);
+    for (std::string part; std::getline(stream, part, '-');) parts.push_back(part);
+    ASSERT_EQ(parts.size(), 5U) << own;
+    const auto join = [&](const std::string& space, const std::string& start) {
+        return parts[0] + "-" + parts[1] + "-" + space + "-" + start + "-" + parts[4];
+    };
+    const std::pair<std::string, bool> rows[] = {
+        {join(parts[2], "1"), false},             // of an earlier process of the same number
+        {join(parts[2], "0"), true},              // of a process whose start is unknown
+        {join("1", "1"), true},                   // of another namespace
+        {join(parts[2], "1") + "0", true},        // of another form
+        {join(parts[2], "2"), ::geteuid() == 0},  // of another user, where a test can make one
+    };
+    // Pools of tests that run beside this one may remove the same ones.
+    for (const auto& [name, stays] : rows) ASSERT_TRUE(openNamed(name, O_CREAT | O_RDWR));
+    (void)!::chown(("/dev/shm" + std::end(rows)[-1].first).c_str(), 65534, 65534);
+    TensorPool(1, 1);
+    const std::string ofChild = "/dev/shm/kelm-" + std::to_string(child) + "-";
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        EXPECT_FALSE(entry.path().string().starts_with(ofChild)) << entry.path();
+    }
+    EXPECT_TRUE(openNamed(own));
+    for (const auto& [name, stays] : rows) {
+        EXPECT_EQ(static_cast<bool>(openNamed(name)), stays) << name;
+        ::shm_unlink(name.c_str());
+    }
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
 TEST(TensorPoolTest, MemoryThatCannotBeHadIsAnError) {

@@ -18,15 +18,15 @@ class OtherUser {
 
     static bool isPossible() { return ::geteuid() == 0; }
 
-    // Runs a call as that user, on a thread of its own: the kernel keeps a user for each thread. A
-    // socket that it connects tells that user for good.
+    // Runs a call as that user or a further one, on a thread of its own: the kernel keeps a user
+    // for each thread. A socket that it connects tells that user for good.
     template <class Call>
-    static void run(const Call& call) {
+    static void run(const Call& call, uid_t id = kId) {
         bool changed = false;
         std::thread([&] {
             changed = ::syscall(SYS_setgroups, 0, nullptr) == 0 &&
-                      ::syscall(SYS_setresgid, kId, kId, kId) == 0 &&
-                      ::syscall(SYS_setresuid, kId, kId, kId) == 0;
+                      ::syscall(SYS_setresgid, id, id, id) == 0 &&
+                      ::syscall(SYS_setresuid, id, id, id) == 0;
             if (changed) call();
         }).join();
         (void)::prctl(PR_SET_DUMPABLE, 1);  // what the change has ended, and sanitizers need

@@ -17,7 +17,7 @@ class ClientLibraryTest : public SystemFixture {
  protected:
     void startAndConnect(int latencyMs = 0) {
         start(latencyMs);
-        m_client = std::move(client::Client::connect(path()).value());
+        m_client = client::Client::connect(path()).value();
         ASSERT_FALSE(m_client->registerClient("library"));
         m_graph = m_client->createGraph(std::as_bytes(std::span(m_blob)), {}).value();
     }

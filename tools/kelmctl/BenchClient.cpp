@@ -43,12 +43,12 @@ int BenchClient::run() {
     submitAll();
     waitUntilDone();
     m_lane.runNanos = nanosSince(begin);
-    const bool lost = [this] {
+    const client::Error fatal = [this] {
         MutexLock lock(m_mutex);
-        return m_lost;
+        return m_fatal;
     }();
     if (m_interruption.signal() != 0) return interrupt();
-    if (lost) return fail(client::Error::connectionLost());
+    if (fatal) return fail(fatal);
     m_lane.stage = BenchStage::kDone;
     return 0;
 }
@@ -81,8 +81,10 @@ client::Error BenchClient::setUp() {
         if (!graph) return graph.error();
         Source source;
         source.graph = graph.value();
-        source.tensors =
-            std::make_unique<client::TensorPool>(source.graph.inputSize, source.graph.outputSize);
+        // Beside those in flight some that tasks past their deadline keep.
+        source.tensors = std::make_unique<client::TensorPool>(
+            source.graph.inputSize, source.graph.outputSize,
+            static_cast<size_t>(m_options.depth) + client::TensorPool::kDefaultSlots);
         source.cell = i;
         source.weight = weights[i];
         m_sources.push_back(std::move(source));
@@ -98,7 +100,7 @@ void BenchClient::waitForGo() const {
 
 // Without a count the parent's sign ends the run.
 bool BenchClient::mayStartUnsafe() const {
-    if (m_lost || m_region.stop.load(std::memory_order_relaxed)) return false;
+    if (m_fatal || m_region.stop.load(std::memory_order_relaxed)) return false;
     if (m_interruption.signal() != 0) return false;
     return m_options.count == 0 || m_started < m_options.count;
 }
@@ -175,7 +177,11 @@ void BenchClient::finish(Source& source, const client::InferResult& result) {
     {
         MutexLock lock(m_mutex);
         --m_inFlight;
-        if (kind == ErrorKind::kConnectionLost || kind == ErrorKind::kSystem) m_lost = true;
+        // Of no use to try again: without a slot it would fail at once, for ever.
+        if (kind == ErrorKind::kConnectionLost || kind == ErrorKind::kSystem ||
+            kind == ErrorKind::kBusy) {
+            m_fatal = result.error;
+        }
     }
     submit();
 }

@@ -70,7 +70,7 @@ class BenchClient {
     std::vector<Source> m_sources GUARDED_BY(m_mutex);
     uint64_t m_started GUARDED_BY(m_mutex) = 0;
     uint64_t m_inFlight GUARDED_BY(m_mutex) = 0;
-    bool m_lost GUARDED_BY(m_mutex) = false;
+    client::Error m_fatal GUARDED_BY(m_mutex);  // what ended the run, if anything
 
     // Last, so that it is destroyed first: its threads may still be inside finish().
     std::shared_ptr<client::Client> m_client;

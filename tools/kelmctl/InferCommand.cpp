@@ -58,6 +58,7 @@ void infer(const InferOptions& options, Interruption& interruption) {
     const std::vector<std::byte> input = readFileBytes(options.input);
     const GraphFile file(options.graph, options.graphByPath);
     const std::shared_ptr<client::Client> service = take(client::Client::connect());
+    service->onWarning([](const std::string& text) { std::cerr << "kelmctl: " << text << "\n"; });
     require(service->registerClient("kelmctl", deadline));
     interruption.setService(service);
     client::GraphOptions graphOptions;

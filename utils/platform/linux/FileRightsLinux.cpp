@@ -21,9 +21,17 @@ struct ListEntry {
     uint16_t allowed;
     uint32_t id;
 };
-enum ListTag : uint16_t { USER = 0x02, OWNING_GROUP = 0x04, GROUP = 0x08, MASK = 0x10 };
+enum ListTag : uint16_t {
+    OWNER = 0x01,
+    USER = 0x02,
+    OWNING_GROUP = 0x04,
+    GROUP = 0x08,
+    MASK = 0x10,
+    OTHERS = 0x20
+};
 
 constexpr uint32_t kAll = 7;
+constexpr uint32_t kNoId = ~0u;  // of an entry that names nobody
 
 // The attribute; empty if the file has none. Nothing if it cannot be read, which must not pass
 // for a file without a list: its group bits would then count as the group's.
@@ -102,6 +110,22 @@ std::optional<FileRights> FileRights::ofDescriptor(int fd) {
         rights.others = 0;
     }
     return rights;
+}
+
+// In the order that the kernel wants.
+bool FileRights::grant(int fd, uid_t user) {
+    constexpr uint16_t kBoth = READ | WRITE;
+    const struct {
+        uint32_t version;
+        ListEntry entries[5];
+    } list = {kListVersion,
+              {{OWNER, kBoth, kNoId},
+               {ListTag::USER, kBoth, user},
+               {ListTag::OWNING_GROUP, 0, kNoId},
+               {MASK, kBoth, kNoId},
+               {OTHERS, 0, kNoId}}};
+    static_assert(sizeof(list) == sizeof(kListVersion) + sizeof(list.entries));
+    return ::fsetxattr(fd, kListName, &list, sizeof(list), 0) == 0;
 }
 
 // An entry for the user decides alone, also when a group of the user would be let in.

@@ -1,0 +1,107 @@
+#include "client/SegmentName.h"
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <sstream>
+
+#include "utils/StringHelper.h"
+
+namespace kelm::client {
+
+namespace {
+
+constexpr const char* kDirectory = "/dev/shm";  // where the names of shm_open() lie
+
+struct Process {
+    char state = 0;
+    int threads = 0;
+    uint64_t start = 0;  // in ticks since the machine started
+};
+
+// Nothing if the process is not there, or is hidden from this user.
+std::optional<Process> findProcess(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    // Its second field is a name in parentheses, which may hold any characters.
+    const size_t end = text.rfind(')');
+    if (end == text.npos) return std::nullopt;
+    std::istringstream fields(text.substr(end + 1));
+    const auto skip = [&fields](int count) {
+        for (std::string field; count > 0; --count) fields >> field;
+    };
+    Process process;
+    fields >> process.state;
+    skip(16);
+    fields >> process.threads;
+    skip(1);
+    fields >> process.start;
+    return fields ? std::optional(process) : std::nullopt;
+}
+
+// In doubt it lives. A process that has died stays as a zombie until its parent looks; one whose
+// first thread has ended before the others looks like that, too.
+bool isDead(pid_t pid, uint64_t start) {
+    if (::kill(pid, 0) != 0 && errno == ESRCH) return true;
+    const std::optional<Process> process = findProcess(pid);
+    if (!process || start == 0) return false;
+    return process->start != start || (process->state == 'Z' && process->threads <= 1);
+}
+
+// A number of its own for each namespace; 0 if the system does not tell.
+uint64_t pidNamespace() {
+    struct stat info {};
+    return ::stat("/proc/self/ns/pid", &info) == 0 ? info.st_ino : 0;
+}
+
+bool isLeftOver(const std::string& name, uint64_t ownNamespace) {
+    int pid = 0;
+    uint64_t space = 0;
+    uint64_t start = 0;
+    int length = 0;
+    // The widths keep the numbers within their types.
+    const int count = std::sscanf(name.c_str(), "kelm-%9d-%15lx-%15lx-%*16[0-9a-f]%n", &pid, &space,
+                                  &start, &length);
+    const bool isOurs = count == 3 && static_cast<size_t>(length) == name.size() && pid > 0;
+    return isOurs && space == ownNamespace && isDead(pid, start);
+}
+
+}  // namespace
+
+std::string SegmentName::make() {
+    static thread_local std::random_device device;
+    const pid_t pid = ::getpid();
+    const std::optional<Process> self = findProcess(pid);
+    // 64 random bits, so that a name is met by chance neither here nor by those who may not know
+    // it.
+    return StringHelper::format("/kelm-%d-%lx-%lx-%08x%08x", pid, pidNamespace(),
+                                self ? self->start : 0, device(), device());
+}
+
+// Each was made by this user, or it cannot be removed: the directory has the sticky bit. As root
+// the owner must be asked for, since root could remove all.
+void SegmentName::removeThoseOfDeadProcesses() {
+    const uint64_t ownNamespace = pidNamespace();
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(kDirectory, error), end; !error && at != end;
+         at.increment(error)) {
+        const std::string name = at->path().filename().string();
+        if (!isLeftOver(name, ownNamespace)) continue;
+        struct stat info {};
+        const bool isOwn = ::lstat(at->path().c_str(), &info) == 0 && info.st_uid == ::geteuid();
+        if (isOwn) (void)::shm_unlink(("/" + name).c_str());
+    }
+}
+
+}  // namespace kelm::client
