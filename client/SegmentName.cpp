@@ -16,12 +16,11 @@
 #include <random>
 #include <sstream>
 
-#include "utils/StringHelper.h"
-
 namespace kelm::client {
 
 namespace {
 
+constexpr size_t kMostBytes = 64;               // with the closing zero
 constexpr const char* kDirectory = "/dev/shm";  // where the names of shm_open() lie
 
 struct Process {
@@ -85,8 +84,10 @@ std::string SegmentName::make() {
     const std::optional<Process> self = findProcess(pid);
     // 64 random bits, so that a name is met by chance neither here nor by those who may not know
     // it.
-    return StringHelper::format("/kelm-%d-%lx-%lx-%08x%08x", pid, pidNamespace(),
-                                self ? self->start : 0, device(), device());
+    std::array<char, kMostBytes> name{};
+    (void)std::snprintf(name.data(), name.size(), "/kelm-%d-%lx-%lx-%08x%08x", pid, pidNamespace(),
+                        self ? self->start : 0, device(), device());
+    return name.data();
 }
 
 // Each was made by this user, or it cannot be removed: the directory has the sticky bit. As root
