@@ -206,9 +206,12 @@ bool SerialPool::waitForTurn() {
 
 void SerialPool::runOwnTurn() {
     do {
-        while (!m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0) {
-            // A task that may take long comes; light ones come in batches, whose work is shared.
-            if (m_weight == HEAVY || isNextForOwnThread()) OwedPools::settle();
+        for (int count = 1; !m_batch.empty() || !m_deferred.empty() || m_urgentSize.load() != 0;
+             ++count) {
+            // Before each task that may take long, and after a few light ones: no other thread may
+            // run what this one owes.
+            const bool isTime = count % kTasksBetweenLooks == 0;
+            if (m_weight == HEAVY || isTime || isNextForOwnThread()) OwedPools::settle();
             InlineTask task = takeNext();
             task.runLogged(m_name);
             task.reset();  // what it captured must not live until the next task comes

@@ -183,6 +183,24 @@ TEST_F(IPCTest, BufferedBytesCountAsReadyAndStarveNobody) {
     EXPECT_FALSE(first->hasBufferedData());
 }
 
+TEST_F(IPCTest, WakeEndsAWaitWhateverCameBefore) {
+    const RawPeer peer(channel.path);
+    const auto connection = channel.accept();
+    for (const size_t bytes : {1, 2, 3, 4, 5, 6}) {  // all but one of them out of the buffer
+        SCOPED_TRACE(bytes);
+        peer.send(std::string(bytes, 'a'));
+        for (size_t i = 0; i < bytes; ++i) {
+            ASSERT_TRUE(nextEvent());
+            (void)readByte(*connection);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        channel.poller->wake();
+        event.clear();
+        EXPECT_FALSE(channel.poller->wait(&event, 60000));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    }
+}
+
 // More than a socket holds.
 const std::string kLarge(4 << 20, 'x');
 constexpr int kLargeSize = 4 << 20;

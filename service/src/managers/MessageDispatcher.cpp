@@ -197,6 +197,7 @@ void MessageDispatcher::listenThreadRoutine() {
             handleTimers();
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the listen thread goes on after: %s", error.what());
+            OwedPools::handOver();
             std::this_thread::sleep_for(kErrorPause);  // a fault that stays must not take a core
         }
     }

@@ -61,9 +61,11 @@ void TaskManager::enqueueQueryTaskScheduler(const std::shared_ptr<KelmStatus>& s
 // A notice, as are those below: the threads of devices and schedulers post them, and one that
 // waited here for room could be the one that makes room.
 void TaskManager::enqueueDestroyTask(KelmTask* task) {
-    InlineTask end([this, task] { destroyTask(task); });
-    task->hasMappedTensors() ? m_destroyPool->postOwn(std::move(end))
-                             : m_destroyPool->postNotice(std::move(end));
+    InlineTask end([this, task] {
+        if (auto dying = m_registry.end(task)) finishTask(*dying);
+    });
+    task->mayWaitAtEnd() ? m_destroyPool->postOwn(std::move(end))
+                         : m_destroyPool->postNotice(std::move(end));
 }
 
 void TaskManager::enqueueReturnTask(KelmTask* task) {
@@ -109,6 +111,10 @@ void TaskManager::createTask(Request request, std::unique_ptr<KelmTaskParam> tas
     const KelmError refusal = admitTask(request, client, graph);
     if (refusal != KELM_OK) {
         sendCreateTaskResponse(nullptr, refusal, std::move(request));
+        if (taskParam->mayWaitAtEnd()) {
+            m_destroyPool->postOwn(
+                [taskParam = std::move(taskParam)]() mutable { taskParam.reset(); });
+        }
         return;
     }
     const uint64_t taskId = m_nextTaskId.fetch_add(1);
@@ -223,12 +229,18 @@ uint64_t TaskManager::getTaskOwner(const Request& request) {
 }
 
 void TaskManager::destroyTask(KelmTask* task) {
-    if (auto dying = m_registry.end(task)) finishTask(*dying);
+    if (auto dying = m_registry.end(task)) endTask(*dying);
 }
 
 // The last to touch a task: the caller must not read it afterwards.
 void TaskManager::unpinTask(KelmTask* task) {
-    if (auto dying = m_registry.unpin(task)) finishTask(*dying);
+    if (auto dying = m_registry.unpin(task)) endTask(*dying);
+}
+
+// Jobs of the first pool come here, which may be run by a thread that must not wait.
+void TaskManager::endTask(const TaskRegistry::DyingTask& dying) {
+    if (!dying.task->mayWaitAtEnd()) return finishTask(dying);
+    m_destroyPool->postOwn([this, dying] { finishTask(dying); });
 }
 
 // Runs on either pool. Removed from the counts only after the deletion: client and graph, which the

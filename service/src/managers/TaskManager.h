@@ -95,6 +95,8 @@ class TaskManager final : public Singleton<TaskManager>,
     void destroyTask(KelmTask* task);
     // The scheduler's answer has come: destroys the task if it only waited for that.
     void unpinTask(KelmTask* task);
+    // Finishes the task at once, or where that may take long.
+    void endTask(const TaskRegistry::DyingTask& dying);
     void finishTask(const TaskRegistry::DyingTask& dying);
 
     void queryTaskScheduler(const std::shared_ptr<KelmStatus>& status);

@@ -61,7 +61,7 @@ KelmTask::KelmTask(uint64_t id, KelmClient* client, KelmGraph* graph, KelmTaskPa
     m_graph->increaseTaskCount();
 }
 
-bool KelmTask::hasMappedTensors() const { return m_taskParam && m_taskParam->isMapped(); }
+bool KelmTask::mayWaitAtEnd() const { return m_taskParam && m_taskParam->mayWaitAtEnd(); }
 
 // The counts of client and graph are lowered after the last use of the two, which may be deleted
 // from then on.

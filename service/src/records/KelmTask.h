@@ -56,8 +56,8 @@ class KelmTask : public NonCopyable {
     const std::string& getClientName() const { return *m_clientName; }
     KelmGraph* getGraph() const { return m_graph; }
     KelmTaskParam* getTaskParam() const { return m_taskParam.get(); }
-    // Whether the end of the record unmaps memory.
-    bool hasMappedTensors() const;
+    // Whether the end of the record may take long, see KelmTaskParam.
+    bool mayWaitAtEnd() const;
     const KelmMsgReqInferTask& getCreateTaskRequest() const { return m_createTaskRequest; }
 
     // Only sets a flag: the scheduler, the worker or the manager that has the task next acts on it.

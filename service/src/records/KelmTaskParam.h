@@ -30,9 +30,13 @@ class KelmTaskParam : public NonCopyable {
     KelmBuffer& getOutputBuffer() { return m_outputBuffer; }
     KelmBuffer& getAuxBuffer() { return m_auxBuffer; }
     const PeerCredentials& getPeer() const { return *m_peer; }
-    // Whether its end unmaps memory, which takes longer than the rest of a task's end.
-    bool isMapped() const {
-        return m_inputBuffer.buffer != 0 || m_outputBuffer.buffer != 0 || m_auxBuffer.buffer != 0;
+    // Whether its end may take long: it unmaps memory, or closes descriptors of the client's, which
+    // may be of any kind.
+    bool mayWaitAtEnd() const {
+        for (const KelmBuffer* buffer : {&m_inputBuffer, &m_outputBuffer, &m_auxBuffer}) {
+            if (buffer->buffer != 0 || buffer->shareMemory != 0 || buffer->fd > 0) return true;
+        }
+        return false;
     }
     void setOutputBufferProvided(bool provided) { m_outputBufferProvided = provided; }
     void setAuxBufferProvided(bool provided) { m_auxBufferProvided = provided; }

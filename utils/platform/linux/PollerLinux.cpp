@@ -152,8 +152,8 @@ bool Poller::wait(PollEvent* pevt, int timeoutMillisec) {
     const bool lookOnly = m_bufferedInARow >= kBufferedInARow;
     m_bufferedInARow = 0;
     if (!lookOnly) return waitKernel(pevt, timeoutMillisec);
-    if (waitKernel(pevt, 0) || takeBuffered(pevt)) return true;
-    return waitKernel(pevt, timeoutMillisec);
+    // No wait behind the look, which may have taken a wake-up.
+    return waitKernel(pevt, 0) || takeBuffered(pevt);
 }
 
 bool Poller::waitKernel(PollEvent* event, int timeoutMillisec) {
