@@ -18,6 +18,8 @@ thread_local Current t_current;
 
 constexpr int kMostHelpedTasks = 256;
 constexpr int kTasksBetweenLooks = 8;  // at the clock
+// Light tasks of the own thread between two settlings: fewer would cost more wake-ups.
+constexpr int kOwnTasksInARow = 32;
 // Slots that an empty queue keeps; a burst beyond gives its memory back.
 constexpr size_t kSlotsToKeep = 1024;
 
@@ -210,7 +212,7 @@ void SerialPool::runOwnTurn() {
              ++count) {
             // Before each task that may take long, and after a few light ones: no other thread may
             // run what this one owes.
-            const bool isTime = count % kTasksBetweenLooks == 0;
+            const bool isTime = count % kOwnTasksInARow == 0;
             if (m_weight == HEAVY || isTime || isNextForOwnThread()) OwedPools::settle();
             InlineTask task = takeNext();
             task.runLogged(m_name);
