@@ -14,7 +14,7 @@ namespace kelm::client {
 // Lets the account that the service runs as at the segments of requests, whatever the umask and the
 // groups of this process are.
 //
-// Threads: any. Locks: m_mutex, a leaf; not held while the callback runs.
+// Threads: any. Owns: the callback. Locks: m_mutex, a leaf; not held while that runs.
 class ServiceAccess {
  public:
     // Of a connected socket, and of the file that it was connected by.

@@ -9,6 +9,8 @@ namespace kelm::client {
 
 // The slots of one inference, which the pool gives to nobody else while this exists. Those that are
 // written into belong to this inference alone, until it is settled; without that, for good.
+//
+// Threads: one at a time. Owns: a share of each slot.
 class SlotHold {
  public:
     SlotHold() = default;

@@ -19,7 +19,7 @@ namespace kelm::ctl {
 // ended by force, since the service may hang.
 //
 // Threads: one of its own, which takes the signals; made before any other thread of the process.
-// Locks: m_mutex, a leaf.
+// Owns: its thread, the queue of signals, a share of the service. Locks: m_mutex, a leaf.
 class Interruption {
  public:
     Interruption();

@@ -12,6 +12,8 @@ namespace kelm::ctl {
 
 // Signals as a descriptor. Made before any thread, so that no thread is interrupted by them;
 // children inherit that they are blocked, and get them through a queue of their own.
+//
+// Threads: one reads. Owns: the descriptor.
 class SignalQueue {
  public:
     explicit SignalQueue(std::initializer_list<int> signals) {

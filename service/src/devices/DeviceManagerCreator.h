@@ -13,6 +13,7 @@
 #include "utils/SerialPool.h"
 #include "utils/Singleton.h"
 #include "utils/ThreadPool.h"
+
 namespace kelm {
 
 class DeviceManager;
