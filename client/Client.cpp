@@ -10,6 +10,7 @@
 #include "client/ClientImpl.h"
 #include "client/ConnectError.h"
 #include "client/Decode.h"
+#include "client/PreparedInfer.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -165,7 +166,22 @@ Result<BufferSizes> Client::queryBufferSize(uint64_t graphId, Deadline deadline)
 
 void Client::inferAsync(const InferRequest& request, const InferCallback& done,
                         AcceptCallback accepted, Deadline deadline) {
-    m_impl->infer(request, done, std::move(accepted), deadline);
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    auto infer = PreparedInfer::make(request);
+    if (infer) {
+        auto& [message, claim] = infer.value();
+        return m_impl->infer(message, std::move(claim), done, std::move(accepted), end);
+    }
+    InferResult refused;
+    refused.error = infer.error();
+    refused.cookie0 = request.cookie0;
+    refused.cookie1 = request.cookie1;
+    done(refused);
+}
+
+void Client::inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+                        std::chrono::steady_clock::time_point end) {
+    m_impl->infer(infer.message, infer.claim, std::move(done), std::move(accepted), end);
 }
 
 std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {
@@ -221,7 +237,24 @@ Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) 
     return decodeStatus(*response);
 }
 
+Error Client::resetDevice(uint32_t deviceId, Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ, clientId());
+    request.deviceId = deviceId;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "reset device", deadline);
+    return answer ? Error() : answer.error();
+}
+
+Error Client::resetAllDevices(Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ, clientId());
+    request.resetAllDevices = 1;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "reset devices", deadline);
+    return answer ? Error() : answer.error();
+}
+
 void Client::onWarning(WarningCallback callback) { m_impl->onWarning(std::move(callback)); }
+
+void Client::onLost(LostCallback callback) { m_impl->onLost(std::move(callback)); }
+void Client::hangUp() { m_impl->hangUp(); }
 
 uint64_t Client::clientId() const { return m_impl->clientId(); }
 bool Client::isConnected() const { return m_impl->isConnected(); }

@@ -74,6 +74,12 @@ using AcceptCallback = std::function<void(uint64_t taskId)>;
 // Called with what goes on in another way than wanted, on the thread of the call.
 using WarningCallback = std::function<void(const std::string& text)>;
 
+// Called once when the connection is lost, behind the ends of all calls, on a thread of the client
+// that must not destroy it.
+using LostCallback = std::function<void()>;
+
+class PreparedInfer;
+
 // A connection to the service, one per process, shared by its threads.
 //
 // Every call takes a deadline and ends with an error that says what to do. When the connection is
@@ -111,6 +117,9 @@ class Client {
     std::future<InferResult> inferAsync(const InferRequest& request,
                                         Deadline deadline = kDefaultDeadline);
     InferResult infer(const InferRequest& request, Deadline deadline = kDefaultDeadline);
+    // The same for a request that may be sent again if the service refuses it: its claim stays.
+    void inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+                    std::chrono::steady_clock::time_point end);
 
     // True if the task was still waiting: its call has then ended with kCanceled. False: it runs
     // on.
@@ -121,9 +130,18 @@ class Client {
     Result<ServiceStatus> queryStatus(StatusParts parts = StatusParts::all(),
                                       Deadline deadline = kDefaultDeadline);
 
+    // Tasks in flight on the device are tried again elsewhere.
+    Error resetDevice(uint32_t deviceId, Deadline deadline = kGraphDeadline);
+    Error resetAllDevices(Deadline deadline = kGraphDeadline);
+
     // Each warning comes once a connection; without a callback it is dropped. To be set before the
     // first inference.
     void onWarning(WarningCallback callback);
+
+    // To be set before the first call; a connection that is lost by then is not told.
+    void onLost(LostCallback callback);
+    // Ends the connection: pending calls end, writes that wait do not go on. From any thread.
+    void hangUp();
 
     uint64_t clientId() const;
     bool isConnected() const;

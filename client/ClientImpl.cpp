@@ -5,7 +5,6 @@
 
 #include "protocol/src/KelmProtocol.h"
 #include "utils/IPC.h"
-#include "utils/StringHelper.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::client {
@@ -17,37 +16,6 @@ struct Answer {
     MessagePtr message;
     Error error;
 };
-
-void fillBuffer(KelmBuffer& buffer, const Tensor& tensor) {
-    if (tensor.kind == Tensor::Kind::kNone) return;
-    buffer.size = tensor.size;
-    if (tensor.kind == Tensor::Kind::kDescriptor) {
-        buffer.type = KELM_BUFFER_ION;
-        buffer.fd = tensor.fd;
-    } else {
-        buffer.type = KELM_BUFFER_SHARE_MEMORY;
-        StringHelper::copyStringSafe(buffer.name, tensor.name);
-    }
-}
-
-KelmMsgReqInferTask makeInferRequest(uint64_t clientId, uint64_t sequence,
-                                     const InferRequest& request) {
-    KelmMsgReqInferTask message{};
-    message.head.base.type = KELM_MESSAGE_INFER_TASK_REQ;
-    message.head.base.size = sizeof(message);
-    message.head.reqSeqNo = sequence;
-    message.head.needResponse = 1;
-    message.clientId = clientId;
-    message.graphId = request.graphId;
-    message.taskCookie0 = request.cookie0;
-    message.taskCookie1 = request.cookie1;
-    fillBuffer(message.inputBuffer, request.input);
-    fillBuffer(message.outputBuffer, request.output);
-    fillBuffer(message.auxBuffer, request.aux);
-    message.auxBuffer.auxFlags = request.auxFlags;
-    message.auxBuffer.auxRequested = request.aux.kind != Tensor::Kind::kNone ? 1 : 0;
-    return message;
-}
 
 }  // namespace
 
@@ -67,6 +35,13 @@ Client::Impl::~Impl() {
     m_pending.closeAll(Error::connectionLost());
     m_connection->close();
 }
+
+void Client::Impl::onLost(LostCallback callback) {
+    MutexLock lock(m_lostMutex);
+    m_onLost = std::move(callback);
+}
+
+void Client::Impl::hangUp() { m_connection->shutdown(); }
 
 Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Deadline deadline) {
     const Clock::time_point end = Clock::now() + deadline;
@@ -96,23 +71,22 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
 
 // The callback runs in each case, here at the latest: a caller never waits for a request that was
 // not taken.
-void Client::Impl::infer(const InferRequest& request, const InferCallback& done,
-                         AcceptCallback accepted, Deadline deadline) {
-    const Clock::time_point end = Clock::now() + deadline;
-    const uint64_t sequence = nextSequence();
-    KelmMsgReqInferTask message = makeInferRequest(clientId(), sequence, request);
-    Error refused = isConnected()
-                        ? m_pending.addInfer(sequence, end, request, done, std::move(accepted))
-                        : Error::connectionLost();
-    if (refused) {
+void Client::Impl::infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
+                         InferCallback done, AcceptCallback accepted, Clock::time_point end) {
+    message.head.reqSeqNo = nextSequence();
+    message.clientId = clientId();
+    m_access.letIn(claim.get());
+    if (!isConnected() ||
+        !m_pending.addInfer(end, message, std::move(claim), done, std::move(accepted))) {
         InferResult result;
-        result.error = std::move(refused);
-        result.cookie0 = request.cookie0;
-        result.cookie1 = request.cookie1;
+        result.error = Error::connectionLost();
+        result.cookie0 = message.taskCookie0;
+        result.cookie1 = message.taskCookie1;
         return done(result);
     }
-    m_access.letIn(request);
-    if (const Error error = send(message.head.base, end)) m_pending.fail(sequence, error);
+    if (const Error error = send(message.head.base, end)) {
+        m_pending.fail(message.head.reqSeqNo, error);
+    }
 }
 
 Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
@@ -149,6 +123,12 @@ void Client::Impl::readRoutine() {
     while (MessagePtr message{kelmReceiveMessage(m_socket)}) dispatch(std::move(message));
     m_connected.store(false);  // first, so that a callback below sees the loss
     m_pending.closeAll(Error::connectionLost());
+    LostCallback lost;
+    {
+        MutexLock lock(m_lostMutex);
+        lost = m_onLost;
+    }
+    if (lost) lost();
 }
 
 // On the reader's thread, as the callbacks that it runs: one that waits for an answer would wait

@@ -23,7 +23,7 @@ namespace kelm::client {
 //
 // Threads: any may call; callbacks run on the reading and the deadline thread.
 // Owns: the connection, the reading thread "KelmReader" and the pending calls.
-// Locks: m_sendMutex, a leaf; not held while writing.
+// Locks: m_sendMutex and m_lostMutex, leaves; not held while writing or in a callback.
 class Client::Impl {
  public:
     using Clock = PendingCalls::Clock;
@@ -34,8 +34,11 @@ class Client::Impl {
 
     // Sends a request that has an answer and waits for it. `what` names the call in a timeout.
     Result<MessagePtr> call(KelmMsgReq& request, const char* what, Deadline deadline);
-    void infer(const InferRequest& request, const InferCallback& done, AcceptCallback accepted,
-               Deadline deadline);
+    // Fills in client id and sequence number.
+    void infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim, InferCallback done,
+               AcceptCallback accepted, Clock::time_point end);
+    void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
+    void hangUp();
     void onWarning(WarningCallback callback) { m_access.onWarning(std::move(callback)); }
 
     bool isConnected() const { return m_connected.load(); }
@@ -48,7 +51,7 @@ class Client::Impl {
     Error send(KelmMsgBase& message, Clock::time_point deadline) EXCLUDES(m_sendMutex);
     // A write that is stuck past its deadline left half a request behind: the connection is lost.
     void giveUpStuckSend() EXCLUDES(m_sendMutex);
-    void readRoutine();
+    void readRoutine() EXCLUDES(m_lostMutex);
     void dispatch(MessagePtr message);
 
     const std::shared_ptr<IPC::ConnectionUDS> m_connection;
@@ -63,6 +66,9 @@ class Client::Impl {
     CondVar m_sendTurn;
     bool m_sending GUARDED_BY(m_sendMutex) = false;
     Clock::time_point m_sendDeadline GUARDED_BY(m_sendMutex);
+
+    Mutex m_lostMutex;
+    LostCallback m_onLost GUARDED_BY(m_lostMutex);
 
     PendingCalls m_pending;
     std::thread m_reader;

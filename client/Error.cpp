@@ -123,6 +123,12 @@ std::string Error::name() const {
             return "system error";
         case ErrorKind::kBusy:
             return "busy";
+        case ErrorKind::kExpired:
+            return "expired";
+        case ErrorKind::kInvalidArgument:
+            return "invalid argument";
+        case ErrorKind::kOutOfMemory:
+            return "out of memory";
     }
     return "unknown";
 }

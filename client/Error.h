@@ -11,13 +11,16 @@ namespace kelm::client {
 // Where a call failed.
 enum class ErrorKind {
     kNone,
-    kService,         // the service answered with a KELM_ code
-    kTimeout,         // the deadline passed
-    kConnectionLost,  // the service went away; every pending call ends with this
-    kNotConnected,    // no connection, or not registered yet
-    kCanceled,        // the task was taken back before it ran
-    kSystem,          // the operating system refused something
-    kBusy,            // a slot, or all slots of a pool, belong to tasks that have not ended
+    kService,          // the service answered with a KELM_ code
+    kTimeout,          // the deadline passed
+    kConnectionLost,   // the service went away; every pending call ends with this
+    kNotConnected,     // no connection, or not registered yet
+    kCanceled,         // the task was taken back before it ran
+    kSystem,           // the operating system refused something
+    kBusy,             // a slot, or all slots of a pool, belong to tasks that have not ended
+    kExpired,          // the deadline passed before the task was sent
+    kInvalidArgument,  // a mistake of the caller
+    kOutOfMemory,
 };
 
 // The calls that some codes of the service mean different things for.

@@ -26,34 +26,26 @@ bool PendingCalls::addCall(uint64_t sequence, const char* what, Clock::time_poin
     entry.deadline = deadline;
     entry.what = what;
     entry.reply = std::move(reply);
-    return add(sequence, entry);
+    return add(sequence, std::move(entry));
 }
 
-Error PendingCalls::addInfer(uint64_t sequence, Clock::time_point deadline,
-                             const InferRequest& request, InferCallback done,
-                             AcceptCallback accepted) {
-    std::optional<SlotHold> slots = SlotHold::claim(request);
-    if (!slots) {
-        return {ErrorKind::kBusy, 0,
-                "a task that has not ended may still write into the slot; wait for its end or "
-                "acquire another slot"};
-    }
+bool PendingCalls::addInfer(Clock::time_point deadline, const KelmMsgReqInferTask& message,
+                            std::shared_ptr<SlotClaim> claim, InferCallback done,
+                            AcceptCallback accepted) {
     Entry entry;
-    entry.slots = std::move(*slots);
+    entry.claim = std::move(claim);
     entry.deadline = deadline;
     // Both latencies begin here, before the request is sent.
     entry.start = Clock::now();
     entry.what = "the inference";
     entry.done = std::move(done);
     entry.accepted = std::move(accepted);
-    entry.result.cookie0 = request.cookie0;
-    entry.result.cookie1 = request.cookie1;
-    if (add(sequence, entry)) return {};
-    entry.slots.settle();
-    return Error::connectionLost();
+    entry.result.cookie0 = message.taskCookie0;
+    entry.result.cookie1 = message.taskCookie1;
+    return add(message.head.reqSeqNo, std::move(entry));
 }
 
-bool PendingCalls::add(uint64_t sequence, Entry& entry) {
+bool PendingCalls::add(uint64_t sequence, Entry entry) {
     bool wake = false;
     {
         MutexLock lock(m_mutex);
@@ -107,7 +99,7 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
 void PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
     std::optional<Entry> entry = take(sequence);
     if (!entry) return;
-    entry->slots.settle();  // first: the callback may submit with the same slot
+    entry->claim.reset();  // first: the callback may submit with the same slot
     if (!entry->done) return;
     entry->result.taskId = taskId;
     entry->result.resultLatency = Clock::now() - entry->start;
@@ -131,12 +123,12 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
 void PendingCalls::fail(uint64_t sequence, const Error& error) {
     std::optional<Entry> entry = take(sequence);
     if (!entry) return;
-    entry->slots.settle();
+    entry->claim.reset();
     end(*entry, error);
 }
 
 // The callbacks run outside the lock, so that one may submit again: it is refused, and nothing
-// waits for itself. Slots are not settled: the tasks may run on for a moment.
+// waits for itself. Slots stay claimed: the tasks may run on for a moment.
 void PendingCalls::closeAll(const Error& error) {
     Entries entries;
     {
@@ -144,7 +136,10 @@ void PendingCalls::closeAll(const Error& error) {
         m_closed = true;
         std::swap(entries, m_entries);  // m_closed is set under the same lock: none comes after it
     }
-    for (auto& [sequence, entry] : entries) end(entry, error);
+    for (auto& [sequence, entry] : entries) {
+        if (entry.claim) entry.claim->abandon();
+        end(entry, error);
+    }
 }
 
 // A walk over all: the time of the next check may be that of an entry that has ended since.
@@ -162,12 +157,12 @@ std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_poi
     overdue.reserve(sequences.size());
     for (const uint64_t sequence : sequences) {
         Entry& entry = overdue.emplace_back(*m_entries.take(sequence));
-        if (!entry.slots) continue;
+        if (!entry.claim) continue;
         // The task may still run and write its result.
         Entry late;
         late.deadline = Clock::time_point::max();
         late.result.taskId = entry.result.taskId;
-        late.slots = std::move(entry.slots);
+        late.claim = std::move(entry.claim);
         m_entries.insert(sequence, std::move(late));
     }
     return overdue;

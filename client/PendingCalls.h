@@ -3,12 +3,14 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "client/Client.h"
-#include "client/SlotHold.h"
+#include "client/SlotClaim.h"
+#include "protocol/src/KelmMessage.h"
 #include "protocol/src/MessagePtr.h"
 #include "utils/Mutex.h"
 #include "utils/RecycledMap.h"
@@ -33,9 +35,9 @@ class PendingCalls {
 
     // False after closeAll(): the entry was not taken and nothing will be called.
     bool addCall(uint64_t sequence, const char* what, Clock::time_point deadline, Reply reply);
-    // Also takes the slots of the request, or ends with kBusy. Nothing is called after an error.
-    Error addInfer(uint64_t sequence, Clock::time_point deadline, const InferRequest& request,
-                   InferCallback done, AcceptCallback accepted);
+    // The same for an inference, with its claim on its slots, which is kept until its end is known.
+    bool addInfer(Clock::time_point deadline, const KelmMsgReqInferTask& message,
+                  std::shared_ptr<SlotClaim> claim, InferCallback done, AcceptCallback accepted);
 
     // A response has come; one for which nothing waits is dropped.
     void finishCall(uint64_t sequence, MessagePtr answer);
@@ -57,12 +59,11 @@ class PendingCalls {
         InferCallback done;  // set for inferences
         AcceptCallback accepted;
         InferResult result;
-        SlotHold slots;
+        std::shared_ptr<SlotClaim> claim;
     };
     using Entries = RecycledMap<uint64_t, Entry>;
 
-    // False after closeAll(); the entry is left as it is then.
-    bool add(uint64_t sequence, Entry& entry) EXCLUDES(m_mutex);
+    bool add(uint64_t sequence, Entry entry) EXCLUDES(m_mutex);
     std::optional<Entry> take(uint64_t sequence) EXCLUDES(m_mutex);
     static void end(Entry& entry, const Error& error);
     void deadlineRoutine() EXCLUDES(m_mutex);

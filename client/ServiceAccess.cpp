@@ -19,10 +19,10 @@ ServiceAccess::ServiceAccess(int socket, const std::string& path) {
     if (::stat(path.c_str(), &info) == 0) m_group = info.st_gid;
 }
 
-void ServiceAccess::letIn(const InferRequest& request) {
-    if (m_account < 0) return;
-    for (const Tensor* tensor : {&request.input, &request.output, &request.aux}) {
-        if (tensor->slot) letIn(*tensor->slot);
+void ServiceAccess::letIn(const SlotClaim* claim) {
+    if (m_account < 0 || claim == nullptr) return;
+    for (const auto* slot : {&claim->input(), &claim->output(), &claim->aux()}) {
+        if (*slot) letIn(**slot);
     }
 }
 
@@ -30,8 +30,9 @@ void ServiceAccess::letIn(const InferRequest& request) {
 // given.
 void ServiceAccess::letIn(TensorSlot& slot) {
     if (slot.m_letIn.load() == m_account) return;
-    letIn(*slot.m_input);
-    letIn(*slot.m_output);
+    for (const auto* segment : {&slot.m_input, &slot.m_output, &slot.m_aux}) {
+        if (*segment) letIn(**segment);
+    }
     slot.m_letIn.store(m_account);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "client/Client.h"
+#include "client/SlotClaim.h"
 #include "utils/Mutex.h"
 
 namespace kelm::client {
@@ -20,9 +21,9 @@ class ServiceAccess {
     // Of a connected socket, and of the file that it was connected by.
     ServiceAccess(int socket, const std::string& path);
 
-    // Before the request is sent. What cannot be given is told as a warning, each text once: the
-    // service may have other rights, and tells if not.
-    void letIn(const InferRequest& request) EXCLUDES(m_mutex);
+    // Before the request is sent; null: no slots. What cannot be given is told as a warning, each
+    // text once: the service may have other rights, and tells if not.
+    void letIn(const SlotClaim* claim) EXCLUDES(m_mutex);
     void onWarning(WarningCallback callback) EXCLUDES(m_mutex);
 
  private:

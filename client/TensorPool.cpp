@@ -8,20 +8,38 @@
 
 namespace kelm::client {
 
-TensorSlot::TensorSlot(std::unique_ptr<SharedSegment> input, std::unique_ptr<SharedSegment> output)
-    : m_input(std::move(input)), m_output(std::move(output)) {}
-TensorSlot::~TensorSlot() = default;
+namespace {
 
-std::span<std::byte> TensorSlot::input() const { return m_input->bytes(); }
-std::span<std::byte> TensorSlot::output() const { return m_output->bytes(); }
-
-Tensor TensorSlot::inputTensor() {
-    return {Tensor::Kind::kSharedMemory, m_input->name(), -1, m_input->bytes().size(),
-            shared_from_this()};
+std::span<std::byte> bytesOf(const std::unique_ptr<SharedSegment>& segment) {
+    return segment ? segment->bytes() : std::span<std::byte>();
 }
 
-Tensor TensorSlot::outputTensor() {
-    return {Tensor::Kind::kSharedMemory, m_output->name(), -1, m_output->bytes().size(),
+const std::string& nameOf(const std::unique_ptr<SharedSegment>& segment) {
+    static const std::string none;
+    return segment ? segment->name() : none;
+}
+
+}  // namespace
+
+TensorSlot::TensorSlot(Segment input, Segment output, Segment aux)
+    : m_input(std::move(input)), m_output(std::move(output)), m_aux(std::move(aux)) {}
+TensorSlot::~TensorSlot() = default;
+
+std::span<std::byte> TensorSlot::input() const { return bytesOf(m_input); }
+std::span<std::byte> TensorSlot::output() const { return bytesOf(m_output); }
+std::span<std::byte> TensorSlot::aux() const { return bytesOf(m_aux); }
+
+const std::string& TensorSlot::inputName() const { return nameOf(m_input); }
+const std::string& TensorSlot::outputName() const { return nameOf(m_output); }
+const std::string& TensorSlot::auxName() const { return nameOf(m_aux); }
+
+Tensor TensorSlot::inputTensor() { return tensorOf(m_input); }
+Tensor TensorSlot::outputTensor() { return tensorOf(m_output); }
+Tensor TensorSlot::auxTensor() { return tensorOf(m_aux); }
+
+Tensor TensorSlot::tensorOf(const Segment& segment) {
+    if (!segment) return {};
+    return {Tensor::Kind::kSharedMemory, segment->name(), -1, segment->bytes().size(),
             shared_from_this()};
 }
 
@@ -60,8 +78,11 @@ struct TensorPool::State {
     std::vector<std::unique_ptr<TensorSlot>> free GUARDED_BY(mutex);
 };
 
-TensorPool::TensorPool(size_t inputSize, size_t outputSize, size_t maxSlots)
-    : m_inputSize(inputSize), m_outputSize(outputSize), m_state(std::make_shared<State>(maxSlots)) {
+TensorPool::TensorPool(size_t inputSize, size_t outputSize, size_t maxSlots, size_t auxSize)
+    : m_inputSize(inputSize),
+      m_outputSize(outputSize),
+      m_auxSize(auxSize),
+      m_state(std::make_shared<State>(maxSlots)) {
     SegmentName::removeThoseOfDeadProcesses();
 }
 
@@ -74,6 +95,22 @@ TensorPool::~TensorPool() {
     free.swap(m_state->free);
 }
 
+Result<std::unique_ptr<TensorSlot>> TensorPool::makeSlot() const {
+    struct Part {
+        size_t size;
+        const char* role;
+        TensorSlot::Segment segment;
+    } parts[] = {{m_inputSize, "input", {}}, {m_outputSize, "output", {}}, {m_auxSize, "aux", {}}};
+    for (Part& part : parts) {
+        if (part.size == 0) continue;
+        auto segment = SharedSegment::create(part.size, part.role);
+        if (!segment) return segment.error();
+        part.segment = std::move(segment).value();
+    }
+    return std::unique_ptr<TensorSlot>(new TensorSlot(
+        std::move(parts[0].segment), std::move(parts[1].segment), std::move(parts[2].segment)));
+}
+
 Result<TensorPool::Handle> TensorPool::acquire() {
     std::unique_ptr<TensorSlot> slot;
     if (!m_state->take(slot)) {
@@ -84,13 +121,12 @@ Result<TensorPool::Handle> TensorPool::acquire() {
                          "larger");
     }
     if (!slot) {
-        auto input = SharedSegment::create(m_inputSize, "input");
-        auto output = SharedSegment::create(m_outputSize, "output");
-        if (!input || !output) {
+        auto made = makeSlot();
+        if (!made) {
             m_state->giveBack(nullptr, false);
-            return input ? output.error() : input.error();
+            return made.error();
         }
-        slot.reset(new TensorSlot(std::move(input).value(), std::move(output).value()));
+        slot = std::move(made).value();
     }
     // Keeps the state and not the pool, which may be destroyed before the last slot comes back.
     const auto back = [state = m_state](TensorSlot* used) {

@@ -13,7 +13,7 @@ namespace kelm::client {
 
 class ServiceAccess;
 class SharedSegment;
-class SlotHold;
+class SlotClaim;
 class TensorSlot;
 
 // How one tensor reaches the service: by the name of a shared memory object, or by a descriptor
@@ -30,7 +30,8 @@ struct Tensor {
     std::shared_ptr<TensorSlot> slot = nullptr;
 };
 
-// The buffers of one inference: named shared memory, mapped for reading and writing.
+// The buffers of one inference: named shared memory, mapped for reading and writing. Each may have
+// 0 bytes, and is then not there: its tensor is of kind kNone.
 //
 // A request keeps the slots of its tensors until the service has told the end of its task, also
 // when the call has ended at its deadline: a late result is still written. Until then a further
@@ -46,27 +47,36 @@ class TensorSlot : public std::enable_shared_from_this<TensorSlot> {
 
     std::span<std::byte> input() const;
     std::span<std::byte> output() const;
+    std::span<std::byte> aux() const;
     Tensor inputTensor();
     Tensor outputTensor();
+    Tensor auxTensor();
+    // The names of the buffers' objects; empty for one of 0 bytes.
+    const std::string& inputName() const;
+    const std::string& outputName() const;
+    const std::string& auxName() const;
 
  private:
     friend class ServiceAccess;
-    friend class SlotHold;
+    friend class SlotClaim;
     friend class TensorPool;
-    TensorSlot(std::unique_ptr<SharedSegment> input, std::unique_ptr<SharedSegment> output);
+    using Segment = std::unique_ptr<SharedSegment>;  // null for a buffer of 0 bytes
+    TensorSlot(Segment input, Segment output, Segment aux);
+    Tensor tensorOf(const Segment& segment);
 
-    const std::unique_ptr<SharedSegment> m_input;
-    const std::unique_ptr<SharedSegment> m_output;
+    const Segment m_input;
+    const Segment m_output;
+    const Segment m_aux;
     // Atomics: flags that stand for themselves. Whether a task may still write into the slot, and
     // the user besides the owner who has been let in, if any.
     std::atomic<bool> m_awaited{false};
     std::atomic<int64_t> m_letIn{-1};
 };
 
-// Slots of one input and output size. A slot is made when first needed, and used again once its
-// handle and its tensors are destroyed and no task may write into it; all are removed with the pool
-// and the last handle. Their memory is open to this process's user only, and to the account of the
-// service that a request with them is sent to.
+// Slots of one input, output and auxiliary size. A slot is made when first needed, and used again
+// once its handle and its tensors are destroyed and no task may write into it; all are removed with
+// the pool and the last handle. Their memory is open to this process's user only, and to the
+// account of the service that a request with them is sent to.
 //
 // What killed processes of the same user have left in shared memory is removed with each pool made.
 //
@@ -78,7 +88,8 @@ class TensorPool {
     static constexpr size_t kDefaultSlots = 1024;
 
     // At most `maxSlots` are there at a time; those kept for tasks that have timed out count.
-    TensorPool(size_t inputSize, size_t outputSize, size_t maxSlots = kDefaultSlots);
+    TensorPool(size_t inputSize, size_t outputSize, size_t maxSlots = kDefaultSlots,
+               size_t auxSize = 0);
     ~TensorPool();
 
     // A free slot, or a new one. kBusy when all are in use, kSystem when shared memory cannot be
@@ -87,8 +98,11 @@ class TensorPool {
 
  private:
     struct State;
+    Result<std::unique_ptr<TensorSlot>> makeSlot() const;
+
     const size_t m_inputSize;
     const size_t m_outputSize;
+    const size_t m_auxSize;
     const std::shared_ptr<State> m_state;
 };
 

@@ -8,7 +8,6 @@ install(FILES config/kelm_service.config DESTINATION config)
 
 # The client library as libkelm, with the static libraries below it. Its headers include one another
 # as "client/...", so the folder keeps its name; pkg-config knows the rest.
-set_target_properties(kelm_client PROPERTIES OUTPUT_NAME kelm)
 foreach(library client protocol utils)
     install(TARGETS kelm_${library} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endforeach()

@@ -5,7 +5,10 @@ target_compile_options(kelm_flags INTERFACE
     -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wfloat-conversion -Werror
     # Both compilers must take the same scheduling decisions from the same floats.
     -ffp-contract=off
-    -fno-omit-frame-pointer)
+    -fno-omit-frame-pointer
+    # Everything may become part of the shared library; nothing of it is replaced at run time.
+    -fno-semantic-interposition)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 target_include_directories(kelm_flags INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/service/src)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_compile_options(kelm_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
@@ -20,6 +23,11 @@ if(KELM_SANITIZE)
     if(KELM_SANITIZE MATCHES "undefined")
         target_compile_options(kelm_flags INTERFACE -fsanitize=float-cast-overflow)
     endif()
+endif()
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # Unique symbols could not be made local in the static library.
+    target_compile_options(kelm_flags INTERFACE -fno-gnu-unique)
 endif()
 
 find_program(KELM_CCACHE ccache)

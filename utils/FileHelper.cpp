@@ -12,11 +12,6 @@
 
 namespace fs = boost::filesystem;
 
-bool FileHelper::exist(const char* path) {
-    struct stat info {};
-    return path != nullptr && ::stat(path, &info) == 0;
-}
-
 bool FileHelper::exist(const std::string& path) { return !path.empty() && exist(path.c_str()); }
 
 // A short file is no failure: the rest of the buffer stays as it was.

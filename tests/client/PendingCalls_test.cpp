@@ -1,5 +1,6 @@
 #include "client/PendingCalls.h"
 
+#include "client/PreparedInfer.h"
 #include "fakes/Eventually.h"
 #include "protocol/src/KelmError.h"
 
@@ -14,14 +15,15 @@ constexpr std::chrono::hours kNever{1};
 class PendingCallsTest : public ::testing::Test {
  protected:
     bool addInfer(uint64_t sequence, Clock::duration time = kNever) {
-        InferRequest request;
-        request.cookie0 = 100 + sequence;
+        KelmMsgReqInferTask message{};
+        message.head.reqSeqNo = sequence;
+        message.taskCookie0 = 100 + sequence;
         const auto end = [this, sequence](const InferResult& result) {
             EXPECT_EQ(result.cookie0, 100 + sequence);
             MutexLock lock(m_mutex);
             m_kinds.push_back(result.error.kind());
         };
-        return !m_calls.addInfer(sequence, Clock::now() + time, request, end, {});
+        return m_calls.addInfer(Clock::now() + time, message, nullptr, end, {});
     }
     // How calls have ended, in order.
     std::vector<ErrorKind> kinds() {
@@ -96,7 +98,12 @@ TEST_F(PendingCallsTest, CallbackMaySubmitWithTheSameSlot) {
     TensorPool pool(1, 1);
     const InferRequest request{.output = pool.acquire().value()->outputTensor()};
     const auto submit = [&](uint64_t sequence, const InferCallback& end) {
-        return m_calls.addInfer(sequence, Clock::now() + kNever, request, end, {});
+        auto infer = PreparedInfer::make(request);
+        if (!infer) return infer.error();
+        auto& [message, claim] = infer.value();
+        message.head.reqSeqNo = sequence;
+        EXPECT_TRUE(m_calls.addInfer(Clock::now() + kNever, message, std::move(claim), end, {}));
+        return Error();
     };
     Error second(ErrorKind::kTimeout, 0, "");
     const auto submitNext = [&](const InferResult&) { second = submit(2, {}); };

@@ -3,14 +3,14 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/kelmctl/FileBytes.h"
+#include "client/FileBytes.h"
 
 namespace kelm::ctl {
 
 // An empty request for a graph would be taken for one by path.
 GraphFile::GraphFile(std::string path, bool byPath) : m_path(std::move(path)), m_byPath(byPath) {
     if (m_byPath) return;
-    m_bytes = readFileBytes(m_path);
+    m_bytes = client::readFileBytes(m_path);
     if (m_bytes.empty()) throw std::runtime_error("the graph file " + m_path + " is empty");
 }
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "client/Client.h"
-#include "tools/kelmctl/FileBytes.h"
+#include "client/FileBytes.h"
 #include "tools/kelmctl/GraphFile.h"
 #include "tools/kelmctl/Interruption.h"
 #include "tools/kelmctl/UsageError.h"
@@ -55,7 +55,7 @@ void runTask(client::Client& service, const client::Graph& graph, std::span<cons
 
 void infer(const InferOptions& options, Interruption& interruption) {
     const client::Deadline deadline(static_cast<int64_t>(options.timeout * 1000.0));
-    const std::vector<std::byte> input = readFileBytes(options.input);
+    const std::vector<std::byte> input = client::readFileBytes(options.input);
     const GraphFile file(options.graph, options.graphByPath);
     const std::shared_ptr<client::Client> service = take(client::Client::connect());
     service->onWarning([](const std::string& text) { std::cerr << "kelmctl: " << text << "\n"; });

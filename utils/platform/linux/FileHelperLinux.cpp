@@ -41,6 +41,11 @@ const char* orNoChange(const std::string& name) {
 
 }  // namespace
 
+bool FileHelper::exist(const char* path) {
+    struct stat info {};
+    return path != nullptr && ::stat(path, &info) == 0;
+}
+
 bool FileHelper::changeFileMode(const char* path, int mode) {
     if (!isExistingFile(path)) return false;
     return mode < 0 || ::chmod(path, static_cast<mode_t>(mode)) == 0;

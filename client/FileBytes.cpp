@@ -1,4 +1,4 @@
-#include "tools/kelmctl/FileBytes.h"
+#include "client/FileBytes.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 
 #include "utils/UniqueFd.h"
 
-namespace kelm::ctl {
+namespace kelm::client {
 
 namespace {
 
@@ -41,4 +41,4 @@ std::vector<std::byte> readFileBytes(const std::string& path) {
     return bytes;
 }
 
-}  // namespace kelm::ctl
+}  // namespace kelm::client

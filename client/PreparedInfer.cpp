@@ -1,0 +1,67 @@
+#include "client/PreparedInfer.h"
+
+#include <utility>
+
+#include "client/TensorPool.h"
+#include "utils/StringHelper.h"
+
+namespace kelm::client {
+
+namespace {
+
+void nameMemory(KelmBuffer& buffer, const std::string& name, size_t size) {
+    buffer.type = KELM_BUFFER_SHARE_MEMORY;
+    buffer.size = size;
+    StringHelper::copyStringSafe(buffer.name, name);
+}
+
+void fillBuffer(KelmBuffer& buffer, const Tensor& tensor) {
+    if (tensor.kind == Tensor::Kind::kSharedMemory) {
+        nameMemory(buffer, tensor.name, tensor.size);
+    } else if (tensor.kind == Tensor::Kind::kDescriptor) {
+        buffer.type = KELM_BUFFER_ION;
+        buffer.size = tensor.size;
+        buffer.fd = tensor.fd;
+    }
+}
+
+PreparedInfer prepare(std::shared_ptr<SlotClaim> claim, uint32_t auxFlags, bool auxRequested) {
+    PreparedInfer infer;
+    infer.message.head.base.type = KELM_MESSAGE_INFER_TASK_REQ;
+    infer.message.head.base.size = sizeof(infer.message);
+    infer.message.head.needResponse = 1;
+    infer.message.auxBuffer.auxFlags = auxFlags;
+    infer.message.auxBuffer.auxRequested = auxRequested ? 1 : 0;
+    infer.claim = std::move(claim);
+    return infer;
+}
+
+}  // namespace
+
+Result<PreparedInfer> PreparedInfer::make(const InferRequest& request) {
+    auto claim = SlotClaim::make(request);
+    if (!claim) return claim.error();
+    PreparedInfer infer = prepare(std::move(claim).value(), request.auxFlags,
+                                  request.aux.kind != Tensor::Kind::kNone);
+    infer.message.graphId = request.graphId;
+    infer.message.taskCookie0 = request.cookie0;
+    infer.message.taskCookie1 = request.cookie1;
+    fillBuffer(infer.message.inputBuffer, request.input);
+    fillBuffer(infer.message.outputBuffer, request.output);
+    fillBuffer(infer.message.auxBuffer, request.aux);
+    return infer;
+}
+
+Result<PreparedInfer> PreparedInfer::make(std::shared_ptr<TensorSlot> slot, uint32_t auxFlags) {
+    auto claim = SlotClaim::make(slot);
+    if (!claim) return claim.error();
+    PreparedInfer infer = prepare(std::move(claim).value(), auxFlags, auxFlags != 0);
+    nameMemory(infer.message.inputBuffer, slot->inputName(), slot->input().size());
+    nameMemory(infer.message.outputBuffer, slot->outputName(), slot->output().size());
+    if (auxFlags != 0) {
+        nameMemory(infer.message.auxBuffer, slot->auxName(), slot->aux().size());
+    }
+    return infer;
+}
+
+}  // namespace kelm::client

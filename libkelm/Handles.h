@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <new>
+
+#include "client/Client.h"
+#include "kelm/kelm.h"
+#include "libkelm/ErrorCodes.h"
+#include "libkelm/Session.h"
+
+// What stands behind the handles of the interface.
+
+struct kelm_client {
+    std::shared_ptr<kelm::lib::Session> session;
+};
+
+struct kelm_graph {
+    std::shared_ptr<kelm::lib::Session> session;
+    std::shared_ptr<kelm::lib::GraphQueue> queue;
+    kelm::client::Graph sizes;
+};
+
+struct kelm_pool {
+    kelm::client::TensorPool tensors;
+};
+
+struct kelm_slot {
+    kelm::client::TensorPool::Handle tensors;
+};
+
+namespace kelm::lib {
+
+// Runs a function of the interface: no exception leaves it.
+template <class Body>
+int guarded(const Body& body) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return fail(KELM_OUT_OF_MEMORY, "there is no memory left for the call");
+    } catch (const std::exception& error) {
+        return fail(KELM_SYSTEM_ERROR, error.what());
+    }
+}
+
+constexpr size_t kLongestName = 31;  // of a client
+
+inline int invalid(const char* text) { return fail(KELM_INVALID_ARGUMENT, text); }
+
+inline const char* textOr(const char* text, const char* otherwise) {
+    return text != nullptr ? text : otherwise;
+}
+
+constexpr const char* kBadDeadline =
+    "a deadline is negative; give milliseconds, or 0 for the default";
+constexpr const char* kBadStruct =
+    "a struct is null, has no size, or asks for what this version of libkelm does not know; "
+    "declare "
+    "it with KELM_INIT and check kelm_version()";
+
+inline client::Deadline deadlineOr(int32_t millis, client::Deadline otherwise) {
+    return millis > 0 ? client::Deadline(millis) : otherwise;
+}
+
+}  // namespace kelm::lib

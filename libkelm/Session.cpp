@@ -1,0 +1,298 @@
+#include "libkelm/Session.h"
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "utils/ThreadUtils.h"
+
+namespace kelm::lib {
+
+namespace {
+
+using client::Client;
+using client::Error;
+using client::ErrorKind;
+using client::Result;
+
+constexpr std::chrono::milliseconds kFirstPause{20};
+constexpr std::chrono::milliseconds kLongestPause{1000};
+constexpr std::chrono::milliseconds kUnloadTime{10000};
+constexpr client::Deadline kLeaveDeadline{1000};
+// Two tasks that a device has at a time, and two that are there when it comes free.
+constexpr size_t kTasksADevice = 4;
+constexpr size_t kMostDevices = 64;
+
+Error sessionClosed() {
+    return {ErrorKind::kNotConnected, 0, "the connection was closed; connect again"};
+}
+
+// Clients that lost the same service should not come back at the same moment.
+std::chrono::milliseconds withJitter(std::chrono::milliseconds pause) {
+    thread_local std::minstd_rand random(std::random_device{}());
+    std::uniform_int_distribution<int64_t> range(pause.count() / 2, pause.count() * 3 / 2);
+    return std::chrono::milliseconds(range(random));
+}
+
+}  // namespace
+
+Session::Session(const SessionOptions& options)
+    : m_options(options),
+      m_callbacks(options.dispatches),
+      m_timer([this](Clock::time_point now) { return tick(now); }) {}
+
+Session::~Session() { close(); }
+
+Result<std::shared_ptr<Session>> Session::connect(const SessionOptions& options) {
+    const std::shared_ptr<Session> session(new Session(options));
+    auto opened = session->open(options.deadline);
+    if (!opened) return opened.error();
+    session->install(std::move(opened).value());
+    if (options.reconnects) {
+        session->m_reconnect = std::thread([raw = session.get()] { raw->reconnectRoutine(); });
+    }
+    return session;
+}
+
+// A Client may not be destroyed by its own threads, which get at it through m_client as all others.
+Result<std::unique_ptr<Client>> Session::open(client::Deadline deadline) {
+    const Clock::time_point end = Clock::now() + deadline;
+    auto client = Client::connect(m_options.socketPath, deadline);
+    if (!client) return client;
+    if (m_options.onWarning != nullptr) {
+        client.value()->onWarning([warn = m_options.onWarning, user = m_options.user](
+                                      const std::string& text) { warn(text.c_str(), user); });
+    }
+    client.value()->onLost([this] { lost(); });
+    const auto left = std::chrono::ceil<client::Deadline>(end - Clock::now());
+    const Error error =
+        client.value()->registerClient(m_options.name, std::max(left, client::Deadline(1)));
+    if (error) return error;
+    return client;
+}
+
+void Session::install(std::unique_ptr<Client> client) {
+    const auto released = [this](Client*) {
+        MutexLock lock(m_mutex);
+        m_released = true;
+        m_change.notifyAll();
+    };
+    MutexLock lock(m_mutex);
+    ++m_connection;
+    m_owned = std::move(client);
+    m_released = false;
+    m_client = std::shared_ptr<Client>(m_owned.get(), released);
+    m_lost = !m_owned->isConnected();
+}
+
+void Session::retire() {
+    std::shared_ptr<Client> last;
+    std::unique_ptr<Client> owned;
+    {
+        MutexLock lock(m_mutex);
+        last.swap(m_client);
+    }
+    last.reset();  // not under the mutex, which its end takes
+    {
+        MutexLock lock(m_mutex);
+        while (!m_released) m_change.wait(m_mutex);
+        owned = std::move(m_owned);
+    }
+}
+
+std::shared_ptr<Client> Session::client() const {
+    MutexLock lock(m_mutex);
+    return m_client;
+}
+
+bool Session::isConnected() const {
+    MutexLock lock(m_mutex);
+    return m_client && !m_lost && m_owned->isConnected();
+}
+
+uint64_t Session::clientId() const {
+    const std::shared_ptr<Client> current = client();
+    return current ? current->clientId() : 0;
+}
+
+// On a thread of the connection, when all that it had has ended.
+void Session::lost() {
+    {
+        MutexLock lock(m_mutex);
+        m_lost = true;
+        m_change.notifyAll();
+        if (m_closing || !m_client) return;
+    }
+    for (const auto& queue : queues()) {
+        if (m_options.reconnects) {
+            queue->suspend();
+        } else {
+            queue->close(Error::connectionLost());
+        }
+    }
+    if (!m_options.reconnects) tellProgram(false);
+}
+
+void Session::tellProgram(bool up) {
+    if (m_options.onConnection == nullptr) return;
+    m_callbacks.run(ConnectionChange{m_options.onConnection, m_options.user, up});
+}
+
+void Session::close() {
+    std::shared_ptr<Client> current;
+    {
+        MutexLock lock(m_mutex);
+        if (m_closing) return;
+        m_closing = true;
+        m_change.notifyAll();
+    }
+    if (m_reconnect.joinable()) m_reconnect.join();
+    for (const auto& queue : queues()) queue->close(Error::connectionLost());
+    current = client();
+    // The service takes a client that only hangs up for a failed one.
+    if (current && current->isConnected()) (void)current->unregister(kLeaveDeadline);
+    if (current) current->hangUp();
+    current.reset();
+    retire();
+    m_timer.stop();
+    if (m_options.dispatches) (void)m_callbacks.dispatch(0);
+    std::vector<std::shared_ptr<const Entry>> graphs;  // they share this object
+    MutexLock lock(m_mutex);
+    graphs.swap(m_graphs);
+}
+
+Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limits limits,
+                                           client::Deadline deadline) {
+    uint64_t connection = 0;
+    std::shared_ptr<Client> current;
+    {
+        MutexLock lock(m_mutex);
+        if (m_closing) return sessionClosed();
+        current = m_client;
+        connection = m_connection;
+    }
+    if (!current) return Error::connectionLost();
+    auto graph = loadGraph(*current, source, deadline);
+    if (!graph) return graph.error();
+    if (limits.window == 0) limits.window = kTasksADevice * countDevices();
+    current.reset();
+    const auto queue =
+        std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graph.value().id);
+    auto entry = std::make_shared<Entry>();
+    entry->queue = queue;
+    entry->source = m_options.reconnects ? keepGraph(std::move(source)) : GraphSource{};
+    MutexLock lock(m_mutex);
+    // A new connection does not know the graph, and has not found it among the others.
+    if (m_closing || m_lost || m_connection != connection) return Error::connectionLost();
+    m_graphs.push_back(std::move(entry));
+    return LoadedGraph{graph.value(), queue};
+}
+
+Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
+    queue->close(Error::canceled());
+    const bool ended = queue->waitUntilEmpty(Clock::now() + kUnloadTime);
+    std::shared_ptr<Client> current;
+    {
+        MutexLock lock(m_mutex);
+        std::erase_if(m_graphs, [&](const auto& entry) { return entry->queue == queue; });
+        if (queue->connection() == m_connection) current = m_client;
+    }
+    // A connection that has ended took the graph with it.
+    if (!current || !current->isConnected()) return {};
+    const Error error = current->destroyGraph(queue->graphId());
+    if (error || ended) return error;
+    return Error::timeout("a task of the graph");
+}
+
+uint32_t Session::countDevices() {
+    const std::shared_ptr<Client> current = client();
+    if (!current) return 1;
+    const auto status = current->queryStatus(client::StatusPart::kOverview);
+    if (!status) return 1;
+    return std::clamp<uint32_t>(status.value().deviceCount, 1, kMostDevices);
+}
+
+std::vector<std::shared_ptr<GraphQueue>> Session::queues() const {
+    std::vector<std::shared_ptr<GraphQueue>> queues;
+    MutexLock lock(m_mutex);
+    for (const auto& entry : m_graphs) queues.push_back(entry->queue);
+    return queues;
+}
+
+Session::Clock::time_point Session::tick(Clock::time_point now) {
+    Clock::time_point next = Clock::time_point::max();
+    for (const auto& queue : queues()) next = std::min(next, queue->tick(now));
+    return next;
+}
+
+void Session::reconnectRoutine() {
+    ThreadUtils::setName("KelmReconnect");
+    while (waitForLoss()) {
+        tellProgram(false);
+        retire();
+        reconnect();
+    }
+}
+
+bool Session::waitForLoss() {
+    MutexLock lock(m_mutex);
+    while (!m_lost && !m_closing) m_change.wait(m_mutex);
+    return !m_closing;
+}
+
+bool Session::pause(std::chrono::milliseconds time) {
+    const Clock::time_point end = Clock::now() + time;
+    MutexLock lock(m_mutex);
+    while (!m_closing && m_change.waitUntil(m_mutex, end)) {
+    }
+    return !m_closing;
+}
+
+void Session::reconnect() {
+    std::chrono::milliseconds time = kFirstPause;
+    while (pause(withJitter(time))) {
+        time = std::min(time * 2, kLongestPause);
+        auto opened = open(m_options.deadline);
+        if (!opened) continue;
+        install(std::move(opened).value());
+        if (reloadGraphs()) return tellProgram(true);
+        retire();
+    }
+}
+
+// One after the other; those that are added meanwhile come through the new connection. A graph that
+// the service refuses now, having no device for it yet perhaps, is tried again while the connection
+// lasts; its tasks wait until their deadlines.
+bool Session::reloadGraphs() {
+    std::chrono::milliseconds time = kFirstPause;
+    while (true) {
+        std::vector<std::shared_ptr<const Entry>> missing;
+        std::shared_ptr<Client> current;
+        uint64_t connection = 0;
+        {
+            MutexLock lock(m_mutex);
+            if (m_closing || m_lost) return m_closing;
+            connection = m_connection;
+            current = m_client;
+            for (const auto& entry : m_graphs) {
+                if (entry->queue->connection() != connection) missing.push_back(entry);
+            }
+        }
+        if (missing.empty()) return true;
+        bool allLoaded = true;
+        for (const auto& entry : missing) {
+            const auto graph = loadGraph(*current, entry->source, client::kGraphDeadline);
+            if (graph) {
+                entry->queue->resume(connection, graph.value().id);
+            } else {
+                allLoaded = false;
+            }
+        }
+        current.reset();
+        if (allLoaded) continue;
+        if (!pause(withJitter(time))) return true;
+        time = std::min(time * 2, kLongestPause);
+    }
+}
+
+}  // namespace kelm::lib
