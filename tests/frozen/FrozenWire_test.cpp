@@ -1,0 +1,124 @@
+#include <sys/mman.h>
+
+#include "fakes/ListenOn.h"
+#include "fakes/ServiceFixture.h"
+#include "fakes/ServiceProcess.h"
+#include "tests/frozen/FrozenFields.h"
+#include "tests/frozen/LibrarySession.h"
+
+namespace kelm {
+namespace {
+
+using Way = FrozenRecord::Way;
+
+class FrozenWireTest : public SystemFixture {
+ protected:
+    const FrozenSession m_session = FrozenSession::load(KELM_FROZEN_SESSION);
+    FrozenFields m_fields;
+};
+
+// Nothing, or what has come instead of the record. What has not come counts as zeros: a record of
+// another size shows in its head.
+std::string receive(const WireClient& from, const FrozenRecord& record, FrozenFields& fields) {
+    std::string bytes(record.bytes.size(), '\0');
+    const bool isWhole = from.readBytes(bytes.data(), bytes.size(), std::chrono::seconds(5));
+    const std::string fault = fields.compare(record, bytes);
+    return !fault.empty() || isWhole ? fault : record.name + ": ends too early";
+}
+
+std::string receiveRest(const WireClient& from, const FrozenRecord& record) {
+    for (size_t i = 0; i < record.descriptors; ++i) {
+        if (!from.receiveFd()) return record.name + ": no descriptor " + std::to_string(i);
+    }
+    std::string block(record.block.size(), '\0');
+    (void)from.readBytes(block.data(), block.size(), std::chrono::seconds(5));
+    return FrozenFields::compare(record.name + "'s block", record.block, block);
+}
+
+bool hangsUp(const WireClient& peer) {
+    char more = 0;
+    return !peer.readBytes(&more, 1) && peer.isDisconnected();
+}
+
+TEST_F(FrozenWireTest, ServiceAnswersTheFrozenClientAsFrozen) {
+    start(LibrarySession::serviceConfig());
+    LibrarySession::useUpNumbers(service().runDir());
+    std::string graph = service().files().write("graph", LibrarySession::kGraph);
+    graph.resize(1024);
+    m_fields.set("path1", graph);
+    const UniqueFd tensor(::memfd_create("tensor", MFD_CLOEXEC));
+    WireClient client(path());
+    for (const FrozenRecord& record : m_session.records) {
+        if (record.way == Way::kToService) {
+            ASSERT_TRUE(client.sendBytes(m_fields.fill(record))) << record.name;
+            for (size_t i = 0; i < record.descriptors; ++i) {
+                ASSERT_TRUE(client.sendFds("fd  ", {tensor.get()})) << record.name;
+            }
+            ASSERT_TRUE(client.sendBytes(record.block)) << record.name;
+        } else if (record.way == Way::kToClient) {
+            ASSERT_EQ(receive(client, record, m_fields), "");
+        } else {
+            const WireClient tool(service().runDir() + "/kelm_snapshot.sock");
+            ASSERT_EQ(receive(tool, record, m_fields), "");
+        }
+    }
+    EXPECT_TRUE(hangsUp(client));
+}
+
+// What a service of the past does; nothing, or what was not as it was then.
+std::string serveAsFrozen(const FrozenSession& session, FrozenFields& fields, int listener,
+                          int snapshotListener) {
+    WireClient client = WireClient::acceptFrom(listener);
+    for (const FrozenRecord& record : session.records) {
+        std::string fault;
+        if (record.way == Way::kToService) {
+            fault = receive(client, record, fields);
+            if (fault.empty()) fault = receiveRest(client, record);
+        } else if (record.way == Way::kToClient) {
+            if (!client.sendBytes(fields.fill(record))) fault = record.name + ": not taken";
+        } else {
+            WireClient tool = WireClient::acceptFrom(snapshotListener);
+            if (!tool.sendBytes(fields.fill(record))) fault = record.name + ": not taken";
+        }
+        if (!fault.empty()) return fault;
+    }
+    return hangsUp(client) ? "" : "bytes follow after the last record";
+}
+
+TEST(FrozenFieldsTest, FirstByteThatDiffersIsNamed) {
+    std::istringstream text(
+        "> A.1 12 descriptors 0 block 0\n 0: 01 02\n 4: $id1 4 = 05\n 8: $any 2 =\n 10: 07\n");
+    const FrozenRecord record = FrozenSession::read(text).records.at(0);
+    const struct {
+        std::string received;
+        std::string fault;
+    } rows[] = {
+        {{1, 2, 0, 0, 8, 0, 0, 0, 9, 9, 7, 0}, ""},
+        {{1, 2, 0, 0, 8, 0, 0, 0, 3, 3, 7, 0}, ""},
+        {{1, 2, 0, 0, 9, 0, 0, 0, 9, 9, 7, 0}, "A.1: byte 4 is 9, frozen as 8"},
+        {{2, 1, 0, 0, 8, 0, 0, 0, 9, 9, 7, 0}, "A.1: byte 0 is 2, frozen as 1"},
+        {{1, 2, 0, 0, 8, 0, 0, 0, 9, 9, 0, 7}, "A.1: byte 10 is 0, frozen as 7"},
+        {{1, 2, 0, 0, 8, 0, 0, 0, 9, 9, 7}, "A.1: byte 11 is -1, frozen as 0"},
+        {{1, 2, 0, 0, 8, 0, 0, 0, 9, 9, 7, 0, 0}, "A.1: byte 12 is 0, frozen as -1"},
+    };
+    FrozenFields fields;
+    for (const auto& row : rows) {
+        EXPECT_THAT(fields.compare(record, row.received), ::testing::StartsWith(row.fault));
+        EXPECT_EQ(fields.compare(record, row.received).empty(), row.fault.empty());
+    }
+}
+
+TEST_F(FrozenWireTest, LibraryAsksTheFrozenServiceAsFrozen) {
+    const TempDir dir;
+    const std::string graph = dir.write("graph", LibrarySession::kGraph);
+    const UniqueFd listener = listenOn(dir.path() + "/kelm_service.sock");
+    const UniqueFd snapshotListener = listenOn(dir.path() + "/kelm_snapshot.sock");
+    auto fault = startCalling(
+        [&] { return serveAsFrozen(m_session, m_fields, listener.get(), snapshotListener.get()); });
+    const auto outcomes = LibrarySession::run(dir.path(), graph);
+    ASSERT_EQ(fault.get(), "");
+    EXPECT_EQ(outcomes, m_session.outcomes);
+}
+
+}  // namespace
+}  // namespace kelm
