@@ -1,7 +1,8 @@
 #include "tests/frozen/FrozenFields.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <iomanip>
+#include <sstream>
 
 namespace kelm {
 
@@ -28,12 +29,16 @@ std::string FrozenFields::compare(const std::string& name, std::string_view froz
     const auto [one, other] =
         std::mismatch(frozen.begin(), frozen.end(), received.begin(), received.end());
     if (one == frozen.end() && other == received.end()) return {};
-    const auto number = [](auto at, auto end) { return at == end ? -1 : *at & 0xff; };
-    char text[200];
-    (void)std::snprintf(text, sizeof(text), "%s: byte %td is %d, frozen as %d (-1: the end)",
-                        name.c_str(), one - frozen.begin(), number(other, received.end()),
-                        number(one, frozen.end()));
-    return text;
+    std::ostringstream text;
+    const auto put = [&text](auto at, auto end) {
+        if (at == end) return (void)(text << "none");
+        text << std::hex << std::setw(2) << std::setfill('0') << (*at & 0xff);
+    };
+    text << name << ": byte " << one - frozen.begin() << " is ";
+    put(other, received.end());
+    text << ", frozen as ";
+    put(one, frozen.end());
+    return text.str();
 }
 
 }  // namespace kelm

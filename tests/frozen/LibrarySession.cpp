@@ -80,7 +80,10 @@ std::string describe(const client::Snapshot& snapshot) {
             text << ' ' << graph.name << ' ' << graph.loadTime << ' ' << graph.inferences << ' '
                  << graph.fps;
         }
-        text << ' ' << row.previous.size();
+        for (const auto& graph : row.previous) {
+            text << ' ' << graph.name << ' ' << graph.loadTime << ' ' << graph.unloadTime << ' '
+                 << graph.inferences;
+        }
     }
     text << "; graphs " << snapshot.graphCount;
     for (const auto& row : snapshot.graphs) {
@@ -174,9 +177,18 @@ std::vector<std::string> LibrarySession::run(const std::string& directory,
     note("create graph", describe(graph));
     if (!graph) return outcomes;
     note("create graph by path", describe(client.createGraphFromFile(graphFile, {})));
-    note("create graph that nobody has a device for",
-         describe(client.createGraph(bytes, {"other", "tag", "stream", 9, 3})));
-    note("query buffer size", describe(client.queryBufferSize(graph.value().id)));
+    const auto create = [&](const char* call, const client::GraphOptions& options) {
+        const auto created = client.createGraph(bytes, options);
+        note(call, describe(created));
+        return created ? created.value().id : 0;
+    };
+    (void)create("create graph with a tag", {.name = "with a tag", .tag = "tag"});
+    (void)create("create graph of another subclass", {.subclass = 9, .expectDevices = 3});
+    const uint64_t ofStream =
+        create("create graph of a stream", {.name = "of a stream", .streamId = "stream"});
+    note("query buffer size", describe(client.queryBufferSize(ofStream)));
+    // Before the others are used: what a report tells of two graphs has no order of its own.
+    note("destroy graph of the stream", describe(client.destroyGraph(ofStream)));
 
     Tasks tasks(client, graph.value());
     // The last is behind as many as the device takes at once.
@@ -184,8 +196,8 @@ std::vector<std::string> LibrarySession::run(const std::string& directory,
     for (uint32_t i = 0; i < kTasks; ++i) last = tasks.start(i % 2 == 0, i);
     note("query task", describe(client.queryTask(last)));
     note("cancel", describe(client.cancel(last)));
-    note("query canceled task", describe(client.queryTask(last)));
     for (auto& end : tasks.ends()) note("infer", end.get());
+    note("query canceled task", describe(client.queryTask(last)));
 
     note("query status", describe(client.queryStatus()));
     {

@@ -10,8 +10,12 @@ namespace kelm {
 // All that the client library can ask for, in the order of a real client, over and over the same.
 class LibrarySession {
  public:
-    // One device, slow enough that a task waits behind the others for as long as a few calls take.
-    static std::string serviceConfig() { return ServiceConfig::fakeDevices(1, 250); }
+    // A device for streams and one for all else, slow enough that a task waits behind the others
+    // for as long as a few calls take.
+    static std::string serviceConfig() {
+        return ServiceConfig::fakeDevices(2, 250) +
+               R"(, "scheduler_config": [{"subclass": 0, "stream_device_number": 1}])";
+    }
     // What the file holds that is passed by its path.
     static constexpr const char* kGraph = "graph of the frozen session";
 

@@ -33,7 +33,9 @@ struct VaryingRow {
 };
 
 constexpr size_t fdOffset(size_t number) { return offsetof(KelmMsgBase, fd) + 4 * number; }
-constexpr size_t kDevice = offsetof(InfoPackage, devices);
+// The rows of the device for streams and of the other.
+constexpr size_t kStream = offsetof(InfoPackage, devices);
+constexpr size_t kShared = kStream + sizeof(InfoDeviceRow);
 constexpr size_t kGraph = offsetof(InfoPackage, graphs);
 constexpr const char* kAny = VaryingField::kAny;
 
@@ -77,17 +79,21 @@ constexpr VaryingRow kVaryingRows[] = {
     {KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, offsetof(KelmMsgReqQueryBufferSize, graphId), 8, "graph"},
     {KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP, offsetof(KelmMsgRspQueryBufferSize, graphId), 8, "graph"},
     {KELM_MESSAGE_QUERY_STATUS_REQ, offsetof(KelmMsgReqQueryStatus, clientId), 8, "client"},
-    // Rates and temperatures, of the first row.
+    // Rates of the graph, the client and the device in use, the second; temperatures of both.
     {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, serviceFps), 4, kAny},
-    {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, deviceFps), 4, kAny},
-    {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, deviceThermal), 4, kAny},
+    {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, deviceFps[1]), 4, kAny},
+    {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, deviceThermal), 8, kAny},
     {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, graphFpsIn), 4, kAny},
     {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, graphFpsOut), 4, kAny},
     {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, clientFps), 4, kAny},
-    {kSnapshot, kDevice + offsetof(InfoDeviceRow, thermal), 4, kAny},
-    {kSnapshot, kDevice + offsetof(InfoDeviceRow, thermalThrottlingLevel), 4, kAny},
-    {kSnapshot, kDevice + offsetof(InfoDeviceRow, currentGraphLoadTime), 8, kAny},
-    {kSnapshot, kDevice + offsetof(InfoDeviceRow, currentFps), 4, kAny},
+    {kSnapshot, kStream + offsetof(InfoDeviceRow, thermal), 4, kAny},
+    {kSnapshot, kStream + offsetof(InfoDeviceRow, thermalThrottlingLevel), 4, kAny},
+    {kSnapshot, kShared + offsetof(InfoDeviceRow, currentGraphLoadTime), 8, kAny},
+    {kSnapshot, kShared + offsetof(InfoDeviceRow, currentFps), 4, kAny},
+    {kSnapshot, kShared + offsetof(InfoDeviceRow, thermal), 4, kAny},
+    {kSnapshot, kShared + offsetof(InfoDeviceRow, thermalThrottlingLevel), 4, kAny},
+    {kSnapshot, kStream + offsetof(InfoDeviceRow, previousGraphLoadTime), 8, kAny},
+    {kSnapshot, kStream + offsetof(InfoDeviceRow, previousGraphUnloadTime), 8, kAny},
     {kSnapshot, kGraph + offsetof(InfoGraphRow, graphId), 8, "graph"},
     {kSnapshot, kGraph + offsetof(InfoGraphRow, fpsIn), 4, kAny},
     {kSnapshot, kGraph + offsetof(InfoGraphRow, fpsOut), 4, kAny},
