@@ -43,7 +43,7 @@ bool hangsUp(const WireClient& peer) {
 }
 
 TEST_F(FrozenWireTest, ServiceAnswersTheFrozenClientAsFrozen) {
-    start(LibrarySession::serviceConfig());
+    start(LibrarySession::kServiceConfig);
     LibrarySession::useUpNumbers(service().runDir());
     std::string graph = service().files().write("graph", LibrarySession::kGraph);
     graph.resize(1024);

@@ -197,7 +197,7 @@ class Recorder {
 };
 
 int record(const std::string& path) {
-    ServiceProcess service("{" + LibrarySession::serviceConfig() + "}");
+    ServiceProcess service(std::string("{") + LibrarySession::kServiceConfig + "}");
     service.start();
     if (!service.waitReady()) return EXIT_FAILURE;
     LibrarySession::useUpNumbers(service.runDir());
