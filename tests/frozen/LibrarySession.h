@@ -9,9 +9,10 @@ namespace kelm {
 class LibrarySession {
  public:
     // Sections of the configuration: a device for streams and one for all else. Its results take
-    // their time: a task waits behind the others for as long as a few calls take.
+    // their time: a task waits behind the others until the next result.
     static constexpr const char* kServiceConfig = R"(
-        "fake_device_settings": {"fake_device_number": 2, "get_result_latency": 700},
+        "fake_device_settings": {"fake_device_number": 2, "get_result_latency": 500},
+        "service_settings": {"max_inference_number": 2},
         "scheduler_config": [{"subclass": 0, "stream_device_number": 1}])";
     // What the file holds that is passed by its path.
     static constexpr const char* kGraph = "graph of the frozen session";
