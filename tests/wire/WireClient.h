@@ -67,13 +67,13 @@ class WireClient {
     };
 
     explicit WireClient(const std::string& path);
-    // Speaks for the service to the next peer of a listening socket.
-    static WireClient acceptFrom(int listener);
     // Registers, too.
     WireClient(const std::string& path, const std::string& name, uint16_t apiMajorVersion = 2)
         : WireClient(path) {
         (void)registerClient(name, apiMajorVersion);
     }
+    // Speaks for the service to the next peer of a listening socket.
+    static WireClient acceptFrom(int listener);
 
     bool connected() const { return m_connected; }
     int fd() const { return m_socket.get(); }
