@@ -73,6 +73,8 @@ KelmMsgReqCreateGraph makeCreateGraph(uint64_t clientId, const GraphOptions& opt
 
 }  // namespace
 
+Version version() { return {KELM_VERSION, kApiMajorVersion, kApiMinorVersion}; }
+
 Client::Client(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 // A service that is only hung up on takes that for a client's failure.
 Client::~Client() {
@@ -221,9 +223,24 @@ Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) 
     return decodeStatus(*response);
 }
 
+Error Client::resetDevice(uint32_t deviceId, Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ, clientId());
+    request.deviceId = deviceId;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "reset device", deadline);
+    return answer ? Error() : answer.error();
+}
+
+Error Client::resetAllDevices(Deadline deadline) {
+    auto request = makeRequest<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ, clientId());
+    request.resetAllDevices = 1;
+    const Result<MessagePtr> answer = m_impl->call(request.head, "reset devices", deadline);
+    return answer ? Error() : answer.error();
+}
+
 void Client::onWarning(WarningCallback callback) { m_impl->onWarning(std::move(callback)); }
 
 uint64_t Client::clientId() const { return m_impl->clientId(); }
+pid_t Client::servicePid() const { return m_impl->servicePid(); }
 bool Client::isConnected() const { return m_impl->isConnected(); }
 
 }  // namespace kelm::client

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -74,6 +76,14 @@ using AcceptCallback = std::function<void(uint64_t taskId)>;
 // Called with what goes on in another way than wanted, on the thread of the call.
 using WarningCallback = std::function<void(const std::string& text)>;
 
+// Of this library, and of the protocol that it speaks.
+struct Version {
+    const char* library;
+    uint16_t protocolMajor;
+    uint16_t protocolMinor;
+};
+Version version();
+
 // A connection to the service, one per process, shared by its threads.
 //
 // Every call takes a deadline and ends with an error that says what to do. When the connection is
@@ -121,11 +131,18 @@ class Client {
     Result<ServiceStatus> queryStatus(StatusParts parts = StatusParts::all(),
                                       Deadline deadline = kDefaultDeadline);
 
+    // Tasks in flight on the device are tried again elsewhere.
+    Error resetDevice(uint32_t deviceId, Deadline deadline = kGraphDeadline);
+    Error resetAllDevices(Deadline deadline = kGraphDeadline);
+
     // Each warning comes once a connection; without a callback it is dropped. To be set before the
     // first inference.
     void onWarning(WarningCallback callback);
 
     uint64_t clientId() const;
+    // The process that listens on the socket, as the kernel noted it; 0 if it cannot be seen from
+    // here, being in another pid namespace.
+    pid_t servicePid() const;
     bool isConnected() const;
 
  private:
