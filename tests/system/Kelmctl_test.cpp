@@ -88,8 +88,8 @@ class KelmctlTest : public SystemFixture {
         return "bench --clients 2 --depth 1 --seconds 1000 --graph " + graph();
     }
     std::string infer() const {
-        return "infer --graph " + graph() + " --input " + graph() + " --output " + service().dir() +
-               "/result";
+        return "infer --pad --graph " + graph() + " --input " + graph() + " --output " +
+               service().dir() + "/result";
     }
 
     struct Ended {
@@ -145,7 +145,7 @@ TEST_F(KelmctlTest, InferenceWritesItsOutputOrTellsItsFailure) {
     // Bytes that have no path.
     const std::string pipe = "cat " + files.path() + "/graph | " KELM_CTL;
     const std::string piped =
-        "infer --graph /dev/stdin --input " + files.path() + "/graph --output " + output;
+        "infer --pad --graph /dev/stdin --input " + files.path() + "/graph --output " + output;
     EXPECT_EQ(run(piped, pipe), 0) << m_output;
     EXPECT_EQ(run(piped + " --graph-by-path", pipe), 1);
     EXPECT_EQ(run(files.path() + "/graph", KELM_README_PROGRAM), 0);

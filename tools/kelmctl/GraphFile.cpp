@@ -7,19 +7,41 @@
 
 namespace kelm::ctl {
 
+namespace {
+
+// The service waits without limit for a device that can take the graph.
+client::Error explainTimeout(client::Client& service, const client::Error& error) {
+    constexpr client::Deadline kTimeToTell{1000};
+    const auto status = service.queryStatus(client::StatusPart::kOverview, kTimeToTell);
+    if (!status) return error;
+    const uint32_t count = status.value().deviceCount;
+    const std::string why =
+        count == 0 ? "the service has no device; plug one in, and see its log if it is not found"
+                   : "none of the " + std::to_string(count) +
+                         " devices has taken the graph in time; see kelmctl status and the log of "
+                         "the service, or give it more time";
+    return {client::ErrorKind::kTimeout, 0, why};
+}
+
+}  // namespace
+
 // An empty request for a graph would be taken for one by path.
 GraphFile::GraphFile(std::string path, bool byPath) : m_path(std::move(path)), m_byPath(byPath) {
     if (m_byPath) return;
     m_bytes = readFileBytes(m_path);
-    if (m_bytes.empty()) throw std::runtime_error("the graph file " + m_path + " is empty");
+    if (m_bytes.empty()) {
+        throw std::runtime_error("the graph file " + m_path + " is empty; give a compiled graph");
+    }
 }
 
 client::Result<client::Graph> GraphFile::create(client::Client& service,
                                                 client::GraphOptions options,
                                                 client::Deadline deadline) const {
     options.name = m_path;
-    return m_byPath ? service.createGraphFromFile(m_path, options, deadline)
-                    : service.createGraph(m_bytes, options, deadline);
+    auto graph = m_byPath ? service.createGraphFromFile(m_path, options, deadline)
+                          : service.createGraph(m_bytes, options, deadline);
+    if (graph || graph.error().kind() != client::ErrorKind::kTimeout) return graph;
+    return explainTimeout(service, graph.error());
 }
 
 }  // namespace kelm::ctl

@@ -1,12 +1,12 @@
-#include "tools/kelmctl/StatusReport.h"
+#include "tools/kelmctl/StatusTable.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
+#include <numeric>
 #include <vector>
 
-#include "tools/kelmctl/JsonText.h"
+#include "tools/kelmctl/MergedStatus.h"
 #include "tools/kelmctl/SafeText.h"
 
 namespace kelm::ctl {
@@ -26,6 +26,25 @@ std::string heading(const char* what, size_t rows, uint32_t count) {
                         : fmt::format("{} {}", what, count);
 }
 
+// What is not known shows as in `kelmctl top`.
+template <class More, class Value>
+std::string cell(const More* more, const Value& value) {
+    return more != nullptr ? fmt::format("{}", value(*more)) : "-";
+}
+
+// What concerns the service as a whole.
+std::string head(const StatusLook& look, bool utf8) {
+    const auto name = [utf8](const std::string& text) { return toUtf8(safeText(text, utf8)); };
+    std::string text = fmt::format("results/s {:.1f}  device scheduler {}  task scheduler {}",
+                                   look.status.serviceFps, name(look.status.deviceScheduler),
+                                   name(look.status.taskScheduler));
+    if (look.snapshot) {
+        const client::MemorySnapshot& memory = look.snapshot->memory;
+        return text + fmt::format("\nmemory {} of {} MB\n", memory.residentMB, memory.totalMB);
+    }
+    return text + "\nno throttling, no waiting tasks: " + name(look.snapshotWhy) + "\n";
+}
+
 // Rows of cells; all columns but the first and those of texts are numbers, to the right.
 class Table {
  public:
@@ -39,13 +58,14 @@ class Table {
         for (const std::string& cell : cells) row.push_back(safeText(cell, m_utf8));
     }
 
-    std::string text() const {
+    std::string text(size_t columns) const {
+        const std::vector<size_t> widths = findWidths(columns);
         std::string result;
         for (const auto& row : m_rows) {
             std::string line;
             for (size_t i = 0; i < row.size(); ++i) {
-                line += toUtf8(i < m_textColumns ? fitColumns(row[i], widthOf(i))
-                                                 : fitColumnsRight(row[i], widthOf(i)));
+                line += toUtf8(i < m_textColumns ? fitColumns(row[i], widths[i])
+                                                 : fitColumnsRight(row[i], widths[i]));
                 line += kGap;
             }
             line.erase(line.find_last_not_of(' ') + 1);
@@ -55,11 +75,25 @@ class Table {
     }
 
  private:
-    // As wide as the widest cell of this table: each table has columns of its own.
-    size_t widthOf(size_t column) const {
-        size_t width = kLeastWidth;
-        for (const auto& row : m_rows) width = std::max(width, columnsOf(row[column]));
-        return std::min(width, kMostWidth);
+    // Each column as wide as its widest cell; then the widest texts give up what a line lacks.
+    std::vector<size_t> findWidths(size_t columns) const {
+        std::vector<size_t> widths(m_rows[0].size(), kLeastWidth);
+        for (const auto& row : m_rows) {
+            for (size_t i = 0; i < row.size(); ++i) {
+                widths[i] = std::min(std::max(widths[i], columnsOf(row[i])), kMostWidth);
+            }
+        }
+        const auto textEnd = widths.begin() + static_cast<std::ptrdiff_t>(m_textColumns);
+        const auto sum = [&] {
+            const size_t gaps = (widths.size() - 1) * kGap.size();
+            return std::accumulate(widths.begin(), widths.end(), gaps);
+        };
+        while (sum() > columns) {
+            const auto widest = std::max_element(widths.begin(), textEnd);
+            if (*widest <= kLeastWidth) break;
+            --*widest;
+        }
+        return widths;
     }
 
     const size_t m_textColumns;
@@ -69,60 +103,41 @@ class Table {
 
 }  // namespace
 
-std::string statusTable(const client::ServiceStatus& status, bool utf8) {
+std::string statusTable(const StatusLook& look, bool utf8, size_t columns) {
+    const client::ServiceStatus& status = look.status;
+    const MergedStatus merged(status, look.snapshot ? &*look.snapshot : nullptr);
     Table devices({heading("DEVICES", status.devices.size(), status.deviceCount), "GRAPH", "ID",
-                   "SUBCLASS", "FPS", "TEMP C"},
+                   "SUBCLASS", "FPS", "TEMP C", "THROTTLE", "INFERENCES"},
                   2, utf8);
-    for (const client::DeviceStatus& device : status.devices) {
-        devices.add({device.name, device.graph, std::to_string(device.id),
-                     std::to_string(device.subclass), oneDecimal(device.fps),
-                     oneDecimal(device.thermal)});
+    for (const auto& [device, more] : merged.devices) {
+        devices.add(
+            {device->name, device->graph, std::to_string(device->id),
+             std::to_string(device->subclass), oneDecimal(device->fps),
+             isMeasured(*device) ? oneDecimal(device->thermal) : "-",
+             cell(more, [](const client::DeviceSnapshot& row) { return row.throttlingLevel; }),
+             cell(more, inferencesOf)});
     }
-    Table graphs({heading("GRAPHS", status.graphs.size(), status.graphCount), "IN/S", "OUT/S"}, 1,
-                 utf8);
-    for (const client::GraphStatus& graph : status.graphs) {
-        graphs.add({graph.name, oneDecimal(graph.fpsIn), oneDecimal(graph.fpsOut)});
+    Table graphs({heading("GRAPHS", status.graphs.size(), status.graphCount), "IN/S", "OUT/S",
+                  "WAITING", "DEVICES", "CLIENTS", "INFERENCES"},
+                 1, utf8);
+    for (const auto& [graph, more] : merged.graphs) {
+        graphs.add({graph->name, oneDecimal(graph->fpsIn), oneDecimal(graph->fpsOut),
+                    cell(more, [](const client::GraphSnapshot& row) { return row.waitingTasks; }),
+                    cell(more, [](const client::GraphSnapshot& row) { return row.runningDevices; }),
+                    cell(more, [](const client::GraphSnapshot& row) { return row.clientCount; }),
+                    cell(more, [](const client::GraphSnapshot& row) { return row.inferences; })});
     }
-    Table clients({heading("CLIENTS", status.clients.size(), status.clientCount), "FPS"}, 1, utf8);
-    for (const client::ClientStatus& client : status.clients) {
-        clients.add({client.name, oneDecimal(client.fps)});
+    Table clients({heading("CLIENTS", merged.clients.size(), status.clientCount), "API", "FPS",
+                   "WAITING", "INFERENCES"},
+                  1, utf8);
+    for (const auto& [client, more] : merged.clients) {
+        clients.add({client != nullptr ? client->name : more->name, cell(more, apiOf),
+                     client != nullptr ? oneDecimal(client->fps) : "-",
+                     cell(more, [](const client::ClientSnapshot& row) { return row.waitingTasks; }),
+                     cell(more, [](const client::ClientSnapshot& row) { return row.inferences; })});
     }
-    return fmt::format("results/s {:.1f}  device scheduler {}  task scheduler {}\n\n{}\n{}\n{}",
-                       status.serviceFps, toUtf8(safeText(status.deviceScheduler, utf8)),
-                       toUtf8(safeText(status.taskScheduler, utf8)), devices.text(), graphs.text(),
-                       clients.text());
-}
-
-std::string statusJson(const client::ServiceStatus& status,
-                       std::chrono::system_clock::time_point now) {
-    using Json = nlohmann::json;
-    const auto rate = [](float value) { return toJsonNumber(static_cast<double>(value)); };
-    Json json{{"time", toJsonNumber(std::chrono::duration<double>(now.time_since_epoch()).count())},
-              {"fps", rate(status.serviceFps)},
-              {"device_scheduler", status.deviceScheduler},
-              {"task_scheduler", status.taskScheduler},
-              {"device_count", status.deviceCount},
-              {"graph_count", status.graphCount},
-              {"client_count", status.clientCount},
-              {"devices", Json::array()},
-              {"graphs", Json::array()},
-              {"clients", Json::array()}};
-    for (const client::DeviceStatus& device : status.devices) {
-        json["devices"].push_back({{"name", device.name},
-                                   {"graph", device.graph},
-                                   {"id", device.id},
-                                   {"subclass", device.subclass},
-                                   {"fps", rate(device.fps)},
-                                   {"thermal", rate(device.thermal)}});
-    }
-    for (const client::GraphStatus& graph : status.graphs) {
-        json["graphs"].push_back(
-            {{"name", graph.name}, {"fps_in", rate(graph.fpsIn)}, {"fps_out", rate(graph.fpsOut)}});
-    }
-    for (const client::ClientStatus& client : status.clients) {
-        json["clients"].push_back({{"name", client.name}, {"fps", rate(client.fps)}});
-    }
-    return toJsonText(json);
+    return fmt::format("{}\n{}\n{}\n{}", head(look, utf8), devices.text(columns),
+                       graphs.text(columns), clients.text(columns));
 }
 
 }  // namespace kelm::ctl

@@ -1,17 +1,14 @@
 #pragma once
 
-#include <chrono>
+#include <cstddef>
 #include <string>
 
-#include "client/Status.h"
+#include "tools/kelmctl/StatusSource.h"
 
 namespace kelm::ctl {
 
 // The status of the service as tables for people; names are made safe for a terminal, which shows
-// UTF-8 or not.
-std::string statusTable(const client::ServiceStatus& status, bool utf8);
-// The same for programs: one object in one line, printable ASCII.
-std::string statusJson(const client::ServiceStatus& status,
-                       std::chrono::system_clock::time_point now);
+// UTF-8 or not, and are cut as far as lines of `columns` need it.
+std::string statusTable(const StatusLook& look, bool utf8, size_t columns);
 
 }  // namespace kelm::ctl

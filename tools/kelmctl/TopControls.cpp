@@ -1,6 +1,7 @@
 #include "tools/kelmctl/TopControls.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kelm::ctl {
 
@@ -31,6 +32,7 @@ const TopControls::KeyRow TopControls::kKeys[] = {
      }},
     {'z', [](TopControls& c) { c.m_zoomed = !c.m_zoomed; }},
     {'/', [](TopControls& c) { c.m_editing = true; }},
+    {'?', [](TopControls& c) { c.m_helping = true; }},
     {kEscape, [](TopControls& c) { c.m_filter.clear(); }},
     {kTopKeyUp, [](TopControls& c) { c.scroll(-1); }},
     {kTopKeyDown, [](TopControls& c) { c.scroll(1); }},
@@ -52,6 +54,8 @@ bool TopControls::handleKey(int key) {
         return true;
     }
     if (key == 'q' || key == 'Q') return false;
+    // The key that leaves the help does nothing else.
+    if (std::exchange(m_helping, false)) return true;
     for (const KeyRow& row : kKeys) {
         if (row.key == key) row.act(*this);
     }
