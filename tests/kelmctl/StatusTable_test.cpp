@@ -1,10 +1,11 @@
+#include "tools/kelmctl/StatusTable.h"
+
 #include <clocale>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tools/kelmctl/SafeText.h"
 #include "tools/kelmctl/StatusJson.h"
-#include "tools/kelmctl/StatusTable.h"
 
 namespace kelm::ctl {
 namespace {

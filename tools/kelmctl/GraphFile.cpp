@@ -3,24 +3,31 @@
 #include <stdexcept>
 #include <utility>
 
+#include "protocol/src/KelmError.h"
 #include "tools/kelmctl/FileBytes.h"
 
 namespace kelm::ctl {
 
 namespace {
 
-// The service waits without limit for a device that can take the graph.
-client::Error explainTimeout(client::Client& service, const client::Error& error) {
+// The service waits without limit for a device that can take the graph, and takes a subclass whose
+// devices it has never seen for a mistake.
+client::Error explain(client::Client& service, const client::Error& error) {
     constexpr client::Deadline kTimeToTell{1000};
+    const bool isTimeout = error.kind() == client::ErrorKind::kTimeout;
+    if (!isTimeout && error.code() != KELM_ERROR_INVALID_PARAM) return error;
     const auto status = service.queryStatus(client::StatusPart::kOverview, kTimeToTell);
     if (!status) return error;
     const uint32_t count = status.value().deviceCount;
-    const std::string why =
-        count == 0 ? "the service has no device; plug one in, and see its log if it is not found"
-                   : "none of the " + std::to_string(count) +
-                         " devices has taken the graph in time; see kelmctl status and the log of "
-                         "the service, or give it more time";
-    return {client::ErrorKind::kTimeout, 0, why};
+    if (count == 0) {
+        return {error.kind(), error.code(),
+                "the service has no device; plug one in, and see its log if it is not found"};
+    }
+    if (!isTimeout) return error;
+    return {error.kind(), error.code(),
+            "none of the " + std::to_string(count) +
+                " devices has taken the graph in time; see kelmctl status and the log of the "
+                "service, or give it more time"};
 }
 
 }  // namespace
@@ -40,8 +47,8 @@ client::Result<client::Graph> GraphFile::create(client::Client& service,
     options.name = m_path;
     auto graph = m_byPath ? service.createGraphFromFile(m_path, options, deadline)
                           : service.createGraph(m_bytes, options, deadline);
-    if (graph || graph.error().kind() != client::ErrorKind::kTimeout) return graph;
-    return explainTimeout(service, graph.error());
+    if (graph) return graph;
+    return explain(service, graph.error());
 }
 
 }  // namespace kelm::ctl

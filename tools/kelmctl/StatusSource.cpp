@@ -41,8 +41,10 @@ client::Error StatusSource::leave() {
     return error;
 }
 
+// The next try after a loss tells why there is no service.
 client::Error StatusSource::connect(client::Deadline deadline) {
-    if (m_service) return {};
+    if (m_service && m_service->isConnected()) return {};
+    drop();
     auto connected = client::Client::connect({}, deadline);
     if (!connected) return connected.error();
     m_service = std::move(connected.value());

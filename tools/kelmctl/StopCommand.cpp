@@ -56,7 +56,14 @@ ServiceProcess findProcess(const Timeout& timeout, Interruption& interruption) {
             fmt::format("cannot look at process {}: {}", pid, std::strerror(errno)));
     }
     interruption.setService(service);
-    require(service->registerClient("kelmctl", timeout.left()));
+    const client::Error error = service->registerClient("kelmctl", timeout.left());
+    if (error.kind() == client::ErrorKind::kTimeout) {
+        throw std::runtime_error(fmt::format(
+            "the service, process {}, does not answer, and would not heed the signal; end it by "
+            "force: kill -KILL {}",
+            pid, pid));
+    }
+    require(error);
     require(service->unregister(timeout.left()));
     interruption.setService(nullptr);
     return process;
@@ -75,7 +82,7 @@ bool waitUntil(const Condition& condition, const Timeout& timeout, Interruption&
 
 // Before its ready lock is held the service may not heed the signal, and would end without order.
 void tellToEnd(const ServiceProcess& process, const Timeout& timeout, Interruption& interruption) {
-    const auto isReady = [] { return lookAtLock(RunPaths::readyMutex()) == LockState::kHeld; };
+    const auto isReady = [] { return lookAtLock(RunPaths::readyMutex()) != LockState::kFree; };
     if (!waitUntil(isReady, timeout, interruption)) {
         throw std::runtime_error(
             fmt::format("the service, process {}, has not come to the end of its start; try again",

@@ -83,22 +83,20 @@ std::u32string_view sortMark(bool upwards, bool utf8) {
     return upwards ? U"^" : U"v";
 }
 
-// Where a line of a longer text ends: behind the last blank that it has room for, or where it is
-// full.
-size_t lineEnd(const std::u32string& text, size_t width) {
-    size_t end = 0;
-    size_t columns = 0;
-    while (end < text.size() && columns + columnsOf(text[end]) <= width) {
-        columns += columnsOf(text[end++]);
+// Between words where it can be.
+std::vector<std::u32string> breakLines(std::u32string_view text, size_t width) {
+    std::vector<std::u32string> lines;
+    while (!text.empty()) {
+        size_t end = 0;
+        size_t columns = 0;
+        while (end < text.size() && (columns += columnsOf(text[end])) <= width) ++end;
+        const size_t blank = text.rfind(U' ', end);
+        if (end < text.size() && blank != text.npos && blank > 0) end = blank + 1;
+        end = std::max<size_t>(end, 1);
+        lines.emplace_back(text.substr(0, end));
+        text.remove_prefix(end);
     }
-    if (end == text.size()) return end;
-    const size_t blank = text.rfind(U' ', end);
-    return blank == std::u32string::npos || blank == 0 ? end : std::min(blank + 1, text.size());
-}
-
-void drawLine(TopGrid& grid, size_t y, const std::u32string& text, TopStyle style) {
-    if (style != TopStyle::kPlain) grid.fill(y, style);
-    grid.put(0, y, text, style);
+    return lines;
 }
 
 // Shares `lines` out: no section gets more than it needs, what one leaves is for the others.
@@ -133,7 +131,7 @@ TopFrame TopView::draw(size_t width, size_t height, TopModel::Time now) const {
 }
 
 void TopView::drawKeys(TopGrid& grid, size_t y) {
-    constexpr size_t kKeyWidth = 18;
+    constexpr size_t kKeyWidth = 20;
     for (const auto& [keys, does] : kHelp) {
         if (y + kHelpLines >= grid.height()) return;
         grid.put(kGutter, y, keys, TopStyle::kHeading);
@@ -185,42 +183,46 @@ void TopView::drawCounts(TopGrid& grid) const {
     grid.put(0, 1, text, TopStyle::kPlain);
 }
 
-// A text that takes two lines is broken between words, and a longer one loses its middle: its end
-// tells what to do.
+// Two lines at most. What does not fit is left without its first part, which tells what was tried,
+// and then without its middle: the end tells what to do.
 size_t TopView::drawBanner(TopGrid& grid, TopModel::Time now) const {
+    constexpr size_t kLines = 2;
+    constexpr std::u32string_view kMark = U": ";
     const Banner banner = findBanner(now);
     const size_t width = grid.width();
-    if (banner.text.empty() || columnsOf(banner.text) <= width) {
-        if (!banner.text.empty()) drawLine(grid, kBannerLine, banner.text, banner.style);
-        return 1;
+    auto lines = breakLines(banner.head + banner.why, width);
+    if (lines.size() > kLines) {
+        const size_t mark = banner.why.find(kMark);
+        const size_t cause = mark == std::u32string::npos ? 0 : mark + kMark.size();
+        const std::u32string text = banner.head + banner.why.substr(cause);
+        lines = breakLines(text, width);
+        // Less than the two lines have room for, since words are not broken.
+        if (lines.size() > kLines) lines = breakLines(fitColumns(text, width * 7 / 4), width);
+        lines.resize(std::min(lines.size(), kLines));
     }
-    std::u32string text = banner.text;
-    size_t first = lineEnd(text, width);
-    if (columnsOf(text.substr(first)) > width) {
-        text = fitColumns(text, 2 * width - width / 4);
-        first = lineEnd(text, width);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (banner.style != TopStyle::kPlain) grid.fill(kBannerLine + i, banner.style);
+        grid.put(0, kBannerLine + i, lines[i], banner.style);
     }
-    drawLine(grid, kBannerLine, text.substr(0, first), banner.style);
-    drawLine(grid, kBannerLine + 1, text.substr(first), banner.style);
-    return 2;
+    return std::max<size_t>(lines.size(), 1);
 }
 
 TopView::Banner TopView::findBanner(TopModel::Time now) const {
     const TopModel::Service& service = m_model.service();
     const std::u32string since = fromAscii(putTime(service.since, "%T"));
-    if (!service.known) return {U"connecting", TopStyle::kPlain};
+    if (!service.known) return {U"connecting", U"", TopStyle::kPlain};
     if (!service.up) {
-        return {U"NO SERVICE since " + since + U": " + safe(service.why), TopStyle::kAlarm};
+        return {U"NO SERVICE since " + since + U": ", safe(service.why), TopStyle::kAlarm};
     }
     if (service.goneSince && now - service.since < kBackShown) {
         const auto gone =
             std::chrono::duration_cast<std::chrono::seconds>(service.since - *service.goneSince);
         return {U"the service is back since " + since + U", after " +
                     count(static_cast<double>(gone.count())) + U" s",
-                TopStyle::kGood};
+                U"", TopStyle::kGood};
     }
     if (m_model.snapshotWhy().empty()) return {};
-    return {U"no throttling, no waiting tasks: " + safe(m_model.snapshotWhy()), TopStyle::kWarning};
+    return {U"no throttling, no waiting tasks: ", safe(m_model.snapshotWhy()), TopStyle::kWarning};
 }
 
 void TopView::drawHelp(TopGrid& grid) const {

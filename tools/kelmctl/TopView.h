@@ -32,7 +32,8 @@ class TopView {
         size_t lines = 0;
     };
     struct Banner {
-        std::u32string text;
+        std::u32string head;
+        std::u32string why;
         TopStyle style = TopStyle::kPlain;
     };
     // A column with its place on the line.

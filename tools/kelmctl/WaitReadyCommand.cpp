@@ -19,6 +19,8 @@ namespace {
 // Nothing tells of a lock that another process takes, or of a device that comes.
 constexpr std::chrono::milliseconds kLockPeriod{20};
 constexpr std::chrono::milliseconds kLookPeriod{100};
+// The last look, too, is to tell what is missing and not that it had no time.
+constexpr client::Deadline kLeastLook{500};
 
 // The whole name, or what stands behind its last slash.
 bool isNamed(const std::string& graph, const std::string& wanted) {
@@ -81,7 +83,9 @@ std::string wait(const WaitReadyOptions& options, const Timeout& timeout,
                       "; start kelmdaemon, or set KELM_RUN_DIR to the directory that it was "
                       "started with";
         } else {
-            missing = looks ? findMissing(options, source.look(timeout.left())) : "";
+            missing = looks
+                          ? findMissing(options, source.look(std::max(timeout.left(), kLeastLook)))
+                          : "";
         }
         if (missing.empty()) break;
         const auto next = Timeout::Clock::now() + (ready ? kLookPeriod : kLockPeriod);
