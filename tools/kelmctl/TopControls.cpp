@@ -96,6 +96,7 @@ void TopControls::scroll(ptrdiff_t rows) {
 
 // Called with each picture: rows may have left since, or the terminal has grown.
 void TopControls::limitOffsets(const std::array<size_t, kTopSections>& most) {
+    if (m_helping) return;  // the page of help has no rows
     m_mostOffsets = most;
     for (size_t i = 0; i < kTopSections; ++i) m_offsets[i] = std::min(m_offsets[i], most[i]);
 }

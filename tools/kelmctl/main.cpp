@@ -13,6 +13,7 @@
 #include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/NearestName.h"
 #include "tools/kelmctl/ResetCommand.h"
+#include "tools/kelmctl/SafeText.h"
 #include "tools/kelmctl/StatusCommand.h"
 #include "tools/kelmctl/StopCommand.h"
 #include "tools/kelmctl/TopCommand.h"
@@ -179,10 +180,11 @@ std::string helpFor(std::span<const Command> commands) {
     return "; see kelmctl " + (isKnown ? parsed->app->get_name() + " " : "") + "--help";
 }
 
-// One line, whatever the text holds.
+// One line that a terminal does not obey, whatever names of other clients the text holds.
 int fail(std::string text, int status) {
     std::ranges::replace(text, '\n', ' ');
-    std::cerr << "kelmctl: " << text << "\n";
+    const bool utf8 = kelm::ctl::useTerminalLocale();
+    std::cerr << "kelmctl: " << kelm::ctl::toUtf8(kelm::ctl::safeText(text, utf8)) << "\n";
     return status;
 }
 
