@@ -34,7 +34,10 @@ std::string cell(const More* more, const Value& value) {
 
 // What concerns the service as a whole.
 std::string head(const StatusLook& look, bool utf8) {
-    const auto name = [utf8](const std::string& text) { return toUtf8(safeText(text, utf8)); };
+    // Without devices there is no device scheduler.
+    const auto name = [utf8](const std::string& text) {
+        return text.empty() ? "-" : toUtf8(safeText(text, utf8));
+    };
     std::string text = fmt::format("results/s {:.1f}  device scheduler {}  task scheduler {}",
                                    look.status.serviceFps, name(look.status.deviceScheduler),
                                    name(look.status.taskScheduler));
