@@ -118,7 +118,7 @@ TEST_F(TopViewTest, LossAndReturnOfTheServiceAreSeen) {
     EXPECT_THAT(text, AllOf(HasSubstr(cause), HasSubstr(fix), Not(HasSubstr("/a/path"))));
     press({'?'});
     EXPECT_THAT(draw(), AllOf(HasSubstr("Shift-Tab"), Not(HasSubstr("last seen"))));
-    press({'s', 'p'});  // the first one only leaves the help
+    press({'p', 'p'});  // the first one only leaves the help
     EXPECT_THAT(draw(), AllOf(HasSubstr("PAUSED"), HasSubstr("last seen")));
 }
 
