@@ -94,7 +94,9 @@ Command addStatus(CLI::App& app) {
     const auto options = std::make_shared<kelm::ctl::StatusOptions>();
     command->add_flag("--json", options->json, "as one object a line");
     // An option may go without its number only with a text that stands in its place.
-    command->add_option("--watch", options->watch, "again every so many seconds")
+    command
+        ->add_option("--watch", options->watch,
+                     "again every so many seconds, 1 if no number is given")
         ->expected(0, 1)
         ->default_str("1");
     return {command, [options] { return kelm::ctl::runStatus(*options); }};
