@@ -112,9 +112,8 @@ TEST_F(TopViewTest, LossAndReturnOfTheServiceAreSeen) {
     std::string text = draw();
     // Two lines, which end between words and are filled up.
     std::ranges::replace(text, '\n', ' ');
-    text.erase(
-        std::ranges::unique(text, [](char a, char b) { return a == ' ' && b == ' '; }).begin(),
-        text.end());
+    const auto areBlank = [](char a, char b) { return a == ' ' && b == ' '; };
+    text.erase(std::unique(text.begin(), text.end(), areBlank), text.end());
     EXPECT_THAT(text, AllOf(HasSubstr(cause), HasSubstr(fix), Not(HasSubstr("/a/path"))));
     press({'?'});
     EXPECT_THAT(draw(), AllOf(HasSubstr("Shift-Tab"), Not(HasSubstr("last seen"))));
