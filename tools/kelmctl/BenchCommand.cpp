@@ -68,20 +68,18 @@ bool reportFailures(const BenchSetup& setup, const BenchRegion& region, bool int
 }
 
 // Whether all went well. One line tells what did not.
-bool judge(const BenchSetup& setup, const BenchReport& report, const BenchRun& run,
-           uint64_t maxErrors) {
-    const bool searched = setup.kind == BenchSetup::Kind::kFindRate;
-    if (searched && !run.steps().empty()) return run.foundRate().has_value();
-    if (report.all().good() == 0) {
+bool judge(const BenchSetup& setup, const BenchReport& report, const BenchRun& run) {
+    if (report.isEmpty()) {
         std::cerr << "kelmctl: nothing was measured: " << report.whyEmpty() << "\n";
         return false;
     }
+    if (setup.kind == BenchSetup::Kind::kFindRate) return run.foundRate().has_value();
     const uint64_t errors = report.all().errorCount();
-    if (errors <= maxErrors) return true;
+    if (errors <= setup.maxErrors) return true;
     std::cerr << fmt::format(
         "kelmctl: {} calls failed, --max-errors lets {} pass; see the errors "
         "in the report and the log of the service\n",
-        errors, maxErrors);
+        errors, setup.maxErrors);
     return false;
 }
 
@@ -104,9 +102,9 @@ int runBench(const BenchOptions& options) {
     }
     run.lead();
     const BenchReport report(setup, region.get(), run);
-    if (report.all().good() > 0) std::cout << report.table() << std::flush;
+    if (!report.isEmpty()) std::cout << report.table() << std::flush;
     const bool failed = reportFailures(setup, region.get(), run.signal() != 0);
-    const bool good = !failed && judge(setup, report, run, options.maxErrors);
+    const bool good = !failed && judge(setup, report, run);
     if (report.all().requests() > 0) jsonFile.write(report.json());
     if (run.signal() != 0) return 128 + run.signal();
     return good ? 0 : 1;

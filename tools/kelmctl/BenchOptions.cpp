@@ -88,7 +88,8 @@ void checkRules(const BenchOptions& options) {
         {options.count && options.untilStable, "give --count or --until-stable, not both"},
         {options.seconds && options.untilStable,
          "give --seconds or --until-stable, which has its own limit of time, not both"},
-        {options.count == 0U, "--count is at least 1"},
+        {options.count.value_or(1) < 1, "--count is at least 1"},
+        {options.maxErrors < 0, "--max-errors is at least 0"},
         {options.window && !options.untilStable, "--window is for --until-stable only"},
         {options.findRate && !options.p99,
          "--find-rate needs --p99 with the bound in milliseconds"},
@@ -122,7 +123,8 @@ BenchSetup::BenchSetup(const BenchOptions& options)
     : kind(kindOf(options)), graphs(options.graphs), poisson(options.poisson) {
     checkRules(options);
     clients = static_cast<size_t>(options.clients);
-    count = options.count.value_or(0);
+    count = static_cast<uint64_t>(options.count.value_or(0));
+    maxErrors = static_cast<uint64_t>(options.maxErrors);
     depths = parseList(options.depth, "depth", 1, kMostDepth);
     if (depths.size() != 1 && depths.size() != graphs.size()) {
         throw UsageError("--depth is one number, or one for each graph as in 8,2");

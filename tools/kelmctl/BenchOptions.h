@@ -23,13 +23,13 @@ struct BenchOptions {
     std::optional<double> rate;  // open loop
     bool poisson = false;
     std::optional<double> seconds;
-    std::optional<uint64_t> count;  // inferences per client
+    std::optional<int64_t> count;  // inferences per client
     std::optional<double> warmup;
     std::optional<double> untilStable;  // at most so long
     std::optional<double> window;
     bool findRate = false;
     std::optional<double> p99;  // milliseconds
-    uint64_t maxErrors = 0;
+    int64_t maxErrors = 0;
     std::string jsonFile;
 };
 
@@ -52,6 +52,7 @@ struct BenchSetup {
     double window = 0.0;   // seconds
     uint64_t count = 0;    // inferences per client
     double p99Millis = 0.0;
+    uint64_t maxErrors = 0;
 };
 
 }  // namespace kelm::ctl

@@ -72,6 +72,8 @@ double BenchReport::fairness() const {
     return jainIndex(shares);
 }
 
+bool BenchReport::isEmpty() const { return m_run.steps().empty() && m_all.good() == 0; }
+
 std::string BenchReport::whyEmpty() const {
     if (m_run.signal() != 0) return "it was interrupted before the first result";
     if (m_all.errorCount() > 0) return "every request failed: " + errorList(m_all);

@@ -23,9 +23,10 @@ class BenchReport {
 
     // The sums over all clients and graphs of the last round.
     const BenchRow& all() const { return m_all; }
+    bool isEmpty() const;  // no results, and so no table
     std::string table() const;
     std::string json() const;
-    // Why there is nothing to show, for a run without results in which no client has failed.
+    // Why it is, if no client has failed.
     std::string whyEmpty() const;
 
  private:
