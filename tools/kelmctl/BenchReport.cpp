@@ -150,12 +150,11 @@ std::string BenchReport::searchTable() const {
         }
         text += step.rate <= 0.0 ? "  -\n" : step.held ? "  yes\n" : "  no\n";
     }
-    if (const auto found = m_run.foundRate()) {
-        return text + fmt::format("highest rate with a p99 of at most {:g} ms: {:.1f} requests/s\n",
-                                  m_setup.p99Millis, *found);
-    }
-    return text +
-           fmt::format("no rate that was tried had a p99 of at most {:g} ms\n", m_setup.p99Millis);
+    const std::string bound = fmt::format("a p99 of at most {:g} ms", m_setup.p99Millis);
+    if (!m_run.isSearchComplete()) text += "the search was ended before it was done; so far: ";
+    const auto found = m_run.foundRate();
+    return text + (found ? fmt::format("highest rate with {}: {:.1f} requests/s\n", bound, *found)
+                         : fmt::format("no rate that was tried had {}\n", bound));
 }
 
 void BenchReport::addRound(nlohmann::json& json) const {
@@ -201,6 +200,7 @@ void BenchReport::addSearch(nlohmann::json& json) const {
         steps.push_back(std::move(row));
     }
     json["find_rate"] = {{"p99_bound_ms", m_setup.p99Millis},
+                         {"complete", m_run.isSearchComplete()},
                          {"found_per_second", numberOrNull(m_run.foundRate())},
                          {"steps", std::move(steps)}};
 }

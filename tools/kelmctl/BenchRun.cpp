@@ -87,7 +87,7 @@ void BenchRun::lead() {
                 runUntilStable();
                 break;
             case BenchSetup::Kind::kFindRate:
-                search();
+                m_isSearchComplete = search();
                 break;
         }
     }
@@ -157,14 +157,15 @@ void BenchRun::runUntilStable() {
 
 // From half of what the service can do in a closed loop, which is never far from what is looked
 // for.
-void BenchRun::search() {
-    if (!runStep(0.0) || m_steps[0].row.good() == 0) return;
+bool BenchRun::search() {
+    if (!runStep(0.0) || m_steps[0].row.good() == 0) return false;
     RateSearch search(m_steps[0].row.rate() / 2.0, kLeastRequests / m_setup.seconds);
     while (const std::optional<double> rate = search.next()) {
-        if (!runStep(*rate)) break;
+        if (!runStep(*rate)) return false;
         search.tell(m_steps.back().held);
+        m_foundRate = search.found();
     }
-    m_foundRate = search.found();
+    return true;
 }
 
 // An error or a request that was given up is no latency, but no rate to recommend either.

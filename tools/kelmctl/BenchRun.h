@@ -39,15 +39,17 @@ class BenchRun {
     // Those of a search, and the highest rate that has held.
     const std::vector<BenchStep>& steps() const { return m_steps; }
     std::optional<double> foundRate() const { return m_foundRate; }
+    bool isSearchComplete() const { return m_isSearchComplete; }  // not ended early
 
  private:
     using Clock = std::chrono::steady_clock;
 
     bool waitReady();
-    // False when it was ended early. `look` is called again and again meanwhile.
+    // False when it was ended before its time. `look` is called again and again meanwhile.
     bool runRound(double rate, const std::function<void()>& look = {});
     void runUntilStable();
-    void search();
+    // False when it could not be done to its end.
+    bool search();
     bool runStep(double rate);
     bool hasEndedRound() const;
     // After a short wait, with a look for signals.
@@ -62,6 +64,7 @@ class BenchRun {
     Stability m_stability;
     std::vector<BenchStep> m_steps;
     std::optional<double> m_foundRate;
+    bool m_isSearchComplete = false;
 };
 
 }  // namespace kelm::ctl
