@@ -17,7 +17,8 @@ RateSearch::RateSearch(double first, double least)
     : m_least(least), m_next(std::max(first, least)) {}
 
 std::optional<double> RateSearch::next() const {
-    if (m_steps == kMostSteps || m_next < m_least) return std::nullopt;
+    const bool leastFails = m_failed > 0.0 && m_failed <= m_least;
+    if (m_steps == kMostSteps || leastFails) return std::nullopt;
     const bool isBracketed = m_held > 0.0 && m_failed > 0.0;
     if (isBracketed && m_failed <= kNearEnough * m_held) return std::nullopt;
     return m_next;
@@ -29,7 +30,7 @@ void RateSearch::tell(bool held) {
     if (m_held > 0.0 && m_failed > 0.0) {
         m_next = std::sqrt(m_held * m_failed);  // halves the ratio of the two
     } else {
-        m_next = held ? m_next * kFactor : m_next / kFactor;
+        m_next = held ? m_next * kFactor : std::max(m_next / kFactor, m_least);
     }
 }
 
