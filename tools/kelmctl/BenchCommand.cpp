@@ -105,7 +105,7 @@ int runBench(const BenchOptions& options) {
     if (!report.isEmpty()) std::cout << report.table() << std::flush;
     const bool failed = reportFailures(setup, region.get(), run.signal() != 0);
     const bool good = !failed && judge(setup, report, run);
-    if (report.all().requests() > 0) jsonFile.write(report.json());
+    if (!report.isEmpty() || report.all().requests() > 0) jsonFile.write(report.json());
     if (run.signal() != 0) return 128 + run.signal();
     return good ? 0 : 1;
 }

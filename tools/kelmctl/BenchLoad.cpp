@@ -1,6 +1,7 @@
 #include "tools/kelmctl/BenchLoad.h"
 
 #include <algorithm>
+#include <random>
 #include <utility>
 
 #include "protocol/src/KelmError.h"
@@ -42,7 +43,7 @@ BenchLoad::BenchLoad(const BenchSetup& setup, size_t index, client::Client& serv
       m_interruption(interruption),
       m_lane(lane),
       m_sources(std::move(sources)),
-      m_backOff(index) {
+      m_backOff(std::random_device()()) {
     const bool isShared = setup.depths.size() == 1;
     m_windows.resize(isShared ? 1 : m_sources.size());
     for (size_t i = 0; i < m_sources.size(); ++i) {
@@ -137,6 +138,7 @@ BenchLoad::Clock::time_point BenchLoad::nextEventUnsafe(Clock::time_point now) c
     if (m_isGivenUp) return next;
     next = std::min(next, now < m_round.end ? m_round.end : m_round.end + kTimeToCatchUp);
     if (!m_refused.empty()) next = std::min(next, m_refused.begin()->first);
+    if (hasBegunAllUnsafe()) return next;
     for (const Window& window : m_windows) {
         if (window.free == 0 || !window.arrivals) continue;
         const Clock::time_point due = window.arrivals->due();

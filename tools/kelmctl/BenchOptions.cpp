@@ -97,6 +97,8 @@ void checkRules(const BenchOptions& options) {
         {options.findRate && options.rate, "--find-rate looks for the rate: leave --rate away"},
         {options.findRate && (options.count || options.untilStable),
          "--find-rate measures steps of --seconds: leave --count and --until-stable away"},
+        {options.findRate && options.maxErrors > 0,
+         "--find-rate takes no rate at which calls fail: leave --max-errors away"},
         {options.poisson && !open, "--poisson needs --rate or --find-rate"},
         {options.assign && !options.weights.empty(), "give --assign or --weights, not both"},
         {options.assign && static_cast<size_t>(options.clients) < options.graphs.size(),
