@@ -73,7 +73,11 @@ bool judge(const BenchSetup& setup, const BenchReport& report, const BenchRun& r
         std::cerr << "kelmctl: nothing was measured: " << report.whyEmpty() << "\n";
         return false;
     }
-    if (setup.kind == BenchSetup::Kind::kFindRate) return run.foundRate().has_value();
+    if (setup.kind == BenchSetup::Kind::kFindRate) {
+        if (run.foundRate() || run.signal() != 0) return true;
+        std::cerr << "kelmctl: no rate found: raise --p99, or give the steps more --seconds\n";
+        return false;
+    }
     const uint64_t errors = report.all().errorCount();
     if (errors <= setup.maxErrors) return true;
     std::cerr << fmt::format(

@@ -125,8 +125,9 @@ std::string BenchReport::stabilityTable() const {
     std::string text = "  window    req/s   p99 ms\n";
     const auto& windows = m_run.stability().windows();
     for (size_t i = 0; i < windows.size(); ++i) {
+        const bool hasResults = windows[i].rate > 0.0;
         text += fmt::format("{:>8}", i + 1) + benchNumber(windows[i].rate, 1) +
-                benchNumber(windows[i].p99Millis, 3) + "\n";
+                (hasResults ? benchNumber(windows[i].p99Millis, 3) : "        -") + "\n";
     }
     return text + (m_run.stability().isStable()
                        ? "stable: the last three windows are within 10% of each other\n"
