@@ -186,6 +186,12 @@ void Client::inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback
     m_impl->infer(infer.message, std::move(infer.claim), std::move(done), std::move(accepted), end);
 }
 
+void Client::inferWaited(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+                         std::chrono::steady_clock::time_point end) {
+    m_impl->inferWaited(infer.message, std::move(infer.claim), std::move(done), std::move(accepted),
+                        end);
+}
+
 std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {
     // Shared, since a callback must be one that can be copied.
     auto promise = std::make_shared<std::promise<InferResult>>();

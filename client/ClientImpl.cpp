@@ -17,6 +17,7 @@ namespace {
 constexpr std::chrono::microseconds kShortCallback{50};
 constexpr int kMistrust = 64;  // for so many messages
 constexpr std::chrono::seconds kFlushPatience{1};
+constexpr std::chrono::milliseconds kMoment{1};
 
 // The object whose answers this thread reads.
 thread_local const void* t_reading = nullptr;
@@ -42,6 +43,7 @@ Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection, const std::st
       m_servicePid(findPeer(m_connection->nativeHandle())),
       m_access(m_connection->nativeHandle(), path),
       m_gathered(m_socket),
+      m_turn(m_connection->nativeHandle()),
       m_pending([this] { giveUpStuckSend(); }),
       m_reader([this] { readRoutine(); }) {}
 
@@ -74,6 +76,7 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
             promise->set_value({std::move(message), error});
         });
     if (!added) return Error::connectionLost();
+    m_turn.wakeIfParked();
     // Added before it is sent: the answer may come before send() returns.
     if (const Error error = send(request.base, end)) m_pending.fail(sequence, error);
     Answer answer = future.get();
@@ -90,20 +93,66 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
 // The callback runs in each case, here at the latest: a caller never waits for a request that was
 // not taken.
 void Client::Impl::infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
-                         InferCallback done, AcceptCallback accepted, Clock::time_point end) {
+                         InferCallback done, AcceptCallback accepted, Clock::time_point end,
+                         bool waited) {
     message.head.reqSeqNo = nextSequence();
     message.clientId = clientId();
     m_access.letIn(claim.get());
     if (!isConnected() ||
-        !m_pending.addInfer(end, message, std::move(claim), done, std::move(accepted))) {
+        !m_pending.addInfer(end, message, std::move(claim), done, std::move(accepted), waited)) {
         InferResult result;
         result.error = Error::connectionLost();
         result.cookie0 = message.taskCookie0;
         result.cookie1 = message.taskCookie1;
         return done(result);
     }
+    if (!waited) m_turn.wakeIfParked();
     const Error error = gathers(message) ? gather(message, end) : send(message.head.base, end);
     if (error) m_pending.fail(message.head.reqSeqNo, error);
+}
+
+void Client::Impl::inferWaited(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
+                               InferCallback done, AcceptCallback accepted, Clock::time_point end) {
+    infer(message, std::move(claim), std::move(done), std::move(accepted), end, true);
+    readWhilePending(message.head.reqSeqNo, end);
+}
+
+// Whatever comes of the turn, somebody reads: the reading thread, or a caller that wakes it if this
+// call is still pending when it gives the turn back.
+void Client::Impl::readWhilePending(uint64_t sequence, Clock::time_point end) {
+    if (!m_turn.take()) return;
+    auto state = MessageAssembler::State::kWaiting;
+    while (state != MessageAssembler::State::kFailed && m_pending.has(sequence)) {
+        // At least a moment: the thread for deadlines ends what is overdue.
+        const auto until = std::max(end, Clock::now() + kMoment);
+        if (!m_connection->hasBufferedData() && !m_turn.waitReadable(until)) continue;
+        state = m_assembler.receiveArrived(*m_connection);
+        if (state != MessageAssembler::State::kWhole) continue;
+        MessagePtr message = m_assembler.take(m_connection);
+        if (mayDispatchAnywhere(*message)) {
+            dispatch(std::move(message));
+        } else {
+            m_turn.pass(std::move(message));
+        }
+    }
+    m_turn.giveBack([&] {
+        return state != MessageAssembler::State::kFailed && m_pending.empty() &&
+               !m_connection->hasBufferedData();
+    });
+}
+
+// The answer to a cancel may end a call that it does not name.
+bool Client::Impl::mayDispatchAnywhere(const KelmMsgBase& message) const {
+    switch (message.type) {
+        case KELM_MESSAGE_CANCEL_TASK_RSP:
+            return false;
+        case KELM_MESSAGE_TASK_DONE_EVT:
+            return m_pending.isWaited(
+                reinterpret_cast<const KelmMsgEvtTaskDone&>(message).reqSeqNo);
+        default:
+            return message.size >= sizeof(KelmMsgRsp) &&
+                   m_pending.isWaited(reinterpret_cast<const KelmMsgRsp&>(message).reqSeqNo);
+    }
 }
 
 Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
@@ -163,12 +212,25 @@ void Client::Impl::giveUpStuckSend() {
     if (m_sending && m_sendDeadline <= Clock::now()) m_connection->shutdown();
 }
 
+MessagePtr Client::Impl::receive() {
+    if (m_assembler.receiveWhole(*m_connection) != MessageAssembler::State::kWhole) return nullptr;
+    return m_assembler.take(m_connection);
+}
+
 void Client::Impl::readRoutine() {
     ThreadUtils::setName("KelmReader");
     t_reading = this;
-    while (MessagePtr message{kelmReceiveMessage(m_socket)}) {
-        dispatchTimed(std::move(message));
-        if (!m_connection->hasBufferedData()) flushGathered();
+    const auto isIdle = [this] { return m_pending.empty(); };
+    const auto deal = [this](MessagePtr passed) {
+        dispatchTimed(std::move(passed));
+        flushGathered();
+    };
+    while (MessagePtr message = receive()) {
+        const bool waited = dispatchTimed(std::move(message));
+        if (m_connection->hasBufferedData()) continue;
+        flushGathered();
+        // The thread that has waited may come back with the next call.
+        if (waited && isIdle()) m_turn.park(isIdle, deal);
     }
     t_reading = nullptr;
     m_connected.store(false);  // first, so that a callback below sees the loss
@@ -182,20 +244,21 @@ void Client::Impl::readRoutine() {
 }
 
 // Callbacks that write by themselves are not timed: the write may hand the processor over.
-void Client::Impl::dispatchTimed(MessagePtr message) {
+bool Client::Impl::dispatchTimed(MessagePtr message) {
     const Clock::time_point before = m_ungathered == 0 ? Clock::now() : Clock::time_point::max();
-    dispatch(std::move(message));
+    const bool waited = dispatch(std::move(message));
     if (m_ungathered > 0) {
         --m_ungathered;
     } else if (Clock::now() - before > kShortCallback) {
         m_ungathered = kMistrust;
         flushGathered();
     }
+    return waited;
 }
 
 // On the reader's thread, as the callbacks that it runs: one that waits for an answer would wait
-// for itself.
-void Client::Impl::dispatch(MessagePtr message) {
+// for itself. What is this library's own also runs on the thread of a caller that reads.
+bool Client::Impl::dispatch(MessagePtr message) {
     switch (message->type) {
         case KELM_MESSAGE_INFER_TASK_RSP: {
             const auto& response = reinterpret_cast<const KelmMsgRspInferTask&>(*message);
@@ -204,8 +267,7 @@ void Client::Impl::dispatch(MessagePtr message) {
         }
         case KELM_MESSAGE_TASK_DONE_EVT: {
             const auto& event = reinterpret_cast<const KelmMsgEvtTaskDone&>(*message);
-            m_pending.finishInfer(event.reqSeqNo, event.status, event.taskId);
-            break;
+            return m_pending.finishInfer(event.reqSeqNo, event.status, event.taskId);
         }
         case KELM_MESSAGE_CANCEL_TASK_RSP: {
             // No result follows for a task that was taken back. Also when the canceling call has
@@ -225,6 +287,7 @@ void Client::Impl::dispatch(MessagePtr message) {
             break;
         }
     }
+    return false;
 }
 
 }  // namespace kelm::client

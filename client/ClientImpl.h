@@ -9,8 +9,10 @@
 
 #include "client/Client.h"
 #include "client/PendingCalls.h"
+#include "client/ReadTurn.h"
 #include "client/ServiceAccess.h"
 #include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessageAssembler.h"
 #include "protocol/src/MessageWriter.h"
 #include "utils/Mutex.h"
 
@@ -26,7 +28,9 @@ namespace kelm::client {
 // What callbacks submit while further answers wait to be read is gathered and leaves in one write,
 // as long as they are short: a callback that computes must not hold up its own requests.
 //
-// Threads: any may call; callbacks run on the reading and the deadline thread.
+// A thread that waits for an inference while nothing else is pending reads by itself, see ReadTurn.
+//
+// Threads: any may call; callbacks of others run on the reading and the deadline thread.
 // Owns: the connection, the reading thread "KelmReader" and the pending calls.
 // Locks: m_sendMutex and m_lostMutex, leaves; not held while writing or in a callback.
 class Client::Impl {
@@ -41,7 +45,11 @@ class Client::Impl {
     Result<MessagePtr> call(KelmMsgReq& request, const char* what, Deadline deadline);
     // Fills in client id and sequence number.
     void infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim, InferCallback done,
-               AcceptCallback accepted, Clock::time_point end);
+               AcceptCallback accepted, Clock::time_point end, bool waited = false);
+    // The same for a thread that waits for the end: reads answers meanwhile if it may. The
+    // callbacks have run on return, or run later on other threads.
+    void inferWaited(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
+                     InferCallback done, AcceptCallback accepted, Clock::time_point end);
     void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
     void hangUp();
     void onWarning(WarningCallback callback) { m_access.onWarning(std::move(callback)); }
@@ -62,11 +70,17 @@ class Client::Impl {
     bool gathers(const KelmMsgReqInferTask& message) const;
     Error gather(KelmMsgReqInferTask& message, Clock::time_point deadline) EXCLUDES(m_sendMutex);
     void flushGathered() EXCLUDES(m_sendMutex);
-    void dispatchTimed(MessagePtr message) EXCLUDES(m_sendMutex);
+    bool dispatchTimed(MessagePtr message) EXCLUDES(m_sendMutex);
     // A write that is stuck past its deadline left half a request behind: the connection is lost.
     void giveUpStuckSend() EXCLUDES(m_sendMutex);
     void readRoutine() EXCLUDES(m_lostMutex);
-    void dispatch(MessagePtr message);
+    // The next message, waited for by the reader; null when the connection is of no use any more.
+    MessagePtr receive();
+    // True if a thread has waited for what has ended.
+    bool dispatch(MessagePtr message);
+    // Whether it runs no callback but this library's own.
+    bool mayDispatchAnywhere(const KelmMsgBase& message) const;
+    void readWhilePending(uint64_t sequence, Clock::time_point end);
 
     const std::shared_ptr<IPC::ConnectionUDS> m_connection;
     const int m_socket;
@@ -90,6 +104,9 @@ class Client::Impl {
     MessageWriter m_gathered;
     Clock::time_point m_gatheredDeadline;
     int m_ungathered = 0;  // messages to go until callbacks are taken for short again
+
+    ReadTurn m_turn;
+    MessageAssembler m_assembler;  // of the thread that has the turn
 
     PendingCalls m_pending;
     std::thread m_reader;

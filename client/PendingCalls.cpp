@@ -31,8 +31,9 @@ bool PendingCalls::addCall(uint64_t sequence, const char* what, Clock::time_poin
 
 bool PendingCalls::addInfer(Clock::time_point deadline, const KelmMsgReqInferTask& message,
                             std::shared_ptr<SlotClaim> claim, InferCallback done,
-                            AcceptCallback accepted) {
+                            AcceptCallback accepted, bool waited) {
     Entry entry;
+    entry.waited = waited;
     entry.claim = std::move(claim);
     entry.deadline = deadline;
     // Both latencies begin here, before the request is sent.
@@ -96,14 +97,31 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
     }
 }
 
-void PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
+bool PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
     std::optional<Entry> entry = take(sequence);
-    if (!entry) return;
+    if (!entry) return false;
     entry->claim.reset();  // first: the callback may submit with the same slot
-    if (!entry->done) return;
+    if (!entry->done) return false;
     entry->result.taskId = taskId;
     entry->result.resultLatency = Clock::now() - entry->start;
     end(*entry, Error::fromStatus(status, CallKind::kInfer));
+    return entry->waited;
+}
+
+bool PendingCalls::empty() const {
+    MutexLock lock(m_mutex);
+    return m_entries.size() == 0;
+}
+
+bool PendingCalls::has(uint64_t sequence) const {
+    MutexLock lock(m_mutex);
+    return m_entries.find(sequence) != nullptr;
+}
+
+bool PendingCalls::isWaited(uint64_t sequence) const {
+    MutexLock lock(m_mutex);
+    const Entry* const entry = m_entries.find(sequence);
+    return entry == nullptr || entry->waited;
 }
 
 // A search, since entries are kept by sequence number and cancels are rare.

@@ -36,17 +36,24 @@ class PendingCalls {
     // False after closeAll(): the entry was not taken and nothing will be called.
     bool addCall(uint64_t sequence, const char* what, Clock::time_point deadline, Reply reply);
     // The same for an inference, with its claim on its slots, which is kept until its end is known.
+    // `waited`: the callbacks are this library's own, and a thread waits for the end.
     bool addInfer(Clock::time_point deadline, const KelmMsgReqInferTask& message,
-                  std::shared_ptr<SlotClaim> claim, InferCallback done, AcceptCallback accepted);
+                  std::shared_ptr<SlotClaim> claim, InferCallback done, AcceptCallback accepted,
+                  bool waited);
 
     // A response has come; one for which nothing waits is dropped.
     void finishCall(uint64_t sequence, MessagePtr answer);
     void acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId);
-    void finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
+    // True if a thread has waited for it.
+    bool finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     // The service has taken the task back before it ran, and sends no result.
     void cancelInfer(uint64_t taskId);
     // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
+    bool empty() const EXCLUDES(m_mutex);
+    bool has(uint64_t sequence) const EXCLUDES(m_mutex);
+    // Whether a thread waits for it; also for one that is not there any more.
+    bool isWaited(uint64_t sequence) const EXCLUDES(m_mutex);
     // Ends everything, now and for ever.
     void closeAll(const Error& error);
 
@@ -55,6 +62,7 @@ class PendingCalls {
         Clock::time_point deadline;
         Clock::time_point start;
         const char* what = "";
+        bool waited = true;  // its callbacks may run on any thread
         Reply reply;         // set for calls
         InferCallback done;  // set for inferences
         AcceptCallback accepted;
@@ -70,7 +78,7 @@ class PendingCalls {
     std::vector<Entry> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
 
     const std::function<void()> m_onOverdue;
-    Mutex m_mutex;
+    mutable Mutex m_mutex;
     CondVar m_wake;
     bool m_closed GUARDED_BY(m_mutex) = false;
     bool m_stop GUARDED_BY(m_mutex) = false;

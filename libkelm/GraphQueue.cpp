@@ -43,6 +43,7 @@ GraphQueue::GraphQueue(std::shared_ptr<Session> session, Limits limits, uint64_t
 
 Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
     const Clock::time_point deadline = task->deadline;
+    const bool waited = task->endsInPlace;
     task->queue = shared_from_this();
     PreparedInfer infer;
     {
@@ -68,7 +69,7 @@ Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
     if (infer.message.head.base.size == 0) {
         m_session->wakeAt(deadline);
     } else {
-        send(infer, ticket, deadline);
+        send(infer, ticket, deadline, waited);
     }
     return {};
 }
@@ -102,46 +103,44 @@ PreparedInfer GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::time_po
 }
 
 // The task itself keeps this object while a callback may come.
-void GraphQueue::send(PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline) {
+void GraphQueue::send(PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline,
+                      bool waited) {
     const std::shared_ptr<client::Client> client = m_session->client();
     if (!client || !client->isConnected()) {
         InferResult unsent;
         unsent.error = Error::notConnected();
         return ended(ticket, unsent);
     }
-    client->inferAsync(
-        infer, [this, ticket](const InferResult& result) { ended(ticket, result); },
-        [this, ticket](uint64_t taskId) { accepted(ticket, taskId); }, deadline);
+    const auto done = [this, ticket](const InferResult& result) { ended(ticket, result); };
+    const auto taken = [this, ticket](uint64_t taskId) { accepted(ticket, taskId); };
+    if (waited) {
+        client->inferWaited(infer, done, taken, deadline);
+    } else {
+        client->inferAsync(infer, done, taken, deadline);
+    }
 }
 
+// What is overdue is left to the timer: this may be the thread of a call, where no other task's
+// callback may run.
 void GraphQueue::sendWaiting() {
     const auto self = shared_from_this();
     while (true) {
-        std::unique_ptr<Task> overdue;
         PreparedInfer infer;
         uint64_t ticket = 0;
         Clock::time_point deadline;
         {
             MutexLock lock(m_mutex);
-            if (m_waiting.empty()) return;
             const Clock::time_point now = Clock::now();
-            if (!maySendUnsafe(now)) return;
-            std::unique_ptr<Task> task = dequeueUnsafe(m_waiting.begin()->first);
-            if (task->deadline <= now) {
-                overdue = std::move(task);
-            } else {
+            if (m_waiting.empty() || !maySendUnsafe(now)) return;
+            deadline = m_waiting.begin()->second->deadline;
+            if (deadline > now) {
+                std::unique_ptr<Task> task = dequeueUnsafe(m_waiting.begin()->first);
                 ticket = task->ticket;
-                deadline = task->deadline;
                 infer = startUnsafe(std::move(task), now);
             }
         }
-        if (overdue) {
-            InferResult end;
-            end.error = expired();
-            finish(std::move(overdue), end);
-        } else {
-            send(infer, ticket, deadline);
-        }
+        if (ticket == 0) return m_session->wakeAt(deadline);
+        send(infer, ticket, deadline, false);
     }
 }
 

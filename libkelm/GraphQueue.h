@@ -80,8 +80,9 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     bool keepUnsentUnsafe(std::unique_ptr<Task>& task, const client::Error& error,
                           Clock::time_point now) REQUIRES(m_mutex);
 
-    void send(client::PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline)
-        EXCLUDES(m_mutex);
+    // `waited`: on the thread of the call that waits for the task's end.
+    void send(client::PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline,
+              bool waited) EXCLUDES(m_mutex);
     void sendWaiting() EXCLUDES(m_mutex);
     void accepted(uint64_t ticket, uint64_t taskId) EXCLUDES(m_mutex);
     void ended(uint64_t ticket, const client::InferResult& result) EXCLUDES(m_mutex);

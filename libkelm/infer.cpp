@@ -90,13 +90,14 @@ class Awaited {
         awaited.m_result = *result;
         awaited.m_text = result->text;
         // The waiting thread may destroy the object from here on; waking only names the word.
-        awaited.m_ended.store(1);
-        kelm::futex::wakeOne(awaited.m_ended);
+        if (awaited.m_state.exchange(kEnded) == kSleeping) kelm::futex::wakeOne(awaited.m_state);
     }
 
     // Error number and text are kept as those of this thread's call.
     int wait(kelm_result* result) {
-        while (m_ended.load() == 0) kelm::futex::wait(m_ended, 0);
+        uint32_t running = kRunning;
+        m_state.compare_exchange_strong(running, kSleeping);
+        while (m_state.load() != kEnded) kelm::futex::wait(m_state, kSleeping);
         const int error = m_result.error;
         if (error != KELM_SUCCESS) fail(error, m_text.c_str());
         m_result.text = error != KELM_SUCCESS ? lastError() : "";
@@ -105,7 +106,10 @@ class Awaited {
     }
 
  private:
-    std::atomic<uint32_t> m_ended{0};  // the rest is the teller's before, the waiter's behind it
+    enum State : uint32_t { kRunning, kSleeping, kEnded };
+
+    // The rest is the teller's before it is kEnded, and the waiter's from then on.
+    std::atomic<uint32_t> m_state{kRunning};
     kelm_result m_result{};
     std::string m_text;
 };

@@ -21,6 +21,11 @@ class RecycledMap {
         return found != m_map.end() ? &found->second : nullptr;
     }
 
+    const Value* find(const Key& key) const {
+        const auto found = m_map.find(key);
+        return found != m_map.end() ? &found->second : nullptr;
+    }
+
     // The key must be absent.
     void insert(const Key& key, Value value) {
         if (m_spareNodes.empty()) {

@@ -23,7 +23,7 @@ class PendingCallsTest : public ::testing::Test {
             MutexLock lock(m_mutex);
             m_kinds.push_back(result.error.kind());
         };
-        return m_calls.addInfer(Clock::now() + time, message, nullptr, end, {});
+        return m_calls.addInfer(Clock::now() + time, message, nullptr, end, {}, false);
     }
     // How calls have ended, in order.
     std::vector<ErrorKind> kinds() {
@@ -102,7 +102,8 @@ TEST_F(PendingCallsTest, CallbackMaySubmitWithTheSameSlot) {
         if (!infer) return infer.error();
         auto& [message, claim] = infer.value();
         message.head.reqSeqNo = sequence;
-        EXPECT_TRUE(m_calls.addInfer(Clock::now() + kNever, message, std::move(claim), end, {}));
+        EXPECT_TRUE(
+            m_calls.addInfer(Clock::now() + kNever, message, std::move(claim), end, {}, false));
         return Error();
     };
     Error second(ErrorKind::kTimeout, 0, "");

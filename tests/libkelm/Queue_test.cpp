@@ -165,6 +165,44 @@ TEST_F(QueueTest, CallbacksRunInDispatchOnlyWhereTheProgramAsksForThat) {
     EXPECT_EQ(m_client->dispatch(), 0);
 }
 
+// A call that waits alone reads the answers itself from the second time on.
+TEST_F(QueueTest, CallThatReadsHoldsUpNothingElse) {
+    open(150, 9);
+    const Slot slot = m_pool->acquire();
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(m_graph->infer(slot).ok());
+    std::thread::id reader;
+    std::atomic<bool> isCalling{false};
+    auto call = std::async(std::launch::async, [&] {
+        reader = std::this_thread::get_id();
+        isCalling = true;
+        return codeOf([&] { m_graph->infer(m_pool->acquire()); });
+    });
+    ASSERT_TRUE(eventually([&] { return isCalling.load(); }));
+    std::thread::id ender;
+    m_graph->start(m_slots.emplace_back(m_pool->acquire()), {},
+                   [&, add = m_ends.adder()](const kelm_result& result) {
+                       ender = std::this_thread::get_id();
+                       add(result);
+                   });
+    EXPECT_EQ(m_client->status().info().client_count, 1U);
+    EXPECT_EQ(call.get(), KELM_SUCCESS);
+    ASSERT_TRUE(m_ends.wait(1));
+    EXPECT_NE(ender, reader);
+    // Its deadline, and the end of the service, reach it too.
+    EXPECT_TRUE(m_graph->infer(slot).ok());
+    EXPECT_EQ(codeOf([&] { m_graph->infer(slot, {.deadline = Millis(20)}); }), KELM_TIMEOUT);
+    EXPECT_TRUE(eventually([&] { return codeOf([&] { m_graph->infer(slot); }) == KELM_SUCCESS; }));
+    auto last = std::async(std::launch::async,
+                           [&] { return codeOf([&] { m_graph->infer(m_pool->acquire()); }); });
+    ASSERT_TRUE(eventually([&] {
+        return readPackage()->clients[0].waitingInferenceNum > 0 ||
+               last.wait_for(Millis(0)) == std::future_status::ready;
+    }));
+    service().signal(SIGKILL);
+    (void)service().waitExit();
+    EXPECT_EQ(last.get(), KELM_CONNECTION_LOST);
+}
+
 TEST_F(QueueTest, EndOfTheConnectionEndsEachTaskOnce) {
     open(1000, 2);
     for (uint64_t i = 0; i < 6; ++i) submit(i);
