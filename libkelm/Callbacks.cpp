@@ -46,24 +46,31 @@ void Callbacks::runNow(Callback& callback) {
 
 void Callbacks::run(Callback callback) {
     if (!m_due) return runNow(callback);
+    keep(std::move(callback));
+}
+
+void Callbacks::keep(Callback callback) {
     MutexLock lock(m_mutex);
     m_waiting.push_back(std::move(callback));
     // The first one only: each wake-up is a system call.
-    if (m_waiting.size() == 1) (void)::eventfd_write(m_due.get(), 1);
+    if (m_due && m_waiting.size() == 1) (void)::eventfd_write(m_due.get(), 1);
 }
 
-int Callbacks::dispatch(int timeoutMillis) {
-    pollfd due{m_due.get(), POLLIN, 0};
-    if (::poll(&due, 1, timeoutMillis) < 0) return -1;
+int Callbacks::runWaiting() {
     std::vector<Callback> callbacks;
     {
         MutexLock lock(m_mutex);
         eventfd_t count = 0;
-        (void)::eventfd_read(m_due.get(), &count);
+        if (m_due) (void)::eventfd_read(m_due.get(), &count);
         callbacks.swap(m_waiting);
     }
     for (Callback& callback : callbacks) runNow(callback);
     return static_cast<int>(callbacks.size());
+}
+
+int Callbacks::dispatch(int timeoutMillis) {
+    pollfd due{m_due.get(), POLLIN, 0};
+    return ::poll(&due, 1, timeoutMillis) < 0 ? -1 : runWaiting();
 }
 
 }  // namespace kelm::lib

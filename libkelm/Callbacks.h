@@ -39,6 +39,10 @@ class Callbacks {
     explicit Callbacks(bool dispatchMode);
 
     void run(Callback callback) EXCLUDES(m_mutex);
+    // Not yet in any mode: runWaiting() or dispatch() will.
+    void keep(Callback callback) EXCLUDES(m_mutex);
+    // How many ran.
+    int runWaiting() EXCLUDES(m_mutex);
     // At once in every mode.
     static void runNow(Callback& callback);
     // Waits up to `timeoutMillis`, negative: without limit. How many ran; -1 with errno.

@@ -21,6 +21,10 @@ constexpr std::chrono::microseconds kFirstPause{1000};
 constexpr std::chrono::microseconds kLongestPause{100000};
 constexpr client::Deadline kCancelDeadline{10000};
 
+// The program is in a call that starts a task, with locks of its own perhaps: its callbacks would
+// wait for these.
+thread_local bool t_isSubmitting = false;
+
 Error expired() {
     return {ErrorKind::kExpired, 0,
             "the deadline of the task passed before it was sent; submit fewer tasks or give them "
@@ -68,9 +72,11 @@ Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
     }
     if (infer.message.head.base.size == 0) {
         m_session->wakeAt(deadline);
-    } else {
-        send(infer, ticket, deadline, waited);
+        return {};
     }
+    const bool outer = std::exchange(t_isSubmitting, true);
+    send(infer, ticket, deadline, waited);
+    t_isSubmitting = outer;
     return {};
 }
 
@@ -216,6 +222,7 @@ void GraphQueue::finish(std::unique_ptr<Task> task, const InferResult& result) {
     end.user = task->user;
     Callbacks::Callback callback(std::move(end));
     if (task->endsInPlace) return Callbacks::runNow(callback);
+    if (t_isSubmitting) return m_session->tellLater(std::move(callback));
     m_session->callbacks().run(std::move(callback));
 }
 

@@ -133,6 +133,11 @@ void Session::lost() {
     if (!m_options.reconnects) tellProgram(false);
 }
 
+void Session::tellLater(Callbacks::Callback callback) {
+    m_callbacks.keep(std::move(callback));
+    wakeAt(Clock::now());
+}
+
 void Session::tellProgram(bool up) {
     if (m_options.onConnection == nullptr) return;
     m_callbacks.run(ConnectionChange{m_options.onConnection, m_options.user, up});
@@ -155,7 +160,7 @@ void Session::close() {
     current.reset();
     retire();
     m_timer.stop();
-    if (m_options.dispatches) (void)m_callbacks.dispatch(0);
+    (void)m_callbacks.runWaiting();
     std::vector<std::shared_ptr<const Entry>> graphs;  // they share this object
     MutexLock lock(m_mutex);
     graphs.swap(m_graphs);
@@ -222,6 +227,7 @@ std::vector<std::shared_ptr<GraphQueue>> Session::queues() const {
 Session::Clock::time_point Session::tick(Clock::time_point now) {
     Clock::time_point next = Clock::time_point::max();
     for (const auto& queue : queues()) next = std::min(next, queue->tick(now));
+    if (!m_options.dispatches) (void)m_callbacks.runWaiting();
     return next;
 }
 

@@ -63,6 +63,8 @@ class Session : public std::enable_shared_from_this<Session> {
     client::Error unload(const std::shared_ptr<GraphQueue>& queue) EXCLUDES(m_mutex);
 
     Callbacks& callbacks() { return m_callbacks; }
+    // For a callback that must not run on the calling thread.
+    void tellLater(Callbacks::Callback callback);
     // Queues are looked after at this time at the latest.
     void wakeAt(Clock::time_point time) { m_timer.wakeAt(time); }
 
