@@ -161,9 +161,9 @@ KELM_API int kelm_graph_from_service_file(struct kelm_client* client, const char
                                           const struct kelm_graph_options* options,
                                           struct kelm_graph** graph);
 KELM_API int kelm_graph_get_info(const struct kelm_graph* graph, struct kelm_graph_info* info);
-/* Ends the graph's waiting tasks with KELM_CANCELED, waits up to 10 s for those that were sent,
- * tells the service, frees the handle. KELM_INVALID_ARGUMENT from a callback: nothing is done.
- * NULL: 0. */
+/* Ends the graph's waiting tasks with KELM_CANCELED, waits up to 10 s for those that were sent
+ * and for callbacks that run, tells the service, frees the handle. KELM_INVALID_ARGUMENT from a
+ * callback: nothing is done. NULL: 0. */
 KELM_API int kelm_graph_free(struct kelm_graph* graph);
 
 /* ---- Tensors --------------------------------------------------------------------------------- */

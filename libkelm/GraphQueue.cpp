@@ -21,9 +21,9 @@ constexpr std::chrono::microseconds kFirstPause{1000};
 constexpr std::chrono::microseconds kLongestPause{100000};
 constexpr client::Deadline kCancelDeadline{10000};
 
-// The program is in a call that starts a task, with locks of its own perhaps: its callbacks would
-// wait for these.
-thread_local bool t_isSubmitting = false;
+// The program is in a call that starts or cancels a task, with locks of its own perhaps: its
+// callbacks would wait for these.
+thread_local bool t_isInCall = false;
 
 Error expired() {
     return {ErrorKind::kExpired, 0,
@@ -74,9 +74,9 @@ Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
         m_session->wakeAt(deadline);
         return {};
     }
-    const bool outer = std::exchange(t_isSubmitting, true);
+    const bool outer = std::exchange(t_isInCall, true);
     send(infer, ticket, deadline, waited);
-    t_isSubmitting = outer;
+    t_isInCall = outer;
     return {};
 }
 
@@ -179,12 +179,17 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
             m_pausedUntil = Clock::time_point::min();
             m_pause = {};
         }
+        if (task) ++m_ending;
         waiting = !m_waiting.empty();
         m_change.notifyAll();
     }
     if (wake != Clock::time_point::max()) m_session->wakeAt(wake);
     if (waiting) sendWaiting();  // first: the devices wait for it
-    if (task) finish(std::move(task), result);
+    if (!task) return;
+    finish(std::move(task), result);
+    MutexLock lock(m_mutex);
+    --m_ending;
+    m_change.notifyAll();
 }
 
 // Jitter: clients that are refused together should not come back together.
@@ -222,7 +227,7 @@ void GraphQueue::finish(std::unique_ptr<Task> task, const InferResult& result) {
     end.user = task->user;
     Callbacks::Callback callback(std::move(end));
     if (task->endsInPlace) return Callbacks::runNow(callback);
-    if (t_isSubmitting) return m_session->tellLater(std::move(callback));
+    if (t_isInCall) return m_session->tellLater(std::move(callback));
     m_session->callbacks().run(std::move(callback));
 }
 
@@ -256,7 +261,9 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
         }
     }
     if (!here.empty()) {
+        const bool outer = std::exchange(t_isInCall, true);
         finishUnsent(std::move(here), Error::canceled());
+        t_isInCall = outer;
         return true;
     }
     const std::shared_ptr<client::Client> client = m_session->client();
@@ -298,8 +305,9 @@ void GraphQueue::close(const Error& error) {
 
 bool GraphQueue::waitUntilEmpty(Clock::time_point deadline) {
     MutexLock lock(m_mutex);
-    while (m_sent.size() > 0) {
-        if (!m_change.waitUntil(m_mutex, deadline) && m_sent.size() > 0) return false;
+    const auto isEmpty = [this]() REQUIRES(m_mutex) { return m_sent.size() == 0 && m_ending == 0; };
+    while (!isEmpty()) {
+        if (!m_change.waitUntil(m_mutex, deadline) && !isEmpty()) return false;
     }
     return true;
 }

@@ -52,7 +52,7 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     void resume(uint64_t connection, uint64_t graphId) EXCLUDES(m_mutex);
     // Ends what waits with this error, and takes no task any more.
     void close(const client::Error& error) EXCLUDES(m_mutex);
-    // Waits until no task is at the service; false at the deadline.
+    // Waits until no task is at the service and no callback of one runs; false at the deadline.
     bool waitUntilEmpty(Clock::time_point deadline) EXCLUDES(m_mutex);
 
     // Ends what is overdue and sends what may go. Returns the next time that this is of use.
@@ -103,6 +103,7 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     std::map<Place, std::unique_ptr<Task>> m_waiting GUARDED_BY(m_mutex);
     std::set<std::pair<Clock::time_point, Place>> m_deadlines GUARDED_BY(m_mutex);  // of m_waiting
     RecycledMap<uint64_t, std::unique_ptr<Task>> m_sent GUARDED_BY(m_mutex);
+    size_t m_ending GUARDED_BY(m_mutex) = 0;  // taken out of m_sent, callbacks not over
     Clock::time_point m_pausedUntil GUARDED_BY(m_mutex) = Clock::time_point::min();
     std::chrono::microseconds m_pause GUARDED_BY(m_mutex){0};  // the latest one
     std::minstd_rand m_random GUARDED_BY(m_mutex);
