@@ -121,7 +121,8 @@ class Client {
 
     // The buffers must stay as they are until the call has ended. After a timeout the task may
     // still run: a TensorSlot looks after itself, other memory must stay until the connection has
-    // ended. kBusy if the request is to write into a slot that another task may write into.
+    // ended. kBusy if the request is to write into a slot that another task may write into, and
+    // from the callback of one that ended at its deadline if the service reads nothing just then.
     void inferAsync(const InferRequest& request, const InferCallback& done,
                     AcceptCallback accepted = {}, Deadline deadline = kDefaultDeadline);
     std::future<InferResult> inferAsync(const InferRequest& request,

@@ -44,7 +44,7 @@ GraphQueue::GraphQueue(std::shared_ptr<Session> session, Limits limits, uint64_t
 Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
     const Clock::time_point deadline = task->deadline;
     task->queue = shared_from_this();
-    PreparedInfer infer;
+    Sending sending;
     {
         MutexLock lock(m_mutex);
         if (m_closed) {
@@ -58,17 +58,18 @@ Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
         }
         task->submitted = Clock::now();
         task->ticket = ticket = ++m_lastTicket;
+        ++m_unfinished;
         if (m_waiting.empty() && maySendUnsafe(task->submitted)) {
             const Clock::time_point now = task->submitted;
-            infer = startUnsafe(std::move(task), now);
+            sending = startUnsafe(std::move(task), now);
         } else {
             enqueueUnsafe(std::move(task));
         }
     }
-    if (infer.message.head.base.size == 0) {
+    if (sending.connection == 0) {
         m_session->wakeAt(deadline);
     } else {
-        send(infer, ticket, deadline);
+        send(sending);
     }
     return {};
 }
@@ -89,38 +90,45 @@ std::unique_ptr<Task> GraphQueue::dequeueUnsafe(Place place) {
     return std::move(node.mapped());
 }
 
+// By priority, since the caller does not know it: there are few.
+std::unique_ptr<Task> GraphQueue::dequeueTicketUnsafe(uint64_t ticket) {
+    for (uint32_t rank = 0; rank <= kHighestPriority; ++rank) {
+        if (m_waiting.contains({rank, ticket})) return dequeueUnsafe({rank, ticket});
+    }
+    return nullptr;
+}
+
 // A copy: the task may end, and its memory with it, before the sender is done with the request.
-PreparedInfer GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) {
+GraphQueue::Sending GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) {
     task->sent = now;
     task->taskId = 0;
     task->connection = m_connection;
     task->infer.message.graphId = m_graphId;
-    PreparedInfer infer = task->infer;
-    const uint64_t ticket = task->ticket;
-    m_sent.insert(ticket, std::move(task));
-    return infer;
+    Sending sending{task->infer, task->ticket, m_connection, task->deadline};
+    m_sent.insert(sending.ticket, std::move(task));
+    return sending;
 }
 
-// The task itself keeps this object while a callback may come.
-void GraphQueue::send(PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline) {
-    const std::shared_ptr<client::Client> client = m_session->client();
+// The task itself keeps this object while a callback may come. Another connection than the one that
+// the graph's number is of may have another graph by this number.
+void GraphQueue::send(Sending& sending) {
+    const uint64_t ticket = sending.ticket;
+    const std::shared_ptr<client::Client> client = m_session->client(sending.connection);
     if (!client || !client->isConnected()) {
         InferResult unsent;
         unsent.error = Error::notConnected();
         return ended(ticket, unsent);
     }
     client->inferAsync(
-        infer, [this, ticket](const InferResult& result) { ended(ticket, result); },
-        [this, ticket](uint64_t taskId) { accepted(ticket, taskId); }, deadline);
+        sending.infer, [this, ticket](const InferResult& result) { ended(ticket, result); },
+        [this, ticket](uint64_t taskId) { accepted(ticket, taskId); }, sending.deadline);
 }
 
 void GraphQueue::sendWaiting() {
     const auto self = shared_from_this();
     while (true) {
         std::unique_ptr<Task> overdue;
-        PreparedInfer infer;
-        uint64_t ticket = 0;
-        Clock::time_point deadline;
+        Sending sending;
         {
             MutexLock lock(m_mutex);
             if (m_waiting.empty()) return;
@@ -130,9 +138,7 @@ void GraphQueue::sendWaiting() {
             if (task->deadline <= now) {
                 overdue = std::move(task);
             } else {
-                ticket = task->ticket;
-                deadline = task->deadline;
-                infer = startUnsafe(std::move(task), now);
+                sending = startUnsafe(std::move(task), now);
             }
         }
         if (overdue) {
@@ -140,7 +146,7 @@ void GraphQueue::sendWaiting() {
             end.error = expired();
             finish(std::move(overdue), end);
         } else {
-            send(infer, ticket, deadline);
+            send(sending);
         }
     }
 }
@@ -186,7 +192,8 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
 bool GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& error,
                                   Clock::time_point now) {
     const bool refused =
-        error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK;
+        error.kind() == ErrorKind::kBusy ||
+        (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
     const bool unsent = error.kind() == ErrorKind::kNotConnected;
     if ((!refused && !unsent) || m_closed || task->deadline <= now) return false;
     if (refused) {
@@ -199,24 +206,30 @@ bool GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& erro
 }
 
 void GraphQueue::finish(std::unique_ptr<Task> task, const InferResult& result) {
+    const std::shared_ptr<GraphQueue> self = task->queue;
     task->infer.claim.reset();  // first: the callback may submit with the same slot
-    if (task->done == nullptr) return;
+    if (task->done != nullptr) tellEnd(*task, result);
+    MutexLock lock(m_mutex);
+    if (--m_unfinished == 0) m_change.notifyAll();
+}
+
+void GraphQueue::tellEnd(Task& task, const InferResult& result) {
     TaskEnd end{};
     end.result.size = sizeof(end.result);
     end.result.error = codeOf(result.error);
     end.text = result.error.text();
-    end.result.ticket = task->ticket;
-    end.result.cookie = task->cookie;
+    end.result.ticket = task.ticket;
+    end.result.cookie = task.cookie;
     end.result.task_id = result.taskId;
     const Clock::time_point now = Clock::now();
-    const bool wasSent = task->connection != 0;
-    end.result.waited_ns = nanosBetween(task->submitted, wasSent ? task->sent : now);
+    const bool wasSent = task.connection != 0;
+    end.result.waited_ns = nanosBetween(task.submitted, wasSent ? task.sent : now);
     end.result.accepted_ns = static_cast<uint64_t>(result.acceptLatency.count());
-    end.result.total_ns = nanosBetween(task->submitted, now);
-    end.done = task->done;
-    end.user = task->user;
+    end.result.total_ns = nanosBetween(task.submitted, now);
+    end.done = task.done;
+    end.user = task.user;
     Callbacks::Callback callback(std::move(end));
-    if (task->endsInPlace) return Callbacks::runNow(callback);
+    if (task.endsInPlace) return Callbacks::runNow(callback);
     m_session->callbacks().run(std::move(callback));
 }
 
@@ -228,32 +241,32 @@ void GraphQueue::finishUnsent(std::vector<std::unique_ptr<Task>> tasks, const Er
 
 Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
     const Clock::time_point end = Clock::now() + kCancelDeadline;
-    std::vector<std::unique_ptr<Task>> here;
+    std::unique_ptr<Task> here;
     uint64_t taskId = 0;
+    uint64_t connection = 0;
     {
         MutexLock lock(m_mutex);
-        const auto found = std::find_if(m_waiting.begin(), m_waiting.end(), [&](const auto& item) {
-            return item.first.second == ticket;
-        });
-        if (found != m_waiting.end()) {
-            here.push_back(dequeueUnsafe(found->first));
-        } else if (!mayWait) {
-            return false;
-        }
-        // Sent, but the service has not told its number yet.
-        while (here.empty()) {
+        // Sent, but the service has not told its number yet, or refuses the task: it waits again
+        // then.
+        while (taskId == 0) {
             const std::unique_ptr<Task>* const task = m_sent.find(ticket);
-            if (task == nullptr) return false;
+            if (task == nullptr) break;
+            if (!mayWait) return false;
             taskId = (*task)->taskId;
+            connection = (*task)->connection;
             if (taskId != 0) break;
             if (!m_change.waitUntil(m_mutex, end)) return Error::timeout("the cancel");
         }
+        if (taskId == 0) here = dequeueTicketUnsafe(ticket);
     }
-    if (!here.empty()) {
-        finishUnsent(std::move(here), Error::canceled());
+    if (here) {
+        InferResult canceledHere;
+        canceledHere.error = Error::canceled();
+        finish(std::move(here), canceledHere);
         return true;
     }
-    const std::shared_ptr<client::Client> client = m_session->client();
+    if (taskId == 0) return false;
+    const std::shared_ptr<client::Client> client = m_session->client(connection);
     if (!client) return Error::connectionLost();
     Result<bool> canceled = client->cancel(taskId, kCancelDeadline);
     // It has ended meanwhile.
@@ -267,15 +280,12 @@ void GraphQueue::suspend() {
 }
 
 void GraphQueue::resume(uint64_t connection, uint64_t graphId) {
-    {
-        MutexLock lock(m_mutex);
-        m_connection = connection;
-        m_graphId = graphId;
-        m_connected = true;
-        m_pausedUntil = Clock::time_point::min();
-        m_pause = {};
-    }
-    sendWaiting();
+    MutexLock lock(m_mutex);
+    m_connection = connection;
+    m_graphId = graphId;
+    m_connected = true;
+    m_pausedUntil = Clock::time_point::min();
+    m_pause = {};
 }
 
 void GraphQueue::close(const Error& error) {
@@ -292,8 +302,8 @@ void GraphQueue::close(const Error& error) {
 
 bool GraphQueue::waitUntilEmpty(Clock::time_point deadline) {
     MutexLock lock(m_mutex);
-    while (m_sent.size() > 0) {
-        if (!m_change.waitUntil(m_mutex, deadline) && m_sent.size() > 0) return false;
+    while (m_unfinished > 0) {
+        if (!m_change.waitUntil(m_mutex, deadline) && m_unfinished > 0) return false;
     }
     return true;
 }

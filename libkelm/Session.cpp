@@ -27,6 +27,11 @@ Error sessionClosed() {
     return {ErrorKind::kNotConnected, 0, "the connection was closed; connect again"};
 }
 
+client::Deadline timeUntil(Session::Clock::time_point end) {
+    const auto left = std::chrono::ceil<client::Deadline>(end - Session::Clock::now());
+    return std::max(left, client::Deadline(1));
+}
+
 // Clients that lost the same service should not come back at the same moment.
 std::chrono::milliseconds withJitter(std::chrono::milliseconds pause) {
     thread_local std::minstd_rand random(std::random_device{}());
@@ -64,9 +69,9 @@ Result<std::unique_ptr<Client>> Session::open(client::Deadline deadline) {
                                       const std::string& text) { warn(text.c_str(), user); });
     }
     client.value()->onLost([this] { lost(); });
-    const auto left = std::chrono::ceil<client::Deadline>(end - Clock::now());
-    const Error error =
-        client.value()->registerClient(m_options.name, std::max(left, client::Deadline(1)));
+    setDialing(client.value().get());
+    const Error error = client.value()->registerClient(m_options.name, timeUntil(end));
+    setDialing(nullptr);
     if (error) return error;
     return client;
 }
@@ -103,6 +108,18 @@ void Session::retire() {
 std::shared_ptr<Client> Session::client() const {
     MutexLock lock(m_mutex);
     return m_client;
+}
+
+std::shared_ptr<Client> Session::client(uint64_t connection) const {
+    MutexLock lock(m_mutex);
+    return m_connection == connection ? m_client : nullptr;
+}
+
+// A load may take longer than a close.
+void Session::setDialing(Client* client) {
+    MutexLock lock(m_mutex);
+    m_dialing = client;
+    if (m_closing && client != nullptr) client->hangUp();
 }
 
 bool Session::isConnected() const {
@@ -145,6 +162,7 @@ void Session::close() {
         if (m_closing) return;
         m_closing = true;
         m_change.notifyAll();
+        if (m_dialing != nullptr) m_dialing->hangUp();
     }
     if (m_reconnect.joinable()) m_reconnect.join();
     for (const auto& queue : queues()) queue->close(Error::connectionLost());
@@ -172,9 +190,10 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
         connection = m_connection;
     }
     if (!current) return Error::connectionLost();
+    const Clock::time_point end = Clock::now() + deadline;
     auto graph = loadGraph(*current, source, deadline);
     if (!graph) return graph.error();
-    if (limits.window == 0) limits.window = kTasksADevice * countDevices();
+    if (limits.window == 0) limits.window = kTasksADevice * countDevices(*current, timeUntil(end));
     current.reset();
     const auto queue =
         std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graph.value().id);
@@ -204,10 +223,8 @@ Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
     return Error::timeout("a task of the graph");
 }
 
-uint32_t Session::countDevices() {
-    const std::shared_ptr<Client> current = client();
-    if (!current) return 1;
-    const auto status = current->queryStatus(client::StatusPart::kOverview);
+uint32_t Session::countDevices(Client& client, client::Deadline deadline) {
+    const auto status = client.queryStatus(client::StatusPart::kOverview, deadline);
     if (!status) return 1;
     return std::clamp<uint32_t>(status.value().deviceCount, 1, kMostDevices);
 }
@@ -255,7 +272,7 @@ void Session::reconnect() {
         auto opened = open(m_options.deadline);
         if (!opened) continue;
         install(std::move(opened).value());
-        if (reloadGraphs()) return tellProgram(true);
+        if (reloadGraphs()) return;
         retire();
     }
 }
@@ -271,28 +288,48 @@ bool Session::reloadGraphs() {
         uint64_t connection = 0;
         {
             MutexLock lock(m_mutex);
-            if (m_closing || m_lost) return m_closing;
+            if (m_closing) return true;
+            if (m_lost) return false;
             connection = m_connection;
             current = m_client;
             for (const auto& entry : m_graphs) {
                 if (entry->queue->connection() != connection) missing.push_back(entry);
             }
         }
-        if (missing.empty()) return true;
-        bool allLoaded = true;
-        for (const auto& entry : missing) {
-            const auto graph = loadGraph(*current, entry->source, client::kGraphDeadline);
-            if (graph) {
-                entry->queue->resume(connection, graph.value().id);
-            } else {
-                allLoaded = false;
-            }
+        if (missing.empty()) {
+            tellProgram(true);
+            return true;
         }
+        bool allLoaded = true;
+        setDialing(current.get());
+        for (const auto& entry : missing) {
+            allLoaded = reloadGraph(*current, connection, *entry) && allLoaded;
+        }
+        setDialing(nullptr);
         current.reset();
         if (allLoaded) continue;
         if (!pause(withJitter(time))) return true;
         time = std::min(time * 2, kLongestPause);
     }
+}
+
+// One that the program has freed meanwhile is nobody's: unload() did not find it at the service.
+bool Session::reloadGraph(Client& client, uint64_t connection, const Entry& entry) {
+    const auto graph = loadGraph(client, entry.source, client::kGraphDeadline);
+    if (!graph) return false;
+    bool isWanted = false;
+    {
+        MutexLock lock(m_mutex);
+        isWanted = std::any_of(m_graphs.begin(), m_graphs.end(),
+                               [&](const auto& each) { return each->queue == entry.queue; });
+        if (isWanted) entry.queue->resume(connection, graph.value().id);
+    }
+    if (isWanted) {
+        entry.queue->sendWaiting();
+    } else {
+        (void)client.destroyGraph(graph.value().id);
+    }
+    return true;
 }
 
 }  // namespace kelm::lib

@@ -11,6 +11,8 @@ namespace kelm::lib {
 
 class GraphQueue;
 
+constexpr uint32_t kHighestPriority = 15;
+
 // A task from its submission to its end.
 struct Task {
     using Clock = std::chrono::steady_clock;

@@ -14,7 +14,6 @@ using kelm::client::Tensor;
 
 namespace {
 
-constexpr uint32_t kHighestPriority = 15;
 constexpr uint32_t kKnownBlocks = KELM_AUX_TIME_TAKEN | KELM_AUX_THERMAL | KELM_AUX_DEBUG;
 constexpr size_t kDefaultSlots = 1024;
 constexpr size_t kLongestMemoryName = 63;
