@@ -11,6 +11,7 @@
 #include "client/ConnectError.h"
 #include "client/Decode.h"
 #include "client/PreparedInfer.h"
+#include "protocol/src/KelmError.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -208,6 +209,15 @@ Result<TaskStage> Client::queryTask(uint64_t taskId, Deadline deadline) {
     if (!answer) return answer.error();
     const auto* response = answerAs<KelmMsgRspQueryTaskStatus>(answer);
     return static_cast<TaskStage>(response->taskStatus);
+}
+
+// A result on its way would come before this answer.
+Result<bool> Client::endIfDropped(uint64_t taskId, Deadline deadline) {
+    const Result<TaskStage> stage = queryTask(taskId, deadline);
+    if (stage) return stage.value() < TaskStage::kLoaded;
+    if (stage.error().code() != KELM_ERROR_INVALID_TASK) return stage.error();
+    m_impl->endInfer(taskId, stage.error());
+    return false;
 }
 
 Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) {

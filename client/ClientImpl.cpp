@@ -235,7 +235,7 @@ void Client::Impl::dispatch(MessagePtr message) {
             // ended at its deadline.
             const auto& response = reinterpret_cast<const KelmMsgRspCancelTask&>(*message);
             if (response.head.status == 0 && response.canceled != 0) {
-                m_pending.cancelInfer(response.taskId);
+                m_pending.endInfer(response.taskId, Error::canceled());
             }
             const uint64_t sequence = response.head.reqSeqNo;
             m_pending.finishCall(sequence, std::move(message));

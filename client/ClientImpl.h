@@ -44,6 +44,7 @@ class Client::Impl {
                AcceptCallback accepted, Clock::time_point end);
     void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
     void hangUp();
+    void endInfer(uint64_t taskId, const Error& error) { m_pending.endInfer(taskId, error); }
     void onWarning(WarningCallback callback) { m_access.onWarning(std::move(callback)); }
 
     bool isConnected() const { return m_connected.load(); }

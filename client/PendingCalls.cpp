@@ -133,7 +133,8 @@ void PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskI
 }
 
 // A search, since entries are kept by sequence number and cancels are rare.
-void PendingCalls::cancelInfer(uint64_t taskId) {
+void PendingCalls::endInfer(uint64_t taskId, const Error& error) {
+    if (taskId == 0) return;  // entries that have not been told theirs
     uint64_t sequence = 0;
     {
         MutexLock lock(m_mutex);
@@ -143,7 +144,7 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
         if (found == m_entries.end()) return;
         sequence = found->first;
     }
-    fail(sequence, Error::canceled());
+    fail(sequence, error);
 }
 
 void PendingCalls::fail(uint64_t sequence, const Error& error) {

@@ -44,8 +44,8 @@ class PendingCalls {
     void finishCall(uint64_t sequence, MessagePtr answer);
     void acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     void finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
-    // The service has taken the task back before it ran, and sends no result.
-    void cancelInfer(uint64_t taskId);
+    // The service has the task no more, and sends no result.
+    void endInfer(uint64_t taskId, const Error& error);
     // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
     // Ends everything, now and for ever.

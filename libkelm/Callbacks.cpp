@@ -36,11 +36,15 @@ Callbacks::Callbacks(bool dispatchMode) : m_due(makeEvent(dispatchMode)) {}
 
 bool Callbacks::isInside() { return t_depth != 0; }
 
-// A callback that throws leaves through the program's own frames, which must not cross this
-// library.
-void Callbacks::runNow(Callback& callback) {
+void Callbacks::runNow(Callback& callback) noexcept {
     ++t_depth;
     std::visit(Runner(), callback);
+    --t_depth;
+}
+
+void Callbacks::runInside(const std::function<void()>& callback) noexcept {
+    ++t_depth;
+    callback();
     --t_depth;
 }
 

@@ -39,8 +39,10 @@ class Callbacks {
     explicit Callbacks(bool dispatchMode);
 
     void run(Callback callback) EXCLUDES(m_mutex);
-    // At once in every mode.
-    static void runNow(Callback& callback);
+    // At once in every mode. A callback that throws ends the program: the frames below are not its
+    // own.
+    static void runNow(Callback& callback) noexcept;
+    static void runInside(const std::function<void()>& callback) noexcept;
     // Waits up to `timeoutMillis`, negative: without limit. How many ran; -1 with errno.
     int dispatch(int timeoutMillis) EXCLUDES(m_mutex);
     // -1 without dispatch mode.

@@ -1,6 +1,7 @@
 #include "libkelm/GraphQueue.h"
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 #include "libkelm/ErrorCodes.h"
@@ -20,6 +21,8 @@ using client::Result;
 constexpr std::chrono::microseconds kFirstPause{1000};
 constexpr std::chrono::microseconds kLongestPause{100000};
 constexpr client::Deadline kCancelDeadline{10000};
+constexpr std::chrono::seconds kLookTime{2};
+constexpr std::chrono::milliseconds kLookPause{5};
 
 Error expired() {
     return {ErrorKind::kExpired, 0,
@@ -102,6 +105,7 @@ std::unique_ptr<Task> GraphQueue::dequeueTicketUnsafe(uint64_t ticket) {
 GraphQueue::Sending GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) {
     task->sent = now;
     task->taskId = 0;
+    task->isTakenBack = false;
     task->connection = m_connection;
     task->infer.message.graphId = m_graphId;
     Sending sending{task->infer, task->ticket, m_connection, task->deadline};
@@ -194,7 +198,10 @@ bool GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& erro
     const bool refused =
         error.kind() == ErrorKind::kBusy ||
         (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
-    const bool unsent = error.kind() == ErrorKind::kNotConnected;
+    const bool unsent = error.kind() == ErrorKind::kNotConnected ||
+                        (error.kind() == ErrorKind::kService &&
+                         error.code() == KELM_ERROR_INVALID_TASK) ||  // dropped
+                        (error.kind() == ErrorKind::kCanceled && task->isTakenBack);
     if ((!refused && !unsent) || m_closed || task->deadline <= now) return false;
     if (refused) {
         m_pause = std::clamp(m_pause * 2, kFirstPause, kLongestPause);
@@ -252,6 +259,7 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
             const std::unique_ptr<Task>* const task = m_sent.find(ticket);
             if (task == nullptr) break;
             if (!mayWait) return false;
+            (*task)->isTakenBack = false;
             taskId = (*task)->taskId;
             connection = (*task)->connection;
             if (taskId != 0) break;
@@ -272,6 +280,41 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
     // It has ended meanwhile.
     if (canceled.error().code() == KELM_ERROR_INVALID_TASK) return false;
     return canceled;
+}
+
+// The first question is for nothing but its place: when it is answered, so are all requests that
+// the service had before. What is taken back then is sent again, whether the service has marked it
+// or not: it tells no difference. A task on its way to a device is dropped or reaches it in a
+// moment.
+bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
+    {
+        MutexLock lock(m_mutex);
+        if (m_sent.size() == 0) return true;
+    }
+    (void)client.queryTask(0);
+    std::vector<uint64_t> taskIds;
+    {
+        MutexLock lock(m_mutex);
+        for (auto& [ticket, task] : m_sent) {
+            if (task->connection != connection || task->taskId == 0) continue;
+            task->isTakenBack = true;
+            taskIds.push_back(task->taskId);
+        }
+    }
+    std::erase_if(taskIds, [&](uint64_t taskId) {
+        const Result<bool> canceled = client.cancel(taskId, kCancelDeadline);
+        return canceled && canceled.value();
+    });
+    const Clock::time_point end = Clock::now() + kLookTime;
+    for (const uint64_t taskId : taskIds) {
+        while (true) {
+            const Result<bool> undecided = client.endIfDropped(taskId, kCancelDeadline);
+            if (!undecided) return false;
+            if (!undecided.value() || Clock::now() > end) break;
+            std::this_thread::sleep_for(kLookPause);
+        }
+    }
+    return true;
 }
 
 void GraphQueue::suspend() {

@@ -65,8 +65,10 @@ Result<std::unique_ptr<Client>> Session::open(client::Deadline deadline) {
     auto client = Client::connect(m_options.socketPath, deadline);
     if (!client) return client;
     if (m_options.onWarning != nullptr) {
-        client.value()->onWarning([warn = m_options.onWarning, user = m_options.user](
-                                      const std::string& text) { warn(text.c_str(), user); });
+        client.value()->onWarning(
+            [warn = m_options.onWarning, user = m_options.user](const std::string& text) {
+                Callbacks::runInside([&] { warn(text.c_str(), user); });
+            });
     }
     client.value()->onLost([this] { lost(); });
     setDialing(client.value().get());
@@ -211,14 +213,28 @@ Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
     queue->close(Error::canceled());
     const bool ended = queue->waitUntilEmpty(Clock::now() + kUnloadTime);
     std::shared_ptr<Client> current;
+    uint64_t connection = 0;
     {
         MutexLock lock(m_mutex);
         std::erase_if(m_graphs, [&](const auto& entry) { return entry->queue == queue; });
-        if (queue->connection() == m_connection) current = m_client;
+        connection = m_connection;
+        // A connection that has ended took the graph with it. The same graph loaded twice is one to
+        // the service, also when it is given up.
+        const bool isShared = std::any_of(m_graphs.begin(), m_graphs.end(), [&](const auto& entry) {
+            return entry->queue->connection() == connection &&
+                   entry->queue->graphId() == queue->graphId();
+        });
+        if (queue->connection() == connection && !isShared) current = m_client;
     }
-    // A connection that has ended took the graph with it.
-    if (!current || !current->isConnected()) return {};
-    const Error error = current->destroyGraph(queue->graphId());
+    Error error;
+    if (current && current->isConnected()) {
+        error = current->destroyGraph(queue->graphId());
+        // With a graph that others go on using the service drops this client's tasks on all graphs.
+        const auto others = queues();
+        (void)std::all_of(others.begin(), others.end(), [&](const auto& other) {
+            return other->resendDropped(*current, connection);
+        });
+    }
     if (error || ended) return error;
     return Error::timeout("a task of the graph");
 }

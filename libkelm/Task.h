@@ -30,6 +30,7 @@ struct Task {
     Clock::time_point sent;
     uint64_t ticket = 0;
     uint64_t taskId = 0;                // the service's; 0: not known yet
+    bool isTakenBack = false;           // by the queue, to be sent again
     uint64_t connection = 0;            // the one that it was sent on
     std::shared_ptr<GraphQueue> queue;  // stays while the task does
 };
