@@ -11,6 +11,7 @@
 #include "client/ConnectError.h"
 #include "client/Decode.h"
 #include "client/PreparedInfer.h"
+#include "protocol/src/KelmError.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -43,21 +44,15 @@ Request makeRequest(KelmMsgType type, uint64_t clientId) {
     return request;
 }
 
-// The answer as its record, or null when it is of another type.
+// The answer as its record, which call() has seen to be of the type that answers the request.
 template <class Response>
-const Response* answerAs(const MessagePtr& message, KelmMsgType type) {
-    return message->type == type ? reinterpret_cast<const Response*>(message.get()) : nullptr;
-}
-
-Error unexpectedAnswer() {
-    return {ErrorKind::kSystem, 0, "the service gave an answer of another kind; check its version"};
+const Response* answerAs(const Result<MessagePtr>& message) {
+    return reinterpret_cast<const Response*>(message.value().get());
 }
 
 Result<Graph> readGraph(const Result<MessagePtr>& answer) {
     if (!answer) return answer.error();
-    const auto* response =
-        answerAs<KelmMsgRspCreateGraph>(answer.value(), KELM_MESSAGE_CREATE_GRAPH_RSP);
-    if (response == nullptr) return unexpectedAnswer();
+    const auto* response = answerAs<KelmMsgRspCreateGraph>(answer);
     return Graph{response->graphId,         response->inputBufferSize, response->outputBufferSize,
                  response->debugBufferSize, response->timeTakensSize,  response->thermalBufferSize};
 }
@@ -108,7 +103,7 @@ Error Client::registerClient(const std::string& name, Deadline deadline) {
     request.apiMinorVersion = kApiMinorVersion;
     const Result<MessagePtr> answer = m_impl->call(request.head, "register", deadline);
     if (!answer) return answer.error();
-    m_impl->setClientId(reinterpret_cast<const KelmMsgRsp*>(answer.value().get())->clientId);
+    m_impl->setClientId(answerAs<KelmMsgRsp>(answer)->clientId);
     return {};
 }
 
@@ -159,9 +154,7 @@ Result<BufferSizes> Client::queryBufferSize(uint64_t graphId, Deadline deadline)
     request.graphId = graphId;
     const Result<MessagePtr> answer = m_impl->call(request.head, "query buffer size", deadline);
     if (!answer) return answer.error();
-    const auto* response =
-        answerAs<KelmMsgRspQueryBufferSize>(answer.value(), KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP);
-    if (response == nullptr) return unexpectedAnswer();
+    const auto* response = answerAs<KelmMsgRspQueryBufferSize>(answer);
     // On the wire the pair stands in the fields of input and output.
     return BufferSizes{response->inputBufferSize, response->outputBufferSize};
 }
@@ -210,9 +203,7 @@ Result<bool> Client::cancel(uint64_t taskId, Deadline deadline) {
     request.taskId = taskId;
     const Result<MessagePtr> answer = m_impl->call(request.head, "cancel", deadline);
     if (!answer) return answer.error();
-    const auto* response =
-        answerAs<KelmMsgRspCancelTask>(answer.value(), KELM_MESSAGE_CANCEL_TASK_RSP);
-    if (response == nullptr) return unexpectedAnswer();
+    const auto* response = answerAs<KelmMsgRspCancelTask>(answer);
     return response->canceled != 0;
 }
 
@@ -222,10 +213,17 @@ Result<TaskStage> Client::queryTask(uint64_t taskId, Deadline deadline) {
     request.taskId = taskId;
     const Result<MessagePtr> answer = m_impl->call(request.head, "query task", deadline);
     if (!answer) return answer.error();
-    const auto* response =
-        answerAs<KelmMsgRspQueryTaskStatus>(answer.value(), KELM_MESSAGE_QUERY_TASK_STATUS_RSP);
-    if (response == nullptr) return unexpectedAnswer();
+    const auto* response = answerAs<KelmMsgRspQueryTaskStatus>(answer);
     return static_cast<TaskStage>(response->taskStatus);
+}
+
+// A result on its way would come before this answer.
+Result<bool> Client::endIfDropped(uint64_t taskId, Deadline deadline) {
+    const Result<TaskStage> stage = queryTask(taskId, deadline);
+    if (stage) return stage.value() < TaskStage::kLoaded;
+    if (stage.error().code() != KELM_ERROR_INVALID_TASK) return stage.error();
+    m_impl->endInfer(taskId, stage.error());
+    return false;
 }
 
 Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) {
@@ -239,9 +237,7 @@ Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) 
     request.queryType = parts.bits();
     const Result<MessagePtr> answer = m_impl->call(request.head, "query status", deadline);
     if (!answer) return answer.error();
-    const auto* response =
-        answerAs<KelmMsgRspQueryStatus>(answer.value(), KELM_MESSAGE_QUERY_STATUS_RSP);
-    if (response == nullptr) return unexpectedAnswer();
+    const auto* response = answerAs<KelmMsgRspQueryStatus>(answer);
     return decodeStatus(*response);
 }
 

@@ -121,7 +121,8 @@ class Client {
 
     // The buffers must stay as they are until the call has ended. After a timeout the task may
     // still run: a TensorSlot looks after itself, other memory must stay until the connection has
-    // ended. kBusy if the request is to write into a slot that another task may write into.
+    // ended. kBusy if the request is to write into a slot that another task may write into, and
+    // from the callback of one that ended at its deadline if the service reads nothing just then.
     void inferAsync(const InferRequest& request, const InferCallback& done,
                     AcceptCallback accepted = {}, Deadline deadline = kDefaultDeadline);
     std::future<InferResult> inferAsync(const InferRequest& request,
@@ -139,6 +140,9 @@ class Client {
     // on.
     Result<bool> cancel(uint64_t taskId, Deadline deadline = kDefaultDeadline);
     Result<TaskStage> queryTask(uint64_t taskId, Deadline deadline = kDefaultDeadline);
+    // Ends the call of a task that the service has dropped, as destroyGraph() may have made it do,
+    // with KELM_ERROR_INVALID_TASK. True if the task may still be dropped, being with no device.
+    Result<bool> endIfDropped(uint64_t taskId, Deadline deadline = kDefaultDeadline);
 
     // What the service is doing; see Status.h for what each part fills.
     Result<ServiceStatus> queryStatus(StatusParts parts = StatusParts::all(),

@@ -1,5 +1,7 @@
 #include "client/ClientImpl.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <future>
 #include <utility>
@@ -81,6 +83,8 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
     if (const Error error = send(request.base, end)) m_pending.fail(sequence, error);
     Answer answer = future.get();
     if (answer.error) return answer.error;
+    // The type of an answer follows that of its request.
+    if (answer.message->type != request.base.type + 1) return unexpectedAnswer();
     const auto* response = reinterpret_cast<const KelmMsgRsp*>(answer.message.get());
     if (response->status != 0) {
         const bool creates = request.base.type == KELM_MESSAGE_CREATE_GRAPH_REQ;
@@ -156,9 +160,26 @@ bool Client::Impl::mayDispatchAnywhere(const KelmMsgBase& message) const {
 }
 
 Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
-    const std::optional<bool> sent =
-        writeInTurn(deadline, [&] { return kelmSendMessage(m_socket, &message) == 0; });
+    const auto write = [&] { return kelmSendMessage(m_socket, &message) == 0; };
+    if (watchesDeadlines()) return sendWithoutWaiting(write);
+    const std::optional<bool> sent = writeInTurn(deadline, write);
     if (!sent) return Error::timeout("the request");
+    return *sent ? Error() : Error::connectionLost();
+}
+
+// The kernel tells of room only when most of the socket's buffer is free, and so has room for a
+// whole request: whoever has the turn writes it without a wait.
+template <class Write>
+Error Client::Impl::sendWithoutWaiting(Write write) {
+    bool hasRoom = true;
+    const std::optional<bool> sent = writeInTurn(Clock::now(), [&] {
+        pollfd socket{m_connection->nativeHandle(), POLLOUT, 0};
+        hasRoom = ::poll(&socket, 1, 0) > 0;
+        return hasRoom && write();
+    });
+    if (!sent || !hasRoom) {
+        return {ErrorKind::kBusy, 0, "the service reads no requests at the moment; try again"};
+    }
     return *sent ? Error() : Error::connectionLost();
 }
 
@@ -234,6 +255,8 @@ void Client::Impl::readRoutine() {
     }
     t_reading = nullptr;
     m_connected.store(false);  // first, so that a callback below sees the loss
+    // The service may be there still, having sent nonsense: a write must not wait for it any more.
+    m_connection->shutdown();
     m_pending.closeAll(Error::connectionLost());
     LostCallback lost;
     {
@@ -274,7 +297,7 @@ bool Client::Impl::dispatch(MessagePtr message) {
             // ended at its deadline.
             const auto& response = reinterpret_cast<const KelmMsgRspCancelTask&>(*message);
             if (response.head.status == 0 && response.canceled != 0) {
-                m_pending.cancelInfer(response.taskId);
+                m_pending.endInfer(response.taskId, Error::canceled());
             }
             const uint64_t sequence = response.head.reqSeqNo;
             m_pending.finishCall(sequence, std::move(message));

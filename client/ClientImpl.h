@@ -52,6 +52,7 @@ class Client::Impl {
                      InferCallback done, AcceptCallback accepted, Clock::time_point end);
     void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
     void hangUp();
+    void endInfer(uint64_t taskId, const Error& error) { m_pending.endInfer(taskId, error); }
     void onWarning(WarningCallback callback) { m_access.onWarning(std::move(callback)); }
 
     bool isConnected() const { return m_connected.load(); }
@@ -63,6 +64,9 @@ class Client::Impl {
     uint64_t nextSequence() { return m_sequence.fetch_add(1) + 1; }
     // Writes one request; waits for its turn until the deadline.
     Error send(KelmMsgBase& message, Clock::time_point deadline) EXCLUDES(m_sendMutex);
+    // For a thread that must not wait: kBusy if there is no room at once.
+    template <class Write>
+    Error sendWithoutWaiting(Write write) EXCLUDES(m_sendMutex);
     // Runs the writing in its turn; false if it failed, nothing if the deadline has passed before.
     template <class Write>
     std::optional<bool> writeInTurn(Clock::time_point deadline, Write write) EXCLUDES(m_sendMutex);

@@ -7,6 +7,19 @@
 
 namespace kelm::client {
 
+namespace {
+
+thread_local bool t_watchesDeadlines = false;
+
+}  // namespace
+
+void watchDeadlines() { t_watchesDeadlines = true; }
+bool watchesDeadlines() { return t_watchesDeadlines; }
+
+Error unexpectedAnswer() {
+    return {ErrorKind::kSystem, 0, "the service gave an answer of another kind; check its version"};
+}
+
 PendingCalls::PendingCalls(std::function<void()> onOverdue)
     : m_onOverdue(std::move(onOverdue)), m_thread([this] { deadlineRoutine(); }) {}
 
@@ -72,25 +85,37 @@ void PendingCalls::end(Entry& entry, const Error& error) {
     entry.done(entry.result);
 }
 
+// The slots stay claimed: nobody knows what became of the task.
+void PendingCalls::endUnanswered(Entry& entry) {
+    if (entry.claim) entry.claim->abandon();
+    end(entry, unexpectedAnswer());
+}
+
 // An answer that comes after its deadline finds no entry, and is dropped.
 void PendingCalls::finishCall(uint64_t sequence, MessagePtr answer) {
-    const std::optional<Entry> entry = take(sequence);
-    if (entry && entry->reply) entry->reply(std::move(answer), Error());
+    std::optional<Entry> entry = take(sequence);
+    if (!entry) return;
+    if (!entry->reply) return endUnanswered(*entry);
+    entry->reply(std::move(answer), Error());
 }
 
 void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
     const Clock::time_point now = Clock::now();
     AcceptCallback accepted;
+    bool isCall = false;
     {
         MutexLock lock(m_mutex);
         Entry* const entry = m_entries.find(sequence);
         if (entry == nullptr) return;
+        isCall = static_cast<bool>(entry->reply);
         entry->result.acceptLatency = now - entry->start;
         entry->result.taskId = taskId;
         // Taken out and called without the lock; the entry stays until its result.
         if (status == 0) accepted.swap(entry->accepted);
     }
-    if (status != 0) {
+    if (isCall) {
+        fail(sequence, unexpectedAnswer());
+    } else if (status != 0) {
         fail(sequence, Error::fromStatus(status, CallKind::kInfer));
     } else if (accepted) {
         accepted(taskId);
@@ -100,6 +125,10 @@ void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskI
 bool PendingCalls::finishInfer(uint64_t sequence, int32_t status, uint64_t taskId) {
     std::optional<Entry> entry = take(sequence);
     if (!entry) return false;
+    if (entry->reply) {
+        endUnanswered(*entry);
+        return false;
+    }
     entry->claim.reset();  // first: the callback may submit with the same slot
     if (!entry->done) return false;
     entry->result.taskId = taskId;
@@ -125,7 +154,8 @@ bool PendingCalls::isWaited(uint64_t sequence) const {
 }
 
 // A search, since entries are kept by sequence number and cancels are rare.
-void PendingCalls::cancelInfer(uint64_t taskId) {
+void PendingCalls::endInfer(uint64_t taskId, const Error& error) {
+    if (taskId == 0) return;  // entries that have not been told theirs
     uint64_t sequence = 0;
     {
         MutexLock lock(m_mutex);
@@ -135,7 +165,7 @@ void PendingCalls::cancelInfer(uint64_t taskId) {
         if (found == m_entries.end()) return;
         sequence = found->first;
     }
-    fail(sequence, Error::canceled());
+    fail(sequence, error);
 }
 
 void PendingCalls::fail(uint64_t sequence, const Error& error) {
@@ -188,6 +218,7 @@ std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_poi
 
 void PendingCalls::deadlineRoutine() {
     ThreadUtils::setName("KelmDeadline");
+    watchDeadlines();
     MutexLock lock(m_mutex);
     while (!m_stop) {
         if (m_nextCheck == Clock::time_point::max()) {

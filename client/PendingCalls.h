@@ -41,13 +41,14 @@ class PendingCalls {
                   std::shared_ptr<SlotClaim> claim, InferCallback done, AcceptCallback accepted,
                   bool waited);
 
-    // A response has come; one for which nothing waits is dropped.
+    // A response has come; one for which nothing waits is dropped, and one of another kind than
+    // what waits ends that with kSystem.
     void finishCall(uint64_t sequence, MessagePtr answer);
     void acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     // True if a thread has waited for it.
     bool finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
-    // The service has taken the task back before it ran, and sends no result.
-    void cancelInfer(uint64_t taskId);
+    // The service has the task no more, and sends no result.
+    void endInfer(uint64_t taskId, const Error& error);
     // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
     bool empty() const EXCLUDES(m_mutex);
@@ -74,6 +75,7 @@ class PendingCalls {
     bool add(uint64_t sequence, Entry entry) EXCLUDES(m_mutex);
     std::optional<Entry> take(uint64_t sequence) EXCLUDES(m_mutex);
     static void end(Entry& entry, const Error& error);
+    static void endUnanswered(Entry& entry);
     void deadlineRoutine() EXCLUDES(m_mutex);
     std::vector<Entry> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
 
@@ -86,5 +88,12 @@ class PendingCalls {
     Clock::time_point m_nextCheck GUARDED_BY(m_mutex) = Clock::time_point::max();
     std::thread m_thread;
 };
+
+// The service answers something else than what it was asked.
+Error unexpectedAnswer();
+// The calling thread ends what is overdue. It never waits for a write from now on, since nobody
+// would end one of its own that is stuck: a request for which there is no room ends with kBusy.
+void watchDeadlines();
+bool watchesDeadlines();
 
 }  // namespace kelm::client

@@ -1,5 +1,8 @@
 #include "client/PreparedInfer.h"
 
+#include <fcntl.h>
+
+#include <string>
 #include <utility>
 
 #include "client/TensorPool.h"
@@ -36,9 +39,23 @@ PreparedInfer prepare(std::shared_ptr<SlotClaim> claim, uint32_t auxFlags, bool 
     return infer;
 }
 
+// Sent along, one that is not open would end the connection for all.
+Error checkDescriptor(const Tensor& tensor, const char* role) {
+    if (tensor.kind != Tensor::Kind::kDescriptor) return {};
+    if (tensor.fd > 0 && ::fcntl(tensor.fd, F_GETFD) >= 0) return {};
+    return {ErrorKind::kSystem, 0,
+            "descriptor " + std::to_string(tensor.fd) + " of the " + role +
+                " tensor is not open; keep it open until the task has ended"};
+}
+
 }  // namespace
 
 Result<PreparedInfer> PreparedInfer::make(const InferRequest& request) {
+    const std::pair<const Tensor&, const char*> tensors[] = {
+        {request.input, "input"}, {request.output, "output"}, {request.aux, "aux"}};
+    for (const auto& [tensor, role] : tensors) {
+        if (Error error = checkDescriptor(tensor, role)) return error;
+    }
     auto claim = SlotClaim::make(request);
     if (!claim) return claim.error();
     PreparedInfer infer = prepare(std::move(claim).value(), request.auxFlags,

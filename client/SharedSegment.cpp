@@ -22,6 +22,14 @@ UniqueFd openNamed(const std::string& name) {
     return UniqueFd(::shm_open(name.c_str(), O_RDWR, 0));
 }
 
+// Memory that is only promised would kill the process at its first write when there is none left.
+bool allocate(int fd, size_t size) {
+    do {
+        errno = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
+    } while (errno == EINTR);
+    return errno == 0;
+}
+
 }  // namespace
 
 Result<std::unique_ptr<SharedSegment>> SharedSegment::create(size_t size, const std::string& role) {
@@ -35,7 +43,7 @@ Result<std::unique_ptr<SharedSegment>> SharedSegment::create(size_t size, const 
         if (!fd && errno == EEXIST && attempt < kNameAttempts) continue;
         if (!fd) return failed();
         auto segment = std::unique_ptr<SharedSegment>(new SharedSegment(name, size));
-        if (::ftruncate(fd.get(), static_cast<off_t>(size)) != 0) return failed();
+        if (!allocate(fd.get(), size)) return failed();
         void* data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
         if (data == MAP_FAILED) return failed();
         segment->m_data = data;

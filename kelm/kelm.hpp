@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -14,8 +15,8 @@
 
 #include "kelm/kelm.h"
 
-// The interface of kelm.h for C++20: handles that free themselves, errors as exceptions. Header-only;
-// link libkelm. What kelm.h says of threads, times, units and memory holds here too.
+// The interface of kelm.h for C++20: handles that free themselves, errors as exceptions.
+// Header-only; link libkelm. What kelm.h says of threads, times, units and memory holds here too.
 namespace kelm {
 
 // A call that failed. what() tells the cause and what to do.
@@ -50,7 +51,10 @@ struct Ends {
 template <class T, auto end>
 using Handle = std::unique_ptr<T, Ends<T, end>>;
 
-inline int32_t millis(std::chrono::milliseconds time) { return static_cast<int32_t>(time.count()); }
+// More than fit are as many as fit: 24 days.
+inline int32_t millis(std::chrono::milliseconds time) {
+    return static_cast<int32_t>(std::clamp<int64_t>(time.count(), INT32_MIN, INT32_MAX));
+}
 inline const char* orNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
 
 }  // namespace detail
@@ -107,7 +111,7 @@ struct TaskOptions {
 // How a task ended: as kelm_result, with a text that lives as long.
 struct Result : kelm_result {
     Result() : kelm_result(detail::sized<kelm_result>()) {}
-    explicit Result(const kelm_result& from) : kelm_result(from), message(from.text) {}
+    explicit Result(const kelm_result& from) : kelm_result(from), message(from.text) { text = ""; }
     bool ok() const { return error == KELM_SUCCESS; }
     // Throws if it failed.
     void require() const {
@@ -153,8 +157,8 @@ class Graph {
         return result;
     }
 
-    // Calls done(const kelm_result&) once, on a thread of the library or in Client::dispatch; it must
-    // not throw. Returns the ticket; throws if the task was not taken, and does not call then.
+    // Calls done(const kelm_result&) once, on a thread of the library or in Client::dispatch; it
+    // must not throw. Returns the ticket; throws if the task was not taken, and does not call then.
     template <class Done>
     uint64_t start(const Slot& slot, const TaskOptions& options, Done done) {
         return start(makeTask(slot, options), std::move(done));
@@ -238,8 +242,7 @@ class Status {
 
  private:
     template <class Row>
-    std::vector<Row> rows(uint32_t count,
-                          int (*get)(const kelm_status*, uint32_t, Row*)) const {
+    std::vector<Row> rows(uint32_t count, int (*get)(const kelm_status*, uint32_t, Row*)) const {
         std::vector<Row> rows(count, detail::sized<Row>());
         for (uint32_t i = 0; i < count; ++i) detail::check(get(m_handle.get(), i, &rows[i]));
         return rows;
@@ -349,8 +352,8 @@ class Snapshots {
     explicit Snapshots(const std::string& socketPath = {},
                        std::chrono::milliseconds deadline = std::chrono::milliseconds(0)) {
         kelm_snapshots* snapshots = nullptr;
-        detail::check(kelm_snapshots_open(detail::orNull(socketPath), detail::millis(deadline),
-                                          &snapshots));
+        detail::check(
+            kelm_snapshots_open(detail::orNull(socketPath), detail::millis(deadline), &snapshots));
         m_handle.reset(snapshots);
     }
     // Waits for the next one, whose rows the functions of kelm.h then give.

@@ -36,24 +36,24 @@ Callbacks::Callbacks(bool dispatchMode) : m_due(makeEvent(dispatchMode)) {}
 
 bool Callbacks::isInside() { return t_depth != 0; }
 
-// A callback that throws leaves through the program's own frames, which must not cross this
-// library.
-void Callbacks::runNow(Callback& callback) {
+void Callbacks::runNow(Callback& callback) noexcept {
     ++t_depth;
     std::visit(Runner(), callback);
     --t_depth;
 }
 
-void Callbacks::run(Callback callback) {
-    if (!m_due) return runNow(callback);
-    keep(std::move(callback));
+void Callbacks::runInside(const std::function<void()>& callback) noexcept {
+    ++t_depth;
+    callback();
+    --t_depth;
 }
 
-void Callbacks::keep(Callback callback) {
+void Callbacks::run(Callback callback) {
+    if (!m_due) return runNow(callback);
     MutexLock lock(m_mutex);
     m_waiting.push_back(std::move(callback));
     // The first one only: each wake-up is a system call.
-    if (m_due && m_waiting.size() == 1) (void)::eventfd_write(m_due.get(), 1);
+    if (m_waiting.size() == 1) (void)::eventfd_write(m_due.get(), 1);
 }
 
 int Callbacks::runWaiting() {

@@ -39,13 +39,13 @@ class Callbacks {
     explicit Callbacks(bool dispatchMode);
 
     void run(Callback callback) EXCLUDES(m_mutex);
-    // Not yet in any mode: runWaiting() or dispatch() will.
-    void keep(Callback callback) EXCLUDES(m_mutex);
-    // How many ran.
+    // At once in every mode. A callback that throws ends the program: the frames below are not its
+    // own.
+    static void runNow(Callback& callback) noexcept;
+    static void runInside(const std::function<void()>& callback) noexcept;
+    // In dispatch mode those that are due. How many ran.
     int runWaiting() EXCLUDES(m_mutex);
-    // At once in every mode.
-    static void runNow(Callback& callback);
-    // Waits up to `timeoutMillis`, negative: without limit. How many ran; -1 with errno.
+    // The same; waits up to `timeoutMillis`, negative: without limit. -1 with errno.
     int dispatch(int timeoutMillis) EXCLUDES(m_mutex);
     // -1 without dispatch mode.
     int fd() const { return m_due.get(); }

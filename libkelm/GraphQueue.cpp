@@ -1,6 +1,7 @@
 #include "libkelm/GraphQueue.h"
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 #include "libkelm/ErrorCodes.h"
@@ -20,6 +21,8 @@ using client::Result;
 constexpr std::chrono::microseconds kFirstPause{1000};
 constexpr std::chrono::microseconds kLongestPause{100000};
 constexpr client::Deadline kCancelDeadline{10000};
+constexpr std::chrono::seconds kLookTime{2};
+constexpr std::chrono::milliseconds kLookPause{5};
 
 // The program is in a call that starts or cancels a task, with locks of its own perhaps: its
 // callbacks would wait for these.
@@ -49,7 +52,7 @@ Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
     const Clock::time_point deadline = task->deadline;
     const bool waited = task->endsInPlace;
     task->queue = shared_from_this();
-    PreparedInfer infer;
+    Sending sending;
     {
         MutexLock lock(m_mutex);
         if (m_closed) {
@@ -63,19 +66,20 @@ Error GraphQueue::submit(std::unique_ptr<Task> task, uint64_t& ticket) {
         }
         task->submitted = Clock::now();
         task->ticket = ticket = ++m_lastTicket;
+        ++m_unfinished;
         if (m_waiting.empty() && maySendUnsafe(task->submitted)) {
             const Clock::time_point now = task->submitted;
-            infer = startUnsafe(std::move(task), now);
+            sending = startUnsafe(std::move(task), now);
         } else {
             enqueueUnsafe(std::move(task));
         }
     }
-    if (infer.message.head.base.size == 0) {
+    if (sending.connection == 0) {
         m_session->wakeAt(deadline);
         return {};
     }
     const bool outer = std::exchange(t_isInCall, true);
-    send(infer, ticket, deadline, waited);
+    send(sending, waited);
     t_isInCall = outer;
     return {};
 }
@@ -96,22 +100,31 @@ std::unique_ptr<Task> GraphQueue::dequeueUnsafe(Place place) {
     return std::move(node.mapped());
 }
 
-// A copy: the task may end, and its memory with it, before the sender is done with the request.
-PreparedInfer GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) {
-    task->sent = now;
-    task->taskId = 0;
-    task->connection = m_connection;
-    task->infer.message.graphId = m_graphId;
-    PreparedInfer infer = task->infer;
-    const uint64_t ticket = task->ticket;
-    m_sent.insert(ticket, std::move(task));
-    return infer;
+// By priority, since the caller does not know it: there are few.
+std::unique_ptr<Task> GraphQueue::dequeueTicketUnsafe(uint64_t ticket) {
+    for (uint32_t rank = 0; rank <= kHighestPriority; ++rank) {
+        if (m_waiting.contains({rank, ticket})) return dequeueUnsafe({rank, ticket});
+    }
+    return nullptr;
 }
 
-// The task itself keeps this object while a callback may come.
-void GraphQueue::send(PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline,
-                      bool waited) {
-    const std::shared_ptr<client::Client> client = m_session->client();
+// A copy: the task may end, and its memory with it, before the sender is done with the request.
+GraphQueue::Sending GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) {
+    task->sent = now;
+    task->taskId = 0;
+    task->isTakenBack = false;
+    task->connection = m_connection;
+    task->infer.message.graphId = m_graphId;
+    Sending sending{task->infer, task->ticket, m_connection, task->deadline};
+    m_sent.insert(sending.ticket, std::move(task));
+    return sending;
+}
+
+// The task itself keeps this object while a callback may come. Another connection than the one that
+// the graph's number is of may have another graph by this number.
+void GraphQueue::send(Sending& sending, bool waited) {
+    const uint64_t ticket = sending.ticket;
+    const std::shared_ptr<client::Client> client = m_session->client(sending.connection);
     if (!client || !client->isConnected()) {
         InferResult unsent;
         unsent.error = Error::notConnected();
@@ -120,9 +133,9 @@ void GraphQueue::send(PreparedInfer& infer, uint64_t ticket, Clock::time_point d
     const auto done = [this, ticket](const InferResult& result) { ended(ticket, result); };
     const auto taken = [this, ticket](uint64_t taskId) { accepted(ticket, taskId); };
     if (waited) {
-        client->inferWaited(infer, done, taken, deadline);
+        client->inferWaited(sending.infer, done, taken, sending.deadline);
     } else {
-        client->inferAsync(infer, done, taken, deadline);
+        client->inferAsync(sending.infer, done, taken, sending.deadline);
     }
 }
 
@@ -131,8 +144,7 @@ void GraphQueue::send(PreparedInfer& infer, uint64_t ticket, Clock::time_point d
 void GraphQueue::sendWaiting() {
     const auto self = shared_from_this();
     while (true) {
-        PreparedInfer infer;
-        uint64_t ticket = 0;
+        Sending sending;
         Clock::time_point deadline;
         {
             MutexLock lock(m_mutex);
@@ -140,13 +152,11 @@ void GraphQueue::sendWaiting() {
             if (m_waiting.empty() || !maySendUnsafe(now)) return;
             deadline = m_waiting.begin()->second->deadline;
             if (deadline > now) {
-                std::unique_ptr<Task> task = dequeueUnsafe(m_waiting.begin()->first);
-                ticket = task->ticket;
-                infer = startUnsafe(std::move(task), now);
+                sending = startUnsafe(dequeueUnsafe(m_waiting.begin()->first), now);
             }
         }
-        if (ticket == 0) return m_session->wakeAt(deadline);
-        send(infer, ticket, deadline, false);
+        if (sending.connection == 0) return m_session->wakeAt(deadline);
+        send(sending, false);
     }
 }
 
@@ -179,25 +189,24 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
             m_pausedUntil = Clock::time_point::min();
             m_pause = {};
         }
-        if (task) ++m_ending;
         waiting = !m_waiting.empty();
         m_change.notifyAll();
     }
     if (wake != Clock::time_point::max()) m_session->wakeAt(wake);
     if (waiting) sendWaiting();  // first: the devices wait for it
-    if (!task) return;
-    finish(std::move(task), result);
-    MutexLock lock(m_mutex);
-    --m_ending;
-    m_change.notifyAll();
+    if (task) finish(std::move(task), result);
 }
 
 // Jitter: clients that are refused together should not come back together.
 bool GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& error,
                                   Clock::time_point now) {
     const bool refused =
-        error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK;
-    const bool unsent = error.kind() == ErrorKind::kNotConnected;
+        error.kind() == ErrorKind::kBusy ||
+        (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
+    const bool unsent = error.kind() == ErrorKind::kNotConnected ||
+                        (error.kind() == ErrorKind::kService &&
+                         error.code() == KELM_ERROR_INVALID_TASK) ||  // dropped
+                        (error.kind() == ErrorKind::kCanceled && task->isTakenBack);
     if ((!refused && !unsent) || m_closed || task->deadline <= now) return false;
     if (refused) {
         m_pause = std::clamp(m_pause * 2, kFirstPause, kLongestPause);
@@ -209,25 +218,37 @@ bool GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& erro
 }
 
 void GraphQueue::finish(std::unique_ptr<Task> task, const InferResult& result) {
+    const std::shared_ptr<GraphQueue> self = task->queue;
     task->infer.claim.reset();  // first: the callback may submit with the same slot
-    if (task->done == nullptr) return;
+    if (t_isInCall && !task->endsInPlace) {
+        {
+            MutexLock lock(m_mutex);
+            m_untold.emplace_back(std::move(task), result);
+        }
+        return m_session->wakeAt(Clock::now());
+    }
+    if (task->done != nullptr) tellEnd(*task, result);
+    MutexLock lock(m_mutex);
+    if (--m_unfinished == 0) m_change.notifyAll();
+}
+
+void GraphQueue::tellEnd(Task& task, const InferResult& result) {
     TaskEnd end{};
     end.result.size = sizeof(end.result);
     end.result.error = codeOf(result.error);
     end.text = result.error.text();
-    end.result.ticket = task->ticket;
-    end.result.cookie = task->cookie;
+    end.result.ticket = task.ticket;
+    end.result.cookie = task.cookie;
     end.result.task_id = result.taskId;
     const Clock::time_point now = Clock::now();
-    const bool wasSent = task->connection != 0;
-    end.result.waited_ns = nanosBetween(task->submitted, wasSent ? task->sent : now);
+    const bool wasSent = task.connection != 0;
+    end.result.waited_ns = nanosBetween(task.submitted, wasSent ? task.sent : now);
     end.result.accepted_ns = static_cast<uint64_t>(result.acceptLatency.count());
-    end.result.total_ns = nanosBetween(task->submitted, now);
-    end.done = task->done;
-    end.user = task->user;
+    end.result.total_ns = nanosBetween(task.submitted, now);
+    end.done = task.done;
+    end.user = task.user;
     Callbacks::Callback callback(std::move(end));
-    if (task->endsInPlace) return Callbacks::runNow(callback);
-    if (t_isInCall) return m_session->tellLater(std::move(callback));
+    if (task.endsInPlace) return Callbacks::runNow(callback);
     m_session->callbacks().run(std::move(callback));
 }
 
@@ -239,39 +260,75 @@ void GraphQueue::finishUnsent(std::vector<std::unique_ptr<Task>> tasks, const Er
 
 Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
     const Clock::time_point end = Clock::now() + kCancelDeadline;
-    std::vector<std::unique_ptr<Task>> here;
+    std::unique_ptr<Task> here;
     uint64_t taskId = 0;
+    uint64_t connection = 0;
     {
         MutexLock lock(m_mutex);
-        const auto found = std::find_if(m_waiting.begin(), m_waiting.end(), [&](const auto& item) {
-            return item.first.second == ticket;
-        });
-        if (found != m_waiting.end()) {
-            here.push_back(dequeueUnsafe(found->first));
-        } else if (!mayWait) {
-            return false;
-        }
-        // Sent, but the service has not told its number yet.
-        while (here.empty()) {
+        // Sent, but the service has not told its number yet, or refuses the task: it waits again
+        // then.
+        while (taskId == 0) {
             const std::unique_ptr<Task>* const task = m_sent.find(ticket);
-            if (task == nullptr) return false;
+            if (task == nullptr) break;
+            if (!mayWait) return false;
+            (*task)->isTakenBack = false;
             taskId = (*task)->taskId;
+            connection = (*task)->connection;
             if (taskId != 0) break;
             if (!m_change.waitUntil(m_mutex, end)) return Error::timeout("the cancel");
         }
+        if (taskId == 0) here = dequeueTicketUnsafe(ticket);
     }
-    if (!here.empty()) {
+    if (here) {
+        InferResult canceledHere;
+        canceledHere.error = Error::canceled();
         const bool outer = std::exchange(t_isInCall, true);
-        finishUnsent(std::move(here), Error::canceled());
+        finish(std::move(here), canceledHere);
         t_isInCall = outer;
         return true;
     }
-    const std::shared_ptr<client::Client> client = m_session->client();
+    if (taskId == 0) return false;
+    const std::shared_ptr<client::Client> client = m_session->client(connection);
     if (!client) return Error::connectionLost();
     Result<bool> canceled = client->cancel(taskId, kCancelDeadline);
     // It has ended meanwhile.
     if (canceled.error().code() == KELM_ERROR_INVALID_TASK) return false;
     return canceled;
+}
+
+// The first question is for nothing but its place: when it is answered, so are all requests that
+// the service had before. What is taken back then is sent again, whether the service has marked it
+// or not: it tells no difference. A task on its way to a device is dropped or reaches it in a
+// moment.
+bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
+    {
+        MutexLock lock(m_mutex);
+        if (m_sent.size() == 0) return true;
+    }
+    (void)client.queryTask(0);
+    std::vector<uint64_t> taskIds;
+    {
+        MutexLock lock(m_mutex);
+        for (auto& [ticket, task] : m_sent) {
+            if (task->connection != connection || task->taskId == 0) continue;
+            task->isTakenBack = true;
+            taskIds.push_back(task->taskId);
+        }
+    }
+    std::erase_if(taskIds, [&](uint64_t taskId) {
+        const Result<bool> canceled = client.cancel(taskId, kCancelDeadline);
+        return canceled && canceled.value();
+    });
+    const Clock::time_point end = Clock::now() + kLookTime;
+    for (const uint64_t taskId : taskIds) {
+        while (true) {
+            const Result<bool> undecided = client.endIfDropped(taskId, kCancelDeadline);
+            if (!undecided) return false;
+            if (!undecided.value() || Clock::now() > end) break;
+            std::this_thread::sleep_for(kLookPause);
+        }
+    }
+    return true;
 }
 
 void GraphQueue::suspend() {
@@ -280,15 +337,12 @@ void GraphQueue::suspend() {
 }
 
 void GraphQueue::resume(uint64_t connection, uint64_t graphId) {
-    {
-        MutexLock lock(m_mutex);
-        m_connection = connection;
-        m_graphId = graphId;
-        m_connected = true;
-        m_pausedUntil = Clock::time_point::min();
-        m_pause = {};
-    }
-    sendWaiting();
+    MutexLock lock(m_mutex);
+    m_connection = connection;
+    m_graphId = graphId;
+    m_connected = true;
+    m_pausedUntil = Clock::time_point::min();
+    m_pause = {};
 }
 
 void GraphQueue::close(const Error& error) {
@@ -305,9 +359,8 @@ void GraphQueue::close(const Error& error) {
 
 bool GraphQueue::waitUntilEmpty(Clock::time_point deadline) {
     MutexLock lock(m_mutex);
-    const auto isEmpty = [this]() REQUIRES(m_mutex) { return m_sent.size() == 0 && m_ending == 0; };
-    while (!isEmpty()) {
-        if (!m_change.waitUntil(m_mutex, deadline) && !isEmpty()) return false;
+    while (m_unfinished > 0) {
+        if (!m_change.waitUntil(m_mutex, deadline) && m_unfinished > 0) return false;
     }
     return true;
 }
@@ -329,11 +382,14 @@ GraphQueue::Clock::time_point GraphQueue::nextTickUnsafe() const {
 
 GraphQueue::Clock::time_point GraphQueue::tick(Clock::time_point now) {
     std::vector<std::unique_ptr<Task>> overdue;
+    decltype(m_untold) untold;
     {
         MutexLock lock(m_mutex);
         overdue = takeOverdueUnsafe(now);
+        untold.swap(m_untold);
     }
     sendWaiting();  // first: a callback may take its time
+    for (auto& [task, result] : untold) finish(std::move(task), result);
     finishUnsent(std::move(overdue), expired());
     MutexLock lock(m_mutex);
     return nextTickUnsafe();

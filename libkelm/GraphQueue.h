@@ -48,11 +48,16 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
 
     // Sends nothing until resume(): the connection is lost.
     void suspend() EXCLUDES(m_mutex);
-    // The graph is loaded on connection number `connection`, from now on.
+    // The graph is loaded on connection number `connection`, from now on; to be followed by
+    // sendWaiting().
     void resume(uint64_t connection, uint64_t graphId) EXCLUDES(m_mutex);
+    void sendWaiting() EXCLUDES(m_mutex);
     // Ends what waits with this error, and takes no task any more.
     void close(const client::Error& error) EXCLUDES(m_mutex);
-    // Waits until no task is at the service and no callback of one runs; false at the deadline.
+    // Sends the tasks again that the service has dropped or is about to, and others that wait there
+    // beside them. False if it does not answer.
+    bool resendDropped(client::Client& client, uint64_t connection) EXCLUDES(m_mutex);
+    // Waits until the last task has ended and its callback has returned; false at the deadline.
     bool waitUntilEmpty(Clock::time_point deadline) EXCLUDES(m_mutex);
 
     // Ends what is overdue and sends what may go. Returns the next time that this is of use.
@@ -65,36 +70,47 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
 
  private:
     // Tasks that wait, the next one to be sent first.
-    using Place = std::pair<uint32_t, uint64_t>;  // 15 - priority, ticket
-    static Place placeOf(const Task& task) { return {15 - task.priority, task.ticket}; }
+    using Place = std::pair<uint32_t, uint64_t>;  // kHighestPriority - priority, ticket
+    static Place placeOf(const Task& task) {
+        return {kHighestPriority - task.priority, task.ticket};
+    }
+
+    // A request on its way to a connection.
+    struct Sending {
+        client::PreparedInfer infer;
+        uint64_t ticket = 0;
+        uint64_t connection = 0;  // 0: none
+        Clock::time_point deadline;
+    };
 
     bool maySendUnsafe(Clock::time_point now) const REQUIRES(m_mutex);
     void enqueueUnsafe(std::unique_ptr<Task> task) REQUIRES(m_mutex);
     std::unique_ptr<Task> dequeueUnsafe(Place place) REQUIRES(m_mutex);
+    // Null if it does not wait.
+    std::unique_ptr<Task> dequeueTicketUnsafe(uint64_t ticket) REQUIRES(m_mutex);
     // The request of a task that is counted as sent from now on.
-    client::PreparedInfer startUnsafe(std::unique_ptr<Task> task, Clock::time_point now)
-        REQUIRES(m_mutex);
+    Sending startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) REQUIRES(m_mutex);
     std::vector<std::unique_ptr<Task>> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
     Clock::time_point nextTickUnsafe() const REQUIRES(m_mutex);
     // True if the task waits again: it was not sent, or the service has refused it for now.
     bool keepUnsentUnsafe(std::unique_ptr<Task>& task, const client::Error& error,
                           Clock::time_point now) REQUIRES(m_mutex);
 
-    // `waited`: on the thread of the call that waits for the task's end.
-    void send(client::PreparedInfer& infer, uint64_t ticket, Clock::time_point deadline,
-              bool waited) EXCLUDES(m_mutex);
-    void sendWaiting() EXCLUDES(m_mutex);
+    void send(Sending& sending, bool waited) EXCLUDES(m_mutex);
     void accepted(uint64_t ticket, uint64_t taskId) EXCLUDES(m_mutex);
     void ended(uint64_t ticket, const client::InferResult& result) EXCLUDES(m_mutex);
-    void finish(std::unique_ptr<Task> task, const client::InferResult& result);
+    void finish(std::unique_ptr<Task> task, const client::InferResult& result) EXCLUDES(m_mutex);
+    void tellEnd(Task& task, const client::InferResult& result);
     // Tasks that waited when they ended.
-    void finishUnsent(std::vector<std::unique_ptr<Task>> tasks, const client::Error& error);
+    void finishUnsent(std::vector<std::unique_ptr<Task>> tasks, const client::Error& error)
+        EXCLUDES(m_mutex);
 
     const std::shared_ptr<Session> m_session;
     const Limits m_limits;
 
     mutable Mutex m_mutex;
-    CondVar m_change;  // a task was accepted or has ended
+    CondVar m_change;                             // a task was accepted or has ended
+    size_t m_unfinished GUARDED_BY(m_mutex) = 0;  // tasks whose callbacks have not returned yet
     bool m_closed GUARDED_BY(m_mutex) = false;
     bool m_connected GUARDED_BY(m_mutex) = true;
     uint64_t m_connection GUARDED_BY(m_mutex);
@@ -103,7 +119,8 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     std::map<Place, std::unique_ptr<Task>> m_waiting GUARDED_BY(m_mutex);
     std::set<std::pair<Clock::time_point, Place>> m_deadlines GUARDED_BY(m_mutex);  // of m_waiting
     RecycledMap<uint64_t, std::unique_ptr<Task>> m_sent GUARDED_BY(m_mutex);
-    size_t m_ending GUARDED_BY(m_mutex) = 0;  // taken out of m_sent, callbacks not over
+    // Ended in a call of the program; to be told on the timer's thread.
+    std::vector<std::pair<std::unique_ptr<Task>, client::InferResult>> m_untold GUARDED_BY(m_mutex);
     Clock::time_point m_pausedUntil GUARDED_BY(m_mutex) = Clock::time_point::min();
     std::chrono::microseconds m_pause GUARDED_BY(m_mutex){0};  // the latest one
     std::minstd_rand m_random GUARDED_BY(m_mutex);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdint>
 #include <exception>
@@ -13,21 +15,28 @@
 
 // What stands behind the handles of the interface.
 
-struct kelm_client {
+// A child of fork() shares connections and names of shared memory with its parent, and must not end
+// them: destructors that run there do nothing.
+struct OfProcess {
+    bool isHere() const { return ::getpid() == process; }
+    const pid_t process = ::getpid();
+};
+
+struct kelm_client : OfProcess {
     std::shared_ptr<kelm::lib::Session> session;
 };
 
-struct kelm_graph {
+struct kelm_graph : OfProcess {
     std::shared_ptr<kelm::lib::Session> session;
     std::shared_ptr<kelm::lib::GraphQueue> queue;
     kelm::client::Graph sizes;
 };
 
-struct kelm_pool {
+struct kelm_pool : OfProcess {
     kelm::client::TensorPool tensors;
 };
 
-struct kelm_slot {
+struct kelm_slot : OfProcess {
     kelm::client::TensorPool::Handle tensors;
 };
 
@@ -57,8 +66,11 @@ constexpr const char* kBadDeadline =
     "a deadline is negative; give milliseconds, or 0 for the default";
 constexpr const char* kBadStruct =
     "a struct is null, has no size, or asks for what this version of libkelm does not know; "
-    "declare "
-    "it with KELM_INIT and check kelm_version()";
+    "declare it with KELM_INIT and check kelm_version()";
+constexpr const char* kWaitInCallback =
+    "a callback must not wait for the service; make the call on another thread";
+constexpr const char* kOfParent =
+    "the handle is that of the parent process; a child of fork() must not use it";
 
 inline client::Deadline deadlineOr(int32_t millis, client::Deadline otherwise) {
     return millis > 0 ? client::Deadline(millis) : otherwise;

@@ -27,6 +27,11 @@ Error sessionClosed() {
     return {ErrorKind::kNotConnected, 0, "the connection was closed; connect again"};
 }
 
+client::Deadline timeUntil(Session::Clock::time_point end) {
+    const auto left = std::chrono::ceil<client::Deadline>(end - Session::Clock::now());
+    return std::max(left, client::Deadline(1));
+}
+
 // Clients that lost the same service should not come back at the same moment.
 std::chrono::milliseconds withJitter(std::chrono::milliseconds pause) {
     thread_local std::minstd_rand random(std::random_device{}());
@@ -60,13 +65,15 @@ Result<std::unique_ptr<Client>> Session::open(client::Deadline deadline) {
     auto client = Client::connect(m_options.socketPath, deadline);
     if (!client) return client;
     if (m_options.onWarning != nullptr) {
-        client.value()->onWarning([warn = m_options.onWarning, user = m_options.user](
-                                      const std::string& text) { warn(text.c_str(), user); });
+        client.value()->onWarning(
+            [warn = m_options.onWarning, user = m_options.user](const std::string& text) {
+                Callbacks::runInside([&] { warn(text.c_str(), user); });
+            });
     }
     client.value()->onLost([this] { lost(); });
-    const auto left = std::chrono::ceil<client::Deadline>(end - Clock::now());
-    const Error error =
-        client.value()->registerClient(m_options.name, std::max(left, client::Deadline(1)));
+    setDialing(client.value().get());
+    const Error error = client.value()->registerClient(m_options.name, timeUntil(end));
+    setDialing(nullptr);
     if (error) return error;
     return client;
 }
@@ -105,6 +112,18 @@ std::shared_ptr<Client> Session::client() const {
     return m_client;
 }
 
+std::shared_ptr<Client> Session::client(uint64_t connection) const {
+    MutexLock lock(m_mutex);
+    return m_connection == connection ? m_client : nullptr;
+}
+
+// A load may take longer than a close.
+void Session::setDialing(Client* client) {
+    MutexLock lock(m_mutex);
+    m_dialing = client;
+    if (m_closing && client != nullptr) client->hangUp();
+}
+
 bool Session::isConnected() const {
     MutexLock lock(m_mutex);
     return m_client && !m_lost && m_owned->isConnected();
@@ -133,11 +152,6 @@ void Session::lost() {
     if (!m_options.reconnects) tellProgram(false);
 }
 
-void Session::tellLater(Callbacks::Callback callback) {
-    m_callbacks.keep(std::move(callback));
-    wakeAt(Clock::now());
-}
-
 void Session::tellProgram(bool up) {
     if (m_options.onConnection == nullptr) return;
     m_callbacks.run(ConnectionChange{m_options.onConnection, m_options.user, up});
@@ -150,6 +164,7 @@ void Session::close() {
         if (m_closing) return;
         m_closing = true;
         m_change.notifyAll();
+        if (m_dialing != nullptr) m_dialing->hangUp();
     }
     if (m_reconnect.joinable()) m_reconnect.join();
     for (const auto& queue : queues()) queue->close(Error::connectionLost());
@@ -160,6 +175,7 @@ void Session::close() {
     current.reset();
     retire();
     m_timer.stop();
+    (void)tick(Clock::now());  // in place of the timer
     (void)m_callbacks.runWaiting();
     std::vector<std::shared_ptr<const Entry>> graphs;  // they share this object
     MutexLock lock(m_mutex);
@@ -177,9 +193,10 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
         connection = m_connection;
     }
     if (!current) return Error::connectionLost();
+    const Clock::time_point end = Clock::now() + deadline;
     auto graph = loadGraph(*current, source, deadline);
     if (!graph) return graph.error();
-    if (limits.window == 0) limits.window = kTasksADevice * countDevices();
+    if (limits.window == 0) limits.window = kTasksADevice * countDevices(*current, timeUntil(end));
     current.reset();
     const auto queue =
         std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graph.value().id);
@@ -197,22 +214,34 @@ Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
     queue->close(Error::canceled());
     const bool ended = queue->waitUntilEmpty(Clock::now() + kUnloadTime);
     std::shared_ptr<Client> current;
+    uint64_t connection = 0;
     {
         MutexLock lock(m_mutex);
         std::erase_if(m_graphs, [&](const auto& entry) { return entry->queue == queue; });
-        if (queue->connection() == m_connection) current = m_client;
+        connection = m_connection;
+        // A connection that has ended took the graph with it. The same graph loaded twice is one to
+        // the service, also when it is given up.
+        const bool isShared = std::any_of(m_graphs.begin(), m_graphs.end(), [&](const auto& entry) {
+            return entry->queue->connection() == connection &&
+                   entry->queue->graphId() == queue->graphId();
+        });
+        if (queue->connection() == connection && !isShared) current = m_client;
     }
-    // A connection that has ended took the graph with it.
-    if (!current || !current->isConnected()) return {};
-    const Error error = current->destroyGraph(queue->graphId());
+    Error error;
+    if (current && current->isConnected()) {
+        error = current->destroyGraph(queue->graphId());
+        // With a graph that others go on using the service drops this client's tasks on all graphs.
+        const auto others = queues();
+        (void)std::all_of(others.begin(), others.end(), [&](const auto& other) {
+            return other->resendDropped(*current, connection);
+        });
+    }
     if (error || ended) return error;
     return Error::timeout("a task of the graph");
 }
 
-uint32_t Session::countDevices() {
-    const std::shared_ptr<Client> current = client();
-    if (!current) return 1;
-    const auto status = current->queryStatus(client::StatusPart::kOverview);
+uint32_t Session::countDevices(Client& client, client::Deadline deadline) {
+    const auto status = client.queryStatus(client::StatusPart::kOverview, deadline);
     if (!status) return 1;
     return std::clamp<uint32_t>(status.value().deviceCount, 1, kMostDevices);
 }
@@ -227,7 +256,6 @@ std::vector<std::shared_ptr<GraphQueue>> Session::queues() const {
 Session::Clock::time_point Session::tick(Clock::time_point now) {
     Clock::time_point next = Clock::time_point::max();
     for (const auto& queue : queues()) next = std::min(next, queue->tick(now));
-    if (!m_options.dispatches) (void)m_callbacks.runWaiting();
     return next;
 }
 
@@ -261,7 +289,7 @@ void Session::reconnect() {
         auto opened = open(m_options.deadline);
         if (!opened) continue;
         install(std::move(opened).value());
-        if (reloadGraphs()) return tellProgram(true);
+        if (reloadGraphs()) return;
         retire();
     }
 }
@@ -277,28 +305,48 @@ bool Session::reloadGraphs() {
         uint64_t connection = 0;
         {
             MutexLock lock(m_mutex);
-            if (m_closing || m_lost) return m_closing;
+            if (m_closing) return true;
+            if (m_lost) return false;
             connection = m_connection;
             current = m_client;
             for (const auto& entry : m_graphs) {
                 if (entry->queue->connection() != connection) missing.push_back(entry);
             }
         }
-        if (missing.empty()) return true;
-        bool allLoaded = true;
-        for (const auto& entry : missing) {
-            const auto graph = loadGraph(*current, entry->source, client::kGraphDeadline);
-            if (graph) {
-                entry->queue->resume(connection, graph.value().id);
-            } else {
-                allLoaded = false;
-            }
+        if (missing.empty()) {
+            tellProgram(true);
+            return true;
         }
+        bool allLoaded = true;
+        setDialing(current.get());
+        for (const auto& entry : missing) {
+            allLoaded = reloadGraph(*current, connection, *entry) && allLoaded;
+        }
+        setDialing(nullptr);
         current.reset();
         if (allLoaded) continue;
         if (!pause(withJitter(time))) return true;
         time = std::min(time * 2, kLongestPause);
     }
+}
+
+// One that the program has freed meanwhile is nobody's: unload() did not find it at the service.
+bool Session::reloadGraph(Client& client, uint64_t connection, const Entry& entry) {
+    const auto graph = loadGraph(client, entry.source, client::kGraphDeadline);
+    if (!graph) return false;
+    bool isWanted = false;
+    {
+        MutexLock lock(m_mutex);
+        isWanted = std::any_of(m_graphs.begin(), m_graphs.end(),
+                               [&](const auto& each) { return each->queue == entry.queue; });
+        if (isWanted) entry.queue->resume(connection, graph.value().id);
+    }
+    if (isWanted) {
+        entry.queue->sendWaiting();
+    } else {
+        (void)client.destroyGraph(graph.value().id);
+    }
+    return true;
 }
 
 }  // namespace kelm::lib

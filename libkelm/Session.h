@@ -32,8 +32,8 @@ struct SessionOptions {
 // graphs when it is lost if the options say so.
 //
 // Threads: any, but close() last, by the owner. Owns: the connection, a thread "KelmReconnect" if
-// it reconnects, the timer and the callbacks. Graphs share it and may outlive close(). Locks:
-// m_mutex, a leaf but for those of nothing; not held in calls, nor in callbacks.
+// it reconnects, the timer and the callbacks. Graphs share it and may outlive close().
+// Locks: m_mutex, then that of a queue; not held in calls, nor in callbacks.
 class Session : public std::enable_shared_from_this<Session> {
  public:
     using Clock = std::chrono::steady_clock;
@@ -49,6 +49,8 @@ class Session : public std::enable_shared_from_this<Session> {
     // The connection of now, perhaps a lost one; null while there is none. Not to be kept: its
     // replacement waits until nobody uses it.
     std::shared_ptr<client::Client> client() const EXCLUDES(m_mutex);
+    // The same if it is the one of this number.
+    std::shared_ptr<client::Client> client(uint64_t connection) const EXCLUDES(m_mutex);
     bool isConnected() const EXCLUDES(m_mutex);
     uint64_t clientId() const EXCLUDES(m_mutex);
 
@@ -63,8 +65,6 @@ class Session : public std::enable_shared_from_this<Session> {
     client::Error unload(const std::shared_ptr<GraphQueue>& queue) EXCLUDES(m_mutex);
 
     Callbacks& callbacks() { return m_callbacks; }
-    // For a callback that must not run on the calling thread.
-    void tellLater(Callbacks::Callback callback);
     // Queues are looked after at this time at the latest.
     void wakeAt(Clock::time_point time) { m_timer.wakeAt(time); }
 
@@ -91,11 +91,16 @@ class Session : public std::enable_shared_from_this<Session> {
     void reconnect() EXCLUDES(m_mutex);
     // False if the connection was lost again.
     bool reloadGraphs() EXCLUDES(m_mutex);
+    // False if the service refuses it.
+    bool reloadGraph(client::Client& client, uint64_t connection, const Entry& entry)
+        EXCLUDES(m_mutex);
+    // close() ends what the client waits for.
+    void setDialing(client::Client* client) EXCLUDES(m_mutex);
     std::vector<std::shared_ptr<GraphQueue>> queues() const EXCLUDES(m_mutex);
     Clock::time_point tick(Clock::time_point now) EXCLUDES(m_mutex);
     // False if close() was called meanwhile.
     bool pause(std::chrono::milliseconds time) EXCLUDES(m_mutex);
-    uint32_t countDevices() EXCLUDES(m_mutex);
+    static uint32_t countDevices(client::Client& client, client::Deadline deadline);
 
     const SessionOptions m_options;
     Callbacks m_callbacks;
@@ -109,6 +114,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::unique_ptr<client::Client> m_owned GUARDED_BY(m_mutex);
     std::shared_ptr<client::Client> m_client GUARDED_BY(m_mutex);  // of m_owned, counts its users
     uint64_t m_connection GUARDED_BY(m_mutex) = 0;                 // its number
+    client::Client* m_dialing GUARDED_BY(m_mutex) = nullptr;  // KelmReconnect waits for its answers
     std::vector<std::shared_ptr<const Entry>> m_graphs GUARDED_BY(m_mutex);
     std::thread m_reconnect;
 };

@@ -11,6 +11,8 @@ namespace kelm::lib {
 
 class GraphQueue;
 
+constexpr uint32_t kHighestPriority = 15;
+
 // A task from its submission to its end.
 struct Task {
     using Clock = std::chrono::steady_clock;
@@ -28,6 +30,7 @@ struct Task {
     Clock::time_point sent;
     uint64_t ticket = 0;
     uint64_t taskId = 0;                // the service's; 0: not known yet
+    bool isTakenBack = false;           // by the queue, to be sent again
     uint64_t connection = 0;            // the one that it was sent on
     std::shared_ptr<GraphQueue> queue;  // stays while the task does
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "client/PendingCalls.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::lib {
@@ -31,6 +32,7 @@ void Timer::stop() {
 
 void Timer::routine() {
     ThreadUtils::setName("KelmTimer");
+    client::watchDeadlines();
     MutexLock lock(m_mutex);
     while (!m_stopped) {
         if (m_next == Clock::time_point::max()) {

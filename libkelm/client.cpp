@@ -8,6 +8,15 @@
 
 using namespace kelm::lib;
 
+namespace {
+
+std::string programName() {
+    const std::string name(program_invocation_short_name);
+    return name.empty() ? "unnamed" : name.substr(0, kLongestName);
+}
+
+}  // namespace
+
 uint32_t kelm_version(void) {
     return KELM_VERSION_MAJOR << 16 | KELM_VERSION_MINOR << 8 | KELM_VERSION_PATCH;
 }
@@ -30,7 +39,7 @@ int kelm_connect(const kelm_client_options* options, kelm_client** client) {
         }
         SessionOptions wanted;
         wanted.socketPath = textOr(known.socket_path, "");
-        wanted.name = textOr(known.name, program_invocation_short_name);
+        wanted.name = known.name != nullptr ? known.name : programName();
         wanted.deadline = deadlineOr(known.deadline_ms, kelm::client::kDefaultDeadline);
         wanted.reconnects = (known.flags & KELM_CLIENT_RECONNECT) != 0;
         wanted.dispatches = (known.flags & KELM_CLIENT_DISPATCH) != 0;
@@ -42,7 +51,7 @@ int kelm_connect(const kelm_client_options* options, kelm_client** client) {
         }
         auto session = Session::connect(wanted);
         if (!session) return fail(session.error());
-        *client = new kelm_client{std::move(session).value()};
+        *client = new kelm_client{{}, std::move(session).value()};
         return int{KELM_SUCCESS};
     });
 }
@@ -50,7 +59,8 @@ int kelm_connect(const kelm_client_options* options, kelm_client** client) {
 int kelm_close(kelm_client* client) {
     return guarded([&] {
         if (client == nullptr) return int{KELM_SUCCESS};
-        if (Callbacks::isInside()) return invalid("a callback must not close a connection");
+        if (Callbacks::isInside()) return invalid(kWaitInCallback);
+        if (!client->isHere()) return invalid(kOfParent);
         const std::unique_ptr<kelm_client> owned(client);
         owned->session->close();
         return int{KELM_SUCCESS};
@@ -87,6 +97,7 @@ int kelm_device_reset(kelm_client* client, uint32_t device, int32_t deadline_ms)
     return guarded([&] {
         if (client == nullptr) return invalid("there is no client");
         if (deadline_ms < 0) return invalid(kBadDeadline);
+        if (Callbacks::isInside()) return invalid(kWaitInCallback);
         const auto connection = client->session->client();
         if (!connection) return fail(kelm::client::Error::notConnected());
         const auto deadline = deadlineOr(deadline_ms, kelm::client::kGraphDeadline);

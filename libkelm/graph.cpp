@@ -1,4 +1,6 @@
 // The graphs of the C interface.
+#include <cstring>
+
 #include "kelm/kelm.h"
 #include "libkelm/Handles.h"
 #include "libkelm/Structs.h"
@@ -8,11 +10,18 @@ using namespace kelm::lib;
 namespace {
 
 constexpr size_t kMostWaiting = 65536;
+constexpr size_t kLongestTag = 511;
 
 int checkOptions(const kelm_graph_options* options, kelm_graph_options& known) {
     if (options != nullptr && !readStruct(options, known)) return invalid(kBadStruct);
     if (known.deadline_ms < 0) return invalid(kBadDeadline);
     if (known.expect_devices < 0) return invalid("a graph cannot expect fewer than 0 devices");
+    // Cut to the field of the request they would pick other devices.
+    for (const char* text : {known.tag, known.stream_id}) {
+        if (std::strlen(textOr(text, "")) > kLongestTag) {
+            return invalid("the tag or the stream id of a graph has more than 511 bytes");
+        }
+    }
     return KELM_SUCCESS;
 }
 
@@ -23,6 +32,7 @@ int loadGraph(kelm_client* client, decltype(GraphSource::place) place, const cha
     if (client == nullptr) return invalid("there is no client");
     if (graph == nullptr) return invalid("there is no place for the graph's handle");
     if (const int error = checkOptions(options, known); error != KELM_SUCCESS) return error;
+    if (Callbacks::isInside()) return invalid(kWaitInCallback);
     GraphSource source;
     source.place = std::move(place);
     source.options.name = textOr(known.name, defaultName);
@@ -35,7 +45,7 @@ int loadGraph(kelm_client* client, decltype(GraphSource::place) place, const cha
     auto loaded = client->session->load(
         std::move(source), limits, deadlineOr(known.deadline_ms, kelm::client::kGraphDeadline));
     if (!loaded) return fail(loaded.error());
-    *graph = new kelm_graph{client->session, loaded.value().queue, loaded.value().graph};
+    *graph = new kelm_graph{{}, client->session, loaded.value().queue, loaded.value().graph};
     return KELM_SUCCESS;
 }
 
@@ -88,7 +98,8 @@ int kelm_graph_get_info(const kelm_graph* graph, kelm_graph_info* info) {
 int kelm_graph_free(kelm_graph* graph) {
     return guarded([&] {
         if (graph == nullptr) return int{KELM_SUCCESS};
-        if (Callbacks::isInside()) return invalid("a callback must not free a graph");
+        if (Callbacks::isInside()) return invalid(kWaitInCallback);
+        if (!graph->isHere()) return invalid(kOfParent);
         const std::unique_ptr<kelm_graph> owned(graph);
         return fail(owned->session->unload(owned->queue));
     });

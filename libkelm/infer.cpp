@@ -15,7 +15,6 @@ using kelm::client::Tensor;
 
 namespace {
 
-constexpr uint32_t kHighestPriority = 15;
 constexpr uint32_t kKnownBlocks = KELM_AUX_TIME_TAKEN | KELM_AUX_THERMAL | KELM_AUX_DEBUG;
 constexpr size_t kDefaultSlots = 1024;
 constexpr size_t kLongestMemoryName = 63;
@@ -53,6 +52,9 @@ int prepare(const kelm_task& known, PreparedInfer& infer) {
     const std::pair<const kelm_tensor*, Tensor*> tensors[] = {{&known.input, &request.input},
                                                               {&known.output, &request.output},
                                                               {&known.aux, &request.aux}};
+    if (known.aux_flags != 0 && known.aux.kind == KELM_TENSOR_NONE) {
+        return invalid("aux_flags ask for blocks, and the task has no auxiliary tensor");
+    }
     for (const auto& [given, tensor] : tensors) {
         if (const int error = readTensor(*given, *tensor); error != KELM_SUCCESS) return error;
     }
@@ -101,7 +103,7 @@ class Awaited {
         const int error = m_result.error;
         if (error != KELM_SUCCESS) fail(error, m_text.c_str());
         m_result.text = error != KELM_SUCCESS ? lastError() : "";
-        if (result != nullptr && !writeStruct(m_result, result)) return invalid(kBadStruct);
+        if (result != nullptr) (void)writeStruct(m_result, result);
         return error;
     }
 
@@ -139,13 +141,17 @@ int kelm_pool_create(size_t input_bytes, size_t output_bytes, size_t aux_bytes, 
                      kelm_pool** pool) {
     return guarded([&] {
         if (pool == nullptr) return invalid("there is no place for the pool's handle");
-        *pool = new kelm_pool{kelm::client::TensorPool(
-            input_bytes, output_bytes, max_slots != 0 ? max_slots : kDefaultSlots, aux_bytes)};
+        *pool = new kelm_pool{
+            {},
+            kelm::client::TensorPool(input_bytes, output_bytes,
+                                     max_slots != 0 ? max_slots : kDefaultSlots, aux_bytes)};
         return int{KELM_SUCCESS};
     });
 }
 
-void kelm_pool_free(kelm_pool* pool) { delete pool; }
+void kelm_pool_free(kelm_pool* pool) {
+    if (pool != nullptr && pool->isHere()) delete pool;
+}
 
 int kelm_pool_acquire(kelm_pool* pool, kelm_slot** slot) {
     return guarded([&] {
@@ -153,12 +159,14 @@ int kelm_pool_acquire(kelm_pool* pool, kelm_slot** slot) {
             return invalid("there is no pool or no slot's place");
         auto tensors = pool->tensors.acquire();
         if (!tensors) return fail(tensors.error());
-        *slot = new kelm_slot{std::move(tensors).value()};
+        *slot = new kelm_slot{{}, std::move(tensors).value()};
         return int{KELM_SUCCESS};
     });
 }
 
-void kelm_slot_release(kelm_slot* slot) { delete slot; }
+void kelm_slot_release(kelm_slot* slot) {
+    if (slot != nullptr && slot->isHere()) delete slot;
+}
 
 namespace {
 
@@ -194,7 +202,8 @@ int kelm_infer_async(kelm_graph* graph, const kelm_task* task, uint64_t* ticket)
 int kelm_infer(kelm_graph* graph, const kelm_task* task, kelm_result* result) {
     return guarded([&] {
         if (graph == nullptr) return invalid("there is no graph");
-        if (Callbacks::isInside()) return invalid("a callback must not wait for a task");
+        if (Callbacks::isInside()) return invalid(kWaitInCallback);
+        if (result != nullptr && !isStruct(result)) return invalid(kBadStruct);
         std::unique_ptr<Task> made;
         if (const int error = makeTask(task, made); error != KELM_SUCCESS) return error;
         Awaited awaited;

@@ -53,12 +53,17 @@ TEST_F(PendingCallsTest, InferenceEndsOnceWithItsError) {
         {ErrorKind::kCanceled,  // then its result
          [](PendingCalls& calls) {
              calls.acceptInfer(1, KELM_OK, 7);
-             calls.cancelInfer(7);
+             calls.endInfer(7, Error::canceled());
+             calls.finishInfer(1, KELM_OK, 7);
+         }},
+        {ErrorKind::kSystem,  // the answer to something else, then its result
+         [](PendingCalls& calls) {
+             calls.finishCall(1, nullptr);
              calls.finishInfer(1, KELM_OK, 7);
          }},
         {ErrorKind::kService,  // failed
          [](PendingCalls& calls) {
-             calls.cancelInfer(7);  // of another task, or of none yet
+             calls.endInfer(7, Error::canceled());  // of another task, or of none yet
              calls.finishInfer(2, KELM_OK, 8);
              calls.finishInfer(1, KELM_ERROR_DEVICE_FAILED, 7);
          }},
@@ -70,6 +75,23 @@ TEST_F(PendingCallsTest, InferenceEndsOnceWithItsError) {
         events(m_calls);
         ASSERT_EQ(kinds().size(), before + 1);
         EXPECT_EQ(kinds().back(), kind);
+    }
+}
+
+TEST_F(PendingCallsTest, CallEndsWithTheAnswerToAnInference) {
+    void (*const rows[])(PendingCalls&) = {
+        [](PendingCalls& calls) { calls.acceptInfer(1, KELM_OK, 7); },
+        [](PendingCalls& calls) { calls.acceptInfer(1, KELM_ERROR_TOO_MANY_TASK, 7); },
+        [](PendingCalls& calls) { calls.finishInfer(1, KELM_OK, 7); },
+    };
+    for (const auto answer : rows) {
+        std::vector<ErrorKind> kinds;
+        const auto reply = [&](const MessagePtr&, const Error& end) {
+            kinds.push_back(end.kind());
+        };
+        ASSERT_TRUE(m_calls.addCall(1, "a call", Clock::now() + kNever, reply));
+        answer(m_calls);
+        EXPECT_THAT(kinds, ElementsAre(ErrorKind::kSystem));
     }
 }
 

@@ -223,6 +223,64 @@ TEST_F(QueueTest, FreedGraphEndsWhatWaitsAndWaitsForTheRest) {
     EXPECT_TRUE(eventually([&] { return m_client->status().info().graph_count == 0; }));
 }
 
+TEST_F(QueueTest, TasksEndInTimeWhileTheServiceReadsNothing) {
+    constexpr uint32_t kBatch = 40;  // several fill the socket, from the ends of those before
+    open(0, kBatch);
+    service().signal(SIGSTOP);
+    for (uint32_t i = 0; i < 10 * kBatch; ++i) {
+        auto task = detail::sized<kelm_task>();
+        task.deadline_ms = 200 * (1 + i / kBatch);
+        m_graph->start(task, m_ends.adder());
+    }
+    EXPECT_TRUE(m_ends.wait(10 * kBatch));
+    service().signal(SIGCONT);
+    EXPECT_EQ(m_ends.cookies().size(), 10 * kBatch);
+}
+
+TEST_F(QueueTest, GraphThatAnotherHandleHasStaysWhenOneIsFreed) {
+    open(0, 1);
+    { const Graph again = m_client->load(std::as_bytes(std::span("graph"))); }
+    EXPECT_TRUE(m_graph->infer(m_pool->acquire()).ok());
+}
+
+TEST_F(QueueTest, TasksThatTheServiceDropsWithAnotherGraphAreSentAgain) {
+    open(150, 32);
+    Client other({.socketPath = path()});
+    const auto load = [](Client& client) {
+        return client.load(std::as_bytes(std::span("shared")));
+    };
+    const Graph kept = load(other);
+    std::optional<Graph> shared = load(*m_client);
+    for (uint64_t i = 0; i < 20; ++i) submit(i);
+    shared.reset();
+    ASSERT_TRUE(m_ends.wait(20));
+    EXPECT_THAT(m_ends.errors(), ::testing::Each(KELM_SUCCESS));
+    EXPECT_EQ(m_ends.cookies().size(), 20U);
+}
+
+TEST_F(QueueTest, FreedGraphHasNoCallbackLeft) {
+    open(300, 1);
+    submit(0);
+    std::promise<void> entered;
+    std::promise<void> leave;
+    std::atomic<bool> left{false};
+    auto task = detail::sized<kelm_task>();
+    task.deadline_ms = 20;
+    m_graph->start(task, [&](const kelm_result&) {  // on the timer's thread
+        entered.set_value();
+        leave.get_future().wait();
+        left = true;
+    });
+    entered.get_future().wait();
+    auto freed = std::async(std::launch::async, [&] {
+        m_graph.reset();
+        return left.load();
+    });
+    ASSERT_TRUE(m_ends.wait(1));
+    leave.set_value();
+    EXPECT_TRUE(freed.get());
+}
+
 TEST_F(QueueTest, MistakesAreRefusedBeforeAnythingHappens) {
     open(300, 1);
     submit(0);
