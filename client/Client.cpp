@@ -220,7 +220,7 @@ Result<TaskStage> Client::queryTask(uint64_t taskId, Deadline deadline) {
 // A result on its way would come before this answer.
 Result<bool> Client::endIfDropped(uint64_t taskId, Deadline deadline) {
     const Result<TaskStage> stage = queryTask(taskId, deadline);
-    if (stage) return stage.value() < TaskStage::kLoaded;
+    if (stage) return true;
     if (stage.error().code() != KELM_ERROR_INVALID_TASK) return stage.error();
     m_impl->endInfer(taskId, stage.error());
     return false;

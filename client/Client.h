@@ -141,7 +141,7 @@ class Client {
     Result<bool> cancel(uint64_t taskId, Deadline deadline = kDefaultDeadline);
     Result<TaskStage> queryTask(uint64_t taskId, Deadline deadline = kDefaultDeadline);
     // Ends the call of a task that the service has dropped, as destroyGraph() may have made it do,
-    // with KELM_ERROR_INVALID_TASK. True if the task may still be dropped, being with no device.
+    // with KELM_ERROR_INVALID_TASK. True if the service still has the task.
     Result<bool> endIfDropped(uint64_t taskId, Deadline deadline = kDefaultDeadline);
 
     // What the service is doing; see Status.h for what each part fills.

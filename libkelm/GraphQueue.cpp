@@ -21,7 +21,7 @@ using client::Result;
 constexpr std::chrono::microseconds kFirstPause{1000};
 constexpr std::chrono::microseconds kLongestPause{100000};
 constexpr client::Deadline kCancelDeadline{10000};
-constexpr std::chrono::seconds kLookTime{2};
+constexpr std::chrono::seconds kLookTime{10};
 constexpr std::chrono::milliseconds kLookPause{5};
 
 // The program is in a call that starts or cancels a task, with locks of its own perhaps: its
@@ -297,14 +297,8 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
 }
 
 // The first question is for nothing but its place: when it is answered, so are all requests that
-// the service had before. What is taken back then is sent again, whether the service has marked it
-// or not: it tells no difference. A task on its way to a device is dropped or reaches it in a
-// moment.
+// the service had before. What still waits is taken back, what runs has no result to wait for.
 bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
-    {
-        MutexLock lock(m_mutex);
-        if (m_sent.size() == 0) return true;
-    }
     (void)client.queryTask(0);
     std::vector<uint64_t> taskIds;
     {
@@ -322,13 +316,18 @@ bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
     const Clock::time_point end = Clock::now() + kLookTime;
     for (const uint64_t taskId : taskIds) {
         while (true) {
-            const Result<bool> undecided = client.endIfDropped(taskId, kCancelDeadline);
-            if (!undecided) return false;
-            if (!undecided.value() || Clock::now() > end) break;
+            const Result<bool> isThere = client.endIfDropped(taskId, kCancelDeadline);
+            if (!isThere) return false;
+            if (!isThere.value() || Clock::now() > end) break;
             std::this_thread::sleep_for(kLookPause);
         }
     }
     return true;
+}
+
+bool GraphQueue::hasSent() const {
+    MutexLock lock(m_mutex);
+    return m_sent.size() > 0;
 }
 
 void GraphQueue::suspend() {

@@ -54,8 +54,10 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     void sendWaiting() EXCLUDES(m_mutex);
     // Ends what waits with this error, and takes no task any more.
     void close(const client::Error& error) EXCLUDES(m_mutex);
-    // Sends the tasks again that the service has dropped or is about to, and others that wait there
-    // beside them. False if it does not answer.
+    // Whether tasks are at the service.
+    bool hasSent() const EXCLUDES(m_mutex);
+    // The service drops the tasks that it has, also those that run: sends them again, each when its
+    // memory is free. False if it does not answer.
     bool resendDropped(client::Client& client, uint64_t connection) EXCLUDES(m_mutex);
     // Waits until the last task has ended and its callback has returned; false at the deadline.
     bool waitUntilEmpty(Clock::time_point deadline) EXCLUDES(m_mutex);

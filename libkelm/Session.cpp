@@ -4,6 +4,7 @@
 #include <random>
 #include <utility>
 
+#include "protocol/src/KelmError.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::lib {
@@ -230,14 +231,21 @@ Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
     Error error;
     if (current && current->isConnected()) {
         error = current->destroyGraph(queue->graphId());
-        // With a graph that others go on using the service drops this client's tasks on all graphs.
-        const auto others = queues();
-        (void)std::all_of(others.begin(), others.end(), [&](const auto& other) {
-            return other->resendDropped(*current, connection);
-        });
+        resendDropped(*current, connection, queue->graphId());
     }
     if (error || ended) return error;
     return Error::timeout("a task of the graph");
+}
+
+// With a graph that others go on using the service drops this client's tasks on all graphs.
+void Session::resendDropped(Client& client, uint64_t connection, uint64_t graphId) {
+    auto others = queues();
+    std::erase_if(others, [](const auto& other) { return !other->hasSent(); });
+    if (others.empty()) return;
+    const Error error = client.queryBufferSize(graphId).error();
+    if (error.code() == KELM_ERROR_INVALID_GRAPH) return;  // it is gone, nobody else used it
+    (void)std::all_of(others.begin(), others.end(),
+                      [&](const auto& other) { return other->resendDropped(client, connection); });
 }
 
 uint32_t Session::countDevices(Client& client, client::Deadline deadline) {

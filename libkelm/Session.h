@@ -100,6 +100,8 @@ class Session : public std::enable_shared_from_this<Session> {
     Clock::time_point tick(Clock::time_point now) EXCLUDES(m_mutex);
     // False if close() was called meanwhile.
     bool pause(std::chrono::milliseconds time) EXCLUDES(m_mutex);
+    void resendDropped(client::Client& client, uint64_t connection, uint64_t graphId)
+        EXCLUDES(m_mutex);
     static uint32_t countDevices(client::Client& client, client::Deadline deadline);
 
     const SessionOptions m_options;
