@@ -181,7 +181,7 @@ void Client::inferAsync(const InferRequest& request, const InferCallback& done,
 
 void Client::inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
                         std::chrono::steady_clock::time_point end) {
-    m_impl->infer(infer.message, infer.claim, std::move(done), std::move(accepted), end);
+    m_impl->infer(infer.message, std::move(infer.claim), std::move(done), std::move(accepted), end);
 }
 
 std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {

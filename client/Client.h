@@ -117,7 +117,7 @@ class Client {
     std::future<InferResult> inferAsync(const InferRequest& request,
                                         Deadline deadline = kDefaultDeadline);
     InferResult infer(const InferRequest& request, Deadline deadline = kDefaultDeadline);
-    // The same for a request that may be sent again if the service refuses it: its claim stays.
+    // The same; gives up its claim. Who may send the task again keeps a share of its own.
     void inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
                     std::chrono::steady_clock::time_point end);
 

@@ -1,5 +1,6 @@
 #include "client/ClientImpl.h"
 
+#include <algorithm>
 #include <future>
 #include <utility>
 
@@ -10,6 +11,14 @@
 namespace kelm::client {
 
 namespace {
+
+// A callback that takes longer makes the following ones send their requests at once.
+constexpr std::chrono::microseconds kShortCallback{50};
+constexpr int kMistrust = 64;  // for so many messages
+constexpr std::chrono::seconds kFlushPatience{1};
+
+// The object whose answers this thread reads.
+thread_local const void* t_reading = nullptr;
 
 // What ends a call: the message, or the error that stands in its place.
 struct Answer {
@@ -24,6 +33,7 @@ Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection, const std::st
     : m_connection(std::move(connection)),
       m_socket(m_connection->getSimulateFD()),
       m_access(m_connection->nativeHandle(), path),
+      m_gathered(m_socket),
       m_pending([this] { giveUpStuckSend(); }),
       m_reader([this] { readRoutine(); }) {}
 
@@ -84,32 +94,59 @@ void Client::Impl::infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim
         result.cookie1 = message.taskCookie1;
         return done(result);
     }
-    if (const Error error = send(message.head.base, end)) {
-        m_pending.fail(message.head.reqSeqNo, error);
-    }
+    const Error error = gathers(message) ? gather(message, end) : send(message.head.base, end);
+    if (error) m_pending.fail(message.head.reqSeqNo, error);
 }
 
 Error Client::Impl::send(KelmMsgBase& message, Clock::time_point deadline) {
+    const std::optional<bool> sent =
+        writeInTurn(deadline, [&] { return kelmSendMessage(m_socket, &message) == 0; });
+    if (!sent) return Error::timeout("the request");
+    return *sent ? Error() : Error::connectionLost();
+}
+
+template <class Write>
+std::optional<bool> Client::Impl::writeInTurn(Clock::time_point deadline, Write write) {
     {
         MutexLock lock(m_sendMutex);
         // A turn by a flag, not by holding the mutex while writing: a caller whose deadline passes
         // must be able to leave while another one's write is stuck.
         while (m_sending) {
-            if (!m_sendTurn.waitUntil(m_sendMutex, deadline) && m_sending) {
-                return Error::timeout("the request");
-            }
+            if (!m_sendTurn.waitUntil(m_sendMutex, deadline) && m_sending) return std::nullopt;
         }
         m_sending = true;
         m_sendDeadline = deadline;
     }
     // Without the mutex: the write waits for as long as the service does not read.
-    const bool sent = kelmSendMessage(m_socket, &message) == 0;
-    {
-        MutexLock lock(m_sendMutex);
-        m_sending = false;
-        m_sendTurn.notifyOne();
+    const bool sent = write();
+    MutexLock lock(m_sendMutex);
+    m_sending = false;
+    m_sendTurn.notifyOne();
+    return sent;
+}
+
+// One with descriptors is written at once: the writer would have to wait for its turn.
+bool Client::Impl::gathers(const KelmMsgReqInferTask& message) const {
+    return t_reading == this && m_ungathered == 0 && message.inputBuffer.fd <= 0 &&
+           message.outputBuffer.fd <= 0 && message.auxBuffer.fd <= 0;
+}
+
+Error Client::Impl::gather(KelmMsgReqInferTask& message, Clock::time_point deadline) {
+    if (!m_gathered.hasRoomFor(sizeof(message))) flushGathered();
+    m_gatheredDeadline = m_gathered.empty() ? deadline : std::min(m_gatheredDeadline, deadline);
+    return m_gathered.append(&message.head.base) == 0 ? Error() : Error::connectionLost();
+}
+
+// Waits for its turn without limit, since another write that is stuck ends the connection at its
+// own deadline. A failure ends it, too.
+void Client::Impl::flushGathered() {
+    if (m_gathered.empty()) return;
+    std::optional<bool> sent;
+    while (!sent) {
+        sent = writeInTurn(std::max(m_gatheredDeadline, Clock::now() + kFlushPatience),
+                           [this] { return m_gathered.flush() == 0; });
     }
-    return sent ? Error() : Error::connectionLost();
+    if (!*sent) m_connection->shutdown();
 }
 
 // On the deadline thread. The shutdown ends the write, and the reader then ends all other calls.
@@ -120,7 +157,12 @@ void Client::Impl::giveUpStuckSend() {
 
 void Client::Impl::readRoutine() {
     ThreadUtils::setName("KelmReader");
-    while (MessagePtr message{kelmReceiveMessage(m_socket)}) dispatch(std::move(message));
+    t_reading = this;
+    while (MessagePtr message{kelmReceiveMessage(m_socket)}) {
+        dispatchTimed(std::move(message));
+        if (!m_connection->hasBufferedData()) flushGathered();
+    }
+    t_reading = nullptr;
     m_connected.store(false);  // first, so that a callback below sees the loss
     m_pending.closeAll(Error::connectionLost());
     LostCallback lost;
@@ -129,6 +171,18 @@ void Client::Impl::readRoutine() {
         lost = m_onLost;
     }
     if (lost) lost();
+}
+
+// Callbacks that write by themselves are not timed: the write may hand the processor over.
+void Client::Impl::dispatchTimed(MessagePtr message) {
+    const Clock::time_point before = m_ungathered == 0 ? Clock::now() : Clock::time_point::max();
+    dispatch(std::move(message));
+    if (m_ungathered > 0) {
+        --m_ungathered;
+    } else if (Clock::now() - before > kShortCallback) {
+        m_ungathered = kMistrust;
+        flushGathered();
+    }
 }
 
 // On the reader's thread, as the callbacks that it runs: one that waits for an answer would wait

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "client/PendingCalls.h"
 #include "client/ServiceAccess.h"
 #include "protocol/src/KelmMessage.h"
+#include "protocol/src/MessageWriter.h"
 #include "utils/Mutex.h"
 
 namespace IPC {
@@ -20,6 +22,9 @@ namespace kelm::client {
 
 // The connection behind a Client: one thread reads answers, any thread writes requests, one at a
 // time.
+//
+// What callbacks submit while further answers wait to be read is gathered and leaves in one write,
+// as long as they are short: a callback that computes must not hold up its own requests.
 //
 // Threads: any may call; callbacks run on the reading and the deadline thread.
 // Owns: the connection, the reading thread "KelmReader" and the pending calls.
@@ -49,6 +54,14 @@ class Client::Impl {
     uint64_t nextSequence() { return m_sequence.fetch_add(1) + 1; }
     // Writes one request; waits for its turn until the deadline.
     Error send(KelmMsgBase& message, Clock::time_point deadline) EXCLUDES(m_sendMutex);
+    // Runs the writing in its turn; false if it failed, nothing if the deadline has passed before.
+    template <class Write>
+    std::optional<bool> writeInTurn(Clock::time_point deadline, Write write) EXCLUDES(m_sendMutex);
+    // On the reader's thread.
+    bool gathers(const KelmMsgReqInferTask& message) const;
+    Error gather(KelmMsgReqInferTask& message, Clock::time_point deadline) EXCLUDES(m_sendMutex);
+    void flushGathered() EXCLUDES(m_sendMutex);
+    void dispatchTimed(MessagePtr message) EXCLUDES(m_sendMutex);
     // A write that is stuck past its deadline left half a request behind: the connection is lost.
     void giveUpStuckSend() EXCLUDES(m_sendMutex);
     void readRoutine() EXCLUDES(m_lostMutex);
@@ -69,6 +82,12 @@ class Client::Impl {
 
     Mutex m_lostMutex;
     LostCallback m_onLost GUARDED_BY(m_lostMutex);
+
+    // Requests of callbacks that leave together, once the answers that have come are dealt with.
+    // The reader's own.
+    MessageWriter m_gathered;
+    Clock::time_point m_gatheredDeadline;
+    int m_ungathered = 0;  // messages to go until callbacks are taken for short again
 
     PendingCalls m_pending;
     std::thread m_reader;

@@ -27,6 +27,13 @@ WireClient::WireClient(const std::string& path)
     m_connected = ::connect(fd(), name, sizeof(address)) == 0;
 }
 
+WireClient WireClient::acceptFrom(int listener) {
+    pollfd state{listener, POLLIN, 0};
+    (void)::poll(&state, 1, static_cast<int>(kPatience.count()));
+    const bool isThere = (state.revents & POLLIN) != 0;
+    return WireClient(UniqueFd(isThere ? ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1));
+}
+
 KelmMsgReqInferTask WireClient::makeInfer(uint64_t graph) {
     auto request = make<KelmMsgReqInferTask>(KELM_MESSAGE_INFER_TASK_REQ, graph);
     request.taskCookie0 = request.head.reqSeqNo;
@@ -114,6 +121,25 @@ bool WireClient::readBytes(void* target, size_t size, Millis time) const {
         size -= static_cast<size_t>(count);
     }
     return true;
+}
+
+UniqueFd WireClient::receiveFd() const {
+    int number = 0;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec data{&number, sizeof(number)};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    if (!isReady(POLLIN, kPatience)) return {};
+    const ssize_t count = ::recvmsg(fd(), &message, MSG_CMSG_CLOEXEC | MSG_WAITALL);
+    const cmsghdr* const head = CMSG_FIRSTHDR(&message);
+    if (head == nullptr || head->cmsg_type != SCM_RIGHTS) return {};
+    int received = -1;
+    std::memcpy(&received, CMSG_DATA(head), sizeof(received));
+    UniqueFd descriptor(received);
+    return count == sizeof(number) ? std::move(descriptor) : UniqueFd();
 }
 
 std::optional<WireMessage> WireClient::receive(Millis time) const {

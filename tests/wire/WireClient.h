@@ -72,6 +72,8 @@ class WireClient {
         : WireClient(path) {
         (void)registerClient(name, apiMajorVersion);
     }
+    // Speaks for the service to the next peer of a listening socket.
+    static WireClient acceptFrom(int listener);
 
     bool connected() const { return m_connected; }
     int fd() const { return m_socket.get(); }
@@ -139,6 +141,8 @@ class WireClient {
 
     // False when the connection ends or the time is up first.
     bool readBytes(void* target, size_t size, Millis time = kPatience) const;
+    // A descriptor that follows a record; none if something else comes.
+    UniqueFd receiveFd() const;
     // The next message, or nothing when the connection ends or the time is up.
     std::optional<WireMessage> receive(Millis time = kPatience) const;
     // Reads on until a message of the type comes; what comes before it is dropped.
@@ -200,6 +204,7 @@ class WireClient {
  private:
     using Deadline = std::chrono::steady_clock::time_point;
 
+    explicit WireClient(UniqueFd socket) : m_socket(std::move(socket)), m_connected(m_socket) {}
     static size_t countBytes(int socket, unsigned long request);
     bool isReady(short events, Millis time) const;
     bool waitReadable(Deadline deadline) const;

@@ -1,0 +1,139 @@
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+#include "fakes/ServiceFixture.h"
+#include "fakes/ServiceProcess.h"
+#include "kelm/kelm.hpp"
+
+namespace kelm {
+namespace {
+
+using Millis = std::chrono::milliseconds;
+
+// KELM_TEST_RESTARTS asks for more of them than a usual run has time for.
+int restarts() {
+    const char* wanted = std::getenv("KELM_TEST_RESTARTS");
+    return wanted != nullptr ? std::atoi(wanted) : 6;
+}
+
+// Runs tasks on a graph, by calls and by callbacks in turn, and keeps account of their ends.
+class Worker {
+ public:
+    static constexpr Millis kDeadline{3000};
+    // Beyond the deadline: a machine that is busy with sanitizers.
+    static constexpr Millis kPatience{10000};
+
+    Worker(Graph& graph, Pool& pool, const std::atomic<bool>& stop)
+        : m_graph(graph), m_pool(pool), m_stop(stop), m_thread([this] { routine(); }) {}
+
+    void join() { m_thread.join(); }
+    bool endedAll() const { return m_ended == m_started; }
+    int good() const { return m_good; }
+    bool wasLate() const { return m_late; }
+    int unexpected() const { return m_unexpected; }
+
+ private:
+    void routine() {
+        while (!m_stop) {
+            call();
+            startOne();
+        }
+        eventually([this] { return endedAll(); });
+    }
+    void call() {
+        ++m_started;
+        const Slot slot = m_pool.acquire();
+        auto task = Graph::makeTask(slot, {.deadline = kDeadline});
+        auto result = detail::sized<kelm_result>();
+        const auto before = std::chrono::steady_clock::now();
+        result.error = kelm_infer(m_graph.get(), &task, &result);
+        account(result, std::chrono::steady_clock::now() - before);
+    }
+    void startOne() {
+        ++m_started;
+        const auto before = std::chrono::steady_clock::now();
+        m_graph.start(m_pool.acquire(), {.deadline = kDeadline},
+                      [this, before](const kelm_result& result) {
+                          account(result, std::chrono::steady_clock::now() - before);
+                      });
+    }
+    void account(const kelm_result& result, std::chrono::nanoseconds time) {
+        if (time > kDeadline + kPatience) m_late = true;
+        if (result.error == KELM_SUCCESS) ++m_good;
+        const bool usual = result.error == KELM_SUCCESS || result.error == KELM_CONNECTION_LOST ||
+                           result.error == KELM_EXPIRED || result.error == KELM_TIMEOUT;
+        if (!usual) ++m_unexpected;
+        ++m_ended;
+    }
+
+    Graph& m_graph;
+    Pool& m_pool;
+    const std::atomic<bool>& m_stop;
+    std::atomic<int> m_started{0};
+    std::atomic<int> m_ended{0};
+    std::atomic<int> m_good{0};
+    std::atomic<int> m_unexpected{0};
+    std::atomic<bool> m_late{false};
+    std::thread m_thread;
+};
+
+class ReconnectTest : public SystemFixture {
+ protected:
+    // Kills the service, or tells it to end, and starts it anew.
+    void restart(bool kill) {
+        if (kill) {
+            service().signal(SIGKILL);
+            (void)service().waitExit();
+        } else {
+            ASSERT_TRUE(service().stop(kTimeToEnd)) << lastLines();
+        }
+        service().start();
+        ASSERT_TRUE(service().waitReady()) << lastLines();
+    }
+};
+
+TEST_F(ReconnectTest, EachCallEndsOnceWhateverBecomesOfTheService) {
+    start(1);
+    std::atomic<int> ups{0};
+    std::atomic<int> downs{0};
+    Client client({.socketPath = path(), .reconnect = true, .onConnection = [&](bool up) {
+                       ++(up ? ups : downs);
+                   }});
+    Graph first = client.load(std::as_bytes(std::span("first")), {.window = 6});
+    const std::string file = service().files().write("second", "second");
+    Graph second = client.loadFile(file);
+    Pool pool = first.makePool(0, 4096);
+    std::atomic<bool> stop{false};
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (int i = 0; i < 8; ++i) {
+        workers.push_back(std::make_unique<Worker>(i % 2 == 0 ? first : second, pool, stop));
+    }
+    const auto good = [&] {
+        int sum = 0;
+        for (const auto& worker : workers) sum += worker->good();
+        return sum;
+    };
+    for (int i = 1; i <= restarts(); ++i) {
+        ASSERT_TRUE(eventually([&, before = good()] { return good() > before + 100; })) << i;
+        ASSERT_NO_FATAL_FAILURE(restart(i % 3 != 0));
+        ASSERT_TRUE(eventually([&] { return ups >= i; })) << i;
+    }
+    EXPECT_TRUE(eventually([&, before = good()] { return good() > before + 100; }));
+    stop = true;
+    for (const auto& worker : workers) {
+        worker->join();
+        EXPECT_TRUE(worker->endedAll());
+        EXPECT_FALSE(worker->wasLate());
+        EXPECT_EQ(worker->unexpected(), 0);
+    }
+    EXPECT_EQ(downs, ups);
+    EXPECT_EQ(ups, restarts());
+    // Registered once, with both graphs and no others.
+    const Status status = client.status();
+    EXPECT_EQ(status.info().client_count, 1U);
+    EXPECT_EQ(status.info().graph_count, 2U);
+}
+
+}  // namespace
+}  // namespace kelm
