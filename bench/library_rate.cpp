@@ -8,7 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <ctime>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -78,7 +78,7 @@ struct Lane {
 int measure(const Options& options) {
     using Clock = std::chrono::steady_clock;
     KELM_INIT(kelm_client_options, clientOptions);
-    clientOptions.flags = options.dispatches ? KELM_CLIENT_DISPATCH : 0U;
+    clientOptions.flags = options.dispatches ? uint32_t{KELM_CLIENT_DISPATCH} : 0U;
     kelm_client* client = nullptr;
     check(kelm_connect(&clientOptions, &client));
     const char bytes[] = "graph of the rate";

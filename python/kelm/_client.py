@@ -13,7 +13,7 @@ from typing import Any, Callable, Optional, Tuple
 
 from . import _library, _structs
 from ._completions import Completions
-from ._errors import SYSTEM_ERROR, closed, invalid
+from ._errors import INVALID_ARGUMENT, SYSTEM_ERROR, closed, invalid
 from ._graph import Graph
 from ._records import ServiceStatus
 from ._status import Snapshots, read_status
@@ -150,7 +150,10 @@ class Client:
 
     def snapshots(self) -> Snapshots:
         """The stream of the service's snapshots, over a connection of its own."""
-        return Snapshots(self._socket_path)
+        if self._socket_path is None:
+            return Snapshots()
+        folder = os.path.dirname(os.fspath(self._socket_path))
+        return Snapshots(os.path.join(folder, "kelm_snapshot.sock"))
 
     def reset_device(self, device: Optional[int] = None, deadline: Optional[float] = None) -> None:
         """Resets the device of this number; None: all of them. `deadline` in seconds, None: 60."""
@@ -206,11 +209,7 @@ class Client:
         handles.clear()
 
     def _check(self, code: int) -> None:
-        if code == 0:
-            return
-        if self._handle is None:
-            raise closed("client")
-        raise _library.error_of(code)
+        _library.check(code, self._handle, "client")
 
     def _bind(self, loop: asyncio.AbstractEventLoop) -> None:
         """From now on the callbacks run in this loop, which runs in this thread."""
@@ -254,7 +253,7 @@ class Client:
             # In slices: a close in another thread waits for the end of this call.
             millis = 0 if wait <= 0 else min(_SLICE_MS, max(1, math.ceil(wait * 1000)))
             if _library.dispatch(self._handle, millis) < 0:
-                self._check(SYSTEM_ERROR)
+                self._check(INVALID_ARGUMENT if self._handle is None else SYSTEM_ERROR)
             _library.free_orphans()
             count = completions.count()
             if count:

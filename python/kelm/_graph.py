@@ -176,11 +176,7 @@ class Graph:
         self.close()
 
     def _check(self, code: int) -> None:
-        if code == 0:
-            return
-        if self._handle is None:
-            raise closed("graph")
-        raise _library.error_of(code)
+        _library.check(code, self._handle, "graph")
 
     def _read_info(self) -> _structs.GraphInfo:
         info = _structs.GraphInfo()

@@ -229,9 +229,13 @@ def error_of(code: int, text: Optional[bytes] = None) -> _errors.KelmError:
     )
 
 
-def check(code: int) -> None:
-    if code != 0:
-        raise error_of(code)
+def check(code: int, handle: Optional[Handle] = None, owner: str = "") -> None:
+    """Raises the error of a call; `owner` names what has the handle, None if it was closed."""
+    if code == 0:
+        return
+    if code == _errors.INVALID_ARGUMENT and handle is None and owner:
+        raise _errors.closed(owner)
+    raise error_of(code)
 
 
 def text_of(value: Any, what: str) -> Optional[bytes]:

@@ -80,7 +80,8 @@ class Snapshots(Iterator[_records.Snapshot]):
     def __init__(
         self, socket_path: Optional[str] = None, *, deadline: Optional[float] = None
     ) -> None:
-        """`deadline` in seconds is that of the connecting and, None: 15, of each snapshot."""
+        """`socket_path` is that of the service's snapshots, None: the usual one. `deadline` in
+        seconds is that of the connecting and, None: 15, of each snapshot."""
         handle = _library.SnapshotsHandle()
         millis = _library.millis_of(deadline)
         path = _library.text_of(socket_path, "socket's path")
