@@ -251,7 +251,7 @@ class Client:
         wait = 0.0 if completions.has_some() else end - time.monotonic()
         while True:
             # In slices: a close in another thread waits for the end of this call.
-            millis = 0 if wait <= 0 else min(_SLICE_MS, max(1, math.ceil(wait * 1000)))
+            millis = 0 if wait <= 0 else math.ceil(min(_SLICE_MS, wait * 1000))
             if _library.dispatch(self._handle, millis) < 0:
                 self._check(INVALID_ARGUMENT if self._handle is None else SYSTEM_ERROR)
             _library.free_orphans()

@@ -269,4 +269,5 @@ def number_of(value: int, what: str, highest: int = 2**32 - 1) -> int:
 
 def default_name() -> Optional[bytes]:
     """The script's, as others see the client; None leaves it to the library."""
-    return os.fsencode(os.path.basename(sys.argv[0] if sys.argv else ""))[:31] or None
+    script = os.path.basename(sys.argv[0]) if sys.argv else ""
+    return None if script in ("", "-c", "-m", "-") else os.fsencode(script)[:31]

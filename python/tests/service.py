@@ -49,15 +49,17 @@ class Service:
         wait = [os.environ["KELM_CTL"], "wait-ready", "--timeout", "30"]
         subprocess.run(wait, env=self.environment, check=True)
 
-    def log(self) -> str:
-        return (self.dir / "log").read_text(errors="replace")
-
     def kill(self) -> None:
         self.process.kill()
         self.process.wait()
 
-    def stop(self) -> None:
+    def stop(self) -> str:
+        """What it has logged, which is complete only now."""
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGUSR1)
             self.process.wait(30)
+        return (self.dir / "log").read_text(errors="replace")
+
+    def remove(self) -> None:
+        self.stop()
         self._files.cleanup()

@@ -19,7 +19,7 @@ class InferenceTest(unittest.TestCase):
 
     def setUp(self) -> None:
         self.service = Service(self.latency_ms)
-        self.addCleanup(self.service.stop)
+        self.addCleanup(self.service.remove)
         self.client = self.connect()
         self.graph = self.client.load_graph(b"graph", name="mine")
 
@@ -281,6 +281,7 @@ class SlowTest(InferenceTest):
         ended = []
         waiting = self.infer_elsewhere()
         self.graph.submit(slot, lambda _, result: ended.append(result.error))
+        self.client.status()  # the service has got the tasks
         self.client.close()
         self.assertIsInstance(waiting.exception(), ConnectionError)
         self.assertEqual([type(error) for error in ended], [kelm.KelmConnectionLostError])

@@ -82,7 +82,7 @@ class StructTest(unittest.TestCase):
 class ProgramTest(unittest.TestCase):
     def setUp(self) -> None:
         self.service = Service()
-        self.addCleanup(self.service.stop)
+        self.addCleanup(self.service.remove)
 
     def start(self, *arguments: str, **environment: str) -> subprocess.Popen:
         return subprocess.Popen(
@@ -120,7 +120,8 @@ class ProgramTest(unittest.TestCase):
                 self.assertEqual(list(left), [])
         with kelm.Client(self.service.socket) as client:
             self.assertTrue(eventually(lambda: client.status().client_count == 1))
-        self.assertNotIn("ERROR", self.service.log())
+        log = self.service.stop()
+        self.assertEqual(log.count(") registered:"), log.count(") unregistered:"))
 
     def test_the_camera_gets_each_frame_once(self) -> None:
         graph = self.service.dir / "graph"
