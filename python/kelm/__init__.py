@@ -37,4 +37,35 @@ from ._tensors import Pool, Slot
 
 # Of the library that runs.
 __version__ = _version_text().decode()
-__all__ = [name for name in dir() if name[0].isupper()]
+__all__ = [
+    "AuxBlocks",
+    "AuxFlags",
+    "Client",
+    "ClientSnapshot",
+    "ClientStatus",
+    "DeviceSnapshot",
+    "DeviceStatus",
+    "Graph",
+    "GraphInfo",
+    "GraphSnapshot",
+    "GraphStatus",
+    "InferResult",
+    "KelmBusyError",
+    "KelmCanceledError",
+    "KelmConnectionLostError",
+    "KelmError",
+    "KelmExpiredError",
+    "KelmInvalidArgumentError",
+    "KelmLibraryError",
+    "KelmNotConnectedError",
+    "KelmOutOfMemoryError",
+    "KelmServiceError",
+    "KelmSystemError",
+    "KelmTimeoutError",
+    "Pool",
+    "Residency",
+    "ServiceStatus",
+    "Slot",
+    "Snapshot",
+    "Snapshots",
+]

@@ -58,10 +58,12 @@ class Client:
         self._dispatching = threading.Lock()
         self._loop: Optional[asyncio.AbstractEventLoop] = None
 
-        warn = on_warning if on_warning is not None else _log.warning
-
         def tell_warning(text: bytes, _: Any) -> None:
-            warn(text.decode("utf-8", "replace"))
+            words = text.decode("utf-8", "replace")
+            if on_warning is None:
+                _log.warning("%s", words)
+            else:
+                on_warning(words)
 
         def tell_connection(up: int, _: Any) -> None:
             completions.connection_changes.append(up != 0)

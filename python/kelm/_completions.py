@@ -6,7 +6,18 @@ import logging
 import struct
 from collections import deque
 from ctypes import string_at
-from typing import TYPE_CHECKING, Any, Callable, Deque, Dict, List, NamedTuple, Optional, Tuple, Union
+from typing import (
+    TYPE_CHECKING,
+    Any,
+    Callable,
+    Deque,
+    Dict,
+    List,
+    NamedTuple,
+    Optional,
+    Tuple,
+    Union,
+)
 
 from . import _library, _structs
 from ._errors import KelmError

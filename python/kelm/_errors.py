@@ -1,6 +1,6 @@
 """The errors of the library and of the service as exceptions."""
 
-from typing import Dict, Type
+from typing import Any, Dict, Tuple, Type
 
 
 class KelmError(Exception):
@@ -14,7 +14,7 @@ class KelmError(Exception):
     def __str__(self) -> str:
         return str(self.args[0])
 
-    def __reduce__(self) -> object:
+    def __reduce__(self) -> Tuple[Any, ...]:
         return type(self), (self.code, self.name, self.args[0])
 
 
@@ -96,4 +96,6 @@ def closed(what: str) -> KelmNotConnectedError:
 
 
 def class_of(code: int) -> Type[KelmError]:
-    return KelmServiceError if code < 0 else CLASSES.get(code, KelmError)
+    if code < 0:
+        return KelmServiceError
+    return CLASSES.get(code, KelmError)

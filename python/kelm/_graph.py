@@ -2,7 +2,7 @@
 
 import asyncio
 import math
-from ctypes import POINTER, addressof, byref, c_char, c_int, cast
+from ctypes import addressof, byref, c_char, c_int, string_at
 from typing import TYPE_CHECKING, Any, List, Optional, Tuple, Union
 
 from . import _completions, _library, _records, _structs
@@ -278,4 +278,4 @@ def _refuse_output(output: Any) -> None:
 def _block(address: Optional[int], count: int) -> Optional[bytes]:
     if not address:
         return None
-    return cast(address, POINTER(c_char))[:count]
+    return string_at(address, count)

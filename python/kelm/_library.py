@@ -5,7 +5,7 @@ import os
 import sys
 import weakref
 from ctypes import POINTER, c_char_p, c_int, c_int32, c_size_t, c_uint32, c_uint64, c_void_p
-from typing import Any, Callable, List, Optional
+from typing import Any, Callable, List, Optional, cast
 
 from . import _errors, _structs
 
@@ -38,7 +38,7 @@ def _function(name: str, result: Any, *arguments: Any) -> Callable[..., Any]:
     function = getattr(_library, name)
     function.restype = result
     function.argtypes = arguments
-    return function
+    return cast(Callable[..., Any], function)
 
 
 class Handle(c_void_p):

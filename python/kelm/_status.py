@@ -19,7 +19,7 @@ def record_of(kind: Type[Record], struct: ctypes.Structure, **others: Any) -> Re
     """A record whose fields are those of the struct of the same name, and the others."""
     values = {
         field.name: others[field.name] if field.name in others else _value(struct, field.name)
-        for field in dataclasses.fields(kind)  # type: ignore[arg-type]
+        for field in dataclasses.fields(kind)
     }
     return kind(**values)
 
@@ -30,7 +30,11 @@ def _value(struct: ctypes.Structure, name: str) -> Any:
 
 
 def _rows(
-    count: int, kind: Type[Record], struct: Type[_structs.Sized], get: Callable[..., int], *path: Any
+    count: int,
+    kind: Type[Record],
+    struct: Type[_structs.Sized],
+    get: Callable[..., int],
+    *path: Any,
 ) -> Tuple[Record, ...]:
     rows = []
     for row in range(count):

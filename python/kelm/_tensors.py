@@ -150,9 +150,9 @@ def _array(view: memoryview, dtype: Any, shape: Shape) -> "numpy.ndarray[Any, An
     import numpy
 
     kind = numpy.dtype(dtype)
-    if isinstance(shape, int) and shape == -1:
-        return numpy.frombuffer(view, kind, len(view) // kind.itemsize)
-    return numpy.ndarray(shape, kind, view)
+    array = numpy.frombuffer(view, kind, len(view) // kind.itemsize)  # refuses Python's objects
+    count = int(numpy.prod(shape))
+    return array[:count].reshape(shape) if count >= 0 else array.reshape(shape)
 
 
 def bytes_of(data: Any, wanted: int, what: str) -> memoryview:
@@ -163,6 +163,11 @@ def bytes_of(data: Any, wanted: int, what: str) -> memoryview:
             f"the {what} has {view.nbytes} bytes, and the graph's has {wanted}; give a buffer of "
             "that size"
         )
-    if what == "output" and (view.readonly or not view.c_contiguous):
-        raise invalid("the output is read-only or not contiguous; give one that can be filled")
-    return view.cast("B") if view.c_contiguous else memoryview(view.tobytes())
+    if what == "output":
+        if view.readonly or not view.c_contiguous:
+            raise invalid("the output is read-only or not contiguous; give one that can be filled")
+        return memoryview((c_char * wanted).from_buffer(view)).cast("B")
+    try:
+        return view.cast("B")
+    except (TypeError, ValueError):  # not contiguous, or of a format that memoryview cannot cast
+        return memoryview(view.tobytes())

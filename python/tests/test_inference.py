@@ -40,9 +40,11 @@ class BufferTest(InferenceTest):
             "memoryview": memoryview(content),
             "array": array.array("I", content),
             "numpy": numbers.reshape(90, 100),
+            "big-endian": numbers.view(">u4"),
             "not contiguous": numpy.repeat(numbers, 2)[::2],
         }
-        outputs = (None, bytearray(OUT), array.array("d", bytes(OUT)), numpy.zeros((10, 100), "f4"))
+        array_out, numpy_out = array.array("d", bytes(OUT)), numpy.zeros((10, 100), ">f4")
+        outputs = (None, bytearray(OUT), array_out, numpy_out)
         self.graph.infer(bytes(IN))
         own = self.graph._spare[0]
         for name, data in inputs.items():
