@@ -74,6 +74,8 @@ KelmMsgReqCreateGraph makeCreateGraph(uint64_t clientId, const GraphOptions& opt
 
 }  // namespace
 
+Version version() { return {KELM_VERSION, kApiMajorVersion, kApiMinorVersion}; }
+
 Client::Client(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 // A service that is only hung up on takes that for a client's failure.
 Client::~Client() {
@@ -257,6 +259,7 @@ void Client::onLost(LostCallback callback) { m_impl->onLost(std::move(callback))
 void Client::hangUp() { m_impl->hangUp(); }
 
 uint64_t Client::clientId() const { return m_impl->clientId(); }
+pid_t Client::servicePid() const { return m_impl->servicePid(); }
 bool Client::isConnected() const { return m_impl->isConnected(); }
 
 }  // namespace kelm::client

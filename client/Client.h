@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -80,6 +82,14 @@ using LostCallback = std::function<void()>;
 
 class PreparedInfer;
 
+// Of this library, and of the protocol that it speaks.
+struct Version {
+    const char* library;
+    uint16_t protocolMajor;
+    uint16_t protocolMinor;
+};
+Version version();
+
 // A connection to the service, one per process, shared by its threads.
 //
 // Every call takes a deadline and ends with an error that says what to do. When the connection is
@@ -144,6 +154,9 @@ class Client {
     void hangUp();
 
     uint64_t clientId() const;
+    // The process that listens on the socket, as the kernel noted it; 0 if it cannot be seen from
+    // here, being in another pid namespace.
+    pid_t servicePid() const;
     bool isConnected() const;
 
  private:

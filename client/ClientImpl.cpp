@@ -6,6 +6,7 @@
 
 #include "protocol/src/KelmProtocol.h"
 #include "utils/IPC.h"
+#include "utils/PeerCredentials.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::client {
@@ -26,12 +27,19 @@ struct Answer {
     Error error;
 };
 
+// Of an unknown process as the kernel tells it.
+pid_t findPeer(int socket) {
+    const auto peer = PeerCredentials::ofSocket(socket);
+    return peer ? peer->pid : 0;
+}
+
 }  // namespace
 
 // The reader is started last, when all that it uses is there.
 Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection, const std::string& path)
     : m_connection(std::move(connection)),
       m_socket(m_connection->getSimulateFD()),
+      m_servicePid(findPeer(m_connection->nativeHandle())),
       m_access(m_connection->nativeHandle(), path),
       m_gathered(m_socket),
       m_pending([this] { giveUpStuckSend(); }),

@@ -48,6 +48,7 @@ class Client::Impl {
 
     bool isConnected() const { return m_connected.load(); }
     uint64_t clientId() const { return m_clientId.load(); }
+    pid_t servicePid() const { return m_servicePid; }
     void setClientId(uint64_t id) { m_clientId.store(id); }
 
  private:
@@ -69,6 +70,7 @@ class Client::Impl {
 
     const std::shared_ptr<IPC::ConnectionUDS> m_connection;
     const int m_socket;
+    const pid_t m_servicePid;
     ServiceAccess m_access;
     // Atomics: counters and flags that stand for themselves.
     std::atomic<uint64_t> m_sequence{0};

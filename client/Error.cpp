@@ -25,7 +25,9 @@ constexpr const char* kRights =
     "lie in the /dev/shm that the service sees";
 
 constexpr AdviceRow kAdvice[] = {
-    {KELM_ERROR_INVALID_DEVICE, "no such device; ask for the device list again"},
+    {KELM_ERROR_INVALID_DEVICE,
+     "no such device, or its reset failed or waits behind one that hangs; ask for the device list "
+     "again, and see the log of the service"},
     {KELM_ERROR_INVALID_PARAM,
      "the service offers no devices for this subclass, tag or stream id; check them against its "
      "configuration",

@@ -17,7 +17,8 @@ namespace {
 constexpr size_t kFirstBytes = 64 * 1024;
 
 [[noreturn]] void fail(const std::string& path, const char* why) {
-    throw std::runtime_error("cannot read " + path + ": " + why);
+    throw std::runtime_error("cannot read " + path + ": " + why +
+                             "; give a file that this user can read");
 }
 
 }  // namespace
@@ -34,7 +35,7 @@ std::vector<std::byte> readFileBytes(const std::string& path) {
         if (count < 0) fail(path, std::strerror(errno));
         if (count == 0) break;
         filled += static_cast<size_t>(count);
-        if (filled > UINT32_MAX) fail(path, "it has more than 4 GB");
+        if (filled > UINT32_MAX) fail(path, "it has more than the 4 GB of a request");
         if (filled == bytes.size()) bytes.resize(2 * filled);
     }
     bytes.resize(filled);

@@ -1,4 +1,6 @@
 # What `cmake --install` puts under the prefix, which may serve as KELM_INSTALL_DIR as it is.
+include(CMakePackageConfigHelpers)
+
 foreach(program kelmdaemon kelmctl)
     if(TARGET ${program})
         install(TARGETS ${program} RUNTIME DESTINATION bin)
@@ -6,14 +8,20 @@ foreach(program kelmdaemon kelmctl)
 endforeach()
 install(FILES config/kelm_service.config DESTINATION config)
 
-# The client library as libkelm, with the static libraries below it. Its headers include one another
-# as "client/...", so the folder keeps its name; pkg-config knows the rest.
-foreach(library client protocol utils)
-    install(TARGETS kelm_${library} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-endforeach()
-install(FILES client/Client.h client/Error.h client/Snapshot.h client/SnapshotReader.h
-              client/Status.h client/TensorPool.h
-        DESTINATION include/kelm/client)
+# The client library, shared and static, for CMake as kelm::kelm and kelm::static, and for pkg-config.
+install(TARGETS kelm kelm_static EXPORT kelm-targets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION include)
+install(FILES kelm/kelm.h kelm/kelm.hpp DESTINATION include/kelm)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kelm)
+install(EXPORT kelm-targets NAMESPACE kelm:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/kelm-config.cmake.in kelm-config.cmake
+                              INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(kelm-config-version.cmake
+                                 VERSION ${KELM_INTERFACE_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kelm-config.cmake
+              ${PROJECT_BINARY_DIR}/kelm-config-version.cmake DESTINATION ${package_dir})
 # Relative, so that the prefix may be moved or given at the installation.
 file(RELATIVE_PATH KELM_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/kelm.pc.in kelm.pc @ONLY)

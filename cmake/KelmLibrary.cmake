@@ -9,6 +9,8 @@ endforeach()
 kelm_sources(sources FOLDER libkelm)
 add_library(kelm_interface OBJECT ${sources})
 target_link_libraries(kelm_interface PUBLIC kelm_flags PRIVATE kelm_client fmt::fmt-header-only)
+# Types of the interface are compared with those that programs were built with.
+target_compile_options(kelm_interface PRIVATE -g)
 set_target_properties(kelm_interface PROPERTIES
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 if(KELM_PCH)
@@ -41,6 +43,8 @@ add_custom_command(OUTPUT ${kelm_object}
     DEPENDS kelm_interface $<TARGET_OBJECTS:kelm_interface> kelm_client kelm_protocol kelm_utils
     COMMAND_EXPAND_LISTS VERBATIM)
 add_library(kelm_static STATIC ${kelm_object})
-set_target_properties(kelm_static PROPERTIES OUTPUT_NAME kelm LINKER_LANGUAGE CXX)
+set_target_properties(kelm_static PROPERTIES
+    OUTPUT_NAME kelm EXPORT_NAME static LINKER_LANGUAGE CXX)
 target_include_directories(kelm_static INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
-target_link_libraries(kelm_static INTERFACE Threads::Threads)
+# By name: a program in C is linked by the C compiler.
+target_link_libraries(kelm_static INTERFACE stdc++ m Threads::Threads)

@@ -131,7 +131,7 @@ struct kelm_graph_options {
     const char* stream_id;  /* the same */
     int32_t subclass;       /* of devices */
     int32_t expect_devices; /* how many would be of use; 0: 1 */
-    uint32_t window;        /* tasks sent and not ended, at most; 0: four for each device */
+    uint32_t window;        /* tasks sent and not ended, at most; 0: three for each device */
     uint32_t max_waiting;   /* tasks that wait in this process, at most; 0: 65,536 */
 };
 

@@ -122,7 +122,7 @@ struct GraphOptions {
     std::string streamId = {};
     int32_t subclass = 0;
     int32_t expectDevices = 1;
-    uint32_t window = 0;      // 0: four tasks for each device
+    uint32_t window = 0;      // 0: three tasks for each device
     uint32_t maxWaiting = 0;  // 0: 65,536
     std::chrono::milliseconds deadline{0};
 };

@@ -19,8 +19,8 @@ constexpr std::chrono::milliseconds kFirstPause{20};
 constexpr std::chrono::milliseconds kLongestPause{1000};
 constexpr std::chrono::milliseconds kUnloadTime{10000};
 constexpr client::Deadline kLeaveDeadline{1000};
-// Two tasks that a device has at a time, and two that are there when it comes free.
-constexpr size_t kTasksADevice = 4;
+// One that runs, one that is being loaded meanwhile, and one that waits for them.
+constexpr size_t kTasksADevice = 3;
 constexpr size_t kMostDevices = 64;
 
 Error sessionClosed() {

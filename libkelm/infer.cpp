@@ -1,11 +1,12 @@
 // Tensors and tasks of the C interface.
-#include <cmath>
+#include <atomic>
 #include <limits>
 
 #include "kelm/kelm.h"
 #include "libkelm/Handles.h"
 #include "libkelm/Structs.h"
 #include "libkelm/Task.h"
+#include "utils/Futex.h"
 
 using namespace kelm::lib;
 using kelm::client::InferRequest;
@@ -80,22 +81,22 @@ int makeTask(const kelm_task* given, std::unique_ptr<Task>& task) {
     return KELM_SUCCESS;
 }
 
-// The end of a task that a thread waits for.
+// The end of a task that a thread waits for. A bare word and no condition: the thread that is woken
+// would wait for the mutex of the one that wakes it, two switches more.
 class Awaited {
  public:
     static void tell(const kelm_result* result, void* self) {
         auto& awaited = *static_cast<Awaited*>(self);
-        kelm::MutexLock lock(awaited.m_mutex);
         awaited.m_result = *result;
         awaited.m_text = result->text;
-        awaited.m_ended = true;
-        awaited.m_change.notifyOne();  // under the mutex: the waiting thread destroys this
+        // The waiting thread may destroy the object from here on; waking only names the word.
+        awaited.m_ended.store(1);
+        kelm::futex::wakeOne(awaited.m_ended);
     }
 
     // Error number and text are kept as those of this thread's call.
-    int wait(kelm_result* result) EXCLUDES(m_mutex) {
-        kelm::MutexLock lock(m_mutex);
-        while (!m_ended) m_change.wait(m_mutex);
+    int wait(kelm_result* result) {
+        while (m_ended.load() == 0) kelm::futex::wait(m_ended, 0);
         const int error = m_result.error;
         if (error != KELM_SUCCESS) fail(error, m_text.c_str());
         m_result.text = error != KELM_SUCCESS ? lastError() : "";
@@ -104,11 +105,9 @@ class Awaited {
     }
 
  private:
-    kelm::Mutex m_mutex;
-    kelm::CondVar m_change;
-    bool m_ended GUARDED_BY(m_mutex) = false;
-    kelm_result m_result GUARDED_BY(m_mutex){};
-    std::string m_text GUARDED_BY(m_mutex);
+    std::atomic<uint32_t> m_ended{0};  // the rest is the teller's before, the waiter's behind it
+    kelm_result m_result{};
+    std::string m_text;
 };
 
 // Hands out the next blocks of an auxiliary buffer.

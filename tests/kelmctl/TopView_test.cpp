@@ -1,5 +1,6 @@
 #include "tools/kelmctl/TopView.h"
 
+#include <algorithm>
 #include <clocale>
 
 #include "tools/kelmctl/SafeText.h"
@@ -92,6 +93,7 @@ TEST_F(TopViewTest, KeysReachTheSelectedSectionAndScrollToItsEnd) {
 
 TEST_F(TopViewTest, LossAndReturnOfTheServiceAreSeen) {
     const auto later = [this](int seconds) { return m_now += std::chrono::seconds(seconds); };
+    EXPECT_THAT(draw(), HasSubstr("- devices"));  // not measured yet
     m_model.setGone("none there", m_now);
     m_model.setGone("none on \x1b/path", later(3));
     EXPECT_THAT(draw(), HasSubstr(": none on ?/path"));
@@ -102,8 +104,20 @@ TEST_F(TopViewTest, LossAndReturnOfTheServiceAreSeen) {
     m_model.setSnapshotGone("refused");
     later(11);
     EXPECT_THAT(draw(), AllOf(HasSubstr("refused"), Not(HasSubstr("the service"))));
-    m_model.setGone("lost", m_now);
-    press({'p'});
+    const std::string cause = "it is for group accelerators, and user alice runs with alice";
+    const std::string fix = "run: sudo usermod -aG accelerators alice";
+    m_model.setGone("cannot connect to /a/path/of/a/socket: " + cause + "; " + fix, m_now);
+    const std::string wide = draw(200);
+    EXPECT_THAT(wide, AllOf(HasSubstr(cause), HasSubstr(fix), HasSubstr("/a/path")));
+    std::string text = draw();
+    // Two lines, which end between words and are filled up.
+    std::ranges::replace(text, '\n', ' ');
+    const auto areBlank = [](char a, char b) { return a == ' ' && b == ' '; };
+    text.erase(std::unique(text.begin(), text.end(), areBlank), text.end());
+    EXPECT_THAT(text, AllOf(HasSubstr(cause), HasSubstr(fix), Not(HasSubstr("/a/path"))));
+    press({'?'});
+    EXPECT_THAT(draw(), AllOf(HasSubstr("Shift-Tab"), Not(HasSubstr("last seen"))));
+    press({'p', 'p'});  // the first one only leaves the help
     EXPECT_THAT(draw(), AllOf(HasSubstr("PAUSED"), HasSubstr("last seen")));
 }
 

@@ -17,7 +17,8 @@ class GraphFile {
     // Throws std::runtime_error with a text for the user when there are no bytes to be had.
     GraphFile(std::string path, bool byPath);
 
-    // The graph has the file's path for its name.
+    // The graph has the file's path for its name. Where no device takes it, the error tells which
+    // devices there are.
     client::Result<client::Graph> create(client::Client& service, client::GraphOptions options,
                                          client::Deadline deadline = client::kGraphDeadline) const;
 

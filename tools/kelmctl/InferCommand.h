@@ -2,21 +2,19 @@
 
 #include <string>
 
+#include "tools/kelmctl/GraphSession.h"
+
 namespace kelm::ctl {
 
 struct InferOptions {
-    std::string graph;
+    GraphChoice graph;
     std::string input;
     std::string output;
-    bool graphByPath = false;  // the service opens the graph's file itself
-    std::string tag;
-    std::string streamId;
-    int subclass = 0;
-    double timeout = 30.0;  // seconds for each step
+    bool pad = false;  // a shorter input with zeros
 };
 
-// Runs one graph on one input file and writes the output. Exit status 0 on success, or 128 and the
-// number of a signal that interrupted it.
+// Runs one graph on one input file and writes the output, as a whole or not at all. Exit status 0
+// on success, or 128 and the number of a signal that interrupted it.
 int runInfer(const InferOptions& options);
 
 }  // namespace kelm::ctl

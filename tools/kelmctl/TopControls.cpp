@@ -1,6 +1,7 @@
 #include "tools/kelmctl/TopControls.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kelm::ctl {
 
@@ -31,6 +32,7 @@ const TopControls::KeyRow TopControls::kKeys[] = {
      }},
     {'z', [](TopControls& c) { c.m_zoomed = !c.m_zoomed; }},
     {'/', [](TopControls& c) { c.m_editing = true; }},
+    {'?', [](TopControls& c) { c.m_helping = true; }},
     {kEscape, [](TopControls& c) { c.m_filter.clear(); }},
     {kTopKeyUp, [](TopControls& c) { c.scroll(-1); }},
     {kTopKeyDown, [](TopControls& c) { c.scroll(1); }},
@@ -52,6 +54,8 @@ bool TopControls::handleKey(int key) {
         return true;
     }
     if (key == 'q' || key == 'Q') return false;
+    // The key that leaves the help does nothing else.
+    if (std::exchange(m_helping, false)) return true;
     for (const KeyRow& row : kKeys) {
         if (row.key == key) row.act(*this);
     }
@@ -92,6 +96,7 @@ void TopControls::scroll(ptrdiff_t rows) {
 
 // Called with each picture: rows may have left since, or the terminal has grown.
 void TopControls::limitOffsets(const std::array<size_t, kTopSections>& most) {
+    if (m_helping) return;  // the page of help has no rows
     m_mostOffsets = most;
     for (size_t i = 0; i < kTopSections; ++i) m_offsets[i] = std::min(m_offsets[i], most[i]);
 }

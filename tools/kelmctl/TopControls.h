@@ -38,6 +38,7 @@ class TopControls {
     const std::string& filter() const { return m_filter; }
     bool isEditing() const { return m_editing; }  // the filter
     bool isPaused() const { return m_paused; }
+    bool isHelping() const { return m_helping; }  // the keys are shown
     bool isZoomed() const { return m_zoomed; }
 
  private:
@@ -56,6 +57,7 @@ class TopControls {
     std::array<size_t, kTopSections> m_mostOffsets{};
     std::string m_filter;
     bool m_editing = false;
+    bool m_helping = false;
     bool m_paused = false;
     bool m_zoomed = false;
 };

@@ -3,30 +3,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/kelmctl/MergedStatus.h"
+#include "tools/kelmctl/RowKeys.h"
 #include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
 namespace {
-
-// Rows of one name are told apart by their order.
-using RowKey = std::pair<std::string, size_t>;
-
-class RowKeys {
- public:
-    RowKey next(const std::string& name) { return {name, m_seen[name]++}; }
-
- private:
-    std::map<std::string, size_t> m_seen;
-};
-
-template <class Entry>
-std::map<RowKey, const Entry*> byName(const std::vector<Entry>& entries) {
-    std::map<RowKey, const Entry*> result;
-    RowKeys keys;
-    for (const Entry& entry : entries) result.emplace(keys.next(entry.name), &entry);
-    return result;
-}
 
 // Whether `a` stands before `b`: texts upwards, numbers downwards, unknown ones last.
 bool isBefore(const TopRow& a, const TopRow& b, const TopColumn& column) {
@@ -44,7 +27,7 @@ bool isBefore(const TopRow& a, const TopRow& b, const TopColumn& column) {
 double toDouble(uint64_t count) { return static_cast<double>(count); }
 
 void fillFromSnapshot(TopRow& row, const client::ClientSnapshot& client) {
-    row.detail = std::to_string(client.apiMajor) + "." + std::to_string(client.apiMinor);
+    row.detail = apiOf(client);
     row.value(TopValue::kWaiting) = toDouble(client.waitingTasks);
     // 0 is also what a service tells that does not count by client.
     if (client.inferences > 0) row.value(TopValue::kInferences) = toDouble(client.inferences);
@@ -52,9 +35,7 @@ void fillFromSnapshot(TopRow& row, const client::ClientSnapshot& client) {
 
 void fillFromSnapshot(TopRow& row, const client::DeviceSnapshot& device) {
     row.value(TopValue::kThrottling) = device.throttlingLevel;
-    uint64_t inferences = 0;
-    for (const client::CurrentGraph& graph : device.current) inferences += graph.inferences;
-    row.value(TopValue::kInferences) = toDouble(inferences);
+    row.value(TopValue::kInferences) = toDouble(inferencesOf(device));
     // The status names one graph of a device; the others are counted.
     if (device.current.size() > 1) {
         row.detail += " +" + std::to_string(device.current.size() - 1);
@@ -81,6 +62,7 @@ void TopModel::setStatus(const client::ServiceStatus& status, Time now) {
         m_service.known = true;
         m_service.since = now;
     }
+    m_service.measured = true;
     m_status = status;
     m_serviceHistory.add(static_cast<double>(status.serviceFps));
     merge(true);
@@ -130,65 +112,43 @@ void TopModel::measureClients(const client::Snapshot& snapshot, Time now) {
     m_measuredAt = now;
 }
 
-// By id, since the snapshot has no names of devices.
-TopModel::Rows TopModel::mergeDevices() const {
+TopModel::Rows TopModel::mergeDevices(const MergedStatus& merged) {
     Rows rows;
-    for (const client::DeviceStatus& device : m_status.devices) {
+    for (const auto& [device, more] : merged.devices) {
         TopRow& row = rows.emplace_back();
-        row.name = device.name;
-        row.detail = device.graph;
-        row.value(TopValue::kRate) = device.fps;
-        row.value(TopValue::kTemperature) = device.thermal;
-        row.value(TopValue::kNumber) = device.id;
-        if (!m_snapshot) continue;
-        for (const client::DeviceSnapshot& more : m_snapshot->devices) {
-            if (more.id != device.id) continue;
-            fillFromSnapshot(row, more);
-            break;
+        row.name = device->name;
+        row.detail = device->graph;
+        row.value(TopValue::kRate) = device->fps;
+        if (isMeasured(*device)) row.value(TopValue::kTemperature) = device->thermal;
+        row.value(TopValue::kNumber) = device->id;
+        if (more != nullptr) fillFromSnapshot(row, *more);
+    }
+    return rows;
+}
+
+TopModel::Rows TopModel::mergeGraphs(const MergedStatus& merged) {
+    Rows rows;
+    for (const auto& [graph, more] : merged.graphs) {
+        TopRow& row = rows.emplace_back();
+        row.name = graph->name;
+        row.value(TopValue::kRate) = graph->fpsIn;
+        row.value(TopValue::kRateOut) = graph->fpsOut;
+        if (more != nullptr) fillFromSnapshot(row, *more);
+    }
+    return rows;
+}
+
+TopModel::Rows TopModel::mergeClients(const MergedStatus& merged) const {
+    Rows rows;
+    for (const auto& [client, more] : merged.clients) {
+        TopRow& row = rows.emplace_back();
+        if (more != nullptr) fillFromSnapshot(row, *more);
+        row.name = client != nullptr ? client->name : more->name;
+        if (client != nullptr) {
+            row.value(TopValue::kRate) = client->fps;
+            continue;
         }
-    }
-    return rows;
-}
-
-// By name and order, since the status has no ids of graphs.
-TopModel::Rows TopModel::mergeGraphs() const {
-    std::map<RowKey, const client::GraphSnapshot*> more;
-    if (m_snapshot) more = byName(m_snapshot->graphs);
-    Rows rows;
-    RowKeys keys;
-    for (const client::GraphStatus& graph : m_status.graphs) {
-        TopRow& row = rows.emplace_back();
-        row.name = graph.name;
-        row.value(TopValue::kRate) = graph.fpsIn;
-        row.value(TopValue::kRateOut) = graph.fpsOut;
-        const auto found = more.find(keys.next(graph.name));
-        if (found != more.end()) fillFromSnapshot(row, *found->second);
-    }
-    return rows;
-}
-
-TopModel::Rows TopModel::mergeClients() const {
-    std::map<RowKey, const client::ClientSnapshot*> more;
-    if (m_snapshot) more = byName(m_snapshot->clients);
-    Rows rows;
-    RowKeys keys;
-    for (const client::ClientStatus& client : m_status.clients) {
-        TopRow& row = rows.emplace_back();
-        row.name = client.name;
-        row.value(TopValue::kRate) = client.fps;
-        const auto found = more.find(keys.next(client.name));
-        if (found == more.end()) continue;
-        fillFromSnapshot(row, *found->second);
-        more.erase(found);
-    }
-    // Where the status had room for all clients, those that only the older snapshot has have
-    // departed.
-    if (m_status.clientCount <= m_status.clients.size()) return rows;
-    for (const auto& [key, client] : more) {
-        TopRow& row = rows.emplace_back();
-        row.name = client->name;
-        fillFromSnapshot(row, *client);
-        const auto rate = m_clientRates.find(client->id);
+        const auto rate = m_clientRates.find(more->id);
         if (rate != m_clientRates.end()) row.value(TopValue::kRate) = rate->second;
     }
     return rows;
@@ -196,9 +156,10 @@ TopModel::Rows TopModel::mergeClients() const {
 
 // All rows from the latest of both sources: either may have been lost, or be older.
 void TopModel::merge(bool sample) {
-    replace(TopSection::kDevices, mergeDevices(), sample);
-    replace(TopSection::kGraphs, mergeGraphs(), sample);
-    replace(TopSection::kClients, mergeClients(), sample);
+    const MergedStatus merged(m_status, m_snapshot ? &*m_snapshot : nullptr);
+    replace(TopSection::kDevices, mergeDevices(merged), sample);
+    replace(TopSection::kGraphs, mergeGraphs(merged), sample);
+    replace(TopSection::kClients, mergeClients(merged), sample);
 }
 
 // A row finds its past by name and order, as the sources have no ids in common.

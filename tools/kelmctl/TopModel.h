@@ -14,6 +14,8 @@
 
 namespace kelm::ctl {
 
+struct MergedStatus;
+
 // A device, a graph or a client. What is not known has no value. Texts are as they came.
 struct TopRow {
     std::string name;
@@ -46,8 +48,9 @@ class TopModel {
     struct Service {
         bool known = false;  // whether there was an answer or a failure yet
         bool up = false;
-        std::string why;  // not up
-        Time since;       // of the present state
+        bool measured = false;  // whether there was an answer yet
+        std::string why;        // not up
+        Time since;             // of the present state
         std::optional<Time> goneSince;
     };
 
@@ -76,9 +79,9 @@ class TopModel {
     const Rows& rowsOf(TopSection section) const { return m_rows[static_cast<size_t>(section)]; }
     // Makes all rows anew; `sample` adds the rates to the histories.
     void merge(bool sample);
-    Rows mergeDevices() const;
-    Rows mergeGraphs() const;
-    Rows mergeClients() const;
+    static Rows mergeDevices(const MergedStatus& merged);
+    static Rows mergeGraphs(const MergedStatus& merged);
+    Rows mergeClients(const MergedStatus& merged) const;
     void replace(TopSection section, Rows rows, bool sample);
     void measureClients(const client::Snapshot& snapshot, Time now);
 

@@ -12,10 +12,33 @@ namespace kelm::ctl {
 
 namespace {
 
-constexpr size_t kTopLines = 3;
+constexpr size_t kBannerLine = 2;
 constexpr size_t kHelpLines = 1;
 constexpr size_t kGutter = 1;  // shows the selected section, also without colours
 constexpr std::chrono::seconds kBackShown(10);
+
+struct HelpRow {
+    std::u32string_view keys;
+    std::u32string_view does;
+};
+constexpr HelpRow kHelp[] = {
+    {U"q, Ctrl-C", U"quit"},
+    {U"p, space", U"hold the rows as they are, or go on"},
+    {U"Tab, Shift-Tab", U"select the next, previous section, marked with >"},
+    {U"s", U"sort the section by its next column"},
+    {U"r", U"reverse the order"},
+    {U"arrows, Page, Home", U"scroll the section"},
+    {U"z", U"show the section alone, or all again"},
+    {U"/", U"show only rows with a text; Enter keeps it, Esc drops it"},
+    {U"?", U"this page"},
+    {U"", U""},
+    {U"-", U"not known, or not measured yet"},
+    {U"THROTTLE", U"no, or the level at which a hot device is slowed down"},
+    {U"WAITING", U"tasks that no device has taken yet"},
+    {U"DEVICES", U"of a graph: those that hold it now"},
+    {U"INFERENCES", U"results so far; of a device since it has its graph"},
+    {U"HISTORY", U"a sample a second, the newest to the right"},
+};
 
 // All of these fit into the columns for numbers, whatever the value: a number is never cut.
 std::u32string count(double value) {
@@ -60,6 +83,22 @@ std::u32string_view sortMark(bool upwards, bool utf8) {
     return upwards ? U"^" : U"v";
 }
 
+// Between words where it can be.
+std::vector<std::u32string> breakLines(std::u32string_view text, size_t width) {
+    std::vector<std::u32string> lines;
+    while (!text.empty()) {
+        size_t end = 0;
+        size_t columns = 0;
+        while (end < text.size() && (columns += columnsOf(text[end])) <= width) ++end;
+        const size_t blank = text.rfind(U' ', end);
+        if (end < text.size() && blank != text.npos && blank > 0) end = blank + 1;
+        end = std::max<size_t>(end, 1);
+        lines.emplace_back(text.substr(0, end));
+        text.remove_prefix(end);
+    }
+    return lines;
+}
+
 // Shares `lines` out: no section gets more than it needs, what one leaves is for the others.
 std::vector<size_t> shareOut(size_t lines, const std::vector<size_t>& needs) {
     std::vector<size_t> shares(needs.size(), 0);
@@ -81,9 +120,28 @@ TopFrame TopView::draw(size_t width, size_t height, TopModel::Time now) const {
     TopFrame frame{TopGrid(width, height), {}};
     drawTitle(frame.grid, now);
     drawCounts(frame.grid);
-    drawBanner(frame.grid, now);
-    const std::vector<Part> parts = partsFor(height);
-    size_t y = kTopLines;
+    const size_t y = kBannerLine + drawBanner(frame.grid, now);
+    if (m_controls.isHelping()) {
+        drawKeys(frame.grid, y);
+    } else {
+        drawParts(frame, y);
+    }
+    drawHelp(frame.grid);
+    return frame;
+}
+
+void TopView::drawKeys(TopGrid& grid, size_t y) {
+    constexpr size_t kKeyWidth = 20;
+    for (const auto& [keys, does] : kHelp) {
+        if (y + kHelpLines >= grid.height()) return;
+        grid.put(kGutter, y, keys, TopStyle::kHeading);
+        grid.put(kGutter + kKeyWidth, y++, does, TopStyle::kPlain);
+    }
+}
+
+void TopView::drawParts(TopFrame& frame, size_t y) const {
+    const size_t height = frame.grid.height();
+    const std::vector<Part> parts = partsFor(height > y + kHelpLines ? height - y - kHelpLines : 0);
     size_t used = 0;
     for (const Part& part : parts) used += part.lines + 1;
     // Blank lines between the sections only where nothing is cut for them.
@@ -93,16 +151,15 @@ TopFrame TopView::draw(size_t width, size_t height, TopModel::Time now) const {
         y += part.lines + 1 + (spaced ? 1 : 0);
         frame.mostOffsets[static_cast<size_t>(part.section)] = part.rows.size() - part.lines;
     }
-    drawHelp(frame.grid);
-    return frame;
 }
 
 void TopView::drawTitle(TopGrid& grid, TopModel::Time now) const {
     size_t x =
         grid.put(0, 0, U"kelmctl top  " + fromAscii(putTime(now, "%T")) + U"  ", TopStyle::kTitle);
     constexpr size_t kHistory = 30;
+    const auto fps = static_cast<double>(m_model.status().serviceFps);
     const std::u32string results =
-        rate(static_cast<double>(m_model.status().serviceFps)) + U" results/s  ";
+        (m_model.service().measured ? rate(fps) : U"-") + U" results/s  ";
     x = grid.put(x, 0, results, TopStyle::kTitle);
     x = grid.put(x, 0, m_model.serviceHistory().line(kHistory, m_utf8), TopStyle::kPlain);
     if (m_controls.isPaused()) grid.put(x + 1, 0, U" PAUSED ", TopStyle::kAlarm);
@@ -110,8 +167,11 @@ void TopView::drawTitle(TopGrid& grid, TopModel::Time now) const {
 
 void TopView::drawCounts(TopGrid& grid) const {
     const client::ServiceStatus& status = m_model.status();
-    std::u32string text = count(status.deviceCount) + U" devices  " + count(status.graphCount) +
-                          U" graphs  " + count(status.clientCount) + U" clients";
+    const auto known = [this](uint32_t number) {
+        return m_model.service().measured ? count(number) : U"-";
+    };
+    std::u32string text = known(status.deviceCount) + U" devices  " + known(status.graphCount) +
+                          U" graphs  " + known(status.clientCount) + U" clients";
     if (!status.deviceScheduler.empty() || !status.taskScheduler.empty()) {
         text += U"  " + safe(status.deviceScheduler) + U", " + safe(status.taskScheduler);
     }
@@ -123,34 +183,50 @@ void TopView::drawCounts(TopGrid& grid) const {
     grid.put(0, 1, text, TopStyle::kPlain);
 }
 
-// One line: what is most urgent is told, and nothing else.
-void TopView::drawBanner(TopGrid& grid, TopModel::Time now) const {
-    constexpr size_t kLine = 2;
+// Two lines at most. What does not fit is left without its first part, which tells what was tried,
+// and then without its middle: the end tells what to do.
+size_t TopView::drawBanner(TopGrid& grid, TopModel::Time now) const {
+    constexpr size_t kLines = 2;
+    constexpr std::u32string_view kMark = U": ";
+    const Banner banner = findBanner(now);
+    const size_t width = grid.width();
+    auto lines = breakLines(banner.head + banner.why, width);
+    if (lines.size() > kLines) {
+        const size_t mark = banner.why.find(kMark);
+        const size_t cause = mark == std::u32string::npos ? 0 : mark + kMark.size();
+        const std::u32string text = banner.head + banner.why.substr(cause);
+        lines = breakLines(text, width);
+        // Less than the two lines have room for, since words are not broken.
+        if (lines.size() > kLines) lines = breakLines(fitColumns(text, width * 7 / 4), width);
+        lines.resize(std::min(lines.size(), kLines));
+    }
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (banner.style != TopStyle::kPlain) grid.fill(kBannerLine + i, banner.style);
+        grid.put(0, kBannerLine + i, lines[i], banner.style);
+    }
+    return std::max<size_t>(lines.size(), 1);
+}
+
+TopView::Banner TopView::findBanner(TopModel::Time now) const {
     const TopModel::Service& service = m_model.service();
-    const auto banner = [&](const std::u32string& text, TopStyle style) {
-        if (style != TopStyle::kPlain) grid.fill(kLine, style);
-        grid.put(0, kLine, text, style);
-    };
     const std::u32string since = fromAscii(putTime(service.since, "%T"));
-    if (!service.known) return banner(U"connecting", TopStyle::kPlain);
+    if (!service.known) return {U"connecting", U"", TopStyle::kPlain};
     if (!service.up) {
-        return banner(U"NO SERVICE since " + since + U": " + safe(service.why), TopStyle::kAlarm);
+        return {U"NO SERVICE since " + since + U": ", safe(service.why), TopStyle::kAlarm};
     }
     if (service.goneSince && now - service.since < kBackShown) {
         const auto gone =
             std::chrono::duration_cast<std::chrono::seconds>(service.since - *service.goneSince);
-        return banner(U"the service is back since " + since + U", after " +
-                          count(static_cast<double>(gone.count())) + U" s",
-                      TopStyle::kGood);
+        return {U"the service is back since " + since + U", after " +
+                    count(static_cast<double>(gone.count())) + U" s",
+                U"", TopStyle::kGood};
     }
-    if (!m_model.snapshotWhy().empty()) {
-        return banner(U"no throttling, no waiting tasks: " + safe(m_model.snapshotWhy()),
-                      TopStyle::kWarning);
-    }
+    if (m_model.snapshotWhy().empty()) return {};
+    return {U"no throttling, no waiting tasks: ", safe(m_model.snapshotWhy()), TopStyle::kWarning};
 }
 
 void TopView::drawHelp(TopGrid& grid) const {
-    if (grid.height() <= kTopLines) return;
+    if (grid.height() <= kBannerLine + 1) return;
     const size_t y = grid.height() - 1;
     size_t x = 0;
     if (m_controls.isEditing()) {
@@ -162,12 +238,14 @@ void TopView::drawHelp(TopGrid& grid) const {
         x = grid.put(x, y, U"[" + safe(m_controls.filter()) + U"] ", TopStyle::kWarning);
     }
     grid.put(x, y,
-             U"q quit  p pause  Tab section  s sort  r reverse  z zoom  / filter  arrows scroll",
+             m_controls.isHelping()
+                 ? U"any key goes back, q quits"
+                 : U"? help  q quit  p pause  Tab section  s sort  r reverse  z zoom  / filter",
              TopStyle::kDim);
 }
 
 // Each section costs a line for its heading, also without rows.
-std::vector<TopView::Part> TopView::partsFor(size_t height) const {
+std::vector<TopView::Part> TopView::partsFor(size_t lines) const {
     std::vector<Part> parts;
     std::vector<size_t> needs;
     for (size_t i = 0; i < kTopSections; ++i) {
@@ -176,9 +254,9 @@ std::vector<TopView::Part> TopView::partsFor(size_t height) const {
         parts.push_back({section, m_model.rows(section, m_controls.order(section))});
         needs.push_back(parts.back().rows.size());
     }
-    const size_t taken = kTopLines + kHelpLines + parts.size();
-    const std::vector<size_t> lines = shareOut(height > taken ? height - taken : 0, needs);
-    for (size_t i = 0; i < parts.size(); ++i) parts[i].lines = lines[i];
+    const std::vector<size_t> shares =
+        shareOut(lines > parts.size() ? lines - parts.size() : 0, needs);
+    for (size_t i = 0; i < parts.size(); ++i) parts[i].lines = shares[i];
     return parts;
 }
 

@@ -31,6 +31,11 @@ class TopView {
         std::vector<const TopRow*> rows;
         size_t lines = 0;
     };
+    struct Banner {
+        std::u32string head;
+        std::u32string why;
+        TopStyle style = TopStyle::kPlain;
+    };
     // A column with its place on the line.
     struct Place {
         const TopColumn* column;
@@ -40,9 +45,14 @@ class TopView {
 
     void drawTitle(TopGrid& grid, TopModel::Time now) const;
     void drawCounts(TopGrid& grid) const;
-    void drawBanner(TopGrid& grid, TopModel::Time now) const;
+    // The lines that it takes, one at least.
+    size_t drawBanner(TopGrid& grid, TopModel::Time now) const;
+    // What is most urgent; empty if nothing is.
+    Banner findBanner(TopModel::Time now) const;
     void drawHelp(TopGrid& grid) const;
-    std::vector<Part> partsFor(size_t height) const;
+    static void drawKeys(TopGrid& grid, size_t y);
+    void drawParts(TopFrame& frame, size_t y) const;
+    std::vector<Part> partsFor(size_t lines) const;
     void drawPart(TopGrid& grid, size_t y, const Part& part) const;
     void drawHeading(TopGrid& grid, size_t y, const Part& part,
                      const std::vector<Place>& places) const;

@@ -4,16 +4,22 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/InferCommand.h"
+#include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/NearestName.h"
+#include "tools/kelmctl/ResetCommand.h"
+#include "tools/kelmctl/SafeText.h"
 #include "tools/kelmctl/StatusCommand.h"
+#include "tools/kelmctl/StopCommand.h"
 #include "tools/kelmctl/TopCommand.h"
 #include "tools/kelmctl/TraceCommand.h"
 #include "tools/kelmctl/UsageError.h"
+#include "tools/kelmctl/VersionCommand.h"
 #include "tools/kelmctl/WaitReadyCommand.h"
 
 namespace {
@@ -32,21 +38,37 @@ void addGraphByPath(CLI::App& command, bool& graphByPath) {
                      "instead of sending the bytes");
 }
 
+void addGraphChoice(CLI::App& command, kelm::ctl::GraphChoice& choice) {
+    addGraphByPath(command, choice.graphByPath);
+    command.add_option("--tag", choice.tag, "devices reserved under this tag");
+    command.add_option("--stream", choice.streamId, "a device of its own for this stream");
+    command.add_option("--subclass", choice.subclass, "device subclass")->capture_default_str();
+    command.add_option("--timeout", choice.timeout, "seconds for each step")->capture_default_str();
+}
+
 Command addInfer(CLI::App& app) {
     CLI::App* command = app.add_subcommand("infer", "run one graph on one input file");
     // Shared with the command, here and below: the parser fills the options in when this function
     // has returned.
     const auto options = std::make_shared<kelm::ctl::InferOptions>();
-    command->add_option("--graph", options->graph, "compiled graph")->required();
-    addGraphByPath(*command, options->graphByPath);
+    command->add_option("--graph", options->graph.graph, "compiled graph")->required();
+    addGraphChoice(*command, options->graph);
     command->add_option("--input", options->input, "file with the input tensor")->required();
     command->add_option("--output", options->output, "file for the output tensor")->required();
-    command->add_option("--tag", options->tag, "devices reserved under this tag");
-    command->add_option("--stream", options->streamId, "a device of its own for this stream");
-    command->add_option("--subclass", options->subclass, "device subclass")->capture_default_str();
-    command->add_option("--timeout", options->timeout, "seconds for each step")
-        ->capture_default_str();
+    command->add_flag("--pad", options->pad, "add zeros to an input that is too short");
     return {command, [options] { return kelm::ctl::runInfer(*options); }};
+}
+
+Command addLoad(CLI::App& app) {
+    CLI::App* command = app.add_subcommand(
+        "load", "load a graph, which stays for as long as this command or others use it");
+    const auto options = std::make_shared<kelm::ctl::LoadOptions>();
+    command->add_option("graph", options->graph.graph, "compiled graph")->required();
+    addGraphChoice(*command, options->graph);
+    command->add_flag("--wait", options->wait, "wait until a device holds it");
+    command->add_option("--warm", options->warm, "then run so many inferences on zeros");
+    command->add_flag("--hold", options->hold, "then keep it until a signal comes");
+    return {command, [options] { return kelm::ctl::runLoad(*options); }};
 }
 
 Command addBench(CLI::App& app) {
@@ -71,7 +93,12 @@ Command addStatus(CLI::App& app) {
     CLI::App* command = app.add_subcommand("status", "print devices, graphs and clients");
     const auto options = std::make_shared<kelm::ctl::StatusOptions>();
     command->add_flag("--json", options->json, "as one object a line");
-    command->add_option("--watch", options->watch, "again every so many seconds");
+    // An option may go without its number only with a text that stands in its place.
+    command
+        ->add_option("--watch", options->watch,
+                     "again every so many seconds, 1 if no number is given")
+        ->expected(0, 1)
+        ->default_str("1");
     return {command, [options] { return kelm::ctl::runStatus(*options); }};
 }
 
@@ -99,9 +126,39 @@ Command addTrace(CLI::App& app) {
 
 Command addWaitReady(CLI::App& app) {
     CLI::App* command = app.add_subcommand("wait-ready", "wait until the service takes clients");
-    const auto seconds = std::make_shared<double>(10.0);
+    const auto options = std::make_shared<kelm::ctl::WaitReadyOptions>();
+    command->add_option("--timeout", options->timeout, "seconds to wait at most")
+        ->capture_default_str();
+    command->add_option("--devices", options->devices, "and until it has so many devices");
+    command->add_option("--graph", options->graph,
+                        "and until a device holds the graph of this name, or with this name at the "
+                        "end of its path");
+    return {command, [options] { return kelm::ctl::runWaitReady(*options); }};
+}
+
+Command addStop(CLI::App& app) {
+    CLI::App* command = app.add_subcommand("stop", "end the service in order, and wait for it");
+    const auto seconds = std::make_shared<double>(20.0);
     command->add_option("--timeout", *seconds, "seconds to wait at most")->capture_default_str();
-    return {command, [seconds] { return kelm::ctl::runWaitReady(*seconds); }};
+    return {command, [seconds] { return kelm::ctl::runStop(*seconds); }};
+}
+
+Command addReset(CLI::App& app) {
+    CLI::App* command = app.add_subcommand("reset", "reset a device, or all");
+    const auto options = std::make_shared<kelm::ctl::ResetOptions>();
+    command->add_option("device", options->device, "name or id, as kelmctl status lists it");
+    command->add_flag("--all", options->all, "all devices");
+    command->add_option("--timeout", options->timeout, "seconds to wait at most")
+        ->capture_default_str();
+    return {command, [options] { return kelm::ctl::runReset(*options); }};
+}
+
+Command addVersion(CLI::App& app) {
+    CLI::App* command = app.add_subcommand("version", "print the versions of tool and library");
+    return {command, [] {
+                std::cout << kelm::ctl::versionText() << "\n";
+                return 0;
+            }};
 }
 
 // The parser would take an unknown command for a mistake of the arguments behind it.
@@ -117,8 +174,19 @@ void checkCommand(const CLI::App& app, int argc, char** argv) {
                                 kelm::ctl::findNearest(word, names) + "', see kelmctl --help");
 }
 
-int fail(const std::exception& error, int status) {
-    std::cerr << "kelmctl: " << error.what() << "\n";
+// The parser's words tell what is wrong, and not what would be right.
+std::string helpFor(std::span<const Command> commands) {
+    const auto parsed = std::ranges::find_if(
+        commands, [](const Command& command) { return command.app->parsed(); });
+    const bool isKnown = parsed != commands.end();
+    return "; see kelmctl " + (isKnown ? parsed->app->get_name() + " " : "") + "--help";
+}
+
+// One line that a terminal does not obey, whatever names of other clients the text holds.
+int fail(std::string text, int status) {
+    std::ranges::replace(text, '\n', ' ');
+    const bool utf8 = kelm::ctl::useTerminalLocale();
+    std::cerr << "kelmctl: " << kelm::ctl::toUtf8(kelm::ctl::safeText(text, utf8)) << "\n";
     return status;
 }
 
@@ -132,8 +200,10 @@ int main(int argc, char** argv) {
     app.footer(
         "Exit status: 0; 1 when the command failed; 2 for a mistake in the arguments; 128 "
         "and the number of a signal that ended it early.");
-    const Command commands[] = {addInfer(app), addBench(app), addStatus(app),
-                                addTop(app),   addTrace(app), addWaitReady(app)};
+    app.set_version_flag("--version", kelm::ctl::versionText);
+    const Command commands[] = {addInfer(app), addLoad(app),   addBench(app),     addStatus(app),
+                                addTop(app),   addTrace(app),  addWaitReady(app), addStop(app),
+                                addReset(app), addVersion(app)};
     try {
         checkCommand(app, argc, argv);
         app.parse(argc, argv);
@@ -143,11 +213,11 @@ int main(int argc, char** argv) {
     } catch (const CLI::Success& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return fail(error, kUsageStatus);
+        return fail(error.what() + helpFor(commands), kUsageStatus);
     } catch (const kelm::ctl::UsageError& error) {
-        return fail(error, kUsageStatus);
+        return fail(error.what(), kUsageStatus);
     } catch (const std::exception& error) {
-        return fail(error, 1);
+        return fail(error.what(), 1);
     }
     return 1;
 }
