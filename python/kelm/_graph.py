@@ -3,7 +3,18 @@
 import asyncio
 import math
 from ctypes import addressof, byref, c_char, c_int, string_at
-from typing import TYPE_CHECKING, Any, List, Optional, Tuple, Union
+from typing import (
+    TYPE_CHECKING,
+    Any,
+    Coroutine,
+    List,
+    Optional,
+    Sized,
+    Tuple,
+    TypeVar,
+    Union,
+    overload,
+)
 
 from . import _completions, _library, _records, _structs
 from ._completions import Callback, Started
@@ -14,6 +25,9 @@ from ._tensors import Pool, Slot, bytes_of
 
 if TYPE_CHECKING:
     from ._client import Client
+
+Seconds = Optional[float]
+Output = TypeVar("Output", bound=Sized)  # any buffer; there is no type for that before 3.12
 
 # What infer() and infer_async() take from the pool of their own.
 _OWN_SLOTS = 1024
@@ -55,15 +69,30 @@ class Graph:
         room = sum(count for flag, count in blocks if aux & flag)
         return Pool(info.input_bytes, info.output_bytes, room, max_slots)
 
+    @overload
+    def infer(
+        self, data: Slot, *, deadline: Seconds = None, priority: int = 0, aux: int = 0
+    ) -> InferResult: ...
+
+    @overload
+    def infer(
+        self, data: Sized, output: None = None, *, deadline: Seconds = None, priority: int = 0
+    ) -> bytes: ...
+
+    @overload
+    def infer(
+        self, data: Sized, output: Output, *, deadline: Seconds = None, priority: int = 0
+    ) -> Output: ...
+
     def infer(
         self,
         data: Any,
         output: Any = None,
         *,
-        deadline: Optional[float] = None,
+        deadline: Seconds = None,
         priority: int = 0,
         aux: int = 0,
-    ) -> Union[InferResult, bytes, Any]:
+    ) -> Any:
         """Runs an inference and waits for its end. `deadline` in seconds, None: 10.
 
         A Slot is used as it is, and the InferResult returned. Any other buffer is copied: the
@@ -78,47 +107,44 @@ class Graph:
         self._infer_slot(slot, deadline, priority, aux)  # failed: a late result may still come
         return self._finish(slot, output, target)
 
-    async def infer_async(
+    @overload
+    def infer_async(
+        self, data: Slot, *, deadline: Seconds = None, priority: int = 0, aux: int = 0
+    ) -> Coroutine[Any, Any, InferResult]: ...
+
+    @overload
+    def infer_async(
+        self, data: Sized, output: None = None, *, deadline: Seconds = None, priority: int = 0
+    ) -> Coroutine[Any, Any, bytes]: ...
+
+    @overload
+    def infer_async(
+        self, data: Sized, output: Output, *, deadline: Seconds = None, priority: int = 0
+    ) -> Coroutine[Any, Any, Output]: ...
+
+    def infer_async(
         self,
         data: Any,
         output: Any = None,
         *,
-        deadline: Optional[float] = None,
+        deadline: Seconds = None,
         priority: int = 0,
         aux: int = 0,
-    ) -> Union[InferResult, bytes, Any]:
-        """The same in an event loop. A canceled task takes its inference back; a Slot is busy until
-        the end of that is told. The first loop of a client is its only one until it is closed or
-        has nothing more to wait for."""
-        loop = asyncio.get_running_loop()
-        self._client._bind(loop)
+    ) -> Coroutine[Any, Any, Any]:
+        """The same, to be awaited in an event loop. A canceled task takes its inference back; a
+        Slot is busy until the end of that is told. The first loop of a client is its only one until
+        it is closed or has nothing more to wait for."""
         if isinstance(data, Slot):
             _refuse_output(output)
-            return await self._infer_in(loop, data, deadline, priority, aux)
-        source, target = self._buffers(data, output)
-        turns = self._turns_of(loop)
-        if turns.locked():
-            end = loop.time() + (_DEFAULT_DEADLINE if deadline is None else deadline)
-            await turns.acquire()
-            deadline = end - loop.time()
-        else:
-            await turns.acquire()
-        try:
-            if deadline is not None and deadline <= 0:
-                raise expired("the deadline of the task passed before it was sent; start fewer")
-            slot = self._own_slot()
-            slot.input[:] = source
-            await self._infer_in(loop, slot, deadline, priority, aux)
-            return self._finish(slot, output, target)
-        finally:
-            turns.release()
+            return self._infer_in_loop(data, deadline, priority, aux)
+        return self._copy_in_loop(data, output, deadline, priority, aux)
 
     def submit(
         self,
         slot: Slot,
         done: Callback,
         *,
-        deadline: Optional[float] = None,
+        deadline: Seconds = None,
         priority: int = 0,
         aux: int = 0,
     ) -> int:
@@ -184,7 +210,7 @@ class Graph:
         return info
 
     def _infer_slot(
-        self, slot: Slot, deadline: Optional[float], priority: int, aux: int
+        self, slot: Slot, deadline: Seconds, priority: int, aux: int
     ) -> InferResult:
         memory = slot._prepare(self._sizes, deadline, priority, aux)
         code = _library.infer(self._handle, slot._task_address, slot._result_address)
@@ -192,14 +218,11 @@ class Graph:
         self._check(code)
         return _completions.result_of(_completions.unpack_from(slot._result))
 
-    async def _infer_in(
-        self,
-        loop: asyncio.AbstractEventLoop,
-        slot: Slot,
-        deadline: Optional[float],
-        priority: int,
-        aux: int,
+    async def _infer_in_loop(
+        self, slot: Slot, deadline: Seconds, priority: int, aux: int
     ) -> InferResult:
+        loop = asyncio.get_running_loop()
+        self._client._bind(loop)
         future: "asyncio.Future[InferResult]" = loop.create_future()
         task = self._start(slot, future, deadline, priority, aux)
         try:
@@ -213,6 +236,30 @@ class Graph:
                     pass  # the loop ends; the task comes to its end by itself
             raise
 
+    async def _copy_in_loop(
+        self, data: Any, output: Any, deadline: Seconds, priority: int, aux: int
+    ) -> Any:
+        source, target = self._buffers(data, output)
+        loop = asyncio.get_running_loop()
+        turns = self._turns_of(loop)
+        if turns.locked():
+            _library.millis_of(deadline)
+            end = loop.time() + (_DEFAULT_DEADLINE if deadline is None else deadline)
+            await turns.acquire()
+            deadline = end - loop.time()
+            if deadline <= 0:
+                turns.release()
+                raise expired("the deadline of the task passed before it was sent; start fewer")
+        else:
+            await turns.acquire()
+        try:
+            slot = self._own_slot()
+            slot.input[:] = source
+            await self._infer_in_loop(slot, deadline, priority, aux)
+            return self._finish(slot, output, target)
+        finally:
+            turns.release()
+
     def _take_back(self, ticket: int) -> None:
         """Its task tells what became of it."""
         _library.cancel(self._handle, ticket, byref(c_int()))
@@ -221,7 +268,7 @@ class Graph:
         self,
         slot: Slot,
         sink: Union["asyncio.Future[InferResult]", Callback],
-        deadline: Optional[float],
+        deadline: Seconds,
         priority: int,
         aux: int,
     ) -> Started:

@@ -2,7 +2,7 @@
 
 import ctypes
 from ctypes import addressof, byref, c_char, c_size_t, c_uint64
-from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence, Tuple, Union
+from typing import TYPE_CHECKING, Any, Callable, Optional, Sequence, Tuple, Union, final
 
 from . import _completions, _library, _structs
 from ._errors import invalid
@@ -51,6 +51,7 @@ class Pool:
         self.close()
 
 
+@final
 class Slot:
     """The buffers of one inference, to be used for one after the other. From Pool.acquire().
 

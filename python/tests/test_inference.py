@@ -50,22 +50,22 @@ class BufferTest(InferenceTest):
         for name, data in inputs.items():
             for output in outputs:
                 with self.subTest(name, output=type(output)):
-                    for infer in (self.graph.infer, lambda *a: asyncio.run(self.wait(*a))):
+                    for in_loop in (False, True):
                         own.input[:] = bytes(IN)
                         own.output[:] = answer
-                        result = infer(data, output)
+                        if in_loop:
+                            result = asyncio.run(self.graph.infer_async(data, output))
+                        else:
+                            result = self.graph.infer(data, output)
                         self.assertEqual(own.input, content)
                         self.assertEqual(bytes(result), answer)
                         self.assertTrue(output is None or result is output)
         self.assertEqual(self.graph._spare, [own])
 
-    async def wait(self, *arguments):
-        return await self.graph.infer_async(*arguments)
-
     def test_mistakes_are_told_and_leave_all_as_it_was(self) -> None:
         slot = self.graph.pool(1).acquire()
         small = kelm.Pool(8, 8).acquire()
-        infer = self.graph.infer
+        infer, wait = self.graph.infer, self.graph.infer_async
         invalid = kelm.KelmInvalidArgumentError
         rows = (
             (lambda: infer(b"short"), invalid, "has 5 bytes, and the graph's has 36000"),
@@ -77,6 +77,9 @@ class BufferTest(InferenceTest):
             (lambda: infer(small), ValueError, "8 bytes of input"),
             (lambda: infer(slot, deadline=-1), invalid, "deadline of -1"),
             (lambda: infer(slot, deadline=float("nan")), invalid, "deadline of nan"),
+            (lambda: asyncio.run(wait(bytes(IN), deadline=0)), invalid, "deadline of 0"),
+            (lambda: slot.input_array(object), ValueError, "OBJECT"),
+            (lambda: slot.input_array("f4", (99, 99)), ValueError, "reshape"),
             (lambda: infer(slot, priority=16), invalid, "priority is above 15"),
             (lambda: infer(slot, priority=2**32), invalid, "priority is 4294967296"),
             (lambda: infer(slot, aux=1), invalid, "no auxiliary buffer"),
