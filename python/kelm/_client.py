@@ -29,7 +29,8 @@ class Client:
     """A registered connection to the service; a context manager.
 
     Threads: any may call any operation, but one at a time runs the callbacks: dispatch(), or the
-    event loop that awaits Graph.infer_async(). No code of the program runs on other threads.
+    event loop that awaits Graph.infer_async(). Nothing of the program but on_warning
+    runs on other threads.
     """
 
     def __init__(
@@ -48,7 +49,7 @@ class Client:
         name: as others see the client, at most 31 bytes; None for the script's.
         reconnect: connect, register and load the graphs again, as often as needed. Tasks on their
             way end with KelmConnectionLostError, those that wait in this process are sent then.
-        on_warning: told of what goes on in another way than wanted; None logs it.
+        on_warning: told on any thread of what goes on in another way than wanted; None logs it.
         on_connection: called as callbacks are when the connection is lost (False) or back (True).
         """
         self._handle: Optional[_library.ClientHandle] = None
@@ -114,7 +115,7 @@ class Client:
         tag, stream_id: pick reserved devices; None for shared ones.
         subclass: of devices.
         expect_devices: how many would be of use; 0: one.
-        window: tasks sent and not ended, at most; 0: four for each device.
+        window: tasks sent and not ended, at most; 0: some for each device.
         max_waiting: tasks that wait in this process, at most; 0: 65,536.
         by_service: the service reads the file, and must have the rights to. Saves sending it.
         deadline: of the load, in seconds; None: 60.
@@ -225,8 +226,10 @@ class Client:
             last = self._loop
             if last is not None and not last.is_closed():
                 if last.is_running() or self._completions.has_started(last):
-                    raise invalid("another event loop runs this client's callbacks; connect a "
-                                  "client for each loop")
+                    raise invalid(
+                        "another event loop runs this client's callbacks; connect a client for "
+                        "each loop"
+                    )
                 last.remove_reader(self._fd)
             loop.add_reader(self._fd, self._on_readable)
             self._loop = loop
@@ -244,13 +247,13 @@ class Client:
             self._completions.deliver(loop)
         finally:
             self._dispatching.release()
-            if self._completions.has_some():  # after an exception
+            if self._completions.count():  # after an exception
                 loop.call_soon(self._on_readable)
 
     def _dispatch(self, timeout: Optional[float]) -> int:
         end = math.inf if timeout is None else time.monotonic() + timeout
         completions = self._completions
-        wait = 0.0 if completions.has_some() else end - time.monotonic()
+        wait = 0.0 if completions.count() else end - time.monotonic()
         while True:
             # In slices: a close in another thread waits for the end of this call.
             millis = 0 if wait <= 0 else math.ceil(min(_SLICE_MS, wait * 1000))

@@ -53,7 +53,11 @@ def result_of(fields: Tuple[Any, ...], error: Optional[KelmError] = None) -> Inf
     result = InferResult.__new__(InferResult)
     _, _, _, ticket, _, task_id, waited, accepted, total = fields
     result.__dict__.update(
-        error=error, ticket=ticket, task_id=task_id, waited_ns=waited, accepted_ns=accepted,
+        error=error,
+        ticket=ticket,
+        task_id=task_id,
+        waited_ns=waited,
+        accepted_ns=accepted,
         total_ns=total,
     )
     return result
@@ -106,15 +110,13 @@ class Completions:
         if _interrupts:
             raise _interrupts.pop()
 
-    def has_some(self) -> bool:
-        return bool(self.ended or self.connection_changes)
-
     def count(self) -> int:
+        """Of what deliver() would tell."""
         return len(self.ended) + len(self.connection_changes)
 
     def deliver_last(self) -> None:
         """When the connection is closed: nobody is there for what a callback raises."""
-        while self.has_some():
+        while self.count():
             try:
                 self.deliver(asyncio._get_running_loop())
             except Exception:
