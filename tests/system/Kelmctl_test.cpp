@@ -121,7 +121,8 @@ TEST_F(KelmctlTest, MistakesInTheArgumentsAreOneLineAndStatus2) {
     const std::pair<const char*, const char*> rows[] = {
         {"bench --graph x --depth many", "many"},
         {"bench --graph x --clients 0", "number of clients"},
-        {"bench --graph x --seconds -1", "seconds"}};
+        {"bench --graph x --seconds -1", "seconds"},
+        {"bench --graph x --count -1", "--count"}};
     for (const auto& [arguments, words] : rows) {
         SCOPED_TRACE(arguments);
         EXPECT_EQ(run(arguments), 2);
@@ -129,39 +130,6 @@ TEST_F(KelmctlTest, MistakesInTheArgumentsAreOneLineAndStatus2) {
         EXPECT_EQ(std::count(m_output.begin(), m_output.end(), '\n'), 1) << m_output;
     }
     EXPECT_EQ(run("--help"), 0);
-}
-
-TEST_F(KelmctlTest, BenchReportAddsUp) {
-    constexpr uint64_t kCount = 400;
-    start(1, R"("server_max_task_number": 10)");  // some are refused
-    const TempDir& files = service().files();
-    const std::string report = files.path() + "/report.json";
-    EXPECT_EQ(run("bench --clients 4 --depth 12 --count " + std::to_string(kCount) + " --graph " +
-                  files.write("first", "first graph") + " --graph " +
-                  files.write("second", "second graph") + " --weights 3,1 --json " + report),
-              0)
-        << m_output;
-    const auto json = nlohmann::json::parse(std::ifstream(report));
-    using Sums = std::pair<uint64_t, uint64_t>;  // of requests and of errors
-    const auto add = [](const nlohmann::json& rows) {
-        Sums sums;
-        for (const auto& row : rows) {
-            uint64_t failed = 0;
-            for (const auto& count : row["errors"]) failed += count.get<uint64_t>();
-            EXPECT_EQ(row["result"]["count"].get<uint64_t>() + failed, row["requests"]);
-            sums.first += row["requests"].get<uint64_t>();
-            sums.second += failed;
-        }
-        return sums;
-    };
-    const Sums sums = add(json["graphs"]);
-    EXPECT_EQ(sums.first, 4 * kCount);
-    EXPECT_GT(sums.second, 0U);
-    EXPECT_EQ(add(json["clients"]), sums);
-    for (const auto& client : json["clients"]) {
-        EXPECT_EQ(add(client["graphs"]).first, kCount);
-        EXPECT_EQ(client["graphs"][0]["requests"], kCount * 3 / 4);
-    }
 }
 
 TEST_F(KelmctlTest, StatusIsCompleteAndAMissingServiceIsTold) {

@@ -1,106 +1,34 @@
 #include "tools/kelmctl/BenchReport.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
-#include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "tools/kelmctl/JsonText.h"
 #include "utils/FileHelper.h"
-#include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
 namespace {
 
-constexpr double kNanosPerMilli = 1e6;
-constexpr double kNanosPerSecond = 1e9;
-constexpr size_t kNameWidth = 18;
-// A name, the kind of latency, and numbers to the right.
-constexpr const char* kHeadFormat = "{:<19}{:<7}";
-constexpr const char* kCellFormat = "{:>9}";
-constexpr const char* kNumberFormat = "{:>9.{}f}";
+// To be raised when a field changes its meaning or goes away.
+constexpr int kSchema = 1;
 
-// Columns of the table and fields of the JSON, in this order.
-struct Quantile {
-    const char* name;
-    double value;
-};
-constexpr Quantile kQuantiles[] = {{"p50", 0.5}, {"p90", 0.9}, {"p99", 0.99}, {"p99.9", 0.999}};
-
-double toMillis(uint64_t nanos) { return static_cast<double>(nanos) / kNanosPerMilli; }
-
-std::string number(double value, int decimals) {
-    return fmt::format(kNumberFormat, value, decimals);
+std::string errorList(const BenchRow& row) {
+    std::vector<std::string> parts;
+    for (const auto& [code, count] : row.errors())
+        parts.push_back(fmt::format("{} {}", count, code));
+    return fmt::format("{}", fmt::join(parts, ", "));
 }
 
-std::string latencyCells(const Histogram& histogram) {
-    std::string text = number(histogram.mean() / kNanosPerMilli, 3);
-    for (const Quantile& quantile : kQuantiles) {
-        text += number(toMillis(histogram.percentile(quantile.value)), 3);
-    }
-    return text + number(toMillis(histogram.max()), 3);
-}
-
-nlohmann::json latencyJson(const Histogram& histogram) {
-    nlohmann::json json{{"count", histogram.count()},
-                        {"mean_ms", histogram.mean() / kNanosPerMilli},
-                        {"max_ms", toMillis(histogram.max())}};
-    for (const Quantile& quantile : kQuantiles) {
-        json[std::string(quantile.name) + "_ms"] = toMillis(histogram.percentile(quantile.value));
-    }
-    return json;
+nlohmann::json numberOrNull(const std::optional<double>& value) {
+    return value ? nlohmann::json(*value) : nlohmann::json();
 }
 
 }  // namespace
-
-// Histograms are on the heap: each has some two thousand counters.
-struct BenchReport::Row {
-    std::string name;
-    std::unique_ptr<Histogram> accept = std::make_unique<Histogram>();
-    std::unique_ptr<Histogram> result = std::make_unique<Histogram>();
-    uint64_t requests = 0;
-    std::map<std::string, uint64_t> errors;
-    double seconds = 0.0;
-
-    void add(const BenchCell& cell) {
-        accept->addAll(cell.accept);
-        result->addAll(cell.result);
-        requests += cell.requests;
-        for (const ErrorCount& error : cell.errors) {
-            if (error.count > 0) errors[error.name.data()] += error.count;
-        }
-    }
-
-    // Good results only: errors come fast and would count as speed.
-    double rate() const {
-        return seconds > 0.0 ? static_cast<double>(result->count()) / seconds : 0.0;
-    }
-
-    uint64_t errorCount() const {
-        uint64_t sum = 0;
-        for (const auto& [code, count] : errors) sum += count;
-        return sum;
-    }
-
-    std::string line(const char* kind, const Histogram& histogram) const {
-        return fmt::format(kHeadFormat, shortenText(name, kNameWidth), kind) +
-               number(static_cast<double>(requests), 0) +
-               number(static_cast<double>(errorCount()), 0) + number(rate(), 1) +
-               latencyCells(histogram) + "\n";
-    }
-
-    nlohmann::json json() const {
-        return {{"name", name},
-                {"requests", requests},
-                {"errors", errors},
-                {"results_per_second", rate()},
-                {"accept", latencyJson(*accept)},
-                {"result", latencyJson(*result)}};
-    }
-};
 
 double jainIndex(const std::vector<double>& shares) {
     double sum = 0.0;
@@ -113,117 +41,187 @@ double jainIndex(const std::vector<double>& shares) {
     return sum * sum / (static_cast<double>(shares.size()) * squares);
 }
 
-BenchReport::BenchReport(const BenchOptions& options, const BenchRegion& region)
-    : m_options(options), m_region(region) {}
+BenchReport::BenchReport(const BenchSetup& setup, const BenchRegion& region, const BenchRun& run)
+    : m_setup(setup), m_region(region), m_run(run), m_all(BenchRow::sumOfAll(setup, region)) {}
 
 std::string BenchReport::graphName(size_t graph) const {
-    return FileHelper::getFileName(m_options.graphs[graph]);
+    return FileHelper::getFileName(m_setup.graphs[graph]);
 }
 
 double BenchReport::seconds(size_t client) const {
-    return static_cast<double>(m_region.lanes[client].runNanos) / kNanosPerSecond;
+    return static_cast<double>(m_region.lanes[client].runNanos) / 1e9;
 }
 
-// A graph is served by all clients, so its rate is over the time of the one that ran longest.
-double BenchReport::longestSeconds() const {
-    double longest = 0.0;
-    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
-        longest = std::max(longest, seconds(i));
-    }
-    return longest;
-}
-
-BenchReport::Row BenchReport::sumOfClient(size_t client) const {
-    Row row;
-    row.name = "client " + std::to_string(client);
-    row.seconds = seconds(client);
-    for (size_t i = 0; i < m_options.graphs.size(); ++i) {
-        row.add(m_region.lanes[client].cells[i]);
-    }
+BenchRow BenchReport::sumOfClient(size_t client) const {
+    BenchRow row(fmt::format("client {}", client), seconds(client));
+    for (size_t i = 0; i < m_setup.graphs.size(); ++i) row.add(m_region.lanes[client].cells[i]);
     return row;
 }
 
-BenchReport::Row BenchReport::sumOfGraph(size_t graph) const {
-    Row row;
-    row.name = graphName(graph);
-    row.seconds = longestSeconds();
-    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
-        row.add(m_region.lanes[i].cells[graph]);
-    }
+BenchRow BenchReport::sumOfGraph(size_t graph) const {
+    BenchRow row(graphName(graph), m_all.seconds());
+    for (size_t i = 0; i < m_setup.clients; ++i) row.add(m_region.lanes[i].cells[graph]);
     return row;
 }
 
 double BenchReport::fairness() const {
     std::vector<double> shares;
-    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
-        shares.push_back(static_cast<double>(sumOfClient(i).result->count()));
+    for (size_t i = 0; i < m_setup.clients; ++i) {
+        shares.push_back(static_cast<double>(sumOfClient(i).good()));
     }
     return jainIndex(shares);
 }
 
-// Two lines for each row: the latency of the accept answer, and that of the result.
+bool BenchReport::isEmpty() const { return m_run.steps().empty() && m_all.good() == 0; }
+
+std::string BenchReport::whyEmpty() const {
+    if (m_run.signal() != 0) return "it was interrupted before the first result";
+    if (m_all.errorCount() > 0) return "every request failed: " + errorList(m_all);
+    if (m_all.refusals() > 0) {
+        return "the service refused every request, since too many tasks wait; lower --clients, "
+               "--depth or the load of other programs";
+    }
+    return "no result came in the measured time; give it more with --seconds";
+}
+
 std::string BenchReport::table() const {
-    std::string text = fmt::format(kHeadFormat, "", "");
-    for (const char* head : {"requests", "errors", "req/s", "mean ms"}) {
-        text += fmt::format(kCellFormat, head);
-    }
-    for (const Quantile& quantile : kQuantiles) text += fmt::format(kCellFormat, quantile.name);
-    text += fmt::format(kCellFormat, "max") + "\n";
-    Row all;
-    all.name = "all";
-    all.seconds = longestSeconds();
-    std::vector<Row> rows;
-    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
-        rows.push_back(sumOfClient(i));
-    }
-    for (size_t i = 0; i < m_options.graphs.size(); ++i) rows.push_back(sumOfGraph(i));
-    for (size_t client = 0; client < static_cast<size_t>(m_options.clients); ++client) {
-        for (size_t graph = 0; graph < m_options.graphs.size(); ++graph) {
-            all.add(m_region.lanes[client].cells[graph]);
-        }
-    }
-    rows.push_back(std::move(all));
-    for (const Row& row : rows) {
-        text += row.line("accept", *row.accept) + row.line("result", *row.result);
-    }
-    for (const auto& [code, count] : rows.back().errors) {
+    if (m_setup.kind == BenchSetup::Kind::kFindRate) return searchTable();
+    return roundTable() + (m_setup.kind == BenchSetup::Kind::kUntilStable ? stabilityTable() : "");
+}
+
+std::string BenchReport::roundTable() const {
+    std::string text = BenchRow::head();
+    for (size_t i = 0; i < m_setup.clients; ++i) text += sumOfClient(i).lines();
+    for (size_t i = 0; i < m_setup.graphs.size(); ++i) text += sumOfGraph(i).lines();
+    text += m_all.lines();
+    for (const auto& [code, count] : m_all.errors()) {
         text += fmt::format("error {}: {}\n", code, count);
     }
+    if (m_all.refusals() > 0) {
+        text += fmt::format("refused {} times, as too many tasks waited, and sent again later\n",
+                            m_all.refusals());
+    }
+    if (isOpen()) {
+        text += fmt::format(
+            "open loop{}: {:.1f} requests/s wanted, {:.1f} reached; latency counts from the due "
+            "time, {} sent over 1 ms late\n",
+            m_setup.poisson ? " (Poisson)" : "", m_setup.rate, m_all.rate(), m_all.late());
+    }
+    if (m_all.givenUp() > 0) {
+        text += fmt::format(
+            "{} were due and not taken by the service until the end; what they had waited by then "
+            "is in the latencies\n",
+            m_all.givenUp());
+    }
     text += fmt::format("fairness over clients (Jain): {:.4f}\n", fairness());
-    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
+    for (size_t i = 0; i < m_setup.clients; ++i) {
         text += fmt::format("client {}: first result after {:.1f} ms\n", i,
                             toMillis(m_region.lanes[i].firstResultNanos));
     }
     return text;
 }
 
-std::string BenchReport::json() const {
-    nlohmann::json json{{"clients", nlohmann::json::array()},
-                        {"graphs", nlohmann::json::array()},
-                        {"depth", m_options.depth},
-                        {"seconds", longestSeconds()},
-                        {"fairness", fairness()}};
+std::string BenchReport::stabilityTable() const {
+    std::string text = "  window    req/s   p99 ms\n";
+    const auto& windows = m_run.stability().windows();
+    for (size_t i = 0; i < windows.size(); ++i) {
+        const bool hasResults = windows[i].rate > 0.0;
+        text += fmt::format("{:>8}", i + 1) + benchNumber(windows[i].rate, 1) +
+                (hasResults ? benchNumber(windows[i].p99Millis, 3) : "        -") + "\n";
+    }
+    return text + (m_run.stability().isStable()
+                       ? "stable: the last three windows are within 10% of each other\n"
+                       : fmt::format("never became stable within {:g} s: no three windows in a row "
+                                     "were within 10% of each other\n",
+                                     m_setup.seconds));
+}
+
+std::string BenchReport::searchTable() const {
+    std::string text =
+        "   wanted  reached  results   errors  refused given up   p50 ms   p99 ms  held\n";
+    for (const BenchStep& step : m_run.steps()) {
+        text += step.rate > 0.0 ? benchNumber(step.rate, 1) : fmt::format("{:>9}", "closed");
+        text += benchNumber(step.row.rate(), 1);
+        for (const uint64_t count :
+             {step.row.good(), step.row.errorCount(), step.row.refusals(), step.row.givenUp()}) {
+            text += fmt::format("{:>9}", count);
+        }
+        for (const double quantile : {0.5, 0.99}) {
+            text += benchNumber(toMillis(step.row.result().percentile(quantile)), 3);
+        }
+        text += step.rate <= 0.0 ? "  -\n" : step.held ? "  yes\n" : "  no\n";
+    }
+    const std::string bound = fmt::format("a p99 of at most {:g} ms", m_setup.p99Millis);
+    if (!m_run.isSearchComplete()) text += "the search was ended before it was done; so far: ";
+    const auto found = m_run.foundRate();
+    return text + (found ? fmt::format("highest rate with {}: {:.1f} requests/s\n", bound, *found)
+                         : fmt::format("no rate that was tried had {}\n", bound));
+}
+
+void BenchReport::addRound(nlohmann::json& json) const {
     // Of all clients together, each over its own time.
     double rate = 0.0;
-    for (size_t i = 0; i < static_cast<size_t>(m_options.clients); ++i) {
-        const Row row = sumOfClient(i);
+    for (size_t i = 0; i < m_setup.clients; ++i) {
+        const BenchRow row = sumOfClient(i);
         rate += row.rate();
         nlohmann::json client = row.json();
         client["first_result_ms"] = toMillis(m_region.lanes[i].firstResultNanos);
-        for (size_t graph = 0; graph < m_options.graphs.size(); ++graph) {
-            Row cell;
-            cell.name = graphName(graph);
-            cell.seconds = seconds(i);
+        for (size_t graph = 0; graph < m_setup.graphs.size(); ++graph) {
+            BenchRow cell(graphName(graph), seconds(i));
             cell.add(m_region.lanes[i].cells[graph]);
             client["graphs"].push_back(cell.json());
         }
         json["clients"].push_back(std::move(client));
     }
-    for (size_t i = 0; i < m_options.graphs.size(); ++i) {
+    for (size_t i = 0; i < m_setup.graphs.size(); ++i) {
         json["graphs"].push_back(sumOfGraph(i).json());
     }
+    json["all"] = m_all.json();
+    json["seconds"] = m_all.seconds();
+    json["fairness"] = fairness();
     json["results_per_second"] = rate;
-    return toJsonText(json, 2) + "\n";
+}
+
+void BenchReport::addStability(nlohmann::json& json) const {
+    nlohmann::json windows = nlohmann::json::array();
+    for (const Stability::Window& window : m_run.stability().windows()) {
+        windows.push_back({{"results_per_second", window.rate}, {"p99_ms", window.p99Millis}});
+    }
+    json["stability"] = {{"stable", m_run.stability().isStable()},
+                         {"window_seconds", m_setup.window},
+                         {"windows", std::move(windows)}};
+}
+
+void BenchReport::addSearch(nlohmann::json& json) const {
+    nlohmann::json steps = nlohmann::json::array();
+    for (const BenchStep& step : m_run.steps()) {
+        nlohmann::json row = step.row.json();
+        row["wanted_per_second"] = step.rate > 0.0 ? nlohmann::json(step.rate) : nlohmann::json();
+        row["held"] = step.held;
+        steps.push_back(std::move(row));
+    }
+    json["find_rate"] = {{"p99_bound_ms", m_setup.p99Millis},
+                         {"complete", m_run.isSearchComplete()},
+                         {"found_per_second", numberOrNull(m_run.foundRate())},
+                         {"steps", std::move(steps)}};
+}
+
+std::string BenchReport::json() const {
+    nlohmann::json json{{"schema", kSchema},
+                        {"depth", m_setup.depths.size() == 1 ? nlohmann::json(m_setup.depths[0])
+                                                             : nlohmann::json(m_setup.depths)},
+                        {"warmup_seconds", m_setup.warmup},
+                        {"open_loop", nlohmann::json()}};
+    if (isOpen()) {
+        json["open_loop"] = {{"wanted_per_second", m_setup.rate}, {"poisson", m_setup.poisson}};
+    }
+    if (m_setup.kind == BenchSetup::Kind::kFindRate) {
+        addSearch(json);
+    } else {
+        addRound(json);
+    }
+    if (m_setup.kind == BenchSetup::Kind::kUntilStable) addStability(json);
+    return toJsonText(json) + "\n";
 }
 
 }  // namespace kelm::ctl

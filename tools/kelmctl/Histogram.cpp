@@ -32,7 +32,7 @@ uint64_t Histogram::upperBound(int bucket) {
 }
 
 void Histogram::add(uint64_t nanos) {
-    increase(m_buckets[static_cast<size_t>(std::min(bucketOf(nanos), kBuckets - 1))], 1);
+    increase(m_buckets[static_cast<size_t>(bucketOf(nanos))], 1);
     increase(m_count, 1);
     increase(m_sum, nanos);
     if (nanos > max()) m_max.store(nanos, std::memory_order_relaxed);
@@ -45,6 +45,28 @@ void Histogram::addAll(const Histogram& other) {
     increase(m_count, other.count());
     increase(m_sum, other.m_sum.load(std::memory_order_relaxed));
     m_max.store(std::max(max(), other.max()), std::memory_order_relaxed);
+}
+
+// Counted anew: while another process adds, its sums and its buckets need not agree.
+void Histogram::removeAll(const Histogram& earlier) {
+    uint64_t left = 0;
+    uint64_t highest = 0;
+    for (int bucket = 0; bucket < kBuckets; ++bucket) {
+        auto& entries = m_buckets[static_cast<size_t>(bucket)];
+        entries -= earlier.m_buckets[static_cast<size_t>(bucket)].load();
+        left += entries;
+        if (entries > 0) highest = upperBound(bucket);
+    }
+    m_count = left;
+    m_sum -= earlier.m_sum.load();
+    m_max = std::min(highest, max());
+}
+
+void Histogram::clear() {
+    for (auto& bucket : m_buckets) bucket.store(0, std::memory_order_relaxed);
+    m_count = 0;
+    m_sum = 0;
+    m_max = 0;
 }
 
 double Histogram::mean() const {
@@ -65,6 +87,15 @@ uint64_t Histogram::percentile(double quantile) const {
         if (seen >= std::max<uint64_t>(wanted, 1)) return std::min(upperBound(bucket), max());
     }
     return max();
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> Histogram::buckets() const {
+    std::vector<std::pair<uint64_t, uint64_t>> filled;
+    for (int bucket = 0; bucket < kBuckets; ++bucket) {
+        const uint64_t entries = m_buckets[static_cast<size_t>(bucket)].load();
+        if (entries > 0) filled.emplace_back(upperBound(bucket), entries);
+    }
+    return filled;
 }
 
 }  // namespace kelm::ctl

@@ -77,14 +77,33 @@ Command addBench(CLI::App& app) {
     command->add_option("--graph", options->graphs, "compiled graph; may be given several times")
         ->required();
     addGraphByPath(*command, options->graphByPath);
+    command->add_flag("--assign", options->assign, "each client takes one graph, in turn");
     command->add_option("--weights", options->weights,
                         "shares of the graphs as in 3,1; the first for client 0, and so on, the "
                         "last for all others");
     command->add_option("--clients", options->clients, "client processes")->capture_default_str();
-    command->add_option("--depth", options->depth, "inferences in flight per client")
+    command
+        ->add_option("--depth", options->depth,
+                     "inferences in flight per client, or for each of its graphs as in 8,2")
         ->capture_default_str();
-    command->add_option("--seconds", options->seconds, "how long to run")->capture_default_str();
+    command->add_option("--rate", options->rate,
+                        "open loop: requests a second of all clients, evenly spaced; latency "
+                        "counts from the time when they are due");
+    command->add_flag("--poisson", options->poisson, "with --rate: at random distances");
+    command->add_option("--warmup", options->warmup, "seconds that are not measured, first");
+    command->add_option("--seconds", options->seconds,
+                        "how long to measure (10), or each step of a search (3)");
     command->add_option("--count", options->count, "inferences per client, instead of a time");
+    command->add_option("--until-stable", options->untilStable,
+                        "until three windows are alike within 10%, for so many seconds at most");
+    command->add_option("--window", options->window, "seconds of such a window (1)");
+    command->add_flag("--find-rate", options->findRate,
+                      "look for the highest rate whose 99th percentile keeps --p99");
+    command->add_option("--p99", options->p99, "milliseconds");
+    command
+        ->add_option("--max-errors", options->maxErrors,
+                     "calls that may fail before the exit status is 1")
+        ->capture_default_str();
     command->add_option("--json", options->jsonFile, "also write the report to this file");
     return {command, [options] { return kelm::ctl::runBench(*options); }};
 }
