@@ -273,8 +273,6 @@ class Graph:
         aux: int,
     ) -> Started:
         key = slot._key
-        if key in _completions.started:
-            raise busy("the end of the slot's task was not told yet; wait for it or take another")
         task = Started(
             self._client._completions,
             slot,
@@ -282,7 +280,7 @@ class Graph:
             sink,
         )
         if _completions.started.setdefault(key, task) is not task:
-            raise busy("another thread has just started a task with the slot; acquire another one")
+            raise busy("the end of the slot's task was not told yet; wait for it or take another")
         code = _library.infer_async(self._handle, slot._task_address, slot._ticket_address)
         if code != 0:
             del _completions.started[key]

@@ -157,8 +157,10 @@ class LoopTest(InferenceTest):
         graph = self.client.load_graph(b"other", window=64)
         pool = graph.pool()
         slots = [pool.acquire() for _ in range(200)]
+        problems = []
 
         async def main() -> None:
+            asyncio.get_running_loop().set_exception_handler(lambda *end: problems.append(end))
             tasks = [asyncio.ensure_future(graph.infer_async(slot)) for slot in slots]
             await tasks[0]
             for task in tasks[100:]:
@@ -173,9 +175,29 @@ class LoopTest(InferenceTest):
                 await asyncio.sleep(0)
 
         asyncio.run(main())
+        self.assertEqual(problems, [])
         with self.client.snapshots() as snapshots:
             done = next(s for s in snapshots if not any(g.waiting_tasks for g in s.graphs))
         self.assertLess(max(row.inferences for row in done.graphs), 200)
+
+    def test_what_callbacks_raise_costs_no_other_end(self) -> None:
+        pool = self.graph.pool()
+        problems = []
+
+        def fail(slot: kelm.Slot, result: kelm.InferResult) -> None:
+            raise LookupError(result.ticket)
+
+        async def main() -> None:
+            loop = asyncio.get_running_loop()
+            loop.set_exception_handler(lambda _, context: problems.append(context["exception"]))
+            await self.graph.infer_async(bytes(IN))
+            tickets = [self.graph.submit(pool.acquire(), fail) for _ in range(16)]
+            self.graph.infer(bytes(IN))  # behind the others: they are told of together
+            while len(problems) < 16:
+                await asyncio.sleep(0.001)
+            self.assertEqual(sorted(problem.args[0] for problem in problems), tickets)
+
+        asyncio.run(main())
 
     def test_one_place_at_a_time_runs_the_callbacks(self) -> None:
         slot = self.graph.pool().acquire()
