@@ -367,7 +367,8 @@ struct kelm_client_snapshot {
     uint64_t waiting_tasks;
 };
 
-/* NULL path: the usual socket, or the one under $KELM_RUN_DIR. The handle is the caller's. */
+/* The path is that of kelm_snapshot.sock, no client's. NULL: the usual one, or the one under
+ * $KELM_RUN_DIR. The handle is the caller's. */
 KELM_API int kelm_snapshots_open(const char* socket_path, int32_t deadline_ms,
                                  struct kelm_snapshots** snapshots);
 /* Waits for the next one; the functions below then read it. After KELM_TIMEOUT (0: 15 s) call
