@@ -276,7 +276,8 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
     if (taskId == 0) return false;
     const std::shared_ptr<client::Client> client = m_session->client(connection);
     if (!client) return Error::connectionLost();
-    Result<bool> canceled = client->cancel(taskId, kCancelDeadline);
+    const auto left = std::chrono::ceil<client::Deadline>(end - Clock::now());
+    Result<bool> canceled = client->cancel(taskId, std::max(left, client::Deadline(1)));
     // It has ended meanwhile.
     if (canceled.error().code() == KELM_ERROR_INVALID_TASK) return false;
     return canceled;
