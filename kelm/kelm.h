@@ -7,17 +7,29 @@
 /*
  * The client interface of kelmdaemon: graphs, inferences, status, over the service's socket.
  *
- * Results   Functions that can fail return 0 (KELM_SUCCESS) or an error: below 0 the service's
- * code, above 0 one of enum kelm_error. kelm_last_error() tells the cause and what to do. Structs
- * Each that is passed in or filled begins with `size`, its sizeof as the program was compiled:
- * KELM_INIT(struct kelm_task, task) declares one with the rest zero. Zero is the default of every
- * field. Later versions add fields at the end only. Times     Milliseconds unless the name says
- * otherwise. A deadline counts from the call; 0 is the default (10 s, for graphs 60 s), a negative
- * one is KELM_INVALID_ARGUMENT. Threads   Any thread may use any handle, but the call that ends a
- * handle must be its last one. Memory    What a function takes by pointer is read before it
- * returns, tensors excepted. Text      UTF-8 or plain bytes, ended by NUL. Names in status and
- * snapshots come from other programs: make them safe before a terminal sees them. Forks     A child
- * of fork() must not use its parent's handles.
+ * Results: functions that can fail return 0 (KELM_SUCCESS) or an error: below 0 the service's code,
+ * above 0 one of enum kelm_error. kelm_last_error() tells the cause and what to do.
+ *
+ * Structs: each that is passed in or filled, but for kelm_tensor, begins with `size`, its sizeof as
+ * the program was compiled: KELM_INIT(struct kelm_task, task) declares one with the rest zero. Zero
+ * is the default of every field. Later versions add fields at the end only.
+ *
+ * Times: milliseconds unless the name says otherwise. A deadline counts from the call; 0 is the
+ * default (10 s; 60 s for graphs and resets), a negative one is KELM_INVALID_ARGUMENT.
+ *
+ * Threads: any thread may use any handle, but the call that ends a handle must be its last one.
+ *
+ * Callbacks: run on a thread of the library or on that of the call that ends what they tell of:
+ * hold no lock there that a callback takes. With KELM_CLIENT_DISPATCH they run in kelm_dispatch and
+ * kelm_close only. They must be short and must not throw. Calls in them that would wait for the
+ * service or end a graph or a client are KELM_INVALID_ARGUMENT; tasks may be started.
+ *
+ * Memory: what a function takes by pointer is read before it returns, tensors excepted.
+ *
+ * Text: UTF-8 or plain bytes, ended by NUL. Names in status and snapshots come from other programs:
+ * make them safe before a terminal sees them.
+ *
+ * Forks: a child of fork() must not use its parent's handles; what ends one does nothing there.
  */
 
 #if defined(__cplusplus)
@@ -51,7 +63,7 @@ enum kelm_error {
     KELM_CONNECTION_LOST = 2,  /* while the call was on its way */
     KELM_NOT_CONNECTED = 3,    /* there is no connection now */
     KELM_CANCELED = 4,         /* taken back before it ran */
-    KELM_SYSTEM_ERROR = 5,     /* the operating system refused something */
+    KELM_SYSTEM_ERROR = 5,     /* the operating system refused, or the service talks nonsense */
     KELM_BUSY = 6,             /* a slot, or every slot of a pool, belongs to tasks that run */
     KELM_EXPIRED = 7,          /* the deadline passed before the task was sent; it did not run */
     KELM_INVALID_ARGUMENT = 8, /* a mistake of the caller; nothing was done */
@@ -82,7 +94,7 @@ enum kelm_client_flags {
      * Tasks that were on their way end with KELM_CONNECTION_LOST, those that wait in this process
      * are sent then. Graphs given from memory are kept as a copy. */
     KELM_CLIENT_RECONNECT = 1,
-    /* Callbacks run in kelm_dispatch only, for programs with an event loop. */
+    /* Callbacks wait for kelm_dispatch, for programs with an event loop. */
     KELM_CLIENT_DISPATCH = 2
 };
 
@@ -90,11 +102,11 @@ struct kelm_client_options {
     uint32_t size;
     uint32_t flags;          /* enum kelm_client_flags */
     const char* socket_path; /* NULL: the usual socket, or the one under $KELM_RUN_DIR */
-    const char* name;        /* as others see it, at most 31 bytes; NULL: the program's */
+    const char* name;        /* as others see it, 1 to 31 bytes; NULL: the program's, cut */
     int32_t deadline_ms;     /* of connecting and registering together */
     int32_t reserved;
     /* A thing goes on in another way than wanted, as tensors whose rights could not be narrowed.
-     * On the thread of the call. NULL: not told. */
+     * A callback on the thread of the call, also in dispatch mode. NULL: not told. */
     void (*on_warning)(const char* text, void* user);
     /* The connection was lost (up 0) or is there again, graphs loaded (up 1). As callbacks run.
      * Not for the first connection. NULL: not told. */
@@ -126,8 +138,8 @@ KELM_API int kelm_dispatch(struct kelm_client* client, int timeout_ms);
 struct kelm_graph_options {
     uint32_t size;
     int32_t deadline_ms;    /* of the load */
-    const char* name;       /* as others see it; NULL: "unnamed" */
-    const char* tag;        /* picks reserved devices; NULL: shared ones */
+    const char* name;       /* as others see it; NULL: that of the file, or "unnamed" */
+    const char* tag;        /* picks reserved devices, at most 511 bytes; NULL: shared ones */
     const char* stream_id;  /* the same */
     int32_t subclass;       /* of devices */
     int32_t expect_devices; /* how many would be of use; 0: 1 */
@@ -161,21 +173,24 @@ KELM_API int kelm_graph_from_service_file(struct kelm_client* client, const char
                                           const struct kelm_graph_options* options,
                                           struct kelm_graph** graph);
 KELM_API int kelm_graph_get_info(const struct kelm_graph* graph, struct kelm_graph_info* info);
-/* Ends the graph's waiting tasks with KELM_CANCELED, waits up to 10 s for those that were sent
- * and for callbacks that run, tells the service, frees the handle. KELM_INVALID_ARGUMENT from a
- * callback: nothing is done. NULL: 0. */
+/* Ends the graph's waiting tasks with KELM_CANCELED, waits up to 10 s for those that were sent and
+ * for callbacks that run (KELM_TIMEOUT if that is not enough), tells the service, frees the handle,
+ * also after an error. Callbacks that are due in dispatch mode still come. With a graph that others
+ * use the service drops this client's other tasks, too; they are sent again, which may take 10 s
+ * more. KELM_INVALID_ARGUMENT from a callback: nothing is done. NULL: 0. */
 KELM_API int kelm_graph_free(struct kelm_graph* graph);
 
 /* ---- Tensors --------------------------------------------------------------------------------- */
 
 /* Slots of memory that the service can reach, each with an input, an output and an auxiliary buffer
- * (0 bytes: none). Made when first needed, at most max_slots (0: 1,024) at a time, used again. */
+ * (0 bytes: none). Made when first needed, at most max_slots (0: 1,024) at a time, used again. A
+ * pool belongs to no client. */
 KELM_API int kelm_pool_create(size_t input_bytes, size_t output_bytes, size_t aux_bytes,
                               size_t max_slots, struct kelm_pool** pool);
 /* Slots that are in use stay valid. NULL is allowed. */
 KELM_API void kelm_pool_free(struct kelm_pool* pool);
-/* A free slot, the caller's until kelm_slot_release; KELM_BUSY if there is none. What it holds is
- * what was there before, zeros at first. */
+/* A free slot, the caller's until kelm_slot_release; KELM_BUSY if there is none, KELM_SYSTEM_ERROR
+ * if /dev/shm has no room for it. What it holds is what was there before, zeros at first. */
 KELM_API int kelm_pool_acquire(struct kelm_pool* pool, struct kelm_slot** slot);
 /* Gives the slot back. May be called while its task runs: the pool keeps it until the task has
  * ended. NULL is allowed. */
@@ -187,7 +202,7 @@ KELM_API void* kelm_slot_aux(struct kelm_slot* slot, size_t* bytes);
 
 enum kelm_tensor_kind {
     KELM_TENSOR_NONE = 0,
-    KELM_TENSOR_DESCRIPTOR = 1,   /* `fd` is sent along and stays the caller's */
+    KELM_TENSOR_DESCRIPTOR = 1,   /* `fd`, above 0, is sent along and stays the caller's */
     KELM_TENSOR_SHARED_MEMORY = 2 /* `name` of a POSIX shared memory object, at most 63 bytes */
 };
 
@@ -217,8 +232,7 @@ struct kelm_result {
     uint64_t total_ns;    /* from the call to the end */
 };
 
-/* Runs exactly once a task that was taken. May start tasks, must not wait for one. On a thread of
- * the library, or in kelm_dispatch. */
+/* Runs exactly once a task that was taken; see Callbacks. */
 typedef void (*kelm_done_fn)(const struct kelm_result* result, void* user);
 
 struct kelm_task {
@@ -235,10 +249,11 @@ struct kelm_task {
     void* user;         /* for `done` */
 };
 
-/* Starts a task; beyond the graph's window it waits in this process. `ticket` (may be NULL) names
- * it. An error means that it was not taken, and `done` will not run: KELM_BUSY if its slot may
- * still be written into or max_waiting is reached, KELM_NOT_CONNECTED if the connection is lost for
- * good. */
+/* Starts a task; beyond the graph's window it waits in this process. While the service reads
+ * nothing this may wait, until the deadline at most; the connection is given up then. `ticket` (may
+ * be NULL) names the task. An error means that it was not taken, and `done` will not run: KELM_BUSY
+ * if its slot may still be written into or max_waiting is reached, KELM_SYSTEM_ERROR if a
+ * descriptor is not open, KELM_NOT_CONNECTED if the connection is lost for good. */
 KELM_API int kelm_infer_async(struct kelm_graph* graph, const struct kelm_task* task,
                               uint64_t* ticket);
 /* The same, and waits for the end, which it returns; `result` may be NULL, `done` is not called.
@@ -247,7 +262,7 @@ KELM_API int kelm_infer(struct kelm_graph* graph, const struct kelm_task* task,
                         struct kelm_result* result);
 /* Takes a task back that waits here or in the service: `canceled` 1, and the task ends with
  * KELM_CANCELED. 0: it has ended or runs on. Waits for the service if it has the task, for at most
- * 10 s; from a callback only tasks that wait here are taken back. */
+ * 10 s; from a callback only tasks that wait here are taken back. `canceled` may be NULL. */
 KELM_API int kelm_cancel(struct kelm_graph* graph, uint64_t ticket, int* canceled);
 
 /* The blocks of an auxiliary buffer; pointers into it. */

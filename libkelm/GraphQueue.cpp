@@ -34,6 +34,12 @@ Error expired() {
             "more time"};
 }
 
+// The service, or this library's own count of what is on its way, has too many tasks.
+bool isRefusal(const Error& error) {
+    return error.kind() == ErrorKind::kBusy ||
+           (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
+}
+
 uint64_t nanosBetween(Task::Clock::time_point from, Task::Clock::time_point to) {
     return static_cast<uint64_t>(std::chrono::nanoseconds(to - from).count());
 }
@@ -172,6 +178,7 @@ void GraphQueue::accepted(uint64_t ticket, uint64_t taskId) {
 void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
     std::unique_ptr<Task> task;
     std::shared_ptr<GraphQueue> self;
+    InferResult end = result;
     Clock::time_point wake = Clock::time_point::max();
     bool waiting = false;
     {
@@ -183,7 +190,8 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
         const ErrorKind kind = result.error.kind();
         const bool lost = kind == ErrorKind::kConnectionLost || kind == ErrorKind::kNotConnected;
         if (lost && task->connection == m_connection) m_connected = false;
-        if (keepUnsentUnsafe(task, result.error, Clock::now())) {
+        if (isUnsent(*task, result.error)) {
+            end.error = keepUnsentUnsafe(task, result.error, Clock::now());
             wake = nextTickUnsafe();
         } else if (!lost) {
             m_pausedUntil = Clock::time_point::min();
@@ -194,27 +202,28 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
     }
     if (wake != Clock::time_point::max()) m_session->wakeAt(wake);
     if (waiting) sendWaiting();  // first: the devices wait for it
-    if (task) finish(std::move(task), result);
+    if (task) finish(std::move(task), end);
+}
+
+bool GraphQueue::isUnsent(const Task& task, const Error& error) {
+    const bool dropped =
+        error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_INVALID_TASK;
+    return isRefusal(error) || error.kind() == ErrorKind::kNotConnected || dropped ||
+           (error.kind() == ErrorKind::kCanceled && task.isTakenBack);
 }
 
 // Jitter: clients that are refused together should not come back together.
-bool GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& error,
-                                  Clock::time_point now) {
-    const bool refused =
-        error.kind() == ErrorKind::kBusy ||
-        (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
-    const bool unsent = error.kind() == ErrorKind::kNotConnected ||
-                        (error.kind() == ErrorKind::kService &&
-                         error.code() == KELM_ERROR_INVALID_TASK) ||  // dropped
-                        (error.kind() == ErrorKind::kCanceled && task->isTakenBack);
-    if ((!refused && !unsent) || m_closed || task->deadline <= now) return false;
-    if (refused) {
+Error GraphQueue::keepUnsentUnsafe(std::unique_ptr<Task>& task, const Error& error,
+                                   Clock::time_point now) {
+    if (m_closed) return m_closedWith;
+    if (task->deadline <= now) return expired();
+    if (isRefusal(error)) {
         m_pause = std::clamp(m_pause * 2, kFirstPause, kLongestPause);
         std::uniform_int_distribution<int64_t> jitter(m_pause.count() / 2, m_pause.count() * 3 / 2);
         m_pausedUntil = now + std::chrono::microseconds(jitter(m_random));
     }
     enqueueUnsafe(std::move(task));
-    return true;
+    return {};
 }
 
 void GraphQueue::finish(std::unique_ptr<Task> task, const InferResult& result) {
@@ -290,7 +299,8 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
     if (taskId == 0) return false;
     const std::shared_ptr<client::Client> client = m_session->client(connection);
     if (!client) return Error::connectionLost();
-    Result<bool> canceled = client->cancel(taskId, kCancelDeadline);
+    const auto left = std::chrono::ceil<client::Deadline>(end - Clock::now());
+    Result<bool> canceled = client->cancel(taskId, std::max(left, client::Deadline(1)));
     // It has ended meanwhile.
     if (canceled.error().code() == KELM_ERROR_INVALID_TASK) return false;
     return canceled;
@@ -349,6 +359,7 @@ void GraphQueue::close(const Error& error) {
     {
         MutexLock lock(m_mutex);
         m_closed = true;
+        m_closedWith = error;
         for (auto& [place, task] : m_waiting) waiting.push_back(std::move(task));
         m_waiting.clear();
         m_deadlines.clear();

@@ -94,9 +94,11 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     Sending startUnsafe(std::unique_ptr<Task> task, Clock::time_point now) REQUIRES(m_mutex);
     std::vector<std::unique_ptr<Task>> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
     Clock::time_point nextTickUnsafe() const REQUIRES(m_mutex);
-    // True if the task waits again: it was not sent, or the service has refused it for now.
-    bool keepUnsentUnsafe(std::unique_ptr<Task>& task, const client::Error& error,
-                          Clock::time_point now) REQUIRES(m_mutex);
+    // Whether the task is to wait again: it did not reach the service, which refused or dropped it.
+    static bool isUnsent(const Task& task, const client::Error& error);
+    // Takes the task to wait again, unless it has ended: with the error that comes back.
+    client::Error keepUnsentUnsafe(std::unique_ptr<Task>& task, const client::Error& error,
+                                   Clock::time_point now) REQUIRES(m_mutex);
 
     void send(Sending& sending, bool waited) EXCLUDES(m_mutex);
     void accepted(uint64_t ticket, uint64_t taskId) EXCLUDES(m_mutex);
@@ -114,6 +116,7 @@ class GraphQueue : public std::enable_shared_from_this<GraphQueue> {
     CondVar m_change;                             // a task was accepted or has ended
     size_t m_unfinished GUARDED_BY(m_mutex) = 0;  // tasks whose callbacks have not returned yet
     bool m_closed GUARDED_BY(m_mutex) = false;
+    client::Error m_closedWith GUARDED_BY(m_mutex);
     bool m_connected GUARDED_BY(m_mutex) = true;
     uint64_t m_connection GUARDED_BY(m_mutex);
     uint64_t m_graphId GUARDED_BY(m_mutex);

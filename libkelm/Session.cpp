@@ -171,7 +171,7 @@ void Session::close() {
     for (const auto& queue : queues()) queue->close(Error::connectionLost());
     current = client();
     // The service takes a client that only hangs up for a failed one.
-    if (current && current->isConnected()) (void)current->unregister(kLeaveDeadline);
+    if (current && current->isConnected()) leave(*current);
     if (current) current->hangUp();
     current.reset();
     retire();
@@ -181,6 +181,16 @@ void Session::close() {
     std::vector<std::shared_ptr<const Entry>> graphs;  // they share this object
     MutexLock lock(m_mutex);
     graphs.swap(m_graphs);
+}
+
+// The service hangs up once it has written what it had for this client. Hung up on, it would tell
+// of a failed write.
+void Session::leave(Client& client) {
+    const Clock::time_point end = Clock::now() + kLeaveDeadline;
+    if (client.unregister(kLeaveDeadline)) return;
+    MutexLock lock(m_mutex);
+    while (!m_lost && m_change.waitUntil(m_mutex, end)) {
+    }
 }
 
 Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limits limits,

@@ -84,6 +84,8 @@ class Session : public std::enable_shared_from_this<Session> {
     void retire() EXCLUDES(m_mutex);
     void lost() EXCLUDES(m_mutex);
     void tellProgram(bool up);
+    // In order: without an error in the service's log.
+    void leave(client::Client& client) EXCLUDES(m_mutex);
 
     void reconnectRoutine() EXCLUDES(m_mutex);
     bool waitForLoss() EXCLUDES(m_mutex);

@@ -1,5 +1,9 @@
 #include "client/Client.h"
 
+#include <sys/ioctl.h>
+
+#include <thread>
+
 #include "fakes/Eventually.h"
 #include "fakes/ListenOn.h"
 #include "fakes/TempDir.h"
@@ -61,6 +65,15 @@ TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     SilentService service;
     const auto& client = service.client;
     EXPECT_EQ(client->queryTask(1, kShort).error().kind(), ErrorKind::kTimeout);
+    // An answer of another kind.
+    auto future = std::async(std::launch::async, [&] { return client->registerClient("name"); });
+    char request[sizeof(KelmMsgReqQueryTaskStatus) + sizeof(KelmMsgReqRegister)];
+    ASSERT_EQ(::recv(service.peer.get(), request, sizeof(request), MSG_WAITALL),
+              static_cast<ssize_t>(sizeof(request)));
+    auto other = record<KelmMsgRspUnregister>(KELM_MESSAGE_UNREGISTER_RSP);
+    other.reqSeqNo = 2;
+    service.send(other);
+    EXPECT_EQ(future.get().kind(), ErrorKind::kSystem);
     auto late = record<KelmMsgRspQueryTaskStatus>(KELM_MESSAGE_QUERY_TASK_STATUS_RSP);
     late.head.reqSeqNo = 1;
     service.send(late);
@@ -89,6 +102,23 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     }));
     EXPECT_EQ(client->registerClient("name").kind(), ErrorKind::kConnectionLost);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the host's, not the library's
+}
+
+TEST(ClientTest, NonsenseEndsAWriteThatTheServiceDoesNotRead) {
+    SilentService service;
+    Ends ends;
+    std::thread writer([&] {
+        while (service.client->isConnected()) {
+            service.client->inferAsync({}, ends.callback(), {}, std::chrono::minutes(10));
+        }
+    });
+    EXPECT_TRUE(eventually([&] {
+        int unread = 0;
+        return ::ioctl(service.peer.get(), FIONREAD, &unread) == 0 && unread > 65536;
+    }));
+    service.send(KelmMsgBase{});
+    writer.join();
+    EXPECT_EQ(ends.others, 0);
 }
 
 TEST(ClientTest, LostConnectionEndsEachPendingCallOnce) {

@@ -1,4 +1,6 @@
 #include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cmath>
@@ -281,6 +283,22 @@ TEST_F(QueueTest, FreedGraphHasNoCallbackLeft) {
     EXPECT_TRUE(freed.get());
 }
 
+TEST_F(QueueTest, ChildOfForkEndsNothingOfItsParent) {
+    open(0, 1);
+    const Slot slot = m_pool->acquire();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool refused = kelm_graph_free(m_graph->get()) == KELM_INVALID_ARGUMENT &&
+                             kelm_close(m_client->get()) == KELM_INVALID_ARGUMENT;
+        kelm_slot_release(slot.get());
+        ::_exit(refused ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(m_graph->infer(slot).ok());
+}
+
 TEST_F(QueueTest, MistakesAreRefusedBeforeAnythingHappens) {
     open(300, 1);
     submit(0);
@@ -304,6 +322,10 @@ TEST_F(QueueTest, MistakesAreRefusedBeforeAnythingHappens) {
         EXPECT_EQ(change(apply), KELM_INVALID_ARGUMENT) << name;
         EXPECT_STRNE(kelm_last_error(), "") << name;
     }
+    auto task = detail::sized<kelm_task>();
+    task.input = {.kind = KELM_TENSOR_DESCRIPTOR, .fd = 1000, .name = nullptr, .bytes = 1};
+    EXPECT_EQ(kelm_infer(m_graph->get(), &task, nullptr), KELM_SYSTEM_ERROR);
+    EXPECT_NE(std::string(kelm_last_error()).find("descriptor 1000"), std::string::npos);
     EXPECT_EQ(kelm_infer(nullptr, nullptr, nullptr), KELM_INVALID_ARGUMENT);
     ASSERT_TRUE(m_ends.wait(1));
 }

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "fakes/ListenOn.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "kelm/kelm.hpp"
@@ -133,6 +134,23 @@ TEST_F(ReconnectTest, EachCallEndsOnceWhateverBecomesOfTheService) {
     const Status status = client.status();
     EXPECT_EQ(status.info().client_count, 1U);
     EXPECT_EQ(status.info().graph_count, 2U);
+}
+
+TEST_F(ReconnectTest, CloseDoesNotWaitForAServiceThatDoesNotAnswer) {
+    start(1);
+    std::optional<Client> client;
+    client.emplace(ClientOptions{.socketPath = path(), .reconnect = true});
+    const UniqueFd silent = [&] {
+        service().signal(SIGKILL);
+        (void)service().waitExit();
+        std::filesystem::remove(path());
+        return listenOn(path());
+    }();
+    const UniqueFd peer(::accept4(silent.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_TRUE(peer);
+    const auto before = std::chrono::steady_clock::now();
+    client.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(8));
 }
 
 }  // namespace
