@@ -279,6 +279,7 @@ TEST_F(QueueTest, FreedGraphHasNoCallbackLeft) {
         return left.load();
     });
     ASSERT_TRUE(m_ends.wait(1));
+    EXPECT_EQ(freed.wait_for(Millis(500)), std::future_status::timeout);
     leave.set_value();
     EXPECT_TRUE(freed.get());
 }
