@@ -30,6 +30,12 @@ Error expired() {
             "more time"};
 }
 
+InferResult failed(const Error& error) {
+    InferResult end;
+    end.error = error;
+    return end;
+}
+
 uint64_t nanosBetween(Task::Clock::time_point from, Task::Clock::time_point to) {
     return static_cast<uint64_t>(std::chrono::nanoseconds(to - from).count());
 }
@@ -119,9 +125,7 @@ void GraphQueue::send(Sending& sending) {
     const uint64_t ticket = sending.ticket;
     const std::shared_ptr<client::Client> client = m_session->client(sending.connection);
     if (!client || !client->isConnected()) {
-        InferResult unsent;
-        unsent.error = Error::notConnected();
-        return ended(ticket, unsent);
+        return ended(ticket, failed(Error::notConnected()));
     }
     client->inferAsync(
         sending.infer, [this, ticket](const InferResult& result) { ended(ticket, result); },
@@ -146,9 +150,7 @@ void GraphQueue::sendWaiting() {
             }
         }
         if (overdue) {
-            InferResult end;
-            end.error = expired();
-            finish(std::move(overdue), end);
+            finish(std::move(overdue), failed(expired()));
         } else {
             send(sending);
         }
@@ -169,6 +171,7 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
     std::shared_ptr<GraphQueue> self;
     Clock::time_point wake = Clock::time_point::max();
     bool waiting = false;
+    bool hasLeft = false;
     {
         MutexLock lock(m_mutex);
         std::optional<std::unique_ptr<Task>> found = m_sent.take(ticket);
@@ -185,11 +188,15 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
             m_pause = {};
         }
         waiting = !m_waiting.empty();
+        // While it is closed the service may be done with the client before it comes to the task.
+        hasLeft = m_closed && result.error.code() == KELM_ERROR_INVALID_CLIENT;
         m_change.notifyAll();
     }
     if (wake != Clock::time_point::max()) m_session->wakeAt(wake);
     if (waiting) sendWaiting();  // first: the devices wait for it
-    if (task) finish(std::move(task), result);
+    if (!task) return;
+    if (hasLeft) return finish(std::move(task), failed(Error::connectionLost()));
+    finish(std::move(task), result);
 }
 
 // Jitter: clients that are refused together should not come back together.
@@ -241,8 +248,7 @@ void GraphQueue::tellEnd(Task& task, const InferResult& result) {
 }
 
 void GraphQueue::finishUnsent(std::vector<std::unique_ptr<Task>> tasks, const Error& error) {
-    InferResult end;
-    end.error = error;
+    const InferResult end = failed(error);
     for (std::unique_ptr<Task>& task : tasks) finish(std::move(task), end);
 }
 
@@ -268,9 +274,7 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
         if (taskId == 0) here = dequeueTicketUnsafe(ticket);
     }
     if (here) {
-        InferResult canceledHere;
-        canceledHere.error = Error::canceled();
-        finish(std::move(here), canceledHere);
+        finish(std::move(here), failed(Error::canceled()));
         return true;
     }
     if (taskId == 0) return false;
