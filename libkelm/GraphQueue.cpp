@@ -290,7 +290,10 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
 // The first question is for nothing but its place: when it is answered, so are all requests that
 // the service had before. What still waits is taken back, what runs has no result to wait for.
 bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
-    (void)client.queryTask(0);
+    const auto isAnswer = [](const Error& error) {
+        return !error || error.kind() == ErrorKind::kService;
+    };
+    if (!isAnswer(client.queryTask(0).error())) return false;
     std::vector<uint64_t> taskIds;
     {
         MutexLock lock(m_mutex);
@@ -300,10 +303,14 @@ bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
             taskIds.push_back(task->taskId);
         }
     }
+    bool answers = true;
     std::erase_if(taskIds, [&](uint64_t taskId) {
+        if (!answers) return false;
         const Result<bool> canceled = client.cancel(taskId, kCancelDeadline);
+        answers = isAnswer(canceled.error());
         return canceled && canceled.value();
     });
+    if (!answers) return false;
     const Clock::time_point end = Clock::now() + kLookTime;
     for (const uint64_t taskId : taskIds) {
         while (true) {
