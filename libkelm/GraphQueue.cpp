@@ -40,6 +40,12 @@ bool isRefusal(const Error& error) {
            (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
 }
 
+InferResult failed(const Error& error) {
+    InferResult end;
+    end.error = error;
+    return end;
+}
+
 uint64_t nanosBetween(Task::Clock::time_point from, Task::Clock::time_point to) {
     return static_cast<uint64_t>(std::chrono::nanoseconds(to - from).count());
 }
@@ -132,9 +138,7 @@ void GraphQueue::send(Sending& sending, bool waited) {
     const uint64_t ticket = sending.ticket;
     const std::shared_ptr<client::Client> client = m_session->client(sending.connection);
     if (!client || !client->isConnected()) {
-        InferResult unsent;
-        unsent.error = Error::notConnected();
-        return ended(ticket, unsent);
+        return ended(ticket, failed(Error::notConnected()));
     }
     const auto done = [this, ticket](const InferResult& result) { ended(ticket, result); };
     const auto taken = [this, ticket](uint64_t taskId) { accepted(ticket, taskId); };
@@ -193,6 +197,9 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
         if (isUnsent(*task, result.error)) {
             end.error = keepUnsentUnsafe(task, result.error, Clock::now());
             wake = nextTickUnsafe();
+        } else if (m_closed && result.error.code() == KELM_ERROR_INVALID_CLIENT) {
+            // The service was done with the client before it came to the task.
+            end.error = m_closedWith;
         } else if (!lost) {
             m_pausedUntil = Clock::time_point::min();
             m_pause = {};
@@ -262,8 +269,7 @@ void GraphQueue::tellEnd(Task& task, const InferResult& result) {
 }
 
 void GraphQueue::finishUnsent(std::vector<std::unique_ptr<Task>> tasks, const Error& error) {
-    InferResult end;
-    end.error = error;
+    const InferResult end = failed(error);
     for (std::unique_ptr<Task>& task : tasks) finish(std::move(task), end);
 }
 
@@ -289,10 +295,8 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
         if (taskId == 0) here = dequeueTicketUnsafe(ticket);
     }
     if (here) {
-        InferResult canceledHere;
-        canceledHere.error = Error::canceled();
         const bool outer = std::exchange(t_isInCall, true);
-        finish(std::move(here), canceledHere);
+        finish(std::move(here), failed(Error::canceled()));
         t_isInCall = outer;
         return true;
     }
@@ -309,7 +313,10 @@ Result<bool> GraphQueue::cancel(uint64_t ticket, bool mayWait) {
 // The first question is for nothing but its place: when it is answered, so are all requests that
 // the service had before. What still waits is taken back, what runs has no result to wait for.
 bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
-    (void)client.queryTask(0);
+    const auto isAnswer = [](const Error& error) {
+        return !error || error.kind() == ErrorKind::kService;
+    };
+    if (!isAnswer(client.queryTask(0).error())) return false;
     std::vector<uint64_t> taskIds;
     {
         MutexLock lock(m_mutex);
@@ -319,10 +326,14 @@ bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
             taskIds.push_back(task->taskId);
         }
     }
+    bool answers = true;
     std::erase_if(taskIds, [&](uint64_t taskId) {
+        if (!answers) return false;
         const Result<bool> canceled = client.cancel(taskId, kCancelDeadline);
+        answers = isAnswer(canceled.error());
         return canceled && canceled.value();
     });
+    if (!answers) return false;
     const Clock::time_point end = Clock::now() + kLookTime;
     for (const uint64_t taskId : taskIds) {
         while (true) {

@@ -207,7 +207,10 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
     const Clock::time_point end = Clock::now() + deadline;
     auto graph = loadGraph(*current, source, deadline);
     if (!graph) return graph.error();
-    if (limits.window == 0) limits.window = kTasksADevice * countDevices(*current, timeUntil(end));
+    if (limits.window == 0) {
+        const client::Deadline left = std::min(timeUntil(end), client::kDefaultDeadline);
+        limits.window = kTasksADevice * countDevices(*current, left);
+    }
     current.reset();
     const auto queue =
         std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graph.value().id);
