@@ -1,0 +1,120 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <regex>
+
+#include "fakes/ServiceProcess.h"
+#include "tests/wire/WireClient.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::HasSubstr;
+
+// The end of a service manager's socket: an abstract one for a name that begins with "@".
+class ManagerSocket {
+ public:
+    explicit ManagerSocket(const std::string& name)
+        : m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        name.copy(address.sun_path, sizeof(address.sun_path));
+        if (name[0] == '@') address.sun_path[0] = '\0';
+        const size_t length = offsetof(sockaddr_un, sun_path) + name.size();
+        if (::bind(m_socket.get(), reinterpret_cast<sockaddr*>(&address),
+                   static_cast<socklen_t>(length)) != 0) {
+            throw std::runtime_error("bind failed: " + name);
+        }
+    }
+    // The next message, empty if none comes in time.
+    std::string next() const {
+        char text[256];
+        pollfd comes{m_socket.get(), POLLIN, 0};
+        if (::poll(&comes, 1, 20000) != 1) return {};
+        return {text, static_cast<size_t>(::recv(m_socket.get(), text, sizeof(text), 0))};
+    }
+
+ private:
+    UniqueFd m_socket;
+};
+
+constexpr const char* kEndsBehindItsLastClient =
+    R"({"service_settings": {"wait_seconds_before_exit": 0}})";
+
+TEST(SupervisedTest, ManagerIsToldOfReadinessPopulationAndEndInOrder) {
+    for (const bool abstract : {false, true}) {
+        for (const std::vector<std::string>& args : {std::vector<std::string>{}, {"-d"}}) {
+            SCOPED_TRACE(std::to_string(abstract) + std::to_string(args.size()));
+            ServiceProcess service(kEndsBehindItsLastClient);
+            const std::string name = (abstract ? "@" : "") + service.dir() + "/notify";
+            const ManagerSocket manager(name);
+            service.start(args, {"NOTIFY_SOCKET=" + name});
+            EXPECT_EQ(manager.next(), "READY=1\nSTATUS=2 devices, 0 clients");
+            EXPECT_TRUE(service.isHeld("kelm_service_ready.mutex"));
+            {
+                const auto begin = std::chrono::steady_clock::now();
+                std::vector<std::unique_ptr<WireClient>> clients;
+                for (int i = 0; i < 20; ++i) {
+                    clients.push_back(std::make_unique<WireClient>(service.socketPath(), "one"));
+                }
+                int statuses = 1;
+                while (manager.next() != "STATUS=2 devices, 20 clients" && statuses < 20) {
+                    ++statuses;
+                }
+                // Those of one second are told together.
+                const auto time = std::chrono::steady_clock::now() - begin;
+                EXPECT_LE(statuses, 2 + time / std::chrono::seconds(1));
+            }
+            std::string last;
+            while ((last = manager.next()).starts_with("STATUS=")) {
+            }
+            EXPECT_EQ(last, "STOPPING=1\nSTATUS=Stopping");
+            EXPECT_EQ(service.waitExit(), 0) << service.log();
+        }
+    }
+}
+
+TEST(SupervisedTest, ManagerThatCannotBeReachedIsDoneWithout) {
+    for (const std::string& name : {std::string("/absent/notify"), std::string("relative"),
+                                    std::string("@"), "/" + std::string(300, 'x')}) {
+        SCOPED_TRACE(name);
+        ServiceProcess service(kEndsBehindItsLastClient);
+        service.start({}, {"NOTIFY_SOCKET=" + name});
+        ASSERT_TRUE(service.waitReady()) << service.log();
+        EXPECT_NE(WireClient(service.socketPath()).registerClient("vanishes"), 0U);
+        EXPECT_EQ(service.waitExit(), 0) << service.log();
+    }
+}
+
+// Its log goes through a pipe, which the shell's variable OWN names.
+TEST(SupervisedTest, PipeGetsEachLineAtOnceAndTheJournalItsPriorities) {
+    constexpr const char* kPiped =
+        R"({ exec 3>&1; OWN=$(stat -Lc %d:%i /proc/self/fd/3); exec env $0 )" KELM_DAEMON
+        R"( -c absent 3>&- 2>&-; } | cat)";
+    for (const bool journal : {false, true}) {
+        SCOPED_TRACE(journal);
+        ServiceProcess service(R"({"service_settings": {"wait_seconds_before_exit": 0},
+            "debug_settings": {"info_printer": {
+                "print_interval": 1, "client_snapshot_mode": "base"}}})");
+        const std::string stream = journal ? "JOURNAL_STREAM=$OWN" : "JOURNAL_STREAM=1:1";
+        std::string command = kPiped;
+        command.replace(command.find("$0"), 2, stream);
+        service.start({"-c", command}, {}, "/bin/sh");
+        ASSERT_TRUE(service.waitReady()) << service.log();
+        {
+            const WireClient client(service.socketPath(), "piped");
+            EXPECT_TRUE(service.waitLog("client(id:1) registered: clientName=piped"));
+            EXPECT_TRUE(service.waitLog("| piped"));
+        }
+        EXPECT_EQ(service.waitExit(), 0) << service.log();
+        std::istringstream log(service.log());
+        const std::regex marked("(<[3-7]>|## ).*");
+        for (std::string line; std::getline(log, line);) {
+            EXPECT_EQ(std::regex_match(line, marked), journal || line.starts_with("## ")) << line;
+        }
+        EXPECT_THAT(service.log(), HasSubstr(journal ? "<3>[" : "\033[1;31;40m["));
+    }
+}
+
+}  // namespace
+}  // namespace kelm
