@@ -6,7 +6,7 @@ foreach(program kelmdaemon kelmctl)
         install(TARGETS ${program} RUNTIME DESTINATION bin)
     endif()
 endforeach()
-install(FILES config/kelm_service.config config/kelm_simulated.config DESTINATION config)
+install(FILES config/kelm_service.config DESTINATION config)
 
 # The client library, shared and static, for CMake as kelm::kelm and kelm::static, and for pkg-config.
 install(TARGETS kelm kelm_static EXPORT kelm-targets
