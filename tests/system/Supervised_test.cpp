@@ -57,10 +57,13 @@ TEST(SupervisedTest, ManagerIsToldOfReadinessPopulationAndEndInOrder) {
                 for (int i = 0; i < 20; ++i) {
                     clients.push_back(std::make_unique<WireClient>(service.socketPath(), "one"));
                 }
-                int statuses = 1;
-                while (manager.next() != "STATUS=2 devices, 20 clients" && statuses < 20) {
+                int statuses = 0;
+                std::string status = "first";
+                while (!status.empty() && status != "STATUS=2 devices, 20 clients") {
+                    status = manager.next();
                     ++statuses;
                 }
+                EXPECT_NE(status, "");
                 // Those of one second are told together.
                 const auto time = std::chrono::steady_clock::now() - begin;
                 EXPECT_LE(statuses, 2 + time / std::chrono::seconds(1));
@@ -93,9 +96,12 @@ TEST(SupervisedTest, PipeGetsEachLineAtOnceAndTheJournalItsPriorities) {
         R"( -c absent 3>&- 2>&-; } | cat)";
     for (const bool journal : {false, true}) {
         SCOPED_TRACE(journal);
+        // Tables, which have lines of their own, would also push the pipe's lines out.
+        const std::string tables = journal ? "base" : "none";
         ServiceProcess service(R"({"service_settings": {"wait_seconds_before_exit": 0},
             "debug_settings": {"info_printer": {
-                "print_interval": 1, "client_snapshot_mode": "base"}}})");
+                "print_interval": 1, "client_snapshot_mode": ")" +
+                               tables + R"("}}})");
         const std::string stream = journal ? "JOURNAL_STREAM=$OWN" : "JOURNAL_STREAM=1:1";
         std::string command = kPiped;
         command.replace(command.find("$0"), 2, stream);
@@ -104,7 +110,7 @@ TEST(SupervisedTest, PipeGetsEachLineAtOnceAndTheJournalItsPriorities) {
         {
             const WireClient client(service.socketPath(), "piped");
             EXPECT_TRUE(service.waitLog("client(id:1) registered: clientName=piped"));
-            EXPECT_TRUE(service.waitLog("| piped"));
+            EXPECT_TRUE(!journal || service.waitLog("| piped"));
         }
         EXPECT_EQ(service.waitExit(), 0) << service.log();
         std::istringstream log(service.log());
