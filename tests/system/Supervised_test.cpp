@@ -11,69 +11,54 @@ namespace {
 
 using ::testing::HasSubstr;
 
-// The end of a service manager's socket: an abstract one for a name that begins with "@".
-class ManagerSocket {
- public:
-    explicit ManagerSocket(const std::string& name)
-        : m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        name.copy(address.sun_path, sizeof(address.sun_path));
-        if (name[0] == '@') address.sun_path[0] = '\0';
-        const size_t length = offsetof(sockaddr_un, sun_path) + name.size();
-        if (::bind(m_socket.get(), reinterpret_cast<sockaddr*>(&address),
-                   static_cast<socklen_t>(length)) != 0) {
-            throw std::runtime_error("bind failed: " + name);
-        }
-    }
-    // The next message, empty if none comes in time.
-    std::string next() const {
-        char text[256];
-        pollfd comes{m_socket.get(), POLLIN, 0};
-        if (::poll(&comes, 1, 20000) != 1) return {};
-        return {text, static_cast<size_t>(::recv(m_socket.get(), text, sizeof(text), 0))};
-    }
-
- private:
-    UniqueFd m_socket;
-};
-
 constexpr const char* kEndsBehindItsLastClient =
     R"({"service_settings": {"wait_seconds_before_exit": 0}})";
 
+UniqueFd bindSocket(const std::string& name) {
+    UniqueFd bound(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{AF_UNIX, {}};
+    name.copy(address.sun_path, sizeof(address.sun_path));
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    EXPECT_EQ(::bind(bound.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    return bound;
+}
+
+// The next message, empty if none comes in time.
+std::string receive(const UniqueFd& socket) {
+    char text[256];
+    pollfd comes{socket.get(), POLLIN, 0};
+    if (::poll(&comes, 1, 20000) != 1) return {};
+    return {text, static_cast<size_t>(::recv(socket.get(), text, sizeof(text), 0))};
+}
+
 TEST(SupervisedTest, ManagerIsToldOfReadinessPopulationAndEndInOrder) {
-    for (const bool abstract : {false, true}) {
-        for (const std::vector<std::string>& args : {std::vector<std::string>{}, {"-d"}}) {
-            SCOPED_TRACE(std::to_string(abstract) + std::to_string(args.size()));
-            ServiceProcess service(kEndsBehindItsLastClient);
-            const std::string name = (abstract ? "@" : "") + service.dir() + "/notify";
-            const ManagerSocket manager(name);
-            service.start(args, {"NOTIFY_SOCKET=" + name});
-            EXPECT_EQ(manager.next(), "READY=1\nSTATUS=2 devices, 0 clients");
-            EXPECT_TRUE(service.isHeld("kelm_service_ready.mutex"));
-            {
-                const auto begin = std::chrono::steady_clock::now();
-                std::vector<std::unique_ptr<WireClient>> clients;
-                for (int i = 0; i < 20; ++i) {
-                    clients.push_back(std::make_unique<WireClient>(service.socketPath(), "one"));
-                }
-                int statuses = 0;
-                std::string status = "first";
-                while (!status.empty() && status != "STATUS=2 devices, 20 clients") {
-                    status = manager.next();
-                    ++statuses;
-                }
-                EXPECT_NE(status, "");
-                // Those of one second are told together.
-                const auto time = std::chrono::steady_clock::now() - begin;
-                EXPECT_LE(statuses, 2 + time / std::chrono::seconds(1));
-            }
-            std::string last;
-            while ((last = manager.next()).starts_with("STATUS=")) {
-            }
-            EXPECT_EQ(last, "STOPPING=1\nSTATUS=Stopping");
-            EXPECT_EQ(service.waitExit(), 0) << service.log();
+    for (const bool detached : {false, true}) {
+        SCOPED_TRACE(detached);
+        ServiceProcess service(kEndsBehindItsLastClient);
+        const std::string name = (detached ? "@" : "") + service.dir() + "/notify";
+        const UniqueFd manager = bindSocket(name);
+        service.start({detached ? "-d" : "--config-file=none"}, {"NOTIFY_SOCKET=" + name});
+        EXPECT_EQ(receive(manager), "READY=1\nSTATUS=2 devices, 0 clients");
+        EXPECT_TRUE(service.isHeld("kelm_service_ready.mutex"));
+        const auto begin = std::chrono::steady_clock::now();
+        std::vector<std::unique_ptr<WireClient>> clients;
+        for (int i = 0; i < 20; ++i) {
+            clients.push_back(std::make_unique<WireClient>(service.socketPath(), "one"));
         }
+        int messages = 0;
+        std::string last = "none";
+        for (; !last.empty() && last != "STATUS=2 devices, 20 clients"; ++messages) {
+            last = receive(manager);
+        }
+        EXPECT_NE(last, "");
+        // Those of one second are told together.
+        EXPECT_LE(messages,
+                  2 + (std::chrono::steady_clock::now() - begin) / std::chrono::seconds(1));
+        clients.clear();
+        while (last.starts_with("STATUS=")) last = receive(manager);
+        EXPECT_EQ(last, "STOPPING=1\nSTATUS=Stopping");
+        EXPECT_EQ(service.waitExit(), 0) << service.log();
     }
 }
 
@@ -92,7 +77,7 @@ TEST(SupervisedTest, ManagerThatCannotBeReachedIsDoneWithout) {
 // Its log goes through a pipe, which the shell's variable OWN names.
 TEST(SupervisedTest, PipeGetsEachLineAtOnceAndTheJournalItsPriorities) {
     constexpr const char* kPiped =
-        R"({ exec 3>&1; OWN=$(stat -Lc %d:%i /proc/self/fd/3); exec env $0 )" KELM_DAEMON
+        R"({ exec 3>&1; OWN=$(stat -Lc %d:%i /proc/self/fd/3); eval exec env JOURNAL_STREAM=$0 )" KELM_DAEMON
         R"( -c absent 3>&- 2>&-; } | cat)";
     for (const bool journal : {false, true}) {
         SCOPED_TRACE(journal);
@@ -102,10 +87,7 @@ TEST(SupervisedTest, PipeGetsEachLineAtOnceAndTheJournalItsPriorities) {
             "debug_settings": {"info_printer": {
                 "print_interval": 1, "client_snapshot_mode": ")" +
                                tables + R"("}}})");
-        const std::string stream = journal ? "JOURNAL_STREAM=$OWN" : "JOURNAL_STREAM=1:1";
-        std::string command = kPiped;
-        command.replace(command.find("$0"), 2, stream);
-        service.start({"-c", command}, {}, "/bin/sh");
+        service.start({"-c", kPiped, journal ? "$OWN" : "1:1"}, {}, "/bin/sh");
         ASSERT_TRUE(service.waitReady()) << service.log();
         {
             const WireClient client(service.socketPath(), "piped");

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kVariable = "NOTIFY_SOCKET";
+constexpr const char* kLastWord = "STOPPING=1\nSTATUS=Stopping";
 constexpr std::chrono::seconds kStatusPause{1};
 // A manager that does not read must not keep the service from its end.
 constexpr timeval kSendLimit{2, 0};
@@ -89,13 +91,8 @@ void SystemdNotifier::notifyRoutine() {
     Clock::time_point nextStatus;
     while (told.phase != Phase::Stopping) {
         const State news = waitForNews(told, nextStatus);
-        const std::string first = news.phase == told.phase ? "" : "READY=1\n";
-        if (news.phase == Phase::Stopping) {
-            send("STOPPING=1\nSTATUS=Stopping");
-        } else {
-            send(first + "STATUS=" + count(news.devices, "device") + ", " +
-                 count(news.clients, "client"));
-        }
+        const bool isLast = news.phase == Phase::Stopping;
+        if (!send(isLast ? kLastWord : describe(news, told)) && !isLast) continue;
         told = news;
         nextStatus = Clock::now() + kStatusPause;
     }
@@ -112,10 +109,16 @@ SystemdNotifier::State SystemdNotifier::waitForNews(const State& told,
     return m_state;
 }
 
-void SystemdNotifier::send(const std::string& text) const {
-    // Nothing depends on it: a manager that cannot be reached is told nothing.
-    (void)::sendto(m_socket.get(), text.data(), text.size(), MSG_NOSIGNAL,
-                   reinterpret_cast<const sockaddr*>(&m_address), m_addressLength);
+std::string SystemdNotifier::describe(const State& news, const State& told) {
+    return (news.phase == told.phase ? "" : "READY=1\n") +
+           ("STATUS=" + count(news.devices, "device")) + ", " + count(news.clients, "client");
+}
+
+// Any other failure is for good: a manager that cannot be reached is told nothing.
+bool SystemdNotifier::send(const std::string& text) const {
+    const ssize_t sent = ::sendto(m_socket.get(), text.data(), text.size(), MSG_NOSIGNAL,
+                                  reinterpret_cast<const sockaddr*>(&m_address), m_addressLength);
+    return sent >= 0 || (errno != EAGAIN && errno != EINTR);
 }
 
 }  // namespace kelm

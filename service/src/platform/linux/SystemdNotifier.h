@@ -52,7 +52,9 @@ class SystemdNotifier final : public NonCopyable, public PopulationListener {
     // Waits until there is something to tell after what was told last.
     State waitForNews(const State& told, std::chrono::steady_clock::time_point nextStatus)
         EXCLUDES(m_mutex);
-    void send(const std::string& text) const;
+    static std::string describe(const State& news, const State& told);
+    // False if the manager had no room for it in time, or a signal came: it may be tried again.
+    bool send(const std::string& text) const;
 
     sockaddr_un m_address{};
     socklen_t m_addressLength = 0;
