@@ -19,6 +19,21 @@ const char* lastComponent(const char* path) {
     return slash != nullptr ? slash + 1 : path;
 }
 
+const char* priorityOf(LogLevel level) {
+    if (level == LOG_LEVEL_ERROR || level == LOG_LEVEL_FATAL) return "<3>";
+    if (level == LOG_LEVEL_WARN) return "<4>";
+    return level == LOG_LEVEL_INFO ? "<6>" : "<7>";
+}
+
+// The journal takes each line of a table for a message of its own.
+std::string markLines(std::string text, const char* mark) {
+    text.insert(0, mark);
+    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
+        text.insert(end + 1, mark);
+    }
+    return text;
+}
+
 }  // namespace
 
 const char* colorBegin(LogLevel level) {
@@ -28,6 +43,11 @@ const char* colorBegin(LogLevel level) {
 
 const char* colorEnd(LogLevel level) { return colorBegin(level)[0] != '\0' ? "\033[0m" : ""; }
 
+void Log::setPriorities(bool on) {
+    MutexLock lock(m_mutex);
+    m_priorities = on;
+}
+
 void Log::setLog4cppInitFile(const std::string&) {}
 
 // Put together first and written in one piece; the mutex keeps the lines of threads apart.
@@ -35,7 +55,7 @@ void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t l
                     const char* object, const char* format, std::span<const FormatArg> args) {
     MutexLock lock(m_mutex);
     std::ostringstream text;
-    text << colorBegin(level) << m_prefix << "[" << getCurrentTime() << "]"
+    text << m_prefix << "[" << getCurrentTime() << "]"
          << "[" << ThreadUtils::getThreadId() << "]";
     if (level < kFirstWholeTag) {
         text << tag[0];
@@ -44,8 +64,10 @@ void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t l
     }
     text << "[" << lastComponent(file) << ":" << line << "]";
     if (object != nullptr) text << "[" << object << "]";
-    text << " " << StringHelper::formatArgs(format, args) << m_suffix << colorEnd(level) << "\n";
-    std::cout << text.str();
+    text << " " << StringHelper::formatArgs(format, args) << m_suffix;
+    const std::string whole = m_priorities ? markLines(text.str(), priorityOf(level))
+                                           : colorBegin(level) + text.str() + colorEnd(level);
+    std::cout << whole + "\n";
 }
 
 }  // namespace kelm

@@ -27,7 +27,8 @@ enum LogLevel : uint32_t {
 const char* colorBegin(LogLevel level);
 const char* colorEnd(LogLevel level);
 
-// The one log: lines on the standard output stream.
+// The one log: lines on the standard output stream, errors and warnings coloured; or, for the
+// system's journal, each line behind its priority, "<3>" for errors to "<7>" for traces.
 //
 // Threads: any. Locks: m_mutex is a leaf.
 class Log : public Singleton<Log> {
@@ -36,6 +37,8 @@ class Log : public Singleton<Log> {
 
     // Replaces the mask of enabled levels; 0 silences everything.
     void setLogLevel(unsigned int mask) { m_level.store(mask, std::memory_order_relaxed); }
+    // Priorities in place of colours. Called before other threads are started.
+    void setPriorities(bool on) EXCLUDES(m_mutex);
     // Accepted for older set-ups; has no effect.
     void setLog4cppInitFile(const std::string& path);
 
@@ -62,6 +65,7 @@ class Log : public Singleton<Log> {
     Mutex m_mutex;
     std::string m_prefix GUARDED_BY(m_mutex);
     std::string m_suffix GUARDED_BY(m_mutex);
+    bool m_priorities GUARDED_BY(m_mutex) = false;
     // Atomic: the gate reads it without the lock, and a racing change is harmless.
     std::atomic<uint32_t> m_level{0xCC};
 };

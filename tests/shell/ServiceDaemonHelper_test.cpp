@@ -29,18 +29,21 @@ class ServiceDaemonHelperTest : public ::testing::Test {
 TEST_F(ServiceDaemonHelperTest, ReadyLockOfAnotherHoldsUpNeitherStartNorStop) {
     GlobalMutex other(RunPaths::readyMutex(), true);
     ASSERT_TRUE(other.trylock());
+    std::atomic<int> held{0};
     ServiceDaemonHelper stays;
     const auto done = std::async(std::launch::async, [&] {
         {
             ServiceDaemonHelper stops;
-            stops.daemonReadyToServe();
+            stops.daemonReadyToServe([&] { held += 10; });
             stops.daemonStop();
         }
-        stays.daemonReadyToServe();
+        stays.daemonReadyToServe([&] { ++held; });
     });
     EXPECT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(held, 0);
     other.unlock();
-    EXPECT_TRUE(eventually([] { return !isFree(RunPaths::readyMutex()); }));
+    EXPECT_TRUE(eventually([&] { return held == 1; }));
+    EXPECT_FALSE(isFree(RunPaths::readyMutex()));
 }
 
 TEST_F(ServiceDaemonHelperTest, LocksTellThePhase) {

@@ -10,7 +10,9 @@
 #include "devices/DeviceSettings.h"
 #include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
+#include "reporting/PopulationListener.h"
 #include "utils/Log.h"
+#include "utils/Port.h"
 #include "utils/StepTrace.h"
 #include "utils/ThreadUtils.h"
 
@@ -116,6 +118,7 @@ std::unique_ptr<WorkThread> WorkerRegistry::adoptWorker(std::unique_ptr<WorkThre
     entry->worker = std::move(worker);
     entry->phase = Phase::Active;
     m_schedulers.addWorker(entry->worker.get());
+    Port<PopulationListener>::notify<&PopulationListener::addDevices>(1);
     return nullptr;
 }
 
@@ -128,6 +131,7 @@ bool WorkerRegistry::destroyWorkThread(const std::string& device) {
     const bool hasPlace = entry->phase == Phase::Active;
     entry->phase = Phase::Removing;
     m_schedulers.removeWorker(entry->worker.get(), hasPlace);
+    Port<PopulationListener>::notify<&PopulationListener::addDevices>(-1);
     return true;
 }
 

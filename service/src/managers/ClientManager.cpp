@@ -11,6 +11,7 @@
 #include "records/KelmClient.h"
 #include "records/Request.h"
 #include "reporting/InfoCollector.h"
+#include "reporting/PopulationListener.h"
 #include "reporting/ReportPart.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
@@ -100,6 +101,7 @@ uint64_t ClientManager::addClient(const char* name, uint16_t major, uint16_t min
     auto client = std::make_unique<KelmClient>(clientId, name, std::move(shared), major, minor);
     m_socketClientMap[connection->getSimulateFD()] = client.get();
     m_idClientMap.emplace(clientId, std::move(client));
+    Port<PopulationListener>::notify<&PopulationListener::addClients>(1);
     return clientId;
 }
 
@@ -265,6 +267,7 @@ void ClientManager::cleanClientUnsafe(uint64_t clientId) {
     if (client == m_idClientMap.end()) return;
     removeSocketEntryUnsafe(*client->second);
     m_idClientMap.erase(client);
+    Port<PopulationListener>::notify<&PopulationListener::addClients>(-1);
     if (m_finished) return;
     ResultDispatcher::instance().enqueueRemoveDedicatedThreadPool(clientId);
     if (!m_idClientMap.empty()) return;

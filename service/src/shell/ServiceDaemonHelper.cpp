@@ -1,5 +1,7 @@
 #include "shell/ServiceDaemonHelper.h"
 
+#include <utility>
+
 #include "config/ServiceConfigParser.h"
 #include "utils/AccessController.h"
 #include "utils/Log.h"
@@ -18,23 +20,27 @@ ServiceDaemonHelper::ServiceDaemonHelper()
 
 ServiceDaemonHelper::~ServiceDaemonHelper() { stopWaiting(); }
 
-void ServiceDaemonHelper::daemonReadyToServe() {
-    if (!m_readyMutex.isOpen() || m_readyMutex.trylock()) return;
-    m_readyWaiter = std::thread([this] { waitForReadyLock(); });
+void ServiceDaemonHelper::daemonReadyToServe(std::function<void()> onHeld) {
+    // A file that cannot be opened would never be locked; clients are served without it.
+    if (!m_readyMutex.isOpen() || m_readyMutex.trylock()) return onHeld();
+    m_readyWaiter = std::thread([this, onHeld = std::move(onHeld)] {
+        if (waitForReadyLock()) onHeld();
+    });
 }
 
 // Usually a client that looks whether the service is ready holds it, for an instant. One that keeps
 // it must hold up nothing else, the end of the service least of all.
-void ServiceDaemonHelper::waitForReadyLock() {
+bool ServiceDaemonHelper::waitForReadyLock() {
     constexpr int kAttemptsBeforeWarning = 1000;
     long pauseMillisec = 1;
     for (int attempts = 1; !m_readyMutex.trylock(); ++attempts) {
-        if (m_waitEnd.waitFor(pauseMillisec)) return;
+        if (m_waitEnd.waitFor(pauseMillisec)) return false;
         if (attempts != kAttemptsBeforeWarning) continue;
         LOG_WARN("Warn: another process keeps %s locked: see lslocks(8) which one",
                  RunPaths::readyMutex());
         pauseMillisec = 100;
     }
+    return true;
 }
 
 void ServiceDaemonHelper::stopWaiting() {

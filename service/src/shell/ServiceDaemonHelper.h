@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <thread>
 
 #include "utils/GlobalMutex.h"
@@ -24,8 +25,9 @@ class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
     // False if another service holds the alive lock.
     bool isLocked() const { return m_isLocked; }
     // Takes the ready lock, and never waits: if another process holds it, it is taken as soon as
-    // that one releases it, unless daemonStop() comes first.
-    void daemonReadyToServe();
+    // that one releases it, unless daemonStop() comes first. Calls when it is held, which in that
+    // case is on another thread; at once, if the file could not be opened.
+    void daemonReadyToServe(std::function<void()> onHeld = [] {});
     // From here a client that wants the service waits until this process has ended. False if the
     // time is up first: a client that is starting the service holds the lock.
     bool daemonReadyToStop(long timeoutMillisec);
@@ -34,7 +36,8 @@ class ServiceDaemonHelper : public Singleton<ServiceDaemonHelper> {
 
  private:
     void updateMutexFileAtrribute();
-    void waitForReadyLock();
+    // False if the wait was ended.
+    bool waitForReadyLock();
     void stopWaiting();
 
     bool m_isLocked = false;

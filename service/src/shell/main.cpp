@@ -12,6 +12,7 @@
 #include "execution/KelmDeviceBase.h"
 #include "managers/MessageDispatcher.h"
 #include "managers/wiring.h"
+#include "platform/linux/SystemdNotifier.h"
 #include "shell/CommandLineParser.h"
 #include "shell/ExitLimit.h"
 #include "shell/ExitSignal.h"
@@ -21,6 +22,7 @@
 #include "utils/DaemonHelper.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
+#include "utils/StandardOutput.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
@@ -36,6 +38,11 @@ constexpr long kLookForSignalMillisec = 100;
 constexpr int kMappedBlockBytes = 128 << 10;
 
 CommandLineParser cmdlineParser;
+
+void setupOutput() {
+    StandardOutput::flushLines();
+    Log::instance().setPriorities(StandardOutput::isJournal());
+}
 
 // The daemon is this program again without the option; the parent ends at once.
 void startDaemon(int argc, char** argv) {
@@ -160,8 +167,9 @@ void waitUntilUnused(ExitSignal& signal) {
 }
 
 // The limit first: everything below may meet a device that does not answer.
-void stopService() {
+void stopService(SystemdNotifier& notifier) {
     ExitLimit::start(kTimeToEnd, 0);
+    notifier.stopping();
     if (hasBootTool()) AutobootStarter::instance().stop();
     ServiceDaemonHelper::instance().daemonStop();
     const bool ended = MessageDispatcher::instance().stopService();
@@ -173,7 +181,7 @@ void stopService() {
 
 // The devices are booted before they are looked for, and the ports connected before any thread is
 // started that uses them. The ready lock comes last: a client that sees it is served.
-int runService() {
+int runService(SystemdNotifier& notifier) {
     if (!bootDevices()) return kFailure;
     std::signal(SIGPIPE, SIG_IGN);  // before the first socket: a dead client is an error code
     connectPorts();
@@ -184,9 +192,9 @@ int runService() {
     });
     LOG_INFO("SERVICE IS READY ...");
     std::cout.flush();
-    ServiceDaemonHelper::instance().daemonReadyToServe();
+    ServiceDaemonHelper::instance().daemonReadyToServe([&notifier] { notifier.ready(); });
     waitUntilUnused(signal);
-    stopService();
+    stopService(notifier);
     return 0;
 }
 
@@ -197,12 +205,14 @@ int runService() {
 int main(int argc, char** argv) {
     using namespace kelm;
     Log::instance();  // built first, so that it is destroyed last
+    setupOutput();
     if (!cmdlineParser.parse(argc, argv)) return 0;
     if (cmdlineParser.isRunAsDaemon()) {
         startDaemon(argc, argv);
         return 0;
     }
     setupEnvironment();
+    SystemdNotifier notifier;  // before other threads: it changes the environment
     const std::string kelmInstallDir = getKelmInstallDir();
     if (kelmInstallDir.empty()) return kFailure;
     std::cout << "## KELM_INSTALL_DIR: " << kelmInstallDir << "\n";
@@ -210,5 +220,5 @@ int main(int argc, char** argv) {
     if (!takeAliveLock()) return kFailure;
     setupLog(kelmInstallDir);
     if (ServiceConfigParser::instance().isTracerEnabled()) enableTracer();
-    return runService();
+    return runService(notifier);
 }
