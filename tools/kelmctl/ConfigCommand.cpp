@@ -22,12 +22,6 @@ namespace {
 
 constexpr int kSchema = 1;
 
-// What the reader has to say is told by the findings, with their places.
-std::vector<ConfigFile> load(const std::vector<std::string>& paths) {
-    Log::instance().setLogLevel(0);
-    return {paths.begin(), paths.end()};
-}
-
 // One line that a terminal obeys in nothing, whatever a file holds.
 void print(const std::string& text, bool utf8) {
     std::cout << toUtf8(safeText(text, utf8)) << "\n";
@@ -66,12 +60,17 @@ std::vector<std::string> listConfigPaths(const std::vector<std::string>& configF
     return paths;
 }
 
+std::vector<ConfigFile> loadConfigFiles(const std::vector<std::string>& paths) {
+    Log::instance().setLogLevel(0);
+    return {paths.begin(), paths.end()};
+}
+
 int runConfigCheck(const ConfigOptions& options) {
     if (!options.files.empty() && !options.configFiles.empty()) {
         throw UsageError("name the files, or add some with --config-file to the service's own");
     }
-    const std::vector<ConfigFile> files =
-        load(options.files.empty() ? listConfigPaths(options.configFiles) : options.files);
+    const std::vector<ConfigFile> files = loadConfigFiles(
+        options.files.empty() ? listConfigPaths(options.configFiles) : options.files);
     const std::vector<ConfigFinding> findings = checkConfigFiles(files);
     const bool utf8 = useTerminalLocale();
     for (const ConfigFinding& finding : findings) print(describe(finding), utf8);
@@ -79,7 +78,7 @@ int runConfigCheck(const ConfigOptions& options) {
 }
 
 int runConfigShow(const ConfigOptions& options) {
-    const std::vector<ConfigFile> files = load(listConfigPaths(options.configFiles));
+    const std::vector<ConfigFile> files = loadConfigFiles(listConfigPaths(options.configFiles));
     const std::vector<ConfigValue> values = readConfigValues(files);
     if (options.json) {
         nlohmann::json object{{"schema", kSchema}, {"keys", nlohmann::json::array()}};

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/kelmctl/ConfigFile.h"
+
 namespace kelm::ctl {
 
 struct ConfigOptions {
@@ -21,5 +23,8 @@ int runConfigShow(const ConfigOptions& options);
 // The files that the service would read and that are there, in its order; one that it would miss is
 // among them. Throws with a text for the user where the service would not start.
 std::vector<std::string> listConfigPaths(const std::vector<std::string>& configFiles);
+
+// Reads them. What the service's reader logs about them is silenced, as it is told by the findings.
+std::vector<ConfigFile> loadConfigFiles(const std::vector<std::string>& paths);
 
 }  // namespace kelm::ctl

@@ -10,6 +10,7 @@
 
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/ConfigCommand.h"
+#include "tools/kelmctl/DoctorCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/NearestName.h"
@@ -196,6 +197,20 @@ Command addConfig(CLI::App& app) {
             }};
 }
 
+Command addDoctor(CLI::App& app) {
+    CLI::App* command =
+        app.add_subcommand("doctor", "look for what keeps the service or its clients from working");
+    const auto options = std::make_shared<kelm::ctl::DoctorOptions>();
+    command->add_option("--graph", options->graph.graph,
+                        "compiled graph for an inference on accelerators; simulated devices need "
+                        "none");
+    addGraphChoice(*command, options->graph);
+    command->add_option("-c,--config-file", options->configFiles,
+                        "a file that the service is started with; may be given several times");
+    command->add_flag("--json", options->json, "as one object");
+    return {command, [options] { return kelm::ctl::runDoctor(*options); }};
+}
+
 Command addVersion(CLI::App& app) {
     CLI::App* command = app.add_subcommand("version", "print the versions of tool and library");
     return {command, [] {
@@ -254,7 +269,7 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", kelm::ctl::versionText);
     const Command commands[] = {addInfer(app), addLoad(app),   addBench(app),     addStatus(app),
                                 addTop(app),   addTrace(app),  addWaitReady(app), addStop(app),
-                                addReset(app), addConfig(app), addVersion(app)};
+                                addReset(app), addConfig(app), addDoctor(app),    addVersion(app)};
     try {
         checkCommand(app, std::span(argv, static_cast<size_t>(argc)).subspan(1));
         app.parse(argc, argv);
