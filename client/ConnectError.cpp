@@ -14,26 +14,17 @@ namespace kelm::client {
 namespace {
 
 constexpr size_t kMaxPathLength = sizeof(sockaddr_un::sun_path) - 1;
-constexpr gid_t kRootGroup = 0;
 
 // What lets the user in, where the group of the socket decides.
 std::string remedy(const struct stat& socket, const UserGroups& user) {
     constexpr mode_t kGroupMay = S_IWGRP;
-    const std::string group = UserGroups::nameOf(socket.st_gid);
     if ((socket.st_mode & kGroupMay) == 0 || user.hasInSession(socket.st_gid)) {
         return StringHelper::format(
             "the socket's mode %04o keeps the group out; start the service "
             "again, which sets the mode",
             socket.st_mode & 07777u);
     }
-    if (user.hasInAccount(socket.st_gid)) {
-        return "the user has joined the group since; log in again, or run: newgrp " + group;
-    }
-    if (socket.st_gid == kRootGroup) {
-        return "set security_settings.user_group in the configuration of the service to a group of "
-               "the user's, and start the service again";
-    }
-    return "run: sudo usermod -aG " + group + " " + user.user + ", then log in again";
+    return user.adviceFor(socket.st_gid);
 }
 
 std::string denied(const std::string& path) {

@@ -11,6 +11,8 @@ namespace kelm::client {
 
 namespace {
 
+constexpr gid_t kRootGroup = 0;
+
 using NameBuffer = std::array<char, 16384>;  // of what the system's lists say about one name
 
 bool contains(const std::vector<gid_t>& groups, gid_t group) {
@@ -45,6 +47,18 @@ UserGroups UserGroups::ofThisProcess() {
     if (::getgrouplist(found->pw_name, found->pw_gid, groups.account.data(), &count) < 0) count = 0;
     groups.account.resize(static_cast<size_t>(count));
     return groups;
+}
+
+std::string UserGroups::adviceFor(gid_t group) const {
+    const std::string name = nameOf(group);
+    if (hasInAccount(group)) {
+        return "the user has joined the group since; log in again, or run: newgrp " + name;
+    }
+    if (group == kRootGroup) {
+        return "set security_settings.user_group in the configuration of the service to a group of "
+               "the user's, and start the service again";
+    }
+    return "run: sudo usermod -aG " + name + " " + user + ", then log in again";
 }
 
 bool UserGroups::hasInAccount(gid_t group) const { return contains(account, group); }

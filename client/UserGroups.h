@@ -13,6 +13,8 @@ struct UserGroups {
     // The name, or the number in its place.
     static std::string nameOf(gid_t group);
 
+    // What makes the user a member of the group in this session.
+    std::string adviceFor(gid_t group) const;
     bool hasInAccount(gid_t group) const;
     bool hasInSession(gid_t group) const;
 

@@ -123,8 +123,8 @@ ServiceLook checkSockets(client::Deadline deadline, Interruption& interruption,
     interruption.setService(nullptr);
     const std::string who = ProcessFacts(look.pid).describe();
     if (!status) {
-        report.add({kCheck, Verdict::kProblem,
-                    fmt::format("{} listens and does not answer: {}", who, status.error().text()),
+        const std::string why = failed(kCheck, status.error().text()).text;
+        report.add({kCheck, Verdict::kProblem, fmt::format("{} listens: {}", who, why),
                     "see its log; if it hangs, end it by force and start it again"});
         return look;
     }
@@ -157,20 +157,11 @@ void checkGroup(const std::string& configured, DoctorReport& report) {
                            "set security_settings.user_group to a group that is there"});
     }
     const std::string name = UserGroups::nameOf(*group);
-    const bool inAccount = user.hasInAccount(*group);
-    const auto fact = [&](const char* verb, const char* where) {
-        return fmt::format("user {} {} in group {} {}", user.user, verb, name, where);
-    };
-    if (user.hasInSession(*group)) {
-        report.add({kCheck, Verdict::kOk, fact("is", "in this session"), ""});
-    } else if (inAccount) {
-        report.add({kCheck, Verdict::kProblem, fact("has come to be", "since this session began"),
-                    "log in again, or run: newgrp " + name});
-    } else {
-        report.add(
-            {kCheck, Verdict::kProblem, fact("is not", "by the account or in this session"),
-             fmt::format("run: sudo usermod -aG {} {}, then log in again", name, user.user)});
-    }
+    const bool isMember = user.hasInSession(*group);
+    report.add({kCheck, isMember ? Verdict::kOk : Verdict::kProblem,
+                fmt::format("user {} is {} group {} in this session", user.user,
+                            isMember ? "in" : "not in", name),
+                isMember ? "" : user.adviceFor(*group)});
 }
 
 void checkInference(const GraphChoice& choice, bool isSimulated, Interruption& interruption,

@@ -12,10 +12,11 @@ namespace kelm::ctl {
 
 std::string ProcessFacts::describe() const {
     if (m_pid <= 0) return "a process of another pid namespace";
-    std::ifstream file(directory() + "/comm");
-    std::string name;
-    if (!std::getline(file, name)) name = "not to be seen from here";
-    return fmt::format("process {} ({})", m_pid, name);
+    // Of the program: the name of the process is its first thread's, which may be any.
+    std::ifstream file(directory() + "/cmdline");
+    std::string program;
+    if (!std::getline(file, program, '\0')) program = "not to be seen from here";
+    return fmt::format("process {} ({})", m_pid, program.substr(program.rfind('/') + 1));
 }
 
 std::optional<uint64_t> ProcessFacts::descriptorLimit() const {
