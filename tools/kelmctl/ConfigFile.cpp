@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <ranges>
 #include <utility>
 
 #include "utils/CommonHelper.h"
@@ -38,10 +37,9 @@ bool isHexadecimal(const std::string& text) {
 
 std::string chosen(const ConfigChoices& choices, const std::string& text) {
     const std::string wanted = choices.anyCase ? toLower(text) : text;
-    for (const auto word : std::views::split(choices.words, '|')) {
-        if (std::string_view(word.begin(), word.end()) == wanted) return wanted;
-    }
-    return choices.others;
+    const bool isOne = wanted.find('|') == wanted.npos &&
+                       fmt::format("|{}|", choices.words).find("|" + wanted + "|") != wanted.npos;
+    return isOne ? wanted : choices.others;
 }
 
 // The installed file, which alone decides some keys, is told by the name that the service has for

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <ranges>
 #include <set>
 
 namespace kelm::ctl {
@@ -14,12 +13,11 @@ ConfigValue readValue(const ConfigKey& key, int subclass, const std::vector<Conf
     if (isInScheduler(key)) {
         value.key = fmt::format("{}[{}].{}", kSchedulerSection, subclass, memberName(key));
     }
-    for (const ConfigFile& file : files | std::views::reverse) {
+    for (const ConfigFile& file : files) {
         const auto found = file.find(key, subclass);
         if (!found) continue;
         value.value = usedValue(key, *found);
         value.file = file.path();
-        break;
     }
     return value;
 }
