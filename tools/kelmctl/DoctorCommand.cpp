@@ -1,5 +1,7 @@
 #include "tools/kelmctl/DoctorCommand.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -50,8 +52,15 @@ void examine(const DoctorOptions& options, Interruption& interruption, DoctorRep
         report.add({"device", Verdict::kOk, "simulated ones need no library and no bus", ""});
     } else {
         checkLibraries(report);
-        checkDeviceNodes(valueOf("device_settings.device_vid"),
-                         valueOf("device_settings.device_pid"), service.pid, report);
+        const size_t count =
+            checkDeviceNodes(valueOf("device_settings.device_vid"),
+                             valueOf("device_settings.device_pid"), service.pid, report);
+        if (service.status && service.status->deviceCount < count) {
+            report.add(
+                {"device", Verdict::kWarning,
+                 fmt::format("the service uses {} of {}", service.status->deviceCount, count),
+                 "see its log for the others, and plug them in again"});
+        }
     }
     checkSharedMemory(report);
     checkDescriptorLimit(service.pid, report);

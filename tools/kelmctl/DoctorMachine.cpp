@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -37,14 +38,29 @@ std::string readWord(const std::filesystem::path& path) {
     return word;
 }
 
-// As the kernel writes it: four digits, without "0x". Empty for what is no number.
-std::string usbId(const std::string& configured) {
-    const bool hasPrefix = configured.starts_with("0x") || configured.starts_with("0X");
+struct UsbId {
+    unsigned long vendor = 0;
+    unsigned long product = 0;
+    bool operator==(const UsbId&) const = default;
+};
+
+// 0 for what is no number, as in the service.
+unsigned long readHexadecimal(const std::string& text) {
     try {
-        return fmt::format("{:04x}", std::stoul(configured.substr(hasPrefix ? 2 : 0), nullptr, 16));
+        return std::stoul(text, nullptr, 16);
     } catch (const std::logic_error&) {
-        return "";
+        return 0;
     }
+}
+
+// Out of the device's own descriptor, as the service's USB library reads it.
+UsbId readUsbId(const std::filesystem::path& device) {
+    constexpr size_t kVendor = 8;  // bytes; two for each number, the lower one first
+    std::ifstream file(device / "descriptors", std::ios::binary);
+    std::array<unsigned char, kVendor + 4> bytes{};
+    file.read(reinterpret_cast<char*>(bytes.data()), bytes.size());
+    const auto number = [&](size_t at) { return bytes[at] + 0x100UL * bytes[at + 1]; };
+    return {number(kVendor), number(kVendor + 2)};
 }
 
 // By the mode; an access control list for the service's account is not looked at.
@@ -65,7 +81,8 @@ bool mayUse(const std::string& node, pid_t service) {
 void checkNode(const std::filesystem::path& device, pid_t service, DoctorReport& report) {
     const std::string node = fmt::format("/dev/bus/usb/{:0>3}/{:0>3}", readWord(device / "busnum"),
                                          readWord(device / "devnum"));
-    const std::string port = device.filename();
+    std::string port = device.filename();
+    std::ranges::replace(port, '-', '.');  // as the service names its devices
     if (::access(node.c_str(), F_OK) != 0) {
         report.add({"device", Verdict::kProblem, fmt::format("port {} has no {}", port, node),
                     "start udev, or mount /dev/bus/usb into the container"});
@@ -148,15 +165,14 @@ void checkLibraries(DoctorReport& report) {
     }
 }
 
-void checkDeviceNodes(const std::string& vendor, const std::string& product, pid_t service,
-                      DoctorReport& report) {
+size_t checkDeviceNodes(const std::string& vendor, const std::string& product, pid_t service,
+                        DoctorReport& report) {
+    const UsbId wanted{readHexadecimal(vendor), readHexadecimal(product)};
     std::error_code error;
     size_t count = 0;
     for (std::filesystem::directory_iterator at(kUsbDevices, error), end; !error && at != end;
          at.increment(error)) {
-        const bool isOurs = readWord(at->path() / "idVendor") == usbId(vendor) &&
-                            readWord(at->path() / "idProduct") == usbId(product);
-        if (!isOurs) continue;
+        if (readUsbId(at->path()) != wanted) continue;
         ++count;
         checkNode(at->path(), service, report);
     }
@@ -166,13 +182,15 @@ void checkDeviceNodes(const std::string& vendor, const std::string& product, pid
              fmt::format("no USB bus can be seen: {}: {}", kUsbDevices, error.message()),
              "load the USB drivers, or mount /sys and /dev/bus/usb into the "
              "container"});
+    } else if (count == 0) {
+        report.add(
+            {"device", Verdict::kProblem,
+             fmt::format("no accelerator with the USB id {:04x}:{:04x} is on the bus",
+                         wanted.vendor, wanted.product),
+             "plug one in, look at its power and cable, and compare device_settings with lsusb; "
+             "for simulated devices set fake_device_settings.enable_fake_device to true"});
     }
-    if (count > 0) return;
-    report.add({"device", Verdict::kProblem,
-                fmt::format("no accelerator with the USB id {}:{} is on the bus", usbId(vendor),
-                            usbId(product)),
-                "plug one in, look at its power and cable, and compare device_settings with lsusb; "
-                "for simulated devices set fake_device_settings.enable_fake_device to true"});
+    return count;
 }
 
 void checkSharedMemory(DoctorReport& report) {

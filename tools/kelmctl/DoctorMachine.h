@@ -17,10 +17,10 @@ void checkConfiguration(const std::vector<ConfigFile>& files, DoctorReport& repo
 void checkRunDirectory(DoctorReport& report);
 // The libraries that the service loads when it uses accelerators.
 void checkLibraries(DoctorReport& report);
-// The nodes of the accelerators on the USB bus, and whether the service may use them; 0: for the
-// user of this process.
-void checkDeviceNodes(const std::string& vendor, const std::string& product, pid_t service,
-                      DoctorReport& report);
+// The nodes of the accelerators on the USB bus, how many they are, and whether the service may use
+// them; 0: for the user of this process.
+size_t checkDeviceNodes(const std::string& vendor, const std::string& product, pid_t service,
+                        DoctorReport& report);
 void checkSharedMemory(DoctorReport& report);
 // Of the service's process; 0: of one that would be started from here.
 void checkDescriptorLimit(pid_t service, DoctorReport& report);
