@@ -177,18 +177,16 @@ size_t checkDeviceNodes(const std::string& vendor, const std::string& product, p
         checkNode(at->path(), service, report);
     }
     if (error) {
-        return report.add(
-            {"device", Verdict::kProblem,
-             fmt::format("no USB bus can be seen: {}: {}", kUsbDevices, error.message()),
-             "load the USB drivers, or mount /sys and /dev/bus/usb into the "
-             "container"});
+        report.add({"device", Verdict::kProblem,
+                    fmt::format("no USB bus can be seen: {}: {}", kUsbDevices, error.message()),
+                    "load the USB drivers, or mount /sys and /dev/bus/usb into the container"});
     } else if (count == 0) {
-        report.add(
-            {"device", Verdict::kProblem,
-             fmt::format("no accelerator with the USB id {:04x}:{:04x} is on the bus",
-                         wanted.vendor, wanted.product),
-             "plug one in, look at its power and cable, and compare device_settings with lsusb; "
-             "for simulated devices set fake_device_settings.enable_fake_device to true"});
+        report.add({"device", Verdict::kProblem,
+                    fmt::format("no accelerator with the USB id {:04x}:{:04x} is on the bus",
+                                wanted.vendor, wanted.product),
+                    "plug one in, look at its power and cable, and compare device_settings with "
+                    "lsusb; for simulated devices set fake_device_settings.enable_fake_device to "
+                    "true"});
     }
     return count;
 }
