@@ -10,6 +10,7 @@
 
 #include "tools/kelmctl/ConfigValues.h"
 #include "tools/kelmctl/NearestName.h"
+#include "utils/CommonHelper.h"
 #include "utils/TextHelper.h"
 
 namespace kelm::ctl {
@@ -219,11 +220,12 @@ class Check {
     void checkGroup(const ConfigKey& key, const LocatedJson& value,
                     const std::optional<std::string>& configured) {
         // Without the variable nobody can tell which file that is.
-        if (!configured && std::getenv("KELM_INSTALL_DIR") != nullptr) {
+        const std::string installDir = CommonHelper::getKelmInstallDir();
+        if (!configured && !installDir.empty()) {
             return add(value.place,
                        fmt::format("\"{}\" counts only in the file under the install directory, "
                                    "{}; move it there",
-                                   key.path, std::getenv("KELM_INSTALL_DIR")));
+                                   key.path, installDir));
         }
         if (!value.text.empty() && ::getgrnam(value.text.c_str()) == nullptr) {
             add(value.place,

@@ -11,7 +11,7 @@ enum class ConfigKind {
     kNumber,
     kBoolean,
     kSwitch,       // on for the text "on" alone
-    kText,         //
+    kText,         // one of its choices, if it has any
     kDirectory,    // a text; where there is no such directory it counts as empty
     kHexadecimal,  // a text; 0 where it is none
     kGroup,        // a text; read from the file under the install directory only
