@@ -90,18 +90,25 @@ std::string SegmentName::make() {
     return name.data();
 }
 
-// Each was made by this user, or it cannot be removed: the directory has the sticky bit. As root
-// the owner must be asked for, since root could remove all.
-void SegmentName::removeThoseOfDeadProcesses() {
+std::vector<SegmentName::LeftOver> SegmentName::listThoseOfDeadProcesses() {
     const uint64_t ownNamespace = pidNamespace();
+    std::vector<LeftOver> found;
     std::error_code error;
     for (std::filesystem::directory_iterator at(kDirectory, error), end; !error && at != end;
          at.increment(error)) {
         const std::string name = at->path().filename().string();
-        if (!isLeftOver(name, ownNamespace)) continue;
         struct stat info {};
-        const bool isOwn = ::lstat(at->path().c_str(), &info) == 0 && info.st_uid == ::geteuid();
-        if (isOwn) (void)::shm_unlink(("/" + name).c_str());
+        if (!isLeftOver(name, ownNamespace) || ::lstat(at->path().c_str(), &info) != 0) continue;
+        found.push_back({"/" + name, info.st_uid, static_cast<uint64_t>(info.st_size)});
+    }
+    return found;
+}
+
+// Each was made by this user, or it cannot be removed: the directory has the sticky bit. As root
+// the owner must be asked for, since root could remove all.
+void SegmentName::removeThoseOfDeadProcesses() {
+    for (const LeftOver& object : listThoseOfDeadProcesses()) {
+        if (object.owner == ::geteuid()) (void)::shm_unlink(object.name.c_str());
     }
 }
 

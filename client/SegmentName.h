@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kelm::client {
 
@@ -11,9 +15,17 @@ namespace kelm::client {
 // Threads: any.
 class SegmentName {
  public:
+    struct LeftOver {
+        std::string name;  // as shm_unlink() takes it
+        uid_t owner;
+        uint64_t bytes;
+    };
+
     static std::string make();
-    // Removes the objects of this user whose makers have died. Those of other pid namespaces stay,
-    // since nothing is known of their processes here.
+    // The objects of all users whose makers have died. Those of other pid namespaces are not among
+    // them, since nothing is known of their processes here.
+    static std::vector<LeftOver> listThoseOfDeadProcesses();
+    // Removes those of this user.
     static void removeThoseOfDeadProcesses();
 };
 

@@ -15,6 +15,7 @@
 #include <optional>
 #include <sstream>
 
+#include "utils/ConfigText.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
 
@@ -25,10 +26,6 @@ namespace {
 using Tree = boost::property_tree::ptree;
 
 constexpr const char* kDefaultFirmware = "default";
-// Far more than any configuration needs. The JSON reader calls itself for each level, so that a
-// file of nothing but brackets would end the process.
-constexpr size_t kMaxFileBytes = 1 << 20;
-constexpr int kMaxNesting = 64;
 
 // A value of the wrong type counts as one that is missing.
 template <class T>
@@ -41,29 +38,15 @@ std::optional<T> valueAt(const Tree& tree, const char* key) {
 
 // Nothing, with a line in the log, if there is more than the limit.
 std::optional<std::string> readBounded(std::istream& file, const std::string& path) {
-    std::string text(kMaxFileBytes + 1, '\0');
+    std::string text(ConfigText::kMaxBytes + 1, '\0');
     file.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<size_t>(file.gcount()));
-    if (text.size() <= kMaxFileBytes) return text;
+    if (text.size() <= ConfigText::kMaxBytes) return text;
     LOG_ERROR(
         "Error: config file '%s' is larger than %lu bytes and is not used; shorten it, or split it "
         "into several files",
-        path, kMaxFileBytes);
+        path, ConfigText::kMaxBytes);
     return std::nullopt;
-}
-
-// Deliberate: a plain cut that knows nothing of JSON strings, so a value holding `//` loses its
-// tail. It keeps the comments of the files simple.
-std::string cutComments(const std::string& commented) {
-    std::istringstream file(commented);
-    std::string text;
-    std::string line;
-    while (std::getline(file, line)) {
-        const size_t comment = line.find("//");
-        if (comment != std::string::npos) line.erase(comment);
-        text += line + '\n';
-    }
-    return text;
 }
 
 // False, with a line in the log, if objects and arrays lie deeper in each other than the limit.
@@ -76,16 +59,16 @@ bool isNestingBounded(const std::string& text, const std::string& path) {
         if (quoted) {
             if (c == '\\') ++i;  // what it escapes ends no string
         } else if (c == '{' || c == '[') {
-            if (++depth > kMaxNesting) break;
+            if (++depth > ConfigText::kMaxNesting) break;
         } else if (c == '}' || c == ']') {
             --depth;
         }
     }
-    if (depth <= kMaxNesting) return true;
+    if (depth <= ConfigText::kMaxNesting) return true;
     LOG_ERROR(
         "Error: config file '%s' has more than %d levels of objects and arrays and is not used; "
         "remove what is nested deeper",
-        path, kMaxNesting);
+        path, ConfigText::kMaxNesting);
     return false;
 }
 
@@ -196,7 +179,7 @@ bool ConfigParser::appendConfigFile(const std::string& path, bool reportMissing)
     }
     const std::optional<std::string> commented = readBounded(file, path);
     if (!commented) return false;
-    const std::string text = cutComments(*commented);
+    const std::string text = ConfigText::cutComments(*commented);
     if (!isNestingBounded(text, path)) return false;
     Tree tree;
     try {

@@ -41,6 +41,9 @@ GraphFile::GraphFile(std::string path, bool byPath) : m_path(std::move(path)), m
     }
 }
 
+GraphFile::GraphFile(std::string name, std::vector<std::byte> bytes)
+    : m_path(std::move(name)), m_byPath(false), m_bytes(std::move(bytes)) {}
+
 client::Result<client::Graph> GraphFile::create(client::Client& service,
                                                 client::GraphOptions options,
                                                 client::Deadline deadline) const {

@@ -16,6 +16,8 @@ class GraphFile {
  public:
     // Throws std::runtime_error with a text for the user when there are no bytes to be had.
     GraphFile(std::string path, bool byPath);
+    // Bytes that are in no file, and a name for them.
+    GraphFile(std::string name, std::vector<std::byte> bytes);
 
     // The graph has the file's path for its name. Where no device takes it, the error tells which
     // devices there are.

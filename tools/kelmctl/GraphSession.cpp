@@ -2,30 +2,30 @@
 
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 #include "tools/kelmctl/Interruption.h"
 #include "tools/kelmctl/UsageError.h"
 
 namespace kelm::ctl {
 
-namespace {
-
-client::Deadline toDeadline(double seconds) {
+client::Deadline GraphSession::deadlineOf(const GraphChoice& choice) {
     constexpr double kLeast = 0.001;
     constexpr double kMost = 86400.0;
-    if (!(seconds >= kLeast && seconds <= kMost)) {
+    if (!(choice.timeout >= kLeast && choice.timeout <= kMost)) {
         throw UsageError("a time-out is 0.001 to 86400 seconds");
     }
-    return client::Deadline(static_cast<int64_t>(seconds * 1000.0));
+    return client::Deadline(static_cast<int64_t>(choice.timeout * 1000.0));
 }
 
-}  // namespace
-
 GraphSession::GraphSession(const GraphChoice& choice, Interruption& interruption)
+    : GraphSession(choice, GraphFile(choice.graph, choice.graphByPath), interruption) {}
+
+GraphSession::GraphSession(const GraphChoice& choice, GraphFile file, Interruption& interruption)
     : m_choice(choice),
       m_interruption(interruption),
-      m_deadline(toDeadline(choice.timeout)),
-      m_file(choice.graph, choice.graphByPath) {}
+      m_deadline(deadlineOf(choice)),
+      m_file(std::move(file)) {}
 
 void GraphSession::open() {
     m_service = take(client::Client::connect({}, m_deadline));

@@ -25,9 +25,12 @@ struct GraphChoice {
 // Threads: one. Owns: a share of the connection, the other one is the interruption's.
 class GraphSession {
  public:
-    // Reads the file; the service is not asked for anything yet. Throws UsageError for a time-out
-    // that is none.
+    // For each step. Throws UsageError for a time-out that is none.
+    static client::Deadline deadlineOf(const GraphChoice& choice);
+    // Reads the file; the service is not asked for anything yet.
     GraphSession(const GraphChoice& choice, Interruption& interruption);
+    // The same with a graph that has been read; the choice's is not looked at.
+    GraphSession(const GraphChoice& choice, GraphFile file, Interruption& interruption);
 
     // Connects, registers and has the graph loaded.
     void open();

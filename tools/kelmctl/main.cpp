@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "tools/kelmctl/BenchCommand.h"
+#include "tools/kelmctl/ConfigCommand.h"
+#include "tools/kelmctl/DoctorCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/NearestName.h"
@@ -172,6 +174,43 @@ Command addReset(CLI::App& app) {
     return {command, [options] { return kelm::ctl::runReset(*options); }};
 }
 
+// The command of two words; each of them has options of its own.
+Command addConfig(CLI::App& app) {
+    CLI::App* command = app.add_subcommand("config", "look at the configuration of the service");
+    command->require_subcommand(1);
+    const auto options = std::make_shared<kelm::ctl::ConfigOptions>();
+    CLI::App* check = command->add_subcommand(
+        "check", "tell what the service does not know, passes over or takes for something else");
+    check->add_option("files", options->files,
+                      "the files; without any, those that the service would read");
+    CLI::App* show =
+        command->add_subcommand("show", "print each key with the value that the service would use");
+    show->add_flag("--origin", options->origin, "and the file that it comes from");
+    show->add_flag("--json", options->json, "as one object");
+    for (CLI::App* part : {check, show}) {
+        part->add_option("-c,--config-file", options->configFiles,
+                         "a file that the service is started with; may be given several times");
+    }
+    return {command, [check, options] {
+                return check->parsed() ? kelm::ctl::runConfigCheck(*options)
+                                       : kelm::ctl::runConfigShow(*options);
+            }};
+}
+
+Command addDoctor(CLI::App& app) {
+    CLI::App* command =
+        app.add_subcommand("doctor", "look for what keeps the service or its clients from working");
+    const auto options = std::make_shared<kelm::ctl::DoctorOptions>();
+    command->add_option("--graph", options->graph.graph,
+                        "compiled graph for an inference on accelerators; simulated devices need "
+                        "none");
+    addGraphChoice(*command, options->graph);
+    command->add_option("-c,--config-file", options->configFiles,
+                        "a file that the service is started with; may be given several times");
+    command->add_flag("--json", options->json, "as one object");
+    return {command, [options] { return kelm::ctl::runDoctor(*options); }};
+}
+
 Command addVersion(CLI::App& app) {
     CLI::App* command = app.add_subcommand("version", "print the versions of tool and library");
     return {command, [] {
@@ -181,16 +220,24 @@ Command addVersion(CLI::App& app) {
 }
 
 // The parser would take an unknown command for a mistake of the arguments behind it.
-void checkCommand(const CLI::App& app, int argc, char** argv) {
+void checkCommand(const CLI::App& app, std::span<char*> words) {
     std::vector<std::string> names;
     for (const CLI::App* command : app.get_subcommands(nullptr)) {
         names.push_back(command->get_name());
     }
-    if (argc < 2) throw kelm::ctl::UsageError("no command; see kelmctl --help");
-    const std::string word = argv[1];
-    if (word.starts_with('-') || std::count(names.begin(), names.end(), word) > 0) return;
-    throw kelm::ctl::UsageError("unknown command '" + word + "'; the nearest is '" +
-                                kelm::ctl::findNearest(word, names) + "', see kelmctl --help");
+    if (names.empty()) return;
+    const std::string parent = app.get_parent() == nullptr ? "" : app.get_name() + " ";
+    if (words.empty()) {
+        throw kelm::ctl::UsageError("no command; see kelmctl " + parent + "--help");
+    }
+    const std::string word = words[0];
+    if (word.starts_with('-')) return;
+    if (std::count(names.begin(), names.end(), word) == 0) {
+        throw kelm::ctl::UsageError("unknown command '" + parent + word + "'; the nearest is '" +
+                                    parent + kelm::ctl::findNearest(word, names) +
+                                    "', see kelmctl " + parent + "--help");
+    }
+    checkCommand(*app.get_subcommand(word), words.subspan(1));
 }
 
 // The parser's words tell what is wrong, and not what would be right.
@@ -222,9 +269,9 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", kelm::ctl::versionText);
     const Command commands[] = {addInfer(app), addLoad(app),   addBench(app),     addStatus(app),
                                 addTop(app),   addTrace(app),  addWaitReady(app), addStop(app),
-                                addReset(app), addVersion(app)};
+                                addReset(app), addConfig(app), addDoctor(app),    addVersion(app)};
     try {
-        checkCommand(app, argc, argv);
+        checkCommand(app, std::span(argv, static_cast<size_t>(argc)).subspan(1));
         app.parse(argc, argv);
         for (const Command& command : commands) {
             if (command.app->parsed()) return command.run();

@@ -2,72 +2,83 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
+#include "config/ConfigKeys.h"
 #include "utils/ConfigParser.h"
 #include "utils/Singleton.h"
 
 namespace kelm {
 
-// Every key of the service with its default, grouped and ordered as in docs/configuration.md. A
-// getter looks into the loaded files at each call, never fails and never throws; a component reads
-// its values when it is built.
+// A getter for each key of ConfigKeys.h, in the same order. It looks into the loaded files at each
+// call, never fails and never throws, and tells what is configured: bounds are for the components,
+// which read their values when they are built.
 //
 // Threads: as ConfigParser.
 class ServiceConfigParser : public ConfigParser, public Singleton<ServiceConfigParser> {
  public:
-    // A table, one key a line.
+    struct File {
+        std::string path;
+        bool reportMissing;
+    };
+    // What the service reads, a later file over an earlier one: that of the install directory, the
+    // user's own, those of the command line.
+    static std::vector<File> listFiles(const std::string& installDir,
+                                       const std::vector<std::string>& furtherFiles);
+
+    // One key a line.
     // clang-format off
 
     // service_settings
-    int getWaitSecondsBeforeExit() const { return integer("service_settings.wait_seconds_before_exit", -1); }
-    int getMaxCachedGraphNumber() const { return integer("service_settings.max_cached_graph_number", 4); }
-    int getMaxInferenceNumber() const { return integer("service_settings.max_inference_number", 4); }
-    int getMaxGraphNumber() const { return integer("service_settings.max_graph_number", 0); }
-    int getServerMaxTaskNumber() const { return integer("service_settings.server_max_task_number", 300); }
-    int getClientMaxTaskNumber() const { return integer("service_settings.client_max_task_number", 0); }
-    int getTevoLogLevel() const { return integer("service_settings.tevo_log_level", 4); }
-    int getUpdateThermalInterval() const { return integer("service_settings.update_thermal_interval", 2000); }
-    int getUpdateInferTimeInterval() const { return integer("service_settings.update_timetaken_interval", 1000); }
-    int getCommonTimeout() const { return integer("service_settings.common_timeout", 1); }
-    int getAllocGraphTimeout() const { return integer("service_settings.alloc_graph_timeout", 12); }
-    std::string getTaskScheduler() const { return text("service_settings.task_scheduler", "polling"); }
+    int getWaitSecondsBeforeExit() const { return integer("service_settings.wait_seconds_before_exit"); }
+    int getMaxCachedGraphNumber() const { return integer("service_settings.max_cached_graph_number"); }
+    int getMaxInferenceNumber() const { return integer("service_settings.max_inference_number"); }
+    int getMaxGraphNumber() const { return integer("service_settings.max_graph_number"); }
+    int getServerMaxTaskNumber() const { return integer("service_settings.server_max_task_number"); }
+    int getClientMaxTaskNumber() const { return integer("service_settings.client_max_task_number"); }
+    int getTevoLogLevel() const { return integer("service_settings.tevo_log_level"); }
+    int getUpdateThermalInterval() const { return integer("service_settings.update_thermal_interval"); }
+    int getUpdateInferTimeInterval() const { return integer("service_settings.update_timetaken_interval"); }
+    int getCommonTimeout() const { return integer("service_settings.common_timeout"); }
+    int getAllocGraphTimeout() const { return integer("service_settings.alloc_graph_timeout"); }
+    std::string getTaskScheduler() const { return text("service_settings.task_scheduler"); }
 
     // fake_device_settings
-    bool isFakeDeviceEnabled() const { return boolean("fake_device_settings.enable_fake_device", false); }
-    int getFakeDeviceNum() const { return integer("fake_device_settings.fake_device_number", 3); }
-    int getAllocGraphLatency() const { return integer("fake_device_settings.alloc_graph_latency", 5); }
-    int getLoadTensorLatency() const { return integer("fake_device_settings.load_tensor_latency", 5); }
-    int getGetResultLatency() const { return integer("fake_device_settings.get_result_latency", 10); }
-    int getFakeDeviceQueueCapacity() const { return integer("fake_device_settings.queue_capacity", 10); }
-    int getFakeDeviceWaitTimeout() const { return integer("fake_device_settings.wait_timeout", 5000); }
-    double getFakeDeviceLatencyStddev() const { return parseDoubleFromConfigList("fake_device_settings.latency_distribution_stddev", 1.0); }
+    bool isFakeDeviceEnabled() const { return boolean("fake_device_settings.enable_fake_device"); }
+    int getFakeDeviceNum() const { return integer("fake_device_settings.fake_device_number"); }
+    int getAllocGraphLatency() const { return integer("fake_device_settings.alloc_graph_latency"); }
+    int getLoadTensorLatency() const { return integer("fake_device_settings.load_tensor_latency"); }
+    int getGetResultLatency() const { return integer("fake_device_settings.get_result_latency"); }
+    int getFakeDeviceQueueCapacity() const { return integer("fake_device_settings.queue_capacity"); }
+    int getFakeDeviceWaitTimeout() const { return integer("fake_device_settings.wait_timeout"); }
+    double getFakeDeviceLatencyStddev() const { return number("fake_device_settings.latency_distribution_stddev"); }
 
     // debug_settings
-    bool isDebugServiceEnabled() const { return boolean("debug_settings.debug_service", true); }
-    bool isTracerEnabled() const { return boolean("debug_settings.enable_tracer", false); }
+    bool isDebugServiceEnabled() const { return boolean("debug_settings.debug_service"); }
+    bool isTracerEnabled() const { return boolean("debug_settings.enable_tracer"); }
     bool isDumpGraphEnabled() const { return isOn("debug_settings.dump_graph"); }
-    std::string getGraphDumpPath() const { return text("debug_settings.dump_graph_path", ""); }
-    std::string getGraphIdentity() const { return text("debug_settings.graph_identity", "hash"); }
-    std::string getTensorContainer() const { return text("debug_settings.tensor_container", "default"); }
+    std::string getGraphDumpPath() const { return directory("debug_settings.dump_graph_path"); }
+    std::string getGraphIdentity() const { return text("debug_settings.graph_identity"); }
+    std::string getTensorContainer() const { return text("debug_settings.tensor_container"); }
 
     // debug_settings.info_printer
-    bool isInfoPrinterEnabled() const { return boolean("debug_settings.info_printer.enable", true); }
-    int getInfoPrintInterval() const { return integer("debug_settings.info_printer.print_interval", 5000); }
-    int getFpsBufferTimeLength() const { return integer("debug_settings.info_printer.fps_buffer", 10000); }
+    bool isInfoPrinterEnabled() const { return boolean("debug_settings.info_printer.enable"); }
+    int getInfoPrintInterval() const { return integer("debug_settings.info_printer.print_interval"); }
+    int getFpsBufferTimeLength() const { return integer("debug_settings.info_printer.fps_buffer"); }
     bool isPrintClientFpsEnabled() const { return isOn("debug_settings.info_printer.client_fps"); }
     bool isPrintDeviceFpsEnabled() const { return isOn("debug_settings.info_printer.device_fps"); }
     bool isPrintServiceFpsEnabled() const { return isOn("debug_settings.info_printer.service_fps"); }
     bool isPrintGraphFpsEnabled() const { return isOn("debug_settings.info_printer.graph_fps"); }
     bool isPrintDeviceUtilizationEnabled() const { return isOn("debug_settings.info_printer.device_utilization"); }
     bool isPrintMemoryUsageEnabled() const { return isOn("debug_settings.info_printer.memory_usage"); }
-    std::string getClientSnapshotMode() const { return text("debug_settings.info_printer.client_snapshot_mode", "none"); }
-    std::string getClientSnapshotStyle() const { return text("debug_settings.info_printer.client_snapshot_style", "table"); }
-    std::string getDeviceSnapshotMode() const { return text("debug_settings.info_printer.device_snapshot_mode", "none"); }
-    std::string getDeviceSnapshotStyle() const { return text("debug_settings.info_printer.device_snapshot_style", "table"); }
-    std::string getGraphSnapshotMode() const { return text("debug_settings.info_printer.graph_snapshot_mode", "none"); }
-    std::string getGraphSnapshotStyle() const { return text("debug_settings.info_printer.graph_snapshot_style", "table"); }
-    std::string getTaskSnapshotMode() const { return text("debug_settings.info_printer.task_snapshot_mode", "none"); }
-    std::string getTaskSnapshotStyle() const { return text("debug_settings.info_printer.task_snapshot_style", "list"); }
+    std::string getClientSnapshotMode() const { return text("debug_settings.info_printer.client_snapshot_mode"); }
+    std::string getClientSnapshotStyle() const { return text("debug_settings.info_printer.client_snapshot_style"); }
+    std::string getDeviceSnapshotMode() const { return text("debug_settings.info_printer.device_snapshot_mode"); }
+    std::string getDeviceSnapshotStyle() const { return text("debug_settings.info_printer.device_snapshot_style"); }
+    std::string getGraphSnapshotMode() const { return text("debug_settings.info_printer.graph_snapshot_mode"); }
+    std::string getGraphSnapshotStyle() const { return text("debug_settings.info_printer.graph_snapshot_style"); }
+    std::string getTaskSnapshotMode() const { return text("debug_settings.info_printer.task_snapshot_mode"); }
+    std::string getTaskSnapshotStyle() const { return text("debug_settings.info_printer.task_snapshot_style"); }
 
     // debug_settings.debug_process
     bool isMessageDispatcherDebugProcessEnabled() const { return isOn("debug_settings.debug_process.message_dispatcher"); }
@@ -86,18 +97,18 @@ class ServiceConfigParser : public ConfigParser, public Singleton<ServiceConfigP
 
     // security_settings: only the file under the install directory decides, so that a user's own
     // file cannot widen the access to the service
-    std::string getValidUserGroup() const { return parseStringFromDefaultConfigFile("security_settings.user_group", "users"); }
+    std::string getValidUserGroup() const { return group("security_settings.user_group"); }
 
     // device_settings: hexadecimal texts; 0 for a text that is none or does not fit
-    int getDeviceVid() const { return hexadecimal("device_settings.device_vid", "0x7c52"); }
-    int getDevicePid() const { return hexadecimal("device_settings.device_pid", "0xe19a"); }
+    int getDeviceVid() const { return hexadecimal("device_settings.device_vid"); }
+    int getDevicePid() const { return hexadecimal("device_settings.device_pid"); }
 
     // scheduler_config, one element a device subclass
-    int getMaxGraphNumPerDevice(int subclass) const { return ofSubclass("max_graph_per_device", subclass, 2); }
-    int getMaxPendingTaskNum(int subclass) const { return ofSubclass("max_task_number_switch_out", subclass, 20); }
-    int getMaxPendingCycle(int subclass) const { return ofSubclass("max_cycle_switch_out", subclass, 3); }
-    int getStreamDeviceNumber(int subclass) const { return ofSubclass("stream_device_number", subclass, 0); }
-    int getDeviceScheduleInterval(int subclass) const { return ofSubclass("device_schedule_interval", subclass, 5000); }
+    int getMaxGraphNumPerDevice(int subclass) const { return ofSubclass("scheduler_config.max_graph_per_device", subclass); }
+    int getMaxPendingTaskNum(int subclass) const { return ofSubclass("scheduler_config.max_task_number_switch_out", subclass); }
+    int getMaxPendingCycle(int subclass) const { return ofSubclass("scheduler_config.max_cycle_switch_out", subclass); }
+    int getStreamDeviceNumber(int subclass) const { return ofSubclass("scheduler_config.stream_device_number", subclass); }
+    int getDeviceScheduleInterval(int subclass) const { return ofSubclass("scheduler_config.device_schedule_interval", subclass); }
     // clang-format on
 
     // Devices set aside for each tag. False if a value is no number, with what came before it.
@@ -109,14 +120,15 @@ class ServiceConfigParser : public ConfigParser, public Singleton<ServiceConfigP
     std::string getStartExitMutexPath() const;
 
  private:
-    int integer(const char* key, int def) const { return parseIntegerFromConfigList(key, def); }
-    bool boolean(const char* key, bool def) const { return parseBooleanFromConfigList(key, def); }
-    std::string text(const char* key, const char* def) const {
-        return parseStringFromConfigList(key, def);
-    }
-    bool isOn(const char* key) const { return isSwitchTurnedOn(key, "off"); }
-    int hexadecimal(const char* key, const char* def) const;
-    int ofSubclass(const char* key, int subclass, int def) const;
+    int integer(ConfigKeyOf<ConfigKind::kInteger> key) const;
+    double number(ConfigKeyOf<ConfigKind::kNumber> key) const;
+    bool boolean(ConfigKeyOf<ConfigKind::kBoolean> key) const;
+    bool isOn(ConfigKeyOf<ConfigKind::kSwitch> key) const;
+    std::string text(ConfigKeyOf<ConfigKind::kText> key) const;
+    std::string directory(ConfigKeyOf<ConfigKind::kDirectory> key) const;
+    std::string group(ConfigKeyOf<ConfigKind::kGroup> key) const;
+    int hexadecimal(ConfigKeyOf<ConfigKind::kHexadecimal> key) const;
+    int ofSubclass(ConfigKeyOf<ConfigKind::kInteger> key, int subclass) const;
 };
 
 }  // namespace kelm

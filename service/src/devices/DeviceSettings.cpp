@@ -30,11 +30,10 @@ DeviceSettings DeviceSettings::load(int subclass) {
         throw std::invalid_argument(
             "Please check \"graph_tag_map\" configuration in kelm_service.config");
     }
-    // Below 0 counts as none.
-    const int streamDevices = config.getStreamDeviceNumber(subclass);
-    settings.streamDeviceNum = static_cast<unsigned long>(std::max(streamDevices, 0));
-    // A device has a slave worker or two.
-    settings.maxGraphNumPerDevice = std::clamp(config.getMaxGraphNumPerDevice(subclass), 1, 2);
+    settings.streamDeviceNum = static_cast<unsigned long>(
+        bounded("scheduler_config.stream_device_number", config.getStreamDeviceNumber(subclass)));
+    settings.maxGraphNumPerDevice =
+        bounded("scheduler_config.max_graph_per_device", config.getMaxGraphNumPerDevice(subclass));
     settings.maxPendingTaskNum = config.getMaxPendingTaskNum(subclass);
     settings.maxPendingCycle = config.getMaxPendingCycle(subclass);
     // A device can always cache what it runs.

@@ -21,15 +21,12 @@ constexpr int kLoadTimedOut = -1;
 constexpr int kResultTimedOut = -8;
 // MB; a simulated graph weighs the same whatever its size.
 constexpr uint32_t kGraphMemory = 10;
-constexpr double kDefaultAllocMs = 5.0;
-constexpr double kDefaultLoadMs = 5.0;
-constexpr double kDefaultResultMs = 10.0;
 
 // Bytes, in the order of KelmGraphInfo.
 constexpr size_t kGraphInfo[] = {36000, 4000, 300, 120, 104};
 
-LatencyDistribution makeLatency(int configuredMs, double defaultMs) {
-    return LatencyDistribution(configuredMs < 0 ? defaultMs : configuredMs,
+LatencyDistribution makeLatency(int meanMs) {
+    return LatencyDistribution(meanMs,
                                ServiceConfigParser::instance().getFakeDeviceLatencyStddev());
 }
 
@@ -41,11 +38,14 @@ KelmFakeDevice::KelmFakeDevice(const std::string& name)
       m_trace(ServiceConfigParser::instance().isDeviceDebugProcessEnabled(), m_logName),
       m_randomEngine(std::random_device("default")()),
       m_allocGraphLatency(
-          makeLatency(ServiceConfigParser::instance().getAllocGraphLatency(), kDefaultAllocMs)),
+          makeLatency(bounded("fake_device_settings.alloc_graph_latency",
+                              ServiceConfigParser::instance().getAllocGraphLatency()))),
       m_loadTensorLatency(
-          makeLatency(ServiceConfigParser::instance().getLoadTensorLatency(), kDefaultLoadMs)),
+          makeLatency(bounded("fake_device_settings.load_tensor_latency",
+                              ServiceConfigParser::instance().getLoadTensorLatency()))),
       m_getResultLatency(
-          makeLatency(ServiceConfigParser::instance().getGetResultLatency(), kDefaultResultMs)) {
+          makeLatency(bounded("fake_device_settings.get_result_latency",
+                              ServiceConfigParser::instance().getGetResultLatency()))) {
     // For the temperatures, which have no engine of their own.
     std::srand(static_cast<unsigned int>(std::time(nullptr)));
     readSettings();
@@ -72,11 +72,12 @@ KelmFakeDevice::~KelmFakeDevice() {
 
 void KelmFakeDevice::readSettings() {
     const ServiceConfigParser& config = ServiceConfigParser::instance();
-    const int capacity = config.getFakeDeviceQueueCapacity();
-    if (capacity > 0) m_capacity = static_cast<size_t>(capacity);
-    const int timeoutMs = config.getFakeDeviceWaitTimeout();
+    m_capacity = static_cast<size_t>(
+        bounded("fake_device_settings.queue_capacity", config.getFakeDeviceQueueCapacity()));
+    const int timeoutMs =
+        bounded("fake_device_settings.wait_timeout", config.getFakeDeviceWaitTimeout());
     // Deliberate: whole seconds, so that a time-out below 1000 ms fails at once.
-    if (timeoutMs > 0) m_waitTimeoutSeconds = static_cast<uint64_t>(timeoutMs / 1000);
+    m_waitTimeoutSeconds = static_cast<uint64_t>(timeoutMs / 1000);
 }
 
 std::unique_ptr<KelmDeviceBase> KelmFakeDevice::clone() {

@@ -14,8 +14,6 @@
 
 namespace kelm {
 
-constexpr const char* kTevoLibraryName = "libtevo-kelm.so.0";
-
 // The numbers of the options, by what they are used with.
 enum QxGlobalOption : int {
     QX_GLOBAL_LOG_LEVEL = 0,  // 32-bit int, as the other two

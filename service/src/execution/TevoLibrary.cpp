@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "config/AcceleratorLibraries.h"
 #include "utils/DynamicLibrary.h"
 
 namespace kelm {

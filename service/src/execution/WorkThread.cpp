@@ -62,9 +62,8 @@ void WorkThread::init() {
         return;
     }
     m_device->setMaxCacheGraphNumber(m_maxCachedGraphNum);
-    // Below 2 there is nothing to overlap, and one task in flight is the least.
-    const int32_t inferences = ServiceConfigParser::instance().getMaxInferenceNumber();
-    if (inferences >= 2) m_maxInferenceNumber = inferences;
+    m_maxInferenceNumber = bounded("service_settings.max_inference_number",
+                                   ServiceConfigParser::instance().getMaxInferenceNumber());
     m_device->setFifoCapacity(static_cast<unsigned int>(m_maxInferenceNumber) + kSpareFifoPlaces);
     createSlaveWorker();
 }

@@ -38,9 +38,10 @@ constexpr milliseconds kThreadEndTime{1000};  // for each of the two threads
 constexpr milliseconds kShortestPause{100};
 
 seconds readInterval() {
-    const int millisec = ServiceConfigParser::instance().getInfoPrintInterval();
+    const int millisec = bounded("debug_settings.info_printer.print_interval",
+                                 ServiceConfigParser::instance().getInfoPrintInterval());
     // Deliberate: the rest is cut, so that less than a second means no waiting.
-    return millisec > 0 ? seconds(millisec / 1000) : seconds(5);
+    return seconds(millisec / 1000);
 }
 
 using StatusPtr = std::shared_ptr<KelmStatus>;

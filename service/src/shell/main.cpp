@@ -89,12 +89,9 @@ std::string getKelmInstallDir() {
 // Later files override earlier ones. A file that cannot be loaded stops nothing.
 void loadServiceConfigFiles(const std::string& kelmInstallDir) {
     ServiceConfigParser& parser = ServiceConfigParser::instance();
-    parser.appendConfigFile(kelmInstallDir + "/config/kelm_service.config", true);
-    if (const char* home = FileHelper::getHome()) {
-        parser.appendConfigFile(std::string(home) + "/.kelm_service.config", false);
-    }
-    for (const std::string& file : cmdlineParser.getServiceConfigFiles()) {
-        parser.appendConfigFile(file, false);
+    for (const auto& [path, reportMissing] :
+         ServiceConfigParser::listFiles(kelmInstallDir, cmdlineParser.getServiceConfigFiles())) {
+        parser.appendConfigFile(path, reportMissing);
     }
 }
 

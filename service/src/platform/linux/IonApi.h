@@ -4,12 +4,6 @@
 // IonLibrary. A negative result is a failure. The last arguments of ion_alloc_only and the places
 // `a` and `b` are given 64 zeroed bits each, since their widths are not documented.
 
-namespace kelm {
-
-constexpr const char* kIonLibraryName = "libion.so.0";
-
-}  // namespace kelm
-
 extern "C" {
 
 int ion_open(void);

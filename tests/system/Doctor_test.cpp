@@ -1,0 +1,148 @@
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
+
+#include "client/SegmentName.h"
+#include "fakes/OtherUser.h"
+#include "fakes/ServiceFixture.h"
+#include "fakes/ServiceProcess.h"
+#include "system/CommandProcess.h"
+
+namespace kelm {
+namespace {
+
+using ::testing::HasSubstr;
+
+// A name as of a process that has died.
+std::string leaveSegment() {
+    int ends[2] = {-1, -1};
+    if (::pipe(ends) != 0) return "";
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const std::string name = client::SegmentName::make();
+        const bool isMade = ::shm_open(name.c_str(), O_CREAT | O_RDWR, 0600) >= 0 &&
+                            ::write(ends[1], name.data(), name.size()) > 0;
+        ::_exit(isMade ? 0 : 1);
+    }
+    ::waitpid(pid, nullptr, 0);
+    char name[64] = {};
+    (void)::read(ends[0], name, sizeof(name) - 1);
+    for (const int end : ends) ::close(end);
+    return name;
+}
+
+class DoctorTest : public SystemFixture {
+ protected:
+    struct Row {
+        const char* scene;
+        std::function<void()> enter;
+        std::function<void()> leave;
+        int status;
+        std::vector<std::string> lines;  // each a part of one
+    };
+
+    void run(const Row& row) {
+        SCOPED_TRACE(row.scene);
+        row.enter();
+        const std::string output = service().files().write("output", "");
+        CommandProcess command("doctor --timeout 1 >" + output + " 2>&1");
+        EXPECT_EQ(command.wait(), row.status);
+        row.leave();
+        std::ostringstream text;
+        text << std::ifstream(output).rdbuf();
+        for (const std::string& line : row.lines) EXPECT_THAT(text.str(), HasSubstr(line));
+    }
+};
+
+TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
+    start();
+    const ScopedEnv home("HOME", service().dir() + "/home");
+    const ScopedEnv install("KELM_INSTALL_DIR", service().dir() + "/install");
+    const std::string runDir = service().runDir();
+    service().useRunDir();
+    const auto lock = [&](const char* name) { return runDir + "/kelm_" + name + ".mutex"; };
+    const auto nothing = [] {};
+    const std::string self = "process " + std::to_string(::getpid());
+    const std::string aside = service().dir() + "/aside";
+    std::string segment;
+    UniqueFd held;
+    const Row rows[] = {
+        {"all is well",
+         nothing,
+         nothing,
+         0,
+         {"ok       socket: process " + std::to_string(service().pid()) + " (kelmdaemon)",
+          "ok       inference: 36000 bytes there"}},
+        {"segments of the dead",
+         [&] { segment = leaveSegment(); },
+         nothing,
+         0,
+         {"warning  stale segments: 1 of", "kelmctl infer"}},
+        {"no sticky bit",
+         [&] { ::chmod(runDir.c_str(), 0777); },
+         [&] { ::chmod(runDir.c_str(), 0755); },
+         0,
+         {"warning  run directory:", "chmod +t"}},
+        {"a lock is removed",
+         [&] { ::rename(lock("service_alive").c_str(), aside.c_str()); },
+         [&] { ::rename(aside.c_str(), lock("service_alive").c_str()); },
+         1,
+         {"problem  lock: " + lock("service_alive") + " is not there; ",
+          "start the service again"}},
+        {"a client starts the service",
+         [&] {
+             held.reset(::open(lock("start_exit").c_str(), O_RDONLY | O_CLOEXEC));
+             ::flock(held.get(), LOCK_EX);
+         },
+         [&] { held.reset(); },
+         0,
+         {"warning  lock: " + lock("start_exit") + " is held by " + self, "end that process"}},
+        {"the service hangs",
+         [&] { service().signal(SIGSTOP); },
+         [&] { service().signal(SIGCONT); },
+         1,
+         {"problem  socket: process", "no answer", "problem  lock: " + lock("service_ready")}},
+        {"findings",
+         [&] { service().files().write("home/.kelm_service.config", R"({"x": 1})"); },
+         nothing,
+         0,
+         {"warning  configuration: 1 findings; see kelmctl config check"}},
+        {"no directory",
+         [&] { ::setenv("KELM_RUN_DIR", aside.c_str(), 1); },
+         [&] { service().useRunDir(); },
+         1,
+         {"problem  run directory: " + aside, "problem  socket: ", "start kelmdaemon"}},
+        {"accelerators, of which there are none",
+         [&] {
+             ::setenv("KELM_RUN_DIR", aside.c_str(), 1);
+             ::unsetenv("KELM_INSTALL_DIR");
+         },
+         [&] { service().useRunDir(); },
+         1,
+         {"warning  configuration: KELM_INSTALL_DIR is not set",
+          "problem  library: libtevo-kelm.so.0", "problem  device: no "}},
+    };
+    for (const Row& row : rows) run(row);
+    EXPECT_FALSE(std::filesystem::exists("/dev/shm" + segment)) << "the inference has removed it";
+}
+
+TEST_F(DoctorTest, TellsAUserOfAMissingGroup) {
+    if (!OtherUser::isPossible()) return;
+    start();
+    service().useRunDir();
+    ::chmod(service().dir().c_str(), 0755);
+    const std::string output = service().files().write("output", "");
+    ::chmod(output.c_str(), 0666);
+    CommandProcess command("doctor --json >" + output, OtherUser::kId);
+    EXPECT_EQ(command.wait(), 1);
+    const auto checks = nlohmann::json::parse(std::ifstream(output)).at("checks");
+    const auto group =
+        std::ranges::find(checks, "group", [](const auto& check) { return check.at("check"); });
+    ASSERT_NE(group, checks.end());
+    EXPECT_EQ(group->at("result"), "problem");
+    EXPECT_THAT(group->at("advice").template get<std::string>(), HasSubstr("user_group"));
+}
+
+}  // namespace
+}  // namespace kelm
