@@ -19,8 +19,8 @@
  *
  * Threads: any thread may use any handle, but the call that ends a handle must be its last one.
  *
- * Callbacks: run on a thread of the library or on that of the call that ends what they tell of:
- * hold no lock there that a callback takes. With KELM_CLIENT_DISPATCH they run in kelm_dispatch and
+ * Callbacks: run on a thread of the library, some also in kelm_graph_free and kelm_close: hold no
+ * lock there that a callback takes. With KELM_CLIENT_DISPATCH they run in kelm_dispatch and
  * kelm_close only. They must be short and must not throw. Calls in them that would wait for the
  * service or end a graph or a client are KELM_INVALID_ARGUMENT; tasks may be started.
  *
@@ -106,7 +106,7 @@ struct kelm_client_options {
     int32_t deadline_ms;     /* of connecting and registering together */
     int32_t reserved;
     /* A thing goes on in another way than wanted, as tensors whose rights could not be narrowed.
-     * A callback on the thread of the call, also in dispatch mode. NULL: not told. */
+     * A callback on the thread that sends the task, also in dispatch mode. NULL: not told. */
     void (*on_warning)(const char* text, void* user);
     /* The connection was lost (up 0) or is there again, graphs loaded (up 1). As callbacks run.
      * Not for the first connection. NULL: not told. */
@@ -223,7 +223,8 @@ enum kelm_aux_flags { KELM_AUX_TIME_TAKEN = 1, KELM_AUX_THERMAL = 2, KELM_AUX_DE
 struct kelm_result {
     uint32_t size;
     int32_t error;    /* 0, the service's code, or enum kelm_error */
-    const char* text; /* cause and what to do; "" without an error; valid in the callback only */
+    const char* text; /* cause and what to do; "": no error; as long as the callback, or, of
+                         kelm_infer, until the thread's next call */
     uint64_t ticket;
     uint64_t cookie;      /* the task's */
     uint64_t task_id;     /* the service's number */
