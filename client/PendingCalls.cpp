@@ -144,7 +144,8 @@ bool PendingCalls::empty() const {
 
 bool PendingCalls::has(uint64_t sequence) const {
     MutexLock lock(m_mutex);
-    return m_entries.find(sequence) != nullptr;
+    const Entry* const entry = m_entries.find(sequence);
+    return entry != nullptr && (entry->reply || entry->done);
 }
 
 bool PendingCalls::isWaited(uint64_t sequence) const {

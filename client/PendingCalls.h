@@ -52,6 +52,7 @@ class PendingCalls {
     // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
     bool empty() const EXCLUDES(m_mutex);
+    // Whether its end is still to be told; not so of one that only keeps its slots.
     bool has(uint64_t sequence) const EXCLUDES(m_mutex);
     // Whether a thread waits for it; also for one that is not there any more.
     bool isWaited(uint64_t sequence) const EXCLUDES(m_mutex);

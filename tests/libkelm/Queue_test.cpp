@@ -170,7 +170,7 @@ TEST_F(QueueTest, CallbacksRunInDispatchOnlyWhereTheProgramAsksForThat) {
 
 // A call that waits alone reads the answers itself from the second time on.
 TEST_F(QueueTest, CallThatReadsHoldsUpNothingElse) {
-    open(150, 9);
+    open(250, 9);
     const Slot slot = m_pool->acquire();
     for (int i = 0; i < 2; ++i) EXPECT_TRUE(m_graph->infer(slot).ok());
     std::thread::id reader;
@@ -191,6 +191,7 @@ TEST_F(QueueTest, CallThatReadsHoldsUpNothingElse) {
     // Its deadline, and the end of the service, reach it too.
     EXPECT_TRUE(m_graph->infer(slot).ok());
     EXPECT_EQ(codeOf([&] { m_graph->infer(slot, {.deadline = Millis(20)}); }), KELM_TIMEOUT);
+    EXPECT_EQ(codeOf([&] { m_graph->infer(slot); }), KELM_BUSY);  // long before the task's end
     EXPECT_TRUE(eventually([&] { return codeOf([&] { m_graph->infer(slot); }) == KELM_SUCCESS; }));
     auto last = startCalling([&] { return codeOf([&] { m_graph->infer(m_pool->acquire()); }); });
     service().signal(SIGKILL);
