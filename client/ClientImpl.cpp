@@ -20,6 +20,7 @@ constexpr std::chrono::microseconds kShortCallback{50};
 constexpr int kMistrust = 64;  // for so many messages
 constexpr std::chrono::seconds kFlushPatience{1};
 constexpr std::chrono::milliseconds kMoment{1};
+constexpr std::chrono::seconds kSlowWrite{1};
 
 // The object whose answers this thread reads.
 thread_local const void* t_reading = nullptr;
@@ -46,7 +47,7 @@ Client::Impl::Impl(std::shared_ptr<IPC::ConnectionUDS> connection, const std::st
       m_access(m_connection->nativeHandle(), path),
       m_gathered(m_socket),
       m_turn(m_connection->nativeHandle()),
-      m_pending([this] { giveUpStuckSend(); }),
+      m_pending([this] { return giveUpStuckSend(); }),
       m_reader([this] { readRoutine(); }) {}
 
 Client::Impl::~Impl() {
@@ -193,7 +194,8 @@ std::optional<bool> Client::Impl::writeInTurn(Clock::time_point deadline, Write 
             if (!m_sendTurn.waitUntil(m_sendMutex, deadline) && m_sending) return std::nullopt;
         }
         m_sending = true;
-        m_sendDeadline = deadline;
+        // A thread that only lost its processor is not stuck.
+        m_sendDeadline = std::max(deadline, Clock::now() + kSlowWrite);
     }
     // Without the mutex: the write waits for as long as the service does not read.
     const bool sent = write();
@@ -228,9 +230,12 @@ void Client::Impl::flushGathered() {
 }
 
 // On the deadline thread. The shutdown ends the write, and the reader then ends all other calls.
-void Client::Impl::giveUpStuckSend() {
+Client::Impl::Clock::time_point Client::Impl::giveUpStuckSend() {
     MutexLock lock(m_sendMutex);
-    if (m_sending && m_sendDeadline <= Clock::now()) m_connection->shutdown();
+    if (!m_sending) return Clock::time_point::max();
+    if (m_sendDeadline > Clock::now()) return m_sendDeadline;
+    m_connection->shutdown();
+    return Clock::time_point::max();
 }
 
 MessagePtr Client::Impl::receive() {

@@ -76,7 +76,8 @@ class Client::Impl {
     void flushGathered() EXCLUDES(m_sendMutex);
     bool dispatchTimed(MessagePtr message) EXCLUDES(m_sendMutex);
     // A write that is stuck past its deadline left half a request behind: the connection is lost.
-    void giveUpStuckSend() EXCLUDES(m_sendMutex);
+    // Returns when to look again, max() for no need.
+    Clock::time_point giveUpStuckSend() EXCLUDES(m_sendMutex);
     void readRoutine() EXCLUDES(m_lostMutex);
     // The next message, waited for by the reader; null when the connection is of no use any more.
     MessagePtr receive();

@@ -20,7 +20,7 @@ Error unexpectedAnswer() {
     return {ErrorKind::kSystem, 0, "the service gave an answer of another kind; check its version"};
 }
 
-PendingCalls::PendingCalls(std::function<void()> onOverdue)
+PendingCalls::PendingCalls(std::function<Clock::time_point()> onOverdue)
     : m_onOverdue(std::move(onOverdue)), m_thread([this] { deadlineRoutine(); }) {}
 
 PendingCalls::~PendingCalls() {
@@ -233,8 +233,9 @@ void PendingCalls::deadlineRoutine() {
         lock.unlock();
         for (Entry& entry : overdue) end(entry, Error::timeout(entry.what));
         // After the callbacks: a write that is stuck is looked for last, as it ends the connection.
-        if (!overdue.empty()) m_onOverdue();
+        const Clock::time_point again = m_onOverdue();
         lock.lock();
+        m_nextCheck = std::min(m_nextCheck, again);
     }
 }
 

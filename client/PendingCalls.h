@@ -29,8 +29,9 @@ class PendingCalls {
     // The answer, or null with the error that stands in its place.
     using Reply = std::function<void(MessagePtr answer, const Error& error)>;
 
-    // `onOverdue` runs on the deadline thread whenever a deadline has passed.
-    explicit PendingCalls(std::function<void()> onOverdue);
+    // `onOverdue` runs on the deadline thread whenever a deadline has passed, and again at the time
+    // that it returns, if that is not max().
+    explicit PendingCalls(std::function<Clock::time_point()> onOverdue);
     ~PendingCalls();  // ends what is left with kConnectionLost
 
     // False after closeAll(): the entry was not taken and nothing will be called.
@@ -80,7 +81,7 @@ class PendingCalls {
     void deadlineRoutine() EXCLUDES(m_mutex);
     std::vector<Entry> takeOverdueUnsafe(Clock::time_point now) REQUIRES(m_mutex);
 
-    const std::function<void()> m_onOverdue;
+    const std::function<Clock::time_point()> m_onOverdue;
     mutable Mutex m_mutex;
     CondVar m_wake;
     bool m_closed GUARDED_BY(m_mutex) = false;

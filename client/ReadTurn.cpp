@@ -4,29 +4,16 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
-#include <stdexcept>
 #include <utility>
 
 namespace kelm::client {
-
-namespace {
-
-UniqueFd makeWake() {
-    UniqueFd event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!event) {
-        throw std::runtime_error("no descriptor is left; raise the limit of open files");
-    }
-    return event;
-}
-
-}  // namespace
-
-ReadTurn::ReadTurn(int socket) : m_socket(socket), m_wake(makeWake()) {}
 
 // A request is made pending before its sender looks at the state, and the state is changed before
 // isIdle() looks at what is pending, under the mutex of that: one of the two sees the other.
 void ReadTurn::park(const std::function<bool()>& isIdle,
                     const std::function<void(MessagePtr)>& deal) {
+    if (!m_wake) m_wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_wake) return;
     m_state.store(State::kParked);
     while (true) {
         if ((m_hungUp.load() || !isIdle()) && takeBack()) break;

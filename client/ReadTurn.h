@@ -23,11 +23,11 @@ class ReadTurn : public NonCopyable {
  public:
     using Clock = std::chrono::steady_clock;
 
-    // Raises std::runtime_error if no descriptor is left.
-    explicit ReadTurn(int socket);
+    explicit ReadTurn(int socket) : m_socket(socket) {}
 
-    // For the reading thread: gives the turn up until somebody must read and no caller does.
-    // `isIdle` tells whether nothing is pending, `deal` gets the messages that callers pass on.
+    // For the reading thread: gives the turn up until somebody must read and no caller does; at
+    // once if no descriptor is left to sleep on. `isIdle` tells whether nothing is pending, `deal`
+    // gets the messages that callers pass on.
     void park(const std::function<bool()>& isIdle, const std::function<void(MessagePtr)>& deal)
         EXCLUDES(m_mutex);
 
@@ -53,7 +53,7 @@ class ReadTurn : public NonCopyable {
     std::vector<MessagePtr> takePassed() EXCLUDES(m_mutex);
 
     const int m_socket;
-    const UniqueFd m_wake;
+    UniqueFd m_wake;  // made before the turn is first given up, and then the same
     // Atomic: who makes it kReader or kCaller from kParked has the turn.
     std::atomic<State> m_state{State::kReader};
     std::atomic<bool> m_hungUp{false};  // and the reading thread waits for the turn

@@ -251,10 +251,10 @@ struct kelm_task {
 };
 
 /* Starts a task; beyond the graph's window it waits in this process. While the service reads
- * nothing this may wait, until the deadline at most; the connection is given up then. `ticket` (may
- * be NULL) names the task. An error means that it was not taken, and `done` will not run: KELM_BUSY
- * if its slot may still be written into or max_waiting is reached, KELM_SYSTEM_ERROR if a
- * descriptor is not open, KELM_NOT_CONNECTED if the connection is lost for good. */
+ * nothing this may wait, until the deadline, a second at least; the connection is given up then.
+ * `ticket` (may be NULL) names the task. An error means that it was not taken, and `done` will not
+ * run: KELM_BUSY if its slot may still be written into or max_waiting is reached, KELM_SYSTEM_ERROR
+ * if a descriptor is not open, KELM_NOT_CONNECTED if the connection is lost for good. */
 KELM_API int kelm_infer_async(struct kelm_graph* graph, const struct kelm_task* task,
                               uint64_t* ticket);
 /* The same, and waits for the end, which it returns; `result` may be NULL, `done` is not called.

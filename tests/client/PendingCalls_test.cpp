@@ -34,7 +34,10 @@ class PendingCallsTest : public ::testing::Test {
     Mutex m_mutex;
     std::vector<ErrorKind> m_kinds GUARDED_BY(m_mutex);
     std::atomic<int> m_overdue{0};
-    PendingCalls m_calls{[this] { ++m_overdue; }};
+    PendingCalls m_calls{[this] {
+        ++m_overdue;
+        return Clock::time_point::max();
+    }};
 };
 
 TEST_F(PendingCallsTest, InferenceEndsOnceWithItsError) {
