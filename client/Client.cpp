@@ -174,15 +174,14 @@ void Client::inferAsync(const InferRequest& request, const InferCallback& done,
     done(refused);
 }
 
-void Client::inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+void Client::inferAsync(PreparedInfer& infer, const InferCallback& done, AcceptCallback accepted,
                         std::chrono::steady_clock::time_point end) {
-    m_impl->infer(infer.message, std::move(infer.claim), std::move(done), std::move(accepted), end);
+    m_impl->infer(infer.message, std::move(infer.claim), done, std::move(accepted), end);
 }
 
-void Client::inferWaited(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+void Client::inferWaited(PreparedInfer& infer, const InferCallback& done, AcceptCallback accepted,
                          std::chrono::steady_clock::time_point end) {
-    m_impl->inferWaited(infer.message, std::move(infer.claim), std::move(done), std::move(accepted),
-                        end);
+    m_impl->inferWaited(infer.message, std::move(infer.claim), done, std::move(accepted), end);
 }
 
 std::future<InferResult> Client::inferAsync(const InferRequest& request, Deadline deadline) {

@@ -129,11 +129,11 @@ class Client {
                                         Deadline deadline = kDefaultDeadline);
     InferResult infer(const InferRequest& request, Deadline deadline = kDefaultDeadline);
     // The same; gives up its claim. Who may send the task again keeps a share of its own.
-    void inferAsync(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+    void inferAsync(PreparedInfer& infer, const InferCallback& done, AcceptCallback accepted,
                     std::chrono::steady_clock::time_point end);
     // The same for a thread that waits for the end next, and may read the answers itself: `done`
     // and `accepted` run on any thread, and have mostly run on return.
-    void inferWaited(PreparedInfer& infer, InferCallback done, AcceptCallback accepted,
+    void inferWaited(PreparedInfer& infer, const InferCallback& done, AcceptCallback accepted,
                      std::chrono::steady_clock::time_point end);
 
     // True if the task was still waiting: its call has then ended with kCanceled. False: it runs

@@ -98,7 +98,7 @@ Result<MessagePtr> Client::Impl::call(KelmMsgReq& request, const char* what, Dea
 // The callback runs in each case, here at the latest: a caller never waits for a request that was
 // not taken.
 void Client::Impl::infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
-                         InferCallback done, AcceptCallback accepted, Clock::time_point end,
+                         const InferCallback& done, AcceptCallback accepted, Clock::time_point end,
                          bool waited) {
     message.head.reqSeqNo = nextSequence();
     message.clientId = clientId();
@@ -117,8 +117,9 @@ void Client::Impl::infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim
 }
 
 void Client::Impl::inferWaited(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
-                               InferCallback done, AcceptCallback accepted, Clock::time_point end) {
-    infer(message, std::move(claim), std::move(done), std::move(accepted), end, true);
+                               const InferCallback& done, AcceptCallback accepted,
+                               Clock::time_point end) {
+    infer(message, std::move(claim), done, std::move(accepted), end, true);
     readWhilePending(message.head.reqSeqNo, end);
 }
 

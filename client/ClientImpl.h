@@ -44,12 +44,13 @@ class Client::Impl {
     // Sends a request that has an answer and waits for it. `what` names the call in a timeout.
     Result<MessagePtr> call(KelmMsgReq& request, const char* what, Deadline deadline);
     // Fills in client id and sequence number.
-    void infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim, InferCallback done,
-               AcceptCallback accepted, Clock::time_point end, bool waited = false);
+    void infer(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
+               const InferCallback& done, AcceptCallback accepted, Clock::time_point end,
+               bool waited = false);
     // The same for a thread that waits for the end: reads answers meanwhile if it may. The
     // callbacks have run on return, or run later on other threads.
     void inferWaited(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
-                     InferCallback done, AcceptCallback accepted, Clock::time_point end);
+                     const InferCallback& done, AcceptCallback accepted, Clock::time_point end);
     void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
     void hangUp();
     void endInfer(uint64_t taskId, const Error& error) { m_pending.endInfer(taskId, error); }

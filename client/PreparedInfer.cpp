@@ -69,7 +69,8 @@ Result<PreparedInfer> PreparedInfer::make(const InferRequest& request) {
     return infer;
 }
 
-Result<PreparedInfer> PreparedInfer::make(std::shared_ptr<TensorSlot> slot, uint32_t auxFlags) {
+Result<PreparedInfer> PreparedInfer::make(const std::shared_ptr<TensorSlot>& slot,
+                                          uint32_t auxFlags) {
     auto claim = SlotClaim::make(slot);
     if (!claim) return claim.error();
     PreparedInfer infer = prepare(std::move(claim).value(), auxFlags, auxFlags != 0);

@@ -17,7 +17,7 @@ class PreparedInfer {
     // kBusy if a slot is claimed by another task.
     static Result<PreparedInfer> make(const InferRequest& request);
     // With the buffers of one slot, the auxiliary one if flags ask for blocks.
-    static Result<PreparedInfer> make(std::shared_ptr<TensorSlot> slot, uint32_t auxFlags);
+    static Result<PreparedInfer> make(const std::shared_ptr<TensorSlot>& slot, uint32_t auxFlags);
 
     KelmMsgReqInferTask message{};
     std::shared_ptr<SlotClaim> claim;  // null: none of the buffers is a slot's

@@ -41,7 +41,8 @@ run_benches() {
 
 # Every finding is an error; see .clang-tidy for the list of checks.
 run_tidy() {
-    git ls-files 'service/*.cpp' 'utils/*.cpp' 'protocol/*.cpp' 'client/*.cpp' 'tools/*.cpp' |
+    git ls-files 'service/*.cpp' 'utils/*.cpp' 'protocol/*.cpp' 'client/*.cpp' 'libkelm/*.cpp' \
+        'tools/*.cpp' |
         xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
 }
 

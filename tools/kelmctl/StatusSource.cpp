@@ -36,7 +36,7 @@ client::Result<StatusLook> StatusSource::look(client::Deadline deadline) {
 }
 
 client::Error StatusSource::leave() {
-    const client::Error error = m_service ? m_service->unregister() : client::Error();
+    client::Error error = m_service ? m_service->unregister() : client::Error();
     drop();
     return error;
 }
