@@ -33,6 +33,12 @@ OptionFacts toFacts(const CLI::Option& option) {
     return facts;
 }
 
+std::string valueOf(const OptionFacts& option) {
+    if (option.isArgument) return option.isRepeated ? "..." : "";
+    if (option.kind.empty()) return "";
+    return option.mayGoWithout ? " [" + option.kind + "]" : " " + option.kind;
+}
+
 }  // namespace
 
 std::vector<OptionFacts> listOptions(const CLI::App& command) {
@@ -59,28 +65,29 @@ std::vector<CommandFacts> listLeaves(const CLI::App& command) {
 
 std::string written(const OptionFacts& option) {
     const std::string names = fmt::format("{}", fmt::join(option.names, ", "));
-    if (option.isArgument) return names + (option.isRepeated ? "..." : "");
-    if (option.kind.empty()) return names;
-    return names + (option.mayGoWithout ? " [" + option.kind + "]" : " " + option.kind);
+    return names + valueOf(option);
 }
 
+// First what is required, last what has its place. The long name of an option stands for all.
 std::string synopsis(const CommandFacts& command) {
-    std::string text = "kelmctl " + command.path;
-    const auto isOptional = [](const OptionFacts& option) { return !option.isRequired; };
+    const auto isOptional = [](const OptionFacts& option) {
+        return !option.isRequired && !option.isArgument;
+    };
     const bool isShort = std::ranges::count_if(command.options, isOptional) <= kMostInSynopsis;
+    std::string required;
+    std::string optional = isShort ? "" : " [OPTION...]";
+    std::string arguments;
     for (const OptionFacts& option : command.options) {
-        if (option.isRequired && !option.isArgument) text += " " + written(option);
+        const std::string word = option.names.back() + valueOf(option);
+        if (option.isArgument) {
+            arguments += option.isRequired ? " " + word : " [" + word + "]";
+        } else if (option.isRequired) {
+            required += " " + word;
+        } else if (isShort) {
+            optional += " [" + word + "]";
+        }
     }
-    if (!isShort) text += " [OPTION...]";
-    for (const OptionFacts& option : command.options) {
-        const bool isListed = isShort && !option.isArgument && !option.isRequired;
-        if (isListed) text += " [" + written(option) + "]";
-    }
-    for (const OptionFacts& option : command.options) {
-        if (!option.isArgument) continue;
-        text += option.isRequired ? " " + written(option) : " [" + written(option) + "]";
-    }
-    return text;
+    return "kelmctl " + command.path + required + optional + arguments;
 }
 
 }  // namespace kelm::pages

@@ -27,7 +27,12 @@ DocPage::DocPage(const std::filesystem::path& file) : m_file(file) {
     std::ifstream stream(file);
     if (!stream) throw std::runtime_error(file.string() + " cannot be read");
     for (std::string line; std::getline(stream, line);) m_lines.push_back(line);
-    for (const std::string& block : blocks()) endOf(findBlock(block));
+    for (const std::string& block : blocks()) {
+        endOf(findBlock(block));
+        if (std::ranges::count(m_lines, kBegin + block + kBeginEnd) > 1) {
+            throw std::runtime_error(file.string() + " has '" + block + "' twice; remove one");
+        }
+    }
 }
 
 std::string DocPage::text() const {

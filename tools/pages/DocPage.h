@@ -25,7 +25,7 @@ class DocPage {
         Lines::const_iterator firstHeading() const;
     };
 
-    // Throws if the file cannot be read, or a block has no end.
+    // Throws if the file cannot be read, or a block has no end or is there twice.
     explicit DocPage(const std::filesystem::path& file);
 
     const std::filesystem::path& file() const { return m_file; }

@@ -166,7 +166,7 @@ std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const D
     }
 
     Page tool(title);
-    const DocPage::Section intro = docs.at(kToolPage).section(kelmctl.get_name());
+    const DocPage::Section intro = docs.at(kToolPage).sectionAround("commands");
     tool.add("Synopsis", "`kelmctl COMMAND [OPTION...] [ARGUMENT...]`");
     tool.add("Description", sentence(title.text));
     tool.add(intro.intro(), 2);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 #include <regex>
 
 namespace kelm::pages {
@@ -33,9 +34,21 @@ std::string escape(const std::string& text, bool isLiteral) {
     return roff;
 }
 
+// Where a link to another page of docs/ leads, for a reader of the manual.
+std::string reference(const std::string& file) {
+    static const std::map<std::string, std::string> kManual{
+        {"configuration.md", "kelm_service.config(5)"},
+        {"kelmctl.md", "kelmctl(1)"},
+        {"operating.md", "kelmdaemon(8)"},
+        {"tracing.md", "kelmctl-trace(1)"}};
+    if (file.empty()) return "";
+    const auto page = kManual.find(file);
+    return " (" + (page == kManual.end() ? file : page->second) + ")";
+}
+
 std::string inlined(const std::string& text) {
     static const std::regex kMarks(
-        R"(`([^`]+)`|\*\*([^*]+)\*\*|\*([A-Za-z][^*]*)\*|\[([^\]]+)\]\([^)]*\))");
+        R"(`([^`]+)`|\*\*([^*]+)\*\*|\*([A-Za-z][^*]*)\*|\[([^\]]+)\]\(([^)#]*)[^)]*\))");
     std::string roff;
     auto rest = text.cbegin();
     for (std::sregex_iterator it(text.begin(), text.end(), kMarks), end; it != end; ++it) {
@@ -49,7 +62,7 @@ std::string inlined(const std::string& text) {
         } else if (mark[3].matched) {
             roff += "\\fI" + escape(mark[3], false) + "\\fR";
         } else {
-            roff += inlined(mark[4]);
+            roff += inlined(mark[4]) + reference(mark[5]);
         }
     }
     return roff + escape({rest, text.cend()}, false);

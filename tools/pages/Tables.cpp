@@ -54,7 +54,8 @@ std::string valuesOf(const ConfigKey& key) {
         parts.push_back(fmt::format("\"{}\"{}", words, key.choices.anyCase ? ", in any case" : ""));
         parts.push_back(fmt::format("any other counts as \"{}\"", key.choices.others));
     }
-    if (key.kind == ConfigKind::kDirectory) parts.emplace_back("one that is not there is none");
+    if (key.kind == ConfigKind::kDirectory)
+        parts.emplace_back("one that is not there counts as empty");
     if (key.kind == ConfigKind::kHexadecimal) parts.emplace_back("no such number counts as 0");
     return fmt::format("{}", fmt::join(parts, "; "));
 }
