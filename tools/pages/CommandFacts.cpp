@@ -50,7 +50,7 @@ std::vector<OptionFacts> listOptions(const CLI::App& command) {
 }
 
 std::vector<CommandFacts> listLeaves(const CLI::App& command) {
-    const std::string name = command.get_name();
+    const std::string& name = command.get_name();
     const auto parts = command.get_subcommands(nullptr);
     if (parts.empty()) return {{name, command.get_description(), listOptions(command)}};
     std::vector<CommandFacts> leaves;

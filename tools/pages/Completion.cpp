@@ -22,13 +22,17 @@ std::vector<OptionFacts> offered(const CLI::App& command) {
     return options;
 }
 
-// The functions after this one work along the path of the command: "", "config", "config check".
+// Paths of commands are written as in "config check"; the program's own is empty.
+std::string joined(const std::string& path, const std::string& name) {
+    return path.empty() ? name : fmt::format("{} {}", path, name);
+}
+
 void addBashCases(const CLI::App& command, const std::string& path, std::string& steps,
                   std::string& cases) {
     std::string commands;
     for (const CLI::App* part : command.get_subcommands(nullptr)) {
-        const std::string name = part->get_name();
-        const std::string below = path.empty() ? name : path + " " + name;
+        const std::string& name = part->get_name();
+        const std::string below = joined(path, name);
         commands += (commands.empty() ? "" : " ") + name;
         steps += fmt::format("            '{}:{}') path='{}' ;;\n", path, name, below);
         addBashCases(*part, below, steps, cases);
@@ -111,8 +115,8 @@ void addZshFunctions(const CLI::App& command, const std::string& path, std::stri
         text += "    case $state in\n    command)\n        local -a commands=(\n";
         std::string calls;
         for (const CLI::App* part : parts) {
-            const std::string name = part->get_name();
-            const std::string below = path.empty() ? name : path + " " + name;
+            const std::string& name = part->get_name();
+            const std::string below = joined(path, name);
             text += fmt::format("            '{}:{}'\n", name, zshText(part->get_description()));
             calls += fmt::format("        {}) {} ;;\n", name, zshFunction(below));
             addZshFunctions(*part, below, functions);

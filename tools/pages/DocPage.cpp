@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace kelm::pages {
@@ -18,6 +19,13 @@ bool isComment(const std::string& line) {
 
 }  // namespace
 
+Lines splitLines(const std::string& text) {
+    std::istringstream stream(text);
+    Lines lines;
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
 Lines::const_iterator DocPage::Section::firstHeading() const {
     return std::ranges::find_if(lines,
                                 [](const std::string& line) { return line.starts_with('#'); });
@@ -27,9 +35,10 @@ DocPage::DocPage(const std::filesystem::path& file) : m_file(file) {
     std::ifstream stream(file);
     if (!stream) throw std::runtime_error(file.string() + " cannot be read");
     for (std::string line; std::getline(stream, line);) m_lines.push_back(line);
-    for (const std::string& block : blocks()) {
+    const std::vector<std::string> all = blocks();
+    for (const std::string& block : all) {
         endOf(findBlock(block));
-        if (std::ranges::count(m_lines, kBegin + block + kBeginEnd) > 1) {
+        if (std::ranges::count(all, block) > 1) {
             throw std::runtime_error(file.string() + " has '" + block + "' twice; remove one");
         }
     }
@@ -54,12 +63,7 @@ void DocPage::fill(const std::string& block, const std::string& text) {
     const size_t begin = findBlock(block);
     m_lines.erase(m_lines.begin() + static_cast<std::ptrdiff_t>(begin) + 1,
                   m_lines.begin() + static_cast<std::ptrdiff_t>(endOf(begin)));
-    Lines lines;
-    for (size_t from = 0; from < text.size();) {
-        const size_t end = std::min(text.find('\n', from), text.size());
-        lines.push_back(text.substr(from, end - from));
-        from = end + 1;
-    }
+    const Lines lines = splitLines(text);
     m_lines.insert(m_lines.begin() + static_cast<std::ptrdiff_t>(begin) + 1, lines.begin(),
                    lines.end());
 }

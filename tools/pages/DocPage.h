@@ -8,6 +8,8 @@ namespace kelm::pages {
 
 using Lines = std::vector<std::string>;
 
+Lines splitLines(const std::string& text);
+
 // A page of docs/. What is generated in it, a block, stands between the comments
 // "<!-- generated: NAME -->" and "<!-- end -->"; all else is written by hand.
 class DocPage {

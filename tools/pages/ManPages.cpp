@@ -32,25 +32,6 @@ constexpr const char* kConfigPage = "configuration.md";
 constexpr const char* kOperatingPage = "operating.md";
 constexpr const char* kExitStatus = "Exit status and errors";
 
-std::string replaceAll(std::string text, char from, const std::string& to) {
-    for (size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) {
-        text.replace(at, 1, to);
-    }
-    return text;
-}
-
-Lines split(const std::string& text) {
-    Lines lines{""};
-    for (const char c : text) {
-        if (c == '\n') {
-            lines.emplace_back();
-        } else {
-            lines.back() += c;
-        }
-    }
-    return lines;
-}
-
 std::string sentence(std::string text) {
     text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
     return text + ".";
@@ -64,12 +45,13 @@ class Page {
         std::ranges::transform(upper, upper.begin(), ::toupper);
         m_text = fmt::format(".TH \"{}\" {} \"\" \"kelmdaemon {}\" \"kelmdaemon\"\n", upper,
                              title.section, KELM_VERSION);
-        m_text +=
-            fmt::format(".SH NAME\n{} \\- {}\n", replaceAll(title.name, '-', "\\-"), title.text);
+        m_text += ".SH NAME\n";
+        for (const char c : title.name) m_text += c == '-' ? "\\-" : std::string(1, c);
+        m_text += " \\- " + title.text + "\n";
     }
 
     void add(const std::string& heading, const std::string& markdown) {
-        m_text += toRoff({"# " + heading}, 1) + toRoff(split(markdown), 1);
+        m_text += toRoff({"# " + heading}, 1) + toRoff(splitLines(markdown), 1);
     }
     void add(const std::string& heading, const Docs& docs, const char* file,
              const std::string& section) {
@@ -116,8 +98,9 @@ std::string options(const CLI::App& command) {
     const std::vector<CommandFacts> leaves = listLeaves(command);
     std::string text;
     for (const CommandFacts& leaf : leaves) {
-        if (leaves.size() > 1)
+        if (leaves.size() > 1) {
             text += "## kelmctl " + leaf.path + "\n" + sentence(leaf.text) + "\n";
+        }
         if (!leaf.options.empty()) text += optionTable(leaf.options);
     }
     return text;
@@ -129,7 +112,9 @@ Page commandPage(const CLI::App& command, const Docs& docs) {
     const DocPage::Section prose = pageOf(docs, block).sectionAround(block);
     const Lines rest = prose.rest();
     page.add("Synopsis", synopses(command));
-    page.add("Description", sentence(command.get_description()));
+    // A page of its own begins with what the command does.
+    const bool isOwn = prose.level == 1;
+    page.add("Description", isOwn ? "" : sentence(command.get_description()));
     page.add(prose.intro(), prose.level + 1);
     if (const std::string text = options(command); !text.empty()) page.add("Options", text);
     page.add(rest, prose.level + 1);
@@ -192,9 +177,8 @@ std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const D
     daemon.addTo(manual, seeAlso);
 
     Page config(kConfig);
-    const DocPage::Section keys = docs.at(kConfigPage).section("Configuration");
-    config.add("Description", "The keys by which the service is set up.");
-    config.add(keys.lines, 2);
+    config.add("Description", "");
+    config.add(docs.at(kConfigPage).section("Configuration").lines, 2);
     config.addTo(manual, seeAlso);
     return manual;
 }

@@ -34,16 +34,17 @@ std::string escape(const std::string& text, bool isLiteral) {
     return roff;
 }
 
-// Where a link to another page of docs/ leads, for a reader of the manual.
-std::string reference(const std::string& file) {
+// A link to another page of docs/, for a reader of the manual.
+std::string linked(const std::string& text, const std::string& file) {
     static const std::map<std::string, std::string> kManual{
         {"configuration.md", "kelm_service.config(5)"},
         {"kelmctl.md", "kelmctl(1)"},
         {"operating.md", "kelmdaemon(8)"},
         {"tracing.md", "kelmctl-trace(1)"}};
-    if (file.empty()) return "";
     const auto page = kManual.find(file);
-    return " (" + (page == kManual.end() ? file : page->second) + ")";
+    const std::string target = page == kManual.end() ? file : page->second;
+    if (target.empty() || target.starts_with(text + "(")) return text;
+    return text + " (" + target + ")";
 }
 
 std::string inlined(const std::string& text) {
@@ -62,7 +63,7 @@ std::string inlined(const std::string& text) {
         } else if (mark[3].matched) {
             roff += "\\fI" + escape(mark[3], false) + "\\fR";
         } else {
-            roff += inlined(mark[4]) + reference(mark[5]);
+            roff += inlined(linked(mark[4], mark[5]));
         }
     }
     return roff + escape({rest, text.cend()}, false);
@@ -116,9 +117,9 @@ class Converter {
         const std::string& text = m_lines[m_next++];
         const size_t level = text.find_first_not_of('#');
         std::string title = text.substr(level + 1);
-        std::erase(title, '`');
         const bool isSection = level <= m_topLevel;
-        if (isSection) std::ranges::transform(title, title.begin(), ::toupper);
+        const bool isWord = std::erase(title, '`') > 0;  // of a file, where capitals matter
+        if (isSection && !isWord) std::ranges::transform(title, title.begin(), ::toupper);
         m_roff += fmt::format(".{} \"{}\"\n", isSection ? "SH" : "SS", escape(title, false));
     }
 
