@@ -44,14 +44,15 @@ Docs loadDocs(const fs::path& directory) {
 
 // All commands, with the places where docs/ has more of them.
 std::string commandTable(const CLI::App& kelmctl, const Docs& docs) {
+    const DocPage& here = kelm::pages::pageOf(docs, "commands");
     std::string table = "| Command | Does |\n|---|---|\n";
     for (const CLI::App* command : kelmctl.get_subcommands(nullptr)) {
-        const std::string name = command->get_name();
+        const std::string& name = command->get_name();
         const DocPage& page = kelm::pages::pageOf(docs, "kelmctl " + name);
-        const std::string file = page.file().filename().string();
-        const bool isHere = page.sectionAround("kelmctl " + name).level > 1;
-        table += fmt::format("| [`{}`]({}{}) | {} |\n", name, isHere ? "#" : "",
-                             isHere ? name : file, command->get_description());
+        const bool isSection = page.sectionAround("kelmctl " + name).level > 1;
+        table += fmt::format("| [`{}`]({}{}) | {} |\n", name,
+                             &page == &here ? "" : page.file().filename().string(),
+                             isSection ? "#" + name : "", command->get_description());
     }
     return table;
 }
@@ -115,8 +116,8 @@ int check(const CLI::App& kelmctl, const Docs& docs, const Docs& filled) {
             continue;
         }
         for (std::sregex_iterator it(text.begin(), text.end(), kOption), end; it != end; ++it) {
-            if (!known.contains((*it)[2]))
-                tell(page, "no command has the option " + (*it)[2].str());
+            const std::string option = (*it)[2];
+            if (!known.contains(option)) tell(page, "no command has the option " + option);
         }
     }
     return faults == 0 ? 0 : 1;
