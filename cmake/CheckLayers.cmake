@@ -32,6 +32,7 @@ layer(schedulers FOLDERS "service/src/scheduling/devices"       SEES execution m
 layer(devices    FOLDERS "service/src/devices"                  SEES schedulers)
 layer(managers   FOLDERS "service/src/managers"                 SEES devices tasks)
 layer(shell      FOLDERS "service/src/shell"                    SEES managers autoboot)
+layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
 layer(tests      FOLDERS "bench|tests/.*"                       SEES shell kelmctl simulator libkelm)
 

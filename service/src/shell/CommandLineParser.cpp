@@ -67,6 +67,19 @@ bool CommandLineParser::parse(int argc, char** argv) {
     return true;
 }
 
+std::vector<CommandLineOption> CommandLineParser::listOptions() {
+    constexpr auto kLetter = po::command_line_style::allow_dash_for_short;
+    const po::options_description all = describeOptions();
+    std::vector<CommandLineOption> options;
+    for (const auto& option : all.options()) {
+        const std::string letter = option->canonical_display_name(kLetter);
+        const bool hasLetter = letter != option->long_name();
+        options.push_back({option->long_name(), hasLetter ? letter.substr(1) : "",
+                           option->semantic()->max_tokens() > 0, option->description()});
+    }
+    return options;
+}
+
 void CommandLineParser::usage(int argc, char** argv) const {
     std::cout << "Usage:\n  " << (argc > 0 ? argv[0] : "") << " [options]\n" << describeOptions();
 }

@@ -5,6 +5,13 @@
 
 namespace kelm {
 
+struct CommandLineOption {
+    std::string name;
+    std::string letter;       // empty: none
+    bool takesFiles = false;  // one or more
+    std::string text;
+};
+
 // What the program's arguments ask for.
 //
 // Threads: the main thread only.
@@ -19,6 +26,8 @@ class CommandLineParser {
     std::vector<std::string> getServiceConfigFiles() const { return m_serviceConfigFiles; }
     std::vector<std::string> getBootConfigFiles() const { return m_bootConfigFiles; }
 
+    // All options, in the order of the help.
+    static std::vector<CommandLineOption> listOptions();
     // Prints how the program is called.
     void usage(int argc, char** argv) const;
 
