@@ -1,7 +1,5 @@
 #pragma once
 
-#include <filesystem>
-
 #include "accelerators/TensorLoad.h"
 #include "client/Client.h"
 #include "fakes/ServiceFixture.h"

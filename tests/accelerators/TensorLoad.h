@@ -1,10 +1,6 @@
 #pragma once
 
-#include <map>
-#include <random>
-
 #include "accelerators/SharedTensor.h"
-#include "fakes/Eventually.h"
 #include "tests/wire/LoadClient.h"
 #include "tools/simulator/Model.h"
 

@@ -1,6 +1,3 @@
-#include <list>
-#include <optional>
-
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
 #include "fakes/OtherUser.h"

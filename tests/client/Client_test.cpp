@@ -2,11 +2,7 @@
 
 #include <sys/ioctl.h>
 
-#include <thread>
-
-#include "fakes/Eventually.h"
 #include "fakes/ListenOn.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/KelmMessage.h"
 #include "utils/ShareMemory.h"

@@ -1,11 +1,7 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "client/Client.h"
 #include "client/SnapshotReader.h"
 #include "fakes/ListenOn.h"
 #include "fakes/OtherUser.h"
-#include "fakes/TempDir.h"
 
 namespace kelm::client {
 namespace {

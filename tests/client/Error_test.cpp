@@ -1,6 +1,5 @@
 #include "client/Error.h"
 
-#include "fakes/TestPch.h"
 #include "protocol/src/KelmError.h"
 
 namespace kelm::client {

@@ -1,7 +1,6 @@
 #include "client/PendingCalls.h"
 
 #include "client/PreparedInfer.h"
-#include "fakes/Eventually.h"
 #include "protocol/src/KelmError.h"
 
 namespace kelm::client {

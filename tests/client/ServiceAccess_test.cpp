@@ -1,12 +1,9 @@
 #include <dlfcn.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include "client/Client.h"
 #include "fakes/ListenOn.h"
 #include "fakes/OtherUser.h"
-#include "fakes/TempDir.h"
 #include "utils/PeerCredentials.h"
 #include "utils/ShareMemory.h"
 

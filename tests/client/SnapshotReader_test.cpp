@@ -2,7 +2,6 @@
 
 #include "client/Client.h"
 #include "fakes/ListenOn.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
 
 namespace kelm::client {

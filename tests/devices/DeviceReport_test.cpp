@@ -1,7 +1,5 @@
 #include "devices/DeviceReport.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include "devices/DeviceRows.h"

@@ -1,10 +1,7 @@
 #include "execution/KelmDeviceBase.h"
 
 #include "TestConfig.h"
-#include "fakes/Eventually.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Tracer.h"

@@ -3,7 +3,6 @@
 #include <cmath>
 
 #include "TestConfig.h"
-#include "fakes/TestPch.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
 

@@ -1,9 +1,7 @@
 // The path of a task through an accelerator, and what the device tells of itself.
-#include <future>
 
 #include "ZorvanFixture.h"
 #include "execution/QueueLedger.h"
-#include "fakes/Eventually.h"
 #include "records/BufferAllocator.h"
 
 namespace kelm {

@@ -1,9 +1,6 @@
 #include "execution/KelmZorvanDevice.h"
 
-#include <future>
-
 #include "ZorvanFixture.h"
-#include "fakes/Eventually.h"
 
 namespace kelm {
 

@@ -1,8 +1,6 @@
 #include "execution/ResetQueue.h"
 
-#include "fakes/Eventually.h"
 #include "fakes/FakeResultSink.h"
-#include "fakes/TestPch.h"
 #include "fakes/TestRequest.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Port.h"

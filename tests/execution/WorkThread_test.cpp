@@ -1,14 +1,10 @@
 #include "execution/WorkThread.h"
 
-#include <deque>
-
 #include "TestConfig.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeResultSink.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/FakeWorkerFailureListener.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TestPch.h"
 #include "fakes/TestRecords.h"
 #include "fakes/TestRequest.h"
 #include "protocol/src/KelmError.h"

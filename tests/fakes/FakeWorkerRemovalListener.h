@@ -1,8 +1,5 @@
 #pragma once
 
-#include <memory>
-#include <vector>
-
 #include "execution/WorkThread.h"
 #include "fakes/Recorded.h"
 #include "scheduling/devices/WorkerRemovalListener.h"

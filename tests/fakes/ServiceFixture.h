@@ -1,19 +1,7 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "fakes/Eventually.h"
 #include "fakes/ServiceConfig.h"
 #include "protocol/src/InfoPackage.h"
 #include "tests/wire/WireClient.h"

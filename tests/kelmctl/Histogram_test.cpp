@@ -1,7 +1,6 @@
 #include "tools/kelmctl/Histogram.h"
 
 #include <cmath>
-#include <random>
 
 namespace kelm::ctl {
 namespace {

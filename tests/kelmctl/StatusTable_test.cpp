@@ -2,7 +2,6 @@
 
 #include <clocale>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tools/kelmctl/SafeText.h"
 #include "tools/kelmctl/StatusJson.h"

@@ -2,9 +2,7 @@
 
 #include <poll.h>
 
-#include "fakes/Eventually.h"
 #include "fakes/ListenOn.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
 
 namespace kelm::ctl {

@@ -1,6 +1,5 @@
 #include "tools/kelmctl/TopView.h"
 
-#include <algorithm>
 #include <clocale>
 
 #include "tools/kelmctl/SafeText.h"

@@ -1,8 +1,5 @@
 #include <nlohmann/json.hpp>
-#include <random>
 
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "tools/kelmctl/TraceCommand.h"
 
 namespace kelm::ctl {

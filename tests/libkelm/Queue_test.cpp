@@ -1,10 +1,7 @@
 #include <poll.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cmath>
-#include <set>
 
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"

@@ -1,7 +1,3 @@
-#include <atomic>
-#include <cstdlib>
-#include <thread>
-
 #include "fakes/ListenOn.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"

@@ -1,10 +1,5 @@
 #include "managers/GraphManager.h"
 
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "managers/GraphBlob.h"

@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include "fakes/OtherUser.h"
 #include "managers/ManagersFixture.h"
 

@@ -1,8 +1,6 @@
 #include "reporting/SnapshotServer.h"
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
 #include "utils/Semaphore.h"
 

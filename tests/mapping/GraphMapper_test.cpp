@@ -2,8 +2,6 @@
 
 #include <cmath>
 #include <limits>
-#include <random>
-#include <sstream>
 
 #include "scheduling/mapping/MapperMatcher.h"
 #include "scheduling/mapping/MapperModel.h"

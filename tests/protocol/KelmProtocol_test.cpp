@@ -1,6 +1,5 @@
 #include "protocol/src/KelmProtocol.h"
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 #include "protocol/src/MessageAssembler.h"
 #include "protocol/src/MessageWriter.h"

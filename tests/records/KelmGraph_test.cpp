@@ -3,11 +3,9 @@
 #include <sys/resource.h>
 
 #include <csignal>
-#include <filesystem>
 #include <limits>
 
 #include "fakes/FakeClientDirectory.h"
-#include "fakes/TempDir.h"
 #include "records/GraphDemand.h"
 #include "utils/Digest.h"
 #include "utils/Port.h"

@@ -1,5 +1,3 @@
-#include <span>
-
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/DeviceSchedulerStream.h"

@@ -1,4 +1,3 @@
-#include "fakes/Eventually.h"
 #include "fakes/Recorded.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"

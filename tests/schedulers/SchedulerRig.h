@@ -1,16 +1,9 @@
 #pragma once
 
-#include <functional>
-#include <map>
-#include <memory>
-#include <sstream>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "execution/TaskExchange.h"
 #include "execution/WorkThread.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/FakeWorkerRemovalListener.h"

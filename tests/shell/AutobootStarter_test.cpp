@@ -2,8 +2,6 @@
 
 #include <signal.h>
 
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
 #include "utils/RunPaths.h"
 #include "utils/platform/linux/SubProcess.h"
 

@@ -1,10 +1,6 @@
 #include "shell/ServiceDaemonHelper.h"
 
-#include <future>
-
 #include "config/ServiceConfigParser.h"
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
 #include "utils/RunPaths.h"
 #include "utils/platform/linux/SubProcess.h"
 

@@ -1,7 +1,3 @@
-#include <sys/stat.h>
-
-#include <set>
-
 #include "fakes/ListenOn.h"
 #include "fakes/OtherUser.h"
 #include "fakes/ServiceFixture.h"

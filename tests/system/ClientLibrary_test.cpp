@@ -1,5 +1,3 @@
-#include <sys/mman.h>
-
 #include "client/Client.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"

@@ -4,13 +4,6 @@
 #include <signal.h>
 #include <sys/types.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "utils/NonCopyable.h"
 

@@ -1,6 +1,3 @@
-#include <sys/mman.h>
-#include <sys/stat.h>
-
 #include <nlohmann/json.hpp>
 
 #include "client/SegmentName.h"

@@ -1,15 +1,10 @@
-#include <span>
-#include <sstream>
-
 #include "config/ServiceConfigParser.h"
 #include "execution/WorkThread.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TempDir.h"
 #include "fakes/TestRecords.h"
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"

@@ -1,7 +1,5 @@
 #include "utils/platform/linux/DeviceMonitorZorvanImpl.h"
 
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
 #include "tools/simulator/UsbBus.h"
 #include "utils/DeviceMonitor.h"
 #include "utils/Mutex.h"

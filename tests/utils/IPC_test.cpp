@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/resource.h>
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 #include "utils/PeerCredentials.h"
 

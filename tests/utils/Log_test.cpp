@@ -2,8 +2,6 @@
 
 #include <regex>
 
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
 #include "utils/TextHelper.h"
 #include "utils/TextTable.h"
 #include "utils/TimeHelper.h"

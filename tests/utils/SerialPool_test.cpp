@@ -1,9 +1,5 @@
 #include "utils/SerialPool.h"
 
-#include <random>
-
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {

@@ -3,9 +3,6 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
-
 namespace kelm {
 namespace {
 

@@ -1,11 +1,5 @@
 #include "utils/ThreadPool.h"
 
-#include <atomic>
-#include <future>
-
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
-
 namespace kelm {
 namespace {
 

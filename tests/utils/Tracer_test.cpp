@@ -1,13 +1,10 @@
 #include "utils/Tracer.h"
 
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <regex>
 
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "utils/AppendOnlyFile.h"
 #include "utils/CsvObjWriter.h"
 #include "utils/ThreadUtils.h"
