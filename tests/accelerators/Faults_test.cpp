@@ -66,37 +66,6 @@ class FaultsTest : public AcceleratorFixture {
     Footprint m_before;
 };
 
-// At once where another device is there, or else on one that comes later.
-TEST_F(FaultsTest, RefusedLoadIsTriedOnAnotherDevice) {
-    constexpr const char* kLosing = "fail 1.1 qxGraphAllocate -6 1";
-    plug("1.1");
-    plug("1.2");
-    startWarm();
-    const size_t lost = logCount(built("1.1"));
-    for (const char* order :
-         {"fail 1.1 qxGraphAllocate -3", "fail 1.1 qxFifoAllocate -10", kLosing}) {
-        SCOPED_TRACE(order);
-        host().order(order);
-        if (order != kLosing) {  // that one would leave no device for the second half
-            const size_t refused = logCount("failed, device=1.1");
-            TensorLoad early(path(), {.name = "early", .graphs = {order}});
-            ASSERT_TRUE(early.getsOn()) << lastLines();
-            ASSERT_TRUE(waitLogCount("failed, device=1.1", refused + 1)) << lastLines();
-            EXPECT_EQ(early.finish(), "");
-        }
-        unplug("1.2");
-        const size_t refused = logCount("failed, device=1.1");
-        TensorLoad late(path(), {.name = "late", .graphs = {order}});
-        ASSERT_TRUE(waitLogCount("failed, device=1.1", refused + 1));
-        plugAnew("1.2");
-        ASSERT_TRUE(late.getsOn()) << lastLines();
-        EXPECT_EQ(late.finish(), "");
-    }
-    EXPECT_TRUE(waitLogCount(built("1.1"), lost + 1));
-    EXPECT_EQ(eventCount("reset 1.1"), 1U);
-    expectNothingLeft();
-}
-
 TEST_F(FaultsTest, TasksOfALostDeviceGoOnElsewhere) {
     const struct {
         const char* container;

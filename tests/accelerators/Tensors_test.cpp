@@ -10,8 +10,7 @@ class TensorsTest : public AcceleratorFixture {
     static constexpr size_t kSize = 400000;  // of the tensors that shrink, and of their graph's
 
     bool isMapped(const std::string& name) const {
-        std::ifstream maps("/proc/" + std::to_string(service().pid()) + "/maps");
-        const std::string text{std::istreambuf_iterator<char>(maps), {}};
+        const std::string text = readText("/proc/" + std::to_string(service().pid()) + "/maps");
         return text.find(name) != std::string::npos;
     }
     // The status of a task whose buffer of the role is shortened while it is mapped and in use.

@@ -83,6 +83,16 @@ TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     EXPECT_TRUE(client->isConnected());
 }
 
+TEST(ClientTest, StatusIsAskedForAsTheServiceAnswersIt) {
+    SilentService service;
+    EXPECT_EQ(service.client->queryStatus(StatusParts(uint64_t{0})).error().kind(),
+              ErrorKind::kSystem);
+    (void)service.client->queryStatus(StatusPart::kClients, kShort);
+    KelmMsgReqQueryStatus request;
+    ASSERT_GT(::recv(service.peer.get(), &request, sizeof(request), MSG_WAITALL), 0);
+    EXPECT_EQ(request.queryType, 4U | 8U) << "rows of clients come beside those of graphs";
+}
+
 TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     constexpr int kMoreThanTheSocketHolds = 2000;
     SilentService service;
@@ -185,7 +195,7 @@ TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
         void* const output = services.open(name.c_str(), 16);
         ASSERT_NE(output, nullptr);
         std::memset(output, 0xff, 16);
-        EXPECT_THAT(next->output(), ::testing::Each(std::byte{0}));
+        EXPECT_THAT(next->output(), Each(std::byte{0}));
         EXPECT_EQ(pool.acquire().error().kind(), ErrorKind::kBusy);
         row.tell(service);
         ASSERT_TRUE(eventually([&] {

@@ -6,8 +6,6 @@
 namespace kelm::client {
 namespace {
 
-using ::testing::HasSubstr;
-
 class ConnectErrorTest : public ::testing::Test {
  protected:
     void expectCause(const std::string& words) const {

@@ -6,7 +6,6 @@
 namespace kelm::client {
 namespace {
 
-using ::testing::ElementsAre;
 using Clock = PendingCalls::Clock;
 
 constexpr std::chrono::hours kNever{1};
@@ -105,17 +104,6 @@ TEST_F(PendingCallsTest, LaterCallWithAnEarlierDeadlineEndsInTime) {
     m_calls.finishInfer(2, KELM_OK, 1);  // too late
     m_calls.finishInfer(1, KELM_OK, 2);
     EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kTimeout, ErrorKind::kNone));
-}
-
-TEST_F(PendingCallsTest, ClosedTableEndsItsCallsAndTakesNoMore) {
-    ASSERT_TRUE(addInfer(1));
-    ErrorKind kind = ErrorKind::kNone;
-    ASSERT_TRUE(m_calls.addCall(2, "a call", Clock::now() + kNever,
-                                [&](const MessagePtr&, const Error& end) { kind = end.kind(); }));
-    for (int i = 0; i < 2; ++i) m_calls.closeAll(Error::connectionLost());
-    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kConnectionLost));
-    EXPECT_EQ(kind, ErrorKind::kConnectionLost);
-    EXPECT_FALSE(addInfer(3));
 }
 
 TEST_F(PendingCallsTest, CallbackMaySubmitWithTheSameSlot) {

@@ -20,9 +20,6 @@ extern "C" int fsetxattr(int fd, const char* name, const void* value, size_t siz
 namespace kelm::client {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-
 constexpr uid_t kService = OtherUser::kId;
 constexpr uid_t kClient = OtherUser::kId - 1;
 constexpr uid_t kStranger = OtherUser::kId - 2;

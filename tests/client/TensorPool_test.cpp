@@ -1,7 +1,6 @@
 #include "client/TensorPool.h"
 
 #include <sys/statvfs.h>
-#include <sys/wait.h>
 
 #include "utils/UniqueFd.h"
 

@@ -6,11 +6,6 @@ namespace kelm {
 namespace {
 
 using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::Field;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Pair;
 
 using std::chrono::milliseconds;
 
@@ -41,11 +36,13 @@ TEST_F(DeviceManagerTest, FirstDevicesFillTheQuotasAndALaterOneTakesWhatIsShort)
                                         "graph_tag_map": {"camera": 1, "door": 2}}]})");
     startManager({"a", "b", "c", "d", "e", "f"});
     KelmGraph* const streamed = makeGraph("", "stream");
-    KelmGraph* const graphs[] = {makeGraph("camera"), makeGraph("door"), streamed, makeGraph()};
+    // The tag counts, and not the stream.
+    KelmGraph* const graphs[] = {makeGraph("camera", "gate"), makeGraph("door"), streamed,
+                                 makeGraph()};
     for (KelmGraph* graph : graphs) m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 4; }));
     EXPECT_THAT(m_placement.loads(),
-                ::testing::Each(Field(&std::pair<KelmGraph*, KelmError>::second, KELM_OK)));
+                Each(Field(&std::pair<KelmGraph*, KelmError>::second, KELM_OK)));
     for (const char* name : {"a", "b", "c", "d"})
         EXPECT_TRUE(hasCalled(name, DeviceCall::Allocate, 1)) << name;
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(isOnDevices(graphs[i], i == 1 ? 2 : 1)) << i;
@@ -181,7 +178,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
     for (int call = 0; call < 2; ++call) EXPECT_FALSE(m_manager->stop());
     EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "its scheduler may still use the worker";
     EXPECT_THAT(m_collector.listeners(), IsEmpty());
-    EXPECT_THAT(print(), ::testing::EndsWith("DeviceUtilization(count=0):\n\n"));
+    EXPECT_THAT(print(), EndsWith("DeviceUtilization(count=0):\n\n"));
     EXPECT_THAT(query().deviceNames, IsEmpty());
     m_manager.reset();
     m_devices["a"].release(DeviceCall::Allocate);

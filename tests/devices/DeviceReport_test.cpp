@@ -12,9 +12,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::Each;
-using ::testing::HasSubstr;
-
 const GraphFigures::TimePoint kLoaded{std::chrono::hours(24 * 365)};
 
 DeviceFigures makeBusyDevice() {
@@ -123,39 +120,6 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
 }
 
 using DeviceReportTest = DevicesRig;
-
-TEST_F(DeviceReportTest, LinesAndTableTellWhatADeviceRunsAndIsKeptFor) {
-    configurePrinting("base", "table");
-    struct Case {
-        const char* tagMap;
-        int streamDevices;
-        const char *scheduler, *tag, *streamId;
-    };
-    for (const Case& testCase :
-         {Case{R"("camera": 1)", 0, "tag", "camera", ""}, Case{"", 1, "stream", "", "gate"},
-          Case{"", 0, "squeeze", "", ""}}) {
-        SCOPED_TRACE(testCase.scheduler);
-        configure(StringHelper::format(R"({"scheduler_config": [{"subclass": 0,
-            "graph_tag_map": {%s}, "stream_device_number": %d}]})",
-                                       testCase.tagMap, testCase.streamDevices));
-        startManager({"a"});
-        EXPECT_THAT(print(), HasSubstr("DeviceFps(count=1):\n[a@NoGraph].Fps = 0.0\n"));
-        KelmGraph* const graph = makeGraph(testCase.tag, testCase.streamId);
-        m_manager->enqueueLoadGraph(graph);
-        const std::string name = graph->getName();
-        ASSERT_TRUE(eventually([&] { return query().deviceGraphNames.at(0) == name; }));
-        ASSERT_TRUE(isOnDevices(graph, 1));
-        const std::string comment = std::string(testCase.tag) + testCase.streamId;
-        for (const std::string& text :
-             {"DeviceFps(count=1):\n[a@" + name + "].Fps = 0.00\n",
-              "DeviceUtilization(count=1):\n[a@" + name + "] = 0.00\n",
-              StringHelper::format("| scheduler   | %-17s |\n| comment     | %-17s |\n",
-                                   testCase.scheduler, comment.c_str())}) {
-            EXPECT_THAT(print(), HasSubstr(text));
-        }
-        EXPECT_TRUE(m_manager->stop());
-    }
-}
 
 // The mode is read in any case, the style as it stands; numbers of graphs are clamped.
 TEST_F(DeviceReportTest, SettingsGiveTheTableItsForm) {

@@ -1,7 +1,7 @@
 #include "execution/KelmDeviceBase.h"
 
-#include "TestConfig.h"
 #include "fakes/ScriptedDevice.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Tracer.h"

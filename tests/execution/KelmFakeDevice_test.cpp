@@ -1,8 +1,6 @@
 #include "execution/KelmFakeDevice.h"
 
-#include <cmath>
-
-#include "TestConfig.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
 

@@ -8,8 +8,6 @@ namespace kelm {
 
 namespace {
 
-using testing::ElementsAre;
-
 constexpr int kFifoCapacity = 4;
 
 class KelmZorvanTaskTest : public ZorvanFixture {

@@ -6,9 +6,6 @@ namespace kelm {
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 class KelmZorvanDeviceTest : public ZorvanFixture {
  protected:
     // The names of the library's calls that release something.

@@ -9,10 +9,6 @@
 namespace kelm {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
 // The nth reset, from 0, waits until the test lets it go on, and gives n.
 class ResetQueueTest : public testing::Test {
  protected:

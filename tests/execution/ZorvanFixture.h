@@ -1,8 +1,8 @@
 #pragma once
 
-#include "TestConfig.h"
 #include "execution/KelmZorvanDevice.h"
 #include "fakes/SimulatedLibraries.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "records/KelmTaskParam.h"
 #include "tools/simulator/Model.h"

@@ -38,7 +38,7 @@ class ServiceFixture : public ::testing::Test {
         EXPECT_TRUE(m_service->stop(kTimeToEnd)) << lastLines();
         const std::string log = m_service->log();
         for (const char* words : {"Sanitizer", "runtime error", "leave without waiting"}) {
-            EXPECT_THAT(log, ::testing::Not(::testing::HasSubstr(words)));
+            EXPECT_THAT(log, Not(HasSubstr(words)));
         }
     }
 

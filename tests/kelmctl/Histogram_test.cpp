@@ -1,7 +1,5 @@
 #include "tools/kelmctl/Histogram.h"
 
-#include <cmath>
-
 namespace kelm::ctl {
 namespace {
 

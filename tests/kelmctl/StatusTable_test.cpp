@@ -9,10 +9,6 @@
 namespace kelm::ctl {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 TEST(SafeTextTest, NothingThatATerminalObeysPasses) {
     std::setlocale(LC_CTYPE, "C.UTF-8");  // widths of characters come from it
     const struct {

@@ -1,7 +1,5 @@
 #include "tools/kelmctl/TopFeed.h"
 
-#include <poll.h>
-
 #include "fakes/ListenOn.h"
 #include "protocol/src/InfoPackage.h"
 

@@ -7,9 +7,6 @@
 namespace kelm::ctl {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 class TopViewTest : public ::testing::Test {
  protected:
     TopViewTest() { std::setlocale(LC_CTYPE, "C.UTF-8"); }

@@ -6,8 +6,6 @@ namespace kelm::ctl {
 namespace {
 
 using Json = nlohmann::json;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr const char* kFramesHeader = "name,start_tsc.RDTSC,end_tsc\n";
 constexpr const char* kTasksHeader = "name,start_tsc.RDTSC,end_tsc,pid,tid\n";

@@ -1,53 +1,37 @@
-#include <poll.h>
-#include <sys/wait.h>
-
-#include <cmath>
-
+#include "fakes/Recorded.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "kelm/kelm.hpp"
-#include "utils/Mutex.h"
 
 namespace kelm {
 namespace {
 
-using ::testing::ElementsAre;
 using Millis = std::chrono::milliseconds;
 
-// How tasks have ended, in order.
+// How tasks have ended, in order. Any thread.
 class Ends {
  public:
-    void add(const kelm_result& result) {
-        MutexLock lock(m_mutex);
-        m_cookies.push_back(result.cookie);
-        m_errors.push_back(result.error);
-        m_last = Result(result);
-    }
     // A callback that adds.
     auto adder() {
-        return [this](const kelm_result& result) { add(result); };
+        return [this](const kelm_result& result) { m_results.add(result); };
     }
     std::vector<uint64_t> cookies() const {
-        MutexLock lock(m_mutex);
-        return m_cookies;
+        std::vector<uint64_t> cookies;
+        for (const kelm_result& result : m_results()) cookies.push_back(result.cookie);
+        return cookies;
     }
     std::vector<int> errors() const {
-        MutexLock lock(m_mutex);
-        return m_errors;
+        std::vector<int> errors;
+        for (const kelm_result& result : m_results()) errors.push_back(result.error);
+        return errors;
     }
-    Result last() const {
-        MutexLock lock(m_mutex);
-        return m_last;
-    }
+    kelm_result last() const { return m_results().back(); }
     bool wait(size_t count) const {
-        return eventually([&] { return cookies().size() >= count; });
+        return eventually([&] { return m_results().size() >= count; });
     }
 
  private:
-    mutable Mutex m_mutex;
-    std::vector<uint64_t> m_cookies GUARDED_BY(m_mutex);
-    std::vector<int> m_errors GUARDED_BY(m_mutex);
-    Result m_last GUARDED_BY(m_mutex);
+    Recorded<kelm_result> m_results;  // whose texts are gone
 };
 
 int codeOf(const std::function<void()>& call) {
@@ -193,7 +177,7 @@ TEST_F(QueueTest, CallThatReadsHoldsUpNothingElse) {
     auto last = startCalling([&] { return codeOf([&] { m_graph->infer(m_pool->acquire()); }); });
     service().signal(SIGKILL);
     (void)service().waitExit();
-    EXPECT_THAT(last.get(), ::testing::AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
+    EXPECT_THAT(last.get(), AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
 }
 
 TEST_F(QueueTest, EndOfTheConnectionEndsEachTaskOnce) {
@@ -204,8 +188,8 @@ TEST_F(QueueTest, EndOfTheConnectionEndsEachTaskOnce) {
     service().signal(SIGKILL);
     EXPECT_EQ(service().waitExit(), std::nullopt);
     ASSERT_TRUE(m_ends.wait(6));
-    EXPECT_THAT(m_ends.errors(), ::testing::Each(KELM_CONNECTION_LOST));
-    EXPECT_THAT(call.get(), ::testing::AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
+    EXPECT_THAT(m_ends.errors(), Each(KELM_CONNECTION_LOST));
+    EXPECT_THAT(call.get(), AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
     EXPECT_EQ(codeOf([&] { submit(6); }), KELM_NOT_CONNECTED);
     EXPECT_FALSE(m_client->isConnected());
     // The tasks may run on: their slots are given to no other.
@@ -254,7 +238,7 @@ TEST_F(QueueTest, TasksThatTheServiceDropsWithAnotherGraphAreSentAgain) {
     for (uint64_t i = 0; i < 20; ++i) submit(i);
     shared.reset();
     ASSERT_TRUE(m_ends.wait(20));
-    EXPECT_THAT(m_ends.errors(), ::testing::Each(KELM_SUCCESS));
+    EXPECT_THAT(m_ends.errors(), Each(KELM_SUCCESS));
     EXPECT_EQ(m_ends.cookies().size(), 20U);
 }
 

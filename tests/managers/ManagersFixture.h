@@ -1,7 +1,5 @@
 #pragma once
 
-#include <poll.h>
-
 #include "fakes/ScriptedDevice.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceInProcess.h"

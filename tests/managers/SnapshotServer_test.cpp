@@ -7,8 +7,6 @@
 namespace kelm {
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr auto kNever = 10min;  // no package but those that an event brings
 
 // A tool; packages carry their number at both ends.

@@ -6,10 +6,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-
 // Does what the test says.
 class ScriptedOperation : public StatusChangeOperation {
  public:
@@ -119,9 +115,8 @@ TEST_F(DeviceSchedulerTest, ExceptionCountsAsThatOperationsFailureAndEndsNothing
     scheduler.loadGraph(inWait);
     scheduler.start();
     EXPECT_TRUE(eventually([&] { return placement.loads().size() == 2; }));
-    EXPECT_THAT(placement.loads(),
-                ::testing::UnorderedElementsAre(Pair(inExecute, KELM_ERROR_DEVICE_FAILED),
-                                                Pair(inWait, KELM_ERROR_DEVICE_FAILED)));
+    EXPECT_THAT(placement.loads(), UnorderedElementsAre(Pair(inExecute, KELM_ERROR_DEVICE_FAILED),
+                                                        Pair(inWait, KELM_ERROR_DEVICE_FAILED)));
     EXPECT_TRUE(otherRan);
     scheduler.unloadGraph(inWait);
     EXPECT_TRUE(eventually([&] { return !placement.unloads().empty(); }));

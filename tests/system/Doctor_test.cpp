@@ -9,8 +9,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-
 // A name as of a process that has died.
 std::string leaveSegment() {
     int ends[2] = {-1, -1};
@@ -48,11 +46,10 @@ class DoctorTest : public SystemFixture {
         // More than once, since pools of other tests remove what dead processes have left.
         (void)eventually([&] {
             row.enter();
-            const std::string output = service().files().write("output", "");
-            CommandProcess command("doctor --timeout 1 >" + output + " 2>&1");
-            EXPECT_EQ(command.wait(), row.status);
+            const ShellCommand command(KELM_CTL " doctor --timeout 1");
+            EXPECT_EQ(command.status, row.status);
             row.leave();
-            text = (std::ostringstream() << std::ifstream(output).rdbuf()).str();
+            text = command.output;
             return std::ranges::all_of(row.lines, tells);
         });
         for (const std::string& line : row.lines) EXPECT_THAT(text, HasSubstr(line));

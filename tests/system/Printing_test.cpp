@@ -6,9 +6,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 class PrintingTest : public SystemFixture {
  protected:
     // A section of the configuration.
@@ -29,9 +26,11 @@ class PrintingTest : public SystemFixture {
 };
 
 TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
-    start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" + printing(1000) + "}");
+    start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" + printing(1000) +
+          R"(}, "scheduler_config": [{"subclass": 0, "graph_tag_map": {"kept": 1}}])");
     WireClient client(path(), "the client");
     const uint64_t graph = client.createGraph({"blob", "the graph"}).graphId;
+    EXPECT_NE(client.createGraph({"another", "another", "kept"}).graphId, 0U);
     for (int i = 0; i < 40; ++i) ASSERT_TRUE(client.infers(graph));
     const auto begin = std::chrono::steady_clock::now();
     const int64_t before = passes();
@@ -42,11 +41,13 @@ TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
     const std::string rate = R"([1-9]\d*\.\d\d)";
     for (const std::string& pattern :
          {"ServiceFps=" + rate, R"(\[the client\] = )" + rate,
+          R"(\[Fake\d@the graph\]\.Fps = )" + rate,
           R"(\[the graph\] = \(in\) )" + rate + R"( \(out\) )" + rate,
           std::string(R"(VIRT = \d{4,}, RES = \d{4,}, SHR = \d{3,}, TOTAL = \d{5,}\n)"),
           std::string("TaskSnapshot\\(Regular\\)\n-{29} TS.Polling -{30}\nTime: "),
           std::string(R"(clientName +\| the client +\|\n.*\n\| inferTimes +\| 40 +\|)"),
           std::string(R"(graphName +\| the graph +\|)"),
+          std::string(R"(scheduler +\|( (tag|squeeze) +\|){2}\n\| comment +\|.* kept )"),
           std::string("DeviceUtilization\\(count=2\\):")}) {
         EXPECT_TRUE(std::regex_search(service().log(), std::regex(pattern)))
             << pattern << lastLines();

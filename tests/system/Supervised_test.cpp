@@ -8,8 +8,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-
 constexpr const char* kEndsBehindItsLastClient =
     R"({"service_settings": {"wait_seconds_before_exit": 0}})";
 

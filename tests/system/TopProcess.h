@@ -1,9 +1,6 @@
 #pragma once
 
-#include <poll.h>
 #include <pty.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <utmp.h>
 

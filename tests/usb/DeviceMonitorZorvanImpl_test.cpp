@@ -9,8 +9,6 @@ namespace kelm {
 namespace {
 
 using simulator::UsbBus;
-using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
 
 constexpr int kVendor = 0x7c52;
 constexpr int kProduct = 0xe19a;

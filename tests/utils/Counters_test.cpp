@@ -1,5 +1,3 @@
-#include <cmath>
-
 #include "utils/FpsCounter.h"
 #include "utils/UtilizationCounter.h"
 

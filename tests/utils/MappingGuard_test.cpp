@@ -1,7 +1,5 @@
 #include "utils/MappingGuard.h"
 
-#include <csignal>
-
 #include "utils/UniqueFd.h"
 
 namespace kelm {

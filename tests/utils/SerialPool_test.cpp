@@ -5,8 +5,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::ElementsAre;
-
 // The calling test's thread owes pools, as a pool's own does.
 class SerialPoolTest : public ::testing::Test {
  protected:

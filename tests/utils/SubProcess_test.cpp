@@ -1,12 +1,7 @@
 #include "utils/platform/linux/SubProcess.h"
 
-#include <signal.h>
-#include <sys/wait.h>
-
 namespace kelm {
 namespace {
-
-using ::testing::EndsWith;
 
 // Children are small shell scripts that note in a file how they were called.
 class SubProcessTest : public ::testing::Test {

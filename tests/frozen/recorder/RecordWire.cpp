@@ -1,6 +1,5 @@
 // Records a session of the client library with the service, for the replays: run it by hand, with
 // the file to write. To be done when the wire has changed on purpose only, see docs/protocol.md.
-#include <poll.h>
 
 #include <cstdio>
 
