@@ -79,7 +79,7 @@ class AcceleratorFixture : public SystemFixture {
         const auto takeAndAsk = [&] {
             std::ranges::move(m_host.takeEvents(), std::back_inserter(m_events));
             if (predicate()) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            std::this_thread::sleep_for(1ms);
             return false;
         };
         return eventually(takeAndAsk);

@@ -1,6 +1,5 @@
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
-#include "fakes/OtherUser.h"
 
 namespace kelm {
 namespace {
@@ -31,27 +30,6 @@ class TensorsTest : public AcceleratorFixture {
         return client.wait();
     }
 };
-
-TEST_F(TensorsTest, NamedTensorsAreForThoseWhomTheirModeLetsIn) {
-    if (!OtherUser::isPossible()) GTEST_SKIP() << "acting as another user needs root";
-    constexpr const char* kGraph = "KELMSIM input=16 output=100\ngraph";
-    plug("1.1");
-    startService();
-    OtherUser::letIn(path());
-    const SharedTensor rootsInput(KELM_BUFFER_SHARE_MEMORY, 16);
-    const SharedTensor rootsOutput(KELM_BUFFER_SHARE_MEMORY, 100);
-    std::list<SharedTensor> own;
-    std::optional<TaskClient> other;
-    OtherUser::run([&] {
-        for (const size_t size : {16, 100}) own.emplace_back(KELM_BUFFER_SHARE_MEMORY, size);
-        other.emplace(path(), kGraph);
-    });
-    EXPECT_EQ(other->infer(rootsInput, own.back()), KELM_ERROR_MAP_INPUT_FAILED);
-    EXPECT_EQ(other->infer(own.front(), rootsOutput), KELM_ERROR_MAP_OUTPUT_FAILED);
-    EXPECT_EQ(other->infer(own.front(), own.back(), &rootsOutput), KELM_ERROR_MAP_AUX_FAILED);
-    EXPECT_EQ(other->infer(own.front(), own.back()), KELM_OK);
-    EXPECT_EQ(TaskClient(path(), kGraph).infer(own.front(), rootsOutput), KELM_OK);
-}
 
 TEST_F(TensorsTest, MemoryThatIsTakenBackCostsItsTaskAlone) {
     plug("1.1");

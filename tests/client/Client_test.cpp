@@ -100,7 +100,7 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     testing::internal::CaptureStderr();
     Ends ends;
     for (int i = 0; i < kMoreThanTheSocketHolds; ++i) {
-        client->inferAsync({}, ends.callback(), {}, milliseconds(500));
+        client->inferAsync({}, ends.callback(), {}, 500ms);
     }
     // The first ones reach their deadline; then the stuck write is given up, and all else ends.
     EXPECT_TRUE(eventually([&] {
@@ -115,7 +115,7 @@ TEST(ClientTest, NonsenseEndsAWriteThatTheServiceDoesNotRead) {
     Ends ends;
     std::thread writer([&] {
         while (service.client->isConnected()) {
-            service.client->inferAsync({}, ends.callback(), {}, std::chrono::minutes(10));
+            service.client->inferAsync({}, ends.callback(), {}, 10min);
         }
     });
     EXPECT_TRUE(eventually([&] {

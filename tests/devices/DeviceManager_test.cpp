@@ -130,9 +130,8 @@ TEST_F(DeviceManagerTest, DeviceIsOpenedAnewOnceItsOldWorkerIsDestroyedOrThatTak
         int openedMeanwhile, openedAtLast;
     };
     constexpr milliseconds kLong{30000};
-    for (const Case& testCase :
-         {Case{"a", kLong, kLong, 1, 2}, Case{"b", kLong, milliseconds(1), 2, 2},
-          Case{"stopped", milliseconds(10), kLong, 1, 1}}) {
+    for (const Case& testCase : {Case{"a", kLong, kLong, 1, 2}, Case{"b", kLong, 1ms, 2, 2},
+                                 Case{"stopped", 10ms, kLong, 1, 1}}) {
         SCOPED_TRACE(testCase.device);
         const bool isStopped = testCase.openedAtLast == 1;
         DeviceScript& device = m_devices[testCase.device];
@@ -169,7 +168,7 @@ TEST_F(DeviceManagerTest, StopEndsTheWaitForAnOldWorker) {
 TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftBehind) {
     configurePrinting("base", "table");
     KelmGraph* const graph = makeLastingGraph();
-    startManager({"a"}, milliseconds(10));
+    startManager({"a"}, 10ms);
     m_devices["a"].block(DeviceCall::Allocate);
     m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(hasCalled("a", DeviceCall::Allocate, 1));
@@ -186,7 +185,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
 }
 
 TEST_F(DeviceManagerTest, StopDoesNotWaitForADeviceThatIsBeingOpened) {
-    startManager({"a"}, milliseconds(10));
+    startManager({"a"}, 10ms);
     m_devices["b"].block(DeviceCall::Open);
     plugIn("b");
     ASSERT_TRUE(hasCalled("b", DeviceCall::Open, 1));
@@ -226,8 +225,7 @@ TEST_F(DeviceManagerTest, ThermalReadingHoldsUpTheEndOfItsWorkerOnly) {
     plugOut("a");
     EXPECT_TRUE(hasWorkers(0));
     plugIn("a");
-    EXPECT_FALSE(
-        eventually([&] { return m_devices["a"].count(DeviceCall::Open) > 1; }, milliseconds(100)))
+    EXPECT_FALSE(eventually([&] { return m_devices["a"].count(DeviceCall::Open) > 1; }, 100ms))
         << "the old worker is being read";
     m_devices["a"].release(DeviceCall::Thermal);
     EXPECT_TRUE(hasCalled("a", DeviceCall::Open, 2));

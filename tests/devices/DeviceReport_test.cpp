@@ -15,8 +15,7 @@ namespace {
 const GraphFigures::TimePoint kLoaded{std::chrono::hours(24 * 365)};
 
 DeviceFigures makeBusyDevice() {
-    const GraphFigures previous = {"old", kLoaded - std::chrono::hours(101),
-                                   kLoaded - std::chrono::hours(1), 9};
+    const GraphFigures previous = {"old", kLoaded - 101h, kLoaded - 1h, 9};
     const GraphFigures current = {"a_detector_of_faces", kLoaded, {}, 7};
     return {26,
             "bus-2-port-1-of-hub-3",
@@ -35,7 +34,7 @@ DeviceFigures makeBusyDevice() {
 std::string draw(const DeviceSnapshot::Style& style, const std::vector<DeviceFigures>& devices) {
     ::setenv("TZ", "UTC0", 1);
     ::tzset();
-    const auto now = kLoaded + std::chrono::seconds(3723);
+    const auto now = kLoaded + 3723s;
     return "\n" + DeviceSnapshot(style, devices, now).format(4) + "\n";
 }
 
@@ -112,7 +111,7 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
     EXPECT_THAT(last.currentFps, Each(12.5f));
     EXPECT_EQ(last.previousGraphCount, 2);
     EXPECT_STREQ(last.previousGraphName[1], "old");
-    EXPECT_EQ(last.previousGraphUnloadTime[1], putTime(kLoaded - std::chrono::hours(1), "%T"));
+    EXPECT_EQ(last.previousGraphUnloadTime[1], putTime(kLoaded - 1h, "%T"));
     EXPECT_THAT(last.previousInferenceCount, Each(9u));
     const std::string rest(reinterpret_cast<const char*>(&package->graphCount),
                            sizeof(InfoPackage) - offsetof(InfoPackage, graphCount));

@@ -55,9 +55,8 @@ class DevicesRig : public ::testing::Test {
         return kept->back().get();
     }
 
-    void startManager(const std::vector<std::string>& names,
-                      std::chrono::milliseconds stop = std::chrono::seconds(30),
-                      std::chrono::milliseconds oldWorker = std::chrono::seconds(60)) {
+    void startManager(const std::vector<std::string>& names, std::chrono::milliseconds stop = 30s,
+                      std::chrono::milliseconds oldWorker = 60s) {
         m_manager = DeviceManager::create("DeviceManager0", {stop, oldWorker});
         m_relay.manager = m_manager.get();
         m_manager->setDeviceList(0, names);

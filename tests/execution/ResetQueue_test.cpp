@@ -13,7 +13,7 @@ namespace {
 class ResetQueueTest : public testing::Test {
  protected:
     // With so many requests, of which the first is under way.
-    void start(size_t requests, std::chrono::milliseconds patience = std::chrono::hours(1)) {
+    void start(size_t requests, std::chrono::milliseconds patience = 1h) {
         const auto reset = [this] {
             const int number = m_begun++;
             m_go.wait();

@@ -330,7 +330,7 @@ TEST_F(UnansweredUnloadTest, StaleAnswerDoesNotPassForTheOneThatIsAskedFor) {
     worker->enqueueAbortApplyTaskDone(graph.get());
     worker->enqueueAbortApplyTaskDone(graph.get());
     const auto unloaded = unloadUnanswered();
-    EXPECT_EQ(unloaded.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    EXPECT_EQ(unloaded.wait_for(20ms), std::future_status::timeout);
     worker->enqueueAbortApplyTaskDone(graph.get());
     EXPECT_EQ(unloaded.get(), 0);
 }
@@ -360,8 +360,7 @@ TEST_F(UnansweredUnloadTest, AnswerStillArrivesWhileTheWorkerIsDestroyed) {
         const auto released = std::chrono::steady_clock::now();
         script.release(DeviceCall::GetResult);
         destroyed.get();
-        isAnswerHeard =
-            std::chrono::steady_clock::now() - released < std::chrono::milliseconds(900);
+        isAnswerHeard = std::chrono::steady_clock::now() - released < 900ms;
     }
     EXPECT_TRUE(isAnswerHeard);
 }

@@ -21,7 +21,7 @@ class FrozenWireTest : public SystemFixture {
 std::string receive(const WireClient& from, const FrozenRecord& record, FrozenFields& fields) {
     std::string bytes(record.bytes.size(), '\0');
     const auto read = [&](size_t begin, size_t end) {
-        return from.readBytes(&bytes[begin], end - begin, std::chrono::seconds(5));
+        return from.readBytes(&bytes[begin], end - begin, 5s);
     };
     if (!read(0, 1)) return record.name + ": does not come";
     bool isWhole = read(1, record.recordSize());

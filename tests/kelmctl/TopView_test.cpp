@@ -54,7 +54,7 @@ class TopViewTest : public ::testing::Test {
 
     TopModel m_model;
     TopControls m_controls;
-    TopModel::Time m_now{std::chrono::seconds(1000000)};
+    TopModel::Time m_now{1000000s};
 };
 
 TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {

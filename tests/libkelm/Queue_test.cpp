@@ -53,7 +53,7 @@ class QueueTest : public SystemFixture {
         m_graph.emplace(m_client->load(std::as_bytes(std::span("graph")), {.window = window}));
         m_pool.emplace(m_graph->makePool());
     }
-    uint64_t submit(uint64_t cookie, uint32_t priority = 0, Millis deadline = Millis(0)) {
+    uint64_t submit(uint64_t cookie, uint32_t priority = 0, Millis deadline = 0ms) {
         return m_graph->start(m_slots.emplace_back(m_pool->acquire()),
                               {.deadline = deadline, .priority = priority, .cookie = cookie},
                               m_ends.adder());
@@ -82,7 +82,7 @@ TEST_F(QueueTest, WaitingTasksAreSentByPriorityThenByAge) {
 TEST_F(QueueTest, TaskWhoseDeadlinePassesHereIsNeverSent) {
     open(300, 1);
     submit(0);
-    submit(1, 0, Millis(50));
+    submit(1, 0, 50ms);
     ASSERT_TRUE(m_ends.wait(2));
     EXPECT_THAT(m_ends.cookies(), ElementsAre(1, 0));
     EXPECT_THAT(m_ends.errors(), ElementsAre(KELM_EXPIRED, KELM_SUCCESS));
@@ -171,7 +171,7 @@ TEST_F(QueueTest, CallThatReadsHoldsUpNothingElse) {
     EXPECT_NE(ender, reader);
     // Its deadline, and the end of the service, reach it too.
     EXPECT_TRUE(m_graph->infer(slot).ok());
-    EXPECT_EQ(codeOf([&] { m_graph->infer(slot, {.deadline = Millis(20)}); }), KELM_TIMEOUT);
+    EXPECT_EQ(codeOf([&] { m_graph->infer(slot, {.deadline = 20ms}); }), KELM_TIMEOUT);
     EXPECT_EQ(codeOf([&] { m_graph->infer(slot); }), KELM_BUSY);  // long before the task's end
     EXPECT_TRUE(eventually([&] { return codeOf([&] { m_graph->infer(slot); }) == KELM_SUCCESS; }));
     auto last = startCalling([&] { return codeOf([&] { m_graph->infer(m_pool->acquire()); }); });
@@ -261,7 +261,7 @@ TEST_F(QueueTest, FreedGraphHasNoCallbackLeft) {
         return left.load();
     });
     ASSERT_TRUE(m_ends.wait(1));
-    EXPECT_EQ(freed.wait_for(Millis(500)), std::future_status::timeout);
+    EXPECT_EQ(freed.wait_for(500ms), std::future_status::timeout);
     leave.set_value();
     EXPECT_TRUE(freed.get());
 }

@@ -39,8 +39,6 @@ constexpr Row kRows[] = {
     {Scene::kService, "stop --timeout -1", 2, "time-out", "0 to 1000000 seconds"},
     {Scene::kService, "bench --graph graph --depth many", 2, "not 'many'", "from 1 to 65536"},
     {Scene::kService, "bench --graph graph --clients 0", 2, "number of clients", "1 to 512"},
-    {Scene::kService, "bench --graph graph --seconds -1", 2, "--seconds", "0.001 to 1000000"},
-    {Scene::kService, "bench --graph graph --count -1", 2, "--count", "at least 1"},
     {Scene::kService, "top --fast", 2, "--fast", "see kelmctl top --help"},
     {Scene::kService, "top </dev/null", 1, "needs a terminal", "status --watch"},
     {Scene::kService, "config chek", 2, "unknown command 'config chek'", "'config check'"},

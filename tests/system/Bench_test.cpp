@@ -49,7 +49,7 @@ class ScriptedService : public NonCopyable {
             if (infers && infer.graphId == m_fullGraph) status = KELM_ERROR_TOO_MANY_TASK;
             if (status == kClose) return;
             if (status == kStall) {
-                std::promise<void>().get_future().wait_for(std::chrono::milliseconds(500));
+                std::promise<void>().get_future().wait_for(500ms);
                 status = KELM_OK;
             }
             KelmMsgRspCreateGraph answer{};

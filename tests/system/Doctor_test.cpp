@@ -27,17 +27,77 @@ std::string leaveSegment() {
     return name;
 }
 
-class DoctorTest : public SystemFixture {
- protected:
-    struct Row {
+using DoctorTest = SystemFixture;
+
+TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
+    start();
+    const ScopedEnv home("HOME", service().dir() + "/home");
+    const ScopedEnv install("KELM_INSTALL_DIR", service().dir() + "/install");
+    const std::string runDir = service().runDir();
+    service().useRunDir();
+    const auto lock = [&](const char* name) { return runDir + "/kelm_" + name + ".mutex"; };
+    const std::string self = "process " + std::to_string(::getpid());
+    const std::string aside = service().dir() + "/aside";
+    std::string segment;
+    UniqueFd held;
+    const auto restore = [&] {
+        ::chmod(runDir.c_str(), 0755);
+        ::rename(aside.c_str(), lock("service_alive").c_str());
+        held.reset();
+        service().signal(SIGCONT);
+        service().useRunDir();
+    };
+    const struct {
         const char* scene;
-        std::function<void()> enter;
-        std::function<void()> leave;
         int status;
         std::vector<std::string> lines;  // each a part of one
-    };
-
-    void run(const Row& row) {
+        std::function<void()> enter;
+    } rows[] = {
+        {"all is well",
+         0,
+         {"ok       socket: process " + std::to_string(service().pid()) + " (kelmdaemon)",
+          "ok       inference: 36000 bytes there"},
+         [] {}},
+        {"segments of the dead",
+         0,
+         {"warning  stale segments: ", "kelmctl infer"},
+         [&] { segment = leaveSegment(); }},
+        {"no sticky bit",
+         0,
+         {"warning  run directory:", "chmod +t"},
+         [&] { ::chmod(runDir.c_str(), 0777); }},
+        {"a lock is removed",
+         1,
+         {"problem  lock: " + lock("service_alive") + " is not there; ", "start the service again"},
+         [&] { ::rename(lock("service_alive").c_str(), aside.c_str()); }},
+        {"a client starts the service",
+         0,
+         {"warning  lock: " + lock("start_exit") + " is held by " + self, "end that process"},
+         [&] {
+             held.reset(::open(lock("start_exit").c_str(), O_RDONLY | O_CLOEXEC));
+             ::flock(held.get(), LOCK_EX);
+         }},
+        {"the service hangs",
+         1,
+         {"problem  socket: process", "no answer", "problem  lock: " + lock("service_ready")},
+         [&] { service().signal(SIGSTOP); }},
+        {"findings",
+         0,
+         {"warning  configuration: 1 findings; see kelmctl config check"},
+         [&] { service().files().write("home/.kelm_service.config", R"({"x": 1})"); }},
+        {"no directory",
+         1,
+         {"problem  run directory: " + aside, "problem  socket: ", "start kelmdaemon"},
+         [&] { ::setenv("KELM_RUN_DIR", aside.c_str(), 1); }},
+        {"accelerators, of which there are none",
+         1,
+         {"warning  configuration: KELM_INSTALL_DIR is not set",
+          "problem  library: libtevo-kelm.so.0", "problem  device: no "},
+         [&] {
+             ::setenv("KELM_RUN_DIR", aside.c_str(), 1);
+             ::unsetenv("KELM_INSTALL_DIR");
+         }}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.scene);
         std::string text;
         const auto tells = [&text](const std::string& line) {
@@ -48,83 +108,12 @@ class DoctorTest : public SystemFixture {
             row.enter();
             const ShellCommand command(KELM_CTL " doctor --timeout 1");
             EXPECT_EQ(command.status, row.status);
-            row.leave();
+            restore();
             text = command.output;
             return std::ranges::all_of(row.lines, tells);
         });
         for (const std::string& line : row.lines) EXPECT_THAT(text, HasSubstr(line));
     }
-};
-
-TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
-    start();
-    const ScopedEnv home("HOME", service().dir() + "/home");
-    const ScopedEnv install("KELM_INSTALL_DIR", service().dir() + "/install");
-    const std::string runDir = service().runDir();
-    service().useRunDir();
-    const auto lock = [&](const char* name) { return runDir + "/kelm_" + name + ".mutex"; };
-    const auto nothing = [] {};
-    const std::string self = "process " + std::to_string(::getpid());
-    const std::string aside = service().dir() + "/aside";
-    std::string segment;
-    UniqueFd held;
-    const Row rows[] = {
-        {"all is well",
-         nothing,
-         nothing,
-         0,
-         {"ok       socket: process " + std::to_string(service().pid()) + " (kelmdaemon)",
-          "ok       inference: 36000 bytes there"}},
-        {"segments of the dead",
-         [&] { segment = leaveSegment(); },
-         nothing,
-         0,
-         {"warning  stale segments: ", "kelmctl infer"}},
-        {"no sticky bit",
-         [&] { ::chmod(runDir.c_str(), 0777); },
-         [&] { ::chmod(runDir.c_str(), 0755); },
-         0,
-         {"warning  run directory:", "chmod +t"}},
-        {"a lock is removed",
-         [&] { ::rename(lock("service_alive").c_str(), aside.c_str()); },
-         [&] { ::rename(aside.c_str(), lock("service_alive").c_str()); },
-         1,
-         {"problem  lock: " + lock("service_alive") + " is not there; ",
-          "start the service again"}},
-        {"a client starts the service",
-         [&] {
-             held.reset(::open(lock("start_exit").c_str(), O_RDONLY | O_CLOEXEC));
-             ::flock(held.get(), LOCK_EX);
-         },
-         [&] { held.reset(); },
-         0,
-         {"warning  lock: " + lock("start_exit") + " is held by " + self, "end that process"}},
-        {"the service hangs",
-         [&] { service().signal(SIGSTOP); },
-         [&] { service().signal(SIGCONT); },
-         1,
-         {"problem  socket: process", "no answer", "problem  lock: " + lock("service_ready")}},
-        {"findings",
-         [&] { service().files().write("home/.kelm_service.config", R"({"x": 1})"); },
-         nothing,
-         0,
-         {"warning  configuration: 1 findings; see kelmctl config check"}},
-        {"no directory",
-         [&] { ::setenv("KELM_RUN_DIR", aside.c_str(), 1); },
-         [&] { service().useRunDir(); },
-         1,
-         {"problem  run directory: " + aside, "problem  socket: ", "start kelmdaemon"}},
-        {"accelerators, of which there are none",
-         [&] {
-             ::setenv("KELM_RUN_DIR", aside.c_str(), 1);
-             ::unsetenv("KELM_INSTALL_DIR");
-         },
-         [&] { service().useRunDir(); },
-         1,
-         {"warning  configuration: KELM_INSTALL_DIR is not set",
-          "problem  library: libtevo-kelm.so.0", "problem  device: no "}},
-    };
-    for (const Row& row : rows) run(row);
     EXPECT_FALSE(std::filesystem::exists("/dev/shm" + segment)) << "the inference has removed it";
 }
 

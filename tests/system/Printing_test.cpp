@@ -36,7 +36,7 @@ TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
     const int64_t before = passes();
     ASSERT_TRUE(eventually([&] { return passes() >= before + 3; })) << lastLines();
     const auto pauses = passes() - before - 1;
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, pauses * std::chrono::milliseconds(500));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, pauses * 500ms);
     endService();
     const std::string rate = R"([1-9]\d*\.\d\d)";
     for (const std::string& pattern :
@@ -81,7 +81,7 @@ TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
     ASSERT_TRUE(service().waitLog("failed, user=\\x1b]0;evil")) << lastLines();
     endService();
     const auto run = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(run, (passes() - 1) * std::chrono::milliseconds(50));  // less than a second is short
+    EXPECT_GE(run, (passes() - 1) * 50ms);  // less than a second is short
     const std::string log = service().log();
     for (const char* raw : {"\x1b]", "\x07", "\nFORGED"}) {
         EXPECT_THAT(log, Not(HasSubstr(raw)));

@@ -216,7 +216,7 @@ TEST_F(TaskSchedulerTest, WorkerIsConfirmedOnlyAfterTheHandOver) {
     bool early = true;
     exchange.onNextReturn = [&] {
         scheduler.descheduleWorker(&leaving, graph.get());
-        early = unloaded.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready;
+        early = unloaded.wait_for(20ms) == std::future_status::ready;
     };
     scheduler.scheduleTask(makeTask());
     EXPECT_FALSE(early);

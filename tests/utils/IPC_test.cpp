@@ -188,7 +188,7 @@ TEST_F(IPCTest, WakeEndsAWaitWhateverCameBefore) {
         channel.poller->wake();
         event.clear();
         EXPECT_FALSE(channel.poller->wait(&event, 60000));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
     }
 }
 

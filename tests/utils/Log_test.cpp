@@ -70,11 +70,9 @@ TEST(TextHelperTest, ControlCharactersBecomeTextAndReadableOnesStay) {
 
 TEST(TimeHelperTest, RestsAreRoundedUpAndFractionsKeepTheirLeadingZeros) {
     const auto now = &std::chrono::steady_clock::now;
-    EXPECT_EQ(timeUntil(now() - std::chrono::seconds(1)).count(), 0);
-    EXPECT_TRUE(
-        eventually([&] { return timeUntil(now() + std::chrono::microseconds(500)).count() == 1; }));
-    const auto point = std::chrono::system_clock::time_point() + std::chrono::seconds(5) +
-                       std::chrono::microseconds(7100);
+    EXPECT_EQ(timeUntil(now() - 1s).count(), 0);
+    EXPECT_TRUE(eventually([&] { return timeUntil(now() + 500us).count() == 1; }));
+    const auto point = std::chrono::system_clock::time_point() + 5s + 7100us;
     EXPECT_THAT(formatTimeMilli(point), EndsWith(":05.007"));
 }
 

@@ -66,7 +66,7 @@ TEST_F(SubProcessTest, ChildThatDiesAtOnceIsStartedAfterGrowingPauses) {
     (void)process.enableDaemon(true);
     (void)call(3);
     // Pauses of 100, 200 and 400 ms.
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 700ms);
 }
 
 TEST_F(SubProcessTest, ChildrenReapedElsewhereEndTheSupervision) {
