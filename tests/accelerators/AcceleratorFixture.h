@@ -1,7 +1,5 @@
 #pragma once
 
-#include <filesystem>
-
 #include "accelerators/TensorLoad.h"
 #include "client/Client.h"
 #include "fakes/ServiceFixture.h"
@@ -81,7 +79,7 @@ class AcceleratorFixture : public SystemFixture {
         const auto takeAndAsk = [&] {
             std::ranges::move(m_host.takeEvents(), std::back_inserter(m_events));
             if (predicate()) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            std::this_thread::sleep_for(1ms);
             return false;
         };
         return eventually(takeAndAsk);

@@ -1,14 +1,5 @@
 #pragma once
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <span>
-#include <stdexcept>
-#include <string>
-
 #include "protocol/src/KelmMessage.h"
 #include "utils/NonCopyable.h"
 #include "utils/UniqueFd.h"

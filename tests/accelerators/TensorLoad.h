@@ -1,10 +1,6 @@
 #pragma once
 
-#include <map>
-#include <random>
-
 #include "accelerators/SharedTensor.h"
-#include "fakes/Eventually.h"
 #include "tests/wire/LoadClient.h"
 #include "tools/simulator/Model.h"
 
@@ -25,9 +21,7 @@ class TensorLoad : private LoadBoard, private LoadClient {
     // Whether it gets so many more results in time.
     bool getsOn(uint64_t more = 50) const {
         const uint64_t goal = done() + more;
-        const auto ended = [this] {
-            return m_end.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
-        };
+        const auto ended = [this] { return m_end.wait_for(1ms) == std::future_status::ready; };
         return eventually([&] { return done() >= goal || ended(); }, kPatience) && done() >= goal;
     }
     // Submits no more. Empty once all is done, or the first thing that was wrong.

@@ -1,9 +1,5 @@
-#include <list>
-#include <optional>
-
 #include "accelerators/AcceleratorFixture.h"
 #include "accelerators/TaskClient.h"
-#include "fakes/OtherUser.h"
 
 namespace kelm {
 namespace {
@@ -13,8 +9,7 @@ class TensorsTest : public AcceleratorFixture {
     static constexpr size_t kSize = 400000;  // of the tensors that shrink, and of their graph's
 
     bool isMapped(const std::string& name) const {
-        std::ifstream maps("/proc/" + std::to_string(service().pid()) + "/maps");
-        const std::string text{std::istreambuf_iterator<char>(maps), {}};
+        const std::string text = readText("/proc/" + std::to_string(service().pid()) + "/maps");
         return text.find(name) != std::string::npos;
     }
     // The status of a task whose buffer of the role is shortened while it is mapped and in use.
@@ -35,27 +30,6 @@ class TensorsTest : public AcceleratorFixture {
         return client.wait();
     }
 };
-
-TEST_F(TensorsTest, NamedTensorsAreForThoseWhomTheirModeLetsIn) {
-    if (!OtherUser::isPossible()) GTEST_SKIP() << "acting as another user needs root";
-    constexpr const char* kGraph = "KELMSIM input=16 output=100\ngraph";
-    plug("1.1");
-    startService();
-    OtherUser::letIn(path());
-    const SharedTensor rootsInput(KELM_BUFFER_SHARE_MEMORY, 16);
-    const SharedTensor rootsOutput(KELM_BUFFER_SHARE_MEMORY, 100);
-    std::list<SharedTensor> own;
-    std::optional<TaskClient> other;
-    OtherUser::run([&] {
-        for (const size_t size : {16, 100}) own.emplace_back(KELM_BUFFER_SHARE_MEMORY, size);
-        other.emplace(path(), kGraph);
-    });
-    EXPECT_EQ(other->infer(rootsInput, own.back()), KELM_ERROR_MAP_INPUT_FAILED);
-    EXPECT_EQ(other->infer(own.front(), rootsOutput), KELM_ERROR_MAP_OUTPUT_FAILED);
-    EXPECT_EQ(other->infer(own.front(), own.back(), &rootsOutput), KELM_ERROR_MAP_AUX_FAILED);
-    EXPECT_EQ(other->infer(own.front(), own.back()), KELM_OK);
-    EXPECT_EQ(TaskClient(path(), kGraph).infer(own.front(), rootsOutput), KELM_OK);
-}
 
 TEST_F(TensorsTest, MemoryThatIsTakenBackCostsItsTaskAlone) {
     plug("1.1");

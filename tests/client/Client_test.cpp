@@ -2,11 +2,7 @@
 
 #include <sys/ioctl.h>
 
-#include <thread>
-
-#include "fakes/Eventually.h"
 #include "fakes/ListenOn.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/KelmError.h"
 #include "protocol/src/KelmMessage.h"
 #include "utils/ShareMemory.h"
@@ -87,6 +83,16 @@ TEST(ClientTest, CallsEndAtTheirDeadlineAndLateAnswersAreDropped) {
     EXPECT_TRUE(client->isConnected());
 }
 
+TEST(ClientTest, StatusIsAskedForAsTheServiceAnswersIt) {
+    SilentService service;
+    EXPECT_EQ(service.client->queryStatus(StatusParts(uint64_t{0})).error().kind(),
+              ErrorKind::kSystem);
+    (void)service.client->queryStatus(StatusPart::kClients, kShort);
+    KelmMsgReqQueryStatus request;
+    ASSERT_GT(::recv(service.peer.get(), &request, sizeof(request), MSG_WAITALL), 0);
+    EXPECT_EQ(request.queryType, 4U | 8U) << "rows of clients come beside those of graphs";
+}
+
 TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     constexpr int kMoreThanTheSocketHolds = 2000;
     SilentService service;
@@ -94,7 +100,7 @@ TEST(ClientTest, RequestThatCannotBeWrittenHoldsNoCaller) {
     testing::internal::CaptureStderr();
     Ends ends;
     for (int i = 0; i < kMoreThanTheSocketHolds; ++i) {
-        client->inferAsync({}, ends.callback(), {}, milliseconds(500));
+        client->inferAsync({}, ends.callback(), {}, 500ms);
     }
     // The first ones reach their deadline; then the stuck write is given up, and all else ends.
     EXPECT_TRUE(eventually([&] {
@@ -109,7 +115,7 @@ TEST(ClientTest, NonsenseEndsAWriteThatTheServiceDoesNotRead) {
     Ends ends;
     std::thread writer([&] {
         while (service.client->isConnected()) {
-            service.client->inferAsync({}, ends.callback(), {}, std::chrono::minutes(10));
+            service.client->inferAsync({}, ends.callback(), {}, 10min);
         }
     });
     EXPECT_TRUE(eventually([&] {
@@ -189,7 +195,7 @@ TEST(ClientTest, SlotOfATimedOutTaskIsKeptUntilTheTaskHasEnded) {
         void* const output = services.open(name.c_str(), 16);
         ASSERT_NE(output, nullptr);
         std::memset(output, 0xff, 16);
-        EXPECT_THAT(next->output(), ::testing::Each(std::byte{0}));
+        EXPECT_THAT(next->output(), Each(std::byte{0}));
         EXPECT_EQ(pool.acquire().error().kind(), ErrorKind::kBusy);
         row.tell(service);
         ASSERT_TRUE(eventually([&] {

@@ -1,16 +1,11 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "client/Client.h"
 #include "client/SnapshotReader.h"
 #include "fakes/ListenOn.h"
 #include "fakes/OtherUser.h"
-#include "fakes/TempDir.h"
+#include "protocol/src/KelmError.h"
 
 namespace kelm::client {
 namespace {
-
-using ::testing::HasSubstr;
 
 class ConnectErrorTest : public ::testing::Test {
  protected:
@@ -54,6 +49,14 @@ TEST_F(ConnectErrorTest, MissingRightsAreToldWithTheirRemedy) {
         ASSERT_EQ(::chown(m_path.c_str(), 0, group), 0);
         ASSERT_EQ(::chmod(m_path.c_str(), mode), 0);
         expectAsOther(words);
+    }
+}
+
+TEST(ErrorTest, AdviceFitsTheCall) {
+    using enum CallKind;
+    for (const CallKind call : {kOther, kCreateGraph, kInfer}) {
+        const std::string text = Error::fromStatus(KELM_ERROR_INVALID_PARAM, call).text();
+        EXPECT_EQ(text.find("tag") != text.npos, call == kCreateGraph) << text;
     }
 }
 

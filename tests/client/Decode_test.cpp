@@ -1,7 +1,5 @@
 #include "client/Decode.h"
 
-#include <limits>
-
 #include "protocol/src/InfoPackage.h"
 #include "protocol/src/KelmMessage.h"
 

@@ -1,13 +1,11 @@
 #include "client/PendingCalls.h"
 
 #include "client/PreparedInfer.h"
-#include "fakes/Eventually.h"
 #include "protocol/src/KelmError.h"
 
 namespace kelm::client {
 namespace {
 
-using ::testing::ElementsAre;
 using Clock = PendingCalls::Clock;
 
 constexpr std::chrono::hours kNever{1};
@@ -100,7 +98,7 @@ TEST_F(PendingCallsTest, CallEndsWithTheAnswerToAnInference) {
 
 TEST_F(PendingCallsTest, LaterCallWithAnEarlierDeadlineEndsInTime) {
     ASSERT_TRUE(addInfer(1));
-    ASSERT_TRUE(addInfer(2, std::chrono::milliseconds(20)));
+    ASSERT_TRUE(addInfer(2, 20ms));
     ASSERT_TRUE(eventually([this] { return m_overdue == 1; }));
     EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kTimeout));
     m_calls.finishInfer(2, KELM_OK, 1);  // too late

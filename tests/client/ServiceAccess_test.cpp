@@ -1,12 +1,9 @@
 #include <dlfcn.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include "client/Client.h"
 #include "fakes/ListenOn.h"
 #include "fakes/OtherUser.h"
-#include "fakes/TempDir.h"
 #include "utils/PeerCredentials.h"
 #include "utils/ShareMemory.h"
 
@@ -22,9 +19,6 @@ extern "C" int fsetxattr(int fd, const char* name, const void* value, size_t siz
 
 namespace kelm::client {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr uid_t kService = OtherUser::kId;
 constexpr uid_t kClient = OtherUser::kId - 1;

@@ -2,7 +2,6 @@
 
 #include "client/Client.h"
 #include "fakes/ListenOn.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
 
 namespace kelm::client {
@@ -30,7 +29,7 @@ class SnapshotReaderTest : public ::testing::Test {
 
 TEST_F(SnapshotReaderTest, DeadlineInAPackageKeepsItsPlaceInTheStream) {
     send(1, 0, 1000);
-    EXPECT_EQ(m_reader->read(milliseconds(0)).error().kind(), ErrorKind::kTimeout);
+    EXPECT_EQ(m_reader->read(0ms).error().kind(), ErrorKind::kTimeout);
     std::thread writer([this] {
         send(1, 1000);
         send(2);
@@ -44,9 +43,9 @@ TEST_F(SnapshotReaderTest, DeadlineInAPackageKeepsItsPlaceInTheStream) {
 
 TEST_F(SnapshotReaderTest, InterruptEndsEveryRead) {
     std::thread interrupter([this] { m_reader->interrupt(); });
-    EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
+    EXPECT_EQ(m_reader->read(1h).error().kind(), ErrorKind::kCanceled);
     interrupter.join();
-    EXPECT_EQ(m_reader->read(std::chrono::hours(1)).error().kind(), ErrorKind::kCanceled);
+    EXPECT_EQ(m_reader->read(1h).error().kind(), ErrorKind::kCanceled);
 }
 
 TEST(ConnectTest, EndsAtItsDeadline) {

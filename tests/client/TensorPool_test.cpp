@@ -1,12 +1,6 @@
 #include "client/TensorPool.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "utils/UniqueFd.h"
 

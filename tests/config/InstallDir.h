@@ -1,7 +1,5 @@
 #pragma once
 
-#include "fakes/TempDir.h"
-
 namespace kelm {
 
 // One install directory for the whole process: the parser reads KELM_INSTALL_DIR only once.

@@ -5,17 +5,10 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
 using Parser = ServiceConfigParser;
 
-std::string readFile(const std::string& name) {
-    std::ostringstream text;
-    text << std::ifstream(std::string(KELM_SOURCE_DIR) + "/" + name).rdbuf();
-    return text.str();
-}
-
 TEST(ServiceConfigParserTest, ShippedFileHasEveryKeyWithItsDefault) {
-    const std::string shipped = readFile("config/kelm_service.config");
+    const std::string shipped = readText(KELM_SOURCE_DIR "/config/kelm_service.config");
     for (const ConfigKey& key : kConfigKeys) {
         const std::string path = key.path;
         const std::string name = path.substr(path.rfind('.') + 1);

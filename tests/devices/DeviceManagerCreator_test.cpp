@@ -9,9 +9,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
-
 constexpr uint64_t kClient = 7;
 
 // Devices that the test plugs in and out.

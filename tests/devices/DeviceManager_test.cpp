@@ -6,11 +6,6 @@ namespace kelm {
 namespace {
 
 using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::Field;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Pair;
 
 using std::chrono::milliseconds;
 
@@ -41,11 +36,13 @@ TEST_F(DeviceManagerTest, FirstDevicesFillTheQuotasAndALaterOneTakesWhatIsShort)
                                         "graph_tag_map": {"camera": 1, "door": 2}}]})");
     startManager({"a", "b", "c", "d", "e", "f"});
     KelmGraph* const streamed = makeGraph("", "stream");
-    KelmGraph* const graphs[] = {makeGraph("camera"), makeGraph("door"), streamed, makeGraph()};
+    // The tag counts, and not the stream.
+    KelmGraph* const graphs[] = {makeGraph("camera", "gate"), makeGraph("door"), streamed,
+                                 makeGraph()};
     for (KelmGraph* graph : graphs) m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(eventually([&] { return m_placement.loads().size() == 4; }));
     EXPECT_THAT(m_placement.loads(),
-                ::testing::Each(Field(&std::pair<KelmGraph*, KelmError>::second, KELM_OK)));
+                Each(Field(&std::pair<KelmGraph*, KelmError>::second, KELM_OK)));
     for (const char* name : {"a", "b", "c", "d"})
         EXPECT_TRUE(hasCalled(name, DeviceCall::Allocate, 1)) << name;
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(isOnDevices(graphs[i], i == 1 ? 2 : 1)) << i;
@@ -133,9 +130,8 @@ TEST_F(DeviceManagerTest, DeviceIsOpenedAnewOnceItsOldWorkerIsDestroyedOrThatTak
         int openedMeanwhile, openedAtLast;
     };
     constexpr milliseconds kLong{30000};
-    for (const Case& testCase :
-         {Case{"a", kLong, kLong, 1, 2}, Case{"b", kLong, milliseconds(1), 2, 2},
-          Case{"stopped", milliseconds(10), kLong, 1, 1}}) {
+    for (const Case& testCase : {Case{"a", kLong, kLong, 1, 2}, Case{"b", kLong, 1ms, 2, 2},
+                                 Case{"stopped", 10ms, kLong, 1, 1}}) {
         SCOPED_TRACE(testCase.device);
         const bool isStopped = testCase.openedAtLast == 1;
         DeviceScript& device = m_devices[testCase.device];
@@ -172,7 +168,7 @@ TEST_F(DeviceManagerTest, StopEndsTheWaitForAnOldWorker) {
 TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftBehind) {
     configurePrinting("base", "table");
     KelmGraph* const graph = makeLastingGraph();
-    startManager({"a"}, milliseconds(10));
+    startManager({"a"}, 10ms);
     m_devices["a"].block(DeviceCall::Allocate);
     m_manager->enqueueLoadGraph(graph);
     ASSERT_TRUE(hasCalled("a", DeviceCall::Allocate, 1));
@@ -181,7 +177,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
     for (int call = 0; call < 2; ++call) EXPECT_FALSE(m_manager->stop());
     EXPECT_EQ(m_manager->getWorkerNum(), 1u) << "its scheduler may still use the worker";
     EXPECT_THAT(m_collector.listeners(), IsEmpty());
-    EXPECT_THAT(print(), ::testing::EndsWith("DeviceUtilization(count=0):\n\n"));
+    EXPECT_THAT(print(), EndsWith("DeviceUtilization(count=0):\n\n"));
     EXPECT_THAT(query().deviceNames, IsEmpty());
     m_manager.reset();
     m_devices["a"].release(DeviceCall::Allocate);
@@ -189,7 +185,7 @@ TEST_F(DeviceManagerTest, DeviceThatNeverAnswersIsReportedUntilItsManagerIsLeftB
 }
 
 TEST_F(DeviceManagerTest, StopDoesNotWaitForADeviceThatIsBeingOpened) {
-    startManager({"a"}, milliseconds(10));
+    startManager({"a"}, 10ms);
     m_devices["b"].block(DeviceCall::Open);
     plugIn("b");
     ASSERT_TRUE(hasCalled("b", DeviceCall::Open, 1));
@@ -229,8 +225,7 @@ TEST_F(DeviceManagerTest, ThermalReadingHoldsUpTheEndOfItsWorkerOnly) {
     plugOut("a");
     EXPECT_TRUE(hasWorkers(0));
     plugIn("a");
-    EXPECT_FALSE(
-        eventually([&] { return m_devices["a"].count(DeviceCall::Open) > 1; }, milliseconds(100)))
+    EXPECT_FALSE(eventually([&] { return m_devices["a"].count(DeviceCall::Open) > 1; }, 100ms))
         << "the old worker is being read";
     m_devices["a"].release(DeviceCall::Thermal);
     EXPECT_TRUE(hasCalled("a", DeviceCall::Open, 2));

@@ -1,7 +1,5 @@
 #include "devices/DeviceReport.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include "devices/DeviceRows.h"
@@ -14,14 +12,10 @@
 namespace kelm {
 namespace {
 
-using ::testing::Each;
-using ::testing::HasSubstr;
-
 const GraphFigures::TimePoint kLoaded{std::chrono::hours(24 * 365)};
 
 DeviceFigures makeBusyDevice() {
-    const GraphFigures previous = {"old", kLoaded - std::chrono::hours(101),
-                                   kLoaded - std::chrono::hours(1), 9};
+    const GraphFigures previous = {"old", kLoaded - 101h, kLoaded - 1h, 9};
     const GraphFigures current = {"a_detector_of_faces", kLoaded, {}, 7};
     return {26,
             "bus-2-port-1-of-hub-3",
@@ -40,7 +34,7 @@ DeviceFigures makeBusyDevice() {
 std::string draw(const DeviceSnapshot::Style& style, const std::vector<DeviceFigures>& devices) {
     ::setenv("TZ", "UTC0", 1);
     ::tzset();
-    const auto now = kLoaded + std::chrono::seconds(3723);
+    const auto now = kLoaded + 3723s;
     return "\n" + DeviceSnapshot(style, devices, now).format(4) + "\n";
 }
 
@@ -117,7 +111,7 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
     EXPECT_THAT(last.currentFps, Each(12.5f));
     EXPECT_EQ(last.previousGraphCount, 2);
     EXPECT_STREQ(last.previousGraphName[1], "old");
-    EXPECT_EQ(last.previousGraphUnloadTime[1], putTime(kLoaded - std::chrono::hours(1), "%T"));
+    EXPECT_EQ(last.previousGraphUnloadTime[1], putTime(kLoaded - 1h, "%T"));
     EXPECT_THAT(last.previousInferenceCount, Each(9u));
     const std::string rest(reinterpret_cast<const char*>(&package->graphCount),
                            sizeof(InfoPackage) - offsetof(InfoPackage, graphCount));
@@ -125,39 +119,6 @@ TEST(DeviceRowsTest, MoreDevicesAndGraphsThanPlacesWriteNothingBeside) {
 }
 
 using DeviceReportTest = DevicesRig;
-
-TEST_F(DeviceReportTest, LinesAndTableTellWhatADeviceRunsAndIsKeptFor) {
-    configurePrinting("base", "table");
-    struct Case {
-        const char* tagMap;
-        int streamDevices;
-        const char *scheduler, *tag, *streamId;
-    };
-    for (const Case& testCase :
-         {Case{R"("camera": 1)", 0, "tag", "camera", ""}, Case{"", 1, "stream", "", "gate"},
-          Case{"", 0, "squeeze", "", ""}}) {
-        SCOPED_TRACE(testCase.scheduler);
-        configure(StringHelper::format(R"({"scheduler_config": [{"subclass": 0,
-            "graph_tag_map": {%s}, "stream_device_number": %d}]})",
-                                       testCase.tagMap, testCase.streamDevices));
-        startManager({"a"});
-        EXPECT_THAT(print(), HasSubstr("DeviceFps(count=1):\n[a@NoGraph].Fps = 0.0\n"));
-        KelmGraph* const graph = makeGraph(testCase.tag, testCase.streamId);
-        m_manager->enqueueLoadGraph(graph);
-        const std::string name = graph->getName();
-        ASSERT_TRUE(eventually([&] { return query().deviceGraphNames.at(0) == name; }));
-        ASSERT_TRUE(isOnDevices(graph, 1));
-        const std::string comment = std::string(testCase.tag) + testCase.streamId;
-        for (const std::string& text :
-             {"DeviceFps(count=1):\n[a@" + name + "].Fps = 0.00\n",
-              "DeviceUtilization(count=1):\n[a@" + name + "] = 0.00\n",
-              StringHelper::format("| scheduler   | %-17s |\n| comment     | %-17s |\n",
-                                   testCase.scheduler, comment.c_str())}) {
-            EXPECT_THAT(print(), HasSubstr(text));
-        }
-        EXPECT_TRUE(m_manager->stop());
-    }
-}
 
 // The mode is read in any case, the style as it stands; numbers of graphs are clamped.
 TEST_F(DeviceReportTest, SettingsGiveTheTableItsForm) {

@@ -5,13 +5,11 @@
 #include "execution/ResultSink.h"
 #include "execution/TaskExchange.h"
 #include "execution/WorkerFailureListener.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeResultSink.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TempDir.h"
 #include "fakes/TestRecords.h"
 #include "fakes/TestRequest.h"
 #include "reporting/KelmStatus.h"
@@ -57,9 +55,8 @@ class DevicesRig : public ::testing::Test {
         return kept->back().get();
     }
 
-    void startManager(const std::vector<std::string>& names,
-                      std::chrono::milliseconds stop = std::chrono::seconds(30),
-                      std::chrono::milliseconds oldWorker = std::chrono::seconds(60)) {
+    void startManager(const std::vector<std::string>& names, std::chrono::milliseconds stop = 30s,
+                      std::chrono::milliseconds oldWorker = 60s) {
         m_manager = DeviceManager::create("DeviceManager0", {stop, oldWorker});
         m_relay.manager = m_manager.get();
         m_manager->setDeviceList(0, names);

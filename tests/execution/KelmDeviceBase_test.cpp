@@ -1,10 +1,7 @@
 #include "execution/KelmDeviceBase.h"
 
-#include "TestConfig.h"
-#include "fakes/Eventually.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Tracer.h"
@@ -118,8 +115,7 @@ TEST_F(KelmDeviceBaseTest, RootIsBusyFromTheFirstTaskOfItsClonesToTheLast) {
     script->fail(DeviceCall::GetResult, 1, -1);
     EXPECT_EQ(second->getResult(task.get()), -1);
     const float busy = root.getDeviceUtilization();
-    EXPECT_FALSE(eventually([&] { return root.getDeviceUtilization() > busy + 0.004f; },
-                            std::chrono::milliseconds(50)))
+    EXPECT_FALSE(eventually([&] { return root.getDeviceUtilization() > busy + 0.004f; }, 50ms))
         << "still busy with nothing in flight";
 }
 

@@ -1,9 +1,6 @@
 #include "execution/KelmFakeDevice.h"
 
-#include <cmath>
-
-#include "TestConfig.h"
-#include "fakes/TestPch.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "protocol/src/KelmError.h"
 
@@ -61,7 +58,7 @@ TEST(KelmFakeDeviceTest, WaitingLoadGoesOnAsSoonAsAResultIsTaken) {
     const auto task = makeTestTask(1, graph.get());
     const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(device.allocateGraph(graph.get()), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(5))
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 5ms)
         << "a negative latency is the usual one";
     ASSERT_EQ(device.loadTensor(task.get()), 0);
     auto second = std::async(std::launch::async, [&] { return device.loadTensor(task.get()); });

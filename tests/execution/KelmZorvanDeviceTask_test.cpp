@@ -1,16 +1,12 @@
 // The path of a task through an accelerator, and what the device tells of itself.
-#include <future>
 
 #include "ZorvanFixture.h"
 #include "execution/QueueLedger.h"
-#include "fakes/Eventually.h"
 #include "records/BufferAllocator.h"
 
 namespace kelm {
 
 namespace {
-
-using testing::ElementsAre;
 
 constexpr int kFifoCapacity = 4;
 
@@ -298,7 +294,7 @@ TEST_F(KelmZorvanTaskTest, InputWithoutRoomWaitsForTheResults) {
         }
         KelmTask* const task = addTask(ion("last"), ion("...."));
         auto load = startCalling([&] { return first->loadTensor(task); });
-        EXPECT_EQ(load.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        EXPECT_EQ(load.wait_for(50ms), std::future_status::timeout);
         for (KelmTask* earlier : loaded) end(earlier);
         EXPECT_EQ(load.get(), isReset ? KELM_ERROR_DEVICE_FAILED : 0);
         if (!isReset) expectResult(task, "last");

@@ -1,16 +1,10 @@
 #include "execution/KelmZorvanDevice.h"
 
-#include <future>
-
 #include "ZorvanFixture.h"
-#include "fakes/Eventually.h"
 
 namespace kelm {
 
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class KelmZorvanDeviceTest : public ZorvanFixture {
  protected:

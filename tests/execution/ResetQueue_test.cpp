@@ -1,8 +1,6 @@
 #include "execution/ResetQueue.h"
 
-#include "fakes/Eventually.h"
 #include "fakes/FakeResultSink.h"
-#include "fakes/TestPch.h"
 #include "fakes/TestRequest.h"
 #include "protocol/src/KelmError.h"
 #include "utils/Port.h"
@@ -11,15 +9,11 @@
 namespace kelm {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
 // The nth reset, from 0, waits until the test lets it go on, and gives n.
 class ResetQueueTest : public testing::Test {
  protected:
     // With so many requests, of which the first is under way.
-    void start(size_t requests, std::chrono::milliseconds patience = std::chrono::hours(1)) {
+    void start(size_t requests, std::chrono::milliseconds patience = 1h) {
         const auto reset = [this] {
             const int number = m_begun++;
             m_go.wait();

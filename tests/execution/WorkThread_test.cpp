@@ -1,14 +1,10 @@
 #include "execution/WorkThread.h"
 
-#include <deque>
-
-#include "TestConfig.h"
-#include "fakes/Eventually.h"
+#include "execution/WorkerFailureListener.h"
 #include "fakes/FakeResultSink.h"
 #include "fakes/FakeTaskExchange.h"
-#include "fakes/FakeWorkerFailureListener.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TestPch.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "fakes/TestRequest.h"
 #include "protocol/src/KelmError.h"
@@ -18,11 +14,12 @@ namespace kelm {
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Pair;
-
 constexpr int kHardwareError = -6;
+
+struct FakeWorkerFailureListener final : WorkerFailureListener {
+    void enqueueWorkerFailed(WorkThread* worker) override { failed.add(worker); }
+    Recorded<WorkThread*> failed;
+};
 
 // A work thread over a scripted device; it is destroyed before what surrounds it.
 class WorkThreadTest : public testing::Test {
@@ -122,7 +119,7 @@ TEST_F(WorkThreadTest, SlotsAreFilledInOrderAndFreedByTheRequestToUnload) {
     EXPECT_EQ(load(third.get()), KELM_ERROR_TOO_MANY_GRAPH);
     KelmTask* const task = feed(third.get());
     EXPECT_THAT(exchange.returned(), ElementsAre(task));
-    EXPECT_THAT(worker->getGraphs(), testing::UnorderedElementsAre(graph.get(), other.get()));
+    EXPECT_THAT(worker->getGraphs(), UnorderedElementsAre(graph.get(), other.get()));
     EXPECT_EQ(worker->getGraphName(), "graph1");
 
     script.block(DeviceCall::Deallocate);
@@ -333,7 +330,7 @@ TEST_F(UnansweredUnloadTest, StaleAnswerDoesNotPassForTheOneThatIsAskedFor) {
     worker->enqueueAbortApplyTaskDone(graph.get());
     worker->enqueueAbortApplyTaskDone(graph.get());
     const auto unloaded = unloadUnanswered();
-    EXPECT_EQ(unloaded.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    EXPECT_EQ(unloaded.wait_for(20ms), std::future_status::timeout);
     worker->enqueueAbortApplyTaskDone(graph.get());
     EXPECT_EQ(unloaded.get(), 0);
 }
@@ -363,8 +360,7 @@ TEST_F(UnansweredUnloadTest, AnswerStillArrivesWhileTheWorkerIsDestroyed) {
         const auto released = std::chrono::steady_clock::now();
         script.release(DeviceCall::GetResult);
         destroyed.get();
-        isAnswerHeard =
-            std::chrono::steady_clock::now() - released < std::chrono::milliseconds(900);
+        isAnswerHeard = std::chrono::steady_clock::now() - released < 900ms;
     }
     EXPECT_TRUE(isAnswerHeard);
 }
@@ -382,7 +378,7 @@ TEST_F(WorkThreadTest, DestructionReturnsWhatIsQueuedAndTakesTheGraphOff) {
     dying->enqueueLoadTensor(late);
     script.release(DeviceCall::LoadTensor);
     destroyed.get();
-    EXPECT_THAT(exchange.returned(), testing::UnorderedElementsAre(late, queued, running));
+    EXPECT_THAT(exchange.returned(), UnorderedElementsAre(late, queued, running));
     EXPECT_THAT(script.deallocated(), ElementsAre(Pair(graph.get(), false)));
     EXPECT_THAT(sink.done(), IsEmpty());
 }

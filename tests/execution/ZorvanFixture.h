@@ -1,13 +1,8 @@
 #pragma once
 
-#include <sys/stat.h>
-
-#include <deque>
-
-#include "TestConfig.h"
 #include "execution/KelmZorvanDevice.h"
 #include "fakes/SimulatedLibraries.h"
-#include "fakes/TestPch.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "records/KelmTaskParam.h"
 #include "tools/simulator/Model.h"

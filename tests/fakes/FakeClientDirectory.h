@@ -1,13 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <map>
-#include <memory>
-#include <optional>
-#include <string>
-#include <utility>
-
 #include "records/ClientDirectory.h"
 #include "records/KelmClient.h"
 #include "records/Request.h"

@@ -1,9 +1,5 @@
 #pragma once
 
-#include <memory>
-#include <set>
-#include <string>
-
 #include "fakes/Recorded.h"
 #include "reporting/InfoCollector.h"
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <utility>
-
 #include "execution/ResultSink.h"
 #include "fakes/Recorded.h"
 #include "records/Request.h"

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <functional>
-#include <utility>
-
 #include "execution/TaskExchange.h"
 #include "execution/WorkThread.h"
 #include "fakes/Recorded.h"

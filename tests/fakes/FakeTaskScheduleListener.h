@@ -1,7 +1,5 @@
 #pragma once
 
-#include <utility>
-
 #include "fakes/Recorded.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
 

@@ -1,10 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/un.h>
-
-#include <string>
 
 #include "utils/UniqueFd.h"
 

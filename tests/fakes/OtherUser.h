@@ -3,11 +3,6 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <stdexcept>
-#include <thread>
 
 namespace kelm {
 

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <utility>
-#include <vector>
-
 #include "utils/Mutex.h"
 
 namespace kelm {

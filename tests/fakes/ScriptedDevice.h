@@ -1,14 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <atomic>
-#include <map>
-#include <memory>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "execution/KelmDeviceBase.h"
 #include "fakes/Recorded.h"
 #include "records/KelmGraph.h"

@@ -1,19 +1,7 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "fakes/Eventually.h"
 #include "fakes/ServiceConfig.h"
 #include "protocol/src/InfoPackage.h"
 #include "tests/wire/WireClient.h"
@@ -50,7 +38,7 @@ class ServiceFixture : public ::testing::Test {
         EXPECT_TRUE(m_service->stop(kTimeToEnd)) << lastLines();
         const std::string log = m_service->log();
         for (const char* words : {"Sanitizer", "runtime error", "leave without waiting"}) {
-            EXPECT_THAT(log, ::testing::Not(::testing::HasSubstr(words)));
+            EXPECT_THAT(log, Not(HasSubstr(words)));
         }
     }
 

@@ -1,15 +1,7 @@
 #pragma once
 
-#include <unistd.h>
-
-#include <chrono>
-#include <future>
-#include <string>
-#include <vector>
-
 #include "config/ServiceConfigParser.h"
 #include "fakes/ServiceConfig.h"
-#include "fakes/TempDir.h"
 #include "managers/MessageDispatcher.h"
 #include "managers/wiring.h"
 #include "utils/IPC.h"

@@ -1,12 +1,5 @@
 #pragma once
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
-
 #include "execution/TevoLibrary.h"
 #include "platform/linux/IonLibrary.h"
 #include "protocol/src/KelmMessage.h"

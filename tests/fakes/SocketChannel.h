@@ -1,18 +1,5 @@
 #pragma once
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "fakes/TempDir.h"
 #include "tests/wire/WireClient.h"
 #include "utils/IPC.h"
 #include "utils/UniqueFd.h"

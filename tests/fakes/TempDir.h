@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -38,6 +39,12 @@ class TempDir : public NonCopyable {
  private:
     std::string m_path;
 };
+
+// What stands in a file; nothing if it cannot be read.
+inline std::string readText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 // An environment variable for a scope.
 class ScopedEnv : public NonCopyable {

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
 

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <utility>
-
 #include "protocol/src/KelmProtocol.h"
 #include "records/Request.h"
 

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <cstddef>
-#include <iosfwd>
-#include <string>
-#include <vector>
+#include "protocol/src/KelmMessage.h"
 
 namespace kelm {
 
@@ -12,36 +9,38 @@ namespace kelm {
 struct VaryingField {
     static constexpr const char* kAny = "any";
 
+    std::string name;
     size_t offset = 0;
     size_t size = 0;
-    std::string name;
 };
 
 // What once went over a socket of the service in one piece.
 struct FrozenRecord {
     enum class Way : char { kToService = '>', kToClient = '<', kSnapshot = '*' };
 
+    // Of what its bytes begin with, unless it is a snapshot: a record tells its own size, how many
+    // descriptors follow, and the size of a block that follows them.
+    KelmMsgBase head() const;
+    size_t recordSize() const { return way == Way::kSnapshot ? bytes.size() : head().size; }
+    size_t descriptors() const { return way == Way::kSnapshot ? 0 : head().fdNum; }
+
     Way way = Way::kToService;
-    std::string name;  // its type, and the how many-th of it: "INFER_TASK_REQ.2"
-    std::string bytes;
+    std::string name;   // its type, and the how many-th of it: "INFER_TASK_REQ.2"
+    std::string bytes;  // of the record, and of the block
     std::vector<VaryingField> varying = {};
-    size_t descriptors = 0;  // that follow
-    std::string block = {};  // that follows them
 };
 
 // All that a client of the library and the service have told one another, in order, and how the
 // library's calls have ended. As text:
 //
-//   > NAME SIZE descriptors COUNT block SIZE    a record, for "*" and "<" likewise
-//      OFFSET: hh hh ...                        bytes of it; all that are not listed are 00
-//      OFFSET: $NAME SIZE = hh hh ...           a varying field, with its bytes at the recording
-//      block+OFFSET: hh hh ...
-//   = TEXT                                      how a call has ended
-//   # TEXT                                      a comment
+//   > NAME SIZE               a record and its block, for "*" and "<" likewise
+//       OFFSET: hh hh ...     bytes of it; all that are not listed are 00
+//       $ NAME OFFSET SIZE    varying fields, whose listed bytes are those of the recording
+//   = TEXT                    how a call has ended
+//   # TEXT                    a comment
 struct FrozenSession {
-    // Both throw a std::runtime_error that names what is wrong.
+    // Throws a std::runtime_error that names the line that is wrong.
     static FrozenSession read(std::istream& text);
-    static FrozenSession load(const std::string& path);
     void write(std::ostream& text) const;
 
     std::vector<FrozenRecord> records;

@@ -1,12 +1,5 @@
 #include "tests/frozen/LibrarySession.h"
 
-#include <sys/mman.h>
-
-#include <future>
-#include <span>
-#include <sstream>
-#include <string_view>
-
 #include "client/Client.h"
 #include "client/SnapshotReader.h"
 #include "tests/wire/WireClient.h"
@@ -24,82 +17,71 @@ using client::Tensor;
 
 constexpr int kTasks = 6;
 
+// Each behind a blank.
+template <class... Parts>
+std::string words(const Parts&... parts) {
+    std::ostringstream text;
+    ((text << ' ' << parts), ...);
+    return text.str();
+}
+
 std::string describe(const Error& error) {
-    if (error.kind() == client::ErrorKind::kCanceled) return "canceled";
-    return error ? "error " + std::to_string(error.code()) : "ok";
+    if (error.kind() == client::ErrorKind::kCanceled) return words("canceled");
+    return error ? words("error", error.code()) : words("ok");
 }
 
 std::string describe(const client::Graph& graph) {
-    std::ostringstream text;
-    text << graph.id << ' ' << graph.inputSize << ' ' << graph.outputSize << ' ' << graph.debugSize
-         << ' ' << graph.timeTakenSize << ' ' << graph.thermalSize;
-    return text.str();
+    return words(graph.id, graph.inputSize, graph.outputSize, graph.debugSize, graph.timeTakenSize,
+                 graph.thermalSize);
 }
 
-std::string describe(const client::BufferSizes& sizes) {
-    return std::to_string(sizes.output) + ' ' + std::to_string(sizes.aux);
-}
-
-std::string describe(const client::TaskStage& stage) {
-    return std::to_string(static_cast<int>(stage));
-}
-
-std::string describe(const bool& canceled) { return canceled ? "canceled" : "runs on"; }
+std::string describe(const client::BufferSizes& sizes) { return words(sizes.output, sizes.aux); }
+std::string describe(const client::TaskStage& stage) { return words(static_cast<int>(stage)); }
+std::string describe(const bool& canceled) { return words(canceled ? "canceled" : "runs on"); }
 
 std::string describe(const InferResult& result) {
-    std::ostringstream text;
-    text << describe(result.error) << ' ' << result.taskId << ' ' << result.cookie0 << ' '
-         << result.cookie1;
-    return text.str();
+    return describe(result.error) + words(result.taskId, result.cookie0, result.cookie1);
 }
 
 std::string describe(const client::ServiceStatus& status) {
-    std::ostringstream text;
-    text << status.parts.bits() << ' ' << status.serviceFps << ' ' << status.deviceScheduler << ' '
-         << status.taskScheduler;
-    text << "; devices " << status.deviceCount;
+    std::string text =
+        words(status.parts.bits(), status.serviceFps, status.deviceScheduler, status.taskScheduler);
+    text += ";" + words("devices", status.deviceCount);
     for (const auto& row : status.devices) {
-        text << ' ' << row.name << ' ' << row.fps << ' ' << row.graph << ' ' << row.thermal << ' '
-             << row.id << ' ' << row.subclass;
+        text += words(row.name, row.fps, row.graph, row.thermal, row.id, row.subclass);
     }
-    text << "; graphs " << status.graphCount;
-    for (const auto& row : status.graphs) {
-        text << ' ' << row.name << ' ' << row.fpsIn << ' ' << row.fpsOut;
-    }
-    text << "; clients " << status.clientCount;
-    for (const auto& row : status.clients) text << ' ' << row.name << ' ' << row.fps;
-    return text.str();
+    text += ";" + words("graphs", status.graphCount);
+    for (const auto& row : status.graphs) text += words(row.name, row.fpsIn, row.fpsOut);
+    text += ";" + words("clients", status.clientCount);
+    for (const auto& row : status.clients) text += words(row.name, row.fps);
+    return text;
 }
 
 std::string describe(const client::Snapshot& snapshot) {
-    std::ostringstream text;
-    text << "devices";
+    std::string text = words("devices");
     for (const auto& row : snapshot.devices) {
-        text << ' ' << row.id << ' ' << row.thermal << ' ' << row.throttlingLevel;
+        text += words(row.id, row.thermal, row.throttlingLevel);
         for (const auto& graph : row.current) {
-            text << ' ' << graph.name << ' ' << graph.loadTime << ' ' << graph.inferences << ' '
-                 << graph.fps;
+            text += words(graph.name, graph.loadTime, graph.inferences, graph.fps);
         }
         for (const auto& graph : row.previous) {
-            text << ' ' << graph.name << ' ' << graph.loadTime << ' ' << graph.unloadTime << ' '
-                 << graph.inferences;
+            text += words(graph.name, graph.loadTime, graph.unloadTime, graph.inferences);
         }
     }
-    text << "; graphs " << snapshot.graphCount;
+    text += ";" + words("graphs", snapshot.graphCount);
     for (const auto& row : snapshot.graphs) {
-        text << ' ' << row.id << ' ' << row.name << ' ' << row.fpsIn << ' ' << row.fpsOut << ' '
-             << row.runningDevices << ' ' << row.inferences << ' ' << row.waitingTasks << ' '
-             << row.clientCount;
-        for (const std::string& name : row.clients) text << ' ' << name;
+        text += words(row.id, row.name, row.fpsIn, row.fpsOut, row.runningDevices, row.inferences,
+                      row.waitingTasks, row.clientCount);
+        for (const std::string& name : row.clients) text += words(name);
     }
-    text << "; clients " << snapshot.clientCount;
+    text += ";" + words("clients", snapshot.clientCount);
     for (const auto& row : snapshot.clients) {
-        text << ' ' << row.id << ' ' << row.name << ' ' << row.apiMajor << ' ' << row.apiMinor
-             << ' ' << row.inferences << ' ' << row.waitingTasks;
+        text +=
+            words(row.id, row.name, row.apiMajor, row.apiMinor, row.inferences, row.waitingTasks);
     }
-    text << "; memory " << snapshot.memory.virtualMB << ' ' << snapshot.memory.residentMB << ' '
-         << snapshot.memory.sharedMB << ' ' << snapshot.memory.totalMB;
-    return text.str();
+    const auto& memory = snapshot.memory;
+    return text + ";" +
+           words("memory", memory.virtualMB, memory.residentMB, memory.sharedMB, memory.totalMB);
 }
 
 template <class Value>
@@ -166,10 +148,10 @@ std::vector<std::string> LibrarySession::run(const std::string& directory,
                                              const std::string& graphFile) {
     std::vector<std::string> outcomes;
     const auto note = [&outcomes](const char* call, const std::string& outcome) {
-        outcomes.push_back(std::string(call) + ": " + outcome);
+        outcomes.push_back(std::string(call) + ":" + outcome);
     };
     auto connected = Client::connect(directory + "/kelm_service.sock");
-    if (!connected) return {"connect: " + describe(connected.error())};
+    if (!connected) return {"connect:" + describe(connected.error())};
     Client& client = *connected.value();
     note("register", describe(client.registerClient("frozen client")));
     const auto bytes = std::as_bytes(std::span(std::string_view(kGraph)));

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 namespace kelm {
 
 // One client of the library that makes each of its calls, always in the same order.

@@ -1,5 +1,3 @@
-#include <random>
-
 #include "fakes/SocketChannel.h"
 #include "protocol/src/KelmProtocol.h"
 

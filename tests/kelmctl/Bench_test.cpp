@@ -1,5 +1,3 @@
-#include <cmath>
-
 #include "tools/kelmctl/Arrivals.h"
 #include "tools/kelmctl/BenchOptions.h"
 #include "tools/kelmctl/RateSearch.h"
@@ -93,7 +91,7 @@ TEST(BenchTest, ContradictionsAndWhatIsNoNumberAreRefused) {
             const BenchSetup setup(options);
             ADD_FAILURE() << "is taken";
         } catch (const UsageError& error) {
-            EXPECT_THAT(error.what(), testing::HasSubstr(words));
+            EXPECT_THAT(error.what(), HasSubstr(words));
         }
     }
 }

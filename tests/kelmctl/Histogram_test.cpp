@@ -1,8 +1,5 @@
 #include "tools/kelmctl/Histogram.h"
 
-#include <cmath>
-#include <random>
-
 namespace kelm::ctl {
 namespace {
 

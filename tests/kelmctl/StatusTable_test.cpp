@@ -2,17 +2,12 @@
 
 #include <clocale>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "tools/kelmctl/SafeText.h"
 #include "tools/kelmctl/StatusJson.h"
 
 namespace kelm::ctl {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 TEST(SafeTextTest, NothingThatATerminalObeysPasses) {
     std::setlocale(LC_CTYPE, "C.UTF-8");  // widths of characters come from it

@@ -1,10 +1,6 @@
 #include "tools/kelmctl/TopFeed.h"
 
-#include <poll.h>
-
-#include "fakes/Eventually.h"
 #include "fakes/ListenOn.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
 
 namespace kelm::ctl {
@@ -14,7 +10,7 @@ TEST(TopFeedTest, StreamOfSnapshotsIsTakenUpAgainAndHoldsNoEnd) {
     const TempDir dir;
     const ScopedEnv env{"KELM_RUN_DIR", dir.path()};
     const UniqueFd snapshots = listenOn(dir.path() + "/kelm_snapshot.sock");
-    TopFeed feed{std::chrono::milliseconds(5)};
+    TopFeed feed{5ms};
     for (int64_t round = 1; round < 3; ++round) {
         const UniqueFd peer(::accept4(snapshots.get(), nullptr, nullptr, SOCK_CLOEXEC));
         auto package = std::make_unique<InfoPackage>();

@@ -3,8 +3,6 @@
 namespace kelm::ctl {
 namespace {
 
-using ::testing::ElementsAre;
-
 class TopModelTest : public ::testing::Test {
  protected:
     static TopModel::Time at(double seconds) {

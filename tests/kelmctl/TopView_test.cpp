@@ -1,15 +1,11 @@
 #include "tools/kelmctl/TopView.h"
 
-#include <algorithm>
 #include <clocale>
 
 #include "tools/kelmctl/SafeText.h"
 
 namespace kelm::ctl {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class TopViewTest : public ::testing::Test {
  protected:
@@ -58,7 +54,7 @@ class TopViewTest : public ::testing::Test {
 
     TopModel m_model;
     TopControls m_controls;
-    TopModel::Time m_now{std::chrono::seconds(1000000)};
+    TopModel::Time m_now{1000000s};
 };
 
 TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {

@@ -1,16 +1,11 @@
 #include <nlohmann/json.hpp>
-#include <random>
 
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "tools/kelmctl/TraceCommand.h"
 
 namespace kelm::ctl {
 namespace {
 
 using Json = nlohmann::json;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr const char* kFramesHeader = "name,start_tsc.RDTSC,end_tsc\n";
 constexpr const char* kTasksHeader = "name,start_tsc.RDTSC,end_tsc,pid,tid\n";

@@ -1,56 +1,37 @@
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cmath>
-#include <set>
-
+#include "fakes/Recorded.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "kelm/kelm.hpp"
-#include "utils/Mutex.h"
 
 namespace kelm {
 namespace {
 
-using ::testing::ElementsAre;
 using Millis = std::chrono::milliseconds;
 
-// How tasks have ended, in order.
+// How tasks have ended, in order. Any thread.
 class Ends {
  public:
-    void add(const kelm_result& result) {
-        MutexLock lock(m_mutex);
-        m_cookies.push_back(result.cookie);
-        m_errors.push_back(result.error);
-        m_last = Result(result);
-    }
     // A callback that adds.
     auto adder() {
-        return [this](const kelm_result& result) { add(result); };
+        return [this](const kelm_result& result) { m_results.add(result); };
     }
     std::vector<uint64_t> cookies() const {
-        MutexLock lock(m_mutex);
-        return m_cookies;
+        std::vector<uint64_t> cookies;
+        for (const kelm_result& result : m_results()) cookies.push_back(result.cookie);
+        return cookies;
     }
     std::vector<int> errors() const {
-        MutexLock lock(m_mutex);
-        return m_errors;
+        std::vector<int> errors;
+        for (const kelm_result& result : m_results()) errors.push_back(result.error);
+        return errors;
     }
-    Result last() const {
-        MutexLock lock(m_mutex);
-        return m_last;
-    }
+    kelm_result last() const { return m_results().back(); }
     bool wait(size_t count) const {
-        return eventually([&] { return cookies().size() >= count; });
+        return eventually([&] { return m_results().size() >= count; });
     }
 
  private:
-    mutable Mutex m_mutex;
-    std::vector<uint64_t> m_cookies GUARDED_BY(m_mutex);
-    std::vector<int> m_errors GUARDED_BY(m_mutex);
-    Result m_last GUARDED_BY(m_mutex);
+    Recorded<kelm_result> m_results;  // whose texts are gone
 };
 
 int codeOf(const std::function<void()>& call) {
@@ -72,7 +53,7 @@ class QueueTest : public SystemFixture {
         m_graph.emplace(m_client->load(std::as_bytes(std::span("graph")), {.window = window}));
         m_pool.emplace(m_graph->makePool());
     }
-    uint64_t submit(uint64_t cookie, uint32_t priority = 0, Millis deadline = Millis(0)) {
+    uint64_t submit(uint64_t cookie, uint32_t priority = 0, Millis deadline = 0ms) {
         return m_graph->start(m_slots.emplace_back(m_pool->acquire()),
                               {.deadline = deadline, .priority = priority, .cookie = cookie},
                               m_ends.adder());
@@ -101,7 +82,7 @@ TEST_F(QueueTest, WaitingTasksAreSentByPriorityThenByAge) {
 TEST_F(QueueTest, TaskWhoseDeadlinePassesHereIsNeverSent) {
     open(300, 1);
     submit(0);
-    submit(1, 0, Millis(50));
+    submit(1, 0, 50ms);
     ASSERT_TRUE(m_ends.wait(2));
     EXPECT_THAT(m_ends.cookies(), ElementsAre(1, 0));
     EXPECT_THAT(m_ends.errors(), ElementsAre(KELM_EXPIRED, KELM_SUCCESS));
@@ -190,13 +171,13 @@ TEST_F(QueueTest, CallThatReadsHoldsUpNothingElse) {
     EXPECT_NE(ender, reader);
     // Its deadline, and the end of the service, reach it too.
     EXPECT_TRUE(m_graph->infer(slot).ok());
-    EXPECT_EQ(codeOf([&] { m_graph->infer(slot, {.deadline = Millis(20)}); }), KELM_TIMEOUT);
+    EXPECT_EQ(codeOf([&] { m_graph->infer(slot, {.deadline = 20ms}); }), KELM_TIMEOUT);
     EXPECT_EQ(codeOf([&] { m_graph->infer(slot); }), KELM_BUSY);  // long before the task's end
     EXPECT_TRUE(eventually([&] { return codeOf([&] { m_graph->infer(slot); }) == KELM_SUCCESS; }));
     auto last = startCalling([&] { return codeOf([&] { m_graph->infer(m_pool->acquire()); }); });
     service().signal(SIGKILL);
     (void)service().waitExit();
-    EXPECT_THAT(last.get(), ::testing::AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
+    EXPECT_THAT(last.get(), AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
 }
 
 TEST_F(QueueTest, EndOfTheConnectionEndsEachTaskOnce) {
@@ -207,8 +188,8 @@ TEST_F(QueueTest, EndOfTheConnectionEndsEachTaskOnce) {
     service().signal(SIGKILL);
     EXPECT_EQ(service().waitExit(), std::nullopt);
     ASSERT_TRUE(m_ends.wait(6));
-    EXPECT_THAT(m_ends.errors(), ::testing::Each(KELM_CONNECTION_LOST));
-    EXPECT_THAT(call.get(), ::testing::AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
+    EXPECT_THAT(m_ends.errors(), Each(KELM_CONNECTION_LOST));
+    EXPECT_THAT(call.get(), AnyOf(KELM_CONNECTION_LOST, KELM_NOT_CONNECTED));
     EXPECT_EQ(codeOf([&] { submit(6); }), KELM_NOT_CONNECTED);
     EXPECT_FALSE(m_client->isConnected());
     // The tasks may run on: their slots are given to no other.
@@ -257,7 +238,7 @@ TEST_F(QueueTest, TasksThatTheServiceDropsWithAnotherGraphAreSentAgain) {
     for (uint64_t i = 0; i < 20; ++i) submit(i);
     shared.reset();
     ASSERT_TRUE(m_ends.wait(20));
-    EXPECT_THAT(m_ends.errors(), ::testing::Each(KELM_SUCCESS));
+    EXPECT_THAT(m_ends.errors(), Each(KELM_SUCCESS));
     EXPECT_EQ(m_ends.cookies().size(), 20U);
 }
 
@@ -280,7 +261,7 @@ TEST_F(QueueTest, FreedGraphHasNoCallbackLeft) {
         return left.load();
     });
     ASSERT_TRUE(m_ends.wait(1));
-    EXPECT_EQ(freed.wait_for(Millis(500)), std::future_status::timeout);
+    EXPECT_EQ(freed.wait_for(500ms), std::future_status::timeout);
     leave.set_value();
     EXPECT_TRUE(freed.get());
 }

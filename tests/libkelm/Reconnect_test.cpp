@@ -1,7 +1,3 @@
-#include <atomic>
-#include <cstdlib>
-#include <thread>
-
 #include "fakes/ListenOn.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
@@ -26,56 +22,46 @@ class Worker {
     static constexpr Millis kPatience{10000};
 
     Worker(Graph& graph, Pool& pool, const std::atomic<bool>& stop)
-        : m_graph(graph), m_pool(pool), m_stop(stop), m_thread([this] { routine(); }) {}
+        : m_thread([&] {
+              while (!stop) {
+                  call(graph, pool.acquire());
+                  graph.start(pool.acquire(), {.deadline = kDeadline}, begin());
+              }
+              eventually([this] { return endedAll(); });
+          }) {}
 
     void join() { m_thread.join(); }
-    bool endedAll() const { return m_ended == m_started; }
-    int good() const { return m_good; }
-    bool wasLate() const { return m_late; }
-    int unexpected() const { return m_unexpected; }
+    bool endedAll() const { return ended == m_started; }
+
+    std::atomic<int> ended{0};
+    std::atomic<int> good{0};
+    std::atomic<int> late{0};
+    std::atomic<int> unexpected{0};
 
  private:
-    void routine() {
-        while (!m_stop) {
-            call();
-            startOne();
-        }
-        eventually([this] { return endedAll(); });
-    }
-    void call() {
-        ++m_started;
-        const Slot slot = m_pool.acquire();
+    void call(Graph& graph, const Slot& slot) {
+        const auto account = begin();
         auto task = Graph::makeTask(slot, {.deadline = kDeadline});
         auto result = detail::sized<kelm_result>();
-        const auto before = std::chrono::steady_clock::now();
-        result.error = kelm_infer(m_graph.get(), &task, &result);
-        account(result, std::chrono::steady_clock::now() - before);
+        result.error = kelm_infer(graph.get(), &task, &result);
+        account(result);
     }
-    void startOne() {
+    // Accounts for the end of a task that starts now.
+    std::function<void(const kelm_result&)> begin() {
         ++m_started;
-        const auto before = std::chrono::steady_clock::now();
-        m_graph.start(m_pool.acquire(), {.deadline = kDeadline},
-                      [this, before](const kelm_result& result) {
-                          account(result, std::chrono::steady_clock::now() - before);
-                      });
-    }
-    void account(const kelm_result& result, std::chrono::nanoseconds time) {
-        if (time > kDeadline + kPatience) m_late = true;
-        if (result.error == KELM_SUCCESS) ++m_good;
-        const bool usual = result.error == KELM_SUCCESS || result.error == KELM_CONNECTION_LOST ||
-                           result.error == KELM_EXPIRED || result.error == KELM_TIMEOUT;
-        if (!usual) ++m_unexpected;
-        ++m_ended;
+        return [this, begun = std::chrono::steady_clock::now()](const kelm_result& result) {
+            if (std::chrono::steady_clock::now() - begun > kDeadline + kPatience) ++late;
+            const std::set<int> usual{KELM_CONNECTION_LOST, KELM_EXPIRED, KELM_TIMEOUT};
+            if (result.error == KELM_SUCCESS) {
+                ++good;
+            } else if (!usual.contains(result.error)) {
+                ++unexpected;
+            }
+            ++ended;
+        };
     }
 
-    Graph& m_graph;
-    Pool& m_pool;
-    const std::atomic<bool>& m_stop;
     std::atomic<int> m_started{0};
-    std::atomic<int> m_ended{0};
-    std::atomic<int> m_good{0};
-    std::atomic<int> m_unexpected{0};
-    std::atomic<bool> m_late{false};
     std::thread m_thread;
 };
 
@@ -112,7 +98,7 @@ TEST_F(ReconnectTest, EachCallEndsOnceWhateverBecomesOfTheService) {
     }
     const auto good = [&] {
         int sum = 0;
-        for (const auto& worker : workers) sum += worker->good();
+        for (const auto& worker : workers) sum += worker->good;
         return sum;
     };
     for (int i = 1; i <= restarts(); ++i) {
@@ -125,8 +111,8 @@ TEST_F(ReconnectTest, EachCallEndsOnceWhateverBecomesOfTheService) {
     for (const auto& worker : workers) {
         worker->join();
         EXPECT_TRUE(worker->endedAll());
-        EXPECT_FALSE(worker->wasLate());
-        EXPECT_EQ(worker->unexpected(), 0);
+        EXPECT_EQ(worker->late, 0);
+        EXPECT_EQ(worker->unexpected, 0);
     }
     EXPECT_EQ(downs, ups);
     EXPECT_EQ(ups, restarts());
@@ -151,7 +137,7 @@ TEST_F(ReconnectTest, CloseDoesNotWaitForAServiceThatDoesNotAnswer) {
     ASSERT_EQ(::recv(peer.get(), &request, 1, 0), 1);
     const auto before = std::chrono::steady_clock::now();
     client.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(8));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 8s);
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 namespace kelm {
 namespace {
 
-using namespace std::chrono_literals;
-
 class ClientManagerTest : public ManagersFixture {
  protected:
     // Whether the client gets its answer on the connection, on which others may be registered too.

@@ -1,10 +1,5 @@
 #include "managers/GraphManager.h"
 
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "managers/GraphBlob.h"
@@ -154,7 +149,7 @@ TEST_F(GraphManagerTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) 
     constexpr int kMoreThanFits = 20000;
     const int sent =
         ahead.flood(ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ),
-                    kMoreThanFits, WireClient::Millis(50));
+                    kMoreThanFits, 50ms);
     EXPECT_LT(sent, kMoreThanFits);
     WireClient other = connect();
     EXPECT_EQ(other.createGraph({"blob"}).head.status, KELM_OK);
@@ -274,7 +269,7 @@ TEST_F(GraphManagerTest, EndIsNotHeldUpByADeviceThatDoesNotUnload) {
     EXPECT_EQ(client.createGraph({"blob"}).head.status, KELM_OK);
     device().block(DeviceCall::Deallocate);
     auto ended = std::async(std::launch::async, [] { GraphManager::instance().removeAllGraphs(); });
-    EXPECT_EQ(ended.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(ended.wait_for(30s), std::future_status::ready);
     device().release(DeviceCall::Deallocate);
     GraphManager::instance().removeAllGraphs();  // waits for it, and asks the device nothing anew
     EXPECT_EQ(device().deallocated().size(), 1U);

@@ -1,9 +1,5 @@
 #include "managers/InfoPrinter.h"
 
-#include <atomic>
-#include <set>
-#include <span>
-
 #include "fakes/FakeInfoCollector.h"
 #include "managers/ManagersFixture.h"
 #include "reporting/KelmStatus.h"

@@ -1,16 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <unistd.h>
-
-#include <string>
-
-#include "fakes/Eventually.h"
 #include "fakes/ScriptedDevice.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceInProcess.h"
-#include "fakes/TempDir.h"
 #include "managers/ClientManager.h"
 #include "utils/UniqueFd.h"
 

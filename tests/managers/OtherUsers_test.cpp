@@ -1,7 +1,7 @@
-#include <sys/stat.h>
-
 #include "fakes/OtherUser.h"
 #include "managers/ManagersFixture.h"
+#include "records/KelmTask.h"
+#include "records/KelmTaskParam.h"
 
 namespace kelm {
 namespace {
@@ -84,6 +84,16 @@ TEST_F(OtherUsersTest, ClientsAreUnknownToOtherUsersInEveryRequest) {
     EXPECT_EQ(destroyed.status, KELM_OK);
     device().release(DeviceCall::LoadTensor);
     EXPECT_TRUE(victim.unregister());
+}
+
+// Named tensors are mapped as whoever a task says that it is of may use them.
+TEST_F(OtherUsersTest, TaskIsOfTheUserWhoSentIt) {
+    WireClient other = connectAsOther();
+    device().block(DeviceCall::LoadTensor);
+    DescriptorProbe input;
+    (void)infer(other, other.createGraph({"blob"}).graphId, input);
+    ASSERT_TRUE(isReached(DeviceCall::LoadTensor));
+    EXPECT_EQ(device().loadedTasks()[0]->getTaskParam()->getPeer().user, OtherUser::kId);
 }
 
 TEST_F(OtherUsersTest, GraphFilesAreReadForUsersThatTheirModeLetsIn) {

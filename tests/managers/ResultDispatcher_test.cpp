@@ -116,9 +116,9 @@ TEST(ClientSenderTest, FullListHoldsUpAPosterThatMayWait) {
             sender.post(report->size, false, [&] { sender.write(*report); });
         }
     });
-    EXPECT_EQ(held.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(held.wait_for(50ms), std::future_status::timeout);
     peer.hangUp();
-    EXPECT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(held.wait_for(10s), std::future_status::ready);
 }
 
 TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
@@ -131,9 +131,9 @@ TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
     EXPECT_FALSE(backlog.isFull());  // many, but some 11 MB
     for (; !backlog.isFull(); backlog.add(kReport)) continue;
     auto held = startCalling([&] { backlog.waitForRoom(); });
-    EXPECT_EQ(held.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(held.wait_for(50ms), std::future_status::timeout);
     backlog.remove(kReport);
-    EXPECT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(held.wait_for(10s), std::future_status::ready);
 }
 
 }  // namespace

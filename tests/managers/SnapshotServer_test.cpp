@@ -1,15 +1,11 @@
 #include "reporting/SnapshotServer.h"
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
-#include "fakes/TempDir.h"
 #include "protocol/src/InfoPackage.h"
 #include "utils/Semaphore.h"
 
 namespace kelm {
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr auto kNever = 10min;  // no package but those that an event brings
 

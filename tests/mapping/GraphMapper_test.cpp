@@ -1,10 +1,5 @@
 #include "scheduling/mapping/GraphMapper.h"
 
-#include <cmath>
-#include <limits>
-#include <random>
-#include <sstream>
-
 #include "scheduling/mapping/MapperMatcher.h"
 #include "scheduling/mapping/MapperModel.h"
 #include "scheduling/mapping/MapperPlanner.h"
@@ -14,9 +9,6 @@
 
 namespace kelm {
 namespace {
-
-using testing::ElementsAre;
-using testing::UnorderedElementsAreArray;
 
 KelmGraph* graphKey(size_t index) {
     return reinterpret_cast<KelmGraph*>(uintptr_t{0x10000} + index * 16);

@@ -1,6 +1,5 @@
 #include "protocol/src/KelmProtocol.h"
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 #include "protocol/src/MessageAssembler.h"
 #include "protocol/src/MessageWriter.h"
@@ -274,7 +273,7 @@ TEST_F(MessageWriterTest, RecordsLeaveTogetherAndInOrder) {
     EXPECT_EQ(0, peer.pending());
     EXPECT_FALSE(writer.empty());
     EXPECT_EQ(0, writer.flush());
-    EXPECT_THAT(receiveNumbers(5), testing::ElementsAre(0, 1, 2, 3, 4));
+    EXPECT_THAT(receiveNumbers(5), ElementsAre(0, 1, 2, 3, 4));
     for (uint64_t number = 0; number < 31; ++number) {
         ASSERT_EQ(0, writer.append(makeAnswer(number).get()));
     }
@@ -288,7 +287,7 @@ TEST_F(MessageWriterTest, WhatCannotWaitFollowsWhatWaited) {
     const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
     ASSERT_EQ(0, writer.append(report.get()));
     EXPECT_TRUE(writer.empty());
-    EXPECT_THAT(receiveNumbers(1), testing::ElementsAre(1));
+    EXPECT_THAT(receiveNumbers(1), ElementsAre(1));
     EXPECT_EQ(report->size, peer.receive(report->size).size());
 
     ASSERT_EQ(0, writer.append(makeAnswer(2).get()));
@@ -296,7 +295,7 @@ TEST_F(MessageWriterTest, WhatCannotWaitFollowsWhatWaited) {
     MessagePtr request(kelmAllocMessage(KELM_MESSAGE_TEST_SEND_FD_REQ));
     reinterpret_cast<KelmMsgReqTestSendFd*>(request.get())->testFd = file.get();
     ASSERT_EQ(0, writer.append(request.get()));
-    EXPECT_THAT(receiveNumbers(1), testing::ElementsAre(2));
+    EXPECT_THAT(receiveNumbers(1), ElementsAre(2));
     EXPECT_EQ(request->size + 4, peer.receive(request->size + 4).size());
 }
 

@@ -2,20 +2,13 @@
 
 #include <sys/resource.h>
 
-#include <csignal>
-#include <filesystem>
-#include <limits>
-
 #include "fakes/FakeClientDirectory.h"
-#include "fakes/TempDir.h"
 #include "records/GraphDemand.h"
 #include "utils/Digest.h"
 #include "utils/Port.h"
 
 namespace kelm {
 namespace {
-
-using testing::ElementsAre;
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -108,12 +101,12 @@ TEST(KelmGraphTest, DumpIsWholeOrLeavesNoFile) {
     const std::string path = dir.path() + "/new/folder/graph.dump";
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
-    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    const auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
     const rlimit small{50000, old.rlim_max};  // the rest does not fit
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
     EXPECT_FALSE(graph.dumpToFile(path));
     EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
-    (void)std::signal(SIGXFSZ, oldHandler);
+    (void)::signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_TRUE(graph.dumpToFile(path));
     EXPECT_EQ(hashOf(path), graph.getHash());

@@ -1,8 +1,5 @@
 #include "records/KelmTask.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "fakes/SimulatedLibraries.h"
 #include "protocol/src/KelmProtocol.h"
 #include "records/BufferAllocator.h"

@@ -1,5 +1,3 @@
-#include <span>
-
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/DeviceSchedulerStream.h"
@@ -131,6 +129,8 @@ const Row kTagRows[] = {
     {"an unloaded holder without a device is forgotten", "+a L1 | -a | U1 | +b | L2",
      "1x1 ok1 | | gone1 | | 2x1 ok2"},
     {"a failed load gives its headcount back", "+a +b !a !b L1 | ~a ~b L2", "fail1=-130 | 2x2 ok2"},
+    {"a load that one takes and dies of, and the other refuses, has failed", "+x +b !b L1 | *x",
+     "1x1 | fail1=-130"},
     {"a load that fails on one of two is completed later", "+a +b !b L1 | ~b", "1x1 ok1 | 1x2"},
     {"a holder's failed load is tried again", "+a L1 | +b !b | ~b", "1x1 ok1 | 1x1 | 1x2"},
     {"a dead device gets no more loads", "+a ^a L6 | ~a L7 | +b", "fail6=-126 | fail7=-122 |"},

@@ -1,4 +1,3 @@
-#include "fakes/Eventually.h"
 #include "fakes/Recorded.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
@@ -6,10 +5,6 @@
 
 namespace kelm {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
 
 // Does what the test says.
 class ScriptedOperation : public StatusChangeOperation {
@@ -84,19 +79,18 @@ TEST_F(DeviceSchedulerTest, BurstOfRequestsDropsAtMostThreePlansInARow) {
     scheduler->unloadGraph(fakeGraph(1));
     scheduler->start();
     EXPECT_TRUE(eventually([&] { return placement.unloads().size() == 5; }));
-    EXPECT_TRUE(scheduler->stop(std::chrono::seconds(10)));
+    EXPECT_TRUE(scheduler->stop(10s));
     // The fourth plan is committed although one more request came; the fifth takes that.
     EXPECT_THAT(scheduler->protocol(),
                 ElementsAre("P1", "R", "P2", "R", "P3", "R", "P4", "C", "P1", "C"));
 }
 
 TEST_F(DeviceSchedulerTest, FailedPlanComesBackByItselfWithTheSameWork) {
-    ScriptedActive scheduler([](int plan, auto&) { return plan > 2; },
-                             std::chrono::milliseconds(1));
+    ScriptedActive scheduler([](int plan, auto&) { return plan > 2; }, 1ms);
     scheduler.unloadGraph(fakeGraph(1));
     scheduler.start();
     EXPECT_TRUE(eventually([&] { return !placement.unloads().empty(); }));
-    EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
+    EXPECT_TRUE(scheduler.stop(10s));
     auto protocol = scheduler.protocol();
     protocol.resize(5);
     EXPECT_THAT(protocol, ElementsAre("P1", "R", "P1", "R", "P1"));
@@ -120,9 +114,8 @@ TEST_F(DeviceSchedulerTest, ExceptionCountsAsThatOperationsFailureAndEndsNothing
     scheduler.loadGraph(inWait);
     scheduler.start();
     EXPECT_TRUE(eventually([&] { return placement.loads().size() == 2; }));
-    EXPECT_THAT(placement.loads(),
-                ::testing::UnorderedElementsAre(Pair(inExecute, KELM_ERROR_DEVICE_FAILED),
-                                                Pair(inWait, KELM_ERROR_DEVICE_FAILED)));
+    EXPECT_THAT(placement.loads(), UnorderedElementsAre(Pair(inExecute, KELM_ERROR_DEVICE_FAILED),
+                                                        Pair(inWait, KELM_ERROR_DEVICE_FAILED)));
     EXPECT_TRUE(otherRan);
     scheduler.unloadGraph(inWait);
     EXPECT_TRUE(eventually([&] { return !placement.unloads().empty(); }));
@@ -145,8 +138,8 @@ TEST_F(DeviceSchedulerTest, OperationWithoutEndDoesNotHoldUpTheStop) {
     scheduler->loadGraph(graph);
     scheduler->start();
     ASSERT_TRUE(eventually([&] { return waiting.load(); }));
-    EXPECT_FALSE(scheduler->stop(std::chrono::milliseconds(1)));
-    EXPECT_FALSE(scheduler->stop(std::chrono::milliseconds(1)));
+    EXPECT_FALSE(scheduler->stop(1ms));
+    EXPECT_FALSE(scheduler->stop(1ms));
     deleteGraph(graph);  // the thread must not look at it when the device answers after all
     release.set_value();
     EXPECT_TRUE(eventually([&] { return scheduler->hasEnded(); }));
@@ -166,7 +159,7 @@ class CountingLazy : public DeviceSchedulerLazy {
 
 TEST_F(DeviceSchedulerTest, WakeThatComesBeforeTheWaitIsNotLost) {
     CountingLazy lazy("DS.Lazy");
-    ScriptedActive active([](int, auto&) { return true; }, std::chrono::hours(1));
+    ScriptedActive active([](int, auto&) { return true; }, 1h);
     lazy.wake();
     active.wake();
     lazy.start();

@@ -1,23 +1,16 @@
 #pragma once
 
-#include <functional>
-#include <map>
-#include <memory>
-#include <sstream>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "execution/TaskExchange.h"
 #include "execution/WorkThread.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskExchange.h"
-#include "fakes/FakeWorkerRemovalListener.h"
 #include "fakes/ScriptedDevice.h"
 #include "fakes/TestRecords.h"
 #include "fakes/TestRequest.h"
 #include "scheduling/devices/DeviceSchedulerLazy.h"
+#include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/Port.h"
 #include "utils/StringHelper.h"
 
@@ -35,6 +28,26 @@ class DyingDevice : public ScriptedDevice {
         graph->removeCachedDevice(getName());
         return rc;
     }
+};
+
+// Owns workers and destroys one as soon as its scheduler releases it. Any thread.
+class FakeWorkerRemovalListener final : public WorkerRemovalListener {
+ public:
+    WorkThread* own(std::unique_ptr<WorkThread> worker) {
+        MutexLock lock(m_mutex);
+        return m_workers.emplace_back(std::move(worker)).get();
+    }
+    void enqueueRemoveWorkerDone(WorkThread* worker) override {
+        MutexLock lock(m_mutex);
+        std::erase_if(m_workers, [worker](const auto& owned) { return owned.get() == worker; });
+        removed.add(worker);
+    }
+
+    Recorded<WorkThread*> removed;  // these are destroyed
+
+ private:
+    Mutex m_mutex;
+    std::vector<std::unique_ptr<WorkThread>> m_workers GUARDED_BY(m_mutex);
 };
 
 // Real workers on scripted devices, and listeners that record.

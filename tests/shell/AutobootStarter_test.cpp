@@ -1,18 +1,10 @@
 #include "tools/autoboot/AutobootStarter.h"
 
-#include <signal.h>
-
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
 #include "utils/RunPaths.h"
 #include "utils/platform/linux/SubProcess.h"
 
 namespace kelm {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
 
 constexpr std::chrono::milliseconds kShort{2500};
 

@@ -1,14 +1,10 @@
 #include "shell/ExitSignal.h"
 
-#include <signal.h>
-
 #include "shell/ExitLimit.h"
 #include "utils/Semaphore.h"
 
 namespace kelm {
 namespace {
-
-using namespace std::chrono_literals;
 
 TEST(ExitSignalTest, SignalEndsTheSleepAndTheWait) {
     Semaphore idle(0, 0);

@@ -1,10 +1,6 @@
 #include "shell/ServiceDaemonHelper.h"
 
-#include <future>
-
 #include "config/ServiceConfigParser.h"
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
 #include "utils/RunPaths.h"
 #include "utils/platform/linux/SubProcess.h"
 
@@ -39,7 +35,7 @@ TEST_F(ServiceDaemonHelperTest, ReadyLockOfAnotherHoldsUpNeitherStartNorStop) {
         }
         stays.daemonReadyToServe([&] { ++held; });
     });
-    EXPECT_EQ(done.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(done.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(held, 0);
     other.unlock();
     EXPECT_TRUE(eventually([&] { return held == 1; }));

@@ -4,29 +4,22 @@
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
 #include "protocol/src/KelmError.h"
+#include "system/CommandProcess.h"
 
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-
 // `kelmctl bench` as it has ended.
 struct Bench {
-    Bench(const TempDir& files, const std::string& arguments) {
-        const std::string output = files.path() + "/output";
-        const std::string report = files.path() + "/report.json";
-        std::filesystem::remove(report);
-        const std::string command = KELM_CTL " bench --graph " + files.write("first", "a graph") +
-                                    " --json " + report + " " + arguments;
-        const int ended = std::system((command + " >" + output + " 2>&1").c_str());
-        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
-        text << std::ifstream(output).rdbuf();
-        if (std::ifstream file(report); file) json = nlohmann::json::parse(file, nullptr, false);
-    }
+    Bench(const TempDir& files, const std::string& arguments)
+        : report(files.write("report.json", "")),
+          command(KELM_CTL " bench --graph " + files.write("first", "a graph") + " --json " +
+                  report + " " + arguments),
+          json(nlohmann::json::parse(readText(report), nullptr, false)) {}
 
-    int status = 0;
-    std::ostringstream text;
-    nlohmann::json json;
+    const std::string report;
+    const ShellCommand command;
+    const nlohmann::json json;
 };
 
 // Takes one client and answers it as a service would, each inference with a status of its own.
@@ -40,70 +33,51 @@ class ScriptedService : public NonCopyable {
     // The service has no room for tasks of `fullGraph`, an id: 2 for the first graph, 3 for the
     // second.
     explicit ScriptedService(Script script, uint64_t fullGraph = 0)
-        : m_script(std::move(script)), m_fullGraph(fullGraph) {
-        m_thread = std::thread([this] { serve(); });
-    }
+        : m_script(std::move(script)), m_fullGraph(fullGraph) {}
     ~ScriptedService() { m_thread.join(); }
 
     const TempDir& files() const { return m_files; }
 
  private:
     void serve() {
-        m_peer.reset(::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        alignas(KelmMsgReqInferTask) std::array<char, 4096> record{};
-        const auto& infer = reinterpret_cast<const KelmMsgReqInferTask&>(record);
-        const KelmMsgReq& request = infer.head;
-        const auto receive = [&](size_t from, size_t size) {
-            const auto wanted = static_cast<ssize_t>(size - from);
-            return ::recv(m_peer.get(), &record[from], size - from, MSG_WAITALL) == wanted;
-        };
-        while (receive(0, sizeof(KelmMsgBase)) &&
-               receive(sizeof(KelmMsgBase), KelmMessageSize[request.base.type])) {
-            const bool infers = request.base.type == KELM_MESSAGE_INFER_TASK_REQ;
-            int32_t status = infers ? m_script(++m_inferences) : KELM_OK;
+        WireClient peer = WireClient::acceptFrom(m_listener.get());
+        uint64_t lastId = 0;
+        for (int inferences = 0; const auto message = peer.receive();) {
+            const auto& infer = message->as<KelmMsgReqInferTask>();
+            const bool infers = message->type() == KELM_MESSAGE_INFER_TASK_REQ;
+            int32_t status = infers ? m_script(++inferences) : KELM_OK;
             if (infers && infer.graphId == m_fullGraph) status = KELM_ERROR_TOO_MANY_TASK;
-            if (status == kClose) break;
+            if (status == kClose) return;
             if (status == kStall) {
-                std::promise<void>().get_future().wait_for(std::chrono::milliseconds(500));
+                std::promise<void>().get_future().wait_for(500ms);
                 status = KELM_OK;
             }
-            auto answer = make<KelmMsgRspCreateGraph>(request.base.type + 1);
-            answer.head.reqSeqNo = request.reqSeqNo;
+            KelmMsgRspCreateGraph answer{};
+            answer.head.reqSeqNo = infer.head.reqSeqNo;
             answer.head.status = status;
             answer.inputBufferSize = answer.outputBufferSize = 64;
-            answer.graphId = ++m_ids;  // or the task's, or the client's
-            send(answer);
+            answer.graphId = ++lastId;  // or the task's, or the client's
+            send(peer, message->type() + 1, answer.head.base);
             if (!infers || status != KELM_OK) continue;
-            auto done = make<KelmMsgEvtTaskDone>(KELM_MESSAGE_TASK_DONE_EVT);
-            done.reqSeqNo = request.reqSeqNo;
+            KelmMsgEvtTaskDone done{};
+            done.reqSeqNo = infer.head.reqSeqNo;
             done.taskId = answer.graphId;
-            send(done);
+            send(peer, KELM_MESSAGE_TASK_DONE_EVT, done.head.base);
         }
-        m_peer.reset();
     }
-    template <class Record>
-    static Record make(uint32_t type) {
-        Record record{};
-        auto& base = reinterpret_cast<KelmMsgBase&>(record);
-        base.type = type;
-        base.size = KelmMessageSize[type];
-        return record;
-    }
-    template <class Record>
-    void send(const Record& record) {
-        const uint64_t size = reinterpret_cast<const KelmMsgBase&>(record).size;
-        (void)::send(m_peer.get(), &record, size, MSG_NOSIGNAL);
+    // As much of a record as its type has.
+    static void send(WireClient& peer, uint32_t type, KelmMsgBase& record) {
+        record.type = type;
+        record.size = KelmMessageSize[type];
+        (void)peer.sendBytes(&record, record.size);
     }
 
     const TempDir m_files;
     const ScopedEnv m_runDir{"KELM_RUN_DIR", m_files.path()};
     const UniqueFd m_listener = listenOn(m_files.path() + "/kelm_service.sock");
-    UniqueFd m_peer;
     const Script m_script;
     const uint64_t m_fullGraph;
-    int m_inferences = 0;
-    uint64_t m_ids = 0;
-    std::thread m_thread;
+    std::thread m_thread{[this] { serve(); }};
 };
 
 TEST(BenchTest, ErrorsAndRefusalsAreToldApart) {
@@ -133,8 +107,8 @@ TEST(BenchTest, ErrorsAndRefusalsAreToldApart) {
         const ScriptedService service(row.script);
         const Bench bench(service.files(),
                           "--clients 1 --graph-by-path " + std::string(row.arguments));
-        EXPECT_EQ(bench.status, row.status);
-        EXPECT_THAT(bench.text.str(), HasSubstr(row.words));
+        EXPECT_EQ(bench.command.status, row.status);
+        EXPECT_THAT(bench.command.output, HasSubstr(row.words));
         const auto& all = bench.json["all"];
         uint64_t errors = 0;
         for (const auto& count : all["errors"]) errors += count.get<uint64_t>();
@@ -154,7 +128,7 @@ TEST(BenchTest, StallIsInTheLatencyOfAllThatWasDueInIt) {
         [](int n) { return n == 20 ? ScriptedService::kStall : KELM_OK; });
     const Bench bench(service.files(),
                       "--clients 1 --graph-by-path --depth 1 --rate 100 --seconds 1");
-    EXPECT_EQ(bench.status, 0) << bench.text.str();
+    EXPECT_EQ(bench.command.status, 0) << bench.command.output;
     const auto& all = bench.json["all"];
     EXPECT_EQ(all["requests"], 100);
     EXPECT_EQ(all["result"]["count"], 100);
@@ -170,7 +144,7 @@ TEST(BenchTest, GraphThatMakesNoProgressKeepsNoPlaceOfAnother) {
     const ScriptedService service([](int) { return KELM_OK; }, 3);
     const Bench bench(service.files(),
                       "--clients 1 --graph-by-path --graph /dev/null --depth 1,2 --seconds 0.3");
-    EXPECT_EQ(bench.status, 0) << bench.text.str();
+    EXPECT_EQ(bench.command.status, 0) << bench.command.output;
     EXPECT_GT(bench.json["graphs"][0]["result"]["count"], 20);
     EXPECT_EQ(bench.json["graphs"][1]["given_up"], 2);
 }
@@ -188,7 +162,7 @@ TEST_F(BenchOnDevicesTest, ReportAddsUp) {
     constexpr uint64_t kCount = 400;
     start(1, R"("server_max_task_number": 10)");  // some are refused
     const Bench run = bench("--clients 4 --depth 12 --count 400 --warmup 0.05 --weights 3,1");
-    EXPECT_EQ(run.status, 0) << run.text.str();
+    EXPECT_EQ(run.command.status, 0) << run.command.output;
     using Sums = std::pair<uint64_t, uint64_t>;  // of requests and of refusals
     const auto add = [](const nlohmann::json& rows) {
         Sums sums;
@@ -212,7 +186,7 @@ TEST_F(BenchOnDevicesTest, ReportAddsUp) {
 TEST_F(BenchOnDevicesTest, AssignedClientsUseOneGraphEach) {
     start(1);
     const Bench assigned = bench("--assign --clients 3 --count 20");
-    EXPECT_EQ(assigned.status, 0) << assigned.text.str();
+    EXPECT_EQ(assigned.command.status, 0) << assigned.command.output;
     for (size_t i = 0; i < 3; ++i) {
         const auto& graphs = assigned.json["clients"][i]["graphs"];
         EXPECT_EQ(graphs[i % 2]["requests"], 20);
@@ -224,16 +198,16 @@ TEST_F(BenchOnDevicesTest, SearchFindsARateOrTellsThatThereIsNone) {
     start(5);
     const std::string search = "--clients 1 --find-rate --seconds 0.2 --warmup 0.05 --p99 ";
     const Bench found = bench(search + "300");
-    EXPECT_EQ(found.status, 0) << found.text.str();
+    EXPECT_EQ(found.command.status, 0) << found.command.output;
     for (const auto& step : found.json["find_rate"]["steps"]) {
         const double p99 = step["result"]["p99_ms"];
         EXPECT_EQ(step["held"], p99 <= 300.0 && step["given_up"] == 0) << step;
     }
     const Bench none = bench(search + "0.5");
-    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.command.status, 1);
     EXPECT_TRUE(none.json["find_rate"]["found_per_second"].is_null());
     const Bench unstable = bench("--clients 1 --until-stable 0.03 --window 0.01 --depth 1");
-    EXPECT_EQ(unstable.json["stability"]["stable"], false) << unstable.text.str();
+    EXPECT_EQ(unstable.json["stability"]["stable"], false) << unstable.command.output;
 }
 
 }  // namespace

@@ -1,20 +1,27 @@
 #pragma once
 
 #include <grp.h>
-#include <signal.h>
 #include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "utils/NonCopyable.h"
 
 namespace kelm {
+
+// A shell's command that has ended.
+struct ShellCommand {
+    explicit ShellCommand(const std::string& line) {
+        FILE* const pipe = ::popen(("{ " + line + "; } 2>&1").c_str(), "r");
+        char bytes[4096];
+        for (size_t count = 0; (count = std::fread(bytes, 1, sizeof(bytes), pipe)) > 0;) {
+            output.append(bytes, count);
+        }
+        const int ended = ::pclose(pipe);
+        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
+    }
+
+    std::string output;
+    int status = -1;
+};
 
 // kelmctl in the background, leader of a process group of its own. The destructor kills it, if it
 // still runs, by its id.

@@ -1,6 +1,3 @@
-#include <sys/mman.h>
-#include <sys/stat.h>
-
 #include <nlohmann/json.hpp>
 
 #include "client/SegmentName.h"
@@ -11,8 +8,6 @@
 
 namespace kelm {
 namespace {
-
-using ::testing::HasSubstr;
 
 // A name as of a process that has died.
 std::string leaveSegment() {
@@ -32,35 +27,7 @@ std::string leaveSegment() {
     return name;
 }
 
-class DoctorTest : public SystemFixture {
- protected:
-    struct Row {
-        const char* scene;
-        std::function<void()> enter;
-        std::function<void()> leave;
-        int status;
-        std::vector<std::string> lines;  // each a part of one
-    };
-
-    void run(const Row& row) {
-        SCOPED_TRACE(row.scene);
-        std::string text;
-        const auto tells = [&text](const std::string& line) {
-            return text.find(line) != text.npos;
-        };
-        // More than once, since pools of other tests remove what dead processes have left.
-        (void)eventually([&] {
-            row.enter();
-            const std::string output = service().files().write("output", "");
-            CommandProcess command("doctor --timeout 1 >" + output + " 2>&1");
-            EXPECT_EQ(command.wait(), row.status);
-            row.leave();
-            text = (std::ostringstream() << std::ifstream(output).rdbuf()).str();
-            return std::ranges::all_of(row.lines, tells);
-        });
-        for (const std::string& line : row.lines) EXPECT_THAT(text, HasSubstr(line));
-    }
-};
+using DoctorTest = SystemFixture;
 
 TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
     start();
@@ -69,68 +36,84 @@ TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
     const std::string runDir = service().runDir();
     service().useRunDir();
     const auto lock = [&](const char* name) { return runDir + "/kelm_" + name + ".mutex"; };
-    const auto nothing = [] {};
     const std::string self = "process " + std::to_string(::getpid());
     const std::string aside = service().dir() + "/aside";
     std::string segment;
     UniqueFd held;
-    const Row rows[] = {
+    const auto restore = [&] {
+        ::chmod(runDir.c_str(), 0755);
+        ::rename(aside.c_str(), lock("service_alive").c_str());
+        held.reset();
+        service().signal(SIGCONT);
+        service().useRunDir();
+    };
+    const struct {
+        const char* scene;
+        int status;
+        std::vector<std::string> lines;  // each a part of one
+        std::function<void()> enter;
+    } rows[] = {
         {"all is well",
-         nothing,
-         nothing,
          0,
          {"ok       socket: process " + std::to_string(service().pid()) + " (kelmdaemon)",
-          "ok       inference: 36000 bytes there"}},
+          "ok       inference: 36000 bytes there"},
+         [] {}},
         {"segments of the dead",
-         [&] { segment = leaveSegment(); },
-         nothing,
          0,
-         {"warning  stale segments: ", "kelmctl infer"}},
+         {"warning  stale segments: ", "kelmctl infer"},
+         [&] { segment = leaveSegment(); }},
         {"no sticky bit",
-         [&] { ::chmod(runDir.c_str(), 0777); },
-         [&] { ::chmod(runDir.c_str(), 0755); },
          0,
-         {"warning  run directory:", "chmod +t"}},
+         {"warning  run directory:", "chmod +t"},
+         [&] { ::chmod(runDir.c_str(), 0777); }},
         {"a lock is removed",
-         [&] { ::rename(lock("service_alive").c_str(), aside.c_str()); },
-         [&] { ::rename(aside.c_str(), lock("service_alive").c_str()); },
          1,
-         {"problem  lock: " + lock("service_alive") + " is not there; ",
-          "start the service again"}},
+         {"problem  lock: " + lock("service_alive") + " is not there; ", "start the service again"},
+         [&] { ::rename(lock("service_alive").c_str(), aside.c_str()); }},
         {"a client starts the service",
+         0,
+         {"warning  lock: " + lock("start_exit") + " is held by " + self, "end that process"},
          [&] {
              held.reset(::open(lock("start_exit").c_str(), O_RDONLY | O_CLOEXEC));
              ::flock(held.get(), LOCK_EX);
-         },
-         [&] { held.reset(); },
-         0,
-         {"warning  lock: " + lock("start_exit") + " is held by " + self, "end that process"}},
+         }},
         {"the service hangs",
-         [&] { service().signal(SIGSTOP); },
-         [&] { service().signal(SIGCONT); },
          1,
-         {"problem  socket: process", "no answer", "problem  lock: " + lock("service_ready")}},
+         {"problem  socket: process", "no answer", "problem  lock: " + lock("service_ready")},
+         [&] { service().signal(SIGSTOP); }},
         {"findings",
-         [&] { service().files().write("home/.kelm_service.config", R"({"x": 1})"); },
-         nothing,
          0,
-         {"warning  configuration: 1 findings; see kelmctl config check"}},
+         {"warning  configuration: 1 findings; see kelmctl config check"},
+         [&] { service().files().write("home/.kelm_service.config", R"({"x": 1})"); }},
         {"no directory",
-         [&] { ::setenv("KELM_RUN_DIR", aside.c_str(), 1); },
-         [&] { service().useRunDir(); },
          1,
-         {"problem  run directory: " + aside, "problem  socket: ", "start kelmdaemon"}},
+         {"problem  run directory: " + aside, "problem  socket: ", "start kelmdaemon"},
+         [&] { ::setenv("KELM_RUN_DIR", aside.c_str(), 1); }},
         {"accelerators, of which there are none",
+         1,
+         {"warning  configuration: KELM_INSTALL_DIR is not set",
+          "problem  library: libtevo-kelm.so.0", "problem  device: no "},
          [&] {
              ::setenv("KELM_RUN_DIR", aside.c_str(), 1);
              ::unsetenv("KELM_INSTALL_DIR");
-         },
-         [&] { service().useRunDir(); },
-         1,
-         {"warning  configuration: KELM_INSTALL_DIR is not set",
-          "problem  library: libtevo-kelm.so.0", "problem  device: no "}},
-    };
-    for (const Row& row : rows) run(row);
+         }}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.scene);
+        std::string text;
+        const auto tells = [&text](const std::string& line) {
+            return text.find(line) != text.npos;
+        };
+        // More than once, since pools of other tests remove what dead processes have left.
+        (void)eventually([&] {
+            row.enter();
+            const ShellCommand command(KELM_CTL " doctor --timeout 1");
+            EXPECT_EQ(command.status, row.status);
+            restore();
+            text = command.output;
+            return std::ranges::all_of(row.lines, tells);
+        });
+        for (const std::string& line : row.lines) EXPECT_THAT(text, HasSubstr(line));
+    }
     EXPECT_FALSE(std::filesystem::exists("/dev/shm" + segment)) << "the inference has removed it";
 }
 

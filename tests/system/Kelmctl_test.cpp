@@ -7,9 +7,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 class KelmctlTest : public SystemFixture {
  protected:
     // Whatever a command has done, it has left in order.
@@ -22,16 +19,9 @@ class KelmctlTest : public SystemFixture {
     // Returns the exit status.
     int run(const std::string& arguments, const std::string& program = KELM_CTL) {
         service().useRunDir();
-        const std::string file = service().dir() + "/output";
-        const int status = std::system((program + " " + arguments + " >" + file + " 2>&1").c_str());
-        m_output = read(file);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    static std::string read(const std::string& file) {
-        std::ostringstream text;
-        text << std::ifstream(file).rdbuf();
-        return text.str();
+        const ShellCommand command(program + " " + arguments);
+        m_output = command.output;
+        return command.status;
     }
 
     std::string graph() const { return service().files().write("graph", "a graph"); }
@@ -65,10 +55,11 @@ class KelmctlTest : public SystemFixture {
         command.signal(row.signal);
         EXPECT_EQ(command.wait(), row.status);
         service().signal(SIGCONT);
-        EXPECT_THAT(read(output), HasSubstr(row.words));
+        EXPECT_THAT(readText(output), HasSubstr(row.words));
         for (const std::string& process : processes) {
             // One that nobody waits for has no command line any more.
-            EXPECT_TRUE(eventually([&] { return read("/proc/" + process + "/cmdline").empty(); }));
+            EXPECT_TRUE(
+                eventually([&] { return readText("/proc/" + process + "/cmdline").empty(); }));
         }
         for (const std::string& file : segments) EXPECT_FALSE(std::filesystem::exists(file));
         EXPECT_TRUE(eventually([&] { return readPackage()->clientCount == 0; }));
@@ -142,7 +133,7 @@ TEST_F(KelmctlTest, ServiceIsStoppedAndAWatchLivesOn) {
     const std::string watched = service().dir() + "/watched";
     const auto isNow = [&](const std::string& words) {
         return eventually([&] {
-            const std::string text = read(watched);
+            const std::string text = readText(watched);
             return text.ends_with("\n") &&
                    text.find(words, text.rfind('\n', text.size() - 2) + 1) != text.npos;
         });
@@ -152,7 +143,8 @@ TEST_F(KelmctlTest, ServiceIsStoppedAndAWatchLivesOn) {
     const std::string held = service().dir() + "/held";
     CommandProcess holder("load --wait --warm 2 --hold " + graph() + " >" + held + " 2>&1");
     EXPECT_EQ(run("wait-ready --graph graph --devices 3"), 0) << m_output;
-    EXPECT_TRUE(eventually([&] { return read(held).ends_with("held until a signal comes\n"); }));
+    EXPECT_TRUE(
+        eventually([&] { return readText(held).ends_with("held until a signal comes\n"); }));
     EXPECT_TRUE(isNow("\"inferences\":2"));
     holder.signal(SIGTERM);
     EXPECT_EQ(holder.wait(), 0);

@@ -4,8 +4,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-
 constexpr std::chrono::milliseconds kTimeToEnd{12000};  // the service's own limit and some air
 
 // A service that has started; it waits so long behind its last client.
@@ -22,7 +20,7 @@ struct ReadyService : ServiceProcess {
     }
     void expectEnd() {
         EXPECT_EQ(waitExit(kTimeToEnd), 0) << log();
-        EXPECT_THAT(log(), ::testing::Not(HasSubstr("leave without waiting")));
+        EXPECT_THAT(log(), Not(HasSubstr("leave without waiting")));
     }
 };
 
@@ -99,16 +97,6 @@ TEST(LifecycleTest, StartThatComesToNothingIsToldByItsStatus) {
         EXPECT_EQ(service.waitExit(kTimeToEnd), row.status);
         EXPECT_THAT(service.log(), HasSubstr(row.words));
     }
-}
-
-TEST(LifecycleTest, DaemonServesAndEndsLikeAForegroundRun) {
-    ServiceProcess service(R"({"service_settings": {"wait_seconds_before_exit": 0}})");
-    service.start({"-d", "-c", "none"});
-    EXPECT_TRUE(eventually([&] { return service.isHeld("kelm_service_ready.mutex"); }));
-    EXPECT_NE(WireClient(service.socketPath()).registerClient("vanishes"), 0U);
-    EXPECT_TRUE(eventually([&] { return !service.isHeld("kelm_service_alive.mutex"); }));
-    EXPECT_EQ(service.waitExit(), 0);
-    EXPECT_THAT(service.log(), HasSubstr("## Specified config file: none"));
 }
 
 }  // namespace

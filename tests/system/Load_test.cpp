@@ -1,4 +1,3 @@
-#include <random>
 #include <regex>
 
 #include "fakes/ServiceFixture.h"

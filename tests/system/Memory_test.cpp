@@ -68,7 +68,7 @@ TEST_F(MemoryTest, ClientsOfOneConnectionShareTheBoundOnUnreadAnswers) {
         std::vector<uint64_t> ids(8);
         for (uint64_t& id : ids) id = client.registerClient("mute");
         auto query = client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 1);
-        for (size_t i = 0; i < 3000 && client.canSend(WireClient::Millis(500)); ++i) {
+        for (size_t i = 0; i < 3000 && client.canSend(500ms); ++i) {
             query.clientId = ids[i % ids.size()];
             ASSERT_TRUE(client.send(query));
         }

@@ -6,9 +6,6 @@
 namespace kelm {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 class PrintingTest : public SystemFixture {
  protected:
     // A section of the configuration.
@@ -29,24 +26,28 @@ class PrintingTest : public SystemFixture {
 };
 
 TEST_F(PrintingTest, EachPartIsPrintedOnceAnInterval) {
-    start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" + printing(1000) + "}");
+    start(ServiceConfig::fakeDevices(2, 2) + R"(, "debug_settings": {)" + printing(1000) +
+          R"(}, "scheduler_config": [{"subclass": 0, "graph_tag_map": {"kept": 1}}])");
     WireClient client(path(), "the client");
     const uint64_t graph = client.createGraph({"blob", "the graph"}).graphId;
+    EXPECT_NE(client.createGraph({"another", "another", "kept"}).graphId, 0U);
     for (int i = 0; i < 40; ++i) ASSERT_TRUE(client.infers(graph));
     const auto begin = std::chrono::steady_clock::now();
     const int64_t before = passes();
     ASSERT_TRUE(eventually([&] { return passes() >= before + 3; })) << lastLines();
     const auto pauses = passes() - before - 1;
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, pauses * std::chrono::milliseconds(500));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, pauses * 500ms);
     endService();
     const std::string rate = R"([1-9]\d*\.\d\d)";
     for (const std::string& pattern :
          {"ServiceFps=" + rate, R"(\[the client\] = )" + rate,
+          R"(\[Fake\d@the graph\]\.Fps = )" + rate,
           R"(\[the graph\] = \(in\) )" + rate + R"( \(out\) )" + rate,
           std::string(R"(VIRT = \d{4,}, RES = \d{4,}, SHR = \d{3,}, TOTAL = \d{5,}\n)"),
           std::string("TaskSnapshot\\(Regular\\)\n-{29} TS.Polling -{30}\nTime: "),
           std::string(R"(clientName +\| the client +\|\n.*\n\| inferTimes +\| 40 +\|)"),
           std::string(R"(graphName +\| the graph +\|)"),
+          std::string(R"(scheduler +\|( (tag|squeeze) +\|){2}\n\| comment +\|.* kept )"),
           std::string("DeviceUtilization\\(count=2\\):")}) {
         EXPECT_TRUE(std::regex_search(service().log(), std::regex(pattern)))
             << pattern << lastLines();
@@ -80,7 +81,7 @@ TEST_F(PrintingTest, NamesOfClientsAreNeitherLinesNorCommandsInTheLog) {
     ASSERT_TRUE(service().waitLog("failed, user=\\x1b]0;evil")) << lastLines();
     endService();
     const auto run = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(run, (passes() - 1) * std::chrono::milliseconds(50));  // less than a second is short
+    EXPECT_GE(run, (passes() - 1) * 50ms);  // less than a second is short
     const std::string log = service().log();
     for (const char* raw : {"\x1b]", "\x07", "\nFORGED"}) {
         EXPECT_THAT(log, Not(HasSubstr(raw)));

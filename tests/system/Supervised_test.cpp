@@ -1,4 +1,3 @@
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <regex>
@@ -8,8 +7,6 @@
 
 namespace kelm {
 namespace {
-
-using ::testing::HasSubstr;
 
 constexpr const char* kEndsBehindItsLastClient =
     R"({"service_settings": {"wait_seconds_before_exit": 0}})";
@@ -38,7 +35,8 @@ TEST(SupervisedTest, ManagerIsToldOfReadinessPopulationAndEndInOrder) {
         ServiceProcess service(kEndsBehindItsLastClient);
         const std::string name = (detached ? "@" : "") + service.dir() + "/notify";
         const UniqueFd manager = bindSocket(name);
-        service.start({detached ? "-d" : "--config-file=none"}, {"NOTIFY_SOCKET=" + name});
+        const std::vector<std::string> arguments{"-c", "none", detached ? "-d" : "-cother"};
+        service.start(arguments, {"NOTIFY_SOCKET=" + name});
         EXPECT_EQ(receive(manager), "READY=1\nSTATUS=2 devices, 0 clients");
         EXPECT_TRUE(service.isHeld("kelm_service_ready.mutex"));
         const auto begin = std::chrono::steady_clock::now();
@@ -53,12 +51,12 @@ TEST(SupervisedTest, ManagerIsToldOfReadinessPopulationAndEndInOrder) {
         }
         EXPECT_NE(last, "");
         // Those of one second are told together.
-        EXPECT_LE(messages,
-                  2 + (std::chrono::steady_clock::now() - begin) / std::chrono::seconds(1));
+        EXPECT_LE(messages, 2 + (std::chrono::steady_clock::now() - begin) / 1s);
         clients.clear();
         while (last.starts_with("STATUS=")) last = receive(manager);
         EXPECT_EQ(last, "STOPPING=1\nSTATUS=Stopping");
         EXPECT_EQ(service.waitExit(), 0) << service.log();
+        EXPECT_THAT(service.log(), HasSubstr("## Specified config file: none"));
     }
 }
 

@@ -1,19 +1,9 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <termios.h>
-#include <unistd.h>
 #include <utmp.h>
 
-#include <cstdlib>
-#include <string>
-#include <vector>
-
-#include "fakes/Eventually.h"
 #include "utils/NonCopyable.h"
 #include "utils/UniqueFd.h"
 

@@ -28,7 +28,7 @@ TEST_F(TopTest, TerminalIsLeftAsItWasThoughTheServiceWasAway) {
         EXPECT_TRUE(top.hasModesOfBefore());
     }
     endService();
-    EXPECT_THAT(service().log(), ::testing::Not(::testing::HasSubstr("ERROR[")));  // it has left
+    EXPECT_THAT(service().log(), Not(HasSubstr("ERROR[")));  // it has left
 }
 
 }  // namespace

@@ -2,13 +2,12 @@
 
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
+#include "system/CommandProcess.h"
 #include "tests/wire/LoadClient.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
 namespace {
-
-using ::testing::HasSubstr;
 
 class ServiceTraceTest : public SystemFixture {
  protected:
@@ -90,13 +89,9 @@ TEST_F(ServiceTraceTest, TasksAndGraphsThatEndInAnyWayCloseTheirTraces) {
     EXPECT_EQ(kinds["unload_graph__device_"], kinds["load_graph__device_"]);
     EXPECT_EQ(names.count("task_" + std::to_string(last) + "_inference"), 1U);
     const std::string json = m_directory.path() + "/trace.json";
-    const std::string output = m_directory.path() + "/output";
-    const std::string command = KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json +
-                                " --threads " + service().dir() + "/thread.info >" + output;
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    std::ostringstream told;
-    told << std::ifstream(output).rdbuf();
-    EXPECT_THAT(told.str(),
+    const ShellCommand command(KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json +
+                               " --threads " + service().dir() + "/thread.info");
+    EXPECT_THAT(command.output,
                 HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
     const std::string drawn = nlohmann::json::parse(std::ifstream(json)).dump();
     EXPECT_THAT(drawn, HasSubstr("TaskManagerT0"));

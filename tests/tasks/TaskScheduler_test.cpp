@@ -1,15 +1,10 @@
-#include <span>
-#include <sstream>
-
-#include "config/ServiceConfigParser.h"
 #include "execution/WorkThread.h"
-#include "fakes/Eventually.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "fakes/ScriptedDevice.h"
-#include "fakes/TempDir.h"
+#include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"
@@ -23,19 +18,10 @@
 namespace kelm {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Pair;
-
-void configure(const std::string& text) {
-    const TempDir dir;
-    ServiceConfigParser::instance().appendConfigFile(dir.write("test.config", text), false);
-}
-
 class TaskSchedulerTest : public testing::Test {
  protected:
     TaskSchedulerTest() {
-        configure(R"({"service_settings": {"server_max_task_number": 0}})");
+        addTestConfig(R"({"service_settings": {"server_max_task_number": 0}})");
         for (uint64_t clientId = 1; clientId <= 3; ++clientId) {
             client[clientId] = clients.add(clientId, "client" + std::to_string(clientId));
         }
@@ -115,7 +101,7 @@ TEST_F(TaskSchedulerTest, ReturnedTaskIsServedFirst) {
 }
 
 TEST_F(TaskSchedulerTest, LimitCountsWaitingTasksOnly) {
-    configure(R"({"service_settings": {"server_max_task_number": 2}})");
+    addTestConfig(R"({"service_settings": {"server_max_task_number": 2}})");
     TaskSchedulerPolling scheduler("TS.Polling");
     scheduleWorkers(scheduler, 1);
     for (int i = 0; i < 4; ++i) scheduler.scheduleTask(makeTask());
@@ -230,7 +216,7 @@ TEST_F(TaskSchedulerTest, WorkerIsConfirmedOnlyAfterTheHandOver) {
     bool early = true;
     exchange.onNextReturn = [&] {
         scheduler.descheduleWorker(&leaving, graph.get());
-        early = unloaded.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready;
+        early = unloaded.wait_for(20ms) == std::future_status::ready;
     };
     scheduler.scheduleTask(makeTask());
     EXPECT_FALSE(early);
@@ -260,13 +246,13 @@ TEST_F(TaskSchedulerTest, NameSelectsTheScheduler) {
 TEST_F(TaskSchedulerTest, SnapshotsAreMadeOnlyWhereTheyAreConfigured) {
     FakeInfoCollector collector;
     const ScopedPort<InfoCollector> port(collector);
-    configure(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "base"}}})");
+    addTestConfig(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "base"}}})");
     {
         const TaskSchedulerPolling scheduler("TS.Polling");
         EXPECT_THAT(collector.listeners(), ElementsAre(&scheduler));
     }
     EXPECT_THAT(collector.listeners(), IsEmpty());
-    configure(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "none"}}})");
+    addTestConfig(R"({"debug_settings": {"info_printer": {"task_snapshot_mode": "none"}}})");
     const TaskSchedulerFCFS quiet("TS.FCFS");
     EXPECT_THAT(collector.listeners(), IsEmpty());
 }
@@ -393,11 +379,11 @@ TEST_F(TaskQueueTest, EntriesOfDepartedClientsAreDropped) {
         queue.enqueue(makeTask(clientId, 'a'), false);
         ASSERT_EQ(nameOf(queue.dequeue()), 'a');
     }
-    EXPECT_THAT(queue.getDescription(), testing::HasSubstr("numClients=64 "));
+    EXPECT_THAT(queue.getDescription(), HasSubstr("numClients=64 "));
     EXPECT_EQ(run(queue, "+9b"), "");  // one that is known
-    EXPECT_THAT(queue.getDescription(), testing::HasSubstr("numClients=64 "));
+    EXPECT_THAT(queue.getDescription(), HasSubstr("numClients=64 "));
     queue.enqueue(makeTask(65, 'c'), false);
-    EXPECT_THAT(queue.getDescription(), testing::HasSubstr("numClients=2 "));
+    EXPECT_THAT(queue.getDescription(), HasSubstr("numClients=2 "));
     EXPECT_EQ(run(queue, "?b ?c ?-"), "");
 }
 

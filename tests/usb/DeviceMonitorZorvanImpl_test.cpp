@@ -1,7 +1,5 @@
 #include "utils/platform/linux/DeviceMonitorZorvanImpl.h"
 
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
 #include "tools/simulator/UsbBus.h"
 #include "utils/DeviceMonitor.h"
 #include "utils/Mutex.h"
@@ -11,8 +9,6 @@ namespace kelm {
 namespace {
 
 using simulator::UsbBus;
-using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
 
 constexpr int kVendor = 0x7c52;
 constexpr int kProduct = 0xe19a;
@@ -84,7 +80,7 @@ TEST_F(DeviceMonitorZorvanImplTest, StopDoesNotWaitForAnEvent) {
     EXPECT_EQ(waitForEvents(1).size(), 1U);  // the thread is at work
     const auto start = std::chrono::steady_clock::now();
     m_monitor->stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
     EXPECT_THAT(list(0), ElementsAre());  // and the context is not used any more
     EXPECT_FALSE(m_monitor->launch());
 }

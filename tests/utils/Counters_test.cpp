@@ -1,19 +1,13 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "utils/FpsCounter.h"
 #include "utils/UtilizationCounter.h"
 
 namespace kelm {
 namespace {
 
-using std::chrono::microseconds;
-using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 // The time that the counters see.
-Clock::time_point g_now = Clock::time_point() + std::chrono::hours(1);
+Clock::time_point g_now = Clock::time_point() + 1h;
 Clock::time_point fakeNow() { return g_now; }
 
 TEST(CountersTest, RateNeedsTwoEventsAndDividesByTheSpanThatTheyCover) {
@@ -23,17 +17,17 @@ TEST(CountersTest, RateNeedsTwoEventsAndDividesByTheSpanThatTheyCover) {
     EXPECT_EQ(counter.getFps(), 0.0f);
     counter.update();
     EXPECT_TRUE(std::isinf(counter.getFps()));
-    g_now += milliseconds(100);
+    g_now += 100ms;
     counter.update();
     EXPECT_FLOAT_EQ(counter.getFps(), 30.0f);  // three events in 100 ms
-    g_now += milliseconds(899);
+    g_now += 899ms;
     EXPECT_FLOAT_EQ(counter.getFps(), 3000.0f / 999.0f);
-    g_now += milliseconds(1);  // the first two are one window old
+    g_now += 1ms;  // the first two are one window old
     EXPECT_EQ(counter.getFps(), 0.0f);
     counter.m_bufferTimeMs = 10000;
     for (int i = 0; i < 500000; ++i) {  // so many that they share stamps
         counter.update();
-        g_now += microseconds(25);
+        g_now += 25us;
     }
     EXPECT_NEAR(counter.getFps(), 40000.0, 100.0);
 }
@@ -42,22 +36,22 @@ TEST(CountersTest, BusyPeriodsAreClippedToTheWindow) {
     UtilizationCounter counter("KelmDevice", "a", "Utilization", &fakeNow);
     EXPECT_EQ(counter.getUtilization(), 0.0f);
     counter.start();
-    g_now += milliseconds(7000);
+    g_now += 7000ms;
     EXPECT_FLOAT_EQ(counter.getUtilization(), 1.0f);
     counter.stop();
-    g_now += milliseconds(2500);
+    g_now += 2500ms;
     EXPECT_FLOAT_EQ(counter.getUtilization(), 0.5f);
     counter.start();
-    g_now += milliseconds(500);
+    g_now += 500ms;
     EXPECT_FLOAT_EQ(counter.getUtilization(), 0.5f);
     counter.stop();
-    g_now += milliseconds(5000);
+    g_now += 5000ms;
     EXPECT_EQ(counter.getUtilization(), 0.0f);
     for (int i = 0; i < 200000; ++i) {  // so many that they share records
         counter.start();
-        g_now += microseconds(30);
+        g_now += 30us;
         counter.stop();
-        g_now += microseconds(10);
+        g_now += 10us;
     }
     EXPECT_NEAR(counter.getUtilization(), 0.75, 0.01);
 }

@@ -1,8 +1,5 @@
 #include "utils/DeviceMonitor.h"
 
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
-
 namespace kelm {
 namespace {
 

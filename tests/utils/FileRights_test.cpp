@@ -1,11 +1,7 @@
 #include "utils/FileRights.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "utils/PeerCredentials.h"
 #include "utils/UniqueFd.h"
 

@@ -1,8 +1,3 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "utils/FileHelper.h"
 #include "utils/GlobalMutex.h"
 #include "utils/PlainFile.h"

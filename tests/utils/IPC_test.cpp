@@ -1,25 +1,16 @@
 #include "utils/IPC.h"
 
-#include <poll.h>
 #include <sys/resource.h>
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
 #include "utils/PeerCredentials.h"
 
+namespace kelm {
 namespace {
 
 using IPC::ConnectionBase;
 using IPC::ConnectionUDS;
 using IPC::PollEvent;
-using kelm::countDescriptors;
-using kelm::eventually;
-using kelm::isSameFile;
-using kelm::makeFile;
-using kelm::RawPeer;
-using kelm::SocketChannel;
-using kelm::UniqueFd;
-using testing::HasSubstr;
 using testing::ThrowsMessage;
 
 class IPCTest : public testing::Test {
@@ -134,7 +125,7 @@ TEST_F(IPCTest, PeersAreKnownAndTheirBytesAndHangUpToldUnlessBlocked) {
     const auto credentials = connection->getPeer();
     EXPECT_EQ(credentials->pid, ::getpid());
     EXPECT_EQ(credentials->user, ::geteuid());
-    EXPECT_THAT(credentials->groups, testing::Contains(::getegid()));
+    EXPECT_THAT(credentials->groups, Contains(::getegid()));
     EXPECT_FALSE(nextEvent());
     peer.send("ab");
     ASSERT_TRUE(nextEvent());
@@ -197,7 +188,7 @@ TEST_F(IPCTest, WakeEndsAWaitWhateverCameBefore) {
         channel.poller->wake();
         event.clear();
         EXPECT_FALSE(channel.poller->wait(&event, 60000));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
     }
 }
 
@@ -356,3 +347,4 @@ TEST_F(IPCTransferTest, StuckTransfersEndFromOutside) {
 }
 
 }  // namespace
+}  // namespace kelm

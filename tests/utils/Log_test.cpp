@@ -2,8 +2,6 @@
 
 #include <regex>
 
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
 #include "utils/TextHelper.h"
 #include "utils/TextTable.h"
 #include "utils/TimeHelper.h"
@@ -41,7 +39,7 @@ TEST(StringHelperTest, ValuesPrintAsTheirDirectivesSayAndBadFormatsNeverThrow) {
     EXPECT_EQ(StringHelper::format("%lu %d %x %.2f %s %c %d", uint64_t{1} << 63, kRed, -1, 2.0f / 3,
                                    std::string("t"), 'c', uint8_t{65}),
               "9223372036854775808 -5 ffffffff 0.67 t c 65");
-    EXPECT_THAT(StringHelper::format("a=%d", 1, 2), ::testing::StartsWith("a=%d[BoostError: "));
+    EXPECT_THAT(StringHelper::format("a=%d", 1, 2), StartsWith("a=%d[BoostError: "));
 }
 
 TEST(TextHelperTest, TextsAreShortenedInTheMiddleAndNeverCutByAlignment) {
@@ -72,12 +70,10 @@ TEST(TextHelperTest, ControlCharactersBecomeTextAndReadableOnesStay) {
 
 TEST(TimeHelperTest, RestsAreRoundedUpAndFractionsKeepTheirLeadingZeros) {
     const auto now = &std::chrono::steady_clock::now;
-    EXPECT_EQ(timeUntil(now() - std::chrono::seconds(1)).count(), 0);
-    EXPECT_TRUE(
-        eventually([&] { return timeUntil(now() + std::chrono::microseconds(500)).count() == 1; }));
-    const auto point = std::chrono::system_clock::time_point() + std::chrono::seconds(5) +
-                       std::chrono::microseconds(7100);
-    EXPECT_THAT(formatTimeMilli(point), ::testing::EndsWith(":05.007"));
+    EXPECT_EQ(timeUntil(now() - 1s).count(), 0);
+    EXPECT_TRUE(eventually([&] { return timeUntil(now() + 500us).count() == 1; }));
+    const auto point = std::chrono::system_clock::time_point() + 5s + 7100us;
+    EXPECT_THAT(formatTimeMilli(point), EndsWith(":05.007"));
 }
 
 }  // namespace

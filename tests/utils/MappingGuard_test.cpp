@@ -1,12 +1,5 @@
 #include "utils/MappingGuard.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstring>
-
-#include "fakes/TestPch.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {

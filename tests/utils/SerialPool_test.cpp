@@ -1,15 +1,9 @@
 #include "utils/SerialPool.h"
 
-#include <random>
-
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
 namespace {
-
-using ::testing::ElementsAre;
 
 // The calling test's thread owes pools, as a pool's own does.
 class SerialPoolTest : public ::testing::Test {
@@ -20,7 +14,7 @@ class SerialPoolTest : public ::testing::Test {
 // The pool is idle afterwards.
 int ownThread(SerialPool& pool) {
     const int thread = pool.enqueue([] { return ThreadUtils::getThreadId(); }).get();
-    EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+    EXPECT_TRUE(pool.waitIdleFor(10s));
     return thread;
 }
 
@@ -70,7 +64,7 @@ TEST_F(SerialPoolTest, TaskForTheOwnThreadAndLongHelpsHandTheTurnBackInOrder) {
     pool.postOwn([&] { note(1); });
     pool.post([&] { note(2); });
     OwedPools::settle();
-    ASSERT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+    ASSERT_TRUE(pool.waitIdleFor(10s));
     EXPECT_THAT(order, ElementsAre(0, 1, 2));
     EXPECT_THAT(helped, ElementsAre(true, false, false));
 
@@ -78,7 +72,7 @@ TEST_F(SerialPoolTest, TaskForTheOwnThreadAndLongHelpsHandTheTurnBackInOrder) {
     helped.clear();
     for (int i = 0; i < 1000; ++i) pool.post([&, i] { note(i); });
     OwedPools::settle();
-    ASSERT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+    ASSERT_TRUE(pool.waitIdleFor(10s));
     EXPECT_TRUE(std::ranges::is_sorted(order));
     EXPECT_TRUE(helped.front());
     EXPECT_FALSE(helped.back()) << "one help must not take a thread without bound";
@@ -130,7 +124,7 @@ TEST_F(SerialPoolTest, ThreadThatWaitsHandsOverWhatItOwes) {
     pool.post([] {});  // waits for room in a queue that this thread owes
     wait();
     pool.post(end);
-    EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+    EXPECT_TRUE(pool.waitIdleFor(10s));
     wait();
     pool.post(end);
     EXPECT_EQ(pool.enqueue([] { return 7; }).get(), 7);

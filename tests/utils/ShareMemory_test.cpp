@@ -1,9 +1,5 @@
 #include "utils/ShareMemory.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "fakes/TestPch.h"
 #include "utils/PeerCredentials.h"
 
 namespace kelm {

@@ -1,15 +1,7 @@
 #include "utils/platform/linux/SubProcess.h"
 
-#include <signal.h>
-#include <sys/wait.h>
-
-#include "fakes/Eventually.h"
-#include "fakes/TempDir.h"
-
 namespace kelm {
 namespace {
-
-using ::testing::EndsWith;
 
 // Children are small shell scripts that note in a file how they were called.
 class SubProcessTest : public ::testing::Test {
@@ -74,7 +66,7 @@ TEST_F(SubProcessTest, ChildThatDiesAtOnceIsStartedAfterGrowingPauses) {
     (void)process.enableDaemon(true);
     (void)call(3);
     // Pauses of 100, 200 and 400 ms.
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 700ms);
 }
 
 TEST_F(SubProcessTest, ChildrenReapedElsewhereEndTheSupervision) {

@@ -1,11 +1,5 @@
 #include "utils/ThreadPool.h"
 
-#include <atomic>
-#include <future>
-
-#include "fakes/Eventually.h"
-#include "fakes/TestPch.h"
-
 namespace kelm {
 namespace {
 
@@ -15,7 +9,7 @@ TEST(ThreadPoolTest, TasksOverlapAFullQueueHoldsProducersAndIdleIsToldOnlyWhenNo
     std::thread producer;
     {
         ThreadPool pool("Few", 2, 2);
-        EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+        EXPECT_TRUE(pool.waitIdleFor(10s));
         std::promise<void> gate;
         const auto open = gate.get_future().share();
         std::atomic<int> inside{0};
@@ -33,12 +27,12 @@ TEST(ThreadPoolTest, TasksOverlapAFullQueueHoldsProducersAndIdleIsToldOnlyWhenNo
             for (int i = 0; i < 3; ++i, ++accepted) pool.post([&ran] { ++ran; });
         });
         EXPECT_TRUE(eventually([&] { return accepted == 2; }));
-        EXPECT_FALSE(pool.waitIdleFor(std::chrono::milliseconds(10)));
+        EXPECT_FALSE(pool.waitIdleFor(10ms));
         EXPECT_EQ(accepted, 2);
         pool.postNotice([&ran] { ++ran; });
         gate.set_value();
         producer.join();
-        EXPECT_TRUE(pool.waitIdleFor(std::chrono::seconds(10)));
+        EXPECT_TRUE(pool.waitIdleFor(10s));
         EXPECT_EQ(ran, 10);
         pool.post([&ran] { ++ran; });
     }

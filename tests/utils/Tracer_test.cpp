@@ -1,27 +1,15 @@
 #include "utils/Tracer.h"
 
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <regex>
 
-#include "fakes/TempDir.h"
-#include "fakes/TestPch.h"
 #include "utils/AppendOnlyFile.h"
 #include "utils/CsvObjWriter.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
-
-std::string readText(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // The files of the tracer in a directory of their own.
 class TracerTest : public ::testing::Test {
@@ -138,7 +126,7 @@ TEST_F(TracerTest, FullDiskLeavesNoPartOfALine) {
     const std::string path = m_directory.path() + "/trace.csv";
     AppendOnlyFile file(path);
     ASSERT_TRUE(file.append("first\n"));
-    std::signal(SIGXFSZ, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
     const rlimit small{10, before.rlim_max};

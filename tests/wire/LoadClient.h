@@ -49,7 +49,6 @@ class LoadClient {
     virtual std::string checkResult(uint64_t) { return {}; }
 
     WireClient& raw() { return m_raw; }
-    uint64_t id() const { return m_raw.id(); }
     const LoadPlan& plan() const { return m_plan; }
 
  private:

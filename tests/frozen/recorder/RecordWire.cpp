@@ -1,11 +1,7 @@
 // Records a session of the client library with the service, for the replays: run it by hand, with
 // the file to write. To be done when the wire has changed on purpose only, see docs/protocol.md.
-#include <poll.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <map>
 
 #include "fakes/ListenOn.h"
 #include "fakes/ServiceProcess.h"
@@ -22,6 +18,7 @@ using Way = FrozenRecord::Way;
 constexpr uint32_t kRequests = 100;  // as the type of a row: all of them, or all responses
 constexpr uint32_t kResponses = 101;
 constexpr uint32_t kSnapshot = 102;
+constexpr uint32_t kClientRequests = 103;  // all but registrations
 
 // What is another in each run. Fields of a kind and a value get one name; 0 stands for nothing and
 // does not vary, but for "any".
@@ -41,21 +38,19 @@ constexpr const char* kAny = VaryingField::kAny;
 
 constexpr VaryingRow kVaryingRows[] = {
     {kRequests, offsetof(KelmMsgReq, reqSeqNo), 8, "sequence"},
+    // In all of these the client is named at the same place.
+    {kClientRequests, offsetof(KelmMsgReqUnregister, clientId), 8, "client"},
     {kResponses, offsetof(KelmMsgRsp, reqSeqNo), 8, "sequence"},
     {kResponses, offsetof(KelmMsgRsp, rspSeqNo), 8, "sequence"},
     {kResponses, offsetof(KelmMsgRsp, clientId), 8, "client"},
-    {KELM_MESSAGE_UNREGISTER_REQ, offsetof(KelmMsgReqUnregister, clientId), 8, "client"},
     {KELM_MESSAGE_CREATE_GRAPH_REQ, offsetof(KelmMsgBase, data), 8, "address"},
-    {KELM_MESSAGE_CREATE_GRAPH_REQ, offsetof(KelmMsgReqCreateGraph, clientId), 8, "client"},
     {KELM_MESSAGE_CREATE_GRAPH_REQ, offsetof(KelmMsgReqCreateGraph, graphPath), 1024, "path"},
     {KELM_MESSAGE_CREATE_GRAPH_REQ, offsetof(KelmMsgReqCreateGraph, graphData), 8, "address"},
     {KELM_MESSAGE_CREATE_GRAPH_RSP, offsetof(KelmMsgRspCreateGraph, graphId), 8, "graph"},
-    {KELM_MESSAGE_DESTROY_GRAPH_REQ, offsetof(KelmMsgReqDestroyGraph, clientId), 8, "client"},
     {KELM_MESSAGE_DESTROY_GRAPH_REQ, offsetof(KelmMsgReqDestroyGraph, graphId), 8, "graph"},
     {KELM_MESSAGE_INFER_TASK_REQ, fdOffset(0), 4, "fd"},
     {KELM_MESSAGE_INFER_TASK_REQ, fdOffset(1), 4, "fd"},
     {KELM_MESSAGE_INFER_TASK_REQ, fdOffset(2), 4, "fd"},
-    {KELM_MESSAGE_INFER_TASK_REQ, offsetof(KelmMsgReqInferTask, clientId), 8, "client"},
     {KELM_MESSAGE_INFER_TASK_REQ, offsetof(KelmMsgReqInferTask, graphId), 8, "graph"},
     {KELM_MESSAGE_INFER_TASK_REQ, offsetof(KelmMsgReqInferTask, inputBuffer.name), 64, "segment"},
     {KELM_MESSAGE_INFER_TASK_REQ, offsetof(KelmMsgReqInferTask, inputBuffer.fd), 4, "fd"},
@@ -67,18 +62,12 @@ constexpr VaryingRow kVaryingRows[] = {
     {KELM_MESSAGE_TASK_DONE_EVT, offsetof(KelmMsgEvtTaskDone, reqSeqNo), 8, "sequence"},
     {KELM_MESSAGE_TASK_DONE_EVT, offsetof(KelmMsgEvtTaskDone, clientId), 8, "client"},
     {KELM_MESSAGE_TASK_DONE_EVT, offsetof(KelmMsgEvtTaskDone, taskId), 8, "task"},
-    {KELM_MESSAGE_CANCEL_TASK_REQ, offsetof(KelmMsgReqCancelTask, clientId), 8, "client"},
     {KELM_MESSAGE_CANCEL_TASK_REQ, offsetof(KelmMsgReqCancelTask, taskId), 8, "task"},
     {KELM_MESSAGE_CANCEL_TASK_RSP, offsetof(KelmMsgRspCancelTask, taskId), 8, "task"},
-    {KELM_MESSAGE_QUERY_TASK_STATUS_REQ, offsetof(KelmMsgReqQueryTaskStatus, clientId), 8,
-     "client"},
     {KELM_MESSAGE_QUERY_TASK_STATUS_REQ, offsetof(KelmMsgReqQueryTaskStatus, taskId), 8, "task"},
     {KELM_MESSAGE_QUERY_TASK_STATUS_RSP, offsetof(KelmMsgRspQueryTaskStatus, taskId), 8, "task"},
-    {KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, offsetof(KelmMsgReqQueryBufferSize, clientId), 8,
-     "client"},
     {KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ, offsetof(KelmMsgReqQueryBufferSize, graphId), 8, "graph"},
     {KELM_MESSAGE_QUERY_BUFFER_SIZE_RSP, offsetof(KelmMsgRspQueryBufferSize, graphId), 8, "graph"},
-    {KELM_MESSAGE_QUERY_STATUS_REQ, offsetof(KelmMsgReqQueryStatus, clientId), 8, "client"},
     // Rates of the graph, the client and the device in use, the second; temperatures of both.
     {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, serviceFps), 4, kAny},
     {KELM_MESSAGE_QUERY_STATUS_RSP, offsetof(KelmMsgRspQueryStatus, deviceFps[1]), 4, kAny},
@@ -130,26 +119,26 @@ class Recorder {
 
  private:
     bool pass(WireClient& from, WireClient& to, Way way) {
-        FrozenRecord record{way, {}, std::string(sizeof(KelmMsgBase), '\0')};
-        if (!from.readBytes(record.bytes.data(), record.bytes.size())) return false;
-        KelmMsgBase base;
-        std::memcpy(&base, record.bytes.data(), sizeof(base));
-        record.bytes.resize(base.size);
-        record.block.resize(base.dataSize[0]);
-        record.descriptors = base.fdNum;
-        const size_t rest = base.size - sizeof(base);
-        if (!from.readBytes(record.bytes.data() + sizeof(base), rest)) return false;
-        to.sendBytes(record.bytes);
-        for (size_t i = 0; i < record.descriptors; ++i) {
+        FrozenRecord record{way, {}, {}};
+        std::string& bytes = record.bytes;
+        const auto readTo = [&](size_t end) {
+            const size_t begin = bytes.size();
+            bytes.resize(end);
+            return from.readBytes(&bytes[begin], end - begin);
+        };
+        if (!readTo(sizeof(KelmMsgBase))) return false;
+        const KelmMsgBase head = record.head();
+        if (!readTo(head.size)) return false;
+        to.sendBytes(bytes);
+        for (size_t i = 0; i < head.fdNum; ++i) {
             const UniqueFd descriptor = from.receiveFd();
-            to.sendFds(std::string_view(reinterpret_cast<const char*>(&base.fd[i]), sizeof(int)),
+            to.sendFds(std::string_view(reinterpret_cast<const char*>(&head.fd[i]), sizeof(int)),
                        {descriptor.get()});
         }
-        if (!from.readBytes(record.block.data(), record.block.size())) return false;
-        to.sendBytes(record.block);
-        const std::string name =
-            KelmMsgTypeStr[base.type] + std::string_view("KELM_MESSAGE_").size();
-        keep(std::move(record), base.type, name);
+        if (!readTo(head.size + head.dataSize[0])) return false;
+        to.sendBytes(bytes.substr(head.size));
+        keep(std::move(record), head.type,
+             KelmMsgTypeStr[head.type] + std::string_view("KELM_MESSAGE_").size());
         return true;
     }
 
@@ -167,12 +156,13 @@ class Recorder {
         for (const VaryingRow& row : kVaryingRows) {
             const bool isFor = row.type == type ||
                                (row.type == kRequests && record.way == Way::kToService) ||
+                               (row.type == kClientRequests && record.way == Way::kToService &&
+                                type != KELM_MESSAGE_REGISTER_REQ) ||
                                (row.type == kResponses && record.way == Way::kToClient &&
                                 type != KELM_MESSAGE_TASK_DONE_EVT);
             if (isFor) mark(record, row);
         }
-        std::sort(record.varying.begin(), record.varying.end(),
-                  [](const auto& a, const auto& b) { return a.offset < b.offset; });
+        std::ranges::sort(record.varying, {}, &VaryingField::offset);
         m_records.push_back(std::move(record));
     }
 
@@ -184,7 +174,7 @@ class Recorder {
             std::map<std::string, size_t>& values = m_values[row.kind];
             name += std::to_string(values.emplace(value, values.size() + 1).first->second);
         }
-        record.varying.push_back({row.offset, row.size, name});
+        record.varying.push_back({name, row.offset, row.size});
     }
 
     const std::string m_serviceDir;

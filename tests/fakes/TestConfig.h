@@ -1,9 +1,6 @@
 #pragma once
 
-#include <string>
-
 #include "config/ServiceConfigParser.h"
-#include "fakes/TempDir.h"
 
 namespace kelm {
 
