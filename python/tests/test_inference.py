@@ -6,6 +6,7 @@ import concurrent.futures
 import gc
 import threading
 import unittest
+import weakref
 
 import kelm
 import numpy
@@ -302,6 +303,22 @@ class SlowTest(InferenceTest):
         except kelm.KelmBusyError:
             return False
         return True
+
+    def test_a_failed_task_keeps_its_slot_for_no_collector(self) -> None:
+        gc.disable()
+        self.addCleanup(gc.enable)
+
+        async def main() -> object:
+            slot = self.graph.pool().acquire()
+            kept = weakref.ref(slot)
+            try:
+                await self.graph.infer_async(slot, deadline=0.05)
+            except kelm.KelmTimeoutError:
+                del slot
+            await asyncio.sleep(0)
+            return kept()
+
+        self.assertIsNone(asyncio.run(main()))
 
     def test_closing_ends_what_is_on_its_way(self) -> None:
         slot = self.graph.pool(1).acquire()
