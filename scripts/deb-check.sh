@@ -15,7 +15,7 @@ cd "$(dirname "$0")/.."
 
 skip() { echo "deb-check: not run: $*" >&2; exit 77; }
 fail() { echo "deb-check: $*" >&2; exit 1; }
-say() { echo "deb-check: $*"; }
+say() { echo "deb-check: $SECONDS s: $*"; }
 
 [ "$(id -u)" -eq 0 ] || skip "only root may make a Debian root; run it with sudo"
 for tool in debootstrap lintian unshare apt-get; do
@@ -85,6 +85,7 @@ else
     tar -C "$root" -xf "$base"
 fi
 cp /etc/resolv.conf "$root/etc/"
+echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/no-sync" # nobody needs this root after a crash
 mount --bind "$cache/archives" "$root/var/cache/apt/archives"
 mount -t proc proc "$root/proc"
 mount -t tmpfs -o mode=1777 tmpfs "$root/dev/shm"
