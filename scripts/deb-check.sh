@@ -11,6 +11,7 @@
 # mask, directories and environment, all read from the installed unit. Its hardening is not applied;
 # the test "units" looks at that.
 set -euo pipefail
+given=${1:+$(realpath "$1")}
 cd "$(dirname "$0")/.."
 
 skip() { echo "deb-check: not run: $*" >&2; exit 77; }
@@ -25,10 +26,10 @@ done
 if [ "${KELM_DEB_CHECK:-}" != inside ]; then
     unshare --mount --pid --fork true 2>/dev/null || skip "name spaces are not allowed here"
     export KELM_DEB_CHECK=inside
-    exec unshare --mount --pid --fork --kill-child --mount-proc "$0" "$@"
+    exec unshare --mount --pid --fork --kill-child --mount-proc "scripts/${0##*/}" "$given"
 fi
 
-names=(kelmdaemon libkelm1 libkelm-dev python3-kelm kelm-tools kelm-simulator)
+mapfile -t names < <(sed -n 's/^Package: //p' packaging/debian/control)
 cache=${KELM_DEB_CACHE:-/var/cache/kelm-deb}
 work=$(mktemp -d)
 root=$work/root
@@ -41,15 +42,15 @@ finish() {
 trap finish EXIT
 
 packages=$work/packages
-if [ $# -gt 0 ]; then
+if [ -n "$given" ]; then
     mkdir "$packages"
-    cp "$1"/*.deb "$packages"
+    cp "$given"/*.deb "$packages"
 else
     say "building"
     scripts/deb.sh "$packages" >/dev/null
 fi
 for name in "${names[@]}"; do
-    [ -e "$packages/$name"_*.deb ] || fail "no package $name"
+    compgen -G "$packages/${name}_*.deb" >/dev/null || fail "no package $name"
 done
 say "lintian"
 lintian --allow-root --fail-on error --suppress-tags initial-upload-closes-no-bugs "$packages"/*.deb ||
@@ -104,10 +105,10 @@ as_user() { # user, command
         sh -c 'umask 022; cd; exec "$@"' sh "$@"
 }
 apt() { # operation, packages or directories of them in /opt
-    local words=() word
+    local words=() word file
     for word in "$@"; do
         if [ -d "$root$word" ]; then
-            for word in "$root$word"/*.deb; do words+=("${word#"$root"}"); done
+            for file in "$root$word"/*.deb; do words+=("${file#"$root"}"); done
         else
             words+=("$word")
         fi
@@ -131,13 +132,14 @@ unit() {
     sed -n "s/^$1=//p" "$unit_file" | sed "s|%t|/run|g; s|%S|/var/lib|g; s|%i|$instance|g"
 }
 as_unit() { # a line of the unit with a command
-    local settings=() file words
+    local settings=() file setting options="" words
     mapfile -t settings < <(unit Environment)
     for file in $(unit EnvironmentFile); do
         [ ! -e "$root${file#-}" ] || mapfile -t -O "${#settings[@]}" settings <"$root${file#-}"
     done
-    local options=""
-    for file in "${settings[@]}"; do [[ $file != KELM_CONFIG=* ]] || options=${file#*=}; done
+    for setting in "${settings[@]}"; do
+        [[ $setting != KELM_CONFIG=* ]] || options=${setting#*=}
+    done
     read -ra words <<<"${1//\$KELM_CONFIG/$options}"
     exec chroot "$root" /usr/bin/env -i PATH=/usr/bin:/bin "${settings[@]}" \
         setpriv --reuid="$(unit User)" --regid="$(unit Group)" --init-groups --no-new-privs \

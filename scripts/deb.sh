@@ -6,11 +6,10 @@
 #
 # DEB_BUILD_OPTIONS= (empty) also makes the packages with the debugging symbols.
 set -euo pipefail
+out=$(realpath -m "${1:-$(dirname "$0")/../build/packages}")
 cd "$(dirname "$0")/.."
 ./scripts/packages.sh debhelper dpkg-dev fakeroot libumockdev-dev
 
-out=${1:-build/packages}
-mkdir -p "$out"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -33,5 +32,9 @@ export KELM_SOURCE=$PWD KELM_BUILD=$PWD/build/deb
 export DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS-noautodbgsym}
 (cd "$tree" && dpkg-buildpackage --build=binary --no-sign) >"$work/log" 2>&1 ||
     { tail -n 60 "$work/log"; exit 1; }
-mv "$work"/*.deb "$out"
+mkdir -p "$out"
+for package in "$work"/*.deb; do
+    rm -f "$out/$(dpkg-deb -f "$package" Package)"_*.deb # of another version
+    mv "$package" "$out"
+done
 ls -l "$out"/*.deb

@@ -16,7 +16,7 @@ if [ "${KELM_RESTARTS:-}" != inside ]; then
     spaces=(--mount)
     [ "$(id -u)" -eq 0 ] || spaces+=(--map-root-user)
     unshare "${spaces[@]}" true || { echo "restarts: name spaces are not allowed here" >&2; exit 77; }
-    KELM_RESTARTS=inside exec unshare "${spaces[@]}" "$0" "$@"
+    KELM_RESTARTS=inside exec unshare "${spaces[@]}" "scripts/${0##*/}" "$@"
 fi
 mount -t tmpfs tmpfs /dev/shm
 mount -t tmpfs tmpfs /var/tmp
