@@ -8,6 +8,22 @@ foreach(program kelmdaemon kelmctl)
 endforeach()
 install(FILES config/kelm_service.config DESTINATION config)
 
+# The simulator, for those who ask for it, as an install directory of its own: the service looks for
+# the boot tool there.
+set(simulator_dir lib/kelm/simulator)
+set(for_simulator EXCLUDE_FROM_ALL COMPONENT simulator)
+foreach(target kelm-usb-bus kelm-sim-load tevo-kelm ion)
+    if(TARGET ${target})
+        install(TARGETS ${target} ${for_simulator}
+                RUNTIME DESTINATION ${simulator_dir}
+                LIBRARY DESTINATION ${simulator_dir} NAMELINK_SKIP)
+    endif()
+endforeach()
+install(TARGETS autoboot ${for_simulator} RUNTIME DESTINATION ${simulator_dir}/bin)
+install(FILES tools/simulator/kelm_service.config ${for_simulator}
+        DESTINATION ${simulator_dir}/config)
+install(FILES tools/simulator/example.graph ${for_simulator} DESTINATION ${simulator_dir})
+
 # The client library, shared and static, for CMake as kelm::kelm and kelm::static, and for pkg-config.
 install(TARGETS kelm kelm_static EXPORT kelm-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -33,7 +33,8 @@ endif()
 find_program(KELM_CCACHE ccache)
 if(KELM_CCACHE)
     set(CMAKE_CXX_COMPILER_LAUNCHER
-        env CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_NOHASHDIR=1 ${KELM_CCACHE})
+        env CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_NOHASHDIR=1
+            CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} ${KELM_CCACHE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         target_compile_options(kelm_flags INTERFACE -fpch-preprocess)
     endif()

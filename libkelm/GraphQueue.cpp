@@ -34,10 +34,12 @@ Error expired() {
             "more time"};
 }
 
-// The service, or this library's own count of what is on its way, has too many tasks.
+// The service, or this library's own count of what is on its way, has too many tasks; or the
+// service is about to end, which is done with its clients before it closes their connections.
 bool isRefusal(const Error& error) {
     return error.kind() == ErrorKind::kBusy ||
-           (error.kind() == ErrorKind::kService && error.code() == KELM_ERROR_TOO_MANY_TASK);
+           (error.kind() == ErrorKind::kService && (error.code() == KELM_ERROR_TOO_MANY_TASK ||
+                                                    error.code() == KELM_ERROR_INVALID_CLIENT));
 }
 
 InferResult failed(const Error& error) {
@@ -197,9 +199,6 @@ void GraphQueue::ended(uint64_t ticket, const InferResult& result) {
         if (isUnsent(*task, result.error)) {
             end.error = keepUnsentUnsafe(task, result.error, Clock::now());
             wake = nextTickUnsafe();
-        } else if (m_closed && result.error.code() == KELM_ERROR_INVALID_CLIENT) {
-            // The service was done with the client before it came to the task.
-            end.error = m_closedWith;
         } else if (!lost) {
             m_pausedUntil = Clock::time_point::min();
             m_pause = {};

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs the packages, builds and runs all tests: release, AddressSanitizer with UBSan,
-# ThreadSanitizer, the clang analysis build and the format check. Ends with one summary line.
+# ThreadSanitizer, the clang analysis build, the format check, and the Debian packages with a service
+# that is started and stopped under load. Ends with one summary line.
 #
 #   scripts/test.sh              everything
-#   scripts/test.sh --only STEP  one of: release asan tsan clang format
+#   scripts/test.sh --only STEP  one of: release asan tsan clang format deb
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-steps=(format release asan tsan clang)
+steps=(format release asan tsan clang deb)
 if [ "${1:-}" = "--only" ]; then
     [ $# -eq 2 ] || { echo "usage: scripts/test.sh [--only STEP]" >&2; exit 2; }
     steps=("$2")
@@ -47,11 +48,24 @@ run_tidy() {
         xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet 2>/dev/null
 }
 
+# What may not run on a machine says so, and is no failure.
+may_skip() { # command
+    local status=0
+    "$@" || status=$?
+    [ "$status" -eq 0 ] || [ "$status" -eq 77 ]
+}
+
+run_packages() {
+    ./scripts/packages.sh debhelper debootstrap dpkg-dev fakeroot lintian libumockdev-dev &&
+        may_skip scripts/deb-check.sh && may_skip scripts/restarts.sh 50
+}
+
 run_step() { # step
     case "$1" in
         release) run_tests release && run_benches ;;
         asan | tsan) run_tests "$1" ;;
         clang) build clang && run_tidy ;;
+        deb) run_packages ;;
         format) git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror ;;
         *) echo "no step '$1'" >&2; return 2 ;;
     esac

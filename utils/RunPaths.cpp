@@ -7,7 +7,7 @@ namespace kelm {
 // The variable lets several services run beside each other, each with files of its own.
 std::string RunPaths::directory() {
     const char* directory = std::getenv("KELM_RUN_DIR");
-    return directory != nullptr && *directory != '\0' ? directory : "/var/tmp";
+    return directory != nullptr && *directory != '\0' ? directory : KELM_RUN_DIR;
 }
 
 std::string RunPaths::serviceSocket() { return directory() + "/kelm_service.sock"; }

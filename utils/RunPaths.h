@@ -4,9 +4,9 @@
 
 namespace kelm {
 
-// Where the sockets and lock files lie: "/var/tmp", or the directory that the environment variable
-// KELM_RUN_DIR names, which lets two services run on one machine. Service, client library and tools
-// all ask here.
+// Where the sockets and lock files lie: the directory that the environment variable KELM_RUN_DIR
+// names, which lets two services run on one machine, or the build's: "/var/tmp", "/run/kelm" in
+// packages. Service, client library and tools all ask here.
 class RunPaths {
  public:
     static std::string directory();

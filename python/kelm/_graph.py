@@ -235,6 +235,9 @@ class Graph:
                 except RuntimeError:
                     pass  # the loop ends; the task comes to its end by itself
             raise
+        finally:
+            # An exception has this frame, and they have it: a circle that would keep the memory.
+            del future, task
 
     async def _copy_in_loop(
         self, data: Any, output: Any, deadline: Seconds, priority: int, aux: int

@@ -5,6 +5,7 @@ import asyncio
 import concurrent.futures
 import gc
 import unittest
+import weakref
 
 import kelm
 import numpy
@@ -260,6 +261,22 @@ class SlowTest(InferenceTest):
         self.assertTrue(eventually(lambda: client.dispatch(0.01) == 0 and client.connected))
         self.assertEqual(len(graph.infer(bytes(IN))), OUT)
         self.assertTrue(eventually(lambda: client.dispatch(0.01) or changes == [False, True]))
+
+    def test_a_failed_task_keeps_its_slot_for_no_collector(self) -> None:
+        gc.disable()
+        self.addCleanup(gc.enable)
+
+        async def main() -> object:
+            slot = self.graph.pool().acquire()
+            kept = weakref.ref(slot)
+            try:
+                await self.graph.infer_async(slot, deadline=0.05)
+            except kelm.KelmTimeoutError:
+                del slot
+            await asyncio.sleep(0)
+            return kept()
+
+        self.assertIsNone(asyncio.run(main()))
 
 
 if __name__ == "__main__":
