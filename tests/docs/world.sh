@@ -2,7 +2,7 @@
 # /opt/kelm and the like lie below $world: the runner puts it before the paths in the page.
 export HOME=$world/home PATH=$world/bin:$PATH TERM=xterm-256color KELM_RUN_DIR=$world/run
 stty cols 100 rows 30
-export KELM_DOC_WORLD=$world
+export KELM_DOC_WORLD=$world PYTHONDONTWRITEBYTECODE=1
 unset KELM_INSTALL_DIR DISPLAY
 cd "$world/repository" || exit 1
 

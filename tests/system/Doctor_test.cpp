@@ -128,7 +128,7 @@ TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
          [&] { service().useRunDir(); },
          1,
          {"warning  configuration: KELM_INSTALL_DIR is not set",
-          "problem  library: libtevo-kelm.so.0", "problem  device: no "}},
+          "problem  library: libtevo-kelm.so.0", "problem  device: no ", " port: "}},
     };
     for (const Row& row : rows) run(row);
     EXPECT_FALSE(std::filesystem::exists("/dev/shm" + segment)) << "the inference has removed it";
