@@ -34,8 +34,8 @@ if [ "$(cat /proc/self/setgroups)" = allow ]; then
     as_client="setpriv --reuid $CLIENT --regid $CLIENT --groups $MEMBER_OF --inh-caps=-all"
 fi
 exec chroot . /usr/bin/env -i PATH=/opt/kelm:/usr/bin KELM_RUN_DIR=/run/kelm HOME=/work \
-    PYTHONPATH=/opt/python KELM_LIBRARY=/opt/kelm/libkelm.so.1 PYTHONDONTWRITEBYTECODE=1 $as_client \
-    bash -c 'cd /work; while read -r order; do eval "$order" </dev/null 2>&1; echo "@ $?"; done'
+    PYTHONPATH=/opt/python KELM_LIBRARY=/opt/kelm/libkelm.so.1 PYTHONDONTWRITEBYTECODE=1 \
+    $as_client bash -c 'cd /work; while read -r order; do eval "$order" </dev/null 2>&1; echo "@ $?"; done'
 """
 # Tensors in a pool of the library: results, and again when the service has been started anew.
 POOLED = """import kelm, time
@@ -60,8 +60,9 @@ INFER = "kelmctl infer --graph net.graph --input in.bin --output out.bin"
 DOCTOR = "kelmctl doctor --graph net.graph"
 # The number of those names of a pool that tell no start of their process.
 COUNT = (
-    "python3 -c 'import kelm, os; c = kelm.Client(); s = c.load_graph(\"net.graph\").pool().acquire();"
-    " print(sum(f\"kelm-{os.getpid()}-\" in n and \"-0-\" in n for n in os.listdir(\"/dev/shm\")))'")
+    "python3 -c 'import kelm, os; client = kelm.Client(); graph = client.load_graph(\"net.graph\");"
+    " slot = graph.pool().acquire(); mine = f\"kelm-{os.getpid()}-\";"
+    " print(sum(mine in name and \"-0-\" in name for name in os.listdir(\"/dev/shm\")))'")
 # A container, an order, its exit status, and words of what it says.
 ROWS = (
     ({}, INFER, 0, "1024 bytes written"),
@@ -91,7 +92,8 @@ class Machine:
         (files / "path/pkill").chmod(0o755)
         (files / "install/bin/autoboot").symlink_to(build / "tools/simulator/autoboot")
         (files / "install/config/kelm_service.config").write_text(
-            '{ "security_settings": { "user_group": "" } }')
+            '{ "security_settings": { "user_group": "" } }'
+        )
         (files / "net.graph").write_bytes(b"KELMSIM input=4096 output=1024 memory=9\ngraph")
         (files / "in.bin").write_bytes(os.urandom(4096))
         (files / "pooled.py").write_text(POOLED)
@@ -106,9 +108,10 @@ class Machine:
         self.simulator = self.files / f"home/simulator-{self.starts}"
         bus = [self.build / "tools/simulator/kelm-usb-bus", "--dir", self.simulator, "--device",
                "1.1", "--device", "1.2", "--", self.build / "kelmdaemon"]
+        user = ["setpriv", "--reuid", str(SERVICE), "--regid", str(SERVICE), "--clear-groups"]
         with open(self.files / "log", "ab") as log:
             self.service = subprocess.Popen(
-                ["setpriv", "--reuid", str(SERVICE), "--regid", str(SERVICE), "--clear-groups", *bus],
+                [*user, *bus],
                 stdin=subprocess.PIPE, stdout=log, stderr=log, cwd=self.files / "home", umask=0o007,
                 env=self.environment)
         self.control("wait-ready", "--timeout", "20")

@@ -5,7 +5,8 @@
 
 - programs and options in commands, also in those that no test can run, and in `code` of the text
 - links, with their anchors
-- in docs/troubleshooting.md and docs/containers.md the error texts: a block of `text` quotes them, "..." for what differs
+- in docs/troubleshooting.md and docs/containers.md the error texts: a block of `text` quotes them,
+  "..." for what differs
 - in docs/troubleshooting.md the name of each error that the service or the library has
 - in docs/limits.md the constants: a row `kName` of a file has the number that stands in that file
 """
@@ -99,9 +100,9 @@ def check_program(place: str, words: list[str]) -> None:
             if not (source / f"packaging/systemd/{unit[1]}{unit[2]}.service").exists():
                 findings.append(f"{place}: there is no unit {word}")
         top = word.split("/", 1)[0]
-        if "/" in word and "*" not in word and top not in ("", "..", "build") and (source / top).is_dir():
-            if not (source / word).exists():
-                findings.append(f"{place}: there is no {word}")
+        is_ours = "/" in word and "*" not in word and top not in ("", "..", "build")
+        if is_ours and (source / top).is_dir() and not (source / word).exists():
+            findings.append(f"{place}: there is no {word}")
 
 
 def check_block(page: Page, block: Block) -> None:
@@ -156,8 +157,9 @@ def check_troubleshooting() -> None:
             findings.append(f"{page.name}: it quotes no error text")
     text = "\n".join(page.lines)
     for header in ("protocol/src/KelmError.h", "kelm/kelm.h"):
-        body = re.search(r"^enum .*?[eE]rror[^\n]*\{(.*?)\}", (source / header).read_text(), re.S | re.M)
-        for name, number in re.findall(r"(KELM_\w+) = (-?\d+)", body[1]):
+        declared = (source / header).read_text()
+        body = re.findall(r"(?ms)^enum [^\n]*[eE]rror[^\n]*\{(.*?)\}", declared)
+        for name, number in re.findall(r"(KELM_\w+) = (-?\d+)", "".join(body)):
             if number != "0" and not re.search(rf"`{name}`[^\n]*{number}\b", text):
                 findings.append(f"{page.name}: it has not {name}, {number}")
 
@@ -186,7 +188,8 @@ def check_limits() -> None:
         told = float(number.replace(",", "")) * UNITS.get(unit, 1)
         there = value_in(file, constant) if (source / file).exists() else None
         # A size of 4 GB may be the largest number of 32 bits, and seconds are told of milliseconds.
-        if there is None or (abs(there - told) > (unit == "GB") and there != told * 1000 * (unit == "s")):
+        near = [told - (unit == "GB"), told, told * 1000 if unit == "s" else told]
+        if there not in near:
             findings.append(f"{name}: {constant} in {file} is {there}, not {number} {unit}")
 
 

@@ -1,11 +1,11 @@
 """The pages of the repository and the blocks of code in them, with what their comments say.
 
-A block is fenced or indented by four spaces. One without a language, or of `sh`, holds commands, which
-run_page.py runs. A comment before a block, which no reader sees, says otherwise:
+A block is fenced or indented by four spaces. One without a language, or of `sh`, holds commands,
+which run_page.py runs. A comment before a block, which no reader sees, says otherwise:
 
     <!-- test: text -->               no commands; the words of programs in it are checked still
     <!-- test: page text -->          the same for each block of the page
-    <!-- test: skip REASON -->        commands that no test can run; programs and files must be there
+    <!-- test: skip REASON -->        commands that no test can run; what they name must be there
     <!-- test: bound S WORD... -->    lines with one of the words get Ctrl-C after S seconds
     <!-- test: append WORDS -->       ends the last line of the block
     <!-- test: file NAME -->          the block is written into this file
@@ -87,7 +87,7 @@ class Page:
             return end + 1
         if line.startswith("    ") and (at == 0 or not self.lines[at - 1].strip()):
             end = at
-            while end < len(self.lines) and (self.lines[end].startswith("    ") or not self.lines[end]):
+            while end < len(self.lines) and self.lines[end][:4] in ("    ", ""):
                 end += 1
             self._add(at, "", [text[4:] for text in self.lines[at:end]])
             return end

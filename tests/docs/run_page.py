@@ -14,6 +14,7 @@ import pathlib
 import pty
 import re
 import shlex
+import shutil
 import signal
 import subprocess
 import sys
@@ -23,14 +24,18 @@ import time
 from pages import Block, Page, list_pages
 
 LIMIT_SECONDS = 100
+MARK = "KELM_DOC_WORLD"  # in the environment of each process of a world
 # Directories of the machine, of which each world has its own.
-PLACES = re.compile(r"(?<![\w.$}/-])(?=/(opt/kelm|etc/kelm|run/kelm|var/lib/kelm|usr/lib/kelm|tmp/k)\b)")
+PLACES = re.compile(
+    r"(?<![\w.$}/-])(?=/(opt/kelm|etc/kelm|run/kelm|var/lib/kelm|usr/lib/kelm|tmp/k)\b)"
+)
 STUBS = {
     # The build is there: its preset or target must be. Everything else is done.
     "cmake": """case "$1 $2" in
         "--preset "*) preset=$2 ;; "--build --preset") preset=$3 ;; *) exec {real} "$@" ;;
     esac
-    grep -q "\\"configurePreset\\": \\"$preset\\"" CMakePresets.json || {{ echo "no preset $preset"; exit 1; }}""",
+    grep -q "\\"configurePreset\\": \\"$preset\\"" CMakePresets.json ||
+        {{ echo "no preset $preset"; exit 1; }}""",
     "ninja": """[ "$1" = -C ] || exit 1; shift; exec {real} -C "$1" -t query "${{@:2}}" """,
     "pip": """[ "$1" = install ] && [ -e "$2/pyproject.toml" ]""",
     # No boot tool but the world's own is to be ended.
@@ -51,38 +56,37 @@ class World:
         (self.path / "repository/build/release").symlink_to(build)
         for name, body in STUBS.items():
             stub = self.path / "bin" / name
-            real = subprocess.run(["which", name], capture_output=True, text=True, check=False).stdout
-            stub.write_text("#!/bin/bash\n" + body.format(real=real.strip()) + "\n")
+            stub.write_text("#!/bin/bash\n" + body.format(real=shutil.which(name)) + "\n")
             stub.chmod(0o755)
 
     def place(self, text: str) -> str:
         return PLACES.sub(str(self.path), text)
 
     def run(self, script: str) -> tuple[str, bool]:
-        """What it has printed, on a terminal, and whether it came to its end."""
+        """What it has printed, on a terminal, and whether all of it has succeeded."""
         (self.path / "page.sh").write_text(script)
-        environment = {**os.environ, "TMPDIR": str(self.path / "tmp"), "LC_ALL": "C.UTF-8"}
+        own = {"TMPDIR": str(self.path / "tmp"), "LC_ALL": "C.UTF-8", MARK: str(self.path)}
         pid, terminal = pty.fork()
         if pid == 0:
-            os.execvpe("bash", ["bash", str(self.path / "page.sh")], environment)
+            os.execvpe("bash", ["bash", str(self.path / "page.sh")], {**os.environ, **own})
         output, deadline = b"", time.monotonic() + LIMIT_SECONDS
         os.set_blocking(terminal, False)
-        status = None
-        while status is None and time.monotonic() < deadline:
+        ended, status = 0, 0
+        while not ended and time.monotonic() < deadline:
             time.sleep(0.02)
             output += drain(terminal)
-            if os.waitpid(pid, os.WNOHANG) != (0, 0):
-                status = True
-        output += drain(terminal)
+            ended, status = os.waitpid(pid, os.WNOHANG)
         self.remove_processes()
-        if status is None:
-            os.waitpid(pid, 0)
+        if not ended:
+            status = os.waitpid(pid, 0)[1]
             output += f"\n@@failed still running after {LIMIT_SECONDS} s\n".encode()
-        return output.decode(errors="replace").replace("\r\n", "\n"), b"@@end" in output
+        time.sleep(0.1)  # the terminal hands on late what was written to it
+        output += drain(terminal)
+        return output.decode(errors="replace").replace("\r\n", "\n"), status == 0
 
     def remove_processes(self) -> None:
         """Those that carry the name of this world in their environment."""
-        mark = f"KELM_DOC_WORLD={self.path}".encode()
+        mark = f"{MARK}={self.path}".encode()
         for entry in pathlib.Path("/proc").glob("[0-9]*"):
             try:
                 if mark in (entry / "environ").read_bytes().split(b"\0"):
@@ -132,7 +136,7 @@ def main() -> int:
         world = World(source, pathlib.Path(sys.argv[2]).resolve(), directory)
         script = f"set -o pipefail\nworld={directory}\n. {source}/tests/docs/world.sh\n"
         script += "".join(script_of(block, world) for block in page.blocks if block.is_run())
-        output, done = world.run(script + "echo @@end\n")
+        output, done = world.run(script + "exit 0\n")
         if "-v" in sys.argv:
             print(output)
         if done:

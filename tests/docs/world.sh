@@ -1,8 +1,8 @@
-# What the commands of a page find: sourced by run_page.py, with $world and $repository set.
+# What the commands of a page find: sourced by run_page.py, with $world set.
 # /opt/kelm and the like lie below $world: the runner puts it before the paths in the page.
 export HOME=$world/home PATH=$world/bin:$PATH TERM=xterm-256color KELM_RUN_DIR=$world/run
+export PYTHONDONTWRITEBYTECODE=1
 stty cols 100 rows 30
-export KELM_DOC_WORLD=$world PYTHONDONTWRITEBYTECODE=1
 unset KELM_INSTALL_DIR DISPLAY
 cd "$world/repository" || exit 1
 
