@@ -159,9 +159,9 @@ def check_troubleshooting() -> None:
     for header in ("protocol/src/KelmError.h", "kelm/kelm.h"):
         declared = (source / header).read_text()
         body = re.findall(r"(?ms)^enum [^\n]*[eE]rror[^\n]*\{(.*?)\}", declared)
-        for name, number in re.findall(r"(KELM_\w+) = (-?\d+)", "".join(body)):
-            if number != "0" and not re.search(rf"`{name}`[^\n]*{number}\b", text):
-                findings.append(f"{page.name}: it has not {name}, {number}")
+        for name, code in re.findall(r"(KELM_\w+) = (-?\d+)", "".join(body)):
+            if code != "0" and not re.search(rf"`{name}`[^\n]*{code}\b", text):
+                findings.append(f"{page.name}: it has not {name}, {code}")
 
 
 def value_in(file: str, name: str) -> float | None:
