@@ -29,8 +29,15 @@ struct Process {
     uint64_t start = 0;  // in ticks since the machine started
 };
 
+// In a container it may be the machine's, where the same number is another process.
+bool isProcOfThisNamespace() {
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self", error) == std::to_string(::getpid());
+}
+
 // Nothing if the process is not there, or is hidden from this user.
 std::optional<Process> findProcess(pid_t pid) {
+    if (!isProcOfThisNamespace()) return std::nullopt;
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     // Its second field is a name in parentheses, which may hold any characters.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -48,9 +49,12 @@ void ServiceAccess::letIn(const SharedSegment& segment) {
          ", all of whose members can "
          "read and write them");
     if (const int denied = segment.letGroupIn(m_group); denied != 0) {
+        // What the kernel says to an id that a user namespace does not have.
+        const char* advice = denied == EINVAL ? "map the service's account into this user namespace"
+                                              : "make this user a member of it";
         warn(refused +
              "the service may not open tensors, since they cannot be given to the socket's " +
-             group + " (" + std::strerror(denied) + "); make this user a member of it");
+             group + " (" + std::strerror(denied) + "); " + advice);
     }
 }
 

@@ -92,7 +92,7 @@ TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
         {"accelerators, of which there are none",
          1,
          {"warning  configuration: KELM_INSTALL_DIR is not set",
-          "problem  library: libtevo-kelm.so.0", "problem  device: no "},
+          "problem  library: libtevo-kelm.so.0", "problem  device: no ", " port: "},
          [&] {
              ::setenv("KELM_RUN_DIR", aside.c_str(), 1);
              ::unsetenv("KELM_INSTALL_DIR");

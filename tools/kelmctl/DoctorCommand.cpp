@@ -50,6 +50,8 @@ void examine(const DoctorOptions& options, Interruption& interruption, DoctorRep
     const bool simulated = isSimulated(service, valueOf("fake_device_settings.enable_fake_device"));
     if (simulated) {
         report.add({"device", Verdict::kOk, "simulated ones need no library and no bus", ""});
+    } else if (service.isElsewhere()) {
+        report.add({"device", Verdict::kOk, "the service runs outside of this container", ""});
     } else {
         checkLibraries(report);
         const size_t count =
@@ -63,7 +65,7 @@ void examine(const DoctorOptions& options, Interruption& interruption, DoctorRep
         }
     }
     checkSharedMemory(report);
-    checkDescriptorLimit(service.pid, report);
+    if (!service.isElsewhere()) checkDescriptorLimit(service.pid, report);
     if (service.status) checkInference(options.graph, simulated, interruption, report);
 }
 

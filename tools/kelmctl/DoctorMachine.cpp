@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +19,7 @@
 #include "client/SegmentName.h"
 #include "config/AcceleratorLibraries.h"
 #include "tools/kelmctl/ConfigCheck.h"
+#include "tools/kelmctl/PortArrivals.h"
 #include "tools/kelmctl/ProcessFacts.h"
 #include "utils/RunPaths.h"
 
@@ -94,6 +96,37 @@ void checkNode(const std::filesystem::path& device, pid_t service, DoctorReport&
     } else {
         report.add({"device", Verdict::kOk, fmt::format("port {}: {}", port, node), ""});
     }
+}
+
+// A device that the service resets once in a while is no sign; one that comes again and again is.
+void checkArrivals(const UsbId& wanted, DoctorReport& report) {
+    constexpr const char* kCheck = "port";
+    constexpr int kMany = 3;
+    constexpr std::chrono::hours kLookBack{1};
+    const auto log = readKernelLog();
+    if (!log) {
+        return report.add(
+            {kCheck, Verdict::kOk,
+             "whether devices keep leaving is not told: this user may not read the kernel's log",
+             ""});
+    }
+    // The log counts as this clock does, from the start of the machine.
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto since =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::max(now - kLookBack, now * 0));
+    const auto counts =
+        countArrivals(*log, wanted.vendor, wanted.product, static_cast<uint64_t>(since.count()));
+    bool isQuiet = true;
+    for (const auto& [port, count] : counts) {
+        if (count < kMany) continue;
+        isQuiet = false;
+        report.add(
+            {kCheck, Verdict::kWarning,
+             fmt::format("a device has come to port {} {} times within an hour", port, count),
+             "look at its power and cable: try another cable, and a powered hub with fewer "
+             "devices; if it goes on at another port, the device is at fault"});
+    }
+    if (isQuiet) report.add({kCheck, Verdict::kOk, "no device keeps coming and leaving", ""});
 }
 
 void checkLeftOvers(DoctorReport& report) {
@@ -188,6 +221,7 @@ size_t checkDeviceNodes(const std::string& vendor, const std::string& product, p
                     "lsusb; for simulated devices set fake_device_settings.enable_fake_device to "
                     "true"});
     }
+    checkArrivals(wanted, report);
     return count;
 }
 

@@ -18,7 +18,8 @@ void checkRunDirectory(DoctorReport& report);
 // The libraries that the service loads when it uses accelerators.
 void checkLibraries(DoctorReport& report);
 // The nodes of the accelerators on the USB bus, how many they are, and whether the service may use
-// them; 0: for the user of this process.
+// them; 0: for the user of this process. Ports whose device comes again and again, by the kernel's
+// log.
 size_t checkDeviceNodes(const std::string& vendor, const std::string& product, pid_t service,
                         DoctorReport& report);
 void checkSharedMemory(DoctorReport& report);

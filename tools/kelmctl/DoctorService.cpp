@@ -75,7 +75,9 @@ void checkLock(const std::string& path, const ServiceLook& service, DoctorReport
         return report.add({"lock", Verdict::kProblem, path + " is no plain file",
                            "find out who put it there, and remove it"});
     }
-    const pid_t holder = findLockHolder(path);
+    pid_t holder = findLockHolder(path);
+    // The kernel does not list those of a service outside of this container.
+    if (holder == 0 && service.isElsewhere() && lookAtLock(path) == LockState::kHeld) holder = -1;
     const std::string text = fmt::format("{} is {}", path,
                                          holder != 0 ? "held by " + ProcessFacts(holder).describe()
                                          : isThere   ? "free"

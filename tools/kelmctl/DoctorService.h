@@ -16,6 +16,9 @@ class Interruption;
 struct ServiceLook {
     pid_t pid = 0;  // that listens on the socket; 0: nobody does, or it cannot be seen from here
     std::optional<client::ServiceStatus> status;  // nothing: the service does not answer
+
+    // Outside of this container: what it has of the machine is not what is seen from here.
+    bool isElsewhere() const { return status && pid <= 0; }
 };
 
 // The checks of the service itself. Each adds one row or more.
