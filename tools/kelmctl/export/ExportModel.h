@@ -1,0 +1,81 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kelm::ctl {
+
+// Names are those that clients and devices gave, any bytes but NUL: each output escapes them for
+// itself. Rates are per second. What the service does not tell has no value.
+
+struct ExportedDevice {
+    std::string name;
+    bool isPresent = true;  // false: it was there, and is lost; then only the names are known
+    uint32_t id = 0;
+    int32_t subclass = 0;
+    double fps = 0.0;
+    std::optional<double> temperature;  // degrees Celsius
+    std::optional<int32_t> throttling;  // level, 0: none
+    uint64_t replugs = 0;               // times that it came back after it was lost
+    std::vector<std::string> graphs;    // resident
+};
+
+struct ExportedGraph {
+    std::string name;
+    std::optional<uint64_t> id;  // of the service, new with each load of the file
+    double fpsIn = 0.0;          // submitted
+    double fpsOut = 0.0;         // done
+    std::optional<uint64_t> waiting;
+    std::optional<uint32_t> devices;  // that run it
+    std::optional<uint32_t> clients;
+    // Of all graphs of this name since the exporter has known it: loads onto and unloads from
+    // devices, and inferences.
+    uint64_t movesIn = 0;
+    uint64_t movesOut = 0;
+    uint64_t inferences = 0;
+};
+
+struct ExportedClient {
+    std::string name;
+    std::optional<uint64_t> id;
+    std::optional<double> fps;
+    std::optional<uint64_t> waiting;
+};
+
+// Of the service's process.
+struct ExportedService {
+    std::optional<pid_t> pid;  // not in another pid namespace
+    std::optional<uint64_t> residentBytes;
+    std::optional<uint64_t> virtualBytes;
+    std::optional<uint64_t> threads;
+    std::optional<uint64_t> descriptors;  // only its own user and root are told
+    std::optional<uint64_t> descriptorLimit;
+    double fps = 0.0;
+    std::string deviceScheduler;
+    std::string taskScheduler;
+    // True ones, where an answer has room for 32 devices and 64 graphs and clients.
+    uint32_t deviceCount = 0;
+    uint32_t graphCount = 0;
+    uint32_t clientCount = 0;
+};
+
+// The service at one moment. Immutable once it is handed out.
+struct ExportSnapshot {
+    uint64_t number = 0;  // 1 for the first, and so on
+    std::chrono::system_clock::time_point time;
+    bool isUp = false;
+    std::string why;             // not up: the reason, in one line
+    std::string missing;         // up: why there is no more than the short status, else empty
+    uint64_t samplingErrors = 0;  // looks that found no service, since the exporter has started
+    ExportedService service;     // empty while it is down
+    std::vector<ExportedDevice> devices;  // lost ones too; while it is down all are lost
+    std::vector<ExportedGraph> graphs;
+    std::vector<ExportedClient> clients;
+};
+
+}  // namespace kelm::ctl

@@ -1,0 +1,7 @@
+#include "tools/kelmctl/export/PageRoutes.h"
+
+namespace kelm::ctl {
+
+std::unique_ptr<PageRoutes> makePageRoutes() { return nullptr; }
+
+}  // namespace kelm::ctl
