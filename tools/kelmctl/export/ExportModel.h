@@ -47,6 +47,15 @@ struct ExportedClient {
     std::optional<uint64_t> waiting;
 };
 
+// A graph loaded onto a device or unloaded from it.
+struct ExportedMove {
+    std::chrono::system_clock::time_point time;
+    std::string graph;
+    std::string device;
+    bool isIn = false;
+    std::string reason;
+};
+
 // Of the service's process.
 struct ExportedService {
     std::optional<pid_t> pid;  // not in another pid namespace
@@ -76,6 +85,8 @@ struct ExportSnapshot {
     std::vector<ExportedDevice> devices;  // lost ones too; while it is down all are lost
     std::vector<ExportedGraph> graphs;
     std::vector<ExportedClient> clients;
+    // The last ones, newest first; nothing from a service that does not tell them.
+    std::optional<std::vector<ExportedMove>> moves;
 };
 
 }  // namespace kelm::ctl

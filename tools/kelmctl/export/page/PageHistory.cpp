@@ -1,0 +1,92 @@
+#include "tools/kelmctl/export/page/PageHistory.h"
+
+#include <algorithm>
+
+namespace kelm::ctl {
+
+namespace {
+
+// Nothing where no part of it is known.
+template <class Parts, class Value, class Join>
+std::optional<double> joinKnown(const Parts& parts, Value value, Join join) {
+    std::optional<double> joined;
+    for (const auto& part : parts) {
+        const std::optional<double> known = value(part);
+        if (known) joined = joined ? join(*joined, *known) : *known;
+    }
+    return joined;
+}
+
+std::optional<double> waitingOf(const ExportSnapshot& snapshot) {
+    if (!snapshot.missing.empty()) return std::nullopt;
+    const auto known = joinKnown(
+        snapshot.graphs,
+        [](const ExportedGraph& graph) -> std::optional<double> {
+            if (!graph.waiting) return std::nullopt;
+            return static_cast<double>(*graph.waiting);
+        },
+        [](double a, double b) { return a + b; });
+    // Without a graph nothing waits; a row that is too new for its figure is a gap.
+    return snapshot.graphs.empty() ? 0.0 : known;
+}
+
+std::optional<double> hottestOf(const ExportSnapshot& snapshot) {
+    return joinKnown(
+        snapshot.devices,
+        [](const ExportedDevice& device) {
+            return device.isPresent ? device.temperature : std::nullopt;
+        },
+        [](double a, double b) { return std::max(a, b); });
+}
+
+}  // namespace
+
+void PageHistory::addTo(Series& series, std::optional<double> value) {
+    if (series.empty()) series.emplace_back();
+    if (!value) return;
+    series.back().sum += *value;
+    ++series.back().count;
+}
+
+void PageHistory::advance(int64_t slot) {
+    const int64_t passed = m_slot ? slot - *m_slot : 0;
+    m_slot = slot;
+    const auto added = static_cast<size_t>(std::clamp<int64_t>(passed, 0, kSlots));
+    const auto shift = [&](Series& series) {
+        series.resize(series.size() + added);
+        while (series.size() > kSlots) series.pop_front();
+    };
+    std::ranges::for_each(m_figures, shift);
+    for (auto& [name, series] : m_devices) shift(series);
+    std::erase_if(m_devices, [](const auto& device) {
+        return std::ranges::none_of(device.second, [](const Mean& mean) { return mean.count > 0; });
+    });
+}
+
+void PageHistory::add(const ExportSnapshot& snapshot, Time now) {
+    advance(now.time_since_epoch() / kSlot);
+    if (!snapshot.isUp) return;
+    addTo(m_figures[kRate], snapshot.service.fps);
+    addTo(m_figures[kWaiting], waitingOf(snapshot));
+    addTo(m_figures[kHottest], hottestOf(snapshot));
+    for (const ExportedDevice& device : snapshot.devices) {
+        if (!device.isPresent) continue;
+        const bool isKnown = m_devices.contains(device.name);
+        if (isKnown || m_devices.size() < kMostDevices) addTo(m_devices[device.name], device.fps);
+    }
+}
+
+PageHistory::Values PageHistory::valuesOf(const Series& series) {
+    Values values(kSlots - series.size());
+    for (const Mean& mean : series) {
+        values.push_back(mean.count > 0 ? std::optional(mean.sum / mean.count) : std::nullopt);
+    }
+    return values;
+}
+
+PageHistory::Values PageHistory::deviceRate(const std::string& name) const {
+    const auto found = m_devices.find(name);
+    return found != m_devices.end() ? valuesOf(found->second) : Values(kSlots);
+}
+
+}  // namespace kelm::ctl
