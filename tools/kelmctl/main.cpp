@@ -23,6 +23,7 @@
 #include "tools/kelmctl/UsageError.h"
 #include "tools/kelmctl/VersionCommand.h"
 #include "tools/kelmctl/WaitReadyCommand.h"
+#include "tools/kelmctl/export/ExportCommand.h"
 
 namespace {
 
@@ -211,6 +212,19 @@ Command addDoctor(CLI::App& app) {
     return {command, [options] { return kelm::ctl::runDoctor(*options); }};
 }
 
+Command addExport(CLI::App& app) {
+    CLI::App* command = app.add_subcommand(
+        "export", "serve the status over HTTP, for Prometheus and for health checks");
+    const auto options = std::make_shared<kelm::ctl::ExportOptions>();
+    command->add_option("--listen", options->listen, "ADDRESS:PORT, with port 0 any free one")
+        ->capture_default_str();
+    command->add_option("--probe", options->probes,
+                        "compiled graph to run at an interval; may be given several times");
+    command->add_option("--probe-interval", options->probeInterval, "seconds")
+        ->capture_default_str();
+    return {command, [options] { return kelm::ctl::runExport(*options); }};
+}
+
 Command addVersion(CLI::App& app) {
     CLI::App* command = app.add_subcommand("version", "print the versions of tool and library");
     return {command, [] {
@@ -267,9 +281,10 @@ int main(int argc, char** argv) {
         "Exit status: 0; 1 when the command failed; 2 for a mistake in the arguments; 128 "
         "and the number of a signal that ended it early.");
     app.set_version_flag("--version", kelm::ctl::versionText);
-    const Command commands[] = {addInfer(app), addLoad(app),   addBench(app),     addStatus(app),
-                                addTop(app),   addTrace(app),  addWaitReady(app), addStop(app),
-                                addReset(app), addConfig(app), addDoctor(app),    addVersion(app)};
+    const Command commands[] = {addInfer(app),  addLoad(app),   addBench(app),     addStatus(app),
+                                addTop(app),    addTrace(app),  addWaitReady(app), addStop(app),
+                                addReset(app),  addConfig(app), addDoctor(app),    addExport(app),
+                                addVersion(app)};
     try {
         checkCommand(app, std::span(argv, static_cast<size_t>(argc)).subspan(1));
         app.parse(argc, argv);

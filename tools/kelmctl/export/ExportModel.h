@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,33 +16,39 @@ namespace kelm::ctl {
 
 struct ExportedDevice {
     std::string name;
-    bool isPresent = true;  // false: it was there, and is lost; then only the names are known
+    uint64_t replugs = 0;   // times that it came back while the service ran
+    bool isPresent = true;  // false: it was there and is lost; only what stands above is known
     uint32_t id = 0;
     int32_t subclass = 0;
     double fps = 0.0;
     std::optional<double> temperature;  // degrees Celsius
     std::optional<int32_t> throttling;  // level, 0: none
-    uint64_t replugs = 0;               // times that it came back after it was lost
     std::vector<std::string> graphs;    // resident
+};
+
+// Counted by the exporter, of all graphs of one name: loads onto and unloads from devices, and
+// inferences.
+struct ExportedTotals {
+    uint64_t movesIn = 0;
+    uint64_t movesOut = 0;
+    uint64_t inferences = 0;
 };
 
 struct ExportedGraph {
     std::string name;
+    bool isListed = true;        // false: so many names came that this one is counted with others
     std::optional<uint64_t> id;  // of the service, new with each load of the file
     double fpsIn = 0.0;          // submitted
     double fpsOut = 0.0;         // done
     std::optional<uint64_t> waiting;
     std::optional<uint32_t> devices;  // that run it
     std::optional<uint32_t> clients;
-    // Of all graphs of this name since the exporter has known it: loads onto and unloads from
-    // devices, and inferences.
-    uint64_t movesIn = 0;
-    uint64_t movesOut = 0;
-    uint64_t inferences = 0;
+    ExportedTotals totals;  // of its name; zeros if it is not listed
 };
 
 struct ExportedClient {
     std::string name;
+    bool isListed = true;  // as of a graph
     std::optional<uint64_t> id;
     std::optional<double> fps;
     std::optional<uint64_t> waiting;
@@ -75,18 +82,21 @@ struct ExportedService {
 
 // The service at one moment. Immutable once it is handed out.
 struct ExportSnapshot {
-    uint64_t number = 0;  // 1 for the first, and so on
+    uint64_t number = 0;  // 1 for the first, and so on; 0: nobody has looked yet
     std::chrono::system_clock::time_point time;
     bool isUp = false;
-    std::string why;             // not up: the reason, in one line
-    std::string missing;         // up: why there is no more than the short status, else empty
+    std::string why;              // not up: the reason, in one line
+    std::string missing;          // up: why there is no more than the short status, else empty
     uint64_t samplingErrors = 0;  // looks that found no service, since the exporter has started
-    ExportedService service;     // empty while it is down
-    std::vector<ExportedDevice> devices;  // lost ones too; while it is down all are lost
+    // All empty while it is down.
+    ExportedService service;
+    std::vector<ExportedDevice> devices;
     std::vector<ExportedGraph> graphs;
     std::vector<ExportedClient> clients;
     // The last ones, newest first; nothing from a service that does not tell them.
     std::optional<std::vector<ExportedMove>> moves;
+    // By the names of graphs, also of those that have departed within the hour; "" is all others.
+    std::map<std::string, ExportedTotals> totals;
 };
 
 }  // namespace kelm::ctl

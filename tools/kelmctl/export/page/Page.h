@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "tools/kelmctl/export/PageRoutes.h"
@@ -26,7 +27,7 @@ class Page : public PageRoutes {
     const std::string m_policy;  // Content-Security-Policy
     mutable Mutex m_mutex;
     PageHistory m_history GUARDED_BY(m_mutex);
-    mutable uint64_t m_eventNumber GUARDED_BY(m_mutex) = 0;  // of the snapshot; 0: no event yet
+    mutable std::optional<uint64_t> m_eventNumber GUARDED_BY(m_mutex);  // of the snapshot
     mutable std::string m_event GUARDED_BY(m_mutex);
 };
 

@@ -114,7 +114,7 @@ double chartTop(const Values& values) {
     const auto extent = extentOf(values);
     if (!extent || extent->greatest <= 1.0) return 1.0;
     const double power = std::pow(10.0, std::floor(std::log10(extent->greatest)));
-    for (const double step : {1.0, 2.0, 5.0}) {
+    for (const double step : {1.0, 1.5, 2.0, 3.0, 4.0, 5.0, 6.0, 8.0}) {
         if (extent->greatest <= step * power) return step * power;
     }
     return 10.0 * power;
@@ -135,8 +135,9 @@ void writeChart(HtmlWriter& html, const ChartTexts& texts, const Values& values)
             html, "div",
             {{"class", "plot"}, {"data-values", forScript(values)}, {"data-unit", texts.unit}});
         writePicture(html, inWords(texts, values), values, top);
-        html.leaf("span", showNumber(top, 0), {{"class", "top"}, {"aria-hidden", "true"}});
-        html.leaf("span", showNumber(top / 2, top < 10 ? 1 : 0),
+        html.leaf("span", showNumber(top, top < 20 ? 1 : 0),
+                  {{"class", "top"}, {"aria-hidden", "true"}});
+        html.leaf("span", showNumber(top / 2, top < 20 ? 1 : 0),
                   {{"class", "middle"}, {"aria-hidden", "true"}});
     }
     const HtmlWriter::Element axis(html, "div", {{"class", "axis"}, {"aria-hidden", "true"}});

@@ -21,7 +21,7 @@ struct ChartTexts {
 void writeChart(HtmlWriter& html, const ChartTexts& texts, const PageHistory::Values& values);
 // The line alone, without words: the value stands beside it. `top` is the value at the upper edge.
 void writeSparkline(HtmlWriter& html, const PageHistory::Values& values, double top);
-// The least of 1, 2 and 5 times a power of ten that the values do not exceed; 1 at least.
+// The upper edge for the values: 1 at least, and round.
 double chartTop(const PageHistory::Values& values);
 
 }  // namespace kelm::ctl

@@ -38,6 +38,11 @@ Json toJson(const ExportedDevice& device) {
             {"graphs", device.graphs}};
 }
 
+// One that is counted with others has no total of its own.
+Json total(const ExportedGraph& graph, uint64_t count) {
+    return graph.isListed ? Json(count) : Json();
+}
+
 Json toJson(const ExportedGraph& graph) {
     return {{"name", graph.name},
             {"id", known(graph.id)},
@@ -46,9 +51,9 @@ Json toJson(const ExportedGraph& graph) {
             {"waiting", known(graph.waiting)},
             {"devices", known(graph.devices)},
             {"clients", known(graph.clients)},
-            {"moves_in", graph.movesIn},
-            {"moves_out", graph.movesOut},
-            {"inferences", graph.inferences}};
+            {"moves_in", total(graph, graph.totals.movesIn)},
+            {"moves_out", total(graph, graph.totals.movesOut)},
+            {"inferences", total(graph, graph.totals.inferences)}};
 }
 
 Json toJson(const ExportedClient& client) {

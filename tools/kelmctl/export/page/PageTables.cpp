@@ -31,6 +31,10 @@ std::string showKnown(const std::optional<Count>& count) {
     return count ? showCount(*count) : std::string(kUnknown);
 }
 
+std::string showTotal(const ExportedGraph& graph, uint64_t total) {
+    return graph.isListed ? showCount(total) : std::string(kUnknown);
+}
+
 // A number of a row, under its label.
 template <class Row>
 struct NumberColumn {
@@ -48,9 +52,11 @@ constexpr NumberColumn<ExportedGraph> kGraphColumns[] = {
     {"Waiting", [](const ExportedGraph& graph) { return showKnown(graph.waiting); }},
     {"Devices", [](const ExportedGraph& graph) { return showKnown(graph.devices); }},
     {"Clients", [](const ExportedGraph& graph) { return showKnown(graph.clients); }},
-    {"Moves in", [](const ExportedGraph& graph) { return showCount(graph.movesIn); }},
-    {"Moves out", [](const ExportedGraph& graph) { return showCount(graph.movesOut); }},
-    {"Inferences", [](const ExportedGraph& graph) { return showCount(graph.inferences); }},
+    {"Moves in", [](const ExportedGraph& graph) { return showTotal(graph, graph.totals.movesIn); }},
+    {"Moves out",
+     [](const ExportedGraph& graph) { return showTotal(graph, graph.totals.movesOut); }},
+    {"Inferences",
+     [](const ExportedGraph& graph) { return showTotal(graph, graph.totals.inferences); }},
 };
 
 constexpr NumberColumn<ExportedClient> kClientColumns[] = {

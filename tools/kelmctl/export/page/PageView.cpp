@@ -46,6 +46,7 @@ struct State {
 };
 
 State stateOf(const ExportSnapshot& snapshot) {
+    if (snapshot.number == 0) return {kAttention, "Looking for the service", ""};
     if (!snapshot.isUp) return {kBad, "No service", snapshot.why};
     const DeviceCounts counts(snapshot);
     const size_t serving = counts.all - counts.lost;
@@ -134,6 +135,8 @@ void PageView::writeSummary(HtmlWriter& html) const {
 void PageView::writeCharts(HtmlWriter& html) const {
     const Element section(html, "section", {{"aria-labelledby", "past"}});
     html.leaf("h2", "The last 15 minutes", {{"id", "past"}});
+    html.leaf("p", "Means of 5 seconds; nothing is known where a chart is shaded.",
+              {{"class", "note"}});
     const Element charts(html, "div", {{"class", "charts"}});
     writeChart(html, {"Inferences per second", "", 1}, m_history.values(PageHistory::kRate));
     writeChart(html, {"Waiting tasks", "", 1}, m_history.values(PageHistory::kWaiting));
