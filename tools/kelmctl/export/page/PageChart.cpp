@@ -46,6 +46,11 @@ std::string lineOf(const Values& values, const Run& run, double top) {
     return path;
 }
 
+void writeLine(HtmlWriter& html, const Values& values, const Run& run, double top) {
+    const bool isDot = run.end == run.first + 1;
+    html.empty("path", {{"class", isDot ? "line dot" : "line"}, {"d", lineOf(values, run, top)}});
+}
+
 struct Extent {
     double least;
     double greatest;
@@ -95,7 +100,7 @@ void writePicture(HtmlWriter& html, const std::string& words, const Values& valu
             html.empty("path", {{"class", "area"},
                                 {"d", fmt::format("{}L{} {}L{} {}Z", line, run.end - 1, kHeight,
                                                   run.first, kHeight)}});
-            html.empty("path", {{"class", "line"}, {"d", line}});
+            writeLine(html, values, run, top);
         } else if (wasKnown) {
             const size_t end = std::min(run.end, width);
             html.empty("rect", {{"class", "gap"},
@@ -164,7 +169,7 @@ void writeSparkline(HtmlWriter& html, const Values& values, double top) {
          {"preserveAspectRatio", "none"},
          {"aria-hidden", "true"}});
     for (const Run& run : runsOf(coarse)) {
-        if (run.isKnown) html.empty("path", {{"class", "line"}, {"d", lineOf(coarse, run, top)}});
+        if (run.isKnown) writeLine(html, coarse, run, top);
     }
 }
 

@@ -43,9 +43,11 @@ std::optional<double> hottestOf(const ExportSnapshot& snapshot) {
 
 void PageHistory::addTo(Series& series, std::optional<double> value) {
     if (series.empty()) series.emplace_back();
+    Mean& mean = series.back();
+    mean.newest = value;
     if (!value) return;
-    series.back().sum += *value;
-    ++series.back().count;
+    mean.sum += *value;
+    ++mean.count;
 }
 
 void PageHistory::advance(int64_t slot) {
@@ -55,6 +57,7 @@ void PageHistory::advance(int64_t slot) {
     const auto shift = [&](Series& series) {
         series.resize(series.size() + added);
         while (series.size() > kSlots) series.pop_front();
+        if (!series.empty()) series.back().newest.reset();
     };
     std::ranges::for_each(m_figures, shift);
     for (auto& [name, series] : m_devices) shift(series);
@@ -81,6 +84,7 @@ PageHistory::Values PageHistory::valuesOf(const Series& series) {
     for (const Mean& mean : series) {
         values.push_back(mean.count > 0 ? std::optional(mean.sum / mean.count) : std::nullopt);
     }
+    if (!series.empty()) values.back() = series.back().newest;
     return values;
 }
 

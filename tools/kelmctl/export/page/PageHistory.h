@@ -42,12 +42,14 @@ class PageHistory {
     struct Mean {
         double sum = 0.0;
         uint32_t count = 0;
+        std::optional<double> newest;
     };
     // The newest last; shorter where the figure is younger.
     using Series = std::deque<Mean>;
 
     static Values valuesOf(const Series& series);
     static void addTo(Series& series, std::optional<double> value);
+    // No newest value is known then.
     void advance(int64_t slot);
 
     std::optional<int64_t> m_slot;  // of the newest means

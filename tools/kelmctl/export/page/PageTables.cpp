@@ -130,7 +130,7 @@ std::vector<const Row*> inOrder(const std::vector<Row>& rows) {
     return ordered;
 }
 
-// One table of names and numbers; instead of one without rows, a sentence.
+// One table of names and numbers.
 template <class Row>
 void writeRows(HtmlWriter& html, std::string_view id, std::string_view first,
                const std::vector<Row>& rows, Numbers<Row> columns) {
@@ -162,9 +162,8 @@ void writeHeading(HtmlWriter& html, std::string_view id, std::string_view text, 
               {{"class", "note"}});
 }
 
-void writeNone(HtmlWriter& html, const ExportSnapshot& snapshot, std::string_view words) {
-    html.leaf("p", snapshot.isUp ? words : "Not known while there is no service.",
-              {{"class", "none"}});
+void writeNone(HtmlWriter& html, std::string_view words) {
+    html.leaf("p", words, {{"class", "none"}});
 }
 
 struct DeviceState {
@@ -234,7 +233,7 @@ void writeDevices(HtmlWriter& html, const ExportSnapshot& snapshot, const PageHi
     writeHeading(html, "devices", "Devices and what is resident on them", present,
                  snapshot.service.deviceCount);
     if (snapshot.devices.empty()) {
-        writeNone(html, snapshot, "There is no device. See kelmctl doctor.");
+        writeNone(html, "There is no device. See kelmctl doctor.");
         return;
     }
     const std::vector<std::string> graphs = graphNames(snapshot);
@@ -265,7 +264,7 @@ void writeGraphs(HtmlWriter& html, const ExportSnapshot& snapshot) {
     const Element section(html, "section", {});
     writeHeading(html, "graphs", "Graphs", snapshot.graphs.size(), snapshot.service.graphCount);
     if (snapshot.graphs.empty()) {
-        writeNone(html, snapshot, "No client has a graph loaded.");
+        writeNone(html, "No client has a graph loaded.");
         return;
     }
     writeRows(html, "graphs", "Graph", snapshot.graphs, kGraphColumns);
@@ -275,7 +274,7 @@ void writeClients(HtmlWriter& html, const ExportSnapshot& snapshot) {
     const Element section(html, "section", {});
     writeHeading(html, "clients", "Clients", snapshot.clients.size(), snapshot.service.clientCount);
     if (snapshot.clients.empty()) {
-        writeNone(html, snapshot, "No client is registered.");
+        writeNone(html, "No client is registered.");
         return;
     }
     writeRows(html, "clients", "Client", snapshot.clients, kClientColumns);

@@ -88,11 +88,13 @@ std::string PageView::body() const {
     writeState(html);
     writeSummary(html);
     writeCharts(html);
-    writeDevices(html, m_snapshot, m_history);
-    writeGraphs(html, m_snapshot);
-    writeClients(html, m_snapshot);
-    writeMoves(html);
-    writeService(html);
+    if (m_snapshot.isUp) {
+        writeDevices(html, m_snapshot, m_history);
+        writeGraphs(html, m_snapshot);
+        writeClients(html, m_snapshot);
+        writeMoves(html);
+        writeService(html);
+    }
     return html.str();
 }
 
@@ -161,7 +163,6 @@ void PageView::writeMoves(HtmlWriter& html) const {
 }
 
 void PageView::writeService(HtmlWriter& html) const {
-    if (!m_snapshot.isUp) return;
     const ExportedService& service = m_snapshot.service;
     const Element section(html, "section", {{"aria-labelledby", "service"}});
     html.leaf("h2", "The service", {{"id", "service"}});
