@@ -5,7 +5,6 @@ import json
 import os
 import pathlib
 import signal
-import subprocess
 import tempfile
 import time
 from typing import Any, Dict, List, Optional
@@ -16,6 +15,12 @@ window.violations = [];
 addEventListener("securitypolicyviolation", (e) => violations.push(e.violatedDirective));
 """
 
+FLAGS = (
+    "--headless --no-sandbox --disable-gpu --disable-dev-shm-usage --no-first-run "
+    "--disable-background-networking --disable-component-update --hide-scrollbars "
+    "--force-color-profile=srgb --remote-debugging-pipe"
+).split()
+
 
 class Browser:
     def __init__(self, program: str) -> None:
@@ -23,15 +28,13 @@ class Browser:
         read, self._orders = os.pipe()
         self._answers, write = os.pipe()
         # Without a sandbox, which root cannot have; it loads this test's own pages only.
-        command = (
-            f"exec {program} --headless --no-sandbox --disable-gpu --disable-dev-shm-usage"
-            f" --no-first-run --disable-background-networking --disable-component-update"
-            f" --hide-scrollbars --force-color-profile=srgb --user-data-dir={self._profile.name}"
-            f" --remote-debugging-pipe about:blank 3<&{read} 4>&{write}"
-        )
-        self._process = subprocess.Popen(
-            ["/bin/sh", "-c", command], pass_fds=(read, write), stderr=subprocess.DEVNULL,
-            env={**os.environ, "HOME": self._profile.name}, start_new_session=True,
+        arguments = [program, *FLAGS, f"--user-data-dir={self._profile.name}", "about:blank"]
+        self._pid = os.posix_spawnp(
+            program, arguments, {**os.environ, "HOME": self._profile.name}, setsid=True,
+            file_actions=[
+                (os.POSIX_SPAWN_DUP2, read, 3), (os.POSIX_SPAWN_DUP2, write, 4),
+                (os.POSIX_SPAWN_OPEN, 2, os.devnull, os.O_WRONLY, 0),
+            ],
         )
         os.close(read)
         os.close(write)
@@ -63,8 +66,8 @@ class Browser:
         return json.loads(text)
 
     def close(self) -> None:
-        os.killpg(self._process.pid, signal.SIGKILL)
-        self._process.wait()
+        os.killpg(self._pid, signal.SIGKILL)
+        os.waitpid(self._pid, 0)
         os.close(self._orders)
         os.close(self._answers)
         self._profile.cleanup()
