@@ -9,6 +9,8 @@ namespace kelm::ctl {
 
 namespace {
 
+// What the status tells of a device that holds none.
+constexpr const char* kNoGraph = "NoGraph";
 constexpr uint64_t kMegabyte = 1024 * 1024;
 
 ExportedService serviceOf(const StatusLook& look) {
@@ -32,7 +34,7 @@ std::vector<std::string> residentGraphs(const client::DeviceStatus& device,
     std::vector<std::string> graphs;
     if (more != nullptr) {
         for (const client::CurrentGraph& graph : more->current) graphs.push_back(graph.name);
-    } else if (!device.graph.empty()) {
+    } else if (!device.graph.empty() && device.graph != kNoGraph) {
         graphs.push_back(device.graph);
     }
     return graphs;

@@ -21,9 +21,9 @@ struct ExportRoutes {
 
 // Answers GET and HEAD over HTTP, one request a connection, and streams events. Bounded whatever
 // its peers do: 16 connections, 8 of them streams; more are refused with 503. A request of more
-// than 16 KB, one that takes more than five seconds to come, and a reader that takes no byte of
-// what is sent for five seconds, are hung up on. On a loopback address only requests to a loopback
-// name are answered: a page of another site could have its own name lead here.
+// than 16 KB is refused; one that takes more than five seconds to come, and a reader who takes as
+// long to receive an answer or an event, are hung up on. On a loopback address only requests to a
+// loopback name are answered: a page of another site could have its own name lead here.
 //
 // Threads: one that accepts, 16 that answer; any may make and destroy it.
 // Owns: its threads and sockets. Locks: none but those of what it uses.
