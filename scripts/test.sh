@@ -13,7 +13,7 @@ if [ "${1:-}" = "--only" ]; then
     steps=("$2")
 fi
 
-./scripts/packages.sh git clang clang-format clang-tidy umockdev libumockdev-dev abigail-tools prometheus || exit 1
+./scripts/packages.sh git clang clang-format clang-tidy umockdev libumockdev-dev abigail-tools prometheus chromium || exit 1
 jobs=$(nproc)
 # Many tests wait for the service more than they compute.
 test_jobs=$((jobs + (jobs + 1) / 2))

@@ -68,7 +68,7 @@
   function open() {
     source?.close();
     heard = performance.now();
-    source = new EventSource("/events");
+    source = new EventSource("events");
     source.onmessage = show;
     source.onerror = lose;
   }
