@@ -56,7 +56,7 @@ def main() -> None:
     service = Service(latency_ms=12, devices=4)
     exporter = subprocess.Popen(
         [os.environ["KELM_CTL"], "export", "--listen", "127.0.0.1:0"],
-        env=service.environment, stdout=subprocess.PIPE, text=True,
+        cwd=service.dir, env=service.environment, stdout=subprocess.PIPE, text=True,
     )
     try:
         port = exporter.stdout.readline().split()[-1]

@@ -35,7 +35,7 @@ class PageTest(unittest.TestCase):
     def start_exporter(self, port: int) -> None:
         self.exporter = subprocess.Popen(
             [os.environ["KELM_CTL"], "export", "--listen", f"127.0.0.1:{port}"],
-            env=self.service.environment, stdout=subprocess.PIPE, text=True,
+            cwd=self.service.dir, env=self.service.environment, stdout=subprocess.PIPE, text=True,
         )
         self.port = int(self.exporter.stdout.readline().split()[-1])
 
