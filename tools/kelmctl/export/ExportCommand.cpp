@@ -54,9 +54,7 @@ class Answers {
     // The first request may come before the first look has ended.
     ExportFeed::Shared newest() {
         constexpr std::chrono::seconds kFirstLook{3};
-        const ExportFeed::Shared snapshot = m_feed.newest();
-        if (snapshot->number > 0) return snapshot;
-        (void)m_feed.waitNewer(0, kFirstLook);
+        if (m_feed.newest()->number == 0) (void)m_feed.waitNewer(0, kFirstLook);
         return m_feed.newest();
     }
 

@@ -99,7 +99,7 @@ void writeLatencies(Writer& to, const Input& from) {
             count += probe.latencies[i];
             const std::string bound =
                 i < kProbeBuckets.size() ? fmt::format("{}", kProbeBuckets[i]) : "+Inf";
-            to.addPart("_bucket", head + ",le=\"" + bound + "\"}", toDouble(count));
+            to.addPart("_bucket", fmt::format("{},le=\"{}\"}}", head, bound), toDouble(count));
         }
         to.addPart("_sum", graph, probe.sumSeconds);
         to.addPart("_count", graph, toDouble(count));
