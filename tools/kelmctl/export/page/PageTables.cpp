@@ -6,6 +6,8 @@
 #include <span>
 #include <string>
 #include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "tools/kelmctl/export/page/HtmlWriter.h"
@@ -124,6 +126,7 @@ void writeNumberHeads(HtmlWriter& html, Numbers<Row> columns) {
 template <class Row>
 std::vector<const Row*> inOrder(const std::vector<Row>& rows) {
     std::vector<const Row*> ordered;
+    ordered.reserve(rows.size());
     for (const Row& row : rows) ordered.push_back(&row);
     std::ranges::stable_sort(ordered, {},
                              [](const Row* row) { return std::tie(row->name, row->id); });
