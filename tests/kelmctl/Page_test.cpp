@@ -83,6 +83,33 @@ TEST(PageHistoryTest, KeepsNoMoreDevicesThanItSays) {
     EXPECT_TRUE(isKnown("new"));
 }
 
+TEST(PageTest, TellsHowManyDevicesServe) {
+    struct Row {
+        uint32_t serving;
+        bool isLost;
+        int32_t throttling;
+        std::string title;
+        std::string trouble;
+    };
+    const Row rows[] = {{0, false, 0, "No device", "found no device"},
+                        {0, true, 0, "No device", "All devices are lost"},
+                        {1, false, 0, "Serving on 1 device", ""},
+                        {33, false, 2, "Serving on 33 devices", "1 throttled"},
+                        {33, true, 2, "Serving on 33 of 34 devices", "1 lost, 1 throttled"}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.title);
+        ExportSnapshot snapshot = snapshotOf(1, "a");
+        snapshot.number = 1;
+        snapshot.service.deviceCount = row.serving;
+        snapshot.devices[0].throttling = row.throttling;
+        if (row.isLost) snapshot.devices.emplace_back().isPresent = false;
+        const std::string event = Page().event(snapshot);
+        const auto json = nlohmann::json::parse(event.substr(event.find('{')));
+        EXPECT_EQ(json.at("title"), row.title + " \u00b7 kelm");
+        EXPECT_NE(json.at("body").get<std::string>().find(row.trouble), std::string::npos);
+    }
+}
+
 TEST(PageTest, TellsMovesWhereTheServiceDoes) {
     Page page;
     ExportSnapshot snapshot = snapshotOf(1, "a");

@@ -6,40 +6,23 @@ namespace kelm::ctl {
 
 namespace {
 
-// Nothing where no part of it is known.
-template <class Parts, class Value, class Join>
-std::optional<double> joinKnown(const Parts& parts, Value value, Join join) {
-    std::optional<double> joined;
-    for (const auto& part : parts) {
-        const std::optional<double> known = value(part);
-        if (known) joined = joined ? join(*joined, *known) : *known;
-    }
-    return joined;
-}
-
-std::optional<double> waitingOf(const ExportSnapshot& snapshot) {
-    if (!snapshot.missing.empty()) return std::nullopt;
-    const auto known = joinKnown(
-        snapshot.graphs,
-        [](const ExportedGraph& graph) -> std::optional<double> {
-            if (!graph.waiting) return std::nullopt;
-            return static_cast<double>(*graph.waiting);
-        },
-        [](double a, double b) { return a + b; });
-    // Without a graph nothing waits; a row that is too new for its figure is a gap.
-    return snapshot.graphs.empty() ? 0.0 : known;
-}
-
 std::optional<double> hottestOf(const ExportSnapshot& snapshot) {
-    return joinKnown(
-        snapshot.devices,
-        [](const ExportedDevice& device) {
-            return device.isPresent ? device.temperature : std::nullopt;
-        },
-        [](double a, double b) { return std::max(a, b); });
+    std::optional<double> hottest;
+    for (const ExportedDevice& device : snapshot.devices) {
+        // What is not known is less than any.
+        if (device.isPresent) hottest = std::max(hottest, device.temperature);
+    }
+    return hottest;
 }
 
 }  // namespace
+
+std::optional<uint64_t> waitingTasks(const ExportSnapshot& snapshot) {
+    if (!snapshot.isUp || !snapshot.missing.empty()) return std::nullopt;
+    uint64_t waiting = 0;
+    for (const ExportedGraph& graph : snapshot.graphs) waiting += graph.waiting.value_or(0);
+    return waiting;
+}
 
 void PageHistory::addTo(Series& series, std::optional<double> value) {
     if (series.empty()) series.emplace_back();
@@ -70,7 +53,7 @@ void PageHistory::add(const ExportSnapshot& snapshot, Time now) {
     advance(now.time_since_epoch() / kSlot);
     if (!snapshot.isUp) return;
     addTo(m_figures[kRate], snapshot.service.fps);
-    addTo(m_figures[kWaiting], waitingOf(snapshot));
+    addTo(m_figures[kWaiting], waitingTasks(snapshot));
     addTo(m_figures[kHottest], hottestOf(snapshot));
     for (const ExportedDevice& device : snapshot.devices) {
         if (!device.isPresent) continue;

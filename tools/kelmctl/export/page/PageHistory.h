@@ -14,6 +14,9 @@
 
 namespace kelm::ctl {
 
+// Of all graphs; nothing where the service did not tell.
+std::optional<uint64_t> waitingTasks(const ExportSnapshot& snapshot);
+
 // The last 15 minutes of some figures, as means of 5 seconds each. Its size is bounded: 180 means
 // of at most kMostDevices devices and three figures of the whole service.
 //

@@ -17,11 +17,11 @@ namespace {
 using Element = HtmlWriter::Element;
 
 struct DeviceCounts {
-    size_t all = 0;
+    size_t serving;  // the true count: there may be more than rows
     size_t lost = 0;
     size_t throttled = 0;
 
-    explicit DeviceCounts(const ExportSnapshot& snapshot) : all(snapshot.devices.size()) {
+    explicit DeviceCounts(const ExportSnapshot& snapshot) : serving(snapshot.service.deviceCount) {
         for (const ExportedDevice& device : snapshot.devices) {
             if (!device.isPresent) {
                 ++lost;
@@ -49,9 +49,9 @@ State stateOf(const ExportSnapshot& snapshot) {
     if (snapshot.number == 0) return {kAttention, "Looking for the service", ""};
     if (!snapshot.isUp) return {kBad, "No service", snapshot.why};
     const DeviceCounts counts(snapshot);
-    const size_t serving = counts.all - counts.lost;
-    const std::string noun = counts.all == 1 ? " device" : " devices";
-    if (serving == 0) {
+    const size_t all = counts.serving + counts.lost;
+    const std::string noun = all == 1 ? " device" : " devices";
+    if (counts.serving == 0) {
         return {kBad, "No device",
                 counts.lost > 0
                     ? "All devices are lost: tasks wait until one is back."
@@ -59,11 +59,11 @@ State stateOf(const ExportSnapshot& snapshot) {
     }
     if (counts.lost > 0) {
         return {kAttention,
-                "Serving on " + showCount(serving) + " of " + showCount(counts.all) + noun,
+                "Serving on " + showCount(counts.serving) + " of " + showCount(all) + noun,
                 counts.troubles()};
     }
-    return {counts.throttled > 0 ? kAttention : kGood, "Serving on " + showCount(serving) + noun,
-            counts.troubles()};
+    return {counts.throttled > 0 ? kAttention : kGood,
+            "Serving on " + showCount(counts.serving) + noun, counts.troubles()};
 }
 
 void writeTile(HtmlWriter& html, std::string_view label, std::string_view value,
@@ -107,8 +107,10 @@ void PageView::writeState(HtmlWriter& html) const {
         const Element status(html, "p", {{"class", "service"}, {"role", "status"}});
         writeIcon(html, state.icon);
         html.leaf("strong", state.words);
+        html.text(" ");
         if (!state.more.empty()) html.leaf("span", state.more);
     }
+    if (m_snapshot.number == 0) return;
     const Element time(html, "p", {{"class", "time"}});
     html.text("As of ");
     html.leaf("time", showTime(m_snapshot.time), {{"datetime", showMachineTime(m_snapshot.time)}});
@@ -123,12 +125,10 @@ void PageView::writeSummary(HtmlWriter& html) const {
         return m_snapshot.isUp ? std::move(text) : std::string("\u2013");
     };
     const DeviceCounts counts(m_snapshot);
-    uint64_t waiting = 0;
-    for (const ExportedGraph& graph : m_snapshot.graphs) waiting += graph.waiting.value_or(0);
-    const bool isWaitingKnown = m_snapshot.missing.empty();
+    const std::optional<uint64_t> waiting = waitingTasks(m_snapshot);
     const Element list(html, "dl", {{"class", "tiles"}});
     writeTile(html, "Inferences per second", show(showNumber(service.fps, 1)));
-    writeTile(html, "Waiting tasks", isWaitingKnown ? show(showCount(waiting)) : "\u2013");
+    writeTile(html, "Waiting tasks", show(waiting ? showCount(*waiting) : "\u2013"));
     writeTile(html, "Devices", show(showCount(service.deviceCount)), counts.troubles());
     writeTile(html, "Graphs", show(showCount(service.graphCount)));
     writeTile(html, "Clients", show(showCount(service.clientCount)));
@@ -143,7 +143,7 @@ void PageView::writeCharts(HtmlWriter& html) const {
     writeChart(html, {"Inferences per second", "", 1}, m_history.values(PageHistory::kRate));
     writeChart(html, {"Waiting tasks", "", 1}, m_history.values(PageHistory::kWaiting));
     const PageHistory::Values hottest = m_history.values(PageHistory::kHottest);
-    // Simulated devices have no temperature.
+    // Devices tell none before it was first read, and some never do.
     if (isKnown(hottest)) writeChart(html, {"Hottest device", " \u00b0C", 1}, hottest);
 }
 
