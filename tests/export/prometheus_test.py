@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -127,13 +128,16 @@ class PrometheusTest(unittest.TestCase):
         self.wait_for_alerts("KelmDeviceLost")
         self.wait_for("kelm_devices", {"": 1.0})
         print("plug 1.2", file=service.stdin, flush=True)
-        self.wait_for(f"kelm_device_replugs_total > 0", {name: 1.0})
+        self.wait_for("kelm_device_replugs_total > 0", {name: 1.0})
         self.wait_for_alerts()
 
         service.send_signal(signal.SIGUSR1)
         self.assertEqual(service.wait(), 0)
         shutil.rmtree(self.work / "bus")  # at which the boot tool ends
         self.wait_for_alerts("KelmServiceDown", "KelmProbeFailing")
+        self.assertEqual(urllib.request.urlopen(f"http://{target}/livez").status, 200)
+        with self.assertRaisesRegex(urllib.error.HTTPError, "503"):
+            urllib.request.urlopen(f"http://{target}/readyz")
         self.wait_for("up", {"": 1.0})
         self.start_service()
         self.wait_for_alerts()

@@ -21,7 +21,7 @@ class ExportServerTest : public ::testing::Test {
     ExportServerTest() {
         ExportRoutes routes;
         routes.answers = {{"/small", [] { return HttpAnswer{.body = "small"}; }},
-                          {"/large", [] { return HttpAnswer{.body = std::string(64 << 20, 'x')}; }},
+                          {"/large", [] { return HttpAnswer{.body = std::string(16 << 20, 'x')}; }},
                           {"/throws", []() -> HttpAnswer { throw std::runtime_error("why"); }}};
         routes.event = [](const ExportSnapshot& snapshot) {
             return "data: " + std::to_string(snapshot.number) + "\n\n";
