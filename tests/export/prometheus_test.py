@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -18,12 +19,12 @@ SIMULATOR = os.environ["KELM_SIMULATOR_DIR"]
 CTL = os.environ["KELM_CTL"]
 
 
-def eventually(condition, what: str, seconds: float = 25.0) -> None:
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError(f"never: {what}")
+def eventually(look, agrees):
+    """What the look gives once that agrees, or in the end."""
+    end = time.monotonic() + 25.0
+    while not agrees(seen := look()) and time.monotonic() < end:
         time.sleep(0.1)
+    return seen
 
 
 class PrometheusTest(unittest.TestCase):
@@ -44,15 +45,10 @@ class PrometheusTest(unittest.TestCase):
             self.environment[name] = str(self.work)
 
     def start(self, *command: str, **options) -> subprocess.Popen:
-        process = subprocess.Popen(
-            command, cwd=self.work, env=self.environment, text=True, **options
-        )
-
-        def end() -> None:
-            process.kill()
-            process.communicate()
-
-        self.addCleanup(end)
+        options |= {"cwd": self.work, "env": self.environment, "text": True}
+        process = subprocess.Popen(command, **options)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
         return process
 
     def start_service(self) -> subprocess.Popen:
@@ -67,19 +63,12 @@ class PrometheusTest(unittest.TestCase):
         (self.work / "kelm.rules.yml").write_text(rules)
         config = re.sub(r"_interval: \w+", "_interval: 1s", (PACKAGING / "prometheus.yml").read_text())
         (self.work / "prometheus.yml").write_text(config.replace("127.0.0.1:10753", target))
-        log = open(self.work / "prometheus.log", "w")
-        self.addCleanup(log.close)
         flags = (f"--storage.tsdb.path={self.work}/data", "--web.listen-address=127.0.0.1:0")
-        self.start("prometheus", f"--config.file={self.work}/prometheus.yml", *flags, stderr=log)
-        found = []
-
-        def is_listening() -> bool:
-            text = (self.work / "prometheus.log").read_text()
-            found[:] = re.findall(r'"Listening on" address=(\S+)', text)
-            return bool(found)
-
-        eventually(is_listening, "Prometheus listens")
-        return f"http://{found[0]}"
+        log = self.work / "prometheus.log"
+        with open(log, "w") as file:
+            self.start("prometheus", "--config.file=prometheus.yml", *flags, stderr=file)
+        listening = r'"Listening on" address=(\S+)'
+        return "http://" + eventually(lambda: re.findall(listening, log.read_text()), bool)[0]
 
     def query(self, expression: str) -> dict[str, float]:
         """The values by what tells the series apart."""
@@ -93,16 +82,8 @@ class PrometheusTest(unittest.TestCase):
         return {key(row["metric"]): float(row["value"][1]) for row in rows}
 
     def wait_for(self, expression: str, values: dict[str, float]) -> None:
-        seen = []
-
-        def agrees() -> bool:
-            seen[:] = [self.query(expression)]
-            return seen[0] == values
-
-        try:
-            eventually(agrees, "")
-        except AssertionError:
-            self.fail(f"{expression} is {seen[0]}, not {values}")
+        seen = eventually(lambda: self.query(expression), lambda seen: seen == values)
+        self.assertEqual(seen, values, expression)
 
     def wait_for_alerts(self, *names: str) -> None:
         self.wait_for('ALERTS{alertstate="firing"}', dict.fromkeys(names, 1.0))
@@ -111,9 +92,8 @@ class PrometheusTest(unittest.TestCase):
         (self.work / "graph").write_text("KELMSIM micros=500\n")
         service = self.start_service()
         probe = ("--probe", "graph", "--probe-interval", "1")
-        exporter = self.start(
-            CTL, "export", "--listen", "127.0.0.1:0", *probe, stdout=subprocess.PIPE
-        )
+        listen = ("--listen", "127.0.0.1:0")
+        exporter = self.start(CTL, "export", *listen, *probe, stdout=subprocess.PIPE)
         target = "127.0.0.1:" + exporter.stdout.readline().split()[-1]
         self.prometheus = self.start_prometheus(target)
         self.wait_for("kelm_devices and on() kelm_probe_success == 1", {"": 2.0})
@@ -127,13 +107,16 @@ class PrometheusTest(unittest.TestCase):
         self.wait_for_alerts("KelmDeviceLost")
         self.wait_for("kelm_devices", {"": 1.0})
         print("plug 1.2", file=service.stdin, flush=True)
-        self.wait_for(f"kelm_device_replugs_total > 0", {name: 1.0})
+        self.wait_for("kelm_device_replugs_total > 0", {name: 1.0})
         self.wait_for_alerts()
 
         service.send_signal(signal.SIGUSR1)
         self.assertEqual(service.wait(), 0)
         shutil.rmtree(self.work / "bus")  # at which the boot tool ends
         self.wait_for_alerts("KelmServiceDown", "KelmProbeFailing")
+        self.assertEqual(urllib.request.urlopen(f"http://{target}/livez").status, 200)
+        with self.assertRaisesRegex(urllib.error.HTTPError, "503"):
+            urllib.request.urlopen(f"http://{target}/readyz")
         self.wait_for("up", {"": 1.0})
         self.start_service()
         self.wait_for_alerts()

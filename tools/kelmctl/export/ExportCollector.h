@@ -54,7 +54,7 @@ class ExportCollector {
     NameLedger<ExportedTotals> m_graphs;
     NameLedger<std::monostate> m_clients;
     ExportedTotals m_others;  // of graphs without a place
-    // As of the last look with a snapshot; none at the begin of a session.
+    // As of the last look with a snapshot; empty at the begin of a session, none before the first.
     std::optional<std::set<Placement>> m_placements;
     std::optional<std::map<uint64_t, uint64_t>> m_inferences;  // by the graph's id
 };

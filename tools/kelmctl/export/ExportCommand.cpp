@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <stdexcept>
 
 #include "tools/kelmctl/Interruption.h"
@@ -78,9 +79,9 @@ class Answers {
     }
 
     HttpAnswer livez() {
-        constexpr std::chrono::seconds kSlowLook{10};
+        constexpr std::chrono::seconds kSlowLook{15};
         if (m_feed.age() < kSlowLook) return {.body = "ok\n"};
-        return {.status = 503, .body = "the exporter has not looked at the service for 10 s\n"};
+        return {.status = 503, .body = "the exporter has not looked at the service for 15 s\n"};
     }
 
     // Without a probe the service's word is taken for it.
@@ -91,8 +92,8 @@ class Answers {
             const std::string why = results.failures > 0 ? results.why : "not probed yet";
             return {.status = 503, .body = results.graph + ": " + why + "\n"};
         }
-        const ExportFeed::Shared snapshot = newest();
         if (!m_probes.empty()) return {.body = "ok\n"};
+        const ExportFeed::Shared snapshot = newest();
         if (!snapshot->isUp) return {.status = 503, .body = snapshot->why + "\n"};
         if (snapshot->service.deviceCount > 0) return {.body = "ok\n"};
         return {.status = 503, .body = "the service has no device\n"};
@@ -120,7 +121,9 @@ void check(const ExportOptions& options) {
     if (!(options.probeInterval >= kLeast && options.probeInterval <= kMost)) {
         throw UsageError("probe at intervals of 0.1 to 86400 seconds");
     }
+    std::set<std::string> graphs;
     for (const std::string& graph : options.probes) {
+        if (!graphs.insert(graph).second) throw UsageError("probe " + graph + " only once");
         if (!std::ifstream(graph)) {
             throw std::runtime_error("cannot read " + graph +
                                      "; give --probe the file of a compiled graph");

@@ -38,11 +38,7 @@ ExportSampler::ExportSampler(Interruption& interruption, ExportFeed& feed, PageR
 }
 
 ExportSampler::~ExportSampler() {
-    {
-        MutexLock lock(m_mutex);
-        m_stop = true;
-    }
-    m_stopped.notifyAll();
+    m_stop.stop();
     m_thread.join();
     (void)m_source.leave();  // it may have been left by the signal
 }
@@ -56,7 +52,7 @@ void ExportSampler::routine() {
         if (m_page != nullptr) m_page->remember(*snapshot);
         m_feed.publish(std::move(snapshot));
         next = std::max(next + std::chrono::seconds(1), Clock::now());
-    } while (waitUntil(next));
+    } while (m_stop.waitUntil(next));
 }
 
 ExportSnapshot ExportSampler::look() {
@@ -66,13 +62,6 @@ ExportSnapshot ExportSampler::look() {
     addFacts(snapshot.service);
     snapshot.time = std::chrono::system_clock::now();
     return snapshot;
-}
-
-bool ExportSampler::waitUntil(Clock::time_point end) {
-    MutexLock lock(m_mutex);
-    while (!m_stop && m_stopped.waitUntil(m_mutex, end)) {
-    }
-    return !m_stop;
 }
 
 }  // namespace kelm::ctl

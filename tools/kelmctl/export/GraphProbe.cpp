@@ -67,11 +67,7 @@ GraphProbe::GraphProbe(std::string graph, std::chrono::milliseconds interval)
 }
 
 GraphProbe::~GraphProbe() {
-    {
-        MutexLock lock(m_mutex);
-        m_stop = true;
-    }
-    m_stopped.notifyAll();
+    m_stop.stop();
     m_thread.join();
 }
 
@@ -82,15 +78,10 @@ ProbeResults GraphProbe::results() {
     return results;
 }
 
-bool GraphProbe::isStopped() {
-    MutexLock lock(m_mutex);
-    return m_stop;
-}
-
 void GraphProbe::routine() {
     ThreadUtils::setName("GraphProbe");
     auto next = Clock::now();
-    while (!isStopped()) {
+    do {
         try {
             probe();
         } catch (const std::exception& error) {
@@ -99,10 +90,7 @@ void GraphProbe::routine() {
             m_results.addFailure(error.what());
         }
         next = std::max(next + m_interval, Clock::now());
-        MutexLock lock(m_mutex);
-        while (!m_stop && m_stopped.waitUntil(m_mutex, next)) {
-        }
-    }
+    } while (m_stop.waitUntil(next));
     m_session.reset();
 }
 
@@ -112,7 +100,7 @@ void GraphProbe::probe() {
     const auto begin = Clock::now();
     std::future<kelm::Result> end = m_session->start(std::min(m_interval, kMostTime));
     while (end.wait_for(kLook) != std::future_status::ready) {
-        if (isStopped()) throw std::runtime_error("the exporter ends");
+        if (m_stop.isStopped()) throw std::runtime_error("the exporter ends");
     }
     end.get().require();
     const std::chrono::duration<double> latency = Clock::now() - begin;

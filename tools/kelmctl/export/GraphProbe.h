@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "tools/kelmctl/export/StopSignal.h"
 #include "utils/Mutex.h"
 
 namespace kelm::ctl {
@@ -51,14 +52,12 @@ class GraphProbe {
 
     void routine() EXCLUDES(m_mutex);
     void probe() EXCLUDES(m_mutex);
-    bool isStopped() EXCLUDES(m_mutex);
 
     const std::string m_graph;
     const std::chrono::milliseconds m_interval;
     std::unique_ptr<Session> m_session;  // the thread's; null: not connected
+    StopSignal m_stop;
     Mutex m_mutex;
-    CondVar m_stopped;
-    bool m_stop GUARDED_BY(m_mutex) = false;
     ProbeResults m_results GUARDED_BY(m_mutex);
     std::thread m_thread;
 };
