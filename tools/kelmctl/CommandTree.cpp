@@ -16,6 +16,7 @@
 #include "tools/kelmctl/TraceCommand.h"
 #include "tools/kelmctl/VersionCommand.h"
 #include "tools/kelmctl/WaitReadyCommand.h"
+#include "tools/kelmctl/export/ExportCommand.h"
 
 namespace kelm::ctl {
 
@@ -254,6 +255,24 @@ Command addDoctor(CLI::App& app) {
     return {command, [options] { return runDoctor(*options); }};
 }
 
+Command addExport(CLI::App& app) {
+    CLI::App* command = app.add_subcommand(
+        "export", "serve the status over HTTP, for Prometheus, health checks and people");
+    const auto options = std::make_shared<ExportOptions>();
+    command
+        ->add_option("--listen", options->listen,
+                     "an IPv4 address, an IPv6 address in brackets, or localhost, and a port; 0 is "
+                     "any free one")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    addFile(*command, "--probe", options->probes,
+            "compiled graph to run at an interval; may be given several times");
+    command->add_option("--probe-interval", options->probeInterval, "0.1 to 86400")
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    return {command, [options] { return runExport(*options); }};
+}
+
 Command addVersion(CLI::App& app) {
     CLI::App* command =
         app.add_subcommand("version", "print the versions of tool, library and protocol");
@@ -273,9 +292,9 @@ std::vector<Command> addCommands(CLI::App& app) {
         "and the number of a signal that ended it early.");
     app.set_version_flag("--version", versionText,
                          "print the versions of tool, library and protocol");
-    return {addInfer(app), addLoad(app),   addBench(app),     addStatus(app),
-            addTop(app),   addTrace(app),  addWaitReady(app), addStop(app),
-            addReset(app), addConfig(app), addDoctor(app),    addVersion(app)};
+    return {addInfer(app),  addLoad(app),      addBench(app),  addStatus(app), addTop(app),
+            addTrace(app),  addWaitReady(app), addStop(app),   addReset(app),  addConfig(app),
+            addDoctor(app), addExport(app),    addVersion(app)};
 }
 
 }  // namespace kelm::ctl

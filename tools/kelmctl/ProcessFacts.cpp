@@ -35,6 +35,13 @@ std::optional<uint64_t> ProcessFacts::descriptorCount() const {
     return static_cast<uint64_t>(std::distance(begin(all), end(all)));
 }
 
+std::optional<uint64_t> ProcessFacts::statusNumber(const std::string& key) const {
+    std::istringstream fields(findLine("status", key + ":"));
+    uint64_t number = 0;
+    fields >> number;
+    return fields ? std::optional(number) : std::nullopt;
+}
+
 // The effective one.
 std::optional<uid_t> ProcessFacts::user() const {
     std::istringstream fields(findLine("status", "Uid:"));

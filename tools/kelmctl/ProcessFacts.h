@@ -20,6 +20,8 @@ class ProcessFacts {
     std::optional<uint64_t> descriptorLimit() const;
     // Those that it has; only its own user and root are told.
     std::optional<uint64_t> descriptorCount() const;
+    // A number of /proc/PID/status, as "Threads" or, in KiB, "VmRSS".
+    std::optional<uint64_t> statusNumber(const std::string& key) const;
     std::optional<uid_t> user() const;
     std::vector<gid_t> groups() const;
 

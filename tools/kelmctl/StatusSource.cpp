@@ -26,6 +26,7 @@ client::Result<StatusLook> StatusSource::look(client::Deadline deadline) {
     }
     StatusLook look;
     look.status = std::move(status.value());
+    look.servicePid = m_service->servicePid();
     auto snapshot = readSnapshot(deadline);
     if (snapshot) {
         look.snapshot = std::move(snapshot.value());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +18,7 @@ struct StatusLook {
     client::ServiceStatus status;
     std::optional<client::Snapshot> snapshot;
     std::string snapshotWhy;
+    pid_t servicePid = 0;  // 0: not seen from here
 };
 
 // Looks at the service, as its client "kelmctl"; after a failure the next look connects anew.
