@@ -6,7 +6,6 @@
 #include <set>
 #include <sstream>
 
-#include "tools/kelmctl/export/MetricWriter.h"
 #include "tools/kelmctl/export/Metrics.h"
 
 namespace kelm::ctl {
@@ -125,7 +124,7 @@ TEST(ExportCollectorTest, NamesOfClientsNeitherGrowItNorBreakTheText) {
     EXPECT_LT(most, 130 * 10);
     auto samples = samplesOf(text);
     const std::string rate = "kelm_graph_inferences_per_second";
-    EXPECT_EQ(samples[rate + label("graph", "a\"b\\c\ufffdd")], "2") << text;
+    EXPECT_EQ(samples[rate + R"({graph="a\"b\\c)" + "\ufffdd\"}"], "2") << text;
     EXPECT_EQ(samples[rate + "{graph=\"\ufffd\ufffd{}\"}"], "1");
     EXPECT_EQ(samples[rate + "{graph=\"twice\"}"], "2");
     EXPECT_EQ(samples[rate + "{graph=\"(others)\"}"], "52");
