@@ -1,3 +1,4 @@
+#include <deque>
 #include <span>
 #include <sstream>
 
@@ -14,6 +15,7 @@
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"
 #include "scheduling/tasks/TaskQueuePolling.h"
+#include "scheduling/tasks/TaskSchedulerBalanced.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 #include "scheduling/tasks/TaskSchedulerFactory.h"
@@ -36,7 +38,7 @@ class TaskSchedulerTest : public testing::Test {
  protected:
     TaskSchedulerTest() {
         configure(R"({"service_settings": {"server_max_task_number": 0}})");
-        for (uint64_t clientId = 1; clientId <= 3; ++clientId) {
+        for (uint64_t clientId = 1; clientId <= 7; ++clientId) {
             client[clientId] = clients.add(clientId, "client" + std::to_string(clientId));
         }
     }
@@ -218,6 +220,52 @@ TEST_F(TaskSchedulerTest, WorkersAreServedInTurnUntilTheyLeave) {
     EXPECT_EQ(scheduler.getNumWaitTasks(), 1u);
 }
 
+TEST_F(TaskSchedulerTest, BalancedServesTheWorkersThatHoldTheFewest) {
+    // What the workers hold, in the order in which they wait; then with two tasks more.
+    const std::pair<std::vector<uint32_t>, std::vector<uint32_t>> rows[] = {
+        {{0, 0, 0, 1}, {1, 1, 0, 1}}, {{2, 1, 0, 1}, {2, 2, 1, 1}}, {{1, 1, 3, 0}, {2, 1, 3, 1}}};
+    for (const auto& [held, after] : rows) {
+        TaskSchedulerBalanced scheduler("TS.Balanced");
+        devices["d"].block(DeviceCall::GetResult);
+        std::deque<WorkThread> workers;
+        for (const uint32_t number : held) {
+            WorkThread& added = workers.emplace_back("d", 1, 1, 1);
+            ASSERT_EQ(added.enqueueLoadGraph(graph.get()).get(), 0);
+            for (uint32_t i = 0; i < number; ++i) added.enqueueLoadTensor(makeTask());
+            scheduler.scheduleWorker(&added, graph.get());
+        }
+        for (int i = 0; i < 2; ++i) scheduler.scheduleTask(makeTask());
+        for (size_t i = 0; i < 4; ++i) EXPECT_EQ(workers[i].getHeldTasks(), after[i]) << i;
+        devices["d"].release(DeviceCall::GetResult);
+        const auto holdsNone = [](const WorkThread& each) { return each.getHeldTasks() == 0; };
+        EXPECT_TRUE(eventually([&] { return std::ranges::all_of(workers, holdsNone); }));
+    }
+}
+
+// "1": a task of client 1 is accepted. "1!": is refused. "^1": comes back. "w": a worker takes one.
+// "-": the newest is canceled. "g": the graph departs.
+TEST_F(TaskSchedulerTest, BalancedRefusesAtTheLimitOnlyWhoHasItsShare) {
+    configure(R"({"service_settings": {"server_max_task_number": 6}})");
+    for (const std::string script :
+         {"1 1 1 1 1 1 1! 2 2 2 2! 3 3 3!", "1 1 1 1 1 1 2 1! w w 1 1! 2 2 2 2!",
+          "^2 ^2 ^2 1 1 1 2! 1!", "1 1 1 1 1 1 2 2 2 - 2 2!", "1 2 3 g 1 1 1 1 1 1 2 2 2 2!",
+          "^1 ^1 ^1 ^1 ^1 ^1 ^2 ^3 ^4 ^5 6 7! 6!"}) {
+        SCOPED_TRACE(script);
+        TaskSchedulerBalanced scheduler("TS.Balanced");
+        std::istringstream steps(script);
+        for (std::string step; steps >> step;) {
+            if (step == "w") scheduleWorkers(scheduler, 1);
+            if (step == "-") scheduler.descheduleTask(tasks.back().get());
+            if (step == "g") scheduler.descheduleGraph(graph.get());
+            if (step[0] == '^')
+                scheduler.rescheduleTask(makeTask(static_cast<uint64_t>(step[1] - '0')));
+            if (step[0] < '0' || step[0] > '9') continue;
+            scheduler.scheduleTask(makeTask(static_cast<uint64_t>(step[0] - '0')));
+            EXPECT_EQ(listener.scheduled().back().second, step.size() == 1) << step;
+        }
+    }
+}
+
 // A confirmed worker may be destroyed, and its graph with it, while the task's thread uses both.
 TEST_F(TaskSchedulerTest, WorkerIsConfirmedOnlyAfterTheHandOver) {
     TaskSchedulerPolling scheduler("TS.Polling");
@@ -251,6 +299,7 @@ TEST_F(TaskSchedulerTest, SchedulerDestroysWhatIsQueued) {
 TEST_F(TaskSchedulerTest, NameSelectsTheScheduler) {
     const auto fcfs = TaskSchedulerFactory::createScheduler("FCFS");
     EXPECT_NE(dynamic_cast<TaskSchedulerFCFS*>(fcfs.get()), nullptr);
+    EXPECT_EQ(TaskSchedulerFactory::createScheduler("Balanced")->getName(), "TS.Balanced");
     for (const char* name : {"Polling", "lottery", static_cast<const char*>(nullptr)}) {
         const auto polling = TaskSchedulerFactory::createScheduler(name);
         EXPECT_NE(dynamic_cast<TaskSchedulerPolling*>(polling.get()), nullptr);

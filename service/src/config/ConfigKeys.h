@@ -80,7 +80,7 @@ constexpr ConfigKey kConfigKeys[] = {
     {"service_settings.update_timetaken_interval", ConfigKind::kInteger, "1000", kNotBelowZero},
     {"service_settings.common_timeout", ConfigKind::kInteger, "1"},
     {"service_settings.alloc_graph_timeout", ConfigKind::kInteger, "12"},
-    {"service_settings.task_scheduler", ConfigKind::kText, "polling", {}, {"polling|fcfs", "polling", true}},
+    {"service_settings.task_scheduler", ConfigKind::kText, "polling", {}, {"polling|fcfs|balanced", "polling", true}},
 
     {"fake_device_settings.enable_fake_device", ConfigKind::kBoolean, "false"},
     {"fake_device_settings.fake_device_number", ConfigKind::kInteger, "3", kNotBelowZero},
