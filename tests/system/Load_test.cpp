@@ -67,7 +67,6 @@ TEST_F(LoadTest, EveryRequestIsAnsweredOnceAndTheResultOfAnAcceptedOneFollows) {
     }
 }
 
-// Results of a flood keep the service at its limit, and each of them still comes once.
 TEST_F(LoadTest, BalancedServiceRefusesNoneOfTheFew) {
     start(1, R"("server_max_task_number": 20, "task_scheduler": "balanced")");
     Load flood;

@@ -220,48 +220,46 @@ TEST_F(TaskSchedulerTest, WorkersAreServedInTurnUntilTheyLeave) {
     EXPECT_EQ(scheduler.getNumWaitTasks(), 1u);
 }
 
-TEST_F(TaskSchedulerTest, BalancedServesTheWorkersThatHoldTheFewest) {
-    // What the workers hold, in the order in which they wait; then with two tasks more.
-    const std::pair<std::vector<uint32_t>, std::vector<uint32_t>> rows[] = {
-        {{0, 0, 0, 1}, {1, 1, 0, 1}}, {{2, 1, 0, 1}, {2, 2, 1, 1}}, {{1, 1, 3, 0}, {2, 1, 3, 1}}};
-    for (const auto& [held, after] : rows) {
-        TaskSchedulerBalanced scheduler("TS.Balanced");
-        devices["d"].block(DeviceCall::GetResult);
-        std::deque<WorkThread> workers;
-        for (const uint32_t number : held) {
-            WorkThread& added = workers.emplace_back("d", 1, 1, 1);
-            ASSERT_EQ(added.enqueueLoadGraph(graph.get()).get(), 0);
-            for (uint32_t i = 0; i < number; ++i) added.enqueueLoadTensor(makeTask());
-            scheduler.scheduleWorker(&added, graph.get());
-        }
-        for (int i = 0; i < 2; ++i) scheduler.scheduleTask(makeTask());
-        for (size_t i = 0; i < 4; ++i) EXPECT_EQ(workers[i].getHeldTasks(), after[i]) << i;
-        devices["d"].release(DeviceCall::GetResult);
-        const auto holdsNone = [](const WorkThread& each) { return each.getHeldTasks() == 0; };
-        EXPECT_TRUE(eventually([&] { return std::ranges::all_of(workers, holdsNone); }));
+TEST_F(TaskSchedulerTest, BalancedServesTheWorkerThatHoldsTheFewest) {
+    TaskSchedulerBalanced scheduler("TS.Balanced");
+    devices["d"].block(DeviceCall::GetResult);
+    std::deque<WorkThread> workers;
+    for (const int held : {2, 1, 0, 1}) {
+        WorkThread& added = workers.emplace_back("d", 1, 1, 1);
+        ASSERT_EQ(added.enqueueLoadGraph(graph.get()).get(), 0);
+        for (int i = 0; i < held; ++i) added.enqueueLoadTensor(makeTask());
+        scheduler.scheduleWorker(&added, graph.get());
     }
+    scheduler.scheduleTask(makeTask());  // to the third
+    makeTask()->addLoadCount();
+    scheduler.rescheduleTask(tasks.back().get());  // failed on a device: to the first
+    scheduler.scheduleTask(makeTask());  // to the second, which waits longer than the fourth
+    const auto holds = [](uint32_t n) { return testing::Property(&WorkThread::getHeldTasks, n); };
+    EXPECT_THAT(workers, ElementsAre(holds(3), holds(2), holds(1), holds(1)));
+    devices["d"].release(DeviceCall::GetResult);
+    EXPECT_TRUE(eventually([&] { return testing::Matches(testing::Each(holds(0)))(workers); }));
 }
 
-// "1": a task of client 1 is accepted. "1!": is refused. "^1": comes back. "w": a worker takes one.
-// "-": the newest is canceled. "g": the graph departs.
+// "+1": a task of client 1 is accepted, "!1": refused, "^1": comes back; "-": the newest is
+// canceled; "w": a worker takes one; "g": the graph departs.
 TEST_F(TaskSchedulerTest, BalancedRefusesAtTheLimitOnlyWhoHasItsShare) {
     configure(R"({"service_settings": {"server_max_task_number": 6}})");
     for (const std::string script :
-         {"1 1 1 1 1 1 1! 2 2 2 2! 3 3 3!", "1 1 1 1 1 1 2 1! w w 1 1! 2 2 2 2!",
-          "^2 ^2 ^2 1 1 1 2! 1!", "1 1 1 1 1 1 2 2 2 - 2 2!", "1 2 3 g 1 1 1 1 1 1 2 2 2 2!",
-          "^1 ^1 ^1 ^1 ^1 ^1 ^2 ^3 ^4 ^5 6 7! 6!"}) {
-        SCOPED_TRACE(script);
+         {"+1 +1 +1 +1 +1 +1 !1 +2 +2 +2 !2 +3 +3 !3",
+          "+1 +1 +1 +1 +1 +1 +2 !1 w w +1 !1 +2 +2 +2 !2", "^2 ^2 ^2 +1 +1 +1 !2 !1",
+          "+1 +1 +1 +1 +1 +1 +2 +2 +2 - +2 !2", "+1 +2 +3 g +1 +1 +1 +1 +1 +1 +2 +2 +2 !2",
+          "^1 ^1 ^1 ^1 ^1 ^1 ^2 ^3 ^4 ^5 +6 !7 !6"}) {
         TaskSchedulerBalanced scheduler("TS.Balanced");
         std::istringstream steps(script);
         for (std::string step; steps >> step;) {
             if (step == "w") scheduleWorkers(scheduler, 1);
             if (step == "-") scheduler.descheduleTask(tasks.back().get());
             if (step == "g") scheduler.descheduleGraph(graph.get());
-            if (step[0] == '^')
-                scheduler.rescheduleTask(makeTask(static_cast<uint64_t>(step[1] - '0')));
-            if (step[0] < '0' || step[0] > '9') continue;
-            scheduler.scheduleTask(makeTask(static_cast<uint64_t>(step[0] - '0')));
-            EXPECT_EQ(listener.scheduled().back().second, step.size() == 1) << step;
+            if (step.size() == 1) continue;
+            KelmTask* const task = makeTask(static_cast<uint64_t>(step[1] - '0'));
+            step[0] == '^' ? scheduler.rescheduleTask(task) : scheduler.scheduleTask(task);
+            const bool accepted = step[0] == '^' || listener.scheduled().back().second;
+            EXPECT_EQ(accepted, step[0] != '!') << script << step;
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "scheduling/tasks/TaskSchedulerBalanced.h"
 
 #include "execution/WorkThread.h"
+#include "records/KelmTask.h"
 #include "scheduling/tasks/TaskQueuePolling.h"
 
 namespace kelm {
@@ -24,9 +25,12 @@ bool TaskSchedulerBalanced::hasRoom(uint64_t clientId) {
     return m_shares.isBelowShare(clientId, getMaxWaitTasks());
 }
 
-// A worker in the list has asked for a task and may hold others, which it took before. The order of
-// the rest is kept.
-WorkThread* TaskSchedulerBalanced::takeWorkerUnsafe(WorkerList& workers) {
+// A worker in the list has asked for a task and may hold others, which it took before. One whose
+// device fails at once holds none: it would get the same task again and again. But it has asked
+// anew as it took that task, so nearly all others have waited longer. The order of the rest is
+// kept.
+WorkThread* TaskSchedulerBalanced::takeWorkerUnsafe(WorkerList& workers, const KelmTask& task) {
+    if (task.getLoadCount() > 0) return workers.popFront();
     size_t best = 0;
     uint32_t fewest = workers.front()->getHeldTasks();
     for (size_t i = 1; i < workers.size() && fewest > 0; ++i) {

@@ -24,8 +24,10 @@ class TaskSchedulerBalanced : public TaskSchedulerFCFS {
  protected:
     std::unique_ptr<TaskQueueBase> createTaskQueue() override;
     bool hasRoom(uint64_t clientId) override EXCLUDES(m_mutex);
-    // Of those that hold equally few, the one that has waited longest.
-    WorkThread* takeWorkerUnsafe(WorkerList& workers) override REQUIRES(m_mutex);
+    // Of those that hold equally few, the one that has waited longest; for a task that has failed
+    // on a device, of all.
+    WorkThread* takeWorkerUnsafe(WorkerList& workers, const KelmTask& task) override
+        REQUIRES(m_mutex);
     void noteQueuedUnsafe(uint64_t clientId) override REQUIRES(m_mutex);
     void noteLeftUnsafe(uint64_t clientId) override REQUIRES(m_mutex);
 

@@ -166,21 +166,24 @@ void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
 WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
     {
         MutexLock lock(m_mutex);
-        WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+        WorkThread* const worker = dequeueWaitingWorkerUnsafe(*task);
         if (worker != nullptr) return worker;
     }
     return enqueueWaitingTask(task, head);
 }
 
-WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
+WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(const KelmTask& task) {
+    KelmGraph* const graph = task.getGraph();
     const auto entry = m_waitingWorkers.find(graph);
     if (entry == m_waitingWorkers.end() || entry->second.empty()) return nullptr;
     CR_ASSERT(m_handOver.worker == nullptr, "tasks have one thread");
-    m_handOver = {takeWorkerUnsafe(entry->second), graph, 0};
+    m_handOver = {takeWorkerUnsafe(entry->second, task), graph, 0};
     return m_handOver.worker;
 }
 
-WorkThread* TaskSchedulerFCFS::takeWorkerUnsafe(WorkerList& workers) { return workers.popFront(); }
+WorkThread* TaskSchedulerFCFS::takeWorkerUnsafe(WorkerList& workers, const KelmTask&) {
+    return workers.popFront();
+}
 
 WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
     // The client cannot be destroyed while the task lives, and the task is this thread's until it
@@ -196,7 +199,7 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
         // task that is not canceled here is queued before that; a canceled one would come after it
         // and stay queued for ever.
         if (!task->isCanceled()) {
-            WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+            WorkThread* const worker = dequeueWaitingWorkerUnsafe(*task);
             if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
             return worker;
         }

@@ -58,8 +58,9 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     virtual std::unique_ptr<TaskQueueBase> createTaskQueue();
     // Whether a new task of the client may wait; asked on the tasks' one thread.
     virtual bool hasRoom(uint64_t clientId) EXCLUDES(m_mutex);
-    // The worker of a list with workers that gets the next task; it is taken off.
-    virtual WorkThread* takeWorkerUnsafe(WorkerList& workers) REQUIRES(m_mutex);
+    // The worker, of a list that is not empty, that gets the task; it is taken off the list.
+    virtual WorkThread* takeWorkerUnsafe(WorkerList& workers, const KelmTask& task)
+        REQUIRES(m_mutex);
     // A task of the client has been queued, or has left its queue.
     virtual void noteQueuedUnsafe(uint64_t /*clientId*/) REQUIRES(m_mutex) {}
     virtual void noteLeftUnsafe(uint64_t /*clientId*/) REQUIRES(m_mutex) {}
@@ -82,7 +83,7 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     bool acceptTask(KelmTask* task);
     // A worker for the task, with the hand-over begun; without one the task is queued.
     WorkThread* takeWorkerOrQueue(KelmTask* task, bool head) EXCLUDES(m_mutex);
-    WorkThread* dequeueWaitingWorkerUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    WorkThread* dequeueWaitingWorkerUnsafe(const KelmTask& task) REQUIRES(m_mutex);
     // Queues the task; or returns the worker that has been listed since the first look. A task that
     // is canceled or whose client has departed is destroyed instead.
     WorkThread* enqueueWaitingTask(KelmTask* task, bool head) EXCLUDES(m_mutex);
