@@ -66,6 +66,17 @@ TEST_F(LoadTest, EveryRequestIsAnsweredOnceAndTheResultOfAnAcceptedOneFollows) {
     }
 }
 
+TEST_F(LoadTest, BalancedServiceRefusesNoneOfTheFew) {
+    start(1, R"("server_max_task_number": 20, "task_scheduler": "balanced")");
+    Load flood;
+    flood.start(path(), {.name = "flood", .depth = 100});
+    WireClient few(path(), "few");
+    const uint64_t graph = few.createGraph({"of the few"}).graphId;
+    ASSERT_TRUE(eventually([&] { return flood.refused() > 0; })) << lastLines();
+    for (int i = 0; i < 200; ++i) EXPECT_TRUE(few.infers(graph)) << i;
+    EXPECT_EQ(flood.finish(), "") << lastLines();
+}
+
 // More graphs than devices, so that each has to be taken off a device to make room.
 TEST_F(LoadTest, GraphsLeaveAndComeUnderLoad) {
     constexpr int kUnloads = 200;

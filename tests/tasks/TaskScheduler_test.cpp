@@ -1,3 +1,4 @@
+#include "config/ServiceConfigParser.h"
 #include "execution/WorkThread.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
@@ -9,6 +10,7 @@
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"
 #include "scheduling/tasks/TaskQueuePolling.h"
+#include "scheduling/tasks/TaskSchedulerBalanced.h"
 #include "scheduling/tasks/TaskSchedulerBase.h"
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 #include "scheduling/tasks/TaskSchedulerFactory.h"
@@ -22,7 +24,7 @@ class TaskSchedulerTest : public testing::Test {
  protected:
     TaskSchedulerTest() {
         addTestConfig(R"({"service_settings": {"server_max_task_number": 0}})");
-        for (uint64_t clientId = 1; clientId <= 3; ++clientId) {
+        for (uint64_t clientId = 1; clientId <= 7; ++clientId) {
             client[clientId] = clients.add(clientId, "client" + std::to_string(clientId));
         }
     }
@@ -204,6 +206,50 @@ TEST_F(TaskSchedulerTest, WorkersAreServedInTurnUntilTheyLeave) {
     EXPECT_EQ(scheduler.getNumWaitTasks(), 1u);
 }
 
+TEST_F(TaskSchedulerTest, BalancedServesTheWorkerThatHoldsTheFewest) {
+    TaskSchedulerBalanced scheduler("TS.Balanced");
+    devices["d"].block(DeviceCall::GetResult);
+    std::deque<WorkThread> workers;
+    for (const int held : {2, 1, 0, 1}) {
+        WorkThread& added = workers.emplace_back("d", 1, 1, 1);
+        ASSERT_EQ(added.enqueueLoadGraph(graph.get()).get(), 0);
+        for (int i = 0; i < held; ++i) added.enqueueLoadTensor(makeTask());
+        scheduler.scheduleWorker(&added, graph.get());
+    }
+    scheduler.scheduleTask(makeTask());  // to the third
+    makeTask()->addLoadCount();
+    scheduler.rescheduleTask(tasks.back().get());  // failed on a device: to the first
+    scheduler.scheduleTask(makeTask());  // to the second, which waits longer than the fourth
+    const auto holds = [](uint32_t n) { return testing::Property(&WorkThread::getHeldTasks, n); };
+    EXPECT_THAT(workers, ElementsAre(holds(3), holds(2), holds(1), holds(1)));
+    devices["d"].release(DeviceCall::GetResult);
+    EXPECT_TRUE(eventually([&] { return testing::Matches(testing::Each(holds(0)))(workers); }));
+}
+
+// "+1": a task of client 1 is accepted, "!1": refused, "^1": comes back; "-": the newest is
+// canceled; "w": a worker takes one; "g": the graph departs.
+TEST_F(TaskSchedulerTest, BalancedRefusesAtTheLimitOnlyWhoHasItsShare) {
+    addTestConfig(R"({"service_settings": {"server_max_task_number": 6}})");
+    for (const std::string script :
+         {"+1 +1 +1 +1 +1 +1 !1 +2 +2 +2 !2 +3 +3 !3",
+          "+1 +1 +1 +1 +1 +1 +2 !1 w w +1 !1 +2 +2 +2 !2", "^2 ^2 ^2 +1 +1 +1 !2 !1",
+          "+1 +1 +1 +1 +1 +1 +2 +2 +2 - +2 !2", "+1 +2 +3 g +1 +1 +1 +1 +1 +1 +2 +2 +2 !2",
+          "^1 ^1 ^1 ^1 ^1 ^1 ^2 ^3 ^4 ^5 +6 !7 !6"}) {
+        TaskSchedulerBalanced scheduler("TS.Balanced");
+        std::istringstream steps(script);
+        for (std::string step; steps >> step;) {
+            if (step == "w") scheduleWorkers(scheduler, 1);
+            if (step == "-") scheduler.descheduleTask(tasks.back().get());
+            if (step == "g") scheduler.descheduleGraph(graph.get());
+            if (step.size() == 1) continue;
+            KelmTask* const task = makeTask(static_cast<uint64_t>(step[1] - '0'));
+            step[0] == '^' ? scheduler.rescheduleTask(task) : scheduler.scheduleTask(task);
+            const bool accepted = step[0] == '^' || listener.scheduled().back().second;
+            EXPECT_EQ(accepted, step[0] != '!') << script << step;
+        }
+    }
+}
+
 // A confirmed worker may be destroyed, and its graph with it, while the task's thread uses both.
 TEST_F(TaskSchedulerTest, WorkerIsConfirmedOnlyAfterTheHandOver) {
     TaskSchedulerPolling scheduler("TS.Polling");
@@ -237,6 +283,7 @@ TEST_F(TaskSchedulerTest, SchedulerDestroysWhatIsQueued) {
 TEST_F(TaskSchedulerTest, NameSelectsTheScheduler) {
     const auto fcfs = TaskSchedulerFactory::createScheduler("FCFS");
     EXPECT_NE(dynamic_cast<TaskSchedulerFCFS*>(fcfs.get()), nullptr);
+    EXPECT_EQ(TaskSchedulerFactory::createScheduler("Balanced")->getName(), "TS.Balanced");
     for (const char* name : {"Polling", "lottery", static_cast<const char*>(nullptr)}) {
         const auto polling = TaskSchedulerFactory::createScheduler(name);
         EXPECT_NE(dynamic_cast<TaskSchedulerPolling*>(polling.get()), nullptr);

@@ -81,7 +81,7 @@ constexpr ConfigKey kConfigKeys[] = {
     {"service_settings.update_timetaken_interval", ConfigKind::kInteger, "1000", "milliseconds between readings of the device's inference time", kNotBelowZero},
     {"service_settings.common_timeout", ConfigKind::kInteger, "1", "the accelerator library's common timeout"},
     {"service_settings.alloc_graph_timeout", ConfigKind::kInteger, "12", "the accelerator library's timeout for allocating a graph"},
-    {"service_settings.task_scheduler", ConfigKind::kText, "polling", "`polling` serves the clients of a graph in turn, `fcfs` in order of arrival", {}, {"polling|fcfs", "polling", true}},
+    {"service_settings.task_scheduler", ConfigKind::kText, "polling", "`polling` serves the clients of a graph in turn, `fcfs` in order of arrival; `balanced` does as `polling`, picks the worker that holds the fewest tasks, and shares `server_max_task_number` among the clients", {}, {"polling|fcfs|balanced", "polling", true}},
 
     {"fake_device_settings.enable_fake_device", ConfigKind::kBoolean, "false", "simulated devices instead of accelerators"},
     {"fake_device_settings.fake_device_number", ConfigKind::kInteger, "3", "how many", kNotBelowZero},

@@ -304,16 +304,19 @@ void SlaveWorker::handleTaskWithRunError(KelmTask* task, int rc) {
 
 // The task passes to the result sink here: it is not followed after this call.
 void SlaveWorker::sendTaskDoneResponse(KelmTask* task, int rc) {
+    m_workThread->noteTaskLeft();  // first: its client may send the next one at once
     task->setStatus(TASK_STATUS_DONE);
     Port<ResultSink>::notify<&ResultSink::enqueueSendTaskDoneResponse>(task,
                                                                        static_cast<KelmError>(rc));
 }
 
 void SlaveWorker::returnTask(KelmTask* task) {
+    m_workThread->noteTaskLeft();
     Port<TaskExchange>::notify<&TaskExchange::enqueueReturnTask>(task);
 }
 
 void SlaveWorker::destroyTask(KelmTask* task) {
+    m_workThread->noteTaskLeft();
     Port<TaskExchange>::notify<&TaskExchange::enqueueDestroyTask>(task);
 }
 

@@ -211,6 +211,7 @@ bool WorkThread::handToSlot(KelmTask* task) {
     if (m_stopped) return false;
     Slot* const slot = findSlotUnsafe(task->getGraph());
     if (slot == nullptr) return false;
+    m_heldTasks.fetch_add(1);
     slot->slaveWorker->enqueueLoadTensor(task);
     return true;
 }

@@ -64,6 +64,11 @@ class WorkThread : public NonCopyable {
     // The assigned graphs.
     std::set<KelmGraph*> getGraphs() EXCLUDES(m_mutex);
 
+    // Tasks that have been handed to the slots and have not left them yet. Takes no lock.
+    uint32_t getHeldTasks() const { return m_heldTasks.load(); }
+    // A slave worker passes a task on.
+    void noteTaskLeft() { m_heldTasks.fetch_sub(1); }
+
     // Hands the task to the slot of its graph, or back when there is none.
     void enqueueLoadTensor(KelmTask* task) EXCLUDES(m_mutex);
     // The task scheduler will send no more tasks of the graph to this worker.
@@ -112,7 +117,8 @@ class WorkThread : public NonCopyable {
     // Atomic: set by the device manager after the scheduler may already know the worker.
     std::atomic<DeviceSchedulerBase*> m_deviceScheduler{nullptr};
 
-    std::atomic<bool> m_failed{false};  // atomic: set once, on any thread
+    std::atomic<bool> m_failed{false};     // atomic: set once, on any thread
+    std::atomic<uint32_t> m_heldTasks{0};  // atomic: a count that a task scheduler compares
 
     Mutex m_mutex;
     CondVar m_resetDone;

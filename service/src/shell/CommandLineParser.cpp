@@ -32,7 +32,8 @@ po::options_description describeOptions() {
 void listTaskSchedulers() {
     std::cout << "Available Task Scheduler:\n"
               << "  - First come first serve scheduler [name: \"fcfs\"]\n"
-              << "  - Task polling scheduler [name: \"polling\"]\n";
+              << "  - Task polling scheduler [name: \"polling\"]\n"
+              << "  - Balanced scheduler [name: \"balanced\"]\n";
 }
 
 }  // namespace

@@ -63,4 +63,8 @@ void TaskQueueBase::appendDescription(std::string& text, const TaskList& tasks, 
     }
 }
 
+void TaskQueueBase::appendClientIds(std::vector<uint64_t>& clientIds, const TaskList& tasks) {
+    for (size_t i = 0; i < tasks.size(); ++i) clientIds.push_back(tasks.at(i)->getClientId());
+}
+
 }  // namespace kelm

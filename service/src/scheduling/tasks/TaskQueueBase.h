@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
@@ -31,6 +32,8 @@ class TaskQueueBase : public NonCopyable {
     // Several lines, for the snapshot.
     virtual std::string getDescription() = 0;
     virtual uint64_t size() = 0;
+    // The client of each task that is here.
+    virtual std::vector<uint64_t> getClientIds() = 0;
 
  protected:
     using TaskList = Ring<KelmTask*>;  // keeps its slots: no heap for a task in the steady state
@@ -42,6 +45,7 @@ class TaskQueueBase : public NonCopyable {
     static uint64_t destroyOfClient(TaskList& tasks, uint64_t clientId);
     static void destroyAll(TaskList& tasks);
     static void appendDescription(std::string& text, const TaskList& tasks, size_t indent);
+    static void appendClientIds(std::vector<uint64_t>& clientIds, const TaskList& tasks);
 
     Mutex m_mutex;  // guards the fields of the derived class
 

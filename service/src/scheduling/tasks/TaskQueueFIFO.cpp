@@ -44,4 +44,11 @@ uint64_t TaskQueueFIFO::size() {
     return m_tasks.size();
 }
 
+std::vector<uint64_t> TaskQueueFIFO::getClientIds() {
+    MutexLock lock(m_mutex);
+    std::vector<uint64_t> clientIds;
+    appendClientIds(clientIds, m_tasks);
+    return clientIds;
+}
+
 }  // namespace kelm

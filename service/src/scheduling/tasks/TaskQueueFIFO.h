@@ -18,6 +18,7 @@ class TaskQueueFIFO : public TaskQueueBase {
     bool removeTask(unsigned long clientId) override EXCLUDES(m_mutex);
     std::string getDescription() override EXCLUDES(m_mutex);
     uint64_t size() override EXCLUDES(m_mutex);
+    std::vector<uint64_t> getClientIds() override EXCLUDES(m_mutex);
 
  private:
     TaskList m_tasks GUARDED_BY(m_mutex);

@@ -106,4 +106,11 @@ uint64_t TaskQueuePolling::size() {
     return m_taskNum;
 }
 
+std::vector<uint64_t> TaskQueuePolling::getClientIds() {
+    MutexLock lock(m_mutex);
+    std::vector<uint64_t> clientIds;
+    for (const auto& entry : m_taskMap) appendClientIds(clientIds, entry.second);
+    return clientIds;
+}
+
 }  // namespace kelm

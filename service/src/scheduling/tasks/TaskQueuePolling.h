@@ -23,6 +23,7 @@ class TaskQueuePolling : public TaskQueueBase {
     bool removeTask(unsigned long clientId) override EXCLUDES(m_mutex);
     std::string getDescription() override EXCLUDES(m_mutex);
     uint64_t size() override EXCLUDES(m_mutex);
+    std::vector<uint64_t> getClientIds() override EXCLUDES(m_mutex);
 
  private:
     using TaskMap = std::map<uint64_t, TaskList>;  // by client id; emptied lists stay

@@ -100,12 +100,14 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::createTaskQueue() {
 
 // Without the mutex: tasks have one thread, so the count can only fall between this look and the
 // queueing, and the limit is never exceeded by new tasks.
+bool TaskSchedulerFCFS::hasRoom(uint64_t) { return m_maxWaitTasks > m_numWaitTasks.load(); }
+
 bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
     if (task->isCanceled()) {
         LOG_INFO("[TaskSchedule] Abort schedule canceled task(%lu)", task->getId());
         return false;
     }
-    if (m_maxWaitTasks > m_numWaitTasks.load()) return true;
+    if (hasRoom(task->getClientId())) return true;
     LOG_WARN("[TaskSchedule] Exceed maxWaitTaks(%lu) at service end", m_maxWaitTasks);
     LOG_STEP("[Schedule#1] WARN: exceed maxWaitTaks(%lu)", m_maxWaitTasks);
     return false;
@@ -164,18 +166,23 @@ void TaskSchedulerFCFS::rescheduleTask(KelmTask* task) {
 WorkThread* TaskSchedulerFCFS::takeWorkerOrQueue(KelmTask* task, bool head) {
     {
         MutexLock lock(m_mutex);
-        WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+        WorkThread* const worker = dequeueWaitingWorkerUnsafe(*task);
         if (worker != nullptr) return worker;
     }
     return enqueueWaitingTask(task, head);
 }
 
-WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(KelmGraph* graph) {
+WorkThread* TaskSchedulerFCFS::dequeueWaitingWorkerUnsafe(const KelmTask& task) {
+    KelmGraph* const graph = task.getGraph();
     const auto entry = m_waitingWorkers.find(graph);
     if (entry == m_waitingWorkers.end() || entry->second.empty()) return nullptr;
     CR_ASSERT(m_handOver.worker == nullptr, "tasks have one thread");
-    m_handOver = {entry->second.popFront(), graph, 0};
+    m_handOver = {takeWorkerUnsafe(entry->second, task), graph, 0};
     return m_handOver.worker;
+}
+
+WorkThread* TaskSchedulerFCFS::takeWorkerUnsafe(WorkerList& workers, const KelmTask&) {
+    return workers.popFront();
 }
 
 WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
@@ -192,7 +199,7 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
         // task that is not canceled here is queued before that; a canceled one would come after it
         // and stay queued for ever.
         if (!task->isCanceled()) {
-            WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
+            WorkThread* const worker = dequeueWaitingWorkerUnsafe(*task);
             if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
             return worker;
         }
@@ -208,6 +215,7 @@ void TaskSchedulerFCFS::enqueueWaitingTaskUnsafe(KelmTask* task, KelmClient& cli
     // `head`: a task that a device has given back has waited before, and keeps its place ahead.
     queue->enqueue(task, head);
     m_numWaitTasks.fetch_add(1);
+    noteQueuedUnsafe(task->getClientId());
     graph->updateFpsIn();
     client.increaseWaitingInferenceNum();
 }
@@ -262,6 +270,7 @@ KelmTask* TaskSchedulerFCFS::dequeueWaitingTaskUnsafe(KelmGraph* graph) {
     KelmTask* const task = entry != m_taskQueues.end() ? entry->second->dequeue() : nullptr;
     if (task == nullptr) return nullptr;
     m_numWaitTasks.fetch_sub(1);
+    noteLeftUnsafe(task->getClientId());
     graph->updateFpsOut();
     return task;
 }
@@ -312,10 +321,12 @@ void TaskSchedulerFCFS::descheduleTask(KelmTask* task) {
 // Deliberate: the graph's waiting count and the client's waiting number stay one too high for each
 // task that is canceled out of a queue; only the service's own limit gets its place back.
 bool TaskSchedulerFCFS::removeWaitingTask(KelmTask* task) {
+    const uint64_t clientId = task->getClientId();  // once removed, the task may be destroyed
     MutexLock lock(m_mutex);
     const auto entry = m_taskQueues.find(task->getGraph());
     if (entry == m_taskQueues.end() || !entry->second->removeTask(task)) return false;
     m_numWaitTasks.fetch_sub(1);
+    noteLeftUnsafe(clientId);
     return true;
 }
 
@@ -326,6 +337,7 @@ std::unique_ptr<TaskQueueBase> TaskSchedulerFCFS::takeQueueUnsafe(KelmGraph* gra
     m_taskQueues.erase(entry);
     // Only here and where a task leaves a queue is the count lowered: it is the sum of all queues.
     m_numWaitTasks.fetch_sub(queue->size());
+    for (const uint64_t clientId : queue->getClientIds()) noteLeftUnsafe(clientId);
     return queue;
 }
 

@@ -27,8 +27,8 @@ class TaskQueueBase;
 // descheduleGraph(), workers until descheduleWorker() has been confirmed to them. A task event may
 // hold a worker (and so its graph) at that moment: then the end of that hand-over confirms, and
 // neither is destroyed while the task's thread uses it.
-// Locks: m_mutex, then a queue's mutex, then a task's. No call into a worker is made under it,
-// since workers lock too.
+// Locks: m_mutex, then a queue's mutex, then a task's. No call that locks is made into a worker
+// under it.
 class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
  public:
     explicit TaskSchedulerFCFS(const std::string& name);
@@ -52,11 +52,24 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     void startPrinting();
     void shutDown();
 
-    virtual std::unique_ptr<TaskQueueBase> createTaskQueue();
-
- private:
     using WorkerList = Ring<WorkThread*>;
 
+    // What a derived class may do in another way.
+    virtual std::unique_ptr<TaskQueueBase> createTaskQueue();
+    // Whether a new task of the client may wait; asked on the tasks' one thread.
+    virtual bool hasRoom(uint64_t clientId) EXCLUDES(m_mutex);
+    // The worker, of a list that is not empty, that gets the task; it is taken off the list.
+    virtual WorkThread* takeWorkerUnsafe(WorkerList& workers, const KelmTask& task)
+        REQUIRES(m_mutex);
+    // A task of the client has been queued, or has left its queue.
+    virtual void noteQueuedUnsafe(uint64_t /*clientId*/) REQUIRES(m_mutex) {}
+    virtual void noteLeftUnsafe(uint64_t /*clientId*/) REQUIRES(m_mutex) {}
+
+    uint64_t getMaxWaitTasks() const { return m_maxWaitTasks; }
+
+    Mutex m_mutex;
+
+ private:
     // A task event's use of a worker that it took from the list; one at a time, as tasks have one
     // thread.
     struct HandOver {
@@ -70,7 +83,7 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     bool acceptTask(KelmTask* task);
     // A worker for the task, with the hand-over begun; without one the task is queued.
     WorkThread* takeWorkerOrQueue(KelmTask* task, bool head) EXCLUDES(m_mutex);
-    WorkThread* dequeueWaitingWorkerUnsafe(KelmGraph* graph) REQUIRES(m_mutex);
+    WorkThread* dequeueWaitingWorkerUnsafe(const KelmTask& task) REQUIRES(m_mutex);
     // Queues the task; or returns the worker that has been listed since the first look. A task that
     // is canceled or whose client has departed is destroyed instead.
     WorkThread* enqueueWaitingTask(KelmTask* task, bool head) EXCLUDES(m_mutex);
@@ -94,7 +107,6 @@ class TaskSchedulerFCFS : public TaskSchedulerBase, public PrintInfoListener {
     // Atomic: the limit and the log lines read it outside m_mutex.
     std::atomic<uint64_t> m_numWaitTasks{0};
 
-    Mutex m_mutex;
     std::map<KelmGraph*, std::unique_ptr<TaskQueueBase>> m_taskQueues GUARDED_BY(m_mutex);
     // First in, first out. An emptied list stays for the worker's next turn, until a worker leaves;
     // the key of an empty list is never followed.

@@ -1,5 +1,6 @@
 #include "scheduling/tasks/TaskSchedulerFactory.h"
 
+#include "scheduling/tasks/TaskSchedulerBalanced.h"
 #include "scheduling/tasks/TaskSchedulerFCFS.h"
 #include "scheduling/tasks/TaskSchedulerPolling.h"
 #include "utils/Log.h"
@@ -17,6 +18,10 @@ std::unique_ptr<TaskSchedulerBase> createFcfs() {
     return std::make_unique<TaskSchedulerFCFS>("TS.FCFS");
 }
 
+std::unique_ptr<TaskSchedulerBase> createBalanced() {
+    return std::make_unique<TaskSchedulerBalanced>("TS.Balanced");
+}
+
 struct SchedulerRow {
     const char* keyword;
     const char* message;
@@ -26,6 +31,8 @@ struct SchedulerRow {
 constexpr SchedulerRow kSchedulerRows[] = {
     {"fcfs", "Info: ## TaskSchedulerFactory ## Created FCFS Task-Scheduler.", createFcfs},
     {"polling", "Info: ## TaskSchedulerFactory ## Created Polling Task-Scheduler.", createPolling},
+    {"balanced", "Info: ## TaskSchedulerFactory ## Created Balanced Task-Scheduler.",
+     createBalanced},
 };
 
 }  // namespace

@@ -12,7 +12,8 @@ class TaskSchedulerBase;
 // Threads: any.
 class TaskSchedulerFactory {
  public:
-    // "fcfs" or "polling" in any case of letters; null and other names give the default.
+    // "fcfs", "polling" or "balanced" in any case of letters; null and other names give the
+    // default.
     static std::unique_ptr<TaskSchedulerBase> createScheduler(const char* name);
     static std::unique_ptr<TaskSchedulerBase> createScheduler(const std::string& name);
 
