@@ -1,0 +1,65 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <string>
+
+#include "bench/placement/AdaptivePlanner.h"
+#include "bench/placement/SqueezePlanner.h"
+
+using namespace kelm;
+
+static Scenario row(const std::string& name, size_t devices, uint32_t slots,
+                    std::vector<double> rates, double load, uint64_t seed) {
+    Scenario s;
+    s.name = name;
+    s.speeds.assign(devices, 1.0);
+    s.slots = slots;
+    for (double r : rates) s.graphs.push_back({.rate = r, .kind = ArrivalKind::Poisson});
+    s.loadTime = load;
+    s.seed = seed;
+    return s;
+}
+static double pct(std::vector<float> v, double q) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    return v[std::min(v.size() - 1, static_cast<size_t>(q * static_cast<double>(v.size())))];
+}
+static void show(const Scenario& s, const char* who, const Outcome& o) {
+    double off = 0;
+    for (auto& g : s.graphs) off += g.rate * g.taskTime;
+    double busy = 0;
+    for (double b : o.busy) busy += b / s.seconds / static_cast<double>(o.busy.size());
+    uint64_t refused = 0;
+    for (auto& g : o.graphs) refused += g.refused;
+    double p99 = 0, sp50 = 0, sp90 = 0, sp99 = 0;
+    double least = 1e9;
+    for (auto& g : s.graphs) least = std::min(least, g.rate);
+    std::vector<float> small;
+    for (size_t i = 0; i < o.graphs.size(); ++i) {
+        p99 = std::max(p99, pct(o.graphs[i].latencies, .99));
+        if (s.graphs[i].rate <= least) small.insert(small.end(), o.graphs[i].latencies.begin(), o.graphs[i].latencies.end());
+    }
+    sp50 = pct(small, .5), sp90 = pct(small, .9), sp99 = pct(small, .99);
+    fmt::print("{:28} {:9} load {:.1f} offered {:6.3f} done {:6.3f} busy {:.3f} refused {:6} loads {:4} late {:4} small {:6.0f} {:6.0f} {:6.0f} worst99 {:6.0f} plan {:.2f} ms\n",
+               s.name, who, s.loadTime, off, o.throughput, busy, refused, o.loads, o.lateLoads, sp50, sp90, sp99, p99, o.slowestPlan * 1e3);
+}
+int main(int argc, char** argv) {
+    struct R { const char* n; size_t d; uint32_t s; std::vector<double> r; };
+    const R rows[] = {{"4x2 60/2/2/2", 4, 2, {60, 2, 2, 2}},
+                      {"8x2 70+7x2", 8, 2, {70, 2, 2, 2, 2, 2, 2, 2}},
+                      {"3x2 160/80/60/30", 3, 2, {160, 80, 60, 30}},
+                      {"3x1 80/60/40/20/10", 3, 1, {80, 60, 40, 20, 10}},
+                      {"8x1 260/150/90/80/60/40", 8, 1, {260, 150, 90, 80, 60, 40}},
+                      {"8x2 450/200/90/60/40/20", 8, 2, {450, 200, 90, 60, 40, 20}}};
+    (void)argv;
+    for (double load : {0.0, 0.3}) {
+        for (auto& r : rows) {
+            for (int seed = 1; seed <= (argc > 1 ? 3 : 1); ++seed) {
+                Scenario s = row(r.n, r.d, r.s, r.r, load, static_cast<uint64_t>(seed));
+                if (argc > 1) for (auto& g : s.graphs) g.kind = ArrivalKind::Constant;
+                { SqueezePlanner p(s); show(s, "squeeze2", Simulation(s, p).run()); }
+                { AdaptivePlanner p; show(s, "adaptive", Simulation(s, p).run()); }
+            }
+        }
+    }
+}

@@ -1,0 +1,198 @@
+#include "scheduling/placement/PlacementPlanner.h"
+
+#include <algorithm>
+
+#include "scheduling/placement/MoveCost.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr double kUsualWake = 1.0;  // seconds
+constexpr double kQuickWake = 0.1;
+// The demand of a graph whose tasks have not been measured, in devices.
+constexpr double kGuessedDemand = 0.3;
+// A backlog is to be gone after this time, and counts for no more than that part of the demand.
+constexpr double kDrainTime = 5.0;
+constexpr double kBacklogPart = 0.3;
+constexpr double kUsualBacklog = 0.1;  // seconds of work that come and go with random arrivals
+constexpr double kLateTask = 0.3;      // seconds; tasks of a placed graph that wait so long are late
+
+}  // namespace
+
+PlacementPlan PlacementPlanner::plan(const PlacementPicture& picture) {
+    m_picture = &picture;
+    m_starving = false;
+    m_longestWait = 0.0;
+    readDemands();
+    layOutBoard();
+    placeHomeless();
+    shareTime();
+    balance();
+    PlacementPlan plan;
+    describe(plan);
+    plan.wakeAfter = m_starving ? kQuickWake : kUsualWake;
+    plan.longestWait = m_longestWait;
+    return plan;
+}
+
+void PlacementPlanner::readDemands() {
+    const size_t number = m_picture->graphs.size();
+    m_states.assign(number, {});
+    m_demands.resize(number);
+    for (size_t i = 0; i < number; ++i) {
+        const PlacementGraph& graph = m_picture->graphs[i];
+        DemandEstimator& estimator = m_estimators[graph.id];
+        estimator.observe(m_picture->now, graph.arrivals);
+        m_demands[i] = &estimator;
+        TurnState& state = m_states[i];
+        state.backlog = graph.waiting * graph.taskTime;
+        const double extra = std::max(0.0, state.backlog - kUsualBacklog) / kDrainTime;
+        const double steady = estimator.rate() * graph.taskTime;
+        state.demand = steady + std::min(extra, kBacklogPart * (steady + 0.1));
+        if (graph.taskTime <= 0.0 && (graph.waiting > 0 || estimator.rate() > 0.0)) {
+            state.demand = kGuessedDemand;
+        }
+        state.habit = estimator.habit() * graph.taskTime;
+        state.age = graph.oldestAge;
+        state.asks = graph.waiting > 0 || graph.requested;
+        state.loadTime = graph.loadTime > 0.0 ? graph.loadTime : MoveCost::kGuess;
+    }
+    if (m_estimators.size() <= 2 * number + 16) return;
+    std::unordered_map<uint64_t, DemandEstimator> present;
+    for (size_t i = 0; i < number; ++i) present[m_picture->graphs[i].id] = *m_demands[i];
+    m_estimators = std::move(present);
+    for (size_t i = 0; i < number; ++i) m_demands[i] = &m_estimators[m_picture->graphs[i].id];
+}
+
+// What is there now.
+void PlacementPlanner::layOutBoard() {
+    m_board.clear();
+    m_deviceIndex.clear();
+    for (const PlacementDevice& device : m_picture->devices) {
+        m_deviceIndex[device.id] = m_deviceIndex.size();
+        m_board.addDevice(device.speed, device.slots, device.memory);
+    }
+    m_homeless.clear();
+    m_reasons.assign(m_picture->graphs.size(), PlacementReason::Demand);
+    for (size_t i = 0; i < m_picture->graphs.size(); ++i) {
+        const PlacementGraph& graph = m_picture->graphs[i];
+        m_board.addGraph(m_states[i].demand, graph.memory);
+        for (const PresentPlace& place : graph.places) {
+            const auto found = m_deviceIndex.find(place.device);
+            if (found != m_deviceIndex.end()) m_board.put(i, found->second);
+        }
+        if (!m_board.graphs()[i].places.empty()) continue;
+        m_homeless.push_back(i);
+        m_reasons[i] =
+            graph.places.empty() ? PlacementReason::Starving : PlacementReason::LostDevice;
+    }
+    m_board.spreadAll();
+}
+
+// Those that wait longest first, then those that asked first.
+void PlacementPlanner::placeHomeless() {
+    std::stable_sort(m_homeless.begin(), m_homeless.end(), [this](size_t left, size_t right) {
+        if (m_states[left].asks != m_states[right].asks) return m_states[left].asks;
+        if (m_states[left].age != m_states[right].age) {
+            return m_states[left].age > m_states[right].age;
+        }
+        return m_states[left].demand > m_states[right].demand;
+    });
+    std::erase_if(m_homeless, [this](size_t graph) {
+        size_t device = 0;
+        if (!findPlace(graph, device)) return false;
+        m_board.put(graph, device);
+        return true;
+    });
+}
+
+// The device that is least busy with it; of those that are at their ease the one with the fewest
+// graphs, or that holds the graph already.
+bool PlacementPlanner::findPlace(size_t graph, size_t& device) const {
+    bool found = false;
+    double least = 0.0;
+    const double demand = std::max(m_states[graph].demand, m_states[graph].habit);
+    for (size_t i = 0; i < m_board.devices().size(); ++i) {
+        if (!m_board.fits(i, graph)) continue;
+        const PlacementBoard::Device& place = m_board.devices()[i];
+        const double busy = (place.load + demand) / place.speed;
+        const double rank = busy + 0.25 * static_cast<double>(place.graphs.size()) +
+                            0.5 * std::min(1.0, loadTime(graph, i));
+        if (found && rank >= least) continue;
+        found = true;
+        least = rank;
+        device = i;
+    }
+    return found;
+}
+
+void PlacementPlanner::shareTime() {
+    if (m_homeless.empty()) return;
+    TimeSharing sharing(m_board, *m_picture, m_states);
+    m_longestWait = sharing.longestWait();
+    std::erase_if(m_homeless, [&](size_t graph) {
+        if (!m_states[graph].asks) return false;
+        m_starving = true;
+        TimeSharing::Turn turn;
+        if (!sharing.findTurn(graph, turn)) return false;
+        m_board.take(turn.victim, turn.device);
+        m_board.put(graph, turn.device);
+        m_reasons[turn.victim] = PlacementReason::Starving;
+        sharing.start(turn);
+        return true;
+    });
+}
+
+void PlacementPlanner::balance() {
+    LoadBalancer balancer(m_board, *this);
+    (void)balancer.run();
+}
+
+double PlacementPlanner::loadTime(size_t graph, size_t device) const {
+    return MoveCost::loadTime(m_picture->graphs[graph], m_picture->devices[device]);
+}
+
+double PlacementPlanner::expectedStay(size_t graph) const {
+    return MoveCost::expectedStay(m_demands[graph]->age());
+}
+
+// The difference between what is there and the board. A place that a graph leaves and one that it
+// gets are one move.
+void PlacementPlanner::describe(PlacementPlan& plan) const {
+    for (size_t i = 0; i < m_picture->graphs.size(); ++i) {
+        const PlacementGraph& graph = m_picture->graphs[i];
+        std::vector<uint64_t> left;
+        for (const PresentPlace& place : graph.places) {
+            const auto found = m_deviceIndex.find(place.device);
+            if (found == m_deviceIndex.end() || !m_board.holds(found->second, i)) {
+                left.push_back(place.device);
+            }
+        }
+        for (const PlacementBoard::Share& share : m_board.graphs()[i].places) {
+            const uint64_t device = m_picture->devices[share.device].id;
+            const auto isHere = [device](const PresentPlace& place) {
+                return place.device == device;
+            };
+            if (std::any_of(graph.places.begin(), graph.places.end(), isHere)) continue;
+            if (left.empty()) {
+                plan.moves.push_back(
+                    {PlacementAction::Loaded, m_reasons[i], graph.id, 0, device});
+            } else {
+                plan.moves.push_back(
+                    {PlacementAction::Moved, m_reasons[i], graph.id, left.back(), device});
+                left.pop_back();
+            }
+        }
+        for (const uint64_t device : left) {
+            plan.moves.push_back({PlacementAction::Unloaded, m_reasons[i], graph.id, device, 0});
+        }
+    }
+    for (const size_t graph : m_homeless) {
+        if (!m_states[graph].asks) continue;
+        plan.moves.push_back({PlacementAction::Refused, PlacementReason::Starving,
+                              m_picture->graphs[graph].id, 0, 0});
+    }
+}
+
+}  // namespace kelm

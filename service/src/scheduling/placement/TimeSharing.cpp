@@ -1,0 +1,101 @@
+#include "scheduling/placement/TimeSharing.h"
+
+#include <algorithm>
+
+#include "scheduling/placement/MoveCost.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr double kShortestTurn = 0.1;  // seconds
+constexpr double kLeastPeriod = 0.2;   // for each graph that shares a place
+// The part of the devices' time that loads may take when there is none to spare.
+constexpr double kLoadPart = 0.04;
+constexpr double kSpareKept = 0.1;
+constexpr double kDrained = 0.03;  // seconds of work that hardly matter
+constexpr double kLongestPeriod = 15.0;
+constexpr double kCopyHarm = 0.25;  // of a copy's load, which its graph's other devices take over
+
+}  // namespace
+
+TimeSharing::TimeSharing(const PlacementBoard& board, const PlacementPicture& picture,
+                         const std::vector<TurnState>& states)
+    : m_board(board), m_picture(picture), m_states(states) {
+    m_started.assign(states.size(), false);
+    double demand = 0.0;
+    double loads = 0.0;
+    double sharing = 0.0;
+    for (const TurnState& state : states) {
+        if (state.habit <= 0.0 && !state.asks) continue;
+        demand += state.demand;
+        loads += state.loadTime;
+        sharing += 1.0;
+    }
+    double speed = 0.0;
+    double slots = 0.0;
+    for (const PlacementBoard::Device& device : board.devices()) {
+        speed += device.speed;
+        slots += device.slots;
+    }
+    if (slots <= 0.0 || sharing <= 0.0) return;
+    const double spare = std::max(kLoadPart, 1.0 - kSpareKept - demand / speed);
+    m_period = std::max(sharing / slots * kLeastPeriod, loads / slots / spare);
+    m_period = std::min(m_period, kLongestPeriod);
+    m_longestWait = 2.0 * (m_period + loads / slots) + 2.0 * kShortestTurn;
+}
+
+double TimeSharing::sinceOf(size_t graph, size_t device) const {
+    const uint64_t id = m_picture.devices[device].id;
+    for (const PresentPlace& place : m_picture.graphs[graph].places) {
+        if (place.device == id) return place.since;
+    }
+    return m_picture.now;
+}
+
+bool TimeSharing::mayLeave(size_t victim, double since, bool overdue) const {
+    const TurnState& state = m_states[victim];
+    const double turn = m_picture.now - since;
+    if (m_started[victim]) return false;
+    if (!state.asks && state.demand <= 0.0) return true;
+    if (turn < kShortestTurn) return false;
+    if (state.backlog <= kDrained || overdue) return true;
+    return turn >= std::max(kShortestTurn, m_period * std::min(1.0, state.demand));
+}
+
+// What is lost when the victim leaves and the graph comes: the work that the victim is expected to
+// have, its load when it comes back, and the company that the graph finds.
+double TimeSharing::harm(size_t graph, size_t device, size_t victim) const {
+    const PlacementBoard::Device& place = m_board.devices()[device];
+    const double load = m_board.loadOf(victim, device);
+    const double company = (place.load - load + m_states[graph].demand) / place.speed;
+    const bool isCopy = m_board.graphs()[victim].places.size() > 1;
+    const TurnState& state = m_states[victim];
+    const double missed =
+        isCopy ? kCopyHarm * load
+               : state.habit * (1.0 + state.loadTime) + state.backlog;
+    return missed + std::max(0.0, company - 0.7) +
+           0.01 * MoveCost::loadTime(m_picture.graphs[graph], m_picture.devices[device]);
+}
+
+bool TimeSharing::findTurn(size_t graph, Turn& turn) const {
+    const bool overdue = m_states[graph].age * 2.0 > m_longestWait;
+    bool found = false;
+    double least = 0.0;
+    for (size_t device = 0; device < m_board.devices().size(); ++device) {
+        for (const size_t victim : m_board.devices()[device].graphs) {
+            if (!m_board.fitsInPlaceOf(device, graph, victim)) continue;
+            if (!mayLeave(victim, sinceOf(victim, device), overdue)) continue;
+            const double missed = harm(graph, device, victim);
+            if (found && missed >= least) continue;
+            found = true;
+            least = missed;
+            turn = {graph, device, victim};
+        }
+    }
+    return found;
+}
+
+void TimeSharing::start(const Turn& turn) { m_started[turn.graph] = true; }
+
+}  // namespace kelm
