@@ -30,6 +30,7 @@ struct Scenario {
     double loadTime = 0.0;   // of a graph onto a slot
     size_t inFlight = 2;     // tasks of a worker
     size_t waitLimit = 300;  // tasks that wait; more are refused
+    bool leastFirst = false;  // the worker whose device holds least gets the next task, else the first
     double warmUp = 1.0;     // before the first task
     double seconds = 60.0;   // of load
     uint64_t seed = 1;

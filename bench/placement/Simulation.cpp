@@ -28,6 +28,7 @@ Simulation::Simulation(const Scenario& scenario, SimulatedPlanner& planner)
     m_graphs.resize(scenario.graphs.size());
     m_outcome.graphs.resize(scenario.graphs.size());
     m_outcome.busy.resize(m_devices.size());
+    m_outcome.workInTenth.resize(static_cast<size_t>(scenario.seconds * 10.0) + 1);
     for (size_t i = 0; i < m_graphs.size(); ++i) {
         m_outcome.graphs[i].doneInTenth.resize(static_cast<size_t>(scenario.seconds * 10.0) + 1);
         m_arrivals.emplace_back(scenario.graphs[i], scenario.seed * 1000003 + i);
@@ -77,6 +78,8 @@ void Simulation::arrive(size_t index) {
     Graph& graph = m_graphs[index];
     ++graph.arrived;
     ++m_outcome.graphs[index].arrived;
+    m_outcome.workInTenth[static_cast<size_t>((m_now - m_start) * 10.0)] +=
+        m_scenario.graphs[index].taskTime;
     if (graph.workers.empty() && m_waiting >= m_scenario.waitLimit) {
         ++m_outcome.graphs[index].refused;
         return;
@@ -97,8 +100,7 @@ void Simulation::arrive(size_t index) {
 void Simulation::feed(size_t index) {
     Graph& graph = m_graphs[index];
     while (!graph.queue.empty() && !graph.workers.empty()) {
-        const Worker worker = graph.workers.front();
-        graph.workers.pop_front();
+        const Worker worker = takeWorker(graph);
         Device& device = m_devices[worker.device];
         Slot& slot = device.slots[worker.slot];
         slot.listed = false;
@@ -110,6 +112,22 @@ void Simulation::feed(size_t index) {
         if (device.flights.size() == 1) begin(worker.device);
         list(worker.device, worker.slot);
     }
+}
+
+Simulation::Worker Simulation::takeWorker(Graph& graph) {
+    const auto held = [this](const Worker& worker) {
+        return m_devices[worker.device].flights.size();
+    };
+    auto taken = graph.workers.begin();
+    if (m_scenario.leastFirst) {
+        taken = std::min_element(graph.workers.begin(), graph.workers.end(),
+                                 [&](const Worker& left, const Worker& right) {
+                                     return held(left) < held(right);
+                                 });
+    }
+    const Worker worker = *taken;
+    graph.workers.erase(taken);
+    return worker;
 }
 
 // Lists the worker if it has room for a task.

@@ -47,6 +47,7 @@ struct GraphOutcome {
 struct Outcome {
     std::vector<GraphOutcome> graphs;
     std::vector<double> busy;  // seconds of load during which each device worked
+    std::vector<double> workInTenth;  // that arrives
     uint64_t loads = 0;        // during the load
     uint64_t lateLoads = 0;    // of these, after its first five seconds
     double slowestPlan = 0.0;  // seconds of processor time
@@ -121,6 +122,7 @@ class Simulation {
     void handle(const Event& event);
     void arrive(size_t graph);
     void feed(size_t graph);
+    Worker takeWorker(Graph& graph);
     void begin(size_t device);
     void finishTask(size_t device);
     void list(size_t device, size_t slot);

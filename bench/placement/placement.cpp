@@ -4,6 +4,8 @@
 #include <string>
 
 #include "bench/placement/AdaptivePlanner.h"
+#include "bench/placement/Hindsight.h"
+#include "bench/placement/Mixes.h"
 #include "bench/placement/SqueezePlanner.h"
 
 using namespace kelm;
@@ -43,7 +45,41 @@ static void show(const Scenario& s, const char* who, const Outcome& o) {
     fmt::print("{:28} {:9} load {:.1f} offered {:6.3f} done {:6.3f} busy {:.3f} refused {:6} loads {:4} late {:4} small {:6.0f} {:6.0f} {:6.0f} worst99 {:6.0f} plan {:.2f} ms\n",
                s.name, who, s.loadTime, off, o.throughput, busy, refused, o.loads, o.lateLoads, sp50, sp90, sp99, p99, o.slowestPlan * 1e3);
 }
+static void mixes(uint64_t first, uint64_t last, bool verbose) {
+    std::vector<double> all[3];
+    for (uint64_t n = first; n <= last; ++n) {
+        Scenario s = makeMix(n);
+        double ratio[3];
+        double bound = 0;
+        bool exact = false;
+        Outcome out[3];
+        for (int i = 0; i < 3; ++i) {
+            s.leastFirst = i == 2;
+            if (i == 0) { SqueezePlanner p(s); out[i] = Simulation(s, p).run(); }
+            else { AdaptivePlanner p; out[i] = Simulation(s, p).run(); }
+            Outcome& o = out[i];
+            if (i == 0) {
+                std::vector<double> d;
+                for (size_t g = 0; g < s.graphs.size(); ++g) d.push_back(static_cast<double>(o.graphs[g].arrived) * s.graphs[g].taskTime / s.seconds);
+                const Hindsight h = findBestFixed(s, d);
+                exact = h.isExact;
+                bound = std::min(h.throughput, commonQueueBound(s, o.workInTenth));
+            }
+            ratio[i] = o.throughput / bound;
+            all[i].push_back(ratio[i]);
+        }
+        if (verbose || ratio[2] < 0.93) {
+            double off = 0, sp = 0; for (auto& g : s.graphs) off += g.rate * g.taskTime; for (double v : s.speeds) sp += v;
+            fmt::print("mix {:3} {:2}x{} ({:.1f}) graphs {:2} load {:.2f} c {:.2f} bound {:.3f}{} squeeze {:.3f} adaptive {:.3f} least {:.3f} loads {} late {}\n", n, s.speeds.size(), s.slots, sp, s.graphs.size(), off / sp, s.loadTime, bound, exact ? "=" : "<", ratio[0], ratio[1], ratio[2], out[2].loads, out[2].lateLoads);
+        }
+    }
+    for (auto& v : all) {
+        std::sort(v.begin(), v.end());
+        fmt::print("median {:.3f} 5% {:.3f} worst {:.3f}\n", v[v.size() / 2], v[v.size() / 20], v[0]);
+    }
+}
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "mixes") { mixes(std::stoul(argv[2]), std::stoul(argv[3]), argc > 4); return 0; }
     struct R { const char* n; size_t d; uint32_t s; std::vector<double> r; };
     const R rows[] = {{"4x2 60/2/2/2", 4, 2, {60, 2, 2, 2}},
                       {"8x2 70+7x2", 8, 2, {70, 2, 2, 2, 2, 2, 2, 2}},
@@ -59,6 +95,9 @@ int main(int argc, char** argv) {
                 if (argc > 1) for (auto& g : s.graphs) g.kind = ArrivalKind::Constant;
                 { SqueezePlanner p(s); show(s, "squeeze2", Simulation(s, p).run()); }
                 { AdaptivePlanner p; show(s, "adaptive", Simulation(s, p).run()); }
+                s.leastFirst = true;
+                { SqueezePlanner p(s); show(s, "sq least", Simulation(s, p).run()); }
+                { AdaptivePlanner p; show(s, "ad least", Simulation(s, p).run()); }
             }
         }
     }
