@@ -1,9 +1,8 @@
 #include "bench/placement/Hindsight.h"
 
 #include <algorithm>
-#include <functional>
+#include <limits>
 #include <numeric>
-#include <span>
 
 #ifdef KELM_HAS_GLPK
 #include <glpk.h>
@@ -15,6 +14,7 @@ namespace {
 
 constexpr size_t kMostGraphs = 8;  // for the search: its flows look at all sets of graphs
 constexpr double kMostPlacements = 200'000.0;
+constexpr size_t kWindow = 10;  // tenths of a second, for demands that change
 
 bool isUniform(const Scenario& scenario) {
     return std::all_of(scenario.speeds.begin(), scenario.speeds.end(),
@@ -124,51 +124,109 @@ class PlacementSearch {
 };
 
 #ifdef KELM_HAS_GLPK
-// Places in parts: a graph on x of the devices of a kind has no more than x of what one of them can
-// do for it. Alike devices are one row, as parts make no difference between them.
-class PartialPlacement {
+// The flows of all graphs over all kinds of devices and all windows of time, for one placement.
+// Alike devices are one row, which makes the result an upper bound; so does a number of places that
+// is no integer, where there are too many for the solver.
+class PlacementProgram {
  public:
-    PartialPlacement(const Scenario& scenario, const std::vector<double>& demands)
-        : m_program(glp_create_prob()) {
+    // `work`: seconds of work by graph and window.
+    PlacementProgram(const Scenario& scenario, const std::vector<std::vector<double>>& work)
+        : m_scenario(scenario),
+          m_work(work),
+          m_window(scenario.seconds / static_cast<double>(work.front().size())),
+          m_program(glp_create_prob()) {
         glp_term_out(GLP_OFF);
         glp_set_obj_dir(m_program, GLP_MAX);
+        for (const std::vector<double>& each : work) {
+            for (const double part : each) m_arrivalRows.push_back(addRow(part));
+        }
+        addBacklogs();
         std::vector<double> kinds = scenario.speeds;
         std::sort(kinds.begin(), kinds.end());
         kinds.erase(std::unique(kinds.begin(), kinds.end()), kinds.end());
-        std::vector<int> graphRows;
-        for (const double demand : demands) graphRows.push_back(addRow(demand));
-        for (const double speed : kinds) {
-            const auto number = static_cast<double>(
-                std::count(scenario.speeds.begin(), scenario.speeds.end(), speed));
-            const int work = addRow(number * speed);
-            const int slots = addRow(number * scenario.slots);
-            const int memory = addRow(number * scenario.deviceMemory);
-            for (size_t i = 0; i < demands.size(); ++i) {
-                const int done = addColumn(1.0);
-                const int places = addColumn(0.0);
-                glp_set_col_bnds(m_program, places, GLP_DB, 0.0, number);
-                const int limit = addRow(0.0);
-                enter(graphRows[i], done, 1.0);
-                enter(work, done, 1.0);
-                enter(limit, done, 1.0);
-                enter(limit, places, -std::min(demands[i], speed));
-                enter(slots, places, 1.0);
-                enter(memory, places, scenario.graphs[i].memory);
-            }
-        }
+        for (const double speed : kinds) addKind(speed);
+        m_integer = static_cast<double>(work.size() * kinds.size()) <= kMostIntegers;
     }
-    PartialPlacement(const PartialPlacement&) = delete;
-    PartialPlacement& operator=(const PartialPlacement&) = delete;
-    ~PartialPlacement() { glp_delete_prob(m_program); }
+    PlacementProgram(const PlacementProgram&) = delete;
+    PlacementProgram& operator=(const PlacementProgram&) = delete;
+    ~PlacementProgram() { glp_delete_prob(m_program); }
 
+    // Seconds of work a second.
     double solve() {
         glp_load_matrix(m_program, static_cast<int>(m_values.size()) - 1, m_rows.data(),
                         m_columns.data(), m_values.data());
-        (void)glp_simplex(m_program, nullptr);
-        return glp_get_obj_val(m_program);
+        glp_smcp simplex;
+        glp_init_smcp(&simplex);
+        simplex.presolve = GLP_ON;
+        if (glp_simplex(m_program, &simplex) != 0 || glp_get_status(m_program) != GLP_OPT) {
+            return std::numeric_limits<double>::infinity();
+        }
+        const double relaxed = glp_get_obj_val(m_program) / m_scenario.seconds;
+        if (!m_integer) return relaxed;
+        simplex.presolve = GLP_OFF;
+        if (glp_simplex(m_program, &simplex) != 0) return relaxed;
+        for (const int places : m_placeColumns) glp_set_col_kind(m_program, places, GLP_IV);
+        glp_iocp limits;
+        glp_init_iocp(&limits);
+        limits.tm_lim = kMostMillis;
+        const bool solved = glp_intopt(m_program, &limits) == 0;
+        if (!solved || glp_mip_status(m_program) != GLP_OPT) return relaxed;
+        return glp_mip_obj_val(m_program) / m_scenario.seconds;
     }
 
  private:
+    static constexpr double kMostIntegers = 14.0;
+    static constexpr int kMostMillis = 2000;
+
+    int arrivalRow(size_t graph, size_t window) const {
+        return m_arrivalRows[graph * m_work.front().size() + window];
+    }
+    // What waits at the end of a window is there in the next.
+    void addBacklogs() {
+        const auto room = static_cast<double>(
+            m_scenario.waitLimit +
+            m_scenario.speeds.size() * m_scenario.slots * m_scenario.inFlight);
+        for (size_t window = 0; window + 1 < m_work.front().size(); ++window) {
+            const int tasks = addRow(room);
+            for (size_t i = 0; i < m_work.size(); ++i) {
+                const int backlog = addColumn(0.0);
+                enter(arrivalRow(i, window), backlog, 1.0);
+                enter(arrivalRow(i, window + 1), backlog, -1.0);
+                enter(tasks, backlog, 1.0 / m_scenario.graphs[i].taskTime);
+            }
+        }
+    }
+    void addKind(double speed) {
+        const auto number = static_cast<double>(
+            std::count(m_scenario.speeds.begin(), m_scenario.speeds.end(), speed));
+        const int slots = addRow(number * m_scenario.slots);
+        const int memory = addRow(number * m_scenario.deviceMemory);
+        std::vector<int> workRows;
+        for (size_t window = 0; window < m_work.front().size(); ++window) {
+            workRows.push_back(addRow(number * speed * m_window));
+        }
+        for (size_t i = 0; i < m_work.size(); ++i) {
+            const int places = addColumn(0.0);
+            m_placeColumns.push_back(places);
+            glp_set_col_bnds(m_program, places, GLP_DB, 0.0, number);
+            enter(slots, places, 1.0);
+            enter(memory, places, m_scenario.graphs[i].memory);
+            const double all = std::accumulate(m_work[i].begin(), m_work[i].end(), 0.0);
+            const int most = addRow(0.0);
+            enter(most, places, -std::min(all, speed * m_scenario.seconds));
+            for (size_t window = 0; window < m_work[i].size(); ++window) {
+                const int done = addColumn(1.0);
+                enter(arrivalRow(i, window), done, 1.0);
+                enter(workRows[window], done, 1.0);
+                enter(most, done, 1.0);
+                if (m_work[i].size() == 1) continue;
+                const int limit = addRow(0.0);
+                enter(limit, done, 1.0);
+                enter(limit, places, -speed * m_window);
+            }
+        }
+    }
+
     int addRow(double most) {
         const int row = glp_add_rows(m_program, 1);
         glp_set_row_bnds(m_program, row, GLP_UP, 0.0, most);
@@ -186,7 +244,13 @@ class PartialPlacement {
         m_values.push_back(value);
     }
 
+    const Scenario& m_scenario;
+    const std::vector<std::vector<double>>& m_work;
+    const double m_window;
     glp_prob* const m_program;
+    bool m_integer = false;
+    std::vector<int> m_arrivalRows;  // by graph, then window
+    std::vector<int> m_placeColumns;
     // The solver counts from 1.
     std::vector<int> m_rows{0};
     std::vector<int> m_columns{0};
@@ -194,10 +258,31 @@ class PartialPlacement {
 };
 #endif
 
+// Sums over `length` tenths of a second each; 0: one sum.
+std::vector<std::vector<double>> sumWindows(const std::vector<std::vector<double>>& work,
+                                            size_t length) {
+    std::vector<std::vector<double>> sums;
+    for (const std::vector<double>& each : work) {
+        const size_t windows = length == 0 ? 1 : (each.size() + length - 1) / length;
+        std::vector<double> parts(windows);
+        for (size_t i = 0; i < each.size(); ++i) parts[length == 0 ? 0 : i / length] += each[i];
+        sums.push_back(std::move(parts));
+    }
+    return sums;
+}
+
 }  // namespace
 
-Hindsight findBestFixed(const Scenario& scenario, const std::vector<double>& demands) {
-    if (isUniform(scenario)) {
+Hindsight findBestFixed(const Scenario& scenario, const std::vector<std::vector<double>>& work) {
+    const bool isSteady = std::all_of(
+        scenario.graphs.begin(), scenario.graphs.end(), [](const GraphLoadSpec& graph) {
+            return graph.kind == ArrivalKind::Constant || graph.kind == ArrivalKind::Poisson;
+        });
+    std::vector<double> demands;
+    for (const std::vector<double>& each : sumWindows(work, 0)) {
+        demands.push_back(each.front() / scenario.seconds);
+    }
+    if (isSteady && isUniform(scenario)) {
         if (scenario.slots == 1 && isRoomy(scenario)) {
             return {giveDevicesOut(scenario, demands), true};
         }
@@ -207,7 +292,8 @@ Hindsight findBestFixed(const Scenario& scenario, const std::vector<double>& dem
         }
     }
 #ifdef KELM_HAS_GLPK
-    return {PartialPlacement(scenario, demands).solve(), false};
+    const auto windows = sumWindows(work, isSteady ? 0 : kWindow);
+    return {PlacementProgram(scenario, windows).solve(), false};
 #else
     // Without the solver: all that comes, or all that the devices can do.
     return {std::min(std::accumulate(demands.begin(), demands.end(), 0.0),
@@ -216,8 +302,9 @@ Hindsight findBestFixed(const Scenario& scenario, const std::vector<double>& dem
 #endif
 }
 
-double commonQueueBound(const Scenario& scenario, const std::vector<double>& work) {
-    const double speed = std::accumulate(scenario.speeds.begin(), scenario.speeds.end(), 0.0) / 10.0;
+double commonQueueBound(const Scenario& scenario, const std::vector<std::vector<double>>& work) {
+    const double speed =
+        std::accumulate(scenario.speeds.begin(), scenario.speeds.end(), 0.0) / 10.0;
     double longest = 0.0;
     for (const GraphLoadSpec& graph : scenario.graphs) longest = std::max(longest, graph.taskTime);
     const double room =
@@ -225,10 +312,12 @@ double commonQueueBound(const Scenario& scenario, const std::vector<double>& wor
                                       scenario.speeds.size() * scenario.slots * scenario.inFlight);
     double done = 0.0;
     double backlog = 0.0;
-    for (const double part : work) {
-        const double served = std::min(speed, backlog + part);
+    for (size_t tenth = 0; tenth < work.front().size(); ++tenth) {
+        double offered = backlog;
+        for (const std::vector<double>& each : work) offered += each[tenth];
+        const double served = std::min(speed, offered);
         done += served;
-        backlog = std::min(room, backlog + part - served);
+        backlog = std::min(room, offered - served);
     }
     return done / scenario.seconds;
 }

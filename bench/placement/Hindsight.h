@@ -14,11 +14,11 @@ struct Hindsight {
     bool isExact = false;
 };
 
-// `demands` in seconds of work a second, as the arrivals really were.
-Hindsight findBestFixed(const Scenario& scenario, const std::vector<double>& demands);
+// `work` is what really arrives of each graph, in seconds of work for each tenth of a second.
+Hindsight findBestFixed(const Scenario& scenario, const std::vector<std::vector<double>>& work);
 
 // An upper bound for any scheduler: all devices as one server with one queue that holds as many
-// tasks as may wait. `work` is what arrives in each tenth of a second.
-double commonQueueBound(const Scenario& scenario, const std::vector<double>& work);
+// tasks as may wait.
+double commonQueueBound(const Scenario& scenario, const std::vector<std::vector<double>>& work);
 
 }  // namespace kelm

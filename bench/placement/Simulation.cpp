@@ -28,9 +28,10 @@ Simulation::Simulation(const Scenario& scenario, SimulatedPlanner& planner)
     m_graphs.resize(scenario.graphs.size());
     m_outcome.graphs.resize(scenario.graphs.size());
     m_outcome.busy.resize(m_devices.size());
-    m_outcome.workInTenth.resize(static_cast<size_t>(scenario.seconds * 10.0) + 1);
     for (size_t i = 0; i < m_graphs.size(); ++i) {
-        m_outcome.graphs[i].doneInTenth.resize(static_cast<size_t>(scenario.seconds * 10.0) + 1);
+        const auto tenths = static_cast<size_t>(scenario.seconds * 10.0);
+        m_outcome.graphs[i].doneInTenth.resize(tenths + 1);
+        m_outcome.graphs[i].workInTenth.resize(tenths + 1);
         m_arrivals.emplace_back(scenario.graphs[i], scenario.seed * 1000003 + i);
     }
 }
@@ -78,7 +79,7 @@ void Simulation::arrive(size_t index) {
     Graph& graph = m_graphs[index];
     ++graph.arrived;
     ++m_outcome.graphs[index].arrived;
-    m_outcome.workInTenth[static_cast<size_t>((m_now - m_start) * 10.0)] +=
+    m_outcome.graphs[index].workInTenth[static_cast<size_t>((m_now - m_start) * 10.0)] +=
         m_scenario.graphs[index].taskTime;
     if (graph.workers.empty() && m_waiting >= m_scenario.waitLimit) {
         ++m_outcome.graphs[index].refused;

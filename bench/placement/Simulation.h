@@ -41,13 +41,14 @@ struct GraphOutcome {
     uint64_t refused = 0;
     uint64_t done = 0;
     std::vector<float> latencies;       // milliseconds
-    std::vector<uint32_t> doneInTenth;  // of a second, from the first task
+    // For each tenth of a second of load: tasks that end, and seconds of work that arrive.
+    std::vector<uint32_t> doneInTenth;
+    std::vector<double> workInTenth;
 };
 
 struct Outcome {
     std::vector<GraphOutcome> graphs;
     std::vector<double> busy;  // seconds of load during which each device worked
-    std::vector<double> workInTenth;  // that arrives
     uint64_t loads = 0;        // during the load
     uint64_t lateLoads = 0;    // of these, after its first five seconds
     double slowestPlan = 0.0;  // seconds of processor time

@@ -59,11 +59,11 @@ static void mixes(uint64_t first, uint64_t last, bool verbose) {
             else { AdaptivePlanner p; out[i] = Simulation(s, p).run(); }
             Outcome& o = out[i];
             if (i == 0) {
-                std::vector<double> d;
-                for (size_t g = 0; g < s.graphs.size(); ++g) d.push_back(static_cast<double>(o.graphs[g].arrived) * s.graphs[g].taskTime / s.seconds);
-                const Hindsight h = findBestFixed(s, d);
+                std::vector<std::vector<double>> w;
+                for (auto& g : o.graphs) w.push_back(g.workInTenth);
+                const Hindsight h = findBestFixed(s, w);
                 exact = h.isExact;
-                bound = std::min(h.throughput, commonQueueBound(s, o.workInTenth));
+                bound = std::min(h.throughput, commonQueueBound(s, w));
             }
             ratio[i] = o.throughput / bound;
             all[i].push_back(ratio[i]);

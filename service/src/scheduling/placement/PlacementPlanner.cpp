@@ -16,7 +16,7 @@ constexpr double kGuessedDemand = 0.3;
 constexpr double kDrainTime = 5.0;
 constexpr double kBacklogPart = 0.3;
 constexpr double kUsualBacklog = 0.1;  // seconds of work that come and go with random arrivals
-constexpr double kLateTask = 0.3;      // seconds; tasks of a placed graph that wait so long are late
+constexpr double kLateWork = 0.15;     // seconds of work; a placed graph with more is late
 
 }  // namespace
 
@@ -128,20 +128,54 @@ bool PlacementPlanner::findPlace(size_t graph, size_t& device) const {
 }
 
 void PlacementPlanner::shareTime() {
-    if (m_homeless.empty()) return;
+    if (m_homeless.empty() && !hasLateGraph()) return;
     TimeSharing sharing(m_board, *m_picture, m_states);
-    m_longestWait = sharing.longestWait();
+    if (!m_homeless.empty()) m_longestWait = sharing.longestWait();
     std::erase_if(m_homeless, [&](size_t graph) {
         if (!m_states[graph].asks) return false;
         m_starving = true;
         TimeSharing::Turn turn;
         if (!sharing.findTurn(graph, turn)) return false;
-        m_board.take(turn.victim, turn.device);
-        m_board.put(graph, turn.device);
-        m_reasons[turn.victim] = PlacementReason::Starving;
-        sharing.start(turn);
+        take(sharing, turn);
         return true;
     });
+    shareCopies(sharing);
+}
+
+bool PlacementPlanner::hasLateGraph() const {
+    for (const TurnState& state : m_states) {
+        if (state.backlog > kLateWork) return true;
+    }
+    return false;
+}
+
+// Those with most work first.
+void PlacementPlanner::shareCopies(TimeSharing& sharing) {
+    std::vector<size_t> late;
+    for (size_t i = 0; i < m_states.size(); ++i) {
+        const TurnState& state = m_states[i];
+        if (m_board.graphs()[i].places.empty()) continue;
+        if (state.backlog > std::max(kLateWork, 1.5 * state.loadTime)) late.push_back(i);
+    }
+    std::stable_sort(late.begin(), late.end(), [this](size_t left, size_t right) {
+        return m_states[left].backlog > m_states[right].backlog;
+    });
+    for (const size_t graph : late) {
+        TimeSharing::Turn turn;
+        size_t device = 0;
+        if (findPlace(graph, device)) continue;  // the balancer's matter
+        const bool isShort = !m_homeless.empty() && sharing.isShortOfCopies(graph);
+        if (isShort ? sharing.findTurn(graph, turn) : sharing.findCopy(graph, turn)) {
+            take(sharing, turn);
+        }
+    }
+}
+
+void PlacementPlanner::take(TimeSharing& sharing, const TimeSharing::Turn& turn) {
+    m_board.take(turn.victim, turn.device);
+    m_board.put(turn.graph, turn.device);
+    m_reasons[turn.victim] = PlacementReason::Starving;
+    sharing.start(turn);
 }
 
 void PlacementPlanner::balance() {

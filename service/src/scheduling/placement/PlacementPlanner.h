@@ -30,6 +30,9 @@ class PlacementPlanner final : private BalanceCosts {
     void placeHomeless();
     bool findPlace(size_t graph, size_t& device) const;
     void shareTime();
+    bool hasLateGraph() const;
+    void shareCopies(TimeSharing& sharing);
+    void take(TimeSharing& sharing, const TimeSharing::Turn& turn);
     void balance();
     void describe(PlacementPlan& plan) const;
 

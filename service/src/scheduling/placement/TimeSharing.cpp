@@ -15,6 +15,10 @@ constexpr double kLoadPart = 0.04;
 constexpr double kSpareKept = 0.1;
 constexpr double kDrained = 0.03;  // seconds of work that hardly matter
 constexpr double kLongestPeriod = 15.0;
+constexpr double kStretch = 1.15;
+constexpr double kWorthACopy = 0.1;  // devices
+// A further place by turns: for a graph with so much more to do than the one that has the place.
+constexpr double kCopyGain = 2.0;
 constexpr double kCopyHarm = 0.25;  // of a copy's load, which its graph's other devices take over
 
 }  // namespace
@@ -38,11 +42,44 @@ TimeSharing::TimeSharing(const PlacementBoard& board, const PlacementPicture& pi
         speed += device.speed;
         slots += device.slots;
     }
+    m_copies.assign(states.size(), 1);
     if (slots <= 0.0 || sharing <= 0.0) return;
+    giveCopies(slots);
     const double spare = std::max(kLoadPart, 1.0 - kSpareKept - demand / speed);
     m_period = std::max(sharing / slots * kLeastPeriod, loads / slots / spare);
     m_period = std::min(m_period, kLongestPeriod);
     m_longestWait = 2.0 * (m_period + loads / slots) + 2.0 * kShortestTurn;
+}
+
+// The largest need for a further place first. A slot is lent to a graph that takes turns for as long
+// as its work takes, which is longer where others work on the device meanwhile.
+void TimeSharing::giveCopies(double slots) {
+    const auto devices = static_cast<double>(m_board.devices().size());
+    double demand = 0.0;
+    double speed = 0.0;
+    for (const TurnState& state : m_states) demand += state.demand;
+    for (const PlacementBoard::Device& device : m_board.devices()) speed += device.speed;
+    const double stretch =
+        kStretch * (1.0 + (slots / devices - 1.0) * std::min(1.0, demand / speed));
+    const double unit = speed / devices;
+    double left = slots;
+    for (const TurnState& state : m_states) {
+        left -= std::min(1.0, stretch * state.demand / unit);
+    }
+    while (left >= 1.0) {
+        size_t neediest = 0;
+        double most = 0.0;
+        for (size_t i = 0; i < m_states.size(); ++i) {
+            const double need = m_states[i].demand / unit - static_cast<double>(m_copies[i]);
+            if (need > most) {
+                most = need;
+                neediest = i;
+            }
+        }
+        if (most < kWorthACopy) return;
+        ++m_copies[neediest];
+        left -= 1.0;
+    }
 }
 
 double TimeSharing::sinceOf(size_t graph, size_t device) const {
@@ -57,6 +94,8 @@ bool TimeSharing::mayLeave(size_t victim, double since, bool overdue) const {
     const TurnState& state = m_states[victim];
     const double turn = m_picture.now - since;
     if (m_started[victim]) return false;
+    const size_t places = m_board.graphs()[victim].places.size();
+    if (places > 1 && places <= m_copies[victim] && !overdue) return false;
     if (!state.asks && state.demand <= 0.0) return true;
     if (turn < kShortestTurn) return false;
     if (state.backlog <= kDrained || overdue) return true;
@@ -94,6 +133,41 @@ bool TimeSharing::findTurn(size_t graph, Turn& turn) const {
         }
     }
     return found;
+}
+
+bool TimeSharing::findCopy(size_t graph, Turn& turn) const {
+    bool found = false;
+    double least = 0.0;
+    const double more = m_states[graph].demand - 0.95 * servedOf(graph);
+    for (size_t device = 0; device < m_board.devices().size(); ++device) {
+        const PlacementBoard::Device& place = m_board.devices()[device];
+        for (const size_t victim : place.graphs) {
+            const TurnState& state = m_states[victim];
+            if (m_board.graphs()[victim].places.size() > 1) continue;
+            if (state.backlog > kDrained || m_started[victim]) continue;
+            if (!m_board.fitsInPlaceOf(device, graph, victim)) continue;
+            const double turnTime = m_picture.now - sinceOf(victim, device);
+            if (turnTime < kShortestTurn + state.loadTime) continue;
+            const double room = place.speed - (place.load - m_board.loadOf(victim, device));
+            if (std::min(more, room) < kCopyGain * state.habit + kWorthACopy) continue;
+            const double missed = harm(graph, device, victim);
+            if (found && missed >= least) continue;
+            found = true;
+            least = missed;
+            turn = {graph, device, victim};
+        }
+    }
+    return found;
+}
+
+// Seconds of work a second that its devices can do for it.
+double TimeSharing::servedOf(size_t graph) const {
+    double served = 0.0;
+    for (const PlacementBoard::Share& share : m_board.graphs()[graph].places) {
+        const PlacementBoard::Device& place = m_board.devices()[share.device];
+        served += std::max(0.0, place.speed - (place.load - share.load));
+    }
+    return served;
 }
 
 void TimeSharing::start(const Turn& turn) { m_started[turn.graph] = true; }

@@ -36,20 +36,30 @@ class TimeSharing {
 
     // A place for a graph without one. False: none may be taken now.
     bool findTurn(size_t graph, Turn& turn) const;
+    // A further place for a graph whose devices cannot keep up, from one that has no work.
+    bool findCopy(size_t graph, Turn& turn) const;
+    bool isShortOfCopies(size_t graph) const {
+        return m_board.graphs()[graph].places.size() < m_copies[graph];
+    }
     // No graph waits longer while others take turns.
     double longestWait() const { return m_longestWait; }
     // Those whose turn starts now are not looked at.
     void start(const Turn& turn);
 
  private:
+    void giveCopies(double slots);
     bool mayLeave(size_t victim, double since, bool overdue) const;
     double harm(size_t graph, size_t device, size_t victim) const;
+    double servedOf(size_t graph) const;
     double sinceOf(size_t graph, size_t device) const;
 
     const PlacementBoard& m_board;
     const PlacementPicture& m_picture;
     const std::vector<TurnState>& m_states;
     std::vector<bool> m_started;
+    // The places that each graph may keep to itself: those that its work fills, as long as the
+    // others find room for theirs.
+    std::vector<size_t> m_copies;
     double m_period = 0.0;
     double m_longestWait = 0.0;
 };
