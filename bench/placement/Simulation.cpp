@@ -81,10 +81,11 @@ void Simulation::arrive(size_t index) {
     ++m_outcome.graphs[index].arrived;
     m_outcome.graphs[index].workInTenth[static_cast<size_t>((m_now - m_start) * 10.0)] +=
         m_scenario.graphs[index].taskTime;
-    if (graph.workers.empty() && m_waiting >= m_scenario.waitLimit) {
+    if (graph.workers.empty() && !hasRoom(graph)) {
         ++m_outcome.graphs[index].refused;
         return;
     }
+    if (graph.queue.empty()) ++m_queues;
     graph.queue.push_back(m_now);
     ++m_waiting;
     m_planner.taskCame(index);
@@ -98,6 +99,12 @@ void Simulation::arrive(size_t index) {
     schedulePass(urgent);
 }
 
+bool Simulation::hasRoom(const Graph& graph) const {
+    if (m_waiting < m_scenario.waitLimit) return true;
+    const size_t sharing = m_queues + (graph.queue.empty() ? 1 : 0);
+    return m_scenario.fairTasks && graph.queue.size() < m_scenario.waitLimit / sharing;
+}
+
 void Simulation::feed(size_t index) {
     Graph& graph = m_graphs[index];
     while (!graph.queue.empty() && !graph.workers.empty()) {
@@ -108,6 +115,7 @@ void Simulation::feed(size_t index) {
         ++slot.inFlight;
         device.flights.push_back({worker.slot, graph.queue.front()});
         graph.queue.pop_front();
+        if (graph.queue.empty()) --m_queues;
         --m_waiting;
         m_planner.taskTaken(index);
         if (device.flights.size() == 1) begin(worker.device);
@@ -120,7 +128,7 @@ Simulation::Worker Simulation::takeWorker(Graph& graph) {
         return m_devices[worker.device].flights.size();
     };
     auto taken = graph.workers.begin();
-    if (m_scenario.leastFirst) {
+    if (m_scenario.fairTasks) {
         taken = std::min_element(graph.workers.begin(), graph.workers.end(),
                                  [&](const Worker& left, const Worker& right) {
                                      return held(left) < held(right);

@@ -122,6 +122,7 @@ class Simulation {
     void post(double time, EventKind kind, size_t index, size_t slot = 0);
     void handle(const Event& event);
     void arrive(size_t graph);
+    bool hasRoom(const Graph& graph) const;
     void feed(size_t graph);
     Worker takeWorker(Graph& graph);
     void begin(size_t device);
@@ -147,6 +148,7 @@ class Simulation {
     double m_start = 0.0;
     double m_end = 0.0;
     size_t m_waiting = 0;
+    size_t m_queues = 0;   // that are not empty
     size_t m_changes = 0;  // under way
     double m_passEnd = 0.0;
     double m_nextPass = -1.0;  // below 0: a pass is under way

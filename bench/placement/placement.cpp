@@ -54,7 +54,7 @@ static void mixes(uint64_t first, uint64_t last, bool verbose) {
         bool exact = false;
         Outcome out[3];
         for (int i = 0; i < 3; ++i) {
-            s.leastFirst = i == 2;
+            s.fairTasks = i == 2;
             if (i == 0) { SqueezePlanner p(s); out[i] = Simulation(s, p).run(); }
             else { AdaptivePlanner p; out[i] = Simulation(s, p).run(); }
             Outcome& o = out[i];
@@ -68,9 +68,20 @@ static void mixes(uint64_t first, uint64_t last, bool verbose) {
             ratio[i] = o.throughput / bound;
             all[i].push_back(ratio[i]);
         }
+        if (verbose) {
+            for (size_t g = 0; g < s.graphs.size(); ++g) {
+                auto& o = out[2].graphs[g];
+                auto& q = s.graphs[g];
+                double w = q.rate * q.taskTime;
+                fmt::print("  g{} kind {} w {:.2f} -> {:.2f} T {:.1f} rate {:.0f} mem {} done {:.3f} refused {:.3f} sq {:.3f} p99 {:.0f}\n", g, int(q.kind), w, q.otherRate * q.taskTime, q.period, q.rate, q.memory,
+                  double(o.done) / double(o.arrived), double(o.refused) / double(o.arrived), double(out[0].graphs[g].done) / double(o.arrived), pct(o.latencies, .99));
+            }
+            for (double b : out[2].busy) fmt::print(" {:.2f}", b / s.seconds);
+            fmt::print("\n");
+        }
         if (verbose || ratio[2] < 0.93) {
             double off = 0, sp = 0; for (auto& g : s.graphs) off += g.rate * g.taskTime; for (double v : s.speeds) sp += v;
-            fmt::print("mix {:3} {:2}x{} ({:.1f}) graphs {:2} load {:.2f} c {:.2f} bound {:.3f}{} squeeze {:.3f} adaptive {:.3f} least {:.3f} loads {} late {}\n", n, s.speeds.size(), s.slots, sp, s.graphs.size(), off / sp, s.loadTime, bound, exact ? "=" : "<", ratio[0], ratio[1], ratio[2], out[2].loads, out[2].lateLoads);
+            fmt::print("mix {:3} {:2}x{} ({:.1f}) graphs {:2} load {:.2f} c {:.2f} bound {:.3f}{} squeeze {:.3f} adaptive {:.3f} fair {:.3f} loads {} late {}\n", n, s.speeds.size(), s.slots, sp, s.graphs.size(), off / sp, s.loadTime, bound, exact ? "=" : "<", ratio[0], ratio[1], ratio[2], out[2].loads, out[2].lateLoads);
         }
     }
     for (auto& v : all) {
@@ -95,9 +106,9 @@ int main(int argc, char** argv) {
                 if (argc > 1) for (auto& g : s.graphs) g.kind = ArrivalKind::Constant;
                 { SqueezePlanner p(s); show(s, "squeeze2", Simulation(s, p).run()); }
                 { AdaptivePlanner p; show(s, "adaptive", Simulation(s, p).run()); }
-                s.leastFirst = true;
-                { SqueezePlanner p(s); show(s, "sq least", Simulation(s, p).run()); }
-                { AdaptivePlanner p; show(s, "ad least", Simulation(s, p).run()); }
+                s.fairTasks = true;
+                { SqueezePlanner p(s); show(s, "sq fair", Simulation(s, p).run()); }
+                { AdaptivePlanner p; show(s, "ad fair", Simulation(s, p).run()); }
             }
         }
     }

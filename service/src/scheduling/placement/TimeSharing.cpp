@@ -15,6 +15,10 @@ constexpr double kLoadPart = 0.04;
 constexpr double kSpareKept = 0.1;
 constexpr double kDrained = 0.03;  // seconds of work that hardly matter
 constexpr double kLongestPeriod = 15.0;
+// When places are short a graph gathers so much work, in seconds, before it asks for a turn, unless
+// it has waited for so long.
+constexpr double kWorthATurn = 0.12;
+constexpr double kPatience = 0.4;
 constexpr double kStretch = 1.15;
 constexpr double kWorthACopy = 0.1;  // devices
 // A further place by turns: for a graph with so much more to do than the one that has the place.
@@ -63,9 +67,12 @@ void TimeSharing::giveCopies(double slots) {
         kStretch * (1.0 + (slots / devices - 1.0) * std::min(1.0, demand / speed));
     const double unit = speed / devices;
     double left = slots;
+    double wish = 0.0;  // for further places
     for (const TurnState& state : m_states) {
         left -= std::min(1.0, stretch * state.demand / unit);
+        wish += std::max(0.0, state.demand / unit - 1.0);
     }
+    m_isScarce = left - wish < kSpareKept * slots;
     while (left >= 1.0) {
         size_t neediest = 0;
         double most = 0.0;
@@ -118,6 +125,8 @@ double TimeSharing::harm(size_t graph, size_t device, size_t victim) const {
 }
 
 bool TimeSharing::findTurn(size_t graph, Turn& turn) const {
+    const TurnState& claimant = m_states[graph];
+    if (m_isScarce && claimant.backlog < kWorthATurn && claimant.age < kPatience) return false;
     const bool overdue = m_states[graph].age * 2.0 > m_longestWait;
     bool found = false;
     double least = 0.0;

@@ -60,6 +60,7 @@ class TimeSharing {
     // The places that each graph may keep to itself: those that its work fills, as long as the
     // others find room for theirs.
     std::vector<size_t> m_copies;
+    bool m_isScarce = false;
     double m_period = 0.0;
     double m_longestWait = 0.0;
 };
