@@ -31,7 +31,7 @@ PlacementPlan PlacementPlanner::plan(const PlacementPicture& picture) {
     balance();
     PlacementPlan plan;
     describe(plan);
-    plan.wakeAfter = m_starving ? kQuickWake : kUsualWake;
+    plan.wakeAfter = m_starving || hasLateGraph() ? kQuickWake : kUsualWake;
     plan.longestWait = m_longestWait;
     return plan;
 }
