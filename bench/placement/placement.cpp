@@ -90,6 +90,14 @@ static void mixes(uint64_t first, uint64_t last, bool verbose) {
     }
 }
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "fleet") {
+        for (int i = 2; i < argc; ++i) {
+            Scenario s = makeFleet(std::stoul(argv[i]), 1);
+            if (s.speeds.size() <= 512) { SqueezePlanner p(s); show(s, "squeeze2", Simulation(s, p).run()); }
+            AdaptivePlanner p; show(s, "adaptive", Simulation(s, p).run());
+        }
+        return 0;
+    }
     if (argc > 1 && std::string(argv[1]) == "mixes") { mixes(std::stoul(argv[2]), std::stoul(argv[3]), argc > 4); return 0; }
     struct R { const char* n; size_t d; uint32_t s; std::vector<double> r; };
     const R rows[] = {{"4x2 60/2/2/2", 4, 2, {60, 2, 2, 2}},

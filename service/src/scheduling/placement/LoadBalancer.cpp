@@ -12,6 +12,12 @@ namespace {
 constexpr size_t kMostEffort = 60'000;
 // Devices that are tried for a graph, the least busy first.
 constexpr size_t kTargets = 12;
+// A graph of more than a device, whose devices have so much more to do than they can.
+constexpr double kLarge = 1.0;
+constexpr double kFarTooBusy = 1.3;
+constexpr double kEasyTarget = 0.6;
+constexpr double kFull = 0.95;
+constexpr double kLeastRoom = 0.2;
 constexpr double kLessBusy = 0.03;
 
 }  // namespace
@@ -19,6 +25,7 @@ constexpr double kLessBusy = 0.03;
 int LoadBalancer::run() {
     m_stuck.assign(m_board.devices().size(), false);
     int changes = 0;
+    spreadLargeGraphs();
     while (m_effort < kMostEffort) {
         const size_t device = findBusiest();
         if (device == kNone) break;
@@ -30,6 +37,43 @@ int LoadBalancer::run() {
         }
     }
     return changes;
+}
+
+// In one step what would otherwise take a try for each device.
+void LoadBalancer::spreadLargeGraphs() {
+    const auto& devices = m_board.devices();
+    std::vector<size_t> free;
+    for (size_t graph = 0; graph < m_board.graphs().size(); ++graph) {
+        const auto& item = m_board.graphs()[graph];
+        if (item.places.empty() || item.demand < kLarge) continue;
+        if (devices[item.places.front().device].busy() < kFarTooBusy) continue;
+        if (free.empty()) {
+            for (size_t i = 0; i < devices.size(); ++i) {
+                if (devices[i].hasFreeSlot() && devices[i].busy() < kEasyTarget) free.push_back(i);
+            }
+            std::stable_sort(free.begin(), free.end(), [&](size_t left, size_t right) {
+                return devices[left].busy() < devices[right].busy();
+            });
+        }
+        spreadLargeGraph(graph, free);
+    }
+}
+
+void LoadBalancer::spreadLargeGraph(size_t graph, const std::vector<size_t>& free) {
+    const auto& devices = m_board.devices();
+    double need = 0.0;
+    for (const auto& share : m_board.graphs()[graph].places) {
+        need += devices[share.device].load - kFull * devices[share.device].speed;
+    }
+    std::vector<size_t> targets;
+    for (const size_t device : free) {
+        const double room = kFull * devices[device].speed - devices[device].load;
+        if (need < room / 2.0) break;
+        if (room < kLeastRoom || !m_board.fits(device, graph)) continue;
+        targets.push_back(device);
+        need -= room;
+    }
+    if (!targets.empty()) m_board.putAll(graph, targets);
 }
 
 size_t LoadBalancer::findBusiest() const {

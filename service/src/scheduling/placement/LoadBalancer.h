@@ -17,7 +17,7 @@ class BalanceCosts {
     ~BalanceCosts() = default;
 };
 
-// Relieves the busiest devices: with further copies of their graphs, by moving one to another
+// Gives large graphs the devices that they need, then relieves the busiest devices: with further copies of their graphs, by moving one to another
 // device, or by exchanging two. Takes the change that gains most, as long as it repays its cost.
 class LoadBalancer {
  public:
@@ -39,6 +39,8 @@ class LoadBalancer {
     };
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
+    void spreadLargeGraphs();
+    void spreadLargeGraph(size_t graph, const std::vector<size_t>& free);
     size_t findBusiest() const;
     void listTargets();
     bool relieve(size_t device);

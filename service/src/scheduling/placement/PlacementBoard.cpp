@@ -51,10 +51,19 @@ double PlacementBoard::loadOf(size_t graph, size_t device) const {
 }
 
 void PlacementBoard::put(size_t graph, size_t device) {
+    enter(graph, device);
+    spread(graph);
+}
+
+void PlacementBoard::putAll(size_t graph, const std::vector<size_t>& devices) {
+    for (const size_t device : devices) enter(graph, device);
+    spread(graph);
+}
+
+void PlacementBoard::enter(size_t graph, size_t device) {
     m_graphs[graph].places.push_back({device, 0.0});
     m_devices[device].graphs.push_back(graph);
     m_devices[device].memoryLeft -= m_graphs[graph].memory;
-    spread(graph);
 }
 
 void PlacementBoard::take(size_t graph, size_t device) {

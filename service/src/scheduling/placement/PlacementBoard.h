@@ -48,6 +48,7 @@ class PlacementBoard {
 
     // With `spread()`s of the graph.
     void put(size_t graph, size_t device);
+    void putAll(size_t graph, const std::vector<size_t>& devices);
     void take(size_t graph, size_t device);
     // Spreads the graph's demand anew over its devices, beside the load of the others.
     void spread(size_t graph);
@@ -58,6 +59,8 @@ class PlacementBoard {
     double costOf(size_t device) const;
 
  private:
+    void enter(size_t graph, size_t device);
+
     std::vector<Device> m_devices;
     std::vector<Graph> m_graphs;
     std::vector<Share> m_scratch;
