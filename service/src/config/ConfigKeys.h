@@ -136,6 +136,7 @@ constexpr ConfigKey kConfigKeys[] = {
 
     {"device_settings.device_vid", ConfigKind::kHexadecimal, "0x7c52"},
     {"device_settings.device_pid", ConfigKind::kHexadecimal, "0xe19a"},
+    {"device_settings.shared_scheduler", ConfigKind::kText, "squeeze2", {}, {"squeeze2|adaptive", "squeeze2", true}},
 
     // A device has a slave worker or two.
     {"scheduler_config.max_graph_per_device", ConfigKind::kInteger, "2", {{{1, 1}}, 2}},

@@ -68,7 +68,7 @@ void DeviceSchedulers::create(const DeviceSettings& settings) {
 }
 
 void DeviceSchedulers::createSqueezeScheduler(const DeviceSettings& settings) {
-    auto scheduler = DeviceSchedulerFactory::createScheduler("squeeze2");
+    auto scheduler = DeviceSchedulerFactory::createScheduler(settings.sharedScheduler);
     if (!scheduler) {
         LOG_ERROR("Error: failed to create SqueezeScheduler");
         return;
@@ -116,6 +116,10 @@ void DeviceSchedulers::unloadGraph(KelmGraph* graph) {
     }
     using Listener = GraphPlacementListener;
     Port<Listener>::notify<&Listener::enqueueNotifyUnloadGraphDone>(graph);
+}
+
+void DeviceSchedulers::notifyStarving() {
+    if (m_slots[SQUEEZE].scheduler) m_slots[SQUEEZE].scheduler->notifyStarving();
 }
 
 // Deliberate: nothing is remembered of the part that a device had before, so one that returns takes

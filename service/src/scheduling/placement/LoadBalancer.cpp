@@ -124,7 +124,7 @@ bool LoadBalancer::relieve(size_t device) {
 }
 
 void LoadBalancer::tryTarget(size_t graph, size_t device, size_t to) {
-    if (m_board.holds(to, graph)) return;
+    if (m_board.holds(to, graph) || m_costs.loadTime(graph, to) >= MoveCost::kNever) return;
     if (m_board.fits(to, graph)) {
         tryChange({graph, kNone, to, kNone});
         tryChange({graph, device, to, kNone});

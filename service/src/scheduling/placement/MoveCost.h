@@ -1,6 +1,8 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
+#include <vector>
 
 #include "scheduling/placement/PlacementPicture.h"
 
@@ -14,9 +16,14 @@ struct MoveCost {
     static constexpr double kShortestStay = 1.0;
     static constexpr double kLongestStay = 20.0;
 
+    static constexpr double kNever = 1e6;  // seconds, of a load that a device has refused
+
     static double loadTime(const PlacementGraph& graph, const PlacementDevice& device) {
-        const bool isCached = std::find(device.cached.begin(), device.cached.end(), graph.id) !=
-                              device.cached.end();
+        const auto has = [](const std::vector<uint64_t>& list, uint64_t id) {
+            return std::find(list.begin(), list.end(), id) != list.end();
+        };
+        if (has(graph.refusedBy, device.id)) return kNever;
+        const bool isCached = has(device.cached, graph.id);
         if (isCached && graph.cachedTime > 0.0) return graph.cachedTime;
         return graph.loadTime > 0.0 ? graph.loadTime : kGuess;
     }

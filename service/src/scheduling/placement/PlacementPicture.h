@@ -35,6 +35,7 @@ struct PlacementGraph {
     double loadTime = 0.0;    // as measured
     double cachedTime = 0.0;  // of a load where the device holds it already
     std::vector<PresentPlace> places;
+    std::vector<uint64_t> refusedBy;  // devices that failed to load it
 };
 
 struct PlacementPicture {

@@ -16,6 +16,7 @@ constexpr double kGuessedDemand = 0.3;
 constexpr double kDrainTime = 5.0;
 constexpr double kBacklogPart = 0.3;
 constexpr double kUsualBacklog = 0.1;  // seconds of work that come and go with random arrivals
+constexpr double kRefused = 100.0;  // of a device that failed to load the graph, which comes last
 constexpr double kLateWork = 0.15;     // seconds of work; a placed graph with more is late
 
 }  // namespace
@@ -118,7 +119,8 @@ bool PlacementPlanner::findPlace(size_t graph, size_t& device) const {
         const PlacementBoard::Device& place = m_board.devices()[i];
         const double busy = (place.load + demand) / place.speed;
         const double rank = busy + 0.25 * static_cast<double>(place.graphs.size()) +
-                            0.5 * std::min(1.0, loadTime(graph, i));
+                            0.5 * std::min(1.0, loadTime(graph, i)) +
+                            (loadTime(graph, i) >= MoveCost::kNever ? kRefused : 0.0);
         if (found && rank >= least) continue;
         found = true;
         least = rank;
@@ -209,12 +211,16 @@ void PlacementPlanner::describe(PlacementPlan& plan) const {
                 return place.device == device;
             };
             if (std::any_of(graph.places.begin(), graph.places.end(), isHere)) continue;
+            const std::vector<uint64_t>& cached = m_picture->devices[share.device].cached;
+            const bool isCached = std::find(cached.begin(), cached.end(), graph.id) != cached.end();
+            const PlacementReason reason =
+                isCached && m_reasons[i] == PlacementReason::Demand ? PlacementReason::Cache
+                                                                    : m_reasons[i];
             if (left.empty()) {
-                plan.moves.push_back(
-                    {PlacementAction::Loaded, m_reasons[i], graph.id, 0, device});
+                plan.moves.push_back({PlacementAction::Loaded, reason, graph.id, 0, device});
             } else {
                 plan.moves.push_back(
-                    {PlacementAction::Moved, m_reasons[i], graph.id, left.back(), device});
+                    {PlacementAction::Moved, reason, graph.id, left.back(), device});
                 left.pop_back();
             }
         }

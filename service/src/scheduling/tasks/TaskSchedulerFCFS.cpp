@@ -10,6 +10,7 @@
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
+#include "records/StarvingGraphListener.h"
 #include "reporting/InfoCollector.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
@@ -39,6 +40,13 @@ void destroyTask(KelmTask* task) {
 void destroyCanceledTask(KelmTask* task) {
     LOG_INFO("Destroy task(%lu), reason=canceled", task->getId());
     destroyTask(task);
+}
+
+// Of the first task that waits. Graphs with a tag or a stream have a device at all times, or none to
+// get.
+bool isStarving(KelmGraph& graph) {
+    return graph.getNumWaitTasks() == 1 && graph.getRunningDeviceNum() == 0 &&
+           graph.getTag().empty() && graph.getStreamId().empty();
 }
 
 // A client that is found stays for this call: it is destroyed after its last task, and this task
@@ -114,6 +122,7 @@ bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
 void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();  // once handed on, the task may be destroyed
     KelmGraph* const graph = task->getGraph();
+    graph->countArrival();
     LOG_STEP("[Schedule#0] schedule task(%lu) start", taskId);
     if (!acceptTask(task)) {
         LOG_STEP("[Schedule#2] schedule task(%lu) finish", taskId);
@@ -186,6 +195,9 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
         destroyTask(task);
         return nullptr;
     }
+    const int32_t subclass = task->getGraph()->getInterfaceSubclass();
+    bool starves = false;
+    bool queued = false;
     {
         MutexLock lock(m_mutex);
         // When a graph departs its tasks are canceled before descheduleGraph() empties its queue. A
@@ -193,11 +205,16 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
         // and stay queued for ever.
         if (!task->isCanceled()) {
             WorkThread* const worker = dequeueWaitingWorkerUnsafe(task->getGraph());
-            if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
-            return worker;
+            if (worker != nullptr) return worker;
+            enqueueWaitingTaskUnsafe(task, *client, head);
+            queued = true;
+            starves = isStarving(*task->getGraph());
         }
     }
-    destroyCanceledTask(task);
+    if (!queued) destroyCanceledTask(task);
+    if (starves) {
+        Port<StarvingGraphListener>::notify<&StarvingGraphListener::notifyGraphStarves>(subclass);
+    }
     return nullptr;
 }
 
