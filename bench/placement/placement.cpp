@@ -94,7 +94,11 @@ int main(int argc, char** argv) {
         for (int i = 2; i < argc; ++i) {
             Scenario s = makeFleet(std::stoul(argv[i]), 1);
             if (s.speeds.size() <= 512) { SqueezePlanner p(s); show(s, "squeeze2", Simulation(s, p).run()); }
-            AdaptivePlanner p; show(s, "adaptive", Simulation(s, p).run());
+            AdaptivePlanner p; Outcome o = Simulation(s, p).run(); show(s, "adaptive", o);
+            std::vector<std::vector<double>> w;
+            for (auto& g : o.graphs) w.push_back(g.workInTenth);
+            double top = 0; for (auto& g : s.graphs) if (g.rate * g.taskTime > 1) top += g.rate * g.taskTime;
+            fmt::print("bound {:.1f} first {:.1f} above one {:.1f}\n", findBestFixed(s, w).throughput, s.graphs[0].rate * s.graphs[0].taskTime, top);
         }
         return 0;
     }

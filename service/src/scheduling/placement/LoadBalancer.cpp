@@ -18,25 +18,21 @@ constexpr double kFarTooBusy = 1.3;
 constexpr double kEasyTarget = 0.6;
 constexpr double kFull = 0.95;
 constexpr double kLeastRoom = 0.2;
+// Devices from which on a graph is only given more of them: one that moves changes little.
+constexpr size_t kMany = 8;
 constexpr double kLessBusy = 0.03;
 
 }  // namespace
 
-int LoadBalancer::run() {
+void LoadBalancer::run() {
     m_stuck.assign(m_board.devices().size(), false);
-    int changes = 0;
     spreadLargeGraphs();
     while (m_effort < kMostEffort) {
         const size_t device = findBusiest();
-        if (device == kNone) break;
+        if (device == kNone) return;
         listTargets();
-        if (relieve(device)) {
-            ++changes;
-        } else {
-            m_stuck[device] = true;
-        }
+        if (!relieve(device)) giveUp(device);
     }
-    return changes;
 }
 
 // In one step what would otherwise take a try for each device.
@@ -86,6 +82,24 @@ size_t LoadBalancer::findBusiest() const {
     return busiest;
 }
 
+// The devices of a graph that has many are equally busy: what does not help one helps none.
+void LoadBalancer::giveUp(size_t device) {
+    m_stuck[device] = true;
+    const auto& devices = m_board.devices();
+    for (const size_t graph : devices[device].graphs) {
+        if (!hasMany(graph)) continue;
+        for (const auto& share : m_board.graphs()[graph].places) {
+            if (devices[share.device].busy() > devices[device].busy() - kLessBusy) {
+                m_stuck[share.device] = true;
+            }
+        }
+    }
+}
+
+bool LoadBalancer::hasMany(size_t graph) const {
+    return m_board.graphs()[graph].places.size() > kMany;
+}
+
 // Some with a free slot and some without, so that neither kind hides the other.
 void LoadBalancer::listTargets() {
     const auto& devices = m_board.devices();
@@ -127,14 +141,14 @@ void LoadBalancer::tryTarget(size_t graph, size_t device, size_t to) {
     if (m_board.holds(to, graph) || m_costs.loadTime(graph, to) >= MoveCost::kNever) return;
     if (m_board.fits(to, graph)) {
         tryChange({graph, kNone, to, kNone});
-        tryChange({graph, device, to, kNone});
+        if (!hasMany(graph)) tryChange({graph, device, to, kNone});
         return;
     }
     const std::vector<size_t> others = m_board.devices()[to].graphs;
     for (const size_t other : others) {
         if (!m_board.fitsInPlaceOf(to, graph, other)) continue;
         if (m_board.graphs()[other].places.size() > 1) tryChange({graph, kNone, to, other});
-        if (m_board.fitsInPlaceOf(device, other, graph)) {
+        if (!hasMany(graph) && !hasMany(other) && m_board.fitsInPlaceOf(device, other, graph)) {
             tryChange({graph, device, to, other, true});
         }
     }

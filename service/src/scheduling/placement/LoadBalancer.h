@@ -23,8 +23,7 @@ class LoadBalancer {
  public:
     LoadBalancer(PlacementBoard& board, const BalanceCosts& costs) : m_board(board), m_costs(costs) {}
 
-    // The number of changes made.
-    int run();
+    void run();
 
  private:
     // Graph `graph` comes to `to`; from `from` it leaves, unless that is kNone. `other` leaves `to`,
@@ -42,6 +41,8 @@ class LoadBalancer {
     void spreadLargeGraphs();
     void spreadLargeGraph(size_t graph, const std::vector<size_t>& free);
     size_t findBusiest() const;
+    void giveUp(size_t device);
+    bool hasMany(size_t graph) const;
     void listTargets();
     bool relieve(size_t device);
     void tryTarget(size_t graph, size_t device, size_t to);

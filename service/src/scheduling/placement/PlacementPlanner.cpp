@@ -29,7 +29,6 @@ PlacementPlan PlacementPlanner::plan(const PlacementPicture& picture) {
     layOutBoard();
     placeHomeless();
     shareTime();
-    balance();
     PlacementPlan plan;
     describe(plan);
     plan.wakeAfter = m_starving || hasLateGraph() ? kQuickWake : kUsualWake;
@@ -129,8 +128,8 @@ bool PlacementPlanner::findPlace(size_t graph, size_t& device) const {
     return found;
 }
 
+// Those without a place first, then the balance, and at last copies in turns, which it cannot give.
 void PlacementPlanner::shareTime() {
-    if (m_homeless.empty() && !hasLateGraph()) return;
     TimeSharing sharing(m_board, *m_picture, m_states);
     if (!m_homeless.empty()) m_longestWait = sharing.longestWait();
     std::erase_if(m_homeless, [&](size_t graph) {
@@ -141,6 +140,8 @@ void PlacementPlanner::shareTime() {
         take(sharing, turn);
         return true;
     });
+    LoadBalancer balancer(m_board, *this);
+    balancer.run();
     shareCopies(sharing);
 }
 
@@ -178,11 +179,6 @@ void PlacementPlanner::take(TimeSharing& sharing, const TimeSharing::Turn& turn)
     m_board.put(turn.graph, turn.device);
     m_reasons[turn.victim] = PlacementReason::Starving;
     sharing.start(turn);
-}
-
-void PlacementPlanner::balance() {
-    LoadBalancer balancer(m_board, *this);
-    (void)balancer.run();
 }
 
 double PlacementPlanner::loadTime(size_t graph, size_t device) const {

@@ -33,7 +33,6 @@ class PlacementPlanner final : private BalanceCosts {
     bool hasLateGraph() const;
     void shareCopies(TimeSharing& sharing);
     void take(TimeSharing& sharing, const TimeSharing::Turn& turn);
-    void balance();
     void describe(PlacementPlan& plan) const;
 
     double loadTime(size_t graph, size_t device) const override;
