@@ -1,19 +1,10 @@
 #include "bench/placement/Simulation.h"
 
 #include <algorithm>
-#include <ctime>
+
+#include "bench/CpuTime.h"
 
 namespace kelm {
-
-namespace {
-
-double threadSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-}  // namespace
 
 Simulation::Simulation(const Scenario& scenario, SimulatedPlanner& planner)
     : m_scenario(scenario), m_planner(planner) {

@@ -9,7 +9,7 @@ namespace kelm {
 namespace {
 
 // Looks at places, over all tries of a plan, after which the rest waits for the next plan.
-constexpr size_t kMostEffort = 60'000;
+constexpr size_t kMostEffort = 30'000;
 // Devices that are tried for a graph, the least busy first.
 constexpr size_t kTargets = 12;
 // A graph of more than a device, whose devices have so much more to do than they can.
