@@ -51,8 +51,7 @@ Arrivals::Arrivals(const GraphLoadSpec& spec, uint64_t seed) : m_spec(spec), m_r
 
 double Arrivals::next() {
     if (peakRate(m_spec) <= 0.0) return kNever;
-    const bool isSpaced =
-        m_spec.kind == ArrivalKind::Constant || m_spec.kind == ArrivalKind::Swap;
+    const bool isSpaced = m_spec.kind == ArrivalKind::Constant || m_spec.kind == ArrivalKind::Swap;
     return isSpaced ? nextSpaced() : nextRandom();
 }
 

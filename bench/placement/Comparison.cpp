@@ -17,8 +17,8 @@ constexpr double kSettled = 0.9;
 
 double percentile(std::vector<float>& values, double part) {
     if (values.empty()) return 0.0;
-    const auto index = std::min(values.size() - 1,
-                                static_cast<size_t>(part * static_cast<double>(values.size())));
+    const auto index =
+        std::min(values.size() - 1, static_cast<size_t>(part * static_cast<double>(values.size())));
     std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(index),
                      values.end());
     return static_cast<double>(values[index]);
@@ -101,10 +101,10 @@ Figures sumUp(const Scenario& scenario, const Outcome& outcome, const Hindsight&
 
 Figures takeMedians(std::vector<Figures> runs) {
     Figures medians;
-    for (const auto field : {&Figures::throughput, &Figures::ratio, &Figures::busy,
-                             &Figures::refused, &Figures::loads, &Figures::lateLoads,
-                             &Figures::smallP90, &Figures::smallP99, &Figures::worstP99,
-                             &Figures::settled, &Figures::planMillis}) {
+    for (const auto field :
+         {&Figures::throughput, &Figures::ratio, &Figures::busy, &Figures::refused, &Figures::loads,
+          &Figures::lateLoads, &Figures::smallP90, &Figures::smallP99, &Figures::worstP99,
+          &Figures::settled, &Figures::planMillis}) {
         std::sort(runs.begin(), runs.end(), [field](const Figures& left, const Figures& right) {
             return left.*field < right.*field;
         });

@@ -9,7 +9,8 @@
 
 namespace kelm {
 
-// The planners side by side; the last has the task scheduler that is fair, the others the usual one.
+// The planners side by side; the last has the task scheduler that is fair, the others the usual
+// one.
 enum Contender : size_t { SQUEEZE, ADAPTIVE, ADAPTIVE_FAIR, CONTENDERS };
 constexpr std::array<const char*, CONTENDERS> kContenderNames{"squeeze2", "adaptive",
                                                               "adaptive, fair tasks"};
@@ -24,8 +25,8 @@ struct Figures {
     double lateLoads = 0.0;
     double smallP90 = 0.0;  // milliseconds, of the graphs of least rate together
     double smallP99 = 0.0;
-    double worstP99 = 0.0;  // of the graph that has the worst
-    double settled = 0.0;   // seconds from a swap to nine tenths of what comes; 0 without one
+    double worstP99 = 0.0;    // of the graph that has the worst
+    double settled = 0.0;     // seconds from a swap to nine tenths of what comes; 0 without one
     double planMillis = 0.0;  // of processor time, the slowest plan
 };
 

@@ -183,9 +183,9 @@ class PlacementProgram {
     }
     // What waits at the end of a window is there in the next.
     void addBacklogs() {
-        const auto room = static_cast<double>(
-            m_scenario.waitLimit +
-            m_scenario.speeds.size() * m_scenario.slots * m_scenario.inFlight);
+        const auto room =
+            static_cast<double>(m_scenario.waitLimit +
+                                m_scenario.speeds.size() * m_scenario.slots * m_scenario.inFlight);
         for (size_t window = 0; window + 1 < m_work.front().size(); ++window) {
             const int tasks = addRow(room);
             for (size_t i = 0; i < m_work.size(); ++i) {
@@ -274,8 +274,8 @@ std::vector<std::vector<double>> sumWindows(const std::vector<std::vector<double
 }  // namespace
 
 Hindsight findBestFixed(const Scenario& scenario, const std::vector<std::vector<double>>& work) {
-    const bool isSteady = std::all_of(
-        scenario.graphs.begin(), scenario.graphs.end(), [](const GraphLoadSpec& graph) {
+    const bool isSteady =
+        std::all_of(scenario.graphs.begin(), scenario.graphs.end(), [](const GraphLoadSpec& graph) {
             return graph.kind == ArrivalKind::Constant || graph.kind == ArrivalKind::Poisson;
         });
     std::vector<double> demands;

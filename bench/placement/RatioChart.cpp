@@ -47,7 +47,8 @@ std::string drawRatios(const std::array<std::vector<double>, CONTENDERS>& ratios
     for (int tenth = 5; tenth <= 10; ++tenth) {
         const double x = xOf(tenth / 10.0);
         svg += drawLine(x, kTop, x, kTop + kPlotHeight);
-        svg += drawText(x, kTop + kPlotHeight + 16.0, "middle", fmt::format("{:.1f}", tenth / 10.0));
+        svg +=
+            drawText(x, kTop + kPlotHeight + 16.0, "middle", fmt::format("{:.1f}", tenth / 10.0));
     }
     for (int quarter = 0; quarter <= 4; ++quarter) {
         const double y = yOf(quarter / 4.0);

@@ -30,11 +30,11 @@ struct Scenario {
     double loadTime = 0.0;   // of a graph onto a slot
     size_t inFlight = 2;     // tasks of a worker
     size_t waitLimit = 300;  // tasks that wait; more are refused
-    // The worker whose device holds least gets the next task, not the first that waits; and no graph
-    // is refused a task while fewer wait of it than its equal share of the limit.
+    // The worker whose device holds least gets the next task, not the first that waits; and no
+    // graph is refused a task while fewer wait of it than its equal share of the limit.
     bool fairTasks = false;
-    double warmUp = 1.0;     // before the first task
-    double seconds = 60.0;   // of load
+    double warmUp = 1.0;    // before the first task
+    double seconds = 60.0;  // of load
     uint64_t seed = 1;
 };
 

@@ -6,6 +6,12 @@
 
 namespace kelm {
 
+namespace {
+
+constexpr size_t kLateTasks = 16;  // as the task scheduler tells
+
+}  // namespace
+
 Simulation::Simulation(const Scenario& scenario, SimulatedPlanner& planner)
     : m_scenario(scenario), m_planner(planner) {
     m_start = scenario.warmUp;
@@ -84,10 +90,7 @@ void Simulation::arrive(size_t index) {
     if (m_nextPass < 0.0 || graph.queue.empty()) return;
     const double urgent = std::max(m_now, m_passEnd + m_planner.urgentInterval());
     if (urgent >= m_nextPass) return;
-    for (size_t device = 0; device < m_devices.size(); ++device) {
-        if (holds(device, index)) return;
-    }
-    schedulePass(urgent);
+    if (graph.queue.size() == kLateTasks || !isHeld(index)) schedulePass(urgent);
 }
 
 bool Simulation::hasRoom(const Graph& graph) const {
@@ -120,10 +123,9 @@ Simulation::Worker Simulation::takeWorker(Graph& graph) {
     };
     auto taken = graph.workers.begin();
     if (m_scenario.fairTasks) {
-        taken = std::min_element(graph.workers.begin(), graph.workers.end(),
-                                 [&](const Worker& left, const Worker& right) {
-                                     return held(left) < held(right);
-                                 });
+        taken = std::min_element(
+            graph.workers.begin(), graph.workers.end(),
+            [&](const Worker& left, const Worker& right) { return held(left) < held(right); });
     }
     const Worker worker = *taken;
     graph.workers.erase(taken);
@@ -145,7 +147,8 @@ void Simulation::begin(size_t index) {
     const size_t graph = device.slots[device.flights.front().slot].graph;
     const double time = m_scenario.graphs[graph].taskTime / device.speed;
     post(m_now + time, EventKind::Done, index);
-    m_outcome.busy[index] += std::max(0.0, std::min(m_now + time, m_end) - std::max(m_now, m_start));
+    m_outcome.busy[index] +=
+        std::max(0.0, std::min(m_now + time, m_end) - std::max(m_now, m_start));
 }
 
 void Simulation::finishTask(size_t index) {
@@ -243,12 +246,7 @@ void Simulation::endChange() {
     m_passEnd = m_now;
     double next = m_planner.interval();
     for (size_t i = 0; i < m_graphs.size() && m_planner.urgentInterval() < next; ++i) {
-        if (m_graphs[i].queue.empty()) continue;
-        bool held = false;
-        for (size_t device = 0; device < m_devices.size() && !held; ++device) {
-            held = holds(device, i);
-        }
-        if (!held) next = m_planner.urgentInterval();
+        if (!m_graphs[i].queue.empty() && !isHeld(i)) next = m_planner.urgentInterval();
     }
     schedulePass(m_now + next);
 }
@@ -270,6 +268,13 @@ double Simulation::since(size_t device, size_t graph) const {
         if (slot.graph == graph) return slot.since;
     }
     return 0.0;
+}
+
+bool Simulation::isHeld(size_t graph) const {
+    for (size_t device = 0; device < m_devices.size(); ++device) {
+        if (holds(device, graph)) return true;
+    }
+    return false;
 }
 
 std::vector<size_t> Simulation::graphsOn(size_t device) const {

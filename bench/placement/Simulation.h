@@ -28,11 +28,11 @@ class SimulatedPlanner {
     virtual std::vector<PlaceChange> plan(const Simulation& simulation) = 0;
     // Seconds from the end of a pass to the next.
     virtual double interval() const = 0;
-    // The same when a task has come for a graph that is on no device; at least interval() for a
-    // planner that does not care.
+    // The same when a task has come for a graph that is on no device, or its tasks gather; at least
+    // interval() for a planner that does not care.
     virtual double urgentInterval() const = 0;
-    virtual void taskCame(size_t graph) = 0;    // it waits, or a worker takes it at once
-    virtual void taskTaken(size_t graph) = 0;   // by a worker
+    virtual void taskCame(size_t graph) = 0;   // it waits, or a worker takes it at once
+    virtual void taskTaken(size_t graph) = 0;  // by a worker
 };
 
 // What came of a run.
@@ -40,7 +40,7 @@ struct GraphOutcome {
     uint64_t arrived = 0;
     uint64_t refused = 0;
     uint64_t done = 0;
-    std::vector<float> latencies;       // milliseconds
+    std::vector<float> latencies;  // milliseconds
     // For each tenth of a second of load: tasks that end, and seconds of work that arrive.
     std::vector<uint32_t> doneInTenth;
     std::vector<double> workInTenth;
@@ -122,6 +122,7 @@ class Simulation {
     void post(double time, EventKind kind, size_t index, size_t slot = 0);
     void handle(const Event& event);
     void arrive(size_t graph);
+    bool isHeld(size_t graph) const;
     bool hasRoom(const Graph& graph) const;
     void feed(size_t graph);
     Worker takeWorker(Graph& graph);

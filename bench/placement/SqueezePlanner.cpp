@@ -11,9 +11,8 @@ namespace {
 double g_now = 0.0;  // of the simulation; the counters' clock is a plain function
 
 FpsCounter::Clock::time_point virtualNow() {
-    return FpsCounter::Clock::time_point(
-        std::chrono::duration_cast<FpsCounter::Clock::duration>(std::chrono::duration<double>(
-            g_now + 1000.0)));
+    return FpsCounter::Clock::time_point(std::chrono::duration_cast<FpsCounter::Clock::duration>(
+        std::chrono::duration<double>(g_now + 1000.0)));
 }
 
 // As the keys of the configuration have them.
@@ -22,12 +21,8 @@ constexpr int kPendingCycles = 3;
 constexpr int kWindow = 10000;
 
 // Keys in the order of creation.
-KelmGraph* graphKey(size_t index) {
-    return reinterpret_cast<KelmGraph*>(0x10000 + index * 64);
-}
-WorkThread* workerKey(size_t index) {
-    return reinterpret_cast<WorkThread*>(0x10000 + index * 64);
-}
+KelmGraph* graphKey(size_t index) { return reinterpret_cast<KelmGraph*>(0x10000 + index * 64); }
+WorkThread* workerKey(size_t index) { return reinterpret_cast<WorkThread*>(0x10000 + index * 64); }
 template <class Key>
 size_t indexOf(Key* key) {
     return (reinterpret_cast<uintptr_t>(key) - 0x10000) / 64;
@@ -35,8 +30,7 @@ size_t indexOf(Key* key) {
 
 }  // namespace
 
-SqueezePlanner::Counters::Counters()
-    : in("", "", "", &virtualNow), out("", "", "", &virtualNow) {}
+SqueezePlanner::Counters::Counters() : in("", "", "", &virtualNow), out("", "", "", &virtualNow) {}
 
 SqueezePlanner::SqueezePlanner(const Scenario& scenario) {
     m_mapper.setMaxGraphNumPerDevice(static_cast<int>(scenario.slots));

@@ -18,9 +18,10 @@ namespace {
 using namespace kelm;
 
 void printRows(int seeds) {
-    fmt::print("| Set-up, demand a second | load, ms | | of the best | busy | refused | loads | "
-               "after 5 s | small p90 | small p99 | worst p99 | 90% after |\n"
-               "|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+    fmt::print(
+        "| Set-up, demand a second | load, ms | | of the best | busy | refused | loads | "
+        "after 5 s | small p90 | small p99 | worst p99 | 90% after |\n"
+        "|---|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (const double loadTime : {0.0, 0.3}) {
         const size_t rows = makeRows(loadTime, 1).size();
         for (size_t row = 0; row < rows; ++row) {
@@ -28,19 +29,19 @@ void printRows(int seeds) {
                 std::vector<Figures> runs;
                 std::string name;
                 for (int seed = 1; seed <= seeds; ++seed) {
-                    const Scenario scenario =
-                        makeRows(loadTime, static_cast<uint64_t>(seed))[row];
+                    const Scenario scenario = makeRows(loadTime, static_cast<uint64_t>(seed))[row];
                     const Outcome outcome = simulate(scenario, Contender{contender});
                     runs.push_back(sumUp(scenario, outcome, findBest(scenario, outcome)));
                     name = scenario.name;
                 }
                 const Figures median = takeMedians(std::move(runs));
-                fmt::print("| {} | {:.0f} | {} | {:.3f} | {:.3f} | {:.0f} | {:.0f} | {:.0f} | "
-                           "{:.0f} | {:.0f} | {:.0f} | {} |\n",
-                           name, loadTime * 1e3, kContenderNames[contender], median.ratio,
-                           median.busy, median.refused, median.loads, median.lateLoads,
-                           median.smallP90, median.smallP99, median.worstP99,
-                           median.settled > 0.0 ? fmt::format("{:.1f} s", median.settled) : "");
+                fmt::print(
+                    "| {} | {:.0f} | {} | {:.3f} | {:.3f} | {:.0f} | {:.0f} | {:.0f} | "
+                    "{:.0f} | {:.0f} | {:.0f} | {} |\n",
+                    name, loadTime * 1e3, kContenderNames[contender], median.ratio, median.busy,
+                    median.refused, median.loads, median.lateLoads, median.smallP90,
+                    median.smallP99, median.worstP99,
+                    median.settled > 0.0 ? fmt::format("{:.1f} s", median.settled) : "");
             }
         }
     }
@@ -60,8 +61,8 @@ void printMixes(uint64_t number, double tell, const std::string& svgFile) {
             if (contender == SQUEEZE || ratio >= tell) continue;
             fmt::print("{}: {} x {}, {} graphs, load {:.2f} s: {} at {:.3f} of {}{:.2f}\n",
                        scenario.name, scenario.speeds.size(), scenario.slots,
-                       scenario.graphs.size(), scenario.loadTime, kContenderNames[contender],
-                       ratio, best.isExact ? "" : "at most ", best.throughput);
+                       scenario.graphs.size(), scenario.loadTime, kContenderNames[contender], ratio,
+                       best.isExact ? "" : "at most ", best.throughput);
         }
     }
     fmt::print("| {} mixes | median | 5% | 1% | worst | below 0.90 |\n|---|---|---|---|---|---|\n",
@@ -69,17 +70,18 @@ void printMixes(uint64_t number, double tell, const std::string& svgFile) {
     for (size_t contender = 0; contender < CONTENDERS; ++contender) {
         std::vector<double>& sorted = ratios[contender];
         std::sort(sorted.begin(), sorted.end());
-        fmt::print("| {} | {:.3f} | {:.3f} | {:.3f} | {:.3f} | {} |\n",
-                   kContenderNames[contender], sorted[sorted.size() / 2],
-                   sorted[sorted.size() / 20], sorted[sorted.size() / 100], sorted.front(),
+        fmt::print("| {} | {:.3f} | {:.3f} | {:.3f} | {:.3f} | {} |\n", kContenderNames[contender],
+                   sorted[sorted.size() / 2], sorted[sorted.size() / 20],
+                   sorted[sorted.size() / 100], sorted.front(),
                    std::lower_bound(sorted.begin(), sorted.end(), 0.9) - sorted.begin());
     }
     if (!svgFile.empty()) std::ofstream(svgFile) << drawRatios(ratios);
 }
 
 void printFleets(const std::vector<size_t>& sizes) {
-    fmt::print("| Devices | | of the best | refused | loads after 5 s | worst p99, ms | "
-               "slowest plan, ms |\n|---|---|---|---|---|---|---|\n");
+    fmt::print(
+        "| Devices | | of the best | refused | loads after 5 s | worst p99, ms | "
+        "slowest plan, ms |\n|---|---|---|---|---|---|---|\n");
     for (const size_t devices : sizes) {
         const Scenario scenario = makeFleet(devices, 1);
         for (const Contender contender : {SQUEEZE, ADAPTIVE}) {
@@ -96,8 +98,7 @@ void printPlanCosts(int plans) {
     fmt::print("| Devices x 2, graphs | plan, median ms | slowest |\n|---|---|---|\n");
     for (const size_t devices : {32, 128, 512, 2048}) {
         const PlanCost cost = measurePlans(devices, devices * 2, plans);
-        fmt::print("| {}, {} | {:.2f} | {:.2f} |\n", devices, devices * 2, cost.median,
-                   cost.worst);
+        fmt::print("| {}, {} | {:.2f} | {:.2f} |\n", devices, devices * 2, cost.median, cost.worst);
     }
 }
 

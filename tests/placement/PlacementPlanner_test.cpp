@@ -69,7 +69,10 @@ TEST(PlacementPlanner, GivesEachGraphItsDevicesAndThenLeavesThemThere) {
         std::vector<double> rates;
         std::string places;
     } rows[] = {
-        {"small graphs have devices of their own while there are some", 4, 2, {60, 2, 2, 2},
+        {"small graphs have devices of their own while there are some",
+         4,
+         2,
+         {60, 2, 2, 2},
          "1 1 1 1"},
         {"a large graph gets the devices that it needs", 4, 1, {260, 20}, "3 1"},
         {"and no more than leave the others theirs", 4, 1, {500, 20, 20}, "2 1 1"},

@@ -14,9 +14,9 @@
 namespace kelm {
 
 // The device scheduler that moves a graph as soon as that gains more than it costs. The planner
-// decides; this class draws the picture from graphs and workers, and turns the plan into operations.
-// It plans at requests, when a device fails, while a graph starves up to ten times a second, and
-// else as often as the planner asks.
+// decides; this class draws the picture from graphs and workers, and turns the plan into
+// operations. It plans at requests, when a device fails, while a graph starves up to ten times a
+// second, and else as often as the planner asks.
 //
 // Threads, owns, locks: as the base.
 class DeviceSchedulerAdaptive : public DeviceSchedulerActive {

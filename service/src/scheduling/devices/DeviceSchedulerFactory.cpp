@@ -37,7 +37,8 @@ constexpr SchedulerRow kSchedulerRows[] = {
     {"squeeze2", kSqueezeName,
      "Info: ## DeviceSchedulerFacotry ## Created Squeeze Device-Scheduler2.",
      &make<DeviceSchedulerSqueeze2>},
-    {"adaptive", "DS.Adaptive", "Info: ## DeviceSchedulerFacotry ## Created Adaptive Device-Scheduler.",
+    {"adaptive", "DS.Adaptive",
+     "Info: ## DeviceSchedulerFacotry ## Created Adaptive Device-Scheduler.",
      &make<DeviceSchedulerAdaptive>},
 };
 

@@ -29,8 +29,8 @@ bool DemandEstimator::disagrees(const Sample& start) const {
         (start.arrivals - m_base.arrivals) / before * (m_last.time - start.time);
     const double seen = m_last.arrivals - start.arrivals;
     // The expectation itself comes from few arrivals at first.
-    const double spread = std::sqrt(std::max(expected, 1.0) *
-                                    (1.0 + (m_last.time - start.time) / before));
+    const double spread =
+        std::sqrt(std::max(expected, 1.0) * (1.0 + (m_last.time - start.time) / before));
     return std::abs(seen - expected) > kDoubt * spread + kDoubtTasks;
 }
 

@@ -6,9 +6,9 @@
 
 namespace kelm {
 
-// The rate at which tasks of one graph arrive. As long as the arrivals agree with the rate so far it
-// is their mean since the last change, so that noise moves nothing; arrivals that do not agree start
-// anew, so that a change is followed within a second.
+// The rate at which tasks of one graph arrive. As long as the arrivals agree with the rate so far
+// it is their mean since the last change, so that noise moves nothing; arrivals that do not agree
+// start anew, so that a change is followed within a second.
 //
 // A value; no clock of its own.
 class DemandEstimator {

@@ -200,8 +200,8 @@ void LoadBalancer::apply(const Change& change) {
 double LoadBalancer::lostWork(const Change& change) const {
     double lost = 0.0;
     if (change.from != kNone) {
-        lost += m_costs.loadTime(change.graph, change.to) *
-                m_board.loadOf(change.graph, change.from);
+        lost +=
+            m_costs.loadTime(change.graph, change.to) * m_board.loadOf(change.graph, change.from);
     }
     if (change.other != kNone) {
         const size_t next = change.returns ? change.from : change.to;

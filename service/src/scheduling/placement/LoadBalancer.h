@@ -17,17 +17,19 @@ class BalanceCosts {
     ~BalanceCosts() = default;
 };
 
-// Gives large graphs the devices that they need, then relieves the busiest devices: with further copies of their graphs, by moving one to another
-// device, or by exchanging two. Takes the change that gains most, as long as it repays its cost.
+// Gives large graphs the devices that they need, then relieves the busiest devices: with further
+// copies of their graphs, by moving one to another device, or by exchanging two. Takes the change
+// that gains most, as long as it repays its cost.
 class LoadBalancer {
  public:
-    LoadBalancer(PlacementBoard& board, const BalanceCosts& costs) : m_board(board), m_costs(costs) {}
+    LoadBalancer(PlacementBoard& board, const BalanceCosts& costs)
+        : m_board(board), m_costs(costs) {}
 
     void run();
 
  private:
-    // Graph `graph` comes to `to`; from `from` it leaves, unless that is kNone. `other` leaves `to`,
-    // and goes to `from` if `returns`.
+    // Graph `graph` comes to `to`; from `from` it leaves, unless that is kNone. `other` leaves
+    // `to`, and goes to `from` if `returns`.
     struct Change {
         size_t graph = 0;
         size_t from = 0;

@@ -10,9 +10,9 @@ namespace kelm {
 
 // Whether a change repays what it costs.
 struct MoveCost {
-    static constexpr double kGuess = 0.1;      // seconds of a load before the first was measured
+    static constexpr double kGuess = 0.1;       // seconds of a load before the first was measured
     static constexpr double kLeastGain = 0.02;  // seconds of work a second; less is noise
-    static constexpr double kTrouble = 0.05;   // seconds of work, of a change beside its load
+    static constexpr double kTrouble = 0.05;    // seconds of work, of a change beside its load
     static constexpr double kShortestStay = 1.0;
     static constexpr double kLongestStay = 20.0;
 
@@ -28,9 +28,7 @@ struct MoveCost {
         return graph.loadTime > 0.0 ? graph.loadTime : kGuess;
     }
     // A demand that has been steady for some time is expected to stay as long again.
-    static double expectedStay(double age) {
-        return std::clamp(age, kShortestStay, kLongestStay);
-    }
+    static double expectedStay(double age) { return std::clamp(age, kShortestStay, kLongestStay); }
     // `gain` in seconds of work a second; `lost` is the work that the place does not do meanwhile.
     static bool pays(double gain, double lost, double stay) {
         return gain > kLeastGain && gain * stay > lost + kTrouble;

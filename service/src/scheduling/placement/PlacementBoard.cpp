@@ -71,7 +71,8 @@ void PlacementBoard::take(size_t graph, size_t device) {
     place.load -= loadOf(graph, device);
     std::erase(place.graphs, graph);
     place.memoryLeft += m_graphs[graph].memory;
-    std::erase_if(m_graphs[graph].places, [&](const Share& share) { return share.device == device; });
+    std::erase_if(m_graphs[graph].places,
+                  [&](const Share& share) { return share.device == device; });
     spread(graph);
 }
 

@@ -17,7 +17,7 @@ constexpr double kDrainTime = 5.0;
 constexpr double kBacklogPart = 0.3;
 constexpr double kUsualBacklog = 0.1;  // seconds of work that come and go with random arrivals
 constexpr double kRefused = 100.0;  // of a device that failed to load the graph, which comes last
-constexpr double kLateWork = 0.15;     // seconds of work; a placed graph with more is late
+constexpr double kLateWork = 0.15;  // seconds of work; a placed graph with more is late
 
 }  // namespace
 
@@ -209,9 +209,9 @@ void PlacementPlanner::describe(PlacementPlan& plan) const {
             if (std::any_of(graph.places.begin(), graph.places.end(), isHere)) continue;
             const std::vector<uint64_t>& cached = m_picture->devices[share.device].cached;
             const bool isCached = std::find(cached.begin(), cached.end(), graph.id) != cached.end();
-            const PlacementReason reason =
-                isCached && m_reasons[i] == PlacementReason::Demand ? PlacementReason::Cache
-                                                                    : m_reasons[i];
+            const PlacementReason reason = isCached && m_reasons[i] == PlacementReason::Demand
+                                               ? PlacementReason::Cache
+                                               : m_reasons[i];
             if (left.empty()) {
                 plan.moves.push_back({PlacementAction::Loaded, reason, graph.id, 0, device});
             } else {

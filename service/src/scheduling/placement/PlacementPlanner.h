@@ -18,8 +18,8 @@ namespace kelm {
 // that nothing moves unless it gains. Graphs without a device come first, then those that time
 // sharing owes a turn, then the busiest devices are relieved. docs/placement.md has the policy.
 //
-// Keeps nothing between plans but how the demand of each graph develops. Pure: no clock, no threads,
-// no locks; the same pictures give the same plans. One thread.
+// Keeps nothing between plans but how the demand of each graph develops. Pure: no clock, no
+// threads, no locks; the same pictures give the same plans. One thread.
 class PlacementPlanner final : private BalanceCosts {
  public:
     PlacementPlan plan(const PlacementPicture& picture);

@@ -55,8 +55,8 @@ TimeSharing::TimeSharing(const PlacementBoard& board, const PlacementPicture& pi
     m_longestWait = 2.0 * (m_period + loads / slots) + 2.0 * kShortestTurn;
 }
 
-// The largest need for a further place first. A slot is lent to a graph that takes turns for as long
-// as its work takes, which is longer where others work on the device meanwhile.
+// The largest need for a further place first. A slot is lent to a graph that takes turns for as
+// long as its work takes, which is longer where others work on the device meanwhile.
 void TimeSharing::giveCopies(double slots) {
     const auto devices = static_cast<double>(m_board.devices().size());
     double demand = 0.0;
@@ -118,8 +118,7 @@ double TimeSharing::harm(size_t graph, size_t device, size_t victim) const {
     const bool isCopy = m_board.graphs()[victim].places.size() > 1;
     const TurnState& state = m_states[victim];
     const double missed =
-        isCopy ? kCopyHarm * load
-               : state.habit * (1.0 + state.loadTime) + state.backlog;
+        isCopy ? kCopyHarm * load : state.habit * (1.0 + state.loadTime) + state.backlog;
     return missed + std::max(0.0, company - 0.7) +
            0.01 * MoveCost::loadTime(m_picture.graphs[graph], m_picture.devices[device]);
 }

@@ -42,11 +42,16 @@ void destroyCanceledTask(KelmTask* task) {
     destroyTask(task);
 }
 
-// Of the first task that waits. Graphs with a tag or a stream have a device at all times, or none to
-// get.
+// So many tasks wait that more devices may be needed.
+constexpr uint32_t kLateTasks = 16;
+
+// Told once as the backlog grows. Graphs with a tag or a stream have a device at all times, or none
+// to get.
 bool isStarving(KelmGraph& graph) {
-    return graph.getNumWaitTasks() == 1 && graph.getRunningDeviceNum() == 0 &&
-           graph.getTag().empty() && graph.getStreamId().empty();
+    const uint32_t waiting = graph.getNumWaitTasks();
+    const bool isHomeless = waiting == 1 && graph.getRunningDeviceNum() == 0;
+    return (isHomeless || waiting == kLateTasks) && graph.getTag().empty() &&
+           graph.getStreamId().empty();
 }
 
 // A client that is found stays for this call: it is destroyed after its last task, and this task
