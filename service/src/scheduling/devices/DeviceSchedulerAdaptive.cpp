@@ -192,7 +192,9 @@ void DeviceSchedulerAdaptive::drawGraph(uint64_t id, KnownGraph& known) {
     drawn.memory = graph.getMemReq();
     drawn.requested = m_loadGraphs.contains(&graph) && graph.getCachedDeviceNum() == 0;
     drawn.arrivals = graph.getArrivals();
-    drawn.waiting = graph.getNumWaitTasks();
+    // The first is too high after cancels, the second counts those at the devices, too.
+    const int64_t tasks = std::max<int64_t>(0, graph.getTaskCount());
+    drawn.waiting = static_cast<uint32_t>(std::min<int64_t>(graph.getNumWaitTasks(), tasks));
     drawn.taskTime = static_cast<double>(graph.getAvgInferTime()) * 1e-3;
     drawn.loadTime = known.loadTime;
     drawn.cachedTime = known.cachedTime;

@@ -45,13 +45,11 @@ void destroyCanceledTask(KelmTask* task) {
 // So many tasks wait that more devices may be needed.
 constexpr uint32_t kLateTasks = 16;
 
-// Told once as the backlog grows. Graphs with a tag or a stream have a device at all times, or none
-// to get.
+// Told of each task without a device, since the number that waits may be too high, and once as a
+// backlog grows. Graphs with a tag or a stream have a device at all times, or none to get.
 bool isStarving(KelmGraph& graph) {
-    const uint32_t waiting = graph.getNumWaitTasks();
-    const bool isHomeless = waiting == 1 && graph.getRunningDeviceNum() == 0;
-    return (isHomeless || waiting == kLateTasks) && graph.getTag().empty() &&
-           graph.getStreamId().empty();
+    return (graph.getRunningDeviceNum() == 0 || graph.getNumWaitTasks() == kLateTasks) &&
+           graph.getTag().empty() && graph.getStreamId().empty();
 }
 
 // A client that is found stays for this call: it is destroyed after its last task, and this task
