@@ -168,7 +168,11 @@ class PlacementProgram {
         for (const int places : m_placeColumns) glp_set_col_kind(m_program, places, GLP_IV);
         glp_iocp limits;
         glp_init_iocp(&limits);
-        limits.tm_lim = kMostMillis;
+        int steps = 0;
+        limits.cb_info = &steps;
+        limits.cb_func = [](glp_tree* tree, void* taken) {
+            if (++*static_cast<int*>(taken) > kMostSteps) glp_ios_terminate(tree);
+        };
         const bool solved = glp_intopt(m_program, &limits) == 0;
         if (!solved || glp_mip_status(m_program) != GLP_OPT) return relaxed;
         return glp_mip_obj_val(m_program) / m_scenario.seconds;
@@ -176,7 +180,7 @@ class PlacementProgram {
 
  private:
     static constexpr double kMostIntegers = 14.0;
-    static constexpr int kMostMillis = 2000;
+    static constexpr int kMostSteps = 2000;  // not a time: the same bound in each run
 
     int arrivalRow(size_t graph, size_t window) const {
         return m_arrivalRows[graph * m_work.front().size() + window];

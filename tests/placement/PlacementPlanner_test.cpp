@@ -146,6 +146,13 @@ TEST(PlacementPlanner, MemoryLimitsWhatADeviceHoldsAndRefusalsAreTold) {
     EXPECT_EQ(world.places(), "1 1 0 0");
 }
 
+TEST(PlacementPlanner, LateGraphThatGetsNothingIsToldAsKept) {
+    World world(1, 1, {90});
+    (void)world.pass();
+    world.picture.graphs[0].waiting = 40;
+    EXPECT_THAT(world.pass().moves, ElementsAre(IsMove(Kept, Demand, 1u, 0u)));
+}
+
 TEST(PlacementPlanner, CacheDecidesBetweenDevicesThatAreEquallyGood) {
     World world(3, 1, {5});
     world.picture.graphs[0].cachedTime = 0.001;

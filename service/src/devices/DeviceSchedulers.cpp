@@ -73,7 +73,8 @@ void DeviceSchedulers::createSqueezeScheduler(const DeviceSettings& settings) {
         LOG_ERROR("Error: failed to create SqueezeScheduler");
         return;
     }
-    LOG_INFO("## SqueezeScheduler created ##");
+    const bool isSqueeze = scheduler->getName() == "DS.Squeeze2";
+    LOG_INFO("## %s created ##", isSqueeze ? "SqueezeScheduler" : "AdaptiveScheduler");
     scheduler->setMaxGraphNumPerDevice(settings.maxGraphNumPerDevice);
     scheduler->setMaxPendingTaskNum(settings.maxPendingTaskNum);
     scheduler->setMaxPendingCycle(settings.maxPendingCycle);

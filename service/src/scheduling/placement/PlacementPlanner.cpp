@@ -189,45 +189,49 @@ double PlacementPlanner::expectedStay(size_t graph) const {
     return MoveCost::expectedStay(m_demands[graph]->age());
 }
 
-// The difference between what is there and the board. A place that a graph leaves and one that it
-// gets are one move.
 void PlacementPlanner::describe(PlacementPlan& plan) const {
-    for (size_t i = 0; i < m_picture->graphs.size(); ++i) {
-        const PlacementGraph& graph = m_picture->graphs[i];
-        std::vector<uint64_t> left;
-        for (const PresentPlace& place : graph.places) {
-            const auto found = m_deviceIndex.find(place.device);
-            if (found == m_deviceIndex.end() || !m_board.holds(found->second, i)) {
-                left.push_back(place.device);
-            }
-        }
-        for (const PlacementBoard::Share& share : m_board.graphs()[i].places) {
-            const uint64_t device = m_picture->devices[share.device].id;
-            const auto isHere = [device](const PresentPlace& place) {
-                return place.device == device;
-            };
-            if (std::any_of(graph.places.begin(), graph.places.end(), isHere)) continue;
-            const std::vector<uint64_t>& cached = m_picture->devices[share.device].cached;
-            const bool isCached = std::find(cached.begin(), cached.end(), graph.id) != cached.end();
-            const PlacementReason reason = isCached && m_reasons[i] == PlacementReason::Demand
-                                               ? PlacementReason::Cache
-                                               : m_reasons[i];
-            if (left.empty()) {
-                plan.moves.push_back({PlacementAction::Loaded, reason, graph.id, 0, device});
-            } else {
-                plan.moves.push_back(
-                    {PlacementAction::Moved, reason, graph.id, left.back(), device});
-                left.pop_back();
-            }
-        }
-        for (const uint64_t device : left) {
-            plan.moves.push_back({PlacementAction::Unloaded, m_reasons[i], graph.id, device, 0});
-        }
-    }
+    for (size_t graph = 0; graph < m_picture->graphs.size(); ++graph) describeGraph(graph, plan);
     for (const size_t graph : m_homeless) {
         if (!m_states[graph].asks) continue;
         plan.moves.push_back({PlacementAction::Refused, PlacementReason::Starving,
                               m_picture->graphs[graph].id, 0, 0});
+    }
+}
+
+// The difference between what is there and the board. A place that the graph leaves and one that it
+// gets are one move.
+void PlacementPlanner::describeGraph(size_t index, PlacementPlan& plan) const {
+    const PlacementGraph& graph = m_picture->graphs[index];
+    const size_t before = plan.moves.size();
+    std::vector<uint64_t> left;
+    for (const PresentPlace& place : graph.places) {
+        const auto found = m_deviceIndex.find(place.device);
+        const bool stays = found != m_deviceIndex.end() && m_board.holds(found->second, index);
+        if (!stays) left.push_back(place.device);
+    }
+    for (const PlacementBoard::Share& share : m_board.graphs()[index].places) {
+        const PlacementDevice& device = m_picture->devices[share.device];
+        const auto isHere = [&](const PresentPlace& place) { return place.device == device.id; };
+        if (std::any_of(graph.places.begin(), graph.places.end(), isHere)) continue;
+        PlacementMove move{PlacementAction::Loaded, m_reasons[index], graph.id, 0, device.id};
+        const auto& cached = device.cached;
+        const bool isCached = std::find(cached.begin(), cached.end(), graph.id) != cached.end();
+        if (isCached && move.reason == PlacementReason::Demand) {
+            move.reason = PlacementReason::Cache;
+        }
+        if (!left.empty()) {
+            move.action = PlacementAction::Moved;
+            move.from = left.back();
+            left.pop_back();
+        }
+        plan.moves.push_back(move);
+    }
+    for (const uint64_t device : left) {
+        plan.moves.push_back({PlacementAction::Unloaded, m_reasons[index], graph.id, device, 0});
+    }
+    const bool isLate = !graph.places.empty() && m_states[index].backlog > kLateWork;
+    if (isLate && plan.moves.size() == before) {
+        plan.moves.push_back({PlacementAction::Kept, PlacementReason::Demand, graph.id, 0, 0});
     }
 }
 

@@ -34,6 +34,7 @@ class PlacementPlanner final : private BalanceCosts {
     void shareCopies(TimeSharing& sharing);
     void take(TimeSharing& sharing, const TimeSharing::Turn& turn);
     void describe(PlacementPlan& plan) const;
+    void describeGraph(size_t index, PlacementPlan& plan) const;
 
     double loadTime(size_t graph, size_t device) const override;
     double expectedStay(size_t graph) const override;
