@@ -2,10 +2,10 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <ctime>
 #include <random>
 #include <vector>
 
+#include "bench/CpuTime.h"
 #include "scheduling/mapping/GraphMapper.h"
 
 namespace {
@@ -50,18 +50,11 @@ class Pool {
     std::mt19937 m_random{7};
 };
 
-// Of this thread alone, so that a busy machine does not count.
-double threadSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 template <class Work>
 double secondsOf(Work work) {
-    const double start = threadSeconds();
+    const double start = kelm::threadSeconds();
     work();
-    return threadSeconds() - start;
+    return kelm::threadSeconds() - start;
 }
 
 double secondsOfSort(std::mt19937& random) {

@@ -15,7 +15,7 @@ if [ "${1:-}" = "--only" ]; then
 fi
 
 ./scripts/packages.sh git clang clang-format clang-tidy umockdev libumockdev-dev abigail-tools man-db \
-    groff-base zsh prometheus chromium || exit 1
+    groff-base zsh prometheus chromium libglpk-dev || exit 1
 jobs=$(nproc)
 # Many tests wait for the service more than they compute.
 test_jobs=$((jobs + (jobs + 1) / 2))
@@ -36,7 +36,8 @@ run_tests() { # preset
 
 # Benchmarks are built and run, for a moment; their times decide nothing here.
 run_benches() {
-    build/release/bench/mapper_bench --benchmark_min_time=0.1 &&
+    build/release/bench/placement/placement mixes --number 20 &&
+        build/release/bench/mapper_bench --benchmark_min_time=0.1 &&
         build/release/bench/service_bench --seconds 0.5 --rounds 1 &&
         build/release/bench/slow_sender_bench 1
 }

@@ -58,6 +58,8 @@ TEST(ServiceConfigParserTest, UsableValuesOfANewerFileReplaceTheDefaults) {
          "0"},
         {show<&Parser::getDevicePid>, "57754",
          R"({"device_settings": {"device_pid": "0x123456789"}})", "0"},
+        {show<&Parser::getSharedScheduler>, "\"squeeze2\"",
+         R"({"device_settings": {"shared_scheduler": "adaptive"}})", "\"adaptive\""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.json);

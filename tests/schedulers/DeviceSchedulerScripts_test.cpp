@@ -1,4 +1,5 @@
 #include "schedulers/SchedulerRig.h"
+#include "scheduling/devices/DeviceSchedulerAdaptive.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/DeviceSchedulerStream.h"
 #include "scheduling/devices/DeviceSchedulerTag.h"
@@ -71,6 +72,51 @@ const Row kSqueezeRowsOfOneGraph[] = {
 TEST(DeviceSchedulerScripts, SqueezeSharesDevicesAndKeepsCachesInUse) {
     playAll<SqueezeRig>(kSqueezeRows, 2);
     playAll<SqueezeRig>(kSqueezeRowsOfOneGraph, 1);
+}
+
+class AdaptiveRig : public SchedulerRig<DeviceSchedulerAdaptive> {
+ public:
+    explicit AdaptiveRig(int graphsPerDevice) {
+        scheduler.setMaxGraphNumPerDevice(graphsPerDevice);
+        slots = graphsPerDevice;
+        tellsCalls = true;
+    }
+};
+
+const Row kAdaptiveRows[] = {
+    {"an unload takes back a load that waits, and is confirmed", "+a | L1 U1", "| gone1"},
+    {"the second failure is answered and leaves no pointer behind", "+a !a L1 | | | U1 / |",
+     "a+1 | fail1=-130 a+1 | | / gone1 |"},
+    {"a graph that a device refused goes to another", "+a +b !a L1 | |", "a+1 | 1x1 ok1 b+1 | 1x1"},
+    {"graphs have devices of their own while there are some", "+a +b L1 L2 L3 |",
+     "1x1 2x1 3x1 ok1 ok2 ok3 a+2 b+1 | 1x1 2x1 3x1"},
+    {"a worker that comes and leaves in one pass is deleted once", "+a -a / | L1 |", "/ lefta | |"},
+    {"graphs of a worker that is plugged out move in the same pass", "+a L1 | +b -a",
+     "1x1 ok1 a+1 | 1x1 a-1 b+1 lefta"},
+    {"a device that refuses as lost gets no more loads and gives back", "+a L1 | ^a L2 | +b |",
+     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 1x1 2x1"},
+    {"what a lost device has cached leaves with the graph, the worker also after a dropped "
+     "plan",
+     "+a L1 | ^a L2 | +b | U1 | -a / |",
+     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 2x1 gone1 a-1 b-1 | 2x1 / 2x1 lefta | 2x1"},
+    {"a dropped plan gives back only what it took out", "+a L1 L2 | l1 U2 / | U1",
+     "1x1 2x1 ok1 ok2 a+2 | 1x1 2x1 / 1x1 ok1 gone2 a-2 | gone1 a-1"},
+    {"the graph of a device that failed and stays moves", "+a L1 | +b *a |",
+     "1x1 ok1 a+1 | 1x1 a~1 b+1 | 1x1"},
+};
+
+const Row kAdaptiveRowsOfOneGraph[] = {
+    {"a graph without a place waits for a device without an answer", "L1 | | +a",
+     "| | 1x1 ok1 a+1"},
+    {"a graph that waits takes the place of an idle one, which stays cached", "+a L1 | L2 | U1",
+     "1x1 ok1 a+1 | 2x1 ok2 a+1 a~1 | 2x1 gone1 a-1"},
+    {"a new device takes a graph that has no place", "+a L1 | L2 | +b",
+     "1x1 ok1 a+1 | 2x1 ok2 a+1 a~1 | 1x1 2x1 b+1"},
+};
+
+TEST(DeviceSchedulerScripts, AdaptiveMovesNothingThatNeedNotMove) {
+    playAll<AdaptiveRig>(kAdaptiveRows, 2);
+    playAll<AdaptiveRig>(kAdaptiveRowsOfOneGraph, 1);
 }
 
 using StreamRig = SchedulerRig<DeviceSchedulerStream>;

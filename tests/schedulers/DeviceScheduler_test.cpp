@@ -1,6 +1,7 @@
 #include "fakes/Recorded.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
+#include "scheduling/devices/DeviceSchedulerAdaptive.h"
 #include "scheduling/devices/PlugoutWorkerOperation.h"
 
 namespace kelm {
@@ -165,6 +166,25 @@ TEST_F(DeviceSchedulerTest, WakeThatComesBeforeTheWaitIsNotLost) {
     lazy.start();
     active.start();
     EXPECT_TRUE(eventually([&] { return lazy.passes == 1 && active.protocol().size() == 1; }));
+}
+
+TEST_F(DeviceSchedulerTest, TaskForAGraphWithoutADeviceBringsItSoon) {
+    DeviceSchedulerAdaptive scheduler("DS.Test");
+    scheduler.setMaxGraphNumPerDevice(1);
+    WorkThread* const worker = makeWorker("a", 1);
+    KelmGraph* const first = makeGraph();
+    KelmGraph* const second = makeGraph();
+    scheduler.addWorker(worker);
+    scheduler.loadGraph(first);
+    scheduler.start();
+    EXPECT_TRUE(eventually([&] { return worker->getGraphs().contains(first); }));
+    scheduler.loadGraph(second);
+    EXPECT_TRUE(eventually([&] { return worker->getGraphs().contains(second); }));
+    first->increaseTaskCount();
+    first->updateFpsIn();
+    scheduler.notifyStarving();
+    EXPECT_TRUE(eventually([&] { return worker->getGraphs().contains(first); }));
+    EXPECT_TRUE(scheduler.stop(std::chrono::seconds(10)));
 }
 
 TEST_F(DeviceSchedulerTest, PluggedOutDeviceForgetsTheGraphsThatItOnlyCached) {

@@ -7,6 +7,7 @@
 #include "fakes/ScriptedDevice.h"
 #include "fakes/TestConfig.h"
 #include "fakes/TestRecords.h"
+#include "records/StarvingGraphListener.h"
 #include "reporting/PrintInfoListener.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"
 #include "scheduling/tasks/TaskQueuePolling.h"
@@ -72,6 +73,24 @@ TEST_F(TaskSchedulerTest, TaskAndWorkerMeetWhicheverWaits) {
     EXPECT_EQ(client[1]->getWaitingInferenceNum(), 0u);
     EXPECT_EQ(graph->getNumWaitTasks(), 0u);
     EXPECT_THAT(listener.scheduled(), ElementsAre(Pair(first, true), Pair(second, true)));
+}
+
+struct FakeStarvingGraphListener final : StarvingGraphListener {
+    void notifyGraphStarves(int32_t) override { ++calls; }
+    int calls = 0;
+};
+
+TEST_F(TaskSchedulerTest, TasksThatNoDeviceServesAreToldAndSoIsABacklogOnce) {
+    FakeStarvingGraphListener starving;
+    ScopedPort<StarvingGraphListener> port{starving};
+    TaskSchedulerPolling scheduler("TS.Polling");
+    scheduler.scheduleTask(makeTask());
+    scheduler.scheduleTask(makeTask());
+    EXPECT_EQ(starving.calls, 2);
+    graph->appendRunningDevice("device");
+    for (int i = 0; i < 30; ++i) scheduler.scheduleTask(makeTask());
+    EXPECT_EQ(starving.calls, 3);
+    EXPECT_EQ(graph->getArrivals(), 32u);
 }
 
 TEST_F(TaskSchedulerTest, WorkerThatComesBetweenLookAndQueueGetsTheTask) {

@@ -137,6 +137,7 @@ constexpr ConfigKey kConfigKeys[] = {
 
     {"device_settings.device_vid", ConfigKind::kHexadecimal, "0x7c52", "USB vendor id of the accelerators"},
     {"device_settings.device_pid", ConfigKind::kHexadecimal, "0xe19a", "USB product id of the accelerators"},
+    {"device_settings.shared_scheduler", ConfigKind::kText, "squeeze2", "who places the graphs that have neither tag nor stream: `squeeze2` divides the devices anew every five seconds ([mapper](mapper.md)), `adaptive` moves a graph as soon as that gains more than it costs ([placement](placement.md))", {}, {"squeeze2|adaptive", "squeeze2", true}},
 
     // A device has a slave worker or two.
     {"scheduler_config.max_graph_per_device", ConfigKind::kInteger, "2", "graphs that may run on one device", {{{1, 1}}, 2}},

@@ -99,9 +99,10 @@ class ServiceConfigParser : public ConfigParser, public Singleton<ServiceConfigP
     // file cannot widen the access to the service
     std::string getValidUserGroup() const { return group("security_settings.user_group"); }
 
-    // device_settings: hexadecimal texts; 0 for a text that is none or does not fit
+    // device_settings; of the hexadecimal texts 0 for one that is none or does not fit
     int getDeviceVid() const { return hexadecimal("device_settings.device_vid"); }
     int getDevicePid() const { return hexadecimal("device_settings.device_pid"); }
+    std::string getSharedScheduler() const { return text("device_settings.shared_scheduler"); }
 
     // scheduler_config, one element a device subclass
     int getMaxGraphNumPerDevice(int subclass) const { return ofSubclass("scheduler_config.max_graph_per_device", subclass); }

@@ -63,6 +63,8 @@ class DeviceManager : public NonCopyable, public PrintInfoListener {
     void enqueueRemoveWorkerDone(WorkThread* worker);
     // Its device has failed: the scheduler is woken, and a reserved place is free for another.
     void enqueueWorkerFailed(WorkThread* worker) { m_workers.handleFailure(worker); }
+    // A task waits for an ordinary graph that no device runs.
+    void notifyGraphStarves() { m_schedulers.notifyStarving(); }
     // A device has come or left. Never block; false for a subclass that is not this manager's.
     bool enqueuePluginDevice(int subclass, const std::string& name);
     bool enqueuePlugoutDevice(int subclass, const std::string& name);

@@ -58,6 +58,7 @@ DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> im
 DeviceManagerCreator::~DeviceManagerCreator() {
     Port<WorkerRemovalListener>::disconnect();
     Port<WorkerFailureListener>::disconnect();
+    Port<StarvingGraphListener>::disconnect();
     (void)stop();  // what does not end in time is left behind, as its manager says
 }
 
@@ -154,6 +155,10 @@ void DeviceManagerCreator::enqueueRemoveWorkerDone(WorkThread* worker) {
 void DeviceManagerCreator::enqueueWorkerFailed(WorkThread* worker) {
     const auto manager = findManager(worker->getSubclass());
     if (manager) manager->enqueueWorkerFailed(worker);
+}
+
+void DeviceManagerCreator::notifyGraphStarves(int32_t subclass) {
+    if (const auto manager = findManager(subclass)) manager->notifyGraphStarves();
 }
 
 void DeviceManagerCreator::enqueueResetDevice(Request request) {

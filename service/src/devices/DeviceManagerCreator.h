@@ -8,6 +8,7 @@
 
 #include "execution/ResetQueue.h"
 #include "execution/WorkerFailureListener.h"
+#include "records/StarvingGraphListener.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/DeviceMonitor.h"
 #include "utils/SerialPool.h"
@@ -34,7 +35,8 @@ struct KelmStatus;
 // Locks: none; the managers are fixed by the construction.
 class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
                                    public WorkerRemovalListener,
-                                   public WorkerFailureListener {
+                                   public WorkerFailureListener,
+                                   public StarvingGraphListener {
  public:
     // Throws std::invalid_argument for a broken tag map in the configuration. `impl` watches the
     // devices in place of the usual implementation.
@@ -49,6 +51,7 @@ class DeviceManagerCreator final : public Singleton<DeviceManagerCreator>,
     void enqueueResetDevice(Request request);
     void enqueueRemoveWorkerDone(WorkThread* worker) override;
     void enqueueWorkerFailed(WorkThread* worker) override;
+    void notifyGraphStarves(int32_t subclass) override;
 
     void enqueueQueryDeviceStatus(const std::shared_ptr<KelmStatus>& status);
     void enqueueQueryDeviceScheduler(const std::shared_ptr<KelmStatus>& status);

@@ -68,12 +68,13 @@ void DeviceSchedulers::create(const DeviceSettings& settings) {
 }
 
 void DeviceSchedulers::createSqueezeScheduler(const DeviceSettings& settings) {
-    auto scheduler = DeviceSchedulerFactory::createScheduler("squeeze2");
+    auto scheduler = DeviceSchedulerFactory::createScheduler(settings.sharedScheduler);
     if (!scheduler) {
         LOG_ERROR("Error: failed to create SqueezeScheduler");
         return;
     }
-    LOG_INFO("## SqueezeScheduler created ##");
+    const bool isSqueeze = scheduler->getName() == "DS.Squeeze2";
+    LOG_INFO("## %s created ##", isSqueeze ? "SqueezeScheduler" : "AdaptiveScheduler");
     scheduler->setMaxGraphNumPerDevice(settings.maxGraphNumPerDevice);
     scheduler->setMaxPendingTaskNum(settings.maxPendingTaskNum);
     scheduler->setMaxPendingCycle(settings.maxPendingCycle);
@@ -116,6 +117,10 @@ void DeviceSchedulers::unloadGraph(KelmGraph* graph) {
     }
     using Listener = GraphPlacementListener;
     Port<Listener>::notify<&Listener::enqueueNotifyUnloadGraphDone>(graph);
+}
+
+void DeviceSchedulers::notifyStarving() {
+    if (m_slots[SQUEEZE].scheduler) m_slots[SQUEEZE].scheduler->notifyStarving();
 }
 
 // Deliberate: nothing is remembered of the part that a device had before, so one that returns takes

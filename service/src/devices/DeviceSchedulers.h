@@ -36,6 +36,9 @@ class DeviceSchedulers : public NonCopyable {
     // Always confirmed, whatever became of the load, so that a destroy never hangs.
     void unloadGraph(KelmGraph* graph);
 
+    // A task waits for an ordinary graph that no device runs.
+    void notifyStarving();
+
     // To the first of tag, stream and squeeze that is short of workers.
     void addWorker(WorkThread* worker);
     // Its scheduler unloads what it holds. `hasPlace`: no failure has freed its place before.

@@ -32,6 +32,7 @@ DeviceSettings DeviceSettings::load(int subclass) {
     }
     settings.streamDeviceNum = static_cast<unsigned long>(
         bounded("scheduler_config.stream_device_number", config.getStreamDeviceNumber(subclass)));
+    settings.sharedScheduler = config.getSharedScheduler();
     settings.maxGraphNumPerDevice =
         bounded("scheduler_config.max_graph_per_device", config.getMaxGraphNumPerDevice(subclass));
     settings.maxPendingTaskNum = config.getMaxPendingTaskNum(subclass);

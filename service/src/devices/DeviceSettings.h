@@ -10,6 +10,7 @@ namespace kelm {
 // its other threads start, so it is read without a lock.
 struct DeviceSettings {
     int subclass = 0;
+    std::string sharedScheduler = "squeeze2";  // of the graphs without tag and stream
     int maxGraphNumPerDevice = 1;  // slave workers of a device, and so graphs at once: 1 or 2
     int maxCachedGraphNum = 4;     // of a device; at least maxGraphNumPerDevice
     int maxPendingTaskNum = 0;

@@ -105,7 +105,10 @@ int SlaveWorker::allocateGraph(KelmGraph* graph) {
     m_state = STATE_LOAD_GRAPH;
     LOG_STEP("call allocateGraph(%s)", escapeControls(graph->getName()));
     OwedPools::settle();
+    const auto start = std::chrono::steady_clock::now();
     const int rc = m_device->allocateGraph(graph);
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+    if (rc == KELM_OK) graph->setLoadTime(spent.count());
     LOG_STEP("called allocateGraph(%s)", escapeControls(graph->getName()));
     if (rc != KELM_OK) {
         LOG_ERROR("[%s] Error: allocateGraph(%s) failed, rc=%d", m_name,

@@ -10,6 +10,7 @@
 #include "managers/ResultDispatcher.h"
 #include "managers/TaskManager.h"
 #include "records/ClientDirectory.h"
+#include "records/StarvingGraphListener.h"
 #include "reporting/InfoCollector.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
@@ -38,6 +39,7 @@ void connectPorts() {
     connect<GraphPlacementListener, GraphManager>();
     connect<WorkerRemovalListener, DeviceManagerCreator>();
     connect<WorkerFailureListener, DeviceManagerCreator>();
+    connect<StarvingGraphListener, DeviceManagerCreator>();
 }
 
 }  // namespace kelm

@@ -41,6 +41,9 @@ class GraphDemand : public NonCopyable {
     float getFpsIn() { return m_fpsIn.getFps(); }
     float getFpsOut() { return m_fpsOut.getFps(); }
     uint32_t getNumWaitTasks() EXCLUDES(m_waitMutex);
+    // Tasks that were asked for, also those that were refused then.
+    void countArrival() { m_arrivals.fetch_add(1); }
+    uint64_t getArrivals() const { return m_arrivals.load(); }
 
     // Milliseconds; values that are not finite and above 0 are ignored.
     void updateInferenceTime(float milliseconds) EXCLUDES(m_inferenceMutex);
@@ -67,6 +70,7 @@ class GraphDemand : public NonCopyable {
     // Atomic: task threads change them without a mutex, and no decision takes both together.
     std::atomic<int64_t> m_taskCount{0};
     std::atomic<uint64_t> m_inferenceTimes{0};
+    std::atomic<uint64_t> m_arrivals{0};
 
     Mutex m_waitMutex;
     uint32_t m_numWaitTasks GUARDED_BY(m_waitMutex) = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -34,6 +35,9 @@ class GraphResidency : public NonCopyable {
     int32_t getMaxGraphNumPerDevice() EXCLUDES(m_mutex);
     void increaseLoadFailCount() EXCLUDES(m_mutex);
     uint32_t getLoadFailCount() EXCLUDES(m_mutex);
+    // Seconds that its last load took; 0 before the first.
+    void setLoadTime(double seconds) { m_loadTime.store(seconds); }
+    double getLoadTime() const { return m_loadTime.load(); }
 
     // A graph is pending from the pass of its scheduler that gives it no device although it asks
     // for one, until a pass gives it one; each further pass without a device is one cycle out.
@@ -48,6 +52,8 @@ class GraphResidency : public NonCopyable {
     ~GraphResidency() = default;
 
  private:
+    std::atomic<double> m_loadTime{0.0};  // atomic: a figure by itself
+
     Mutex m_mutex;
     std::unordered_set<std::string> m_runningDevices GUARDED_BY(m_mutex);
     std::unordered_set<std::string> m_cachedDevices GUARDED_BY(m_mutex);

@@ -28,11 +28,11 @@ class DeviceSchedulerActive : public DeviceSchedulerBase {
     virtual void restoreScene() REQUIRES(m_onSchedulingThread) = 0;
 
     void schedule() REQUIRES(m_onSchedulingThread) override;
+    // False when the thread is to end.
+    virtual bool waitChangeRequestUntilTimeout() REQUIRES(m_onSchedulingThread)
+        EXCLUDES(m_requestMutex);
 
  private:
-    // False when the thread is to end.
-    bool waitChangeRequestUntilTimeout() EXCLUDES(m_requestMutex);
-
     const std::chrono::nanoseconds m_interval;
 };
 

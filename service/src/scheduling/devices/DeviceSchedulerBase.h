@@ -62,6 +62,9 @@ class DeviceSchedulerBase : public NonCopyable {
     // A worker has failed: the next pass comes at once, and sees it.
     void wake() EXCLUDES(m_requestMutex);
 
+    // A task waits for a graph that no device runs. Does nothing where plans do not follow that.
+    virtual void notifyStarving() {}
+
     // Starts the scheduling thread, once the object is complete and set up.
     void start();
     // Ends the thread, after the pass that is in progress. False if it has not ended in time: then

@@ -1,5 +1,6 @@
 #include "scheduling/devices/DeviceSchedulerFactory.h"
 
+#include "scheduling/devices/DeviceSchedulerAdaptive.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
 #include "scheduling/devices/DeviceSchedulerStream.h"
 #include "scheduling/devices/DeviceSchedulerTag.h"
@@ -36,6 +37,9 @@ constexpr SchedulerRow kSchedulerRows[] = {
     {"squeeze2", kSqueezeName,
      "Info: ## DeviceSchedulerFacotry ## Created Squeeze Device-Scheduler2.",
      &make<DeviceSchedulerSqueeze2>},
+    {"adaptive", "DS.Adaptive",
+     "Info: ## DeviceSchedulerFacotry ## Created Adaptive Device-Scheduler.",
+     &make<DeviceSchedulerAdaptive>},
 };
 
 }  // namespace

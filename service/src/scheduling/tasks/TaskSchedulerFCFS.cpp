@@ -10,6 +10,7 @@
 #include "records/KelmClient.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
+#include "records/StarvingGraphListener.h"
 #include "reporting/InfoCollector.h"
 #include "scheduling/tasks/TaskQueueFIFO.h"
 #include "scheduling/tasks/TaskScheduleListener.h"
@@ -39,6 +40,16 @@ void destroyTask(KelmTask* task) {
 void destroyCanceledTask(KelmTask* task) {
     LOG_INFO("Destroy task(%lu), reason=canceled", task->getId());
     destroyTask(task);
+}
+
+// So many tasks wait that more devices may be needed.
+constexpr uint32_t kLateTasks = 16;
+
+// Told of each task without a device, since the number that waits may be too high, and once as a
+// backlog grows. Graphs with a tag or a stream have a device at all times, or none to get.
+bool isStarving(KelmGraph& graph) {
+    return (graph.getRunningDeviceNum() == 0 || graph.getNumWaitTasks() == kLateTasks) &&
+           graph.getTag().empty() && graph.getStreamId().empty();
 }
 
 // A client that is found stays for this call: it is destroyed after its last task, and this task
@@ -116,6 +127,7 @@ bool TaskSchedulerFCFS::acceptTask(KelmTask* task) {
 void TaskSchedulerFCFS::scheduleTask(KelmTask* task) {
     const uint64_t taskId = task->getId();  // once handed on, the task may be destroyed
     KelmGraph* const graph = task->getGraph();
+    graph->countArrival();
     LOG_STEP("[Schedule#0] schedule task(%lu) start", taskId);
     if (!acceptTask(task)) {
         LOG_STEP("[Schedule#2] schedule task(%lu) finish", taskId);
@@ -193,6 +205,9 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
         destroyTask(task);
         return nullptr;
     }
+    const int32_t subclass = task->getGraph()->getInterfaceSubclass();
+    bool starves = false;
+    bool queued = false;
     {
         MutexLock lock(m_mutex);
         // When a graph departs its tasks are canceled before descheduleGraph() empties its queue. A
@@ -200,11 +215,16 @@ WorkThread* TaskSchedulerFCFS::enqueueWaitingTask(KelmTask* task, bool head) {
         // and stay queued for ever.
         if (!task->isCanceled()) {
             WorkThread* const worker = dequeueWaitingWorkerUnsafe(*task);
-            if (worker == nullptr) enqueueWaitingTaskUnsafe(task, *client, head);
-            return worker;
+            if (worker != nullptr) return worker;
+            enqueueWaitingTaskUnsafe(task, *client, head);
+            queued = true;
+            starves = isStarving(*task->getGraph());
         }
     }
-    destroyCanceledTask(task);
+    if (!queued) destroyCanceledTask(task);
+    if (starves) {
+        Port<StarvingGraphListener>::notify<&StarvingGraphListener::notifyGraphStarves>(subclass);
+    }
     return nullptr;
 }
 

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace kelm {
+
+enum class PlacementAction {
+    Loaded,    // onto `device`
+    Unloaded,  // from `from`
+    Moved,     // from one to the other
+    Kept,      // asks for more, and no change would repay its cost
+    Refused,   // asks for a place, and there is none for it now
+};
+
+enum class PlacementReason {
+    Demand,      // follows the load
+    Starving,    // tasks, or its creator, wait for a graph without a device
+    LostDevice,  // its device was lost
+    Reset,       // its device was reset
+    Cache,       // where the device holds it already
+    ClientGone,  // nobody uses it any more
+    Tag,         // by the quota of its tag
+    Stream,      // by its stream
+};
+
+// One decision. A device that it does not name is 0.
+struct PlacementMove {
+    PlacementAction action = PlacementAction::Loaded;
+    PlacementReason reason = PlacementReason::Demand;
+    uint64_t graph = 0;
+    uint64_t from = 0;
+    uint64_t device = 0;
+};
+
+struct PlacementPlan {
+    std::vector<PlacementMove> moves;
+    double wakeAfter = 1.0;  // seconds; the next plan is not needed earlier without an event
+    // No graph without a device waits longer than this while others take turns, loads included.
+    double longestWait = 0.0;
+};
+
+}  // namespace kelm
