@@ -75,6 +75,7 @@ TEST_F(ExportServerTest, AnswersOnlyWhatIsMeantForIt) {
         {"GET /small", "Host: localhost", "200", "\r\n\r\nsmall"},
         {"HEAD /small", "Host: [::1]:80", "200", "\r\n\r\n"},
         {"GET /small", "Host: LocalHost:80\r\nRange: bytes=0-1", "200", "small"},
+        {"GET /small", "raNGE: neither read nor refused\r\nHost: localhost", "200", "small"},
         {"POST /small", "Host: 127.9.0.1\r\nContent-Length: 2", "405", "only GET and HEAD\n"},
         {"GET /small", "Host: 127.0.0.1.evil.example", "403", "its address\n"},
         {"HEAD /events", "Host: evil.example", "403", ""},

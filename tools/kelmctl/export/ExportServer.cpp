@@ -141,9 +141,8 @@ class ExportServer::Impl : private httplib::Server {
     void converse(UniqueFd socket) {
         ConnectionStream stream(std::move(socket), m_end.get());
         bool isClosed = false;
-        // Compressing and cutting ranges would cost more than the few bytes that it saves.
+        // Compressing would cost more than the few bytes that it saves.
         (void)process_request(stream, true, isClosed, [](httplib::Request& request) {
-            request.ranges.clear();
             request.headers.erase("Accept-Encoding");
         });
         (void)::shutdown(stream.socket(), SHUT_RDWR);
