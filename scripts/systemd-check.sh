@@ -91,7 +91,11 @@ wait_for "the system runs" has_booted
 
 # What the manager holds about a unit; a run that ended well is "success".
 about() { in_root systemctl show --property "$2" --value "$1"; } # unit, property
-log_of() { in_root journalctl --quiet --no-pager --output=cat --unit "$@"; }
+log_of() {
+    in_root journalctl --sync
+    in_root journalctl --quiet --no-pager --output=cat --unit "$@"
+}
+logs() { log_of "${@:2}" >"$work/journal"; grep -q "$1" "$work/journal"; } # pattern, options
 expect() { # what, wanted, got
     [ "$2" = "$3" ] || fail "$1: '$3' instead of '$2'"
 }
@@ -138,7 +142,7 @@ done
 say "the exporter"
 start kelmdaemon-sim@default.service
 start kelm-exporter.service
-is_told() { in_root curl -s http://127.0.0.1:10753/metrics | grep -qx 'kelm_devices 3'; }
+is_told() { [[ $(in_root curl -s http://127.0.0.1:10753/metrics) == *$'\nkelm_devices 3\n'* ]]; }
 wait_for "a scrape with three devices" is_told
 ! in_root pgrep -u kelm -x kelmctl >/dev/null || fail "the exporter runs as the service's account"
 stop kelm-exporter.service
@@ -149,17 +153,17 @@ unit=kelmdaemon.service
 start $unit
 ! as_user alice kelmctl infer --graph-by-path --graph net.graph --input input --pad --output output \
     >"$work/log" 2>&1 || fail "the service reads what is alice's"
-log_of $unit --priority=err | grep -q net.graph || fail "the journal does not know the error as one"
-! log_of $unit --priority=err | grep -q READY || fail "the journal takes all for errors"
-log_of $unit --priority=info | grep -q 'SERVICE IS READY' || fail "the journal does not know READY"
-! log_of $unit | grep -q '^<[0-9]>' || fail "the journal has not understood the priorities"
+logs net.graph $unit --priority=err || fail "the journal does not know the error as one"
+! logs READY $unit --priority=err || fail "the journal takes all for errors"
+logs 'SERVICE IS READY' $unit --priority=info || fail "the journal does not know READY"
+! logs '^<[0-9]>' $unit || fail "the journal has not understood the priorities"
 
 say "crashes: it comes back, until there were too many"
 in_root mkdir -p "/run/systemd/system/$unit.d"
 in_root sh -c "printf '[Service]\nRestartSec=100ms\n' >/run/systemd/system/$unit.d/quick.conf"
 in_root systemctl daemon-reload
 is_new() { [ "$(about $unit ActiveState)" = active ] && [ "$(about $unit MainPID)" != "$pid" ]; }
-for _ in 1 2 3 4; do
+for _ in 1 2 3 4 5; do
     pid=$(about $unit MainPID)
     in_root kill -KILL "$pid"
     wait_for "it comes back" is_new
@@ -173,7 +177,7 @@ in_root systemctl reset-failed
 echo '{ "log_levle": "info" }' >"$root/etc/kelm/site.config"
 echo 'KELM_CONFIG=--config-file /etc/kelm/site.config' >"$root/etc/default/kelmdaemon"
 ! in_root systemctl start $unit >"$work/log" 2>&1 || fail "it starts all the same"
-log_of $unit | grep -q 'site.config.*log_levle' || fail "the journal does not tell the mistake"
+logs 'site.config.*log_levle' $unit || fail "the journal does not tell the mistake"
 wait_for "it gives up" has_failed
 rm "$root/etc/kelm/site.config"
 echo 'KELM_CONFIG=--config-file /etc/kelm/kelm_simulated.config' >"$root/etc/default/kelmdaemon"
