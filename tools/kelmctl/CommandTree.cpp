@@ -7,6 +7,7 @@
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/ConfigCommand.h"
 #include "tools/kelmctl/DoctorCommand.h"
+#include "tools/kelmctl/EventsCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/ResetCommand.h"
@@ -173,6 +174,20 @@ Command addTop(CLI::App& app) {
     return {command, [] { return runTop(); }};
 }
 
+Command addEvents(CLI::App& app) {
+    CLI::App* command = app.add_subcommand(
+        "events", "print what has happened to graphs, devices and clients, and why");
+    const auto options = std::make_shared<EventsOptions>();
+    command->add_flag("--follow", options->follow, "and what happens from now on");
+    command->add_flag("--json", options->json, "as one object a line");
+    command
+        ->add_option("--since", options->since,
+                     "only events from this number on, or from this time: an age as 90s, 10m, 2h "
+                     "or 1d, a time as 21:30 or 2026-01-31T21:30:05")
+        ->type_name("SEQ|TIME");
+    return {command, [options] { return runEvents(*options); }};
+}
+
 Command addTrace(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "trace",
@@ -273,9 +288,9 @@ std::vector<Command> addCommands(CLI::App& app) {
         "and the number of a signal that ended it early.");
     app.set_version_flag("--version", versionText,
                          "print the versions of tool, library and protocol");
-    return {addInfer(app), addLoad(app),   addBench(app),     addStatus(app),
-            addTop(app),   addTrace(app),  addWaitReady(app), addStop(app),
-            addReset(app), addConfig(app), addDoctor(app),    addVersion(app)};
+    return {addInfer(app),  addLoad(app),   addBench(app),     addStatus(app), addTop(app),
+            addEvents(app), addTrace(app),  addWaitReady(app), addStop(app),   addReset(app),
+            addConfig(app), addDoctor(app), addVersion(app)};
 }
 
 }  // namespace kelm::ctl
