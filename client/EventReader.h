@@ -23,6 +23,8 @@ class EventReader {
     Error requestLast(size_t count) {
         return m_socket.write("last " + std::to_string(count) + "\n");
     }
+    // Whether the next line has come already.
+    bool hasLine() const { return m_buffer.find('\n') != std::string::npos; }
     // The next line without its end. After kTimeout it may be read on.
     Result<std::string> read(Deadline deadline);
     // Ends the read in progress and every later one with kCanceled.

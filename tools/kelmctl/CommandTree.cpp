@@ -8,6 +8,7 @@
 #include "tools/kelmctl/ConfigCommand.h"
 #include "tools/kelmctl/DoctorCommand.h"
 #include "tools/kelmctl/EventsCommand.h"
+#include "tools/kelmctl/ExplainCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/ResetCommand.h"
@@ -188,6 +189,17 @@ Command addEvents(CLI::App& app) {
     return {command, [options] { return runEvents(*options); }};
 }
 
+Command addExplain(CLI::App& app) {
+    CLI::App* command =
+        app.add_subcommand("explain", "tell where a graph is, why, and what would change it");
+    const auto options = std::make_shared<ExplainOptions>();
+    command->add_option("graph", options->graph, "id or name, or the end of its path")
+        ->type_name("GRAPH")
+        ->required();
+    command->add_flag("--json", options->json, "as one object");
+    return {command, [options] { return runExplain(*options); }};
+}
+
 Command addTrace(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "trace",
@@ -288,9 +300,9 @@ std::vector<Command> addCommands(CLI::App& app) {
         "and the number of a signal that ended it early.");
     app.set_version_flag("--version", versionText,
                          "print the versions of tool, library and protocol");
-    return {addInfer(app),  addLoad(app),   addBench(app),     addStatus(app), addTop(app),
-            addEvents(app), addTrace(app),  addWaitReady(app), addStop(app),   addReset(app),
-            addConfig(app), addDoctor(app), addVersion(app)};
+    return {addInfer(app),  addLoad(app),    addBench(app),  addStatus(app),    addTop(app),
+            addEvents(app), addExplain(app), addTrace(app),  addWaitReady(app), addStop(app),
+            addReset(app),  addConfig(app),  addDoctor(app), addVersion(app)};
 }
 
 }  // namespace kelm::ctl

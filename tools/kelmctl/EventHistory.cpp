@@ -103,6 +103,7 @@ client::Result<EventHistory> readHistory(client::EventReader& reader, size_t cou
     if (row.kind != "greeting" || schema != kSchema) {
         throw std::runtime_error("the service's events are of another version than kelmctl");
     }
+    take(row.json, "next", history.next);
     const auto moves = row.json.find("moves");
     if (moves != row.json.end() && moves->is_object()) {
         for (const auto& [reason, number] : moves->items())

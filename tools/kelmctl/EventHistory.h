@@ -41,6 +41,7 @@ std::string eventText(const EventRow& row, bool utf8);
 
 // What the service has told at one moment.
 struct EventHistory {
+    uint64_t next = 0;                      // the number of the first event that the counts lack
     std::map<std::string, uint64_t> moves;  // by reason, since the service's start
     std::vector<EventRow> events;           // in their order
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +17,9 @@ struct StatusLook {
     client::ServiceStatus status;
     std::optional<client::Snapshot> snapshot;
     std::string snapshotWhy;
+    // Graphs loaded, unloaded or moved since the service's start, by reason; none from a service
+    // that does not tell.
+    std::optional<std::map<std::string, uint64_t>> moves;
 };
 
 // Looks at the service, as its client "kelmctl"; after a failure the next look connects anew.
