@@ -25,7 +25,8 @@ void take(const Json& json, const char* name, Value& value) {
     if (member == json.end()) return;
     if constexpr (std::is_same_v<Value, std::string>) {
         if (member->is_string()) value = member->get<std::string>();
-    } else if (member->is_number()) {
+    } else if (std::is_floating_point_v<Value> ? member->is_number()
+                                               : member->is_number_integer()) {
         value = member->get<Value>();
     }
 }
@@ -72,6 +73,8 @@ EventRow parseEvent(const std::string& line) {
     take(row.json, "from", row.from);
     take(row.json, "from", row.gapFrom);
     take(row.json, "to", row.gapTo);
+    const auto device = row.json.find("device_id");
+    if (device != row.json.end() && device->is_number_unsigned()) row.deviceId = *device;
     double asked = -1.0;
     take(row.json, "asked", asked);
     if (asked >= 0.0) row.asked = asked;

@@ -29,6 +29,7 @@ struct EventRow {
     uint64_t gapTo = 0;
     int64_t places = 0;
     int64_t code = 0;
+    std::optional<uint64_t> deviceId;
     std::optional<double> asked;
     std::chrono::system_clock::time_point time;
     nlohmann::json json;  // as it came

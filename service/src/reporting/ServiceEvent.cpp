@@ -109,6 +109,7 @@ std::string toJsonLine(const ServiceEvent& event) {
     addText(line, "graph", event.graph.view());
     if (event.graphId != 0) addNumber(line, "graph_id", std::to_string(event.graphId));
     addText(line, "device", event.device.view());
+    if (event.deviceId) addNumber(line, "device_id", std::to_string(*event.deviceId));
     addText(line, "from", event.from.view());
     addText(line, "client", event.client.view());
     if (event.clientId != 0) addNumber(line, "client_id", std::to_string(event.clientId));

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -50,6 +51,7 @@ struct ServiceEvent {
     int32_t places = 0;                                // devices that run the graph after it
     uint64_t graphId = 0;
     uint64_t clientId = 0;
+    std::optional<uint32_t> deviceId{};
     EventName graph{};
     EventName device{};
     EventName from{};  // the device that a moved graph has left

@@ -17,10 +17,12 @@ namespace {
 // What a graph asks for beyond its places by less than this follows the noise of the measure.
 constexpr float kSlack = 0.1f;
 
-// A worker without a device is none that was ever given a graph.
-EventName deviceNameOf(const WorkThread& worker) {
+// A worker without a device was never given a graph.
+void setDevice(ServiceEvent& event, const WorkThread& worker) {
     const KelmDeviceBase* const device = worker.getDevice();
-    return makeEventName(device != nullptr ? device->getName() : worker.getName());
+    if (device == nullptr) return;
+    event.device = makeEventName(device->getName());
+    event.deviceId = device->getDeviceId();
 }
 
 bool isLoss(PlacementReason reason) {
@@ -42,13 +44,13 @@ ServiceEvent PlacementNotes::makeEvent(EventAction action, PlacementReason reaso
 void PlacementNotes::load(KelmGraph* graph, WorkThread* worker, PlacementReason reason,
                           StatusChangeOperation& operation) {
     ServiceEvent event = makeEvent(EventAction::Loaded, reason, graph);
-    event.device = deviceNameOf(*worker);
+    setDevice(event, *worker);
     m_loads.push_back({graph, &operation, event});
 }
 
 void PlacementNotes::unload(KelmGraph* graph, WorkThread* worker, PlacementReason reason) {
     ServiceEvent event = makeEvent(EventAction::Unloaded, reason, graph);
-    event.device = deviceNameOf(*worker);
+    setDevice(event, *worker);
     m_unloads.push_back({graph, nullptr, event});
 }
 
