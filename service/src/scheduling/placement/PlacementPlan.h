@@ -3,26 +3,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "reporting/PlacementReason.h"
+
 namespace kelm {
-
-enum class PlacementAction {
-    Loaded,    // onto `device`
-    Unloaded,  // from `from`
-    Moved,     // from one to the other
-    Kept,      // asks for more, and no change would repay its cost
-    Refused,   // asks for a place, and there is none for it now
-};
-
-enum class PlacementReason {
-    Demand,      // follows the load
-    Starving,    // tasks, or its creator, wait for a graph without a device
-    LostDevice,  // its device was lost
-    Reset,       // its device was reset
-    Cache,       // where the device holds it already
-    ClientGone,  // nobody uses it any more
-    Tag,         // by the quota of its tag
-    Stream,      // by its stream
-};
 
 // One decision. A device that it does not name is 0.
 struct PlacementMove {
