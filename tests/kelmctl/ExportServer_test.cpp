@@ -99,7 +99,7 @@ TEST_F(ExportServerTest, PeersThatStandStillMakeRoom) {
         SCOPED_TRACE(request);
         std::vector<UniqueFd> peers;
         for (int i = 0; i < 16; ++i) peers.push_back(connect(request));
-        EXPECT_TRUE(ask("").starts_with("HTTP/1.1 503"));
+        EXPECT_TRUE(ask(kGet).starts_with("HTTP/1.1 503"));
         EXPECT_TRUE(eventually([&] { return ask(kGet).ends_with("small"); }));
     }
 }
