@@ -57,7 +57,8 @@ may_skip() { # command
 
 run_packages() {
     ./scripts/packages.sh debhelper debootstrap dpkg-dev fakeroot lintian libumockdev-dev &&
-        may_skip scripts/deb-check.sh && may_skip scripts/restarts.sh 50
+        scripts/deb.sh >/dev/null && may_skip scripts/deb-check.sh build/packages &&
+        may_skip scripts/systemd-check.sh build/packages && may_skip scripts/restarts.sh 50
 }
 
 run_step() { # step
