@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the packages, builds and runs all tests: release, AddressSanitizer with UBSan,
-# ThreadSanitizer, the clang analysis build, the format check, and the Debian packages with a service
+# ThreadSanitizer, the clang analysis build, the format check, and the Debian packages, with a service
 # that is started and stopped under load. Ends with one summary line.
 #
 #   scripts/test.sh              everything
