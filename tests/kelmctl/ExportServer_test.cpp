@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <cerrno>
 #include <optional>
 #include <stdexcept>
 
@@ -99,7 +100,9 @@ TEST_F(ExportServerTest, PeersThatStandStillMakeRoom) {
         SCOPED_TRACE(request);
         std::vector<UniqueFd> peers;
         for (int i = 0; i < 16; ++i) peers.push_back(connect(request));
-        EXPECT_TRUE(ask("").starts_with("HTTP/1.1 503"));
+        errno = 0;
+        EXPECT_TRUE(ask(kGet).starts_with("HTTP/1.1 503"));
+        EXPECT_EQ(errno, 0) << "ended, not reset";
         EXPECT_TRUE(eventually([&] { return ask(kGet).ends_with("small"); }));
     }
 }
