@@ -12,6 +12,11 @@
 
 namespace kelm::ctl {
 
+// The most of the last events that the service gives.
+constexpr size_t kAllEvents = 1000;
+// For a stream on which nothing may happen for long.
+constexpr client::Deadline kAnyTime{std::chrono::hours(24 * 365)};
+
 // A line of the stream of events. What it does not have is 0 or empty; texts may hold any bytes.
 struct EventRow {
     std::string kind;

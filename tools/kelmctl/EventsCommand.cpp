@@ -17,10 +17,7 @@ namespace {
 
 using Time = std::chrono::system_clock::time_point;
 
-constexpr size_t kAll = 1000;
 constexpr int kSchema = 1;
-// Nothing may happen for long.
-constexpr client::Deadline kNoDeadline{std::chrono::hours(24 * 365)};
 
 // A time of the day without a date is one of today.
 bool parseTime(const std::string& text, Time now, Time& time) {
@@ -85,12 +82,12 @@ EventStart parseSince(const std::string& text, Time now) {
 int runEvents(const EventsOptions& options) {
     const EventStart start = parseSince(options.since, std::chrono::system_clock::now());
     const auto reader = client::take(client::EventReader::connect());
-    const EventHistory history = client::take(readHistory(*reader, kAll));
+    const EventHistory history = client::take(readHistory(*reader, kAllEvents));
     for (const EventRow& row : history.events) {
         if (isWanted(row, start)) print(row, options.json);
     }
     while (options.follow) {
-        const EventRow row = parseEvent(client::take(reader->read(kNoDeadline)));
+        const EventRow row = parseEvent(client::take(reader->read(kAnyTime)));
         if (isWanted(row, start)) print(row, options.json);
     }
     return 0;

@@ -10,12 +10,6 @@
 
 namespace kelm::ctl {
 
-namespace {
-
-constexpr size_t kAllEvents = 1000;
-
-}  // namespace
-
 int runExplain(const ExplainOptions& options) {
     const bool utf8 = useTerminalLocale();
     Interruption interruption;

@@ -12,8 +12,6 @@ namespace kelm::ctl {
 
 namespace {
 constexpr client::Deadline kDeadline{2000};
-constexpr client::Deadline kNoDeadline{std::chrono::hours(24 * 365)};
-constexpr size_t kEventsAtFirst = 1000;
 }  // namespace
 
 // Threads, since a query waits for its answer while the streams wait for what comes next.
@@ -47,7 +45,6 @@ TopNews TopFeed::take() {
     TopNews news = m_news;
     m_news.status.reset();
     m_news.snapshot.reset();
-    m_news.moves.reset();
     return news;
 }
 
@@ -168,13 +165,13 @@ void TopFeed::followEvents() {
     if (!connected) return;
     const std::shared_ptr<client::EventReader> reader = std::move(connected.value());
     if (!publish(reader)) return;
-    const auto history = readHistory(*reader, kEventsAtFirst, kDeadline);
+    const auto history = readHistory(*reader, kAllEvents, kDeadline);
     if (!history) return;
     TopMoves moves;
     moves.begin(history.value());
     while (true) {
         if (!reader->hasLine()) tell(moves);
-        const auto line = reader->read(kNoDeadline);
+        const auto line = reader->read(kAnyTime);
         if (!line) return;
         moves.add(parseEvent(line.value()));
     }

@@ -19,6 +19,7 @@ namespace kelm::ctl {
 struct TopNews {
     std::optional<client::ServiceStatus> status;
     std::optional<client::Snapshot> snapshot;
+    // Not only new ones: nothing may follow for long on those that were taken while paused.
     std::optional<TopMoves> moves;
     // Why there is none, as of now; empty while there is one.
     std::string statusWhy;

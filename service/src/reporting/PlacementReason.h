@@ -2,15 +2,7 @@
 
 namespace kelm {
 
-// What a device scheduler decides about a graph.
-enum class PlacementAction {
-    Loaded,    // onto a device
-    Unloaded,  // from one
-    Moved,     // from one to the other
-    Kept,      // asks for more, and no change would repay its cost
-    Refused,   // asks for a place, and there is none for it now
-};
-
+// Why a device scheduler decides as it does.
 enum class PlacementReason {
     Demand,      // follows the load
     Starving,    // tasks, or its creator, wait for a graph without a device

@@ -72,21 +72,6 @@ EventName makeEventName(std::string_view name) {
 
 EventKind kindOf(EventAction action) { return kActions[static_cast<size_t>(action)].kind; }
 
-EventAction toEventAction(PlacementAction action) {
-    switch (action) {
-        case PlacementAction::Loaded:
-            return EventAction::Loaded;
-        case PlacementAction::Unloaded:
-            return EventAction::Unloaded;
-        case PlacementAction::Moved:
-            return EventAction::Moved;
-        case PlacementAction::Kept:
-            return EventAction::Kept;
-        default:
-            return EventAction::Refused;
-    }
-}
-
 bool isMove(EventAction action) {
     return action == EventAction::Loaded || action == EventAction::Unloaded ||
            action == EventAction::Moved;

@@ -17,11 +17,11 @@ enum class EventKind : uint8_t { Placement, Plug, Reset, Throttle, Client };
 constexpr size_t kEventKinds = 5;
 
 enum class EventAction : uint8_t {
-    Loaded,
-    Unloaded,
-    Moved,
-    Kept,
-    Refused,
+    Loaded,    // a graph, onto a device
+    Unloaded,  // from one
+    Moved,     // from one to another
+    Kept,      // it asks for more, and nothing changes
+    Refused,   // it asks for a place, and gets none
     PluggedIn,
     PluggedOut,
     Lost,  // a device has failed for good
@@ -59,7 +59,6 @@ struct ServiceEvent {
 };
 
 EventKind kindOf(EventAction action);
-EventAction toEventAction(PlacementAction action);
 // Whether a graph has come to a device or left one.
 bool isMove(EventAction action);
 const char* nameOf(EventKind kind);

@@ -208,11 +208,12 @@ PlacementReason DeviceSchedulerBase::findLoadReason(KelmGraph* graph, WorkThread
                                                           : PlacementReason::Demand;
 }
 
+// A worker that leaves may have been destroyed: not followed.
 PlacementLack DeviceSchedulerBase::findLack(KelmGraph* graph) {
     uint32_t largest = 0;
-    for (const auto& workers : {m_workers, m_addWorkers}) {
-        for (WorkThread* worker : workers) {
-            if (worker->isFailed() || m_removeWorkers.contains(worker)) continue;
+    for (const auto* workers : {&m_workers, &m_addWorkers}) {
+        for (WorkThread* worker : *workers) {
+            if (m_removeWorkers.contains(worker) || worker->isFailed()) continue;
             largest = std::max(largest, worker->getDevice()->getMemorySize());
         }
     }
@@ -224,10 +225,8 @@ void DeviceSchedulerBase::noteUnload(KelmGraph* graph, WorkThread* worker) {
     PlacementReason reason = PlacementReason::Demand;
     if (m_unloadGraphs.contains(graph)) {
         reason = PlacementReason::ClientGone;
-    } else if (worker->wasResetLately()) {
-        reason = PlacementReason::Reset;
     } else if (worker->isFailed() || m_removeWorkers.contains(worker)) {
-        reason = PlacementReason::LostDevice;
+        reason = worker->wasResetLately() ? PlacementReason::Reset : PlacementReason::LostDevice;
     }
     m_notes.unload(graph, worker, reason);
 }
