@@ -7,6 +7,14 @@
 
 namespace kelm {
 
+enum class PlacementAction {
+    Loaded,    // onto `device`
+    Unloaded,  // from `from`
+    Moved,     // from one to the other
+    Kept,      // asks for more, and no change would repay its cost
+    Refused,   // asks for a place, and there is none for it now
+};
+
 // One decision. A device that it does not name is 0.
 struct PlacementMove {
     PlacementAction action = PlacementAction::Loaded;
