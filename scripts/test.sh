@@ -59,7 +59,7 @@ may_skip() { # command
 run_packages() {
     ./scripts/packages.sh debhelper debootstrap dpkg-dev fakeroot lintian libumockdev-dev &&
         scripts/deb.sh >/dev/null && may_skip scripts/deb-check.sh build/packages &&
-        may_skip scripts/systemd-check.sh build/packages && may_skip scripts/restarts.sh 50
+        may_skip timeout -k 10 600 scripts/systemd-check.sh build/packages && may_skip scripts/restarts.sh 50
 }
 
 run_step() { # step
