@@ -81,7 +81,7 @@ TEST_F(KelmctlTest, EventsAndExplanationTellOfAGraphThatIsLoaded) {
     const CommandProcess follower("events --follow --json >" + log);
     load.signal(SIGTERM);
     (void)load.wait();
-    EXPECT_TRUE(eventually([&] { return read(log).find("client_gone") != std::string::npos; }));
+    EXPECT_TRUE(eventually([&] { return readText(log).find("client_gone") != std::string::npos; }));
     EXPECT_EQ(run("events --json"), 0);
     std::istringstream lines(m_output);
     uint64_t last = 0;
