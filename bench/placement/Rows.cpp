@@ -30,7 +30,7 @@ const Row kRows[] = {
 
 }  // namespace
 
-std::vector<Scenario> makeRows(double loadTime, uint64_t seed) {
+std::vector<Scenario> makeRows(double loadTime, uint64_t seed, double seconds) {
     std::vector<Scenario> scenarios;
     for (const Row& row : kRows) {
         Scenario& scenario = scenarios.emplace_back();
@@ -39,6 +39,7 @@ std::vector<Scenario> makeRows(double loadTime, uint64_t seed) {
         scenario.slots = row.slots;
         scenario.loadTime = loadTime;
         scenario.seed = seed;
+        scenario.seconds = seconds;
         for (size_t i = 0; i < row.rates.size(); ++i) {
             GraphTraffic& graph = scenario.graphs.emplace_back();
             graph.rate = row.rates[i];

@@ -8,6 +8,6 @@
 namespace kelm {
 
 // The set-ups that are known by name: random arrivals, tasks of 10 ms but where the name tells.
-std::vector<Scenario> makeRows(double loadTime, uint64_t seed);
+std::vector<Scenario> makeRows(double loadTime, uint64_t seed, double seconds);
 
 }  // namespace kelm

@@ -5,9 +5,11 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fstream>
+#include <future>
 #include <string>
 
 #include "bench/placement/Comparison.h"
+#include "bench/placement/LiveRun.h"
 #include "bench/placement/Mixes.h"
 #include "bench/placement/PlanCost.h"
 #include "bench/placement/RatioChart.h"
@@ -17,31 +19,51 @@ namespace {
 
 using namespace kelm;
 
-void printRows(int seeds) {
+void printHead() {
     fmt::print(
         "| Set-up, demand a second | load, ms | | of the best | busy | refused | loads | "
         "after 5 s | small p90 | small p99 | worst p99 | 90% after |\n"
         "|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+}
+
+void printRow(const Scenario& scenario, size_t contender, std::vector<Figures> runs) {
+    const Figures median = takeMedians(std::move(runs));
+    fmt::print(
+        "| {} | {:.0f} | {} | {:.3f} | {:.3f} | {:.0f} | {:.0f} | {:.0f} | {:.0f} | {:.0f} | "
+        "{:.0f} | {} |\n",
+        scenario.name, scenario.loadTime * 1e3, kContenderNames[contender], median.ratio,
+        median.busy, median.refused, median.loads, median.lateLoads, median.smallP90,
+        median.smallP99, median.worstP99,
+        median.settled > 0.0 ? fmt::format("{:.1f} s", median.settled) : "");
+    std::fflush(stdout);
+}
+
+Figures runOnce(const Scenario& scenario, Contender contender, bool live) {
+    const Outcome outcome = live ? runLive(scenario, contender) : simulate(scenario, contender);
+    return sumUp(scenario, outcome,
+                 live ? findBestLive(scenario, outcome) : findBest(scenario, outcome));
+}
+
+// Live, the seeds of a row and its contenders run side by side.
+void printRows(int seeds, bool live, double seconds) {
+    printHead();
     for (const double loadTime : {0.0, 0.3}) {
-        const size_t rows = makeRows(loadTime, 1).size();
+        const size_t rows = makeRows(loadTime, 1, seconds).size();
         for (size_t row = 0; row < rows; ++row) {
+            std::array<std::vector<std::future<Figures>>, CONTENDERS> runs;
+            const auto policy = live ? std::launch::async : std::launch::deferred;
             for (size_t contender = 0; contender < CONTENDERS; ++contender) {
-                std::vector<Figures> runs;
-                std::string name;
                 for (int seed = 1; seed <= seeds; ++seed) {
-                    const Scenario scenario = makeRows(loadTime, static_cast<uint64_t>(seed))[row];
-                    const Outcome outcome = simulate(scenario, Contender{contender});
-                    runs.push_back(sumUp(scenario, outcome, findBest(scenario, outcome)));
-                    name = scenario.name;
+                    const Scenario scenario =
+                        makeRows(loadTime, static_cast<uint64_t>(seed), seconds)[row];
+                    runs[contender].push_back(
+                        std::async(policy, runOnce, scenario, Contender{contender}, live));
                 }
-                const Figures median = takeMedians(std::move(runs));
-                fmt::print(
-                    "| {} | {:.0f} | {} | {:.3f} | {:.3f} | {:.0f} | {:.0f} | {:.0f} | "
-                    "{:.0f} | {:.0f} | {:.0f} | {} |\n",
-                    name, loadTime * 1e3, kContenderNames[contender], median.ratio, median.busy,
-                    median.refused, median.loads, median.lateLoads, median.smallP90,
-                    median.smallP99, median.worstP99,
-                    median.settled > 0.0 ? fmt::format("{:.1f} s", median.settled) : "");
+            }
+            for (size_t contender = 0; contender < CONTENDERS; ++contender) {
+                std::vector<Figures> figures;
+                for (std::future<Figures>& run : runs[contender]) figures.push_back(run.get());
+                printRow(makeRows(loadTime, 1, seconds)[row], contender, std::move(figures));
             }
         }
     }
@@ -107,13 +129,19 @@ void printPlanCosts(int plans) {
 int main(int argc, char** argv) {
     CLI::App app{"Placement of graphs on devices, simulated"};
     int seeds = 3;
+    double seconds = 60.0;
     uint64_t mixes = 500;
     double tell = 0.9;
     std::string svgFile;
     std::vector<size_t> sizes{64, 512};
     int plans = 100;
     CLI::App* const rows = app.add_subcommand("rows", "The set-ups that are known by name");
-    rows->add_option("--seeds", seeds, "Runs, of which the medians are told");
+    CLI::App* const live =
+        app.add_subcommand("live", "The same at the service, on simulated devices, in real time");
+    for (CLI::App* const command : {rows, live}) {
+        command->add_option("--seeds", seeds, "Runs, of which the medians are told");
+        command->add_option("--seconds", seconds, "Load of a run");
+    }
     CLI::App* const random = app.add_subcommand("mixes", "Random set-ups");
     random->add_option("--number", mixes, "How many");
     random->add_option("--tell", tell, "Tells of each that comes out below this ratio");
@@ -124,7 +152,7 @@ int main(int argc, char** argv) {
     cost->add_option("--plans", plans, "How many are measured");
     app.require_subcommand(1);
     CLI11_PARSE(app, argc, argv);
-    if (*rows) printRows(seeds);
+    if (*rows || *live) printRows(seeds, static_cast<bool>(*live), seconds);
     if (*random) printMixes(mixes, tell, svgFile);
     if (*fleets) printFleets(sizes);
     if (*cost) printPlanCosts(plans);
