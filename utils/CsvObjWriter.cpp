@@ -65,6 +65,7 @@ CsvObjWriter::CsvObjWriter()
 CsvObjWriter::CsvObjWriter(const std::string& pathBegin, const std::string& pathEnd)
     : m_frames(pathBegin + "-frames" + pathEnd, "name,start_tsc.RDTSC,end_tsc\n"),
       m_tasks(pathBegin + "-tasks" + pathEnd, "name,start_tsc.RDTSC,end_tsc,pid,tid\n"),
+      m_names(pathBegin + "-names" + pathEnd, "kind,id,of\n"),
       m_thread([this] { WriteRoutine(); }) {}
 
 CsvObjWriter::~CsvObjWriter() { stop(); }
@@ -89,6 +90,10 @@ void CsvObjWriter::writeTask(const CsvObj& obj) {
     if (m_tasks.append(obj.getOperation(), tail.view())) m_semaphore.post();
 }
 
+void CsvObjWriter::writeName(std::string_view line) {
+    if (m_names.append(line, "\n")) m_semaphore.post();
+}
+
 void CsvObjWriter::WriteRoutine() {
     ThreadUtils::setName("KelmTracer");
     while (!m_stop) {
@@ -100,6 +105,7 @@ void CsvObjWriter::WriteRoutine() {
 void CsvObjWriter::save() {
     m_frames.save();
     m_tasks.save();
+    m_names.save();
 }
 
 }  // namespace kelm

@@ -15,9 +15,9 @@ namespace kelm {
 
 class CsvObj;
 
-// Writes finished operations to two files in the directory for temporary files, which belong to
-// this process: the frames file has the name and the ticks of an operation, the tasks file also the
-// process and the thread.
+// Writes finished operations to files in the directory for temporary files, which belong to this
+// process: the frames file has the name and the ticks of an operation, the tasks file also the
+// process and the thread. The names file tells what the ids in the names of operations stand for.
 //
 // Threads: any may write; all work on files is on the writer's own thread, within two seconds.
 class CsvObjWriter : public NonCopyable {
@@ -49,6 +49,7 @@ class CsvObjWriter : public NonCopyable {
 
     void writeFrame(const CsvObj& obj);
     void writeTask(const CsvObj& obj);
+    void writeName(std::string_view line);
 
     // Ends the thread and saves what it has left behind. What comes later is lost.
     void stop();
@@ -63,6 +64,7 @@ class CsvObjWriter : public NonCopyable {
     Semaphore m_semaphore{0, 0};  // wakes the thread before its time
     Output m_frames;
     Output m_tasks;
+    Output m_names;
     std::thread m_thread;  // last: it uses all of the above
 };
 

@@ -53,6 +53,10 @@ void TraceEndCsv(uint64_t handle) {
     if (isTracerOn()) CsvObj::finishCsvObject(handle);
 }
 
+void TraceNameCsv(std::string_view line) {
+    if (CsvObjWriter* writer = globalCsvObjWriter.load()) writer->writeName(line);
+}
+
 struct CsvObj::Shared {
     const std::string pid = std::to_string(ThreadUtils::getProcessId());  // asking is a system call
     Mutex mutex;

@@ -3,13 +3,14 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "utils/FixedText.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm {
 
-// The tracer records how long named operations take, in ticks of the processor's counter, into two
+// The tracer records how long named operations take, in ticks of the processor's counter, into
 // files of comma-separated values. It is off until enableTracer(), and then costs one null test a
 // call. Every operation that is begun must be ended once, on any thread.
 
@@ -30,6 +31,16 @@ template <class... Parts>
 uint64_t traceBegin(const Parts&... parts) {
     constexpr size_t kMaxName = 95;
     return isTracerOn() ? TraceBeginCsv(FixedText<kMaxName>(parts...).c_str()) : 0;
+}
+
+void TraceNameCsv(std::string_view line);
+
+// Tells what an id in the names of operations stands for, as in ("graph,", id, ",", name): a line
+// of the names file. A name is the last part, without line ends.
+template <class... Parts>
+void traceName(const Parts&... parts) {
+    constexpr size_t kMaxLine = 639;
+    if (isTracerOn()) TraceNameCsv(FixedText<kMaxLine>(parts...).view());
 }
 
 // One traced operation; the statics gather the open ones. Objects of finished operations are used

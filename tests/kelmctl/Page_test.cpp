@@ -114,7 +114,7 @@ TEST(PageTest, TellsMovesWhereTheServiceDoes) {
     Page page;
     ExportSnapshot snapshot = snapshotOf(1, "a");
     EXPECT_EQ(page.page(snapshot).body.find("moves\""), std::string::npos);
-    snapshot.moves = {{{}, "net", "Fake0", true, "waits & waits"}};
+    snapshot.moves = {{{}, "net", "Fake0", "Fake1", true, "waits & waits"}};
     const auto json = nlohmann::json::parse(page.snapshotJson(snapshot).body);
     EXPECT_EQ(json.at("moves").at(0).at("reason"), "waits & waits");
     EXPECT_NE(page.page(snapshot).body.find("waits &amp; waits"), std::string::npos);

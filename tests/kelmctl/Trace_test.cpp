@@ -22,14 +22,14 @@ class TraceTest : public ::testing::Test {
  protected:
     // A tick is a nanosecond.
     int run(const std::string& frames, const std::string& tasks, const std::string& threads = "",
-            const std::string& events = "") {
+            const std::string& names = "") {
         TraceOptions options;
         options.frames = m_directory.write("frames.csv", frames);
         options.tasks = m_directory.write("tasks.csv", tasks);
         options.output = m_directory.path() + "/out.json";
         options.tscMhz = 1000.0;
         options.threads = m_directory.write("thread.info", threads);
-        if (!events.empty()) options.events = m_directory.write("events", events);
+        if (!names.empty()) options.names = m_directory.write("names", names);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         const int status = runTrace(options);
@@ -125,18 +125,28 @@ TEST_F(TraceTest, TasksShareAsManyLanesAsAreUnderWayAtOnce) {
     EXPECT_EQ(m_lanes, 8U);
 }
 
-TEST_F(TraceTest, GraphsAndDevicesOfSpansHaveTheNamesThatTheEventsTell) {
-    EXPECT_EQ(run("", "unload_graph_2_device_0,1,2,10,11\nload_graph_3,1,2,10,11\n", "",
-                  R"({"graph_id":2,"graph":"a \"net\"","device_id":0,"device":"Fake0"})"),
+TEST_F(TraceTest, SpansHaveTheNamesOfGraphClientAndDevice) {
+    EXPECT_EQ(run("",
+                  "unload_graph_2_device_0,1,2,10,11\nload_graph_3,1,2,10,11\n"
+                  "task_7_inference,1,2,10,11\ntask_7_inference,3,4,10,11\ntask_7,1,5,10,11\n"
+                  "task_8,1,2,10,11\n",
+                  "",
+                  "kind,id,of\ngraph,2,a \"net\", a good one\ndevice,0,Fake0\ndevice,1,Fake1\n"
+                  "client,5,eyes\ntask,7,2,5\ninference,7,1\ninference,7,0\nnonsense\ntask,x,\n"),
               0);
-    std::map<std::string, Json> details;
+    std::vector<std::string> details;
     for (const Json& event : m_events) {
-        if (event["ph"] != "M" && event["ph"] != "e")
-            details[event["name"]] = event.value("args", Json());
+        if (event["ph"] == "M" || event["ph"] == "e") continue;
+        details.push_back(event["name"].get<std::string>() + event.value("args", Json()).dump());
     }
-    EXPECT_EQ(details["unload_graph_2_device_0"],
-              Json({{"graph", "a \"net\""}, {"device", "Fake0"}}));
-    EXPECT_EQ(details["load_graph_3"], Json());
+    EXPECT_THAT(
+        details,
+        UnorderedElementsAre(
+            R"(unload_graph_2_device_0{"device":"Fake0","graph":"a \"net\", a good one"})",
+            "load_graph_3null",
+            R"(task_7_inference{"client":"eyes","device":"Fake1","graph":"a \"net\", a good one"})",
+            R"(task_7_inference{"client":"eyes","device":"Fake0","graph":"a \"net\", a good one"})",
+            R"(task_7{"client":"eyes","graph":"a \"net\", a good one"})", "task_8null"));
 }
 
 TEST_F(TraceTest, ThreadsAndProcessesHaveTheirNames) {

@@ -90,12 +90,15 @@ TEST_F(ServiceTraceTest, TasksAndGraphsThatEndInAnyWayCloseTheirTraces) {
     EXPECT_EQ(names.count("task_" + std::to_string(last) + "_inference"), 1U);
     const std::string json = m_directory.path() + "/trace.json";
     const ShellCommand command(KELM_CTL " trace " + frames + " " + m_tasks + " -o " + json +
-                               " --threads " + service().dir() + "/thread.info");
+                               " --threads " + service().dir() + "/thread.info --names " + process +
+                               "-names" + host);
     EXPECT_THAT(command.output,
                 HasSubstr("frames file: 0, only in the tasks file: 0, lines left out: 0"));
     const std::string drawn = nlohmann::json::parse(std::ifstream(json)).dump();
     EXPECT_THAT(drawn, HasSubstr("TaskManagerT0"));
     EXPECT_THAT(drawn, HasSubstr("task_" + std::to_string(last)));
+    EXPECT_THAT(drawn, testing::ContainsRegex(
+                           R"(\{"client":"[^"]+","device":"Fake[01]","graph":"[^"]+"\})"));
 }
 
 }  // namespace

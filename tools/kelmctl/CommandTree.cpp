@@ -212,9 +212,8 @@ Command addTrace(CLI::App& app) {
     addFile(*command, "-o,--output", options->output, "the JSON file to write")->required();
     addFile(*command, "--threads", options->threads,
             "the thread.info of the same run, which has the names of the threads");
-    addFile(*command, "--events", options->events,
-            "the output of kelmctl events --json of the same run, which has the names of graphs "
-            "and devices");
+    addFile(*command, "--names", options->names,
+            "the file kelm-...-names-....csv, which has the names of graphs, clients and devices");
     command
         ->add_option("--tsc-mhz", options->tscMhz,
                      "rate of the time stamp counter on the machine that was traced; without it, "

@@ -54,6 +54,10 @@ std::string describe(const EventRow& row) {
 
 }  // namespace
 
+bool EventRow::isMove() const {
+    return kind == "placement" && (action == "loaded" || action == "unloaded" || action == "moved");
+}
+
 EventRow parseEvent(const std::string& line) {
     EventRow row;
     row.json = Json::parse(line, nullptr, false);
@@ -73,8 +77,6 @@ EventRow parseEvent(const std::string& line) {
     take(row.json, "from", row.from);
     take(row.json, "from", row.gapFrom);
     take(row.json, "to", row.gapTo);
-    const auto device = row.json.find("device_id");
-    if (device != row.json.end() && device->is_number_unsigned()) row.deviceId = *device;
     double asked = -1.0;
     take(row.json, "asked", asked);
     if (asked >= 0.0) row.asked = asked;

@@ -34,10 +34,12 @@ struct EventRow {
     uint64_t gapTo = 0;
     int64_t places = 0;
     int64_t code = 0;
-    std::optional<uint64_t> deviceId;
     std::optional<double> asked;
     std::chrono::system_clock::time_point time;
     nlohmann::json json;  // as it came
+
+    // A graph has come to a device or left it.
+    bool isMove() const;
 };
 
 // Throws for a line that is no object of JSON.

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "tools/kelmctl/EventHistory.h"
 #include "tools/kelmctl/Interruption.h"
 
 namespace kelm::ctl {
@@ -16,11 +15,10 @@ client::Result<client::Snapshot> readSnapshot(client::Deadline deadline) {
     return reader.value()->read(deadline);
 }
 
-// From the greeting of the events socket.
-std::optional<std::map<std::string, uint64_t>> readMoves(client::Deadline deadline) {
+std::optional<EventHistory> readEvents(size_t count, client::Deadline deadline) {
     try {
-        auto history = fetchHistory(0, deadline);
-        if (history) return std::move(history.value().moves);
+        auto history = fetchHistory(count, deadline);
+        if (history) return std::move(history.value());
     } catch (const std::exception&) {  // of another version: as if it did not tell
     }
     return std::nullopt;
@@ -44,7 +42,7 @@ client::Result<StatusLook> StatusSource::look(client::Deadline deadline) {
     } else {
         look.snapshotWhy = snapshot.error().text();
     }
-    look.moves = readMoves(deadline);
+    look.history = readEvents(m_events, deadline);
     return look;
 }
 

@@ -2,13 +2,13 @@
 
 #include <sys/types.h>
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "client/Client.h"
 #include "client/SnapshotReader.h"
+#include "tools/kelmctl/EventHistory.h"
 
 namespace kelm::ctl {
 
@@ -20,9 +20,8 @@ struct StatusLook {
     std::optional<client::Snapshot> snapshot;
     std::string snapshotWhy;
     pid_t servicePid = 0;  // 0: not seen from here
-    // Graphs loaded, unloaded or moved since the service's start, by reason; none from a service
-    // that does not tell.
-    std::optional<std::map<std::string, uint64_t>> moves;
+    // None from a service that does not tell.
+    std::optional<EventHistory> history;
 };
 
 // Looks at the service, as its client "kelmctl"; after a failure the next look connects anew.
@@ -30,8 +29,10 @@ struct StatusLook {
 // Threads: one. Owns: a share of the connection, the other one is the interruption's.
 class StatusSource {
  public:
-    // The interruption is borrowed for the object's life.
-    explicit StatusSource(Interruption& interruption) : m_interruption(interruption) {}
+    // The interruption is borrowed for the object's life. Each look has up to so many of the last
+    // events.
+    explicit StatusSource(Interruption& interruption, size_t events = 0)
+        : m_interruption(interruption), m_events(events) {}
 
     client::Result<StatusLook> look(client::Deadline deadline = client::kDefaultDeadline);
     // Unregisters.
@@ -42,6 +43,7 @@ class StatusSource {
     void drop();
 
     Interruption& m_interruption;
+    const size_t m_events;
     std::shared_ptr<client::Client> m_service;  // null: not connected
 };
 

@@ -7,10 +7,6 @@ namespace kelm::ctl {
 
 namespace {
 
-bool isMove(const EventRow& event) {
-    return event.action == "loaded" || event.action == "unloaded" || event.action == "moved";
-}
-
 TopMoves::Row toRow(const EventRow& event) {
     TopMoves::Row row;
     row.sequence = event.sequence;
@@ -38,7 +34,7 @@ void TopMoves::begin(const EventHistory& history) {
 
 void TopMoves::add(const EventRow& event) {
     if (event.kind != "placement") return;
-    if (isMove(event)) ++total;
+    if (event.isMove()) ++total;
     if (rows.size() >= kMostRows) rows.pop_front();
     rows.push_back(toRow(event));
 }

@@ -30,7 +30,7 @@ void checkOptions(const TraceOptions& options) {
         throw UsageError("a counter has 1 to 100000 MHz");
     }
     for (const std::string& input :
-         {options.frames, options.tasks, options.threads, options.events}) {
+         {options.frames, options.tasks, options.threads, options.names}) {
         std::error_code none;  // a file that is not there is told when it is opened
         if (std::filesystem::equivalent(input, options.output, none)) {
             throw UsageError("the output would replace " + input);
@@ -93,7 +93,7 @@ int runTrace(const TraceOptions& options) {
     TraceReader frames(options.frames, TraceFileKind::kFrames);
     TraceReader tasks(options.tasks, TraceFileKind::kTasks);
     const double mhz = options.tscMhz ? *options.tscMhz : measureTsc();
-    TraceNames names = TraceNames::read(options.events);
+    TraceNames names = TraceNames::read(options.names);
     TraceJson json(options.output, mhz, readThreadNames(options.threads), std::move(names));
     TracePairs pairs;
     readFiles(frames, tasks, pairs, json);

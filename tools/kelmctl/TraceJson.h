@@ -43,7 +43,7 @@ class TraceJson {
     const std::string m_path;
     const double m_ticksPerMicro;
     const ThreadNames m_names;
-    const TraceNames m_idNames;
+    TraceNames m_idNames;
     std::ofstream m_file;
     std::string_view m_separator;
     TraceLayout m_layout;

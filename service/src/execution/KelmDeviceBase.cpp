@@ -12,6 +12,7 @@
 #include "reporting/ServiceEvent.h"
 #include "utils/OwedPools.h"
 #include "utils/Port.h"
+#include "utils/TextHelper.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
@@ -137,6 +138,7 @@ int KelmDeviceBase::allocateGraph(KelmGraph* graph) {
     // Before the load and not behind it: a load takes long, and the display must not show the graph
     // that has left as running all that time.
     resetGraphInfo();
+    traceName("device,", m_deviceId.load(), ",", escapeControls(m_name));
     const uint64_t trace = traceBegin("load_graph_", graph->getId(), "_device_", m_deviceId.load());
     const int rc = allocateGraphImpl(graph);
     TraceEndCsv(trace);
@@ -179,6 +181,7 @@ int KelmDeviceBase::loadTensor(KelmTask* task) {
     if (getCurrentGraph() == nullptr) return KELM_ERROR_GRAPH_NOT_ALLOCATED;
     if (isTracerOn()) {
         task->finishExecutionTrace();  // of an earlier attempt, which gave no result
+        traceName("inference,", task->getId(), ",", m_deviceId.load());
         task->setExecutionTraceIndex(traceBegin("task_", task->getId(), "_inference"));
     }
     // Before the tensor is fed, since the result thread may count the task out at once.

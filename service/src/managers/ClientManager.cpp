@@ -22,6 +22,7 @@
 #include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
 #include "utils/TimeHelper.h"
+#include "utils/Tracer.h"
 
 namespace kelm {
 
@@ -94,6 +95,7 @@ void ClientManager::registerClient(Request request, const ConnectionPtr& connect
     if (const auto& peer = connection->getPeer()) {
         LOG_INFO("client(id:%lu) is of process %d, user %u", clientId, peer->pid, peer->user);
     }
+    traceName("client,", clientId, ",", escapeControls(name));
     tellClient(EventAction::Registered, clientId, name);
     LOG_STEP("enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId, socket);
     ResultDispatcher::instance().enqueueSendRegisterResponse(clientId, KELM_OK, std::move(request));

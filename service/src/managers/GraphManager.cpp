@@ -255,6 +255,7 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& re
     const uint64_t id = m_nextGraphId.fetch_add(1);
     std::unique_ptr<KelmGraph> record =
         blob.makeGraph(id, wanted.clientId, wanted.graphName, wanted.expectDevices);
+    traceName("graph,", id, ",", escapeControls(wanted.graphName));
     record->setLoadTraceIndex(traceBegin("load_graph_", id));
     m_dump.write(*record);
     // Deliberate: the trace of a load that never starts stays open, and so is not in the files.

@@ -120,7 +120,7 @@ void TaskManager::createTask(Request request, std::unique_ptr<KelmTaskParam> tas
     const uint64_t taskId = m_nextTaskId.fetch_add(1);
     auto task = std::make_unique<KelmTask>(taskId, client, graph, taskParam.release(),
                                            &request.as<KelmMsgReqInferTask>());
-    m_taskTraces.begin(taskId);
+    m_taskTraces.begin(taskId, graph->getId(), client->getId());
     // In the registry before the scheduler has it, whose answer may come first otherwise.
     KelmTask* const entered = task.release();
     m_registry.enter(entered, std::move(request));

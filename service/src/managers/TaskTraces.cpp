@@ -9,8 +9,9 @@ TaskTraces::~TaskTraces() {
     for (const auto& [taskId, trace] : m_taskTraces) TraceEndCsv(trace);
 }
 
-void TaskTraces::begin(uint64_t taskId) {
+void TaskTraces::begin(uint64_t taskId, uint64_t graphId, uint64_t clientId) {
     if (!isTracerOn()) return;
+    traceName("task,", taskId, ",", graphId, ",", clientId);
     const uint64_t trace = traceBegin("task_", taskId);
     MutexLock lock(m_mutex);
     m_taskTraces.insert(taskId, trace);

@@ -16,7 +16,7 @@ class TaskTraces : public NonCopyable {
     // Ends what is still open.
     ~TaskTraces();
 
-    void begin(uint64_t taskId) EXCLUDES(m_mutex);
+    void begin(uint64_t taskId, uint64_t graphId, uint64_t clientId) EXCLUDES(m_mutex);
     // Once for each task; an unknown id does nothing.
     void finish(uint64_t taskId) EXCLUDES(m_mutex);
 

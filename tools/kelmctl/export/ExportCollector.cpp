@@ -11,6 +11,7 @@ namespace {
 
 // What the status tells of a device that holds none.
 constexpr const char* kNoGraph = "NoGraph";
+constexpr size_t kMovesShown = 20;
 constexpr uint64_t kMegabyte = 1024 * 1024;
 
 ExportedService serviceOf(const StatusLook& look) {
@@ -38,6 +39,18 @@ std::vector<std::string> residentGraphs(const client::DeviceStatus& device,
         graphs.push_back(device.graph);
     }
     return graphs;
+}
+
+// Newest first.
+std::vector<ExportedMove> lastMoves(const EventHistory& history) {
+    std::vector<ExportedMove> moves;
+    for (auto event = history.events.rbegin(); event != history.events.rend(); ++event) {
+        if (moves.size() == kMovesShown) break;
+        if (!event->isMove()) continue;
+        moves.push_back({event->time, event->graph, event->device, event->from,
+                         event->action != "unloaded", event->reason});
+    }
+    return moves;
 }
 
 }  // namespace
@@ -83,6 +96,7 @@ ExportSnapshot ExportCollector::addLook(const StatusLook& look, Time now) {
     addDevices(merged, to, now);
     addGraphs(merged, to, now);
     addClients(merged, to, now);
+    if (look.history) to.moves = lastMoves(*look.history);
     to.totals = {{"", m_others}};
     m_graphs.copyTo(to.totals);
     m_servicePid = look.servicePid;

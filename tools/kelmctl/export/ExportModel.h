@@ -54,11 +54,12 @@ struct ExportedClient {
     std::optional<uint64_t> waiting;
 };
 
-// A graph loaded onto a device or unloaded from it.
+// A graph loaded onto a device, from another one if there is a `from`, or unloaded from it.
 struct ExportedMove {
     std::chrono::system_clock::time_point time;
     std::string graph;
     std::string device;
+    std::string from;
     bool isIn = false;
     std::string reason;
 };

@@ -67,6 +67,7 @@ Json toJson(const ExportedMove& move) {
     return {{"time", toSeconds(move.time)},
             {"graph", move.graph},
             {"device", move.device},
+            {"from", move.from},
             {"in", move.isIn},
             {"reason", move.reason}};
 }

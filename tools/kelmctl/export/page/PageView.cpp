@@ -158,6 +158,10 @@ void PageView::writeMoves(HtmlWriter& html) const {
         html.name(move.graph);
         html.text(move.isIn ? " onto " : " off ");
         html.name(move.device);
+        if (!move.from.empty()) {
+            html.text(" from ");
+            html.name(move.from);
+        }
         html.text(": " + move.reason);
     }
 }
