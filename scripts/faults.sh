@@ -3,17 +3,22 @@
 # Ends with a table of what they got; fails if a result was wrong, an inference had no answer, or a
 # device did not serve once the faults had ended.
 #
-#   scripts/faults.sh [TASKS [SEED]]     200000 tasks in all, from seed 1
+#   scripts/faults.sh [TASKS [SEED [SCHEDULER [PRESET]]]]
+#
+# 200000 tasks in all, from seed 1, "squeeze2" or "adaptive", programs of the preset "release"; those of
+# "asan" and "tsan" find more, and take their time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 tasks=${1:-200000}
 seed=${2:-1}
+scheduler=${3:-squeeze2}
+preset=${4:-release}
 ./scripts/packages.sh python3 umockdev libumockdev-dev >/dev/null
-bin=$PWD/build/release
+bin=$PWD/build/$preset
 simulator=$bin/tools/simulator
-cmake --preset release >/dev/null
-cmake --build --preset release --target kelmdaemon kelmctl tevo-kelm ion autoboot kelm-usb-bus \
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset" --target kelmdaemon kelmctl tevo-kelm ion autoboot kelm-usb-bus \
     kelm-sim-load >/dev/null
 
 work=$(mktemp -d)
@@ -24,12 +29,13 @@ finish() {
 }
 trap finish EXIT
 
+export TSAN_OPTIONS=suppressions=$PWD/tests/third-party.tsan
 export KELM_INSTALL_DIR=$work/install KELM_RUN_DIR=$work/run HOME=$work
 mkdir -p "$KELM_INSTALL_DIR/bin" "$KELM_INSTALL_DIR/config" "$KELM_RUN_DIR" "$work/path"
 printf '#!/bin/sh\n' >"$work/path/pkill" # no boot tool but this one's is to be ended
 chmod +x "$work/path/pkill"
 ln -s "$simulator/autoboot" "$KELM_INSTALL_DIR/bin/autoboot"
-echo '{ "security_settings": { "user_group": "" } }' \
+echo '{ "security_settings": { "user_group": "" }, "device_settings": { "shared_scheduler": "'"$scheduler"'" } }' \
     >"$KELM_INSTALL_DIR/config/kelm_service.config"
 for number in 1 2 3 4; do
     printf 'KELMSIM input=%d output=%d memory=9 micros=300\ngraph %d' \

@@ -45,11 +45,13 @@ Figures runOnce(const Scenario& scenario, Contender contender, bool live) {
 }
 
 // Live, the seeds of a row and its contenders run side by side.
-void printRows(int seeds, bool live, double seconds) {
+void printRows(int seeds, bool live, double seconds, const std::string& only) {
     printHead();
     for (const double loadTime : {0.0, 0.3}) {
         const size_t rows = makeRows(loadTime, 1, seconds).size();
         for (size_t row = 0; row < rows; ++row) {
+            const Scenario first = makeRows(loadTime, 1, seconds)[row];
+            if (first.name.find(only) == std::string::npos) continue;
             std::array<std::vector<std::future<Figures>>, CONTENDERS> runs;
             const auto policy = live ? std::launch::async : std::launch::deferred;
             for (size_t contender = 0; contender < CONTENDERS; ++contender) {
@@ -63,7 +65,7 @@ void printRows(int seeds, bool live, double seconds) {
             for (size_t contender = 0; contender < CONTENDERS; ++contender) {
                 std::vector<Figures> figures;
                 for (std::future<Figures>& run : runs[contender]) figures.push_back(run.get());
-                printRow(makeRows(loadTime, 1, seconds)[row], contender, std::move(figures));
+                printRow(first, contender, std::move(figures));
             }
         }
     }
@@ -133,6 +135,7 @@ int main(int argc, char** argv) {
     uint64_t mixes = 500;
     double tell = 0.9;
     std::string svgFile;
+    std::string only;
     std::vector<size_t> sizes{64, 512};
     int plans = 100;
     CLI::App* const rows = app.add_subcommand("rows", "The set-ups that are known by name");
@@ -141,6 +144,7 @@ int main(int argc, char** argv) {
     for (CLI::App* const command : {rows, live}) {
         command->add_option("--seeds", seeds, "Runs, of which the medians are told");
         command->add_option("--seconds", seconds, "Load of a run");
+        command->add_option("--only", only, "Set-ups whose names have this text");
     }
     CLI::App* const random = app.add_subcommand("mixes", "Random set-ups");
     random->add_option("--number", mixes, "How many");
@@ -152,7 +156,7 @@ int main(int argc, char** argv) {
     cost->add_option("--plans", plans, "How many are measured");
     app.require_subcommand(1);
     CLI11_PARSE(app, argc, argv);
-    if (*rows || *live) printRows(seeds, static_cast<bool>(*live), seconds);
+    if (*rows || *live) printRows(seeds, static_cast<bool>(*live), seconds, only);
     if (*random) printMixes(mixes, tell, svgFile);
     if (*fleets) printFleets(sizes);
     if (*cost) printPlanCosts(plans);

@@ -13,8 +13,8 @@ constexpr double kQuickWake = 0.1;
 // The demand of a graph whose tasks have not been measured, in devices.
 constexpr double kGuessedDemand = 0.3;
 // A backlog is to be gone after this time, and counts for no more than that part of the demand.
-constexpr double kDrainTime = 5.0;
-constexpr double kBacklogPart = 0.3;
+constexpr double kDrainTime = 1.5;
+constexpr double kBacklogPart = 0.5;
 constexpr double kUsualBacklog = 0.1;  // seconds of work that come and go with random arrivals
 constexpr double kRefused = 100.0;  // of a device that failed to load the graph, which comes last
 constexpr double kLateWork = 0.15;  // seconds of work; a placed graph with more is late

@@ -22,7 +22,7 @@ constexpr double kPatience = 0.4;
 constexpr double kStretch = 1.15;
 constexpr double kWorthACopy = 0.1;  // devices
 // A further place by turns: for a graph with so much more to do than the one that has the place.
-constexpr double kCopyGain = 1.4;
+constexpr double kCopyGain = 1.1;
 constexpr double kCopyHarm = 0.25;  // of a copy's load, which its graph's other devices take over
 
 }  // namespace
