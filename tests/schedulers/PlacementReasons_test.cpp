@@ -60,12 +60,12 @@ TEST(PlacementReasons, SqueezeTellsWhatItsCommitsHaveDone) {
 
 TEST(PlacementReasons, ReservedDevicesGoByTagAndStream) {
     playAll<DeviceSchedulerStream>(
-        {{"one device for two", "+a L1 L2 | U1 |",
+        {{"one device for two", "+a L1 | L2 | U1 |",
           "1 loaded a stream; 2 refused lacks starving; 1 unloaded a client_gone; "},
          {"its device leaves the bus", "+a L1 | -a | +b",
           "1 loaded a stream; 1 unloaded a lost_device; 1 moved b<a lost_device; "}},
         [](auto&) {});
-    playAll<DeviceSchedulerTag>({{"a device by quota, none for a tag without", "+a +b L1 L2 |",
+    playAll<DeviceSchedulerTag>({{"a device by quota, none for a tag without", "+a L1 | L2 |",
                                   "1 loaded a tag; 2 refused lacks starving; "}},
                                 [](auto& rig) {
                                     std::map<std::string, unsigned long> tags{{"1", 1}};
