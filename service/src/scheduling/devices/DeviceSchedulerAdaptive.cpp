@@ -263,10 +263,11 @@ void DeviceSchedulerAdaptive::makeOperations() {
 
 // As the plan says. One load of a graph on a worker is planned at most.
 PlacementReason DeviceSchedulerAdaptive::findLoadReason(KelmGraph* graph, WorkThread* worker) {
-    const auto move = std::ranges::find_if(m_plan.moves, [&](const PlacementMove& planned) {
+    const auto isThis = [&](const PlacementMove& planned) REQUIRES(m_onSchedulingThread) {
         return planned.graph == graph->getId() && planned.device != 0 &&
                m_known[planned.device].worker == worker;
-    });
+    };
+    const auto move = std::ranges::find_if(m_plan.moves, isThis);
     return move != m_plan.moves.end() ? move->reason
                                       : DeviceSchedulerActive::findLoadReason(graph, worker);
 }
