@@ -19,8 +19,8 @@ namespace kelm {
 namespace {
 
 constexpr int kTasks = 4;
-constexpr WireClient::Millis kPause{20};  // without a request: the program waits for an answer
-constexpr int kDeadline = 5000;           // the service hangs up long before
+constexpr WireClient::Millis kPause{5};  // without a request: the program waits for an answer
+constexpr int kDeadline = 5000;          // the service hangs up long before
 
 void require(bool holds) {
     if (!holds) __builtin_trap();
@@ -98,7 +98,7 @@ class Service {
             const auto request = m_peer.receive(kPause);
             if (!request) {
                 // Data blocks and descriptors are read as if they were records: start anew.
-                if (m_peer.isDisconnected() || ++m_silent > 2) return;
+                if (m_peer.isDisconnected() || ++m_silent > 3) return;
                 play();
                 continue;
             }

@@ -24,7 +24,7 @@ namespace kelm {
 namespace {
 
 constexpr const char* kConfig = R"({
-    "fake_device_settings": { "fake_device_number": 2, "alloc_graph_latency": 0,
+    "fake_device_settings": { "fake_device_number": 4, "alloc_graph_latency": 0,
                               "load_tensor_latency": 0, "get_result_latency": 0 },
     "service_settings": { "server_max_task_number": 40, "max_graph_number": 20 },
     "scheduler_config": [ { "subclass": 0, "stream_device_number": 1,
@@ -32,8 +32,10 @@ constexpr const char* kConfig = R"({
 })";
 constexpr auto kPatience = std::chrono::seconds(30);
 
-void require(bool holds) {
-    if (!holds) __builtin_trap();
+void require(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "does not hold: %s\n", what);
+    __builtin_trap();
 }
 
 // One client, and what it knows of its graphs and tasks.
@@ -220,15 +222,17 @@ class Player {
 class Target {
  public:
     Target() : m_service(kConfig) {
-        // What is logged is formatted too, and not of use.
-        ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+        // What is logged is formatted, and of no use but for a find.
+        const char* const log = ::getenv("KELM_FUZZ_LOG");
+        const char* const path = log != nullptr ? log : "/dev/null";
+        ::dup2(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDOUT_FILENO);
         const UniqueFd segment(::shm_open("/kelm-fuzz", O_CREAT | O_RDWR, 0600));
         (void)::ftruncate(segment.get(), 4096);
         m_service.start({}, {});
-        require(eventually([] { return ServiceInProcess::waitReady(); }));
+        require(eventually([] { return ServiceInProcess::waitReady(); }), "ready");
         m_polite.emplace(ServiceInProcess::socketPath(), "polite");
         m_graph = m_polite->createGraph({"polite's"}).graphId;
-        require(m_graph != 0);
+        require(m_graph != 0, "loaded");
     }
 
     void run(FuzzInput& input) {
@@ -244,8 +248,9 @@ class Target {
             }
         }
         // Tasks of those that have left hold their places until they end.
-        require(eventually([] { return countConnections() == 1; }, kPatience));
-        require(eventually([this] { return m_polite->infers(m_graph); }, kPatience));
+        require(!m_polite->isDisconnected(), "the polite client keeps its connection");
+        require(eventually([] { return countConnections() == 1; }, kPatience), "all others end");
+        require(eventually([this] { return m_polite->infers(m_graph); }, kPatience), "served");
     }
 
  private:
