@@ -228,6 +228,7 @@ class Target {
         ::dup2(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDOUT_FILENO);
         const UniqueFd segment(::shm_open("/kelm-fuzz", O_CREAT | O_RDWR, 0600));
         (void)::ftruncate(segment.get(), 4096);
+        (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);  // the last lines are those of a find
         m_service.start({}, {});
         require(eventually([] { return ServiceInProcess::waitReady(); }), "ready");
         m_polite.emplace(ServiceInProcess::socketPath(), "polite");
