@@ -35,6 +35,7 @@ layer(managers   FOLDERS "service/src/managers"                 SEES devices tas
 layer(shell      FOLDERS "service/src/shell"                    SEES managers autoboot)
 layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
+layer(prove      FOLDERS "tools/prove"                          SEES interface simulator)
 layer(tests      FOLDERS "bench(/placement)?|tests/.*"           SEES shell kelmctl simulator libkelm)
 
 # The layer of a folder, empty if it is in none.

@@ -133,8 +133,18 @@ TEST_F(GraphManagerTest, ReadingStopsWhenItsClientVanishesOrTheServiceEnds) {
     client.hangUp();
     EXPECT_TRUE(eventually([&] { return descriptors() <= descriptorsBefore; }));
     WireClient next = connect();
-    EXPECT_EQ(next.createGraph({"blob"}).head.status, KELM_OK);
+    const uint64_t id = next.createGraph({"blob"}).graphId;
+    EXPECT_NE(id, 0U);
     EXPECT_LT(bytesRead() - before, kSize);
+    // A client that is far ahead, so that it is not read, and whose sender meets the hang-up.
+    WireClient ahead = connect();
+    EXPECT_GT(ahead.flood(ahead.makeInfer(id), 2000), 0);
+    ASSERT_TRUE(eventually([&] { return ahead.unread() > 50000; }));
+    for (int i = 0; i < 2; ++i) ahead.sendCreateGraph(refused(file));
+    (void)ahead.flood(ahead.make<KelmMsgReqQueryBufferSize>(KELM_MESSAGE_QUERY_BUFFER_SIZE_REQ),
+                      20000, 50ms);
+    ahead.hangUp();
+    EXPECT_TRUE(eventually([&] { return descriptors() <= descriptorsBefore + 2; }));
     // Nor do these hold up the service at its end.
     for (int i = 0; i < 2; ++i) next.sendCreateGraph(refused(file));
 }

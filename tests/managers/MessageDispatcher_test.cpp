@@ -178,6 +178,14 @@ TEST_F(MessageDispatcherTest, DepartureOfMuteClientFreesTheService) {
         EXPECT_TRUE(serves());
         EXPECT_TRUE(noConnectionIsLeft());
     }
+    // One whose hang-up only the sender meets, since nothing is read from it any more.
+    WireClient leaving = floodWithoutReading(kSomeRequests, true);
+    auto unregister = leaving.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ);
+    unregister.clientId = kNobody;
+    ASSERT_TRUE(leaving.send(unregister));
+    ASSERT_TRUE(eventually([&] { return leaving.unsent() == 0; }));
+    leaving.hangUp();
+    EXPECT_TRUE(noConnectionIsLeft());
 }
 
 TEST_F(MessageDispatcherTest, MuteAndHalfSpokenClientsDoNotHoldUpTheStop) {

@@ -73,6 +73,17 @@ TEST_F(DeviceMonitorZorvanImplTest, DevicesAreListedAndToldByPlaceAndInterface) 
                 ElementsAre("+1.5 7c52:e19a/-1", "-1.2.11 7c52:e19a/2", "+1.2.11 7c52:e19a/2"));
 }
 
+TEST_F(DeviceMonitorZorvanImplTest, EveryReturnIsToldWhenTheAddressesOfTheBusComeRound) {
+    constexpr size_t kMoreThanAddresses = 130;
+    launch();
+    for (size_t i = 0; i < kMoreThanAddresses; ++i) {
+        m_bus.plug({"1.2.3", kVendor, kProduct, 0});
+        ASSERT_EQ(waitForEvents(2 * i + 1).size(), 2 * i + 1);
+        m_bus.unplug("1.2.3");
+        ASSERT_EQ(waitForEvents(2 * i + 2).size(), 2 * i + 2);
+    }
+}
+
 TEST_F(DeviceMonitorZorvanImplTest, StopDoesNotWaitForAnEvent) {
     EXPECT_FALSE(DeviceMonitorZorvanImpl().launch()) << "nothing to look for";
     launch();

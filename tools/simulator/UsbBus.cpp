@@ -2,6 +2,7 @@
 
 #include <umockdev.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <regex>
 #include <stdexcept>
@@ -85,22 +86,28 @@ void UsbBus::checkPlace(const std::string& name) {
 
 void UsbBus::plug(const UsbDevice& device) {
     checkPlace(device.name);
-    if (m_paths.contains(device.name)) return;
+    if (m_places.contains(device.name)) return;
     addHubs(parentOf(device.name));
     add(device, false);
 }
 
 // From the root down: a device can be added only below one that is there.
 void UsbBus::addHubs(const std::string& name) {
-    if (m_paths.contains(name)) return;
+    if (m_places.contains(name)) return;
     if (const std::string parent = parentOf(name); parent != name) addHubs(parent);
     add({name, kHubVendor, kHubProduct, 0}, true);
 }
 
-// Addresses are not used again at once, as on a real bus.
+// Addresses are not used again at once, as on a real bus, and never while a device has them: what
+// is listening would take the new one for that.
 int UsbBus::nextAddress(int bus) {
     int& last = m_lastAddress[bus];
-    last = last % kAddresses + 1;
+    const auto isLast = [&](const auto& entry) {
+        return entry.second.address == last && std::stoi(entry.first) == bus;
+    };
+    do {
+        last = last % kAddresses + 1;
+    } while (std::ranges::any_of(m_places, isLast));
     return last;
 }
 
@@ -109,7 +116,7 @@ void UsbBus::add(const UsbDevice& device, bool isHub) {
     const int address = nextAddress(bus);
     const std::string parent = parentOf(device.name);
     const std::string base =
-        parent == device.name ? "/devices/pci0000:00/0000:00:14.0" : m_paths.at(parent);
+        parent == device.name ? "/devices/pci0000:00/0000:00:14.0" : m_places.at(parent).path;
     const std::string path = base + "/" + kernelName(device.name);
     const std::string node = StringHelper::format("bus/usb/%03d/%03d", bus, address);
     // In the mock library's language: path, node, environment, attributes and the binary
@@ -126,17 +133,17 @@ void UsbBus::add(const UsbDevice& device, bool isHub) {
         g_error_free(error);
         throw std::runtime_error("cannot plug " + device.name + ": " + why);
     }
-    m_paths[device.name] = path;
+    m_places[device.name] = {path, address};
     umockdev_testbed_uevent(bedOf(m_testbed), ("/sys" + path).c_str(), "add");
 }
 
 bool UsbBus::unplug(const std::string& name) {
-    const auto found = m_paths.find(name);
-    if (found == m_paths.end()) return false;
-    const std::string path = "/sys" + found->second;
+    const auto found = m_places.find(name);
+    if (found == m_places.end()) return false;
+    const std::string path = "/sys" + found->second.path;
     umockdev_testbed_uevent(bedOf(m_testbed), path.c_str(), "remove");
     umockdev_testbed_remove_device(bedOf(m_testbed), path.c_str());
-    m_paths.erase(found);
+    m_places.erase(found);
     return true;
 }
 

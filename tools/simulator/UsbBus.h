@@ -37,6 +37,10 @@ class UsbBus : public NonCopyable {
     bool unplug(const std::string& name);
 
  private:
+    struct Place {
+        std::string path;  // below /sys
+        int address = 0;
+    };
     struct Unref {
         void operator()(void* testbed) const;
     };
@@ -47,7 +51,7 @@ class UsbBus : public NonCopyable {
     int nextAddress(int bus);
 
     const std::unique_ptr<void, Unref> m_testbed;  // UMockdevTestbed
-    std::map<std::string, std::string> m_paths;    // name to the path below /sys, hubs included
+    std::map<std::string, Place> m_places;         // by name, hubs included
     std::map<int, int> m_lastAddress;              // by bus
 };
 

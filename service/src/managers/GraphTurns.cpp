@@ -63,8 +63,8 @@ void GraphTurns::uncount(const ConnectionPtr& connection, uint64_t blobBytes) {
         const bool caughtUp = work.paused && !work.isTooMuch();
         if (caughtUp) work.paused = false;
         if (work.requests == 0) m_unfinished.erase(entry);
-        // A connection that was shut down meanwhile is closed by the same code, and stays unread.
-        if (caughtUp && connection->connected()) connection->unblockPoller();
+        // Also one that a sender which could not write has shut down: its end is told by an event.
+        if (caughtUp) connection->unblockPoller();
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a client is closed, since it cannot be read again: %s", error.what());
         // Its events stay blocked, so the listen thread would never hear of a hang-up.

@@ -455,9 +455,11 @@ void MessageDispatcher::closeVanishedClients() {
     std::vector<std::weak_ptr<IPC::ConnectionBase>> stillThere;
     for (const auto& leaving : m_leaving) {
         const auto connection = leaving.lock();
-        if (!connection || !connection->connected()) continue;
+        if (!connection) continue;  // while it is held its number is its own
         pollfd state{connection->nativeHandle(), 0, 0};
-        if (::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLNVAL)) != 0) {
+        // One that is shut down may still have clients: a sender that cannot write does no more.
+        if (!connection->connected() ||
+            (::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLNVAL)) != 0)) {
             closeConnect(connection->getSimulateFD());
         } else {
             stillThere.push_back(leaving);

@@ -1,0 +1,68 @@
+// The configuration: read by the service's reader, asked for every key, and looked through as
+// `kelmctl config check` does. The input is one or two files; a byte 0 stands between them.
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "config/ServiceConfigParser.h"
+#include "tests/fakes/TempDir.h"
+#include "tests/fuzz/targets/FuzzInput.h"
+#include "tools/kelmctl/ConfigCheck.h"
+#include "tools/kelmctl/ConfigCommand.h"
+#include "tools/kelmctl/ConfigValues.h"
+#include "utils/Log.h"
+
+namespace kelm {
+namespace {
+
+struct Files {
+    TempDir directory;
+    const ScopedEnv install{"KELM_INSTALL_DIR", directory.path()};
+};
+
+void readAll(const ServiceConfigParser& parser) {
+    for (const ConfigKey& key : kConfigKeys) {
+        (void)parser.parseIntegerFromConfigList(key.path, 1);
+        (void)parser.parseDoubleFromConfigList(key.path, 1.0);
+        (void)parser.parseBooleanFromConfigList(key.path, true);
+        (void)parser.parseStringFromConfigList(key.path, "");
+        (void)parser.parseStringFromDefaultConfigFile(key.path, "");
+    }
+    for (const int subclass : {0, 1, -1}) {
+        std::map<std::string, unsigned long> tags;
+        (void)parser.getGraphTagMap(subclass, tags);
+        (void)parser.getMaxGraphNumPerDevice(subclass);
+        (void)parser.getDeviceScheduleInterval(subclass);
+    }
+    (void)parser.getDeviceVid();
+    (void)parser.getValidUserGroup();
+    (void)parser.getGraphDumpPath();
+    (void)parser.parseFwFromConfigList("firmware", "firmware list");
+    (void)getLogLevel(&parser);
+}
+
+}  // namespace
+}  // namespace kelm
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kelm;
+    static Files& files = *new Files();
+    Log::instance().setLogLevel(0);
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const size_t end = std::min(text.find('\0'), size);
+    const std::vector<std::string> paths = {
+        files.directory.write("config/kelm_service.config", text.substr(0, end)),
+        files.directory.write("user.config", text.substr(std::min(end + 1, size)))};
+    ServiceConfigParser parser;
+    const std::vector<ctl::ConfigFile> read = ctl::loadConfigFiles(paths);
+    for (const ctl::ConfigFile& file : read) {
+        // kelmctl reads with the same parser: a file that one takes the other takes too.
+        const bool isRead = parser.appendConfigFile(file.path(), true);
+        if (isRead == file.refusal().has_value()) __builtin_trap();
+    }
+    readAll(parser);
+    (void)ctl::checkConfigFiles(read);
+    (void)ctl::readConfigValues(read);
+    return 0;
+}
