@@ -1,0 +1,32 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <thread>
+
+#include "utils/Mutex.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm::gateway {
+
+// A thread for what may wait for the service, as cancels and frees, which neither an event loop nor a
+// callback of libkelm may do. In order; the destructor does what is left.
+//
+// Threads: any. Owns: the thread. Locks: m_mutex, a leaf.
+class Chores : public NonCopyable {
+ public:
+    Chores();
+    ~Chores();
+    void add(std::function<void()> chore) EXCLUDES(m_mutex);
+
+ private:
+    void run() EXCLUDES(m_mutex);
+
+    Mutex m_mutex;
+    CondVar m_changed;
+    std::deque<std::function<void()>> m_waiting GUARDED_BY(m_mutex);
+    bool m_isEnding GUARDED_BY(m_mutex) = false;
+    std::thread m_thread;
+};
+
+}  // namespace kelm::gateway

@@ -1,0 +1,60 @@
+#include "tools/gateway/Model.h"
+
+#include <future>
+#include <utility>
+
+#include "tools/gateway/Failure.h"
+
+namespace kelm::gateway {
+
+std::shared_ptr<Model> Model::load(Engine& engine, Chores& chores,
+                                   const ModelDescription& description,
+                                   const std::string& graphFile) {
+    std::unique_ptr<EngineGraph> graph = engine.load(description, graphFile);
+    description.requireFit(graph->inputBytes(), graph->outputBytes());
+    std::unique_ptr<Model> model(new Model(engine, chores, description, std::move(graph)));
+    model->warmUp();
+    return {model.release(),
+            [&chores](Model* ended) { chores.add([ended] { delete ended; }); }};
+}
+
+Model::Model(Engine& engine, Chores& chores, ModelDescription description,
+             std::unique_ptr<EngineGraph> graph)
+    : m_engine(engine),
+      m_chores(chores),
+      m_description(std::move(description)),
+      m_graph(std::move(graph)) {}
+
+void Model::requireRoom() const {
+    if (const std::string reason = whyNot(); !reason.empty()) {
+        throw Failure(Cause::kUnavailable, reason);
+    }
+    if (m_entered >= m_graph->window() + m_description.queue) refuseFull();
+}
+
+void Model::enter() {
+    requireRoom();
+    // Others may have entered meanwhile.
+    if (m_entered.fetch_add(1) >= m_graph->window() + m_description.queue) {
+        leave();
+        refuseFull();
+    }
+}
+
+void Model::refuseFull() const {
+    throw Failure(Cause::kFull,
+                  "the queue of model '" + m_description.name + "' is full; try again later");
+}
+
+void Model::warmUp() {
+    for (uint32_t i = 0; i < m_description.warmup; ++i) {
+        const auto slot = m_graph->acquire();
+        std::promise<TaskEnd> promise;
+        m_graph->start(*slot, {.deadline = m_description.deadline},
+                       [&promise](const TaskEnd& end) { promise.set_value(end); });
+        const TaskEnd end = promise.get_future().get();
+        if (end.error != 0) throw Failure::ofKelm(end.error, "warming up failed: " + end.text);
+    }
+}
+
+}  // namespace kelm::gateway

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "tools/gateway/Chores.h"
+#include "tools/gateway/Engine.h"
+#include "tools/gateway/ModelDescription.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm::gateway {
+
+// A version of a model that is loaded. Requests hold it until they have ended, so a version that was
+// replaced ends with its last one, on the thread for chores.
+//
+// Threads: any. Owns: the graph. The engine and the chores are borrowed for its life.
+class Model : public NonCopyable {
+ public:
+    // Loads, checks sizes, warms up; throws a Failure. May wait long.
+    static std::shared_ptr<Model> load(Engine& engine, Chores& chores,
+                                       const ModelDescription& description,
+                                       const std::string& graphFile);
+
+    const ModelDescription& description() const { return m_description; }
+    EngineGraph& graph() const { return *m_graph; }
+    Chores& chores() const { return m_chores; }
+    // Why it could not run a task now; empty if it could.
+    std::string whyNot() const { return m_engine.whyNot(); }
+
+    // Throws a Failure if a request would be refused now.
+    void requireRoom() const;
+    // A place in the window and the queue, given back by leave(). Throws a Failure.
+    void enter();
+    void leave() { m_entered.fetch_sub(1); }
+    uint32_t entered() const { return m_entered.load(); }
+
+ private:
+    Model(Engine& engine, Chores& chores, ModelDescription description,
+          std::unique_ptr<EngineGraph> graph);
+    void warmUp();
+    [[noreturn]] void refuseFull() const;
+
+    Engine& m_engine;
+    Chores& m_chores;
+    const ModelDescription m_description;
+    const std::unique_ptr<EngineGraph> m_graph;
+    std::atomic<uint32_t> m_entered{0};  // atomic: a count, which guards nothing else
+};
+
+}  // namespace kelm::gateway
