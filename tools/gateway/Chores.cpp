@@ -1,7 +1,5 @@
 #include "tools/gateway/Chores.h"
 
-#include <utility>
-
 namespace kelm::gateway {
 
 Chores::Chores() : m_thread([this] { run(); }) {}
@@ -15,9 +13,15 @@ Chores::~Chores() {
     m_thread.join();
 }
 
-void Chores::add(std::function<void()> chore) {
+void Chores::owe() {
+    MutexLock lock(m_mutex);
+    ++m_owed;
+}
+
+void Chores::put(std::function<void()> chore, size_t paid) {
     {
         MutexLock lock(m_mutex);
+        m_owed -= paid;
         m_waiting.push_back(std::move(chore));
     }
     m_changed.notifyAll();
@@ -26,7 +30,7 @@ void Chores::add(std::function<void()> chore) {
 void Chores::run() {
     MutexLock lock(m_mutex);
     while (true) {
-        while (m_waiting.empty() && !m_isEnding) m_changed.wait(m_mutex);
+        while (m_waiting.empty() && (!m_isEnding || m_owed > 0)) m_changed.wait(m_mutex);
         if (m_waiting.empty()) return;
         std::function<void()> chore = std::move(m_waiting.front());
         m_waiting.pop_front();

@@ -14,8 +14,9 @@ std::shared_ptr<Model> Model::load(Engine& engine, Chores& chores,
     description.requireFit(graph->inputBytes(), graph->outputBytes());
     std::unique_ptr<Model> model(new Model(engine, chores, description, std::move(graph)));
     model->warmUp();
+    chores.owe();
     return {model.release(),
-            [&chores](Model* ended) { chores.add([ended] { delete ended; }); }};
+            [&chores](Model* ended) { chores.addOwed([ended] { delete ended; }); }};
 }
 
 Model::Model(Engine& engine, Chores& chores, ModelDescription description,

@@ -1,0 +1,84 @@
+#include "tools/gateway/rest/HttpBody.h"
+
+#include <algorithm>
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <cstring>
+#include <utility>
+
+namespace kelm::gateway {
+
+namespace {
+
+namespace http = boost::beast::http;
+constexpr size_t kStep = 64 << 10;
+
+}  // namespace
+
+HttpBody::HttpBody(HttpSocket& socket, boost::beast::flat_buffer& buffer, HttpParser& parser)
+    : m_socket(socket), m_buffer(buffer), m_parser(parser) {
+    const auto length = parser.content_length();
+    m_remaining = length ? *length : 0;
+}
+
+size_t HttpBody::takeBuffered(std::span<std::byte> into) {
+    const size_t count = std::min(into.size(), m_buffer.size());
+    std::memcpy(into.data(), m_buffer.data().data(), count);
+    m_buffer.consume(count);
+    return count;
+}
+
+void HttpBody::readSome(std::span<std::byte> into, DoneSome done) {
+    if (isAtEnd()) return done({}, 0);
+    if (isChunked()) {
+        auto& body = m_parser.get().body();
+        body.data = into.data();
+        body.size = into.size();
+        return http::async_read(m_socket, m_buffer, m_parser,
+                                [this, room = into.size(), done](Error error, size_t) {
+                                    if (error == http::error::need_buffer) error = {};
+                                    done(error, room - m_parser.get().body().size);
+                                });
+    }
+    into = into.first(static_cast<size_t>(std::min<uint64_t>(into.size(), m_remaining)));
+    if (const size_t count = takeBuffered(into); count > 0) {
+        m_remaining -= count;
+        return done({}, count);
+    }
+    m_socket.async_read_some(boost::asio::buffer(into.data(), into.size()),
+                             [this, done](const Error& error, size_t count) {
+                                 m_remaining -= count;
+                                 done(error, count);
+                             });
+}
+
+void HttpBody::read(std::span<std::byte> into, Done done) {
+    if (into.empty()) return done({});
+    readSome(into, [this, into, done = std::move(done)](Error error, size_t count) {
+        if (!error && count == 0) error = http::error::partial_message;
+        if (error) return done(error);
+        read(into.subspan(count), done);
+    });
+}
+
+void HttpBody::readAll(std::string& into, size_t most, Done done) {
+    const size_t before = into.size();
+    // By steps: memory is spent as bytes come, not as they are announced.
+    into.resize(std::min(before + kStep, most + 1));
+    const auto room = std::as_writable_bytes(std::span(into)).subspan(before);
+    readSome(room, [this, &into, most, before, done = std::move(done)](Error error, size_t count) {
+        into.resize(before + count);
+        if (!error && into.size() > most) error = http::error::body_limit;
+        if (error || isAtEnd()) return done(error);
+        readAll(into, most, done);
+    });
+}
+
+void HttpBody::drop(size_t most, Done done) {
+    if (isAtEnd()) return done({});
+    const auto bytes = std::make_shared<std::string>();
+    readAll(*bytes, most, [bytes, done = std::move(done)](const Error& error) { done(error); });
+}
+
+}  // namespace kelm::gateway

@@ -1,0 +1,251 @@
+#include "tools/gateway/rest/HttpConnection.h"
+
+#include <sys/socket.h>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+#include <iterator>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kelm::gateway {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using boost::beast::iequals;
+
+size_t countOf(const HttpParser::value_type& request, http::field field) {
+    const auto range = request.equal_range(field);
+    return static_cast<size_t>(std::distance(range.first, range.second));
+}
+
+HttpReply replyTo(const boost::system::error_code& error) {
+    if (error == http::error::header_limit || error == http::error::buffer_overflow) {
+        return HttpReply::ofError(431, "the head of the request is too large");
+    }
+    if (error == http::error::body_limit) {
+        return HttpReply::ofError(413, "the body of the request is too large");
+    }
+    return HttpReply::ofError(400, "this is no HTTP/1.1: " + error.message());
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(HttpSocket socket, HttpService& service)
+    : m_service(service),
+      m_socket(std::move(socket)),
+      m_timer(m_socket.get_executor()),
+      m_buffer(service.limits.buffer) {
+    ++m_service.connections;
+}
+
+HttpConnection::~HttpConnection() { --m_service.connections; }
+
+void HttpConnection::refuse() {
+    post([this] {
+        m_isServing = true;
+        write(HttpReply::ofError(503, "there are too many connections; try again later"), false);
+    });
+}
+
+void HttpConnection::stop() {
+    post([this] {
+        if (!m_isServing) close();
+    });
+}
+
+void HttpConnection::abort() {
+    post([this] { close(); });
+}
+
+void HttpConnection::post(std::function<void()> work) {
+    asio::post(m_socket.get_executor(),
+               [self = shared_from_this(), work = std::move(work)] { work(); });
+}
+
+void HttpConnection::limitTime(std::chrono::milliseconds time) {
+    m_timer.expires_after(time);
+    m_timer.async_wait([self = shared_from_this()](const Error& error) {
+        // A time that was set anew meanwhile counts.
+        if (!error && self->m_timer.expiry() <= asio::steady_timer::clock_type::now()) {
+            self->close();
+        }
+    });
+}
+
+void HttpConnection::close() {
+    Error ignored;
+    m_socket.close(ignored);
+    m_timer.cancel();
+    if (const auto hungUp = std::exchange(m_hungUp, nullptr)) hungUp();
+}
+
+void HttpConnection::awaitHead() {
+    if (m_service.isStopping) return close();
+    limitTime(m_service.limits.idle);
+    if (m_isWatching) {
+        // That read goes on for this request; what came before must not wait for its end.
+        Error ignored;
+        if (m_buffer.size() > 0) m_socket.cancel(ignored);
+        return;
+    }
+    if (m_buffer.size() > 0) return readHead();
+    m_isWatching = true;
+    watchPeer();
+}
+
+// Reads what comes beside a request that runs: the next one, or the peer's end.
+void HttpConnection::watchPeer() {
+    const size_t room = m_buffer.max_size() - m_buffer.size();
+    if (room == 0) {
+        m_isWatching = false;
+        return;
+    }
+    m_socket.async_read_some(
+        m_buffer.prepare(room), [self = shared_from_this()](const Error& error, size_t count) {
+            self->m_buffer.commit(count);
+            if (!error && self->m_isServing) return self->watchPeer();
+            self->m_isWatching = false;
+            const bool isCanceled =
+                error == asio::error::operation_aborted && self->m_socket.is_open();
+            if (error && !isCanceled) return self->close();
+            if (!self->m_isServing) self->readHead();
+        });
+}
+
+void HttpConnection::readHead() {
+    limitTime(m_service.limits.headTime);
+    m_body.reset();
+    m_parser.emplace();
+    m_parser->header_limit(m_service.limits.head);
+    m_parser->body_limit(m_service.limits.body);
+    http::async_read_header(
+        m_socket, m_buffer, *m_parser,
+        [self = shared_from_this()](const Error& error, size_t) { self->onHead(error); });
+}
+
+void HttpConnection::onHead(const Error& error) {
+    m_isServing = true;
+    if (error == http::error::end_of_stream || error == asio::error::operation_aborted ||
+        error.category() == asio::error::get_system_category() ||
+        error.category() == asio::error::get_misc_category()) {
+        return close();
+    }
+    if (error) return write(replyTo(error), false);
+    if (auto fault = findFault()) return write(std::move(*fault), false);
+    m_body.emplace(m_socket, m_buffer, *m_parser);
+    m_wantsContinue = countOf(request(), http::field::expect) > 0;
+    limitTime(m_service.limits.headTime);
+    m_service.handler(shared_from_this());
+}
+
+std::optional<HttpReply> HttpConnection::findFault() const {
+    const auto& head = request();
+    const auto is = [&](http::field field, const char* value) { return iequals(head[field], value); };
+    if (head.version() >= 11 && countOf(head, http::field::host) != 1) {
+        return HttpReply::ofError(400, "a request must name its host once");
+    }
+    if (countOf(head, http::field::transfer_encoding) > 0) {
+        if (head.version() < 11) {
+            return HttpReply::ofError(400, "HTTP/1.0 has no transfer codings");
+        }
+        if (!is(http::field::transfer_encoding, "chunked")) {
+            return HttpReply::ofError(501, "the only transfer coding that is known is 'chunked'");
+        }
+    }
+    if (countOf(head, http::field::content_encoding) > 0 &&
+        !is(http::field::content_encoding, "identity")) {
+        return HttpReply::ofError(415, "send the body without a content encoding");
+    }
+    if (countOf(head, http::field::expect) > 0 && !is(http::field::expect, "100-continue")) {
+        return HttpReply::ofError(417, "the only expectation that is met is '100-continue'");
+    }
+    return std::nullopt;
+}
+
+void HttpConnection::expectBody(uint64_t bytes) {
+    constexpr uint64_t kMillisPerMb = 1000;
+    limitTime(m_service.limits.transfer + std::chrono::milliseconds((bytes >> 20) * kMillisPerMb));
+    if (!std::exchange(m_wantsContinue, false)) return;
+    // Without a wait: all answers before were written, so there is room for it.
+    static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+    (void)::send(m_socket.native_handle(), kContinue.data(), kContinue.size(),
+                 MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void HttpConnection::awaitHangUp(std::function<void()> hungUp) {
+    m_hungUp = std::move(hungUp);
+    m_timer.expires_at(asio::steady_timer::time_point::max());  // the task has a deadline
+    if (m_isWatching) return;
+    m_isWatching = true;
+    watchPeer();
+}
+
+void HttpConnection::reply(HttpReply answer) {
+    m_hungUp = nullptr;
+    const bool keepAlive = request().keep_alive() && !m_wantsContinue && !m_service.isStopping;
+    if (m_body->isAtEnd() || !keepAlive) {
+        return write(std::move(answer), keepAlive && m_body->isAtEnd());
+    }
+    // What is left of a refused body, if little, is cheaper than a new connection.
+    m_answer = std::move(answer);
+    if (m_body->remaining() > m_service.limits.drop) return write(std::move(m_answer), false);
+    m_body->drop(m_service.limits.drop, [self = shared_from_this()](const Error& error) {
+        self->write(std::move(self->m_answer), !error);
+    });
+}
+
+void HttpConnection::write(HttpReply answer, bool keepAlive) {
+    m_answer = std::move(answer);
+    m_head = m_answer.makeHead(keepAlive);
+    const bool isHead = m_parser && request().method() == http::verb::head;
+    std::vector<asio::const_buffer> buffers{asio::buffer(m_head)};
+    if (!isHead) {
+        buffers.push_back(asio::buffer(m_answer.text));
+        for (const auto& each : m_answer.pieces) {
+            buffers.emplace_back(each.data(), each.size());
+        }
+    }
+    limitTime(m_service.limits.transfer +
+              std::chrono::milliseconds((m_answer.bodyBytes() >> 20) * 1000));
+    asio::async_write(m_socket, buffers,
+                      [self = shared_from_this(), keepAlive](const Error& error, size_t) {
+                          self->onWritten(error, keepAlive);
+                      });
+}
+
+void HttpConnection::onWritten(const Error& error, bool keepAlive) {
+    m_answer = {};
+    if (error || !m_socket.is_open()) return close();
+    if (!keepAlive) return linger();
+    m_isServing = false;
+    awaitHead();
+}
+
+// A close while the peer still sends would take the answer from it.
+void HttpConnection::linger() {
+    Error ignored;
+    m_socket.shutdown(HttpSocket::shutdown_send, ignored);
+    limitTime(m_service.limits.linger);
+    if (m_isWatching) return;  // that read goes on to the peer's end
+    m_isWatching = true;
+    dropPeer();
+}
+
+void HttpConnection::dropPeer() {
+    m_buffer.clear();
+    m_socket.async_read_some(m_buffer.prepare(m_buffer.max_size()),
+                             [self = shared_from_this()](const Error& error, size_t) {
+                                 if (error) return self->close();
+                                 self->dropPeer();
+                             });
+}
+
+}  // namespace kelm::gateway

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <atomic>
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/gateway/rest/HttpExchange.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm::gateway {
+
+// What the connections of a server share. Threads: any.
+struct HttpService {
+    HttpLimits limits;
+    HttpHandler handler;
+    std::atomic<size_t> connections{0};    // atomic: a count, which guards nothing
+    std::atomic<bool> isStopping{false};  // atomic: a hint; a connection is told, too
+};
+
+// A connection of HTTP/1.1: requests one after the other, each from its head to its answer. It keeps
+// itself alive by what it waits for, and is closed when a wait takes too long.
+//
+// Threads: that of its socket, but for post() and stop(). Owns: the socket. Borrows the service.
+class HttpConnection : public NonCopyable,
+                       public HttpExchange,
+                       public std::enable_shared_from_this<HttpConnection> {
+ public:
+    HttpConnection(HttpSocket socket, HttpService& service);
+    ~HttpConnection();
+
+    void start() { awaitHead(); }
+    // Answers 503 in place of all else.
+    void refuse();
+    // Ends it now if no request is under way, else after the answer. Any thread.
+    void stop();
+    // Ends it at once. Any thread.
+    void abort();
+
+    const HttpParser::value_type& request() const override { return m_parser->get(); }
+    HttpBody& body() override { return *m_body; }
+    const HttpLimits& limits() const override { return m_service.limits; }
+    void expectBody(uint64_t bytes) override;
+    void awaitHangUp(std::function<void()> hungUp) override;
+    void post(std::function<void()> work) override;
+    void reply(HttpReply answer) override;
+
+ private:
+    using Error = HttpBody::Error;
+
+    void awaitHead();
+    void readHead();
+    void onHead(const Error& error);
+    // The answer to a head that HTTP itself does not allow.
+    std::optional<HttpReply> findFault() const;
+    void write(HttpReply answer, bool keepAlive);
+    void onWritten(const Error& error, bool keepAlive);
+    void linger();
+    void dropPeer();
+    void watchPeer();
+    void limitTime(std::chrono::milliseconds time);
+    void close();
+
+    HttpService& m_service;
+    HttpSocket m_socket;
+    boost::asio::steady_timer m_timer;
+    boost::beast::flat_buffer m_buffer;
+    std::optional<HttpParser> m_parser;  // of the request under way
+    std::optional<HttpBody> m_body;
+    std::function<void()> m_hungUp;  // while a request runs
+    std::string m_head;              // of the answer
+    HttpReply m_answer;
+    bool m_isServing = false;
+    bool m_isWatching = false;       // a read is pending that tells a hang-up
+    bool m_wantsContinue = false;    // the peer waits for a word before it sends the body
+};
+
+}  // namespace kelm::gateway
