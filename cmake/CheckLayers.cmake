@@ -22,6 +22,7 @@ layer(libkelm    FOLDERS "libkelm"                              SEES client inte
 layer(examples   FOLDERS "examples"                             SEES interface)
 layer(config     FOLDERS "service/src/config"                   SEES utils)
 layer(kelmctl    FOLDERS "tools/kelmctl(/export(/page)?)?"      SEES client config interface)
+layer(gateway    FOLDERS "tools/gateway(/rest)?"                SEES utils interface)
 layer(autoboot   FOLDERS "tools/autoboot"                       SEES utils)
 layer(reporting  FOLDERS "service/src/reporting"                SEES config protocol)
 layer(records    FOLDERS "service/src/(records|platform/linux)" SEES reporting)
@@ -35,7 +36,7 @@ layer(managers   FOLDERS "service/src/managers"                 SEES devices tas
 layer(shell      FOLDERS "service/src/shell"                    SEES managers autoboot)
 layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
-layer(tests      FOLDERS "bench(/placement)?|tests/.*"                       SEES shell kelmctl simulator libkelm)
+layer(tests      FOLDERS "bench(/placement)?|tests/.*"                       SEES shell kelmctl gateway simulator libkelm)
 
 # The layer of a folder, empty if it is in none.
 function(find_layer folder out)

@@ -11,8 +11,9 @@
 
 namespace kelm::gateway {
 
-// A thread for what may wait for the service, as cancels and frees, which neither an event loop nor a
-// callback of libkelm may do. In order; the destructor does what is left, and waits for what is owed.
+// A thread for what may wait for the service, as cancels and frees, which neither an event loop nor
+// a callback of libkelm may do. In order; the destructor does what is left, and waits for what is
+// owed.
 //
 // Threads: any. Owns: the thread. Locks: m_mutex, a leaf.
 class Chores : public NonCopyable {

@@ -28,15 +28,15 @@ enum class Datatype : uint8_t {
 
 struct DatatypeInfo {
     std::string_view name;
-    size_t bytes;   // of an element; 0: each has a length of its own
-    bool hasJson;   // otherwise raw only
+    size_t bytes;  // of an element; 0: each has a length of its own
+    bool hasJson;  // otherwise raw only
 };
 
 const DatatypeInfo& infoOf(Datatype type);
 std::optional<Datatype> findDatatype(std::string_view name);
 
-// How many bytes so many elements of BYTES take at the head of `bytes`: each is a length of 4 bytes,
-// the lowest first, and as many bytes. Nothing if they are not all there.
+// How many bytes so many elements of BYTES take at the head of `bytes`: each is a length of 4
+// bytes, the lowest first, and as many bytes. Nothing if they are not all there.
 std::optional<size_t> measureBytes(std::span<const std::byte> bytes, uint64_t count);
 
 }  // namespace kelm::gateway

@@ -15,10 +15,9 @@ using std::chrono::milliseconds;
 [[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
 
 void requireShape(const TensorDescription& tensor, const Shape& shape) {
-    const bool fits = std::ranges::equal(
-        tensor.shape, shape, [](int64_t wanted, int64_t given) {
-            return wanted == given || (wanted == -1 && given >= 0);
-        });
+    const bool fits = std::ranges::equal(tensor.shape, shape, [](int64_t wanted, int64_t given) {
+        return wanted == given || (wanted == -1 && given >= 0);
+    });
     if (!fits) {
         refuse("input '" + tensor.name + "' has shape " + toText(tensor.shape) + ", not " +
                toText(shape));
@@ -84,7 +83,8 @@ void Inference::requireInputs() const {
         if (each.datatype != Datatype::kBytes) continue;
         if (measureBytes(claimed->bytes, claimed->elements) != claimed->bytes.size()) {
             refuse("the bytes of input '" + each.name + "' are not its " +
-                   std::to_string(claimed->elements) + " elements, each a length and as many bytes");
+                   std::to_string(claimed->elements) +
+                   " elements, each a length and as many bytes");
         }
     }
 }
@@ -118,14 +118,12 @@ void Inference::end(const TaskEnd& taskEnd, const std::function<void(const TaskE
 void Inference::cancel() {
     MutexLock lock(m_mutex);
     if (!m_ticket || m_hasEnded) return;
-    m_model->chores().add([self = shared_from_this(), ticket = *m_ticket] {
-        self->m_model->graph().cancel(ticket);
-    });
+    m_model->chores().add(
+        [self = shared_from_this(), ticket = *m_ticket] { self->m_model->graph().cancel(ticket); });
 }
 
 std::span<const std::byte> Inference::output(const TensorDescription& tensor) const {
-    const std::span<const std::byte> bytes =
-        m_slot->output().subspan(tensor.offset, tensor.bytes);
+    const std::span<const std::byte> bytes = m_slot->output().subspan(tensor.offset, tensor.bytes);
     if (tensor.datatype != Datatype::kBytes) return bytes;
     const auto used = measureBytes(bytes, countElements(tensor.shape).value_or(0));
     if (!used) {

@@ -25,8 +25,8 @@ struct TensorClaim {
     uint64_t bytes = 0;
 };
 
-// An inference of either protocol, from its place in the queue to its answer: name each input and fill
-// it in, start, then read the outputs.
+// An inference of either protocol, from its place in the queue to its answer: name each input and
+// fill it in, start, then read the outputs.
 //
 // Threads: one fills in and starts; any cancels. Owns: its place in the queue and its slot.
 // Locks: m_mutex, a leaf.
@@ -37,12 +37,13 @@ class Inference : public NonCopyable, public std::enable_shared_from_this<Infere
     ~Inference();
 
     const ModelDescription& description() const { return m_model->description(); }
-    // Where the tensor's bytes go, as many as were claimed; what is left of its room is zeros. Throws a
-    // Failure if it is not as the model describes it, or was claimed before.
+    // Where the tensor's bytes go, as many as were claimed; what is left of its room is zeros.
+    // Throws a Failure if it is not as the model describes it, or was claimed before.
     std::span<std::byte> claimInput(const TensorClaim& claim);
 
-    // Calls `done` once, on any thread; throws a Failure and does not if an input is missing or wrong,
-    // or the deadline has passed. It is the model's unless one is given, and counts from `begun`.
+    // Calls `done` once, on any thread; throws a Failure and does not if an input is missing or
+    // wrong, or the deadline has passed. It is the model's unless one is given, and counts from
+    // `begun`.
     using Clock = std::chrono::steady_clock;
     struct Wish {
         Clock::time_point begun;

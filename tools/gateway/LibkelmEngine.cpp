@@ -46,12 +46,11 @@ class LibkelmGraph : public EngineGraph {
     uint64_t start(EngineSlot& slot, const TaskWish& wish,
                    std::function<void(const TaskEnd&)> done) override {
         return translated([&] {
-            return m_graph.start(
-                static_cast<LibkelmSlot&>(slot).get(),
-                {.deadline = wish.deadline, .priority = wish.priority},
-                [done = std::move(done)](const kelm_result& result) {
-                    done({.error = result.error, .text = result.text});
-                });
+            return m_graph.start(static_cast<LibkelmSlot&>(slot).get(),
+                                 {.deadline = wish.deadline, .priority = wish.priority},
+                                 [done = std::move(done)](const kelm_result& result) {
+                                     done({.error = result.error, .text = result.text});
+                                 });
         });
     }
     void cancel(uint64_t ticket) override {

@@ -70,9 +70,9 @@ void ListenSocket::openAddress(const std::string& where) {
     const auto address = boost::asio::ip::make_address(host, wrong);
     uint16_t port = 0;
     const char* const end = where.data() + where.size();
-    const auto parsed =
-        colon == std::string::npos ? std::from_chars_result{end, std::errc::invalid_argument}
-                                   : std::from_chars(where.data() + colon + 1, end, port);
+    const auto parsed = colon == std::string::npos
+                            ? std::from_chars_result{end, std::errc::invalid_argument}
+                            : std::from_chars(where.data() + colon + 1, end, port);
     if (wrong || parsed.ec != std::errc() || parsed.ptr != end) {
         throw std::runtime_error("'" + where +
                                  "' is no address to listen on; give ADDRESS:PORT, as "

@@ -7,8 +7,8 @@
 
 namespace kelm::gateway {
 
-// A socket that listens on ADDRESS:PORT, with an IPv6 address in brackets, or unix:PATH, whose file is
-// replaced if nobody listens there and removed at the end.
+// A socket that listens on ADDRESS:PORT, with an IPv6 address in brackets, or unix:PATH, whose file
+// is replaced if nobody listens there and removed at the end.
 //
 // Threads: one. Owns: the socket, and the file.
 class ListenSocket {

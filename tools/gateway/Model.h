@@ -11,8 +11,8 @@
 
 namespace kelm::gateway {
 
-// A version of a model that is loaded. Requests hold it until they have ended, so a version that was
-// replaced ends with its last one, on the thread for chores.
+// A version of a model that is loaded. Requests hold it until they have ended, so a version that
+// was replaced ends with its last one, on the thread for chores.
 //
 // Threads: any. Owns: the graph. The engine and the chores are borrowed for its life.
 class Model : public NonCopyable {

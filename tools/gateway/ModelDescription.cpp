@@ -100,19 +100,21 @@ TensorDescription readTensor(const json& value, bool isInput, uint64_t next) {
     TensorDescription tensor;
     tensor.offset = next;
     std::optional<uint64_t> bytes;
-    readMembers(value, "a tensor",
-                {{"name", [&](const json& v) { tensor.name = readText(v, "name", 1, kLongestName); }},
-                 {"datatype",
-                  [&](const json& v) {
-                      const std::string text = readText(v, "datatype", 1, kLongestName);
-                      const auto type = findDatatype(text);
-                      if (!type) refuse("there is no datatype '" + text + "'");
-                      tensor.datatype = *type;
-                  }},
-                 {"shape", [&](const json& v) { tensor.shape = readShape(v); }},
-                 {"offset", [&](const json& v) { tensor.offset = readNumber(v, "offset", 0, kMostElements); }},
-                 {"bytes", [&](const json& v) { bytes = readNumber(v, "bytes", 1, kMostElements); }}},
-                {"name", "datatype", "shape"});
+    readMembers(
+        value, "a tensor",
+        {{"name", [&](const json& v) { tensor.name = readText(v, "name", 1, kLongestName); }},
+         {"datatype",
+          [&](const json& v) {
+              const std::string text = readText(v, "datatype", 1, kLongestName);
+              const auto type = findDatatype(text);
+              if (!type) refuse("there is no datatype '" + text + "'");
+              tensor.datatype = *type;
+          }},
+         {"shape", [&](const json& v) { tensor.shape = readShape(v); }},
+         {"offset",
+          [&](const json& v) { tensor.offset = readNumber(v, "offset", 0, kMostElements); }},
+         {"bytes", [&](const json& v) { bytes = readNumber(v, "bytes", 1, kMostElements); }}},
+        {"name", "datatype", "shape"});
     tensor.bytes = sizeOf(tensor, isInput, bytes);
     return tensor;
 }
@@ -190,14 +192,17 @@ ModelDescription ModelDescription::parse(const std::string& name, std::string_vi
     };
     readMembers(
         parseStrictJson(text), "the description",
-        {words("graph", model.graph, 1, 4095), words("version", model.version, 1, kLongestName),
+        {words("graph", model.graph, 1, 4095),
+         words("version", model.version, 1, kLongestName),
          words("platform", model.platform, 0, kLongestName),
          words("tag", model.tag, 0, kLongestReservation),
          words("stream_id", model.streamId, 0, kLongestReservation),
          number("subclass", model.subclass, 0, kMostInt),
          number("expected_devices", model.expectedDevices, 1, kMostTasks),
-         number("window", model.window, 0, kMostTasks), number("queue", model.queue, 0, kMostTasks),
-         number("priority", model.priority, 0, 15), number("warmup", model.warmup, 0, 1000),
+         number("window", model.window, 0, kMostTasks),
+         number("queue", model.queue, 0, kMostTasks),
+         number("priority", model.priority, 0, 15),
+         number("warmup", model.warmup, 0, 1000),
          number("deadline_ms", model.deadline, 1, kDay),
          {"inputs", [&](const json& value) { model.inputs = readTensors(value, "inputs"); }},
          {"outputs", [&](const json& value) { model.outputs = readTensors(value, "outputs"); }}},

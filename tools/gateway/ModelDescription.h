@@ -30,8 +30,8 @@ struct TensorDescription {
 
 // What a file `name.json` says of a model.
 struct ModelDescription {
-    // Throws a Failure with the reason. Whether the tensors fit is checked once the graph's sizes are
-    // known.
+    // Throws a Failure with the reason. Whether the tensors fit is checked once the graph's sizes
+    // are known.
     static ModelDescription parse(const std::string& name, std::string_view text);
 
     // Throws a Failure if a tensor reaches beyond the buffers of the graph.

@@ -18,8 +18,8 @@ class ModelFolder {
     // For poll(): readable when something has changed, until takeChanges().
     int fd() const { return m_watch.get(); }
     void takeChanges() const;
-    // The texts of all files `name.json` by name; of one that cannot be read it is empty. Throws if the
-    // folder cannot be read.
+    // The texts of all files `name.json` by name; of one that cannot be read it is empty. Throws if
+    // the folder cannot be read.
     std::map<std::string, std::string> read() const;
     // The path of a file that a description names.
     std::string resolve(const std::string& file) const;

@@ -14,8 +14,8 @@
 
 namespace kelm::gateway {
 
-// Makes the registry follow the folder: a version is replaced once its successor is loaded, and stays
-// if that is refused. What the service refuses is tried again every two seconds.
+// Makes the registry follow the folder: a version is replaced once its successor is loaded, and
+// stays if that is refused. What the service refuses is tried again every two seconds.
 //
 // Threads: one of its own does it all, and tells what it has done by `say`.
 // Owns: the thread. Borrowed for its life: all that it is given.
@@ -33,7 +33,7 @@ class ModelKeeper : public NonCopyable {
     using Clock = std::chrono::steady_clock;
     struct Known {
         std::string text;
-        std::string reason;  // why it does not serve; empty: it does
+        std::string reason;    // why it does not serve; empty: it does
         bool isAgain = false;  // whether a later trial may succeed
     };
 
@@ -48,7 +48,7 @@ class ModelKeeper : public NonCopyable {
     ModelRegistry& m_registry;
     const Say m_say;
     const UniqueFd m_end;
-    std::map<std::string, Known> m_known;   // the thread's
+    std::map<std::string, Known> m_known;    // the thread's
     std::atomic<bool> m_hasTriedAll{false};  // atomic: a hint, which guards nothing
     std::thread m_thread;
 };

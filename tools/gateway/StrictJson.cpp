@@ -29,7 +29,8 @@ json parseStrictJson(std::string_view text) {
         if (event == json::parse_event_t::object_end) names.pop_back();
         if (event == json::parse_event_t::key &&
             !names.back().insert(parsed.get_ref<const std::string&>()).second) {
-            throw Failure(Cause::kInvalid, "the JSON has '" + parsed.get<std::string>() + "' twice");
+            throw Failure(Cause::kInvalid,
+                          "the JSON has '" + parsed.get<std::string>() + "' twice");
         }
         return true;
     };

@@ -17,10 +17,11 @@ namespace kelm::gateway {
 using HttpSocket = boost::asio::generic::stream_protocol::socket;
 using HttpParser = boost::beast::http::request_parser<boost::beast::http::buffer_body>;
 
-// The body of a request, read in pieces to where the reader wants them: a body of known length from the
-// socket right into that memory.
+// The body of a request, read in pieces to where the reader wants them: a body of known length from
+// the socket right into that memory.
 //
-// Threads: the connection's. Everything is borrowed from the connection, which a `Done` keeps alive.
+// Threads: the connection's. Everything is borrowed from the connection, which a `Done` keeps
+// alive.
 class HttpBody {
  public:
     using Error = boost::system::error_code;

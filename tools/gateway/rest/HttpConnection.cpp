@@ -40,13 +40,10 @@ HttpReply replyTo(const boost::system::error_code& error) {
 
 HttpConnection::HttpConnection(HttpSocket socket, HttpService& service)
     : m_service(service),
+      m_counted(service.connections),
       m_socket(std::move(socket)),
       m_timer(m_socket.get_executor()),
-      m_buffer(service.limits.buffer) {
-    ++m_service.connections;
-}
-
-HttpConnection::~HttpConnection() { --m_service.connections; }
+      m_buffer(service.limits.buffer) {}
 
 void HttpConnection::refuse() {
     post([this] {
@@ -108,16 +105,15 @@ void HttpConnection::watchPeer() {
         m_isWatching = false;
         return;
     }
-    m_socket.async_read_some(
-        m_buffer.prepare(room), [self = shared_from_this()](const Error& error, size_t count) {
-            self->m_buffer.commit(count);
-            if (!error && self->m_isServing) return self->watchPeer();
-            self->m_isWatching = false;
-            const bool isCanceled =
-                error == asio::error::operation_aborted && self->m_socket.is_open();
-            if (error && !isCanceled) return self->close();
-            if (!self->m_isServing) self->readHead();
-        });
+    m_socket.async_read_some(m_buffer.prepare(room), [self = shared_from_this()](const Error& error,
+                                                                                 size_t count) {
+        self->m_buffer.commit(count);
+        if (!error && self->m_isServing) return self->watchPeer();
+        self->m_isWatching = false;
+        const bool isCanceled = error == asio::error::operation_aborted && self->m_socket.is_open();
+        if (error && !isCanceled) return self->close();
+        if (!self->m_isServing) self->readHead();
+    });
 }
 
 void HttpConnection::readHead() {
@@ -148,7 +144,9 @@ void HttpConnection::onHead(const Error& error) {
 
 std::optional<HttpReply> HttpConnection::findFault() const {
     const auto& head = request();
-    const auto is = [&](http::field field, const char* value) { return iequals(head[field], value); };
+    const auto is = [&](http::field field, const char* value) {
+        return iequals(head[field], value);
+    };
     if (head.version() >= 11 && countOf(head, http::field::host) != 1) {
         return HttpReply::ofError(400, "a request must name its host once");
     }
@@ -182,6 +180,7 @@ void HttpConnection::expectBody(uint64_t bytes) {
 
 void HttpConnection::awaitHangUp(std::function<void()> hungUp) {
     m_hungUp = std::move(hungUp);
+    m_work.emplace(m_socket.get_executor());
     m_timer.expires_at(asio::steady_timer::time_point::max());  // the task has a deadline
     if (m_isWatching) return;
     m_isWatching = true;
@@ -190,6 +189,7 @@ void HttpConnection::awaitHangUp(std::function<void()> hungUp) {
 
 void HttpConnection::reply(HttpReply answer) {
     m_hungUp = nullptr;
+    m_work.reset();
     const bool keepAlive = request().keep_alive() && !m_wantsContinue && !m_service.isStopping;
     if (m_body->isAtEnd() || !keepAlive) {
         return write(std::move(answer), keepAlive && m_body->isAtEnd());

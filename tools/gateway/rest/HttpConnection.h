@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
@@ -16,12 +17,12 @@ namespace kelm::gateway {
 struct HttpService {
     HttpLimits limits;
     HttpHandler handler;
-    std::atomic<size_t> connections{0};    // atomic: a count, which guards nothing
+    std::atomic<size_t> connections{0};   // atomic: a count, which guards nothing
     std::atomic<bool> isStopping{false};  // atomic: a hint; a connection is told, too
 };
 
-// A connection of HTTP/1.1: requests one after the other, each from its head to its answer. It keeps
-// itself alive by what it waits for, and is closed when a wait takes too long.
+// A connection of HTTP/1.1: requests one after the other, each from its head to its answer. It
+// keeps itself alive by what it waits for, and is closed when a wait takes too long.
 //
 // Threads: that of its socket, but for post() and stop(). Owns: the socket. Borrows the service.
 class HttpConnection : public NonCopyable,
@@ -29,7 +30,6 @@ class HttpConnection : public NonCopyable,
                        public std::enable_shared_from_this<HttpConnection> {
  public:
     HttpConnection(HttpSocket socket, HttpService& service);
-    ~HttpConnection();
 
     void start() { awaitHead(); }
     // Answers 503 in place of all else.
@@ -49,6 +49,12 @@ class HttpConnection : public NonCopyable,
 
  private:
     using Error = HttpBody::Error;
+    // A connection among those of the service, until the last of it is gone.
+    struct Counted : NonCopyable {
+        explicit Counted(std::atomic<size_t>& all) : count(all) { ++count; }
+        ~Counted() { --count; }
+        std::atomic<size_t>& count;
+    };
 
     void awaitHead();
     void readHead();
@@ -64,7 +70,10 @@ class HttpConnection : public NonCopyable,
     void close();
 
     HttpService& m_service;
+    const Counted m_counted;
     HttpSocket m_socket;
+    // While a request runs elsewhere: its end must find the loop.
+    std::optional<boost::asio::executor_work_guard<HttpSocket::executor_type>> m_work;
     boost::asio::steady_timer m_timer;
     boost::beast::flat_buffer m_buffer;
     std::optional<HttpParser> m_parser;  // of the request under way
@@ -73,8 +82,8 @@ class HttpConnection : public NonCopyable,
     std::string m_head;              // of the answer
     HttpReply m_answer;
     bool m_isServing = false;
-    bool m_isWatching = false;       // a read is pending that tells a hang-up
-    bool m_wantsContinue = false;    // the peer waits for a word before it sends the body
+    bool m_isWatching = false;     // a read is pending that tells a hang-up
+    bool m_wantsContinue = false;  // the peer waits for a word before it sends the body
 };
 
 }  // namespace kelm::gateway

@@ -32,8 +32,8 @@ size_t HttpReply::bodyBytes() const {
 }
 
 std::string HttpReply::makeHead(bool keepAlive) const {
-    const auto reason = boost::beast::http::obsolete_reason(
-        boost::beast::http::int_to_status(status));
+    const auto reason =
+        boost::beast::http::obsolete_reason(boost::beast::http::int_to_status(status));
     std::string head = "HTTP/1.1 " + std::to_string(status) + " ";
     head.append(reason.data(), reason.size());
     head += "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(bodyBytes());

@@ -50,7 +50,9 @@ class Loop : public NonCopyable {
 class HttpServer::Impl {
  public:
     Impl(ListenSocket socket, size_t threads, const HttpLimits& limits, HttpHandler handler)
-        : m_socket(std::move(socket)), m_loops(threads), m_acceptor(m_loops.front().context()),
+        : m_socket(std::move(socket)),
+          m_loops(threads),
+          m_acceptor(m_loops.front().context()),
           m_retry(m_loops.front().context()) {
         m_service.limits = limits;
         m_service.handler = std::move(handler);
@@ -61,6 +63,8 @@ class HttpServer::Impl {
         (void)stop(std::chrono::milliseconds(0));
         tellAll(&HttpConnection::abort);
         for (Loop& each : m_loops) each.join();
+        // The thread that told a task's end may hold the last reference for a moment more.
+        while (m_service.connections > 0) std::this_thread::yield();
     }
 
     uint16_t port() const { return m_socket.port(); }
