@@ -62,7 +62,7 @@ void ModelKeeper::follow() {
     for (const auto& [name, text] : texts) {
         const auto [known, isNew] = m_known.try_emplace(name);
         if (!isNew && known->second.text == text && !known->second.isAgain) continue;
-        if (known->second.text != text) known->second = {.text = text};
+        if (known->second.text != text) known->second = {text, {}, false};
         load(name, known->second);
     }
     if (canTry) m_hasTriedAll = true;

@@ -25,9 +25,9 @@ struct HttpService {
 // keeps itself alive by what it waits for, and is closed when a wait takes too long.
 //
 // Threads: that of its socket, but for post() and stop(). Owns: the socket. Borrows the service.
-class HttpConnection : public NonCopyable,
-                       public HttpExchange,
-                       public std::enable_shared_from_this<HttpConnection> {
+class HttpConnection final : public NonCopyable,
+                             public HttpExchange,
+                             public std::enable_shared_from_this<HttpConnection> {
  public:
     HttpConnection(HttpSocket socket, HttpService& service);
 

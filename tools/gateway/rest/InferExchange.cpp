@@ -13,19 +13,18 @@ namespace kelm::gateway {
 namespace {
 
 namespace http = boost::beast::http;
-constexpr const char* kJsonLength = "Inference-Header-Content-Length";
 
 [[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
 
 std::optional<size_t> readJsonLength(const HttpParser::value_type& request) {
-    const auto [first, last] = request.equal_range(kJsonLength);
+    const auto [first, last] = request.equal_range("Inference-Header-Content-Length");
     if (first == last) return std::nullopt;
     const auto text = first->value();
     size_t length = 0;
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), length);
     if (std::next(first) != last || parsed.ec != std::errc() ||
         parsed.ptr != text.data() + text.size()) {
-        refuse(std::string("'") + kJsonLength + "' must be one number of bytes");
+        refuse("Inference-Header-Content-Length must be one number of bytes");
     }
     return length;
 }
@@ -48,11 +47,11 @@ void InferExchange::attempt(Step step) {
 
 // A body that ends early or is no body is the peer's mistake; a connection that ends has no answer.
 void InferExchange::fail(const boost::system::error_code& error) {
-    const bool isLarge = error == http::error::body_limit;
-    m_http->reply(
-        HttpReply::of(Failure(isLarge ? Cause::kTooLarge : Cause::kInvalid,
-                              isLarge ? "the body is larger than it may be, or than its tensors"
-                                      : "the body cannot be read: " + error.message())));
+    const Failure failure =
+        error == http::error::body_limit
+            ? Failure(Cause::kTooLarge, "the body is larger than it may be, or than its tensors")
+            : Failure(Cause::kInvalid, "the body cannot be read: " + error.message());
+    m_http->reply(HttpReply::of(failure));
 }
 
 void InferExchange::begin() {
@@ -68,7 +67,7 @@ void InferExchange::begin() {
                                                 std::to_string(m_http->limits().json) + " bytes");
         }
         if (m_jsonBytes && !body.isChunked() && json > body.remaining()) {
-            refuse(std::string("'") + kJsonLength + "' is more than the body has");
+            refuse("Inference-Header-Content-Length is more than the body has");
         }
         m_model->requireRoom();  // before the body is asked for
         m_http->expectBody(body.isChunked() ? m_http->limits().json : body.remaining());
@@ -102,7 +101,7 @@ void InferExchange::requireRest(const InferBody& body) const {
     uint64_t bytes = 0;
     for (const auto& each : body.inputs) {
         if (!each.rawBytes) continue;
-        if (!m_jsonBytes) refuse(std::string("raw data needs the header '") + kJsonLength + "'");
+        if (!m_jsonBytes) refuse("raw data needs the header Inference-Header-Content-Length");
         bytes += *each.rawBytes;
     }
     const HttpBody& rest = m_http->body();
