@@ -81,7 +81,7 @@ void ModelKeeper::load(const std::string& name, Known& known) {
         m_say("model '" + name + "' version '" + description.version + "' serves");
     } catch (const std::exception& error) {
         reason = error.what();
-        if (reason != known.reason) m_say("model '" + name + "' was refused: " + reason);
+        if (reason != known.reason) m_say("model '" + name + "' does not serve as described: " + reason);
     }
     known.reason = reason;
 }

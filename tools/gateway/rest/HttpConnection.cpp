@@ -129,11 +129,11 @@ void HttpConnection::readHead() {
 
 void HttpConnection::onHead(const Error& error) {
     m_isServing = true;
-    if (error == http::error::end_of_stream || error == asio::error::operation_aborted ||
-        error.category() == asio::error::get_system_category() ||
-        error.category() == asio::error::get_misc_category()) {
-        return close();
-    }
+    // What the parser does not complain of is the connection's end.
+    const bool isParsers =
+        error && error.category() == make_error_code(http::error::end_of_stream).category() &&
+        error != http::error::end_of_stream;
+    if (error && !isParsers) return close();
     if (error) return write(replyTo(error), false);
     if (auto fault = findFault()) return write(std::move(*fault), false);
     m_body.emplace(m_socket, m_buffer, *m_parser);
