@@ -190,16 +190,10 @@ void HttpConnection::awaitHangUp(std::function<void()> hungUp) {
 void HttpConnection::reply(HttpReply answer) {
     m_hungUp = nullptr;
     m_work.reset();
-    const bool keepAlive = request().keep_alive() && !m_wantsContinue && !m_service.isStopping;
-    if (m_body->isAtEnd() || !keepAlive) {
-        return write(std::move(answer), keepAlive && m_body->isAtEnd());
-    }
     // What is left of a refused body, if little, is cheaper than a new connection.
-    m_answer = std::move(answer);
-    if (m_body->remaining() > m_service.limits.drop) return write(std::move(m_answer), false);
-    m_body->drop(m_service.limits.drop, [self = shared_from_this()](const Error& error) {
-        self->write(std::move(self->m_answer), !error);
-    });
+    const bool isLittle = m_body->remaining() <= m_service.limits.drop && !m_wantsContinue;
+    const bool mayStay = request().keep_alive() && !m_service.isStopping;
+    write(std::move(answer), mayStay && (m_body->isAtEnd() || isLittle));
 }
 
 void HttpConnection::write(HttpReply answer, bool keepAlive) {
@@ -225,8 +219,11 @@ void HttpConnection::onWritten(const Error& error, bool keepAlive) {
     m_answer = {};
     if (error || !m_socket.is_open()) return close();
     if (!keepAlive) return linger();
-    m_isServing = false;
-    awaitHead();
+    m_body->drop(m_service.limits.drop, [self = shared_from_this()](const Error& unread) {
+        if (unread) return self->linger();
+        self->m_isServing = false;
+        self->awaitHead();
+    });
 }
 
 // A close while the peer still sends would take the answer from it.
