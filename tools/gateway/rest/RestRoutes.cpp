@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <exception>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -163,6 +164,8 @@ HttpHandler makeRestHandler(const Gateway& gateway) {
             serve(gateway, exchange);
         } catch (const Failure& failure) {
             exchange->reply(HttpReply::of(failure));
+        } catch (const std::exception& error) {
+            exchange->reply(HttpReply::ofError(500, error.what()));
         }
     };
 }
