@@ -116,10 +116,14 @@ void Inference::end(const TaskEnd& taskEnd, const std::function<void(const TaskE
 }
 
 void Inference::cancel() {
-    MutexLock lock(m_mutex);
-    if (!m_ticket || m_hasEnded) return;
+    std::optional<uint64_t> ticket;
+    {
+        MutexLock lock(m_mutex);
+        if (!m_hasEnded) ticket = m_ticket;
+    }
+    if (!ticket) return;
     m_model->chores().add(
-        [self = shared_from_this(), ticket = *m_ticket] { self->m_model->graph().cancel(ticket); });
+        [self = shared_from_this(), ticket] { self->m_model->graph().cancel(*ticket); });
 }
 
 std::span<const std::byte> Inference::output(const TensorDescription& tensor) const {

@@ -100,9 +100,10 @@ std::unique_ptr<EngineGraph> LibkelmEngine::load(const ModelDescription& model,
 }
 
 std::string LibkelmEngine::whyNot() const {
+    const std::shared_ptr<Client> client = connected();
+    if (client != nullptr && !client->isConnected()) return "the connection to the service is lost";
     MutexLock lock(m_mutex);
-    return m_client != nullptr && !m_client->isConnected() ? "the connection to the service is lost"
-                                                           : m_whyNot;
+    return m_whyNot;
 }
 
 std::string LibkelmEngine::look() {

@@ -81,7 +81,8 @@ void ModelKeeper::load(const std::string& name, Known& known) {
         m_say("model '" + name + "' version '" + description.version + "' serves");
     } catch (const std::exception& error) {
         reason = error.what();
-        if (reason != known.reason) m_say("model '" + name + "' does not serve as described: " + reason);
+        if (reason != known.reason)
+            m_say("model '" + name + "' does not serve as described: " + reason);
     }
     known.reason = reason;
 }

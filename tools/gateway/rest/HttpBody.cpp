@@ -62,9 +62,19 @@ void HttpBody::read(std::span<std::byte> into, Done done) {
     });
 }
 
+void HttpBody::readText(std::string& into, size_t count, Done done) {
+    const size_t before = into.size();
+    const size_t step = std::min(count, kStep);
+    into.resize(before + step);
+    read(std::as_writable_bytes(std::span(into)).subspan(before),
+         [this, &into, rest = count - step, done = std::move(done)](const Error& error) {
+             if (error || rest == 0) return done(error);
+             readText(into, rest, done);
+         });
+}
+
 void HttpBody::readAll(std::string& into, size_t most, Done done) {
     const size_t before = into.size();
-    // By steps: memory is spent as bytes come, not as they are announced.
     into.resize(std::min(before + kStep, most + 1));
     const auto room = std::as_writable_bytes(std::span(into)).subspan(before);
     readSome(room, [this, &into, most, before, done = std::move(done)](Error error, size_t count) {

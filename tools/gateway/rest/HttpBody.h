@@ -37,6 +37,8 @@ class HttpBody {
 
     // Fills all of it.
     void read(std::span<std::byte> into, Done done);
+    // Appends so many bytes; memory is spent as they come, not as they are announced.
+    void readText(std::string& into, size_t count, Done done);
     // Appends all that is left; error::body_limit if that is more than so many bytes.
     void readAll(std::string& into, size_t most, Done done);
     // Reads up to the end, at most so many bytes; error::body_limit beyond.

@@ -70,7 +70,7 @@ void InferExchange::begin() {
             refuse("Inference-Header-Content-Length is more than the body has");
         }
         m_model->requireRoom();  // before the body is asked for
-        m_http->expectBody(body.isChunked() ? m_http->limits().json : body.remaining());
+        m_http->expectBody(body.isChunked() ? m_http->limits().body : body.remaining());
         readJson();
     });
 }
@@ -81,8 +81,7 @@ void InferExchange::readJson() {
         self->attempt([&] { self->onJson(); });
     };
     if (!m_jsonBytes) return m_http->body().readAll(m_json, m_http->limits().json, done);
-    m_json.resize(*m_jsonBytes);
-    m_http->body().read(std::as_writable_bytes(std::span(m_json)), done);
+    m_http->body().readText(m_json, *m_jsonBytes, done);
 }
 
 void InferExchange::onJson() {

@@ -25,8 +25,9 @@ bool readInto(std::string& bytes, const json& element) {
         value = element.get<bool>();
     } else if constexpr (std::is_floating_point_v<T>) {
         if (!element.is_number()) return false;
-        value = static_cast<T>(element.get<double>());
-        if (!std::isfinite(value)) return false;
+        const auto number = element.get<double>();
+        if (std::abs(number) > std::numeric_limits<T>::max()) return false;
+        value = static_cast<T>(number);
     } else if (element.is_number_unsigned()) {
         if (!std::in_range<T>(element.get<uint64_t>())) return false;
         value = static_cast<T>(element.get<uint64_t>());
