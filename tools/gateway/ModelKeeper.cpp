@@ -81,8 +81,10 @@ void ModelKeeper::load(const std::string& name, Known& known) {
         m_say("model '" + name + "' version '" + description.version + "' serves");
     } catch (const std::exception& error) {
         reason = error.what();
-        if (reason != known.reason)
-            m_say("model '" + name + "' does not serve as described: " + reason);
+        const auto* failure = dynamic_cast<const Failure*>(&error);
+        const bool isLater = failure != nullptr && failure->cause() == Cause::kUnavailable;
+        const char* const state = isLater ? "' is tried again: " : "' was refused: ";
+        if (reason != known.reason) m_say("model '" + name + state + reason);
     }
     known.reason = reason;
 }
