@@ -23,6 +23,10 @@ constexpr size_t kLongestReservation = 511;  // of a tag or a stream id, as the 
 
 [[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
 
+[[noreturn]] void refuseKey(const std::string& of, const std::string& key) {
+    refuse(of + " has an unknown key '" + key + "'");
+}
+
 uint64_t readNumber(const json& value, const std::string& key, uint64_t least, uint64_t most) {
     if (!value.is_number_unsigned() || value.get<uint64_t>() < least ||
         value.get<uint64_t>() > most) {
@@ -55,7 +59,7 @@ void readMembers(const json& object, const std::string& of, const Readers& reade
     }
     for (const auto& [key, value] : object.items()) {
         const auto reader = readers.find(key);
-        if (reader == readers.end()) refuse(of + " has an unknown key '" + key + "'");
+        if (reader == readers.end()) refuseKey(of, key);
         reader->second(value);
     }
 }

@@ -29,7 +29,7 @@ size_t HttpBody::takeBuffered(std::span<std::byte> into) {
     return count;
 }
 
-void HttpBody::readSome(std::span<std::byte> into, DoneSome done) {
+void HttpBody::readSome(std::span<std::byte> into, const DoneSome& done) {
     if (isAtEnd()) return done({}, 0);
     if (isChunked()) {
         auto& body = m_parser.get().body();

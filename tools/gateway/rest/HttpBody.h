@@ -47,7 +47,7 @@ class HttpBody {
  private:
     using DoneSome = std::function<void(Error, size_t)>;
     // At least a byte, unless the body is at its end.
-    void readSome(std::span<std::byte> into, DoneSome done);
+    void readSome(std::span<std::byte> into, const DoneSome& done);
     size_t takeBuffered(std::span<std::byte> into);
 
     HttpSocket& m_socket;

@@ -37,7 +37,9 @@ std::string HttpReply::makeHead(bool keepAlive) const {
     std::string head = "HTTP/1.1 " + std::to_string(status) + " ";
     head.append(reason.data(), reason.size());
     head += "\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(bodyBytes());
-    for (const auto& [name, value] : headers) head += "\r\n" + name + ": " + value;
+    for (const auto& [name, value] : headers) {
+        head.append("\r\n").append(name).append(": ").append(value);
+    }
     head += keepAlive ? "\r\nConnection: keep-alive\r\n\r\n" : "\r\nConnection: close\r\n\r\n";
     return head;
 }
