@@ -5,18 +5,14 @@
 #   scripts/deb-check.sh [DIRECTORY]    builds the packages, or takes those that lie there
 #
 # Needs root, debootstrap, lintian and a mirror; ends with a word and status 77 where it lacks one.
-# The root's base and what was downloaded are kept in $KELM_DEB_CACHE (/var/cache/kelm-deb).
 #
 # Nothing starts services in such a root. A unit is started by hand: its programs with its account,
 # mask, directories and environment, all read from the installed unit. Its hardening is not applied;
-# the test "units" looks at that.
+# systemd-check.sh boots a root for that.
 set -euo pipefail
 given=${1:+$(realpath "$1")}
 cd "$(dirname "$0")/.."
-
-skip() { echo "deb-check: not run: $*" >&2; exit 77; }
-fail() { echo "deb-check: $*" >&2; exit 1; }
-say() { echo "deb-check: $SECONDS s: $*"; }
+. scripts/debian-root.sh
 
 [ "$(id -u)" -eq 0 ] || skip "only root may make a Debian root; run it with sudo"
 for tool in debootstrap lintian unshare apt-get; do
@@ -29,29 +25,8 @@ if [ "${KELM_DEB_CHECK:-}" != inside ]; then
     exec unshare --mount --pid --fork --kill-child --mount-proc "scripts/${0##*/}" "$given"
 fi
 
-mapfile -t names < <(sed -n 's/^Package: //p' packaging/debian/control)
-cache=${KELM_DEB_CACHE:-/var/cache/kelm-deb}
-work=$(mktemp -d)
-root=$work/root
-finish() {
-    for mount in dev/shm dev/pts proc var/cache/apt/archives; do
-        ! mountpoint -q "$root/$mount" || umount "$root/$mount"
-    done
-    rm -rf --one-file-system "$work"
-}
-trap finish EXIT
-
-packages=$work/packages
-if [ -n "$given" ]; then
-    mkdir "$packages"
-    cp "$given"/*.deb "$packages"
-else
-    say "building"
-    scripts/deb.sh "$packages" >/dev/null
-fi
-for name in "${names[@]}"; do
-    compgen -G "$packages/${name}_*.deb" >/dev/null || fail "no package $name"
-done
+open_work
+take_packages "$given"
 say "lintian"
 lintian --allow-root --fail-on error --suppress-tags initial-upload-closes-no-bugs "$packages"/*.deb ||
     fail "lintian finds errors"
@@ -70,59 +45,15 @@ for package in "$packages"/*.deb; do
     rm -r "$work/package"
 done
 
-# The root.
-base=$cache/bookworm.tar
-mkdir -p "$cache/archives/partial"
-if [ ! -e "$base" ]; then
-    mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Codename: bookworm' 'Identifier: Packages' |
-        head -n 1)
-    say "making the root's base from ${mirror:=http://deb.debian.org/debian}"
-    debootstrap --variant=minbase bookworm "$root" "$mirror" >"$work/log" 2>&1 ||
-        { tail -n 5 "$work/log"; skip "debootstrap fails as told above; is there a mirror?"; }
-    tar -C "$root" -cf "$base.new" .
-    mv "$base.new" "$base"
-else
-    mkdir "$root"
-    tar -C "$root" -xf "$base"
-fi
-cp /etc/resolv.conf "$root/etc/"
-echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/no-sync" # nobody needs this root after a crash
-mount --bind "$cache/archives" "$root/var/cache/apt/archives"
-mount -t proc proc "$root/proc"
-mount -t tmpfs -o mode=1777 tmpfs "$root/dev/shm"
-mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
+make_root
 mv "$packages" "$work/older" "$root/opt/"
 
-# Runs a command as root, or as another user with its groups, in an environment of its own.
-in_root() {
-    chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
-        DEBIAN_FRONTEND=noninteractive "$@"
-}
-as_user() { # user, command
-    local user=$1
-    shift
-    in_root HOME="/home/$user" setpriv --reuid="$user" --regid="$user" --init-groups \
-        sh -c 'umask 022; cd; exec "$@"' sh "$@"
-}
-apt() { # operation, packages or directories of them in /opt
-    local words=() word file
-    for word in "$@"; do
-        if [ -d "$root$word" ]; then
-            for file in "$root$word"/*.deb; do words+=("${file#"$root"}"); done
-        else
-            words+=("$word")
-        fi
-    done
-    in_root apt-get -q -y --no-install-recommends -o Dpkg::Options::=--force-confold "${words[@]}" \
-        >"$work/log" 2>&1 || { tail -n 40 "$work/log"; fail "apt-get $*"; }
-}
 # Everything but what the package manager keeps for itself.
 list_files() {
     in_root find / -xdev \( -path /proc -o -path /dev -o -path /opt -o -path /home -o -path /tmp \
         -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache -o -path /var/log \) \
         -prune -o -print | sort
 }
-
 
 # A service as its installed unit says. `unit KEY` prints the values of a key, a line each.
 open_unit() { # name, instance
@@ -164,15 +95,7 @@ stop_unit() {
     service=""
 }
 
-# What the packages depend on is there first, as they themselves tell it, so that all that is new
-# afterwards is theirs.
-say "installing what they depend on"
-in_root apt-get -q update >"$work/log" 2>&1 || { tail -n 5 "$work/log"; skip "the mirror is away"; }
-in_root sh -c 'apt-get install -s --no-install-recommends /opt/packages/*.deb' >"$work/plan" ||
-    fail "they cannot be installed"
-ours=$(IFS='|'; echo "${names[*]}")
-# shellcheck disable=SC2046
-apt install $(awk -v ours="^($ours)$" '$1 == "Inst" && $2 !~ ours { print $2 }' "$work/plan")
+install_dependencies
 in_root useradd --create-home --key HOME_MODE=0700 alice
 in_root useradd --create-home --key HOME_MODE=0700 bob
 list_files >"$work/before"
@@ -215,9 +138,9 @@ done
 ! as_user bob kelmctl status >"$work/log" 2>&1 || fail "others than the group are let in"
 stop_unit
 
-open_unit kelmdaemon-sim@.service default
+open_unit kelmdaemon-sim@.service spare
 start_unit
-as_user alice env KELM_RUN_DIR=/run/kelm-sim/default kelmctl bench --seconds 1 \
+as_user alice env KELM_RUN_DIR=/run/kelm-sim/spare kelmctl bench --seconds 1 \
     --graph example.graph >"$work/log" 2>&1 || { cat "$work/log"; fail "kelmctl bench against an instance fails"; }
 stop_unit
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the packages, builds and runs all tests: release, AddressSanitizer with UBSan,
-# ThreadSanitizer, the clang analysis build, the format check, and the Debian packages with a service
+# ThreadSanitizer, the clang analysis build, the format check, and the Debian packages, with a service
 # that is started and stopped under load. Ends with one summary line.
 #
 #   scripts/test.sh              everything
@@ -58,7 +58,8 @@ may_skip() { # command
 
 run_packages() {
     ./scripts/packages.sh debhelper debootstrap dpkg-dev fakeroot lintian libumockdev-dev &&
-        may_skip scripts/deb-check.sh && may_skip scripts/restarts.sh 50
+        scripts/deb.sh >/dev/null && may_skip scripts/deb-check.sh build/packages &&
+        may_skip timeout -k 10 600 scripts/systemd-check.sh build/packages && may_skip scripts/restarts.sh 50
 }
 
 run_step() { # step

@@ -12,6 +12,7 @@ std::string RunPaths::directory() {
 
 std::string RunPaths::serviceSocket() { return directory() + "/kelm_service.sock"; }
 std::string RunPaths::snapshotSocket() { return directory() + "/kelm_snapshot.sock"; }
+std::string RunPaths::eventsSocket() { return directory() + "/kelm_events.sock"; }
 std::string RunPaths::aliveMutex() { return directory() + "/kelm_service_alive.mutex"; }
 std::string RunPaths::readyMutex() { return directory() + "/kelm_service_ready.mutex"; }
 std::string RunPaths::startExitMutex() { return directory() + "/kelm_start_exit.mutex"; }

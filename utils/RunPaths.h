@@ -12,6 +12,7 @@ class RunPaths {
     static std::string directory();
     static std::string serviceSocket();
     static std::string snapshotSocket();
+    static std::string eventsSocket();
     static std::string aliveMutex();
     static std::string readyMutex();
     static std::string startExitMutex();

@@ -9,7 +9,7 @@ namespace kelm {
 // The moments at which the tasks of one graph arrive.
 class Arrivals {
  public:
-    Arrivals(const GraphLoadSpec& spec, uint64_t seed);
+    Arrivals(const GraphTraffic& traffic, uint64_t seed);
     // The first moment after the one before, in seconds of load; infinite if there is none.
     double next();
 
@@ -17,7 +17,7 @@ class Arrivals {
     double nextSpaced();
     double nextRandom();
 
-    const GraphLoadSpec m_spec;
+    const GraphTraffic m_traffic;
     std::mt19937_64 m_random;
     double m_time = 0.0;
 };

@@ -29,7 +29,7 @@ double settleTime(const Scenario& scenario, const Outcome& outcome) {
     if (scenario.graphs.front().kind != ArrivalKind::Swap) return 0.0;
     const auto swap = static_cast<size_t>(scenario.graphs.front().period * 10.0);
     double comes = 0.0;
-    for (const GraphLoadSpec& graph : scenario.graphs) comes += graph.otherRate / 10.0;
+    for (const GraphTraffic& graph : scenario.graphs) comes += graph.otherRate / 10.0;
     const size_t end = outcome.graphs.front().doneInTenth.size() - 1;
     for (size_t first = swap; first + kSettleWindow <= end; ++first) {
         double done = 0.0;
@@ -85,7 +85,7 @@ Figures sumUp(const Scenario& scenario, const Outcome& outcome, const Hindsight&
     figures.settled = settleTime(scenario, outcome);
     figures.planMillis = outcome.slowestPlan * 1e3;
     double leastRate = scenario.graphs.front().rate;
-    for (const GraphLoadSpec& graph : scenario.graphs) leastRate = std::min(leastRate, graph.rate);
+    for (const GraphTraffic& graph : scenario.graphs) leastRate = std::min(leastRate, graph.rate);
     std::vector<float> small;
     for (size_t i = 0; i < outcome.graphs.size(); ++i) {
         figures.refused += static_cast<double>(outcome.graphs[i].refused);

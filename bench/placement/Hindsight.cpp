@@ -23,7 +23,7 @@ bool isUniform(const Scenario& scenario) {
 
 bool isRoomy(const Scenario& scenario) {
     std::vector<uint32_t> sizes;
-    for (const GraphLoadSpec& graph : scenario.graphs) sizes.push_back(graph.memory);
+    for (const GraphTraffic& graph : scenario.graphs) sizes.push_back(graph.memory);
     std::sort(sizes.rbegin(), sizes.rend());
     sizes.resize(std::min<size_t>(sizes.size(), scenario.slots));
     return std::accumulate(sizes.begin(), sizes.end(), 0u) <= scenario.deviceMemory;
@@ -279,7 +279,7 @@ std::vector<std::vector<double>> sumWindows(const std::vector<std::vector<double
 
 Hindsight findBestFixed(const Scenario& scenario, const std::vector<std::vector<double>>& work) {
     const bool isSteady =
-        std::all_of(scenario.graphs.begin(), scenario.graphs.end(), [](const GraphLoadSpec& graph) {
+        std::all_of(scenario.graphs.begin(), scenario.graphs.end(), [](const GraphTraffic& graph) {
             return graph.kind == ArrivalKind::Constant || graph.kind == ArrivalKind::Poisson;
         });
     std::vector<double> demands;
@@ -310,7 +310,7 @@ double commonQueueBound(const Scenario& scenario, const std::vector<std::vector<
     const double speed =
         std::accumulate(scenario.speeds.begin(), scenario.speeds.end(), 0.0) / 10.0;
     double longest = 0.0;
-    for (const GraphLoadSpec& graph : scenario.graphs) longest = std::max(longest, graph.taskTime);
+    for (const GraphTraffic& graph : scenario.graphs) longest = std::max(longest, graph.taskTime);
     const double room =
         longest * static_cast<double>(scenario.waitLimit +
                                       scenario.speeds.size() * scenario.slots * scenario.inFlight);

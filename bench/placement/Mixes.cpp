@@ -34,7 +34,7 @@ void drawRates(Scenario& scenario, Dice& dice, size_t graphs, double load) {
     double speed = 0.0;
     for (const double each : scenario.speeds) speed += each;
     for (size_t i = 0; i < graphs; ++i) {
-        GraphLoadSpec graph;
+        GraphTraffic graph;
         graph.taskTime = dice.between(0.004, 0.03);
         graph.rate = parts[i] / sum * load * speed / graph.taskTime;
         graph.memory = static_cast<uint32_t>(dice.number(5, 120));
@@ -42,7 +42,7 @@ void drawRates(Scenario& scenario, Dice& dice, size_t graphs, double load) {
     }
 }
 
-void drawArrivals(GraphLoadSpec& graph, Dice& dice, double seconds) {
+void drawArrivals(GraphTraffic& graph, Dice& dice, double seconds) {
     const double kind = dice.unit();
     graph.phase = dice.unit();
     if (kind < 0.25) {
@@ -77,7 +77,7 @@ Scenario makeMix(uint64_t number) {
     const size_t slots = devices * scenario.slots;
     const size_t graphs = dice.number(1, slots + slots / 2 + 1);
     drawRates(scenario, dice, graphs, dice.between(0.1, 1.2));
-    for (GraphLoadSpec& graph : scenario.graphs) drawArrivals(graph, dice, scenario.seconds);
+    for (GraphTraffic& graph : scenario.graphs) drawArrivals(graph, dice, scenario.seconds);
     const double loads[] = {0.0, 0.05, 0.3};
     scenario.loadTime = loads[dice.number(0, 2)];
     scenario.seed = number;
@@ -95,7 +95,7 @@ Scenario makeFleet(size_t devices, uint64_t seed) {
     scenario.seed = seed;
     scenario.seconds = devices > 1024 ? 20.0 : 30.0;
     drawRates(scenario, dice, devices * 3 / 2, 0.75);
-    for (GraphLoadSpec& graph : scenario.graphs) graph.kind = ArrivalKind::Poisson;
+    for (GraphTraffic& graph : scenario.graphs) graph.kind = ArrivalKind::Poisson;
     return scenario;
 }
 

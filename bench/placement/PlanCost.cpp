@@ -6,6 +6,7 @@
 
 #include "bench/CpuTime.h"
 #include "scheduling/placement/PlacementPlanner.h"
+#include "tests/fakes/PlacementMoves.h"
 
 namespace kelm {
 
@@ -16,16 +17,6 @@ constexpr int kFirstPlans = 10;
 void changeRates(std::vector<double>& rates, std::mt19937& random) {
     for (double& rate : rates) {
         if (random() % 100 < 5) rate = static_cast<double>(random() % 100);
-    }
-}
-
-void applyPlan(PlacementPicture& picture, const PlacementPlan& plan) {
-    for (const PlacementMove& move : plan.moves) {
-        PlacementGraph& graph = picture.graphs[move.graph - 1];
-        std::erase_if(graph.places, [&](auto& place) { return place.device == move.from; });
-        if (move.device == 0) continue;
-        graph.places.push_back({move.device, picture.now});
-        graph.requested = false;
     }
 }
 

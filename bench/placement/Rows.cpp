@@ -40,7 +40,7 @@ std::vector<Scenario> makeRows(double loadTime, uint64_t seed) {
         scenario.loadTime = loadTime;
         scenario.seed = seed;
         for (size_t i = 0; i < row.rates.size(); ++i) {
-            GraphLoadSpec& graph = scenario.graphs.emplace_back();
+            GraphTraffic& graph = scenario.graphs.emplace_back();
             graph.rate = row.rates[i];
             graph.kind = ArrivalKind::Poisson;
             graph.taskTime = row.taskTime;

@@ -10,7 +10,7 @@ namespace kelm {
 // How the tasks of one graph arrive.
 enum class ArrivalKind { Constant, Poisson, Bursts, Day, Swap };
 
-struct GraphLoadSpec {
+struct GraphTraffic {
     double rate = 0.0;  // tasks a second; the mean but for swaps, where it is the rate before
     ArrivalKind kind = ArrivalKind::Constant;
     double otherRate = 0.0;  // after a swap
@@ -26,7 +26,7 @@ struct Scenario {
     std::vector<double> speeds;  // one for each device
     uint32_t slots = 1;
     uint32_t deviceMemory = 512;
-    std::vector<GraphLoadSpec> graphs;
+    std::vector<GraphTraffic> graphs;
     double loadTime = 0.0;   // of a graph onto a slot
     size_t inFlight = 2;     // tasks of a worker
     size_t waitLimit = 300;  // tasks that wait; more are refused
@@ -39,8 +39,8 @@ struct Scenario {
 };
 
 // The rate at a moment of the load, from 0 to `seconds`.
-double rateAt(const GraphLoadSpec& spec, double time);
+double rateAt(const GraphTraffic& traffic, double time);
 // The highest of these.
-double peakRate(const GraphLoadSpec& spec);
+double peakRate(const GraphTraffic& traffic);
 
 }  // namespace kelm

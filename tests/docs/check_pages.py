@@ -22,7 +22,7 @@ from pages import Block, Page, list_pages
 
 SOURCES = ("client", "kelm", "libkelm", "protocol", "python/kelm", "service", "tools", "utils")
 # Of the machine, and not there on each that runs the tests.
-OTHER_PROGRAMS = {"adduser", "apt", "journalctl", "ninja", "podman", "sudo", "systemctl", "udevadm"}
+OTHER_PROGRAMS = {"adduser", "apt", "journalctl", "ninja", "podman", "prometheus", "sudo", "systemctl", "udevadm"}
 ADJACENT = re.compile(r'"\s*(?:f|R)?"')
 UNITS = {"KB": 1 << 10, "MB": 1 << 20, "GB": 1 << 30}
 

@@ -13,6 +13,7 @@ import os
 import pathlib
 import pty
 import re
+import select
 import shlex
 import shutil
 import signal
@@ -80,8 +81,7 @@ class World:
         if not ended:
             status = os.waitpid(pid, 0)[1]
             output += f"\n@@failed still running after {LIMIT_SECONDS} s\n".encode()
-        time.sleep(0.1)  # the terminal hands on late what was written to it
-        output += drain(terminal)
+        output += read_rest(terminal)
         return output.decode(errors="replace").replace("\r\n", "\n"), status == 0
 
     def remove_processes(self) -> None:
@@ -102,6 +102,17 @@ def drain(terminal: int) -> bytes:
             data += piece
     except OSError:
         pass  # nothing more yet, or nobody writes any more
+    return data
+
+
+def read_rest(terminal: int) -> bytes:
+    """Until nobody holds the other end; who outlives the page does not hold this up for ever."""
+    data = b""
+    while select.select([terminal], [], [], 2.0)[0]:
+        try:
+            data += os.read(terminal, 65536)
+        except OSError:
+            break
     return data
 
 

@@ -41,8 +41,8 @@ class ServiceInProcess {
     const TempDir& files() const { return m_dir; }
 
     static MessageDispatcher& dispatcher() { return MessageDispatcher::instance(); }
-    // The lowest connection number of a client: below are the two listeners, for clients and tools.
-    static constexpr int kFirstClientNumber = 2;
+    // The lowest connection number of a client: below are the listeners for clients and tools.
+    static constexpr int kFirstClientNumber = 3;
     // Whether no connection but the listeners is left.
     static bool noConnections() {
         for (int number = kFirstClientNumber; number < IPC::IPC_CONN_FD_MAX; ++number) {

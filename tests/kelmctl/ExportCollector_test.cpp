@@ -41,6 +41,7 @@ StatusLook makeLook(pid_t pid, const std::vector<Held>& devices, uint64_t infere
         graph.inferences = inferences;
     }
     look.status.deviceCount = static_cast<uint32_t>(devices.size());
+    look.status.graphCount = 1;  // listed or not
     return look;
 }
 
@@ -83,6 +84,13 @@ TEST(ExportCollectorTest, CountsMovesReplugsAndInferencesAcrossServices) {
         {"another one, which still looks for it", makeLook(8, {{1, "g"}}, 2), "0", "1", "4", "3",
          "9"},
         {"and has found it", makeLook(8, {{1, "g"}, {2, ""}}, 2), "1", "1", "4", "3", "9"},
+        {"one whose process is not seen", makeLook(0, {{1, "g"}}, 3), "0", "1", "5", "3", "12"},
+        {"a look that fails", std::nullopt, "", "", "5", "3", "12"},
+        {"its counts go on", makeLook(0, {{1, "g"}}, 5), "0", "1", "5", "3", "14"},
+        {"a look that fails", std::nullopt, "", "", "5", "3", "14"},
+        {"another one", makeLook(0, {{1, "g", "11"}}, 4), "0", "1", "6", "4", "18"},
+        {"no room for the graph", makeLook(0, {{1, ""}}), "0", "1", "6", "5", "18"},
+        {"some again", makeLook(0, {{1, "g", "11"}}, 6), "0", "1", "7", "5", "20"},
     };
     ExportCollector collector;
     Time now{};

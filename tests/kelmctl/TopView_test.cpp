@@ -2,6 +2,7 @@
 
 #include <clocale>
 
+#include "tools/kelmctl/EventHistory.h"
 #include "tools/kelmctl/SafeText.h"
 
 namespace kelm::ctl {
@@ -69,6 +70,25 @@ TEST_F(TopViewTest, HostileNamesAndSizesKeepTheirPlaces) {
             for (size_t height = 1; height < 60; height += 8) (void)draw(width, height, utf8);
         }
     }
+}
+
+TEST_F(TopViewTest, MovesStandNewestFirstBelowTheirNumberSinceTheStart) {
+    EXPECT_THAT(draw(), Not(HasSubstr("MOVES")));
+    EventHistory history{3, {{"demand", 40}, {"tag", 2}}, {}};
+    for (const char* line :
+         {R"({"kind":"placement","seq":2,"action":"loaded","graph":"old","device":"D0"})",
+          R"({"kind":"client","seq":3,"action":"registered"})",
+          R"({"kind":"placement","seq":4,"action":"moved","graph":"\u001b[2Jnew","device":"D1",
+              "from":"D0","reason":"reset"})"}) {
+        history.events.push_back(parseEvent(line));
+    }
+    TopMoves moves;
+    moves.begin(history);
+    m_model.setMoves(moves);
+    const std::string text = draw();
+    EXPECT_THAT(text, AllOf(HasSubstr("MOVES of 43"), HasSubstr("moved ?[2Jnew"),
+                            HasSubstr("D0 -> D1, reset")));
+    EXPECT_LT(text.find("[2Jnew"), text.find("loaded old"));
 }
 
 TEST_F(TopViewTest, KeysReachTheSelectedSectionAndScrollToItsEnd) {

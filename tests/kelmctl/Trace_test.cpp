@@ -21,13 +21,15 @@ struct Span {
 class TraceTest : public ::testing::Test {
  protected:
     // A tick is a nanosecond.
-    int run(const std::string& frames, const std::string& tasks, const std::string& threads = "") {
+    int run(const std::string& frames, const std::string& tasks, const std::string& threads = "",
+            const std::string& events = "") {
         TraceOptions options;
         options.frames = m_directory.write("frames.csv", frames);
         options.tasks = m_directory.write("tasks.csv", tasks);
         options.output = m_directory.path() + "/out.json";
         options.tscMhz = 1000.0;
         options.threads = m_directory.write("thread.info", threads);
+        if (!events.empty()) options.events = m_directory.write("events", events);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         const int status = runTrace(options);
@@ -121,6 +123,20 @@ TEST_F(TraceTest, TasksShareAsManyLanesAsAreUnderWayAtOnce) {
     EXPECT_EQ(run("", tasks), 0);
     EXPECT_EQ(spans().size(), 1000U);
     EXPECT_EQ(m_lanes, 8U);
+}
+
+TEST_F(TraceTest, GraphsAndDevicesOfSpansHaveTheNamesThatTheEventsTell) {
+    EXPECT_EQ(run("", "unload_graph_2_device_0,1,2,10,11\nload_graph_3,1,2,10,11\n", "",
+                  R"({"graph_id":2,"graph":"a \"net\"","device_id":0,"device":"Fake0"})"),
+              0);
+    std::map<std::string, Json> details;
+    for (const Json& event : m_events) {
+        if (event["ph"] != "M" && event["ph"] != "e")
+            details[event["name"]] = event.value("args", Json());
+    }
+    EXPECT_EQ(details["unload_graph_2_device_0"],
+              Json({{"graph", "a \"net\""}, {"device", "Fake0"}}));
+    EXPECT_EQ(details["load_graph_3"], Json());
 }
 
 TEST_F(TraceTest, ThreadsAndProcessesHaveTheirNames) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "fakes/PlacementMoves.h"
 #include "scheduling/placement/DemandEstimator.h"
 
 namespace kelm {
@@ -34,13 +35,7 @@ struct World {
             picture.graphs[i].arrivals = static_cast<uint64_t>(m_arrived[i]);
         }
         const PlacementPlan plan = planner.plan(picture);
-        for (const PlacementMove& move : plan.moves) {
-            PlacementGraph& graph = picture.graphs[move.graph - 1];
-            std::erase_if(graph.places, [&](auto& place) { return place.device == move.from; });
-            if (move.device == 0) continue;
-            graph.places.push_back({move.device, picture.now});
-            graph.requested = false;
-        }
+        applyPlan(picture, plan);
         return plan;
     }
     // Number of devices by graph: "2 1 0".

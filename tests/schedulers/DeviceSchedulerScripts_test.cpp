@@ -22,6 +22,31 @@ void playAll(std::span<const Row> rows, Args... args) {
     }
 }
 
+// Of either scheduler that shares devices.
+const Row kSharedRows[] = {
+    {"an unload takes back a load that waits, and is confirmed", "+a | L1 U1", "| gone1"},
+    {"the second failure is answered and leaves no pointer behind", "+a !a L1 | | | U1 / |",
+     "a+1 | fail1=-130 a+1 | | / gone1 |"},
+    {"a worker that comes and leaves in one pass is deleted once", "+a -a / | L1 |", "/ lefta | |"},
+    {"graphs of a worker that is plugged out move in the same pass", "+a L1 | +b -a",
+     "1x1 ok1 a+1 | 1x1 a-1 b+1 lefta"},
+    {"a device that refuses as lost gets no more loads and gives back", "+a L1 | ^a L2 | +b |",
+     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 1x1 2x1"},
+    {"what a lost device has cached leaves with the graph, the worker also after a dropped "
+     "plan",
+     "+a L1 | ^a L2 | +b | U1 | -a / |",
+     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 2x1 gone1 a-1 b-1 | 2x1 / 2x1 lefta | 2x1"},
+    {"a dropped plan gives back only what it took out", "+a L1 L2 | l1 U2 / | U1",
+     "1x1 2x1 ok1 ok2 a+2 | 1x1 2x1 / 1x1 ok1 gone2 a-2 | gone1 a-1"},
+    {"the graph of a device that failed and stays moves", "+a L1 | +b *a |",
+     "1x1 ok1 a+1 | 1x1 a~1 b+1 | 1x1"},
+};
+
+const Row kSharedRowsOfOneGraph[] = {
+    {"a graph without a place waits for a device without an answer", "L1 | | +a",
+     "| | 1x1 ok1 a+1"},
+};
+
 class SqueezeRig : public SchedulerRig<DeviceSchedulerSqueeze2> {
  public:
     explicit SqueezeRig(int graphsPerDevice) {
@@ -34,35 +59,17 @@ class SqueezeRig : public SchedulerRig<DeviceSchedulerSqueeze2> {
 };
 
 const Row kSqueezeRows[] = {
-    {"an unload takes back a load that waits, and is confirmed", "+a | L1 U1", "| gone1"},
-    {"the second failure is answered and leaves no pointer behind", "+a !a L1 | | | U1 / |",
-     "a+1 | fail1=-130 a+1 | | / gone1 |"},
     {"an unload between two tries is confirmed without another", "+a !a L1 | U1", "a+1 | gone1"},
     {"one good device of two is enough, the other's slot is freed", "+a +b !b L1 |",
      "1x1 ok1 a+1 b+1 | 1x1 b+1"},
     {"a stable plan touches no device", "+a L1 |", "1x1 ok1 a+1 | 1x1"},
-    {"a worker that comes and leaves in one pass is deleted once", "+a -a / | L1 |", "/ lefta | |"},
-    {"graphs of a worker that is plugged out move in the same pass", "+a L1 | +b -a",
-     "1x1 ok1 a+1 | 1x1 a-1 b+1 lefta"},
-    {"a device that refuses as lost gets no more loads and gives back", "+a L1 | ^a L2 | +b |",
-     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 1x1 2x1"},
     {"so does one that is closed", "+a L1 | oa L2 | +b |",
      "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 1x1 2x1"},
-    {"what a lost device has cached leaves with the graph, the worker also after a dropped "
-     "plan",
-     "+a L1 | ^a L2 | +b | U1 | -a / |",
-     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 2x1 gone1 a-1 b-1 | 2x1 / 2x1 lefta | 2x1"},
-    {"a dropped plan gives back only what it took out", "+a L1 L2 | l1 U2 / | U1",
-     "1x1 2x1 ok1 ok2 a+2 | 1x1 2x1 / 1x1 ok1 gone2 a-2 | gone1 a-1"},
-    {"the graph of a device that failed and stays moves", "+a L1 | +b *a |",
-     "1x1 ok1 a+1 | 1x1 a~1 b+1 | 1x1"},
     {"a graph is not given up while a worker refers to it", "+a +b +x !a !b L1 | | -x",
      "1x1 a+1 b+1 | 1x1 a+1 b+1 | fail1=-130 a+1 b+1 leftx"},
 };
 
 const Row kSqueezeRowsOfOneGraph[] = {
-    {"a graph without a place waits for a device without an answer", "L1 | | +a",
-     "| | 1x1 ok1 a+1"},
     {"a graph that is switched out stays cached until it is unloaded", "+a L1 | L2 | U1",
      "1x1 ok1 a+1 | 2x1 ok2 a+1 a~1 | 2x1 gone1 a-1"},
     {"graphs go where they are cached", "+a L1 | L2 | +b",
@@ -70,7 +77,9 @@ const Row kSqueezeRowsOfOneGraph[] = {
 };
 
 TEST(DeviceSchedulerScripts, SqueezeSharesDevicesAndKeepsCachesInUse) {
+    playAll<SqueezeRig>(kSharedRows, 2);
     playAll<SqueezeRig>(kSqueezeRows, 2);
+    playAll<SqueezeRig>(kSharedRowsOfOneGraph, 1);
     playAll<SqueezeRig>(kSqueezeRowsOfOneGraph, 1);
 }
 
@@ -84,30 +93,12 @@ class AdaptiveRig : public SchedulerRig<DeviceSchedulerAdaptive> {
 };
 
 const Row kAdaptiveRows[] = {
-    {"an unload takes back a load that waits, and is confirmed", "+a | L1 U1", "| gone1"},
-    {"the second failure is answered and leaves no pointer behind", "+a !a L1 | | | U1 / |",
-     "a+1 | fail1=-130 a+1 | | / gone1 |"},
     {"a graph that a device refused goes to another", "+a +b !a L1 | |", "a+1 | 1x1 ok1 b+1 | 1x1"},
     {"graphs have devices of their own while there are some", "+a +b L1 L2 L3 |",
      "1x1 2x1 3x1 ok1 ok2 ok3 a+2 b+1 | 1x1 2x1 3x1"},
-    {"a worker that comes and leaves in one pass is deleted once", "+a -a / | L1 |", "/ lefta | |"},
-    {"graphs of a worker that is plugged out move in the same pass", "+a L1 | +b -a",
-     "1x1 ok1 a+1 | 1x1 a-1 b+1 lefta"},
-    {"a device that refuses as lost gets no more loads and gives back", "+a L1 | ^a L2 | +b |",
-     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 1x1 2x1"},
-    {"what a lost device has cached leaves with the graph, the worker also after a dropped "
-     "plan",
-     "+a L1 | ^a L2 | +b | U1 | -a / |",
-     "1x1 ok1 a+1 | 1x1 a+1 | 1x1 2x1 ok2 a~1 b+2 | 2x1 gone1 a-1 b-1 | 2x1 / 2x1 lefta | 2x1"},
-    {"a dropped plan gives back only what it took out", "+a L1 L2 | l1 U2 / | U1",
-     "1x1 2x1 ok1 ok2 a+2 | 1x1 2x1 / 1x1 ok1 gone2 a-2 | gone1 a-1"},
-    {"the graph of a device that failed and stays moves", "+a L1 | +b *a |",
-     "1x1 ok1 a+1 | 1x1 a~1 b+1 | 1x1"},
 };
 
 const Row kAdaptiveRowsOfOneGraph[] = {
-    {"a graph without a place waits for a device without an answer", "L1 | | +a",
-     "| | 1x1 ok1 a+1"},
     {"a graph that waits takes the place of an idle one, which stays cached", "+a L1 | L2 | U1",
      "1x1 ok1 a+1 | 2x1 ok2 a+1 a~1 | 2x1 gone1 a-1"},
     {"a new device takes a graph that has no place", "+a L1 | L2 | +b",
@@ -115,7 +106,9 @@ const Row kAdaptiveRowsOfOneGraph[] = {
 };
 
 TEST(DeviceSchedulerScripts, AdaptiveMovesNothingThatNeedNotMove) {
+    playAll<AdaptiveRig>(kSharedRows, 2);
     playAll<AdaptiveRig>(kAdaptiveRows, 2);
+    playAll<AdaptiveRig>(kSharedRowsOfOneGraph, 1);
     playAll<AdaptiveRig>(kAdaptiveRowsOfOneGraph, 1);
 }
 

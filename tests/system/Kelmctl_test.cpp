@@ -69,6 +69,31 @@ class KelmctlTest : public SystemFixture {
     bool m_hangs = false;  // the service, which then finds clients vanished
 };
 
+TEST_F(KelmctlTest, EventsAndExplanationTellOfAGraphThatIsLoaded) {
+    start(0);
+    service().useRunDir();
+    CommandProcess load("load --hold " + graph() + " >/dev/null");
+    EXPECT_EQ(run("wait-ready --graph graph"), 0) << m_output;
+    EXPECT_EQ(run("explain graph"), 0) << m_output;
+    EXPECT_THAT(m_output, AllOf(HasSubstr("It is on Fake"), HasSubstr("loaded it onto Fake")));
+    EXPECT_EQ(run("explain other"), 1);
+    const std::string log = service().dir() + "/events";
+    const CommandProcess follower("events --follow --json >" + log);
+    load.signal(SIGTERM);
+    (void)load.wait();
+    EXPECT_TRUE(eventually([&] { return read(log).find("client_gone") != std::string::npos; }));
+    EXPECT_EQ(run("events --json"), 0);
+    std::istringstream lines(m_output);
+    uint64_t last = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const auto event = nlohmann::json::parse(line);
+        EXPECT_EQ(event["schema"], 1);
+        EXPECT_EQ(event["seq"], last + 1) << line;
+        last = event["seq"];
+    }
+    EXPECT_GT(last, 5U);
+}
+
 TEST_F(KelmctlTest, InferenceWritesItsOutput) {
     start(0);
     const TempDir& files = service().files();

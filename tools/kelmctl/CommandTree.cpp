@@ -7,6 +7,8 @@
 #include "tools/kelmctl/BenchCommand.h"
 #include "tools/kelmctl/ConfigCommand.h"
 #include "tools/kelmctl/DoctorCommand.h"
+#include "tools/kelmctl/EventsCommand.h"
+#include "tools/kelmctl/ExplainCommand.h"
 #include "tools/kelmctl/InferCommand.h"
 #include "tools/kelmctl/LoadCommand.h"
 #include "tools/kelmctl/ResetCommand.h"
@@ -174,6 +176,31 @@ Command addTop(CLI::App& app) {
     return {command, [] { return runTop(); }};
 }
 
+Command addEvents(CLI::App& app) {
+    CLI::App* command = app.add_subcommand(
+        "events", "print what has happened to graphs, devices and clients, and why");
+    const auto options = std::make_shared<EventsOptions>();
+    command->add_flag("--follow", options->follow, "and what happens from now on");
+    command->add_flag("--json", options->json, "as one object a line");
+    command
+        ->add_option("--since", options->since,
+                     "only events from this number on, or from this time: an age as 90s, 10m, 2h "
+                     "or 1d, a time as 21:30 or 2026-01-31T21:30:05")
+        ->type_name("SEQ|TIME");
+    return {command, [options] { return runEvents(*options); }};
+}
+
+Command addExplain(CLI::App& app) {
+    CLI::App* command =
+        app.add_subcommand("explain", "tell where a graph is, why, and what would change it");
+    const auto options = std::make_shared<ExplainOptions>();
+    command->add_option("graph", options->graph, "id or name, or the end of its path")
+        ->type_name("GRAPH")
+        ->required();
+    command->add_flag("--json", options->json, "as one object");
+    return {command, [options] { return runExplain(*options); }};
+}
+
 Command addTrace(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "trace",
@@ -185,6 +212,9 @@ Command addTrace(CLI::App& app) {
     addFile(*command, "-o,--output", options->output, "the JSON file to write")->required();
     addFile(*command, "--threads", options->threads,
             "the thread.info of the same run, which has the names of the threads");
+    addFile(*command, "--events", options->events,
+            "the output of kelmctl events --json of the same run, which has the names of graphs "
+            "and devices");
     command
         ->add_option("--tsc-mhz", options->tscMhz,
                      "rate of the time stamp counter on the machine that was traced; without it, "
@@ -292,9 +322,9 @@ std::vector<Command> addCommands(CLI::App& app) {
         "and the number of a signal that ended it early.");
     app.set_version_flag("--version", versionText,
                          "print the versions of tool, library and protocol");
-    return {addInfer(app),  addLoad(app),      addBench(app),  addStatus(app), addTop(app),
-            addTrace(app),  addWaitReady(app), addStop(app),   addReset(app),  addConfig(app),
-            addDoctor(app), addExport(app),    addVersion(app)};
+    return {addInfer(app),  addLoad(app),    addBench(app),  addStatus(app),    addTop(app),
+            addEvents(app), addExplain(app), addTrace(app),  addWaitReady(app), addStop(app),
+            addReset(app),  addConfig(app),  addDoctor(app), addExport(app),    addVersion(app)};
 }
 
 }  // namespace kelm::ctl

@@ -110,6 +110,7 @@ std::string statusJson(const StatusLook& look, std::chrono::system_clock::time_p
                  {"devices", devicesOf(merged)},
                  {"graphs", graphsOf(merged)},
                  {"clients", clientsOf(merged)},
+                 {"moves", look.moves ? Json(*look.moves) : Json()},
                  {"memory", look.snapshot ? toJson(look.snapshot->memory) : Json()}});
     if (!look.snapshot) json["snapshot_missing"] = look.snapshotWhy;
     return toJsonText(json);

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "tools/kelmctl/EventHistory.h"
 #include "tools/kelmctl/Interruption.h"
 
 namespace kelm::ctl {
@@ -13,6 +14,16 @@ client::Result<client::Snapshot> readSnapshot(client::Deadline deadline) {
     const auto reader = client::SnapshotReader::connect({}, deadline);
     if (!reader) return reader.error();
     return reader.value()->read(deadline);
+}
+
+// From the greeting of the events socket.
+std::optional<std::map<std::string, uint64_t>> readMoves(client::Deadline deadline) {
+    try {
+        auto history = fetchHistory(0, deadline);
+        if (history) return std::move(history.value().moves);
+    } catch (const std::exception&) {  // of another version: as if it did not tell
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -33,6 +44,7 @@ client::Result<StatusLook> StatusSource::look(client::Deadline deadline) {
     } else {
         look.snapshotWhy = snapshot.error().text();
     }
+    look.moves = readMoves(deadline);
     return look;
 }
 

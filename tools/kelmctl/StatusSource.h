@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +20,9 @@ struct StatusLook {
     std::optional<client::Snapshot> snapshot;
     std::string snapshotWhy;
     pid_t servicePid = 0;  // 0: not seen from here
+    // Graphs loaded, unloaded or moved since the service's start, by reason; none from a service
+    // that does not tell.
+    std::optional<std::map<std::string, uint64_t>> moves;
 };
 
 // Looks at the service, as its client "kelmctl"; after a failure the next look connects anew.

@@ -43,13 +43,19 @@ constexpr TopColumn kClientColumns[] = {
     {"HISTORY", Kind::kHistory, Value::kRate, Format::kText, 0, 3, 60},
 };
 
+constexpr TopColumn kMoveColumns[] = {
+    {"MOVES", Kind::kName, Value::kRate, Format::kText, 0, 5, 0},
+    {"WHERE AND WHY", Kind::kDetail, Value::kRate, Format::kText, 0, 4, 40},
+    {"EVENT", Kind::kValue, Value::kNumber, Format::kCount, kCountWidth, 0, 50},
+};
+
 struct SectionRow {
     std::span<const TopColumn> columns;
     size_t firstOrder;
 };
-// Devices keep their places; of graphs and clients the busiest come first.
+// Devices keep their places; of graphs and clients the busiest come first, of moves the newest.
 constexpr SectionRow kSections[kTopSections] = {
-    {kDeviceColumns, 0}, {kGraphColumns, 3}, {kClientColumns, 2}};
+    {kDeviceColumns, 0}, {kGraphColumns, 3}, {kClientColumns, 2}, {kMoveColumns, 2}};
 
 }  // namespace
 

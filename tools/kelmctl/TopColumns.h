@@ -5,8 +5,8 @@
 
 namespace kelm::ctl {
 
-enum class TopSection : size_t { kDevices, kGraphs, kClients };
-constexpr size_t kTopSections = 3;
+enum class TopSection : size_t { kDevices, kGraphs, kClients, kMoves };
+constexpr size_t kTopSections = 4;
 
 // The numbers of a row; which of them a section has, its columns tell.
 enum class TopValue : size_t {
@@ -17,7 +17,7 @@ enum class TopValue : size_t {
     kDevices,  // that hold the graph
     kWaiting,  // tasks
     kInferences,
-    kNumber,  // id of the device, clients of the graph
+    kNumber,  // id of the device, clients of the graph, number of the event
 };
 constexpr size_t kTopValues = 8;
 

@@ -45,6 +45,7 @@ class Top {
         if (!news.snapshotWhy.empty()) m_model.setSnapshotGone(news.snapshotWhy);
         if (m_controls.isPaused() && m_model.service().up) return;
         if (news.snapshot) m_model.setSnapshot(*news.snapshot, now);
+        if (news.moves) m_model.setMoves(*news.moves);
         if (news.status) m_model.setStatus(*news.status, now);
     }
 

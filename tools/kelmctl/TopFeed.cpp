@@ -5,32 +5,36 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tools/kelmctl/EventHistory.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm::ctl {
 
 namespace {
 constexpr client::Deadline kDeadline{2000};
-}
+}  // namespace
 
-// Two threads, since a query waits for its answer while the stream waits for its next snapshot.
+// Threads, since a query waits for its answer while the streams wait for what comes next.
 TopFeed::TopFeed(std::chrono::milliseconds interval)
     : m_interval(interval), m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!m_wakeFd) throw std::runtime_error("cannot make an event descriptor");
     m_statusThread = std::thread([this] { statusRoutine(); });
     m_snapshotThread = std::thread([this] { snapshotRoutine(); });
+    m_eventThread = std::thread([this] { eventRoutine(); });
 }
 
-// The reader is interrupted; a query ends by its deadline.
+// The readers are interrupted; a query ends by its deadline.
 TopFeed::~TopFeed() {
     {
         MutexLock lock(m_mutex);
         m_stop = true;
         if (m_reader) m_reader->interrupt();
+        if (m_events) m_events->interrupt();
     }
     m_stopped.notifyAll();
     m_statusThread.join();
     m_snapshotThread.join();
+    m_eventThread.join();
 }
 
 TopNews TopFeed::take() {
@@ -117,7 +121,7 @@ std::string TopFeed::followSnapshots() {
     while (true) {
         const auto snapshot = reader->read();
         if (!snapshot) {
-            (void)publish(nullptr);
+            (void)publish(std::shared_ptr<client::SnapshotReader>());
             return snapshot.error().text();
         }
         {
@@ -126,6 +130,50 @@ std::string TopFeed::followSnapshots() {
             m_news.snapshotWhy.clear();
         }
         wakeReader();
+    }
+}
+
+bool TopFeed::publish(std::shared_ptr<client::EventReader> reader) {
+    MutexLock lock(m_mutex);
+    m_events = std::move(reader);
+    return !m_stop;
+}
+
+void TopFeed::tell(const TopMoves& moves) {
+    {
+        MutexLock lock(m_mutex);
+        m_news.moves = moves;
+    }
+    wakeReader();
+}
+
+// Why there are none the line about the service tells; one that has no such socket has no moves.
+void TopFeed::eventRoutine() {
+    ThreadUtils::setName("TopEvents");
+    do {
+        try {
+            followEvents();
+        } catch (const std::exception&) {  // the stream is none that this program knows
+        }
+        (void)publish(std::shared_ptr<client::EventReader>());
+    } while (waitInterval());
+}
+
+// Told at once where nothing else comes, but not each of many that come together.
+void TopFeed::followEvents() {
+    auto connected = client::EventReader::connect({}, kDeadline);
+    if (!connected) return;
+    const std::shared_ptr<client::EventReader> reader = std::move(connected.value());
+    if (!publish(reader)) return;
+    const auto history = readHistory(*reader, kAllEvents, kDeadline);
+    if (!history) return;
+    TopMoves moves;
+    moves.begin(history.value());
+    while (true) {
+        if (!reader->hasLine()) tell(moves);
+        const auto line = reader->read(kAnyTime);
+        if (!line) return;
+        moves.add(parseEvent(line.value()));
     }
 }
 

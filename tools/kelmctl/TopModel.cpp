@@ -75,6 +75,18 @@ void TopModel::setSnapshot(const client::Snapshot& snapshot, Time now) {
     merge(false);
 }
 
+void TopModel::setMoves(const TopMoves& moves) {
+    m_moveCount = moves.total;
+    Rows& rows = m_rows[static_cast<size_t>(TopSection::kMoves)];
+    rows.clear();
+    for (const TopMoves::Row& move : moves.rows) {
+        TopRow& row = rows.emplace_back();
+        row.name = move.what;
+        row.detail = move.where;
+        row.value(TopValue::kNumber) = toDouble(move.sequence);
+    }
+}
+
 // Told again with each try; the time is that of the first.
 void TopModel::setGone(const std::string& why, Time now) {
     m_service.why = why;

@@ -11,15 +11,16 @@
 #include "client/Status.h"
 #include "tools/kelmctl/TopColumns.h"
 #include "tools/kelmctl/TopHistory.h"
+#include "tools/kelmctl/TopMoves.h"
 
 namespace kelm::ctl {
 
 struct MergedStatus;
 
-// A device, a graph or a client. What is not known has no value. Texts are as they came.
+// A device, a graph, a client or a move. What is not known has no value. Texts are as they came.
 struct TopRow {
     std::string name;
-    std::string detail;  // the device's graph, the client's protocol version
+    std::string detail;  // the device's graph, the client's protocol version, a move's devices
     std::array<std::optional<double>, kTopValues> values;
     std::array<TopHistory, 2> histories;  // of kRate and kRateOut
 
@@ -58,6 +59,7 @@ class TopModel {
 
     void setStatus(const client::ServiceStatus& status, Time now);
     void setSnapshot(const client::Snapshot& snapshot, Time now);
+    void setMoves(const TopMoves& moves);
     // The service, or the stream of snapshots, was lost; the last rows stay.
     void setGone(const std::string& why, Time now);
     void setSnapshotGone(const std::string& why);
@@ -68,6 +70,9 @@ class TopModel {
     // None as long as the stream is lost.
     const std::optional<client::Snapshot>& snapshot() const { return m_snapshot; }
     const std::string& snapshotWhy() const { return m_snapshotWhy; }
+
+    // Since the service's start; none before it was told.
+    std::optional<uint64_t> moveCount() const { return m_moveCount; }
 
     // The rows that pass the filter, in order; ties by name.
     std::vector<const TopRow*> rows(TopSection section, const TopOrder& order) const;
@@ -90,6 +95,7 @@ class TopModel {
     std::optional<client::Snapshot> m_snapshot;
     std::string m_snapshotWhy;
     TopHistory m_serviceHistory;
+    std::optional<uint64_t> m_moveCount;
     std::array<Rows, kTopSections> m_rows;
 
     // The clients' inferences at an earlier snapshot and what they came to a second since, by id.

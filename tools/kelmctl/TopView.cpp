@@ -244,13 +244,20 @@ void TopView::drawHelp(TopGrid& grid) const {
              TopStyle::kDim);
 }
 
+// A service that tells of no moves leaves the lines to the others.
+bool TopView::isShown(TopSection section) const {
+    if (section == m_controls.selected()) return true;
+    if (m_controls.isZoomed()) return false;
+    return section != TopSection::kMoves || m_model.rowCount(section) > 0;
+}
+
 // Each section costs a line for its heading, also without rows.
 std::vector<TopView::Part> TopView::partsFor(size_t lines) const {
     std::vector<Part> parts;
     std::vector<size_t> needs;
     for (size_t i = 0; i < kTopSections; ++i) {
         const auto section = static_cast<TopSection>(i);
-        if (m_controls.isZoomed() && section != m_controls.selected()) continue;
+        if (!isShown(section)) continue;
         parts.push_back({section, m_model.rows(section, m_controls.order(section))});
         needs.push_back(parts.back().rows.size());
     }
@@ -305,6 +312,10 @@ void TopView::drawHeading(TopGrid& grid, size_t y, const Part& part,
         // shown.
         if (place.column == sorted) title += sortMark(order.reversed == isNumber, m_utf8);
         if (place.column->kind == TopColumn::Kind::kName) title += shownRange(part);
+        if (place.column->kind == TopColumn::Kind::kName && part.section == TopSection::kMoves) {
+            const auto total = m_model.moveCount();
+            if (total) title += U" of " + count(static_cast<double>(*total));
+        }
         grid.put(place.x, y,
                  isNumber ? fitColumnsRight(title, place.width) : fitColumns(title, place.width),
                  style);

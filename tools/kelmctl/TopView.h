@@ -58,6 +58,7 @@ class TopView {
                      const std::vector<Place>& places) const;
     void drawRow(TopGrid& grid, size_t y, const TopRow& row,
                  const std::vector<Place>& places) const;
+    bool isShown(TopSection section) const;
     std::u32string shownRange(const Part& part) const;
     size_t firstRow(const Part& part) const;
     std::u32string cellText(const TopRow& row, const Place& place) const;

@@ -29,7 +29,8 @@ void checkOptions(const TraceOptions& options) {
     if (options.tscMhz && !(*options.tscMhz >= kLeastMhz && *options.tscMhz <= kMostMhz)) {
         throw UsageError("a counter has 1 to 100000 MHz");
     }
-    for (const std::string& input : {options.frames, options.tasks, options.threads}) {
+    for (const std::string& input :
+         {options.frames, options.tasks, options.threads, options.events}) {
         std::error_code none;  // a file that is not there is told when it is opened
         if (std::filesystem::equivalent(input, options.output, none)) {
             throw UsageError("the output would replace " + input);
@@ -92,7 +93,8 @@ int runTrace(const TraceOptions& options) {
     TraceReader frames(options.frames, TraceFileKind::kFrames);
     TraceReader tasks(options.tasks, TraceFileKind::kTasks);
     const double mhz = options.tscMhz ? *options.tscMhz : measureTsc();
-    TraceJson json(options.output, mhz, readThreadNames(options.threads));
+    TraceNames names = TraceNames::read(options.events);
+    TraceJson json(options.output, mhz, readThreadNames(options.threads), std::move(names));
     TracePairs pairs;
     readFiles(frames, tasks, pairs, json);
     const std::vector<TraceRow> onlyInFrames = pairs.onlyInFrames();

@@ -11,6 +11,7 @@ struct TraceOptions {
     std::string output;
     std::string threads;           // a thread.info; empty for none
     std::optional<double> tscMhz;  // measured if not given
+    std::string events = {};       // of kelmctl events --json; empty for none
 };
 
 // Turns the two files of the service's tracer into one that trace viewers open. Exit status 0, or 1

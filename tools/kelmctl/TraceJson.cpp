@@ -24,10 +24,12 @@ std::string toMicros(uint64_t nanos) {
 }  // namespace
 
 // Written event by event: a trace may be larger than the memory.
-TraceJson::TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names)
+TraceJson::TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names,
+                     TraceNames idNames)
     : m_path(path),
       m_ticksPerMicro(ticksPerMicro),
       m_names(std::move(names)),
+      m_idNames(std::move(idNames)),
       m_file(path, std::ios::binary | std::ios::trunc) {
     if (!m_file) throw std::runtime_error("cannot write " + m_path);
     m_file << "{\"displayTimeUnit\":\"ns\",\"traceEvents\":[";
@@ -49,7 +51,9 @@ void TraceJson::write(const TraceRow& row, std::string_view note) {
     const uint64_t end = toNanos(row.end);
     beginSpan(place.nested ? 'X' : 'b', row, place, start);
     if (place.nested) m_file << ",\"dur\":" << toMicros(end - start);
-    if (!note.empty()) m_file << ",\"args\":{\"note\":" << toJsonText(note) << "}";
+    nlohmann::json details = m_idNames.describe(row.name);
+    if (!note.empty()) details["note"] = note;
+    if (!details.empty()) m_file << ",\"args\":" << toJsonText(details);
     m_file << "}";
     if (place.nested) return;
     beginSpan('e', row, place, end);

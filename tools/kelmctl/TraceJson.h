@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/kelmctl/TraceLayout.h"
+#include "tools/kelmctl/TraceNames.h"
 #include "tools/kelmctl/TraceRow.h"
 
 namespace kelm::ctl {
@@ -21,7 +22,7 @@ class TraceJson {
 
     // Throws if the file cannot be made. `ticksPerMicro` is the rate of the counter behind the
     // ticks. Threads that `names` does not have are shown by their ids.
-    TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names);
+    TraceJson(const std::string& path, double ticksPerMicro, ThreadNames names, TraceNames idNames);
 
     // A `note` is put into the details of the span, if it is not empty. Spans that stay on their
     // thread, which are few, are kept until the end; all others are written at once.
@@ -42,6 +43,7 @@ class TraceJson {
     const std::string m_path;
     const double m_ticksPerMicro;
     const ThreadNames m_names;
+    const TraceNames m_idNames;
     std::ofstream m_file;
     std::string_view m_separator;
     TraceLayout m_layout;

@@ -95,6 +95,7 @@ constexpr ConfigKey kConfigKeys[] = {
 
     {"debug_settings.debug_service", ConfigKind::kBoolean, "true", "false silences the log altogether"},
     {"debug_settings.enable_tracer", ConfigKind::kBoolean, "false", "writes how long tasks and loads take, see [tracing](tracing.md)"},
+    {"debug_settings.placement_log", ConfigKind::kBoolean, "false", "writes a line for each move of a graph and each change of devices and clients, see [events](events.md)"},
     {"debug_settings.dump_graph", ConfigKind::kSwitch, "off", "writes each graph to a file"},
     {"debug_settings.dump_graph_path", ConfigKind::kDirectory, "", "the directory for these files"},
     {"debug_settings.graph_identity", ConfigKind::kText, "hash", "what makes two graphs the same", {}, {"hash|name", "hash"}},

@@ -56,6 +56,7 @@ class ServiceConfigParser : public ConfigParser, public Singleton<ServiceConfigP
     // debug_settings
     bool isDebugServiceEnabled() const { return boolean("debug_settings.debug_service"); }
     bool isTracerEnabled() const { return boolean("debug_settings.enable_tracer"); }
+    bool isPlacementLogEnabled() const { return boolean("debug_settings.placement_log"); }
     bool isDumpGraphEnabled() const { return isOn("debug_settings.dump_graph"); }
     std::string getGraphDumpPath() const { return directory("debug_settings.dump_graph_path"); }
     std::string getGraphIdentity() const { return text("debug_settings.graph_identity"); }

@@ -1,12 +1,15 @@
 #include "devices/DeviceManager.h"
 
 #include "config/ServiceConfigParser.h"
+#include "execution/KelmDeviceBase.h"
 #include "execution/ResultSink.h"
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
 #include "records/Request.h"
+#include "reporting/EventListener.h"
 #include "reporting/InfoCollector.h"
 #include "reporting/KelmStatus.h"
+#include "reporting/ServiceEvent.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
 #include "utils/Mutex.h"
@@ -96,6 +99,11 @@ void DeviceManager::enqueueResetDevice(Request request) {
 void DeviceManager::resetDevice(Request request) {
     const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;
     if (WorkThread* const worker = m_workers.findWorker(deviceId)) {
+        ServiceEvent event;
+        event.action = EventAction::Reset;
+        event.device = makeEventName(worker->getDevice()->getName());
+        event.clientId = request.getClientId();
+        Port<EventListener>::notify<&EventListener::record>(event);
         return worker->enqueueResetDevice(std::move(request));
     }
     LOG_ERROR("Error: cannot find worker with deviceId(%d)", deviceId);

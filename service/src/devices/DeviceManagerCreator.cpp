@@ -13,7 +13,9 @@
 #include "records/ClientDirectory.h"
 #include "records/KelmGraph.h"
 #include "records/Request.h"
+#include "reporting/EventListener.h"
 #include "reporting/ReportPart.h"
+#include "reporting/ServiceEvent.h"
 #include "scheduling/devices/GraphPlacementListener.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
@@ -34,6 +36,14 @@ constexpr const char* kSource = "DeviceManagerCreator";  // of the parts of repo
 void answerReset(KelmError error, Request request) {
     Port<ResultSink>::notify<&ResultSink::enqueueSendResetDeviceResponse>(error,
                                                                           std::move(request));
+}
+
+// Of all devices.
+void tellReset(uint64_t clientId) {
+    ServiceEvent event;
+    event.action = EventAction::Reset;
+    event.clientId = clientId;
+    Port<EventListener>::notify<&EventListener::record>(event);
 }
 
 // Simulated devices need no bus: the machine may have none.
@@ -167,6 +177,7 @@ void DeviceManagerCreator::enqueueResetDevice(Request request) {
         return answerReset(KELM_ERROR_INVALID_CLIENT, std::move(request));
     }
     if (request.as<KelmMsgReqResetDevice>().resetAllDevices != 0) {
+        tellReset(request.getClientId());
         return m_resets.enqueue(std::move(request));
     }
     const uint32_t deviceId = request.as<KelmMsgReqResetDevice>().deviceId;

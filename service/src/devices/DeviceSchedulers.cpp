@@ -9,6 +9,8 @@
 #include "execution/WorkThread.h"
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
+#include "reporting/EventListener.h"
+#include "reporting/ServiceEvent.h"
 #include "scheduling/devices/DeviceSchedulerBase.h"
 #include "scheduling/devices/DeviceSchedulerFactory.h"
 #include "scheduling/devices/GraphPlacementListener.h"
@@ -32,7 +34,16 @@ constexpr SchedulerText kSchedulerTexts[] = {
     {"squeeze", nullptr},
 };
 
-void notifyLoadFailed(KelmGraph* graph, KelmError error) {
+// No scheduler hears of the graph.
+void notifyLoadFailed(KelmGraph* graph, KelmError error, PlacementReason reason) {
+    ServiceEvent event;
+    event.action = EventAction::Refused;
+    event.reason = reason;
+    event.lack = PlacementLack::Devices;
+    event.code = error;
+    event.graphId = graph->getId();
+    event.graph = makeEventName(graph->getName());
+    Port<EventListener>::notify<&EventListener::record>(event);
     using Listener = GraphPlacementListener;
     Port<Listener>::notify<&Listener::enqueueNotifyLoadGraphDone>(graph, error);
 }
@@ -90,21 +101,21 @@ void DeviceSchedulers::loadGraph(KelmGraph* graph) {
         if (m_slots[TAG].scheduler) return m_slots[TAG].scheduler->loadGraph(graph);
         LOG_ERROR("Error: No device is set for tag scheduler, subclass = %u, required tag = %s",
                   m_subclass, escapeControls(graph->getTag()));
-        return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM);
+        return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM, PlacementReason::Tag);
     }
     if (!graph->getStreamId().empty()) {
         if (m_slots[STREAM].scheduler) return m_slots[STREAM].scheduler->loadGraph(graph);
         LOG_ERROR(
             "Error: No device is set for stream scheduler, subclass = %u, required streamId = %s",
             m_subclass, escapeControls(graph->getStreamId()));
-        return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM);
+        return notifyLoadFailed(graph, KELM_ERROR_INVALID_PARAM, PlacementReason::Stream);
     }
     // Reserved places wait for a device that returns; the ordinary graphs are told at once.
     const Slot& squeeze = m_slots[SQUEEZE];
     if (squeeze.workerCount != 0) return squeeze.scheduler->loadGraph(graph);
     LOG_ERROR("Error: No device available in SqueezeScheduler(%p), SqueezeDeviceNumber=0",
               squeeze.scheduler.get());
-    notifyLoadFailed(graph, KELM_ERROR_NO_DEVICE_AVAILABLE);
+    notifyLoadFailed(graph, KELM_ERROR_NO_DEVICE_AVAILABLE, PlacementReason::Starving);
 }
 
 // Deliberate: falls through to the next kind of scheduler and at last to an answer at once, since a

@@ -10,13 +10,26 @@
 #include "devices/DeviceSettings.h"
 #include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
+#include "reporting/EventListener.h"
 #include "reporting/PopulationListener.h"
+#include "reporting/ServiceEvent.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/StepTrace.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
+
+namespace {
+
+void tellPlug(EventAction action, const std::string& device) {
+    ServiceEvent event;
+    event.action = action;
+    event.device = makeEventName(device);
+    Port<EventListener>::notify<&EventListener::record>(event);
+}
+
+}  // namespace
 
 struct WorkerRegistry::Entry {
     std::string device;
@@ -57,6 +70,7 @@ void WorkerRegistry::createWorkThread(const std::string& device) {
     worker = adoptWorker(std::move(worker), device);
     if (worker) return;  // closed meanwhile: the worker is destroyed here
     LOG_INFO("worker(%s) created on device(%s), type(%d)", workerName, device, m_settings.subclass);
+    tellPlug(EventAction::PluggedIn, device);
 }
 
 // An old worker of the device may still be there, after a removal that was never seen. It is
@@ -137,8 +151,12 @@ bool WorkerRegistry::destroyWorkThread(const std::string& device) {
 
 // A reset takes the device off the bus too, so what is counted here is shown as resets.
 void WorkerRegistry::removeResetWorker(const std::string& device) {
-    MutexLock lock(m_mutex);
-    if (destroyWorkThread(device)) ++m_resetTimes[device];
+    {
+        MutexLock lock(m_mutex);
+        if (!destroyWorkThread(device)) return;
+        ++m_resetTimes[device];
+    }
+    tellPlug(EventAction::PluggedOut, device);
 }
 
 void WorkerRegistry::handleFailure(WorkThread* worker) {

@@ -8,7 +8,10 @@
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
+#include "reporting/EventListener.h"
+#include "reporting/ServiceEvent.h"
 #include "utils/OwedPools.h"
+#include "utils/Port.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
@@ -104,6 +107,15 @@ void KelmDeviceBase::closeDevice() {
     MutexLock lock(m_deviceMutex);
     if (!m_opened) return;
     (void)closeDeviceImpl();  // after a failure, too, there is no use for the device
+}
+
+void KelmDeviceBase::setThermalThrottlingLevel(int32_t level) {
+    const bool wasThrottled = m_thermalThrottlingLevel.exchange(level) > 0;
+    if (wasThrottled == (level > 0)) return;
+    ServiceEvent event;
+    event.action = level > 0 ? EventAction::ThrottlingOn : EventAction::ThrottlingOff;
+    event.device = makeEventName(m_name);
+    Port<EventListener>::notify<&EventListener::record>(event);
 }
 
 int KelmDeviceBase::resetDevice() {

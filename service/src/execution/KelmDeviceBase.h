@@ -125,6 +125,8 @@ class KelmDeviceBase : public NonCopyable {
     virtual int deallocateGraphImpl(KelmGraph* graph, bool keepCached) REQUIRES(m_deviceMutex) = 0;
     virtual int loadTensorImpl(KelmTask* task) = 0;
     virtual int getResultImpl(KelmTask* task) = 0;
+    // Tells the journal when the device begins or ends to be slowed down.
+    void setThermalThrottlingLevel(int32_t level);
     virtual int hardwareResetDeviceCore();  // any thread: a failing call may get here too
     // Drops what the device knows of the graph by its address; handles stay for the destructor.
     virtual void forgetGraphImpl(KelmGraph* graph) REQUIRES(m_deviceMutex);
@@ -138,7 +140,7 @@ class KelmDeviceBase : public NonCopyable {
     std::atomic<uint32_t> m_memorySize{512};
     std::atomic<bool> m_deviceFailed{false};
     std::atomic<float> m_thermal{0.0f};
-    std::atomic<int32_t> m_thermalThrottlingLevel{0};
+    std::atomic<int32_t> m_thermalThrottlingLevel{0};  // by setThermalThrottlingLevel()
     KelmDeviceBase* const m_parent;  // the device this one was cloned from, null for a root
 
  private:

@@ -191,7 +191,7 @@ int KelmFakeDevice::getResultImpl(KelmTask* task) {
 int KelmFakeDevice::updateThermal() {
     const float thermal = static_cast<float>(std::rand() % 5000 + 4500) / 100.0f;
     m_thermal = thermal;
-    m_thermalThrottlingLevel = thermal >= 85.0f ? 1 : 0;
+    setThermalThrottlingLevel(thermal >= 85.0f ? 1 : 0);
     return KELM_OK;
 }
 

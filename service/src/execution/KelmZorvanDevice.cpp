@@ -302,7 +302,7 @@ int KelmZorvanDevice::updateThermal() {
             "Error: qxDeviceGetOption(QX_RO_DEVICE_THERMAL_THROTTLING_LEVEL) failed, "
             "device=%s rc=%d");
     }
-    m_thermalThrottlingLevel = level;
+    setThermalThrottlingLevel(level);
     return KELM_OK;
 }
 

@@ -11,6 +11,8 @@
 #include "protocol/src/KelmError.h"
 #include "records/KelmGraph.h"
 #include "records/KelmTask.h"
+#include "reporting/EventListener.h"
+#include "reporting/ServiceEvent.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 
@@ -21,6 +23,8 @@ namespace {
 constexpr uint64_t kPoolLimit = 100;
 // Longer than a reset takes.
 constexpr std::chrono::seconds kResetLimit{3};
+// From the beginning of a reset to the return of the device, at most.
+constexpr std::chrono::seconds kReturnLimit{30};
 // The device's queues take what is in flight and a little more, so that they never hold up a feed.
 constexpr unsigned int kSpareFifoPlaces = 2;
 
@@ -122,11 +126,21 @@ bool WorkThread::isFailed() const {
     return m_failed || (m_device != nullptr && m_device->isFailed());
 }
 
+bool WorkThread::wasResetLately() const {
+    const auto last = m_lastReset.load();
+    return last != std::chrono::steady_clock::time_point{} &&
+           std::chrono::steady_clock::now() - last < kReturnLimit;
+}
+
 // Slave workers, the thermal thread and the pool may meet the same loss at once.
 void WorkThread::notifyDeviceFailed() {
     if (m_failed.exchange(true)) return;
     using Listener = WorkerFailureListener;
     Port<Listener>::notify<&Listener::enqueueWorkerFailed>(this);
+    ServiceEvent event;
+    event.action = EventAction::Lost;
+    event.device = makeEventName(m_deviceName);
+    Port<EventListener>::notify<&EventListener::record>(event);
 }
 
 void WorkThread::checkDevice() {
@@ -292,6 +306,7 @@ void WorkThread::notifyLoadGraphError(SlaveWorker* slaveWorker) {
 // The mutex is free meanwhile. The device stays for as long as the pool's jobs.
 int WorkThread::resetDevice() {
     if (m_device == nullptr) return KELM_ERROR_INVALID_DEVICE;
+    m_lastReset = std::chrono::steady_clock::now();
     setResetting(true);
     const int result = m_device->resetDevice();
     setResetting(false);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <future>
 #include <memory>
@@ -46,6 +47,8 @@ class WorkThread : public NonCopyable {
     int32_t getSubclass() const { return m_subclass; }
     // The device has failed for good: it takes no graph any more, whatever it still holds.
     bool isFailed() const;
+    // Its device has been reset within the time that such a device takes to come back.
+    bool wasResetLately() const;
     // The root device, null when it failed to open.
     KelmDeviceBase* getDevice() const { return m_device.get(); }
     // The scheduler that the worker belongs to; borrowed.
@@ -119,6 +122,8 @@ class WorkThread : public NonCopyable {
 
     std::atomic<bool> m_failed{false};     // atomic: set once, on any thread
     std::atomic<uint32_t> m_heldTasks{0};  // atomic: a count that a task scheduler compares
+    // Atomic: set by the pool, read by the scheduler's thread, for its reports only.
+    std::atomic<std::chrono::steady_clock::time_point> m_lastReset{};
 
     Mutex m_mutex;
     CondVar m_resetDone;

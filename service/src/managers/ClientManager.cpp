@@ -10,9 +10,11 @@
 #include "records/ClientConnection.h"
 #include "records/KelmClient.h"
 #include "records/Request.h"
+#include "reporting/EventListener.h"
 #include "reporting/InfoCollector.h"
 #include "reporting/PopulationListener.h"
 #include "reporting/ReportPart.h"
+#include "reporting/ServiceEvent.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
@@ -22,6 +24,18 @@
 #include "utils/TimeHelper.h"
 
 namespace kelm {
+
+namespace {
+
+void tellClient(EventAction action, uint64_t clientId, std::string_view name) {
+    ServiceEvent event;
+    event.action = action;
+    event.clientId = clientId;
+    event.client = makeEventName(name);
+    Port<EventListener>::notify<&EventListener::record>(event);
+}
+
+}  // namespace
 
 ClientManager::ClientManager()
     : m_printClientFps(ServiceConfigParser::instance().isPrintClientFpsEnabled()),
@@ -80,6 +94,7 @@ void ClientManager::registerClient(Request request, const ConnectionPtr& connect
     if (const auto& peer = connection->getPeer()) {
         LOG_INFO("client(id:%lu) is of process %d, user %u", clientId, peer->pid, peer->user);
     }
+    tellClient(EventAction::Registered, clientId, name);
     LOG_STEP("enqueueSendRegisterResponse: clientId=%lu socket=%d", clientId, socket);
     ResultDispatcher::instance().enqueueSendRegisterResponse(clientId, KELM_OK, std::move(request));
 }
@@ -205,6 +220,8 @@ std::vector<uint64_t> ClientManager::dropConnectionUnsafe(
 // graph manager reports nothing, since a graph does not keep the client's record.
 void ClientManager::notifyClientInDestroy(uint64_t clientId) {
     LOG_STEP("notify client(%lu) which is in destroy", clientId);
+    // Before the notices, the last of which may end the record.
+    tellClient(EventAction::Departed, clientId, getClientName(clientId).value_or(""));
     GraphManager::instance().enqueueNotifyClientInDestroy(clientId);
     TaskManager::instance().enqueueNotifyClientInDestroy(clientId);
 }

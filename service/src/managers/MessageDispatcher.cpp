@@ -11,6 +11,7 @@
 #include "config/ServiceConfigParser.h"
 #include "devices/DeviceManagerCreator.h"
 #include "managers/ClientManager.h"
+#include "managers/EventReporter.h"
 #include "managers/GraphManager.h"
 #include "managers/InfoPrinter.h"
 #include "managers/RequestConnection.h"
@@ -80,6 +81,7 @@ void MessageDispatcher::init() {
         setupService();
         setupListenThread();
         m_infoPrinter->start();
+        m_eventReporter->start();
         m_ready = true;
         LOG_INFO("Message Dispatcher initialization finished");
     } catch (const std::invalid_argument& error) {
@@ -98,6 +100,7 @@ void MessageDispatcher::reserveConnection() {
 
 // The order of construction is the order of the service's start, and backwards that of its end.
 void MessageDispatcher::setupService() {
+    m_eventReporter = &EventReporter::instance();  // first: the others have events at their end
     m_deviceManagerCreator = &DeviceManagerCreator::instance();
     m_clientManager = &ClientManager::instance();
     m_graphManager = &GraphManager::instance();
@@ -105,6 +108,7 @@ void MessageDispatcher::setupService() {
     m_resultDispatcher = &ResultDispatcher::instance();
     m_infoPrinter = &InfoPrinter::instance();
     m_infoPrinter->setupListenThread();
+    m_eventReporter->setupListenThread();
     (void)MemoryInspector::instance();  // registers itself
 }
 
@@ -121,6 +125,7 @@ void MessageDispatcher::abandonStart() {
     m_listenConnection.reset();
     m_poller.reset();
     if (m_infoPrinter != nullptr) (void)m_infoPrinter->stop();
+    if (m_eventReporter != nullptr) (void)m_eventReporter->stop();
     if (m_deviceManagerCreator != nullptr) m_deviceManagerCreator->stop();
 }
 
@@ -152,6 +157,7 @@ bool MessageDispatcher::stopService() {
     // A package may have waited for a manager that was still at work.
     ended &= printerEnded || m_infoPrinter->stop();
     ended &= m_infoPrinter->waitIdleFor(timeUntil(deadline));
+    ended &= m_eventReporter->stop();  // last, so that readers hear of the end of the others
     if (!ended) return false;  // a listen thread that was left behind may still use the rest
     m_listenConnection.reset();
     m_poller.reset();

@@ -25,6 +25,7 @@ namespace kelm {
 class ClientManager;
 class DeviceManagerCreator;
 class GraphManager;
+class EventReporter;
 class InfoPrinter;
 class Request;
 class RequestConnection;
@@ -112,6 +113,7 @@ class MessageDispatcher final : public Singleton<MessageDispatcher> {
     TaskManager* m_taskManager = nullptr;
     ResultDispatcher* m_resultDispatcher = nullptr;
     InfoPrinter* m_infoPrinter = nullptr;
+    EventReporter* m_eventReporter = nullptr;
     std::shared_ptr<IPC::ConnectionUDS> m_listenConnection;
     std::shared_ptr<IPC::Poller> m_poller;
 

@@ -23,6 +23,7 @@
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
 #include "utils/StandardOutput.h"
+#include "utils/ThreadUtils.h"
 #include "utils/Tracer.h"
 
 namespace kelm {
@@ -187,6 +188,7 @@ int runService(SystemdNotifier& notifier) {
         ExitLimit::start(kTimeToEnd, 0);
         MessageDispatcher::instance().getNotifiedOfZeroClient();
     });
+    ThreadUtils::setName("kelmdaemon");  // the process is known by it; a worker's making changed it
     LOG_INFO("SERVICE IS READY ...");
     std::cout.flush();
     ServiceDaemonHelper::instance().daemonReadyToServe([&notifier] { notifier.ready(); });

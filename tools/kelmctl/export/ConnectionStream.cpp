@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
+
+#include "utils/TextHelper.h"
 
 namespace kelm::ctl {
 
@@ -46,7 +49,22 @@ bool ConnectionStream::fill() {
     }
     m_buffer.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
     m_received += m_buffer.size();
+    hideRanges();
     return !m_buffer.empty();
+}
+
+// The library takes a list of ranges apart by recursion: a header of 8 KB needs some megabytes of
+// stack, more than a thread may have. A line without its colon is passed over.
+void ConnectionStream::hideRanges() {
+    static constexpr std::string_view kName = "range";
+    for (char& character : m_buffer) {
+        if (character == ':' && toLower(m_line) == kName) character = ' ';
+        if (character == '\n') {
+            m_line.clear();
+        } else if (m_line.size() <= kName.size()) {
+            m_line += character;
+        }
+    }
 }
 
 ssize_t ConnectionStream::read(char* data, size_t size) {

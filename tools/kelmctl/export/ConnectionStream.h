@@ -35,6 +35,7 @@ class ConnectionStream final : public httplib::Stream {
     bool wait(short events, Clock::time_point end) const;
     // Whether more of the request has come.
     bool fill();
+    void hideRanges();
 
     const UniqueFd m_socket;
     const int m_endFd;
@@ -42,6 +43,7 @@ class ConnectionStream final : public httplib::Stream {
     size_t m_received = 0;
     std::string m_buffer;   // what has been received last
     size_t m_consumed = 0;  // of it
+    std::string m_line;     // the first characters of the line that comes
 };
 
 }  // namespace kelm::ctl

@@ -59,10 +59,14 @@ ExportSnapshot ExportCollector::addFailure(const std::string& why) {
     return to;
 }
 
-// Where the process is not to be seen, one that answers again after a failure may be another.
 ExportSnapshot ExportCollector::addLook(const StatusLook& look, Time now) {
-    const bool isSame = m_servicePid == look.servicePid && (m_isUp || look.servicePid > 0);
-    if (m_servicePid && !isSame) beginSession();
+    if (m_servicePid && m_servicePid != look.servicePid) {
+        beginSession();
+    } else if (look.servicePid <= 0 && !m_isUp) {
+        // The process is not to be seen, and after a failure this may be another one. Its graphs
+        // count less than those of before.
+        m_devices.beginSession();
+    }
     m_graphs.forget(now);
     m_clients.forget(now);
 
@@ -73,7 +77,7 @@ ExportSnapshot ExportCollector::addLook(const StatusLook& look, Time now) {
     to.service = serviceOf(look);
     if (look.snapshot) {
         countMoves(*look.snapshot, now);
-        countInferences(*look.snapshot, now);
+        countInferences(*look.snapshot, look.status.graphCount, now);
     }
     const MergedStatus merged(look.status, look.snapshot ? &*look.snapshot : nullptr);
     addDevices(merged, to, now);
@@ -118,17 +122,24 @@ void ExportCollector::countMoves(const client::Snapshot& snapshot, Time now) {
     m_placements = std::move(placements);
 }
 
-// What was counted before the first look belongs to nobody's time.
-void ExportCollector::countInferences(const client::Snapshot& snapshot, Time now) {
+// What was counted before the first look belongs to nobody's time. Less than before is another
+// graph. Where the snapshot has no room for all, some leave it and come back.
+void ExportCollector::countInferences(const client::Snapshot& snapshot, size_t graphs, Time now) {
+    constexpr size_t kMostKept = 4096;
     std::map<uint64_t, uint64_t> inferences;
     for (const client::GraphSnapshot& graph : snapshot.graphs) {
         inferences[graph.id] = graph.inferences;
         if (!m_inferences) continue;
         const auto before = m_inferences->find(graph.id);
-        const uint64_t known = before != m_inferences->end() ? before->second : 0;
+        uint64_t known = before != m_inferences->end() ? before->second : 0;
+        if (graph.inferences < known) known = 0;
         if (graph.inferences > known) {
             totalsOf(graph.name, now).inferences += graph.inferences - known;
         }
+    }
+    const bool isWhole = snapshot.graphs.size() >= graphs;
+    if (m_inferences && !isWhole && m_inferences->size() < kMostKept) {
+        inferences.merge(*m_inferences);
     }
     m_inferences = std::move(inferences);
 }

@@ -40,7 +40,7 @@ class ExportCollector {
     void beginSession();
     ExportedTotals& totalsOf(const std::string& graph, Time now);
     void countMoves(const client::Snapshot& snapshot, Time now);
-    void countInferences(const client::Snapshot& snapshot, Time now);
+    void countInferences(const client::Snapshot& snapshot, size_t graphs, Time now);
     void addDevices(const MergedStatus& merged, ExportSnapshot& to, Time now);
     void addGraphs(const MergedStatus& merged, ExportSnapshot& to, Time now);
     void addClients(const MergedStatus& merged, ExportSnapshot& to, Time now);

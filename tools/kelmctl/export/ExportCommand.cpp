@@ -141,6 +141,7 @@ void serve(const ListenAddress& address, const ExportOptions& options, Interrupt
     std::cout << "listening on port " << server.port() << std::endl;
     while (interruption.sleepUntil(Clock::now() + std::chrono::hours(1))) {
     }
+    for (const auto& probe : probes) probe->stop();
 }
 
 }  // namespace

@@ -40,7 +40,6 @@ ExportSampler::ExportSampler(Interruption& interruption, ExportFeed& feed, PageR
 ExportSampler::~ExportSampler() {
     m_stop.stop();
     m_thread.join();
-    (void)m_source.leave();  // it may have been left by the signal
 }
 
 // From one date to the next; dates that a slow look has passed are left out.

@@ -18,7 +18,9 @@ class ExportSampler {
  public:
     // All borrowed for the object's life; the page may be null.
     ExportSampler(Interruption& interruption, ExportFeed& feed, PageRoutes* page);
-    ~ExportSampler();  // waits for the look under way and leaves the service
+    // Waits for the look under way. The service is left by the interruption, with a limit that
+    // suits the end of the process, and else by the end of the connection.
+    ~ExportSampler();
     ExportSampler(const ExportSampler&) = delete;
     ExportSampler& operator=(const ExportSampler&) = delete;
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -109,8 +110,11 @@ class ExportServer::Impl : private httplib::Server {
     void acceptRoutine() {
         ThreadUtils::setName("ExportAccept");
         pollfd fds[] = {{m_listener.get(), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
+        constexpr int kForRefused = 1000;  // milliseconds
         while (fds[1].revents == 0) {
-            if (::poll(fds, std::size(fds), -1) <= 0 || (fds[0].revents & POLLIN) == 0) continue;
+            const int count = ::poll(fds, std::size(fds), m_refused.empty() ? -1 : kForRefused);
+            if (count == 0) closeRefused(0);
+            if (count <= 0 || (fds[0].revents & POLLIN) == 0) continue;
             UniqueFd socket(
                 ::accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (socket) {
@@ -129,7 +133,9 @@ class ExportServer::Impl : private httplib::Server {
             "Content-Length: 21\r\nConnection: close\r\n\r\ntoo many connections\n";
         if (m_connections >= kMaxConnections) {
             (void)::send(socket.get(), kFull.data(), kFull.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-            return;
+            (void)::shutdown(socket.get(), SHUT_WR);
+            m_refused.push_back(std::move(socket));
+            return closeRefused(kMaxConnections);
         }
         ++m_connections;
         m_workers.post([this, socket = std::move(socket)]() mutable {
@@ -138,12 +144,20 @@ class ExportServer::Impl : private httplib::Server {
         });
     }
 
+    // All but the last ones. A request that is not read, or comes after the end, would turn the end
+    // into a reset, which takes the answer away from the peer.
+    void closeRefused(size_t keep) {
+        char request[4096];
+        for (; m_refused.size() > keep; m_refused.pop_front()) {
+            (void)::recv(m_refused.front().get(), request, sizeof(request), MSG_DONTWAIT);
+        }
+    }
+
     void converse(UniqueFd socket) {
         ConnectionStream stream(std::move(socket), m_end.get());
         bool isClosed = false;
-        // Compressing and cutting ranges would cost more than the few bytes that it saves.
+        // Compressing would cost more than the few bytes that it saves.
         (void)process_request(stream, true, isClosed, [](httplib::Request& request) {
-            request.ranges.clear();
             request.headers.erase("Accept-Encoding");
         });
         (void)::shutdown(stream.socket(), SHUT_RDWR);
@@ -214,6 +228,7 @@ class ExportServer::Impl : private httplib::Server {
     std::atomic<int> m_connections{0};
     std::atomic<int> m_streams{0};
     ThreadPool m_workers{"ExportHttp", kMaxConnections, kMaxConnections};
+    std::deque<UniqueFd> m_refused;  // the acceptor's
     std::thread m_acceptor;
 };
 

@@ -245,7 +245,7 @@ void DeviceSchedulerAdaptive::measureSpeed(KnownWorker& known) {
 
 // Each worker makes room before it loads.
 void DeviceSchedulerAdaptive::makeOperations() {
-    const std::vector<PlacementMove> goodbyes = unloadLeavingGraphs();
+    unloadLeavingGraphs();
     for (const PlacementMove& move : m_plan.moves) {
         if (move.from == 0 || m_leavingWorkers.contains(move.from)) continue;
         makeUnload(m_graphs[move.graph].graph, m_known[move.from].worker, true, ", shallow=True");
@@ -259,13 +259,21 @@ void DeviceSchedulerAdaptive::makeOperations() {
         m_loads.push_back({move.graph, graph, move.device, isCached});
         makeLoad(graph, worker);
     }
-    m_plan.moves.insert(m_plan.moves.end(), goodbyes.begin(), goodbyes.end());
+}
+
+// As the plan says. One load of a graph on a worker is planned at most.
+PlacementReason DeviceSchedulerAdaptive::findLoadReason(KelmGraph* graph, WorkThread* worker) {
+    const auto move = std::ranges::find_if(m_plan.moves, [&](const PlacementMove& planned) {
+        return planned.graph == graph->getId() && planned.device != 0 &&
+               m_known[planned.device].worker == worker;
+    });
+    return move != m_plan.moves.end() ? move->reason
+                                      : DeviceSchedulerActive::findLoadReason(graph, worker);
 }
 
 // A graph that will be destroyed leaves the cache and the slot: not every device lists its slots'
 // graphs as cached.
-std::vector<PlacementMove> DeviceSchedulerAdaptive::unloadLeavingGraphs() {
-    std::vector<PlacementMove> goodbyes;
+void DeviceSchedulerAdaptive::unloadLeavingGraphs() {
     for (auto& [id, known] : m_known) {
         if (m_leavingWorkers.contains(id)) continue;
         std::vector<KelmGraph*> held = known.worker->getDevice()->getCachedGraphList();
@@ -275,11 +283,8 @@ std::vector<PlacementMove> DeviceSchedulerAdaptive::unloadLeavingGraphs() {
         for (KelmGraph* graph : held) {
             if (!m_unloadGraphs.contains(graph) || !leaving.insert(graph).second) continue;
             makeUnload(graph, known.worker, false, ", shallow=False");
-            goodbyes.push_back(
-                {PlacementAction::Unloaded, PlacementReason::ClientGone, graph->getId(), id, 0});
         }
     }
-    return goodbyes;
 }
 
 void DeviceSchedulerAdaptive::tellPendingStates() {
@@ -288,7 +293,12 @@ void DeviceSchedulerAdaptive::tellPendingStates() {
         if (move.action == PlacementAction::Refused) refused.insert(move.graph);
     }
     for (const PlacementGraph& graph : m_picture.graphs) {
-        m_graphs[graph.id].graph->setPendingState(refused.contains(graph.id));
+        KelmGraph* const record = m_graphs[graph.id].graph;
+        const bool pending = refused.contains(graph.id);
+        record->setPendingState(pending);
+        m_notes.ask(record, record->getDevReqNum());
+        if (!pending || m_notes.isRefused(record)) continue;
+        m_notes.refuse(record, PlacementReason::Starving, findLack(record));
     }
 }
 

@@ -32,6 +32,8 @@ class DeviceSchedulerAdaptive : public DeviceSchedulerActive {
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
     void restoreScene() REQUIRES(m_onSchedulingThread) override;
     void handleLostWorker(WorkThread* worker) REQUIRES(m_onSchedulingThread) override;
+    PlacementReason findLoadReason(KelmGraph* graph, WorkThread* worker)
+        REQUIRES(m_onSchedulingThread) override;
     bool waitChangeRequestUntilTimeout() REQUIRES(m_onSchedulingThread)
         EXCLUDES(m_requestMutex) override;
 
@@ -68,7 +70,7 @@ class DeviceSchedulerAdaptive : public DeviceSchedulerActive {
     void drawGraph(uint64_t id, KnownGraph& known) REQUIRES(m_onSchedulingThread);
     void measureSpeed(KnownWorker& known) REQUIRES(m_onSchedulingThread);
     void makeOperations() REQUIRES(m_onSchedulingThread);
-    std::vector<PlacementMove> unloadLeavingGraphs() REQUIRES(m_onSchedulingThread);
+    void unloadLeavingGraphs() REQUIRES(m_onSchedulingThread);
     void tellPendingStates() REQUIRES(m_onSchedulingThread);
     uint64_t findWorker(WorkThread* worker) const REQUIRES(m_onSchedulingThread);
 

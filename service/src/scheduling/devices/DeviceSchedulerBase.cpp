@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "config/ServiceConfigParser.h"
+#include "execution/KelmDeviceBase.h"
 #include "execution/WorkThread.h"
 #include "records/KelmGraph.h"
 #include "scheduling/devices/GraphPlacementListener.h"
@@ -145,6 +146,7 @@ void DeviceSchedulerBase::updateChangeRequest() {
 // Adds to the sets that a dropped plan or a retried load has left. Sets, so that a request that is
 // repeated counts once.
 void DeviceSchedulerBase::storeChangeRequests() {
+    m_notes.forgetPass();  // those of a plan that was dropped
     for (const StatusChangeRequest& request : m_takenRequests) {
         KelmGraph* const graph = static_cast<KelmGraph*>(request.getData());
         WorkThread* const worker = static_cast<WorkThread*>(request.getData());
@@ -182,18 +184,51 @@ std::string DeviceSchedulerBase::describe(KelmGraph* graph) {
 
 void DeviceSchedulerBase::makeLoad(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(LoadGraphOperation::create(graph, worker));
+    m_notes.load(graph, worker, findLoadReason(graph, worker), *m_operations.back());
     LOG_STEP("NEW LoadGraphOperation(%s worker=%s)", describe(graph), worker->getName());
 }
 
 void DeviceSchedulerBase::makeUnload(KelmGraph* graph, WorkThread* worker, bool shallow,
                                      const char* note) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, shallow));
+    noteUnload(graph, worker);
     LOG_STEP("NEW UnloadGraphOperation(%s worker=%s%s)", describe(graph), worker->getName(), note);
 }
 
 void DeviceSchedulerBase::makePlugout(WorkThread* worker) {
     m_operations.push_back(PlugoutWorkerOperation::create(worker));
+    for (KelmGraph* graph : worker->getGraphs()) noteUnload(graph, worker);
     LOG_STEP("NEW PlugoutWorkerOperation(worker=%s)", worker->getName());
+}
+
+// A graph that nobody waits for and that another device holds comes by demand.
+PlacementReason DeviceSchedulerBase::findLoadReason(KelmGraph* graph, WorkThread* /*worker*/) {
+    const bool isAwaited = m_loadGraphs.contains(graph) || graph->getNumWaitTasks() > 0;
+    return isAwaited && graph->getRunningDeviceNum() == 0 ? PlacementReason::Starving
+                                                          : PlacementReason::Demand;
+}
+
+// A worker that leaves may have been destroyed: not followed.
+PlacementLack DeviceSchedulerBase::findLack(KelmGraph* graph) {
+    uint32_t largest = 0;
+    for (const auto* workers : {&m_workers, &m_addWorkers}) {
+        for (WorkThread* worker : *workers) {
+            if (m_removeWorkers.contains(worker) || worker->isFailed()) continue;
+            largest = std::max(largest, worker->getDevice()->getMemorySize());
+        }
+    }
+    if (largest == 0) return PlacementLack::Devices;
+    return graph->getMemReq() > largest ? PlacementLack::Memory : PlacementLack::Slots;
+}
+
+void DeviceSchedulerBase::noteUnload(KelmGraph* graph, WorkThread* worker) {
+    PlacementReason reason = PlacementReason::Demand;
+    if (m_unloadGraphs.contains(graph)) {
+        reason = PlacementReason::ClientGone;
+    } else if (worker->isFailed() || m_removeWorkers.contains(worker)) {
+        reason = worker->wasResetLately() ? PlacementReason::Reset : PlacementReason::LostDevice;
+    }
+    m_notes.unload(graph, worker, reason);
 }
 
 // All operations are begun before the first is waited for, so that workers load in parallel. The
@@ -205,6 +240,7 @@ void DeviceSchedulerBase::commitChangeOperation() {
     handleFailedOperations();
     std::set<KelmGraph*> retries;
     const std::vector<LoadOutcome> outcomes = judgeLoads(retries);
+    tellNotes(outcomes);
     const std::set<KelmGraph*> unloaded = std::exchange(m_unloadGraphs, {});
     updateWorkers();
     m_operations.clear();
@@ -268,6 +304,26 @@ bool DeviceSchedulerBase::isOnWorker(KelmGraph* graph) {
     };
     return std::any_of(m_workers.begin(), m_workers.end(), holds) ||
            std::any_of(m_addWorkers.begin(), m_addWorkers.end(), holds);
+}
+
+bool DeviceSchedulerBase::hasLoad(KelmGraph* graph) {
+    return std::ranges::any_of(m_operations, [graph](const auto& operation) {
+        return operation->isOperation(graph, REQUEST_LOAD_GRAPH);
+    });
+}
+
+// While operations, graphs and workers may still be followed. A load that a device refused has its
+// own note.
+void DeviceSchedulerBase::tellNotes(const std::vector<LoadOutcome>& outcomes) {
+    for (const auto& [graph, error] : outcomes) {
+        if (error == KELM_OK || hasLoad(graph)) continue;
+        m_notes.refuse(graph, PlacementReason::Starving, findLack(graph), error);
+    }
+    m_notes.tell();
+    for (const auto& [graph, error] : outcomes) {
+        if (error != KELM_OK) m_notes.forgetGraph(graph);
+    }
+    for (KelmGraph* graph : m_unloadGraphs) m_notes.forgetGraph(graph);
 }
 
 // By the first load of the graph in the plan. A graph without any got no device from the plan.

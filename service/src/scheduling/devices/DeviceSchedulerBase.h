@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "protocol/src/KelmError.h"
+#include "scheduling/devices/PlacementNotes.h"
 #include "scheduling/devices/StatusChangeOperation.h"
 #include "scheduling/devices/StatusChangeRequest.h"
 #include "utils/Mutex.h"
@@ -92,6 +93,13 @@ class DeviceSchedulerBase : public NonCopyable {
     // The graph in these lines, with what the kind of scheduler knows it by.
     virtual std::string describe(KelmGraph* graph);
 
+    // For the journal of events; none has a part in a decision. The reason for a load is asked for
+    // as the load is planned, the others when the pass is judged.
+    virtual PlacementReason findLoadReason(KelmGraph* graph, WorkThread* worker)
+        REQUIRES(m_onSchedulingThread);
+    virtual PlacementLack findLack(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
+    void noteUnload(KelmGraph* graph, WorkThread* worker) REQUIRES(m_onSchedulingThread);
+
     // For the destructor of the most derived class: ends the thread, without a limit.
     void join() EXCLUDES(m_requestMutex);
     // Whether the next pass is due, or the end.
@@ -113,6 +121,7 @@ class DeviceSchedulerBase : public NonCopyable {
     std::set<WorkThread*> m_workers GUARDED_BY(m_onSchedulingThread);
     // The plan, in the order of creation.
     std::list<std::unique_ptr<StatusChangeOperation>> m_operations GUARDED_BY(m_onSchedulingThread);
+    PlacementNotes m_notes GUARDED_BY(m_onSchedulingThread);
 
     Mutex m_requestMutex;
     CondVar m_requestCond;
@@ -142,6 +151,8 @@ class DeviceSchedulerBase : public NonCopyable {
         REQUIRES(m_onSchedulingThread);
     bool isOnWorker(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
     KelmError findLoadError(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
+    bool hasLoad(KelmGraph* graph) REQUIRES(m_onSchedulingThread);
+    void tellNotes(const std::vector<LoadOutcome>& outcomes) REQUIRES(m_onSchedulingThread);
     void updateWorkers() REQUIRES(m_onSchedulingThread);
     void report(const std::vector<LoadOutcome>& outcomes, const std::set<KelmGraph*>& unloaded);
 

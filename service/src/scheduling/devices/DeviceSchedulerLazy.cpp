@@ -95,6 +95,7 @@ void DeviceSchedulerLazy::classify(WorkThread* worker) {
 // that it cannot.
 void DeviceSchedulerLazy::strand(KelmGraph* graph, WorkThread* worker) {
     m_operations.push_back(UnloadGraphOperation::create(graph, worker, false));
+    noteUnload(graph, worker);
     LOG_STEP("NEW UnloadGraphOperation(graph=%s worker=%s), device lost",
              escapeControls(graph->getName()), worker->getName());
     m_strandedGraphs.insert(graph);

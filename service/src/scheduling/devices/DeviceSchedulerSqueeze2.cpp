@@ -199,8 +199,9 @@ void DeviceSchedulerSqueeze2::dropLeavingGraphs() {
 // moments. The mapper smooths them and ignores small moves.
 void DeviceSchedulerSqueeze2::updateDemand() {
     for (KelmGraph* graph : m_mappedGraphs) {
-        (void)m_graphMapper.updateGraph(graph, graph->getDevReqNum(), graph->getMemReq(),
-                                        graph->getNumWaitTasks());
+        const float asked = graph->getDevReqNum();
+        (void)m_graphMapper.updateGraph(graph, asked, graph->getMemReq(), graph->getNumWaitTasks());
+        m_notes.ask(graph, asked);
     }
 }
 
@@ -209,7 +210,17 @@ void DeviceSchedulerSqueeze2::updateDemand() {
 void DeviceSchedulerSqueeze2::tellPendingStates() {
     for (const auto& [graph, pending] : m_graphMapper.getGraphPendingState()) {
         graph->setPendingState(pending);
+        if (!pending || m_notes.isRefused(graph)) continue;
+        m_notes.refuse(graph, PlacementReason::Demand, findLack(graph));
     }
+}
+
+PlacementReason DeviceSchedulerSqueeze2::findLoadReason(KelmGraph* graph, WorkThread* worker) {
+    const PlacementReason reason = DeviceSchedulerActive::findLoadReason(graph, worker);
+    if (reason == PlacementReason::Starving) return reason;
+    const std::vector<KelmGraph*> cached = worker->getDevice()->getCachedGraphList();
+    const bool isCached = std::find(cached.begin(), cached.end(), graph) != cached.end();
+    return isCached ? PlacementReason::Cache : reason;
 }
 
 // Each worker makes room before it loads. A lost worker has no target: it only gives back.

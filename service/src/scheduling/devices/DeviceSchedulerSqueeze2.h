@@ -47,6 +47,8 @@ class DeviceSchedulerSqueeze2 : public DeviceSchedulerActive {
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
     void restoreScene() REQUIRES(m_onSchedulingThread) override;
     void handleLostWorker(WorkThread* worker) REQUIRES(m_onSchedulingThread) override;
+    PlacementReason findLoadReason(KelmGraph* graph, WorkThread* worker)
+        REQUIRES(m_onSchedulingThread) override;
 
  private:
     void addDevice(WorkThread* worker) REQUIRES(m_onSchedulingThread);

@@ -86,6 +86,11 @@ void DeviceSchedulerStream::handleLoadGraph() {
     }
 }
 
+// Every device that is set aside has a stream.
+PlacementLack DeviceSchedulerStream::findLack(KelmGraph* /*graph*/) {
+    return m_workers.empty() ? PlacementLack::Devices : PlacementLack::Quota;
+}
+
 std::string DeviceSchedulerStream::describe(KelmGraph* graph) {
     return DeviceSchedulerLazy::describe(graph) +
            " streamId=" + escapeControls(graph->getStreamId());

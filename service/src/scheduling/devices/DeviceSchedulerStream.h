@@ -22,6 +22,11 @@ class DeviceSchedulerStream : public DeviceSchedulerLazy {
  protected:
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
     std::string describe(KelmGraph* graph) override;
+    PlacementReason findLoadReason(KelmGraph*, WorkThread*)
+        REQUIRES(m_onSchedulingThread) override {
+        return PlacementReason::Stream;
+    }
+    PlacementLack findLack(KelmGraph* graph) REQUIRES(m_onSchedulingThread) override;
 
  private:
     void forgetPlacedGraphs() REQUIRES(m_onSchedulingThread);

@@ -112,6 +112,12 @@ void DeviceSchedulerTag::makeLoads(KelmGraph* graph, unsigned long& free) {
     }
 }
 
+PlacementLack DeviceSchedulerTag::findLack(KelmGraph* graph) {
+    const auto free = m_tagMap.find(graph->getTag());
+    const bool hasQuota = free != m_tagMap.end() && free->second > 0;
+    return hasQuota ? PlacementLack::Devices : PlacementLack::Quota;
+}
+
 std::string DeviceSchedulerTag::describe(KelmGraph* graph) {
     return DeviceSchedulerLazy::describe(graph) + " graphTag=" + escapeControls(graph->getTag());
 }

@@ -24,6 +24,11 @@ class DeviceSchedulerTag : public DeviceSchedulerLazy {
  protected:
     bool mapResource() REQUIRES(m_onSchedulingThread) override;
     std::string describe(KelmGraph* graph) override;
+    PlacementReason findLoadReason(KelmGraph*, WorkThread*)
+        REQUIRES(m_onSchedulingThread) override {
+        return PlacementReason::Tag;
+    }
+    PlacementLack findLack(KelmGraph* graph) REQUIRES(m_onSchedulingThread) override;
 
  private:
     void countFreeHeads() REQUIRES(m_onSchedulingThread);

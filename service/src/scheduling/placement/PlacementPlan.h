@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "reporting/PlacementReason.h"
+
 namespace kelm {
 
 enum class PlacementAction {
@@ -11,17 +13,6 @@ enum class PlacementAction {
     Moved,     // from one to the other
     Kept,      // asks for more, and no change would repay its cost
     Refused,   // asks for a place, and there is none for it now
-};
-
-enum class PlacementReason {
-    Demand,      // follows the load
-    Starving,    // tasks, or its creator, wait for a graph without a device
-    LostDevice,  // its device was lost
-    Reset,       // its device was reset
-    Cache,       // where the device holds it already
-    ClientGone,  // nobody uses it any more
-    Tag,         // by the quota of its tag
-    Stream,      // by its stream
 };
 
 // One decision. A device that it does not name is 0.
