@@ -21,6 +21,7 @@ class FakeEngine : public gateway::Engine {
         }
         return std::make_unique<Graph>(*this);
     }
+    uint32_t devices(int32_t subclass) const override { return subclass == 0 ? 2 : 0; }
     std::string whyNot() const override { return isDown ? "there is no device" : ""; }
 
     void release(int error = 0) {

@@ -60,12 +60,14 @@ class RawPeer {
 // A gateway on a fake engine, and its REST on a port of its own.
 class GatewayTest : public ::testing::Test {
  protected:
-    void serve(HttpLimits limits = {}, Engine* other = nullptr) {
-        gateway.emplace(other != nullptr ? *other : engine, dir.path(),
-                        [this](const std::string& line) {
-                            MutexLock lock(mutex);
-                            said += line + "\n";
-                        });
+    void serve(HttpLimits limits = {}, Engine* other = nullptr, GatewayOptions options = {}) {
+        gateway.emplace(
+            other != nullptr ? *other : engine, dir.path(),
+            [this](const std::string& line) {
+                MutexLock lock(mutex);
+                said += line + "\n";
+            },
+            options);
         server.emplace(ListenSocket("127.0.0.1:0"), 2, limits, makeRestHandler(*gateway));
         EXPECT_TRUE(eventually([&] { return gateway->isReady(); }));
     }

@@ -16,6 +16,7 @@ namespace kelm::gateway {
 struct TaskEnd {
     int error = 0;
     std::string text = {};
+    std::chrono::nanoseconds atService{0};  // from the sending
 };
 
 struct TaskWish {
@@ -56,6 +57,8 @@ class Engine {
                                               const std::string& graphFile) = 0;
     // Why no task could run now; empty if one could.
     virtual std::string whyNot() const = 0;
+    // That run graphs of this subclass.
+    virtual uint32_t devices(int32_t subclass) const = 0;
 };
 
 }  // namespace kelm::gateway

@@ -49,7 +49,10 @@ class LibkelmGraph : public EngineGraph {
             return m_graph.start(static_cast<LibkelmSlot&>(slot).get(),
                                  {.deadline = wish.deadline, .priority = wish.priority},
                                  [done = std::move(done)](const kelm_result& result) {
-                                     done({.error = result.error, .text = result.text});
+                                     done({.error = result.error,
+                                           .text = result.text,
+                                           .atService = std::chrono::nanoseconds(
+                                               result.total_ns - result.waited_ns)});
                                  });
         });
     }
@@ -103,10 +106,16 @@ std::string LibkelmEngine::whyNot() const {
     const std::shared_ptr<Client> client = connected();
     if (client != nullptr && !client->isConnected()) return "the connection to the service is lost";
     MutexLock lock(m_mutex);
-    return m_whyNot;
+    return m_seen.whyNot;
 }
 
-std::string LibkelmEngine::look() {
+uint32_t LibkelmEngine::devices(int32_t subclass) const {
+    MutexLock lock(m_mutex);
+    const auto found = m_seen.devices.find(subclass);
+    return found == m_seen.devices.end() ? 0 : found->second;
+}
+
+LibkelmEngine::Seen LibkelmEngine::look() {
     try {
         std::shared_ptr<Client> client = connected();
         if (client == nullptr) {
@@ -115,9 +124,12 @@ std::string LibkelmEngine::look() {
             MutexLock lock(m_mutex);
             m_client = client;
         }
-        return client->status().info().device_count > 0 ? "" : "the service has no device";
+        const Status status = client->status();
+        Seen seen{status.info().device_count > 0 ? "" : "the service has no device"};
+        for (const kelm_device_row& each : status.devices()) ++seen.devices[each.subclass];
+        return seen;
     } catch (const Error& error) {
-        return std::string("the service does not answer: ") + error.what();
+        return {std::string("the service does not answer: ") + error.what()};
     }
 }
 
@@ -126,9 +138,9 @@ void LibkelmEngine::watch() {
     MutexLock lock(m_mutex);
     while (!m_isEnding) {
         lock.unlock();
-        std::string reason = look();
+        Seen seen = look();
         lock.lock();
-        m_whyNot = std::move(reason);
+        m_seen = std::move(seen);
         if (!m_isEnding) m_ends.waitFor(m_mutex, kInterval);
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,11 +28,16 @@ class LibkelmEngine : public Engine, public NonCopyable {
     std::unique_ptr<EngineGraph> load(const ModelDescription& model,
                                       const std::string& graphFile) override EXCLUDES(m_mutex);
     std::string whyNot() const override EXCLUDES(m_mutex);
+    // Of the 32 that a status has room for.
+    uint32_t devices(int32_t subclass) const override EXCLUDES(m_mutex);
 
  private:
     void watch() EXCLUDES(m_mutex);
-    // Why no task could run, by a look at the service.
-    std::string look() EXCLUDES(m_mutex);
+    struct Seen {
+        std::string whyNot;
+        std::map<int32_t, uint32_t> devices = {};  // by subclass
+    };
+    Seen look() EXCLUDES(m_mutex);
     std::shared_ptr<Client> connected() const EXCLUDES(m_mutex);
 
     const std::string m_socketPath;
@@ -39,7 +45,7 @@ class LibkelmEngine : public Engine, public NonCopyable {
     CondVar m_ends;
     bool m_isEnding GUARDED_BY(m_mutex) = false;
     std::shared_ptr<Client> m_client GUARDED_BY(m_mutex);
-    std::string m_whyNot GUARDED_BY(m_mutex) = "not connected to the service yet";
+    Seen m_seen GUARDED_BY(m_mutex) = {"not connected to the service yet"};
     std::thread m_thread;
 };
 

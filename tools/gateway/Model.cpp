@@ -1,5 +1,6 @@
 #include "tools/gateway/Model.h"
 
+#include <algorithm>
 #include <future>
 #include <utility>
 
@@ -25,6 +26,18 @@ Model::Model(Engine& engine, Chores& chores, ModelDescription description,
       m_chores(chores),
       m_description(std::move(description)),
       m_graph(std::move(graph)) {}
+
+std::string Model::whyNot() const {
+    std::string reason = m_engine.whyNot();
+    if (!reason.empty() || devices() > 0) return reason;
+    return "the service has no device of subclass " + std::to_string(m_description.subclass) +
+           ", which model '" + m_description.name + "' needs";
+}
+
+uint32_t Model::waiting() const {
+    const uint32_t all = m_entered;
+    return all - std::min(all, m_graph->window());
+}
 
 void Model::requireRoom() const {
     if (const std::string reason = whyNot(); !reason.empty()) {

@@ -26,7 +26,9 @@ class Model : public NonCopyable {
     EngineGraph& graph() const { return *m_graph; }
     Chores& chores() const { return m_chores; }
     // Why it could not run a task now; empty if it could.
-    std::string whyNot() const { return m_engine.whyNot(); }
+    std::string whyNot() const;
+    // That could run it.
+    uint32_t devices() const { return m_engine.devices(m_description.subclass); }
 
     // Throws a Failure if a request would be refused now.
     void requireRoom() const;
@@ -34,6 +36,8 @@ class Model : public NonCopyable {
     void enter();
     void leave() { m_entered.fetch_sub(1); }
     uint32_t entered() const { return m_entered.load(); }
+    // Those beyond the window.
+    uint32_t waiting() const;
 
  private:
     Model(Engine& engine, Chores& chores, ModelDescription description,

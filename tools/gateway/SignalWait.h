@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -18,11 +19,15 @@ class SignalWait {
         ::pthread_sigmask(SIG_BLOCK, &m_set, nullptr);
     }
 
-    void wait() const { ::sigwaitinfo(&m_set, nullptr); }
-    // False when the time is up.
-    bool waitFor(std::chrono::seconds time) const {
-        const timespec limit{time.count(), 0};
-        return ::sigtimedwait(&m_set, nullptr, &limit) > 0;
+    // The signal.
+    int wait() const { return ::sigwaitinfo(&m_set, nullptr); }
+    // 0 when the time is up.
+    int waitUntil(std::chrono::steady_clock::time_point end) const {
+        using std::chrono::nanoseconds;
+        const auto left = std::max(end - std::chrono::steady_clock::now(), nanoseconds(0));
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+        const timespec limit{seconds.count(), nanoseconds(left - seconds).count()};
+        return std::max(0, ::sigtimedwait(&m_set, nullptr, &limit));
     }
 
  private:

@@ -7,9 +7,11 @@
 #include <exception>
 #include <iostream>
 #include <list>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/gateway/AgentServer.h"
 #include "tools/gateway/Gateway.h"
 #include "tools/gateway/LibkelmEngine.h"
 #include "tools/gateway/SignalWait.h"
@@ -23,16 +25,24 @@ using namespace kelm::gateway;
 struct Options {
     std::string models;
     std::vector<std::string> rest{"127.0.0.1:8000"};
+    std::string agent;
+    std::string metrics;
     std::string socket;
     size_t threads = 2;
     unsigned drain = 5;
     HttpLimits limits;
+    GatewayOptions gateway;
 };
 
 void addOptions(CLI::App& app, Options& options) {
     app.add_option("--models", options.models, "folder of the models' descriptions")->required();
     app.add_option("--rest", options.rest, "ADDRESS:PORT or unix:PATH for REST, several times")
         ->capture_default_str();
+    app.add_option("--agent", options.agent, "ADDRESS:PORT for HAProxy's agent check");
+    app.add_option("--metrics", options.metrics, "ADDRESS:PORT for Prometheus, path /metrics");
+    app.add_option("--access-log", options.gateway.accessLog,
+                   "file for a line of JSON for each request, or - for the standard output; SIGHUP "
+                   "opens it anew");
     app.add_option("--socket", options.socket, "the service's socket, if not the usual one");
     app.add_option("--threads", options.threads, "threads of all connections")
         ->check(CLI::Range(1, 64))
@@ -47,6 +57,9 @@ void addOptions(CLI::App& app, Options& options) {
         ->capture_default_str();
     app.add_option("--max-json", options.limits.json, "bytes of its JSON part, at most")
         ->capture_default_str();
+    app.add_option("--json-memory", options.gateway.textMemory,
+                   "bytes of JSON that all requests may hold together")
+        ->capture_default_str();
 }
 
 // One line, whatever names it quotes.
@@ -59,20 +72,35 @@ void say(std::string line) {
 
 void serve(const Options& options) {
     constexpr std::chrono::seconds kLastAnswers(30);
-    SignalWait signals({SIGTERM, SIGINT});
+    constexpr HttpLimits kFewAndSmall{.connections = 16, .json = 0, .body = 0};
+    SignalWait signals({SIGTERM, SIGINT, SIGHUP});
     ::signal(SIGPIPE, SIG_IGN);
     LibkelmEngine engine(options.socket);
-    Gateway gateway(engine, options.models, say);
+    Gateway gateway(engine, options.models, say, options.gateway);
     std::list<HttpServer> servers;
     for (const std::string& each : options.rest) {
         servers.emplace_back(ListenSocket(each), options.threads, options.limits,
                              makeRestHandler(gateway));
         say("serves on " + each + ", port " + std::to_string(servers.back().port()));
     }
-    signals.wait();
+    std::optional<HttpServer> metrics;
+    if (!options.metrics.empty()) {
+        metrics.emplace(ListenSocket(options.metrics), 1, kFewAndSmall,
+                        makeMetricsHandler(gateway));
+        say("tells metrics on " + options.metrics + ", port " + std::to_string(metrics->port()));
+    }
+    std::optional<AgentServer> agent;
+    if (!options.agent.empty()) {
+        agent.emplace(ListenSocket(options.agent), [&] { return agentLine(gateway.agentState()); });
+        say("answers agent checks on " + options.agent + ", port " + std::to_string(agent->port()));
+    }
+    while (signals.wait() == SIGHUP) gateway.reopenLog();
     gateway.drain();
     say("drains for " + std::to_string(options.drain) + " s; a second signal ends it");
-    const bool isHurried = signals.waitFor(std::chrono::seconds(options.drain));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(options.drain);
+    int signal = 0;
+    while ((signal = signals.waitUntil(end)) == SIGHUP) gateway.reopenLog();
+    const bool isHurried = signal != 0;
     for (HttpServer& each : servers) {
         if (!each.stop(isHurried ? std::chrono::seconds(0) : kLastAnswers)) {
             say("some requests were not answered");

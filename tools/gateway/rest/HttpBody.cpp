@@ -38,17 +38,19 @@ void HttpBody::readSome(std::span<std::byte> into, const DoneSome& done) {
         return http::async_read(m_socket, m_buffer, m_parser,
                                 [this, room = into.size(), done](Error error, size_t) {
                                     if (error == http::error::need_buffer) error = {};
-                                    done(error, room - m_parser.get().body().size);
+                                    const size_t count = room - m_parser.get().body().size;
+                                    m_received += count;
+                                    done(error, count);
                                 });
     }
     into = into.first(static_cast<size_t>(std::min<uint64_t>(into.size(), m_remaining)));
     if (const size_t count = takeBuffered(into); count > 0) {
-        m_remaining -= count;
+        take(count);
         return done({}, count);
     }
     m_socket.async_read_some(boost::asio::buffer(into.data(), into.size()),
                              [this, done](const Error& error, size_t count) {
-                                 m_remaining -= count;
+                                 take(count);
                                  done(error, count);
                              });
 }
@@ -62,33 +64,41 @@ void HttpBody::read(std::span<std::byte> into, Done done) {
     });
 }
 
-void HttpBody::readText(std::string& into, size_t count, Done done) {
+void HttpBody::readText(std::string& into, size_t count, Charge charge, Done done) {
     const size_t before = into.size();
     const size_t step = std::min(count, kStep);
+    if (!charge(step)) return done(boost::asio::error::no_buffer_space);
     into.resize(before + step);
     read(std::as_writable_bytes(std::span(into)).subspan(before),
-         [this, &into, rest = count - step, done = std::move(done)](const Error& error) {
+         [this, &into, rest = count - step, charge = std::move(charge),
+          done = std::move(done)](const Error& error) {
              if (error || rest == 0) return done(error);
-             readText(into, rest, done);
+             readText(into, rest, charge, done);
          });
 }
 
-void HttpBody::readAll(std::string& into, size_t most, Done done) {
+void HttpBody::readAll(std::string& into, size_t most, Charge charge, Done done) {
     const size_t before = into.size();
-    into.resize(std::min(before + kStep, most + 1));
+    size_t step = std::min(kStep, most + 1 - before);
+    if (!isChunked()) step = static_cast<size_t>(std::min<uint64_t>(step, m_remaining));
+    if (!charge(step)) return done(boost::asio::error::no_buffer_space);
+    into.resize(before + step);
     const auto room = std::as_writable_bytes(std::span(into)).subspan(before);
-    readSome(room, [this, &into, most, before, done = std::move(done)](Error error, size_t count) {
+    readSome(room, [this, &into, most, before, charge = std::move(charge), done = std::move(done)](
+                       Error error, size_t count) {
         into.resize(before + count);
         if (!error && into.size() > most) error = http::error::body_limit;
         if (error || isAtEnd()) return done(error);
-        readAll(into, most, done);
+        readAll(into, most, charge, done);
     });
 }
 
 void HttpBody::drop(size_t most, Done done) {
     if (isAtEnd()) return done({});
     const auto bytes = std::make_shared<std::string>();
-    readAll(*bytes, most, [bytes, done = std::move(done)](const Error& error) { done(error); });
+    readAll(
+        *bytes, most, [](size_t) { return true; },
+        [bytes, done = std::move(done)](const Error& error) { done(error); });
 }
 
 }  // namespace kelm::gateway

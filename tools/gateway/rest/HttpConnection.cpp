@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
@@ -40,7 +41,7 @@ HttpReply replyTo(const boost::system::error_code& error) {
 
 HttpConnection::HttpConnection(HttpSocket socket, HttpService& service)
     : m_service(service),
-      m_counted(service.connections),
+      m_counted(service),
       m_socket(std::move(socket)),
       m_timer(m_socket.get_executor()),
       m_buffer(service.limits.buffer) {}
@@ -67,14 +68,23 @@ void HttpConnection::post(std::function<void()> work) {
                [self = shared_from_this(), work = std::move(work)] { work(); });
 }
 
-void HttpConnection::limitTime(std::chrono::milliseconds time) {
+void HttpConnection::limitTime(std::chrono::milliseconds time, bool isReading) {
+    m_isReading = isReading;
     m_timer.expires_after(time);
     m_timer.async_wait([self = shared_from_this()](const Error& error) {
         // A time that was set anew meanwhile counts.
         if (!error && self->m_timer.expiry() <= asio::steady_timer::clock_type::now()) {
-            self->close();
+            self->onTimeUp();
         }
     });
+}
+
+void HttpConnection::onTimeUp() {
+    if (!m_isReading) return close();
+    m_isLate = true;
+    limitTime(m_service.limits.linger);
+    Error ignored;
+    m_socket.cancel(ignored);  // so that the read ends with an error, which is answered
 }
 
 void HttpConnection::close() {
@@ -117,8 +127,9 @@ void HttpConnection::watchPeer() {
 }
 
 void HttpConnection::readHead() {
-    limitTime(m_service.limits.headTime);
+    limitTime(m_service.limits.headTime, true);
     m_body.reset();
+    m_record = {};
     m_parser.emplace();
     m_parser->header_limit(m_service.limits.head);
     m_parser->body_limit(m_service.limits.body);
@@ -130,16 +141,21 @@ void HttpConnection::readHead() {
 void HttpConnection::onHead(const Error& error) {
     m_isServing = true;
     // What the parser does not complain of is the connection's end.
+    if (error && m_isLate) {
+        return write(HttpReply::ofError(408, "the head of the request took too long"), false);
+    }
     const bool isParsers =
         error && error.category() == make_error_code(http::error::end_of_stream).category() &&
         error != http::error::end_of_stream;
     if (error && !isParsers) return close();
     if (error) return write(replyTo(error), false);
+    const auto id = request()["X-Request-Id"];
+    m_record.id = pickRequestId({id.data(), id.size()});
     if (auto fault = findFault()) return write(std::move(*fault), false);
     m_body.emplace(m_socket, m_buffer, *m_parser);
     m_wantsContinue = countOf(request(), http::field::expect) > 0;
     limitTime(m_service.limits.headTime);
-    m_service.handler(shared_from_this());
+    m_service.handler.serve(shared_from_this());
 }
 
 std::optional<HttpReply> HttpConnection::findFault() const {
@@ -154,8 +170,9 @@ std::optional<HttpReply> HttpConnection::findFault() const {
         if (head.version() < 11) {
             return HttpReply::ofError(400, "HTTP/1.0 has no transfer codings");
         }
+        // As what has no end that can be found; 501 would tell a proxy to try elsewhere.
         if (!is(http::field::transfer_encoding, "chunked")) {
-            return HttpReply::ofError(501, "the only transfer coding that is known is 'chunked'");
+            return HttpReply::ofError(400, "the only transfer coding that is known is 'chunked'");
         }
     }
     if (countOf(head, http::field::content_encoding) > 0 &&
@@ -170,7 +187,8 @@ std::optional<HttpReply> HttpConnection::findFault() const {
 
 void HttpConnection::expectBody(uint64_t bytes) {
     constexpr uint64_t kMillisPerMb = 1000;
-    limitTime(m_service.limits.transfer + std::chrono::milliseconds((bytes >> 20) * kMillisPerMb));
+    limitTime(m_service.limits.transfer + std::chrono::milliseconds((bytes >> 20) * kMillisPerMb),
+              true);
     if (!std::exchange(m_wantsContinue, false)) return;
     // Without a wait: all answers before were written, so there is room for it.
     static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -181,6 +199,7 @@ void HttpConnection::expectBody(uint64_t bytes) {
 void HttpConnection::awaitHangUp(std::function<void()> hungUp) {
     m_hungUp = std::move(hungUp);
     m_work.emplace(m_socket.get_executor());
+    m_isReading = false;
     m_timer.expires_at(asio::steady_timer::time_point::max());  // the task has a deadline
     if (m_isWatching) return;
     m_isWatching = true;
@@ -192,12 +211,17 @@ void HttpConnection::reply(HttpReply answer) {
     m_work.reset();
     // What is left of a refused body, if little, is cheaper than a new connection.
     const bool isLittle = m_body->remaining() <= m_service.limits.drop && !m_wantsContinue;
-    const bool mayStay = request().keep_alive() && !m_service.isStopping;
+    const bool mayStay = request().keep_alive() && !m_service.isStopping && !m_isLate;
     write(std::move(answer), mayStay && (m_body->isAtEnd() || isLittle));
 }
 
 void HttpConnection::write(HttpReply answer, bool keepAlive) {
     m_answer = std::move(answer);
+    if (m_record.id.empty()) m_record.id = pickRequestId({});
+    m_answer.headers.emplace_back("X-Request-Id", m_record.id);
+    m_record.code = static_cast<int>(m_answer.status);
+    m_record.error = m_answer.error;
+    if (m_body) m_record.bytesIn = m_body->received();
     m_head = m_answer.makeHead(keepAlive);
     const bool isHead = m_parser && request().method() == http::verb::head;
     std::vector<asio::const_buffer> buffers{asio::buffer(m_head)};
@@ -210,12 +234,15 @@ void HttpConnection::write(HttpReply answer, bool keepAlive) {
     limitTime(m_service.limits.transfer +
               std::chrono::milliseconds((m_answer.bodyBytes() >> 20) * 1000));
     asio::async_write(m_socket, buffers,
-                      [self = shared_from_this(), keepAlive](const Error& error, size_t) {
-                          self->onWritten(error, keepAlive);
+                      [self = shared_from_this(), keepAlive](const Error& error, size_t count) {
+                          self->onWritten(error, count, keepAlive);
                       });
 }
 
-void HttpConnection::onWritten(const Error& error, bool keepAlive) {
+void HttpConnection::onWritten(const Error& error, size_t count, bool keepAlive) {
+    m_record.bytesOut = count - std::min(count, m_head.size());
+    if (m_service.handler.ended) m_service.handler.ended(std::move(m_record));
+    m_record = {};
     m_answer = {};
     if (error || !m_socket.is_open()) return close();
     if (!keepAlive) return linger();

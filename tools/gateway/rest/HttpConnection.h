@@ -41,6 +41,7 @@ class HttpConnection final : public NonCopyable,
 
     const HttpParser::value_type& request() const override { return m_parser->get(); }
     HttpBody& body() override { return *m_body; }
+    RequestRecord& record() override { return m_record; }
     const HttpLimits& limits() const override { return m_service.limits; }
     void expectBody(uint64_t bytes) override;
     void awaitHangUp(std::function<void()> hungUp) override;
@@ -51,9 +52,13 @@ class HttpConnection final : public NonCopyable,
     using Error = HttpBody::Error;
     // A connection among those of the service, until the last of it is gone.
     struct Counted : NonCopyable {
-        explicit Counted(std::atomic<size_t>& all) : count(all) { ++count; }
-        ~Counted() { --count; }
-        std::atomic<size_t>& count;
+        explicit Counted(HttpService& of) : service(of) { add(1); }
+        ~Counted() { add(-1); }
+        void add(int change) {
+            service.connections += static_cast<size_t>(change);
+            if (service.handler.connections != nullptr) *service.handler.connections += change;
+        }
+        HttpService& service;
     };
 
     void awaitHead();
@@ -62,11 +67,13 @@ class HttpConnection final : public NonCopyable,
     // The answer to a head that HTTP itself does not allow.
     std::optional<HttpReply> findFault() const;
     void write(HttpReply answer, bool keepAlive);
-    void onWritten(const Error& error, bool keepAlive);
+    void onWritten(const Error& error, size_t count, bool keepAlive);
     void linger();
     void dropPeer();
     void watchPeer();
-    void limitTime(std::chrono::milliseconds time);
+    // `isReading`: what is late is told so, if it can be; else the connection is closed.
+    void limitTime(std::chrono::milliseconds time, bool isReading = false);
+    void onTimeUp();
     void close();
 
     HttpService& m_service;
@@ -81,7 +88,10 @@ class HttpConnection final : public NonCopyable,
     std::function<void()> m_hungUp;  // while a request runs
     std::string m_head;              // of the answer
     HttpReply m_answer;
+    RequestRecord m_record;
     bool m_isServing = false;
+    bool m_isReading = false;      // a request, which has its time
+    bool m_isLate = false;         // it took longer
     bool m_isWatching = false;     // a read is pending that tells a hang-up
     bool m_wantsContinue = false;  // the peer waits for a word before it sends the body
 };

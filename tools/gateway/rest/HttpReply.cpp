@@ -10,6 +10,7 @@ namespace kelm::gateway {
 HttpReply HttpReply::ofError(unsigned status, const std::string& text) {
     HttpReply reply;
     reply.status = status;
+    reply.error = text;
     // Texts quote what clients have sent, which may be no UTF-8.
     reply.text = nlohmann::json({{"error", text}})
                      .dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);

@@ -21,6 +21,7 @@ struct HttpReply {
     std::string type = "application/json";
     std::vector<std::pair<std::string, std::string>> headers;
     std::string text;
+    std::string error;  // which is in the text, too
     std::vector<std::span<const std::byte>> pieces;
     std::shared_ptr<const void> owner;  // of the pieces, until they are written
 

@@ -14,6 +14,9 @@ namespace {
 
 namespace http = boost::beast::http;
 
+constexpr const char* kNoTextMemory =
+    "all requests together hold too much JSON; try again later, or send binary data";
+
 [[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
 
 std::optional<size_t> readJsonLength(const HttpParser::value_type& request) {
@@ -31,8 +34,9 @@ std::optional<size_t> readJsonLength(const HttpParser::value_type& request) {
 
 }  // namespace
 
-InferExchange::InferExchange(std::shared_ptr<HttpExchange> exchange, std::shared_ptr<Model> model)
-    : m_http(std::move(exchange)), m_model(std::move(model)) {}
+InferExchange::InferExchange(std::shared_ptr<HttpExchange> exchange, std::shared_ptr<Model> model,
+                             MemoryBudget& textMemory)
+    : m_http(std::move(exchange)), m_model(std::move(model)), m_textMemory(textMemory) {}
 
 template <class Step>
 void InferExchange::attempt(Step step) {
@@ -47,6 +51,12 @@ void InferExchange::attempt(Step step) {
 
 // A body that ends early or is no body is the peer's mistake; a connection that ends has no answer.
 void InferExchange::fail(const boost::system::error_code& error) {
+    if (error == boost::asio::error::operation_aborted) {
+        return m_http->reply(HttpReply::ofError(408, "the body of the request took too long"));
+    }
+    if (error == boost::asio::error::no_buffer_space) {
+        return m_http->reply(HttpReply::of(Failure(Cause::kUnavailable, kNoTextMemory)));
+    }
     const Failure failure =
         error == http::error::body_limit
             ? Failure(Cause::kTooLarge, "the body is larger than it may be, or than its tensors")
@@ -80,13 +90,15 @@ void InferExchange::readJson() {
         if (error) return self->fail(error);
         self->attempt([&] { self->onJson(); });
     };
-    if (!m_jsonBytes) return m_http->body().readAll(m_json, m_http->limits().json, done);
-    m_http->body().readText(m_json, *m_jsonBytes, done);
+    const auto charge = [this](size_t bytes) { return m_textMemory.grow(bytes); };
+    if (!m_jsonBytes) return m_http->body().readAll(m_json, m_http->limits().json, charge, done);
+    m_http->body().readText(m_json, *m_jsonBytes, charge, done);
 }
 
 void InferExchange::onJson() {
     const InferBody body = InferBody::parse(m_json);
     m_json = {};
+    m_textMemory.clear();
     m_reply.emplace(body, m_model->description());
     m_wish = {.begun = m_begun, .timeout = body.timeout, .priority = body.priority};
     requireRest(body);
@@ -142,8 +154,15 @@ void InferExchange::run() {
 
 void InferExchange::onEnd(const TaskEnd& end) {
     attempt([&] {
+        m_http->record().atService = end.atService;
         if (end.error != 0) throw Failure::ofKelm(end.error, end.text);
-        m_http->reply(m_reply->make(m_inference));
+        HttpReply answer = m_reply->make(*m_inference);
+        if (!m_textMemory.grow(answer.text.size())) {
+            throw Failure(Cause::kUnavailable, kNoTextMemory);
+        }
+        // With all that the answer needs until it is written.
+        answer.owner = shared_from_this();
+        m_http->reply(std::move(answer));
     });
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/gateway/Inference.h"
+#include "tools/gateway/MemoryBudget.h"
 #include "tools/gateway/rest/HttpExchange.h"
 #include "tools/gateway/rest/InferBody.h"
 #include "tools/gateway/rest/InferReply.h"
@@ -18,10 +19,12 @@ namespace kelm::gateway {
 // A request to infer, from its head to its answer: the JSON part, then the raw tensors into a slot,
 // then the task.
 //
-// Threads: the connection's. Owns: the inference, until the answer is written.
+// Threads: the connection's. Owns: the inference, and its share of the memory for texts, until the
+// answer is written.
 class InferExchange : public NonCopyable, public std::enable_shared_from_this<InferExchange> {
  public:
-    InferExchange(std::shared_ptr<HttpExchange> http, std::shared_ptr<Model> model);
+    InferExchange(std::shared_ptr<HttpExchange> http, std::shared_ptr<Model> model,
+                  MemoryBudget& textMemory);
     void begin();
 
  private:
@@ -41,6 +44,7 @@ class InferExchange : public NonCopyable, public std::enable_shared_from_this<In
     const Inference::Clock::time_point m_begun = Inference::Clock::now();
     const std::shared_ptr<HttpExchange> m_http;
     const std::shared_ptr<Model> m_model;
+    MemoryBudget::Hold m_textMemory;
     std::optional<size_t> m_jsonBytes;  // nothing: all of the body
     std::string m_json;
     Inference::Wish m_wish{};

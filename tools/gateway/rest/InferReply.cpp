@@ -42,16 +42,16 @@ void InferReply::add(const TensorDescription& tensor, bool isRaw) {
     m_wanted.push_back({&tensor, isRaw});
 }
 
-HttpReply InferReply::make(std::shared_ptr<const Inference> inference) const {
+HttpReply InferReply::make(const Inference& inference) const {
     HttpReply reply;
-    const ModelDescription& model = inference->description();
+    const ModelDescription& model = inference.description();
     std::string& text = reply.text;
     text =
         R"({"model_name":)" + quoted(model.name) + R"(,"model_version":)" + quoted(model.version);
     if (!m_id.empty()) text += R"(,"id":)" + quoted(m_id);
     text += R"(,"outputs":[)";
     for (const Wanted& each : m_wanted) {
-        const auto bytes = inference->output(*each.tensor);
+        const auto bytes = inference.output(*each.tensor);
         if (&each != &m_wanted.front()) text += ',';
         text += R"({"name":)" + quoted(each.tensor->name) + R"(,"datatype":")" +
                 std::string(infoOf(each.tensor->datatype).name) + R"(","shape":)" +
@@ -69,7 +69,6 @@ HttpReply InferReply::make(std::shared_ptr<const Inference> inference) const {
     if (!reply.pieces.empty()) {
         reply.type = "application/octet-stream";
         reply.headers.emplace_back("Inference-Header-Content-Length", std::to_string(text.size()));
-        reply.owner = std::move(inference);
     }
     return reply;
 }

@@ -15,8 +15,9 @@ class InferReply {
     // Throws a Failure if there is no such output, or it has no JSON form and is wanted so.
     InferReply(const InferBody& body, const ModelDescription& model);
 
-    // After a good end. Raw outputs stay in the inference's slot.
-    HttpReply make(std::shared_ptr<const Inference> inference) const;
+    // After a good end. Raw outputs stay in the inference's slot: the caller makes itself the
+    // owner.
+    HttpReply make(const Inference& inference) const;
 
  private:
     struct Wanted {

@@ -19,11 +19,14 @@ namespace {
 
 using nlohmann::json;
 namespace http = boost::beast::http;
+constexpr const char* kNoPath = "there is no such path";
 
 // A path within `/v2`.
 struct Route {
     enum class Kind { kServer, kLive, kReady, kModel, kModelReady, kInfer };
-    Kind kind = Kind::kServer;
+    static constexpr const char* kNames[] = {"server", "live",        "ready",
+                                             "model",  "model_ready", "infer"};
+    Kind kind = Kind::kServer;  // from kModel on: of a model
     std::string model = {};
     std::string version = {};  // empty: any
 };
@@ -108,7 +111,7 @@ HttpReply replyReady(json value, bool isReady) {
     return replyWith(value, isReady ? 200 : kUnavailable);
 }
 
-HttpReply describe(const Gateway& gateway, const Route& route) {
+HttpReply describe(const Gateway& gateway, const Route& route, const Model* model) {
     switch (route.kind) {
         case Route::Kind::kLive:
             return replyWith({{"live", true}});
@@ -121,7 +124,6 @@ HttpReply describe(const Gateway& gateway, const Route& route) {
         default:
             break;
     }
-    const auto model = gateway.models().find(route.model, route.version);
     const ModelDescription& about = model->description();
     if (route.kind == Route::Kind::kModelReady) {
         return replyReady({{"name", about.name}}, model->whyNot().empty());
@@ -143,23 +145,31 @@ HttpReply refuseMethod(const char* allowed) {
 void serve(const Gateway& gateway, const std::shared_ptr<HttpExchange>& exchange) {
     const auto target = exchange->request().target();
     const auto route = findRoute({target.data(), target.size()});
-    if (!route) throw Failure(Cause::kNotFound, "there is no such path");
+    if (!route) throw Failure(Cause::kNotFound, kNoPath);
+    RequestRecord& record = exchange->record();
+    record.operation = Route::kNames[static_cast<size_t>(route->kind)];
+    record.model = route->model;
+    std::shared_ptr<Model> model;
+    if (route->kind >= Route::Kind::kModel) {
+        model = gateway.models().find(route->model, route->version);
+        record.version = model->description().version;
+        record.isKnown = true;
+    }
     const http::verb method = exchange->request().method();
     if (route->kind == Route::Kind::kInfer) {
         if (method != http::verb::post) return exchange->reply(refuseMethod("POST"));
-        const auto model = gateway.models().find(route->model, route->version);
-        return std::make_shared<InferExchange>(exchange, model)->begin();
+        return std::make_shared<InferExchange>(exchange, model, gateway.textMemory())->begin();
     }
     if (method != http::verb::get && method != http::verb::head) {
         return exchange->reply(refuseMethod("GET, HEAD"));
     }
-    exchange->reply(describe(gateway, *route));
+    exchange->reply(describe(gateway, *route, model.get()));
 }
 
 }  // namespace
 
 HttpHandler makeRestHandler(const Gateway& gateway) {
-    return [&gateway](const std::shared_ptr<HttpExchange>& exchange) {
+    const auto handle = [&gateway](const std::shared_ptr<HttpExchange>& exchange) {
         try {
             serve(gateway, exchange);
         } catch (const Failure& failure) {
@@ -168,6 +178,25 @@ HttpHandler makeRestHandler(const Gateway& gateway) {
             exchange->reply(HttpReply::ofError(500, error.what()));
         }
     };
+    return {.serve = handle,
+            .ended = [&gateway](RequestRecord record) { gateway.recordEnd(std::move(record)); },
+            .connections = &gateway.metrics().connections(Protocol::kRest)};
+}
+
+HttpHandler makeMetricsHandler(const Gateway& gateway) {
+    return {.serve = [&gateway](const std::shared_ptr<HttpExchange>& exchange) {
+        if (exchange->request().target() != "/metrics") {
+            return exchange->reply(HttpReply::ofError(404, kNoPath));
+        }
+        const http::verb method = exchange->request().method();
+        if (method != http::verb::get && method != http::verb::head) {
+            return exchange->reply(refuseMethod("GET, HEAD"));
+        }
+        HttpReply reply;
+        reply.type = "text/plain; version=0.0.4; charset=utf-8";
+        reply.text = gateway.metricsText();
+        exchange->reply(std::move(reply));
+    }};
 }
 
 }  // namespace kelm::gateway
