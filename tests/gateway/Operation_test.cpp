@@ -50,6 +50,17 @@ TEST_F(OperationTest, ModelIsReadyWithADeviceOfItsSubclass) {
     EXPECT_TRUE(eventually([&] { return !gateway->isReady(); }));
 }
 
+TEST_F(OperationTest, WhatWaitsIsTakenBackWhenNoDeviceIsLeft) {
+    describeModel("m");
+    serve();
+    engine.isHolding = true;
+    RawPeer peer = connect(post(kOk));
+    ASSERT_TRUE(eventually([&] { return engine.held() == 1; }));
+    engine.isDown = true;
+    EXPECT_THAT(peer.answer(), AllOf(StartsWith("HTTP/1.1 503"),
+                                     HasSubstr("there is no device; the task was ta")));
+}
+
 TEST_F(OperationTest, TextsOfAllRequestsShareTheirMemory) {
     describeModel("m");
     serve({}, nullptr, {.textMemory = 1000});

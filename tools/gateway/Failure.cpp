@@ -14,8 +14,8 @@ struct Codes {
     int grpc;
 };
 // In the order of the causes.
-constexpr std::array<Codes, 8> kCodes{
-    {{400, 3}, {404, 5}, {413, 11}, {429, 8}, {503, 14}, {504, 4}, {499, 1}, {500, 13}}};
+constexpr std::array<Codes, 9> kCodes{
+    {{400, 3}, {404, 5}, {413, 11}, {429, 8}, {503, 14}, {502, 14}, {504, 4}, {499, 1}, {500, 13}}};
 
 struct Row {
     int error;
@@ -25,13 +25,13 @@ struct Row {
 // no device, or it failed, and the next request may find another.
 constexpr Row kRows[] = {{KELM_TIMEOUT, Cause::kExpired},
                          {KELM_EXPIRED, Cause::kExpired},
-                         {KELM_CONNECTION_LOST, Cause::kUnavailable},
+                         {KELM_CONNECTION_LOST, Cause::kLost},
                          {KELM_NOT_CONNECTED, Cause::kUnavailable},
                          {KELM_CANCELED, Cause::kCanceled},
                          {KELM_BUSY, Cause::kFull},
                          {-122, Cause::kUnavailable},
                          {-124, Cause::kFull},
-                         {-126, Cause::kUnavailable},
+                         {-126, Cause::kLost},
                          {-128, Cause::kUnavailable},
                          {-129, Cause::kUnavailable}};
 

@@ -11,7 +11,8 @@ enum class Cause {
     kNotFound,
     kTooLarge,
     kFull,
-    kUnavailable,
+    kUnavailable,  // and no device had it
+    kLost,         // a device may have had it
     kExpired,
     kCanceled,
     kInternal

@@ -12,6 +12,27 @@ Gateway::Gateway(Engine& engine, const std::string& folder, ModelKeeper::Say say
       m_textMemory(options.textMemory),
       m_keeper(ModelFolder(folder), engine, m_chores, m_registry, std::move(say)) {
     if (!options.accessLog.empty()) m_accessLog.emplace(options.accessLog);
+    m_watch = std::thread([this] { watchDevices(); });
+}
+
+Gateway::~Gateway() {
+    {
+        MutexLock lock(m_mutex);
+        m_isEnding = true;
+    }
+    m_ends.notifyAll();
+    m_watch.join();
+}
+
+void Gateway::watchDevices() {
+    constexpr std::chrono::milliseconds kInterval(250);
+    MutexLock lock(m_mutex);
+    while (!m_isEnding) {
+        m_ends.waitFor(m_mutex, kInterval);
+        lock.unlock();
+        for (const auto& each : m_registry.all()) each->takeBack();
+        lock.lock();
+    }
 }
 
 std::string Gateway::whyNot() const {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "tools/gateway/AccessLog.h"
 #include "tools/gateway/AgentLine.h"
@@ -13,6 +14,7 @@
 #include "tools/gateway/ModelKeeper.h"
 #include "tools/gateway/ModelRegistry.h"
 #include "tools/gateway/RequestRecord.h"
+#include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::gateway {
@@ -25,7 +27,8 @@ struct GatewayOptions {
 // What both protocols serve: the models, whether requests are wanted, and what is told of those
 // that have ended. Servers end before it.
 //
-// Threads: any. Owns: models and their keeper. The engine is borrowed for its life.
+// Threads: any; one of its own sees to models that have lost their devices. Owns: models and their
+// keeper. The engine is borrowed for its life. Locks: m_mutex, a leaf.
 class Gateway : public NonCopyable {
  public:
     static constexpr const char* kName = "kelm-gateway";
@@ -33,6 +36,7 @@ class Gateway : public NonCopyable {
     // Throws if there is no such folder, or the access log cannot be opened.
     Gateway(Engine& engine, const std::string& folder, ModelKeeper::Say say,
             const GatewayOptions& options = {});
+    ~Gateway();
 
     const ModelRegistry& models() const { return m_registry; }
     MemoryBudget& textMemory() const { return m_textMemory; }
@@ -51,6 +55,7 @@ class Gateway : public NonCopyable {
 
  private:
     std::string whyNot() const;
+    void watchDevices() EXCLUDES(m_mutex);
 
     Engine& m_engine;
     std::atomic<bool> m_isDraining{false};  // atomic: a hint, which guards nothing
@@ -60,6 +65,10 @@ class Gateway : public NonCopyable {
     Chores m_chores;
     ModelRegistry m_registry;
     ModelKeeper m_keeper;
+    Mutex m_mutex;
+    CondVar m_ends;
+    bool m_isEnding GUARDED_BY(m_mutex) = false;
+    std::thread m_watch;
 };
 
 }  // namespace kelm::gateway

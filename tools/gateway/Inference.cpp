@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "kelm/kelm.h"
 #include "tools/gateway/Failure.h"
 
 namespace kelm::gateway {
@@ -99,6 +100,7 @@ void Inference::start(const Wish& wish, std::function<void(const TaskEnd&)> done
     }
     const TaskWish task{.deadline = left,
                         .priority = wish.priority.value_or(description().priority)};
+    m_model->begin(weak_from_this());
     const uint64_t ticket = m_model->graph().start(
         *m_slot, task, [self = shared_from_this(), done = std::move(done)](const TaskEnd& taskEnd) {
             self->end(taskEnd, done);
@@ -107,10 +109,14 @@ void Inference::start(const Wish& wish, std::function<void(const TaskEnd&)> done
     m_ticket = ticket;
 }
 
-void Inference::end(const TaskEnd& taskEnd, const std::function<void(const TaskEnd&)>& done) {
+void Inference::end(TaskEnd taskEnd, const std::function<void(const TaskEnd&)>& done) {
     {
         MutexLock lock(m_mutex);
         m_hasEnded = true;
+        if (taskEnd.error == KELM_CANCELED && !m_takenBack.empty()) {
+            taskEnd.error = kNoDevice;
+            taskEnd.text = m_takenBack + "; the task was taken back before it ran";
+        }
     }
     done(taskEnd);
 }
@@ -119,11 +125,23 @@ void Inference::cancel() {
     std::optional<uint64_t> ticket;
     {
         MutexLock lock(m_mutex);
-        if (!m_hasEnded) ticket = m_ticket;
+        if (!m_hasEnded && !m_isCanceling) ticket = m_ticket;
+        if (!ticket) return;
+        m_isCanceling = true;
     }
-    if (!ticket) return;
-    m_model->chores().add(
-        [self = shared_from_this(), ticket] { self->m_model->graph().cancel(*ticket); });
+    m_model->chores().add([self = shared_from_this(), ticket] {
+        self->m_model->graph().cancel(*ticket);
+        MutexLock lock(self->m_mutex);
+        self->m_isCanceling = false;
+    });
+}
+
+void Inference::takeBack(const std::string& reason) {
+    {
+        MutexLock lock(m_mutex);
+        m_takenBack = reason;
+    }
+    cancel();
 }
 
 std::span<const std::byte> Inference::output(const TensorDescription& tensor) const {

@@ -53,6 +53,9 @@ class Inference : public NonCopyable, public std::enable_shared_from_this<Infere
     void start(const Wish& wish, std::function<void(const TaskEnd&)> done) EXCLUDES(m_mutex);
     // Takes back a task that waits; nothing otherwise.
     void cancel() EXCLUDES(m_mutex);
+    // The same, since no device is left; the task ends with this error then.
+    static constexpr int kNoDevice = -122;  // of the service
+    void takeBack(const std::string& reason) EXCLUDES(m_mutex);
 
     // An output after a good end. Throws a Failure if its bytes are no elements.
     std::span<const std::byte> output(const TensorDescription& tensor) const;
@@ -66,7 +69,7 @@ class Inference : public NonCopyable, public std::enable_shared_from_this<Infere
 
     explicit Inference(std::shared_ptr<Model> model);
     void requireInputs() const;
-    void end(const TaskEnd& end, const std::function<void(const TaskEnd&)>& done);
+    void end(TaskEnd end, const std::function<void(const TaskEnd&)>& done);
 
     const std::shared_ptr<Model> m_model;
     const std::unique_ptr<EngineSlot> m_slot;
@@ -74,6 +77,8 @@ class Inference : public NonCopyable, public std::enable_shared_from_this<Infere
     Mutex m_mutex;
     std::optional<uint64_t> m_ticket GUARDED_BY(m_mutex);
     bool m_hasEnded GUARDED_BY(m_mutex) = false;
+    bool m_isCanceling GUARDED_BY(m_mutex) = false;  // a chore of it waits
+    std::string m_takenBack GUARDED_BY(m_mutex);     // why
 };
 
 }  // namespace kelm::gateway

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/Inference.h"
 
 namespace kelm::gateway {
 
@@ -37,6 +38,25 @@ std::string Model::whyNot() const {
 uint32_t Model::waiting() const {
     const uint32_t all = m_entered;
     return all - std::min(all, m_graph->window());
+}
+
+void Model::begin(const std::weak_ptr<Inference>& inference) {
+    MutexLock lock(m_mutex);
+    m_begun.remove_if([](const auto& each) { return each.expired(); });
+    m_begun.push_back(inference);
+}
+
+void Model::takeBack() {
+    const std::string reason = whyNot();
+    if (reason.empty()) return;
+    std::list<std::weak_ptr<Inference>> begun;
+    {
+        MutexLock lock(m_mutex);
+        begun = m_begun;
+    }
+    for (const auto& each : begun) {
+        if (const auto inference = each.lock()) inference->takeBack(reason);
+    }
 }
 
 void Model::requireRoom() const {

@@ -1,20 +1,25 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <memory>
 #include <string>
 
 #include "tools/gateway/Chores.h"
 #include "tools/gateway/Engine.h"
 #include "tools/gateway/ModelDescription.h"
+#include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::gateway {
+
+class Inference;
 
 // A version of a model that is loaded. Requests hold it until they have ended, so a version that
 // was replaced ends with its last one, on the thread for chores.
 //
 // Threads: any. Owns: the graph. The engine and the chores are borrowed for its life.
+// Locks: m_mutex, a leaf.
 class Model : public NonCopyable {
  public:
     // Loads, checks sizes, warms up; throws a Failure. May wait long.
@@ -39,6 +44,11 @@ class Model : public NonCopyable {
     // Those beyond the window.
     uint32_t waiting() const;
 
+    // An inference that starts.
+    void begin(const std::weak_ptr<Inference>& inference) EXCLUDES(m_mutex);
+    // If no device is left, takes back what waits for one: others may have one.
+    void takeBack() EXCLUDES(m_mutex);
+
  private:
     Model(Engine& engine, Chores& chores, ModelDescription description,
           std::unique_ptr<EngineGraph> graph);
@@ -50,6 +60,8 @@ class Model : public NonCopyable {
     const ModelDescription m_description;
     const std::unique_ptr<EngineGraph> m_graph;
     std::atomic<uint32_t> m_entered{0};  // atomic: a count, which guards nothing else
+    Mutex m_mutex;
+    std::list<std::weak_ptr<Inference>> m_begun GUARDED_BY(m_mutex);
 };
 
 }  // namespace kelm::gateway

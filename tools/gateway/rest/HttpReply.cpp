@@ -20,7 +20,7 @@ HttpReply HttpReply::ofError(unsigned status, const std::string& text) {
 HttpReply HttpReply::of(const Failure& failure) {
     HttpReply reply = ofError(failure.httpStatus(), failure.what());
     const Cause cause = failure.cause();
-    if (cause == Cause::kFull || cause == Cause::kUnavailable) {
+    if (cause == Cause::kFull || cause == Cause::kUnavailable || cause == Cause::kLost) {
         reply.headers.emplace_back("Retry-After", "1");
     }
     return reply;
