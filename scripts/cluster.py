@@ -5,7 +5,8 @@ shipped configuration; on simulated accelerators, of which one runs 200 inferenc
     cluster.py demo BUILD_DIR [SECONDS]     four clients, while one node is drained and restarted and
                                             another one loses its devices; the status is 0 if no
                                             request failed and each node had its share
-    cluster.py measure BUILD_DIR [NAME...]  the figures of docs/scale-out.md, as a table
+    cluster.py measure BUILD_DIR [NAME...]  the figures of docs/scale-out.md: rates, latency, restart,
+                                            faults
 """
 
 import contextlib
@@ -148,19 +149,27 @@ done
         return "".join((self.work / f"{name}.log").read_text(errors="replace")[-3000:]
                        for name in ("service", "gateway") if (self.work / f"{name}.log").exists())
 
+    def end_service(self) -> None:
+        """The bus hands signals to the service, and ends with it."""
+        self.service.send_signal(signal.SIGUSR1)
+        try:
+            self.service.wait(20)
+        except subprocess.TimeoutExpired:
+            self.service.kill()
+            self.service.wait()
+        self.service.stdin.close()
+
+    def kill_service(self) -> None:
+        for child in pathlib.Path(f"/proc/{self.service.pid}/task/{self.service.pid}/children").read_text().split():
+            if pathlib.Path(f"/proc/{child}/exe").resolve() == (self.build / "kelmdaemon").resolve():
+                os.kill(int(child), signal.SIGKILL)
+
     def end(self) -> None:
         if self.gateway:
             self.gateway.kill()
             self.gateway.wait()
         if self.service:
-            # The bus hands signals to the service, and ends with it.
-            self.service.send_signal(signal.SIGUSR1)
-            try:
-                self.service.wait(20)
-            except subprocess.TimeoutExpired:
-                self.service.kill()
-                self.service.wait()
-            self.service.stdin.close()
+            self.end_service()
 
 
 class Cluster:
@@ -244,37 +253,134 @@ def result(load: subprocess.Popen) -> dict:
     return json.loads(load.communicate(timeout=120)[0])
 
 
+def table(*rows: list) -> None:
+    """Columns of words, the first one to the left."""
+    cells = [[f"{cell:.1f}" if isinstance(cell, float) else str(cell) for cell in row] for row in rows]
+    widths = [max(len(row[column]) for row in cells) for column in range(len(rows[0]))]
+    for row in cells:
+        print("  ".join([row[0].ljust(widths[0])] + [c.rjust(w) for c, w in zip(row[1:], widths[1:])]))
+
+
 def demo(build: pathlib.Path, seconds: float) -> int:
+    findings = []
     with running(build, [2, 2, 2]) as cluster:
-        first, second, third = cluster.nodes
+        _, second, third = cluster.nodes
         print("three nodes with two accelerators of 200 inferences a second each, four clients")
         loads = [cluster.load(seconds, 6) for _ in range(4)]
-        time.sleep(seconds * 0.15)
-        print(f"{second.name}: the gateway is drained, ends and is started again")
-        status = second.restart_gateway()
         time.sleep(seconds * 0.1)
-        print(f"{third.name}: all accelerators are unplugged")
+        print("n2: the gateway is drained, ends and is started again")
+        status = second.restart_gateway()
+        if status != 0:
+            findings.append(f"the drained gateway ended with status {status}")
+        time.sleep(seconds * 0.1)
+        print("n3: all accelerators are unplugged")
         third.move_devices("unplug")
-        eventually(lambda: third.agent_line().startswith("down"), "the agent tells that it is down")
-        time.sleep(seconds * 0.15)
-        print(f"{third.name}: and plugged in again")
+        eventually(lambda: "agent" in cluster.servers()["n3"]["status"], "HAProxy is told by the agent")
+        before = third.handled()
+        time.sleep(seconds * 0.1)
+        if third.handled() != before:
+            findings.append("n3 had requests without an accelerator")
+        print("n3: and plugged in again")
         third.move_devices("plug")
         results = [result(load) for load in loads]
-        print(f"\n{'client':8} {'requests':>9} {'failed':>7} {'per second':>11} {'p50 in ms':>10} {'p99 in ms':>10}")
-        for number, row in enumerate(results, 1):
-            print(f"{number:<8} {row['requests']:9} {row['failed']:7} {row['per_second']:11.1f} "
-                  f"{row['p50_ms']:10.1f} {row['p99_ms']:10.1f}")
         share = {node.name: sum(row["nodes"].get(node.name, 0) for row in results) for node in cluster.nodes}
-        total = sum(share.values())
-        print(f"\n{'node':8} {'requests':>9} {'share':>7}")
-        for name, count in share.items():
-            print(f"{name:8} {count:9} {count / total:7.1%}")
-        failures = {why: count for row in results for why, count in row["failures"].items()}
-        for why, count in failures.items():
-            print(f"failed {count} times: {why}")
-        is_good = not failures and status == 0 and min(share.values()) > 0
-        print("no request has failed" if is_good else f"SOMETHING WENT WRONG (gateway's status {status})")
-        return 0 if is_good else 1
+    print()
+    table(["client", "requests", "failed", "per second", "p50 in ms", "p99 in ms"],
+          *[[f"{number}", row["requests"], row["failed"], row["per_second"], row["p50_ms"], row["p99_ms"]]
+            for number, row in enumerate(results, 1)])
+    print()
+    table(["node", "requests", "share"],
+          *[[name, count, f"{count / sum(share.values()):.1%}"] for name, count in share.items()])
+    findings += [f"{count} times: {why}" for row in results for why, count in row["failures"].items()]
+    findings += [f"{name} had no request" for name, count in share.items() if count == 0]
+    print("\n".join(findings) or "no request has failed")
+    return 1 if findings else 0
+
+
+def own_rates(cluster: Cluster, seconds: float) -> list[float]:
+    """What each node does alone, asked directly."""
+    return [result(cluster.load(seconds, 6 * node.devices, node.rest))["per_second"] for node in cluster.nodes]
+
+
+def measure_rates(build: pathlib.Path) -> None:
+    """Throughput of nodes together to the sum of what each does alone, before and after."""
+    rows = []
+    for devices in ([1], [1, 1], [1, 1, 1, 1], [1, 2, 5]):
+        with running(build, devices) as cluster:
+            before = own_rates(cluster, 4)
+            together = result(cluster.load(12, 6 * sum(devices)))
+            after = own_rates(cluster, 4)
+        own = sum(map(max, before, after))
+        nodes = together["nodes"]
+        rows.append([" + ".join(map(str, devices)), own, together["per_second"],
+                     f"{together['per_second'] / own:.3f}", together["failed"],
+                     " ".join(f"{nodes.get(f'n{n + 1}', 0) / together['requests']:.0%}" for n in range(len(devices)))])
+    table(["devices of the nodes", "sum alone", "together", "ratio", "failed", "shares"], *rows)
+
+
+def measure_latency(build: pathlib.Path) -> None:
+    """Latency at 70 % of the load, of each node alone and of all together."""
+    rows = []
+    with running(build, [1, 2, 5]) as cluster:
+        for node in cluster.nodes:
+            alone = result(cluster.load(10, 256, node.rest, 0.7 * 200 * node.devices))
+            rows.append([f"{node.devices} alone", alone["per_second"], alone["failed"], alone["p50_ms"], alone["p99_ms"]])
+        together = result(cluster.load(15, 256, rate=0.7 * 200 * 8))
+        rows.append(["1 + 2 + 5", together["per_second"], together["failed"], together["p50_ms"], together["p99_ms"]])
+    table(["devices of the nodes", "per second", "failed", "p50 in ms", "p99 in ms"], *rows)
+
+
+def measure_restart(build: pathlib.Path) -> None:
+    """All gateways, then all services, one after the other under load."""
+    with running(build, [1, 1, 1]) as cluster:
+        load = cluster.load(55, 9)
+        time.sleep(1)
+        statuses = []
+        for node in cluster.nodes:
+            statuses.append(node.restart_gateway())
+            eventually(lambda: cluster.servers()[node.name]["status"] == "UP", f"{node.name} is back")
+        after_gateways = time.monotonic()
+        for node in cluster.nodes:
+            # The node is drained, the service restarted, and the gateway started again.
+            node.gateway.send_signal(signal.SIGTERM)
+            statuses.append(node.gateway.wait(60))
+            node.end_service()
+            node.start()
+            eventually(lambda: cluster.servers()[node.name]["status"] == "UP", f"{node.name} is back")
+        print(f"rolling restart: statuses {statuses}, {time.monotonic() - after_gateways:.0f} s for the second round")
+        told = result(load)
+        table(["requests", "failed", "p99 in ms", "slowest in ms"],
+              [told["requests"], told["failed"], told["p99_ms"], told["max_ms"]])
+        for why, count in told["failures"].items():
+            print(f"{count} times: {why}")
+
+
+def measure_faults(build: pathlib.Path) -> None:
+    """What it costs when devices vanish, when a gateway is killed and when a service is."""
+    rows = []
+    for what in ("devices vanish", "gateway killed", "service killed"):
+        with running(build, [1, 1, 1]) as cluster:
+            load = cluster.load(9, 9)
+            time.sleep(2)
+            node = cluster.nodes[2]
+            if what == "devices vanish":
+                node.move_devices("unplug")
+            elif what == "gateway killed":
+                node.gateway.kill()
+            else:
+                node.kill_service()
+            time.sleep(2)  # two intervals of the checks
+            before = cluster.servers()["n3"]["stot"]
+            time.sleep(2)
+            late = int(cluster.servers()["n3"]["stot"]) - int(before)
+            told = result(load)
+            rows.append([what, told["requests"], told["failed"], late, told["max_ms"]])
+            for why, count in told["failures"].items():
+                print(f"{what}, {count} times: {why}")
+    table(["", "requests", "failed", "after 2 s", "slowest in ms"], *rows)
+
+
+MEASUREMENTS = {"rates": measure_rates, "latency": measure_latency, "restart": measure_restart, "faults": measure_faults}
 
 
 def main() -> int:
@@ -284,7 +390,10 @@ def main() -> int:
     build = pathlib.Path(sys.argv[2]).resolve()
     if sys.argv[1] == "demo":
         return demo(build, float(sys.argv[3]) if len(sys.argv) > 3 else 20.0)
-    return 2
+    for name in sys.argv[3:] or MEASUREMENTS:
+        print(f"\n{name}: {MEASUREMENTS[name].__doc__}\n", flush=True)
+        MEASUREMENTS[name](build)
+    return 0
 
 
 if __name__ == "__main__":

@@ -17,8 +17,8 @@ TEST(AgentLineTest, TellsWhatTheGatewayCanTake) {
         {{.devices = 3, .window = 9, .waiting = 27}, "up ready 15%\n"},
         {{.devices = 1, .window = 3, .waiting = 3000}, "up ready 1%\n"},  // never none
         {{.devices = 1, .window = 0, .waiting = 3}, "up ready 5%\n"},
-        {{.whyNot = "no device", .devices = 3}, "down#no device\n"},
-        {{.whyNot = "a\nup b\xc3\xa9"}, "down#a?up b??\n"},
+        {{.whyNot = "no device", .devices = 3}, "down #no device\n"},
+        {{.whyNot = "a\nup b\xc3\xa9"}, "down #a?up b??\n"},
         {{.isDraining = true, .devices = 3, .window = 9}, "drain\n"},
         {{.isDraining = true, .whyNot = "no device"}, "drain\n"},
     };

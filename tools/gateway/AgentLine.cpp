@@ -31,7 +31,7 @@ unsigned weightOf(const AgentState& state) {
 
 std::string agentLine(const AgentState& state) {
     if (state.isDraining) return "drain\n";
-    if (!state.whyNot.empty()) return "down#" + plain(state.whyNot) + "\n";
+    if (!state.whyNot.empty()) return "down #" + plain(state.whyNot) + "\n";
     // HAProxy remembers its states beyond the end of a gateway; both are undone.
     return "up ready " + std::to_string(weightOf(state)) + "%\n";
 }
