@@ -30,6 +30,7 @@ struct Options {
     std::string socket;
     size_t threads = 2;
     unsigned drain = 5;
+    TlsFiles tls;
     HttpLimits limits;
     GatewayOptions gateway;
 };
@@ -43,6 +44,12 @@ void addOptions(CLI::App& app, Options& options) {
     app.add_option("--access-log", options.gateway.accessLog,
                    "file for a line of JSON for each request, or - for the standard output; SIGHUP "
                    "opens it anew");
+    auto* const certificate =
+        app.add_option("--tls-cert", options.tls.certificate,
+                       "PEM file of the certificate and those above it: requests come by TLS");
+    auto* const key = app.add_option("--tls-key", options.tls.key, "PEM file of its key");
+    certificate->needs(key);
+    key->needs(certificate);
     app.add_option("--socket", options.socket, "the service's socket, if not the usual one");
     app.add_option("--threads", options.threads, "threads of all connections")
         ->check(CLI::Range(1, 64))
@@ -77,10 +84,11 @@ void serve(const Options& options) {
     ::signal(SIGPIPE, SIG_IGN);
     LibkelmEngine engine(options.socket);
     Gateway gateway(engine, options.models, say, options.gateway);
+    const auto tls = options.tls.key.empty() ? std::nullopt : std::optional<TlsFiles>(options.tls);
     std::list<HttpServer> servers;
     for (const std::string& each : options.rest) {
         servers.emplace_back(ListenSocket(each), options.threads, options.limits,
-                             makeRestHandler(gateway));
+                             makeRestHandler(gateway), tls);
         say("serves on " + each + ", port " + std::to_string(servers.back().port()));
     }
     std::optional<HttpServer> metrics;

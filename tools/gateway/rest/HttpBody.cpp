@@ -16,8 +16,8 @@ constexpr size_t kStep = 64 << 10;
 
 }  // namespace
 
-HttpBody::HttpBody(HttpSocket& socket, boost::beast::flat_buffer& buffer, HttpParser& parser)
-    : m_socket(socket), m_buffer(buffer), m_parser(parser) {
+HttpBody::HttpBody(HttpStream& stream, boost::beast::flat_buffer& buffer, HttpParser& parser)
+    : m_stream(stream), m_buffer(buffer), m_parser(parser) {
     const auto length = parser.content_length();
     m_remaining = length ? *length : 0;
 }
@@ -35,7 +35,7 @@ void HttpBody::readSome(std::span<std::byte> into, const DoneSome& done) {
         auto& body = m_parser.get().body();
         body.data = into.data();
         body.size = into.size();
-        return http::async_read(m_socket, m_buffer, m_parser,
+        return http::async_read(m_stream, m_buffer, m_parser,
                                 [this, room = into.size(), done](Error error, size_t) {
                                     if (error == http::error::need_buffer) error = {};
                                     const size_t count = room - m_parser.get().body().size;
@@ -48,7 +48,7 @@ void HttpBody::readSome(std::span<std::byte> into, const DoneSome& done) {
         take(count);
         return done({}, count);
     }
-    m_socket.async_read_some(boost::asio::buffer(into.data(), into.size()),
+    m_stream.async_read_some(boost::asio::buffer(into.data(), into.size()),
                              [this, done](const Error& error, size_t count) {
                                  take(count);
                                  done(error, count);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/parser.hpp>
@@ -12,9 +11,10 @@
 #include <span>
 #include <string>
 
+#include "tools/gateway/rest/HttpStream.h"
+
 namespace kelm::gateway {
 
-using HttpSocket = boost::asio::generic::stream_protocol::socket;
 using HttpParser = boost::beast::http::request_parser<boost::beast::http::buffer_body>;
 
 // The body of a request, read in pieces to where the reader wants them: a body of known length from
@@ -29,7 +29,7 @@ class HttpBody {
     // took too long.
     using Done = std::function<void(Error)>;
 
-    HttpBody(HttpSocket& socket, boost::beast::flat_buffer& buffer, HttpParser& parser);
+    HttpBody(HttpStream& stream, boost::beast::flat_buffer& buffer, HttpParser& parser);
 
     bool isChunked() const { return m_parser.chunked(); }
     // Of a body whose length is known; at once after the head: all of it.
@@ -59,7 +59,7 @@ class HttpBody {
         m_received += count;
     }
 
-    HttpSocket& m_socket;
+    HttpStream& m_stream;
     boost::beast::flat_buffer& m_buffer;
     HttpParser& m_parser;
     uint64_t m_remaining = 0;

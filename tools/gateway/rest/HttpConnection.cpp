@@ -1,7 +1,5 @@
 #include "tools/gateway/rest/HttpConnection.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/post.hpp>
@@ -42,12 +40,22 @@ HttpReply replyTo(const boost::system::error_code& error) {
 HttpConnection::HttpConnection(HttpSocket socket, HttpService& service)
     : m_service(service),
       m_counted(service),
-      m_socket(std::move(socket)),
-      m_timer(m_socket.get_executor()),
+      m_stream(std::move(socket), service.tls),
+      m_timer(m_stream.get_executor()),
       m_buffer(service.limits.buffer) {}
+
+void HttpConnection::start() {
+    if (!m_stream.isTls()) return awaitHead();
+    limitTime(m_service.limits.headTime);
+    m_stream.handshake([self = shared_from_this()](const Error& error) {
+        if (error) return self->close();
+        self->awaitHead();
+    });
+}
 
 void HttpConnection::refuse() {
     post([this] {
+        if (m_stream.isTls()) return close();  // a handshake is what costs
         m_isServing = true;
         write(HttpReply::ofError(503, "there are too many connections; try again later"), false);
     });
@@ -64,7 +72,7 @@ void HttpConnection::abort() {
 }
 
 void HttpConnection::post(std::function<void()> work) {
-    asio::post(m_socket.get_executor(),
+    asio::post(m_stream.get_executor(),
                [self = shared_from_this(), work = std::move(work)] { work(); });
 }
 
@@ -84,12 +92,12 @@ void HttpConnection::onTimeUp() {
     m_isLate = true;
     limitTime(m_service.limits.linger);
     Error ignored;
-    m_socket.cancel(ignored);  // so that the read ends with an error, which is answered
+    m_stream.socket().cancel(ignored);  // so that the read ends with an error, which is answered
 }
 
 void HttpConnection::close() {
     Error ignored;
-    m_socket.close(ignored);
+    m_stream.socket().close(ignored);
     m_timer.cancel();
     if (const auto hungUp = std::exchange(m_hungUp, nullptr)) hungUp();
 }
@@ -100,7 +108,7 @@ void HttpConnection::awaitHead() {
     if (m_isWatching) {
         // That read goes on for this request; what came before must not wait for its end.
         Error ignored;
-        if (m_buffer.size() > 0) m_socket.cancel(ignored);
+        if (m_buffer.size() > 0) m_stream.socket().cancel(ignored);
         return;
     }
     if (m_buffer.size() > 0) return readHead();
@@ -115,15 +123,16 @@ void HttpConnection::watchPeer() {
         m_isWatching = false;
         return;
     }
-    m_socket.async_read_some(m_buffer.prepare(room), [self = shared_from_this()](const Error& error,
-                                                                                 size_t count) {
-        self->m_buffer.commit(count);
-        if (!error && self->m_isServing) return self->watchPeer();
-        self->m_isWatching = false;
-        const bool isCanceled = error == asio::error::operation_aborted && self->m_socket.is_open();
-        if (error && !isCanceled) return self->close();
-        if (!self->m_isServing) self->readHead();
-    });
+    m_stream.async_read_some(
+        m_buffer.prepare(room), [self = shared_from_this()](const Error& error, size_t count) {
+            self->m_buffer.commit(count);
+            if (!error && self->m_isServing) return self->watchPeer();
+            self->m_isWatching = false;
+            const bool isCanceled =
+                error == asio::error::operation_aborted && self->m_stream.socket().is_open();
+            if (error && !isCanceled) return self->close();
+            if (!self->m_isServing) self->readHead();
+        });
 }
 
 void HttpConnection::readHead() {
@@ -134,7 +143,7 @@ void HttpConnection::readHead() {
     m_parser->header_limit(m_service.limits.head);
     m_parser->body_limit(m_service.limits.body);
     http::async_read_header(
-        m_socket, m_buffer, *m_parser,
+        m_stream, m_buffer, *m_parser,
         [self = shared_from_this()](const Error& error, size_t) { self->onHead(error); });
 }
 
@@ -152,7 +161,7 @@ void HttpConnection::onHead(const Error& error) {
     const auto id = request()["X-Request-Id"];
     m_record.id = pickRequestId({id.data(), id.size()});
     if (auto fault = findFault()) return write(std::move(*fault), false);
-    m_body.emplace(m_socket, m_buffer, *m_parser);
+    m_body.emplace(m_stream, m_buffer, *m_parser);
     m_wantsContinue = countOf(request(), http::field::expect) > 0;
     limitTime(m_service.limits.headTime);
     m_service.handler.serve(shared_from_this());
@@ -190,15 +199,14 @@ void HttpConnection::expectBody(uint64_t bytes) {
     limitTime(m_service.limits.transfer + std::chrono::milliseconds((bytes >> 20) * kMillisPerMb),
               true);
     if (!std::exchange(m_wantsContinue, false)) return;
-    // Without a wait: all answers before were written, so there is room for it.
+    // All answers before were written, so there is room for it.
     static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
-    (void)::send(m_socket.native_handle(), kContinue.data(), kContinue.size(),
-                 MSG_DONTWAIT | MSG_NOSIGNAL);
+    m_stream.writeNow(kContinue);
 }
 
 void HttpConnection::awaitHangUp(std::function<void()> hungUp) {
     m_hungUp = std::move(hungUp);
-    m_work.emplace(m_socket.get_executor());
+    m_work.emplace(m_stream.get_executor());
     m_isReading = false;
     m_timer.expires_at(asio::steady_timer::time_point::max());  // the task has a deadline
     if (m_isWatching) return;
@@ -233,7 +241,7 @@ void HttpConnection::write(HttpReply answer, bool keepAlive) {
     }
     limitTime(m_service.limits.transfer +
               std::chrono::milliseconds((m_answer.bodyBytes() >> 20) * 1000));
-    asio::async_write(m_socket, buffers,
+    asio::async_write(m_stream, buffers,
                       [self = shared_from_this(), keepAlive](const Error& error, size_t count) {
                           self->onWritten(error, count, keepAlive);
                       });
@@ -244,7 +252,7 @@ void HttpConnection::onWritten(const Error& error, size_t count, bool keepAlive)
     if (m_service.handler.ended) m_service.handler.ended(std::move(m_record));
     m_record = {};
     m_answer = {};
-    if (error || !m_socket.is_open()) return close();
+    if (error || !m_stream.socket().is_open()) return close();
     if (!keepAlive) return linger();
     m_body->drop(m_service.limits.drop, [self = shared_from_this()](const Error& unread) {
         if (unread) return self->linger();
@@ -256,7 +264,7 @@ void HttpConnection::onWritten(const Error& error, size_t count, bool keepAlive)
 // A close while the peer still sends would take the answer from it.
 void HttpConnection::linger() {
     Error ignored;
-    m_socket.shutdown(HttpSocket::shutdown_send, ignored);
+    m_stream.socket().shutdown(HttpSocket::shutdown_send, ignored);
     limitTime(m_service.limits.linger);
     if (m_isWatching) return;  // that read goes on to the peer's end
     m_isWatching = true;
@@ -265,7 +273,7 @@ void HttpConnection::linger() {
 
 void HttpConnection::dropPeer() {
     m_buffer.clear();
-    m_socket.async_read_some(m_buffer.prepare(m_buffer.max_size()),
+    m_stream.async_read_some(m_buffer.prepare(m_buffer.max_size()),
                              [self = shared_from_this()](const Error& error, size_t) {
                                  if (error) return self->close();
                                  self->dropPeer();

@@ -17,6 +17,7 @@ namespace kelm::gateway {
 struct HttpService {
     HttpLimits limits;
     HttpHandler handler;
+    std::shared_ptr<TlsContext> tls;      // null: plain
     std::atomic<size_t> connections{0};   // atomic: a count, which guards nothing
     std::atomic<bool> isStopping{false};  // atomic: a hint; a connection is told, too
 };
@@ -31,7 +32,7 @@ class HttpConnection final : public NonCopyable,
  public:
     HttpConnection(HttpSocket socket, HttpService& service);
 
-    void start() { awaitHead(); }
+    void start();
     // Answers 503 in place of all else.
     void refuse();
     // Ends it now if no request is under way, else after the answer. Any thread.
@@ -78,7 +79,7 @@ class HttpConnection final : public NonCopyable,
 
     HttpService& m_service;
     const Counted m_counted;
-    HttpSocket m_socket;
+    HttpStream m_stream;
     // While a request runs elsewhere: its end must find the loop.
     std::optional<boost::asio::executor_work_guard<HttpSocket::executor_type>> m_work;
     boost::asio::steady_timer m_timer;

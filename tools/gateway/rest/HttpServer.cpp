@@ -49,13 +49,15 @@ class Loop : public NonCopyable {
 
 class HttpServer::Impl {
  public:
-    Impl(ListenSocket socket, size_t threads, const HttpLimits& limits, HttpHandler handler)
+    Impl(ListenSocket socket, size_t threads, const HttpLimits& limits, HttpHandler handler,
+         std::shared_ptr<TlsContext> tls)
         : m_socket(std::move(socket)),
           m_loops(threads),
           m_acceptor(m_loops.front().context()),
           m_retry(m_loops.front().context()) {
         m_service.limits = limits;
         m_service.handler = std::move(handler);
+        m_service.tls = std::move(tls);
         m_acceptor.assign(::dup(m_socket.fd()));
         asio::post(m_loops.front().context(), [this] { accept(); });
     }
@@ -158,8 +160,9 @@ bool HttpServer::Impl::stop(std::chrono::milliseconds limit) {
 }
 
 HttpServer::HttpServer(ListenSocket socket, size_t threads, const HttpLimits& limits,
-                       HttpHandler handler)
-    : m_impl(std::make_unique<Impl>(std::move(socket), threads, limits, std::move(handler))) {}
+                       HttpHandler handler, const std::optional<TlsFiles>& tls)
+    : m_impl(std::make_unique<Impl>(std::move(socket), threads, limits, std::move(handler),
+                                    tls ? makeTlsContext(*tls) : nullptr)) {}
 
 HttpServer::~HttpServer() = default;
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "tools/gateway/ListenSocket.h"
 #include "tools/gateway/rest/HttpExchange.h"
@@ -17,7 +18,9 @@ namespace kelm::gateway {
 // Owns: its threads and sockets. Locks: that of the list of connections, a leaf.
 class HttpServer : public NonCopyable {
  public:
-    HttpServer(ListenSocket socket, size_t threads, const HttpLimits& limits, HttpHandler handler);
+    // With files by TLS; throws if they are of no use.
+    HttpServer(ListenSocket socket, size_t threads, const HttpLimits& limits, HttpHandler handler,
+               const std::optional<TlsFiles>& tls = {});
     // Ends what is under way; the handler is not called any more afterwards.
     ~HttpServer();
 
