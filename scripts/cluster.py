@@ -250,7 +250,10 @@ def running(build: pathlib.Path, devices: list[int]) -> Iterator[Cluster]:
 
 
 def result(load: subprocess.Popen) -> dict:
-    return json.loads(load.communicate(timeout=120)[0])
+    told = json.loads(load.communicate(timeout=120)[0])
+    for why, count in told["failures"].items():
+        print(f"failed {count} times: {why}")
+    return told
 
 
 def table(*rows: list) -> None:
@@ -291,7 +294,8 @@ def demo(build: pathlib.Path, seconds: float) -> int:
     print()
     table(["node", "requests", "share"],
           *[[name, count, f"{count / sum(share.values()):.1%}"] for name, count in share.items()])
-    findings += [f"{count} times: {why}" for row in results for why, count in row["failures"].items()]
+    findings += [f"client {number} had {row['failed']} failures"
+                 for number, row in enumerate(results, 1) if row["failed"]]
     findings += [f"{name} had no request" for name, count in share.items() if count == 0]
     print("\n".join(findings) or "no request has failed")
     return 1 if findings else 0
@@ -351,8 +355,6 @@ def measure_restart(build: pathlib.Path) -> None:
         told = result(load)
         table(["requests", "failed", "p99 in ms", "slowest in ms"],
               [told["requests"], told["failed"], told["p99_ms"], told["max_ms"]])
-        for why, count in told["failures"].items():
-            print(f"{count} times: {why}")
 
 
 def measure_faults(build: pathlib.Path) -> None:
@@ -373,10 +375,9 @@ def measure_faults(build: pathlib.Path) -> None:
             before = cluster.servers()["n3"]["stot"]
             time.sleep(2)
             late = int(cluster.servers()["n3"]["stot"]) - int(before)
+            print(f"{what}:")
             told = result(load)
             rows.append([what, told["requests"], told["failed"], late, told["max_ms"]])
-            for why, count in told["failures"].items():
-                print(f"{what}, {count} times: {why}")
     table(["", "requests", "failed", "after 2 s", "slowest in ms"], *rows)
 
 
