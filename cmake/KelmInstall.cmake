@@ -1,7 +1,7 @@
 # What `cmake --install` puts under the prefix, which may serve as KELM_INSTALL_DIR as it is.
 include(CMakePackageConfigHelpers)
 
-foreach(program kelmdaemon kelmctl)
+foreach(program kelmdaemon kelmctl kelm-gateway)
     if(TARGET ${program})
         install(TARGETS ${program} RUNTIME DESTINATION bin)
     endif()

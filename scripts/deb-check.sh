@@ -103,9 +103,9 @@ list_files >"$work/before"
 say "installing $version"
 apt install /opt/packages
 libraries=$(dirname "$(find "$root/usr/lib" -name libkelm.so.1)")
-for file in usr/bin/kelmctl usr/lib/kelm/{bin/{kelmdaemon,kelmctl},config/kelm_service.config} \
+for file in usr/bin/kelmctl usr/lib/kelm/{bin/{kelmdaemon,kelmctl,kelm-gateway},config/kelm_service.config} \
     etc/kelm/{kelm_service,kelm_simulated}.config usr/lib/{sysusers,tmpfiles}.d/kelm.conf \
-    lib/systemd/system/kelmdaemon{,-sim@}.service lib/udev/rules.d/70-kelm.rules \
+    lib/systemd/system/{kelmdaemon{,-sim@},kelm-gateway}.service etc/kelm/models lib/udev/rules.d/70-kelm.rules \
     usr/include/kelm/kelm.h "${libraries#"$root/"}"/{libkelm.{so,a},pkgconfig/kelm.pc} \
     usr/lib/python3/dist-packages/kelm/__init__.py usr/lib/kelm/simulator/{kelm-usb-bus,bin/autoboot} \
     usr/share/doc/kelmdaemon/operating.md; do

@@ -6,11 +6,16 @@
 #   scripts/demo.sh --accelerators [SECONDS]    in real mode, on simulated accelerators on a mock USB
 #                                               bus: one is unplugged and plugged in again under load,
 #                                               and every result is checked bit by bit
+#   scripts/demo.sh --cluster [SECONDS]         three nodes on such accelerators, each with a gateway,
+#                                               behind HAProxy: one is drained and restarted and one
+#                                               loses its accelerators, and no request fails
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 accelerators=false
+cluster=false
 if [ "${1:-}" = "--accelerators" ]; then accelerators=true; shift; fi
+if [ "${1:-}" = "--cluster" ]; then accelerators=true cluster=true; shift; fi
 seconds=${1:-10}
 
 targets=(kelmdaemon kelmctl)
@@ -19,6 +24,10 @@ if $accelerators; then
     targets+=(tevo-kelm ion autoboot kelm-usb-bus kelm-sim-load)
     packages+=(umockdev libumockdev-dev)
 fi
+if $cluster; then
+    targets+=(kelm-gateway kelm-infer-load)
+    packages+=(haproxy)
+fi
 ./scripts/packages.sh "${packages[@]}"
 echo "building ..."
 { cmake --preset release && cmake --build --preset release --target "${targets[@]}"; } \
@@ -26,6 +35,7 @@ echo "building ..."
 rm -f build-demo.log
 bin=$PWD/build/release
 simulator=$bin/tools/simulator
+if $cluster; then exec scripts/cluster.py demo "$bin" "$seconds"; fi
 
 work=$(mktemp -d)
 service=""

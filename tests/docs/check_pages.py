@@ -48,7 +48,7 @@ def check_words(place: str, words: list[str]) -> None:
     while words and (re.match(r"\w+=", words[0]) or words[0] in ("sudo", "exec")):
         words = words[1:]
     name = words[0].rsplit("/", 1)[-1] if words else ""
-    if name not in ("kelmctl", "kelmdaemon", "service_bench", "library_rate", "kelm-usb-bus"):
+    if name not in ("kelmctl", "kelmdaemon", "kelm-gateway", "service_bench", "library_rate", "kelm-usb-bus"):
         return
     program = name
     for word in words[1:]:

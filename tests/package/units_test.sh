@@ -5,7 +5,7 @@ files=$1/packaging/systemd
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-for unit in kelmdaemon.service kelmdaemon-sim@.service kelm-exporter.service; do
+for unit in kelmdaemon.service kelmdaemon-sim@.service kelm-exporter.service kelm-gateway.service; do
     sed "s|/usr/lib/kelm/bin|$2|" "$files/$unit" > "$work/$unit"
     # Words that it does not know are only warned of, and would be of no effect.
     complaints=$(systemd-analyze verify --recursive-errors=no "$work/$unit" 2>&1) || true

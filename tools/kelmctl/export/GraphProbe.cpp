@@ -23,9 +23,7 @@ constexpr std::chrono::milliseconds kMostTime{10000};
 }  // namespace
 
 void ProbeResults::addSuccess(double seconds) {
-    const auto bucket = std::ranges::lower_bound(kProbeBuckets, seconds);
-    ++latencies[static_cast<size_t>(bucket - kProbeBuckets.begin())];
-    sumSeconds += seconds;
+    latencies.add(seconds);
     ++successes;
     isLastGood = true;
 }

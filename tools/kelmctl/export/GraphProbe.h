@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -8,14 +7,10 @@
 #include <thread>
 
 #include "tools/kelmctl/export/StopSignal.h"
+#include "tools/metrics/Latencies.h"
 #include "utils/Mutex.h"
 
 namespace kelm::ctl {
-
-// Upper bounds of the latencies that are counted together, in seconds; those above the last are
-// counted too.
-constexpr std::array<double, 13> kProbeBuckets{0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1,
-                                               0.25,  0.5,    1.0,   2.5,  5.0,   10.0};
 
 // What a probe has seen.
 struct ProbeResults {
@@ -23,10 +18,8 @@ struct ProbeResults {
     uint64_t successes = 0;
     uint64_t failures = 0;
     bool isLastGood = false;
-    std::string why;  // of the last failure, in one line
-    // Latencies of the successes, by bucket.
-    std::array<uint64_t, kProbeBuckets.size() + 1> latencies{};
-    double sumSeconds = 0.0;
+    std::string why;      // of the last failure, in one line
+    Latencies latencies;  // of the successes
 
     void addSuccess(double seconds);
     void addFailure(const std::string& reason);

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "client/Client.h"
-#include "tools/kelmctl/export/MetricWriter.h"
+#include "tools/metrics/MetricWriter.h"
 
 namespace kelm::ctl {
 
@@ -92,17 +92,7 @@ void writeResident(Writer& to, const Input& from) {
 
 void writeLatencies(Writer& to, const Input& from) {
     for (const ProbeResults& probe : from.probes) {
-        const std::string graph = label("graph", labelText(probe.graph));
-        const std::string head = graph.substr(0, graph.size() - 1);  // without the brace
-        uint64_t count = 0;
-        for (size_t i = 0; i < probe.latencies.size(); ++i) {
-            count += probe.latencies[i];
-            const std::string bound =
-                i < kProbeBuckets.size() ? fmt::format("{}", kProbeBuckets[i]) : "+Inf";
-            to.addPart("_bucket", fmt::format("{},le=\"{}\"}}", head, bound), toDouble(count));
-        }
-        to.addPart("_sum", graph, probe.sumSeconds);
-        to.addPart("_count", graph, toDouble(count));
+        to.addHistogram(label("graph", labelText(probe.graph)), probe.latencies);
     }
 }
 

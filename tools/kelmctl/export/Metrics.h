@@ -9,9 +9,11 @@
 #include "tools/kelmctl/export/ExportModel.h"
 #include "tools/kelmctl/export/GraphProbe.h"
 
-namespace kelm::ctl {
-
+namespace kelm {
 class MetricWriter;
+}
+
+namespace kelm::ctl {
 
 // Of the exporter itself.
 struct ExporterFacts {

@@ -1,16 +1,21 @@
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
-namespace kelm::ctl {
+namespace kelm {
+
+struct Latencies;
 
 // A text that a client chose, as the value of a label: UTF-8 without control characters.
 std::string labelText(std::string_view text);
+using Label = std::pair<std::string_view, std::string_view>;
 // `{name="value"}`, escaped.
 std::string label(std::string_view name, std::string_view value);
+std::string labels(std::initializer_list<Label> list);
 
 // Writes the samples of metrics in Prometheus' text format.
 //
@@ -28,6 +33,8 @@ class MetricWriter {
     }
     // Of a metric of several series: "_bucket", "_sum", "_count".
     void addPart(std::string_view suffix, const std::string& labels, double value);
+    // A histogram's; there must be a label.
+    void addHistogram(const std::string& labels, const Latencies& latencies);
 
     std::string take() { return std::move(m_text); }
 
@@ -37,4 +44,4 @@ class MetricWriter {
     std::string m_text;
 };
 
-}  // namespace kelm::ctl
+}  // namespace kelm

@@ -1,0 +1,401 @@
+#!/usr/bin/env python3
+"""Nodes with a service and a gateway each, in run directories of their own, behind HAProxy with the
+shipped configuration; on simulated accelerators, of which one runs 200 inferences a second.
+
+    cluster.py demo BUILD_DIR [SECONDS]     four clients, while one node is drained and restarted and
+                                            another one loses its devices; the status is 0 if no
+                                            request failed and each node had its share
+    cluster.py measure BUILD_DIR [NAME...]  the figures of docs/scale-out.md: rates, latency, restart,
+                                            faults
+"""
+
+import contextlib
+import csv
+import io
+import json
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.error
+import urllib.request
+from typing import Callable, Iterator, Optional
+
+SOURCE = pathlib.Path(__file__).resolve().parent.parent
+MICROS = 5000
+GRAPH = f"KELMSIM input=4096 output=1024 memory=24 micros={MICROS}\n".encode() + bytes(range(256)) * 64
+MODEL = {
+    "graph": "graph",
+    "inputs": [{"name": "i", "datatype": "UINT8", "shape": [4096]}],
+    "outputs": [{"name": "o", "datatype": "UINT8", "shape": [1024]}],
+}
+
+
+def free_port() -> int:
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def eventually(holds: Callable[[], bool], what: str, seconds: float = 30.0) -> None:
+    end = time.monotonic() + seconds
+    while not holds():
+        if time.monotonic() > end:
+            raise RuntimeError(f"{what}: not within {seconds:.0f} s")
+        time.sleep(0.05)
+
+
+def get(port: int, path: str) -> tuple[int, str]:
+    """Status and text; 0 if nobody answers."""
+    try:
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=5) as answer:
+            return answer.status, answer.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.code, error.read().decode()
+    except OSError:
+        return 0, ""
+
+
+class Node:
+    """A machine: a service on simulated accelerators and its gateway. Processes that it has started
+    end with it, by their ids."""
+
+    def __init__(self, build: pathlib.Path, work: pathlib.Path, name: str, devices: int) -> None:
+        self.build, self.name, self.devices = build, name, devices
+        self.work = work / name
+        for folder in ("bin", "config", "path", "models", "run"):
+            (self.work / folder).mkdir(parents=True)
+        (self.work / "bin/autoboot").symlink_to(build / "tools/simulator/autoboot")
+        (self.work / "config/kelm_service.config").write_text('{"security_settings": {"user_group": ""}}')
+        # The service ends its boot tool by name; those of other nodes have the same.
+        pkill = self.work / "path/pkill"
+        pkill.write_text(f"""#!/bin/sh
+for process in /proc/[0-9]*; do
+    case $(readlink $process/exe) in */autoboot) ;; *) continue ;; esac
+    ! grep -qs "{self.work}/bus" $process/environ || kill "${{process#/proc/}}"
+done
+""")
+        pkill.chmod(0o755)
+        (self.work / "models/graph").write_bytes(GRAPH)
+        model = MODEL | {"expected_devices": devices, "warmup": 1}
+        (self.work / "models/model.json").write_text(json.dumps(model))
+        self.rest, self.agent, self.metrics = free_port(), free_port(), free_port()
+        self.service: Optional[subprocess.Popen] = None
+        self.gateway: Optional[subprocess.Popen] = None
+
+    def start(self) -> None:
+        self.start_service()
+        self.start_gateway()
+
+    def start_service(self) -> None:
+        names = [f"1.{number + 1}" for number in range(self.devices)]
+        options = [word for name in names for word in ("--device", name)]
+        environment = dict(os.environ, PATH=f"{self.work}/path:{os.environ['PATH']}")
+        for name in ("KELM_INSTALL_DIR", "HOME"):
+            environment[name] = str(self.work)
+        environment["KELM_RUN_DIR"] = str(self.work / "run")
+        bus = [self.build / "tools/simulator/kelm-usb-bus", "--dir", self.work / "bus"]
+        self.service = self._start("service", [*bus, *options, "--", self.build / "kelmdaemon"],
+                                   environment, subprocess.PIPE)
+
+    def start_gateway(self) -> None:
+        options = ["--models", self.work / "models", "--socket", self.work / "run/kelm_service.sock",
+                   "--rest", f"127.0.0.1:{self.rest}", "--agent", f"127.0.0.1:{self.agent}",
+                   "--metrics", f"127.0.0.1:{self.metrics}", "--drain", "4", "--threads", "1",
+                   "--access-log", self.work / "access.log"]
+        self.gateway = self._start("gateway", [self.build / "kelm-gateway", *options], None, None)
+
+    def _start(self, name: str, command: list, environment: Optional[dict],
+               standard_input: Optional[int]) -> subprocess.Popen:
+        with open(self.work / f"{name}.log", "a", encoding="utf-8") as log:
+            return subprocess.Popen([str(word) for word in command], cwd=self.work, env=environment,
+                                    stdin=standard_input, stdout=log, stderr=log)
+
+    def is_ready(self) -> bool:
+        return get(self.rest, "/v2/health/ready")[0] == 200
+
+    def order(self, line: str) -> None:
+        """A command of the bus, as "unplug 1.1"."""
+        self.service.stdin.write(line.encode() + b"\n")
+        self.service.stdin.flush()
+
+    def move_devices(self, verb: str) -> None:
+        for number in range(self.devices):
+            self.order(f"{verb} 1.{number + 1}")
+
+    def restart_gateway(self) -> int:
+        """The status that the old one has ended with."""
+        self.gateway.send_signal(signal.SIGTERM)
+        status = self.gateway.wait(60)
+        self.start_gateway()
+        return status
+
+    def agent_line(self) -> str:
+        with socket.create_connection(("127.0.0.1", self.agent), 5) as peer:
+            return peer.makefile().readline().strip()
+
+    def handled(self) -> dict[str, int]:
+        """Requests for the model by their status."""
+        pattern = r'^kelm_gateway_requests_total\{model="model",protocol="rest",code="(\d+)"\} (\d+)'
+        return {code: int(count)
+                for code, count in re.findall(pattern, get(self.metrics, "/metrics")[1], re.M)}
+
+    def log(self) -> str:
+        return "".join((self.work / f"{name}.log").read_text(errors="replace")[-3000:]
+                       for name in ("service", "gateway") if (self.work / f"{name}.log").exists())
+
+    def end_service(self) -> None:
+        """The bus hands signals to the service, and ends with it."""
+        self.service.send_signal(signal.SIGUSR1)
+        try:
+            self.service.wait(20)
+        except subprocess.TimeoutExpired:
+            self.service.kill()
+            self.service.wait()
+        self.service.stdin.close()
+
+    def kill_service(self) -> None:
+        for child in pathlib.Path(f"/proc/{self.service.pid}/task/{self.service.pid}/children").read_text().split():
+            if pathlib.Path(f"/proc/{child}/exe").resolve() == (self.build / "kelmdaemon").resolve():
+                os.kill(int(child), signal.SIGKILL)
+
+    def end(self) -> None:
+        if self.gateway:
+            self.gateway.kill()
+            self.gateway.wait()
+        if self.service:
+            self.end_service()
+
+
+class Cluster:
+    """Nodes behind a HAProxy."""
+
+    def __init__(self, build: pathlib.Path, work: pathlib.Path, devices: list[int]) -> None:
+        self.build, self.work = build, work
+        self.nodes = [Node(build, work, f"n{number + 1}", count) for number, count in enumerate(devices)]
+        self.port = free_port()
+        self.proxy: Optional[subprocess.Popen] = None
+
+    def start(self) -> None:
+        for node in self.nodes:
+            node.start()
+        for node in self.nodes:
+            eventually(node.is_ready, f"{node.name} is ready")
+        config = self.work / "haproxy.cfg"
+        config.write_text(self.config())
+        subprocess.run(["haproxy", "-c", "-q", "-f", config], check=True)
+        with open(self.work / "haproxy.log", "w", encoding="utf-8") as log:
+            self.proxy = subprocess.Popen(["haproxy", "-db", "-f", config], stdout=log, stderr=log)
+        eventually(lambda: all(row["status"] == "UP" for row in self.servers().values()),
+                   "HAProxy has all nodes")
+        time.sleep(1.2)  # for the weights of the agents
+
+    def config(self) -> str:
+        """The shipped one with these nodes; of the protocols REST alone."""
+        text = (SOURCE / "examples/haproxy.cfg").read_text()
+        text = text[:text.index("frontend grpc")]
+        text = re.sub(r"stats socket \S+", f"stats socket {self.work}/haproxy.sock", text)
+        text = text.replace("bind :8000", f"bind 127.0.0.1:{self.port}")
+        text = re.sub(r"    server .*\n", "", text)
+        text += "    http-response set-header X-Node %[srv_name]\n"
+        for node in self.nodes:
+            text += f"    server {node.name} 127.0.0.1:{node.rest} agent-port {node.agent}\n"
+        return text
+
+    def servers(self) -> dict[str, dict[str, str]]:
+        """HAProxy's statistics of the nodes."""
+        with socket.socket(socket.AF_UNIX) as peer:
+            try:
+                peer.connect(str(self.work / "haproxy.sock"))
+            except OSError:
+                return {node.name: {"status": "no proxy"} for node in self.nodes}
+            peer.sendall(b"show stat\n")
+            text = peer.makefile().read()
+        rows = csv.DictReader(io.StringIO(text.lstrip("# ")))
+        return {row["svname"]: row for row in rows if row["svname"].startswith("n") and row["pxname"] == "rest"}
+
+    def load(self, seconds: float, connections: int, port: int = 0, rate: float = 0.0) -> subprocess.Popen:
+        """A client of the proxy, or of one node."""
+        command = [self.build / "tools/simulator/kelm-infer-load", "--port", port or self.port,
+                   "--graph", self.nodes[0].work / "models/graph", "--seconds", seconds,
+                   "--connections", connections, "--rate", rate]
+        return subprocess.Popen([str(word) for word in command], stdout=subprocess.PIPE, text=True)
+
+    def end(self) -> None:
+        if self.proxy:
+            self.proxy.kill()
+            self.proxy.wait()
+        for node in self.nodes:
+            node.end()
+
+
+@contextlib.contextmanager
+def running(build: pathlib.Path, devices: list[int]) -> Iterator[Cluster]:
+    with tempfile.TemporaryDirectory(prefix="kelm-cluster-") as work:
+        cluster = Cluster(build, pathlib.Path(work), devices)
+        try:
+            cluster.start()
+            yield cluster
+        except BaseException:
+            for node in cluster.nodes:
+                print(f"---- {node.name}\n{node.log()}", file=sys.stderr)
+            raise
+        finally:
+            cluster.end()
+
+
+def result(load: subprocess.Popen) -> dict:
+    told = json.loads(load.communicate(timeout=120)[0])
+    for why, count in told["failures"].items():
+        print(f"failed {count} times: {why}")
+    return told
+
+
+def table(*rows: list) -> None:
+    """Columns of words, the first one to the left."""
+    cells = [[f"{cell:.1f}" if isinstance(cell, float) else str(cell) for cell in row] for row in rows]
+    widths = [max(len(row[column]) for row in cells) for column in range(len(rows[0]))]
+    for row in cells:
+        print("  ".join([row[0].ljust(widths[0])] + [c.rjust(w) for c, w in zip(row[1:], widths[1:])]))
+
+
+def demo(build: pathlib.Path, seconds: float) -> int:
+    findings = []
+    with running(build, [2, 2, 2]) as cluster:
+        _, second, third = cluster.nodes
+        print("three nodes with two accelerators of 200 inferences a second each, four clients")
+        loads = [cluster.load(seconds, 6) for _ in range(4)]
+        time.sleep(seconds * 0.1)
+        print("n2: the gateway is drained, ends and is started again")
+        status = second.restart_gateway()
+        if status != 0:
+            findings.append(f"the drained gateway ended with status {status}")
+        time.sleep(seconds * 0.1)
+        print("n3: all accelerators are unplugged")
+        third.move_devices("unplug")
+        eventually(lambda: "agent" in cluster.servers()["n3"]["status"], "HAProxy is told by the agent")
+        before = third.handled()
+        time.sleep(seconds * 0.1)
+        if third.handled() != before:
+            findings.append("n3 had requests without an accelerator")
+        print("n3: and plugged in again")
+        third.move_devices("plug")
+        results = [result(load) for load in loads]
+        share = {node.name: sum(row["nodes"].get(node.name, 0) for row in results) for node in cluster.nodes}
+    print()
+    table(["client", "requests", "failed", "per second", "p50 in ms", "p99 in ms"],
+          *[[f"{number}", row["requests"], row["failed"], row["per_second"], row["p50_ms"], row["p99_ms"]]
+            for number, row in enumerate(results, 1)])
+    print()
+    table(["node", "requests", "share"],
+          *[[name, count, f"{count / sum(share.values()):.1%}"] for name, count in share.items()])
+    findings += [f"client {number} had {row['failed']} failures"
+                 for number, row in enumerate(results, 1) if row["failed"]]
+    findings += [f"{name} had no request" for name, count in share.items() if count == 0]
+    print("\n".join(findings) or "no request has failed")
+    return 1 if findings else 0
+
+
+def own_rates(cluster: Cluster, seconds: float) -> list[float]:
+    """What each node does alone, asked directly."""
+    return [result(cluster.load(seconds, 6 * node.devices, node.rest))["per_second"] for node in cluster.nodes]
+
+
+def measure_rates(build: pathlib.Path) -> None:
+    """Throughput of nodes together to the sum of what each does alone, before and after."""
+    rows = []
+    for devices in ([1], [1, 1], [1, 1, 1, 1], [1, 2, 5]):
+        with running(build, devices) as cluster:
+            before = own_rates(cluster, 4)
+            together = result(cluster.load(12, 6 * sum(devices)))
+            after = own_rates(cluster, 4)
+        own = sum(map(max, before, after))
+        nodes = together["nodes"]
+        rows.append([" + ".join(map(str, devices)), own, together["per_second"],
+                     f"{together['per_second'] / own:.3f}", together["failed"],
+                     " ".join(f"{nodes.get(f'n{n + 1}', 0) / together['requests']:.0%}" for n in range(len(devices)))])
+    table(["devices of the nodes", "sum alone", "together", "ratio", "failed", "shares"], *rows)
+
+
+def measure_latency(build: pathlib.Path) -> None:
+    """Latency at 70 % of the load, of each node alone and of all together."""
+    rows = []
+    with running(build, [1, 2, 5]) as cluster:
+        for node in cluster.nodes:
+            alone = result(cluster.load(10, 256, node.rest, 0.7 * 200 * node.devices))
+            rows.append([f"{node.devices} alone", alone["per_second"], alone["failed"], alone["p50_ms"], alone["p99_ms"]])
+        together = result(cluster.load(15, 256, rate=0.7 * 200 * 8))
+        rows.append(["1 + 2 + 5", together["per_second"], together["failed"], together["p50_ms"], together["p99_ms"]])
+    table(["devices of the nodes", "per second", "failed", "p50 in ms", "p99 in ms"], *rows)
+
+
+def measure_restart(build: pathlib.Path) -> None:
+    """All gateways, then all services, one after the other under load."""
+    with running(build, [1, 1, 1]) as cluster:
+        load = cluster.load(55, 9)
+        time.sleep(1)
+        statuses = []
+        for node in cluster.nodes:
+            statuses.append(node.restart_gateway())
+            eventually(lambda: cluster.servers()[node.name]["status"] == "UP", f"{node.name} is back")
+        after_gateways = time.monotonic()
+        for node in cluster.nodes:
+            # The node is drained, the service restarted, and the gateway started again.
+            node.gateway.send_signal(signal.SIGTERM)
+            statuses.append(node.gateway.wait(60))
+            node.end_service()
+            node.start()
+            eventually(lambda: cluster.servers()[node.name]["status"] == "UP", f"{node.name} is back")
+        print(f"rolling restart: statuses {statuses}, {time.monotonic() - after_gateways:.0f} s for the second round")
+        told = result(load)
+        table(["requests", "failed", "p99 in ms", "slowest in ms"],
+              [told["requests"], told["failed"], told["p99_ms"], told["max_ms"]])
+
+
+def measure_faults(build: pathlib.Path) -> None:
+    """What it costs when devices vanish, when a gateway is killed and when a service is."""
+    rows = []
+    for what in ("devices vanish", "gateway killed", "service killed"):
+        with running(build, [1, 1, 1]) as cluster:
+            load = cluster.load(9, 9)
+            time.sleep(2)
+            node = cluster.nodes[2]
+            if what == "devices vanish":
+                node.move_devices("unplug")
+            elif what == "gateway killed":
+                node.gateway.kill()
+            else:
+                node.kill_service()
+            time.sleep(2)  # two intervals of the checks
+            before = cluster.servers()["n3"]["stot"]
+            time.sleep(2)
+            late = int(cluster.servers()["n3"]["stot"]) - int(before)
+            print(f"{what}:")
+            told = result(load)
+            rows.append([what, told["requests"], told["failed"], late, told["max_ms"]])
+    table(["", "requests", "failed", "after 2 s", "slowest in ms"], *rows)
+
+
+MEASUREMENTS = {"rates": measure_rates, "latency": measure_latency, "restart": measure_restart, "faults": measure_faults}
+
+
+def main() -> int:
+    if len(sys.argv) < 3 or sys.argv[1] not in ("demo", "measure"):
+        print(__doc__, file=sys.stderr)
+        return 2
+    build = pathlib.Path(sys.argv[2]).resolve()
+    if sys.argv[1] == "demo":
+        return demo(build, float(sys.argv[3]) if len(sys.argv) > 3 else 20.0)
+    for name in sys.argv[3:] or MEASUREMENTS:
+        print(f"\n{name}: {MEASUREMENTS[name].__doc__}\n", flush=True)
+        MEASUREMENTS[name](build)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

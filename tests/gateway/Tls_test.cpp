@@ -1,0 +1,77 @@
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/write.hpp>
+
+#include "tests/gateway/GatewayFixture.h"
+
+namespace kelm::gateway {
+namespace {
+
+namespace asio = boost::asio;
+namespace ssl = boost::asio::ssl;
+
+class TlsTest : public GatewayTest {
+ protected:
+    // A certificate of its own, as NAME.crt and NAME.key.
+    TlsFiles makeFiles(const std::string& name) const {
+        const TlsFiles files{dir.path() + "/" + name + ".crt", dir.path() + "/" + name + ".key"};
+        const std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+            "-subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout " +
+            files.key + " -out " + files.certificate + " 2>/dev/null";
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        return files;
+    }
+};
+
+TEST_F(TlsTest, RequestsComeByTls) {
+    const std::string tensor = R"({"name":"i","datatype":"UINT8","shape":[4]})";
+    dir.write("m.json", describe(tensor, tensor));
+    serve();
+    const TlsFiles files = makeFiles("a");
+    HttpServer tls(ListenSocket("127.0.0.1:0"), 2, {}, makeRestHandler(*gateway), files);
+    ssl::context trust(ssl::context::tls_client);
+    trust.load_verify_file(files.certificate);
+    asio::io_context loop;
+    ssl::stream<asio::ip::tcp::socket> peer(loop, trust);
+    peer.set_verify_mode(ssl::verify_peer);
+    peer.lowest_layer().connect({asio::ip::address_v4::loopback(), tls.port()});
+    peer.handshake(ssl::stream_base::client);
+    const auto answer = [&] {
+        std::string text;
+        boost::system::error_code error;
+        asio::read_until(peer, asio::dynamic_buffer(text), "]}", error);
+        return text;
+    };
+    const std::string request =
+        post(R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]}]})",
+             "Expect: 100-continue\r\n");
+    for (const char each : request) asio::write(peer, asio::buffer(&each, 1));
+    EXPECT_THAT(answer(), AllOf(StartsWith("HTTP/1.1 100"), HasSubstr(R"("data":[2,3,4,5])")));
+
+    engine.isHolding = true;
+    asio::write(peer, asio::buffer(request));
+    ASSERT_TRUE(eventually([&] { return engine.held() == 1; }));
+    peer.lowest_layer().close();
+    EXPECT_TRUE(eventually([&] { return engine.held() == 0; }));
+
+    RawPeer plain(tls.port());
+    plain.send("GET /v2 HTTP/1.1\r\nHost: h\r\n\r\n");
+    EXPECT_THAT(plain.answer(), IsEmpty());
+}
+
+TEST_F(TlsTest, FilesThatAreOfNoUseAreNamed) {
+    const TlsFiles a = makeFiles("a"), b = makeFiles("b");
+    const std::string none = dir.path() + "/none";
+    const std::pair<TlsFiles, std::string> rows[] = {
+        {{none, a.key}, none}, {{a.certificate, none}, none}, {{a.certificate, b.key}, b.key}};
+    for (const auto& [files, named] : rows) {
+        EXPECT_THAT([&] { (void)makeTlsContext(files); },
+                    ThrowsMessage<std::runtime_error>(HasSubstr(named)));
+    }
+}
+
+}  // namespace
+}  // namespace kelm::gateway

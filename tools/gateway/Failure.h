@@ -1,0 +1,36 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace kelm::gateway {
+
+// Why a request comes to nothing, in the words of neither protocol.
+enum class Cause {
+    kInvalid,
+    kNotFound,
+    kTooLarge,
+    kFull,
+    kUnavailable,  // and no device had it
+    kLost,         // a device may have had it
+    kExpired,
+    kCanceled,
+    kInternal
+};
+
+// A request that failed; what() is one line for the client.
+class Failure : public std::runtime_error {
+ public:
+    Failure(Cause why, const std::string& text) : std::runtime_error(text), m_cause(why) {}
+    // Of an error of libkelm or the service, whose name and code end the text.
+    static Failure ofKelm(int error, const std::string& text);
+
+    Cause cause() const { return m_cause; }
+    unsigned httpStatus() const;
+    int grpcCode() const;
+
+ private:
+    Cause m_cause;
+};
+
+}  // namespace kelm::gateway
