@@ -22,7 +22,7 @@ layer(libkelm    FOLDERS "libkelm"                              SEES client inte
 layer(examples   FOLDERS "examples"                             SEES interface)
 layer(config     FOLDERS "service/src/config"                   SEES utils)
 layer(kelmctl    FOLDERS "tools/kelmctl(/export(/page)?)?"      SEES client config interface)
-layer(gateway    FOLDERS "tools/gateway(/rest)?"                SEES utils interface)
+layer(gateway    FOLDERS "tools/gateway(/rest|/grpc)?"                SEES utils interface)
 layer(autoboot   FOLDERS "tools/autoboot"                       SEES utils)
 layer(reporting  FOLDERS "service/src/reporting"                SEES config protocol)
 layer(records    FOLDERS "service/src/(records|platform/linux)" SEES reporting)
