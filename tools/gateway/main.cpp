@@ -89,9 +89,9 @@ std::unique_ptr<GrpcServer> serveGrpc(const Options& options, const Gateway& gat
     limits.message = options.limits.body;
     limits.text = options.limits.json;
     std::vector<ListenSocket> sockets(options.grpc.begin(), options.grpc.end());
-    auto server = std::make_unique<GrpcServer>(
-        gateway, std::move(sockets), options.threads, limits,
-        GrpcTls{readFile(options.tlsCert), readFile(options.tlsKey)});
+    auto server =
+        std::make_unique<GrpcServer>(gateway, std::move(sockets), options.threads, limits,
+                                     GrpcTls{readFile(options.tlsCert), readFile(options.tlsKey)});
     for (size_t i = 0; i < options.grpc.size(); ++i) {
         say("serves gRPC on " + options.grpc[i] + ", port " + std::to_string(server->port(i)));
     }

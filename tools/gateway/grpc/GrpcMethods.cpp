@@ -112,7 +112,8 @@ constexpr Method kMethods[] = {
                 describeServer>},
     {requestBy<kInference, &GrpcServices::Inference::RequestModelMetadata>,
      answerWith<inference::ModelMetadataRequest, inference::ModelMetadataResponse, describeModel>},
-    {requestBy<kHealth, &GrpcServices::Watched::RequestCheck>, answerWith<HealthCheckRequest, HealthCheckResponse, check>},
+    {requestBy<kHealth, &GrpcServices::Watched::RequestCheck>,
+     answerWith<HealthCheckRequest, HealthCheckResponse, check>},
 };
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
 
+#include <algorithm>
 #include <atomic>
+#include <limits>
 #include <list>
 #include <optional>
 #include <stdexcept>
@@ -51,7 +53,8 @@ void applyLimits(Builder& builder, const GrpcLimits& limits) {
     for (const auto& [name, value] : arguments) {
         builder.AddChannelArgument(name, static_cast<int>(value));
     }
-    builder.SetMaxReceiveMessageSize(static_cast<int>(limits.message));
+    constexpr size_t kMost = std::numeric_limits<int>::max();
+    builder.SetMaxReceiveMessageSize(static_cast<int>(std::min(limits.message, kMost)));
     builder.SetResourceQuota(grpc::ResourceQuota("gateway").Resize(limits.memory));
     for (const auto each : {GRPC_COMPRESS_DEFLATE, GRPC_COMPRESS_GZIP}) {
         builder.SetCompressionAlgorithmSupportStatus(each, false);

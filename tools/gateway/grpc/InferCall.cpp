@@ -119,8 +119,8 @@ Inference::Wish InferCall::readWish(const Request& request) {
     Inference::Wish wish{.begun = Clock::now(), .timeout = timeLeft(context()), .priority = {}};
     const auto timeout = readCount(request, "timeout", kLongestTimeout);
     if (timeout.value_or(0) > 0) {
-        wish.timeout = std::min(wish.timeout.value_or(microseconds(kLongestTimeout)),
-                                microseconds(*timeout));
+        wish.timeout =
+            std::min(wish.timeout.value_or(microseconds(kLongestTimeout)), microseconds(*timeout));
     }
     if (const auto priority = readCount(request, "priority", kHighestPriority)) {
         wish.priority = static_cast<uint32_t>(*priority);

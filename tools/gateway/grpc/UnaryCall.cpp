@@ -36,7 +36,8 @@ void UnaryCall::onArrived(bool ok) {
 
 void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
     MutexLock lock(m_mutex);
-    m_mostTime = Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
+    m_mostTime =
+        Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
     m_responder.Finish(bytes, grpc::Status::OK, &m_answered);
 }
 
