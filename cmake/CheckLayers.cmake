@@ -36,7 +36,7 @@ layer(managers   FOLDERS "service/src/managers"                 SEES devices tas
 layer(shell      FOLDERS "service/src/shell"                    SEES managers autoboot)
 layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
-layer(tests      FOLDERS "bench(/placement)?|tests/.*"           SEES shell kelmctl gateway simulator libkelm)
+layer(tests      FOLDERS "bench(/placement|/gateway)?|tests/.*"           SEES shell kelmctl gateway simulator libkelm)
 
 # The layer of a folder, empty if it is in none.
 function(find_layer folder out)
