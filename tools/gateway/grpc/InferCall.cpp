@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <exception>
 #include <span>
 #include <utility>
@@ -149,7 +150,7 @@ void InferCall::fillIn(const InferMessage& message) {
         if (!type) refuse("there is no datatype '" + claim.datatype + "'");
         const std::string bytes = readContents(input.contents(), claim.name, *type);
         claim.bytes = bytes.size();
-        std::ranges::copy(std::as_bytes(std::span(bytes)), m_inference->claimInput(claim).begin());
+        std::memcpy(m_inference->claimInput(claim).data(), bytes.data(), bytes.size());
     }
 }
 

@@ -128,9 +128,9 @@ class Parter {
 }  // namespace
 
 void RawContent::copyTo(std::span<std::byte> room) const {
-    for (const auto& piece : pieces) {
-        std::ranges::copy(piece, room.begin());
-        room = room.subspan(piece.size());
+    for (size_t at = 0; const auto& piece : pieces) {
+        std::memcpy(room.data() + at, piece.data(), piece.size());
+        at += piece.size();
     }
 }
 
