@@ -25,8 +25,8 @@ constexpr int kWaitingCalls = 64;  // unary calls that a queue takes at once
 // One call, from its acceptance to its answer. Owns itself.
 class UnaryCall final : public EchoStep {
  public:
-    static void await(Service& service, ServerCompletionQueue& queue) {
-        auto* const call = new UnaryCall(service, queue);
+    static void await(Service& service, ServerCompletionQueue& queue, size_t answerBytes) {
+        auto* const call = new UnaryCall(service, queue, answerBytes);
         service.RequestUnary(&call->m_context, &call->m_request, &call->m_responder, &queue, &queue,
                              call);
     }
@@ -36,19 +36,20 @@ class UnaryCall final : public EchoStep {
             delete this;
             return;
         }
-        await(m_service, m_queue);
+        await(m_service, m_queue, m_answerBytes);
         m_answered = true;
-        m_answer.set_payload(std::string(kEchoAnswerBytes, '\0'));
+        m_answer.set_payload(std::string(m_answerBytes, '\0'));
         m_responder.Finish(m_answer, grpc::Status::OK, this);
     }
 
  private:
-    UnaryCall(Service& service, ServerCompletionQueue& queue)
-        : m_service(service), m_queue(queue), m_responder(&m_context) {}
+    UnaryCall(Service& service, ServerCompletionQueue& queue, size_t answerBytes)
+        : m_service(service), m_queue(queue), m_answerBytes(answerBytes), m_responder(&m_context) {}
     ~UnaryCall() = default;
 
     Service& m_service;
     ServerCompletionQueue& m_queue;
+    const size_t m_answerBytes;
     grpc::ServerContext m_context;
     echo::Request m_request;
     echo::Answer m_answer;
@@ -98,8 +99,8 @@ class StreamCall final : public EchoStep {
     bool m_reading = true;
 };
 
-void serveQueue(Service& service, ServerCompletionQueue& queue) {
-    for (int i = 0; i < kWaitingCalls; ++i) UnaryCall::await(service, queue);
+void serveQueue(Service& service, ServerCompletionQueue& queue, size_t answerBytes) {
+    for (int i = 0; i < kWaitingCalls; ++i) UnaryCall::await(service, queue, answerBytes);
     StreamCall::await(service, queue);
     while (runNextStep(queue)) {
     }
@@ -107,7 +108,7 @@ void serveQueue(Service& service, ServerCompletionQueue& queue) {
 
 }  // namespace
 
-void serveEcho(const std::string& address, const std::function<void()>& ready) {
+void serveEcho(const std::string& address, size_t answerBytes, const std::function<void()>& ready) {
     Service service;
     grpc::ServerBuilder builder;
     builder.AddListeningPort(address, grpc::InsecureServerCredentials());
@@ -120,7 +121,7 @@ void serveEcho(const std::string& address, const std::function<void()>& ready) {
     if (server == nullptr) ::_exit(1);
     std::vector<std::thread> threads;
     for (const auto& queue : queues) {
-        threads.emplace_back([&service, &queue] { serveQueue(service, *queue); });
+        threads.emplace_back([&, raw = queue.get()] { serveQueue(service, *raw, answerBytes); });
     }
     ready();
     for (std::thread& thread : threads) thread.join();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -7,6 +8,8 @@ namespace kelm::bench {
 
 // Serves gRPC's echo at the address until the process is killed, with one thread for each CPU that
 // it may use. Tells when it takes clients.
-[[noreturn]] void serveEcho(const std::string& address, const std::function<void()>& ready);
+// Answers to unary calls have so many bytes.
+[[noreturn]] void serveEcho(const std::string& address, size_t answerBytes,
+                            const std::function<void()>& ready);
 
 }  // namespace kelm::bench

@@ -19,6 +19,7 @@
 
 #include "bench/EchoClient.h"
 #include "bench/EchoServer.h"
+#include "bench/EchoStep.h"
 #include "bench/Lanes.h"
 #include "bench/ProcessCounts.h"
 #include "tests/fakes/TempDir.h"
@@ -32,6 +33,8 @@ struct Options {
     EchoLoad load;
     double seconds = 2.0;
     std::string json;
+    std::string serve;
+    size_t answerBytes = kEchoAnswerBytes;
 };
 
 // gRPC must not be touched before a fork: its threads would be missing after it.
@@ -47,7 +50,7 @@ pid_t startServer(const std::string& address) {
     int ready[2];
     if (::pipe(ready) != 0) throw std::runtime_error("no pipe");
     const pid_t server = startProcess([&] {
-        serveEcho(address, [&] {
+        serveEcho(address, kEchoAnswerBytes, [&] {
             if (::write(ready[1], "", 1) != 1) ::_exit(1);
         });
     });
@@ -104,9 +107,12 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--seconds", options.seconds, "how long to run")->capture_default_str();
     app.add_flag("--stream", options.load.stream, "one bidirectional stream in place of calls");
-    app.add_option("--json", options.json, "file for the figures")->required();
+    app.add_option("--json", options.json, "file for the figures");
+    app.add_option("--serve", options.serve, "serve at this address only, until killed");
+    app.add_option("--answer-bytes", options.answerBytes, "of what is served so");
     CLI11_PARSE(app, argc, argv);
     options.load.time = std::chrono::milliseconds(static_cast<int>(options.seconds * 1000));
+    if (!options.serve.empty()) serveEcho(options.serve, options.answerBytes, [] {});
     try {
         std::ofstream file(options.json, std::ios::trunc);
         file << measure(options).dump(2) << std::endl;

@@ -23,7 +23,7 @@ layer(examples   FOLDERS "examples"                             SEES interface)
 layer(config     FOLDERS "service/src/config"                   SEES utils)
 layer(metrics    FOLDERS "tools/metrics"                        SEES utils)
 layer(kelmctl    FOLDERS "tools/kelmctl(/export(/page)?)?"      SEES client config metrics interface)
-layer(gateway    FOLDERS "tools/gateway(/rest)?"                SEES metrics interface)
+layer(gateway    FOLDERS "tools/gateway(/rest|/grpc)?"          SEES metrics interface)
 layer(autoboot   FOLDERS "tools/autoboot"                       SEES utils)
 layer(reporting  FOLDERS "service/src/reporting"                SEES config protocol)
 layer(records    FOLDERS "service/src/(records|platform/linux)" SEES reporting)
@@ -38,7 +38,7 @@ layer(shell      FOLDERS "service/src/shell"                    SEES managers au
 layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
 layer(prove      FOLDERS "tools/prove"                          SEES interface simulator)
-layer(tests      FOLDERS "bench(/placement)?|tests/.*"           SEES shell kelmctl gateway simulator libkelm)
+layer(tests      FOLDERS "bench(/placement|/gateway)?|tests/.*"  SEES shell kelmctl gateway simulator libkelm)
 
 # The layer of a folder, empty if it is in none.
 function(find_layer folder out)

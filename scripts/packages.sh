@@ -8,7 +8,7 @@ kelm_packages=(
     libboost-dev libboost-program-options-dev libboost-filesystem-dev libboost-system-dev
     libboost-thread-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
     libncurses-dev libfmt-dev nlohmann-json3-dev libusb-1.0-0-dev libcpp-httplib-dev
-    pkg-config
+    libgrpc++-dev protobuf-compiler-grpc libprotobuf-dev pkg-config
     python3 python3-numpy "$@")
 
 kelm_missing=()

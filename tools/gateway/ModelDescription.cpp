@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/RequestRules.h"
 #include "tools/gateway/StrictJson.h"
 
 namespace kelm::gateway {
@@ -16,8 +17,6 @@ namespace {
 using nlohmann::json;
 
 constexpr uint64_t kMostElements = uint64_t{1} << 48;
-constexpr size_t kMostTensors = 256;
-constexpr size_t kMostDimensions = 16;
 constexpr size_t kLongestName = 128;
 constexpr size_t kLongestReservation = 511;  // of a tag or a stream id, as the service has it
 
@@ -217,6 +216,25 @@ ModelDescription ModelDescription::parse(const std::string& name, std::string_vi
 void ModelDescription::requireFit(uint64_t inputBytes, uint64_t outputBytes) const {
     requireWithin(inputs, inputBytes, "input");
     requireWithin(outputs, outputBytes, "output");
+}
+
+std::vector<const TensorDescription*> ModelDescription::chooseOutputs(
+    const std::vector<std::string>& names) const {
+    std::vector<const TensorDescription*> chosen;
+    for (const std::string& each : names) {
+        const auto tensor = std::ranges::find(outputs, each, &TensorDescription::name);
+        if (tensor == outputs.end()) {
+            throw Failure(Cause::kInvalid, "the model has no output '" + each + "'");
+        }
+        if (std::ranges::count(chosen, &*tensor) > 0) {
+            throw Failure(Cause::kInvalid, "output '" + each + "' is wanted twice");
+        }
+        chosen.push_back(&*tensor);
+    }
+    if (names.empty()) {
+        for (const TensorDescription& each : outputs) chosen.push_back(&each);
+    }
+    return chosen;
 }
 
 }  // namespace kelm::gateway

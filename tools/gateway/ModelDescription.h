@@ -37,6 +37,10 @@ struct ModelDescription {
     // Throws a Failure if a tensor reaches beyond the buffers of the graph.
     void requireFit(uint64_t inputBytes, uint64_t outputBytes) const;
 
+    // The outputs of these names; without any, all. Throws a Failure if one is not there or twice.
+    std::vector<const TensorDescription*> chooseOutputs(
+        const std::vector<std::string>& names) const;
+
     std::string name;
     std::string graph;  // the file, as it is written there
     std::string version = "1";

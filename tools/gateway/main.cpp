@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
@@ -5,16 +6,22 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <list>
+#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/gateway/AgentServer.h"
 #include "tools/gateway/Gateway.h"
 #include "tools/gateway/LibkelmEngine.h"
 #include "tools/gateway/SignalWait.h"
+#include "tools/gateway/grpc/GrpcServer.h"
 #include "tools/gateway/rest/HttpServer.h"
 #include "tools/gateway/rest/RestRoutes.h"
 
@@ -25,6 +32,7 @@ using namespace kelm::gateway;
 struct Options {
     std::string models;
     std::vector<std::string> rest{"127.0.0.1:8000"};
+    std::vector<std::string> grpc;
     std::string agent;
     std::string metrics;
     std::string socket;
@@ -39,6 +47,7 @@ void addOptions(CLI::App& app, Options& options) {
     app.add_option("--models", options.models, "folder of the models' descriptions")->required();
     app.add_option("--rest", options.rest, "ADDRESS:PORT or unix:PATH for REST, several times")
         ->capture_default_str();
+    app.add_option("--grpc", options.grpc, "ADDRESS:PORT or unix:PATH for gRPC, several times");
     app.add_option("--agent", options.agent, "ADDRESS:PORT for HAProxy's agent check");
     app.add_option("--metrics", options.metrics, "ADDRESS:PORT for Prometheus, path /metrics");
     app.add_option("--access-log", options.gateway.accessLog,
@@ -77,6 +86,30 @@ void say(std::string line) {
     std::cerr << "kelm-gateway: " + line + "\n";
 }
 
+std::string readFile(const std::string& path) {
+    if (path.empty()) return {};
+    std::ifstream file(path, std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(file), {}};
+    if (text.empty()) throw std::runtime_error("cannot read '" + path + "', or it is empty");
+    return text;
+}
+
+std::unique_ptr<GrpcServer> serveGrpc(const Options& options, const Gateway& gateway) {
+    if (options.grpc.empty()) return nullptr;
+    GrpcLimits limits;
+    limits.connections = options.limits.connections;
+    limits.message = options.limits.body;
+    limits.text = options.limits.json;
+    std::vector<ListenSocket> sockets(options.grpc.begin(), options.grpc.end());
+    auto server = std::make_unique<GrpcServer>(
+        gateway, std::move(sockets), options.threads, limits,
+        GrpcTls{readFile(options.tls.certificate), readFile(options.tls.key)});
+    for (size_t i = 0; i < options.grpc.size(); ++i) {
+        say("serves gRPC on " + options.grpc[i] + ", port " + std::to_string(server->port(i)));
+    }
+    return server;
+}
+
 void serve(const Options& options) {
     constexpr std::chrono::seconds kLastAnswers(30);
     constexpr HttpLimits kFewAndSmall{.connections = 16, .json = 0, .body = 0};
@@ -91,6 +124,7 @@ void serve(const Options& options) {
                              makeRestHandler(gateway), tls);
         say("serves on " + each + ", port " + std::to_string(servers.back().port()));
     }
+    const auto grpc = serveGrpc(options, gateway);
     std::optional<HttpServer> metrics;
     if (!options.metrics.empty()) {
         metrics.emplace(ListenSocket(options.metrics), 1, kFewAndSmall,
@@ -108,12 +142,19 @@ void serve(const Options& options) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(options.drain);
     int signal = 0;
     while ((signal = signals.waitUntil(end)) == SIGHUP) gateway.reopenLog();
-    const bool isHurried = signal != 0;
-    for (HttpServer& each : servers) {
-        if (!each.stop(isHurried ? std::chrono::seconds(0) : kLastAnswers)) {
-            say("some requests were not answered");
-        }
-    }
+    const auto limit = signal != 0 ? std::chrono::seconds(0) : kLastAnswers;
+    bool isAllAnswered = grpc == nullptr || grpc->stop(limit);
+    for (HttpServer& each : servers) isAllAnswered = each.stop(limit) && isAllAnswered;
+    if (!isAllAnswered) say("some requests were not answered");
+}
+
+// Messages come and go: to give their memory back each time costs more in page faults than to copy
+// them.
+void keepFreedMemory() {
+    constexpr int kMapped = 32 << 20;
+    constexpr int kKept = 256 << 20;
+    ::mallopt(M_MMAP_THRESHOLD, kMapped);
+    ::mallopt(M_TRIM_THRESHOLD, kKept);
 }
 
 }  // namespace
@@ -124,6 +165,7 @@ int main(int argc, char** argv) {
     CLI::App app("Serves models over the Open Inference Protocol", "kelm-gateway");
     Options options;
     try {
+        keepFreedMemory();
         addOptions(app, options);
         app.parse(argc, argv);
         serve(options);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/RequestRules.h"
 #include "tools/gateway/StrictJson.h"
 
 namespace kelm::gateway {
@@ -10,12 +11,6 @@ namespace kelm::gateway {
 namespace {
 
 using nlohmann::json;
-
-constexpr size_t kMostTensors = 256;
-constexpr size_t kMostDimensions = 16;
-constexpr uint64_t kMostBytes = uint64_t{1} << 48;
-constexpr uint64_t kDay = uint64_t{86'400'000'000};  // us
-constexpr uint64_t kHighestPriority = 15;
 
 [[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
 
@@ -117,7 +112,7 @@ InferBody InferBody::parse(std::string_view text) {
     InferBody body;
     if (root.contains("id")) body.id = readText(root, "id");
     const json& parameters = parametersOf(root);
-    if (const auto timeout = readCount(parameters, "timeout", kDay); timeout.value_or(0) > 0) {
+    if (const auto timeout = readCount(parameters, "timeout", kLongestTimeout); timeout.value_or(0) > 0) {
         body.timeout = std::chrono::microseconds(*timeout);
     }
     if (const auto priority = readCount(parameters, "priority", kHighestPriority)) {

@@ -1,7 +1,7 @@
 #include "tools/gateway/rest/InferReply.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -19,15 +19,13 @@ std::string quoted(const std::string& text) {
 }  // namespace
 
 InferReply::InferReply(const InferBody& body, const ModelDescription& model) : m_id(body.id) {
-    for (const auto& each : body.outputs) {
-        const auto tensor = std::ranges::find(model.outputs, each.name, &TensorDescription::name);
-        if (tensor == model.outputs.end()) {
-            throw Failure(Cause::kInvalid, "the model has no output '" + each.name + "'");
-        }
-        add(*tensor, each.isRaw.value_or(body.isAllRaw));
+    std::vector<std::string> names;
+    for (const auto& each : body.outputs) names.push_back(each.name);
+    const auto tensors = model.chooseOutputs(names);
+    for (size_t i = 0; i < tensors.size(); ++i) {
+        const auto isRaw = i < body.outputs.size() ? body.outputs[i].isRaw : std::nullopt;
+        add(*tensors[i], isRaw.value_or(body.isAllRaw));
     }
-    if (!m_wanted.empty()) return;
-    for (const auto& each : model.outputs) add(each, body.isAllRaw);
 }
 
 void InferReply::add(const TensorDescription& tensor, bool isRaw) {
@@ -35,9 +33,6 @@ void InferReply::add(const TensorDescription& tensor, bool isRaw) {
         throw Failure(Cause::kInvalid, "output '" + tensor.name + "' has datatype " +
                                            std::string(infoOf(tensor.datatype).name) +
                                            ", which has no JSON form; ask for binary data");
-    }
-    if (std::ranges::count(m_wanted, &tensor, &Wanted::tensor) > 0) {
-        throw Failure(Cause::kInvalid, "output '" + tensor.name + "' is wanted twice");
     }
     m_wanted.push_back({&tensor, isRaw});
 }

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "tools/gateway/ListenSocket.h"
+#include "utils/NonCopyable.h"
+#include "utils/UniqueFd.h"
+
+namespace kelm::gateway {
+
+// Accepts connections for gRPC, whose own listening knows no limit of them; what is beyond is
+// closed at once.
+//
+// Threads: one of its own accepts. Owns: the thread and the sockets that listen; an accepted one
+// is who takes it's.
+class GrpcAcceptor : public NonCopyable {
+ public:
+    using Take = std::function<void(int fd)>;
+    GrpcAcceptor(std::vector<ListenSocket> sockets, size_t connections, Take take);
+    // Accepts nothing more.
+    ~GrpcAcceptor();
+
+    const std::vector<ListenSocket>& sockets() const { return m_sockets; }
+
+ private:
+    void run();
+    void acceptAll(const ListenSocket& socket);
+    bool hasRoom();
+
+    const std::vector<ListenSocket> m_sockets;
+    const size_t m_connections;
+    const Take m_take;
+    const UniqueFd m_end;
+    // What was accepted, by descriptor and inode: gRPC does not tell when it closes one, but then
+    // the number is free or another file's.
+    std::map<int, ino_t> m_accepted;
+    std::thread m_thread;
+};
+
+}  // namespace kelm::gateway

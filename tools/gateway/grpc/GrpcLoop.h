@@ -1,0 +1,63 @@
+#pragma once
+
+#include <grpcpp/alarm.h>
+#include <grpcpp/completion_queue.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+
+#include "tools/gateway/grpc/GrpcCall.h"
+#include "tools/gateway/grpc/GrpcLimits.h"
+#include "utils/NonCopyable.h"
+
+namespace kelm::gateway {
+
+// A thread that runs what gRPC tells of the calls of its own.
+//
+// Threads: its own does everything but to make it and join().
+// Owns: the thread, the queue and the calls.
+class GrpcLoop : public NonCopyable {
+ public:
+    GrpcLoop(std::unique_ptr<grpc::ServerCompletionQueue> queue, const GrpcLimits& limits)
+        : m_limits(limits), m_queue(std::move(queue)) {}
+    ~GrpcLoop() { join(); }
+
+    // Once the server runs: begins with `first`, which adds calls.
+    void start(std::function<void()> first);
+    // After the server was shut down; waits for calls that peers have begun.
+    void join();
+
+    const GrpcLimits& limits() const { return m_limits; }
+    grpc::ServerCompletionQueue& queue() { return *m_queue; }
+    // Keeps the call and has it ask.
+    void add(std::unique_ptr<GrpcCall> call);
+    // A peer has begun it.
+    void arrived(GrpcCall& call);
+    // Destroys it.
+    void drop(GrpcCall& call);
+
+ private:
+    struct Kept {
+        std::unique_ptr<GrpcCall> call;
+        bool hasArrived = false;
+    };
+    void run();
+    void happen(void* what, bool ok);
+    void lookAtAll();
+    void awaitLook();
+
+    const GrpcLimits m_limits;
+    const std::unique_ptr<grpc::ServerCompletionQueue> m_queue;
+    grpc::Alarm m_look;
+    grpc::Alarm m_end;
+    std::unordered_map<GrpcCall*, Kept> m_calls;
+    size_t m_arrived = 0;
+    bool m_isEnding = false;
+    std::thread m_thread;
+};
+
+}  // namespace kelm::gateway

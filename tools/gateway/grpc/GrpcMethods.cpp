@@ -1,0 +1,143 @@
+#include "tools/gateway/grpc/GrpcMethods.h"
+
+#include "tools/gateway/Failure.h"
+#include "tools/gateway/grpc/ProtoBytes.h"
+
+namespace kelm::gateway {
+
+namespace {
+
+using grpc::health::v1::HealthCheckRequest;
+using grpc::health::v1::HealthCheckResponse;
+using Responder = grpc::ServerAsyncResponseWriter<grpc::ByteBuffer>;
+
+// A method: how its calls are asked for, and what its answer is. Throws a Failure.
+struct Method {
+    void (*request)(GrpcServices& services, grpc::ServerContext& context, grpc::ByteBuffer& message,
+                    Responder& responder, grpc::ServerCompletionQueue& queue, void* tag);
+    grpc::ByteBuffer (*answer)(const Gateway& gateway, grpc::ByteBuffer& message);
+};
+
+class PlainCall final : public UnaryCall {
+ public:
+    PlainCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gateway, const Method& method)
+        : UnaryCall(owner), m_services(services), m_gateway(gateway), m_method(method) {}
+
+ private:
+    void request(grpc::ServerContext& context, grpc::ByteBuffer& message, UnaryCall::Responder& to,
+                 grpc::ServerCompletionQueue& queue, void* tag) override {
+        m_method.request(m_services, context, message, to, queue, tag);
+    }
+    std::unique_ptr<GrpcCall> another() override {
+        return std::make_unique<PlainCall>(loop(), m_services, m_gateway, m_method);
+    }
+    void serve(grpc::ByteBuffer& message) override { answer(m_method.answer(m_gateway, message)); }
+
+    GrpcServices& m_services;
+    const Gateway& m_gateway;
+    const Method& m_method;
+};
+
+template <class Request, class Answer, void (*kFill)(const Gateway&, const Request&, Answer&)>
+grpc::ByteBuffer answerWith(const Gateway& gateway, grpc::ByteBuffer& message) {
+    Answer answer;
+    kFill(gateway, parseProto<Request>(message), answer);
+    return toBytes(answer);
+}
+
+void tellLive(const Gateway&, const inference::ServerLiveRequest&,
+              inference::ServerLiveResponse& answer) {
+    answer.set_live(true);
+}
+
+void tellReady(const Gateway& gateway, const inference::ServerReadyRequest&,
+               inference::ServerReadyResponse& answer) {
+    answer.set_ready(gateway.isReady());
+}
+
+void tellModelReady(const Gateway& gateway, const inference::ModelReadyRequest& request,
+                    inference::ModelReadyResponse& answer) {
+    const auto model = gateway.models().find(request.name(), request.version());
+    answer.set_ready(model->whyNot().empty());
+}
+
+void describeServer(const Gateway&, const inference::ServerMetadataRequest&,
+                    inference::ServerMetadataResponse& answer) {
+    answer.set_name(Gateway::kName);
+    answer.set_version(KELM_VERSION);
+}
+
+void describeTensor(const TensorDescription& tensor,
+                    inference::ModelMetadataResponse::TensorMetadata& answer) {
+    answer.set_name(tensor.name);
+    answer.set_datatype(std::string(infoOf(tensor.datatype).name));
+    answer.mutable_shape()->Add(tensor.shape.begin(), tensor.shape.end());
+}
+
+void describeModel(const Gateway& gateway, const inference::ModelMetadataRequest& request,
+                   inference::ModelMetadataResponse& answer) {
+    const auto model = gateway.models().find(request.name(), request.version());
+    const ModelDescription& about = model->description();
+    answer.set_name(about.name);
+    answer.add_versions(about.version);
+    answer.set_platform(about.platform);
+    for (const auto& each : about.inputs) describeTensor(each, *answer.add_inputs());
+    for (const auto& each : about.outputs) describeTensor(each, *answer.add_outputs());
+}
+
+void check(const Gateway& gateway, const HealthCheckRequest& request, HealthCheckResponse& answer) {
+    answer.set_status(healthOf(gateway, request.service()));
+    if (answer.status() == HealthCheckResponse::SERVICE_UNKNOWN) {
+        throw Failure(Cause::kNotFound, "there is no service '" + request.service() + "'");
+    }
+}
+
+template <auto kService, auto kRequest>
+void requestBy(GrpcServices& services, grpc::ServerContext& context, grpc::ByteBuffer& message,
+               Responder& responder, grpc::ServerCompletionQueue& queue, void* tag) {
+    ((services.*kService).*kRequest)(&context, &message, &responder, &queue, &queue, tag);
+}
+
+constexpr auto kInference = &GrpcServices::inference;
+constexpr auto kHealth = &GrpcServices::health;
+constexpr Method kMethods[] = {
+    {requestBy<kInference, &GrpcServices::Inference::RequestServerLive>,
+     answerWith<inference::ServerLiveRequest, inference::ServerLiveResponse, tellLive>},
+    {requestBy<kInference, &GrpcServices::Inference::RequestServerReady>,
+     answerWith<inference::ServerReadyRequest, inference::ServerReadyResponse, tellReady>},
+    {requestBy<kInference, &GrpcServices::Inference::RequestModelReady>,
+     answerWith<inference::ModelReadyRequest, inference::ModelReadyResponse, tellModelReady>},
+    {requestBy<kInference, &GrpcServices::Inference::RequestServerMetadata>,
+     answerWith<inference::ServerMetadataRequest, inference::ServerMetadataResponse,
+                describeServer>},
+    {requestBy<kInference, &GrpcServices::Inference::RequestModelMetadata>,
+     answerWith<inference::ModelMetadataRequest, inference::ModelMetadataResponse, describeModel>},
+    {requestBy<kHealth, &GrpcServices::Watched::RequestCheck>,
+     answerWith<HealthCheckRequest, HealthCheckResponse, check>},
+};
+
+}  // namespace
+
+HealthCheckResponse::ServingStatus healthOf(const Gateway& gateway, const std::string& service) {
+    if (service.empty() || service == inference::GRPCInferenceService::service_full_name()) {
+        return gateway.isReady() ? HealthCheckResponse::SERVING : HealthCheckResponse::NOT_SERVING;
+    }
+    try {
+        const auto model = gateway.models().find(service);
+        return gateway.isReady() && model->whyNot().empty() ? HealthCheckResponse::SERVING
+                                                            : HealthCheckResponse::NOT_SERVING;
+    } catch (const Failure&) {
+        return HealthCheckResponse::SERVICE_UNKNOWN;
+    }
+}
+
+std::vector<std::unique_ptr<GrpcCall>> makePlainCalls(GrpcLoop& loop, GrpcServices& services,
+                                                      const Gateway& gateway) {
+    std::vector<std::unique_ptr<GrpcCall>> calls;
+    for (const Method& each : kMethods) {
+        calls.push_back(std::make_unique<PlainCall>(loop, services, gateway, each));
+    }
+    return calls;
+}
+
+}  // namespace kelm::gateway

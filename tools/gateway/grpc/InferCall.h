@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/gateway/Gateway.h"
+#include "tools/gateway/Inference.h"
+#include "tools/gateway/grpc/GrpcServices.h"
+#include "tools/gateway/grpc/InferMessage.h"
+#include "tools/gateway/grpc/UnaryCall.h"
+
+namespace kelm::gateway {
+
+// A call of ModelInfer. Tensors that come raw are copied once, from the message to the slot, and go
+// out of the slot as they are.
+//
+// Threads: the loop's, but for the task's end. Borrowed for its life: all that it is given.
+class InferCall final : public UnaryCall {
+ public:
+    InferCall(GrpcLoop& loop, GrpcServices& services, const Gateway& gateway)
+        : UnaryCall(loop), m_services(services), m_gateway(gateway) {}
+
+ private:
+    void request(grpc::ServerContext& context, grpc::ByteBuffer& message, Responder& responder,
+                 grpc::ServerCompletionQueue& queue, void* tag) override;
+    std::unique_ptr<GrpcCall> another() override;
+    void serve(grpc::ByteBuffer& message) override;
+    void onCanceled() override;
+
+    void fillIn(const InferMessage& message);
+    Inference::Wish readWish(const inference::ModelInferRequest& request);
+    void onEnd(const TaskEnd& end);
+    grpc::ByteBuffer makeAnswer();
+
+    GrpcServices& m_services;
+    const Gateway& m_gateway;
+    bool m_isRaw = false;
+    inference::ModelInferResponse m_answer;  // until the task's end without the outputs
+    std::vector<const TensorDescription*> m_outputs;
+    std::shared_ptr<Inference> m_inference;
+};
+
+}  // namespace kelm::gateway

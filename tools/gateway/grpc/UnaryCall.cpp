@@ -1,0 +1,78 @@
+#include "tools/gateway/grpc/UnaryCall.h"
+
+#include <chrono>
+#include <exception>
+
+#include "tools/gateway/Failure.h"
+#include "tools/gateway/grpc/GrpcLoop.h"
+
+namespace kelm::gateway {
+
+UnaryCall::UnaryCall(GrpcLoop& owner)
+    : GrpcCall(owner),
+      m_arrived(tag(&UnaryCall::onArrived)),
+      m_done(tag(&UnaryCall::onDone)),
+      m_answered(tag(&UnaryCall::onAnswered)),
+      m_responder(&context()) {}
+
+void UnaryCall::ask() {
+    context().AsyncNotifyWhenDone(&m_done);
+    MutexLock lock(m_mutex);
+    request(context(), m_message, m_responder, loop().queue(), &m_arrived);
+}
+
+void UnaryCall::onArrived(bool ok) {
+    if (!ok) return loop().drop(*this);  // the server ends, and nothing else will happen
+    loop().arrived(*this);
+    loop().add(another());
+    try {
+        serve(m_message);
+    } catch (const Failure& failure) {
+        fail(failure);
+    } catch (const std::exception& error) {
+        fail(Failure(Cause::kInternal, error.what()));
+    }
+}
+
+void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
+    MutexLock lock(m_mutex);
+    m_mostTime =
+        Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
+    m_responder.Finish(bytes, grpc::Status::OK, &m_answered);
+}
+
+void UnaryCall::fail(const Failure& failure) {
+    const bool isAgain = failure.cause() == Cause::kFull || failure.cause() == Cause::kUnavailable;
+    MutexLock lock(m_mutex);
+    // What stock clients with a policy to try again go by.
+    if (isAgain) context().AddTrailingMetadata("grpc-retry-pushback-ms", "1000");
+    m_mostTime = Clock::now() + loop().limits().transfer;
+    m_responder.FinishWithError({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()},
+                                &m_answered);
+}
+
+void UnaryCall::look(Clock::time_point now) {
+    MutexLock lock(m_mutex);
+    if (m_mostTime && now > *m_mostTime) context().TryCancel();
+}
+
+void UnaryCall::onDone(bool) {
+    m_isDone = true;
+    if (!m_isAnswered && context().IsCancelled()) onCanceled();
+    dropIfOver();
+}
+
+void UnaryCall::onAnswered(bool) {
+    {
+        MutexLock lock(m_mutex);  // until answer() has given it up
+        m_mostTime.reset();
+    }
+    m_isAnswered = true;
+    dropIfOver();
+}
+
+void UnaryCall::dropIfOver() {
+    if (m_isDone && m_isAnswered) loop().drop(*this);
+}
+
+}  // namespace kelm::gateway

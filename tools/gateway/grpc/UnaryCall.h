@@ -1,0 +1,63 @@
+#pragma once
+
+#include <grpcpp/completion_queue.h>
+#include <grpcpp/support/async_unary_call.h>
+#include <grpcpp/support/byte_buffer.h>
+
+#include <memory>
+#include <optional>
+
+#include "tools/gateway/grpc/GrpcCall.h"
+#include "utils/Mutex.h"
+
+namespace kelm::gateway {
+
+class Failure;
+
+// A call with one message and one answer, both as bytes.
+//
+// Threads: its loop's; answer() and fail() any. Locks: m_mutex, held while gRPC takes the answer,
+// so that its end finds it taken; what an answer's memory frees may lock leaves behind it.
+class UnaryCall : public GrpcCall {
+ public:
+    explicit UnaryCall(GrpcLoop& loop);
+
+    void ask() override;
+    // Ends it when the peer does not read the answer.
+    void look(Clock::time_point now) override EXCLUDES(m_mutex);
+
+ protected:
+    using Responder = grpc::ServerAsyncResponseWriter<grpc::ByteBuffer>;
+    // Asks the service for a call of the method.
+    virtual void request(grpc::ServerContext& context, grpc::ByteBuffer& message,
+                         Responder& responder, grpc::ServerCompletionQueue& queue, void* tag) = 0;
+    // A new call of the same kind.
+    virtual std::unique_ptr<GrpcCall> another() = 0;
+    // Answers now or later; an exception is an answer, too.
+    virtual void serve(grpc::ByteBuffer& message) = 0;
+    // The peer has given it up before its answer.
+    virtual void onCanceled() {}
+
+    // One of the two once; the last that is done to the call.
+    void answer(const grpc::ByteBuffer& bytes) EXCLUDES(m_mutex);
+    void fail(const Failure& failure) EXCLUDES(m_mutex);
+
+ private:
+    void onArrived(bool ok);
+    void onDone(bool ok) EXCLUDES(m_mutex);
+    void onAnswered(bool ok) EXCLUDES(m_mutex);
+    void dropIfOver();
+
+    Tag m_arrived;
+    Tag m_done;
+    Tag m_answered;
+    grpc::ByteBuffer m_message;
+    bool m_isDone = false;
+    bool m_isAnswered = false;
+    Mutex m_mutex;
+    Responder m_responder GUARDED_BY(m_mutex);
+    // When the peer should have read the answer.
+    std::optional<Clock::time_point> m_mostTime GUARDED_BY(m_mutex);
+};
+
+}  // namespace kelm::gateway
