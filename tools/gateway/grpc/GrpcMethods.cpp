@@ -11,17 +11,22 @@ using grpc::health::v1::HealthCheckRequest;
 using grpc::health::v1::HealthCheckResponse;
 using Responder = grpc::ServerAsyncResponseWriter<grpc::ByteBuffer>;
 
+class PlainCall;
+
 // A method: how its calls are asked for, and what its answer is. Throws a Failure.
 struct Method {
     void (*request)(GrpcServices& services, grpc::ServerContext& context, grpc::ByteBuffer& message,
                     Responder& responder, grpc::ServerCompletionQueue& queue, void* tag);
-    grpc::ByteBuffer (*answer)(const Gateway& gateway, grpc::ByteBuffer& message);
+    grpc::ByteBuffer (*answer)(PlainCall& call, grpc::ByteBuffer& message);
+    const char* operation;
 };
 
 class PlainCall final : public UnaryCall {
  public:
     PlainCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gateway, const Method& method)
-        : UnaryCall(owner), m_services(services), m_gateway(gateway), m_method(method) {}
+        : UnaryCall(owner, gateway, method.operation), m_services(services), m_method(method) {}
+    using UnaryCall::findModel;
+    using UnaryCall::gateway;
 
  private:
     void request(grpc::ServerContext& context, grpc::ByteBuffer& message, UnaryCall::Responder& to,
@@ -29,19 +34,26 @@ class PlainCall final : public UnaryCall {
         m_method.request(m_services, context, message, to, queue, tag);
     }
     std::unique_ptr<GrpcCall> another() override {
-        return std::make_unique<PlainCall>(loop(), m_services, m_gateway, m_method);
+        return std::make_unique<PlainCall>(loop(), m_services, gateway(), m_method);
     }
-    void serve(grpc::ByteBuffer& message) override { answer(m_method.answer(m_gateway, message)); }
+    void serve(grpc::ByteBuffer& message) override { answer(m_method.answer(*this, message)); }
 
     GrpcServices& m_services;
-    const Gateway& m_gateway;
     const Method& m_method;
 };
 
 template <class Request, class Answer, void (*kFill)(const Gateway&, const Request&, Answer&)>
-grpc::ByteBuffer answerWith(const Gateway& gateway, grpc::ByteBuffer& message) {
+grpc::ByteBuffer answerWith(PlainCall& call, grpc::ByteBuffer& message) {
     Answer answer;
-    kFill(gateway, parseProto<Request>(message), answer);
+    kFill(call.gateway(), parseProto<Request>(message), answer);
+    return toBytes(answer);
+}
+
+template <class Request, class Answer, void (*kFill)(const Model&, Answer&)>
+grpc::ByteBuffer answerOfModel(PlainCall& call, grpc::ByteBuffer& message) {
+    const auto request = parseProto<Request>(message);
+    Answer answer;
+    kFill(*call.findModel(request.name(), request.version()), answer);
     return toBytes(answer);
 }
 
@@ -55,10 +67,8 @@ void tellReady(const Gateway& gateway, const inference::ServerReadyRequest&,
     answer.set_ready(gateway.isReady());
 }
 
-void tellModelReady(const Gateway& gateway, const inference::ModelReadyRequest& request,
-                    inference::ModelReadyResponse& answer) {
-    const auto model = gateway.models().find(request.name(), request.version());
-    answer.set_ready(model->whyNot().empty());
+void tellModelReady(const Model& model, inference::ModelReadyResponse& answer) {
+    answer.set_ready(model.whyNot().empty());
 }
 
 void describeServer(const Gateway&, const inference::ServerMetadataRequest&,
@@ -74,10 +84,8 @@ void describeTensor(const TensorDescription& tensor,
     answer.mutable_shape()->Add(tensor.shape.begin(), tensor.shape.end());
 }
 
-void describeModel(const Gateway& gateway, const inference::ModelMetadataRequest& request,
-                   inference::ModelMetadataResponse& answer) {
-    const auto model = gateway.models().find(request.name(), request.version());
-    const ModelDescription& about = model->description();
+void describeModel(const Model& model, inference::ModelMetadataResponse& answer) {
+    const ModelDescription& about = model.description();
     answer.set_name(about.name);
     answer.add_versions(about.version);
     answer.set_platform(about.platform);
@@ -102,18 +110,22 @@ constexpr auto kInference = &GrpcServices::inference;
 constexpr auto kHealth = &GrpcServices::health;
 constexpr Method kMethods[] = {
     {requestBy<kInference, &GrpcServices::Inference::RequestServerLive>,
-     answerWith<inference::ServerLiveRequest, inference::ServerLiveResponse, tellLive>},
+     answerWith<inference::ServerLiveRequest, inference::ServerLiveResponse, tellLive>, "live"},
     {requestBy<kInference, &GrpcServices::Inference::RequestServerReady>,
-     answerWith<inference::ServerReadyRequest, inference::ServerReadyResponse, tellReady>},
+     answerWith<inference::ServerReadyRequest, inference::ServerReadyResponse, tellReady>, "ready"},
     {requestBy<kInference, &GrpcServices::Inference::RequestModelReady>,
-     answerWith<inference::ModelReadyRequest, inference::ModelReadyResponse, tellModelReady>},
+     answerOfModel<inference::ModelReadyRequest, inference::ModelReadyResponse, tellModelReady>,
+     "model_ready"},
     {requestBy<kInference, &GrpcServices::Inference::RequestServerMetadata>,
      answerWith<inference::ServerMetadataRequest, inference::ServerMetadataResponse,
-                describeServer>},
+                describeServer>,
+     "server"},
     {requestBy<kInference, &GrpcServices::Inference::RequestModelMetadata>,
-     answerWith<inference::ModelMetadataRequest, inference::ModelMetadataResponse, describeModel>},
+     answerOfModel<inference::ModelMetadataRequest, inference::ModelMetadataResponse,
+                   describeModel>,
+     "model"},
     {requestBy<kHealth, &GrpcServices::Watched::RequestCheck>,
-     answerWith<HealthCheckRequest, HealthCheckResponse, check>},
+     answerWith<HealthCheckRequest, HealthCheckResponse, check>, "health"},
 };
 
 }  // namespace

@@ -87,13 +87,13 @@ void InferCall::request(grpc::ServerContext& context, grpc::ByteBuffer& message,
 }
 
 std::unique_ptr<GrpcCall> InferCall::another() {
-    return std::make_unique<InferCall>(loop(), m_services, m_gateway);
+    return std::make_unique<InferCall>(loop(), m_services, gateway());
 }
 
 void InferCall::serve(grpc::ByteBuffer& bytes) {
     const auto message = InferMessage::read(bytes, loop().limits().text);
     const Request& request = message.request;
-    const auto model = m_gateway.models().find(request.model_name(), request.model_version());
+    const auto model = findModel(request.model_name(), request.model_version());
     const Inference::Wish wish = readWish(request);
     const ModelDescription& about = model->description();
     std::vector<std::string> names;
@@ -159,6 +159,7 @@ void InferCall::onCanceled() {
 }
 
 void InferCall::onEnd(const TaskEnd& end) {
+    record().atService = end.atService;
     try {
         if (end.error != 0) throw Failure::ofKelm(end.error, end.text);
         answer(makeAnswer());

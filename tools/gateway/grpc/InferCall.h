@@ -20,7 +20,7 @@ namespace kelm::gateway {
 class InferCall final : public UnaryCall {
  public:
     InferCall(GrpcLoop& loop, GrpcServices& services, const Gateway& gateway)
-        : UnaryCall(loop), m_services(services), m_gateway(gateway) {}
+        : UnaryCall(loop, gateway, "infer"), m_services(services) {}
 
  private:
     void request(grpc::ServerContext& context, grpc::ByteBuffer& message, Responder& responder,
@@ -35,7 +35,6 @@ class InferCall final : public UnaryCall {
     grpc::ByteBuffer makeAnswer();
 
     GrpcServices& m_services;
-    const Gateway& m_gateway;
     bool m_isRaw = false;
     inference::ModelInferResponse m_answer;  // until the task's end without the outputs
     std::vector<const TensorDescription*> m_outputs;

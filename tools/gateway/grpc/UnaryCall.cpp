@@ -2,18 +2,36 @@
 
 #include <chrono>
 #include <exception>
+#include <utility>
 
 #include "tools/gateway/Failure.h"
 #include "tools/gateway/grpc/GrpcLoop.h"
 
 namespace kelm::gateway {
 
-UnaryCall::UnaryCall(GrpcLoop& owner)
+namespace {
+
+constexpr const char* kRequestId = "x-request-id";
+
+std::string readRequestId(const grpc::ServerContext& context) {
+    const auto& metadata = context.client_metadata();
+    const auto given = metadata.find(kRequestId);
+    if (given == metadata.end()) return pickRequestId({});
+    return pickRequestId({given->second.data(), given->second.size()});
+}
+
+}  // namespace
+
+UnaryCall::UnaryCall(GrpcLoop& owner, const Gateway& gateway, const char* operation)
     : GrpcCall(owner),
+      m_gateway(gateway),
       m_arrived(tag(&UnaryCall::onArrived)),
       m_done(tag(&UnaryCall::onDone)),
       m_answered(tag(&UnaryCall::onAnswered)),
-      m_responder(&context()) {}
+      m_responder(&context()) {
+    m_record.protocol = Protocol::kGrpc;
+    m_record.operation = operation;
+}
 
 void UnaryCall::ask() {
     context().AsyncNotifyWhenDone(&m_done);
@@ -25,6 +43,10 @@ void UnaryCall::onArrived(bool ok) {
     if (!ok) return loop().drop(*this);  // the server ends, and nothing else will happen
     loop().arrived(*this);
     loop().add(another());
+    m_record.begun = Clock::now();
+    m_record.bytesIn = m_message.Length();
+    m_record.id = readRequestId(context());
+    context().AddInitialMetadata(kRequestId, m_record.id);
     try {
         serve(m_message);
     } catch (const Failure& failure) {
@@ -34,8 +56,17 @@ void UnaryCall::onArrived(bool ok) {
     }
 }
 
+std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::string& version) {
+    m_record.model = name;
+    const auto model = m_gateway.models().find(name, version);
+    m_record.version = model->description().version;
+    m_record.isKnown = true;
+    return model;
+}
+
 void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
     MutexLock lock(m_mutex);
+    m_record.bytesOut = bytes.Length();
     m_mostTime =
         Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
     m_responder.Finish(bytes, grpc::Status::OK, &m_answered);
@@ -44,6 +75,8 @@ void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
 void UnaryCall::fail(const Failure& failure) {
     const bool isAgain = failure.cause() == Cause::kFull || failure.cause() == Cause::kUnavailable;
     MutexLock lock(m_mutex);
+    m_record.code = failure.grpcCode();
+    m_record.error = failure.what();
     // What stock clients with a policy to try again go by.
     if (isAgain) context().AddTrailingMetadata("grpc-retry-pushback-ms", "1000");
     m_mostTime = Clock::now() + loop().limits().transfer;
@@ -72,7 +105,9 @@ void UnaryCall::onAnswered(bool) {
 }
 
 void UnaryCall::dropIfOver() {
-    if (m_isDone && m_isAnswered) loop().drop(*this);
+    if (!m_isDone || !m_isAnswered) return;
+    m_gateway.recordEnd(std::move(m_record));
+    loop().drop(*this);
 }
 
 }  // namespace kelm::gateway

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 
+#include "tools/gateway/Gateway.h"
 #include "tools/gateway/grpc/GrpcCall.h"
 #include "utils/Mutex.h"
 
@@ -14,13 +15,14 @@ namespace kelm::gateway {
 
 class Failure;
 
-// A call with one message and one answer, both as bytes.
+// A call with one message and one answer, both as bytes, whose end the gateway is told.
 //
 // Threads: its loop's; answer() and fail() any. Locks: m_mutex, held while gRPC takes the answer,
 // so that its end finds it taken; what an answer's memory frees may lock leaves behind it.
 class UnaryCall : public GrpcCall {
  public:
-    explicit UnaryCall(GrpcLoop& loop);
+    // The gateway is borrowed for its life.
+    UnaryCall(GrpcLoop& loop, const Gateway& gateway, const char* operation);
 
     void ask() override;
     // Ends it when the peer does not read the answer.
@@ -38,6 +40,12 @@ class UnaryCall : public GrpcCall {
     // The peer has given it up before its answer.
     virtual void onCanceled() {}
 
+    const Gateway& gateway() const { return m_gateway; }
+    // Of whoever serves it, until the answer.
+    RequestRecord& record() { return m_record; }
+    // Throws a Failure if there is none.
+    std::shared_ptr<Model> findModel(const std::string& name, const std::string& version);
+
     // One of the two once; the last that is done to the call.
     void answer(const grpc::ByteBuffer& bytes) EXCLUDES(m_mutex);
     void fail(const Failure& failure) EXCLUDES(m_mutex);
@@ -48,10 +56,12 @@ class UnaryCall : public GrpcCall {
     void onAnswered(bool ok) EXCLUDES(m_mutex);
     void dropIfOver();
 
+    const Gateway& m_gateway;
     Tag m_arrived;
     Tag m_done;
     Tag m_answered;
     grpc::ByteBuffer m_message;
+    RequestRecord m_record;
     bool m_isDone = false;
     bool m_isAnswered = false;
     Mutex m_mutex;
