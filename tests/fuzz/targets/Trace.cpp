@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     options.frames = takeFile("frames.csv");
     options.tasks = takeFile("tasks.csv");
     options.threads = takeFile("thread.info");
-    if (!text.empty()) options.events = takeFile("events");
+    if (!text.empty()) options.names = takeFile("names");
     options.output = directory.path() + "/out.json";
     options.tscMhz = 1000.0;
     try {
