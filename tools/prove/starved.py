@@ -153,7 +153,7 @@ def starved(campaign: Campaign, limit: int) -> None:
             starving.check("no memory", starving.limited(resource.RLIMIT_AS, kilobytes * 1024),
                            True, graph=starving.large)
             starving.check("a full disk", starving.full(starving.disk), False)
-            starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "/dev/shm")
+            starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "No space left")
             for seconds in (DAY, -DAY, 3600, -3600):
                 starving.check(f"a clock that jumps by {seconds} s", starving.jumped(seconds), False)
         starving.checkers.finish()
