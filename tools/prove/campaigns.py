@@ -293,10 +293,7 @@ def stopped(campaign: Campaign, limit: int) -> None:
             early = random.random() < 0.3
             if early:
                 service.spawn()
-                # Twice: the C library blocks signals for moments of its own.
-                for _ in range(2):
-                    wait_for("the service takes signals", service.takes_signals)
-                    time.sleep(0.005)
+                wait_for("the service takes signals", service.takes_signals)
             else:
                 service.start()
             states["starting" if early else "serving"] += 1

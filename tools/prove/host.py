@@ -225,8 +225,10 @@ class Service:
         except OSError:
             return False
         values = dict(line.split(":", 1) for line in text.splitlines() if ":" in line)
-        mask = 1 << (signal.SIGUSR1 - 1)
-        return self.pid != 0 and any(int(values[key], 16) & mask for key in ("SigBlk", "SigCgt"))
+        # The C library blocks all signals for moments of its own, the service this one only.
+        blocked, caught = int(values["SigBlk"], 16), int(values["SigCgt"], 16)
+        usr1, usr2 = (1 << (number - 1) for number in (signal.SIGUSR1, signal.SIGUSR2))
+        return self.pid != 0 and ((blocked & usr1 and not blocked & usr2) or caught & usr1) != 0
 
     def stop(self) -> float:
         """The seconds that it took; it must end in order."""
