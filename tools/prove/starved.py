@@ -54,7 +54,8 @@ class Starving:
         if not self.controls.exists():
             self.controls.write_bytes(bytes(16))
         with open(self.controls, "r+b") as file:
-            file.write(seconds.to_bytes(8, "little", signed=True) + no_threads.to_bytes(8, "little"))
+            file.write(seconds.to_bytes(8, "little", signed=True))
+            file.write(no_threads.to_bytes(8, "little"))
 
     def newcomer(self, graph: Path) -> int:
         """Status of a client that connects, loads, and runs some tasks."""
@@ -86,9 +87,11 @@ class Starving:
             campaign.require(used < MOST_CPU, f"{what}: {used:.0%} of a core")
             campaign.require(not fails or status not in (0, -1), f"{what}: no error")
             campaign.require(words in said, f"{what}: '{said}' does not tell of {words}")
-            wait_for(f"a newcomer is served after {what}", lambda: self.newcomer(self.graphs[5]) == 0)
+            wait_for(f"a newcomer is served after {what}",
+                     lambda: self.newcomer(self.graphs[5]) == 0)
             self.checkers.wait_until_all_gain(f"after {what}")
-            campaign.tell(f"{what}: newcomer's status {status} {said[:110]!r}, {used:.0%} of a core")
+            campaign.tell(f"{what}: newcomer's status {status} {said[:110]!r}, "
+                          f"{used:.0%} of a core")
         except Found as found:
             campaign.find(f"{what}: {found}")
         except OSError as error:
@@ -132,7 +135,8 @@ class Starving:
         filler.unlink()
 
     def memory_kb(self) -> int:
-        for line in Path(f"/proc/{self.service.pid}/status").read_text(encoding="ascii").splitlines():
+        status = Path(f"/proc/{self.service.pid}/status").read_text(encoding="ascii")
+        for line in status.splitlines():
             if line.startswith("VmSize"):
                 return int(line.split()[1])
         raise Found("the service has no size")
@@ -155,7 +159,8 @@ def starved(campaign: Campaign, limit: int) -> None:
             starving.check("a full disk", starving.full(starving.disk), False)
             starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "No space left")
             for seconds in (DAY, -DAY, 3600, -3600):
-                starving.check(f"a clock that jumps by {seconds} s", starving.jumped(seconds), False)
+                starving.check(f"a clock that jumps by {seconds} s", starving.jumped(seconds),
+                               False)
         starving.checkers.finish()
         service.stop()
     finally:
