@@ -23,7 +23,11 @@ if [ "${KELM_PROVE:-}" != inside ]; then
     case " $* " in *" --only "*) only=" $* " ;; *) only=" fuzz-all coverage races " ;; esac
     case "$only" in *" fuzz-"*) build fuzz fuzz ;; esac
     case "$only" in *" coverage "*) build coverage fuzz ;; esac
-    case "$only" in *" races "*) build chaos test_races ;; esac
+    case "$only" in *" races "*)
+        build release test_races
+        build chaos test_utils test_tasks test_execution test_managers
+        ;;
+    esac
     rm -f build-prove.log
     spaces=(--mount)
     [ "$(id -u)" -eq 0 ] || spaces+=(--map-root-user)

@@ -2,11 +2,13 @@
 
 #include <exception>
 
+#include "utils/Chaos.h"
 #include "utils/Log.h"
 
 namespace kelm {
 
 void InlineTask::runLogged(const std::string& pool) {
+    mayBeHeldUp();
     try {
         (*this)();
     } catch (const std::exception& error) {

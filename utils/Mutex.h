@@ -66,9 +66,11 @@ class CondVar {
         (void)lock.release();
     }
 
-    // False when the deadline has passed.
-    template <class Clock, class Duration>
-    bool waitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline)
+    // False when the deadline has passed. Not by the wall clock: set back by an hour, it would have
+    // the wait take an hour more.
+    template <class Duration>
+    bool waitUntil(Mutex& mutex,
+                   const std::chrono::time_point<std::chrono::steady_clock, Duration>& deadline)
         REQUIRES(mutex) {
         if (t_beforeWait != nullptr) t_beforeWait();
         std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);

@@ -29,7 +29,7 @@ bool Semaphore::tryWait() {
 // Looks once more at the deadline: a post that came just before it must not be lost.
 bool Semaphore::waitFor(long timeoutMillisec) {
     const auto deadline =
-        std::chrono::system_clock::now() + std::chrono::milliseconds(timeoutMillisec);
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillisec);
     MutexLock lock(m_mutex);
     while (m_value <= 0) {
         if (!m_condition.waitUntil(m_mutex, deadline) && m_value <= 0) return false;

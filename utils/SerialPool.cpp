@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "utils/Chaos.h"
 #include "utils/Futex.h"
 #include "utils/ThreadUtils.h"
 
@@ -66,6 +67,7 @@ bool SerialPool::deferWait(InlineTask wait) {
 
 // Others change the count and the marks meanwhile, only the holder of the turn its state.
 void SerialPool::setState(State state) {
+    mayBeHeldUp();
     uint32_t turn = m_turn.load();
     while (!m_turn.compare_exchange_weak(turn, (turn & ~kStates) | state)) {
     }
@@ -103,6 +105,7 @@ void SerialPool::waitForRoom() {
 }
 
 void SerialPool::insert(Slot slot, Rule rule) {
+    mayBeHeldUp();
     const bool plain = !rule.front && !rule.awaited;
     if (!plain || !insertInTurn(slot, rule.limited)) insertQueued(std::move(slot), rule);
 }

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "utils/Chaos.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -38,6 +39,7 @@ void ThreadPool::throwIfStoppedUnsafe() const {
 }
 
 void ThreadPool::insert(InlineTask task, bool limited) {
+    mayBeHeldUp();
     MutexLock lock(m_mutex);
     throwIfStoppedUnsafe();
     // A producer on one of the pool's own threads could wait for itself.

@@ -101,15 +101,14 @@ class Lane {
     ~Lane() { kelm_slot_release(m_slot); }
 
     bool isIdle() const { return m_idle; }
-    // With a fresh slot: what a task that was lost may still write into is of no use.
-    void start() {
+    // With a fresh slot: what a task that was lost may still write into is of no use. False if
+    // there is none.
+    bool start() {
         kelm_slot_release(std::exchange(m_slot, nullptr));
-        if (kelm_pool_acquire(m_graph.pool, &m_slot) != KELM_SUCCESS) {
-            ++m_counts.refused;
-            return;
-        }
+        if (kelm_pool_acquire(m_graph.pool, &m_slot) != KELM_SUCCESS) return false;
         m_idle = false;
         submit();
+        return true;
     }
 
  private:
@@ -234,19 +233,24 @@ kelm_client* connect(const Options& options, Counts& counts) {
     return client;
 }
 
-// Starts what is idle, until it is time to stop and nothing is in flight.
-void drive(const Options& options, const Counts& counts, kelm_client* client,
-           std::vector<std::unique_ptr<Lane>>& lanes) {
+// Starts what is idle, until it is time to stop and nothing is in flight. Returns what has kept it
+// from going on, if something has.
+std::string drive(const Options& options, const Counts& counts, kelm_client* client,
+                  std::vector<std::unique_ptr<Lane>>& lanes) {
     const auto end = Clock::now() + std::chrono::duration<double>(std::min(options.seconds, 1e6));
     const auto isIdle = [](const auto& lane) { return lane->isIdle(); };
+    std::string fault;
     while (!s_stop || !std::ranges::all_of(lanes, isIdle)) {
         const bool isLost = !options.reconnects && kelm_is_connected(client) == 0;
         if (Clock::now() >= end || counts.right >= options.tasks || isLost) s_stop = true;
         for (const auto& lane : lanes) {
-            if (!s_stop && lane->isIdle()) lane->start();
+            if (s_stop || !lane->isIdle() || lane->start() || options.patient) continue;
+            fault = kelm_last_error();
+            s_stop = true;
         }
         std::this_thread::sleep_for(kRetry);
     }
+    return fault;
 }
 
 int run(const Options& options) {
@@ -265,13 +269,14 @@ int run(const Options& options) {
                                                    static_cast<unsigned>(lanes.size() + 1)));
         }
     }
-    drive(options, counts, client, lanes);
+    const std::string fault = drive(options, counts, client, lanes);
     lanes.clear();
     for (const Graph& graph : graphs) {
         (void)kelm_graph_free(graph.handle);  // the connection may be lost, on purpose
         kelm_pool_free(graph.pool);
     }
     (void)kelm_close(client);
+    if (!fault.empty()) throw std::runtime_error(fault);
     const uint64_t ended =
         counts.right + counts.wrong + counts.failed + counts.lost + counts.unanswered;
     const bool holds =

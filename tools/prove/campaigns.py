@@ -1,11 +1,11 @@
 """The campaigns on clients, devices, the service's own end, and a long time."""
 
-import os
 import signal
 import subprocess
 import threading
 import time
-from typing import Dict, List, Tuple
+from pathlib import Path
+from typing import Dict, List, Sequence, Tuple
 
 import kelm
 
@@ -16,6 +16,7 @@ from host import (
     Campaign,
     Checkers,
     Client,
+    Figures,
     Found,
     Service,
     dead_segments,
@@ -27,14 +28,14 @@ from host import (
 MEMORY_SLACK_KB = 24 * 1024
 
 
-def settle(campaign: Campaign, service: Service, before: "object", what: str) -> None:
+def settle(campaign: Campaign, service: Service, before: Figures, what: str) -> None:
     """The service must come back to what it held before; memory within a slack."""
-    holds = lambda: service.figures()[:2] <= before[:2]  # type: ignore[index]
+    holds = lambda: service.figures()[:2] <= before[:2]
     try:
         wait_for("descriptors and threads as before", holds)
     except Found as found:
         campaign.find(f"{what}: {found}: before {before}, now {service.figures()}")
-    grown = service.figures().resident_kb - before.resident_kb  # type: ignore[attr-defined]
+    grown = service.figures().resident_kb - before.resident_kb
     campaign.require(grown < MEMORY_SLACK_KB, f"{what}: memory has grown by {grown} kB")
     campaign.tell(f"before {before}; after {service.figures()}")
 
@@ -45,7 +46,7 @@ class Victims:
     AT_ONCE = 4
     LONGEST_LIFE = 0.12  # seconds; connecting and loading takes about half of it
 
-    def __init__(self, campaign: Campaign, graphs: "list") -> None:
+    def __init__(self, campaign: Campaign, graphs: Sequence[Path]) -> None:
         self.campaign, self.graphs = campaign, graphs
         self.alive: List[Tuple[float, bool, Client]] = []  # when, whether to stop it first
         self.moments: Dict[str, int] = {"connecting": 0, "loading": 0, "in flight": 0}
@@ -163,7 +164,9 @@ class Watch:
 class DeviceCycles:
     """Devices that leave and come back, one way or another."""
 
-    def __init__(self, campaign: Campaign, service: Service, watch: Watch, graphs: "list") -> None:
+    def __init__(
+        self, campaign: Campaign, service: Service, watch: Watch, graphs: Sequence[Path]
+    ) -> None:
         self.campaign, self.service, self.watch = campaign, service, watch
         self.graphs = graphs
         self.first_results: List[float] = []
@@ -243,7 +246,8 @@ def devices_lost(campaign: Campaign, limit: int) -> None:
         campaign.tell(f"tasks {checkers.sum('taken')}, right {checkers.sum('right')}, "
                       f"failed {checkers.sum('failed')}, wrong {checkers.sum('wrong')}")
         campaign.tell(f"from plug to first result: {percentiles(cycles.first_results)}")
-        campaign.tell(f"from unplug to the end of 0.2 s at the rest's full rate: {percentiles(cycles.full_rates)}")
+        campaign.tell("from unplug to the end of 0.2 s at the rest's full rate: "
+                      + percentiles(cycles.full_rates))
         service.stop()
     finally:
         if watch is not None:
@@ -305,8 +309,9 @@ def stopped(campaign: Campaign, limit: int) -> None:
                 if random.random() < 0.05:
                     service.command(f"{random.choice(('plug', 'unplug'))} {random.choice(PORTS)}")
                 if random.random() < 0.01:
-                    with subprocess.Popen([str(BIN / "kelmctl"), "reset", "--timeout", "1", "--all"],
-                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL):
+                    reset = [str(BIN / "kelmctl"), "reset", "--timeout", "1", "--all"]
+                    with subprocess.Popen(reset, stdout=subprocess.DEVNULL,
+                                          stderr=subprocess.DEVNULL):
                         pass
                 time.sleep(0.004)
             try:

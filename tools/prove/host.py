@@ -120,7 +120,8 @@ def write_graphs(directory: Path, micros: int) -> List[Path]:
     """Different ones, with a first line for the simulator."""
     paths = []
     for number in range(GRAPHS):
-        line = f"KELMSIM input={500 + 97 * number} output={3000 - 80 * number} memory=9 micros={micros}"
+        sizes = f"input={500 + 97 * number} output={3000 - 80 * number}"
+        line = f"KELMSIM {sizes} memory=9 micros={micros}"
         path = directory / f"graph-{number}"
         path.write_bytes(f"{line}\ngraph {number}".encode() + bytes(1000 * number))
         paths.append(path)
@@ -160,7 +161,7 @@ class Service:
         os.environ["KELM_RUN_DIR"] = str(self.run)  # of the clients, too
 
     def _write_stub(self) -> None:
-        """The service ends a boot tool by its name; here only one of this service's may be meant."""
+        """The service ends boot tools by their name; here only its own may be meant."""
         stub = self.directory / "path/pkill"
         stub.write_text(
             "#!/bin/sh\nfor process in /proc/[0-9]*; do\n"
@@ -225,8 +226,10 @@ class Service:
         except OSError:
             return False
         values = dict(line.split(":", 1) for line in text.splitlines() if ":" in line)
-        mask = 1 << (signal.SIGUSR1 - 1)
-        return self.pid != 0 and any(int(values[key], 16) & mask for key in ("SigBlk", "SigCgt"))
+        # The C library blocks all signals for moments of its own, the service this one only.
+        blocked, caught = int(values["SigBlk"], 16), int(values["SigCgt"], 16)
+        usr1, usr2 = (1 << (number - 1) for number in (signal.SIGUSR1, signal.SIGUSR2))
+        return self.pid != 0 and ((blocked & usr1 and not blocked & usr2) or caught & usr1) != 0
 
     def stop(self) -> float:
         """The seconds that it took; it must end in order."""
@@ -304,7 +307,9 @@ class Client:
 
     number = 0
 
-    def __init__(self, campaign: Campaign, name: str, graphs: Sequence[Path], *options: str) -> None:
+    def __init__(
+        self, campaign: Campaign, name: str, graphs: Sequence[Path], *options: str
+    ) -> None:
         Client.number += 1
         self.campaign = campaign
         self.name = f"{name}-{Client.number}"
@@ -360,7 +365,9 @@ class Client:
 class Checkers:
     """Some clients at work that check every result, and must go on."""
 
-    def __init__(self, campaign: Campaign, count: int, graphs: Sequence[Path], *options: str) -> None:
+    def __init__(
+        self, campaign: Campaign, count: int, graphs: Sequence[Path], *options: str
+    ) -> None:
         self.campaign = campaign
         self.clients = [
             Client(campaign, "checker", [graphs[i % len(graphs)]], *options) for i in range(count)

@@ -57,7 +57,8 @@ def run(name: str, variant: Variant, minutes: float, seed: int, work: Path) -> O
     row = CAMPAIGNS[name]
     title = f"{name} ({variant})" if row.variants else name
     print(f"{title}: {minutes:.1f} minutes", flush=True)
-    campaign = Campaign(name, work / title.translate(str.maketrans("/ ", "--", "()")), seed, minutes * 60, variant)
+    directory = work / title.translate(str.maketrans("/ ", "--", "()"))
+    campaign = Campaign(name, directory, seed, minutes * 60, variant)
     begin = time.monotonic()
     try:
         row.run(campaign)

@@ -6,7 +6,7 @@ import resource
 import subprocess
 import time
 from pathlib import Path
-from typing import Iterator
+from typing import Iterator, Optional
 
 from host import (
     BIN,
@@ -26,6 +26,7 @@ SHIM = BIN / "tools/prove/libkelm-prove-shim.so"
 STARVE_SECONDS = 1.5
 MOST_CPU = 0.5  # of a core, for a service that starves and has four clients of 1 ms
 DAY = 86400
+LARGE = 64 << 20  # bytes of a graph for which there is no memory
 
 
 class Starving:
@@ -34,6 +35,8 @@ class Starving:
     def __init__(self, campaign: Campaign) -> None:
         self.campaign = campaign
         self.graphs = write_graphs(campaign.work, micros=4000)
+        self.large = campaign.work / "large"
+        self.large.write_bytes(b"KELMSIM input=500 output=500\n" + bytes(LARGE))
         self.disk = campaign.work / "service"
         self.disk.mkdir()
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", self.disk], check=True)
@@ -51,12 +54,13 @@ class Starving:
         if not self.controls.exists():
             self.controls.write_bytes(bytes(16))
         with open(self.controls, "r+b") as file:
-            file.write(seconds.to_bytes(8, "little", signed=True) + no_threads.to_bytes(8, "little"))
+            file.write(seconds.to_bytes(8, "little", signed=True))
+            file.write(no_threads.to_bytes(8, "little"))
 
-    def newcomer(self, *options: str, graph: int = 5) -> int:
+    def newcomer(self, graph: Path) -> int:
         """Status of a client that connects, loads, and runs some tasks."""
-        client = Client(self.campaign, "newcomer", [self.graphs[graph]], "--unchecked", "--tasks",
-                        "20", "--deadline-ms", "3000", *options)
+        client = Client(self.campaign, "newcomer", [graph], "--unchecked", "--tasks", "20",
+                        "--deadline-ms", "3000")
         try:
             status = client.process.wait(PATIENCE)
         except subprocess.TimeoutExpired:
@@ -67,7 +71,7 @@ class Starving:
         return status
 
     def check(self, what: str, want: "contextlib.AbstractContextManager[None]",
-              fails: bool, words: str = "") -> None:
+              fails: bool, words: str = "", graph: Optional[Path] = None) -> None:
         """Under the want the others go on, a newcomer gets an error if it `fails`; then all is as
         before."""
         campaign, service = self.campaign, self.service
@@ -75,7 +79,7 @@ class Starving:
         try:
             with want:
                 begin, cpu = time.monotonic(), cpu_seconds(service.pid)
-                status = self.newcomer(graph=5 + campaign.runs % 10)
+                status = self.newcomer(graph or self.graphs[5 + campaign.runs % 10])
                 self.checkers.wait_until_all_gain(f"with {what}")
                 time.sleep(max(0.0, STARVE_SECONDS - (time.monotonic() - begin)))
                 used = (cpu_seconds(service.pid) - cpu) / (time.monotonic() - begin)
@@ -83,9 +87,11 @@ class Starving:
             campaign.require(used < MOST_CPU, f"{what}: {used:.0%} of a core")
             campaign.require(not fails or status not in (0, -1), f"{what}: no error")
             campaign.require(words in said, f"{what}: '{said}' does not tell of {words}")
-            wait_for(f"a newcomer is served after {what}", lambda: self.newcomer() == 0, PATIENCE)
+            wait_for(f"a newcomer is served after {what}",
+                     lambda: self.newcomer(self.graphs[5]) == 0)
             self.checkers.wait_until_all_gain(f"after {what}")
-            campaign.tell(f"{what}: newcomer's status {status} {said[:110]!r}, {used:.0%} of a core")
+            campaign.tell(f"{what}: newcomer's status {status} {said[:110]!r}, "
+                          f"{used:.0%} of a core")
         except Found as found:
             campaign.find(f"{what}: {found}")
         except OSError as error:
@@ -129,7 +135,8 @@ class Starving:
         filler.unlink()
 
     def memory_kb(self) -> int:
-        for line in Path(f"/proc/{self.service.pid}/status").read_text(encoding="ascii").splitlines():
+        status = Path(f"/proc/{self.service.pid}/status").read_text(encoding="ascii")
+        for line in status.splitlines():
             if line.startswith("VmSize"):
                 return int(line.split()[1])
         raise Found("the service has no size")
@@ -148,11 +155,12 @@ def starved(campaign: Campaign, limit: int) -> None:
             starving.check("no threads", starving.no_threads(), True)
             kilobytes = starving.memory_kb() + campaign.random.choice((0, 64, 1024))
             starving.check("no memory", starving.limited(resource.RLIMIT_AS, kilobytes * 1024),
-                           False)
+                           True, graph=starving.large)
             starving.check("a full disk", starving.full(starving.disk), False)
-            starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "/dev/shm")
+            starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "No space left")
             for seconds in (DAY, -DAY, 3600, -3600):
-                starving.check(f"a clock that jumps by {seconds} s", starving.jumped(seconds), False)
+                starving.check(f"a clock that jumps by {seconds} s", starving.jumped(seconds),
+                               False)
         starving.checkers.finish()
         service.stop()
     finally:

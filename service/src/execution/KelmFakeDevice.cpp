@@ -139,7 +139,7 @@ void KelmFakeDevice::forgetGraphImpl(KelmGraph* graph) { (void)deallocateGraphIm
 // False, with the error number of a wait that has timed out, as a system call would leave it.
 bool KelmFakeDevice::waitOnceUnsafe(CondVar& condition) {
     const auto deadline =
-        std::chrono::system_clock::now() + std::chrono::seconds(m_waitTimeoutSeconds);
+        std::chrono::steady_clock::now() + std::chrono::seconds(m_waitTimeoutSeconds);
     if (condition.waitUntil(m_mutex, deadline)) return true;
     errno = ETIME;
     return false;

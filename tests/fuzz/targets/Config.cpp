@@ -38,8 +38,9 @@ void readAll(const ServiceConfigParser& parser) {
     (void)parser.getDeviceVid();
     (void)parser.getValidUserGroup();
     (void)parser.getGraphDumpPath();
-    (void)parser.parseFwFromConfigList("firmware", "firmware list");
+    (void)parser.parseFwFromConfigList("fw", "firmware list");
     (void)getLogLevel(&parser);
+    (void)ServiceConfigParser::listFiles("/install", {"further"});
 }
 
 }  // namespace

@@ -67,7 +67,8 @@ class Player {
         constexpr const char* kTags[] = {"", "", "", "", "tag", "none"};
         constexpr const char* kStreams[] = {"", "", "", "stream"};
         auto request = m_client->make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
-        const std::string blob = input.text(input.below(16));
+        std::string blob = input.text(input.below(16));
+        if (input.below(16) == 1) blob.resize(input.take<uint16_t>());
         request.clientId = m_id;
         request.head.base.dataNum = blob.empty() ? 0 : 1;
         request.head.base.dataSize[0] = blob.size();

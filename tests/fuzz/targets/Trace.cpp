@@ -26,7 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     options.threads = takeFile("thread.info");
     if (!text.empty()) options.names = takeFile("names");
     options.output = directory.path() + "/out.json";
-    options.tscMhz = 1000.0;
+    // A rate that no counter has, once in a while the measured one, and an output that is an input.
+    if (size % 64 != 1) options.tscMhz = size % 64 == 2 ? 0.5 : 1000.0;
+    if (size % 64 == 3) options.output = options.frames;
     try {
         (void)ctl::runTrace(options);
     } catch (const std::exception&) {

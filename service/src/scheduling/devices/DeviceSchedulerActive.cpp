@@ -16,7 +16,7 @@ bool DeviceSchedulerActive::hasNewChangeRequest() {
 
 // One wait and no loop: a spurious wake-up is a pass like any other.
 bool DeviceSchedulerActive::waitChangeRequestUntilTimeout() {
-    const auto deadline = std::chrono::system_clock::now() + m_interval;
+    const auto deadline = std::chrono::steady_clock::now() + m_interval;
     MutexLock lock(m_requestMutex);
     if (!hasReasonToWakeUnsafe()) (void)m_requestCond.waitUntil(m_requestMutex, deadline);
     return !m_stop;

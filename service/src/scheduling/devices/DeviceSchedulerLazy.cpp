@@ -19,7 +19,7 @@ constexpr std::chrono::seconds kTimeToAnswer{5};
 // One wait and no loop: a spurious wake-up is a pass like any other. Without a limit, but for a
 // load that is still to be answered, since no other request need follow it.
 bool DeviceSchedulerLazy::waitChangeRequest() {
-    const auto deadline = std::chrono::system_clock::now() + kTimeToAnswer;
+    const auto deadline = std::chrono::steady_clock::now() + kTimeToAnswer;
     const bool answered = m_loadGraphs.empty();
     MutexLock lock(m_requestMutex);
     if (hasReasonToWakeUnsafe()) return !m_stop;

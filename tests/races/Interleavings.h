@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+namespace kelm {
+
+// Every order in which some threads can pass their locks, one after the other, up to a number of
+// preemptions: of the moments at which a thread that could go on is held up for another. A thread
+// is held up only before it takes a mutex and after it has given one back, which is enough for code
+// whose shared data is guarded; see Interleavings.cpp.
+//
+// Threads: the bodies run on threads of their own, never two at once. Threads that the bodies
+// start, and pools, run freely.
+class Interleavings {
+ public:
+    explicit Interleavings(size_t preemptions) : m_preemptions(preemptions) {}
+
+    // Runs the bodies in the next order; false, and nothing is run, once all have been met.
+    bool runNext(const std::vector<std::function<void()>>& bodies);
+
+    size_t countRuns() const { return m_runs; }
+    // For the one that is running: which of so many threads goes on, 0 for the one that has run
+    // up to here, if it can (`isFree` false).
+    size_t choose(size_t options, bool isFree);
+
+ private:
+    struct Decision {
+        size_t chosen;
+        size_t options;
+        bool isFree;  // costs no preemption
+    };
+    // To the next path in the tree of decisions.
+    bool advance();
+
+    const size_t m_preemptions;
+    std::vector<Decision> m_path;
+    size_t m_depth = 0;  // of the next decision
+    size_t m_used = 0;   // preemptions
+    size_t m_runs = 0;
+};
+
+}  // namespace kelm
