@@ -19,8 +19,11 @@ namespace kelm::gateway {
 // Threads: the loop's, but for the task's end. Borrowed for its life: all that it is given.
 class InferCall final : public UnaryCall {
  public:
-    InferCall(GrpcLoop& loop, GrpcServices& services, const Gateway& gateway)
-        : UnaryCall(loop), m_services(services), m_gateway(gateway) {}
+    InferCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gateway)
+        : UnaryCall(owner),
+          m_services(services),
+          m_gateway(gateway),
+          m_ended(tag(&InferCall::onEnd)) {}
 
  private:
     void request(grpc::ServerContext& context, grpc::ByteBuffer& message, Responder& responder,
@@ -31,15 +34,17 @@ class InferCall final : public UnaryCall {
 
     void fillIn(const InferMessage& message);
     Inference::Wish readWish(const inference::ModelInferRequest& request);
-    void onEnd(const TaskEnd& end);
+    void onEnd(bool);
     grpc::ByteBuffer makeAnswer();
 
     GrpcServices& m_services;
     const Gateway& m_gateway;
+    Tag m_ended;
     bool m_isRaw = false;
     inference::ModelInferResponse m_answer;  // until the task's end without the outputs
     std::vector<const TensorDescription*> m_outputs;
     std::shared_ptr<Inference> m_inference;
+    TaskEnd m_end;
 };
 
 }  // namespace kelm::gateway

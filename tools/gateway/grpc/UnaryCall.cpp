@@ -17,7 +17,6 @@ UnaryCall::UnaryCall(GrpcLoop& owner)
 
 void UnaryCall::ask() {
     context().AsyncNotifyWhenDone(&m_done);
-    MutexLock lock(m_mutex);
     request(context(), m_message, m_responder, loop().queue(), &m_arrived);
 }
 
@@ -35,7 +34,6 @@ void UnaryCall::onArrived(bool ok) {
 }
 
 void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
-    MutexLock lock(m_mutex);
     m_mostTime =
         Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
     m_responder.Finish(bytes, grpc::Status::OK, &m_answered);
@@ -43,7 +41,6 @@ void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
 
 void UnaryCall::fail(const Failure& failure) {
     const bool isAgain = failure.cause() == Cause::kFull || failure.cause() == Cause::kUnavailable;
-    MutexLock lock(m_mutex);
     // What stock clients with a policy to try again go by.
     if (isAgain) context().AddTrailingMetadata("grpc-retry-pushback-ms", "1000");
     m_mostTime = Clock::now() + loop().limits().transfer;
@@ -52,7 +49,6 @@ void UnaryCall::fail(const Failure& failure) {
 }
 
 void UnaryCall::look(Clock::time_point now) {
-    MutexLock lock(m_mutex);
     if (m_mostTime && now > *m_mostTime) context().TryCancel();
 }
 
@@ -63,10 +59,7 @@ void UnaryCall::onDone(bool) {
 }
 
 void UnaryCall::onAnswered(bool) {
-    {
-        MutexLock lock(m_mutex);  // until answer() has given it up
-        m_mostTime.reset();
-    }
+    m_mostTime.reset();
     m_isAnswered = true;
     dropIfOver();
 }

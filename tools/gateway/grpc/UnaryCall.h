@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "tools/gateway/grpc/GrpcCall.h"
-#include "utils/Mutex.h"
 
 namespace kelm::gateway {
 
@@ -16,15 +15,14 @@ class Failure;
 
 // A call with one message and one answer, both as bytes.
 //
-// Threads: its loop's; answer() and fail() any. Locks: m_mutex, held while gRPC takes the answer,
-// so that its end finds it taken; what an answer's memory frees may lock leaves behind it.
+// Threads: its loop's.
 class UnaryCall : public GrpcCall {
  public:
     explicit UnaryCall(GrpcLoop& loop);
 
     void ask() override;
     // Ends it when the peer does not read the answer.
-    void look(Clock::time_point now) override EXCLUDES(m_mutex);
+    void look(Clock::time_point now) override;
 
  protected:
     using Responder = grpc::ServerAsyncResponseWriter<grpc::ByteBuffer>;
@@ -39,13 +37,13 @@ class UnaryCall : public GrpcCall {
     virtual void onCanceled() {}
 
     // One of the two once; the last that is done to the call.
-    void answer(const grpc::ByteBuffer& bytes) EXCLUDES(m_mutex);
-    void fail(const Failure& failure) EXCLUDES(m_mutex);
+    void answer(const grpc::ByteBuffer& bytes);
+    void fail(const Failure& failure);
 
  private:
     void onArrived(bool ok);
-    void onDone(bool ok) EXCLUDES(m_mutex);
-    void onAnswered(bool ok) EXCLUDES(m_mutex);
+    void onDone(bool ok);
+    void onAnswered(bool ok);
     void dropIfOver();
 
     Tag m_arrived;
@@ -54,10 +52,9 @@ class UnaryCall : public GrpcCall {
     grpc::ByteBuffer m_message;
     bool m_isDone = false;
     bool m_isAnswered = false;
-    Mutex m_mutex;
-    Responder m_responder GUARDED_BY(m_mutex);
+    Responder m_responder;
     // When the peer should have read the answer.
-    std::optional<Clock::time_point> m_mostTime GUARDED_BY(m_mutex);
+    std::optional<Clock::time_point> m_mostTime;
 };
 
 }  // namespace kelm::gateway
