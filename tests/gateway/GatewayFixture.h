@@ -42,6 +42,13 @@ class RawPeer {
         m_read.erase(0, whole.size());
         return whole;
     }
+    // Whether they come, whatever is around them.
+    bool reads(const std::string& bytes) {
+        while (m_read.find(bytes) == std::string::npos) {
+            if (!readMore()) return false;
+        }
+        return true;
+    }
     bool isClosed() { return m_read.empty() && !readMore(); }
 
  private:

@@ -287,6 +287,15 @@ TEST_F(RestTest, StopAnswersWhatIsUnderWay) {
     EXPECT_TRUE(stopped.get());
 }
 
+TEST_F(RestTest, ModelsThatLoadBeforeTheEngineTellsOfDevicesMakeItReady) {
+    engine.isDown = true;
+    gateway.emplace(engine, dir.path(), [](const std::string&) {});
+    ASSERT_TRUE(eventually([&] { return gateway->models().all().size() == 1; }));
+    EXPECT_FALSE(gateway->isReady());
+    engine.isDown = false;
+    EXPECT_TRUE(eventually([&] { return gateway->isReady(); }));
+}
+
 TEST_F(RestTest, FolderIsFollowedWithoutAFailedRequest) {
     serve();
     const std::string tensors = R"({"name":"i","datatype":"UINT8","shape":[4]})";

@@ -1,13 +1,15 @@
 """A client that the stock generator makes gets right results from simulated accelerators through
 the gateway's gRPC, and an error for each fault."""
 
+import contextlib
 import os
 import pathlib
+import signal
+import socket
 import struct
 import subprocess
 import sys
 import tempfile
-import threading
 import unittest
 
 import grpc
@@ -26,7 +28,7 @@ import health_pb2_grpc
 import open_inference_pb2 as inference
 import open_inference_pb2_grpc
 
-SERVING, NOT_SERVING, SERVICE_UNKNOWN = 1, 2, 3
+SERVING, SERVICE_UNKNOWN = 1, 3
 # A datatype, its field, two elements, and what is wrong in the field: too large, or another field.
 TYPES = (
     ("BOOL", "bool_contents", [True, False], {"int_contents": [1, 0]}),
@@ -253,6 +255,8 @@ class GrpcTest(SimulatedGatewayTest):
         self.assertEqual(self.code_of(lambda: call(b"")), "UNIMPLEMENTED")
         compressed = lambda: self.stub.ModelInfer(request(), compression=grpc.Compression.Gzip)
         self.assertEqual(self.code_of(compressed), "UNIMPLEMENTED")
+        talkative = lambda: self.stub.ModelInfer(request(), metadata=[("x", "y" * 9000)])
+        self.assertEqual(self.code_of(talkative), "RESOURCE_EXHAUSTED")
 
     def test_pressure_deadlines_and_cancels_reach_the_device(self) -> None:
         self.put_graph("slow.graph", 8, 3_000_000)
@@ -270,7 +274,51 @@ class GrpcTest(SimulatedGatewayTest):
         late = lambda: self.code_of(lambda: self.stub.ModelInfer(one, timeout=0.2))
         # The place of what was canceled is free.
         self.assertTrue(eventually(lambda: late() == "DEADLINE_EXCEEDED"))
+        self.gateway.send_signal(signal.SIGTERM)
         self.assertEqual(len(first.result().raw_output_contents[0]), 8)
+        self.assertEqual(self.gateway.wait(), 0)
+
+    def test_connections_beyond_the_limit_are_closed(self) -> None:
+        self.end(self.gateway)
+        self.start_gateway("--grpc", "127.0.0.1:0", "--connections", "2")
+
+        def greeting(peer: socket.socket) -> bytes:
+            with contextlib.suppress(ConnectionResetError):
+                return peer.recv(9)
+            return b""
+
+        where = ("127.0.0.1", int(self.port("serves gRPC on")))
+        with socket.create_connection(where) as first, socket.create_connection(where) as second:
+            self.assertTrue(greeting(first) and greeting(second))
+            with socket.create_connection(where) as third:
+                self.assertEqual(greeting(third), b"")
+            second.close()
+
+            def look() -> bytes:
+                with socket.create_connection(where) as third:
+                    return greeting(third)
+
+            self.assertTrue(eventually(look))
+
+    def test_peers_of_an_encrypted_gateway_trust_its_certificate(self) -> None:
+        make = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=kelm"
+        names = ("-addext", "subjectAltName=IP:127.0.0.1", "-keyout", "key", "-out", "cert")
+        subprocess.run((*make.split(), *names), cwd=self.work, check=True, stderr=subprocess.PIPE)
+        self.end(self.gateway)
+        files = ("--tls-cert", f"{self.work}/cert", "--tls-key", f"{self.work}/key")
+        listen = ("--rest", f"unix:{self.work}/r", "--grpc", "127.0.0.1:0", "--drain", "0")
+        with open(self.work / "gateway.log", "w") as log:
+            gateway = self.start(os.environ["KELM_GATEWAY"], "--models", str(self.models), *listen,
+                                 *files, stderr=log)
+        trust = grpc.ssl_channel_credentials((self.work / "cert").read_bytes())
+        address = f"127.0.0.1:{self.port('serves gRPC on')}"
+        with grpc.secure_channel(address, trust) as channel:
+            stub = open_inference_pb2_grpc.GRPCInferenceServiceStub(channel)
+            self.assertTrue(stub.ServerLive(inference.ServerLiveRequest()).live)
+        self.connect(address)
+        plain = lambda: self.stub.ServerLive(inference.ServerLiveRequest())
+        self.assertEqual(self.code_of(plain), "UNAVAILABLE")
+        self.end(gateway)
 
 
 if __name__ == "__main__":

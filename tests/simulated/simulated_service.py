@@ -13,7 +13,7 @@ SIMULATOR = os.environ["KELM_SIMULATOR_DIR"]
 
 def eventually(look, agrees=bool):
     """What the look gives once that agrees, or in the end."""
-    end = time.monotonic() + 25.0
+    end = time.monotonic() + 60.0
     while not agrees(seen := look()) and time.monotonic() < end:
         time.sleep(0.1)
     return seen

@@ -37,16 +37,11 @@ void ModelKeeper::run() {
     } while (waitForChange());
 }
 
-bool ModelKeeper::isAnyAgain() const {
-    return std::ranges::any_of(m_known, [](const auto& each) { return each.second.isAgain; });
-}
-
 bool ModelKeeper::waitForChange() {
     constexpr int kTrialMs = 2000;
     constexpr int kFirstTrialMs = 100;  // until the service is there
-    const bool isAgain = isAnyAgain();
     pollfd fds[] = {{m_end.get(), POLLIN, 0}, {m_folder.fd(), POLLIN, 0}};
-    (void)::poll(fds, 2, !isAgain ? -1 : m_hasTriedAll ? kTrialMs : kFirstTrialMs);
+    (void)::poll(fds, 2, !mayTryAgain() ? -1 : m_hasTriedAll ? kTrialMs : kFirstTrialMs);
     return fds[0].revents == 0;
 }
 
@@ -68,7 +63,12 @@ void ModelKeeper::follow() {
         if (known->second.text != text) known->second = {text, {}, false};
         load(name, known->second);
     }
-    if (canTry || !isAnyAgain()) m_hasTriedAll = true;
+    // What has been loaded tells more than what the engine knew before.
+    if (canTry || !mayTryAgain()) m_hasTriedAll = true;
+}
+
+bool ModelKeeper::mayTryAgain() const {
+    return std::ranges::any_of(m_known, [](const auto& each) { return each.second.isAgain; });
 }
 
 void ModelKeeper::load(const std::string& name, Known& known) {

@@ -40,7 +40,7 @@ class ModelKeeper : public NonCopyable {
     void run();
     void follow();
     void load(const std::string& name, Known& known);
-    bool isAnyAgain() const;
+    bool mayTryAgain() const;
     bool waitForChange();
 
     const ModelFolder m_folder;

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <open_inference.pb.h>
-
 #include <cstddef>
 #include <span>
 #include <string>
 
 #include "tools/gateway/Datatype.h"
+#include "tools/gateway/grpc/Protos.h"
 
 namespace kelm::gateway {
 

@@ -4,6 +4,13 @@
 
 namespace kelm::gateway {
 
+namespace {
+
+// Long ago: the present is a millisecond from now, as gRPC rounds.
+constexpr std::chrono::system_clock::time_point kNow{};
+
+}  // namespace
+
 void GrpcLoop::start(std::function<void()> first) {
     m_thread = std::thread([this, first = std::move(first)] {
         first();
@@ -14,7 +21,7 @@ void GrpcLoop::start(std::function<void()> first) {
 
 void GrpcLoop::join() {
     if (!m_thread.joinable()) return;
-    m_end.Set(m_queue.get(), std::chrono::system_clock::now(), &m_end);
+    m_end.Set(m_queue.get(), kNow, &m_end);
     m_thread.join();
 }
 
@@ -54,8 +61,25 @@ void GrpcLoop::happen(void* what, bool ok) {
         m_isEnding = true;
         return;
     }
+    if (what == this) return runPosted();
     const auto* const tag = static_cast<GrpcCall::Tag*>(what);
     (tag->call->*tag->happened)(ok);
+}
+
+// What comes while the thread is busy gathers, and wakes it once.
+void GrpcLoop::post(GrpcCall::Tag& tag) {
+    MutexLock lock(m_mutex);
+    m_posted.push_back(&tag);
+    if (m_posted.size() == 1) m_wake.Set(m_queue.get(), kNow, this);
+}
+
+void GrpcLoop::runPosted() {
+    std::vector<GrpcCall::Tag*> posted;
+    {
+        MutexLock lock(m_mutex);
+        posted.swap(m_posted);
+    }
+    for (const GrpcCall::Tag* each : posted) (each->call->*each->happened)(true);
 }
 
 void GrpcLoop::lookAtAll() {

@@ -9,17 +9,20 @@
 #include <thread>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "tools/gateway/grpc/GrpcCall.h"
 #include "tools/gateway/grpc/GrpcLimits.h"
+#include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::gateway {
 
 // A thread that runs what gRPC tells of the calls of its own.
 //
-// Threads: its own does everything but to make it and join().
-// Owns: the thread, the queue and the calls.
+// Threads: its own does everything but to make it, post() and join().
+// Owns: the thread, the queue and the calls. Locks: m_mutex, a leaf but for what gRPC locks to wake
+// the thread.
 class GrpcLoop : public NonCopyable {
  public:
     GrpcLoop(std::unique_ptr<grpc::ServerCompletionQueue> queue, const GrpcLimits& limits)
@@ -31,6 +34,8 @@ class GrpcLoop : public NonCopyable {
     // After the server was shut down; waits for calls that peers have begun.
     void join();
 
+    // Has it happen on the thread. Any thread; the call is there until it has.
+    void post(GrpcCall::Tag& tag) EXCLUDES(m_mutex);
     const GrpcLimits& limits() const { return m_limits; }
     grpc::ServerCompletionQueue& queue() { return *m_queue; }
     // Keeps the call and has it ask.
@@ -47,6 +52,7 @@ class GrpcLoop : public NonCopyable {
     };
     void run();
     void happen(void* what, bool ok);
+    void runPosted() EXCLUDES(m_mutex);
     void lookAtAll();
     void awaitLook();
 
@@ -54,6 +60,9 @@ class GrpcLoop : public NonCopyable {
     const std::unique_ptr<grpc::ServerCompletionQueue> m_queue;
     grpc::Alarm m_look;
     grpc::Alarm m_end;
+    Mutex m_mutex;
+    grpc::Alarm m_wake GUARDED_BY(m_mutex);
+    std::vector<GrpcCall::Tag*> m_posted GUARDED_BY(m_mutex);  // not empty: the thread is woken
     std::unordered_map<GrpcCall*, Kept> m_calls;
     size_t m_arrived = 0;
     bool m_isEnding = false;

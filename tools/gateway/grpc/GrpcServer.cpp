@@ -4,6 +4,10 @@
 #include <grpcpp/security/server_credentials.h>
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,8 +29,27 @@ namespace {
 
 using Builder = grpc::ServerBuilder;
 
+template <class Thing>
+using Owned = std::unique_ptr<Thing, void (*)(Thing*)>;
+
+// gRPC would refuse each connection and not tell why.
+void requirePair(const GrpcTls& tls) {
+    const auto open = [](const std::string& text) {
+        return Owned<BIO>(::BIO_new_mem_buf(text.data(), static_cast<int>(text.size())),
+                          ::BIO_free_all);
+    };
+    const Owned<X509> certificate(
+        ::PEM_read_bio_X509(open(tls.certificates).get(), nullptr, nullptr, nullptr), ::X509_free);
+    const Owned<EVP_PKEY> key(
+        ::PEM_read_bio_PrivateKey(open(tls.key).get(), nullptr, nullptr, nullptr), ::EVP_PKEY_free);
+    if (!certificate || !key || ::X509_check_private_key(certificate.get(), key.get()) != 1) {
+        throw std::runtime_error("the certificate and the key are no pair of PEM files");
+    }
+}
+
 std::shared_ptr<grpc::ServerCredentials> makeCredentials(const GrpcTls& tls) {
     if (tls.certificates.empty()) return grpc::InsecureServerCredentials();
+    requirePair(tls);
     grpc::SslServerCredentialsOptions options;
     options.pem_key_cert_pairs.push_back({tls.key, tls.certificates});
     return grpc::SslServerCredentials(options);
@@ -78,7 +101,7 @@ class GrpcServer::Impl {
         }
         m_server = builder.BuildAndStart();
         if (m_server == nullptr) {
-            throw std::runtime_error("gRPC cannot serve; are the certificate and its key right?");
+            throw std::runtime_error("gRPC cannot serve; the lines before tell why");
         }
         for (GrpcLoop& each : m_loops) {
             each.start([this, &each, &gateway] { ask(each, gateway); });
@@ -121,7 +144,9 @@ void GrpcServer::Impl::take(int fd) {
 bool GrpcServer::Impl::stop(std::chrono::milliseconds limit) {
     if (m_isEnding.exchange(true)) return true;
     m_acceptor.reset();
-    const auto end = std::chrono::system_clock::now() + limit;
+    // Connections without a call need a moment, too.
+    constexpr std::chrono::milliseconds kLeast(100);
+    const auto end = std::chrono::system_clock::now() + std::max(limit, kLeast);
     m_server->Shutdown(end);
     const bool isInTime = std::chrono::system_clock::now() < end;
     for (GrpcLoop& each : m_loops) each.join();

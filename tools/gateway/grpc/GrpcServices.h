@@ -1,7 +1,6 @@
 #pragma once
 
-#include <health.grpc.pb.h>
-#include <open_inference.grpc.pb.h>
+#include "tools/gateway/grpc/Protos.h"
 
 namespace kelm::gateway {
 

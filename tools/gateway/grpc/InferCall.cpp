@@ -112,8 +112,10 @@ void InferCall::serve(grpc::ByteBuffer& bytes) {
     m_inference = Inference::admit(model);
     fillIn(message);
     bytes.Clear();
-    // From here on the task's end may be on another thread, and be the end of this call.
-    m_inference->start(wish, [this](const TaskEnd& end) { onEnd(end); });
+    m_inference->start(wish, [this](const TaskEnd& end) {
+        m_end = end;
+        loop().post(m_ended);
+    });
 }
 
 Inference::Wish InferCall::readWish(const Request& request) {
@@ -158,10 +160,10 @@ void InferCall::onCanceled() {
     if (m_inference != nullptr) m_inference->cancel();
 }
 
-void InferCall::onEnd(const TaskEnd& end) {
-    record().atService = end.atService;
+void InferCall::onEnd(bool) {
+    record().atService = m_end.atService;
     try {
-        if (end.error != 0) throw Failure::ofKelm(end.error, end.text);
+        if (m_end.error != 0) throw Failure::ofKelm(m_end.error, m_end.text);
         answer(makeAnswer());
     } catch (const Failure& failure) {
         fail(failure);

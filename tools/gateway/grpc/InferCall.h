@@ -19,8 +19,10 @@ namespace kelm::gateway {
 // Threads: the loop's, but for the task's end. Borrowed for its life: all that it is given.
 class InferCall final : public UnaryCall {
  public:
-    InferCall(GrpcLoop& loop, GrpcServices& services, const Gateway& gateway)
-        : UnaryCall(loop, gateway, "infer"), m_services(services) {}
+    InferCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gateway)
+        : UnaryCall(owner, gateway, "infer"),
+          m_services(services),
+          m_ended(tag(&InferCall::onEnd)) {}
 
  private:
     void request(grpc::ServerContext& context, grpc::ByteBuffer& message, Responder& responder,
@@ -31,14 +33,16 @@ class InferCall final : public UnaryCall {
 
     void fillIn(const InferMessage& message);
     Inference::Wish readWish(const inference::ModelInferRequest& request);
-    void onEnd(const TaskEnd& end);
+    void onEnd(bool);
     grpc::ByteBuffer makeAnswer();
 
     GrpcServices& m_services;
+    Tag m_ended;
     bool m_isRaw = false;
     inference::ModelInferResponse m_answer;  // until the task's end without the outputs
     std::vector<const TensorDescription*> m_outputs;
     std::shared_ptr<Inference> m_inference;
+    TaskEnd m_end;
 };
 
 }  // namespace kelm::gateway

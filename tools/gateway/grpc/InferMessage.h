@@ -1,12 +1,13 @@
 #pragma once
 
 #include <grpcpp/support/byte_buffer.h>
-#include <open_inference.pb.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
+
+#include "tools/gateway/grpc/Protos.h"
 
 namespace kelm::gateway {
 

@@ -35,7 +35,6 @@ UnaryCall::UnaryCall(GrpcLoop& owner, const Gateway& gateway, const char* operat
 
 void UnaryCall::ask() {
     context().AsyncNotifyWhenDone(&m_done);
-    MutexLock lock(m_mutex);
     request(context(), m_message, m_responder, loop().queue(), &m_arrived);
 }
 
@@ -65,7 +64,6 @@ std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::
 }
 
 void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
-    MutexLock lock(m_mutex);
     m_record.bytesOut = bytes.Length();
     m_mostTime =
         Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
@@ -74,7 +72,6 @@ void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
 
 void UnaryCall::fail(const Failure& failure) {
     const bool isAgain = failure.cause() == Cause::kFull || failure.cause() == Cause::kUnavailable;
-    MutexLock lock(m_mutex);
     m_record.code = failure.grpcCode();
     m_record.error = failure.what();
     // What stock clients with a policy to try again go by.
@@ -85,7 +82,6 @@ void UnaryCall::fail(const Failure& failure) {
 }
 
 void UnaryCall::look(Clock::time_point now) {
-    MutexLock lock(m_mutex);
     if (m_mostTime && now > *m_mostTime) context().TryCancel();
 }
 
@@ -96,10 +92,7 @@ void UnaryCall::onDone(bool) {
 }
 
 void UnaryCall::onAnswered(bool) {
-    {
-        MutexLock lock(m_mutex);  // until answer() has given it up
-        m_mostTime.reset();
-    }
+    m_mostTime.reset();
     m_isAnswered = true;
     dropIfOver();
 }

@@ -9,7 +9,6 @@
 
 #include "tools/gateway/Gateway.h"
 #include "tools/gateway/grpc/GrpcCall.h"
-#include "utils/Mutex.h"
 
 namespace kelm::gateway {
 
@@ -17,8 +16,7 @@ class Failure;
 
 // A call with one message and one answer, both as bytes, whose end the gateway is told.
 //
-// Threads: its loop's; answer() and fail() any. Locks: m_mutex, held while gRPC takes the answer,
-// so that its end finds it taken; what an answer's memory frees may lock leaves behind it.
+// Threads: its loop's.
 class UnaryCall : public GrpcCall {
  public:
     // The gateway is borrowed for its life.
@@ -26,7 +24,7 @@ class UnaryCall : public GrpcCall {
 
     void ask() override;
     // Ends it when the peer does not read the answer.
-    void look(Clock::time_point now) override EXCLUDES(m_mutex);
+    void look(Clock::time_point now) override;
 
  protected:
     using Responder = grpc::ServerAsyncResponseWriter<grpc::ByteBuffer>;
@@ -41,19 +39,19 @@ class UnaryCall : public GrpcCall {
     virtual void onCanceled() {}
 
     const Gateway& gateway() const { return m_gateway; }
-    // Of whoever serves it, until the answer.
+    // What is told of it, but for what this class knows.
     RequestRecord& record() { return m_record; }
     // Throws a Failure if there is none.
     std::shared_ptr<Model> findModel(const std::string& name, const std::string& version);
 
     // One of the two once; the last that is done to the call.
-    void answer(const grpc::ByteBuffer& bytes) EXCLUDES(m_mutex);
-    void fail(const Failure& failure) EXCLUDES(m_mutex);
+    void answer(const grpc::ByteBuffer& bytes);
+    void fail(const Failure& failure);
 
  private:
     void onArrived(bool ok);
-    void onDone(bool ok) EXCLUDES(m_mutex);
-    void onAnswered(bool ok) EXCLUDES(m_mutex);
+    void onDone(bool ok);
+    void onAnswered(bool ok);
     void dropIfOver();
 
     const Gateway& m_gateway;
@@ -64,10 +62,9 @@ class UnaryCall : public GrpcCall {
     RequestRecord m_record;
     bool m_isDone = false;
     bool m_isAnswered = false;
-    Mutex m_mutex;
-    Responder m_responder GUARDED_BY(m_mutex);
+    Responder m_responder;
     // When the peer should have read the answer.
-    std::optional<Clock::time_point> m_mostTime GUARDED_BY(m_mutex);
+    std::optional<Clock::time_point> m_mostTime;
 };
 
 }  // namespace kelm::gateway
