@@ -16,6 +16,7 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -286,6 +287,11 @@ def demo(build: pathlib.Path, seconds: float) -> int:
         print("n3: and plugged in again")
         third.move_devices("plug")
         results = [result(load) for load in loads]
+        if shutil.which("promtool"):
+            told = get(third.metrics, "/metrics")[1]
+            check = subprocess.run(["promtool", "check", "metrics"], input=told, text=True,
+                                   capture_output=True, check=False)
+            findings += (check.stdout + check.stderr).splitlines()
         share = {node.name: sum(row["nodes"].get(node.name, 0) for row in results) for node in cluster.nodes}
     print()
     table(["client", "requests", "failed", "per second", "p50 in ms", "p99 in ms"],
