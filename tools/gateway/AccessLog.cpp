@@ -28,8 +28,7 @@ constexpr size_t kMostText = 256;                 // bytes of a text from outsid
 
 std::string bounded(const std::string& text) { return std::string(Utf8::head(text, kMostText)); }
 
-}  // namespace
-
+// The line, with its end.
 std::string accessLine(const RequestRecord& record, std::chrono::system_clock::time_point ended) {
     using std::chrono::milliseconds;
     constexpr double kMicros = 1e6;  // of a second
@@ -56,6 +55,8 @@ std::string accessLine(const RequestRecord& record, std::chrono::system_clock::t
     // Names may be any bytes; the line is ASCII.
     return line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + "\n";
 }
+
+}  // namespace
 
 AccessLog::AccessLog(std::string file)
     : m_path(std::move(file)),
