@@ -163,6 +163,7 @@ in_root mv /var/log/kelm-gateway/access.log{,.1}
 in_root systemctl reload kelm-gateway.service
 wait_for "a new access log" in_root test -e /var/log/kelm-gateway/access.log
 stop kelm-gateway.service
+in_root rm /etc/kelm/models/graph /etc/kelm/models/net.json
 stop kelmdaemon-sim@default.service
 
 say "log"
