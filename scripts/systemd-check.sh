@@ -148,7 +148,6 @@ wait_for "a scrape with three devices" is_told
 stop kelm-exporter.service
 
 say "the gateway"
-in_root install -d /etc/kelm/models
 echo graph >"$root/etc/kelm/models/graph"
 cat >"$root/etc/kelm/models/net.json" <<'END'
 {"graph": "graph", "inputs": [{"name": "i", "datatype": "UINT8", "shape": [36000]}],
@@ -156,7 +155,6 @@ cat >"$root/etc/kelm/models/net.json" <<'END'
 END
 echo 'KELM_GATEWAY=--drain 0 --access-log /var/log/kelm-gateway/access.log' \
     >"$root/etc/default/kelm-gateway"
-echo 'KELM_RUN_DIR=/run/kelm-sim/default' >>"$root/etc/default/kelm-gateway"
 start kelm-gateway.service
 is_ready() { in_root curl -fs http://127.0.0.1:8000/v2/models/net/ready; }
 wait_for "the model of the gateway" is_ready
@@ -165,6 +163,7 @@ in_root mv /var/log/kelm-gateway/access.log{,.1}
 in_root systemctl reload kelm-gateway.service
 wait_for "a new access log" in_root test -e /var/log/kelm-gateway/access.log
 stop kelm-gateway.service
+in_root rm /etc/kelm/models/graph /etc/kelm/models/net.json
 stop kelmdaemon-sim@default.service
 
 say "log"

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -27,13 +28,12 @@ constexpr size_t kMostText = 256;                 // bytes of a text from outsid
 
 std::string bounded(const std::string& text) { return std::string(Utf8::head(text, kMostText)); }
 
-}  // namespace
-
+// The line, with its end.
 std::string accessLine(const RequestRecord& record, std::chrono::system_clock::time_point ended) {
     using std::chrono::milliseconds;
-    constexpr double kMicro = 1e-6;
+    constexpr double kMicros = 1e6;  // of a second
     const auto seconds = [](std::chrono::duration<double> time) {
-        return std::round(time.count() / kMicro) * kMicro;
+        return std::round(time.count() * kMicros) / kMicros;
     };
     const auto whole = std::chrono::floor<std::chrono::seconds>(ended);
     const auto millis = std::chrono::duration_cast<milliseconds>(ended - whole).count();
@@ -55,6 +55,8 @@ std::string accessLine(const RequestRecord& record, std::chrono::system_clock::t
     // Names may be any bytes; the line is ASCII.
     return line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + "\n";
 }
+
+}  // namespace
 
 AccessLog::AccessLog(std::string file)
     : m_path(std::move(file)),

@@ -45,7 +45,4 @@ class AccessLog : public NonCopyable {
     std::thread m_thread;
 };
 
-// The line, with its end.
-std::string accessLine(const RequestRecord& record, std::chrono::system_clock::time_point ended);
-
 }  // namespace kelm::gateway

@@ -65,7 +65,8 @@ void Gateway::recordEnd(RequestRecord record) const {
 }
 
 std::string Gateway::metricsText() const {
-    return m_metrics.text(m_registry, m_accessLog ? m_accessLog->lost() : 0);
+    return m_metrics.text(m_registry, {.lostLines = m_accessLog ? m_accessLog->lost() : 0,
+                                       .textBytes = m_textMemory.held()});
 }
 
 void Gateway::reopenLog() {

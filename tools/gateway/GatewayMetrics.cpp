@@ -36,7 +36,7 @@ void GatewayMetrics::add(const RequestRecord& record) {
     ++m_answers[{series, record.protocol, record.code}];
 }
 
-std::string GatewayMetrics::text(const ModelRegistry& models, uint64_t lostLines) const {
+std::string GatewayMetrics::text(const ModelRegistry& models, const Facts& facts) const {
     MetricWriter to;
     const auto all = models.all();
     const auto writeModels = [&](const char* name, const char* help,
@@ -66,7 +66,9 @@ std::string GatewayMetrics::text(const ModelRegistry& models, uint64_t lostLines
     }
     to.begin("kelm_gateway_access_log_lost_total", "counter",
              "Lines of the access log that could not be written.");
-    to.add("", toDouble(lostLines));
+    to.add("", toDouble(facts.lostLines));
+    to.begin("kelm_gateway_json_bytes", "gauge", "JSON that requests and answers hold.");
+    to.add("", toDouble(facts.textBytes));
 
     MutexLock lock(m_mutex);
     to.begin("kelm_gateway_requests_total", "counter",

@@ -28,8 +28,13 @@ class GatewayMetrics : public NonCopyable {
         return m_connections[static_cast<size_t>(protocol)];
     }
 
+    // What others count.
+    struct Facts {
+        uint64_t lostLines = 0;  // of the access log
+        size_t textBytes = 0;    // of JSON
+    };
     // In Prometheus' text format.
-    std::string text(const ModelRegistry& models, uint64_t lostLines) const EXCLUDES(m_mutex);
+    std::string text(const ModelRegistry& models, const Facts& facts) const EXCLUDES(m_mutex);
 
  private:
     struct OfModel {

@@ -1,5 +1,6 @@
 #include "tools/gateway/LibkelmEngine.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "kelm/kelm.hpp"
@@ -46,14 +47,15 @@ class LibkelmGraph : public EngineGraph {
     uint64_t start(EngineSlot& slot, const TaskWish& wish,
                    std::function<void(const TaskEnd&)> done) override {
         return translated([&] {
-            return m_graph.start(static_cast<LibkelmSlot&>(slot).get(),
-                                 {.deadline = wish.deadline, .priority = wish.priority},
-                                 [done = std::move(done)](const kelm_result& result) {
-                                     done({.error = result.error,
-                                           .text = result.text,
-                                           .atService = std::chrono::nanoseconds(
-                                               result.total_ns - result.waited_ns)});
-                                 });
+            return m_graph.start(
+                static_cast<LibkelmSlot&>(slot).get(),
+                {.deadline = wish.deadline, .priority = wish.priority},
+                [done = std::move(done)](const kelm_result& result) {
+                    done({.error = result.error,
+                          .text = result.text,
+                          .atService = std::chrono::nanoseconds(
+                              result.total_ns - std::min(result.waited_ns, result.total_ns))});
+                });
         });
     }
     void cancel(uint64_t ticket) override {

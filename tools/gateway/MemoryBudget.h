@@ -37,6 +37,8 @@ class MemoryBudget : public NonCopyable {
         size_t m_bytes = 0;
     };
 
+    size_t held() const { return m_held; }
+
  private:
     const size_t m_limit;
     std::atomic<size_t> m_held{0};  // atomic: a sum, which guards nothing else

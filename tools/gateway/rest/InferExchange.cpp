@@ -157,9 +157,8 @@ void InferExchange::onEnd(const TaskEnd& end) {
         m_http->record().atService = end.atService;
         if (end.error != 0) throw Failure::ofKelm(end.error, end.text);
         HttpReply answer = m_reply->make(*m_inference);
-        if (!m_textMemory.grow(answer.text.size())) {
-            throw Failure(Cause::kUnavailable, kNoTextMemory);
-        }
+        // A device has had it: no 503, which a proxy would send elsewhere.
+        if (!m_textMemory.grow(answer.text.size())) throw Failure(Cause::kLost, kNoTextMemory);
         // With all that the answer needs until it is written.
         answer.owner = shared_from_this();
         m_http->reply(std::move(answer));
