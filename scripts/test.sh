@@ -15,7 +15,8 @@ if [ "${1:-}" = "--only" ]; then
 fi
 
 ./scripts/packages.sh git clang clang-format clang-tidy umockdev libumockdev-dev abigail-tools man-db \
-    groff-base zsh prometheus chromium libglpk-dev haproxy openssl || exit 1
+    groff-base zsh prometheus chromium libglpk-dev haproxy openssl curl python3-grpc-tools ||
+    exit 1
 jobs=$(nproc)
 # Many tests wait for the service more than they compute.
 test_jobs=$((jobs + (jobs + 1) / 2))
