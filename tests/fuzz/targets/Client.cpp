@@ -59,6 +59,7 @@ class Program {
         (void)kelm_cancel(graph, ticket, nullptr);
         KELM_INIT(kelm_task, task);
         task.deadline_ms = kDeadline;
+        task.input = task.output = {KELM_TENSOR_DESCRIPTOR, STDERR_FILENO, nullptr, 64};
         KELM_INIT(kelm_result, result);
         (void)kelm_infer(graph, &task, &result);
         (void)kelm_graph_free(graph);
