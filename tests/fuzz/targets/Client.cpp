@@ -59,6 +59,7 @@ class Program {
         (void)kelm_cancel(graph, ticket, nullptr);
         KELM_INIT(kelm_task, task);
         task.deadline_ms = kDeadline;
+        task.input = task.output = {KELM_TENSOR_DESCRIPTOR, STDERR_FILENO, nullptr, 64};
         KELM_INIT(kelm_result, result);
         (void)kelm_infer(graph, &task, &result);
         (void)kelm_graph_free(graph);
@@ -95,17 +96,17 @@ class Service {
     // Until the input has come to its end, or the program asks nothing more.
     void run() {
         while (!m_input.isEmpty() && m_peer.connected()) {
-            const auto request = m_peer.receive(kPause);
-            if (!request) {
-                // Data blocks and descriptors are read as if they were records: start anew.
-                if (m_peer.isDisconnected() || ++m_silent > 3) return;
-                play();
-                continue;
-            }
-            remember(*request);
-            if (request->type() == KELM_MESSAGE_CREATE_GRAPH_REQ) {
-                char blob[5];
-                (void)m_peer.readBytes(blob, sizeof(blob), kPause);
+            if (m_peer.canReceive(kPause)) {
+                const auto request = m_peer.receive();
+                if (!request) return;
+                remember(*request);
+                // What follows a record: its descriptors, of which only the bytes are read, and the
+                // graph.
+                const bool isGraph = request->type() == KELM_MESSAGE_CREATE_GRAPH_REQ;
+                std::string behind(4 * request->as<KelmMsgBase>().fdNum + (isGraph ? 5 : 0), 0);
+                if (!m_peer.readBytes(behind.data(), behind.size())) return;
+            } else if (m_peer.isDisconnected() || ++m_silent > 3) {
+                return;
             }
             play();
         }

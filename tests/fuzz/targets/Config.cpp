@@ -41,6 +41,9 @@ void readAll(const ServiceConfigParser& parser) {
     (void)parser.parseFwFromConfigList("fw", "firmware list");
     (void)getLogLevel(&parser);
     (void)ServiceConfigParser::listFiles("/install", {"further"});
+    (void)parser.getServiceAliveMutexPath();
+    (void)parser.getServiceReadyMutexPath();
+    (void)parser.getStartExitMutexPath();
 }
 
 }  // namespace
@@ -62,6 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const bool isRead = parser.appendConfigFile(file.path(), true);
         if (isRead == file.refusal().has_value()) __builtin_trap();
     }
+    for (const char* path : {"/none", "/tmp"}) (void)parser.appendConfigFile(path, true);
     readAll(parser);
     (void)ctl::checkConfigFiles(read);
     (void)ctl::readConfigValues(read);

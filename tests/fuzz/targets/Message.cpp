@@ -7,6 +7,10 @@
 #include "tests/fuzz/targets/FuzzInput.h"
 #include "utils/Log.h"
 
+namespace {
+constexpr size_t kMostBytes = 90000;
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace kelm;
     static const SocketChannel& channel = *new SocketChannel();
@@ -17,10 +21,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int number = connection->getSimulateFD();
     char prepared[64];
     const bool hasBuffer = input.below(2) == 0;
-    while (!input.isEmpty()) {
+    size_t sent = 0;
+    while (!input.isEmpty() && sent < kMostBytes) {  // nobody reads before all is sent
         std::string record = makeRecord(static_cast<uint32_t>(input.below(kMessageTypes + 1)));
         auto& head = *reinterpret_cast<KelmMsgBase*>(record.data());
-        const std::string tail(input.below(8) * input.take<uint16_t>() % 40000, 't');
+        const std::string tail(input.below(8) * input.take<uint16_t>() % kMostBytes, 't');
+        sent += tail.size() + record.size();
         head.dataNum = tail.empty() ? 0 : 1;
         head.dataSize[0] = tail.size();
         head.dataType[0] = static_cast<uint32_t>(input.below(2));
