@@ -222,6 +222,8 @@ class GrpcTest(SimulatedGatewayTest):
                 self.assertEqual(self.code_of(lambda: self.stub.ModelInfer(request(**words))), code)
         self.refuse_malformed_bytes()
         self.assertEqual(len(self.stub.ModelInfer(request(**raw)).raw_output_contents[0]), SIZE)
+        talkative = lambda: self.stub.ModelInfer(request(), metadata=[("x", "y" * 9000)])
+        self.assertEqual(self.code_of(talkative), "RESOURCE_EXHAUSTED")
 
     def refuse_malformed_bytes(self) -> None:
         service = "/inference.GRPCInferenceService/"
@@ -255,8 +257,6 @@ class GrpcTest(SimulatedGatewayTest):
         self.assertEqual(self.code_of(lambda: call(b"")), "UNIMPLEMENTED")
         compressed = lambda: self.stub.ModelInfer(request(), compression=grpc.Compression.Gzip)
         self.assertEqual(self.code_of(compressed), "UNIMPLEMENTED")
-        talkative = lambda: self.stub.ModelInfer(request(), metadata=[("x", "y" * 9000)])
-        self.assertEqual(self.code_of(talkative), "RESOURCE_EXHAUSTED")
 
     def test_pressure_deadlines_and_cancels_reach_the_device(self) -> None:
         self.put_graph("slow.graph", 8, 3_000_000)

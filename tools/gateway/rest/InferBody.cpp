@@ -112,7 +112,8 @@ InferBody InferBody::parse(std::string_view text) {
     InferBody body;
     if (root.contains("id")) body.id = readText(root, "id");
     const json& parameters = parametersOf(root);
-    if (const auto timeout = readCount(parameters, "timeout", kLongestTimeout); timeout.value_or(0) > 0) {
+    if (const auto timeout = readCount(parameters, "timeout", kLongestTimeout);
+        timeout.value_or(0) > 0) {
         body.timeout = std::chrono::microseconds(*timeout);
     }
     if (const auto priority = readCount(parameters, "priority", kHighestPriority)) {
