@@ -2,9 +2,10 @@
 """Nodes with a service and a gateway each, in run directories of their own, behind HAProxy with the
 shipped configuration; on simulated accelerators, of which one runs 200 inferences a second.
 
-    cluster.py demo BUILD_DIR [SECONDS]     four clients, while one node is drained and restarted
-                                            and another one loses its devices; the status is 0 if
-                                            no request failed and each node had its share
+    cluster.py demo BUILD_DIR [SECONDS]     four clients of REST, and one of gRPC where there is
+                                            python3-grpcio, while one node is drained and restarted
+                                            and another one loses its devices; the status is 0 if no
+                                            request failed and each node had its share
     cluster.py measure BUILD_DIR [NAME...]  the figures of docs/scale-out.md: rates, latency,
                                             restart, faults
 """
@@ -23,10 +24,16 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import urllib.error
 import urllib.request
 from typing import Callable, Iterator, Optional
+
+try:
+    import grpc
+except ImportError:
+    grpc = None
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent
 MICROS = 5000
@@ -88,7 +95,7 @@ done
         (self.work / "models/graph").write_bytes(GRAPH)
         model = MODEL | {"expected_devices": devices, "warmup": 1, "queue": 512}
         (self.work / "models/model.json").write_text(json.dumps(model))
-        self.rest, self.agent, self.metrics = free_port(), free_port(), free_port()
+        self.rest, self.grpc, self.agent, self.metrics = (free_port() for _ in range(4))
         self.service: Optional[subprocess.Popen] = None
         self.gateway: Optional[subprocess.Popen] = None
 
@@ -109,7 +116,8 @@ done
 
     def start_gateway(self) -> None:
         service = self.work / "run/kelm_service.sock"
-        ports = {"--rest": self.rest, "--agent": self.agent, "--metrics": self.metrics}
+        ports = {"--rest": self.rest, "--grpc": self.grpc, "--agent": self.agent,
+                 "--metrics": self.metrics}
         addresses = [word for name, port in ports.items() for word in (name, f"127.0.0.1:{port}")]
         options = ["--models", self.work / "models", "--socket", service, *addresses, "--drain", 4,
                    "--threads", 1, "--access-log", self.work / "access.log"]
@@ -176,7 +184,7 @@ class Cluster:
         self.build, self.work = build, work
         self.nodes = [Node(build, work, f"n{number}", count)
                       for number, count in enumerate(devices, 1)]
-        self.port = free_port()
+        self.port, self.grpc = free_port(), free_port()
         self.proxy: Optional[subprocess.Popen] = None
 
     def start(self) -> None:
@@ -194,19 +202,24 @@ class Cluster:
         time.sleep(1.2)  # for the weights of the agents
 
     def config(self) -> str:
-        """The shipped one with these nodes; of the protocols REST alone."""
+        """The shipped one with these nodes."""
         text = (SOURCE / "examples/haproxy.cfg").read_text()
-        text = text[:text.index("frontend grpc")]
         text = re.sub(r"stats socket \S+", f"stats socket {self.work}/haproxy.sock", text)
         text = text.replace("bind :8000", f"bind 127.0.0.1:{self.port}")
+        text = text.replace("bind :8001", f"bind 127.0.0.1:{self.grpc}")
         text = re.sub(r"    server .*\n", "", text)
-        text += "    http-response set-header X-Node %[srv_name]\n"
+        rest = "\nbackend rest\n    http-response set-header X-Node %[srv_name]\n"
+        text = text.replace("\nbackend grpc\n", "\n")  # those of grpc are the last in the file
         for node in self.nodes:
-            text += f"    server {node.name} 127.0.0.1:{node.rest} agent-port {node.agent}\n"
+            rest += f"    server {node.name} 127.0.0.1:{node.rest} agent-port {node.agent}\n"
+        text = text.replace("\nbackend rest\n", rest, 1) + "\nbackend grpc\n"
+        for node in self.nodes:
+            text += (f"    server {node.name} 127.0.0.1:{node.grpc} agent-port {node.agent}"
+                     f" proto h2 check-proto h1 port {node.rest}\n")
         return text
 
     def servers(self) -> dict[str, dict[str, str]]:
-        """HAProxy's statistics of the nodes."""
+        """HAProxy's statistics of the nodes, as it sees their REST."""
         with socket.socket(socket.AF_UNIX) as peer:
             try:
                 peer.connect(str(self.work / "haproxy.sock"))
@@ -217,7 +230,8 @@ class Cluster:
                 text = answer.read()
         rows = csv.DictReader(io.StringIO(text.lstrip("# ")))
         names = [node.name for node in self.nodes]
-        return {row["svname"]: row for row in rows if row["svname"] in names}
+        return {row["svname"]: row for row in rows
+                if row["pxname"] == "rest" and row["svname"] in names}
 
     def is_up(self, node: Node) -> bool:
         return self.servers()[node.name]["status"] == "UP"
@@ -236,6 +250,52 @@ class Cluster:
             self.proxy.wait()
         for node in self.nodes:
             node.end()
+
+
+def field(number: int, text: bytes) -> bytes:
+    """A field of a message of gRPC."""
+    size, length = len(text), b""
+    while size > 127:
+        length += bytes([size & 127 | 128])
+        size >>= 7
+    return bytes([number << 3 | 2]) + length + bytes([size]) + text
+
+
+class GrpcClient(threading.Thread):
+    """A client of gRPC, with the stock library and a policy to try again where a node is
+    unavailable. Its inputs are zeros; all answers have to be as the first."""
+
+    POLICY = {"name": [{}], "retryPolicy": {
+        "maxAttempts": 5, "initialBackoff": "0.1s", "maxBackoff": "1s", "backoffMultiplier": 2,
+        "retryableStatusCodes": ["UNAVAILABLE"]}}
+    SHAPE = field(3, b"\x80\x20")  # 4096
+    REQUEST = (field(1, b"model") + field(5, field(1, b"i") + field(2, b"UINT8") + SHAPE) +
+               field(7, bytes(4096)))
+
+    def __init__(self, port: int) -> None:
+        super().__init__()
+        self.requests, self.findings, self.is_ending = 0, [], False
+        self._channel = grpc.insecure_channel(f"127.0.0.1:{port}", options=[
+            ("grpc.service_config", json.dumps({"methodConfig": [self.POLICY]}))])
+
+    def run(self) -> None:
+        infer = self._channel.unary_unary("/inference.GRPCInferenceService/ModelInfer")
+        first = None
+        while not self.is_ending:
+            try:
+                answer = infer(self.REQUEST, timeout=20)
+            except grpc.RpcError as error:
+                self.findings.append(f"gRPC: {error.code().name}: {error.details()}")
+                continue
+            first = first or answer
+            self.requests += 1
+            if answer != first or len(answer) < 1024:
+                self.findings.append("gRPC: a result is another one")
+
+    def end(self) -> None:
+        self.is_ending = True
+        self.join()
+        self._channel.close()
 
 
 @contextlib.contextmanager
@@ -280,6 +340,9 @@ def demo(build: pathlib.Path, seconds: float) -> int:
         _, second, third = cluster.nodes
         print("three nodes with two accelerators of 200 inferences a second each, four clients")
         loads = [cluster.load(seconds, 6) for _ in range(4)]
+        stock = GrpcClient(cluster.grpc) if grpc else None
+        if stock:
+            stock.start()
         time.sleep(seconds * 0.1)
         print("n2: the gateway is drained, ends and is started again")
         status = second.restart_gateway()
@@ -297,8 +360,13 @@ def demo(build: pathlib.Path, seconds: float) -> int:
         print("n3: and plugged in again")
         third.move_devices("plug")
         results = [result(load) for load in loads]
+        if stock:
+            stock.end()
+            findings += stock.findings
+        told = get(third.metrics, "/metrics")[1]
+        if stock and 'protocol="grpc",code="0"' not in told:
+            findings.append("the metrics of n3 know of no gRPC that went well")
         if shutil.which("promtool"):
-            told = get(third.metrics, "/metrics")[1]
             check = subprocess.run(["promtool", "check", "metrics"], input=told, text=True,
                                    capture_output=True, check=False)
             findings += (check.stdout + check.stderr).splitlines()
@@ -310,6 +378,8 @@ def demo(build: pathlib.Path, seconds: float) -> int:
     print()
     table(["node", "requests", "share"],
           *[[name, count, f"{count / sum(share.values()):.1%}"] for name, count in share.items()])
+    if stock:
+        print(f"\nand {stock.requests} requests by gRPC")
     findings += [f"client {number} had {row['failed']} failures"
                  for number, row in enumerate(results, 1) if row["failed"]]
     findings += [f"{name} had no request" for name, count in share.items() if count == 0]

@@ -35,7 +35,7 @@ echo "building ..."
 rm -f build-demo.log
 bin=$PWD/build/release
 simulator=$bin/tools/simulator
-if $cluster; then exec scripts/cluster.py demo "$bin" "$seconds"; fi
+if $cluster; then exec /usr/bin/python3 -B scripts/cluster.py demo "$bin" "$seconds"; fi
 
 work=$(mktemp -d)
 service=""

@@ -45,7 +45,6 @@ void UnaryCall::onArrived(bool ok) {
     m_record.begun = Clock::now();
     m_record.bytesIn = m_message.Length();
     m_record.id = readRequestId(context());
-    context().AddInitialMetadata(kRequestId, m_record.id);
     try {
         serve(m_message);
     } catch (const Failure& failure) {
@@ -64,6 +63,7 @@ std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::
 }
 
 void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
+    context().AddInitialMetadata(kRequestId, m_record.id);
     m_record.bytesOut = bytes.Length();
     m_mostTime =
         Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
@@ -74,6 +74,8 @@ void UnaryCall::fail(const Failure& failure) {
     const bool isAgain = failure.cause() == Cause::kFull || failure.cause() == Cause::kUnavailable;
     m_record.code = failure.grpcCode();
     m_record.error = failure.what();
+    // Clients try again only where a failure comes without initial metadata.
+    context().AddTrailingMetadata(kRequestId, m_record.id);
     // What stock clients with a policy to try again go by.
     if (isAgain) context().AddTrailingMetadata("grpc-retry-pushback-ms", "1000");
     m_mostTime = Clock::now() + loop().limits().transfer;
