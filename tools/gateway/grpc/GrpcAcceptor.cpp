@@ -23,9 +23,11 @@ std::optional<ino_t> inodeOf(int fd) {
 
 }  // namespace
 
-GrpcAcceptor::GrpcAcceptor(std::vector<ListenSocket> sockets, size_t connections, Take take)
+GrpcAcceptor::GrpcAcceptor(std::vector<ListenSocket> sockets, size_t connections,
+                           std::atomic<int64_t>& count, Take take)
     : m_sockets(std::move(sockets)),
       m_connections(connections),
+      m_count(count),
       m_take(std::move(take)),
       m_end(::eventfd(0, EFD_CLOEXEC)),
       m_thread([this] { run(); }) {}
@@ -37,15 +39,18 @@ GrpcAcceptor::~GrpcAcceptor() {
 
 void GrpcAcceptor::run() {
     constexpr int kOutOfDescriptors = 100;  // ms until the next trial
+    constexpr int kLook = 1000;             // ms, whether some are closed
     std::vector<pollfd> waits{{m_end.get(), POLLIN, 0}};
     for (const ListenSocket& each : m_sockets) waits.push_back({each.fd(), POLLIN, 0});
     while (true) {
-        if (::poll(waits.data(), waits.size(), -1) < 0) continue;
+        if (::poll(waits.data(), waits.size(), m_accepted.empty() ? -1 : kLook) < 0) continue;
         if (waits.front().revents != 0) return;
+        errno = 0;
         for (size_t i = 0; i < m_sockets.size(); ++i) {
             if (waits[i + 1].revents != 0) acceptAll(m_sockets[i]);
         }
         const bool isOut = errno == EMFILE || errno == ENFILE || errno == ENOBUFS;
+        forgetClosed();
         if (isOut) ::poll(waits.data(), 1, kOutOfDescriptors);
     }
 }
@@ -56,7 +61,8 @@ void GrpcAcceptor::acceptAll(const ListenSocket& socket) {
         if (!fd && (errno == ECONNABORTED || errno == EINTR)) continue;
         if (!fd) return;
         const auto inode = inodeOf(fd.get());
-        if (!inode || !hasRoom()) continue;
+        if (m_accepted.size() >= m_connections) forgetClosed();
+        if (!inode || m_accepted.size() >= m_connections) continue;
         const int on = 1;
         (void)::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         m_accepted[fd.get()] = *inode;
@@ -64,10 +70,9 @@ void GrpcAcceptor::acceptAll(const ListenSocket& socket) {
     }
 }
 
-bool GrpcAcceptor::hasRoom() {
-    if (m_accepted.size() < m_connections) return true;
+void GrpcAcceptor::forgetClosed() {
     std::erase_if(m_accepted, [](const auto& each) { return inodeOf(each.first) != each.second; });
-    return m_accepted.size() < m_connections;
+    m_count = static_cast<int64_t>(m_accepted.size());
 }
 
 }  // namespace kelm::gateway

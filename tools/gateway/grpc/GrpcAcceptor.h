@@ -2,7 +2,9 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <thread>
@@ -22,7 +24,9 @@ namespace kelm::gateway {
 class GrpcAcceptor : public NonCopyable {
  public:
     using Take = std::function<void(int fd)>;
-    GrpcAcceptor(std::vector<ListenSocket> sockets, size_t connections, Take take);
+    // Keeps the count of connections, a second late at most.
+    GrpcAcceptor(std::vector<ListenSocket> sockets, size_t connections, std::atomic<int64_t>& count,
+                 Take take);
     // Accepts nothing more.
     ~GrpcAcceptor();
 
@@ -31,10 +35,11 @@ class GrpcAcceptor : public NonCopyable {
  private:
     void run();
     void acceptAll(const ListenSocket& socket);
-    bool hasRoom();
+    void forgetClosed();
 
     const std::vector<ListenSocket> m_sockets;
     const size_t m_connections;
+    std::atomic<int64_t>& m_count;  // atomic: a count, which guards nothing
     const Take m_take;
     const UniqueFd m_end;
     // What was accepted, by descriptor and inode: gRPC does not tell when it closes one, but then

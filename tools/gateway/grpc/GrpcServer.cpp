@@ -106,7 +106,9 @@ class GrpcServer::Impl {
         for (GrpcLoop& each : m_loops) {
             each.start([this, &each, &gateway] { ask(each, gateway); });
         }
-        m_acceptor.emplace(std::move(sockets), limits.connections, [this](int fd) { take(fd); });
+        m_acceptor.emplace(std::move(sockets), limits.connections,
+                           gateway.metrics().connections(Protocol::kGrpc),
+                           [this](int fd) { take(fd); });
     }
     ~Impl() { (void)stop(std::chrono::milliseconds(0)); }
 
