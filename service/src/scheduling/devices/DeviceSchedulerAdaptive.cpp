@@ -17,6 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds kLeastInterval{100};
 // Below this busy share a device's results say little about its speed.
 constexpr double kBusyEnough = 0.5;
+constexpr double kLookBack = 5.0;    // seconds
 constexpr double kFreshSpeed = 0.2;  // the weight of a new measure
 constexpr double kSlowest = 0.1;
 constexpr double kFastest = 4.0;
@@ -229,8 +230,13 @@ void DeviceSchedulerAdaptive::drawDevice(uint64_t id, KnownWorker& known) {
     }
 }
 
-// The work that its results stand for, over the time that it took.
+// The work that its results stand for, over the time that it took. Rates and busy shares look back
+// for seconds: where graphs come and go they belong to different ones.
 void DeviceSchedulerAdaptive::measureSpeed(KnownWorker& known) {
+    const auto isNew = [this](const auto& place) REQUIRES(m_onSchedulingThread) {
+        return m_now - place.second < kLookBack;
+    };
+    if (std::ranges::any_of(known.since, isNew)) return;
     const double busy = static_cast<double>(known.worker->getDevice()->getDeviceUtilization());
     if (busy < kBusyEnough) return;
     double work = 0.0;
