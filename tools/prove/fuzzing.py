@@ -13,7 +13,7 @@ FUZZ = ROOT / "build/fuzz/tests/fuzz"
 COVERAGE = ROOT / "build/coverage"
 CORPUS = ROOT / "tests/fuzz/corpus"
 GROWN = ROOT / "build/corpus"  # what runs have found, from one to the next
-TARGETS = ("service", "client", "message", "config", "snapshot", "trace")
+TARGETS = ("service", "client", "message", "config", "snapshot", "trace", "gateway")
 LEAST_COVERAGE = 90.0
 WORKERS = 2
 
@@ -37,6 +37,9 @@ PARSERS = (
     "tools/kelmctl/TracePairs.cpp",
     "tools/kelmctl/TraceReader.cpp",
     "tools/kelmctl/TraceRow.cpp",
+    "tools/gateway/ModelDescription.cpp",
+    "tools/gateway/rest/InferBody.cpp",
+    "tools/gateway/rest/JsonTensor.cpp",
 )
 
 
