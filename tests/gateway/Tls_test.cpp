@@ -67,9 +67,9 @@ TEST_F(TlsTest, FilesThatAreOfNoUseAreNamed) {
     const std::string none = dir.path() + "/none";
     const std::pair<TlsFiles, std::string> rows[] = {
         {{none, a.key}, none}, {{a.certificate, none}, none}, {{a.certificate, b.key}, b.key}};
-    for (const auto& [files, named] : rows) {
-        EXPECT_THAT([&] { (void)makeTlsContext(files); },
-                    ThrowsMessage<std::runtime_error>(HasSubstr(named)));
+    for (const auto& row : rows) {
+        EXPECT_THAT([&] { (void)makeTlsContext(row.first); },
+                    ThrowsMessage<std::runtime_error>(HasSubstr(row.second)));
     }
 }
 
