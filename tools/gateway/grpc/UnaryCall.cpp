@@ -56,7 +56,7 @@ void UnaryCall::onArrived(bool ok) {
 
 std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::string& version) {
     m_record.model = name;
-    const auto model = m_gateway.models().find(name, version);
+    auto model = m_gateway.models().find(name, version);
     m_record.version = model->description().version;
     m_record.isKnown = true;
     return model;
