@@ -150,7 +150,23 @@ int Board::waitForChange(GraphRun::Clock::time_point start) {
     return kOk;
 }
 
-int Board::write(Fifo& fifo, Element element) {
+std::vector<uint8_t> Board::takeSpare() {
+    MutexLock lock(m_mutex);
+    if (m_spares.empty()) return {};
+    std::vector<uint8_t> spare = std::move(m_spares.back());
+    m_spares.pop_back();
+    return spare;
+}
+
+void Board::recycle(Element element) {
+    constexpr size_t kMost = 4;
+    MutexLock lock(m_mutex);
+    if (m_spares.size() < kMost) m_spares.push_back(std::move(element.bytes));
+}
+
+int Board::write(Fifo& fifo, std::span<const uint8_t> bytes, unsigned long userValue) {
+    Element element{takeSpare(), userValue, {}};
+    element.bytes.assign(bytes.begin(), bytes.end());
     MutexLock lock(m_mutex);
     const auto start = GraphRun::Clock::now();
     // What is due is done before each look: there is no thread that would do it.

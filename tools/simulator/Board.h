@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -91,12 +92,15 @@ class Board : public NonCopyable {
     // Tells of graphs and FIFOs that were not destroyed.
     void close() EXCLUDES(m_mutex);
 
-    // Waits for room.
-    int write(Fifo& fifo, Element element) EXCLUDES(m_mutex);
+    // Waits for room. The bytes are copied.
+    int write(Fifo& fifo, std::span<const uint8_t> bytes, unsigned long userValue)
+        EXCLUDES(m_mutex);
     void queue(GraphRun& graph, std::shared_ptr<Fifo> in, std::shared_ptr<Fifo> out)
         EXCLUDES(m_mutex);
     // Waits for a result.
     int read(Fifo& fifo, Element& element) EXCLUDES(m_mutex);
+    // Takes back the memory of one that was read: new memory would cost more than the copy.
+    void recycle(Element element) EXCLUDES(m_mutex);
 
  private:
     uint32_t memoryUsedUnsafe() const REQUIRES(m_mutex);
@@ -104,6 +108,7 @@ class Board : public NonCopyable {
     void advance() REQUIRES(m_mutex);
     // A status: waits until something may have changed since the call began to wait.
     int waitForChange(GraphRun::Clock::time_point start) REQUIRES(m_mutex);
+    std::vector<uint8_t> takeSpare() EXCLUDES(m_mutex);
 
     const std::string m_name;
     const uint32_t m_id;
@@ -112,6 +117,7 @@ class Board : public NonCopyable {
     CondVar m_changed;
     bool m_gone GUARDED_BY(m_mutex) = false;
     std::vector<std::shared_ptr<GraphRun>> m_graphs GUARDED_BY(m_mutex);
+    std::vector<std::vector<uint8_t>> m_spares GUARDED_BY(m_mutex);
     std::atomic<int> m_fifoCount{0};  // atomic: a count alone
 };
 

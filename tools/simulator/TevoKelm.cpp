@@ -165,8 +165,7 @@ int writeElement(qxFifoHandle_t* handle, const void* data, const unsigned int* l
                  unsigned long userValue) {
     if (!handle->fifo || handle->type != QX_FIFO_HOST_WO || data == nullptr) return kInvalid;
     if (length == nullptr || *length != handle->fifo->elementSize) return kInvalid;
-    const auto input = bytes(data, *length);
-    return handle->board->write(*handle->fifo, {{input.begin(), input.end()}, userValue, {}});
+    return handle->board->write(*handle->fifo, bytes(data, *length), userValue);
 }
 
 // The result is taken out also if there is no room for it, so that the next one meets its reader.
@@ -181,6 +180,7 @@ int readElement(qxFifoHandle_t* handle, void* data, unsigned int* length, unsign
     if (data == nullptr || *length < element.model.outputSize) return kInvalid;
     *length = element.model.outputSize;
     element.model.infer(element.bytes, {static_cast<uint8_t*>(data), *length});
+    handle->board->recycle(std::move(element));
     return kOk;
 }
 

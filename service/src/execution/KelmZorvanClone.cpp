@@ -164,14 +164,9 @@ int KelmZorvanClone::loadTensorRaw(KelmTask* task, const TevoHandles& handles,
     // Deliberate: the input is copied, and yet the mapping is what the library gets. The copy is
     // part of the path. It has the size that the graph wants, since a client can claim any size of
     // its buffer at no cost.
-    UniqueMalloc<char> tensorData(static_cast<char*>(std::malloc(descriptor.totalSize)));
-    if (!tensorData && descriptor.totalSize > 0) {
+    if (!m_inputCopy.take(data, descriptor.totalSize)) {
         LOG_ERROR("Error: allocate tensorData error");
         return KELM_ERROR_OUT_OF_MEMORY;
-    }
-    if (tensorData) {
-        std::memcpy(tensorData.get(), data, descriptor.totalSize);
-        asm volatile("" : : "r"(tensorData.get()) : "memory");  // or the compiler drops the copy
     }
     // The client may have shortened its memory during the copy. A shortening during the write below
     // is found with the result.

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "execution/InputCopy.h"
 #include "execution/KelmDeviceBase.h"
 #include "execution/TevoDevice.h"
 #include "execution/TevoGraphCache.h"
@@ -78,6 +79,7 @@ class KelmZorvanClone final : public KelmDeviceBase {
     const StepTrace m_trace;
     const bool m_useSystemTensor;
     TevoStatistics m_statistics;
+    InputCopy m_inputCopy;  // of the thread that loads tensors
 };
 
 }  // namespace kelm
