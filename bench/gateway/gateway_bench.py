@@ -177,7 +177,7 @@ def main() -> None:
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=2.0)
-    parser.add_argument("--threads", type=int, default=2, help="of the gateway")
+    parser.add_argument("--threads", type=int, default=1, help="of the gateway")
     parser.add_argument("--json", help="a file for the figures of each round")
     options = parser.parse_args()
     rows = [row for size in SIZES for row in measure_size(options, size)]

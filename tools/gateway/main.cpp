@@ -36,7 +36,7 @@ struct Options {
     std::string agent;
     std::string metrics;
     std::string socket;
-    size_t threads = 2;
+    size_t threads = 1;
     unsigned drain = 5;
     TlsFiles tls;
     HttpLimits limits;
@@ -60,7 +60,7 @@ void addOptions(CLI::App& app, Options& options) {
     certificate->needs(key);
     key->needs(certificate);
     app.add_option("--socket", options.socket, "the service's socket, if not the usual one");
-    app.add_option("--threads", options.threads, "threads of all connections")
+    app.add_option("--threads", options.threads, "threads of REST, and as many of gRPC")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
     app.add_option("--drain", options.drain, "seconds to serve on, not ready, after SIGTERM")
