@@ -57,10 +57,11 @@ void addOptions(CLI::App& app, Options& options) {
     addNumber(app, "--drain", options.drain, "SECONDS",
               "time to serve on, not ready, after SIGTERM; up to an hour")
         ->check(range(0, kHour));
-    addNumber(app, "--connections", options.limits.connections, "N", "at a time, on each address")
+    addNumber(app, "--connections", options.limits.connections, "N",
+              "connections at a time, on each address")
         ->check(range(1, kMostConnections));
-    addNumber(app, "--max-body", options.limits.body, kBytes, "of a request");
-    addNumber(app, "--max-json", options.limits.json, kBytes, "of its JSON part");
+    addNumber(app, "--max-body", options.limits.body, kBytes, "of a request's body");
+    addNumber(app, "--max-json", options.limits.json, kBytes, "of a request's JSON part");
     addNumber(app, "--json-memory", options.gateway.textMemory, kBytes,
               "of JSON, in requests and in answers, that all requests may hold together");
 }
