@@ -35,7 +35,7 @@ layer(schedulers FOLDERS "service/src/scheduling/devices"       SEES execution m
 layer(devices    FOLDERS "service/src/devices"                  SEES schedulers)
 layer(managers   FOLDERS "service/src/managers"                 SEES devices tasks)
 layer(shell      FOLDERS "service/src/shell"                    SEES managers autoboot)
-layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell)
+layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell gateway)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
 layer(prove      FOLDERS "tools/prove"                          SEES interface simulator)
 layer(tests      FOLDERS "bench(/placement|/gateway)?|tests/.*"  SEES shell kelmctl gateway simulator libkelm)

@@ -1,6 +1,6 @@
-# The manual and the completion of the shells, made at each build of the command tree, the key table
-# and docs/; the parts of docs/ that are made of the same, on demand.
-kelm_program(kelm_pages FOLDER tools/pages DEPENDS kelm_kelmctl kelm_shell)
+# The manual and the completion of the shells, made at each build of the command trees, the key
+# table and docs/; the parts of docs/ that are made of the same, on demand.
+kelm_program(kelm_pages FOLDER tools/pages DEPENDS kelm_kelmctl kelm_shell kelm_gateway)
 set_source_files_properties(tools/pages/ManPages.cpp PROPERTIES
     COMPILE_DEFINITIONS KELM_VERSION="${PROJECT_VERSION}")
 file(GLOB docs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)

@@ -108,7 +108,9 @@ for file in usr/bin/kelmctl usr/lib/kelm/{bin/{kelmdaemon,kelmctl,kelm-gateway},
     lib/systemd/system/{kelmdaemon{,-sim@},kelm-gateway}.service etc/kelm/models lib/udev/rules.d/70-kelm.rules \
     usr/include/kelm/kelm.h "${libraries#"$root/"}"/{libkelm.{so,a},pkgconfig/kelm.pc} \
     usr/lib/python3/dist-packages/kelm/__init__.py usr/lib/kelm/simulator/{kelm-usb-bus,bin/autoboot} \
-    usr/share/doc/kelmdaemon/operating.md; do
+    usr/share/doc/kelmdaemon/operating.md usr/share/kelm/prometheus/kelm-gateway.rules.yml \
+    usr/share/man/man8/kelm{daemon,-gateway}.8.gz usr/share/bash-completion/completions/kelm{ctl,-gateway} \
+    usr/share/zsh/vendor-completions/_kelm{ctl,-gateway}; do
     in_root test -e "/$file" || fail "/$file is missing"
 done
 in_root grep -q '"user_group": "kelm"' /usr/lib/kelm/config/kelm_service.config ||

@@ -49,6 +49,12 @@ class RawPeer {
         }
         return true;
     }
+    // Whether the connection ends, whatever comes before.
+    bool ends() {
+        while (readMore()) {
+        }
+        return m_isAtEnd;
+    }
     bool isClosed() { return m_read.empty() && !readMore(); }
 
  private:
@@ -57,11 +63,13 @@ class RawPeer {
         pollfd ready{m_fd.get(), POLLIN, 0};
         if (::poll(&ready, 1, 20000) != 1) return false;
         const ssize_t count = ::recv(m_fd.get(), bytes, sizeof(bytes), 0);
+        m_isAtEnd = count <= 0;
         if (count > 0) m_read.append(bytes, static_cast<size_t>(count));
         return count > 0;
     }
     UniqueFd m_fd;
     std::string m_read;
+    bool m_isAtEnd = false;
 };
 
 // A gateway on a fake engine, and its REST on a port of its own.

@@ -5,6 +5,7 @@
 #include <boost/asio/write.hpp>
 
 #include "tests/gateway/GatewayFixture.h"
+#include "tools/gateway/grpc/GrpcServer.h"
 
 namespace kelm::gateway {
 namespace {
@@ -14,6 +15,11 @@ namespace ssl = boost::asio::ssl;
 
 class TlsTest : public GatewayTest {
  protected:
+    void SetUp() override {
+        const std::string tensor = R"({"name":"i","datatype":"UINT8","shape":[4]})";
+        dir.write("m.json", describe(tensor, tensor));
+        serve();
+    }
     // A certificate of its own, as NAME.crt and NAME.key.
     TlsFiles makeFiles(const std::string& name) const {
         const TlsFiles files{dir.path() + "/" + name + ".crt", dir.path() + "/" + name + ".key"};
@@ -24,14 +30,24 @@ class TlsTest : public GatewayTest {
         EXPECT_EQ(std::system(command.c_str()), 0);
         return files;
     }
+    // Whether a peer that knows this certificate gets to speak with who serves there.
+    static bool trusts(const TlsFiles& files, uint16_t port) {
+        ssl::context trust(ssl::context::tls_client);
+        trust.load_verify_file(files.certificate);
+        asio::io_context loop;
+        ssl::stream<asio::ip::tcp::socket> peer(loop, trust);
+        peer.set_verify_mode(ssl::verify_peer);
+        peer.lowest_layer().connect({asio::ip::address_v4::loopback(), port});
+        boost::system::error_code error;
+        peer.handshake(ssl::stream_base::client, error);
+        return !error;
+    }
 };
 
 TEST_F(TlsTest, RequestsComeByTls) {
-    const std::string tensor = R"({"name":"i","datatype":"UINT8","shape":[4]})";
-    dir.write("m.json", describe(tensor, tensor));
-    serve();
     const TlsFiles files = makeFiles("a");
-    HttpServer tls(ListenSocket("127.0.0.1:0"), 2, {}, makeRestHandler(*gateway), files);
+    HttpServer tls(ListenSocket("127.0.0.1:0"), 2, {}, makeRestHandler(*gateway),
+                   TlsPair::read(files));
     ssl::context trust(ssl::context::tls_client);
     trust.load_verify_file(files.certificate);
     asio::io_context loop;
@@ -62,13 +78,32 @@ TEST_F(TlsTest, RequestsComeByTls) {
     EXPECT_THAT(plain.answer(), IsEmpty());
 }
 
+TEST_F(TlsTest, PairIsExchangedForConnectionsThatCome) {
+    const TlsFiles before = makeFiles("a"), after = makeFiles("b");
+    HttpServer rest(ListenSocket("127.0.0.1:0"), 2, {}, makeRestHandler(*gateway),
+                    TlsPair::read(before));
+    std::vector<ListenSocket> sockets;
+    sockets.emplace_back("127.0.0.1:0");
+    GrpcServer grpc(*gateway, std::move(sockets), 1, {}, TlsPair::read(before));
+    for (const uint16_t port : {rest.port(), grpc.port(0)}) {
+        EXPECT_TRUE(trusts(before, port));
+        EXPECT_FALSE(trusts(after, port));
+    }
+    rest.renew(TlsPair::read(after));
+    grpc.renew(TlsPair::read(after));
+    for (const uint16_t port : {rest.port(), grpc.port(0)}) {
+        EXPECT_TRUE(eventually([&] { return trusts(after, port); }));
+        EXPECT_FALSE(trusts(before, port));
+    }
+}
+
 TEST_F(TlsTest, FilesThatAreOfNoUseAreNamed) {
     const TlsFiles a = makeFiles("a"), b = makeFiles("b");
     const std::string none = dir.path() + "/none";
     const std::pair<TlsFiles, std::string> rows[] = {
         {{none, a.key}, none}, {{a.certificate, none}, none}, {{a.certificate, b.key}, b.key}};
     for (const auto& row : rows) {
-        EXPECT_THAT([&] { (void)makeTlsContext(row.first); },
+        EXPECT_THAT([&] { (void)TlsPair::read(row.first); },
                     ThrowsMessage<std::runtime_error>(HasSubstr(row.second)));
     }
 }

@@ -19,11 +19,11 @@ offer() { # line
         return
     fi
     SHARE=$share LINE=$1 bash --norc -c '
-        . "$SHARE/bash-completion/completions/kelmctl"
+        . "$SHARE/bash-completion/completions/${LINE%% *}"
         read -ra COMP_WORDS <<<"${LINE//=/ = }"
         [[ "$LINE" != *" " ]] || COMP_WORDS+=("")
         COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-        _kelmctl
+        "_${LINE%% *}"
         printf "%s\n" "${COMPREPLY[@]}"'
 }
 
@@ -54,5 +54,9 @@ kelmctl config check |net.graph|show
 kelmctl trace -o |net.graph folder|--threads
 kelmctl status --watch --|--json|--graph
 kelmctl stop ||net.graph
+kelm-gateway --|--models --tls-cert --help|--graph
+kelm-gateway --models |net.graph folder|--rest
+kelm-gateway --threads 1 --r|--rest|--models
+kelm-gateway --grpc ||net.graph
 ROWS
 exit $failed

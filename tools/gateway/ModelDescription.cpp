@@ -63,19 +63,10 @@ void readMembers(const json& object, const std::string& of, const Readers& reade
     }
 }
 
-Shape readShape(const json& value) {
-    if (!value.is_array() || value.size() > kMostDimensions) {
-        refuse("'shape' must be an array of at most " + std::to_string(kMostDimensions) +
-               " whole numbers");
-    }
-    Shape shape;
-    for (const json& each : value) {
-        if (!each.is_number_integer() || each == 0 || each < -1 || each > kMostElements) {
-            refuse("a dimension must be a whole number from 1 on, or -1 for a variable one");
-        }
-        shape.push_back(each.get<int64_t>());
-    }
-    return shape;
+Shape readModelShape(const json& value) {
+    return readShape(
+        value, [](int64_t dimension) { return dimension > 0 || dimension == -1; },
+        "a dimension must be a whole number from 1 on, or -1 for a variable one");
 }
 
 uint64_t sizeOf(const TensorDescription& tensor, bool isInput, std::optional<uint64_t> given) {
@@ -113,7 +104,7 @@ TensorDescription readTensor(const json& value, bool isInput, uint64_t next) {
               if (!type) refuse("there is no datatype '" + text + "'");
               tensor.datatype = *type;
           }},
-         {"shape", [&](const json& v) { tensor.shape = readShape(v); }},
+         {"shape", [&](const json& v) { tensor.shape = readModelShape(v); }},
          {"offset",
           [&](const json& v) { tensor.offset = readNumber(v, "offset", 0, kMostElements); }},
          {"bytes", [&](const json& v) { bytes = readNumber(v, "bytes", 1, kMostElements); }}},

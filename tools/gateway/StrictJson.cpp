@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/RequestRules.h"
 
 namespace kelm::gateway {
 
@@ -39,6 +40,22 @@ json parseStrictJson(std::string_view text) {
     } catch (const json::exception& error) {
         throw Failure(Cause::kInvalid, "this is no JSON: " + plainText(error.what()));
     }
+}
+
+std::vector<int64_t> readShape(const json& value, bool (*isAllowed)(int64_t dimension),
+                               const char* rule) {
+    if (!value.is_array() || value.size() > kMostDimensions) {
+        throw Failure(Cause::kInvalid, "'shape' must be an array of at most " +
+                                           std::to_string(kMostDimensions) + " whole numbers");
+    }
+    std::vector<int64_t> shape;
+    for (const json& each : value) {
+        // First the size: a larger number could become any.
+        const bool isInRange = each.is_number_integer() && each <= kMostBytes;
+        if (!isInRange || !isAllowed(each.get<int64_t>())) throw Failure(Cause::kInvalid, rule);
+        shape.push_back(each.get<int64_t>());
+    }
+    return shape;
 }
 
 }  // namespace kelm::gateway

@@ -15,15 +15,6 @@ client::Result<client::Snapshot> readSnapshot(client::Deadline deadline) {
     return reader.value()->read(deadline);
 }
 
-std::optional<EventHistory> readEvents(size_t count, client::Deadline deadline) {
-    try {
-        auto history = fetchHistory(count, deadline);
-        if (history) return std::move(history.value());
-    } catch (const std::exception&) {  // of another version: as if it did not tell
-    }
-    return std::nullopt;
-}
-
 }  // namespace
 
 client::Result<StatusLook> StatusSource::look(client::Deadline deadline) {
@@ -42,7 +33,7 @@ client::Result<StatusLook> StatusSource::look(client::Deadline deadline) {
     } else {
         look.snapshotWhy = snapshot.error().text();
     }
-    look.history = readEvents(m_events, deadline);
+    look.history = m_events.look(deadline);
     return look;
 }
 
@@ -68,6 +59,7 @@ client::Error StatusSource::connect(client::Deadline deadline) {
 void StatusSource::drop() {
     m_interruption.setService(nullptr);
     m_service = nullptr;
+    m_events.drop();
 }
 
 }  // namespace kelm::ctl

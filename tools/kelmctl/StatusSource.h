@@ -8,7 +8,7 @@
 
 #include "client/Client.h"
 #include "client/SnapshotReader.h"
-#include "tools/kelmctl/EventHistory.h"
+#include "tools/kelmctl/EventFollower.h"
 
 namespace kelm::ctl {
 
@@ -26,7 +26,8 @@ struct StatusLook {
 
 // Looks at the service, as its client "kelmctl"; after a failure the next look connects anew.
 //
-// Threads: one. Owns: a share of the connection, the other one is the interruption's.
+// Threads: one. Owns: a share of the connection, the other one is the interruption's; that of the
+// events.
 class StatusSource {
  public:
     // The interruption is borrowed for the object's life. Each look has up to so many of the last
@@ -43,7 +44,7 @@ class StatusSource {
     void drop();
 
     Interruption& m_interruption;
-    const size_t m_events;
+    EventFollower m_events;
     std::shared_ptr<client::Client> m_service;  // null: not connected
 };
 

@@ -11,7 +11,9 @@ namespace kelm::pages {
 
 namespace {
 
-bool takesFile(const OptionFacts& option) { return option.kind == ctl::kFileKind; }
+bool takesFile(const OptionFacts& option) {
+    return option.kind == ctl::kFileKind || option.kind == "DIRECTORY";
+}
 
 // The help is no option of the program's own, but of each command.
 std::vector<OptionFacts> offered(const CLI::App& command) {
@@ -73,7 +75,7 @@ std::string zshText(const std::string& text) {
 std::string zshValue(const OptionFacts& option) {
     if (option.kind.empty()) return "";
     const char* separator = option.mayGoWithout ? "::" : ":";
-    return separator + option.kind + ":" + (takesFile(option) ? "_files" : "");
+    return separator + zshText(option.kind) + ":" + (takesFile(option) ? "_files" : "");
 }
 
 // One name of one option, as _arguments takes it.
@@ -88,15 +90,16 @@ std::string zshOption(const OptionFacts& option, const std::string& name) {
                        zshText(option.text), zshValue(option));
 }
 
-std::string zshFunction(const std::string& path) {
-    std::string name = "_kelmctl";
+std::string zshFunction(const std::string& program, const std::string& path) {
+    std::string name = "_" + program;
     for (const char c : path.empty() ? "" : " " + path) name += c == ' ' ? '_' : c;
     return name;
 }
 
-void addZshFunctions(const CLI::App& command, const std::string& path, std::string& functions) {
+void addZshFunctions(const std::string& program, const CLI::App& command, const std::string& path,
+                     std::string& functions) {
     const auto parts = command.get_subcommands(nullptr);
-    std::string text = fmt::format("\n{}() {{\n", zshFunction(path));
+    std::string text = fmt::format("\n{}() {{\n", zshFunction(program, path));
     if (!parts.empty()) text += "    local curcontext=$curcontext state line\n";
     text += parts.empty() ? "    _arguments" : "    _arguments -C";
     for (const OptionFacts& option : offered(command)) {
@@ -118,8 +121,8 @@ void addZshFunctions(const CLI::App& command, const std::string& path, std::stri
             const std::string& name = part->get_name();
             const std::string below = joined(path, name);
             text += fmt::format("            '{}:{}'\n", name, zshText(part->get_description()));
-            calls += fmt::format("        {}) {} ;;\n", name, zshFunction(below));
-            addZshFunctions(*part, below, functions);
+            calls += fmt::format("        {}) {} ;;\n", name, zshFunction(program, below));
+            addZshFunctions(program, *part, below, functions);
         }
         text += "        )\n        _describe command commands\n        ;;\n";
         text += "    argument)\n        case $line[1] in\n" + calls + "        esac\n        ;;\n";
@@ -135,8 +138,8 @@ std::string bashCompletion(const CLI::App& program) {
     std::string cases;
     addBashCases(program, "", steps, cases);
     // "=" is a word of its own between an option and its value.
-    return R"(# Completion of kelmctl for bash; made from its commands.
-_kelmctl() {
+    const std::string& name = program.get_name();
+    return "# Completion of " + name + " for bash; made from its commands.\n_" + name + R"(() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local path='' commands options files values argument i
     if [ "$word" = = ]; then
@@ -168,15 +171,16 @@ _kelmctl() {
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
     compopt -o filenames 2>/dev/null
 }
-complete -F _kelmctl kelmctl
-)";
+complete -F _)" +
+           name + " " + name + "\n";
 }
 
 std::string zshCompletion(const CLI::App& program) {
     std::string functions;
-    addZshFunctions(program, "", functions);
-    return "#compdef kelmctl\n# Completion of kelmctl for zsh; made from its commands.\n" +
-           functions + "\n_kelmctl \"$@\"\n";
+    addZshFunctions(program.get_name(), program, "", functions);
+    const std::string& name = program.get_name();
+    return "#compdef " + name + "\n# Completion of " + name +
+           " for zsh; made from its commands.\n" + functions + "\n_" + name + " \"$@\"\n";
 }
 
 }  // namespace kelm::pages

@@ -25,11 +25,13 @@ struct Title {
 };
 
 const Title kDaemon{"kelmdaemon", 8, "share neural-network accelerators among programs"};
+const Title kGateway{"kelm-gateway", 8, "serve models by the Open Inference Protocol"};
 const Title kConfig{"kelm_service.config", 5, "configuration of kelmdaemon"};
 // The pages of docs/ of which the same sections go into several pages of the manual.
 constexpr const char* kToolPage = "kelmctl.md";
 constexpr const char* kConfigPage = "configuration.md";
 constexpr const char* kOperatingPage = "operating.md";
+constexpr const char* kGatewayPage = "gateway.md";
 constexpr const char* kExitStatus = "Exit status and errors";
 
 std::string sentence(std::string text) {
@@ -126,6 +128,24 @@ Page commandPage(const CLI::App& command, const Docs& docs) {
     return page;
 }
 
+Page gatewayPage(const CLI::App& gateway, const Docs& docs) {
+    Page page(kGateway);
+    const DocPage::Section start = docs.at(kGatewayPage).sectionAround(gateway.get_name());
+    page.add("Synopsis", "`kelm-gateway --models DIRECTORY [OPTION...]`");
+    page.add(
+        "Description",
+        "Serves models to other machines: a client of the service of `kelmdaemon`(8) that speaks "
+        "the Open Inference Protocol, version 2, by HTTP and gRPC.");
+    page.add(start.lines, start.level);
+    page.add("Options", optionTable(listOptions(gateway)));
+    for (const char* section : {"Model descriptions", "Limits", "Errors", "Metrics",
+                                "The access log", "The agent's port", "The end"}) {
+        page.add(section, docs, kGatewayPage, section);
+    }
+    page.add("Environment", docs, kConfigPage, "Environment");
+    return page;
+}
+
 }  // namespace
 
 const DocPage& pageOf(const Docs& docs, const std::string& block) {
@@ -139,10 +159,12 @@ const DocPage& pageOf(const Docs& docs, const std::string& block) {
         block));
 }
 
-std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const Docs& docs) {
+std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const CLI::App& gateway,
+                                                const Docs& docs) {
     std::map<std::string, std::string> manual;
     const Title title{kelmctl.get_name(), 1, kelmctl.get_description()};
-    std::vector<std::string> seeAlso{title.reference(), kConfig.reference(), kDaemon.reference()};
+    std::vector<std::string> seeAlso{title.reference(), kConfig.reference(), kGateway.reference(),
+                                     kDaemon.reference()};
     std::string commands = "| Command | |\n|---|---|\n";
     for (const CLI::App* command : kelmctl.get_subcommands(nullptr)) {
         commandPage(*command, docs).addTo(manual, seeAlso);
@@ -175,6 +197,8 @@ std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const D
     daemon.add("Environment", docs, kConfigPage, "Environment");
     daemon.add("Files", docs, kOperatingPage, "Files");
     daemon.addTo(manual, seeAlso);
+
+    gatewayPage(gateway, docs).addTo(manual, seeAlso);
 
     Page config(kConfig);
     config.add("Description", "");

@@ -17,6 +17,7 @@ const DocPage& pageOf(const Docs& docs, const std::string& block);
 
 // Texts of the manual by file, as in "man1/kelmctl.1". Names, synopses and options are those of the
 // programs, all else comes from the pages of docs/, whose blocks must be filled.
-std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const Docs& docs);
+std::map<std::string, std::string> makeManPages(const CLI::App& kelmctl, const CLI::App& gateway,
+                                                const Docs& docs);
 
 }  // namespace kelm::pages

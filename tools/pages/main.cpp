@@ -13,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "tools/gateway/CommandLine.h"
 #include "tools/kelmctl/CommandTree.h"
 #include "tools/pages/CommandFacts.h"
 #include "tools/pages/Completion.h"
@@ -57,11 +58,25 @@ std::string commandTable(const CLI::App& kelmctl, const Docs& docs) {
     return table;
 }
 
-Blocks makeBlocks(const CLI::App& kelmctl, const Docs& docs) {
+// Of what the pages tell.
+struct Programs {
+    CLI::App kelmctl{"", "kelmctl"};
+    kelm::gateway::Options options;
+    CLI::App gateway{"", "kelm-gateway"};
+
+    Programs() {
+        kelm::ctl::addCommands(kelmctl);
+        kelm::gateway::addOptions(gateway, options);
+    }
+};
+
+Blocks makeBlocks(const Programs& programs, const Docs& docs) {
+    const CLI::App& kelmctl = programs.kelmctl;
     Blocks blocks;
     for (const CLI::App* command : kelmctl.get_subcommands(nullptr)) {
         blocks["kelmctl " + command->get_name()] = kelm::pages::commandBlock(*command);
     }
+    blocks["kelm-gateway"] = kelm::pages::optionTable(kelm::pages::listOptions(programs.gateway));
     blocks["commands"] = commandTable(kelmctl, docs);
     kelm::pages::addKeyBlocks(blocks);
     for (const auto& [name, text] : blocks) kelm::pages::pageOf(docs, name);
@@ -124,22 +139,26 @@ int check(const CLI::App& kelmctl, const Docs& docs, const Docs& filled) {
 }
 
 int run(const std::string& order, const fs::path& directory, const fs::path& output) {
-    CLI::App kelmctl("", "kelmctl");
-    kelm::ctl::addCommands(kelmctl);
+    const Programs programs;
     const Docs docs = loadDocs(directory);
-    const Docs filled = fill(docs, makeBlocks(kelmctl, docs));
-    if (order == "check") return check(kelmctl, docs, filled);
+    const Docs filled = fill(docs, makeBlocks(programs, docs));
+    if (order == "check") return check(programs.kelmctl, docs, filled);
     if (order == "renew") {
         for (const auto& [name, page] : filled) {
             if (page.text() != docs.at(name).text()) write(page.file(), page.text());
         }
         return 0;
     }
-    for (const auto& [file, text] : kelm::pages::makeManPages(kelmctl, filled)) {
+    for (const auto& [file, text] :
+         kelm::pages::makeManPages(programs.kelmctl, programs.gateway, filled)) {
         write(output / "man" / file, text);
     }
-    write(output / "bash-completion/completions/kelmctl", kelm::pages::bashCompletion(kelmctl));
-    write(output / "zsh/vendor-completions/_kelmctl", kelm::pages::zshCompletion(kelmctl));
+    for (const CLI::App* program : {&programs.kelmctl, &programs.gateway}) {
+        const std::string& name = program->get_name();
+        write(output / "bash-completion/completions" / name, kelm::pages::bashCompletion(*program));
+        write(output / "zsh/vendor-completions" / ("_" + name),
+              kelm::pages::zshCompletion(*program));
+    }
     return 0;
 }
 

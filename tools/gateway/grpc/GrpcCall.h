@@ -1,16 +1,23 @@
 #pragma once
 
 #include <grpcpp/server_context.h>
+#include <grpcpp/support/byte_buffer.h>
 
 #include <chrono>
+#include <memory>
+#include <optional>
 
+#include "tools/gateway/grpc/GrpcServices.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::gateway {
 
+class Failure;
 class GrpcLoop;
 
-// A call of a method, from before it comes to when its loop drops it.
+// A call of a method with one message, from before it comes to when its loop drops it. The message
+// has its time to come: a base and a second for each MB of the largest one, as its size is not
+// told.
 //
 // Threads: its loop's, where nothing else is said. Owned by the loop.
 class GrpcCall : public NonCopyable {
@@ -22,25 +29,62 @@ class GrpcCall : public NonCopyable {
         void (GrpcCall::*happened)(bool ok);
     };
 
-    explicit GrpcCall(GrpcLoop& loop) : m_loop(loop) {}
+    explicit GrpcCall(GrpcLoop& loop);
     virtual ~GrpcCall() = default;
 
     // Awaits a peer's call.
-    virtual void ask() = 0;
+    void ask();
     // A few times a second once a peer has called.
-    virtual void look(Clock::time_point now) = 0;
+    void look(Clock::time_point now);
 
  protected:
+    // Asks the service for a call of the method.
+    virtual void request(CallStream& stream, void* tag) = 0;
+    // A new call of the same kind.
+    virtual std::unique_ptr<GrpcCall> another() = 0;
+    // The head is there.
+    virtual void begin() {}
+    // Answers now or later; an exception is an answer, too.
+    virtual void serve(grpc::ByteBuffer& message) = 0;
+    // The last that is done to the call.
+    virtual void fail(const Failure& failure) = 0;
+    // A look at one that has its message, or has failed.
+    virtual void lookAtAnswer(Clock::time_point now) = 0;
+    // What is over may be more of it than gRPC's part.
+    virtual void dropIfOver() = 0;
+    // Nothing more will come from the peer.
+    virtual void onDone() {}
+
     template <class Call>
     Tag tag(void (Call::*happened)(bool ok)) {
         return {this, static_cast<void (GrpcCall::*)(bool)>(happened)};
     }
     GrpcLoop& loop() { return m_loop; }
     grpc::ServerContext& context() { return m_context; }
+    CallStream& stream() { return m_stream; }
+    // Nothing more is awaited of gRPC but for the end of what is written.
+    bool isDone() const { return m_isDone && !m_isReading; }
+    // The peer, or gRPC for it, has given the call up before its message was there. Once it is
+    // done.
+    bool isWithoutMessage() const { return !m_hasMessage && m_context.IsCancelled(); }
 
  private:
+    void onArrived(bool ok);
+    void onRead(bool ok);
+    void onGone(bool ok);
+
     GrpcLoop& m_loop;
+    Tag m_arrived;
+    Tag m_read;
+    Tag m_gone;
     grpc::ServerContext m_context;
+    CallStream m_stream;
+    grpc::ByteBuffer m_message;
+    Clock::time_point m_mostTime;  // for the message, while it is read
+    bool m_isReading = false;
+    bool m_isLate = false;  // and was answered
+    bool m_hasMessage = false;
+    bool m_isDone = false;
 };
 
 }  // namespace kelm::gateway

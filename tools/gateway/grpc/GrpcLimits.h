@@ -8,7 +8,9 @@ namespace kelm::gateway {
 // What a peer may cost.
 struct GrpcLimits {
     size_t connections = 1024;
-    int streams = 256;                       // calls of a connection at a time
+    // Calls of a connection at a time; of a peer that acknowledges no settings only the next binds.
+    int streams = 256;
+    size_t calls = 8192;                     // of a loop at a time
     size_t message = size_t{64} << 20;       // bytes
     size_t text = size_t{4} << 20;           // bytes of a request to infer but for raw contents
     size_t memory = size_t{1} << 30;         // bytes of all messages that are not answered yet
@@ -16,7 +18,9 @@ struct GrpcLimits {
     std::chrono::milliseconds age{3600000};  // of a connection; calls have `grace` to end
     std::chrono::milliseconds grace{30000};
     std::chrono::milliseconds handshake{10000};
-    std::chrono::milliseconds transfer{10000};  // of an answer, and a second for each MB
+    std::chrono::milliseconds ping{60000};      // from one question to the peer to the next
+    std::chrono::milliseconds pong{20000};      // of its answer
+    std::chrono::milliseconds transfer{10000};  // of a message, and a second for each MB
 };
 
 }  // namespace kelm::gateway

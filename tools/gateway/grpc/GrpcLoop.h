@@ -3,6 +3,7 @@
 #include <grpcpp/alarm.h>
 #include <grpcpp/completion_queue.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -20,7 +21,7 @@ namespace kelm::gateway {
 
 // A thread that runs what gRPC tells of the calls of its own.
 //
-// Threads: its own does everything but to make it, post() and join().
+// Threads: its own does everything but to make it, to join() and what says so.
 // Owns: the thread, the queue and the calls. Locks: m_mutex, a leaf but for what gRPC locks to wake
 // the thread.
 class GrpcLoop : public NonCopyable {
@@ -37,6 +38,8 @@ class GrpcLoop : public NonCopyable {
     // Has it happen on the thread. Any thread; the call is there until it has.
     void post(GrpcCall::Tag& tag) EXCLUDES(m_mutex);
     const GrpcLimits& limits() const { return m_limits; }
+    // How many calls peers have begun that are not over. Any thread.
+    size_t callsUnderWay() const { return m_arrived; }
     grpc::ServerCompletionQueue& queue() { return *m_queue; }
     // Keeps the call and has it ask.
     void add(std::unique_ptr<GrpcCall> call);
@@ -64,7 +67,7 @@ class GrpcLoop : public NonCopyable {
     grpc::Alarm m_wake GUARDED_BY(m_mutex);
     std::vector<GrpcCall::Tag*> m_posted GUARDED_BY(m_mutex);  // not empty: the thread is woken
     std::unordered_map<GrpcCall*, Kept> m_calls;
-    size_t m_arrived = 0;
+    std::atomic<size_t> m_arrived{0};  // atomic: a count, which guards nothing
     bool m_isEnding = false;
     std::thread m_thread;
 };

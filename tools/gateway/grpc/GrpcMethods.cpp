@@ -1,6 +1,7 @@
 #include "tools/gateway/grpc/GrpcMethods.h"
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/grpc/GrpcLoop.h"
 #include "tools/gateway/grpc/ProtoBytes.h"
 
 namespace kelm::gateway {
@@ -9,14 +10,13 @@ namespace {
 
 using grpc::health::v1::HealthCheckRequest;
 using grpc::health::v1::HealthCheckResponse;
-using Responder = grpc::ServerAsyncResponseWriter<grpc::ByteBuffer>;
 
 class PlainCall;
 
 // A method: how its calls are asked for, and what its answer is. Throws a Failure.
 struct Method {
-    void (*request)(GrpcServices& services, grpc::ServerContext& context, grpc::ByteBuffer& message,
-                    Responder& responder, grpc::ServerCompletionQueue& queue, void* tag);
+    void (*request)(GrpcServices& services, grpc::ServerContext& context, CallStream& stream,
+                    grpc::ServerCompletionQueue& queue, void* tag);
     grpc::ByteBuffer (*answer)(PlainCall& call, grpc::ByteBuffer& message);
     const char* operation;
 };
@@ -29,9 +29,8 @@ class PlainCall final : public UnaryCall {
     using UnaryCall::gateway;
 
  private:
-    void request(grpc::ServerContext& context, grpc::ByteBuffer& message, UnaryCall::Responder& to,
-                 grpc::ServerCompletionQueue& queue, void* tag) override {
-        m_method.request(m_services, context, message, to, queue, tag);
+    void request(CallStream& to, void* tag) override {
+        m_method.request(m_services, context(), to, loop().queue(), tag);
     }
     std::unique_ptr<GrpcCall> another() override {
         return std::make_unique<PlainCall>(loop(), m_services, gateway(), m_method);
@@ -100,31 +99,31 @@ void check(const Gateway& gateway, const HealthCheckRequest& request, HealthChec
     }
 }
 
-template <auto kService, auto kRequest>
-void requestBy(GrpcServices& services, grpc::ServerContext& context, grpc::ByteBuffer& message,
-               Responder& responder, grpc::ServerCompletionQueue& queue, void* tag) {
-    ((services.*kService).*kRequest)(&context, &message, &responder, &queue, &queue, tag);
+template <auto kService, int kMethod>
+void requestBy(GrpcServices& services, grpc::ServerContext& context, CallStream& stream,
+               grpc::ServerCompletionQueue& queue, void* tag) {
+    (services.*kService).request(kMethod, context, stream, queue, tag);
 }
 
 constexpr auto kInference = &GrpcServices::inference;
 constexpr auto kHealth = &GrpcServices::health;
 constexpr Method kMethods[] = {
-    {requestBy<kInference, &GrpcServices::Inference::RequestServerLive>,
+    {requestBy<kInference, GrpcServices::kServerLive>,
      answerWith<inference::ServerLiveRequest, inference::ServerLiveResponse, tellLive>, "live"},
-    {requestBy<kInference, &GrpcServices::Inference::RequestServerReady>,
+    {requestBy<kInference, GrpcServices::kServerReady>,
      answerWith<inference::ServerReadyRequest, inference::ServerReadyResponse, tellReady>, "ready"},
-    {requestBy<kInference, &GrpcServices::Inference::RequestModelReady>,
+    {requestBy<kInference, GrpcServices::kModelReady>,
      answerOfModel<inference::ModelReadyRequest, inference::ModelReadyResponse, tellModelReady>,
      "model_ready"},
-    {requestBy<kInference, &GrpcServices::Inference::RequestServerMetadata>,
+    {requestBy<kInference, GrpcServices::kServerMetadata>,
      answerWith<inference::ServerMetadataRequest, inference::ServerMetadataResponse,
                 describeServer>,
      "server"},
-    {requestBy<kInference, &GrpcServices::Inference::RequestModelMetadata>,
+    {requestBy<kInference, GrpcServices::kModelMetadata>,
      answerOfModel<inference::ModelMetadataRequest, inference::ModelMetadataResponse,
                    describeModel>,
      "model"},
-    {requestBy<kHealth, &GrpcServices::Watched::RequestCheck>,
+    {requestBy<kHealth, GrpcServices::kCheck>,
      answerWith<HealthCheckRequest, HealthCheckResponse, check>, "health"},
 };
 

@@ -1,13 +1,11 @@
 #include "tools/gateway/grpc/GrpcServer.h"
 
+#include <grpc/grpc.h>
+#include <grpc/support/time.h>
 #include <grpcpp/resource_quota.h>
 #include <grpcpp/security/server_credentials.h>
 #include <grpcpp/server.h>
 #include <grpcpp/server_builder.h>
-#include <openssl/bio.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <atomic>
@@ -18,6 +16,7 @@
 #include <utility>
 
 #include "tools/gateway/grpc/GrpcAcceptor.h"
+#include "tools/gateway/grpc/GrpcCertificate.h"
 #include "tools/gateway/grpc/GrpcLoop.h"
 #include "tools/gateway/grpc/GrpcMethods.h"
 #include "tools/gateway/grpc/InferCall.h"
@@ -28,32 +27,6 @@ namespace kelm::gateway {
 namespace {
 
 using Builder = grpc::ServerBuilder;
-
-template <class Thing>
-using Owned = std::unique_ptr<Thing, void (*)(Thing*)>;
-
-// gRPC would refuse each connection and not tell why.
-void requirePair(const GrpcTls& tls) {
-    const auto open = [](const std::string& text) {
-        return Owned<BIO>(::BIO_new_mem_buf(text.data(), static_cast<int>(text.size())),
-                          ::BIO_free_all);
-    };
-    const Owned<X509> certificate(
-        ::PEM_read_bio_X509(open(tls.certificates).get(), nullptr, nullptr, nullptr), ::X509_free);
-    const Owned<EVP_PKEY> key(
-        ::PEM_read_bio_PrivateKey(open(tls.key).get(), nullptr, nullptr, nullptr), ::EVP_PKEY_free);
-    if (!certificate || !key || ::X509_check_private_key(certificate.get(), key.get()) != 1) {
-        throw std::runtime_error("the certificate and the key are no pair of PEM files");
-    }
-}
-
-std::shared_ptr<grpc::ServerCredentials> makeCredentials(const GrpcTls& tls) {
-    if (tls.certificates.empty()) return grpc::InsecureServerCredentials();
-    requirePair(tls);
-    grpc::SslServerCredentialsOptions options;
-    options.pem_key_cert_pairs.push_back({tls.key, tls.certificates});
-    return grpc::SslServerCredentials(options);
-}
 
 void applyLimits(Builder& builder, const GrpcLimits& limits) {
     // In a row: what a tensor needs is on its way without a word from this side.
@@ -67,8 +40,8 @@ void applyLimits(Builder& builder, const GrpcLimits& limits) {
         {GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, limits.handshake.count()},
         {GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, 10000},
         {GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1},
-        {GRPC_ARG_KEEPALIVE_TIME_MS, 60000},
-        {GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 20000},
+        {GRPC_ARG_KEEPALIVE_TIME_MS, limits.ping.count()},
+        {GRPC_ARG_KEEPALIVE_TIMEOUT_MS, limits.pong.count()},
         {GRPC_ARG_MAX_METADATA_SIZE, 8 << 10},
         {GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, kWindow},
         {GRPC_ARG_HTTP2_MAX_FRAME_SIZE, kFrame},
@@ -84,18 +57,47 @@ void applyLimits(Builder& builder, const GrpcLimits& limits) {
     }
 }
 
+// Tells all peers to go, and learns when they are gone. What is left of them must be ended before
+// this is.
+class Farewell : public NonCopyable {
+ public:
+    explicit Farewell(grpc_server* server)
+        : m_queue(::grpc_completion_queue_create_for_next(nullptr)) {
+        ::grpc_server_shutdown_and_notify(server, m_queue, nullptr);
+    }
+    ~Farewell() {
+        (void)awaitClosed(std::chrono::hours(1));
+        ::grpc_completion_queue_shutdown(m_queue);
+        ::grpc_completion_queue_destroy(m_queue);
+    }
+    // Whether they were before the time was up.
+    bool awaitClosed(std::chrono::milliseconds time) {
+        const auto until = ::gpr_time_add(::gpr_now(GPR_CLOCK_MONOTONIC),
+                                          ::gpr_time_from_millis(time.count(), GPR_TIMESPAN));
+        m_isClosed = m_isClosed ||
+                     ::grpc_completion_queue_next(m_queue, until, nullptr).type == GRPC_OP_COMPLETE;
+        return m_isClosed;
+    }
+
+ private:
+    grpc_completion_queue* const m_queue;
+    bool m_isClosed = false;
+};
+
 }  // namespace
 
 class GrpcServer::Impl {
  public:
     Impl(const Gateway& gateway, std::vector<ListenSocket> sockets, size_t threads,
-         const GrpcLimits& limits, const GrpcTls& tls) {
+         const GrpcLimits& limits, const std::optional<TlsPair>& tls) {
         Builder builder;
         applyLimits(builder, limits);
         builder.RegisterService(&m_services.inference);
         builder.RegisterService(&m_services.health);
+        if (tls) m_certificate.emplace(*tls);
         m_door = builder.experimental().AddExternalConnectionAcceptor(
-            Builder::experimental_type::ExternalConnectionType::FROM_FD, makeCredentials(tls));
+            Builder::experimental_type::ExternalConnectionType::FROM_FD,
+            tls ? m_certificate->makeCredentials() : grpc::InsecureServerCredentials());
         for (size_t i = 0; i < threads; ++i) {
             m_loops.emplace_back(builder.AddCompletionQueue(), limits);
         }
@@ -113,13 +115,20 @@ class GrpcServer::Impl {
     ~Impl() { (void)stop(std::chrono::milliseconds(0)); }
 
     uint16_t port(size_t index) const { return m_acceptor->sockets().at(index).port(); }
+    void renew(const TlsPair& pair) { m_certificate->replace(pair); }
     bool stop(std::chrono::milliseconds limit);
 
  private:
     void ask(GrpcLoop& loop, const Gateway& gateway);
     void take(int fd);
+    size_t callsUnderWay() const {
+        size_t count = 0;
+        for (const GrpcLoop& each : m_loops) count += each.callsUnderWay();
+        return count;
+    }
 
     GrpcServices m_services;
+    std::optional<GrpcCertificate> m_certificate;
     std::atomic<bool> m_isEnding{false};  // atomic: a hint; watchers look at it
     std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> m_door;
     std::list<GrpcLoop> m_loops;
@@ -143,24 +152,32 @@ void GrpcServer::Impl::take(int fd) {
     m_door->HandleNewConnection(&connection);
 }
 
+// gRPC itself waits for idle peers, too: twenty seconds for one that does not answer its ping.
 bool GrpcServer::Impl::stop(std::chrono::milliseconds limit) {
     if (m_isEnding.exchange(true)) return true;
     m_acceptor.reset();
-    // Connections without a call need a moment, too.
-    constexpr std::chrono::milliseconds kLeast(100);
-    const auto end = std::chrono::system_clock::now() + std::max(limit, kLeast);
-    m_server->Shutdown(end);
-    const bool isInTime = std::chrono::system_clock::now() < end;
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds kLeast(100), kIdle(1000);
+    const auto begin = Clock::now();
+    const auto end = begin + std::max(limit, kLeast);
+    const auto endOfIdle = std::min(end, begin + kIdle);
+    Farewell farewell(m_server->c_server());
+    const auto goesOn = [&] { return Clock::now() < (callsUnderWay() > 0 ? end : endOfIdle); };
+    while (goesOn() && !farewell.awaitClosed(std::chrono::milliseconds(10))) {
+    }
+    const bool isAllAnswered = callsUnderWay() == 0;
+    m_server->Shutdown(std::chrono::system_clock::now());  // by force
     for (GrpcLoop& each : m_loops) each.join();
-    return isInTime;
+    return isAllAnswered;
 }
 
 GrpcServer::GrpcServer(const Gateway& gateway, std::vector<ListenSocket> sockets, size_t threads,
-                       const GrpcLimits& limits, const GrpcTls& tls)
+                       const GrpcLimits& limits, const std::optional<TlsPair>& tls)
     : m_impl(std::make_unique<Impl>(gateway, std::move(sockets), threads, limits, tls)) {}
 
 GrpcServer::~GrpcServer() = default;
 
+void GrpcServer::renew(const TlsPair& pair) { m_impl->renew(pair); }
 uint16_t GrpcServer::port(size_t index) const { return m_impl->port(index); }
 bool GrpcServer::stop(std::chrono::milliseconds limit) { return m_impl->stop(limit); }
 

@@ -4,21 +4,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string>
+#include <optional>
 #include <vector>
 
 #include "tools/gateway/Gateway.h"
 #include "tools/gateway/ListenSocket.h"
+#include "tools/gateway/TlsPair.h"
 #include "tools/gateway/grpc/GrpcLimits.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::gateway {
-
-// A certificate with what leads to its root, and its key, as PEM; without, peers are not encrypted.
-struct GrpcTls {
-    std::string certificates;
-    std::string key;
-};
 
 // Serves the protocol's gRPC and the standard health service on some sockets, many connections by
 // few threads, within limits.
@@ -27,16 +22,18 @@ struct GrpcTls {
 // Owns: its threads and sockets. Borrowed for its life: the gateway.
 class GrpcServer : public NonCopyable {
  public:
-    // Throws if gRPC cannot serve.
+    // With a pair by TLS. Throws if gRPC cannot serve.
     GrpcServer(const Gateway& gateway, std::vector<ListenSocket> sockets, size_t threads,
-               const GrpcLimits& limits, const GrpcTls& tls = {});
+               const GrpcLimits& limits, const std::optional<TlsPair>& tls = {});
     // Ends what is under way.
     ~GrpcServer();
 
     // Of the socket given as that.
     uint16_t port(size_t index) const;
+    // For connections that come a second later. Of a server by TLS.
+    void renew(const TlsPair& pair);
     // Accepts nothing more, and waits until the calls under way are answered, at most so long.
-    // False if some were not.
+    // False if some were not. Peers without a call have a second to go.
     bool stop(std::chrono::milliseconds limit);
 
  private:

@@ -81,9 +81,8 @@ grpc::Slice makeSlice(std::span<const std::byte> bytes, std::shared_ptr<Inferenc
 
 }  // namespace
 
-void InferCall::request(grpc::ServerContext& context, grpc::ByteBuffer& message,
-                        Responder& responder, grpc::ServerCompletionQueue& queue, void* tag) {
-    m_services.inference.RequestModelInfer(&context, &message, &responder, &queue, &queue, tag);
+void InferCall::request(CallStream& to, void* tag) {
+    m_services.inference.request(GrpcServices::kModelInfer, context(), to, loop().queue(), tag);
 }
 
 std::unique_ptr<GrpcCall> InferCall::another() {

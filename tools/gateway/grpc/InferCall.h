@@ -25,8 +25,7 @@ class InferCall final : public UnaryCall {
           m_ended(tag(&InferCall::onEnd)) {}
 
  private:
-    void request(grpc::ServerContext& context, grpc::ByteBuffer& message, Responder& responder,
-                 grpc::ServerCompletionQueue& queue, void* tag) override;
+    void request(CallStream& stream, void* tag) override;
     std::unique_ptr<GrpcCall> another() override;
     void serve(grpc::ByteBuffer& message) override;
     void onCanceled() override;

@@ -23,35 +23,14 @@ std::string readRequestId(const grpc::ServerContext& context) {
 }  // namespace
 
 UnaryCall::UnaryCall(GrpcLoop& owner, const Gateway& gateway, const char* operation)
-    : GrpcCall(owner),
-      m_gateway(gateway),
-      m_arrived(tag(&UnaryCall::onArrived)),
-      m_done(tag(&UnaryCall::onDone)),
-      m_answered(tag(&UnaryCall::onAnswered)),
-      m_responder(&context()) {
+    : GrpcCall(owner), m_gateway(gateway), m_answered(tag(&UnaryCall::onAnswered)) {
     m_record.protocol = Protocol::kGrpc;
     m_record.operation = operation;
 }
 
-void UnaryCall::ask() {
-    context().AsyncNotifyWhenDone(&m_done);
-    request(context(), m_message, m_responder, loop().queue(), &m_arrived);
-}
-
-void UnaryCall::onArrived(bool ok) {
-    if (!ok) return loop().drop(*this);  // the server ends, and nothing else will happen
-    loop().arrived(*this);
-    loop().add(another());
+void UnaryCall::begin() {
     m_record.begun = Clock::now();
-    m_record.bytesIn = m_message.Length();
     m_record.id = readRequestId(context());
-    try {
-        serve(m_message);
-    } catch (const Failure& failure) {
-        fail(failure);
-    } catch (const std::exception& error) {
-        fail(Failure(Cause::kInternal, error.what()));
-    }
 }
 
 std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::string& version) {
@@ -67,7 +46,7 @@ void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
     m_record.bytesOut = bytes.Length();
     m_mostTime =
         Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
-    m_responder.Finish(bytes, grpc::Status::OK, &m_answered);
+    stream().WriteAndFinish(bytes, {}, grpc::Status::OK, &m_answered);
 }
 
 void UnaryCall::fail(const Failure& failure) {
@@ -79,18 +58,16 @@ void UnaryCall::fail(const Failure& failure) {
     // What stock clients with a policy to try again go by.
     if (isAgain) context().AddTrailingMetadata("grpc-retry-pushback-ms", "1000");
     m_mostTime = Clock::now() + loop().limits().transfer;
-    m_responder.FinishWithError({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()},
-                                &m_answered);
+    stream().Finish({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()},
+                    &m_answered);
 }
 
-void UnaryCall::look(Clock::time_point now) {
+void UnaryCall::lookAtAnswer(Clock::time_point now) {
     if (m_mostTime && now > *m_mostTime) context().TryCancel();
 }
 
-void UnaryCall::onDone(bool) {
-    m_isDone = true;
+void UnaryCall::onDone() {
     if (!m_isAnswered && context().IsCancelled()) onCanceled();
-    dropIfOver();
 }
 
 void UnaryCall::onAnswered(bool) {
@@ -100,7 +77,12 @@ void UnaryCall::onAnswered(bool) {
 }
 
 void UnaryCall::dropIfOver() {
-    if (!m_isDone || !m_isAnswered) return;
+    if (!isDone() || !m_isAnswered) return;
+    if (isWithoutMessage()) {
+        const Failure failure(Cause::kCanceled, "the message did not come whole, or was too large");
+        m_record.code = failure.grpcCode();
+        m_record.error = failure.what();
+    }
     m_gateway.recordEnd(std::move(m_record));
     loop().drop(*this);
 }

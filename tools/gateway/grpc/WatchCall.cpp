@@ -21,39 +21,31 @@ WatchCall::WatchCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gat
       m_services(services),
       m_gateway(gateway),
       m_isEnding(isEnding),
-      m_arrived(tag(&WatchCall::onArrived)),
-      m_done(tag(&WatchCall::onDone)),
-      m_written(tag(&WatchCall::onWritten)),
-      m_writer(&context()) {}
+      m_written(tag(&WatchCall::onWritten)) {}
 
-void WatchCall::ask() {
-    context().AsyncNotifyWhenDone(&m_done);
-    m_services.health.RequestWatch(&context(), &m_message, &m_writer, &loop().queue(),
-                                   &loop().queue(), &m_arrived);
+void WatchCall::request(CallStream& to, void* tag) {
+    m_services.health.request(GrpcServices::kWatch, context(), to, loop().queue(), tag);
 }
 
-void WatchCall::onArrived(bool ok) {
-    if (!ok) return loop().drop(*this);
-    loop().arrived(*this);
-    loop().add(std::make_unique<WatchCall>(loop(), m_services, m_gateway, m_isEnding));
-    try {
-        m_service = parseProto<HealthCheckRequest>(m_message).service();
-        look(Clock::now());
-    } catch (const Failure& failure) {
-        finish({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()});
-    }
+std::unique_ptr<GrpcCall> WatchCall::another() {
+    return std::make_unique<WatchCall>(loop(), m_services, m_gateway, m_isEnding);
 }
 
-void WatchCall::look(Clock::time_point) {
-    if (m_isWriting || m_isFinished || m_isDone) return;
-    if (m_isEnding) return finish({grpc::StatusCode::UNAVAILABLE, "the gateway ends"});
+void WatchCall::serve(grpc::ByteBuffer& message) {
+    m_service = parseProto<HealthCheckRequest>(message).service();
+    lookAtAnswer(Clock::now());
+}
+
+void WatchCall::lookAtAnswer(Clock::time_point) {
+    if (m_isWriting || m_isFinished || isDone()) return;
+    if (m_isEnding) return fail(Failure(Cause::kUnavailable, "the gateway ends"));
     const auto status = healthOf(m_gateway, m_service);
     if (status == m_told) return;
     m_told = status;
     HealthCheckResponse response;
     response.set_status(status);
     m_isWriting = true;
-    m_writer.Write(toBytes(response), &m_written);
+    stream().Write(toBytes(response), &m_written);
 }
 
 void WatchCall::onWritten(bool) {
@@ -61,19 +53,15 @@ void WatchCall::onWritten(bool) {
     dropIfOver();
 }
 
-void WatchCall::finish(const grpc::Status& status) {
+void WatchCall::fail(const Failure& failure) {
     m_isWriting = true;
     m_isFinished = true;
-    m_writer.Finish(status, &m_written);
-}
-
-void WatchCall::onDone(bool) {
-    m_isDone = true;
-    dropIfOver();
+    stream().Finish({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()},
+                    &m_written);
 }
 
 void WatchCall::dropIfOver() {
-    if (m_isDone && !m_isWriting) loop().drop(*this);
+    if (isDone() && !m_isWriting) loop().drop(*this);
 }
 
 }  // namespace kelm::gateway

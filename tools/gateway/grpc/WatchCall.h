@@ -1,9 +1,9 @@
 #pragma once
 
-#include <grpcpp/support/async_stream.h>
 #include <grpcpp/support/byte_buffer.h>
 
 #include <atomic>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -23,29 +23,23 @@ class WatchCall final : public GrpcCall {
     WatchCall(GrpcLoop& loop, GrpcServices& services, const Gateway& gateway,
               const std::atomic<bool>& isEnding);
 
-    void ask() override;
-    void look(Clock::time_point now) override;
-
  private:
-    void onArrived(bool ok);
-    void onDone(bool ok);
+    void request(CallStream& stream, void* tag) override;
+    std::unique_ptr<GrpcCall> another() override;
+    void serve(grpc::ByteBuffer& message) override;
+    void fail(const Failure& failure) override;
+    void lookAtAnswer(Clock::time_point now) override;
+    void dropIfOver() override;
     void onWritten(bool ok);
-    void finish(const grpc::Status& status);
-    void dropIfOver();
 
     GrpcServices& m_services;
     const Gateway& m_gateway;
     const std::atomic<bool>& m_isEnding;
-    Tag m_arrived;
-    Tag m_done;
     Tag m_written;
-    grpc::ByteBuffer m_message;
-    grpc::ServerAsyncWriter<grpc::ByteBuffer> m_writer;
     std::string m_service;
     std::optional<grpc::health::v1::HealthCheckResponse::ServingStatus> m_told;
     bool m_isWriting = false;
     bool m_isFinished = false;
-    bool m_isDone = false;
 };
 
 }  // namespace kelm::gateway

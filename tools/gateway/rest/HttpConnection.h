@@ -17,7 +17,7 @@ namespace kelm::gateway {
 struct HttpService {
     HttpLimits limits;
     HttpHandler handler;
-    std::shared_ptr<TlsContext> tls;      // null: plain
+    std::shared_ptr<TlsContext> tls;      // null: plain; of the thread that makes connections
     std::atomic<size_t> connections{0};   // atomic: a count, which guards nothing
     std::atomic<bool> isStopping{false};  // atomic: a hint; a connection is told, too
 };

@@ -70,6 +70,11 @@ class HttpServer::Impl {
     }
 
     uint16_t port() const { return m_socket.port(); }
+    // Connections are made on the first loop.
+    void renew(const TlsPair& pair) {
+        asio::post(m_loops.front().context(),
+                   [this, tls = makeTlsContext(pair)] { m_service.tls = tls; });
+    }
     bool stop(std::chrono::milliseconds limit) EXCLUDES(m_mutex);
 
  private:
@@ -160,12 +165,13 @@ bool HttpServer::Impl::stop(std::chrono::milliseconds limit) {
 }
 
 HttpServer::HttpServer(ListenSocket socket, size_t threads, const HttpLimits& limits,
-                       HttpHandler handler, const std::optional<TlsFiles>& tls)
+                       HttpHandler handler, const std::optional<TlsPair>& tls)
     : m_impl(std::make_unique<Impl>(std::move(socket), threads, limits, std::move(handler),
                                     tls ? makeTlsContext(*tls) : nullptr)) {}
 
 HttpServer::~HttpServer() = default;
 
+void HttpServer::renew(const TlsPair& pair) { m_impl->renew(pair); }
 uint16_t HttpServer::port() const { return m_impl->port(); }
 bool HttpServer::stop(std::chrono::milliseconds limit) { return m_impl->stop(limit); }
 

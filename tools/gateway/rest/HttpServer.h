@@ -18,13 +18,15 @@ namespace kelm::gateway {
 // Owns: its threads and sockets. Locks: that of the list of connections, a leaf.
 class HttpServer : public NonCopyable {
  public:
-    // With files by TLS; throws if they are of no use.
+    // With a pair by TLS.
     HttpServer(ListenSocket socket, size_t threads, const HttpLimits& limits, HttpHandler handler,
-               const std::optional<TlsFiles>& tls = {});
+               const std::optional<TlsPair>& tls = {});
     // Ends what is under way; the handler is not called any more afterwards.
     ~HttpServer();
 
     uint16_t port() const;
+    // For connections that come from now on. Of a server by TLS.
+    void renew(const TlsPair& pair);
     // Accepts nothing more, and waits until the requests under way are answered, at most so long.
     // False if some were not.
     bool stop(std::chrono::milliseconds limit);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/asio/generic/stream_protocol.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <functional>
 #include <memory>
@@ -9,16 +8,12 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/gateway/TlsFiles.h"
+#include "tools/gateway/TlsPair.h"
 #include "utils/NonCopyable.h"
 
 namespace kelm::gateway {
 
 using HttpSocket = boost::asio::generic::stream_protocol::socket;
-using TlsContext = boost::asio::ssl::context;
-
-// Throws with the reason: a file cannot be read, or the two do not belong together.
-std::shared_ptr<TlsContext> makeTlsContext(const TlsFiles& files);
 
 // The bytes of a connection, plain or by TLS, as Boost reads and writes them.
 //

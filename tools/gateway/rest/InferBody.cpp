@@ -63,19 +63,10 @@ std::optional<bool> readFlag(const json& parameters, const char* key) {
     return value.get<bool>();
 }
 
-Shape readShape(const json& value) {
-    if (!value.is_array() || value.size() > kMostDimensions) {
-        refuse("'shape' must be an array of at most " + std::to_string(kMostDimensions) +
-               " whole numbers");
-    }
-    Shape shape;
-    for (const json& each : value) {
-        if (!each.is_number_integer() || each < 0 || each > kMostBytes) {
-            refuse("a dimension must be a whole number from 0 on");
-        }
-        shape.push_back(each.get<int64_t>());
-    }
-    return shape;
+Shape readInputShape(const json& value) {
+    return readShape(
+        value, [](int64_t dimension) { return dimension >= 0; },
+        "a dimension must be a whole number from 0 on");
 }
 
 // `object` gives up its data.
@@ -84,7 +75,7 @@ InferBody::Input readInput(json& object) {
     InferBody::Input input{
         .name = readText(object, "name"),
         .datatype = readText(object, "datatype"),
-        .shape = readShape(memberOf(object, "shape")),
+        .shape = readInputShape(memberOf(object, "shape")),
         .data = nullptr,
         .rawBytes = readCount(parametersOf(object), "binary_data_size", kMostBytes)};
     const auto data = object.find("data");

@@ -1,0 +1,63 @@
+#include "tools/gateway/grpc/GrpcCall.h"
+
+#include <exception>
+
+#include "tools/gateway/Failure.h"
+#include "tools/gateway/grpc/GrpcLoop.h"
+
+namespace kelm::gateway {
+
+GrpcCall::GrpcCall(GrpcLoop& owner)
+    : m_loop(owner),
+      m_arrived(tag(&GrpcCall::onArrived)),
+      m_read(tag(&GrpcCall::onRead)),
+      m_gone(tag(&GrpcCall::onGone)),
+      m_stream(&m_context) {}
+
+void GrpcCall::ask() {
+    m_context.AsyncNotifyWhenDone(&m_gone);
+    request(m_stream, &m_arrived);
+}
+
+void GrpcCall::onArrived(bool ok) {
+    if (!ok) return m_loop.drop(*this);  // the server ends, and nothing else will happen
+    m_loop.arrived(*this);
+    m_loop.add(another());
+    begin();
+    const GrpcLimits& limits = m_loop.limits();
+    if (m_loop.callsUnderWay() > limits.calls) {
+        return fail(Failure(Cause::kFull, "there are too many calls; try again later"));
+    }
+    m_mostTime = Clock::now() + limits.transfer + std::chrono::seconds(limits.message >> 20);
+    m_isReading = true;
+    m_stream.Read(&m_message, &m_read);
+}
+
+void GrpcCall::onRead(bool ok) {
+    m_isReading = false;
+    m_hasMessage = ok;
+    if (m_isLate) return dropIfOver();
+    try {
+        if (!m_hasMessage) throw Failure(Cause::kInvalid, "the call has no message");
+        serve(m_message);
+    } catch (const Failure& failure) {
+        fail(failure);
+    } catch (const std::exception& error) {
+        fail(Failure(Cause::kInternal, error.what()));
+    }
+}
+
+void GrpcCall::look(Clock::time_point now) {
+    if (!m_isReading || m_isLate) return lookAtAnswer(now);
+    if (now <= m_mostTime) return;
+    m_isLate = true;
+    fail(Failure(Cause::kExpired, "the message took too long to come"));
+}
+
+void GrpcCall::onGone(bool) {
+    m_isDone = true;
+    onDone();
+    dropIfOver();
+}
+
+}  // namespace kelm::gateway
