@@ -14,12 +14,12 @@ bool fails(size_t size) { return size >= s_first.load(std::memory_order_relaxed)
 
 // The linker leads the calls of each object file and archive here.
 extern "C" {
-void* __real_malloc(size_t size);               // NOLINT: the linker's name
+void* __real_malloc(size_t size);                // NOLINT: the linker's name
 void* __real_realloc(void* block, size_t size);  // NOLINT
 void* __real__Znwm(size_t size);                 // NOLINT: operator new
 
 void* __wrap_malloc(size_t size) { return fails(size) ? nullptr : __real_malloc(size); }  // NOLINT
-void* __wrap_realloc(void* block, size_t size) {  // NOLINT
+void* __wrap_realloc(void* block, size_t size) {                                          // NOLINT
     return fails(size) ? nullptr : __real_realloc(block, size);
 }
 void* __wrap__Znwm(size_t size) {  // NOLINT

@@ -94,7 +94,8 @@ TEST_F(GraphManagerTest, GraphWithoutMemoryForItIsAnsweredAndItsClientGoesOn) {
     const GraphWish large{std::string(3 << 20, 'g'), "large"};
     const GraphWish file = fromFile(writeSparse("file", 3 << 20));
     // A block begins with 256 KB and grows with its bytes; of a file all is needed at once.
-    for (const auto& [wish, bytes] : {std::pair{large, 200000}, {large, 2 << 20}, {file, 2 << 20}}) {
+    for (const auto& [wish, bytes] :
+         {std::pair{large, 200000}, {large, 2 << 20}, {file, 2 << 20}}) {
         SCOPED_TRACE(testing::Message() << wish.path << " " << bytes);
         {
             const NoMemoryFrom want(static_cast<size_t>(bytes));
