@@ -72,7 +72,7 @@ void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer
                      KelmBuffer& aux);
 
 // Whether a record of `size` bytes is one that the rest of the system may look into: type, size,
-// counts and, by type, descriptors and blocks. Pure; called for each received message before
+// counts, descriptors and blocks. Pure; called for each received message before
 // anything of it is used.
 bool checkMessage(const KelmMsgBase& message, size_t size);
 
