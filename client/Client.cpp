@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <system_error>
 #include <utility>
 
 #include "client/ClientImpl.h"
@@ -57,6 +59,12 @@ Result<Graph> readGraph(const Result<MessagePtr>& answer) {
                  response->debugBufferSize, response->timeTakensSize,  response->thermalBufferSize};
 }
 
+Error tooManyConnections() {
+    return {ErrorKind::kSystem, 0,
+            "this process has " + std::to_string(IPC::IPC_CONN_FD_MAX) +
+                " connections already; close some, or share one among threads"};
+}
+
 KelmMsgReqCreateGraph makeCreateGraph(uint64_t clientId, const GraphOptions& options) {
     auto request = makeRequest<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ, clientId);
     request.subclass = options.subclass;
@@ -83,15 +91,18 @@ Result<std::unique_ptr<Client>> Client::connect(const std::string& socketPath, D
     quiet_errors = true;
     const std::string path = socketPath.empty() ? RunPaths::serviceSocket() : socketPath;
     try {
-        auto connection = std::make_shared<IPC::ConnectionUDS>(nullptr);
+        auto connection = IPC::ConnectionUDS::tryMake(nullptr);
+        if (!connection) return tooManyConnections();
         // 0 would be no limit at all.
         if (!connection->connect(path, std::max(deadline, Deadline(1)))) {
             return connectError(path, errno);
         }
         return std::unique_ptr<Client>(
             new Client(std::make_unique<Impl>(std::move(connection), path)));
-    } catch (const std::exception& error) {
-        return Error(ErrorKind::kSystem, 0, error.what());
+    } catch (const std::bad_alloc&) {
+        return Error(ErrorKind::kOutOfMemory, 0, Error::kNoMemory);
+    } catch (const std::system_error& error) {  // no descriptor or no thread is left
+        return Error::fromErrno("connecting to " + path, error.code().value());
     }
 }
 
@@ -123,7 +134,10 @@ Result<Graph> Client::createGraphFromFile(const std::string& path, const GraphOp
     auto request = makeCreateGraph(clientId(), options);
     // A path cut to the field would name another file.
     if (std::strlen(absolute.get()) >= sizeof(request.graphPath)) {
-        return Error(ErrorKind::kSystem, 0, "the path of the graph file is too long");
+        return Error(
+            ErrorKind::kSystem, 0,
+            "the path of the graph file is too long, it has more than 1023 bytes; move the "
+            "file, or load it from memory");
     }
     StringHelper::copyStringSafe(request.graphPath, absolute.get());
     return readGraph(m_impl->call(request.head, "create graph", deadline));
@@ -132,7 +146,7 @@ Result<Graph> Client::createGraphFromFile(const std::string& path, const GraphOp
 Result<Graph> Client::createGraph(std::span<const std::byte> blob, const GraphOptions& options,
                                   Deadline deadline) {
     if (blob.size() > UINT32_MAX) {
-        return Error(ErrorKind::kSystem, 0, "a graph has at most 4 GiB");
+        return Error(ErrorKind::kSystem, 0, "a graph has at most 4 GiB; compile a smaller one");
     }
     auto request = makeCreateGraph(clientId(), options);
     // The sender reads the bytes from this address: the blob must live until call() returns.

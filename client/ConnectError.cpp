@@ -4,8 +4,8 @@
 #include <sys/un.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "client/SystemError.h"
 #include "client/UserGroups.h"
 #include "utils/StringHelper.h"
 
@@ -66,7 +66,7 @@ std::string cause(const std::string& path, int code) {
         case EACCES:
             return denied(path);
         default:
-            return std::strerror(code);
+            return describeSystemError(code);
     }
 }
 

@@ -1,9 +1,9 @@
 #include "client/Error.h"
 
 #include <cerrno>
-#include <cstring>
 #include <optional>
 
+#include "client/SystemError.h"
 #include "protocol/src/KelmError.h"
 
 namespace kelm::client {
@@ -38,15 +38,19 @@ constexpr AdviceRow kAdvice[] = {
      CallKind::kInfer},
     {KELM_ERROR_INVALID_PARAM, "the service does not accept a value of the request; see its log"},
     {KELM_ERROR_BUFFER_ALLOC_FAILED, "the service could not map a buffer; check its kind and size"},
-    {KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH, "the graph does not fit the device library"},
+    {KELM_ERROR_TENSOR_DESCRIPTOR_MISMATCH,
+     "the graph does not fit the device library; compile it for "
+     "the version that is installed"},
     {KELM_ERROR_INVALID_CLIENT_NAME, "register with a name"},
     {KELM_ERROR_INVALID_CLIENT,
      "the service does not know this client; connect and register again"},
     {KELM_ERROR_GRAPH_DIGEST_FAILED,
      "the service could not read the graph; check that the file is regular and readable for it"},
     {KELM_ERROR_INVALID_GRAPH, "no such graph; create it first, and use it before it is destroyed"},
-    {KELM_ERROR_INVALID_GRAPH_FORMAT, "the file is no compiled graph for this device"},
-    {KELM_ERROR_INVALID_TASK, "no such task; it may have ended"},
+    {KELM_ERROR_INVALID_GRAPH_FORMAT,
+     "the file is no compiled graph for this device; compile "
+     "one for it"},
+    {KELM_ERROR_INVALID_TASK, "no such task; it may have ended: ask for those that run"},
     {KELM_ERROR_INVALID_INPUT_BUFFER, "check kind and size of the input buffer"},
     {KELM_ERROR_INVALID_OUTPUT_BUFFER, "check kind and size of the output buffer"},
     {KELM_ERROR_INVALID_AUX_BUFFER, "check kind and size of the auxiliary buffer"},
@@ -56,16 +60,21 @@ constexpr AdviceRow kAdvice[] = {
      std::nullopt, kRights},
     {KELM_ERROR_MAP_AUX_FAILED, "the service could not open or map the auxiliary buffer",
      std::nullopt, kRights},
-    {KELM_ERROR_GRAPH_VERIFY_FAILED, "the graph has no data"},
+    {KELM_ERROR_GRAPH_VERIFY_FAILED, "the graph has no data; give a file with some"},
     {KELM_ERROR_NO_DEVICE_AVAILABLE, "no device can take the graph; plug one in or try later"},
     {KELM_ERROR_TOO_MANY_TASK, "too many tasks wait; take some results before submitting more"},
     {KELM_ERROR_TOO_MANY_GRAPH, "too many graphs exist; destroy one first"},
     {KELM_ERROR_DEVICE_FAILED, "the device failed; try again, another one may take over"},
-    {KELM_ERROR_DEVICE_ALREADY_OPEN, "the device is open already"},
+    {KELM_ERROR_DEVICE_ALREADY_OPEN,
+     "the device is open already; end the program that uses it beside the service"},
     {KELM_ERROR_DEVICE_NOT_OPEN, "the device is closed; try again later"},
     {KELM_ERROR_GRAPH_NOT_ALLOCATED, "the device lost the graph; try again"},
-    {KELM_ERROR_OUT_OF_MEMORY, "the service is out of memory"},
-    {KELM_ERROR_NO_RIGHTS, "the graph or task belongs to another client"},
+    {KELM_ERROR_OUT_OF_MEMORY,
+     "the service is out of memory; destroy graphs, or give it more: see its log and the limits of "
+     "its unit or container"},
+    {KELM_ERROR_NO_RIGHTS,
+     "the graph or task belongs to another client; use one of this "
+     "client's"},
 };
 
 // Codes without a row are those of devices and libraries: only the service's log knows more.
@@ -103,8 +112,10 @@ Error Error::notConnected() {
 
 Error Error::canceled() { return {ErrorKind::kCanceled, 0, "the task was canceled before it ran"}; }
 
-Error Error::fromErrno(const std::string& what) {
-    return {ErrorKind::kSystem, 0, what + " failed: " + std::strerror(errno)};
+Error Error::fromErrno(const std::string& what) { return fromErrno(what, errno); }
+
+Error Error::fromErrno(const std::string& what, int number) {
+    return {ErrorKind::kSystem, 0, what + " failed: " + describeSystemError(number)};
 }
 
 std::string Error::name() const {

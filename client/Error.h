@@ -30,6 +30,11 @@ enum class CallKind { kOther, kCreateGraph, kInfer };
 // and says what to do.
 class [[nodiscard]] Error {
  public:
+    // No std::string: it is told where there is no memory left.
+    static constexpr const char* kNoMemory =
+        "there is no memory left for the call; end other programs, or raise what this one may have "
+        "(ulimit -v)";
+
     Error() = default;
     Error(ErrorKind kind, int32_t code, std::string text)
         : m_kind(kind), m_code(code), m_text(std::move(text)) {}
@@ -40,8 +45,9 @@ class [[nodiscard]] Error {
     static Error connectionLost();
     static Error notConnected();
     static Error canceled();
-    // With the text of errno.
+    // With the text of errno, or of the error of that number, and what to do about it.
     static Error fromErrno(const std::string& what);
+    static Error fromErrno(const std::string& what, int number);
 
     // True when there is an error.
     explicit operator bool() const { return m_kind != ErrorKind::kNone; }

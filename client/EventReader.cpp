@@ -26,7 +26,9 @@ Result<std::string> EventReader::read(Deadline deadline) {
     size_t lineEnd = m_buffer.find('\n');
     while (lineEnd == std::string::npos) {
         if (m_buffer.size() > kMostLine) {
-            return Error(ErrorKind::kSystem, 0, "the stream of events is none: a line has no end");
+            return Error(ErrorKind::kSystem, 0,
+                         "the stream of events is none: a line has no end; check the socket that "
+                         "was named, and the version of the service");
         }
         const auto count = m_socket.read(bytes.data(), bytes.size(), end);
         if (!count) return count.error();

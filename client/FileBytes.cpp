@@ -5,9 +5,9 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 
+#include "client/SystemError.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm::client {
@@ -16,9 +16,8 @@ namespace {
 
 constexpr size_t kFirstBytes = 64 * 1024;
 
-[[noreturn]] void fail(const std::string& path, const char* why) {
-    throw std::runtime_error("cannot read " + path + ": " + why +
-                             "; give a file that this user can read");
+[[noreturn]] void fail(const std::string& path, const std::string& why) {
+    throw std::runtime_error("cannot read " + path + ": " + why);
 }
 
 }  // namespace
@@ -26,16 +25,17 @@ constexpr size_t kFirstBytes = 64 * 1024;
 // Until its end and not by its size, which a pipe does not have.
 std::vector<std::byte> readFileBytes(const std::string& path) {
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) fail(path, std::strerror(errno));
+    if (!file) fail(path, describeSystemError(errno));
     std::vector<std::byte> bytes(kFirstBytes);
     size_t filled = 0;
     while (true) {
         const ssize_t count = ::read(file.get(), bytes.data() + filled, bytes.size() - filled);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) fail(path, std::strerror(errno));
+        if (count < 0) fail(path, describeSystemError(errno));
         if (count == 0) break;
         filled += static_cast<size_t>(count);
-        if (filled > UINT32_MAX) fail(path, "it has more than the 4 GB of a request");
+        if (filled > UINT32_MAX)
+            fail(path, "it has more than the 4 GB of a request; compile a smaller graph");
         if (filled == bytes.size()) bytes.resize(2 * filled);
     }
     bytes.resize(filled);

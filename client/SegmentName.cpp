@@ -20,8 +20,7 @@ namespace kelm::client {
 
 namespace {
 
-constexpr size_t kMostBytes = 64;               // with the closing zero
-constexpr const char* kDirectory = "/dev/shm";  // where the names of shm_open() lie
+constexpr size_t kMostBytes = 64;  // with the closing zero
 
 struct Process {
     char state = 0;

@@ -21,6 +21,8 @@ class SegmentName {
         uint64_t bytes;
     };
 
+    static constexpr const char* kDirectory = "/dev/shm";  // where the names of shm_open() lie
+
     static std::string make();
     // The objects of all users whose makers have died. Those of other pid namespaces are not among
     // them, since nothing is known of their processes here.

@@ -44,7 +44,9 @@ void ServiceAccess::letIn(const SharedSegment& segment) {
                                 std::string(std::strerror(error)) + "): ";
     const std::string group = "group " + std::to_string(m_group);
     if (m_group == static_cast<gid_t>(-1))
-        return warn(refused + "the service may not open tensors");
+        return warn(refused +
+                    "the service may not open tensors; mount a tmpfs with access lists at "
+                    "/dev/shm");
     warn(refused + "tensors are opened to the socket's " + group +
          ", all of whose members can "
          "read and write them");

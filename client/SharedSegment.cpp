@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include "client/SegmentError.h"
 #include "client/SegmentName.h"
 #include "utils/FileRights.h"
 #include "utils/UniqueFd.h"
@@ -34,9 +35,7 @@ bool allocate(int fd, size_t size) {
 
 Result<std::unique_ptr<SharedSegment>> SharedSegment::create(size_t size, const std::string& role) {
     // Made before the segment that a failure destroys, whose end changes errno.
-    const auto failed = [&role] {
-        return Error::fromErrno("making shared memory for the " + role);
-    };
+    const auto failed = [&] { return segmentError(errno, size, role); };
     for (int attempt = 1;; ++attempt) {
         const std::string name = SegmentName::make();
         const UniqueFd fd(::shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600));

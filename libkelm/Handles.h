@@ -7,6 +7,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <system_error>
 
 #include "client/Client.h"
 #include "kelm/kelm.h"
@@ -48,7 +49,9 @@ int guarded(const Body& body) {
     try {
         return body();
     } catch (const std::bad_alloc&) {
-        return fail(KELM_OUT_OF_MEMORY, "there is no memory left for the call");
+        return fail(KELM_OUT_OF_MEMORY, client::Error::kNoMemory);
+    } catch (const std::system_error& error) {
+        return fail(client::Error::fromErrno("starting a thread", error.code().value()));
     } catch (const std::exception& error) {
         return fail(KELM_SYSTEM_ERROR, error.what());
     }

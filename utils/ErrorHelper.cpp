@@ -58,7 +58,9 @@ void installTerminateHandler() {
 void errorWithException(const std::string& message, const char* file, int line, int errorNumber,
                         bool fatal) {
     const bool ends = break_on_error || fatal;
-    if (!ends && quiet_errors) throw std::runtime_error(message);
+    if (!ends && quiet_errors) {
+        throw std::system_error(errorNumber, std::generic_category(), message);
+    }
     installTerminateHandler();
     std::ostringstream text;
     text << "error at " << file << ":" << line << "\n\t" << message << "\n";

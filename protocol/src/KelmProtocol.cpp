@@ -121,6 +121,15 @@ void* growInnerBuffer(KelmMsgBase* message, size_t size) {
 
 namespace {
 
+constexpr uint32_t kNoBuffer = UINT32_MAX;
+
+// By the type of the block; of several buffers of one type the first counts.
+uint32_t findPrepared(const KelmMsgBase& message, uint32_t index) {
+    const uint32_t* const end = message.recvType + std::min(message.recvNum, kMaxMessageBlocks);
+    const uint32_t* const match = std::find(message.recvType, end, message.dataType[index]);
+    return match != end ? static_cast<uint32_t>(match - message.recvType) : kNoBuffer;
+}
+
 // The peer's word for an address is not enough: it would write where it likes.
 bool isPrepared(PreparedBuffers prepared, uint64_t address, uint64_t size) {
     return std::any_of(prepared.begin(), prepared.end(), [&](const PreparedBuffer& buffer) {
@@ -130,27 +139,24 @@ bool isPrepared(PreparedBuffers prepared, uint64_t address, uint64_t size) {
 
 }  // namespace
 
+bool checkPreparedSize(const KelmMsgBase& message, uint32_t index) {
+    const auto size = static_cast<uint32_t>(message.dataSize[index]);
+    const uint32_t j = findPrepared(message, index);
+    if (j == kNoBuffer || size <= message.recvSize[j]) return true;
+    LOG_ERROR(
+        "Error: Prepared Buffer (size=%ld Byte) to                     recevie data "
+        "(dataType=%d) is not large enough. (Required %ld Bytes).",
+        message.recvSize[j], message.dataType[index], size);
+    return false;
+}
+
 void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared) {
-    if (index >= message->dataNum || index >= kMaxMessageBlocks) return nullptr;
     const auto size = static_cast<uint32_t>(message->dataSize[index]);
-    const uint32_t dataType = message->dataType[index];
-    const uint32_t recvNum = std::min(message->recvNum, kMaxMessageBlocks);
-    // By the type of the block; of several buffers of one type the first counts.
-    const uint32_t* const match =
-        std::find(message->recvType, message->recvType + recvNum, dataType);
-    const auto j = static_cast<uint32_t>(match - message->recvType);
-    if (j == recvNum) return allocInnerBuffer(message, std::min(size, kFirstPieceBytes));
-    if (size > message->recvSize[j]) {
-        LOG_ERROR(
-            "Error: Prepared Buffer (size=%ld Byte) to                     recevie data "
-            "(dataType=%d) is not large enough. (Required %ld Bytes).",
-            message->recvSize[j], dataType, size);
-        return nullptr;
+    const uint32_t j = findPrepared(*message, index);
+    if (j != kNoBuffer && isPrepared(prepared, message->recvData[j], size)) {
+        return reinterpret_cast<void*>(message->recvData[j]);
     }
-    if (!isPrepared(prepared, message->recvData[j], size)) {
-        return allocInnerBuffer(message, std::min(size, kFirstPieceBytes));
-    }
-    return reinterpret_cast<void*>(message->recvData[j]);
+    return allocInnerBuffer(message, std::min(size, kFirstPieceBytes));
 }
 
 }  // namespace kelm

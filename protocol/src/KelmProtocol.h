@@ -55,7 +55,8 @@ std::shared_ptr<const PeerCredentials> kelmGetPeer(const KelmMsgBase& request);
 int kelmSendMessage(int connectionId, KelmMsgBase* message);
 
 // The next message, which the caller owns; null after any failure, which is logged. The connection
-// is left for the caller to close.
+// is left for the caller to close. A block for which there was no memory is no failure: its address
+// is 0, and in a request for a graph `graphData` with it, beside a `graphDataSize` that is not.
 KelmMsgBase* kelmReceiveMessage(int connectionId, PreparedBuffers prepared = {});
 
 // The same into the caller's record of `size` bytes, of which there are at least 488. Returns the
@@ -71,7 +72,7 @@ void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer
                      KelmBuffer& aux);
 
 // Whether a record of `size` bytes is one that the rest of the system may look into: type, size,
-// counts and, by type, descriptors and blocks. Pure; called for each received message before
+// counts, descriptors and blocks. Pure; called for each received message before
 // anything of it is used.
 bool checkMessage(const KelmMsgBase& message, size_t size);
 
@@ -88,8 +89,11 @@ bool kelmKeepsBlock(const KelmMsgBase& message, uint32_t index);
 // message is; null if the message has none there.
 UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address);
 
-// The memory for block `index` of a message that is being received; null refuses it. An inner
-// buffer is made with room for its first piece only.
+// Whether block `index` of a message that is being received fits the buffer that was prepared for
+// its type, if one was; false, logged, refuses the message.
+bool checkPreparedSize(const KelmMsgBase& message, uint32_t index);
+// The memory for the block, null if there is none. An inner buffer is made with room for its first
+// piece only.
 void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared = {});
 constexpr uint32_t kFirstPieceBytes = 256 * 1024;
 // A block that is freed with the message, with free(); null if the message has five already.

@@ -113,6 +113,7 @@ void MessageAssembler::reset() {
     m_incomingFd = {};
     m_block = 0;
     m_target = nullptr;
+    m_isDropped = false;
 }
 
 // `m_filled` tells how far the part is, so that a later call continues where this one has run dry.
@@ -141,6 +142,8 @@ MessageAssembler::State MessageAssembler::receiveHead(IPC::ConnectionBase& conne
     return allocate() ? State::kWhole : State::kFailed;
 }
 
+// Without memory for the record nobody knows who asks, so that no answer could reach him; that the
+// connection ends tells him at least at once.
 bool MessageAssembler::allocate() {
     const uint64_t size = std::max<uint64_t>(m_head.size, sizeof(m_head));
     m_message.reset(messagePool::allocate(size));
@@ -186,17 +189,22 @@ MessageAssembler::State MessageAssembler::receiveBlocks(IPC::ConnectionBase& con
         if (m_block >= kMaxMessageBlocks) return State::kFailed;
         if (const State state = receiveBlock(connection); state != State::kWhole) return state;
         m_filled = 0;
+        m_target = nullptr;
+        m_isDropped = false;
     }
     return State::kWhole;
 }
 
 MessageAssembler::State MessageAssembler::receiveBlock(IPC::ConnectionBase& connection) {
-    // With prepared buffers the caller is a client, which takes what it has asked for.
-    if (m_prepared.empty() && !kelmKeepsBlock(*m_message, m_block)) return dropBlock(connection);
-    if (m_target == nullptr && !openBlock()) return State::kFailed;
-    if (const State state = fillBlock(connection); state != State::kWhole) return state;
-    m_message->data[m_block] = reinterpret_cast<uint64_t>(std::exchange(m_target, nullptr));
-    return State::kWhole;
+    if (m_target == nullptr && !m_isDropped) {
+        if (!checkPreparedSize(*m_message, m_block)) return State::kFailed;
+        openBlock();
+    }
+    const State state = m_isDropped ? dropBlock(connection) : fillBlock(connection);
+    if (state == State::kWhole) {
+        m_message->data[m_block] = reinterpret_cast<uint64_t>(m_target);
+    }
+    return state;
 }
 
 // Onto the stack, piece by piece: a block of any size costs no memory, only the peer's time.
@@ -224,24 +232,34 @@ bool MessageAssembler::readPart(IPC::ConnectionBase& connection, char* target, u
 
 // An inner buffer starts with room for one piece and grows as bytes come; a prepared one has its
 // size.
-bool MessageAssembler::openBlock() {
+void MessageAssembler::openBlock() {
+    // With prepared buffers the caller is a client, which takes what it has asked for.
+    m_isDropped = m_prepared.empty() && !kelmKeepsBlock(*m_message, m_block);
+    if (m_isDropped) return;
     const uint32_t innerBefore = m_message->innerBufferNum;
     m_target = static_cast<char*>(getBufferForRecv(m_message.get(), m_block, m_prepared));
     const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
     const bool grows = m_message->innerBufferNum != innerBefore;
     m_room = grows ? std::min<uint64_t>(size, kFirstPieceBytes) : size;
-    return m_target != nullptr;
+    m_isDropped = m_target == nullptr;
+}
+
+// Doubled, so that copying stays in proportion to the bytes that really came. What a block without
+// memory has is given back at once: others need it.
+bool MessageAssembler::growBlock() {
+    const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
+    m_room = std::min(size, 2 * m_room);
+    void* const larger = growInnerBuffer(m_message.get(), m_room);
+    m_isDropped = larger == nullptr;
+    if (m_isDropped) (void)kelmTakeBlock(m_message.get(), reinterpret_cast<uint64_t>(m_target));
+    m_target = static_cast<char*>(larger);
+    return !m_isDropped;
 }
 
 MessageAssembler::State MessageAssembler::fillBlock(IPC::ConnectionBase& connection) {
     const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
     while (m_filled < size) {
-        // Doubled, so that copying stays in proportion to the bytes that really came.
-        if (m_filled == m_room) {
-            m_room = std::min(size, 2 * m_room);
-            m_target = static_cast<char*>(growInnerBuffer(m_message.get(), m_room));
-            if (m_target == nullptr) return State::kFailed;
-        }
+        if (m_filled == m_room && !growBlock()) return dropBlock(connection);
         const uint64_t part = std::min({m_room - m_filled, m_allowance, kVisitBytes});
         if (part == 0 || !readPart(connection, m_target + m_filled, part, size - m_filled)) {
             return State::kWaiting;

@@ -55,9 +55,11 @@ class MessageAssembler : public NonCopyable {
     State checkWhole(IPC::ConnectionBase& connection);
     bool allocate();
     State receiveBlock(IPC::ConnectionBase& connection);
-    // Reads a block off the stream that kelmKeepsBlock() has no use for.
+    // Reads off the stream what is left of a block that is of no use, or has no memory.
     State dropBlock(IPC::ConnectionBase& connection);
-    bool openBlock();
+    void openBlock();
+    // Gives a block more room; false if there is no memory for it.
+    bool growBlock();
     State fillBlock(IPC::ConnectionBase& connection);
     // Some of the next `part` bytes of a block of which so many are left; false if none have come.
     bool readPart(IPC::ConnectionBase& connection, char* target, uint64_t part, uint64_t left);
@@ -80,6 +82,7 @@ class MessageAssembler : public NonCopyable {
     uint32_t m_block = 0;      // the one that is being received
     char* m_target = nullptr;  // its memory, null until it has some
     uint64_t m_room = 0;       // bytes of that
+    bool m_isDropped = false;  // the block
 };
 
 }  // namespace kelm

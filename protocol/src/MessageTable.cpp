@@ -98,8 +98,6 @@ int unflatTestSendFdReq(KelmMsgBase* base) {
     return 0;
 }
 
-bool hasOneDescriptor(const KelmMsgBase& message) { return message.fdNum == 1; }
-
 struct MessageRow {
     KelmMsgType type;
     const char* name;
@@ -107,9 +105,6 @@ struct MessageRow {
     // Between the fields and the lists of descriptors and blocks, 0 or -1; null: the record is all.
     int (*flat)(KelmMsgBase*) = nullptr;
     int (*unflat)(KelmMsgBase*) = nullptr;
-    // What holds for this type beyond the checks for all. Everything else in a record is a number
-    // or a text that its manager answers with an error, or a list that is cut where it is read.
-    bool (*check)(const KelmMsgBase&) = nullptr;
 };
 
 // The name in the log is that of the constant.
@@ -135,8 +130,8 @@ constexpr std::array<MessageRow, kMessageTypes> kRows{
     KELM_ROW(QUERY_TASK_STATUS_RSP, sizeof(KelmMsgRspQueryTaskStatus)),
     KELM_ROW(QUERY_BUFFER_SIZE_REQ, sizeof(KelmMsgReqQueryBufferSize)),
     KELM_ROW(QUERY_BUFFER_SIZE_RSP, sizeof(KelmMsgRspQueryBufferSize)),
-    KELM_ROW(TEST_SEND_FD_REQ, sizeof(KelmMsgReqTestSendFd), flatTestSendFdReq, unflatTestSendFdReq,
-             hasOneDescriptor),
+    KELM_ROW(TEST_SEND_FD_REQ, sizeof(KelmMsgReqTestSendFd), flatTestSendFdReq,
+             unflatTestSendFdReq),
     KELM_ROW(TEST_SEND_FD_RSP, sizeof(KelmMsgRspTestSendFd)),
     KELM_ROW(QUERY_STATUS_REQ, sizeof(KelmMsgReqQueryStatus)),
     KELM_ROW(QUERY_STATUS_RSP, sizeof(KelmMsgRspQueryStatus)),
@@ -150,7 +145,7 @@ constexpr std::array<MessageRow, kMessageTypes> kRows{
 };
 #undef KELM_ROW
 
-constexpr bool isIndexedByType() {
+consteval bool isIndexedByType() {
     for (uint32_t i = 0; i < kMessageTypes; ++i) {
         if (kRows[i].type != i) return false;
     }
@@ -160,7 +155,7 @@ constexpr bool isIndexedByType() {
 static_assert(isIndexedByType());
 
 template <class Value>
-constexpr std::array<Value, kMessageTypes> column(Value MessageRow::*field) {
+consteval std::array<Value, kMessageTypes> column(Value MessageRow::*field) {
     std::array<Value, kMessageTypes> values{};
     for (uint32_t i = 0; i < kMessageTypes; ++i) values[i] = kRows[i].*field;
     return values;
@@ -186,13 +181,10 @@ bool checkDescriptors(const KelmMsgBase& message) {
     return std::all_of(message.fd, message.fd + message.fdNum, [](int32_t fd) { return fd >= 0; });
 }
 
-// An announced block without memory is refused only where its manager would read it.
+// One without an address had no memory, which its manager answers.
 bool checkBlocks(const KelmMsgBase& message) {
-    for (uint32_t i = 0; i < message.dataNum; ++i) {
-        if (static_cast<uint32_t>(message.dataSize[i]) == 0) return false;
-        if (message.data[i] == 0 && kelmKeepsBlock(message, i)) return false;
-    }
-    return true;
+    return std::none_of(message.dataSize, message.dataSize + message.dataNum,
+                        [](uint64_t size) { return static_cast<uint32_t>(size) == 0; });
 }
 
 }  // namespace
@@ -204,13 +196,13 @@ int flatMessage(KelmMsgBase* message) { return transform(message, &MessageRow::f
 
 int unflatMessage(KelmMsgBase* message) { return transform(message, &MessageRow::unflat); }
 
-// Each check relies on those before it: a list is walked once its count is known to fit.
+// Each check relies on those before it: a list is walked once its count is known to fit. Everything
+// else in a record is a number or a text that its manager answers with an error.
 bool checkMessage(const KelmMsgBase& message, size_t size) {
     if (size < sizeof(KelmMsgBase) || message.type >= kMessageTypes) return false;
     const MessageRow& row = kRows[message.type];
     if (row.size == 0 || message.size != row.size || size < row.size) return false;
-    if (!checkCounts(message) || !checkDescriptors(message) || !checkBlocks(message)) return false;
-    return row.check == nullptr || row.check(message);
+    return checkCounts(message) && checkDescriptors(message) && checkBlocks(message);
 }
 
 // Both copies of the numbers are cleared in the message: each descriptor has one owner now.

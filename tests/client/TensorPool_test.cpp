@@ -1,5 +1,6 @@
 #include "client/TensorPool.h"
 
+#include <sys/resource.h>
 #include <sys/statvfs.h>
 
 #include "utils/UniqueFd.h"
@@ -85,14 +86,35 @@ TEST(TensorPoolTest, NewPoolRemovesOnlyWhatDeadProcessesOfTheUserHaveLeft) {
     EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
-TEST(TensorPoolTest, MemoryThatCannotBeHadIsAnError) {
+TEST(TensorPoolTest, MemoryThatCannotBeHadIsAnErrorWithItsCauseAndRemedy) {
     struct statvfs memory {};
     ASSERT_EQ(::statvfs("/dev/shm", &memory), 0);
-    // Also what could be promised, but would not be there at the first write.
-    for (const size_t size : {size_t{1} << 62, (memory.f_blocks + 1) * memory.f_frsize}) {
-        const auto slot = TensorPool(100, size).acquire();
+    const struct {
+        size_t size;
+        __rlimit_resource limit;  // of which this process has nothing meanwhile
+        std::vector<const char*> words;
+    } rows[] = {
+        {size_t{1} << 63, RLIMIT_CORE, {"8796093022208.0 MB", "for the output", "check the sizes"}},
+        // What could be promised, but would not be there at the first write.
+        {(memory.f_blocks + 1) * memory.f_frsize,
+         RLIMIT_CORE,
+         {"No space left", " left; make fewer", "remount,size="}},
+        {5 << 20, RLIMIT_NOFILE, {"5.0 MB", "Too many open files", "ulimit -n"}},
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they could not go on
+        {5 << 20, RLIMIT_AS, {"5.0 MB", "Cannot allocate memory", "ulimit -v"}},
+#endif
+    };
+    for (const auto& row : rows) {
+        TensorPool pool(0, row.size);
+        rlimit usual{};
+        ASSERT_EQ(::getrlimit(row.limit, &usual), 0);
+        const rlimit none{0, usual.rlim_max};
+        ASSERT_EQ(::setrlimit(row.limit, &none), 0);
+        const auto slot = pool.acquire();
+        ASSERT_EQ(::setrlimit(row.limit, &usual), 0);
         ASSERT_FALSE(slot);
         EXPECT_EQ(slot.error().kind(), ErrorKind::kSystem);
+        for (const char* words : row.words) EXPECT_THAT(slot.error().text(), HasSubstr(words));
     }
 }
 

@@ -1,5 +1,6 @@
 #include "managers/GraphManager.h"
 
+#include "fakes/FailingMemory.h"
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "managers/GraphBlob.h"
@@ -84,6 +85,25 @@ TEST_F(GraphManagerTest, PathsThatAreNoGraphFileAreRefusedUnread) {
     const uint64_t fromEmpty = client.createGraph(fromFile(empty)).graphId;
     EXPECT_NE(fromEmpty, 0U);
     EXPECT_NE(client.createGraph(fromFile(empty)).graphId, fromEmpty);
+}
+
+TEST_F(GraphManagerTest, GraphWithoutMemoryForItIsAnsweredAndItsClientGoesOn) {
+    start();
+    WireClient client = connect();
+    const GraphWish small{"blob"};
+    const GraphWish large{std::string(3 << 20, 'g'), "large"};
+    const GraphWish file = fromFile(writeSparse("file", 3 << 20));
+    // A block begins with 256 KB and grows with its bytes; of a file all is needed at once.
+    for (const auto& [wish, bytes] :
+         {std::pair{large, 200000}, {large, 2 << 20}, {file, 2 << 20}}) {
+        SCOPED_TRACE(testing::Message() << wish.path << " " << bytes);
+        {
+            const NoMemoryFrom want(static_cast<size_t>(bytes));
+            EXPECT_EQ(client.createGraph(wish).head.status, KELM_ERROR_OUT_OF_MEMORY);
+        }
+        EXPECT_NE(client.createGraph(small).graphId, 0U);
+    }
+    EXPECT_TRUE(client.infers(client.createGraph(large).graphId));
 }
 
 TEST_F(GraphManagerTest, OneFileIsReadAtATimeAndClientsTakeTurns) {

@@ -5,7 +5,9 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <semaphore>
+#include <string>
 #include <thread>
 
 namespace kelm {
@@ -45,12 +47,9 @@ class Turns {
     }
 
     // The running thread might be held up here.
-    void point() {
-        const size_t self = t_index;
-        const size_t next = pick(self);
-        if (next == self) return;
-        m_threads[next].turn.release();
-        m_threads[self].turn.acquire();
+    void point(const void* mutex) {
+        if (!m_orders.isWatched(mutex)) return;
+        passTurn();
     }
     // What it waits for is held by a thread that is held up, or by one that runs freely.
     void waitFor(pthread_mutex_t* mutex) {
@@ -60,7 +59,7 @@ class Turns {
             ::sched_yield();
             return;
         }
-        point();
+        passTurn();
         m_threads[t_index].waitsFor = nullptr;
     }
     void noteUnlocked(pthread_mutex_t* mutex) {
@@ -80,6 +79,13 @@ class Turns {
         bool canRun() const { return !ended && waitsFor == nullptr; }
     };
 
+    void passTurn() {
+        const size_t self = t_index;
+        const size_t next = pick(self);
+        if (next == self) return;
+        m_threads[next].turn.release();
+        m_threads[self].turn.acquire();
+    }
     // Of a thread that cannot go on, or has not begun: the next one; of another perhaps itself.
     size_t pick(size_t self) {
         std::vector<size_t> options;
@@ -112,6 +118,11 @@ thread_local size_t Turns::t_index = 0;
 
 }  // namespace
 
+size_t Interleavings::wantedPreemptions() {
+    const char* const wanted = ::getenv("KELM_RACES");
+    return wanted != nullptr ? std::stoul(wanted) : 1;
+}
+
 bool Interleavings::runNext(const std::vector<std::function<void()>>& bodies) {
     if (m_runs > 0 && !advance()) return false;
     ++m_runs;
@@ -119,6 +130,14 @@ bool Interleavings::runNext(const std::vector<std::function<void()>>& bodies) {
     m_used = 0;
     Turns(*this, bodies.size()).run(bodies);
     return true;
+}
+
+bool Interleavings::isWatched(const void* mutex) const {
+    const auto* const at = static_cast<const std::byte*>(mutex);
+    return m_watched.empty() || std::ranges::any_of(m_watched, [at](const auto& object) {
+               return std::less_equal<>()(object.data(), at) &&
+                      std::less<>()(at, object.data() + object.size());
+           });
 }
 
 size_t Interleavings::choose(size_t options, bool isFree) {
@@ -144,7 +163,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
     using kelm::Turns;
     Turns* const turns = Turns::t_turns;
     if (turns == nullptr) return kelm::realLock(mutex);
-    turns->point();
+    turns->point(mutex);
     int error = 0;
     while ((error = ::pthread_mutex_trylock(mutex)) == EBUSY) turns->waitFor(mutex);
     return error;
@@ -155,7 +174,7 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     const int error = kelm::realUnlock(mutex);
     if (Turns* const turns = Turns::t_turns) {
         turns->noteUnlocked(mutex);
-        turns->point();
+        turns->point(mutex);
     }
     return error;
 }

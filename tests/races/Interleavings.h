@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <functional>
+#include <span>
+#include <utility>
 #include <vector>
 
 namespace kelm {
@@ -16,6 +18,17 @@ namespace kelm {
 class Interleavings {
  public:
     explicit Interleavings(size_t preemptions) : m_preemptions(preemptions) {}
+
+    // One; KELM_RACES in the environment raises it, see scripts/prove.sh.
+    static size_t wantedPreemptions();
+
+    // From the next run on threads are held up only at the mutexes in these objects, given by their
+    // bytes: where others run freely, as the threads of pools, one that is held up on its way to
+    // wake them could keep all from going on.
+    void watchOnly(std::vector<std::span<const std::byte>> objects) {
+        m_watched = std::move(objects);
+    }
+    bool isWatched(const void* mutex) const;
 
     // Runs the bodies in the next order; false, and nothing is run, once all have been met.
     bool runNext(const std::vector<std::function<void()>>& bodies);
@@ -35,6 +48,7 @@ class Interleavings {
     bool advance();
 
     const size_t m_preemptions;
+    std::vector<std::span<const std::byte>> m_watched;  // none: all
     std::vector<Decision> m_path;
     size_t m_depth = 0;  // of the next decision
     size_t m_used = 0;   // preemptions

@@ -14,12 +14,6 @@
 namespace kelm {
 namespace {
 
-// KELM_RACES in the environment raises it: see scripts/prove.sh.
-size_t countPreemptions() {
-    const char* const wanted = ::getenv("KELM_RACES");
-    return wanted != nullptr ? std::stoul(wanted) : 1;
-}
-
 class TaskSchedulerRacesTest : public testing::TestWithParam<const char*> {
  protected:
     // What one thread of the scheduler, or of a manager, does in a run. Steps: "0" to "2" schedule
@@ -71,7 +65,7 @@ TEST_P(TaskSchedulerRacesTest, EveryTaskEndsOnceAndNoOfferIsLostInAnyOrder) {
     size_t runs = 0;
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.scripts));
-        Interleavings orders(countPreemptions());
+        Interleavings orders(Interleavings::wantedPreemptions());
         for (bool more = true; more && !HasFailure();) {
             FakeTaskScheduleListener listener;
             const ScopedPort<TaskScheduleListener> listenerPort{listener};

@@ -1,11 +1,12 @@
 """The campaigns on clients, devices, the service's own end, and a long time."""
 
+import math
 import signal
 import subprocess
 import threading
 import time
 from pathlib import Path
-from typing import Dict, List, Sequence, Tuple
+from typing import Dict, List, NamedTuple, Sequence, Tuple
 
 import kelm
 
@@ -26,6 +27,7 @@ from host import (
 )
 
 MEMORY_SLACK_KB = 24 * 1024
+HOUR = 3600.0
 
 
 def settle(campaign: Campaign, service: Service, before: Figures, what: str) -> None:
@@ -328,13 +330,61 @@ def stopped(campaign: Campaign, limit: int) -> None:
         service.close()
 
 
-def slope(rows: List[Tuple[float, float]]) -> float:
-    """Of the line through them, an hour."""
-    count = len(rows)
-    mean_x = sum(x for x, _ in rows) / count
-    mean_y = sum(y for _, y in rows) / count
-    spread = sum((x - mean_x) ** 2 for x, _ in rows) or 1.0
-    return sum((x - mean_x) * (y - mean_y) for x, y in rows) / spread * 3600
+class Slope(NamedTuple):
+    """Of the line through some points, with its standard error; both an hour."""
+
+    value: float
+    error: float
+
+    @staticmethod
+    def of(rows: Sequence[Tuple[float, float]]) -> "Slope":
+        """By least squares, through three points at least."""
+        count = len(rows)
+        mean_x = sum(x for x, _ in rows) / count
+        mean_y = sum(y for _, y in rows) / count
+        spread = sum((x - mean_x) ** 2 for x, _ in rows)
+        value = sum((x - mean_x) * (y - mean_y) for x, y in rows) / spread
+        rest = sum((y - mean_y - value * (x - mean_x)) ** 2 for x, y in rows)
+        return Slope(value * HOUR, math.sqrt(rest / (count - 2) / spread) * HOUR)
+
+    def is_above(self, bound: float) -> bool:
+        """Whether noise alone does not explain it: short runs have steep lines."""
+        return self.value - 2 * self.error > bound
+
+
+class Growth:
+    """What the service holds, looked at again and again."""
+
+    # An hour has about a hundred million tasks: more than this is no noise of the allocator.
+    MOST_MEMORY_SLOPE_KB = 4 * 1024
+    MOST_NUMBER_SLOPE = 8
+    EVERY = 10.0  # seconds; in a short run more often, so that there is a line
+
+    def __init__(self, campaign: Campaign, service: Service) -> None:
+        self.campaign, self.service = campaign, service
+        self.every = min(self.EVERY, campaign.seconds / 60)
+        self.rows: List[Tuple[float, Figures]] = []
+
+    def look(self) -> None:
+        """Does nothing if the last look was just now."""
+        now = time.monotonic()
+        if not self.rows or now - self.rows[-1][0] >= self.every:
+            self.rows.append((now, self.service.figures()))
+
+    def judge(self) -> None:
+        rows = self.rows[len(self.rows) // 10:]  # behind the first growth
+        if len(rows) < 3:
+            return self.campaign.find("too short a run to tell a slope")
+        for name, unit, most in (("descriptors", "", self.MOST_NUMBER_SLOPE),
+                                 ("threads", "", self.MOST_NUMBER_SLOPE),
+                                 ("resident_kb", " kB", self.MOST_MEMORY_SLOPE_KB)):
+            points = [(when, float(getattr(figures, name))) for when, figures in rows]
+            slope = Slope.of(points)
+            what = "memory" if unit else name
+            told = f"{slope.value:+.1f}{unit} an hour, give or take {slope.error:.1f}"
+            self.campaign.require(not slope.is_above(most), f"{what} grow by {told}, not {most}")
+            self.campaign.tell(f"{what} {points[0][1]:.0f}{unit} to {points[-1][1]:.0f}{unit}, "
+                               f"slope {told}, {len(points)} looks")
 
 
 def day(campaign: Campaign, limit: int) -> None:
@@ -352,8 +402,7 @@ def day(campaign: Campaign, limit: int) -> None:
         options = ("--unchecked", "--depth", "32")
         stay = Checkers(campaign, 3, graphs[:1], *options)
         stay.wait_until_all_gain("at first")
-        rows: List[Tuple[float, Tuple[int, int, int]]] = []
-        step = max(campaign.seconds / 200, 0.2)
+        growth = Growth(campaign, service)
         begin = time.monotonic()
         while campaign.left() > 0 and campaign.runs < limit:
             if len(passers) < 2:
@@ -364,9 +413,9 @@ def day(campaign: Campaign, limit: int) -> None:
                 client.expect_good_end()
                 past += client.counts.right
                 client.drop()
-            rows.append((time.monotonic(), tuple(service.figures())))
+            growth.look()
             campaign.runs = past + stay.sum("right")
-            time.sleep(step)
+            time.sleep(0.2)
         seconds = time.monotonic() - begin
         for _, client in passers:
             client.expect_good_end()
@@ -389,14 +438,7 @@ def day(campaign: Campaign, limit: int) -> None:
                          f"the service counts {told} tasks, the clients {past + own}")
         kept.close()
         keeper.close()
-        rows = rows[len(rows) // 4:]  # behind the first growth
-        for index, (what, unit, most) in enumerate(
-                (("descriptors", "", 8), ("threads", "", 8), ("memory", " kB", 24 * 1024))):
-            values = [(when, float(figures[index])) for when, figures in rows]
-            grown = slope(values) / 3600 * (values[-1][0] - values[0][0])
-            campaign.require(grown < most, f"{what} grow by {grown:.1f}{unit} in {seconds:.0f} s")
-            campaign.tell(f"{what} {values[0][1]:.0f}{unit} to {values[-1][1]:.0f}{unit}, "
-                          f"slope {slope(values):+.1f}{unit} an hour")
+        growth.judge()
         campaign.tell(f"{campaign.runs / seconds:.0f} tasks/s; counts agree" if told == [past + own]
                       else "counts differ")
         service.stop()

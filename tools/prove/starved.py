@@ -155,9 +155,9 @@ def starved(campaign: Campaign, limit: int) -> None:
             starving.check("no threads", starving.no_threads(), True)
             kilobytes = starving.memory_kb() + campaign.random.choice((0, 64, 1024))
             starving.check("no memory", starving.limited(resource.RLIMIT_AS, kilobytes * 1024),
-                           True, graph=starving.large)
+                           True, "out of memory", graph=starving.large)
             starving.check("a full disk", starving.full(starving.disk), False)
-            starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "No space left")
+            starving.check("a full /dev/shm", starving.full(SEGMENTS), True, "make it larger")
             for seconds in (DAY, -DAY, 3600, -3600):
                 starving.check(f"a clock that jumps by {seconds} s", starving.jumped(seconds),
                                False)

@@ -76,6 +76,9 @@ class GraphBlob {
     // file has not changed while it was read, and a change right after it would have shown.
     bool isIdentityProven() const { return m_identityProven; }
 
+    // Whether there was no memory for the bytes; once nothing is left to do.
+    bool lacksMemory() const { return !m_bytes && (m_file || m_size != 0); }
+
     // The digest by which twins are found, after the last slice; empty for a blob without use.
     const std::string& getHash() const { return m_hash; }
 

@@ -1,6 +1,7 @@
 #include "managers/GraphManager.h"
 
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "config/ServiceConfigParser.h"
@@ -98,8 +99,9 @@ GraphManager::~GraphManager() {
 
 void GraphManager::enqueueCreateGraph(Request request) {
     const auto& wanted = request.as<KelmMsgReqCreateGraph>();
-    const bool isFile = wanted.graphData == 0;
-    const uint64_t blobBytes = isFile ? 0 : wanted.graphDataSize;
+    // Bytes without an address have come, and found no memory.
+    const bool isFile = wanted.graphData == 0 && wanted.graphDataSize == 0;
+    const uint64_t blobBytes = wanted.graphData == 0 ? 0 : wanted.graphDataSize;
     m_turns.enqueue(
         std::move(request), blobBytes,
         [this, creation = std::make_shared<Creation>(Creation{isFile})](Request& owned) {
@@ -146,8 +148,15 @@ KelmGraph* GraphManager::getGraphById(uint64_t graphId) {
 }
 
 bool GraphManager::continueCreation(Request& request, const CreationPtr& creation) {
+    const uint64_t clientId = request.getClientId();
     std::optional<CreateAnswer> answer;
-    if (!createGraph(request, creation, answer)) return false;
+    try {
+        if (!createGraph(request, creation, answer)) return false;
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR("Error: no memory for a graph of client(%lu)", clientId);
+        // Queued by then, it is answered with the others that wait.
+        if (request) answer = CreateAnswer{nullptr, KELM_ERROR_OUT_OF_MEMORY};
+    }
     creation->blob = {};  // first: the answer may wait for room in a queue, with megabytes held
     // The graph of the answer lives on without the mutex: only this thread deletes one.
     if (answer) sendCreateGraphResponse(*answer, std::move(request));
@@ -174,6 +183,7 @@ bool GraphManager::createGraph(Request& request, const CreationPtr& creation,
     if (joinKnownFile(request, *creation, answer)) return true;
     if (creation->isFile && !takeReadersPlace(creation)) return false;
     if (!blob.advance()) return false;
+    if (blob.lacksMemory()) throw std::bad_alloc();
     if (blob.getHash().empty()) {
         LOG_ERROR("Error: no valid sha256 value");
         answer = CreateAnswer{nullptr, KELM_ERROR_GRAPH_DIGEST_FAILED};

@@ -1,0 +1,268 @@
+#include "fakes/FakeClientDirectory.h"
+#include "fakes/FakeResultSink.h"
+#include "fakes/FakeTaskScheduleListener.h"
+#include "fakes/TestConfig.h"
+#include "races/Interleavings.h"
+#include "schedulers/SchedulerRig.h"
+#include "scheduling/devices/DeviceSchedulerAdaptive.h"
+#include "scheduling/devices/DeviceSchedulerSqueeze2.h"
+#include "scheduling/tasks/TaskSchedulerBase.h"
+#include "scheduling/tasks/TaskSchedulerFactory.h"
+#include "utils/Log.h"
+#include "utils/ThreadUtils.h"
+
+namespace kelm {
+namespace {
+
+// Knows the graphs that it runs. With one slot it must never have two.
+class CountedDevice : public ScriptedDevice {
+ public:
+    CountedDevice(const std::string& name, const std::shared_ptr<DeviceScript>& script)
+        : ScriptedDevice(name, script) {}
+    explicit CountedDevice(CountedDevice* parent)
+        : ScriptedDevice(parent), m_running(parent->m_running) {}
+    std::unique_ptr<KelmDeviceBase> clone() override {
+        return std::make_unique<CountedDevice>(this);
+    }
+
+ protected:
+    int allocateGraphImpl(KelmGraph* graph) override {
+        const int rc = ScriptedDevice::allocateGraphImpl(graph);
+        EXPECT_TRUE(rc != 0 || ++*m_running == 1) << getName() << " is given twice";
+        return rc;
+    }
+    int deallocateGraphImpl(KelmGraph* graph, bool keepCached) override {
+        --*m_running;
+        return ScriptedDevice::deallocateGraphImpl(graph, keepCached);
+    }
+
+ private:
+    const std::shared_ptr<std::atomic<int>> m_running = std::make_shared<std::atomic<int>>(0);
+};
+
+// The keeper of the tasks, as far as workers ask it: a real task scheduler.
+class Keeper final : public TaskExchange {
+ public:
+    explicit Keeper(TaskSchedulerBase& tasks) : m_tasks(tasks) {}
+    void enqueueScheduleWorker(WorkThread* worker, KelmGraph* graph) override {
+        m_tasks.enqueueScheduleWorker(worker, graph);
+    }
+    void enqueueDescheduleWorker(WorkThread* worker, KelmGraph* graph) override {
+        m_tasks.enqueueDescheduleWorker(worker, graph);
+    }
+    void enqueueReturnTask(KelmTask* task) override { m_tasks.enqueueRescheduleTask(task); }
+    void enqueueDestroyTask(KelmTask* task) override { destroyed.add(task); }
+
+    Recorded<KelmTask*> destroyed;
+
+ private:
+    TaskSchedulerBase& m_tasks;
+};
+
+// Makes its passes on the calling thread, by the loop of the service.
+template <class Scheduler>
+class Passing : public Scheduler {
+ public:
+    Passing() : Scheduler("DS.Test") {}
+    void makePasses(int count) {
+        this->m_onSchedulingThread.assertHeld();
+        m_left = count;
+        this->schedule();
+    }
+
+ protected:
+    bool waitChangeRequestUntilTimeout() override { return m_left-- > 0; }
+
+ private:
+    int m_left = 0;
+};
+
+// One run: devices a and b of one slot each, graphs 1 and 2, and two tasks on graph 1.
+template <class Scheduler>
+class Run : public SchedulerFakes {
+ public:
+    explicit Run(KelmClient* client) {
+        KelmDeviceBase::setFactory([this](const std::string& name) {
+            return std::make_unique<CountedDevice>(
+                name, std::shared_ptr<DeviceScript>(std::shared_ptr<void>(), &devices[name]));
+        });
+        scheduler.setMaxGraphNumPerDevice(1);
+        for (const char name : {'a', 'b'}) workers[name] = makeWorker(std::string(1, name), 1);
+        for (int i = 0; i < 2; ++i) makeGraph();
+        for (uint64_t id = 1; id <= 2; ++id) {
+            tasks.push_back(
+                std::make_unique<KelmTask>(id, client, graphs[0].get(), nullptr, &m_request));
+            (void)tasks.back()->setSendCreateResponseDone();
+        }
+    }
+
+    // Steps: "A" and "B" plug a device in, "a" and "b" out, "x" device a fails on the bus; "1" and
+    // "2" load a graph, "u" and "v" give it up; "t" a task for graph 1 comes, and "T" another, "c"
+    // cancels the first; "p" is a pass.
+    void play(const std::string& script) {
+        for (const char step : script) {
+            if (step == 'p') pass(1);
+            if (step == 'A' || step == 'B') plug(static_cast<char>(step + 'a' - 'A'));
+            if (step == 'a' || step == 'b') unplug(step);
+            if (step == 'x') fail('a');
+            if (step == '1' || step == '2') scheduler.loadGraph(graphs[step - '1'].get());
+            if (step == 'u' || step == 'v') giveUp(graphs[step - 'u'].get());
+            if (step == 't' || step == 'T') {
+                taskScheduler->enqueueScheduleTask(tasks[step == 't' ? 0 : 1].get());
+            }
+            if (step == 'c') tasks[0]->cancel();
+        }
+    }
+    void pass(int count) {
+        if (m_passer == 0) m_passer = ThreadUtils::getThreadId();
+        const ThreadUtils::BorrowedId identity(m_passer);
+        scheduler.makePasses(count);
+    }
+
+    // Those that the threads of a run share.
+    std::vector<std::span<const std::byte>> listObjects() {
+        std::vector<std::span<const std::byte>> objects{std::as_bytes(std::span(&scheduler, 1))};
+        for (const auto& graph : graphs)
+            objects.push_back(std::as_bytes(std::span(graph.get(), 1)));
+        for (const auto& [name, worker] : workers) {
+            objects.push_back(std::as_bytes(std::span(worker, 1)));
+        }
+        return objects;
+    }
+    // What holds while the devices are there, then everything leaves.
+    void check(const std::string& all) {
+        const auto has = [&all](char step) { return all.find(step) != all.npos; };
+        pass(4);  // of which three may be dropped
+        for (const auto& graph : graphs) {
+            size_t held = 0;
+            for (const char name : m_plugged) held += workers[name]->getGraphs().count(graph.get());
+            ASSERT_EQ(static_cast<size_t>(graph->getRunningDeviceNum()), held)
+                << "on a device that is gone";
+            ASSERT_TRUE(held == 0 || !m_givenUp.contains(graph.get())) << "given up and still here";
+        }
+        const bool hasPlace = !has('2') && !m_plugged.empty() && has('1') && !has('u');
+        ASSERT_TRUE(!hasPlace || graphs[0]->getRunningDeviceNum() == 1) << "a device idles";
+        ASSERT_TRUE(!hasPlace || eventually([&] { return ends().size() == countTasks(all); }));
+        for (const auto& graph : graphs) {
+            if (!m_givenUp.contains(graph.get())) giveUp(graph.get());
+            taskScheduler->enqueueDescheduleGraph(graph.get());  // of tasks that came after its end
+        }
+        for (const char name : std::string(m_plugged.begin(), m_plugged.end())) unplug(name);
+        pass(4);
+        taskScheduler.reset();  // ends its pools
+        const auto ended = ends();
+        ASSERT_EQ(std::set(ended.begin(), ended.end()).size(), countTasks(all)) << "a task is lost";
+        ASSERT_EQ(ended.size(), countTasks(all)) << "a task ends twice";
+        const auto answered = placement.loads();
+        for (const auto& graph : graphs) {
+            EXPECT_LE(std::ranges::count(answered, graph.get(), &Answer::first), 1);
+            EXPECT_EQ(std::ranges::count(placement.unloads(), graph.get()), 1) << "no notice";
+            EXPECT_EQ(graph->getCachedDeviceNum(), 0) << "on a device that is gone";
+        }
+        const auto removed = removal.removed();
+        EXPECT_EQ(std::set(removed.begin(), removed.end()).size(), m_comings) << "never deleted";
+        EXPECT_EQ(removed.size(), m_comings) << "deleted twice";
+    }
+
+    Passing<Scheduler> scheduler;
+    std::map<char, WorkThread*> workers;
+    std::vector<std::unique_ptr<KelmTask>> tasks;
+
+ private:
+    using Answer = FakeGraphPlacementListener::Load;
+
+    void plug(char name) {
+        m_plugged.insert(name);
+        ++m_comings;
+        scheduler.addWorker(workers[name]);
+    }
+    void unplug(char name) {
+        m_plugged.erase(name);
+        scheduler.removeWorker(workers[name]);
+    }
+    void fail(char name) {
+        DeviceScript& script = devices[std::string(1, name)];
+        script.setHardwareError(KELM_ERROR_DEVICE_FAILED);
+        for (const DeviceCall call : {DeviceCall::Allocate, DeviceCall::Deallocate,
+                                      DeviceCall::LoadTensor, DeviceCall::GetResult}) {
+            script.failAll(call, KELM_ERROR_DEVICE_FAILED);
+        }
+        workers[name]->notifyDeviceFailed();
+        scheduler.wake();
+    }
+    void giveUp(KelmGraph* graph) {
+        m_givenUp.insert(graph);
+        scheduler.unloadGraph(graph);
+        taskScheduler->enqueueDescheduleGraph(graph);
+    }
+    static size_t countTasks(const std::string& all) {
+        return static_cast<size_t>(
+            std::ranges::count_if(all, [](char step) { return step == 't' || step == 'T'; }));
+    }
+    std::vector<KelmTask*> ends() {
+        std::vector<KelmTask*> ended = keeper.destroyed();
+        for (KelmTask* task : listener.destroyed()) ended.push_back(task);
+        for (const auto& [task, error] : sink.done()) ended.push_back(task);
+        for (const auto* told : {&listener.scheduled, &listener.rescheduled}) {
+            for (const auto& [task, accepted] : (*told)()) {
+                if (!accepted) ended.push_back(task);
+            }
+        }
+        return ended;
+    }
+
+    const KelmMsgReqInferTask m_request{};
+    std::set<char> m_plugged;
+    std::set<KelmGraph*> m_givenUp;
+    size_t m_comings = 0;
+    int m_passer = 0;  // the thread whose the scheduler is
+    FakeResultSink sink;
+    ScopedPort<ResultSink> sinkPort{sink};
+    FakeTaskScheduleListener listener;
+    ScopedPort<TaskScheduleListener> listenerPort{listener};
+    std::unique_ptr<TaskSchedulerBase> taskScheduler =
+        TaskSchedulerFactory::createScheduler("polling");
+    Keeper keeper{*taskScheduler};
+    ScopedPort<TaskExchange> keeperPort{keeper};
+};
+
+template <class Scheduler>
+class DeviceSchedulerRacesTest : public testing::Test {};
+using Schedulers = testing::Types<DeviceSchedulerSqueeze2, DeviceSchedulerAdaptive>;
+TYPED_TEST_SUITE(DeviceSchedulerRacesTest, Schedulers);
+
+TYPED_TEST(DeviceSchedulerRacesTest, EveryTaskAndLoadEndsOnceAndNoDeviceIsGivenTwiceInAnyOrder) {
+    const std::vector<std::string> rows[] = {
+        // Before; then a thread each: the scheduler's, the managers', the bus's.
+        {"A", "pp", "1u"},           {"A", "pp", "12", "a"},     {"A1p", "pp", "tu", "aB"},
+        {"", "pp", "1tc", "Aa"},     {"A1p", "pp", "tT", "xaB"}, {"A1p", "pp", "2u", "xB"},
+        {"AB1p", "pp", "2tuv", "a"},
+    };
+    addTestConfig(R"({"service_settings": {"server_max_task_number": 0}})");
+    Log::instance().setLogLevel(0);  // of each run many lines
+    FakeClientDirectory clients;
+    const ScopedPort<ClientDirectory> clientPort{clients};
+    KelmClient* const client = clients.add(1, "client");
+    size_t runs = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row));
+        Interleavings orders(Interleavings::wantedPreemptions());
+        for (bool more = true; more && !this->HasFailure();) {
+            Run<TypeParam> run(client);
+            run.play(row[0]);
+            orders.watchOnly(run.listObjects());
+            std::vector<std::function<void()>> bodies;
+            for (size_t i = 1; i < row.size(); ++i) {
+                bodies.emplace_back([&run, &row, i] { run.play(row[i]); });
+            }
+            more = orders.runNext(bodies);
+            if (more) run.check(std::accumulate(row.begin(), row.end(), std::string()));
+            if (this->HasFailure()) std::cout << "in run " << orders.countRuns() << "\n";
+        }
+        runs += orders.countRuns();
+    }
+    std::cout << "orders: " << runs << "\n";
+}
+
+}  // namespace
+}  // namespace kelm
