@@ -1,73 +1,22 @@
+#include "tools/gateway/grpc/InferMessage.h"
+
 #include <grpcpp/support/slice.h>
 
 #include "tools/gateway/Failure.h"
-#include "tools/gateway/ModelDescription.h"
 #include "tools/gateway/grpc/Contents.h"
-#include "tools/gateway/grpc/InferMessage.h"
-#include "tools/gateway/rest/InferBody.h"
-#include "tools/gateway/rest/JsonTensor.h"
 
 namespace kelm::gateway {
 namespace {
 
-const std::string kDescription =
-    R"({"graph":"g","queue":3,"tag":"t","inputs":[{"name":"i","datatype":"FP32","shape":[2,-1],)"
-    R"("bytes":64},{"name":"j","datatype":"BYTES","shape":[3],"bytes":9,"offset":64}],"outputs":)"
-    R"([{"name":"o","datatype":"INT8","shape":[8]}]})";
-const std::string kRequest =
-    R"({"id":"x","parameters":{"timeout":5,"binary_data_output":true},"inputs":[{"name":"i",)"
-    R"("datatype":"FP32","shape":[2,2],"data":[[1,2.5e3],[-3,4]]},{"name":"j","datatype":"BYTES",)"
-    R"("shape":[1],"data":["\u00e4"]}],"outputs":[{"name":"o","parameters":{"binary_data":true}}]})";
-
-// Cuts, doubles, swaps and changes bytes, and puts in words that parsers trip over.
+// Cuts bytes out, puts others in twice, and changes some.
 std::string mutate(std::string text, std::mt19937& random) {
-    static const std::vector<std::string> kWords{
-        "-1", "1e999", "18446744073709551615", "[", "{", "null", "\"", "\xff", "\\u0000", "[[[]]]"};
     for (auto count = 1 + random() % 4; count > 0 && !text.empty(); --count) {
-        const size_t at = random() % text.size();
-        const size_t length = random() % 8;
-        switch (random() % 4) {
-            case 0:
-                text.erase(at, length);
-                break;
-            case 1:
-                text.insert(at, text.substr(random() % text.size(), length));
-                break;
-            case 2:
-                text[at] = static_cast<char>(random());
-                break;
-            default:
-                text.replace(at, length, kWords[random() % kWords.size()]);
-        }
+        const std::string piece = random() % 2 == 0
+                                      ? text.substr(random() % text.size(), random() % 8)
+                                      : std::string(1, static_cast<char>(random()));
+        text.replace(random() % text.size(), random() % 8, piece);
     }
     return text;
-}
-
-// A Failure is the only way out of what is wrong; the sanitizers see the rest.
-TEST(MutationsTest, WhateverIsSentIsReadOrRefused) {
-    std::mt19937 random(7);
-    int refused = 0;
-    for (int i = 0; i < 20000; ++i) {
-        try {
-            for (const auto& tensor :
-                 ModelDescription::parse("m", mutate(kDescription, random)).inputs) {
-                EXPECT_GT(tensor.bytes, 0U);
-            }
-            for (const auto& input : InferBody::parse(mutate(kRequest, random)).inputs) {
-                const auto type = findDatatype(input.datatype);
-                if (!type || input.data.is_null()) continue;
-                const std::string bytes =
-                    readJsonTensor(input.data, input.name, *type, input.shape);
-                std::string text;
-                appendJsonTensor(text, *type, std::as_bytes(std::span(bytes)));
-                EXPECT_EQ(nlohmann::json::parse(text).size(), countElements(input.shape));
-            }
-        } catch (const Failure&) {
-            ++refused;
-        }
-    }
-    EXPECT_GT(refused, 1000);
-    EXPECT_LT(refused, 20000);
 }
 
 // A request with all datatypes, each with two elements, and two raw contents.
@@ -102,7 +51,7 @@ grpc::ByteBuffer cutIntoSlices(std::string_view text, std::mt19937& random) {
 }
 
 // What is read is what the generated parser makes of all of it.
-TEST(MutationsTest, MessageIsReadAsTheGeneratedParserDoesOrRefused) {
+TEST(InferMessageTest, MutationIsReadAsTheGeneratedParserDoesOrRefused) {
     const std::string message = makeMessage();
     std::mt19937 random(7);
     int refused = 0;
