@@ -7,15 +7,12 @@
 #include "tests/fuzz/targets/FuzzInput.h"
 #include "utils/Log.h"
 
+namespace kelm {
 namespace {
-constexpr size_t kMostBytes = 90000;
-}  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    using namespace kelm;
-    static const SocketChannel& channel = *new SocketChannel();
-    Log::instance().setLogLevel(0);
-    FuzzInput input(data, size);
+constexpr size_t kMostBytes = 90000;
+
+void play(const SocketChannel& channel, FuzzInput input, bool asCopy) {
     WireClient peer(channel.path);
     const auto connection = channel.accept();
     const int number = connection->getSimulateFD();
@@ -46,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<uint64_t> room((sizeof(KelmMsgReqCreateGraph) + 7) / 8);
     auto* const copy = reinterpret_cast<KelmMsgBase*>(room.data());
     const size_t roomBytes = room.size() * sizeof(room[0]);
-    if (size % 2 == 0 && kelmReceiveMessage(number, copy, roomBytes, buffers) >= 0) {
+    if (asCopy && kelmReceiveMessage(number, copy, roomBytes, buffers) >= 0) {
         kelmReleaseContents(copy);
     }
     while (const MessagePtr message{kelmReceiveMessage(number, buffers)}) {
@@ -55,5 +52,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     IPC::ConnectionBase::close(number);
     IPC::PollEvent event;
     (void)channel.poller->wait(&event, 0);  // lets the closed one end
+}
+
+}  // namespace
+}  // namespace kelm
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kelm;
+    static const SocketChannel& channel = *new SocketChannel();
+    Log::instance().setLogLevel(0);
+    const size_t before = countDescriptors();
+    play(channel, FuzzInput(data, size), size % 2 == 0);
+    if (countDescriptors() != before) __builtin_trap();  // one is left open, or closed twice
     return 0;
 }
