@@ -1,7 +1,6 @@
 #include "utils/ConfigParser.h"
 
 #include "InstallDir.h"
-#include "utils/Log.h"
 
 namespace kelm {
 namespace {
@@ -119,15 +118,6 @@ TEST_F(ConfigParserTest, InvalidFirmwareIsLeftOut) {
     list = m_parser.parseFwFromConfigList("fw", "firmware list");
     ASSERT_EQ(list.size(), 3U);
     EXPECT_EQ(list[0].name, "v");
-}
-
-TEST_F(ConfigParserTest, EachLogSwitchSetsItsLevel) {
-    EXPECT_EQ(getLogLevel(&m_parser), 0xCCU);
-    ASSERT_TRUE(load(R"({"log_level": {"log_info": "off", "log_error": "off",
-        "log_process": "on", "log_frequent": "on"}})"));
-    EXPECT_EQ(getLogLevel(&m_parser), 0x99U);
-    ASSERT_TRUE(load(R"({"log_level": {"log_fatal": "off", "log_debug": "on"}})"));
-    EXPECT_EQ(getLogLevel(&m_parser), 0x1BU);
 }
 
 }  // namespace

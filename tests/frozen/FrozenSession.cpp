@@ -5,35 +5,79 @@
 namespace kelm {
 namespace {
 
-constexpr size_t kBytesInLine = 16;
+// A line holds so many bytes, be they numbers or a text.
+constexpr size_t kMostInPiece = 28;
+constexpr size_t kMostColumns = 100;
+constexpr size_t kLeastText = 3;
+const std::string kZeros(3, '\0');  // as many end a piece
+
+bool isPrinted(char byte) { return byte >= ' ' && byte <= '~'; }
+
+// "OFFSET: hh hh "text" OFFSET: ..."
+void readBytes(std::istream& words, std::string& bytes) {
+    size_t offset = 0;
+    while (!(words >> std::ws).eof()) {
+        std::string piece;
+        if (words.peek() == '"') {
+            words >> std::quoted(piece);
+        } else if (words >> piece; piece.ends_with(':')) {
+            offset = std::stoul(piece);
+            continue;
+        } else {
+            piece = {static_cast<char>(std::stoul(piece, nullptr, 16))};
+        }
+        for (const char byte : piece) bytes.at(offset++) = byte;
+    }
+}
+
+// Bytes that follow one another, the first of which is at the offset.
+std::string describePiece(size_t offset, std::string_view bytes) {
+    std::ostringstream text;
+    text << offset << ':' << std::hex << std::setfill('0');
+    while (!bytes.empty()) {
+        const auto end = std::ranges::find_if_not(bytes, isPrinted);
+        const auto printed = static_cast<size_t>(end - bytes.begin());
+        if (printed >= kLeastText) {
+            text << ' ' << std::quoted(bytes.substr(0, printed));
+        } else {
+            text << ' ' << std::setw(2) << (bytes[0] & 0xff);
+        }
+        bytes.remove_prefix(printed >= kLeastText ? printed : 1);
+    }
+    return text.str();
+}
+
+void writeBytes(const std::string& bytes, std::ostream& text) {
+    size_t column = kMostColumns;
+    for (size_t at = 0; (at = bytes.find_first_not_of('\0', at)) != bytes.npos;) {
+        const size_t end = std::min(bytes.find(kZeros, at), bytes.size());
+        const size_t size = std::min(end - at, kMostInPiece);
+        const std::string piece = describePiece(at, std::string_view(bytes).substr(at, size));
+        const bool fits = column + 1 + piece.size() <= kMostColumns;
+        text << (fits ? " " : "\n    ") << piece;
+        column = (fits ? column + 1 : 4) + piece.size();
+        at += size;
+    }
+}
 
 void readLine(const std::string& line, FrozenSession& session) {
     std::istringstream words(line);
-    std::string first;
-    words >> first;
-    if (first.empty() || first[0] == '#') return;
-    if (first == "=") return session.outcomes.push_back(line.substr(2));
-    if (first == ">" || first == "<" || first == "*") {
-        size_t size = 0;
-        FrozenRecord record{FrozenRecord::Way{first[0]}, {}, {}};
-        if (!(words >> record.name >> size)) throw std::runtime_error("no name and size");
-        record.bytes.resize(size);
-        return session.records.push_back(record);
-    }
-    FrozenRecord& record = session.records.at(session.records.size() - 1);
-    if (first == "$") {
-        VaryingField field;
-        while (words >> field.name >> field.offset >> field.size) {
-            (void)record.bytes.at(field.offset + field.size - 1);
-            record.varying.push_back(field);
-        }
-    } else {
-        size_t offset = std::stoul(first);
-        for (int byte = 0; words >> std::hex >> byte;) {
-            record.bytes.at(offset++) = static_cast<char>(byte);
-        }
+    if ((words >> std::ws).eof() || words.peek() == '#') return;
+    if (line[0] == ' ')
+        return readBytes(words, session.records.at(session.records.size() - 1).bytes);
+    if (line[0] == '=') return session.outcomes.push_back(line.substr(2));
+    char way = 0;
+    size_t size = 0;
+    FrozenRecord record;
+    if (!(words >> way >> record.name >> size)) throw std::runtime_error("no name and size");
+    record.way = FrozenRecord::Way{way};
+    record.bytes.resize(size);
+    for (VaryingField field; words >> field.name >> field.offset >> field.size;) {
+        (void)record.bytes.at(field.offset + field.size - 1);
+        record.varying.push_back(field);
     }
     if (!words.eof()) throw std::runtime_error("something else than it begins with");
+    session.records.push_back(record);
 }
 
 }  // namespace
@@ -61,17 +105,10 @@ FrozenSession FrozenSession::read(std::istream& text) {
 void FrozenSession::write(std::ostream& text) const {
     for (const FrozenRecord& record : records) {
         text << static_cast<char>(record.way) << ' ' << record.name << ' ' << record.bytes.size();
-        for (size_t at = 0; at < record.bytes.size(); at += kBytesInLine) {
-            const std::string row = record.bytes.substr(at, kBytesInLine);
-            const size_t last = row.find_last_not_of('\0');
-            if (last == row.npos) continue;
-            text << "\n    " << std::dec << at << ':' << std::hex << std::setfill('0');
-            for (size_t i = 0; i <= last; ++i) text << ' ' << std::setw(2) << (row[i] & 0xff);
-        }
-        text << std::dec << (record.varying.empty() ? "" : "\n    $");
         for (const VaryingField& field : record.varying) {
             text << ' ' << field.name << ' ' << field.offset << ' ' << field.size;
         }
+        writeBytes(record.bytes, text);
         text << '\n';
     }
     for (const std::string& outcome : outcomes) text << "= " << outcome << '\n';

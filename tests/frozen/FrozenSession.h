@@ -33,11 +33,11 @@ struct FrozenRecord {
 // All that a client of the library and the service have told one another, in order, and how the
 // library's calls have ended. As text:
 //
-//   > NAME SIZE               a record and its block, for "*" and "<" likewise
-//       OFFSET: hh hh ...     bytes of it; all that are not listed are 00
-//       $ NAME OFFSET SIZE    varying fields, whose listed bytes are those of the recording
-//   = TEXT                    how a call has ended
-//   # TEXT                    a comment
+//   > NAME SIZE [FIELD OFFSET SIZE]...    a record and its block, for "*" and "<" likewise, and its
+//                                         varying fields, whose bytes are those of the recording
+//       OFFSET: hh "text" ... OFFSET: ... bytes of it; all that are not listed are 00
+//   = TEXT                                how a call has ended
+//   # TEXT                                a comment
 struct FrozenSession {
     // Throws a std::runtime_error that names the line that is wrong.
     static FrozenSession read(std::istream& text);

@@ -88,7 +88,7 @@ std::string serveAsFrozen(const FrozenSession& session, FrozenFields& fields, Un
 }
 
 TEST(FrozenFieldsTest, FirstByteThatDiffersIsNamed) {
-    std::istringstream text("> A.1 12\n 0: 01 02\n 10: 07\n $ id1 4 4 any 8 2\n");
+    std::istringstream text("> A.1 12 id1 4 4 any 8 2\n    0: 01 02 10: 07\n");
     const FrozenRecord record = FrozenSession::read(text).records.at(0);
     const std::pair<std::string, std::string> rows[] = {
         {{1, 2, 0, 0, 8, 0, 0, 0, 9, 9, 7, 0}, ""},

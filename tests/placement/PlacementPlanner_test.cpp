@@ -64,11 +64,7 @@ TEST(PlacementPlanner, GivesEachGraphItsDevicesAndThenLeavesThemThere) {
         std::vector<double> rates;
         std::string places;
     } rows[] = {
-        {"small graphs have devices of their own while there are some",
-         4,
-         2,
-         {60, 2, 2, 2},
-         "1 1 1 1"},
+        {"small graphs have own devices while there are some", 4, 2, {60, 2, 2, 2}, "1 1 1 1"},
         {"a large graph gets the devices that it needs", 4, 1, {260, 20}, "3 1"},
         {"and no more than leave the others theirs", 4, 1, {500, 20, 20}, "2 1 1"},
         {"it shares devices that have room for a part of it", 3, 2, {160, 40, 30}, "3 1 1"},

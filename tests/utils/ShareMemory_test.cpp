@@ -1,7 +1,5 @@
 #include "utils/ShareMemory.h"
 
-#include "utils/PeerCredentials.h"
-
 namespace kelm {
 namespace {
 
@@ -30,21 +28,6 @@ TEST_F(ShareMemoryTest, NameStaysUntilItsMakerIsReset) {
     EXPECT_TRUE(exists());
     m_maker.reset();
     EXPECT_FALSE(exists());
-}
-
-TEST_F(ShareMemoryTest, SegmentIsOpenedForOthersAsItsModeLetsThem) {
-    const PeerCredentials other{1, ::geteuid() + 1, {}};
-    ASSERT_NE(m_maker.create(m_name.c_str(), 100), nullptr);
-    const auto opens = [this](const PeerCredentials& peer, FileRights::Access wanted) {
-        return ShareMemory().openFor(peer, wanted, m_name.c_str(), 100) != nullptr;
-    };
-    for (const mode_t mode : {0600, 0604, 0606}) {
-        SCOPED_TRACE(mode);
-        ASSERT_EQ(::chmod(("/dev/shm" + m_name).c_str(), mode), 0);
-        EXPECT_EQ(opens(other, FileRights::READ), (mode & 4) != 0);
-        EXPECT_EQ(opens(other, FileRights::WRITE), (mode & 2) != 0);
-        EXPECT_TRUE(opens(*PeerCredentials::ofThisProcess(), FileRights::WRITE));
-    }
 }
 
 }  // namespace

@@ -69,8 +69,6 @@ TEST_F(TracerTest, RowsOfManyThreadsAreEachWrittenOnce) {
 }
 
 TEST_F(TracerTest, SecondEndIsRefusedAndObjectsAreUsedAgain) {
-    EXPECT_EQ(TraceBeginCsv("switched off"), 0U);
-    EXPECT_TRUE(std::filesystem::is_empty(m_directory.path()));
     enableTracer();
     (void)TraceBeginCsv("open");
     const uint64_t once = TraceBeginCsv("once");

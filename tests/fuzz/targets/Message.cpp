@@ -118,12 +118,8 @@ struct Target {
     const SocketChannel channel;
 };
 
-}  // namespace
-}  // namespace kelm
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    using namespace kelm;
-    static const Target& target = *new Target();
+// Peer and connection are gone on return.
+void play(const SocketChannel& channel, const uint8_t* data, size_t size) {
     FuzzInput input(data, size);
     const bool isByLibrary = size % 4 == 3;
     char prepared[64];
@@ -133,11 +129,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto library = std::make_shared<IPC::ConnectionUDS>(nullptr);
     std::optional<WireClient> raw;
     if (isByLibrary) {
-        require(library->connect(target.channel.path));
+        require(library->connect(channel.path));
     } else {
-        raw.emplace(target.channel.path);
+        raw.emplace(channel.path);
     }
-    auto connection = target.channel.accept();
+    auto connection = channel.accept();
     const int number = connection->getSimulateFD();
     auto sender = std::async(std::launch::async,
                              [&] { raw ? sendRaw(*raw, parts) : sendByLibrary(*library, parts); });
@@ -148,7 +144,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     IPC::ConnectionBase::close(number);
     connection.reset();
     IPC::PollEvent event;
-    (void)target.channel.poller->wait(&event, 0);  // lets the closed one end
+    (void)channel.poller->wait(&event, 0);  // lets the closed one end
     require(kelmReceiveMessage(number) == nullptr);
+}
+
+}  // namespace
+}  // namespace kelm
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kelm;
+    static const Target& target = *new Target();
+    const size_t before = countDescriptors();
+    play(target.channel, data, size);
+    require(countDescriptors() == before);  // none is left open, or closed twice
     return 0;
 }
