@@ -6,6 +6,8 @@ import mmap
 import os
 import random
 import resource
+import select
+import shutil
 import signal
 import subprocess
 import time
@@ -232,19 +234,22 @@ class Service:
         return self.pid != 0 and ((blocked & usr1 and not blocked & usr2) or caught & usr1) != 0
 
     def stop(self) -> float:
-        """The seconds that it took; it must end in order."""
+        """The seconds that it took, of the service alone and not of its bus; it must end in order."""
         assert self.process is not None
+        end = os.pidfd_open(self.pid)
         begin = time.monotonic()
-        os.kill(self.pid, signal.SIGUSR1)
-        try:
-            status = self.process.wait(STOP_LIMIT)
-        except subprocess.TimeoutExpired:
-            text = self.last_lines()
+        signal.pidfd_send_signal(end, signal.SIGUSR1)
+        has_ended = select.select([end], [], [], STOP_LIMIT)[0]
+        took = time.monotonic() - begin
+        os.close(end)
+        if not has_ended:
+            text = self.keep_log()
             self.kill()
-            raise Found(f"not ended within {STOP_LIMIT:.0f} s of SIGUSR1: {text}") from None
+            raise Found(f"not ended within {STOP_LIMIT:.0f} s of SIGUSR1: {text}")
+        status = self.process.wait(PATIENCE)
         if status != 0:
-            raise Found(f"ended with status {status}: {self.last_lines()}")
-        return time.monotonic() - begin
+            raise Found(f"ended with status {status}: {self.keep_log()}")
+        return took
 
     def kill(self) -> None:
         assert self.process is not None
@@ -278,6 +283,12 @@ class Service:
             rows.append(self.figures())
             time.sleep(0.1)
         return Figures(*(min(column) for column in zip(*rows)))
+
+    def keep_log(self) -> str:
+        """The next start writes it anew. Its last lines."""
+        kept = self.directory / f"log-{time.monotonic_ns()}"
+        shutil.copyfile(self.directory / "log", kept)
+        return f"{self.last_lines()} ({kept})"
 
     def last_lines(self) -> str:
         lines = (self.directory / "log").read_bytes()[-1500:].decode("utf-8", "replace")

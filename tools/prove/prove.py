@@ -114,11 +114,12 @@ def main() -> int:
             outcomes.append(run(name, variant, minutes, options.seed, work))
     print_table(outcomes)
     print(f"seed {options.seed}")
-    if options.keep:
+    has_found = any(outcome.found for outcome in outcomes)
+    if options.keep or has_found:
         print(f"kept: {work}")
     else:
         subprocess.run(["rm", "-rf", work], check=False)
-    return 1 if any(outcome.found for outcome in outcomes) else 0
+    return 1 if has_found else 0
 
 
 if __name__ == "__main__":
