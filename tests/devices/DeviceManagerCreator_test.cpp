@@ -127,13 +127,6 @@ TEST_F(DeviceManagerCreatorTest, SimulatedDevicesStandInForThoseOfInvalidIds) {
     }
 }
 
-TEST_F(DeviceManagerCreatorTest, BrokenTagMapOfOneGroupEndsTheStart) {
-    configure(R"({"scheduler_config": [{"subclass": 2, "graph_tag_map": {"camera": "many"}}]})");
-    EXPECT_THROW(start({describe("a", 0), describe("b", 2)}), std::invalid_argument);
-    EXPECT_EQ(m_devices["a"].count(DeviceCall::Open), 1);
-    EXPECT_EQ(m_devices["b"].count(DeviceCall::Open), 0);
-}
-
 TEST_F(DeviceManagerCreatorTest, GraphsAndQuestionsReachTheManagersOfTheSubclasses) {
     start({describe("c", 2), describe("a", 0), describe("b", 0)});
     KelmGraph* const graph = makeGraphOf(2);

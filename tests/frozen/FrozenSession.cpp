@@ -31,18 +31,13 @@ void readBytes(std::istream& words, std::string& bytes) {
 }
 
 // Bytes that follow one another, the first of which is at the offset.
-std::string describePiece(size_t offset, std::string_view bytes) {
+std::string describePiece(size_t offset, const std::string& bytes) {
     std::ostringstream text;
     text << offset << ':' << std::hex << std::setfill('0');
-    while (!bytes.empty()) {
-        const auto end = std::ranges::find_if_not(bytes, isPrinted);
-        const auto printed = static_cast<size_t>(end - bytes.begin());
-        if (printed >= kLeastText) {
-            text << ' ' << std::quoted(bytes.substr(0, printed));
-        } else {
-            text << ' ' << std::setw(2) << (bytes[0] & 0xff);
-        }
-        bytes.remove_prefix(printed >= kLeastText ? printed : 1);
+    if (bytes.size() >= kLeastText && std::ranges::all_of(bytes, isPrinted)) {
+        text << ' ' << std::quoted(bytes);
+    } else {
+        for (const char byte : bytes) text << ' ' << std::setw(2) << (byte & 0xff);
     }
     return text.str();
 }
@@ -52,7 +47,7 @@ void writeBytes(const std::string& bytes, std::ostream& text) {
     for (size_t at = 0; (at = bytes.find_first_not_of('\0', at)) != bytes.npos;) {
         const size_t end = std::min(bytes.find(kZeros, at), bytes.size());
         const size_t size = std::min(end - at, kMostInPiece);
-        const std::string piece = describePiece(at, std::string_view(bytes).substr(at, size));
+        const std::string piece = describePiece(at, bytes.substr(at, size));
         const bool fits = column + 1 + piece.size() <= kMostColumns;
         text << (fits ? " " : "\n    ") << piece;
         column = (fits ? column + 1 : 4) + piece.size();

@@ -8,13 +8,15 @@
 namespace kelm::gateway {
 namespace {
 
-// Cuts bytes out, puts others in twice, and changes some.
+// Changes bytes, cuts some out and puts others in twice.
 std::string mutate(std::string text, std::mt19937& random) {
-    for (auto count = 1 + random() % 4; count > 0 && !text.empty(); --count) {
-        const std::string piece = random() % 2 == 0
-                                      ? text.substr(random() % text.size(), random() % 8)
-                                      : std::string(1, static_cast<char>(random()));
-        text.replace(random() % text.size(), random() % 8, piece);
+    for (auto count = 1 + random() % 3; count > 0 && !text.empty(); --count) {
+        const size_t at = random() % text.size();
+        if (random() % 2 == 0) {
+            text[at] = static_cast<char>(random());
+        } else {
+            text.replace(at, random() % 8, text.substr(random() % text.size(), random() % 8));
+        }
     }
     return text;
 }

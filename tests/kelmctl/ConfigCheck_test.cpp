@@ -77,27 +77,6 @@ TEST(ConfigCheckTest, EachTrapIsToldWithItsPlaceAndNothingElse) {
     }
 }
 
-// What is JSON to the service is JSON to the check, and what is not is told with its place.
-TEST(ConfigCheckTest, AgreesWithTheReaderOfTheServiceOnWhatIsJson) {
-    std::vector<std::string> texts = {
-        " {\"a\" : [1, 2,\t3]}\r\n", R"({"a":1} 2)",         R"({"a" 1})", R"({"a":[1 2]})",
-        "{\"a\":\"x\ny\"}",          "\xEF\xBB\xBF{\"a\":1}"};
-    std::istringstream withoutBlanks(R"(
-        {"a":1} {"a":[]} {"a":-0.5e+7} {"a":01} {"a":1.} {"a":.5} {"a":+1} {"a":-} {"a":1e} {"a":tru}
-        {"a":truer} {"a":null} {"a":NaN} {"a":1,} {,} {"a":1}} {a:1} {'a':1} {"a":[1,]} {"a":"x {
-        {"a":"\n\u00e4\/"} {"a":"\x"} {"a":"\u12g4"} {"a":"\ud83d\ude00"} {"a":"\ud83d"}
-        {"a":"\ude00"} {"a":{"b":[{}]}})");
-    for (std::string text; withoutBlanks >> text;) texts.push_back(text);
-    for (const std::string& text : texts) {
-        SCOPED_TRACE(text);
-        const std::vector<ConfigFile> files = asFile(text);
-        ConfigParser reader;
-        const bool isRead = reader.appendConfigFile(files[0].path(), false);
-        EXPECT_EQ(!files[0].refusal().has_value(), isRead);
-        EXPECT_TRUE(isRead || files[0].refusal()->place.line > 0);
-    }
-}
-
 TEST(ConfigValuesTest, TheLastUsableValueCountsAndTellsItsFile) {
     const TempDir home;
     const std::vector<ConfigFile> files = loadConfigFiles({installDir().write("installed", R"({

@@ -246,27 +246,18 @@ class RandomLife {
 // Each choice goes through an index; these are the plans that plain walks over all graphs and
 // devices make, too. Only a change of the policy may change them: then docs/mapper.md as well.
 TEST(MapperPlanner, PlansAndMatchesStayAsTheyWereRecorded) {
-    const struct {
-        RandomLife::Kind kind;
-        const char* digest;
-    } rows[] = {
-        {RandomLife::TIED, "23121bb844b97a55"},
-        {RandomLife::NEARLY_TIED, "e289937e08db4fe2"},
-        {RandomLife::HEAVY, "07ebc88cddbf928a"},
-        {RandomLife::ANY, "103d3520dbfc6c0d"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.kind);
-        std::ostringstream plans;
+    std::ostringstream plans;
+    for (const auto kind :
+         {RandomLife::TIED, RandomLife::NEARLY_TIED, RandomLife::HEAVY, RandomLife::ANY}) {
         for (uint32_t seed = 0; seed < 100; ++seed) {
-            RandomLife life(row.kind, seed, seed % 4 == 0 ? 1 : 2);
+            RandomLife life(kind, seed, seed % 4 == 0 ? 1 : 2);
             for (int i = 0; i < 10; ++i) {
                 life.step();
                 life.planAndMatch(plans);
             }
         }
-        EXPECT_EQ(sha256ForString(plans.str()).substr(0, 16), row.digest);
     }
+    EXPECT_EQ(sha256ForString(plans.str()).substr(0, 16), "73555f1b1df0ac5d");
 }
 
 // The example of docs/mapper.md.

@@ -7,7 +7,6 @@
 #include "records/KelmGraph.h"
 #include "records/KelmTaskParam.h"
 #include "utils/BlockCache.h"
-#include "utils/ShareMemory.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
@@ -183,23 +182,6 @@ TEST(BufferAllocatorTest, LibraryAndNotTheClientDecidesHowMuchIsMapped) {
     EXPECT_EQ(SimulatedIon::contentOf(fd, 4), "made");
     EXPECT_EQ(allocator.free(&made), KELM_OK);
     EXPECT_EQ(ion.live(), 0);
-}
-
-TEST(BufferAllocatorTest, MappingEndsWithItsTaskAndTheNameStays) {
-    ShareMemory clients;
-    const std::string name = "/kelm_test_task" + std::to_string(::getpid());
-    ASSERT_NE(clients.create(name.c_str(), 4096), nullptr);
-    KelmBuffer buffer{};
-    buffer.type = KELM_BUFFER_SHARE_MEMORY;
-    buffer.size = 4096;
-    auto mapped = std::make_unique<ShareMemory>();
-    void* const data = mapped->open(name.c_str(), 4096);
-    ASSERT_NE(data, nullptr);
-    buffer.buffer = reinterpret_cast<uint64_t>(data);
-    buffer.shareMemory = reinterpret_cast<uint64_t>(mapped.release());
-    delete KelmTaskParam::create(KelmBuffer{}, buffer, KelmBuffer{});
-    EXPECT_NE(::msync(data, 4096, MS_ASYNC), 0) << "still mapped";
-    EXPECT_NE(ShareMemory().open(name.c_str(), 4096), nullptr) << "the name is the client's";
 }
 
 }  // namespace

@@ -96,20 +96,9 @@ class BadCallsTest : public SystemFixture {
 
     // The directory in which the call looks for the service.
     std::string enter(Scene scene) const {
-        const std::string& dir = service().dir();
-        switch (scene) {
-            case Scene::kNoService:
-                return dir + "/none";
-            case Scene::kStranger:
-                OtherUser::letIn(path());
-                break;
-            case Scene::kHungService:
-                service().signal(SIGSTOP);
-                break;
-            default:
-                break;
-        }
-        return service().runDir();
+        if (scene == Scene::kStranger) OtherUser::letIn(path());
+        if (scene == Scene::kHungService) service().signal(SIGSTOP);
+        return scene == Scene::kNoService ? service().dir() + "/none" : service().runDir();
     }
 
     void run(const Row& row) const {

@@ -10,7 +10,9 @@ namespace {
 
 using Kind = LocatedJson::Kind;
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+// The service's reader takes any three bytes for a byte order mark that begin so.
+constexpr char kMarkBegin = '\xEF';
+constexpr size_t kMarkBytes = 3;
 
 void appendUtf8(std::string& text, uint32_t code) {
     const auto tail = [&](int shift) {
@@ -37,7 +39,7 @@ void appendUtf8(std::string& text, uint32_t code) {
 class Reader {
  public:
     Reader(const std::string& text, int maxNesting) : m_text(text), m_levelsLeft(maxNesting) {
-        if (m_text.starts_with(kByteOrderMark)) m_at = m_placed = kByteOrderMark.size();
+        if (m_text.starts_with(kMarkBegin)) m_at = m_placed = std::min(kMarkBytes, m_text.size());
     }
 
     LocatedJson readAll() {
