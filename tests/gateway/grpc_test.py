@@ -2,6 +2,7 @@
 the gateway's gRPC, and an error for each fault."""
 
 import contextlib
+import json
 import os
 import pathlib
 import signal
@@ -67,7 +68,8 @@ def field(number: int, content: bytes) -> bytes:
 class GrpcTest(SimulatedGatewayTest):
     def setUp(self) -> None:
         super().setUp()
-        self.gateway = self.start_gateway("--grpc", "127.0.0.1:0", "--grpc", f"unix:{self.work}/g")
+        log = ("--access-log", f"{self.work}/access.log")
+        self.gateway = self.start_gateway("--grpc", "127.0.0.1:0", "--grpc", f"unix:{self.work}/g", *log)
         self.address = f"127.0.0.1:{self.port('serves gRPC on')}"
         self.connect(self.address)
 
@@ -107,6 +109,11 @@ class GrpcTest(SimulatedGatewayTest):
                 self.assertEqual(answer.raw_output_contents[0], self.right(data))
                 self.assertEqual((answer.model_name, answer.model_version), ("m", "1"))
                 self.assertEqual((answer.id, answer.outputs[0].shape), ("7", [SIZE]))
+        self.end(self.gateway)
+        lines = map(json.loads, (self.work / "access.log").read_text().splitlines())
+        infers = [line for line in lines if line["operation"] == "infer"]
+        self.assertEqual(len(infers), 10)
+        self.assertTrue(all(SIZE < line["bytes_in"] < SIZE + 100 for line in infers), infers)
 
     def test_contents_of_each_datatype(self) -> None:
         for datatype, *_ in TYPES:
@@ -300,24 +307,45 @@ class GrpcTest(SimulatedGatewayTest):
 
             self.assertTrue(eventually(look))
 
-    def test_peers_of_an_encrypted_gateway_trust_its_certificate(self) -> None:
+    def make_certificate(self) -> bytes:
         make = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=kelm"
         names = ("-addext", "subjectAltName=IP:127.0.0.1", "-keyout", "key", "-out", "cert")
         subprocess.run((*make.split(), *names), cwd=self.work, check=True, stderr=subprocess.PIPE)
+        return (self.work / "cert").read_bytes()
+
+    def is_trusted(self, certificate: bytes, address: str) -> bool:
+        with grpc.secure_channel(address, grpc.ssl_channel_credentials(certificate)) as channel:
+            stub = open_inference_pb2_grpc.GRPCInferenceServiceStub(channel)
+            try:
+                return stub.ServerLive(inference.ServerLiveRequest()).live
+            except grpc.RpcError:
+                return False
+
+    def test_peers_of_an_encrypted_gateway_trust_its_certificate(self) -> None:
+        first = self.make_certificate()
         self.end(self.gateway)
         files = ("--tls-cert", f"{self.work}/cert", "--tls-key", f"{self.work}/key")
         listen = ("--rest", f"unix:{self.work}/r", "--grpc", "127.0.0.1:0", "--drain", "0")
-        with open(self.work / "gateway.log", "w") as log:
+        log = self.work / "gateway.log"
+        with open(log, "w") as file:
             gateway = self.start(os.environ["KELM_GATEWAY"], "--models", str(self.models), *listen,
-                                 *files, stderr=log)
-        trust = grpc.ssl_channel_credentials((self.work / "cert").read_bytes())
+                                 *files, stderr=file)
         address = f"127.0.0.1:{self.port('serves gRPC on')}"
-        with grpc.secure_channel(address, trust) as channel:
-            stub = open_inference_pb2_grpc.GRPCInferenceServiceStub(channel)
-            self.assertTrue(stub.ServerLive(inference.ServerLiveRequest()).live)
+        self.assertTrue(self.is_trusted(first, address))
         self.connect(address)
         plain = lambda: self.stub.ServerLive(inference.ServerLiveRequest())
         self.assertEqual(self.code_of(plain), "UNAVAILABLE")
+
+        key = (self.work / "key").read_bytes()
+        second = self.make_certificate()
+        (self.work / "key").rename(self.work / "its key")
+        (self.work / "key").write_bytes(key)
+        gateway.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(lambda: "keeps the certificate" in log.read_text()))
+        self.assertTrue(self.is_trusted(first, address))
+        (self.work / "its key").rename(self.work / "key")
+        gateway.send_signal(signal.SIGHUP)
+        self.assertTrue(eventually(lambda: self.is_trusted(second, address)))
         self.end(gateway)
 
 
