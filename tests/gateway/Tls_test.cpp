@@ -30,17 +30,24 @@ class TlsTest : public GatewayTest {
         EXPECT_EQ(std::system(command.c_str()), 0);
         return files;
     }
-    // Whether a peer that knows this certificate gets to speak with who serves there.
-    static bool trusts(const TlsFiles& files, uint16_t port) {
-        ssl::context trust(ssl::context::tls_client);
-        trust.load_verify_file(files.certificate);
+    // A peer that knows this certificate, and maybe trusts who serves there.
+    struct Peer {
+        Peer(const TlsFiles& files, uint16_t port) {
+            trust.load_verify_file(files.certificate);
+            stream.emplace(loop, trust);
+            stream->set_verify_mode(ssl::verify_peer);
+            stream->lowest_layer().connect({asio::ip::address_v4::loopback(), port});
+            boost::system::error_code error;
+            stream->handshake(ssl::stream_base::client, error);
+            isTrusting = !error;
+        }
+        ssl::context trust{ssl::context::tls_client};
         asio::io_context loop;
-        ssl::stream<asio::ip::tcp::socket> peer(loop, trust);
-        peer.set_verify_mode(ssl::verify_peer);
-        peer.lowest_layer().connect({asio::ip::address_v4::loopback(), port});
-        boost::system::error_code error;
-        peer.handshake(ssl::stream_base::client, error);
-        return !error;
+        std::optional<ssl::stream<asio::ip::tcp::socket>> stream;
+        bool isTrusting = false;
+    };
+    static bool trusts(const TlsFiles& files, uint16_t port) {
+        return Peer(files, port).isTrusting;
     }
 };
 
@@ -48,13 +55,8 @@ TEST_F(TlsTest, RequestsComeByTls) {
     const TlsFiles files = makeFiles("a");
     HttpServer tls(ListenSocket("127.0.0.1:0"), 2, {}, makeRestHandler(*gateway),
                    TlsPair::read(files));
-    ssl::context trust(ssl::context::tls_client);
-    trust.load_verify_file(files.certificate);
-    asio::io_context loop;
-    ssl::stream<asio::ip::tcp::socket> peer(loop, trust);
-    peer.set_verify_mode(ssl::verify_peer);
-    peer.lowest_layer().connect({asio::ip::address_v4::loopback(), tls.port()});
-    peer.handshake(ssl::stream_base::client);
+    Peer known(files, tls.port());
+    auto& peer = *known.stream;
     const auto answer = [&] {
         std::string text;
         boost::system::error_code error;

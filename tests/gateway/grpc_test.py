@@ -2,6 +2,7 @@
 the gateway's gRPC, and an error for each fault."""
 
 import contextlib
+import json
 import os
 import pathlib
 import signal
@@ -67,7 +68,8 @@ def field(number: int, content: bytes) -> bytes:
 class GrpcTest(SimulatedGatewayTest):
     def setUp(self) -> None:
         super().setUp()
-        self.gateway = self.start_gateway("--grpc", "127.0.0.1:0", "--grpc", f"unix:{self.work}/g")
+        log = ("--access-log", f"{self.work}/access.log")
+        self.gateway = self.start_gateway("--grpc", "127.0.0.1:0", "--grpc", f"unix:{self.work}/g", *log)
         self.address = f"127.0.0.1:{self.port('serves gRPC on')}"
         self.connect(self.address)
 
@@ -107,6 +109,11 @@ class GrpcTest(SimulatedGatewayTest):
                 self.assertEqual(answer.raw_output_contents[0], self.right(data))
                 self.assertEqual((answer.model_name, answer.model_version), ("m", "1"))
                 self.assertEqual((answer.id, answer.outputs[0].shape), ("7", [SIZE]))
+        self.end(self.gateway)
+        lines = map(json.loads, (self.work / "access.log").read_text().splitlines())
+        infers = [line for line in lines if line["operation"] == "infer"]
+        self.assertEqual(len(infers), 10)
+        self.assertTrue(all(SIZE < line["bytes_in"] < SIZE + 100 for line in infers), infers)
 
     def test_contents_of_each_datatype(self) -> None:
         for datatype, *_ in TYPES:
@@ -312,12 +319,18 @@ class GrpcTest(SimulatedGatewayTest):
                                  *files, stderr=log)
         trust = grpc.ssl_channel_credentials((self.work / "cert").read_bytes())
         address = f"127.0.0.1:{self.port('serves gRPC on')}"
-        with grpc.secure_channel(address, trust) as channel:
-            stub = open_inference_pb2_grpc.GRPCInferenceServiceStub(channel)
-            self.assertTrue(stub.ServerLive(inference.ServerLiveRequest()).live)
         self.connect(address)
         plain = lambda: self.stub.ServerLive(inference.ServerLiveRequest())
         self.assertEqual(self.code_of(plain), "UNAVAILABLE")
+        key = (self.work / "key").read_text()
+        for text, said in (("no key", "keeps the certificate"), (key, "has read its certificate")):
+            (self.work / "key").write_text(text)
+            gateway.send_signal(signal.SIGHUP)
+            log = self.work / "gateway.log"
+            self.assertTrue(eventually(lambda: said in log.read_text()), said)
+            with grpc.secure_channel(address, trust) as channel:
+                stub = open_inference_pb2_grpc.GRPCInferenceServiceStub(channel)
+                self.assertTrue(stub.ServerLive(inference.ServerLiveRequest()).live)
         self.end(gateway)
 
 

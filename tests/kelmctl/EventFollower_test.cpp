@@ -17,41 +17,33 @@ TEST(EventFollowerTest, OneConnectionIsFollowedUntilEventsAreLost) {
     const ScopedEnv env{"KELM_RUN_DIR", dir.path()};
     const UniqueFd service = listenOn(dir.path() + "/kelm_events.sock");
     EventFollower follower{3};
-    const auto send = [](const UniqueFd& peer, const std::string& text) {
-        EXPECT_EQ(::send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(text.size()));
-    };
-    const auto expect = [](const std::optional<EventHistory>& history, uint64_t moves,
-                           std::vector<uint64_t> sequences) {
-        ASSERT_TRUE(history);
-        EXPECT_EQ(history->moves.at("demand"), moves);
-        EXPECT_EQ(history->next, sequences.back() + 1);
+    // What a look has after the service has told this, on the last connection or a new one.
+    const auto look = [&](UniqueFd& peer, const std::string& told) {
+        auto result = std::async(std::launch::async, [&, wait = peer ? 0ms : 20000ms] {
+            if (wait == 0ms) ::send(peer.get(), told.data(), told.size(), MSG_NOSIGNAL);
+            return follower.look(wait);
+        });
+        if (!peer) {
+            peer.reset(::accept4(service.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            ::send(peer.get(), told.data(), told.size(), MSG_NOSIGNAL);
+        }
+        const auto history = result.get();
         std::vector<uint64_t> seen;
+        if (!history) return seen;
+        seen = {history->next, history->moves.at("demand")};
         for (const EventRow& event : history->events) seen.push_back(event.sequence);
-        EXPECT_EQ(seen, sequences);
-    };
-    // Its first looks at a connection wait for what the service tells there.
-    const auto lookAnew = [&](const std::string& told) {
-        auto look = std::async(std::launch::async, [&] { return follower.look(20s); });
-        UniqueFd peer(::accept4(service.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        send(peer, told);
-        expect(look.get(), 5, {1, 2, 3});
-        return peer;
+        return seen;
     };
     const std::string story = R"({"kind":"greeting","schema":1,"next":3,"moves":{"demand":4}})"
                               "\n" +
                               loaded(3) + loaded(1) + loaded(2) + "{\"kind\":\"live\"}\n";
-    UniqueFd peer = lookAnew(story);
-    expect(follower.look(0s), 5, {1, 2, 3});
-    send(peer, loaded(4) + loaded(5));
-    expect(follower.look(0s), 7, {3, 4, 5});
-    send(peer, R"({"kind":"gap","from":6,"to":9})"
-               "\n");
-    peer = lookAnew(story);
-    peer.reset();
-    peer = lookAnew(story);
-    send(peer, "none\n");
-    EXPECT_FALSE(follower.look(0s));
+    UniqueFd first, second;
+    EXPECT_THAT(look(first, story), ElementsAre(4, 5, 1, 2, 3));
+    EXPECT_THAT(look(first, ""), ElementsAre(4, 5, 1, 2, 3));
+    EXPECT_THAT(look(first, loaded(4) + loaded(5)), ElementsAre(6, 7, 3, 4, 5));
+    ::send(first.get(), "{\"kind\":\"gap\"}\n", 15, MSG_NOSIGNAL);
+    EXPECT_THAT(look(second, story), ElementsAre(4, 5, 1, 2, 3));
+    EXPECT_THAT(look(second, "none\n"), IsEmpty());
 }
 
 }  // namespace

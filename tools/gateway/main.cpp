@@ -56,8 +56,8 @@ std::unique_ptr<GrpcServer> serveGrpc(const Options& options, const Gateway& gat
 void renewTls(const TlsFiles& files, std::list<HttpServer>& servers, GrpcServer* grpc) {
     try {
         const TlsPair pair = TlsPair::read(files);
-        for (HttpServer& each : servers) each.renew(pair);
         if (grpc != nullptr) grpc->renew(pair);
+        for (HttpServer& each : servers) each.renew(pair);
         say("has read its certificate again");
     } catch (const std::exception& error) {
         say("keeps the certificate that it has: " + std::string(error.what()));

@@ -36,6 +36,7 @@ void GrpcCall::onArrived(bool ok) {
 void GrpcCall::onRead(bool ok) {
     m_isReading = false;
     m_hasMessage = ok;
+    m_messageBytes = m_message.Length();
     if (m_isLate) return dropIfOver();
     try {
         if (!m_hasMessage) throw Failure(Cause::kInvalid, "the call has no message");

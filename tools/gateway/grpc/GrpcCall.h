@@ -4,8 +4,8 @@
 #include <grpcpp/support/byte_buffer.h>
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
-#include <optional>
 
 #include "tools/gateway/grpc/GrpcServices.h"
 #include "utils/NonCopyable.h"
@@ -62,6 +62,7 @@ class GrpcCall : public NonCopyable {
     GrpcLoop& loop() { return m_loop; }
     grpc::ServerContext& context() { return m_context; }
     CallStream& stream() { return m_stream; }
+    size_t messageBytes() const { return m_messageBytes; }
     // Nothing more is awaited of gRPC but for the end of what is written.
     bool isDone() const { return m_isDone && !m_isReading; }
     // The peer, or gRPC for it, has given the call up before its message was there. Once it is
@@ -81,6 +82,7 @@ class GrpcCall : public NonCopyable {
     CallStream m_stream;
     grpc::ByteBuffer m_message;
     Clock::time_point m_mostTime;  // for the message, while it is read
+    size_t m_messageBytes = 0;
     bool m_isReading = false;
     bool m_isLate = false;  // and was answered
     bool m_hasMessage = false;

@@ -163,9 +163,9 @@ bool GrpcServer::Impl::stop(std::chrono::milliseconds limit) {
     const auto endOfIdle = std::min(end, begin + kIdle);
     Farewell farewell(m_server->c_server());
     const auto goesOn = [&] { return Clock::now() < (callsUnderWay() > 0 ? end : endOfIdle); };
-    while (goesOn() && !farewell.awaitClosed(std::chrono::milliseconds(10))) {
-    }
-    const bool isAllAnswered = callsUnderWay() == 0;
+    bool isClosed = false;
+    while (!isClosed && goesOn()) isClosed = farewell.awaitClosed(std::chrono::milliseconds(10));
+    const bool isAllAnswered = isClosed || callsUnderWay() == 0;
     m_server->Shutdown(std::chrono::system_clock::now());  // by force
     for (GrpcLoop& each : m_loops) each.join();
     return isAllAnswered;

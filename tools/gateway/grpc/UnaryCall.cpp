@@ -78,6 +78,7 @@ void UnaryCall::onAnswered(bool) {
 
 void UnaryCall::dropIfOver() {
     if (!isDone() || !m_isAnswered) return;
+    m_record.bytesIn = messageBytes();
     if (isWithoutMessage()) {
         const Failure failure(Cause::kCanceled, "the message did not come whole, or was too large");
         m_record.code = failure.grpcCode();
