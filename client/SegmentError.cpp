@@ -16,8 +16,10 @@ namespace {
 
 constexpr const char* kDirectory = SegmentName::kDirectory;
 
-std::string megabytes(uint64_t bytes) {
-    return StringHelper::format("%.1f MB", static_cast<double>(bytes) / (1 << 20));
+std::string amount(uint64_t bytes) {
+    constexpr uint64_t kMegabyte = 1 << 20;
+    if (bytes < kMegabyte) return std::to_string(bytes) + " bytes";
+    return StringHelper::format("%.1f MB", static_cast<double>(bytes) / kMegabyte);
 }
 
 // Full of bytes, or of files, which a tmpfs counts by themselves.
@@ -29,8 +31,8 @@ std::string noSpace(size_t size) {
     const uint64_t total = uint64_t{info.f_blocks} * info.f_frsize;
     const std::string state = isOutOfFiles
                                   ? "takes no further file"
-                                  : "has " + megabytes(uint64_t{info.f_bavail} * info.f_frsize) +
-                                        " of " + megabytes(total) + " left";
+                                  : "has " + amount(uint64_t{info.f_bavail} * info.f_frsize) +
+                                        " of " + amount(total) + " left";
     const std::string larger = isOutOfFiles
                                    ? "nr_inodes=" + std::to_string(2 * info.f_files)
                                    : "size=" + std::to_string(((total + size) >> 20) + 1) + "M";
@@ -66,7 +68,7 @@ std::string cause(int number, size_t size) {
 
 Error segmentError(int number, size_t size, const std::string& role) {
     return {ErrorKind::kSystem, 0,
-            "making " + megabytes(size) + " of shared memory for the " + role +
+            "making " + amount(size) + " of shared memory for the " + role +
                 " failed: " + cause(number, size)};
 }
 

@@ -151,6 +151,10 @@ bool checkPreparedSize(const KelmMsgBase& message, uint32_t index) {
 }
 
 void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared) {
+    if (index >= message->dataNum || index >= kMaxMessageBlocks ||
+        !checkPreparedSize(*message, index)) {
+        return nullptr;
+    }
     const auto size = static_cast<uint32_t>(message->dataSize[index]);
     const uint32_t j = findPrepared(*message, index);
     if (j != kNoBuffer && isPrepared(prepared, message->recvData[j], size)) {

@@ -92,8 +92,8 @@ UniqueMalloc<char> kelmTakeBlock(KelmMsgBase* message, uint64_t address);
 // Whether block `index` of a message that is being received fits the buffer that was prepared for
 // its type, if one was; false, logged, refuses the message.
 bool checkPreparedSize(const KelmMsgBase& message, uint32_t index);
-// The memory for the block, null if there is none. An inner buffer is made with room for its first
-// piece only.
+// The memory for the block, null if there is none or it is refused. An inner buffer is made with
+// room for its first piece only.
 void* getBufferForRecv(KelmMsgBase* message, uint32_t index, PreparedBuffers prepared = {});
 constexpr uint32_t kFirstPieceBytes = 256 * 1024;
 // A block that is freed with the message, with free(); null if the message has five already.

@@ -196,10 +196,7 @@ MessageAssembler::State MessageAssembler::receiveBlocks(IPC::ConnectionBase& con
 }
 
 MessageAssembler::State MessageAssembler::receiveBlock(IPC::ConnectionBase& connection) {
-    if (m_target == nullptr && !m_isDropped) {
-        if (!checkPreparedSize(*m_message, m_block)) return State::kFailed;
-        openBlock();
-    }
+    if (m_target == nullptr && !m_isDropped && !openBlock()) return State::kFailed;
     const State state = m_isDropped ? dropBlock(connection) : fillBlock(connection);
     if (state == State::kWhole) {
         m_message->data[m_block] = reinterpret_cast<uint64_t>(m_target);
@@ -232,16 +229,18 @@ bool MessageAssembler::readPart(IPC::ConnectionBase& connection, char* target, u
 
 // An inner buffer starts with room for one piece and grows as bytes come; a prepared one has its
 // size.
-void MessageAssembler::openBlock() {
+bool MessageAssembler::openBlock() {
     // With prepared buffers the caller is a client, which takes what it has asked for.
     m_isDropped = m_prepared.empty() && !kelmKeepsBlock(*m_message, m_block);
-    if (m_isDropped) return;
+    if (m_isDropped) return true;
+    if (!checkPreparedSize(*m_message, m_block)) return false;
     const uint32_t innerBefore = m_message->innerBufferNum;
     m_target = static_cast<char*>(getBufferForRecv(m_message.get(), m_block, m_prepared));
     const uint64_t size = static_cast<uint32_t>(m_message->dataSize[m_block]);
     const bool grows = m_message->innerBufferNum != innerBefore;
     m_room = grows ? std::min<uint64_t>(size, kFirstPieceBytes) : size;
     m_isDropped = m_target == nullptr;
+    return true;
 }
 
 // Doubled, so that copying stays in proportion to the bytes that really came. What a block without

@@ -57,7 +57,7 @@ class MessageAssembler : public NonCopyable {
     State receiveBlock(IPC::ConnectionBase& connection);
     // Reads off the stream what is left of a block that is of no use, or has no memory.
     State dropBlock(IPC::ConnectionBase& connection);
-    void openBlock();
+    bool openBlock();  // false refuses it
     // Gives a block more room; false if there is no memory for it.
     bool growBlock();
     State fillBlock(IPC::ConnectionBase& connection);

@@ -3,6 +3,8 @@
 #include "fakes/FakeTaskScheduleListener.h"
 #include "fakes/TestConfig.h"
 #include "races/Interleavings.h"
+#include "reporting/EventListener.h"
+#include "reporting/ServiceEvent.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerAdaptive.h"
 #include "scheduling/devices/DeviceSchedulerSqueeze2.h"
@@ -13,51 +15,6 @@
 
 namespace kelm {
 namespace {
-
-// Knows the graphs that it runs. With one slot it must never have two.
-class CountedDevice : public ScriptedDevice {
- public:
-    CountedDevice(const std::string& name, const std::shared_ptr<DeviceScript>& script)
-        : ScriptedDevice(name, script) {}
-    explicit CountedDevice(CountedDevice* parent)
-        : ScriptedDevice(parent), m_running(parent->m_running) {}
-    std::unique_ptr<KelmDeviceBase> clone() override {
-        return std::make_unique<CountedDevice>(this);
-    }
-
- protected:
-    int allocateGraphImpl(KelmGraph* graph) override {
-        const int rc = ScriptedDevice::allocateGraphImpl(graph);
-        EXPECT_TRUE(rc != 0 || ++*m_running == 1) << getName() << " is given twice";
-        return rc;
-    }
-    int deallocateGraphImpl(KelmGraph* graph, bool keepCached) override {
-        --*m_running;
-        return ScriptedDevice::deallocateGraphImpl(graph, keepCached);
-    }
-
- private:
-    const std::shared_ptr<std::atomic<int>> m_running = std::make_shared<std::atomic<int>>(0);
-};
-
-// The keeper of the tasks, as far as workers ask it: a real task scheduler.
-class Keeper final : public TaskExchange {
- public:
-    explicit Keeper(TaskSchedulerBase& tasks) : m_tasks(tasks) {}
-    void enqueueScheduleWorker(WorkThread* worker, KelmGraph* graph) override {
-        m_tasks.enqueueScheduleWorker(worker, graph);
-    }
-    void enqueueDescheduleWorker(WorkThread* worker, KelmGraph* graph) override {
-        m_tasks.enqueueDescheduleWorker(worker, graph);
-    }
-    void enqueueReturnTask(KelmTask* task) override { m_tasks.enqueueRescheduleTask(task); }
-    void enqueueDestroyTask(KelmTask* task) override { destroyed.add(task); }
-
-    Recorded<KelmTask*> destroyed;
-
- private:
-    TaskSchedulerBase& m_tasks;
-};
 
 // Makes its passes on the calling thread, by the loop of the service.
 template <class Scheduler>
@@ -77,15 +34,12 @@ class Passing : public Scheduler {
     int m_left = 0;
 };
 
-// One run: devices a and b of one slot each, graphs 1 and 2, and two tasks on graph 1.
+// One run: devices a and b of one slot each, graphs 1 and 2, and two tasks on graph 1, kept by a
+// real task scheduler.
 template <class Scheduler>
-class Run : public SchedulerFakes {
+class Run final : public SchedulerFakes, public TaskExchange, public EventListener {
  public:
     explicit Run(KelmClient* client) {
-        KelmDeviceBase::setFactory([this](const std::string& name) {
-            return std::make_unique<CountedDevice>(
-                name, std::shared_ptr<DeviceScript>(std::shared_ptr<void>(), &devices[name]));
-        });
         scheduler.setMaxGraphNumPerDevice(1);
         for (const char name : {'a', 'b'}) workers[name] = makeWorker(std::string(1, name), 1);
         for (int i = 0; i < 2; ++i) makeGraph();
@@ -100,16 +54,17 @@ class Run : public SchedulerFakes {
     // "2" load a graph, "u" and "v" give it up; "t" a task for graph 1 comes, and "T" another, "c"
     // cancels the first; "p" is a pass.
     void play(const std::string& script) {
+        const auto isOf = [](const char* steps, char step) {
+            return std::strchr(steps, step) != nullptr;
+        };
         for (const char step : script) {
             if (step == 'p') pass(1);
-            if (step == 'A' || step == 'B') plug(static_cast<char>(step + 'a' - 'A'));
-            if (step == 'a' || step == 'b') unplug(step);
-            if (step == 'x') fail('a');
-            if (step == '1' || step == '2') scheduler.loadGraph(graphs[step - '1'].get());
-            if (step == 'u' || step == 'v') giveUp(graphs[step - 'u'].get());
-            if (step == 't' || step == 'T') {
-                taskScheduler->enqueueScheduleTask(tasks[step == 't' ? 0 : 1].get());
-            }
+            if (isOf("AB", step)) plug(lower(step));
+            if (isOf("ab", step)) unplug(step);
+            if (step == 'x') failA();
+            if (isOf("12", step)) scheduler.loadGraph(graphs[step - '1'].get());
+            if (isOf("uv", step)) giveUp(graphs[step - 'u'].get());
+            if (isOf("tT", step)) taskScheduler->enqueueScheduleTask(tasks[step == 'T'].get());
             if (step == 'c') tasks[0]->cancel();
         }
     }
@@ -119,16 +74,6 @@ class Run : public SchedulerFakes {
         scheduler.makePasses(count);
     }
 
-    // Those that the threads of a run share.
-    std::vector<std::span<const std::byte>> listObjects() {
-        std::vector<std::span<const std::byte>> objects{std::as_bytes(std::span(&scheduler, 1))};
-        for (const auto& graph : graphs)
-            objects.push_back(std::as_bytes(std::span(graph.get(), 1)));
-        for (const auto& [name, worker] : workers) {
-            objects.push_back(std::as_bytes(std::span(worker, 1)));
-        }
-        return objects;
-    }
     // What holds while the devices are there, then everything leaves.
     void check(const std::string& all) {
         const auto has = [&all](char step) { return all.find(step) != all.npos; };
@@ -147,7 +92,7 @@ class Run : public SchedulerFakes {
             if (!m_givenUp.contains(graph.get())) giveUp(graph.get());
             taskScheduler->enqueueDescheduleGraph(graph.get());  // of tasks that came after its end
         }
-        for (const char name : std::string(m_plugged.begin(), m_plugged.end())) unplug(name);
+        for (const char name : std::set(m_plugged)) unplug(name);
         pass(4);
         taskScheduler.reset();  // ends its pools
         const auto ended = ends();
@@ -159,9 +104,23 @@ class Run : public SchedulerFakes {
             EXPECT_EQ(std::ranges::count(placement.unloads(), graph.get()), 1) << "no notice";
             EXPECT_EQ(graph->getCachedDeviceNum(), 0) << "on a device that is gone";
         }
-        const auto removed = removal.removed();
-        EXPECT_EQ(std::set(removed.begin(), removed.end()).size(), m_comings) << "never deleted";
-        EXPECT_EQ(removed.size(), m_comings) << "deleted twice";
+        EXPECT_FALSE(m_isTwice.load()) << "a device is given twice";
+        for (const auto& [name, worker] : workers) {
+            EXPECT_EQ(std::ranges::count(removal.removed(), worker), has(upper(name)) ? 1 : 0);
+        }
+    }
+
+    void enqueueScheduleWorker(WorkThread* worker, KelmGraph* graph) override {
+        taskScheduler->enqueueScheduleWorker(worker, graph);
+    }
+    void enqueueDescheduleWorker(WorkThread* worker, KelmGraph* graph) override {
+        taskScheduler->enqueueDescheduleWorker(worker, graph);
+    }
+    void enqueueReturnTask(KelmTask* task) override { taskScheduler->enqueueRescheduleTask(task); }
+    void enqueueDestroyTask(KelmTask* task) override { m_destroyed.add(task); }
+    // What a worker says to a graph for which it has no slot.
+    void record(const ServiceEvent& event) override {
+        if (event.code == KELM_ERROR_TOO_MANY_GRAPH) m_isTwice = true;
     }
 
     Passing<Scheduler> scheduler;
@@ -171,23 +130,23 @@ class Run : public SchedulerFakes {
  private:
     using Answer = FakeGraphPlacementListener::Load;
 
+    static char lower(char step) { return static_cast<char>(step - 'A' + 'a'); }
+    static char upper(char step) { return static_cast<char>(step - 'a' + 'A'); }
     void plug(char name) {
         m_plugged.insert(name);
-        ++m_comings;
         scheduler.addWorker(workers[name]);
     }
     void unplug(char name) {
         m_plugged.erase(name);
         scheduler.removeWorker(workers[name]);
     }
-    void fail(char name) {
-        DeviceScript& script = devices[std::string(1, name)];
-        script.setHardwareError(KELM_ERROR_DEVICE_FAILED);
+    void failA() {
+        devices["a"].setHardwareError(KELM_ERROR_DEVICE_FAILED);
         for (const DeviceCall call : {DeviceCall::Allocate, DeviceCall::Deallocate,
                                       DeviceCall::LoadTensor, DeviceCall::GetResult}) {
-            script.failAll(call, KELM_ERROR_DEVICE_FAILED);
+            devices["a"].failAll(call, KELM_ERROR_DEVICE_FAILED);
         }
-        workers[name]->notifyDeviceFailed();
+        workers['a']->notifyDeviceFailed();
         scheduler.wake();
     }
     void giveUp(KelmGraph* graph) {
@@ -200,7 +159,7 @@ class Run : public SchedulerFakes {
             std::ranges::count_if(all, [](char step) { return step == 't' || step == 'T'; }));
     }
     std::vector<KelmTask*> ends() {
-        std::vector<KelmTask*> ended = keeper.destroyed();
+        std::vector<KelmTask*> ended = m_destroyed();
         for (KelmTask* task : listener.destroyed()) ended.push_back(task);
         for (const auto& [task, error] : sink.done()) ended.push_back(task);
         for (const auto* told : {&listener.scheduled, &listener.rescheduled}) {
@@ -214,7 +173,6 @@ class Run : public SchedulerFakes {
     const KelmMsgReqInferTask m_request{};
     std::set<char> m_plugged;
     std::set<KelmGraph*> m_givenUp;
-    size_t m_comings = 0;
     int m_passer = 0;  // the thread whose the scheduler is
     FakeResultSink sink;
     ScopedPort<ResultSink> sinkPort{sink};
@@ -222,8 +180,10 @@ class Run : public SchedulerFakes {
     ScopedPort<TaskScheduleListener> listenerPort{listener};
     std::unique_ptr<TaskSchedulerBase> taskScheduler =
         TaskSchedulerFactory::createScheduler("polling");
-    Keeper keeper{*taskScheduler};
-    ScopedPort<TaskExchange> keeperPort{keeper};
+    Recorded<KelmTask*> m_destroyed;
+    std::atomic<bool> m_isTwice{false};
+    ScopedPort<TaskExchange> m_tasksPort{*this};
+    ScopedPort<EventListener> m_eventsPort{*this};
 };
 
 template <class Scheduler>
@@ -250,14 +210,14 @@ TYPED_TEST(DeviceSchedulerRacesTest, EveryTaskAndLoadEndsOnceAndNoDeviceIsGivenT
         for (bool more = true; more && !this->HasFailure();) {
             Run<TypeParam> run(client);
             run.play(row[0]);
-            orders.watchOnly(run.listObjects());
+            orders.watchOnly(run.scheduler, *run.graphs[0], *run.graphs[1], *run.workers['a'],
+                             *run.workers['b']);
             std::vector<std::function<void()>> bodies;
             for (size_t i = 1; i < row.size(); ++i) {
                 bodies.emplace_back([&run, &row, i] { run.play(row[i]); });
             }
             more = orders.runNext(bodies);
             if (more) run.check(std::accumulate(row.begin(), row.end(), std::string()));
-            if (this->HasFailure()) std::cout << "in run " << orders.countRuns() << "\n";
         }
         runs += orders.countRuns();
     }

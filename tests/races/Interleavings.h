@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <functional>
 #include <span>
-#include <utility>
 #include <vector>
 
 namespace kelm {
@@ -22,11 +21,12 @@ class Interleavings {
     // One; KELM_RACES in the environment raises it, see scripts/prove.sh.
     static size_t wantedPreemptions();
 
-    // From the next run on threads are held up only at the mutexes in these objects, given by their
-    // bytes: where others run freely, as the threads of pools, one that is held up on its way to
-    // wake them could keep all from going on.
-    void watchOnly(std::vector<std::span<const std::byte>> objects) {
-        m_watched = std::move(objects);
+    // From the next run on threads are held up only at the mutexes within these objects: where
+    // others run freely, as the threads of pools, one that is held up on its way to wake them could
+    // keep all from going on.
+    template <class... Objects>
+    void watchOnly(const Objects&... objects) {
+        m_watched = {std::as_bytes(std::span(&objects, 1))...};
     }
     bool isWatched(const void* mutex) const;
 
