@@ -358,6 +358,9 @@ class Growth:
     # An hour has about a hundred million tasks: more than this is no noise of the allocator.
     MOST_MEMORY_SLOPE_KB = 4 * 1024
     MOST_NUMBER_SLOPE = 8
+    # Less than this in a half is none: a short run is still warming up.
+    LEAST_MEMORY_KB = 512
+    LEAST_NUMBER = 4
     EVERY = 10.0  # seconds; in a short run more often, so that there is a line
 
     def __init__(self, campaign: Campaign, service: Service) -> None:
@@ -376,17 +379,18 @@ class Growth:
         if len(rows) < 6:
             self.campaign.find("too short a run to tell a slope")
             return
-        for name, unit, most in (("descriptors", "", self.MOST_NUMBER_SLOPE),
-                                 ("threads", "", self.MOST_NUMBER_SLOPE),
-                                 ("resident_kb", " kB", self.MOST_MEMORY_SLOPE_KB)):
+        numbers = ("", self.MOST_NUMBER_SLOPE, self.LEAST_NUMBER)
+        memory = (" kB", self.MOST_MEMORY_SLOPE_KB, self.LEAST_MEMORY_KB)
+        for name, (unit, most, least) in (("descriptors", numbers), ("threads", numbers),
+                                          ("resident_kb", memory)):
             points = [(when, float(getattr(figures, name))) for when, figures in rows]
             slope = Slope.of(points)
             what = "memory" if unit else name
             told = f"{slope.value:+.1f}{unit} an hour, give or take {slope.error:.1f}"
             # Queues and caches become as large as they ever need to be in a step; a leak goes on.
             half = len(points) // 2
-            grows = all(Slope.of(part).is_above(most)
-                        for part in (points, points[:half], points[half:]))
+            grows = all(Slope.of(part).is_above(most) and part[-1][1] - part[0][1] >= least
+                        for part in (points[:half], points[half:]))
             self.campaign.require(not grows, f"{what} grow by {told}, in both halves above {most}")
             self.campaign.tell(f"{what} {points[0][1]:.0f}{unit} to {points[-1][1]:.0f}{unit}, "
                                f"slope {told}, {len(points)} looks")
