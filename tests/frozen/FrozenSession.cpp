@@ -5,7 +5,7 @@
 namespace kelm {
 namespace {
 
-// A line holds so many bytes, be they numbers or a text.
+// Of the bytes that follow one another without many zeros, so many make a piece of a line.
 constexpr size_t kMostInPiece = 28;
 constexpr size_t kMostColumns = 100;
 constexpr size_t kLeastText = 3;

@@ -85,21 +85,10 @@ TEST_F(RestTest, RawTensorsComeBackInTheirOrderHoweverTheyAreSent) {
 
 TEST_F(RestTest, MalformedRequestsAreRefusedAndOthersServed) {
     serve({.json = 4096, .body = 1 << 20});
-    const auto input = [](const std::string& members) {
-        return post(R"({"inputs":[{)" + members + "}]}");
-    };
-    const auto with = [](const std::string& more) {
-        return post(kOk.substr(0, kOk.size() - 1) + "," + more + "}");
-    };
     const auto head = [](const std::string& headers) {
         return "POST /v2/models/m/infer HTTP/1.1\r\n" + headers + "\r\n";
     };
-    const std::string named = R"("name":"i","datatype":"UINT8",)";
-    struct Row {
-        std::string request;
-        int status;
-    };
-    const Row rows[] = {
+    std::vector<std::pair<std::string, int>> rows = {
         {"nonsense\r\n\r\n", 400},
         {"GET / HTTP/2.0\r\nHost: h\r\n\r\n", 400},
         {"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 400},
@@ -144,55 +133,48 @@ TEST_F(RestTest, MalformedRequestsAreRefusedAndOthersServed) {
         {post(kRaw + "abcd", jsonLength(0)), 400},
         {post(kRaw + "abc", jsonLength(kRaw.size())), 400},
         {post(kRaw + "abcde", jsonLength(kRaw.size())), 400},
-        {post(kRaw), 400},
-        {post(""), 400},
-        {post("{"), 400},
-        {post("[]"), 400},
-        {post("{}"), 400},
-        {post("{\"inputs\":[]} x"), 400},
-        {post(std::string(2000, '[')), 400},
-        {post(R"({"inputs":[],"inputs":[]})"), 400},
-        {post("{\"\xff\":1}"), 400},
-        {post(R"({"inputs":{}})"), 400},
-        {post(R"({"inputs":[]})"), 400},
-        {post(R"({"inputs":[7]})"), 400},
-        {input(R"("datatype":"UINT8","shape":[4],"data":[1,2,3,4])"), 400},
-        {input(R"("name":"x","datatype":"UINT8","shape":[4],"data":[1,2,3,4])"), 400},
-        {input(R"("name":"i","datatype":"INT8","shape":[4],"data":[1,2,3,4])"), 400},
-        {input(R"("name":"i","datatype":"FP16","shape":[4],"data":[1,2,3,4])"), 400},
-        {input(R"("name":"i","datatype":"uint8","shape":[4],"data":[1,2,3,4])"), 400},
-        {input(named + R"("shape":[5],"data":[1,2,3,4,5])"), 400},
-        {input(named + R"("shape":[2,2],"data":[1,2,3,4])"), 400},
-        {input(named + R"("shape":[-1],"data":[1,2,3,4])"), 400},
-        {input(named + R"("shape":"4","data":[1,2,3,4])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3])"), 400},
-        {input(named + R"("shape":[4],"data":[[1,2],[3,4]])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3,[4]])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3,256])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3,-1])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3,"4"])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3,4.5])"), 400},
-        {input(named + R"("shape":[4],"data":"1234")"), 400},
-        {input(named + R"("shape":[4])"), 400},
-        {input(named + R"("shape":[4],"data":[1,2,3,4],"parameters":{"binary_data_size":4})"), 400},
-        {post(R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]},)"
-              R"({"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]}]})"),
-         400},
-        {with(R"("id":7)"), 400},
-        {with(R"("parameters":7)"), 400},
-        {with(R"("parameters":{"x":[]})"), 400},
-        {with(R"("parameters":{"timeout":-1})"), 400},
-        {with(R"("parameters":{"priority":16})"), 400},
-        {with(R"("parameters":{"binary_data_output":1})"), 400},
-        {with(R"("outputs":{})"), 400},
-        {with(R"("outputs":[{"name":"x"}])"), 400},
-        {with(R"("outputs":[{"name":"o"},{"name":"o"}])"), 400},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.request.substr(0, 400));
+    const auto refuse = [&rows](const std::string& body) { rows.emplace_back(post(body), 400); };
+    // No request, or one whose inputs are none.
+    for (const char* body :
+         {"", "{", "[]", "{}", "{\"\xff\":1}", R"({"inputs":[]} x)", R"({"inputs":[],"inputs":[]})",
+          R"({"inputs":{}})", R"({"inputs":[]})", R"({"inputs":[7]})"}) {
+        refuse(body);
+    }
+    refuse(std::string(2000, '['));
+    refuse(kRaw);
+    const std::string good = R"("name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4])";
+    refuse(R"({"inputs":[{)" + good + "},{" + good + "}]}");
+    // Not the tensor of the model.
+    for (const char* type : {R"("datatype":"UINT8")", R"("name":"x","datatype":"UINT8")",
+                             R"("name":"i","datatype":"INT8")", R"("name":"i","datatype":"FP16")",
+                             R"("name":"i","datatype":"uint8")"}) {
+        refuse(R"({"inputs":[{)" + std::string(type) + R"(,"shape":[4],"data":[1,2,3,4]}]})");
+    }
+    // Not its shape, or not the data of its shape and type.
+    for (const char* content :
+         {R"("shape":[5],"data":[1,2,3,4,5])", R"("shape":[2,2],"data":[1,2,3,4])",
+          R"("shape":[-1],"data":[1,2,3,4])", R"("shape":"4","data":[1,2,3,4])",
+          R"("shape":[4],"data":[1,2,3])", R"("shape":[4],"data":[[1,2],[3,4]])",
+          R"("shape":[4],"data":[1,2,3,[4]])", R"("shape":[4],"data":[1,2,3,256])",
+          R"("shape":[4],"data":[1,2,3,-1])", R"("shape":[4],"data":[1,2,3,"4"])",
+          R"("shape":[4],"data":[1,2,3,4.5])", R"("shape":[4],"data":"1234")", R"("shape":[4])",
+          R"("shape":[4],"data":[1,2,3,4],"parameters":{"binary_data_size":4})"}) {
+        refuse(R"({"inputs":[{"name":"i","datatype":"UINT8",)" + std::string(content) + "}]}");
+    }
+    // Behind good inputs.
+    for (const char* more :
+         {R"("id":7)", R"("parameters":7)", R"("parameters":{"x":[]})",
+          R"("parameters":{"timeout":-1})", R"("parameters":{"priority":16})",
+          R"("parameters":{"binary_data_output":1})", R"("outputs":{})",
+          R"("outputs":[{"name":"x"}])", R"("outputs":[{"name":"o"},{"name":"o"}])"}) {
+        refuse(kOk.substr(0, kOk.size() - 1) + "," + more + "}");
+    }
+    for (const auto& [request, status] : rows) {
+        SCOPED_TRACE(request.substr(0, 400));
         RawPeer peer = connect();
-        const std::string answer = peer.send(row.request).answer();
-        EXPECT_THAT(answer, StartsWith("HTTP/1.1 " + std::to_string(row.status) + " "));
+        const std::string answer = peer.send(request).answer();
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 " + std::to_string(status) + " "));
         EXPECT_THAT(answer, HasSubstr("{\"error\":\""));
     }
     EXPECT_THAT(connect().send(post(kOk)).answer(), HasSubstr(R"("data":[2,3,4,5])"));
