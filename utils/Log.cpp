@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <iostream>
+#include <new>
 #include <sstream>
 
 #include "utils/ThreadUtils.h"
@@ -50,10 +51,21 @@ void Log::setPriorities(bool on) {
 
 void Log::setLog4cppInitFile(const std::string&) {}
 
-// Put together first and written in one piece; the mutex keeps the lines of threads apart.
+// Put together first and written in one piece; the mutex keeps the lines of threads apart. Who
+// tells of an exception, or of memory that is missing, must not meet another one here.
 void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t line,
                     const char* object, const char* format, std::span<const FormatArg> args) {
     MutexLock lock(m_mutex);
+    try {
+        std::cout << makeLine(level, tag, file, line, object, format, args);
+    } catch (const std::bad_alloc&) {
+        std::cout << "a line of the log found no memory\n";
+    }
+}
+
+std::string Log::makeLine(LogLevel level, const char* tag, const char* file, int64_t line,
+                          const char* object, const char* format,
+                          std::span<const FormatArg> args) const {
     std::ostringstream text;
     text << m_prefix << "[" << getCurrentTime() << "]"
          << "[" << ThreadUtils::getThreadId() << "]";
@@ -67,7 +79,7 @@ void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t l
     text << " " << StringHelper::formatArgs(format, args) << m_suffix;
     const std::string whole = m_priorities ? markLines(text.str(), priorityOf(level))
                                            : colorBegin(level) + text.str() + colorEnd(level);
-    std::cout << whole + "\n";
+    return whole + "\n";
 }
 
 }  // namespace kelm

@@ -61,6 +61,9 @@ class Log : public Singleton<Log> {
     void writeLine(LogLevel level, const char* tag, const char* file, int64_t line,
                    const char* object, const char* format, std::span<const FormatArg> args)
         EXCLUDES(m_mutex);
+    std::string makeLine(LogLevel level, const char* tag, const char* file, int64_t line,
+                         const char* object, const char* format,
+                         std::span<const FormatArg> args) const REQUIRES(m_mutex);
 
     Mutex m_mutex;
     std::string m_prefix GUARDED_BY(m_mutex);
