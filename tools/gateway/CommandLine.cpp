@@ -52,7 +52,8 @@ void addPlaces(CLI::App& app, Options& options) {
 void addOptions(CLI::App& app, Options& options) {
     constexpr unsigned kMostThreads = 64, kHour = 3600, kMostConnections = 1U << 20;
     addPlaces(app, options);
-    addNumber(app, "--threads", options.threads, "N", "threads of REST, and as many of gRPC; 1 to 64")
+    addNumber(app, "--threads", options.threads, "N",
+              "threads of REST, and as many of gRPC; 1 to 64")
         ->check(range(1, kMostThreads));
     addNumber(app, "--drain", options.drain, "SECONDS",
               "time to serve on, not ready, after SIGTERM; up to an hour")
