@@ -25,6 +25,7 @@
 #include "utils/AccessController.h"
 #include "utils/IPC.h"
 #include "utils/Log.h"
+#include "utils/MemoryReserve.h"
 #include "utils/RunPaths.h"
 #include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
@@ -439,6 +440,7 @@ void MessageDispatcher::closeConnect(int socket) {
 }
 
 void MessageDispatcher::handleTimers() {
+    MemoryReserve::renew();
     const auto now = steady_clock::now();
     if (m_acceptAgain && now >= *m_acceptAgain) {
         m_listenConnection->unblockPoller();

@@ -22,6 +22,7 @@
 #include "utils/DaemonHelper.h"
 #include "utils/FileHelper.h"
 #include "utils/Log.h"
+#include "utils/MemoryReserve.h"
 #include "utils/StandardOutput.h"
 #include "utils/ThreadUtils.h"
 #include "utils/Tracer.h"
@@ -68,6 +69,7 @@ void setupEnvironment() {
     // The memory of an unloaded graph is given back at once, whatever was freed before. Left alone,
     // the allocator keeps blocks as large as the largest that it has seen.
     ::mallopt(M_MMAP_THRESHOLD, kMappedBlockBytes);
+    MemoryReserve::install();
     if (!CommonHelper::liftMaxOpenFileLimit()) {
         std::cerr
             << "## Warning: failed to lift max fd open count limitation for kelmdaemon.\n"

@@ -1,0 +1,50 @@
+// Sanitizers need more addresses than a limit would leave.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+#include "utils/MemoryReserve.h"
+
+#include <sys/resource.h>
+
+namespace kelm {
+namespace {
+
+constexpr size_t kBlock = 64 << 10;
+
+// What `new` gives until it fails; all of it is freed.
+size_t countBytes() {
+    std::vector<std::unique_ptr<char[]>> blocks;
+    blocks.reserve(1024);
+    try {
+        while (blocks.size() < blocks.capacity()) blocks.emplace_back(new char[kBlock]);
+    } catch (const std::bad_alloc&) {
+    }
+    return blocks.size() * kBlock;
+}
+
+// From here on the process gets no more addresses than it has.
+void endGrowth() {
+    std::ifstream file("/proc/self/statm");
+    rlim_t pages = 0;
+    file >> pages;
+    const rlim_t bytes = pages * static_cast<rlim_t>(::getpagesize());
+    const rlimit limit{bytes, RLIM_INFINITY};
+    if (::setrlimit(RLIMIT_AS, &limit) != 0) std::_Exit(2);
+}
+
+TEST(MemoryReserveTest, IsGivenUpWhenMemoryIsMissingAndTakenBackLater) {
+    const auto play = [] {
+        MemoryReserve::install();
+        endGrowth();
+        const size_t first = countBytes();
+        MemoryReserve::renew();
+        const size_t second = countBytes();
+        constexpr size_t kMost = MemoryReserve::kBytes / 2;
+        std::_Exit(first > kMost && second > kMost ? 0 : 1);
+    };
+    EXPECT_EXIT(play(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace kelm
+
+#endif
