@@ -35,7 +35,7 @@ CAMPAIGNS: Dict[str, Row] = {
     "clients-killed": Row(limited(campaigns.clients_killed, 10000), 15, 10000, True),
     "devices-lost": Row(limited(campaigns.devices_lost, 1000), 30, 1000, True),
     "service-killed": Row(limited(campaigns.service_killed, 500), 12, 500, True),
-    "starved": Row(limited(starved, 20), 8, 180, True),
+    "starved": Row(limited(starved, 180), 8, 180, True),
     "stopped": Row(limited(campaigns.stopped, 2000), 25, 2000, True),
     "day": Row(limited(campaigns.day, 100_000_000), 60, 100_000_000, True),
     "races": Row(races.races, 15, 0, False),
