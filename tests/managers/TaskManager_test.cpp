@@ -88,23 +88,6 @@ TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
     EXPECT_EQ(client.receive<KelmMsgRspCreateGraph>().head.status, KELM_OK);
 }
 
-// Deliberate: a cancel only takes tasks out of queues.
-TEST_F(TaskManagerTest, CancelLetsATaskOnADeviceRunToItsEnd) {
-    start();
-    WireClient client = connect();
-    const uint64_t graph = client.createGraph({"blob"}).graphId;
-    device().block(DeviceCall::LoadTensor);
-    DescriptorProbe input;
-    const uint64_t task = infer(client, graph, input).taskId;
-    ASSERT_TRUE(isReached(DeviceCall::LoadTensor));
-    const auto canceled = client.cancelTask(task);
-    EXPECT_EQ(canceled.head.status, KELM_OK);
-    EXPECT_EQ(canceled.canceled, 0);
-    device().release(DeviceCall::LoadTensor);
-    EXPECT_EQ(client.receive<KelmMsgEvtTaskDone>().taskId, task);
-    EXPECT_TRUE(input.isClosed());
-}
-
 TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
     start();
     WireClient leaver = connect();
@@ -240,20 +223,6 @@ TEST(TaskDeparturesTest, GraphWaitsForItsTasksAndTheSchedulerInAnyOrder) {
             }
         }
     }
-}
-
-TEST(TaskDeparturesTest, ClientCountsDownOncePerTaskAndWhatItGaveUpApart) {
-    TaskDepartures departures;
-    departures.addClient(7, 0);
-    departures.addGivenUp(7, 0);
-    EXPECT_FALSE(departures.hasClient(7) || departures.hasGivenUp(7)) << "a count of nothing";
-    departures.addGivenUp(7, 1);
-    departures.addClient(7, 2);
-    EXPECT_FALSE(departures.removeTask(7, false, nullptr).client);
-    EXPECT_TRUE(departures.hasGivenUp(7));
-    EXPECT_TRUE(departures.removeTask(7, true, nullptr).client);
-    EXPECT_FALSE(departures.hasGivenUp(7) || departures.hasClient(7));
-    EXPECT_FALSE(departures.removeTask(7, true, nullptr).client);
 }
 
 }  // namespace
