@@ -106,6 +106,17 @@ TEST_F(PendingCallsTest, LaterCallWithAnEarlierDeadlineEndsInTime) {
     EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kTimeout, ErrorKind::kNone));
 }
 
+TEST_F(PendingCallsTest, ClosedTableEndsItsCallsAndTakesNoMore) {
+    ASSERT_TRUE(addInfer(1));
+    ErrorKind kind = ErrorKind::kNone;
+    ASSERT_TRUE(m_calls.addCall(2, "a call", Clock::now() + kNever,
+                                [&](const MessagePtr&, const Error& end) { kind = end.kind(); }));
+    for (int i = 0; i < 2; ++i) m_calls.closeAll(Error::connectionLost());
+    EXPECT_THAT(kinds(), ElementsAre(ErrorKind::kConnectionLost));
+    EXPECT_EQ(kind, ErrorKind::kConnectionLost);
+    EXPECT_FALSE(addInfer(3));
+}
+
 TEST_F(PendingCallsTest, CallbackMaySubmitWithTheSameSlot) {
     TensorPool pool(1, 1);
     const InferRequest request{.output = pool.acquire().value()->outputTensor()};

@@ -105,6 +105,22 @@ TEST(ClientSenderTest, MessageBehindTheEndIsDroppedWhole) {
     EXPECT_EQ(peer.pending(), static_cast<int>(event->size));
 }
 
+TEST(ClientSenderTest, FullListHoldsUpAPosterThatMayWait) {
+    SocketChannel channel;
+    RawPeer peer{channel.path};
+    const auto connection = channel.accept();
+    const MessagePtr report(kelmAllocMessage(KELM_MESSAGE_QUERY_STATUS_RSP));
+    ClientSender sender(7, connection->getSimulateFD(), true);
+    auto held = startCalling([&] {
+        for (int i = 0; i < 2000; ++i) {
+            sender.post(report->size, false, [&] { sender.write(*report); });
+        }
+    });
+    EXPECT_EQ(held.wait_for(50ms), std::future_status::timeout);
+    peer.hangUp();
+    EXPECT_EQ(held.wait_for(10s), std::future_status::ready);
+}
+
 TEST(BacklogTest, HoldsUpOnlyWhatIsBothManyAndLarge) {
     constexpr uint64_t kReport = 54120;
     Backlog backlog(200);

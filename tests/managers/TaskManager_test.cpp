@@ -225,5 +225,19 @@ TEST(TaskDeparturesTest, GraphWaitsForItsTasksAndTheSchedulerInAnyOrder) {
     }
 }
 
+TEST(TaskDeparturesTest, ClientCountsDownOncePerTaskAndWhatItGaveUpApart) {
+    TaskDepartures departures;
+    departures.addClient(7, 0);
+    departures.addGivenUp(7, 0);
+    EXPECT_FALSE(departures.hasClient(7) || departures.hasGivenUp(7)) << "a count of nothing";
+    departures.addGivenUp(7, 1);
+    departures.addClient(7, 2);
+    EXPECT_FALSE(departures.removeTask(7, false, nullptr).client);
+    EXPECT_TRUE(departures.hasGivenUp(7));
+    EXPECT_TRUE(departures.removeTask(7, true, nullptr).client);
+    EXPECT_FALSE(departures.hasGivenUp(7) || departures.hasClient(7));
+    EXPECT_FALSE(departures.removeTask(7, true, nullptr).client);
+}
+
 }  // namespace
 }  // namespace kelm
