@@ -61,8 +61,7 @@ TEST_F(TaskManagerTest, RefusedRequestGivesItsDescriptorsBack) {
 }
 
 TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     WireClient other = connect();
     device().block(DeviceCall::Allocate);
     client.sendCreateGraph({"blob"});
@@ -89,8 +88,7 @@ TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
 }
 
 TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
-    start();
-    WireClient leaver = connect();
+    WireClient leaver = startAndConnect();
     WireClient stayer = connect();
     const uint64_t graph = share(leaver, stayer);
     device().block(DeviceCall::LoadTensor);
@@ -116,8 +114,7 @@ TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
 }
 
 TEST_F(TaskManagerTest, SecondShareGivenUpSparesTasksMadeSinceTheFirst) {
-    start();
-    WireClient stayer = connect();
+    WireClient stayer = startAndConnect();
     WireClient leaver = connect();
     const uint64_t graphs[] = {share(leaver, stayer, "a"), share(leaver, stayer, "b"),
                                leaver.createGraph({"c"}).graphId};
@@ -135,8 +132,7 @@ TEST_F(TaskManagerTest, SecondShareGivenUpSparesTasksMadeSinceTheFirst) {
 
 // The client gives up a share, and makes and leaves a task before the canceled one has ended.
 TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
-    start();
-    WireClient stayer = connect();
+    WireClient stayer = startAndConnect();
     WireClient leaver = connect();
     const uint64_t graph = share(stayer, leaver);
     device().block(DeviceCall::LoadTensor);
@@ -161,8 +157,7 @@ TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
 }
 
 TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerLeaveBeforeTheRecordDoes) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     WireClient sibling = connect();
     const uint64_t graph = client.createGraph({"blob"}).graphId;
     device().block(DeviceCall::LoadTensor);
@@ -185,8 +180,7 @@ TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerLeaveBeforeTheRecordDoes
 }
 
 TEST_F(TaskManagerTest, VanishedClientTakesItsTasksAlongWhereverTheyAre) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     const uint64_t graph = client.createGraph({"blob"}).graphId;
     device().block(DeviceCall::LoadTensor);
     constexpr int kTasks = 40;  // on the device, in the workers and in the queue

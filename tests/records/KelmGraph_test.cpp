@@ -64,6 +64,17 @@ TEST(KelmGraphTest, DemandComesFromTheBacklogOnceAnInferenceWasMeasured) {
     EXPECT_EQ(single.getNumWaitTasks(), 0u);
 }
 
+TEST(KelmGraphTest, PendingCyclesCountPassesWithoutADevice) {
+    KelmGraph graph(1, 1, "graph", 1);
+    for (const uint32_t cycles : {0u, 1u, 2u}) {
+        graph.setPendingState(true);
+        EXPECT_EQ(graph.getOutCycleNum(), cycles);
+    }
+    graph.setPendingState(false);
+    EXPECT_EQ(graph.getOutCycleNum(), 0u);
+    EXPECT_FALSE(graph.isPending());
+}
+
 TEST(KelmGraphTest, NamesAreThoseOfTheUsersInIdOrder) {
     FakeClientDirectory clients;
     const ScopedPort<ClientDirectory> port(clients);

@@ -1,5 +1,3 @@
-#include "config/ServiceConfigParser.h"
-#include "execution/WorkThread.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeTaskExchange.h"
