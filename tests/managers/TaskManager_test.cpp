@@ -87,6 +87,22 @@ TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
     EXPECT_EQ(client.receive<KelmMsgRspCreateGraph>().head.status, KELM_OK);
 }
 
+// Deliberate: a cancel only takes tasks out of queues.
+TEST_F(TaskManagerTest, CancelLetsATaskOnADeviceRunToItsEnd) {
+    WireClient client = startAndConnect();
+    const uint64_t graph = client.createGraph({"blob"}).graphId;
+    device().block(DeviceCall::LoadTensor);
+    DescriptorProbe input;
+    const uint64_t task = infer(client, graph, input).taskId;
+    ASSERT_TRUE(isReached(DeviceCall::LoadTensor));
+    const auto canceled = client.cancelTask(task);
+    EXPECT_EQ(canceled.head.status, KELM_OK);
+    EXPECT_EQ(canceled.canceled, 0);
+    device().release(DeviceCall::LoadTensor);
+    EXPECT_EQ(client.receive<KelmMsgEvtTaskDone>().taskId, task);
+    EXPECT_TRUE(input.isClosed());
+}
+
 TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
     WireClient leaver = startAndConnect();
     WireClient stayer = connect();

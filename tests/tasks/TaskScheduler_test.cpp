@@ -91,20 +91,6 @@ TEST_F(TaskSchedulerTest, TasksThatNoDeviceServesAreToldAndSoIsABacklogOnce) {
     EXPECT_EQ(graph->getArrivals(), 32u);
 }
 
-TEST_F(TaskSchedulerTest, WorkerThatComesBetweenLookAndQueueGetsTheTask) {
-    TaskSchedulerPolling scheduler("TS.Polling");
-    for (const bool returned : {false, true}) {
-        SCOPED_TRACE(returned);
-        KelmTask* const task = makeTask();
-        clients.onNextSearch([&] { scheduler.scheduleWorker(&worker, graph.get()); });
-        returned ? scheduler.rescheduleTask(task) : scheduler.scheduleTask(task);
-        ASSERT_FALSE(delivered().empty());
-        EXPECT_EQ(delivered().back(), task);
-        EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
-        EXPECT_EQ(graph->getNumWaitTasks(), 0u);
-    }
-}
-
 TEST_F(TaskSchedulerTest, ReturnedTaskIsServedFirst) {
     TaskSchedulerFCFS scheduler("TS.FCFS");
     KelmTask* const waiting = makeTask(1);
