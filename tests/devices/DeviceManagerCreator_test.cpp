@@ -1,7 +1,6 @@
 #include "devices/DeviceManagerCreator.h"
 
 #include "devices/DevicesRig.h"
-#include "execution/WorkThread.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/SimulatedLibraries.h"
 #include "protocol/src/InfoPackage.h"

@@ -2,8 +2,6 @@
 
 #include "config/ServiceConfigParser.h"
 #include "devices/DeviceManager.h"
-#include "execution/ResultSink.h"
-#include "execution/TaskExchange.h"
 #include "execution/WorkerFailureListener.h"
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeInfoCollector.h"
@@ -13,7 +11,6 @@
 #include "fakes/TestRecords.h"
 #include "fakes/TestRequest.h"
 #include "reporting/KelmStatus.h"
-#include "scheduling/devices/GraphPlacementListener.h"
 #include "scheduling/devices/WorkerRemovalListener.h"
 #include "utils/Port.h"
 

@@ -7,7 +7,6 @@
 #include "utils/Tracer.h"
 
 namespace kelm {
-
 namespace {
 
 class KelmDeviceBaseTest : public testing::Test {

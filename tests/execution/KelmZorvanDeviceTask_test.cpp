@@ -5,7 +5,6 @@
 #include "records/BufferAllocator.h"
 
 namespace kelm {
-
 namespace {
 
 constexpr int kFifoCapacity = 4;

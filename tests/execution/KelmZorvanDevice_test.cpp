@@ -3,7 +3,6 @@
 #include "ZorvanFixture.h"
 
 namespace kelm {
-
 namespace {
 
 class KelmZorvanDeviceTest : public ZorvanFixture {

@@ -11,7 +11,6 @@
 #include "utils/Port.h"
 
 namespace kelm {
-
 namespace {
 
 constexpr int kHardwareError = -6;

@@ -104,6 +104,16 @@ class GatewayTest : public ::testing::Test {
         return R"({"graph": "g", "inputs": [)" + inputs + R"(], "outputs": [)" + outputs + "]" +
                more + "}";
     }
+    // Of a model whose input and output are four bytes each; kOk is a request for it.
+    static std::string fourBytes(const std::string& more = "") {
+        return describe(R"({"name":"i","datatype":"UINT8","shape":[4]})",
+                        R"({"name":"o","datatype":"UINT8","shape":[4]})", more);
+    }
+    void describeModel(const std::string& name, const std::string& more = "") const {
+        dir.write(name + ".json", fourBytes(more));
+    }
+    static inline const std::string kOk =
+        R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]}]})";
 
     FakeEngine engine;
     TempDir dir;

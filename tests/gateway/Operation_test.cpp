@@ -5,9 +5,6 @@
 namespace kelm::gateway {
 namespace {
 
-const std::string kOk =
-    R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]}]})";
-
 TEST(AgentLineTest, TellsWhatTheGatewayCanTake) {
     const struct {
         AgentState state;
@@ -25,13 +22,7 @@ TEST(AgentLineTest, TellsWhatTheGatewayCanTake) {
     for (const auto& row : rows) EXPECT_EQ(agentLine(row.state), row.line);
 }
 
-class OperationTest : public GatewayTest {
- protected:
-    void describeModel(const std::string& name, const std::string& more = "") {
-        const std::string tensor = R"({"name":"i","datatype":"UINT8","shape":[4]})";
-        dir.write(name + ".json", describe(tensor, tensor, more));
-    }
-};
+using OperationTest = GatewayTest;
 
 TEST_F(OperationTest, ModelIsReadyWithADeviceOfItsSubclass) {
     describeModel("m");

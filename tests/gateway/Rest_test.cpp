@@ -3,19 +3,13 @@
 namespace kelm::gateway {
 namespace {
 
-const std::string kOk =
-    R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]}]})";
 const std::string kRaw = R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],)"
                          R"("parameters":{"binary_data_size":4}}],)"
                          R"("parameters":{"binary_data_output":true}})";
 
 class RestTest : public GatewayTest {
  protected:
-    void SetUp() override {
-        dir.write("m.json",
-                  describe(R"({"name":"i","datatype":"UINT8","shape":[4]})",
-                           R"({"name":"o","datatype":"UINT8","shape":[4]})", R"(,"queue":1)"));
-    }
+    void SetUp() override { describeModel("m", R"(,"queue":1)"); }
 };
 
 TEST_F(RestTest, EachDatatypeGoesThroughJsonAndBack) {
@@ -280,14 +274,13 @@ TEST_F(RestTest, ModelsThatLoadBeforeTheEngineTellsOfDevicesMakeItReady) {
 
 TEST_F(RestTest, FolderIsFollowedWithoutAFailedRequest) {
     serve();
-    const std::string tensors = R"({"name":"i","datatype":"UINT8","shape":[4]})";
-    const auto replace = [&](const std::string& name, const std::string& text) {
-        std::filesystem::rename(dir.write("next", text), dir.path() + "/" + name);
+    const auto replace = [&](const std::string& more) {
+        std::filesystem::rename(dir.write("next", fourBytes(more)), dir.path() + "/m.json");
     };
     engine.isHolding = true;
     RawPeer old = connect(post(kOk));
     ASSERT_TRUE(eventually([&] { return engine.held() == 1; }));
-    replace("m.json", describe(tensors, tensors, R"(,"version":"2")"));
+    replace(R"(,"version":"2")");
     const auto version = [&] { return gateway->models().find("m")->description().version; };
     ASSERT_TRUE(eventually([&] { return version() == "2"; }));
     EXPECT_EQ(engine.graphs, 2);
@@ -295,7 +288,7 @@ TEST_F(RestTest, FolderIsFollowedWithoutAFailedRequest) {
     EXPECT_THAT(old.answer(), HasSubstr(R"("model_version":"1")"));
     EXPECT_TRUE(eventually([&] { return engine.graphs == 1; }));
     // What cannot be had leaves what is there.
-    replace("m.json", describe(tensors, tensors, R"(,"version":"3","tag":"refuse")"));
+    replace(R"(,"version":"3","tag":"refuse")");
     ASSERT_TRUE(eventually([&] {
         MutexLock lock(mutex);
         return said.find("no room for the graph") != std::string::npos;

@@ -16,8 +16,7 @@ namespace ssl = boost::asio::ssl;
 class TlsTest : public GatewayTest {
  protected:
     void SetUp() override {
-        const std::string tensor = R"({"name":"i","datatype":"UINT8","shape":[4]})";
-        dir.write("m.json", describe(tensor, tensor));
+        describeModel("m");
         serve();
     }
     // A certificate of its own, as NAME.crt and NAME.key.
@@ -63,9 +62,7 @@ TEST_F(TlsTest, RequestsComeByTls) {
         asio::read_until(peer, asio::dynamic_buffer(text), "]}", error);
         return text;
     };
-    const std::string request =
-        post(R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],"data":[1,2,3,4]}]})",
-             "Expect: 100-continue\r\n");
+    const std::string request = post(kOk, "Expect: 100-continue\r\n");
     for (const char each : request) asio::write(peer, asio::buffer(&each, 1));
     EXPECT_THAT(answer(), AllOf(StartsWith("HTTP/1.1 100"), HasSubstr(R"("data":[2,3,4,5])")));
 

@@ -1,7 +1,5 @@
 #include "tools/kelmctl/EventFollower.h"
 
-#include <future>
-
 #include "fakes/ListenOn.h"
 
 namespace kelm::ctl {

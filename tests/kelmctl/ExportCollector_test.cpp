@@ -1,11 +1,5 @@
 #include "tools/kelmctl/export/ExportCollector.h"
 
-#include <gmock/gmock.h>
-
-#include <fstream>
-#include <set>
-#include <sstream>
-
 #include "tools/kelmctl/export/Metrics.h"
 
 namespace kelm::ctl {

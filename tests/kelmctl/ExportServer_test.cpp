@@ -1,14 +1,10 @@
 #include "tools/kelmctl/export/ExportServer.h"
 
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 
 #include <cerrno>
-#include <optional>
-#include <stdexcept>
 
-#include "fakes/Eventually.h"
 #include "tools/kelmctl/UsageError.h"
 #include "utils/UniqueFd.h"
 

@@ -1,8 +1,5 @@
 #include "tools/kelmctl/PortArrivals.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace kelm::ctl {
 namespace {
 

@@ -4,7 +4,6 @@
 
 #include "fakes/TestRequest.h"
 #include "managers/ManagersFixture.h"
-#include "protocol/src/KelmProtocol.h"
 
 namespace kelm {
 namespace {
@@ -59,8 +58,7 @@ TEST_F(ClientManagerTest, RecordLeavesItsSocketToTheOthersOnIt) {
 }
 
 TEST_F(ClientManagerTest, RegistrationThatWaitsBehindAHangUpMakesNoRecord) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     constexpr int kNumber = ServiceInProcess::kFirstClientNumber;
     const auto connection = IPC::ConnectionBase::findConnection(kNumber);
     ASSERT_TRUE(connection);
@@ -75,8 +73,7 @@ TEST_F(ClientManagerTest, RegistrationThatWaitsBehindAHangUpMakesNoRecord) {
 
 // The peer is there still: what was seen is the end of its requests.
 TEST_F(ClientManagerTest, ConnectionWhoseHangUpWasSeenCarriesNothingMore) {
-    start();
-    WireClient mute = connect("mute");
+    WireClient mute = startAndConnect("mute");
     constexpr int kNumber = ServiceInProcess::kFirstClientNumber;
     ASSERT_EQ(mute.flood(mute.makeInfer(999), 2000), 2000);  // its sender stands still
     ClientManager::instance().closeClient(kNumber);
@@ -98,8 +95,7 @@ TEST_F(ClientManagerTest, ConnectionWithTooManyClientsIsClosedWithAllOfThem) {
 
 // No thread can be made whose stack is larger than the address space.
 TEST_F(ClientManagerTest, ClientWithoutAThreadForItsAnswersIsClosed) {
-    start();
-    WireClient early = connect("early");
+    WireClient early = startAndConnect("early");
     pthread_attr_t usual;
     ASSERT_EQ(::pthread_getattr_default_np(&usual), 0);
     pthread_attr_t huge = usual;
@@ -116,8 +112,7 @@ TEST_F(ClientManagerTest, ClientWithoutAThreadForItsAnswersIsClosed) {
 
 TEST_F(ClientManagerTest, RequestsSentAheadOfUnregisterAreAnswered) {
     constexpr int kQueries = 90;  // most of which wait for the printer while the departure passes
-    start();
-    WireClient client = connect("hasty");
+    WireClient client = startAndConnect("hasty");
     const auto query = client.make<KelmMsgReqQueryStatus>(KELM_MESSAGE_QUERY_STATUS_REQ, 31);
     EXPECT_EQ(client.flood(query, kQueries), kQueries);
     EXPECT_TRUE(client.send(client.make<KelmMsgReqUnregister>(KELM_MESSAGE_UNREGISTER_REQ)));

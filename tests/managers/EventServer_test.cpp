@@ -2,15 +2,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "fakes/Eventually.h"
 #include "fakes/SocketChannel.h"
-#include "fakes/TempDir.h"
 
 namespace kelm {
 namespace {
 
-using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 using Json = nlohmann::json;
 
 class Reader : public RawPeer {

@@ -88,8 +88,7 @@ TEST_F(GraphManagerTest, PathsThatAreNoGraphFileAreRefusedUnread) {
 }
 
 TEST_F(GraphManagerTest, GraphWithoutMemoryForItIsAnsweredAndItsClientGoesOn) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     const GraphWish small{"blob"};
     const GraphWish large{std::string(3 << 20, 'g'), "large"};
     const GraphWish file = fromFile(writeSparse("file", 3 << 20));
@@ -170,8 +169,7 @@ TEST_F(GraphManagerTest, ReadingStopsWhenItsClientVanishesOrTheServiceEnds) {
 }
 
 TEST_F(GraphManagerTest, ConnectionFarAheadOfItsFilesIsNotReadAndKeepsItsOrder) {
-    start();
-    WireClient ahead = connect();
+    WireClient ahead = startAndConnect();
     constexpr uint64_t kSize = 256 << 20;
     const std::string huge = writeSparse("huge", kSize);
     const uint64_t before = bytesRead();
@@ -282,8 +280,7 @@ TEST_F(GraphManagerTest, DumpIsAFileInItsDirectoryWhateverTheGraphIsCalled) {
 
 // Each of them sends a notice to the pool that is busy with them, whose queue is shorter.
 TEST_F(GraphManagerTest, BurstOfCreatesThatFailAtOnceDoesNotStandStill) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     constexpr int kRequests = 300;
     for (int i = 0; i < kRequests; ++i) {
         client.sendCreateGraph({std::to_string(i), "graph", "", "", i % 2 == 0 ? 7 : -77});
@@ -294,8 +291,7 @@ TEST_F(GraphManagerTest, BurstOfCreatesThatFailAtOnceDoesNotStandStill) {
 }
 
 TEST_F(GraphManagerTest, EndIsNotHeldUpByADeviceThatDoesNotUnload) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     EXPECT_EQ(client.createGraph({"blob"}).head.status, KELM_OK);
     device().block(DeviceCall::Deallocate);
     auto ended = std::async(std::launch::async, [] { GraphManager::instance().removeAllGraphs(); });

@@ -36,8 +36,7 @@ bool isUsed(const Status& status, const Section& section) {
 }
 
 TEST_F(InfoPrinterTest, EachBitFillsItsSectionsAndNoOther) {
-    start();
-    WireClient idle = connect("idle");
+    WireClient idle = startAndConnect("idle");
     WireClient busy = connect("busy");
     ASSERT_NE(idle.createGraph({"another blob", "of idle"}).graphId, 0U);
     const uint64_t graph = busy.createGraph({"a blob", "of busy"}).graphId;

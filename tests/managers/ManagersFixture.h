@@ -35,6 +35,13 @@ class DescriptorProbe {
 // The service in this process, whose managers a case can ask.
 class ManagersFixture : public ServiceFixture<ServiceInProcess> {
  protected:
+    // `sections` are members of the configuration.
+    virtual void start(const std::string& sections = "") { ServiceFixture::start(sections); }
+    // Starts the service and returns its first client.
+    WireClient startAndConnect(const std::string& name = "client") {
+        start();
+        return connect(name);
+    }
     WireClient connect(const std::string& name = "client") const {
         WireClient client(path(), name);
         EXPECT_NE(client.id(), 0U);
@@ -54,8 +61,7 @@ class ManagersFixture : public ServiceFixture<ServiceInProcess> {
 // The same on one device that does what the case says.
 class ScriptedFixture : public ManagersFixture {
  protected:
-    // `sections` are members of the configuration.
-    void start(const std::string& sections = "") {
+    void start(const std::string& sections = "") override {
         ManagersFixture::start(sections + (sections.empty() ? "" : ", ") +
                                R"("fake_device_settings": {"fake_device_number": 1})");
     }

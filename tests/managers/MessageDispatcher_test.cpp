@@ -28,8 +28,7 @@ class MessageDispatcherTest : public ManagersFixture {
 };
 
 TEST_F(MessageDispatcherTest, MessageThatIsNoRequestClosesItsSenderOnly) {
-    start();
-    WireClient honest = connect();
+    WireClient honest = startAndConnect();
     const auto sendNone = [&](auto message, KelmMsgType type) {
         WireClient hostile(path());
         (void)hostile.send(hostile.make<decltype(message)>(type));
@@ -50,8 +49,7 @@ TEST_F(MessageDispatcherTest, TextWithoutEndIsCutAtItsField) {
 }
 
 TEST_F(MessageDispatcherTest, HostileClientHarmsNeitherTheServiceNorAnotherClient) {
-    start();
-    WireClient honest = connect("honest");
+    WireClient honest = startAndConnect("honest");
     const uint64_t graph = honest.createGraph({"graph of the honest"}).graphId;
     const size_t before = descriptors();
     {  // wants no answers
@@ -109,8 +107,7 @@ TEST_F(MessageDispatcherTest, ConnectionThatAskedToLeaveIsNotReadAndFreedWhenItC
 }
 
 TEST_F(MessageDispatcherTest, RunningOutOfNumbersTurnsAwayNewClientsOnly) {
-    start();
-    WireClient working = connect();
+    WireClient working = startAndConnect();
     std::vector<std::shared_ptr<IPC::ConnectionUDS>> taken;
     const auto takeAll = [&taken] {
         while (auto connection = IPC::ConnectionUDS::tryMake(nullptr)) taken.push_back(connection);
@@ -140,8 +137,7 @@ TEST_F(MessageDispatcherTest, RunningOutOfNumbersTurnsAwayNewClientsOnly) {
 
 #ifndef __SANITIZE_ADDRESS__  // that sanitizer opens descriptors for its own checks
 TEST_F(MessageDispatcherTest, RunningOutOfDescriptorsDelaysNewClientsOnly) {
-    start();
-    WireClient early = connect();
+    WireClient early = startAndConnect();
     rlimit limit = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     rlimit none = limit;

@@ -5,7 +5,6 @@
 #include "managers/Backlog.h"
 #include "managers/ClientSender.h"
 #include "managers/ManagersFixture.h"
-#include "protocol/src/KelmProtocol.h"
 #include "protocol/src/MessagePtr.h"
 #include "records/KelmClient.h"
 
@@ -16,8 +15,7 @@ using ResultDispatcherTest = ManagersFixture;
 
 TEST_F(ResultDispatcherTest, TaskWithoutResponseIsSilentAndHoldsUpNoDeparture) {
     constexpr int kSilent = 20;
-    start();
-    WireClient client = connect("terse");
+    WireClient client = startAndConnect("terse");
     const uint64_t graph = client.createGraph({"a blob"}).graphId;
     auto infer = client.makeInfer(graph);
     infer.head.needResponse = 0;
@@ -37,8 +35,7 @@ TEST_F(ResultDispatcherTest, TaskWithoutResponseIsSilentAndHoldsUpNoDeparture) {
 }
 
 TEST_F(ResultDispatcherTest, ResponseEchoesTheRequest) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     auto request = client.make<KelmMsgReqDestroyGraph>(KELM_MESSAGE_DESTROY_GRAPH_REQ);
     request.head.reqSeqNo = 42;
     // What the client calls its prepared buffers comes back in its place, addresses untouched.
@@ -60,8 +57,7 @@ TEST_F(ResultDispatcherTest, ResponseEchoesTheRequest) {
 
 // No client had the id when the request was refused; one has it when the answer leaves.
 TEST_F(ResultDispatcherTest, RefusedUnregisterTakesNoAnswersFromANewClient) {
-    start();
-    WireClient client = connect("new");
+    WireClient client = startAndConnect("new");
     KelmMsgReqUnregister unregister{};
     unregister.clientId = client.id();
     constexpr int kRounds = 20;
@@ -77,8 +73,7 @@ TEST_F(ResultDispatcherTest, RefusedUnregisterTakesNoAnswersFromANewClient) {
 }
 
 TEST_F(ResultDispatcherTest, ResetIsAnsweredByTheRuleOfTheDevices) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     auto request = client.make<KelmMsgReqResetDevice>(KELM_MESSAGE_RESET_DEVICE_REQ);
     for (const bool all : {true, false}) {
         request.deviceId = 99;

@@ -61,8 +61,7 @@ TEST_F(TaskManagerTest, RefusedRequestGivesItsDescriptorsBack) {
 }
 
 TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     WireClient other = connect();
     device().block(DeviceCall::Allocate);
     client.sendCreateGraph({"blob"});
@@ -90,8 +89,7 @@ TEST_F(TaskManagerTest, CancelAndStatusAnswerByWhereTheTaskIs) {
 
 // Deliberate: a cancel only takes tasks out of queues.
 TEST_F(TaskManagerTest, CancelLetsATaskOnADeviceRunToItsEnd) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     const uint64_t graph = client.createGraph({"blob"}).graphId;
     device().block(DeviceCall::LoadTensor);
     DescriptorProbe input;
@@ -106,8 +104,7 @@ TEST_F(TaskManagerTest, CancelLetsATaskOnADeviceRunToItsEnd) {
 }
 
 TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
-    start();
-    WireClient leaver = connect();
+    WireClient leaver = startAndConnect();
     WireClient stayer = connect();
     const uint64_t graph = share(leaver, stayer);
     device().block(DeviceCall::LoadTensor);
@@ -133,8 +130,7 @@ TEST_F(TaskManagerTest, GivingUpASharedGraphCancelsOnlyThatClientsTasks) {
 }
 
 TEST_F(TaskManagerTest, SecondShareGivenUpSparesTasksMadeSinceTheFirst) {
-    start();
-    WireClient stayer = connect();
+    WireClient stayer = startAndConnect();
     WireClient leaver = connect();
     const uint64_t graphs[] = {share(leaver, stayer, "a"), share(leaver, stayer, "b"),
                                leaver.createGraph({"c"}).graphId};
@@ -152,8 +148,7 @@ TEST_F(TaskManagerTest, SecondShareGivenUpSparesTasksMadeSinceTheFirst) {
 
 // The client gives up a share, and makes and leaves a task before the canceled one has ended.
 TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
-    start();
-    WireClient stayer = connect();
+    WireClient stayer = startAndConnect();
     WireClient leaver = connect();
     const uint64_t graph = share(stayer, leaver);
     device().block(DeviceCall::LoadTensor);
@@ -178,8 +173,7 @@ TEST_F(TaskManagerTest, DepartureWaitsForTasksMadeAfterASharedGraphWasGivenUp) {
 }
 
 TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerLeaveBeforeTheRecordDoes) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     WireClient sibling = connect();
     const uint64_t graph = client.createGraph({"blob"}).graphId;
     device().block(DeviceCall::LoadTensor);
@@ -202,8 +196,7 @@ TEST_F(TaskManagerTest, AnswersBehindTheUnregisterAnswerLeaveBeforeTheRecordDoes
 }
 
 TEST_F(TaskManagerTest, VanishedClientTakesItsTasksAlongWhereverTheyAre) {
-    start();
-    WireClient client = connect();
+    WireClient client = startAndConnect();
     const uint64_t graph = client.createGraph({"blob"}).graphId;
     device().block(DeviceCall::LoadTensor);
     constexpr int kTasks = 40;  // on the device, in the workers and in the queue

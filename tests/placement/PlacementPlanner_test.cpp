@@ -1,7 +1,5 @@
 #include "scheduling/placement/PlacementPlanner.h"
 
-#include <gmock/gmock.h>
-
 #include "fakes/PlacementMoves.h"
 #include "scheduling/placement/DemandEstimator.h"
 
@@ -83,8 +81,6 @@ MATCHER_P4(IsMove, action, reason, graph, device, "") {
     return arg.action == action && arg.reason == reason && arg.graph == graph &&
            arg.device == device;
 }
-using ::testing::ElementsAre;
-using ::testing::UnorderedElementsAre;
 using enum PlacementAction;
 using enum PlacementReason;
 

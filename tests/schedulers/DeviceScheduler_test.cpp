@@ -1,4 +1,3 @@
-#include "fakes/Recorded.h"
 #include "schedulers/SchedulerRig.h"
 #include "scheduling/devices/DeviceSchedulerActive.h"
 #include "scheduling/devices/DeviceSchedulerAdaptive.h"

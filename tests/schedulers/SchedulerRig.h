@@ -2,8 +2,6 @@
 
 #include <type_traits>
 
-#include "execution/TaskExchange.h"
-#include "execution/WorkThread.h"
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskExchange.h"
 #include "fakes/ScriptedDevice.h"

@@ -3,7 +3,6 @@
 #include "fakes/ListenOn.h"
 #include "fakes/ServiceFixture.h"
 #include "fakes/ServiceProcess.h"
-#include "protocol/src/KelmError.h"
 #include "system/CommandProcess.h"
 
 namespace kelm {

@@ -49,48 +49,38 @@ TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
     };
     const struct {
         const char* scene;
-        int status;
         std::vector<std::string> lines;  // each a part of one
         std::function<void()> enter;
     } rows[] = {
         {"all is well",
-         0,
          {"ok       socket: process " + std::to_string(service().pid()) + " (kelmdaemon)",
           "ok       inference: 36000 bytes there"},
          [] {}},
         {"segments of the dead",
-         0,
          {"warning  stale segments: ", "kelmctl infer"},
          [&] { segment = leaveSegment(); }},
         {"no sticky bit",
-         0,
          {"warning  run directory:", "chmod +t"},
          [&] { ::chmod(runDir.c_str(), 0777); }},
         {"a lock is removed",
-         1,
          {"problem  lock: " + lock("service_alive") + " is not there; ", "start the service again"},
          [&] { ::rename(lock("service_alive").c_str(), aside.c_str()); }},
         {"a client starts the service",
-         0,
          {"warning  lock: " + lock("start_exit") + " is held by " + self, "end that process"},
          [&] {
              held.reset(::open(lock("start_exit").c_str(), O_RDONLY | O_CLOEXEC));
              ::flock(held.get(), LOCK_EX);
          }},
         {"the service hangs",
-         1,
          {"problem  socket: process", "no answer", "problem  lock: " + lock("service_ready")},
          [&] { service().signal(SIGSTOP); }},
         {"findings",
-         0,
          {"warning  configuration: 1 findings; see kelmctl config check"},
          [&] { service().files().write("home/.kelm_service.config", R"({"x": 1})"); }},
         {"no directory",
-         1,
          {"problem  run directory: " + aside, "problem  socket: ", "start kelmdaemon"},
          [&] { ::setenv("KELM_RUN_DIR", aside.c_str(), 1); }},
         {"accelerators, of which there are none",
-         1,
          {"warning  configuration: KELM_INSTALL_DIR is not set",
           "problem  library: libtevo-kelm.so.0", "problem  device: no ", " port: "},
          [&] {
@@ -100,6 +90,8 @@ TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.scene);
         std::string text;
+        const bool isProblem = std::ranges::any_of(
+            row.lines, [](const std::string& line) { return line.starts_with("problem"); });
         const auto tells = [&text](const std::string& line) {
             return text.find(line) != text.npos;
         };
@@ -107,7 +99,7 @@ TEST_F(DoctorTest, TellsWhatIsWrongAndWhatToDo) {
         (void)eventually([&] {
             row.enter();
             const ShellCommand command(KELM_CTL " doctor --timeout 1");
-            EXPECT_EQ(command.status, row.status);
+            EXPECT_EQ(command.status, isProblem ? 1 : 0);
             restore();
             text = command.output;
             return std::ranges::all_of(row.lines, tells);

@@ -1,5 +1,3 @@
-#include "config/ServiceConfigParser.h"
-#include "execution/WorkThread.h"
 #include "fakes/FakeClientDirectory.h"
 #include "fakes/FakeInfoCollector.h"
 #include "fakes/FakeTaskExchange.h"
@@ -91,20 +89,6 @@ TEST_F(TaskSchedulerTest, TasksThatNoDeviceServesAreToldAndSoIsABacklogOnce) {
     for (int i = 0; i < 30; ++i) scheduler.scheduleTask(makeTask());
     EXPECT_EQ(starving.calls, 3);
     EXPECT_EQ(graph->getArrivals(), 32u);
-}
-
-TEST_F(TaskSchedulerTest, WorkerThatComesBetweenLookAndQueueGetsTheTask) {
-    TaskSchedulerPolling scheduler("TS.Polling");
-    for (const bool returned : {false, true}) {
-        SCOPED_TRACE(returned);
-        KelmTask* const task = makeTask();
-        clients.onNextSearch([&] { scheduler.scheduleWorker(&worker, graph.get()); });
-        returned ? scheduler.rescheduleTask(task) : scheduler.scheduleTask(task);
-        ASSERT_FALSE(delivered().empty());
-        EXPECT_EQ(delivered().back(), task);
-        EXPECT_EQ(scheduler.getNumWaitTasks(), 0u);
-        EXPECT_EQ(graph->getNumWaitTasks(), 0u);
-    }
 }
 
 TEST_F(TaskSchedulerTest, ReturnedTaskIsServedFirst) {
