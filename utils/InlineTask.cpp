@@ -13,8 +13,10 @@ void InlineTask::runLogged(const std::string& pool) {
         (*this)();
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a task of pool %s ended with an exception: %s", pool, error.what());
+        reset();  // here, so that what it captured knows of the exception
     } catch (...) {
         LOG_ERROR("Error: a task of pool %s ended with an unknown exception", pool);
+        reset();
     }
 }
 

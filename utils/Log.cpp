@@ -5,6 +5,7 @@
 #include <new>
 #include <sstream>
 
+#include "utils/MemoryReserve.h"
 #include "utils/ThreadUtils.h"
 #include "utils/TimeHelper.h"
 
@@ -56,6 +57,7 @@ void Log::setLog4cppInitFile(const std::string&) {}
 void Log::writeLine(LogLevel level, const char* tag, const char* file, int64_t line,
                     const char* object, const char* format, std::span<const FormatArg> args) {
     MutexLock lock(m_mutex);
+    const MemoryReserve::Patience patience(MemoryReserve::kNoWait);  // with the mutex held
     try {
         std::cout << makeLine(level, tag, file, line, object, format, args);
     } catch (const std::bad_alloc&) {

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <new>
+#include <thread>
+#include <utility>
 
 #include "utils/Log.h"
 
@@ -17,11 +19,24 @@ using Clock = std::chrono::steady_clock;
 std::atomic<void*> g_block{nullptr};
 std::atomic<Clock::rep> g_nextAttempt{0};
 
+constexpr std::chrono::milliseconds kPause{10};
+
+struct Wait {
+    std::chrono::milliseconds limit = MemoryReserve::kUsualWait;
+    Clock::time_point begin;
+    Clock::time_point lastPause;
+};
+thread_local Wait t_wait;
+
 // `new` tries again after it has returned.
 void giveUp() {
-    void* const block = g_block.exchange(nullptr);
-    if (block == nullptr) throw std::bad_alloc();
-    std::free(block);
+    if (void* const block = g_block.exchange(nullptr)) return std::free(block);
+    // The calls of one `new` follow each other closely.
+    const auto now = Clock::now();
+    if (now - t_wait.lastPause > 10 * kPause) t_wait.begin = now;
+    if (now - t_wait.begin >= t_wait.limit) throw std::bad_alloc();
+    std::this_thread::sleep_for(kPause);
+    t_wait.lastPause = Clock::now();
 }
 
 // Never touched: it takes part of what the process may have, and no memory.
@@ -54,5 +69,9 @@ void MemoryReserve::renew() {
             "container");
     }
 }
+
+MemoryReserve::Patience::Patience(std::chrono::milliseconds limit)
+    : m_before(std::exchange(t_wait.limit, limit)) {}
+MemoryReserve::Patience::~Patience() { t_wait.limit = m_before; }
 
 }  // namespace kelm

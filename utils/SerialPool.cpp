@@ -4,6 +4,7 @@
 
 #include "utils/Chaos.h"
 #include "utils/Futex.h"
+#include "utils/MemoryReserve.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -26,7 +27,8 @@ constexpr size_t kSlotsToKeep = 1024;
 
 }  // namespace
 
-// A help: the thread passes for the pool's own, also in the log and to what asserts its thread.
+// A help: the thread passes for the pool's own, also in the log, to what asserts its thread, and
+// where memory is missing.
 class SerialPool::Turn : public NonCopyable {
  public:
     explicit Turn(SerialPool& pool) : m_identity(pool.m_threadId.load()) {
@@ -37,6 +39,7 @@ class SerialPool::Turn : public NonCopyable {
  private:
     const Current m_before = t_current;
     const ThreadUtils::BorrowedId m_identity;
+    const MemoryReserve::Patience m_patience{MemoryReserve::kUsualWait};
 };
 
 SerialPool::SerialPool(std::string name, uint64_t maxQueueSize, Weight weight)

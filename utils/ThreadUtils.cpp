@@ -10,6 +10,7 @@
 #endif
 
 #include <array>
+#include <cstdio>
 
 #include "utils/Mutex.h"
 #include "utils/PlainFile.h"
@@ -71,10 +72,11 @@ void ThreadUtils::saveThreadInfo(const std::string& name) {
     const kelm::UniqueFd file =
         kelm::PlainFile::open("thread.info", kFlags | (counter == 0 ? O_TRUNC : O_APPEND), 0644,
                               kelm::PlainFile::Owner::THIS_USER);
-    const std::string line = "[" + std::to_string(counter) +
-                             "] threadId=" + std::to_string(getThreadId()) + " threadName=" + name +
-                             "\n";
+    // For people only: a full disk costs the line. Without memory of its own, since an exception at
+    // the start of a thread would end the process.
+    if (file) {
+        (void)::dprintf(file.get(), "[%lu] threadId=%d threadName=%s\n", counter, getThreadId(),
+                        name.c_str());
+    }
     ++counter;
-    // For people only: a full disk costs the line.
-    if (file && ::write(file.get(), line.data(), line.size()) < 0) return;
 }

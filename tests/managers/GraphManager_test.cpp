@@ -4,6 +4,7 @@
 #include "fakes/FakeGraphPlacementListener.h"
 #include "fakes/FakeTaskScheduleListener.h"
 #include "managers/GraphBlob.h"
+#include "managers/GraphRegistry.h"
 #include "managers/ManagersFixture.h"
 #include "managers/TaskManager.h"
 #include "utils/PeerCredentials.h"
@@ -103,6 +104,18 @@ TEST_F(GraphManagerTest, GraphWithoutMemoryForItIsAnsweredAndItsClientGoesOn) {
         EXPECT_NE(client.createGraph(small).graphId, 0U);
     }
     EXPECT_TRUE(client.infers(client.createGraph(large).graphId));
+}
+
+TEST(GraphRegistryTest, RecordThatFindsNoMemoryLeavesNoName) {
+    GraphRegistry registry(9, false);
+    for (const size_t want : {1, 64}) {  // a name's node is smaller than a record's
+        auto record = std::make_unique<KelmGraph>(7, 1, "graph", 1);
+        {
+            const NoMemoryFrom none(want);
+            EXPECT_THROW((void)registry.enter(std::move(record)), std::bad_alloc);
+        }
+        EXPECT_EQ(registry.find(7), nullptr);
+    }
 }
 
 TEST_F(GraphManagerTest, OneFileIsReadAtATimeAndClientsTakeTurns) {

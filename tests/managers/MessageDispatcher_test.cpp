@@ -2,7 +2,9 @@
 
 #include <sys/resource.h>
 
+#include "fakes/TestRequest.h"
 #include "managers/ManagersFixture.h"
+#include "records/KelmClient.h"
 
 namespace kelm {
 namespace {
@@ -37,6 +39,24 @@ TEST_F(MessageDispatcherTest, MessageThatIsNoRequestClosesItsSenderOnly) {
     sendNone(KelmMsgRsp{}, KELM_MESSAGE_REGISTER_RSP);
     sendNone(KelmMsgEvtTaskDone{}, KELM_MESSAGE_TASK_DONE_EVT);
     EXPECT_TRUE(honest.unregister());
+}
+
+// Its client would wait for the answer for ever.
+TEST_F(MessageDispatcherTest, RequestThatAnExceptionEndsTakesItsConnectionWithIt) {
+    start();
+    KelmMsgReqQueryStatus status{};
+    status.head.needResponse = 1;
+    for (const bool fails : {false, true}) {
+        const WireClient client = connect("unlucky");
+        const int socket = ClientManager::instance().getClientById(client.id())->getSocket();
+        InlineTask job(
+            [fails, request = makeRequest(KELM_MESSAGE_QUERY_STATUS_REQ, status, socket)] {
+                if (fails) throw std::bad_alloc();
+            });
+        job.runLogged("any");
+        job.reset();
+        EXPECT_EQ(client.waitClosed(fails ? WireClient::kPatience : 10ms), fails);
+    }
 }
 
 TEST_F(MessageDispatcherTest, TextWithoutEndIsCutAtItsField) {

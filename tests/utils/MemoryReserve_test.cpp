@@ -8,16 +8,24 @@
 namespace kelm {
 namespace {
 
+using namespace std::chrono_literals;
+using Blocks = std::vector<std::unique_ptr<char[]>>;
+
 constexpr size_t kBlock = 64 << 10;
 
-// What `new` gives until it fails; all of it is freed.
-size_t countBytes() {
-    std::vector<std::unique_ptr<char[]>> blocks;
-    blocks.reserve(1024);
+// What `new` gives until it fails.
+void takeAll(Blocks& blocks) {
+    const MemoryReserve::Patience none(MemoryReserve::kNoWait);
     try {
         while (blocks.size() < blocks.capacity()) blocks.emplace_back(new char[kBlock]);
     } catch (const std::bad_alloc&) {
     }
+}
+
+size_t countBytes() {
+    Blocks blocks;
+    blocks.reserve(1024);
+    takeAll(blocks);
     return blocks.size() * kBlock;
 }
 
@@ -40,6 +48,28 @@ TEST(MemoryReserveTest, IsGivenUpWhenMemoryIsMissingAndTakenBackLater) {
         const size_t second = countBytes();
         constexpr size_t kMost = MemoryReserve::kBytes / 2;
         std::_Exit(first > kMost && second > kMost ? 0 : 1);
+    };
+    EXPECT_EXIT(play(), testing::ExitedWithCode(0), "");
+}
+
+TEST(MemoryReserveTest, WaitsUntilMemoryIsFreed) {
+    const auto play = [] {
+        MemoryReserve::install();
+        Blocks all;
+        all.reserve(1024);
+        std::atomic<bool> isTaken = false;
+        std::atomic<bool> isFree = false;
+        std::thread([&] {
+            while (!isTaken) std::this_thread::sleep_for(1ms);
+            std::this_thread::sleep_for(100ms);
+            isFree = true;
+            all.clear();
+        }).detach();
+        endGrowth();
+        takeAll(all);
+        isTaken = true;
+        const auto block = std::make_unique<char[]>(kBlock);
+        std::_Exit(isFree && block ? 0 : 1);
     };
     EXPECT_EXIT(play(), testing::ExitedWithCode(0), "");
 }

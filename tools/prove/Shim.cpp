@@ -1,6 +1,6 @@
 // Preloaded into a service that is to starve: what its file says decides whether threads can be
-// started and how far the wall clock is off. The file has two numbers of 8 bytes: seconds, and not
-// 0 for no threads.
+// started, how far the wall clock is off, and how often `new` finds no memory. The file has three
+// numbers of 8 bytes: seconds, not 0 for no threads, and N where one `new` in N finds none.
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -13,16 +13,18 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 
 namespace {
 
 struct Controls {
     volatile int64_t seconds;
     volatile uint64_t noThreads;
+    volatile uint64_t scarcity;
 };
 
 const Controls* findControls() {
-    static const Controls none{0, 0};
+    static const Controls none{0, 0, 0};
     const char* const path = ::getenv("KELM_PROVE_SHIM");
     const int file = path != nullptr ? ::open(path, O_RDONLY | O_CLOEXEC) : -1;
     if (file < 0) return &none;
@@ -41,7 +43,32 @@ Function next(const char* name) {
     return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
 }
 
+// By a sequence of each thread's own (xorshift), since a common one would be a place to meet.
+bool findsNone(uint64_t scarcity) {
+    thread_local uint64_t state = static_cast<uint64_t>(::gettid()) * 0x9e3779b97f4a7c15U;
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    return state % scarcity == 0;
+}
+
 }  // namespace
+
+// The handler is asked twice: the first time it may have something in reserve.
+void* operator new(size_t size) {
+    const uint64_t scarcity = controls().scarcity;
+    int failures = scarcity != 0 && findsNone(scarcity) ? 2 : 0;
+    for (;;) {
+        void* const block = failures-- > 0 ? nullptr : std::malloc(size);
+        if (block != nullptr) return block;
+        const std::new_handler handler = std::get_new_handler();
+        if (handler == nullptr) throw std::bad_alloc();
+        handler();
+    }
+}
+
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, size_t) noexcept { std::free(block); }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*routine)(void*), void* argument) {

@@ -14,7 +14,7 @@ import campaigns
 import fuzzing
 import races
 from host import Campaign, Found, Variant
-from starved import starved
+from starved import scarce, starved
 
 VARIANTS = (Variant("squeeze2", "polling"), Variant("adaptive", "balanced"))
 FULL_MINUTES = 300.0
@@ -36,6 +36,7 @@ CAMPAIGNS: Dict[str, Row] = {
     "devices-lost": Row(limited(campaigns.devices_lost, 1000), 30, 1000, True),
     "service-killed": Row(limited(campaigns.service_killed, 500), 12, 500, True),
     "starved": Row(limited(starved, 180), 8, 180, True),
+    "scarce": Row(limited(scarce, 2000), 8, 2000, True),
     "stopped": Row(limited(campaigns.stopped, 2000), 25, 2000, True),
     "day": Row(limited(campaigns.day, 100_000_000), 60, 100_000_000, True),
     "races": Row(races.races, 15, 0, False),

@@ -26,7 +26,17 @@ SHIM = BIN / "tools/prove/libkelm-prove-shim.so"
 STARVE_SECONDS = 1.5
 MOST_CPU = 0.5  # of a core, for a service that starves and has four clients of 1 ms
 DAY = 86400
+SCARCITY = 60
 LARGE = 64 << 20  # bytes of a graph for which there is no memory
+
+
+def write_controls(path: Path, seconds: int, no_threads: int, scarcity: int) -> None:
+    """For the shim, in place: it has the file mapped."""
+    if not path.exists():
+        path.write_bytes(bytes(24))
+    with open(path, "r+b") as file:
+        for number in (seconds, no_threads, scarcity):
+            file.write(number.to_bytes(8, "little", signed=True))
 
 
 class Starving:
@@ -51,11 +61,7 @@ class Starving:
 
     def set_shim(self, seconds: int, no_threads: bool) -> None:
         """Read by the shim at each of its calls."""
-        if not self.controls.exists():
-            self.controls.write_bytes(bytes(16))
-        with open(self.controls, "r+b") as file:
-            file.write(seconds.to_bytes(8, "little", signed=True))
-            file.write(no_threads.to_bytes(8, "little"))
+        write_controls(self.controls, seconds, int(no_threads), 0)
 
     def newcomer(self, graph: Path) -> int:
         """Status of a client that connects, loads, and runs some tasks."""
@@ -167,3 +173,45 @@ def starved(campaign: Campaign, limit: int) -> None:
         if starving is not None:
             starving.service.close()
             subprocess.run(["umount", "-l", starving.disk], check=False)
+
+
+def scarce(campaign: Campaign, limit: int) -> None:
+    """One `new` in 60 finds no memory, while clients come and go: whoever is hit is told."""
+    graphs = write_graphs(campaign.work, micros=500)
+    service = Service(campaign, on_bus=False, fake_device_settings={
+        "load_tensor_latency": 0, "get_result_latency": 0})
+    controls = campaign.work / "shim"
+    write_controls(controls, 0, 0, 0)
+    refused = 0
+    try:
+        service.start(LD_PRELOAD=str(SHIM), KELM_PROVE_SHIM=str(controls))
+        checkers = Checkers(campaign, 4, graphs[:4], "--unchecked", "--reconnect", "--patient")
+        checkers.wait_until_all_gain("at first")
+        before = service.settled_figures()
+        write_controls(controls, 0, 0, SCARCITY)
+        while campaign.more(limit) and service.is_running():
+            campaign.runs += 1
+            graph = graphs[campaign.random.randrange(4, len(graphs))]
+            client = Client(campaign, "newcomer", [graph], "--unchecked", "--tasks", "20",
+                            "--deadline-ms", "8000")
+            try:
+                refused += client.process.wait(PATIENCE) != 0
+            except subprocess.TimeoutExpired:
+                campaign.find(f"a newcomer hangs: {client.show()}")
+                client.kill()
+            told = client.counts.unanswered == 0 and "TIMEOUT" not in client.said()
+            campaign.require(told, f"a newcomer is not told: {client.show()}")
+            client.drop()
+        write_controls(controls, 0, 0, 0)
+        if not service.is_running():
+            raise Found(f"the service has ended: {service.keep_log()}")
+        checkers.wait_until_all_gain("with memory again")
+        lost = checkers.sum("lost")
+        checkers.finish(may_fail=True, may_lose=True)
+        campaign.require(checkers.sum("unanswered") == 0, f"not told: {checkers.show()}")
+        after = service.settled_figures()
+        campaign.tell(f"{refused} newcomers refused, {checkers.sum('right')} results of the others "
+                      f"right, {lost} lost with their connections; {before}, then {after}")
+        service.stop()
+    finally:
+        service.close()

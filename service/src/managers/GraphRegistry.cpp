@@ -47,8 +47,13 @@ std::vector<KelmGraph*> GraphRegistry::getNamed() const {
 
 KelmGraph* GraphRegistry::enter(std::unique_ptr<KelmGraph> record) {
     KelmGraph* const graph = record.get();
-    m_named.emplace(graph->getId(), graph);
-    m_entries.emplace(graph, Entry{std::move(record)});
+    const auto entry = m_entries.emplace(graph, Entry{std::move(record)}).first;
+    try {
+        m_named.emplace(graph->getId(), graph);
+    } catch (...) {
+        m_entries.erase(entry);
+        throw;
+    }
     ++m_count;
     return graph;
 }

@@ -17,6 +17,7 @@ bool GraphTurns::Job::isDone() {
         return step(request);
     } catch (const std::exception& error) {
         LOG_ERROR("Error: a graph request ended with an exception: %s", error.what());
+        request = Request();  // here, so that it knows of the exception
         return true;
     }
 }

@@ -191,6 +191,8 @@ void MessageDispatcher::listenThreadRoutine() {
     // A share of its own: a thread that was left behind outlives this object's.
     const OwedPools::Scope owing;
     const std::shared_ptr<IPC::Poller> poller = m_poller;
+    // A message for which there is no memory ends its connection, and gives back what it held.
+    const MemoryReserve::Patience patience(MemoryReserve::kNoWait);
     IPC::PollEvent event;
     for (int visit = 0; !m_stop; ++visit) {
         event.clear();

@@ -12,6 +12,8 @@ namespace kelm {
 // A client's request from its receipt until its answer. Code that holds one owes the answer: the
 // calls of the result dispatcher that build answers consume it. If it is destroyed before that, its
 // message and descriptors are released and the log says so in one line, unless no answer is wanted.
+// If that happens for an exception, during it or in its handler, the connection ends as well: the
+// client would wait for ever.
 //
 // Threads: one at a time; a request is handed on by moving it into the next thread's job.
 // Owns: the message, and through it a share of the connection that it came on, whose number is

@@ -14,6 +14,7 @@
 #include "scheduling/devices/UnloadGraphOperation.h"
 #include "utils/ErrorHelper.h"
 #include "utils/Log.h"
+#include "utils/MemoryReserve.h"
 #include "utils/Port.h"
 #include "utils/StepTrace.h"
 #include "utils/TextHelper.h"
@@ -91,6 +92,8 @@ void DeviceSchedulerBase::run() {
     m_onSchedulingThread.assertHeld();
     ThreadUtils::setName(m_name);
     ThreadUtils::saveThreadInfo(m_name);
+    // A pass that ended halfway would leave the plan, the devices and this object at odds.
+    const MemoryReserve::Patience patience(MemoryReserve::kAnyTime);
     schedule();
     MutexLock lock(m_requestMutex);
     m_finished = true;
