@@ -12,7 +12,7 @@ target_link_libraries(kelm_interface PUBLIC kelm_flags PRIVATE kelm_client fmt::
 # Types of the interface are compared with those that programs were built with.
 target_compile_options(kelm_interface PRIVATE -g)
 set_target_properties(kelm_interface PROPERTIES
-    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON UNITY_BUILD ${KELM_UNITY})
 if(KELM_PCH)
     target_precompile_headers(kelm_interface REUSE_FROM kelm_pch)
 endif()

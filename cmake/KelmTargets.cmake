@@ -52,6 +52,14 @@ if(KELM_PCH)
     target_precompile_headers(kelm_pch PRIVATE ${PROJECT_SOURCE_DIR}/cmake/StandardPch.h)
 endif()
 
+# Compiles several files of a folder as one, which takes half the time: for the sanitizers, while the
+# other builds see each file alone. Names without linkage must differ within a folder, too.
+option(KELM_UNITY "Compile the files of a folder together" OFF)
+if(KELM_UNITY)
+    # Warnings about two files that meet only here.
+    target_compile_options(kelm_flags INTERFACE -Wno-subobject-linkage -Wno-shadow)
+endif()
+
 # Collects the sources of some folders, without descending, into `out`.
 function(kelm_sources out)
     cmake_parse_arguments(ARG "" "" "FOLDER;EXCLUDE" ${ARGN})
@@ -66,13 +74,17 @@ function(kelm_sources out)
     set(${out} ${sources} PARENT_SCOPE)
 endfunction()
 
-# kelm_library(name FOLDER dir... [EXCLUDE file...] [DEPENDS target...]): the static library kelm_<name>.
+# kelm_library(name FOLDER dir... [EXCLUDE file...] [DEPENDS target...] [APART]): the static library
+# kelm_<name>; APART: each file an object of its own in any build, of which the linker takes some.
 function(kelm_library name)
-    cmake_parse_arguments(ARG "" "" "FOLDER;EXCLUDE;DEPENDS" ${ARGN})
+    cmake_parse_arguments(ARG "APART" "" "FOLDER;EXCLUDE;DEPENDS" ${ARGN})
     kelm_sources(sources FOLDER ${ARG_FOLDER} EXCLUDE ${ARG_EXCLUDE})
     if(sources)
         add_library(kelm_${name} STATIC ${sources})
         target_link_libraries(kelm_${name} PUBLIC kelm_flags ${ARG_DEPENDS})
+        if(NOT ARG_APART)
+            set_target_properties(kelm_${name} PROPERTIES UNITY_BUILD ${KELM_UNITY})
+        endif()
         if(KELM_PCH)
             target_precompile_headers(kelm_${name} REUSE_FROM kelm_pch)
         endif()
@@ -122,6 +134,7 @@ function(kelm_test name)
     add_executable(test_${name} ${sources})
     target_link_libraries(test_${name} PRIVATE kelm_test_flags ${ARG_DEPENDS})
     target_precompile_headers(test_${name} REUSE_FROM kelm_test_pch)
+    set_target_properties(test_${name} PROPERTIES UNITY_BUILD ${KELM_UNITY})
     gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST
         PROPERTIES TIMEOUT 300 ${ARG_PROPERTIES})
 endfunction()

@@ -16,8 +16,8 @@ using client::Error;
 using client::ErrorKind;
 using client::Result;
 
-constexpr std::chrono::milliseconds kFirstPause{20};
-constexpr std::chrono::milliseconds kLongestPause{1000};
+constexpr std::chrono::milliseconds kFirstAttemptPause{20};
+constexpr std::chrono::milliseconds kLongestAttemptPause{1000};
 constexpr std::chrono::milliseconds kUnloadTime{10000};
 constexpr client::Deadline kLeaveDeadline{1000};
 // One that runs, one that is being loaded meanwhile, and one that waits for them.
@@ -304,9 +304,9 @@ bool Session::pause(std::chrono::milliseconds time) {
 }
 
 void Session::reconnect() {
-    std::chrono::milliseconds time = kFirstPause;
+    std::chrono::milliseconds time = kFirstAttemptPause;
     while (pause(withJitter(time))) {
-        time = std::min(time * 2, kLongestPause);
+        time = std::min(time * 2, kLongestAttemptPause);
         auto opened = open(m_options.deadline);
         if (!opened) continue;
         install(std::move(opened).value());
@@ -319,7 +319,7 @@ void Session::reconnect() {
 // the service refuses now, having no device for it yet perhaps, is tried again while the connection
 // lasts; its tasks wait until their deadlines.
 bool Session::reloadGraphs() {
-    std::chrono::milliseconds time = kFirstPause;
+    std::chrono::milliseconds time = kFirstAttemptPause;
     while (true) {
         std::vector<std::shared_ptr<const Entry>> missing;
         std::shared_ptr<Client> current;
@@ -347,7 +347,7 @@ bool Session::reloadGraphs() {
         current.reset();
         if (allLoaded) continue;
         if (!pause(withJitter(time))) return true;
-        time = std::min(time * 2, kLongestPause);
+        time = std::min(time * 2, kLongestAttemptPause);
     }
 }
 

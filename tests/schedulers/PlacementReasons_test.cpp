@@ -20,16 +20,16 @@ struct FakeEventListener final : EventListener {
     std::string told;
 };
 
-struct Row {
+struct ReasonRow {
     const char* rule;
     const char* script;
     const char* told;
 };
 
 template <class Scheduler>
-void playAll(std::initializer_list<Row> rows,
+void playAll(std::initializer_list<ReasonRow> rows,
              const std::function<void(SchedulerRig<Scheduler>&)>& prepare) {
-    for (const Row& row : rows) {
+    for (const ReasonRow& row : rows) {
         SCOPED_TRACE(row.rule);
         FakeEventListener listener;
         const ScopedPort<EventListener> port(listener);

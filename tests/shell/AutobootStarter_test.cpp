@@ -1,5 +1,6 @@
 #include "tools/autoboot/AutobootStarter.h"
 
+#include "fakes/LockFiles.h"
 #include "utils/RunPaths.h"
 #include "utils/platform/linux/SubProcess.h"
 
@@ -7,8 +8,6 @@ namespace kelm {
 namespace {
 
 constexpr std::chrono::milliseconds kShort{2500};
-
-bool isFree(const std::string& path) { return GlobalMutex(path, true).trylock(); }
 
 // The boot tool is a shell script that notes its calls, and pkill one that ends the first of them.
 class AutobootStarterTest : public ::testing::Test {

@@ -1,13 +1,12 @@
 #include "shell/ServiceDaemonHelper.h"
 
 #include "config/ServiceConfigParser.h"
+#include "fakes/LockFiles.h"
 #include "utils/RunPaths.h"
 #include "utils/platform/linux/SubProcess.h"
 
 namespace kelm {
 namespace {
-
-bool isFree(const std::string& path) { return GlobalMutex(path, true).trylock(); }
 
 class ServiceDaemonHelperTest : public ::testing::Test {
  protected:

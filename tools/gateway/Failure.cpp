@@ -50,4 +50,6 @@ Failure Failure::ofKelm(int error, const std::string& text) {
 unsigned Failure::httpStatus() const { return kCodes[static_cast<size_t>(m_cause)].http; }
 int Failure::grpcCode() const { return kCodes[static_cast<size_t>(m_cause)].grpc; }
 
+void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
+
 }  // namespace kelm::gateway

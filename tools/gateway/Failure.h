@@ -33,4 +33,7 @@ class Failure : public std::runtime_error {
     Cause m_cause;
 };
 
+// Throws one for a request that is not as it must be.
+[[noreturn]] void refuse(const std::string& text);
+
 }  // namespace kelm::gateway

@@ -13,8 +13,6 @@ namespace {
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-[[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
-
 void requireShape(const TensorDescription& tensor, const Shape& shape) {
     const bool fits = std::ranges::equal(tensor.shape, shape, [](int64_t wanted, int64_t given) {
         return wanted == given || (wanted == -1 && given >= 0);

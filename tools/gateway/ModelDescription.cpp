@@ -20,8 +20,6 @@ constexpr uint64_t kMostElements = uint64_t{1} << 48;
 constexpr size_t kLongestName = 128;
 constexpr size_t kLongestReservation = 511;  // of a tag or a stream id, as the service has it
 
-[[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
-
 [[noreturn]] void refuseKey(const std::string& of, const std::string& key) {
     refuse(of + " has an unknown key '" + key + "'");
 }

@@ -15,7 +15,7 @@ namespace kelm::ctl {
 namespace {
 
 // To be raised when a field changes its meaning or goes away.
-constexpr int kSchema = 1;
+constexpr int kReportSchema = 1;
 
 std::string errorList(const BenchRow& row) {
     std::vector<std::string> parts;
@@ -207,7 +207,7 @@ void BenchReport::addSearch(nlohmann::json& json) const {
 }
 
 std::string BenchReport::json() const {
-    nlohmann::json json{{"schema", kSchema},
+    nlohmann::json json{{"schema", kReportSchema},
                         {"depth", m_setup.depths.size() == 1 ? nlohmann::json(m_setup.depths[0])
                                                              : nlohmann::json(m_setup.depths)},
                         {"warmup_seconds", m_setup.warmup},

@@ -20,7 +20,7 @@ namespace kelm::ctl {
 
 namespace {
 
-constexpr int kSchema = 1;
+constexpr int kKeysSchema = 1;
 
 // One line that a terminal obeys in nothing, whatever a file holds.
 void print(const std::string& text, bool utf8) {
@@ -81,7 +81,7 @@ int runConfigShow(const ConfigOptions& options) {
     const std::vector<ConfigFile> files = loadConfigFiles(listConfigPaths(options.configFiles));
     const std::vector<ConfigValue> values = readConfigValues(files);
     if (options.json) {
-        nlohmann::json object{{"schema", kSchema}, {"keys", nlohmann::json::array()}};
+        nlohmann::json object{{"schema", kKeysSchema}, {"keys", nlohmann::json::array()}};
         for (const ConfigValue& value : values) object["keys"].push_back(toJson(value));
         std::cout << toJsonText(object) << "\n";
         return 0;

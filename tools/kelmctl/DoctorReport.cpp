@@ -13,7 +13,7 @@ namespace kelm::ctl {
 
 namespace {
 
-constexpr int kSchema = 1;
+constexpr int kChecksSchema = 1;
 
 const char* nameOf(Verdict verdict) {
     static constexpr const char* kNames[] = {"ok", "warning", "problem"};
@@ -37,7 +37,7 @@ int DoctorReport::finish() {
     const auto isProblem = [](const DoctorRow& row) { return row.verdict == Verdict::kProblem; };
     const bool isWell = std::ranges::none_of(m_rows, isProblem);
     if (m_json) {
-        nlohmann::json object{{"schema", kSchema}, {"checks", nlohmann::json::array()}};
+        nlohmann::json object{{"schema", kChecksSchema}, {"checks", nlohmann::json::array()}};
         for (const DoctorRow& row : m_rows) {
             object["checks"].push_back({{"check", row.check},
                                         {"result", nameOf(row.verdict)},

@@ -15,7 +15,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kSchema = 1;
+constexpr int kJournalSchema = 1;
 constexpr double kLatestTime = 4e9;  // seconds; later ones are nonsense
 
 // A member of another type than expected counts as absent.
@@ -105,7 +105,7 @@ client::Result<EventHistory> readHistory(client::EventReader& reader, size_t cou
     const EventRow row = parseEvent(greeting.value());
     int schema = 0;
     take(row.json, "schema", schema);
-    if (row.kind != "greeting" || schema != kSchema) {
+    if (row.kind != "greeting" || schema != kJournalSchema) {
         throw std::runtime_error("the service's events are of another version than kelmctl");
     }
     take(row.json, "next", history.next);

@@ -17,7 +17,7 @@ namespace {
 
 using Time = std::chrono::system_clock::time_point;
 
-constexpr int kSchema = 1;
+constexpr int kEventsSchema = 1;
 
 // A time of the day without a date is one of today.
 bool parseTime(const std::string& text, Time now, Time& time) {
@@ -44,7 +44,7 @@ bool isWanted(const EventRow& row, const EventStart& start) {
 // Flushed each time: a reader behind a pipe waits for whole lines.
 void print(EventRow row, bool json) {
     static const bool utf8 = useTerminalLocale();
-    row.json["schema"] = kSchema;
+    row.json["schema"] = kEventsSchema;
     std::cout << (json ? toJsonText(row.json) + "\n" : eventText(row, utf8)) << std::flush;
     if (!std::cout) throw std::runtime_error("cannot write the events; is the disk full?");
 }

@@ -20,7 +20,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kSchema = 1;
+constexpr int kExplanationSchema = 1;
 // A smaller part of a device is nobody's wish.
 constexpr double kSlack = 0.1;
 
@@ -212,7 +212,7 @@ std::string explanationJson(const Explanation& graph) {
     for (const auto& [device, since] : graph.places) {
         places.push_back({{"device", device}, {"since", since}});
     }
-    const Json json = {{"schema", kSchema},
+    const Json json = {{"schema", kExplanationSchema},
                        {"id", graph.id},
                        {"graph", graph.name},
                        {"places", places},

@@ -12,7 +12,7 @@ namespace {
 using Json = nlohmann::json;
 
 // Raised when a member changes its meaning or is taken away; new ones may come without.
-constexpr int kSchema = 1;
+constexpr int kStatusSchema = 1;
 
 Json toRate(float value) { return toJsonNumber(static_cast<double>(value)); }
 
@@ -24,7 +24,7 @@ Json known(const Row* row, const Value& value) {
 
 Json makeHead(bool up, std::chrono::system_clock::time_point now) {
     const std::chrono::duration<double> time = now.time_since_epoch();
-    return {{"schema", kSchema}, {"up", up}, {"time", toJsonNumber(time.count())}};
+    return {{"schema", kStatusSchema}, {"up", up}, {"time", toJsonNumber(time.count())}};
 }
 
 Json toJson(const client::MemorySnapshot& memory) {

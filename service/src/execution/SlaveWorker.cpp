@@ -19,7 +19,7 @@ namespace kelm {
 
 namespace {
 
-constexpr uint64_t kPoolLimit = 50;
+constexpr uint64_t kTaskPoolLimit = 50;
 constexpr std::chrono::seconds kCheckInterval{1};
 // A worker that is being destroyed waits a second for the scheduler's word, in turns of 100 ms: a
 // request that is on its way names this worker, but at the end of the process the scheduler may
@@ -45,8 +45,8 @@ SlaveWorker::SlaveWorker(const std::string& name, WorkThread* workThread, KelmDe
       m_trace(ServiceConfigParser::instance().isDeviceWorkThreadDebugProcessEnabled(), m_name),
       m_maxRunningTasks(maxRunningTasks),
       m_abortSemaphore(0, 0),
-      m_resultPool(name + "G", kPoolLimit),
-      m_inputPool(name + "I", kPoolLimit) {
+      m_resultPool(name + "G", kTaskPoolLimit),
+      m_inputPool(name + "I", kTaskPoolLimit) {
     m_runningTasks.reserve(std::min(maxRunningTasks, kUsualRunningTasks));
     m_state = STATE_WAIT_GRAPH;
 }

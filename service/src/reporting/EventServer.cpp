@@ -9,6 +9,7 @@
 #include <charconv>
 #include <utility>
 
+#include "reporting/ServerPauses.h"
 #include "utils/AccessController.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
@@ -26,9 +27,6 @@ using std::chrono::milliseconds;
 constexpr int kSchema = 1;
 constexpr size_t kMostRequest = 64;  // bytes of the one line that a reader may send
 constexpr std::string_view kRequest = "last ";
-// A reader that is turned away may come again at once: it must not take a core.
-constexpr milliseconds kAcceptPause{100};
-constexpr milliseconds kErrorPause{10};
 constexpr milliseconds kLongSleep{60 * 1000};
 
 std::string gapLine(uint64_t from, uint64_t to) {
@@ -99,7 +97,7 @@ void EventServer::routine() {
             dropGone();
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the event server goes on after: %s", error.what());
-            std::this_thread::sleep_for(kErrorPause);  // a fault that stays must not take a core
+            std::this_thread::sleep_for(kErrorPause);
         }
     }
     m_journal.setWatcher(-1);

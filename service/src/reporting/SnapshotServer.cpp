@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "protocol/src/InfoPackage.h"
+#include "reporting/ServerPauses.h"
 #include "utils/AccessController.h"
 #include "utils/ErrorHelper.h"
 #include "utils/IPC.h"
@@ -27,9 +28,6 @@ using std::chrono::milliseconds;
 
 constexpr size_t kMaxReceivedBytes = 64 * 1024;  // that one tool may send in its life
 constexpr int kEventsInARow = 64;                // before the next package
-// A tool that is turned away may come again at once: it must not take a core.
-constexpr milliseconds kAcceptPause{100};
-constexpr milliseconds kErrorPause{10};
 
 // Returns what the kernel grants: usually twice as much, for its own records, but the system may
 // have a limit.
@@ -96,7 +94,7 @@ void SnapshotServer::listenThreadRoutine() {
             writePackage(package);
         } catch (const std::exception& error) {
             LOG_ERROR("Error: the snapshot server goes on after: %s", error.what());
-            sleepUntil(Clock::now() + kErrorPause);  // a fault that stays must not take a core
+            sleepUntil(Clock::now() + kErrorPause);
         }
     }
     closeAll();

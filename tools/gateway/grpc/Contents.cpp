@@ -91,30 +91,30 @@ void appendTexts(InferTensorContents& contents, std::span<const std::byte> bytes
     }
 }
 
-struct Codec {
+struct FieldCodec {
     std::optional<size_t> (*read)(std::string& bytes, const InferTensorContents& contents);
     void (*append)(InferTensorContents& contents, std::span<const std::byte> bytes);
 };
 template <class T, class Field>
-constexpr Codec codec() {
+constexpr FieldCodec fieldCodec() {
     return {read<T, Field>, append<T, Field>};
 }
 // In the order of the datatypes; those without are raw only.
-constexpr std::array<Codec, 14> kCodecs{codec<bool, Bools>(),
-                                        codec<uint8_t, Uints>(),
-                                        codec<uint16_t, Uints>(),
-                                        codec<uint32_t, Uints>(),
-                                        codec<uint64_t, Uint64s>(),
-                                        codec<int8_t, Ints>(),
-                                        codec<int16_t, Ints>(),
-                                        codec<int32_t, Ints>(),
-                                        codec<int64_t, Int64s>(),
-                                        {},
-                                        {},
-                                        codec<float, Floats>(),
-                                        codec<double, Doubles>(),
-                                        {readTexts, appendTexts}};
-static_assert(kCodecs.size() == static_cast<size_t>(Datatype::kBytes) + 1);
+constexpr std::array<FieldCodec, 14> kFieldCodecs{fieldCodec<bool, Bools>(),
+                                                  fieldCodec<uint8_t, Uints>(),
+                                                  fieldCodec<uint16_t, Uints>(),
+                                                  fieldCodec<uint32_t, Uints>(),
+                                                  fieldCodec<uint64_t, Uint64s>(),
+                                                  fieldCodec<int8_t, Ints>(),
+                                                  fieldCodec<int16_t, Ints>(),
+                                                  fieldCodec<int32_t, Ints>(),
+                                                  fieldCodec<int64_t, Int64s>(),
+                                                  {},
+                                                  {},
+                                                  fieldCodec<float, Floats>(),
+                                                  fieldCodec<double, Doubles>(),
+                                                  {readTexts, appendTexts}};
+static_assert(kFieldCodecs.size() == static_cast<size_t>(Datatype::kBytes) + 1);
 
 }  // namespace
 
@@ -128,7 +128,7 @@ size_t countContents(const InferTensorContents& contents) {
 std::string readContents(const InferTensorContents& contents, const std::string& name,
                          Datatype type) {
     const std::string typeName(infoOf(type).name);
-    const Codec& codec = kCodecs[static_cast<size_t>(type)];
+    const FieldCodec& codec = kFieldCodecs[static_cast<size_t>(type)];
     if (codec.read == nullptr) {
         throw Failure(Cause::kInvalid, "input '" + name + "' has datatype " + typeName +
                                            ", which has no contents; send it raw");
@@ -144,7 +144,7 @@ std::string readContents(const InferTensorContents& contents, const std::string&
 
 void appendContents(InferTensorContents& contents, Datatype type,
                     std::span<const std::byte> bytes) {
-    kCodecs[static_cast<size_t>(type)].append(contents, bytes);
+    kFieldCodecs[static_cast<size_t>(type)].append(contents, bytes);
 }
 
 }  // namespace kelm::gateway

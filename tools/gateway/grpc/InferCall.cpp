@@ -26,8 +26,6 @@ using google::protobuf::io::CodedOutputStream;
 using Request = inference::ModelInferRequest;
 using std::chrono::microseconds;
 
-[[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
-
 std::optional<uint64_t> readCount(const Request& request, const char* key, uint64_t most) {
     const auto found = request.parameters().find(key);
     if (found == request.parameters().end()) return std::nullopt;

@@ -12,8 +12,6 @@ namespace {
 
 using nlohmann::json;
 
-[[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
-
 // The member, or null if there is none.
 const json& memberOf(const json& object, const char* key) {
     static const json kNone;

@@ -17,8 +17,6 @@ namespace http = boost::beast::http;
 constexpr const char* kNoTextMemory =
     "all requests together hold too much JSON; try again later, or send binary data";
 
-[[noreturn]] void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
-
 std::optional<size_t> readJsonLength(const HttpParser::value_type& request) {
     const auto [first, last] = request.equal_range("Inference-Header-Content-Length");
     if (first == last) return std::nullopt;

@@ -16,8 +16,6 @@ namespace kelm {
 
 namespace {
 
-// Ends the cycle: the number of graphs is not what is wrong.
-constexpr int32_t kHardFailure = -1;
 // A graph with more than the golden section of the whole demand dwarfs all others together.
 constexpr double kMasterPart = 0.618;
 // Of a device: so much more does not give the master another one.

@@ -21,6 +21,9 @@ class MapperModel;
 // the same model gives the same plan. One plan per planner; no locks.
 class MapperPlanner {
  public:
+    // Ends the cycle: the number of graphs is not what is wrong.
+    static constexpr int32_t kHardFailure = -1;
+
     MapperPlanner(MapperModel& model, int32_t maxGraphNumPerDevice, StepTrace trace);
 
     // The graph that dwarfs the others, by the numbers of the last plan; null in most cases.

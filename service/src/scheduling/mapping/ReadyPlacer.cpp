@@ -3,14 +3,13 @@
 #include <utility>
 
 #include "scheduling/mapping/MapperModel.h"
+#include "scheduling/mapping/MapperPlanner.h"
 #include "utils/Log.h"
 #include "utils/StepTrace.h"
 
 namespace kelm {
 
 namespace {
-
-constexpr int32_t kHardFailure = -1;
 
 void putReady(DeviceItem& device, GraphItem& item) {
     device.graphs.assign(&item);
@@ -33,7 +32,7 @@ int32_t ReadyPlacer::mapRdyGraphBalance(uint32_t rdyGraphNum, uint32_t deviceNum
     if (freeNum != deviceNum) {
         LOG_STEP("mapRdyGraphBalance - device number is mismatch, current = %d, request = %d!",
                  freeNum, deviceNum);
-        return kHardFailure;
+        return MapperPlanner::kHardFailure;
     }
     const int64_t places = int64_t{m_maxGraphNumPerDevice} * deviceNum;
     if (places < rdyGraphNum) {
@@ -68,7 +67,7 @@ int32_t ReadyPlacer::pairRdyGraphs() {
         }
         // Deliberate: the device's `mem` is still that of the last mapping, not its first graph's.
         DeviceItem* device = m_devices.getRdyDevice(item->memReq);
-        if (device == nullptr) return kHardFailure;
+        if (device == nullptr) return MapperPlanner::kHardFailure;
         GraphItem* first = device->graphs.find(0);
         device->graphs.setSecond(item);
         item->sharedDevNum = 1;
@@ -93,7 +92,7 @@ int32_t ReadyPlacer::spreadRdyGraphs(uint32_t rdyGraphNum, uint32_t deviceNum) {
         }
         for (; wanted > 0; --wanted) {
             DeviceItem* device = m_devices.getFreeDevice();
-            if (device == nullptr) return kHardFailure;
+            if (device == nullptr) return MapperPlanner::kHardFailure;
             putReady(*device, *item);
         }
     }

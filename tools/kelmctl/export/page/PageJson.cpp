@@ -11,7 +11,7 @@ namespace {
 using Json = nlohmann::json;
 
 // Raised when a member changes its meaning or is taken away; new ones may come without.
-constexpr int kSchema = 1;
+constexpr int kPageSchema = 1;
 
 template <class Value>
 Json known(const std::optional<Value>& value) {
@@ -97,7 +97,7 @@ Json toJson(const std::vector<Row>& rows) {
 }  // namespace
 
 std::string snapshotJson(const ExportSnapshot& snapshot) {
-    Json json = {{"schema", kSchema},
+    Json json = {{"schema", kPageSchema},
                  {"number", snapshot.number},
                  {"time", toSeconds(snapshot.time)},
                  {"up", snapshot.isUp},
