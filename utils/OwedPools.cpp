@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <vector>
 
 #include "utils/Mutex.h"
@@ -13,6 +14,7 @@ namespace {
 
 // How long one settling may keep the thread from its own work.
 constexpr std::chrono::microseconds kSettleTime{50};
+constexpr size_t kFirstRoom = 16;
 
 struct Owed {
     std::vector<SerialPool*> pools;  // in the order in which they were filled; null: no longer owed
@@ -60,7 +62,18 @@ bool OwedPools::areSettled() {
     return t_owed.settling || std::ranges::all_of(t_owed.pools, std::logical_not<>());
 }
 
-bool OwedPools::canOwe() { return t_beforeWait != nullptr; }  // has a Scope
+// Room is made here: add() comes when the pool's turn is taken already, and must not fail.
+bool OwedPools::canOwe() {
+    if (t_beforeWait == nullptr) return false;  // without a Scope
+    std::vector<SerialPool*>& pools = t_owed.pools;
+    if (pools.size() < pools.capacity()) return true;
+    try {
+        pools.reserve(std::max(kFirstRoom, 2 * pools.size()));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
 
 void OwedPools::add(SerialPool& pool) { t_owed.pools.push_back(&pool); }
 

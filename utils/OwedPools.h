@@ -40,8 +40,9 @@ class OwedPools {
  private:
     friend class SerialPool;
 
-    // False for a thread without a Scope: then the pool is to be woken.
+    // False for a thread without a Scope, or without memory: then the pool is to be woken.
     static bool canOwe();
+    // Right after canOwe().
     static void add(SerialPool& pool);
     static bool owes(const SerialPool& pool);
     // False if this thread does not owe it.

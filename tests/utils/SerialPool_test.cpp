@@ -1,5 +1,6 @@
 #include "utils/SerialPool.h"
 
+#include "fakes/FailingMemory.h"
 #include "utils/ThreadUtils.h"
 
 namespace kelm {
@@ -49,6 +50,19 @@ TEST_F(SerialPoolTest, ThreadThatFillsIdleLightPoolsRunsThemWhenItSettles) {
     EXPECT_TRUE(OwedPools::areSettled());
     EXPECT_THAT(order, ElementsAre("ahead", "first", "end of first", "first again", "second"));
     EXPECT_FALSE(ranHelped.get_future().get());
+}
+
+TEST_F(SerialPoolTest, ThreadWithoutMemoryForWhatItOwesLeavesItToThePool) {
+    SerialPool pool("Pool", 10, SerialPool::LIGHT);
+    const int own = ownThread(pool);  // and the queues have their memory
+    std::promise<int> ran;
+    std::thread([&] {
+        const OwedPools::Scope owing;
+        const NoMemoryFrom none(1);
+        pool.post([&] { ran.set_value(ThreadUtils::getThreadId()); });
+        EXPECT_TRUE(OwedPools::areSettled());
+    }).join();
+    EXPECT_EQ(ran.get_future().get(), own);
 }
 
 TEST_F(SerialPoolTest, TaskForTheOwnThreadAndLongHelpsHandTheTurnBackInOrder) {

@@ -32,7 +32,7 @@ HOUR = 3600.0
 
 def settle(campaign: Campaign, service: Service, before: Figures, what: str) -> None:
     """The service must come back to what it held before; memory within a slack."""
-    holds = lambda: service.figures()[:2] <= before[:2]
+    holds = lambda: all(now <= then for now, then in zip(service.figures()[:2], before))
     try:
         wait_for("descriptors and threads as before", holds)
     except Found as found:

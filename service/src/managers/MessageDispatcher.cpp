@@ -315,9 +315,9 @@ void MessageDispatcher::handleUnregister(Request request) {
     const int socket = request.getSocket();
     LOG_STEP("remove socket %d from listening list", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
+        m_leaving.push_back(connection);  // first: it may find no memory
         // Deliberate: for the rest of the connection's life, also if the client is unknown.
         connection->blockPoller();
-        m_leaving.push_back(connection);
     }
     LOG_STEP("enqueue unregister request(reqSeqNo=%lu): client=%lu socket=%d userParam=%p",
              request.as<KelmMsgReq>().reqSeqNo, request.getClientId(), socket,
@@ -433,6 +433,8 @@ void MessageDispatcher::handleResetDevice(Request request) {
 // Blocked first: until its last record is destroyed the connection stays open, and would be
 // reported as hung up without pause.
 void MessageDispatcher::closeConnect(int socket) {
+    // Nothing would come back to a connection whose events are blocked.
+    const MemoryReserve::Patience patience(MemoryReserve::kUsualWait);
     LOG_STEP("block IPC connection(socket=%d)", socket);
     if (const auto connection = IPC::ConnectionBase::findConnection(socket)) {
         connection->blockPoller();
