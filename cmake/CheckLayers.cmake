@@ -3,7 +3,8 @@
 cmake_policy(VERSION 3.25)
 
 # layer(name FOLDERS regex SEES layer...): the layer sees itself, the layers named, and what these see.
-# The folders of tests and benchmarks see everything, and are seen by themselves only.
+# The folders of tests, of what is made for them, and of benchmarks see everything, and are seen by
+# themselves only.
 macro(layer name)
     cmake_parse_arguments(ARG "" "FOLDERS" "SEES" ${ARGN})
     list(APPEND layers ${name})
@@ -38,7 +39,8 @@ layer(shell      FOLDERS "service/src/shell"                    SEES managers au
 layer(pages      FOLDERS "tools/pages"                          SEES kelmctl shell gateway)
 layer(simulator  FOLDERS "tools/simulator"                      SEES client execution)
 layer(prove      FOLDERS "tools/prove"                          SEES interface simulator)
-layer(tests      FOLDERS "bench(/placement|/gateway)?|tests/.*"  SEES shell kelmctl gateway simulator libkelm)
+layer(tests      FOLDERS "bench(/placement|/gateway)?|tests/.*|tools/recorder"
+                                                                SEES shell kelmctl gateway simulator libkelm)
 
 # The layer of a folder, empty if it is in none.
 function(find_layer folder out)
@@ -56,7 +58,7 @@ function(resolve path folder out)
     set(${out} "" PARENT_SCOPE)
     foreach(base IN ITEMS ${folder} . service/src tests)
         cmake_path(ABSOLUTE_PATH path BASE_DIRECTORY ${ROOT}/${base} NORMALIZE OUTPUT_VARIABLE file)
-        if(base STREQUAL "tests" AND NOT folder MATCHES "^(bench|tests)")
+        if(base STREQUAL "tests" AND NOT folder MATCHES "^(bench|tests|tools/recorder)")
             continue()
         endif()
         if(EXISTS ${file} AND NOT IS_DIRECTORY ${file})

@@ -54,7 +54,8 @@ TEST_F(SerialPoolTest, ThreadThatFillsIdleLightPoolsRunsThemWhenItSettles) {
 
 TEST_F(SerialPoolTest, ThreadWithoutMemoryForWhatItOwesLeavesItToThePool) {
     SerialPool pool("Pool", 10, SerialPool::LIGHT);
-    const int own = ownThread(pool);  // and the queues have their memory
+    (void)ownThread(pool);
+    const int own = ownThread(pool);  // and each of the two queues has its memory
     std::promise<int> ran;
     std::thread([&] {
         const OwedPools::Scope owing;

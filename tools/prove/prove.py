@@ -1,7 +1,10 @@
 """Part of prove.sh: runs the campaigns and ends with their table."""
 
 import argparse
+import atexit
+import os
 import random
+import signal
 import subprocess
 import sys
 import tempfile
@@ -87,7 +90,16 @@ def print_table(outcomes: List[Outcome]) -> None:
             print(f"    FOUND: {text}")
 
 
+def end_children() -> None:
+    """Clients that are left, when the run is ended early."""
+    for thread in Path("/proc/self/task").iterdir():
+        for child in (thread / "children").read_text(encoding="ascii").split():
+            os.kill(int(child), signal.SIGKILL)
+
+
 def main() -> int:
+    signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))
+    atexit.register(end_children)
     parser = argparse.ArgumentParser(prog="prove.sh", description=__doc__)
     parser.add_argument("minutes", type=float, nargs="?", default=FULL_MINUTES,
                         help="of all that is run together; the usual ones are a full run")

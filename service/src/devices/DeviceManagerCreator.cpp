@@ -28,7 +28,7 @@ namespace {
 // Simulated devices in place of real ones that the configuration does not identify.
 constexpr int kFakeDevicesWithoutIds = 3;
 constexpr uint64_t kPoolThreads = 3;
-constexpr uint64_t kResetPoolLimit = 20;
+constexpr uint64_t kCreatorPoolLimit = 20;
 // Answers to questions are quick: no manager that has stopped has anything to tell.
 constexpr std::chrono::seconds kPoolEndTime{3};
 constexpr const char* kSource = "DeviceManagerCreator";  // of the parts of reports
@@ -57,8 +57,8 @@ std::unique_ptr<DeviceMonitorImpl> createUsualImpl() {
 DeviceManagerCreator::DeviceManagerCreator(std::unique_ptr<DeviceMonitorImpl> impl)
     : m_deviceMonitor(impl ? std::move(impl) : createUsualImpl()),
       m_resets("all devices", m_resetPool, KelmDeviceBase::resetAllDevices),
-      m_resetPool("DeviceReset", kResetPoolLimit),
-      m_threadPool("ThreadPool", kPoolThreads, kResetPoolLimit) {
+      m_resetPool("DeviceReset", kCreatorPoolLimit),
+      m_threadPool("ThreadPool", kPoolThreads, kCreatorPoolLimit) {
     initDeviceMonitor();
     createDeviceManager();
     launchDeviceMonitor();  // last: all managers exist before the first plug event
