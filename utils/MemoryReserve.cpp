@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 std::atomic<void*> g_block{nullptr};
 std::atomic<Clock::rep> g_nextAttempt{0};
 
-constexpr std::chrono::milliseconds kPause{10};
+constexpr std::chrono::milliseconds kRetryPause{10};
 
 struct Wait {
     std::chrono::milliseconds limit = MemoryReserve::kUsualWait;
@@ -33,9 +33,9 @@ void giveUp() {
     if (void* const block = g_block.exchange(nullptr)) return std::free(block);
     // The calls of one `new` follow each other closely.
     const auto now = Clock::now();
-    if (now - t_wait.lastPause > 10 * kPause) t_wait.begin = now;
+    if (now - t_wait.lastPause > 10 * kRetryPause) t_wait.begin = now;
     if (now - t_wait.begin >= t_wait.limit) throw std::bad_alloc();
-    std::this_thread::sleep_for(kPause);
+    std::this_thread::sleep_for(kRetryPause);
     t_wait.lastPause = Clock::now();
 }
 
