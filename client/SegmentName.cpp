@@ -38,7 +38,9 @@ bool isProcOfThisNamespace() {
 std::optional<Process> findProcess(pid_t pid) {
     if (!isProcOfThisNamespace()) return std::nullopt;
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    std::string text;
+    // The process may end between the opening and the reading, of which an iterator would raise.
+    (void)std::getline(file, text, '\0');
     // Its second field is a name in parentheses, which may hold any characters.
     const size_t end = text.rfind(')');
     if (end == text.npos) return std::nullopt;

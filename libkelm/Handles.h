@@ -51,7 +51,9 @@ int guarded(const Body& body) {
     } catch (const std::bad_alloc&) {
         return fail(KELM_OUT_OF_MEMORY, client::Error::kNoMemory);
     } catch (const std::system_error& error) {
-        return fail(client::Error::fromErrno("starting a thread", error.code().value()));
+        const bool isThread = error.code() == std::errc::resource_unavailable_try_again;
+        return fail(client::Error::fromErrno(isThread ? "starting a thread" : "a system call",
+                                             error.code().value()));
     } catch (const std::exception& error) {
         return fail(KELM_SYSTEM_ERROR, error.what());
     }

@@ -3,6 +3,9 @@
 #include <sys/resource.h>
 #include <sys/statvfs.h>
 
+#include <csignal>
+
+#include "client/SegmentName.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm::client {
@@ -10,6 +13,28 @@ namespace {
 
 UniqueFd openNamed(const std::string& name, int flags = O_RDONLY) {
     return UniqueFd(::shm_open(name.c_str(), flags, 0600));
+}
+
+// Each of them ends at another moment of the look at it.
+TEST(SegmentNameTest, ProcessThatEndsWhileItIsLookedAtIsNoError) {
+    ASSERT_NE(::signal(SIGCHLD, SIG_IGN),
+              SIG_ERR);  // so that nothing is left of one that has ended
+    constexpr int kChildren = 200;
+    const std::string own = SegmentName::make();
+    const size_t rest = own.find('-', std::strlen("/kelm-"));
+    for (int i = 0; i < kChildren; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::usleep(static_cast<useconds_t>(10 * i));
+            ::_exit(0);
+        }
+        const std::string name = "/kelm-" + std::to_string(child) + own.substr(rest);
+        const UniqueFd segment = openNamed(name, O_RDWR | O_CREAT);
+        while (::kill(child, 0) == 0)
+            EXPECT_NO_THROW((void)SegmentName::listThoseOfDeadProcesses());
+        EXPECT_EQ(::shm_unlink(name.c_str()), 0);
+    }
+    ::signal(SIGCHLD, SIG_DFL);
 }
 
 TEST(TensorPoolTest, SlotIsUsedAgainAndNeverByTwo) {
