@@ -32,7 +32,7 @@ TEST(SegmentNameTest, ProcessThatEndsWhileItIsLookedAtIsNoError) {
         const UniqueFd segment = openNamed(name, O_RDWR | O_CREAT);
         while (::kill(child, 0) == 0)
             EXPECT_NO_THROW((void)SegmentName::listThoseOfDeadProcesses());
-        EXPECT_EQ(::shm_unlink(name.c_str()), 0);
+        (void)::shm_unlink(name.c_str());  // pools of tests that run beside this one remove it, too
     }
     ::signal(SIGCHLD, SIG_DFL);
 }
