@@ -3,7 +3,8 @@ find_package(Protobuf REQUIRED)
 find_program(KELM_GRPC_PLUGIN grpc_cpp_plugin REQUIRED)
 find_package(gRPC CONFIG REQUIRED)
 
-# kelm_protos(name file...): the static library `name`, whose headers are found in angle brackets.
+# kelm_protos(name file...): the static library `name`, whose headers are found in angle brackets, and
+# the target `name`_code, which makes its sources alone.
 # Apart from our warnings and checks, which generated code does not bear.
 function(kelm_protos name)
     set(generated ${CMAKE_CURRENT_BINARY_DIR}/${name})
@@ -24,7 +25,9 @@ function(kelm_protos name)
             DEPENDS ${file})
         list(APPEND sources ${made})
     endforeach()
+    add_custom_target(${name}_code DEPENDS ${sources})
     add_library(${name} STATIC ${sources})
+    set_target_properties(${name} PROPERTIES UNITY_BUILD OFF)
     target_include_directories(${name} SYSTEM PUBLIC ${generated})
     # Its guard keeps out a header of old names, some of which are our own (utils/ThreadAnnotations.h).
     target_compile_definitions(${name} PUBLIC ABSL_BASE_INTERNAL_THREAD_ANNOTATIONS_H_)

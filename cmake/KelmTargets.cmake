@@ -52,12 +52,13 @@ if(KELM_PCH)
     target_precompile_headers(kelm_pch PRIVATE ${PROJECT_SOURCE_DIR}/cmake/StandardPch.h)
 endif()
 
-# Compiles several files of a folder as one, which takes half the time: for the sanitizers, while the
-# other builds see each file alone. Names without linkage must differ within a folder, too.
+# Compiles several files of a folder as one, which takes half the time: for the sanitizers and
+# clang-tidy, while the other builds see each file alone. Names without linkage must differ within a folder, too.
 option(KELM_UNITY "Compile the files of a folder together" OFF)
 if(KELM_UNITY)
     # Warnings about two files that meet only here.
-    target_compile_options(kelm_flags INTERFACE -Wno-subobject-linkage -Wno-shadow)
+    target_compile_options(kelm_flags INTERFACE -Wno-shadow
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endif()
 
 # Collects the sources of some folders, without descending, into `out`.
@@ -74,10 +75,11 @@ function(kelm_sources out)
     set(${out} ${sources} PARENT_SCOPE)
 endfunction()
 
-# kelm_library(name FOLDER dir... [EXCLUDE file...] [DEPENDS target...] [APART]): the static library
-# kelm_<name>; APART: each file an object of its own in any build, of which the linker takes some.
+# kelm_library(name FOLDER dir... [EXCLUDE file...] [DEPENDS target...] [APART] [PLAIN]): the static
+# library kelm_<name>; APART: each file an object of its own in any build, of which the linker takes
+# some; PLAIN: a sanitizer's build does not optimise it, since compiling it takes longer than its tests.
 function(kelm_library name)
-    cmake_parse_arguments(ARG "APART" "" "FOLDER;EXCLUDE;DEPENDS" ${ARGN})
+    cmake_parse_arguments(ARG "APART;PLAIN" "" "FOLDER;EXCLUDE;DEPENDS" ${ARGN})
     kelm_sources(sources FOLDER ${ARG_FOLDER} EXCLUDE ${ARG_EXCLUDE})
     if(sources)
         add_library(kelm_${name} STATIC ${sources})
@@ -85,7 +87,9 @@ function(kelm_library name)
         if(NOT ARG_APART)
             set_target_properties(kelm_${name} PROPERTIES UNITY_BUILD ${KELM_UNITY})
         endif()
-        if(KELM_PCH)
+        if(ARG_PLAIN AND KELM_SANITIZE AND NOT KELM_FUZZ)
+            target_compile_options(kelm_${name} PRIVATE -O0)
+        elseif(KELM_PCH)
             target_precompile_headers(kelm_${name} REUSE_FROM kelm_pch)
         endif()
     else()
@@ -106,6 +110,7 @@ function(kelm_program name)
     if(sources)
         add_executable(${name} ${sources})
         target_link_libraries(${name} PRIVATE kelm_flags ${ARG_DEPENDS})
+        set_target_properties(${name} PROPERTIES UNITY_BUILD ${KELM_UNITY})
     endif()
 endfunction()
 

@@ -10,7 +10,6 @@ namespace kelm::simulator {
 
 namespace {
 
-constexpr uint32_t kMegabyte = 1 << 20;
 constexpr long kDefaultMemoryMb = 512;
 constexpr uint32_t kFirmwareMb = 16;
 constexpr long kDefaultCelsius = 45;

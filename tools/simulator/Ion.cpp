@@ -27,7 +27,7 @@ int fail(int error) {
 }
 
 // A status by order, with an error number that fits any of them.
-int enter(const char* function) {
+int orderedStatus(const char* function) {
     simulator::CallLog::note(function);
     const int status = simulator::Orders::instance().apply("-", function);
     if (status != 0) errno = EIO;
@@ -89,7 +89,7 @@ class Buffers {
 }  // namespace
 
 int ion_open() {
-    if (const int status = enter(__func__)) return status;
+    if (const int status = orderedStatus(__func__)) return status;
     return ::memfd_create("ion", MFD_CLOEXEC);
 }
 
@@ -102,7 +102,7 @@ int ion_close(int fd) {
 
 int ion_alloc_only(int fd, unsigned long size, unsigned long, unsigned int, unsigned int,
                    int* handle, ...) {
-    if (const int status = enter(__func__)) return status;
+    if (const int status = orderedStatus(__func__)) return status;
     if (size == 0 || handle == nullptr) return fail(EINVAL);
     UniqueFd buffer(::memfd_create("ion-buffer", MFD_CLOEXEC));
     if (!buffer || ::ftruncate(buffer.get(), static_cast<off_t>(size)) != 0) return kFailure;
@@ -110,7 +110,7 @@ int ion_alloc_only(int fd, unsigned long size, unsigned long, unsigned int, unsi
 }
 
 int ion_share(int fd, int handle, int* shareFd) {
-    if (const int status = enter(__func__)) return status;
+    if (const int status = orderedStatus(__func__)) return status;
     UniqueFd shared = Buffers::instance().share(fd, handle);
     if (!shared || shareFd == nullptr) return fail(EINVAL);
     *shareFd = shared.release();
@@ -119,7 +119,7 @@ int ion_share(int fd, int handle, int* shareFd) {
 
 // A file without bytes cannot be mapped.
 int ion_import(int fd, int shareFd, int* handle) {
-    if (const int status = enter(__func__)) return status;
+    if (const int status = orderedStatus(__func__)) return status;
     struct stat status {};
     if (handle == nullptr || ::fstat(shareFd, &status) != 0) return fail(EBADF);
     if (!S_ISREG(status.st_mode) || status.st_size == 0) return fail(EINVAL);
@@ -128,7 +128,7 @@ int ion_import(int fd, int shareFd, int* handle) {
 }
 
 int ion_get_info(int fd, int handle, unsigned int* a, unsigned int* b, unsigned long* size) {
-    if (const int status = enter(__func__)) return status;
+    if (const int status = orderedStatus(__func__)) return status;
     struct stat status {};
     const UniqueFd buffer = Buffers::instance().share(fd, handle);
     if (!buffer || ::fstat(buffer.get(), &status) != 0 || size == nullptr) return fail(EINVAL);
@@ -141,6 +141,6 @@ int ion_get_info(int fd, int handle, unsigned int* a, unsigned int* b, unsigned 
 // The buffer is freed also when that fails, since no caller tries again.
 int ion_free(int fd, int handle) {
     const bool known = Buffers::instance().remove(fd, handle);
-    if (const int status = enter(__func__)) return status;
+    if (const int status = orderedStatus(__func__)) return status;
     return known ? 0 : fail(EINVAL);
 }

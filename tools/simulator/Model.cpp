@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::string_view kMark = "KELMSIM";
 constexpr size_t kLongestHeader = 512;
-constexpr uint64_t kMegabyte = 1 << 20;
 constexpr uint32_t kAnyCount = 0xffffffff;  // also such as no graph has
 
 struct Field {

@@ -7,6 +7,8 @@
 
 namespace kelm::simulator {
 
+constexpr uint32_t kMegabyte = 1 << 20;  // bytes
+
 // What a graph's blob means to a simulated accelerator. Any bytes are a graph; a first line such as
 // "KELMSIM input=4096 output=1000 micros=2000" sets the fields by the names given here.
 struct Model {
