@@ -70,8 +70,8 @@ constexpr AdviceRow kAdvice[] = {
     {KELM_ERROR_DEVICE_NOT_OPEN, "the device is closed; try again later"},
     {KELM_ERROR_GRAPH_NOT_ALLOCATED, "the device lost the graph; try again"},
     {KELM_ERROR_OUT_OF_MEMORY,
-     "the service is out of memory; destroy graphs, or give it more: see its log and the limits of "
-     "its unit or container"},
+     "the service is out of memory or threads; try later, destroy graphs, or give it more: see its "
+     "log and the limits of its unit or container"},
     {KELM_ERROR_NO_RIGHTS,
      "the graph or task belongs to another client; use one of this "
      "client's"},

@@ -94,7 +94,7 @@ TEST_F(ClientManagerTest, ConnectionWithTooManyClientsIsClosedWithAllOfThem) {
 }
 
 // No thread can be made whose stack is larger than the address space.
-TEST_F(ClientManagerTest, ClientWithoutAThreadForItsAnswersIsClosed) {
+TEST_F(ClientManagerTest, ClientWithoutAThreadForItsAnswersHearsSoAndIsClosed) {
     WireClient early = startAndConnect("early");
     pthread_attr_t usual;
     ASSERT_EQ(::pthread_getattr_default_np(&usual), 0);
@@ -102,7 +102,10 @@ TEST_F(ClientManagerTest, ClientWithoutAThreadForItsAnswersIsClosed) {
     ASSERT_EQ(::pthread_attr_setstacksize(&huge, size_t{1} << 50), 0);
     ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
     WireClient late(path());
-    EXPECT_EQ(late.registerClient("late"), 0U);
+    ASSERT_TRUE(late.send(late.make<KelmMsgReqRegister>(KELM_MESSAGE_REGISTER_REQ)));
+    const auto refusal = late.receiveType(KELM_MESSAGE_REGISTER_RSP);
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(refusal->as<KelmMsgRsp>().status, KELM_ERROR_OUT_OF_MEMORY);
     EXPECT_TRUE(late.waitClosed());
     EXPECT_TRUE(isAnswered(early, early.id()));
     ASSERT_EQ(::pthread_setattr_default_np(&usual), 0);

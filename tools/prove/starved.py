@@ -159,7 +159,7 @@ def starved(campaign: Campaign, limit: int) -> None:
             room = campaign.random.randint(0, 3)
             starving.check(f"{room} descriptors left",
                            starving.limited(resource.RLIMIT_NOFILE, used + room), room == 0)
-            starving.check("no threads", starving.no_threads(), True)
+            starving.check("no threads", starving.no_threads(), True, "out of memory")
             kilobytes = starving.memory_kb() + campaign.random.choice((0, 64, 1024))
             starving.check("no memory", starving.limited(resource.RLIMIT_AS, kilobytes * 1024),
                            True, "out of memory", graph=starving.large)

@@ -18,18 +18,28 @@ ClientSenders::ClientSenders(StepTrace trace) : m_trace(std::move(trace)) {}
 ClientSenders::~ClientSenders() = default;
 
 ClientSender* ClientSenders::getDedicatedThreadPool(uint64_t clientId) {
-    if (clientId == 0) return nullptr;
-    ClientManager& clients = ClientManager::instance();
-    std::shared_ptr<ClientConnection> connection;
     try {
-        MutexLock lock(m_dedicatedMutex);
-        const auto entry = m_dedicatedThreadPools.find(clientId);
-        if (entry != m_dedicatedThreadPools.end()) return entry->second.get();
-        // No thread for an id without a client, nor for a peer that has hung up: a hostile peer
-        // could have threads made at will.
-        connection = clients.getConnectionByClientId(clientId);
-        if (m_stopped || !connection || !connection->isConnected()) return nullptr;
-        const int socket = connection->getSocket();
+        return requireSender(clientId);
+    } catch (const std::system_error&) {
+        // The peer would wait without limit for answers that have no thread.
+        ClientManager& clients = ClientManager::instance();
+        const auto connection = clients.getConnectionByClientId(clientId);
+        if (connection) clients.closeClient(connection->getSocket());
+        return nullptr;
+    }
+}
+
+ClientSender* ClientSenders::requireSender(uint64_t clientId) {
+    if (clientId == 0) return nullptr;
+    MutexLock lock(m_dedicatedMutex);
+    const auto entry = m_dedicatedThreadPools.find(clientId);
+    if (entry != m_dedicatedThreadPools.end()) return entry->second.get();
+    // No thread for an id without a client, nor for a peer that has hung up: a hostile peer could
+    // have threads made at will.
+    const auto connection = ClientManager::instance().getConnectionByClientId(clientId);
+    if (m_stopped || !connection || !connection->isConnected()) return nullptr;
+    const int socket = connection->getSocket();
+    try {
         auto sender =
             std::make_unique<ClientSender>(clientId, socket, m_trace, findBacklogUnsafe(socket));
         return m_dedicatedThreadPools.emplace(clientId, std::move(sender)).first->second.get();
@@ -37,11 +47,8 @@ ClientSender* ClientSenders::getDedicatedThreadPool(uint64_t clientId) {
         LOG_ERROR(
             "Error: no thread for the answers to client(id:%lu), its connection is closed: %s",
             clientId, error.what());
+        throw;
     }
-    // After the mutex: the client manager has one of its own. The peer would wait without limit for
-    // answers that have no thread.
-    clients.closeClient(connection->getSocket());
-    return nullptr;
 }
 
 ClientSender* ClientSenders::find(uint64_t clientId) {

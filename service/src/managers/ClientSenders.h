@@ -29,6 +29,8 @@ class ClientSenders : public NonCopyable {
     // The sender of the client, made now if it has none; null for an id without a client, and for a
     // client whose connection is closed, which this does itself when there is no thread to make.
     ClientSender* getDedicatedThreadPool(uint64_t clientId) EXCLUDES(m_dedicatedMutex);
+    // The same, but raises std::system_error when there is no thread to make, and closes nothing.
+    ClientSender* requireSender(uint64_t clientId) EXCLUDES(m_dedicatedMutex);
     // The same, but none is made.
     ClientSender* find(uint64_t clientId) EXCLUDES(m_dedicatedMutex);
     // Takes the client's sender out, or gives null; it lives until it is destroyed by the call

@@ -1,5 +1,6 @@
 #include "managers/ResultDispatcher.h"
 
+#include <system_error>
 #include <vector>
 
 #include "config/ServiceConfigParser.h"
@@ -99,7 +100,25 @@ MessagePtr ResultDispatcher::makeResponse(const Answer& answer, const KelmMsgReq
     return message;
 }
 
+// A client that can have no thread for its answers hears so by the first of them, and must go.
+bool ResultDispatcher::refuseWithoutThread(const Answer& answer, MessagePtr& message) {
+    try {
+        (void)m_senders.requireSender(answer.clientId);
+        return false;
+    } catch (const std::system_error&) {
+        auto& refusal = as<KelmMsgRsp>(message);
+        refusal.status = KELM_ERROR_OUT_OF_MEMORY;
+        refusal.clientId = 0;
+        if (auto connection = IPC::ConnectionBase::findConnection(answer.socket)) {
+            m_strangers.postLast(std::move(connection), std::move(message));
+        }
+        return true;
+    }
+}
+
 void ResultDispatcher::deliver(const Answer& answer, MessagePtr message) {
+    const bool isFirst = answer.row.answer == KELM_MESSAGE_REGISTER_RSP;
+    if (isFirst && refuseWithoutThread(answer, message)) return;
     const uint64_t sequence = as<KelmMsgRsp>(message).rspSeqNo;
     if (answer.row.traceHasId) {
         LOG_STEP(answer.row.trace, sequence, answer.clientId, answer.id);

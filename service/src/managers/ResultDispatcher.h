@@ -97,6 +97,8 @@ class ResultDispatcher : public Singleton<ResultDispatcher>,
     // The response with its head filled, or null when it is not to be sent.
     MessagePtr makeResponse(const Answer& answer, const KelmMsgReq& request);
     void deliver(const Answer& answer, MessagePtr message) REQUIRES(m_onMainPool);
+    // Whether there is no thread for the client's answers; takes the message then.
+    bool refuseWithoutThread(const Answer& answer, MessagePtr& message) REQUIRES(m_onMainPool);
     // The client that counts the task, and is told of its end if it wants that; or null.
     KelmClient* findReceiver(KelmTask& task);
     // False if the message waits for the create response: the thread that writes that sends it,

@@ -27,6 +27,15 @@ StrangerSender::StrangerSender(StepTrace trace)
       m_pool("ResDpSend", kMaxQueuedMessages) {}
 
 void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message) {
+    post(std::move(connection), std::move(message), false);
+}
+
+void StrangerSender::postLast(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message) {
+    post(std::move(connection), std::move(message), true);
+}
+
+void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message,
+                          bool isLast) {
     if (m_backlog.isFull() && !SerialPool::deferWait([this] { m_backlog.waitForRoom(); })) {
         m_backlog.waitForRoom();
     }
@@ -34,8 +43,9 @@ void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, Messa
     // The second runs from here: an answer that has waited behind others has only the rest of it,
     // or a row of peers that do not read would delay the last one by a second each.
     m_pool.postNotice([this, connection = std::move(connection), message = std::move(message),
-                       deadline = Clock::now() + kPatience] {
+                       deadline = Clock::now() + kPatience, isLast] {
         write(*connection, *message, deadline);
+        if (isLast) ClientManager::instance().closeClient(connection->getSimulateFD());
         m_backlog.remove(message->size);
     });
 }

@@ -25,10 +25,13 @@ class StrangerSender : public NonCopyable {
     explicit StrangerSender(StepTrace trace);
 
     void post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message);
+    // The same, and closes the peer behind it.
+    void postLast(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message);
 
  private:
     using Clock = std::chrono::steady_clock;
 
+    void post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message, bool isLast);
     void write(IPC::ConnectionBase& connection, const KelmMsgBase& message,
                Clock::time_point deadline);
     // False when the peer has used up its time; raises what the connection raises.
