@@ -12,10 +12,22 @@ namespace {
 
 using namespace kelm::gateway;
 
+constexpr uint64_t kBufferBytes = 1 << 20;  // of the graph, in either direction
+
 void readDescription(std::string_view text) {
-    for (const auto& tensor : ModelDescription::parse("m", text).inputs) {
-        if (tensor.bytes == 0) __builtin_trap();
+    const ModelDescription model = ModelDescription::parse("m", text);
+    model.requireFit(kBufferBytes, kBufferBytes);
+    for (const auto* tensors : {&model.inputs, &model.outputs}) {
+        for (const auto& tensor : *tensors) {
+            if (tensor.bytes == 0 || tensor.offset + tensor.bytes > kBufferBytes) __builtin_trap();
+        }
     }
+    std::vector<std::string> names;
+    for (const auto& tensor : model.outputs) names.push_back(tensor.name);
+    if (model.chooseOutputs(names) != model.chooseOutputs({})) __builtin_trap();
+    names.push_back(names.front());
+    (void)model.chooseOutputs(names);  // is refused
+    __builtin_trap();
 }
 
 void readBody(std::string_view text) {
