@@ -38,6 +38,7 @@ PARSERS = (
     "tools/kelmctl/TraceReader.cpp",
     "tools/kelmctl/TraceRow.cpp",
     "tools/gateway/ModelDescription.cpp",
+    "tools/gateway/grpc/InferMessage.cpp",
     "tools/gateway/rest/InferBody.cpp",
     "tools/gateway/rest/JsonTensor.cpp",
 )

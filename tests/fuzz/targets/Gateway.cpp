@@ -1,10 +1,13 @@
-// The gateway's JSON: the description of a model behind a 'd', else the JSON part of a request to
-// infer, whose tensors are read and written again.
+// What the gateway reads: the description of a model behind a 'd', a message by gRPC behind a 'p',
+// else the JSON part of a request to infer, whose tensors are read and written again.
+
+#include <grpcpp/support/slice.h>
 
 #include <nlohmann/json.hpp>
 #include <span>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/grpc/InferMessage.h"
 #include "tools/gateway/rest/InferBody.h"
 #include "tools/gateway/rest/JsonTensor.h"
 
@@ -13,6 +16,7 @@ namespace {
 using namespace kelm::gateway;
 
 constexpr uint64_t kBufferBytes = 1 << 20;  // of the graph, in either direction
+constexpr size_t kMostText = 1024;          // of a message, in bytes
 
 void readDescription(std::string_view text) {
     const ModelDescription model = ModelDescription::parse("m", text);
@@ -28,6 +32,30 @@ void readDescription(std::string_view text) {
     names.push_back(names.front());
     (void)model.chooseOutputs(names);  // is refused
     __builtin_trap();
+}
+
+// Its first byte is the length of the slices that it comes in. What is taken the generated parser
+// takes, too, and finds the same in.
+void readMessage(std::string_view text) {
+    if (text.empty()) return;
+    const size_t length = 1 + static_cast<unsigned char>(text[0]);
+    text.remove_prefix(1);
+    std::vector<grpc::Slice> slices;
+    for (size_t at = 0; at < text.size(); at += length) {
+        const std::string_view piece = text.substr(at, length);
+        slices.emplace_back(piece.data(), piece.size());
+    }
+    grpc::ByteBuffer buffer(slices.data(), slices.size());
+    const InferMessage read = InferMessage::read(buffer, kMostText);
+    inference::ModelInferRequest whole;
+    if (!whole.ParseFromArray(text.data(), static_cast<int>(text.size()))) __builtin_trap();
+    if (whole.inputs_size() != read.request.inputs_size()) __builtin_trap();
+    if (std::cmp_not_equal(whole.raw_input_contents_size(), read.raw.size())) __builtin_trap();
+    for (int i = 0; i < whole.raw_input_contents_size(); ++i) {
+        std::string raw(read.raw[i].bytes, '\0');
+        read.raw[i].copyTo(std::as_writable_bytes(std::span(raw)));
+        if (raw != whole.raw_input_contents(i)) __builtin_trap();
+    }
 }
 
 void readBody(std::string_view text) {
@@ -46,7 +74,13 @@ void readBody(std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     try {
-        text.starts_with('d') ? readDescription(text.substr(1)) : readBody(text);
+        if (text.starts_with('d')) {
+            readDescription(text.substr(1));
+        } else if (text.starts_with('p')) {
+            readMessage(text.substr(1));
+        } else {
+            readBody(text);
+        }
     } catch (const Failure&) {
         return 0;  // told to the client
     }

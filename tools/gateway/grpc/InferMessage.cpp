@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "tools/gateway/Failure.h"
@@ -18,6 +19,8 @@ namespace {
 using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::CodedInputStream;
 using Request = inference::ModelInferRequest;
+
+constexpr int kMostVarintBytes = 5;  // of a tag or a length, which have 32 bits
 
 constexpr uint32_t tagOf(int field) {
     return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
@@ -43,7 +46,7 @@ class Parter {
 
     // False if it is no message.
     bool run() {
-        while (const uint32_t tag = m_in.ReadTag()) {
+        while (const uint32_t tag = readTag()) {
             if (tag == tagOf(Request::kInputsFieldNumber)) limitTensors(++m_inputs);
             if (tag == tagOf(Request::kOutputsFieldNumber)) limitTensors(++m_outputs);
             const bool isRaw = tag == tagOf(Request::kRawInputContentsFieldNumber);
@@ -64,16 +67,34 @@ class Parter {
                                             " bytes without raw contents; send tensors as those");
     }
 
+    // Whether the number that was read from `begin` on is as short as the generated parser wants
+    // it: two readers of one message must agree on what is none.
+    bool isShort(int begin) const { return m_in.CurrentPosition() - begin <= kMostVarintBytes; }
+
+    // 0 at the end, and for what is no tag.
+    uint32_t readTag() {
+        const int begin = m_in.CurrentPosition();
+        const uint32_t tag = m_in.ReadTag();
+        return isShort(begin) ? tag : 0;
+    }
+
+    std::optional<size_t> readLength() {
+        const int begin = m_in.CurrentPosition();
+        int length = 0;
+        if (!m_in.ReadVarintSizeAsInt(&length) || !isShort(begin)) return std::nullopt;
+        return static_cast<size_t>(length);
+    }
+
     bool readRaw() {
-        uint32_t length = 0;
-        if (!m_in.ReadVarint32(&length)) return false;
+        const auto length = readLength();
+        if (!length) return false;
         limitTensors(m_message.raw.size() + 1);
         RawContent& content = m_message.raw.emplace_back();
-        while (content.bytes < length) {
+        while (content.bytes < *length) {
             const void* data = nullptr;
             int size = 0;
             if (!m_in.GetDirectBufferPointer(&data, &size)) return false;
-            const size_t piece = std::min(static_cast<size_t>(size), length - content.bytes);
+            const size_t piece = std::min(static_cast<size_t>(size), *length - content.bytes);
             content.pieces.emplace_back(static_cast<const std::byte*>(data), piece);
             content.bytes += piece;
             if (!m_in.Skip(static_cast<int>(piece))) return false;
@@ -107,12 +128,12 @@ class Parter {
     }
 
     bool readText() {
-        uint32_t length = 0;
-        if (!m_in.ReadVarint32(&length)) return false;
-        if (length > m_mostText) refuseText();
-        appendVarint(m_text, length);
+        const auto length = readLength();
+        if (!length) return false;
+        if (*length > m_mostText) refuseText();
+        appendVarint(m_text, *length);
         std::string bytes;
-        if (!m_in.ReadString(&bytes, static_cast<int>(length))) return false;
+        if (!m_in.ReadString(&bytes, static_cast<int>(*length))) return false;
         m_text += bytes;
         return true;
     }
