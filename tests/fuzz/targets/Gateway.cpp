@@ -3,10 +3,12 @@
 
 #include <grpcpp/support/slice.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <span>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/grpc/Contents.h"
 #include "tools/gateway/grpc/InferMessage.h"
 #include "tools/gateway/rest/InferBody.h"
 #include "tools/gateway/rest/JsonTensor.h"
@@ -34,6 +36,15 @@ void readDescription(std::string_view text) {
     __builtin_trap();
 }
 
+void checkContents(const inference::ModelInferRequest::InferInputTensor& input) {
+    const auto type = findDatatype(input.datatype());
+    if (!type || !infoOf(*type).hasJson) return;
+    const std::string elements = readContents(input.contents(), input.name(), *type);
+    inference::InferTensorContents again;
+    appendContents(again, *type, std::as_bytes(std::span(elements)));
+    if (countContents(again) != countContents(input.contents())) __builtin_trap();
+}
+
 // Its first byte is the length of the slices that it comes in. What is taken the generated parser
 // takes, too, and finds the same in.
 void readMessage(std::string_view text) {
@@ -46,16 +57,18 @@ void readMessage(std::string_view text) {
         slices.emplace_back(piece.data(), piece.size());
     }
     grpc::ByteBuffer buffer(slices.data(), slices.size());
-    const InferMessage read = InferMessage::read(buffer, kMostText);
+    InferMessage read = InferMessage::read(buffer, kMostText);
+    for (const auto& input : read.request.inputs()) checkContents(input);
+    for (const RawContent& each : read.raw) {
+        std::string& raw = *read.request.add_raw_input_contents();
+        raw.resize(each.bytes);
+        each.copyTo(std::as_writable_bytes(std::span(raw)));
+    }
     inference::ModelInferRequest whole;
     if (!whole.ParseFromArray(text.data(), static_cast<int>(text.size()))) __builtin_trap();
-    if (whole.inputs_size() != read.request.inputs_size()) __builtin_trap();
-    if (std::cmp_not_equal(whole.raw_input_contents_size(), read.raw.size())) __builtin_trap();
-    for (int i = 0; i < whole.raw_input_contents_size(); ++i) {
-        std::string raw(read.raw[i].bytes, '\0');
-        read.raw[i].copyTo(std::as_writable_bytes(std::span(raw)));
-        if (raw != whole.raw_input_contents(i)) __builtin_trap();
-    }
+    if (whole.ByteSizeLong() != read.request.ByteSizeLong()) __builtin_trap();
+    const auto& raws = read.request.raw_input_contents();
+    if (!std::ranges::equal(whole.raw_input_contents(), raws)) __builtin_trap();
 }
 
 void readBody(std::string_view text) {
