@@ -8,6 +8,7 @@
 #include <span>
 
 #include "tools/gateway/Failure.h"
+#include "tools/gateway/RequestRules.h"
 #include "tools/gateway/grpc/Contents.h"
 #include "tools/gateway/grpc/InferMessage.h"
 #include "tools/gateway/rest/InferBody.h"
@@ -45,30 +46,51 @@ void checkContents(const inference::ModelInferRequest::InferInputTensor& input) 
     if (countContents(again) != countContents(input.contents())) __builtin_trap();
 }
 
-// Its first byte is the length of the slices that it comes in. What is taken the generated parser
-// takes, too, and finds the same in.
-void readMessage(std::string_view text) {
-    if (text.empty()) return;
-    const size_t length = 1 + static_cast<unsigned char>(text[0]);
-    text.remove_prefix(1);
+// What is taken the generated parser takes, too, and finds the same in.
+inference::ModelInferRequest readAlike(std::string_view text, size_t sliceLength) {
     std::vector<grpc::Slice> slices;
-    for (size_t at = 0; at < text.size(); at += length) {
-        const std::string_view piece = text.substr(at, length);
+    for (size_t at = 0; at < text.size(); at += sliceLength) {
+        const std::string_view piece = text.substr(at, sliceLength);
         slices.emplace_back(piece.data(), piece.size());
     }
     grpc::ByteBuffer buffer(slices.data(), slices.size());
     InferMessage read = InferMessage::read(buffer, kMostText);
-    for (const auto& input : read.request.inputs()) checkContents(input);
     for (const RawContent& each : read.raw) {
         std::string& raw = *read.request.add_raw_input_contents();
         raw.resize(each.bytes);
         each.copyTo(std::as_writable_bytes(std::span(raw)));
     }
     inference::ModelInferRequest whole;
-    if (!whole.ParseFromArray(text.data(), static_cast<int>(text.size()))) __builtin_trap();
+    if (!whole.ParseFromString(std::string(text))) __builtin_trap();
     if (whole.ByteSizeLong() != read.request.ByteSizeLong()) __builtin_trap();
     const auto& raws = read.request.raw_input_contents();
     if (!std::ranges::equal(whole.raw_input_contents(), raws)) __builtin_trap();
+    return read.request;
+}
+
+void requireTaken(const inference::ModelInferRequest& request, size_t sliceLength) {
+    const int most = std::max(
+        {request.inputs_size(), request.outputs_size(), request.raw_input_contents_size()});
+    if (request.ByteSizeLong() > kMostText || most > static_cast<int>(kMostTensors)) return;
+    try {
+        (void)readAlike(request.SerializeAsString(), sliceLength);
+    } catch (const Failure&) {
+        __builtin_trap();
+    }
+}
+
+// Its first byte is the length of the slices that it comes in.
+void readMessage(std::string_view text) {
+    if (text.empty()) return;
+    const size_t sliceLength = 1 + static_cast<unsigned char>(text[0]);
+    text.remove_prefix(1);
+    inference::ModelInferRequest whole;
+    if (whole.ParseFromString(std::string(text))) {
+        whole.DiscardUnknownFields();
+        requireTaken(whole, sliceLength);
+    }
+    const inference::ModelInferRequest request = readAlike(text, sliceLength);
+    for (const auto& input : request.inputs()) checkContents(input);
 }
 
 void readBody(std::string_view text) {
