@@ -53,7 +53,8 @@ if(KELM_PCH)
 endif()
 
 # Compiles several files of a folder as one, which takes half the time: for the sanitizers and
-# clang-tidy, while the other builds see each file alone. Names without linkage must differ within a folder, too.
+# clang-tidy, while the other builds see each file alone. Names without linkage must differ within a
+# folder, too.
 option(KELM_UNITY "Compile the files of a folder together" OFF)
 if(KELM_UNITY)
     # Warnings about two files that meet only here.

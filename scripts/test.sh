@@ -44,7 +44,7 @@ run_benches() {
 }
 
 # Every finding is an error; see .clang-tidy for the list of checks. The files of a folder are looked at
-# several together, which takes half the time; of what is generated only the headers are needed.
+# several together, so that the headers are read less often; of what is generated only they are needed.
 run_tidy() {
     cmake --preset tidy >/dev/null && cmake --build --preset tidy --target kelm_gateway_proto_code >/dev/null &&
         sed -nE 's/^ *"file": "(.*)",?$/\1/p' build/tidy/compile_commands.json |
