@@ -206,7 +206,7 @@ struct Door {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace kelm;
-    static const Door& door = *new Door();
+    static const Door door;
     FuzzInput input(data, size);
     auto program = std::async(std::launch::async, [] { Program().run(door.path); });
     Service(input, WireClient::acceptFrom(door.listener.get())).run();

@@ -60,7 +60,7 @@ void readAll(const ServiceConfigParser& parser) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace kelm;
-    static Files& files = *new Files();
+    static Files files;
     const std::string text(reinterpret_cast<const char*>(data), size);
     const size_t end = std::min(text.find('\0'), size);
     // No input is as large as a file may be at most: some grow.

@@ -12,7 +12,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace kelm;
-    static const TempDir& directory = *new TempDir();
+    static const TempDir directory;
     std::string text(reinterpret_cast<const char*>(data), size);
     const auto takeFile = [&text](const std::string& name) {
         const size_t end = std::min(text.find('\0'), text.size());
