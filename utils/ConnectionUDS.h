@@ -66,6 +66,7 @@ class ConnectionUDS : public ConnectionBase {
 
  private:
     enum State { EMPTY = 0, LISTENING = 1, CONNECTED = 2 };
+    enum class Side { OUTGOING, OPEN_TO_PEERS };
     class Use;
 
     // The descriptor for one operation, which keeps it open until endUse(); -1 when closed.
@@ -73,8 +74,8 @@ class ConnectionUDS : public ConnectionBase {
     void endUse() EXCLUDES(m_mutex);
     void closeRetiredUnsafe() REQUIRES(m_mutex);
     void requireEmpty(const char* text) EXCLUDES(m_mutex);
-    void openSocket() EXCLUDES(m_mutex);
-    void takeSocket(int fd) EXCLUDES(m_mutex);
+    void openSocket(Side side) EXCLUDES(m_mutex);
+    void takeSocket(int fd, Side side) EXCLUDES(m_mutex);
     void enterState(State state) EXCLUDES(m_mutex);
     void requireOpenedOnce() EXCLUDES(m_mutex);
     void setConnectionAccessAttribute(const std::string& path, const AccessAttribute& attribute);
@@ -101,6 +102,7 @@ class ConnectionUDS : public ConnectionBase {
     std::atomic<int> m_fd{-1};
     std::atomic<int> m_users{0};       // operations inside the descriptor
     std::atomic<int> m_retiredFd{-1};  // closed, but for the operations still inside
+    Side m_side GUARDED_BY(m_mutex) = Side::OUTGOING;
     bool m_openedOnce GUARDED_BY(m_mutex) = false;
     bool m_shutDown GUARDED_BY(m_mutex) = false;
 

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "utils/UniqueFd.h"
+#include "utils/PeerDescriptor.h"
 
 namespace IPC {
 
@@ -24,7 +24,7 @@ struct ControlReport {
 // A descriptor on its way: some of its bytes may have come already.
 struct IncomingDescriptor {
     size_t leftBytes = kDescriptorBytes;
-    kelm::UniqueFd fd;
+    kelm::PeerFd fd;
     ControlReport report;
 };
 
@@ -53,7 +53,7 @@ class ReceiveBuffer {
     std::unique_ptr<std::byte[]> m_bytes;  // made at the first use: listeners need none
     size_t m_begin = 0;
     std::atomic<size_t> m_unread{0};  // atomic: the poller looks at it
-    kelm::UniqueFd m_descriptor;
+    kelm::PeerFd m_descriptor;
     ControlReport m_report;
 };
 

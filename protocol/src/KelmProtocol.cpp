@@ -1,7 +1,5 @@
 #include "protocol/src/KelmProtocol.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +8,7 @@
 #include "utils/ConnectionBase.h"
 #include "utils/Log.h"
 #include "utils/PeerCredentials.h"
+#include "utils/PeerDescriptor.h"
 
 namespace kelm {
 
@@ -35,28 +34,28 @@ void freeInnerBuffers(KelmMsgBase* message) {
     message->innerBufferNum = 0;
 }
 
+}  // namespace
+
 // Each entry is marked as closed, so that a second release does no harm to a number that is in use
 // again by then.
-void closeDescriptors(KelmMsgBase* message) {
+void kelmCloseDescriptors(KelmMsgBase* message) {
     const uint32_t count = std::min(message->fdNum, kMaxMessageFds);
     for (uint32_t i = 0; i < count; ++i) {
-        if (message->fd[i] >= 0) (void)::close(message->fd[i]);
+        if (message->fd[i] >= 0) closeOfPeer(message->fd[i]);
         message->fd[i] = -1;
     }
 }
 
-}  // namespace
-
 void kelmReleaseContents(KelmMsgBase* message) {
     freeInnerBuffers(message);
-    closeDescriptors(message);
+    kelmCloseDescriptors(message);
 }
 
 // A record that was built here to be sent names descriptors of its sender, which are not closed.
 void kelmReleaseMessage(KelmMsgBase* message) {
     if (message == nullptr) return;
     freeInnerBuffers(message);
-    if (messagePool::ownsDescriptors(message)) closeDescriptors(message);
+    if (messagePool::ownsDescriptors(message)) kelmCloseDescriptors(message);
     messagePool::release(message);
 }
 

@@ -67,6 +67,9 @@ int kelmReceiveMessage(int connectionId, KelmMsgBase* message, size_t size,
 // Frees the inner buffers and closes the descriptors of a received record in a caller's memory.
 void kelmReleaseContents(KelmMsgBase* message);
 
+// Of a received message that has no use for any; the record keeps none.
+void kelmCloseDescriptors(KelmMsgBase* message);
+
 // Moves the three buffers out of a received infer request: their descriptors are the caller's now.
 void takeTaskBuffers(KelmMsgReqInferTask& message, KelmBuffer& input, KelmBuffer& output,
                      KelmBuffer& aux);

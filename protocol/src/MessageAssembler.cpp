@@ -177,7 +177,7 @@ MessageAssembler::State MessageAssembler::receiveDescriptors(IPC::ConnectionBase
         if (m_allowance < kDescriptorCost) return State::kWaiting;
         if (!connection.readArrived(m_incomingFd, m_wait)) return State::kWaiting;
         m_allowance -= kDescriptorCost;
-        UniqueFd received = std::exchange(m_incomingFd, {}).fd;
+        PeerFd received = std::exchange(m_incomingFd, {}).fd;
         if (m_receivedFds++ >= kMaxMessageFds) continue;
         m_message->fd[m_message->fdNum++] = received.release();
     }

@@ -7,7 +7,7 @@
 
 #include "protocol/src/KelmProtocol.h"
 #include "utils/Log.h"
-#include "utils/UniqueFd.h"
+#include "utils/PeerDescriptor.h"
 
 namespace kelm {
 
@@ -71,7 +71,7 @@ int unflatInferTaskReq(KelmMsgBase* base) {
     }
     const uint32_t count = std::exchange(base->fdNum, 0);
     for (uint32_t i = 0; i < count; ++i) {
-        UniqueFd received(std::exchange(base->fd[i], -1));
+        PeerFd received(std::exchange(base->fd[i], -1));
         const uint32_t role = base->fdType[i];
         if (role > KELM_FD_AUX || buffers[role]->fd != 0) continue;  // closed: no buffer has it
         buffers[role]->fd = received.get();

@@ -357,6 +357,12 @@ TEST_F(KelmZorvanTaskTest, FailedAuxiliaryBlockIsMarked) {
         EXPECT_EQ(run(task), kNoMemory);
         EXPECT_EQ(contentOf(task->getTaskParam()->getAuxBuffer()), row.content);
     }
+    // The size is the client's word.
+    const std::string sparse(20 << 20, '\0');
+    KelmTask* const task = addTask(ion("abcd"), ion("...."), wanted(shared(sparse), 2));
+    fail("1.2 qxDeviceGetOption(2000)", kNoMemory);
+    EXPECT_EQ(run(task), kNoMemory);
+    EXPECT_TRUE(contentOf(task->getTaskParam()->getAuxBuffer()).ends_with(sparse.substr(16 << 20)));
     EXPECT_FALSE(root->isFailed());
 }
 

@@ -62,6 +62,38 @@ TEST_F(GraphManagerTest, TwinsLoadOnceAndAllAreAnswered) {
     EXPECT_EQ(device().count(DeviceCall::Allocate), 1);
 }
 
+TEST_F(GraphManagerTest, RequestsThatWaitForALoadAreBoundedAndLeaveWithTheirConnections) {
+    start();
+    device().block(DeviceCall::Allocate);
+    WireClient patient = connect();
+    DescriptorProbe useless;
+    patient.sendCreateGraph({"blob"}, {useless.get()});
+    useless.sent();
+    EXPECT_TRUE(useless.isClosed());
+    ASSERT_TRUE(isReached(DeviceCall::Allocate));
+    const auto countNumbers = [] {
+        std::vector<std::shared_ptr<IPC::ConnectionUDS>> taken;
+        while (auto connection = IPC::ConnectionUDS::tryMake(nullptr)) taken.push_back(connection);
+        return taken.size();
+    };
+    const size_t before = countNumbers();
+    for (const bool isOwn : {true, false}) {
+        WireClient hasty = connect();
+        GraphWish wish{"blob"};
+        if (!isOwn) wish.client = patient.id();
+        for (int i = 0; i <= GraphRegistry::kMostWaiting; ++i) hasty.sendCreateGraph(wish);
+        const auto answer = (isOwn ? hasty : patient).receive<KelmMsgRspCreateGraph>();
+        EXPECT_EQ(answer.head.status, KELM_ERROR_TOO_MANY_GRAPH);
+        hasty.hangUp();
+        EXPECT_TRUE(eventually([&] {
+            (void)connect().createGraph(fromFile("/missing"));
+            return countNumbers() == before;
+        }));
+    }
+    device().release(DeviceCall::Allocate);
+    EXPECT_EQ(patient.receive<KelmMsgRspCreateGraph>().head.status, KELM_OK);
+}
+
 TEST_F(GraphManagerTest, IdentityByNameKeepsOneBlobUnderTwoNamesApart) {
     start(R"("debug_settings": {"graph_identity": "name"})");
     WireClient client = connect();

@@ -1,6 +1,11 @@
+#include <csignal>
+#include <future>
+
 #include "utils/FileHelper.h"
 #include "utils/GlobalMutex.h"
+#include "utils/PeerCredentials.h"
 #include "utils/PlainFile.h"
+#include "utils/ShareMemory.h"
 #include "utils/ThreadUtils.h"
 #include "utils/UniqueFd.h"
 #include "utils/UniqueMalloc.h"
@@ -69,6 +74,22 @@ TEST_F(FilesTest, FilesOfOthersAreOpenedOnlyWhereTheyMayBe) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(FileHelper::getFileSize(others), size);
     EXPECT_TRUE(PlainFile::open(others.c_str(), access, 0600, Owner::ANYBODY));
+}
+
+TEST(ShareMemoryTest, LeaseOfAnotherProcessHoldsUpNobody) {
+    ::signal(SIGIO, SIG_IGN);  // the kernel's word that the lease is in the way
+    const std::string name = "/kelm_test_lease" + std::to_string(::getpid());
+    (void)UniqueFd(::shm_open(name.c_str(), O_CREAT | O_RDWR, 0600));
+    UniqueFd leased(::shm_open(name.c_str(), O_RDONLY, 0));
+    ASSERT_EQ(::fcntl(leased.get(), F_SETLEASE, F_RDLCK), 0);
+    auto data = std::async(std::launch::async, [&name] {
+        const PeerCredentials& self = *PeerCredentials::ofThisProcess();
+        return ShareMemory().openFor(self, FileRights::READ, name.c_str(), 0);
+    });
+    EXPECT_EQ(data.wait_for(10s), std::future_status::ready);
+    leased.reset();
+    EXPECT_EQ(data.get(), nullptr);
+    ::shm_unlink(name.c_str());
 }
 
 }  // namespace

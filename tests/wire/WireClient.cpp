@@ -79,19 +79,21 @@ bool WireClient::sendHalf() {
     return sendBytes(&request, sizeof(request) / 2) && eventually([this] { return unsent() == 0; });
 }
 
-bool WireClient::sendCreateGraph(const GraphWish& wish) {
+bool WireClient::sendCreateGraph(const GraphWish& wish, const std::vector<int>& descriptors) {
     auto request = make<KelmMsgReqCreateGraph>(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    if (wish.client != 0) request.clientId = wish.client;
     request.subclass = wish.subclass;
     request.expectDevices = 1;
     copyText(request.graphName, wish.name);
     copyText(request.graphTag, wish.tag);
     copyText(request.streamId, wish.stream);
     copyText(request.graphPath, wish.path);
-    if (!wish.path.empty()) return send(request);
+    request.head.base.fdNum = static_cast<uint32_t>(descriptors.size());
+    if (!wish.path.empty()) return send(request, descriptors);
     request.head.base.dataNum = 1;
     request.head.base.data[0] = 1;  // an address of this process, which the service must not use
     request.head.base.dataSize[0] = wish.blob.size();
-    return send(request, {}, wish.blob);
+    return send(request, descriptors, wish.blob);
 }
 
 size_t WireClient::countBytes(int socket, unsigned long request) {

@@ -48,6 +48,7 @@ struct GraphWish {
     std::string stream{};
     int32_t subclass = 0;
     std::string path{};
+    uint64_t client = 0;  // that it is for; 0: the one that asks
 };
 
 // A client of the service over a plain socket, which shares no code with the real client. It can be
@@ -128,7 +129,7 @@ class WireClient {
     }
     // The first half of a registration, once the service has read it. False if it never does.
     bool sendHalf();
-    bool sendCreateGraph(const GraphWish& wish);
+    bool sendCreateGraph(const GraphWish& wish, const std::vector<int>& descriptors = {});
 
     // What waits here, and what of ours the service has not read, in bytes.
     size_t unread() const { return waitingBytes(fd()); }

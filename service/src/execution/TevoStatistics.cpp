@@ -24,6 +24,9 @@ constexpr uint32_t kAuxThermalStats = 2;
 constexpr uint32_t kAuxDebugInfo = 4;
 // Fills an auxiliary buffer whose block the device did not give.
 constexpr int kAuxUnusable = 0xA5;
+// Filled at most: a client can claim any size at no cost, and each page that is written costs
+// memory.
+constexpr uint64_t kMostFilled = 16ULL << 20;
 // An array of two floats or fewer holds no step of an inference.
 constexpr unsigned int kTwoTimes = 2 * sizeof(float);
 
@@ -34,6 +37,10 @@ void append(KelmBuffer& buffer, uint64_t& used, const char* block, uint64_t size
     const uint64_t count = std::min(buffer.size - used, size);
     std::memcpy(dataOf(buffer) + used, block, count);
     used += count;
+}
+
+void markUnusable(const KelmBuffer& buffer) {
+    std::memset(dataOf(buffer), kAuxUnusable, std::min<uint64_t>(buffer.size, kMostFilled));
 }
 
 float millisSince(std::chrono::steady_clock::time_point start,
@@ -125,7 +132,7 @@ int TevoStatistics::copyTimeTaken(qxGraphHandle_t* graphHandle, KelmGraph* graph
     unsigned int length = 0;
     if (const int rc = readTimeTaken(graphHandle, data, length, kTevoOutOfMemory)) {
         // Without an array its size was not told, and the buffer stays as the client gave it.
-        if (data) std::memset(dataOf(buffer), kAuxUnusable, buffer.size);
+        if (data) markUnusable(buffer);
         return rc;
     }
     append(buffer, used, data.get(), length);
@@ -145,7 +152,7 @@ int TevoStatistics::copyThermalStats(KelmBuffer& buffer, uint64_t& used) {
     LOG_TASK("called qxDeviceGetOption(), thermalStats=%p thermalStatsLen=%u",
              static_cast<const void*>(stats), length);
     if (rc != KELM_OK) {
-        std::memset(dataOf(buffer), kAuxUnusable, buffer.size);
+        markUnusable(buffer);
         return m_device.checked(
             rc, "Error: qxDeviceGetOption(QX_RO_DEVICE_THERMAL_STATS) failed, device=%s rc=%d");
     }

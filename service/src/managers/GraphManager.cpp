@@ -15,6 +15,7 @@
 #include "records/KelmGraph.h"
 #include "reporting/InfoCollector.h"
 #include "reporting/ReportPart.h"
+#include "utils/IPC.h"
 #include "utils/Log.h"
 #include "utils/Port.h"
 #include "utils/StepTrace.h"
@@ -163,8 +164,20 @@ bool GraphManager::continueCreation(Request& request, const CreationPtr& creatio
     return true;
 }
 
+// A request can name a client of another connection, with whose end it does not depart: it would
+// keep the number of its own connection for as long as the load takes.
+void GraphManager::dropRequestsOfEndedConnections() {
+    GraphRegistry::Requests dropped;  // outlives the lock
+    MutexLock lock(m_mutex);
+    dropped = m_graphs.takeWaiting([](const Request& request) {
+        const auto connection = IPC::ConnectionBase::findConnection(request.getSocket());
+        return !connection || !connection->connected();
+    });
+}
+
 bool GraphManager::createGraph(Request& request, const CreationPtr& creation,
                                std::optional<CreateAnswer>& answer) {
+    if (!creation->opened) dropRequestsOfEndedConnections();
     if (!openBlob(request, *creation)) {
         LOG_ERROR("Error: invalid graphPath '%s'",
                   escapeControls(request.as<KelmMsgReqCreateGraph>().graphPath));
@@ -251,6 +264,12 @@ bool GraphManager::joinGraphUnsafe(Request& request, const std::string& hash,
     KelmGraph* loading = m_graphs.findTwin(GraphRegistry::LOADING, wanted, hash);
     if (loading == nullptr) return false;
     LOG_STEP("[CreateGraph#1] found loading graph(%lu), add to response list", loading->getId());
+    if (!m_graphs.mayWait(loading, request.getSocket())) {
+        LOG_ERROR("Error: too many requests of client(%lu) wait for graph(%lu)", wanted.clientId,
+                  loading->getId());
+        answer = CreateAnswer{nullptr, KELM_ERROR_TOO_MANY_GRAPH};
+        return true;
+    }
     // The client is a user from now on, so the graph is not given up while it waits.
     loading->appendName(wanted.clientId, wanted.graphName);
     m_graphs.addWaiting(loading, std::move(request));
@@ -442,6 +461,8 @@ void GraphManager::notifyClientInDestroy(uint64_t clientId) {
     std::vector<GraphRegistry::Requests> unanswered;  // outlives the lock
     MutexLock lock(m_mutex);
     LOG_STEP("revoke graph privileges assigned for client(id:%lu)", clientId);
+    unanswered.push_back(m_graphs.takeWaiting(
+        [clientId](const Request& request) { return request.getClientId() == clientId; }));
     int numCleaned = 0;
     for (KelmGraph* graph : m_graphs.getNamed()) {
         graph->removeUser(clientId);

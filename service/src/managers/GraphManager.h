@@ -93,6 +93,7 @@ class GraphManager : public Singleton<GraphManager>,
     // The same, with the answer if it has one now.
     bool createGraph(Request& request, const CreationPtr& creation,
                      std::optional<CreateAnswer>& answer) REQUIRES(m_onPool) EXCLUDES(m_mutex);
+    void dropRequestsOfEndedConnections() EXCLUDES(m_mutex);
     // Finds the blob, of which nothing is read yet. False if the path names no graph.
     bool openBlob(const Request& request, Creation& creation);
     // Takes the one place of a creation that reads a file; false while another creation has it.

@@ -1,5 +1,7 @@
 #include "managers/GraphRegistry.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "protocol/src/KelmProtocol.h"
@@ -63,8 +65,24 @@ bool GraphRegistry::isLoading(KelmGraph* graph) const {
     return entry != m_entries.end() && entry->second.phase == LOADING;
 }
 
+bool GraphRegistry::mayWait(KelmGraph* graph, int socket) const {
+    const Requests& waiting = m_entries.at(graph).waiting;
+    return std::ranges::count(waiting, socket, &Request::getSocket) < kMostWaiting;
+}
+
 void GraphRegistry::addWaiting(KelmGraph* graph, Request request) {
     m_entries.at(graph).waiting.push_back(std::move(request));
+}
+
+GraphRegistry::Requests GraphRegistry::takeWaiting(
+    const std::function<bool(const Request&)>& isOver) {
+    Requests taken;
+    for (auto& [graph, entry] : m_entries) {
+        const auto over = std::ranges::stable_partition(entry.waiting, std::not_fn(isOver));
+        std::ranges::move(over, std::back_inserter(taken));
+        entry.waiting.erase(over.begin(), over.end());
+    }
+    return taken;
 }
 
 // No client has been told the id of one that failed, but one can guess it: a task may refer to the

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -31,6 +32,7 @@ class GraphRegistry : public NonCopyable {
     enum Phase { LOADING, LOADED, FAILED, DEPARTING };
     enum Confirmation { UNLOADED = 1, ALL_TASKS_DONE = 2 };
     using Requests = std::vector<Request>;
+    static constexpr int kMostWaiting = 64;  // of one connection, for one graph
 
     // At most so many graphs that have not failed. `byName`: twins have the same name, too.
     GraphRegistry(uint64_t limit, bool byName);
@@ -51,7 +53,11 @@ class GraphRegistry : public NonCopyable {
     // The record begins to load.
     KelmGraph* enter(std::unique_ptr<KelmGraph> record);
     bool isLoading(KelmGraph* graph) const;
+    // Whether one more request of the connection may wait for the graph.
+    bool mayWait(KelmGraph* graph, int socket) const;
     void addWaiting(KelmGraph* graph, Request request);
+    // The waiting requests that are not to be answered any more.
+    Requests takeWaiting(const std::function<bool(const Request&)>& isOver);
     // The load of a graph that is loading has ended. Returns the requests that wait for that.
     Requests endLoad(KelmGraph* graph, bool failed);
     // The same requests, if it was loading.

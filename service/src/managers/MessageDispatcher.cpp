@@ -292,6 +292,10 @@ bool MessageDispatcher::handleMessage(Request request) {
         (void)request.take();  // a message that is no request is owed no answer
         return false;
     }
+    // Those that have no use for descriptors may wait long.
+    if (request.getType() != KELM_MESSAGE_INFER_TASK_REQ) {
+        kelmCloseDescriptors(request.getMessage());
+    }
     (this->*row->handle)(std::move(request));
     return true;
 }

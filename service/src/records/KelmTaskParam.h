@@ -30,8 +30,8 @@ class KelmTaskParam : public NonCopyable {
     KelmBuffer& getOutputBuffer() { return m_outputBuffer; }
     KelmBuffer& getAuxBuffer() { return m_auxBuffer; }
     const PeerCredentials& getPeer() const { return *m_peer; }
-    // Whether its end may take long: it unmaps memory, or closes descriptors of the client's, which
-    // may be of any kind.
+    // Whether its end may take long: it unmaps memory, or closes descriptors, with the last of
+    // which memory ends.
     bool mayWaitAtEnd() const {
         for (const KelmBuffer* buffer : {&m_inputBuffer, &m_outputBuffer, &m_auxBuffer}) {
             if (buffer->buffer != 0 || buffer->shareMemory != 0 || buffer->fd > 0) return true;

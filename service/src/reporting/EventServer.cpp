@@ -138,7 +138,7 @@ void EventServer::handle(Reader& reader, short events) {
 }
 
 void EventServer::acceptReader() {
-    UniqueFd fd(
+    PeerSocket fd(
         ::accept4(m_listener->nativeHandle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     const bool isFull = m_readers.size() >= m_limits.readers;
     if (!fd || isFull) {
@@ -178,8 +178,7 @@ void EventServer::greet(Reader& reader) {
 
 // A reader may end its side of the connection behind its request, and reads on.
 void EventServer::receive(Reader& reader) {
-    char bytes[kMostRequest];
-    const ssize_t count = ::recv(reader.fd.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
+    const ssize_t count = m_input.fill(reader.fd.get(), MSG_DONTWAIT);
     if (count < 0) {
         reader.isGone = errno != EAGAIN && errno != EINTR;
         return;
@@ -188,7 +187,9 @@ void EventServer::receive(Reader& reader) {
         reader.inputEnded = true;
         return;
     }
-    reader.input.append(bytes, static_cast<size_t>(count));
+    const size_t before = reader.input.size();
+    reader.input.resize(before + static_cast<size_t>(count));
+    (void)m_input.take(reader.input.data() + before, static_cast<size_t>(count));
     const size_t end = reader.input.find('\n');
     const bool isWhole = end + 1 == reader.input.size();
     if (reader.hasAsked || reader.input.size() > kMostRequest ||

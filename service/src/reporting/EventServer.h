@@ -14,6 +14,8 @@
 
 #include "reporting/EventJournal.h"
 #include "utils/NonCopyable.h"
+#include "utils/PeerDescriptor.h"
+#include "utils/ReceiveBuffer.h"
 #include "utils/Semaphore.h"
 #include "utils/ThreadRole.h"
 #include "utils/UniqueFd.h"
@@ -57,7 +59,7 @@ class EventServer : public NonCopyable {
     using Clock = std::chrono::steady_clock;
 
     struct Reader {
-        UniqueFd fd;
+        PeerSocket fd;
         std::string input;   // of the request, until it is whole
         std::string output;  // to be written
         uint64_t first = 0;  // the event that its stream begins with
@@ -96,6 +98,7 @@ class EventServer : public NonCopyable {
 
     ThreadRole m_onThread;
     std::list<Reader> m_readers GUARDED_BY(m_onThread);
+    IPC::ReceiveBuffer m_input GUARDED_BY(m_onThread);    // empty but for one reading
     EventJournal::Extract m_last GUARDED_BY(m_onThread);  // its events have been given out
     std::optional<Clock::time_point> m_acceptAgain GUARDED_BY(m_onThread);
 

@@ -205,12 +205,10 @@ void SnapshotServer::resumeAccepting() {
 
 // Bounded over the tool's life: a talker would otherwise keep the thread busy at no cost to itself.
 bool SnapshotServer::dropInput(Tool& tool) {
-    std::array<char, 4096> dropped;
     while (tool.received <= kMaxReceivedBytes) {
-        const ssize_t count =
-            ::recv(tool.connection->nativeHandle(), dropped.data(), dropped.size(), MSG_DONTWAIT);
+        const ssize_t count = m_input.fill(tool.connection->nativeHandle(), MSG_DONTWAIT);
         if (count > 0) {
-            tool.received += static_cast<size_t>(count);
+            tool.received += m_input.take(nullptr, static_cast<size_t>(count));
         } else if (count == 0 || errno == EAGAIN) {
             return true;  // the end of the stream comes as a hang-up
         } else if (errno != EINTR) {

@@ -13,6 +13,7 @@
 
 #include "protocol/src/InfoPackage.h"
 #include "utils/NonCopyable.h"
+#include "utils/ReceiveBuffer.h"
 #include "utils/Semaphore.h"
 #include "utils/StepTrace.h"
 #include "utils/ThreadRole.h"
@@ -111,6 +112,7 @@ class SnapshotServer : public NonCopyable {
 
     ThreadRole m_onThread;
     std::map<int, Tool> m_tools GUARDED_BY(m_onThread);  // by the number of the connection
+    IPC::ReceiveBuffer m_input GUARDED_BY(m_onThread);   // empty but for one reading
     Clock::time_point m_nextPackage GUARDED_BY(m_onThread);
     std::optional<Clock::time_point> m_acceptAgain GUARDED_BY(m_onThread);
 

@@ -14,6 +14,7 @@
 #include "utils/ErrorHelper.h"
 #include "utils/FileHelper.h"
 #include "utils/PeerCredentials.h"
+#include "utils/PeerDescriptor.h"
 #include "utils/Poller.h"
 #include "utils/StringHelper.h"
 
@@ -83,19 +84,20 @@ void ConnectionUDS::requireEmpty(const char* text) {
 }
 
 // Not inherited: the boot tool would otherwise keep the socket open after the end of the service.
-void ConnectionUDS::openSocket() {
+void ConnectionUDS::openSocket(Side side) {
     kelm::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) KELM_THROW("ipc_connection_linux_UDS : socket() failed.");
-    takeSocket(fd.release());
+    takeSocket(fd.release(), side);
 }
 
-void ConnectionUDS::takeSocket(int fd) {
+void ConnectionUDS::takeSocket(int fd, Side side) {
     // Nothing of an earlier peer may reach the new one.
     (void)m_input.take(nullptr, m_input.size());
     m_blocking = true;
     m_pollBlocked = false;
     kelm::MutexLock lock(m_mutex);
     m_fd = fd;
+    m_side = side;
     m_openedOnce = true;
     m_shutDown = false;
 }
@@ -112,7 +114,7 @@ void ConnectionUDS::enterState(State state) {
 
 void ConnectionUDS::create(const std::string& path, AccessAttribute attribute) {
     requireEmpty("state is not EMPTY when create()");
-    openSocket();
+    openSocket(Side::OPEN_TO_PEERS);
     const std::string name =
         cutPath(path.empty() ? StringHelper::format("/var/tmp/%05d", ::getpid()) : path);
     // A file that a service left behind, which would make bind() fail.
@@ -152,7 +154,7 @@ void ConnectionUDS::accept(ConnectionBase* listener) {
     if (socket == nullptr) KELM_THROW("listener is not ipc_connection_linux_UDS");
     const int fd = acceptOn(socket->nativeHandle());
     if (fd < 0) KELM_THROW("accept failed");
-    takeSocket(fd);
+    takeSocket(fd, Side::OPEN_TO_PEERS);
     // A peer whose user is unknown could be given no rights to anything.
     auto peer = kelm::PeerCredentials::ofSocket(fd);
     if (!peer) KELM_THROW("accept failed, the peer's user cannot be told");
@@ -162,7 +164,7 @@ void ConnectionUDS::accept(ConnectionBase* listener) {
 
 // Accepted and closed at once: left in the queue, it would make the listener readable for ever.
 void ConnectionUDS::refuse() {
-    const kelm::UniqueFd unwanted(acceptOn(nativeHandle()));
+    const kelm::PeerSocket unwanted(acceptOn(nativeHandle()));
     if (!unwanted) KELM_THROW("accept failed");
 }
 
@@ -172,7 +174,7 @@ bool ConnectionUDS::connect(const std::string& path) {
 
 bool ConnectionUDS::connect(const std::string& path, std::chrono::milliseconds limit) {
     requireEmpty("state is not EMPTY when connect()");
-    openSocket();
+    openSocket(Side::OUTGOING);
     const Address address = makeAddress(cutPath(path));
     limitSends(nativeHandle(), limit);
     if (::connect(nativeHandle(), reinterpret_cast<const sockaddr*>(&address.name),
@@ -222,7 +224,9 @@ void ConnectionUDS::endUse() {
 
 void ConnectionUDS::closeRetiredUnsafe() {
     if (m_users.load() > 0 || m_retiredFd.load() < 0) return;
-    (void)::close(m_retiredFd.exchange(-1));
+    // A forked child that closes its copy of an outgoing one must not end the parent's.
+    const auto end = m_side == Side::OUTGOING ? kelm::closeNow : kelm::closeSocketOfPeers;
+    end(m_retiredFd.exchange(-1));
 }
 
 // Without waiting for operations that are inside: it is what ends them.

@@ -48,7 +48,7 @@ void ReceiveBuffer::readControl(msghdr& message) {
         for (size_t i = 0; i < count; ++i) {
             int fd = -1;
             std::memcpy(&fd, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
-            kelm::UniqueFd received(fd);
+            kelm::PeerFd received(fd);
             if (!m_descriptor) m_descriptor = std::move(received);
             ++m_report.numFd;
         }

@@ -70,7 +70,8 @@ bool ShareMemory::open(const char* name, unsigned long size, int oflag, const Ch
         return false;
     }
     reset();
-    UniqueFd fd(::shm_open(name, oflag, kMode));
+    // Without O_NONBLOCK another process that has a lease on the object would hold this thread.
+    UniqueFd fd(::shm_open(name, oflag | O_NONBLOCK, kMode));
     if (!fd) {
         LOG_ERROR("Error: shm_open() failed: errno=%d (%s)\n", errno, std::strerror(errno));
         return false;

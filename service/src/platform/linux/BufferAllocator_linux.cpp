@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -9,6 +7,7 @@
 #include "records/BufferAllocator.h"
 #include "utils/Log.h"
 #include "utils/MappingGuard.h"
+#include "utils/PeerDescriptor.h"
 #include "utils/UniqueFd.h"
 
 namespace kelm {
@@ -165,7 +164,7 @@ KelmError BufferAllocator::free(KelmBuffer* buffer) {
         }
     }
     if (buffer->fd > 0) {
-        (void)::close(buffer->fd);  // the number is free also when close() fails
+        closeOfPeer(buffer->fd);
         buffer->fd = 0;
     }
     return KELM_OK;
