@@ -262,7 +262,7 @@ TEST_F(IPCTransferTest, UnwantedDescriptorsAreClosed) {
     connection.reset();
     IPC::PollEvent event;
     EXPECT_FALSE(channel.poller->wait(&event, 0));
-    EXPECT_TRUE(eventually([&] { return before - 1 == countDescriptors(); }));
+    EXPECT_EQ(before - 1, countDescriptors());
 }
 
 // A socket in whose queue there is one by TCP that stays until its bytes are read, or half a

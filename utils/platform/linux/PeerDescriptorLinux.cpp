@@ -6,12 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <thread>
 
 #include "utils/Mutex.h"
 #include "utils/PeerDescriptor.h"
+#include "utils/ReceiveBuffer.h"
 #include "utils/Ring.h"
 #include "utils/ThreadUtils.h"
 
@@ -22,6 +24,7 @@ namespace {
 // Beyond this many files whose end does not come, further ones stay open until it does.
 constexpr int kMostThreads = 8;
 constexpr std::chrono::seconds kLinger{1};  // of a thread without work
+constexpr int kMostReadings = 1024;         // of a socket's rest; a descriptor ends one
 
 // A peer may have it linger again before the end: then it is a thread of the closer that waits.
 void endFile(int fd) {
@@ -106,11 +109,23 @@ bool endsAtOnce(int fd) {
            (S_ISREG(known.stx_mode) && known.stx_dev_major != UNNAMED_MAJOR);
 }
 
-// Nothing that is unread, with which descriptors may have come. Not so for a listener, whose peers
-// may have passed some before they are accepted.
-bool isDrained(int socket) {
-    int unread = 0;
-    return ::ioctl(socket, SIOCINQ, &unread) == 0 && unread == 0;
+// Reads what is left in it, which may have brought descriptors, and takes peers off its queue.
+// Whether nothing is left.
+bool drain(int socket) try {
+    int peer = -1;
+    while ((peer = ::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0)
+        closeSocketOfPeers(peer);
+    if (errno != EINVAL) return false;  // that of an empty queue, or of none
+    IPC::ReceiveBuffer rest;
+    for (int i = 0; i < kMostReadings; ++i) {
+        int unread = 0;
+        if (::ioctl(socket, SIOCINQ, &unread) != 0 || unread == 0) return true;
+        (void)rest.fill(socket, MSG_DONTWAIT);
+        (void)rest.take(nullptr, rest.size());
+    }
+    return false;
+} catch (const std::exception&) {
+    return false;
 }
 
 }  // namespace
@@ -120,10 +135,10 @@ void closeOfPeer(int fd) {
     (void)::close(fd);
 }
 
-// Shut down first: nothing comes behind the look.
+// Shut down first: nothing comes behind the reading.
 void closeSocketOfPeers(int socket) {
     (void)::shutdown(socket, SHUT_RDWR);
-    if (!isDrained(socket)) return Closer::close(socket);
+    if (!drain(socket)) return Closer::close(socket);
     (void)::close(socket);
 }
 
