@@ -42,6 +42,25 @@ std::chrono::milliseconds withJitter(std::chrono::milliseconds pause) {
 
 }  // namespace
 
+// Counts a load while it lives.
+class Session::LoadUnderWay {
+ public:
+    explicit LoadUnderWay(Session& session) : m_session(session) {
+        MutexLock lock(m_session.m_mutex);
+        ++m_session.m_loads;
+    }
+    ~LoadUnderWay() {
+        MutexLock lock(m_session.m_mutex);
+        --m_session.m_loads;
+        m_session.forgetDestroysUnsafe();
+    }
+    LoadUnderWay(const LoadUnderWay&) = delete;
+    LoadUnderWay& operator=(const LoadUnderWay&) = delete;
+
+ private:
+    Session& m_session;
+};
+
 Session::Session(const SessionOptions& options)
     : m_options(options),
       m_callbacks(options.dispatches),
@@ -205,23 +224,29 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
     }
     if (!current) return Error::connectionLost();
     const Clock::time_point end = Clock::now() + deadline;
-    auto graph = loadGraph(*current, source, deadline);
-    if (!graph) return graph.error();
-    if (limits.window == 0) {
-        const client::Deadline left = std::min(timeUntil(end), client::kDefaultDeadline);
-        limits.window = kTasksADevice * countDevices(*current, left);
-    }
-    current.reset();
-    const auto queue =
-        std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graph.value().id);
-    auto entry = std::make_shared<Entry>();
-    entry->queue = queue;
-    entry->source = m_options.reconnects ? keepGraph(std::move(source)) : GraphSource{};
-    MutexLock lock(m_mutex);
-    // A new connection does not know the graph, and has not found it among the others.
-    if (m_closing || m_lost || m_connection != connection) return Error::connectionLost();
-    m_graphs.push_back(std::move(entry));
-    return LoadedGraph{graph.value(), queue};
+    const LoadUnderWay underWay(*this);
+    do {
+        const Clock::time_point begun = Clock::now();
+        auto graph = loadGraph(*current, source, timeUntil(end));
+        if (!graph) return graph.error();
+        if (limits.window == 0) {
+            const client::Deadline left = std::min(timeUntil(end), client::kDefaultDeadline);
+            limits.window = kTasksADevice * countDevices(*current, left);
+        }
+        const uint64_t graphId = graph.value().id;
+        auto entry = std::make_shared<Entry>();
+        entry->queue =
+            std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graphId);
+        entry->source = m_options.reconnects ? keepGraph(source) : GraphSource{};
+        MutexLock lock(m_mutex);
+        const bool isDestroyed = wasDestroyedUnsafe(connection, graphId, begun, end);
+        // A new connection does not know the graph, and has not found it among the others.
+        if (m_closing || m_lost || m_connection != connection) return Error::connectionLost();
+        if (isDestroyed) continue;
+        m_graphs.push_back(entry);
+        return LoadedGraph{graph.value(), entry->queue};
+    } while (Clock::now() < end);
+    return Error::timeout("create graph");
 }
 
 Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
@@ -229,25 +254,65 @@ Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
     const bool ended = queue->waitUntilEmpty(Clock::now() + kUnloadTime);
     std::shared_ptr<Client> current;
     uint64_t connection = 0;
+    uint64_t graphId = 0;
     {
         MutexLock lock(m_mutex);
         std::erase_if(m_graphs, [&](const auto& entry) { return entry->queue == queue; });
-        connection = m_connection;
-        // A connection that has ended took the graph with it. The same graph loaded twice is one to
-        // the service, also when it is given up.
-        const bool isShared = std::any_of(m_graphs.begin(), m_graphs.end(), [&](const auto& entry) {
-            return entry->queue->connection() == connection &&
-                   entry->queue->graphId() == queue->graphId();
-        });
-        if (queue->connection() == connection && !isShared) current = m_client;
+        connection = queue->connection();
+        graphId = queue->graphId();
+        current = beginDestroyUnsafe(connection, graphId);
     }
-    Error error;
-    if (current && current->isConnected()) {
-        error = current->destroyGraph(queue->graphId());
-        resendDropped(*current, connection, queue->graphId());
-    }
+    const Error error = current ? destroy(*current, connection, graphId) : Error();
     if (error || ended) return error;
     return Error::timeout("a task of the graph");
+}
+
+bool Session::wasDestroyedUnsafe(uint64_t connection, uint64_t graphId, Clock::time_point begun,
+                                 Clock::time_point end) {
+    bool isDestroyed = false;
+    while (true) {
+        bool isPending = false;
+        for (const Destroy& each : m_destroys) {
+            if (each.connection != connection || each.graphId != graphId) continue;
+            isDestroyed |= each.answered >= begun;
+            isPending |= each.answered == Clock::time_point::max();
+        }
+        if (!isPending || m_closing || !m_change.waitUntil(m_mutex, end)) return isDestroyed;
+    }
+}
+
+// A connection that has ended took the graph with it. The same graph loaded twice is one to the
+// service, also when it is given up.
+std::shared_ptr<Client> Session::beginDestroyUnsafe(uint64_t connection, uint64_t graphId) {
+    const bool isShared = std::any_of(m_graphs.begin(), m_graphs.end(), [&](const auto& entry) {
+        return entry->queue->connection() == connection && entry->queue->graphId() == graphId;
+    });
+    if (connection != m_connection || isShared || !m_client) return nullptr;
+    m_destroys.push_back({connection, graphId, Clock::time_point::max()});
+    return m_client;
+}
+
+Error Session::destroy(Client& client, uint64_t connection, uint64_t graphId) {
+    const Error error = client.isConnected() ? client.destroyGraph(graphId) : Error();
+    endDestroy(connection, graphId);
+    if (client.isConnected()) resendDropped(client, connection, graphId);
+    return error;
+}
+
+void Session::endDestroy(uint64_t connection, uint64_t graphId) {
+    MutexLock lock(m_mutex);
+    for (Destroy& each : m_destroys) {
+        if (each.connection != connection || each.graphId != graphId) continue;
+        each.answered = std::min(each.answered, Clock::now());
+    }
+    forgetDestroysUnsafe();
+    m_change.notifyAll();
+}
+
+void Session::forgetDestroysUnsafe() {
+    if (m_loads > 0) return;
+    std::erase_if(m_destroys,
+                  [](const auto& each) { return each.answered != Clock::time_point::max(); });
 }
 
 // With a graph that others go on using the service drops this client's tasks on all graphs.
@@ -351,22 +416,31 @@ bool Session::reloadGraphs() {
     }
 }
 
-// One that the program has freed meanwhile is nobody's: unload() did not find it at the service.
+// One that the program has freed meanwhile is nobody's, unless another handle has the same graph:
+// unload() did not find it at the service.
 bool Session::reloadGraph(Client& client, uint64_t connection, const Entry& entry) {
+    const LoadUnderWay underWay(*this);
+    const Clock::time_point begun = Clock::now();
+    const Clock::time_point end = begun + client::kGraphDeadline;
     const auto graph = loadGraph(client, entry.source, client::kGraphDeadline);
     if (!graph) return false;
+    const uint64_t graphId = graph.value().id;
     bool isWanted = false;
+    std::shared_ptr<Client> unwanted;
     {
         MutexLock lock(m_mutex);
+        const bool isDestroyed = wasDestroyedUnsafe(connection, graphId, begun, end);
         isWanted = std::any_of(m_graphs.begin(), m_graphs.end(),
                                [&](const auto& each) { return each->queue == entry.queue; });
-        if (isWanted) entry.queue->resume(connection, graph.value().id);
+        if (isWanted && isDestroyed) return false;
+        if (isWanted) {
+            entry.queue->resume(connection, graphId);
+        } else {
+            unwanted = beginDestroyUnsafe(connection, graphId);
+        }
     }
-    if (isWanted) {
-        entry.queue->sendWaiting();
-    } else {
-        (void)client.destroyGraph(graph.value().id);
-    }
+    if (isWanted) entry.queue->sendWaiting();
+    if (unwanted) (void)destroy(*unwanted, connection, graphId);
     return true;
 }
 

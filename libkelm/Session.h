@@ -74,6 +74,15 @@ class Session : public std::enable_shared_from_this<Session> {
         std::shared_ptr<GraphQueue> queue;
     };
 
+    // A request to destroy a graph, also before it is sent: it ends the graph for every handle
+    // whose load was under way before the answer.
+    struct Destroy {
+        uint64_t connection;
+        uint64_t graphId;
+        Clock::time_point answered;  // max(): not yet
+    };
+    class LoadUnderWay;
+
     explicit Session(const SessionOptions& options);
 
     // A registered connection.
@@ -104,6 +113,19 @@ class Session : public std::enable_shared_from_this<Session> {
     bool pause(std::chrono::milliseconds time) EXCLUDES(m_mutex);
     void resendDropped(client::Client& client, uint64_t connection, uint64_t graphId)
         EXCLUDES(m_mutex);
+    // Whether the graph of this number, from a load that began then, is one that the program has
+    // freed since. Waits for the answer to that until `end`, so that a repeated load comes after
+    // it.
+    bool wasDestroyedUnsafe(uint64_t connection, uint64_t graphId, Clock::time_point begun,
+                            Clock::time_point end) REQUIRES(m_mutex);
+    // The connection to destroy the graph on, which destroy() is to follow; null if there is
+    // nothing to destroy: it has ended with its connection, or a handle has it.
+    std::shared_ptr<client::Client> beginDestroyUnsafe(uint64_t connection, uint64_t graphId)
+        REQUIRES(m_mutex);
+    client::Error destroy(client::Client& client, uint64_t connection, uint64_t graphId)
+        EXCLUDES(m_mutex);
+    void endDestroy(uint64_t connection, uint64_t graphId) EXCLUDES(m_mutex);
+    void forgetDestroysUnsafe() REQUIRES(m_mutex);
     static uint32_t countDevices(client::Client& client, client::Deadline deadline);
 
     const SessionOptions m_options;
@@ -120,6 +142,8 @@ class Session : public std::enable_shared_from_this<Session> {
     uint64_t m_connection GUARDED_BY(m_mutex) = 0;                 // its number
     client::Client* m_dialing GUARDED_BY(m_mutex) = nullptr;  // KelmReconnect waits for its answers
     std::vector<std::shared_ptr<const Entry>> m_graphs GUARDED_BY(m_mutex);
+    size_t m_loads GUARDED_BY(m_mutex) = 0;               // under way
+    std::vector<Destroy> m_destroys GUARDED_BY(m_mutex);  // kept while loads are under way
     std::thread m_reconnect;
 };
 

@@ -140,5 +140,78 @@ TEST_F(ReconnectTest, CloseDoesNotWaitForAServiceThatDoesNotAnswer) {
     EXPECT_LT(std::chrono::steady_clock::now() - before, 8s);
 }
 
+// A service of the case's own, which takes each request and chooses what is answered, and when.
+class ScriptedServiceTest : public ::testing::Test {
+ protected:
+    void connect(bool reconnect) {
+        auto connected = startCalling(
+            [&] { m_client.emplace(ClientOptions{.socketPath = m_path, .reconnect = reconnect}); });
+        accept();
+        connected.get();
+    }
+    void accept() {
+        m_peer.emplace(WireClient::acceptFrom(m_listener.get()));
+        answer(take(KELM_MESSAGE_REGISTER_REQ));
+    }
+    KelmMsgReq take(uint32_t type) const {
+        const auto message = m_peer->receive(2000ms);
+        EXPECT_EQ(message ? message->type() : UINT32_MAX, type);
+        return message ? message->as<KelmMsgReq>() : KelmMsgReq{};
+    }
+    void answer(const KelmMsgReq& request, uint64_t graphId = 0) {
+        KelmMsgRspCreateGraph answer{};
+        answer.head.base.type = static_cast<KelmMsgType>(request.base.type + 1);
+        answer.head.base.size = graphId != 0 ? sizeof(answer) : sizeof(KelmMsgRsp);
+        answer.head.reqSeqNo = request.reqSeqNo;
+        answer.graphId = graphId;
+        m_peer->sendBytes(&answer, answer.head.base.size);
+    }
+    auto load() {
+        return startCalling([this] { return m_client->loadServiceFile("/", {.window = 1}); });
+    }
+
+    const TempDir m_dir;
+    const std::string m_path = m_dir.path() + "/socket";
+    const UniqueFd m_listener = listenOn(m_path);
+    std::optional<Client> m_client;
+    std::optional<WireClient> m_peer;
+};
+
+TEST_F(ScriptedServiceTest, LoadIsRepeatedIfItsTwinWasFreedMeanwhile) {
+    connect(false);
+    auto first = load();
+    answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 7);
+    std::optional<Graph> freed = first.get();
+    auto second = load();
+    const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    auto freeing = startCalling([&] { freed.reset(); });
+    const KelmMsgReq destroy = take(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+    answer(create, 7);
+    EXPECT_FALSE(m_peer->canReceive(50ms));
+    answer(destroy);
+    answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 8);
+    const Graph loaded = second.get();
+    EXPECT_EQ(loaded.info().id, 8U);
+    m_peer.reset();
+}
+
+TEST_F(ScriptedServiceTest, GraphFreedWhileItIsReloadedIsNotTakenFromItsTwin) {
+    connect(true);
+    std::vector<Graph> graphs;
+    for (int i = 0; i < 2; ++i) {
+        auto loading = load();
+        answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 7);
+        graphs.push_back(loading.get());
+    }
+    m_peer.reset();
+    accept();
+    answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 7);
+    const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    graphs.pop_back();
+    answer(create, 7);
+    EXPECT_FALSE(m_peer->canReceive(300ms));
+    m_peer.reset();
+}
+
 }  // namespace
 }  // namespace kelm
