@@ -223,6 +223,7 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
         connection = m_connection;
     }
     if (!current) return Error::connectionLost();
+    m_timer.start();  // first: without it no task may be taken
     const Clock::time_point end = Clock::now() + deadline;
     const LoadUnderWay underWay(*this);
     do {

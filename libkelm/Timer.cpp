@@ -8,15 +8,17 @@
 
 namespace kelm::lib {
 
+void Timer::start() {
+    MutexLock lock(m_mutex);
+    if (m_stopped || m_thread.joinable()) return;
+    m_thread = std::thread([this] { routine(); });
+}
+
 void Timer::wakeAt(Clock::time_point time) {
     MutexLock lock(m_mutex);
     if (m_stopped || time >= m_next) return;
     m_next = time;
-    if (!m_thread.joinable()) {
-        m_thread = std::thread([this] { routine(); });
-    } else {
-        m_change.notifyOne();
-    }
+    m_change.notifyOne();
 }
 
 void Timer::stop() {

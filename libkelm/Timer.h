@@ -8,8 +8,7 @@
 
 namespace kelm::lib {
 
-// Calls a function at the times that it asks for, on a thread "KelmTimer" that is started when
-// first needed.
+// Calls a function at the times that it asks for, on a thread "KelmTimer".
 //
 // Threads: any, but stop() once, by the owner. Owns: the thread.
 // Locks: m_mutex, a leaf; not held in the function.
@@ -24,7 +23,11 @@ class Timer {
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    // At this time at the latest, unless stopped before.
+    // Starts the thread, unless it is there or was stopped before. Raises std::system_error if
+    // there is none to be had.
+    void start() EXCLUDES(m_mutex);
+    // At this time at the latest, unless stopped before. After start(), so that it never fails:
+    // whoever asks has taken a task already.
     void wakeAt(Clock::time_point time) EXCLUDES(m_mutex);
     // Waits for a call in progress; none comes afterwards. Not from the function.
     void stop() EXCLUDES(m_mutex);

@@ -282,6 +282,29 @@ TEST_F(QueueTest, ChildOfForkEndsNothingOfItsParent) {
     EXPECT_TRUE(m_graph->infer(slot).ok());
 }
 
+TEST_F(QueueTest, ThreadThatCannotBeHadIsMissedByTheLoadAndByNoTask) {
+    start(20);
+    const auto setStacks = [](size_t bytes) {  // of new threads
+        pthread_attr_t attributes;
+        ::pthread_attr_init(&attributes);
+        ::pthread_attr_setstacksize(&attributes, bytes);
+        EXPECT_EQ(::pthread_setattr_default_np(&attributes), 0);
+    };
+    m_client.emplace(ClientOptions{.socketPath = path()});
+    const auto load = [&] {
+        m_graph.emplace(m_client->load(std::as_bytes(std::span("graph")), {.window = 1}));
+    };
+    setStacks(size_t{1} << 46);  // more than there are addresses for
+    EXPECT_EQ(codeOf(load), KELM_SYSTEM_ERROR);
+    setStacks(size_t{1} << 20);
+    load();
+    m_pool.emplace(m_graph->makePool());
+    setStacks(size_t{1} << 46);
+    for (const uint64_t cookie : {0, 1}) EXPECT_EQ(codeOf([&] { submit(cookie); }), KELM_SUCCESS);
+    EXPECT_TRUE(m_ends.wait(2));
+    setStacks(size_t{1} << 20);
+}
+
 TEST_F(QueueTest, MistakesAreRefusedBeforeAnythingHappens) {
     open(300, 1);
     submit(0);
