@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "client/ClientImpl.h"
@@ -28,6 +29,8 @@ namespace {
 constexpr uint16_t kApiMajorVersion = 2;
 constexpr uint16_t kApiMinorVersion = 0;
 constexpr Deadline kLeaveDeadline{1000};
+constexpr std::chrono::seconds kLookTime{10};
+constexpr std::chrono::milliseconds kLookPause{5};
 
 // Zeroed: fields that a caller does not set must be 0 on the wire.
 template <class Request>
@@ -230,13 +233,24 @@ Result<TaskStage> Client::queryTask(uint64_t taskId, Deadline deadline) {
     return static_cast<TaskStage>(response->taskStatus);
 }
 
-// A result on its way would come before this answer.
-Result<bool> Client::endIfDropped(uint64_t taskId, Deadline deadline) {
-    const Result<TaskStage> stage = queryTask(taskId, deadline);
-    if (stage) return true;
-    if (stage.error().code() != KELM_ERROR_INVALID_TASK) return stage.error();
-    m_impl->endInfer(taskId, stage.error());
-    return false;
+std::vector<uint64_t> Client::tasks(uint64_t graphId, bool everyLate) const {
+    return m_impl->tasks(graphId, everyLate);
+}
+
+// A result on its way would come before the answer that there is no such task.
+bool Client::endDropped(const std::vector<uint64_t>& taskIds) {
+    const auto end = std::chrono::steady_clock::now() + kLookTime;
+    for (const uint64_t taskId : taskIds) {
+        while (taskId != 0) {
+            const Error error = queryTask(taskId).error();
+            const bool isGone = error.code() == KELM_ERROR_INVALID_TASK;
+            if (error && !isGone) return false;
+            if (isGone) m_impl->endInfer(taskId, error);
+            if (isGone || std::chrono::steady_clock::now() > end) break;
+            std::this_thread::sleep_for(kLookPause);
+        }
+    }
+    return true;
 }
 
 Result<ServiceStatus> Client::queryStatus(StatusParts parts, Deadline deadline) {

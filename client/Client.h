@@ -10,6 +10,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "client/Error.h"
 #include "client/Status.h"
@@ -140,9 +141,14 @@ class Client {
     // on.
     Result<bool> cancel(uint64_t taskId, Deadline deadline = kDefaultDeadline);
     Result<TaskStage> queryTask(uint64_t taskId, Deadline deadline = kDefaultDeadline);
-    // Ends the call of a task that the service has dropped, as destroyGraph() may have made it do,
-    // with KELM_ERROR_INVALID_TASK. True if the service still has the task.
-    Result<bool> endIfDropped(uint64_t taskId, Deadline deadline = kDefaultDeadline);
+    // The tasks on the graph that have not ended at the service as far as it has told, and with
+    // `everyLate` those on other graphs whose calls have ended at their deadlines; 0 for one whose
+    // number has not been told.
+    std::vector<uint64_t> tasks(uint64_t graphId, bool everyLate) const;
+    // Waits until the service has none of these tasks, which destroyGraph() has made it drop, for
+    // 10 s at most. Ends the call of each with KELM_ERROR_INVALID_TASK, or gives back the slots
+    // that a call has left to it. False if the service does not answer.
+    bool endDropped(const std::vector<uint64_t>& taskIds);
 
     // What the service is doing; see Status.h for what each part fills.
     Result<ServiceStatus> queryStatus(StatusParts parts = StatusParts::all(),

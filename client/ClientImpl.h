@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "client/Client.h"
 #include "client/PendingCalls.h"
@@ -54,6 +55,9 @@ class Client::Impl {
     void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
     void hangUp();
     void endInfer(uint64_t taskId, const Error& error) { m_pending.endInfer(taskId, error); }
+    std::vector<uint64_t> tasks(uint64_t graphId, bool everyLate) const {
+        return m_pending.tasks(graphId, everyLate);
+    }
     void onWarning(WarningCallback callback) { m_access.onWarning(std::move(callback)); }
 
     bool isConnected() const { return m_connected.load(); }

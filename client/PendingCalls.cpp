@@ -54,6 +54,7 @@ bool PendingCalls::addInfer(Clock::time_point deadline, const KelmMsgReqInferTas
     entry.what = "the inference";
     entry.done = std::move(done);
     entry.accepted = std::move(accepted);
+    entry.graphId = message.graphId;
     entry.result.cookie0 = message.taskCookie0;
     entry.result.cookie1 = message.taskCookie1;
     return add(message.head.reqSeqNo, std::move(entry));
@@ -169,6 +170,17 @@ void PendingCalls::endInfer(uint64_t taskId, const Error& error) {
     fail(sequence, error);
 }
 
+std::vector<uint64_t> PendingCalls::tasks(uint64_t graphId, bool everyLate) const {
+    std::vector<uint64_t> tasks;
+    MutexLock lock(m_mutex);
+    for (const auto& [sequence, entry] : m_entries) {
+        if (entry.reply) continue;
+        const bool isLate = !entry.done;
+        if (entry.graphId == graphId || (everyLate && isLate)) tasks.push_back(entry.result.taskId);
+    }
+    return tasks;
+}
+
 void PendingCalls::fail(uint64_t sequence, const Error& error) {
     std::optional<Entry> entry = take(sequence);
     if (!entry) return;
@@ -210,6 +222,7 @@ std::vector<PendingCalls::Entry> PendingCalls::takeOverdueUnsafe(Clock::time_poi
         // The task may still run and write its result.
         Entry late;
         late.deadline = Clock::time_point::max();
+        late.graphId = entry.graphId;
         late.result.taskId = entry.result.taskId;
         late.claim = std::move(entry.claim);
         m_entries.insert(sequence, std::move(late));

@@ -50,6 +50,9 @@ class PendingCalls {
     bool finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     // The service has the task no more, and sends no result.
     void endInfer(uint64_t taskId, const Error& error);
+    // The tasks on the graph, and with `everyLate` those on others whose calls have ended at their
+    // deadlines; 0 for one whose number has not been told.
+    std::vector<uint64_t> tasks(uint64_t graphId, bool everyLate) const EXCLUDES(m_mutex);
     // The service has no such task: the request was not sent as a whole, or refused.
     void fail(uint64_t sequence, const Error& error);
     bool empty() const EXCLUDES(m_mutex);
@@ -69,6 +72,7 @@ class PendingCalls {
         Reply reply;         // set for calls
         InferCallback done;  // set for inferences
         AcceptCallback accepted;
+        uint64_t graphId = 0;
         InferResult result;
         std::shared_ptr<SlotClaim> claim;
     };

@@ -176,9 +176,10 @@ KELM_API int kelm_graph_from_service_file(struct kelm_client* client, const char
 KELM_API int kelm_graph_get_info(const struct kelm_graph* graph, struct kelm_graph_info* info);
 /* Ends the graph's waiting tasks with KELM_CANCELED, waits up to 10 s for those that were sent and
  * for callbacks that run (KELM_TIMEOUT if that is not enough), tells the service, frees the handle,
- * also after an error. Callbacks that are due in dispatch mode still come. With a graph that others
- * use the service drops this client's other tasks, too; they are sent again, which may take 10 s
- * more. KELM_INVALID_ARGUMENT from a callback: nothing is done. NULL: 0. */
+ * also after an error. Callbacks that are due in dispatch mode still come. Tasks that have timed
+ * out and still run are waited for, too, up to 10 s: their slots come back then. With a graph that
+ * others use the service drops this client's other tasks, too; they are sent again, which may take
+ * 10 s more. KELM_INVALID_ARGUMENT from a callback: nothing is done. NULL: 0. */
 KELM_API int kelm_graph_free(struct kelm_graph* graph);
 
 /* ---- Tensors --------------------------------------------------------------------------------- */

@@ -1,7 +1,6 @@
 #include "libkelm/GraphQueue.h"
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 #include "libkelm/ErrorCodes.h"
@@ -21,8 +20,6 @@ using client::Result;
 constexpr std::chrono::microseconds kFirstPause{1000};
 constexpr std::chrono::microseconds kLongestPause{100000};
 constexpr client::Deadline kCancelDeadline{10000};
-constexpr std::chrono::seconds kLookTime{10};
-constexpr std::chrono::milliseconds kLookPause{5};
 
 // The program is in a call that starts or cancels a task, with locks of its own perhaps: its
 // callbacks would wait for these.
@@ -332,17 +329,7 @@ bool GraphQueue::resendDropped(client::Client& client, uint64_t connection) {
         answers = isAnswer(canceled.error());
         return canceled && canceled.value();
     });
-    if (!answers) return false;
-    const Clock::time_point end = Clock::now() + kLookTime;
-    for (const uint64_t taskId : taskIds) {
-        while (true) {
-            const Result<bool> isThere = client.endIfDropped(taskId, kCancelDeadline);
-            if (!isThere) return false;
-            if (!isThere.value() || Clock::now() > end) break;
-            std::this_thread::sleep_for(kLookPause);
-        }
-    }
-    return true;
+    return answers && client.endDropped(taskIds);
 }
 
 bool GraphQueue::hasSent() const {

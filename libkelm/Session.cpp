@@ -296,7 +296,7 @@ std::shared_ptr<Client> Session::beginDestroyUnsafe(uint64_t connection, uint64_
 Error Session::destroy(Client& client, uint64_t connection, uint64_t graphId) {
     const Error error = client.isConnected() ? client.destroyGraph(graphId) : Error();
     endDestroy(connection, graphId);
-    if (client.isConnected()) resendDropped(client, connection, graphId);
+    if (client.isConnected()) endDropped(client, connection, graphId);
     return error;
 }
 
@@ -316,15 +316,24 @@ void Session::forgetDestroysUnsafe() {
                   [](const auto& each) { return each.answered != Clock::time_point::max(); });
 }
 
-// With a graph that others go on using the service drops this client's tasks on all graphs.
-void Session::resendDropped(Client& client, uint64_t connection, uint64_t graphId) {
+// With a graph that others go on using the service drops this client's tasks on all graphs, else
+// those on this graph. Calls that have ended at their deadlines have left their slots to such
+// tasks.
+void Session::endDropped(Client& client, uint64_t connection, uint64_t graphId) {
     auto others = queues();
     std::erase_if(others, [](const auto& other) { return !other->hasSent(); });
-    if (others.empty()) return;
+    if (others.empty() && client.tasks(graphId, true).empty()) return;
     const Error error = client.queryBufferSize(graphId).error();
-    if (error.code() == KELM_ERROR_INVALID_GRAPH) return;  // it is gone, nobody else used it
-    (void)std::all_of(others.begin(), others.end(),
-                      [&](const auto& other) { return other->resendDropped(client, connection); });
+    if (error && error.kind() != ErrorKind::kService) return;  // it answers nothing
+    const bool isShared = error.code() != KELM_ERROR_INVALID_GRAPH;
+    const bool answers =
+        !isShared || std::all_of(others.begin(), others.end(), [&](const auto& other) {
+            return other->resendDropped(client, connection);
+        });
+    if (!answers || client.tasks(graphId, isShared).empty()) return;
+    // For its place only, as there: behind its answer the numbers of all tasks are known.
+    if (client.queryTask(0).error().kind() != ErrorKind::kService) return;
+    (void)client.endDropped(client.tasks(graphId, isShared));
 }
 
 uint32_t Session::countDevices(Client& client, client::Deadline deadline) {

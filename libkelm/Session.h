@@ -112,7 +112,8 @@ class Session : public std::enable_shared_from_this<Session> {
     Clock::time_point tick(Clock::time_point now) EXCLUDES(m_mutex);
     // False if close() was called meanwhile.
     bool pause(std::chrono::milliseconds time) EXCLUDES(m_mutex);
-    void resendDropped(client::Client& client, uint64_t connection, uint64_t graphId)
+    // Deals with the tasks that the service has dropped with the graph.
+    void endDropped(client::Client& client, uint64_t connection, uint64_t graphId)
         EXCLUDES(m_mutex);
     // Whether the graph of this number, from a load that began then, is one that the program has
     // freed since. Waits for the answer to that until `end`, so that a repeated load comes after

@@ -227,6 +227,22 @@ TEST_F(QueueTest, GraphThatAnotherHandleHasStaysWhenOneIsFreed) {
     EXPECT_TRUE(m_graph->infer(m_pool->acquire()).ok());
 }
 
+TEST_F(QueueTest, SlotOfATimedOutTaskComesBackWithItsFreedGraph) {
+    open(200, 1);
+    std::optional<Client> other;
+    for (const bool isShared : {false, true}) {
+        const auto bytes = std::as_bytes(std::span(&isShared, 1));
+        std::optional<Graph> graph = m_client->load(bytes);
+        std::optional<Graph> shared;
+        if (isShared) shared = other.emplace(ClientOptions{.socketPath = path()}).load(bytes);
+        Pool pool = graph->makePool(0, 1);
+        const auto timeOut = [&] { graph->infer(pool.acquire(), {.deadline = 20ms}); };
+        EXPECT_EQ(codeOf(timeOut), KELM_TIMEOUT);
+        graph.reset();
+        EXPECT_EQ(codeOf([&] { (void)pool.acquire(); }), KELM_SUCCESS) << isShared;
+    }
+}
+
 TEST_F(QueueTest, TasksThatTheServiceDropsWithAnotherGraphAreSentAgain) {
     open(150, 32);
     Client other({.socketPath = path()});
