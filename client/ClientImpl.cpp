@@ -147,10 +147,12 @@ void Client::Impl::readWhilePending(uint64_t sequence, Clock::time_point end) {
     });
 }
 
-// The answer to a cancel may end a call that it does not name.
+// The answer to a cancel may end a call that it does not name. That to a query of a task tells that
+// no result comes any more, and so must not overtake one that was passed on.
 bool Client::Impl::mayDispatchAnywhere(const KelmMsgBase& message) const {
     switch (message.type) {
         case KELM_MESSAGE_CANCEL_TASK_RSP:
+        case KELM_MESSAGE_QUERY_TASK_STATUS_RSP:
             return false;
         case KELM_MESSAGE_TASK_DONE_EVT:
             return m_pending.isWaited(

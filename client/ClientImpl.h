@@ -88,7 +88,7 @@ class Client::Impl {
     MessagePtr receive();
     // True if a thread has waited for what has ended.
     bool dispatch(MessagePtr message);
-    // Whether it runs no callback but this library's own.
+    // Whether it runs no callback but this library's own, and may come before what was passed on.
     bool mayDispatchAnywhere(const KelmMsgBase& message) const;
     void readWhilePending(uint64_t sequence, Clock::time_point end);
 
