@@ -285,6 +285,7 @@ Error Client::resetAllDevices(Deadline deadline) {
 void Client::onWarning(WarningCallback callback) { m_impl->onWarning(std::move(callback)); }
 
 void Client::onLost(LostCallback callback) { m_impl->onLost(std::move(callback)); }
+void Client::onLateGraph(LateGraphCallback callback) { m_impl->onLateGraph(std::move(callback)); }
 void Client::hangUp() { m_impl->hangUp(); }
 
 uint64_t Client::clientId() const { return m_impl->clientId(); }

@@ -81,6 +81,10 @@ using WarningCallback = std::function<void(const std::string& text)>;
 // that must not destroy it.
 using LostCallback = std::function<void()>;
 
+// Called with the number of a graph that the service has loaded when nobody waited for it any more,
+// on a thread that reads answers: it must not wait for one.
+using LateGraphCallback = std::function<void(uint64_t graphId)>;
+
 class PreparedInfer;
 
 // Of this library, and of the protocol that it speaks.
@@ -164,6 +168,8 @@ class Client {
 
     // To be set before the first call; a connection that is lost by then is not told.
     void onLost(LostCallback callback);
+    // To be set before the first call. Without a callback this client stays a user of such a graph.
+    void onLateGraph(LateGraphCallback callback);
     // Ends the connection: pending calls end, writes that wait do not go on. From any thread.
     void hangUp();
 

@@ -6,6 +6,7 @@
 #include <future>
 #include <utility>
 
+#include "protocol/src/KelmError.h"
 #include "protocol/src/KelmProtocol.h"
 #include "utils/IPC.h"
 #include "utils/PeerCredentials.h"
@@ -62,6 +63,11 @@ Client::Impl::~Impl() {
 void Client::Impl::onLost(LostCallback callback) {
     MutexLock lock(m_lostMutex);
     m_onLost = std::move(callback);
+}
+
+void Client::Impl::onLateGraph(LateGraphCallback callback) {
+    MutexLock lock(m_lostMutex);
+    m_onLateGraph = std::move(callback);
 }
 
 void Client::Impl::hangUp() { m_connection->shutdown(); }
@@ -287,6 +293,20 @@ bool Client::Impl::dispatchTimed(MessagePtr message) {
     return waited;
 }
 
+void Client::Impl::finishLoad(MessagePtr message) {
+    const auto& response = reinterpret_cast<const KelmMsgRspCreateGraph&>(*message);
+    const bool isLoaded = response.head.status == KELM_OK;
+    const uint64_t graphId = response.graphId;
+    const uint64_t sequence = response.head.reqSeqNo;
+    if (m_pending.finishCall(sequence, std::move(message)) || !isLoaded) return;
+    LateGraphCallback late;
+    {
+        MutexLock lock(m_lostMutex);
+        late = m_onLateGraph;
+    }
+    if (late) late(graphId);
+}
+
 // On the reader's thread, as the callbacks that it runs: one that waits for an answer would wait
 // for itself. What is this library's own also runs on the thread of a caller that reads.
 bool Client::Impl::dispatch(MessagePtr message) {
@@ -311,6 +331,9 @@ bool Client::Impl::dispatch(MessagePtr message) {
             m_pending.finishCall(sequence, std::move(message));
             break;
         }
+        case KELM_MESSAGE_CREATE_GRAPH_RSP:
+            finishLoad(std::move(message));
+            break;
         default: {
             if (message->size < sizeof(KelmMsgRsp)) break;  // an event that asks for nothing
             const uint64_t sequence = reinterpret_cast<const KelmMsgRsp&>(*message).reqSeqNo;

@@ -53,6 +53,7 @@ class Client::Impl {
     void inferWaited(KelmMsgReqInferTask& message, std::shared_ptr<SlotClaim> claim,
                      const InferCallback& done, AcceptCallback accepted, Clock::time_point end);
     void onLost(LostCallback callback) EXCLUDES(m_lostMutex);
+    void onLateGraph(LateGraphCallback callback) EXCLUDES(m_lostMutex);
     void hangUp();
     void endInfer(uint64_t taskId, const Error& error) { m_pending.endInfer(taskId, error); }
     std::vector<uint64_t> tasks(uint64_t graphId, bool everyLate) const {
@@ -88,6 +89,8 @@ class Client::Impl {
     MessagePtr receive();
     // True if a thread has waited for what has ended.
     bool dispatch(MessagePtr message);
+    // The answer to a load, perhaps a late one.
+    void finishLoad(MessagePtr message) EXCLUDES(m_lostMutex);
     // Whether it runs no callback but this library's own, and may come before what was passed on.
     bool mayDispatchAnywhere(const KelmMsgBase& message) const;
     void readWhilePending(uint64_t sequence, Clock::time_point end);
@@ -108,6 +111,7 @@ class Client::Impl {
 
     Mutex m_lostMutex;
     LostCallback m_onLost GUARDED_BY(m_lostMutex);
+    LateGraphCallback m_onLateGraph GUARDED_BY(m_lostMutex);
 
     // Requests of callbacks that leave together, once the answers that have come are dealt with.
     // The reader's own.

@@ -93,11 +93,15 @@ void PendingCalls::endUnanswered(Entry& entry) {
 }
 
 // An answer that comes after its deadline finds no entry, and is dropped.
-void PendingCalls::finishCall(uint64_t sequence, MessagePtr answer) {
+bool PendingCalls::finishCall(uint64_t sequence, MessagePtr answer) {
     std::optional<Entry> entry = take(sequence);
-    if (!entry) return;
-    if (!entry->reply) return endUnanswered(*entry);
-    entry->reply(std::move(answer), Error());
+    if (!entry) return false;
+    if (entry->reply) {
+        entry->reply(std::move(answer), Error());
+    } else {
+        endUnanswered(*entry);
+    }
+    return true;
 }
 
 void PendingCalls::acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId) {

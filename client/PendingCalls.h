@@ -43,8 +43,8 @@ class PendingCalls {
                   bool waited);
 
     // A response has come; one for which nothing waits is dropped, and one of another kind than
-    // what waits ends that with kSystem.
-    void finishCall(uint64_t sequence, MessagePtr answer);
+    // what waits ends that with kSystem. False if nothing has waited.
+    bool finishCall(uint64_t sequence, MessagePtr answer);
     void acceptInfer(uint64_t sequence, int32_t status, uint64_t taskId);
     // True if a thread has waited for it.
     bool finishInfer(uint64_t sequence, int32_t status, uint64_t taskId);

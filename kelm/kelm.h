@@ -161,7 +161,8 @@ struct kelm_graph_info {
 
 /* Loads a compiled graph. NULL options: all defaults. The handle is the caller's, to
  * kelm_graph_free. A client's first load starts a thread for its tasks: KELM_SYSTEM_ERROR if there
- * is none to be had. */
+ * is none to be had. After KELM_TIMEOUT a graph that the service loads late is given up, unless
+ * another load or handle has it. */
 KELM_API int kelm_graph_from_memory(struct kelm_client* client, const void* bytes, size_t count,
                                     const struct kelm_graph_options* options,
                                     struct kelm_graph** graph);

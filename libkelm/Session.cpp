@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <system_error>
 #include <utility>
 
 #include "protocol/src/KelmError.h"
@@ -53,6 +54,7 @@ class Session::LoadUnderWay {
         MutexLock lock(m_session.m_mutex);
         --m_session.m_loads;
         m_session.forgetDestroysUnsafe();
+        m_session.m_change.notifyAll();
     }
     LoadUnderWay(const LoadUnderWay&) = delete;
     LoadUnderWay& operator=(const LoadUnderWay&) = delete;
@@ -91,6 +93,7 @@ Result<std::unique_ptr<Client>> Session::open(client::Deadline deadline) {
             });
     }
     client.value()->onLost([this] { lost(); });
+    client.value()->onLateGraph([this](uint64_t graphId) { gotLateGraph(graphId); });
     setDialing(client.value().get());
     const Error error = client.value()->registerClient(m_options.name, timeUntil(end));
     setDialing(nullptr);
@@ -110,6 +113,7 @@ void Session::install(std::unique_ptr<Client> client) {
     m_released = false;
     m_client = std::shared_ptr<Client>(m_owned.get(), released);
     m_lost = !m_owned->isConnected();
+    m_lateGraphs.clear();  // they went with their connection
 }
 
 void Session::retire() {
@@ -193,6 +197,12 @@ void Session::close() {
     if (current && current->isConnected()) leave(*current);
     if (current) current->hangUp();
     current.reset();
+    std::thread unload;
+    {
+        MutexLock lock(m_mutex);
+        unload.swap(m_unload);
+    }
+    if (unload.joinable()) unload.join();
     retire();
     m_timer.stop();
     (void)tick(Clock::now());  // in place of the timer
@@ -226,7 +236,7 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
     m_timer.start();  // first: without it no task may be taken
     const Clock::time_point end = Clock::now() + deadline;
     const LoadUnderWay underWay(*this);
-    do {
+    while (true) {
         const Clock::time_point begun = Clock::now();
         auto graph = loadGraph(*current, source, timeUntil(end));
         if (!graph) return graph.error();
@@ -239,15 +249,20 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
         entry->queue =
             std::make_shared<GraphQueue>(shared_from_this(), limits, connection, graphId);
         entry->source = m_options.reconnects ? keepGraph(source) : GraphSource{};
-        MutexLock lock(m_mutex);
-        const bool isDestroyed = wasDestroyedUnsafe(connection, graphId, begun, end);
-        // A new connection does not know the graph, and has not found it among the others.
-        if (m_closing || m_lost || m_connection != connection) return Error::connectionLost();
-        if (isDestroyed) continue;
-        m_graphs.push_back(entry);
-        return LoadedGraph{graph.value(), entry->queue};
-    } while (Clock::now() < end);
-    return Error::timeout("create graph");
+        {
+            MutexLock lock(m_mutex);
+            const bool isDestroyed = wasDestroyedUnsafe(connection, graphId, begun, end);
+            // A new connection does not know the graph, and has not found it among the others.
+            if (m_closing || m_lost || m_connection != connection) return Error::connectionLost();
+            if (!isDestroyed) {
+                m_graphs.push_back(entry);
+                return LoadedGraph{graph.value(), entry->queue};
+            }
+        }
+        if (Clock::now() < end) continue;
+        gotLateGraph(graphId);  // the service may have had the two requests in the other order
+        return Error::timeout("create graph");
+    }
 }
 
 Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
@@ -298,6 +313,39 @@ Error Session::destroy(Client& client, uint64_t connection, uint64_t graphId) {
     endDestroy(connection, graphId);
     if (client.isConnected()) endDropped(client, connection, graphId);
     return error;
+}
+
+void Session::gotLateGraph(uint64_t graphId) {
+    MutexLock lock(m_mutex);
+    if (m_closing) return;
+    m_lateGraphs.push_back(graphId);
+    m_change.notifyAll();
+    if (m_unload.joinable()) return;
+    try {
+        m_unload = std::thread([this] { unloadRoutine(); });
+    } catch (const std::system_error&) {
+        // No thread is left: the next late answer tries again.
+    }
+}
+
+// Not while loads are under way: one of them may be for the same graph, and keep it.
+void Session::unloadRoutine() {
+    ThreadUtils::setName("KelmUnload");
+    MutexLock lock(m_mutex);
+    while (!m_closing) {
+        if (m_lateGraphs.empty() || m_loads > 0) {
+            m_change.wait(m_mutex);
+            continue;
+        }
+        const uint64_t connection = m_connection;
+        const uint64_t graphId = m_lateGraphs.back();
+        std::erase(m_lateGraphs, graphId);
+        std::shared_ptr<Client> current = beginDestroyUnsafe(connection, graphId);
+        lock.unlock();
+        if (current) (void)destroy(*current, connection, graphId);
+        current.reset();
+        lock.lock();
+    }
 }
 
 void Session::endDestroy(uint64_t connection, uint64_t graphId) {

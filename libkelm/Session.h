@@ -32,8 +32,9 @@ struct SessionOptions {
 // graphs when it is lost if the options say so.
 //
 // Threads: any, but close() last, by the owner. Owns: the connection, a thread "KelmReconnect" if
-// it reconnects, the timer and the callbacks. Graphs share it and may outlive close().
-// Locks: m_mutex, then that of a queue; not held in calls, nor in callbacks.
+// it reconnects, one "KelmUnload" once a load has been answered late, the timer and the callbacks.
+// Graphs share it and may outlive close(). Locks: m_mutex, then that of a queue; not held in calls,
+// nor in callbacks.
 class Session : public std::enable_shared_from_this<Session> {
  public:
     using Clock = std::chrono::steady_clock;
@@ -93,6 +94,9 @@ class Session : public std::enable_shared_from_this<Session> {
     // Destroys the connection of now, once nobody uses it.
     void retire() EXCLUDES(m_mutex);
     void lost() EXCLUDES(m_mutex);
+    // A load that had ended at its deadline was answered.
+    void gotLateGraph(uint64_t graphId) EXCLUDES(m_mutex);
+    void unloadRoutine() EXCLUDES(m_mutex);
     void tellProgram(bool up);
     // In order: without an error in the service's log.
     void leave(client::Client& client) EXCLUDES(m_mutex);
@@ -144,8 +148,10 @@ class Session : public std::enable_shared_from_this<Session> {
     uint64_t m_connection GUARDED_BY(m_mutex) = 0;                 // its number
     client::Client* m_dialing GUARDED_BY(m_mutex) = nullptr;  // KelmReconnect waits for its answers
     std::vector<std::shared_ptr<const Entry>> m_graphs GUARDED_BY(m_mutex);
-    size_t m_loads GUARDED_BY(m_mutex) = 0;               // under way
-    std::vector<Destroy> m_destroys GUARDED_BY(m_mutex);  // kept while loads are under way
+    size_t m_loads GUARDED_BY(m_mutex) = 0;                  // under way
+    std::vector<Destroy> m_destroys GUARDED_BY(m_mutex);     // kept while loads are under way
+    std::vector<uint64_t> m_lateGraphs GUARDED_BY(m_mutex);  // on the connection of now
+    std::thread m_unload GUARDED_BY(m_mutex);
     std::thread m_reconnect;
 };
 

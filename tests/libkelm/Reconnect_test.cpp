@@ -166,8 +166,10 @@ class ScriptedServiceTest : public ::testing::Test {
         answer.graphId = graphId;
         m_peer->sendBytes(&answer, answer.head.base.size);
     }
-    auto load() {
-        return startCalling([this] { return m_client->loadServiceFile("/", {.window = 1}); });
+    auto load(Millis deadline = 10s) {
+        return startCalling([=, this] {
+            return m_client->loadServiceFile("/", {.window = 1, .deadline = deadline});
+        });
     }
 
     const TempDir m_dir;
@@ -192,6 +194,26 @@ TEST_F(ScriptedServiceTest, LoadIsRepeatedIfItsTwinWasFreedMeanwhile) {
     answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 8);
     const Graph loaded = second.get();
     EXPECT_EQ(loaded.info().id, 8U);
+    m_peer.reset();
+}
+
+TEST_F(ScriptedServiceTest, GraphOfALoadThatHasTimedOutIsKeptForTheNextOrGivenUp) {
+    connect(false);
+    const auto timeOut = [&] {
+        auto late = load(200ms);
+        const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
+        EXPECT_THROW(late.get(), Error);
+        return create;
+    };
+    const KelmMsgReq late = timeOut();
+    auto next = load();
+    const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    answer(late, 7);
+    EXPECT_FALSE(m_peer->canReceive(50ms));
+    answer(create, 7);
+    const Graph kept = next.get();
+    answer(timeOut(), 8);
+    answer(take(KELM_MESSAGE_DESTROY_GRAPH_REQ));
     m_peer.reset();
 }
 
