@@ -131,8 +131,9 @@ GraphQueue::Sending GraphQueue::startUnsafe(std::unique_ptr<Task> task, Clock::t
     return sending;
 }
 
-// The task itself keeps this object while a callback may come. Another connection than the one that
-// the graph's number is of may have another graph by this number.
+// The task itself keeps this object until its end is told. That it was accepted may be told later,
+// by a thread that was held up, and so keeps it too. Another connection than the one that the
+// graph's number is of may have another graph by this number.
 void GraphQueue::send(Sending& sending, bool waited) {
     const uint64_t ticket = sending.ticket;
     const std::shared_ptr<client::Client> client = m_session->client(sending.connection);
@@ -140,11 +141,13 @@ void GraphQueue::send(Sending& sending, bool waited) {
         return ended(ticket, failed(Error::notConnected()));
     }
     const auto done = [this, ticket](const InferResult& result) { ended(ticket, result); };
-    const auto taken = [this, ticket](uint64_t taskId) { accepted(ticket, taskId); };
+    auto taken = [self = shared_from_this(), ticket](uint64_t taskId) {
+        self->accepted(ticket, taskId);
+    };
     if (waited) {
-        client->inferWaited(sending.infer, done, taken, sending.deadline);
+        client->inferWaited(sending.infer, done, std::move(taken), sending.deadline);
     } else {
-        client->inferAsync(sending.infer, done, taken, sending.deadline);
+        client->inferAsync(sending.infer, done, std::move(taken), sending.deadline);
     }
 }
 
