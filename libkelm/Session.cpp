@@ -63,6 +63,21 @@ class Session::LoadUnderWay {
     Session& m_session;
 };
 
+// Takes a request to destroy a graph for answered when it ends, whatever has come of it.
+class Session::DestroyUnderWay {
+ public:
+    DestroyUnderWay(Session& session, uint64_t connection, uint64_t graphId)
+        : m_session(session), m_connection(connection), m_graphId(graphId) {}
+    ~DestroyUnderWay() { m_session.endDestroy(m_connection, m_graphId); }
+    DestroyUnderWay(const DestroyUnderWay&) = delete;
+    DestroyUnderWay& operator=(const DestroyUnderWay&) = delete;
+
+ private:
+    Session& m_session;
+    const uint64_t m_connection;
+    const uint64_t m_graphId;
+};
+
 Session::Session(const SessionOptions& options)
     : m_options(options),
       m_callbacks(options.dispatches),
@@ -309,8 +324,11 @@ std::shared_ptr<Client> Session::beginDestroyUnsafe(uint64_t connection, uint64_
 }
 
 Error Session::destroy(Client& client, uint64_t connection, uint64_t graphId) {
-    const Error error = client.isConnected() ? client.destroyGraph(graphId) : Error();
-    endDestroy(connection, graphId);
+    Error error;
+    {
+        const DestroyUnderWay underWay(*this, connection, graphId);
+        if (client.isConnected()) error = client.destroyGraph(graphId);
+    }
     if (client.isConnected()) endDropped(client, connection, graphId);
     return error;
 }

@@ -84,6 +84,7 @@ class Session : public std::enable_shared_from_this<Session> {
         Clock::time_point answered;  // max(): not yet
     };
     class LoadUnderWay;
+    class DestroyUnderWay;
 
     explicit Session(const SessionOptions& options);
 

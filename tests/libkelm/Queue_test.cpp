@@ -229,15 +229,15 @@ TEST_F(QueueTest, GraphThatAnotherHandleHasStaysWhenOneIsFreed) {
 
 TEST_F(QueueTest, SlotOfATimedOutTaskComesBackWithItsFreedGraph) {
     open(200, 1);
-    std::optional<Client> other;
+    Client other({.socketPath = path()});
+    const auto load = [](Client& client, const bool& isShared) {
+        return client.load(std::as_bytes(std::span(&isShared, 1)));
+    };
+    const Graph shared = load(other, true);
     for (const bool isShared : {false, true}) {
-        const auto bytes = std::as_bytes(std::span(&isShared, 1));
-        std::optional<Graph> graph = m_client->load(bytes);
-        std::optional<Graph> shared;
-        if (isShared) shared = other.emplace(ClientOptions{.socketPath = path()}).load(bytes);
+        std::optional<Graph> graph = load(*m_client, isShared);
         Pool pool = graph->makePool(0, 1);
-        const auto timeOut = [&] { graph->infer(pool.acquire(), {.deadline = 20ms}); };
-        EXPECT_EQ(codeOf(timeOut), KELM_TIMEOUT);
+        EXPECT_EQ(codeOf([&] { graph->infer(pool.acquire(), {.deadline = 20ms}); }), KELM_TIMEOUT);
         graph.reset();
         EXPECT_EQ(codeOf([&] { (void)pool.acquire(); }), KELM_SUCCESS) << isShared;
     }
@@ -299,26 +299,17 @@ TEST_F(QueueTest, ChildOfForkEndsNothingOfItsParent) {
 }
 
 TEST_F(QueueTest, ThreadThatCannotBeHadIsMissedByTheLoadAndByNoTask) {
-    start(20);
-    const auto setStacks = [](size_t bytes) {  // of new threads
-        pthread_attr_t attributes;
-        ::pthread_attr_init(&attributes);
-        ::pthread_attr_setstacksize(&attributes, bytes);
-        EXPECT_EQ(::pthread_setattr_default_np(&attributes), 0);
-    };
-    m_client.emplace(ClientOptions{.socketPath = path()});
-    const auto load = [&] {
-        m_graph.emplace(m_client->load(std::as_bytes(std::span("graph")), {.window = 1}));
-    };
-    setStacks(size_t{1} << 46);  // more than there are addresses for
-    EXPECT_EQ(codeOf(load), KELM_SYSTEM_ERROR);
-    setStacks(size_t{1} << 20);
-    load();
-    m_pool.emplace(m_graph->makePool());
-    setStacks(size_t{1} << 46);
+    open(20, 1);
+    Client other({.socketPath = path()});
+    pthread_attr_t attributes;  // of new threads: stacks for which there are not enough addresses
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, size_t{1} << 46);
+    EXPECT_EQ(::pthread_setattr_default_np(&attributes), 0);
+    EXPECT_EQ(codeOf([&] { other.load(std::as_bytes(std::span("graph"))); }), KELM_SYSTEM_ERROR);
     for (const uint64_t cookie : {0, 1}) EXPECT_EQ(codeOf([&] { submit(cookie); }), KELM_SUCCESS);
     EXPECT_TRUE(m_ends.wait(2));
-    setStacks(size_t{1} << 20);
+    ::pthread_attr_setstacksize(&attributes, size_t{1} << 20);
+    EXPECT_EQ(::pthread_setattr_default_np(&attributes), 0);
 }
 
 TEST_F(QueueTest, MistakesAreRefusedBeforeAnythingHappens) {

@@ -144,19 +144,19 @@ TEST_F(ReconnectTest, CloseDoesNotWaitForAServiceThatDoesNotAnswer) {
 class ScriptedServiceTest : public ::testing::Test {
  protected:
     void connect(bool reconnect) {
-        auto connected = startCalling(
-            [&] { m_client.emplace(ClientOptions{.socketPath = m_path, .reconnect = reconnect}); });
+        const ClientOptions options{.socketPath = m_path, .reconnect = reconnect};
+        auto connected = startCalling([&] { m_client.emplace(options); });
         accept();
         connected.get();
     }
     void accept() {
+        m_peer.reset();
         m_peer.emplace(WireClient::acceptFrom(m_listener.get()));
-        answer(take(KELM_MESSAGE_REGISTER_REQ));
+        answer(take<KelmMsgReqRegister>());
     }
-    KelmMsgReq take(uint32_t type) const {
-        const auto message = m_peer->receive(2000ms);
-        EXPECT_EQ(message ? message->type() : UINT32_MAX, type);
-        return message ? message->as<KelmMsgReq>() : KelmMsgReq{};
+    template <class Request = KelmMsgReqCreateGraph>
+    KelmMsgReq take() const {
+        return m_peer->receive<Request>().head;
     }
     void answer(const KelmMsgReq& request, uint64_t graphId = 0) {
         KelmMsgRspCreateGraph answer{};
@@ -167,72 +167,66 @@ class ScriptedServiceTest : public ::testing::Test {
         m_peer->sendBytes(&answer, answer.head.base.size);
     }
     auto load(Millis deadline = 10s) {
-        return startCalling([=, this] {
-            return m_client->loadServiceFile("/", {.window = 1, .deadline = deadline});
-        });
+        const GraphOptions options{.window = 1, .deadline = deadline};
+        return startCalling([=, this] { return m_client->loadServiceFile("/", options); });
+    }
+    void loadAs(uint64_t id) {
+        auto loading = load();
+        answer(take(), id);
+        m_graphs.push_back(loading.get());
     }
 
     const TempDir m_dir;
     const std::string m_path = m_dir.path() + "/socket";
     const UniqueFd m_listener = listenOn(m_path);
+    std::vector<Graph> m_graphs;
     std::optional<Client> m_client;
-    std::optional<WireClient> m_peer;
+    std::optional<WireClient> m_peer;  // hangs up first
 };
 
 TEST_F(ScriptedServiceTest, LoadIsRepeatedIfItsTwinWasFreedMeanwhile) {
     connect(false);
-    auto first = load();
-    answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 7);
-    std::optional<Graph> freed = first.get();
+    loadAs(7);
     auto second = load();
-    const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
-    auto freeing = startCalling([&] { freed.reset(); });
-    const KelmMsgReq destroy = take(KELM_MESSAGE_DESTROY_GRAPH_REQ);
+    const KelmMsgReq create = take();
+    auto freeing = startCalling([&] { m_graphs.clear(); });
+    const KelmMsgReq destroy = take<KelmMsgReqDestroyGraph>();
     answer(create, 7);
     EXPECT_FALSE(m_peer->canReceive(50ms));
     answer(destroy);
-    answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 8);
-    const Graph loaded = second.get();
-    EXPECT_EQ(loaded.info().id, 8U);
-    m_peer.reset();
+    answer(take(), 8);
+    freeing.get();
+    EXPECT_EQ(m_graphs.emplace_back(second.get()).info().id, 8U);
 }
 
 TEST_F(ScriptedServiceTest, GraphOfALoadThatHasTimedOutIsKeptForTheNextOrGivenUp) {
     connect(false);
     const auto timeOut = [&] {
         auto late = load(200ms);
-        const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
+        const KelmMsgReq create = take();
         EXPECT_THROW(late.get(), Error);
         return create;
     };
     const KelmMsgReq late = timeOut();
     auto next = load();
-    const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
+    const KelmMsgReq create = take();
     answer(late, 7);
     EXPECT_FALSE(m_peer->canReceive(50ms));
     answer(create, 7);
-    const Graph kept = next.get();
+    m_graphs.push_back(next.get());
     answer(timeOut(), 8);
-    answer(take(KELM_MESSAGE_DESTROY_GRAPH_REQ));
-    m_peer.reset();
+    answer(take<KelmMsgReqDestroyGraph>());
 }
 
 TEST_F(ScriptedServiceTest, GraphFreedWhileItIsReloadedIsNotTakenFromItsTwin) {
     connect(true);
-    std::vector<Graph> graphs;
-    for (int i = 0; i < 2; ++i) {
-        auto loading = load();
-        answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 7);
-        graphs.push_back(loading.get());
-    }
-    m_peer.reset();
+    for (int i = 0; i < 2; ++i) loadAs(7);
     accept();
-    answer(take(KELM_MESSAGE_CREATE_GRAPH_REQ), 7);
-    const KelmMsgReq create = take(KELM_MESSAGE_CREATE_GRAPH_REQ);
-    graphs.pop_back();
+    answer(take(), 7);
+    const KelmMsgReq create = take();
+    m_graphs.pop_back();
     answer(create, 7);
     EXPECT_FALSE(m_peer->canReceive(300ms));
-    m_peer.reset();
 }
 
 }  // namespace
