@@ -265,44 +265,27 @@ TEST_F(IPCTransferTest, UnwantedDescriptorsAreClosed) {
     EXPECT_EQ(before - 1, countDescriptors());
 }
 
-// A socket in whose queue there is one by TCP that stays until its bytes are read, or half a
-// minute.
-class LingeringFile {
- public:
-    LingeringFile() {
-        sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        auto* const name = reinterpret_cast<sockaddr*>(&address);
-        socklen_t length = sizeof(address);
-        const UniqueFd sender(::socket(AF_INET, SOCK_STREAM, 0));
-        EXPECT_EQ(::listen(m_listener.get(), 1), 0);
-        EXPECT_EQ(::getsockname(m_listener.get(), name, &length), 0);
-        EXPECT_EQ(::connect(sender.get(), name, length), 0);
-        while (::send(sender.get(), kLarge.data(), kLarge.size(), MSG_DONTWAIT) > 0) {
-        }
-        const linger stay = {1, 30};
-        EXPECT_EQ(::setsockopt(sender.get(), SOL_SOCKET, SO_LINGER, &stay, sizeof(stay)), 0);
-        const RawPeer last(m_channel.path);
-        m_file.reset(::accept(m_channel.listener->nativeHandle(), nullptr, nullptr));
-        EXPECT_TRUE(last.sendFds("1", {sender.get()}));
+// Closing it waits until its peer, that the listener has, reads what was sent, or half a minute.
+UniqueFd makeLingering(int listener) {
+    sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    auto* const name = reinterpret_cast<sockaddr*>(&address);
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(::listen(listener, 2), 0);
+    EXPECT_EQ(::getsockname(listener, name, &length), 0);
+    UniqueFd sender(::socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_EQ(::connect(sender.get(), name, length), 0);
+    while (::send(sender.get(), kLarge.data(), kLarge.size(), MSG_DONTWAIT) > 0) {
     }
-    void sendBy(RawPeer& peer) {
-        peer.sendFds("1234", {m_file.get()});
-        m_file.reset();
-    }
+    const linger stay = {1, 30};
+    EXPECT_EQ(::setsockopt(sender.get(), SOL_SOCKET, SO_LINGER, &stay, sizeof(stay)), 0);
+    return sender;
+}
 
- private:
-    const UniqueFd m_listener{::socket(AF_INET, SOCK_STREAM, 0)};
-    const SocketChannel m_channel;
-    UniqueFd m_file;
-};
-
-TEST_F(IPCTransferTest, FileThatDoesNotEndHoldsUpNobody) {
-    LingeringFile dropped;
-    LingeringFile unread;
-    dropped.sendBy(peer);
-    auto done = std::async(std::launch::async, [&] {
-        (void)readBytes(4);
-        unread.sendBy(peer);
+TEST_F(IPCTransferTest, DescriptorThatLingersHoldsUpNobody) {
+    const UniqueFd listener(::socket(AF_INET, SOCK_STREAM, 0));
+    for (int i = 0; i < 2; ++i) peer.sendFds("1234", {makeLingering(listener.get()).get()});
+    auto done = std::async(std::launch::async, [this] {
+        (void)readBytes(4);  // the one is dropped, the other is not read
         connection->close();
     });
     EXPECT_EQ(done.wait_for(10s), std::future_status::ready);

@@ -26,24 +26,38 @@ void require(bool holds) {
     if (!holds) __builtin_trap();
 }
 
+void requireRate(float rate) { require(rate >= 0 && std::isfinite(rate)); }
+
 // What every user of a snapshot relies on.
 void check(const client::Snapshot& snapshot) {
     require(snapshot.devices.size() <= kPackageDevices);
     require(snapshot.graphs.size() <= kPackageGraphs && snapshot.clients.size() <= kPackageClients);
+    require(snapshot.memory.residentMB <= INT64_MAX);
     for (const auto& device : snapshot.devices) {
-        require(std::isfinite(device.thermal));
-        for (const auto& graph : device.current)
-            require(graph.fps >= 0 && graph.name.size() <= 512);
+        require(std::isfinite(device.thermal) && device.previous.size() <= kPackageDeviceGraphs);
+        for (const auto& graph : device.current) {
+            requireRate(graph.fps);
+            require(graph.name.size() <= 512 && graph.loadTime.size() <= 9);
+        }
     }
     for (const auto& graph : snapshot.graphs) {
-        require(graph.fpsIn >= 0 && graph.fpsOut >= 0 && graph.clients.size() <= kPackageClients);
+        requireRate(graph.fpsIn);
+        requireRate(graph.fpsOut);
+        require(graph.clients.size() <= kPackageClients && graph.runningDevices <= INT32_MAX);
     }
 }
 
 void check(const client::ServiceStatus& status) {
-    require(status.serviceFps >= 0 && status.devices.size() <= kStatusDevices);
+    requireRate(status.serviceFps);
+    require(status.devices.size() <= kStatusDevices && status.deviceCount <= INT32_MAX);
     require(status.graphs.size() <= kStatusGraphs && status.clients.size() <= kStatusClients);
-    for (const auto& device : status.devices) require(device.fps >= 0 && device.name.size() <= 32);
+    // The service fills as many rows of clients as of graphs.
+    require(status.graphs.empty() || status.clients.size() <= status.graphs.size());
+    for (const auto& device : status.devices) {
+        requireRate(device.fps);
+        require(device.name.size() <= 32 && std::isfinite(device.thermal));
+        require(device.graph.empty() || status.parts.has(client::StatusPart::kDevices));
+    }
 }
 
 }  // namespace
