@@ -133,6 +133,8 @@ class Session : public std::enable_shared_from_this<Session> {
         EXCLUDES(m_mutex);
     void endDestroy(uint64_t connection, uint64_t graphId) EXCLUDES(m_mutex);
     void forgetDestroysUnsafe() REQUIRES(m_mutex);
+    // At least a millisecond: a call without any time is none.
+    static client::Deadline timeUntil(Clock::time_point end);
     static uint32_t countDevices(client::Client& client, client::Deadline deadline);
 
     const SessionOptions m_options;
