@@ -1,6 +1,8 @@
 // The graphs of a session: loading them, giving them up, and what these two do to each other.
 
 #include <algorithm>
+#include <exception>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -77,10 +79,15 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
     m_timer.start();  // first: without it no task may be taken
     const Clock::time_point end = Clock::now() + deadline;
     const LoadUnderWay underWay(*this);
+    // That the service still has if the two requests have reached it in the other order.
+    std::optional<uint64_t> destroyed;
     while (true) {
         const Clock::time_point begun = Clock::now();
         auto graph = loadGraph(*current, source, timeUntil(end));
-        if (!graph) return graph.error();
+        if (!graph) {
+            if (destroyed) gotLateGraph(*destroyed);
+            return graph.error();
+        }
         if (limits.window == 0) {
             const client::Deadline left = std::min(timeUntil(end), client::kDefaultDeadline);
             limits.window = kTasksADevice * countDevices(*current, left);
@@ -100,9 +107,7 @@ Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limit
                 return LoadedGraph{graph.value(), entry->queue};
             }
         }
-        if (Clock::now() < end) continue;
-        gotLateGraph(graphId);  // the service may have had the two requests in the other order
-        return Error::timeout("create graph");
+        destroyed = graphId;
     }
 }
 
@@ -161,10 +166,12 @@ Error Session::destroy(Client& client, uint64_t connection, uint64_t graphId) {
 
 void Session::endDestroy(uint64_t connection, uint64_t graphId) {
     MutexLock lock(m_mutex);
-    for (Destroy& each : m_destroys) {
-        if (each.connection != connection || each.graphId != graphId) continue;
-        each.answered = std::min(each.answered, Clock::now());
-    }
+    // One of those that are under way; which one is all the same.
+    const auto ended = std::ranges::find_if(m_destroys, [&](const Destroy& each) {
+        return each.connection == connection && each.graphId == graphId &&
+               each.answered == Clock::time_point::max();
+    });
+    if (ended != m_destroys.end()) ended->answered = Clock::now();
     forgetDestroysUnsafe();
     m_change.notifyAll();
 }
@@ -228,7 +235,11 @@ void Session::unloadRoutine() {
         std::erase(m_lateGraphs, graphId);
         std::shared_ptr<Client> current = beginDestroyUnsafe(connection, graphId);
         lock.unlock();
-        if (current) (void)destroy(*current, connection, graphId);
+        try {
+            if (current) (void)destroy(*current, connection, graphId);
+        } catch (const std::exception&) {
+            // Without memory the graph stays until the connection ends.
+        }
         current.reset();
         lock.lock();
     }

@@ -79,6 +79,7 @@ GraphRegistry::Requests GraphRegistry::takeWaiting(
     Requests taken;
     for (auto& [graph, entry] : m_entries) {
         const auto over = std::ranges::stable_partition(entry.waiting, std::not_fn(isOver));
+        taken.reserve(taken.size() + over.size());  // first: nothing fails halfway
         std::ranges::move(over, std::back_inserter(taken));
         entry.waiting.erase(over.begin(), over.end());
     }

@@ -36,8 +36,10 @@ void endFile(int fd) {
 class Closer {
  public:
     // On the calling thread if there is no other for it.
-    static void close(int fd) {
+    static void close(int fd) try {
         if (!instance().post(fd)) endFile(fd);
+    } catch (const std::exception&) {
+        endFile(fd);
     }
 
  private:
@@ -47,7 +49,7 @@ class Closer {
         return obj;
     }
 
-    bool post(int fd) try {
+    bool post(int fd) {
         MutexLock lock(m_mutex);
         if (m_waiting.size() >= m_idle && m_threads < kMostThreads && !start() && m_threads == 0) {
             return false;
@@ -55,8 +57,6 @@ class Closer {
         m_waiting.pushBack(fd);
         m_added.notifyOne();
         return true;
-    } catch (const std::exception&) {
-        return false;
     }
 
     bool start() REQUIRES(m_mutex) try {
