@@ -78,10 +78,11 @@ GraphRegistry::Requests GraphRegistry::takeWaiting(
     const std::function<bool(const Request&)>& isOver) {
     Requests taken;
     for (auto& [graph, entry] : m_entries) {
-        const auto over = std::ranges::stable_partition(entry.waiting, std::not_fn(isOver));
-        taken.reserve(taken.size() + over.size());  // first: nothing fails halfway
-        std::ranges::move(over, std::back_inserter(taken));
-        entry.waiting.erase(over.begin(), over.end());
+        Requests& waiting = entry.waiting;
+        const auto over =
+            std::stable_partition(waiting.begin(), waiting.end(), std::not_fn(isOver));
+        taken.insert(taken.end(), std::move_iterator(over), std::move_iterator(waiting.end()));
+        waiting.erase(over, waiting.end());
     }
     return taken;
 }
