@@ -61,7 +61,7 @@ class Session : public std::enable_shared_from_this<Session> {
     };
     // `limits.window` 0 chooses one by the number of devices. The first one raises
     // std::system_error if no thread is left for the timer.
-    client::Result<LoadedGraph> load(GraphSource source, GraphQueue::Limits limits,
+    client::Result<LoadedGraph> load(const GraphSource& source, GraphQueue::Limits limits,
                                      client::Deadline deadline) EXCLUDES(m_mutex);
     // Ends the graph's tasks and tells the service.
     client::Error unload(const std::shared_ptr<GraphQueue>& queue) EXCLUDES(m_mutex);

@@ -65,7 +65,7 @@ class Session::DestroyUnderWay {
     const uint64_t m_graphId;
 };
 
-Result<Session::LoadedGraph> Session::load(GraphSource source, GraphQueue::Limits limits,
+Result<Session::LoadedGraph> Session::load(const GraphSource& source, GraphQueue::Limits limits,
                                            client::Deadline deadline) {
     uint64_t connection = 0;
     std::shared_ptr<Client> current;
@@ -124,7 +124,7 @@ Error Session::unload(const std::shared_ptr<GraphQueue>& queue) {
         graphId = queue->graphId();
         current = beginDestroyUnsafe(connection, graphId);
     }
-    const Error error = current ? destroy(*current, connection, graphId) : Error();
+    Error error = current ? destroy(*current, connection, graphId) : Error();
     if (error || ended) return error;
     return Error::timeout("a task of the graph");
 }
