@@ -33,6 +33,8 @@ void endFile(int fd) {
     (void)::close(fd);
 }
 
+// Threads: any; its own wait in close() with no mutex held. Owns: the descriptors that wait.
+// Locks: m_mutex, a leaf.
 class Closer {
  public:
     // On the calling thread if there is no other for it.
