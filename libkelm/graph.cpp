@@ -43,7 +43,7 @@ int loadGraph(kelm_client* client, decltype(GraphSource::place) place, const cha
     const GraphQueue::Limits limits{known.window,
                                     known.max_waiting != 0 ? known.max_waiting : kMostWaiting};
     auto loaded = client->session->load(
-        std::move(source), limits, deadlineOr(known.deadline_ms, kelm::client::kGraphDeadline));
+        source, limits, deadlineOr(known.deadline_ms, kelm::client::kGraphDeadline));
     if (!loaded) return fail(loaded.error());
     *graph = new kelm_graph{{}, client->session, loaded.value().queue, loaded.value().graph};
     return KELM_SUCCESS;
