@@ -6,7 +6,7 @@
 
 #include "config/ServiceConfigParser.h"
 #include "devices/DeviceManagerCreator.h"
-#include "execution/KelmDeviceBase.h"
+#include "managers/BufferSizes.h"
 #include "managers/ClientManager.h"
 #include "managers/GraphReport.h"
 #include "managers/ResultDispatcher.h"
@@ -28,32 +28,6 @@ namespace {
 
 // How long the stopping service waits for devices to unload the graphs and for their tasks to end.
 constexpr std::chrono::seconds kRemoveAllLimit{3};
-
-struct InfoRow {
-    KelmGraphInfo what;
-    void (KelmGraph::*store)(uint64_t size);
-};
-
-constexpr InfoRow kInfoRows[] = {
-    {GRAPH_INFO_INPUT, &KelmGraph::setInputBufferSize},
-    {GRAPH_INFO_OUTPUT, &KelmGraph::setOutputBufferSize},
-    {GRAPH_INFO_TIME_TAKEN, &KelmGraph::setTimeTakensSize},
-    {GRAPH_INFO_DEBUG, &KelmGraph::setDebugBufferSize},
-    {GRAPH_INFO_THERMAL, &KelmGraph::setThermalBufferSize},
-};
-
-// Fills the buffer sizes from the blob's header; false if that cannot be read.
-bool getGraphInfo(KelmGraph& graph) {
-    for (const InfoRow& row : kInfoRows) {
-        size_t size = 0;
-        if (KelmDeviceBase::getGraphInfo(graph.getData(), graph.getDataSize(), row.what, size) !=
-            0) {
-            return false;
-        }
-        (graph.*row.store)(size);
-    }
-    return true;
-}
 
 uint64_t readGraphLimit() {
     const int limit = ServiceConfigParser::instance().getMaxGraphNumber();
@@ -288,7 +262,7 @@ std::optional<GraphManager::CreateAnswer> GraphManager::loadNewGraph(Request& re
     record->setLoadTraceIndex(traceBegin("load_graph_", id));
     m_dump.write(*record);
     // Deliberate: the trace of a load that never starts stays open, and so is not in the files.
-    if (!getGraphInfo(*record)) {
+    if (!fillBufferSizes(*record)) {
         LOG_ERROR("Error: invalid format of graph(%lu)", id);
         return CreateAnswer{nullptr, KELM_ERROR_INVALID_GRAPH_FORMAT};
     }
