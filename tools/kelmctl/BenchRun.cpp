@@ -17,7 +17,7 @@ namespace kelm::ctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::milliseconds kPoll(10);
+constexpr std::chrono::milliseconds kEndPoll(10);
 constexpr std::chrono::milliseconds kProgressInterval(500);
 // From a signal until a client is killed: longer than it takes to find that the service hangs.
 constexpr std::chrono::milliseconds kTimeToEnd(5000);
@@ -181,7 +181,7 @@ bool BenchRun::runStep(double rate) {
 // A signal to this process alone is passed on; those whose service hangs get the time that they
 // need to see that.
 size_t BenchRun::countRunning() {
-    std::this_thread::sleep_for(kPoll);
+    std::this_thread::sleep_for(kEndPoll);
     if (const int signal = m_signals.next(); signal != 0 && m_signal == 0) {
         m_signal = signal;
         m_region.stop = true;

@@ -15,8 +15,8 @@ namespace kelm {
 
 namespace {
 
-constexpr size_t kLabelWidth = 12;
-constexpr size_t kCellWidth = 17;
+constexpr size_t kClientLabelWidth = 12;
+constexpr size_t kClientCellWidth = 17;
 
 std::string formatClientId(KelmClient& client) { return std::to_string(client.getId()); }
 std::string formatClientName(KelmClient& client) { return client.getName(); }
@@ -59,7 +59,7 @@ void printClientFps(const ClientRecords& clients) {
 }
 
 void printClientSnapshot(const ClientRecords& clients) {
-    TextTable table(kLabelWidth, kCellWidth);
+    TextTable table(kClientLabelWidth, kClientCellWidth);
     const size_t columns = clients.size();
     table.rule(columns);
     table.row(kHeadRow.label, cells(clients, kHeadRow.format));

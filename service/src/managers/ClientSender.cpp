@@ -14,7 +14,7 @@ namespace kelm {
 namespace {
 
 // How many messages of any size may wait for a client that does not read.
-constexpr uint64_t kMaxQueuedMessages = 200;
+constexpr uint64_t kMaxMessagesOfClient = 200;
 
 }  // namespace
 
@@ -25,8 +25,8 @@ ClientSender::ClientSender(uint64_t clientId, int socket, StepTrace trace,
       m_trace(std::move(trace)),
       m_connection(IPC::ConnectionBase::findConnection(socket)),
       m_writer(socket),
-      m_backlog(backlog ? std::move(backlog) : std::make_shared<Backlog>(kMaxQueuedMessages)),
-      m_pool("ResDp" + std::to_string(clientId), kMaxQueuedMessages, SerialPool::LIGHT) {}
+      m_backlog(backlog ? std::move(backlog) : std::make_shared<Backlog>(kMaxMessagesOfClient)),
+      m_pool("ResDp" + std::to_string(clientId), kMaxMessagesOfClient, SerialPool::LIGHT) {}
 
 ClientSender::~ClientSender() = default;
 

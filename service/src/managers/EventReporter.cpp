@@ -11,7 +11,7 @@ namespace kelm {
 
 namespace {
 
-constexpr std::chrono::milliseconds kThreadEndTime{1000};
+constexpr std::chrono::milliseconds kServerEndTime{1000};
 
 }  // namespace
 
@@ -30,7 +30,7 @@ void EventReporter::start() {
 }
 
 bool EventReporter::stop() {
-    if (!m_server || m_server->stop(kThreadEndTime)) return true;
+    if (!m_server || m_server->stop(kServerEndTime)) return true;
     LOG_ERROR("Error: the event server does not end, go on without it");
     return false;
 }

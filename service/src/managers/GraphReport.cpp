@@ -16,8 +16,8 @@ namespace kelm {
 
 namespace {
 
-constexpr size_t kLabelWidth = 12;
-constexpr size_t kCellWidth = 17;
+constexpr size_t kGraphLabelWidth = 12;
+constexpr size_t kGraphCellWidth = 17;
 
 std::string formatPendingTime(KelmGraph& graph) {
     KelmGraph::TimePoint start;
@@ -33,7 +33,7 @@ struct Row {
 
 constexpr Row kRows[] = {
     {"graphId", [](KelmGraph& graph) { return std::to_string(graph.getId()); }},
-    {"graphName", [](KelmGraph& graph) { return shortenText(graph.getName(), kCellWidth); }},
+    {"graphName", [](KelmGraph& graph) { return shortenText(graph.getName(), kGraphCellWidth); }},
     {"fpsIn", [](KelmGraph& graph) { return formatFixed(graph.getFpsIn(), 2); }},
     {"fpsOut", [](KelmGraph& graph) { return formatFixed(graph.getFpsOut(), 2); }},
     {"inferTimes", [](KelmGraph& graph) { return std::to_string(graph.getInferenceTimes()); }},
@@ -49,8 +49,9 @@ constexpr Row kRows[] = {
          return std::to_string(graph.getCachedDeviceNum()) + " / " +
                 std::to_string(graph.getRunningDeviceNum());
      }},
-    {"graphTag", [](KelmGraph& graph) { return shortenText(graph.getTag(), kCellWidth); }},
-    {"streamId", [](KelmGraph& graph) { return shortenText(graph.getStreamId(), kCellWidth); }},
+    {"graphTag", [](KelmGraph& graph) { return shortenText(graph.getTag(), kGraphCellWidth); }},
+    {"streamId",
+     [](KelmGraph& graph) { return shortenText(graph.getStreamId(), kGraphCellWidth); }},
 };
 
 void fillRow(KelmGraph& graph, InfoGraphRow& row) {
@@ -80,7 +81,7 @@ void printGraphFps(const std::vector<KelmGraph*>& graphs) {
 }
 
 void printGraphSnapshot(const std::vector<KelmGraph*>& graphs) {
-    TextTable table(kLabelWidth, kCellWidth);
+    TextTable table(kGraphLabelWidth, kGraphCellWidth);
     for (const Row& row : kRows) {
         std::vector<std::string> cells;
         cells.reserve(graphs.size());

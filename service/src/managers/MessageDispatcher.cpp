@@ -48,7 +48,7 @@ constexpr int kReadAhead = 16;
 // and would be polled in a loop.
 constexpr milliseconds kAcceptPause{100};
 // A peer that sends nothing for so long may lose its place to a new one.
-constexpr milliseconds kPatience{5000};
+constexpr milliseconds kIdleLimit{5000};
 constexpr milliseconds kErrorPause{10};
 constexpr milliseconds kLookInterval{100};  // between two looks for peers that hung up unseen
 // Limits of a stop: for the listen thread to end, the same once nothing can be read or written any
@@ -247,7 +247,7 @@ void MessageDispatcher::makeRoom() {
     auto idleSince = steady_clock::time_point::max();
     for (auto& connection : IPC::ConnectionBase::getAll()) {
         auto* const client = dynamic_cast<RequestConnection*>(connection.get());
-        const auto since = client != nullptr ? client->idleSince(kPatience) : std::nullopt;
+        const auto since = client != nullptr ? client->idleSince(kIdleLimit) : std::nullopt;
         // The one silent for the longest time: the youngest may be just about to send.
         if (!since || *since >= idleSince) continue;
         idleSince = *since;

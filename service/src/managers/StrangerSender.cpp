@@ -15,7 +15,7 @@ namespace kelm {
 
 namespace {
 
-constexpr uint64_t kMaxQueuedMessages = 500;
+constexpr uint64_t kMaxMessagesOfStrangers = 500;
 constexpr std::chrono::seconds kPatience{1};
 constexpr std::chrono::milliseconds kTurnPause{10};
 
@@ -23,8 +23,8 @@ constexpr std::chrono::milliseconds kTurnPause{10};
 
 StrangerSender::StrangerSender(StepTrace trace)
     : m_trace(std::move(trace)),
-      m_backlog(kMaxQueuedMessages),
-      m_pool("ResDpSend", kMaxQueuedMessages) {}
+      m_backlog(kMaxMessagesOfStrangers),
+      m_pool("ResDpSend", kMaxMessagesOfStrangers) {}
 
 void StrangerSender::post(std::shared_ptr<IPC::ConnectionBase> connection, MessagePtr message) {
     post(std::move(connection), std::move(message), false);

@@ -20,18 +20,18 @@ static_assert(std::atomic<KelmTask::TimePoint>::is_always_lock_free);
 namespace {
 
 // Tasks in flight beyond this number are rare enough for the heap.
-constexpr size_t kBlocksToKeep = 512;
+constexpr size_t kTasksToKeep = 512;
 constexpr size_t kDescribedNameLength = 10;
 
 // Never destroyed: a task may end while static objects are being destroyed.
-BlockCache& blockCache() {
-    static BlockCache& obj = *new BlockCache(sizeof(KelmTask), kBlocksToKeep);
+BlockCache& taskCache() {
+    static BlockCache& obj = *new BlockCache(sizeof(KelmTask), kTasksToKeep);
     return obj;
 }
 
-BlockCache::Local& localBlocks() {
+BlockCache::Local& localTaskBlocks() {
     thread_local BlockCache::Local local;
-    thread_local const BlockCache::End end(blockCache(), local);
+    thread_local const BlockCache::End end(taskCache(), local);
     return local;
 }
 
@@ -85,10 +85,10 @@ KelmTask::~KelmTask() {
 // A derived class would not fit the blocks.
 void* KelmTask::operator new(size_t size) {
     if (size != sizeof(KelmTask)) return ::operator new(size);
-    return blockCache().take(localBlocks());
+    return taskCache().take(localTaskBlocks());
 }
 
-void KelmTask::operator delete(void* block) { blockCache().give(localBlocks(), block); }
+void KelmTask::operator delete(void* block) { taskCache().give(localTaskBlocks(), block); }
 
 void KelmTask::setStatus(int32_t status) {
     if (status > TASK_STATUS_LAST) return;

@@ -12,17 +12,17 @@ namespace kelm {
 namespace {
 
 // Tasks in flight beyond this number are rare enough for the heap.
-constexpr size_t kBlocksToKeep = 512;
+constexpr size_t kParamsToKeep = 512;
 
 // Never destroyed: a block may come back while static objects are being destroyed.
-BlockCache& blockCache() {
-    static BlockCache& obj = *new BlockCache(sizeof(KelmTaskParam), kBlocksToKeep);
+BlockCache& paramCache() {
+    static BlockCache& obj = *new BlockCache(sizeof(KelmTaskParam), kParamsToKeep);
     return obj;
 }
 
-BlockCache::Local& localBlocks() {
+BlockCache::Local& localParamBlocks() {
     thread_local BlockCache::Local local;
-    thread_local const BlockCache::End end(blockCache(), local);
+    thread_local const BlockCache::End end(paramCache(), local);
     return local;
 }
 
@@ -59,9 +59,9 @@ void KelmTaskParam::releaseBuffer(KelmBuffer& buffer) {
 
 void* KelmTaskParam::operator new(size_t size) {
     if (size != sizeof(KelmTaskParam)) return ::operator new(size);
-    return blockCache().take(localBlocks());
+    return paramCache().take(localParamBlocks());
 }
 
-void KelmTaskParam::operator delete(void* block) { blockCache().give(localBlocks(), block); }
+void KelmTaskParam::operator delete(void* block) { paramCache().give(localParamBlocks(), block); }
 
 }  // namespace kelm

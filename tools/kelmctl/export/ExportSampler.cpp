@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 // A service that stands still is one that is down.
 constexpr client::Deadline kDeadline{2000};
 // Those of clients and devices stand between the moves.
-constexpr size_t kEvents = 200;
+constexpr size_t kMaxEvents = 200;
 
 // More exact than what the service tells of its memory, where its process is to be seen.
 void addFacts(ExportedService& service) {
@@ -35,7 +35,7 @@ void addFacts(ExportedService& service) {
 }  // namespace
 
 ExportSampler::ExportSampler(Interruption& interruption, ExportFeed& feed, PageRoutes* page)
-    : m_source(interruption, kEvents), m_feed(feed), m_page(page) {
+    : m_source(interruption, kMaxEvents), m_feed(feed), m_page(page) {
     m_thread = std::thread([this] { routine(); });
 }
 

@@ -26,7 +26,7 @@ namespace {
 constexpr int kMaxConnections = 16;
 constexpr int kMaxStreams = 8;
 constexpr int kBacklog = 64;
-constexpr const char* kEvents = "/events";
+constexpr const char* kEventsPath = "/events";
 
 HttpAnswer plain(int status, const std::string& text) {
     return {.status = status, .body = text + "\n"};
@@ -164,7 +164,7 @@ class ExportServer::Impl : private httplib::Server {
     }
 
     void handle(const httplib::Request& request, httplib::Response& to) {
-        if (request.path == kEvents && isServed(request) && m_routes.event) return follow(to);
+        if (request.path == kEventsPath && isServed(request) && m_routes.event) return follow(to);
         const HttpAnswer answer = answerTo(request);
         to.status = answer.status;
         to.set_header("Cache-Control", "no-store");
