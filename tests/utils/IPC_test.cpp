@@ -212,7 +212,7 @@ class IPCTransferTest : public testing::Test {
         return UniqueFd(fd);
     }
 
-    static void expectRaises(const std::function<void()>& action, const char* words) {
+    static void expectRaises(const std::function<void()>& action, const std::string& words) {
         EXPECT_THAT(action, ThrowsMessage<std::runtime_error>(HasSubstr(words)));
     }
 
@@ -297,9 +297,12 @@ TEST_F(IPCTransferTest, WhatIsMissingWhenAPeerLeavesIsTold) {
     expectRaises([&] { (void)readFd(); }, "recv_fd from socket cmsg_len = 0");
     peer.send("12345");
     peer.hangUp();
-    expectRaises([&] { (void)readBytes(8); }, "read socket(idx=1) failed, user=camera leftBytes=3");
-    expectRaises([&] { (void)readFd(); }, "The peer has performed an orderly shutdown. socketFd=1");
-    expectRaises([&] { connection->write("a", 1); }, "write socket(idx=1) failed, user=camera");
+    const std::string number = std::to_string(connection->getSimulateFD());
+    const std::string failed = " socket(idx=" + number + ") failed, user=camera";
+    expectRaises([&] { (void)readBytes(8); }, "read" + failed + " leftBytes=3");
+    expectRaises([&] { (void)readFd(); },
+                 "The peer has performed an orderly shutdown. socketFd=" + number);
+    expectRaises([&] { connection->write("a", 1); }, "write" + failed);
     expectRaises([&] { connection->write(0); }, "Error: Read-end of socket");
     expectRaises([&] { connection->read(nullptr, 4, nullptr); }, "invalid argument. m_fd=");
     connection->close();

@@ -39,7 +39,13 @@ void endGrowth() {
     if (::setrlimit(RLIMIT_AS, &limit) != 0) std::_Exit(2);
 }
 
-TEST(MemoryReserveTest, IsGivenUpWhenMemoryIsMissingAndTakenBackLater) {
+class MemoryReserveTest : public testing::Test {
+ protected:
+    // A process of its own: what tests before it have freed would be there still.
+    MemoryReserveTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(MemoryReserveTest, IsGivenUpWhenMemoryIsMissingAndTakenBackLater) {
     const auto play = [] {
         MemoryReserve::install();
         endGrowth();
@@ -52,7 +58,7 @@ TEST(MemoryReserveTest, IsGivenUpWhenMemoryIsMissingAndTakenBackLater) {
     EXPECT_EXIT(play(), testing::ExitedWithCode(0), "");
 }
 
-TEST(MemoryReserveTest, WaitsUntilMemoryIsFreed) {
+TEST_F(MemoryReserveTest, WaitsUntilMemoryIsFreed) {
     const auto play = [] {
         MemoryReserve::install();
         Blocks all;
