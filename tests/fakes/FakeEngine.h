@@ -40,6 +40,7 @@ class FakeEngine : public gateway::Engine {
     std::atomic<bool> isDown{false};
     std::atomic<bool> isHolding{false};
     std::atomic<int> graphs{0};
+    std::atomic<uint32_t> priority{0};  // of the last task
 
  private:
     struct Slot : gateway::EngineSlot {
@@ -55,7 +56,9 @@ class FakeEngine : public gateway::Engine {
         uint64_t outputBytes() const override { return kBytes; }
         uint32_t window() const override { return 1; }
         std::unique_ptr<gateway::EngineSlot> acquire() override { return std::make_unique<Slot>(); }
-        uint64_t start(gateway::EngineSlot& slot, const gateway::TaskWish&, Done done) override {
+        uint64_t start(gateway::EngineSlot& slot, const gateway::TaskWish& wish,
+                       Done done) override {
+            engine.priority = wish.priority;
             std::ranges::transform(slot.input(), slot.output().begin(), [](std::byte each) {
                 return static_cast<std::byte>(std::to_integer<int>(each) + 1);
             });

@@ -197,6 +197,22 @@ TEST_F(RestTest, PressureIsToldByItsStatus) {
     EXPECT_THAT(second.answer(), AllOf(StartsWith("HTTP/1.1 503"), HasSubstr("-122")));
 }
 
+TEST_F(RestTest, PeersTakeNoMoreThanTheirShare) {
+    describeModel("m", R"(,"priority":3,"queue":0)");
+    serve();
+    const std::string json = R"({"inputs":[{"name":"i","datatype":"UINT8","shape":[4],)"
+                             R"("parameters":{"binary_data_size":4}}],"parameters":{"priority":)";
+    const std::string low = json + "2}}abcd", high = json + "15}}abcd";
+    std::string whole = post(high, jsonLength(high.size() - 4));
+    whole.pop_back();  // it has a slot then, and no place in the queue
+    RawPeer slow = connect(whole);
+    RawPeer other = connect();
+    EXPECT_THAT(other.send(post(low, jsonLength(low.size() - 4))).answer(), HasSubstr("200 OK"));
+    EXPECT_EQ(engine.priority, 2);
+    EXPECT_THAT(slow.send("d").answer(), HasSubstr("200 OK"));
+    EXPECT_EQ(engine.priority, 3);
+}
+
 TEST_F(RestTest, PeerThatHangsUpTakesItsRequestWithIt) {
     serve();
     engine.isHolding = true;

@@ -23,27 +23,15 @@ void requireShape(const TensorDescription& tensor, const Shape& shape) {
     }
 }
 
-// Enters first: the slots of a pool are as many as may enter.
-std::unique_ptr<EngineSlot> enter(Model& model) {
-    model.enter();
-    try {
-        return model.graph().acquire();
-    } catch (...) {
-        model.leave();
-        throw;
-    }
-}
-
 }  // namespace
 
 std::shared_ptr<Inference> Inference::admit(std::shared_ptr<Model> model) {
+    model->requireRoom();
     return std::shared_ptr<Inference>(new Inference(std::move(model)));
 }
 
 Inference::Inference(std::shared_ptr<Model> model)
-    : m_model(std::move(model)), m_slot(enter(*m_model)) {}
-
-Inference::~Inference() { m_model->leave(); }
+    : m_model(std::move(model)), m_slot(m_model->graph().acquire()) {}
 
 std::span<std::byte> Inference::claimInput(const TensorClaim& claim) {
     const auto& inputs = description().inputs;
@@ -96,15 +84,28 @@ void Inference::start(const Wish& wish, std::function<void(const TaskEnd&)> done
     if (left <= milliseconds(0)) {
         throw Failure(Cause::kExpired, "the deadline passed before the request was there");
     }
+    const uint32_t highest = description().priority;
     const TaskWish task{.deadline = left,
-                        .priority = wish.priority.value_or(description().priority)};
+                        .priority = std::min(wish.priority.value_or(highest), highest)};
     m_model->begin(weak_from_this());
-    const uint64_t ticket = m_model->graph().start(
-        *m_slot, task, [self = shared_from_this(), done = std::move(done)](const TaskEnd& taskEnd) {
-            self->end(taskEnd, done);
-        });
+    const uint64_t ticket = startInQueue(task, std::move(done));
     MutexLock lock(m_mutex);
     m_ticket = ticket;
+}
+
+uint64_t Inference::startInQueue(const TaskWish& task, std::function<void(const TaskEnd&)> done) {
+    m_model->enter();
+    try {
+        return m_model->graph().start(
+            *m_slot, task,
+            [self = shared_from_this(), done = std::move(done)](const TaskEnd& taskEnd) {
+                self->m_model->leave();
+                self->end(taskEnd, done);
+            });
+    } catch (...) {
+        m_model->leave();
+        throw;
+    }
 }
 
 void Inference::end(TaskEnd taskEnd, const std::function<void(const TaskEnd&)>& done) {

@@ -25,16 +25,16 @@ struct TensorClaim {
     uint64_t bytes = 0;
 };
 
-// An inference of either protocol, from its place in the queue to its answer: name each input and
-// fill it in, start, then read the outputs.
+// An inference of either protocol, from its slot to its answer: name each input and fill it in,
+// start, then read the outputs. It has a place in the model's queue only while its task waits or
+// runs: peers that are slow to send or to read hold up no others.
 //
-// Threads: one fills in and starts; any cancels. Owns: its place in the queue and its slot.
+// Threads: one fills in and starts; any cancels. Owns: its slot.
 // Locks: m_mutex, a leaf.
 class Inference : public NonCopyable, public std::enable_shared_from_this<Inference> {
  public:
     // Throws a Failure if the model has no room or cannot run.
     static std::shared_ptr<Inference> admit(std::shared_ptr<Model> model);
-    ~Inference();
 
     const ModelDescription& description() const { return m_model->description(); }
     // Where the tensor's bytes go, as many as were claimed; what is left of its room is zeros.
@@ -42,8 +42,9 @@ class Inference : public NonCopyable, public std::enable_shared_from_this<Infere
     std::span<std::byte> claimInput(const TensorClaim& claim);
 
     // Calls `done` once, on any thread; throws a Failure and does not if an input is missing or
-    // wrong, or the deadline has passed. It is the model's unless one is given, and counts from
-    // `begun`.
+    // wrong, the model has no room, or the deadline has passed. It is the model's unless one is
+    // given, and counts from `begun`. A priority above the model's counts as that: whoever may ask
+    // could overtake all others for good.
     using Clock = std::chrono::steady_clock;
     struct Wish {
         Clock::time_point begun;
@@ -69,6 +70,7 @@ class Inference : public NonCopyable, public std::enable_shared_from_this<Infere
 
     explicit Inference(std::shared_ptr<Model> model);
     void requireInputs() const;
+    uint64_t startInQueue(const TaskWish& task, std::function<void(const TaskEnd&)> done);
     void end(TaskEnd end, const std::function<void(const TaskEnd&)>& done);
 
     const std::shared_ptr<Model> m_model;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -19,15 +20,24 @@ class SignalWait {
         ::pthread_sigmask(SIG_BLOCK, &m_set, nullptr);
     }
 
-    // The signal.
-    int wait() const { return ::sigwaitinfo(&m_set, nullptr); }
+    // The signal. A stop of the process that ends interrupts the call, and is none.
+    int wait() const {
+        int signal = 0;
+        while ((signal = ::sigwaitinfo(&m_set, nullptr)) < 0) {
+        }
+        return signal;
+    }
     // 0 when the time is up.
     int waitUntil(std::chrono::steady_clock::time_point end) const {
         using std::chrono::nanoseconds;
-        const auto left = std::max(end - std::chrono::steady_clock::now(), nanoseconds(0));
-        const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-        const timespec limit{seconds.count(), nanoseconds(left - seconds).count()};
-        return std::max(0, ::sigtimedwait(&m_set, nullptr, &limit));
+        int signal = 0;
+        do {
+            const auto left = std::max(end - std::chrono::steady_clock::now(), nanoseconds(0));
+            const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+            const timespec limit{seconds.count(), nanoseconds(left - seconds).count()};
+            signal = ::sigtimedwait(&m_set, nullptr, &limit);
+        } while (signal < 0 && errno == EINTR);
+        return std::max(0, signal);
     }
 
  private:

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <iostream>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -75,8 +77,19 @@ bool stopAll(std::list<HttpServer>& servers, GrpcServer* grpc, std::chrono::seco
     return std::ranges::count_if(ends, [](auto& each) { return !each.get(); }) == 0;
 }
 
+// Requests that a service has that hangs end with their deadlines, which clients choose, and what
+// frees graphs waits for it, too. The process goes without them.
+void endBy(std::chrono::steady_clock::time_point end) {
+    std::thread([end] {
+        std::this_thread::sleep_until(end);
+        say("the service does not answer; ends without it");
+        std::_Exit(0);
+    }).detach();
+}
+
 void serve(const Options& options) {
     constexpr std::chrono::seconds kLastAnswers(30);
+    constexpr std::chrono::seconds kLastFrees(10);
     constexpr HttpLimits kFewAndSmall{.connections = 16, .json = 0, .body = 0};
     SignalWait signals({SIGTERM, SIGINT, SIGHUP});
     ::signal(SIGPIPE, SIG_IGN);
@@ -113,6 +126,7 @@ void serve(const Options& options) {
     int signal = 0;
     while ((signal = signals.waitUntil(end)) == SIGHUP) renew();
     const auto limit = signal != 0 ? std::chrono::seconds(0) : kLastAnswers;
+    endBy(std::chrono::steady_clock::now() + limit + kLastFrees);
     if (!stopAll(servers, grpc.get(), limit)) say("some requests were not answered");
 }
 

@@ -114,7 +114,8 @@ void InferExchange::requireRest(const InferBody& body) const {
         bytes += *each.rawBytes;
     }
     const HttpBody& rest = m_http->body();
-    if (!rest.isChunked() && rest.remaining() != bytes) {
+    if (rest.isChunked()) return m_http->expectBody(bytes);
+    if (rest.remaining() != bytes) {
         refuse("behind the JSON part are " + std::to_string(rest.remaining()) +
                " bytes, and the raw inputs have " + std::to_string(bytes));
     }
