@@ -285,6 +285,17 @@ int run(const Options& options) {
     return holds ? 0 : 1;
 }
 
+// A stop that came before waits: whoever starts this program may have blocked the signal.
+void listenToStop() {
+    struct sigaction stop = {};
+    stop.sa_handler = [](int) { s_stop = true; };
+    ::sigaction(SIGTERM, &stop, nullptr);
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGTERM);
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 }  // namespace
 }  // namespace kelm::prove
 
@@ -303,9 +314,7 @@ int main(int argc, char** argv) {
     app.add_flag("--unchecked", options.unchecked, "for devices that touch no tensor");
     app.add_flag("--patient", options.patient, "goes on trying to connect and load");
     CLI11_PARSE(app, argc, argv);
-    struct sigaction stop = {};
-    stop.sa_handler = [](int) { s_stop = true; };
-    ::sigaction(SIGTERM, &stop, nullptr);
+    listenToStop();
     try {
         return run(options);
     } catch (const std::exception& error) {

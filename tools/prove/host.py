@@ -335,7 +335,10 @@ class Client:
         for graph in graphs:
             command += ["--graph", str(graph)]
         self.errors = open(f"{self.path}.log", "w+b")  # pylint: disable=consider-using-with
+        # It inherits this, and lets the signal in once it knows what to do then.
+        before = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})
         self.process = subprocess.Popen(command, stdout=self.errors, stderr=self.errors)
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
 
     def finish(self) -> int:
         """Ends it in order; its status."""
