@@ -107,6 +107,7 @@ TEST_F(GrpcTest, PeersAreLimited) {
         {"a message does not begin", {.message = 9, .transfer = 50ms}, head(kWatch), late},
         {"there is no message", {}, head(kInfer, 1), "the call has no message"},
         {"messages", {.message = 9}, head(kInfer) + frame(0, 0, 1, large), "larger than max"},
+        {"plain messages", {.plain = 9}, head(kWatch) + frame(0, 0, 1, large), "than 9 bytes"},
         {"metadata", {}, head(kLive, 0, 1, header("x", std::string(9000, 'y'))), "exceeds"},
         {"streams", {.streams = 2}, calls, "Failed parsing HTTP/2"},
         {"calls", {.calls = 1}, calls, "too many calls"},

@@ -1,6 +1,7 @@
 #include "tools/gateway/grpc/GrpcCall.h"
 
 #include <exception>
+#include <string>
 
 #include "tools/gateway/Failure.h"
 #include "tools/gateway/grpc/GrpcLoop.h"
@@ -28,19 +29,28 @@ void GrpcCall::onArrived(bool ok) {
     if (m_loop.callsUnderWay() > limits.calls) {
         return fail(Failure(Cause::kFull, "there are too many calls; try again later"));
     }
-    m_mostTime = Clock::now() + limits.transfer + std::chrono::seconds(limits.message >> 20);
+    m_mostTime = Clock::now() + limits.transfer + std::chrono::seconds(mostMessage() >> 20);
     m_isReading = true;
     m_stream.Read(&m_message, &m_read);
 }
 
+size_t GrpcCall::mostMessage() { return m_loop.limits().plain; }
+
 void GrpcCall::onRead(bool ok) {
     m_isReading = false;
     m_hasMessage = ok;
-    m_messageBytes = m_message.Length();
+    grpc::ByteBuffer message;  // ends here: the call may last
+    message.Swap(&m_message);
+    m_messageBytes = message.Length();
     if (m_isLate) return dropIfOver();
     try {
         if (!m_hasMessage) throw Failure(Cause::kInvalid, "the call has no message");
-        serve(m_message);
+        if (m_messageBytes > mostMessage()) {
+            throw Failure(Cause::kTooLarge, "the message is larger than " +
+                                                std::to_string(mostMessage()) +
+                                                " bytes, the most for this method");
+        }
+        serve(message);
     } catch (const Failure& failure) {
         fail(failure);
     } catch (const std::exception& error) {

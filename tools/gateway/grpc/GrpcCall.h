@@ -16,8 +16,8 @@ class Failure;
 class GrpcLoop;
 
 // A call of a method with one message, from before it comes to when its loop drops it. The message
-// has its time to come: a base and a second for each MB of the largest one, as its size is not
-// told.
+// has its time to come: a base and a second for each MB of the method's largest one, as its size is
+// not told before it is whole.
 //
 // Threads: its loop's, where nothing else is said. Owned by the loop.
 class GrpcCall : public NonCopyable {
@@ -40,11 +40,13 @@ class GrpcCall : public NonCopyable {
  protected:
     // Asks the service for a call of the method.
     virtual void request(CallStream& stream, void* tag) = 0;
+    // Bytes of the largest one that is served.
+    virtual size_t mostMessage();
     // A new call of the same kind.
     virtual std::unique_ptr<GrpcCall> another() = 0;
     // The head is there.
     virtual void begin() {}
-    // Answers now or later; an exception is an answer, too.
+    // Answers now or later; an exception is an answer, too. The message goes when it returns.
     virtual void serve(grpc::ByteBuffer& message) = 0;
     // The last that is done to the call.
     virtual void fail(const Failure& failure) = 0;

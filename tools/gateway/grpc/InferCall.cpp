@@ -83,6 +83,8 @@ void InferCall::request(CallStream& to, void* tag) {
     m_services.inference.request(GrpcServices::kModelInfer, context(), to, loop().queue(), tag);
 }
 
+size_t InferCall::mostMessage() { return loop().limits().message; }
+
 std::unique_ptr<GrpcCall> InferCall::another() {
     return std::make_unique<InferCall>(loop(), m_services, gateway());
 }
