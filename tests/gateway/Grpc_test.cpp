@@ -43,9 +43,9 @@ const std::string kInfer = "/inference.GRPCInferenceService/ModelInfer";
 const std::string kWatch = "/grpc.health.v1.Health/Watch";
 const std::string kNoMessage(5, '\0');
 
-// A call of ServerLive by a peer that lets no byte of the answer come.
-std::string callWithoutWindow() {
-    return hello(std::string("\0\4\0\0\0\0", 6)) + head(kLive) + frame(0, 1, 1, kNoMessage);
+// A call by a peer that lets no byte of the answer come.
+std::string callWithoutWindow(const std::string& method = kLive) {
+    return hello(std::string("\0\4\0\0\0\0", 6)) + head(method) + frame(0, 1, 1, kNoMessage);
 }
 
 class GrpcTest : public GatewayTest {
@@ -68,8 +68,9 @@ class GrpcTest : public GatewayTest {
 const std::string kReset("\0\0\4\3\0\0\0\0\1", 9);
 
 TEST_F(GrpcTest, PeerThatDoesNotReadItsAnswerIsCanceled) {
-    RawPeer peer(serveGrpc({.transfer = 50ms}).port(0));
-    EXPECT_TRUE(peer.send(callWithoutWindow()).reads(kReset));
+    const uint16_t port = serveGrpc({.transfer = 50ms}).port(0);
+    EXPECT_TRUE(RawPeer(port).send(callWithoutWindow()).reads(kReset));
+    EXPECT_TRUE(RawPeer(port).send(callWithoutWindow(kWatch)).reads(kReset));
 }
 
 TEST_F(GrpcTest, StopEndsWhatIsNotRead) {
@@ -91,9 +92,14 @@ TEST_F(GrpcTest, PeersAreLimited) {
     const std::string late = "the message took too long to come", part(3, '\0');
     const std::string large = std::string("\0\0\0\0\x14", 5) + std::string(20, '\1');
     const std::string goAway("\0\0\x8\7\0\0\0\0\0\x7f", 10);
-    std::string pings, calls;
+    // To the model of SetUp, whose answer has each byte one higher.
+    const std::string infer =
+        std::string("\0\0\0\0\x18", 5) + "\n\1m*\r\n\1t\x12\5UINT8\x1a\1\4:\4abcd";
+    const std::string longest = header("grpc-timeout", "99999999H");
+    std::string pings, calls, watches;
     for (char i = 0; i < 9; ++i) pings += frame(6, 0, 0, std::string(8, i));
     for (char i = 1; i < 9; i += 2) calls += head(kInfer, 0, i);
+    for (char i = 1; i < 9; i += 2) watches += head(kWatch, 0, i) + frame(0, 1, i, kNoMessage);
     const struct {
         const char* what;
         GrpcLimits limits;
@@ -107,9 +113,17 @@ TEST_F(GrpcTest, PeersAreLimited) {
         {"a message does not begin", {.message = 9, .transfer = 50ms}, head(kWatch), late},
         {"there is no message", {}, head(kInfer, 1), "the call has no message"},
         {"messages", {.message = 9}, head(kInfer) + frame(0, 0, 1, large), "larger than max"},
+        {"plain messages", {.plain = 9}, head(kWatch) + frame(0, 0, 1, large), "than 9 bytes"},
         {"metadata", {}, head(kLive, 0, 1, header("x", std::string(9000, 'y'))), "exceeds"},
         {"streams", {.streams = 2}, calls, "Failed parsing HTTP/2"},
         {"calls", {.calls = 1}, calls, "too many calls"},
+        {"watchers", {.watchers = 1}, watches, "too many watchers, more than 1;"},
+        {"watchers of a peer", {.watchersOfPeer = 1}, watches, "watchers of one connection"},
+        {"watchers are no calls",
+         {.calls = 1},
+         watches + head(kLive, 0, 9) + frame(0, 1, 9, kNoMessage),
+         std::string("grpc-status\0010")},
+        {"deadlines", {}, head(kInfer, 0, 1, longest) + frame(0, 1, 1, infer), "bcde"},
         {"pings", {}, pings, "too_many_pings"},
         {"idle", {.idle = 50ms}, "", "enter idle"},
         {"age", {.age = 50ms}, head(kInfer), goAway},

@@ -59,7 +59,7 @@ void addOptions(CLI::App& app, Options& options) {
               "time to serve on, not ready, after SIGTERM; up to an hour")
         ->check(range(0, kHour));
     addNumber(app, "--connections", options.limits.connections, "N",
-              "connections at a time, on each address")
+              "connections at a time: on each address of REST, and on all of gRPC together")
         ->check(range(1, kMostConnections));
     addNumber(app, "--max-body", options.limits.body, kBytes, "of a request's body");
     addNumber(app, "--max-json", options.limits.json, kBytes, "of a request's JSON part");

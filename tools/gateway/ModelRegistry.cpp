@@ -8,17 +8,20 @@ namespace kelm::gateway {
 
 std::shared_ptr<Model> ModelRegistry::find(const std::string& name,
                                            const std::string& version) const {
-    MutexLock lock(m_mutex);
-    const auto found = m_models.find(name);
-    if (found == m_models.end()) {
-        throw Failure(Cause::kNotFound, "there is no model '" + name + "'");
-    }
-    const std::string& serves = found->second->description().version;
+    auto model = lookUp(name);
+    if (model == nullptr) throw Failure(Cause::kNotFound, "there is no model '" + name + "'");
+    const std::string& serves = model->description().version;
     if (!version.empty() && version != serves) {
         throw Failure(Cause::kNotFound, "model '" + name + "' has no version '" + version +
                                             "'; version '" + serves + "' serves");
     }
-    return found->second;
+    return model;
+}
+
+std::shared_ptr<Model> ModelRegistry::lookUp(const std::string& name) const {
+    MutexLock lock(m_mutex);
+    const auto found = m_models.find(name);
+    return found != m_models.end() ? found->second : nullptr;
 }
 
 void ModelRegistry::put(std::shared_ptr<Model> model) {

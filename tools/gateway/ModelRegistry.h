@@ -19,6 +19,8 @@ class ModelRegistry : public NonCopyable {
     // Throws a Failure if there is none, or none of this version (empty: any).
     std::shared_ptr<Model> find(const std::string& name, const std::string& version = {}) const
         EXCLUDES(m_mutex);
+    // Null if there is none.
+    std::shared_ptr<Model> lookUp(const std::string& name) const EXCLUDES(m_mutex);
     // Replaces what has the same name; requests in flight end on that.
     void put(std::shared_ptr<Model> model) EXCLUDES(m_mutex);
     void remove(const std::string& name) EXCLUDES(m_mutex);

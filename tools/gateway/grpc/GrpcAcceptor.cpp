@@ -47,7 +47,7 @@ void GrpcAcceptor::run() {
         if (waits.front().revents != 0) return;
         errno = 0;
         for (size_t i = 0; i < m_sockets.size(); ++i) {
-            if (waits[i + 1].revents != 0) acceptAll(m_sockets[i]);
+            if (waits[i + 1].revents != 0) acceptSome(m_sockets[i]);
         }
         const bool isOut = errno == EMFILE || errno == ENFILE || errno == ENOBUFS;
         forgetClosed();
@@ -55,13 +55,15 @@ void GrpcAcceptor::run() {
     }
 }
 
-void GrpcAcceptor::acceptAll(const ListenSocket& socket) {
-    while (true) {
+// A part: peers may come faster than they are taken, and other sockets and the end must be seen.
+void GrpcAcceptor::acceptSome(const ListenSocket& socket) {
+    constexpr int kAtOnce = 64;
+    if (m_accepted.size() >= m_connections) forgetClosed();
+    for (int i = 0; i < kAtOnce; ++i) {
         UniqueFd fd(::accept4(socket.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd && (errno == ECONNABORTED || errno == EINTR)) continue;
         if (!fd) return;
         const auto inode = inodeOf(fd.get());
-        if (m_accepted.size() >= m_connections) forgetClosed();
         if (!inode || m_accepted.size() >= m_connections) continue;
         const int on = 1;
         (void)::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));

@@ -34,7 +34,7 @@ class GrpcAcceptor : public NonCopyable {
 
  private:
     void run();
-    void acceptAll(const ListenSocket& socket);
+    void acceptSome(const ListenSocket& socket);
     void forgetClosed();
 
     const std::vector<ListenSocket> m_sockets;

@@ -1,6 +1,7 @@
 #include "tools/gateway/grpc/GrpcCall.h"
 
 #include <exception>
+#include <string>
 
 #include "tools/gateway/Failure.h"
 #include "tools/gateway/grpc/GrpcLoop.h"
@@ -24,23 +25,46 @@ void GrpcCall::onArrived(bool ok) {
     m_loop.arrived(*this);
     m_loop.add(another());
     begin();
-    const GrpcLimits& limits = m_loop.limits();
-    if (m_loop.callsUnderWay() > limits.calls) {
-        return fail(Failure(Cause::kFull, "there are too many calls; try again later"));
+    try {
+        admit();
+    } catch (const Failure& failure) {
+        return fail(failure);
     }
-    m_mostTime = Clock::now() + limits.transfer + std::chrono::seconds(limits.message >> 20);
+    m_mostReading = timeFor(mostMessage());
     m_isReading = true;
     m_stream.Read(&m_message, &m_read);
 }
 
+void GrpcCall::admit() {
+    const size_t most = m_loop.limits().calls;
+    if (m_loop.answering() <= most) return;
+    throw Failure(Cause::kFull, "there are too many calls, more than " + std::to_string(most) +
+                                    "; try again later");
+}
+
+GrpcCall::Clock::time_point GrpcCall::timeFor(size_t bytes) const {
+    return Clock::now() + m_loop.limits().transfer + std::chrono::seconds(bytes >> 20);
+}
+
+void GrpcCall::beginWriting(size_t bytes) { m_mostWriting = timeFor(bytes); }
+
+size_t GrpcCall::mostMessage() { return m_loop.limits().plain; }
+
 void GrpcCall::onRead(bool ok) {
     m_isReading = false;
     m_hasMessage = ok;
-    m_messageBytes = m_message.Length();
+    grpc::ByteBuffer message;  // ends here: the call may last
+    message.Swap(&m_message);
+    m_messageBytes = message.Length();
     if (m_isLate) return dropIfOver();
     try {
         if (!m_hasMessage) throw Failure(Cause::kInvalid, "the call has no message");
-        serve(m_message);
+        if (m_messageBytes > mostMessage()) {
+            throw Failure(Cause::kTooLarge, "the message is larger than " +
+                                                std::to_string(mostMessage()) +
+                                                " bytes, the most for this method");
+        }
+        serve(message);
     } catch (const Failure& failure) {
         fail(failure);
     } catch (const std::exception& error) {
@@ -49,8 +73,12 @@ void GrpcCall::onRead(bool ok) {
 }
 
 void GrpcCall::look(Clock::time_point now) {
-    if (!m_isReading || m_isLate) return lookAtAnswer(now);
-    if (now <= m_mostTime) return;
+    if (isWriting()) {
+        if (now > *m_mostWriting) m_context.TryCancel();
+        return;
+    }
+    if (!m_isReading) return lookAtAnswer();
+    if (m_isLate || now <= m_mostReading) return;
     m_isLate = true;
     fail(Failure(Cause::kExpired, "the message took too long to come"));
 }

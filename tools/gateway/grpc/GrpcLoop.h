@@ -14,6 +14,7 @@
 
 #include "tools/gateway/grpc/GrpcCall.h"
 #include "tools/gateway/grpc/GrpcLimits.h"
+#include "tools/gateway/grpc/WatcherCount.h"
 #include "utils/Mutex.h"
 #include "utils/NonCopyable.h"
 
@@ -40,6 +41,9 @@ class GrpcLoop : public NonCopyable {
     const GrpcLimits& limits() const { return m_limits; }
     // How many calls peers have begun that are not over. Any thread.
     size_t callsUnderWay() const { return m_arrived; }
+    // Of these those that do not watch, and so will end by themselves.
+    size_t answering() const { return m_arrived - m_watchers.all(); }
+    WatcherCount& watchers() { return m_watchers; }
     grpc::ServerCompletionQueue& queue() { return *m_queue; }
     // Keeps the call and has it ask.
     void add(std::unique_ptr<GrpcCall> call);
@@ -66,6 +70,8 @@ class GrpcLoop : public NonCopyable {
     Mutex m_mutex;
     grpc::Alarm m_wake GUARDED_BY(m_mutex);
     std::vector<GrpcCall::Tag*> m_posted GUARDED_BY(m_mutex);  // not empty: the thread is woken
+
+    WatcherCount m_watchers;  // outlives the calls
     std::unordered_map<GrpcCall*, Kept> m_calls;
     std::atomic<size_t> m_arrived{0};  // atomic: a count, which guards nothing
     bool m_isEnding = false;

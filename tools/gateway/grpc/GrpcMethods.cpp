@@ -133,13 +133,10 @@ HealthCheckResponse::ServingStatus healthOf(const Gateway& gateway, const std::s
     if (service.empty() || service == inference::GRPCInferenceService::service_full_name()) {
         return gateway.isReady() ? HealthCheckResponse::SERVING : HealthCheckResponse::NOT_SERVING;
     }
-    try {
-        const auto model = gateway.models().find(service);
-        return gateway.isReady() && model->whyNot().empty() ? HealthCheckResponse::SERVING
-                                                            : HealthCheckResponse::NOT_SERVING;
-    } catch (const Failure&) {
-        return HealthCheckResponse::SERVICE_UNKNOWN;
-    }
+    const auto model = gateway.models().lookUp(service);
+    if (model == nullptr) return HealthCheckResponse::SERVICE_UNKNOWN;
+    return gateway.isReady() && model->whyNot().empty() ? HealthCheckResponse::SERVING
+                                                        : HealthCheckResponse::NOT_SERVING;
 }
 
 std::vector<std::unique_ptr<GrpcCall>> makePlainCalls(GrpcLoop& loop, GrpcServices& services,

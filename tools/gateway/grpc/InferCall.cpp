@@ -2,6 +2,7 @@
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/wire_format_lite.h>
+#include <grpc/support/time.h>
 #include <grpcpp/support/slice.h>
 
 #include <algorithm>
@@ -51,10 +52,13 @@ Shape readShape(const Request::InferInputTensor& input) {
 
 // The time that the caller gives it; nothing if that is no limit.
 std::optional<microseconds> timeLeft(const grpc::ServerContext& context) {
-    const auto deadline = context.deadline();
-    if (deadline == std::chrono::system_clock::time_point::max()) return std::nullopt;
-    const auto left = deadline - std::chrono::system_clock::now();
-    return std::min(std::chrono::duration_cast<microseconds>(left), microseconds(kLongestTimeout));
+    // gRPC's own time: one of <chrono> overflows with centuries, which a peer may ask for.
+    const gpr_timespec deadline = context.raw_deadline();
+    if (::gpr_time_cmp(deadline, ::gpr_inf_future(deadline.clock_type)) == 0) return std::nullopt;
+    const gpr_timespec left = ::gpr_time_sub(deadline, ::gpr_now(deadline.clock_type));
+    // At most 24 days.
+    const std::chrono::milliseconds bounded(::gpr_time_to_millis(left));
+    return std::min<microseconds>(bounded, microseconds(kLongestTimeout));
 }
 
 // What stands before a raw content, so that its bytes are the next slice.
@@ -82,6 +86,8 @@ grpc::Slice makeSlice(std::span<const std::byte> bytes, std::shared_ptr<Inferenc
 void InferCall::request(CallStream& to, void* tag) {
     m_services.inference.request(GrpcServices::kModelInfer, context(), to, loop().queue(), tag);
 }
+
+size_t InferCall::mostMessage() { return loop().limits().message; }
 
 std::unique_ptr<GrpcCall> InferCall::another() {
     return std::make_unique<InferCall>(loop(), m_services, gateway());

@@ -26,6 +26,7 @@ class InferCall final : public UnaryCall {
 
  private:
     void request(CallStream& stream, void* tag) override;
+    size_t mostMessage() override;
     std::unique_ptr<GrpcCall> another() override;
     void serve(grpc::ByteBuffer& message) override;
     void onCanceled() override;

@@ -1,6 +1,5 @@
 #include "tools/gateway/grpc/UnaryCall.h"
 
-#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -44,8 +43,7 @@ std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::
 void UnaryCall::answer(const grpc::ByteBuffer& bytes) {
     context().AddInitialMetadata(kRequestId, m_record.id);
     m_record.bytesOut = bytes.Length();
-    m_mostTime =
-        Clock::now() + loop().limits().transfer + std::chrono::seconds(bytes.Length() >> 20);
+    beginWriting(bytes.Length());
     stream().WriteAndFinish(bytes, {}, grpc::Status::OK, &m_answered);
 }
 
@@ -57,13 +55,9 @@ void UnaryCall::fail(const Failure& failure) {
     context().AddTrailingMetadata(kRequestId, m_record.id);
     // What stock clients with a policy to try again go by.
     if (isAgain) context().AddTrailingMetadata("grpc-retry-pushback-ms", "1000");
-    m_mostTime = Clock::now() + loop().limits().transfer;
+    beginWriting(m_record.error.size());
     stream().Finish({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()},
                     &m_answered);
-}
-
-void UnaryCall::lookAtAnswer(Clock::time_point now) {
-    if (m_mostTime && now > *m_mostTime) context().TryCancel();
 }
 
 void UnaryCall::onDone() {
@@ -71,7 +65,7 @@ void UnaryCall::onDone() {
 }
 
 void UnaryCall::onAnswered(bool) {
-    m_mostTime.reset();
+    endWriting();
     m_isAnswered = true;
     dropIfOver();
 }

@@ -3,7 +3,6 @@
 #include <grpcpp/support/byte_buffer.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "tools/gateway/Gateway.h"
@@ -35,8 +34,6 @@ class UnaryCall : public GrpcCall {
 
  private:
     void begin() override;
-    // Ends it when the peer does not read the answer.
-    void lookAtAnswer(Clock::time_point now) override;
     void onDone() override;
     void dropIfOver() override;
     void onAnswered(bool ok);
@@ -45,8 +42,6 @@ class UnaryCall : public GrpcCall {
     Tag m_answered;
     RequestRecord m_record;
     bool m_isAnswered = false;
-    // When the peer should have read the answer.
-    std::optional<Clock::time_point> m_mostTime;
 };
 
 }  // namespace kelm::gateway

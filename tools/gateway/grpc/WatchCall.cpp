@@ -1,6 +1,7 @@
 #include "tools/gateway/grpc/WatchCall.h"
 
 #include <memory>
+#include <string>
 
 #include "tools/gateway/grpc/GrpcLoop.h"
 #include "tools/gateway/grpc/GrpcMethods.h"
@@ -13,6 +14,12 @@ namespace {
 using grpc::health::v1::HealthCheckRequest;
 using grpc::health::v1::HealthCheckResponse;
 
+void requireAtMost(size_t most, size_t count, const char* whose) {
+    if (count <= most) return;
+    throw Failure(Cause::kFull, std::string("there are too many watchers") + whose +
+                                    ", more than " + std::to_string(most) + "; try again later");
+}
+
 }  // namespace
 
 WatchCall::WatchCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gateway,
@@ -22,6 +29,23 @@ WatchCall::WatchCall(GrpcLoop& owner, GrpcServices& services, const Gateway& gat
       m_gateway(gateway),
       m_isEnding(isEnding),
       m_written(tag(&WatchCall::onWritten)) {}
+
+WatchCall::~WatchCall() {
+    if (!m_peer.empty()) loop().watchers().remove(m_peer);
+}
+
+void WatchCall::begin() {
+    m_peer = context().peer();
+    loop().watchers().add(m_peer);
+}
+
+void WatchCall::admit() {
+    const WatcherCount& count = loop().watchers();
+    requireAtMost(loop().limits().watchers, count.all(), "");
+    // Connections by Unix sockets have one name.
+    if (m_peer.starts_with("unix:")) return;
+    requireAtMost(loop().limits().watchersOfPeer, count.of(m_peer), " of one connection");
+}
 
 void WatchCall::request(CallStream& to, void* tag) {
     m_services.health.request(GrpcServices::kWatch, context(), to, loop().queue(), tag);
@@ -33,35 +57,36 @@ std::unique_ptr<GrpcCall> WatchCall::another() {
 
 void WatchCall::serve(grpc::ByteBuffer& message) {
     m_service = parseProto<HealthCheckRequest>(message).service();
-    lookAtAnswer(Clock::now());
+    lookAtAnswer();
 }
 
-void WatchCall::lookAtAnswer(Clock::time_point) {
-    if (m_isWriting || m_isFinished || isDone()) return;
+void WatchCall::lookAtAnswer() {
+    if (m_isFinished || isDone()) return;
     if (m_isEnding) return fail(Failure(Cause::kUnavailable, "the gateway ends"));
     const auto status = healthOf(m_gateway, m_service);
     if (status == m_told) return;
     m_told = status;
     HealthCheckResponse response;
     response.set_status(status);
-    m_isWriting = true;
-    stream().Write(toBytes(response), &m_written);
+    const grpc::ByteBuffer bytes = toBytes(response);
+    beginWriting(bytes.Length());
+    stream().Write(bytes, &m_written);
 }
 
 void WatchCall::onWritten(bool) {
-    m_isWriting = false;
+    endWriting();
     dropIfOver();
 }
 
 void WatchCall::fail(const Failure& failure) {
-    m_isWriting = true;
+    beginWriting(0);
     m_isFinished = true;
     stream().Finish({static_cast<grpc::StatusCode>(failure.grpcCode()), failure.what()},
                     &m_written);
 }
 
 void WatchCall::dropIfOver() {
-    if (isDone() && !m_isWriting) loop().drop(*this);
+    if (isDone() && !isWriting()) loop().drop(*this);
 }
 
 }  // namespace kelm::gateway

@@ -22,13 +22,16 @@ class WatchCall final : public GrpcCall {
     // The call ends when `isEnding`.
     WatchCall(GrpcLoop& loop, GrpcServices& services, const Gateway& gateway,
               const std::atomic<bool>& isEnding);
+    ~WatchCall() override;
 
  private:
     void request(CallStream& stream, void* tag) override;
     std::unique_ptr<GrpcCall> another() override;
+    void begin() override;
+    void admit() override;
     void serve(grpc::ByteBuffer& message) override;
     void fail(const Failure& failure) override;
-    void lookAtAnswer(Clock::time_point now) override;
+    void lookAtAnswer() override;
     void dropIfOver() override;
     void onWritten(bool ok);
 
@@ -36,9 +39,9 @@ class WatchCall final : public GrpcCall {
     const Gateway& m_gateway;
     const std::atomic<bool>& m_isEnding;
     Tag m_written;
+    std::string m_peer;  // who watches; empty: nobody has called yet
     std::string m_service;
     std::optional<grpc::health::v1::HealthCheckResponse::ServingStatus> m_told;
-    bool m_isWriting = false;
     bool m_isFinished = false;
 };
 
