@@ -28,8 +28,11 @@ TEST(ModelDescriptionTest, MistakesAreRefusedWithTheirReason) {
     const auto tensor = [](const std::string& members) {
         return describe(R"({"name": "x", )" + members + "}");
     };
-    std::string many = "{}";
-    for (int i = 0; i < 1000000; ++i) many += ",{}";
+    std::string many = "{}", wide = "x";
+    for (int i = 0; i < 1000000; ++i) {
+        many += ",{}";
+        wide += "\u00e9";
+    }
     struct Row {
         std::string text;
         const char* reason;
@@ -42,6 +45,7 @@ TEST(ModelDescriptionTest, MistakesAreRefusedWithTheirReason) {
         {describe(many), "1 to 256 tensors"},  // in seconds, not in minutes
         {describe(kTensor, R"(, "windw": 1)"), "unknown key 'windw'"},
         {describe(kTensor, R"(, "graph": "h")"), "'graph' twice"},
+        {describe(kTensor, ", \"" + wide + "\": 1"), "\u00e9...\u00e9"},
         {describe(kTensor, R"(, "priority": 16)"), "'priority' must be a whole number"},
         {describe(kTensor, R"(, "priority": -1)"), "'priority' must be a whole number"},
         {describe(kTensor, R"(, "queue": 1.5)"), "'queue' must be a whole number"},

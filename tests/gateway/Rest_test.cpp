@@ -164,6 +164,7 @@ TEST_F(RestTest, MalformedRequestsAreRefusedAndOthersServed) {
           R"("outputs":[{"name":"x"}])", R"("outputs":[{"name":"o"},{"name":"o"}])"}) {
         refuse(kOk.substr(0, kOk.size() - 1) + "," + more + "}");
     }
+    refuse(kOk.substr(0, kOk.size() - 1) + R"(,"id":")" + std::string(1025, 'x') + "\"}");
     for (const auto& [request, status] : rows) {
         SCOPED_TRACE(request.substr(0, 400));
         RawPeer peer = connect();
