@@ -164,6 +164,7 @@ TEST_F(RestTest, MalformedRequestsAreRefusedAndOthersServed) {
           R"("outputs":[{"name":"x"}])", R"("outputs":[{"name":"o"},{"name":"o"}])"}) {
         refuse(kOk.substr(0, kOk.size() - 1) + "," + more + "}");
     }
+    refuse(kOk.substr(0, kOk.size() - 1) + R"(,"id":")" + std::string(1025, 'x') + "\"}");
     for (const auto& [request, status] : rows) {
         SCOPED_TRACE(request.substr(0, 400));
         RawPeer peer = connect();
@@ -222,6 +223,10 @@ TEST_F(RestTest, PeerThatHangsUpTakesItsRequestWithIt) {
     gone.close();
     ASSERT_TRUE(eventually([&] { return engine.held() == 1; }));
     half.endSending();
+    RawPeer cut = connect(post(kOk).substr(0, 120));
+    cut.endSending();
+    EXPECT_THAT(cut.answer(), AllOf(StartsWith("HTTP/1.1 400"), HasSubstr("Connection: close")));
+    EXPECT_TRUE(cut.isClosed());
     EXPECT_TRUE(eventually([&] { return gateway->models().find("m")->entered() == 0; }));
 }
 
@@ -259,6 +264,16 @@ TEST_F(RestTest, SlowAndTooManyPeersAreClosed) {
         EXPECT_TRUE(late->isClosed());
     }
     ASSERT_TRUE(eventually([&] { return server->stop(0ms); }));
+}
+
+TEST_F(RestTest, FewOfTheRefusedAreWaitedFor) {
+    serve({.connections = 1, .linger = 100s});
+    std::list<RawPeer> peers;
+    for (int i = 0; i < 200; ++i) peers.emplace_back(server->port());
+    for (auto each = std::next(peers.begin()); each != peers.end(); ++each) {
+        EXPECT_THAT(each->answer(), StartsWith("HTTP/1.1 503"));
+    }
+    EXPECT_EQ(gateway->metrics().connections(Protocol::kRest), 65);
 }
 
 TEST_F(RestTest, StopAnswersWhatIsUnderWay) {

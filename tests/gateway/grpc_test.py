@@ -213,6 +213,7 @@ class GrpcTest(SimulatedGatewayTest):
             ("INVALID_ARGUMENT", shaped(shape=[1] * 17)),
             ("INVALID_ARGUMENT", shaped(shape=[2**62, 4])),
             ("INVALID_ARGUMENT", {"inputs": [twice] * 257} | raw),
+            ("INVALID_ARGUMENT", raw | {"id": "x" * 1025}),
             ("INVALID_ARGUMENT", raw | {"outputs": [wanted(name="x")]}),
             ("INVALID_ARGUMENT", raw | {"outputs": [wanted(name="out")] * 2}),
             ("INVALID_ARGUMENT", raw | {"parameters": {"timeout": number(int64_param=-1)}}),

@@ -4,6 +4,8 @@
 #include <array>
 
 #include "kelm/kelm.h"
+#include "tools/gateway/RequestRules.h"
+#include "utils/Utf8.h"
 
 namespace kelm::gateway {
 
@@ -40,7 +42,22 @@ Cause causeOf(int error) {
     return row != std::end(kRows) ? row->cause : Cause::kInternal;
 }
 
+// Texts quote what clients have sent, which may be megabytes; how they begin and end tells more
+// than its middle.
+std::string shorten(const std::string& text) {
+    constexpr size_t kHead = 380;  // bytes
+    constexpr size_t kTail = 128;
+    if (text.size() <= kHead + kTail) return text;
+    const auto isInside = [](char each) { return (static_cast<unsigned char>(each) >> 6) == 2; };
+    size_t tail = text.size() - kTail;
+    while (tail < text.size() && isInside(text[tail])) ++tail;  // the rest of a character
+    return std::string(Utf8::head(text, kHead)) + "..." + text.substr(tail);
+}
+
 }  // namespace
+
+Failure::Failure(Cause why, const std::string& text)
+    : std::runtime_error(shorten(text)), m_cause(why) {}
 
 Failure Failure::ofKelm(int error, const std::string& text) {
     return {causeOf(error),
@@ -51,5 +68,11 @@ unsigned Failure::httpStatus() const { return kCodes[static_cast<size_t>(m_cause
 int Failure::grpcCode() const { return kCodes[static_cast<size_t>(m_cause)].grpc; }
 
 void refuse(const std::string& text) { throw Failure(Cause::kInvalid, text); }
+
+void requireShort(std::string_view text, const char* key) {
+    if (text.size() <= kLongestText) return;
+    refuse(std::string("'") + key + "' must have at most " + std::to_string(kLongestText) +
+           " bytes");
+}
 
 }  // namespace kelm::gateway

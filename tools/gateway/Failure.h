@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace kelm::gateway {
 
@@ -18,10 +19,10 @@ enum class Cause {
     kInternal
 };
 
-// A request that failed; what() is one line for the client.
+// A request that failed; what() is one line for the client, of a long text its two ends.
 class Failure : public std::runtime_error {
  public:
-    Failure(Cause why, const std::string& text) : std::runtime_error(text), m_cause(why) {}
+    Failure(Cause why, const std::string& text);
     // Of an error of libkelm or the service, whose name and code end the text.
     static Failure ofKelm(int error, const std::string& text);
 
@@ -35,5 +36,7 @@ class Failure : public std::runtime_error {
 
 // Throws one for a request that is not as it must be.
 [[noreturn]] void refuse(const std::string& text);
+// Throws one if a text of a request is longer than kLongestText.
+void requireShort(std::string_view text, const char* key);
 
 }  // namespace kelm::gateway

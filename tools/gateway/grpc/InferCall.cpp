@@ -50,6 +50,15 @@ Shape readShape(const Request::InferInputTensor& input) {
     return {shape.begin(), shape.end()};
 }
 
+void requireShortTexts(const Request& request) {
+    requireShort(request.id(), "id");
+    for (const auto& each : request.inputs()) {
+        requireShort(each.name(), "name");
+        requireShort(each.datatype(), "datatype");
+    }
+    for (const auto& each : request.outputs()) requireShort(each.name(), "name");
+}
+
 // The time that the caller gives it; nothing if that is no limit.
 std::optional<microseconds> timeLeft(const grpc::ServerContext& context) {
     // gRPC's own time: one of <chrono> overflows with centuries, which a peer may ask for.
@@ -97,6 +106,7 @@ void InferCall::serve(grpc::ByteBuffer& bytes) {
     const auto message = InferMessage::read(bytes, loop().limits().text);
     const Request& request = message.request;
     const auto model = findModel(request.model_name(), request.model_version());
+    requireShortTexts(request);
     const Inference::Wish wish = readWish(request);
     const ModelDescription& about = model->description();
     std::vector<std::string> names;

@@ -33,6 +33,7 @@ void UnaryCall::begin() {
 }
 
 std::shared_ptr<Model> UnaryCall::findModel(const std::string& name, const std::string& version) {
+    requireShort(name, "model_name");
     m_record.model = name;
     auto model = m_gateway.models().find(name, version);
     m_record.version = model->description().version;

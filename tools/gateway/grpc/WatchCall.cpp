@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "tools/gateway/Failure.h"
 #include "tools/gateway/grpc/GrpcLoop.h"
 #include "tools/gateway/grpc/GrpcMethods.h"
 #include "tools/gateway/grpc/ProtoBytes.h"
@@ -57,6 +58,7 @@ std::unique_ptr<GrpcCall> WatchCall::another() {
 
 void WatchCall::serve(grpc::ByteBuffer& message) {
     m_service = parseProto<HealthCheckRequest>(message).service();
+    requireShort(m_service, "service");
     lookAtAnswer();
 }
 

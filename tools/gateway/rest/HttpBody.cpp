@@ -22,6 +22,11 @@ HttpBody::HttpBody(HttpStream& stream, boost::beast::flat_buffer& buffer, HttpPa
     m_remaining = length ? *length : 0;
 }
 
+bool HttpBody::hasPeerEnded() const {
+    return m_failure == boost::asio::error::eof || m_failure == http::error::partial_message ||
+           m_failure == boost::asio::ssl::error::stream_truncated;
+}
+
 size_t HttpBody::takeBuffered(std::span<std::byte> into) {
     const size_t count = std::min(into.size(), m_buffer.size());
     std::memcpy(into.data(), m_buffer.data().data(), count);
@@ -38,6 +43,7 @@ void HttpBody::readSome(std::span<std::byte> into, const DoneSome& done) {
         return http::async_read(m_stream, m_buffer, m_parser,
                                 [this, room = into.size(), done](Error error, size_t) {
                                     if (error == http::error::need_buffer) error = {};
+                                    m_failure = error;
                                     const size_t count = room - m_parser.get().body().size;
                                     m_received += count;
                                     done(error, count);
@@ -51,6 +57,7 @@ void HttpBody::readSome(std::span<std::byte> into, const DoneSome& done) {
     m_stream.async_read_some(boost::asio::buffer(into.data(), into.size()),
                              [this, done](const Error& error, size_t count) {
                                  take(count);
+                                 m_failure = error;
                                  done(error, count);
                              });
 }

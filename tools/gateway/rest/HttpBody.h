@@ -37,6 +37,10 @@ class HttpBody {
     uint64_t received() const { return m_received; }  // bytes
     bool isAtEnd() const { return isChunked() ? m_parser.is_done() : m_remaining == 0; }
 
+    // Whether the connection ended, or what came was no body: there is nothing to read behind it.
+    bool hasFailed() const { return m_failure.failed(); }
+    bool hasPeerEnded() const;
+
     // Asked before memory is spent on so many bytes more; no_buffer_space if it says false.
     using Charge = std::function<bool(size_t bytes)>;
 
@@ -64,6 +68,7 @@ class HttpBody {
     HttpParser& m_parser;
     uint64_t m_remaining = 0;
     uint64_t m_received = 0;
+    Error m_failure;
 };
 
 }  // namespace kelm::gateway

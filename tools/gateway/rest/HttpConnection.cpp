@@ -57,8 +57,12 @@ void HttpConnection::refuse() {
     post([this] {
         if (m_stream.isTls()) return close();  // a handshake is what costs
         m_isServing = true;
-        write(HttpReply::ofError(503, "there are too many connections; try again later"), false);
+        write(refusal(), false);
     });
+}
+
+HttpReply HttpConnection::refusal() {
+    return HttpReply::ofError(503, "there are too many connections; try again later");
 }
 
 void HttpConnection::stop() {
@@ -157,6 +161,7 @@ void HttpConnection::onHead(const Error& error) {
         error && error.category() == make_error_code(http::error::end_of_stream).category() &&
         error != http::error::end_of_stream;
     if (error && !isParsers) return close();
+    m_hasPeerEnded = error == http::error::partial_message;
     if (error) return write(replyTo(error), false);
     const auto id = request()["X-Request-Id"];
     m_record.id = pickRequestId({id.data(), id.size()});
@@ -219,7 +224,8 @@ void HttpConnection::reply(HttpReply answer) {
     m_work.reset();
     // What is left of a refused body, if little, is cheaper than a new connection.
     const bool isLittle = m_body->remaining() <= m_service.limits.drop && !m_wantsContinue;
-    const bool mayStay = request().keep_alive() && !m_service.isStopping && !m_isLate;
+    const bool mayStay =
+        request().keep_alive() && !m_service.isStopping && !m_isLate && !m_body->hasFailed();
     write(std::move(answer), mayStay && (m_body->isAtEnd() || isLittle));
 }
 
@@ -263,6 +269,8 @@ void HttpConnection::onWritten(const Error& error, size_t count, bool keepAlive)
 
 // A close while the peer still sends would take the answer from it.
 void HttpConnection::linger() {
+    // That was told once; who reads again is not told.
+    if (m_hasPeerEnded || (m_body && m_body->hasPeerEnded())) return close();
     Error ignored;
     m_stream.socket().shutdown(HttpSocket::shutdown_send, ignored);
     limitTime(m_service.limits.linger);

@@ -35,6 +35,7 @@ class HttpConnection final : public NonCopyable,
     void start();
     // Answers 503 in place of all else.
     void refuse();
+    static HttpReply refusal();
     // Ends it now if no request is under way, else after the answer. Any thread.
     void stop();
     // Ends it at once. Any thread.
@@ -91,6 +92,7 @@ class HttpConnection final : public NonCopyable,
     HttpReply m_answer;
     RequestRecord m_record;
     bool m_isServing = false;
+    bool m_hasPeerEnded = false;   // in the middle of a head
     bool m_isReading = false;      // a request, which has its time
     bool m_isLate = false;         // it took longer
     bool m_isWatching = false;     // a read is pending that tells a hang-up

@@ -13,12 +13,14 @@
 #include <future>
 #include <iterator>
 #include <list>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "tools/gateway/rest/HttpConnection.h"
 #include "utils/Mutex.h"
+#include "utils/UniqueFd.h"
 
 namespace kelm::gateway {
 
@@ -44,6 +46,14 @@ class Loop : public NonCopyable {
     asio::executor_work_guard<asio::io_context::executor_type> m_guard;
     std::thread m_thread;
 };
+
+// Refuses a peer at no cost but this. One that has sent something may lose the answer.
+void dismiss(int fd, bool isTls) {
+    static const HttpReply refusal = HttpConnection::refusal();
+    static const std::string answer = refusal.makeHead(false) + refusal.text;
+    const UniqueFd peer(fd);
+    if (!isTls) (void)::send(fd, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
 
 }  // namespace
 
@@ -102,7 +112,8 @@ void HttpServer::Impl::accept() {
 
 void HttpServer::Impl::acceptAll() {
     constexpr std::chrono::milliseconds kOutOfDescriptors(100);
-    while (!m_service.isStopping) {
+    constexpr int kInARow = 64;  // then the loop's connections have their turn
+    for (int i = 0; i < kInARow && !m_service.isStopping; ++i) {
         const int fd = ::accept4(m_socket.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd >= 0) {
             take(fd);
@@ -112,18 +123,22 @@ void HttpServer::Impl::acceptAll() {
                 if (!error) accept();
             });
         } else if (errno != ECONNABORTED && errno != EINTR) {
-            return accept();
+            break;
         }
     }
+    accept();
 }
 
 void HttpServer::Impl::take(int fd) {
+    constexpr size_t kMostRefused = 64;  // that wait until their peers have read so
+    const size_t limit = m_service.limits.connections;
+    if (m_service.connections >= limit + kMostRefused) return dismiss(fd, m_service.tls != nullptr);
     const int on = 1;
     (void)::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));  // no effect on paths
     auto loop = m_loops.begin();
     std::advance(loop, m_next++ % m_loops.size());
     HttpSocket socket(loop->context(), asio::generic::stream_protocol(m_socket.family(), 0), fd);
-    const bool isTooMany = m_service.connections >= m_service.limits.connections;
+    const bool isTooMany = m_service.connections >= limit;
     const auto connection = std::make_shared<HttpConnection>(std::move(socket), m_service);
     {
         MutexLock lock(m_mutex);

@@ -26,6 +26,7 @@ void requireObject(const json& value, const std::string& what) {
 std::string readText(const json& object, const char* key) {
     const json& value = memberOf(object, key);
     if (!value.is_string()) refuse(std::string("'") + key + "' must be a string");
+    requireShort(value.get_ref<const std::string&>(), key);
     return value.get<std::string>();
 }
 
