@@ -33,6 +33,12 @@ function(kelm_protos name)
     target_compile_definitions(${name} PUBLIC ABSL_BASE_INTERNAL_THREAD_ANNOTATIONS_H_)
     # As the library was built, whose maps are laid out in another way with this sanitizer.
     target_compile_options(${name} PRIVATE -U__SANITIZE_THREAD__)
+    # The ends of shared pointers that programs export take the place of the library's own. The sanitizer
+    # would see them in its threads as ours, and not how it counts.
+    if(KELM_SANITIZE STREQUAL "thread")
+        target_link_options(${name} INTERFACE
+            LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/OwnSharedPointers.map)
+    endif()
     # Without their compiler flags, which our precompiled headers do not have.
     target_link_libraries(${name} PUBLIC $<LINK_ONLY:gRPC::grpc++> $<LINK_ONLY:protobuf::libprotobuf>)
 endfunction()

@@ -223,11 +223,11 @@ TEST_F(RestTest, PeerThatHangsUpTakesItsRequestWithIt) {
     gone.close();
     ASSERT_TRUE(eventually([&] { return engine.held() == 1; }));
     half.endSending();
+    EXPECT_TRUE(eventually([&] { return gateway->models().find("m")->entered() == 0; }));
     RawPeer cut = connect(post(kOk).substr(0, 120));
     cut.endSending();
     EXPECT_THAT(cut.answer(), AllOf(StartsWith("HTTP/1.1 400"), HasSubstr("Connection: close")));
     EXPECT_TRUE(cut.isClosed());
-    EXPECT_TRUE(eventually([&] { return gateway->models().find("m")->entered() == 0; }));
 }
 
 TEST_F(RestTest, PipelinedRequestsWaitForTheirTurn) {

@@ -82,7 +82,7 @@ bool stopAll(std::list<HttpServer>& servers, GrpcServer* grpc, std::chrono::seco
 void endBy(std::chrono::steady_clock::time_point end) {
     std::thread([end] {
         std::this_thread::sleep_until(end);
-        say("the service does not answer; ends without it");
+        say("what the service still has does not end; ends without it");
         std::_Exit(0);
     }).detach();
 }
