@@ -252,7 +252,7 @@ TEST_F(RestTest, PipelinedRequestsWaitForTheirTurn) {
 }
 
 TEST_F(RestTest, SlowAndTooManyPeersAreClosed) {
-    serve({.connections = 3, .idle = 50ms, .headTime = 50ms, .transfer = 50ms});
+    serve({.connections = 3, .idle = 1s, .headTime = 200ms, .transfer = 200ms});
     RawPeer idle = connect(), head = connect(), body = connect();
     ASSERT_THAT(head.send("GET /v2 HTTP/1.1\r\nHost: h\r\n\r\n").answer(),
                 StartsWith("HTTP/1.1 200"));
